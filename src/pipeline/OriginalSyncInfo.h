@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarn {
+
+/// One row of a source's edit list (ISO/IEC 14496-12 8.6.6), as read.
+struct OriginalEditListEntry {
+  int64_t duration = 0;   ///< movie timescale
+  int64_t mediaTime = 0;  ///< track timescale; -1 for an empty edit
+  int32_t mediaRate = 0;
+
+  bool operator==(const OriginalEditListEntry&) const = default;
+};
+
+/// How a file's tracks stood to each other before any repair: what one step of a run finds out and a later step needs.
+/// It lives in memory for one run.
+struct OriginalSyncInfo {
+  std::vector<OriginalEditListEntry> videoEditList;  ///< at most 16 rows
+  int64_t videoMediaStartMovieTime = 0;              ///< leading empty edits, movie timescale
+  int64_t videoFirstCts = 0;                         ///< first composition offset, video timescale
+  uint32_t videoTrackTimescale = 0;
+  std::vector<OriginalEditListEntry> audioEditList;  ///< at most 16 rows; empty without an audio track
+  int64_t audioMediaStartMovieTime = 0;              ///< leading empty edits, movie timescale
+  int64_t audioMediaTime = 0;                        ///< of the first row that is not empty, audio timescale
+  uint32_t audioTrackTimescale = 48000;
+  int64_t audioEncoderDelay = 2112;  ///< default delay of the codec, audio timescale
+  int64_t syncOffsetMovieTime = 0;   ///< audio start minus video start, movie timescale: positive when audio is late
+  uint32_t movieTimescale = 0;
+  double syncOffsetSeconds = 0;
+
+  std::string text() const;
+};
+
+}  // namespace tarn

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pipeline/ProcessingStage.h"
+#include "platform/Bytes.h"
+#include "platform/Clock.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// How far one download's run has come: a plain value, stored as a checkpoint.
+struct ProcessingState {
+  int64_t downloadId = 0;
+  std::string filename;              ///< under which the result is stored and saved
+  std::optional<std::string> album;  ///< Photos album to save into
+  Path fileURL;                      ///< absolute path of the video that the stages work on
+  ProcessingStage stage = ProcessingStage::downloaded;
+  std::vector<Path> tempFiles;  ///< made by the run and not yet disposed of; no duplicates
+  std::optional<std::string> error;
+  Date lastUpdated;  ///< last change of `stage`
+  bool needsRemuxing = false;
+  bool needsAudioTranscode = false;
+  bool skipAVSync = false;
+  std::optional<double> videoFirstPTS;  ///< seconds
+
+  void removeTempFile(const Path& url);
+  void addTempFile(const Path& url);
+};
+
+using ProcessingStates = std::map<int64_t, ProcessingState>;
+
+/// The stored document: UTF-8 JSON, one flat array in which ids and records alternate. Dates are seconds since
+/// 2001-01-01 UTC, files are file URLs.
+Bytes encodeProcessingStates(const ProcessingStates& states);
+
+/// Throws Error when the document is not of this form as a whole: one bad record is enough.
+ProcessingStates decodeProcessingStates(ByteView document);
+
+}  // namespace tarn

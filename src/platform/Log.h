@@ -1,0 +1,26 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <functional>
+#include <string_view>
+#include <utility>
+
+namespace tarn {
+
+/// Receives each log line, without its line end. Called from any thread, one call at a time.
+using LogSink = std::function<void(std::string_view line)>;
+
+/// Sends the log somewhere else than standard output; an empty sink brings standard output back. Thread-safe.
+void setLogSink(LogSink sink);
+
+/// Writes one line to the log. Thread-safe; never throws.
+void logLine(std::string_view line) noexcept;
+
+/// Formats and writes one line to the log: log("Download queued: {}", id).
+template <typename... Arguments>
+void log(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+  logLine(fmt::format(format, std::forward<Arguments>(arguments)...));
+}
+
+}  // namespace tarn

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarn {
+
+/// A URL's absolute text and its parts, as far as the engine needs them.
+struct URL {
+  std::string text;    ///< absolute text, as given
+  std::string scheme;  ///< lower case
+  std::string path;    ///< percent-encoded, without query and fragment
+
+  /// Parses an absolute http or https URL with a host; nothing for any other text, for control characters or blanks.
+  static std::optional<URL> parse(std::string_view text);
+
+  /// The last part of the path, percent-decoded; empty when the path ends in "/".
+  std::string lastPathComponent() const;
+};
+
+/// Percent-decodes; nothing for a broken escape.
+std::optional<std::string> percentDecode(std::string_view text);
+
+}  // namespace tarn
