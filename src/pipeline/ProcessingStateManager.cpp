@@ -12,43 +12,54 @@ ProcessingStateManager::ProcessingStateManager(UserDefaults& defaults, FileManag
 
 void ProcessingStateManager::saveState(const ProcessingState& state) {
   std::lock_guard guard(lock_);
-  ProcessingStates states = loadAllStatesUnsafe();
-  states.insert_or_assign(state.downloadId, state);
-  saveStates(states);
+  auto states = loadAllStatesUnsafe();
+  if (!states) return;
+  states->insert_or_assign(state.downloadId, state);
+  saveStates(*states);
   log("Saved processing state for download {}: {}", state.downloadId, description(state.stage));
 }
 
 std::optional<ProcessingState> ProcessingStateManager::loadState(int64_t id) {
   std::lock_guard guard(lock_);
-  ProcessingStates states = loadAllStatesUnsafe();
-  auto found = states.find(id);
-  if (found == states.end()) return std::nullopt;
+  auto states = loadAllStatesUnsafe();
+  if (!states) return std::nullopt;
+  auto found = states->find(id);
+  if (found == states->end()) return std::nullopt;
   return found->second;
 }
 
 void ProcessingStateManager::removeState(int64_t id) {
   std::lock_guard guard(lock_);
-  ProcessingStates states = loadAllStatesUnsafe();
-  states.erase(id);
-  saveStates(states);
+  auto states = loadAllStatesUnsafe();
+  if (!states) return;
+  states->erase(id);
+  saveStates(*states);
   log("Removed processing state for download {}", id);
 }
 
 std::vector<ProcessingState> ProcessingStateManager::allPendingStates() {
-  std::lock_guard guard(lock_);
-  std::vector<ProcessingState> pending;
-  for (const auto& [id, state] : loadAllStatesUnsafe()) {
-    if (!isFinal(state.stage)) pending.push_back(state);
-  }
+  std::vector<ProcessingState> pending = allStates();
+  std::erase_if(pending, [](const ProcessingState& state) { return isFinal(state.stage); });
   std::ranges::sort(pending, {}, &ProcessingState::lastUpdated);
   return pending;
 }
 
+std::vector<ProcessingState> ProcessingStateManager::allStates() {
+  std::lock_guard guard(lock_);
+  std::vector<ProcessingState> all;
+  if (auto states = loadAllStatesUnsafe()) {
+    for (auto& [id, state] : *states) all.push_back(std::move(state));
+  }
+  return all;
+}
+
 void ProcessingStateManager::clearAllStates() {
   std::lock_guard guard(lock_);
-  for (const auto& [id, state] : loadAllStatesUnsafe()) cleanupTempFilesUnsafe(state);
+  if (auto states = loadAllStatesUnsafe()) {
+    for (const auto& [id, state] : *states) cleanupTempFilesUnsafe(state);
+  }
   saveStates({});
-  log("Cleared all processing states");
+  logLine("Cleared all processing states");
 }
 
 void ProcessingStateManager::cleanupTempFiles(const ProcessingState& state) {
@@ -65,9 +76,10 @@ void ProcessingStateManager::cleanupTempFiles(const ProcessingState& state) {
 
 void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge) {
   std::lock_guard guard(lock_);
-  ProcessingStates states = loadAllStatesUnsafe();
-  Date now = clock_.now();
-  size_t count = std::erase_if(states, [&](const auto& entry) {
+  auto states = loadAllStatesUnsafe();
+  if (!states) return;
+  const Date now = clock_.now();
+  size_t count = std::erase_if(*states, [&](const auto& entry) {
     const ProcessingState& state = entry.second;
     auto age = now - state.lastUpdated;
     if (age <= maxAge) return false;
@@ -77,36 +89,41 @@ void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge) {
     return true;
   });
   if (count == 0) return;
-  saveStates(states);
+  saveStates(*states);
   log("Cleaned up {} stale processing state(s)", count);
 }
 
 void ProcessingStateManager::validateStates() {
   std::lock_guard guard(lock_);
-  ProcessingStates states = loadAllStatesUnsafe();
-  size_t count = std::erase_if(states, [&](auto& entry) {
-    auto& [id, state] = entry;
-    if (files_.fileExists(state.fileURL)) {
-      std::erase_if(state.tempFiles, [&](const Path& file) { return !files_.fileExists(file); });
-      return false;
-    }
+  auto states = loadAllStatesUnsafe();
+  if (!states) return;
+  size_t count = std::erase_if(*states, [&](const auto& entry) {
+    const auto& [id, state] = entry;
+    if (files_.fileExists(state.fileURL)) return false;
     log("Processing state {} references missing file: {} - removing state", id, state.fileURL.string());
     cleanupTempFilesUnsafe(state);
     return true;
   });
   if (count == 0) return;
-  saveStates(states);
+  for (auto& [id, state] : *states) {
+    std::erase_if(state.tempFiles, [&](const Path& file) { return !files_.fileExists(file); });
+  }
+  saveStates(*states);
   log("Removed {} processing state(s) with missing files", count);
 }
 
-ProcessingStates ProcessingStateManager::loadAllStatesUnsafe() {
-  auto document = defaults_.data(userDefaultsKey);
-  if (!document) return {};
+std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {
   try {
+    auto document = defaults_.data(userDefaultsKey);
+    if (!document) return ProcessingStates{};
     return decodeProcessingStates(*document);
+  } catch (const PosixError& error) {
+    // The document may be whole: what cannot be read now must not be written over.
+    log("Failed to read processing states: {}", error.description());
+    return std::nullopt;
   } catch (const Error& error) {
     log("Failed to decode processing states: {}", error.description());
-    return {};
+    return ProcessingStates{};
   }
 }
 

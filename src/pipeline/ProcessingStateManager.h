@@ -13,9 +13,9 @@
 namespace tarn {
 
 /// The store of checkpoints. It keeps no copy: every operation reads the whole document, works on it and writes it back
-/// whole, and holds the store's lock for its whole length. Storage failures are logged and never raised; a document
-/// that does not decode counts as empty and is replaced by the next save. The lock is the last in the order of locks:
-/// the store never calls out.
+/// whole, and holds the store's lock for its whole length. Storage failures are logged and never raised. A document
+/// that does not decode counts as empty and is replaced by the next save; one that cannot be read is left alone. The
+/// lock is the last in the order of locks: the store never calls out.
 class ProcessingStateManager {
  public:
   static constexpr const char* userDefaultsKey = "com.sorrel.capacitor.downloader.processingStates";
@@ -29,6 +29,7 @@ class ProcessingStateManager {
 
   /// Records whose stage is not final, the longest untouched first.
   std::vector<ProcessingState> allPendingStates();
+  std::vector<ProcessingState> allStates();
 
   /// Deletes all records with their temp files. The videos stay.
   void clearAllStates();
@@ -44,7 +45,8 @@ class ProcessingStateManager {
   void validateStates();
 
  private:
-  ProcessingStates loadAllStatesUnsafe();
+  /// Nothing when the document cannot be read; empty when there is none or it does not decode.
+  std::optional<ProcessingStates> loadAllStatesUnsafe();
   void saveStates(const ProcessingStates& states);
   void cleanupTempFilesUnsafe(const ProcessingState& state);
 
