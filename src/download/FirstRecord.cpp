@@ -1,6 +1,7 @@
 #include "download/FirstRecord.h"
 
 #include "media/AVAsset.h"
+#include "platform/Error.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 

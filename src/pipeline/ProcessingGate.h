@@ -31,7 +31,7 @@ class ProcessingGate {
   /// What became of a file that asked for its run.
   struct Admission {
     bool isRefused = false;  ///< nobody wants the run any more
-    Token token;             ///< set when the run starts now
+    Token token = nullptr;   ///< set when the run starts now
     size_t position = 0;     ///< else its place in the line, 1-based
     int64_t currentId = 0;   ///< and the id of the active run, 0 when it has no record any more
   };
