@@ -75,6 +75,8 @@ std::unique_ptr<NSURLSession> CurlURLSessionService::makeBackgroundSession(
   return std::make_unique<CurlURLSession>(files_, claim, store_, std::move(queue), options_);
 }
 
-std::vector<std::string> CurlURLSessionService::storedTaskDescriptions() { return store_->taskDescriptions(); }
+std::vector<std::string> CurlURLSessionService::storedTaskDescriptions() {
+  return store_->taskDescriptions();
+}
 
 }  // namespace tarn
