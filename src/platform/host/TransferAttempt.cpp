@@ -152,7 +152,6 @@ void TransferAttempt::decide() {
   use_ = bodyUse(head, asked_);
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
-  const TransferRecord before = record_;
   if (use_ == BodyUse::replace) {
     record_.validator = head.validator();
     record_.expectedSize = head.contentLength;
@@ -160,8 +159,7 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  const bool hasChanged = before.validator != record_.validator || before.expectedSize != record_.expectedSize;
-  if (hasChanged) store_.save(record_);
+  if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
 /// Flushed, lest after a power cut the old bytes stand beside the new version's record.
