@@ -202,7 +202,7 @@ std::vector<SampleInfo> findSyncSamples(FileHandle& file, const Scan& scan) {
   auto stbl = NALUnitParser::findVideoTrackStbl(file, *moov);
   if (!stbl) throw MP4RemuxError::corruptedMP4("Video track stbl not found");
   MP4SampleTableParser table;
-  table.parseSampleTable(*stbl, file);
+  table.parseSampleTable(file, *stbl);
   if (scan.warnsOfSeveralDescriptions) warnOfSeveralDescriptions(table.usedSampleDescriptionIndices());
   auto samples = table.syncSamplesOnly();
   log("{}Found {} sync samples to scan", scan.prefix, samples.size());

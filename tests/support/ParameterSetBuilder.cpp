@@ -39,9 +39,13 @@ Bytes HEVCSPS::bytes() const {
   return sps.ue(lumaDepthMinus8).ue(chromaDepthMinus8).bits(marker, 8).bits(1, 1).bytes();
 }
 
-Bytes hevcVPS(uint8_t id, uint8_t content) { return BitBuilder().bits(0x4001, 16).bits(id, 4).bits(content, 8).bytes(); }
+Bytes hevcVPS(uint8_t id, uint8_t content) {
+  return BitBuilder().bits(0x4001, 16).bits(id, 4).bits(content, 8).bytes();
+}
 
-Bytes hevcPPS(uint32_t id, uint8_t content) { return BitBuilder().bits(0x4401, 16).ue(id).bits(content, 8).bytes(); }
+Bytes hevcPPS(uint32_t id, uint8_t content) {
+  return BitBuilder().bits(0x4401, 16).ue(id).bits(content, 8).bytes();
+}
 
 Bytes AVCSPS::bytes() const {
   BitBuilder sps;
@@ -53,7 +57,7 @@ Bytes AVCSPS::bytes() const {
     // A list of 16 deltas, a list that ends at its first delta, and absent ones.
     if (scalingLists) {
       sps.bits(1, 1);
-      for (int i = 0; i < 16; ++i) sps.se(i - 8);
+      for (int i = 0; i < 16; ++i) sps.se(i % 2 == 0 ? i : -i);
       sps.bits(1, 1).se(-8).bits(0, chromaFormat == 3 ? 10 : 6);
     }
   }
@@ -65,7 +69,7 @@ Bytes AVCSPS::bytes() const {
   bool cropped = cropRight != 0 || cropBottom != 0;
   sps.bits(1, 1).bits(cropped, 1);
   if (cropped) sps.ue(0).ue(cropRight).ue(0).ue(cropBottom);
-  return sps.bits(1, 1).bytes();
+  return sps.bits(1, 1).bits(0, 32).bytes();
 }
 
 Bytes sampleOf(const std::vector<Bytes>& units, int lengthSize) {

@@ -45,7 +45,7 @@ struct HEVCSPS {
 Bytes hevcVPS(uint8_t id, uint8_t content);
 Bytes hevcPPS(uint32_t id, uint8_t content);
 
-/// An AVC SPS as a NAL unit, up to the cropping, without emulation prevention.
+/// An AVC SPS as a NAL unit, up to the cropping, with some bytes behind it; without emulation prevention.
 struct AVCSPS {
   uint8_t profile = 100;
   uint32_t chromaFormat = 1;
