@@ -71,10 +71,9 @@ TEST_F(RealStreams, HEVCSetsAndFieldsAreThoseThatTheMuxerWrote) {
         HEVCConfigurationBox(sets.vpsArray, sets.spsArray, sets.ppsArray, sets.spsRbspArray, nalLengthSize, true)
             .buildHvcCBox();
     auto built = readHvcC(ByteView(box).subspan(8));
-    ASSERT_GE(muxed.arrays.size(), 3u);
     for (size_t i = 0; i < 3; ++i) {
-      EXPECT_EQ(built.arrays[i].nalUnitType, muxed.arrays[i].nalUnitType);
-      EXPECT_EQ(built.arrays[i].nalUnits, muxed.arrays[i].nalUnits);
+      EXPECT_EQ(built.arrays.at(i).nalUnitType, muxed.arrays.at(i).nalUnitType);
+      EXPECT_EQ(built.arrays.at(i).nalUnits, muxed.arrays.at(i).nalUnits);
     }
     auto fields = [](const HEVCDecoderConfigurationRecord& r) {
       return std::vector<int>{r.general_tier_flag, r.general_profile_idc, r.general_level_idc,
@@ -82,6 +81,7 @@ TEST_F(RealStreams, HEVCSetsAndFieldsAreThoseThatTheMuxerWrote) {
                               r.numTemporalLayers, r.temporalIdNested,    r.lengthSizeMinusOne};
     };
     EXPECT_EQ(fields(built), fields(muxed));
+    EXPECT_EQ(muxed.numTemporalLayers > 1, stream.parameters.starts_with(":temporal-layers"));
     ASSERT_EQ(sets.spsResolutions.size(), 1u);
     EXPECT_EQ(fmt::format("{},{}", sets.spsResolutions[0].width, sets.spsResolutions[0].height),
               probeVideo(file, "coded_width,coded_height"));
@@ -145,8 +145,7 @@ TEST_F(RealStreams, MutatedSetsAndSamplesGiveBoundedAnswers) {
     Bytes original = readFile(files_, encode(isHEVC ? hevcStreams[0] : avcStreams[1]));
     for (int round = 0; round < 150; ++round) {
       Bytes bytes = original;
-      for (int changes = 0; changes < 200; ++changes)
-        bytes[random() % bytes.size()] = static_cast<uint8_t>(random() % 70);
+      for (int i = 0; i < 200; ++i) bytes[random() % bytes.size()] = static_cast<uint8_t>(random() % 70);
       writeFileAtomically(files_, directory_ / "mutated.mp4", bytes);
       try {
         auto extracted = extract(files_, directory_ / "mutated.mp4");
