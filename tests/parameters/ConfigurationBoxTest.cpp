@@ -38,7 +38,7 @@ TEST_F(ConfigurationBoxes, AreWrittenBitByBit) {
   HEVCConfigurationBox box({}, {{0x42, 1}, {0x42, 1, 2}}, {{0x44, 1, 9}}, {sps}, 2, false);
   EXPECT_EQ(hex(box.buildHvcCBox()), digits("00000036 68766343 01 01 00000000 000000000000 78 f000 fc fe fa f9 0000 0d "
                                             "03 200000 210002 00024201 0003420102 220001 0003440109"));
-  EXPECT_EQ(hex(hevcRecord(sps)).substr(2 * 21), digits("0f03 a00000 a10000 a20000"));
+  EXPECT_EQ(hex(hevcRecord(sps)).substr(42), digits("0f03 a00000 a10000 a20000"));
   EXPECT_EQ(hevcRecord(HEVCSPS{.lumaDepthMinus8 = 8}.bytes())[17], 0xF8);  // a depth that the field cannot hold
 
   EXPECT_EQ(hex(avcRecord(AVCSPS{.profile = 77}.bytes(), 2)), digits("014d0028 fd e1 00026701 01 0003680203"));
