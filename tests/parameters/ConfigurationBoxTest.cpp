@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationBox.h"
+#include "support/LogCapture.h"
+#include "support/ParameterSetBuilder.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+
+std::string hex(ByteView bytes) {
+  return fmt::format("{:02x}", fmt::join(bytes, ""));
+}
+
+/// Hexadecimal digits without the blanks that make them readable.
+std::string digits(std::string text) {
+  std::erase(text, ' ');
+  return text;
+}
+
+Bytes hevcRecord(const Bytes& sps, int nalLengthSize = 4) {
+  return HEVCConfigurationBox({}, {}, {}, {sps}, nalLengthSize, true).buildDecoderConfigRecord();
+}
+
+Bytes avcRecord(const Bytes& sps, int nalLengthSize = 4) {
+  return AVCConfigurationBox({{0x67, 1}}, {{0x68, 2, 3}}, {Bytes(sps.begin() + 1, sps.end())}, nalLengthSize)
+      .buildDecoderConfigRecord();
+}
+
+class ConfigurationBoxes : public testing::Test {
+  LogCapture log_;
+};
+
+TEST_F(ConfigurationBoxes, AreWrittenBitByBit) {
+  Bytes sps = HEVCSPS{.level = 120, .chromaFormat = 2, .lumaDepthMinus8 = 2, .chromaDepthMinus8 = 1}.bytes();
+  HEVCConfigurationBox box({}, {{0x42, 1}, {0x42, 1, 2}}, {{0x44, 1, 9}}, {sps}, 2, false);
+  EXPECT_EQ(hex(box.buildHvcCBox()), digits("00000036 68766343 01 01 00000000 000000000000 78 f000 fc fe fa f9 0000 0d "
+                                            "03 200000 210002 00024201 0003420102 220001 0003440109"));
+  EXPECT_EQ(hex(hevcRecord(sps)).substr(42), digits("0f03 a00000 a10000 a20000"));
+  EXPECT_EQ(hevcRecord(HEVCSPS{.lumaDepthMinus8 = 8}.bytes())[17], 0xF8);  // a depth that the field cannot hold
+
+  EXPECT_EQ(hex(avcRecord(AVCSPS{.profile = 77}.bytes(), 2)), digits("014d0028 fd e1 00026701 01 0003680203"));
+  EXPECT_EQ(hex(avcRecord(AVCSPS{.profile = 244}.bytes())), digits("01f40028 ff e1 00026701 01 0003680203"));
+  EXPECT_EQ(hex(avcRecord(AVCSPS{.chromaFormat = 2}.bytes())),
+            digits("01640028 ff e1 00026701 01 0003680203 fe f8 f8 00"));
+}
+
+TEST_F(ConfigurationBoxes, DegradeWhereTheSPSCannotBeRead) {
+  const std::string defaults = digits("010100000000000000000000 5df000fcfdf8f80000 0f");
+  Bytes readable = HEVCSPS{.profile = 2, .level = 60, .width = 64, .height = 64}.bytes();
+  readable.resize(21);
+  EXPECT_EQ(hevcRecord(readable)[12], 60);
+  readable.resize(20);
+  EXPECT_EQ(hex(hevcRecord(readable)).substr(0, 44), defaults);
+  EXPECT_EQ(hex(avcRecord({0x67, 100, 0, 40})).substr(0, 8), "0142001e");
+
+  // What the strict reader refuses, the forgiving one takes, compatibility and constraint flags included.
+  const std::pair<HEVCSPS, std::string> cases[] = {
+      {{.profileSpace = 1, .profile = 0, .width = 20000}, digits("014060000000 900000000000 5df000fcfdf8f80000 0f")},
+      {{.maxSubLayersMinus1 = 1,
+        .subLayerProfiles = true,
+        .chromaFormat = 3,
+        .separatePlanes = true,
+        .height = 0,
+        .lumaDepthMinus8 = 9,
+        .chromaDepthMinus8 = 2},
+       digits("010160000000 900000000000 5df000fcfffffa0000 17")},
+      {{.maxSubLayersMinus1 = 7, .chromaFormat = 4}, digits("010160000000 900000000000 5df000fcfff8f80000 3f")},
+  };
+  for (const auto& [sps, expected] : cases) EXPECT_EQ(hex(hevcRecord(sps.bytes())).substr(0, 44), expected);
+}
+
+TEST_F(ConfigurationBoxes, RefuseWhatDoesNotFit) {
+  auto hvcC = [](std::vector<Bytes> units) { return HEVCConfigurationBox(std::move(units), {}, {}, {}, 4, true); };
+  EXPECT_NO_THROW(hvcC({Bytes(65535)}).buildHvcCBox());
+  EXPECT_THROW(hvcC({Bytes(65536)}).buildHvcCBox(), ConfigurationBoxError);
+  EXPECT_THROW(hvcC(std::vector<Bytes>(65536)).buildHvcCBox(), ConfigurationBoxError);
+  EXPECT_THROW(hevcRecord(HEVCSPS{.maxSubLayersMinus1 = 7}.bytes()), ConfigurationBoxError);
+  EXPECT_THROW(AVCConfigurationBox({}, {Bytes(65536)}, {}, 4).buildAvcCBox(), ConfigurationBoxError);
+  for (int size : {0, 3, 8}) EXPECT_THROW(AVCConfigurationBox({}, {}, {}, size), ConfigurationBoxError);
+
+  std::vector<Bytes> many(300, Bytes{0x68});
+  auto avc = readAvcC(AVCConfigurationBox(many, many, {}, 4).buildDecoderConfigRecord());
+  EXPECT_EQ(avc.spsArray.size(), 31u);
+  EXPECT_EQ(avc.ppsArray.size(), 255u);
+}
+
+TEST_F(ConfigurationBoxes, AreReadBackUnlessCutOff) {
+  auto refuses = [](auto read, Bytes record, size_t whole) {
+    for (record.resize(whole); !record.empty();) {
+      record.pop_back();
+      EXPECT_THROW(read(record), ConfigurationBoxError) << record.size();
+    }
+  };
+  Bytes sps = HEVCSPS{.lumaDepthMinus8 = 2}.bytes();
+  std::vector<Bytes> pps = {hevcPPS(0, 1), hevcPPS(1, 2)};
+  Bytes hvcC = HEVCConfigurationBox({hevcVPS(0, 1)}, {sps}, pps, {sps}, 2, true).buildDecoderConfigRecord();
+  auto hevc = readHvcC(hvcC);
+  EXPECT_EQ(hevc.bitDepthLumaMinus8, 2);
+  EXPECT_EQ(hevc.lengthSizeMinusOne, 1);
+  EXPECT_EQ(hevc.arrays.at(2).nalUnits, pps);
+  EXPECT_TRUE(hevc.arrays.at(2).arrayCompleteness && hevc.hasAllParameterSets());
+  refuses(readHvcC, hvcC, hvcC.size());
+
+  // The real damage: a record that has lost its arrays, or promises more of them than there are.
+  Bytes emptied(hvcC.begin(), hvcC.begin() + 23);
+  EXPECT_THROW(readHvcC(emptied), ConfigurationBoxError);
+  emptied[22] = 0;
+  EXPECT_FALSE(readHvcC(emptied).hasAllParameterSets());
+  EXPECT_FALSE(readAvcC(Bytes{1, 100, 0, 40, 0xFF, 0xE0, 0}).hasAllParameterSets());
+
+  Bytes avcC = avcRecord(AVCSPS{}.bytes());
+  EXPECT_EQ(readAvcC(avcC).ppsArray, (std::vector<Bytes>{{0x68, 2, 3}}));
+  refuses(readAvcC, avcC, avcC.size() - 4);
+  avcC.resize(avcC.size() - 4);  // many writers leave the last four fields out
+  EXPECT_TRUE(readAvcC(avcC).hasAllParameterSets());
+}
+
+}  // namespace
+}  // namespace tarn

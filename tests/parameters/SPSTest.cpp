@@ -1,0 +1,93 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCSPSParser.h"
+#include "parameters/ParameterSetCollector.h"
+#include "parameters/RBSPReading.h"
+#include "support/ParameterSetBuilder.h"
+
+extern "C" int32_t parseFromC(const uint8_t* data, size_t size, HEVCSPSInfo* info);
+
+namespace tarn {
+namespace {
+
+using namespace test;
+
+std::string parsed(const Bytes& sps) {
+  HEVCSPSInfo info;
+  int32_t result = parseFromC(sps.data(), sps.size(), &info);
+  if (result != 0) return fmt::format("{}", result);
+  return fmt::format("{}x{} chroma {} depth {}/{} profile {} level {} layers {}", info.width, info.height,
+                     info.chromaFormatIdc, info.bitDepthLuma, info.bitDepthChroma, info.generalProfileIdc,
+                     info.generalLevelIdc, info.maxSubLayers);
+}
+
+TEST(HEVCSPSParser, ReadsWhatTheSetStates) {
+  const std::pair<HEVCSPS, const char*> cases[] = {
+      {{.conformanceWindow = true, .lumaDepthMinus8 = 2}, "1920x1088 chroma 1 depth 10/8 profile 1 level 93 layers 1"},
+      {{.profile = 0, .compatibility = 0xA0000000}, "1920x1088 chroma 1 depth 8/8 profile 2 level 93 layers 1"},
+      {{.profile = 0, .compatibility = 0x80000000}, "1920x1088 chroma 1 depth 8/8 profile 0 level 93 layers 1"},
+      {{.chromaFormat = 3, .separatePlanes = true}, "1920x1088 chroma 0 depth 8/8 profile 1 level 93 layers 1"},
+      {{.chromaFormat = 3, .chromaDepthMinus8 = 8}, "1920x1088 chroma 3 depth 8/16 profile 1 level 93 layers 1"},
+      {{.width = 16384, .height = 16384}, "16384x16384 chroma 1 depth 8/8 profile 1 level 93 layers 1"},
+      {{.maxSubLayersMinus1 = 2, .id = 5}, "1920x1088 chroma 1 depth 8/8 profile 1 level 93 layers 3"},
+      {{.maxSubLayersMinus1 = 7, .subLayerProfiles = true, .id = 9},
+       "1920x1088 chroma 1 depth 8/8 profile 1 level 93 layers 8"},
+      {{.width = 16385}, "-1"},
+      {{.height = 0}, "-1"},
+      {{.chromaFormat = 4}, "-1"},
+      {{.lumaDepthMinus8 = 9}, "-1"},
+      {{.chromaDepthMinus8 = 9}, "-1"},
+  };
+  for (const auto& [sps, expected] : cases) {
+    EXPECT_EQ(parsed(sps.bytes()), expected);
+    EXPECT_EQ(parseHEVCParameterSetID(ParameterSetKind::sps, ByteView(sps.bytes()).subspan(2)), sps.id);
+  }
+}
+
+TEST(HEVCSPSParser, RefusesSetsThatAreCutOff) {
+  HEVCSPSInfo info;
+  Bytes sps = HEVCSPS{}.bytes();
+  EXPECT_EQ(hevc_parse_sps(nullptr, sps.size(), &info), -1);
+  EXPECT_EQ(hevc_parse_sps(sps.data(), sps.size(), nullptr), -1);
+  for (size_t size = 0; size < 19; ++size) EXPECT_EQ(hevc_parse_sps(sps.data(), size, &info), -1) << size;
+  EXPECT_EQ(hevc_parse_sps(sps.data(), 14, &info), -1);
+  EXPECT_EQ(info.generalLevelIdc, 0);
+  EXPECT_EQ(hevc_parse_sps(sps.data(), 15, &info), -1);  // the level is the last whole field
+  EXPECT_EQ(info.generalLevelIdc, 93);
+}
+
+TEST(AVCSPSResolution, ReadsTheCroppedSize) {
+  const std::pair<AVCSPS, PictureSize> cases[] = {
+      {{.cropBottom = 4}, {1920, 1080}},
+      {{.framesOnly = false}, {1920, 2176}},
+      {{.profile = 66, .pictureOrderCountType = 1, .cropRight = 3}, {1914, 1088}},
+      {{.profile = 244, .chromaFormat = 3, .scalingLists = true, .pictureOrderCountType = 2}, {1920, 1088}},
+      {{.widthInMbs = 1, .cropRight = 100}, {16 - 200, 1088}},
+  };
+  for (const auto& [sps, expected] : cases) {
+    Bytes bytes = sps.bytes();
+    auto size = AVCConfigurationBox::parseSPSResolution(ByteView(bytes).subspan(1));
+    ASSERT_TRUE(size);
+    EXPECT_EQ(size->width, expected.width);
+    EXPECT_EQ(size->height, expected.height);
+  }
+  EXPECT_FALSE(AVCConfigurationBox::parseSPSResolution(Bytes(9, 0xFF)));
+
+  // A cycle of 2^31 entries in a set that holds none of them ends with the set.
+  Bytes endless = BitBuilder().bits(77, 8).bits(0, 16).ue(0).ue(0).ue(1).bits(0, 1).ue(0).ue(0).ue(0x7FFFFFFF).bytes();
+  EXPECT_TRUE(AVCConfigurationBox::parseSPSResolution(endless));
+}
+
+TEST(EmulationPrevention, DropsOnlyWhatPrevents) {
+  const std::pair<Bytes, Bytes> cases[] = {
+      {{0x42, 0, 0, 3, 1}, {0x42, 0, 0, 1}}, {{0, 0, 3}, {0, 0, 3}},
+      {{0, 0, 3, 4}, {0, 0, 3, 4}},          {{0, 0, 3, 0, 0, 3, 3}, {0, 0, 0, 0, 3}},
+      {{0, 0, 3, 0, 3, 1}, {0, 0, 0, 3, 1}}, {{0, 0, 0, 3, 1}, {0, 0, 0, 1}},
+  };
+  for (const auto& [stored, cleaned] : cases) EXPECT_EQ(removeEmulationPrevention(stored), cleaned);
+}
+
+}  // namespace
+}  // namespace tarn
