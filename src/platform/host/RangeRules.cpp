@@ -24,7 +24,9 @@ std::optional<ContentRange::Span> parseSpan(std::string_view text) {
   return ContentRange::Span{*first, *last};
 }
 
-bool isEntityTag(std::string_view validator) { return validator.starts_with('"'); }
+bool isEntityTag(std::string_view validator) {
+  return validator.starts_with('"');
+}
 
 /// Whether the response names the version that was asked for. Silence does not count: a server that overlooks If-Range
 /// would send the range of another version.

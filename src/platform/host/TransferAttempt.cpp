@@ -17,9 +17,17 @@ constexpr const char* protocols = "http,https";
 /// Failures of the way to the server, not of the request: worth another try.
 bool isTransient(int code) {
   constexpr std::array transient = {
-      CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_CONNECT, CURLE_PARTIAL_FILE,
-      CURLE_OPERATION_TIMEDOUT,    CURLE_SSL_CONNECT_ERROR,    CURLE_GOT_NOTHING,     CURLE_SEND_ERROR,
-      CURLE_RECV_ERROR,            CURLE_HTTP2,                CURLE_HTTP2_STREAM,
+      CURLE_COULDNT_RESOLVE_PROXY,
+      CURLE_COULDNT_RESOLVE_HOST,
+      CURLE_COULDNT_CONNECT,
+      CURLE_PARTIAL_FILE,
+      CURLE_OPERATION_TIMEDOUT,
+      CURLE_SSL_CONNECT_ERROR,
+      CURLE_GOT_NOTHING,
+      CURLE_SEND_ERROR,
+      CURLE_RECV_ERROR,
+      CURLE_HTTP2,
+      CURLE_HTTP2_STREAM,
   };
   return std::find(transient.begin(), transient.end(), code) != transient.end();
 }
@@ -38,7 +46,9 @@ URLError statusError(int status) {
 
 }  // namespace
 
-void TransferAttempt::EasyDeleter::operator()(void* easy) const { curl_easy_cleanup(easy); }
+void TransferAttempt::EasyDeleter::operator()(void* easy) const {
+  curl_easy_cleanup(easy);
+}
 void TransferAttempt::ListDeleter::operator()(void* list) const {
   curl_slist_free_all(static_cast<curl_slist*>(list));
 }

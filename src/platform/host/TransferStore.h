@@ -23,8 +23,8 @@ struct TransferRecord {
 };
 
 /// The records of all transfers, with the places of their files: `<taskIdentifier>.json`, and beside it
-/// `<taskIdentifier>.part` with the bytes fetched so far. The directory is read at the first use, and what belongs to no
-/// record is swept then. A record is written before its partial file is made and removed before it, so that a part
+/// `<taskIdentifier>.part` with the bytes fetched so far. The directory is read at the first use, and what belongs to
+/// no record is swept then. A record is written before its partial file is made and removed before it, so that a part
 /// without a record is nobody's. Thread-safe.
 class TransferStore {
  public:
