@@ -39,8 +39,10 @@ void ChunkOffsetTable::adjustAllInMoov(std::span<uint8_t> moov, const ChunkOffse
 void ChunkOffsetTable::adjustTableInPlace(std::span<uint8_t> moov, size_t at, const ChunkOffsetShift& shift,
                                           bool is64Bit) {
   if (at > moov.size() || moov.size() - at < entriesInBox) return;
+  size_t boxSize = std::min<size_t>(*readUInt32(moov, at), moov.size() - at);
+  if (boxSize < entriesInBox) return;
   size_t width = is64Bit ? 8 : 4;
-  size_t count = std::min<size_t>(*readUInt32(moov, at + countInBox), (moov.size() - at - entriesInBox) / width);
+  size_t count = std::min<size_t>(*readUInt32(moov, at + countInBox), (boxSize - entriesInBox) / width);
   for (size_t i = 0; i < count; ++i) {
     size_t position = at + entriesInBox + i * width;
     uint64_t old = is64Bit ? *readUInt64(moov, position) : *readUInt32(moov, position);

@@ -13,8 +13,8 @@ struct ChunkOffsetShift {
 };
 
 /// Corrects the chunk offsets (ISO/IEC 14496-12 8.7.5) of a `moov` in memory after media moved. Tables keep their
-/// kind and their length, so nothing else in the buffer moves. Never fails: a table that promises more entries than the
-/// buffer holds is corrected as far as it goes.
+/// kind and their length, so nothing else in the buffer moves. Never fails: a table that promises more entries than its
+/// box or the buffer holds is corrected as far as they go.
 class ChunkOffsetTable {
  public:
   /// All tables of all tracks; `moov` begins with the box's 8-byte header. A 32-bit entry whose new value does not fit
