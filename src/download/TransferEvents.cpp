@@ -134,7 +134,7 @@ void DownloadManager::moveIntoPlace(const Path& location, const Path& destinatio
 }
 
 void DownloadManager::failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure) {
-  log("Download {} could not enter the pipeline: {}", task->id, describe(failure));
+  log("Download could not enter the pipeline {} {}", task->id, describe(failure));
   task->update([&](DownloadTask::Snapshot& fields) {
     if (fields.reason.kind == DownloadReason::Case::cancelled) return;
     fields.status = DownloadStatus::failed;

@@ -143,6 +143,10 @@ AsioDispatch::AsioDispatch() : core_(std::make_shared<Core>()) {
 }
 
 AsioDispatch::~AsioDispatch() {
+  stop();
+}
+
+void AsioDispatch::stop() {
   core_->stop();
 }
 

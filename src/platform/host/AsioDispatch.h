@@ -10,13 +10,16 @@ namespace tarn {
 /// The queues of a process on threads: global queues share a pool of eight, serial queues run one at a time on that
 /// pool or on a thread of their own, and the main queue has a thread of its own. An idle dispatch uses no CPU.
 ///
-/// Destruction waits for the work that is running, and for work that such work waits for in sync(); other work that has
-/// not begun is dropped, delayed work too. Queues may outlive the dispatch: their operations then do nothing. A
-/// dispatch must not be destroyed from one of its own queues.
+/// Its end waits for the work that is running, and for work that such work waits for in sync(); other work that has not
+/// begun is dropped, delayed work too. From then on the operations of its queues do nothing; queues may outlive it. It
+/// must not be stopped or destroyed from one of its own queues.
 class AsioDispatch : public Dispatch {
  public:
   AsioDispatch();
   ~AsioDispatch() override;
+
+  /// Ends all work now; the queues stay for whoever still holds them. A second call does nothing.
+  void stop();
 
   DispatchQueue& mainQueue() override;
   DispatchQueue& globalQueue(QualityOfService qualityOfService) override;

@@ -52,7 +52,6 @@ class HostApplication::Life : public std::enable_shared_from_this<Life> {
 
   void enterForeground() {
     std::lock_guard guard(mutex_);
-    if (state_ == UIApplicationState::active) return;
     state_ = UIApplicationState::active;
     timeIsUp_ = false;
     ++stay_;

@@ -33,8 +33,10 @@ class HostApplication : public UIApplication {
   void endBackgroundTask(UIBackgroundTaskIdentifier identifier) override;
   void addObserver(std::weak_ptr<UIApplicationObserver> observer) override;
 
-  /// Each changes the state, if it is not so already, and then posts the observers' call to the main queue.
+  /// Changes the state, if it is not so already, and then posts the observers' call to the main queue.
   void enterBackground();
+  /// The same, but the observers hear of it again when it is so already: a host without a screen returns to the
+  /// foreground to have the next piece of stored work taken up.
   void enterForeground();
 
   /// Posts the observers' last call to the main queue.
