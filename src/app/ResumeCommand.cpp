@@ -47,13 +47,26 @@ class Resume {
       if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
-        takeFailed(id);
-      } else if (status != "STATUS_CANCELLED") {
+        takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
+      } else if (isUnderWay(id, status)) {
         isActive = true;
         show(id, task);
       }
     }
     return isActive;
+  }
+
+  /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
+  /// at which nothing stands behind it, it counts as failed. One look is not enough, since work changes hands.
+  bool isUnderWay(int64_t id, const std::string& status) {
+    if (status == "STATUS_PENDING") return true;
+    if (status != "STATUS_RUNNING" && status != "STATUS_PROCESSING") return false;
+    const bool isBacked = status == "STATUS_RUNNING" ? host_.hasTransfer(id) : host_.hasRecord(id);
+    int& looks = looksAtNothing_[id];
+    looks = isBacked ? 0 : looks + 1;
+    if (looks < 5) return true;
+    takeFailed(id, status == "STATUS_RUNNING" ? "its transfer is gone" : "its file is gone");
+    return false;
   }
 
   void takeSaved(int64_t id) {
@@ -69,9 +82,8 @@ class Resume {
     }
   }
 
-  void takeFailed(int64_t id) {
+  void takeFailed(int64_t id, const std::string& words) {
     if (!outcomes_.emplace(id, false).second) return;
-    const std::string words = host_.journal().failure(id).value_or("the reason is in the log");
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
     printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
     client_.call("cancel", {{"id", id}});
@@ -112,6 +124,7 @@ class Resume {
   bool wasIdle_ = false;
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
   std::map<int64_t, std::string> shown_;
+  std::map<int64_t, int> looksAtNothing_;
 };
 
 }  // namespace

@@ -22,6 +22,7 @@ class TarnBridgeTest : public testing::Test {
  protected:
   ~TarnBridgeTest() override {
     page_.reset();
+    plugin_.reset();
     dispatch_.stop();
   }
 
