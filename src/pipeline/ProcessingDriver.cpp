@@ -1,0 +1,128 @@
+#include "pipeline/ProcessingDriver.h"
+
+#include <algorithm>
+
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+bool isStillThere(FileManager& files, const ProcessingState& state, std::string_view ending) {
+  return std::ranges::any_of(
+      state.tempFiles, [&](const Path& file) { return file.native().ends_with(ending) && files.fileExists(file); });
+}
+
+/// The audio step makes the fixed file before it enters `audioReplacing`, and its swap moves that file over the video
+/// in one step. So a fixed file that is gone while the new audio is still there means that the swap was done.
+bool wasAudioSwapped(FileManager& files, const ProcessingState& state) {
+  return state.stage == ProcessingStage::audioReplacing && isStillThere(files, state, ".m4a") &&
+         !isStillThere(files, state, "_fixed.mp4");
+}
+
+}  // namespace
+
+ProcessingDriver::ProcessingDriver(FileManager& files, const Clock& clock, ProcessingStateManager& store,
+                                   NamesInTheMaking& names, ProcessingHost& host, ProcessingSteps steps)
+    : files_(files), clock_(clock), store_(store), names_(names), host_(host), steps_(steps) {}
+
+void ProcessingDriver::continueProcessing(const ProcessingState& state, const DownloadTaskPointer& download,
+                                          const std::shared_ptr<CancellationToken>& cancellationToken) {
+  // The name stays held until the file is gone or is nobody's: a transfer that ends meanwhile takes another one.
+  auto hold = names_.hold(state.fileURL);
+  ProcessingRun run(files_, clock_, names_, host_, state, download, cancellationToken);
+  try {
+    runSteps(run, findStart(run));
+    finish(run);
+  } catch (const CancellationError&) {
+    log("Processing cancelled for download {} - state saved for resume", state.downloadId);
+  } catch (...) {
+    fail(run, std::current_exception());
+  }
+  host_.endRun(cancellationToken);
+}
+
+ProcessingStage ProcessingDriver::findStart(ProcessingRun& run) {
+  ProcessingStage stage = run.state.stage;
+  if (wasAudioSwapped(files_, run.state)) return rollBack(run, ProcessingStage::audioReplaced);
+  // The transcoded audio is a temp file of the interrupted step: from here on the step is done again as a whole.
+  if (stage == ProcessingStage::transcoded || stage == ProcessingStage::audioReplacing) {
+    return rollBack(run, ProcessingStage::remuxed);
+  }
+  if (!isCleanCheckpoint(stage)) return rollBack(run, rollbackTarget(stage));
+  ProcessingStage start = *nextStage(stage);
+  log("Resuming from checkpoint: {} → starting {}", description(stage), description(start));
+  return start;
+}
+
+ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage target) {
+  log("Interrupted at {}, rolling back to checkpoint: {}", description(run.state.stage), description(target));
+  store_.cleanupTempFiles(run.state);
+  run.state.tempFiles.clear();
+  run.state.stage = target;
+  run.state.lastUpdated = clock_.now();
+  run.saveState();
+  ProcessingStage start = nextStage(target).value_or(target);
+  log("Restarting from: {}", description(start));
+  return start;
+}
+
+void ProcessingDriver::runSteps(ProcessingRun& run, ProcessingStage startStage) {
+  auto runStep = [&](ProcessingStep* step) {
+    if (step) step->run(run);
+  };
+  if (startStage <= ProcessingStage::remuxing && run.state.needsRemuxing) {
+    runStep(steps_.remux);
+  } else {
+    log("Skipping video remux - startStage={}, needsRemuxing={}", rawValue(startStage), run.state.needsRemuxing);
+  }
+  if (startStage <= ProcessingStage::transcodingPass1 && run.state.needsAudioTranscode) runStep(steps_.audio);
+  if (run.state.skipAVSync) {
+    logLine("Skipping A/V sync fix - skipVideoFix is enabled");
+  } else if (startStage <= ProcessingStage::syncFixing) {
+    runStep(steps_.sync);
+  }
+  runStep(steps_.last);
+}
+
+void ProcessingDriver::finish(ProcessingRun& run) {
+  const int64_t id = run.state.downloadId;
+  store_.cleanupTempFiles(run.state);
+  host_.replaceDownload(run.download);
+  host_.removeRecord(*run.token, id);
+  DownloadStatus status = run.download->status();
+  log("Processing completed for download {}, status: {}", id, rawValue(status));
+  host_.releaseBackgroundTimeAndSlot(id);
+  if (status == DownloadStatus::completed) {
+    // The file is deleted here, while its name is held. The task's removal must not do it later: by then another
+    // download may have brought a new file of that name.
+    run.download->update([](DownloadTask::Snapshot& fields) { fields.location.reset(); });
+  }
+  host_.notifyFinished(run.download, run.fileURL);
+  if (status != DownloadStatus::completed) return;
+  try {
+    files_.removeItem(run.fileURL);
+    log("Cleaned up processed file: {}", run.fileURL.filename().string());
+  } catch (const Error& error) {
+    log("Warning: Could not clean up processed file: {}", error.description());
+  }
+}
+
+void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failure) {
+  const int64_t id = run.state.downloadId;
+  std::string words = describe(failure);
+  log("Processing failed for download {}: {}", id, words);
+  run.state.stage = ProcessingStage::failed;
+  run.state.error = words;
+  run.state.lastUpdated = clock_.now();
+  run.saveState();
+  run.download->update([&](DownloadTask::Snapshot& fields) {
+    fields.status = DownloadStatus::failed;
+    fields.reason = DownloadReason::error(failure);
+  });
+  host_.replaceDownload(run.download);
+  store_.cleanupTempFiles(run.state);
+  host_.releaseBackgroundTimeAndSlot(id);
+  host_.notifyFailed(run.download);
+}
+
+}  // namespace tarn

@@ -1,0 +1,120 @@
+#include "pipeline/ProcessingState.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "platform/Error.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// Stored dates count from 2001-01-01 00:00:00 UTC.
+constexpr std::chrono::seconds referenceDate{978307200};
+
+double secondsSinceReferenceDate(Date date) {
+  return std::chrono::duration<double>(date.time_since_epoch() - referenceDate).count();
+}
+
+Date dateFromReference(double seconds) {
+  // About 290 years to either side of 1970 fit the clock; a date beyond is a damaged one.
+  constexpr double limit = 9e9;
+  if (!(seconds > -limit && seconds < limit)) throw Error("ProcessingState", -1, "lastUpdated is out of range");
+  return Date(std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(seconds) + referenceDate));
+}
+
+template <typename T>
+void setIfPresent(Json& object, const char* key, const std::optional<T>& value) {
+  if (value) object[key] = *value;
+}
+
+template <typename T>
+std::optional<T> optionalValue(const Json& object, const char* key) {
+  auto found = object.find(key);
+  if (found == object.end() || found->is_null()) return std::nullopt;
+  return found->get<T>();
+}
+
+Json encode(const ProcessingState& state) {
+  Json object;
+  object["downloadId"] = state.downloadId;
+  object["filename"] = state.filename;
+  setIfPresent(object, "album", state.album);
+  object["fileURL"] = fileURLText(state.fileURL);
+  object["stage"] = rawValue(state.stage);
+  object["tempFiles"] = Json::array();
+  for (const Path& file : state.tempFiles) object["tempFiles"].push_back(fileURLText(file));
+  setIfPresent(object, "error", state.error);
+  object["lastUpdated"] = secondsSinceReferenceDate(state.lastUpdated);
+  object["needsRemuxing"] = state.needsRemuxing;
+  object["needsAudioTranscode"] = state.needsAudioTranscode;
+  object["skipAVSync"] = state.skipAVSync;
+  setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
+  return object;
+}
+
+Path decodePath(const Json& value) {
+  auto path = pathFromFileURL(value.get<std::string>());
+  if (!path) throw Error("ProcessingState", -1, "not a file URL: " + value.get<std::string>());
+  return *path;
+}
+
+ProcessingState decode(const Json& object) {
+  ProcessingState state;
+  state.downloadId = object.at("downloadId").get<int64_t>();
+  state.filename = object.at("filename").get<std::string>();
+  state.album = optionalValue<std::string>(object, "album");
+  state.fileURL = decodePath(object.at("fileURL"));
+  auto stage = processingStage(object.at("stage").get<std::string>());
+  if (!stage) throw Error("ProcessingState", -1, "unknown stage: " + object.at("stage").get<std::string>());
+  state.stage = *stage;
+  const Json& tempFiles = object.at("tempFiles");
+  if (!tempFiles.is_array()) throw Error("ProcessingState", -1, "tempFiles is not an array");
+  for (const Json& file : tempFiles) state.addTempFile(decodePath(file));
+  state.error = optionalValue<std::string>(object, "error");
+  state.lastUpdated = dateFromReference(object.at("lastUpdated").get<double>());
+  state.needsRemuxing = object.at("needsRemuxing").get<bool>();
+  state.needsAudioTranscode = object.at("needsAudioTranscode").get<bool>();
+  state.skipAVSync = object.at("skipAVSync").get<bool>();
+  state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
+  return state;
+}
+
+}  // namespace
+
+void ProcessingState::removeTempFile(const Path& url) {
+  std::erase(tempFiles, url);
+}
+
+void ProcessingState::addTempFile(const Path& url) {
+  if (std::ranges::find(tempFiles, url) == tempFiles.end()) tempFiles.push_back(url);
+}
+
+Bytes encodeProcessingStates(const ProcessingStates& states) {
+  Json document = Json::array();
+  for (const auto& [id, state] : states) {
+    document.push_back(id);
+    document.push_back(encode(state));
+  }
+  // A name that is no UTF-8 must not cost the checkpoint: such bytes are replaced in the texts, and fileURL, which is
+  // percent-encoded, keeps them.
+  std::string text = document.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return Bytes(text.begin(), text.end());
+}
+
+ProcessingStates decodeProcessingStates(ByteView document) {
+  try {
+    Json json = Json::parse(document.begin(), document.end());
+    if (!json.is_array() || json.size() % 2 != 0) throw Error("ProcessingState", -1, "not an array of pairs");
+    ProcessingStates states;
+    for (size_t i = 0; i < json.size(); i += 2) {
+      states.insert_or_assign(json[i].get<int64_t>(), decode(json[i + 1]));
+    }
+    return states;
+  } catch (const Json::exception& error) {
+    throw Error("ProcessingState", -1, error.what());
+  }
+}
+
+}  // namespace tarn
