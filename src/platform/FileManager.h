@@ -79,7 +79,7 @@ enum class OpenMode {
 /// PosixError when the system refuses; those that answer with an optional or a bool do not. Thread-safe.
 ///
 /// What survives a power cut: bytes after FileHandle::synchronize; a name after synchronizeDirectory of its directory
-/// or after replaceItem. All else may be lost or left.
+/// or after replaceItem; a directory that createDirectory has made. All else may be lost or left.
 class FileManager {
  public:
   virtual ~FileManager() = default;
@@ -95,7 +95,8 @@ class FileManager {
   /// Names (no paths) of a directory's entries, in no fixed order.
   virtual std::vector<std::string> contentsOfDirectory(const Path& path) = 0;
 
-  /// Makes the directory and those above it. One that exists is no failure.
+  /// Makes the directory and those above it, and flushes the names of those that it made. One that exists is no
+  /// failure.
   virtual void createDirectory(const Path& path) = 0;
 
   /// Renames within one file system. Across file systems: copies to a hidden sibling of `to`, flushes it, renames, and
@@ -116,7 +117,8 @@ class FileManager {
   /// Puts `source` in the place of `target`, whether or not `target` exists, in one step: at any moment, a power cut
   /// included, `target` is the old file or the new one, whole. Flushes `source`, renames it over `target`, flushes the
   /// directory. Where the two lie on different file systems, `source` is first copied to a hidden sibling of `target`.
-  /// On failure `target` is as it was, and `source` still there.
+  /// On failure `target` is as it was, and `source` still there; only where the last flush, that of the directory,
+  /// fails, the new file stands at `target` already, and a power cut may bring the old one back.
   virtual void replaceItem(const Path& target, const Path& source) = 0;
 
   /// Flushes a directory, so that names made or removed in it survive a power cut.
@@ -134,6 +136,17 @@ class FileManager {
 
 /// A fresh random UUID (RFC 4122 version 4) in upper-case text form. Thread-safe.
 std::string makeUUID();
+
+/// A fresh name in the directory of `target` for a file in the making: ".<UUID>.tmp".
+Path hiddenSibling(const Path& target);
+
+/// Deletes the hidden siblings that a killed process has left in a directory; returns how many. Only for a time at
+/// which nobody is making one there. Never throws.
+size_t removeAbandonedSiblings(FileManager& files, const Path& directory) noexcept;
+
+/// What copyRange does where nothing better is known: reads and writes piece by piece. Same contract, for handles of
+/// any kind.
+uint64_t copyByReading(FileHandle& source, FileHandle& target, uint64_t count);
 
 /// Deletes what stands at `path`; true when something was there and is gone. Never throws.
 bool removeIfExists(FileManager& files, const Path& path) noexcept;

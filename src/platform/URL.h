@@ -15,7 +15,8 @@ struct URL {
   /// Parses an absolute http or https URL with a host; nothing for any other text, for control characters or blanks.
   static std::optional<URL> parse(std::string_view text);
 
-  /// The last part of the path, percent-decoded; empty when the path ends in "/".
+  /// The last part of the path, percent-decoded, or as it stands where an escape is broken; empty when the path ends in
+  /// "/". It may hold any byte, "/" included.
   std::string lastPathComponent() const;
 };
 

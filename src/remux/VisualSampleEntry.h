@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstddef>
+
+namespace tarn {
+
+/// Offsets in an `stsd` and in a visual sample entry (ISO/IEC 14496-12 8.5.2, 12.1.3), in bytes.
+inline constexpr size_t stsdCountInBox = 12;    ///< entry_count, behind header, version and flags
+inline constexpr size_t stsdEntriesInBox = 16;  ///< the first entry
+inline constexpr size_t sampleEntryTypeInBox = 4;
+inline constexpr size_t visualSampleEntryFixedSize = 86;  ///< header and fields; the children follow
+
+}  // namespace tarn

@@ -1,0 +1,106 @@
+#include "support/MediaMaker.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace tarn::test {
+namespace {
+
+std::string quoted(const std::string& argument) {
+  std::string result = "'";
+  for (char c : argument) {
+    if (c == '\'') {
+      result += "'\\''";
+    } else {
+      result += c;
+    }
+  }
+  return result + "'";
+}
+
+std::string commandLine(const std::vector<std::string>& command) {
+  std::string line;
+  for (const std::string& word : command) line += quoted(word) + " ";
+  return line;
+}
+
+std::vector<std::string> pictures(int seconds, const std::vector<std::string>& encoder) {
+  std::vector<std::string> arguments = {
+      "-f", "lavfi", "-i", "testsrc2=size=192x144:rate=25", "-t", std::to_string(seconds)};
+  arguments.insert(arguments.end(), encoder.begin(), encoder.end());
+  return arguments;
+}
+
+std::string withoutLog(const std::string& parameters) {
+  return parameters.empty() ? "log-level=none" : parameters + ":log-level=none";
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::vector<std::string>& command) {
+  FILE* pipe = popen((commandLine(command) + "2>&1 </dev/null").c_str(), "r");
+  if (!pipe) throw std::runtime_error("cannot start " + command.front());
+  std::string output;
+  std::array<char, 4096> buffer;
+  for (size_t count; (count = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) output.append(buffer.data(), count);
+  int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending) {
+  Path cache = std::filesystem::temp_directory_path() / ("tarn-test-media-" + std::to_string(getuid()));
+  std::filesystem::create_directories(cache);
+  Path file = cache / (std::to_string(std::hash<std::string>{}(commandLine(arguments))) + ending);
+  if (std::filesystem::exists(file)) return file;
+
+  // Another test may be making the same file: each makes its own, the last one stays.
+  Path draft = cache / (std::to_string(getpid()) + ending);
+  std::vector<std::string> command = {"ffmpeg", "-v", "error", "-y"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  command.push_back(draft);
+  auto result = runProcess(command);
+  if (result.exitCode != 0) throw std::runtime_error("ffmpeg: " + result.output);
+  std::filesystem::rename(draft, file);
+  return file;
+}
+
+Path avcVideo(const std::string& x264Parameters, int seconds) {
+  std::vector<std::string> encoder = {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast"};
+  if (!x264Parameters.empty()) encoder.insert(encoder.end(), {"-x264-params", x264Parameters});
+  return madeByFFmpeg(pictures(seconds, encoder));
+}
+
+Path hevcVideo(const std::string& x265Parameters, int seconds) {
+  return madeByFFmpeg(pictures(seconds, {"-c:v", "libx265", "-pix_fmt", "yuv420p", "-preset", "ultrafast", "-tag:v",
+                                         "hvc1", "-x265-params", withoutLog(x265Parameters)}));
+}
+
+std::string probeVideo(const Path& file, const std::string& entry) {
+  auto result = runProcess(
+      {"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "stream=" + entry, "-of", "csv=p=0", file});
+  return result.output.substr(0, result.output.find('\n'));
+}
+
+std::string decoderComplaints(const Path& file) {
+  return runProcess({"ffmpeg", "-v", "error", "-err_detect", "explode", "-i", file, "-f", "null", "-"}).output;
+}
+
+std::string frameHashes(const Path& file) {
+  auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-f", "framemd5", "-"});
+  std::istringstream lines(result.output);
+  std::string hashes;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with('#')) hashes += line + "\n";
+  }
+  return hashes;
+}
+
+}  // namespace tarn::test

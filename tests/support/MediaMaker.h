@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/FileManager.h"
+
+namespace tarn::test {
+
+/// Real media, made and read by ffmpeg and ffprobe.
+
+/// A file made by `ffmpeg <arguments> <file>`, the file's ending given. Files are kept in a cache under the system's
+/// temporary directory, one for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
+Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending = ".mp4");
+
+/// Small test pictures, one recipe for each codec: `seconds` of 25 frames a second at 192x144 with B-frames, the
+/// encoder's own parameters added ("keyint=25:repeat-headers=1").
+Path avcVideo(const std::string& x264Parameters = "", int seconds = 2);
+Path hevcVideo(const std::string& x265Parameters = "", int seconds = 2);
+
+/// What the child process says on its standard output and its standard error, and how it left.
+struct ProcessResult {
+  int exitCode;
+  std::string output;
+};
+ProcessResult runProcess(const std::vector<std::string>& command);
+
+/// One entry of the first video stream as ffprobe names it ("codec_tag_string"), without a line end.
+std::string probeVideo(const Path& file, const std::string& entry);
+
+/// All that ffmpeg's decoder says about the file's streams with `-err_detect explode`; empty for a clean file.
+std::string decoderComplaints(const Path& file);
+
+/// One line for each decoded frame of the first video stream: timestamps and hash.
+std::string frameHashes(const Path& file);
+
+}  // namespace tarn::test
