@@ -85,6 +85,9 @@ inline constexpr GroupDescriptionHeader groupDescriptionHeader(unsigned boxVersi
 /// hdlr (8.4.3).
 inline constexpr Field handlerType{16, 4};
 
+/// stsd (8.5.2): the format of the first sample entry.
+inline constexpr Field sampleEntryFormat{20, 4};
+
 /// The field of a box or row that begins at `base`. The caller has tested that the bytes are there.
 inline uint64_t load(const uint8_t* base, const Field& field) {
   uint64_t value = 0;
