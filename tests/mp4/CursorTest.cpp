@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mp4/BitReader.h"
+#include "mp4/ByteArray.h"
+#include "mp4/DataExtensions.h"
+
+namespace tarn {
+namespace {
+
+TEST(ByteArray, ReadsBigEndianAndStaysWhereAReadFails) {
+  Bytes bytes = {0, 0, 1, 2, 0, 0, 0, 1, 0, 0, 0, 2, 'm', 'o', 'o', 'v', 0xA9, 't', 'o', 'o', 9};
+  ByteArray cursor(bytes);
+  EXPECT_EQ(cursor.readUInt32(), 0x102u);
+  EXPECT_EQ(cursor.readUInt64(), 0x100000002u);
+  EXPECT_EQ(cursor.readUTF8Bytes(4), "moov");
+  EXPECT_EQ(cursor.readUTF8Bytes(4), "") << "a type that is no text";
+  EXPECT_EQ(cursor.readBytes(0), Bytes());
+  for (auto read : {+[](ByteArray& c) { c.readUInt32(); }, +[](ByteArray& c) { c.readUInt64(); },
+                    +[](ByteArray& c) { c.readBytes(2); }, +[](ByteArray& c) { c.readBytes(SIZE_MAX); }}) {
+    EXPECT_THROW(read(cursor), ByteArrayError);
+    EXPECT_EQ(cursor.position, 20u);
+  }
+  cursor.position = SIZE_MAX;
+  EXPECT_THROW(cursor.readBytes(1), ByteArrayError);
+}
+
+TEST(ByteArray, SkipsVersionAndFlags) {
+  Bytes bytes(4);
+  ByteArray whole(bytes), cut(ByteView(bytes).first(3));
+  whole.skipVersionAndFlags();
+  EXPECT_EQ(whole.position, 4u);
+  try {
+    cut.skipVersionAndFlags();
+    ADD_FAILURE() << "3 bytes hold no version and flags";
+  } catch (const ByteArrayError& error) {
+    EXPECT_EQ(error.kind(), ByteArrayError::Case::invalidOffset);
+  }
+}
+
+TEST(DataExtensions, PatchesOnlyWhatLiesInTheData) {
+  Bytes data(6, 0xFF);
+  writeUInt32(data, 0x01020304, 2);
+  EXPECT_EQ(data, (Bytes{0xFF, 0xFF, 1, 2, 3, 4}));
+  EXPECT_EQ(readUInt32(data, 2), 0x01020304u);
+  for (size_t at : {size_t{3}, size_t{6}, SIZE_MAX - 1}) {
+    writeUInt32(data, 0, at);
+    writeUInt64(data, 0, at);
+    EXPECT_EQ(readUInt32(data, at), std::nullopt);
+    EXPECT_EQ(readUInt64(data, at), std::nullopt);
+  }
+  EXPECT_EQ(data, (Bytes{0xFF, 0xFF, 1, 2, 3, 4}));
+}
+
+TEST(DataExtensions, TakesUTF8AsTheStandardHasIt) {
+  for (const char* text : {"avc1", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x8E\xAC", ""}) {
+    EXPECT_EQ(decodeUTF8(bytesOf(text)), text);
+  }
+  for (const char* text :
+       {"\x80", "\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "\xC3("}) {
+    EXPECT_EQ(decodeUTF8(bytesOf(text)), "") << testing::PrintToString(text);
+  }
+}
+
+TEST(BitReader, TakesBitsFromTheTop) {
+  Bytes bytes = {0xA5, 0xFF, 0x00, 0x12, 0x34};
+  BitReader reader(bytes);
+  EXPECT_EQ(reader.readBits(3), 5u);
+  EXPECT_EQ(reader.readBits(33), 0u);
+  EXPECT_EQ(reader.readBits(0), 0u);
+  EXPECT_EQ(reader.readBits(-1), 0u);
+  EXPECT_EQ(reader.bitPosition, 3);
+  EXPECT_EQ(reader.readBits(32), 0x2FF80091u);
+  EXPECT_EQ(reader.readBits(8), 20u) << "the 5 bits that are left, without fill";
+  EXPECT_EQ(reader.readBits(8), 0u);
+  EXPECT_EQ(reader.bytePosition, 5u);
+}
+
+Bytes bits(std::string text) {
+  Bytes result((text.size() + 7) / 8);
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '1') result[i / 8] = static_cast<uint8_t>(result[i / 8] | 0x80 >> i % 8);
+  }
+  return result;
+}
+
+TEST(BitReader, ReadsSignedExpGolomb) {
+  struct {
+    std::string bits;
+    int32_t value;
+  } cases[] = {{"1", 0},
+               {"010", 1},
+               {"011", -1},
+               {"00100", 2},
+               {"00101", -2},
+               {std::string(31, '0') + "1" + std::string(31, '1'), -2147483647},
+               {std::string(32, '0') + "1" + std::string(32, '1'), 0}};
+  for (const auto& c : cases) {
+    Bytes bytes = bits(c.bits);
+    EXPECT_EQ(BitReader(bytes).readSE(), c.value) << c.bits;
+  }
+}
+
+}  // namespace
+}  // namespace tarn
