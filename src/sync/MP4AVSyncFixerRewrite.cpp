@@ -34,7 +34,7 @@ struct MediaPlaces {
 };
 
 MediaPlaces findMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox) {
-  auto file = files.open(fileURL, OpenMode::reading);
+  auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
   MediaPlaces places;
   FileBoxWalker walker(*file, 0, file->seekToEnd(), boxwalk::topLevel);
   while (auto box = walker.next()) {
@@ -51,8 +51,10 @@ void requireShortHeaders(const Bytes& moov, const MP4BoxInfo& moovBox) {
 }
 
 /// Chunk offsets follow the media that stand behind the `moov`.
-void followMedia(Bytes& moov, int64_t growth, const MediaPlaces& media, const MP4BoxInfo& moovBox) {
-  if (growth == 0 || !media.isBehind) return;
+void followMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, Bytes& moov, int64_t growth) {
+  if (growth == 0) return;
+  const MediaPlaces media = findMedia(files, fileURL, moovBox);
+  if (!media.isBehind) return;
   if (levelDamage(moov) != LevelDamage::none) throw AVSyncError::fixError("Chunk offsets out of reach");
   log("MP4AVSyncFixer: Moov before mdat - adjusting chunk offsets by {}", growth);
   adjustChunkOffsets(moov, growth, media.isAhead ? moovBox.end() : 0);
@@ -104,11 +106,11 @@ void MP4AVSyncFixer::rewriteMoovWithBothEdts(FileManager& files, const Path& fil
     updateMvhdDuration(moov, movieDuration);
     log("MP4AVSyncFixer: Updated mvhd.duration to {}", movieDuration);
   }
-  followMedia(moov, growth, findMedia(files, fileURL, moovBox), moovBox);
+  followMedia(files, fileURL, moovBox, moov, growth);
 
   const Path target = fileURL.parent_path() / (makeUUID() + ".mp4.tmp");
   std::optional<NamesInTheMaking::Hold> hold;
-  if (names) hold.emplace(*names, target);
+  if (names) hold.emplace(names->hold(target));
   TempFile temp(files, target);
   writeAround(files, fileURL, moovBox, moov, target);
   files.replaceItem(fileURL, target);

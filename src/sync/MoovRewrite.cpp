@@ -107,6 +107,37 @@ std::vector<BoxHeader> chunkOffsetBoxes(ByteView moovData) {
   return boxes;
 }
 
+/// Moves the entries of one chunk offset box that are at least `firstMoving`.
+void adjustStcoAtOffset(Bytes& moovData, uint64_t offset, int64_t delta, uint64_t firstMoving) {
+  if (moovData.size() - offset < layout::tableHeaderSize) {
+    log("WARNING: stco offset {} out of bounds", offset);
+    return;
+  }
+  uint8_t* base = moovData.data() + offset;
+  const bool is64Bit = layout::load32(base, layout::boxType) == layout::fourCC("co64");
+  const std::string_view type = is64Bit ? "co64" : "stco";
+  const layout::Field entry{0, is64Bit ? size_t{8} : size_t{4}};
+  const uint32_t count = layout::load32(base, layout::entryCount);
+  log("Adjusting {} at offset {}: {} chunk offsets by {} bytes", type, offset, count, delta);
+
+  const uint64_t present = (moovData.size() - offset - layout::tableHeaderSize) / entry.width;
+  uint8_t* place = base + layout::tableHeaderSize;
+  for (uint64_t i = 0; i < std::min<uint64_t>(count, present); ++i, place += entry.width) {
+    const uint64_t old = layout::load(place, entry);
+    if (old < firstMoving) continue;
+    uint64_t moved = old + static_cast<uint64_t>(delta);
+    if (!is64Bit) {
+      const auto sum = static_cast<int64_t>(moved);
+      moved = static_cast<uint64_t>(std::clamp<int64_t>(sum, 0, std::numeric_limits<uint32_t>::max()));
+      if (static_cast<uint64_t>(sum) != moved) {
+        log("WARNING: stco offset overflow at entry {}: {} + {} = {}, clamping", i, old, delta, sum);
+      }
+    }
+    layout::store(place, entry, moved);
+  }
+  log("Successfully adjusted {} chunk offsets in {}", count, type);
+}
+
 }  // namespace
 
 int64_t updateTrackEdts(Bytes& moovData, size_t trakOffset, ByteView newEdtsData) {
@@ -161,6 +192,10 @@ void updateMvhdDuration(Bytes& moovData, int64_t duration) {
   if (mvhd) {
     storeDuration(moovData, *mvhd, layout::timeHeader32.duration, layout::timeHeader64.duration, duration);
   }
+}
+
+void adjustChunkOffsets(Bytes& moovData, int64_t delta, uint64_t firstMoving) {
+  for (const BoxHeader& box : chunkOffsetBoxes(moovData)) adjustStcoAtOffset(moovData, box.offset, delta, firstMoving);
 }
 
 }  // namespace tarn
