@@ -9,8 +9,8 @@ if(TARN_SANITIZE)
   target_compile_options(tarn_options INTERFACE -fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -g1)
   target_link_options(tarn_options INTERFACE -fsanitize=${TARN_SANITIZE})
   if(TARN_SANITIZE MATCHES thread)
-    # The thread sanitizer does not see fences; Asio has a switch for that.
-    target_compile_definitions(tarn_options INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)
+    # The thread sanitizer does not see fences; Asio has switches for that (counters then go without them too).
+    target_compile_definitions(tarn_options INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK BOOST_ASIO_DISABLE_STD_ATOMIC)
   endif()
 endif()
 

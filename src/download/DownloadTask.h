@@ -92,6 +92,8 @@ class DownloadTask {
 
   Snapshot snapshot() const;
   DownloadStatus status() const;
+  /// True once cancel() or cleanup() has run.
+  bool isEnded() const;
 
   /// Changes fields under the mutex; the change must not call out.
   template <typename Change>
@@ -100,8 +102,8 @@ class DownloadTask {
     change(fields_);
   }
 
-  /// Stops a running transfer, deletes the file at `location`; the task reads `failed`. The completion handler is
-  /// dropped.
+  /// Stops a running transfer, drops the completion handler and deletes the file at `location`; the task reads
+  /// `failed`.
   void cancel();
 
   /// The same, but the task reads `cancelled`. A second call finds nothing to do.

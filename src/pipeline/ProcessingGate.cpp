@@ -14,12 +14,12 @@ ProcessingGate::Token ProcessingGate::begin(const ProcessingState& state) {
   return currentCancellationToken_;
 }
 
-ProcessingGate::Admission ProcessingGate::admit(const ProcessingState& state) {
+ProcessingGate::Admission ProcessingGate::admit(const ProcessingState& state, const std::function<bool()>& isWanted) {
   std::lock_guard guard(processingLock_);
+  if (!isWanted()) return {.isRefused = true};
   if (!isProcessing_ && !isClosed_) return {.token = begin(state)};
   pendingProcessingQueue_.push_back(state);
-  return {.token = nullptr,
-          .position = pendingProcessingQueue_.size(),
+  return {.position = pendingProcessingQueue_.size(),
           .currentId = currentProcessingState_ ? currentProcessingState_->downloadId : 0};
 }
 

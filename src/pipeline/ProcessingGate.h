@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <vector>
 
 #include "pipeline/CancellationToken.h"
@@ -30,11 +30,14 @@ class ProcessingGate {
 
   /// What became of a file that asked for its run.
   struct Admission {
-    Token token;            ///< set when the run starts now
-    size_t position = 0;    ///< else its place in the line, 1-based
-    int64_t currentId = 0;  ///< and the id of the active run, 0 when it has no record any more
+    bool isRefused = false;  ///< nobody wants the run any more
+    Token token = nullptr;   ///< set when the run starts now
+    size_t position = 0;     ///< else its place in the line, 1-based
+    int64_t currentId = 0;   ///< and the id of the active run, 0 when it has no record any more
   };
-  Admission admit(const ProcessingState& state);
+  /// `isWanted` is asked under the lock: whoever cancels the download first makes that answer false, and then cancels
+  /// here.
+  Admission admit(const ProcessingState& state, const std::function<bool()>& isWanted);
 
   /// A stored record that may start now, with the token of its run.
   struct Start {

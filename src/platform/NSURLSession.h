@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Error.h"
 #include "platform/FileManager.h"
@@ -63,6 +64,9 @@ class NSURLSession {
   /// fetched, PosixError when the record cannot be written.
   virtual std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
                                                                  const std::string& taskDescription) = 0;
+
+  /// The tasks of this session that have not had their last event, those of an earlier process included.
+  virtual std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() = 0;
 };
 
 /// Makes sessions and knows of transfers that an earlier process has left.

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarn {
+
+/// The exit codes of `tarn`.
+enum ExitCode : int { done = 0, failed = 1, usage = 2, interrupted = 130 };
+
+struct GlobalOptions {
+  std::optional<std::string> home;
+  bool verbose = false;
+  bool json = false;  ///< one JSON object a line for every event and the result
+  std::optional<std::chrono::seconds> backgroundLimit;
+};
+
+struct SaveOptions {
+  std::string url;
+  std::string album;
+  std::optional<std::string> filename;
+  bool skipVideoFix = false;
+  bool skipAudioFix = false;
+};
+
+/// Each command returns its exit code. What it throws is a failure for the caller to print.
+int saveCommand(const GlobalOptions& global, const SaveOptions& options);
+int resumeCommand(const GlobalOptions& global);
+int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
+int demoCommand(const GlobalOptions& global);
+
+}  // namespace tarn

@@ -1,0 +1,52 @@
+#include "app/FileNames.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+
+#include "platform/URL.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t longestName = 200;
+
+std::string_view videoEnding(std::string_view name) {
+  for (std::string_view ending : std::array<std::string_view, 3>{".mp4", ".mov", ".m4v"}) {
+    if (name.size() <= ending.size()) continue;
+    std::string_view tail = name.substr(name.size() - ending.size());
+    bool isSame = std::ranges::equal(tail, ending, {}, [](char c) { return std::tolower(static_cast<uint8_t>(c)); });
+    if (isSame) return tail;
+  }
+  return {};
+}
+
+bool isUnsafe(char c) {
+  auto byte = static_cast<uint8_t>(c);
+  return byte < 0x20 || byte == 0x7F || c == '/' || c == '\\';
+}
+
+/// Cuts to at most `size` bytes, not in the middle of a UTF-8 sequence.
+void cut(std::string& text, size_t size) {
+  if (text.size() <= size) return;
+  while (size > 0 && (static_cast<uint8_t>(text[size]) & 0xC0) == 0x80) --size;
+  text.resize(size);
+}
+
+}  // namespace
+
+std::string defaultFilename(const std::string& url) {
+  auto parsed = URL::parse(url);
+  std::string name = parsed ? parsed->lastPathComponent() : "";
+  std::ranges::replace_if(name, isUnsafe, '_');
+  name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
+  std::string ending(videoEnding(name));
+  name.resize(name.size() - ending.size());
+  if (name.empty()) return "video.mp4";
+  if (ending.empty()) ending = ".mp4";
+  cut(name, longestName - ending.size());
+  return name + ending;
+}
+
+}  // namespace tarn

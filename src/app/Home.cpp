@@ -1,0 +1,90 @@
+#include "app/Home.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+#include "platform/Error.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t largestLog = 16 << 20;
+
+std::optional<std::string> environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
+  if (!value || !*value) return std::nullopt;
+  return value;
+}
+
+std::string timestamp() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm parts{};
+  gmtime_r(&now.tv_sec, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%FT%T", &parts);
+  return fmt::format("{}.{:03}Z", text, now.tv_nsec / 1'000'000);
+}
+
+}  // namespace
+
+Path homeDirectory(const std::optional<std::string>& given) {
+  if (given) return std::filesystem::absolute(*given).lexically_normal();
+  if (auto home = environment("TARN_HOME")) return std::filesystem::absolute(*home).lexically_normal();
+  if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
+  if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
+  throw Error("Home", -1, "No home directory is known: use --home DIR");
+}
+
+HomeLock::HomeLock(const Path& home) {
+  std::filesystem::create_directories(home);
+  descriptor_ = ::open((home / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (descriptor_ < 0) throw PosixError(errno, (home / ".lock").string());
+  if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
+  int failure = errno;
+  ::close(descriptor_);
+  if (failure != EWOULDBLOCK) throw PosixError(failure, (home / ".lock").string());
+  throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
+}
+
+HomeLock::~HomeLock() {
+  ::close(descriptor_);
+}
+
+LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {
+  if (verbose) {
+    setLogSink([reader](std::string_view line) {
+      fmt::print(stderr, "{}\n", line);
+      reader(line);
+    });
+    return;
+  }
+  const Path path = home / "log/tarn.log";
+  std::filesystem::create_directories(path.parent_path());
+  std::error_code missing;
+  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
+    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
+  }
+  std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "ae"), [](std::FILE* open) {
+    if (open) std::fclose(open);
+  });
+  if (!file) throw PosixError(errno, path.string());
+  std::setvbuf(file.get(), nullptr, _IOLBF, 0);
+  setLogSink([file, reader](std::string_view line) {
+    fmt::print(file.get(), "{} {}\n", timestamp(), line);
+    reader(line);
+  });
+}
+
+LogFile::~LogFile() {
+  setLogSink({});
+}
+
+}  // namespace tarn

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+
+namespace tarn {
+
+/// The directory in which `tarn` keeps everything: `given`, else TARN_HOME, else $XDG_DATA_HOME/tarn, else
+/// ~/.local/share/tarn. Absolute. Throws Error when none of these can be told.
+Path homeDirectory(const std::optional<std::string>& given);
+
+/// The one process that owns a home. The lock goes with the process, however it ends.
+class HomeLock {
+ public:
+  /// Makes the home when it is missing. Throws Error when another process owns it.
+  explicit HomeLock(const Path& home);
+  ~HomeLock();
+  HomeLock(const HomeLock&) = delete;
+  HomeLock& operator=(const HomeLock&) = delete;
+
+ private:
+  int descriptor_;
+};
+
+/// Sends the log to `<home>/log/tarn.log`, or to standard error with `verbose`, until it is destroyed. A log that has
+/// grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as well.
+class LogFile {
+ public:
+  LogFile(const Path& home, bool verbose, LogSink reader);
+  ~LogFile();
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
+};
+
+}  // namespace tarn

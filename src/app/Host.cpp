@@ -1,0 +1,51 @@
+#include "app/Host.h"
+
+#include "download/DocumentsSweep.h"
+#include "platform/Log.h"
+
+namespace tarn {
+
+Host::Host(const HostOptions& options)
+    : lock_(options.home),
+      log_(options.home, options.verbose, [this](std::string_view line) { journal_.read(line); }),
+      files_(options.home),
+      application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
+      defaults_(files_, options.home / "Defaults"),
+      store_(defaults_, files_, clock_),
+      photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite),
+      transfers_(files_, dispatch_, options.home / "Transfers"),
+      savingStep_(photos_, clock_) {
+  removeLeftovers(files_, store_);
+  Platform platform{.files = files_,
+                    .defaults = defaults_,
+                    .clock = clock_,
+                    .dispatch = dispatch_,
+                    .application = application_,
+                    .photos = photos_,
+                    .transfers = transfers_};
+  plugin_ = TarnBridge::create(platform, {.remux = &remuxStep_, .last = &savingStep_});
+}
+
+Host::~Host() {
+  interrupt();
+  // The main queue is serial: behind this call the active run has been asked to stop, and stopping waits for it.
+  dispatch_.mainQueue().sync([] {});
+  dispatch_.stop();
+}
+
+void Host::start() {
+  plugin_->load();
+  if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
+}
+
+void Host::interrupt() {
+  plugin_->downloadManager().stopStarting();
+  application_.enterBackground();
+  application_.expireBackgroundTime();
+}
+
+bool Host::hasPendingWork() {
+  return !store_.allPendingStates().empty();
+}
+
+}  // namespace tarn

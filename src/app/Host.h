@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include "app/Home.h"
+#include "app/RunJournal.h"
+#include "platform/Platform.h"
+#include "platform/host/AsioDispatch.h"
+#include "platform/host/CurlURLSession.h"
+#include "platform/host/HostApplication.h"
+#include "platform/host/PosixFileManager.h"
+#include "platform/host/SQLitePhotoLibrary.h"
+#include "plugin/SavingStep.h"
+#include "plugin/TarnBridgePlugin.h"
+#include "remux/RemuxStep.h"
+
+namespace tarn {
+
+struct HostOptions {
+  Path home;
+  bool verbose = false;
+  std::optional<std::chrono::seconds> backgroundLimit;
+};
+
+/// Everything that runs in one home: the services of the host, the steps, the plug-in. Owns the home while it lives.
+/// Belongs to the thread that made it.
+class Host {
+ public:
+  /// Clears up what a killed process has left; nothing else runs yet. Throws Error.
+  explicit Host(const HostOptions& options);
+  /// Stops everything: a run ends at its next check, transfers stay in their store.
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  /// Loads the plug-in, as a bridge does, and takes up the transfers of the last process.
+  void start();
+
+  /// The end of background time: no run starts any more, the active one stores its checkpoint and stops.
+  void interrupt();
+
+  /// True while stored work waits for a run.
+  bool hasPendingWork();
+
+  TarnBridge& plugin() { return *plugin_; }
+  HostApplication& application() { return application_; }
+  SQLitePhotoLibrary& photos() { return photos_; }
+  const RunJournal& journal() const { return journal_; }
+
+ private:
+  HomeLock lock_;
+  RunJournal journal_;
+  LogFile log_;
+  PosixFileManager files_;
+  SystemClock clock_;
+  AsioDispatch dispatch_;
+  HostApplication application_;
+  UserDefaults defaults_;
+  ProcessingStateManager store_;
+  SQLitePhotoLibrary photos_;
+  CurlURLSessionService transfers_;
+  RemuxStep remuxStep_;
+  SavingStep savingStep_;
+  std::shared_ptr<TarnBridge> plugin_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,22 @@
+#include "app/Output.h"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+
+namespace tarn {
+
+void printJSON(const JSObject& object) {
+  printLine(object.json());
+}
+
+void printLine(const std::string& line) {
+  fmt::print("{}\n", line);
+  std::fflush(stdout);
+}
+
+void printFailure(const std::string& line) {
+  fmt::print(stderr, "tarn: {}\n", line);
+}
+
+}  // namespace tarn

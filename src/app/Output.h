@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "platform/Capacitor.h"
+
+namespace tarn {
+
+/// Writes one JSON object as a line to standard output.
+void printJSON(const JSObject& object);
+
+/// Writes a line to standard output, and one that tells of a failure to standard error.
+void printLine(const std::string& line);
+void printFailure(const std::string& line);
+
+}  // namespace tarn

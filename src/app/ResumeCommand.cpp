@@ -1,0 +1,129 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+
+#include "app/Commands.h"
+#include "app/EngineClient.h"
+#include "app/Host.h"
+#include "app/Interrupt.h"
+#include "app/Output.h"
+
+namespace tarn {
+namespace {
+
+/// Finishes what an earlier process has left: waits for transfers and runs, and sends the host to the foreground again
+/// after each, which takes up the next stored run.
+class Resume {
+ public:
+  Resume(const GlobalOptions& global, Host& host, EngineClient& client)
+      : global_(global), host_(host), client_(client) {}
+
+  int run() {
+    while (!client_.isInterrupted()) {
+      if (!look()) {
+        if (wasIdle_ && !host_.hasPendingWork()) break;
+        // Takes up the next stored run, and removes what is finished.
+        host_.application().enterForeground();
+        wasIdle_ = true;
+      } else {
+        wasIdle_ = false;
+      }
+      wait();
+    }
+    return finish();
+  }
+
+ private:
+  /// Takes the outcomes that are there; true while any download is active.
+  bool look() {
+    bool isActive = false;
+    const JSObject tasks = client_.call("getActiveDownloads").data;
+    for (const auto& [key, value] : tasks.members()) {
+      const JSObject& task = *value.get<JSObject>();
+      const std::string& status = *task.find("status")->get<std::string>();
+      const int64_t id = *task.find("id")->get<int64_t>();
+      if (status == "STATUS_SUCCESSFUL") {
+        takeSaved(id);
+      } else if (status == "STATUS_FAILED") {
+        takeFailed(id);
+      } else if (status != "STATUS_CANCELLED") {
+        isActive = true;
+        show(id, task);
+      }
+    }
+    return isActive;
+  }
+
+  void takeSaved(int64_t id) {
+    if (!outcomes_.emplace(id, true).second) return;
+    const std::string assetId = host_.journal().assetId(id).value_or("");
+    auto assets = host_.photos().fetchAllAssets();
+    auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
+    const std::string path = asset == assets.end() ? "" : asset->path.string();
+    if (global_.json) {
+      printJSON({{"result", "saved"}, {"id", id}, {"path", path}});
+    } else {
+      printLine(path.empty() ? fmt::format("download {} was saved", id) : path);
+    }
+  }
+
+  void takeFailed(int64_t id) {
+    if (!outcomes_.emplace(id, false).second) return;
+    const std::string words = host_.journal().failure(id).value_or("the reason is in the log");
+    if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
+    printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
+    client_.call("cancel", {{"id", id}});
+  }
+
+  void show(int64_t id, const JSObject& task) {
+    if (global_.json) {
+      printJSON({{"event", "downloadProgress"}, {"data", JSObject{{std::to_string(id), task}}}});
+    } else if (shown_.insert_or_assign(id, *task.find("status")->get<std::string>()).second) {
+      const JSValue* name = task.find("filename");
+      fmt::print(stderr, "going on with {}\n", name ? *name->get<std::string>() : std::to_string(id));
+    }
+  }
+
+  /// Looks often while much may happen, and once a second in a long transfer.
+  void wait() {
+    client_.nextEvent(pause_);
+    pause_ = wasIdle_ ? shortestPause : std::min(pause_ * 2, longestPause);
+  }
+
+  int finish() {
+    if (client_.isInterrupted()) {
+      printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
+      return ExitCode::interrupted;
+    }
+    if (outcomes_.empty() && !global_.json) fmt::print(stderr, "nothing to resume\n");
+    const bool allSaved = std::ranges::all_of(outcomes_, [](const auto& outcome) { return outcome.second; });
+    return allSaved ? ExitCode::done : ExitCode::failed;
+  }
+
+  static constexpr std::chrono::milliseconds shortestPause{30};
+  static constexpr std::chrono::milliseconds longestPause{1000};
+
+  const GlobalOptions& global_;
+  Host& host_;
+  EngineClient& client_;
+  std::chrono::milliseconds pause_ = shortestPause;
+  bool wasIdle_ = false;
+  std::map<int64_t, bool> outcomes_;  ///< true for a saved video
+  std::map<int64_t, std::string> shown_;
+};
+
+}  // namespace
+
+int resumeCommand(const GlobalOptions& global) {
+  Host host({.home = homeDirectory(global.home), .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
+  EngineClient client(host.plugin());
+  InterruptWatcher watcher([&] {
+    host.interrupt();
+    client.interrupt();
+  });
+  host.start();
+  return Resume(global, host, client).run();
+}
+
+}  // namespace tarn

@@ -1,0 +1,63 @@
+#include <CLI/CLI.hpp>
+#include <exception>
+
+#include "app/Commands.h"
+#include "app/Interrupt.h"
+#include "app/Output.h"
+
+namespace {
+
+using namespace tarn;
+
+int run(int argc, char** argv) {
+  CLI::App app{"Fetches a video, repairs it and keeps it in an album.", "tarn"};
+  app.require_subcommand(1);
+  app.fallthrough();
+
+  GlobalOptions global;
+  int64_t backgroundSeconds = 0;
+  app.add_option("--home", global.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)");
+  app.add_flag("--verbose", global.verbose, "Send the log to standard error");
+  app.add_flag("--json", global.json, "One JSON object a line for every event and result");
+  auto* limit = app.add_option("--background-seconds", backgroundSeconds, "Time that a run may go on in the background")
+                    ->check(CLI::NonNegativeNumber);
+
+  SaveOptions saving;
+  auto* save = app.add_subcommand("save", "Save the video at a URL into an album");
+  save->add_option("URL", saving.url, "An http or https URL")->required();
+  save->add_option("--album", saving.album, "The album; it is made when there is none of this name")->required();
+  save->add_option("--filename", saving.filename, "The file's name in the album (else the URL's last part)");
+  save->add_flag("--skip-video-fix", saving.skipVideoFix, "Leave the file as it comes");
+  save->add_flag("--skip-audio-fix", saving.skipAudioFix, "Leave sound and timing as they come");
+
+  auto* resume = app.add_subcommand("resume", "Finish what was interrupted");
+
+  std::optional<std::string> album;
+  auto* library = app.add_subcommand("library", "List the albums and what is in them");
+  library->add_option("--album", album, "Only this album");
+
+  auto* demo = app.add_subcommand("demo", "Make a damaged recording, save it, and show what was repaired");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? ExitCode::done : ExitCode::usage;
+  }
+  if (limit->count() > 0) global.backgroundLimit = std::chrono::seconds(backgroundSeconds);
+  if (save->parsed()) return saveCommand(global, saving);
+  if (resume->parsed()) return resumeCommand(global);
+  if (library->parsed()) return libraryCommand(global, album);
+  return demo->parsed() ? demoCommand(global) : ExitCode::usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  tarn::blockInterrupts();
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    tarn::printFailure(error.what());
+    return tarn::ExitCode::failed;
+  }
+}

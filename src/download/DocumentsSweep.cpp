@@ -1,0 +1,81 @@
+#include "download/DocumentsSweep.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+
+#include "platform/Error.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+bool isVideoName(std::string_view name) {
+  return name.ends_with(".mp4") || name.ends_with(".mov") || name.ends_with(".m4v");
+}
+
+/// The names under which steps make their temp files: a UUID in upper case, then one of these endings.
+bool isStepTempName(std::string_view name) {
+  constexpr size_t uuidLength = 36;
+  if (name.size() <= uuidLength) return false;
+  for (size_t i = 0; i < uuidLength; ++i) {
+    bool isDash = i == 8 || i == 13 || i == 18 || i == 23;
+    auto c = static_cast<unsigned char>(name[i]);
+    if (isDash ? c != '-' : !(std::isdigit(c) || (c >= 'A' && c <= 'F'))) return false;
+  }
+  std::string_view rest = name.substr(uuidLength);
+  return rest.ends_with(".m4a") || rest.ends_with(".mp4.tmp") || (rest.starts_with("_") && rest.ends_with(".mp4"));
+}
+
+}  // namespace
+
+std::set<Path> DocumentsSweep::knownFiles() const {
+  std::set<Path> known;
+  for (const DownloadTaskPointer& task : registry_.all()) {
+    if (auto location = task->snapshot().location) known.insert(location->filename());
+  }
+  for (const ProcessingState& state : store_.allPendingStates()) {
+    known.insert(state.fileURL.filename());
+    for (const Path& file : state.tempFiles) known.insert(file.filename());
+  }
+  return known;
+}
+
+void DocumentsSweep::cleanupOrphanedFiles() {
+  try {
+    const Path documents = files_.documentsDirectory(false);
+    const std::vector<std::string> entries = files_.contentsOfDirectory(documents);
+    const std::set<Path> known = knownFiles();
+    for (const std::string& name : entries) {
+      if (!isVideoName(name) || known.contains(name)) continue;
+      // Between the listing and now a transfer may have brought a file of this name. Holding the name keeps it from
+      // doing so from here on, and the second look sees what it wrote before.
+      auto hold = names_.tryHold(documents / name);
+      if (!hold || knownFiles().contains(name) || !files_.fileExists(documents / name)) continue;
+      files_.removeItem(documents / name);
+      log("Cleaned up orphaned file: {}", name);
+    }
+  } catch (const Error& error) {
+    log("Error cleaning up orphaned files: {}", error.description());
+  }
+}
+
+void removeLeftovers(FileManager& files, ProcessingStateManager& store) {
+  try {
+    const Path temporary = files.temporaryDirectory();
+    for (const std::string& name : files.contentsOfDirectory(temporary)) files.removeItem(temporary / name);
+    const Path documents = files.documentsDirectory(true);
+    std::set<Path> listed;
+    for (const ProcessingState& state : store.allPendingStates()) {
+      listed.insert(state.tempFiles.begin(), state.tempFiles.end());
+    }
+    for (const std::string& name : files.contentsOfDirectory(documents)) {
+      if (isStepTempName(name) && !listed.contains(documents / name)) files.removeItem(documents / name);
+    }
+  } catch (const Error& error) {
+    log("Error removing leftovers: {}", error.description());
+  }
+}
+
+}  // namespace tarn

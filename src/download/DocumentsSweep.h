@@ -1,0 +1,37 @@
+#pragma once
+
+#include <set>
+
+#include "download/DownloadRegistry.h"
+#include "pipeline/NamesInTheMaking.h"
+#include "pipeline/ProcessingStateManager.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// Keeps the Documents directory from growing without end.
+class DocumentsSweep {
+ public:
+  DocumentsSweep(FileManager& files, const DownloadRegistry& registry, ProcessingStateManager& store,
+                 NamesInTheMaking& names)
+      : files_(files), registry_(registry), store_(store), names_(names) {}
+
+  /// Deletes the videos (.mp4, .mov, .m4v) that no task, no pending record and no work in hand refers to. The first
+  /// failure is logged and ends the sweep. May run beside anything else.
+  void cleanupOrphanedFiles();
+
+ private:
+  std::set<Path> knownFiles() const;
+
+  FileManager& files_;
+  const DownloadRegistry& registry_;
+  ProcessingStateManager& store_;
+  NamesInTheMaking& names_;
+};
+
+/// Deletes what runs of a process that was killed have left: everything in the temporary directory, and in Documents
+/// the temp files of steps that no pending record lists. Only while nothing else works in this home. Failures are
+/// logged.
+void removeLeftovers(FileManager& files, ProcessingStateManager& store);
+
+}  // namespace tarn

@@ -1,0 +1,319 @@
+#include "download/DownloadManager.h"
+
+#include <algorithm>
+
+#include "download/TransferNote.h"
+#include "platform/Log.h"
+#include "platform/URL.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::chrono::milliseconds cancelAllCooldown{500};
+constexpr std::chrono::seconds maxAge{86400};
+
+bool isActive(DownloadStatus status) {
+  return status == DownloadStatus::queued || status == DownloadStatus::downloading ||
+         status == DownloadStatus::processing;
+}
+
+}  // namespace
+
+std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps) {
+  std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps));  // NOLINT: the constructor is private
+  std::weak_ptr<DownloadManager> weak = manager;
+  manager->backgroundTime_ = std::make_shared<BackgroundTime>(platform.application, platform.dispatch, [weak] {
+    if (auto self = weak.lock()) self->handleBackgroundExpiration();
+  });
+  manager->loadPersistedDownloads();
+  return manager;
+}
+
+DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps& steps)
+    : platform_(platform),
+      taskStore_(platform.defaults, registry_),
+      queue_(platform.defaults),
+      store_(platform.defaults, platform.files, platform.clock),
+      gate_(store_),
+      sweep_(platform.files, registry_, store_, names_),
+      driver_(platform.files, platform.clock, store_, names_, *this, steps),
+      downloadsQueue_(platform.dispatch.makeSerialQueue("com.tarn.downloadsQueue", false)),
+      processingWorker_(platform.dispatch.makeSerialQueue("com.tarn.processing", true)) {}
+
+DownloadManager::~DownloadManager() = default;
+
+void DownloadManager::loadPersistedDownloads() {
+  for (const DownloadTaskData& data : taskStore_.load()) {
+    auto task = std::make_shared<DownloadTask>(platform_.files, data.id, data.url, data.album, data.filename);
+    DownloadStatus status = downloadStatus(data.status);
+    task->update([&](DownloadTask::Snapshot& fields) { fields.status = status; });
+    registry_.insert(task);
+    if (status == DownloadStatus::queued) queue_.append({.url = data.url, .task = task, .delegate = {}});
+  }
+  startNextQueuedDownloads();
+}
+
+int64_t DownloadManager::makeId() {
+  std::lock_guard guard(idMutex_);
+  int64_t id = secondsSince1970(platform_.clock.now());
+  issuedIds_.erase(issuedIds_.begin(), issuedIds_.lower_bound(id));
+  while (issuedIds_.contains(id) || isIdTaken(id)) ++id;
+  issuedIds_.insert(id);
+  return id;
+}
+
+bool DownloadManager::isIdTaken(int64_t id) {
+  if (registry_.contains(id) || gate_.holds(id) || store_.loadState(id)) return true;
+  return std::ranges::any_of(platform_.transfers.storedTaskDescriptions(), [id](const std::string& text) {
+    auto note = TransferNote::parse(text);
+    return note && note->id == id;
+  });
+}
+
+NSURLSession& DownloadManager::session() {
+  std::lock_guard guard(sessionMutex_);
+  if (!session_) {
+    std::string identifier = platform_.application.bundleIdentifier() + ".downloads";
+    session_ = platform_.transfers.makeBackgroundSession(identifier, weak_from_this());
+  }
+  return *session_;
+}
+
+void DownloadManager::handleEventsForBackgroundURLSession() {
+  session();
+}
+
+DownloadTaskPointer DownloadManager::startDownloadFileBy(const std::string& url,
+                                                         const std::optional<std::string>& album,
+                                                         const std::optional<std::string>& filename, bool skipVideoFix,
+                                                         bool skipAudioFix, const DelegatePointer& delegate) {
+  if (isBlockingNewDownloads_) {
+    log("startDownloadFileBy blocked - call clearAllStates() to resume. Rejecting: {}", filename.value_or(""));
+    return nullptr;
+  }
+  if (!URL::parse(url)) return nullptr;
+  log("starting download {}", url);
+  const int64_t id = makeId();
+  auto task = std::make_shared<DownloadTask>(platform_.files, id, url, album, filename);
+  task->update([&](DownloadTask::Snapshot& fields) {
+    fields.skipVideoFix = skipVideoFix;
+    fields.skipAudioFix = skipAudioFix;
+  });
+  log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, skipVideoFix, skipAudioFix);
+  PendingDownload download{.url = url, .task = task, .delegate = delegate};
+  registry_.insert(task);
+  DownloadQueue::Admission admission = queue_.admit(download);
+  const auto& counts = admission.counts;
+  if (!admission.hasSlot) {
+    log("Download queued: {} (queue size: {}, running: {}/{})", id, counts.queued, counts.running, counts.limit);
+  } else if (startTransfer(download)) {
+    log("Download started immediately: {} (running: {}/{})", id, counts.running, counts.limit);
+  } else {
+    startNextQueuedDownloads();
+  }
+  taskStore_.persist();
+  return task;
+}
+
+bool DownloadManager::startTransfer(const PendingDownload& download) {
+  const DownloadTaskPointer& task = download.task;
+  registry_.setDelegate(task->id, download.delegate);
+  try {
+    auto fields = task->snapshot();
+    TransferNote note{.id = task->id, .skipVideoFix = fields.skipVideoFix, .skipAudioFix = fields.skipAudioFix};
+    auto transfer = session().downloadTask(download.url, note.text());
+    registry_.mapTransfer(transfer->taskIdentifier(), task->id);
+    // The status is set first: a short transfer may be over before resume() returns.
+    task->update([&](DownloadTask::Snapshot& current) {
+      if (current.reason.kind == DownloadReason::Case::cancelled) return;
+      current.downloadTask = transfer;
+      current.status = DownloadStatus::downloading;
+    });
+    transfer->resume();
+    if (!task->isEnded()) return true;
+    // Cancelled meanwhile, at a moment when there was no running transfer to stop.
+    transfer->cancel();
+  } catch (const Error& error) {
+    log("Download could not be started {} {}", task->id, error.description());
+    task->update([&](DownloadTask::Snapshot& fields) {
+      fields.status = DownloadStatus::failed;
+      fields.reason = DownloadReason::error(std::current_exception());
+    });
+    notifyFailed(task);
+  }
+  queue_.releaseSlot(task->id);
+  return false;
+}
+
+void DownloadManager::startNextQueuedDownloads() {
+  while (!isStopped_) {
+    auto started = queue_.takeNext();
+    if (!started) return;
+    executeDownload(*started);
+  }
+}
+
+void DownloadManager::executeDownload(const DownloadQueue::Started& started) {
+  const PendingDownload& download = started.download;
+  if (!URL::parse(download.url)) {
+    log("Invalid URL for queued download: {}", download.url);
+    queue_.releaseSlot(download.task->id);
+    return;
+  }
+  if (!startTransfer(download)) return;
+  log("Started queued download: {} (running: {}/{})", download.task->id, started.counts.running, started.counts.limit);
+  taskStore_.persist();
+}
+
+void DownloadManager::releaseSlot(int64_t id) {
+  queue_.releaseSlot(id);
+  startNextQueuedDownloads();
+}
+
+void DownloadManager::cancelTransfer(int64_t id) {
+  std::lock_guard guard(sessionMutex_);
+  if (!session_) return;
+  for (const auto& transfer : session_->allTasks()) {
+    auto note = TransferNote::parse(transfer->taskDescription());
+    if (note && note->id == id) transfer->cancel();
+  }
+}
+
+void DownloadManager::cancelDownloadFileBy(int64_t id) {
+  auto task = registry_.find(id);
+  if (!task) return;
+  queue_.remove(id);
+  task->cancel();
+  cancelTransfer(id);
+  switch (gate_.cancel(id)) {
+    case ProcessingGate::Cancelled::activeRun:
+      log("Cancelling active processing for download {}", id);
+      break;
+    case ProcessingGate::Cancelled::waiting:
+      log("Removed download {} from processing queue", id);
+      break;
+    case ProcessingGate::Cancelled::nothing:
+      break;
+  }
+  store_.removeState(id);
+  removeDelegate(id);
+  removeDownload(id);
+  if (queue_.releaseSlot(id)) startNextQueuedDownloads();
+}
+
+void DownloadManager::cancelAll() {
+  isBlockingNewDownloads_ = true;
+  logLine("cancelAll called - blocking new downloads for 0.5s");
+  queue_.clear();
+  ProcessingGate::CancelledAll cancelled = gate_.cancelAll();
+  if (cancelled.activeRun) logLine("Cancelling active processing in cancelAll()");
+  if (cancelled.waiting != 0) log("Cleared {} items from processing queue", cancelled.waiting);
+  store_.clearAllStates();
+  postWipe();
+  platform_.dispatch.mainQueue().asyncAfter(cancelAllCooldown, [weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    logLine("cancelAll cooldown complete - resuming new downloads");
+    self->isBlockingNewDownloads_ = false;
+  });
+}
+
+void DownloadManager::clearAllStates() {
+  logLine("clearAllStates called - resuming new downloads");
+  isBlockingNewDownloads_ = false;
+  queue_.clear();
+  gate_.clear();
+  store_.clearAllStates();
+  postWipe();
+}
+
+/// Removes the tasks of this moment, later: a download that is started after the call is not meant.
+void DownloadManager::postWipe() {
+  post(*downloadsQueue_, [tasks = registry_.all()](DownloadManager& self) {
+    for (const auto& task : tasks) {
+      task->cleanup();
+      self.cancelTransfer(task->id);
+      // A transfer may have brought its file, and a record with it, since the call.
+      self.gate_.cancel(task->id);
+      self.store_.removeState(task->id);
+      self.registry_.remove(task->id);
+    }
+    if (self.registry_.all().empty()) {
+      self.taskStore_.clear();
+    } else {
+      self.taskStore_.persist();
+    }
+    self.sweep_.cleanupOrphanedFiles();
+  });
+}
+
+void DownloadManager::removeDownload(int64_t key) {
+  post(*downloadsQueue_, [key](DownloadManager& self) {
+    auto task = self.registry_.remove(key);
+    if (!task) {
+      log("Attempted to remove non-existent download with key {}.", key);
+      return;
+    }
+    task->cleanup();
+    self.taskStore_.persist();
+    log("Removed and cleaned up download with key {}. Downloads left: {}", key, self.registry_.all().size());
+  });
+}
+
+void DownloadManager::removeDelegate(int64_t key) {
+  registry_.removeDelegate(key);
+}
+
+std::vector<DownloadTaskPointer> DownloadManager::getDownloads() const {
+  return registry_.all();
+}
+
+std::vector<DownloadTaskPointer> DownloadManager::getActiveDownloads() const {
+  std::vector<DownloadTaskPointer> tasks = registry_.all();
+  std::erase_if(tasks, [](const DownloadTaskPointer& task) { return !isActive(task->status()); });
+  return tasks;
+}
+
+int64_t DownloadManager::getMaxConcurrentDownloads() {
+  return queue_.limit();
+}
+
+void DownloadManager::setMaxConcurrentDownloads(int64_t limit) {
+  log("Max concurrent downloads set to: {}", queue_.setLimit(limit));
+  startNextQueuedDownloads();
+}
+
+size_t DownloadManager::getQueuedDownloadCount() const {
+  return queue_.queuedCount();
+}
+
+void DownloadManager::performPeriodicCleanup() {
+  post(*downloadsQueue_, [](DownloadManager& self) { self.cleanUpPeriodically(); });
+}
+
+void DownloadManager::cleanUpPeriodically() {
+  const int64_t cutOff = secondsSince1970(platform_.clock.now() - maxAge);
+  for (const auto& task : registry_.all()) {
+    if (task->status() != DownloadStatus::completed || task->id >= cutOff) continue;
+    task->cleanup();
+    registry_.remove(task->id);
+    log("Cleaned up old completed download: {}", task->id);
+  }
+  taskStore_.persist();
+  sweep_.cleanupOrphanedFiles();
+  store_.cleanupStaleStates(maxAge);
+  store_.validateStates();
+}
+
+void DownloadManager::stopStarting() {
+  isStopped_ = true;
+  gate_.close();
+}
+
+void DownloadManager::post(DispatchQueue& queue, std::function<void(DownloadManager&)> work) {
+  queue.async([weak = weak_from_this(), work = std::move(work)] {
+    if (auto self = weak.lock()) work(*self);
+  });
+}
+
+}  // namespace tarn

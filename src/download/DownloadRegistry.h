@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "download/DownloadTask.h"
+
+namespace tarn {
+
+/// Every task that the engine holds, who hears about each, and which transfer belongs to which: three maps under one
+/// lock. A leaf: it may be asked while another lock is held, and never calls out. Thread-safe.
+class DownloadRegistry {
+ public:
+  using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
+
+  void insert(const DownloadTaskPointer& task);
+  /// Puts the task in the place of its entry; an entry that has been removed does not come back.
+  void replace(const DownloadTaskPointer& task);
+  /// Takes the task out, with its delegate. Null when there is none.
+  DownloadTaskPointer remove(int64_t id);
+  std::vector<DownloadTaskPointer> removeAll();
+
+  DownloadTaskPointer find(int64_t id) const;
+  bool contains(int64_t id) const { return find(id) != nullptr; }
+  /// By id, the oldest first.
+  std::vector<DownloadTaskPointer> all() const;
+
+  /// Sets who hears of a task, if the task is there.
+  void setDelegate(int64_t id, const std::weak_ptr<DownloadManagerDelegate>& delegate);
+  void removeDelegate(int64_t id);
+  DelegatePointer delegate(int64_t id) const;
+
+  /// Remembers the transfer of a task.
+  void mapTransfer(int64_t taskIdentifier, int64_t id);
+  /// Forgets a transfer after its last event.
+  void forgetTransfer(int64_t taskIdentifier);
+
+  /// The task of a transfer's event.
+  struct Match {
+    DownloadTaskPointer task;
+    bool isNew = false;  ///< found by id or URL just now: a transfer of an earlier process
+  };
+  /// By the transfer's identifier; and for a transfer that no task of this process has begun, the task that its note
+  /// names, else the first of the same URL, passing over tasks that wait or have a live transfer. Remembers a new
+  /// match.
+  Match match(int64_t taskIdentifier, const std::string& url, std::optional<int64_t> notedId);
+
+  /// Clears the location of every task that names this file: the file is about to be replaced.
+  void forgetLocation(const Path& location);
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int64_t, DownloadTaskPointer> downloads_;
+  std::map<int64_t, std::weak_ptr<DownloadManagerDelegate>> delegates_;
+  /// An entry stays until the transfer's last event, also when its task is gone: such an event belongs to nobody else.
+  std::map<int64_t, int64_t> taskIdToDownloadId_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,52 @@
+#include "download/FirstRecord.h"
+
+#include "media/AVAsset.h"
+#include "platform/Error.h"
+#include "platform/Log.h"
+#include "remux/MP4Remuxer.h"
+
+namespace tarn {
+namespace {
+
+bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
+  std::optional<std::string> tag;
+  try {
+    tag = MP4Remuxer::detectHEVCTag(files, fileURL);
+  } catch (const Error& error) {
+    log("ERROR detecting video codec: {}", error.description());
+    return false;
+  }
+  if (!tag) {
+    logLine("WARNING: Could not detect video codec (detection failed or unsupported codec)");
+    return false;
+  }
+  log("Detected video codec: {}", *tag);
+  if (*tag == "hev1" || *tag == "hvc1") {
+    logLine("HEVC video detected - will remux to ensure complete parameter sets");
+    return true;
+  }
+  if (*tag == "avc1" || *tag == "avc3") {
+    logLine("AVC video detected - will remux to ensure complete parameter sets");
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const PipelineEntry& entry) {
+  ProcessingState state;
+  state.downloadId = entry.id;
+  state.filename = entry.filename;
+  state.album = entry.album;
+  state.fileURL = entry.fileURL;
+  state.lastUpdated = clock.now();
+  state.needsRemuxing = codecNeedsRemuxing(files, entry.fileURL) && !entry.skipVideoFix;
+  log("needsRemuxing = {}", state.needsRemuxing);
+  const bool skipsSound = entry.skipVideoFix || entry.skipAudioFix;
+  state.needsAudioTranscode = !skipsSound && !AVAsset(files, entry.fileURL).tracks(AVMediaType::audio).empty();
+  state.skipAVSync = skipsSound;
+  return state;
+}
+
+}  // namespace tarn

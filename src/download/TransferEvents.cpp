@@ -1,0 +1,171 @@
+#include <algorithm>
+
+#include "download/DownloadManager.h"
+#include "download/FirstRecord.h"
+#include "download/TransferNote.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+/// The name that a page gave becomes one entry of the Documents directory, or the download fails.
+std::string checkedFilename(const DownloadTask& task) {
+  if (!task.filename) throw Error("TarnFetch", -1, "The download has no file name");
+  const std::string& name = *task.filename;
+  const bool leavesDirectory = name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
+                               name.find('\0') != std::string::npos;
+  if (leavesDirectory) throw Error("TarnFetch", -1, "Not a file name: \"" + name + "\"");
+  return name;
+}
+
+Path withId(const Path& file, int64_t id) {
+  Path name = file.stem();
+  name += "-" + std::to_string(id);
+  name += file.extension();
+  return file.parent_path() / name;
+}
+
+}  // namespace
+
+DownloadRegistry::Match DownloadManager::findTask(const TaskPointer& transfer) {
+  auto note = TransferNote::parse(transfer->taskDescription());
+  auto match = registry_.match(transfer->taskIdentifier(), transfer->originalRequestURL(),
+                               note ? std::optional(note->id) : std::nullopt);
+  if (match.task && match.isNew) {
+    match.task->update([&](DownloadTask::Snapshot& fields) {
+      if (fields.reason.kind == DownloadReason::Case::cancelled) return;
+      fields.downloadTask = transfer;
+      if (!note) return;
+      fields.skipVideoFix = note->skipVideoFix;
+      fields.skipAudioFix = note->skipAudioFix;
+    });
+  }
+  return match;
+}
+
+void DownloadManager::urlSessionDidWriteData(const TaskPointer& transfer, int64_t, int64_t totalBytesWritten,
+                                             int64_t totalBytesExpectedToWrite) {
+  auto match = findTask(transfer);
+  if (!match.task) {
+    log("Download not found for progress update, taskId: {}", transfer->taskIdentifier());
+    return;
+  }
+  if (match.isNew) log("Re-established task mapping for download {}", match.task->id);
+  match.task->update([&](DownloadTask::Snapshot& fields) {
+    fields.totalBytes = totalBytesExpectedToWrite;
+    fields.bytesDownloaded = totalBytesWritten;
+    fields.progress = transfer->fractionCompleted();
+  });
+}
+
+/// A kill between the hand-over and the end of the transfer's record makes the session deliver the file once more.
+bool DownloadManager::wasHandedOver(const DownloadTaskPointer& task) {
+  return task->status() == DownloadStatus::completed || gate_.holds(task->id) || store_.loadState(task->id).has_value();
+}
+
+void DownloadManager::urlSessionDidFinishDownloading(const TaskPointer& transfer, const Path& location) {
+  DownloadTaskPointer task = findTask(transfer).task;
+  if (!task) {
+    log("Download not found for completion, taskId: {}", transfer->taskIdentifier());
+    return;
+  }
+  if (wasHandedOver(task)) {
+    log("Download {} was handed over before - not taking it again", task->id);
+    return;
+  }
+  log("Download completed, starting post-processing for {}", task->id);
+  ProcessingState state;
+  try {
+    auto hold = holdDestination(task);
+    log("Download finished for url {} moving to {}", location.string(), hold.path().string());
+    if (!platform_.files.fileExists(location)) {
+      // The page hears of this one with the transfer's last event.
+      log("Source file does not exist {}", location.string());
+      failHandOver(task, std::make_exception_ptr(Error("FileNotFound", 404, "Downloaded file not found")));
+      return;
+    }
+    moveIntoPlace(location, hold.path());
+    auto fields = task->snapshot();
+    state = makeFirstRecord(platform_.files, platform_.clock,
+                            {.id = task->id,
+                             .filename = *task->filename,
+                             .album = task->album,
+                             .fileURL = hold.path(),
+                             .skipVideoFix = fields.skipVideoFix,
+                             .skipAudioFix = fields.skipAudioFix});
+    store_.saveState(state);
+  } catch (const std::exception&) {
+    removeIfExists(platform_.files, location);
+    failHandOver(task, std::current_exception());
+    notifyFailed(task);
+    return;
+  }
+  task->update([](DownloadTask::Snapshot& fields) {
+    if (fields.reason.kind != DownloadReason::Case::cancelled) fields.status = DownloadStatus::processing;
+  });
+  registry_.replace(task);
+  taskStore_.persist();
+  queueOrStartProcessing(state, task);
+}
+
+/// The place for the task's file. Another download's pending file is never replaced: the newcomer then gets its id in
+/// its name on disk.
+NamesInTheMaking::Hold DownloadManager::holdDestination(const DownloadTaskPointer& task) {
+  const Path destination = platform_.files.documentsDirectory(true) / checkedFilename(*task);
+  std::vector<ProcessingState> pending = store_.allPendingStates();
+  const bool isAnothers = std::ranges::any_of(pending, [&](const ProcessingState& state) {
+    return state.downloadId != task->id && state.fileURL == destination;
+  });
+  if (!isAnothers) {
+    if (auto hold = names_.tryHold(destination)) return std::move(*hold);
+  }
+  return names_.hold(withId(destination, task->id));
+}
+
+void DownloadManager::moveIntoPlace(const Path& location, const Path& destination) {
+  if (platform_.files.fileExists(destination)) {
+    log("File exists at: {}", destination.string());
+    registry_.forgetLocation(destination);
+    platform_.files.removeItem(destination);
+  }
+  platform_.files.moveItem(location, destination);
+  // The record that follows must not outlive the file that it names.
+  platform_.files.synchronizeDirectory(destination.parent_path());
+}
+
+void DownloadManager::failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure) {
+  log("Download could not enter the pipeline {} {}", task->id, describe(failure));
+  task->update([&](DownloadTask::Snapshot& fields) {
+    if (fields.reason.kind == DownloadReason::Case::cancelled) return;
+    fields.status = DownloadStatus::failed;
+    fields.reason = DownloadReason::error(failure);
+  });
+  registry_.replace(task);
+  taskStore_.persist();
+  releaseSlot(task->id);
+}
+
+void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const std::optional<Error>& error) {
+  DownloadTaskPointer task = findTask(transfer).task;
+  registry_.forgetTransfer(transfer->taskIdentifier());
+  if (!task || task->isEnded()) return;
+  if (error) {
+    log("Download completed with error {} {}", task->id, error->description());
+    task->update([&](DownloadTask::Snapshot& fields) {
+      fields.status = DownloadStatus::failed;
+      fields.reason = DownloadReason::error(std::make_exception_ptr(*error));
+      fields.downloadTask = nullptr;
+    });
+    releaseSlot(task->id);
+    notifyFailed(task);
+    return;
+  }
+  if (store_.loadState(task->id)) {
+    log("URLSession task completed but processing ongoing for {} - skipping notification", task->id);
+    return;
+  }
+  // A file that could not enter the pipeline, or a run that was over before this event.
+  notifyFinished(task, task->snapshot().location.value_or(Path()));
+}
+
+}  // namespace tarn

@@ -1,0 +1,84 @@
+#include "mp4/SampleTableBuilders.h"
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "mp4/DataExtensions.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t fullBoxHeader = 12;
+constexpr uint64_t uint32Max = std::numeric_limits<uint32_t>::max();
+
+/// A box of some fixed 32-bit fields and a table, the header written and the memory taken.
+Bytes beginBox(std::string_view type, uint64_t fields, uint64_t entries, uint64_t entrySize) {
+  uint64_t fixed = fullBoxHeader + 4 * fields;
+  if (entries > (uint32Max - fixed) / entrySize) {
+    throw sampleTableError(std::string(type) + " of " + std::to_string(entries) + " entries does not fit a box");
+  }
+  uint64_t size = fixed + entries * entrySize;
+  Bytes box;
+  box.reserve(size);
+  ByteWriter(box).uint32(static_cast<uint32_t>(size)).text(type).uint32(0);
+  return box;
+}
+
+}  // namespace
+
+Error sampleTableError(std::string description) {
+  return {"SampleTable", -1, std::move(description)};
+}
+
+Bytes buildStszBox(std::span<const uint32_t> sampleSizes) {
+  bool isCompact =
+      !sampleSizes.empty() && std::ranges::adjacent_find(sampleSizes, std::not_equal_to()) == sampleSizes.end();
+  Bytes box = beginBox("stsz", 2, isCompact ? 0 : sampleSizes.size(), 4);
+  ByteWriter writer(box);
+  writer.uint32(isCompact ? sampleSizes.front() : 0).uint32(static_cast<uint32_t>(sampleSizes.size()));
+  if (!isCompact) {
+    for (uint32_t size : sampleSizes) writer.uint32(size);
+  }
+  return box;
+}
+
+Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration) {
+  Bytes box = beginBox("stts", 1, 1, 8);
+  ByteWriter(box).uint32(1).uint32(sampleCount).uint32(sampleDuration);
+  return box;
+}
+
+Bytes buildSimpleStscBox() {
+  SampleToChunkEntry row{.firstChunk = 1, .samplesPerChunk = 1, .sampleDescriptionIndex = 1};
+  return buildStscBox({&row, 1});
+}
+
+Bytes buildStscBox(std::span<const SampleToChunkEntry> rows) {
+  Bytes box = beginBox("stsc", 1, rows.size(), 12);
+  ByteWriter writer(box);
+  writer.uint32(static_cast<uint32_t>(rows.size()));
+  for (const auto& row : rows) {
+    writer.uint32(row.firstChunk).uint32(row.samplesPerChunk).uint32(row.sampleDescriptionIndex);
+  }
+  return box;
+}
+
+Bytes buildChunkOffsetBox(std::span<const uint64_t> offsets) {
+  bool isLong = std::ranges::any_of(offsets, needs64Bits);
+  Bytes box = isLong ? beginBox("co64", 1, offsets.size(), 8) : beginBox("stco", 1, offsets.size(), 4);
+  ByteWriter writer(box);
+  writer.uint32(static_cast<uint32_t>(offsets.size()));
+  for (uint64_t offset : offsets) {
+    if (isLong) {
+      writer.uint64(offset);
+    } else {
+      writer.uint32(static_cast<uint32_t>(offset));
+    }
+  }
+  return box;
+}
+
+}  // namespace tarn

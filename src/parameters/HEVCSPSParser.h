@@ -1,0 +1,32 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// What an HEVC sequence parameter set says about its stream (ITU-T H.265 7.4.3.2, 7.4.4).
+struct HEVCSPSInfo {
+  uint32_t width;             ///< pic_width_in_luma_samples; the conformance window is not applied
+  uint32_t height;            ///< pic_height_in_luma_samples, likewise
+  uint8_t chromaFormatIdc;    ///< 0 to 3; 0 also for separately coded colour planes
+  uint8_t bitDepthLuma;       ///< 8 to 16 bits
+  uint8_t bitDepthChroma;     ///< 8 to 16 bits
+  uint8_t generalProfileIdc;  ///< for a signalled 0, the lowest profile above 0 with which the stream is compatible
+  uint8_t generalLevelIdc;    ///< 30 times the level
+  uint8_t generalTierFlag;    ///< 1 for the High tier
+  uint8_t maxSubLayers;       ///< temporal sub-layers, 1 to 8
+  uint8_t temporalIdNesting;  ///< sps_temporal_id_nesting_flag
+};
+
+/// Reads a sequence parameter set as far as the bit depths (ITU-T H.265 7.3.2.2). `data` is a whole NAL unit of `size`
+/// bytes with its 2-byte header, which is not looked at, and without emulation prevention bytes. Returns 0, or -1 for
+/// null pointers, fewer than 3 bytes and any set that cannot be read, is outside 1 to 16384 in width or height, or has
+/// a chroma format above 3 or more than 16 bits; `info` must not be used then. Reentrant; allocates nothing.
+int32_t hevc_parse_sps(const uint8_t* data, size_t size, struct HEVCSPSInfo* info);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <optional>
+#include <span>
+
+#include "mp4/MP4BoxUtils.h"
+#include "mp4/MP4SampleTableParser.h"
+#include "parameters/ParameterSetCollector.h"
+#include "parameters/PictureSize.h"
+#include "platform/Bytes.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+struct ExtractedParameterSets {
+  ParameterSets sets;
+  int nalLengthSize = 4;  ///< of the samples' length prefixes, in bytes: 4 or 2
+};
+
+/// Finds the parameter sets in the sync samples of a file's first video track, whatever its sample entry says. No
+/// state; each call reads the file for itself. Of a sample no more is read than the front that ParameterSetWalk walks.
+class NALUnitParser {
+ public:
+  /// Throws MP4RemuxError (fileNotFound; ioError for a file that cannot be opened; corruptedMP4 without a `moov` within
+  /// the first 209,715,200 bytes or a video track with an `stbl`), NALUnitParserError, and what the sample table
+  /// parser throws. HEVC needs VPS, SPS and PPS ahead of the first slice; AVC needs SPS and PPS.
+  static ExtractedParameterSets extractParameterSets(FileManager& files, const Path& fileURL);
+  static ExtractedParameterSets extractAVCParameterSets(FileManager& files, const Path& fileURL);
+
+  /// The coded size of an HEVC SPS, conformance window not applied: a NAL unit with header and without emulation
+  /// prevention. Nothing when it cannot be read.
+  static std::optional<PictureSize> parseSPSResolution(ByteView cleanedSPS);
+
+  /// The `stbl` of the first video track.
+  static std::optional<MP4BoxInfo> findVideoTrackStbl(FileHandle& file, const MP4BoxInfo& moov);
+
+  /// The size of the NAL length prefix, 4 or 2 bytes, by vote of the samples; 4 with equal votes and without any. A
+  /// sample of a single NAL unit has no vote. Restores the file's position.
+  static int detectNALLengthSize(FileHandle& file, std::span<const SampleInfo> samples);
+  static int detectAVCNALLengthSize(FileHandle& file, std::span<const SampleInfo> samples);
+
+  /// The distinct parameter sets at the front of the samples. Throws NALUnitParserError::tooManyParameterSets alone: a
+  /// damaged sample is passed over, and what was found before the damage counts.
+  static HEVCParameterSets scanSamplesForParameterSets(FileHandle& file, std::span<const SampleInfo> samples,
+                                                       int nalLengthSize);
+  static AVCParameterSets scanSamplesForAVCParameterSets(FileHandle& file, std::span<const SampleInfo> samples,
+                                                         int nalLengthSize);
+};
+
+}  // namespace tarn

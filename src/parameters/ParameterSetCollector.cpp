@@ -1,0 +1,90 @@
+#include "parameters/ParameterSetCollector.h"
+
+#include "parameters/ProfileTierLevel.h"
+#include "parameters/RBSPReading.h"
+
+namespace tarn {
+
+NALUnitParserError::NALUnitParserError(Case kind, const char* description)
+    : Error("NALUnitParser", -1, description), kind_(kind) {}
+
+NALUnitParserError NALUnitParserError::noParameterSetsFound() {
+  return {Case::noParameterSetsFound, "No complete parameter sets found in the video's sync samples"};
+}
+
+NALUnitParserError NALUnitParserError::tooManyParameterSets() {
+  return {Case::tooManyParameterSets, "The video's sync samples hold more parameter sets than a stream can have"};
+}
+
+uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload) {
+  BitReader bits(payload);
+  switch (kind) {
+    case ParameterSetKind::vps:
+      return bits.readBits(4);
+    case ParameterSetKind::sps: {
+      bits.readBits(4);  // sps_video_parameter_set_id
+      uint32_t subLayers = bits.readBits(3);
+      skipBits(bits, 1 + 96);  // sps_temporal_id_nesting_flag, general profile, tier and level
+      skipSubLayers(
+          subLayers, [&] { return bits.readBits(1); }, [&](size_t count) { skipBits(bits, count); });
+      return readUE(bits);
+    }
+    default:
+      return readUE(bits);
+  }
+}
+
+void ParameterSetCollector::processNALUnit(Bytes originalNAL) {
+  if (originalNAL.size() < rules_.codec.headerSize) return;
+  uint8_t type = rules_.codec.type(originalNAL[0]);
+  auto kind = rules_.codec.parameterSetKind(type);
+  if (!kind || known_.contains(textOf(originalNAL))) return;
+  bytes_ += originalNAL.size();
+  if (bytes_ > mostBytes) throw NALUnitParserError::tooManyParameterSets();
+
+  size_t size = originalNAL.size();
+  Bytes cleanedNAL = removeEmulationPrevention(originalNAL);
+  auto& kept = units(*kind);
+  kept.push_back(std::move(originalNAL));
+  known_.insert(textOf(kept.back()));  // the bytes stay in place when the array grows
+  noteIdentifier(*kind, type, cleanedNAL);
+  std::optional<PictureSize> pictureSize;
+  if (*kind == ParameterSetKind::sps) pictureSize = addSPS(std::move(cleanedNAL));
+  if (rules_.report != nullptr) rules_.report(*kind, size, pictureSize, kept.size());
+}
+
+std::vector<Bytes>& ParameterSetCollector::units(ParameterSetKind kind) {
+  switch (kind) {
+    case ParameterSetKind::vps:
+      return sets_.vpsArray;
+    case ParameterSetKind::sps:
+      return sets_.spsArray;
+    default:
+      return sets_.ppsArray;
+  }
+}
+
+/// Called for new bytes only, so an identifier that is known already has been used again.
+void ParameterSetCollector::noteIdentifier(ParameterSetKind kind, uint8_t type, ByteView cleanedNAL) {
+  if (rules_.identifier == nullptr || cleanedNAL.size() <= rules_.codec.headerSize) return;
+  PSKey key{.type = type, .id = rules_.identifier(kind, cleanedNAL.subspan(rules_.codec.headerSize))};
+  if (!keys_.insert(key).second) sets_.requiresMultipleSampleEntries = true;
+}
+
+std::optional<PictureSize> ParameterSetCollector::addSPS(Bytes cleanedNAL) {
+  std::optional<PictureSize> size;
+  if (rules_.pictureSize != nullptr) size = rules_.pictureSize(cleanedNAL);
+  if (size) {
+    auto& sizes = sets_.spsResolutions;
+    if (!sizes.empty() && sizes.back() != *size) sets_.hasResolutionChanges = true;
+    sizes.push_back(*size);
+  }
+  size_t dropped = rules_.codec.headerSize - rules_.headerBytesInRbsp;
+  if (cleanedNAL.size() > dropped) {
+    cleanedNAL.erase(cleanedNAL.begin(), cleanedNAL.begin() + static_cast<ptrdiff_t>(dropped));
+  }
+  sets_.spsRbspArray.push_back(std::move(cleanedNAL));
+  return size;
+}
+
+}  // namespace tarn

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include "mp4/BitReader.h"
+#include "platform/Bytes.h"
+
+namespace tarn {
+
+/// A NAL unit without its emulation prevention bytes (ITU-T H.264 and H.265 7.3.1.1): each 00 00 03 that a byte below 4
+/// follows loses its 03. A 00 00 03 at the very end stays.
+Bytes removeEmulationPrevention(ByteView nalUnit);
+
+/// ue(v) (ITU-T H.264 and H.265 9.1, 9.2); 0 for 32 leading zero bits. At the end of the bytes the missing suffix
+/// counts as 0.
+uint32_t readUE(BitReader& bits);
+
+/// Steps over bits, at most to the end of the bytes.
+void skipBits(BitReader& bits, uint64_t count);
+
+}  // namespace tarn

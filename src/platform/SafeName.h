@@ -1,0 +1,19 @@
+#pragma once
+
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace tarn {
+
+enum class NameKind { file, directory };
+
+/// Makes a name for one directory entry out of any text: valid UTF-8 of at most 255 bytes, never empty, never hidden,
+/// without "/" and control characters (each becomes "_", as does a byte that is not UTF-8). A long name is cut at a
+/// character; a file keeps its ending. An empty text gives "video.mp4" or "Untitled".
+std::string safeName(std::string_view text, NameKind kind);
+
+/// The first of "clip.mp4", "clip 2.mp4", "clip 3.mp4", ... that is not taken. `name` must be safe already.
+std::string uniqueName(const std::string& name, NameKind kind, const std::set<std::string>& taken);
+
+}  // namespace tarn

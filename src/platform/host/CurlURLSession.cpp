@@ -1,0 +1,80 @@
+#include "platform/host/CurlURLSession.h"
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "platform/URL.h"
+#include "platform/host/DelegateQueue.h"
+#include "platform/host/Transfer.h"
+#include "platform/host/TransferLoop.h"
+#include "platform/host/TransferStore.h"
+
+namespace tarn {
+namespace {
+
+class CurlURLSession : public NSURLSession {
+ public:
+  CurlURLSession(FileManager& files, std::shared_ptr<const std::string> identifier,
+                 std::shared_ptr<TransferStore> store, std::shared_ptr<DelegateQueue> delegateQueue,
+                 const CurlURLSessionOptions& options)
+      : identifier_(std::move(identifier)),
+        store_(std::move(store)),
+        delegateQueue_(std::move(delegateQueue)),
+        loop_(std::make_shared<TransferLoop>(files, store_, delegateQueue_, options)) {
+    for (const auto& record : store_->records(*identifier_)) {
+      const auto part = files.attributes(store_->partFile(record.taskIdentifier));
+      loop_->start(std::make_shared<Transfer>(record, Transfer::Phase::running, part ? part->size : 0, loop_));
+    }
+  }
+
+  ~CurlURLSession() override {
+    loop_->stop();
+    delegateQueue_->close();
+  }
+
+  std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
+                                                         const std::string& taskDescription) override {
+    if (!URL::parse(url)) throw URLError(CURLE_URL_MALFORMAT, fmt::format("not an http or https URL: {}", url));
+    const auto record = store_->add(*identifier_, url, taskDescription);
+    return std::make_shared<Transfer>(record, Transfer::Phase::suspended, 0, loop_);
+  }
+
+ private:
+  const std::shared_ptr<const std::string> identifier_;
+  const std::shared_ptr<TransferStore> store_;
+  const std::shared_ptr<DelegateQueue> delegateQueue_;
+  const std::shared_ptr<TransferLoop> loop_;
+};
+
+CurlURLSessionOptions withUserAgent(CurlURLSessionOptions options) {
+  if (options.userAgent.empty()) options.userAgent = "tarn/" TARN_VERSION;
+  return options;
+}
+
+}  // namespace
+
+CurlURLSessionService::CurlURLSessionService(FileManager& files, Dispatch& dispatch, Path transfersDirectory,
+                                             CurlURLSessionOptions options)
+    : files_(files),
+      dispatch_(dispatch),
+      options_(withUserAgent(std::move(options))),
+      store_(std::make_shared<TransferStore>(files, std::move(transfersDirectory))) {}
+
+std::unique_ptr<NSURLSession> CurlURLSessionService::makeBackgroundSession(
+    const std::string& identifier, std::weak_ptr<NSURLSessionDownloadDelegate> delegate) {
+  const auto claim = std::make_shared<const std::string>(identifier);
+  {
+    std::lock_guard guard(mutex_);
+    auto& holder = identifiers_[identifier];
+    if (!holder.expired()) throw URLError(-1, fmt::format("the session {} exists already", identifier));
+    holder = claim;
+  }
+  auto queue = std::make_shared<DelegateQueue>(dispatch_.makeSerialQueue(identifier, true), std::move(delegate));
+  return std::make_unique<CurlURLSession>(files_, claim, store_, std::move(queue), options_);
+}
+
+std::vector<std::string> CurlURLSessionService::storedTaskDescriptions() { return store_->taskDescriptions(); }
+
+}  // namespace tarn

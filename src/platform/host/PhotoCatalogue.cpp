@@ -1,0 +1,232 @@
+#include "platform/host/PhotoCatalogue.h"
+
+#include <fmt/format.h>
+
+namespace tarn {
+namespace {
+
+constexpr int64_t schemaVersion = 1;
+
+// Positions give the order in which things came. Dates and times are nanoseconds since 1970.
+constexpr const char* schema = R"(
+CREATE TABLE assets (
+  position INTEGER PRIMARY KEY AUTOINCREMENT,
+  identifier TEXT NOT NULL UNIQUE,
+  filename TEXT NOT NULL,
+  creation_date INTEGER NOT NULL,
+  size INTEGER NOT NULL,
+  source_device INTEGER NOT NULL,
+  source_inode INTEGER NOT NULL,
+  source_size INTEGER NOT NULL,
+  source_change_time INTEGER NOT NULL
+);
+CREATE INDEX assets_by_source ON assets (source_inode);
+CREATE TABLE albums (
+  position INTEGER PRIMARY KEY AUTOINCREMENT,
+  identifier TEXT NOT NULL UNIQUE,
+  title TEXT NOT NULL,
+  folder TEXT NOT NULL UNIQUE
+);
+CREATE INDEX albums_by_title ON albums (title);
+CREATE TABLE entries (
+  position INTEGER PRIMARY KEY AUTOINCREMENT,
+  album TEXT NOT NULL REFERENCES albums (identifier),
+  asset TEXT NOT NULL REFERENCES assets (identifier),
+  name TEXT NOT NULL,
+  UNIQUE (album, asset),
+  UNIQUE (album, name)
+);
+CREATE INDEX entries_by_asset ON entries (asset);
+CREATE TABLE intended_links (
+  folder TEXT NOT NULL,
+  name TEXT NOT NULL,
+  device INTEGER NOT NULL,
+  inode INTEGER NOT NULL
+);
+)";
+
+constexpr const char* assetColumns =
+    "assets.identifier, assets.filename, assets.creation_date, assets.size, "
+    "assets.source_device, assets.source_inode, assets.source_size, assets.source_change_time";
+
+int64_t nanoseconds(Date date) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
+}
+
+AssetRecord assetOf(const SQLiteStatement& row) {
+  AssetRecord asset;
+  asset.identifier = row.text(0);
+  asset.filename = row.text(1);
+  asset.creationDate = Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(row.integer(2))));
+  asset.size = row.unsignedInteger(3);
+  asset.source.device = row.unsignedInteger(4);
+  asset.source.inode = row.unsignedInteger(5);
+  asset.source.size = row.unsignedInteger(6);
+  asset.source.changeTime = row.integer(7);
+  return asset;
+}
+
+AlbumRecord albumOf(const SQLiteStatement& row) { return {row.text(0), row.text(1), row.text(2)}; }
+
+std::vector<PlacedAsset> placedAssets(SQLiteStatement& statement) {
+  std::vector<PlacedAsset> assets;
+  while (statement.step()) assets.push_back({assetOf(statement), statement.text(8), statement.text(9)});
+  return assets;
+}
+
+std::set<std::string> texts(SQLiteStatement& statement) {
+  std::set<std::string> texts;
+  while (statement.step()) texts.insert(statement.text(0));
+  return texts;
+}
+
+int64_t versionOf(SQLiteDatabase& database) {
+  SQLiteStatement version(database, "PRAGMA user_version");
+  version.step();
+  return version.integer(0);
+}
+
+void checkVersion(SQLiteDatabase& database, const Path& path) {
+  const int64_t version = versionOf(database);
+  if (version == schemaVersion) return;
+  throw SQLiteError(-1, fmt::format("open {}: unknown version {}", path.native(), version));
+}
+
+}  // namespace
+
+PhotoCatalogue PhotoCatalogue::openOrMake(const Path& path) {
+  SQLiteDatabase database(path, SQLiteDatabase::Mode::writing);
+  if (versionOf(database) == 0) {
+    SQLiteTransaction transaction(database);
+    database.execute(schema);
+    database.execute(fmt::format("PRAGMA user_version = {}", schemaVersion).c_str());
+    transaction.commit();
+  }
+  checkVersion(database, path);
+  return PhotoCatalogue(std::move(database));
+}
+
+std::optional<PhotoCatalogue> PhotoCatalogue::openForReading(const Path& path) {
+  SQLiteDatabase database(path, SQLiteDatabase::Mode::reading);
+  if (versionOf(database) == 0) return std::nullopt;
+  checkVersion(database, path);
+  return PhotoCatalogue(std::move(database));
+}
+
+std::vector<AlbumRecord> PhotoCatalogue::albums(const std::optional<std::string>& title) {
+  SQLiteStatement rows(database_, title ? "SELECT identifier, title, folder FROM albums WHERE title = ? ORDER BY position"
+                                        : "SELECT identifier, title, folder FROM albums ORDER BY position");
+  if (title) rows.bind(*title);
+  std::vector<AlbumRecord> albums;
+  while (rows.step()) albums.push_back(albumOf(rows));
+  return albums;
+}
+
+std::optional<AlbumRecord> PhotoCatalogue::album(const std::string& identifier) {
+  SQLiteStatement row(database_, "SELECT identifier, title, folder FROM albums WHERE identifier = ?");
+  if (!row.bind(identifier).step()) return std::nullopt;
+  return albumOf(row);
+}
+
+std::set<std::string> PhotoCatalogue::folders() {
+  SQLiteStatement rows(database_, "SELECT folder FROM albums");
+  return texts(rows);
+}
+
+std::optional<AssetRecord> PhotoCatalogue::asset(const std::string& identifier) {
+  SQLiteStatement row(database_, fmt::format("SELECT {} FROM assets WHERE identifier = ?", assetColumns));
+  if (!row.bind(identifier).step()) return std::nullopt;
+  return assetOf(row);
+}
+
+std::set<std::string> PhotoCatalogue::assetIdentifiers() {
+  SQLiteStatement rows(database_, "SELECT identifier FROM assets");
+  return texts(rows);
+}
+
+std::vector<AssetRecord> PhotoCatalogue::assetsFromInode(uint64_t inode) {
+  SQLiteStatement rows(database_,
+                       fmt::format("SELECT {} FROM assets WHERE source_inode = ? ORDER BY position", assetColumns));
+  rows.bind(inode);
+  std::vector<AssetRecord> assets;
+  while (rows.step()) assets.push_back(assetOf(rows));
+  return assets;
+}
+
+bool PhotoCatalogue::holdsEntry(const std::string& album, const std::string& asset) {
+  SQLiteStatement row(database_, "SELECT 1 FROM entries WHERE album = ? AND asset = ?");
+  return row.bind(album).bind(asset).step();
+}
+
+std::set<std::string> PhotoCatalogue::entryNames(const std::string& album) {
+  SQLiteStatement rows(database_, "SELECT name FROM entries WHERE album = ?");
+  rows.bind(album);
+  return texts(rows);
+}
+
+std::vector<PlacedAsset> PhotoCatalogue::assetsInAlbum(const std::string& album, const std::optional<std::string>& asset) {
+  SQLiteStatement rows(database_, fmt::format("SELECT {}, albums.folder, entries.name FROM entries "
+                                              "JOIN assets ON assets.identifier = entries.asset "
+                                              "JOIN albums ON albums.identifier = entries.album "
+                                              "WHERE entries.album = ? {} ORDER BY entries.position",
+                                              assetColumns, asset ? "AND entries.asset = ?" : ""));
+  rows.bind(album);
+  if (asset) rows.bind(*asset);
+  return placedAssets(rows);
+}
+
+std::vector<PlacedAsset> PhotoCatalogue::allAssets() {
+  SQLiteStatement rows(database_,
+                       fmt::format("SELECT {}, albums.folder, entries.name FROM assets "
+                                   "LEFT JOIN entries ON entries.position = "
+                                   "(SELECT min(position) FROM entries WHERE asset = assets.identifier) "
+                                   "LEFT JOIN albums ON albums.identifier = entries.album ORDER BY assets.position",
+                                   assetColumns));
+  return placedAssets(rows);
+}
+
+void PhotoCatalogue::intend(const std::vector<IntendedLink>& links) {
+  SQLiteTransaction transaction(database_);
+  for (const IntendedLink& link : links) {
+    SQLiteStatement insert(database_, "INSERT INTO intended_links VALUES (?, ?, ?, ?)");
+    insert.bind(link.folder).bind(link.name).bind(link.device).bind(link.inode).step();
+  }
+  transaction.commit();
+}
+
+std::vector<IntendedLink> PhotoCatalogue::intendedLinks() {
+  SQLiteStatement rows(database_, "SELECT folder, name, device, inode FROM intended_links");
+  std::vector<IntendedLink> links;
+  while (rows.step()) {
+    links.push_back({rows.text(0), rows.text(1), rows.unsignedInteger(2), rows.unsignedInteger(3)});
+  }
+  return links;
+}
+
+void PhotoCatalogue::forgetIntendedLinks() { database_.execute("DELETE FROM intended_links"); }
+
+void PhotoCatalogue::add(const std::vector<AssetRecord>& assets, const std::vector<AlbumRecord>& albums,
+                         const std::vector<EntryRecord>& entries) {
+  SQLiteTransaction transaction(database_);
+  for (const AssetRecord& asset : assets) {
+    SQLiteStatement insert(database_, "INSERT INTO assets VALUES (NULL, ?, ?, ?, ?, ?, ?, ?, ?)");
+    insert.bind(asset.identifier).bind(asset.filename).bind(nanoseconds(asset.creationDate)).bind(asset.size);
+    insert.bind(asset.source.device).bind(asset.source.inode).bind(asset.source.size).bind(asset.source.changeTime);
+    insert.step();
+  }
+  for (const AlbumRecord& album : albums) {
+    SQLiteStatement insert(database_, "INSERT INTO albums VALUES (NULL, ?, ?, ?)");
+    insert.bind(album.identifier).bind(album.title).bind(album.folder).step();
+  }
+  for (const EntryRecord& entry : entries) {
+    SQLiteStatement insert(database_, "INSERT INTO entries VALUES (NULL, ?, ?, ?)");
+    insert.bind(entry.album).bind(entry.asset).bind(entry.name).step();
+  }
+  database_.execute(
+      "DELETE FROM intended_links WHERE EXISTS "
+      "(SELECT 1 FROM entries JOIN albums ON albums.identifier = entries.album "
+      "WHERE albums.folder = intended_links.folder AND entries.name = intended_links.name)");
+  transaction.commit();
+}
+
+}  // namespace tarn

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Dispatch.h"
+#include "platform/FileManager.h"
+#include "platform/PHPhotoLibrary.h"
+#include "platform/PhotoAuthorization.h"
+
+namespace tarn {
+
+class PhotoCatalogue;
+class PhotoFiles;
+
+/// The photo library as a directory: `<root>/<album title>/<file name>` is where people look, `<root>/.assets` holds
+/// each asset's file once, `<root>/.catalogue.sqlite` the rows.
+///
+/// A change is made in this order, each step durable before the next: the asset's file; the note of the names that
+/// album folders are about to get; those names; the rows, in one transaction that also drops the note. What a failure
+/// or a kill leaves behind before the last step has no row: a failed change clears it up at once, a killed one is
+/// cleared up when the library is opened. A file in an album's folder that the library did not put there is never
+/// touched. One process at a time may have the library open for writing.
+///
+/// A change block runs on the caller's thread and must not call the library.
+class SQLitePhotoLibrary : public PHPhotoLibrary {
+ public:
+  enum class Access {
+    readWrite,  ///< the library is made when it is missing, and cleared up
+    readOnly,   ///< for fetches alone: one that does not exist is empty, and another process may be changing it
+  };
+
+  /// `files` and `dispatch` must outlive the library. Throws tarn::Error.
+  SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, const Path& root, Access access);
+  ~SQLitePhotoLibrary() override;
+
+  PhotoAuthorization& authorization() { return authorization_; }
+
+  PHAuthorizationStatus authorizationStatus(PHAccessLevel level) override;
+  void requestAuthorization(PHAccessLevel level, AuthorizationHandler handler) override;
+  void performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) override;
+  std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) override;
+  std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) override;
+  std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
+                                   const std::optional<std::string>& localIdentifier) override;
+  std::vector<PHAsset> fetchAllAssets() override;
+
+ private:
+  void clearUp();
+
+  FileManager& fileManager_;
+  Dispatch& dispatch_;
+  const Access access_;
+  PhotoAuthorization authorization_;
+
+  std::mutex mutex_;  // one change or fetch at a time
+  const std::unique_ptr<PhotoFiles> files_;
+  std::unique_ptr<PhotoCatalogue> catalogue_;  // null when there is none to read
+};
+
+}  // namespace tarn

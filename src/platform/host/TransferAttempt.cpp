@@ -1,0 +1,208 @@
+#include "platform/host/TransferAttempt.h"
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace tarn {
+namespace {
+
+constexpr long bufferSize = 512 * 1024;  // with libcurl's 16 KiB the copying loop costs more than the copying
+constexpr long maximumRedirects = 20;
+constexpr const char* protocols = "http,https";
+
+/// Failures of the way to the server, not of the request: worth another try.
+bool isTransient(int code) {
+  constexpr std::array transient = {
+      CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_CONNECT, CURLE_PARTIAL_FILE,
+      CURLE_OPERATION_TIMEDOUT,    CURLE_SSL_CONNECT_ERROR,    CURLE_GOT_NOTHING,     CURLE_SEND_ERROR,
+      CURLE_RECV_ERROR,            CURLE_HTTP2,                CURLE_HTTP2_STREAM,
+  };
+  return std::find(transient.begin(), transient.end(), code) != transient.end();
+}
+
+std::string headerText(CURL* easy, const char* name) {
+  curl_header* header = nullptr;
+  constexpr int lastRequest = -1;
+  const CURLHcode found = curl_easy_header(easy, name, 0, CURLH_HEADER, lastRequest, &header);
+  return found == CURLHE_OK ? header->value : std::string();
+}
+
+URLError statusError(int status) {
+  const int code = status >= 400 ? status : static_cast<int>(CURLE_WEIRD_SERVER_REPLY);
+  return {code, fmt::format("the server answered with HTTP status {}", status)};
+}
+
+}  // namespace
+
+void TransferAttempt::EasyDeleter::operator()(void* easy) const { curl_easy_cleanup(easy); }
+void TransferAttempt::ListDeleter::operator()(void* list) const {
+  curl_slist_free_all(static_cast<curl_slist*>(list));
+}
+
+TransferAttempt::TransferAttempt(FileManager& files, TransferStore& store, TransferRecord& record,
+                                 const std::string& userAgent, Progress progress)
+    : files_(files), store_(store), record_(record), progress_(std::move(progress)), easy_(curl_easy_init()) {
+  if (!easy_) throw std::bad_alloc();
+  openPart();
+  prepare(userAgent);
+}
+
+TransferAttempt::~TransferAttempt() = default;
+
+/// What an earlier attempt or process has left is used as far as it lies on the disk, whatever it was thought to be.
+void TransferAttempt::openPart() {
+  const Path path = store_.partFile(record_.taskIdentifier);
+  part_ = files_.open(path, files_.fileExists(path) ? OpenMode::updating : OpenMode::creating);
+  position_ = part_->seekToEnd();
+  const bool isTooLong = record_.expectedSize && position_ > *record_.expectedSize;
+  if (position_ > 0 && (record_.validator.empty() || isTooLong)) emptyPart();
+  base_ = position_;
+  asked_ = {position_, record_.validator, record_.expectedSize};
+}
+
+void TransferAttempt::prepare(const std::string& userAgent) {
+  CURL* easy = easy_.get();
+  curl_easy_setopt(easy, CURLOPT_URL, record_.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, protocols);
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, protocols);
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, maximumRedirects);
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, bufferSize);
+  curl_easy_setopt(easy, CURLOPT_USERAGENT, userAgent.c_str());
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, curlText_.data());
+  static_assert(CURL_ERROR_SIZE <= std::tuple_size_v<decltype(curlText_)>);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &TransferAttempt::onBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &TransferAttempt::onHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+  if (asked_.offset == 0) return;
+
+  // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
+  curl_slist* headers = curl_slist_append(nullptr, fmt::format("Range: bytes={}-", asked_.offset).c_str());
+  headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
+  headers_.reset(headers);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+}
+
+size_t TransferAttempt::onHeader(char*, size_t one, size_t count, void* attempt) {
+  static_cast<TransferAttempt*>(attempt)->lastHeard_ = Clock::now();
+  return one * count;
+}
+
+size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* attempt) {
+  const ByteView piece(reinterpret_cast<const uint8_t*>(bytes), one * count);
+  return static_cast<TransferAttempt*>(attempt)->take(piece) ? piece.size() : CURL_WRITEFUNC_ERROR;
+}
+
+/// False ends the exchange. Called for the last response only: libcurl keeps the bodies of redirects to itself.
+bool TransferAttempt::take(ByteView piece) {
+  lastHeard_ = Clock::now();
+  try {
+    if (!use_) decide();
+    if (use_ != BodyUse::append && use_ != BodyUse::replace) return false;
+    isOverlong_ = record_.expectedSize && piece.size() > *record_.expectedSize - position_;
+    if (isOverlong_) return false;
+    part_->write(piece);
+    position_ += piece.size();
+  } catch (const Error& failure) {
+    fileFailure_ = failure;
+    return false;
+  }
+  progress_(position_, record_.expectedSize);
+  return true;
+}
+
+ResponseHead TransferAttempt::responseHead() const {
+  CURL* easy = easy_.get();
+  long status = 0;
+  curl_off_t length = -1;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+
+  ResponseHead head;
+  head.status = static_cast<int>(status);
+  if (length >= 0) head.contentLength = static_cast<uint64_t>(length);
+  head.contentRange = ContentRange::parse(headerText(easy, "Content-Range"));
+  head.etag = headerText(easy, "ETag");
+  head.lastModified = headerText(easy, "Last-Modified");
+  head.date = headerText(easy, "Date");
+  return head;
+}
+
+/// The record is on the disk before the first byte that it describes, so that a part is never taken for bytes of
+/// another version than its own.
+void TransferAttempt::decide() {
+  const ResponseHead head = responseHead();
+  use_ = bodyUse(head, asked_);
+  if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
+
+  const TransferRecord before = record_;
+  if (use_ == BodyUse::replace) {
+    record_.validator = head.validator();
+    record_.expectedSize = head.contentLength;
+  } else if (use_ == BodyUse::append) {
+    if (asked_.offset == 0) record_.validator = head.validator();
+    record_.expectedSize = head.contentRange->total;
+  }
+  const bool hasChanged = before.validator != record_.validator || before.expectedSize != record_.expectedSize;
+  if (hasChanged) store_.save(record_);
+}
+
+/// Flushed, lest after a power cut the old bytes stand beside the new version's record.
+void TransferAttempt::emptyPart() {
+  if (position_ == 0) return;
+  part_->truncate(0);
+  part_->seek(0);
+  part_->synchronize();
+  base_ = position_ = 0;
+  hasStartedOver_ = true;
+}
+
+TransferAttempt::Outcome TransferAttempt::finish(int code) {
+  try {
+    if (!use_ && code == CURLE_OK) decide();  // no body came
+  } catch (const Error& failure) {
+    fileFailure_ = failure;
+  }
+  if (fileFailure_) return {End::final, fileFailure_};
+  if (!use_) return curlFailure(code);
+
+  const int status = responseHead().status;
+  switch (*use_) {
+    case BodyUse::alreadyWhole:
+      return {End::whole, std::nullopt};
+    case BodyUse::startOver:
+      return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent another range than was asked for")};
+    case BodyUse::retry:
+      return {End::transient, statusError(status)};
+    case BodyUse::refuse:
+      return {End::final, statusError(status)};
+    case BodyUse::append:
+    case BodyUse::replace:
+      break;
+  }
+  return judgeBody(code);
+}
+
+TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
+  if (isOverlong_) return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced")};
+  if (code != CURLE_OK) return curlFailure(code);
+  if (record_.expectedSize && position_ < *record_.expectedSize) {
+    const auto text = fmt::format("the server sent {} of {} bytes", position_, *record_.expectedSize);
+    return {End::transient, URLError(CURLE_PARTIAL_FILE, text)};
+  }
+  return {End::whole, std::nullopt};
+}
+
+TransferAttempt::Outcome TransferAttempt::curlFailure(int code) const {
+  const char* text = curlText_.front() != '\0' ? curlText_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
+  return {isTransient(code) ? End::transient : End::final, URLError(code, text)};
+}
+
+}  // namespace tarn

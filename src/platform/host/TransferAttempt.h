@@ -1,0 +1,94 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/host/RangeRules.h"
+#include "platform/host/TransferStore.h"
+
+namespace tarn {
+
+/// One HTTP exchange for a transfer: asks for what its partial file lacks, holds the answer against what was asked, and
+/// writes the body straight to the part. Redirects are followed, over http and https only. Belongs to one thread.
+class TransferAttempt {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Called after each piece with the size of the part, and of the whole file when it is known.
+  using Progress = std::function<void(uint64_t received, std::optional<uint64_t> expected)>;
+
+  enum class End {
+    whole,      ///< the part is the whole file
+    transient,  ///< worth another try
+    final,      ///< there will be no file
+  };
+  struct Outcome {
+    End end;
+    std::optional<Error> error;  ///< URLError or PosixError; nothing where whole
+  };
+
+  /// Opens the part and makes the request ready. `record` is kept up to date, in the store too, and must outlive the
+  /// attempt. Throws PosixError.
+  TransferAttempt(FileManager& files, TransferStore& store, TransferRecord& record, const std::string& userAgent,
+                  Progress progress);
+  ~TransferAttempt();
+  TransferAttempt(const TransferAttempt&) = delete;
+  TransferAttempt& operator=(const TransferAttempt&) = delete;
+
+  /// The request, as libcurl's easy handle (CURL*). It must have left its multi handle before the attempt is destroyed.
+  void* easy() const { return easy_.get(); }
+
+  /// Judges the exchange after libcurl has ended it with `code` (CURLcode).
+  Outcome finish(int code);
+
+  /// Bytes were thrown away, because they could not be continued.
+  bool hasStartedOver() const { return hasStartedOver_; }
+  /// The part has grown.
+  bool hasProgressed() const { return position_ > base_; }
+  /// When the server was heard last, or the request begun.
+  Clock::time_point lastHeard() const { return lastHeard_; }
+
+ private:
+  struct EasyDeleter {
+    void operator()(void* easy) const;
+  };
+  struct ListDeleter {
+    void operator()(void* list) const;
+  };
+
+  void openPart();
+  void prepare(const std::string& userAgent);
+  ResponseHead responseHead() const;
+  void decide();
+  void emptyPart();
+  bool take(ByteView piece);
+  Outcome judgeBody(int code) const;
+  Outcome curlFailure(int code) const;
+
+  static size_t onBody(char* bytes, size_t one, size_t count, void* attempt);
+  static size_t onHeader(char* bytes, size_t one, size_t count, void* attempt);
+
+  FileManager& files_;
+  TransferStore& store_;
+  TransferRecord& record_;
+  const Progress progress_;
+  std::unique_ptr<FileHandle> part_;
+  uint64_t base_ = 0;      ///< size of the part where this attempt's body begins
+  uint64_t position_ = 0;  ///< size of the part
+  bool hasStartedOver_ = false;
+  ResumePoint asked_;
+  std::optional<BodyUse> use_;  ///< once the final response's head is there
+  bool isOverlong_ = false;
+  std::optional<Error> fileFailure_;
+  Clock::time_point lastHeard_ = Clock::now();
+  std::array<char, 256> curlText_{};  ///< libcurl's words on a failure
+  std::unique_ptr<void, ListDeleter> headers_;
+  std::unique_ptr<void, EasyDeleter> easy_;
+};
+
+}  // namespace tarn

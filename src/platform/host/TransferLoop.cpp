@@ -1,0 +1,239 @@
+#include "platform/host/TransferLoop.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <csignal>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "platform/Log.h"
+#include "platform/host/TransferHandOver.h"
+
+namespace tarn {
+namespace {
+
+using Phase = Transfer::Phase;
+
+void* makeMulti() {
+  static const CURLcode initialized = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (initialized != CURLE_OK) throw std::bad_alloc();
+  return curl_multi_init();
+}
+
+/// libcurl leaves SIGPIPE to us: a write of the TLS library to a closed connection may raise it.
+void blockPipeSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+}  // namespace
+
+void TransferLoop::MultiDeleter::operator()(void* multi) const { curl_multi_cleanup(multi); }
+
+TransferLoop::TransferLoop(FileManager& files, std::shared_ptr<TransferStore> store,
+                           std::shared_ptr<DelegateQueue> delegateQueue, CurlURLSessionOptions options)
+    : files_(files),
+      store_(std::move(store)),
+      delegateQueue_(std::move(delegateQueue)),
+      options_(std::move(options)),
+      multi_(makeMulti()) {
+  if (!multi_) throw std::bad_alloc();
+  thread_ = std::thread([this] { run(); });
+}
+
+TransferLoop::~TransferLoop() { stop(); }
+
+void TransferLoop::stop() {
+  if (!thread_.joinable()) return;
+  post({Command::Kind::stop, nullptr});
+  thread_.join();
+}
+
+void TransferLoop::start(std::shared_ptr<Transfer> transfer) { post({Command::Kind::start, std::move(transfer)}); }
+
+void TransferLoop::cancel(std::shared_ptr<Transfer> transfer) {
+  store_->removeRecord(transfer->taskIdentifier());
+  post({Command::Kind::cancel, std::move(transfer)});
+}
+
+void TransferLoop::post(Command command) {
+  {
+    std::lock_guard guard(mutex_);
+    commands_.push_back(std::move(command));
+  }
+  curl_multi_wakeup(multi_.get());
+}
+
+void TransferLoop::run() {
+  blockPipeSignal();
+  while (obeyCommands()) {
+    startDueJobs();
+    int running = 0;
+    curl_multi_perform(multi_.get(), &running);
+    endFinishedAttempts();
+    endStalledAttempts();
+    curl_multi_poll(multi_.get(), nullptr, 0, millisecondsToNextDeadline(), nullptr);
+  }
+  for (auto& [identifier, job] : jobs_) detach(job);
+  jobs_.clear();
+}
+
+/// False when the loop is to stop.
+bool TransferLoop::obeyCommands() {
+  std::vector<Command> commands;
+  {
+    std::lock_guard guard(mutex_);
+    commands.swap(commands_);
+  }
+  for (const auto& command : commands) {
+    if (command.kind == Command::Kind::stop) return false;
+    if (command.kind == Command::Kind::start) take(command.transfer);
+    if (command.kind == Command::Kind::cancel) drop(command.transfer);
+  }
+  return true;
+}
+
+void TransferLoop::take(const std::shared_ptr<Transfer>& transfer) {
+  auto record = store_->record(transfer->taskIdentifier());
+  if (!record) return;  // cancelled meanwhile
+  Job& job = jobs_[transfer->taskIdentifier()];
+  job.transfer = transfer;
+  job.record = std::move(*record);
+  job.nextTry = Clock::now();
+  if (!job.record.complete) return;
+
+  const auto part = files_.attributes(store_->partFile(job.record.taskIdentifier));
+  job.record.complete = part && part->size == job.record.expectedSize;
+  if (job.record.complete) finish(job);
+}
+
+void TransferLoop::drop(const std::shared_ptr<Transfer>& transfer) {
+  const auto job = jobs_.find(transfer->taskIdentifier());
+  if (job != jobs_.end()) {
+    detach(job->second);
+    jobs_.erase(job);
+  }
+  store_->remove(transfer->taskIdentifier());
+  delegateQueue_->post([transfer](NSURLSessionDownloadDelegate& delegate) {
+    transfer->advance(Phase::canceling, Phase::completed);
+    delegate.urlSessionDidComplete(transfer, URLError(URLError::cancelled, "cancelled"));
+  });
+}
+
+void TransferLoop::startDueJobs() {
+  const auto now = Clock::now();
+  for (auto next = jobs_.begin(); next != jobs_.end();) {
+    Job& job = next++->second;  // a job that cannot start leaves the map
+    if (!job.attempt && job.nextTry <= now) startAttempt(job);
+  }
+}
+
+void TransferLoop::startAttempt(Job& job) {
+  try {
+    auto progress = [this, &job](uint64_t received, std::optional<uint64_t> expected) {
+      report(job, received, expected);
+    };
+    job.attempt = std::make_unique<TransferAttempt>(files_, *store_, job.record, options_.userAgent, progress);
+    curl_multi_add_handle(multi_.get(), job.attempt->easy());
+  } catch (const Error& failure) {
+    fail(job, failure);
+  }
+}
+
+void TransferLoop::detach(Job& job) {
+  if (job.attempt) curl_multi_remove_handle(multi_.get(), job.attempt->easy());
+}
+
+void TransferLoop::endFinishedAttempts() {
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
+    const void* easy = message->easy_handle;
+    const int code = message->data.result;
+    const auto ended = std::find_if(jobs_.begin(), jobs_.end(), [easy](const auto& entry) {
+      return entry.second.attempt && entry.second.attempt->easy() == easy;
+    });
+    if (ended != jobs_.end()) endAttempt(ended->second, code);
+  }
+}
+
+void TransferLoop::endStalledAttempts() {
+  const auto silentSince = Clock::now() - options_.stallTime;
+  for (auto next = jobs_.begin(); next != jobs_.end();) {
+    Job& job = next++->second;
+    if (job.attempt && job.attempt->lastHeard() <= silentSince) endAttempt(job, CURLE_OPERATION_TIMEDOUT);
+  }
+}
+
+void TransferLoop::endAttempt(Job& job, int code) {
+  detach(job);
+  const auto attempt = std::exchange(job.attempt, nullptr);
+  const auto outcome = attempt->finish(code);
+  job.tries = attempt->hasProgressed() ? 1 : job.tries + 1;
+  if (attempt->hasStartedOver()) ++job.startOvers;
+
+  switch (outcome.end) {
+    case TransferAttempt::End::whole:
+      return finish(job);
+    case TransferAttempt::End::transient:
+      return retryOrFail(job, *outcome.error);
+    case TransferAttempt::End::final:
+      return fail(job, *outcome.error);
+  }
+}
+
+void TransferLoop::retryOrFail(Job& job, const Error& error) {
+  if (job.tries >= options_.maximumTries || job.startOvers >= options_.maximumTries) return fail(job, error);
+  auto pause = options_.initialPause;
+  for (int i = 1; i < job.tries && pause < options_.maximumPause; ++i) pause *= 2;
+  pause = std::min(pause, options_.maximumPause);
+  job.nextTry = Clock::now() + pause;
+  log("Transfer {} tries again in {} ms: {}", job.record.taskIdentifier, pause.count(), error.description());
+}
+
+/// The job is gone when this returns.
+void TransferLoop::fail(Job& job, const Error& error) {
+  const auto transfer = job.transfer;
+  jobs_.erase(transfer->taskIdentifier());
+  if (!transfer->advance(Phase::running, Phase::completed)) return;  // a cancellation is on its way
+  store_->remove(transfer->taskIdentifier());
+  delegateQueue_->post([transfer, error](NSURLSessionDownloadDelegate& delegate) {
+    delegate.urlSessionDidComplete(transfer, error);
+  });
+}
+
+/// The job is gone when this returns.
+void TransferLoop::finish(Job& job) {
+  delegateQueue_->post([&files = files_, store = store_, transfer = job.transfer,
+                        record = job.record](NSURLSessionDownloadDelegate& delegate) {
+    handOver(files, *store, transfer, record, delegate);
+  });
+  jobs_.erase(job.record.taskIdentifier);
+}
+
+void TransferLoop::report(Job& job, uint64_t received, std::optional<uint64_t> expected) {
+  job.transfer->setProgress(received, expected);
+  const auto now = job.attempt->lastHeard();
+  if (now - job.lastReport < options_.reportInterval || !job.transfer->wantsReport()) return;
+  job.lastReport = now;
+  delegateQueue_->post([transfer = job.transfer](NSURLSessionDownloadDelegate& delegate) {
+    if (transfer->phase() == Phase::running) tarn::report(transfer, delegate);
+  });
+}
+
+int TransferLoop::millisecondsToNextDeadline() const {
+  using std::chrono::milliseconds;
+  milliseconds wait(std::numeric_limits<int>::max());
+  const auto now = Clock::now();
+  for (const auto& [identifier, job] : jobs_) {
+    const auto deadline = job.attempt ? job.attempt->lastHeard() + options_.stallTime : job.nextTry;
+    wait = std::clamp(std::chrono::ceil<milliseconds>(deadline - now), milliseconds(0), wait);
+  }
+  return static_cast<int>(wait.count());
+}
+
+}  // namespace tarn

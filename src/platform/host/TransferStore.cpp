@@ -1,0 +1,167 @@
+#include "platform/host/TransferStore.h"
+
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+#include "platform/Error.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::string_view recordSuffix = ".json";
+constexpr std::string_view partSuffix = ".part";
+constexpr std::string_view deliverySuffix = ".delivery";
+
+std::string encode(const TransferRecord& record) {
+  json document = {{"session", record.session},
+                   {"url", record.url},
+                   {"taskDescription", record.taskDescription},
+                   {"validator", record.validator},
+                   {"complete", record.complete}};
+  if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
+  return document.dump();
+}
+
+TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
+  const json document = json::parse(bytes.begin(), bytes.end());
+  TransferRecord record;
+  record.taskIdentifier = taskIdentifier;
+  document.at("session").get_to(record.session);
+  document.at("url").get_to(record.url);
+  document.at("taskDescription").get_to(record.taskDescription);
+  document.at("validator").get_to(record.validator);
+  document.at("complete").get_to(record.complete);
+  if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get<uint64_t>();
+  return record;
+}
+
+/// The identifier of a record's name; nothing for the name of any other file.
+std::optional<int64_t> identifierOfRecord(const std::string& name) {
+  if (!name.ends_with(recordSuffix)) return std::nullopt;
+  const std::string digits = name.substr(0, name.size() - recordSuffix.size());
+  int64_t identifier = 0;
+  const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), identifier);
+  if (failure != std::errc() || identifier < 1 || digits != std::to_string(identifier)) return std::nullopt;
+  return identifier;
+}
+
+}  // namespace
+
+TransferStore::TransferStore(FileManager& files, Path directory) : files_(files), directory_(std::move(directory)) {}
+
+Path TransferStore::recordFile(int64_t taskIdentifier) const {
+  return directory_ / fmt::format("{}{}", taskIdentifier, recordSuffix);
+}
+
+Path TransferStore::partFile(int64_t taskIdentifier) const {
+  return directory_ / fmt::format("{}{}", taskIdentifier, partSuffix);
+}
+
+Path TransferStore::deliveryFile(int64_t taskIdentifier) const {
+  return directory_ / fmt::format("{}{}", taskIdentifier, deliverySuffix);
+}
+
+TransferRecord TransferStore::add(const std::string& session, const std::string& url,
+                                  const std::string& taskDescription) {
+  std::lock_guard guard(mutex_);
+  load();
+  files_.createDirectory(directory_);
+  TransferRecord record;
+  record.taskIdentifier = ++lastIdentifier_;
+  record.session = session;
+  record.url = url;
+  record.taskDescription = taskDescription;
+  write(record);
+  records_[record.taskIdentifier] = record;
+  return record;
+}
+
+void TransferStore::save(const TransferRecord& record) {
+  std::lock_guard guard(mutex_);
+  const auto known = records_.find(record.taskIdentifier);
+  if (known == records_.end()) return;
+  write(record);
+  known->second = record;
+}
+
+void TransferStore::write(const TransferRecord& record) {
+  try {
+    writeFileAtomically(files_, recordFile(record.taskIdentifier), bytesOf(encode(record)));
+  } catch (const json::exception& failure) {
+    throw URLError(-1, fmt::format("the transfer cannot be recorded: {}", failure.what()));
+  }
+}
+
+void TransferStore::removeRecord(int64_t taskIdentifier) {
+  std::lock_guard guard(mutex_);
+  if (records_.erase(taskIdentifier) == 0) return;
+  if (!removeIfExists(files_, recordFile(taskIdentifier))) {
+    log("Could not remove the record of transfer {}", taskIdentifier);
+  }
+}
+
+void TransferStore::remove(int64_t taskIdentifier) {
+  removeRecord(taskIdentifier);
+  removeIfExists(files_, partFile(taskIdentifier));
+  try {
+    files_.synchronizeDirectory(directory_);
+  } catch (const Error& failure) {
+    log("Could not flush the removal of transfer {}: {}", taskIdentifier, failure.description());
+  }
+}
+
+std::optional<TransferRecord> TransferStore::record(int64_t taskIdentifier) {
+  std::lock_guard guard(mutex_);
+  const auto known = records_.find(taskIdentifier);
+  return known == records_.end() ? std::nullopt : std::optional(known->second);
+}
+
+std::vector<TransferRecord> TransferStore::records(const std::string& session) {
+  std::lock_guard guard(mutex_);
+  load();
+  std::vector<TransferRecord> result;
+  for (const auto& [identifier, record] : records_) {
+    if (record.session == session) result.push_back(record);
+  }
+  return result;
+}
+
+std::vector<std::string> TransferStore::taskDescriptions() {
+  std::lock_guard guard(mutex_);
+  load();
+  std::vector<std::string> result;
+  for (const auto& [identifier, record] : records_) result.push_back(record.taskDescription);
+  return result;
+}
+
+void TransferStore::load() {
+  if (loaded_) return;
+  std::vector<std::string> names;
+  if (files_.fileExists(directory_)) names = files_.contentsOfDirectory(directory_);
+  loaded_ = true;
+
+  for (const auto& name : names) {
+    if (const auto identifier = identifierOfRecord(name)) loadRecord(*identifier);
+  }
+  for (const auto& name : names) {
+    const auto identifier = identifierOfRecord(Path(name).stem().string() + std::string(recordSuffix));
+    const bool isPart = name.ends_with(partSuffix) && identifier && records_.contains(*identifier);
+    const bool isRecord = name.ends_with(recordSuffix) && identifier && records_.contains(*identifier);
+    const auto facts = files_.attributes(directory_ / name);
+    if (!isPart && !isRecord && facts && !facts->isDirectory) removeIfExists(files_, directory_ / name);
+  }
+}
+
+void TransferStore::loadRecord(int64_t taskIdentifier) {
+  lastIdentifier_ = std::max(lastIdentifier_, taskIdentifier);
+  try {
+    records_[taskIdentifier] = decode(taskIdentifier, readFile(files_, recordFile(taskIdentifier)));
+  } catch (const std::exception& failure) {
+    log("Dropping the unreadable record of transfer {}: {}", taskIdentifier, failure.what());
+  }
+}
+
+}  // namespace tarn

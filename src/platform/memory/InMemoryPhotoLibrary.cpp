@@ -1,0 +1,180 @@
+#include "platform/memory/InMemoryPhotoLibrary.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "platform/SafeName.h"
+
+namespace tarn {
+namespace {
+
+template <typename Range, typename Predicate>
+auto* find(Range& range, Predicate predicate) {
+  const auto found = std::find_if(range.begin(), range.end(), predicate);
+  return found == range.end() ? nullptr : &*found;
+}
+
+}  // namespace
+
+/// A change at work on a copy of the content, which takes the place of the content when all has gone well.
+class InMemoryPhotoLibrary::Change : public PHChangeBlock {
+ public:
+  Change(FileManager& files, const Failures& failures, Content content)
+      : files_(files), failures_(failures), content_(std::move(content)) {}
+
+  PHAssetChangeRequest* creationRequestForAssetFromVideo(const Path& fileURL) override {
+    const auto facts = files_.attributes(fileURL);
+    if (!facts || facts->isDirectory) return nullptr;
+    if (failures_.noAssetPlaceholder) return add(std::nullopt, false);
+    if (const auto* known = find(content_.assets, [&](const Asset& asset) { return isSource(*facts, asset); })) {
+      return add(known->asset.localIdentifier, false);
+    }
+    PHAsset asset{.localIdentifier = makeUUID(),
+                  .filename = safeName(fileURL.filename().native(), NameKind::file),
+                  .creationDate = Date(std::chrono::duration_cast<Date::duration>(
+                      std::chrono::nanoseconds(facts->modificationTime))),
+                  .size = facts->size,
+                  .path = {}};
+    content_.assets.push_back({asset, *facts});
+    return add(asset.localIdentifier, true);
+  }
+
+  std::optional<PHObjectPlaceholder> creationRequestForAssetCollection(const std::string& title) override {
+    if (failures_.noAlbumPlaceholder) return std::nullopt;
+    content_.albums.push_back({{makeUUID(), title}, {}});
+    return PHObjectPlaceholder{content_.albums.back().collection.localIdentifier};
+  }
+
+  bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override {
+    auto* const album = find(content_.albums, [&](const Album& candidate) {
+      return candidate.collection.localIdentifier == collectionIdentifier;
+    });
+    if (!album || failures_.noAlbumChangeRequest) return false;
+    for (const PHObjectPlaceholder& placeholder : assets) {
+      const std::string& identifier = placeholder.localIdentifier;
+      if (!findAsset(identifier)) throw PHPhotosError(PHPhotosError::invalidChange, "No asset " + identifier);
+      if (!std::count(album->assets.begin(), album->assets.end(), identifier)) album->assets.push_back(identifier);
+    }
+    return true;
+  }
+
+  Content takeContent() { return std::move(content_); }
+
+ private:
+  class Request : public PHAssetChangeRequest {
+   public:
+    Request(Change& change, std::optional<std::string> identifier, bool isNew)
+        : change_(change), identifier_(std::move(identifier)), isNew_(isNew) {}
+
+    void setCreationDate(Date date) override {
+      if (isNew_) change_.findAsset(*identifier_)->asset.creationDate = date;
+    }
+    void setFilename(const std::string& filename) override {
+      if (isNew_) change_.findAsset(*identifier_)->asset.filename = safeName(filename, NameKind::file);
+    }
+    std::optional<PHObjectPlaceholder> placeholderForCreatedAsset() override {
+      if (!identifier_) return std::nullopt;
+      return PHObjectPlaceholder{*identifier_};
+    }
+
+   private:
+    Change& change_;
+    const std::optional<std::string> identifier_;
+    const bool isNew_;
+  };
+
+  static bool isSource(const FileAttributes& facts, const Asset& asset) {
+    return facts.device == asset.source.device && facts.inode == asset.source.inode &&
+           facts.size == asset.source.size && facts.changeTime == asset.source.changeTime;
+  }
+
+  Asset* findAsset(const std::string& identifier) {
+    return find(content_.assets, [&](const Asset& asset) { return asset.asset.localIdentifier == identifier; });
+  }
+
+  PHAssetChangeRequest* add(std::optional<std::string> identifier, bool isNew) {
+    return requests_.emplace_back(std::make_unique<Request>(*this, std::move(identifier), isNew)).get();
+  }
+
+  FileManager& files_;
+  const Failures& failures_;
+  Content content_;
+  std::vector<std::unique_ptr<Request>> requests_;
+};
+
+void InMemoryPhotoLibrary::setFailures(Failures failures) {
+  std::lock_guard guard(mutex_);
+  failures_ = std::move(failures);
+}
+
+PHAuthorizationStatus InMemoryPhotoLibrary::authorizationStatus(PHAccessLevel) { return authorization_.status(); }
+
+void InMemoryPhotoLibrary::requestAuthorization(PHAccessLevel, AuthorizationHandler handler) {
+  authorization_.request(dispatch_, std::move(handler));
+}
+
+void InMemoryPhotoLibrary::performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) {
+  authorization_.require();
+  std::lock_guard guard(mutex_);
+  Change change(files_, failures_, content_);
+  block(change);
+  if (failures_.changes.contains(++changes_)) {
+    throw PHPhotosError(PHPhotosError::invalidChange, "The change was refused");
+  }
+  content_ = change.takeContent();
+}
+
+std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollections(const std::optional<std::string>& title) {
+  std::lock_guard guard(mutex_);
+  std::vector<PHAssetCollection> collections;
+  for (const Album& album : content_.albums) {
+    if (!title || album.collection.title == *title) collections.push_back(album.collection);
+  }
+  return collections;
+}
+
+std::optional<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollection(const std::string& localIdentifier) {
+  std::lock_guard guard(mutex_);
+  const auto* album = find(content_.albums, [&](const Album& candidate) {
+    return candidate.collection.localIdentifier == localIdentifier;
+  });
+  if (!album || failures_.createdAlbumNotFetched) return std::nullopt;
+  return album->collection;
+}
+
+std::vector<PHAsset> InMemoryPhotoLibrary::fetchAssets(const PHAssetCollection& collection,
+                                                       const std::optional<std::string>& localIdentifier) {
+  std::lock_guard guard(mutex_);
+  std::vector<PHAsset> assets;
+  const auto* album = find(content_.albums, [&](const Album& candidate) {
+    return candidate.collection.localIdentifier == collection.localIdentifier;
+  });
+  if (!album) return assets;
+  for (const std::string& identifier : album->assets) {
+    if (localIdentifier && identifier != *localIdentifier) continue;
+    const auto* asset = find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == identifier; });
+    assets.push_back(placed(*asset, album));
+  }
+  return assets;
+}
+
+std::vector<PHAsset> InMemoryPhotoLibrary::fetchAllAssets() {
+  std::lock_guard guard(mutex_);
+  std::vector<PHAsset> assets;
+  for (const Asset& asset : content_.assets) {
+    const auto* album = find(content_.albums, [&](const Album& each) {
+      return std::count(each.assets.begin(), each.assets.end(), asset.asset.localIdentifier) > 0;
+    });
+    assets.push_back(placed(asset, album));
+  }
+  return assets;
+}
+
+PHAsset InMemoryPhotoLibrary::placed(const Asset& asset, const Album* album) const {
+  PHAsset answer = asset.asset;
+  answer.path = album ? Path(album->collection.title) / answer.filename : Path(answer.filename);
+  return answer;
+}
+
+}  // namespace tarn

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Dispatch.h"
+#include "platform/FileManager.h"
+#include "platform/PHPhotoLibrary.h"
+#include "platform/PhotoAuthorization.h"
+
+namespace tarn {
+
+/// The photo library's twin in memory, with failures that can be set. It keeps names and sizes, not the bytes; paths
+/// are "<album title>/<file name>" and lead to no file. Takes sources from any FileManager. A change block runs on the
+/// caller's thread and must not call the library.
+class InMemoryPhotoLibrary : public PHPhotoLibrary {
+ public:
+  struct Failures {
+    std::set<size_t> changes;             ///< the changes that fail, counted from 1
+    bool noAssetPlaceholder = false;      ///< requests for assets yield none, and make none
+    bool noAlbumPlaceholder = false;      ///< the same for albums
+    bool createdAlbumNotFetched = false;  ///< albums are not found by their identifiers
+    bool noAlbumChangeRequest = false;    ///< addAssets finds no album
+  };
+
+  InMemoryPhotoLibrary(FileManager& files, Dispatch& dispatch) : files_(files), dispatch_(dispatch) {}
+
+  PhotoAuthorization& authorization() { return authorization_; }
+  void setFailures(Failures failures);
+
+  PHAuthorizationStatus authorizationStatus(PHAccessLevel level) override;
+  void requestAuthorization(PHAccessLevel level, AuthorizationHandler handler) override;
+  void performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) override;
+  std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) override;
+  std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) override;
+  std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
+                                   const std::optional<std::string>& localIdentifier) override;
+  std::vector<PHAsset> fetchAllAssets() override;
+
+ private:
+  class Change;
+  struct Album {
+    PHAssetCollection collection;
+    std::vector<std::string> assets;  ///< identifiers, in the order in which they joined
+  };
+  struct Asset {
+    PHAsset asset;
+    FileAttributes source;
+  };
+  struct Content {
+    std::vector<Asset> assets;
+    std::vector<Album> albums;
+  };
+
+  PHAsset placed(const Asset& asset, const Album* album) const;
+
+  FileManager& files_;
+  Dispatch& dispatch_;
+  PhotoAuthorization authorization_;
+
+  std::mutex mutex_;  // guards all below
+  Failures failures_;
+  size_t changes_ = 0;
+  Content content_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "platform/Error.h"
+
+namespace tarn {
+
+/// A failure to put a video into the photo library that the library itself did not put into words.
+class PhotoLibraryError : public Error {
+ public:
+  explicit PhotoLibraryError(std::string reason) : Error("PhotoLibraryError", -1, std::move(reason)) {}
+
+  const std::string& reason() const { return description(); }
+};
+
+}  // namespace tarn

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "download/DownloadManager.h"
+#include "platform/Capacitor.h"
+#include "platform/PHPhotoLibrary.h"
+#include "platform/Platform.h"
+#include "platform/UIApplication.h"
+#include "plugin/ProgressWatcher.h"
+
+namespace tarn {
+
+/// The plug-in: the only thing that a page touches. Its commands check their parameters and call the engine; its events
+/// tell of progress and endings. Made with create(), then load() once. Thread-safe.
+class TarnBridge : public CAPPlugin,
+                   public DownloadManagerDelegate,
+                   public UIApplicationObserver,
+                   public std::enable_shared_from_this<TarnBridge> {
+ public:
+  /// The platform and the steps must outlive the plug-in.
+  static std::shared_ptr<TarnBridge> create(const Platform& platform, const ProcessingSteps& steps);
+  ~TarnBridge() override;
+
+  const std::string& identifier() const override;
+  const std::string& jsName() const override;
+  const std::vector<CAPPluginMethod>& pluginMethods() const override;
+
+  /// Hears the application's life from now on, posts the periodic cleanup and resumes the oldest checkpoint. Throws
+  /// PosixError when the stored downloads cannot be read.
+  void load() override;
+
+  /// The engine, made at the first use. Throws PosixError as load().
+  DownloadManager& downloadManager();
+
+  Path getDocumentsDirectory();
+
+  void appDidEnterBackground() override;
+  void appWillEnterForeground() override;
+  void appWillTerminate() override;
+
+  void downloadDidFinish(const DownloadTaskPointer& download, const Path& location) override;
+  void downloadDidFailed(const DownloadTaskPointer& download) override;
+  void processingProgressUpdated(int64_t id, double progress, const std::string& stage) override;
+
+ protected:
+  Handler handler(const std::string& method) override;
+
+ private:
+  TarnBridge(const Platform& platform, const ProcessingSteps& steps);
+
+  void getActiveDownloads(const CAPPluginCallPointer& call);
+  void saveVideo(const CAPPluginCallPointer& call);
+  void cancel(const CAPPluginCallPointer& call);
+  void cancelAllDownloads(const CAPPluginCallPointer& call);
+  void clearAllStates(const CAPPluginCallPointer& call);
+  void setDownloadLimit(const CAPPluginCallPointer& call);
+  void getDownloadLimit(const CAPPluginCallPointer& call);
+
+  void checkAuthorization(const std::function<void()>& allowed, const std::function<void()>& notAllowed);
+  void startSaving(const CAPPluginCallPointer& call);
+  void handleDownloadComplete(const DownloadTaskPointer& download);
+  void checkAndUpdateDownloadStates();
+  bool sendProgress();
+
+  Platform platform_;
+  ProcessingSteps steps_;
+  std::mutex downloadManagerMutex_;
+  std::shared_ptr<DownloadManager> downloadManager_;
+  std::unique_ptr<ProgressWatcher> watcher_;
+};
+
+}  // namespace tarn

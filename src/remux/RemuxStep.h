@@ -1,0 +1,15 @@
+#pragma once
+
+#include "pipeline/ProcessingStep.h"
+
+namespace tarn {
+
+/// Repairs the file's video track: enters `remuxing`, and `remuxed` when the file is repaired or needs no repair. A
+/// codec that cannot be detected, or that needs no remux, leaves the file as it is.
+class RemuxStep : public ProcessingStep {
+ public:
+  ProcessingStage gateStage() const override { return ProcessingStage::remuxing; }
+  void run(ProcessingRun& run) override;
+};
+
+}  // namespace tarn

@@ -1,0 +1,8 @@
+/* The parser is part of a C interface: this file holds it to that. */
+#include "parameters/HEVCSPSParser.h"
+
+int32_t parseFromC(const uint8_t* data, size_t size, struct HEVCSPSInfo* info);
+
+int32_t parseFromC(const uint8_t* data, size_t size, struct HEVCSPSInfo* info) {
+  return hevc_parse_sps(data, size, info);
+}

@@ -1,0 +1,174 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <chrono>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "platform/host/AsioDispatch.h"
+#include "platform/memory/ManualDispatch.h"
+
+namespace tarn {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+std::chrono::microseconds processorTime() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
+TEST(AsioDispatch, ASerialQueueRunsItsWorkOneAtATimeInOrder) {
+  AsioDispatch dispatch;
+  for (const bool ownThread : {false, true}) {
+    const auto queue = dispatch.makeSerialQueue("serial", ownThread);
+    std::vector<int> seen;  // no lock: the queue alone keeps these apart
+    for (int i = 0; i < 1000; ++i) queue->async([&seen, i] { seen.push_back(i); });
+    std::latch askers(4);
+    for (int i = 0; i < 4; ++i) {
+      dispatch.globalQueue(QualityOfService::userInitiated).async([&] {
+        queue->sync([&seen] { seen.push_back(1000); });
+        askers.count_down();
+      });
+    }
+    askers.wait();
+    ASSERT_EQ(seen.size(), 1004u);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[static_cast<size_t>(i)], i);
+  }
+}
+
+TEST(AsioDispatch, BlockedWorkHoldsUpNeitherTheMainQueueNorAQueueWithAThreadOfItsOwn) {
+  AsioDispatch dispatch;
+  std::latch blocked(8);
+  std::latch release(1);
+  for (int i = 0; i < 8; ++i) {
+    dispatch.globalQueue(QualityOfService::background).async([&] {
+      blocked.count_down();
+      release.wait();
+    });
+  }
+  blocked.wait();
+  bool main = false;
+  bool worker = false;
+  dispatch.mainQueue().sync([&] { main = true; });
+  dispatch.makeSerialQueue("worker", true)->sync([&] { worker = true; });
+  EXPECT_TRUE(main);
+  EXPECT_TRUE(worker);
+  release.count_down();
+}
+
+TEST(AsioDispatch, DelayedWorkComesNotBeforeItsTimeAndWaitingCostsNothing) {
+  AsioDispatch dispatch;
+  std::latch done(1);
+  const auto start = std::chrono::steady_clock::now();
+  const auto processorStart = processorTime();
+  dispatch.mainQueue().asyncAfter(300ms, [&] { done.count_down(); });
+  done.wait();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
+  EXPECT_LT(processorTime() - processorStart, 50ms);
+}
+
+// What the end waits for: running work, and work that running work waits for. What it drops: all that has not begun.
+TEST(AsioDispatch, DestructionWaitsForRunningWorkAndDropsTheRest) {
+  std::atomic<bool> finished = false;
+  std::atomic<bool> awaited = false;
+  std::atomic<int> dropped = 0;
+  const auto owned = std::make_shared<int>(0);
+  std::shared_ptr<DispatchQueue> other;
+  std::shared_ptr<DispatchQueue> queue;
+  {
+    AsioDispatch dispatch;
+    queue = dispatch.makeSerialQueue("queue", false);
+    other = dispatch.makeSerialQueue("other", true);
+    std::latch begun(1);
+    queue->async([&] {
+      begun.count_down();
+      std::this_thread::sleep_for(50ms);
+      other->sync([&] { awaited = true; });
+      finished = true;
+    });
+    // The closures own their queue: what is dropped must not keep itself alive.
+    queue->async([&dropped, owned, queue] { ++dropped; });
+    queue->asyncAfter(1h, [&dropped, owned, queue] { ++dropped; });
+    begun.wait();
+  }
+  EXPECT_TRUE(finished);
+  EXPECT_TRUE(awaited);
+  EXPECT_EQ(owned.use_count(), 1);
+  for (const auto& late : {queue, other}) {
+    late->async([&] { ++dropped; });
+    late->asyncAfter(0ms, [&] { ++dropped; });
+    late->sync([&] { ++dropped; });
+  }
+  EXPECT_EQ(dropped, 0);
+}
+
+TEST(AsioDispatchDeathTest, WorkThatThrowsEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        AsioDispatch dispatch;
+        dispatch.globalQueue(QualityOfService::userInitiated).async([] { throw 1; });
+        std::this_thread::sleep_for(10s);
+      },
+      "");
+}
+
+TEST(ManualDispatch, RunsInTheOrderOfTheCallsWhenToldTo) {
+  ManualDispatch dispatch;
+  std::vector<std::string> seen;
+  const auto note = [&](const char* what) { return [&seen, what] { seen.emplace_back(what); }; };
+  const auto worker = dispatch.makeSerialQueue("worker", true);
+  DispatchQueue& main = dispatch.mainQueue();
+
+  worker->async(note("worker 1"));
+  main.async([&] {
+    seen.emplace_back("main 1");
+    main.async(note("main 3"));
+  });
+  main.async(note("main 2"));
+  EXPECT_THAT(seen, ElementsAre());
+  EXPECT_EQ(dispatch.runUntilIdle(), 4u);
+  EXPECT_THAT(seen, ElementsAre("worker 1", "main 1", "main 2", "main 3"));
+
+  seen.clear();
+  dispatch.hold(dispatch.serialQueue("worker"));
+  worker->async(note("worker 1"));
+  main.async(note("main 1"));
+  dispatch.runUntilIdle();
+  EXPECT_THAT(seen, ElementsAre("main 1"));
+  worker->async(note("worker 2"));
+  worker->sync(note("worker sync"));
+  worker->async(note("worker 3"));
+  dispatch.release(*worker);
+  dispatch.runUntilIdle();
+  EXPECT_THAT(seen, ElementsAre("main 1", "worker 1", "worker 2", "worker sync", "worker 3"));
+  // What would wait for ever on threads shows as a failure here.
+  main.sync([&] { EXPECT_THROW(main.sync([] {}), std::logic_error); });
+}
+
+TEST(ManualDispatch, DelayedWorkRunsAtItsTime) {
+  ManualDispatch dispatch;
+  std::vector<int> seen;
+  DispatchQueue& main = dispatch.mainQueue();
+  main.asyncAfter(3s, [&] { seen.push_back(3); });
+  main.asyncAfter(1s, [&] {
+    seen.push_back(1);
+    main.asyncAfter(1s, [&] { seen.push_back(2); });
+  });
+  dispatch.advance(999ms);
+  EXPECT_THAT(seen, ElementsAre());
+  dispatch.advance(1ms);
+  EXPECT_THAT(seen, ElementsAre(1));
+  dispatch.advance(2s);
+  EXPECT_THAT(seen, ElementsAre(1, 2, 3));
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,117 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/host/HostApplication.h"
+#include "platform/memory/ManualDispatch.h"
+
+namespace tarn {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+/// Notes what it hears, with the state that it finds.
+class Listener : public UIApplicationObserver {
+ public:
+  Listener(UIApplication& application, std::vector<std::string>& heard) : application_(application), heard_(heard) {}
+
+  void appDidEnterBackground() override { note("background"); }
+  void appWillEnterForeground() override { note("foreground"); }
+  void appWillTerminate() override { note("terminate"); }
+
+ private:
+  void note(const std::string& what) {
+    heard_.push_back(what + " " + std::to_string(static_cast<int>(application_.applicationState())));
+  }
+
+  UIApplication& application_;
+  std::vector<std::string>& heard_;
+};
+
+TEST(HostApplication, TellsItsObserversOnTheMainQueueAfterTheStateHasChanged) {
+  ManualDispatch dispatch;
+  HostApplication application(dispatch);
+  std::vector<std::string> heard;
+  const auto listener = std::make_shared<Listener>(application, heard);
+  application.addObserver(listener);
+  application.addObserver(std::make_shared<Listener>(application, heard));  // gone at once
+
+  application.enterForeground();  // it is there already
+  application.enterBackground();
+  application.enterBackground();
+  EXPECT_THAT(heard, ElementsAre());
+  dispatch.runUntilIdle();
+  application.enterForeground();
+  application.terminate();
+  dispatch.runUntilIdle();
+  EXPECT_THAT(heard, ElementsAre("background 2", "foreground 0", "terminate 0"));
+}
+
+TEST(HostApplication, BackgroundTasksExpireWhenTheLimitHasPassed) {
+  ManualDispatch dispatch;
+  HostApplication application(dispatch, {.backgroundLimit = 30s});
+  std::vector<std::string> expired;
+  const auto begin = [&](const char* name) {
+    return application.beginBackgroundTask(name, [&expired, name] { expired.emplace_back(name); });
+  };
+
+  application.enterBackground();
+  begin("left before the limit");
+  dispatch.advance(29s);
+  application.enterForeground();
+  dispatch.advance(5s);
+  EXPECT_THAT(expired, ElementsAre()) << "the limit of an earlier stay has no say";
+
+  application.enterBackground();
+  const auto ended = begin("ended");
+  EXPECT_NE(begin("running"), UIBackgroundTaskInvalid);
+  application.endBackgroundTask(ended);
+  dispatch.advance(30s);
+  EXPECT_THAT(expired, ElementsAre("left before the limit", "running"));
+
+  const auto endedInTime = begin("too late, but ended");
+  begin("too late");
+  application.endBackgroundTask(endedInTime);
+  EXPECT_EQ(expired.size(), 2u) << "handlers come on the main queue";
+  dispatch.runUntilIdle();
+  EXPECT_THAT(expired, ElementsAre("left before the limit", "running", "too late"));
+
+  application.refuseBackgroundTasks(true);
+  EXPECT_EQ(begin("refused"), UIBackgroundTaskInvalid);
+  application.expireBackgroundTime();
+  dispatch.runUntilIdle();
+  EXPECT_EQ(expired.size(), 3u) << "each handler runs once, that of a refused task never";
+}
+
+// An interrupt enters the background and ends its time in one breath: a task that an observer begins on hearing of the
+// first must get the second.
+TEST(HostApplication, AnInterruptReachesATaskBegunOnEntryIntoTheBackground) {
+  ManualDispatch dispatch;
+  HostApplication application(dispatch);
+  bool expired = false;
+  class Engine : public UIApplicationObserver {
+   public:
+    Engine(UIApplication& application, bool& expired) : application_(application), expired_(expired) {}
+    void appDidEnterBackground() override {
+      application_.beginBackgroundTask("run", [this] { expired_ = true; });
+    }
+    void appWillEnterForeground() override {}
+    void appWillTerminate() override {}
+
+   private:
+    UIApplication& application_;
+    bool& expired_;
+  };
+  const auto engine = std::make_shared<Engine>(application, expired);
+  application.addObserver(engine);
+  application.enterBackground();
+  application.expireBackgroundTime();
+  dispatch.runUntilIdle();
+  EXPECT_TRUE(expired);
+}
+
+}  // namespace
+}  // namespace tarn

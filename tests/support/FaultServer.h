@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/Bytes.h"
+
+namespace tarn::test {
+
+/// A file that the server has, in one version. The body is made as it is sent, so that it may be large.
+struct ServedFile {
+  using Fill = std::function<void(uint64_t offset, std::span<uint8_t> target)>;
+
+  uint64_t size = 0;  ///< bytes
+  Fill fill;          ///< must give the same bytes each time; called on the server's threads
+  std::string etag = "\"v1\"";
+  std::string lastModified = "Tue, 01 Jul 2025 10:00:00 GMT";
+  std::string contentType = "video/mp4";
+
+  static ServedFile of(Bytes bytes);
+  /// A body of zeros.
+  static ServedFile zeros(uint64_t size);
+  ServedFile withETag(std::string tag) const;
+};
+
+/// How one request is answered. The default is a faultless answer.
+struct Reply {
+  std::optional<int> status;               ///< this status with a short HTML page in place of the file
+  std::string location;                    ///< Location field, for a redirect
+  std::optional<ServedFile> file;          ///< this version in place of the path's own
+  bool ignoresRange = false;               ///< the whole file with 200, whatever was asked
+  bool ignoresIfRange = false;             ///< the range, whatever version was asked
+  int64_t rangeShift = 0;                  ///< a range starts that many bytes off, and says so
+  std::optional<std::string> contentRange; ///< Content-Range text in place of the true one
+  bool omitsValidators = false;            ///< neither ETag nor Last-Modified
+  std::optional<uint64_t> statedLength;    ///< Content-Length in place of the true one
+  bool omitsLength = false;                ///< no Content-Length; the end of the connection ends the body
+  bool chunked = false;                    ///< chunked coding
+  std::optional<uint64_t> closeAfter;      ///< closes the connection after that many bytes of the body
+  std::optional<uint64_t> stallAfter;      ///< falls silent after that many bytes of the body, until the client leaves
+  uint64_t bytesPerSecond = 0;             ///< 0: as fast as it goes
+};
+
+struct ReceivedRequest {
+  std::string method;
+  std::string target;
+  std::map<std::string, std::string> headers;  ///< names in lower case
+
+  /// The field's value; empty when it was not sent.
+  std::string header(const std::string& name) const;
+};
+
+/// An HTTP/1.1 server on 127.0.0.1 with faults at will: GET and HEAD, Range and If-Range (RFC 9110 13 and 14),
+/// persistent connections. Runs from construction to destruction, each connection on a thread. A path that is not
+/// served is answered with 404. Thread-safe. Takes the loopback out of any proxy that the environment names.
+class FaultServer {
+ public:
+  /// Listens on `port`, or on a free port for 0.
+  explicit FaultServer(uint16_t port = 0);
+  ~FaultServer();
+  FaultServer(const FaultServer&) = delete;
+  FaultServer& operator=(const FaultServer&) = delete;
+
+  uint16_t port() const;
+  std::string url(const std::string& path) const;
+
+  /// Serves a file, or its next version. The path's first requests get these replies one by one, all later ones
+  /// `afterwards`. Counting begins anew.
+  void serve(const std::string& path, ServedFile file, std::vector<Reply> replies = {}, Reply afterwards = {});
+
+  /// What has been asked so far, in order.
+  std::vector<ReceivedRequest> requests() const;
+
+  /// A port on which nobody listens.
+  static uint16_t closedPort();
+
+ private:
+  class Core;
+  std::unique_ptr<Core> core_;
+};
+
+}  // namespace tarn::test
