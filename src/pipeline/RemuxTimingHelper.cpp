@@ -26,7 +26,7 @@ void printStep(std::string_view label, double total, const Timings& timings) {
     log("║ {:<38} {:8.3f}s          ║", label, total);
     timings.printSubTimings();
   } else {
-    log("║ {:<43}skipped       ║", label);
+    log("║ {:<44}skipped       ║", label);
   }
 }
 

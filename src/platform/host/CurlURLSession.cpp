@@ -25,7 +25,8 @@ class CurlURLSession : public NSURLSession {
         loop_(std::make_shared<TransferLoop>(files, store_, delegateQueue_, options)) {
     for (const auto& record : store_->records(*identifier_)) {
       const auto part = files.attributes(store_->partFile(record.taskIdentifier));
-      loop_->start(std::make_shared<Transfer>(record, Transfer::Phase::running, part ? part->size : 0, loop_));
+      loop_->start(
+          remember(std::make_shared<Transfer>(record, Transfer::Phase::running, part ? part->size : 0, loop_)));
     }
   }
 
@@ -38,14 +39,33 @@ class CurlURLSession : public NSURLSession {
                                                          const std::string& taskDescription) override {
     if (!URL::parse(url)) throw URLError(CURLE_URL_MALFORMAT, fmt::format("not an http or https URL: {}", url));
     const auto record = store_->add(*identifier_, url, taskDescription);
-    return std::make_shared<Transfer>(record, Transfer::Phase::suspended, 0, loop_);
+    return remember(std::make_shared<Transfer>(record, Transfer::Phase::suspended, 0, loop_));
+  }
+
+  std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override {
+    std::lock_guard guard(mutex_);
+    std::vector<std::shared_ptr<NSURLSessionDownloadTask>> tasks;
+    for (const auto& weak : tasks_) {
+      auto task = weak.lock();
+      if (task && task->state() != NSURLSessionTaskState::completed) tasks.push_back(std::move(task));
+    }
+    return tasks;
   }
 
  private:
+  std::shared_ptr<Transfer> remember(std::shared_ptr<Transfer> transfer) {
+    std::lock_guard guard(mutex_);
+    std::erase_if(tasks_, [](const auto& weak) { return weak.expired(); });
+    tasks_.push_back(transfer);
+    return transfer;
+  }
+
   const std::shared_ptr<const std::string> identifier_;
   const std::shared_ptr<TransferStore> store_;
   const std::shared_ptr<DelegateQueue> delegateQueue_;
   const std::shared_ptr<TransferLoop> loop_;
+  std::mutex mutex_;
+  std::vector<std::weak_ptr<Transfer>> tasks_;
 };
 
 CurlURLSessionOptions withUserAgent(CurlURLSessionOptions options) {
@@ -75,6 +95,8 @@ std::unique_ptr<NSURLSession> CurlURLSessionService::makeBackgroundSession(
   return std::make_unique<CurlURLSession>(files_, claim, store_, std::move(queue), options_);
 }
 
-std::vector<std::string> CurlURLSessionService::storedTaskDescriptions() { return store_->taskDescriptions(); }
+std::vector<std::string> CurlURLSessionService::storedTaskDescriptions() {
+  return store_->taskDescriptions();
+}
 
 }  // namespace tarn

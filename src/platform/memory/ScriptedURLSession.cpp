@@ -59,6 +59,11 @@ class ScriptedURLSessionService::Session : public NSURLSession {
     return service_.make(url, taskDescription);
   }
 
+  std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override {
+    auto tasks = service_.tasks();
+    return {tasks.begin(), tasks.end()};
+  }
+
  private:
   ScriptedURLSessionService& service_;
 };

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "download/DownloadManager.h"
+#include "download/TransferNote.h"
+#include "platform/host/HostApplication.h"
+#include "platform/host/PosixFileManager.h"
+#include "platform/memory/InMemoryPhotoLibrary.h"
+#include "platform/memory/ManualDispatch.h"
+#include "platform/memory/ScriptedURLSession.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+#include "support/ScriptedStep.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+
+/// What a delegate has heard, as words.
+class RecordingDelegate : public DownloadManagerDelegate {
+ public:
+  void downloadDidFinish(const DownloadTaskPointer& download, const Path&) override { note("finished", download->id); }
+  void downloadDidFailed(const DownloadTaskPointer& download) override { note("failed", download->id); }
+  void processingProgressUpdated(int64_t id, double, const std::string& stage) override { note(stage, id); }
+
+  std::vector<std::string> heard;
+
+ private:
+  void note(const std::string& what, int64_t id) { heard.push_back(what + " " + std::to_string(id)); }
+};
+
+/// The engine on real files, with transfers, queues and time in the test's hands. The pipeline has a first and a last
+/// step that note their stages.
+class EngineTest : public testing::Test {
+ protected:
+  static constexpr int64_t firstId = 1'800'000'000;
+
+  EngineTest() { start(); }
+
+  /// A process comes up: leftovers are removed, the engine is made and does what a plug-in's load does.
+  void start() {
+    removeLeftovers(files_, *std::make_unique<ProcessingStateManager>(defaults_, files_, clock_));
+    engine_ = DownloadManager::create(platform_, {.remux = &remux_, .last = &last_});
+    engine_->performPeriodicCleanup();
+    engine_->checkAndResumePendingProcessing();
+    if (!transfers_.storedTaskDescriptions().empty()) engine_->handleEventsForBackgroundURLSession();
+  }
+
+  /// The process dies: all that was in memory is gone, work that was posted too.
+  void die() {
+    engine_.reset();
+    dispatch_.runUntilIdle();
+    notes_.clear();
+    delegate_->heard.clear();
+  }
+
+  DownloadTaskPointer save(const std::string& name, bool skipVideoFix = false, bool skipAudioFix = false) {
+    return engine_->startDownloadFileBy(url(name), "Trips", name, skipVideoFix, skipAudioFix, delegate_);
+  }
+  static std::string url(const std::string& name) { return "http://127.0.0.1/" + name; }
+
+  void finish(const std::string& name) { transfers_.finish(url(name), bytesOf("content of " + name)); }
+  void settle() { dispatch_.runUntilIdle(); }
+  DispatchQueue& worker() { return dispatch_.serialQueue("com.tarn.processing"); }
+
+  std::string heard() { return joinedWords(delegate_->heard); }
+  std::vector<std::string> documents() { return files_.contentsOfDirectory(files_.documentsDirectory(true)); }
+  std::string stored(const std::string& key) {
+    auto data = defaults_.data(key);
+    return data ? std::string(textOf(*data)) : "none";
+  }
+  std::string storedStates() { return stored(ProcessingStateManager::userDefaultsKey); }
+
+  TempDirectory home_;
+  LogCapture lines_;
+  PosixFileManager files_{home_.path()};
+  UserDefaults defaults_{files_, home_.path() / "Defaults"};
+  ManualClock clock_;
+  ManualDispatch dispatch_;
+  HostApplication application_{dispatch_};
+  InMemoryPhotoLibrary photos_{files_, dispatch_};
+  ScriptedURLSessionService transfers_{files_, home_.path() / "delivered"};
+  Platform platform_{files_, defaults_, clock_, dispatch_, application_, photos_, transfers_};
+
+  std::vector<std::string> notes_;     ///< stages of all runs
+  std::vector<std::string> contents_;  ///< what the last step found in each file
+  bool runFails_ = false;
+  ScriptedStep remux_{{ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_, [this](auto&, auto) {
+                        if (runFails_) throw Error("Test", -1, "no luck");
+                      }};
+  ScriptedStep last_{{ProcessingStage::savingToPhotos}, notes_, [this](ProcessingRun& run, auto) {
+                       contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
+                       run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
+                     }};
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<DownloadManager> engine_;
+};
+
+}  // namespace tarn::test

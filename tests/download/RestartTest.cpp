@@ -1,0 +1,181 @@
+#include "download/EngineTest.h"
+
+namespace tarn::test {
+namespace {
+
+TEST_F(EngineTest, ATransferOfAnEarlierProcessFindsItsTaskWithItsFlags) {
+  auto id = save("clip.mp4", true, false)->id;
+  auto twin = save("clip.mp4")->id;
+  settle();
+  die();
+  start();
+  ASSERT_EQ(engine_->getDownloads().size(), 2U);
+  transfers_.writeData(url("clip.mp4"), 10, 100);
+  EXPECT_TRUE(lines_.contains("Re-established task mapping for download " + std::to_string(twin)));
+  finish("clip.mp4");  // of equal URLs the last made: the twin
+  transfers_.complete(url("clip.mp4"));
+  finish("clip.mp4");
+  settle();
+  EXPECT_EQ(contents_.size(), 2U);
+  auto tasks = engine_->getDownloads();
+  EXPECT_TRUE(tasks[0]->id == id && tasks[0]->snapshot().skipVideoFix);
+  EXPECT_TRUE(tasks[1]->id == twin && !tasks[1]->snapshot().skipVideoFix);
+}
+
+TEST_F(EngineTest, WaitingDownloadsGoBackIntoTheLine) {
+  engine_->setMaxConcurrentDownloads(1);
+  save("a.mp4");
+  auto waiting = save("b.mp4")->id;
+  die();
+  start();
+  settle();
+  finish("a.mp4");
+  settle();
+  finish("b.mp4");
+  settle();
+  EXPECT_EQ(joinedWords(contents_), "content of a.mp4 content of b.mp4");
+  EXPECT_EQ(engine_->getDownloads().back()->id, waiting);
+}
+
+TEST_F(EngineTest, AStoredListThatIsDamagedCountsAsEmpty) {
+  for (const char* text : {"[{\"id\":1}]", "{", "7", "[1,2"}) {
+    defaults_.setData("ActiveDownloads", bytesOf(text));
+    die();
+    start();
+    EXPECT_TRUE(engine_->getDownloads().empty()) << text;
+  }
+  defaults_.setData("ActiveDownloads", bytesOf(R"([{"id":5,"url":"u","status":"stopped"}])"));
+  die();
+  start();
+  ASSERT_EQ(engine_->getDownloads().size(), 1U);
+  EXPECT_EQ(engine_->getDownloads()[0]->status(), DownloadStatus::unknown);
+  settle();
+  EXPECT_EQ(stored("ActiveDownloads"), R"([{"id":5,"url":"u","status":"unknown"}])");
+}
+
+TEST_F(EngineTest, StoredRunsAreResumedOneByOneOldestFirst) {
+  dispatch_.hold(worker());
+  for (const char* name : {"a.mp4", "b.mp4"}) {
+    save(name);
+    finish(name);
+    transfers_.complete(url(name));
+    clock_.advance(std::chrono::seconds(2));
+  }
+  settle();
+  die();
+  start();
+  settle();
+  EXPECT_EQ(joinedWords(contents_), "content of a.mp4") << "one record a call";
+  engine_->checkAndResumePendingProcessing();
+  settle();
+  EXPECT_EQ(joinedWords(contents_), "content of a.mp4 content of b.mp4");
+  EXPECT_EQ(heard(), "") << "a resumed run has no delegate";
+  EXPECT_EQ(storedStates(), "[]");
+  EXPECT_TRUE(documents().empty());
+}
+
+TEST_F(EngineTest, AFileThatIsDeliveredAgainIsTakenOnce) {
+  dispatch_.hold(worker());
+  save("clip.mp4");
+  finish("clip.mp4");
+  settle();
+  die();  // before the transfer's last event
+  start();
+  finish("clip.mp4");
+  transfers_.complete(url("clip.mp4"));
+  settle();
+  finish("clip.mp4");
+  settle();
+  EXPECT_EQ(joinedWords(contents_), "content of clip.mp4");
+}
+
+TEST_F(EngineTest, ATransferThatNothingKnowsChangesNothing) {
+  save("clip.mp4");
+  defaults_.removeObject("ActiveDownloads");
+  die();
+  start();
+  transfers_.writeData(url("clip.mp4"), 1, 2);
+  finish("clip.mp4");
+  transfers_.complete(url("clip.mp4"));
+  settle();
+  EXPECT_TRUE(lines_.contains("Download not found for progress update, taskId: 1"));
+  EXPECT_TRUE(lines_.contains("Download not found for completion, taskId: 1"));
+  EXPECT_TRUE(contents_.empty() && documents().empty());
+}
+
+TEST_F(EngineTest, TheSweepTakesWhatNothingRefersTo) {
+  dispatch_.hold(worker());
+  save("kept.mp4");
+  finish("kept.mp4");
+  const Path documents = files_.documentsDirectory(true);
+  const std::string uuid = makeUUID();
+  const std::string swept[] = {"orphan.mp4", "orphan.mov", "orphan.m4v", uuid + "_fixed.mp4"};
+  const std::string kept[] = {"clip.m4a", "clip.MP4", "noending", "kept.mp4"};
+  const std::string leftovers[] = {uuid + ".m4a", uuid + ".mp4.tmp"};
+  for (const auto& names : {std::span<const std::string>(swept), std::span(kept), std::span(leftovers)}) {
+    for (const auto& name : names) {
+      if (name != "kept.mp4") writeFileAtomically(files_, documents / name, bytesOf("x"));
+    }
+  }
+  writeFileAtomically(files_, files_.temporaryDirectory() / "anything", bytesOf("x"));
+  engine_->performPeriodicCleanup();
+  settle();
+  for (const auto& name : swept) EXPECT_FALSE(files_.fileExists(documents / name)) << name;
+  for (const auto& name : kept) EXPECT_TRUE(files_.fileExists(documents / name)) << name;
+  for (const auto& name : leftovers) EXPECT_TRUE(files_.fileExists(documents / name)) << name;
+  die();
+  start();
+  for (const auto& name : leftovers) EXPECT_FALSE(files_.fileExists(documents / name)) << name;
+  EXPECT_TRUE(files_.contentsOfDirectory(files_.temporaryDirectory()).empty());
+
+  settle();
+  files_.removeItem(documents);
+  engine_->performPeriodicCleanup();
+  settle();
+  EXPECT_TRUE(std::ranges::any_of(
+      lines_.lines(), [](const std::string& line) { return line.starts_with("Error cleaning up orphaned files: "); }));
+}
+
+TEST_F(EngineTest, OldFinishedTasksGo) {
+  save("clip.mp4");
+  finish("clip.mp4");
+  settle();
+  clock_.advance(std::chrono::seconds(86400));
+  engine_->performPeriodicCleanup();
+  settle();
+  EXPECT_EQ(engine_->getDownloads().size(), 1U);
+  clock_.advance(std::chrono::seconds(1));
+  engine_->performPeriodicCleanup();
+  settle();
+  EXPECT_TRUE(engine_->getDownloads().empty());
+}
+
+TEST_F(EngineTest, BackgroundTimeThatEndsStopsTheRunAndKeepsItsCheckpoint) {
+  bool expire = true;
+  ScriptedStep interrupted({ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_,
+                           [&](ProcessingRun& run, ProcessingStage) {
+                             if (!std::exchange(expire, false)) return;
+                             application_.enterBackground();
+                             engine_->handleAppDidEnterBackground();
+                             application_.expireBackgroundTime();
+                             settle();
+                             run.token->throwIfCancelled();
+                           });
+  engine_.reset();
+  settle();
+  engine_ = DownloadManager::create(platform_, {.last = &interrupted});
+  save("clip.mp4");
+  finish("clip.mp4");
+  settle();
+  EXPECT_TRUE(lines_.contains("Background time expiring - saving checkpoint and cancelling operations"));
+  EXPECT_TRUE(lines_.contains("Saved checkpoint at stage: Remuxing HEVC"));
+  EXPECT_EQ(engine_->getDownloads()[0]->status(), DownloadStatus::processing);
+  EXPECT_NE(storedStates(), "[]");
+  engine_->endBackgroundTask();
+  engine_->checkAndResumePendingProcessing();
+  settle();
+  EXPECT_EQ(storedStates(), "[]");
+}
+
+}  // namespace
+}  // namespace tarn::test
