@@ -22,6 +22,8 @@ class JSObject {
 
   JSObject();
   JSObject(std::initializer_list<Member> members);
+  /// Of members with the same key the last one holds, at the place of the first.
+  explicit JSObject(std::vector<Member> members);
   JSObject(const JSObject&);
   JSObject(JSObject&&) noexcept;
   JSObject& operator=(const JSObject&);
@@ -132,7 +134,7 @@ class CAPPlugin : public CAPBridgedPlugin {
   void call(const CAPPluginCallPointer& call);
 
   /// Who hears events from now on; an empty listener drops them. Returns when no event is being delivered to the last
-  /// one any more.
+  /// one any more, but for a delivery on the calling thread itself: a listener may replace itself.
   void setEventListener(EventListener listener);
 
   CAPPlugin();

@@ -96,7 +96,7 @@ class FileManager {
   virtual std::vector<std::string> contentsOfDirectory(const Path& path) = 0;
 
   /// Makes the directory and those above it, and flushes the names of those that it made. One that exists is no
-  /// failure.
+  /// failure; a file in the way is one (EEXIST).
   virtual void createDirectory(const Path& path) = 0;
 
   /// Renames within one file system. Across file systems: copies to a hidden sibling of `to`, flushes it, renames, and

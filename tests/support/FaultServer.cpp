@@ -233,7 +233,8 @@ class FaultServer::Core {
     if (reply.chunked) {
       head += "Transfer-Encoding: chunked\r\n";
     } else if (!reply.omitsLength) {
-      head += fmt::format("Content-Length: {}\r\n", reply.statedLength.value_or(selection.length));
+      const bool isLie = reply.statedLength && selection.status == 200;
+      head += fmt::format("Content-Length: {}\r\n", isLie ? *reply.statedLength : selection.length);
     } else {
       head += "Connection: close\r\n";
     }
@@ -299,7 +300,9 @@ FaultServer::FaultServer(uint16_t port) {
 
 FaultServer::~FaultServer() = default;
 
-uint16_t FaultServer::port() const { return core_->port(); }
+uint16_t FaultServer::port() const {
+  return core_->port();
+}
 
 std::string FaultServer::url(const std::string& path) const {
   return fmt::format("http://127.0.0.1:{}{}", port(), path);
@@ -309,7 +312,9 @@ void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Re
   core_->serve(path, std::move(file), std::move(replies), std::move(afterwards));
 }
 
-std::vector<ReceivedRequest> FaultServer::requests() const { return core_->requests(); }
+std::vector<ReceivedRequest> FaultServer::requests() const {
+  return core_->requests();
+}
 
 uint16_t FaultServer::closedPort() {
   const Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

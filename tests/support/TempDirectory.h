@@ -1,22 +1,18 @@
 #pragma once
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <stdexcept>
-#include <string>
+#include <system_error>
+#include <utility>
 
 #include "platform/FileManager.h"
 
 namespace tarn::test {
 
-/// A fresh directory that goes with its test.
+/// A fresh directory, deleted with all that is in it at the end of the scope.
 class TempDirectory {
  public:
-  TempDirectory() {
-    std::string name = std::filesystem::temp_directory_path() / "tarn-test-XXXXXX";
-    if (!mkdtemp(name.data())) throw std::runtime_error("cannot make a temporary directory");
-    path_ = name;
+  explicit TempDirectory(const Path& above = std::filesystem::temp_directory_path())
+      : path_(above / ("tarn-" + makeUUID())) {
+    std::filesystem::create_directory(path_);
   }
   ~TempDirectory() {
     std::error_code ignored;

@@ -27,8 +27,8 @@ struct CurlURLSessionOptions {
 /// Sessions over libcurl. Each has one thread for all of its transfers, which sleeps while nothing is to be done, and a
 /// serial delegate queue with a thread of its own, where whole files are also flushed before they are handed over.
 /// A transfer lives in `transfersDirectory` from its making to its end, and is resumed from there. What fails for the
-/// time being (connection, time-out, stall, a status of 5xx, 408 or 429, a short body) is tried again; any other failure
-/// is the transfer's end. Proxies come from the environment, certificates from the system.
+/// time being (connection, time-out, stall, a status of 5xx, 408 or 429, a short body) is tried again; any other
+/// failure is the transfer's end. Proxies come from the environment, certificates from the system.
 class CurlURLSessionService : public NSURLSessionService {
  public:
   /// `files` and `dispatch` must outlive the service and its sessions.

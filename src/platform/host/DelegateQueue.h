@@ -12,9 +12,9 @@
 
 namespace tarn {
 
-/// Carries calls to a session's delegate: one at a time, in the order of posting, until it is closed. A delegate that is
-/// gone is not called. Thread-safe. Calls are kept on a dispatch queue, which may outlive the session: a call that has
-/// not begun at close() never begins.
+/// Carries calls to a session's delegate: one at a time, in the order of posting, until it is closed. A delegate that
+/// is gone is not called. Thread-safe. Calls are kept on a dispatch queue, which may outlive the session: a call that
+/// has not begun at close() never begins.
 class DelegateQueue : public std::enable_shared_from_this<DelegateQueue> {
  public:
   using Call = std::function<void(NSURLSessionDownloadDelegate&)>;

@@ -66,7 +66,9 @@ AssetRecord assetOf(const SQLiteStatement& row) {
   return asset;
 }
 
-AlbumRecord albumOf(const SQLiteStatement& row) { return {row.text(0), row.text(1), row.text(2)}; }
+AlbumRecord albumOf(const SQLiteStatement& row) {
+  return {row.text(0), row.text(1), row.text(2)};
+}
 
 std::vector<PlacedAsset> placedAssets(SQLiteStatement& statement) {
   std::vector<PlacedAsset> assets;
@@ -114,8 +116,9 @@ std::optional<PhotoCatalogue> PhotoCatalogue::openForReading(const Path& path) {
 }
 
 std::vector<AlbumRecord> PhotoCatalogue::albums(const std::optional<std::string>& title) {
-  SQLiteStatement rows(database_, title ? "SELECT identifier, title, folder FROM albums WHERE title = ? ORDER BY position"
-                                        : "SELECT identifier, title, folder FROM albums ORDER BY position");
+  SQLiteStatement rows(database_, title
+                                      ? "SELECT identifier, title, folder FROM albums WHERE title = ? ORDER BY position"
+                                      : "SELECT identifier, title, folder FROM albums ORDER BY position");
   if (title) rows.bind(*title);
   std::vector<AlbumRecord> albums;
   while (rows.step()) albums.push_back(albumOf(rows));
@@ -164,7 +167,8 @@ std::set<std::string> PhotoCatalogue::entryNames(const std::string& album) {
   return texts(rows);
 }
 
-std::vector<PlacedAsset> PhotoCatalogue::assetsInAlbum(const std::string& album, const std::optional<std::string>& asset) {
+std::vector<PlacedAsset> PhotoCatalogue::assetsInAlbum(const std::string& album,
+                                                       const std::optional<std::string>& asset) {
   SQLiteStatement rows(database_, fmt::format("SELECT {}, albums.folder, entries.name FROM entries "
                                               "JOIN assets ON assets.identifier = entries.asset "
                                               "JOIN albums ON albums.identifier = entries.album "
@@ -203,7 +207,9 @@ std::vector<IntendedLink> PhotoCatalogue::intendedLinks() {
   return links;
 }
 
-void PhotoCatalogue::forgetIntendedLinks() { database_.execute("DELETE FROM intended_links"); }
+void PhotoCatalogue::forgetIntendedLinks() {
+  database_.execute("DELETE FROM intended_links");
+}
 
 void PhotoCatalogue::add(const std::vector<AssetRecord>& assets, const std::vector<AlbumRecord>& albums,
                          const std::vector<EntryRecord>& entries) {

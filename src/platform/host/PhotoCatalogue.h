@@ -80,7 +80,8 @@ class PhotoCatalogue {
   std::vector<IntendedLink> intendedLinks();
   void forgetIntendedLinks();
 
-  /// Adds the rows and forgets the intended links that are entries now: all of it or nothing. Durable when this returns.
+  /// Adds the rows and forgets the intended links that are entries now: all of it or nothing. Durable when this
+  /// returns.
   void add(const std::vector<AssetRecord>& assets, const std::vector<AlbumRecord>& albums,
            const std::vector<EntryRecord>& entries);
 

@@ -114,9 +114,8 @@ std::optional<AssetRecord> PhotoChange::findAsset(const std::string& identifier)
 }
 
 bool PhotoChange::isAdded(const std::string& album, const std::string& asset) const {
-  return std::any_of(additions_.begin(), additions_.end(), [&](const Addition& addition) {
-    return addition.album == album && addition.asset == asset;
-  });
+  return std::any_of(additions_.begin(), additions_.end(),
+                     [&](const Addition& addition) { return addition.album == album && addition.asset == asset; });
 }
 
 std::vector<EntryRecord> PhotoChange::makeEntries() {

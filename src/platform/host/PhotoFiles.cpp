@@ -1,7 +1,7 @@
 #include "platform/host/PhotoFiles.h"
 
-#include <array>
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -16,14 +16,18 @@ bool refusesLinks(const PosixError& error) {
   return std::find(codes.begin(), codes.end(), error.code()) != codes.end();
 }
 
-bool sameFile(const FileAttributes& a, const FileAttributes& b) { return a.device == b.device && a.inode == b.inode; }
+bool sameFile(const FileAttributes& a, const FileAttributes& b) {
+  return a.device == b.device && a.inode == b.inode;
+}
 
 }  // namespace
 
 PhotoFiles::PhotoFiles(FileManager& files, Path root)
     : files_(files), root_(std::move(root)), assets_(root_ / ".assets") {}
 
-void PhotoFiles::makeDirectories() { files_.createDirectory(assets_); }
+void PhotoFiles::makeDirectories() {
+  files_.createDirectory(assets_);
+}
 
 std::set<std::string> PhotoFiles::namesNoFolderCanHave() {
   std::set<std::string> names;

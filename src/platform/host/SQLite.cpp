@@ -14,7 +14,9 @@ constexpr int longestWait = 5000;  // milliseconds
 
 }  // namespace
 
-void SQLiteDatabase::Closer::operator()(sqlite3* database) const { sqlite3_close_v2(database); }
+void SQLiteDatabase::Closer::operator()(sqlite3* database) const {
+  sqlite3_close_v2(database);
+}
 
 SQLiteDatabase::SQLiteDatabase(const Path& path, Mode mode) {
   sqlite3* opened = nullptr;
@@ -34,7 +36,9 @@ void SQLiteDatabase::execute(const char* sql) {
   if (sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(handle_.get(), "catalogue");
 }
 
-void SQLiteStatement::Finalizer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+void SQLiteStatement::Finalizer::operator()(sqlite3_stmt* statement) const {
+  sqlite3_finalize(statement);
+}
 
 SQLiteStatement::SQLiteStatement(SQLiteDatabase& database, std::string_view sql) : database_(database.handle_.get()) {
   sqlite3_stmt* prepared = nullptr;
@@ -66,7 +70,9 @@ std::string SQLiteStatement::text(int column) const {
   return start ? std::string(start, static_cast<size_t>(sqlite3_column_bytes(handle_.get(), column))) : std::string();
 }
 
-int64_t SQLiteStatement::integer(int column) const { return sqlite3_column_int64(handle_.get(), column); }
+int64_t SQLiteStatement::integer(int column) const {
+  return sqlite3_column_int64(handle_.get(), column);
+}
 
 bool SQLiteStatement::isNull(int column) const {
   return sqlite3_column_type(handle_.get(), column) == SQLITE_NULL;

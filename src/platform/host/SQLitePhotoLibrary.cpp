@@ -12,7 +12,9 @@ namespace {
 
 constexpr const char* catalogueName = ".catalogue.sqlite";
 
-PHAssetCollection collectionOf(const AlbumRecord& album) { return {album.identifier, album.title}; }
+PHAssetCollection collectionOf(const AlbumRecord& album) {
+  return {album.identifier, album.title};
+}
 
 std::vector<PHAsset> assetsOf(const std::vector<PlacedAsset>& placed, const PhotoFiles& files) {
   std::vector<PHAsset> assets;
@@ -41,7 +43,9 @@ SQLitePhotoLibrary::SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, c
 
 SQLitePhotoLibrary::~SQLitePhotoLibrary() = default;
 
-PHAuthorizationStatus SQLitePhotoLibrary::authorizationStatus(PHAccessLevel) { return authorization_.status(); }
+PHAuthorizationStatus SQLitePhotoLibrary::authorizationStatus(PHAccessLevel) {
+  return authorization_.status();
+}
 
 void SQLitePhotoLibrary::requestAuthorization(PHAccessLevel, AuthorizationHandler handler) {
   authorization_.request(dispatch_, std::move(handler));

@@ -6,7 +6,9 @@
 namespace tarn {
 namespace {
 
-int64_t countOf(std::optional<uint64_t> size) { return size ? static_cast<int64_t>(*size) : -1; }
+int64_t countOf(std::optional<uint64_t> size) {
+  return size ? static_cast<int64_t>(*size) : -1;
+}
 
 }  // namespace
 

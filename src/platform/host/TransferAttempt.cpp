@@ -17,9 +17,17 @@ constexpr const char* protocols = "http,https";
 /// Failures of the way to the server, not of the request: worth another try.
 bool isTransient(int code) {
   constexpr std::array transient = {
-      CURLE_COULDNT_RESOLVE_PROXY, CURLE_COULDNT_RESOLVE_HOST, CURLE_COULDNT_CONNECT, CURLE_PARTIAL_FILE,
-      CURLE_OPERATION_TIMEDOUT,    CURLE_SSL_CONNECT_ERROR,    CURLE_GOT_NOTHING,     CURLE_SEND_ERROR,
-      CURLE_RECV_ERROR,            CURLE_HTTP2,                CURLE_HTTP2_STREAM,
+      CURLE_COULDNT_RESOLVE_PROXY,
+      CURLE_COULDNT_RESOLVE_HOST,
+      CURLE_COULDNT_CONNECT,
+      CURLE_PARTIAL_FILE,
+      CURLE_OPERATION_TIMEDOUT,
+      CURLE_SSL_CONNECT_ERROR,
+      CURLE_GOT_NOTHING,
+      CURLE_SEND_ERROR,
+      CURLE_RECV_ERROR,
+      CURLE_HTTP2,
+      CURLE_HTTP2_STREAM,
   };
   return std::find(transient.begin(), transient.end(), code) != transient.end();
 }
@@ -38,7 +46,9 @@ URLError statusError(int status) {
 
 }  // namespace
 
-void TransferAttempt::EasyDeleter::operator()(void* easy) const { curl_easy_cleanup(easy); }
+void TransferAttempt::EasyDeleter::operator()(void* easy) const {
+  curl_easy_cleanup(easy);
+}
 void TransferAttempt::ListDeleter::operator()(void* list) const {
   curl_slist_free_all(static_cast<curl_slist*>(list));
 }
@@ -142,7 +152,6 @@ void TransferAttempt::decide() {
   use_ = bodyUse(head, asked_);
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
-  const TransferRecord before = record_;
   if (use_ == BodyUse::replace) {
     record_.validator = head.validator();
     record_.expectedSize = head.contentLength;
@@ -150,8 +159,7 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  const bool hasChanged = before.validator != record_.validator || before.expectedSize != record_.expectedSize;
-  if (hasChanged) store_.save(record_);
+  if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
 /// Flushed, lest after a power cut the old bytes stand beside the new version's record.

@@ -33,7 +33,9 @@ void blockPipeSignal() {
 
 }  // namespace
 
-void TransferLoop::MultiDeleter::operator()(void* multi) const { curl_multi_cleanup(multi); }
+void TransferLoop::MultiDeleter::operator()(void* multi) const {
+  curl_multi_cleanup(multi);
+}
 
 TransferLoop::TransferLoop(FileManager& files, std::shared_ptr<TransferStore> store,
                            std::shared_ptr<DelegateQueue> delegateQueue, CurlURLSessionOptions options)
@@ -46,7 +48,9 @@ TransferLoop::TransferLoop(FileManager& files, std::shared_ptr<TransferStore> st
   thread_ = std::thread([this] { run(); });
 }
 
-TransferLoop::~TransferLoop() { stop(); }
+TransferLoop::~TransferLoop() {
+  stop();
+}
 
 void TransferLoop::stop() {
   if (!thread_.joinable()) return;
@@ -54,7 +58,9 @@ void TransferLoop::stop() {
   thread_.join();
 }
 
-void TransferLoop::start(std::shared_ptr<Transfer> transfer) { post({Command::Kind::start, std::move(transfer)}); }
+void TransferLoop::start(std::shared_ptr<Transfer> transfer) {
+  post({Command::Kind::start, std::move(transfer)});
+}
 
 void TransferLoop::cancel(std::shared_ptr<Transfer> transfer) {
   store_->removeRecord(transfer->taskIdentifier());
@@ -201,9 +207,8 @@ void TransferLoop::fail(Job& job, const Error& error) {
   jobs_.erase(transfer->taskIdentifier());
   if (!transfer->advance(Phase::running, Phase::completed)) return;  // a cancellation is on its way
   store_->remove(transfer->taskIdentifier());
-  delegateQueue_->post([transfer, error](NSURLSessionDownloadDelegate& delegate) {
-    delegate.urlSessionDidComplete(transfer, error);
-  });
+  delegateQueue_->post(
+      [transfer, error](NSURLSessionDownloadDelegate& delegate) { delegate.urlSessionDidComplete(transfer, error); });
 }
 
 /// The job is gone when this returns.

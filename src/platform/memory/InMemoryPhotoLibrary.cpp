@@ -32,8 +32,8 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     }
     PHAsset asset{.localIdentifier = makeUUID(),
                   .filename = safeName(fileURL.filename().native(), NameKind::file),
-                  .creationDate = Date(std::chrono::duration_cast<Date::duration>(
-                      std::chrono::nanoseconds(facts->modificationTime))),
+                  .creationDate = Date(
+                      std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(facts->modificationTime))),
                   .size = facts->size,
                   .path = {}};
     content_.assets.push_back({asset, *facts});
@@ -108,7 +108,9 @@ void InMemoryPhotoLibrary::setFailures(Failures failures) {
   failures_ = std::move(failures);
 }
 
-PHAuthorizationStatus InMemoryPhotoLibrary::authorizationStatus(PHAccessLevel) { return authorization_.status(); }
+PHAuthorizationStatus InMemoryPhotoLibrary::authorizationStatus(PHAccessLevel) {
+  return authorization_.status();
+}
 
 void InMemoryPhotoLibrary::requestAuthorization(PHAccessLevel, AuthorizationHandler handler) {
   authorization_.request(dispatch_, std::move(handler));
@@ -136,9 +138,8 @@ std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollections(const
 
 std::optional<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollection(const std::string& localIdentifier) {
   std::lock_guard guard(mutex_);
-  const auto* album = find(content_.albums, [&](const Album& candidate) {
-    return candidate.collection.localIdentifier == localIdentifier;
-  });
+  const auto* album = find(
+      content_.albums, [&](const Album& candidate) { return candidate.collection.localIdentifier == localIdentifier; });
   if (!album || failures_.createdAlbumNotFetched) return std::nullopt;
   return album->collection;
 }
@@ -153,7 +154,8 @@ std::vector<PHAsset> InMemoryPhotoLibrary::fetchAssets(const PHAssetCollection& 
   if (!album) return assets;
   for (const std::string& identifier : album->assets) {
     if (localIdentifier && identifier != *localIdentifier) continue;
-    const auto* asset = find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == identifier; });
+    const auto* asset =
+        find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == identifier; });
     assets.push_back(placed(*asset, album));
   }
   return assets;

@@ -1,0 +1,294 @@
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "TransferHarness.h"
+#include "platform/ForwardingFileManager.h"
+#include "platform/host/RangeRules.h"
+#include "support/FaultServer.h"
+
+namespace tarn::test {
+namespace {
+
+constexpr uint64_t size = 300'000;
+constexpr uint64_t cut = 100'000;
+
+const Bytes& versionOne() {
+  static const Bytes bytes = randomBytes(size, 1);
+  return bytes;
+}
+const Bytes& versionTwo() {
+  static const Bytes bytes = randomBytes(size, 2);
+  return bytes;
+}
+Bytes htmlPage() {
+  const auto page = bytesOf("<html><body>200</body></html>");
+  return {page.begin(), page.end()};
+}
+
+/// A path that answers so, and how a transfer from it must end: with exactly these bytes, or with this error.
+struct Row {
+  const char* name;
+  std::vector<Reply> replies;
+  Reply afterwards;
+  std::optional<Bytes> file;
+  int errorCode = 0;
+  size_t requests = 0;
+  std::string lastRange = {};    ///< Range of the last request
+  std::string lastIfRange = {};  ///< If-Range of the last request
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
+
+std::vector<Row> rows() {
+  const ServedFile two = ServedFile::of(versionTwo()).withETag("\"v2\"");
+  const ServedFile weak = ServedFile::of(versionOne()).withETag("W/\"v1\"");
+  const ServedFile oddlyTagged = ServedFile::of(versionOne()).withETag("\"\xff\"");
+  const Bytes first200k(versionOne().begin(), versionOne().begin() + 200'000);
+  const Reply cutShort{.closeAfter = cut};
+  const std::string range = "bytes=100000-";
+  const std::string date = "Tue, 01 Jul 2025 10:00:00 GMT";
+  const auto& one = versionOne();
+
+  return {
+      {"a faultless answer", {}, {}, one, 0, 1},
+      {"an empty file", {{.file = ServedFile::of({})}}, {}, Bytes{}, 0, 1},
+      {"not found", {}, {.status = 404}, {}, 404, 1},
+      {"not modified, unasked", {}, {.status = 304}, {}, CURLE_WEIRD_SERVER_REPLY, 1},
+      {"trouble, then a file", {{.status = 500}, {.status = 408}, {.status = 429}, {.status = 503}}, {}, one, 0, 5},
+      {"trouble without end", {}, {.status = 500}, {}, 500, 5},
+      {"an HTML page with 200", {}, {.status = 200}, htmlPage(), 0, 1},
+
+      {"cut short", {cutShort}, {}, one, 0, 2, range, "\"v1\""},
+      {"cut short again and again", {cutShort, cutShort, cutShort}, {}, one, 0, 3, "bytes=200000-", "\"v1\""},
+      {"cut short before the body", {{.closeAfter = 0}}, {}, one, 0, 2},
+      {"cut short, weak entity tag", {{.file = weak, .closeAfter = cut}}, {.file = weak}, one, 0, 2, range, date},
+      {"cut short, entity tag not ASCII", {{.file = oddlyTagged, .closeAfter = cut}}, {}, one, 0, 2, range, date},
+      {"cut short, no validator", {{.omitsValidators = true, .closeAfter = cut}}, {}, one, 0, 2},
+      {"a stall", {{.stallAfter = cut}}, {}, one, 0, 2, range, "\"v1\""},
+      {"stalls without end", {}, {.stallAfter = 0}, {}, CURLE_OPERATION_TIMEDOUT, 5},
+
+      {"redirect to ftp", {}, {.status = 302, .location = "ftp://127.0.0.1/x"}, {}, CURLE_UNSUPPORTED_PROTOCOL, 1},
+      {"redirect to a file", {}, {.status = 301, .location = "file:///etc/passwd"}, {}, CURLE_UNSUPPORTED_PROTOCOL, 1},
+      {"redirect loop", {}, {.status = 302, .location = "/file"}, {}, CURLE_TOO_MANY_REDIRECTS, 21},
+      {"a redirect",
+       {{.status = 307, .location = "/file"}, cutShort, {.status = 307, .location = "/file"}},
+       {},
+       one,
+       0,
+       4,
+       range,
+       "\"v1\""},
+
+      {"no length", {}, {.omitsLength = true}, one, 0, 1},
+      {"chunked", {}, {.chunked = true}, one, 0, 1},
+      {"chunked, cut short", {{.chunked = true, .closeAfter = cut}}, {}, one, 0, 2, range, "\"v1\""},
+      {"length too large, always",
+       {},
+       {.statedLength = size + 1},
+       {},
+       CURLE_RANGE_ERROR,
+       10,
+       "bytes=300000-",
+       "\"v1\""},
+      {"length too large, once", {{.statedLength = size + 1}}, {}, one, 0, 3},
+      {"length too small", {}, {.statedLength = 200'000}, first200k, 0, 1},
+
+      {"another version", {cutShort, {.file = two}}, {}, versionTwo(), 0, 2, range, "\"v1\""},
+      {"another version, If-Range ignored",
+       {cutShort, {.file = two, .ignoresIfRange = true}},
+       {.file = two},
+       versionTwo(),
+       0,
+       3},
+      {"another version, unnamed",
+       {cutShort, {.file = two, .ignoresIfRange = true, .omitsValidators = true}},
+       {.file = two},
+       versionTwo(),
+       0,
+       3},
+      {"ranges ignored", {cutShort, {.ignoresRange = true}}, {}, one, 0, 2, range, "\"v1\""},
+      {"206 from before", {cutShort, {.rangeShift = -10}}, {}, one, 0, 3},
+      {"206 from behind", {cutShort, {.rangeShift = 10}}, {}, one, 0, 3},
+      {"206 from elsewhere, always",
+       {},
+       {.rangeShift = 10, .closeAfter = cut},
+       {},
+       CURLE_RANGE_ERROR,
+       10,
+       range,
+       "\"v1\""},
+      {"206 with another total", {cutShort, {.contentRange = "bytes 100000-299999/300001"}}, {}, one, 0, 3},
+      {"206 with no total", {cutShort, {.contentRange = "bytes 100000-299999/*"}}, {}, one, 0, 3},
+      {"206 with no range", {cutShort, {.contentRange = ""}}, {}, one, 0, 3},
+      {"206 unasked", {}, {.status = 206}, {}, CURLE_RANGE_ERROR, 5},
+      {"416 unasked", {}, {.status = 416}, {}, 416, 1},
+      {"416 without reason", {cutShort, {.status = 416}}, {}, one, 0, 3},
+  };
+}
+
+class TransferFaultTest : public testing::TestWithParam<Row> {};
+
+TEST_P(TransferFaultTest, EndsWithTheWholeFileOrAnError) {
+  const Row& row = GetParam();
+  FaultServer server;
+  server.serve("/file", ServedFile::of(versionOne()), row.replies, row.afterwards);
+  Harness harness;
+  harness.start();
+
+  const auto task = harness.download(server.url("/file"));
+  const Heard heard = harness.listener->waitForEnd(task->taskIdentifier());
+
+  EXPECT_EQ(heard.error ? heard.error->code() : 0, row.errorCode) << (heard.error ? heard.error->description() : "");
+  EXPECT_EQ(heard.file, row.file);
+  EXPECT_TRUE(heard.inOrder);
+  if (row.file) {
+    EXPECT_EQ(heard.total, static_cast<int64_t>(row.file->size()));
+  }
+  EXPECT_EQ(task->state(), NSURLSessionTaskState::completed);
+  EXPECT_EQ(harness.filesLeft(), 0U);
+  const auto requests = server.requests();
+  EXPECT_EQ(requests.size(), row.requests);
+  EXPECT_EQ(requests.back().header("range"), row.lastRange);
+  EXPECT_EQ(requests.back().header("if-range"), row.lastIfRange);
+  EXPECT_EQ(requests.back().header("accept-encoding"), "");
+  EXPECT_TRUE(requests.back().header("user-agent").starts_with("tarn/"));
+}
+
+std::string testName(const testing::TestParamInfo<Row>& info) {
+  std::string name = info.param.name;
+  std::erase_if(name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); });
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Server, TransferFaultTest, testing::ValuesIn(rows()), testName);
+
+TEST(TransferConnectionTest, RefusedConnectionsAreTriedAgain) {
+  const uint16_t port = FaultServer::closedPort();
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/file";
+  Harness harness;
+  harness.start();
+  const Heard refused = harness.listener->waitForEnd(harness.download(url)->taskIdentifier());
+  ASSERT_TRUE(refused.error);
+  EXPECT_EQ(refused.error->code(), CURLE_COULDNT_CONNECT);
+
+  harness.stop();
+  harness.options.maximumTries = 1000;
+  harness.start();
+  const auto task = harness.download(url);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(harness.listener->heard(task->taskIdentifier()).ends, 0);
+  FaultServer server(port);
+  server.serve("/file", ServedFile::of(versionOne()));
+  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, versionOne());
+}
+
+TEST(TransferConnectionTest, TransfersRunSideBySideAndReportInModeration) {
+  FaultServer server;
+  Harness harness;
+  harness.start();
+  std::vector<int64_t> identifiers;
+  for (unsigned i = 0; i < 8; ++i) {
+    const std::string path = "/" + std::to_string(i);
+    server.serve(path, ServedFile::of(randomBytes(size, i)), {}, {.bytesPerSecond = 2 * size});
+    identifiers.push_back(harness.download(server.url(path))->taskIdentifier());
+  }
+  const auto began = std::chrono::steady_clock::now();
+  for (unsigned i = 0; i < 8; ++i) {
+    const Heard heard = harness.listener->waitForEnd(identifiers[i]);
+    EXPECT_EQ(heard.file, randomBytes(size, i));
+    EXPECT_TRUE(heard.inOrder);
+    EXPECT_EQ(heard.expected, static_cast<int64_t>(size));
+    EXPECT_GE(heard.reports, 3);
+    EXPECT_LE(heard.reports, 8);  // half a second
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
+}
+
+TEST(TransferConnectionTest, WhatCannotBeFetchedMakesNoTask) {
+  Harness harness;
+  harness.start();
+  for (const char* url : {"ftp://127.0.0.1/x", "file:///etc/passwd", "http://", "x", "", "http://127.0.0.1/\xff"}) {
+    EXPECT_THROW(harness.session->downloadTask(url, ""), URLError) << url;
+  }
+  EXPECT_THROW(harness.service->makeBackgroundSession("downloads", harness.listener), URLError);
+  EXPECT_TRUE(harness.service->storedTaskDescriptions().empty());
+}
+
+/// A disk on which parts cannot grow beyond some size, or cannot be flushed.
+class FullDisk : public ForwardingFileManager {
+ public:
+  FullDisk(FileManager& base, uint64_t capacity, bool flushes)
+      : ForwardingFileManager(base), capacity_(capacity), flushes_(flushes) {}
+
+  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
+    auto handle = ForwardingFileManager::open(path, mode);
+    if (path.extension() != ".part") return handle;
+    return std::make_unique<Handle>(std::move(handle), capacity_, flushes_);
+  }
+
+ private:
+  class Handle : public ForwardingFileHandle {
+   public:
+    Handle(std::unique_ptr<FileHandle> handle, uint64_t capacity, bool flushes)
+        : ForwardingFileHandle(std::move(handle)), capacity_(capacity), flushes_(flushes) {}
+    void write(ByteView bytes) override {
+      const uint64_t room = capacity_ - std::min(capacity_, offset());
+      base().write(bytes.first(std::min<uint64_t>(room, bytes.size())));
+      if (room < bytes.size()) throw PosixError(ENOSPC, "write");
+    }
+    void synchronize() override {
+      if (!flushes_) throw PosixError(EIO, "flush");
+      base().synchronize();
+    }
+
+   private:
+    const uint64_t capacity_;
+    const bool flushes_;
+  };
+
+  const uint64_t capacity_;
+  const bool flushes_;
+};
+
+TEST(TransferDiskTest, ADiskThatFailsEndsTheTransfer) {
+  FaultServer server;
+  server.serve("/file", ServedFile::of(versionOne()));
+  const std::vector<std::pair<uint64_t, int>> disks = {{cut, ENOSPC}, {2 * size, EIO}};
+  for (const auto& [capacity, errnum] : disks) {
+    Harness harness;
+    FullDisk disk(harness.disk(), capacity, errnum != EIO);
+    harness.start(disk, harness.directory());
+    const Heard heard = harness.listener->waitForEnd(harness.download(server.url("/file"))->taskIdentifier());
+    ASSERT_TRUE(heard.error);
+    EXPECT_EQ(heard.error->domain(), "NSPOSIXErrorDomain");
+    EXPECT_EQ(heard.error->code(), errnum);
+    EXPECT_FALSE(heard.file);
+    EXPECT_EQ(harness.filesLeft(), 0U);
+    harness.stop();
+  }
+  EXPECT_EQ(server.requests().size(), 2U);
+}
+
+TEST(TransferRangeTest, ContentRangesThatCannotBeAreNoRanges) {
+  for (const char* text :
+       {"", "bytes", "bytes 0-9", "bytes 5-4/10", "bytes 0-10/10", "bytes -1-5/10", "bytes 0-/10", "items 0-9/10",
+        "bytes 0-9/9223372036854775808", "bytes 0-99999999999999999999/*", "bytes 0-9/10, 10-19/20", "bytes 0-9/1 0"}) {
+    EXPECT_FALSE(ContentRange::parse(text)) << text;
+  }
+  EXPECT_EQ(ContentRange::parse("bytes */10")->total, 10U);
+}
+
+TEST(TransferRangeTest, AFileModifiedInTheSecondOfTheResponseHasNoValidator) {
+  ResponseHead head;
+  head.lastModified = head.date = "Tue, 01 Jul 2025 10:00:00 GMT";
+  EXPECT_EQ(head.validator(), "");
+  head.date = "Tue, 01 Jul 2025 10:00:01 GMT";
+  EXPECT_EQ(head.validator(), head.lastModified);
+}
+
+}  // namespace
+}  // namespace tarn::test

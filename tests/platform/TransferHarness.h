@@ -1,0 +1,170 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "platform/Error.h"
+#include "platform/host/AsioDispatch.h"
+#include "platform/host/CurlURLSession.h"
+#include "platform/host/PosixFileManager.h"
+
+namespace tarn::test {
+
+/// Bytes that differ from one seed to another at nearly every place.
+inline Bytes randomBytes(size_t count, unsigned seed) {
+  std::mt19937 generator(seed);
+  Bytes bytes(count);
+  for (auto& byte : bytes) byte = static_cast<uint8_t>(generator());
+  return bytes;
+}
+
+/// What a delegate has heard of one task.
+struct Heard {
+  std::optional<Bytes> file;
+  std::optional<Error> error;
+  int64_t total = -1;  ///< of the last didWriteData
+  int64_t expected = -1;
+  int reports = 0;
+  int finishes = 0;
+  int ends = 0;
+  bool inOrder = true;
+};
+
+/// Listens and remembers. The hooks run on the delegate queue, before the event is noted.
+class Listener : public NSURLSessionDownloadDelegate {
+ public:
+  explicit Listener(FileManager& files) : files_(files) {}
+
+  std::function<void(NSURLSessionDownloadTask&)> onWrite = [](auto&) {};
+  std::function<void(NSURLSessionDownloadTask&, const Path&)> onFinish = [](auto&, auto&) {};
+
+  void urlSessionDidWriteData(const TaskPointer& task, int64_t, int64_t total, int64_t expected) override {
+    onWrite(*task);
+    note(task, [&](Heard& heard) {
+      heard.inOrder &= heard.finishes == 0 && heard.ends == 0;
+      heard.total = total;
+      heard.expected = expected;
+      ++heard.reports;
+    });
+  }
+
+  void urlSessionDidFinishDownloading(const TaskPointer& task, const Path& location) override {
+    onFinish(*task, location);
+    note(task, [&](Heard& heard) {
+      heard.inOrder &= heard.finishes == 0 && heard.ends == 0 && heard.reports > 0;
+      heard.file = readFile(files_, location);
+      ++heard.finishes;
+    });
+  }
+
+  void urlSessionDidComplete(const TaskPointer& task, const std::optional<Error>& error) override {
+    note(task, [&](Heard& heard) {
+      heard.inOrder &= heard.ends == 0 && heard.finishes == (error ? 0 : 1);
+      heard.error = error;
+      ++heard.ends;
+    });
+  }
+
+  /// Waits until `isEnough` of a task; throws when that takes too long.
+  Heard waitFor(int64_t taskIdentifier, const std::function<bool(const Heard&)>& isEnough) {
+    std::unique_lock lock(mutex_);
+    const bool came =
+        changed_.wait_for(lock, std::chrono::seconds(20), [&] { return isEnough(heard_[taskIdentifier]); });
+    if (!came) throw std::runtime_error("waited too long for a transfer's event");
+    return heard_[taskIdentifier];
+  }
+  Heard waitForEnd(int64_t taskIdentifier) {
+    return waitFor(taskIdentifier, [](const Heard& heard) { return heard.ends > 0; });
+  }
+  Heard heard(int64_t taskIdentifier) {
+    std::lock_guard guard(mutex_);
+    return heard_[taskIdentifier];
+  }
+
+ private:
+  void note(const TaskPointer& task, const std::function<void(Heard&)>& change) {
+    {
+      std::lock_guard guard(mutex_);
+      change(heard_[task->taskIdentifier()]);
+      tasks_[task->taskIdentifier()] = task;
+    }
+    changed_.notify_all();
+  }
+
+  FileManager& files_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<int64_t, Heard> heard_;
+  std::map<int64_t, TaskPointer> tasks_;
+
+ public:
+  TaskPointer task(int64_t taskIdentifier) {
+    std::lock_guard guard(mutex_);
+    return tasks_[taskIdentifier];
+  }
+};
+
+/// A directory, and on it one process after another: a service, its session and its delegate.
+class Harness {
+ public:
+  Harness() : root_(std::filesystem::temp_directory_path() / ("tarn-transfers-" + makeUUID())), disk_(root_) {
+    options.initialPause = std::chrono::milliseconds(2);
+    options.maximumPause = std::chrono::milliseconds(10);
+    options.stallTime = std::chrono::milliseconds(250);
+    options.maximumTries = 5;
+  }
+  ~Harness() {
+    stop();
+    std::filesystem::remove_all(root_);
+  }
+  Harness(const Harness&) = delete;
+  Harness& operator=(const Harness&) = delete;
+
+  CurlURLSessionOptions options;
+  std::shared_ptr<Listener> listener;
+  std::unique_ptr<CurlURLSessionService> service;
+  std::unique_ptr<NSURLSession> session;
+
+  FileManager& disk() { return disk_; }
+  Path directory() const { return root_ / "Transfers"; }
+  Path part(int64_t taskIdentifier) const { return directory() / (std::to_string(taskIdentifier) + ".part"); }
+
+  void start() { start(disk_, directory()); }
+  void start(FileManager& files, const Path& directory) {
+    if (!listener) listener = std::make_shared<Listener>(disk_);
+    service = std::make_unique<CurlURLSessionService>(files, dispatch_, directory, options);
+    session = service->makeBackgroundSession("downloads", listener);
+  }
+
+  /// As far as transfers can tell, the death of the process.
+  void stop() {
+    session.reset();
+    service.reset();
+    listener.reset();
+  }
+
+  std::shared_ptr<NSURLSessionDownloadTask> download(const std::string& url) {
+    auto task = session->downloadTask(url, "description of " + url);
+    task->resume();
+    return task;
+  }
+
+  /// Names in the transfers' directory.
+  size_t filesLeft() { return disk_.contentsOfDirectory(directory()).size(); }
+
+ private:
+  const Path root_;
+  PosixFileManager disk_;
+  AsioDispatch dispatch_;
+};
+
+}  // namespace tarn::test
