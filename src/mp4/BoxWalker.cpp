@@ -95,7 +95,7 @@ class HeaderStep {
 
   std::optional<BoxHeader> take(BoxWalkStop& stop) {
     if (auto reason = whatEndsTheWalk()) {
-      stop = {*reason, header_.size, header_.type};
+      stop = {*reason, header_.offset, header_.size, header_.type};
       return std::nullopt;
     }
     return std::move(header_);

@@ -71,6 +71,7 @@ inline constexpr P tracks              {P::EndRule::beginsInside,    P::SizeZero
 inline constexpr P buffer              {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::asciiOrEnd, P::Overrun::isYielded, {}};
 inline constexpr P bufferDeep          {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::asciiOrEnd, P::Overrun::isYielded, containerTypes};
 inline constexpr P sampleEntryChildren {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::namedOrEnd, P::Overrun::endsWalk,  {}};
+inline constexpr P openChildren        {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P protectionChildren  {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P topLevelScan        {P::EndRule::beginsInside,    P::SizeZero::reachesEndOfFile,  P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P movieBuffer         {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
@@ -90,8 +91,9 @@ struct BoxWalkStop {
     overrun,     ///< a box that reaches over the end, where the policy rules that out
   };
   Reason reason = Reason::endOfLevel;
-  uint64_t size = 0;  ///< as the header has it, for the last three
-  std::string type;   ///< as decoded, for the last three
+  uint64_t offset = 0;  ///< where the next header would have begun
+  uint64_t size = 0;    ///< as the header has it, for the last three
+  std::string type;     ///< as decoded, for the last three
 };
 
 /// Walks boxes of a file, one level, from `start` on; a box may begin anywhere ahead of `limit`. Each step reads one

@@ -167,7 +167,8 @@ void MP4SampleTableParser::buildLookupTables() {
     uint64_t first = sampleToChunk_[row].firstChunk;
     bool isLast = row + 1 == sampleToChunk_.size();
     uint64_t next = isLast ? chunkOffsets_.size() + 1 : sampleToChunk_[row + 1].firstChunk;
-    if (next < first) throw sampleTableError("stsc rows are out of order");
+    bool describesNothing = isLast && chunkStartSampleIndex_.size() == chunkOffsets_.size();
+    if (next < first && !describesNothing) throw sampleTableError("stsc rows are out of order");
     for (uint64_t chunk = first; chunk < next && chunkStartSampleIndex_.size() < chunkOffsets_.size(); ++chunk) {
       int64_t count = sampleToChunk_[row].samplesPerChunk;
       chunkStartSampleIndex_.push_back(sample);

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <initializer_list>
-#include <memory>
 #include <utility>
 
 #include "mp4/BoxWalker.h"
@@ -9,6 +8,7 @@
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/OpenFile.h"
 #include "remux/VisualSampleEntry.h"
 
 namespace tarn {
@@ -18,20 +18,6 @@ constexpr size_t codecTagRead = 512;
 constexpr size_t readBehindEntry = 1040;
 constexpr size_t entryInContents = stsdEntriesInBox - 8;
 constexpr uint64_t smallestAvcC = 15;
-
-MP4RemuxError fileHandleError(const std::string& description) {
-  return MP4RemuxError::ioError(Error("FileHandle", -1, description));
-}
-
-/// Opens a file that must exist.
-std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& fileURL, OpenMode mode, const char* refusal) {
-  if (!files.fileExists(fileURL)) throw MP4RemuxError::fileNotFound();
-  try {
-    return files.open(fileURL, mode);
-  } catch (const PosixError&) {
-    throw fileHandleError(refusal);
-  }
-}
 
 std::optional<MP4BoxInfo> findDirectChild(FileHandle& file, const MP4BoxInfo& container, std::string_view type) {
   file.seek(container.contentOffset());

@@ -1,10 +1,16 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "mp4/MP4BoxUtils.h"
+#include "pipeline/CancellationToken.h"
+#include "pipeline/RemuxTimingHelper.h"
+#include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
@@ -27,6 +33,51 @@ class MP4Remuxer {
   /// there is no such `avcC`. Throws fileNotFound, ioError, corruptedMP4 and, for another codec, unsupportedFormat.
   /// `codecTag` is what the caller found; the tag is read again.
   static bool remuxAVCTag(FileManager& files, const Path& fileURL, std::string_view codecTag);
+
+  // --- Parameter sets out of the bitstream (ISO/IEC 14496-15 5.3.3, 8.3.3) ---
+
+  /// Takes the parameter sets out of the samples, puts a complete configuration box into the video track's first
+  /// sample entry, whatever box was there, and replaces the file; no sample byte changes. For AVC the tag repair is
+  /// tried first and, where it does, is all. An empty `timings` becomes a record of zeros and is filled. The token,
+  /// which may be null, is looked at before the scan, before the `moov` is edited and before the file is written.
+  ///
+  /// Throws CancellationError; MP4RemuxError: fileNotFound, writeError where the temporary directory's file system has
+  /// not more than twice the file's size free, corruptedMP4, unsupportedFormat for another codec and for a stream whose
+  /// configuration changes in mid-stream, ioError; NALUnitParserError, ConfigurationBoxError, and what the sample
+  /// table parser throws.
+  static void remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
+                                               const CancellationToken* cancellationToken,
+                                               std::optional<RemuxTimings>& timings);
+  static void remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view codecTag,
+                                              const CancellationToken* cancellationToken,
+                                              std::optional<RemuxTimings>& timings);
+
+  /// The `moov` with the box as the first child of the video track's first sample entry, and the entry's tag "hvc1"
+  /// ("encv" stays; its `frma` says "hvc1") or "avc1". Older configuration boxes and what stands behind a damaged child
+  /// are left out. Throws ByteArrayError, corruptedMP4 and unsupportedFormat. `moov` has an 8-byte header, here and
+  /// below.
+  static Bytes injectHvcCBoxIntoMoov(ByteView moovData, ByteView hvcCBox);
+  static Bytes injectAvcCBoxIntoMoov(ByteView moovData, ByteView avcCBox);
+
+  /// Where the `stsd` of a `trak` begins. Throws corruptedMP4 that names the box that is missing.
+  static size_t findStsdOffsetInTrak(ByteView moovData, size_t trakOffset);
+
+  /// Adds the change to the sizes of the boxes from the `stsd` of a `trak` up to the `moov`. To be called when the
+  /// bytes behind the `stsd` header have been changed already. Throws corruptedMP4 where a size does not fit 32 bits.
+  static void updateParentBoxSizes(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset);
+
+  /// A `sinf` box whose `frma` names the codec, a four-character code (ISO/IEC 14496-12 8.12.2); its length stays.
+  static Bytes updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec);
+
+  // --- Rewrite ---
+
+  /// Writes the file anew in the temporary directory, its top-level boxes in their order and `newMoovData` in the place
+  /// of the `moov` at `moovBox`, and replaces it in one step. Chunk offsets in `newMoovData`, which are those of the
+  /// source, are corrected for media that move. `fileHandle` is the source, open for reading; it is closed before the
+  /// replace. On failure the source is as it was and no temporary file is left. Throws writeError, corruptedMP4,
+  /// ioError and PosixError.
+  static void writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
+                             Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings);
 };
 
 }  // namespace tarn

@@ -20,19 +20,23 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
-void remuxAVC(ProcessingRun& run, const std::string& tag) {
-  log("Remuxing AVC video (codec: {})...", tag);
+void remux(ProcessingRun& run, std::string_view codec, const std::string& tag) {
+  log("Remuxing {} video (codec: {})...", codec, tag);
   run.timer.start();
+  std::optional<RemuxTimings> timings = RemuxTimings();
   try {
-    if (!MP4Remuxer::remuxAVCTag(run.files, run.fileURL, tag)) {
-      logLine("AVC: the parameter sets of the sample entry are left as they are");
+    if (codec == "HEVC") {
+      MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings);
+    } else {
+      MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, tag, run.token.get(), timings);
     }
   } catch (const Error& error) {
-    log("ERROR during AVC remuxing: {}", error.description());
+    log("ERROR during {} remuxing: {}", codec, error.description());
     throw;
   }
   run.timings.hevcRemuxTotal = run.timer.stop();
-  logLine("AVC remuxing completed");
+  if (timings) run.timings.hevcRemuxing = *timings;
+  log("{} remuxing completed", codec);
 }
 
 }  // namespace
@@ -42,10 +46,10 @@ void RemuxStep::run(ProcessingRun& run) {
   run.updateProcessingStage(ProcessingStage::remuxing);
   if (auto tag = detectCodec(run)) {
     log("Detected video codec in continueProcessing: {}", *tag);
-    if (*tag == "avc1" || *tag == "avc3") {
-      remuxAVC(run, *tag);
-    } else if (*tag == "hev1" || *tag == "hvc1") {
-      log("HEVC: the parameter sets of the sample entry are left as they are (codec: {})", *tag);
+    if (*tag == "hev1" || *tag == "hvc1") {
+      remux(run, "HEVC", *tag);
+    } else if (*tag == "avc1" || *tag == "avc3") {
+      remux(run, "AVC", *tag);
     } else {
       log("Codec {} does not require remuxing", *tag);
     }

@@ -42,7 +42,7 @@ Bytes avcC(size_t size) {
 }
 
 TEST_F(CodecTag, RealAvc3FileChangesInFourBytesAndPlays) {
-  Path original = avcVideo();
+  Path original = encodedVideo({});
   BoxEditor damaged(readFile(files_, original));
   size_t entry = damaged.at("moov/trak/mdia/minf/stbl/stsd/avc1").offset;
   damaged.rename("moov/trak/mdia/minf/stbl/stsd/avc1", "avc3");

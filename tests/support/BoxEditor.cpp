@@ -1,7 +1,6 @@
 #include "support/BoxEditor.h"
 
 #include <algorithm>
-#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -24,20 +23,21 @@ std::string_view parentOf(std::string_view path) {
 
 }  // namespace
 
-BoxEditor::Found BoxEditor::at(std::string_view path) const {
-  size_t begin = 0, end = bytes.size();
-  for (std::string_view rest = path;;) {
-    std::string_view type = rest.substr(0, 4);
-    std::optional<Found> found;
-    for (size_t p = begin; p + 8 <= end && !found; p += std::max<size_t>(field(p), 8)) {
-      if (textOf(ByteView(bytes).subspan(p + 4, 4)) == type) found = {p, field(p)};
-    }
-    if (!found) throw std::runtime_error("no " + std::string(path));
-    if (rest.size() <= 5) return *found;
-    rest.remove_prefix(5);
-    begin = found->offset + childrenBegin(type);
-    end = found->end();
+std::optional<BoxEditor::Found> BoxEditor::find(std::string_view path, size_t begin, size_t end) const {
+  std::string_view type = path.substr(0, 4);
+  for (size_t p = begin; p + 8 <= end; p += std::max<size_t>(field(p), 8)) {
+    if (textOf(ByteView(bytes).subspan(p + 4, 4)) != type) continue;
+    Found box{p, field(p)};
+    if (path.size() == type.size()) return box;
+    if (auto inside = find(path.substr(5), p + childrenBegin(type), box.end())) return inside;
   }
+  return std::nullopt;
+}
+
+BoxEditor::Found BoxEditor::at(std::string_view path) const {
+  auto found = find(path, 0, bytes.size());
+  if (!found) throw std::runtime_error("no " + std::string(path));
+  return *found;
 }
 
 Bytes BoxEditor::get(std::string_view path) const {

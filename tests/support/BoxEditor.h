@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -22,8 +23,8 @@ class BoxEditor {
     size_t end() const { return offset + size; }
   };
 
-  /// The first box on a path from the top level, "moov/trak/mdia"; a path goes on behind an `stsd` and a visual sample
-  /// entry ("moov/trak/mdia/minf/stbl/stsd/avc1/avcC"). Throws when there is none.
+  /// The first box at the end of a path from the top level, "moov/trak/mdia"; a path goes on behind an `stsd` and a
+  /// visual sample entry ("moov/trak/mdia/minf/stbl/stsd/avc1/avcC"). Throws when there is none.
   Found at(std::string_view path) const;
 
   /// The box's bytes.
@@ -42,6 +43,7 @@ class BoxEditor {
   void insert(std::string_view parentPath, size_t offset, const Bytes& box);
 
  private:
+  std::optional<Found> find(std::string_view path, size_t begin, size_t end) const;
   void resizeParents(std::string_view path, int64_t delta);
 };
 

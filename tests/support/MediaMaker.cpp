@@ -32,15 +32,13 @@ std::string commandLine(const std::vector<std::string>& command) {
   return line;
 }
 
-std::vector<std::string> pictures(int seconds, const std::vector<std::string>& encoder) {
-  std::vector<std::string> arguments = {
-      "-f", "lavfi", "-i", "testsrc2=size=192x144:rate=25", "-t", std::to_string(seconds)};
-  arguments.insert(arguments.end(), encoder.begin(), encoder.end());
-  return arguments;
-}
-
-std::string withoutLog(const std::string& parameters) {
-  return parameters.empty() ? "log-level=none" : parameters + ":log-level=none";
+std::string withoutComments(const std::string& text) {
+  std::istringstream lines(text);
+  std::string result;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with('#')) result += line + "\n";
+  }
+  return result;
 }
 
 }  // namespace
@@ -72,15 +70,18 @@ Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& 
   return file;
 }
 
-Path avcVideo(const std::string& x264Parameters, int seconds) {
-  std::vector<std::string> encoder = {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast"};
-  if (!x264Parameters.empty()) encoder.insert(encoder.end(), {"-x264-params", x264Parameters});
-  return madeByFFmpeg(pictures(seconds, encoder));
-}
-
-Path hevcVideo(const std::string& x265Parameters, int seconds) {
-  return madeByFFmpeg(pictures(seconds, {"-c:v", "libx265", "-pix_fmt", "yuv420p", "-preset", "ultrafast", "-tag:v",
-                                         "hvc1", "-x265-params", withoutLog(x265Parameters)}));
+Path encodedVideo(const VideoRecipe& recipe) {
+  bool isAVC = recipe.codec == "libx264";
+  std::vector<std::string> arguments = {"-f", "lavfi", "-i", "testsrc2=size=" + recipe.size + ":rate=25"};
+  // Sound, if there is any, is a second input and its own options.
+  arguments.insert(arguments.end(), recipe.more.begin(), recipe.more.end());
+  arguments.insert(arguments.end(), {"-t", std::to_string(recipe.seconds), "-c:v", recipe.codec, "-pix_fmt",
+                                     recipe.pixelFormat, "-preset", "ultrafast"});
+  arguments.insert(arguments.end(), isAVC ? std::initializer_list<std::string>{"-x264-params", "bframes=2"}
+                                          : std::initializer_list<std::string>{"-x265-params", "log-level=none"});
+  if (!recipe.parameters.empty()) arguments.back() += ":" + recipe.parameters;
+  if (!isAVC) arguments.insert(arguments.end(), {"-tag:v", "hev1"});
+  return madeByFFmpeg(arguments);
 }
 
 std::string probeVideo(const Path& file, const std::string& entry) {
@@ -95,12 +96,12 @@ std::string decoderComplaints(const Path& file) {
 
 std::string frameHashes(const Path& file) {
   auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-f", "framemd5", "-"});
-  std::istringstream lines(result.output);
-  std::string hashes;
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with('#')) hashes += line + "\n";
-  }
-  return hashes;
+  return withoutComments(result.output);
+}
+
+std::string sampleHashes(const Path& file) {
+  auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0", "-c", "copy", "-f", "framemd5", "-"});
+  return withoutComments(result.output);
 }
 
 }  // namespace tarn::test

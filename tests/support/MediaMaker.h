@@ -13,10 +13,17 @@ namespace tarn::test {
 /// temporary directory, one for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
 Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending = ".mp4");
 
-/// Small test pictures, one recipe for each codec: `seconds` of 25 frames a second at 192x144 with B-frames, the
-/// encoder's own parameters added ("keyint=25:repeat-headers=1").
-Path avcVideo(const std::string& x264Parameters = "", int seconds = 2);
-Path hevcVideo(const std::string& x265Parameters = "", int seconds = 2);
+/// Small moving pictures, encoded as asked: `codec` is "libx264" or "libx265", `parameters` are the encoder's own
+/// ("keyint=25:repeat-headers=1"), `more` is what else ffmpeg shall do.
+struct VideoRecipe {
+  std::string codec = "libx264";
+  std::string parameters = "";
+  std::string pixelFormat = "yuv420p";
+  std::string size = "192x144";
+  int seconds = 2;  ///< of 25 frames
+  std::vector<std::string> more = {};
+};
+Path encodedVideo(const VideoRecipe& recipe);
 
 /// What the child process says on its standard output and its standard error, and how it left.
 struct ProcessResult {
@@ -33,5 +40,8 @@ std::string decoderComplaints(const Path& file);
 
 /// One line for each decoded frame of the first video stream: timestamps and hash.
 std::string frameHashes(const Path& file);
+
+/// One line for each sample of all streams: timestamps, size and hash of its bytes.
+std::string sampleHashes(const Path& file);
 
 }  // namespace tarn::test

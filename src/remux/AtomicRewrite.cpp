@@ -1,0 +1,228 @@
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "mp4/BoxWalker.h"
+#include "mp4/ChunkOffsetTable.h"
+#include "mp4/MP4RemuxError.h"
+#include "platform/Log.h"
+#include "platform/TempFile.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/OpenFile.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t copyChunk = 0xA00000;
+constexpr uint64_t longestHeader = 16;
+constexpr uint64_t progressConstant = 0x138800000;
+
+/// Adds the time of its scope to a total.
+class Stopwatch {
+ public:
+  explicit Stopwatch(double& total) : total_(total) {}
+  ~Stopwatch() { total_ += timer_.stop(); }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+
+ private:
+  double& total_;
+  TimingHelper timer_;
+};
+
+struct MediaLayout {
+  std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
+  bool isMdatBehindMoov = false;
+};
+
+MediaLayout findMediaLayout(FileHandle& source, const MP4BoxInfo& moov) {
+  MediaLayout layout;
+  FileBoxWalker walker(source, 0, source.seekToEnd(), boxwalk::topLevel);
+  while (auto box = walker.next()) {
+    if (box->type != "mdat") continue;
+    if (!layout.firstMdat) layout.firstMdat = box->offset;
+    layout.isMdatBehindMoov = box->offset > moov.offset;
+    if (layout.isMdatBehindMoov) break;
+  }
+  return layout;
+}
+
+/// Which chunk offsets the new size of the `moov` makes wrong. Where media lie on both sides of it, those of the media
+/// ahead stay right.
+ChunkOffsetShift offsetShift(const MediaLayout& layout, const MP4BoxInfo& moov, int64_t delta) {
+  bool isMoovFirst = layout.firstMdat && moov.offset < *layout.firstMdat;
+  bool isBetween = !isMoovFirst && layout.isMdatBehindMoov;
+  log("Box layout: moov at {}, first mdat at {}", moov.offset,
+      layout.firstMdat ? std::to_string(*layout.firstMdat) : "not found");
+  log("Chunk offset adjustment: {} (moov {} mdat)", layout.isMdatBehindMoov ? "REQUIRED" : "NOT REQUIRED",
+      isMoovFirst ? "before"
+      : isBetween ? "between"
+                  : "after");
+  if (!layout.isMdatBehindMoov) return {};
+  return {.delta = delta, .movesFrom = isMoovFirst ? 0 : moov.end()};
+}
+
+void adjustOffsets(std::span<uint8_t> newMoov, const ChunkOffsetShift& shift, int64_t delta) {
+  if (delta == 0) return;
+  if (shift.delta == 0) {
+    logLine("Skipping chunk offset adjustment (moov after mdat, offsets unchanged)");
+    return;
+  }
+  log("Adjusting chunk offsets (moov precedes mdat, delta: {})", shift.delta);
+  log("Adjusting chunk offsets by {} bytes...", shift.delta);
+  ChunkOffsetTable::adjustAllInMoov(newMoov, shift);
+  logLine("Chunk offset adjustment complete");
+}
+
+/// Tells of an `mdat` copy at every 10 percent, and more often where the box is big.
+class CopyProgress {
+ public:
+  explicit CopyProgress(uint64_t size)
+      : size_(size), step_(size > progressConstant ? 1 : std::min<uint64_t>(10, progressConstant / size)) {}
+
+  void report(uint64_t written) {
+    auto percent = static_cast<uint64_t>(static_cast<double>(written) * 100 / static_cast<double>(size_));
+    if (percent < last_ + step_) return;
+    log("Remuxing progress: {}% ({}MB / {}MB)", percent, written >> 20, size_ >> 20);
+    last_ = percent;
+  }
+
+ private:
+  uint64_t size_;
+  uint64_t step_;
+  uint64_t last_ = 0;
+};
+
+/// Writes the new file: the source's top-level boxes in their order, the new `moov` in the place of the old.
+class BoxCopier {
+ public:
+  BoxCopier(FileHandle& source, FileHandle& target, RemuxTimings& timings)
+      : source_(source), target_(target), timings_(timings) {}
+
+  void copy(const MP4BoxInfo& moov, ByteView newMoov) {
+    uint64_t fileSize = source_.seekToEnd();
+    FileBoxWalker walker(source_, 0, fileSize, boxwalk::topLevel);
+    while (auto box = walker.next()) {
+      if (box->offset == moov.offset) {
+        writeMoov(newMoov, moov.size);
+      } else if (box->type == "mdat") {
+        copyMdat(*box);
+      } else if (box->size <= copyChunk) {
+        copySmall(*box);
+      } else {
+        copyLarge(*box);
+      }
+    }
+    requireWhole(walker.stop(), fileSize);
+  }
+
+ private:
+  /// A tail that is too short for a header is left out; nothing else is.
+  static void requireWhole(const BoxWalkStop& stop, uint64_t fileSize) {
+    using Reason = BoxWalkStop::Reason;
+    if (stop.reason == Reason::badSize) {
+      throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
+    }
+    if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
+      throw fileHandleError("Cannot read box header");
+    }
+  }
+
+  void writeMoov(ByteView newMoov, uint64_t oldSize) {
+    Stopwatch watch(timings_.writeMoov);
+    target_.write(newMoov);
+    log("Wrote adjusted moov box ({} bytes, original: {} bytes)", newMoov.size(), oldSize);
+  }
+
+  void copyMdat(const BoxHeader& box) {
+    Stopwatch watch(timings_.writeMdat);
+    CopyProgress progress(box.size);
+    copyInChunks(box, "Failed to copy mdat", [&](uint64_t written) { progress.report(written); });
+    log("Wrote mdat box ({} bytes)", box.size);
+  }
+
+  void copySmall(const BoxHeader& box) {
+    Stopwatch watch(timings_.writeOtherBoxes);
+    Bytes bytes = readSmall(box);
+    if (bytes.empty()) {
+      log("WARNING: Failed to read {} box at offset {}", box.type, box.offset);
+      return;
+    }
+    target_.write(bytes);
+    log("Wrote {} box ({} bytes)", box.type, box.size);
+  }
+
+  Bytes readSmall(const BoxHeader& box) {
+    try {
+      source_.seek(box.offset);
+      return source_.read(static_cast<size_t>(box.size));
+    } catch (const PosixError&) {
+      return {};
+    }
+  }
+
+  void copyLarge(const BoxHeader& box) {
+    Stopwatch watch(timings_.writeOtherBoxes);
+    log("Streaming large {} box ({} bytes) in chunks...", box.type, box.size);
+    copyInChunks(box, "Failed to stream " + box.type + " box", [](uint64_t) {});
+    log("Wrote {} box ({} bytes) via streaming", box.type, box.size);
+  }
+
+  template <typename Report>
+  void copyInChunks(const BoxHeader& box, const std::string& refusal, Report report) {
+    source_.seek(box.offset);
+    for (uint64_t written = 0; written < box.size; report(written)) {
+      uint64_t copied = source_.copyRange(target_, std::min(copyChunk, box.size - written));
+      if (copied == 0) throw MP4RemuxError::writeError(refusal);
+      written += copied;
+    }
+  }
+
+  FileHandle& source_;
+  FileHandle& target_;
+  RemuxTimings& timings_;
+};
+
+std::unique_ptr<FileHandle> createTempFile(FileManager& files, const Path& path) {
+  try {
+    return files.open(path, OpenMode::exclusive);
+  } catch (const PosixError&) {
+    throw MP4RemuxError::writeError("Cannot create temp file");
+  }
+}
+
+}  // namespace
+
+void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
+                                Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings) {
+  RemuxTimings unused;
+  RemuxTimings& times = timings ? *timings : unused;
+  Path tempURL = files.temporaryDirectory() / (makeUUID() + ".mp4");
+  log("Writing temporary file: {}", tempURL.string());
+  int64_t delta = static_cast<int64_t>(newMoovData.size()) - static_cast<int64_t>(moovBox.size);
+  log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoovData.size(), delta);
+
+  TimingHelper timer;
+  ChunkOffsetShift shift = offsetShift(findMediaLayout(fileHandle, moovBox), moovBox, delta);
+  times.findBoxLayout = timer.stop();
+  timer.start();
+  adjustOffsets(newMoovData, shift, delta);
+  times.adjustChunkOffsets = timer.stop();
+
+  TempFile tempFile(files, tempURL);
+  auto target = createTempFile(files, tempURL);
+  BoxCopier(fileHandle, *target, times).copy(moovBox, newMoovData);
+  logLine("Finished writing all top-level boxes");
+
+  timer.start();
+  target->synchronize();
+  target->close();
+  fileHandle.close();
+  files.replaceItem(sourceFileURL, tempURL);
+  tempFile.keep();
+  times.syncAndReplace = timer.stop();
+  logLine("Atomic replace complete");
+}
+
+}  // namespace tarn

@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include "mp4/ChunkOffsetTable.h"
+#include "mp4/MoovCheck.h"
+#include "support/BoxBuilder.h"
+#include "support/LogCapture.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+
+Bytes movie(const Bytes& table1, const Bytes& table2) {
+  return box("moov", {trackBox("vide", {table1}), trackBox("soun", {table2})});
+}
+
+TEST(ChunkOffsets, MoveInAllTracks) {
+  LogCapture log;
+  const ChunkOffsetShift grown{.delta = 1000}, shrunk{.delta = -200}, behind{.delta = 10, .movesFrom = 500};
+  struct {
+    ChunkOffsetShift shift;
+    Bytes before, after;
+  } cases[] = {
+      {{.delta = 0}, fullBox("stco", {1, 5}), fullBox("stco", {1, 5})},
+      {grown, fullBox("stco", {2, 5, 4294967000}), fullBox("stco", {2, 1005, 4294967295})},
+      {grown, fullBox("co64", {1, 0, 4294967000}), fullBox("co64", {1, 1, 704})},
+      {shrunk, fullBox("stco", {2, 100, 200}), fullBox("stco", {2, 0, 0})},
+      {shrunk, fullBox("co64", {1, 0, 100}), fullBox("co64", {1, UINT32_MAX, UINT32_MAX - 99})},
+      {behind, fullBox("stco", {3, 100, 499, 500}), fullBox("stco", {3, 100, 499, 510})},
+      {grown, fullBox("stco", {10, 1, 2, 3}), fullBox("stco", {10, 1001, 1002, 1003})},
+      {grown, fullBox("co64", {UINT32_MAX, 0, 1, 0}), fullBox("co64", {UINT32_MAX, 0, 1001, 0})},
+      {grown, fullBox("stco", {}), fullBox("stco", {})},
+  };
+  for (const auto& c : cases) {
+    Bytes moov = movie(c.before, c.before);
+    ChunkOffsetTable::adjustAllInMoov(moov, c.shift);
+    EXPECT_EQ(moov, movie(c.after, c.after));
+  }
+  EXPECT_TRUE(log.contains("WARNING: stco offset overflow at entry 1: 4294967000 + 1000 = 4294968000, clamping"));
+  EXPECT_TRUE(log.contains("WARNING: stco offset overflow at entry 0: 100 + -200 = -100, clamping"));
+}
+
+TEST(MoovCheck, RefusesWhatABufferWalkWouldMiss) {
+  Bytes track = trackBox("soun", {fullBox("stsd", {0}), fullBox("stco", {0})});
+  Bytes good = box("moov", {box("mvhd"), box("udta", {boxClaiming(0, "free")}), track, longBox("udta")});
+  EXPECT_EQ(whatForbidsEditing(good), std::nullopt);
+  struct {
+    const char* what;
+    Bytes moov;
+  } cases[] = {
+      {"64-bit trak", box("moov", {longBox("trak", {mediaBox("vide")})})},
+      {"open trak", box("moov", {boxClaiming(0, "trak", {mediaBox("vide")})})},
+      {"trak behind a 64-bit box", box("moov", {longBox("udta"), track})},
+      {"trak behind a nameless box", box("moov", {box("\xFF\xFF\xFF\xFF"), track})},
+      {"trak over the end", box("moov", {boxClaiming(500, "trak", {mediaBox("vide")})})},
+      {"64-bit mdia", box("moov", {box("trak", {longBox("mdia")})})},
+      {"64-bit stco", box("moov", {trackBox("vide", {longBox("stco")})})},
+      {"stco over its end", box("moov", {trackBox("vide", {boxClaiming(100, "stco")}), box("free", {Bytes(200)})})},
+  };
+  for (const auto& c : cases) EXPECT_NE(whatForbidsEditing(c.moov), std::nullopt) << c.what;
+}
+
+}  // namespace
+}  // namespace tarn

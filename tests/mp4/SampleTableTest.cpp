@@ -1,0 +1,162 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "mp4/ByteArray.h"
+#include "mp4/DataExtensions.h"
+#include "mp4/MP4SampleTableParser.h"
+#include "mp4/SampleTableBuilders.h"
+#include "platform/host/PosixFileManager.h"
+#include "support/BoxBuilder.h"
+#include "support/LogCapture.h"
+#include "support/TempDirectory.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+using testing::ElementsAre;
+
+class SampleTable : public testing::Test {
+ protected:
+  MP4SampleTableParser parse(std::initializer_list<Bytes> boxes, size_t media = 1000) {
+    Bytes stbl = box("stbl", boxes);
+    writeFileAtomically(files_, directory_ / "table", joined({stbl, Bytes(media)}));
+    auto file = files_.open(directory_ / "table", OpenMode::reading);
+    MP4SampleTableParser table;
+    table.parseSampleTable(*file, {.size = stbl.size(), .type = "stbl"});
+    return table;
+  }
+
+  TempDirectory directory_;
+  PosixFileManager files_{directory_.path()};
+  LogCapture log_;
+
+  const Bytes stsz_ = fullBox("stsz", {0, 3, 10, 20, 30});
+  const Bytes stsc_ = fullBox("stsc", {2, 1, 2, 1, 2, 1, 1});
+  const Bytes stco_ = fullBox("stco", {2, 100, 500});
+};
+
+std::vector<uint64_t> offsetsOf(const std::vector<SampleInfo>& samples) {
+  std::vector<uint64_t> offsets;
+  for (const auto& sample : samples) offsets.push_back(sample.fileOffset);
+  return offsets;
+}
+
+TEST_F(SampleTable, FindsEachSample) {
+  auto table = parse({stsz_, stsc_, stco_});
+  EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(100, 110, 500));
+  EXPECT_EQ(table.sampleInfo(1), (SampleInfo{1, 110, 20, true}));
+  EXPECT_EQ(table.syncSamplesOnly(), table.allSamples()) << "without an stss all are sync samples";
+  EXPECT_THAT(table.cumulativeSampleSizes(), ElementsAre(0, 10, 30, 60));
+  EXPECT_THAT(table.chunkStartSampleIndex(), ElementsAre(0, 2));
+  EXPECT_THAT(table.samplesInChunk(), ElementsAre(2, 1));
+  EXPECT_THROW(table.sampleInfo(3), Error);
+  EXPECT_THROW(table.sampleInfo(-1), Error);
+
+  // A chunk may be empty, stco wins over co64, stsz may be compact, a last row may stand behind all chunks.
+  table = parse({fullBox("stsz", {500, 3}), fullBox("stsc", {4, 1, 1, 1, 2, 0, 1, 3, 2, 4, 9, 1, 1}),
+                 fullBox("co64", {1, 0, 1}), fullBox("stco", {3, 1, 2, 3})},
+                5000);
+  EXPECT_THAT(table.sampleSizes(), ElementsAre(500, 500, 500));
+  EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(1, 3, 503));
+  EXPECT_THAT(table.usedSampleDescriptionIndices(), ElementsAre(1, 4));
+  // Rows count chunks by their differences, whatever number the first has.
+  table = parse({stsz_, fullBox("stsc", {2, 2, 1, 1, 3, 2, 1}), fullBox("stco", {3, 1, 100, 500})});
+  EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(1, 100, 120));
+  table = parse({stsz_, fullBox("stsc", {1, 1, 3, 1}), fullBox("co64", {1, 1, 5})});
+  EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(0x100000005u, 0x10000000Fu, 0x100000023u));
+}
+
+TEST_F(SampleTable, KnowsSyncSamples) {
+  Bytes stsz = fullBox("stsz", {4, 6}), stsc = fullBox("stsc", {1, 1, 6, 1}), stco = fullBox("stco", {1, 100});
+  auto table = parse({stsz, stsc, stco, fullBox("stss", {3, 5, 1, 5})});
+  auto sync = table.syncSamplesOnly();
+  EXPECT_THAT(offsetsOf(sync), ElementsAre(100, 116));
+  auto all = table.allSamples();
+  for (size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(all[i].isSyncSample, i == 0 || i == 4);
+    EXPECT_EQ(table.sampleInfo(static_cast<int64_t>(i)), all[i]);
+  }
+  EXPECT_EQ(parse({stsz, stsc, stco, fullBox("stss", {0})}).syncSamplesOnly().size(), 6u);
+  EXPECT_THROW(parse({stsz, stsc, stco, fullBox("stss", {1, 7})}).syncSamplesOnly(), Error);
+}
+
+TEST_F(SampleTable, DamageIsAFailureWithWords) {
+  Bytes stss = fullBox("stss", {1, 1});
+  struct {
+    std::initializer_list<Bytes> boxes;
+    const char* words;
+  } cases[] = {
+      {{stsc_, stco_}, "stsz box not found"},
+      {{stsz_, stco_}, "stsc box not found"},
+      {{stsz_, stsc_}, "Neither stco nor co64 found"},
+      {{box("stsz"), stsc_, stco_}, "Cannot read stsz"},
+      {{box("stsz", {Bytes(3)}), stsc_, stco_}, "too short for version and flags"},
+      {{box("stsz", {Bytes(11)}), stsc_, stco_}, "the data end"},
+      {{fullBox("stsz", {0, 4, 10, 20, 30}), stsc_, stco_}, "the data end"},
+      {{fullBox("stsz", {0, UINT32_MAX, 10}), stsc_, stco_}, "the data end"},
+      {{fullBox("stsz", {1, UINT32_MAX}), stsc_, stco_}, "more bytes than the file holds"},
+      {{stsz_, fullBox("stsc", {UINT32_MAX, 1, 2, 1}), stco_}, "the data end"},
+      {{stsz_, fullBox("stsc", {2, 2, 1, 1, 1, 1, 1}), stco_}, "out of order"},
+      {{stsz_, fullBox("stsc", {1, 4, 1, 1}), stco_}, "out of order"},
+      {{stsz_, stsc_, fullBox("stco", {3, 100, 500})}, "the data end"},
+      {{stsz_, stsc_, fullBox("co64", {UINT32_MAX, 0, 1})}, "the data end"},
+      {{stsz_, stsc_, stco_, fullBox("stss", {1, 0})}, "stss names sample 0"},
+      {{stsz_, stsc_, stco_, fullBox("stss", {2, 1})}, "the data end"},
+      {{stsz_, fullBox("stsc", {0}), stco_}, "Could not compute offset for sample 0"},
+      {{stsz_, stsc_, fullBox("stco", {0})}, "Could not compute offset for sample 0"},
+      {{stsz_, fullBox("stsc", {3, 1, 1, 1, 3, 1, 1, 2, 1, 1}), stco_}, "out of order"},
+      {{stsz_, stsc_, fullBox("co64", {2, UINT32_MAX, UINT32_MAX, 0, 1})}, "Sample offset out of range"},
+  };
+  for (const auto& c : cases) {
+    try {
+      parse(c.boxes).allSamples();
+      ADD_FAILURE() << c.words;
+    } catch (const Error& error) {
+      EXPECT_THAT(error.description(), testing::HasSubstr(c.words));
+    }
+  }
+  // A box that claims more than the file holds takes no memory for it.
+  EXPECT_THROW(parse({stsc_, stco_, boxClaiming(UINT32_MAX, "stsz", {values({0, 0, 0x3F000000, 1})})}), ByteArrayError);
+  EXPECT_THROW(parse({fullBox("stsz", {1, 2'000'000}), stsc_, stco_}, 2'000'000), Error);
+}
+
+TEST_F(SampleTable, RebuildsOneSampleAChunk) {
+  Bytes stsz = fullBox("stsz", {1, 20}), stsc = fullBox("stsc", {1, 1, 20, 1}), stco = fullBox("stco", {1, 7});
+  auto table = parse({stsz, stsc, stco});
+  struct {
+    std::vector<SampleDescriptionSegment> segments;
+    Bytes stsc;
+  } cases[] = {
+      {{{0, 9, 1}, {10, 19, 2}}, fullBox("stsc", {2, 1, 1, 1, 11, 1, 2})},
+      {{{0, 9, 3}, {10, 19, 3}}, fullBox("stsc", {1, 1, 1, 3})},
+      {{{0, 9, 2}}, fullBox("stsc", {2, 1, 1, 2, 11, 1, 1})},
+      {{{5, 6, 2}}, fullBox("stsc", {3, 1, 1, 1, 6, 1, 2, 8, 1, 1})},
+      {{}, fullBox("stsc", {1, 1, 1, 1})},
+  };
+  for (const auto& c : cases) EXPECT_EQ(table.rebuildStscBox(c.segments), c.stsc);
+
+  Bytes offsets = fullBox("stco", {20});
+  for (uint32_t i = 0; i < 20; ++i) ByteWriter(offsets).uint32(7 + i);
+  writeUInt32(offsets, 96, 0);
+  EXPECT_EQ(table.rebuildChunkOffsetBox(), offsets);
+
+  auto empty = parse({fullBox("stsz", {0, 0}), stsc, stco});
+  EXPECT_THROW(empty.rebuildStscBox({}), Error);
+  EXPECT_THROW(empty.rebuildChunkOffsetBox(), Error);
+}
+
+TEST(SampleTableBoxes, AreWhole) {
+  EXPECT_EQ(buildStszBox({}), fullBox("stsz", {0, 0}));
+  EXPECT_EQ(buildStszBox(std::vector<uint32_t>{5, 5}), fullBox("stsz", {5, 2}));
+  EXPECT_EQ(buildStszBox(std::vector<uint32_t>{5, 6}), fullBox("stsz", {0, 2, 5, 6}));
+  EXPECT_EQ(buildSimpleSttsBox(7, 1024), fullBox("stts", {1, 7, 1024}));
+  EXPECT_EQ(buildSimpleStscBox(), fullBox("stsc", {1, 1, 1, 1}));
+  EXPECT_EQ(buildChunkOffsetBox(std::vector<uint64_t>{1, UINT32_MAX}), fullBox("stco", {2, 1, UINT32_MAX}));
+  EXPECT_EQ(buildChunkOffsetBox(std::vector<uint64_t>{1, 0x100000000}), fullBox("co64", {2, 0, 1, 1, 0}));
+}
+
+}  // namespace
+}  // namespace tarn
