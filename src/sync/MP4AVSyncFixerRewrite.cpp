@@ -1,11 +1,11 @@
 #include <algorithm>
 
 #include "mp4/BoxWalker.h"
+#include "mp4/MoovCheck.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSyncFixer.h"
-#include "sync/MovieLevels.h"
 #include "sync/SourceFile.h"
 #include "sync/TimingBoxLayout.h"
 
@@ -44,10 +44,9 @@ MediaPlaces findMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo&
   return places;
 }
 
-void requireShortHeaders(const Bytes& moov, const MP4BoxInfo& moovBox) {
-  if (moovBox.headerSize != layout::boxHeaderSize || levelDamage(moov) == LevelDamage::longHeader) {
-    throw AVSyncError::fixError("A box with a 64-bit size is not supported here");
-  }
+void requireEditable(const Bytes& moov, const MP4BoxInfo& moovBox) {
+  if (moovBox.headerSize != layout::boxHeaderSize) throw AVSyncError::fixError("moov box has a 64-bit size field");
+  if (auto problem = whatForbidsEditing(moov)) throw AVSyncError::fixError(*problem);
 }
 
 /// Chunk offsets follow the media that stand behind the `moov`.
@@ -55,9 +54,8 @@ void followMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov
   if (growth == 0) return;
   const MediaPlaces media = findMedia(files, fileURL, moovBox);
   if (!media.isBehind) return;
-  if (levelDamage(moov) != LevelDamage::none) throw AVSyncError::fixError("Chunk offsets out of reach");
   log("MP4AVSyncFixer: Moov before mdat - adjusting chunk offsets by {}", growth);
-  adjustChunkOffsets(moov, growth, media.isAhead ? moovBox.end() : 0);
+  adjustChunkOffsets(moov, {.delta = growth, .movesFrom = media.isAhead ? moovBox.end() : 0});
 }
 
 void copyDataInChunks(FileHandle& source, FileHandle& destination, uint64_t size) {
@@ -90,7 +88,7 @@ void MP4AVSyncFixer::rewriteMoovWithBothEdts(FileManager& files, const Path& fil
                                              const std::optional<MP4BoxInfo>& audioTrakBox, const MoovEdits& edits,
                                              NamesInTheMaking* names) {
   Bytes moov = readMoov(files, fileURL, moovBox);
-  requireShortHeaders(moov, moovBox);
+  requireEditable(moov, moovBox);
   const int64_t growth = applyTables(moov, moovBox, videoTrakBox, audioTrakBox, edits);
 
   if (edits.videoTrackDuration > 0) {

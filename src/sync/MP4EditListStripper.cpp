@@ -4,12 +4,13 @@
 #include <string_view>
 
 #include "mp4/BoxWalker.h"
+#include "mp4/ChunkOffsetTable.h"
 #include "mp4/DataExtensions.h"
+#include "mp4/MoovCheck.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MoovRewrite.h"
-#include "sync/MovieLevels.h"
 #include "sync/TimingBoxLayout.h"
 
 namespace tarn {
@@ -124,11 +125,8 @@ void followMedia(Bytes& moovData, int64_t delta, const TopLevel& level) {
     });
   };
   if (!hasMedia(true)) return;
-  if (levelDamage(moovData) != LevelDamage::none) {
-    throw MP4EditListStripperError::corruptedMP4("Chunk offsets out of reach");
-  }
   log("MP4EditListStripper: Adjusting chunk offsets by {} bytes", delta);
-  adjustChunkOffsets(moovData, delta, hasMedia(false) ? level.moov->end() : 0);
+  ChunkOffsetTable::adjustAllInMoov(moovData, {.delta = delta, .movesFrom = hasMedia(false) ? level.moov->end() : 0});
 }
 
 /// Copies a box, or what is there of a small one; a larger one must be there whole.
@@ -182,9 +180,10 @@ std::optional<Rows> MP4EditListStripper::stripAudioEditList(FileManager& files, 
   log("MP4EditListStripper: Processing {} ({} bytes)", from.filename().string(), length);
   const TopLevel level = scan(*input, length);
   Bytes moovData = readMoov(*input, *level.moov);
-  if (level.moov->headerSize != layout::boxHeaderSize || levelDamage(moovData) == LevelDamage::longHeader) {
-    throw MP4EditListStripperError::corruptedMP4("A box with a 64-bit size is not supported here");
+  if (level.moov->headerSize != layout::boxHeaderSize) {
+    throw MP4EditListStripperError::corruptedMP4("moov box has a 64-bit size field");
   }
+  if (auto problem = whatForbidsEditing(moovData)) throw MP4EditListStripperError::corruptedMP4(*problem);
 
   auto rows = findAndStripAudioEdts(moovData);
   if (!rows) {

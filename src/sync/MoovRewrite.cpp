@@ -14,6 +14,8 @@
 namespace tarn {
 namespace {
 
+constexpr uint64_t longSizeField = 1;
+
 /// Gives a box another size.
 void resizeBox(Bytes& moovData, uint64_t offset, int64_t change) {
   uint64_t size = layout::load(moovData.data() + offset, layout::boxSize) + static_cast<uint64_t>(change);
@@ -107,46 +109,31 @@ std::vector<BoxHeader> chunkOffsetBoxes(ByteView moovData) {
   return boxes;
 }
 
-/// Moves the entries of one chunk offset box that are at least `firstMoving`.
-void adjustStcoAtOffset(Bytes& moovData, uint64_t offset, int64_t delta, uint64_t firstMoving) {
-  if (moovData.size() - offset < layout::tableHeaderSize) {
-    log("WARNING: stco offset {} out of bounds", offset);
+void adjustStcoAtOffset(Bytes& moovData, const BoxHeader& box, const ChunkOffsetShift& shift) {
+  if (moovData.size() - box.offset < layout::tableHeaderSize) {
+    log("WARNING: stco offset {} out of bounds", box.offset);
     return;
   }
-  uint8_t* base = moovData.data() + offset;
-  const bool is64Bit = layout::load32(base, layout::boxType) == layout::fourCC("co64");
-  const std::string_view type = is64Bit ? "co64" : "stco";
-  const layout::Field entry{0, is64Bit ? size_t{8} : size_t{4}};
-  const uint32_t count = layout::load32(base, layout::entryCount);
-  log("Adjusting {} at offset {}: {} chunk offsets by {} bytes", type, offset, count, delta);
-
-  const uint64_t present = (moovData.size() - offset - layout::tableHeaderSize) / entry.width;
-  uint8_t* place = base + layout::tableHeaderSize;
-  for (uint64_t i = 0; i < std::min<uint64_t>(count, present); ++i, place += entry.width) {
-    const uint64_t old = layout::load(place, entry);
-    if (old < firstMoving) continue;
-    uint64_t moved = old + static_cast<uint64_t>(delta);
-    if (!is64Bit) {
-      const auto sum = static_cast<int64_t>(moved);
-      moved = static_cast<uint64_t>(std::clamp<int64_t>(sum, 0, std::numeric_limits<uint32_t>::max()));
-      if (static_cast<uint64_t>(sum) != moved) {
-        log("WARNING: stco offset overflow at entry {}: {} + {} = {}, clamping", i, old, delta, sum);
-      }
-    }
-    layout::store(place, entry, moved);
-  }
-  log("Successfully adjusted {} chunk offsets in {}", count, type);
+  const uint32_t count = layout::load32(moovData.data() + box.offset, layout::entryCount);
+  log("Adjusting {} at offset {}: {} chunk offsets by {} bytes", box.type, box.offset, count, shift.delta);
+  ChunkOffsetTable::adjustTableInPlace(moovData, box.offset, shift, box.type == "co64");
+  log("Successfully adjusted {} chunk offsets in {}", count, box.type);
 }
 
 }  // namespace
 
 int64_t updateTrackEdts(Bytes& moovData, size_t trakOffset, ByteView newEdtsData) {
   const BoxHeader trak = trakAt(moovData, trakOffset);
-  if (auto edts = findChild(moovData, trak, {"edts"})) {
-    return splice(moovData, edts->offset, edts->size, newEdtsData, {trak});
+  uint64_t insertionPoint = trak.offset + layout::boxHeaderSize;
+  auto walker = childWalker(moovData, trak);
+  while (auto child = walker.next()) {
+    if (child->type == "edts") return splice(moovData, child->offset, child->size, newEdtsData, {trak});
+    if (child->type == "tkhd") insertionPoint = child->end();
   }
-  auto tkhd = findChild(moovData, trak, {"tkhd"});
-  return splice(moovData, tkhd ? tkhd->end() : trak.offset + layout::boxHeaderSize, 0, newEdtsData, {trak});
+  if (walker.stop().reason == BoxWalkStop::Reason::badSize && walker.stop().size == longSizeField) {
+    throw AVSyncError::fixError("A box with a 64-bit size may hide the track's edit list");
+  }
+  return splice(moovData, insertionPoint, 0, newEdtsData, {trak});
 }
 
 int64_t applyTables(Bytes& moovData, const MP4BoxInfo& moovBox, const MP4BoxInfo& videoTrakBox,
@@ -194,8 +181,8 @@ void updateMvhdDuration(Bytes& moovData, int64_t duration) {
   }
 }
 
-void adjustChunkOffsets(Bytes& moovData, int64_t delta, uint64_t firstMoving) {
-  for (const BoxHeader& box : chunkOffsetBoxes(moovData)) adjustStcoAtOffset(moovData, box.offset, delta, firstMoving);
+void adjustChunkOffsets(Bytes& moovData, const ChunkOffsetShift& shift) {
+  for (const BoxHeader& box : chunkOffsetBoxes(moovData)) adjustStcoAtOffset(moovData, box, shift);
 }
 
 }  // namespace tarn

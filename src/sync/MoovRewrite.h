@@ -4,6 +4,7 @@
 #include <optional>
 #include <string_view>
 
+#include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
 
@@ -38,8 +39,7 @@ void updateTkhdDuration(Bytes& moovData, std::string_view trackType, int64_t dur
 /// The same for the `mvhd`.
 void updateMvhdDuration(Bytes& moovData, int64_t duration);
 
-/// Moves the chunk offsets of every track by `delta` bytes: all of them, or only those that are at least
-/// `firstMoving`.
-void adjustChunkOffsets(Bytes& moovData, int64_t delta, uint64_t firstMoving);
+/// Moves the chunk offsets of every track.
+void adjustChunkOffsets(Bytes& moovData, const ChunkOffsetShift& shift);
 
 }  // namespace tarn

@@ -6,16 +6,10 @@
 #include "sync/TimingBoxLayout.h"
 
 namespace tarn {
-namespace {
-
-constexpr uint64_t longSizeField = 1;
-
 BufferBoxWalker childWalker(ByteView data, const BoxHeader& parent) {
   return {data, static_cast<size_t>(parent.offset) + layout::boxHeaderSize, static_cast<size_t>(parent.end()),
           boxwalk::movieBuffer};
 }
-
-}  // namespace
 
 BoxHeader wholeBox(ByteView data, std::string_view type) {
   return {.offset = 0, .size = data.size(), .type = std::string(type)};
@@ -44,23 +38,6 @@ std::optional<std::string> findHandlerType(ByteView data, const BoxHeader& trak)
   auto hdlr = mdia ? findChild(data, *mdia, {"hdlr"}) : std::nullopt;
   if (!hdlr || data.size() - hdlr->offset < layout::handlerType.end()) return std::nullopt;
   return decodeASCII(data.subspan(hdlr->offset + layout::handlerType.offset, layout::handlerType.width));
-}
-
-LevelDamage levelDamage(ByteView moov) {
-  constexpr std::string_view levels[] = {"trak", "mdia", "minf", "stbl", "edts"};
-  auto worst = LevelDamage::none;
-  std::vector<BoxHeader> open{wholeBox(moov, "moov")};
-  while (!open.empty()) {
-    BoxHeader level = std::move(open.back());
-    open.pop_back();
-    auto walker = childWalker(moov, level);
-    while (auto child = walker.next()) {
-      if (std::ranges::find(levels, child->type) != std::end(levels)) open.push_back(*std::move(child));
-    }
-    if (walker.stop().reason != BoxWalkStop::Reason::badSize) continue;
-    worst = std::max(worst, walker.stop().size == longSizeField ? LevelDamage::longHeader : LevelDamage::badSize);
-  }
-  return worst;
 }
 
 }  // namespace tarn

@@ -16,6 +16,9 @@ namespace tarn {
 /// The buffer as one box.
 BoxHeader wholeBox(ByteView data, std::string_view type);
 
+/// A walker over the children.
+BufferBoxWalker childWalker(ByteView data, const BoxHeader& parent);
+
 /// The first child of one of these types; it may reach over its parent's end.
 std::optional<BoxHeader> findChild(ByteView data, const BoxHeader& parent,
                                    std::initializer_list<std::string_view> types);
@@ -25,12 +28,5 @@ std::vector<BoxHeader> childrenOfType(ByteView data, const BoxHeader& parent, st
 
 /// The handler_type of a track (ISO/IEC 14496-12 8.4.3).
 std::optional<std::string> findHandlerType(ByteView data, const BoxHeader& trak);
-
-/// Why levels of boxes down to the sample tables cannot be walked to their ends.
-enum class LevelDamage { none, badSize, longHeader };
-
-/// The worst damage on the levels of the `moov` and of its `trak`, `mdia`, `minf`, `stbl` and `edts`: whoever changes
-/// such a `moov` would miss what stands behind.
-LevelDamage levelDamage(ByteView moov);
 
 }  // namespace tarn
