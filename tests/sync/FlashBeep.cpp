@@ -130,7 +130,7 @@ double beepAfterFlash(const Path& file) {
   return secondBeep(file) - secondFlash(file);
 }
 
-std::string sampleHashes(const Path& file) {
+std::string mediaHashes(const Path& file) {
   return runProcess({"ffmpeg", "-v", "error", "-ignore_editlist", "1", "-i", file, "-map", "0", "-c", "copy", "-f",
                      "streamhash", "-"})
       .output;

@@ -16,7 +16,7 @@ Path flashBeepClip(double audioLate, const std::vector<std::string>& muxerArgume
 double beepAfterFlash(const Path& file);
 
 /// A hash of the sample bytes of each track, edit lists disregarded.
-std::string sampleHashes(const Path& file);
+std::string mediaHashes(const Path& file);
 
 /// Rewrites a file whose `moov` is its last box: headers and edit lists in version 1.
 void widenTimingBoxes(const Path& file);

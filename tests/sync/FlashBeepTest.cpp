@@ -93,7 +93,7 @@ TEST_P(FlashBeep, IsWhereTheRulesPutIt) {
   const double tolerance = 1.0 / row.movieTimescale + 0.001;
   const double source = beepAfterFlash(file);
   EXPECT_NEAR(source, row.audioLate, 2 * tolerance) << "the clip is not what it should be";
-  const std::string samples = sampleHashes(file);
+  const std::string samples = mediaHashes(file);
 
   ASSERT_TRUE(fix(file));
   const double expected = row.outcome == Outcome::kept      ? source
@@ -101,7 +101,7 @@ TEST_P(FlashBeep, IsWhereTheRulesPutIt) {
                                                             : source - priming;
   const double measured = beepAfterFlash(file);
   EXPECT_NEAR(measured, expected, tolerance);
-  EXPECT_EQ(sampleHashes(file), samples);
+  EXPECT_EQ(mediaHashes(file), samples);
   std::cout << "| " << row.name << " | " << source * 1000 << " | " << expected * 1000 << " | " << measured * 1000
             << " |\n";
 
@@ -120,13 +120,13 @@ INSTANTIATE_TEST_SUITE_P(Clips, FlashBeep, testing::ValuesIn(rows),
 TEST_F(FixedClip, LeavesTheSamplesOfFurtherTracksWhereTheyAre) {
   for (bool isReplaced : {false, true}) {
     Path file = copyOf(flashBeepClip(0.3, {"-movflags", "faststart"}, false, true));
-    const std::string samples = sampleHashes(file);
+    const std::string samples = mediaHashes(file);
     const auto sizeBefore = std::filesystem::file_size(file);
     // Facts without rows put in a shorter list than the file's.
     auto original = isReplaced ? std::nullopt : std::optional(MP4AVSyncFixer::readOriginalSyncInfo(files_, file));
     ASSERT_TRUE(MP4AVSyncFixer::fix(files_, file, nullptr, nullptr, original, isReplaced));
     EXPECT_EQ(std::filesystem::file_size(file) != sizeBefore, isReplaced);
-    EXPECT_EQ(sampleHashes(file), samples);
+    EXPECT_EQ(mediaHashes(file), samples);
     std::filesystem::remove(file);
   }
 }
