@@ -5,10 +5,10 @@
 
 namespace tarn {
 
-Host::Host(const HostOptions& options)
+Host::Host(FileManager& files, const HostOptions& options)
     : lock_(options.home),
       log_(options.home, options.verbose, [this](std::string_view line) { journal_.read(line); }),
-      files_(options.home),
+      files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),

@@ -10,7 +10,6 @@
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
 #include "platform/host/HostApplication.h"
-#include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
@@ -21,15 +20,16 @@ namespace tarn {
 struct HostOptions {
   Path home;
   bool verbose = false;
-  std::optional<std::chrono::seconds> backgroundLimit;
+  std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
 /// Everything that runs in one home: the services of the host, the steps, the plug-in. Owns the home while it lives.
 /// Belongs to the thread that made it.
 class Host {
  public:
-  /// Clears up what a killed process has left; nothing else runs yet. Throws Error.
-  explicit Host(const HostOptions& options);
+  /// `files` are those of options.home, and must outlive the host. Clears up what a killed process has left; nothing
+  /// else runs yet. Throws Error.
+  Host(FileManager& files, const HostOptions& options);
   /// Stops everything: a run ends at its next check, transfers stay in their store.
   ~Host();
   Host(const Host&) = delete;
@@ -53,7 +53,7 @@ class Host {
   HomeLock lock_;
   RunJournal journal_;
   LogFile log_;
-  PosixFileManager files_;
+  FileManager& files_;
   SystemClock clock_;
   AsioDispatch dispatch_;
   HostApplication application_;

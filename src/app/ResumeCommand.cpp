@@ -8,6 +8,7 @@
 #include "app/Host.h"
 #include "app/Interrupt.h"
 #include "app/Output.h"
+#include "platform/host/PosixFileManager.h"
 
 namespace tarn {
 namespace {
@@ -116,7 +117,9 @@ class Resume {
 }  // namespace
 
 int resumeCommand(const GlobalOptions& global) {
-  Host host({.home = homeDirectory(global.home), .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
+  const Path home = homeDirectory(global.home);
+  PosixFileManager files(home);
+  Host host(files, {.home = home, .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
   EngineClient client(host.plugin());
   InterruptWatcher watcher([&] {
     host.interrupt();

@@ -174,7 +174,7 @@ std::optional<uint64_t> PosixFileManager::freeSpace(const Path& path) {
 }
 
 Path PosixFileManager::documentsDirectory(bool create) {
-  const Path path = home_ / "Documents";
+  Path path = home_ / "Documents";
   if (create) {
     createDirectory(path);
   } else if (!fileExists(path)) {
@@ -184,7 +184,7 @@ Path PosixFileManager::documentsDirectory(bool create) {
 }
 
 Path PosixFileManager::temporaryDirectory() {
-  const Path path = home_ / "tmp";
+  Path path = home_ / "tmp";
   createDirectory(path);
   return path;
 }

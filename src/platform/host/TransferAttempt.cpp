@@ -10,7 +10,7 @@
 namespace tarn {
 namespace {
 
-constexpr long bufferSize = 512 * 1024;  // with libcurl's 16 KiB the copying loop costs more than the copying
+constexpr long bufferSize = 512L * 1024;  // fewer and larger writes than with 16 KiB, the default of libcurl
 constexpr long maximumRedirects = 20;
 constexpr const char* protocols = "http,https";
 
