@@ -27,7 +27,8 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, {.remux = &remuxStep_, .last = &savingStep_});
+  plugin_ = TarnBridge::create(
+      platform, {.remux = &remuxStep_, .audio = &syncFactsStep_, .sync = &syncStep_, .last = &savingStep_});
 }
 
 Host::~Host() {

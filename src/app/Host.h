@@ -14,6 +14,7 @@
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "remux/RemuxStep.h"
+#include "sync/SyncStep.h"
 
 namespace tarn {
 
@@ -65,6 +66,8 @@ class Host {
   SQLitePhotoLibrary photos_;
   CurlURLSessionService transfers_;
   RemuxStep remuxStep_;
+  SyncFactsStep syncFactsStep_;
+  SyncStep syncStep_;
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
 };
