@@ -44,11 +44,13 @@ class Resume {
       const JSObject& task = *value.get<JSObject>();
       const std::string& status = *task.find("status")->get<std::string>();
       const int64_t id = *task.find("id")->get<int64_t>();
-      if (status == "STATUS_SUCCESSFUL") {
+      if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
+        isActive = true;
+      } else if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
         takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
-      } else if (isUnderWay(id, status)) {
+      } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
         show(id, task);
       }
@@ -59,14 +61,19 @@ class Resume {
   /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
   /// at which nothing stands behind it, it counts as failed. One look is not enough, since work changes hands.
   bool isUnderWay(int64_t id, const std::string& status) {
-    if (status == "STATUS_PENDING") return true;
+    if (status == "STATUS_PENDING" || host_.hasTransfer(id) || host_.hasRecord(id)) {
+      looksAtNothing_[id] = 0;
+      return true;
+    }
     if (status != "STATUS_RUNNING" && status != "STATUS_PROCESSING") return false;
-    const bool isBacked = status == "STATUS_RUNNING" ? host_.hasTransfer(id) : host_.hasRecord(id);
-    int& looks = looksAtNothing_[id];
-    looks = isBacked ? 0 : looks + 1;
-    if (looks < 5) return true;
+    if (++looksAtNothing_[id] < enoughLooks) return true;
     takeFailed(id, status == "STATUS_RUNNING" ? "its transfer is gone" : "its file is gone");
     return false;
+  }
+
+  /// A run tells its asset a moment after its task reads as saved. One of an earlier process tells none.
+  bool isStillTelling(int64_t id) {
+    return !outcomes_.contains(id) && !host_.journal().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
   }
 
   void takeSaved(int64_t id) {
@@ -114,6 +121,7 @@ class Resume {
     return allSaved ? ExitCode::done : ExitCode::failed;
   }
 
+  static constexpr int enoughLooks = 5;
   static constexpr std::chrono::milliseconds shortestPause{30};
   static constexpr std::chrono::milliseconds longestPause{1000};
 
