@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -43,6 +44,11 @@ std::string hashLines(const std::string& text) {
 }
 
 }  // namespace
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
 
 ProcessResult runProcess(const std::vector<std::string>& command) {
   FILE* pipe = popen((commandLine(command) + "2>&1 </dev/null").c_str(), "r");
