@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "mp4/BoxWalker.h"
@@ -9,6 +10,7 @@
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/MediaLayout.h"
 #include "remux/OpenFile.h"
 
 namespace tarn {
@@ -31,36 +33,11 @@ class Stopwatch {
   TimingHelper timer_;
 };
 
-struct MediaLayout {
-  std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
-  bool isMdatBehindMoov = false;
-};
-
-MediaLayout findMediaLayout(FileHandle& source, const MP4BoxInfo& moov) {
-  MediaLayout layout;
-  FileBoxWalker walker(source, 0, source.seekToEnd(), boxwalk::topLevel);
-  while (auto box = walker.next()) {
-    if (box->type != "mdat") continue;
-    if (!layout.firstMdat) layout.firstMdat = box->offset;
-    layout.isMdatBehindMoov = box->offset > moov.offset;
-    if (layout.isMdatBehindMoov) break;
-  }
-  return layout;
-}
-
-/// Which chunk offsets the new size of the `moov` makes wrong. Where media lie on both sides of it, those of the media
-/// ahead stay right.
-ChunkOffsetShift offsetShift(const MediaLayout& layout, const MP4BoxInfo& moov, int64_t delta) {
-  bool isMoovFirst = layout.firstMdat && moov.offset < *layout.firstMdat;
-  bool isBetween = !isMoovFirst && layout.isMdatBehindMoov;
+void logLayout(const MediaLayout& layout, const MP4BoxInfo& moov) {
   log("Box layout: moov at {}, first mdat at {}", moov.offset,
       layout.firstMdat ? std::to_string(*layout.firstMdat) : "not found");
-  log("Chunk offset adjustment: {} (moov {} mdat)", layout.isMdatBehindMoov ? "REQUIRED" : "NOT REQUIRED",
-      isMoovFirst ? "before"
-      : isBetween ? "between"
-                  : "after");
-  if (!layout.isMdatBehindMoov) return {};
-  return {.delta = delta, .movesFrom = isMoovFirst ? 0 : moov.end()};
+  std::string_view side = layout.isMoovFirst(moov) ? "before" : layout.isMdatBehindMoov ? "between" : "after";
+  log("Chunk offset adjustment: {} (moov {} mdat)", layout.isMdatBehindMoov ? "REQUIRED" : "NOT REQUIRED", side);
 }
 
 void adjustOffsets(std::span<uint8_t> newMoov, const ChunkOffsetShift& shift, int64_t delta) {
@@ -204,10 +181,11 @@ void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, c
   log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoovData.size(), delta);
 
   TimingHelper timer;
-  ChunkOffsetShift shift = offsetShift(findMediaLayout(fileHandle, moovBox), moovBox, delta);
+  MediaLayout layout = findMediaLayout(fileHandle, moovBox);
+  logLayout(layout, moovBox);
   times.findBoxLayout = timer.stop();
   timer.start();
-  adjustOffsets(newMoovData, shift, delta);
+  adjustOffsets(newMoovData, layout.shift(moovBox, delta), delta);
   times.adjustChunkOffsets = timer.stop();
 
   TempFile tempFile(files, tempURL);
