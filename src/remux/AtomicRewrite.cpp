@@ -17,7 +17,6 @@ namespace tarn {
 namespace {
 
 constexpr uint64_t copyChunk = 0xA00000;
-constexpr uint64_t longestHeader = 16;
 constexpr uint64_t progressConstant = 0x138800000;
 
 /// Adds the time of its scope to a total.
@@ -91,21 +90,10 @@ class BoxCopier {
         copyLarge(*box);
       }
     }
-    requireWhole(walker.stop(), fileSize);
+    requireWhole(walker, fileSize);
   }
 
  private:
-  /// A tail that is too short for a header is left out; nothing else is.
-  static void requireWhole(const BoxWalkStop& stop, uint64_t fileSize) {
-    using Reason = BoxWalkStop::Reason;
-    if (stop.reason == Reason::badSize) {
-      throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
-    }
-    if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
-      throw fileHandleError("Cannot read box header");
-    }
-  }
-
   void writeMoov(ByteView newMoov, uint64_t oldSize) {
     Stopwatch watch(timings_.writeMoov);
     target_.write(newMoov);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/FileManager.h"
@@ -21,7 +22,11 @@ struct MediaLayout {
   ChunkOffsetShift shift(const MP4BoxInfo& moov, int64_t delta) const;
 };
 
-/// Walks the top-level boxes. Moves the file's position; throws PosixError.
+/// Walks the top-level boxes. Moves the file's position; throws PosixError, and what requireWhole throws.
 MediaLayout findMediaLayout(FileHandle& file, const MP4BoxInfo& moov);
+
+/// For a walk over the top-level boxes that came to its end: a tail that is too short for a header is no box, anything
+/// else that was not walked is a failure. Throws corruptedMP4 and ioError.
+void requireWhole(const FileBoxWalker& walker, uint64_t fileSize);
 
 }  // namespace tarn
