@@ -14,7 +14,7 @@ struct GlobalOptions {
   std::optional<std::string> home;
   bool verbose = false;
   bool json = false;  ///< one JSON object a line for every event and the result
-  std::optional<std::chrono::seconds> backgroundLimit;
+  std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
 struct SaveOptions {

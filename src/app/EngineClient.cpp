@@ -2,6 +2,7 @@
 
 #include <future>
 #include <memory>
+#include <thread>
 #include <utility>
 
 namespace tarn {
@@ -38,6 +39,13 @@ std::optional<EngineClient::Event> EngineClient::nextEvent(std::optional<std::ch
   Event event = std::move(events_.front());
   events_.pop_front();
   return event;
+}
+
+void EngineClient::waitUntilGone(int64_t id) {
+  const std::string key = std::to_string(id);
+  for (int looks = 0; looks < 400 && call("getActiveDownloads").data.find(key); ++looks) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
 }
 
 void EngineClient::interrupt() {

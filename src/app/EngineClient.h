@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -30,6 +31,10 @@ class EngineClient {
 
   /// Waits for the next event; nothing when none comes in time, or after an interrupt.
   std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
+
+  /// Waits, a moment at most, until the engine has let go of a download that has told its end: then nothing of it is
+  /// left in the stores.
+  void waitUntilGone(int64_t id);
 
   /// Ends all waits for events, now and later.
   void interrupt();

@@ -1,14 +1,17 @@
 #include "app/Host.h"
 
+#include <algorithm>
+
 #include "download/DocumentsSweep.h"
+#include "download/TransferNote.h"
 #include "platform/Log.h"
 
 namespace tarn {
 
-Host::Host(const HostOptions& options)
+Host::Host(FileManager& files, const HostOptions& options)
     : lock_(options.home),
       log_(options.home, options.verbose, [this](std::string_view line) { journal_.read(line); }),
-      files_(options.home),
+      files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),
@@ -16,6 +19,7 @@ Host::Host(const HostOptions& options)
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);
+  for (const char* directory : {"Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
   Platform platform{.files = files_,
                     .defaults = defaults_,
                     .clock = clock_,
@@ -23,13 +27,16 @@ Host::Host(const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, {.remux = &remuxStep_, .last = &savingStep_});
+  plugin_ = TarnBridge::create(
+      platform, {.remux = &remuxStep_, .audio = &syncFactsStep_, .sync = &syncStep_, .last = &savingStep_});
 }
 
 Host::~Host() {
   interrupt();
   // The main queue is serial: behind this call the active run has been asked to stop, and stopping waits for it.
   dispatch_.mainQueue().sync([] {});
+  // The plug-in's watcher ends with it; a run that still goes on keeps the engine until it ends.
+  plugin_.reset();
   dispatch_.stop();
 }
 
@@ -42,6 +49,13 @@ void Host::interrupt() {
   plugin_->downloadManager().stopStarting();
   application_.enterBackground();
   application_.expireBackgroundTime();
+}
+
+bool Host::hasTransfer(int64_t id) {
+  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [id](const std::string& text) {
+    auto note = TransferNote::parse(text);
+    return note && note->id == id;
+  });
 }
 
 bool Host::hasPendingWork() {

@@ -10,26 +10,27 @@
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
 #include "platform/host/HostApplication.h"
-#include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "remux/RemuxStep.h"
+#include "sync/SyncStep.h"
 
 namespace tarn {
 
 struct HostOptions {
   Path home;
   bool verbose = false;
-  std::optional<std::chrono::seconds> backgroundLimit;
+  std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
 /// Everything that runs in one home: the services of the host, the steps, the plug-in. Owns the home while it lives.
 /// Belongs to the thread that made it.
 class Host {
  public:
-  /// Clears up what a killed process has left; nothing else runs yet. Throws Error.
-  explicit Host(const HostOptions& options);
+  /// `files` are those of options.home, and must outlive the host. Clears up what a killed process has left; nothing
+  /// else runs yet. Throws Error.
+  Host(FileManager& files, const HostOptions& options);
   /// Stops everything: a run ends at its next check, transfers stay in their store.
   ~Host();
   Host(const Host&) = delete;
@@ -43,6 +44,9 @@ class Host {
 
   /// True while stored work waits for a run.
   bool hasPendingWork();
+  /// True while the stores hold a transfer, or a run's record, of this download.
+  bool hasTransfer(int64_t id);
+  bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }
 
   TarnBridge& plugin() { return *plugin_; }
   HostApplication& application() { return application_; }
@@ -53,7 +57,7 @@ class Host {
   HomeLock lock_;
   RunJournal journal_;
   LogFile log_;
-  PosixFileManager files_;
+  FileManager& files_;
   SystemClock clock_;
   AsioDispatch dispatch_;
   HostApplication application_;
@@ -62,6 +66,8 @@ class Host {
   SQLitePhotoLibrary photos_;
   CurlURLSessionService transfers_;
   RemuxStep remuxStep_;
+  SyncFactsStep syncFactsStep_;
+  SyncStep syncStep_;
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
 };

@@ -9,6 +9,7 @@
 #include "app/Interrupt.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
+#include "platform/host/PosixFileManager.h"
 
 namespace tarn {
 namespace {
@@ -62,7 +63,9 @@ int reportFailure(const GlobalOptions& global, int64_t id, const std::string& wo
 }  // namespace
 
 int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
-  Host host({.home = homeDirectory(global.home), .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
+  const Path home = homeDirectory(global.home);
+  PosixFileManager files(home);
+  Host host(files, {.home = home, .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
   EngineClient client(host.plugin());
   InterruptWatcher watcher([&] {
     host.interrupt();
@@ -84,6 +87,7 @@ int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
     printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
     return ExitCode::interrupted;
   }
+  client.waitUntilGone(id);
   if (valueAt<std::string>(*completion, "status") != "STATUS_SUCCESSFUL") {
     return reportFailure(global, id, host.journal().failure(id).value_or("the reason is in the log"));
   }

@@ -73,7 +73,7 @@ void RecordReader::units(std::vector<Bytes>& units, int countWidth) {
 }
 
 uint64_t RecordReader::take(int width) {
-  if (remaining() * 8 < static_cast<size_t>(bits_.bitPosition + width)) throw cutOff();
+  if (remaining() * 8 < static_cast<size_t>(bits_.bitPosition) + static_cast<size_t>(width)) throw cutOff();
   uint64_t high = width > 32 ? bits_.readBits(width - 32) : 0;
   return high << 32 | bits_.readBits(std::min(width, 32));
 }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -54,7 +55,7 @@ struct PSKey {
   uint8_t type = 0;  ///< nal_unit_type
   uint32_t id = 0;
 
-  auto operator<=>(const PSKey&) const = default;
+  bool operator<(const PSKey& other) const { return std::tie(type, id) < std::tie(other.type, other.id); }
 };
 
 /// How a codec's parameter sets are collected.

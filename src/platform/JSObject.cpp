@@ -122,12 +122,12 @@ JSObject::~JSObject() = default;
 
 JSObject::JSObject(std::vector<Member> members) {
   std::unordered_map<std::string, size_t> places;
-  for (auto& [key, value] : members) {
-    const auto [place, fresh] = places.try_emplace(key, members_.size());
+  for (Member& member : members) {
+    const auto [place, fresh] = places.try_emplace(member.first, members_.size());
     if (fresh) {
-      members_.emplace_back(std::move(key), std::move(value));
+      members_.push_back(std::move(member));
     } else {
-      members_[place->second].second = std::move(value);
+      members_[place->second].second = std::move(member.second);
     }
   }
 }

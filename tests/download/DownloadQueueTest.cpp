@@ -40,8 +40,8 @@ TEST_F(EngineTest, FilesThatFinishTogetherAreProcessedOneByOne) {
   dispatch_.release(worker());
   settle();
   EXPECT_EQ(heard(),
-            "Queued for processing (position 1) 1800000002 Starting... 1800000001 finished 1800000000 "
-            "Starting... 1800000002 finished 1800000001 finished 1800000002");
+            "finished 1800000000 Queued for processing (position 1) 1800000002 Starting... 1800000001 "
+            "finished 1800000001 Starting... 1800000002 finished 1800000002");
   EXPECT_EQ(joinedWords(contents_), "content of a.mp4 content of b.mp4 content of c.mp4");
   EXPECT_TRUE(documents().empty());
   EXPECT_EQ(storedStates(), "[]");
@@ -85,17 +85,16 @@ TEST_F(EngineTest, ACancelledDownloadIsGoneWhereverItWas) {
 }
 
 TEST_F(EngineTest, ACancelDuringARunStopsItAtItsNextCheck) {
-  auto task = save("clip.mp4");
-  runFails_ = false;
-  ScriptedStep cancelling({ProcessingStage::remuxing}, notes_, [&](ProcessingRun& run, auto) {
+  DownloadTaskPointer task;
+  ScriptedStep cancelling({ProcessingStage::syncFixing}, notes_, [&](ProcessingRun& run, auto) {
     engine_->cancelDownloadFileBy(task->id);
     run.token->throwIfCancelled();
   });
-  engine_ = DownloadManager::create(platform_, {.remux = &cancelling, .last = &last_});
+  engine_ = DownloadManager::create(platform_, {.sync = &cancelling, .last = &last_});
   task = save("again.mp4");
   finish("again.mp4");
   settle();
-  EXPECT_EQ(joinedWords(notes_), "remuxing");
+  EXPECT_EQ(joinedWords(notes_), "syncFixing");
   EXPECT_EQ(storedStates(), "[]");
   EXPECT_TRUE(lines_.contains("Cancelling active processing for download " + std::to_string(task->id)));
 }

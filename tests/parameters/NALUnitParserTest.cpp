@@ -38,19 +38,23 @@ class CountingHandle : public ForwardingFileHandle {
 
 class NALUnits : public testing::Test {
  protected:
+  void addSample(uint64_t offset, size_t size) {
+    samples_.push_back({.index = static_cast<int64_t>(samples_.size()),
+                        .fileOffset = offset,
+                        .size = static_cast<uint32_t>(size),
+                        .isSyncSample = true});
+  }
+
   /// Lays the samples one behind the other in a file and opens it.
   FileHandle& open(const std::vector<Bytes>& contents) {
     Bytes all;
     samples_.clear();
     for (const Bytes& sample : contents) {
-      samples_.push_back({.index = static_cast<int>(samples_.size()),
-                          .fileOffset = all.size(),
-                          .size = static_cast<uint32_t>(sample.size()),
-                          .isSyncSample = true});
+      addSample(all.size(), sample.size());
       all.insert(all.end(), sample.begin(), sample.end());
     }
     writeFileAtomically(files_, directory_ / "samples", all);
-    file_ = std::make_unique<CountingHandle>(files_.open(directory_ / "samples", OpenMode::reading));
+    file_ = files_.open(directory_ / "samples", OpenMode::reading);
     return *file_;
   }
 
@@ -58,54 +62,42 @@ class NALUnits : public testing::Test {
     auto& file = open(contents);
     return NALUnitParser::scanSamplesForParameterSets(file, samples_, nalLengthSize);
   }
-  AVCParameterSets scanAVC(const std::vector<Bytes>& contents, int nalLengthSize = 4) {
-    auto& file = open(contents);
-    return NALUnitParser::scanSamplesForAVCParameterSets(file, samples_, nalLengthSize);
-  }
 
   LogCapture log_;
   TempDirectory directory_;
   PosixFileManager files_{directory_.path()};
   std::vector<SampleInfo> samples_;
-  std::unique_ptr<CountingHandle> file_;
+  std::unique_ptr<FileHandle> file_;
 };
 
 TEST_F(NALUnits, VoteOnTheLengthSize) {
   const Bytes four = sampleOf({vps, sps, pps, slice});
   const Bytes two = sampleOf({vps, sps, pps, slice}, 2);
-  const Bytes single = sampleOf({slice});
   const Bytes avcFour = sampleOf({avcSPS, avcPPS, avcSlice});
   const Bytes avcTwo = sampleOf({avcSPS, avcPPS, avcSlice}, 2);
-  const Bytes prefixNAL = sampleOf({{0x0E, 1, 2}, avcSlice});  // type 14, none that begins a picture
+  const Bytes prefixNAL = sampleOf({{0x0E, 1, 2}, avcSlice});  // type 14 does not begin a picture
   struct Case {
-    const char* what;
+    int (*detect)(FileHandle&, std::span<const SampleInfo>);
     std::vector<Bytes> samples;
-    bool hevc;
     int size;
     std::string lastLine;
   };
+  auto hevc = NALUnitParser::detectNALLengthSize;
+  auto avc = NALUnitParser::detectAVCNALLengthSize;
   const Case cases[] = {
-      {"four", {four}, true, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
-      {"two", {two, two}, true, 2, "Detected NAL length size: 2 bytes (verified across 2 sample(s))"},
-      {"majority", {two, four, two}, true, 2, "Detected NAL length size: 2 bytes (verified across 2 sample(s))"},
-      {"equal votes", {two, four}, true, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
-      {"single unit, short sample",
-       {single, {0, 0, 9}},
-       true,
-       4,
-       "Could not detect NAL length size, defaulting to 4 bytes"},
-      {"none", {}, true, 4, "No samples provided for NAL length detection, defaulting to 4 bytes"},
-      {"AVC four", {avcFour}, false, 4, "AVC: Detected NAL length size: 4 bytes"},
-      {"AVC two", {avcTwo}, false, 2, "AVC: Detected NAL length size: 2 bytes"},
-      {"AVC type", {prefixNAL}, false, 4, "AVC: Could not detect NAL length size, defaulting to 4 bytes"},
+      {hevc, {four}, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
+      {hevc, {two, four, two}, 2, "Detected NAL length size: 2 bytes (verified across 2 sample(s))"},
+      {hevc, {two, four}, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
+      {hevc, {sampleOf({slice}), {0, 0, 9}}, 4, "Could not detect NAL length size, defaulting to 4 bytes"},
+      {hevc, {}, 4, "No samples provided for NAL length detection, defaulting to 4 bytes"},
+      {avc, {avcFour}, 4, "AVC: Detected NAL length size: 4 bytes"},
+      {avc, {avcTwo}, 2, "AVC: Detected NAL length size: 2 bytes"},
+      {avc, {prefixNAL}, 4, "AVC: Could not detect NAL length size, defaulting to 4 bytes"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
     auto& file = open(c.samples);
     file.seek(3);
-    EXPECT_EQ(c.hevc ? NALUnitParser::detectNALLengthSize(file, samples_)
-                     : NALUnitParser::detectAVCNALLengthSize(file, samples_),
-              c.size);
+    EXPECT_EQ(c.detect(file, samples_), c.size);
     EXPECT_EQ(file.offset(), 3u);
     EXPECT_EQ(log_.lines().back(), c.lastLine);
   }
@@ -114,58 +106,39 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
 }
 
 TEST_F(NALUnits, HEVCSetsAreCollectedOnceAndReusedIdentifiersNoticed) {
-  const Bytes sameIDSPS = HEVCSPS{.marker = 7}.bytes();
-  const Bytes smallSPS = HEVCSPS{.id = 1, .width = 1280, .height = 720}.bytes();
-  const Bytes brokenSPS = HEVCSPS{.id = 2, .width = 0}.bytes();
-  struct Case {
-    const char* what;
-    std::vector<Bytes> units;  // a second sync sample's, behind one of VPS, SPS and PPS
-    size_t vps, sps, pps, sizes;
-    bool reused, resized;
+  const Bytes sameID = HEVCSPS{.marker = 7}.bytes();
+  const Bytes smaller = HEVCSPS{.id = 1, .width = 1280, .height = 720}.bytes();
+  const Bytes broken = HEVCSPS{.id = 2, .width = 0}.bytes();
+  // The units of a second sync sample, behind one of VPS, SPS and PPS; then how many sets and sizes there are.
+  const std::pair<std::vector<Bytes>, const char*> cases[] = {
+      {{vps, sps, pps, slice}, "1 1 1 sizes 1"},          {{sameID, sps, slice}, "1 2 1 sizes 2 reused"},
+      {{smaller, slice}, "1 2 1 sizes 2 resized"},        {{broken, slice}, "1 2 1 sizes 1"},
+      {{hevcVPS(0, 2)}, "2 1 1 sizes 1 reused"},          {{hevcPPS(0, 2)}, "1 1 2 sizes 1 reused"},
+      {{hevcVPS(1, 2), hevcPPS(70, 2)}, "2 1 2 sizes 1"}, {{sei, hevcPPS(1, 1)}, "1 1 2 sizes 1"},
+      {{slice, hevcPPS(1, 1)}, "1 1 1 sizes 1"},
   };
-  const Case cases[] = {
-      {"repeated", {vps, sps, pps, slice}, 1, 1, 1, 1, false, false},
-      {"SPS of the same size under the same id, then the first again",
-       {sameIDSPS, sps, slice},
-       1,
-       2,
-       1,
-       2,
-       true,
-       false},
-      {"SPS of another size under another id", {smallSPS, slice}, 1, 2, 1, 2, false, true},
-      {"SPS without a size", {brokenSPS, slice}, 1, 2, 1, 1, false, false},
-      {"VPS under the same id", {hevcVPS(0, 2)}, 2, 1, 1, 1, true, false},
-      {"VPS and PPS under other ids", {hevcVPS(1, 2), hevcPPS(70, 2)}, 2, 1, 2, 1, false, false},
-      {"PPS under the same id", {hevcPPS(0, 2)}, 1, 1, 2, 1, true, false},
-      {"behind SEI", {sei, hevcPPS(1, 1)}, 1, 1, 2, 1, false, false},
-      {"behind a slice", {slice, hevcPPS(1, 1)}, 1, 1, 1, 1, false, false},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [units, expected] : cases) {
     for (int lengthSize : {1, 2, 4}) {
-      SCOPED_TRACE(c.what);
-      auto sets = scan({sampleOf({vps, sps, pps, sei, slice}, lengthSize), sampleOf(c.units, lengthSize)}, lengthSize);
-      EXPECT_EQ(sets.vpsArray.size(), c.vps);
-      EXPECT_EQ(sets.spsArray.size(), c.sps);
-      EXPECT_EQ(sets.ppsArray.size(), c.pps);
-      EXPECT_EQ(sets.spsRbspArray.size(), c.sps);
-      EXPECT_EQ(sets.spsResolutions.size(), c.sizes);
-      EXPECT_EQ(sets.requiresMultipleSampleEntries, c.reused);
-      EXPECT_EQ(sets.hasResolutionChanges, c.resized);
-      EXPECT_EQ(sets.spsArray[0], sps);
+      auto sets = scan({sampleOf({vps, sps, pps, sei, slice}, lengthSize), sampleOf(units, lengthSize)}, lengthSize);
+      EXPECT_EQ(fmt::format("{} {} {} sizes {}{}{}", sets.vpsArray.size(), sets.spsArray.size(), sets.ppsArray.size(),
+                            sets.spsResolutions.size(), sets.requiresMultipleSampleEntries ? " reused" : "",
+                            sets.hasResolutionChanges ? " resized" : ""),
+                expected);
+      EXPECT_EQ(sets.spsRbspArray.size(), sets.spsArray.size());
     }
   }
   EXPECT_TRUE(log_.contains(
       fmt::format("Found SPS ({} bytes) - resolution parsing failed (corrupt or unsupported format) - total SPS: 2",
-                  brokenSPS.size())));
+                  broken.size())));
 }
 
 TEST_F(NALUnits, AVCSetsAreFoundBehindSlicesAsFarAsTheSearchGoes) {
   const Bytes otherSPS = AVCSPS{.cropBottom = 4}.bytes();
   Bytes bigSlice(ParameterSetWalk::searchLimit - 4 - 4, 0x65);
   Bytes edgePPS = {0x68, 1};
-  auto sets = scanAVC({sampleOf({avcSPS, avcPPS, avcSlice, {0x68}, avcSPS}), sampleOf({{0x67, 0, 0, 3, 1}, otherSPS}),
-                       sampleOf({bigSlice, edgePPS}), sampleOf({Bytes(bigSlice.size() + 4, 0x65), {0x68, 2}})});
+  auto& file = open({sampleOf({avcSPS, avcPPS, avcSlice, {0x68}, avcSPS}), sampleOf({{0x67, 0, 0, 3, 1}, otherSPS}),
+                     sampleOf({bigSlice, edgePPS}), sampleOf({Bytes(bigSlice.size() + 4, 0x65), {0x68, 2}})});
+  auto sets = NALUnitParser::scanSamplesForAVCParameterSets(file, samples_, 4);
   EXPECT_EQ(sets.ppsArray, (std::vector<Bytes>{avcPPS, {0x68}, edgePPS}));
   EXPECT_EQ(sets.spsArray, (std::vector<Bytes>{avcSPS, {0x67, 0, 0, 3, 1}, otherSPS}));
   EXPECT_EQ(sets.spsRbspArray[0], Bytes(avcSPS.begin() + 1, avcSPS.end()));
@@ -180,7 +153,7 @@ TEST_F(NALUnits, AVCSetsAreFoundBehindSlicesAsFarAsTheSearchGoes) {
 TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
   const Bytes good = sampleOf({vps, sps, pps, slice});
   Bytes cut = sampleOf({hevcPPS(3, 3)});
-  cut.resize(cut.size() - 1);
+  cut.pop_back();
   auto sets = scan({{0, 0, 0, 0, 0x44, 1, 9},
                     {0x00, 0xA0, 0x00, 0x00, 0x44, 1, 9},  // a length of 10,485,760
                     {0, 0, 0, 1, 0x44, 1, 9},              // no room for the header
@@ -198,7 +171,7 @@ TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
   EXPECT_EQ(scan({sampleOf({longest, pps})}).ppsArray.size(), 0u);  // behind the search limit
   longest[0] = 0x44;
   auto& file = open({sampleOf({longest})});
-  samples_.push_back({.index = 1, .fileOffset = UINT64_MAX - 1, .size = 100, .isSyncSample = true});
+  addSample(UINT64_MAX - 1, 100);
   EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4).ppsArray, std::vector<Bytes>{longest});
   EXPECT_EQ(scan({good}, 3).ppsArray.size(), 0u);
 }
@@ -211,9 +184,7 @@ TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
   }
   auto& file = open({bytes});
   samples_.clear();
-  for (uint64_t i = 0; i < 60; ++i) {
-    samples_.push_back({.index = static_cast<int>(i), .fileOffset = 5 * i, .size = 10, .isSyncSample = true});
-  }
+  for (uint64_t i = 0; i < 60; ++i) addSample(5 * i, 10);
   EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4), NALUnitParserError);
 }
 
@@ -223,8 +194,7 @@ TEST_F(NALUnits, TenThousandSamplesCostTheirFronts) {
   auto handle = files_.open(directory_ / "big", OpenMode::creating);
   const Bytes front = sampleOf({vps, sps, pps, Bytes(2000, 0x4E), Bytes(90'000, 0x26)});
   for (uint64_t i = 0; i < sampleCount; ++i) {
-    samples_.push_back(
-        {.index = static_cast<int>(i), .fileOffset = i * sampleSize, .size = sampleSize, .isSyncSample = true});
+    addSample(i * sampleSize, sampleSize);
     handle->seek(i * sampleSize);
     handle->write(ByteView(front).first(2100));
   }
@@ -247,20 +217,16 @@ TEST_F(NALUnits, FilesWithoutUsableTracksAreRefusedInTheirOwnWords) {
     return std::string("nothing refused");
   };
   EXPECT_THROW(NALUnitParser::extractParameterSets(files_, file), MP4RemuxError);  // there is no file yet
-  struct Case {
-    Bytes contents;
-    MP4RemuxError expected;
-  };
-  Bytes incomplete = box("trak", {mediaBox("vide")});
-  const Case cases[] = {
+  const std::pair<Bytes, MP4RemuxError> cases[] = {
       {box("mdat", {Bytes(100)}), MP4RemuxError::corruptedMP4("moov box not found")},
       {box("moov", {trackBox("soun", {})}), MP4RemuxError::corruptedMP4("Video track stbl not found")},
-      {box("moov", {incomplete, trackBox("vide", {})}), MP4RemuxError::corruptedMP4("Video track stbl not found")},
+      {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}),
+       MP4RemuxError::corruptedMP4("Video track stbl not found")},
   };
-  for (const Case& c : cases) {
-    writeFileAtomically(files_, file, c.contents);
-    EXPECT_EQ(refusal(NALUnitParser::extractParameterSets), c.expected.description());
-    EXPECT_EQ(refusal(NALUnitParser::extractAVCParameterSets), c.expected.description());
+  for (const auto& [contents, expected] : cases) {
+    writeFileAtomically(files_, file, contents);
+    EXPECT_EQ(refusal(NALUnitParser::extractParameterSets), expected.description());
+    EXPECT_EQ(refusal(NALUnitParser::extractAVCParameterSets), expected.description());
   }
 
   // A track of one sample and two descriptions, without and with a VPS.

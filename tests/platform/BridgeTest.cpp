@@ -11,7 +11,6 @@ namespace tarn {
 namespace {
 
 using test::BridgeClient;
-using std::chrono_literals::operator""ms;
 
 std::string nested(size_t depth) {
   std::string text;
@@ -129,7 +128,7 @@ TEST(CAPPlugin, deliversEventsToThePresentListenerOnly) {
     });
     const auto isLast = [](const JSObject& data) { return *data.find("i")->get<int64_t>() == 99; };
     EXPECT_TRUE(page.waitForEvent("count", isLast));
-    EXPECT_FALSE(page.waitForEvent("lost", {}, 1ms));
+    EXPECT_FALSE(page.waitForEvent("lost", {}, std::chrono::milliseconds(1)));
     EXPECT_EQ(page.events().size(), 100u);
     sender.join();
   }

@@ -1,10 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <thread>
+
 #include "platform/Error.h"
 #include "platform/UserDefaults.h"
+#include "platform/host/PosixFileManager.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "support/FaultyFileManager.h"
+#include "support/TempDirectory.h"
 
 namespace tarn {
 namespace {
@@ -12,7 +17,6 @@ namespace {
 using test::Fault;
 using test::FaultyFileManager;
 using testing::AnyOf;
-using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 const std::string oldValue(3000, 'o');
@@ -149,6 +153,27 @@ TEST(UserDefaults, keepValuesOverAPowerCutFromTheFirstWriteOn) {
     EXPECT_EQ(defaults.integer("n"), std::numeric_limits<int64_t>::min());
     EXPECT_EQ(textOf(*defaults.data("a")), std::string_view("\0\xFF", 2));
     EXPECT_FALSE(defaults.data("gone"));
+  }
+}
+
+TEST(UserDefaults, giveWholeValuesToReadersBesideWriters) {
+  const test::TempDirectory home;
+  PosixFileManager host(home.path());
+  InMemoryFileManager memory;
+  for (FileManager* files : {static_cast<FileManager*>(&host), static_cast<FileManager*>(&memory)}) {
+    const Path directory = home.path() / "Defaults";
+    UserDefaults first(*files, directory);
+    UserDefaults second(*files, directory);  // with a lock of its own: only the files keep the two apart
+    first.setData("key", bytesOf(oldValue));
+    std::thread writer([&] {
+      for (int i = 0; i < 50; ++i) first.setData("key", bytesOf(i % 2 ? oldValue : newValue));
+    });
+    for (int i = 0; i < 50; ++i) {
+      second.setInteger("other", i);
+      EXPECT_THAT(textOf(second.data("key").value_or(Bytes())), AnyOf(oldValue, newValue));
+    }
+    writer.join();
+    EXPECT_THAT(files->contentsOfDirectory(directory), UnorderedElementsAre("key", "other"));
   }
 }
 

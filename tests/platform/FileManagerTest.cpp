@@ -3,9 +3,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <csignal>
+#include <limits>
 #include <numeric>
+#include <set>
 
 #include "platform/Error.h"
 #include "platform/FileManager.h"

@@ -8,7 +8,7 @@ namespace {
 
 class ScriptedURLSessionTest : public testing::Test {
  protected:
-  ~ScriptedURLSessionTest() override { std::filesystem::remove_all(root_); }
+  void TearDown() override { std::filesystem::remove_all(root_); }
 
   const Path root_ = std::filesystem::temp_directory_path() / ("tarn-scripted-" + makeUUID());
   PosixFileManager files_{root_};

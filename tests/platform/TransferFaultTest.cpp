@@ -46,6 +46,7 @@ void PrintTo(const Row& row, std::ostream* out) {
 std::vector<Row> rows() {
   const ServedFile two = ServedFile::of(versionTwo()).withETag("\"v2\"");
   const ServedFile weak = ServedFile::of(versionOne()).withETag("W/\"v1\"");
+  const ServedFile oddlyTagged = ServedFile::of(versionOne()).withETag("\"\xff\"");
   const Bytes first200k(versionOne().begin(), versionOne().begin() + 200'000);
   const Reply cutShort{.closeAfter = cut};
   const std::string range = "bytes=100000-";
@@ -65,6 +66,7 @@ std::vector<Row> rows() {
       {"cut short again and again", {cutShort, cutShort, cutShort}, {}, one, 0, 3, "bytes=200000-", "\"v1\""},
       {"cut short before the body", {{.closeAfter = 0}}, {}, one, 0, 2},
       {"cut short, weak entity tag", {{.file = weak, .closeAfter = cut}}, {.file = weak}, one, 0, 2, range, date},
+      {"cut short, entity tag not ASCII", {{.file = oddlyTagged, .closeAfter = cut}}, {}, one, 0, 2, range, date},
       {"cut short, no validator", {{.omitsValidators = true, .closeAfter = cut}}, {}, one, 0, 2},
       {"a stall", {{.stallAfter = cut}}, {}, one, 0, 2, range, "\"v1\""},
       {"stalls without end", {}, {.stallAfter = 0}, {}, CURLE_OPERATION_TIMEDOUT, 5},

@@ -89,6 +89,11 @@ class Listener : public NSURLSessionDownloadDelegate {
     std::lock_guard guard(mutex_);
     return heard_[taskIdentifier];
   }
+  /// The task as it came with its events.
+  TaskPointer task(int64_t taskIdentifier) {
+    std::lock_guard guard(mutex_);
+    return tasks_[taskIdentifier];
+  }
 
  private:
   void note(const TaskPointer& task, const std::function<void(Heard&)>& change) {
@@ -105,12 +110,6 @@ class Listener : public NSURLSessionDownloadDelegate {
   std::condition_variable changed_;
   std::map<int64_t, Heard> heard_;
   std::map<int64_t, TaskPointer> tasks_;
-
- public:
-  TaskPointer task(int64_t taskIdentifier) {
-    std::lock_guard guard(mutex_);
-    return tasks_[taskIdentifier];
-  }
 };
 
 /// A directory, and on it one process after another: a service, its session and its delegate.

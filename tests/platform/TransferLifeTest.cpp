@@ -246,6 +246,16 @@ TEST(TransferCancelTest, FromWithinAnEvent) {
   auto task = harness.download(server->url("/file"));
   EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).error->code(), URLError::cancelled);
 
+  // The last report comes when the file is ready for the hand-over; the cancellation wins.
+  harness.listener->onWrite = [&](NSURLSessionDownloadTask& reported) {
+    const auto delivery = harness.directory() / (std::to_string(reported.taskIdentifier()) + ".delivery");
+    if (std::filesystem::exists(delivery)) reported.cancel();
+  };
+  task = harness.download(server->url("/file"));
+  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).error->code(), URLError::cancelled);
+  EXPECT_FALSE(harness.listener->heard(task->taskIdentifier()).file);
+  EXPECT_EQ(harness.filesLeft(), 0U);
+
   // The file is the delegate's by then: the hand-over wins.
   harness.listener->onWrite = [](auto&) {};
   harness.listener->onFinish = [](NSURLSessionDownloadTask& finished, auto&) { finished.cancel(); };

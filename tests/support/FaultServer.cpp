@@ -114,7 +114,7 @@ struct Selection {
 
 /// Open-ended ranges only ("bytes=N-"), which is what a resuming client sends.
 Selection select(const ReceivedRequest& request, const ServedFile& file, const Reply& reply) {
-  const Selection whole{200, 0, file.size, {}};
+  Selection whole{200, 0, file.size, {}};
   const std::string range = request.header("range");
   const std::string condition = request.header("if-range");
   const bool isOtherVersion = !condition.empty() && condition != file.etag && condition != file.lastModified;
@@ -251,7 +251,7 @@ class FaultServer::Core {
   }
 
   bool sendBody(const Socket& socket, const ServedFile& file, const Selection& selection, const Reply& reply) {
-    constexpr uint64_t largestPiece = 256 * 1024;
+    constexpr uint64_t largestPiece = 256UL * 1024;
     constexpr uint64_t piecesPerSecond = 20;
     const uint64_t pace = reply.bytesPerSecond / piecesPerSecond;
     const uint64_t cut = std::min(reply.closeAfter.value_or(UINT64_MAX), reply.stallAfter.value_or(UINT64_MAX));

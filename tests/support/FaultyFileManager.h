@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <mutex>
 #include <set>
 
@@ -39,6 +40,7 @@ struct Fault {
   bool lasting = false;  ///< all later calls that count fail too, without effect: the process is dead
   Effect effect = Effect::none;
   std::set<FileOperation> among = {};  ///< the operations that count; all when empty
+  std::function<void()> strike = {};   ///< runs at the call, ahead of its failure: a kill, for one
 };
 
 /// Counts the operations on files and fails the one that a test chooses. Asking (exists, attributes, free space,
@@ -148,6 +150,7 @@ class FaultyFileManager : public ForwardingFileManager {
       FileOperation operation, Work work, HalfWork halfWork = [] {}) -> decltype(work()) {
     const auto fault = faultOfNextCall(operation);
     if (!fault) return work();
+    if (fault->strike) fault->strike();
     if (fault->effect == Fault::Effect::half) halfWork();
     if (fault->effect == Fault::Effect::whole) work();
     throw PosixError(fault->errnum, "fault of a test");

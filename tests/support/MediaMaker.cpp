@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -50,6 +51,11 @@ std::string hashLines(const std::string& text, int firstColumn = 0) {
 }
 
 }  // namespace
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
 
 ProcessResult runProcess(const std::vector<std::string>& command) {
   FILE* pipe = popen((commandLine(command) + "2>&1 </dev/null").c_str(), "r");

@@ -10,6 +10,9 @@ namespace tarn::test {
 
 /// Real media, made and read by ffmpeg and ffprobe.
 
+/// The words of a text, as a command line has them without quotes.
+std::vector<std::string> words(const std::string& text);
+
 /// A file made by `ffmpeg <arguments> <file>`, the file's ending given. Files are kept in a cache under the system's
 /// temporary directory, one for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
 Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending = ".mp4");

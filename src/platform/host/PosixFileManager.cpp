@@ -104,6 +104,7 @@ void PosixFileManager::moveItem(const Path& from, const Path& to) {
   if (errnum == 0) return;
   const auto facts = factsAt(from);
   if (errnum != EXDEV || !facts || S_ISDIR(facts->st_mode)) fail(errnum, "move to", to);
+  if (fileExists(to)) fail(EEXIST, "move to", to);  // before all the bytes are copied for nothing
 
   TempFile sibling(*this, hiddenSibling(to));
   copyItem(from, sibling.path());
@@ -174,7 +175,7 @@ std::optional<uint64_t> PosixFileManager::freeSpace(const Path& path) {
 }
 
 Path PosixFileManager::documentsDirectory(bool create) {
-  const Path path = home_ / "Documents";
+  Path path = home_ / "Documents";
   if (create) {
     createDirectory(path);
   } else if (!fileExists(path)) {
@@ -184,7 +185,7 @@ Path PosixFileManager::documentsDirectory(bool create) {
 }
 
 Path PosixFileManager::temporaryDirectory() {
-  const Path path = home_ / "tmp";
+  Path path = home_ / "tmp";
   createDirectory(path);
   return path;
 }

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace tarn {
@@ -22,6 +23,10 @@ std::optional<ContentRange::Span> parseSpan(std::string_view text) {
   const auto last = parseNumber(text.substr(dash + 1));
   if (!first || !last || *first > *last) return std::nullopt;
   return ContentRange::Span{*first, *last};
+}
+
+bool isPlainText(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 bool isEntityTag(std::string_view validator) {
@@ -67,11 +72,11 @@ std::optional<ContentRange> ContentRange::parse(std::string_view text) {
 }
 
 std::string ResponseHead::validator() const {
-  if (isEntityTag(etag)) return etag;
+  if (isEntityTag(etag) && isPlainText(etag)) return etag;
   const time_t modified = curl_getdate(lastModified.c_str(), nullptr);
   const time_t sent = curl_getdate(date.c_str(), nullptr);
   const bool isStrong = modified != -1 && sent != -1 && modified < sent;  // RFC 9110 8.8.2.2
-  return isStrong ? lastModified : std::string();
+  return isStrong && isPlainText(lastModified) ? lastModified : std::string();
 }
 
 BodyUse bodyUse(const ResponseHead& head, const ResumePoint& asked) {

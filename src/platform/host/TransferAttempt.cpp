@@ -10,7 +10,7 @@
 namespace tarn {
 namespace {
 
-constexpr long bufferSize = 512 * 1024;  // with libcurl's 16 KiB the copying loop costs more than the copying
+constexpr long bufferSize = 512L * 1024;  // fewer and larger writes than with 16 KiB, the default of libcurl
 constexpr long maximumRedirects = 20;
 constexpr const char* protocols = "http,https";
 
@@ -152,7 +152,6 @@ void TransferAttempt::decide() {
   use_ = bodyUse(head, asked_);
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
-  const TransferRecord before = record_;
   if (use_ == BodyUse::replace) {
     record_.validator = head.validator();
     record_.expectedSize = head.contentLength;
@@ -160,8 +159,7 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  const bool hasChanged = before.validator != record_.validator || before.expectedSize != record_.expectedSize;
-  if (hasChanged) store_.save(record_);
+  if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
 /// Flushed, lest after a power cut the old bytes stand beside the new version's record.

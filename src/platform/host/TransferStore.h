@@ -20,6 +20,8 @@ struct TransferRecord {
   std::string validator;                 ///< version of the bytes in the partial file, for If-Range; empty: none
   std::optional<uint64_t> expectedSize;  ///< size of the whole file in bytes, once told
   bool complete = false;                 ///< the partial file is whole and on stable storage
+
+  bool operator==(const TransferRecord&) const = default;
 };
 
 /// The records of all transfers, with the places of their files: `<taskIdentifier>.json`, and beside it
@@ -59,6 +61,7 @@ class TransferStore {
 
  private:
   Path recordFile(int64_t taskIdentifier) const;
+  void makeDirectory();
   void load();
   void loadRecord(int64_t taskIdentifier);
   void write(const TransferRecord& record);

@@ -214,7 +214,8 @@ class InMemoryFileManager::Handle : public FileHandle {
 
   void synchronize() override {
     std::lock_guard guard(disk_->mutex);
-    openNode().durableBytes = node_->bytes;
+    Node& node = openNode();
+    node.durableBytes = node.bytes;
   }
 
   void close() override {
@@ -250,7 +251,7 @@ class InMemoryFileManager::Handle : public FileHandle {
 
 InMemoryFileManager::InMemoryFileManager(Path home) : home_(std::move(home)), disk_(std::make_shared<Disk>()) {
   disk_->root = disk_->makeNode(true);
-  createDirectory(home_);
+  InMemoryFileManager::createDirectory(home_);
 }
 
 InMemoryFileManager::~InMemoryFileManager() = default;

@@ -156,7 +156,7 @@ void ScriptedURLSessionService::handOver(const TaskPointer& task, const Path& lo
   });
 }
 
-void ScriptedURLSessionService::complete(const std::string& url, std::optional<Error> error) {
+void ScriptedURLSessionService::complete(const std::string& url, const std::optional<Error>& error) {
   end(task(url), error);
 }
 

@@ -74,7 +74,7 @@ class ScriptedURLSessionService : public NSURLSessionService {
   void finishWithoutFile(const std::string& url);
 
   /// The last event of a task. A task that has been cancelled hears of that in place of `error`.
-  void complete(const std::string& url, std::optional<Error> error = std::nullopt);
+  void complete(const std::string& url, const std::optional<Error>& error = std::nullopt);
 
   /// The last event of every task that has been cancelled since the last call; the real service sends it late, too.
   void deliverCancellations();

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+
+#include "app/EngineClient.h"
+#include "app/FileNames.h"
+#include "app/Host.h"
+#include "app/RunJournal.h"
+#include "app/TarnProcess.h"
+#include "platform/host/PosixFileManager.h"
+#include "support/FaultServer.h"
+#include "support/FaultyFileManager.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+int64_t idOf(const JSObject& data) {
+  return *data.find("id")->get<int64_t>();
+}
+std::string statusOf(const JSObject& data) {
+  return *data.find("status")->get<std::string>();
+}
+
+TEST(HostTest, TwelveSavesAtOnceUseThreeSlotsAndAreAllSaved) {
+  TempDirectory place;
+  PosixFileManager files(place.path());
+  FaultServer server;
+  std::set<int64_t> ids;
+  std::set<int64_t> ended;
+  size_t mostActive = 0;
+  {
+    Host host(files, {.home = place.path()});
+    EngineClient client(host.plugin());
+    host.start();
+    for (int i = 0; i < 12; ++i) {
+      const std::string path = "/clip" + std::to_string(i) + ".mp4";
+      server.serve(path, ServedFile::of(Bytes(100'000, static_cast<uint8_t>(i))), {}, {.bytesPerSecond = 1'000'000});
+      auto answer =
+          client.call("saveVideo", {{"url", server.url(path)}, {"album", "Many"}, {"filename", path.substr(1)}});
+      ASSERT_TRUE(answer.resolved);
+      ids.insert(idOf(answer.data));
+    }
+    EXPECT_EQ(ids.size(), 12U) << "ids of one second differ";
+    while (ended.size() < 12) {
+      auto event = client.nextEvent(std::chrono::milliseconds(20));
+      if (event && event->name == "downloadComplete") {
+        EXPECT_EQ(statusOf(event->data), "STATUS_SUCCESSFUL");
+        ended.insert(idOf(event->data));
+      }
+      size_t active = 0;
+      const JSObject tasks = client.call("getActiveDownloads").data;
+      for (const auto& [key, task] : tasks.members()) {
+        const std::string status = statusOf(*task.get<JSObject>());
+        if (status == "STATUS_RUNNING" || status == "STATUS_PROCESSING") ++active;
+      }
+      mostActive = std::max(mostActive, active);
+    }
+    for (int64_t id : ids) client.waitUntilGone(id);
+  }
+  EXPECT_EQ(mostActive, 3U);
+  EXPECT_EQ(ended, ids);
+  EXPECT_EQ(savedFiles(place.path()).size(), 12U);
+  EXPECT_EQ(leftIn(place.path()), "");
+}
+
+/// A disk that fills at each call, spread over three tests.
+class FullDisk : public testing::TestWithParam<uint64_t> {};
+
+TEST_P(FullDisk, LosesNothing) {
+  FaultServer server;
+  const std::string content(300'000, 'v');
+  server.serve("/clip.mp4", ServedFile::of(Bytes(content.begin(), content.end())));
+  size_t faults = 0;
+  for (uint64_t call = 1 + GetParam();; call += 3) {
+    SCOPED_TRACE("full at call " + std::to_string(call));
+    TempDirectory place;
+    PosixFileManager real(place.path());
+    FaultyFileManager files(real);
+    using enum FileOperation;
+    bool isSaved = false;
+    {
+      Host host(files, {.home = place.path()});
+      EngineClient client(host.plugin());
+      host.start();
+      files.arm({.call = call,
+                 .errnum = ENOSPC,
+                 .effect = Fault::Effect::half,
+                 .among = {open, write, flush, createDirectory, copy, link, move, replace}});
+      auto answer =
+          client.call("saveVideo", {{"url", server.url("/clip.mp4")}, {"album", "Trips"}, {"filename", "clip.mp4"}});
+      ASSERT_TRUE(answer.resolved) << answer.message;
+      while (auto event = client.nextEvent(std::chrono::seconds(20))) {
+        if (event->name != "downloadComplete") continue;
+        isSaved = statusOf(event->data) == "STATUS_SUCCESSFUL";
+        break;
+      }
+      if (!files.fired()) break;
+      ++faults;
+      files.disarm();
+    }
+    // The space is there again: what was not saved is saved by the next try, and nothing is there twice.
+    runTarn(place.path(), {"resume"});
+    if (!isSaved && savedFiles(place.path()).empty()) {
+      auto again = runTarn(place.path(), {"save", server.url("/clip.mp4"), "--album", "Trips"});
+      ASSERT_EQ(again.exitCode, 0) << again.errors;
+    }
+    ASSERT_EQ(savedFiles(place.path()).size(), 1U);
+    EXPECT_EQ(contentOf(place.path() / "Photos" / savedFiles(place.path())[0]), content);
+    EXPECT_TRUE(std::filesystem::is_empty(place.path() / "tmp"));
+    EXPECT_TRUE(std::filesystem::is_empty(place.path() / "Transfers"));
+  }
+  EXPECT_GT(faults, 10U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, FullDisk, testing::Range<uint64_t>(0, 3));
+
+TEST(HostTest, DefaultNamesComeFromTheURL) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"http://h/a/clip.MOV?x=1#y", "clip.MOV"},
+      {"http://h/", "video.mp4"},
+      {"http://h", "video.mp4"},
+      {"http://h/%2e%2e", "video.mp4"},
+      {"http://h/a%2Fb", "a_b.mp4"},
+      {"http://h/.mp4", "mp4.mp4"},
+      {"http://h/%ff%zz", "%ff%zz.mp4"},
+      {"http://h/clip.txt", "clip.txt.mp4"},
+  };
+  for (const auto& [url, name] : rows) EXPECT_EQ(defaultFilename(url), name) << url;
+  std::string umlauts;
+  for (int i = 0; i < 150; ++i) umlauts += "%C3%A4";
+  const std::string name = defaultFilename("http://h/" + umlauts);
+  EXPECT_EQ(name.size(), 200U);
+  EXPECT_TRUE(name.ends_with("\xC3\xA4.mp4"));
+}
+
+TEST(HostTest, TheJournalKeepsTheWordsOfEachDownload) {
+  RunJournal journal;
+  for (const char* line : {
+           "Download completed with error 5 HTTP status 404",
+           "Video saved successfully, asset ID: A-1",
+           "Processing completed for download 6, status: completed",
+           "ERROR saving to Photos: the disk is full",
+           "Processing completed for download 7, status: failed",
+           "Processing failed for download 8: moov box not found",
+       }) {
+    journal.read(line);
+  }
+  EXPECT_EQ(journal.failure(5), "HTTP status 404");
+  EXPECT_EQ(journal.assetId(6), "A-1");
+  EXPECT_FALSE(journal.failure(6) || journal.assetId(7));
+  EXPECT_EQ(journal.failure(7), "the disk is full");
+  EXPECT_EQ(journal.failure(8), "moov box not found");
+}
+
+}  // namespace
+}  // namespace tarn::test
