@@ -44,8 +44,12 @@ DownloadManager::~DownloadManager() = default;
 
 std::set<int64_t> DownloadManager::idsOfStoredTransfers() {
   std::set<int64_t> ids;
-  for (const std::string& text : platform_.transfers.storedTaskDescriptions()) {
-    if (auto note = TransferNote::parse(text)) ids.insert(note->id);
+  try {
+    for (const std::string& text : platform_.transfers.storedTaskDescriptions()) {
+      if (auto note = TransferNote::parse(text)) ids.insert(note->id);
+    }
+  } catch (const Error& error) {
+    log("Stored transfers cannot be read: {}", error.description());
   }
   return ids;
 }
@@ -290,7 +294,11 @@ int64_t DownloadManager::getMaxConcurrentDownloads() {
 }
 
 void DownloadManager::setMaxConcurrentDownloads(int64_t limit) {
-  log("Max concurrent downloads set to: {}", queue_.setLimit(limit));
+  try {
+    log("Max concurrent downloads set to: {}", queue_.setLimit(limit));
+  } catch (const Error& error) {
+    log("Max concurrent downloads could not be stored: {}", error.description());
+  }
   startNextQueuedDownloads();
 }
 

@@ -62,7 +62,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   std::vector<DownloadTaskPointer> getActiveDownloads() const;
 
   int64_t getMaxConcurrentDownloads();
-  /// Clamps to 1 to 10, and starts what may start now. Throws PosixError when the limit cannot be stored.
+  /// Clamps to 1 to 10, and starts what may start now. A limit that cannot be stored stays as it was.
   void setMaxConcurrentDownloads(int64_t limit);
   size_t getQueuedDownloadCount() const;
 
