@@ -59,6 +59,8 @@ namespace boxwalk {
 inline constexpr std::string_view containerTypes[] = {"moov", "trak", "mdia", "minf", "stbl", "edts",
                                                       "mvex", "moof", "traf", "mfra", "udta", "sinf"};
 
+inline constexpr std::string_view trackContainerTypes[] = {"moov", "trak", "mdia", "minf", "stbl", "edts", "udta"};
+
 using P = BoxWalkPolicy;
 
 // clang-format off
@@ -71,6 +73,10 @@ inline constexpr P bufferDeep          {P::EndRule::headerInside,    P::SizeZero
 inline constexpr P sampleEntryChildren {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::namedOrEnd, P::Overrun::endsWalk,  {}};
 inline constexpr P openChildren        {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P protectionChildren  {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
+inline constexpr P topLevelScan        {P::EndRule::beginsInside,    P::SizeZero::reachesEndOfFile,  P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
+inline constexpr P movieBuffer         {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
+inline constexpr P trackBuffer         {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
+inline constexpr P trackBufferDeep     {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, trackContainerTypes};
 // clang-format on
 
 }  // namespace boxwalk

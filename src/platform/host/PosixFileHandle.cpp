@@ -125,6 +125,8 @@ uint64_t PosixFileHandle::copyInKernel(PosixFileHandle& target, uint64_t count) 
         repeatInterrupted([&] { return ::copy_file_range(descriptor_, &from, target.descriptor_, &to, piece, 0); });
     if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG)) fail(errno, "copy");
     if (moved <= 0) break;  // any other refusal means "not between these two": reading and writing decides
+    // The disk begins while the copy goes on, so that a flush at its end has less to wait for. Only a hint.
+    ::sync_file_range(target.descriptor_, static_cast<off_t>(target.offset_), moved, SYNC_FILE_RANGE_WRITE);
     copied += static_cast<uint64_t>(moved);
     offset_ += static_cast<uint64_t>(moved);
     target.offset_ += static_cast<uint64_t>(moved);

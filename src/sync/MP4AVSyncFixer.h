@@ -1,0 +1,71 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mp4/MP4BoxUtils.h"
+#include "pipeline/CancellationToken.h"
+#include "pipeline/NamesInTheMaking.h"
+#include "pipeline/OriginalSyncInfo.h"
+#include "pipeline/RemuxTimingHelper.h"
+#include "platform/Bytes.h"
+#include "platform/FileManager.h"
+#include "sync/MoovRewrite.h"
+#include "sync/SyncFixPlan.h"
+#include "sync/TrackTimingInfo.h"
+
+namespace tarn {
+
+/// Finds out where a file's tracks start, and writes edit lists (ISO/IEC 14496-12 8.6.6) that make them start together
+/// as they did in the source. No state; an operation works on the thread of its caller. Failures are AVSyncError, and
+/// those of the file layer unchanged; whatever fails, the file is as it was.
+class MP4AVSyncFixer {
+ public:
+  /// How the tracks of a file stand to each other by its edit lists. A file without audio has no audio rows, 48000 and
+  /// 2112.
+  static OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& fileURL);
+
+  /// Fixes a file in place. True when its `moov` was rewritten, false when nothing had to be done.
+  /// `token` (may be null) is asked at the start and before the rewrite; a set one throws CancellationError.
+  /// `timings` (may be null) is filled. `original` comes from readOriginalSyncInfo on the file as it was before any
+  /// repair. `audioWasTranscoded` says that the audio track is not the source's any more. `names` (may be null) holds
+  /// the temp file's name while it is written.
+  static bool fix(FileManager& files, const Path& fileURL, const CancellationToken* token, AVSyncTimings* timings,
+                  const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded,
+                  NamesInTheMaking* names = nullptr);
+
+  /// What `fix` would write, without writing it; nothing for a file without a usable audio track.
+  static std::optional<SyncFixPlan> plan(FileManager& files, const Path& fileURL,
+                                         const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded);
+
+  /// Puts the edit lists and durations into the file's `moov` and moves the chunk offsets of all its tracks if the
+  /// media moves. The boxes must have been found in this file.
+  static void rewriteMoovWithBothEdts(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                      const MP4BoxInfo& videoTrakBox, const std::optional<MP4BoxInfo>& audioTrakBox,
+                                      const MoovEdits& edits, NamesInTheMaking* names = nullptr);
+
+  // Parsers of a file that is open for reading. They move its position.
+
+  /// Ticks per second of the `mvhd`; never 0.
+  static uint32_t parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moovBox);
+
+  static TrackTimingInfo parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox);
+
+  /// Nothing when there is no audio track, or none with a timescale. Priming counts for replaced audio alone.
+  static std::optional<AudioTrackTimingInfo> parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
+                                                                 bool audioWasTranscoded);
+
+  /// The track's edit list, video or audio, at most 16 rows; empty when there is none.
+  static std::vector<EditListEntry> parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox, MP4TrackType type);
+
+  /// The format of the first sample entry; "unknown" when it cannot be read.
+  static std::string parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox);
+
+  /// The duration of a whole `mdhd`, track timescale; 0 when it is cut short.
+  static int64_t parseMdhdDuration(ByteView mdhd);
+
+  static int64_t getDefaultEncoderDelay(const std::string& codec);
+};
+
+}  // namespace tarn

@@ -1,0 +1,27 @@
+#include "sync/SourceFile.h"
+
+#include "sync/ErrorTypes.h"
+
+namespace tarn {
+
+std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenMode mode, const char* failureWords) {
+  try {
+    return files.open(path, mode);
+  } catch (const PosixError&) {
+    throw AVSyncError::fileHandleError(failureWords);
+  }
+}
+
+std::unique_ptr<FileHandle> openSourceFile(FileManager& files, const Path& fileURL) {
+  if (!files.fileExists(fileURL)) throw AVSyncError::fileNotFound();
+  return openFile(files, fileURL, OpenMode::reading, "Cannot open file");
+}
+
+MP4BoxInfo requireMoov(FileHandle& file) {
+  file.seek(0);
+  auto moov = MP4BoxUtils::findBox(file, "moov", topLevelSearchLimit);
+  if (!moov) throw AVSyncError::corruptedMP4("moov box not found");
+  return *moov;
+}
+
+}  // namespace tarn

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace tarn::layout {
+
+// Where the fields of the timing boxes lie (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the
+// box's first byte, row fields from the row's first byte; boxes have 8-byte headers.
+
+/// A big-endian field: place and width in bytes.
+struct Field {
+  size_t offset;
+  size_t width;
+
+  constexpr size_t end() const { return offset + width; }
+};
+
+inline constexpr Field boxSize{0, 4};
+inline constexpr Field boxType{4, 4};
+inline constexpr size_t boxHeaderSize = 8;
+
+inline constexpr Field version{8, 1};
+inline constexpr Field versionAndFlags{8, 4};
+inline constexpr uint64_t versionWord(uint8_t boxVersion) {
+  return uint64_t{boxVersion} << 24;
+}
+
+/// elst, ctts, stts, stss, stco: a full box that holds a count and then the rows.
+inline constexpr Field entryCount{12, 4};
+inline constexpr size_t tableHeaderSize = 16;
+
+/// elst row (8.6.6.2).
+struct EditRow {
+  size_t size;
+  Field duration;
+  Field mediaTime;
+  Field mediaRate;
+};
+inline constexpr EditRow editRow32{12, {0, 4}, {4, 4}, {8, 4}};
+inline constexpr EditRow editRow64{20, {0, 8}, {8, 8}, {16, 4}};
+inline constexpr const EditRow& editRow(bool is64Bit) {
+  return is64Bit ? editRow64 : editRow32;
+}
+
+/// ctts and stts row (8.6.1): so many samples with this offset or delta.
+inline constexpr size_t runRowSize = 8;
+inline constexpr Field runSampleCount{0, 4};
+inline constexpr Field runValue{4, 4};
+
+/// stss row (8.6.2).
+inline constexpr size_t syncRowSize = 4;
+inline constexpr Field syncSampleNumber{0, 4};
+
+/// mdhd (8.4.2) and mvhd (8.2.2) agree as far as these fields go.
+struct TimeHeader {
+  Field timescale;
+  Field duration;
+};
+inline constexpr TimeHeader timeHeader32{{20, 4}, {24, 4}};
+inline constexpr TimeHeader timeHeader64{{28, 4}, {32, 8}};
+inline constexpr const TimeHeader& timeHeader(bool is64Bit) {
+  return is64Bit ? timeHeader64 : timeHeader32;
+}
+
+/// tkhd (8.3.2).
+inline constexpr Field trackDuration32{28, 4};
+inline constexpr Field trackDuration64{36, 8};
+inline constexpr const Field& trackDuration(bool is64Bit) {
+  return is64Bit ? trackDuration64 : trackDuration32;
+}
+
+/// sgpd (8.9.3). What follows the grouping type depends on the version.
+inline constexpr Field groupingType{12, 4};
+struct GroupDescriptionHeader {
+  Field defaultLength;  ///< not there in version 0
+  Field entryCount;
+};
+inline constexpr GroupDescriptionHeader groupDescriptionHeader(unsigned boxVersion) {
+  if (boxVersion == 0) return {{}, {16, 4}};
+  return {{16, 4}, {boxVersion == 1 ? size_t{20} : size_t{24}, 4}};
+}
+
+/// hdlr (8.4.3).
+inline constexpr Field handlerType{16, 4};
+
+/// stsd (8.5.2): the format of the first sample entry.
+inline constexpr Field sampleEntryFormat{20, 4};
+
+/// The field of a box or row that begins at `base`. The caller has tested that the bytes are there.
+inline uint64_t load(const uint8_t* base, const Field& field) {
+  uint64_t value = 0;
+  for (size_t i = 0; i < field.width; ++i) value = value << 8 | base[field.offset + i];
+  return value;
+}
+
+inline uint32_t load32(const uint8_t* base, const Field& field) {
+  return static_cast<uint32_t>(load(base, field));
+}
+
+/// The same for a field in two's complement.
+inline int64_t loadSigned(const uint8_t* base, const Field& field) {
+  auto unused = 8 * (sizeof(uint64_t) - field.width);
+  return static_cast<int64_t>(load(base, field) << unused) >> unused;
+}
+
+/// Writes the low bits of `value` that the field holds.
+inline void store(uint8_t* base, const Field& field, uint64_t value) {
+  for (size_t i = field.width; i-- > 0; value >>= 8) base[field.offset + i] = static_cast<uint8_t>(value);
+}
+
+constexpr uint32_t fourCC(const char (&code)[5]) {
+  uint32_t value = 0;
+  for (size_t i = 0; i < 4; ++i) value = value << 8 | static_cast<uint8_t>(code[i]);
+  return value;
+}
+
+}  // namespace tarn::layout

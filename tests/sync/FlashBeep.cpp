@@ -1,0 +1,159 @@
+#include "sync/FlashBeep.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <stdexcept>
+
+#include "mp4/DataExtensions.h"
+#include "platform/host/PosixFileManager.h"
+#include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
+#include "support/MediaMaker.h"
+
+namespace tarn::test {
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+Path tracksTogether() {
+  return madeByFFmpeg(
+      {"-f",       "lavfi",
+       "-i",       "color=black:s=192x144:r=25:d=3,drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
+       "-f",       "lavfi",
+       "-i",       "aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000:d=3",
+       "-c:v",     "libx264",
+       "-bf",      "2",
+       "-pix_fmt", "yuv420p",
+       "-preset",  "veryfast",
+       "-c:a",     "aac",
+       "-b:a",     "96k"});
+}
+
+/// Time of the second white frame.
+double secondFlash(const Path& file) {
+  auto frames = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:v:0", "-vf",
+                            "signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-", "-f", "null", "-"});
+  std::istringstream lines(frames.output);
+  double time = 0;
+  int flashes = 0;
+  for (std::string line; std::getline(lines, line);) {
+    auto value = [&](const char* key) { return std::stod(line.substr(line.find(key) + std::string(key).size())); };
+    if (line.find("pts_time:") != std::string::npos) time = value("pts_time:");
+    if (line.find("YAVG=") != std::string::npos && value("YAVG=") > 128 && ++flashes == 2) return time;
+  }
+  throw std::runtime_error("no second flash: " + frames.output);
+}
+
+/// Time of the first loud sample half a second or more behind the first.
+double secondBeep(const Path& file) {
+  // Time 0 of the presentation becomes the first sample: silence goes ahead of a late start.
+  auto pcm = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:a:0", "-af",
+                         "aresample=first_pts=0", "-ac", "1", "-f", "s16be", "-"});
+  constexpr double rate = 48000;
+  double first = -1;
+  for (size_t i = 0; 2 * i + 1 < pcm.output.size(); ++i) {
+    auto high = static_cast<int8_t>(pcm.output[2 * i]);
+    if (std::abs(high) < 38) continue;
+    double time = static_cast<double>(i) / rate;
+    if (first < 0) first = time;
+    if (time > first + 0.5) return time;
+  }
+  throw std::runtime_error("no second beep");
+}
+
+using LeafChange = std::function<Bytes(std::string_view type, Bytes box)>;
+using ChildrenChange = std::function<void(std::vector<Bytes>& children)>;
+
+std::string_view typeOf(const Bytes& box) {
+  return textOf(ByteView(box).subspan(4, 4));
+}
+
+Bytes rebuilt(Bytes whole, const LeafChange& leafChange, const ChildrenChange& childrenChange) {
+  auto type = typeOf(whole);
+  if (type != "moov" && type != "trak" && type != "edts" && type != "mdia") return leafChange(type, whole);
+  std::vector<Bytes> children;
+  for (size_t at = 8; at < whole.size(); at += readUInt32(whole, at).value()) {
+    auto begin = whole.begin() + static_cast<ptrdiff_t>(at);
+    children.push_back(rebuilt({begin, begin + readUInt32(whole, at).value()}, leafChange, childrenChange));
+  }
+  childrenChange(children);
+  Bytes contents;
+  for (const Bytes& child : children) contents.insert(contents.end(), child.begin(), child.end());
+  return box(type, {contents});
+}
+
+void rewriteMoov(const Path& file, const LeafChange& leafChange, const ChildrenChange& childrenChange) {
+  PosixFileManager files(file.parent_path());
+  BoxEditor editor(readFile(files, file));
+  Bytes moov = rebuilt(editor.get("moov"), leafChange, childrenChange);
+  if (editor.at("moov").end() != editor.bytes.size()) throw std::runtime_error("the moov is not the last box");
+  editor.bytes.resize(editor.at("moov").offset);
+  writeFileAtomically(files, file, joined({editor.bytes, moov}));
+}
+
+/// The version-1 form of a version-0 box: these 32-bit fields (by index behind version and flags) grow to 64 bits.
+Bytes widened(const Bytes& whole, const std::vector<size_t>& wideFields) {
+  Bytes contents;
+  ByteWriter writer(contents);
+  writer.uint32(0x01000000);
+  for (size_t i = 0, at = 12; at < whole.size(); ++i, at += 4) {
+    uint32_t value = readUInt32(whole, at).value();
+    bool isWide = std::ranges::find(wideFields, i) != wideFields.end();
+    // Sign-extended, so that a media time of -1 stays one.
+    if (isWide) writer.uint32(value == 0xFFFFFFFF ? value : 0);
+    writer.uint32(value);
+  }
+  return box(typeOf(whole), {contents});
+}
+
+}  // namespace
+
+Path flashBeepClip(double audioLate, const Arguments& muxerArguments, bool audioFirst, bool twoAudioTracks) {
+  Path clip = tracksTogether();
+  auto input = [&](double late) { return Arguments{"-itsoffset", std::to_string(late), "-i", clip}; };
+  Arguments arguments = input(std::max(0.0, -audioLate));
+  Arguments audio = input(std::max(0.0, audioLate));
+  arguments.insert(arguments.end(), audio.begin(), audio.end());
+  Arguments maps{"-map", "0:v", "-map", "1:a"};
+  if (audioFirst) std::swap(maps[1], maps[3]);
+  arguments.insert(arguments.end(), maps.begin(), maps.end());
+  if (twoAudioTracks) arguments.insert(arguments.end(), {"-map", "1:a"});
+  arguments.insert(arguments.end(), {"-c", "copy"});
+  arguments.insert(arguments.end(), muxerArguments.begin(), muxerArguments.end());
+  return madeByFFmpeg(arguments);
+}
+
+double beepAfterFlash(const Path& file) {
+  return secondBeep(file) - secondFlash(file);
+}
+
+std::string mediaHashes(const Path& file) {
+  return runProcess({"ffmpeg", "-v", "error", "-ignore_editlist", "1", "-i", file, "-map", "0", "-c", "copy", "-f",
+                     "streamhash", "-"})
+      .output;
+}
+
+void widenTimingBoxes(const Path& file) {
+  rewriteMoov(
+      file,
+      [](std::string_view type, Bytes whole) {
+        if (type == "mvhd" || type == "mdhd") return widened(whole, {0, 1, 3});
+        if (type == "tkhd") return widened(whole, {0, 1, 4});
+        if (type == "elst") return widened(whole, {1, 2, 4, 5});  // field 0 is the count, then three for each row
+        return whole;
+      },
+      [](std::vector<Bytes>&) {});
+}
+
+void moveEditListsToTrackEnds(const Path& file) {
+  rewriteMoov(
+      file, [](std::string_view, Bytes whole) { return whole; },
+      [](std::vector<Bytes>& children) {
+        std::ranges::stable_partition(children, [](const Bytes& child) { return typeOf(child) != "edts"; });
+      });
+}
+
+}  // namespace tarn::test
