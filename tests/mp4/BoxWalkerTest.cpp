@@ -176,6 +176,25 @@ TEST(BufferWalk, PoliciesDifferWhereTheyShould) {
   }
 }
 
+TEST(BufferWalk, ForCopyingEndsAtDamageAndPassesOddTypes) {
+  const Bytes data = joined({box("\xA9too", {Bytes(4)}),
+                             box("\xC3\xA9"
+                                 "ab"),
+                             box("last")});
+  EXPECT_EQ(walkBuffer(boxwalk::tableChildren, data), (Walked{"@0+12 \xC3\xA9"
+                                                              "ab@12+8 last@20+8",
+                                                              Reason::endOfLevel}));
+  EXPECT_EQ(walkBuffer(boxwalk::clonedChildren, data), (Walked{"@0+12 @12+8", Reason::endOfLevel}));
+  for (const auto& policy : {boxwalk::tableChildren, boxwalk::clonedChildren}) {
+    EXPECT_EQ(walkBuffer(policy, joined({box("free"), boxClaiming(50, "free", {Bytes(8)})})),
+              (Walked{"free@0+8", Reason::overrun}));
+    for (uint32_t size : {0, 1, 7}) {
+      EXPECT_EQ(walkBuffer(policy, joined({box("free"), boxClaiming(size, "free", {Bytes(8)})})),
+                (Walked{"free@0+8", Reason::badSize}));
+    }
+  }
+}
+
 TEST(BufferWalk, EntersContainersInPreOrderAndNotBehindTheirEnd) {
   Bytes trak = box("trak", {box("mdia", {box("hdlr", {Bytes(4)})}), box("meta", {box("mdia")})});
   EXPECT_EQ(walkBuffer(boxwalk::bufferDeep, joined({trak, box("free")})),
