@@ -36,6 +36,7 @@ struct RepairOptions {
 int saveCommand(const GlobalOptions& global, const SaveOptions& options);
 int resumeCommand(const GlobalOptions& global);
 int repairCommand(const GlobalOptions& global, const RepairOptions& options);
+int inspectCommand(const GlobalOptions& global, const std::string& file);
 int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
 int demoCommand(const GlobalOptions& global);
 

@@ -39,6 +39,11 @@ int run(int argc, char** argv) {
   repair->add_flag("--skip-video-fix", repairing.skipVideoFix, "Only copy the file");
   repair->add_flag("--skip-audio-fix", repairing.skipAudioFix, "Leave sound and timing as they are");
 
+  std::string inspected;
+  auto* inspect =
+      app.add_subcommand("inspect", "Tell what a file is, what is wrong with it and what a repair would do");
+  inspect->add_option("FILE", inspected, "It is not changed")->required();
+
   std::optional<std::string> album;
   auto* library = app.add_subcommand("library", "List the albums and what is in them");
   library->add_option("--album", album, "Only this album");
@@ -54,6 +59,7 @@ int run(int argc, char** argv) {
   if (save->parsed()) return saveCommand(global, saving);
   if (resume->parsed()) return resumeCommand(global);
   if (repair->parsed()) return repairCommand(global, repairing);
+  if (inspect->parsed()) return inspectCommand(global, inspected);
   if (library->parsed()) return libraryCommand(global, album);
   return demo->parsed() ? demoCommand(global) : ExitCode::usage;
 }
