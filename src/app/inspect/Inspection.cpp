@@ -10,8 +10,8 @@
 namespace tarn {
 namespace {
 
-bool holdsBox(const Inspection& inspection, std::string_view type) {
-  return std::ranges::any_of(inspection.boxes, [&](const TopLevelBox& box) { return box.type == type; });
+auto countBoxes(const Inspection& inspection, std::string_view type) {
+  return std::ranges::count(inspection.boxes, type, &TopLevelBox::type);
 }
 
 std::vector<std::string> problemsOfEntry(const SampleEntryFacts& entry) {
@@ -45,11 +45,16 @@ void listProblems(Inspection& inspection) {
         fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes));
   }
   if (inspection.boxesProblem) problems.push_back(*inspection.boxesProblem);
-  if (!holdsBox(inspection, "moov")) problems.emplace_back("there is no moov box");
-  if (holdsBox(inspection, "moof")) problems.emplace_back("it is fragmented: its moov does not list all samples");
+  if (countBoxes(inspection, "moov") == 0) problems.emplace_back("there is no moov box");
+  if (countBoxes(inspection, "moov") > 1) problems.emplace_back("there are several moov boxes; the first one counts");
+  if (countBoxes(inspection, "moof") > 0) problems.emplace_back("it is fragmented: its moov does not list all samples");
   if (!inspection.video) {
     problems.emplace_back("there is no video track");
     return;
+  }
+  if (inspection.video->missingSamples > 0) {
+    problems.push_back(
+        fmt::format("{} video samples end behind the end of the file", inspection.video->missingSamples));
   }
   if (inspection.video->problem) problems.push_back("sample table: " + *inspection.video->problem);
   for (const SampleEntryFacts& entry : inspection.video->entries) {

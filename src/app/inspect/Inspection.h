@@ -74,6 +74,7 @@ struct BitstreamFacts {
 /// The first video track, on which the repair works.
 struct VideoFacts {
   std::vector<SampleEntryFacts> entries;
+  int64_t missingSamples = 0;               ///< that end behind the file
   std::optional<std::string> problem;       ///< why the samples of the entries cannot be told
   std::optional<BitstreamFacts> bitstream;  ///< of HEVC and AVC
 };

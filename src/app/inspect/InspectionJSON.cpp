@@ -90,7 +90,9 @@ JSObject bitstreamJSON(const BitstreamFacts& facts) {
 }
 
 JSObject videoJSON(const VideoFacts& video) {
-  JSObject object{{"entries", arrayOf(video.entries, entryJSON)}, {"problem", orNull(video.problem)}};
+  JSObject object{{"entries", arrayOf(video.entries, entryJSON)},
+                  {"missingSamples", video.missingSamples},
+                  {"problem", orNull(video.problem)}};
   if (video.bitstream) object.set("bitstream", bitstreamJSON(*video.bitstream));
   return object;
 }

@@ -109,6 +109,22 @@ void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFac
   }
 }
 
+/// Counts the samples that end behind the end of the file.
+int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
+  const auto& sums = table.cumulativeSampleSizes();
+  const auto samples = static_cast<int64_t>(table.sampleSizes().size());
+  int64_t missing = 0;
+  for (size_t chunk = 0; chunk < table.chunkStartSampleIndex().size(); ++chunk) {
+    const int64_t first = table.chunkStartSampleIndex()[chunk];
+    const int64_t count = std::min(table.samplesInChunk()[chunk], samples - first);
+    if (count < 1) continue;
+    const uint64_t bytesThere = fileSize - std::min(fileSize, table.chunkOffsets()[chunk]);
+    const auto ends = std::span(sums).subspan(static_cast<size_t>(first), static_cast<size_t>(count) + 1);
+    missing += std::ranges::count_if(ends.subspan(1), [&](uint64_t end) { return end - ends.front() > bytesThere; });
+  }
+  return missing;
+}
+
 std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
   std::vector<size_t> sizes;
   for (const Bytes& unit : units) sizes.push_back(unit.size());
@@ -159,6 +175,7 @@ std::optional<VideoFacts> readVideo(FileHandle& file) {
     return video;
   }
   assignSamples(table, video.entries);
+  video.missingSamples = countMissing(table, file.seekToEnd());
   const std::string tag = video.entries.empty() ? "" : video.entries.front().tag;
   const bool isHEVC = tag == "hev1" || tag == "hvc1";
   if (isHEVC || tag == "avc1" || tag == "avc3") video.bitstream = readBitstream(file, table, isHEVC);
