@@ -43,6 +43,9 @@ class Host {
 
   /// True while stored work waits for a run.
   bool hasPendingWork();
+  /// True while the stores hold a transfer, or a run's record, of this download.
+  bool hasTransfer(int64_t id);
+  bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }
 
   TarnBridge& plugin() { return *plugin_; }
   HostApplication& application() { return application_; }

@@ -152,7 +152,7 @@ std::optional<Bytes> edtsOf(const std::optional<PlannedEditList>& list) {
 }
 
 bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov) {
-  auto file = openMediaFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
+  auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
   return !MP4AVSyncFixer::parseVideoEditList(*file, moov, MP4TrackType::video).empty();
 }
 

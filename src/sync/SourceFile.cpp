@@ -4,7 +4,7 @@
 
 namespace tarn {
 
-std::unique_ptr<FileHandle> openMediaFile(FileManager& files, const Path& path, OpenMode mode,
+std::unique_ptr<FileHandle> openTrackFile(FileManager& files, const Path& path, OpenMode mode,
                                           const char* failureWords) {
   try {
     return files.open(path, mode);
@@ -15,7 +15,7 @@ std::unique_ptr<FileHandle> openMediaFile(FileManager& files, const Path& path, 
 
 std::unique_ptr<FileHandle> openSourceFile(FileManager& files, const Path& fileURL) {
   if (!files.fileExists(fileURL)) throw AVSyncError::fileNotFound();
-  return openMediaFile(files, fileURL, OpenMode::reading, "Cannot open file");
+  return openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file");
 }
 
 MP4BoxInfo requireMoov(FileHandle& file) {
