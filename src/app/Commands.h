@@ -25,9 +25,18 @@ struct SaveOptions {
   bool skipAudioFix = false;
 };
 
+struct RepairOptions {
+  std::string input;
+  std::string output;
+  bool skipVideoFix = false;
+  bool skipAudioFix = false;
+};
+
 /// Each command returns its exit code. What it throws is a failure for the caller to print.
 int saveCommand(const GlobalOptions& global, const SaveOptions& options);
 int resumeCommand(const GlobalOptions& global);
+int repairCommand(const GlobalOptions& global, const RepairOptions& options);
+int inspectCommand(const GlobalOptions& global, const std::string& file);
 int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
 int demoCommand(const GlobalOptions& global);
 

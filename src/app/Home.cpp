@@ -87,4 +87,14 @@ LogFile::~LogFile() {
   setLogSink({});
 }
 
+QuietLog::QuietLog(bool verbose) {
+  setLogSink([verbose](std::string_view line) {
+    if (verbose) fmt::print(stderr, "{}\n", line);
+  });
+}
+
+QuietLog::~QuietLog() {
+  setLogSink({});
+}
+
 }  // namespace tarn

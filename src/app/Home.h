@@ -35,4 +35,13 @@ class LogFile {
   LogFile& operator=(const LogFile&) = delete;
 };
 
+/// Sends the log to standard error with `verbose`, else nowhere, until it is destroyed: for a command without a home.
+class QuietLog {
+ public:
+  explicit QuietLog(bool verbose);
+  ~QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+};
+
 }  // namespace tarn

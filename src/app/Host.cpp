@@ -27,8 +27,7 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(
-      platform, {.remux = &remuxStep_, .audio = &syncFactsStep_, .sync = &syncStep_, .last = &savingStep_});
+  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_));
 }
 
 Host::~Host() {

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "app/Home.h"
+#include "app/RepairSteps.h"
 #include "app/RunJournal.h"
 #include "platform/Platform.h"
 #include "platform/host/AsioDispatch.h"
@@ -13,8 +14,6 @@
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
-#include "remux/RemuxStep.h"
-#include "sync/SyncStep.h"
 
 namespace tarn {
 
@@ -65,9 +64,7 @@ class Host {
   ProcessingStateManager store_;
   SQLitePhotoLibrary photos_;
   CurlURLSessionService transfers_;
-  RemuxStep remuxStep_;
-  SyncFactsStep syncFactsStep_;
-  SyncStep syncStep_;
+  RepairSteps steps_;
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
 };

@@ -5,6 +5,7 @@
 
 #include "app/Commands.h"
 #include "app/EngineClient.h"
+#include "app/FailureAdvice.h"
 #include "app/Host.h"
 #include "app/Interrupt.h"
 #include "app/Output.h"
@@ -92,7 +93,7 @@ class Resume {
   void takeFailed(int64_t id, const std::string& words) {
     if (!outcomes_.emplace(id, false).second) return;
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
-    printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
+    printFailure(fmt::format("Download {} failed: {}. {}", id, words, adviceOn(words, "Save it again by its URL.")));
     client_.call("cancel", {{"id", id}});
   }
 

@@ -4,6 +4,7 @@
 
 #include "app/Commands.h"
 #include "app/EngineClient.h"
+#include "app/FailureAdvice.h"
 #include "app/FileNames.h"
 #include "app/Host.h"
 #include "app/Interrupt.h"
@@ -53,10 +54,8 @@ std::optional<JSObject> waitForCompletion(EngineClient& client, int64_t id, bool
 
 int reportFailure(const GlobalOptions& global, int64_t id, const std::string& words) {
   if (global.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
-  printFailure(
-      fmt::format("The video was not saved: {}. Check the URL and the free space, then run the same command "
-                  "again.",
-                  words));
+  printFailure(fmt::format("The video was not saved: {}. {}", words,
+                           adviceOn(words, "Check the URL and the free space, then run the same command again.")));
   return ExitCode::failed;
 }
 

@@ -32,6 +32,18 @@ int run(int argc, char** argv) {
 
   auto* resume = app.add_subcommand("resume", "Finish what was interrupted");
 
+  RepairOptions repairing;
+  auto* repair = app.add_subcommand("repair", "Repair a local file; the result is a file of its own");
+  repair->add_option("IN", repairing.input, "The file to repair; it is never changed")->required();
+  repair->add_option("-o,--output", repairing.output, "The result; it appears whole or not at all")->required();
+  repair->add_flag("--skip-video-fix", repairing.skipVideoFix, "Only copy the file");
+  repair->add_flag("--skip-audio-fix", repairing.skipAudioFix, "Leave sound and timing as they are");
+
+  std::string inspected;
+  auto* inspect =
+      app.add_subcommand("inspect", "Tell what a file is, what is wrong with it and what a repair would do");
+  inspect->add_option("FILE", inspected, "It is not changed")->required();
+
   std::optional<std::string> album;
   auto* library = app.add_subcommand("library", "List the albums and what is in them");
   library->add_option("--album", album, "Only this album");
@@ -46,6 +58,8 @@ int run(int argc, char** argv) {
   if (limit->count() > 0) global.backgroundLimit = std::chrono::seconds(backgroundSeconds);
   if (save->parsed()) return saveCommand(global, saving);
   if (resume->parsed()) return resumeCommand(global);
+  if (repair->parsed()) return repairCommand(global, repairing);
+  if (inspect->parsed()) return inspectCommand(global, inspected);
   if (library->parsed()) return libraryCommand(global, album);
   return demo->parsed() ? demoCommand(global) : ExitCode::usage;
 }

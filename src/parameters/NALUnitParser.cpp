@@ -17,8 +17,6 @@
 namespace tarn {
 namespace {
 
-constexpr size_t votingSamples = 3;
-
 /// What a sample must look like to vote for a length size.
 struct VoteRules {
   uint32_t smallestLength4;  ///< of the first NAL unit, read as 4 bytes
@@ -215,7 +213,7 @@ ExtractedParameterSets extract(FileManager& files, const Path& fileURL, const Sc
   auto samples = findSyncSamples(*file, scan);
   ExtractedParameterSets result;
   std::span<const SampleInfo> voters(samples);
-  result.nalLengthSize = detectLengthSize(*file, voters.first(std::min(votingSamples, voters.size())), scan);
+  result.nalLengthSize = detectLengthSize(*file, voters.first(std::min(NALUnitParser::votingSamples, voters.size())), scan);
   result.sets = scanSamples(*file, samples, result.nalLengthSize, scan);
   ParameterSets& sets = result.sets;
   bool lacksVPS = scan.sets.codec.vpsType && sets.vpsArray.empty();

@@ -34,6 +34,9 @@ class NALUnitParser {
   /// The `stbl` of the first video track.
   static std::optional<MP4BoxInfo> findVideoTrackStbl(FileHandle& file, const MP4BoxInfo& moov);
 
+  /// So many of a track's first sync samples are asked for the size of the length prefix.
+  static constexpr size_t votingSamples = 3;
+
   /// The size of the NAL length prefix, 4 or 2 bytes, by vote of the samples; 4 with equal votes and without any. A
   /// sample of a single NAL unit has no vote. Restores the file's position.
   static int detectNALLengthSize(FileHandle& file, std::span<const SampleInfo> samples);

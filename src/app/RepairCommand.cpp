@@ -1,0 +1,191 @@
+#include <fmt/format.h>
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/Commands.h"
+#include "app/FailureAdvice.h"
+#include "app/Home.h"
+#include "app/Interrupt.h"
+#include "app/Output.h"
+#include "app/PrivateHome.h"
+#include "app/RepairSteps.h"
+#include "download/FirstRecord.h"
+#include "pipeline/ProcessingStateManager.h"
+#include "platform/host/PosixFileManager.h"
+#include "remux/MP4Remuxer.h"
+
+namespace tarn {
+namespace {
+
+/// The last step: the repaired file takes its place, in the stead of what stands there.
+class PlacingStep : public ProcessingStep {
+ public:
+  /// `place` must be an absolute path.
+  explicit PlacingStep(Path place) : place_(std::move(place)) {}
+
+  ProcessingStage gateStage() const override { return ProcessingStage::savingToPhotos; }
+
+  void run(ProcessingRun& run) override {
+    run.timings.printSummary();
+    run.token->throwIfCancelled();
+    // The run cleans up the file that it worked on, so the place gets another name of it.
+    Path result = run.files.temporaryDirectory() / "result";
+    try {
+      run.files.linkItem(run.fileURL, result);
+    } catch (const PosixError&) {
+      result = run.fileURL;  // a file system without hard links
+    }
+    run.files.replaceItem(place_, result);
+    run.download->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::completed; });
+  }
+
+ private:
+  Path place_;
+};
+
+/// The engine around the single run of a repair. There is nobody to tell of its progress; its outcome is kept.
+class SingleRunHost : public ProcessingHost {
+ public:
+  explicit SingleRunHost(ProcessingStateManager& store) : store_(store) {}
+
+  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& record) override {
+    store_.saveState(record);
+    return true;
+  }
+  void removeRecord(const CancellationToken& /*token*/, int64_t id) override { store_.removeState(id); }
+  void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
+                       const std::string& /*stage*/) override {}
+  void replaceDownload(const DownloadTaskPointer& /*download*/) override {}
+  void releaseBackgroundTimeAndSlot(int64_t /*id*/) override {}
+  void notifyFinished(const DownloadTaskPointer& /*download*/, const Path& /*location*/) override {
+    isFinished_ = true;
+  }
+  void notifyFailed(const DownloadTaskPointer& download) override { failure_ = download->snapshot().reason.failure; }
+  void endRun(const Token& /*token*/) override {}
+
+  /// True for a finished run, false for one that was cancelled. Throws what a failed one failed with.
+  bool isFinished() const {
+    if (failure_) std::rethrow_exception(failure_);
+    return isFinished_;
+  }
+
+ private:
+  ProcessingStateManager& store_;
+  bool isFinished_ = false;
+  std::exception_ptr failure_;
+};
+
+/// Both ends of a repair, absolute.
+struct Ends {
+  Path input;
+  Path output;
+};
+
+Error unusable(const std::string& words) {
+  return {"Repair", -1, words};
+}
+
+Ends checkedEnds(const RepairOptions& options) {
+  namespace fs = std::filesystem;
+  const Ends ends{fs::absolute(options.input), fs::absolute(options.output)};
+  std::error_code ignored;
+  if (!fs::exists(ends.input, ignored)) throw unusable(fmt::format("There is no file {}", options.input));
+  if (!fs::is_regular_file(ends.input, ignored)) throw unusable(fmt::format("{} is not a file", options.input));
+  if (!fs::is_directory(ends.output.parent_path(), ignored)) {
+    throw unusable(fmt::format("The directory of {} does not exist; make it first", options.output));
+  }
+  if (!fs::exists(ends.output, ignored)) return ends;
+  if (fs::equivalent(ends.input, ends.output, ignored)) {
+    throw unusable("IN and OUT are the same file; name another OUT, since IN is never changed");
+  }
+  if (!fs::is_regular_file(ends.output, ignored)) {
+    throw unusable(fmt::format("{} stands in the way and is not a file; name another OUT", options.output));
+  }
+  return ends;
+}
+
+/// The name that the result's place really has: a link stays, and the file that it leads to is replaced.
+Path placeOf(const Path& output) {
+  std::error_code failure;
+  Path place = std::filesystem::canonical(output, failure);
+  return failure ? output : place;
+}
+
+struct Repair {
+  bool isFinished = false;  ///< false when it was interrupted
+  bool isEncrypted = false;
+};
+
+/// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
+Repair repair(const Ends& ends, const RepairOptions& options, const std::shared_ptr<CancellationToken>& token) {
+  const Path place = placeOf(ends.output);
+  const PrivateHome home(place.parent_path());
+  PosixFileManager files(home.path());
+  const Path copy = files.documentsDirectory(true) / "video.mp4";
+  files.copyItem(ends.input, copy);
+
+  Repair result;
+  SystemClock clock;
+  UserDefaults defaults(files, home.path() / "Defaults");
+  ProcessingStateManager store(defaults, files, clock);
+  const ProcessingState record = makeFirstRecord(files, clock,
+                                                 {.filename = copy.filename().string(),
+                                                  .album = std::nullopt,
+                                                  .fileURL = copy,
+                                                  .skipVideoFix = options.skipVideoFix,
+                                                  .skipAudioFix = options.skipAudioFix});
+  result.isEncrypted = MP4Remuxer::detectHEVCTag(files, copy) == "encv";
+
+  SingleRunHost host(store);
+  NamesInTheMaking names;
+  RepairSteps steps;
+  PlacingStep last(place);
+  ProcessingDriver driver(files, clock, store, names, host, steps.withLast(last));
+  driver.continueProcessing(
+      record, std::make_shared<DownloadTask>(files, record.downloadId, "", record.album, record.filename), token);
+  result.isFinished = host.isFinished();
+  return result;
+}
+
+int reportFailure(const GlobalOptions& global, const RepairOptions& options, const std::string& words) {
+  if (global.json) printJSON({{"result", "failed"}, {"input", options.input}, {"error", words}});
+  printFailure(fmt::format("{} was not repaired: {}. {}", options.input, words,
+                           adviceOn(words, fmt::format("`tarn inspect {}` tells more.", options.input))));
+  return ExitCode::failed;
+}
+
+}  // namespace
+
+int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
+  const QuietLog quiet(global.verbose);
+  const auto token = std::make_shared<CancellationToken>();
+  const InterruptWatcher watcher([token] { token->cancel(); });
+  const Ends ends = checkedEnds(options);
+  Repair outcome;
+  try {
+    outcome = repair(ends, options, token);
+  } catch (const std::exception& failure) {
+    return reportFailure(global, options, failure.what());
+  }
+  if (!outcome.isFinished) {
+    if (global.json) printJSON({{"result", "interrupted"}, {"input", options.input}});
+    printFailure(fmt::format("Interrupted; {} was not written.", options.output));
+    return ExitCode::interrupted;
+  }
+  const char* note = "The video is encrypted (encv) and was left as it is.";
+  JSValue::Array notes;
+  if (outcome.isEncrypted) notes.emplace_back(note);
+  if (global.json) {
+    printJSON({{"result", "repaired"}, {"input", options.input}, {"path", ends.output.string()}, {"notes", notes}});
+  } else {
+    if (outcome.isEncrypted) printLine(note);
+    printLine(ends.output.string());
+  }
+  return ExitCode::done;
+}
+
+}  // namespace tarn

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "pipeline/ProcessingDriver.h"
+#include "remux/RemuxStep.h"
+#include "sync/SyncStep.h"
+
+namespace tarn {
+
+/// The steps that repair a file, in the order of the pipeline: the same for a download and for a local file.
+class RepairSteps {
+ public:
+  /// Both must outlive the steps' use.
+  ProcessingSteps withLast(ProcessingStep& last) {
+    return {.remux = &remux_, .audio = &syncFacts_, .sync = &sync_, .last = &last};
+  }
+
+ private:
+  RemuxStep remux_;
+  SyncFactsStep syncFacts_;
+  SyncStep sync_;
+};
+
+}  // namespace tarn

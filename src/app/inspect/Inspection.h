@@ -1,0 +1,125 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "parameters/PictureSize.h"
+#include "pipeline/OriginalSyncInfo.h"
+#include "platform/FileManager.h"
+#include "sync/SyncFixPlan.h"
+
+namespace tarn {
+
+struct TopLevelBox {
+  std::string type;
+  uint64_t offset = 0;
+  uint64_t size = 0;          ///< bytes, as the box says
+  uint64_t missingBytes = 0;  ///< of it, behind the file's end
+};
+
+struct TrackFacts {
+  uint32_t id = 0;
+  std::string handler;  ///< handler_type; empty where it cannot be read
+  std::string codec;    ///< tag of the first sample entry; empty where it cannot be read
+  uint32_t timescale = 0;
+  int64_t duration = 0;                ///< of the media, track timescale
+  std::optional<uint32_t> samples;     ///< as the size table counts them
+  std::optional<PictureSize> picture;  ///< of a video track
+  std::optional<uint16_t> channels;    ///< of an audio track, as is the rate, in Hz
+  std::optional<uint32_t> rate;
+};
+
+/// A decoder configuration box, `hvcC` or `avcC` (ISO/IEC 14496-15 5.3.3, 8.3.3).
+struct ConfigurationFacts {
+  std::string type;
+  uint64_t size = 0;  ///< bytes, header included
+  size_t vps = 0;     ///< numbers of parameter sets
+  size_t sps = 0;
+  size_t pps = 0;
+  bool isComplete = false;             ///< each kind that the codec has is there
+  std::optional<std::string> problem;  ///< why it cannot be read
+};
+
+/// A run of samples, 1-based, both ends included.
+struct SampleRange {
+  int64_t first = 1;
+  int64_t last = 1;
+};
+
+struct SampleEntryFacts {
+  std::string tag;
+  uint64_t size = 0;  ///< bytes
+  PictureSize picture;
+  std::vector<SampleRange> ranges;  ///< of the samples that use it
+  std::optional<ConfigurationFacts> configuration;
+  std::string firstStray;   ///< type of the first child that cannot be, where there are stray bytes and it has one
+  uint64_t strayBytes = 0;  ///< behind its last whole child
+};
+
+/// What the bitstream itself holds.
+struct BitstreamFacts {
+  size_t syncSamples = 0;
+  int nalLengthSize = 4;    ///< bytes
+  std::vector<size_t> vps;  ///< sizes of the distinct parameter sets in bytes
+  std::vector<size_t> sps;
+  std::vector<size_t> pps;
+  std::vector<PictureSize> pictures;  ///< that the SPS state
+  bool reusesIdentifiers = false;     ///< HEVC only
+  bool changesPictureSize = false;
+  std::optional<std::string> problem;  ///< why it cannot be read
+};
+
+/// The first video track, on which the repair works.
+struct VideoFacts {
+  std::vector<SampleEntryFacts> entries;
+  int64_t missingSamples = 0;               ///< that end behind the file
+  std::optional<std::string> problem;       ///< why the samples of the entries cannot be told
+  std::optional<BitstreamFacts> bitstream;  ///< of HEVC and AVC
+};
+
+/// What the remux step does to the file.
+struct RemuxForecast {
+  enum class Kind { skipped, leavesAlone, changesTag, rebuilds, splits, refuses };
+
+  Kind kind = Kind::skipped;
+  std::string reason;
+  bool changesFile = false;
+  std::vector<SampleEntryFacts> entries;  ///< behind the step
+  std::vector<std::string> losses;
+};
+
+/// What the sync step does to the file.
+struct SyncForecast {
+  enum class Kind { notReached, noSound, nothing, writes, fails };
+
+  Kind kind = Kind::nothing;
+  std::string reason;
+  std::optional<SyncFixPlan> plan;
+};
+
+struct Inspection {
+  Path file;
+  uint64_t size = 0;
+  std::vector<TopLevelBox> boxes;
+  std::optional<std::string> boxesProblem;  ///< how the row of boxes ends, where it does not end with the file
+  std::vector<TrackFacts> tracks;
+  std::optional<VideoFacts> video;
+  std::optional<OriginalSyncInfo> sync;
+  std::optional<std::string> syncProblem;  ///< why there are no sync facts
+  std::vector<std::string> problems;       ///< what is wrong with the file
+  RemuxForecast remux;
+  SyncForecast syncFix;
+  bool changesFile = false;  ///< the repair's result differs from the file
+};
+
+/// Looks at a file, which is opened for reading alone, and lets the steps of the repair work on it without a change to
+/// any disk. Facts that cannot be read are told as problems. Throws PosixError for a file that cannot be opened.
+Inspection inspect(FileManager& files, const Path& file);
+
+/// The same for people, and as one JSON object.
+std::string inspectionText(const Inspection& inspection);
+std::string inspectionJSON(const Inspection& inspection);
+
+}  // namespace tarn

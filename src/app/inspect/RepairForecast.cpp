@@ -1,0 +1,186 @@
+#include "app/inspect/RepairForecast.h"
+
+#include <fmt/format.h>
+
+#include <memory>
+
+#include "app/inspect/DryRunFiles.h"
+#include "app/inspect/MovieFacts.h"
+#include "download/FirstRecord.h"
+#include "mp4/MP4BoxUtils.h"
+#include "pipeline/ProcessingStep.h"
+#include "platform/Error.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/RemuxStep.h"
+#include "sync/MP4AVSyncFixer.h"
+#include "sync/SyncStep.h"
+
+namespace tarn {
+namespace {
+
+/// Of a run on trial nobody hears.
+class NoListener : public ProcessingRunListener {
+ public:
+  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
+  void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
+                       const std::string& /*stage*/) override {}
+};
+
+/// The repair of one file on trial, step by step.
+class TrialRun {
+ public:
+  TrialRun(FileManager& files, Inspection& inspection)
+      : files_(files),
+        trial_(files),
+        inspection_(inspection),
+        path_(inspection.file),
+        run_(trial_, clock_, names_, listener_, firstRecord(),
+             std::make_shared<DownloadTask>(trial_, 0, "", std::nullopt, std::nullopt),
+             std::make_shared<CancellationToken>()) {}
+
+  void run() {
+    remux();
+    readSyncFacts();
+    fixSync();
+    inspection_.changesFile = isRepaired() && trial_.isChanged(path_);
+  }
+
+ private:
+  ProcessingState firstRecord() {
+    return makeFirstRecord(trial_, clock_,
+                           {.filename = path_.filename().string(), .album = std::nullopt, .fileURL = path_});
+  }
+
+  bool isRepaired() const { return inspection_.remux.kind != RemuxForecast::Kind::refuses; }
+
+  void remux() {
+    RemuxForecast& forecast = inspection_.remux;
+    if (!run_.state.needsRemuxing) {
+      forecast.reason = whyTheVideoIsSkipped();
+      return;
+    }
+    try {
+      RemuxStep().run(run_);
+    } catch (const std::exception& failure) {
+      forecast.kind = RemuxForecast::Kind::refuses;
+      forecast.reason = failure.what();
+      return;
+    }
+    forecast.changesFile = trial_.isChanged(path_);
+    auto result = trial_.open(path_, OpenMode::reading);
+    if (auto video = readVideo(*result)) forecast.entries = std::move(video->entries);
+    tellWhatWasDone(forecast);
+    if (inspection_.video && trial_.isReplaced(path_)) {
+      listLosses(*result, forecast);
+    }
+  }
+
+  std::string whyTheVideoIsSkipped() {
+    std::optional<std::string> tag;
+    try {
+      tag = MP4Remuxer::detectHEVCTag(trial_, path_);
+    } catch (const Error& failure) {
+      return "no video codec was recognised: " + failure.description();
+    }
+    if (!tag) return "no video codec was recognised";
+    if (*tag == "encv") return "the video is encrypted (encv) and is left as it is";
+    return fmt::format("video with the tag '{}' is not one that is repaired", *tag);
+  }
+
+  void tellWhatWasDone(RemuxForecast& forecast) {
+    const auto& video = inspection_.video;
+    const std::string tag = video && !video->entries.empty() ? video->entries.front().tag : "";
+    if (run_.timings.hevcRemuxing.isMultipleSampleEntries) {
+      forecast.kind = RemuxForecast::Kind::splits;
+      forecast.reason = video && video->bitstream && video->bitstream->changesPictureSize
+                            ? "the picture size changes in mid-stream"
+                            : "identifiers of parameter sets come again with other content";
+    } else if (trial_.isReplaced(path_)) {
+      forecast.kind = RemuxForecast::Kind::rebuilds;
+      forecast.reason = tag.starts_with("avc") ? "there is no avcC of 15 bytes or more"
+                                               : "HEVC gets its parameter sets out of the samples, whatever it had";
+    } else if (forecast.changesFile) {
+      forecast.kind = RemuxForecast::Kind::changesTag;
+      forecast.reason = "there is an avcC, so avc3 becomes avc1 in the file itself";
+    } else {
+      forecast.kind = RemuxForecast::Kind::leavesAlone;
+      forecast.reason = "it is avc1 with an avcC already";
+    }
+  }
+
+  /// Bytes that the steps do not take over: of the entry that they copied, and behind the last box.
+  void listLosses(FileHandle& result, RemuxForecast& forecast) {
+    const std::vector<SampleEntryFacts>& entries = inspection_.video->entries;
+    if (entries.empty()) return;
+    const SampleEntryFacts& entry = entries.front();
+    if (entry.strayBytes > 0) {
+      forecast.losses.push_back(
+          fmt::format("{} bytes at the end of the sample entry{} are not copied", entry.strayBytes,
+                      entry.firstStray.empty() ? " that are no box"
+                                               : fmt::format(", from a '{}' on that overruns it,", entry.firstStray)));
+    }
+    if (entries.size() > 1 && forecast.kind == RemuxForecast::Kind::splits) {
+      forecast.losses.push_back(
+          fmt::format("the {} sample entries of now give way to {} new ones", entries.size(), forecast.entries.size()));
+    }
+    const uint64_t before = bytesBesideMoov(*files_.open(path_, OpenMode::reading));
+    const uint64_t after = bytesBesideMoov(result);
+    if (after < before) {
+      forecast.losses.push_back(
+          fmt::format("{} bytes at the end of the file are no box and are not copied", before - after));
+    }
+  }
+
+  static uint64_t bytesBesideMoov(FileHandle& file) {
+    file.seek(0);
+    const auto moov = MP4BoxUtils::findBox(file, "moov", remuxSearchLimit);
+    return file.seekToEnd() - (moov ? moov->size : 0);
+  }
+
+  void readSyncFacts() {
+    try {
+      inspection_.sync = MP4AVSyncFixer::readOriginalSyncInfo(files_, path_);
+    } catch (const std::exception& failure) {
+      inspection_.syncProblem = failure.what();
+    }
+  }
+
+  void fixSync() {
+    using Kind = SyncForecast::Kind;
+    SyncForecast& forecast = inspection_.syncFix;
+    if (!isRepaired()) {
+      forecast = {Kind::notReached, "the remux step ends the repair", std::nullopt};
+      return;
+    }
+    try {
+      if (run_.state.needsAudioTranscode) SyncFactsStep().run(run_);
+      forecast.plan = MP4AVSyncFixer::plan(trial_, path_, run_.originalSyncInfo, run_.audioWasTranscoded);
+      const bool isFixed = MP4AVSyncFixer::fix(trial_, path_, run_.token.get(), nullptr, run_.originalSyncInfo,
+                                               run_.audioWasTranscoded, &run_.names);
+      forecast.kind = !forecast.plan ? Kind::noSound : isFixed ? Kind::writes : Kind::nothing;
+      forecast.reason = !forecast.plan ? "there is no audio track that can be used"
+                        : isFixed      ? "the tracks shall start together as in the source"
+                                       : "no track needs an edit list";
+    } catch (const std::exception& failure) {
+      forecast.kind = Kind::fails;
+      forecast.reason = failure.what();
+    }
+  }
+
+  FileManager& files_;
+  DryRunFiles trial_;
+  Inspection& inspection_;
+  const Path path_;
+  SystemClock clock_;
+  NamesInTheMaking names_;
+  NoListener listener_;
+  ProcessingRun run_;
+};
+
+}  // namespace
+
+void forecastRepair(FileManager& files, Inspection& inspection) {
+  TrialRun(files, inspection).run();
+}
+
+}  // namespace tarn
