@@ -16,6 +16,7 @@ Host::Host(FileManager& files, const HostOptions& options)
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);
+  for (const char* directory : {"Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
   Platform platform{.files = files_,
                     .defaults = defaults_,
                     .clock = clock_,
@@ -30,6 +31,8 @@ Host::~Host() {
   interrupt();
   // The main queue is serial: behind this call the active run has been asked to stop, and stopping waits for it.
   dispatch_.mainQueue().sync([] {});
+  // The plug-in's watcher ends with it; a run that still goes on keeps the engine until it ends.
+  plugin_.reset();
   dispatch_.stop();
 }
 

@@ -43,6 +43,10 @@ std::optional<std::string> checkLevel(ByteView moov, uint64_t start, uint64_t en
 }  // namespace
 
 std::optional<std::string> whatForbidsEditing(ByteView moov) {
+  BufferBoxWalker walker(moov, 8, moov.size(), boxwalk::openChildren);
+  while (auto header = walker.next()) {
+    if (header->type == "mdat") return "moov box holds the media";
+  }
   return checkLevel(moov, 8, moov.size(), way);
 }
 

@@ -31,6 +31,17 @@ class Stopwatch {
   TimingHelper timer_;
 };
 
+/// For a walk that came to its end: a tail that is too short for a header is no box, anything else that was not walked
+/// is a failure.
+void requireWhole(const FileBoxWalker& walker, uint64_t fileSize) {
+  using Reason = BoxWalkStop::Reason;
+  const BoxWalkStop& stop = walker.stop();
+  if (stop.reason == Reason::badSize) throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
+  if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
+    throw fileHandleError("Cannot read box header");
+  }
+}
+
 struct MediaLayout {
   std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
   bool isMdatBehindMoov = false;
@@ -38,13 +49,15 @@ struct MediaLayout {
 
 MediaLayout findMediaLayout(FileHandle& source, const MP4BoxInfo& moov) {
   MediaLayout layout;
-  FileBoxWalker walker(source, 0, source.seekToEnd(), boxwalk::topLevel);
+  uint64_t fileSize = source.seekToEnd();
+  FileBoxWalker walker(source, 0, fileSize, boxwalk::topLevel);
   while (auto box = walker.next()) {
     if (box->type != "mdat") continue;
     if (!layout.firstMdat) layout.firstMdat = box->offset;
     layout.isMdatBehindMoov = box->offset > moov.offset;
-    if (layout.isMdatBehindMoov) break;
+    if (layout.isMdatBehindMoov) return layout;
   }
+  requireWhole(walker, fileSize);
   return layout;
 }
 
@@ -114,21 +127,10 @@ class BoxCopier {
         copyLarge(*box);
       }
     }
-    requireWhole(walker.stop(), fileSize);
+    requireWhole(walker, fileSize);
   }
 
  private:
-  /// A tail that is too short for a header is left out; nothing else is.
-  static void requireWhole(const BoxWalkStop& stop, uint64_t fileSize) {
-    using Reason = BoxWalkStop::Reason;
-    if (stop.reason == Reason::badSize) {
-      throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
-    }
-    if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
-      throw fileHandleError("Cannot read box header");
-    }
-  }
-
   void writeMoov(ByteView newMoov, uint64_t oldSize) {
     Stopwatch watch(timings_.writeMoov);
     target_.write(newMoov);

@@ -119,7 +119,7 @@ TEST(HostTest, DefaultNamesComeFromTheURL) {
       {"http://h/%2e%2e", "video.mp4"},
       {"http://h/a%2Fb", "a_b.mp4"},
       {"http://h/.mp4", "mp4.mp4"},
-      {"http://h/%ff%zz", "video.mp4"},
+      {"http://h/%ff%zz", "%ff%zz.mp4"},
       {"http://h/clip.txt", "clip.txt.mp4"},
   };
   for (const auto& [url, name] : rows) EXPECT_EQ(defaultFilename(url), name) << url;

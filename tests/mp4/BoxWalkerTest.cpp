@@ -208,5 +208,19 @@ TEST(BufferWalk, StaysInsideItsBounds) {
   EXPECT_EQ(walkBuffer(boxwalk::buffer, data, SIZE_MAX, SIZE_MAX).headers, "");
 }
 
+TEST_F(FileWalk, TracksAreWalkedWithEndsOfTheirOwn) {
+  const Bytes open = boxClaiming(0, "mdat", {Bytes(4)});
+  EXPECT_EQ(walkFile(boxwalk::topLevelScan, open), (Walked{"mdat@4+32", Reason::endOfLevel}));
+  EXPECT_EQ(walkFile(boxwalk::topLevelScan, boxClaiming(7, "free", {Bytes(8)})), (Walked{"", Reason::badSize}));
+
+  const Bytes level = joined({box("\xA9nam"), box("udta", {box("name", {Bytes(1)}), box("last")}), box("edts")});
+  EXPECT_EQ(walkBuffer(boxwalk::movieBuffer, level), (Walked{"@0+8 udta@8+25 edts@33+8", Reason::endOfLevel}));
+  EXPECT_EQ(walkBuffer(boxwalk::trackBuffer, level), (Walked{"@0+8 udta@8+25", Reason::endOfLevel}));
+  EXPECT_EQ(walkBuffer(boxwalk::trackBufferDeep, level), (Walked{"@0+8 udta@8+25 name@16+9", Reason::endOfLevel}));
+  for (const auto& policy : {boxwalk::movieBuffer, boxwalk::trackBuffer, boxwalk::trackBufferDeep}) {
+    EXPECT_EQ(walkBuffer(policy, joined({longBox("free"), level})), (Walked{"", Reason::badSize}));
+  }
+}
+
 }  // namespace
 }  // namespace tarn

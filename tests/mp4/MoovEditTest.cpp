@@ -53,6 +53,7 @@ TEST(MoovCheck, RefusesWhatABufferWalkWouldMiss) {
       {"trak behind a 64-bit box", box("moov", {longBox("udta"), track})},
       {"trak behind a nameless box", box("moov", {box("\xFF\xFF\xFF\xFF"), track})},
       {"trak over the end", box("moov", {boxClaiming(500, "trak", {mediaBox("vide")})})},
+      {"mdat inside", box("moov", {track, boxClaiming(0, "mdat", {Bytes(20)})})},
       {"64-bit mdia", box("moov", {box("trak", {longBox("mdia")})})},
       {"64-bit stco", box("moov", {trackBox("vide", {longBox("stco")})})},
       {"stco over its end", box("moov", {trackBox("vide", {boxClaiming(100, "stco")}), box("free", {Bytes(200)})})},

@@ -39,15 +39,15 @@ TEST(HostApplication, TellsItsObserversOnTheMainQueueAfterTheStateHasChanged) {
   application.addObserver(listener);
   application.addObserver(std::make_shared<Listener>(application, heard));  // gone at once
 
-  application.enterForeground();  // it is there already
   application.enterBackground();
-  application.enterBackground();
+  application.enterBackground();  // it is there already
   EXPECT_THAT(heard, ElementsAre());
   dispatch.runUntilIdle();
   application.enterForeground();
+  application.enterForeground();  // asks again for pending work
   application.terminate();
   dispatch.runUntilIdle();
-  EXPECT_THAT(heard, ElementsAre("background 2", "foreground 0", "terminate 0"));
+  EXPECT_THAT(heard, ElementsAre("background 2", "foreground 0", "foreground 0", "terminate 0"));
 }
 
 TEST(HostApplication, BackgroundTasksExpireWhenTheLimitHasPassed) {

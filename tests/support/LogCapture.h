@@ -20,6 +20,7 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   const std::vector<std::string>& lines() const { return lines_; }
+  void clear() { lines_.clear(); }
   bool contains(std::string_view line) const { return std::ranges::find(lines_, line) != lines_.end(); }
 
  private:

@@ -104,6 +104,7 @@ void PosixFileManager::moveItem(const Path& from, const Path& to) {
   if (errnum == 0) return;
   const auto facts = factsAt(from);
   if (errnum != EXDEV || !facts || S_ISDIR(facts->st_mode)) fail(errnum, "move to", to);
+  if (fileExists(to)) fail(EEXIST, "move to", to);  // before all the bytes are copied for nothing
 
   TempFile sibling(*this, hiddenSibling(to));
   copyItem(from, sibling.path());

@@ -19,7 +19,7 @@ namespace tarn {
 class InMemoryPhotoLibrary : public PHPhotoLibrary {
  public:
   struct Failures {
-    std::set<size_t> changes;             ///< the changes that fail, counted from 1
+    std::set<size_t> changes = {};        ///< the changes that fail, counted from 1
     bool noAssetPlaceholder = false;      ///< requests for assets yield none, and make none
     bool noAlbumPlaceholder = false;      ///< the same for albums
     bool createdAlbumNotFetched = false;  ///< albums are not found by their identifiers

@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+"""Times the remux of a big "hev1" file side by side with a plain copy and with ffmpeg's own remux.
+
+  remux_against_copy.py WORKER DIRECTORY [ROUNDS]
+
+WORKER is the program remux_worker; DIRECTORY lies on a real disk with 6 GiB free. Prints medians in seconds, all with a
+flush of the result, and the worker's peak of memory.
+"""
+import os
+import pathlib
+import statistics
+import subprocess
+import sys
+import time
+
+SIZE = 1 << 30
+
+
+def ffmpeg(*arguments):
+    subprocess.run(["ffmpeg", "-v", "error", "-y", *arguments], check=True)
+
+
+def make_sources(directory):
+    clip = directory / "clip.mp4"
+    if not clip.exists():
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=25,noise=alls=20:allf=t", "-t", "8", "-c:v", "libx265",
+               "-preset", "ultrafast", "-x265-params", "repeat-headers=1:keyint=25:bitrate=12000:log-level=none",
+               "-pix_fmt", "yuv420p", "-tag:v", "hev1", str(clip))
+    loops = str(SIZE // clip.stat().st_size)
+    sources = {}
+    for name, options in {"moov ahead": ["-movflags", "+faststart"], "moov behind": []}.items():
+        sources[name] = directory / f"{name.replace(' ', '-')}.mp4"
+        if not sources[name].exists():
+            ffmpeg("-stream_loop", loops, "-i", str(clip), "-c", "copy", "-tag:v", "hev1", *options, str(sources[name]))
+    return sources
+
+
+def flush(path):
+    descriptor = os.open(path, os.O_RDONLY)
+    os.fsync(descriptor)
+    os.close(descriptor)
+
+
+def timed(command, result):
+    begin = time.monotonic()
+    output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    flush(result)
+    return time.monotonic() - begin, output
+
+
+def main():
+    worker, directory = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2])
+    rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    directory.mkdir(parents=True, exist_ok=True)
+    work, copy = directory / "work.mp4", directory / "copy.mp4"
+    for name, source in make_sources(directory).items():
+        times = {"cp --reflink=never": [], "remux": [], "ffmpeg -c copy +faststart": []}
+        peak = 0.0
+        for _ in range(rounds):
+            copy.unlink(missing_ok=True)
+            times["cp --reflink=never"].append(timed(["cp", "--reflink=never", str(source), str(copy)], copy)[0])
+            work.unlink(missing_ok=True)
+            timed(["cp", str(source), str(work)], work)
+            seconds, output = timed([worker, str(work)], work)
+            times["remux"].append(seconds)
+            peak = max(peak, float(output.split()[2]))
+            copy.unlink()
+            times["ffmpeg -c copy +faststart"].append(
+                timed(["ffmpeg", "-v", "error", "-y", "-i", str(source), "-c", "copy", "-tag:v", "hvc1", "-movflags",
+                       "+faststart", str(copy)], copy)[0])
+        print(f"{name}, {source.stat().st_size >> 20} MiB, {rounds} rounds:")
+        base = statistics.median(times["cp --reflink=never"])
+        for what, values in times.items():
+            median = statistics.median(values)
+            print(f"  {what:28} {median:6.2f} s  ({median / base:.2f} x cp; {min(values):.2f} to {max(values):.2f})")
+        print(f"  peak memory of the remux     {peak:.1f} MiB")
+
+
+main()
