@@ -13,7 +13,8 @@ import subprocess
 import sys
 import time
 
-SIZE = 1 << 30
+# A `moov` is looked for in the first 200 MiB only, so one behind the media wants a smaller file.
+SIZES = {"moov ahead": 1 << 30, "moov behind": 190 << 20}
 
 
 def ffmpeg(*arguments):
@@ -26,9 +27,9 @@ def make_sources(directory):
         ffmpeg("-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=25,noise=alls=20:allf=t", "-t", "8", "-c:v", "libx265",
                "-preset", "ultrafast", "-x265-params", "repeat-headers=1:keyint=25:bitrate=12000:log-level=none",
                "-pix_fmt", "yuv420p", "-tag:v", "hev1", str(clip))
-    loops = str(SIZE // clip.stat().st_size)
     sources = {}
     for name, options in {"moov ahead": ["-movflags", "+faststart"], "moov behind": []}.items():
+        loops = str(SIZES[name] // clip.stat().st_size - 1)
         sources[name] = directory / f"{name.replace(' ', '-')}.mp4"
         if not sources[name].exists():
             ffmpeg("-stream_loop", loops, "-i", str(clip), "-c", "copy", "-tag:v", "hev1", *options, str(sources[name]))

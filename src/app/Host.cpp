@@ -1,6 +1,9 @@
 #include "app/Host.h"
 
+#include <algorithm>
+
 #include "download/DocumentsSweep.h"
+#include "download/TransferNote.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -24,7 +27,8 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, {.remux = &remuxStep_, .last = &savingStep_});
+  plugin_ = TarnBridge::create(
+      platform, {.remux = &remuxStep_, .audio = &syncFactsStep_, .sync = &syncStep_, .last = &savingStep_});
 }
 
 Host::~Host() {
@@ -45,6 +49,13 @@ void Host::interrupt() {
   plugin_->downloadManager().stopStarting();
   application_.enterBackground();
   application_.expireBackgroundTime();
+}
+
+bool Host::hasTransfer(int64_t id) {
+  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [id](const std::string& text) {
+    auto note = TransferNote::parse(text);
+    return note && note->id == id;
+  });
 }
 
 bool Host::hasPendingWork() {

@@ -14,6 +14,7 @@
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "remux/RemuxStep.h"
+#include "sync/SyncStep.h"
 
 namespace tarn {
 
@@ -43,6 +44,9 @@ class Host {
 
   /// True while stored work waits for a run.
   bool hasPendingWork();
+  /// True while the stores hold a transfer, or a run's record, of this download.
+  bool hasTransfer(int64_t id);
+  bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }
 
   TarnBridge& plugin() { return *plugin_; }
   HostApplication& application() { return application_; }
@@ -62,6 +66,8 @@ class Host {
   SQLitePhotoLibrary photos_;
   CurlURLSessionService transfers_;
   RemuxStep remuxStep_;
+  SyncFactsStep syncFactsStep_;
+  SyncStep syncStep_;
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
 };

@@ -44,16 +44,36 @@ class Resume {
       const JSObject& task = *value.get<JSObject>();
       const std::string& status = *task.find("status")->get<std::string>();
       const int64_t id = *task.find("id")->get<int64_t>();
-      if (status == "STATUS_SUCCESSFUL") {
+      if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
+        isActive = true;
+      } else if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
-        takeFailed(id);
-      } else if (status != "STATUS_CANCELLED") {
+        takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
+      } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
         show(id, task);
       }
     }
     return isActive;
+  }
+
+  /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
+  /// at which nothing stands behind it, it counts as failed. One look is not enough, since work changes hands.
+  bool isUnderWay(int64_t id, const std::string& status) {
+    if (status == "STATUS_PENDING" || host_.hasTransfer(id) || host_.hasRecord(id)) {
+      looksAtNothing_[id] = 0;
+      return true;
+    }
+    if (status != "STATUS_RUNNING" && status != "STATUS_PROCESSING") return false;
+    if (++looksAtNothing_[id] < enoughLooks) return true;
+    takeFailed(id, status == "STATUS_RUNNING" ? "its transfer is gone" : "its file is gone");
+    return false;
+  }
+
+  /// A run tells its asset a moment after its task reads as saved. One of an earlier process tells none.
+  bool isStillTelling(int64_t id) {
+    return !outcomes_.contains(id) && !host_.journal().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
   }
 
   void takeSaved(int64_t id) {
@@ -69,9 +89,8 @@ class Resume {
     }
   }
 
-  void takeFailed(int64_t id) {
+  void takeFailed(int64_t id, const std::string& words) {
     if (!outcomes_.emplace(id, false).second) return;
-    const std::string words = host_.journal().failure(id).value_or("the reason is in the log");
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
     printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
     client_.call("cancel", {{"id", id}});
@@ -102,6 +121,7 @@ class Resume {
     return allSaved ? ExitCode::done : ExitCode::failed;
   }
 
+  static constexpr int enoughLooks = 5;
   static constexpr std::chrono::milliseconds shortestPause{30};
   static constexpr std::chrono::milliseconds longestPause{1000};
 
@@ -112,6 +132,7 @@ class Resume {
   bool wasIdle_ = false;
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
   std::map<int64_t, std::string> shown_;
+  std::map<int64_t, int> looksAtNothing_;
 };
 
 }  // namespace

@@ -31,13 +31,15 @@ bool goesOn(uint64_t position, uint64_t end, Policy::EndRule rule) {
 }
 
 std::string decodeType(ByteView bytes, Policy::Type rule) {
-  return rule == Policy::Type::asciiOrEnd ? decodeASCII(bytes).value_or("") : decodeUTF8(bytes);
+  bool isASCII = rule == Policy::Type::asciiOrEnd || rule == Policy::Type::ascii;
+  return isASCII ? decodeASCII(bytes).value_or("") : decodeUTF8(bytes);
 }
 
 bool isAcceptable(std::string_view type, Policy::Type rule) {
   switch (rule) {
     case Policy::Type::asciiOrEnd:
       return !type.empty();
+    case Policy::Type::ascii:
     case Policy::Type::utf8:
       return true;
     case Policy::Type::namedOrEnd: {

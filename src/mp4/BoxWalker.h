@@ -38,6 +38,7 @@ struct BoxWalkPolicy {
   enum class SmallSize { endsWalk, isUsed };  ///< a size of 2 to 7
   enum class Type {
     asciiOrEnd,  ///< anything but ASCII ends the walk
+    ascii,       ///< anything but ASCII reads as the empty text
     utf8,        ///< anything but UTF-8 reads as the empty text
     namedOrEnd,  ///< as utf8; anything but four characters after trimming white space ends the walk
   };
@@ -72,6 +73,8 @@ inline constexpr P buffer              {P::EndRule::headerInside,    P::SizeZero
 inline constexpr P bufferDeep          {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::asciiOrEnd, P::Overrun::isYielded, containerTypes};
 inline constexpr P sampleEntryChildren {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::namedOrEnd, P::Overrun::endsWalk,  {}};
 inline constexpr P openChildren        {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
+inline constexpr P tableChildren       {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::endsWalk,  {}};
+inline constexpr P clonedChildren      {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::ascii,      P::Overrun::endsWalk,  {}};
 inline constexpr P protectionChildren  {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P topLevelScan        {P::EndRule::beginsInside,    P::SizeZero::reachesEndOfFile,  P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P movieBuffer         {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};

@@ -1,6 +1,7 @@
 #include "mp4/MP4SampleTableParser.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <string>
@@ -192,31 +193,45 @@ bool MP4SampleTableParser::isSync(size_t index) const {
   return syncSamples_.empty() || std::ranges::binary_search(syncSamples_, index + 1);
 }
 
-SampleInfo MP4SampleTableParser::sampleInfo(int64_t index) const {
+/// The last chunk that begins at or ahead of a sample. Throws for a sample that does not exist.
+std::optional<size_t> MP4SampleTableParser::chunkAtOrAhead(int64_t index) const {
   if (index < 0 || static_cast<uint64_t>(index) >= sampleSizes_.size()) {
     throw sampleTableError("Sample index out of range");
   }
   auto behind = std::ranges::upper_bound(chunkStartSampleIndex_, index);
-  if (behind == chunkStartSampleIndex_.begin()) {
-    throw sampleTableError("Could not compute offset for sample " + std::to_string(index));
-  }
-  auto chunk = static_cast<size_t>(behind - chunkStartSampleIndex_.begin()) - 1;
-  auto sample = static_cast<size_t>(index);
-  return {index, sampleOffset(sample, chunk), sampleSizes_[sample], isSync(sample)};
+  if (behind == chunkStartSampleIndex_.begin()) return std::nullopt;
+  return static_cast<size_t>(behind - chunkStartSampleIndex_.begin()) - 1;
 }
 
-std::vector<SampleInfo> MP4SampleTableParser::allSamples() const {
+SampleInfo MP4SampleTableParser::sampleInfo(int64_t index) const {
+  auto chunk = chunkAtOrAhead(index);
+  if (!chunk) throw sampleTableError("Could not compute offset for sample " + std::to_string(index));
+  auto sample = static_cast<size_t>(index);
+  return {index, sampleOffset(sample, *chunk), sampleSizes_[sample], isSync(sample)};
+}
+
+std::vector<uint64_t> MP4SampleTableParser::sampleOffsets() const {
   if (!sampleSizes_.empty() && chunkStartSampleIndex_.empty()) sampleInfo(0);  // throws
-  std::vector<SampleInfo> samples;
-  samples.reserve(sampleSizes_.size());
+  std::vector<uint64_t> offsets;
+  offsets.reserve(sampleSizes_.size());
   size_t chunk = 0;
-  auto nextSync = syncSamples_.begin();
   for (size_t i = 0; i < sampleSizes_.size(); ++i) {
     auto index = static_cast<int64_t>(i);
     while (chunk + 1 < chunkStartSampleIndex_.size() && chunkStartSampleIndex_[chunk + 1] <= index) ++chunk;
+    offsets.push_back(sampleOffset(i, chunk));
+  }
+  return offsets;
+}
+
+std::vector<SampleInfo> MP4SampleTableParser::allSamples() const {
+  auto offsets = sampleOffsets();
+  std::vector<SampleInfo> samples;
+  samples.reserve(offsets.size());
+  auto nextSync = syncSamples_.begin();
+  for (size_t i = 0; i < offsets.size(); ++i) {
     bool isNamed = nextSync != syncSamples_.end() && *nextSync == i + 1;
     if (isNamed) ++nextSync;
-    samples.push_back({index, sampleOffset(i, chunk), sampleSizes_[i], isNamed || syncSamples_.empty()});
+    samples.push_back({static_cast<int64_t>(i), offsets[i], sampleSizes_[i], isNamed || syncSamples_.empty()});
   }
   return samples;
 }
@@ -233,6 +248,15 @@ std::set<uint32_t> MP4SampleTableParser::usedSampleDescriptionIndices() const {
   std::set<uint32_t> indices;
   for (const auto& row : sampleToChunk_) indices.insert(row.sampleDescriptionIndex);
   return indices;
+}
+
+std::optional<uint32_t> MP4SampleTableParser::sampleDescriptionIndex(int64_t index) const {
+  auto chunk = chunkAtOrAhead(index);
+  if (!chunk || index - chunkStartSampleIndex_[*chunk] >= samplesInChunk_[*chunk]) return std::nullopt;
+  // Chunks are numbered as the rows are walked, whatever the first row's number.
+  uint64_t number = uint64_t{sampleToChunk_.front().firstChunk} + *chunk;
+  auto behind = std::ranges::upper_bound(sampleToChunk_, number, {}, &SampleToChunkEntry::firstChunk);
+  return std::prev(behind)->sampleDescriptionIndex;
 }
 
 Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegment> segments) const {
@@ -254,15 +278,16 @@ Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegm
   return buildStscBox(rows);
 }
 
-Bytes MP4SampleTableParser::rebuildChunkOffsetBox() const {
+Bytes MP4SampleTableParser::rebuildChunkOffsetBox(const ChunkOffsetShift& comingShift) const {
   if (sampleSizes_.empty()) throw sampleTableError("No samples to rebuild chunk offsets");
   log("Rebuilding chunk offset table with 1 sample per chunk...");
-  std::vector<uint64_t> offsets;
-  offsets.reserve(sampleSizes_.size());
-  for (const SampleInfo& sample : allSamples()) offsets.push_back(sample.fileOffset);
-  bool isLong = std::ranges::any_of(offsets, needs64Bits);
+  auto offsets = sampleOffsets();
+  bool isLong = std::ranges::any_of(offsets, [&](uint64_t offset) {
+    if (needs64Bits(offset) || offset < comingShift.movesFrom) return needs64Bits(offset);
+    return static_cast<int64_t>(offset) + comingShift.delta > int64_t{std::numeric_limits<uint32_t>::max()};
+  });
   log("Generated {} chunk offsets, need co64: {}", offsets.size(), isLong);
-  return buildChunkOffsetBox(offsets);
+  return buildChunkOffsetBox(offsets, isLong);
 }
 
 }  // namespace tarn

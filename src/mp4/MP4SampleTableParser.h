@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <span>
 #include <vector>
 
+#include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
 #include "platform/Error.h"
@@ -59,11 +61,17 @@ class MP4SampleTableParser {
   /// The description indices that the `stsc` names, used or not.
   std::set<uint32_t> usedSampleDescriptionIndices() const;
 
+  /// The description index, 1-based, of the chunk that holds the sample; nothing where no chunk does. Throws "Sample
+  /// index out of range".
+  std::optional<uint32_t> sampleDescriptionIndex(int64_t index) const;
+
   /// Whole `stsc` and `stco` or `co64` boxes for a layout in which each sample is a chunk of its own, offsets as in the
   /// file read. Segments must be sorted; a sample outside all of them gets description 1. Throw where there are no
   /// samples, and where the box would not fit its size field.
   Bytes rebuildStscBox(std::span<const SampleDescriptionSegment> segments) const;
-  Bytes rebuildChunkOffsetBox() const;
+  /// The box is a `co64` as soon as one offset does not fit 32 bits, as it is or after the shift that comes when the
+  /// box is an `stco`.
+  Bytes rebuildChunkOffsetBox(const ChunkOffsetShift& comingShift = {}) const;
 
   const std::vector<uint32_t>& sampleSizes() const { return sampleSizes_; }    ///< bytes, the compact form expanded
   const std::vector<uint64_t>& chunkOffsets() const { return chunkOffsets_; }  ///< in the file
@@ -76,7 +84,9 @@ class MP4SampleTableParser {
 
  private:
   void buildLookupTables();
+  std::optional<size_t> chunkAtOrAhead(int64_t index) const;
   uint64_t sampleOffset(size_t index, size_t chunk) const;
+  std::vector<uint64_t> sampleOffsets() const;
   bool isSync(size_t index) const;
 
   std::vector<uint32_t> sampleSizes_;

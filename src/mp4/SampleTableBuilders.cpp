@@ -67,7 +67,10 @@ Bytes buildStscBox(std::span<const SampleToChunkEntry> rows) {
 }
 
 Bytes buildChunkOffsetBox(std::span<const uint64_t> offsets) {
-  bool isLong = std::ranges::any_of(offsets, needs64Bits);
+  return buildChunkOffsetBox(offsets, std::ranges::any_of(offsets, needs64Bits));
+}
+
+Bytes buildChunkOffsetBox(std::span<const uint64_t> offsets, bool isLong) {
   Bytes box = isLong ? beginBox("co64", 1, offsets.size(), 8) : beginBox("stco", 1, offsets.size(), 4);
   ByteWriter writer(box);
   writer.uint32(static_cast<uint32_t>(offsets.size()));

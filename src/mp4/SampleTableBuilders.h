@@ -32,6 +32,9 @@ inline bool needs64Bits(uint64_t offset) {
 /// `stco`, or `co64` as soon as one offset does not fit 32 bits.
 Bytes buildChunkOffsetBox(std::span<const uint64_t> offsets);
 
+/// `co64` if asked for, else `stco`, which all offsets must fit.
+Bytes buildChunkOffsetBox(std::span<const uint64_t> offsets, bool isLong);
+
 /// The failure that all of a sample table's own failures are: domain "SampleTable", code -1.
 Error sampleTableError(std::string description);
 

@@ -18,7 +18,7 @@ constexpr size_t uuidLength = 36;
 constexpr std::string_view siblingPrefix = ".";
 constexpr std::string_view siblingSuffix = ".tmp";
 constexpr std::string_view fileScheme = "file://";
-constexpr uint64_t readPiece = 1 << 20;  // bytes
+constexpr uint64_t readPiece = 1 << 18;  // bytes
 
 bool isUUID(std::string_view text) {
   if (text.size() != uuidLength) return false;

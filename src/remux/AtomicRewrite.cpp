@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "mp4/BoxWalker.h"
@@ -9,13 +10,13 @@
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/MediaLayout.h"
 #include "remux/OpenFile.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint64_t copyChunk = 0xA00000;
-constexpr uint64_t longestHeader = 16;
 constexpr uint64_t progressConstant = 0x138800000;
 
 /// Adds the time of its scope to a total.
@@ -31,49 +32,11 @@ class Stopwatch {
   TimingHelper timer_;
 };
 
-/// For a walk that came to its end: a tail that is too short for a header is no box, anything else that was not walked
-/// is a failure.
-void requireWhole(const FileBoxWalker& walker, uint64_t fileSize) {
-  using Reason = BoxWalkStop::Reason;
-  const BoxWalkStop& stop = walker.stop();
-  if (stop.reason == Reason::badSize) throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
-  if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
-    throw fileHandleError("Cannot read box header");
-  }
-}
-
-struct MediaLayout {
-  std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
-  bool isMdatBehindMoov = false;
-};
-
-MediaLayout findMediaLayout(FileHandle& source, const MP4BoxInfo& moov) {
-  MediaLayout layout;
-  uint64_t fileSize = source.seekToEnd();
-  FileBoxWalker walker(source, 0, fileSize, boxwalk::topLevel);
-  while (auto box = walker.next()) {
-    if (box->type != "mdat") continue;
-    if (!layout.firstMdat) layout.firstMdat = box->offset;
-    layout.isMdatBehindMoov = box->offset > moov.offset;
-    if (layout.isMdatBehindMoov) return layout;
-  }
-  requireWhole(walker, fileSize);
-  return layout;
-}
-
-/// Which chunk offsets the new size of the `moov` makes wrong. Where media lie on both sides of it, those of the media
-/// ahead stay right.
-ChunkOffsetShift offsetShift(const MediaLayout& layout, const MP4BoxInfo& moov, int64_t delta) {
-  bool isMoovFirst = layout.firstMdat && moov.offset < *layout.firstMdat;
-  bool isBetween = !isMoovFirst && layout.isMdatBehindMoov;
+void logLayout(const MediaLayout& layout, const MP4BoxInfo& moov) {
   log("Box layout: moov at {}, first mdat at {}", moov.offset,
       layout.firstMdat ? std::to_string(*layout.firstMdat) : "not found");
-  log("Chunk offset adjustment: {} (moov {} mdat)", layout.isMdatBehindMoov ? "REQUIRED" : "NOT REQUIRED",
-      isMoovFirst ? "before"
-      : isBetween ? "between"
-                  : "after");
-  if (!layout.isMdatBehindMoov) return {};
-  return {.delta = delta, .movesFrom = isMoovFirst ? 0 : moov.end()};
+  std::string_view side = layout.isMoovFirst(moov) ? "before" : layout.isMdatBehindMoov ? "between" : "after";
+  log("Chunk offset adjustment: {} (moov {} mdat)", layout.isMdatBehindMoov ? "REQUIRED" : "NOT REQUIRED", side);
 }
 
 void adjustOffsets(std::span<uint8_t> newMoov, const ChunkOffsetShift& shift, int64_t delta) {
@@ -206,10 +169,11 @@ void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, c
   log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoovData.size(), delta);
 
   TimingHelper timer;
-  ChunkOffsetShift shift = offsetShift(findMediaLayout(fileHandle, moovBox), moovBox, delta);
+  MediaLayout layout = findMediaLayout(fileHandle, moovBox);
+  logLayout(layout, moovBox);
   times.findBoxLayout = timer.stop();
   timer.start();
-  adjustOffsets(newMoovData, shift, delta);
+  adjustOffsets(newMoovData, layout.shift(moovBox, delta), delta);
   times.adjustChunkOffsets = timer.stop();
 
   TempFile tempFile(files, tempURL);

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/CancellationToken.h"
@@ -37,14 +38,15 @@ class MP4Remuxer {
   // --- Parameter sets out of the bitstream (ISO/IEC 14496-15 5.3.3, 8.3.3) ---
 
   /// Takes the parameter sets out of the samples, puts a complete configuration box into the video track's first
-  /// sample entry, whatever box was there, and replaces the file; no sample byte changes. For AVC the tag repair is
-  /// tried first and, where it does, is all. An empty `timings` becomes a record of zeros and is filled. The token,
-  /// which may be null, is looked at before the scan, before the `moov` is edited and before the file is written.
+  /// sample entry, whatever box was there, and replaces the file; no sample byte changes. A stream that one entry
+  /// cannot describe, since its picture size changes or (HEVC) an identifier comes again with other content, gets
+  /// several; see below. For AVC the tag repair is tried first and, where it does, is all. An empty `timings` becomes a
+  /// record of zeros and is filled. The token, which may be null, is looked at before the scan, before the `moov` is
+  /// edited and, where there is one entry, before the file is written.
   ///
   /// Throws CancellationError; MP4RemuxError: fileNotFound, writeError where the temporary directory's file system has
-  /// not more than twice the file's size free, corruptedMP4, unsupportedFormat for another codec and for a stream whose
-  /// configuration changes in mid-stream, ioError; NALUnitParserError, ConfigurationBoxError, and what the sample
-  /// table parser throws.
+  /// not more than twice the file's size free, corruptedMP4, unsupportedFormat for another codec, ioError;
+  /// NALUnitParserError, ConfigurationBoxError, and what the sample table parser throws.
   static void remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
                                                const CancellationToken* cancellationToken,
                                                std::optional<RemuxTimings>& timings);
@@ -68,6 +70,43 @@ class MP4Remuxer {
 
   /// A `sinf` box whose `frma` names the codec, a four-character code (ISO/IEC 14496-12 8.12.2); its length stays.
   static Bytes updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec);
+
+  // --- Streams that change: one sample entry for each configuration (ISO/IEC 14496-12 8.5.2, 8.7.4) ---
+
+  /// Gives the video track one sample entry for each run of samples that share their parameter sets, each made from
+  /// the entry of the first sync sample, and makes each sample a chunk of its own that names its run's entry. Only
+  /// `stsd`, `stsc` and the chunk offsets of the track change; the size in `tkhd` stays. `moovData` is the whole `moov`
+  /// that stands at `moovBox` in the file, `fileHandle` the file open for reading, which is closed before the file is
+  /// replaced. Fills `timings`. Throws MP4RemuxError, ByteArrayError, ConfigurationBoxError, PosixError,
+  /// VisualSampleEntryBuilderError, and what the sample table parser and the detection of the runs throw.
+  static void remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                             ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                             std::optional<RemuxTimings>& timings);
+  static void remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                                ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                                std::optional<RemuxTimings>& timings);
+
+  /// A box inside a buffer, in bytes; it lies in the buffer whole.
+  struct BoxRange {
+    size_t offset = 0;
+    size_t size = 0;
+  };
+
+  /// The `stbl` of the video track, and its whole `stsd`. Both throw corruptedMP4 that names what is missing.
+  static BoxRange findStblBoxInMoov(ByteView moovData);
+  static Bytes extractStsdBoxFromMoov(ByteView moovData);
+
+  /// The `moov` with an `stsd` of these entries and the given whole boxes in the `stbl` of its video track. Throws
+  /// corruptedMP4, also where a size does not fit 32 bits.
+  static Bytes buildMoovWithMultipleEntries(ByteView originalMoov, const std::vector<Bytes>& newSampleEntries,
+                                            ByteView newStscBox, ByteView newChunkOffsetBox);
+
+  /// The `stbl` with the new boxes in the places of the old; all other children stay where they are, but a second chunk
+  /// offset box, and what stands behind a damaged child, is left out.
+  static Bytes replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteView newStsc, ByteView newChunkOffset);
+
+  /// As updateParentBoxSizes, from the box around the `stbl` up.
+  static void updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset);
 
   // --- Rewrite ---
 

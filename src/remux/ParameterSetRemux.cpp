@@ -80,14 +80,12 @@ std::string pictureSizes(const ParameterSets& sets) {
 
 /// One sample entry cannot describe a stream whose picture size changes or whose identifiers come again with other
 /// parameter sets.
-void refuseSeveralConfigurations(const ParameterSets& sets, const RemuxCodec& codec) {
+bool needsSeveralEntries(const ParameterSets& sets, const RemuxCodec& codec) {
   if (sets.hasResolutionChanges) {
     log("{}INFO: Video has dynamic resolution changes: {}", codec.donePrefix, pictureSizes(sets));
   }
   if (sets.requiresMultipleSampleEntries) logLine("INFO: Parameter set IDs are reused with different content");
-  if (!sets.hasResolutionChanges && !sets.requiresMultipleSampleEntries) return;
-  throw MP4RemuxError::unsupportedFormat(
-      "Video changes its configuration in mid-stream; repairing it with several sample entries is not supported yet");
+  return sets.hasResolutionChanges || sets.requiresMultipleSampleEntries;
 }
 
 void remux(FileManager& files, const Path& fileURL, const CancellationToken* token,
@@ -118,7 +116,13 @@ void remux(FileManager& files, const Path& fileURL, const CancellationToken* tok
   auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
   Moov moov = readMoov(*file, codec);
   timings->readMoov = timer.stop();
-  refuseSeveralConfigurations(extracted.sets, codec);
+  if (needsSeveralEntries(extracted.sets, codec)) {
+    logLine(codec.severalEntriesText);
+    timings->isMultipleSampleEntries = true;
+    codec.remuxWithSeveralEntries(files, fileURL, moov.box, moov.bytes, extracted.nalLengthSize, *file, timings);
+    logLine(codec.severalEntriesDone);
+    return;
+  }
 
   timer.start();
   log("{}Building {}...", codec.prefix, codec.recordName);

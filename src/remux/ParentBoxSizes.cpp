@@ -1,6 +1,7 @@
-#include <array>
 #include <limits>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
@@ -15,15 +16,15 @@ struct PathBox {
   size_t offset;
 };
 
-/// The boxes from a `trak` down to its `stsd`, each the first of its type behind the header of the one above.
-std::array<PathBox, 5> pathToStsd(ByteView moov, size_t trak) {
-  std::array<PathBox, 5> path = {{{"trak", trak}, {"mdia", 0}, {"minf", 0}, {"stbl", 0}, {"stsd", 0}}};
-  for (size_t i = 1; i < path.size(); ++i) {
-    auto found = MP4BoxUtils::findBoxOffsets(moov, path[i].type, path[i - 1].offset + 8, std::nullopt, false);
-    if (found.empty()) {
-      throw MP4RemuxError::corruptedMP4(std::string(path[i].type) + " not found in " + path[i - 1].type);
-    }
-    path[i].offset = found.front();
+/// The boxes from a `trak` down to the first of this type, each the first of its type behind the header of the one
+/// above.
+std::vector<PathBox> pathTo(std::string_view last, ByteView moov, size_t trak) {
+  std::vector<PathBox> path = {{"trak", trak}};
+  for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
+    if (path.back().type == last) break;
+    auto found = MP4BoxUtils::findBoxOffsets(moov, type, path.back().offset + 8, std::nullopt, false);
+    if (found.empty()) throw MP4RemuxError::corruptedMP4(std::string(type) + " not found in " + path.back().type);
+    path.push_back({type, found.front()});
   }
   return path;
 }
@@ -43,24 +44,34 @@ SizeChange changeSize(std::span<uint8_t> moov, size_t at, int64_t delta) {
   return {before, static_cast<uint32_t>(after)};
 }
 
+/// Changes the sizes from the innermost box up to the `moov`.
+void changeSizes(std::span<uint8_t> moov, int64_t delta, size_t trak, std::string_view innermost,
+                 std::string_view purpose) {
+  uint32_t trakSize = readUInt32(moov, trak).value_or(0);
+  log("Video trak boundaries{}: offset {}, end {}, size {} (adjusted by {})", purpose, trak,
+      static_cast<int64_t>(trak) + trakSize + delta, trakSize, delta);
+  // The way is looked up before a size changes: all these boxes begin ahead of what grew or shrank.
+  auto path = pathTo(innermost, moov, trak);
+  for (auto box = path.rbegin(); box != path.rend(); ++box) {
+    auto [before, after] = changeSize(moov, box->offset, delta);
+    log("Updated {} size: {} → {} (delta: {}, video track only)", box->type, before, after, delta);
+  }
+  auto [before, after] = changeSize(moov, 0, delta);
+  log("Updated moov size: {} → {} (delta: {})", before, after, delta);
+}
+
 }  // namespace
 
 size_t MP4Remuxer::findStsdOffsetInTrak(ByteView moovData, size_t trakOffset) {
-  return pathToStsd(moovData, trakOffset).back().offset;
+  return pathTo("stsd", moovData, trakOffset).back().offset;
 }
 
 void MP4Remuxer::updateParentBoxSizes(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
-  uint32_t trakSize = readUInt32(moovData, videoTrakOffset).value_or(0);
-  log("Video trak boundaries: offset {}, end {}, size {} (adjusted by {})", videoTrakOffset,
-      static_cast<int64_t>(videoTrakOffset) + trakSize + sizeDelta, trakSize, sizeDelta);
-  // The way is looked up before a size changes: all these boxes begin ahead of what grew or shrank.
-  auto path = pathToStsd(moovData, videoTrakOffset);
-  for (auto box = path.rbegin(); box != path.rend(); ++box) {
-    auto [before, after] = changeSize(moovData, box->offset, sizeDelta);
-    log("Updated {} size: {} → {} (delta: {}, video track only)", box->type, before, after, sizeDelta);
-  }
-  auto [before, after] = changeSize(moovData, 0, sizeDelta);
-  log("Updated moov size: {} → {} (delta: {})", before, after, sizeDelta);
+  changeSizes(moovData, sizeDelta, videoTrakOffset, "stsd", "");
+}
+
+void MP4Remuxer::updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
+  changeSizes(moovData, sizeDelta, videoTrakOffset, "minf", " for stbl update");
 }
 
 }  // namespace tarn

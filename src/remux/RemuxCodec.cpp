@@ -2,6 +2,7 @@
 
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationBox.h"
+#include "remux/MP4Remuxer.h"
 
 namespace tarn {
 namespace {
@@ -58,6 +59,9 @@ const RemuxCodec hevcRemux{
     .buildConfigBox = buildHvcC,
     .noVideoTrack = noHEVCVideoTrack,
     .wrongTag = notHEVC,
+    .severalEntriesText = "Using multiple sample entries approach for correct playback...",
+    .severalEntriesDone = "Phase 2 complete: Video remuxed successfully with multiple sample entries",
+    .remuxWithSeveralEntries = MP4Remuxer::remuxWithMultipleSampleEntries,
 };
 
 const RemuxCodec avcRemux{
@@ -79,6 +83,9 @@ const RemuxCodec avcRemux{
     .buildConfigBox = buildAvcC,
     .noVideoTrack = noAVCVideoTrack,
     .wrongTag = notAVC,
+    .severalEntriesText = "AVC: Using multiple sample entries approach...",
+    .severalEntriesDone = "AVC Phase 2 complete: Video remuxed with multiple sample entries",
+    .remuxWithSeveralEntries = MP4Remuxer::remuxAVCWithMultipleSampleEntries,
 };
 
 }  // namespace tarn

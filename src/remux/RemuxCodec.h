@@ -2,11 +2,14 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "mp4/MP4BoxUtils.h"
 #include "mp4/MP4RemuxError.h"
 #include "parameters/NALUnitParser.h"
+#include "pipeline/RemuxTimingHelper.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
@@ -31,6 +34,10 @@ struct RemuxCodec {
   Bytes (*buildConfigBox)(const ExtractedParameterSets& extracted);
   MP4RemuxError (*noVideoTrack)(size_t tracks);
   MP4RemuxError (*wrongTag)(const std::string& tag);
+
+  std::string_view severalEntriesText, severalEntriesDone;
+  void (*remuxWithSeveralEntries)(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, ByteView moovData,
+                                  int nalLengthSize, FileHandle& fileHandle, std::optional<RemuxTimings>& timings);
 
   bool isOldConfigBox(std::string_view type) const { return type == oldConfigBoxes[0] || type == oldConfigBoxes[1]; }
   bool accepts(std::string_view entryTag) const {

@@ -152,16 +152,10 @@ Bytes MP4Remuxer::injectAvcCBoxIntoMoov(ByteView moovData, ByteView avcCBox) {
 
 Bytes MP4Remuxer::updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec) {
   Bytes result(sinfData.begin(), sinfData.end());
-  BufferBoxWalker walker(sinfData, 8, sinfData.size(), boxwalk::protectionChildren);
-  while (auto child = walker.next()) {
-    if (child->type != "frma") continue;
-    auto format = static_cast<size_t>(child->offset) + 8;
-    if (sinfData.size() - format >= 4) {
-      std::string old = decodeUTF8(sinfData.subspan(format, 4));
-      std::ranges::copy(bytesOf(targetCodec).first<4>(), std::span(result).subspan(format).begin());
-      log("    Updated frma data_format: {} → {}", old, targetCodec);
-    }
-    break;
+  if (auto format = findDataFormat(sinfData)) {
+    std::string old = decodeUTF8(sinfData.subspan(*format, 4));
+    std::ranges::copy(bytesOf(targetCodec).first<4>(), std::span(result).subspan(*format).begin());
+    log("    Updated frma data_format: {} → {}", old, targetCodec);
   }
   return result;
 }

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
+
+#include "platform/Bytes.h"
 
 namespace tarn {
 
@@ -8,6 +11,11 @@ namespace tarn {
 inline constexpr size_t stsdCountInBox = 12;    ///< entry_count, behind header, version and flags
 inline constexpr size_t stsdEntriesInBox = 16;  ///< the first entry
 inline constexpr size_t sampleEntryTypeInBox = 4;
-inline constexpr size_t visualSampleEntryFixedSize = 86;  ///< header and fields; the children follow
+inline constexpr size_t visualSampleEntryWidthInBox = 32;  ///< 16 bits; the height, as wide, follows
+inline constexpr size_t visualSampleEntryFixedSize = 86;   ///< header and fields; the children follow
+
+/// Where in a `sinf` box the data_format of its `frma` stands (ISO/IEC 14496-12 8.12.2), 4 bytes; nothing when there is
+/// none.
+std::optional<size_t> findDataFormat(ByteView sinf);
 
 }  // namespace tarn

@@ -162,7 +162,7 @@ MoovEdits editsOf(const SyncFixFacts& facts, const SyncFixPlan& plan) {
 }
 
 bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov) {
-  auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
+  auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
   return !MP4AVSyncFixer::parseVideoEditList(*file, moov, MP4TrackType::video).empty();
 }
 

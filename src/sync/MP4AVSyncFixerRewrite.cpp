@@ -15,7 +15,7 @@ namespace {
 constexpr uint64_t copyChunkSize = 0xA00000;
 
 Bytes readMoov(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox) {
-  auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
+  auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
   const auto failure = AVSyncError::fileHandleError("Cannot read moov box");
   try {
     file->seek(moovBox.offset);
@@ -34,7 +34,7 @@ struct MediaPlaces {
 };
 
 MediaPlaces findMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox) {
-  auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
+  auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
   MediaPlaces places;
   FileBoxWalker walker(*file, 0, file->seekToEnd(), boxwalk::topLevel);
   while (auto box = walker.next()) {
@@ -69,8 +69,8 @@ void copyDataInChunks(FileHandle& source, FileHandle& destination, uint64_t size
 /// Writes the file anew around another `moov`.
 void writeAround(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, const Bytes& moov,
                  const Path& target) {
-  auto source = openFile(files, fileURL, OpenMode::reading, "Cannot open original file");
-  auto destination = openFile(files, target, OpenMode::creating, "Cannot create temp file");
+  auto source = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open original file");
+  auto destination = openTrackFile(files, target, OpenMode::creating, "Cannot create temp file");
   const uint64_t end = source->seekToEnd();
   source->seek(0);
   copyDataInChunks(*source, *destination, moovBox.offset);

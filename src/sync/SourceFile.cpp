@@ -4,7 +4,8 @@
 
 namespace tarn {
 
-std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenMode mode, const char* failureWords) {
+std::unique_ptr<FileHandle> openTrackFile(FileManager& files, const Path& path, OpenMode mode,
+                                          const char* failureWords) {
   try {
     return files.open(path, mode);
   } catch (const PosixError&) {
@@ -14,7 +15,7 @@ std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenM
 
 std::unique_ptr<FileHandle> openSourceFile(FileManager& files, const Path& fileURL) {
   if (!files.fileExists(fileURL)) throw AVSyncError::fileNotFound();
-  return openFile(files, fileURL, OpenMode::reading, "Cannot open file");
+  return openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file");
 }
 
 MP4BoxInfo requireMoov(FileHandle& file) {

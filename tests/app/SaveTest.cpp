@@ -215,6 +215,13 @@ TEST_F(SaveTest, DamagedStoresAndMissingDirectoriesStopNobody) {
   expectSavedOnce(repaired());
   std::filesystem::remove_all(home_ / "Documents");
   EXPECT_EQ(runTarn(home_, {"resume"}).exitCode, 0);
+  // Tasks that nothing stands behind any more must not be waited for.
+  writeFileAtomically(files, home_ / "Defaults/ActiveDownloads",
+                      bytesOf(R"([{"id":1,"url":"u","status":"downloading"},{"id":2,"url":"u","status":"processing"},)"
+                              R"({"id":3,"url":"u","status":"stopped"}])"));
+  auto result = runTarn(home_, {"resume"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.errors.find("Download 1 failed: its transfer is gone"), std::string::npos) << result.errors;
 }
 
 TEST_F(SaveTest, UsageErrorsLeaveWith2) {

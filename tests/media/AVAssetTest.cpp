@@ -13,30 +13,9 @@ using namespace test;
 
 TEST(AVAsset, ListsTheTracksOfARealFile) {
   PosixFileManager files("/nonexistent");
-  Path file = madeByFFmpeg({"-f",
-                            "lavfi",
-                            "-i",
-                            "testsrc2=size=64x64:rate=25",
-                            "-f",
-                            "lavfi",
-                            "-i",
-                            "sine=r=48000",
-                            "-map",
-                            "1",
-                            "-map",
-                            "0",
-                            "-map",
-                            "1",
-                            "-t",
-                            "1",
-                            "-c:v",
-                            "libx264",
-                            "-c:a",
-                            "aac",
-                            "-video_track_timescale",
-                            "12800",
-                            "-ar:a:1",
-                            "44100"});
+  Path file = madeByFFmpeg(
+      words("-f lavfi -i testsrc2=size=64x64:rate=25 -f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -t 1 -c:v libx264 "
+            "-c:a aac -video_track_timescale 12800 -ar:a:1 44100"));
   AVAsset asset(files, file);
   auto audio = asset.tracks(AVMediaType::audio);
   auto video = asset.tracks(AVMediaType::video);

@@ -148,6 +148,30 @@ TEST_F(SampleTable, RebuildsOneSampleAChunk) {
   EXPECT_THROW(empty.rebuildChunkOffsetBox(), Error);
 }
 
+TEST_F(SampleTable, RebuiltOffsetsHaveRoomToMove) {
+  auto table = parse({stsz_, stsc_, fullBox("stco", {2, 100, UINT32_MAX - 1000})});
+  const Bytes stco = fullBox("stco", {3, 100, 110, UINT32_MAX - 1000});
+  const Bytes co64 = fullBox("co64", {3, 0, 100, 0, 110, 0, UINT32_MAX - 1000});
+  EXPECT_EQ(table.rebuildChunkOffsetBox(), stco);
+  EXPECT_EQ(table.rebuildChunkOffsetBox({.delta = 1000}), stco);
+  EXPECT_EQ(table.rebuildChunkOffsetBox({.delta = 1001}), co64);
+  EXPECT_EQ(table.rebuildChunkOffsetBox({.delta = 1001, .movesFrom = UINT32_MAX - 1000}), co64);
+  EXPECT_EQ(table.rebuildChunkOffsetBox({.delta = 1001, .movesFrom = UINT32_MAX - 999}), stco);
+  EXPECT_EQ(table.rebuildChunkOffsetBox({.delta = -200}), stco);
+}
+
+TEST_F(SampleTable, TellsTheDescriptionOfASample) {
+  // The first row's number shifts nothing; a chunk without samples and a row without chunks describe nothing.
+  Bytes stsc = fullBox("stsc", {4, 2, 0, 9, 3, 2, 7, 4, 9, 8, 4, 1, 4});
+  auto table = parse({fullBox("stsz", {10, 5}), stsc, fullBox("stco", {4, 0, 100, 200, 300})});
+  for (auto [sample, description] : {std::pair(0, 7), {1, 7}, {2, 4}}) {
+    EXPECT_EQ(table.sampleDescriptionIndex(sample), description) << sample;
+  }
+  EXPECT_EQ(table.sampleDescriptionIndex(4), std::nullopt) << "behind all chunks";
+  EXPECT_THROW(table.sampleDescriptionIndex(5), Error);
+  EXPECT_THROW(table.sampleDescriptionIndex(-1), Error);
+}
+
 TEST(SampleTableBoxes, AreWhole) {
   EXPECT_EQ(buildStszBox({}), fullBox("stsz", {0, 0}));
   EXPECT_EQ(buildStszBox(std::vector<uint32_t>{5, 5}), fullBox("stsz", {5, 2}));

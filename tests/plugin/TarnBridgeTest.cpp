@@ -22,6 +22,7 @@ class TarnBridgeTest : public testing::Test {
  protected:
   ~TarnBridgeTest() override {
     page_.reset();
+    plugin_.reset();
     dispatch_.stop();
   }
 
@@ -170,15 +171,19 @@ TEST_F(TarnBridgeTest, ASaveWithoutAlbumFailsAndItsFileGoesWithItsTask) {
 }
 
 TEST_F(TarnBridgeTest, WorkThatEndedBeforeAKillIsToldAtTheNextForeground) {
-  defaults_.setData("ActiveDownloads", bytesOf(R"([{"id":5,"url":"u","filename":"a.mp4","status":"completed"},)"
+  const std::string id = std::to_string(secondsSince1970(clock_.now()));
+  defaults_.setData("ActiveDownloads", bytesOf(R"([{"id":)" + id +
+                                               R"(,"url":"u","filename":"a.mp4","status":"completed"},)"
                                                R"({"id":6,"url":"u","status":"failed"}])"));
   load();
   EXPECT_EQ(activeDownloads(),
-            R"({"5":{"id":5,"status":"STATUS_SUCCESSFUL","reason":"REASON_NONE","filename":"a.mp4",)"
-            R"("bytesDownloaded":0,"totalBytes":0},)"
-            R"("6":{"id":6,"status":"STATUS_FAILED","reason":"REASON_NONE","bytesDownloaded":0,"totalBytes":0}})");
+            R"({"6":{"id":6,"status":"STATUS_FAILED","reason":"REASON_NONE","bytesDownloaded":0,"totalBytes":0},")" +
+                id + R"(":{"id":)" + id +
+                R"(,"status":"STATUS_SUCCESSFUL","reason":"REASON_NONE","filename":"a.mp4",)"
+                R"("bytesDownloaded":0,"totalBytes":0}})");
   application_.enterForeground();
-  EXPECT_EQ(completion(), R"({"status":"STATUS_SUCCESSFUL","reason":"REASON_NONE","filename":"a.mp4","id":5})");
+  EXPECT_EQ(completion(),
+            R"({"status":"STATUS_SUCCESSFUL","reason":"REASON_NONE","filename":"a.mp4","id":)" + id + "}");
   EXPECT_TRUE(soon([&] { return plugin_->downloadManager().getDownloads().size() == 1; })) << "the failed one stays";
 }
 

@@ -14,8 +14,7 @@ namespace {
 using namespace test;
 using Kind = MovieLayout::Piece::Kind;
 
-const std::vector<std::string> twoSounds = {"-f", "lavfi", "-i", "sine=r=48000", "-map", "1",    "-map",
-                                            "0",  "-map",  "1",  "-c:a",         "aac",  "-b:a", "64k"};
+const auto twoSounds = words("-f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -c:a aac -b:a 64k");
 
 TEST_F(RemuxTest, RepairsRealStreams) {
   struct {
@@ -73,7 +72,7 @@ std::string boxOrder(const Bytes& file) {
 
 TEST_F(RemuxTest, KeepsEveryLayout) {
   VideoRecipe recipe = inBandHEVC;
-  recipe.more = {"-f", "lavfi", "-i", "sine=r=48000", "-map", "0", "-map", "1", "-map", "1", "-c:a", "aac"};
+  recipe.more = words("-f lavfi -i sine=r=48000 -map 0 -map 1 -map 1 -c:a aac");
   Path original = encodedVideo(recipe);
   MovieLayout layout(readFile(files_, original));
   layout.moov = withoutParameterSets(layout.moov, true);

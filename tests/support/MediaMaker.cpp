@@ -3,10 +3,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -32,17 +35,27 @@ std::string commandLine(const std::vector<std::string>& command) {
   return line;
 }
 
-/// The lines that begin with a stream's number, without comments and complaints.
-std::string hashLines(const std::string& text) {
+/// The lines that begin with a stream's number, without comments and complaints, from a column on; side data of a
+/// sample, which follow its hash, are left out.
+std::string hashLines(const std::string& text, int firstColumn = 0) {
   std::istringstream lines(text);
   std::string result;
   for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line[0] >= '0' && line[0] <= '9') result += line + "\n";
+    if (line.empty() || line[0] < '0' || line[0] > '9') continue;
+    line.resize(std::min(line.size(), line.find(", S=")));
+    size_t begin = 0;
+    for (int i = 0; i < firstColumn; ++i) begin = line.find(',', begin) + 1;
+    result += line.substr(begin) + "\n";
   }
   return result;
 }
 
 }  // namespace
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
 
 ProcessResult runProcess(const std::vector<std::string>& command) {
   FILE* pipe = popen((commandLine(command) + "2>&1 </dev/null").c_str(), "r");
@@ -85,6 +98,15 @@ Path encodedVideo(const VideoRecipe& recipe) {
   return madeByFFmpeg(arguments);
 }
 
+Path joinedVideo(const std::vector<VideoRecipe>& parts) {
+  std::string list;
+  for (const VideoRecipe& part : parts) list += "file '" + encodedVideo(part).string() + "'\n";
+  Path listFile = encodedVideo(parts.front()).parent_path() / (std::to_string(std::hash<std::string>{}(list)) + ".txt");
+  std::ofstream(listFile) << list;
+  std::string tag = parts.front().codec == "libx264" ? "avc1" : "hev1";
+  return madeByFFmpeg({"-f", "concat", "-safe", "0", "-i", listFile, "-c", "copy", "-tag:v", tag});
+}
+
 std::string probeVideo(const Path& file, const std::string& entry) {
   auto result = runProcess(
       {"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "stream=" + entry, "-of", "csv=p=0", file});
@@ -98,6 +120,24 @@ std::string decoderComplaints(const Path& file) {
 std::string frameHashes(const Path& file) {
   auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-f", "framemd5", "-"});
   return hashLines(result.output);
+}
+
+std::string pictureHashes(const Path& file) {
+  auto result =
+      runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-autoscale", "0", "-f", "framemd5", "-"});
+  return hashLines(result.output, 4);
+}
+
+std::vector<std::pair<size_t, size_t>> syncSamples(const Path& file) {
+  std::istringstream lines(runProcess({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                       "packet=pos,flags", "-of", "csv=p=0", file})
+                               .output);
+  std::vector<std::pair<size_t, size_t>> samples;
+  size_t index = 0;
+  for (std::string line; std::getline(lines, line); ++index) {
+    if (line.find(",K") != std::string::npos) samples.emplace_back(index, std::stoul(line));
+  }
+  return samples;
 }
 
 std::string sampleHashes(const Path& file) {

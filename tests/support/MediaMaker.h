@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/FileManager.h"
@@ -8,6 +9,9 @@
 namespace tarn::test {
 
 /// Real media, made and read by ffmpeg and ffprobe.
+
+/// The words of a text, as a command line has them without quotes.
+std::vector<std::string> words(const std::string& text);
 
 /// A file made by `ffmpeg <arguments> <file>`, the file's ending given. Files are kept in a cache under the system's
 /// temporary directory, one for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
@@ -25,6 +29,9 @@ struct VideoRecipe {
 };
 Path encodedVideo(const VideoRecipe& recipe);
 
+/// These videos one behind the other in one file, not encoded anew; parameter sets stay in the samples.
+Path joinedVideo(const std::vector<VideoRecipe>& parts);
+
 /// What the child process says on its standard output and its standard error, and how it left.
 struct ProcessResult {
   int exitCode;
@@ -40,6 +47,13 @@ std::string decoderComplaints(const Path& file);
 
 /// One line for each decoded frame of the first video stream: timestamps and hash.
 std::string frameHashes(const Path& file);
+
+/// One line for each decoded frame of the first video stream: size and hash, the frame being of the size that it was
+/// encoded with.
+std::string pictureHashes(const Path& file);
+
+/// Where the sync samples of the first video stream are: index among its samples, 0-based, and offset in the file.
+std::vector<std::pair<size_t, size_t>> syncSamples(const Path& file);
 
 /// One line for each sample of all streams: timestamps, size and hash of its bytes.
 std::string sampleHashes(const Path& file);

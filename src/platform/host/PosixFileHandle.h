@@ -33,6 +33,7 @@ class PosixFileHandle : public FileHandle {
   uint64_t size() const;
   /// Copies inside the kernel until it has nothing more to give or refuses; returns the bytes copied.
   uint64_t copyInKernel(PosixFileHandle& target, uint64_t count);
+  void startWriting(uint64_t count);  ///< of the bytes that were written last
   void requireOpen() const;
   [[noreturn]] void fail(int errnum, const char* operation) const;
 

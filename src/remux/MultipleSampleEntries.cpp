@@ -1,0 +1,227 @@
+#include <optional>
+#include <span>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "mp4/MP4SampleTableParser.h"
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationSegment.h"
+#include "parameters/NALUnitParser.h"
+#include "platform/Log.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/MediaLayout.h"
+#include "remux/SampleTableReplacement.h"
+#include "remux/VisualSampleEntry.h"
+#include "remux/VisualSampleEntryBuilder.h"
+
+namespace tarn {
+namespace {
+
+using Segments = std::vector<ConfigurationSegment>;
+
+/// All that one codec has of its own.
+struct Codec {
+  std::string_view heading;
+  std::string_view prefix;  ///< of the log lines
+  std::string_view tag;     ///< of the new sample entries
+  bool logsDetails;         ///< tells of the template and of the new tables
+  Segments (*detectSegments)(FileHandle& file, std::span<const SampleInfo> syncSamples, int nalLengthSize,
+                             int64_t totalSampleCount);
+  Bytes (*buildConfigBox)(const ConfigurationSegment& segment, int nalLengthSize);
+  /// The size that the segment's entry shall state; nothing where that of the template stays.
+  std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number);
+  Bytes (*cloneEntry)(ByteView originalEntry, ByteView configBox, std::string_view targetCodecTag,
+                      std::optional<PictureSize> size);
+};
+
+Bytes buildHvcC(const ConfigurationSegment& s, int nalLengthSize) {
+  return HEVCConfigurationBox(s.vpsSet, s.spsSet, s.ppsSet, s.spsRbspSet, nalLengthSize, true).buildHvcCBox();
+}
+
+Bytes buildAvcC(const ConfigurationSegment& s, int nalLengthSize) {
+  return AVCConfigurationBox(s.spsSet, s.ppsSet, s.spsRbspSet, nalLengthSize).buildAvcCBox();
+}
+
+bool isEmpty(const PictureSize& size) {
+  return size.width < 1 || size.height < 1;
+}
+
+std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number) {
+  if (segment.spsRbspSet.empty()) return std::nullopt;
+  auto size = NALUnitParser::parseSPSResolution(segment.spsRbspSet.front());
+  if (!size) {
+    log("  WARNING: Could not parse SPS resolution for segment {}", number);
+    return std::nullopt;
+  }
+  if (isEmpty(*size)) {
+    log("  WARNING: Invalid dimensions {}x{} for segment {} - skipping dimension override", size->width, size->height,
+        number);
+    return std::nullopt;
+  }
+  log("  Segment resolution: {}x{}", size->width, size->height);
+  return size;
+}
+
+std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/) {
+  if (segment.spsRbspSet.empty()) return std::nullopt;
+  auto size = AVCConfigurationBox::parseSPSResolution(segment.spsRbspSet.front());
+  if (!size || isEmpty(*size)) return std::nullopt;
+  log("  AVC Segment resolution: {}x{}", size->width, size->height);
+  return size;
+}
+
+constexpr Codec hevc{
+    .heading = "\n=== Multiple Sample Entries Remuxing (Option 2) ===",
+    .prefix = "",
+    .tag = "hvc1",
+    .logsDetails = true,
+    .detectSegments = HEVCConfigurationSegmentDetector::detectSegments,
+    .buildConfigBox = buildHvcC,
+    .pictureSize = hevcPictureSize,
+    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewHvcC,
+};
+
+constexpr Codec avc{
+    .heading = "\n=== AVC Multiple Sample Entries Remuxing ===",
+    .prefix = "AVC: ",
+    .tag = "avc1",
+    .logsDetails = false,
+    .detectSegments = AVCConfigurationSegmentDetector::detectSegments,
+    .buildConfigBox = buildAvcC,
+    .pictureSize = avcPictureSize,
+    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewAvcC,
+};
+
+/// The way from a `moov` to one that has an entry for each segment.
+class Redescription {
+ public:
+  Redescription(const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize, FileHandle& file, RemuxTimings& timings,
+                const Codec& codec)
+      : moovBox_(moovBox), moov_(moov), nalLengthSize_(nalLengthSize), file_(file), timings_(timings), codec_(codec) {}
+
+  Bytes buildNewMoov() {
+    Segments segments = detectSegments();
+    std::vector<Bytes> entries = buildEntries(segments, findTemplate());
+    rebuildTables(segments, entries);
+    table_ = {};
+
+    TimingHelper timer;
+    log("{}Building new moov...", codec_.prefix);
+    Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries, stsc_, chunkOffsets_);
+    timings_.buildNewMoov = timer.stop();
+    log("{}New moov size: {} bytes (was {} bytes)", codec_.prefix, moov.size(), moov_.size());
+    return moov;
+  }
+
+ private:
+  Segments detectSegments() {
+    TimingHelper timer;
+    log("{}Parsing sample table...", codec_.prefix);
+    stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
+    table_.parseSampleTable(file_, {.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset});
+    auto syncSamples = table_.syncSamplesOnly();
+    if (!syncSamples.empty()) firstSyncSample_ = syncSamples.front().index;
+    timings_.parseSampleTable = timer.stop();
+    log("{}Total samples: {}, sync samples: {}", codec_.prefix, table_.sampleSizes().size(), syncSamples.size());
+
+    timer.start();
+    log("{}Detecting configuration segments...", codec_.prefix);
+    auto total = static_cast<int64_t>(table_.sampleSizes().size());
+    Segments segments = codec_.detectSegments(file_, syncSamples, nalLengthSize_, total);
+    timings_.detectSegments = timer.stop();
+    log("{}Detected {} configuration segment(s)", codec_.prefix, segments.size());
+    return segments;
+  }
+
+  /// The sample entry that the first sync sample has now.
+  Bytes findTemplate() {
+    log("{}Extracting original sample entry template...", codec_.prefix);
+    Bytes stsd = MP4Remuxer::extractStsdBoxFromMoov(moov_);
+    int64_t description = table_.sampleDescriptionIndex(firstSyncSample_).value_or(1);
+    if (codec_.logsDetails) {
+      log("Using sample description index {} (entry {}) as template", description, description - 1);
+    }
+    return VisualSampleEntryBuilder::extractSampleEntry(stsd, description - 1);
+  }
+
+  std::vector<Bytes> buildEntries(const Segments& segments, const Bytes& original) {
+    TimingHelper timer;
+    log("{}Building {} sample entries...", codec_.prefix, segments.size());
+    std::vector<Bytes> entries;
+    for (size_t i = 0; i < segments.size(); ++i) {
+      log("{}Building sample entry {}/{}...", codec_.prefix, i + 1, segments.size());
+      Bytes configBox = codec_.buildConfigBox(segments[i], nalLengthSize_);
+      auto size = codec_.pictureSize(segments[i], i + 1);
+      entries.push_back(codec_.cloneEntry(original, configBox, codec_.tag, size));
+    }
+    timings_.buildSampleEntries = timer.stop();
+    return entries;
+  }
+
+  void rebuildTables(const Segments& segments, const std::vector<Bytes>& entries) {
+    TimingHelper timer;
+    log("{}Rebuilding sample tables...", codec_.prefix);
+    std::vector<SampleDescriptionSegment> descriptions;
+    for (const ConfigurationSegment& segment : segments) {
+      descriptions.push_back({.startSampleIndex = segment.startSampleIndex,
+                              .endSampleIndex = segment.endSampleIndex,
+                              .descriptionIndex = static_cast<uint32_t>(descriptions.size() + 1)});
+    }
+    stsc_ = table_.rebuildStscBox(descriptions);
+    chunkOffsets_ = table_.rebuildChunkOffsetBox(shiftWithShortOffsets(entries));
+    timings_.rebuildSampleTables = timer.stop();
+    if (!codec_.logsDetails) return;
+    log("  New stsc: {} bytes", stsc_.size());
+    log("  New chunk offsets: {} bytes", chunkOffsets_.size());
+  }
+
+  /// How the media will move if the chunk offsets stay 32 bits wide.
+  ChunkOffsetShift shiftWithShortOffsets(const std::vector<Bytes>& entries) {
+    uint64_t stsd = stsdEntriesInBox;
+    for (const Bytes& entry : entries) stsd += entry.size();
+    uint64_t stco = 16 + 4 * uint64_t{table_.sampleSizes().size()};
+    uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
+    return findMediaLayout(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size));
+  }
+
+  const MP4BoxInfo& moovBox_;
+  ByteView moov_;
+  int nalLengthSize_;
+  FileHandle& file_;
+  RemuxTimings& timings_;
+  const Codec& codec_;
+
+  MP4Remuxer::BoxRange stbl_;
+  MP4SampleTableParser table_;
+  int64_t firstSyncSample_ = 0;
+  Bytes stsc_;
+  Bytes chunkOffsets_;
+};
+
+void remux(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize,
+           FileHandle& file, std::optional<RemuxTimings>& timings, const Codec& codec) {
+  logLine(codec.heading);
+  if (!timings) timings.emplace();
+  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov();
+  TimingHelper timer;
+  MP4Remuxer::writeAtomicMP4(files, fileURL, moovBox, std::move(newMoov), file, timings);
+  timings->writeAtomicMP4 = timer.stop();
+}
+
+}  // namespace
+
+void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                                ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                                std::optional<RemuxTimings>& timings) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, hevc);
+}
+
+void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                                   ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                                   std::optional<RemuxTimings>& timings) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, avc);
+}
+
+}  // namespace tarn
