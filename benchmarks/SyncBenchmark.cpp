@@ -53,7 +53,7 @@ void fixOneGibibyte(benchmark::State& state) {
   OriginalSyncInfo original;
   original.syncOffsetSeconds = 0.3;
   original.movieTimescale = 1000;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (!MP4AVSyncFixer::fix(place.files, path, nullptr, nullptr, original, false)) state.SkipWithError("not fixed");
   }
 }
@@ -64,7 +64,7 @@ void copyAndFlushOneGibibyte(benchmark::State& state) {
   Path path = bigMovie(place);
   const std::string copy = path.string() + ".copy";
   const std::string command = "cp --reflink=never --sparse=never " + path.string() + " " + copy + " && sync " + copy;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (std::system(command.c_str()) != 0) state.SkipWithError("not copied");
     state.PauseTiming();
     std::filesystem::remove(copy);
@@ -81,7 +81,7 @@ void answerForATenMebibyteMoov(benchmark::State& state) {
   Bytes moov =
       movie({box("ctts", {values({0, samples}), rows}), box("stsz", {values({0, 0, 2 * samples}), rows})}).moov();
   writeFileAtomically(place.files, path, joined({moov, box("mdat")}));
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (MP4AVSyncFixer::fix(place.files, path, nullptr, nullptr, std::nullopt, false)) state.SkipWithError("fixed");
   }
   state.counters["moov MiB"] = static_cast<double>(moov.size()) / (1 << 20);

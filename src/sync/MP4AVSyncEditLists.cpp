@@ -122,7 +122,7 @@ int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uin
   if (out == nullptr || capacity < header) return -1;
   int32_t inner = avsync_write_elst_box(entries, count, out + header, capacity - header);
   if (inner < 0) return -1;
-  layout::store(out, layout::boxSize, static_cast<uint64_t>(inner + header));
+  layout::store(out, layout::boxSize, layout::boxHeaderSize + static_cast<uint64_t>(inner));
   layout::store(out, layout::boxType, layout::fourCC("edts"));
   return inner + header;
 }

@@ -151,6 +151,16 @@ std::optional<Bytes> edtsOf(const std::optional<PlannedEditList>& list) {
   return Bytes(buffer.begin(), buffer.begin() + size);
 }
 
+MoovEdits editsOf(const SyncFixFacts& facts, const SyncFixPlan& plan) {
+  return {.videoEdtsData = edtsOf(plan.video),
+          .audioEdtsData = edtsOf(plan.audio),
+          .videoTrackDuration = plan.video ? plan.video->trackDuration : 0,
+          .audioTrackDuration = plan.audio ? plan.audio->trackDuration : 0,
+          .convertedCttsData = std::nullopt,
+          .originalCttsOffset = facts.video.cttsOffset,
+          .originalCttsSize = facts.video.cttsSize};
+}
+
 bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov) {
   auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
   return !MP4AVSyncFixer::parseVideoEditList(*file, moov, MP4TrackType::video).empty();
@@ -188,13 +198,7 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
   timer.start();
   const bool hasVideoList = hasVideoEditList(files, fileURL, moov);
   logLists(*facts, plan, hasVideoList);
-  MoovEdits edits{.videoEdtsData = edtsOf(plan.video),
-                  .audioEdtsData = edtsOf(plan.audio),
-                  .videoTrackDuration = plan.video ? plan.video->trackDuration : 0,
-                  .audioTrackDuration = plan.audio ? plan.audio->trackDuration : 0,
-                  .convertedCttsData = std::nullopt,
-                  .originalCttsOffset = facts->video.cttsOffset,
-                  .originalCttsSize = facts->video.cttsSize};
+  const MoovEdits edits = editsOf(*facts, plan);
   auto videoTrak = MP4BoxUtils::findTrack(*file, moov, MP4TrackType::video);
   if (!videoTrak) throw AVSyncError::corruptedMP4("Video trak box not found");
   auto audioTrak = MP4BoxUtils::findTrack(*file, moov, MP4TrackType::audio);

@@ -146,7 +146,7 @@ std::vector<EditListEntry> MP4AVSyncFixer::parseVideoEditList(FileHandle& file, 
 }
 
 std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox) {
-  const std::string unknown = "unknown";
+  std::string unknown = "unknown";
   auto minf = MP4BoxUtils::findChildBox(file, mdiaBox, "minf");
   auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
   auto stsd = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stsd") : std::nullopt;

@@ -151,5 +151,18 @@ TEST(BufferWalk, StaysInsideItsBounds) {
   EXPECT_EQ(walkBuffer(boxwalk::buffer, data, SIZE_MAX, SIZE_MAX), "/end");
 }
 
+TEST_F(FileWalk, TracksAreWalkedWithEndsOfTheirOwn) {
+  EXPECT_EQ(walkFile(boxwalk::topLevelScan, boxClaiming(0, "mdat", {Bytes(4)})), "mdat@4+32 /end");
+  EXPECT_EQ(walkFile(boxwalk::topLevelScan, boxClaiming(7, "free", {Bytes(8)})), "/size");
+
+  const Bytes level = joined({box("\xA9nam"), box("udta", {box("name", {Bytes(1)}), box("last")}), box("edts")});
+  EXPECT_EQ(walkBuffer(boxwalk::movieBuffer, level), "@0+8 udta@8+25 edts@33+8 /end");
+  EXPECT_EQ(walkBuffer(boxwalk::trackBuffer, level), "@0+8 udta@8+25 /end");
+  EXPECT_EQ(walkBuffer(boxwalk::trackBufferDeep, level), "@0+8 udta@8+25 name@16+9 /end");
+  for (const auto& policy : {boxwalk::movieBuffer, boxwalk::trackBuffer, boxwalk::trackBufferDeep}) {
+    EXPECT_EQ(walkBuffer(policy, joined({longBox("free"), level})), "/size");
+  }
+}
+
 }  // namespace
 }  // namespace tarn

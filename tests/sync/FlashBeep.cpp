@@ -152,7 +152,8 @@ void moveEditListsToTrackEnds(const Path& file) {
   rewriteMoov(
       file, [](std::string_view, Bytes whole) { return whole; },
       [](std::vector<Bytes>& children) {
-        std::ranges::stable_partition(children, [](const Bytes& child) { return typeOf(child) != "edts"; });
+        std::stable_partition(children.begin(), children.end(),
+                              [](const Bytes& child) { return typeOf(child) != "edts"; });
       });
 }
 

@@ -3,9 +3,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
-#include "support/BoxEditor.h"
+#include "support/LogCapture.h"
 #include "support/TempDirectory.h"
 #include "sync/FlashBeep.h"
 #include "sync/MP4AVSyncFixer.h"
@@ -31,6 +30,10 @@ struct Row {
   bool audioFirst = false;
   void (*edit)(const Path&) = nullptr;
 };
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
 
 const std::vector<Row> rows{
     {"together", 0, 1000, Outcome::kept},
@@ -63,11 +66,6 @@ const std::vector<Row> rows{
 
 class FixedClip : public testing::Test {
  protected:
-  FixedClip() {
-    setLogSink([](std::string_view) {});
-  }
-  ~FixedClip() override { setLogSink({}); }
-
   Path copyOf(const Path& clip) {
     Path file = directory_ / "clip.mp4";
     std::filesystem::copy_file(clip, file);
@@ -78,6 +76,7 @@ class FixedClip : public testing::Test {
     return MP4AVSyncFixer::fix(files_, file, nullptr, nullptr, original, false);
   }
 
+  LogCapture log_;
   TempDirectory directory_;
   PosixFileManager files_{directory_.path()};
 };

@@ -6,38 +6,20 @@
 #include <string>
 #include <vector>
 
+#include "support/BoxBuilder.h"
 #include "sync/CApiCheck.h"
 #include "sync/MP4AVSync.h"
 
+namespace tarn::test {
 namespace {
-
-using Words = std::vector<uint32_t>;
-using Bytes = std::vector<uint8_t>;
-
-/// A box whose contents are these 32-bit words.
-Bytes box(const char* type, const Words& words) {
-  Bytes bytes;
-  auto append = [&](uint32_t word) {
-    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
-  };
-  append(static_cast<uint32_t>(8 + 4 * words.size()));
-  bytes.insert(bytes.end(), type, type + 4);
-  for (uint32_t word : words) append(word);
-  return bytes;
-}
 
 int32_t length(const Bytes& bytes) {
   return static_cast<int32_t>(bytes.size());
 }
 
-/// The 32-bit words of the rows of a table box.
-Words rowsOf(const Bytes& table) {
-  Words words;
-  for (size_t at = 16; at + 4 <= table.size(); at += 4) {
-    words.push_back(uint32_t{table[at]} << 24 | uint32_t{table[at + 1]} << 16 | uint32_t{table[at + 2]} << 8 |
-                    table[at + 3]);
-  }
-  return words;
+/// The rows of a table box.
+Bytes rowsOf(const Bytes& table) {
+  return {table.begin() + 16, table.end()};
 }
 
 constexpr int64_t highest = std::numeric_limits<int64_t>::max();
@@ -186,7 +168,7 @@ TEST(AVSyncElst, ComesBackAsWrittenInTheSmallestVersion) {
 }
 
 TEST(AVSyncElst, ReadsNoMoreThanTheLengthHolds) {
-  Bytes elst = box("elst", {0, 9, 0xFFFFFFFF, 0xFFFFFFFF, 0x10000, 7, 8});
+  Bytes elst = box("elst", {values({0, 9, 0xFFFFFFFF, 0xFFFFFFFF, 0x10000, 7, 8})});
   std::array<AVSyncElstEntry, 9> out{};
   ASSERT_EQ(avsync_parse_elst_box(elst.data(), length(elst), out.data(), 9), 1);
   EXPECT_EQ(out[0].duration, 0xFFFFFFFF) << "durations of version 0 are unsigned";
@@ -194,11 +176,11 @@ TEST(AVSyncElst, ReadsNoMoreThanTheLengthHolds) {
   EXPECT_EQ(avsync_parse_elst_box(elst.data(), 15, out.data(), 9), 0);
   elst[12] = 0x80;  // a negative count
   EXPECT_EQ(avsync_parse_elst_box(elst.data(), length(elst), out.data(), 9), 0);
-  EXPECT_EQ(avsync_parse_elst_box(box("edts", {0, 1, 0, 0, 0}).data(), 28, out.data(), 9), 0);
+  EXPECT_EQ(avsync_parse_elst_box(box("edts", {values({0, 1, 0, 0, 0})}).data(), 28, out.data(), 9), 0);
 }
 
 TEST(AVSyncTables, ReadsTimescalesOffsetsAndPriming) {
-  Bytes ctts = box("ctts", {0, 3, 1, 1024, 1, 0xFFFFFFFF, 1, 5});
+  Bytes ctts = box("ctts", {values({0, 3, 1, 1024, 1, 0xFFFFFFFF, 1, 5})});
   int64_t first = 9;
   int64_t smallest = 9;
   avsync_parse_ctts(ctts.data(), length(ctts), &first, &smallest);
@@ -209,11 +191,11 @@ TEST(AVSyncTables, ReadsTimescalesOffsetsAndPriming) {
   EXPECT_EQ(smallest, 1024);
   avsync_parse_ctts(nullptr, 0, &first, &smallest);
   EXPECT_EQ(first + smallest, 0);
-  EXPECT_EQ(avsync_get_ctts_version(box("ctts", {version1, 0}).data(), 16), 1);
+  EXPECT_EQ(avsync_get_ctts_version(box("ctts", {values({version1, 0})}).data(), 16), 1);
   EXPECT_EQ(avsync_get_ctts_version(ctts.data(), 11), -1);
 
-  Bytes short32 = box("mdhd", {0, 0, 0, 90000, 5});
-  Bytes long64 = box("mvhd", {version1, 0, 0, 0, 0, 600, 0, 5});
+  Bytes short32 = box("mdhd", {values({0, 0, 0, 90000, 5})});
+  Bytes long64 = box("mvhd", {values({version1, 0, 0, 0, 0, 600, 0, 5})});
   EXPECT_EQ(avsync_parse_mdhd_timescale(short32.data(), length(short32)), 90000u);
   EXPECT_EQ(avsync_parse_mvhd_timescale(long64.data(), length(long64)), 600u);
   EXPECT_EQ(avsync_parse_mvhd_timescale(long64.data(), 31), 0u) << "the field ends at 32";
@@ -221,18 +203,18 @@ TEST(AVSyncTables, ReadsTimescalesOffsetsAndPriming) {
 
   constexpr uint32_t roll = 0x726F6C6C;
   struct Row {
-    Words words;
+    Bytes fields;
     int64_t samples;
   };
-  for (const Row& row : std::vector<Row>{{{0, roll, 1, 0xFC000000}, 1024},
-                                         {{version1, roll, 2, 1, 0xFC000000}, 1024},
-                                         {{version1, roll, 0, 1, 2, 0x80000000}, 32768},
-                                         {{2 * version1, roll, 2, 0, 1, 0xFFFF0000}, 1},
-                                         {{version1, roll, 2, 1, 0x00040000}, 0},
-                                         {{version1, roll, 2, 0, 0xFC000000}, 0},
-                                         {{version1, roll, 0, 1, 2}, 0},
-                                         {{version1, 0x73796E63, 2, 1, 0xFC000000}, 0}}) {
-    Bytes sgpd = box("sgpd", row.words);
+  for (const Row& row : std::vector<Row>{{values({0, roll, 1, 0xFC000000}), 1024},
+                                         {values({version1, roll, 2, 1, 0xFC000000}), 1024},
+                                         {values({version1, roll, 0, 1, 2, 0x80000000}), 32768},
+                                         {values({2 * version1, roll, 2, 0, 1, 0xFFFF0000}), 1},
+                                         {values({version1, roll, 2, 1, 0x00040000}), 0},
+                                         {values({version1, roll, 2, 0, 0xFC000000}), 0},
+                                         {values({version1, roll, 0, 1, 2}), 0},
+                                         {values({version1, 0x73796E63, 2, 1, 0xFC000000}), 0}}) {
+    const Bytes sgpd = box("sgpd", {row.fields});
     EXPECT_EQ(avsync_parse_sgpd_roll(sgpd.data(), length(sgpd)), row.samples);
   }
   EXPECT_EQ(avsync_get_default_encoder_delay("mp4a.40.2"), 2112);
@@ -245,32 +227,33 @@ TEST(AVSyncTables, ReadsTimescalesOffsetsAndPriming) {
 }
 
 TEST(AVSyncTables, ConvertsCttsAndSplitsStts) {
-  Bytes ctts = box("ctts", {0, 2, 1, 1024, 3, 0});
+  Bytes ctts = box("ctts", {values({0, 2, 1, 1024, 3, 0})});
   Bytes out(static_cast<size_t>(avsync_ctts_v1_size(ctts.data(), length(ctts))));
   AVSyncCttsConversionInfo info{};
   ASSERT_EQ(avsync_convert_ctts_v0_to_v1(ctts.data(), length(ctts), 512, out.data(), length(out), &info), 32);
-  EXPECT_EQ(rowsOf(out), (Words{1, 512, 3, static_cast<uint32_t>(-512)}));
+  EXPECT_EQ(rowsOf(out), values({1, 512, 3, static_cast<uint32_t>(-512)}));
   EXPECT_EQ(avsync_get_ctts_version(out.data(), length(out)), 1);
   EXPECT_EQ(info.box_size, 32u);
   EXPECT_EQ(avsync_convert_ctts_v0_to_v1(ctts.data(), length(ctts), 0, out.data(), 31, nullptr), -1);
-  EXPECT_EQ(avsync_ctts_v1_size(box("ctts", {0, 0x10000000}).data(), 16), -1) << "2 GiB do not fit the result";
+  EXPECT_EQ(avsync_ctts_v1_size(box("ctts", {values({0, 0x10000000})}).data(), 16), -1)
+      << "2 GiB do not fit the result";
 
-  Bytes stts = box("stts", {0, 3, 4, 10, 2, 25, 0, 99});
+  Bytes stts = box("stts", {values({0, 3, 4, 10, 2, 25, 0, 99})});
   out.resize(static_cast<size_t>(avsync_split_stts_size(stts.data(), length(stts), 10)));
   ASSERT_EQ(avsync_split_stts_entries(stts.data(), length(stts), 10, out.data(), length(out)), length(out));
-  EXPECT_EQ(rowsOf(out), (Words{4, 10, 1, 10, 1, 10, 1, 5, 1, 10, 1, 10, 1, 5}));
+  EXPECT_EQ(rowsOf(out), values({4, 10, 1, 10, 1, 10, 1, 5, 1, 10, 1, 10, 1, 5}));
   EXPECT_EQ(out[15], 7);
   EXPECT_EQ(avsync_split_stts_entries(stts.data(), length(stts), 10, out.data(), length(out) - 1), -1);
   EXPECT_EQ(avsync_split_stts_size(stts.data(), length(stts), 0), -1);
-  Bytes huge = box("stts", {0, 2, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF});
+  Bytes huge = box("stts", {values({0, 2, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF})});
   EXPECT_EQ(avsync_split_stts_size(huge.data(), length(huge), 1), -1);
 }
 
 TEST(AVSyncGaps, FindsDeltasThatStandOut) {
   std::array<AVSyncGap, 4> gaps{};
   AVSyncGapSummary summary{};
-  Bytes stts = box("stts", {0, 4, 100, 1024, 1, 5000, 100, 1024, 1, 3000});
-  Bytes stss = box("stss", {0, 3, 1, 101, 202});
+  Bytes stts = box("stts", {values({0, 4, 100, 1024, 1, 5000, 100, 1024, 1, 3000})});
+  Bytes stss = box("stss", {values({0, 3, 1, 101, 202})});
   auto find = [&](int64_t threshold, int32_t room) {
     return avsync_detect_gaps(stts.data(), length(stts), stss.data(), length(stss), threshold, gaps.data(), room,
                               &summary);
@@ -289,13 +272,14 @@ TEST(AVSyncGaps, FindsDeltasThatStandOut) {
   EXPECT_EQ(find(0, 0), 0);
   EXPECT_EQ(summary.nominal_delta, 0);
 
-  Words words{0, 17};
-  for (uint32_t i = 1; i <= 16; ++i) words.insert(words.end(), {1, i});
-  words.insert(words.end(), {1000, 500});  // the 17th delta is not counted, though most samples have it
-  stts = box("stts", words);
+  Bytes rows;
+  for (uint32_t delta = 1; delta <= 16; ++delta) rows = joined({rows, values({1, delta})});
+  // The 17th delta is not counted, though most samples have it.
+  stts = box("stts", {values({0, 17}), rows, values({1000, 500})});
   EXPECT_EQ(find(400, 4), 1);
   EXPECT_EQ(summary.nominal_delta, 1) << "the earliest of those with as many samples";
   EXPECT_EQ(gaps[0].excess, 499);
 }
 
 }  // namespace
+}  // namespace tarn::test
