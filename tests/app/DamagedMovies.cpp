@@ -1,0 +1,69 @@
+#include "app/DamagedMovies.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "remux/RemuxFixture.h"
+#include "support/BoxBuilder.h"
+
+namespace tarn::test {
+namespace {
+
+const std::string stsd = "moov/trak/mdia/minf/stbl/stsd/";
+
+Bytes contents(const Path& file) {
+  PosixFileManager files{std::filesystem::temp_directory_path()};
+  return readFile(files, file);
+}
+
+VideoRecipe withLateSound(VideoRecipe recipe) {
+  recipe.more = {"-itsoffset", "0.3", "-f", "lavfi", "-i", "sine=r=48000:d=2", "-map", "0", "-map", "1", "-c:a", "aac"};
+  return recipe;
+}
+
+Bytes withOverrunningChild(const Bytes& movie) {
+  BoxEditor editor(movie);
+  editor.insert(stsd + "hev1", editor.at(stsd + "hev1").end(), boxClaiming(500, "colr", {Bytes(12)}));
+  return editor.bytes;
+}
+
+Bytes renamed(const Bytes& movie, const char* path, const char* type) {
+  BoxEditor editor(movie);
+  editor.rename(stsd + path, type);
+  return editor.bytes;
+}
+
+}  // namespace
+
+const std::vector<DamagedMovie>& damagedMovies() {
+  static const std::vector<DamagedMovie> movies = [] {
+    const Bytes hevc = contents(encodedVideo(inBandHEVC));
+    const Bytes avc = contents(encodedVideo(inBandAVC));
+    const VideoRecipe bigHEVC{.codec = "libx265", .parameters = inBandHEVC.parameters, .size = "256x160"};
+    const VideoRecipe bigAVC{.parameters = inBandAVC.parameters, .size = "256x160"};
+    return std::vector<DamagedMovie>{
+        {"hev1 with an empty hvcC", withoutParameterSets(hevc, true)},
+        {"avc3 without avcC", withoutParameterSets(avc, false)},
+        {"hev1 with late sound", withoutParameterSets(contents(encodedVideo(withLateSound(inBandHEVC))), true)},
+        {"avc1 with late sound", contents(encodedVideo(withLateSound(inBandAVC)))},
+        {"HEVC of two sizes", contents(joinedVideo({inBandHEVC, bigHEVC}))},
+        {"AVC of two sizes", withoutParameterSets(contents(joinedVideo({inBandAVC, bigAVC})), false)},
+        {"avc3 with avcC", renamed(avc, "avc1", "avc3")},
+        {"avc1", avc},
+        {"overrunning child", withOverrunningChild(withoutParameterSets(hevc, true))},
+        {"tail", joined({withoutParameterSets(hevc, true), Bytes(5, 7)})},
+        {"no sets anywhere", withoutParameterSets(contents(encodedVideo({})), false)},
+        {"encv", renamed(hevc, "hev1", "encv")},
+        {"no moov", box("ftyp", {Bytes(8)})},
+    };
+  }();
+  return movies;
+}
+
+const Bytes& damagedMovie(const std::string& name) {
+  auto found = std::ranges::find(damagedMovies(), name, &DamagedMovie::name);
+  if (found == damagedMovies().end()) throw std::runtime_error("no movie " + name);
+  return found->bytes;
+}
+
+}  // namespace tarn::test

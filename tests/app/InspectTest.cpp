@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "app/DamagedMovies.h"
+#include "app/TarnProcess.h"
+#include "app/inspect/DryRunFiles.h"
+#include "app/inspect/Inspection.h"
+#include "platform/Capacitor.h"
+#include "platform/host/PosixFileManager.h"
+#include "remux/MP4Remuxer.h"
+#include "support/BoxEditor.h"
+#include "support/LogCapture.h"
+#include "support/MediaMaker.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+using Remux = RemuxForecast::Kind;
+using Sync = SyncForecast::Kind;
+
+class InspectTest : public testing::Test {
+ protected:
+  Inspection inspectBytes(const Bytes& bytes) {
+    writeFileAtomically(files_, file_, bytes);
+    return inspect(files_, file_);
+  }
+
+  TempDirectory place_;
+  PosixFileManager files_{place_.path()};
+  const Path file_ = place_ / "clip.mp4";
+  LogCapture log_;
+};
+
+/// Entries as they are told to people, to compare a promise with what came of it.
+std::vector<std::string> described(const std::vector<SampleEntryFacts>& entries) {
+  std::vector<std::string> lines;
+  for (const auto& entry : entries) {
+    std::string line = entry.tag + " " + std::to_string(entry.size) + " " + std::to_string(entry.picture.width);
+    if (entry.configuration) line += entry.configuration->isComplete ? " complete" : " incomplete";
+    for (const auto& range : entry.ranges) {
+      line += " " + std::to_string(range.first) + ".." + std::to_string(range.last);
+    }
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
+  const std::map<std::string, std::pair<Remux, Sync>> expected = {
+      {"hev1 with an empty hvcC", {Remux::rebuilds, Sync::noSound}},
+      {"avc3 without avcC", {Remux::rebuilds, Sync::noSound}},
+      {"hev1 with late sound", {Remux::rebuilds, Sync::writes}},
+      {"avc1 with late sound", {Remux::leavesAlone, Sync::writes}},
+      {"HEVC of two sizes", {Remux::splits, Sync::noSound}},
+      {"AVC of two sizes", {Remux::splits, Sync::noSound}},
+      {"avc3 with avcC", {Remux::changesTag, Sync::noSound}},
+      {"avc1", {Remux::leavesAlone, Sync::noSound}},
+      {"overrunning child", {Remux::rebuilds, Sync::noSound}},
+      {"tail", {Remux::rebuilds, Sync::noSound}},
+      {"no sets anywhere", {Remux::refuses, Sync::notReached}},
+      {"encv", {Remux::skipped, Sync::noSound}},
+      {"no moov", {Remux::skipped, Sync::fails}},
+  };
+  for (const DamagedMovie& movie : damagedMovies()) {
+    SCOPED_TRACE(movie.name);
+    const Inspection promise = inspectBytes(movie.bytes);
+    EXPECT_EQ(std::pair(promise.remux.kind, promise.syncFix.kind), expected.at(movie.name)) << inspectionText(promise);
+    const bool hasLoss = std::string(movie.name) == "overrunning child" || std::string(movie.name) == "tail";
+    EXPECT_EQ(promise.remux.losses.size(), hasLoss ? 1u : 0u);
+
+    const Path out = place_ / "out.mp4";
+    auto repair = runTarn(place_ / "home", {"repair", file_.string(), "-o", out.string()});
+    ASSERT_EQ(repair.exitCode, promise.remux.kind == Remux::refuses ? 1 : 0) << repair.errors;
+    EXPECT_EQ(readFile(files_, file_), movie.bytes);
+    if (promise.remux.kind == Remux::refuses) {
+      EXPECT_NE(repair.errors.find(promise.remux.reason), std::string::npos) << repair.errors;
+      continue;
+    }
+    EXPECT_EQ(promise.changesFile, readFile(files_, out) != movie.bytes);
+    const Inspection outcome = inspect(files_, out);
+    if (promise.remux.kind != Remux::skipped) {
+      EXPECT_EQ(described(promise.remux.entries), described(outcome.video->entries));
+    }
+    if (promise.syncFix.kind != Sync::writes) continue;
+    EXPECT_EQ(outcome.sync->audioEditList, promise.syncFix.plan->audio->rows);
+    EXPECT_FALSE(outcome.changesFile) << inspectionText(outcome);
+  }
+}
+
+TEST_F(InspectTest, TellsWhatTheFileIs) {
+  const Inspection split = inspectBytes(damagedMovie("HEVC of two sizes"));
+  const std::vector<std::string> entries = described(split.remux.entries);
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_TRUE(entries[0].ends_with(" 192 complete 1..50")) << entries[0];
+  EXPECT_TRUE(entries[1].ends_with(" 256 complete 51..100")) << entries[1];
+  EXPECT_TRUE(split.video->bitstream->changesPictureSize);
+
+  const Inspection late = inspectBytes(damagedMovie("hev1 with late sound"));
+  ASSERT_EQ(late.tracks.size(), 2u);
+  EXPECT_EQ(late.tracks[1].handler, "soun");
+  EXPECT_EQ(late.tracks[1].rate, 48000u);
+  EXPECT_EQ(late.sync->audioEditList.front().mediaTime, -1);
+  EXPECT_FALSE(late.video->entries.front().configuration->isComplete);
+
+  // An `avcC` without sets satisfies the repair of the tag, and is not complete all the same.
+  BoxEditor editor(damagedMovie("avc1"));
+  const auto avcC = editor.at("moov/trak/mdia/minf/stbl/stsd/avc1/avcC");
+  editor.bytes[avcC.offset + 8 + 5] = 0xE0;
+  std::fill_n(editor.bytes.begin() + static_cast<ptrdiff_t>(avcC.offset + 8 + 6), avcC.size - 14, uint8_t{0});
+  const Inspection empty = inspectBytes(editor.bytes);
+  EXPECT_EQ(empty.remux.kind, Remux::leavesAlone);
+  EXPECT_EQ(empty.problems, std::vector<std::string>{"the avcC lacks parameter sets"});
+
+  BoxEditor overrun(damagedMovie("avc1"));
+  const auto moov = overrun.topLevel("moov").front();
+  overrun.setField(moov.offset, static_cast<uint32_t>(moov.size + 7));
+  EXPECT_EQ(inspectBytes(overrun.bytes).boxes.back().missingBytes, 7u);
+}
+
+TEST_F(InspectTest, SpeaksJSONThatReads) {
+  writeFileAtomically(files_, file_, damagedMovie("hev1 with late sound"));
+  const auto before = files_.attributes(file_);
+  auto told = runTarn(place_ / "home", {"inspect", "--json", file_.string()});
+  EXPECT_EQ(told.exitCode, 0) << told.errors;
+  auto object = JSObject::parse(told.output);
+  ASSERT_TRUE(object) << told.output;
+  EXPECT_EQ(*object->find("remux")->get<JSObject>()->find("does")->get<std::string>(), "rebuilds");
+  EXPECT_EQ(*object->find("syncFix")->get<JSObject>()->find("does")->get<std::string>(), "writes");
+  EXPECT_EQ(files_.attributes(file_), before);
+  EXPECT_EQ(told.errors, "");
+}
+
+/// Whatever bytes of the tables are wrong: there is an answer, the source stays, and the worker does as was said.
+TEST_F(InspectTest, AnswersForAnyDamage) {
+  std::mt19937 random(11);
+  for (const char* name : {"hev1 with late sound", "AVC of two sizes"}) {
+    const Bytes& whole = damagedMovie(name);
+    const auto moov = BoxEditor(whole).topLevel("moov").front();
+    for (int round = 0; round < 150; ++round) {
+      SCOPED_TRACE(name + std::to_string(round));
+      Bytes bytes = whole;
+      for (int i = 0; i < 1 + round % 4; ++i) {
+        const uint8_t value[] = {0, 1, 0x7F, 0xFF, static_cast<uint8_t>(random())};
+        bytes[moov.offset + random() % moov.size] = value[random() % 5];
+      }
+      if (round % 10 == 0) bytes.resize(random() % bytes.size());
+      const Inspection promise = inspectBytes(bytes);
+      EXPECT_FALSE(inspectionText(promise).empty());
+      EXPECT_TRUE(JSObject::parse(inspectionJSON(promise)));
+      ASSERT_EQ(readFile(files_, file_), bytes);
+      if (promise.remux.kind == Remux::skipped) continue;
+      std::string refusal;
+      std::optional<RemuxTimings> timings;
+      try {
+        if (name[0] == 'h') {
+          MP4Remuxer::remuxHEVCWithParameterExtraction(files_, file_, nullptr, timings);
+        } else {
+          MP4Remuxer::remuxAVCWithParameterExtraction(files_, file_, "", nullptr, timings);
+        }
+      } catch (const Error& failure) {
+        refusal = failure.description();
+      }
+      EXPECT_EQ(refusal, promise.remux.kind == Remux::refuses ? promise.remux.reason : "");
+      EXPECT_EQ(readFile(files_, file_) != bytes, promise.remux.changesFile);
+    }
+  }
+}
+
+TEST_F(InspectTest, ADryRunIsAFileSystem) {
+  writeFileAtomically(files_, file_, bytesOf("0123456789"));
+  DryRunFiles trial(files_);
+  auto source = trial.open(file_, OpenMode::reading);
+  auto copy = trial.open("/dry-run/copy", OpenMode::exclusive);
+  EXPECT_EQ(source->copyRange(*copy, 4), 4u);
+  copy->write(bytesOf("abc"));
+  EXPECT_EQ(source->copyRange(*copy, 100), 6u);
+  copy->seek(3);
+  copy->write(bytesOf("XY"));
+  copy->seek(2);
+  EXPECT_EQ(std::string(textOf(copy->read(5))), "2XYbc");
+  EXPECT_EQ(std::string(textOf(copy->read(50))), "456789");
+  EXPECT_EQ(copy->seekToEnd(), 13u);
+  EXPECT_FALSE(trial.isChanged(file_));
+  trial.replaceItem(file_, "/dry-run/copy");
+  EXPECT_TRUE(trial.isChanged(file_));
+  EXPECT_FALSE(trial.fileExists("/dry-run/copy"));
+  EXPECT_EQ(trial.attributes(file_)->size, 13u);
+  EXPECT_THROW(source->write(bytesOf("x")), PosixError);
+  EXPECT_EQ(readFile(files_, file_).size(), 10u);
+}
+
+}  // namespace
+}  // namespace tarn::test
