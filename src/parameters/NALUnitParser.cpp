@@ -213,7 +213,8 @@ ExtractedParameterSets extract(FileManager& files, const Path& fileURL, const Sc
   auto samples = findSyncSamples(*file, scan);
   ExtractedParameterSets result;
   std::span<const SampleInfo> voters(samples);
-  result.nalLengthSize = detectLengthSize(*file, voters.first(std::min(NALUnitParser::votingSamples, voters.size())), scan);
+  result.nalLengthSize =
+      detectLengthSize(*file, voters.first(std::min(NALUnitParser::votingSamples, voters.size())), scan);
   result.sets = scanSamples(*file, samples, result.nalLengthSize, scan);
   ParameterSets& sets = result.sets;
   bool lacksVPS = scan.sets.codec.vpsType && sets.vpsArray.empty();
