@@ -4,19 +4,18 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "app/Commands.h"
 #include "app/FailureAdvice.h"
 #include "app/Home.h"
 #include "app/Interrupt.h"
+#include "app/LeftAlone.h"
 #include "app/Output.h"
 #include "app/PrivateHome.h"
 #include "app/RepairSteps.h"
 #include "download/FirstRecord.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/host/PosixFileManager.h"
-#include "remux/MP4Remuxer.h"
 
 namespace tarn {
 namespace {
@@ -116,8 +115,8 @@ Path placeOf(const Path& output) {
 }
 
 struct Repair {
-  bool isFinished = false;  ///< false when it was interrupted
-  bool isEncrypted = false;
+  bool isFinished = false;          ///< false when it was interrupted
+  std::optional<std::string> note;  ///< what was not repaired, and why
 };
 
 /// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
@@ -138,7 +137,9 @@ Repair repair(const Ends& ends, const RepairOptions& options, const std::shared_
                                                   .fileURL = copy,
                                                   .skipVideoFix = options.skipVideoFix,
                                                   .skipAudioFix = options.skipAudioFix});
-  result.isEncrypted = MP4Remuxer::detectHEVCTag(files, copy) == "encv";
+  if (!record.needsRemuxing && !options.skipVideoFix) {
+    result.note = "The video was left as it is: " + whyTheVideoIsLeftAlone(files, copy) + ".";
+  }
 
   SingleRunHost host(store);
   NamesInTheMaking names;
@@ -176,13 +177,13 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
     printFailure(fmt::format("Interrupted; {} was not written.", options.output));
     return ExitCode::interrupted;
   }
-  const char* note = "The video is encrypted (encv) and was left as it is.";
-  JSValue::Array notes;
-  if (outcome.isEncrypted) notes.emplace_back(note);
   if (global.json) {
-    printJSON({{"result", "repaired"}, {"input", options.input}, {"path", ends.output.string()}, {"notes", notes}});
+    printJSON({{"result", "repaired"},
+               {"input", options.input},
+               {"path", ends.output.string()},
+               {"note", outcome.note ? JSValue(*outcome.note) : JSValue()}});
   } else {
-    if (outcome.isEncrypted) printLine(note);
+    if (outcome.note) printLine(*outcome.note);
     printLine(ends.output.string());
   }
   return ExitCode::done;

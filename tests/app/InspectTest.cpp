@@ -11,6 +11,7 @@
 #include "platform/Capacitor.h"
 #include "platform/host/PosixFileManager.h"
 #include "remux/MP4Remuxer.h"
+#include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
@@ -114,6 +115,17 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   const Inspection empty = inspectBytes(editor.bytes);
   EXPECT_EQ(empty.remux.kind, Remux::leavesAlone);
   EXPECT_EQ(empty.problems, std::vector<std::string>{"the avcC lacks parameter sets"});
+
+  const Bytes& tail = damagedMovie("hev1 with an empty hvcC");
+  const auto mdat = BoxEditor(tail).topLevel("mdat").front();
+  writeFileAtomically(files_, file_, joined({Bytes(tail.begin(), tail.begin() + static_cast<ptrdiff_t>(mdat.end()))}));
+  auto file = files_.open(file_, OpenMode::updating);
+  file->seekToEnd();
+  file->write(boxClaiming(0x6400000, "free"));
+  file->seek(mdat.end() + 0x6400000);
+  file->write(ByteView(tail).subspan(mdat.end()));
+  file->close();
+  EXPECT_NE(inspect(files_, file_).remux.reason.find("100 MiB"), std::string::npos);
 
   BoxEditor overrun(damagedMovie("avc1"));
   const auto moov = overrun.topLevel("moov").front();

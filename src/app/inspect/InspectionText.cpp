@@ -37,6 +37,7 @@ class Writer {
 
 void writeBoxes(Writer& out, const Inspection& inspection) {
   out.heading("Boxes");
+  if (inspection.boxes.empty()) out.line("none");
   for (const TopLevelBox& box : inspection.boxes) {
     const std::string note =
         box.missingBytes == 0 ? "" : fmt::format(", {} bytes of it behind the end of the file", box.missingBytes);

@@ -4,13 +4,13 @@
 
 #include <memory>
 
+#include "app/LeftAlone.h"
 #include "app/inspect/DryRunFiles.h"
 #include "app/inspect/MovieFacts.h"
 #include "download/FirstRecord.h"
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
 #include "platform/Error.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/RemuxStep.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncStep.h"
@@ -56,7 +56,7 @@ class TrialRun {
   void remux() {
     RemuxForecast& forecast = inspection_.remux;
     if (!run_.state.needsRemuxing) {
-      forecast.reason = whyTheVideoIsSkipped();
+      forecast.reason = whyTheVideoIsLeftAlone(trial_, path_);
       return;
     }
     try {
@@ -73,18 +73,6 @@ class TrialRun {
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
-  }
-
-  std::string whyTheVideoIsSkipped() {
-    std::optional<std::string> tag;
-    try {
-      tag = MP4Remuxer::detectHEVCTag(trial_, path_);
-    } catch (const Error& failure) {
-      return "no video codec was recognised: " + failure.description();
-    }
-    if (!tag) return "no video codec was recognised";
-    if (*tag == "encv") return "the video is encrypted (encv) and is left as it is";
-    return fmt::format("video with the tag '{}' is not one that is repaired", *tag);
   }
 
   void tellWhatWasDone(RemuxForecast& forecast) {
