@@ -42,10 +42,21 @@ DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps
 
 DownloadManager::~DownloadManager() = default;
 
+std::set<int64_t> DownloadManager::idsOfStoredTransfers() {
+  std::set<int64_t> ids;
+  for (const std::string& text : platform_.transfers.storedTaskDescriptions()) {
+    if (auto note = TransferNote::parse(text)) ids.insert(note->id);
+  }
+  return ids;
+}
+
 void DownloadManager::loadPersistedDownloads() {
+  const std::set<int64_t> withTransfer = idsOfStoredTransfers();
   for (const DownloadTaskData& data : taskStore_.load()) {
     auto task = std::make_shared<DownloadTask>(platform_.files, data.id, data.url, data.album, data.filename);
     DownloadStatus status = downloadStatus(data.status);
+    // A kill may have come between the start of its transfer and the next store of the list.
+    if (status == DownloadStatus::queued && withTransfer.contains(data.id)) status = DownloadStatus::downloading;
     task->update([&](DownloadTask::Snapshot& fields) { fields.status = status; });
     registry_.insert(task);
     if (status == DownloadStatus::queued) queue_.append({.url = data.url, .task = task, .delegate = {}});
@@ -64,10 +75,7 @@ int64_t DownloadManager::makeId() {
 
 bool DownloadManager::isIdTaken(int64_t id) {
   if (registry_.contains(id) || gate_.holds(id) || store_.loadState(id)) return true;
-  return std::ranges::any_of(platform_.transfers.storedTaskDescriptions(), [id](const std::string& text) {
-    auto note = TransferNote::parse(text);
-    return note && note->id == id;
-  });
+  return idsOfStoredTransfers().contains(id);
 }
 
 NSURLSession& DownloadManager::session() {
@@ -98,6 +106,9 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const std::string& url,
   task->update([&](DownloadTask::Snapshot& fields) {
     fields.skipVideoFix = skipVideoFix;
     fields.skipAudioFix = skipAudioFix;
+    // Waiting, until it has a slot and a transfer: the list may be stored at any moment, and a task that is stored as
+    // waiting is started again.
+    fields.status = DownloadStatus::queued;
   });
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, skipVideoFix, skipAudioFix);
   PendingDownload download{.url = url, .task = task, .delegate = delegate};

@@ -91,6 +91,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
 
   // Starting and stopping (DownloadManager.cpp)
   void loadPersistedDownloads();
+  std::set<int64_t> idsOfStoredTransfers();
   int64_t makeId();
   bool isIdTaken(int64_t id);
   NSURLSession& session();

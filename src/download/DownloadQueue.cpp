@@ -19,7 +19,6 @@ DownloadQueue::Admission DownloadQueue::admit(const PendingDownload& download) {
   std::lock_guard guard(queueLock_);
   int64_t currentLimit = limit();
   if (std::ssize(running_) >= currentLimit) {
-    download.task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
     pendingQueue_.push_back(download);
     return {false, counts(currentLimit)};
   }

@@ -42,7 +42,7 @@ class DownloadQueue {
     int64_t limit = 0;
   };
 
-  /// Takes a slot for the download, or puts it at the end of the line when all are taken (its status becomes `queued`).
+  /// Takes a slot for the download, or puts it at the end of the line when all are taken.
   struct Admission {
     bool hasSlot = false;
     Counts counts;

@@ -104,12 +104,18 @@ TEST(BufferWalk, PoliciesDifferWhereTheyShould) {
 }
 
 TEST(BufferWalk, ForCopyingEndsAtDamageAndPassesOddTypes) {
-  const Bytes odd = joined({box("\xA9too", {Bytes(4)}), box("\xC3\xA9\x61\x62"), box("last")});
-  EXPECT_EQ(walkBuffer(boxwalk::tableChildren, odd), "@0+12 \xC3\xA9\x61\x62@12+8 last@20+8 /end");
-  EXPECT_EQ(walkBuffer(boxwalk::clonedChildren, odd), "@0+12 @12+8 /end");
+  const Bytes accented =
+      box("\xC3\xA9"
+          "ab");
+  const Bytes data = joined({box("\xA9too", {Bytes(4)}), accented, box("last")});
+  EXPECT_EQ(walkBuffer(boxwalk::tableChildren, data),
+            "@0+12 \xC3\xA9"
+            "ab@12+8 last@20+8 /end");
+  EXPECT_EQ(walkBuffer(boxwalk::clonedChildren, data), "@0+12 @12+8 /end");
   for (const auto& policy : {boxwalk::tableChildren, boxwalk::clonedChildren}) {
-    for (auto [size, walked] : {std::pair(50u, "free@0+8 /overrun"), {0u, "free@0+8 /size"}, {7u, "free@0+8 /size"}}) {
-      EXPECT_EQ(walkBuffer(policy, joined({box("free"), boxClaiming(size, "free", {Bytes(8)})})), walked);
+    EXPECT_EQ(walkBuffer(policy, joined({box("free"), boxClaiming(50, "free", {Bytes(8)})})), "free@0+8 /overrun");
+    for (uint32_t size : {0, 1, 7}) {
+      EXPECT_EQ(walkBuffer(policy, joined({box("free"), boxClaiming(size, "free", {Bytes(8)})})), "free@0+8 /size");
     }
   }
 }

@@ -120,9 +120,9 @@ uint64_t PosixFileHandle::copyRange(FileHandle& target, uint64_t count) {
   auto* const posix = dynamic_cast<PosixFileHandle*>(&target);
   if (posix && blocksMatch(offset_, posix->offset_)) copied = copyInKernel(*posix, count);
   // At the end of the file this reads once and gets nothing; some file systems claim an end that is none.
-  copied += copyByReading(*this, target, count - copied);
-  if (posix && copied > 0) posix->startWriting(copied);
-  return copied;
+  const uint64_t byReading = copyByReading(*this, target, count - copied);
+  if (posix && byReading > 0) posix->startWriting(byReading);
+  return copied + byReading;
 }
 
 void PosixFileHandle::startWriting(uint64_t count) {
@@ -142,11 +142,10 @@ uint64_t PosixFileHandle::copyInKernel(PosixFileHandle& target, uint64_t count) 
         repeatInterrupted([&] { return ::copy_file_range(descriptor_, &from, target.descriptor_, &to, piece, 0); });
     if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG)) fail(errno, "copy");
     if (moved <= 0) break;  // any other refusal means "not between these two": reading and writing decides
-    // The disk begins while the copy goes on, so that a flush at its end has less to wait for. Only a hint.
-    ::sync_file_range(target.descriptor_, static_cast<off_t>(target.offset_), moved, SYNC_FILE_RANGE_WRITE);
     copied += static_cast<uint64_t>(moved);
     offset_ += static_cast<uint64_t>(moved);
     target.offset_ += static_cast<uint64_t>(moved);
+    target.startWriting(static_cast<uint64_t>(moved));
   }
   return copied;
 }
