@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Times the remux of a big "hev1" file side by side with a plain copy and with ffmpeg's own remux.
 
-  remux_against_copy.py WORKER DIRECTORY [ROUNDS]
+  remux_against_copy.py WORKER DIRECTORY [ROUNDS [SOURCE]]
 
 WORKER is the program remux_worker; DIRECTORY lies on a real disk with 6 GiB free. Prints medians in seconds, all with a
-flush of the result, and the worker's peak of memory.
+flush of the result, and the worker's peak of memory. SOURCE is "moov ahead", "moov behind" or "changing": 300,000
+samples in 50 runs of two picture sizes, which get 50 sample entries.
 """
 import os
 import pathlib
@@ -21,19 +22,48 @@ def ffmpeg(*arguments):
     subprocess.run(["ffmpeg", "-v", "error", "-y", *arguments], check=True)
 
 
-def make_sources(directory):
+def make_source(directory, name):
+    if name == "changing":
+        return make_changing_source(directory)
+    source = directory / f"{name.replace(' ', '-')}.mp4"
+    if source.exists():
+        return source
     clip = directory / "clip.mp4"
     if not clip.exists():
         ffmpeg("-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=25,noise=alls=20:allf=t", "-t", "8", "-c:v", "libx265",
                "-preset", "ultrafast", "-x265-params", "repeat-headers=1:keyint=25:bitrate=12000:log-level=none",
                "-pix_fmt", "yuv420p", "-tag:v", "hev1", str(clip))
-    sources = {}
-    for name, options in {"moov ahead": ["-movflags", "+faststart"], "moov behind": []}.items():
-        loops = str(SIZES[name] // clip.stat().st_size - 1)
-        sources[name] = directory / f"{name.replace(' ', '-')}.mp4"
-        if not sources[name].exists():
-            ffmpeg("-stream_loop", loops, "-i", str(clip), "-c", "copy", "-tag:v", "hev1", *options, str(sources[name]))
-    return sources
+    loops = str(SIZES[name] // clip.stat().st_size - 1)
+    options = ["-movflags", "+faststart"] if name == "moov ahead" else []
+    ffmpeg("-stream_loop", loops, "-i", str(clip), "-c", "copy", "-tag:v", "hev1", *options, str(source))
+    return source
+
+
+def make_changing_source(directory):
+    changing = directory / "changing.mp4"
+    if changing.exists():
+        return changing
+    clips = []
+    for size in "480x270", "640x360":
+        clips.append(directory / f"{size}.mp4")
+        ffmpeg("-f", "lavfi", "-i", f"testsrc2=size={size}:rate=25", "-t", "240", "-c:v", "libx265", "-preset",
+               "ultrafast", "-x265-params", "repeat-headers=1:keyint=50:log-level=none", "-pix_fmt", "yuv420p",
+               "-tag:v", "hev1", str(clips[-1]))
+    parts = directory / "parts.txt"
+    parts.write_text("".join(f"file '{clip.absolute()}'\n" for clip in clips) * 25)
+    ffmpeg("-f", "concat", "-safe", "0", "-i", str(parts), "-c", "copy", "-tag:v", "hev1", "-movflags", "+faststart",
+           str(changing))
+    return changing
+
+
+def moov_size(path):
+    with open(path, "rb") as file:
+        while header := file.read(16):
+            size = int.from_bytes(header[:4], "big")
+            if header[4:8] == b"moov":
+                return size
+            file.seek((size if size > 1 else int.from_bytes(header[8:], "big")) - 16, os.SEEK_CUR)
+    raise ValueError(f"no moov in {path}")
 
 
 def flush(path):
@@ -52,9 +82,11 @@ def timed(command, result):
 def main():
     worker, directory = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2])
     rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    names = sys.argv[4:] or [*SIZES, "changing"]
     directory.mkdir(parents=True, exist_ok=True)
     work, copy = directory / "work.mp4", directory / "copy.mp4"
-    for name, source in make_sources(directory).items():
+    for name in names:
+        source = make_source(directory, name)
         times = {"cp --reflink=never": [], "remux": [], "ffmpeg -c copy +faststart": []}
         peak = 0.0
         for _ in range(rounds):
@@ -74,7 +106,8 @@ def main():
         for what, values in times.items():
             median = statistics.median(values)
             print(f"  {what:28} {median:6.2f} s  ({median / base:.2f} x cp; {min(values):.2f} to {max(values):.2f})")
-        print(f"  peak memory of the remux     {peak:.1f} MiB")
+        print(f"  peak memory of the remux     {peak:.1f} MiB, moov {moov_size(source) / 2**20:.1f} MiB, then "
+              f"{moov_size(work) / 2**20:.1f} MiB")
 
 
 main()

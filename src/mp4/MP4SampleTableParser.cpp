@@ -137,7 +137,7 @@ std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
   TableBox box(file, *stss, oneField);
   auto numbers = box.entries<uint32_t>(box.field());
   std::ranges::sort(numbers);
-  numbers.erase(std::ranges::unique(numbers).begin(), numbers.end());
+  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   if (!numbers.empty() && numbers.front() == 0) throw sampleTableError("stss names sample 0");
   log("Parsed stss: {} sync samples", numbers.size());
   return numbers;
