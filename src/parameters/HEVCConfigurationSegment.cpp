@@ -93,6 +93,10 @@ std::string computeFingerprint(const ParameterSets& sets) {
   return fmt::format("{:02x}", fmt::join(sum, ""));
 }
 
+bool hasSets(const ConfigurationSegment& segment, const ParameterSets& sets) {
+  return segment.vpsSet == sets.vpsArray && segment.spsSet == sets.spsArray && segment.ppsSet == sets.ppsArray;
+}
+
 size_t memoryOf(const ParameterSets& sets) {
   size_t count = bytesPerRun;
   for (const auto* units : {&sets.vpsArray, &sets.spsArray, &sets.ppsArray, &sets.spsRbspArray}) {
@@ -116,6 +120,7 @@ class SegmentList {
   explicit SegmentList(const Detection& detection) : detection_(detection) {}
 
   void add(int64_t sampleIndex, ParameterSets sets) {
+    if (!segments_.empty() && hasSets(segments_.back(), sets)) return;  // the usual case needs no digest
     std::string fingerprint = computeFingerprint(sets);
     if (!segments_.empty() && segments_.back().fingerprint == fingerprint) return;
     // The samples ahead of the first sync sample have its configuration.
