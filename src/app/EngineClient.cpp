@@ -43,7 +43,7 @@ std::optional<EngineClient::Event> EngineClient::nextEvent(std::optional<std::ch
 
 void EngineClient::waitUntilGone(int64_t id) {
   const std::string key = std::to_string(id);
-  for (int looks = 0; looks < 400 && call("getActiveDownloads").data.find(key); ++looks) {
+  for (int looks = 0; looks < 2000 && call("getActiveDownloads").data.find(key); ++looks) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }

@@ -24,7 +24,7 @@ class Resume {
   int run() {
     while (!client_.isInterrupted()) {
       if (!look()) {
-        if (wasIdle_ && !host_.hasPendingWork()) break;
+        if (wasIdle_ && !host_.hasPendingWork() && isEverythingGone()) break;
         // Takes up the next stored run, and removes what is finished.
         host_.application().enterForeground();
         wasIdle_ = true;
@@ -57,6 +57,15 @@ class Resume {
       }
     }
     return isActive;
+  }
+
+  /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores; or after some
+  /// looks, since a task that nothing stands behind may stay.
+  bool isEverythingGone() {
+    const JSObject tasks = client_.call("getActiveDownloads").data;
+    const bool isGone = std::ranges::none_of(
+        outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
+    return isGone || ++looksAtTheEnd_ > 100;
   }
 
   /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
@@ -134,6 +143,7 @@ class Resume {
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
   std::map<int64_t, std::string> shown_;
   std::map<int64_t, int> looksAtNothing_;
+  int looksAtTheEnd_ = 0;
 };
 
 }  // namespace
