@@ -1,6 +1,8 @@
 include(GoogleTest)
 find_package(Threads REQUIRED)
 find_package(fmt REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(libav REQUIRED IMPORTED_TARGET libavcodec libswresample libavutil)
 
 add_library(tarn_options INTERFACE)
 target_compile_options(tarn_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
+#include "media/CMFormatDescription.h"
+#include "media/CMSampleBuffer.h"
+#include "media/CMTime.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/FileManager.h"
 
@@ -16,16 +20,38 @@ struct AVAssetTrack {
   AVMediaType mediaType = AVMediaType::video;
   uint32_t naturalTimeScale = 0;  ///< ticks per second of the media's clock; 0 where the `mdhd` is missing or damaged
   MP4BoxInfo trak;                ///< where the track's box lies in the file
+
+  /// One for each sample entry, in `stsd` order. Empty where the `stsd` cannot be read.
+  std::vector<CMFormatDescriptionPointer> formatDescriptions;
+
+  /// Start: the leading empty edits. Duration: the sum of the other edits; without edits that of the `mdhd`
+  /// (ISO/IEC 14496-12 8.6.6, 8.4.2).
+  CMTimeRange timeRange;
 };
 
-/// A media file on disk, read when asked. The FileManager must outlive it.
+/// A media file on disk, read when asked. The FileManager must outlive it. One object serves one thread.
 class AVAsset {
  public:
   AVAsset(FileManager& files, Path url) : files_(files), url_(std::move(url)) {}
+  virtual ~AVAsset() = default;
 
   /// The tracks whose handler is that of the type ("vide", "soun"; ISO/IEC 14496-12 8.4.3), in file order. A file
   /// that is missing, cannot be read, or has no `moov` has no tracks.
-  std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
+  virtual std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
+
+  /// Of the `mvhd`, or of the longest track where that is shorter or missing; zero where neither can be read.
+  virtual CMTime duration() const;
+
+  /// The samples of one of the asset's tracks, by the file's own sample table and edit list, in decode order. Edits are
+  /// taken in order: an empty one advances the presentation clock, any other shows the media from its `media_time` on,
+  /// a duration of 0 to the end. Only samples that overlap an edit come; one that straddles its start keeps its true,
+  /// earlier time. The duration of an AAC buffer is its nominal length, 1024 or 2048 samples at the actual rate, so
+  /// that a hole shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
+  /// `stts` delta. Throws Error when the tables cannot be read or contradict the file.
+  virtual std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
+
+  FileManager& files() const { return files_; }
+  const Path& url() const { return url_; }
 
  private:
   FileManager& files_;
