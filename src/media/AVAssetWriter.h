@@ -84,7 +84,7 @@ class AVAssetWriter {
 
  private:
   struct State;
-  std::shared_ptr<State> state_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace tarn

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 
 #include "platform/Bytes.h"
 
@@ -26,5 +27,9 @@ Bytes buildMdiaBox(ByteView minf, int64_t timescale, int64_t duration);
 Bytes buildTkhdBox(int64_t duration);
 Bytes buildTrakBox(ByteView mdia, int64_t duration);
 Bytes buildMvhdBox(int64_t timescale, int64_t duration);
+
+/// Containers of whole boxes: a sample table in the order of the children, a movie of one track.
+Bytes buildStblBox(std::initializer_list<ByteView> children);
+Bytes buildMoovBox(ByteView mvhd, ByteView trak);
 
 }  // namespace tarn

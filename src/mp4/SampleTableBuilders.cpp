@@ -45,10 +45,17 @@ Bytes buildStszBox(std::span<const uint32_t> sampleSizes) {
   return box;
 }
 
-Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration) {
-  Bytes box = beginBox("stts", 1, 1, 8);
-  ByteWriter(box).uint32(1).uint32(sampleCount).uint32(sampleDuration);
+Bytes buildSttsBox(std::span<const TimeToSampleEntry> rows) {
+  Bytes box = beginBox("stts", 1, rows.size(), 8);
+  ByteWriter writer(box);
+  writer.uint32(static_cast<uint32_t>(rows.size()));
+  for (const TimeToSampleEntry& row : rows) writer.uint32(row.sampleCount).uint32(row.sampleDelta);
   return box;
+}
+
+Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration) {
+  const TimeToSampleEntry row{sampleCount, sampleDuration};
+  return buildSttsBox({&row, 1});
 }
 
 Bytes buildSimpleStscBox() {

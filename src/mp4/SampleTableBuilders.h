@@ -16,6 +16,13 @@ namespace tarn {
 /// `stsz`, in the compact form where all sizes are equal.
 Bytes buildStszBox(std::span<const uint32_t> sampleSizes);
 
+/// A row of an `stts` (ISO/IEC 14496-12 8.6.1.2): samples that each last `sampleDelta` ticks of the track's timescale.
+struct TimeToSampleEntry {
+  uint32_t sampleCount = 0;
+  uint32_t sampleDelta = 0;
+};
+Bytes buildSttsBox(std::span<const TimeToSampleEntry> rows);
+
 /// `stts` of one row; the duration is in the track's timescale.
 Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration);
 
