@@ -36,6 +36,7 @@ struct AACEncoder::State {
 };
 
 AACEncoder::AACEncoder(const AACOutputSettings& settings) : state_(std::make_unique<State>()) {
+  av_log_set_level(AV_LOG_QUIET);  // what goes wrong is told by the results
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
   if (!codec) throw Error("AACEncoder", -1, "there is no AAC encoder");
   state_->context.reset(avcodec_alloc_context3(codec));
