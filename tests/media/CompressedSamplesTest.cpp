@@ -275,7 +275,7 @@ TEST(CompressedSamples, NoDamageToTheMovieBoxCrashes) {
   PosixFileManager files(directory.path());
   AVAsset asset(files, directory / "clip.mp4");
   size_t walked = 0;
-  for (int round = 0; round < 3000; ++round) {
+  for (int round = 0; round < 1000; ++round) {
     Bytes damaged = movie;
     for (int i = 0; i < 3; ++i) {
       damaged[moov + 8 + random() % (movie.size() - moov - 8)] = static_cast<uint8_t>(round % 2 == 0 ? 0xFF : random());
@@ -289,7 +289,7 @@ TEST(CompressedSamples, NoDamageToTheMovieBoxCrashes) {
       ASSERT_LT(shown.size(), 100u);
     }
   }
-  EXPECT_GT(walked, 1000u);
+  EXPECT_GT(walked, 1000u) << "or the damage leaves nothing to walk";
 }
 
 }  // namespace
