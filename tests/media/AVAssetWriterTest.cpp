@@ -11,6 +11,7 @@
 #include "media/AVAssetWriter.h"
 #include "media/AudioConverter.h"
 #include "media/M4AFile.h"
+#include "media/SegmentedAACEncoder.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultyFileManager.h"
 #include "support/MediaMaker.h"
@@ -132,7 +133,7 @@ TEST_F(AssetWriter, MakesTheSameFileOnAnyNumberOfWorkersAsGoodAsOneEncoder) {
   file.finish({}, static_cast<int64_t>(frames));
   const Samples whole = decoded(single, 2);
   EXPECT_NEAR(signalToNoise(sent, heard), signalToNoise(sent, whole), 0.3);
-  const size_t join = 1400 * 2048, around = 8 * 2048;
+  const size_t join = SegmentedAACEncoder::packetsPerSegment * 2048, around = 8 * 2048;
   EXPECT_LE(largestError(sent, heard, join - around, join + around), largestError(sent, whole, 8192, whole.size()));
 }
 
