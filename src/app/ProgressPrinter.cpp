@@ -58,8 +58,10 @@ void ProgressPrinter::show(const JSObject& entry) {
   if (status == "STATUS_PENDING") return print("waiting for a free slot");
   if (status == "STATUS_RUNNING") return print(transferLine(entry));
   if (status != "STATUS_PROCESSING") return;
-  const std::string stage = text(entry, "processingStage");
-  const int64_t percent = number(entry, "processingProgress", 0);
+  showStage(text(entry, "processingStage"), number(entry, "processingProgress", 0));
+}
+
+void ProgressPrinter::showStage(const std::string& stage, int64_t percent) {
   if (stage.empty()) return print("processing");
   print(percent > 0 ? fmt::format("{} {}%", stage, percent) : stage);
 }

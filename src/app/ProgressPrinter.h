@@ -20,6 +20,9 @@ class ProgressPrinter {
   /// Takes one entry of a progress event: a sample of the watcher or a stage update.
   void show(const JSObject& entry);
 
+  /// How far a stage of the repair has come.
+  void showStage(const std::string& stage, int64_t percent);
+
  private:
   using Clock = std::chrono::steady_clock;
 

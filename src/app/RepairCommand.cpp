@@ -12,6 +12,7 @@
 #include "app/LeftAlone.h"
 #include "app/Output.h"
 #include "app/PrivateHome.h"
+#include "app/ProgressPrinter.h"
 #include "app/RepairSteps.h"
 #include "download/FirstRecord.h"
 #include "pipeline/ProcessingStateManager.h"
@@ -46,18 +47,21 @@ class PlacingStep : public ProcessingStep {
   Path place_;
 };
 
-/// The engine around the single run of a repair. There is nobody to tell of its progress; its outcome is kept.
+/// The engine around the single run of a repair: its progress is shown, its outcome kept.
 class SingleRunHost : public ProcessingHost {
  public:
-  explicit SingleRunHost(ProcessingStateManager& store) : store_(store) {}
+  SingleRunHost(ProcessingStateManager& store, bool showsProgress) : store_(store) {
+    if (showsProgress) printer_.emplace();
+  }
 
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& record) override {
     store_.saveState(record);
     return true;
   }
   void removeRecord(const CancellationToken& /*token*/, int64_t id) override { store_.removeState(id); }
-  void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
-                       const std::string& /*stage*/) override {}
+  void progressUpdated(const DownloadTaskPointer& /*download*/, double progress, const std::string& stage) override {
+    if (printer_) printer_->showStage(stage, static_cast<int64_t>(progress * 100));
+  }
   void replaceDownload(const DownloadTaskPointer& /*download*/) override {}
   void releaseBackgroundTimeAndSlot(int64_t /*id*/) override {}
   void notifyFinished(const DownloadTaskPointer& /*download*/, const Path& /*location*/) override {
@@ -74,6 +78,7 @@ class SingleRunHost : public ProcessingHost {
 
  private:
   ProcessingStateManager& store_;
+  std::optional<ProgressPrinter> printer_;
   bool isFinished_ = false;
   std::exception_ptr failure_;
 };
@@ -120,7 +125,8 @@ struct Repair {
 };
 
 /// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
-Repair repair(const Ends& ends, const RepairOptions& options, const std::shared_ptr<CancellationToken>& token) {
+Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress,
+              const std::shared_ptr<CancellationToken>& token) {
   const Path place = placeOf(ends.output);
   const PrivateHome home(place.parent_path());
   PosixFileManager files(home.path());
@@ -141,7 +147,7 @@ Repair repair(const Ends& ends, const RepairOptions& options, const std::shared_
     result.note = "The video was left as it is: " + whyTheVideoIsLeftAlone(files, copy) + ".";
   }
 
-  SingleRunHost host(store);
+  SingleRunHost host(store, showsProgress);
   NamesInTheMaking names;
   RepairSteps steps;
   PlacingStep last(place);
@@ -168,7 +174,7 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
   const Ends ends = checkedEnds(options);
   Repair outcome;
   try {
-    outcome = repair(ends, options, token);
+    outcome = repair(ends, options, !global.json, token);
   } catch (const std::exception& failure) {
     return reportFailure(global, options, failure.what());
   }

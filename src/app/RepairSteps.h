@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/AudioStep.h"
 #include "pipeline/ProcessingDriver.h"
 #include "remux/RemuxStep.h"
 #include "sync/SyncStep.h"
@@ -11,12 +12,12 @@ class RepairSteps {
  public:
   /// Both must outlive the steps' use.
   ProcessingSteps withLast(ProcessingStep& last) {
-    return {.remux = &remux_, .audio = &syncFacts_, .sync = &sync_, .last = &last};
+    return {.remux = &remux_, .audio = &audio_, .sync = &sync_, .last = &last};
   }
 
  private:
   RemuxStep remux_;
-  SyncFactsStep syncFacts_;
+  AudioStep audio_;
   SyncStep sync_;
 };
 

@@ -26,7 +26,13 @@ struct AudioFindings {
 /// an audio track.
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL);
 
-/// Drift above which audio is left alone, in milliseconds: its timeline is beyond repair, and a decoder could hang.
+/// Drift beyond which audio that has holes or drift is left alone, in milliseconds: its timeline is beyond repair, and
+/// a decoder could hang.
 inline constexpr double extremeDriftMs = 60000.0;
+
+inline bool hasExtremeDrift(const AudioAnalysisResult& analysis) {
+  return (analysis.gapType == GapType::internalGaps || analysis.gapType == GapType::timelineDrift) &&
+         analysis.timelineDriftMs > extremeDriftMs;
+}
 
 }  // namespace tarn

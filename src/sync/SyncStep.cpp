@@ -1,21 +1,9 @@
 #include "sync/SyncStep.h"
 
-#include "media/AVAsset.h"
 #include "platform/Log.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
-
-void SyncFactsStep::run(ProcessingRun& run) {
-  run.token->throwIfCancelled();
-  if (AVAsset(run.files, run.fileURL).tracks(AVMediaType::audio).empty()) return;
-  try {
-    run.originalSyncInfo = MP4AVSyncFixer::readOriginalSyncInfo(run.files, run.fileURL);
-    log("Original sync info captured: syncOffset={:.1f}ms", run.originalSyncInfo->syncOffsetSeconds * 1000);
-  } catch (const std::exception& failure) {
-    log("Warning: Could not read original sync info: {}", failure.what());
-  }
-}
 
 void SyncStep::run(ProcessingRun& run) {
   run.token->throwIfCancelled();

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "audio/AudioAnalysis.h"
+#include "pipeline/ProcessingStep.h"
+
+namespace tarn {
+
+/// Decodes and encodes the audio of run.fileURL, and puts the new track in the place of the old one in one step. Enters
+/// the stages from `transcodingPass1` to `audioReplaced`. The source's sync facts must be in the run. Throws
+/// AudioTranscoderError, AudioTrackReplacerError, CancellationError, and failures of the file layer; until the swap the
+/// file is as it was.
+void replaceAudio(ProcessingRun& run);
+
+}  // namespace tarn

@@ -1,0 +1,85 @@
+#include "audio/AudioStep.h"
+
+#include "audio/AudioRepairDecision.h"
+#include "audio/AudioReplacement.h"
+#include "audio/FastPathAudioRepair.h"
+#include "media/AVAsset.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+void skip(ProcessingRun& run, const AudioAnalysisResult& analysis) {
+  logLine("Audio analysis: clean audio - skipping transcoding");
+  log("  Initial offset: {:.1f}ms", analysis.initialOffsetMs);
+  log("  Internal gaps: {}", analysis.internalGapCount);
+  run.updateProcessingStage(ProcessingStage::audioReplaced);
+}
+
+void leaveToEditList(ProcessingRun& run, const AudioAnalysisResult& analysis) {
+  log("Audio analysis: initial offset only ({:.1f}ms) - will use edit list", analysis.initialOffsetMs);
+  logLine("  No internal gaps detected - skipping transcoding");
+  run.updateProcessingStage(ProcessingStage::audioReplaced);
+}
+
+/// False when the fast path failed: the file is as it was.
+bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
+  logLine("Audio analysis: using fast path (compressed sample copy + silence insertion)");
+  log("  Actions: {}", findings.actions.size());
+  logLine("  Config: AAC-LC 48kHz stereo");
+  try {
+    performFastPathAudioRepair(run, findings.actions, findings.config);
+  } catch (const std::exception& failure) {
+    log("Fast path failed: {}", failure.what());
+    logLine("Falling back to full audio transcode...");
+    return false;
+  }
+  run.audioWasTranscoded = true;
+  run.updateProcessingStage(ProcessingStage::audioReplaced);
+  return true;
+}
+
+void tellWhyToTranscode(const AudioFindings& findings) {
+  const AudioAnalysisResult& analysis = findings.analysis;
+  log("Audio analysis: full normalize required - {}", findings.decision.reason);
+  if (analysis.gapType == GapType::internalGaps) {
+    log("  {} internal gaps detected", analysis.internalGapCount);
+    log("  Max internal gap: {:.1f}ms", analysis.maxInternalGapMs);
+  } else if (analysis.gapType == GapType::timelineDrift) {
+    log("  Timeline drift: {:.1f}ms", analysis.timelineDriftMs);
+  }
+  log("  Initial offset: {:.1f}ms", analysis.initialOffsetMs);
+}
+
+void leaveExtremeDriftAlone(ProcessingRun& run, const AudioAnalysisResult& analysis) {
+  log("Audio analysis: EXTREME DRIFT DETECTED ({:.1f}s)", analysis.timelineDriftMs / 1000);
+  logLine("  Drift exceeds 60s threshold - skipping transcoding to avoid decoder hang");
+  logLine("  File has severely corrupted audio timeline, using original audio");
+  run.updateProcessingStage(ProcessingStage::audioReplaced);
+}
+
+}  // namespace
+
+void AudioStep::run(ProcessingRun& run) {
+  run.token->throwIfCancelled();
+  if (AVAsset(run.files, run.fileURL).tracks(AVMediaType::audio).empty()) return;
+  const AudioFindings findings = decideAudioRepair(run.files, run.fileURL);
+  run.originalSyncInfo = findings.originalSyncInfo;
+  using Kind = RepairDecision::Kind;
+  switch (findings.decision.kind) {
+    case Kind::skip:
+      return skip(run, findings.analysis);
+    case Kind::editListOnly:
+      return leaveToEditList(run, findings.analysis);
+    case Kind::fastPath:
+      if (takeFastPath(run, findings)) return;
+      break;
+    case Kind::fullNormalize:
+      tellWhyToTranscode(findings);
+      break;
+  }
+  if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings.analysis);
+  replaceAudio(run);
+}
+
+}  // namespace tarn
