@@ -1,0 +1,82 @@
+#include "audio/AudioTranscoder.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+constexpr double highestCoreRate = 24000.0;
+constexpr int noObjectType = 0;
+
+/// audioObjectType of the AudioSpecificConfig; 0 without one.
+int objectType(const CMFormatDescription& description) {
+  const ByteView cookie = CMAudioFormatDescriptionGetMagicCookie(description);
+  return cookie.size() < 2 ? noObjectType : cookie[0] >> 3;
+}
+
+bool hasLowRate(const CMFormatDescription& description) {
+  const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(description);
+  return stream && stream->mSampleRate <= highestCoreRate;
+}
+
+}  // namespace
+
+AACType AudioTranscoder::detectAACType(const AVAssetTrack& audioTrack) {
+  for (const auto& description : audioTrack.formatDescriptions) {
+    switch (objectType(*description)) {
+      case 2:
+        return AACType::aacLC;
+      case 29:
+        return AACType::heAACv2;
+      case 5:
+        return AACType::heAACv1;
+      default:
+        if (hasLowRate(*description)) return AACType::heAACv1;
+    }
+  }
+  return AACType::aacLC;
+}
+
+int AudioTranscoder::detectAACFrameSize(const AVAssetTrack& audioTrack) {
+  for (const auto& description : audioTrack.formatDescriptions) {
+    const int type = objectType(*description);
+    if (type == 29 || type == 5) {
+      log("AudioTranscoder: Detected HE-AAC (AOT={}), using 2048 samples/frame", type);
+      return 2048;
+    }
+    if (hasLowRate(*description)) {
+      log("AudioTranscoder: Low core sample rate ({:.0f} Hz) suggests HE-AAC, using 2048 samples/frame",
+          description->streamDescription->mSampleRate);
+      return 2048;
+    }
+  }
+  logLine("AudioTranscoder: Assuming AAC-LC, using 1024 samples/frame");
+  return 1024;
+}
+
+double AudioTranscoder::detectActualSampleRate(const AVAssetTrack& audioTrack) {
+  for (const auto& description : audioTrack.formatDescriptions) {
+    const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(*description);
+    if (!stream) continue;
+    const double rate = stream->mSampleRate;
+    if (rate > highestCoreRate) {
+      log("AudioTranscoder: AAC-LC detected, sample rate: {:.0f} Hz", rate);
+      return rate;
+    }
+    log("AudioTranscoder: HE-AAC detected, core rate: {:.0f} Hz, output rate: {:.0f} Hz", rate, rate * 2);
+    return rate * 2;
+  }
+  logLine("AudioTranscoder: Could not determine sample rate from format description, using default 48000 Hz");
+  return 48000.0;
+}
+
+int64_t AudioTranscoder::getSourceChannelCount(FileManager& files, const Path& fileURL) {
+  const auto tracks = AVAsset(files, fileURL).tracks(AVMediaType::audio);
+  if (tracks.empty()) return 2;
+  for (const auto& description : tracks.front().formatDescriptions) {
+    const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(*description);
+    if (stream && stream->mChannelsPerFrame != 0) return stream->mChannelsPerFrame;
+  }
+  return 2;
+}
+
+}  // namespace tarn

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <span>
+
+#include "audio/AudioTimeline.h"
+
+namespace tarn {
+
+/// Gaps no further apart than this are one.
+inline constexpr double gapMergeToleranceSeconds = 0.05;
+
+/// A step of the drift above this is a gap.
+inline constexpr double driftStepSeconds = 0.02;
+
+inline double totalSeconds(std::span<const TimelineGap> gaps) {
+  double total = 0;
+  for (const TimelineGap& gap : gaps) total += gap.duration.seconds();
+  return total;
+}
+
+}  // namespace tarn
