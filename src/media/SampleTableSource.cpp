@@ -24,7 +24,7 @@ SampleTableSource::SampleTableSource(Tables tables) : tables_(std::move(tables))
     SampleRange range = rangeOf(edit);
     walked += range.end - range.first;
   }
-  if (walked > std::max<uint64_t>(mostSamplesWalked, tables_.locations.count())) {
+  if (walked > std::max<uint64_t>(mostSamplesWalked, tables_.locations.countInFile())) {
     throw sampleTableError("elst shows the media too often");
   }
 }
@@ -47,7 +47,10 @@ SampleTableSource::SampleRange SampleTableSource::rangeOf(const MediaEdit& edit)
   const SampleTimes& times = tables_.times;
   uint32_t first = times.firstReaching(edit.mediaStart - times.largestOffset());
   uint32_t end = times.firstDecodedFrom(edit.mediaEnd - times.smallestOffset());
-  return {first, std::max(first, end)};
+  if (first >= end) return {first, first};
+  // A table may promise samples without end. The first that is missing ends the stream, so none behind it is walked.
+  uint32_t missing = tables_.locations.countInFile();
+  return {std::min(first, missing), end > missing ? missing + 1 : end};
 }
 
 const SampleTableSource::SampleKind& SampleTableSource::kindOf(uint32_t sample) {
@@ -75,6 +78,10 @@ std::optional<CMSampleBuffer> SampleTableSource::next() {
     }
     while (cursor_->sample() < end_) {
       uint32_t sample = cursor_->sample();
+      if (sample >= tables_.locations.countInFile()) {
+        edit_ = tables_.edits.size();
+        throw sampleTableError("Sample " + std::to_string(sample) + " does not lie in the file");
+      }
       SampleTime time = cursor_->time();
       cursor_->advance();
       const SampleKind& kind = kindOf(sample);
@@ -82,10 +89,6 @@ std::optional<CMSampleBuffer> SampleTableSource::next() {
       // A sample without a length is shown where its moment is.
       int64_t reach = time.compositionTime + std::max<int64_t>(length, 1);
       if (time.compositionTime >= edit.mediaEnd || reach <= edit.mediaStart) continue;
-      if (sample >= tables_.locations.countInFile()) {
-        edit_ = tables_.edits.size();
-        throw sampleTableError("Sample " + std::to_string(sample) + " does not lie in the file");
-      }
       return buffer(sample, time, kind, length);
     }
   }

@@ -47,6 +47,7 @@ class SampleTableSource : public CompressedSampleSource {
   };
 
   static SampleKind kindOf(const CMFormatDescriptionPointer& description, int32_t timescale);
+  /// The samples that an edit may show.
   SampleRange rangeOf(const MediaEdit& edit) const;
   const SampleKind& kindOf(uint32_t sample);
   CMSampleBuffer buffer(uint32_t sample, const SampleTime& time, const SampleKind& kind, int64_t length) const;
