@@ -167,34 +167,10 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
                                         stco.size + 4 * moov.field(stco.offset + 12))));
 }
 
-TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideo) {
-  MovieLayout layout(readFile(files_, video_));
-  BoxEditor moov(layout.moov);
-  const size_t trackID = moov.at("moov/trak/tkhd").offset + 20;
-  for (uint32_t id : {5u, 0xFFFFFFFDu}) {
-    moov.setField(trackID, id);
-    layout.moov = moov.bytes;
-    write(source_, layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}}));
-    replace();
-    EXPECT_EQ(trackIDs(), fmt::format("video,{:#x}\naudio,{:#x}\n", id, id + 1));
-    const BoxEditor output(readFile(files_, output_));
-    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 104), id + 2);
-  }
-  moov.setField(trackID, 0xFFFFFFFE);
-  layout.moov = moov.bytes;
-  write(source_, layout.build({{Kind::moov}, {Kind::mdat}}));
-  EXPECT_EQ(failure().first, Case::corruptedMP4);
-}
-
 // --- Boxes by hand ---
 
 Bytes tkhd(uint32_t trackID, uint32_t duration) {
   return fullBox("tkhd", {0, 0, trackID, 0, duration});
-}
-Bytes tkhd64(uint64_t duration) {
-  return box(
-      "tkhd",
-      {values({0x01000000, 0, 0, 0, 0, 1, 0, static_cast<uint32_t>(duration >> 32), static_cast<uint32_t>(duration)})});
 }
 Bytes mvhd(uint32_t timescale) {
   return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)});
@@ -209,13 +185,17 @@ Bytes movie(std::initializer_list<Bytes> boxes) {
   return joined({box("mdat", {Bytes(92)}), box("moov", boxes)});
 }
 
-TEST_F(TrackReplacer, RescalesTheAudioDurationAndKeepsTheLongerOne) {
-  write(source_, movie({mvhd(600), track("vide", tkhd(1, 5000), {})}));
+TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
   newAudio_ = directory_ / "new.m4a";
   write(newAudio_, movie({mvhd(44100), track("soun", tkhd(1, 441000), {})}));
-  replace();
-  const BoxEditor output(readFile(files_, output_));
-  EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 24), 6000u);
+  for (uint32_t id : {0u, 5u, 0xFFFFFFFDu}) {
+    write(source_, movie({mvhd(600), track("vide", tkhd(id, 5000), {})}));
+    replace();
+    const BoxEditor output(readFile(files_, output_));
+    EXPECT_TRUE(log_.contains(fmt::format("  Updated audio track_ID: 1 -> {}", id + 1)));
+    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 104), id + 2);
+    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 24), 6000u);
+  }
   EXPECT_TRUE(log_.contains("  Updated tkhd.duration: 441000 -> 6000"));
 }
 
@@ -231,10 +211,7 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
   };
   const Row rows[] = {
       {Case::moovNotFound, "moov box not found in file", box("mdat"), goodAudio},
-      {Case::moovNotFound, "moov box not found in file", good, box("mdat")},
       {Case::corruptedMP4, "No mdat box found", box("moov", {mvhd(1), goodTrack}), goodAudio},
-      {Case::corruptedMP4, "No mdat in audio file", good, box("moov", {mvhd(1)})},
-      {Case::corruptedMP4, "Cannot read original moov", movie({}), goodAudio},
       {Case::corruptedMP4, "Cannot read audio moov", good, joined({box("mdat"), boxClaiming(999, "moov", {mvhd(1)})})},
       {Case::noVideoTrack, "No video track found", goodAudio, goodAudio},
       {Case::noVideoTrack, "No video track found", movie({mvhd(1), boxClaiming(0, "free"), goodTrack}), goodAudio},
@@ -244,7 +221,7 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
       {Case::corruptedMP4, "moof", joined({good, box("moof")}), goodAudio},
       {Case::corruptedMP4, "no mdat", movie({mvhd(1), track("vide", tkhd(1, 1), {fullBox("stco", {1, 101})})}),
        goodAudio},
-      {Case::corruptedMP4, "duration", good, movie({mvhd(1), track("soun", tkhd64(UINT64_MAX / 599), {})})},
+      {Case::corruptedMP4, "track_ID", movie({mvhd(1), track("vide", tkhd(0xFFFFFFFE, 1), {})}), goodAudio},
       {Case::corruptedMP4, "duration", good,
        movie({mvhd(1), track("soun", tkhd(1, 1), {fullBox("stts", {2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})})})},
       {Case::corruptedMP4, "32 bits", good,
@@ -270,25 +247,18 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
 
 TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
   auto audioTrack = [](const Bytes& stts) { return trackBox("soun", {box("free"), stts, fullBox("stsz", {0, 0})}); };
-  std::vector<uint32_t> thousandRows = {1000};
-  for (int i = 0; i < 1000; ++i) thousandRows.insert(thousandRows.end(), {1, 1024});
-  Bytes manyRows = values({0});
-  for (uint32_t field : thousandRows) ByteWriter(manyRows).uint32(field);
   const Bytes uneven = fullBox("stts", {2, 9, 1024, 1, 1000}), shortTable = fullBox("stts", {3, 9, 1024, 1, 1024});
   struct Row {
     Bytes before, after;
     std::string line;
   };
   const Row rows[] = {
-      {box("stts", {manyRows}), fullBox("stts", {1, 1000, 1024}), "collapsed 1000 entries into 1 (delta=1024)"},
       {fullBox("stts", {1, 7, 1024}), fullBox("stts", {1, 7, 1024}), "collapsed 1 entries into 1 (delta=1024)"},
       {fullBox("stts", {2, 1, 1000, 1, 1048}), fullBox("stts", {1, 2, 1024}),
        "collapsed 2 entries into 1 (delta=1024)"},
       {uneven, uneven, "duration 10216 not divisible by samples 10, leaving stts as-is"},
       {shortTable, shortTable, "stts truncated"},
       {fullBox("stts", {0}), fullBox("stts", {0}), "no samples recorded"},
-      {fullBox("stts", {1, 5, 0}), fullBox("stts", {1, 5, 0}), "computed zero delta, skipping"},
-      {box("stts"), box("stts"), "stts too small, skipping"},
   };
   for (const Row& row : rows) {
     TrakBuffer trak(audioTrack(row.before));
