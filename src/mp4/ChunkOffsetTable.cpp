@@ -1,11 +1,14 @@
 #include "mp4/ChunkOffsetTable.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <optional>
+#include <vector>
 
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
+#include "mp4/SampleTableBuilders.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -13,6 +16,38 @@ namespace {
 
 constexpr size_t countInBox = 12;
 constexpr size_t entriesInBox = 16;
+
+/// The entries of a table that are there.
+class Entries {
+ public:
+  Entries(std::span<uint8_t> data, size_t at, bool is64Bit) : is64Bit_(is64Bit) {
+    if (at > data.size() || data.size() - at < entriesInBox) return;
+    size_t boxSize = std::min<size_t>(*readUInt32(data, at), data.size() - at);
+    if (boxSize < entriesInBox) return;
+    count_ = std::min<size_t>(*readUInt32(data, at + countInBox), (boxSize - entriesInBox) / width());
+    entries_ = data.subspan(at + entriesInBox, count_ * width());
+  }
+
+  size_t count() const { return count_; }
+  uint64_t get(size_t i) const {
+    return is64Bit_ ? *readUInt64(entries_, i * width()) : *readUInt32(entries_, i * width());
+  }
+  /// Writes as many low bits as an entry holds.
+  void set(size_t i, uint64_t value) {
+    if (is64Bit_) {
+      writeUInt64(entries_, value, i * width());
+    } else {
+      writeUInt32(entries_, static_cast<uint32_t>(value), i * width());
+    }
+  }
+
+ private:
+  size_t width() const { return is64Bit_ ? 8 : 4; }
+
+  bool is64Bit_;
+  size_t count_ = 0;
+  std::span<uint8_t> entries_;
+};
 
 /// `value` + `delta`, clamped to 32 bits. Neither side comes near the 64-bit range: a delta is the difference of two
 /// lengths in memory.
@@ -22,6 +57,26 @@ uint32_t shifted32(uint32_t value, int64_t delta, size_t entry) {
   if (clamped != sum)
     log("WARNING: stco offset overflow at entry {}: {} + {} = {}, clamping", entry, value, delta, sum);
   return static_cast<uint32_t>(clamped);
+}
+
+/// Where an offset is after the move. The end of a stretch belongs to it, for a chunk without a byte.
+std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves) {
+  auto behind = std::ranges::upper_bound(moves, offset, {}, &MediaMove::begin);
+  if (behind == moves.begin()) return std::nullopt;
+  const MediaMove& move = *std::prev(behind);
+  if (offset > move.end) return std::nullopt;
+  return move.newBegin + (offset - move.begin);
+}
+
+/// The same table with 64-bit entries.
+Bytes promoted(ByteView table, std::span<const uint64_t> offsets) {
+  size_t size = entriesInBox + 8 * offsets.size();
+  Bytes box;
+  box.reserve(size);
+  ByteWriter writer(box);
+  writer.uint32(static_cast<uint32_t>(size)).text("co64").bytes(table.subspan(8, entriesInBox - 8));
+  for (uint64_t offset : offsets) writer.uint64(offset);
+  return box;
 }
 
 }  // namespace
@@ -38,21 +93,30 @@ void ChunkOffsetTable::adjustAllInMoov(std::span<uint8_t> moov, const ChunkOffse
 
 void ChunkOffsetTable::adjustTableInPlace(std::span<uint8_t> moov, size_t at, const ChunkOffsetShift& shift,
                                           bool is64Bit) {
-  if (at > moov.size() || moov.size() - at < entriesInBox) return;
-  size_t boxSize = std::min<size_t>(*readUInt32(moov, at), moov.size() - at);
-  if (boxSize < entriesInBox) return;
-  size_t width = is64Bit ? 8 : 4;
-  size_t count = std::min<size_t>(*readUInt32(moov, at + countInBox), (boxSize - entriesInBox) / width);
-  for (size_t i = 0; i < count; ++i) {
-    size_t position = at + entriesInBox + i * width;
-    uint64_t old = is64Bit ? *readUInt64(moov, position) : *readUInt32(moov, position);
+  Entries entries(moov, at, is64Bit);
+  for (size_t i = 0; i < entries.count(); ++i) {
+    uint64_t old = entries.get(i);
     if (old < shift.movesFrom) continue;
-    if (is64Bit) {
-      writeUInt64(moov, old + static_cast<uint64_t>(shift.delta), position);
-    } else {
-      writeUInt32(moov, shifted32(static_cast<uint32_t>(old), shift.delta, i), position);
-    }
+    entries.set(
+        i, is64Bit ? old + static_cast<uint64_t>(shift.delta) : shifted32(static_cast<uint32_t>(old), shift.delta, i));
   }
+}
+
+std::optional<ChunkOffsetTable::Moved> ChunkOffsetTable::moved(ByteView table, std::span<const MediaMove> moves) {
+  Moved result{{table.begin(), table.end()}};
+  bool is64Bit = table.size() >= 8 && textOf(table.subspan(4, 4)) == "co64";
+  Entries entries(result.box, 0, is64Bit);
+  std::vector<uint64_t> offsets;
+  offsets.reserve(entries.count());
+  for (size_t i = 0; i < entries.count(); ++i) {
+    auto offset = newPlace(entries.get(i), moves);
+    if (!offset) return std::nullopt;
+    offsets.push_back(*offset);
+    entries.set(i, *offset);
+  }
+  result.isPromoted = !is64Bit && std::ranges::any_of(offsets, needs64Bits);
+  if (result.isPromoted) result.box = promoted(table, offsets);
+  return result;
 }
 
 }  // namespace tarn

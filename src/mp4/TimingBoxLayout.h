@@ -64,7 +64,13 @@ inline constexpr const TimeHeader& timeHeader(bool is64Bit) {
   return is64Bit ? timeHeader64 : timeHeader32;
 }
 
+/// mvhd (8.2.2).
+inline constexpr Field nextTrackID32{104, 4};
+inline constexpr Field nextTrackID64{116, 4};
+
 /// tkhd (8.3.2).
+inline constexpr Field trackID32{20, 4};
+inline constexpr Field trackID64{28, 4};
 inline constexpr Field trackDuration32{28, 4};
 inline constexpr Field trackDuration64{36, 8};
 inline constexpr const Field& trackDuration(bool is64Bit) {

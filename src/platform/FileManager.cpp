@@ -73,7 +73,10 @@ uint64_t copyByReading(FileHandle& source, FileHandle& target, uint64_t count) {
   Bytes piece(std::min(count, readPiece));
   uint64_t copied = 0;
   while (copied < count) {
-    const std::span<uint8_t> wanted = std::span(piece).first(std::min<uint64_t>(piece.size(), count - copied));
+    // Writes that begin with a page of the target take half the time of those that begin within one.
+    const uint64_t toBoundary = readPiece - target.offset() % readPiece;
+    const std::span<uint8_t> wanted =
+        std::span(piece).first(std::min({uint64_t{piece.size()}, count - copied, toBoundary}));
     const size_t got = source.readInto(wanted);
     target.write(wanted.first(got));
     copied += got;
