@@ -35,7 +35,8 @@ struct CMSampleBuffer {
   int64_t sampleIndex = -1;
 
   /// How much of the sample lies outside its edit (ISO/IEC 14496-12 8.6.6), ahead of its start and behind its end; a
-  /// decoder drops that much of what it decodes.
+  /// decoder drops that much of what it decodes. A sample ends with its `stts` delta, but an AAC packet with its coded
+  /// length at the latest, so that a hole behind it counts as none of it.
   CMTime trimDurationAtStart = CMTime::zero();
   CMTime trimDurationAtEnd = CMTime::zero();
 };
@@ -59,8 +60,8 @@ class SampleBufferSource {
   virtual std::optional<CMSampleBuffer> next() = 0;
 };
 
-/// The compressed samples of one track on its presentation timeline. `next` touches no media data, and never throws
-/// for what the file holds: a sample table that promises more than is there ends the stream with a failure.
+/// The compressed samples of one track on its presentation timeline. `next` touches no media data; where a sample is
+/// due that does not lie whole in the file the stream breaks off.
 class CompressedSampleSource : public SampleBufferSource {
  public:
   /// The bytes of a sample of the track, delivered by `next` or not, by its 0-based index. Throws Error when they are

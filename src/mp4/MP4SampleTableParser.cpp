@@ -5,11 +5,11 @@
 #include <limits>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 
-#include "mp4/ByteArray.h"
-#include "mp4/DataExtensions.h"
 #include "mp4/SampleTableBuilders.h"
+#include "mp4/SampleTableReading.h"
+#include "mp4/TableBox.h"
 #include "platform/Checked.h"
 #include "platform/Log.h"
 
@@ -19,113 +19,33 @@ namespace {
 /// Samples of one fixed size take no room in the file's tables, so nothing but this bounds the memory for them.
 constexpr uint32_t mostFixedSizeSamples = 1 << 20;
 
-/// The contents of one table box: its fixed fields, then its entries, read when they are asked for and only as many
-/// as the counts promise.
-class TableBox {
- public:
-  /// Reads up to `fieldBytes` at the start of the contents, version and flags included.
-  TableBox(FileHandle& file, const MP4BoxInfo& box, size_t fieldBytes) : file_(file), type_(box.type) {
-    uint64_t fileSize = file.seekToEnd();
-    uint64_t contents = std::min(box.contentOffset(), fileSize);
-    left_ = std::min(box.contentSize(), fileSize - contents);
-    file.seek(contents);
-    fields_.resize(std::min<uint64_t>(fieldBytes, left_));
-    fields_.resize(readInto(fields_));
-    if (fields_.empty()) throw unreadable();
-    cursor_.emplace(fields_);
-    cursor_->skipVersionAndFlags();
-  }
-
-  uint32_t field() { return cursor_->readUInt32(); }
-
-  /// Reads `count` big-endian values, the next in the box.
-  template <typename T>
-  std::vector<T> entries(uint64_t count) {
-    if (count > left_ / sizeof(T)) throw ByteArrayError::insufficientData();
-    std::vector<T> values(count);
-    std::span<uint8_t> memory(reinterpret_cast<uint8_t*>(values.data()), count * sizeof(T));
-    if (readInto(memory) < memory.size()) throw ByteArrayError::insufficientData();
-    for (size_t i = 0; i < count; ++i) {
-      if constexpr (sizeof(T) == 8) {
-        values[i] = loadUInt64(memory.subspan(i * 8).template first<8>());
-      } else {
-        values[i] = loadUInt32(memory.subspan(i * 4).template first<4>());
-      }
-    }
-    return values;
-  }
-
- private:
-  size_t readInto(std::span<uint8_t> memory) {
-    try {
-      size_t count = file_.readInto(memory);
-      left_ -= count;
-      return count;
-    } catch (const PosixError&) {
-      throw unreadable();
-    }
-  }
-
-  Error unreadable() const { return sampleTableError("Cannot read " + type_); }
-
-  FileHandle& file_;
-  std::string type_;
-  uint64_t left_ = 0;  ///< bytes of the contents that the file holds and that were not read yet
-  Bytes fields_;
-  std::optional<ByteArray> cursor_;
-};
-
-constexpr size_t oneField = 8;  // version and flags, entry_count
-constexpr size_t twoFields = 12;
-
-MP4BoxInfo requireChild(FileHandle& file, const MP4BoxInfo& stbl, std::string_view type) {
-  auto box = MP4BoxUtils::findChildBox(file, stbl, type);
-  if (!box) throw sampleTableError(std::string(type) + " box not found");
-  return *box;
-}
-
 std::vector<uint32_t> parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
-  TableBox box(file, requireChild(file, stbl, "stsz"), twoFields);
-  uint32_t fixedSize = box.field();
-  uint32_t count = box.field();
-  std::vector<uint32_t> sizes;
-  if (fixedSize == 0) {
-    sizes = box.entries<uint32_t>(count);
-  } else {
-    if (uint64_t{fixedSize} * count > file.seekToEnd()) {
+  SampleSizes read = readSampleSizes(file, stbl);
+  if (read.fixedSize != 0) {
+    if (uint64_t{read.fixedSize} * read.count > file.seekToEnd()) {
       throw sampleTableError("stsz promises more bytes than the file holds");
     }
-    if (count > mostFixedSizeSamples) throw sampleTableError("stsz promises too many samples of one size");
-    sizes.assign(count, fixedSize);
+    if (read.count > mostFixedSizeSamples) throw sampleTableError("stsz promises too many samples of one size");
+    read.sizes.assign(read.count, read.fixedSize);
   }
-  log("Parsed stsz: {} samples", sizes.size());
-  return sizes;
+  log("Parsed stsz: {} samples", read.sizes.size());
+  return std::move(read.sizes);
 }
 
 std::vector<SampleToChunkEntry> parseStsc(FileHandle& file, const MP4BoxInfo& stbl) {
-  TableBox box(file, requireChild(file, stbl, "stsc"), oneField);
-  auto values = box.entries<uint32_t>(uint64_t{box.field()} * 3);
-  std::vector<SampleToChunkEntry> rows;
-  rows.reserve(values.size() / 3);
-  for (size_t i = 0; i < values.size(); i += 3) rows.push_back({values[i], values[i + 1], values[i + 2]});
+  auto rows = readSampleToChunk(file, stbl);
   log("Parsed stsc: {} entries", rows.size());
   return rows;
 }
 
 std::vector<uint64_t> parseChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
-  if (auto stco = MP4BoxUtils::findChildBox(file, stbl, "stco")) {
-    TableBox box(file, *stco, oneField);
-    auto offsets = box.entries<uint32_t>(box.field());
-    log("Parsed stco: {} chunk offsets", offsets.size());
-    return {offsets.begin(), offsets.end()};
+  ChunkOffsets read = readChunkOffsets(file, stbl);
+  if (read.isLong) {
+    log("Parsed co64: {} chunk offsets (64-bit)", read.offsets.size());
+  } else {
+    log("Parsed stco: {} chunk offsets", read.offsets.size());
   }
-  if (auto co64 = MP4BoxUtils::findChildBox(file, stbl, "co64")) {
-    TableBox box(file, *co64, oneField);
-    auto offsets = box.entries<uint64_t>(box.field());
-    log("Parsed co64: {} chunk offsets (64-bit)", offsets.size());
-    return offsets;
-  }
-  throw sampleTableError("Neither stco nor co64 found");
+  return std::move(read.offsets);
 }
 
 std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
@@ -134,7 +54,7 @@ std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
     log("No stss table - treating all samples as sync samples");
     return {};
   }
-  TableBox box(file, *stss, oneField);
+  TableBox box(file, *stss, TableBox::oneField);
   auto numbers = box.entries<uint32_t>(box.field());
   std::ranges::sort(numbers);
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
@@ -163,20 +83,10 @@ void MP4SampleTableParser::buildLookupTables() {
 
   chunkStartSampleIndex_.reserve(chunkOffsets_.size());
   samplesInChunk_.reserve(chunkOffsets_.size());
-  int64_t sample = 0;
-  for (size_t row = 0; row < sampleToChunk_.size(); ++row) {
-    uint64_t first = sampleToChunk_[row].firstChunk;
-    bool isLast = row + 1 == sampleToChunk_.size();
-    uint64_t next = isLast ? chunkOffsets_.size() + 1 : sampleToChunk_[row + 1].firstChunk;
-    bool describesNothing = isLast && chunkStartSampleIndex_.size() == chunkOffsets_.size();
-    if (next < first && !describesNothing) throw sampleTableError("stsc rows are out of order");
-    for (uint64_t chunk = first; chunk < next && chunkStartSampleIndex_.size() < chunkOffsets_.size(); ++chunk) {
-      int64_t count = sampleToChunk_[row].samplesPerChunk;
-      chunkStartSampleIndex_.push_back(sample);
-      samplesInChunk_.push_back(count);
-      auto following = checkedAdd(sample, count);
-      if (!following) throw sampleTableError("stsc promises too many samples");
-      sample = *following;
+  for (const ChunkRun& run : chunkRuns(sampleToChunk_, chunkOffsets_.size())) {
+    for (uint64_t chunk = 0; chunk < run.chunkCount; ++chunk) {
+      chunkStartSampleIndex_.push_back(run.firstSample + static_cast<int64_t>(chunk) * run.samplesPerChunk);
+      samplesInChunk_.push_back(run.samplesPerChunk);
     }
   }
 }

@@ -9,7 +9,7 @@
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SourceFile.h"
 #include "sync/TimeArithmetic.h"
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

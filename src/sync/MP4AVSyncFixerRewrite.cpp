@@ -7,7 +7,7 @@
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SourceFile.h"
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

@@ -11,7 +11,7 @@
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MoovRewrite.h"
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

@@ -9,7 +9,7 @@
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MovieLevels.h"
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

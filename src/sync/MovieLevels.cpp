@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "mp4/DataExtensions.h"
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 BufferBoxWalker childWalker(ByteView data, const BoxHeader& parent) {

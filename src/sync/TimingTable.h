@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "sync/TimingBoxLayout.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 

@@ -1,0 +1,68 @@
+#include "mp4/SampleLocations.h"
+
+#include <algorithm>
+#include <string>
+
+#include "mp4/SampleTableBuilders.h"
+
+namespace tarn {
+
+SampleLocations::SampleLocations(FileHandle& file, const MP4BoxInfo& stbl)
+    : sizes_(readSampleSizes(file, stbl)), fileSize_(file.seekToEnd()) {
+  auto rows = readSampleToChunk(file, stbl);
+  chunkOffsets_ = readChunkOffsets(file, stbl).offsets;
+  runs_ = chunkRuns(rows, chunkOffsets_.size());
+  std::erase_if(runs_, [](const ChunkRun& run) { return run.samplesPerChunk == 0; });
+  countInFile_ = findCountInFile();
+}
+
+uint32_t SampleLocations::findCountInFile() const {
+  uint32_t sample = 0;
+  for (const ChunkRun& run : runs_) {
+    for (uint64_t chunk = run.firstChunk; chunk < run.firstChunk + run.chunkCount; ++chunk) {
+      uint32_t end = sample + std::min(run.samplesPerChunk, count() - sample);
+      uint64_t room = fileSize_ - std::min(chunkOffsets_[chunk], fileSize_);
+      if (sizes_.fixedSize != 0) {
+        uint64_t whole = room / sizes_.fixedSize;
+        if (whole < end - sample) return sample + static_cast<uint32_t>(whole);
+        sample = end;
+      }
+      for (; sample < end; ++sample) {
+        if (sizes_.sizes[sample] > room) return sample;
+        room -= sizes_.sizes[sample];
+      }
+      if (sample == count()) return sample;
+    }
+  }
+  return sample;
+}
+
+SampleLocation SampleLocations::locate(uint32_t sample) {
+  if (sample >= count()) throw sampleTableError("Sample index out of range");
+  auto behind = std::ranges::upper_bound(runs_, int64_t{sample}, {}, &ChunkRun::firstSample);
+  const ChunkRun* run = behind == runs_.begin() ? nullptr : &*std::prev(behind);
+  uint64_t chunkInRun = run ? static_cast<uint64_t>(sample - run->firstSample) / run->samplesPerChunk : 0;
+  if (!run || chunkInRun >= run->chunkCount) {
+    throw sampleTableError("Could not compute offset for sample " + std::to_string(sample));
+  }
+  uint64_t chunk = run->firstChunk + chunkInRun;
+  if (!last_ || last_->chunk != chunk || last_->sample > sample) {
+    int64_t first = run->firstSample + static_cast<int64_t>(chunkInRun) * run->samplesPerChunk;
+    last_ = {chunk, static_cast<uint32_t>(first), chunkOffsets_[chunk]};
+  }
+  uint64_t room = fileSize_ - std::min(last_->offset, fileSize_);
+  uint64_t ahead = 0;
+  if (sizes_.fixedSize != 0) {
+    ahead = uint64_t{sample - last_->sample} * sizes_.fixedSize;
+  } else {
+    for (uint32_t i = last_->sample; i < sample; ++i) ahead += sizes_.sizes[i];
+  }
+  uint32_t size = sizes_.fixedSize != 0 ? sizes_.fixedSize : sizes_.sizes[sample];
+  if (last_->offset > fileSize_ || ahead > room || size > room - ahead) {
+    throw sampleTableError("Sample " + std::to_string(sample) + " does not lie in the file");
+  }
+  last_ = {chunk, sample, last_->offset + ahead};
+  return {last_->offset, size};
+}
+
+}  // namespace tarn

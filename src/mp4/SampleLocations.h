@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "mp4/MP4BoxUtils.h"
+#include "mp4/SampleTableReading.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// Where one sample's bytes lie in the file.
+struct SampleLocation {
+  uint64_t offset = 0;
+  uint32_t size = 0;
+};
+
+/// Finds the samples of a track in its file (ISO/IEC 14496-12 8.7) without a row for each: sizes and chunk offsets are
+/// held as the file has them. Serves one thread.
+class SampleLocations {
+ public:
+  /// Reads `stsz`, `stsc`, and `stco` or else `co64` of the `stbl`. Moves the file's position. Throws an Error of the
+  /// domain "SampleTable" or a ByteArrayError where they cannot be read.
+  SampleLocations(FileHandle& file, const MP4BoxInfo& stbl);
+
+  /// Samples that the `stsz` promises.
+  uint32_t count() const { return sizes_.count; }
+
+  /// How many samples, from the first on, have a chunk and lie whole in the file.
+  uint32_t countInFile() const { return countInFile_; }
+
+  /// The place of a sample, 0-based; quick for one at or behind the last one asked for. Throws sampleTableError for a
+  /// sample that does not exist, has no chunk, or does not lie whole in the file.
+  SampleLocation locate(uint32_t sample);
+
+  /// Chunks in a row that hold samples, and what describes them; never empty runs.
+  const std::vector<ChunkRun>& runs() const { return runs_; }
+
+ private:
+  uint32_t findCountInFile() const;
+
+  SampleSizes sizes_;
+  std::vector<uint64_t> chunkOffsets_;
+  std::vector<ChunkRun> runs_;
+  uint64_t fileSize_ = 0;
+  uint32_t countInFile_ = 0;
+
+  /// The sample found last.
+  struct Place {
+    uint64_t chunk;
+    uint32_t sample;
+    uint64_t offset;
+  };
+  std::optional<Place> last_;
+};
+
+}  // namespace tarn

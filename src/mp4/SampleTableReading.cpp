@@ -1,0 +1,65 @@
+#include "mp4/SampleTableReading.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "mp4/SampleTableBuilders.h"
+#include "mp4/TableBox.h"
+#include "platform/Checked.h"
+
+namespace tarn {
+
+SampleSizes readSampleSizes(FileHandle& file, const MP4BoxInfo& stbl) {
+  TableBox box(file, requireTableBox(file, stbl, "stsz"), TableBox::twoFields);
+  SampleSizes result;
+  result.fixedSize = box.field();
+  result.count = box.field();
+  if (result.fixedSize == 0) result.sizes = box.entries<uint32_t>(result.count);
+  return result;
+}
+
+std::vector<SampleToChunkEntry> readSampleToChunk(FileHandle& file, const MP4BoxInfo& stbl) {
+  TableBox box(file, requireTableBox(file, stbl, "stsc"), TableBox::oneField);
+  auto values = box.entries<uint32_t>(uint64_t{box.field()} * 3);
+  std::vector<SampleToChunkEntry> rows;
+  rows.reserve(values.size() / 3);
+  for (size_t i = 0; i < values.size(); i += 3) rows.push_back({values[i], values[i + 1], values[i + 2]});
+  return rows;
+}
+
+ChunkOffsets readChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
+  if (auto stco = MP4BoxUtils::findChildBox(file, stbl, "stco")) {
+    TableBox box(file, *stco, TableBox::oneField);
+    auto offsets = box.entries<uint32_t>(box.field());
+    return {false, {offsets.begin(), offsets.end()}};
+  }
+  if (auto co64 = MP4BoxUtils::findChildBox(file, stbl, "co64")) {
+    TableBox box(file, *co64, TableBox::oneField);
+    return {true, box.entries<uint64_t>(box.field())};
+  }
+  throw sampleTableError("Neither stco nor co64 found");
+}
+
+std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> rows, uint64_t chunkCount) {
+  std::vector<ChunkRun> runs;
+  uint64_t chunk = 0;
+  int64_t sample = 0;
+  for (size_t row = 0; row < rows.size(); ++row) {
+    uint64_t first = rows[row].firstChunk;
+    bool isLast = row + 1 == rows.size();
+    uint64_t next = isLast ? chunkCount + 1 : rows[row + 1].firstChunk;
+    bool describesNothing = isLast && chunk == chunkCount;
+    if (next < first && !describesNothing) throw sampleTableError("stsc rows are out of order");
+    uint64_t chunks = next < first ? 0 : std::min(next - first, chunkCount - chunk);
+    if (chunks == 0) continue;
+    runs.push_back({chunk, chunks, sample, rows[row].samplesPerChunk, rows[row].sampleDescriptionIndex});
+    auto samples = checkedMultiply(static_cast<int64_t>(chunks), int64_t{rows[row].samplesPerChunk});
+    auto following = samples ? checkedAdd(sample, *samples) : std::nullopt;
+    if (!following) throw sampleTableError("stsc promises too many samples");
+    sample = *following;
+    chunk += chunks;
+  }
+  return runs;
+}
+
+}  // namespace tarn
