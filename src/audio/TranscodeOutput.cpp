@@ -89,6 +89,7 @@ void TranscodeOutput::waitUntilReady() {
 }
 
 void TranscodeOutput::finish() {
+  pulse_.beat();
   input_->markAsFinished();
   // The handler may come after this has been left by a cancellation: it must find its promise.
   auto finished = std::make_shared<std::promise<void>>();
