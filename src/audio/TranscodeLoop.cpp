@@ -17,14 +17,9 @@ constexpr int64_t regressionsLoggedInFull = 10;
 constexpr double regressionAlwaysLogged = 0.1;  // seconds
 constexpr int64_t largestPad = 4096;            // frames
 
-int16_t firstSample(const AVAudioPCMBuffer& buffer) {
-  return buffer.frameLength() > 0 ? buffer.int16ChannelData()[0] : int16_t{0};
-}
-
-/// Of the first channel.
-int16_t lastSample(const AVAudioPCMBuffer& buffer) {
-  if (buffer.frameLength() == 0) return 0;
-  return buffer.int16ChannelData()[size_t{buffer.frameLength() - 1} * buffer.format().channelCount];
+/// The first channel of one of the buffer's frames.
+int16_t sampleAt(const AVAudioPCMBuffer& buffer, uint32_t frame) {
+  return buffer.int16ChannelData()[size_t{frame} * buffer.format().channelCount];
 }
 
 }  // namespace
@@ -47,7 +42,7 @@ void TranscodeLoop::process(const CMSampleBuffer& decoded) {
   if (!lastValue) return;
 
   if (entries.gaps > 0 && !capReached_) {
-    insertSilence(entries, *lastValue, firstSample(current.pcmBuffer));
+    insertSilence(entries, *lastValue, sampleAt(current.pcmBuffer, 0));
   } else {
     cutOverlap(current.pcmBuffer, entries);
   }
@@ -90,7 +85,7 @@ std::optional<int16_t> TranscodeLoop::settlePending(const Entries& entries) {
   AVAudioPCMBuffer pending = std::exchange(state_.pendingBuffer, std::nullopt)->pcmBuffer;
   if (!fitUnderCap(pending, "pending")) return std::nullopt;
   if ((entries.gaps > 0 || entries.overlaps > 0) && !capReached_) fadeOutIfSmoothing(pending);
-  const int16_t value = lastSample(pending);
+  const int16_t value = sampleAt(pending, pending.frameLength() - 1);
   emit(std::move(pending));
   return value;
 }

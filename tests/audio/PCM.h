@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "audio/CMSampleBufferHelpers.h"
