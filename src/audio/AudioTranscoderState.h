@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "audio/AudioTranscoder.h"
+#include "media/AVAudioPCMBuffer.h"
+#include "media/CMTime.h"
+
+namespace tarn {
+
+/// A decoded buffer that is held back until the next one has come, as a gap ahead of that changes how this one ends.
+struct PendingAudioBuffer {
+  AVAudioPCMBuffer pcmBuffer;
+  CMTime outputPTS;            ///< its time in the source, counted from the first; for the log only
+  int64_t originalLength = 0;  ///< frames, as decoded
+};
+
+/// How far the second pass has come. Frames are those of the output rate.
+struct AudioTranscodingState {
+  explicit AudioTranscodingState(const AudioTranscoder::Config& configuration);
+
+  AudioTranscoder::Config config;
+  int64_t fadeLengthFrames;
+
+  int64_t samplesProcessed = 0;       ///< frames that went to the writer, of the source and of silence
+  int64_t buffersProcessed = 0;       ///< decoded buffers dealt with
+  int64_t silenceInserted = 0;        ///< frames of silence that went to the writer
+  int64_t framesDropped = 0;          ///< frames cut off for overlaps
+  CMTime outputPTS = CMTime::zero();  ///< where the next buffer goes
+  int64_t decodedSampleCount = 0;     ///< frames decoded: the position in the source
+  int64_t gapsDetected = 0;           ///< gaps dealt with
+  int64_t overlapsDetected = 0;       ///< overlaps cut
+  std::optional<PendingAudioBuffer> pendingBuffer;
+  bool currentBufferNeedsFadeIn = false;  ///< the next buffer to be held back comes behind silence
+
+  double outputSeconds() const { return outputPTS.seconds(); }
+};
+
+/// A number of frames without its fraction; what is no number counts as none.
+int64_t wholeFrames(double frames);
+
+}  // namespace tarn

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "audio/AudioTranscoder.h"
+#include "media/AVAsset.h"
+
+namespace tarn {
+
+/// What the source's edit lists say, in seconds; the transcoder reads a file that has lost them.
+struct SourceTiming {
+  double audioEmptyEditDelay = 0;                   ///< the empty edit ahead of the audio
+  std::optional<double> audioMediaDurationSeconds;  ///< the length that the edit list gives
+  double syncOffsetSeconds = 0;                     ///< positive when the audio is delayed
+};
+
+/// What the first pass has found: where silence is to go in, what is to be cut, and where the output ends. Positions
+/// are frames at the output rate; both lists are sorted by them.
+struct TranscodePlan {
+  /// Length of the video track, whose timeline the plan follows and the decoder must keep to; nothing where the plan
+  /// was made by the audio alone.
+  std::optional<double> videoSeconds = {};
+  std::vector<AudioGap> gaps = {};
+  std::vector<AudioOverlap> overlaps = {};
+  CMTime firstPTS = CMTime::zero();
+  double sourceSeconds = 0;        ///< length of the audio by its packets
+  std::optional<double> cap = {};  ///< where the output ends at the latest, in seconds
+  int64_t expectedSamples = 0;
+};
+
+/// Reads the compressed samples of the tracks; without a video track, or where that cannot be analysed, of the audio
+/// alone. Leaves `expectedSamples` to expectedOutputSamples. Throws AudioTranscoderError.
+TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
+                               const AudioTranscoder::Config& config);
+
+/// The frames that the output should have.
+int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate);
+
+}  // namespace tarn
