@@ -1,8 +1,6 @@
 #include "audio/FastPathAudioWriter.h"
 
-#include <initializer_list>
 #include <limits>
-#include <string_view>
 
 #include "audio/MP4AudioTrackReplacer.h"
 #include "audio/RunTempFile.h"
@@ -14,20 +12,6 @@ namespace tarn {
 namespace {
 
 constexpr uint64_t boxHeaderSize = 8;
-
-Bytes container(std::string_view type, std::initializer_list<ByteView> children) {
-  uint64_t size = boxHeaderSize;
-  for (ByteView child : children) size += child.size();
-  if (size > std::numeric_limits<uint32_t>::max()) {
-    throw FastPathError::validationFailed("The sample tables do not fit a box");
-  }
-  Bytes box;
-  box.reserve(size);
-  ByteWriter writer(box);
-  writer.uint32(static_cast<uint32_t>(size)).text(type);
-  for (ByteView child : children) writer.bytes(child);
-  return box;
-}
 
 Bytes moovFor(const FastPathAudioBuilder::BuildResult& buildResult, uint64_t mdatOffset) {
   const auto tables = FastPathAudioBuilder::buildSampleTableBoxes(buildResult, mdatOffset);
@@ -54,9 +38,9 @@ Bytes boxesAhead(const FastPathAudioBuilder::BuildResult& buildResult) {
 Bytes buildAudioMoovBox(const FastPathAudioBuilder::BuildResult& buildResult, ByteView stsz, ByteView stts,
                         ByteView stsc, ByteView stco) {
   const int64_t timescale = buildResult.timescale, duration = buildResult.durationTicks;
-  const Bytes stbl = container("stbl", {buildStsdBox(timescale, buildResult.sampleRate), stts, stsc, stsz, stco});
+  const Bytes stbl = buildStblBox({buildStsdBox(timescale, buildResult.sampleRate), stts, stsc, stsz, stco});
   const Bytes mdia = buildMdiaBox(buildMinfBox(stbl), timescale, duration);
-  return container("moov", {buildMvhdBox(timescale, duration), buildTrakBox(mdia, duration)});
+  return buildMoovBox(buildMvhdBox(timescale, duration), buildTrakBox(mdia, duration));
 }
 
 void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::BuildResult& buildResult,
