@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <compare>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -65,7 +66,7 @@ CMTimeRange timeRangeOf(const std::vector<EditListRow>& rows, uint32_t movieTime
     }
     if (row.duration == 0) {
       duration = mediaDuration - timeOf(static_cast<uint64_t>(std::max<int64_t>(row.mediaTime, 0)), media.timescale);
-      if (compare(duration, CMTime::zero()) < 0) duration = CMTime::zero();
+      if (std::is_lt(compare(duration, CMTime::zero()))) duration = CMTime::zero();
     }
     range.duration = range.duration + duration;
   }
@@ -125,7 +126,7 @@ std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
 CMTime AVAsset::duration() const {
   CMTime longest = CMTime::zero();
   auto include = [&](const CMTime& duration) {
-    if (duration.isNumeric() && compare(duration, longest) > 0) longest = duration;
+    if (duration.isNumeric() && std::is_gt(compare(duration, longest))) longest = duration;
   };
   try {
     auto file = files_.open(url_, OpenMode::reading);

@@ -1,6 +1,7 @@
 #include "media/SampleTableSource.h"
 
 #include <algorithm>
+#include <compare>
 #include <limits>
 #include <string>
 #include <utility>
@@ -102,7 +103,7 @@ CMSampleBuffer SampleTableSource::buffer(uint32_t sample, const SampleTime& time
   result.presentationTimeStamp = ticks(time.compositionTime - edit.mediaStart + edit.presentationStart);
   result.duration = ticks(time.delta);
   bool isLast = sample + 1 == tables_.locations.count();
-  if (kind.nominalDuration && (!isLast || compare(*kind.nominalDuration, result.duration) < 0)) {
+  if (kind.nominalDuration && (!isLast || std::is_lt(compare(*kind.nominalDuration, result.duration)))) {
     result.duration = *kind.nominalDuration;
   }
   result.numSamples = 1;

@@ -31,6 +31,7 @@ SampleTimes::SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t samp
 
 void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
   auto rows = readRows(file, requireTableBox(file, stbl, "stts"));
+  deltas_.reserve(std::min<size_t>(rows.size() / 2, sampleCount_));
   uint32_t sample = 0;
   int64_t time = 0;
   uint32_t delta = 0;
@@ -58,6 +59,7 @@ void SampleTimes::readOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
   uint32_t sample = 0;
   if (auto ctts = MP4BoxUtils::findChildBox(file, stbl, "ctts")) {
     auto rows = readRows(file, *ctts);
+    offsets_.reserve(std::min<size_t>(rows.size() / 2, sampleCount_) + 1);
     for (size_t i = 0; i < rows.size() && sample < sampleCount_; i += 2) {
       if (rows[i] == 0) continue;
       offsets_.push_back({sample, static_cast<int32_t>(rows[i + 1])});

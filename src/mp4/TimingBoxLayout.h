@@ -105,8 +105,9 @@ inline uint32_t load32(const uint8_t* base, const Field& field) {
   return static_cast<uint32_t>(load(base, field));
 }
 
-/// The same for a field in two's complement.
+/// The same for a field in two's complement. Either is 0 for a field that a version does not have.
 inline int64_t loadSigned(const uint8_t* base, const Field& field) {
+  if (field.width == 0) return 0;
   auto unused = 8 * (sizeof(uint64_t) - field.width);
   return static_cast<int64_t>(load(base, field) << unused) >> unused;
 }

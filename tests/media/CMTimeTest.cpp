@@ -78,17 +78,10 @@ TEST(CMTime, KeepsItsKindsApart) {
 }
 
 TEST(CMTime, IsMadeFromSeconds) {
-  struct {
-    double seconds;
-    int32_t timescale;
-    int64_t value;
-    bool isRounded;
-  } cases[] = {{1.5, 90000, 135000, false}, {-0.5, 1, -1, true}, {1.0 / 3, 90000, 30000, false}, {1e-9, 1000, 0, true}};
-  for (const auto& c : cases) {
-    CMTime time = CMTime::makeWithSeconds(c.seconds, c.timescale);
-    EXPECT_EQ(time.value, c.value) << c.seconds;
-    EXPECT_EQ((time.flags & CMTime::hasBeenRoundedFlag) != 0, c.isRounded) << c.seconds;
-  }
+  EXPECT_EQ(CMTime::makeWithSeconds(1.5).value, 135'000);
+  EXPECT_EQ(CMTime::makeWithSeconds(1.5).flags, CMTime::validFlag);
+  EXPECT_EQ(CMTime::makeWithSeconds(-0.5, 1).value, -1);
+  EXPECT_TRUE(CMTime::makeWithSeconds(-0.5, 1).flags & CMTime::hasBeenRoundedFlag);
   EXPECT_FALSE(CMTime::makeWithSeconds(std::nan("")).isValid());
   EXPECT_FALSE(CMTime::makeWithSeconds(1, 0).isValid());
   EXPECT_EQ(CMTime::makeWithSeconds(-1e300).seconds(), -infinity);

@@ -86,9 +86,11 @@ TEST(CompressedSamples, LieOnTheTimelineThatTheEditsMake) {
   SyntheticTrack reordered = plain;
   reordered.ctts = {{1, 100}, {1, 300}, {2, 0}, {1, 100}};
   SyntheticTrack reorderedAndCut = reordered;
-  reorderedAndCut.edits = {{50, 200}};
+  reorderedAndCut.edits = {{50, 400}};
   SyntheticTrack negative = plain;
   negative.ctts = {{2, -150}};
+  SyntheticTrack negativeAndCut = negative;
+  negativeAndCut.edits = {{50, -150}};
   struct {
     const char* name;
     SyntheticTrack track;
@@ -99,23 +101,16 @@ TEST(CompressedSamples, LieOnTheTimelineThatTheEditsMake) {
       {"empty edits ahead", with({{10, -1}, {20, -1}, {100, 300}}), 0.06, 0.2, {{3, 60, 100}, {4, 160, 100}}},
       {"duration 0", with({{0, 300}}), 0, 0.2, {{3, 0, 100}, {4, 100, 100}}},
       {"samples that straddle", with({{60, 150}}), 0, 0.12, {{1, -50, 100, 50, 0}, {2, 50, 100, 0, 30}}},
-      {"several edits, one back, a hole between",
-       with({{50, 300}, {25, -1}, {75, 0}}),
-       0,
-       0.25,
-       {{3, 0, 100}, {0, 150, 100}, {1, 250, 100, 0, 50}}},
+      {"one back", with({{50, 300}, {25, -1}, {75, 0}}), 0, 0.25, {{3, 0, 100}, {0, 150, 100}, {1, 250, 100, 0, 50}}},
       {"an edit of duration 0 between", with({{0, 400}, {50, 0}}), 0, 0.2, {{4, 0, 100}, {0, 100, 100}}},
       {"version 1", with({{uint64_t{1} << 33, -1}, {50, 400}}, true), 17179869.184, 0.1, {{4, 17179869184, 100}}},
       {"media time below -1", with({{100, -50}}), 0, 0.2, {{0, 50, 100}, {1, 150, 100, 0, 50}}},
       {"an edit beyond the media", with({{100, 500}}), 0, 0.2, {}},
       {"empty edits alone", with({{100, -1}}), 0.2, 0, {}},
       {"reordered", reordered, 0, 0.5, {{0, 100, 100}, {1, 400, 100}, {2, 200, 100}, {3, 300, 100}, {4, 500, 100}}},
-      {"reordered and cut", reorderedAndCut, 0, 0.1, {{2, 0, 100}}},
-      {"negative offsets",
-       negative,
-       0,
-       0.5,
-       {{0, -150, 100}, {1, -50, 100}, {2, 200, 100}, {3, 300, 100}, {4, 400, 100}}},
+      {"reordered and cut", reorderedAndCut, 0, 0.1, {{1, 0, 100}}},
+      {"negative and cut", negativeAndCut, 0, 0.1, {{0, 0, 100}}},
+      {"negative", negative, 0, 0.5, {{0, -150, 100}, {1, -50, 100}, {2, 200, 100}, {3, 300, 100}, {4, 400, 100}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -131,8 +126,10 @@ TEST(CompressedSamples, LieOnTheTimelineThatTheEditsMake) {
 }
 
 TEST(CompressedSamples, PacketsOfAACHaveTheirNominalLength) {
-  const Bytes lc24 = {0x13, 0x10};
-  const Bytes he24 = {0x2B, 0x11, 0x88, 0x00};
+  const Bytes lc48 = aacSampleEntry(48000, 2, {0x11, 0x90});
+  const Bytes lc24 = aacSampleEntry(24000, 2, {0x13, 0x10});
+  const Bytes he24 = aacSampleEntry(48000, 2, {0x2B, 0x11, 0x88, 0x00});
+  constexpr double coarse = 1024.0 / 48;
   struct {
     const char* name;
     Bytes entry;
@@ -140,34 +137,14 @@ TEST(CompressedSamples, PacketsOfAACHaveTheirNominalLength) {
     std::vector<std::pair<uint32_t, uint32_t>> stts;
     std::vector<Shown> shown;
   } cases[] = {
-      {"a hole shows",
-       aacSampleEntry(48000, 2, {0x11, 0x90}),
-       48000,
-       {{1, 1024}, {1, 5000}, {1, 1024}},
-       {{0, 0, 1024}, {1, 1024, 1024}, {2, 6024, 1024}}},
-      {"an overlap shows",
-       aacSampleEntry(48000, 2, {0x11, 0x90}),
-       48000,
-       {{1, 500}, {2, 1024}},
-       {{0, 0, 1024}, {1, 500, 1024}, {2, 1524, 1024}}},
-      {"the last one is shorter",
-       aacSampleEntry(48000, 2, {0x11, 0x90}),
-       48000,
-       {{1, 1024}, {1, 100}},
-       {{0, 0, 1024}, {1, 1024, 100}}},
-      {"the last one is no longer",
-       aacSampleEntry(48000, 2, {0x11, 0x90}),
-       48000,
-       {{1, 1024}, {1, 9000}},
-       {{0, 0, 1024}, {1, 1024, 1024}}},
+      {"a hole", lc48, 48000, {{1, 1024}, {1, 5000}, {1, 1024}}, {{0, 0, 1024}, {1, 1024, 1024}, {2, 6024, 1024}}},
+      {"an overlap", lc48, 48000, {{1, 500}, {2, 1024}}, {{0, 0, 1024}, {1, 500, 1024}, {2, 1524, 1024}}},
+      {"the last is shorter", lc48, 48000, {{1, 1024}, {1, 100}}, {{0, 0, 1024}, {1, 1024, 100}}},
+      {"the last is no longer", lc48, 48000, {{1, 1024}, {1, 9000}}, {{0, 0, 1024}, {1, 1024, 1024}}},
+      {"a coarse clock", lc48, 1000, {{1, 21}, {1, 22}}, {{0, 0, coarse}, {1, 21, coarse}}},
       // 2048 samples at twice the rate, whether SBR or not: what the packet really lasts.
-      {"24 kHz LC", aacSampleEntry(24000, 2, lc24), 24000, {{2, 1024}}, {{0, 0, 1024}, {1, 1024, 1024}}},
-      {"24 kHz HE", aacSampleEntry(48000, 2, he24), 48000, {{2, 2048}}, {{0, 0, 2048}, {1, 2048, 2048}}},
-      {"a coarse clock",
-       aacSampleEntry(48000, 2, {0x11, 0x90}),
-       1000,
-       {{1, 21}, {1, 22}},
-       {{0, 0, 1024.0 / 48}, {1, 21, 1024.0 / 48}}},
+      {"24 kHz LC", lc24, 24000, {{2, 1024}}, {{0, 0, 1024}, {1, 1024, 1024}}},
+      {"24 kHz HE", he24, 48000, {{2, 2048}}, {{0, 0, 2048}, {1, 2048, 2048}}},
       {"no AAC", audioSampleEntry("Opus", 48000, 2), 48000, {{1, 960}, {1, 480}}, {{0, 0, 960}, {1, 960, 480}}},
   };
   for (const auto& c : cases) {
@@ -239,6 +216,7 @@ TEST(CompressedSamples, AreReadInAnyOrder) {
 
 TEST(CompressedSamples, DamageEndsTheStreamOrIsRefused) {
   const std::string stbl = "moov/trak/mdia/minf/stbl/";
+  const char* cut = "the data end before what they must hold";
   SyntheticTrack sound{.stts = {{10, 1024}}, .ctts = {{10, 0}}, .edits = {{0, 0}}, .samples = 10};
   auto field = [](const std::string& path, size_t at, uint32_t value) {
     return [=](BoxEditor& file) { file.setField(file.at(path).offset + at, value); };
@@ -250,12 +228,17 @@ TEST(CompressedSamples, DamageEndsTheStreamOrIsRefused) {
     const char* failure;
   } cases[] = {
       {"none", [](BoxEditor&) {}, 10, ""},
-      {"stts promises rows", field(stbl + "stts", 12, UINT32_MAX), 0, "the data end before what they must hold"},
-      {"ctts promises rows", field(stbl + "ctts", 12, 3), 0, "the data end before what they must hold"},
-      {"elst promises rows", field("moov/trak/edts/elst", 12, UINT32_MAX), 0,
-       "the data end before what they must hold"},
-      {"stsz promises samples", field(stbl + "stsz", 16, UINT32_MAX), 0, "the data end before what they must hold"},
+      {"stts promises rows", field(stbl + "stts", 12, UINT32_MAX), 0, cut},
+      {"ctts promises rows", field(stbl + "ctts", 12, 3), 0, cut},
+      {"elst promises rows", field("moov/trak/edts/elst", 12, UINT32_MAX), 0, cut},
+      {"stsz promises samples", field(stbl + "stsz", 16, UINT32_MAX), 0, cut},
       {"stsz promises equal samples", field(stbl + "stsz", 12, 1 << 20), 0, "Sample 0 does not lie in the file"},
+      {"stsz promises equal samples without end",
+       [&](BoxEditor& file) {
+         field(stbl + "stsz", 12, 1)(file);
+         field(stbl + "stsz", 16, UINT32_MAX)(file);
+       },
+       12, "Sample 12 does not lie in the file"},
       {"stts is short", field(stbl + "stts", 16, 4), 10, ""},
       {"stts is empty", field(stbl + "stts", 16, 0), 0, "stts names no sample"},
       {"stts is long", field(stbl + "stts", 16, UINT32_MAX), 10, ""},
@@ -301,7 +284,7 @@ TEST(CompressedSamples, NoDamageToTheMovieBoxCrashes) {
   PosixFileManager files(directory.path());
   AVAsset asset(files, directory / "clip.mp4");
   size_t walked = 0;
-  for (int round = 0; round < 3000; ++round) {
+  for (int round = 0; round < 1000; ++round) {
     Bytes damaged = movie;
     for (int i = 0; i < 3; ++i) {
       damaged[moov + 8 + random() % (movie.size() - moov - 8)] = static_cast<uint8_t>(round % 2 == 0 ? 0xFF : random());
@@ -315,7 +298,7 @@ TEST(CompressedSamples, NoDamageToTheMovieBoxCrashes) {
       ASSERT_LT(shown.size(), 100u);
     }
   }
-  EXPECT_GT(walked, 1000u);
+  EXPECT_GT(walked, 1000u) << "or the damage leaves nothing to walk";
 }
 
 }  // namespace
