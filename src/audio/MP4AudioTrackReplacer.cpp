@@ -15,9 +15,9 @@
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/MoovCheck.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Checked.h"
 #include "platform/Log.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {
