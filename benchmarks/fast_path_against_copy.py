@@ -33,6 +33,7 @@ def make_source(directory, minutes):
 
 
 def timed(command, result):
+    os.sync()  # what was written and deleted before is no part of it
     begin = time.monotonic()
     output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
     descriptor = os.open(result, os.O_RDONLY)
