@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/AudioRepairDecision.h"
 #include "parameters/PictureSize.h"
 #include "pipeline/OriginalSyncInfo.h"
 #include "platform/FileManager.h"
@@ -90,9 +91,31 @@ struct RemuxForecast {
   std::vector<std::string> losses;
 };
 
+/// What the audio step does to the file.
+struct AudioForecast {
+  enum class Kind {
+    notReached,
+    skipped,  ///< by the record that the file would get
+    noSound,
+    leavesAlone,
+    leavesToEditList,
+    takesFastPath,
+    transcodes,
+    leavesExtremeDrift,
+  };
+
+  Kind kind = Kind::notReached;
+  std::string reason;
+  std::optional<AudioFindings> findings;
+  std::vector<AudioGap> holes;  ///< of the sound as it is behind the remux step
+  std::vector<AudioOverlap> overlaps;
+
+  bool replacesSound() const { return kind == Kind::takesFastPath || kind == Kind::transcodes; }
+};
+
 /// What the sync step does to the file.
 struct SyncForecast {
-  enum class Kind { notReached, noSound, nothing, writes, fails };
+  enum class Kind { notReached, noSound, nothing, writes, followsNewSound, fails };
 
   Kind kind = Kind::nothing;
   std::string reason;
@@ -110,6 +133,7 @@ struct Inspection {
   std::optional<std::string> syncProblem;  ///< why there are no sync facts
   std::vector<std::string> problems;       ///< what is wrong with the file
   RemuxForecast remux;
+  AudioForecast audio;
   SyncForecast syncFix;
   bool changesFile = false;  ///< the repair's result differs from the file
 };

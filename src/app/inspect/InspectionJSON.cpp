@@ -138,10 +138,54 @@ const char* kindText(SyncForecast::Kind kind) {
       return "nothing";
     case SyncForecast::Kind::writes:
       return "writes";
+    case SyncForecast::Kind::followsNewSound:
+      return "followsNewSound";
     case SyncForecast::Kind::fails:
       return "fails";
   }
   return "";
+}
+
+const char* kindText(AudioForecast::Kind kind) {
+  switch (kind) {
+    case AudioForecast::Kind::notReached:
+      return "notReached";
+    case AudioForecast::Kind::skipped:
+      return "skipped";
+    case AudioForecast::Kind::noSound:
+      return "noSound";
+    case AudioForecast::Kind::leavesAlone:
+      return "leavesAlone";
+    case AudioForecast::Kind::leavesToEditList:
+      return "leavesToEditList";
+    case AudioForecast::Kind::takesFastPath:
+      return "takesFastPath";
+    case AudioForecast::Kind::transcodes:
+      return "transcodes";
+    case AudioForecast::Kind::leavesExtremeDrift:
+      return "leavesExtremeDrift";
+  }
+  return "";
+}
+
+JSObject audioJSON(const AudioForecast& forecast) {
+  JSObject object{{"does", kindText(forecast.kind)}, {"reason", forecast.reason}};
+  if (!forecast.findings) return object;
+  const AudioAnalysisResult& analysis = forecast.findings->analysis;
+  const auto milliseconds = [](const CMTime& time) { return time.seconds() * 1000; };
+  object.set("decision", forecast.findings->decision.description());
+  object.set("classification", std::string(text(analysis.gapType)));
+  object.set("aacType", std::string(text(analysis.aacType)));
+  object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
+  object.set("driftMilliseconds", analysis.timelineDriftMs);
+  object.set("holes", arrayOf(forecast.holes, [&](const AudioGap& gap) {
+               return JSObject{{"atMilliseconds", milliseconds(gap.position)},
+                               {"lengthMilliseconds", milliseconds(gap.duration)}};
+             }));
+  object.set("overlaps", arrayOf(forecast.overlaps, [&](const AudioOverlap& overlap) {
+               return JSObject{{"atMilliseconds", milliseconds(overlap.position)}, {"frames", overlap.framesToDrop}};
+             }));
+  return object;
 }
 
 JSObject syncFixJSON(const SyncForecast& forecast) {
@@ -169,6 +213,7 @@ std::string inspectionJSON(const Inspection& inspection) {
                                {"changesFile", inspection.remux.changesFile},
                                {"entries", arrayOf(inspection.remux.entries, entryJSON)},
                                {"losses", texts(inspection.remux.losses)}});
+  object.set("audio", audioJSON(inspection.audio));
   object.set("syncFix", syncFixJSON(inspection.syncFix));
   object.set("changesFile", inspection.changesFile);
   return object.json();

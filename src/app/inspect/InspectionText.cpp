@@ -7,6 +7,7 @@
 
 #include "app/FailureAdvice.h"
 #include "app/inspect/Inspection.h"
+#include "app/inspect/SoundText.h"
 
 namespace tarn {
 namespace {
@@ -173,6 +174,8 @@ std::string syncFixText(const Inspection& inspection) {
       return "changes nothing";
     case SyncForecast::Kind::writes:
       return "writes edit lists";
+    case SyncForecast::Kind::followsNewSound:
+      return "writes the edit lists that the new sound asks for";
     case SyncForecast::Kind::fails:
       return "fails, which leaves the edit lists as they are";
   }
@@ -197,6 +200,8 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   out.line("the remux step {}: {}", remuxText(inspection), remux.reason);
   if (remux.kind != RemuxForecast::Kind::leavesAlone) writeEntries(out, remux.entries, "  ");
   for (const std::string& loss : remux.losses) out.line("  lost: {}", loss);
+  out.line("the audio step {}: {}", audioStepText(inspection.audio), inspection.audio.reason);
+  for (const std::string& line : audioConsequences(inspection.audio)) out.line("  {}", line);
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
   if (inspection.syncFix.kind == SyncForecast::Kind::writes) writePlan(out, *inspection.syncFix.plan);
   if (remux.kind == RemuxForecast::Kind::refuses) {
@@ -214,6 +219,10 @@ std::string inspectionText(const Inspection& inspection) {
   writeBoxes(out, inspection);
   writeTracks(out, inspection);
   writeVideo(out, inspection);
+  if (inspection.audio.findings) {
+    out.heading("Sound");
+    for (const std::string& line : soundLines(inspection.audio)) out.line("{}", line);
+  }
   writeSync(out, inspection);
   out.heading("Problems");
   if (inspection.problems.empty()) out.line("none");
