@@ -32,12 +32,12 @@ SyntheticTrack sound(const Rows& stts, std::vector<std::pair<uint64_t, int64_t>>
   return {.stts = stts, .edits = std::move(edits), .samples = count, .mediaDuration = sum(stts)};
 }
 
-/// 25 pictures a second; between some there are so many milliseconds more.
-SyntheticTrack pictures(double gapMs = 0, double startMs = 0) {
-  SyntheticTrack track{.handler = "vide", .timescale = 90000, .samples = 250};
-  track.stts = {{99, 3600}, {1, 3600 + static_cast<uint32_t>(gapMs * 90)}, {150, 3600}};
+/// 25 pictures a second for ten seconds. The edit list can start late, or pause behind the fourth second.
+SyntheticTrack pictures(uint64_t startMs = 0, uint64_t pauseMs = 0) {
+  SyntheticTrack track{.handler = "vide", .timescale = 90000, .stts = {{250, 3600}}, .samples = 250};
   track.mediaDuration = sum(track.stts);
-  if (startMs > 0) track.edits = {{static_cast<uint64_t>(startMs), -1}, {10000, 0}};
+  if (startMs > 0) track.edits = {{startMs, -1}, {10000, 0}};
+  if (pauseMs > 0) track.edits = {{4000, 0}, {pauseMs, -1}, {6000, 360000}};
   return track;
 }
 
@@ -126,7 +126,7 @@ TEST_F(AudioAnalysis, TellsDriftAndOffsetsFromCleanSound) {
     EXPECT_NEAR(result.initialOffsetMs, row.offset, 0.5);
     EXPECT_EQ(result.gapCount, row.offset > 64 ? 1 : 0);
   }
-  EXPECT_NEAR(analyze({pictures(0, 200), late(100)}).initialOffsetMs, -100, 0.5);
+  EXPECT_NEAR(analyze({pictures(200), late(100)}).initialOffsetMs, -100, 0.5);
   const auto silent = analyze({pictures()});
   EXPECT_EQ(silent.gapType, GapType::clean);
   EXPECT_EQ(silent.frameDurationMs, 21.33);
@@ -190,13 +190,13 @@ TEST_F(AudioAnalysis, LooksAtLowRatesByTwoRules) {
 }
 
 TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
-  const auto gapsOf = [&](double milliseconds) {
-    write({pictures(milliseconds)});
+  const auto gapsOf = [&](uint64_t milliseconds) {
+    write({pictures(0, milliseconds)});
     const AVAsset asset(files_, file_);
     return AudioTranscoder::buildVideoTimeline(asset, asset.tracks(AVMediaType::video)[0], 0.5).gaps.size();
   };
   EXPECT_EQ(gapsOf(500), 0U);
-  EXPECT_EQ(gapsOf(500.02), 1U);
+  EXPECT_EQ(gapsOf(501), 1U);
 
   // A lag of the clock is one gap, found once, however it is found.
   for (double milliseconds : {30.0, 1000.0}) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -18,50 +19,50 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-Path tracksTogether() {
+Path tracksTogether(int seconds, int channels) {
+  const std::string length = ":d=" + std::to_string(seconds);
   return madeByFFmpeg(
       {"-f",       "lavfi",
-       "-i",       "color=black:s=192x144:r=25:d=3,drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
+       "-i",       "color=black:s=192x144:r=25" + length + ",drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
        "-f",       "lavfi",
-       "-i",       "aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000:d=3",
+       "-i",       "aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000" + length,
        "-c:v",     "libx264",
        "-bf",      "2",
        "-pix_fmt", "yuv420p",
        "-preset",  "veryfast",
        "-c:a",     "aac",
+       "-ac",      std::to_string(channels),
        "-b:a",     "96k"});
 }
 
-/// Time of the second white frame.
-double secondFlash(const Path& file) {
+/// Times of the white frames.
+std::vector<double> flashes(const Path& file) {
   auto frames = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:v:0", "-vf",
                             "signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-", "-f", "null", "-"});
   std::istringstream lines(frames.output);
   double time = 0;
-  int flashes = 0;
+  std::vector<double> found;
   for (std::string line; std::getline(lines, line);) {
     auto value = [&](const char* key) { return std::stod(line.substr(line.find(key) + std::string(key).size())); };
     if (line.find("pts_time:") != std::string::npos) time = value("pts_time:");
-    if (line.find("YAVG=") != std::string::npos && value("YAVG=") > 128 && ++flashes == 2) return time;
+    if (line.find("YAVG=") != std::string::npos && value("YAVG=") > 128) found.push_back(time);
   }
-  throw std::runtime_error("no second flash: " + frames.output);
+  return found;
 }
 
-/// Time of the first loud sample half a second or more behind the first.
-double secondBeep(const Path& file) {
-  // Time 0 of the presentation becomes the first sample: silence goes ahead of a late start.
-  auto pcm = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:a:0", "-af",
-                         "aresample=first_pts=0", "-ac", "1", "-f", "s16be", "-"});
+/// Times of loud samples that come half a second or more behind the last one.
+std::vector<double> beeps(const Path& file) {
+  const std::vector<int16_t> samples = heardSamples(file);
   constexpr double rate = 48000;
-  double first = -1;
-  for (size_t i = 0; 2 * i + 1 < pcm.output.size(); ++i) {
-    auto high = static_cast<int8_t>(pcm.output[2 * i]);
-    if (std::abs(high) < 38) continue;
-    double time = static_cast<double>(i) / rate;
-    if (first < 0) first = time;
-    if (time > first + 0.5) return time;
+  std::vector<double> found;
+  double last = -1;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    if (std::abs(int{samples[i]}) < 9728) continue;
+    const double time = static_cast<double>(i) / rate;
+    if (time > last + 0.5) found.push_back(time);
+    last = time;
   }
-  throw std::runtime_error("no second beep");
+  return found;
 }
 
 using LeafChange = std::function<Bytes(std::string_view type, Bytes box)>;
@@ -112,7 +113,7 @@ Bytes widened(const Bytes& whole, const std::vector<size_t>& wideFields) {
 }  // namespace
 
 Path flashBeepClip(double audioLate, const Arguments& muxerArguments, bool audioFirst, bool twoAudioTracks) {
-  Path clip = tracksTogether();
+  Path clip = tracksTogether(3, 1);
   auto input = [&](double late) { return Arguments{"-itsoffset", std::to_string(late), "-i", clip}; };
   Arguments arguments = input(std::max(0.0, -audioLate));
   Arguments audio = input(std::max(0.0, audioLate));
@@ -126,8 +127,35 @@ Path flashBeepClip(double audioLate, const Arguments& muxerArguments, bool audio
   return madeByFFmpeg(arguments);
 }
 
+Path damagedFlashBeepClip(int seconds, int channels, const Arguments& muxerArguments, double audioLate) {
+  Path clip = tracksTogether(seconds, channels);
+  Arguments arguments{"-i",  clip, "-itsoffset", std::to_string(audioLate), "-i", clip, "-map", "0:v", "-map",
+                      "1:a", "-c", "copy"};
+  arguments.insert(arguments.end(), muxerArguments.begin(), muxerArguments.end());
+  return madeByFFmpeg(arguments);
+}
+
 double beepAfterFlash(const Path& file) {
-  return secondBeep(file) - secondFlash(file);
+  return beeps(file).at(1) - flashes(file).at(1);
+}
+
+std::vector<Beat> beats(const Path& file) {
+  const std::vector<double> heard = beeps(file);
+  std::vector<Beat> result;
+  for (double flash : flashes(file)) {
+    const auto nearest = std::ranges::min_element(heard, {}, [&](double beep) { return std::abs(beep - flash); });
+    if (nearest != heard.end() && std::abs(*nearest - flash) < 0.5) result.push_back({flash, *nearest - flash});
+  }
+  return result;
+}
+
+std::vector<int16_t> heardSamples(const Path& file) {
+  // Time 0 of the presentation becomes the first sample: silence goes ahead of a late start.
+  auto pcm = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:a:0", "-af",
+                         "aresample=first_pts=0", "-ac", "1", "-ar", "48000", "-f", "s16le", "-"});
+  std::vector<int16_t> samples(pcm.output.size() / 2);
+  std::memcpy(samples.data(), pcm.output.data(), samples.size() * 2);
+  return samples;
 }
 
 std::string mediaHashes(const Path& file) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,20 @@ namespace tarn::test {
 /// or early (negative) by so many seconds. The arguments go to the muxer.
 Path flashBeepClip(double audioLate, const std::vector<std::string>& muxerArguments = {}, bool audioFirst = false,
                    bool twoAudioTracks = false);
+
+/// A longer one of so many seconds and channels; the arguments, which may damage the sound on its way, go to the muxer.
+Path damagedFlashBeepClip(int seconds, int channels, const std::vector<std::string>& muxerArguments,
+                          double audioLate = 0);
+
+/// A flash, and how much later the beep that belongs to it is heard, both in seconds.
+struct Beat {
+  double flash;
+  double beepAfter;
+};
+std::vector<Beat> beats(const Path& file);
+
+/// What is heard of the first audio track from time 0 on, in mono at 48 kHz.
+std::vector<int16_t> heardSamples(const Path& file);
 
 /// Beep minus flash in seconds, at the second flash, as ffmpeg's decoders play the file's first video and audio track.
 double beepAfterFlash(const Path& file);

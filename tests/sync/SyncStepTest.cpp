@@ -6,6 +6,7 @@
 #include "support/LogCapture.h"
 #include "support/TempDirectory.h"
 #include "sync/FlashBeep.h"
+#include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncStep.h"
 
 namespace tarn::test {
