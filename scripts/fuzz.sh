@@ -20,7 +20,7 @@ failed=0
 for fuzzer in "${fuzzers[@]}"; do
   mkdir -p "build/fuzz/corpus/$fuzzer" "build/fuzz/seeds/$fuzzer"
   # A time and memory limit for each input, whose size is limited: no input may cost more than its size explains.
-  if UBSAN_OPTIONS=halt_on_error=1 "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -max_len=16384 -timeout=5 \
+  if UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 "build/fuzz/fuzz/$fuzzer" -max_total_time="$seconds" -max_len=16384 -timeout=5 \
     -rss_limit_mb=1024 -malloc_limit_mb=128 -artifact_prefix="build/fuzz/found/$fuzzer-" -print_final_stats=1 \
     "build/fuzz/corpus/$fuzzer" "build/fuzz/seeds/$fuzzer" 2> "build/fuzz/$fuzzer.log"; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "build/fuzz/$fuzzer.log")
