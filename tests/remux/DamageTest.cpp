@@ -193,7 +193,9 @@ TEST_F(Damage, ByAReadThatFails) {
     Bytes now = written();
     bool hasLostBox = log_.contains("WARNING: Failed to read ftyp box at offset 0");
     EXPECT_TRUE(now == before || now == after || hasLostBox) << "call " << call;
-    if (hasLostBox) EXPECT_EQ(decoderComplaints(file_), "");
+    if (hasLostBox) {
+      EXPECT_EQ(decoderComplaints(file_), "");
+    }
     losses += hasLostBox;
     if (!faulty.fired()) break;
   }
