@@ -39,7 +39,7 @@ std::vector<DownloadTaskData> decodeDownloadTasks(ByteView document) {
     if (!json.is_array()) throw Error("DownloadTaskData", -1, "not an array");
     std::vector<DownloadTaskData> tasks;
     for (const Json& object : json) {
-      tasks.push_back({.id = object.at("id").get<int64_t>(),
+      tasks.push_back({.id = object.at("id").get_ref<const int64_t&>(),
                        .url = object.at("url").get<std::string>(),
                        .album = optionalText(object, "album"),
                        .filename = optionalText(object, "filename"),

@@ -11,7 +11,7 @@ std::string TransferNote::text() const {
 std::optional<TransferNote> TransferNote::parse(const std::string& text) {
   try {
     auto object = nlohmann::json::parse(text);
-    return TransferNote{.id = object.at("id").get<int64_t>(),
+    return TransferNote{.id = object.at("id").get_ref<const int64_t&>(),
                         .skipVideoFix = object.at("skipVideoFix").get<bool>(),
                         .skipAudioFix = object.at("skipAudioFix").get<bool>()};
   } catch (const nlohmann::json::exception&) {

@@ -62,7 +62,7 @@ Path decodePath(const Json& value) {
 
 ProcessingState decode(const Json& object) {
   ProcessingState state;
-  state.downloadId = object.at("downloadId").get<int64_t>();
+  state.downloadId = object.at("downloadId").get_ref<const int64_t&>();
   state.filename = object.at("filename").get<std::string>();
   state.album = optionalValue<std::string>(object, "album");
   state.fileURL = decodePath(object.at("fileURL"));
@@ -109,7 +109,7 @@ ProcessingStates decodeProcessingStates(ByteView document) {
     if (!json.is_array() || json.size() % 2 != 0) throw Error("ProcessingState", -1, "not an array of pairs");
     ProcessingStates states;
     for (size_t i = 0; i < json.size(); i += 2) {
-      states.insert_or_assign(json[i].get<int64_t>(), decode(json[i + 1]));
+      states.insert_or_assign(json[i].get_ref<const int64_t&>(), decode(json[i + 1]));
     }
     return states;
   } catch (const Json::exception& error) {

@@ -57,7 +57,7 @@ CAPPlugin::Handler TarnBridge::handler(const std::string& method) {
       {"getDownloadLimit", &TarnBridge::getDownloadLimit},
   }};
   for (const auto& [name, member] : handlers) {
-    if (name == method) return [this, member](const CAPPluginCallPointer& call) { (this->*member)(call); };
+    if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
   }
   return nullptr;
 }

@@ -6,6 +6,7 @@
 
 #include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
+#include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
@@ -112,10 +113,21 @@ class BoxCopier {
     Bytes bytes = readSmall(box);
     if (bytes.empty()) {
       log("WARNING: Failed to read {} box at offset {}", box.type, box.offset);
+      // What stands behind it must not move: chunk offsets are corrected for the moov alone.
+      target_.write(freeSpace(static_cast<size_t>(box.size)));
       return;
     }
     target_.write(bytes);
     log("Wrote {} box ({} bytes)", box.type, box.size);
+  }
+
+  /// A `free` box (ISO/IEC 14496-12 8.1.2) of so many bytes; zeros where they do not make a box.
+  static Bytes freeSpace(size_t size) {
+    Bytes box(size);
+    if (size < 8) return box;
+    writeUInt32(box, static_cast<uint32_t>(size), 0);
+    std::ranges::copy(std::string_view("free"), box.begin() + 4);
+    return box;
   }
 
   Bytes readSmall(const BoxHeader& box) {

@@ -34,7 +34,7 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   document.at("taskDescription").get_to(record.taskDescription);
   document.at("validator").get_to(record.validator);
   document.at("complete").get_to(record.complete);
-  if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get<uint64_t>();
+  if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get_ref<const uint64_t&>();
   return record;
 }
 

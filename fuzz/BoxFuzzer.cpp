@@ -1,0 +1,43 @@
+#include <array>
+
+#include "Fuzzing.h"
+#include "mp4/BoxWalker.h"
+#include "mp4/MoovCheck.h"
+
+using namespace tarn;
+
+namespace {
+
+constexpr std::array policies{&boxwalk::topLevel,       &boxwalk::children,
+                              &boxwalk::tracks,         &boxwalk::buffer,
+                              &boxwalk::bufferDeep,     &boxwalk::sampleEntryChildren,
+                              &boxwalk::openChildren,   &boxwalk::tableChildren,
+                              &boxwalk::clonedChildren, &boxwalk::protectionChildren,
+                              &boxwalk::topLevelScan,   &boxwalk::movieBuffer,
+                              &boxwalk::trackBuffer,    &boxwalk::trackBufferDeep};
+
+/// A walk comes to its end: each header has eight bytes of its own, and a buffer is walked once for each level.
+template <typename Walker>
+void walk(Walker&& walker, size_t size) {
+  size_t headers = 0;
+  while (auto header = walker.next()) {
+    fuzz::require(header->offset <= size && header->offset + header->size >= header->offset);
+    fuzz::require(++headers <= size);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::Input input(data, size);
+  const BoxWalkPolicy& policy = *policies[input.byte() % policies.size()];
+  const ByteView boxes = input.rest();
+  fuzz::Movie movie(boxes);
+  auto file = movie.files.open(movie.path, OpenMode::reading);
+  walk(FileBoxWalker(*file, 0, boxes.size(), policy), boxes.size());
+  walk(BufferBoxWalker(boxes, 0, boxes.size(), policy), boxes.size());
+  for (bool isRecursive : {false, true}) MP4BoxUtils::findBoxOffsets(boxes, "stsd", 0, std::nullopt, isRecursive);
+  MP4BoxUtils::findTrakOffset(boxes, MP4TrackType::video);
+  whatForbidsEditing(boxes);
+  return 0;
+}

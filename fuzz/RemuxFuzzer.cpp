@@ -1,0 +1,28 @@
+#include "Fuzzing.h"
+#include "remux/MP4Remuxer.h"
+
+using namespace tarn;
+
+/// The input is a movie. What could be read can be read behind a finished repair, and a second repair changes nothing.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::Movie movie(ByteView(data, size));
+  std::optional<RemuxTimings> timings;
+  const auto remux = [&](bool isHEVC) {
+    return movie.survives([&] {
+      if (isHEVC) {
+        MP4Remuxer::remuxHEVCWithParameterExtraction(movie.files, movie.path, nullptr, timings);
+      } else {
+        MP4Remuxer::remuxAVCWithParameterExtraction(movie.files, movie.path, "avc3", nullptr, timings);
+      }
+    });
+  };
+  const bool wasReadable = movie.isReadable(MP4TrackType::video);
+  movie.survives([&] { MP4Remuxer::detectHEVCTag(movie.files, movie.path); });
+  for (bool isHEVC : {true, false}) {
+    if (!remux(isHEVC)) continue;
+    fuzz::require(!wasReadable || movie.isReadable(MP4TrackType::video));
+    const Bytes once = movie.content();
+    fuzz::require(remux(isHEVC) && movie.content() == once);
+  }
+  return 0;
+}

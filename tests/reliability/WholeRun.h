@@ -1,0 +1,81 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "app/RepairSteps.h"
+#include "platform/host/HostApplication.h"
+#include "platform/memory/InMemoryFileManager.h"
+#include "platform/memory/InMemoryPhotoLibrary.h"
+#include "platform/memory/ManualDispatch.h"
+#include "platform/memory/ScriptedURLSession.h"
+#include "plugin/SavingStep.h"
+#include "plugin/TarnBridgePlugin.h"
+#include "support/FaultyFileManager.h"
+#include "support/ManualClock.h"
+
+namespace tarn::test {
+
+/// The bytes of all samples of a movie's first video track, in order.
+Bytes videoSamples(const Bytes& movie);
+
+/// A home in memory with everything that runs in it, from a page's call to the album, and processes that come and go.
+/// The disk, the photo library and the transfers outlive a process; faults are armed in `files`.
+class WholeRun {
+ public:
+  /// The server has this recording.
+  explicit WholeRun(const Bytes& recording);
+  ~WholeRun() { die(); }
+  WholeRun(const WholeRun&) = delete;
+  WholeRun& operator=(const WholeRun&) = delete;
+
+  InMemoryFileManager disk;
+  FaultyFileManager files{disk};
+  InMemoryPhotoLibrary& photos() { return photos_; }
+
+  /// A page asks for the recording, the server sends it, and the engine does what it can. False when the command was
+  /// refused.
+  bool save();
+
+  /// A process that sees to what the last one has left, to the end.
+  void restart();
+
+  /// The process is gone, with all that was in memory.
+  void die();
+
+  size_t assetsInAlbum();
+  size_t assets() { return photos_.fetchAllAssets().size(); }
+
+  /// What was saved last, as the last step found it.
+  const std::optional<Bytes>& saved() const { return savingStep_.content; }
+
+  /// Names in the home that should not be there when nothing is under way, and stores that cannot be read.
+  std::string leftovers();
+
+ private:
+  /// The last step of a run, which also remembers the file.
+  class WatchedSavingStep : public SavingStep {
+   public:
+    using SavingStep::SavingStep;
+    void run(ProcessingRun& run) override;
+    std::optional<Bytes> content;
+  };
+
+  void start();
+  void deliver();
+  bool hasPendingWork();
+
+  const Bytes recording_;
+  UserDefaults defaults_{files, "/home/Defaults"};
+  ManualClock clock_;
+  ManualDispatch dispatch_;
+  std::optional<HostApplication> application_;
+  InMemoryPhotoLibrary photos_{files, dispatch_};
+  ScriptedURLSessionService transfers_{files, "/home/delivered"};
+  RepairSteps steps_;
+  WatchedSavingStep savingStep_{photos_, clock_};
+  std::shared_ptr<TarnBridge> plugin_;
+};
+
+}  // namespace tarn::test
