@@ -7,6 +7,7 @@ import { fileURLToPath } from 'node:url';
 import { build } from 'esbuild';
 
 const app = fileURLToPath(new URL('app/', import.meta.url));
+const nativeSide = fileURLToPath(new URL('host/native.js', import.meta.url));
 const folder = process.argv[2] ?? fileURLToPath(new URL('../build/web/', import.meta.url));
 
 await build({
@@ -21,6 +22,7 @@ await build({
   logLevel: 'warning',
 });
 await build({ entryPoints: [join(app, 'app.css')], outdir: folder, minify: true, logLevel: 'warning' });
-mkdirSync(folder, { recursive: true });
+mkdirSync(join(folder, 'bridge'), { recursive: true });
+copyFileSync(nativeSide, join(folder, 'bridge/native.js'));
 copyFileSync(join(app, 'icon.svg'), join(folder, 'icon.svg'));
 copyFileSync(join(app, 'index.html'), join(folder, 'index.html')); // last: it tells that the rest is there

@@ -69,7 +69,7 @@ export class Albums {
     byId('albums-part', HTMLElement).hidden = false;
     byId('albums-empty', HTMLElement).hidden = this.albums.length > 0;
     const sections = new Map([...this.container.children].map((child) => [(child as HTMLElement).dataset.title, child]));
-    const shown = this.albums.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album')));
+    const shown = this.albums.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')));
     for (const section of sections.values()) {
       if (!shown.includes(section)) section.remove();
     }
@@ -97,7 +97,7 @@ export class Albums {
   }
 
   private makeCard(asset: Asset): HTMLElement {
-    const card = fromTemplate('video');
+    const card = fromTemplate('video-card');
     const video = find(card, 'video', HTMLVideoElement);
     video.src = asset.video;
     video.setAttribute('aria-label', asset.filename);

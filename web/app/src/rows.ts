@@ -43,7 +43,7 @@ export class Rows {
   }
 
   private add(id: number): HTMLElement {
-    const row = fromTemplate('download');
+    const row = fromTemplate('download-row');
     row.dataset.id = String(id);
     this.rows.set(id, row);
     return row;
