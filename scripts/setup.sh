@@ -38,3 +38,21 @@ build() {
     ninja -C "build/$preset" "$@" >&2
   fi
 }
+
+# build_web: the page that `tarn serve` serves, bundled into build/web when something of it has changed. Needs Node.js 18
+# or newer; one that is there is kept, wherever it came from.
+build_web() {
+  local version
+  version=$(node --version 2>/dev/null | sed 's/^v\([0-9]*\).*/\1/')
+  if [ "${version:-0}" -lt 18 ] || ! command -v npm >/dev/null; then install_missing nodejs npm; fi
+  if [ ! web/node_modules/.package-lock.json -nt web/package-lock.json ]; then
+    tell "Fetching the page's packages ..."
+    (cd web && npm ci --silent) >&2
+  fi
+  local sources="web/app web/host web/plugin/src web/build.mjs web/package-lock.json"
+  # shellcheck disable=SC2086
+  if [ ! -f build/web/index.html ] || [ -n "$(find $sources -newer build/web/index.html -print -quit)" ]; then
+    tell "Building build/web ..."
+    node web/build.mjs
+  fi
+}

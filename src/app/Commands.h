@@ -32,12 +32,18 @@ struct RepairOptions {
   bool skipAudioFix = false;
 };
 
+struct ServeOptions {
+  uint16_t port = 0;      ///< 0: any that is free
+  std::string webFolder;  ///< the built page
+};
+
 /// Each command returns its exit code. What it throws is a failure for the caller to print.
 int saveCommand(const GlobalOptions& global, const SaveOptions& options);
 int resumeCommand(const GlobalOptions& global);
 int repairCommand(const GlobalOptions& global, const RepairOptions& options);
 int inspectCommand(const GlobalOptions& global, const std::string& file);
 int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
+int serveCommand(const GlobalOptions& global, const ServeOptions& options);
 int demoCommand(const GlobalOptions& global);
 
 }  // namespace tarn

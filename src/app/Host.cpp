@@ -57,8 +57,10 @@ bool Host::hasTransfer(int64_t id) {
   });
 }
 
-bool Host::hasPendingWork() {
-  return !store_.allPendingStates().empty();
+std::vector<int64_t> Host::pendingRuns() {
+  std::vector<int64_t> ids;
+  for (const ProcessingState& state : store_.allPendingStates()) ids.push_back(state.downloadId);
+  return ids;
 }
 
 }  // namespace tarn

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "app/Home.h"
 #include "app/RepairSteps.h"
@@ -41,8 +42,8 @@ class Host {
   /// The end of background time: no run starts any more, the active one stores its checkpoint and stops.
   void interrupt();
 
-  /// True while stored work waits for a run.
-  bool hasPendingWork();
+  /// The ids of the stored work that waits for a run or is in one, oldest first.
+  std::vector<int64_t> pendingRuns();
   /// True while the stores hold a transfer, or a run's record, of this download.
   bool hasTransfer(int64_t id);
   bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }

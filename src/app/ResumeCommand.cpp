@@ -4,12 +4,9 @@
 #include <map>
 
 #include "app/Commands.h"
-#include "app/EngineClient.h"
 #include "app/FailureAdvice.h"
-#include "app/Host.h"
-#include "app/Interrupt.h"
+#include "app/HostSession.h"
 #include "app/Output.h"
-#include "platform/host/PosixFileManager.h"
 
 namespace tarn {
 namespace {
@@ -24,7 +21,7 @@ class Resume {
   int run() {
     while (!client_.isInterrupted()) {
       if (!look()) {
-        if (wasIdle_ && !host_.hasPendingWork() && isEverythingGone()) break;
+        if (wasIdle_ && host_.pendingRuns().empty() && isEverythingGone()) break;
         // Takes up the next stored run, and removes what is finished.
         host_.application().enterForeground();
         wasIdle_ = true;
@@ -149,16 +146,8 @@ class Resume {
 }  // namespace
 
 int resumeCommand(const GlobalOptions& global) {
-  const Path home = homeDirectory(global.home);
-  PosixFileManager files(home);
-  Host host(files, {.home = home, .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
-  EngineClient client(host.plugin());
-  InterruptWatcher watcher([&] {
-    host.interrupt();
-    client.interrupt();
-  });
-  host.start();
-  return Resume(global, host, client).run();
+  HostSession session(global);
+  return Resume(global, session.host(), session.client()).run();
 }
 
 }  // namespace tarn

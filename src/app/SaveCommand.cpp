@@ -3,14 +3,11 @@
 #include <utility>
 
 #include "app/Commands.h"
-#include "app/EngineClient.h"
 #include "app/FailureAdvice.h"
 #include "app/FileNames.h"
-#include "app/Host.h"
-#include "app/Interrupt.h"
+#include "app/HostSession.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
-#include "platform/host/PosixFileManager.h"
 
 namespace tarn {
 namespace {
@@ -62,15 +59,9 @@ int reportFailure(const GlobalOptions& global, int64_t id, const std::string& wo
 }  // namespace
 
 int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
-  const Path home = homeDirectory(global.home);
-  PosixFileManager files(home);
-  Host host(files, {.home = home, .verbose = global.verbose, .backgroundLimit = global.backgroundLimit});
-  EngineClient client(host.plugin());
-  InterruptWatcher watcher([&] {
-    host.interrupt();
-    client.interrupt();
-  });
-  host.start();
+  HostSession session(global);
+  Host& host = session.host();
+  EngineClient& client = session.client();
   auto answer = client.call("saveVideo", {{"url", options.url},
                                           {"album", options.album},
                                           {"filename", options.filename.value_or(defaultFilename(options.url))},

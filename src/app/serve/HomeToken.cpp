@@ -1,0 +1,94 @@
+#include "app/serve/HomeToken.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "platform/Error.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t randomBytes = 32;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int operator*() const { return number_; }
+
+ private:
+  int number_;
+};
+
+bool isToken(std::string_view text) {
+  return text.size() == 2 * randomBytes &&
+         std::ranges::all_of(text, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+std::optional<std::string> storedToken(const Path& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat facts {};
+  if (*file < 0 || ::fstat(*file, &facts) != 0) return std::nullopt;
+  if (!S_ISREG(facts.st_mode) || (facts.st_mode & 077) != 0 || facts.st_uid != ::geteuid()) return std::nullopt;
+  std::string text(2 * randomBytes + 1, '\0');
+  const ssize_t count = ::read(*file, text.data(), text.size());
+  text.resize(count < 0 ? 0 : static_cast<size_t>(count));
+  return isToken(text) ? std::optional(std::move(text)) : std::nullopt;
+}
+
+std::string newToken() {
+  std::array<uint8_t, randomBytes> bytes{};
+  if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+    throw PosixError(errno, "random bytes for the token");
+  }
+  std::string text;
+  for (const uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
+  return text;
+}
+
+void store(const Path& path, const std::string& token) {
+  const Path fresh = hiddenSibling(path);
+  const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (*file < 0) throw PosixError(errno, fresh.string());
+  if (::write(*file, token.data(), token.size()) != static_cast<ssize_t>(token.size()) || ::fsync(*file) != 0 ||
+      ::rename(fresh.c_str(), path.c_str()) != 0) {
+    const int failure = errno;
+    ::unlink(fresh.c_str());
+    throw PosixError(failure, path.string());
+  }
+}
+
+}  // namespace
+
+std::string homeToken(const Path& home) {
+  const Path path = home / "token";
+  if (auto stored = storedToken(path)) return *stored;
+  std::string token = newToken();
+  store(path, token);
+  return token;
+}
+
+bool isSameSecret(std::string_view secret, std::string_view given) {
+  size_t difference = secret.size() ^ given.size();
+  for (size_t i = 0; i < given.size(); ++i) {
+    const char expected = secret.empty() ? '\0' : secret[i % secret.size()];
+    difference |= static_cast<unsigned char>(expected ^ given[i]);
+  }
+  return difference == 0;
+}
+
+}  // namespace tarn

@@ -1,0 +1,29 @@
+/** The element with this id, which index.html has. */
+export function byId<T extends HTMLElement>(id: string, type: new () => T): T {
+  const element = document.getElementById(id);
+  if (!(element instanceof type)) throw new Error(`The page has no ${type.name} #${id}`);
+  return element;
+}
+
+/** The one element under `root` with this selector. */
+export function find<T extends Element>(root: ParentNode, selector: string, type: new () => T): T {
+  const element = root.querySelector(selector);
+  if (!(element instanceof type)) throw new Error(`The page has no ${type.name} ${selector}`);
+  return element;
+}
+
+/** A new copy of what the template with this id holds: one element. */
+export function fromTemplate(id: string): HTMLElement {
+  const copy = document.importNode(byId(id, HTMLTemplateElement).content, true).firstElementChild;
+  if (!(copy instanceof HTMLElement)) throw new Error(`The template #${id} is empty`);
+  return copy;
+}
+
+export function setText(element: Element, text: string): void {
+  if (element.textContent !== text) element.textContent = text;
+}
+
+/** Tells people who do not see the page what has happened. */
+export function announce(words: string): void {
+  byId('announcer', HTMLElement).textContent = words;
+}

@@ -1,0 +1,44 @@
+/** Words and numbers for people. */
+
+export function bytesText(bytes: number): string {
+  const units = ['B', 'KB', 'MB', 'GB', 'TB'];
+  let unit = 0;
+  while (bytes >= 1000 && unit + 1 < units.length) {
+    bytes /= 1000;
+    unit += 1;
+  }
+  return `${bytes.toFixed(unit === 0 || bytes >= 100 ? 0 : 1)} ${units[unit]}`;
+}
+
+export function timeLeftText(seconds: number): string {
+  if (seconds < 60) return `${Math.max(1, Math.round(seconds))} s left`;
+  if (seconds < 3600) return `${Math.round(seconds / 60)} min left`;
+  return `${(seconds / 3600).toFixed(1)} h left`;
+}
+
+export function countText(count: number, one: string, many: string): string {
+  return count === 1 ? `1 ${one}` : `${count} ${many}`;
+}
+
+/** Day and time of a moment given in Unix seconds. */
+export function momentText(seconds: number): string {
+  return new Date(seconds * 1000).toLocaleString(undefined, { dateStyle: 'medium', timeStyle: 'short' });
+}
+
+/** A file name for a video at this address: the last part of its path, with a video's ending. Empty for no address. */
+export function suggestedFilename(address: string): string {
+  let last: string;
+  try {
+    last = new URL(address.trim()).pathname.split('/').at(-1) ?? '';
+    last = decodeURIComponent(last);
+  } catch {
+    return '';
+  }
+  const name = last.replace(/[\u0000-\u001f\u007f/\\]/g, '_').replace(/^\.+/, '');
+  if (name === '') return 'video.mp4';
+  return /.\.(mp4|mov|m4v)$/i.test(name) ? name : `${name}.mp4`;
+}
+
+export function messageOf(error: unknown): string {
+  return error instanceof Error ? error.message : String(error);
+}

@@ -1,0 +1,290 @@
+// The page in a real browser, from the form to the saved video, and through all that can come between.
+
+import assert from 'node:assert/strict';
+import { rmSync } from 'node:fs';
+import { after, afterEach, before, beforeEach, test } from 'node:test';
+
+import { MediaServer, Tarn, call, keepEvents, launchBrowser, makeClip, pause, temporaryFolder, until, videoTag } from './support.mjs';
+
+const folder = temporaryFolder();
+let media;
+let browser;
+let tarn;
+let context;
+let faults; // of the pages: errors of their scripts, violations of their policy
+
+before(async () => {
+  media = await new MediaServer().start(makeClip(folder));
+  browser = await launchBrowser();
+});
+after(async () => {
+  await browser.close();
+  await media.stop();
+  rmSync(folder, { recursive: true });
+});
+
+beforeEach(async () => {
+  media.requests.length = 0;
+  tarn = await new Tarn().start();
+  context = await browser.newContext();
+  faults = [];
+});
+afterEach(async () => {
+  await context.close();
+  await tarn.stop();
+  assert.deepEqual(faults, []);
+});
+
+/** Lets a test kill the page's WebSockets and keep new ones from being opened for a while. */
+function canBeCutOff() {
+  const sockets = [];
+  let offUntil = 0;
+  window.WebSocket = class extends WebSocket {
+    constructor(url) {
+      super(performance.now() < offUntil ? `ws://${location.host}/` : url);
+      sockets.push(this);
+    }
+  };
+  window.cutOff = (milliseconds) => {
+    offUntil = performance.now() + milliseconds;
+    for (const socket of sockets) socket.close();
+  };
+}
+
+async function open(address = tarn.entry) {
+  const page = await context.newPage();
+  page.setDefaultTimeout(15000);
+  await page.addInitScript(canBeCutOff);
+  page.on('pageerror', (error) => faults.push(error.message));
+  page.on('console', (line) => line.text().includes('Content Security Policy') && faults.push(line.text()));
+  await page.goto(address);
+  await page.waitForSelector('html[data-tarn-connection=live]');
+  return page;
+}
+
+async function save(page, url, { album = 'Trips', filename = 'clip.mp4' } = {}) {
+  await page.fill('#url', url);
+  await page.fill('#album', album);
+  await page.fill('#filename', filename);
+  await page.click('button[type=submit]');
+}
+
+const row = (page, filename) => page.locator('.download', { hasText: filename });
+const inPhase = (page, filename, phase) => page.waitForSelector(`.download[data-phase=${phase}]:has-text("${filename}")`);
+const held = async (page) => Object.values(await call(page, 'getActiveDownloads'));
+
+test('a save with the keyboard alone, from the form to the playing video', async () => {
+  const page = await open();
+  await page.setViewportSize({ width: 360, height: 740 });
+  await page.focus('#url');
+  await page.keyboard.press('Enter');
+  assert.match(await page.textContent('#url-error'), /Paste the address/);
+  assert.equal(await page.getAttribute('#album', 'aria-invalid'), 'true');
+  await page.keyboard.type('ftp://127.0.0.1/clip%20one.mp4');
+  assert.equal(await page.inputValue('#filename'), 'clip one.mp4');
+  await page.keyboard.press('Tab');
+  await page.keyboard.type('Trips');
+  await page.keyboard.press('Enter');
+  await until('the words of the engine', async () => /^Invalid download URL\./.test(await page.textContent('#url-error')));
+  assert.equal(await page.evaluate(() => document.activeElement.id), 'url');
+
+  await page.keyboard.press('Control+A');
+  await page.keyboard.type(media.address('clip%20one.mp4', 2));
+  await page.keyboard.press('Enter');
+  await until('a bar that moves', () => page.evaluate(() => document.querySelector('.download progress')?.value > 0));
+  await inPhase(page, 'clip one.mp4', 'saved');
+  await until('the end to be told', async () => /clip one\.mp4: saved/.test(await page.textContent('#announcer')));
+  assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), 'fits into 360 pixels');
+
+  await page.focus('.download button[data-action=watch]');
+  await page.keyboard.press('Enter');
+  const video = page.locator('.album:has-text("Trips") video');
+  await until('the end of the video', () => video.evaluate((element) => element.ended));
+  assert.deepEqual(await video.evaluate((element) => [element.videoWidth, element.videoHeight]), [320, 180]);
+  assert.ok(Math.abs((await video.evaluate((element) => element.duration)) - 3) < 0.2);
+
+  const { albums } = JSON.parse((await tarn.ask('/albums')).text);
+  assert.deepEqual(albums.map(({ title, assets }) => [title, assets.map(({ filename }) => filename)]), [['Trips', ['clip one.mp4']]]);
+  const part = await tarn.ask(albums[0].assets[0].video, { headers: { Range: 'bytes=4-7' } });
+  assert.deepEqual([part.status, part.text], [206, 'ftyp']);
+  assert.deepEqual(tarn.savedFiles().map(videoTag), ['avc1'], 'it was repaired on its way');
+});
+
+test('progress comes once a second, to all pages alike, and again to one that was cut off', async () => {
+  const pages = [await open(), await open(`http://127.0.0.1:${tarn.port}/`)];
+  for (const page of pages) await keepEvents(page);
+  await save(pages[0], media.address('clip.mp4', 6));
+  await inPhase(pages[1], 'clip.mp4', 'loading');
+  await pages[1].evaluate(() => window.cutOff(2500));
+  await pages[1].waitForSelector('html[data-tarn-connection=reconnecting]');
+  for (const page of pages) await inPhase(page, 'clip.mp4', 'saved');
+
+  const [one, two] = await Promise.all(pages.map((page) => page.evaluate(() => window.heard)));
+  const withoutTimes = (events) => events.map(([, name, data]) => [name, data]);
+  assert.deepEqual(withoutTimes(two), withoutTimes(one));
+  const loading = one.filter(([, name, data]) => name === 'downloadProgress' && Object.values(data)[0].status === 'STATUS_RUNNING');
+  assert.ok(loading.length >= 5, `${loading.length} looks at a transfer of 6 seconds`);
+  for (const [index, [time]] of loading.slice(1).entries()) {
+    assert.ok(Math.abs(time - loading[index][0] - 1000) < 300, `${time - loading[index][0]} ms between two`);
+  }
+  const [, name, { status, reason, filename, assetId }] = one.at(-1);
+  assert.deepEqual([name, status, reason, filename], ['downloadComplete', 'STATUS_SUCCESSFUL', 'REASON_NONE', 'clip.mp4']);
+  assert.ok(assetId);
+});
+
+test('commands are answered and refused in the words of the bridge', async () => {
+  const page = await open();
+  const url = media.address('clip.mp4');
+  const cases = [
+    ['saveVideo', {}, 'Must provide the data path'],
+    ['saveVideo', { url }, 'Must provide the album'],
+    ['saveVideo', { url, album: 7, filename: 'a.mp4' }, 'Must provide the album'],
+    ['saveVideo', { url, album: 'Trips' }, 'Must provide filename'],
+    ['saveVideo', { url: 'no address', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
+    ['cancel', {}, 'No such download'],
+    ['cancel', { id: 1.5 }, 'No such download'],
+    ['cancel', { id: 5 }, { id: 5 }],
+    ['setDownloadLimit', { limit: 'two' }, 'limit is required'],
+    ['getDownloadLimit', {}, { limit: 3, queued: 0 }],
+    ['setDownloadLimit', { limit: 50 }, { limit: 10 }],
+    ['setDownloadLimit', { limit: 0 }, { limit: 1 }],
+    ['getDownloadLimit', {}, { limit: 1, queued: 0 }],
+    ['getActiveDownloads', {}, {}],
+    ['cleanupFiles', {}, 'not implemented'],
+    ['checkPermissions', {}, 'not implemented'],
+  ];
+  for (const [method, options, expected] of cases) assert.deepEqual(await call(page, method, options), expected, method);
+});
+
+test('a message that cannot be taken is refused, a command sent twice runs once, and the connection lives on', async () => {
+  const page = await open();
+  const command = (id, method, options) => JSON.stringify({ id, plugin: 'TarnBridge', method, options });
+  const saveIt = command('save', 'saveVideo', { url: media.address('once.mp4', 4), album: 'Trips', filename: 'once.mp4' });
+  const bad = ['no JSON', '[]', '{}', '{"visible":1}', '{"id":7}', '{"id":"a"}', '['.repeat(1000), `"${'x'.repeat(300000)}"`];
+  const [refusals, rangeAnswer, first, again] = await page.evaluate(
+    async ([messages, range, once]) => {
+      const dial = async (url) => {
+        const socket = new WebSocket(url);
+        const replies = [];
+        const waits = [];
+        socket.onmessage = ({ data }) => {
+          const message = JSON.parse(data);
+          if (message.hello || message.event) return;
+          waits.length > 0 ? waits.shift()(message) : replies.push(message);
+        };
+        await new Promise((opened) => (socket.onopen = opened));
+        return {
+          socket,
+          ask: (text) => {
+            socket.send(text);
+            return replies.length > 0 ? replies.shift() : new Promise((resolve) => waits.push(resolve));
+          },
+        };
+      };
+      const url = `ws://${location.host}/bridge/socket?page=${crypto.randomUUID()}&epoch=&seq=0`;
+      const line = await dial(url);
+      const refused = [];
+      for (const message of messages) refused.push(await line.ask(message));
+      const outOfRange = await line.ask(range);
+      line.socket.send(once);
+      line.socket.close(); // before the answer
+      const next = await dial(url);
+      return [refused, outOfRange, await next.ask(once), await next.ask(range.replace('"r"', '"s"'))];
+    },
+    [bad, `{"id":"r","plugin":"TarnBridge","method":"setDownloadLimit","options":{"limit":1e999}}`.replace('1e999', '99999999999999999999'), saveIt],
+  );
+  for (const [index, { reject }] of refusals.entries()) assert.ok(reject?.message, bad[index].slice(0, 40));
+  assert.deepEqual(rangeAnswer, { id: 'r', reject: { message: 'limit is required' } });
+  assert.equal(first.resolve?.filename, 'once.mp4');
+  assert.equal(again.id, 's');
+  assert.deepEqual((await held(page)).map(({ filename }) => filename), ['once.mp4']);
+  assert.equal(media.requests.length, 1);
+});
+
+test('a page that is closed in mid-download and opened again shows it, and its end', async () => {
+  const first = await open();
+  await save(first, media.address('clip.mp4', 5));
+  await inPhase(first, 'clip.mp4', 'loading');
+  await first.close();
+  await pause(1000);
+  const second = await open(`http://127.0.0.1:${tarn.port}/`);
+  await inPhase(second, 'clip.mp4', 'loading');
+  assert.match(await row(second, 'clip.mp4').textContent(), / of .*MB/);
+  await inPhase(second, 'clip.mp4', 'saved');
+  await second.waitForSelector('.album:has-text("Trips") video');
+  assert.equal(media.requests.length, 1);
+});
+
+test('the application is in the background while no page can be seen', async () => {
+  const count = (words) => tarn.log().split(words).length - 1;
+  const inBackground = () => count('App entered background - downloads continue in background');
+  const inForeground = () => count('App entering foreground - checking download and processing status');
+  // A tab that Playwright does not hold: it makes those that it holds believe that they are always seen.
+  const chromium = await browser.newBrowserCDPSession();
+  const { targetId } = await chromium.send('Target.createTarget', { url: tarn.entry });
+  const { windowId } = await chromium.send('Browser.getWindowForTarget', { targetId });
+  await pause(1500);
+  const hidden = inBackground();
+  await chromium.send('Browser.setWindowBounds', { windowId, bounds: { windowState: 'minimized' } });
+  await until('background when minimized', () => inBackground() === hidden + 1);
+  const shown = inForeground();
+  await chromium.send('Browser.setWindowBounds', { windowId, bounds: { windowState: 'normal' } });
+  await until('foreground', () => inForeground() === shown + 1);
+  await chromium.send('Target.createTarget', { url: 'about:blank' });
+  await until('background behind another tab', () => inBackground() === hidden + 2);
+  await chromium.send('Target.activateTarget', { targetId });
+  await until('foreground again', () => inForeground() === shown + 2);
+  await chromium.send('Target.closeTarget', { targetId });
+  await until('background when closed', () => inBackground() === hidden + 3);
+});
+
+test('cancel, cancel all and the limit', async () => {
+  const page = await open();
+  for (const _ of [1, 2]) await page.click('#limit-fewer');
+  await until('the limit', async () => (await page.textContent('#limit')) === '1');
+  await save(page, media.address('one.mp4', 20), { filename: 'one.mp4' });
+  await inPhase(page, 'one.mp4', 'loading');
+  await save(page, media.address('two.mp4', 20), { filename: 'two.mp4' });
+  await inPhase(page, 'two.mp4', 'waiting');
+  await row(page, 'one.mp4').locator('button[data-action=cancel]').click();
+  await inPhase(page, 'two.mp4', 'loading');
+  assert.equal(await row(page, 'one.mp4').count(), 0);
+  await until('the first transfer to end', () => media.requests[0].closed);
+  assert.ok(media.requests[0].sent < media.size);
+
+  await page.click('#cancel-all');
+  await page.click('dialog button[value=cancel-all]');
+  await until('an empty list', async () => (await page.locator('.download').count()) === 0);
+  assert.equal(await call(page, 'saveVideo', { url: media.address('x'), album: 'Trips', filename: 'x.mp4' }), 'Invalid download URL.');
+  await until('the engine to forget them', async () => (await held(page)).length === 0);
+  await save(page, media.address('three.mp4'), { filename: 'three.mp4' });
+  await inPhase(page, 'three.mp4', 'saved');
+});
+
+test('the host is killed and started again: the page reconnects and the download goes on', async () => {
+  const page = await open();
+  await save(page, media.address('clip.mp4', 6));
+  await until('some bytes', () => media.requests[0]?.sent > media.size / 3);
+  await tarn.end('SIGKILL');
+  await page.waitForSelector('html[data-tarn-connection=reconnecting]');
+  assert.ok(await page.isVisible('#connection-note'));
+  const waiting = call(page, 'getDownloadLimit');
+  await pause(1000);
+  await tarn.start();
+  await page.waitForSelector('html[data-tarn-connection=live]');
+  assert.deepEqual(await waiting, { limit: 3, queued: 0 }, 'a command that was given meanwhile');
+  await inPhase(page, 'clip.mp4', 'saved');
+  await page.waitForSelector('.album:has-text("Trips") video');
+  const [, second] = media.requests;
+  assert.match(second.range, /^bytes=[1-9]/, 'not from the start again');
+});
+
+test('a page whose token has become worthless says so', async () => {
+  const page = await open();
+  await tarn.end('SIGKILL');
+  rmSync(`${tarn.home}/token`);
+  await tarn.start();
+  await page.waitForSelector('html[data-tarn-connection=refused]');
+  assert.match(await page.textContent('#connection-note'), /no longer valid/);
+  assert.match(await call(page, 'getDownloadLimit'), /no longer valid/);
+});

@@ -1,0 +1,184 @@
+// What the tests stand on: the real binary with a home of its own, a web server that throttles, a clip made by ffmpeg,
+// and Chromium.
+
+import assert from 'node:assert/strict';
+import { execFileSync, spawn } from 'node:child_process';
+import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { createServer, request } from 'node:http';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { setTimeout as pause } from 'node:timers/promises';
+import { fileURLToPath } from 'node:url';
+import { chromium } from 'playwright-core';
+
+const root = fileURLToPath(new URL('../../', import.meta.url));
+const binary = process.env.TARN_BINARY ?? join(root, 'build/release/tarn');
+
+export { pause };
+
+/** Waits until `look` gives something true, and returns that. */
+export async function until(what, look, seconds = 15) {
+  const end = Date.now() + seconds * 1000;
+  for (;;) {
+    const found = await look();
+    if (found) return found;
+    if (Date.now() > end) assert.fail(`not within ${seconds} s: ${what}`);
+    await pause(50);
+  }
+}
+
+export function temporaryFolder() {
+  return mkdtempSync(join(tmpdir(), 'tarn-web-'));
+}
+
+/** A clip of 320 x 180 and 3 seconds, H.264 and AAC, with the tag "avc3" that some players refuse. */
+export function makeClip(folder) {
+  const file = join(folder, 'clip.mp4');
+  const video = 'testsrc2=size=320x180:rate=25:duration=3,noise=alls=30:allf=t';
+  const coding = '-c:v libx264 -preset veryfast -crf 20 -pix_fmt yuv420p -tag:v avc3 -c:a aac -shortest'.split(' ');
+  const sources = ['-f', 'lavfi', '-i', video, '-f', 'lavfi', '-i', 'sine=frequency=440:duration=3'];
+  execFileSync('ffmpeg', ['-v', 'error', '-y', ...sources, ...coding, '-movflags', '+faststart', file]);
+  return file;
+}
+
+export function videoTag(file) {
+  const wanted = ['-select_streams', 'v', '-show_entries', 'stream=codec_tag_string', '-of', 'default=nk=1:nw=1'];
+  return execFileSync('ffprobe', ['-v', 'error', ...wanted, file], { encoding: 'utf8' }).trim();
+}
+
+/** Serves one file under every path, with ranges; `?rate=` in the address gives the bytes a second. */
+export class MediaServer {
+  requests = []; // {range, sent, closed}
+
+  async start(file) {
+    const bytes = readFileSync(file);
+    this.size = bytes.length;
+    this.server = createServer((asked, answer) => void this.#answer(asked, answer, bytes));
+    await new Promise((listening) => this.server.listen(0, '127.0.0.1', listening));
+    return this;
+  }
+
+  address(name, seconds = 0) {
+    const rate = seconds > 0 ? `?rate=${Math.ceil(this.size / seconds)}` : '';
+    return `http://127.0.0.1:${this.server.address().port}/${name}${rate}`;
+  }
+
+  async stop() {
+    this.server.closeAllConnections();
+    await new Promise((closed) => this.server.close(closed));
+  }
+
+  async #answer(asked, answer, bytes) {
+    const seen = { path: asked.url, range: asked.headers.range, sent: 0, closed: false };
+    this.requests.push(seen);
+    answer.on('close', () => (seen.closed = true));
+    const from = Number(/^bytes=(\d+)-/.exec(asked.headers.range ?? '')?.[1] ?? 0);
+    const part = { 'Content-Range': `bytes ${from}-${bytes.length - 1}/${bytes.length}` };
+    answer.writeHead(from > 0 ? 206 : 200, {
+      'Content-Type': 'video/mp4',
+      'Content-Length': bytes.length - from,
+      'Accept-Ranges': 'bytes',
+      ETag: '"one"',
+      ...(from > 0 ? part : {}),
+    });
+    const rate = Number(new URL(asked.url, 'http://x').searchParams.get('rate') ?? Infinity);
+    const step = Math.min(bytes.length, Math.ceil(rate / 20));
+    for (let at = from; at < bytes.length && !seen.closed; at += step) {
+      answer.write(bytes.subarray(at, at + step));
+      seen.sent += step;
+      if (rate !== Infinity) await pause(50);
+    }
+    answer.end();
+  }
+}
+
+/** `tarn serve` with a home of its own. */
+export class Tarn {
+  home = temporaryFolder();
+  port = 0;
+
+  async start() {
+    const args = ['--home', this.home, 'serve', '--port', String(this.port)];
+    this.process = spawn(binary, args, { stdio: ['ignore', 'pipe', 'pipe'] });
+    let errors = '';
+    this.process.stderr.on('data', (text) => (errors += text));
+    this.entry = await new Promise((printed, failed) => {
+      this.process.stdout.once('data', (text) => printed(String(text).trim()));
+      this.process.once('error', failed);
+      this.process.once('exit', () => failed(new Error(`tarn serve did not start: ${errors}`)));
+    });
+    this.port = Number(new URL(this.entry).port);
+    this.token = new URL(this.entry).searchParams.get('token');
+    return this;
+  }
+
+  async end(signal) {
+    const exited = new Promise((resolve) => this.process.once('exit', resolve));
+    this.process.kill(signal);
+    await exited;
+  }
+
+  async stop() {
+    await this.end('SIGINT');
+    rmSync(this.home, { recursive: true, force: true });
+  }
+
+  log() {
+    const file = join(this.home, 'log/tarn.log');
+    return existsSync(file) ? readFileSync(file, 'utf8') : '';
+  }
+
+  /** The files in the photo library, as `tarn library` prints them. */
+  savedFiles() {
+    const text = execFileSync(binary, ['--home', this.home, 'library', '--json'], { encoding: 'utf8' });
+    return text.trim().split('\n').map((line) => JSON.parse(line).path);
+  }
+
+  /** One request as it stands: nothing is tidied up on its way. */
+  ask(path, { method = 'GET', headers = {}, body } = {}) {
+    const own = { Host: `127.0.0.1:${this.port}`, Cookie: `tarn-${this.port}=${this.token}` };
+    return new Promise((resolve, reject) => {
+      const all = Object.fromEntries(Object.entries({ ...own, ...headers }).filter(([, value]) => value !== null));
+      const options = { host: '127.0.0.1', port: this.port, path, method, headers: all, agent: false };
+      const asked = request(options, (answer) => {
+        let text = '';
+        answer.setEncoding('utf8');
+        answer.on('data', (more) => (text += more));
+        answer.on('end', () => resolve({ status: answer.statusCode, headers: answer.headers, text }));
+      });
+      asked.on('upgrade', (answer, socket) => {
+        socket.destroy();
+        resolve({ status: answer.statusCode, headers: answer.headers, text: '' });
+      });
+      asked.on('error', reject);
+      asked.end(body);
+    });
+  }
+}
+
+export function launchBrowser() {
+  return chromium.launch({
+    executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
+    args: process.getuid() === 0 ? ['--no-sandbox'] : [],
+  });
+}
+
+/** Keeps every event that the bridge gives the page in window.heard, as [milliseconds, name, data]. */
+export async function keepEvents(page) {
+  await page.evaluate(async () => {
+    window.heard = [];
+    for (const eventName of ['downloadProgress', 'downloadComplete']) {
+      await window.Capacitor.nativeCallback('TarnBridge', 'addListener', { eventName }, (data) =>
+        window.heard.push([performance.now(), eventName, data]),
+      );
+    }
+  });
+}
+
+/** The bridge's answer, or the words with which it rejected. */
+export function call(page, method, options) {
+  return page.evaluate(
+    ([name, given]) => window.Capacitor.nativePromise('TarnBridge', name, given).catch((error) => error.message),
+    [method, options],
+  );
+}

@@ -1,0 +1,181 @@
+// The native side of the bridge, in a browser over `tarn serve`. The host puts this script into the page's head in
+// front of everything else, with one line before it: `const tarnPlugins = [{name, methods: [{name, rtype}]}]`, the
+// plug-ins and the methods that the engine has. The page's own bundle finds what it would find in the app:
+// window.Capacitor with PluginHeaders, nativePromise and nativeCallback.
+//
+// One WebSocket carries all of it. A command that has not been answered is sent again after each reconnect under the
+// same id, and the host answers it once; events that were missed come again, found by the number of the last one seen.
+// The page may follow the connection: see the attribute data-tarn-connection and the event "tarnconnection" below.
+(() => {
+  'use strict';
+
+  const shortestDelay = 250; // milliseconds between two attempts to connect: doubled each time
+  const longestDelay = 5000;
+  const addressIsStale = 'The address of this page is no longer valid. Open the one that tarn serve prints.';
+
+  const page = crypto.randomUUID(); // under this name the host knows which commands it has had
+  const commands = new Map(); // by id: {text, resolve, reject}, not yet answered
+  const listeners = new Map(); // by callback id: {plugin, event, callback}
+  let waiting = []; // what to do when the connection is live
+  let nextId = 1;
+
+  let state; // connecting, live, reconnecting or refused
+  let socket = null; // the one in use or being opened
+  let timer = 0; // of the next attempt
+  let attempts = 0; // that failed since the connection was last live
+  let epoch = ''; // of the host's process
+  let lastSeq = 0; // of the last event seen
+
+  // --- What the page sees of the connection ---
+
+  function enter(newState, epochChanged = false) {
+    if (newState === state && !epochChanged) return;
+    state = newState;
+    document.documentElement.dataset.tarnConnection = state;
+    window.dispatchEvent(new CustomEvent('tarnconnection', { detail: { state, epochChanged } }));
+  }
+
+  // --- The socket ---
+
+  function connect() {
+    clearTimeout(timer);
+    const query = new URLSearchParams({ page, epoch, seq: lastSeq });
+    const opened = new WebSocket(`ws://${location.host}/bridge/socket?${query}`);
+    let greeted = false;
+    socket = opened;
+    opened.onmessage = ({ data }) => {
+      if (socket !== opened) return;
+      const message = JSON.parse(data);
+      if (message.hello) greeted = true;
+      take(message);
+    };
+    opened.onclose = () => {
+      if (socket !== opened) return;
+      socket = null;
+      if (greeted) reconnectLater();
+      else void askWhy();
+    };
+  }
+
+  function reconnectLater() {
+    if (state !== 'connecting') enter('reconnecting');
+    const delay = Math.min(shortestDelay * 2 ** attempts, longestDelay);
+    attempts += 1;
+    clearTimeout(timer);
+    timer = setTimeout(connect, delay * (0.75 + Math.random() / 2));
+  }
+
+  // A script is not told why a WebSocket was refused. The host tells over HTTP.
+  async function askWhy() {
+    const answer = await fetch('/bridge/alive', { cache: 'no-store' }).catch(() => null);
+    if (socket) return;
+    if (answer?.status !== 403) return reconnectLater();
+    enter('refused');
+    for (const { reject } of commands.values()) reject(new Error(addressIsStale));
+    commands.clear();
+  }
+
+  function connectNow() {
+    if (socket) return;
+    attempts = 0;
+    connect();
+  }
+
+  function send(text) {
+    if (state === 'live') socket?.send(text);
+  }
+
+  function sendVisibility() {
+    send(JSON.stringify({ visible: document.visibilityState === 'visible' }));
+  }
+
+  // --- Messages of the host ---
+
+  function take(message) {
+    if (message.hello) return greet(message.hello);
+    if (message.event) return deliver(message);
+    const command = commands.get(message.id);
+    if (!command) {
+      if (message.reject) console.warn(`The host could not take a message: ${message.reject.message}`);
+      return;
+    }
+    commands.delete(message.id);
+    if (message.reject) command.reject(new Error(message.reject.message));
+    else command.resolve(message.resolve);
+  }
+
+  function greet(hello) {
+    const epochChanged = epoch !== '' && epoch !== hello.epoch;
+    epoch = hello.epoch;
+    // After a complete replay the numbers go on where they were; else those before the hello are not to be had.
+    if (hello.replay !== 'complete') lastSeq = hello.seq;
+    attempts = 0;
+    enter('live', epochChanged);
+    sendVisibility();
+    for (const { text } of commands.values()) send(text);
+    for (const proceed of waiting.splice(0)) proceed();
+  }
+
+  function deliver({ seq, plugin, event, data }) {
+    if (seq <= lastSeq) return;
+    lastSeq = seq;
+    for (const listener of [...listeners.values()]) {
+      if (listener.plugin !== plugin || listener.event !== event) continue;
+      try {
+        listener.callback(data);
+      } catch (error) {
+        reportError(error); // one listener's fault is not the next one's
+      }
+    }
+  }
+
+  // --- The native side ---
+
+  function command(plugin, method, options) {
+    return new Promise((resolve, reject) => {
+      if (state === 'refused') return reject(new Error(addressIsStale));
+      const id = String(nextId++);
+      const text = JSON.stringify({ id, plugin, method, options: options ?? {} });
+      commands.set(id, { text, resolve, reject });
+      send(text);
+    });
+  }
+
+  // The core has no catch here: an answer that does not come is better than a rejection.
+  function addListener(plugin, { eventName }, callback) {
+    const callbackId = String(nextId++);
+    listeners.set(callbackId, { plugin, event: eventName, callback });
+    if (state === 'live') return Promise.resolve(callbackId);
+    return new Promise((resolve) => waiting.push(() => resolve(callbackId)));
+  }
+
+  function removeAllListeners(plugin) {
+    for (const [callbackId, listener] of listeners) {
+      if (listener.plugin === plugin) listeners.delete(callbackId);
+    }
+  }
+
+  window.CapacitorCustomPlatform = { name: 'tarn', plugins: {} };
+  window.Capacitor = {
+    PluginHeaders: tarnPlugins,
+    nativePromise(plugin, method, options) {
+      if (method !== 'removeAllListeners') return command(plugin, method, options);
+      removeAllListeners(plugin);
+      return Promise.resolve();
+    },
+    nativeCallback(plugin, method, options, callback) {
+      if (method === 'addListener') return addListener(plugin, options, callback);
+      if (method === 'removeListener') listeners.delete(options.callbackId);
+      return Promise.resolve();
+    },
+  };
+
+  document.addEventListener('visibilitychange', () => {
+    sendVisibility();
+    if (document.visibilityState === 'visible') connectNow();
+  });
+  window.addEventListener('online', connectNow);
+
+  enter('connecting');
+  connect();
+})();
