@@ -7,6 +7,10 @@
 
 #include "app/PageClient.h"
 #include "app/TarnProcess.h"
+#include "download/FirstRecord.h"
+#include "pipeline/ProcessingStateManager.h"
+#include "platform/UserDefaults.h"
+#include "platform/host/PosixFileManager.h"
 #include "support/FaultServer.h"
 #include "support/TempDirectory.h"
 
@@ -46,13 +50,12 @@ class ServeTest : public testing::Test {
     std::ofstream(place_ / "web/index.html") << "<!doctype html><head><title>Page</title></head>";
     std::ofstream(place_ / "web/bridge/native.js") << "native(tarnPlugins);";
     std::ofstream(place_ / "outside.js") << "outside";
-    start({});
+    start();
   }
 
   /// Starts the server, at the same port as before.
-  void start(const std::vector<std::string>& more) {
-    std::vector<std::string> arguments{"serve", "--web", place_ / "web", "--port", std::to_string(port_)};
-    arguments.insert(arguments.end(), more.begin(), more.end());
+  void start() {
+    const std::vector<std::string> arguments{"serve", "--web", place_ / "web", "--port", std::to_string(port_)};
     server_ = std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
     for (int i = 0; i < 2000 && !server_->output().ends_with('\n'); ++i) std::this_thread::sleep_for(10ms);
     const std::string address = server_->output();
@@ -277,6 +280,18 @@ TEST_F(ServeTest, AConnectionOutlivesWhateverIsSent) {
   EXPECT_EQ(other.next(), R"({"id":"2","resolve":{"limit":10,"queued":0}})");
 }
 
+TEST_F(ServeTest, ConnectionsAreCounted) {
+  std::vector<std::unique_ptr<PageClient>> pages;
+  for (int i = 0; i < 64; ++i) {
+    pages.push_back(std::make_unique<PageClient>(port_, cookie_, PageClient::Greeting{.page = std::to_string(i)}));
+  }
+  EXPECT_EQ(askServer(port_, "GET / HTTP/1.1\r\n\r\n"), "");
+  EXPECT_NE(pages.front()->next().find("hello"), std::string::npos);
+  pages.clear();
+  for (int i = 0; i < 100 && get("/").empty(); ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(statusOf(get("/")), 200);
+}
+
 TEST_F(ServeTest, APageThatComesBackMissesNothing) {
   source_.serve("/clip.mp4", ServedFile::of(video()), {}, {.bytesPerSecond = videoSize / 3});
   auto page = std::make_unique<PageClient>(port_, cookie_, PageClient::Greeting{.page = "p"});
@@ -313,7 +328,7 @@ TEST_F(ServeTest, AKilledServerGoesOnWhereItWas) {
   }
   server_->signal(SIGKILL);
   server_->wait();
-  start({});
+  start();
   EXPECT_EQ(token_, token) << "open pages stay valid";
   PageClient page(port_, cookie_, {"p", epoch, 2});
   EXPECT_NE(page.next().find(R"("replay":"lost")"), std::string::npos);
@@ -321,6 +336,28 @@ TEST_F(ServeTest, AKilledServerGoesOnWhereItWas) {
   EXPECT_EQ(savedFiles(home_), std::vector<std::string>{"Trips/clip.mp4"});
   EXPECT_EQ(source_.requests().size(), 2U);
   EXPECT_TRUE(source_.requests().back().header("range").starts_with("bytes="));
+}
+
+TEST_F(ServeTest, StoredRunsAreAllTakenUpWithoutAPage) {
+  server_->signal(SIGTERM);
+  server_->wait();
+  {
+    PosixFileManager files(home_);
+    SystemClock clock;
+    UserDefaults defaults(files, home_ / "Defaults");
+    ProcessingStateManager store(defaults, files, clock);
+    for (const int64_t id : {1, 2}) {
+      const std::string name = "clip" + std::to_string(id) + ".mp4";
+      std::ofstream(home_ / "Documents" / name) << name;
+      store.saveState(makeFirstRecord(
+          files, clock,
+          {.id = id, .filename = name, .album = "Trips", .fileURL = files.documentsDirectory(true) / name}));
+    }
+  }
+  start();
+  const std::vector<std::string> all{"Trips/clip1.mp4", "Trips/clip2.mp4"};
+  for (int i = 0; i < 1500 && savedFiles(home_) != all; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(savedFiles(home_), all);
 }
 
 TEST_F(ServeTest, PagesDriveForegroundAndBackground) {
