@@ -1,0 +1,75 @@
+#include "app/demo/BeatMeter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "app/ChildProcess.h"
+#include "platform/Error.h"
+#include "platform/TempFile.h"
+
+namespace tarn {
+namespace {
+
+constexpr double rate = 48000;
+constexpr int loud = 9000;               // of 32767
+constexpr double longestDistance = 0.5;  // seconds, between a flash and its beep
+
+void ffmpeg(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {"ffmpeg", "-hide_banner", "-loglevel", "quiet", "-y"});
+  if (int code = runProgram(arguments); code != 0) throw Error("Demo", code, "ffmpeg could not play the recording");
+}
+
+std::vector<double> beeps(FileManager& files, const Path& clip, Listening listening, const Path& scratch) {
+  const TempFile pcm(files, scratch / "sound.pcm");
+  const char* filter = listening == Listening::byTimestamps ? "aresample=async=1:first_pts=0" : "asetpts=N/SR/TB";
+  ffmpeg({"-copyts", "-i", clip.string(), "-map", "0:a:0", "-af", filter, "-ac", "1", "-ar", "48000", "-f", "s16le",
+          pcm.path().string()});
+  const Bytes bytes = readFile(files, pcm.path());
+  std::vector<int16_t> samples(bytes.size() / sizeof(int16_t));
+  if (!samples.empty()) std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(int16_t));
+  std::vector<double> found;
+  double last = -1;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    if (std::abs(int{samples[i]}) < loud) continue;
+    const double time = static_cast<double>(i) / rate;
+    if (time > last + longestDistance / 2) found.push_back(time);
+    last = time;
+  }
+  return found;
+}
+
+}  // namespace
+
+std::vector<double> flashTimes(FileManager& files, const Path& clip, const Path& scratch) {
+  const TempFile levels(files, scratch / "levels.txt");
+  ffmpeg({"-copyts", "-i", clip.string(), "-map", "0:v:0", "-vf",
+          "signalstats,metadata=print:key=lavfi.signalstats.YMIN:file=" + levels.path().string(), "-f", "null", "-"});
+  const Bytes text = readFile(files, levels.path());
+  std::istringstream lines{std::string(textOf(text))};
+  std::vector<double> found;
+  double time = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find("pts_time:"); at != std::string::npos) time = std::stod(line.substr(at + 9));
+    if (const size_t at = line.find("YMIN="); at != std::string::npos && std::stod(line.substr(at + 5)) > 200) {
+      found.push_back(time);
+    }
+  }
+  return found;
+}
+
+std::vector<Beat> measureBeats(FileManager& files, const Path& clip, const std::vector<double>& flashes,
+                               Listening listening, const Path& scratch) {
+  const std::vector<double> heard = beeps(files, clip, listening, scratch);
+  std::vector<Beat> beats;
+  for (double flash : flashes) {
+    const auto nearest = std::ranges::min_element(heard, {}, [&](double beep) { return std::abs(beep - flash); });
+    const bool isNear = nearest != heard.end() && std::abs(*nearest - flash) < longestDistance;
+    beats.push_back({flash, isNear ? std::optional(*nearest - flash) : std::nullopt});
+  }
+  return beats;
+}
+
+}  // namespace tarn

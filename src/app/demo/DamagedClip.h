@@ -1,0 +1,15 @@
+#pragma once
+
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// Seconds of the clip, and of the flash behind its hole.
+inline constexpr int clipSeconds = 20;
+inline constexpr int clipHoleSecond = 8;
+
+/// Makes a recording with ffmpeg in which a white picture and a beep come together each second, and damages it: its
+/// parameter sets stand in the samples alone, its sound starts late, has a hole, and drifts. Throws Error.
+void makeDamagedClip(FileManager& files, const Path& clip);
+
+}  // namespace tarn
