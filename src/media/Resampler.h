@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "media/PCMOutput.h"
+
+struct AVFrame;
+struct SwrContext;
+
+namespace tarn {
+
+/// Turns decoded frames into 16-bit interleaved PCM at the output's rate and channel count with libswresample. It goes
+/// by what each frame says of itself, which may change in mid-stream. The output must outlive it. Only the PCM decoding
+/// sees this class.
+class Resampler {
+ public:
+  explicit Resampler(PCMOutput& output);
+  ~Resampler();
+  Resampler(const Resampler&) = delete;
+  Resampler& operator=(const Resampler&) = delete;
+
+  /// Puts frames of a decoded frame, from the `first` on, behind what the output has; some may stay inside for later.
+  /// Throws an Error of the domain "PCMDecoding" for a channel layout or sample format that cannot be converted.
+  void convert(const AVFrame& frame, int first, int count);
+
+  /// Puts out all that is inside. What comes next is not joined to it.
+  void flush();
+
+  /// How many output frames those inside will make.
+  int64_t delay() const;
+
+  /// Makes so many output frames more (fewer below 0) out of the next second.
+  void compensate(int frames);
+
+ private:
+  struct Input;
+  struct Deleter {
+    void operator()(SwrContext* context) const;
+  };
+
+  void configure(const AVFrame& frame);
+  void put(const uint8_t** data, int count);
+
+  PCMOutput& output_;
+  std::unique_ptr<SwrContext, Deleter> context_;  ///< none before the first frame and after a flush
+  std::unique_ptr<Input> input_;                  ///< what `context_` takes
+};
+
+}  // namespace tarn
