@@ -1,6 +1,7 @@
 #include <memory>
 
 #include "Fuzzing.h"
+#include "app/serve/PageMessage.h"
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
@@ -55,6 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view line = text.substr(begin, end - begin);
     begin = end + 1;
     if (line.empty()) continue;
+    parsePageMessage(line);
     const auto options = JSObject::parse(line.substr(1));
     if (!options) continue;
     fuzz::require(JSObject::parse(options->json()).has_value());

@@ -58,6 +58,14 @@ void movies(Seeds& seeds) {
   for (const Bytes& file : files) {
     seeds.add("remux_fuzzer", file);
     seeds.add("sync_fuzzer", joined({Bytes{1}, file}));
+    if (&file - files.data() >= 2) {  // those with sound
+      seeds.add("audio_fuzzer", file);
+      const auto size = static_cast<uint32_t>(file.size());
+      seeds.add(
+          "replacer_fuzzer",
+          joined({Bytes{static_cast<uint8_t>(size >> 16), static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)},
+                  file, files[2]}));
+    }
     const BoxEditor boxes(file);
     seeds.add("box_fuzzer", joined({Bytes{4}, boxes.get("moov")}));
     const Bytes table = boxes.get("moov/trak/mdia/minf/stbl");

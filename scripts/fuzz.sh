@@ -9,7 +9,7 @@ seconds=${1:-600}
 shift || true
 # shellcheck disable=SC2086
 install_missing $tarn_packages clang
-build fuzz all
+build fuzz fuzz/all
 
 fuzzers=("$@")
 [ ${#fuzzers[@]} -eq 0 ] && mapfile -t fuzzers < <(cd build/fuzz/fuzz && ls -- *_fuzzer)

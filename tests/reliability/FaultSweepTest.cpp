@@ -18,16 +18,17 @@ void PrintTo(const Recording& recording, std::ostream* out) {
   *out << recording.name;
 }
 
-constexpr const char* pictures =
-    "-f lavfi -i testsrc=size=64x48:rate=10:duration=1 -pix_fmt yuv420p -preset ultrafast ";
+constexpr const char* input = "-f lavfi -i testsrc=size=64x48:rate=10:duration=1 ";
+constexpr const char* options = " -pix_fmt yuv420p -preset ultrafast";
 
 const Recording recordings[] = {
     {"Tag", "-c:v libx264 -tag:v avc3"},
     {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1"},
+    {"Transcode", "-f lavfi -i sine=duration=1:sample_rate=48000 -c:v libx264 -c:a aac -ac 1"},
 };
 
 Bytes made(const Recording& recording) {
-  const Path file = madeByFFmpeg(words(std::string(pictures) + recording.arguments));
+  const Path file = madeByFFmpeg(words(std::string(input) + recording.arguments + options));
   PosixFileManager files(file.parent_path());
   return readFile(files, file);
 }
