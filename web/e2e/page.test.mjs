@@ -215,6 +215,19 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   assert.equal(media.requests.length, 1);
 });
 
+test('a video that cannot be fetched is shown as not saved, and can be tried again', async () => {
+  const page = await open();
+  media.isMissing = true;
+  await save(page, media.address('clip.mp4'));
+  await inPhase(page, 'clip.mp4', 'failed');
+  media.isMissing = false;
+  await row(page, 'clip.mp4').locator('button[data-action=again]').click();
+  await inPhase(page, 'clip.mp4', 'saved');
+  assert.equal(await page.locator('.download').count(), 1);
+  await row(page, 'clip.mp4').locator('button[data-action=dismiss]').click();
+  await page.waitForSelector('#downloads-empty');
+});
+
 test('the application is in the background while no page can be seen', async () => {
   const count = (words) => tarn.log().split(words).length - 1;
   const inBackground = () => count('App entered background - downloads continue in background');
