@@ -141,6 +141,8 @@ test('commands are answered and refused in the words of the bridge', async () =>
     ['saveVideo', { url, album: 7, filename: 'a.mp4' }, 'Must provide the album'],
     ['saveVideo', { url, album: 'Trips' }, 'Must provide filename'],
     ['saveVideo', { url: 'no address', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
+    ['saveVideo', { url: '\ud800', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
+    ['saveVideo', { url: 'x'.repeat(300000), album: 'Trips', filename: 'a.mp4' }, 'The command is too long'],
     ['cancel', {}, 'No such download'],
     ['cancel', { id: 1.5 }, 'No such download'],
     ['cancel', { id: 5 }, { id: 5 }],

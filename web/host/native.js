@@ -132,11 +132,16 @@
 
   // --- The native side ---
 
+  /** A half of a surrogate pair is no text to the host, and such a command would get no answer. */
+  function wellFormed(_key, value) {
+    return typeof value === 'string' ? (value.toWellFormed?.() ?? value) : value;
+  }
+
   function command(plugin, method, options) {
     return new Promise((resolve, reject) => {
       if (state === 'refused') return reject(new Error(addressIsStale));
       const id = String(nextId++);
-      const text = JSON.stringify({ id, plugin, method, options: options ?? {} });
+      const text = JSON.stringify({ id, plugin, method, options: options ?? {} }, wellFormed);
       if (new Blob([text]).size > longestCommand) return reject(new Error('The command is too long'));
       commands.set(id, { text, resolve, reject });
       send(text);

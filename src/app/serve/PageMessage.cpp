@@ -21,10 +21,10 @@ JSObject rejection(std::string words) {
 }  // namespace
 
 PageMessage parsePageMessage(std::string_view text) {
-  if (text.size() > largestPageMessage) return BadMessage{std::nullopt, "The message is too large"};
   const auto message = JSObject::parse(text);
   if (!message) return BadMessage{std::nullopt, "The message is not a JSON object"};
   auto id = textAt(*message, "id", longestId);
+  if (text.size() > largestPageMessage) return BadMessage{id, "The message is too large"};
   if (const JSValue* visible = message->find("visible"); visible && !message->find("id")) {
     if (const bool* isVisible = visible->get<bool>()) return PageVisibility{*isVisible};
     return BadMessage{std::nullopt, "\"visible\" must be true or false"};

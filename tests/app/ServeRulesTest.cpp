@@ -1,0 +1,315 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "app/TarnProcess.h"
+#include "app/serve/ByteRange.h"
+#include "app/serve/HomeToken.h"
+#include "app/serve/HostScript.h"
+#include "app/serve/PageHub.h"
+#include "app/serve/RequestCheck.h"
+#include "app/serve/ServedFolder.h"
+#include "platform/Error.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(ServeRulesTest, RangesAsRFC9110) {
+  using Kind = ByteRange::Kind;
+  constexpr uint64_t size = 5 << 20;
+  constexpr uint64_t most = ByteRange::largestPart;
+  const ByteRange whole{Kind::whole, 0, size};
+  const ByteRange never{Kind::unsatisfiable, 0, 0};
+  const std::pair<const char*, ByteRange> rows[] = {
+      {"bytes=0-", {Kind::part, 0, most}},
+      {"bytes=0-0", {Kind::part, 0, 1}},
+      {"bytes=100-199", {Kind::part, 100, 100}},
+      {"bytes=5242879-", {Kind::part, size - 1, 1}},
+      {"bytes=5242879-99999999999999999999999", {Kind::part, size - 1, 1}},
+      {"bytes=-100", {Kind::part, size - 100, 100}},
+      {"bytes=-99999999", {Kind::part, 0, most}},
+      {"bytes=5242880-", never},
+      {"bytes=99999999999999999999999-", never},
+      {"bytes=-0", never},
+      {"bytes=2-1", whole},
+      {"bytes=-", whole},
+      {"bytes=", whole},
+      {"bytes=0-1,3-4", whole},
+      {"bytes= 0-1", whole},
+      {"bytes=+0-1", whole},
+      {"bytes=0x0-1", whole},
+      {"items=0-1", whole},
+  };
+  for (const auto& [field, expected] : rows) EXPECT_EQ(ByteRange::of(field, size), expected) << field;
+  EXPECT_EQ(ByteRange::of(std::nullopt, size), whole);
+  EXPECT_EQ(ByteRange::of("bytes=0-", 0), never);
+  EXPECT_EQ(ByteRange::of("bytes=-5", 0), never);
+}
+
+TEST(ServeRulesTest, OnlyTheFoldersOwnFilesAreFound) {
+  TempDirectory place;
+  EXPECT_THROW(ServedFolder(place / "web"), Error);
+  std::filesystem::create_directories(place / "web/assets/deep");
+  for (const char* name : {"web/index.html", "web/assets/a b.js", "web/assets/deep/x.css", "web/.hidden", "secret"}) {
+    std::ofstream(place / name) << name;
+  }
+  std::filesystem::create_symlink(place / "secret", place / "web/link.js");
+  std::filesystem::create_directory_symlink(place.path(), place / "web/up");
+  std::filesystem::create_symlink("deep/x.css", place / "web/assets/inside.css");
+  std::filesystem::create_directory(place / "web-other");
+  std::ofstream(place / "web-other/y.js") << "y";
+  std::filesystem::create_symlink(place / "web-other/y.js", place / "web/y.js");
+  const ServedFolder folder(place / "web");
+  for (const char* good : {"/index.html", "/assets/a%20b.js", "/assets/deep/x.css", "/assets/inside.css"}) {
+    EXPECT_TRUE(folder.find(good)) << good;
+  }
+  for (const char* bad : {"/../secret",
+                          "/%2e%2e/secret",
+                          "/%2E%2E%2Fsecret",
+                          "/assets/../../secret",
+                          "/assets/..%2f..%2fsecret",
+                          "/..\\secret",
+                          "/.hidden",
+                          "/link.js",
+                          "/y.js",
+                          "/up/secret",
+                          "//etc/passwd",
+                          "/%2fetc/passwd",
+                          "/assets",
+                          "/",
+                          "",
+                          "/index.html%00.js",
+                          "/index.html/",
+                          "/./index.html",
+                          "/%zz",
+                          "index.html"}) {
+    EXPECT_FALSE(folder.find(bad)) << bad;
+  }
+  EXPECT_EQ(contentType("/x/APP.JS"), "text/javascript; charset=utf-8");
+  EXPECT_EQ(videoContentType("clip.html"), "video/mp4") << "a saved file is never run";
+}
+
+TEST(ServeRulesTest, TheTokenIsMadeOnceAndForItsOwnerAlone) {
+  TempDirectory home;
+  const std::string token = homeToken(home.path());
+  const Path file = home / "token";
+  struct stat facts {};
+  ASSERT_EQ(::stat(file.c_str(), &facts), 0);
+  EXPECT_EQ(facts.st_mode & 0777, 0600U);
+  EXPECT_EQ(token.size(), 64U);
+  EXPECT_EQ(homeToken(home.path()), token);
+
+  ::chmod(file.c_str(), 0644);
+  const std::string second = homeToken(home.path());
+  EXPECT_NE(second, token) << "others may have read it";
+  std::filesystem::resize_file(file, 10);
+  EXPECT_NE(homeToken(home.path()), second);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home.path()), {}), 1);
+
+  EXPECT_TRUE(isSameSecret("abc", "abc"));
+  for (const char* wrong : {"", "ab", "abd", "abcc", "abcabc", "Abc"}) EXPECT_FALSE(isSameSecret("abc", wrong));
+}
+
+TEST(ServeRulesTest, APageIsSentByAClickOnlyOnThePrintedLink) {
+  const RequestCheck check(8080, "secret");
+  const std::vector<std::pair<std::string, std::string>> click{{"host", "127.0.0.1:8080"},
+                                                               {"sec-fetch-site", "cross-site"},
+                                                               {"sec-fetch-mode", "navigate"},
+                                                               {"sec-fetch-dest", "document"},
+                                                               {"cookie", "a=b; tarn-8080=secret"}};
+  auto refusal = [&](const char* text, auto fields) {
+    const RequestHead head{"GET", text, fields};
+    const auto refused = check.refuse(head, *RequestTarget::parse(text), false);
+    return refused ? refused->status : 200;
+  };
+  EXPECT_EQ(refusal("/?token=secret", click), 200);
+  EXPECT_EQ(refusal("/?token=wrong", click), 403);
+  EXPECT_EQ(refusal("/?token=", click), 403);
+  EXPECT_EQ(refusal("/", click), 403);
+  EXPECT_EQ(refusal("/albums?token=secret", click), 403);
+  auto framed = click;
+  framed[3].second = "iframe";
+  EXPECT_EQ(refusal("/?token=secret", framed), 403);
+  auto own = click;
+  own[1].second = "same-origin";
+  EXPECT_EQ(refusal("/albums", own), 200);
+  own[4].second = "tarn-8081=secret; xtarn-8080=secret; tarn-8080 =secret";
+  EXPECT_EQ(refusal("/albums", own), 403);
+}
+
+TEST(ServeRulesTest, TheHostsScriptComesFirst) {
+  const std::string script = R"(<script src="/bridge/native.js"></script>)";
+  EXPECT_EQ(withHostScript("<html><header></header><HEAD\nlang=x><script>"),
+            "<html><header></header><HEAD\nlang=x>" + script + "<script>");
+  EXPECT_EQ(withHostScript("<p>no head"), script + "<p>no head");
+}
+
+TEST(ServeRulesTest, WhateverAPageSendsIsUnderstoodOrRefused) {
+  const std::string deep = R"({"id":"1","plugin":"P","method":"m","options":)" + std::string(5000, '[');
+  const std::pair<std::string, const char*> rows[] = {
+      {"", "not a JSON object"},
+      {"[1]", "not a JSON object"},
+      {"{\"id\":\"\xff\"}", "not a JSON object"},
+      {R"({"id":"\ud800","plugin":"P","method":"m"})", "not a JSON object"},
+      {R"({"id":"1","plugin":"P","method":"m","options":{"limit":1e999}})", "not a JSON object"},
+      {deep, "not a JSON object"},
+      {R"({"id":"1"})" + std::string(largestPageMessage, ' '), "too large"},
+      {R"({"id":7,"plugin":"P","method":"m"})", "\"id\""},
+      {R"({"id":"","plugin":"P","method":"m"})", "\"id\""},
+      {R"({"plugin":"P","method":"m"})", "\"id\""},
+      {R"({"id":")" + std::string(129, 'i') + R"(","plugin":"P","method":"m"})", "\"id\""},
+      {R"({"id":"1","plugin":"P","method":5})", "\"plugin\" and \"method\""},
+      {R"({"id":"1","plugin":"P","method":"m","options":[]})", "\"options\""},
+      {R"({"id":"1","plugin":"P","method":"m","options":null})", "\"options\""},
+      {R"({"visible":1})", "\"visible\""},
+  };
+  for (const auto& [text, words] : rows) {
+    const auto message = parsePageMessage(text);
+    const auto* bad = std::get_if<BadMessage>(&message);
+    ASSERT_TRUE(bad) << text.substr(0, 100);
+    EXPECT_NE(bad->words.find(words), std::string::npos) << bad->words;
+    EXPECT_TRUE(JSObject::parse(refusalText(*bad)));
+  }
+  const auto message = parsePageMessage(R"({"id":"1","plugin":"P","method":"m","options":{"a":18446744073709551615}})");
+  ASSERT_TRUE(std::get_if<PageCommand>(&message));
+  EXPECT_TRUE(std::get<PageCommand>(message).options.find("a")->get<double>()) << "it does not wrap";
+  EXPECT_TRUE(std::get<PageVisibility>(parsePageMessage(R"({"visible":true})")).isVisible);
+}
+
+struct FakeConnection : PageConnection {
+  std::vector<std::string> texts;
+  bool isClosed = false;
+
+  void send(PageText text) override { texts.push_back(*text); }
+  void close() override { isClosed = true; }
+};
+
+/// A hub with one page whose commands are run by hand.
+class PageHubTest : public testing::Test {
+ protected:
+  std::shared_ptr<FakeConnection> connect(const std::string& page, const std::string& epoch, uint64_t seen) {
+    auto connection = std::make_shared<FakeConnection>();
+    hub_.connect({page, epoch, seen}, connection);
+    return connection;
+  }
+  void sendCommand(const std::shared_ptr<FakeConnection>& connection, const std::string& id) {
+    hub_.receive("p", *connection, R"({"id":")" + id + R"(","plugin":"P","method":"m"})");
+  }
+  void answer(const std::string& id) { hub_.answer("p", id, {.resolved = true, .data = {}, .message = {}}); }
+
+  const PagePresence::Time start_{};
+  std::vector<std::string> calls_;
+  PageHub hub_{"P", "E", start_,
+               [this](const std::string&, const PageCommand& command) { calls_.push_back(command.id); }};
+};
+
+TEST_F(PageHubTest, APageThatComesBackGetsWhatItHasMissed) {
+  auto first = connect("p", "", 0);
+  for (int i = 1; i <= 300; ++i) hub_.sendEvent("e", {{"i", i}});
+  ASSERT_EQ(first->texts.size(), 301U);
+  EXPECT_EQ(first->texts[0], R"({"hello":{"epoch":"E","seq":0,"replay":"none"}})");
+  EXPECT_EQ(first->texts[300], R"({"seq":300,"plugin":"P","event":"e","data":{"i":300}})");
+
+  const auto oldest = connect("p", "E", 300 - PageHub::ringCapacity);
+  EXPECT_TRUE(first->isClosed);
+  ASSERT_EQ(oldest->texts.size(), 1 + PageHub::ringCapacity);
+  EXPECT_EQ(oldest->texts[0], R"({"hello":{"epoch":"E","seq":300,"replay":"complete"}})");
+  EXPECT_EQ(oldest->texts[1], first->texts[300 - PageHub::ringCapacity + 1]);
+  EXPECT_EQ(oldest->texts.back(), first->texts.back());
+  EXPECT_EQ(connect("p", "E", 300)->texts.size(), 1U);
+
+  const std::pair<const char*, uint64_t> lost[] = {{"E", 299 - PageHub::ringCapacity}, {"E", 301}, {"other", 300}};
+  for (const auto& [epoch, seen] : lost) {
+    EXPECT_EQ(connect("p", epoch, seen)->texts,
+              std::vector<std::string>{R"({"hello":{"epoch":"E","seq":300,"replay":"lost"}})"});
+  }
+}
+
+TEST_F(PageHubTest, ACommandIsRunOnceAndAnsweredOnceOnEachConnection) {
+  auto first = connect("p", "", 0);
+  sendCommand(first, "a");
+  sendCommand(first, "b");
+  answer("a");
+  const std::string answered = R"({"id":"a","resolve":{}})";
+  EXPECT_EQ(first->texts.back(), answered);
+  sendCommand(first, "a");
+  EXPECT_EQ(first->texts.size(), 2U) << "the answer has crossed the command";
+
+  auto second = connect("p", "E", 0);
+  sendCommand(first, "late");
+  EXPECT_EQ(calls_.size(), 2U) << "a connection that was replaced says nothing any more";
+  sendCommand(second, "a");
+  EXPECT_EQ(second->texts.back(), answered);
+  sendCommand(second, "b");
+  answer("b");
+  answer("b");
+  hub_.disconnect("p", *first, start_);
+  sendCommand(second, "b");
+  EXPECT_EQ(second->texts.size(), 3U);
+  EXPECT_EQ(calls_, (std::vector<std::string>{"a", "b"}));
+
+  hub_.disconnect("p", *second, start_);
+  auto third = connect("p", "E", 0);
+  sendCommand(third, "b");
+  EXPECT_EQ(third->texts.back(), R"({"id":"b","resolve":{}})");
+  hub_.receive("p", *third, R"({"id":"x","plugin":"Other","method":"m"})");
+  EXPECT_EQ(third->texts.back(), R"({"id":"x","reject":{"message":"not implemented"}})");
+}
+
+TEST_F(PageHubTest, WhatIsKeptForPagesIsBounded) {
+  auto page = connect("p", "", 0);
+  for (size_t i = 0; i <= PageSession::mostRunning; ++i) sendCommand(page, std::to_string(i));
+  EXPECT_EQ(calls_.size(), PageSession::mostRunning);
+  EXPECT_NE(page->texts.back().find("Too many commands"), std::string::npos);
+  for (const std::string& id : std::vector(calls_)) {
+    hub_.answer("p", id, {.resolved = true, .data = {{"text", std::string(10'000, 'x')}}, .message = {}});
+  }
+  page = connect("p", "E", 0);
+  sendCommand(page, calls_.back());
+  EXPECT_EQ(page->texts.size(), 2U);
+  sendCommand(page, calls_.front());
+  EXPECT_EQ(calls_.size(), PageSession::mostRunning + 1) << "an answer of long ago is forgotten";
+
+  hub_.disconnect("p", *page, start_);
+  for (size_t i = 0; i < PageHub::mostPages; ++i) {
+    const std::string name = "other" + std::to_string(i);
+    hub_.disconnect(name, *connect(name, "", 0), start_);
+  }
+  page = connect("p", "E", 0);
+  sendCommand(page, calls_[PageSession::mostRunning - 1]);
+  EXPECT_EQ(calls_.size(), PageSession::mostRunning + 2) << "so is the page that was away longest";
+}
+
+TEST(PagePresenceTest, TheApplicationIsActiveWhileAnyPageIsVisible) {
+  const PagePresence::Time t{100s};
+  const auto grace = PagePresence::grace;
+  PagePresence presence(t);
+  EXPECT_TRUE(presence.isActive(t));
+  EXPECT_EQ(presence.nextChange(t), t + grace);
+  EXPECT_FALSE(presence.isActive(t + grace)) << "no page has come";
+
+  presence.show("a", true);
+  presence.show("b", true);
+  EXPECT_EQ(presence.nextChange(t), std::nullopt);
+  presence.show("a", false);
+  EXPECT_TRUE(presence.isActive(t));
+  presence.show("b", false);
+  EXPECT_FALSE(presence.isActive(t)) << "hidden at once";
+
+  presence.show("b", true);
+  presence.leave("a", t);
+  presence.leave("b", t);
+  EXPECT_TRUE(presence.isActive(t + grace - 1ms)) << "it may only be loading anew";
+  EXPECT_EQ(presence.nextChange(t), t + grace);
+  presence.show("b", false);
+  EXPECT_FALSE(presence.isActive(t));
+  EXPECT_EQ(presence.nextChange(t), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tarn::test
