@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
-import { readDefinitions } from '../plugin/readme.mjs';
+import { readDefinitions } from '../plugin/api-docs.mjs';
 import { Tarn } from './support.mjs';
 
 let tarn;

@@ -141,6 +141,8 @@ test('commands are answered and refused in the words of the bridge', async () =>
     ['saveVideo', { url, album: 7, filename: 'a.mp4' }, 'Must provide the album'],
     ['saveVideo', { url, album: 'Trips' }, 'Must provide filename'],
     ['saveVideo', { url: 'no address', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
+    ['saveVideo', { url: '\ud800', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
+    ['saveVideo', { url: 'x'.repeat(300000), album: 'Trips', filename: 'a.mp4' }, 'The command is too long'],
     ['cancel', {}, 'No such download'],
     ['cancel', { id: 1.5 }, 'No such download'],
     ['cancel', { id: 5 }, { id: 5 }],
@@ -213,6 +215,19 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   await inPhase(second, 'clip.mp4', 'saved');
   await second.waitForSelector('.album:has-text("Trips") video');
   assert.equal(media.requests.length, 1);
+});
+
+test('a video that cannot be fetched is shown as not saved, and can be tried again', async () => {
+  const page = await open();
+  media.isMissing = true;
+  await save(page, media.address('clip.mp4'));
+  await inPhase(page, 'clip.mp4', 'failed');
+  media.isMissing = false;
+  await row(page, 'clip.mp4').locator('button[data-action=again]').click();
+  await inPhase(page, 'clip.mp4', 'saved');
+  assert.equal(await page.locator('.download').count(), 1);
+  await row(page, 'clip.mp4').locator('button[data-action=dismiss]').click();
+  await page.waitForSelector('#downloads-empty');
 });
 
 test('the application is in the background while no page can be seen', async () => {

@@ -48,6 +48,7 @@ export function videoTag(file) {
 
 /** Serves one file under every path, with ranges; `?rate=` in the address gives the bytes a second. */
 export class MediaServer {
+  isMissing = false; // it has no such file just now
   requests = []; // {range, sent, closed}
 
   async start(file) {
@@ -72,6 +73,7 @@ export class MediaServer {
     const seen = { path: asked.url, range: asked.headers.range, sent: 0, closed: false };
     this.requests.push(seen);
     answer.on('close', () => (seen.closed = true));
+    if (this.isMissing) return answer.writeHead(404).end('nothing here');
     const from = Number(/^bytes=(\d+)-/.exec(asked.headers.range ?? '')?.[1] ?? 0);
     const part = { 'Content-Range': `bytes ${from}-${bytes.length - 1}/${bytes.length}` };
     answer.writeHead(from > 0 ? 206 : 200, {

@@ -11,6 +11,7 @@
 
   const shortestDelay = 250; // milliseconds between two attempts to connect: doubled each time
   const longestDelay = 5000;
+  const longestCommand = 256 << 10; // what the host takes; it could not say which command was too long
   const addressIsStale = 'The address of this page is no longer valid. Open the one that tarn serve prints.';
 
   const page = crypto.randomUUID(); // under this name the host knows which commands it has had
@@ -131,11 +132,17 @@
 
   // --- The native side ---
 
+  /** A half of a surrogate pair is no text to the host, and such a command would get no answer. */
+  function wellFormed(_key, value) {
+    return typeof value === 'string' ? (value.toWellFormed?.() ?? value) : value;
+  }
+
   function command(plugin, method, options) {
     return new Promise((resolve, reject) => {
       if (state === 'refused') return reject(new Error(addressIsStale));
       const id = String(nextId++);
-      const text = JSON.stringify({ id, plugin, method, options: options ?? {} });
+      const text = JSON.stringify({ id, plugin, method, options: options ?? {} }, wellFormed);
+      if (new Blob([text]).size > longestCommand) return reject(new Error('The command is too long'));
       commands.set(id, { text, resolve, reject });
       send(text);
     });

@@ -1,4 +1,4 @@
-import { byId, find, fromTemplate, setText } from './dom.js';
+import { byId, find, fromTemplate, putAt, setText } from './dom.js';
 import { bytesText, countText, momentText } from './text.js';
 
 /** A video of the photo library, as the host lists it. */
@@ -73,11 +73,7 @@ export class Albums {
     for (const section of sections.values()) {
       if (!shown.includes(section)) section.remove();
     }
-    // A node that is moved stops playing, so only what is not in its place is.
-    shown.forEach((section, index) => {
-      const place = this.container.children[index];
-      if (place !== section) this.container.insertBefore(section, place ?? null);
-    });
+    shown.forEach((section, index) => putAt(this.container, index, section));
   }
 
   private showAlbum({ title, assets }: Album, section: Element): Element {
@@ -89,10 +85,7 @@ export class Albums {
     for (const old of [...list.children]) {
       if (!cards.includes(old as HTMLElement)) old.remove();
     }
-    cards.forEach((card, index) => {
-      const place = list.children[index];
-      if (place !== card) list.insertBefore(card, place ?? null);
-    });
+    cards.forEach((card, index) => putAt(list, index, card));
     return section;
   }
 

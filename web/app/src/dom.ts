@@ -19,6 +19,12 @@ export function fromTemplate(id: string): HTMLElement {
   return copy;
 }
 
+/** Makes `child` the one with this index in `parent`. One that is there already stays untouched: a move would stop it. */
+export function putAt(parent: Element, index: number, child: Element): void {
+  const place = parent.children[index] ?? null;
+  if (place !== child) parent.insertBefore(child, place);
+}
+
 export function setText(element: Element, text: string): void {
   if (element.textContent !== text) element.textContent = text;
 }

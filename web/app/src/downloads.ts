@@ -70,9 +70,11 @@ export class Downloads {
     private readonly onEnd: (download: Download) => void,
   ) {}
 
-  /** Newest first. */
+  /** Those that are active in the order of their turn, then those that have ended, the newest first. */
   all(): Download[] {
-    return [...this.known.values()].sort((a, b) => b.id - a.id);
+    const sorted = [...this.known.values()].sort((a, b) => a.id - b.id);
+    const ended = sorted.filter((download) => !isActive(download)).reverse();
+    return [...sorted.filter(isActive), ...ended];
   }
 
   async listen(): Promise<void> {

@@ -1,6 +1,6 @@
 import { isActive } from './downloads.js';
 import type { Download, Phase } from './downloads.js';
-import { byId, find, fromTemplate, setText } from './dom.js';
+import { byId, find, fromTemplate, putAt, setText } from './dom.js';
 import { bytesText, timeLeftText } from './text.js';
 
 export type RowAction = 'cancel' | 'dismiss' | 'again' | 'watch';
@@ -12,6 +12,13 @@ const phaseWords: Record<Phase, string> = {
   saved: 'Saved',
   failed: 'Not saved',
   vanished: 'Ended',
+};
+
+const actionWords: Record<RowAction, string> = {
+  watch: 'Watch',
+  again: 'Try again',
+  cancel: 'Cancel',
+  dismiss: 'Dismiss',
 };
 
 /** The list of downloads: one row for each, changed in place so that focus and screen readers keep their position. */
@@ -32,14 +39,14 @@ export class Rows {
     for (const [id, row] of this.rows) {
       if (!shown.has(id)) this.remove(id, row);
     }
-    let previous: Element | null = null;
-    for (const download of downloads) {
+    const focused = document.activeElement;
+    downloads.forEach((download, index) => {
       const row = this.rows.get(download.id) ?? this.add(download.id);
       update(row, download);
-      const place: Element | null = previous ? previous.nextElementSibling : this.list.firstElementChild;
-      if (place !== row) this.list.insertBefore(row, place);
-      previous = row;
-    }
+      putAt(this.list, index, row);
+    });
+    // A row that moves loses the focus.
+    if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
   }
 
   private add(id: number): HTMLElement {
@@ -81,8 +88,9 @@ function update(row: HTMLElement, download: Download): void {
     watch: download.phase === 'saved' && download.assetId !== undefined,
   };
   for (const button of row.querySelectorAll<HTMLElement>('button[data-action]')) {
-    button.hidden = !offered[button.dataset.action as RowAction];
-    find(button, '.of', HTMLElement).textContent = ` ${name}`;
+    const action = button.dataset.action as RowAction;
+    button.hidden = !offered[action];
+    button.setAttribute('aria-label', `${actionWords[action]}: ${name}`);
   }
 }
 

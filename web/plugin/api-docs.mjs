@@ -1,6 +1,6 @@
 // Writes the API part of README.md from the doc comments of src/definitions.ts.
-//   node readme.mjs            writes it
-//   node readme.mjs --check    fails when it is stale, or when something exported has no doc comment
+//   node api-docs.mjs            writes it
+//   node api-docs.mjs --check    fails when it is stale, or when something exported has no doc comment
 
 import { readFileSync, writeFileSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
