@@ -99,6 +99,12 @@ struct AVAssetWriter::State {
     return status == AVAssetWriterStatus::cancelled;
   }
 
+  /// What ended the encoding ahead of finishing, and so the writing.
+  std::optional<Error> earlyFailure() const {
+    if (status != AVAssetWriterStatus::writing || !track || !track->encoder) return std::nullopt;
+    return track->refusal ? track->refusal : track->encoder->failure();
+  }
+
   /// Lets go of the file, which is deleted unless it is finished.
   void close() {
     if (track) track->encoder.reset();
@@ -173,12 +179,13 @@ void AVAssetWriter::cancelWriting() {
 
 AVAssetWriterStatus AVAssetWriter::status() const {
   std::lock_guard guard(state_->mutex);
-  return state_->status;
+  return state_->earlyFailure() ? AVAssetWriterStatus::failed : state_->status;
 }
 
 std::optional<Error> AVAssetWriter::error() const {
   std::lock_guard guard(state_->mutex);
-  return state_->error;
+  const auto early = state_->earlyFailure();
+  return early ? early : state_->error;
 }
 
 }  // namespace tarn
