@@ -258,7 +258,7 @@ const Road roads[] = {
      }},
 };
 
-/// A kill just before each change of the file system, spread over four tests for each road; then a resume, and where
+/// A kill just before each change of the file system, or every few of them; then a resume, and where
 /// the kill came before the transfer was stored, a second save.
 class KillSweep : public SaveTest, public testing::WithParamInterface<std::tuple<Road, size_t>> {
  protected:
@@ -308,10 +308,17 @@ TEST_P(KillSweep, NothingIsLostWhereverTheProcessDies) {
   EXPECT_LE(differences_, kills / 4);
 }
 
-INSTANTIATE_TEST_SUITE_P(Changes, KillSweep, testing::Combine(testing::ValuesIn(roads), testing::Range<size_t>(0, 4)),
-                         [](const auto& row) {
-                           return std::get<0>(row.param).name + std::to_string(std::get<1>(row.param));
-                         });
+/// The shortest road is killed everywhere; on the others the kills are further apart.
+std::vector<std::tuple<Road, size_t>> sweeps() {
+  std::vector<std::tuple<Road, size_t>> result;
+  for (size_t offset = 0; offset < 4; ++offset) result.emplace_back(roads[0], offset);
+  for (size_t road = 1; road < std::size(roads); ++road) result.emplace_back(roads[road], road % 4);
+  return result;
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, KillSweep, testing::ValuesIn(sweeps()), [](const auto& row) {
+  return std::get<0>(row.param).name + std::to_string(std::get<1>(row.param));
+});
 
 }  // namespace
 }  // namespace tarn::test

@@ -17,7 +17,7 @@ class AVAssetReaderTest : public testing::Test {
   std::shared_ptr<AVAssetReaderTrackOutput> output() {
     return std::make_shared<AVAssetReaderTrackOutput>(asset.tracks(AVMediaType::audio).at(0));
   }
-  void write(const Bytes& movie) { writeFileAtomically(files, asset.url(), movie); }
+  void write(const Bytes& content) { writeFileAtomically(files, asset.url(), content); }
 
   TempDirectory directory;
   PosixFileManager files{directory.path()};
