@@ -36,7 +36,6 @@ struct AACEncoder::State {
 };
 
 AACEncoder::AACEncoder(const AACOutputSettings& settings) : state_(std::make_unique<State>()) {
-  av_log_set_level(AV_LOG_QUIET);  // what goes wrong is told by the results
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
   if (!codec) throw Error("AACEncoder", -1, "there is no AAC encoder");
   state_->context.reset(avcodec_alloc_context3(codec));
@@ -48,6 +47,7 @@ AACEncoder::AACEncoder(const AACOutputSettings& settings) : state_(std::make_uni
   context.bit_rate = settings.bitRate;
   context.flags |= AV_CODEC_FLAG_BITEXACT;
   context.thread_count = 1;
+  context.log_level_offset = AV_LOG_MAX_OFFSET;  // silent: what goes wrong is told by the results
   av_channel_layout_default(&context.ch_layout, settings.channels);
   if (int status = avcodec_open2(&context, codec, nullptr); status < 0) {
     throw encoderError("the AAC encoder does not take these settings", status);

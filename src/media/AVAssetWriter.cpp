@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "media/AACEncoder.h"
 #include "media/M4AFile.h"
 #include "media/SegmentedAACEncoder.h"
+#include "mp4/AudioBoxBuilders.h"
 
 namespace tarn {
 namespace {
@@ -20,6 +22,7 @@ unsigned workerCount(unsigned asked) {
 }
 
 bool areEncodable(const AACOutputSettings& settings) {
+  if (!canBeDescribed(settings.sampleRate, settings.channels)) return false;
   try {
     AACEncoder probe(settings);
     return true;
@@ -37,6 +40,11 @@ struct AVAssetWriterInput::Track {
   int64_t frames = 0;
   bool isFinished = false;
   std::optional<Error> refusal;  // of a buffer that is not in the settings' format
+
+  std::optional<Error> failure() const {
+    if (refusal || !encoder) return refusal;
+    return encoder->failure();
+  }
 };
 
 AVAssetWriterInput::AVAssetWriterInput(const AACOutputSettings& settings) : track_(std::make_shared<Track>()) {
@@ -55,7 +63,7 @@ bool AVAssetWriterInput::isReadyForMoreMediaData() const {
 
 bool AVAssetWriterInput::appendSampleBuffer(const CMSampleBuffer& buffer) {
   Track& track = *track_;
-  if (!track.encoder || track.isFinished || track.refusal || track.encoder->failure()) return false;
+  if (!track.encoder || track.isFinished || track.failure()) return false;
   const AACOutputSettings& settings = track.settings;
   const AudioStreamBasicDescription format =
       interleavedPCM16(settings.sampleRate, static_cast<uint32_t>(settings.channels));
@@ -77,6 +85,7 @@ void AVAssetWriterInput::markAsFinished() {
   track_->isFinished = true;
 }
 
+/// A writer that is writing ends once, in the way that comes first.
 struct AVAssetWriter::State {
   std::unique_ptr<M4AFile> file;
   unsigned workers = 1;
@@ -87,44 +96,58 @@ struct AVAssetWriter::State {
   AVAssetWriterStatus status = AVAssetWriterStatus::unknown;
   std::optional<Error> error;
 
-  void set(AVAssetWriterStatus next, const std::optional<Error>& why = std::nullopt) {
+  std::optional<Error> failure() const { return track ? track->failure() : std::nullopt; }
+
+  bool isWriting() const {
     std::lock_guard guard(mutex);
-    if (status == AVAssetWriterStatus::cancelled) return;
-    status = next;
+    return status == AVAssetWriterStatus::writing;
+  }
+
+  bool begin() {
+    std::lock_guard guard(mutex);
+    if (status != AVAssetWriterStatus::unknown) return false;
+    status = AVAssetWriterStatus::writing;
+    return true;
+  }
+
+  void complete() {
+    std::lock_guard guard(mutex);
+    if (status != AVAssetWriterStatus::writing) return;
+    file->keep();
+    status = AVAssetWriterStatus::completed;
+  }
+
+  void fail(const Error& why) {
+    std::lock_guard guard(mutex);
+    if (status != AVAssetWriterStatus::writing) return;
+    status = AVAssetWriterStatus::failed;
     error = why;
   }
 
-  bool isCancelled() const {
+  void cancel() {
+    if (auto why = failure()) fail(*why);
     std::lock_guard guard(mutex);
-    return status == AVAssetWriterStatus::cancelled;
+    if (status <= AVAssetWriterStatus::writing) status = AVAssetWriterStatus::cancelled;
   }
 
-  /// What ended the encoding ahead of finishing, and so the writing.
-  std::optional<Error> earlyFailure() const {
-    if (status != AVAssetWriterStatus::writing || !track || !track->encoder) return std::nullopt;
-    return track->refusal ? track->refusal : track->encoder->failure();
-  }
-
-  /// Lets go of the file, which is deleted unless it is finished.
+  /// Lets go of the file, which is deleted unless it is complete.
   void close() {
     if (track) track->encoder.reset();
     file.reset();
   }
 
   void finish() {
+    if (!isWriting()) return;
     try {
-      if (track) {
-        track->encoder->finish();
-        if (auto failure = track->encoder->failure()) throw Error(*failure);
-        if (track->refusal) throw Error(*track->refusal);
-      }
-      if (isCancelled()) return;
+      if (track) track->encoder->finish();
+      if (auto why = failure()) return fail(*why);
+      if (!isWriting()) return;
       file->finish(track ? track->settings : AACOutputSettings(), track ? track->frames : 0);
-      set(AVAssetWriterStatus::completed);
-    } catch (const Error& failure) {
-      set(AVAssetWriterStatus::failed, failure);
-    } catch (const std::exception& failure) {
-      set(AVAssetWriterStatus::failed, Error("AVAssetWriter", -1, failure.what()));
+      complete();
+    } catch (const Error& why) {
+      fail(why);
+    } catch (const std::exception& why) {
+      fail(Error("AVAssetWriter", -1, why.what()));
     }
   }
 };
@@ -148,12 +171,17 @@ void AVAssetWriter::addInput(const std::shared_ptr<AVAssetWriterInput>& input) {
 }
 
 bool AVAssetWriter::startWriting() {
-  if (status() != AVAssetWriterStatus::unknown) return false;
+  if (!state_->begin()) return false;
   if (auto& track = state_->track) {
-    track->encoder = std::make_unique<SegmentedAACEncoder>(
-        track->settings, state_->workers, [file = state_->file.get()](const auto& packets) { file->append(packets); });
+    try {
+      track->encoder = std::make_unique<SegmentedAACEncoder>(
+          track->settings, state_->workers,
+          [file = state_->file.get()](const auto& packets) { file->append(packets); });
+    } catch (const std::system_error& failure) {
+      state_->fail(Error("AVAssetWriter", failure.code().value(), failure.what()));
+      return false;
+    }
   }
-  state_->set(AVAssetWriterStatus::writing);
   return true;
 }
 
@@ -162,6 +190,7 @@ void AVAssetWriter::startSessionAtSourceTime(const CMTime& /*time*/) {
 }
 
 void AVAssetWriter::finishWritingWithCompletionHandler(std::function<void()> handler) {
+  if (state_->finisher.joinable()) state_->finisher.join();
   state_->finisher = std::thread([state = state_.get(), handler = std::move(handler)] {
     state->finish();
     handler();
@@ -169,9 +198,7 @@ void AVAssetWriter::finishWritingWithCompletionHandler(std::function<void()> han
 }
 
 void AVAssetWriter::cancelWriting() {
-  if (status() != AVAssetWriterStatus::completed && status() != AVAssetWriterStatus::failed) {
-    state_->set(AVAssetWriterStatus::cancelled);
-  }
+  state_->cancel();
   if (state_->track && state_->track->encoder) state_->track->encoder->cancel();
   if (state_->finisher.joinable()) state_->finisher.join();
   state_->close();
@@ -179,13 +206,13 @@ void AVAssetWriter::cancelWriting() {
 
 AVAssetWriterStatus AVAssetWriter::status() const {
   std::lock_guard guard(state_->mutex);
-  return state_->earlyFailure() ? AVAssetWriterStatus::failed : state_->status;
+  const bool isFailing = state_->status == AVAssetWriterStatus::writing && state_->failure();
+  return isFailing ? AVAssetWriterStatus::failed : state_->status;
 }
 
 std::optional<Error> AVAssetWriter::error() const {
   std::lock_guard guard(state_->mutex);
-  const auto early = state_->earlyFailure();
-  return early ? early : state_->error;
+  return state_->status == AVAssetWriterStatus::writing ? state_->failure() : state_->error;
 }
 
 }  // namespace tarn

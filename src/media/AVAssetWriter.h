@@ -64,7 +64,8 @@ class AVAssetWriter {
   AVAssetWriter(const AVAssetWriter&) = delete;
   AVAssetWriter& operator=(const AVAssetWriter&) = delete;
 
-  /// False for a second input and for settings that the encoder does not take.
+  /// False for a second input and for settings that the encoder does not take or the file cannot describe: other rates
+  /// than 24000, 44100 and 48000 Hz.
   bool canAddInput(const AVAssetWriterInput& input) const;
   void addInput(const std::shared_ptr<AVAssetWriterInput>& input);
 
@@ -73,12 +74,13 @@ class AVAssetWriter {
   void startSessionAtSourceTime(const CMTime& time);
 
   /// Encodes what is left, writes the boxes, flushes and closes the file, then calls the handler on a thread of its
-  /// own.
+  /// own; it must not destroy the writer. A writer that is not writing stays what it is.
   void finishWritingWithCompletionHandler(std::function<void()> handler);
 
-  /// Stops the workers and deletes the file.
+  /// Stops the workers and deletes the file, unless that is complete.
   void cancelWriting();
 
+  /// Failed as soon as anything has failed.
   AVAssetWriterStatus status() const;
   std::optional<Error> error() const;
 

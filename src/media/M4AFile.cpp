@@ -11,9 +11,10 @@
 namespace tarn {
 namespace {
 
-constexpr size_t packetsPerChunk = 47;      // about a second
-constexpr size_t longHeaderSize = 16;       // of an mdat with a 64-bit size
-constexpr size_t writePiece = 1024 * 1024;  // bytes
+constexpr size_t packetsPerChunk = 47;          // about a second
+constexpr size_t longHeaderSize = 16;           // of an mdat with a 64-bit size
+constexpr size_t writePiece = 1024 * 1024;      // bytes
+constexpr size_t flushPiece = 8 * 1024 * 1024;  // bytes
 
 /// The rows of the `stts`: packets of 1024 frames, of which the last is as short as the frames ask for. Where a
 /// shortage could be spread evenly over all packets, it would be by whoever makes one row of the table: then the last
@@ -37,22 +38,11 @@ std::vector<SampleToChunkEntry> chunkRuns(uint32_t packets) {
 }  // namespace
 
 M4AFile::M4AFile(FileManager& files, const Path& path)
-    : files_(files), path_(path), file_(files.open(path, OpenMode::exclusive)) {
-  try {
-    Bytes head = buildFtypBox();
-    ByteWriter(head).uint32(1).text("mdat").uint64(0);  // its size comes at the end
-    file_->write(head);
-    mediaStart_ = position_ = head.size();
-  } catch (...) {
-    removeIfExists(files_, path_);
-    throw;
-  }
-}
-
-M4AFile::~M4AFile() {
-  if (isFinished_) return;
-  file_.reset();
-  removeIfExists(files_, path_);
+    : file_(files.open(path, OpenMode::exclusive)), name_(files, path) {
+  Bytes head = buildFtypBox();
+  ByteWriter(head).uint32(1).text("mdat").uint64(0);  // its size comes at the end
+  file_->write(head);
+  mediaStart_ = position_ = head.size();
 }
 
 void M4AFile::append(const std::vector<Bytes>& packets) {
@@ -68,6 +58,9 @@ void M4AFile::append(const std::vector<Bytes>& packets) {
     piece.clear();
   }
   file_->write(piece);
+  if (position_ - flushed_ < flushPiece) return;
+  file_->synchronize();
+  flushed_ = position_;
 }
 
 Bytes M4AFile::buildMoov(const AACOutputSettings& settings, int64_t frames) const {
@@ -89,7 +82,6 @@ void M4AFile::finish(const AACOutputSettings& settings, int64_t frames) {
   file_->write(bigEndianBytes(position_ - mediaStart_ + longHeaderSize));
   file_->synchronize();
   file_->close();
-  isFinished_ = true;
 }
 
 }  // namespace tarn

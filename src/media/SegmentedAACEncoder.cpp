@@ -1,6 +1,7 @@
 #include "media/SegmentedAACEncoder.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "media/AACEncoder.h"
 
@@ -8,7 +9,14 @@ namespace tarn {
 
 SegmentedAACEncoder::SegmentedAACEncoder(const AACOutputSettings& settings, unsigned workers, Sink sink)
     : settings_(settings), sink_(std::move(sink)) {
-  for (unsigned i = 0; i < workers; ++i) workers_.emplace_back([this] { work(); });
+  for (unsigned i = 0; i < workers; ++i) {
+    try {
+      workers_.emplace_back([this] { work(); });
+    } catch (const std::system_error&) {
+      if (workers_.empty()) throw;
+      break;  // fewer threads do the same work
+    }
+  }
 }
 
 SegmentedAACEncoder::~SegmentedAACEncoder() {

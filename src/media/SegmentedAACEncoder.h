@@ -33,6 +33,7 @@ class SegmentedAACEncoder {
   /// encoder's failure.
   using Sink = std::function<void(const std::vector<Bytes>& packets)>;
 
+  /// Throws std::system_error when the system has not one thread to give.
   SegmentedAACEncoder(const AACOutputSettings& settings, unsigned workers, Sink sink);
   /// Cancels.
   ~SegmentedAACEncoder();

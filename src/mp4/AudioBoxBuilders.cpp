@@ -3,6 +3,7 @@
 #include <array>
 #include <initializer_list>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,8 +24,12 @@ uint32_t fitting(int64_t value, std::string_view what) {
   return static_cast<uint32_t>(value);
 }
 
+bool isChannelConfiguration(int channels) {
+  return channels == 1 || channels == 2;
+}
+
 uint8_t channelConfiguration(int channels) {
-  if (channels < 1 || channels > 2) {
+  if (!isChannelConfiguration(channels)) {
     throw Error("AudioBoxBuilders", -1, fmt::format("{} channels cannot be described", channels));
   }
   return static_cast<uint8_t>(channels);
@@ -55,7 +60,7 @@ void writeMatrix(ByteWriter& writer) {
   for (uint32_t value : unityMatrix) writer.uint32(value);
 }
 
-uint8_t frequencyIndex(int64_t sampleRate) {
+std::optional<uint8_t> frequencyIndex(int64_t sampleRate) {
   switch (sampleRate) {
     case 48000:
       return 3;
@@ -64,18 +69,23 @@ uint8_t frequencyIndex(int64_t sampleRate) {
     case 24000:
       return 6;
     default:
-      log("WARNING: Unsupported sample rate {}, defaulting to 48kHz", sampleRate);
-      return 3;
+      return std::nullopt;
   }
 }
 
 }  // namespace
 
 Bytes audioSpecificConfig(int64_t sampleRate, int channels) {
-  const uint8_t index = frequencyIndex(sampleRate);
+  const auto known = frequencyIndex(sampleRate);
+  if (!known) log("WARNING: Unsupported sample rate {}, defaulting to 48kHz", sampleRate);
+  const uint8_t index = known.value_or(3);
   // audioObjectType 2 in 5 bits, the index in 4, the channel configuration in 4, three flags of 0.
   return {static_cast<uint8_t>(0x10 | index >> 1),
           static_cast<uint8_t>(((index << 7) & 0xFF) | channelConfiguration(channels) << 3)};
+}
+
+bool canBeDescribed(int64_t sampleRate, int channels) {
+  return frequencyIndex(sampleRate) && isChannelConfiguration(channels);
 }
 
 Bytes buildEsdsBox(int64_t sampleRate, int channels) {

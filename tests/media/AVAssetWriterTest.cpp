@@ -22,7 +22,7 @@ namespace {
 
 using Samples = std::vector<int16_t>;
 
-/// A chord that swells and fades over some noise, with a click each second.
+/// A chord that swells and fades over some noise, with a click each second; the second channel is softer.
 Samples sound(size_t frames, size_t channels) {
   Samples samples(frames * channels);
   uint32_t noise = 1;
@@ -34,7 +34,8 @@ Samples sound(size_t frames, size_t channels) {
       value += 0.08 * (1 + 0.5 * std::sin(time * tone / 300)) * std::sin(2 * std::numbers::pi * tone * time);
     }
     if (i % 48000 < 24) value += 0.45;
-    for (size_t c = 0; c < channels; ++c) samples[i * channels + c] = static_cast<int16_t>(value * 32000);
+    for (size_t c = 0; c < channels; ++c)
+      samples[i * channels + c] = static_cast<int16_t>(value * (c == 0 ? 32000 : 20000));
   }
   return samples;
 }
@@ -64,23 +65,32 @@ class AssetWriter : public testing::Test {
     std::optional<Error> error;
   };
 
-  Ending write(FileManager& files, std::span<const int16_t> samples, int channels, unsigned workers = 0) {
-    AVAssetWriter writer(files, path_, AVFileType::appleM4A, workers);
+  Ending finish(AVAssetWriter& writer) {
+    std::promise<void> done;
+    writer.finishWritingWithCompletionHandler([&] { done.set_value(); });
+    done.get_future().wait();
+    return {writer.status(), writer.error()};
+  }
+
+  std::shared_ptr<AVAssetWriterInput> startedInput(AVAssetWriter& writer, int channels) {
     auto input = std::make_shared<AVAssetWriterInput>(AACOutputSettings{.channels = channels});
     EXPECT_TRUE(writer.canAddInput(*input));
     writer.addInput(input);
     EXPECT_TRUE(writer.startWriting());
     writer.startSessionAtSourceTime(CMTime::zero());
+    return input;
+  }
+
+  Ending write(FileManager& files, std::span<const int16_t> samples, int channels, unsigned workers = 0) {
+    AVAssetWriter writer(files, path_, AVFileType::appleM4A, workers);
+    auto input = startedInput(writer, channels);
     const size_t piece = 8192 * static_cast<size_t>(channels);
     for (size_t at = 0; at < samples.size(); at += piece) {
       input->appendSampleBuffer(
           bufferOf(samples.subspan(at, std::min(piece, samples.size() - at)), static_cast<uint32_t>(channels)));
     }
     input->markAsFinished();
-    std::promise<void> done;
-    writer.finishWritingWithCompletionHandler([&] { done.set_value(); });
-    done.get_future().wait();
-    return {writer.status(), writer.error()};
+    return finish(writer);
   }
 
   TempDirectory directory_;
@@ -131,7 +141,9 @@ TEST_F(AssetWriter, MakesTheSameFileOnAnyNumberOfWorkersAsGoodAsOneEncoder) {
   M4AFile file(files_, single);
   file.append(packets);
   file.finish({}, static_cast<int64_t>(frames));
+  file.keep();
   const Samples whole = decoded(single, 2);
+  EXPECT_GT(signalToNoise(sent, heard), 15) << "each frame has kept its place";
   EXPECT_NEAR(signalToNoise(sent, heard), signalToNoise(sent, whole), 0.3);
   const size_t join = SegmentedAACEncoder::packetsPerSegment * 2048, around = 8 * 2048;
   EXPECT_LE(largestError(sent, heard, join - around, join + around), largestError(sent, whole, 8192, whole.size()));
@@ -180,66 +192,153 @@ TEST_F(AssetWriter, LeavesNoFileBehindWhateverFails) {
   EXPECT_TRUE(files_.fileExists(path_));
   files_.removeItem(path_);
 
-  AVAssetWriter writer(files_, path_, AVFileType::appleM4A);
-  auto input = std::make_shared<AVAssetWriterInput>(AACOutputSettings{.channels = 1});
-  EXPECT_FALSE(writer.canAddInput(AVAssetWriterInput({.sampleRate = 47999})));
-  writer.addInput(input);
-  writer.startWriting();
-  EXPECT_TRUE(input->appendSampleBuffer(bufferOf(sent, 1)));
-  const auto begin = std::chrono::steady_clock::now();
-  writer.cancelWriting();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
-  EXPECT_EQ(writer.status(), AVAssetWriterStatus::cancelled);
-  EXPECT_FALSE(files_.fileExists(path_));
-
   AVAssetWriter mistaken(files_, path_, AVFileType::appleM4A);
-  auto mono = std::make_shared<AVAssetWriterInput>(AACOutputSettings{.channels = 1});
-  mistaken.addInput(mono);
-  mistaken.startWriting();
+  for (const AACOutputSettings& odd :
+       {AACOutputSettings{.sampleRate = 47999}, {.sampleRate = 32000}, {.channels = 3}}) {
+    EXPECT_FALSE(mistaken.canAddInput(AVAssetWriterInput(odd)));
+  }
+  auto mono = startedInput(mistaken, 1);
   EXPECT_FALSE(mono->appendSampleBuffer(bufferOf(sent, 2)));
   EXPECT_TRUE(mono->isReadyForMoreMediaData());
-  std::promise<void> done;
-  mistaken.finishWritingWithCompletionHandler([&] { done.set_value(); });
-  done.get_future().wait();
-  EXPECT_EQ(mistaken.status(), AVAssetWriterStatus::failed);
+  EXPECT_EQ(finish(mistaken).status, AVAssetWriterStatus::failed);
 }
 
-class OnePacketOfSilence : public AudioConverter::InputSource {
+TEST_F(AssetWriter, TellsOfAFailureWhileItWrites) {
+  const Samples sent = sound(46 * 48000, 1);
+  FaultyFileManager faulty(files_);
+  faulty.arm({.call = 3, .errnum = ENOSPC, .among = {FileOperation::write}});
+  {
+    AVAssetWriter writer(faulty, path_, AVFileType::appleM4A, 2);
+    auto input = startedInput(writer, 1);
+    int appended = 0;
+    while (input->appendSampleBuffer(bufferOf(sent, 1))) ++appended;
+    EXPECT_LE(appended, 6) << "the second segment was not written, and few were on their way";
+    EXPECT_TRUE(input->isReadyForMoreMediaData());
+    EXPECT_EQ(writer.status(), AVAssetWriterStatus::failed);
+    EXPECT_EQ(writer.error().value().code(), ENOSPC);
+    EXPECT_EQ(finish(writer).error.value().code(), ENOSPC);
+    writer.cancelWriting();
+    EXPECT_EQ(writer.status(), AVAssetWriterStatus::failed);
+  }
+  EXPECT_FALSE(files_.fileExists(path_));
+}
+
+/// A disk whose flushes wait for a test.
+class SlowDisk : public ForwardingFileManager {
  public:
-  AudioConverterInput provide(uint32_t) override {
-    if (isGiven_) return {.status = -1};
-    isGiven_ = true;
-    return {.packets = 1024, .data = silence_};
+  using ForwardingFileManager::ForwardingFileManager;
+  std::promise<void> isFlushing;
+  std::promise<void> mayGoOn;
+
+  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
+    return std::make_unique<Handle>(*this, ForwardingFileManager::open(path, mode));
   }
 
  private:
-  const Bytes silence_ = Bytes(4096);
-  bool isGiven_ = false;
+  class Handle : public ForwardingFileHandle {
+   public:
+    Handle(SlowDisk& disk, std::unique_ptr<FileHandle> handle) : ForwardingFileHandle(std::move(handle)), disk_(disk) {}
+    void synchronize() override {
+      disk_.isFlushing.set_value();
+      disk_.mayGoOn.get_future().wait();
+    }
+
+   private:
+    SlowDisk& disk_;
+  };
 };
+
+TEST_F(AssetWriter, IsCancelledAtAnyTime) {
+  const Samples sent = sound(50 * 48000, 1);
+  AVAssetWriter busy(files_, path_, AVFileType::appleM4A);
+  EXPECT_TRUE(startedInput(busy, 1)->appendSampleBuffer(bufferOf(sent, 1)));
+  const auto begin = std::chrono::steady_clock::now();
+  busy.cancelWriting();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+  EXPECT_EQ(busy.status(), AVAssetWriterStatus::cancelled);
+  EXPECT_FALSE(files_.fileExists(path_));
+
+  // The last bytes are on their way to the disk.
+  SlowDisk disk(files_);
+  AVAssetWriter finishing(disk, path_, AVFileType::appleM4A);
+  EXPECT_TRUE(startedInput(finishing, 1)->appendSampleBuffer(bufferOf(std::span(sent).first(5000), 1)));
+  finishing.finishWritingWithCompletionHandler([] {});
+  disk.isFlushing.get_future().wait();
+  std::thread canceller([&] { finishing.cancelWriting(); });
+  while (finishing.status() != AVAssetWriterStatus::cancelled) std::this_thread::yield();
+  disk.mayGoOn.set_value();
+  canceller.join();
+  EXPECT_EQ(finishing.status(), AVAssetWriterStatus::cancelled);
+  EXPECT_FALSE(files_.fileExists(path_));
+}
+
+/// PCM in pieces, and then a status of the test's own.
+class Pieces : public AudioConverter::InputSource {
+ public:
+  Pieces(Bytes pcm, uint32_t frames) : pcm_(std::move(pcm)), frames_(frames) {}
+
+  AudioConverterInput provide(uint32_t) override {
+    const auto left = static_cast<uint32_t>((pcm_.size() - at_) / 4);
+    if (left == 0) return {.status = -1};
+    const uint32_t frames = std::min(frames_, left);
+    const auto piece = ByteView(pcm_).subspan(at_, size_t{frames} * 4);
+    at_ += piece.size();
+    return {.packets = frames, .data = piece};
+  }
+
+ private:
+  const Bytes pcm_;
+  const uint32_t frames_;
+  size_t at_ = 0;
+};
+
+AudioConverter::Creation stereoConverter(double rate) {
+  return AudioConverter::create(
+      interleavedPCM16(rate, 2),
+      {.mSampleRate = rate, .mFormatID = kAudioFormatMPEG4AAC, .mFramesPerPacket = 1024, .mChannelsPerFrame = 2});
+}
 
 TEST_F(AssetWriter, AConverterMakesSilence) {
   std::optional<Bytes> first;
   for (double rate : {24000.0, 44100.0, 48000.0}) {
-    AudioStreamBasicDescription aac{
-        .mSampleRate = rate, .mFormatID = kAudioFormatMPEG4AAC, .mFramesPerPacket = 1024, .mChannelsPerFrame = 2};
-    auto made = AudioConverter::create(interleavedPCM16(rate, 2), aac);
+    auto made = stereoConverter(rate);
     ASSERT_EQ(made.status, noErr);
     EXPECT_EQ(made.converter->setEncodeBitRate(128000), noErr);
-    OnePacketOfSilence input;
+    Pieces input(Bytes(4096), 1024);
     const auto output = made.converter->fillComplexBuffer(input, 1, 2048);
     EXPECT_EQ(output.status, -1);
     EXPECT_EQ(output.packets, 1U);
     EXPECT_EQ(output.data.size(), 6U);
     EXPECT_EQ(output.data, first.value_or(output.data));
     first = output.data;
-    aac.mChannelsPerFrame = 1;
-    EXPECT_NE(AudioConverter::create(interleavedPCM16(rate, 2), aac).status, noErr);
   }
   M4AFile file(files_, path_);
   file.append(std::vector<Bytes>(20, *first));
   file.finish({}, int64_t{20} * 1024);
+  file.keep();
   EXPECT_EQ(decoderComplaints(path_), "");
   EXPECT_EQ(decoded(path_, 2), Samples(size_t{20} * 2048));
+}
+
+TEST_F(AssetWriter, AConverterTakesPiecesOfAnyLength) {
+  const auto sent = bufferOf(sound(5000, 2), 2);
+  std::vector<Bytes> results;
+  for (uint32_t frames : {1024U, 1U, 700U, 5000U}) {
+    Pieces input(Bytes(sent.dataBuffer->bytes().begin(), sent.dataBuffer->bytes().end()), frames);
+    auto made = stereoConverter(48000);
+    Bytes all;
+    uint32_t packets = 0;
+    for (auto output = made.converter->fillComplexBuffer(input, 2, 4096); output.packets > 0;
+         output = made.converter->fillComplexBuffer(input, 2, 4096)) {
+      all.insert(all.end(), output.data.begin(), output.data.end());
+      packets += output.packets;
+    }
+    EXPECT_GE(packets, 5U);
+    results.push_back(all);
+    EXPECT_TRUE(results.back() == results.front()) << frames;
+  }
+  EXPECT_NE(stereoConverter(47999).status, noErr);
+  EXPECT_NE(stereoConverter(-1e300).status, noErr);
 }
 
 }  // namespace

@@ -64,6 +64,9 @@ TEST(AudioBoxes, RefuseWhatDoesNotFit) {
   EXPECT_THROW(buildMvhdBox(48000, int64_t{1} << 32), Error);
   EXPECT_THROW(buildTkhdBox(-5), Error);
   EXPECT_THROW(buildStsdBox(48000, 48000, 3), Error);
+  EXPECT_THROW(buildStsdBox(int64_t{1} << 32, 48000), Error);
+  EXPECT_TRUE(canBeDescribed(24000, 1) && canBeDescribed(44100, 2));
+  EXPECT_FALSE(canBeDescribed(32000, 2) || canBeDescribed(48000, 0) || canBeDescribed(48000, 3));
 }
 
 }  // namespace
