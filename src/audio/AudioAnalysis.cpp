@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cmath>
+
 #include "audio/AudioTimeline.h"
 
 namespace tarn {
@@ -46,6 +49,17 @@ std::string_view text(SilenceReason reason) {
       break;
   }
   return "audioStartsLate";
+}
+
+bool AudioAnalysisResult::startsApart() const {
+  constexpr double shortestOffsetMs = 10.0;
+  const double offset = std::abs(initialOffsetMs);
+  return offset >= shortestOffsetMs && offset > gapThresholdMs();
+}
+
+double AudioAnalysisResult::driftRate() const {
+  const double minutes = std::max(durationSeconds / 60, 1.0 / 60);
+  return std::abs(timelineDriftMs / minutes);
 }
 
 std::string AudioAnalysisResult::summary() const {

@@ -57,6 +57,9 @@ struct InternalGapResult {
   std::vector<AudioOverlap> overlaps;
 };
 
+/// A longer drift than this counts, in milliseconds.
+inline constexpr double harmlessDriftMs = 100.0;
+
 struct AudioAnalysisResult {
   bool needsTranscoding = false;
   GapType gapType = GapType::clean;
@@ -74,6 +77,14 @@ struct AudioAnalysisResult {
   double totalInternalGapMs = 0;
   AACType aacType = AACType::aacLC;
   double frameDurationMs = 0;  ///< of a packet at a nominal 48000 Hz, whatever the real rate
+
+  /// Holes, overlaps and an offset count from above three packets.
+  double gapThresholdMs() const { return 3 * frameDurationMs; }
+
+  bool startsApart() const;
+
+  /// The drift in milliseconds for each minute of the asset, which counts as one second long at least.
+  double driftRate() const;
 
   /// One line for the log.
   std::string summary() const;
@@ -114,6 +125,9 @@ struct RepairDecision {
     fastPath,       ///< the track is built anew from its compressed samples
     fullNormalize,  ///< decode and encode
   };
+
+  /// Milliseconds a minute, from which on a drift is too much for the fast path.
+  static constexpr double tooHighDriftRate = 10.0;
 
   Kind kind = Kind::skip;
   std::string reason;  ///< of fullNormalize alone

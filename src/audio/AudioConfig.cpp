@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <cmath>
 
 #include "audio/AudioTranscoder.h"
 #include "mp4/DataExtensions.h"
@@ -81,6 +80,14 @@ std::optional<std::string> whyNotReusable(const AudioConfigCheck& check, size_t 
   return std::nullopt;
 }
 
+std::unique_ptr<FileHandle> openIfPossible(FileManager& files, const Path& path) {
+  try {
+    return files.open(path, OpenMode::reading);
+  } catch (const PosixError&) {
+    return nullptr;
+  }
+}
+
 AudioConfigCheck unreadable(const char* reason) {
   AudioConfigCheck check;
   check.reason = reason;
@@ -91,9 +98,9 @@ AudioConfigCheck unreadable(const char* reason) {
 
 AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManager& files, const Path& fileURL) {
   AudioTimingInfo info;
+  const auto file = openIfPossible(files, fileURL);
+  if (!file) return info;
   try {
-    if (!files.fileExists(fileURL)) return info;
-    const auto file = files.open(fileURL, OpenMode::reading);
     const auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
     const auto track = moov ? findSoundTrack(*file, *moov) : std::nullopt;
     if (!track) return info;
@@ -131,8 +138,7 @@ RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResul
                                                         std::span<const AudioAction> actions) {
   using Kind = RepairDecision::Kind;
   constexpr size_t mostActions = 10;
-  constexpr double mostSilence = 5.0;     // seconds
-  constexpr double mostDriftRate = 10.0;  // milliseconds a minute
+  constexpr double mostSilence = 5.0;  // seconds
   if (!configCheck.matchesPassthroughTarget) {
     return {Kind::fullNormalize, configCheck.reason.value_or("Config not passthrough-eligible")};
   }
@@ -142,9 +148,8 @@ RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResul
   for (const AudioAction& action : actions) {
     totalSilence += static_cast<double>(action.durationTicks) / configCheck.audioTimescale;
   }
-  const double minutes = std::max(analysisResult.durationSeconds / 60, 1.0 / 60);
-  const double driftRate = std::abs(analysisResult.timelineDriftMs / minutes);
-  if (actions.size() <= mostActions && totalSilence < mostSilence && driftRate < mostDriftRate) {
+  if (actions.size() <= mostActions && totalSilence < mostSilence &&
+      analysisResult.driftRate() < RepairDecision::tooHighDriftRate) {
     return {Kind::fastPath, ""};
   }
   return {Kind::fullNormalize,

@@ -1,5 +1,6 @@
-#include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <set>
 
 #include "audio/AudioTranscoder.h"
 #include "audio/CompressedWalk.h"
@@ -8,6 +9,25 @@
 
 namespace tarn {
 namespace {
+
+/// Tells quickly whether one of many gaps starts near a time, so that a track of nothing but holes takes no longer
+/// than any other.
+class GapStarts {
+ public:
+  void add(const CMTime& start) { starts_.insert(start); }
+
+  bool hasNearer(const CMTime& time, double seconds) const {
+    const auto isNearer = [&](auto start) { return std::abs((*start - time).seconds()) < seconds; };
+    const auto behind = starts_.lower_bound(time);
+    return (behind != starts_.end() && isNearer(behind)) || (behind != starts_.begin() && isNearer(std::prev(behind)));
+  }
+
+ private:
+  struct Earlier {
+    bool operator()(const CMTime& a, const CMTime& b) const { return compare(a, b) < 0; }
+  };
+  std::set<CMTime, Earlier> starts_;
+};
 
 /// Finds the holes of an audio track in two ways: by a clock that counts packets, and by where each buffer ends.
 class CoverageBuilder {
@@ -58,7 +78,7 @@ class CoverageBuilder {
     if (step > driftStepSeconds && std::isfinite(step) && std::isfinite(expected_)) {
       const CMTime start = CMTime::makeWithSeconds(expected_);
       const CMTime length = CMTime::makeWithSeconds(step);
-      coverage_.gaps.push_back({start, start + length, length});
+      addGap({start, start + length, length});
     }
     if (std::isfinite(drift)) cumulativeDrift_ = drift;
     expected_ += frameDuration_ * static_cast<double>(packets);
@@ -67,10 +87,12 @@ class CoverageBuilder {
   void compareWithPrevious(const CMTime& pts) {
     const CMTime delta = pts - previousEnd_;
     if (!isStated(delta) || compare(delta, threshold_) <= 0) return;
-    const bool isKnown = std::ranges::any_of(coverage_.gaps, [&](const TimelineGap& gap) {
-      return std::abs((gap.startPTS - previousEnd_).seconds()) < gapThresholdSeconds_;
-    });
-    if (!isKnown) coverage_.gaps.push_back({previousEnd_, pts, delta});
+    if (!starts_.hasNearer(previousEnd_, gapThresholdSeconds_)) addGap({previousEnd_, pts, delta});
+  }
+
+  void addGap(const TimelineGap& gap) {
+    starts_.add(gap.startPTS);
+    coverage_.gaps.push_back(gap);
   }
 
   const double frameDuration_;  // of a packet, in seconds
@@ -78,6 +100,7 @@ class CoverageBuilder {
   const double gapThresholdSeconds_;
   const CMTime threshold_ = CMTime::makeWithSeconds(gapThresholdSeconds_);
   AudioCoverage coverage_;
+  GapStarts starts_;
   bool hasFirst_ = false;
   bool hasPrevious_ = false;
   double expected_ = 0;

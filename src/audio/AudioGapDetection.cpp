@@ -1,6 +1,7 @@
 #include <cmath>
 
 #include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderState.h"
 #include "audio/CompressedWalk.h"
 #include "audio/TimelineGaps.h"
 #include "platform/Log.h"
@@ -52,12 +53,11 @@ class GapDetector {
       logLine("AudioTranscoder: Added synthetic gap for cumulative drift");
     } else {
       result_.overlaps.push_back(
-          {trackDuration, static_cast<int64_t>(-cumulative * sampleRate_), index_, result_.totalSampleCount});
+          {trackDuration, wholeFrames(-cumulative * sampleRate_), index_, result_.totalSampleCount});
       logLine("AudioTranscoder: Added synthetic overlap for cumulative drift");
     }
   }
 
-  int64_t buffers() const { return index_; }
   GapDetectionResult& result() { return result_; }
 
  private:
@@ -77,7 +77,7 @@ class GapDetector {
     if (delta > threshold_) {
       if (!hasGap) result_.gaps.push_back({previousEnd_, jump, index_, result_.totalSampleCount});
     } else if (delta < -threshold_) {
-      const auto frames = static_cast<int64_t>(-delta * sampleRate_);
+      const auto frames = wholeFrames(-delta * sampleRate_);
       result_.overlaps.push_back({pts, frames, index_, result_.totalSampleCount});
       log("  Overlap at {:.3f}s: {:.3f}s ({} frames to drop)", pts.seconds(), -delta, frames);
     }
@@ -132,8 +132,8 @@ GapDetectionResult AudioTranscoder::detectAudioGaps(const AVAsset& asset, const 
   for (auto buffer = walk.next(); buffer; buffer = walk.next()) detector.take(*buffer);
   walk.cancel();
   GapDetectionResult& result = detector.result();
-  log("AudioTranscoder: Pass 1 counted {} AAC frames × {} = {} PCM samples", detector.buffers(), samplesPerFrame,
-      result.totalSampleCount);
+  log("AudioTranscoder: Pass 1 counted {} AAC frames × {} = {} PCM samples", result.totalSampleCount / samplesPerFrame,
+      samplesPerFrame, result.totalSampleCount);
   detector.compareWithTrack(audioTrack.timeRange.duration);
   tellOfLength(result, audioTrack.timeRange.duration, rate);
   return std::move(result);

@@ -2,14 +2,12 @@
 #include <cmath>
 
 #include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderState.h"
 #include "audio/CompressedWalk.h"
 #include "platform/Log.h"
 
 namespace tarn {
 namespace {
-
-constexpr double longestHarmlessDriftMs = 100.0;
-constexpr double shortestOffsetMs = 10.0;
 
 void summarize(InternalGapResult& result, double rate) {
   result.gapCount = static_cast<int64_t>(result.gaps.size());
@@ -26,17 +24,17 @@ void summarize(InternalGapResult& result, double rate) {
   }
 }
 
-void classify(AudioAnalysisResult& result, double gapThresholdMs) {
+void classify(AudioAnalysisResult& result) {
   const double offset = std::abs(result.initialOffsetMs);
   if (result.internalGapCount > 0) {
     result.gapType = GapType::internalGaps;
-  } else if (result.timelineDriftMs > longestHarmlessDriftMs) {
+  } else if (result.timelineDriftMs > harmlessDriftMs) {
     result.gapType = GapType::timelineDrift;
-  } else if (offset >= shortestOffsetMs && offset > gapThresholdMs) {
+  } else if (result.startsApart()) {
     result.gapType = GapType::initialOffsetOnly;
   }
   result.needsTranscoding = result.gapType == GapType::internalGaps || result.gapType == GapType::timelineDrift;
-  result.gapCount = result.internalGapCount + (offset > gapThresholdMs ? 1 : 0);
+  result.gapCount = result.internalGapCount + (offset > result.gapThresholdMs() ? 1 : 0);
   result.maxGapMs = std::max(result.maxInternalGapMs, offset);
   result.totalGapMs = offset + result.totalInternalGapMs;
 }
@@ -50,7 +48,7 @@ void tell(const AudioAnalysisResult& result) {
   log("  Internal gaps: {} (max: {:.1f}ms)", result.internalGapCount, result.maxInternalGapMs);
   log("  Sample-based drift: {:.1f}ms", result.timelineDriftMs);
   log("  Needs transcoding: {}", result.needsTranscoding);
-  if (result.timelineDriftMs > longestHarmlessDriftMs && result.internalGapCount == 0) {
+  if (result.timelineDriftMs > harmlessDriftMs && result.internalGapCount == 0) {
     logLine("  Note: Drift detected - video/audio timeline mismatch will be analyzed during transcoding");
   }
 }
@@ -87,7 +85,7 @@ InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, cons
       if (delta > threshold) {
         result.gaps.push_back({expectedEnd, jump, index, total});
       } else if (delta < -threshold) {
-        result.overlaps.push_back({pts, static_cast<int64_t>(-delta * rate), index, total});
+        result.overlaps.push_back({pts, wholeFrames(-delta * rate), index, total});
       }
     }
     total += frames;
@@ -115,12 +113,11 @@ AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& as
   const AVAssetTrack& audio = tracks.front();
   result.aacType = detectAACType(audio);
   result.frameDurationMs = result.aacType == AACType::aacLC ? 21.333333333333332 : 42.666666666666664;
-  const double gapThresholdMs = 3 * result.frameDurationMs;
-  log("AudioTranscoder: Detected {}, gap threshold = {:.1f}ms", text(result.aacType), gapThresholdMs);
+  log("AudioTranscoder: Detected {}, gap threshold = {:.1f}ms", text(result.aacType), result.gapThresholdMs());
   const FirstPTS first = getFirstPTSForTracks(asset);
   InternalGapResult inside;
   try {
-    inside = detectInternalGaps(asset, audio, result.aacType, gapThresholdMs);
+    inside = detectInternalGaps(asset, audio, result.aacType, result.gapThresholdMs());
   } catch (const Error& failure) {
     log("AudioTranscoder.analyzeAudioForProcessing: Error - {}", failure.description());
     result.needsTranscoding = true;
@@ -136,7 +133,7 @@ AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& as
   result.maxOverlapMs = inside.maxOverlapMs;
   result.totalOverlapMs = inside.totalOverlapMs;
   result.timelineDriftMs = inside.sampleBasedDriftMs;
-  classify(result, gapThresholdMs);
+  classify(result);
   tell(result);
   return result;
 }

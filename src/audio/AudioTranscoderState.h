@@ -37,7 +37,7 @@ struct AudioTranscodingState {
   double outputSeconds() const { return outputPTS.seconds(); }
 };
 
-/// A number of frames without its fraction; what is no number counts as none.
+/// A number of frames or ticks without its fraction, held within 2^62; what is no number counts as none.
 int64_t wholeFrames(double frames);
 
 }  // namespace tarn

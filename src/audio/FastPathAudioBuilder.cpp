@@ -161,7 +161,7 @@ BuildResult FastPathAudioBuilder::build(std::span<const AudioAction> actions) co
   const auto originalCount = static_cast<int64_t>(table.sampleSizes().size());
   log("FastPathAudioBuilder: Original audio has {} samples", originalCount);
   Bytes silent = silentFrame();
-  requireTrueSampleDelta();
+  requireTrueSampleDelta(configCheck_);
   const ActionMap map = prepareActionMap(actions, originalCount, configCheck_.sampleDelta);
   log("FastPathAudioBuilder: Will produce {} samples ({} silent)", requireSum(originalCount, map.silentSampleCount),
       map.silentSampleCount);
@@ -202,15 +202,14 @@ Bytes FastPathAudioBuilder::silentFrame() const {
 
 /// The first row of an `stts` may be a hole, or a coarse timescale may round it: laid out by it, the sound would run
 /// away from the pictures.
-void FastPathAudioBuilder::requireTrueSampleDelta() const {
-  if (configCheck_.sampleDelta <= 0 || configCheck_.sampleRate <= 0) return;  // told of elsewhere
-  const double packet = static_cast<double>(pcmSamplesPerPacket) / static_cast<double>(configCheck_.sampleRate);
-  const double ticks = packet * configCheck_.audioTimescale;
-  const double error = std::abs(static_cast<double>(configCheck_.sampleDelta) - ticks);
+void FastPathAudioBuilder::requireTrueSampleDelta(const AudioConfigCheck& config) {
+  if (config.sampleDelta <= 0 || config.sampleRate <= 0) return;  // told of elsewhere
+  const double packet = static_cast<double>(pcmSamplesPerPacket) / static_cast<double>(config.sampleRate);
+  const double ticks = packet * config.audioTimescale;
+  const double error = std::abs(static_cast<double>(config.sampleDelta) - ticks);
   if (error * minuteInToleratedDrifts <= ticks) return;
   throw FastPathError::validationFailed(fmt::format("A sample delta of {} at {} ticks a second is no packet at {} Hz",
-                                                    configCheck_.sampleDelta, configCheck_.audioTimescale,
-                                                    configCheck_.sampleRate));
+                                                    config.sampleDelta, config.audioTimescale, config.sampleRate));
 }
 
 FastPathAudioBuilder::ActionMap FastPathAudioBuilder::prepareActionMap(std::span<const AudioAction> actions,

@@ -76,6 +76,9 @@ class FastPathAudioBuilder {
   /// than about six hours of silence are asked for; Errors of the domain "SampleTable" and ByteArrayError.
   BuildResult build(std::span<const AudioAction> actions) const;
 
+  /// Throws FastPathError::validationFailed where build would for the one length of the packets.
+  static void requireTrueSampleDelta(const AudioConfigCheck& config);
+
   /// Throws FastPathError::validationFailed for a result that is not whole.
   static void validate(const BuildResult& result);
 
@@ -89,7 +92,6 @@ class FastPathAudioBuilder {
 
  private:
   Bytes silentFrame() const;
-  void requireTrueSampleDelta() const;
 
   FileManager& files_;
   Path sourceURL_;

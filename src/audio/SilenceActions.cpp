@@ -3,6 +3,7 @@
 #include <set>
 
 #include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderState.h"
 #include "audio/TimelineGaps.h"
 #include "platform/Log.h"
 
@@ -133,7 +134,7 @@ std::vector<SilenceAction> placed(std::vector<SilenceAction> actions, double sam
       continue;
     }
     action.audioSampleOffset += inserted;
-    const auto samples = static_cast<int64_t>(seconds * sampleRate);
+    const auto samples = wholeFrames(seconds * sampleRate);
     inserted += (samples + packet - 1) / packet * packet;
     result.push_back(action);
   }
@@ -223,8 +224,7 @@ std::vector<AudioAction> AudioTranscoder::convertToAudioActions(std::span<const 
   std::vector<AudioAction> actions;
   for (const SilenceAction& action : silenceActions) {
     actions.push_back({AudioAction::Kind::insertSilence, action.audioSampleOffset / aacSamplesPerFrame,
-                       static_cast<int64_t>(action.duration.seconds() * audioTimescale),
-                       std::string(text(action.reason))});
+                       wholeFrames(action.duration.seconds() * audioTimescale), std::string(text(action.reason))});
   }
   return actions;
 }

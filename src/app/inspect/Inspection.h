@@ -91,6 +91,20 @@ struct RemuxForecast {
   std::vector<std::string> losses;
 };
 
+/// A hole in the sound.
+struct HoleFacts {
+  double atSeconds = 0;
+  double milliseconds = 0;
+  /// By which the sound behind it moves forward, against its start, where packets are laid back to back.
+  double shiftMilliseconds = 0;
+};
+
+/// A place at which the sound jumps back.
+struct OverlapFacts {
+  double atSeconds = 0;
+  double milliseconds = 0;
+};
+
 /// What the audio step does to the file.
 struct AudioForecast {
   enum class Kind {
@@ -106,10 +120,16 @@ struct AudioForecast {
 
   Kind kind = Kind::notReached;
   std::string reason;
-  std::optional<AudioFindings> findings;
-  std::vector<AudioGap> holes;  ///< of the sound as it is behind the remux step
-  std::vector<AudioOverlap> overlaps;
+  std::string codec = {};  ///< tag of the first sample entry; empty where it cannot be read
+  std::optional<AudioFindings> findings = {};
+  std::vector<HoleFacts> holes = {};  ///< the first ones; the findings tell how many there are
+  std::vector<OverlapFacts> overlaps = {};
 
+  /// Track and packets differ in length, and no hole explains it.
+  bool hasDrift() const { return findings && findings->analysis.gapType == GapType::timelineDrift; }
+  /// The packets hold as many samples as the repair counts: it takes any codec for AAC, and AAC-LC of up to 24 kHz for
+  /// one that plays at twice its rate. Of others it finds a drift where there is none.
+  bool isCountTrue = false;
   bool replacesSound() const { return kind == Kind::takesFastPath || kind == Kind::transcodes; }
 };
 

@@ -172,19 +172,28 @@ JSObject audioJSON(const AudioForecast& forecast) {
   JSObject object{{"does", kindText(forecast.kind)}, {"reason", forecast.reason}};
   if (!forecast.findings) return object;
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
-  const auto milliseconds = [](const CMTime& time) { return time.seconds() * 1000; };
+  const AudioConfigCheck& config = forecast.findings->config;
+  const bool closesHoles = forecast.kind == AudioForecast::Kind::takesFastPath;
   object.set("decision", forecast.findings->decision.description());
   object.set("classification", std::string(text(analysis.gapType)));
   object.set("aacType", std::string(text(analysis.aacType)));
+  object.set("objectType", config.aacObjectType);
+  object.set("rate", config.sampleRate);
+  object.set("channels", config.channelCount);
+  object.set("whyNotReusable", orNull(config.reason));
   object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
   object.set("driftMilliseconds", analysis.timelineDriftMs);
-  object.set("holes", arrayOf(forecast.holes, [&](const AudioGap& gap) {
-               return JSObject{{"atMilliseconds", milliseconds(gap.position)},
-                               {"lengthMilliseconds", milliseconds(gap.duration)}};
+  object.set("holeCount", analysis.internalGapCount);
+  object.set("holes", arrayOf(forecast.holes, [&](const HoleFacts& hole) {
+               JSObject facts{{"atMilliseconds", hole.atSeconds * 1000}, {"lengthMilliseconds", hole.milliseconds}};
+               if (closesHoles) facts.set("shiftMilliseconds", hole.shiftMilliseconds);
+               return facts;
              }));
-  object.set("overlaps", arrayOf(forecast.overlaps, [&](const AudioOverlap& overlap) {
-               return JSObject{{"atMilliseconds", milliseconds(overlap.position)}, {"frames", overlap.framesToDrop}};
-             }));
+  object.set("overlapCount", analysis.overlapCount);
+  object.set(
+      "overlaps", arrayOf(forecast.overlaps, [](const OverlapFacts& overlap) {
+        return JSObject{{"atMilliseconds", overlap.atSeconds * 1000}, {"lengthMilliseconds", overlap.milliseconds}};
+      }));
   return object;
 }
 

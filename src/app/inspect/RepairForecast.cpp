@@ -7,7 +7,7 @@
 #include "app/LeftAlone.h"
 #include "app/inspect/DryRunFiles.h"
 #include "app/inspect/MovieFacts.h"
-#include "audio/AudioTranscoder.h"
+#include "app/inspect/SoundForecast.h"
 #include "download/FirstRecord.h"
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
@@ -135,65 +135,13 @@ class TrialRun {
   }
 
   void decideOnAudio() {
-    using Kind = AudioForecast::Kind;
     AudioForecast& forecast = inspection_.audio;
     if (!isRepaired()) {
       forecast.reason = "the remux step ends the repair";
       return;
     }
-    if (!run_.state.needsAudioTranscode) {
-      forecast.kind = Kind::skipped;
-      forecast.reason = "the file's sound is not looked at";
-      return;
-    }
-    const AVAsset asset(trial_, path_);
-    const auto tracks = asset.tracks(AVMediaType::audio);
-    if (tracks.empty()) {
-      forecast.kind = Kind::noSound;
-      forecast.reason = "there is no audio track";
-      return;
-    }
-    forecast.findings = decideAudioRepair(trial_, path_);
-    run_.originalSyncInfo = forecast.findings->originalSyncInfo;
-    listHoles(asset, tracks.front());
-    tellWhatIsDecided(forecast);
-  }
-
-  void listHoles(const AVAsset& asset, const AVAssetTrack& track) {
-    const AudioAnalysisResult& analysis = inspection_.audio.findings->analysis;
-    try {
-      auto inside = AudioTranscoder::detectInternalGaps(asset, track, analysis.aacType, 3 * analysis.frameDurationMs);
-      inspection_.audio.holes = std::move(inside.gaps);
-      inspection_.audio.overlaps = std::move(inside.overlaps);
-    } catch (const Error& failure) {
-      inspection_.problems.push_back("sound: " + failure.description());
-    }
-  }
-
-  static void tellWhatIsDecided(AudioForecast& forecast) {
-    using Kind = AudioForecast::Kind;
-    const AudioFindings& findings = *forecast.findings;
-    switch (findings.decision.kind) {
-      case RepairDecision::Kind::skip:
-        forecast.kind = Kind::leavesAlone;
-        forecast.reason = "the sound is whole";
-        return;
-      case RepairDecision::Kind::editListOnly:
-        forecast.kind = Kind::leavesToEditList;
-        forecast.reason = fmt::format("only its start differs, by {:.1f} ms", findings.analysis.initialOffsetMs);
-        return;
-      case RepairDecision::Kind::fastPath:
-        forecast.kind = Kind::takesFastPath;
-        forecast.reason = "the damage is light";
-        return;
-      case RepairDecision::Kind::fullNormalize:
-        break;
-    }
-    const bool isExtreme = hasExtremeDrift(findings.analysis);
-    forecast.kind = isExtreme ? Kind::leavesExtremeDrift : Kind::transcodes;
-    forecast.reason =
-        isExtreme ? fmt::format("its drift of {:.1f} s is beyond repair", findings.analysis.timelineDriftMs / 1000)
-                  : findings.decision.reason;
+    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode, inspection_.problems);
+    if (forecast.findings) run_.originalSyncInfo = forecast.findings->originalSyncInfo;
   }
 
   void fixSync() {

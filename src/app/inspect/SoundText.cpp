@@ -8,24 +8,36 @@
 namespace tarn {
 namespace {
 
-constexpr size_t mostListedPlaces = 8;
-constexpr double worthTellingMs = 10.0;
+constexpr size_t mostPlaces = 8;
 
 template <typename Place, typename ToText>
-void listPlaces(std::vector<std::string>& lines, const std::vector<Place>& places, const char* what, ToText toText) {
-  for (size_t i = 0; i < std::min(places.size(), mostListedPlaces); ++i) lines.push_back(toText(places[i]));
-  if (places.size() > mostListedPlaces) {
-    lines.push_back(fmt::format("and {} more {}", places.size() - mostListedPlaces, what));
+void listPlaces(std::vector<std::string>& lines, const std::vector<Place>& places, int64_t count, const char* what,
+                ToText toText) {
+  const size_t listed = std::min(places.size(), mostPlaces);
+  for (size_t i = 0; i < listed; ++i) lines.push_back(toText(places[i]));
+  const int64_t more = count - static_cast<int64_t>(listed);
+  if (more > 0) lines.push_back(fmt::format("and {} more {}{}", more, what, more == 1 ? "" : "s"));
+}
+
+std::string codecName(const AudioForecast& forecast) {
+  if (forecast.codec != "mp4a") return forecast.codec.empty() ? "unknown codec" : forecast.codec;
+  const int64_t objectType = forecast.findings->config.aacObjectType;
+  switch (objectType) {
+    case 2:
+    case 5:
+    case 29:
+      return std::string(text(forecast.findings->analysis.aacType));
+    case 34:
+      return "MPEG audio";
+    default:
+      return fmt::format("audio of object type {}", objectType);
   }
 }
 
-std::string codecLine(const AudioFindings& findings) {
-  const AudioConfigCheck& config = findings.config;
-  std::string line = config.aacObjectType == 2 || config.aacObjectType == 5 || config.aacObjectType == 29
-                         ? std::string(text(findings.analysis.aacType))
-                         : "not AAC";
-  line +=
-      fmt::format(", {} Hz, {} channel{}", config.sampleRate, config.channelCount, config.channelCount == 1 ? "" : "s");
+std::string codecLine(const AudioForecast& forecast) {
+  const AudioConfigCheck& config = forecast.findings->config;
+  const std::string line = fmt::format("{}, {} Hz, {} channel{}", codecName(forecast), config.sampleRate,
+                                       config.channelCount, config.channelCount == 1 ? "" : "s");
   return config.reason ? line + ": " + *config.reason : line + ": its packets can be used as they are";
 }
 
@@ -34,19 +46,20 @@ std::string codecLine(const AudioFindings& findings) {
 std::vector<std::string> soundLines(const AudioForecast& forecast) {
   const AudioFindings& findings = *forecast.findings;
   const AudioAnalysisResult& analysis = findings.analysis;
-  std::vector<std::string> lines{codecLine(findings)};
-  if (std::abs(analysis.initialOffsetMs) >= worthTellingMs) {
+  std::vector<std::string> lines{codecLine(forecast)};
+  if (analysis.startsApart()) {
     lines.push_back(fmt::format("it starts {:.1f} ms {} the picture", std::abs(analysis.initialOffsetMs),
                                 analysis.initialOffsetMs < 0 ? "ahead of" : "after"));
   }
-  listPlaces(lines, forecast.holes, "holes", [](const AudioGap& gap) {
-    return fmt::format("a hole of {:.1f} ms at {:.3f} s", gap.duration.seconds() * 1000, gap.position.seconds());
+  listPlaces(lines, forecast.holes, analysis.internalGapCount, "hole", [](const HoleFacts& hole) {
+    return fmt::format("a hole of {:.1f} ms at {:.3f} s", hole.milliseconds, hole.atSeconds);
   });
-  listPlaces(lines, forecast.overlaps, "overlaps", [](const AudioOverlap& overlap) {
-    return fmt::format("an overlap of {} frames at {:.3f} s", overlap.framesToDrop, overlap.position.seconds());
+  listPlaces(lines, forecast.overlaps, analysis.overlapCount, "overlap", [](const OverlapFacts& overlap) {
+    return fmt::format("an overlap of {:.1f} ms at {:.3f} s", overlap.milliseconds, overlap.atSeconds);
   });
-  if (analysis.timelineDriftMs >= worthTellingMs) {
-    lines.push_back(fmt::format("its track and its packets differ in length by {:.1f} ms", analysis.timelineDriftMs));
+  if (forecast.hasDrift()) {
+    lines.push_back(fmt::format("its track and its packets differ in length by {:.1f} ms{}", analysis.timelineDriftMs,
+                                forecast.isCountTrue ? "" : ", but only as the repair counts such packets"));
   }
   if (findings.scan && findings.scan->needsProcessing) {
     lines.push_back("it starts late against the picture, and no edit list says so");
@@ -79,10 +92,9 @@ std::vector<std::string> audioConsequences(const AudioForecast& forecast) {
   std::vector<std::string> lines;
   if (forecast.kind != AudioForecast::Kind::takesFastPath) return lines;
   // Holes close up: what is behind one moves forward by all that went before.
-  double shiftMs = 0;
-  listPlaces(lines, forecast.holes, "holes", [&](const AudioGap& gap) {
-    shiftMs += gap.duration.seconds() * 1000;
-    return fmt::format("from {:.3f} s on the sound moves forward by {:.1f} ms", gap.position.seconds(), shiftMs);
+  const int64_t count = forecast.findings->analysis.internalGapCount;
+  listPlaces(lines, forecast.holes, count, "hole", [](const HoleFacts& hole) {
+    return fmt::format("from {:.3f} s on the sound moves forward by {:.1f} ms", hole.atSeconds, hole.shiftMilliseconds);
   });
   return lines;
 }
