@@ -62,7 +62,7 @@ class Resume {
     const JSObject tasks = client_.call("getActiveDownloads").data;
     const bool isGone = std::ranges::none_of(
         outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
-    return isGone || ++looksAtTheEnd_ > 100;
+    return isGone || ++looksAtTheEnd_ > 300;
   }
 
   /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
