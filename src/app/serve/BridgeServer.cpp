@@ -50,6 +50,7 @@ constexpr size_t mostConnections = 64;
 constexpr size_t largestHead = 8 << 10;
 constexpr size_t largestFrame = 1 << 20;
 constexpr size_t largestQueue = 1024;  // messages that wait for one page; more than a replay has
+constexpr int sendBuffer = 256 << 10;  // bytes; without it the system keeps megabytes for a page that does not read
 constexpr size_t pieceSize = 64 << 10;
 constexpr size_t mostDrained = 4 << 20;
 constexpr std::chrono::seconds headTime{5};
@@ -95,7 +96,9 @@ class PageSocket : public PageConnection, public std::enable_shared_from_this<Pa
   using Stream = websocket::stream<beast::tcp_stream>;
 
   explicit PageSocket(beast::tcp_stream stream) : stream_(std::move(stream)) {
-    beast::get_lowest_layer(stream_).expires_never();
+    beast::tcp_stream& connection = beast::get_lowest_layer(stream_);
+    connection.expires_never();
+    connection.socket().set_option(tcp::socket::send_buffer_size(sendBuffer));
     websocket::stream_base::timeout times{
         .handshake_timeout = headTime, .idle_timeout = idleTime, .keep_alive_pings = true};
     stream_.set_option(times);
