@@ -47,7 +47,7 @@ build_web() {
   if [ "${version:-0}" -lt 18 ] || ! command -v npm >/dev/null; then install_missing nodejs npm; fi
   if [ ! web/node_modules/.package-lock.json -nt web/package-lock.json ]; then
     tell "Fetching the page's packages ..."
-    (cd web && npm ci --ignore-scripts --silent) >&2
+    (cd web && npm ci --ignore-scripts --loglevel=error) >&2
   fi
   local sources="web/app web/host web/plugin/src web/build.mjs web/package-lock.json"
   # shellcheck disable=SC2086

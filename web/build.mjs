@@ -21,7 +21,7 @@ await build({
   legalComments: 'none',
   logLevel: 'warning',
 });
-await build({ entryPoints: [join(app, 'app.css')], outdir: folder, minify: true, logLevel: 'warning' });
+await build({ entryPoints: [join(app, 'app.css')], outdir: folder, bundle: true, minify: true, logLevel: 'warning' });
 mkdirSync(join(folder, 'bridge'), { recursive: true });
 copyFileSync(nativeSide, join(folder, 'bridge/native.js'));
 copyFileSync(join(app, 'icon.svg'), join(folder, 'icon.svg'));

@@ -133,7 +133,10 @@ export class Tarn {
   /** The files in the photo library, as `tarn library` prints them. */
   savedFiles() {
     const text = execFileSync(binary, ['--home', this.home, 'library', '--json'], { encoding: 'utf8' });
-    return text.trim().split('\n').map((line) => JSON.parse(line).path);
+    return text
+      .trim()
+      .split('\n')
+      .map((line) => JSON.parse(line).path);
   }
 
   /** One request as it stands: nothing is tidied up on its way. */
@@ -177,10 +180,11 @@ export async function keepEvents(page) {
   });
 }
 
-/** The bridge's answer, or the words with which it rejected. */
-export function call(page, method, options) {
-  return page.evaluate(
+/** The bridge's answer, or the words with which it rejected; "no answer" when neither has come for long. */
+export async function call(page, method, options) {
+  const answer = page.evaluate(
     ([name, given]) => window.Capacitor.nativePromise('TarnBridge', name, given).catch((error) => error.message),
     [method, options],
   );
+  return Promise.race([answer, pause(15000, 'no answer', { ref: false })]);
 }

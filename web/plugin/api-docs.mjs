@@ -16,7 +16,11 @@ function docOf(node, source) {
   return words;
 }
 
-const flat = (text) => text.replace(/\s+/g, ' ').replace(/,? (?=\))|(?<=\() /g, '').trim();
+const flat = (text) =>
+  text
+    .replace(/\s+/g, ' ')
+    .replace(/,? (?=\))|(?<=\() /g, '')
+    .trim();
 
 /** The doc comment of one member of a union. It stands in front of the "|", which is no part of the member. */
 function unionDoc(member, source) {
@@ -27,7 +31,12 @@ function unionDoc(member, source) {
 
 /** What definitions.ts exports: the plug-in's methods and events, and the types of their data. */
 export function readDefinitions() {
-  const source = ts.createSourceFile(definitionsFile, readFileSync(definitionsFile, 'utf8'), ts.ScriptTarget.ES2022, true);
+  const source = ts.createSourceFile(
+    definitionsFile,
+    readFileSync(definitionsFile, 'utf8'),
+    ts.ScriptTarget.ES2022,
+    true,
+  );
   const methods = [];
   const types = [];
   for (const node of source.statements) {
@@ -85,7 +94,8 @@ function main() {
   const [, head, tail] = readme.match(/^([^]*<!-- api: [^\n]*-->\n)[^]*(<!-- \/api -->[^]*)$/);
   const fresh = `${head}\n${markdown(readDefinitions())}${tail}`;
   if (!process.argv.includes('--check')) return writeFileSync(readmeFile, fresh);
-  if (fresh !== readme) throw new Error('plugin/README.md is older than src/definitions.ts: run npm run readme in web/');
+  if (fresh !== readme)
+    throw new Error('plugin/README.md is older than src/definitions.ts: run npm run readme in web/');
 }
 
 if (process.argv[1] === fileURLToPath(import.meta.url)) {

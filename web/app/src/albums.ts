@@ -68,8 +68,12 @@ export class Albums {
   private show(): void {
     byId('albums-part', HTMLElement).hidden = false;
     byId('albums-empty', HTMLElement).hidden = this.albums.length > 0;
-    const sections = new Map([...this.container.children].map((child) => [(child as HTMLElement).dataset.title, child]));
-    const shown = this.albums.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')));
+    const sections = new Map(
+      [...this.container.children].map((child) => [(child as HTMLElement).dataset.title, child]),
+    );
+    const shown = this.albums.map((album) =>
+      this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')),
+    );
     for (const section of sections.values()) {
       if (!shown.includes(section)) section.remove();
     }

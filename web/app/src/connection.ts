@@ -20,7 +20,7 @@ const notes: Partial<Record<ConnectionState, string>> = {
   refused: 'The address of this page is no longer valid. Open the page again from where you got it.',
 };
 
-/** Shows where the connection to the engine stands, when the host tells; without a host that does, it is taken as live. */
+/** Shows where the connection to the engine stands, if the host tells; else it is taken as live. */
 export function followConnection(onLive: (epochChanged: boolean) => void): void {
   const show = ({ state, epochChanged }: Change) => {
     const badge = byId('connection', HTMLElement);

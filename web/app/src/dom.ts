@@ -19,7 +19,7 @@ export function fromTemplate(id: string): HTMLElement {
   return copy;
 }
 
-/** Makes `child` the one with this index in `parent`. One that is there already stays untouched: a move would stop it. */
+/** Makes `child` the one with this index in `parent`. One that is there is left alone: a move would disturb it. */
 export function putAt(parent: Element, index: number, child: Element): void {
   const place = parent.children[index] ?? null;
   if (place !== child) parent.insertBefore(child, place);

@@ -110,7 +110,11 @@ export class Downloads {
   async cancelAll(): Promise<void> {
     await TarnBridge.cancelAllDownloads();
     this.readyForNew = new Promise((resolve) => setTimeout(resolve, coolDown));
-    this.forget(this.all().filter(isActive).map(({ id }) => id));
+    this.forget(
+      this.all()
+        .filter(isActive)
+        .map(({ id }) => id),
+    );
   }
 
   /** Takes away one that has ended, from the engine too if that still has it. */
@@ -183,7 +187,16 @@ export class Downloads {
     if (!download) {
       const options = recall(id);
       download = {
-        id, options, phase: 'waiting', bytes: 0, total: 0, rate: 0, percent: 0, stage: '', heardAt: 0, measuredAt: 0,
+        id,
+        options,
+        phase: 'waiting',
+        bytes: 0,
+        total: 0,
+        rate: 0,
+        percent: 0,
+        stage: '',
+        heardAt: 0,
+        measuredAt: 0,
       };
       download.filename = options?.filename;
       this.known.set(id, download);
