@@ -33,8 +33,8 @@ class MP4AudioTrackReplacer {
  public:
   /// Writes `outputURL`, which is replaced: `ftyp`, a new `moov` (the source's `mvhd`, the video `trak`, the audio
   /// `trak` without an edit list), the source's `mdat` boxes, the audio's. All else is left behind. The inputs are not
-  /// changed. Throws AudioTrackReplacerError and failures of the file layer; then a part of the output may be there, for
-  /// the caller to delete.
+  /// changed. Throws AudioTrackReplacerError and failures of the file layer; then a part of the output may be there,
+  /// for the caller to delete.
   static void replaceAudioTrack(FileManager& files, const Path& originalMP4, const Path& newAudioM4A,
                                 const Path& outputURL);
 };

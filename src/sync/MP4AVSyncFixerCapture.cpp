@@ -3,13 +3,13 @@
 #include <limits>
 
 #include "mp4/DataExtensions.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SourceFile.h"
 #include "sync/TimeArithmetic.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

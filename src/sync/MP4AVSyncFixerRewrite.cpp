@@ -2,12 +2,12 @@
 
 #include "mp4/BoxWalker.h"
 #include "mp4/MoovCheck.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SourceFile.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

@@ -7,11 +7,11 @@
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MoovCheck.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MoovRewrite.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MovieLevels.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {
