@@ -276,8 +276,10 @@ test('the application is in the background while no page can be seen', async () 
 
 test('cancel, cancel all and the limit', async () => {
   const page = await open();
-  for (const _ of [1, 2]) await page.click('#limit-fewer');
-  await until('the limit', async () => (await page.textContent('#limit')) === '1');
+  await page.waitForSelector('#limit-fewer[aria-disabled=false]');
+  await page.locator('#limit-fewer').dblclick();
+  await until('the limit', async () => (await call(page, 'getDownloadLimit')).limit === 1);
+  assert.equal(await page.textContent('#limit'), '1');
   await save(page, media.address('one.mp4', 20), { filename: 'one.mp4' });
   await inPhase(page, 'one.mp4', 'loading');
   await save(page, media.address('two.mp4', 20), { filename: 'two.mp4' });

@@ -9,20 +9,29 @@ const largest = 10;
 export class Limit {
   private readonly fewer = byId('limit-fewer', HTMLButtonElement);
   private readonly more = byId('limit-more', HTMLButtonElement);
-  private limit = 0;
+  private limit: number | undefined; // until the engine has told it
+  private changes = 0;
 
-  constructor() {
-    this.fewer.addEventListener('click', () => void this.set(this.limit - 1));
-    this.more.addEventListener('click', () => void this.set(this.limit + 1));
+  constructor(onFailure: (error: unknown) => void) {
+    this.fewer.addEventListener('click', () => void this.change(-1).catch(onFailure));
+    this.more.addEventListener('click', () => void this.change(1).catch(onFailure));
   }
 
   async refresh(): Promise<void> {
-    this.show((await TarnBridge.getDownloadLimit()).limit);
+    const before = this.changes;
+    const { limit } = await TarnBridge.getDownloadLimit();
+    if (this.changes === before) this.show(limit);
   }
 
-  private async set(wanted: number): Promise<void> {
-    if (this.limit === 0 || wanted < smallest || wanted > largest) return;
+  /** The new limit shows at once, so that quick clicks add up; of several answers the last one holds. */
+  private async change(step: number): Promise<void> {
+    if (this.limit === undefined) return;
+    const wanted = this.limit + step;
+    if (wanted < smallest || wanted > largest) return;
+    const change = ++this.changes;
+    this.show(wanted);
     const { limit } = await TarnBridge.setDownloadLimit({ limit: wanted });
+    if (this.changes !== change) return;
     this.show(limit);
     announce(`Downloads at once: ${limit}`);
   }

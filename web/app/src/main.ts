@@ -15,7 +15,7 @@ const clearEnded = byId('clear-ended', HTMLButtonElement);
 const confirmation = byId('confirm-cancel-all', HTMLDialogElement);
 
 const albums = new Albums((titles) => form.offerAlbums(titles));
-const limit = new Limit();
+const limit = new Limit(showProblem);
 const rows = new Rows((action, id) => void attempt(() => act(action, id)));
 const downloads: Downloads = new Downloads(show, (download) => void settle(download));
 const form = new SaveForm(async (options) => {

@@ -1,4 +1,6 @@
-/** Words and numbers for people. */
+/** Words and numbers for people. A number and its unit stay on one line. */
+
+const joined = '\u00a0';
 
 export function bytesText(bytes: number): string {
   const units = ['B', 'KB', 'MB', 'GB', 'TB'];
@@ -7,13 +9,13 @@ export function bytesText(bytes: number): string {
     bytes /= 1000;
     unit += 1;
   }
-  return `${bytes.toFixed(unit === 0 || bytes >= 100 ? 0 : 1)} ${units[unit]}`;
+  return `${bytes.toFixed(unit === 0 || bytes >= 100 ? 0 : 1)}${joined}${units[unit]}`;
 }
 
 export function timeLeftText(seconds: number): string {
-  if (seconds < 60) return `${Math.max(1, Math.round(seconds))} s left`;
-  if (seconds < 3600) return `${Math.round(seconds / 60)} min left`;
-  return `${(seconds / 3600).toFixed(1)} h left`;
+  if (seconds < 60) return `${Math.max(1, Math.round(seconds))}${joined}s left`;
+  if (seconds < 3600) return `${Math.round(seconds / 60)}${joined}min left`;
+  return `${(seconds / 3600).toFixed(1)}${joined}h left`;
 }
 
 export function countText(count: number, one: string, many: string): string {
