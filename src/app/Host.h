@@ -46,6 +46,8 @@ class Host {
   std::vector<int64_t> pendingRuns();
   /// True while the stores hold a transfer, or a run's record, of this download.
   bool hasTransfer(int64_t id);
+  /// True while the stores hold any transfer.
+  bool hasTransfers() { return !transfers_.storedTaskDescriptions().empty(); }
   bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }
 
   TarnBridge& plugin() { return *plugin_; }

@@ -56,13 +56,13 @@ class Resume {
     return isActive;
   }
 
-  /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores; or after some
-  /// looks, since a task that nothing stands behind may stay.
+  /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores, and no stored
+  /// transfer has yet to report; or after some looks, since what nothing stands behind may stay.
   bool isEverythingGone() {
     const JSObject tasks = client_.call("getActiveDownloads").data;
     const bool isGone = std::ranges::none_of(
         outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
-    return isGone || ++looksAtTheEnd_ > 300;
+    return (isGone && !host_.hasTransfers()) || ++looksAtTheEnd_ > 300;
   }
 
   /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
