@@ -58,7 +58,7 @@ class PCMSource : public SampleBufferSource {
   void decodeNext();
   std::optional<CMSampleBuffer> takeUpcoming();
   void prepareDecoder(const CMSampleBuffer& sample);
-  void decode(const CMSampleBuffer& sample, bool isLast);
+  void decode(const CMSampleBuffer& sample, bool endsStretch);
   void place(const AVFrame& frame, const CMSampleBuffer& sample, int64_t offset, int64_t limit);
   int64_t keepInTime(int64_t start);
   void fill(int64_t frames);
@@ -75,7 +75,7 @@ class PCMSource : public SampleBufferSource {
   PCMOutput output_;
   Resampler resampler_;
 
-  std::optional<CMSampleBuffer> upcoming_;  ///< read ahead, so that the last one is known as such
+  std::optional<CMSampleBuffer> upcoming_;  ///< read ahead, so that the last of a stretch is known as such
   bool hasStarted_ = false;
   bool hasEnded_ = false;
   std::exception_ptr failure_;  ///< thrown when all that came before is out
@@ -120,7 +120,8 @@ void PCMSource::decodeNext() {
     endOfPackets_ = output_.end();
   }
   prepareDecoder(*sample);
-  decode(*sample, !upcoming_ && !failure_);
+  bool endsStretch = upcoming_ ? upcoming_->sampleIndex != sample->sampleIndex + 1 : !failure_;
+  decode(*sample, endsStretch);
 }
 
 /// The packet read ahead; reads the one behind it.
@@ -158,14 +159,16 @@ void PCMSource::prepareDecoder(const CMSampleBuffer& sample) {
   }
 }
 
-void PCMSource::decode(const CMSampleBuffer& sample, bool isLast) {
+/// `endsStretch`: the packet behind it in the track does not follow.
+void PCMSource::decode(const CMSampleBuffer& sample, bool endsStretch) {
   CMTime shownEnd = sample.duration - sample.trimDurationAtEnd;
   int64_t decoded = 0;
   if (decoder_) {
     decoder_->send(samples_->data(sample.sampleIndex));
     while (const AVFrame* frame = decoder_->receive()) {
-      // The last packet of a track is as long as its table says, one that reaches beyond its edit is cut there.
-      bool isCut = framesIn(shownEnd, frame->sample_rate) > 0 && (isLast || sample.trimDurationAtEnd.value > 0);
+      if (!resampler_.takes(*frame)) continue;
+      // Where no packet follows one is as long as the table says, and one that reaches beyond its edit is cut there.
+      bool isCut = framesIn(shownEnd, frame->sample_rate) > 0 && (endsStretch || sample.trimDurationAtEnd.value > 0);
       place(*frame, sample, decoded,
             isCut ? framesIn(shownEnd, frame->sample_rate) : std::numeric_limits<int64_t>::max());
       decoded += frame->nb_samples;

@@ -46,7 +46,13 @@ Resampler::Resampler(PCMOutput& output) : output_(output), input_(std::make_uniq
 
 Resampler::~Resampler() = default;
 
-void Resampler::configure(const AVFrame& frame) {
+bool Resampler::takes(const AVFrame& frame) {
+  if (context_ && input_->matches(frame)) return true;
+  flush();
+  return configure(frame);
+}
+
+bool Resampler::configure(const AVFrame& frame) {
   checked(av_channel_layout_copy(&input_->layout, &frame.ch_layout));
   input_->sampleRate = frame.sample_rate;
   input_->format = frame.format;
@@ -67,15 +73,13 @@ void Resampler::configure(const AVFrame& frame) {
                                    static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
   av_channel_layout_uninit(&from);
   context_.reset(context);
-  checked(result);
-  checked(swr_init(context));
+  if (result >= 0 && swr_init(context) >= 0) return true;
+  context_.reset();
+  return false;
 }
 
 void Resampler::convert(const AVFrame& frame, int first, int count) {
-  if (!context_ || !input_->matches(frame)) {
-    flush();
-    configure(frame);
-  }
+  if (!takes(frame)) throw Error("PCMDecoding", -1, "Decoded audio cannot be converted");
   auto sampleSize = static_cast<size_t>(av_get_bytes_per_sample(static_cast<AVSampleFormat>(frame.format)));
   size_t step = input_->planes.size() > 1 ? sampleSize : sampleSize * static_cast<size_t>(frame.ch_layout.nb_channels);
   for (size_t i = 0; i < input_->planes.size(); ++i) {

@@ -20,8 +20,12 @@ class Resampler {
   Resampler(const Resampler&) = delete;
   Resampler& operator=(const Resampler&) = delete;
 
-  /// Puts frames of a decoded frame, from the `first` on, behind what the output has; some may stay inside for later.
-  /// Throws an Error of the domain "PCMDecoding" for a channel layout or sample format that cannot be converted.
+  /// False for a channel layout, sample format or rate that cannot be converted. Frames unlike those before end the
+  /// stretch in work, as a flush does.
+  bool takes(const AVFrame& frame);
+
+  /// Puts samples of a frame that it takes, from the `first` on, behind what the output has; some may stay inside for
+  /// later. Throws an Error of the domain "PCMDecoding" when that fails.
   void convert(const AVFrame& frame, int first, int count);
 
   /// Puts out all that is inside. What comes next is not joined to it.
@@ -39,7 +43,7 @@ class Resampler {
     void operator()(SwrContext* context) const;
   };
 
-  void configure(const AVFrame& frame);
+  bool configure(const AVFrame& frame);
   void put(const uint8_t** data, int count);
 
   PCMOutput& output_;
