@@ -109,7 +109,8 @@ double signalToNoise(const Samples& sent, const Samples& heard) {
 }
 int largestError(const Samples& sent, const Samples& heard, size_t from, size_t to) {
   int largest = 0;
-  for (size_t i = from; i < std::min(to, heard.size()); ++i) largest = std::max(largest, std::abs(sent[i] - heard[i]));
+  for (size_t i = from; i < std::min({to, sent.size(), heard.size()}); ++i)
+    largest = std::max(largest, std::abs(sent[i] - heard[i]));
   return largest;
 }
 
