@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <chrono>
 #include <cmath>
 
 #include "audio/AudioRepairDecision.h"
@@ -163,6 +165,17 @@ TEST_F(AudioAnalysis, ChoosesTheRoadByConfigurationAndDamage) {
     EXPECT_EQ(decide({pictures(), track}).decision.description(), row.decision) << row.name;
   }
   EXPECT_EQ(decide({pictures(), sound(holed(1))}).decision.description(), "skip");
+  // Eleven changes are too many, however short.
+  const AudioAnalysisResult holes{.gapType = GapType::internalGaps, .durationSeconds = 0.5, .frameDurationMs = 21.3};
+  const AudioConfigCheck config{.matchesPassthroughTarget = true, .reason = {}, .audioTimescale = 48000};
+  const std::vector<AudioAction> changes(11);
+  for (size_t count : {10, 11}) {
+    const auto decision = AudioTranscoder::determineRepairDecision(holes, config, std::span(changes).first(count));
+    EXPECT_EQ(decision.kind == RepairDecision::Kind::fastPath, count == 10);
+  }
+  AudioAnalysisResult drifting = holes;
+  drifting.timelineDriftMs = 0.16;  // in half a second, which counts as a whole one: 9.6 ms a minute
+  EXPECT_EQ(AudioTranscoder::determineRepairDecision(drifting, config, {}).description(), "fastPath");
   // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
   EXPECT_EQ(decide({pictures(), sound(holed(65))}).decision.description(),
             "fullNormalize(Complex repair (0 actions, 0.00s silence))");
@@ -243,12 +256,131 @@ TEST_F(AudioAnalysis, InsertsSilenceForALateStartThatNoEditListGivesBack) {
     const auto converted = AudioTranscoder::convertToAudioActions(actions, 48000, 1024);
     EXPECT_EQ(converted[0], (AudioAction{AudioAction::Kind::insertSilence, 0, 14400, "audioStartsLate"}));
   }
-  // Both tracks late, the audio more so, and no edit list: the scan overrides what the audio alone says.
-  SyntheticTrack late = sound({{packets, packet}});
-  SyntheticTrack early = pictures();
-  early.ctts = {{250, -18000}};
-  const auto findings = decide({early, late});
-  EXPECT_EQ(findings.decision.kind == RepairDecision::Kind::fullNormalize, findings.scan->needsProcessing);
+  // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
+  const auto findings = decide({pictures(), sound({{packets, packet}}, {{300, -1}, {9700, 14400}})});
+  EXPECT_EQ(findings.analysis.gapType, GapType::initialOffsetOnly);
+  EXPECT_EQ(findings.decision.description(), "fullNormalize(Cross-track: 1 video gaps without matching audio gaps)");
+  EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
+}
+
+TEST_F(AudioAnalysis, MatchesGapsWithinTheTolerance) {
+  const auto gapsAt = [](std::initializer_list<double> starts) {
+    std::vector<TimelineGap> gaps;
+    for (double start : starts) {
+      gaps.push_back({CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + 1), CMTime::make(1, 1)});
+    }
+    return gaps;
+  };
+  struct Row {
+    std::vector<TimelineGap> video, audio;
+    double offset;
+    const char* stats;
+  };
+  const Row rows[] = {
+      {gapsAt({10}), gapsAt({9.8}), 0, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=0"},
+      {gapsAt({10}), gapsAt({9.5}), 0, "Matched video gaps=0, Unmatched video gaps=1, Unmatched audio gaps=1"},
+      {gapsAt({10}), gapsAt({9.5}), 0.3, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=0"},
+      {gapsAt({3, 10, 15}), gapsAt({3}), 0, "Matched video gaps=1, Unmatched video gaps=2, Unmatched audio gaps=0"},
+      {gapsAt({10}), gapsAt({2, 10, 20}), 0, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=2"},
+      // One that starts at the video's end stays, one behind it does not.
+      {gapsAt({}), gapsAt({20, 20.1}), 0, "Matched video gaps=0, Unmatched video gaps=0, Unmatched audio gaps=1"},
+  };
+  for (const Row& row : rows) {
+    const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video};
+    const AudioCoverage audio{.gaps = row.audio};
+    log_.clear();
+    EXPECT_TRUE(AudioTranscoder::detectSilenceActions(video, audio, 48000, row.offset, 0.5).empty());
+    EXPECT_TRUE(log_.contains(std::string("AudioTranscoder: ") + row.stats)) << row.stats;
+  }
+}
+
+/// An asset of one track whose buffers are given.
+class ScriptedAsset : public AVAsset {
+ public:
+  ScriptedAsset(FileManager& files, const Path& url, std::vector<CMSampleBuffer> buffers)
+      : AVAsset(files, url), buffers_(std::move(buffers)) {}
+
+  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& /*track*/) const override {
+    return std::make_unique<Source>(buffers_);
+  }
+
+ private:
+  class Source : public CompressedSampleSource {
+   public:
+    explicit Source(const std::vector<CMSampleBuffer>& buffers) : buffers_(buffers) {}
+    std::optional<CMSampleBuffer> next() override {
+      return next_ < buffers_.size() ? std::optional(buffers_[next_++]) : std::nullopt;
+    }
+    Bytes data(int64_t /*sampleIndex*/) override { return {}; }
+
+   private:
+    const std::vector<CMSampleBuffer>& buffers_;
+    size_t next_ = 0;
+  };
+  std::vector<CMSampleBuffer> buffers_;
+};
+
+TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimes) {
+  write({});
+  const auto at = [](CMTime pts, CMTime duration = CMTime::invalid(), int64_t count = 1) {
+    CMSampleBuffer buffer;
+    buffer.presentationTimeStamp = pts;
+    buffer.duration = duration;
+    buffer.numSamples = count;
+    return buffer;
+  };
+  const AVAssetTrack track;
+  const auto ticks90 = [](int64_t value) { return CMTime::make(value, 90000); };
+
+  // A thirtieth of a second stands for a duration that is missing; half a second is no gap, a tick more is one.
+  for (int64_t more : {0, 1}) {
+    const ScriptedAsset asset(files_, file_,
+                              {at(CMTime::invalid()), at(ticks90(9000)), at(CMTime::indefinite()),
+                               at(ticks90(9000 + 3000 + 45000 + more), ticks90(3000))});
+    const auto timeline = AudioTranscoder::buildVideoTimeline(asset, track, 0.5);
+    EXPECT_EQ(timeline.gaps.size(), static_cast<size_t>(more));
+    EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
+    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), static_cast<double>(51000 + more) / 90000);
+  }
+  // Buffers of three packets, the second without a time.
+  const CMTime three = CMTime::make(3072, 48000);
+  const ScriptedAsset sound(files_, file_,
+                            {at(CMTime::make(0, 48000), three, 3), at(CMTime::invalid(), three, 3),
+                             at(CMTime::make(3072 + 48000, 48000), CMTime::invalid(), 3)});
+  const auto coverage = AudioTranscoder::buildAudioCoverage(sound, track, CMTime::zero(), 48000, 0.5);
+  EXPECT_EQ(coverage.totalSampleCount, 9216);
+  ASSERT_EQ(coverage.gaps.size(), 1U);
+  EXPECT_NEAR(coverage.gaps[0].duration.seconds(), 1, 1e-4);
+  EXPECT_NEAR(coverage.lastPTS.seconds(), (3072 * 2 + 48000) / 48000.0, 1e-9);
+  AudioTranscoder::detectAudioGaps(sound, track, 48000, 2.0);
+  EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 9 AAC frames × 1024 = 9216 PCM samples"));
+
+  const ScriptedAsset nothing(files_, file_, {});
+  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(nothing, track, 0.5), AudioTranscoderError);
+  EXPECT_THROW(AudioTranscoder::buildAudioCoverage(nothing, track, {}, 48000, 0.5), AudioTranscoderError);
+  EXPECT_TRUE(AudioTranscoder::detectAudioGaps(nothing, track, 48000, 2.0).overlaps.empty());
+}
+
+TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
+  write({sound({{200000, 1024 + 48000}})});
+  const AVAsset asset(files_, file_);
+  const auto began = std::chrono::steady_clock::now();
+  const auto coverage =
+      AudioTranscoder::buildAudioCoverage(asset, asset.tracks(AVMediaType::audio)[0], CMTime::zero(), 48000, 0.5);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
+  EXPECT_EQ(coverage.totalSampleCount, 200000 * 1024);
+
+  // Lengths and offsets that no 64 bits hold in frames.
+  SyntheticTrack endless = sound({{packets, packet}});
+  endless.timescale = 1;
+  endless.longTimes = true;
+  endless.mediaDuration = INT64_MAX;
+  write({endless});
+  const auto alone = AudioTranscoder::detectAudioGaps(asset, asset.tracks(AVMediaType::audio)[0], 48000, 2.0);
+  EXPECT_EQ(alone.overlaps.back().framesToDrop, int64_t{1} << 62);
+  const SilenceAction silence{.videoPTS = CMTime::zero(), .duration = CMTime::make(INT64_MAX, 1)};
+  EXPECT_EQ(AudioTranscoder::convertToAudioActions(std::array{silence}, 48000, 1024)[0].durationTicks,
+            int64_t{1} << 62);
 }
 
 }  // namespace

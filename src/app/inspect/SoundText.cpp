@@ -62,7 +62,7 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
                                 forecast.isCountTrue ? "" : ", but only as the repair counts such packets"));
   }
   if (findings.scan && findings.scan->needsProcessing) {
-    lines.push_back("it starts late against the picture, and no edit list says so");
+    lines.push_back("it starts late against the picture, and the edit lists alone would not keep it so");
   }
   if (lines.size() == 1) lines.emplace_back("it is whole");
   return lines;
