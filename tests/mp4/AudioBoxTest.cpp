@@ -8,17 +8,17 @@
 namespace tarn {
 namespace {
 
-Bytes fromHex(std::string_view text) {
+/// Hexadecimal digits, and text in quotes.
+Bytes bytesFrom(std::string_view text) {
   Bytes bytes;
-  for (size_t i = 0; i < text.size();) {
-    if (text[i] == ' ') {
-      ++i;
-    } else if (text[i] == '\'') {
-      for (++i; text[i] != '\''; ++i) bytes.push_back(static_cast<uint8_t>(text[i]));
-      ++i;
-    } else {
-      bytes.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-      i += 2;
+  bool isQuoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\'') {
+      isQuoted = !isQuoted;
+    } else if (isQuoted) {
+      bytes.push_back(static_cast<uint8_t>(text[i]));
+    } else if (text[i] != ' ') {
+      bytes.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i++, 2)), nullptr, 16)));
     }
   }
   return bytes;
@@ -30,11 +30,7 @@ constexpr const char* esds48 =
 
 TEST(AudioBoxes, StandByteForByte) {
   const std::string zeros24(48, '0');
-  struct Row {
-    Bytes box;
-    std::string hex;
-  };
-  const Row rows[] = {
+  const std::pair<Bytes, std::string> rows[] = {
       {audioSpecificConfig(48000), "1190"},
       {audioSpecificConfig(44100), "1210"},
       {audioSpecificConfig(24000), "1310"},
@@ -56,7 +52,7 @@ TEST(AudioBoxes, StandByteForByte) {
                                               "0100 00000000000000000000 ") +
                                       matrix + zeros24 + "00000002"},
   };
-  for (const Row& row : rows) EXPECT_EQ(row.box, fromHex(row.hex)) << row.hex;
+  for (const auto& [box, hex] : rows) EXPECT_EQ(box, bytesFrom(hex)) << hex;
 }
 
 TEST(AudioBoxes, RefuseWhatDoesNotFit) {

@@ -1,72 +1,48 @@
-#include <gtest/gtest.h>
-
 #include "mp4/MP4BoxUtils.h"
-#include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
-#include "support/TempDirectory.h"
+#include "support/FileTest.h"
 
 namespace tarn {
 namespace {
 
 using namespace test;
 
-class BoxSearch : public testing::Test {
- protected:
-  FileHandle& open(const Bytes& bytes) {
-    writeFileAtomically(files_, directory_ / "boxes", bytes);
-    file_ = files_.open(directory_ / "boxes", OpenMode::reading);
-    return *file_;
-  }
+class BoxSearch : public FileTest {};
 
-  TempDirectory directory_;
-  PosixFileManager files_{directory_.path()};
-  std::unique_ptr<FileHandle> file_;
-};
+std::string text(const std::optional<MP4BoxInfo>& box) {
+  return box ? fmt::format("{}+{}, header {}", box->offset, box->size, box->headerSize) : "none";
+}
 
 TEST_F(BoxSearch, FindsBoxesWithLongHeadersAndOpenEnds) {
-  Bytes trak = longBox("trak", {mediaBox("vide")});
-  auto& file = open(joined({box("free"), longBox("moov", {trak}), boxClaiming(0, "mdat", {Bytes(100)})}));
-  auto moov = MP4BoxUtils::findBox(file, "moov", topLevelSearchLimit);
-  ASSERT_TRUE(moov);
-  EXPECT_EQ(moov->offset, 8u);
-  EXPECT_EQ(moov->headerSize, 16);
-  auto video = MP4BoxUtils::findTrack(file, *moov, MP4TrackType::video);
-  ASSERT_TRUE(video);
-  EXPECT_EQ(video->offset, 24u);
-  EXPECT_EQ(video->headerSize, 16);
-  EXPECT_EQ(video->size, trak.size());
-
-  file.seek(0);
-  auto mdat = MP4BoxUtils::findBox(file, "mdat", topLevelSearchLimit);
-  ASSERT_TRUE(mdat);
-  EXPECT_EQ(mdat->size, 108u);
-  EXPECT_EQ(mdat->end(), file.seekToEnd());
+  auto file = open(joined(
+      {box("free"), longBox("moov", {longBox("trak", {mediaBox("vide")})}), boxClaiming(0, "mdat", {Bytes(100)})}));
+  auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+  EXPECT_EQ(text(moov), "8+73, header 16");
+  EXPECT_EQ(text(MP4BoxUtils::findTrack(*file, moov.value(), MP4TrackType::video)), "24+57, header 16");
+  file->seek(0);
+  EXPECT_EQ(text(MP4BoxUtils::findBox(*file, "mdat", topLevelSearchLimit)), "81+108, header 8");
 }
 
 TEST_F(BoxSearch, SearchLimitBoundsWhereABoxMayBegin) {
-  auto& file = open(joined({box("free", {Bytes(92)}), box("free", {Bytes(92)}), box("moov")}));
-  file.seek(100);
-  EXPECT_FALSE(MP4BoxUtils::findBox(file, "moov", 100));
-  file.seek(100);
-  EXPECT_TRUE(MP4BoxUtils::findBox(file, "moov", 101));
-  file.seek(200);
-  EXPECT_TRUE(MP4BoxUtils::findBox(file, "moov", UINT64_MAX));
+  auto file = open(joined({box("free", {Bytes(92)}), box("free", {Bytes(92)}), box("moov")}));
+  for (auto [start, limit, isFound] :
+       {std::tuple(100, uint64_t{100}, false), {100, 101, true}, {200, UINT64_MAX, true}}) {
+    file->seek(static_cast<uint64_t>(start));
+    EXPECT_EQ(MP4BoxUtils::findBox(*file, "moov", limit).has_value(), isFound);
+  }
 }
 
 TEST_F(BoxSearch, PassesOverTracksWithoutAHandler) {
   Bytes cut = box("hdlr", {Bytes(11)});
-  auto& file = open(box("moov", {box("trak"), box("trak", {box("mdia")}), box("trak", {box("mdia", {cut})}),
-                                 box("trak", {mediaBox("soun")}), box("trak", {mediaBox("vide")})}));
-  auto moov = MP4BoxUtils::findBox(file, "moov", topLevelSearchLimit);
-  auto audio = MP4BoxUtils::findTrack(file, moov.value(), MP4TrackType::audio);
-  auto video = MP4BoxUtils::findTrack(file, moov.value(), MP4TrackType::video);
-  ASSERT_TRUE(audio && video);
-  EXPECT_EQ(audio->offset, 8u + 8 + 16 + 35);
-  EXPECT_EQ(video->offset, audio->end());
-
-  file.seek(3);
-  EXPECT_EQ(MP4BoxUtils::getHandlerType(file, *video), "vide");
-  EXPECT_EQ(file.offset(), 3u);
+  auto file = open(box("moov", {box("trak"), box("trak", {box("mdia")}), box("trak", {box("mdia", {cut})}),
+                                box("trak", {mediaBox("soun")}), box("trak", {mediaBox("vide")})}));
+  auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+  EXPECT_EQ(text(MP4BoxUtils::findTrack(*file, moov.value(), MP4TrackType::audio)), "67+49, header 8");
+  auto video = MP4BoxUtils::findTrack(*file, *moov, MP4TrackType::video);
+  EXPECT_EQ(text(video), "116+49, header 8");
+  file->seek(3);
+  EXPECT_EQ(MP4BoxUtils::getHandlerType(*file, video.value()), "vide");
+  EXPECT_EQ(file->offset(), 3u);
 }
 
 TEST(TrakInBuffer, MatchesTheHandlerOfTheNextMedia) {
@@ -74,20 +50,12 @@ TEST(TrakInBuffer, MatchesTheHandlerOfTheNextMedia) {
   Bytes moov = box("moov", {box("mvhd", {Bytes(20)}), box("trak", {box("tkhd")}), sound, video});
   EXPECT_EQ(MP4BoxUtils::findTrakOffset(moov, MP4TrackType::audio), 8u + 28 + 16);
   EXPECT_EQ(MP4BoxUtils::findTrakOffset(moov, MP4TrackType::video), 8u + 28 + 16 + sound.size());
-  moov.resize(moov.size() - video.size());
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(moov, MP4TrackType::video), std::nullopt);
-  // A handler cut in its type, and a handler type that is no text.
-  Bytes cut = box("moov", {box("trak", {box("mdia", {boxClaiming(33, "hdlr", {Bytes(11)})})})});
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(cut, MP4TrackType::video), std::nullopt);
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(box("moov", {trackBox("\xFFide", {})}), MP4TrackType::video), std::nullopt);
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(longBox("moov", {video}), MP4TrackType::video), std::nullopt);
-}
-
-TEST(TrakInBuffer, OffsetsComeInPreOrder) {
-  Bytes moov = box("moov", {box("udta", {box("moov", {box("free")})})});
-  EXPECT_EQ(MP4BoxUtils::findBoxOffsets(moov, "moov", 0, std::nullopt, true), (std::vector<size_t>{0, 16}));
-  EXPECT_EQ(MP4BoxUtils::findBoxOffsets(moov, "moov", 0, std::nullopt, false), (std::vector<size_t>{0}));
-  EXPECT_EQ(MP4BoxUtils::findBoxOffsets(moov, "free", 0, 31, true), std::vector<size_t>{});
+  // No video, a handler cut in its type, a handler type that is no text, a header that is too long.
+  for (const Bytes& without : {Bytes(moov.begin(), moov.end() - static_cast<ptrdiff_t>(video.size())),
+                               box("moov", {box("trak", {box("mdia", {boxClaiming(33, "hdlr", {Bytes(11)})})})}),
+                               box("moov", {trackBox("\xFFide", {})}), longBox("moov", {video})}) {
+    EXPECT_EQ(MP4BoxUtils::findTrakOffset(without, MP4TrackType::video), std::nullopt);
+  }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/MoovCheck.h"
@@ -36,29 +36,27 @@ TEST(ChunkOffsets, MoveInAllTracks) {
     ChunkOffsetTable::adjustAllInMoov(moov, c.shift);
     EXPECT_EQ(moov, movie(c.after, c.after));
   }
-  EXPECT_TRUE(log.contains("WARNING: stco offset overflow at entry 1: 4294967000 + 1000 = 4294968000, clamping"));
-  EXPECT_TRUE(log.contains("WARNING: stco offset overflow at entry 0: 100 + -200 = -100, clamping"));
+  EXPECT_THAT(log.missing({"WARNING: stco offset overflow at entry 1: 4294967000 + 1000 = 4294968000, clamping",
+                           "WARNING: stco offset overflow at entry 0: 100 + -200 = -100, clamping"}),
+              testing::IsEmpty());
 }
 
 TEST(MoovCheck, RefusesWhatABufferWalkWouldMiss) {
   Bytes track = trackBox("soun", {fullBox("stsd", {0}), fullBox("stco", {0})});
   Bytes good = box("moov", {box("mvhd"), box("udta", {boxClaiming(0, "free")}), track, longBox("udta")});
   EXPECT_EQ(whatForbidsEditing(good), std::nullopt);
-  struct {
-    const char* what;
-    Bytes moov;
-  } cases[] = {
-      {"64-bit trak", box("moov", {longBox("trak", {mediaBox("vide")})})},
-      {"open trak", box("moov", {boxClaiming(0, "trak", {mediaBox("vide")})})},
-      {"trak behind a 64-bit box", box("moov", {longBox("udta"), track})},
-      {"trak behind a nameless box", box("moov", {box("\xFF\xFF\xFF\xFF"), track})},
-      {"trak over the end", box("moov", {boxClaiming(500, "trak", {mediaBox("vide")})})},
-      {"mdat inside", box("moov", {track, boxClaiming(0, "mdat", {Bytes(20)})})},
-      {"64-bit mdia", box("moov", {box("trak", {longBox("mdia")})})},
-      {"64-bit stco", box("moov", {trackBox("vide", {longBox("stco")})})},
-      {"stco over its end", box("moov", {trackBox("vide", {boxClaiming(100, "stco")}), box("free", {Bytes(200)})})},
+  const Bytes cases[] = {
+      box("moov", {longBox("trak", {mediaBox("vide")})}),
+      box("moov", {boxClaiming(0, "trak", {mediaBox("vide")})}),
+      box("moov", {longBox("udta"), track}),
+      box("moov", {box("\xFF\xFF\xFF\xFF"), track}),
+      box("moov", {boxClaiming(500, "trak", {mediaBox("vide")})}),
+      box("moov", {track, boxClaiming(0, "mdat", {Bytes(20)})}),
+      box("moov", {box("trak", {longBox("mdia")})}),
+      box("moov", {trackBox("vide", {longBox("stco")})}),
+      box("moov", {trackBox("vide", {boxClaiming(100, "stco")}), box("free", {Bytes(200)})}),
   };
-  for (const auto& c : cases) EXPECT_NE(whatForbidsEditing(c.moov), std::nullopt) << c.what;
+  for (const Bytes& moov : cases) EXPECT_NE(whatForbidsEditing(moov), std::nullopt) << testing::PrintToString(moov);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,13 @@ class LogCapture {
   const std::vector<std::string>& lines() const { return lines_; }
   void clear() { lines_.clear(); }
   bool contains(std::string_view line) const { return std::ranges::find(lines_, line) != lines_.end(); }
+
+  /// Those of the lines that the log lacks.
+  std::vector<std::string_view> missing(std::initializer_list<std::string_view> lines) const {
+    std::vector<std::string_view> found(lines);
+    std::erase_if(found, [this](std::string_view line) { return contains(line); });
+    return found;
+  }
 
  private:
   std::vector<std::string> lines_;
