@@ -1,17 +1,14 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <optional>
 #include <string>
 
-#include "platform/host/PosixFileManager.h"
 #include "remux/MP4Remuxer.h"
 #include "support/BoxEditor.h"
-#include "support/LogCapture.h"
+#include "support/FileTest.h"
 #include "support/MediaMaker.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 
@@ -19,16 +16,28 @@ inline const VideoRecipe inBandHEVC{.codec = "libx265", .parameters = "repeat-he
 inline const VideoRecipe inBandAVC{.codec = "libx264", .parameters = "repeat-headers=1:keyint=20"};
 
 /// A file in a directory of its own, to be damaged and repaired.
-class RemuxTest : public testing::Test {
+class RemuxTest : public FileTest {
  protected:
-  void write(const Bytes& bytes) { writeFileAtomically(files_, file_, bytes); }
-  Bytes written() { return readFile(files_, file_); }
-
-  void remuxHEVC(FileManager& files, const CancellationToken* token = nullptr) {
-    MP4Remuxer::remuxHEVCWithParameterExtraction(files, file_, token, timings_);
+  void repair(bool isHEVC, FileManager& files, const CancellationToken* token = nullptr) {
+    if (isHEVC) {
+      MP4Remuxer::remuxHEVCWithParameterExtraction(files, file_, token, timings_);
+    } else {
+      MP4Remuxer::remuxAVCWithParameterExtraction(files, file_, "avc3", token, timings_);
+    }
   }
-  void remuxAVC(FileManager& files, const CancellationToken* token = nullptr) {
-    MP4Remuxer::remuxAVCWithParameterExtraction(files, file_, "avc3", token, timings_);
+  void repair(bool isHEVC) { repair(isHEVC, files_); }
+
+  /// Repairs a file. It then has these samples and plays, and a second repair changes nothing.
+  void expectRepaired(bool isHEVC, const Bytes& damaged, const std::string& samples) {
+    write(damaged);
+    repair(isHEVC);
+    const Bytes repaired = written();
+    EXPECT_EQ(sampleHashes(file_), samples);
+    EXPECT_EQ(decoderComplaints(file_), "");
+    EXPECT_EQ(probeVideo(file_, "codec_tag_string"), isHEVC ? "hvc1" : "avc1");
+    repair(isHEVC);
+    EXPECT_EQ(written(), repaired);
+    expectNothingLeftBehind();
   }
 
   /// No file but the one under repair, and nothing in the temporary directory.
@@ -37,10 +46,6 @@ class RemuxTest : public testing::Test {
     EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 2u);
   }
 
-  TempDirectory directory_;
-  PosixFileManager files_{directory_.path()};
-  Path file_ = directory_ / "clip.mp4";
-  LogCapture log_;
   std::optional<RemuxTimings> timings_;
 };
 
