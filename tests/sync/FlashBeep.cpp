@@ -1,5 +1,7 @@
 #include "sync/FlashBeep.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -19,20 +21,18 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
+Arguments together(std::initializer_list<Arguments> parts) {
+  Arguments all;
+  for (const Arguments& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
 Path tracksTogether(int seconds, int channels) {
-  const std::string length = ":d=" + std::to_string(seconds);
-  return madeByFFmpeg(
-      {"-f",       "lavfi",
-       "-i",       "color=black:s=192x144:r=25" + length + ",drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
-       "-f",       "lavfi",
-       "-i",       "aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000" + length,
-       "-c:v",     "libx264",
-       "-bf",      "2",
-       "-pix_fmt", "yuv420p",
-       "-preset",  "veryfast",
-       "-c:a",     "aac",
-       "-ac",      std::to_string(channels),
-       "-b:a",     "96k"});
+  return madeByFFmpeg(words(
+      fmt::format("-f lavfi -i color=black:s=192x144:r=25:d={0},drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill "
+                  "-f lavfi -i aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000:d={0} "
+                  "-c:v libx264 -bf 2 -pix_fmt yuv420p -preset veryfast -c:a aac -ac {1} -b:a 96k",
+                  seconds, channels)));
 }
 
 /// Times of the white frames.
@@ -65,31 +65,31 @@ std::vector<double> beeps(const Path& file) {
   return found;
 }
 
-using LeafChange = std::function<Bytes(std::string_view type, Bytes box)>;
 using ChildrenChange = std::function<void(std::vector<Bytes>& children)>;
 
 std::string_view typeOf(const Bytes& box) {
   return textOf(ByteView(box).subspan(4, 4));
 }
 
-Bytes rebuilt(Bytes whole, const LeafChange& leafChange, const ChildrenChange& childrenChange) {
+/// The box with changed children on each level from the `moov` to the tracks' headers and edit lists.
+Bytes rebuilt(const Bytes& whole, const ChildrenChange& change) {
   auto type = typeOf(whole);
-  if (type != "moov" && type != "trak" && type != "edts" && type != "mdia") return leafChange(type, whole);
+  if (type != "moov" && type != "trak" && type != "edts" && type != "mdia") return whole;
   std::vector<Bytes> children;
   for (size_t at = 8; at < whole.size(); at += readUInt32(whole, at).value()) {
     auto begin = whole.begin() + static_cast<ptrdiff_t>(at);
-    children.push_back(rebuilt({begin, begin + readUInt32(whole, at).value()}, leafChange, childrenChange));
+    children.push_back(rebuilt({begin, begin + readUInt32(whole, at).value()}, change));
   }
-  childrenChange(children);
+  change(children);
   Bytes contents;
   for (const Bytes& child : children) contents.insert(contents.end(), child.begin(), child.end());
   return box(type, {contents});
 }
 
-void rewriteMoov(const Path& file, const LeafChange& leafChange, const ChildrenChange& childrenChange) {
+void rewriteMoov(const Path& file, const ChildrenChange& change) {
   PosixFileManager files(file.parent_path());
   BoxEditor editor(readFile(files, file));
-  Bytes moov = rebuilt(editor.get("moov"), leafChange, childrenChange);
+  Bytes moov = rebuilt(editor.get("moov"), change);
   if (editor.at("moov").end() != editor.bytes.size()) throw std::runtime_error("the moov is not the last box");
   editor.bytes.resize(editor.at("moov").offset);
   writeFileAtomically(files, file, joined({editor.bytes, moov}));
@@ -114,25 +114,22 @@ Bytes widened(const Bytes& whole, const std::vector<size_t>& wideFields) {
 
 Path flashBeepClip(double audioLate, const Arguments& muxerArguments, bool audioFirst, bool twoAudioTracks) {
   Path clip = tracksTogether(3, 1);
-  auto input = [&](double late) { return Arguments{"-itsoffset", std::to_string(late), "-i", clip}; };
-  Arguments arguments = input(std::max(0.0, -audioLate));
-  Arguments audio = input(std::max(0.0, audioLate));
-  arguments.insert(arguments.end(), audio.begin(), audio.end());
-  Arguments maps{"-map", "0:v", "-map", "1:a"};
-  if (audioFirst) std::swap(maps[1], maps[3]);
-  arguments.insert(arguments.end(), maps.begin(), maps.end());
-  if (twoAudioTracks) arguments.insert(arguments.end(), {"-map", "1:a"});
-  arguments.insert(arguments.end(), {"-c", "copy"});
-  arguments.insert(arguments.end(), muxerArguments.begin(), muxerArguments.end());
-  return madeByFFmpeg(arguments);
+  auto input = [&](double late) { return Arguments{"-itsoffset", std::to_string(std::max(0.0, late)), "-i", clip}; };
+  const Arguments video{"-map", "0:v"}, audio{"-map", "1:a"};
+  return madeByFFmpeg(together({input(-audioLate),
+                                input(audioLate),
+                                audioFirst ? audio : video,
+                                audioFirst ? video : audio,
+                                twoAudioTracks ? audio : Arguments(),
+                                {"-c", "copy"},
+                                muxerArguments}));
 }
 
 Path damagedFlashBeepClip(int seconds, int channels, const Arguments& muxerArguments, double audioLate) {
-  Path clip = tracksTogether(seconds, channels);
-  Arguments arguments{"-i",  clip, "-itsoffset", std::to_string(audioLate), "-i", clip, "-map", "0:v", "-map",
-                      "1:a", "-c", "copy"};
-  arguments.insert(arguments.end(), muxerArguments.begin(), muxerArguments.end());
-  return madeByFFmpeg(arguments);
+  const std::string clip = tracksTogether(seconds, channels);
+  return madeByFFmpeg(
+      together({words(fmt::format("-i {0} -itsoffset {1:f} -i {0} -map 0:v -map 1:a -c copy", clip, audioLate)),
+                muxerArguments}));
 }
 
 double beepAfterFlash(const Path& file) {
@@ -151,8 +148,8 @@ std::vector<Beat> beats(const Path& file) {
 
 std::vector<int16_t> heardSamples(const Path& file) {
   // Time 0 of the presentation becomes the first sample: silence goes ahead of a late start.
-  auto pcm = runProcess({"ffmpeg", "-v", "error", "-copyts", "-i", file, "-map", "0:a:0", "-af",
-                         "aresample=first_pts=0", "-ac", "1", "-ar", "48000", "-f", "s16le", "-"});
+  auto pcm = runProcess(words(fmt::format(
+      "ffmpeg -v error -copyts -i {} -map 0:a:0 -af aresample=first_pts=0 -ac 1 -ar 48000 -f s16le -", file.string())));
   std::vector<int16_t> samples(pcm.output.size() / 2);
   std::memcpy(samples.data(), pcm.output.data(), samples.size() * 2);
   return samples;
@@ -165,24 +162,20 @@ std::string mediaHashes(const Path& file) {
 }
 
 void widenTimingBoxes(const Path& file) {
-  rewriteMoov(
-      file,
-      [](std::string_view type, Bytes whole) {
-        if (type == "mvhd" || type == "mdhd") return widened(whole, {0, 1, 3});
-        if (type == "tkhd") return widened(whole, {0, 1, 4});
-        if (type == "elst") return widened(whole, {1, 2, 4, 5});  // field 0 is the count, then three for each row
-        return whole;
-      },
-      [](std::vector<Bytes>&) {});
+  rewriteMoov(file, [](std::vector<Bytes>& children) {
+    for (Bytes& child : children) {
+      auto type = typeOf(child);
+      if (type == "mvhd" || type == "mdhd") child = widened(child, {0, 1, 3});
+      if (type == "tkhd") child = widened(child, {0, 1, 4});
+      if (type == "elst") child = widened(child, {1, 2, 4, 5});  // field 0 is the count, then three for each row
+    }
+  });
 }
 
 void moveEditListsToTrackEnds(const Path& file) {
-  rewriteMoov(
-      file, [](std::string_view, Bytes whole) { return whole; },
-      [](std::vector<Bytes>& children) {
-        std::stable_partition(children.begin(), children.end(),
-                              [](const Bytes& child) { return typeOf(child) != "edts"; });
-      });
+  rewriteMoov(file, [](std::vector<Bytes>& children) {
+    std::ranges::stable_partition(children, [](const Bytes& child) { return typeOf(child) != "edts"; });
+  });
 }
 
 }  // namespace tarn::test

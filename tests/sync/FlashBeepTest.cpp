@@ -1,11 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <iostream>
-
-#include "platform/host/PosixFileManager.h"
-#include "support/LogCapture.h"
-#include "support/TempDirectory.h"
+#include "support/FileTest.h"
 #include "sync/FlashBeep.h"
 #include "sync/MP4AVSyncFixer.h"
 
@@ -21,112 +14,73 @@ enum class Outcome {
 
 constexpr double priming = 1024.0 / 48000;
 
-struct Row {
-  const char* name;
-  double audioLate;
-  uint32_t movieTimescale;
-  Outcome outcome;
-  std::vector<std::string> muxerArguments = {};
-  bool audioFirst = false;
-  void (*edit)(const Path&) = nullptr;
-};
-
-void PrintTo(const Row& row, std::ostream* out) {
-  *out << row.name;
-}
-
-const std::vector<Row> rows{
-    {"together", 0, 1000, Outcome::kept},
-    {"late20ms", 0.02, 1000, Outcome::kept},
-    {"late50ms", 0.05, 1000, Outcome::kept},
-    {"late51ms", 0.051, 1000, Outcome::kept},
-    {"late300ms", 0.3, 1000, Outcome::kept},
-    {"early20ms", -0.02, 1000, Outcome::dropped},
-    {"early50ms", -0.05, 1000, Outcome::withPriming},
-    {"early51ms", -0.051, 1000, Outcome::withPriming},
-    {"early300ms", -0.3, 1000, Outcome::withPriming},
-    {"late300msAt30", 0.3, 30, Outcome::kept},
-    {"early50msAt30", -0.05, 30, Outcome::dropped},
-    {"early300msAt30", -0.3, 30, Outcome::withPriming},
-    {"late300msAt600", 0.3, 600, Outcome::kept},
-    {"early51msAt600", -0.051, 600, Outcome::withPriming},
-    {"late50msAt90000", 0.05, 90000, Outcome::kept},
-    {"early20msAt90000", -0.02, 90000, Outcome::dropped},
-    {"early300msAt90000", -0.3, 90000, Outcome::withPriming},
-    {"late300msNegativeOffsets", 0.3, 1000, Outcome::kept, {"-movflags", "negative_cts_offsets"}},
-    {"early300msNegativeOffsets", -0.3, 1000, Outcome::withPriming, {"-movflags", "negative_cts_offsets"}},
-    {"late300msMoovAhead", 0.3, 1000, Outcome::kept, {"-movflags", "faststart"}},
-    {"late300msAudioFirst", 0.3, 1000, Outcome::kept, {"-movflags", "faststart"}, true},
-    {"early300msAudioFirst", -0.3, 1000, Outcome::withPriming, {}, true},
-    {"late300msVersion1", 0.3, 1000, Outcome::kept, {}, false, widenTimingBoxes},
-    {"early300msVersion1", -0.3, 1000, Outcome::withPriming, {}, false, widenTimingBoxes},
-    {"late300msEdtsBehindMdia", 0.3, 1000, Outcome::kept, {}, false, moveEditListsToTrackEnds},
-    {"early300msEdtsBehindMdia", -0.3, 1000, Outcome::withPriming, {}, true, moveEditListsToTrackEnds},
-};
-
-class FixedClip : public testing::Test {
+class FlashBeep : public FileTest {
  protected:
-  Path copyOf(const Path& clip) {
-    Path file = directory_ / "clip.mp4";
-    std::filesystem::copy_file(clip, file);
-    return file;
+  void fix() {
+    auto original = MP4AVSyncFixer::readOriginalSyncInfo(files_, file_);
+    EXPECT_TRUE(MP4AVSyncFixer::fix(files_, file_, nullptr, nullptr, original, false));
   }
-  bool fix(const Path& file) {
-    auto original = MP4AVSyncFixer::readOriginalSyncInfo(files_, file);
-    return MP4AVSyncFixer::fix(files_, file, nullptr, nullptr, original, false);
-  }
-
-  LogCapture log_;
-  TempDirectory directory_;
-  PosixFileManager files_{directory_.path()};
 };
 
-class FlashBeep : public FixedClip, public testing::WithParamInterface<Row> {};
+TEST_F(FlashBeep, IsWhereTheRulesPutIt) {
+  using enum Outcome;
+  const std::vector<std::string> negative = {"-movflags", "negative_cts_offsets"}, ahead = {"-movflags", "faststart"};
+  struct {
+    double audioLate;
+    uint32_t movieTimescale;
+    Outcome outcome;
+    std::vector<std::string> muxerArguments = {};
+    bool isAudioFirst = false;
+    void (*edit)(const Path&) = [](const Path&) {};
+  } cases[] = {
+      {0, 1000, kept},
+      {0.02, 1000, kept},
+      {0.051, 1000, kept},
+      {0.3, 1000, kept},
+      {-0.02, 1000, dropped},
+      {-0.05, 1000, withPriming},
+      {-0.3, 1000, withPriming},
+      {0.3, 30, kept},
+      {-0.05, 30, dropped},
+      {-0.3, 30, withPriming},
+      {-0.051, 600, withPriming},
+      {0.05, 90000, kept},
+      {-0.02, 90000, dropped},
+      {-0.3, 90000, withPriming},
+      {0.3, 1000, kept, negative},
+      {-0.3, 1000, withPriming, negative},
+      {0.3, 1000, kept, ahead},
+      {0.3, 1000, kept, ahead, true},
+      {-0.3, 1000, withPriming, {}, true},
+      {0.3, 1000, kept, {}, false, widenTimingBoxes},
+      {-0.3, 1000, withPriming, {}, false, widenTimingBoxes},
+      {0.3, 1000, kept, {}, false, moveEditListsToTrackEnds},
+      {-0.3, 1000, withPriming, {}, true, moveEditListsToTrackEnds},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(
+        fmt::format("case {}, audio late by {} s, {} ticks per second", &c - cases, c.audioLate, c.movieTimescale));
+    auto arguments = c.muxerArguments;
+    arguments.insert(arguments.end(), {"-movie_timescale", std::to_string(c.movieTimescale)});
+    write(readFile(files_, flashBeepClip(c.audioLate, arguments, c.isAudioFirst)));
+    c.edit(file_);
+    const double tolerance = 1.0 / c.movieTimescale + 0.001;
+    const double source = beepAfterFlash(file_);
+    EXPECT_NEAR(source, c.audioLate, 2 * tolerance) << "the clip is not what it should be";
+    const std::string samples = mediaHashes(file_);
 
-TEST_P(FlashBeep, IsWhereTheRulesPutIt) {
-  const Row& row = GetParam();
-  auto arguments = row.muxerArguments;
-  arguments.insert(arguments.end(), {"-movie_timescale", std::to_string(row.movieTimescale)});
-  Path file = copyOf(flashBeepClip(row.audioLate, arguments, row.audioFirst));
-  if (row.edit) row.edit(file);
-  const double tolerance = 1.0 / row.movieTimescale + 0.001;
-  const double source = beepAfterFlash(file);
-  EXPECT_NEAR(source, row.audioLate, 2 * tolerance) << "the clip is not what it should be";
-  const std::string samples = mediaHashes(file);
+    fix();
+    const double measured = beepAfterFlash(file_);
+    EXPECT_NEAR(measured, c.outcome == kept ? source : c.outcome == dropped ? 0 : source - priming, tolerance);
+    EXPECT_EQ(mediaHashes(file_), samples);
 
-  ASSERT_TRUE(fix(file));
-  const double expected = row.outcome == Outcome::kept      ? source
-                          : row.outcome == Outcome::dropped ? 0
-                                                            : source - priming;
-  const double measured = beepAfterFlash(file);
-  EXPECT_NEAR(measured, expected, tolerance);
-  EXPECT_EQ(mediaHashes(file), samples);
-  std::cout << "| " << row.name << " | " << source * 1000 << " | " << expected * 1000 << " | " << measured * 1000
-            << " |\n";
-
-  const Bytes once = readFile(files_, file);
-  fix(file);
-  if (row.outcome != Outcome::withPriming) {
-    EXPECT_EQ(readFile(files_, file), once) << "a second pass changes nothing";
-  } else {
-    EXPECT_NEAR(beepAfterFlash(file), measured - priming, tolerance) << "each pass counts the priming again";
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Clips, FlashBeep, testing::ValuesIn(rows),
-                         [](const auto& row) { return std::string(row.param.name); });
-
-TEST_F(FixedClip, LeavesTheSamplesOfFurtherTracksWhereTheyAre) {
-  for (bool isReplaced : {false, true}) {
-    Path file = copyOf(flashBeepClip(0.3, {"-movflags", "faststart"}, false, true));
-    const std::string samples = mediaHashes(file);
-    const auto sizeBefore = std::filesystem::file_size(file);
-    // Facts without rows put in a shorter list than the file's.
-    auto original = isReplaced ? std::nullopt : std::optional(MP4AVSyncFixer::readOriginalSyncInfo(files_, file));
-    ASSERT_TRUE(MP4AVSyncFixer::fix(files_, file, nullptr, nullptr, original, isReplaced));
-    EXPECT_EQ(std::filesystem::file_size(file) != sizeBefore, isReplaced);
-    EXPECT_EQ(mediaHashes(file), samples);
-    std::filesystem::remove(file);
+    const Bytes once = written();
+    fix();
+    if (c.outcome == withPriming) {
+      EXPECT_NEAR(beepAfterFlash(file_), measured - priming, tolerance) << "each pass counts the priming again";
+    } else {
+      EXPECT_EQ(written(), once) << "a second pass changes nothing";
+    }
   }
 }
 

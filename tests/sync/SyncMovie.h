@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -26,16 +26,9 @@ struct SyncMovie {
   static Bytes elst(std::initializer_list<uint32_t> rows) {
     return box("elst", {values({0, static_cast<uint32_t>(rows.size() / 3)}), values(rows)});
   }
-  static Bytes elst64(std::initializer_list<uint64_t> rows, uint32_t count) {
-    Bytes contents = values({0x01000000, count});
-    size_t i = 0;
-    for (uint64_t field : rows) {
-      if (i++ % 3 < 2) {
-        ByteWriter(contents).uint64(field);
-      } else {
-        ByteWriter(contents).uint32(static_cast<uint32_t>(field));
-      }
-    }
+  static Bytes elst64(const std::vector<std::array<uint64_t, 2>>& rows) {
+    Bytes contents = values({0x01000000, static_cast<uint32_t>(rows.size())});
+    for (auto [duration, mediaTime] : rows) ByteWriter(contents).uint64(duration).uint64(mediaTime).uint32(0x10000);
     return box("elst", {contents});
   }
 
@@ -46,16 +39,13 @@ struct SyncMovie {
   }
 
   static Bytes trak(const Track& track) {
-    Bytes tkhd = fullBox("tkhd", {0, 0, 1, 0, 7});
-    Bytes edts = track.edits.empty() ? Bytes() : box("edts", {together(track.edits)});
+    Bytes chunks = values({0, static_cast<uint32_t>(track.chunks.size())});
+    for (uint32_t chunk : track.chunks) ByteWriter(chunks).uint32(chunk);
+    Bytes stbl = box("stbl", {together(track.sampleTable), box("stco", {chunks})});
     Bytes mdhd = fullBox("mdhd", {0, 0, track.timescale, track.duration, 0});
-    Bytes stco = box("stco", {values({0, static_cast<uint32_t>(track.chunks.size())}), [&] {
-                                Bytes entries;
-                                for (uint32_t chunk : track.chunks) ByteWriter(entries).uint32(chunk);
-                                return entries;
-                              }()});
-    Bytes stbl = box("stbl", {together(track.sampleTable), stco});
-    return box("trak", {tkhd, edts, box("mdia", {mdhd, handlerBox(track.handler), box("minf", {stbl})})});
+    return box("trak",
+               {fullBox("tkhd", {0, 0, 1, 0, 7}), track.edits.empty() ? Bytes() : box("edts", {together(track.edits)}),
+                box("mdia", {mdhd, handlerBox(track.handler), box("minf", {stbl})})});
   }
 
   Bytes moov() const {
