@@ -50,7 +50,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const ByteView all = input.rest();
   const ByteView front = all.first(all.size() * split / 256);
   HEVCSPSInfo info;
-  if (hevc_parse_sps(all.data(), all.size(), &info) == 0) fuzz::require(info.width <= 16384 && info.bitDepthLuma <= 16);
+  if (hevc_parse_sps(all.data(), all.size(), &info) == 0) {
+    fuzz::require(info.width >= 1 && info.width <= 16384 && info.height >= 1 && info.height <= 16384);
+    fuzz::require(info.bitDepthLuma >= 8 && info.bitDepthLuma <= 16 && info.chromaFormatIdc <= 3);
+  }
   NALUnitParser::parseSPSResolution(all);
   AVCConfigurationBox::parseSPSResolution(all);
   refusing([&] { readHvcC(all); });

@@ -19,10 +19,9 @@ namespace {
 
 /// What a sample must look like to vote for a length size.
 struct VoteRules {
-  uint32_t smallestLength4;  ///< of the first NAL unit, read as 4 bytes
-  bool checksType;           ///< the first NAL unit's type must be one that begins a picture's data, 1 to 12
+  uint32_t smallestLength;  ///< of the first NAL unit
+  bool checksType;          ///< the first NAL unit's type must be one that begins a picture's data, 1 to 12
 };
-constexpr uint32_t smallestLength2 = 3;
 
 /// All that the scan of one codec has of its own.
 struct Scan {
@@ -86,7 +85,7 @@ constexpr Scan hevcScan{
              .pictureSize = NALUnitParser::parseSPSResolution,
              .identifier = parseHEVCParameterSetID,
              .report = reportHEVCSet},
-    .vote = {.smallestLength4 = 3, .checksType = false},
+    .vote = {.smallestLength = 3, .checksType = false},
     .prefix = "",
     .warnsOfSeveralDescriptions = true,
     .reportsVotes = true,
@@ -101,7 +100,7 @@ constexpr Scan avcScan{
              .pictureSize = avcPictureSize,
              .identifier = nullptr,
              .report = reportAVCSet},
-    .vote = {.smallestLength4 = 2, .checksType = true},
+    .vote = {.smallestLength = 2, .checksType = true},
     .prefix = "AVC: ",
     .warnsOfSeveralDescriptions = false,
     .reportsVotes = false,
@@ -115,15 +114,16 @@ std::optional<int> vote(FileHandle& file, const SampleInfo& sample, const Scan& 
   SampleFront front(file, sample);
   ByteView bytes = front.at(0, 4 + scan.walk.codec.headerSize);
   if (bytes.size() < 4) return std::nullopt;
-  auto holdsUnit = [&](int64_t length, uint32_t smallest, size_t lengthSize) {
-    if (length < smallest || length >= int64_t{sample.size} - static_cast<int64_t>(lengthSize)) return false;
+  auto holdsUnit = [&](int64_t length, size_t lengthSize) {
+    if (length < scan.vote.smallestLength || length >= int64_t{sample.size} - static_cast<int64_t>(lengthSize))
+      return false;
     if (bytes.size() < lengthSize + scan.walk.codec.headerSize) return false;
     uint8_t type = scan.walk.codec.type(bytes[lengthSize]);
     return !scan.vote.checksType || (type >= 1 && type <= 12);
   };
   uint32_t first4 = loadUInt32(bytes.first<4>());
-  if (holdsUnit(first4, scan.vote.smallestLength4, 4)) return 4;
-  if (holdsUnit(first4 >> 16, smallestLength2, 2)) return 2;
+  if (holdsUnit(first4, 4)) return 4;
+  if (holdsUnit(first4 >> 16, 2)) return 2;
   return std::nullopt;
 }
 

@@ -16,8 +16,7 @@ using namespace test;
 
 std::string parsed(const Bytes& sps) {
   HEVCSPSInfo info;
-  int32_t result = parseFromC(sps.data(), sps.size(), &info);
-  if (result != 0) return fmt::format("{}", result);
+  if (int32_t result = parseFromC(sps.data(), sps.size(), &info); result != 0) return std::to_string(result);
   return fmt::format("{}x{} chroma {} depth {}/{} profile {} level {} layers {}", info.width, info.height,
                      info.chromaFormatIdc, info.bitDepthLuma, info.bitDepthChroma, info.generalProfileIdc,
                      info.generalLevelIdc, info.maxSubLayers);
@@ -68,10 +67,7 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
   };
   for (const auto& [sps, expected] : cases) {
     Bytes bytes = sps.bytes();
-    auto size = AVCConfigurationBox::parseSPSResolution(ByteView(bytes).subspan(1));
-    ASSERT_TRUE(size);
-    EXPECT_EQ(size->width, expected.width);
-    EXPECT_EQ(size->height, expected.height);
+    EXPECT_EQ(AVCConfigurationBox::parseSPSResolution(ByteView(bytes).subspan(1)), expected);
   }
   EXPECT_FALSE(AVCConfigurationBox::parseSPSResolution(Bytes(9, 0xFF)));
 
