@@ -104,7 +104,12 @@ class BoxCopier {
   void copyMdat(const BoxHeader& box) {
     Stopwatch watch(timings_.writeMdat);
     CopyProgress progress(box.size);
-    copyInChunks(box, "Failed to copy mdat", [&](uint64_t written) { progress.report(written); });
+    source_.seek(box.offset);
+    for (uint64_t written = 0; written < box.size; progress.report(written)) {
+      uint64_t copied = source_.copyRange(target_, std::min(copyChunk, box.size - written));
+      if (copied == 0) throw MP4RemuxError::writeError("Failed to copy mdat");
+      written += copied;
+    }
     log("Wrote mdat box ({} bytes)", box.size);
   }
 
@@ -142,18 +147,11 @@ class BoxCopier {
   void copyLarge(const BoxHeader& box) {
     Stopwatch watch(timings_.writeOtherBoxes);
     log("Streaming large {} box ({} bytes) in chunks...", box.type, box.size);
-    copyInChunks(box, "Failed to stream " + box.type + " box", [](uint64_t) {});
-    log("Wrote {} box ({} bytes) via streaming", box.type, box.size);
-  }
-
-  template <typename Report>
-  void copyInChunks(const BoxHeader& box, const std::string& refusal, Report report) {
     source_.seek(box.offset);
-    for (uint64_t written = 0; written < box.size; report(written)) {
-      uint64_t copied = source_.copyRange(target_, std::min(copyChunk, box.size - written));
-      if (copied == 0) throw MP4RemuxError::writeError(refusal);
-      written += copied;
+    if (source_.copyRange(target_, box.size) < box.size) {
+      throw MP4RemuxError::writeError("Failed to stream " + box.type + " box");
     }
+    log("Wrote {} box ({} bytes) via streaming", box.type, box.size);
   }
 
   FileHandle& source_;

@@ -19,11 +19,6 @@ constexpr size_t readBehindEntry = 1040;
 constexpr size_t entryInContents = stsdEntriesInBox - 8;
 constexpr uint64_t smallestAvcC = 15;
 
-std::optional<MP4BoxInfo> findDirectChild(FileHandle& file, const MP4BoxInfo& container, std::string_view type) {
-  file.seek(container.contentOffset());
-  return MP4BoxUtils::findBoxInContainer(file, container, type);
-}
-
 /// Reads at most `count` bytes of a box's contents from their start.
 Bytes readContents(FileHandle& file, const MP4BoxInfo& box, uint64_t count) {
   file.seek(box.contentOffset());
@@ -58,7 +53,7 @@ MP4BoxInfo requireStsd(FileHandle& file) {
   if (!moov) throw MP4RemuxError::corruptedMP4("moov box not found");
   MP4BoxInfo box = requireVideoTrack(file, *moov);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
-    auto child = findDirectChild(file, box, type);
+    auto child = MP4BoxUtils::findChildBox(file, box, type);
     if (!child) throw MP4RemuxError::corruptedMP4(std::string(type) + " box not found");
     box = *child;
   }
@@ -133,7 +128,7 @@ std::optional<std::string> MP4Remuxer::detectHEVCTag(FileManager& files, const P
   auto box = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
   if (box) box = MP4BoxUtils::findTrack(*file, *box, MP4TrackType::video);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
-    if (box) box = findDirectChild(*file, *box, type);
+    if (box) box = MP4BoxUtils::findChildBox(*file, *box, type);
   }
   return box ? readVideoCodecFromStsd(*file, *box) : std::nullopt;
 }

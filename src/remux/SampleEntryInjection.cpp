@@ -152,10 +152,8 @@ Bytes MP4Remuxer::injectAvcCBoxIntoMoov(ByteView moovData, ByteView avcCBox) {
 
 Bytes MP4Remuxer::updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec) {
   Bytes result(sinfData.begin(), sinfData.end());
-  if (auto format = findDataFormat(sinfData)) {
-    std::string old = decodeUTF8(sinfData.subspan(*format, 4));
-    std::ranges::copy(bytesOf(targetCodec).first<4>(), std::span(result).subspan(*format).begin());
-    log("    Updated frma data_format: {} → {}", old, targetCodec);
+  if (auto old = replaceDataFormat(result, targetCodec)) {
+    log("    Updated frma data_format: {} → {}", *old, targetCodec);
   }
   return result;
 }

@@ -1,15 +1,21 @@
 #include "remux/VisualSampleEntry.h"
 
+#include <algorithm>
+
 #include "mp4/BoxWalker.h"
+#include "mp4/DataExtensions.h"
 
 namespace tarn {
 
-std::optional<size_t> findDataFormat(ByteView sinf) {
+std::optional<std::string> replaceDataFormat(std::span<uint8_t> sinf, std::string_view format) {
   BufferBoxWalker walker(sinf, 8, sinf.size(), boxwalk::protectionChildren);
   while (auto child = walker.next()) {
     if (child->type != "frma") continue;
-    size_t format = static_cast<size_t>(child->offset) + 8;
-    return sinf.size() - format >= 4 ? std::optional(format) : std::nullopt;
+    auto field = sinf.subspan(static_cast<size_t>(child->offset) + 8);
+    if (field.size() < 4) return std::nullopt;
+    std::string old = decodeUTF8(field.first<4>());
+    std::ranges::copy(bytesOf(format).first<4>(), field.begin());
+    return old;
   }
   return std::nullopt;
 }

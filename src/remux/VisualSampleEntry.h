@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
-
-#include "platform/Bytes.h"
+#include <span>
+#include <string>
+#include <string_view>
 
 namespace tarn {
 
@@ -14,8 +16,8 @@ inline constexpr size_t sampleEntryTypeInBox = 4;
 inline constexpr size_t visualSampleEntryWidthInBox = 32;  ///< 16 bits; the height, as wide, follows
 inline constexpr size_t visualSampleEntryFixedSize = 86;   ///< header and fields; the children follow
 
-/// Where in a `sinf` box the data_format of its `frma` stands (ISO/IEC 14496-12 8.12.2), 4 bytes; nothing when there is
-/// none.
-std::optional<size_t> findDataFormat(ByteView sinf);
+/// Writes a four-character code into the data_format of the `frma` of a `sinf` box (ISO/IEC 14496-12 8.12.2) and
+/// returns the one that it had; nothing when there is none.
+std::optional<std::string> replaceDataFormat(std::span<uint8_t> sinf, std::string_view format);
 
 }  // namespace tarn

@@ -42,10 +42,7 @@ Bytes createClapBox(const PictureSize& size) {
 
 Bytes updateFrmaInSinf(ByteView sinf, std::string_view targetCodecTag) {
   Bytes result(sinf.begin(), sinf.end());
-  if (auto format = findDataFormat(sinf)) {
-    std::ranges::copy(bytesOf(targetCodecTag).first<4>(), std::span(result).subspan(*format).begin());
-    log("    Updated frma data_format to '{}'", targetCodecTag);
-  }
+  if (replaceDataFormat(result, targetCodecTag)) log("    Updated frma data_format to '{}'", targetCodecTag);
   return result;
 }
 

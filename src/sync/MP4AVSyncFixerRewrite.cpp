@@ -12,8 +12,6 @@
 namespace tarn {
 namespace {
 
-constexpr uint64_t copyChunkSize = 0xA00000;
-
 Bytes readMoov(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox) {
   auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file for reading");
   const auto failure = AVSyncError::fileHandleError("Cannot read moov box");
@@ -58,11 +56,9 @@ void followMedia(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov
   adjustChunkOffsets(moov, {.delta = growth, .movesFrom = media.isAhead ? moovBox.end() : 0});
 }
 
-void copyDataInChunks(FileHandle& source, FileHandle& destination, uint64_t size) {
-  for (uint64_t left = size; left > 0;) {
-    uint64_t copied = source.copyRange(destination, std::min(left, copyChunkSize));
-    if (copied == 0) throw AVSyncError::fileHandleError("Failed to read chunk during copy");
-    left -= copied;
+void copyData(FileHandle& source, FileHandle& destination, uint64_t size) {
+  if (source.copyRange(destination, size) < size) {
+    throw AVSyncError::fileHandleError("Failed to read chunk during copy");
   }
 }
 
@@ -73,11 +69,11 @@ void writeAround(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov
   auto destination = openTrackFile(files, target, OpenMode::creating, "Cannot create temp file");
   const uint64_t end = source->seekToEnd();
   source->seek(0);
-  copyDataInChunks(*source, *destination, moovBox.offset);
+  copyData(*source, *destination, moovBox.offset);
   destination->write(moov);
   if (moovBox.end() < end) {
     source->seek(moovBox.end());
-    copyDataInChunks(*source, *destination, end - moovBox.end());
+    copyData(*source, *destination, end - moovBox.end());
   }
 }
 

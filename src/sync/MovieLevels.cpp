@@ -6,6 +6,7 @@
 #include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
+
 BufferBoxWalker childWalker(ByteView data, const BoxHeader& parent) {
   return {data, static_cast<size_t>(parent.offset) + layout::boxHeaderSize, static_cast<size_t>(parent.end()),
           boxwalk::movieBuffer};
