@@ -3,7 +3,6 @@
 #include "mp4/BitReader.h"
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
-#include "support/FileTest.h"
 #include "support/ParameterSetBuilder.h"
 
 namespace tarn {
@@ -26,14 +25,6 @@ TEST(ByteArray, ReadsBigEndianAndStaysWhereAReadFails) {
   }
   cursor.position = SIZE_MAX;
   EXPECT_THROW(cursor.readBytes(1), ByteArrayError);
-}
-
-TEST(ByteArray, SkipsVersionAndFlags) {
-  Bytes bytes(4);
-  ByteArray whole(bytes), cut(ByteView(bytes).first(3));
-  whole.skipVersionAndFlags();
-  EXPECT_EQ(whole.position, 4u);
-  EXPECT_EQ(failureOf([&] { cut.skipVersionAndFlags(); }), ByteArrayError::invalidOffset().description());
 }
 
 TEST(DataExtensions, PatchesOnlyWhatLiesInTheData) {

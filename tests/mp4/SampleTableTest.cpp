@@ -77,7 +77,6 @@ TEST_F(SampleTable, KnowsSyncSamples) {
 }
 
 TEST_F(SampleTable, DamageIsAFailureWithWords) {
-  Bytes stss = fullBox("stss", {1, 1});
   struct {
     std::initializer_list<Bytes> boxes;
     const char* words;
@@ -87,8 +86,6 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
       {{stsz_, stsc_}, "Neither stco nor co64 found"},
       {{box("stsz"), stsc_, stco_}, "Cannot read stsz"},
       {{box("stsz", {Bytes(3)}), stsc_, stco_}, "too short for version and flags"},
-      {{box("stsz", {Bytes(11)}), stsc_, stco_}, "the data end"},
-      {{fullBox("stsz", {0, 4, 10, 20, 30}), stsc_, stco_}, "the data end"},
       {{fullBox("stsz", {0, UINT32_MAX, 10}), stsc_, stco_}, "the data end"},
       {{fullBox("stsz", {1, UINT32_MAX}), stsc_, stco_}, "more bytes than the file holds"},
       {{stsz_, fullBox("stsc", {UINT32_MAX, 1, 2, 1}), stco_}, "the data end"},
@@ -97,9 +94,7 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
       {{stsz_, stsc_, fullBox("stco", {3, 100, 500})}, "the data end"},
       {{stsz_, stsc_, fullBox("co64", {UINT32_MAX, 0, 1})}, "the data end"},
       {{stsz_, stsc_, stco_, fullBox("stss", {1, 0})}, "stss names sample 0"},
-      {{stsz_, stsc_, stco_, fullBox("stss", {2, 1})}, "the data end"},
       {{stsz_, fullBox("stsc", {0}), stco_}, "Could not compute offset for sample 0"},
-      {{stsz_, stsc_, fullBox("stco", {0})}, "Could not compute offset for sample 0"},
       {{stsz_, fullBox("stsc", {3, 1, 1, 1, 3, 1, 1, 2, 1, 1}), stco_}, "out of order"},
       {{stsz_, stsc_, fullBox("co64", {2, UINT32_MAX, UINT32_MAX, 0, 1})}, "Sample offset out of range"},
   };
@@ -162,8 +157,6 @@ TEST(SampleTableBoxes, AreWhole) {
   EXPECT_EQ(buildStszBox({}), fullBox("stsz", {0, 0}));
   EXPECT_EQ(buildStszBox(std::vector<uint32_t>{5, 5}), fullBox("stsz", {5, 2}));
   EXPECT_EQ(buildStszBox(std::vector<uint32_t>{5, 6}), fullBox("stsz", {0, 2, 5, 6}));
-  EXPECT_EQ(buildSimpleSttsBox(7, 1024), fullBox("stts", {1, 7, 1024}));
-  EXPECT_EQ(buildSimpleStscBox(), fullBox("stsc", {1, 1, 1, 1}));
   EXPECT_EQ(buildChunkOffsetBox(std::vector<uint64_t>{1, UINT32_MAX}), fullBox("stco", {2, 1, UINT32_MAX}));
   EXPECT_EQ(buildChunkOffsetBox(std::vector<uint64_t>{1, 0x100000000}), fullBox("co64", {2, 0, 1, 1, 0}));
 }

@@ -208,12 +208,12 @@ struct SparseFiles : ForwardingFileManager {
     Handle(SparseFiles& owner, std::unique_ptr<FileHandle> handle)
         : ForwardingFileHandle(std::move(handle)), files(owner) {}
     uint64_t copyRange(FileHandle& target, uint64_t count) override {
-      if (offset() < files.holeBegin || offset() + count > files.holeEnd) {
-        return ForwardingFileHandle::copyRange(target, count);
-      }
-      seek(offset() + count);
-      target.seek(target.offset() + count);
-      return count;
+      uint64_t begin = offset(), end = begin + count;
+      uint64_t skipBegin = std::clamp(files.holeBegin, begin, end), skipEnd = std::clamp(files.holeEnd, begin, end);
+      uint64_t copied = ForwardingFileHandle::copyRange(target, skipBegin - begin);
+      seek(skipEnd);
+      target.seek(target.offset() + skipEnd - skipBegin);
+      return copied + skipEnd - skipBegin + ForwardingFileHandle::copyRange(target, end - skipEnd);
     }
     SparseFiles& files;
   };
@@ -239,7 +239,7 @@ TEST_F(SeveralEntries, HaveLongOffsetsWhenTheMovedMediaNeedThem) {
     for (size_t i = 0; i < *readUInt32(head, stco + 12); ++i) {
       writeUInt32(head, *readUInt32(head, stco + 16 + 4 * i) + gap, stco + 16 + 4 * i);
     }
-    sparse.holeBegin = mdat + 0xA00000;
+    sparse.holeBegin = mdat + 8;
     sparse.holeEnd = mdat + uint64_t{gap};
     auto file = files_.open(file_, OpenMode::creating);
     file->write(head);

@@ -54,11 +54,13 @@ Bytes AVCSPS::bytes() const {
     sps.ue(chromaFormat);
     if (chromaFormat == 3) sps.bits(0, 1);
     sps.ue(0).ue(0).bits(0, 1).bits(scalingLists, 1);
-    // A list of 16 deltas, a list that ends at its first delta, and absent ones.
+    // A list of 16 deltas, absent ones, the first of those with 64, and a last one that ends at its first delta.
     if (scalingLists) {
       sps.bits(1, 1);
       for (int i = 0; i < 16; ++i) sps.se(i % 2 == 0 ? i : -i);
-      sps.bits(1, 1).se(-8).bits(0, chromaFormat == 3 ? 10 : 6);
+      sps.bits(0, 5).bits(1, 1);
+      for (int i = 0; i < 64; ++i) sps.se(i % 2 == 0 ? 1 : -1);
+      sps.bits(0, chromaFormat == 3 ? 4 : 0).bits(1, 1).se(-8);
     }
   }
   sps.ue(0).ue(pictureOrderCountType);

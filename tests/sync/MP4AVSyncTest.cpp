@@ -218,10 +218,10 @@ TEST(AVSyncTables, ConvertsCttsAndSplitsStts) {
   EXPECT_EQ(avsync_convert_ctts_v0_to_v1(ctts.data(), length(ctts), 0, out.data(), 31, nullptr), -1);
   EXPECT_EQ(avsync_ctts_v1_size(fullBox("ctts", {0x10000000}).data(), 16), -1) << "2 GiB do not fit the result";
 
-  const Bytes stts = fullBox("stts", {3, 4, 10, 2, 25, 0, 99});
+  const Bytes stts = fullBox("stts", {4, 4, 10, 1, 20, 2, 25, 0, 99});
   out.resize(static_cast<size_t>(avsync_split_stts_size(stts.data(), length(stts), 10)));
   ASSERT_EQ(avsync_split_stts_entries(stts.data(), length(stts), 10, out.data(), length(out)), length(out));
-  EXPECT_EQ(out, fullBox("stts", {7, 4, 10, 1, 10, 1, 10, 1, 5, 1, 10, 1, 10, 1, 5}));
+  EXPECT_EQ(out, fullBox("stts", {9, 4, 10, 1, 10, 1, 10, 1, 10, 1, 10, 1, 5, 1, 10, 1, 10, 1, 5}));
   EXPECT_EQ(avsync_split_stts_entries(stts.data(), length(stts), 10, out.data(), length(out) - 1), -1);
   EXPECT_EQ(avsync_split_stts_size(stts.data(), length(stts), 0), -1);
   const Bytes huge = fullBox("stts", {2, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF});
