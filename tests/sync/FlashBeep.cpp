@@ -164,7 +164,7 @@ std::string mediaHashes(const Path& file) {
 void widenTimingBoxes(const Path& file) {
   rewriteMoov(file, [](std::vector<Bytes>& children) {
     for (Bytes& child : children) {
-      auto type = typeOf(child);
+      const std::string type(typeOf(child));  // the child changes
       if (type == "mvhd" || type == "mdhd") child = widened(child, {0, 1, 3});
       if (type == "tkhd") child = widened(child, {0, 1, 4});
       if (type == "elst") child = widened(child, {1, 2, 4, 5});  // field 0 is the count, then three for each row
