@@ -5,15 +5,14 @@
 #include <numbers>
 
 #include "audio/AudioFades.h"
+#include "audio/CMSampleBufferHelpers.h"
 #include "audio/NoiseTable.h"
-#include "audio/PCM.h"
 #include "audio/PCMBufferPool.h"
 #include "support/LogCapture.h"
+#include "support/PCM.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
-
-using namespace test;
 
 double cosineAt(int64_t i, int64_t n) {
   return std::cos(std::numbers::pi * static_cast<double>(i) / static_cast<double>(n));
@@ -83,12 +82,10 @@ TEST(AudioFades, FollowThePlainReference) {
     for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<int16_t>(i % 3 == 0 ? 32767 : 7 * i - 32768);
     Samples in = source, out = source;
     const int64_t n = std::min<int64_t>(1440, frames);
-    for (size_t i = 0; n >= 2 && i < source.size(); ++i) {
-      const auto frame = static_cast<int64_t>(i / 2);
-      const int64_t inFadeOut = frame - (frames - n);
-      auto scaled = [&](double gain) { return static_cast<int16_t>(std::lround(gain * source[i])); };
-      if (frame < n) in[i] = scaled((1 - cosineAt(frame, n - 1)) / 2);
-      if (inFadeOut >= 0) out[i] = scaled((cosineAt(inFadeOut, n - 1) + 1) / 2);
+    for (int64_t i = 0; n >= 2 && i < 2 * n; ++i) {
+      const auto head = static_cast<size_t>(i), tail = static_cast<size_t>(2 * (frames - n) + i);
+      in[head] = static_cast<int16_t>(std::lround((1 - cosineAt(i / 2, n - 1)) / 2 * source[head]));
+      out[tail] = static_cast<int16_t>(std::lround((cosineAt(i / 2, n - 1) + 1) / 2 * source[tail]));
     }
     auto buffer = pcmBuffer(source, 2);
     applyFadeIn(buffer, 1440);
@@ -99,10 +96,10 @@ TEST(AudioFades, FollowThePlainReference) {
   }
 }
 
-TEST(AudioFades, FramesGoFromTheHead) {
+TEST(PCMBuffers, LoseFramesAtTheHead) {
   const std::pair<int64_t, Samples> cases[] = {{-1, {1, 2, 3, 4}}, {0, {1, 2, 3, 4}}, {1, {3, 4}}, {2, {}}, {3, {}}};
   for (const auto& [frames, left] : cases) {
-    auto buffer = pcmBuffer({1, 2, 3, 4}, 2);
+    auto buffer = pcmBuffer(Samples{1, 2, 3, 4}, 2);
     dropFramesFromHead(buffer, frames);
     EXPECT_EQ(samplesOf(buffer), left) << frames;
   }
@@ -119,9 +116,9 @@ TEST(PCMBuffers, GoToSampleBuffersAndBack) {
   EXPECT_EQ(toAVAudioPCMBuffer(*sampleBuffer, stereo, AVAudioPCMBuffer(stereo, 2))->frameCapacity(), 3u);
 
   // One of the pool may have fewer channels, and holds what it was used for.
-  PCMBufferPool::shared().returnBuffer(pcmBuffer({9, 9, 9}, 1));
+  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9}, 1));
   EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), samples);
-  PCMBufferPool::shared().returnBuffer(pcmBuffer({9, 9, 9, 9}, 2));
+  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9, 9}, 2));
   sampleBuffer->numSamples = 2;
   sampleBuffer->dataBuffer = std::make_shared<const CMBlockBuffer>(Bytes{1, 0});
   EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), (Samples{1, 0, 0, 0}));
@@ -145,4 +142,4 @@ TEST(PCMBuffers, WhatCannotBeMadeIsNothing) {
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test
