@@ -22,22 +22,18 @@ double cosineAt(int64_t i, int64_t n) {
 Samples reference(int64_t frames, const SilenceShape& shape, int channels, NoiseTable noiseTable) {
   const int64_t ramp = std::min(shape.rampFrames, frames / 2);
   const int amplitude = static_cast<int>(shape.noiseLevel * 32767);
-  auto noise = [&] { return shape.useComfortNoise ? noiseTable.draw() * amplitude >> 15 : 0; };
-  auto clamped = [](int value) { return static_cast<int16_t>(std::clamp(value, -32768, 32767)); };
+  const auto noise = [&] { return shape.useComfortNoise ? noiseTable.draw() * amplitude >> 15 : 0; };
   Samples samples;
   for (int64_t frame = 0; frame < frames; ++frame) {
-    const bool isHead = frame < ramp;
-    if (!isHead && frame < frames - ramp) {
-      for (int i = 0; i < channels; ++i) samples.push_back(clamped(noise()));
-      continue;
-    }
+    const bool isHead = frame < ramp, isMiddle = !isHead && frame < frames - ramp;
     const int64_t i = isHead ? frame : frame - (frames - ramp);
-    const double p = static_cast<double>(i) / static_cast<double>(ramp);
+    const double p = static_cast<double>(i) / static_cast<double>(ramp), swell = isHead ? (p - 0.8) / 0.2 : 1 - p / 0.2;
     const int neighbour = isHead ? shape.lastSampleValue : shape.nextSampleValue;
     int value = static_cast<int>((isHead ? cosineAt(i, ramp) + 1 : 1 - cosineAt(i, ramp)) / 2 * neighbour);
-    if (neighbour != 0 && isHead && p > 0.8) value += static_cast<int>((p - 0.8) / 0.2 * noise());
-    if (neighbour != 0 && !isHead && p < 0.2) value += static_cast<int>((1 - p / 0.2) * noise());
-    samples.insert(samples.end(), static_cast<size_t>(channels), clamped(value));
+    if (!isMiddle && neighbour != 0 && swell > 0) value += static_cast<int>(swell * noise());
+    for (int c = 0; c < channels; ++c) {
+      samples.push_back(static_cast<int16_t>(std::clamp(isMiddle ? noise() : value, -32768, 32767)));
+    }
   }
   return samples;
 }

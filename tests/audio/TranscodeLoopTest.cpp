@@ -32,25 +32,21 @@ struct Played {
   AudioTranscodingState state;
 };
 
-/// Mono buffers of one value go through the loop, at these times of the source.
-Played play(const TranscodePlan& plan, const std::vector<CMTime>& times, AudioTranscoder::Config config = {}) {
+/// So many mono buffers of one value go through the loop, at these times of the source, or else one behind the other.
+Played play(const TranscodePlan& plan, size_t buffers, AudioTranscoder::Config config = {},
+            const std::vector<CMTime>& times = {}) {
   config.channels = 1;
   const AudioNormalizer normalizer({.channels = 1});
   CMSampleBuffer buffer = sampleBuffer(Samples(bufferFrames, loud), 1);
   Recorder recorder;
   TranscodeLoop loop(plan, config, normalizer, recorder);
-  for (size_t i = 0; i < times.size() && !loop.capReached(); ++i) {
-    buffer.presentationTimeStamp = times[i];
+  for (size_t i = 0; i < buffers && !loop.capReached(); ++i) {
+    buffer.presentationTimeStamp =
+        times.empty() ? CMTime::make(static_cast<int64_t>(i) * bufferFrames, 48000) : times[i];
     loop.process(buffer);
   }
   loop.finish();
   return {recorder, loop.state()};
-}
-
-Played play(const TranscodePlan& plan, int buffers, const AudioTranscoder::Config& config = {}) {
-  std::vector<CMTime> times;
-  for (int i = 0; i < buffers; ++i) times.push_back(CMTime::make(i * bufferFrames, 48000));
-  return play(plan, times, config);
 }
 
 AudioGap gap(int64_t sampleOffset, double seconds) {
@@ -66,7 +62,7 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
   struct {
     const char* what;
     TranscodePlan plan;
-    int buffers;
+    size_t buffers;
     Lengths lengths;
     Counts counts = {};
   } const cases[] = {
@@ -130,7 +126,8 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
 TEST(TranscodeLoop, TellsOfTimesThatAreWrongAndOfGapsThatItDidNotMeet) {
   const TranscodePlan plan{.gaps = {{{}, {}, 7, 32768}}, .firstPTS = CMTime::make(1, 1)};
   LogCapture log;
-  EXPECT_EQ(play(plan, {CMTime::make(1, 1), CMTime::make(3, 2), {}, CMTime::make(5, 4)}).output.samples.size(), 32768u);
+  const std::vector<CMTime> times = {CMTime::make(1, 1), CMTime::make(3, 2), {}, CMTime::make(5, 4)};
+  EXPECT_EQ(play(plan, 4, {}, times).output.samples.size(), 32768u);
   for (const char* line :
        {"AudioTranscoder: Invalid source PTS for buffer #3, using accumulated outputPTS",
         "AudioTranscoder: PTS regression detected - rebasedPts=0.250s < outputPTS=0.341s, using outputPTS",
