@@ -133,37 +133,35 @@ TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSound) {
 TEST_F(AudioAnalysis, ChoosesTheRoadByConfigurationAndDamage) {
   const struct {
     SyntheticTrack audio;
-    const char* decision;
+    const char* decision;  // or why all is done
   } rows[] = {
       {sound({{packets, packet}}), "skip"},
       {coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100), "skip"},
-      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "fullNormalize(Channel count 1 != target 2)"},
-      {coded(aacSampleEntry(48000, 6, {0x11, 0xB0}), 48000), "fullNormalize(Channel count 6 != target 2)"},
+      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "Channel count 1 != target 2"},
       {coded(aacSampleEntry(32000, 2, {0x12, 0x90}), 32000),
-       "fullNormalize(Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000))"},
-      {coded(lc24, 24000), "fullNormalize(Complex repair (0 actions, 0.00s silence))"},
-      {coded(heAAC, 24000), "fullNormalize(HE-AAC v1 (SBR) requires full normalize)"},
-      {coded(aacSampleEntry(24000, 2, {0xEB, 0x09, 0x88, 0x00}), 24000),
-       "fullNormalize(HE-AAC v2 (PS) requires full normalize)"},
+       "Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
+      {coded(lc24, 24000), "Complex repair (0 actions, 0.00s silence)"},
+      {coded(heAAC, 24000), "HE-AAC v1 (SBR) requires full normalize"},
+      {coded(aacSampleEntry(24000, 2, {0xEB, 0x09, 0x88}), 24000), "HE-AAC v2 (PS) requires full normalize"},
       {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
-       "fullNormalize(Non-AAC-LC codec (object type 34) requires full normalize)"},
+       "Non-AAC-LC codec (object type 34) requires full normalize"},
       {holed(1), "skip"},
       {late(70), "editListOnly"},
       // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
-      {holed(65), "fullNormalize(Complex repair (0 actions, 0.00s silence))"},
+      {holed(65), "Complex repair (0 actions, 0.00s silence)"},
       {holed(65, packets * 42), "fastPath"},
       // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
-      {sound({{packets, packet}}, {{300, -1}, {9700, 14400}}),
-       "fullNormalize(Cross-track: 1 video gaps without matching audio gaps)"},
+      {sound({{packets, packet}}, {{300, -1}, {9700, 14400}}), "Cross-track: 1 video gaps without matching audio gaps"},
   };
   for (const auto& row : rows) {
     const AudioFindings findings = decide(row.audio);
-    EXPECT_EQ(findings.decision.description(), row.decision);
+    const bool isFull = findings.decision.kind == RepairDecision::Kind::fullNormalize;
+    EXPECT_EQ(isFull ? findings.decision.reason : findings.decision.description(), row.decision);
     EXPECT_EQ(findings.scan.has_value(), !findings.analysis.needsTranscoding) << row.decision;
     EXPECT_EQ(findings.config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
     EXPECT_EQ(findings.config.sampleDelta, packet);
   }
-  EXPECT_TRUE(log_.contains("Repair decision: editListOnly"));
+  EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Channel count 1 != target 2)"));
   EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
 
@@ -209,35 +207,34 @@ TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGiv
   const struct {
     double audioStart, syncOffset;
     Gaps video, audio;
-    const char* unmatched;  // of both
-    double silence = 0;     // seconds
+    size_t unmatchedVideo, unmatchedAudio;
+    bool addsSilence = false;
   } rows[] = {
-      {0.3, 0, {}, {gapAt(5)}, "0, Unmatched audio gaps=1", 0.3},
-      {0.3, 0.3, {}, {}, "0, Unmatched audio gaps=0"},
-      {0.1, 0, {}, {}, "0, Unmatched audio gaps=0"},
-      {0.3, 0.01, {}, {}, "0, Unmatched audio gaps=0"},
-      {-0.3, 0, {}, {}, "0, Unmatched audio gaps=0"},
-      {0, 0, {gapAt(10)}, {gapAt(9.8)}, "0, Unmatched audio gaps=0"},
-      {0, 0, {gapAt(10)}, {gapAt(9.5)}, "1, Unmatched audio gaps=1"},
-      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, "0, Unmatched audio gaps=0"},
-      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, "2, Unmatched audio gaps=0"},
-      {0, 0, {gapAt(3), gapAt(10)}, {gapAt(10)}, "1, Unmatched audio gaps=0"},
-      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, "0, Unmatched audio gaps=2"},
+      {0.3, 0, {}, {gapAt(5)}, 0, 1, true},
+      {0.3, 0.3, {}, {}, 0, 0},
+      {0.1, 0, {}, {}, 0, 0},
+      {0.3, 0.01, {}, {}, 0, 0},
+      {-0.3, 0, {}, {}, 0, 0},
+      {0, 0, {gapAt(10)}, {gapAt(9.8)}, 0, 0},
+      {0, 0, {gapAt(10)}, {gapAt(9.5)}, 1, 1},
+      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, 0, 0},
+      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, 2, 0},
+      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, 0, 2},
       // One that starts at the video's end stays, one behind it does not.
-      {0, 0, {}, {gapAt(20), gapAt(20.1)}, "0, Unmatched audio gaps=1"},
+      {0, 0, {}, {gapAt(20), gapAt(20.1)}, 0, 1},
   };
   for (const auto& row : rows) {
     log_.clear();
     const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video, .rebaseOffset = CMTime::make(1, 1)};
     const AudioCoverage audio{.gaps = row.audio, .originalFirstPTS = CMTime::makeWithSeconds(1 + row.audioStart)};
     const auto actions = AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5);
-    EXPECT_TRUE(
-        log_.contains(fmt::format("AudioTranscoder: Matched video gaps={}, Unmatched video gaps={}",
-                                  row.video.size() - static_cast<size_t>(row.unmatched[0] - '0'), row.unmatched)))
-        << row.unmatched;
+    const auto stats =
+        fmt::format("AudioTranscoder: Matched video gaps={}, Unmatched video gaps={}, Unmatched audio gaps={}",
+                    row.video.size() - row.unmatchedVideo, row.unmatchedVideo, row.unmatchedAudio);
+    EXPECT_TRUE(log_.contains(stats)) << stats;
     const auto converted = AudioTranscoder::convertToAudioActions(actions, 48000, 1024);
     std::vector<AudioAction> expected;
-    if (row.silence > 0) expected = {{AudioAction::Kind::insertSilence, 0, ticks(300), "audioStartsLate"}};
+    if (row.addsSilence) expected = {{AudioAction::Kind::insertSilence, 0, ticks(300), "audioStartsLate"}};
     EXPECT_EQ(converted, expected) << row.audioStart << " " << row.syncOffset;
   }
 }
@@ -262,11 +259,7 @@ class ScriptedAsset : public AVAsset {
 TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimesAndOverlaps) {
   clip_.write({});
   const auto at = [](CMTime pts, CMTime duration = CMTime::invalid(), int64_t count = 1) {
-    CMSampleBuffer buffer;
-    buffer.presentationTimeStamp = pts;
-    buffer.duration = duration;
-    buffer.numSamples = count;
-    return buffer;
+    return CMSampleBuffer{pts, duration, count, nullptr, nullptr};
   };
   const AVAssetTrack track;
   const auto ticks90 = [](int64_t value) { return CMTime::make(value, 90000); };

@@ -15,6 +15,7 @@
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
+#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {
@@ -23,15 +24,6 @@ using Kind = MovieLayout::Piece::Kind;
 
 constexpr uint64_t fourGiB = uint64_t{1} << 32;
 
-/// Hash of all packets of one stream ("v:0", "a:0"), their times apart, as ffmpeg reads them without the edit list;
-/// empty for a file that it cannot read.
-std::string streamHash(const Path& file, const std::string& stream) {
-  const auto [exitCode, text] = runProcess({"ffmpeg", "-v", "error", "-ignore_editlist", "1", "-i", file, "-map",
-                                            "0:" + stream, "-c", "copy", "-f", "streamhash", "-"});
-  const size_t line = text.find("0," + stream.substr(0, 1) + ",");
-  return exitCode == 0 && line != std::string::npos ? text.substr(line) : "";
-}
-
 class TrackReplacer : public testing::Test {
  protected:
   void replace(FileManager& files) { MP4AudioTrackReplacer::replaceAudioTrack(files, source_, newAudio_, output_); }
@@ -39,10 +31,13 @@ class TrackReplacer : public testing::Test {
     return failureOf([&] { replace(files_); });
   }
 
+  /// The line of its hash, without the number.
+  std::string newSound() { return mediaHashes(newAudio_).substr(1); }
+
   /// The output has the source's pictures and the new sound, and nothing that a player complains of.
   void expectWhole(const std::string& what) {
-    EXPECT_EQ(streamHash(output_, "v:0"), streamHash(video_, "v:0")) << what;
-    EXPECT_EQ(streamHash(output_, "a:0"), streamHash(newAudio_, "a:0")) << what;
+    const std::string own = mediaHashes(video_);
+    EXPECT_EQ(mediaHashes(output_), own.substr(0, own.find('\n') + 1) + "1" + newSound()) << what;
     EXPECT_EQ(decoderComplaints(output_), "") << what;
   }
 
@@ -68,10 +63,8 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
   hint.insert("moov", 8, trackBox("hint", {fullBox("stco", {1, 7})}));
   hinted.moov = hint.bytes;
   const MovieLayout::Piece ftyp{Kind::raw, plain.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
-  const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, tail{Kind::raw, values({3, 3, 3})};
+  const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, lastThird{Kind::mdat, {}, twoThirds};
   const MovieLayout::Piece firstThird{Kind::mdat, {}, 0, third}, second{Kind::longMdat, {}, third, twoThirds};
-  const MovieLayout::Piece lastThird{Kind::mdat, {}, twoThirds}, openMdat{Kind::openMdat};
-  const MovieLayout::Piece openFtyp{Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})};
   const struct {
     std::string name;
     const MovieLayout& layout;
@@ -81,21 +74,20 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
       {"moov behind", plain, {ftyp, noise, mdat, moov}},
       {"media around the moov", plain, {ftyp, firstThird, noise, moov, second, noise, lastThird}},
       {"64-bit offsets and sizes", longOffsets, {ftyp, moov, {Kind::longMdat}}},
-      {"mdat without an end", plain, {ftyp, moov, openMdat}},
+      {"mdat without an end", plain, {ftyp, moov, {Kind::openMdat}}},
       {"moov without an end", plain, {ftyp, mdat, {Kind::openMoov}}},
       {"no ftyp", plain, {moov, mdat}},
-      {"ftyp without an end", plain, {moov, mdat, openFtyp}},
+      {"ftyp without an end", plain, {moov, mdat, {Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})}}},
       {"hint track ahead", hinted, {ftyp, moov, mdat}},
-      {"a tail that is no box", plain, {ftyp, moov, mdat, tail}},
+      {"a tail that is no box", plain, {ftyp, moov, mdat, {Kind::raw, values({3, 3, 3})}}},
   };
   for (const auto& row : rows) {
     writeFileAtomically(files_, source_, row.layout.build(row.pieces));
     replace(files_);
     expectWhole(row.name);
-    EXPECT_EQ(runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_})
-                  .output,
-              "video,0x1\naudio,0x2\n")
-        << row.name;
+    const auto probe =
+        runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_});
+    EXPECT_EQ(probe.output, "video,0x1\naudio,0x2\n") << row.name;
     const BoxEditor output(readFile(files_, output_));
     EXPECT_EQ(output.topLevel("ftyp").front().offset, 0u) << row.name;
     EXPECT_EQ(output.topLevel("moov").front().offset, output.topLevel("ftyp").front().end()) << row.name;
@@ -252,21 +244,19 @@ TEST_F(TrackReplacer, SurvivesDamageAnywhereInTheMoov) {
   const MovieLayout layout(readFile(files_, video_));
   const Bytes whole = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
   std::mt19937 random(7);
-  int written = 0;
+  int written = 0, played = 0;
   for (int round = 0; round < 300; ++round) {
     Bytes damaged = whole;
     const size_t at = layout.ftyp.size() + random() % (layout.moov.size() - 4);
     writeUInt32(damaged, round % 2 == 0 ? random() % 64 : static_cast<uint32_t>(random()), at);
     writeFileAtomically(files_, source_, damaged);
-    if (!failure().empty()) continue;
-    ++written;
+    if (!failure().empty() || ++written % 16 != 0 || !mediaHashes(source_).starts_with("0,v,")) continue;
     // A player that takes the damaged pictures finds the sound whole.
-    if (round % 16 == 0 && !streamHash(source_, "v:0").empty()) {
-      EXPECT_EQ(streamHash(output_, "a:0"), streamHash(newAudio_, "a:0")) << at;
-    }
+    EXPECT_NE(mediaHashes(output_).find("1" + newSound()), std::string::npos) << at;
+    ++played;
   }
-  EXPECT_GT(written, 0);
   EXPECT_LT(written, 300);
+  EXPECT_GT(played, 3);
 }
 
 }  // namespace
