@@ -7,7 +7,6 @@
 #include "audio/FastPathAudioRepair.h"
 #include "audio/FastPathAudioWriter.h"
 #include "audio/SilentAACSampleCache.h"
-#include "download/DownloadTask.h"
 #include "mp4/DataExtensions.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
@@ -15,9 +14,9 @@
 #include "support/FailureOf.h"
 #include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
-#include "support/ManualClock.h"
 #include "support/MovieLayout.h"
 #include "support/PCM.h"
+#include "support/RunRecorder.h"
 #include "support/TempDirectory.h"
 #include "sync/FlashBeep.h"
 
@@ -27,20 +26,16 @@ namespace {
 using Builder = FastPathAudioBuilder;
 using Kind = MovieLayout::Piece::Kind;
 
-AudioConfigCheck configOf(int64_t rate) {
-  return {.sampleRate = rate, .reason = {}, .audioTimescale = static_cast<int32_t>(rate), .sampleDelta = 1024};
-}
-
-AudioAction silence(int64_t ahead, double packets, const std::string& reason = "") {
-  return {AudioAction::Kind::insertSilence, ahead, static_cast<int64_t>(packets * 1024), reason};
-}
-
-Samples decoded(const Path& file) {
-  return decodedByFFmpeg(file, "", "-ignore_editlist 1");
-}
-
-class FastPath : public testing::Test, public ProcessingRunListener {
+class FastPath : public testing::Test {
  protected:
+  static AudioConfigCheck configOf(int64_t rate) {
+    return {.sampleRate = rate, .reason = {}, .audioTimescale = static_cast<int32_t>(rate), .sampleDelta = 1024};
+  }
+  static AudioAction silence(int64_t ahead, double packets, const std::string& reason = "") {
+    return {AudioAction::Kind::insertSilence, ahead, static_cast<int64_t>(packets * 1024), reason};
+  }
+  static Samples decoded(const Path& file) { return decodedByFFmpeg(file, "", "-ignore_editlist 1"); }
+
   /// A tone beside pictures, or alone.
   static Path tone(int64_t rate, bool hasPictures, const std::string& seconds = "2") {
     const std::string pictures = hasPictures ? "-f lavfi -i testsrc2=size=192x144:rate=25 " : "";
@@ -48,22 +43,15 @@ class FastPath : public testing::Test, public ProcessingRunListener {
                               " -c:v libx264 -c:a aac -ac 2 -b:a 128k -movflags faststart -t " + seconds));
   }
 
-  bool saveRecord(const CancellationToken&, const ProcessingState& record) override {
-    // What is new in the record is not on the disk yet.
-    for (const Path& file : record.tempFiles) {
-      const bool isNew = std::ranges::find(record_.tempFiles, file) == record_.tempFiles.end();
-      EXPECT_FALSE(isNew && files_.fileExists(file)) << file;
-    }
-    record_ = record;
-    names_.insert(names_.end(), record.tempFiles.begin(), record.tempFiles.end());
-    return true;
-  }
-  void progressUpdated(const std::shared_ptr<DownloadTask>&, double, const std::string&) override {}
-
   void repair(FileManager& files, int64_t rate) {
-    record_ = {};
-    record_.fileURL = file_;
-    ProcessingRun run(files, clock_, namesInTheMaking_, *this, record_, nullptr, token_);
+    recorder_.onSave = [&](const ProcessingState& record) {
+      for (const Path& file : record.tempFiles) {
+        if (std::ranges::count(recorder_.record.tempFiles, file) > 0) continue;
+        EXPECT_FALSE(files_.fileExists(file)) << "what is new in the record is not on the disk yet";
+        names_.push_back(file.filename().string());
+      }
+    };
+    ProcessingRun run = recorder_.runOn(files, file_);
     performFastPathAudioRepair(run, {}, configOf(rate));
   }
 
@@ -78,11 +66,8 @@ class FastPath : public testing::Test, public ProcessingRunListener {
   TempDirectory directory_;
   PosixFileManager files_{directory_ / "home"};
   Path file_ = directory_ / "clip.mp4";
-  ManualClock clock_;
-  NamesInTheMaking namesInTheMaking_;
-  std::shared_ptr<CancellationToken> token_ = std::make_shared<CancellationToken>();
-  ProcessingState record_;
-  std::vector<Path> names_;  ///< of all temp files that were recorded
+  RunRecorder recorder_;
+  std::vector<std::string> names_;  ///< of all temp files that were recorded
   LogCapture log_;
 };
 
@@ -94,9 +79,9 @@ TEST_F(FastPath, KeepsPicturesAndPacketsAndPlays) {
     EXPECT_EQ(mediaHashes(file_), mediaHashes(source)) << rate;
     EXPECT_EQ(decoded(file_), decoded(source)) << rate;
     EXPECT_EQ(decoderComplaints(file_), "") << rate;
-    EXPECT_EQ(names_.at(0).filename().string().substr(36), "_fastpath.mp4");
-    EXPECT_EQ(names_.at(2).filename().string().substr(36), "_fastpath_audio.m4a");
-    EXPECT_TRUE(record_.tempFiles.empty());
+    EXPECT_EQ(names_.at(0).substr(36), "_fastpath.mp4");
+    EXPECT_EQ(names_.at(1).substr(36), "_fastpath_audio.m4a");
+    EXPECT_TRUE(recorder_.record.tempFiles.empty());
     EXPECT_EQ(files_.contentsOfDirectory(directory_.path()), std::vector<std::string>{"clip.mp4"});
   }
   EXPECT_TRUE(log_.contains("FastPath: Audio repair completed successfully"));
@@ -114,9 +99,9 @@ TEST_F(FastPath, LeavesTheSourceWholeAndNoTempFileWhateverFails) {
     EXPECT_EQ(readFile(files_, file_) == source, failed) << call;
     // What could not be deleted is in the record.
     for (const std::string& name : files_.contentsOfDirectory(directory_.path())) {
-      const bool isListed = std::ranges::find(record_.tempFiles, directory_ / name) != record_.tempFiles.end();
-      EXPECT_TRUE(name == "clip.mp4" || isListed) << name << " after " << call;
-      if (name != "clip.mp4") files_.removeItem(directory_ / name);
+      if (name == "clip.mp4") continue;
+      EXPECT_EQ(std::ranges::count(recorder_.record.tempFiles, directory_ / name), 1) << name << " after " << call;
+      files_.removeItem(directory_ / name);
     }
   } while (faulty.fired());
   EXPECT_GT(call, 40u);

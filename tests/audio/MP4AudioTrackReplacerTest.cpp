@@ -41,6 +41,18 @@ class TrackReplacer : public testing::Test {
     EXPECT_EQ(decoderComplaints(output_), "") << what;
   }
 
+  static Bytes mvhd(uint32_t timescale) { return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)}); }
+  static Bytes track(const std::string& handler, uint32_t id, uint32_t duration,
+                     std::initializer_list<Bytes> tables = {}) {
+    BoxEditor editor(trackBox(handler, tables));
+    editor.insert("trak", 8, fullBox("tkhd", {0, 0, id, 0, duration}));
+    return editor.bytes;
+  }
+  /// A file whose media begin at offset 8 and end at 100.
+  static Bytes movie(std::initializer_list<Bytes> boxes) {
+    return joined({box("mdat", {Bytes(92)}), box("moov", boxes)});
+  }
+
   TempDirectory directory_;
   PosixFileManager files_{directory_.path()};
   Path source_ = directory_ / "source.mp4";
@@ -144,21 +156,6 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
       fmt::format("  Upgraded stco to co64: {} bytes -> {} bytes", stco.size, stco.size + 4 * chunks.size())));
 }
 
-// --- Boxes by hand ---
-
-Bytes mvhd(uint32_t timescale) {
-  return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)});
-}
-Bytes track(const std::string& handler, uint32_t trackID, uint32_t duration, std::initializer_list<Bytes> tables = {}) {
-  BoxEditor editor(trackBox(handler, tables));
-  editor.insert("trak", 8, fullBox("tkhd", {0, 0, trackID, 0, duration}));
-  return editor.bytes;
-}
-/// A file whose media begin at offset 8 with an empty `mdat`'s end.
-Bytes movie(std::initializer_list<Bytes> boxes) {
-  return joined({box("mdat", {Bytes(92)}), box("moov", boxes)});
-}
-
 TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
   newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(44100), track("soun", 1, 441000)}));
@@ -176,12 +173,9 @@ TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
 TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
   const Bytes goodTrack = track("vide", 1, 100), good = movie({mvhd(600), goodTrack});
   const Bytes goodAudio = movie({mvhd(600), track("soun", 1, 100)});
-  const auto pictures = [](std::initializer_list<uint32_t> stco) {
-    return movie({mvhd(1), track("vide", 1, 1, {fullBox("stco", stco)})});
-  };
-  const auto sound = [](std::initializer_list<uint32_t> stts) {
-    return movie({mvhd(1), track("soun", 1, 1, {fullBox("stts", stts)})});
-  };
+  using Fields = std::initializer_list<uint32_t>;
+  const auto pictures = [](Fields stco) { return movie({mvhd(1), track("vide", 1, 1, {fullBox("stco", stco)})}); };
+  const auto sound = [](Fields stts) { return movie({mvhd(1), track("soun", 1, 1, {fullBox("stts", stts)})}); };
   const auto withMdat = [&](const Bytes& mdat) { return joined({box("moov", {mvhd(1), goodTrack}), mdat}); };
   const struct {
     std::string failure;

@@ -14,9 +14,8 @@
 namespace tarn::test {
 namespace {
 
-double cosineAt(int64_t i, int64_t n) {
-  return std::cos(std::numbers::pi * static_cast<double>(i) / static_cast<double>(n));
-}
+/// Half a turn in n steps.
+const auto cosineAt = [](double i, double n) { return std::cos(std::numbers::pi * i / n); };
 
 /// The shape told frame by frame.
 Samples reference(int64_t frames, const SilenceShape& shape, int channels, NoiseTable noiseTable) {
@@ -27,9 +26,10 @@ Samples reference(int64_t frames, const SilenceShape& shape, int channels, Noise
   for (int64_t frame = 0; frame < frames; ++frame) {
     const bool isHead = frame < ramp, isMiddle = !isHead && frame < frames - ramp;
     const int64_t i = isHead ? frame : frame - (frames - ramp);
-    const double p = static_cast<double>(i) / static_cast<double>(ramp), swell = isHead ? (p - 0.8) / 0.2 : 1 - p / 0.2;
+    const double at = static_cast<double>(i), length = static_cast<double>(ramp), p = at / length;
+    const double swell = isHead ? (p - 0.8) / 0.2 : 1 - p / 0.2;
     const int neighbour = isHead ? shape.lastSampleValue : shape.nextSampleValue;
-    int value = static_cast<int>((isHead ? cosineAt(i, ramp) + 1 : 1 - cosineAt(i, ramp)) / 2 * neighbour);
+    int value = static_cast<int>((isHead ? cosineAt(at, length) + 1 : 1 - cosineAt(at, length)) / 2 * neighbour);
     if (!isMiddle && neighbour != 0 && swell > 0) value += static_cast<int>(swell * noise());
     for (int c = 0; c < channels; ++c) {
       samples.push_back(static_cast<int16_t>(std::clamp(isMiddle ? noise() : value, -32768, 32767)));
@@ -73,12 +73,12 @@ TEST(NoiseTable, FillsTheRangeAndComesRound) {
 }
 
 TEST(AudioFades, FollowThePlainReference) {
-  for (int64_t frames : {1, 2, 3, 1439, 1440, 1441, 8192}) {
-    Samples source(static_cast<size_t>(frames * 2));
+  for (int frames : {1, 2, 3, 1439, 1440, 1441, 8192}) {
+    Samples source(static_cast<size_t>(frames) * 2);
     for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<int16_t>(i % 3 == 0 ? 32767 : 7 * i - 32768);
     Samples in = source, out = source;
-    const int64_t n = std::min<int64_t>(1440, frames);
-    for (int64_t i = 0; n >= 2 && i < 2 * n; ++i) {
+    const int n = std::min(1440, frames);
+    for (int i = 0; n >= 2 && i < 2 * n; ++i) {
       const auto head = static_cast<size_t>(i), tail = static_cast<size_t>(2 * (frames - n) + i);
       in[head] = static_cast<int16_t>(std::lround((1 - cosineAt(i / 2, n - 1)) / 2 * source[head]));
       out[tail] = static_cast<int16_t>(std::lround((cosineAt(i / 2, n - 1) + 1) / 2 * source[tail]));

@@ -49,12 +49,8 @@ Played play(const TranscodePlan& plan, size_t buffers, AudioTranscoder::Config c
   return {recorder, loop.state()};
 }
 
-AudioGap gap(int64_t sampleOffset, double seconds) {
-  return {{}, CMTime::makeWithSeconds(seconds), 0, sampleOffset};
-}
-AudioOverlap overlap(int64_t sampleOffset, int64_t frames) {
-  return {{}, frames, 0, sampleOffset};
-}
+const auto gap = [](int64_t at, double seconds) { return AudioGap{{}, CMTime::makeWithSeconds(seconds), 0, at}; };
+const auto overlap = [](int64_t at, int64_t frames) { return AudioOverlap{{}, frames, 0, at}; };
 
 TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
   using Lengths = std::vector<int64_t>;
