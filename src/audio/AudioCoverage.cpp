@@ -23,9 +23,6 @@ class GapStarts {
   }
 
  private:
-  struct Earlier {
-    bool operator()(const CMTime& a, const CMTime& b) const { return compare(a, b) < 0; }
-  };
   std::set<CMTime, Earlier> starts_;
 };
 

@@ -24,9 +24,10 @@ int16_t scaled(int16_t sample, double gain) {
 template <typename Gain>
 void fade(AVAudioPCMBuffer& buffer, int64_t firstFrame, int64_t count, Gain gain) {
   const auto channels = static_cast<size_t>(buffer.format().channelCount);
+  const auto samples = samplesOf(buffer);
   for (int64_t i = 0; i < count; ++i) {
     const double turn = std::numbers::pi * static_cast<double>(i) / static_cast<double>(count - 1);
-    for (int16_t& sample : samplesOf(buffer).subspan(static_cast<size_t>(firstFrame + i) * channels, channels)) {
+    for (int16_t& sample : samples.subspan(static_cast<size_t>(firstFrame + i) * channels, channels)) {
       sample = scaled(sample, gain(std::cos(turn)));
     }
   }

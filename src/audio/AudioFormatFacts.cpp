@@ -1,16 +1,15 @@
 #include "audio/AudioTranscoder.h"
+#include "media/AudioSpecificConfig.h"
 #include "platform/Log.h"
 
 namespace tarn {
 namespace {
 
 constexpr double highestCoreRate = 24000.0;
-constexpr int noObjectType = 0;
 
-/// audioObjectType of the AudioSpecificConfig; 0 without one.
+/// 0 without an AudioSpecificConfig.
 int objectType(const CMFormatDescription& description) {
-  const ByteView cookie = CMAudioFormatDescriptionGetMagicCookie(description);
-  return cookie.size() < 2 ? noObjectType : cookie[0] >> 3;
+  return announcedObjectType(CMAudioFormatDescriptionGetMagicCookie(description)).value_or(0);
 }
 
 bool hasLowRate(const CMFormatDescription& description) {
@@ -23,11 +22,11 @@ bool hasLowRate(const CMFormatDescription& description) {
 AACType AudioTranscoder::detectAACType(const AVAssetTrack& audioTrack) {
   for (const auto& description : audioTrack.formatDescriptions) {
     switch (objectType(*description)) {
-      case 2:
+      case objectTypeLC:
         return AACType::aacLC;
-      case 29:
+      case objectTypePS:
         return AACType::heAACv2;
-      case 5:
+      case objectTypeSBR:
         return AACType::heAACv1;
       default:
         if (hasLowRate(*description)) return AACType::heAACv1;
@@ -39,7 +38,7 @@ AACType AudioTranscoder::detectAACType(const AVAssetTrack& audioTrack) {
 int AudioTranscoder::detectAACFrameSize(const AVAssetTrack& audioTrack) {
   for (const auto& description : audioTrack.formatDescriptions) {
     const int type = objectType(*description);
-    if (type == 29 || type == 5) {
+    if (type == objectTypePS || type == objectTypeSBR) {
       log("AudioTranscoder: Detected HE-AAC (AOT={}), using 2048 samples/frame", type);
       return 2048;
     }

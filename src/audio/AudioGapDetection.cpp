@@ -1,8 +1,8 @@
 #include <cmath>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/AudioTranscoderState.h"
 #include "audio/CompressedWalk.h"
+#include "audio/FrameCounts.h"
 #include "audio/TimelineGaps.h"
 #include "platform/Log.h"
 
@@ -93,7 +93,7 @@ class GapDetector {
   CMTime previousEnd_;
 };
 
-void tellOfLength(GapDetectionResult& result, const CMTime& trackDuration, double rate) {
+void measureLength(GapDetectionResult& result, const CMTime& trackDuration, double rate) {
   const double samples = static_cast<double>(result.totalSampleCount) / rate;
   result.containerDurationSeconds = trackDuration.seconds();
   result.sampleBasedDriftMs = std::abs(result.containerDurationSeconds - samples) * 1000;
@@ -135,7 +135,7 @@ GapDetectionResult AudioTranscoder::detectAudioGaps(const AVAsset& asset, const 
   log("AudioTranscoder: Pass 1 counted {} AAC frames × {} = {} PCM samples", result.totalSampleCount / samplesPerFrame,
       samplesPerFrame, result.totalSampleCount);
   detector.compareWithTrack(audioTrack.timeRange.duration);
-  tellOfLength(result, audioTrack.timeRange.duration, rate);
+  measureLength(result, audioTrack.timeRange.duration, rate);
   return std::move(result);
 }
 

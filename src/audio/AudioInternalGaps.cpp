@@ -2,8 +2,8 @@
 #include <cmath>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/AudioTranscoderState.h"
 #include "audio/CompressedWalk.h"
+#include "audio/FrameCounts.h"
 #include "platform/Log.h"
 
 namespace tarn {

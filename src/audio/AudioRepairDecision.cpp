@@ -51,6 +51,29 @@ void decide(AudioFindings& findings) {
 
 }  // namespace
 
+RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResult& analysisResult,
+                                                        const AudioConfigCheck& configCheck,
+                                                        std::span<const AudioAction> actions) {
+  using Kind = RepairDecision::Kind;
+  constexpr size_t mostActions = 10;
+  constexpr double mostSilence = 5.0;  // seconds
+  if (!configCheck.matchesPassthroughTarget) {
+    return {Kind::fullNormalize, configCheck.reason.value_or("Config not passthrough-eligible")};
+  }
+  if (analysisResult.gapType == GapType::clean) return {Kind::skip, ""};
+  if (analysisResult.gapType == GapType::initialOffsetOnly) return {Kind::editListOnly, ""};
+  double totalSilence = 0;
+  for (const AudioAction& action : actions) {
+    totalSilence += static_cast<double>(action.durationTicks) / configCheck.audioTimescale;
+  }
+  if (actions.size() <= mostActions && totalSilence < mostSilence &&
+      analysisResult.driftRate() < RepairDecision::tooHighDriftRate) {
+    return {Kind::fastPath, ""};
+  }
+  return {Kind::fullNormalize,
+          fmt::format("Complex repair ({} actions, {:.2f}s silence)", actions.size(), totalSilence)};
+}
+
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL) {
   AudioFindings findings;
   analyze(files, fileURL, findings);

@@ -50,6 +50,7 @@ class AudioTranscoder {
   /// Hz; twice the described rate for any track at or below 24000 Hz.
   static double detectActualSampleRate(const AVAssetTrack& audioTrack);
 
+  /// Of the first description that names any; 2 where none does.
   static int64_t getSourceChannelCount(FileManager& files, const Path& fileURL);
 
   struct FirstPTS {
@@ -74,19 +75,22 @@ class AudioTranscoder {
   /// Never fails: what cannot be read does not match, and says why.
   static AudioConfigCheck analyzeAudioConfig(FileManager& files, const Path& fileURL);
 
+  /// What the audio alone asks for: `actions` are the changes that its compressed samples would need.
   static RepairDecision determineRepairDecision(const AudioAnalysisResult& analysisResult,
                                                 const AudioConfigCheck& configCheck,
                                                 std::span<const AudioAction> actions);
 
   // The two timelines side by side. Thresholds and tolerances in seconds.
 
-  /// Throws AudioTranscoderError, and the failure of a file that cannot be opened.
+  /// Both throw AudioTranscoderError, and the failure of a file that cannot be opened. A buffer without a duration is
+  /// as long as a thirtieth of a second, or as its frames at `sampleRate`, in Hz.
   static VideoTimeline buildVideoTimeline(const AVAsset& asset, const AVAssetTrack& videoTrack,
                                           double gapThresholdSeconds);
   static AudioCoverage buildAudioCoverage(const AVAsset& asset, const AVAssetTrack& audioTrack,
                                           const CMTime& videoRebaseOffset, double sampleRate,
                                           double gapThresholdSeconds);
 
+  /// Sorts the gaps and joins those that lie no further apart than the tolerance.
   static std::vector<TimelineGap> mergeOverlappingGaps(std::vector<TimelineGap> gaps, double toleranceSeconds);
 
   /// `syncOffsetSeconds` is that of the source, positive when its audio is delayed; 0 when it is not known.

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "audio/AudioTranscoder.h"
+#include "audio/FrameCounts.h"
 #include "media/AVAudioPCMBuffer.h"
 #include "media/CMTime.h"
 
@@ -18,7 +19,9 @@ struct PendingAudioBuffer {
 
 /// How far the second pass has come. Frames are those of the output rate.
 struct AudioTranscodingState {
-  explicit AudioTranscodingState(const AudioTranscoder::Config& configuration);
+  explicit AudioTranscodingState(const AudioTranscoder::Config& configuration)
+      : config(configuration),
+        fadeLengthFrames(wholeFrames(configuration.sampleRate * configuration.fadeDurationMs / 1000)) {}
 
   AudioTranscoder::Config config;
   int64_t fadeLengthFrames;
@@ -36,8 +39,5 @@ struct AudioTranscodingState {
 
   double outputSeconds() const { return outputPTS.seconds(); }
 };
-
-/// A number of frames or ticks without its fraction, held within 2^62; what is no number counts as none.
-int64_t wholeFrames(double frames);
 
 }  // namespace tarn

@@ -120,11 +120,6 @@ class SilenceShaper {
 
 }  // namespace
 
-int32_t frameTimescale(double sampleRate) {
-  const bool isRate = sampleRate >= 1 && sampleRate <= std::numeric_limits<int32_t>::max();
-  return isRate ? static_cast<int32_t>(sampleRate) : 0;
-}
-
 CMFormatDescriptionPointer createPCMFormatDescription(double sampleRate, int channels) {
   try {
     return CMAudioFormatDescriptionCreate(interleavedPCM16(sampleRate, static_cast<uint32_t>(std::max(channels, 0))));

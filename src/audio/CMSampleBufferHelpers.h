@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "audio/FrameCounts.h"
 #include "media/AVAudioPCMBuffer.h"
 #include "media/CMFormatDescription.h"
 #include "media/CMSampleBuffer.h"
@@ -10,11 +11,8 @@
 
 namespace tarn {
 
-/// Makers of PCM sample buffers and of PCM buffers, 16-bit signed, interleaved, in host byte order. A maker that cannot
-/// make gives nothing and says why in the log.
-
-/// The timescale of times that count frames at this rate; 0 for what is no rate.
-int32_t frameTimescale(double sampleRate);
+/// Makers of PCM sample buffers and of PCM buffers, 16-bit signed, interleaved, in host byte order, at rates in Hz. A
+/// maker that cannot make gives nothing and says why in the log.
 
 /// Null when there is no such format.
 CMFormatDescriptionPointer createPCMFormatDescription(double sampleRate, int channels);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "audio/FrameCounts.h"
 #include "media/AVAssetReader.h"
 
 namespace tarn {
@@ -38,9 +39,9 @@ inline bool isStated(const CMTime& time) {
   return time.isValid() && !time.isIndefinite();
 }
 
-/// Where a buffer ends: its stated duration behind its time, or else so many frames at this rate.
+/// Where a buffer ends: its stated duration behind its time, or else so many frames at this rate in Hz.
 inline CMTime endOf(const CMSampleBuffer& buffer, int64_t frames, double rate) {
-  const CMTime length = isStated(buffer.duration) ? buffer.duration : CMTime::make(frames, static_cast<int32_t>(rate));
+  const CMTime length = isStated(buffer.duration) ? buffer.duration : CMTime::make(frames, frameTimescale(rate));
   return buffer.presentationTimeStamp + length;
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "audio/SilentAACSampleCache.h"
+#include "audio/SoundTracks.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"
@@ -28,26 +29,15 @@ struct AudioTrackInfo {
   MP4BoxInfo stblBox;
 };
 
-/// Nothing where the `trak` is not one of sound, or lacks a link on the way down to its sample table.
-std::optional<AudioTrackInfo> audioTrackOf(FileHandle& file, const MP4BoxInfo& trak) {
-  const auto mdia = MP4BoxUtils::findChildBox(file, trak, "mdia");
-  const auto minf = mdia ? MP4BoxUtils::findChildBox(file, *mdia, "minf") : std::nullopt;
-  if (!minf || !MP4BoxUtils::findChildBox(file, *minf, "smhd")) return std::nullopt;
-  const auto stbl = MP4BoxUtils::findChildBox(file, *minf, "stbl");
-  return stbl ? std::optional(AudioTrackInfo{trak, *stbl}) : std::nullopt;
-}
-
+/// The first sound track that has a sample table.
 AudioTrackInfo findAudioTrack(FileHandle& file) {
   const uint64_t fileSize = file.seekToEnd();
   file.seek(0);
   const auto moov = MP4BoxUtils::findBox(file, "moov", fileSize);
   if (!moov) throw FastPathError::cannotParseBox("moov");
-  for (uint64_t position = moov->contentOffset(); position < moov->end();) {
-    file.seek(position);
-    const auto trak = MP4BoxUtils::findBox(file, "trak", moov->end() - position);
-    if (!trak) break;
-    if (auto track = audioTrackOf(file, *trak)) return *std::move(track);
-    position = trak->end();
+  SoundTracks tracks(file, *moov);
+  while (const auto track = tracks.next()) {
+    if (const auto stbl = MP4BoxUtils::findChildBox(file, track->minf, "stbl")) return {track->trak, *stbl};
   }
   throw FastPathError::noAudioTrack();
 }

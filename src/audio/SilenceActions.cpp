@@ -1,9 +1,11 @@
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <optional>
 #include <set>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/AudioTranscoderState.h"
+#include "audio/FrameCounts.h"
 #include "audio/TimelineGaps.h"
 #include "platform/Log.h"
 
@@ -51,11 +53,6 @@ std::vector<TimelineGap> withinVideo(const std::vector<TimelineGap>& gaps, doubl
     log("AudioTranscoder: Filtered {} audio gaps beyond video duration", gaps.size() - kept.size());
   }
   return kept;
-}
-
-void sortByStart(std::vector<TimelineGap>& gaps) {
-  std::ranges::stable_sort(
-      gaps, [](const CMTime& a, const CMTime& b) { return compare(a, b) < 0; }, &TimelineGap::startPTS);
 }
 
 struct Matches {
@@ -123,8 +120,7 @@ void tellOfAudioGaps(const std::vector<TimelineGap>& gaps) {
 /// Sorts the actions and counts the silence of each into the places of those behind it.
 std::vector<SilenceAction> placed(std::vector<SilenceAction> actions, double sampleRate) {
   constexpr int64_t packet = 1024;
-  std::ranges::stable_sort(
-      actions, [](const CMTime& a, const CMTime& b) { return compare(a, b) < 0; }, &SilenceAction::videoPTS);
+  std::ranges::stable_sort(actions, Earlier(), &SilenceAction::videoPTS);
   std::vector<SilenceAction> result;
   int64_t inserted = 0;
   for (SilenceAction action : actions) {

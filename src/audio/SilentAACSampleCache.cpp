@@ -39,7 +39,7 @@ Bytes generateSilentAACFrame(int64_t sampleRate) {
                                         .mChannelsPerFrame = channels,
                                         .mBitsPerChannel = 0,
                                         .mReserved = 0};
-  const auto [created, converter] = AudioConverter::create(interleavedPCM16(rate, channels), aac);
+  auto [created, converter] = AudioConverter::create(interleavedPCM16(rate, channels), aac);
   if (created != noErr || !converter) throw SilentFrameError::converterCreationFailed(created);
   if (const OSStatus refused = converter->setEncodeBitRate(bitRate)) {
     log("SilentAACSampleCache: Warning - could not set bit rate: {}", refused);
@@ -65,7 +65,7 @@ Bytes SilentAACSampleCache::getSilentFrame(int64_t sampleRate) {
   }
   std::lock_guard guard(lock_);
   if (const auto cached = cachedFrames_.find(sampleRate); cached != cachedFrames_.end()) return cached->second;
-  const Bytes& frame = cachedFrames_[sampleRate] = generateSilentAACFrame(sampleRate);
+  const Bytes& frame = cachedFrames_.emplace(sampleRate, generateSilentAACFrame(sampleRate)).first->second;
   log("SilentAACSampleCache: Generated {}Hz silent frame ({} bytes)", sampleRate, frame.size());
   return frame;
 }

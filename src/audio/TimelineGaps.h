@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <span>
+#include <vector>
 
 #include "audio/AudioTimeline.h"
 
@@ -11,6 +13,15 @@ inline constexpr double gapMergeToleranceSeconds = 0.05;
 
 /// A step of the drift above this is a gap.
 inline constexpr double driftStepSeconds = 0.02;
+
+/// The order of times.
+struct Earlier {
+  bool operator()(const CMTime& a, const CMTime& b) const { return compare(a, b) < 0; }
+};
+
+inline void sortByStart(std::vector<TimelineGap>& gaps) {
+  std::ranges::stable_sort(gaps, Earlier(), &TimelineGap::startPTS);
+}
 
 inline double totalSeconds(std::span<const TimelineGap> gaps) {
   double total = 0;

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cmath>
 
 #include "audio/AudioTranscoder.h"
@@ -25,8 +24,7 @@ std::vector<TimelineGap> rebased(std::vector<TimelineGap> gaps, const CMTime& of
 
 std::vector<TimelineGap> AudioTranscoder::mergeOverlappingGaps(std::vector<TimelineGap> gaps, double toleranceSeconds) {
   if (gaps.size() < 2) return gaps;
-  std::ranges::stable_sort(
-      gaps, [](const CMTime& a, const CMTime& b) { return compare(a, b) < 0; }, &TimelineGap::startPTS);
+  sortByStart(gaps);
   const CMTime tolerance = CMTime::makeWithSeconds(toleranceSeconds);
   std::vector<TimelineGap> merged{gaps.front()};
   for (auto gap = gaps.begin() + 1; gap != gaps.end(); ++gap) {

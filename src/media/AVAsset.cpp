@@ -16,20 +16,22 @@
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Error.h"
 
 namespace tarn {
 namespace {
 
-/// The track_ID of a `tkhd`, which follows two times of 32 or 64 bits, by the box's version (ISO/IEC 14496-12 8.3.2).
+/// The track_ID of a `tkhd` (ISO/IEC 14496-12 8.3.2).
 uint32_t readTrackID(FileHandle& file, const MP4BoxInfo& trak) {
   auto tkhd = MP4BoxUtils::findChildBox(file, trak, "tkhd");
   if (!tkhd) return 0;
-  std::array<uint8_t, 24> contents;
+  // The layout counts from a header of 8 bytes; the file's may be longer.
+  std::array<uint8_t, layout::trackID64.end() - layout::boxHeaderSize> contents;
   file.seek(tkhd->contentOffset());
   auto read = std::span<const uint8_t>(contents).first(file.readInto(contents));
-  bool hasLongTimes = !read.empty() && read[0] != 0;
-  return readUInt32(read, hasLongTimes ? 20 : 12).value_or(0);
+  const auto& field = !read.empty() && read[0] != 0 ? layout::trackID64 : layout::trackID32;
+  return readUInt32(read, field.offset - layout::boxHeaderSize).value_or(0);
 }
 
 /// True for a timescale that a CMTime can have.

@@ -82,19 +82,20 @@ struct AudioConverter::State {
 };
 
 AudioConverter::AudioConverter() : state_(std::make_unique<State>()) {}
+AudioConverter::AudioConverter(AudioConverter&&) noexcept = default;
 AudioConverter::~AudioConverter() = default;
 
 AudioConverter::Creation AudioConverter::create(const AudioStreamBasicDescription& from,
                                                 const AudioStreamBasicDescription& to) {
-  if (!isSupported(from, to)) return {unsupportedFormat, nullptr};
-  std::unique_ptr<AudioConverter> converter(new AudioConverter());
-  AACOutputSettings& settings = converter->state_->settings;
+  if (!isSupported(from, to)) return {unsupportedFormat, std::nullopt};
+  AudioConverter converter;
+  AACOutputSettings& settings = converter.state_->settings;
   settings.sampleRate = static_cast<int>(from.mSampleRate);
   settings.channels = static_cast<int>(from.mChannelsPerFrame);
   try {
-    converter->state_->encoder = std::make_unique<AACEncoder>(settings);
+    converter.state_->encoder = std::make_unique<AACEncoder>(settings);
   } catch (const Error&) {
-    return {unsupportedFormat, nullptr};
+    return {unsupportedFormat, std::nullopt};
   }
   return {noErr, std::move(converter)};
 }

@@ -38,8 +38,9 @@ class AudioConverter {
 
   struct Creation;
 
-  /// `converter` is null when `status` tells why not.
+  /// There is no converter where `status` tells why not.
   static Creation create(const AudioStreamBasicDescription& from, const AudioStreamBasicDescription& to);
+  AudioConverter(AudioConverter&&) noexcept;
   ~AudioConverter();
 
   /// kAudioConverterEncodeBitRate, in bits per second.
@@ -57,7 +58,7 @@ class AudioConverter {
 
 struct AudioConverter::Creation {
   OSStatus status = noErr;
-  std::unique_ptr<AudioConverter> converter;
+  std::optional<AudioConverter> converter;
 };
 
 }  // namespace tarn

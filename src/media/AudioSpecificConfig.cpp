@@ -12,8 +12,6 @@ constexpr std::array<uint32_t, 16> samplingFrequencies = {96000, 88200, 64000, 4
 constexpr uint32_t explicitFrequency = 15;
 constexpr std::array<uint32_t, 16> channelCounts = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 7, 8, 24, 8, 0};
 
-constexpr int typeSBR = 5;
-constexpr int typePS = 29;
 constexpr int typeEscape = 31;
 
 /// Bits that must all be there.
@@ -47,7 +45,7 @@ class ConfigBits {
   bool ended_ = false;
 };
 
-/// By the object type and the frameLengthFlag with which its specific config begins (4.4.1, 4.6.20.3).
+/// By the object type and the frameLengthFlag with which its specific config begins (ISO/IEC 14496-3 4.4.1, 4.6.20.3).
 uint32_t framesPerPacket(int objectType, bool frameLengthFlag) {
   switch (objectType) {
     case 1:   // Main
@@ -69,13 +67,17 @@ uint32_t framesPerPacket(int objectType, bool frameLengthFlag) {
 
 }  // namespace
 
+std::optional<int> announcedObjectType(ByteView config) {
+  return config.size() < 2 ? std::nullopt : std::optional(config[0] >> 3);
+}
+
 std::optional<AudioSpecificConfig> parseAudioSpecificConfig(ByteView config) {
   ConfigBits bits(config);
   AudioSpecificConfig result;
   result.audioObjectType = bits.objectType();
   result.sampleRate = bits.samplingFrequency();
   result.channels = channelCounts[bits.take(4)];
-  if (result.audioObjectType == typeSBR || result.audioObjectType == typePS) {
+  if (result.audioObjectType == objectTypeSBR || result.audioObjectType == objectTypePS) {
     bits.samplingFrequency();  // of the extension
     result.audioObjectType = bits.objectType();
   }

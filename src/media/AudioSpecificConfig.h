@@ -7,6 +7,12 @@
 
 namespace tarn {
 
+// audioObjectType (ISO/IEC 14496-3 1.5.1.1).
+inline constexpr int objectTypeLC = 2;
+inline constexpr int objectTypeSBR = 5;
+inline constexpr int objectTypePS = 29;
+inline constexpr int objectTypeLayer3 = 34;
+
 /// What an AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1) says of the core coder, the one below SBR and PS.
 struct AudioSpecificConfig {
   int audioObjectType = 0;  ///< of the core coder; 2 for AAC-LC, also where it is announced under 5 (SBR) or 29 (PS)
@@ -14,6 +20,10 @@ struct AudioSpecificConfig {
   uint32_t channels = 0;    ///< 0 where a program config element tells
   uint32_t framesPerPacket = 0;  ///< PCM frames of the core coder; 0 where packets are not those of AAC
 };
+
+/// The first five bits: the object type that is announced, which is that of SBR or PS where the core has another one.
+/// Nothing for less than two bytes.
+std::optional<int> announcedObjectType(ByteView config);
 
 /// Nothing where the bytes end too early or the rate is a reserved one.
 std::optional<AudioSpecificConfig> parseAudioSpecificConfig(ByteView config);

@@ -64,8 +64,8 @@ inline ByteView CMAudioFormatDescriptionGetMagicCookie(const CMFormatDescription
   return description.magicCookie;
 }
 
-/// A description of audio of this layout; the status of the failure (kAudioFormatUnsupported and the like) is told by
-/// an Error of the domain "CMFormatDescription" for a rate or channel count of 0.
+/// A description of audio of this layout. Throws an Error of the domain "CMFormatDescription", whose code is the
+/// status, for a rate or channel count of 0.
 CMFormatDescriptionPointer CMAudioFormatDescriptionCreate(const AudioStreamBasicDescription& streamDescription,
                                                           ByteView magicCookie = {});
 

@@ -41,16 +41,6 @@ struct CMSampleBuffer {
   CMTime trimDurationAtEnd = CMTime::zero();
 };
 
-inline CMTime CMSampleBufferGetPresentationTimeStamp(const CMSampleBuffer& buffer) {
-  return buffer.presentationTimeStamp;
-}
-inline CMTime CMSampleBufferGetDuration(const CMSampleBuffer& buffer) {
-  return buffer.duration;
-}
-inline int64_t CMSampleBufferGetNumSamples(const CMSampleBuffer& buffer) {
-  return buffer.numSamples;
-}
-
 /// A stream of sample buffers, from first to last. Serves one thread.
 class SampleBufferSource {
  public:

@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -6,337 +7,257 @@
 
 #include "audio/AudioRepairDecision.h"
 #include "audio/AudioTranscoder.h"
-#include "platform/memory/InMemoryFileManager.h"
+#include "support/Clip.h"
 #include "support/LogCapture.h"
+#include "support/ScriptedSource.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
 namespace {
 
-using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
+using Edits = std::vector<std::pair<uint64_t, int64_t>>;
 
 constexpr uint32_t packet = 1024;
 constexpr uint32_t packets = 470;  // about ten seconds at 48 kHz
 
-uint32_t ticks(double milliseconds) {
-  return static_cast<uint32_t>(std::lround(milliseconds * 48));
+SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
+  SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
+  for (const auto& [count, delta] : stts) {
+    track.samples += count;
+    track.mediaDuration += uint64_t{count} * delta;
+  }
+  return track;
 }
-
-uint64_t sum(const Rows& rows) {
-  uint64_t total = 0;
-  for (const auto& [count, delta] : rows) total += uint64_t{count} * delta;
-  return total;
+SyntheticTrack coded(const Bytes& entry, uint32_t timescale, Edits edits = {}) {
+  SyntheticTrack track = sound({{packets, packet}}, std::move(edits));
+  track.sampleEntry = entry;
+  track.timescale = timescale;
+  return track;
 }
-
-SyntheticTrack sound(const Rows& stts, std::vector<std::pair<uint64_t, int64_t>> edits = {}) {
-  uint32_t count = 0;
-  for (const auto& row : stts) count += row.first;
-  return {.stts = stts, .edits = std::move(edits), .samples = count, .mediaDuration = sum(stts)};
-}
-
-/// 25 pictures a second for ten seconds. The edit list can start late, or pause behind the fourth second.
-SyntheticTrack pictures(uint64_t startMs = 0, uint64_t pauseMs = 0) {
-  SyntheticTrack track{.handler = "vide", .timescale = 90000, .stts = {{250, 3600}}, .samples = 250};
-  track.mediaDuration = sum(track.stts);
-  if (startMs > 0) track.edits = {{startMs, -1}, {10000, 0}};
-  if (pauseMs > 0) track.edits = {{4000, 0}, {pauseMs, -1}, {6000, 360000}};
+/// 25 pictures a second for ten seconds.
+SyntheticTrack pictures(Edits edits = {}) {
+  SyntheticTrack track{.handler = "vide", .timescale = 90000, .stts = {{250, 3600}}, .edits = std::move(edits)};
+  track.samples = 250;
+  track.mediaDuration = 900000;
   return track;
 }
 
+const Bytes lc24 = aacSampleEntry(24000, 2, {0x13, 0x10});
+const Bytes heAAC = aacSampleEntry(24000, 2, {0x2B, 0x11, 0x88, 0x00});
+
 class AudioAnalysis : public testing::Test {
  protected:
-  AudioAnalysisResult analyze(const std::vector<SyntheticTrack>& tracks) {
-    write(tracks);
-    return AudioTranscoder::analyzeAudioForProcessing(files_, file_);
+  static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
+  /// A hole behind packet 100.
+  static SyntheticTrack holed(double milliseconds, uint32_t all = packets) {
+    return sound({{99, packet}, {1, packet + ticks(milliseconds)}, {all - 100, packet}});
   }
-  AudioFindings decide(const std::vector<SyntheticTrack>& tracks) {
-    write(tracks);
-    return decideAudioRepair(files_, file_);
+  /// Longer than its packets.
+  static SyntheticTrack drifting(double milliseconds, bool longTimes = false) {
+    SyntheticTrack track = sound({{packets, packet}});
+    track.mediaDuration += ticks(milliseconds);
+    track.longTimes = longTimes;
+    return track;
   }
-  void write(const std::vector<SyntheticTrack>& tracks) { writeFileAtomically(files_, file_, syntheticMovie(tracks)); }
+  static SyntheticTrack late(uint64_t delay) { return sound({{packets, packet}}, {{delay, -1}, {10000, 0}}); }
+  static CMTime seconds(double seconds) { return CMTime::makeWithSeconds(seconds); }
+  static TimelineGap gapAt(double start, double length = 1) {
+    return {seconds(start), seconds(start + length), seconds(length)};
+  }
 
-  InMemoryFileManager files_;
-  const Path file_ = "/clip.mp4";
+  AudioAnalysisResult analyze(const std::vector<SyntheticTrack>& tracks) {
+    clip_.write(syntheticMovie(tracks));
+    return AudioTranscoder::analyzeAudioForProcessing(clip_.asset);
+  }
+  AudioFindings decide(const SyntheticTrack& audio) {
+    clip_.write(syntheticMovie({pictures(), audio}));
+    return decideAudioRepair(clip_.files, clip_.asset.url());
+  }
+  AudioCoverage coverage() {
+    return AudioTranscoder::buildAudioCoverage(clip_.asset, clip_.track(), CMTime::zero(), 48000, 0.5);
+  }
+  GapDetectionResult gapsAlone() { return AudioTranscoder::detectAudioGaps(clip_.asset, clip_.track(), 48000, 2.0); }
+
+  Clip clip_;
   LogCapture log_;
 };
 
-/// A hole behind packet 100.
-Rows holed(double milliseconds) {
-  return {{99, packet}, {1, packet + ticks(milliseconds)}, {packets - 100, packet}};
-}
-
-TEST_F(AudioAnalysis, FindsHolesAboveThreePacketsAtTheirPlace) {
-  struct Row {
-    Rows stts;
-    int64_t gaps;
-    double largest;
-  };
-  const Row rows[] = {
-      {{{packets, packet}}, 0, 0},
-      {holed(63), 0, 0},
-      {holed(64), 0, 0},
-      {holed(65), 1, 65},
-      {holed(500), 1, 500},
-      {holed(3600000), 1, 3600000},
-      {{{9, packet}, {1, packet + ticks(100)}, {50, packet}, {1, packet + ticks(300)}, {99, packet}}, 2, 300},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.largest);
-    const auto result = analyze({pictures(), sound(row.stts)});
-    EXPECT_EQ(result.internalGapCount, row.gaps);
-    EXPECT_NEAR(result.maxInternalGapMs, row.largest, 0.01);
-    EXPECT_EQ(result.gapType == GapType::internalGaps, row.gaps > 0);
-    EXPECT_EQ(result.needsTranscoding, row.gaps > 0);
-  }
-  write({sound(holed(500))});
-  const AVAsset asset(files_, file_);
-  const auto inside =
-      AudioTranscoder::detectInternalGaps(asset, asset.tracks(AVMediaType::audio)[0], AACType::aacLC, 64);
-  ASSERT_EQ(inside.gaps.size(), 1U);
-  EXPECT_EQ(inside.gaps[0].frameIndex, 100);
-  EXPECT_EQ(inside.gaps[0].sampleOffset, 100 * 1024);
-  EXPECT_NEAR(inside.gaps[0].position.seconds(), 100 * 1024 / 48000.0, 1e-9);
-}
-
-TEST_F(AudioAnalysis, TellsDriftAndOffsetsFromCleanSound) {
-  const auto drifting = [](double milliseconds) {
-    // Each packet is a little longer than its frames, but for the last, which is as long as it is.
-    SyntheticTrack track = sound({{packets, packet}});
-    track.mediaDuration += ticks(milliseconds);
-    return track;
-  };
-  const auto late = [](double milliseconds) {
-    return sound({{packets, packet}}, {{static_cast<uint64_t>(milliseconds), -1}, {10000, 0}});
-  };
-  struct Row {
+TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSound) {
+  const SyntheticTrack two =
+      sound({{9, packet}, {1, packet + ticks(100)}, {50, packet}, {1, packet + ticks(300)}, {99, packet}});
+  const struct {
     SyntheticTrack audio;
-    GapType type;
-    double offset;
+    const char* found;  // gaps, those inside with the largest, drift and offset in milliseconds
+    Edits pictureEdits = {};
+  } rows[] = {
+      {sound({{packets, packet}}), "clean: 0, 0 up to 0.0, drift 0.0, offset 0.0"},
+      {sound({{1, packet}}), "clean: 0, 0 up to 0.0, drift 0.0, offset 0.0"},
+      {holed(64), "clean: 0, 0 up to 0.0, drift 64.0, offset 0.0"},
+      {holed(65), "internalGaps: 1, 1 up to 65.0, drift 65.0, offset 0.0"},
+      {holed(3600000), "internalGaps: 1, 1 up to 3600000.0, drift 3600000.0, offset 0.0"},
+      {two, "internalGaps: 2, 2 up to 300.0, drift 400.0, offset 0.0"},
+      {drifting(100), "clean: 0, 0 up to 0.0, drift 100.0, offset 0.0"},
+      {drifting(101), "timelineDrift: 0, 0 up to 0.0, drift 101.0, offset 0.0"},
+      {drifting(101, true), "timelineDrift: 0, 0 up to 0.0, drift 101.0, offset 0.0"},
+      {late(64), "clean: 0, 0 up to 0.0, drift 5.3, offset 64.0"},
+      {late(65), "initialOffsetOnly: 1, 0 up to 0.0, drift 5.3, offset 65.0"},
+      {late(100), "initialOffsetOnly: 1, 0 up to 0.0, drift 5.3, offset -100.0", {{200, -1}, {10000, 0}}},
+      {coded(heAAC, 24000, {{70, -1}, {20053, 0}}), "clean: 0, 0 up to 0.0, drift 0.3, offset 70.0"},
+      // Half of the length is missing where each packet counts 1024 samples at twice the rate: it always drifts.
+      {coded(lc24, 24000), "timelineDrift: 0, 0 up to 0.0, drift 10026.7, offset 0.0"},
   };
-  const Row rows[] = {
-      {drifting(99), GapType::clean, 0},
-      {drifting(100), GapType::clean, 0},
-      {drifting(101), GapType::timelineDrift, 0},
-      {late(9), GapType::clean, 9},
-      {late(64), GapType::clean, 64},
-      {late(65), GapType::initialOffsetOnly, 65},
-      {late(300), GapType::initialOffsetOnly, 300},
-  };
-  for (const Row& row : rows) {
-    const auto result = analyze({pictures(), row.audio});
-    EXPECT_EQ(result.gapType, row.type) << text(row.type) << result.summary();
-    EXPECT_NEAR(result.initialOffsetMs, row.offset, 0.5);
-    EXPECT_EQ(result.gapCount, row.offset > 64 ? 1 : 0);
+  for (const auto& row : rows) {
+    const auto result = analyze({pictures(row.pictureEdits), row.audio});
+    EXPECT_EQ(
+        fmt::format("{}: {}, {} up to {:.1f}, drift {:.1f}, offset {:.1f}", text(result.gapType), result.gapCount,
+                    result.internalGapCount, result.maxInternalGapMs, result.timelineDriftMs, result.initialOffsetMs),
+        row.found);
+    EXPECT_EQ(result.needsTranscoding,
+              result.gapType == GapType::internalGaps || result.gapType == GapType::timelineDrift);
   }
-  EXPECT_NEAR(analyze({pictures(200), late(100)}).initialOffsetMs, -100, 0.5);
-  const auto silent = analyze({pictures()});
-  EXPECT_EQ(silent.gapType, GapType::clean);
-  EXPECT_EQ(silent.frameDurationMs, 21.33);
-  const auto single = analyze({pictures(), sound({{1, packet}})});
-  EXPECT_EQ(single.gapType, GapType::clean);
-  SyntheticTrack wide = drifting(101);
-  wide.longTimes = true;
-  EXPECT_EQ(analyze({pictures(), wide}).gapType, GapType::timelineDrift);
+  EXPECT_EQ(analyze({drifting(101)}).summary(),
+            "GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 101.0ms, AAC: AAC-LC "
+            "(video/audio mismatch likely)");
+  EXPECT_EQ(analyze({pictures()}).frameDurationMs, 21.33) << "no sound";
+  analyze({coded(lc24, 24000)});
+  EXPECT_EQ(gapsAlone().aacSamplesPerFrame, 2048) << "the other rule for low rates";
 }
 
 TEST_F(AudioAnalysis, ChoosesTheRoadByConfigurationAndDamage) {
-  struct Row {
-    const char* name;
-    Bytes entry;
-    uint32_t timescale;
-    std::string decision;
+  const struct {
+    SyntheticTrack audio;
+    const char* decision;  // or why all is done
+  } rows[] = {
+      {sound({{packets, packet}}), "skip"},
+      {coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100), "skip"},
+      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "Channel count 1 != target 2"},
+      {coded(aacSampleEntry(32000, 2, {0x12, 0x90}), 32000),
+       "Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
+      {coded(lc24, 24000), "Complex repair (0 actions, 0.00s silence)"},
+      {coded(heAAC, 24000), "HE-AAC v1 (SBR) requires full normalize"},
+      {coded(aacSampleEntry(24000, 2, {0xEB, 0x09, 0x88}), 24000), "HE-AAC v2 (PS) requires full normalize"},
+      {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
+       "Non-AAC-LC codec (object type 34) requires full normalize"},
+      {holed(1), "skip"},
+      {late(70), "editListOnly"},
+      // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
+      {holed(65), "Complex repair (0 actions, 0.00s silence)"},
+      {holed(65, packets * 42), "fastPath"},
+      // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
+      {sound({{packets, packet}}, {{300, -1}, {9700, 14400}}), "Cross-track: 1 video gaps without matching audio gaps"},
   };
-  const Row rows[] = {
-      {"stereo", aacSampleEntry(48000, 2, {0x11, 0x90}), 48000, "skip"},
-      {"44.1 kHz", aacSampleEntry(44100, 2, {0x12, 0x10}), 44100, "skip"},
-      {"mono", aacSampleEntry(48000, 1, {0x11, 0x88}), 48000, "fullNormalize(Channel count 1 != target 2)"},
-      {"5.1", aacSampleEntry(48000, 6, {0x11, 0xB0}), 48000, "fullNormalize(Channel count 6 != target 2)"},
-      {"32 kHz", aacSampleEntry(32000, 2, {0x12, 0x90}), 32000,
-       "fullNormalize(Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000))"},
-      {"HE-AAC", aacSampleEntry(24000, 2, {0x2B, 0x11, 0x88, 0x00}), 24000,
-       "fullNormalize(HE-AAC v1 (SBR) requires full normalize)"},
-      {"MP3", audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000,
-       "fullNormalize(Non-AAC-LC codec (object type 34) requires full normalize)"},
-  };
-  for (const Row& row : rows) {
-    SyntheticTrack track = sound({{packets, packet}});
-    track.sampleEntry = row.entry;
-    track.timescale = row.timescale;
-    EXPECT_EQ(decide({pictures(), track}).decision.description(), row.decision) << row.name;
+  for (const auto& row : rows) {
+    const AudioFindings findings = decide(row.audio);
+    const bool isFull = findings.decision.kind == RepairDecision::Kind::fullNormalize;
+    EXPECT_EQ(isFull ? findings.decision.reason : findings.decision.description(), row.decision);
+    EXPECT_EQ(findings.scan.has_value(), !findings.analysis.needsTranscoding) << row.decision;
+    EXPECT_EQ(findings.config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
+    EXPECT_EQ(findings.config.sampleDelta, packet);
   }
-  EXPECT_EQ(decide({pictures(), sound(holed(1))}).decision.description(), "skip");
-  // Eleven changes are too many, however short.
-  const AudioAnalysisResult holes{.gapType = GapType::internalGaps, .durationSeconds = 0.5, .frameDurationMs = 21.3};
+  EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Channel count 1 != target 2)"));
+  EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
+  EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
+
+  // Eleven changes are too many, however short; 0.16 ms in half a second, which counts as a whole one, are not.
   const AudioConfigCheck config{.matchesPassthroughTarget = true, .reason = {}, .audioTimescale = 48000};
   const std::vector<AudioAction> changes(11);
-  for (size_t count : {10, 11}) {
-    const auto decision = AudioTranscoder::determineRepairDecision(holes, config, std::span(changes).first(count));
-    EXPECT_EQ(decision.kind == RepairDecision::Kind::fastPath, count == 10);
+  for (auto [count, driftMs, isLight] :
+       {std::tuple{10, 0.0, true}, {11, 0.0, false}, {0, 0.16, true}, {0, 0.17, false}}) {
+    const AudioAnalysisResult holes{
+        .gapType = GapType::internalGaps, .timelineDriftMs = driftMs, .durationSeconds = 0.5, .frameDurationMs = 21.3};
+    const auto decision =
+        AudioTranscoder::determineRepairDecision(holes, config, std::span(changes).first(static_cast<size_t>(count)));
+    EXPECT_EQ(decision.kind == RepairDecision::Kind::fastPath, isLight) << count << " " << driftMs;
   }
-  AudioAnalysisResult drifting = holes;
-  drifting.timelineDriftMs = 0.16;  // in half a second, which counts as a whole one: 9.6 ms a minute
-  EXPECT_EQ(AudioTranscoder::determineRepairDecision(drifting, config, {}).description(), "fastPath");
-  // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
-  EXPECT_EQ(decide({pictures(), sound(holed(65))}).decision.description(),
-            "fullNormalize(Complex repair (0 actions, 0.00s silence))");
-  SyntheticTrack lasting = sound({{99, packet}, {1, packet + ticks(65)}, {packets * 42, packet}});
-  EXPECT_EQ(decide({pictures(), lasting}).decision.description(), "fastPath");
-  EXPECT_FALSE(decide({pictures(), lasting}).scan);
-  SyntheticTrack late = sound({{packets, packet}}, {{70, -1}, {10000, 0}});
-  EXPECT_EQ(decide({pictures(), late}).decision.description(), "editListOnly");
-  EXPECT_TRUE(log_.contains("Repair decision: editListOnly"));
-  EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(files_, "/none.mp4").reason, "No audio track found");
-}
-
-TEST_F(AudioAnalysis, LooksAtLowRatesByTwoRules) {
-  SyntheticTrack track = sound({{packets, packet}});
-  track.sampleEntry = aacSampleEntry(24000, 2, {0x13, 0x10});
-  track.timescale = 24000;
-  write({track});
-  const auto audio = AVAsset(files_, file_).tracks(AVMediaType::audio)[0];
-  EXPECT_EQ(AudioTranscoder::detectAACType(audio), AACType::aacLC);
-  EXPECT_EQ(AudioTranscoder::detectAACFrameSize(audio), 2048);
-  EXPECT_EQ(AudioTranscoder::detectActualSampleRate(audio), 48000.0);
-  EXPECT_TRUE(AudioTranscoder::analyzeAudioConfig(files_, file_).matchesPassthroughTarget);
-  // Half of the length is missing by this count, so that such a track always counts as drifting.
-  EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(files_, file_).gapType, GapType::timelineDrift);
 }
 
 TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
-  const auto gapsOf = [&](uint64_t milliseconds) {
-    write({pictures(0, milliseconds)});
-    const AVAsset asset(files_, file_);
-    return AudioTranscoder::buildVideoTimeline(asset, asset.tracks(AVMediaType::video)[0], 0.5).gaps.size();
-  };
-  EXPECT_EQ(gapsOf(500), 0U);
-  EXPECT_EQ(gapsOf(501), 1U);
-
   // A lag of the clock is one gap, found once, however it is found.
   for (double milliseconds : {30.0, 1000.0}) {
-    write({sound(holed(milliseconds))});
-    const AVAsset asset(files_, file_);
-    const auto coverage =
-        AudioTranscoder::buildAudioCoverage(asset, asset.tracks(AVMediaType::audio)[0], CMTime::zero(), 48000, 0.5);
-    ASSERT_EQ(coverage.gaps.size(), 1U);
-    EXPECT_NEAR(coverage.gaps[0].duration.seconds(), milliseconds / 1000, 1e-4);
-    EXPECT_EQ(coverage.totalSampleCount, packets * 1024);
-    const auto alone = AudioTranscoder::detectAudioGaps(asset, asset.tracks(AVMediaType::audio)[0], 48000, 2.0);
+    clip_.write(syntheticMovie({holed(milliseconds)}));
+    const AudioCoverage covered = coverage();
+    ASSERT_EQ(covered.gaps.size(), 1U);
+    EXPECT_NEAR(covered.gaps[0].duration.seconds(), milliseconds / 1000, 1e-4);
+    EXPECT_EQ(covered.totalSampleCount, packets * 1024);
+    const GapDetectionResult alone = gapsAlone();
     ASSERT_EQ(alone.gaps.size(), 1U);
     EXPECT_EQ(alone.gaps[0].frameIndex, 100);
+    EXPECT_EQ(alone.gaps[0].sampleOffset, 100 * packet);
     EXPECT_EQ(alone.ptsMap.offsets.size(), packets);
   }
-
-  const auto at = [](double start, double length) {
-    return TimelineGap{CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + length),
-                       CMTime::makeWithSeconds(length)};
-  };
-  const auto merged =
-      AudioTranscoder::mergeOverlappingGaps({at(5, 2), at(1, 0.5), at(1.55, 0.5), at(2.11, 0.1), at(5.5, 0.5)}, 0.05);
+  const auto merged = AudioTranscoder::mergeOverlappingGaps(
+      {gapAt(5, 2), gapAt(1, 0.5), gapAt(1.55, 0.5), gapAt(2.11, 0.1), gapAt(5.5, 0.5)}, 0.05);
   ASSERT_EQ(merged.size(), 3U);
   EXPECT_NEAR(merged[0].duration.seconds(), 1.05, 1e-4);
   EXPECT_NEAR(merged[2].endPTS.seconds(), 7, 1e-4);
 }
 
-TEST_F(AudioAnalysis, InsertsSilenceForALateStartThatNoEditListGivesBack) {
-  struct Row {
+TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGivesBack) {
+  using Gaps = std::vector<TimelineGap>;
+  const struct {
     double audioStart, syncOffset;
-    size_t actions;
-  };
-  for (const Row& row : {Row{0.3, 0, 1}, Row{0.3, 0.3, 0}, Row{0.1, 0, 0}, Row{0.3, 0.01, 0}, Row{-0.3, 0, 0}}) {
-    VideoTimeline video;
-    video.duration = video.endPTS = CMTime::makeWithSeconds(10);
-    video.rebaseOffset = CMTime::makeWithSeconds(1);
-    AudioCoverage audio;
-    audio.originalFirstPTS = CMTime::makeWithSeconds(1 + row.audioStart);
-    audio.gaps = {{CMTime::makeWithSeconds(5), CMTime::makeWithSeconds(6), CMTime::makeWithSeconds(1)}};
-    const auto actions = AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5);
-    ASSERT_EQ(actions.size(), row.actions) << row.audioStart << " " << row.syncOffset;
-    if (actions.empty()) continue;
-    EXPECT_NEAR(actions[0].duration.seconds(), 0.3, 1e-4);
-    const auto converted = AudioTranscoder::convertToAudioActions(actions, 48000, 1024);
-    EXPECT_EQ(converted[0], (AudioAction{AudioAction::Kind::insertSilence, 0, 14400, "audioStartsLate"}));
-  }
-  // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
-  const auto findings = decide({pictures(), sound({{packets, packet}}, {{300, -1}, {9700, 14400}})});
-  EXPECT_EQ(findings.analysis.gapType, GapType::initialOffsetOnly);
-  EXPECT_EQ(findings.decision.description(), "fullNormalize(Cross-track: 1 video gaps without matching audio gaps)");
-  EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
-}
-
-TEST_F(AudioAnalysis, MatchesGapsWithinTheTolerance) {
-  const auto gapsAt = [](std::initializer_list<double> starts) {
-    std::vector<TimelineGap> gaps;
-    for (double start : starts) {
-      gaps.push_back({CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + 1), CMTime::make(1, 1)});
-    }
-    return gaps;
-  };
-  struct Row {
-    std::vector<TimelineGap> video, audio;
-    double offset;
-    const char* stats;
-  };
-  const Row rows[] = {
-      {gapsAt({10}), gapsAt({9.8}), 0, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=0"},
-      {gapsAt({10}), gapsAt({9.5}), 0, "Matched video gaps=0, Unmatched video gaps=1, Unmatched audio gaps=1"},
-      {gapsAt({10}), gapsAt({9.5}), 0.3, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=0"},
-      {gapsAt({3, 10, 15}), gapsAt({3}), 0, "Matched video gaps=1, Unmatched video gaps=2, Unmatched audio gaps=0"},
-      {gapsAt({10}), gapsAt({2, 10, 20}), 0, "Matched video gaps=1, Unmatched video gaps=0, Unmatched audio gaps=2"},
+    Gaps video, audio;
+    size_t unmatchedVideo, unmatchedAudio;
+    bool addsSilence = false;
+  } rows[] = {
+      {0.3, 0, {}, {gapAt(5)}, 0, 1, true},
+      {0.3, 0.3, {}, {}, 0, 0},
+      {0.1, 0, {}, {}, 0, 0},
+      {0.3, 0.01, {}, {}, 0, 0},
+      {-0.3, 0, {}, {}, 0, 0},
+      {0, 0, {gapAt(10)}, {gapAt(9.8)}, 0, 0},
+      {0, 0, {gapAt(10)}, {gapAt(9.5)}, 1, 1},
+      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, 0, 0},
+      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, 2, 0},
+      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, 0, 2},
       // One that starts at the video's end stays, one behind it does not.
-      {gapsAt({}), gapsAt({20, 20.1}), 0, "Matched video gaps=0, Unmatched video gaps=0, Unmatched audio gaps=1"},
+      {0, 0, {}, {gapAt(20), gapAt(20.1)}, 0, 1},
   };
-  for (const Row& row : rows) {
-    const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video};
-    const AudioCoverage audio{.gaps = row.audio};
+  for (const auto& row : rows) {
     log_.clear();
-    EXPECT_TRUE(AudioTranscoder::detectSilenceActions(video, audio, 48000, row.offset, 0.5).empty());
-    EXPECT_TRUE(log_.contains(std::string("AudioTranscoder: ") + row.stats)) << row.stats;
+    const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video, .rebaseOffset = CMTime::make(1, 1)};
+    const AudioCoverage audio{.gaps = row.audio, .originalFirstPTS = seconds(1 + row.audioStart)};
+    const auto actions = AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5);
+    const auto stats =
+        fmt::format("AudioTranscoder: Matched video gaps={}, Unmatched video gaps={}, Unmatched audio gaps={}",
+                    row.video.size() - row.unmatchedVideo, row.unmatchedVideo, row.unmatchedAudio);
+    EXPECT_TRUE(log_.contains(stats)) << stats;
+    const auto converted = AudioTranscoder::convertToAudioActions(actions, 48000, 1024);
+    std::vector<AudioAction> expected;
+    if (row.addsSilence) expected = {{AudioAction::Kind::insertSilence, 0, ticks(300), "audioStartsLate"}};
+    EXPECT_EQ(converted, expected) << row.audioStart << " " << row.syncOffset;
   }
 }
 
 /// An asset of one track whose buffers are given.
 class ScriptedAsset : public AVAsset {
  public:
-  ScriptedAsset(FileManager& files, const Path& url, std::vector<CMSampleBuffer> buffers)
-      : AVAsset(files, url), buffers_(std::move(buffers)) {}
+  ScriptedAsset(Clip& clip, std::vector<CMSampleBuffer> buffers)
+      : AVAsset(clip.files, clip.asset.url()), buffers_(std::move(buffers)) {}
 
   std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& /*track*/) const override {
-    return std::make_unique<Source>(buffers_);
+    const auto next = [this, i = size_t{0}]() mutable {
+      return i < buffers_.size() ? std::optional(buffers_[i++]) : std::nullopt;
+    };
+    return std::make_unique<ScriptedSource>(next, [](int64_t) { return Bytes(); });
   }
 
  private:
-  class Source : public CompressedSampleSource {
-   public:
-    explicit Source(const std::vector<CMSampleBuffer>& buffers) : buffers_(buffers) {}
-    std::optional<CMSampleBuffer> next() override {
-      return next_ < buffers_.size() ? std::optional(buffers_[next_++]) : std::nullopt;
-    }
-    Bytes data(int64_t /*sampleIndex*/) override { return {}; }
-
-   private:
-    const std::vector<CMSampleBuffer>& buffers_;
-    size_t next_ = 0;
-  };
   std::vector<CMSampleBuffer> buffers_;
 };
 
-TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimes) {
-  write({});
+TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimesAndOverlaps) {
+  clip_.write({});
   const auto at = [](CMTime pts, CMTime duration = CMTime::invalid(), int64_t count = 1) {
-    CMSampleBuffer buffer;
-    buffer.presentationTimeStamp = pts;
-    buffer.duration = duration;
-    buffer.numSamples = count;
-    return buffer;
+    return CMSampleBuffer{pts, duration, count, nullptr, nullptr};
   };
   const AVAssetTrack track;
   const auto ticks90 = [](int64_t value) { return CMTime::make(value, 90000); };
 
   // A thirtieth of a second stands for a duration that is missing; half a second is no gap, a tick more is one.
   for (int64_t more : {0, 1}) {
-    const ScriptedAsset asset(files_, file_,
-                              {at(CMTime::invalid()), at(ticks90(9000)), at(CMTime::indefinite()),
-                               at(ticks90(9000 + 3000 + 45000 + more), ticks90(3000))});
+    const ScriptedAsset asset(clip_, {at(CMTime::invalid()), at(ticks90(9000)), at(CMTime::indefinite()),
+                                      at(ticks90(9000 + 3000 + 45000 + more), ticks90(3000))});
     const auto timeline = AudioTranscoder::buildVideoTimeline(asset, track, 0.5);
     EXPECT_EQ(timeline.gaps.size(), static_cast<size_t>(more));
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
@@ -344,40 +265,41 @@ TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimes) {
   }
   // Buffers of three packets, the second without a time.
   const CMTime three = CMTime::make(3072, 48000);
-  const ScriptedAsset sound(files_, file_,
-                            {at(CMTime::make(0, 48000), three, 3), at(CMTime::invalid(), three, 3),
-                             at(CMTime::make(3072 + 48000, 48000), CMTime::invalid(), 3)});
-  const auto coverage = AudioTranscoder::buildAudioCoverage(sound, track, CMTime::zero(), 48000, 0.5);
-  EXPECT_EQ(coverage.totalSampleCount, 9216);
-  ASSERT_EQ(coverage.gaps.size(), 1U);
-  EXPECT_NEAR(coverage.gaps[0].duration.seconds(), 1, 1e-4);
-  EXPECT_NEAR(coverage.lastPTS.seconds(), (3072 * 2 + 48000) / 48000.0, 1e-9);
+  const ScriptedAsset sound(clip_, {at(CMTime::make(0, 48000), three, 3), at(CMTime::invalid(), three, 3),
+                                    at(CMTime::make(3072 + 48000, 48000), CMTime::invalid(), 3)});
+  const auto covered = AudioTranscoder::buildAudioCoverage(sound, track, ticks90(9), 48000, 0.5);
+  EXPECT_EQ(covered.totalSampleCount, 9216);
+  ASSERT_EQ(covered.gaps.size(), 1U);
+  EXPECT_NEAR(covered.gaps[0].duration.seconds(), 1, 1e-4);
+  EXPECT_NEAR(covered.lastPTS.seconds(), (3072 * 2 + 48000) / 48000.0, 1e-9);
   AudioTranscoder::detectAudioGaps(sound, track, 48000, 2.0);
   EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 9 AAC frames × 1024 = 9216 PCM samples"));
 
-  const ScriptedAsset nothing(files_, file_, {});
+  // 4800 frames back.
+  const ScriptedAsset overlapping(clip_, {at(CMTime::make(0, 48000), ticks90(90000), 47), at(ticks90(81000))});
+  const auto inside = AudioTranscoder::detectInternalGaps(overlapping, track, AACType::aacLC, 64);
+  EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
+  EXPECT_EQ(inside.maxOverlapMs, 100);
+
+  const ScriptedAsset nothing(clip_, {});
   EXPECT_THROW(AudioTranscoder::buildVideoTimeline(nothing, track, 0.5), AudioTranscoderError);
   EXPECT_THROW(AudioTranscoder::buildAudioCoverage(nothing, track, {}, 48000, 0.5), AudioTranscoderError);
   EXPECT_TRUE(AudioTranscoder::detectAudioGaps(nothing, track, 48000, 2.0).overlaps.empty());
 }
 
 TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
-  write({sound({{200000, 1024 + 48000}})});
-  const AVAsset asset(files_, file_);
+  clip_.write(syntheticMovie({sound({{200000, 1024 + 48000}})}));
   const auto began = std::chrono::steady_clock::now();
-  const auto coverage =
-      AudioTranscoder::buildAudioCoverage(asset, asset.tracks(AVMediaType::audio)[0], CMTime::zero(), 48000, 0.5);
+  EXPECT_EQ(coverage().totalSampleCount, 200000 * 1024);
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
-  EXPECT_EQ(coverage.totalSampleCount, 200000 * 1024);
 
   // Lengths and offsets that no 64 bits hold in frames.
   SyntheticTrack endless = sound({{packets, packet}});
   endless.timescale = 1;
   endless.longTimes = true;
   endless.mediaDuration = INT64_MAX;
-  write({endless});
-  const auto alone = AudioTranscoder::detectAudioGaps(asset, asset.tracks(AVMediaType::audio)[0], 48000, 2.0);
-  EXPECT_EQ(alone.overlaps.back().framesToDrop, int64_t{1} << 62);
+  clip_.write(syntheticMovie({endless}));
+  EXPECT_EQ(gapsAlone().overlaps.back().framesToDrop, int64_t{1} << 62);
   const SilenceAction silence{.videoPTS = CMTime::zero(), .duration = CMTime::make(INT64_MAX, 1)};
   EXPECT_EQ(AudioTranscoder::convertToAudioActions(std::array{silence}, 48000, 1024)[0].durationTicks,
             int64_t{1} << 62);

@@ -1,11 +1,8 @@
-#include <gmock/gmock.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <optional>
 #include <random>
 
-#include "StreamHash.h"
 #include "audio/MP4AudioTrackReplacer.h"
 #include "audio/TrackBoxEdit.h"
 #include "mp4/DataExtensions.h"
@@ -13,46 +10,47 @@
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
+#include "support/FailureOf.h"
 #include "support/LogCapture.h"
+#include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
+#include "sync/FlashBeep.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
-using namespace test;
 using Kind = MovieLayout::Piece::Kind;
-using Case = AudioTrackReplacerError::Case;
-using testing::HasSubstr;
 
 constexpr uint64_t fourGiB = uint64_t{1} << 32;
 
 class TrackReplacer : public testing::Test {
  protected:
-  void write(const Path& path, const Bytes& bytes) { writeFileAtomically(files_, path, bytes); }
   void replace(FileManager& files) { MP4AudioTrackReplacer::replaceAudioTrack(files, source_, newAudio_, output_); }
-  void replace() { replace(files_); }
-
-  /// The description and the case with which a replacement fails.
-  std::pair<std::optional<Case>, std::string> failure() {
-    try {
-      replace();
-    } catch (const AudioTrackReplacerError& error) {
-      return {error.kind(), error.description()};
-    }
-    return {std::nullopt, ""};
+  std::string failure() {
+    return failureOf([&] { replace(files_); });
   }
+
+  /// The line of its hash, without the number.
+  std::string newSound() { return mediaHashes(newAudio_).substr(1); }
 
   /// The output has the source's pictures and the new sound, and nothing that a player complains of.
   void expectWhole(const std::string& what) {
-    EXPECT_EQ(streamHash(output_, "v:0"), streamHash(video_, "v:0")) << what;
-    EXPECT_EQ(streamHash(output_, "a:0"), streamHash(newAudio_, "a:0")) << what;
+    const std::string own = mediaHashes(video_);
+    EXPECT_EQ(mediaHashes(output_), own.substr(0, own.find('\n') + 1) + "1" + newSound()) << what;
     EXPECT_EQ(decoderComplaints(output_), "") << what;
   }
 
-  std::string trackIDs() {
-    return runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_})
-        .output;
+  static Bytes mvhd(uint32_t timescale) { return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)}); }
+  static Bytes track(const std::string& handler, uint32_t id, uint32_t duration,
+                     std::initializer_list<Bytes> tables = {}) {
+    BoxEditor editor(trackBox(handler, tables));
+    editor.insert("trak", 8, fullBox("tkhd", {0, 0, id, 0, duration}));
+    return editor.bytes;
+  }
+  /// A file whose media begin at offset 8 and end at 100.
+  static Bytes movie(std::initializer_list<Bytes> boxes) {
+    return joined({box("mdat", {Bytes(92)}), box("moov", boxes)});
   }
 
   TempDirectory directory_;
@@ -68,34 +66,25 @@ class TrackReplacer : public testing::Test {
 };
 
 TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
-  MovieLayout plain(readFile(files_, video_));
+  const MovieLayout plain(readFile(files_, video_));
   const auto chunks = plain.chunks();
   const uint64_t third = chunks[chunks.size() / 3], twoThirds = chunks[chunks.size() * 2 / 3];
-  MovieLayout longOffsets = plain;
+  MovieLayout longOffsets = plain, hinted = plain;
   longOffsets.useLongOffsets();
-  MovieLayout hinted = plain;
   BoxEditor hint(plain.moov);
   hint.insert("moov", 8, trackBox("hint", {fullBox("stco", {1, 7})}));
   hinted.moov = hint.bytes;
   const MovieLayout::Piece ftyp{Kind::raw, plain.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
-  const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})};
-  struct Row {
+  const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, lastThird{Kind::mdat, {}, twoThirds};
+  const MovieLayout::Piece firstThird{Kind::mdat, {}, 0, third}, second{Kind::longMdat, {}, third, twoThirds};
+  const struct {
     std::string name;
     const MovieLayout& layout;
     std::vector<MovieLayout::Piece> pieces;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"moov ahead", plain, {ftyp, moov, mdat}},
       {"moov behind", plain, {ftyp, noise, mdat, moov}},
-      {"media around the moov",
-       plain,
-       {ftyp,
-        {Kind::mdat, {}, 0, third},
-        noise,
-        moov,
-        {Kind::longMdat, {}, third, twoThirds},
-        noise,
-        {Kind::mdat, {}, twoThirds}}},
+      {"media around the moov", plain, {ftyp, firstThird, noise, moov, second, noise, lastThird}},
       {"64-bit offsets and sizes", longOffsets, {ftyp, moov, {Kind::longMdat}}},
       {"mdat without an end", plain, {ftyp, moov, {Kind::openMdat}}},
       {"moov without an end", plain, {ftyp, mdat, {Kind::openMoov}}},
@@ -104,15 +93,17 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
       {"hint track ahead", hinted, {ftyp, moov, mdat}},
       {"a tail that is no box", plain, {ftyp, moov, mdat, {Kind::raw, values({3, 3, 3})}}},
   };
-  for (const Row& row : rows) {
-    write(source_, row.layout.build(row.pieces));
-    replace();
+  for (const auto& row : rows) {
+    writeFileAtomically(files_, source_, row.layout.build(row.pieces));
+    replace(files_);
     expectWhole(row.name);
-    EXPECT_EQ(trackIDs(), "video,0x1\naudio,0x2\n") << row.name;
+    const auto probe =
+        runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_});
+    EXPECT_EQ(probe.output, "video,0x1\naudio,0x2\n") << row.name;
     const BoxEditor output(readFile(files_, output_));
     EXPECT_EQ(output.topLevel("ftyp").front().offset, 0u) << row.name;
     EXPECT_EQ(output.topLevel("moov").front().offset, output.topLevel("ftyp").front().end()) << row.name;
-    EXPECT_THAT(std::string(textOf(output.get("moov"))), testing::Not(HasSubstr("edts"))) << row.name;
+    EXPECT_EQ(textOf(output.get("moov")).find("edts"), std::string::npos) << row.name;
     const bool hasDefault = output.get("ftyp") == box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
     EXPECT_EQ(hasDefault, row.name == "no ftyp") << row.name;
   }
@@ -142,55 +133,35 @@ class HoleCopier : public ForwardingFileManager {
 
 TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   // The last chunk begins at the last byte that an stco can name; a moov ahead of it moves it on.
-  const Path pictures = madeByFFmpeg(words("-f lavfi -i testsrc2=size=192x144:rate=25 -t 4 -c:v libx264 -bf 0"));
-  MovieLayout layout(readFile(files_, pictures));
+  video_ = madeByFFmpeg(words("-f lavfi -i testsrc2=size=192x144:rate=25 -t 4 -c:v libx264 -bf 0"));
+  const MovieLayout layout(readFile(files_, video_));
   BoxEditor moov(layout.moov);
   const auto stco = moov.at("moov/trak/mdia/minf/stbl/stco");
-  const uint64_t last = layout.chunks().back(), mediaStart = fourGiB - 1 - last;
-  for (size_t i = 0; i < moov.field(stco.offset + 12); ++i) {
-    moov.setField(stco.offset + 16 + 4 * i, static_cast<uint32_t>(mediaStart + layout.chunks()[i]));
+  const auto chunks = layout.chunks();
+  const uint64_t mediaStart = fourGiB - 1 - chunks.back();
+  for (size_t i = 0; i < chunks.size(); ++i) {
+    moov.setField(stco.offset + 16 + 4 * i, static_cast<uint32_t>(mediaStart + chunks[i]));
   }
-  auto file = files_.open(source_, OpenMode::creating);
-  file->write(layout.ftyp);
-  file->write(longBoxClaiming(mediaStart + layout.media.size() - layout.ftyp.size(), "mdat"));
+  const auto file = files_.open(source_, OpenMode::creating);
+  file->write(joined({layout.ftyp, longBoxClaiming(mediaStart + layout.media.size() - layout.ftyp.size(), "mdat")}));
   file->seek(mediaStart);
-  file->write(layout.media);
-  file->write(moov.bytes);
+  file->write(joined({layout.media, moov.bytes}));
   file->close();
 
   HoleCopier files(files_);
   replace(files);
-  video_ = pictures;
   expectWhole("beyond 4 GiB");
   EXPECT_EQ(std::ranges::count(log_.lines(), "  Warning: stco offset would overflow 32-bit, upgrading to co64"), 4);
-  EXPECT_TRUE(log_.contains(fmt::format("  Upgraded stco to co64: {0} bytes -> {1} bytes", stco.size,
-                                        stco.size + 4 * moov.field(stco.offset + 12))));
-}
-
-// --- Boxes by hand ---
-
-Bytes tkhd(uint32_t trackID, uint32_t duration) {
-  return fullBox("tkhd", {0, 0, trackID, 0, duration});
-}
-Bytes mvhd(uint32_t timescale) {
-  return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)});
-}
-Bytes track(const std::string& handler, const Bytes& header, std::initializer_list<Bytes> tables) {
-  BoxEditor editor(trackBox(handler, tables));
-  editor.insert("trak", 8, header);
-  return editor.bytes;
-}
-/// A file whose media begin at offset 8 with an empty `mdat`'s end.
-Bytes movie(std::initializer_list<Bytes> boxes) {
-  return joined({box("mdat", {Bytes(92)}), box("moov", boxes)});
+  EXPECT_TRUE(log_.contains(
+      fmt::format("  Upgraded stco to co64: {} bytes -> {} bytes", stco.size, stco.size + 4 * chunks.size())));
 }
 
 TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
   newAudio_ = directory_ / "new.m4a";
-  write(newAudio_, movie({mvhd(44100), track("soun", tkhd(1, 441000), {})}));
+  writeFileAtomically(files_, newAudio_, movie({mvhd(44100), track("soun", 1, 441000)}));
   for (uint32_t id : {0u, 5u, 0xFFFFFFFDu}) {
-    write(source_, movie({mvhd(600), track("vide", tkhd(id, 5000), {})}));
-    replace();
+    writeFileAtomically(files_, source_, movie({mvhd(600), track("vide", id, 5000)}));
+    replace(files_);
     const BoxEditor output(readFile(files_, output_));
     EXPECT_TRUE(log_.contains(fmt::format("  Updated audio track_ID: 1 -> {}", id + 1)));
     EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 104), id + 2);
@@ -200,67 +171,62 @@ TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
 }
 
 TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
-  const Bytes goodTrack = track("vide", tkhd(1, 100), {});
-  const Bytes good = movie({mvhd(600), goodTrack});
-  const Bytes goodAudio = movie({mvhd(600), track("soun", tkhd(1, 100), {})});
-  struct Row {
-    Case kind;
-    std::string text;
+  const Bytes goodTrack = track("vide", 1, 100), good = movie({mvhd(600), goodTrack});
+  const Bytes goodAudio = movie({mvhd(600), track("soun", 1, 100)});
+  using Fields = std::initializer_list<uint32_t>;
+  const auto pictures = [](Fields stco) { return movie({mvhd(1), track("vide", 1, 1, {fullBox("stco", stco)})}); };
+  const auto sound = [](Fields stts) { return movie({mvhd(1), track("soun", 1, 1, {fullBox("stts", stts)})}); };
+  const auto withMdat = [&](const Bytes& mdat) { return joined({box("moov", {mvhd(1), goodTrack}), mdat}); };
+  const struct {
+    std::string failure;
     Bytes source;
-    Bytes audio;
-  };
-  const Row rows[] = {
-      {Case::moovNotFound, "moov box not found in file", box("mdat"), goodAudio},
-      {Case::corruptedMP4, "No mdat box found", box("moov", {mvhd(1), goodTrack}), goodAudio},
-      {Case::corruptedMP4, "Cannot read audio moov", good, joined({box("mdat"), boxClaiming(999, "moov", {mvhd(1)})})},
-      {Case::noVideoTrack, "No video track found", goodAudio, goodAudio},
-      {Case::noVideoTrack, "No video track found", movie({mvhd(1), boxClaiming(0, "free"), goodTrack}), goodAudio},
-      {Case::noAudioTrack, "No audio track found", good, good},
-      {Case::corruptedMP4, "mvhd not found", movie({goodTrack}), goodAudio},
-      {Case::corruptedMP4, "trak reaches over", movie({mvhd(1), boxClaiming(900, "trak", {Bytes(20)})}), goodAudio},
-      {Case::corruptedMP4, "moof", joined({good, box("moof")}), goodAudio},
-      {Case::corruptedMP4, "no mdat", movie({mvhd(1), track("vide", tkhd(1, 1), {fullBox("stco", {1, 101})})}),
-       goodAudio},
-      {Case::corruptedMP4, "track_ID", movie({mvhd(1), track("vide", tkhd(0xFFFFFFFE, 1), {})}), goodAudio},
-      {Case::corruptedMP4, "duration", good,
-       movie({mvhd(1), track("soun", tkhd(1, 1), {fullBox("stts", {2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})})})},
-      {Case::corruptedMP4, "32 bits", good,
-       movie({mvhd(1), track("soun", tkhd(1, 1), {fullBox("stts", {2, UINT32_MAX, 8, 1, 8})})})},
-      {Case::corruptedMP4, "do not fit a file",
-       joined({box("moov", {mvhd(1), goodTrack}), longBoxClaiming(UINT64_MAX - 500, "mdat")}), goodAudio},
-      {Case::writeError, "Failed to read video mdat",
-       joined({box("moov", {mvhd(1), goodTrack}), boxClaiming(900, "mdat", {Bytes(20)})}), goodAudio},
+    Bytes audio = {};  // or else a good one
+  } rows[] = {
+      {"moov box not found in file", box("mdat")},
+      {"Corrupted MP4: No mdat box found", withMdat({})},
+      {"Corrupted MP4: Cannot read audio moov", good, joined({box("mdat"), boxClaiming(999, "moov", {mvhd(1)})})},
+      {"No video track found in original file", goodAudio},
+      {"No video track found in original file", movie({mvhd(1), boxClaiming(0, "free"), goodTrack})},
+      {"No audio track found in new audio file", good, good},
+      {"Corrupted MP4: mvhd not found", movie({goodTrack})},
+      {"Corrupted MP4: trak reaches over its moov", movie({mvhd(1), boxClaiming(900, "trak", {Bytes(20)})})},
+      {"Corrupted MP4: Fragmented MP4 (moof box found)", joined({good, box("moof")})},
+      {"Corrupted MP4: A chunk lies in no mdat box", pictures({1, 101})},
+      {"Corrupted MP4: No track_ID is left behind the video's", movie({mvhd(1), track("vide", 0xFFFFFFFE, 1)})},
+      {"Corrupted MP4: stts duration does not fit 64 bits", good, sound({2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})},
+      {"Corrupted MP4: stts does not fit a row of 32 bits", good, sound({2, UINT32_MAX, 8, 1, 8})},
+      {"Corrupted MP4: The media do not fit a file", withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"))},
+      {"Write error: Failed to read video mdat", withMdat(boxClaiming(900, "mdat", {Bytes(20)}))},
+      // A chunk of no bytes may lie at the end of its box, and a table may end ahead of its entries.
+      {"", pictures({9, 8, 100})},
   };
   newAudio_ = directory_ / "new.m4a";
-  EXPECT_EQ(failure().second, "File not found: " + source_.string());
-  for (const Row& row : rows) {
-    write(source_, row.source);
-    write(newAudio_, row.audio);
-    const auto [kind, text] = failure();
-    EXPECT_EQ(kind, row.kind) << row.text << " against " << text;
-    EXPECT_THAT(text, HasSubstr(row.text));
+  EXPECT_EQ(failure(), "File not found: " + source_.string());
+  for (const auto& row : rows) {
+    writeFileAtomically(files_, source_, row.source);
+    writeFileAtomically(files_, newAudio_, row.audio.empty() ? goodAudio : row.audio);
+    EXPECT_EQ(failure(), row.failure);
   }
-  // A chunk of no bytes may lie at the end of its box, and a table may end ahead of its entries.
-  write(source_, movie({mvhd(1), track("vide", tkhd(1, 1), {fullBox("stco", {9, 8, 100})})}));
-  EXPECT_EQ(failure().first, std::nullopt);
 }
 
 TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
-  auto audioTrack = [](const Bytes& stts) { return trackBox("soun", {box("free"), stts, fullBox("stsz", {0, 0})}); };
-  const Bytes uneven = fullBox("stts", {2, 9, 1024, 1, 1000}), shortTable = fullBox("stts", {3, 9, 1024, 1, 1024});
-  struct Row {
+  const auto audioTrack = [](const Bytes& stts) {
+    return trackBox("soun", {box("free"), stts, fullBox("stsz", {0, 0})});
+  };
+  const Bytes uneven = fullBox("stts", {2, 9, 1024, 1, 1000}), cut = fullBox("stts", {3, 9, 1024, 1, 1024});
+  const Bytes even = fullBox("stts", {1, 7, 1024}), none = fullBox("stts", {0}), timeless = fullBox("stts", {1, 7, 0});
+  const struct {
     Bytes before, after;
     std::string line;
-  };
-  const Row rows[] = {
-      {fullBox("stts", {1, 7, 1024}), fullBox("stts", {1, 7, 1024}), "collapsed 1 entries into 1 (delta=1024)"},
-      {fullBox("stts", {2, 1, 1000, 1, 1048}), fullBox("stts", {1, 2, 1024}),
-       "collapsed 2 entries into 1 (delta=1024)"},
+  } rows[] = {
+      {even, even, "collapsed 1 entries into 1 (delta=1024)"},
+      {fullBox("stts", {2, 6, 1000, 1, 1168}), even, "collapsed 2 entries into 1 (delta=1024)"},
       {uneven, uneven, "duration 10216 not divisible by samples 10, leaving stts as-is"},
-      {shortTable, shortTable, "stts truncated"},
-      {fullBox("stts", {0}), fullBox("stts", {0}), "no samples recorded"},
+      {cut, cut, "stts truncated"},
+      {none, none, "no samples recorded"},
+      {timeless, timeless, "computed zero delta, skipping"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     TrakBuffer trak(audioTrack(row.before));
     trak.normalizeAudioStts();
     EXPECT_EQ(Bytes(trak.bytes().begin(), trak.bytes().end()), audioTrack(row.after)) << row.line;
@@ -269,28 +235,23 @@ TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
 }
 
 TEST_F(TrackReplacer, SurvivesDamageAnywhereInTheMoov) {
-  MovieLayout layout(readFile(files_, video_));
-  const Bytes sound = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
+  const MovieLayout layout(readFile(files_, video_));
+  const Bytes whole = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
   std::mt19937 random(7);
-  int written = 0;
+  int written = 0, played = 0;
   for (int round = 0; round < 300; ++round) {
-    Bytes damaged = sound;
+    Bytes damaged = whole;
     const size_t at = layout.ftyp.size() + random() % (layout.moov.size() - 4);
     writeUInt32(damaged, round % 2 == 0 ? random() % 64 : static_cast<uint32_t>(random()), at);
-    write(source_, damaged);
-    try {
-      replace();
-      ++written;
-      // A player that takes the damaged pictures finds the sound whole.
-      if (round % 16 == 0 && !streamHash(source_, "v:0").empty()) {
-        EXPECT_EQ(streamHash(output_, "a:0"), streamHash(newAudio_, "a:0")) << at;
-      }
-    } catch (const AudioTrackReplacerError&) {
-    }
+    writeFileAtomically(files_, source_, damaged);
+    if (!failure().empty() || ++written % 16 != 0 || !mediaHashes(source_).starts_with("0,v,")) continue;
+    // A player that takes the damaged pictures finds the sound whole.
+    EXPECT_NE(mediaHashes(output_).find("1" + newSound()), std::string::npos) << at;
+    ++played;
   }
-  EXPECT_GT(written, 0);
   EXPECT_LT(written, 300);
+  EXPECT_GT(played, 3);
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -5,40 +5,35 @@
 #include <numbers>
 
 #include "audio/AudioFades.h"
+#include "audio/CMSampleBufferHelpers.h"
 #include "audio/NoiseTable.h"
-#include "audio/PCM.h"
 #include "audio/PCMBufferPool.h"
 #include "support/LogCapture.h"
+#include "support/PCM.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
-using namespace test;
-
-double cosineAt(int64_t i, int64_t n) {
-  return std::cos(std::numbers::pi * static_cast<double>(i) / static_cast<double>(n));
-}
+/// Half a turn in n steps.
+const auto cosineAt = [](double i, double n) { return std::cos(std::numbers::pi * i / n); };
 
 /// The shape told frame by frame.
 Samples reference(int64_t frames, const SilenceShape& shape, int channels, NoiseTable noiseTable) {
   const int64_t ramp = std::min(shape.rampFrames, frames / 2);
   const int amplitude = static_cast<int>(shape.noiseLevel * 32767);
-  auto noise = [&] { return shape.useComfortNoise ? noiseTable.draw() * amplitude >> 15 : 0; };
-  auto clamped = [](int value) { return static_cast<int16_t>(std::clamp(value, -32768, 32767)); };
+  const auto noise = [&] { return shape.useComfortNoise ? noiseTable.draw() * amplitude >> 15 : 0; };
   Samples samples;
   for (int64_t frame = 0; frame < frames; ++frame) {
-    const bool isHead = frame < ramp;
-    if (!isHead && frame < frames - ramp) {
-      for (int i = 0; i < channels; ++i) samples.push_back(clamped(noise()));
-      continue;
-    }
+    const bool isHead = frame < ramp, isMiddle = !isHead && frame < frames - ramp;
     const int64_t i = isHead ? frame : frame - (frames - ramp);
-    const double p = static_cast<double>(i) / static_cast<double>(ramp);
+    const double at = static_cast<double>(i), length = static_cast<double>(ramp), p = at / length;
+    const double swell = isHead ? (p - 0.8) / 0.2 : 1 - p / 0.2;
     const int neighbour = isHead ? shape.lastSampleValue : shape.nextSampleValue;
-    int value = static_cast<int>((isHead ? cosineAt(i, ramp) + 1 : 1 - cosineAt(i, ramp)) / 2 * neighbour);
-    if (neighbour != 0 && isHead && p > 0.8) value += static_cast<int>((p - 0.8) / 0.2 * noise());
-    if (neighbour != 0 && !isHead && p < 0.2) value += static_cast<int>((1 - p / 0.2) * noise());
-    samples.insert(samples.end(), static_cast<size_t>(channels), clamped(value));
+    int value = static_cast<int>((isHead ? cosineAt(at, length) + 1 : 1 - cosineAt(at, length)) / 2 * neighbour);
+    if (!isMiddle && neighbour != 0 && swell > 0) value += static_cast<int>(swell * noise());
+    for (int c = 0; c < channels; ++c) {
+      samples.push_back(static_cast<int16_t>(std::clamp(isMiddle ? noise() : value, -32768, 32767)));
+    }
   }
   return samples;
 }
@@ -78,17 +73,15 @@ TEST(NoiseTable, FillsTheRangeAndComesRound) {
 }
 
 TEST(AudioFades, FollowThePlainReference) {
-  for (int64_t frames : {1, 2, 3, 1439, 1440, 1441, 8192}) {
-    Samples source(static_cast<size_t>(frames * 2));
+  for (int frames : {1, 2, 3, 1439, 1440, 1441, 8192}) {
+    Samples source(static_cast<size_t>(frames) * 2);
     for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<int16_t>(i % 3 == 0 ? 32767 : 7 * i - 32768);
     Samples in = source, out = source;
-    const int64_t n = std::min<int64_t>(1440, frames);
-    for (size_t i = 0; n >= 2 && i < source.size(); ++i) {
-      const auto frame = static_cast<int64_t>(i / 2);
-      const int64_t inFadeOut = frame - (frames - n);
-      auto scaled = [&](double gain) { return static_cast<int16_t>(std::lround(gain * source[i])); };
-      if (frame < n) in[i] = scaled((1 - cosineAt(frame, n - 1)) / 2);
-      if (inFadeOut >= 0) out[i] = scaled((cosineAt(inFadeOut, n - 1) + 1) / 2);
+    const int n = std::min(1440, frames);
+    for (int i = 0; n >= 2 && i < 2 * n; ++i) {
+      const auto head = static_cast<size_t>(i), tail = static_cast<size_t>(2 * (frames - n) + i);
+      in[head] = static_cast<int16_t>(std::lround((1 - cosineAt(i / 2, n - 1)) / 2 * source[head]));
+      out[tail] = static_cast<int16_t>(std::lround((cosineAt(i / 2, n - 1) + 1) / 2 * source[tail]));
     }
     auto buffer = pcmBuffer(source, 2);
     applyFadeIn(buffer, 1440);
@@ -99,10 +92,10 @@ TEST(AudioFades, FollowThePlainReference) {
   }
 }
 
-TEST(AudioFades, FramesGoFromTheHead) {
+TEST(PCMBuffers, LoseFramesAtTheHead) {
   const std::pair<int64_t, Samples> cases[] = {{-1, {1, 2, 3, 4}}, {0, {1, 2, 3, 4}}, {1, {3, 4}}, {2, {}}, {3, {}}};
   for (const auto& [frames, left] : cases) {
-    auto buffer = pcmBuffer({1, 2, 3, 4}, 2);
+    auto buffer = pcmBuffer(Samples{1, 2, 3, 4}, 2);
     dropFramesFromHead(buffer, frames);
     EXPECT_EQ(samplesOf(buffer), left) << frames;
   }
@@ -119,9 +112,9 @@ TEST(PCMBuffers, GoToSampleBuffersAndBack) {
   EXPECT_EQ(toAVAudioPCMBuffer(*sampleBuffer, stereo, AVAudioPCMBuffer(stereo, 2))->frameCapacity(), 3u);
 
   // One of the pool may have fewer channels, and holds what it was used for.
-  PCMBufferPool::shared().returnBuffer(pcmBuffer({9, 9, 9}, 1));
+  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9}, 1));
   EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), samples);
-  PCMBufferPool::shared().returnBuffer(pcmBuffer({9, 9, 9, 9}, 2));
+  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9, 9}, 2));
   sampleBuffer->numSamples = 2;
   sampleBuffer->dataBuffer = std::make_shared<const CMBlockBuffer>(Bytes{1, 0});
   EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), (Samples{1, 0, 0, 0}));
@@ -145,4 +138,4 @@ TEST(PCMBuffers, WhatCannotBeMadeIsNothing) {
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

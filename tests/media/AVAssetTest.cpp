@@ -1,58 +1,108 @@
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "media/AVAsset.h"
-#include "platform/host/PosixFileManager.h"
+#include "media/AVAssetReader.h"
 #include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
+#include "support/Clip.h"
 #include "support/MediaMaker.h"
-#include "support/TempDirectory.h"
+#include "support/SyntheticMovie.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
-using namespace test;
+const Bytes threeSamples = syntheticMovie({{.stts = {{3, 1024}}, .samples = 3}});
+
+std::shared_ptr<AVAssetReaderTrackOutput> outputOf(const Clip& clip) {
+  return std::make_shared<AVAssetReaderTrackOutput>(clip.track());
+}
 
 TEST(AVAsset, ListsTheTracksOfARealFile) {
-  PosixFileManager files("/nonexistent");
-  Path file = madeByFFmpeg(
+  const Clip clip(madeByFFmpeg(
       words("-f lavfi -i testsrc2=size=64x64:rate=25 -f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -t 1 -c:v libx264 "
-            "-c:a aac -video_track_timescale 12800 -ar:a:1 44100"));
-  AVAsset asset(files, file);
-  auto audio = asset.tracks(AVMediaType::audio);
-  auto video = asset.tracks(AVMediaType::video);
-  ASSERT_EQ(audio.size(), 2u);
-  ASSERT_EQ(video.size(), 1u);
-  EXPECT_EQ(audio[0].trackID, 1u);
-  EXPECT_EQ(audio[0].naturalTimeScale, 48000u);
-  EXPECT_EQ(video[0].trackID, 2u);
-  EXPECT_EQ(video[0].naturalTimeScale, 12800u);
-  EXPECT_EQ(audio[1].trackID, 3u);
-  EXPECT_EQ(audio[1].naturalTimeScale, 44100u);
+            "-c:a aac -video_track_timescale 12800 -ac:a:0 6 -ar:a:1 44100")));
+  std::string found;
+  for (AVMediaType type : {AVMediaType::audio, AVMediaType::video}) {
+    for (const AVAssetTrack& track : clip.asset.tracks(type)) {
+      const auto stream = track.formatDescriptions.at(0)->streamDescription.value_or(AudioStreamBasicDescription());
+      found += fmt::format("{}: {} ticks, {} Hz, {} channels\n", track.trackID, track.naturalTimeScale,
+                           stream.mSampleRate, stream.mChannelsPerFrame);
+    }
+  }
+  EXPECT_EQ(found,
+            "1: 48000 ticks, 48000 Hz, 6 channels\n"
+            "3: 44100 ticks, 44100 Hz, 1 channels\n"
+            "2: 12800 ticks, 0 Hz, 0 channels\n");
 }
 
 TEST(AVAsset, DamageGivesNoTracks) {
-  TempDirectory directory;
-  PosixFileManager files(directory.path());
-  Path file = directory / "clip.mp4";
-  EXPECT_TRUE(AVAsset(files, file).tracks(AVMediaType::audio).empty()) << "no file";
-  Bytes longTimes = box("tkhd", {values({0x01000000, 0, 0, 0, 0, 7})});
-  Bytes sound = box("trak", {longTimes, mediaBox("soun")});
-  struct {
-    Bytes bytes;
-    size_t tracks;
-  } cases[] = {
-      {{}, 0},
-      {box("mdat", {box("moov", {sound})}), 0},
-      {boxClaiming(UINT32_MAX, "moov", {sound}), 1},
-      {box("moov", {boxClaiming(7, "trak"), sound}), 0},
-      {box("moov", {box("trak", {mediaBox("soun")}), boxClaiming(UINT32_MAX, "trak", {mediaBox("soun")})}), 2},
+  Clip clip;
+  EXPECT_TRUE(clip.asset.tracks(AVMediaType::audio).empty()) << "no file";
+  const Bytes longTimes = box("tkhd", {values({0x01000000, 0, 0, 0, 0, 7})});
+  const Bytes sound = box("trak", {longTimes, mediaBox("soun")}), unnumbered = box("trak", {mediaBox("soun")});
+  const std::pair<Bytes, std::vector<uint32_t>> cases[] = {
+      {{}, {}},
+      {box("mdat", {box("moov", {sound})}), {}},
+      {boxClaiming(UINT32_MAX, "moov", {sound}), {7}},
+      {box("moov", {boxClaiming(7, "trak"), sound}), {}},
+      {box("moov", {unnumbered, boxClaiming(UINT32_MAX, "trak", {mediaBox("soun")})}), {0, 0}},
   };
-  for (const auto& c : cases) {
-    writeFileAtomically(files, file, c.bytes);
-    EXPECT_EQ(AVAsset(files, file).tracks(AVMediaType::audio).size(), c.tracks);
+  for (const auto& [movie, trackIDs] : cases) {
+    clip.write(movie);
+    std::vector<uint32_t> found;
+    for (const auto& track : clip.asset.tracks(AVMediaType::audio)) found.push_back(track.trackID);
+    EXPECT_EQ(found, trackIDs);
   }
-  writeFileAtomically(files, file, box("moov", {sound}));
-  EXPECT_EQ(AVAsset(files, file).tracks(AVMediaType::audio).at(0).trackID, 7u);
+}
+
+TEST(AVAssetReader, EndsWhenAllItsOutputsDoOrWhenCancelled) {
+  EXPECT_THROW(AVAssetReader{Clip().asset}, PosixError) << "no file";
+  const Clip clip(threeSamples);
+  AVAssetReader reader(clip.asset);
+  const auto first = outputOf(clip), second = outputOf(clip);
+  for (const auto& each : {first, second}) {
+    ASSERT_TRUE(reader.canAddOutput(*each));
+    reader.addOutput(each);
+    EXPECT_FALSE(reader.canAddOutput(*each)) << "it is in use";
+  }
+  EXPECT_FALSE(first->copyNextSampleBuffer()) << "not started";
+  ASSERT_TRUE(reader.startReading());
+  EXPECT_FALSE(reader.startReading());
+  EXPECT_FALSE(reader.canAddOutput(*outputOf(clip)));
+  for (int64_t i = 0; i < 3; ++i) EXPECT_EQ(first->copyNextSampleBuffer().value().sampleIndex, i);
+  EXPECT_FALSE(first->copyNextSampleBuffer());
+  EXPECT_EQ(reader.status(), AVAssetReaderStatus::reading);
+  while (second->copyNextSampleBuffer()) continue;
+  EXPECT_EQ(reader.status(), AVAssetReaderStatus::completed);
+
+  AVAssetReader cancelled(clip.asset);
+  const auto only = outputOf(clip);
+  cancelled.addOutput(only);
+  ASSERT_TRUE(cancelled.startReading());
+  cancelled.cancelReading();
+  EXPECT_FALSE(only->copyNextSampleBuffer());
+  EXPECT_EQ(cancelled.status(), AVAssetReaderStatus::cancelled);
+}
+
+TEST(AVAssetReader, TellsWhyItFailed) {
+  const struct {
+    std::string table;  // that has no rows
+    bool starts;
+    const char* failure;
+  } rows[] = {{"stco", true, "Sample 0 does not lie in the file"}, {"stts", false, "stts names no sample"}};
+  for (const auto& row : rows) {
+    BoxEditor damaged(threeSamples);
+    damaged.setField(damaged.at("moov/trak/mdia/minf/stbl/" + row.table).offset + 12, 0);
+    const Clip clip(damaged.bytes);
+    AVAssetReader reader(clip.asset);
+    const auto output = outputOf(clip);
+    reader.addOutput(output);
+    EXPECT_EQ(reader.startReading(), row.starts);
+    EXPECT_FALSE(output->copyNextSampleBuffer());
+    EXPECT_EQ(reader.status(), AVAssetReaderStatus::failed);
+    EXPECT_EQ(reader.error().value().description(), row.failure);
+  }
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

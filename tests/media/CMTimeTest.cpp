@@ -21,57 +21,48 @@ Rational exact(const CMTime& time) {
   return Rational(time.value, time.timescale);
 }
 
-CMTime infinite() {
-  return CMTime::makeWithSeconds(infinity);
-}
-
 TEST(CMTime, AgreesWithExactRationals) {
   std::mt19937_64 random(8);
   const int32_t timescales[] = {1, 600, 1000, 24000, 44100, 48000, 90000, 30001, 1'000'003, finest - 1, finest};
-  auto pick = [&] {
+  const auto pick = [&] {
     return CMTime::make(static_cast<int64_t>(random()) >> (random() % 64),
                         timescales[random() % std::size(timescales)]);
   };
-  int exactOnes = 0;
-  int roundedOnes = 0;
+  int counts[2] = {};  // of exact results, of rounded ones
   for (int i = 0; i < 20'000; ++i) {
-    CMTime a = pick();
-    CMTime b = pick();
-    auto order = exact(a).compare(exact(b));
-    ASSERT_EQ(compare(a, b), order <=> 0) << a.value << "/" << a.timescale << " " << b.value << "/" << b.timescale;
-    for (bool plus : {true, false}) {
-      CMTime result = plus ? a + b : a - b;
-      Rational truth = plus ? Rational(exact(a) + exact(b)) : Rational(exact(a) - exact(b));
+    const CMTime a = pick(), b = pick();
+    ASSERT_EQ(compare(a, b), exact(a).compare(exact(b)) <=> 0)
+        << a.value << "/" << a.timescale << " " << b.value << "/" << b.timescale;
+    for (const auto& [result, truth] :
+         {std::pair{a + b, Rational(exact(a) + exact(b))}, std::pair{a - b, Rational(exact(a) - exact(b))}}) {
       if (!result.isNumeric()) {
         ASSERT_GT(abs(truth), Rational(most));
-      } else if (result.flags & CMTime::hasBeenRoundedFlag) {
-        ++roundedOnes;
-        ASSERT_NE(exact(result), truth);
-        ASSERT_LE(abs(Rational(exact(result) - truth)) * 2 * result.timescale, 1);
-      } else {
-        ++exactOnes;
-        ASSERT_EQ(exact(result), truth);
+        continue;
       }
+      const bool isRounded = (result.flags & CMTime::hasBeenRoundedFlag) != 0;
+      ++counts[isRounded];
+      ASSERT_EQ(exact(result) != truth, isRounded);
+      ASSERT_LE(abs(Rational(exact(result) - truth)) * 2 * result.timescale, 1);
     }
   }
-  EXPECT_GT(exactOnes, 10'000);
-  EXPECT_GT(roundedOnes, 1'000);
+  EXPECT_GT(counts[false], 10'000);
+  EXPECT_GT(counts[true], 1'000);
 }
 
 TEST(CMTime, KeepsItsKindsApart) {
-  CMTime one = CMTime::make(1, 1);
-  CMTime negative = CMTime::makeWithSeconds(-infinity);
+  const CMTime one = CMTime::make(1, 1);
+  const CMTime infinite = CMTime::makeWithSeconds(infinity), negative = CMTime::makeWithSeconds(-infinity);
   EXPECT_EQ((CMTime::make(most, 1) + CMTime::make(most, 1)).seconds(), infinity);
   EXPECT_EQ((CMTime::make(least, 1) - one).seconds(), -infinity);
-  EXPECT_EQ((one - infinite()).seconds(), -infinity);
-  EXPECT_FALSE((infinite() + negative).isValid());
-  EXPECT_TRUE((infinite() + CMTime::indefinite()).isIndefinite());
+  EXPECT_EQ((one - infinite).seconds(), -infinity);
+  EXPECT_FALSE((infinite + negative).isValid());
+  EXPECT_TRUE((infinite + CMTime::indefinite()).isIndefinite());
   EXPECT_FALSE((CMTime::indefinite() - CMTime::invalid()).isValid());
   EXPECT_FALSE((CMTime{1, 0, CMTime::validFlag, 0} + one).isValid()) << "a timescale of 0";
   EXPECT_TRUE(std::isnan(CMTime::indefinite().seconds()));
 
-  const CMTime ascending[] = {negative,   CMTime::make(least, 1), CMTime::zero(),   CMTime::make(1, finest), one,
-                              infinite(), CMTime::indefinite(),   CMTime::invalid()};
+  const CMTime ascending[] = {negative, CMTime::make(least, 1), CMTime::zero(),   CMTime::make(1, finest), one,
+                              infinite, CMTime::indefinite(),   CMTime::invalid()};
   for (size_t i = 0; i < std::size(ascending); ++i) {
     for (size_t k = 0; k < std::size(ascending); ++k) EXPECT_EQ(compare(ascending[i], ascending[k]), i <=> k);
   }

@@ -35,8 +35,8 @@ struct Fault {
     whole  ///< the call has done all its work, and fails at its end
   };
 
-  uint64_t call = 1;  ///< 1-based, among the calls that count, from the moment of arming
-  int errnum = EIO;
+  uint64_t call = 1;     ///< 1-based, among the calls that count, from the moment of arming
+  int errnum = EIO;      ///< 0: the call works after all, behind its strike
   bool lasting = false;  ///< all later calls that count fail too, without effect: the process is dead
   Effect effect = Effect::none;
   std::set<FileOperation> among = {};  ///< the operations that count; all when empty
@@ -151,6 +151,7 @@ class FaultyFileManager : public ForwardingFileManager {
     const auto fault = faultOfNextCall(operation);
     if (!fault) return work();
     if (fault->strike) fault->strike();
+    if (fault->errnum == 0) return work();
     if (fault->effect == Fault::Effect::half) halfWork();
     if (fault->effect == Fault::Effect::whole) work();
     throw PosixError(fault->errnum, "fault of a test");

@@ -55,8 +55,8 @@ Bytes trackOf(const SyntheticTrack& track, Bytes& media) {
                             track.ctts.empty() ? Bytes() : runsBox("ctts", track.ctts),
                             fullBox("stsc", {1, 1, track.samplesPerChunk, 1}), box("stsz", {sizes}),
                             box("stco", {values({0, chunkCount}), chunks})});
-  return box("trak",
-             {editBox(track), box("mdia", {mediaHeader(track), handlerBox(track.handler), box("minf", {stbl})})});
+  const Bytes minf = box("minf", {track.handler == "soun" ? fullBox("smhd", {0}) : Bytes(), stbl});
+  return box("trak", {editBox(track), box("mdia", {mediaHeader(track), handlerBox(track.handler), minf})});
 }
 
 }  // namespace
