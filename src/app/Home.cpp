@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -45,17 +44,11 @@ Path homeDirectory(const std::optional<std::string>& given) {
 
 HomeLock::HomeLock(const Path& home) {
   std::filesystem::create_directories(home);
-  descriptor_ = ::open((home / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (descriptor_ < 0) throw PosixError(errno, (home / ".lock").string());
-  if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
-  int failure = errno;
-  ::close(descriptor_);
-  if (failure != EWOULDBLOCK) throw PosixError(failure, (home / ".lock").string());
+  const Path file = home / ".lock";
+  lock_ = Descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (lock_.isOpen() && flock(*lock_, LOCK_EX | LOCK_NB) == 0) return;
+  if (!lock_.isOpen() || errno != EWOULDBLOCK) throw PosixError(errno, file.string());
   throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
-}
-
-HomeLock::~HomeLock() {
-  ::close(descriptor_);
 }
 
 LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {

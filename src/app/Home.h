@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "app/Descriptor.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 
@@ -17,12 +18,9 @@ class HomeLock {
  public:
   /// Makes the home when it is missing. Throws Error when another process owns it.
   explicit HomeLock(const Path& home);
-  ~HomeLock();
-  HomeLock(const HomeLock&) = delete;
-  HomeLock& operator=(const HomeLock&) = delete;
 
  private:
-  int descriptor_;
+  Descriptor lock_;
 };
 
 /// Sends the log to `<home>/log/tarn.log`, or to standard error with `verbose`, until it is destroyed. A log that has
