@@ -99,10 +99,6 @@ ServedFile ServedFile::of(Bytes bytes) {
           }};
 }
 
-ServedFile ServedFile::zeros(uint64_t size) {
-  return {size, [](uint64_t, std::span<uint8_t> target) { std::ranges::fill(target, uint8_t{0}); }};
-}
-
 ServedFile ServedFile::withETag(std::string tag) const {
   ServedFile file = *this;
   file.etag = std::move(tag);
