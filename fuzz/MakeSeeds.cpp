@@ -27,8 +27,11 @@ void add(const std::string& fuzzer, ByteView seed) {
 
 /// Some pictures of 32 by 32, and what else is asked.
 Bytes movie(const std::string& codec, const std::string& more) {
-  const Path file = encodedVideo(
-      {.codec = codec, .parameters = "keyint=10:repeat-headers=1", .size = "32x32", .seconds = 1, .more = words(more)});
+  const Path file = encodedVideo({.codec = codec,
+                                  .parameters = "keyint=5:repeat-headers=1",
+                                  .size = "32x32",
+                                  .seconds = 1,
+                                  .more = words(more + " -frames:v 10")});
   PosixFileManager files(file.parent_path());
   return readFile(files, file);
 }

@@ -6,7 +6,6 @@
 
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
-#include "app/inspect/DryRunFiles.h"
 #include "app/inspect/Inspection.h"
 #include "platform/Capacitor.h"
 #include "platform/host/PosixFileManager.h"
@@ -157,11 +156,12 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
 /// Whatever bytes of the tables are wrong: there is an answer, the source stays, and the worker does as was said.
 TEST_F(InspectTest, AnswersForAnyDamage) {
   std::mt19937 random(11);
-  for (const char* name : {"hev1 with late sound", "AVC of two sizes"}) {
-    const Bytes& whole = damagedMovie(name);
+  std::optional<RemuxTimings> timings;
+  for (const bool isHEVC : {true, false}) {
+    const Bytes& whole = damagedMovie(isHEVC ? "hev1 with late sound" : "AVC of two sizes");
     const auto moov = BoxEditor(whole).topLevel("moov").front();
     for (int round = 0; round < 150; ++round) {
-      SCOPED_TRACE(name + std::to_string(round));
+      SCOPED_TRACE((isHEVC ? "HEVC " : "AVC ") + std::to_string(round));
       Bytes bytes = whole;
       for (int i = 0; i < 1 + round % 4; ++i) {
         const uint8_t value[] = {0, 1, 0x7F, 0xFF, static_cast<uint8_t>(random())};
@@ -174,13 +174,9 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
       ASSERT_EQ(readFile(files_, file_), bytes);
       if (promise.remux.kind == Remux::skipped) continue;
       std::string refusal;
-      std::optional<RemuxTimings> timings;
       try {
-        if (name[0] == 'h') {
-          MP4Remuxer::remuxHEVCWithParameterExtraction(files_, file_, nullptr, timings);
-        } else {
-          MP4Remuxer::remuxAVCWithParameterExtraction(files_, file_, "", nullptr, timings);
-        }
+        isHEVC ? MP4Remuxer::remuxHEVCWithParameterExtraction(files_, file_, nullptr, timings)
+               : MP4Remuxer::remuxAVCWithParameterExtraction(files_, file_, "", nullptr, timings);
       } catch (const Error& failure) {
         refusal = failure.description();
       }
@@ -188,29 +184,6 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
       EXPECT_EQ(readFile(files_, file_) != bytes, promise.remux.changesFile);
     }
   }
-}
-
-TEST_F(InspectTest, ADryRunIsAFileSystem) {
-  writeFileAtomically(files_, file_, bytesOf("0123456789"));
-  DryRunFiles trial(files_);
-  auto source = trial.open(file_, OpenMode::reading);
-  auto copy = trial.open("/dry-run/copy", OpenMode::exclusive);
-  EXPECT_EQ(source->copyRange(*copy, 4), 4u);
-  copy->write(bytesOf("abc"));
-  EXPECT_EQ(source->copyRange(*copy, 100), 6u);
-  copy->seek(3);
-  copy->write(bytesOf("XY"));
-  copy->seek(2);
-  EXPECT_EQ(std::string(textOf(copy->read(5))), "2XYbc");
-  EXPECT_EQ(std::string(textOf(copy->read(50))), "456789");
-  EXPECT_EQ(copy->seekToEnd(), 13u);
-  EXPECT_FALSE(trial.isChanged(file_));
-  trial.replaceItem(file_, "/dry-run/copy");
-  EXPECT_TRUE(trial.isChanged(file_));
-  EXPECT_FALSE(trial.fileExists("/dry-run/copy"));
-  EXPECT_EQ(trial.attributes(file_)->size, 13u);
-  EXPECT_THROW(source->write(bytesOf("x")), PosixError);
-  EXPECT_EQ(readFile(files_, file_).size(), 10u);
 }
 
 }  // namespace

@@ -2,16 +2,22 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
 #include <csignal>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <thread>
 
-#include "app/PageClient.h"
 #include "app/TarnProcess.h"
 #include "download/FirstRecord.h"
 #include "pipeline/ProcessingStateManager.h"
+#include "platform/Capacitor.h"
 #include "platform/UserDefaults.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultServer.h"
@@ -20,6 +26,10 @@
 namespace tarn::test {
 namespace {
 
+namespace asio = boost::asio;
+namespace websocket = boost::beast::websocket;
+using asio::ip::tcp;
+using boost::system::error_code;
 using namespace std::chrono_literals;
 
 constexpr size_t videoSize = 3'000'000;
@@ -29,6 +39,69 @@ Bytes video() {
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
   return bytes;
 }
+
+/// Sends a text to 127.0.0.1, byte by byte as it stands, and reads the answer to its end.
+std::string askServer(uint16_t port, const std::string& request) {
+  asio::io_context context;
+  tcp::socket socket(context);
+  socket.connect({asio::ip::address_v4::loopback(), port});
+  error_code ended;
+  asio::write(socket, asio::buffer(request), ended);
+  std::string answer;
+  asio::read(socket, asio::dynamic_buffer(answer), ended);
+  return answer;
+}
+
+/// The WebSocket of a page, each operation waited for; its end drops the connection without a word.
+class PageClient {
+ public:
+  struct Greeting {
+    std::string page;
+    std::string epoch = {};
+  };
+
+  /// Throws when it is refused. A `receiveBuffer` above 0 is the size of the socket's, in bytes.
+  PageClient(uint16_t port, const std::string& cookie, const Greeting& greeting, int receiveBuffer = 0) {
+    tcp::socket& socket = stream_.next_layer();
+    socket.open(tcp::v4());
+    if (receiveBuffer > 0) socket.set_option(tcp::socket::receive_buffer_size(receiveBuffer));
+    socket.connect({asio::ip::address_v4::loopback(), port});
+    const std::string host = "127.0.0.1:" + std::to_string(port);
+    stream_.set_option(websocket::stream_base::decorator([&](websocket::request_type& request) {
+      request.set("Origin", "http://" + host);
+      request.set("Cookie", cookie);
+    }));
+    stream_.handshake(host, "/bridge/socket?page=" + greeting.page + "&epoch=" + greeting.epoch + "&seq=0");
+  }
+
+  /// False when the connection is gone.
+  bool send(const std::string& message, bool isText = true) {
+    error_code gone;
+    stream_.text(isText);
+    stream_.write(asio::buffer(message), gone);
+    return !gone;
+  }
+
+  void command(const std::string& id, const std::string& method, const JSObject& options = {}) {
+    send(JSObject{{"id", id}, {"plugin", "TarnBridge"}, {"method", method}, {"options", options}}.json());
+  }
+
+  /// The next message that holds these words, those before it dropped; empty when the connection is gone.
+  std::string next(const std::string& words = "") {
+    for (;;) {
+      boost::beast::flat_buffer buffer;
+      error_code gone;
+      stream_.read(buffer, gone);
+      std::string message = boost::beast::buffers_to_string(buffer.data());
+      if (gone) return {};
+      if (message.find(words) != std::string::npos) return message;
+    }
+  }
+
+ private:
+  asio::io_context context_;
+  websocket::stream<tcp::socket> stream_{context_};
+};
 
 std::string between(const std::string& text, const std::string& before, const std::string& after) {
   const size_t start = text.find(before);
@@ -188,7 +261,7 @@ TEST_F(ServeTest, RefusesWhoMayNotAsk) {
     }
   }
   EXPECT_NE(PageClient(port_, cookie_, {.page = "p"}).next().find("hello"), std::string::npos);
-  EXPECT_THROW(PageClient(port_, "tarn=x", {.page = "p"}), std::runtime_error);
+  EXPECT_THROW(PageClient(port_, "tarn=x", {.page = "p"}), boost::system::system_error);
 }
 
 TEST_F(ServeTest, TheLinkLetsABrowserIn) {
@@ -213,7 +286,7 @@ TEST_F(ServeTest, ASavedVideoIsListedAndPlayedInParts) {
   source_.serve("/clip.html", ServedFile::of(video()));
   PageClient page(port_, cookie_, {.page = "p"});
   saveVideo(page, "1", "/clip.html");
-  const std::string complete = page.nextWith("downloadComplete");
+  const std::string complete = page.next("downloadComplete");
   EXPECT_NE(complete.find("STATUS_SUCCESSFUL"), std::string::npos) << complete;
   const std::string id = between(complete, R"("assetId":")", "\"");
 
@@ -301,14 +374,14 @@ TEST_F(ServeTest, APageThatComesBackMissesNothingUnlessTheServerWasKilled) {
   const std::string epoch = between(page->next(), R"("epoch":")", "\"");
   saveVideo(*page, "1", "/clip.mp4");
   page.reset();
-  for (int seq = 1; seq <= 3; ++seq) other->nextWith("downloadProgress");
+  for (int seq = 1; seq <= 3; ++seq) other->next("downloadProgress");
   page = connect("p", epoch);
   EXPECT_NE(page->next().find(R"("replay":"complete")"), std::string::npos);
   for (int seq = 1; seq <= 3; ++seq) EXPECT_EQ(between(page->next(), R"({"seq":)", ","), std::to_string(seq));
   saveVideo(*page, "1", "/clip.mp4");
-  EXPECT_TRUE(page->nextWith(R"("id":"1")").starts_with(R"({"id":"1","resolve":{"status":)"));
+  EXPECT_TRUE(page->next(R"("id":"1")").starts_with(R"({"id":"1","resolve":{"status":)"));
   page->command("2", "getDownloadLimit");
-  page->nextWith(R"("id":"2")");
+  page->next(R"("id":"2")");
   EXPECT_EQ(source_.requests().size(), 1U) << "the command was run once";
 
   server_->signal(SIGKILL);
@@ -352,7 +425,7 @@ TEST_F(ServeTest, PagesDriveForegroundAndBackground) {
   const auto show = [&](PageClient& page, bool isVisible) {
     page.send(JSObject{{"visible", isVisible}}.json());
     page.command(std::to_string(++commands), "getDownloadLimit");
-    page.nextWith("limit");  // so the message before it has been taken
+    page.next("limit");  // so the message before it has been taken
   };
   expectLife("-");  // no page has come
   auto page = connect("p");
