@@ -51,7 +51,7 @@ HomeLock::HomeLock(const Path& home) {
   throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
 }
 
-LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {
+LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
   if (verbose) {
     setLogSink([reader](std::string_view line) {
       fmt::print(stderr, "{}\n", line);
@@ -65,13 +65,12 @@ LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {
   if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
     std::filesystem::rename(path, home / "log/tarn.log.1", missing);
   }
-  std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "ae"), [](std::FILE* open) {
-    if (open) std::fclose(open);
-  });
-  if (!file) throw PosixError(errno, path.string());
-  std::setvbuf(file.get(), nullptr, _IOLBF, 0);
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  if (!file->isOpen()) throw PosixError(errno, path.string());
   setLogSink([file, reader](std::string_view line) {
-    fmt::print(file.get(), "{} {}\n", timestamp(), line);
+    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
+    // A full disk costs lines of the log and stops no work.
+    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
     reader(line);
   });
 }

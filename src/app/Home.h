@@ -27,7 +27,7 @@ class HomeLock {
 /// grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as well.
 class LogFile {
  public:
-  LogFile(const Path& home, bool verbose, LogSink reader);
+  LogFile(const Path& home, bool verbose, const LogSink& reader);
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
