@@ -17,14 +17,8 @@
 namespace tarn::test {
 namespace {
 
-/// "avc3" with an `avcC` and without sound.
 const Bytes& recording() {
-  static const Bytes bytes = [] {
-    PosixFileManager files{std::filesystem::temp_directory_path()};
-    return readFile(files, madeByFFmpeg({"-f", "lavfi", "-i", "testsrc2=size=320x240:rate=30:duration=2", "-c:v",
-                                         "libx264", "-pix_fmt", "yuv420p", "-tag:v", "avc3"}));
-  }();
-  return bytes;
+  return damagedMovie("avc3 with avcC");
 }
 
 /// The recording as it must come out.
