@@ -1,11 +1,9 @@
-#include <limits>
 #include <vector>
 
 #include "Fuzzing.h"
 #include "sync/MP4AVSync.h"
 
-using namespace tarn;
-
+namespace tarn::fuzz {
 namespace {
 
 constexpr int32_t outputLimit = 1 << 20;
@@ -15,29 +13,24 @@ template <typename Writer>
 void write(int32_t size, Writer&& writer) {
   if (size > outputLimit) return;
   std::vector<uint8_t> out(static_cast<size_t>(size > 0 ? size : 0));
-  fuzz::require(writer(out.data(), static_cast<int32_t>(out.size())) <= static_cast<int32_t>(out.size()));
+  require(writer(out.data(), static_cast<int32_t>(out.size())) <= static_cast<int32_t>(out.size()));
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size > outputLimit) return 0;
-  fuzz::Input input(data, size);
-  AVSyncTrackTiming track{.first_dts = static_cast<int64_t>(input.number(8)),
-                          .first_cts = static_cast<int64_t>(input.number(8)),
-                          .min_cts = static_cast<int64_t>(input.number(8)),
-                          .encoder_delay = static_cast<int64_t>(input.number(8)),
-                          .timescale = static_cast<uint32_t>(input.number(4)),
-                          .movie_timescale = static_cast<uint32_t>(input.number(4)),
-                          .duration = static_cast<int64_t>(input.number(8))};
+void run(Input input) {
+  const auto time = [&] { return input.number<int64_t>(); };
+  const auto scale = [&] { return input.number<uint32_t>(); };
+  AVSyncTrackTiming track{time(), time(), time(), time(), scale(), scale(), time()};
   AVSyncVideoTiming video{track.first_dts, track.first_cts, track.timescale, track.movie_timescale, track.duration};
-  const auto maxDelta = static_cast<uint32_t>(input.number(4));
+  const uint32_t maxDelta = scale();
   const ByteView box = input.rest();
+  if (box.size() > outputLimit) return;
   const auto length = static_cast<int32_t>(box.size());
 
   std::vector<AVSyncElstEntry> rows(16);
   const int32_t count = avsync_parse_elst_box(box.data(), length, rows.data(), 16);
-  fuzz::require(count >= 0 && count <= 16);
+  require(count >= 0 && count <= 16);
   const int32_t elstSize = avsync_elst_box_size(rows.data(), count);
   write(elstSize,
         [&](uint8_t* out, int32_t capacity) { return avsync_write_elst_box(rows.data(), count, out, capacity); });
@@ -50,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   AVSyncGapSummary summary;
   const int32_t gapCount = avsync_detect_gaps(box.data(), length, box.data(), length,
                                               static_cast<int64_t>(maxDelta) - 1, gaps.data(), 8, &summary);
-  fuzz::require(gapCount >= 0 && gapCount <= 8);
+  require(gapCount >= 0 && gapCount <= 8);
   avsync_build_video_elst(&video, rows.data(), 1);
   avsync_build_track_elst(&track, track.first_dts, track.first_cts, rows.data(), 16);
   avsync_build_multi_edit_elst(gaps.data(), gapCount, &track, track.min_cts, rows.data(), 16);
@@ -66,5 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   write(avsync_split_stts_size(box.data(), length, maxDelta), [&](uint8_t* out, int32_t capacity) {
     return avsync_split_stts_entries(box.data(), length, maxDelta, out, capacity);
   });
-  return 0;
 }
+
+}  // namespace tarn::fuzz

@@ -4,8 +4,7 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/MoovCheck.h"
 
-using namespace tarn;
-
+namespace tarn::fuzz {
 namespace {
 
 constexpr std::array policies{&boxwalk::topLevel,       &boxwalk::children,
@@ -21,23 +20,23 @@ template <typename Walker>
 void walk(Walker&& walker, size_t size) {
   size_t headers = 0;
   while (auto header = walker.next()) {
-    fuzz::require(header->offset <= size && header->offset + header->size >= header->offset);
-    fuzz::require(++headers <= size);
+    require(header->offset <= size && header->offset + header->size >= header->offset);
+    require(++headers <= size);
   }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::Input input(data, size);
-  const BoxWalkPolicy& policy = *policies[input.byte() % policies.size()];
+void run(Input input) {
+  const BoxWalkPolicy& policy = *policies[input.number<uint8_t>() % policies.size()];
   const ByteView boxes = input.rest();
-  fuzz::Movie movie(boxes);
+  Movie movie(boxes);
   auto file = movie.files.open(movie.path, OpenMode::reading);
   walk(FileBoxWalker(*file, 0, boxes.size(), policy), boxes.size());
   walk(BufferBoxWalker(boxes, 0, boxes.size(), policy), boxes.size());
   for (bool isRecursive : {false, true}) MP4BoxUtils::findBoxOffsets(boxes, "stsd", 0, std::nullopt, isRecursive);
   MP4BoxUtils::findTrakOffset(boxes, MP4TrackType::video);
   whatForbidsEditing(boxes);
-  return 0;
 }
+
+}  // namespace tarn::fuzz

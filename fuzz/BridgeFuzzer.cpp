@@ -1,4 +1,5 @@
 #include <memory>
+#include <sstream>
 
 #include "Fuzzing.h"
 #include "app/serve/PageMessage.h"
@@ -8,61 +9,33 @@
 #include "platform/memory/ScriptedURLSession.h"
 #include "plugin/TarnBridgePlugin.h"
 
-using namespace tarn;
-
-namespace {
-
-/// A plug-in in a world of its own.
-class Page {
- public:
-  Page() { plugin_->load(); }
-  ~Page() {
-    plugin_.reset();
-    dispatch_.runUntilIdle();
-  }
-  Page(const Page&) = delete;
-  Page& operator=(const Page&) = delete;
-
-  const std::vector<CAPPluginMethod>& methods() const { return plugin_->pluginMethods(); }
-
-  void call(const std::string& method, JSObject options) {
-    int answers = 0;
-    plugin_->call(
-        std::make_shared<CAPPluginCall>(method, std::move(options), [&](const CAPPluginCall::Answer&) { ++answers; }));
-    dispatch_.runUntilIdle();
-    fuzz::require(answers == 1);
-  }
-
- private:
-  InMemoryFileManager files_;
-  UserDefaults defaults_{files_, "/home/Defaults"};
-  SystemClock clock_;
-  ManualDispatch dispatch_;
-  HostApplication application_{dispatch_};
-  InMemoryPhotoLibrary photos_{files_, dispatch_};
-  ScriptedURLSessionService transfers_{files_, "/home/delivered"};
-  std::shared_ptr<TarnBridge> plugin_ =
-      TarnBridge::create({files_, defaults_, clock_, dispatch_, application_, photos_, transfers_}, {});
-};
-
-}  // namespace
-
 /// One call a line: a byte that chooses the method, then its options as JSON. Each call is answered once.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Page page;
-  const std::string_view text = textOf({data, size});
-  for (size_t begin = 0, calls = 0; begin < text.size() && calls < 16; ++calls) {
-    const size_t end = std::min(text.find('\n', begin), text.size());
-    const std::string_view line = text.substr(begin, end - begin);
-    begin = end + 1;
+void tarn::fuzz::run(Input input) {
+  InMemoryFileManager files;
+  UserDefaults defaults(files, "/home/Defaults");
+  SystemClock clock;
+  ManualDispatch dispatch;
+  HostApplication application(dispatch);
+  InMemoryPhotoLibrary photos(files, dispatch);
+  ScriptedURLSessionService transfers(files, "/home/delivered");
+  auto plugin = TarnBridge::create({files, defaults, clock, dispatch, application, photos, transfers}, {});
+  plugin->load();
+  const auto& methods = plugin->pluginMethods();
+  std::istringstream lines{std::string(textOf(input.rest()))};
+  int calls = 0;
+  for (std::string line; calls < 16 && std::getline(lines, line); ++calls) {
     if (line.empty()) continue;
     parsePageMessage(line);
     const auto options = JSObject::parse(line.substr(1));
     if (!options) continue;
-    fuzz::require(JSObject::parse(options->json()).has_value());
-    const auto& methods = page.methods();
+    require(JSObject::parse(options->json()).has_value());
     const size_t which = static_cast<uint8_t>(line[0]) % (methods.size() + 1);
-    page.call(which < methods.size() ? methods[which].name : "unknown", *options);
+    const std::string method = which < methods.size() ? methods[which].name : "unknown";
+    int answers = 0;
+    plugin->call(std::make_shared<CAPPluginCall>(method, *options, [&](const auto&) { ++answers; }));
+    dispatch.runUntilIdle();
+    require(answers == 1);
   }
-  return 0;
+  plugin.reset();
+  dispatch.runUntilIdle();
 }

@@ -2,11 +2,15 @@
 
 #include "mp4/MP4SampleTableParser.h"
 #include "parameters/NALUnitParser.h"
-#include "platform/Error.h"
 #include "platform/Log.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   tarn::setLogSink([](std::string_view) {});
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  tarn::fuzz::run(tarn::fuzz::Input({data, size}));
   return 0;
 }
 
@@ -17,40 +21,31 @@ Movie::Movie(ByteView content) {
   writeFileAtomically(files, path, content);
 }
 
-size_t Movie::entries() {
-  return files.contentsOfDirectory(path.parent_path()).size() +
-         files.contentsOfDirectory(files.temporaryDirectory()).size();
-}
-
 bool Movie::survives(const std::function<void()>& repair) {
   const Bytes before = content();
-  bool isFinished = false;
-  try {
-    repair();
-    isFinished = true;
-  } catch (const Error&) {
-    require(content() == before);
-  }
-  require(entries() == 1);
+  const bool isFinished = finishes(repair);
+  require(isFinished || content() == before);
+  require(files.contentsOfDirectory(path.parent_path()).size() == 1);
+  require(files.contentsOfDirectory(files.temporaryDirectory()).empty());
   return isFinished;
 }
 
 bool Movie::isReadable(MP4TrackType type) {
-  try {
+  bool isFound = false;
+  const bool isWhole = finishes([&] {
     auto file = files.open(path, OpenMode::reading);
-    auto moov = MP4BoxUtils::findBox(*file, "moov", UINT64_MAX);
-    auto trak = moov ? MP4BoxUtils::findTrack(*file, *moov, type) : std::nullopt;
-    auto mdia = trak ? MP4BoxUtils::findChildBox(*file, *trak, "mdia") : std::nullopt;
-    auto minf = mdia ? MP4BoxUtils::findChildBox(*file, *mdia, "minf") : std::nullopt;
-    auto stbl = minf ? MP4BoxUtils::findChildBox(*file, *minf, "stbl") : std::nullopt;
-    if (!stbl) return false;
+    const auto moov = MP4BoxUtils::findBox(*file, "moov", UINT64_MAX);
+    auto box = moov ? MP4BoxUtils::findTrack(*file, *moov, type) : std::nullopt;
+    for (const char* inner : {"mdia", "minf", "stbl"}) {
+      if (box) box = MP4BoxUtils::findChildBox(*file, *box, inner);
+    }
+    if (!box) return;
+    isFound = true;
     MP4SampleTableParser table;
-    table.parseSampleTable(*file, *stbl);
+    table.parseSampleTable(*file, *box);
     table.allSamples();
-    return true;
-  } catch (const Error&) {
-    return false;
-  }
+  });
+  return isWhole && isFound;
 }
 
 }  // namespace tarn::fuzz

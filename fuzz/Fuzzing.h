@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdlib>
-#include <exception>
 #include <functional>
 
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
+#include "platform/Error.h"
 #include "platform/FileManager.h"
 #include "platform/memory/InMemoryFileManager.h"
 
@@ -16,16 +16,29 @@ inline void require(bool promise) {
   if (!promise) std::abort();
 }
 
+/// Does what may refuse its input with a failure of the system's own kind; any other exception, and a crash, is a
+/// fault. True where it came to its end.
+template <typename Work>
+bool finishes(Work&& work) {
+  try {
+    work();
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
 /// Takes values off the front of an input.
 class Input {
  public:
-  Input(const uint8_t* data, size_t size) : bytes_(data, size) {}
+  explicit Input(ByteView bytes) : bytes_(bytes) {}
 
-  uint8_t byte() { return number(1) & 0xFF; }
-  uint64_t number(size_t width) {
+  /// A big-endian number of the type's width, or of `width` bytes; of those that are left where there are fewer.
+  template <typename T>
+  T number(size_t width = sizeof(T)) {
     uint64_t value = 0;
     for (uint8_t b : take(width)) value = value << 8 | b;
-    return value;
+    return static_cast<T>(value);
   }
   ByteView take(size_t count) {
     ByteView front = bytes_.first(count < bytes_.size() ? count : bytes_.size());
@@ -38,6 +51,9 @@ class Input {
   ByteView bytes_;
 };
 
+/// What a fuzzer does with one input. Each has its own.
+void run(Input input);
+
 /// A movie of unknown content on a disk of its own, in memory.
 class Movie {
  public:
@@ -46,17 +62,14 @@ class Movie {
   InMemoryFileManager files;
   const Path path = "/home/Documents/movie.mp4";
 
-  /// Lets a repair work on the file. Whatever it does, no other file is left. Where it throws a failure of the system's
-  /// own kind, the file is as it was; any other exception, and a crash, is a fault. True where it came to its end.
+  /// Lets a repair work on the file. Whatever it does, no other file is left; where it does not finish, the file is as
+  /// it was. True where it finished.
   bool survives(const std::function<void()>& repair);
 
   /// The file's first track of a type can be read as a whole: headers and sample table.
   bool isReadable(MP4TrackType type);
 
   Bytes content() { return readFile(files, path); }
-
- private:
-  size_t entries();
 };
 
 }  // namespace tarn::fuzz

@@ -16,88 +16,68 @@
 namespace tarn::test {
 namespace {
 
-class Seeds {
- public:
-  explicit Seeds(Path directory) : directory_(std::move(directory)) {}
+/// Where they are written.
+Path place;
 
-  void add(const std::string& fuzzer, const Bytes& seed) {
-    const Path place = directory_ / fuzzer;
-    std::filesystem::create_directories(place);
-    std::ofstream(place / fmt::format("seed{:02}", count_++), std::ios::binary)
-        .write(reinterpret_cast<const char*>(seed.data()), static_cast<std::streamsize>(seed.size()));
-  }
-
- private:
-  Path directory_;
-  int count_ = 0;
-};
-
-Bytes bytes(std::string_view text) {
-  return {text.begin(), text.end()};
+void add(const std::string& fuzzer, ByteView seed) {
+  static int count = 0;
+  std::filesystem::create_directories(place / fuzzer);
+  std::ofstream(place / fuzzer / fmt::format("seed{:02}", count++), std::ios::binary) << textOf(seed);
 }
 
-/// Some pictures of 32 by 32, and sound where asked.
-Bytes movie(const std::string& codec, const std::string& parameters, const std::string& more) {
-  std::string arguments = "-f lavfi -i testsrc=size=32x32:rate=10:duration=1 ";
-  if (more.find("-c:a") != std::string::npos) arguments += "-f lavfi -i sine=duration=1:sample_rate=48000 ";
-  arguments += fmt::format("-c:v {} -preset ultrafast -pix_fmt yuv420p -{}-params {} {}", codec,
-                           codec == "libx265" ? "x265" : "x264", parameters, more);
-  const Path file = madeByFFmpeg(words(arguments));
+/// Some pictures of 32 by 32, and what else is asked.
+Bytes movie(const std::string& codec, const std::string& more) {
+  const Path file = encodedVideo({.codec = codec,
+                                  .parameters = "keyint=5:repeat-headers=1",
+                                  .size = "32x32",
+                                  .seconds = 1,
+                                  .more = words(more + " -frames:v 10")});
   PosixFileManager files(file.parent_path());
   return readFile(files, file);
 }
 
-void movies(Seeds& seeds) {
-  const std::string avc = "keyint=5:repeat-headers=1", hevc = "keyint=5:repeat-headers=1:log-level=none";
-  const std::vector<Bytes> files{
-      movie("libx264", avc, "-tag:v avc3"),
-      movie("libx265", hevc, "-tag:v hev1"),
-      movie("libx264", avc, "-c:a aac -b:a 16k -movflags +faststart"),
-      movie("libx265", hevc, "-c:a aac -ac 1 -b:a 16k -use_editlist 0"),
-  };
+void movies() {
+  const std::string sound = "-f lavfi -i sine=r=48000 -c:a aac -b:a 16k ";
+  const std::vector<Bytes> files{movie("libx264", "-tag:v avc3"), movie("libx265", ""),
+                                 movie("libx264", sound + "-movflags +faststart"),
+                                 movie("libx265", sound + "-ac 1 -use_editlist 0")};
   for (const Bytes& file : files) {
-    seeds.add("remux_fuzzer", file);
-    seeds.add("sync_fuzzer", joined({Bytes{1}, file}));
+    add("remux_fuzzer", file);
+    add("sync_fuzzer", joined({Bytes{1}, file}));
     if (&file - files.data() >= 2) {  // those with sound
-      seeds.add("audio_fuzzer", file);
-      const auto size = static_cast<uint32_t>(file.size());
-      seeds.add(
-          "replacer_fuzzer",
-          joined({Bytes{static_cast<uint8_t>(size >> 16), static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)},
-                  file, files[2]}));
+      add("audio_fuzzer", file);
+      const Bytes size = values({static_cast<uint32_t>(file.size())});
+      add("replacer_fuzzer", joined({Bytes(size.begin() + 1, size.end()), file, files[2]}));
     }
     const BoxEditor boxes(file);
-    seeds.add("box_fuzzer", joined({Bytes{4}, boxes.get("moov")}));
+    add("box_fuzzer", joined({Bytes{4}, boxes.get("moov")}));
     const Bytes table = boxes.get("moov/trak/mdia/minf/stbl");
-    seeds.add("sample_table_fuzzer", Bytes(table.begin() + 8, table.end()));
+    add("sample_table_fuzzer", ByteView(table).subspan(8));
     for (const char* box : {"moov/mvhd", "moov/trak/mdia/mdhd", "moov/trak/mdia/minf/stbl/stts"}) {
-      seeds.add("avsync_fuzzer", joined({Bytes(52, 3), boxes.get(box)}));
+      add("avsync_fuzzer", joined({Bytes(52, 3), boxes.get(box)}));
     }
   }
 }
 
-void parameterSets(Seeds& seeds) {
+void parameterSets() {
   const Bytes hevc = HEVCSPS().bytes(), avc = AVCSPS().bytes();
-  for (const Bytes& unit : {hevc, avc}) seeds.add("parameter_set_fuzzer", joined({Bytes{128}, unit, unit}));
-  seeds.add("parameter_set_fuzzer", joined({Bytes{128}, sampleOf({hevcVPS(0, 1), hevc, hevcPPS(0, 1)})}));
-  seeds.add("parameter_set_fuzzer", joined({Bytes{128}, sampleOf({avc, avc}, 2)}));
+  for (const Bytes& unit : {hevc, avc}) add("parameter_set_fuzzer", joined({Bytes{128}, unit, unit}));
+  add("parameter_set_fuzzer", joined({Bytes{128}, sampleOf({hevcVPS(0, 1), hevc, hevcPPS(0, 1)})}));
+  add("parameter_set_fuzzer", joined({Bytes{128}, sampleOf({avc, avc}, 2)}));
 }
 
-void documents(Seeds& seeds) {
+void documents() {
   ProcessingState state;
   state.filename = "clip.mp4";
-  state.fileURL = "/home/Documents/clip.mp4";
-  state.tempFiles = {"/home/Documents/a.m4a"};
+  state.tempFiles = {state.fileURL = "/home/Documents/a.m4a"};
   state.stage = ProcessingStage::remuxed;
-  seeds.add("document_fuzzer", encodeProcessingStates({{7, state}}));
-  seeds.add("document_fuzzer", encodeDownloadTasks({{7, "http://127.0.0.1/a%20b.mp4", "Trips", "a.mp4", "x"}}));
-  seeds.add("document_fuzzer", bytes(TransferNote{.id = 7, .skipVideoFix = true}.text()));
-  seeds.add("document_fuzzer", bytes("http://127.0.0.1/a%20b.mp4?c"));
-  seeds.add("bridge_fuzzer", bytes(R"(0{"url":"http://127.0.0.1/a.mp4","album":"Trips","filename":"a.mp4"})"
-                                   "\n"
-                                   R"(1{"id":1800000000})"
-                                   "\n"
-                                   R"(2{"limit":2,"more":[1.5,null,{"a":true}]})"));
+  add("document_fuzzer", encodeProcessingStates({{7, state}}));
+  add("document_fuzzer", encodeDownloadTasks({{7, "http://127.0.0.1/a%20b.mp4", "Trips", "a.mp4", "x"}}));
+  add("document_fuzzer", bytesOf(TransferNote{.id = 7, .skipVideoFix = true}.text()));
+  add("document_fuzzer", bytesOf("http://127.0.0.1/a%20b.mp4?c"));
+  add("bridge_fuzzer", bytesOf(R"(0{"url":"http://127.0.0.1/a.mp4","album":"Trips","filename":"a.mp4"}
+1{"id":1800000000}
+2{"limit":2,"more":[1.5,null,{"a":true}]})"));
 }
 
 }  // namespace
@@ -105,9 +85,9 @@ void documents(Seeds& seeds) {
 
 int main(int count, char** arguments) {
   if (count != 2) return 2;
-  tarn::test::Seeds seeds(arguments[1]);
-  tarn::test::movies(seeds);
-  tarn::test::parameterSets(seeds);
-  tarn::test::documents(seeds);
+  tarn::test::place = arguments[1];
+  tarn::test::movies();
+  tarn::test::parameterSets();
+  tarn::test::documents();
   return 0;
 }

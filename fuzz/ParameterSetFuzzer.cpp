@@ -4,25 +4,19 @@
 #include "parameters/HEVCConfigurationSegment.h"
 #include "parameters/HEVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
-#include "platform/Error.h"
 
-using namespace tarn;
-
+namespace tarn::fuzz {
 namespace {
 
-Bytes bytes(ByteView view) {
-  return {view.begin(), view.end()};
-}
-
 void buildBoxes(ByteView unit, ByteView second) {
-  const std::vector<Bytes> units{bytes(unit), bytes(second)};
+  const std::vector<Bytes> units{Bytes(unit.begin(), unit.end()), Bytes(second.begin(), second.end())};
   HEVCConfigurationBox(units, units, units, units, 4, true).buildHvcCBox();
   AVCConfigurationBox(units, units, units, 4).buildAvcCBox();
 }
 
 /// One sync sample after another in a file of nothing else.
 void scan(ByteView samples, uint8_t split) {
-  fuzz::Movie movie(samples);
+  Movie movie(samples);
   auto file = movie.files.open(movie.path, OpenMode::reading);
   const auto first = static_cast<uint32_t>(samples.size() * split / 256);
   const std::vector<SampleInfo> sync{{0, 0, first, true},
@@ -33,32 +27,24 @@ void scan(ByteView samples, uint8_t split) {
   AVCConfigurationSegmentDetector::detectSegments(*file, sync, 2, 2);
 }
 
-template <typename Work>
-void refusing(Work&& work) {
-  try {
-    work();
-  } catch (const Error&) {
-    // Sets that cannot be written or read are refused.
-  }
-}
-
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::Input input(data, size);
-  const uint8_t split = input.byte();
+void run(Input input) {
+  const auto split = input.number<uint8_t>();
   const ByteView all = input.rest();
   const ByteView front = all.first(all.size() * split / 256);
   HEVCSPSInfo info;
   if (hevc_parse_sps(all.data(), all.size(), &info) == 0) {
-    fuzz::require(info.width >= 1 && info.width <= 16384 && info.height >= 1 && info.height <= 16384);
-    fuzz::require(info.bitDepthLuma >= 8 && info.bitDepthLuma <= 16 && info.chromaFormatIdc <= 3);
+    require(info.width >= 1 && info.width <= 16384 && info.height >= 1 && info.height <= 16384);
+    require(info.bitDepthLuma >= 8 && info.bitDepthLuma <= 16 && info.chromaFormatIdc <= 3);
   }
   NALUnitParser::parseSPSResolution(all);
   AVCConfigurationBox::parseSPSResolution(all);
-  refusing([&] { readHvcC(all); });
-  refusing([&] { readAvcC(all); });
-  refusing([&] { buildBoxes(front, all.subspan(front.size())); });
-  refusing([&] { scan(all, split); });
-  return 0;
+  // Sets that cannot be written or read are refused.
+  finishes([&] { readHvcC(all); });
+  finishes([&] { readAvcC(all); });
+  finishes([&] { buildBoxes(front, all.subspan(front.size())); });
+  finishes([&] { scan(all, split); });
 }
+
+}  // namespace tarn::fuzz

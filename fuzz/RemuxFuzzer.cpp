@@ -1,11 +1,9 @@
 #include "Fuzzing.h"
 #include "remux/MP4Remuxer.h"
 
-using namespace tarn;
-
 /// The input is a movie. What could be read can be read behind a finished repair, and a second repair changes nothing.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::Movie movie(ByteView(data, size));
+void tarn::fuzz::run(Input input) {
+  Movie movie(input.rest());
   std::optional<RemuxTimings> timings;
   const auto remux = [&](bool isHEVC) {
     return movie.survives([&] {
@@ -20,9 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   movie.survives([&] { MP4Remuxer::detectHEVCTag(movie.files, movie.path); });
   for (bool isHEVC : {true, false}) {
     if (!remux(isHEVC)) continue;
-    fuzz::require(!wasReadable || movie.isReadable(MP4TrackType::video));
+    require(!wasReadable || movie.isReadable(MP4TrackType::video));
     const Bytes once = movie.content();
-    fuzz::require(remux(isHEVC) && movie.content() == once);
+    require(remux(isHEVC) && movie.content() == once);
   }
-  return 0;
 }

@@ -2,13 +2,10 @@
 #include "audio/MP4AudioTrackReplacer.h"
 #include "platform/TempFile.h"
 
-using namespace tarn;
-
 /// Two movies, the first as long as the first three bytes say: the pictures of the one, the sound of the other.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::Input input(data, size);
-  const auto length = static_cast<size_t>(input.number(3));
-  fuzz::Movie movie(input.take(length));
+void tarn::fuzz::run(Input input) {
+  const auto length = input.number<size_t>(3);
+  Movie movie(input.take(length));
   const Path sound = movie.path.parent_path() / "sound.m4a", result = movie.path.parent_path() / "result.mp4";
   const ByteView rest = input.rest();
   const bool hadPictures = movie.isReadable(MP4TrackType::video);
@@ -18,6 +15,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     MP4AudioTrackReplacer::replaceAudioTrack(movie.files, movie.path, sound, result);
     movie.files.replaceItem(movie.path, result);
   });
-  if (isReplaced && hadPictures) fuzz::require(movie.isReadable(MP4TrackType::video));
-  return 0;
+  require(!isReplaced || !hadPictures || movie.isReadable(MP4TrackType::video));
 }

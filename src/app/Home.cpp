@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -45,20 +44,14 @@ Path homeDirectory(const std::optional<std::string>& given) {
 
 HomeLock::HomeLock(const Path& home) {
   std::filesystem::create_directories(home);
-  descriptor_ = ::open((home / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (descriptor_ < 0) throw PosixError(errno, (home / ".lock").string());
-  if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
-  int failure = errno;
-  ::close(descriptor_);
-  if (failure != EWOULDBLOCK) throw PosixError(failure, (home / ".lock").string());
+  const Path file = home / ".lock";
+  lock_ = Descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (lock_.isOpen() && flock(*lock_, LOCK_EX | LOCK_NB) == 0) return;
+  if (!lock_.isOpen() || errno != EWOULDBLOCK) throw PosixError(errno, file.string());
   throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
 }
 
-HomeLock::~HomeLock() {
-  ::close(descriptor_);
-}
-
-LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {
+LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
   if (verbose) {
     setLogSink([reader](std::string_view line) {
       fmt::print(stderr, "{}\n", line);
@@ -72,13 +65,12 @@ LogFile::LogFile(const Path& home, bool verbose, LogSink reader) {
   if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
     std::filesystem::rename(path, home / "log/tarn.log.1", missing);
   }
-  std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "ae"), [](std::FILE* open) {
-    if (open) std::fclose(open);
-  });
-  if (!file) throw PosixError(errno, path.string());
-  std::setvbuf(file.get(), nullptr, _IOLBF, 0);
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  if (!file->isOpen()) throw PosixError(errno, path.string());
   setLogSink([file, reader](std::string_view line) {
-    fmt::print(file.get(), "{} {}\n", timestamp(), line);
+    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
+    // A full disk costs lines of the log and stops no work.
+    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
     reader(line);
   });
 }

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "app/Descriptor.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 
@@ -17,19 +18,16 @@ class HomeLock {
  public:
   /// Makes the home when it is missing. Throws Error when another process owns it.
   explicit HomeLock(const Path& home);
-  ~HomeLock();
-  HomeLock(const HomeLock&) = delete;
-  HomeLock& operator=(const HomeLock&) = delete;
 
  private:
-  int descriptor_;
+  Descriptor lock_;
 };
 
 /// Sends the log to `<home>/log/tarn.log`, or to standard error with `verbose`, until it is destroyed. A log that has
 /// grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as well.
 class LogFile {
  public:
-  LogFile(const Path& home, bool verbose, LogSink reader);
+  LogFile(const Path& home, bool verbose, const LogSink& reader);
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;

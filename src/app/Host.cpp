@@ -19,7 +19,7 @@ Host::Host(FileManager& files, const HostOptions& options)
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);
-  for (const char* directory : {"Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
+  for (const char* directory : {"", "Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
   Platform platform{.files = files_,
                     .defaults = defaults_,
                     .clock = clock_,

@@ -11,6 +11,9 @@
 #include <csignal>
 #include <utility>
 
+#include "app/Commands.h"
+#include "platform/Error.h"
+
 namespace tarn {
 namespace {
 
@@ -22,8 +25,6 @@ sigset_t interrupts() {
   return set;
 }
 
-constexpr int interruptedExitCode = 130;
-
 }  // namespace
 
 void blockInterrupts() {
@@ -32,9 +33,10 @@ void blockInterrupts() {
 }
 
 InterruptWatcher::InterruptWatcher(std::function<void()> handler) : stopEvent_(eventfd(0, EFD_CLOEXEC)) {
-  thread_ = std::thread([stop = stopEvent_, handler = std::move(handler)] {
-    sigset_t set = interrupts();
-    const int signals = signalfd(-1, &set, SFD_CLOEXEC);
+  const sigset_t set = interrupts();
+  signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
+  if (!stopEvent_.isOpen() || !signals_.isOpen()) throw PosixError(errno, "wait for interrupts");
+  thread_ = std::thread([signals = *signals_, stop = *stopEvent_, handler = std::move(handler)] {
     std::array<pollfd, 2> sources{{{signals, POLLIN, 0}, {stop, POLLIN, 0}}};
     bool isInterrupted = false;
     while (poll(sources.data(), sources.size(), -1) >= 0 || errno == EINTR) {
@@ -42,17 +44,15 @@ InterruptWatcher::InterruptWatcher(std::function<void()> handler) : stopEvent_(e
       if (sources[0].revents == 0) continue;
       signalfd_siginfo info{};
       if (read(signals, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) break;
-      if (std::exchange(isInterrupted, true)) _exit(interruptedExitCode);
+      if (std::exchange(isInterrupted, true)) _exit(ExitCode::interrupted);
       handler();
     }
-    close(signals);
   });
 }
 
 InterruptWatcher::~InterruptWatcher() {
-  eventfd_write(stopEvent_, 1);
+  eventfd_write(*stopEvent_, 1);
   thread_.join();
-  close(stopEvent_);
 }
 
 }  // namespace tarn

@@ -3,6 +3,8 @@
 #include <functional>
 #include <thread>
 
+#include "app/Descriptor.h"
+
 namespace tarn {
 
 /// Blocks SIGINT and SIGTERM in this thread and those that it starts from now on. Call before the first thread starts.
@@ -12,13 +14,15 @@ void blockInterrupts();
 /// once with 130.
 class InterruptWatcher {
  public:
+  /// Throws PosixError when the system is out of descriptors.
   explicit InterruptWatcher(std::function<void()> handler);
   ~InterruptWatcher();
   InterruptWatcher(const InterruptWatcher&) = delete;
   InterruptWatcher& operator=(const InterruptWatcher&) = delete;
 
  private:
-  int stopEvent_;
+  Descriptor stopEvent_;
+  Descriptor signals_;
   std::thread thread_;
 };
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -15,20 +14,18 @@ namespace {
 
 constexpr const char* prefix = ".tarn-repair-";
 
-/// The lock of a directory, or -1. Whoever holds it owns the directory; it goes with the process.
-int lockDirectory(const Path& path, int flags) {
-  const int lock = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-  if (lock < 0) return -1;
-  if (flock(lock, LOCK_EX | flags) == 0) return lock;
-  ::close(lock);
-  return -1;
+/// The lock of a directory, if it can be had. Whoever holds it owns the directory; it goes with the process.
+Descriptor lockDirectory(const Path& path, int flags) {
+  Descriptor lock(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+  if (lock.isOpen() && flock(*lock, LOCK_EX | flags) != 0) lock = Descriptor();
+  return lock;
 }
 
 /// False for a directory that was removed between being made and being locked.
-bool isStillNamed(int lock, const Path& path) {
+bool isStillNamed(const Descriptor& lock, const Path& path) {
   struct stat named {};
   struct stat opened {};
-  return ::stat(path.c_str(), &named) == 0 && ::fstat(lock, &opened) == 0 && named.st_ino == opened.st_ino;
+  return ::stat(path.c_str(), &named) == 0 && ::fstat(*lock, &opened) == 0 && named.st_ino == opened.st_ino;
 }
 
 /// Removes the directories whose owners are dead.
@@ -36,10 +33,8 @@ void removeAbandoned(const Path& place) {
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(place, ignored)) {
     if (!entry.path().filename().string().starts_with(prefix)) continue;
-    const int lock = lockDirectory(entry.path(), LOCK_NB);
-    if (lock < 0) continue;
-    std::filesystem::remove_all(entry.path(), ignored);
-    ::close(lock);
+    const Descriptor lock = lockDirectory(entry.path(), LOCK_NB);
+    if (lock.isOpen()) std::filesystem::remove_all(entry.path(), ignored);
   }
 }
 
@@ -52,15 +47,13 @@ PrivateHome::PrivateHome(const Path& place) {
     if (::mkdir(path_.c_str(), 0700) != 0) throw PosixError(errno, "make a directory in " + place.string());
     lock_ = lockDirectory(path_, 0);
     // Where the file system knows no locks, nobody can take the directory for abandoned either.
-    if (lock_ < 0 || isStillNamed(lock_, path_)) return;
-    ::close(lock_);
+    if (!lock_.isOpen() || isStillNamed(lock_, path_)) return;
   }
 }
 
 PrivateHome::~PrivateHome() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
-  if (lock_ >= 0) ::close(lock_);
 }
 
 }  // namespace tarn

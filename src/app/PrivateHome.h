@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/Descriptor.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
@@ -19,7 +20,7 @@ class PrivateHome {
 
  private:
   Path path_;
-  int lock_;
+  Descriptor lock_;
 };
 
 }  // namespace tarn

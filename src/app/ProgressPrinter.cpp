@@ -7,22 +7,12 @@
 #include <array>
 #include <cstdio>
 
+#include "app/Payload.h"
+
 namespace tarn {
 namespace {
 
 constexpr int barWidth = 24;
-
-int64_t number(const JSObject& entry, std::string_view key, int64_t absent) {
-  const JSValue* value = entry.find(key);
-  const int64_t* found = value ? value->get<int64_t>() : nullptr;
-  return found ? *found : absent;
-}
-
-std::string text(const JSObject& entry, std::string_view key) {
-  const JSValue* value = entry.find(key);
-  const std::string* found = value ? value->get<std::string>() : nullptr;
-  return found ? *found : "";
-}
 
 std::string bar(double fraction) {
   auto filled = static_cast<size_t>(fraction * barWidth);
@@ -54,11 +44,11 @@ ProgressPrinter::~ProgressPrinter() {
 }
 
 void ProgressPrinter::show(const JSObject& entry) {
-  const std::string status = text(entry, "status");
+  const auto status = valueAt<std::string>(entry, "status", "");
   if (status == "STATUS_PENDING") return print("waiting for a free slot");
   if (status == "STATUS_RUNNING") return print(transferLine(entry));
   if (status != "STATUS_PROCESSING") return;
-  showStage(text(entry, "processingStage"), number(entry, "processingProgress", 0));
+  showStage(valueAt<std::string>(entry, "processingStage", ""), valueAt<int64_t>(entry, "processingProgress", 0));
 }
 
 void ProgressPrinter::showStage(const std::string& stage, int64_t percent) {
@@ -67,12 +57,12 @@ void ProgressPrinter::showStage(const std::string& stage, int64_t percent) {
 }
 
 std::string ProgressPrinter::transferLine(const JSObject& entry) {
-  const int64_t bytes = number(entry, "bytesDownloaded", 0);
-  const int64_t total = number(entry, "totalBytes", -1);
+  const auto bytes = valueAt<int64_t>(entry, "bytesDownloaded", 0);
+  const auto total = valueAt<int64_t>(entry, "totalBytes", -1);
   const auto now = Clock::now();
-  if (lastBytes_ >= 0) {
+  if (lastBytes_) {
     const double seconds = std::chrono::duration<double>(now - lastTime_).count();
-    const double current = static_cast<double>(std::max<int64_t>(bytes - lastBytes_, 0)) / std::max(seconds, 1e-3);
+    const double current = static_cast<double>(std::max<int64_t>(bytes - *lastBytes_, 0)) / std::max(seconds, 1e-3);
     rate_ = rate_ > 0 ? 0.7 * rate_ + 0.3 * current : current;
   }
   lastBytes_ = bytes;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/Capacitor.h"
@@ -32,7 +33,7 @@ class ProgressPrinter {
   const bool isTerminal_;
   std::string lastLine_;
   double rate_ = 0;  ///< bytes a second, smoothed
-  int64_t lastBytes_ = -1;
+  std::optional<int64_t> lastBytes_;
   Clock::time_point lastTime_;
 };
 

@@ -47,18 +47,16 @@ class PlacingStep : public ProcessingStep {
   Path place_;
 };
 
-/// The engine around the single run of a repair: its progress is shown, its outcome kept.
+/// The engine around the single run of a repair: its progress is shown, its outcome kept. Its record is not stored,
+/// since a repair that was cut off begins anew.
 class SingleRunHost : public ProcessingHost {
  public:
-  SingleRunHost(ProcessingStateManager& store, bool showsProgress) : store_(store) {
+  explicit SingleRunHost(bool showsProgress) {
     if (showsProgress) printer_.emplace();
   }
 
-  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& record) override {
-    store_.saveState(record);
-    return true;
-  }
-  void removeRecord(const CancellationToken& /*token*/, int64_t id) override { store_.removeState(id); }
+  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
+  void removeRecord(const CancellationToken& /*token*/, int64_t /*id*/) override {}
   void progressUpdated(const DownloadTaskPointer& /*download*/, double progress, const std::string& stage) override {
     if (printer_) printer_->showStage(stage, static_cast<int64_t>(progress * 100));
   }
@@ -77,7 +75,6 @@ class SingleRunHost : public ProcessingHost {
   }
 
  private:
-  ProcessingStateManager& store_;
   std::optional<ProgressPrinter> printer_;
   bool isFinished_ = false;
   std::exception_ptr failure_;
@@ -147,7 +144,7 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
     result.note = "The video was left as it is: " + whyTheVideoIsLeftAlone(files, copy) + ".";
   }
 
-  SingleRunHost host(store, showsProgress);
+  SingleRunHost host(showsProgress);
   NamesInTheMaking names;
   RepairSteps steps;
   PlacingStep last(place);

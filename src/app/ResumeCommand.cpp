@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "app/Commands.h"
 #include "app/FailureAdvice.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
+#include "app/Payload.h"
 
 namespace tarn {
 namespace {
@@ -40,8 +42,8 @@ class Resume {
     const JSObject tasks = client_.call("getActiveDownloads").data;
     for (const auto& [key, value] : tasks.members()) {
       const JSObject& task = *value.get<JSObject>();
-      const std::string& status = *task.find("status")->get<std::string>();
-      const int64_t id = *task.find("id")->get<int64_t>();
+      const auto status = valueAt<std::string>(task, "status", "");
+      const auto id = valueAt<int64_t>(task, "id", 0);
       if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
         isActive = true;
       } else if (status == "STATUS_SUCCESSFUL") {
@@ -62,7 +64,7 @@ class Resume {
     const JSObject tasks = client_.call("getActiveDownloads").data;
     const bool isGone = std::ranges::none_of(
         outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
-    return (isGone && !host_.hasTransfers()) || ++looksAtTheEnd_ > 300;
+    return (isGone && !host_.hasTransfers()) || ++looksAtTheEnd_ > enoughLooksAtTheEnd;
   }
 
   /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
@@ -106,9 +108,8 @@ class Resume {
   void show(int64_t id, const JSObject& task) {
     if (global_.json) {
       printJSON({{"event", "downloadProgress"}, {"data", JSObject{{std::to_string(id), task}}}});
-    } else if (shown_.insert_or_assign(id, *task.find("status")->get<std::string>()).second) {
-      const JSValue* name = task.find("filename");
-      fmt::print(stderr, "going on with {}\n", name ? *name->get<std::string>() : std::to_string(id));
+    } else if (shown_.insert(id).second) {
+      fmt::print(stderr, "going on with {}\n", valueAt(task, "filename", std::to_string(id)));
     }
   }
 
@@ -129,6 +130,7 @@ class Resume {
   }
 
   static constexpr int enoughLooks = 5;
+  static constexpr int enoughLooksAtTheEnd = 300;
   static constexpr std::chrono::milliseconds shortestPause{30};
   static constexpr std::chrono::milliseconds longestPause{1000};
 
@@ -138,7 +140,7 @@ class Resume {
   std::chrono::milliseconds pause_ = shortestPause;
   bool wasIdle_ = false;
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
-  std::map<int64_t, std::string> shown_;
+  std::set<int64_t> shown_;
   std::map<int64_t, int> looksAtNothing_;
   int looksAtTheEnd_ = 0;
 };

@@ -1,5 +1,6 @@
 #include "app/RunJournal.h"
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 

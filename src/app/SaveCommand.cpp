@@ -7,22 +7,11 @@
 #include "app/FileNames.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
+#include "app/Payload.h"
 #include "app/ProgressPrinter.h"
 
 namespace tarn {
 namespace {
-
-const JSObject* objectAt(const JSObject& object, std::string_view key) {
-  const JSValue* value = object.find(key);
-  return value ? value->get<JSObject>() : nullptr;
-}
-
-template <typename T>
-std::optional<T> valueAt(const JSObject& object, std::string_view key) {
-  const JSValue* value = object.find(key);
-  const T* found = value ? value->get<T>() : nullptr;
-  return found ? std::optional<T>(*found) : std::nullopt;
-}
 
 std::optional<PHAsset> findAsset(PHPhotoLibrary& photos, const std::string& album, const std::string& assetId) {
   for (const PHAssetCollection& collection : photos.fetchAssetCollections(album)) {
@@ -40,9 +29,9 @@ std::optional<JSObject> waitForCompletion(EngineClient& client, int64_t id, bool
   while (auto event = client.nextEvent()) {
     if (json) printJSON({{"event", event->name}, {"data", event->data}});
     if (event->name == "downloadProgress") {
-      const JSObject* entry = objectAt(event->data, key);
+      const auto* entry = valueAt<JSObject>(event->data, key);
       if (entry && printer) printer->show(*entry);
-    } else if (event->name == "downloadComplete" && valueAt<int64_t>(event->data, "id") == id) {
+    } else if (event->name == "downloadComplete" && valueAt<int64_t>(event->data, "id", 0) == id) {
       return event->data;
     }
   }
@@ -71,17 +60,17 @@ int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
     printFailure(answer.message + " Give an http or https URL.");
     return ExitCode::failed;
   }
-  const int64_t id = valueAt<int64_t>(answer.data, "id").value_or(0);
+  const int64_t id = valueAt<int64_t>(answer.data, "id", 0);
   auto completion = waitForCompletion(client, id, global.json);
   if (!completion) {
     printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
     return ExitCode::interrupted;
   }
   client.waitUntilGone(id);
-  if (valueAt<std::string>(*completion, "status") != "STATUS_SUCCESSFUL") {
+  if (valueAt<std::string>(*completion, "status", "") != "STATUS_SUCCESSFUL") {
     return reportFailure(global, id, host.journal().failure(id).value_or("the reason is in the log"));
   }
-  auto asset = findAsset(host.photos(), options.album, valueAt<std::string>(*completion, "assetId").value_or(""));
+  auto asset = findAsset(host.photos(), options.album, valueAt<std::string>(*completion, "assetId", ""));
   if (!asset) return reportFailure(global, id, "the saved file is not in its album any more");
   if (global.json) {
     printJSON({{"result", "saved"}, {"id", id}, {"album", options.album}, {"path", asset->path.string()}});

@@ -9,6 +9,8 @@ namespace {
 
 using namespace tarn;
 
+constexpr int64_t longestBackground = 365L * 24 * 60 * 60;  // seconds
+
 int run(int argc, char** argv) {
   CLI::App app{"Fetches a video, repairs it and keeps it in an album.", "tarn"};
   app.require_subcommand(1);
@@ -18,9 +20,9 @@ int run(int argc, char** argv) {
   int64_t backgroundSeconds = 0;
   app.add_option("--home", global.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)");
   app.add_flag("--verbose", global.verbose, "Send the log to standard error");
-  app.add_flag("--json", global.json, "One JSON object a line for every event and result");
+  auto* json = app.add_flag("--json", global.json, "One JSON object a line for every event and result");
   auto* limit = app.add_option("--background-seconds", backgroundSeconds, "Time that a run may go on in the background")
-                    ->check(CLI::NonNegativeNumber);
+                    ->check(CLI::Range(int64_t{0}, longestBackground));
 
   SaveOptions saving;
   auto* save = app.add_subcommand("save", "Save the video at a URL into an album");
@@ -54,6 +56,7 @@ int run(int argc, char** argv) {
   serve->add_option("--web", serving.webFolder, "The folder of the built page");
 
   auto* demo = app.add_subcommand("demo", "Make a damaged recording, save it, and show what was repaired");
+  for (auto* command : {serve, demo}) command->excludes(json);
 
   try {
     app.parse(argc, argv);

@@ -34,10 +34,6 @@ ChildProgram::~ChildProgram() {
   wait();
 }
 
-void ChildProgram::signal(int number) const {
-  kill(pid_, number);
-}
-
 int ChildProgram::wait() {
   if (!status_) {
     int status = 0;
@@ -45,14 +41,6 @@ int ChildProgram::wait() {
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
   }
   return *status_;
-}
-
-std::string ChildProgram::output() const {
-  return contentOf(output_);
-}
-
-std::string ChildProgram::errors() const {
-  return contentOf(errors_);
 }
 
 std::string TarnResult::lastLine() const {
@@ -76,22 +64,21 @@ TarnResult runTarn(const Path& home, const std::vector<std::string>& arguments) 
 std::string leftIn(const Path& home) {
   std::string left;
   for (const char* directory : {"Documents", "Transfers", "tmp"}) {
-    if (!fs::exists(home / directory)) continue;
-    for (const auto& entry : fs::directory_iterator(home / directory)) left += entry.path().string() + " ";
+    std::error_code missing;
+    for (const auto& entry : fs::directory_iterator(home / directory, missing)) left += entry.path().string() + " ";
   }
-  const Path defaults = home / "Defaults";
   for (const char* key : {"ActiveDownloads", "com.sorrel.capacitor.downloader.processingStates"}) {
-    if (fs::exists(defaults / key) && contentOf(defaults / key) != "[]") left += contentOf(defaults / key) + " ";
+    const std::string stored = contentOf(home / "Defaults" / key);
+    if (stored != "[]") left += stored;
   }
   return left;
 }
 
 std::vector<std::string> savedFiles(const Path& home) {
   std::vector<std::string> files;
-  const Path photos = home / "Photos";
-  if (!fs::exists(photos)) return files;
-  for (const auto& entry : fs::recursive_directory_iterator(photos)) {
-    std::string name = entry.path().lexically_relative(photos).string();
+  std::error_code missing;
+  for (const auto& entry : fs::recursive_directory_iterator(home / "Photos", missing)) {
+    std::string name = entry.path().lexically_relative(home / "Photos").string();
     if (entry.is_regular_file() && !name.starts_with(".")) files.push_back(name);
   }
   std::ranges::sort(files);
@@ -99,9 +86,9 @@ std::vector<std::string> savedFiles(const Path& home) {
 }
 
 size_t assetFiles(const Path& home) {
-  const Path assets = home / "Photos/.assets";
-  if (!fs::exists(assets)) return 0;
-  return static_cast<size_t>(std::distance(fs::directory_iterator(assets), fs::directory_iterator()));
+  std::error_code missing;
+  return static_cast<size_t>(
+      std::distance(fs::directory_iterator(home / "Photos/.assets", missing), fs::directory_iterator()));
 }
 
 std::string contentOf(const Path& file) {

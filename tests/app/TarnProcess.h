@@ -2,7 +2,7 @@
 
 #include <sys/types.h>
 
-#include <chrono>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,6 +10,9 @@
 #include "platform/FileManager.h"
 
 namespace tarn::test {
+
+/// The bytes of a file; empty when there is none.
+std::string contentOf(const Path& file);
 
 /// A program that runs beside the test, its output in files.
 class ChildProgram {
@@ -19,11 +22,11 @@ class ChildProgram {
   ChildProgram(const ChildProgram&) = delete;
   ChildProgram& operator=(const ChildProgram&) = delete;
 
-  void signal(int number) const;
+  void signal(int number) const { ::kill(pid_, number); }
   /// Waits for the end: the exit code, or 1000 and the number of the signal that ended it.
   int wait();
-  std::string output() const;
-  std::string errors() const;
+  std::string output() const { return contentOf(output_); }
+  std::string errors() const { return contentOf(errors_); }
 
  private:
   pid_t pid_ = 0;
@@ -57,7 +60,5 @@ std::vector<std::string> savedFiles(const Path& home);
 
 /// The number of files behind the assets.
 size_t assetFiles(const Path& home);
-
-std::string contentOf(const Path& file);
 
 }  // namespace tarn::test

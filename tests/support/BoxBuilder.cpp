@@ -3,23 +3,10 @@
 #include "mp4/DataExtensions.h"
 
 namespace tarn::test {
-namespace {
-
-void append(Bytes& target, std::initializer_list<Bytes> parts) {
-  for (const Bytes& part : parts) target.insert(target.end(), part.begin(), part.end());
-}
-
-size_t lengthOf(std::initializer_list<Bytes> parts) {
-  size_t length = 0;
-  for (const Bytes& part : parts) length += part.size();
-  return length;
-}
-
-}  // namespace
 
 Bytes joined(std::initializer_list<Bytes> parts) {
   Bytes result;
-  append(result, parts);
+  for (const Bytes& part : parts) result.insert(result.end(), part.begin(), part.end());
   return result;
 }
 
@@ -30,24 +17,22 @@ Bytes values(std::initializer_list<uint32_t> fields) {
 }
 
 Bytes box(std::string_view type, std::initializer_list<Bytes> contents) {
-  return boxClaiming(static_cast<uint32_t>(8 + lengthOf(contents)), type, contents);
+  return boxClaiming(static_cast<uint32_t>(8 + joined(contents).size()), type, contents);
 }
 
 Bytes longBox(std::string_view type, std::initializer_list<Bytes> contents) {
-  return longBoxClaiming(16 + lengthOf(contents), type, contents);
+  return longBoxClaiming(16 + joined(contents).size(), type, contents);
 }
 
 Bytes boxClaiming(uint32_t sizeField, std::string_view type, std::initializer_list<Bytes> contents) {
   Bytes result;
-  ByteWriter(result).uint32(sizeField).text(type);
-  append(result, contents);
+  ByteWriter(result).uint32(sizeField).text(type).bytes(joined(contents));
   return result;
 }
 
 Bytes longBoxClaiming(uint64_t size, std::string_view type, std::initializer_list<Bytes> contents) {
   Bytes result;
-  ByteWriter(result).uint32(1).text(type).uint64(size);
-  append(result, contents);
+  ByteWriter(result).uint32(1).text(type).uint64(size).bytes(joined(contents));
   return result;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -40,12 +41,12 @@ class BridgeClient {
   BridgeClient& operator=(const BridgeClient&) = delete;
 
   /// Calls a method and waits for its answer; throws std::runtime_error when none comes in time.
-  Answer call(const std::string& method, JSObject options = {}, std::chrono::milliseconds timeout = patience) {
+  Answer call(const std::string& method, JSObject options = {}) {
     const auto answer = std::make_shared<std::promise<Answer>>();
     auto future = answer->get_future();
     plugin_.call(std::make_shared<CAPPluginCall>(method, std::move(options),
                                                  [answer](const Answer& given) { answer->set_value(given); }));
-    if (future.wait_for(timeout) != std::future_status::ready) throw std::runtime_error("no answer to " + method);
+    if (future.wait_for(patience) != std::future_status::ready) throw std::runtime_error("no answer to " + method);
     return future.get();
   }
 
@@ -53,16 +54,13 @@ class BridgeClient {
   std::optional<JSObject> waitForEvent(const std::string& name, const Predicate& predicate = {},
                                        std::chrono::milliseconds timeout = patience) {
     std::unique_lock lock(mutex_);
-    size_t next = 0;
-    std::optional<JSObject> found;
+    auto found = events_.end();
     arrived_.wait_for(lock, timeout, [&] {
-      for (; !found && next < events_.size(); ++next) {
-        const Event& event = events_[next];
-        if (event.name == name && (!predicate || predicate(event.data))) found = event.data;
-      }
-      return found.has_value();
+      found = std::ranges::find_if(
+          events_, [&](const Event& event) { return event.name == name && (!predicate || predicate(event.data)); });
+      return found != events_.end();
     });
-    return found;
+    return found == events_.end() ? std::nullopt : std::optional(found->data);
   }
 
   std::vector<Event> events() const {

@@ -1,106 +1,50 @@
 #include "support/FaultServer.h"
 
-#include <arpa/inet.h>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <cctype>
 #include <chrono>
-#include <ctime>
+#include <cstdlib>
 #include <list>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 
 namespace tarn::test {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using asio::ip::tcp;
+using boost::system::error_code;
+
 namespace {
 
-class Socket {
- public:
-  explicit Socket(int descriptor) : descriptor_(descriptor) {
-    if (descriptor < 0) throw std::runtime_error("no socket");
-  }
-  ~Socket() { ::close(descriptor_); }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
-  int descriptor() const { return descriptor_; }
-  void shutdown() const { ::shutdown(descriptor_, SHUT_RDWR); }
-
-  bool send(std::string_view text) const { return send(bytesOf(text)); }
-  bool send(ByteView bytes) const {
-    while (!bytes.empty()) {
-      const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return false;
-      bytes = bytes.subspan(static_cast<size_t>(sent));
-    }
-    return true;
-  }
-
-  /// Appends what comes next; false at the end.
-  bool receive(std::string& text) const {
-    char buffer[4096];
-    const ssize_t count = ::recv(descriptor_, buffer, sizeof buffer, 0);
-    if (count > 0) text.append(buffer, static_cast<size_t>(count));
-    return count > 0;
-  }
-
- private:
-  int descriptor_;
-};
-
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
+tcp::endpoint loopback(uint16_t port) {
+  return {asio::ip::address_v4::loopback(), port};
 }
 
-uint16_t bindTo(const Socket& socket, uint16_t port) {
-  const int on = 1;
-  ::setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address = loopback(port);
-  socklen_t length = sizeof address;
-  auto* const plain = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(socket.descriptor(), plain, length) != 0 || ::getsockname(socket.descriptor(), plain, &length) != 0) {
-    throw std::runtime_error(fmt::format("cannot bind port {}", port));
-  }
-  return ntohs(address.sin_port);
+bool send(tcp::socket& socket, const auto& bytes) {
+  error_code failure;
+  asio::write(socket, asio::buffer(bytes), failure);
+  return !failure;
 }
 
-std::string httpDate() {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
-  char text[64];
-  return {text, std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts)};
-}
-
-/// Takes one request from the front of `text`.
-std::optional<ReceivedRequest> takeRequest(std::string& text) {
-  const size_t end = text.find("\r\n\r\n");
-  if (end == std::string::npos) return std::nullopt;
-  ReceivedRequest request;
-  size_t lineEnd = text.find("\r\n");
-  const std::string first = text.substr(0, lineEnd);
-  const size_t blank = first.find(' ');
-  request.method = first.substr(0, blank);
-  request.target = first.substr(blank + 1, first.rfind(' ') - blank - 1);
-  while (lineEnd < end) {
-    const size_t start = lineEnd + 2;
-    lineEnd = text.find("\r\n", start);
-    const std::string line = text.substr(start, lineEnd - start);
-    const size_t colon = line.find(':');
-    std::string name = line.substr(0, colon);
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    request.headers[name] = line.substr(line.find_first_not_of(' ', colon + 1));
+ReceivedRequest received(const http::request<http::empty_body>& message) {
+  ReceivedRequest request{message.method_string(), message.target(), {}};
+  for (const auto& field : message) {
+    std::string name(field.name_string());
+    std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+    request.headers[name] = field.value();
   }
-  text.erase(0, end + 4);
   return request;
 }
 
@@ -127,22 +71,32 @@ Selection select(const ReceivedRequest& request, const ServedFile& file, const R
   return {206, offset, file.size - offset, reply.contentRange.value_or(truth)};
 }
 
+std::string headOf(const ServedFile& file, const Selection& selection, const Reply& reply) {
+  std::string head =
+      fmt::format("HTTP/1.1 {} -\r\nDate: {:%a, %d %b %Y %T} GMT\r\nAccept-Ranges: bytes\r\nContent-Type: {}\r\n",
+                  selection.status, fmt::gmtime(std::chrono::system_clock::now()), file.contentType);
+  const bool isLie = reply.statedLength && selection.status == 200;
+  const std::pair<const char*, std::string> fields[] = {
+      {"ETag", reply.omitsValidators ? "" : file.etag},
+      {"Last-Modified", reply.omitsValidators ? "" : file.lastModified},
+      {"Content-Range", selection.contentRange},
+      {"Transfer-Encoding", reply.chunked ? "chunked" : ""},
+      {"Connection", reply.omitsLength ? "close" : ""},
+      {"Content-Length",
+       reply.chunked || reply.omitsLength ? "" : std::to_string(isLie ? *reply.statedLength : selection.length)}};
+  for (const auto& [name, value] : fields) {
+    if (!value.empty()) head += fmt::format("{}: {}\r\n", name, value);
+  }
+  return head + "\r\n";
+}
+
 }  // namespace
 
 ServedFile ServedFile::of(Bytes bytes) {
-  ServedFile file;
-  file.size = bytes.size();
-  file.fill = [bytes = std::move(bytes)](uint64_t offset, std::span<uint8_t> target) {
-    std::copy_n(bytes.begin() + static_cast<ptrdiff_t>(offset), target.size(), target.begin());
-  };
-  return file;
-}
-
-ServedFile ServedFile::zeros(uint64_t size) {
-  ServedFile file;
-  file.size = size;
-  file.fill = [](uint64_t, std::span<uint8_t> target) { std::fill(target.begin(), target.end(), uint8_t{0}); };
-  return file;
+  const uint64_t size = bytes.size();
+  return {size, [bytes = std::move(bytes)](uint64_t offset, std::span<uint8_t> target) {
+            std::copy_n(bytes.begin() + static_cast<ptrdiff_t>(offset), target.size(), target.begin());
+          }};
 }
 
 ServedFile ServedFile::withETag(std::string tag) const {
@@ -158,17 +112,15 @@ std::string ReceivedRequest::header(const std::string& name) const {
 
 class FaultServer::Core {
  public:
-  explicit Core(uint16_t port) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    port_ = bindTo(listener_, port);
-    if (::listen(listener_.descriptor(), 64) != 0) throw std::runtime_error("cannot listen");
-    acceptor_ = std::thread([this] { accept(); });
+  explicit Core(uint16_t port) : acceptor_(context_, loopback(port)), port_(acceptor_.local_endpoint().port()) {
+    thread_ = std::thread([this] { accept(); });
   }
 
   ~Core() {
     stopped_ = true;
-    listener_.shutdown();
-    acceptor_.join();
-    for (const auto& connection : connections_) connection.socket->shutdown();
+    ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
+    thread_.join();
+    for (auto& connection : connections_) ::shutdown(connection.socket.native_handle(), SHUT_RDWR);
     for (auto& connection : connections_) connection.thread.join();
   }
 
@@ -192,65 +144,48 @@ class FaultServer::Core {
     size_t count = 0;  ///< requests so far
   };
   struct Connection {
-    std::unique_ptr<Socket> socket;
-    std::thread thread;
+    tcp::socket socket;
+    std::thread thread = {};
   };
 
   void accept() {
     while (!stopped_) {
-      const int descriptor = ::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
-      if (descriptor < 0) continue;
-      auto& connection = connections_.emplace_back();  // used by others after this thread has been joined
-      connection.socket = std::make_unique<Socket>(descriptor);
-      connection.thread = std::thread([this, &socket = *connection.socket] { converse(socket); });
+      error_code failure;
+      tcp::socket socket = acceptor_.accept(failure);
+      if (failure) continue;
+      auto& connection = connections_.emplace_back(std::move(socket));
+      connection.thread = std::thread([this, &connection] { converse(connection.socket); });
     }
   }
 
-  void converse(const Socket& socket) {
-    std::string received;
-    do {
-      auto request = takeRequest(received);
-      if (request && !answer(socket, *request)) break;
-      if (request) continue;
-      if (!socket.receive(received)) break;
-    } while (!stopped_);
-    socket.shutdown();
+  void converse(tcp::socket& socket) {
+    boost::beast::flat_buffer buffer;
+    error_code ended;
+    for (bool goesOn = true; goesOn && !stopped_;) {
+      http::request<http::empty_body> message;
+      http::read(socket, buffer, message, ended);
+      goesOn = !ended && answer(socket, received(message));
+    }
+    socket.shutdown(tcp::socket::shutdown_both, ended);
   }
 
   /// False when the connection is to be closed.
-  bool answer(const Socket& socket, const ReceivedRequest& request) {
+  bool answer(tcp::socket& socket, const ReceivedRequest& request) {
     const auto [file, reply] = next(request);
-    if (!file || reply.status) return answerPage(socket, request, reply, reply.status.value_or(404));
-
+    const bool isHead = request.method == "HEAD";
+    if (!file || reply.status) {
+      const std::string page = fmt::format("<html><body>{}</body></html>", reply.status.value_or(404));
+      std::string head =
+          fmt::format("HTTP/1.1 {} -\r\nContent-Length: {}\r\n", reply.status.value_or(404), page.size());
+      if (!reply.location.empty()) head += fmt::format("Location: {}\r\n", reply.location);
+      return send(socket, head + "\r\n" + (isHead ? "" : page));
+    }
     const Selection selection = select(request, *file, reply);
-    std::string head = fmt::format("HTTP/1.1 {} -\r\nDate: {}\r\nAccept-Ranges: bytes\r\nContent-Type: {}\r\n",
-                                   selection.status, httpDate(), file->contentType);
-    if (!reply.omitsValidators) {
-      if (!file->etag.empty()) head += fmt::format("ETag: {}\r\n", file->etag);
-      if (!file->lastModified.empty()) head += fmt::format("Last-Modified: {}\r\n", file->lastModified);
-    }
-    if (!selection.contentRange.empty()) head += fmt::format("Content-Range: {}\r\n", selection.contentRange);
-    if (reply.chunked) {
-      head += "Transfer-Encoding: chunked\r\n";
-    } else if (!reply.omitsLength) {
-      const bool isLie = reply.statedLength && selection.status == 200;
-      head += fmt::format("Content-Length: {}\r\n", isLie ? *reply.statedLength : selection.length);
-    } else {
-      head += "Connection: close\r\n";
-    }
-    if (!socket.send(head + "\r\n")) return false;
-    if (request.method == "HEAD") return true;
-    return sendBody(socket, *file, selection, reply) && !reply.omitsLength && !reply.statedLength;
+    if (!send(socket, headOf(*file, selection, reply))) return false;
+    return isHead || (sendBody(socket, *file, selection, reply) && !reply.omitsLength && !reply.statedLength);
   }
 
-  bool answerPage(const Socket& socket, const ReceivedRequest& request, const Reply& reply, int status) {
-    const std::string page = fmt::format("<html><body>{}</body></html>", status);
-    std::string head = fmt::format("HTTP/1.1 {} -\r\nContent-Length: {}\r\n", status, page.size());
-    if (!reply.location.empty()) head += fmt::format("Location: {}\r\n", reply.location);
-    return socket.send(head + "\r\n" + (request.method == "HEAD" ? "" : page));
-  }
-
-  bool sendBody(const Socket& socket, const ServedFile& file, const Selection& selection, const Reply& reply) {
+  bool sendBody(tcp::socket& socket, const ServedFile& file, const Selection& selection, const Reply& reply) {
     constexpr uint64_t largestPiece = 256UL * 1024;
     constexpr uint64_t piecesPerSecond = 20;
     const uint64_t pace = reply.bytesPerSecond / piecesPerSecond;
@@ -258,18 +193,16 @@ class FaultServer::Core {
     const uint64_t end = std::min(selection.length, cut);
     Bytes piece;
     for (uint64_t sent = 0; sent < end && !stopped_; sent += piece.size()) {
-      piece.resize(std::min(end - sent, pace ? std::max<uint64_t>(pace, 1) : largestPiece));
+      piece.resize(std::min(end - sent, pace ? pace : largestPiece));
       file.fill(selection.offset + sent, piece);
-      if (reply.chunked && !socket.send(fmt::format("{:x}\r\n", piece.size()))) return false;
-      if (!socket.send(piece) || (reply.chunked && !socket.send("\r\n"))) return false;
+      if (reply.chunked && !send(socket, fmt::format("{:x}\r\n", piece.size()))) return false;
+      if (!send(socket, piece) || (reply.chunked && !send(socket, std::string("\r\n")))) return false;
       if (pace) std::this_thread::sleep_for(std::chrono::milliseconds(1000 / piecesPerSecond));
     }
-    if (reply.stallAfter) {
-      std::string ignored;
-      while (socket.receive(ignored)) continue;
-    }
+    error_code gone;
+    for (piece.resize(1); reply.stallAfter && !gone;) socket.read_some(asio::buffer(piece), gone);
     if (stopped_ || reply.closeAfter || reply.stallAfter) return false;
-    return !reply.chunked || socket.send("0\r\n\r\n");
+    return !reply.chunked || send(socket, std::string("0\r\n\r\n"));
   }
 
   std::pair<std::optional<ServedFile>, Reply> next(const ReceivedRequest& request) {
@@ -283,11 +216,12 @@ class FaultServer::Core {
     return {reply.file ? *reply.file : served.file, reply};
   }
 
-  Socket listener_;
-  uint16_t port_ = 0;
+  asio::io_context context_;
+  tcp::acceptor acceptor_;
+  const uint16_t port_;
   std::atomic<bool> stopped_ = false;
-  std::thread acceptor_;
-  std::list<Connection> connections_;  ///< of the acceptor, as long as it runs
+  std::thread thread_;
+  std::list<Connection> connections_;  ///< of the thread, as long as it runs
   mutable std::mutex mutex_;
   std::map<std::string, Served> paths_;
   std::vector<ReceivedRequest> requests_;
@@ -317,8 +251,8 @@ std::vector<ReceivedRequest> FaultServer::requests() const {
 }
 
 uint16_t FaultServer::closedPort() {
-  const Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  return bindTo(socket, 0);
+  asio::io_context context;
+  return tcp::acceptor(context, loopback(0)).local_endpoint().port();
 }
 
 }  // namespace tarn::test

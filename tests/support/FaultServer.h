@@ -24,8 +24,6 @@ struct ServedFile {
   std::string contentType = "video/mp4";
 
   static ServedFile of(Bytes bytes);
-  /// A body of zeros.
-  static ServedFile zeros(uint64_t size);
   ServedFile withETag(std::string tag) const;
 };
 

@@ -1,5 +1,6 @@
 #include "support/MediaMaker.h"
 
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,28 +11,20 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
 namespace tarn::test {
 namespace {
 
-std::string quoted(const std::string& argument) {
-  std::string result = "'";
-  for (char c : argument) {
-    if (c == '\'') {
-      result += "'\\''";
-    } else {
-      result += c;
-    }
-  }
-  return result + "'";
-}
-
+/// For a shell: each word in quotes.
 std::string commandLine(const std::vector<std::string>& command) {
   std::string line;
-  for (const std::string& word : command) line += quoted(word) + " ";
+  for (const std::string& word : command) {
+    line += '\'';
+    for (char c : word) line += c == '\'' ? "'\\''" : std::string(1, c);
+    line += "' ";
+  }
   return line;
 }
 
@@ -48,6 +41,20 @@ std::string hashLines(const std::string& text, int firstColumn = 0) {
     result += line.substr(begin) + "\n";
   }
   return result;
+}
+
+/// What ffmpeg hashes of a file under these options.
+std::string hashes(const Path& file, const std::string& options, int firstColumn = 0) {
+  std::vector<std::string> command{"ffmpeg", "-v", "error", "-i", file};
+  for (const std::string& word : words(options + " -f framemd5 -")) command.push_back(word);
+  return hashLines(runProcess(command).output, firstColumn);
+}
+
+/// Lines of ffprobe on the first video stream.
+std::istringstream probe(const Path& file, const std::string& entries) {
+  return std::istringstream(
+      runProcess({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", entries, "-of", "csv=p=0", file})
+          .output);
 }
 
 }  // namespace
@@ -85,16 +92,15 @@ Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& 
 }
 
 Path encodedVideo(const VideoRecipe& recipe) {
-  bool isAVC = recipe.codec == "libx264";
-  std::vector<std::string> arguments = {"-f", "lavfi", "-i", "testsrc2=size=" + recipe.size + ":rate=25"};
+  const bool isAVC = recipe.codec == "libx264";
+  auto arguments = words("-f lavfi -i testsrc2=rate=25:size=" + recipe.size);
   // Sound, if there is any, is a second input and its own options.
   arguments.insert(arguments.end(), recipe.more.begin(), recipe.more.end());
-  arguments.insert(arguments.end(), {"-t", std::to_string(recipe.seconds), "-c:v", recipe.codec, "-pix_fmt",
-                                     recipe.pixelFormat, "-preset", "ultrafast"});
-  arguments.insert(arguments.end(), isAVC ? std::initializer_list<std::string>{"-x264-params", "bframes=2"}
-                                          : std::initializer_list<std::string>{"-x265-params", "log-level=none"});
-  if (!recipe.parameters.empty()) arguments.back() += ":" + recipe.parameters;
-  if (!isAVC) arguments.insert(arguments.end(), {"-tag:v", "hev1"});
+  const std::string encoding =
+      fmt::format("-t {} -c:v {} -pix_fmt {} -preset ultrafast {}{}{}", recipe.seconds, recipe.codec,
+                  recipe.pixelFormat, isAVC ? "-x264-params bframes=2" : "-tag:v hev1 -x265-params log-level=none",
+                  recipe.parameters.empty() ? "" : ":", recipe.parameters);
+  for (const std::string& word : words(encoding)) arguments.push_back(word);
   return madeByFFmpeg(arguments);
 }
 
@@ -108,9 +114,10 @@ Path joinedVideo(const std::vector<VideoRecipe>& parts) {
 }
 
 std::string probeVideo(const Path& file, const std::string& entry) {
-  auto result = runProcess(
-      {"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "stream=" + entry, "-of", "csv=p=0", file});
-  return result.output.substr(0, result.output.find('\n'));
+  std::string line;
+  auto lines = probe(file, "stream=" + entry);
+  std::getline(lines, line);
+  return line;
 }
 
 std::string decoderComplaints(const Path& file) {
@@ -118,31 +125,25 @@ std::string decoderComplaints(const Path& file) {
 }
 
 std::string frameHashes(const Path& file) {
-  auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-f", "framemd5", "-"});
-  return hashLines(result.output);
+  return hashes(file, "-map 0:v:0");
 }
 
 std::string pictureHashes(const Path& file) {
-  auto result =
-      runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0:v:0", "-autoscale", "0", "-f", "framemd5", "-"});
-  return hashLines(result.output, 4);
+  return hashes(file, "-map 0:v:0 -autoscale 0", 4);
+}
+
+std::string sampleHashes(const Path& file) {
+  return hashes(file, "-map 0 -c copy");
 }
 
 std::vector<std::pair<size_t, size_t>> syncSamples(const Path& file) {
-  std::istringstream lines(runProcess({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                                       "packet=pos,flags", "-of", "csv=p=0", file})
-                               .output);
+  auto lines = probe(file, "packet=pos,flags");
   std::vector<std::pair<size_t, size_t>> samples;
   size_t index = 0;
   for (std::string line; std::getline(lines, line); ++index) {
     if (line.find(",K") != std::string::npos) samples.emplace_back(index, std::stoul(line));
   }
   return samples;
-}
-
-std::string sampleHashes(const Path& file) {
-  auto result = runProcess({"ffmpeg", "-v", "error", "-i", file, "-map", "0", "-c", "copy", "-f", "framemd5", "-"});
-  return hashLines(result.output);
 }
 
 }  // namespace tarn::test

@@ -1,7 +1,7 @@
 #include "support/MovieLayout.h"
 
 #include <algorithm>
-#include <functional>
+#include <ranges>
 #include <string_view>
 
 #include "mp4/DataExtensions.h"
@@ -13,23 +13,35 @@ namespace {
 
 using Kind = MovieLayout::Piece::Kind;
 
-/// Calls `visit` for each box of the type on the way moov/trak/mdia/minf/stbl, the box's offset and its parents' given.
-void visitTables(const Bytes& data, std::string_view type,
-                 const std::function<void(size_t at, const std::vector<size_t>& parents)>& visit) {
+struct Table {
+  size_t at;
+  std::vector<size_t> parents;  ///< where the boxes around it begin
+  bool isLong;
+
+  size_t count(const Bytes& moov) const { return *readUInt32(moov, at + 12); }
+  size_t placeOf(size_t i) const { return at + 16 + i * (isLong ? 8 : 4); }
+  uint64_t offset(const Bytes& moov, size_t i) const {
+    return isLong ? *readUInt64(moov, placeOf(i)) : *readUInt32(moov, placeOf(i));
+  }
+};
+
+/// The tables of chunk offsets on the way moov/trak/mdia/minf/stbl.
+void findTables(const Bytes& data, size_t begin, size_t end, std::vector<size_t>& parents, std::vector<Table>& tables) {
+  for (size_t p = begin; p + 8 <= end; p += *readUInt32(data, p)) {
+    const std::string_view type = textOf(ByteView(data).subspan(p + 4, 4));
+    if (type == "stco" || type == "co64") tables.push_back({p, parents, type == "co64"});
+    if (type != "moov" && type != "trak" && type != "mdia" && type != "minf" && type != "stbl") continue;
+    parents.push_back(p);
+    findTables(data, p + 8, p + *readUInt32(data, p), parents, tables);
+    parents.pop_back();
+  }
+}
+
+std::vector<Table> tablesOf(const Bytes& moov) {
   std::vector<size_t> parents;
-  std::function<void(size_t, size_t)> walk = [&](size_t begin, size_t end) {
-    for (size_t p = begin; p + 8 <= end; p += *readUInt32(data, p)) {
-      std::string_view found = textOf(ByteView(data).subspan(p + 4, 4));
-      if (found == type) visit(p, parents);
-      for (std::string_view container : {"moov", "trak", "mdia", "minf", "stbl"}) {
-        if (found != container) continue;
-        parents.push_back(p);
-        walk(p + 8, p + *readUInt32(data, p));
-        parents.pop_back();
-      }
-    }
-  };
-  walk(0, data.size());
+  std::vector<Table> tables;
+  findTables(moov, 0, moov.size(), parents, tables);
+  return tables;
 }
 
 Bytes mdatHeader(Kind kind, size_t length) {
@@ -48,39 +60,25 @@ MovieLayout::MovieLayout(const Bytes& file) {
   mediaOffset_ = editor.at("mdat").offset + 8;
 }
 
-std::vector<MovieLayout::Table> MovieLayout::tables() const {
-  std::vector<Table> found;
-  visitTables(moov, "stco", [&](size_t at, const auto&) { found.push_back({at, 4}); });
-  visitTables(moov, "co64", [&](size_t at, const auto&) { found.push_back({at, 8}); });
-  return found;
-}
-
 std::vector<uint64_t> MovieLayout::chunks() const {
   std::vector<uint64_t> starts;
-  for (const Table& table : tables()) {
-    for (size_t i = 0; i < *readUInt32(moov, table.at + 12); ++i) {
-      size_t at = table.at + 16 + i * table.width;
-      starts.push_back((table.width == 8 ? *readUInt64(moov, at) : *readUInt32(moov, at)) - mediaOffset_);
-    }
+  for (const Table& table : tablesOf(moov)) {
+    for (size_t i = 0; i < table.count(moov); ++i) starts.push_back(table.offset(moov, i) - mediaOffset_);
   }
   std::ranges::sort(starts);
   return starts;
 }
 
 void MovieLayout::useLongOffsets() {
-  for (bool isDone = false; !isDone;) {
-    Bytes changed;
-    visitTables(moov, "stco", [&](size_t at, const std::vector<size_t>& parents) {
-      if (!changed.empty()) return;
-      uint32_t count = *readUInt32(moov, at + 12);
-      Bytes table = values({16 + 8 * count, 0x636F3634, 0, count});
-      for (uint32_t i = 0; i < count; ++i) ByteWriter(table).uint64(*readUInt32(moov, at + 16 + i * 4));
-      auto begin = moov.begin() + static_cast<ptrdiff_t>(at);
-      changed = joined({Bytes(moov.begin(), begin), table, Bytes(begin + 16 + 4 * count, moov.end())});
-      for (size_t parent : parents) writeUInt32(changed, *readUInt32(changed, parent) + 4 * count, parent);
-    });
-    isDone = changed.empty();
-    if (!isDone) moov = changed;
+  // From the last one on, so that those ahead of it stay where they are.
+  for (const Table& table : tablesOf(moov) | std::views::reverse) {
+    if (table.isLong) continue;
+    const auto count = static_cast<uint32_t>(table.count(moov));
+    Bytes longTable = values({16 + 8 * count, 0x636F3634, 0, count});
+    for (uint32_t i = 0; i < count; ++i) ByteWriter(longTable).uint64(table.offset(moov, i));
+    const auto begin = moov.begin() + static_cast<ptrdiff_t>(table.at);
+    moov = joined({Bytes(moov.begin(), begin), longTable, Bytes(begin + 16 + 4 * count, moov.end())});
+    for (size_t parent : table.parents) writeUInt32(moov, *readUInt32(moov, parent) + 4 * count, parent);
   }
 }
 
@@ -103,18 +101,14 @@ Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
       ByteWriter(file).bytes(ByteView(media).subspan(piece.begin, length));
     }
   }
-  for (const Table& table : tables()) {
-    for (size_t i = 0; i < *readUInt32(moov, table.at + 12); ++i) {
-      size_t at = table.at + 16 + i * table.width;
-      uint64_t inMedia = (table.width == 8 ? *readUInt64(moov, at) : *readUInt32(moov, at)) - mediaOffset_;
+  for (const Table& table : tablesOf(moov)) {
+    for (size_t i = 0; i < table.count(moov); ++i) {
+      const uint64_t inMedia = table.offset(moov, i) - mediaOffset_;
       for (const auto& [part, offset] : parts) {
         if (inMedia < part.begin || inMedia >= part.end) continue;
-        uint64_t moved = offset + inMedia - part.begin;
-        if (table.width == 8) {
-          writeUInt64(file, moved, moovOffset + at);
-        } else {
-          writeUInt32(file, static_cast<uint32_t>(moved), moovOffset + at);
-        }
+        const uint64_t moved = offset + inMedia - part.begin;
+        const size_t place = moovOffset + table.placeOf(i);
+        table.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
       }
     }
   }

@@ -32,11 +32,6 @@ class MovieLayout {
   Bytes build(const std::vector<Piece>& pieces) const;
 
  private:
-  struct Table {
-    size_t at;
-    size_t width;
-  };
-  std::vector<Table> tables() const;
   uint64_t mediaOffset_ = 0;
 };
 

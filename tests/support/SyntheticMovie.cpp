@@ -13,15 +13,16 @@ Bytes runsBox(std::string_view type, const Rows& rows) {
   return box(type, {contents});
 }
 
+void appendTime(ByteWriter& writer, const SyntheticTrack& track, uint64_t time) {
+  track.longTimes ? writer.uint64(time) : writer.uint32(static_cast<uint32_t>(time));
+}
+
 Bytes editBox(const SyntheticTrack& track) {
   Bytes contents = values({track.longTimes ? 1U << 24 : 0, static_cast<uint32_t>(track.edits.size())});
   ByteWriter writer(contents);
   for (const auto& [duration, mediaTime] : track.edits) {
-    if (track.longTimes) {
-      writer.uint64(duration).uint64(static_cast<uint64_t>(mediaTime));
-    } else {
-      writer.uint32(static_cast<uint32_t>(duration)).uint32(static_cast<uint32_t>(mediaTime));
-    }
+    appendTime(writer, track, duration);
+    appendTime(writer, track, static_cast<uint64_t>(mediaTime));
     writer.uint32(0x10000);
   }
   return track.edits.empty() ? Bytes() : box("edts", {box("elst", {contents})});
@@ -31,11 +32,7 @@ Bytes mediaHeader(const SyntheticTrack& track) {
   Bytes contents = values({track.longTimes ? 1U << 24 : 0});
   ByteWriter writer(contents);
   writer.zeros(track.longTimes ? 16 : 8).uint32(track.timescale);
-  if (track.longTimes) {
-    writer.uint64(track.mediaDuration);
-  } else {
-    writer.uint32(static_cast<uint32_t>(track.mediaDuration));
-  }
+  appendTime(writer, track, track.mediaDuration);
   writer.zeros(4);
   return box("mdhd", {contents});
 }

@@ -5,6 +5,7 @@
 //
 // One WebSocket carries all of it. A command that has not been answered is sent again after each reconnect under the
 // same id, and the host answers it once; events that were missed come again, found by the number of the last one seen.
+// A process that was started anew does not know the ids of the last one: it is only asked again, never told again.
 // The page may follow the connection: see the attribute data-tarn-connection and the event "tarnconnection" below.
 (() => {
   'use strict';
@@ -14,8 +15,10 @@
   const longestCommand = 256 << 10; // what the host takes; it could not say which command was too long
   const addressIsStale = 'The address of this page is no longer valid. Open the one that tarn serve prints.';
 
+  const outcomeIsUnknown = 'The engine was started anew before it answered. Its list shows whether this was done.';
+
   const page = crypto.randomUUID(); // under this name the host knows which commands it has had
-  const commands = new Map(); // by id: {text, resolve, reject}, not yet answered
+  const commands = new Map(); // by id: {text, repeatable, sent, resolve, reject}, not yet answered
   const listeners = new Map(); // by callback id: {plugin, event, callback}
   let waiting = []; // what to do when the connection is live
   let nextId = 1;
@@ -72,8 +75,7 @@
     if (socket) return;
     if (answer?.status !== 403) return reconnectLater();
     enter('refused');
-    for (const { reject } of commands.values()) reject(new Error(addressIsStale));
-    commands.clear();
+    for (const id of [...commands.keys()]) settle(id, addressIsStale);
   }
 
   function connectNow() {
@@ -86,6 +88,18 @@
     if (state === 'live') socket?.send(text);
   }
 
+  function sendCommand(command) {
+    command.sent ||= state === 'live';
+    send(command.text);
+  }
+
+  function settle(id, reject, answer) {
+    const command = commands.get(id);
+    commands.delete(id);
+    if (reject !== undefined) command.reject(new Error(reject));
+    else command.resolve(answer);
+  }
+
   function sendVisibility() {
     send(JSON.stringify({ visible: document.visibilityState === 'visible' }));
   }
@@ -95,14 +109,8 @@
   function take(message) {
     if (message.hello) return greet(message.hello);
     if (message.event) return deliver(message);
-    const command = commands.get(message.id);
-    if (!command) {
-      if (message.reject) console.warn(`The host could not take a message: ${message.reject.message}`);
-      return;
-    }
-    commands.delete(message.id);
-    if (message.reject) command.reject(new Error(message.reject.message));
-    else command.resolve(message.resolve);
+    if (commands.has(message.id)) return settle(message.id, message.reject?.message, message.resolve);
+    if (message.reject) console.warn(`The host could not take a message: ${message.reject.message}`);
   }
 
   function greet(hello) {
@@ -111,9 +119,13 @@
     // After a complete replay the numbers go on where they were; else those before the hello are not to be had.
     if (hello.replay !== 'complete') lastSeq = hello.seq;
     attempts = 0;
+    const unanswered = [...commands]; // but for those that the page gives now, on hearing that it is live
     enter('live', epochChanged);
     sendVisibility();
-    for (const { text } of commands.values()) send(text);
+    for (const [id, command] of unanswered) {
+      if (epochChanged && command.sent && !command.repeatable) settle(id, outcomeIsUnknown);
+      else sendCommand(command);
+    }
     for (const proceed of waiting.splice(0)) proceed();
   }
 
@@ -143,8 +155,9 @@
       const id = String(nextId++);
       const text = JSON.stringify({ id, plugin, method, options: options ?? {} }, wellFormed);
       if (new Blob([text]).size > longestCommand) return reject(new Error('The command is too long'));
-      commands.set(id, { text, resolve, reject });
-      send(text);
+      const entry = { text, repeatable: method.startsWith('get'), sent: false, resolve, reject };
+      commands.set(id, entry);
+      sendCommand(entry);
     });
   }
 

@@ -6,8 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "app/ChildProcess.h"
-#include "platform/Error.h"
+#include "app/demo/FFmpeg.h"
 #include "platform/TempFile.h"
 
 namespace tarn {
@@ -17,16 +16,11 @@ constexpr double rate = 48000;
 constexpr int loud = 9000;               // of 32767
 constexpr double longestDistance = 0.5;  // seconds, between a flash and its beep
 
-void ffmpeg(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {"ffmpeg", "-hide_banner", "-loglevel", "quiet", "-y"});
-  if (int code = runProgram(arguments); code != 0) throw Error("Demo", code, "ffmpeg could not play the recording");
-}
-
 std::vector<double> beeps(FileManager& files, const Path& clip, Listening listening, const Path& scratch) {
   const TempFile pcm(files, scratch / "sound.pcm");
   const char* filter = listening == Listening::byTimestamps ? "aresample=async=1:first_pts=0" : "asetpts=N/SR/TB";
-  ffmpeg({"-copyts", "-i", clip.string(), "-map", "0:a:0", "-af", filter, "-ac", "1", "-ar", "48000", "-f", "s16le",
-          pcm.path().string()});
+  runFFmpeg({"-copyts", "-i", clip.string(), "-map", "0:a:0", "-af", filter, "-ac", "1", "-ar", "48000", "-f", "s16le",
+             pcm.path().string()});
   const Bytes bytes = readFile(files, pcm.path());
   std::vector<int16_t> samples(bytes.size() / sizeof(int16_t));
   if (!samples.empty()) std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(int16_t));
@@ -45,8 +39,9 @@ std::vector<double> beeps(FileManager& files, const Path& clip, Listening listen
 
 std::vector<double> flashTimes(FileManager& files, const Path& clip, const Path& scratch) {
   const TempFile levels(files, scratch / "levels.txt");
-  ffmpeg({"-copyts", "-i", clip.string(), "-map", "0:v:0", "-vf",
-          "signalstats,metadata=print:key=lavfi.signalstats.YMIN:file=" + levels.path().string(), "-f", "null", "-"});
+  runFFmpeg({"-copyts", "-i", clip.string(), "-map", "0:v:0", "-vf",
+             "signalstats,metadata=print:key=lavfi.signalstats.YMIN:file=" + levels.path().string(), "-f", "null",
+             "-"});
   const Bytes text = readFile(files, levels.path());
   std::istringstream lines{std::string(textOf(text))};
   std::vector<double> found;

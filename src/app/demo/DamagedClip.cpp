@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "app/ChildProcess.h"
+#include "app/demo/FFmpeg.h"
 #include "platform/Bytes.h"
 #include "platform/Error.h"
 #include "platform/TempFile.h"
@@ -16,29 +16,24 @@ namespace {
 constexpr double secondsPerPacket = 1024 / 48000.0;
 constexpr int lostPackets = 24;
 
-void ffmpeg(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {"ffmpeg", "-hide_banner", "-loglevel", "error", "-y"});
-  const int code = runProgram(arguments);
-  if (code != 0) throw Error("Demo", code, fmt::format("ffmpeg could not make the recording (exit code {})", code));
-}
-
 void makeClip(const Path& clip) {
-  ffmpeg({"-f", "lavfi", "-i",
-          fmt::format("testsrc2=size=640x360:rate=25:duration={},drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
-                      clipSeconds),
-          "-f", "lavfi", "-i",
-          fmt::format("aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000:d={}", clipSeconds), "-c:v", "libx264",
-          "-x264-params", "repeat-headers=1", "-pix_fmt", "yuv420p", "-c:a", "aac", "-ac", "2", clip.string()});
+  runFFmpeg(
+      {"-f", "lavfi", "-i",
+       fmt::format("testsrc2=size=640x360:rate=25:duration={},drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill",
+                   clipSeconds),
+       "-f", "lavfi", "-i", fmt::format("aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)':s=48000:d={}", clipSeconds),
+       "-c:v", "libx264", "-x264-params", "repeat-headers=1", "-pix_fmt", "yuv420p", "-c:a", "aac", "-ac", "2",
+       clip.string()});
 }
 
 /// The packets from half a second ahead of the hole's second on are lost, each of the others takes a little longer than
 /// it is, and all come later than they should.
 void damageSound(const Path& clip, const Path& damaged) {
   const int first = static_cast<int>((clipHoleSecond - 0.5) / secondsPerPacket);
-  ffmpeg({"-i", clip.string(), "-itsoffset", "0.3", "-i", clip.string(), "-map", "0:v", "-map", "1:a", "-c", "copy",
-          "-tag:v", "avc3", "-bsf:a",
-          fmt::format("noise=drop='between(n,{},{})',setts=ts='TS*1.0005'", first, first + lostPackets - 1),
-          damaged.string()});
+  runFFmpeg({"-i", clip.string(), "-itsoffset", "0.3", "-i", clip.string(), "-map", "0:v", "-map", "1:a", "-c", "copy",
+             "-tag:v", "avc3", "-bsf:a",
+             fmt::format("noise=drop='between(n,{},{})',setts=ts='TS*1.0005'", first, first + lostPackets - 1),
+             damaged.string()});
 }
 
 /// As some encoders leave it: the configuration box is gone.

@@ -5,10 +5,10 @@
 
 #include "app/Commands.h"
 #include "app/Home.h"
-#include "app/LoopbackServer.h"
 #include "app/Output.h"
 #include "app/demo/BeatMeter.h"
 #include "app/demo/DamagedClip.h"
+#include "app/demo/LoopbackServer.h"
 #include "app/inspect/Inspection.h"
 #include "app/inspect/SoundText.h"
 #include "platform/Error.h"
@@ -37,8 +37,8 @@ Path lastSavedFile(FileManager& files, const Path& home) {
 
 void describe(const char* when, const Inspection& inspection) {
   printLine(fmt::format("\n{}: {}, {} bytes", when, inspection.file.string(), inspection.size));
-  for (const std::string& problem : inspection.problems) printLine("  picture: " + problem);
-  if (inspection.problems.empty()) printLine("  picture: nothing is wrong");
+  for (const std::string& problem : inspection.problems) printLine("  problem: " + problem);
+  if (inspection.problems.empty()) printLine("  problem: none");
   if (!inspection.audio.findings) return;
   const auto lines = soundLines(inspection.audio);
   for (auto line = lines.begin() + 1; line != lines.end(); ++line) printLine("  sound:   " + *line);

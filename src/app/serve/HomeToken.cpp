@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <sys/random.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,27 +11,13 @@
 #include <optional>
 #include <utility>
 
+#include "app/Descriptor.h"
 #include "platform/Error.h"
 
 namespace tarn {
 namespace {
 
 constexpr size_t randomBytes = 32;
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int operator*() const { return number_; }
-
- private:
-  int number_;
-};
 
 bool isToken(std::string_view text) {
   return text.size() == 2 * randomBytes &&
@@ -42,7 +27,7 @@ bool isToken(std::string_view text) {
 std::optional<std::string> storedToken(const Path& path) {
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat facts {};
-  if (*file < 0 || ::fstat(*file, &facts) != 0) return std::nullopt;
+  if (!file.isOpen() || ::fstat(*file, &facts) != 0) return std::nullopt;
   if (!S_ISREG(facts.st_mode) || (facts.st_mode & 077) != 0 || facts.st_uid != ::geteuid()) return std::nullopt;
   std::string text(2 * randomBytes + 1, '\0');
   const ssize_t count = ::read(*file, text.data(), text.size());
@@ -63,7 +48,7 @@ std::string newToken() {
 void store(const Path& path, const std::string& token) {
   const Path fresh = hiddenSibling(path);
   const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (*file < 0) throw PosixError(errno, fresh.string());
+  if (!file.isOpen()) throw PosixError(errno, fresh.string());
   if (::write(*file, token.data(), token.size()) != static_cast<ssize_t>(token.size()) || ::fsync(*file) != 0 ||
       ::rename(fresh.c_str(), path.c_str()) != 0) {
     const int failure = errno;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "app/Payload.h"
+
 namespace tarn {
 namespace {
 
@@ -9,8 +11,7 @@ constexpr size_t longestId = 128;
 
 /// The text at a key; nothing when it is absent, of another type or longer than `limit` bytes.
 std::optional<std::string> textAt(const JSObject& object, std::string_view key, size_t limit) {
-  const JSValue* value = object.find(key);
-  const auto* text = value ? value->get<std::string>() : nullptr;
+  const auto* text = valueAt<std::string>(object, key);
   return text && text->size() <= limit ? std::optional(*text) : std::nullopt;
 }
 

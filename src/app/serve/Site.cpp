@@ -15,10 +15,6 @@ namespace {
 constexpr std::string_view videos = "/videos/";
 constexpr const char* nativeScript = "bridge/native.js";
 
-std::string textOf(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
 SiteAnswer typed(std::string type, std::string text) {
   return {.fields = {{"Content-Type", std::move(type)}}, .text = std::move(text)};
 }

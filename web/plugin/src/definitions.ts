@@ -3,8 +3,8 @@ import type { PluginListenerHandle } from '@capacitor/core';
 /**
  * Fetches videos by URL in the background, repairs their MP4 structure and keeps them in albums of the photo library.
  *
- * A rejected promise is an error whose message is one of the texts named with the method; nothing has been started
- * then.
+ * A rejected promise is an error whose message is one of the texts named with the method, or the host's own words for a
+ * command that it cannot carry.
  */
 export interface TarnBridgePlugin {
   /**
@@ -126,9 +126,9 @@ export interface SaveVideoOptions {
   album: string;
   /** Name of the file in the photo library. */
   filename: string;
-  /** Leaves the picture's track as it came. False when absent. */
+  /** Keeps the whole file as it came: picture, sound and timing. False when absent. */
   skipVideoFix?: boolean;
-  /** Leaves the sound's track as it came. False when absent. */
+  /** Leaves sound and timing as they came. False when absent. */
   skipAudioFix?: boolean;
 }
 

@@ -1,4 +1,4 @@
-#include "app/LoopbackServer.h"
+#include "app/demo/LoopbackServer.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>

@@ -1,0 +1,36 @@
+#include "app/demo/FFmpeg.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/Error.h"
+
+namespace tarn {
+
+void runFFmpeg(const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{"ffmpeg", "-hide_banner", "-loglevel", "fatal", "-y"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  pid_t child = 0;
+  const int failure = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failure != 0) throw PosixError(failure, command.front());
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) throw PosixError(errno, command.front());
+  }
+  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  if (code != 0) throw Error("Demo", code, fmt::format("ffmpeg failed on the recording (exit code {})", code));
+}
+
+}  // namespace tarn
