@@ -32,8 +32,7 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     }
     PHAsset asset{.localIdentifier = makeUUID(),
                   .filename = safeName(fileURL.filename().native(), NameKind::file),
-                  .creationDate = Date(
-                      std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(facts->modificationTime))),
+                  .creationDate = dateFromNanoseconds(facts->modificationTime),
                   .size = facts->size,
                   .path = {}};
     content_.assets.push_back({asset, *facts});
