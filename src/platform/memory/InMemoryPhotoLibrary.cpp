@@ -120,7 +120,7 @@ void InMemoryPhotoLibrary::performChangesAndWait(const std::function<void(PHChan
   std::lock_guard guard(mutex_);
   Change change(files_, failures_, content_);
   block(change);
-  if (failures_.changes.contains(++changes_)) {
+  if (++changes_ == failures_.failingChange) {
     throw PHPhotosError(PHPhotosError::invalidChange, "The change was refused");
   }
   content_ = change.takeContent();
