@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -9,13 +8,11 @@
 #include <vector>
 
 #include "platform/host/AsioDispatch.h"
-#include "platform/memory/ManualDispatch.h"
 
 namespace tarn {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 
 std::chrono::microseconds processorTime() {
   rusage usage{};
@@ -105,55 +102,6 @@ TEST(AsioDispatch, DestructionWaitsForRunningWorkAndDropsTheRest) {
     late->sync([&] { ++dropped; });
   }
   EXPECT_EQ(dropped, 0);
-}
-
-TEST(AsioDispatchDeathTest, WorkThatThrowsEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        AsioDispatch dispatch;
-        dispatch.globalQueue(QualityOfService::userInitiated).async([] { throw 1; });
-        std::this_thread::sleep_for(10s);
-      },
-      "");
-}
-
-TEST(ManualDispatch, RunsInTheOrderOfTheCallsWhenToldTo) {
-  ManualDispatch dispatch;
-  std::vector<std::string> seen;
-  const auto note = [&](const char* what) { return [&seen, what] { seen.emplace_back(what); }; };
-  const auto worker = dispatch.makeSerialQueue("worker", true);
-  DispatchQueue& main = dispatch.mainQueue();
-
-  dispatch.hold(dispatch.serialQueue("worker"));
-  worker->async(note("worker 1"));
-  main.async([&] {
-    seen.emplace_back("main 1");
-    main.async(note("main 3"));
-  });
-  main.async(note("main 2"));
-  EXPECT_THAT(seen, ElementsAre());
-  EXPECT_EQ(dispatch.runUntilIdle(), 3u);
-  worker->sync(note("worker 2"));
-  worker->async(note("worker 3"));
-  dispatch.release(*worker);
-  dispatch.runUntilIdle();
-  EXPECT_THAT(seen, ElementsAre("main 1", "main 2", "main 3", "worker 1", "worker 2", "worker 3"));
-  // What would wait for ever on threads shows as a failure here.
-  main.sync([&] { EXPECT_THROW(main.sync([] {}), std::logic_error); });
-
-  seen.clear();
-  main.asyncAfter(3s, note("3 s"));
-  main.asyncAfter(1s, [&] {
-    seen.emplace_back("1 s");
-    main.asyncAfter(1s, note("2 s"));
-  });
-  dispatch.advance(999ms);
-  EXPECT_THAT(seen, ElementsAre());
-  dispatch.advance(1ms);
-  EXPECT_THAT(seen, ElementsAre("1 s"));
-  dispatch.advance(2s);
-  EXPECT_THAT(seen, ElementsAre("1 s", "2 s", "3 s"));
 }
 
 }  // namespace

@@ -141,24 +141,6 @@ TEST_P(PhotoLibraryTest, AChangeThatThrowsOrIsNotAllowedLeavesNothing) {
   EXPECT_EQ(library_->fetchAllAssets().size(), 1u);
 }
 
-TEST_P(PhotoLibraryTest, TheUserIsAskedOnceAndAnswersElsewhere) {
-  using enum PHAuthorizationStatus;
-  std::vector<PHAuthorizationStatus> answers;
-  const auto ask = [&] {
-    library_->requestAuthorization(PHAccessLevel::readWrite, [&](auto status) { answers.push_back(status); });
-  };
-  authorization_->setStatus(notDetermined);
-  authorization_->setAnswer(denied);
-  EXPECT_EQ(library_->authorizationStatus(PHAccessLevel::readWrite), notDetermined);
-  ask();
-  EXPECT_THAT(answers, IsEmpty());
-  authorization_->setAnswer(authorized);
-  ask();
-  dispatch_.runUntilIdle();
-  EXPECT_THAT(answers, ElementsAre(denied, denied));
-  EXPECT_EQ(library_->authorizationStatus(PHAccessLevel::readWrite), denied);
-}
-
 /// What holds for the library on the disk.
 class PhotoDirectoryTest : public testing::Test {
  protected:
