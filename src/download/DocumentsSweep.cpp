@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <string_view>
 
 #include "platform/Error.h"
@@ -15,16 +14,10 @@ bool isVideoName(std::string_view name) {
   return name.ends_with(".mp4") || name.ends_with(".mov") || name.ends_with(".m4v");
 }
 
-/// The names under which steps make their temp files: a UUID in upper case, then one of these endings.
+/// The names under which steps make their temp files: a UUID, then one of these endings.
 bool isStepTempName(std::string_view name) {
-  constexpr size_t uuidLength = 36;
-  if (name.size() <= uuidLength) return false;
-  for (size_t i = 0; i < uuidLength; ++i) {
-    bool isDash = i == 8 || i == 13 || i == 18 || i == 23;
-    auto c = static_cast<unsigned char>(name[i]);
-    if (isDash ? c != '-' : !(std::isdigit(c) || (c >= 'A' && c <= 'F'))) return false;
-  }
-  std::string_view rest = name.substr(uuidLength);
+  if (!isUUID(name.substr(0, uuidLength))) return false;
+  const std::string_view rest = name.substr(uuidLength);
   return rest.ends_with(".m4a") || rest.ends_with(".mp4.tmp") || (rest.starts_with("_") && rest.ends_with(".mp4"));
 }
 

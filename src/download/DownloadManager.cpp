@@ -140,7 +140,7 @@ bool DownloadManager::startTransfer(const PendingDownload& download) {
     registry_.mapTransfer(transfer->taskIdentifier(), task->id);
     // The status is set first: a short transfer may be over before resume() returns.
     task->update([&](DownloadTask::Snapshot& current) {
-      if (current.reason.kind == DownloadReason::Case::cancelled) return;
+      if (current.isEnded()) return;
       current.downloadTask = transfer;
       current.status = DownloadStatus::downloading;
     });
@@ -150,10 +150,7 @@ bool DownloadManager::startTransfer(const PendingDownload& download) {
     transfer->cancel();
   } catch (const Error& error) {
     log("Download could not be started {} {}", task->id, error.description());
-    task->update([&](DownloadTask::Snapshot& fields) {
-      fields.status = DownloadStatus::failed;
-      fields.reason = DownloadReason::error(std::current_exception());
-    });
+    task->fail(std::current_exception());
     notifyFailed(task);
   }
   queue_.releaseSlot(task->id);

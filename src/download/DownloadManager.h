@@ -28,7 +28,7 @@ namespace tarn {
 /// time, and keeps the stores. Thread-safe. Made with create(); it lives until its last run, event and timer has ended.
 ///
 /// Locks: the queue's and the gate's are never held together; both may be held while the registry's, a task's or a
-/// store's is taken, which call nobody.
+/// store's is taken, which call nobody. Those of the ids and of the session come before all of them.
 class DownloadManager : public NSURLSessionDownloadDelegate,
                         private ProcessingHost,
                         public std::enable_shared_from_this<DownloadManager> {
@@ -108,6 +108,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   // Transfer events (TransferEvents.cpp)
   DownloadRegistry::Match findTask(const TaskPointer& transfer);
   bool wasHandedOver(const DownloadTaskPointer& task);
+  std::optional<ProcessingState> takeFile(const DownloadTaskPointer& task, const Path& location);
   void failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure);
   NamesInTheMaking::Hold holdDestination(const DownloadTaskPointer& task);
   void moveIntoPlace(const Path& location, const Path& destination);

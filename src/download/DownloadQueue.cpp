@@ -41,11 +41,6 @@ std::optional<DownloadQueue::Started> DownloadQueue::takeNext() {
   return Started{std::move(download), counts(currentLimit)};
 }
 
-bool DownloadQueue::holdsSlot(int64_t id) const {
-  std::lock_guard guard(queueLock_);
-  return running_.contains(id);
-}
-
 bool DownloadQueue::releaseSlot(int64_t id) {
   std::lock_guard guard(queueLock_);
   return running_.erase(id) > 0;

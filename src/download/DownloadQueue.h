@@ -59,7 +59,6 @@ class DownloadQueue {
   };
   std::optional<Started> takeNext();
 
-  bool holdsSlot(int64_t id) const;
   /// True when the id held a slot; it is free now.
   bool releaseSlot(int64_t id);
   /// Takes the download out of the line.

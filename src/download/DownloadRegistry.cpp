@@ -20,12 +20,6 @@ DownloadTaskPointer DownloadRegistry::remove(int64_t id) {
   return node ? node.mapped() : nullptr;
 }
 
-std::vector<DownloadTaskPointer> DownloadRegistry::removeAll() {
-  std::vector<DownloadTaskPointer> tasks = all();
-  for (const auto& task : tasks) remove(task->id);
-  return tasks;
-}
-
 DownloadTaskPointer DownloadRegistry::find(int64_t id) const {
   std::lock_guard guard(mutex_);
   auto found = downloads_.find(id);

@@ -24,7 +24,6 @@ class DownloadRegistry {
   void replace(const DownloadTaskPointer& task);
   /// Takes the task out, with its delegate. Null when there is none.
   DownloadTaskPointer remove(int64_t id);
-  std::vector<DownloadTaskPointer> removeAll();
 
   DownloadTaskPointer find(int64_t id) const;
   bool contains(int64_t id) const { return find(id) != nullptr; }

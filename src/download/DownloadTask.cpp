@@ -93,7 +93,15 @@ DownloadStatus DownloadTask::status() const {
 
 bool DownloadTask::isEnded() const {
   std::lock_guard guard(mutex_);
-  return fields_.reason.kind == DownloadReason::Case::cancelled;
+  return fields_.isEnded();
+}
+
+void DownloadTask::fail(std::exception_ptr failure) {
+  update([&](Snapshot& fields) {
+    if (fields.isEnded()) return;
+    fields.status = DownloadStatus::failed;
+    fields.reason = DownloadReason::error(std::move(failure));
+  });
 }
 
 void DownloadTask::cancel() {

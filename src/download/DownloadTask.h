@@ -88,11 +88,13 @@ class DownloadTask {
     std::function<void(double)> onProgress;                             ///< free for an embedder; never called
     std::function<void(bool, const std::exception_ptr&)> onCompletion;  ///< free for an embedder; never called
     CompletionHandler onDownloadComplete;  ///< called once at the end, on the main queue, in place of the delegate
+
+    /// True once cancel() or cleanup() has run.
+    bool isEnded() const { return reason.kind == DownloadReason::Case::cancelled; }
   };
 
   Snapshot snapshot() const;
   DownloadStatus status() const;
-  /// True once cancel() or cleanup() has run.
   bool isEnded() const;
 
   /// Changes fields under the mutex; the change must not call out.
@@ -101,6 +103,9 @@ class DownloadTask {
     std::lock_guard guard(mutex_);
     change(fields_);
   }
+
+  /// The task reads `failed` with this error, unless it has ended.
+  void fail(std::exception_ptr failure);
 
   /// Stops a running transfer, drops the completion handler and deletes the file at `location`; the task reads
   /// `failed`.

@@ -35,12 +35,11 @@ bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
 }  // namespace
 
 ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const PipelineEntry& entry) {
-  ProcessingState state;
-  state.downloadId = entry.id;
-  state.filename = entry.filename;
-  state.album = entry.album;
-  state.fileURL = entry.fileURL;
-  state.lastUpdated = clock.now();
+  ProcessingState state{.downloadId = entry.id,
+                        .filename = entry.filename,
+                        .album = entry.album,
+                        .fileURL = entry.fileURL,
+                        .lastUpdated = clock.now()};
   state.needsRemuxing = codecNeedsRemuxing(files, entry.fileURL) && !entry.skipVideoFix;
   log("needsRemuxing = {}", state.needsRemuxing);
   const bool skipsSound = entry.skipVideoFix || entry.skipAudioFix;

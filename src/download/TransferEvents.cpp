@@ -33,7 +33,7 @@ DownloadRegistry::Match DownloadManager::findTask(const TaskPointer& transfer) {
                                note ? std::optional(note->id) : std::nullopt);
   if (match.task && match.isNew) {
     match.task->update([&](DownloadTask::Snapshot& fields) {
-      if (fields.reason.kind == DownloadReason::Case::cancelled) return;
+      if (fields.isEnded()) return;
       fields.downloadTask = transfer;
       if (!note) return;
       fields.skipVideoFix = note->skipVideoFix;
@@ -74,7 +74,18 @@ void DownloadManager::urlSessionDidFinishDownloading(const TaskPointer& transfer
     return;
   }
   log("Download completed, starting post-processing for {}", task->id);
-  ProcessingState state;
+  const auto state = takeFile(task, location);
+  if (!state) return;
+  task->update([](DownloadTask::Snapshot& fields) {
+    if (!fields.isEnded()) fields.status = DownloadStatus::processing;
+  });
+  registry_.replace(task);
+  taskStore_.persist();
+  queueOrStartProcessing(*state, task);
+}
+
+/// Moves the file into Documents and stores the record of its run. Nothing where that failed; the task then reads so.
+std::optional<ProcessingState> DownloadManager::takeFile(const DownloadTaskPointer& task, const Path& location) {
   try {
     auto hold = holdDestination(task);
     log("Download finished for url {} moving to {}", location.string(), hold.path().string());
@@ -82,30 +93,25 @@ void DownloadManager::urlSessionDidFinishDownloading(const TaskPointer& transfer
       // The page hears of this one with the transfer's last event.
       log("Source file does not exist {}", location.string());
       failHandOver(task, std::make_exception_ptr(Error("FileNotFound", 404, "Downloaded file not found")));
-      return;
+      return std::nullopt;
     }
     moveIntoPlace(location, hold.path());
     auto fields = task->snapshot();
-    state = makeFirstRecord(platform_.files, platform_.clock,
-                            {.id = task->id,
-                             .filename = *task->filename,
-                             .album = task->album,
-                             .fileURL = hold.path(),
-                             .skipVideoFix = fields.skipVideoFix,
-                             .skipAudioFix = fields.skipAudioFix});
+    const ProcessingState state = makeFirstRecord(platform_.files, platform_.clock,
+                                                  {.id = task->id,
+                                                   .filename = *task->filename,
+                                                   .album = task->album,
+                                                   .fileURL = hold.path(),
+                                                   .skipVideoFix = fields.skipVideoFix,
+                                                   .skipAudioFix = fields.skipAudioFix});
     store_.saveState(state);
+    return state;
   } catch (const std::exception&) {
     removeIfExists(platform_.files, location);
     failHandOver(task, std::current_exception());
     notifyFailed(task);
-    return;
+    return std::nullopt;
   }
-  task->update([](DownloadTask::Snapshot& fields) {
-    if (fields.reason.kind != DownloadReason::Case::cancelled) fields.status = DownloadStatus::processing;
-  });
-  registry_.replace(task);
-  taskStore_.persist();
-  queueOrStartProcessing(state, task);
 }
 
 /// The place for the task's file. Another download's pending file is never replaced: the newcomer then gets its id in
@@ -135,11 +141,7 @@ void DownloadManager::moveIntoPlace(const Path& location, const Path& destinatio
 
 void DownloadManager::failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure) {
   log("Download could not enter the pipeline {} {}", task->id, describe(failure));
-  task->update([&](DownloadTask::Snapshot& fields) {
-    if (fields.reason.kind == DownloadReason::Case::cancelled) return;
-    fields.status = DownloadStatus::failed;
-    fields.reason = DownloadReason::error(failure);
-  });
+  task->fail(failure);
   registry_.replace(task);
   taskStore_.persist();
   releaseSlot(task->id);
@@ -151,11 +153,8 @@ void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const s
   if (!task || task->isEnded()) return;
   if (error) {
     log("Download completed with error {} {}", task->id, error->description());
-    task->update([&](DownloadTask::Snapshot& fields) {
-      fields.status = DownloadStatus::failed;
-      fields.reason = DownloadReason::error(std::make_exception_ptr(*error));
-      fields.downloadTask = nullptr;
-    });
+    task->fail(std::make_exception_ptr(*error));
+    task->update([](DownloadTask::Snapshot& fields) { fields.downloadTask = nullptr; });
     releaseSlot(task->id);
     notifyFailed(task);
     return;

@@ -115,10 +115,7 @@ void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failur
   run.state.error = words;
   run.state.lastUpdated = clock_.now();
   run.saveState();
-  run.download->update([&](DownloadTask::Snapshot& fields) {
-    fields.status = DownloadStatus::failed;
-    fields.reason = DownloadReason::error(failure);
-  });
+  run.download->fail(failure);
   host_.replaceDownload(run.download);
   store_.cleanupTempFiles(run.state);
   host_.releaseBackgroundTimeAndSlot(id);

@@ -16,17 +16,17 @@ namespace tarn {
 /// How far one download's run has come: a plain value, stored as a checkpoint.
 struct ProcessingState {
   int64_t downloadId = 0;
-  std::string filename;              ///< under which the result is stored and saved
-  std::optional<std::string> album;  ///< Photos album to save into
-  Path fileURL;                      ///< absolute path of the video that the stages work on
+  std::string filename = {};              ///< under which the result is stored and saved
+  std::optional<std::string> album = {};  ///< Photos album to save into
+  Path fileURL = {};                      ///< absolute path of the video that the stages work on
   ProcessingStage stage = ProcessingStage::downloaded;
-  std::vector<Path> tempFiles;  ///< made by the run and not yet disposed of; no duplicates
-  std::optional<std::string> error;
-  Date lastUpdated;  ///< last change of `stage`
+  std::vector<Path> tempFiles = {};  ///< made by the run and not yet disposed of; no duplicates
+  std::optional<std::string> error = {};
+  Date lastUpdated = {};  ///< last change of `stage`
   bool needsRemuxing = false;
   bool needsAudioTranscode = false;
   bool skipAVSync = false;
-  std::optional<double> videoFirstPTS;  ///< seconds
+  std::optional<double> videoFirstPTS = {};  ///< seconds
 
   void removeTempFile(const Path& url);
   void addTempFile(const Path& url);

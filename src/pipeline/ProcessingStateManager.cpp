@@ -130,6 +130,8 @@ std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {
 void ProcessingStateManager::saveStates(const ProcessingStates& states) {
   try {
     defaults_.setData(userDefaultsKey, encodeProcessingStates(states));
+  } catch (const PosixError& error) {
+    log("Failed to store processing states: {}", error.description());
   } catch (const std::exception& error) {
     log("Failed to encode processing states: {}", error.what());
   }

@@ -14,21 +14,10 @@
 namespace tarn {
 namespace {
 
-constexpr size_t uuidLength = 36;
 constexpr std::string_view siblingPrefix = ".";
 constexpr std::string_view siblingSuffix = ".tmp";
 constexpr std::string_view fileScheme = "file://";
 constexpr uint64_t readPiece = 1 << 18;  // bytes
-
-bool isUUID(std::string_view text) {
-  if (text.size() != uuidLength) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    const bool digit = (text[i] >= '0' && text[i] <= '9') || (text[i] >= 'A' && text[i] <= 'F');
-    if (dash ? text[i] != '-' : !digit) return false;
-  }
-  return true;
-}
 
 bool isHiddenSibling(std::string_view name) {
   if (!name.starts_with(siblingPrefix) || !name.ends_with(siblingSuffix)) return false;
@@ -52,6 +41,16 @@ std::string makeUUID() {
   return fmt::format("{:02X}-{:02X}-{:02X}-{:02X}-{:02X}", fmt::join(b.begin(), b.begin() + 4, ""),
                      fmt::join(b.begin() + 4, b.begin() + 6, ""), fmt::join(b.begin() + 6, b.begin() + 8, ""),
                      fmt::join(b.begin() + 8, b.begin() + 10, ""), fmt::join(b.begin() + 10, b.end(), ""));
+}
+
+bool isUUID(std::string_view text) {
+  if (text.size() != uuidLength) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    const bool digit = (text[i] >= '0' && text[i] <= '9') || (text[i] >= 'A' && text[i] <= 'F');
+    if (dash ? text[i] != '-' : !digit) return false;
+  }
+  return true;
 }
 
 Path hiddenSibling(const Path& target) {

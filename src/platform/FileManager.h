@@ -137,6 +137,10 @@ class FileManager {
 /// A fresh random UUID (RFC 4122 version 4) in upper-case text form. Thread-safe.
 std::string makeUUID();
 
+/// Whether the text has the form that makeUUID() gives, of whatever version.
+inline constexpr size_t uuidLength = 36;
+bool isUUID(std::string_view text);
+
 /// A fresh name in the directory of `target` for a file in the making: ".<UUID>.tmp".
 Path hiddenSibling(const Path& target);
 

@@ -11,8 +11,9 @@ std::optional<Bytes> UserDefaults::data(const std::string& key) {
   std::lock_guard guard(mutex_);
   try {
     return readFile(files_, directory_ / key);
-  } catch (const PosixError&) {
-    return std::nullopt;
+  } catch (const PosixError& error) {
+    if (error.code() == ENOENT) return std::nullopt;
+    throw;
   }
 }
 
@@ -23,7 +24,12 @@ void UserDefaults::setData(const std::string& key, ByteView value) {
 }
 
 int64_t UserDefaults::integer(const std::string& key) {
-  const auto stored = data(key);
+  std::optional<Bytes> stored;
+  try {
+    stored = data(key);
+  } catch (const PosixError&) {
+    return 0;
+  }
   if (!stored) return 0;
   const std::string_view text = textOf(*stored);
   int64_t value = 0;

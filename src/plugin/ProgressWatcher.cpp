@@ -6,8 +6,9 @@ namespace tarn {
 
 struct ProgressWatcher::State {
   std::function<bool()> look;
-  std::shared_ptr<DispatchQueue> queue;
-  bool isProgressCheckerRunning = false;  ///< read and written on the queue only
+  std::shared_ptr<DispatchQueue> progressCheckerQueue;
+  bool isProgressCheckerRunning = false;  ///< this and the next: read and written on the queue only
+  bool wasAskedWhileRunning = false;
 
   std::mutex mutex;
   std::condition_variable ended;
@@ -21,11 +22,9 @@ struct ProgressWatcher::State {
 };
 
 ProgressWatcher::ProgressWatcher(Dispatch& dispatch, std::function<bool()> look)
-    : dispatch_(dispatch),
-      progressCheckerQueue_(dispatch.makeSerialQueue("com.fenwick.progressCheckerQueue", false)),
-      state_(std::make_shared<State>()) {
+    : dispatch_(dispatch), state_(std::make_shared<State>()) {
   state_->look = std::move(look);
-  state_->queue = progressCheckerQueue_;
+  state_->progressCheckerQueue = dispatch.makeSerialQueue("com.fenwick.progressCheckerQueue", false);
 }
 
 ProgressWatcher::~ProgressWatcher() {
@@ -37,21 +36,27 @@ ProgressWatcher::~ProgressWatcher() {
 }
 
 void ProgressWatcher::startCheckingProgress() {
-  progressCheckerQueue_->async([state = state_, &dispatch = dispatch_] {
-    if (state->isProgressCheckerRunning) return;
-    state->isProgressCheckerRunning = true;
+  state_->progressCheckerQueue->async([state = state_, &dispatch = dispatch_] {
+    state->wasAskedWhileRunning = std::exchange(state->isProgressCheckerRunning, true);
+    if (state->wasAskedWhileRunning) return;
     dispatch.globalQueue(QualityOfService::background).async([state] { loop(state); });
   });
 }
 
 void ProgressWatcher::loop(const std::shared_ptr<State>& state) {
-  while (state->look() && state->waitForNextLook()) {
+  bool goesOn = true;
+  while (goesOn) {
+    while (state->look() && state->waitForNextLook()) {
+    }
+    state->progressCheckerQueue->sync([&] {
+      goesOn = std::exchange(state->wasAskedWhileRunning, false);
+      state->isProgressCheckerRunning = goesOn;
+    });
   }
-  state->queue->sync([&] { state->isProgressCheckerRunning = false; });
 }
 
 void ProgressWatcher::stopCheckingProgress() {
-  progressCheckerQueue_->sync([this] { state_->isProgressCheckerRunning = false; });
+  state_->progressCheckerQueue->sync([this] { state_->isProgressCheckerRunning = false; });
 }
 
 }  // namespace tarn

@@ -20,7 +20,8 @@ class ProgressWatcher {
   ProgressWatcher(const ProgressWatcher&) = delete;
   ProgressWatcher& operator=(const ProgressWatcher&) = delete;
 
-  /// Starts the loop, later, unless one runs.
+  /// Starts the loop, later. One that runs looks once more before it ends, so that a download that begins during its
+  /// last look is not missed.
   void startCheckingProgress();
 
   /// Lets the next start begin a loop of its own. A loop that runs ends by itself when no download is active.
@@ -31,7 +32,6 @@ class ProgressWatcher {
   static void loop(const std::shared_ptr<State>& state);
 
   Dispatch& dispatch_;
-  std::shared_ptr<DispatchQueue> progressCheckerQueue_;
   std::shared_ptr<State> state_;  ///< shared with the loop, which may outlive the watcher by a moment
 };
 

@@ -4,16 +4,6 @@
 #include "plugin/SimpleMediaSaver.h"
 
 namespace tarn {
-namespace {
-
-void markFailed(ProcessingRun& run, const std::exception_ptr& failure) {
-  run.download->update([&](DownloadTask::Snapshot& fields) {
-    fields.status = DownloadStatus::failed;
-    fields.reason = DownloadReason::error(failure);
-  });
-}
-
-}  // namespace
 
 void SavingStep::run(ProcessingRun& run) {
   run.timings.printSummary();
@@ -22,7 +12,7 @@ void SavingStep::run(ProcessingRun& run) {
   const std::string album = run.state.album.value_or("");
   if (album.empty()) {
     log("ERROR: No album name for download {}", run.state.downloadId);
-    markFailed(run, std::make_exception_ptr(Error("TarnFetch", -1, "No album name specified")));
+    run.download->fail(std::make_exception_ptr(Error("TarnFetch", -1, "No album name specified")));
     return;
   }
   log("Saving video to Photos album: {}", album);
@@ -35,7 +25,7 @@ void SavingStep::run(ProcessingRun& run) {
     });
   } catch (const Error& error) {
     log("ERROR saving to Photos: {}", error.description());
-    markFailed(run, std::current_exception());
+    run.download->fail(std::current_exception());
   }
 }
 

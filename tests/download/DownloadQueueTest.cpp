@@ -137,11 +137,5 @@ TEST_F(EngineTest, ClearAllLiftsTheBlockAndSparesWhatComesAfterIt) {
   EXPECT_EQ(joinedWords(contents_), "content of b.mp4");
 }
 
-TEST_F(EngineTest, AStartThatCannotBeMadeFailsTheTask) {
-  EXPECT_FALSE(save("with a blank.mp4"));
-  EXPECT_FALSE(engine_->startDownloadFileBy("ftp://127.0.0.1/a.mp4", "Trips", "a.mp4", false, false, delegate_));
-  EXPECT_TRUE(engine_->getDownloads().empty());
-}
-
 }  // namespace
 }  // namespace tarn::test

@@ -9,14 +9,13 @@
 #include "download/DownloadManager.h"
 #include "download/TransferNote.h"
 #include "platform/host/HostApplication.h"
-#include "platform/host/PosixFileManager.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "platform/memory/ScriptedURLSession.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ScriptedStep.h"
-#include "support/TempDirectory.h"
+#include "support/TestHome.h"
 
 namespace tarn::test {
 
@@ -33,9 +32,8 @@ class RecordingDelegate : public DownloadManagerDelegate {
   void note(const std::string& what, int64_t id) { heard.push_back(what + " " + std::to_string(id)); }
 };
 
-/// The engine on real files, with transfers, queues and time in the test's hands. The pipeline has a first and a last
-/// step that note their stages.
-class EngineTest : public testing::Test {
+/// The engine on real files, with transfers, queues and time in the test's hands. The pipeline has a last step alone.
+class EngineTest : public testing::Test, protected TestHome {
  protected:
   static constexpr int64_t firstId = 1'800'000'000;
 
@@ -44,7 +42,7 @@ class EngineTest : public testing::Test {
   /// A process comes up: leftovers are removed, the engine is made and does what a plug-in's load does.
   void start() {
     removeLeftovers(files_, *std::make_unique<ProcessingStateManager>(defaults_, files_, clock_));
-    engine_ = DownloadManager::create(platform_, {.remux = &remux_, .last = &last_});
+    engine_ = DownloadManager::create(platform_, {.last = &last_});
     engine_->performPeriodicCleanup();
     engine_->checkAndResumePendingProcessing();
     if (!transfers_.storedTaskDescriptions().empty()) engine_->handleEventsForBackgroundURLSession();
@@ -69,30 +67,21 @@ class EngineTest : public testing::Test {
 
   std::string heard() { return joinedWords(delegate_->heard); }
   std::vector<std::string> documents() { return files_.contentsOfDirectory(files_.documentsDirectory(true)); }
-  std::string stored(const std::string& key) {
-    auto data = defaults_.data(key);
-    return data ? std::string(textOf(*data)) : "none";
-  }
   std::string storedStates() { return stored(ProcessingStateManager::userDefaultsKey); }
 
-  TempDirectory home_;
   LogCapture lines_;
-  PosixFileManager files_{home_.path()};
-  UserDefaults defaults_{files_, home_.path() / "Defaults"};
   ManualClock clock_;
   ManualDispatch dispatch_;
   HostApplication application_{dispatch_};
   InMemoryPhotoLibrary photos_{files_, dispatch_};
-  ScriptedURLSessionService transfers_{files_, home_.path() / "delivered"};
+  ScriptedURLSessionService transfers_{files_, home_ / "delivered"};
   Platform platform_{files_, defaults_, clock_, dispatch_, application_, photos_, transfers_};
 
   std::vector<std::string> notes_;     ///< stages of all runs
   std::vector<std::string> contents_;  ///< what the last step found in each file
   bool runFails_ = false;
-  ScriptedStep remux_{{ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_, [this](auto&, auto) {
-                        if (runFails_) throw Error("Test", -1, "no luck");
-                      }};
   ScriptedStep last_{{ProcessingStage::savingToPhotos}, notes_, [this](ProcessingRun& run, auto) {
+                       if (runFails_) throw Error("Test", -1, "no luck");
                        contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
                        run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
                      }};

@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include "download/EngineTest.h"
 
 namespace tarn::test {
@@ -103,35 +105,32 @@ TEST_F(EngineTest, ATransferThatNothingKnowsChangesNothing) {
 
 TEST_F(EngineTest, TheSweepTakesWhatNothingRefersTo) {
   dispatch_.hold(worker());
-  save("kept.mp4");
-  finish("kept.mp4");
-  const Path documents = files_.documentsDirectory(true);
+  save("pending.mp4");
+  finish("pending.mp4");
   const std::string uuid = makeUUID();
-  const std::vector<std::string> swept = {"orphan.mp4", "orphan.mov", "orphan.m4v", uuid + "_fixed.mp4"};
-  const std::vector<std::string> kept = {"clip.m4a", "clip.MP4", "noending", "kept.mp4"};
   const std::vector<std::string> leftovers = {uuid + ".m4a", uuid + ".mp4.tmp"};
-  for (const auto& names : {swept, kept, leftovers}) {
-    for (const auto& name : names) {
-      if (name != "kept.mp4") writeFileAtomically(files_, documents / name, bytesOf("x"));
-    }
+  std::vector<std::string> kept = {"clip.m4a", "clip.MP4", "noending"};
+  const std::vector<std::string> orphans = {"orphan.mp4", "orphan.mov", "orphan.m4v", uuid + "_fixed.mp4"};
+  for (const auto& names : {leftovers, kept, orphans}) {
+    for (const auto& name : names) put(name, "x");
   }
   writeFileAtomically(files_, files_.temporaryDirectory() / "anything", bytesOf("x"));
   engine_->performPeriodicCleanup();
   settle();
-  for (const auto& name : swept) EXPECT_FALSE(files_.fileExists(documents / name)) << name;
-  for (const auto& name : kept) EXPECT_TRUE(files_.fileExists(documents / name)) << name;
-  for (const auto& name : leftovers) EXPECT_TRUE(files_.fileExists(documents / name)) << name;
+  kept.push_back("pending.mp4");
+  auto keptNow = kept;
+  keptNow.insert(keptNow.end(), leftovers.begin(), leftovers.end());
+  EXPECT_THAT(documents(), testing::UnorderedElementsAreArray(keptNow));
   die();
   start();
-  for (const auto& name : leftovers) EXPECT_FALSE(files_.fileExists(documents / name)) << name;
+  EXPECT_THAT(documents(), testing::UnorderedElementsAreArray(kept)) << "and what a killed process has left";
   EXPECT_TRUE(files_.contentsOfDirectory(files_.temporaryDirectory()).empty());
 
   settle();
-  files_.removeItem(documents);
+  files_.removeItem(home_ / "Documents");
   engine_->performPeriodicCleanup();
   settle();
-  EXPECT_TRUE(std::ranges::any_of(
-      lines_.lines(), [](const std::string& line) { return line.starts_with("Error cleaning up orphaned files: "); }));
+  EXPECT_THAT(lines_.lines(), testing::Contains(testing::StartsWith("Error cleaning up orphaned files: ")));
 }
 
 TEST_F(EngineTest, OldFinishedTasksGo) {
@@ -149,18 +148,15 @@ TEST_F(EngineTest, OldFinishedTasksGo) {
 }
 
 TEST_F(EngineTest, BackgroundTimeThatEndsStopsTheRunAndKeepsItsCheckpoint) {
-  bool expire = true;
-  ScriptedStep interrupted({ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_,
-                           [&](ProcessingRun& run, ProcessingStage) {
-                             if (!std::exchange(expire, false)) return;
-                             application_.enterBackground();
-                             engine_->handleAppDidEnterBackground();
-                             application_.expireBackgroundTime();
-                             settle();
-                             run.token->throwIfCancelled();
-                           });
-  engine_.reset();
-  settle();
+  bool expires = true;
+  ScriptedStep interrupted({ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_, [&](auto& run, auto) {
+    if (!std::exchange(expires, false)) return;
+    application_.enterBackground();
+    engine_->handleAppDidEnterBackground();
+    application_.expireBackgroundTime();
+    settle();
+    run.token->throwIfCancelled();
+  });
   engine_ = DownloadManager::create(platform_, {.last = &interrupted});
   save("clip.mp4");
   finish("clip.mp4");

@@ -2,11 +2,10 @@
 
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingGate.h"
-#include "platform/host/PosixFileManager.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ScriptedStep.h"
-#include "support/TempDirectory.h"
+#include "support/TestHome.h"
 
 namespace tarn::test {
 namespace {
@@ -16,7 +15,7 @@ using enum ProcessingStage;
 /// The engine around the driver, as far as the driver sees it: the real gate and store, and a list of what was called.
 class Engine : public ProcessingHost {
  public:
-  explicit Engine(ProcessingGate& gate, std::vector<std::string>& notes) : gate_(gate), notes_(notes) {}
+  Engine(ProcessingGate& gate, std::vector<std::string>& notes) : gate_(gate), notes_(notes) {}
 
   bool saveRecord(const CancellationToken& token, const ProcessingState& record) override {
     return gate_.saveRecord(token, record);
@@ -40,51 +39,35 @@ class Engine : public ProcessingHost {
   std::vector<std::string>& notes_;
 };
 
-class ProcessingDriverTest : public testing::Test {
+class ProcessingDriverTest : public testing::Test, protected TestHome {
  protected:
-  ProcessingDriverTest() {
-    state_.downloadId = 7;
-    state_.filename = "clip.mp4";
-    state_.album = "Trips";
-    state_.fileURL = files_.documentsDirectory(true) / "clip.mp4";
-    state_.needsRemuxing = true;
-    state_.needsAudioTranscode = true;
-    writeFileAtomically(files_, state_.fileURL, bytesOf("video"));
-  }
-
-  ScriptedStep savingStep() {
-    return ScriptedStep({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage stage) {
-      during(run, stage);
+  /// One whole run of state_, with its video and steps that enter all stages. What was called, in order.
+  std::string run() {
+    notes_.clear();
+    put("clip.mp4", "video");
+    store_.saveState(state_);
+    const auto disturb = [this](ProcessingRun& run, ProcessingStage stage) {
+      if (stage == transcodingPass2 && disturb_) disturb_(run);
+    };
+    ScriptedStep remux({remuxing, remuxed}, notes_, disturb);
+    ScriptedStep audio({transcodingPass1, transcodingPass2, transcoded, audioReplacing, audioReplaced}, notes_,
+                       disturb);
+    ScriptedStep sync({syncFixing, syncFixed}, notes_, disturb);
+    ScriptedStep last({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage) {
       run.download->update([this](DownloadTask::Snapshot& fields) {
         fields.status = saveFails_ ? DownloadStatus::failed : DownloadStatus::completed;
       });
     });
-  }
-
-  void during(ProcessingRun& run, ProcessingStage stage) {
-    if (stage == stopAt_) stop_(run);
-  }
-
-  /// One whole run of state_, with steps that enter all stages. What was called, in order.
-  std::string run() {
-    notes_.clear();
-    store_.saveState(state_);
-    auto note = [this](ProcessingRun& run, ProcessingStage stage) { during(run, stage); };
-    ScriptedStep remux({remuxing, remuxed}, notes_, note);
-    ScriptedStep audio({transcodingPass1, transcodingPass2, transcoded, audioReplacing, audioReplaced}, notes_, note);
-    ScriptedStep sync({syncFixing, syncFixed}, notes_, note);
-    ScriptedStep last = savingStep();
     ProcessingDriver driver(files_, clock_, store_, names_, engine_,
                             {.remux = &remux, .audio = &audio, .sync = &sync, .last = &last});
-    token_ = gate_.admit(state_, [] { return true; }).token;
-    driver.continueProcessing(state_, task_, token_);
-    EXPECT_FALSE(gate_.activeRun()) << "every run frees the gate";
+    driver.continueProcessing(state_, task_, admit(state_).token);
     return joinedWords(notes_);
   }
 
-  TempDirectory home_;
-  PosixFileManager files_{home_.path()};
-  UserDefaults defaults_{files_, home_.path() / "Defaults"};
+  ProcessingGate::Admission admit(const ProcessingState& state) {
+    return gate_.admit(state, [] { return true; });
+  }
+
   ManualClock clock_;
   ProcessingStateManager store_{defaults_, files_, clock_};
   ProcessingGate gate_{store_};
@@ -92,25 +75,30 @@ class ProcessingDriverTest : public testing::Test {
   std::vector<std::string> notes_;
   Engine engine_{gate_, notes_};
   LogCapture lines_;
-  ProcessingState state_;
+  ProcessingState state_{.downloadId = 7,
+                         .filename = "clip.mp4",
+                         .album = "Trips",
+                         .fileURL = files_.documentsDirectory(true) / "clip.mp4",
+                         .needsRemuxing = true,
+                         .needsAudioTranscode = true};
   DownloadTaskPointer task_ = std::make_shared<DownloadTask>(files_, 7, "", "Trips", "clip.mp4");
-  ProcessingGate::Token token_;
   bool saveFails_ = false;
-  std::optional<ProcessingStage> stopAt_;
-  std::function<void(ProcessingRun&)> stop_;
+  std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
 };
 
-constexpr const char* remuxStages = "remuxing remuxed ";
-constexpr const char* audioStages = "transcodingPass1 transcodingPass2 transcoded audioReplacing audioReplaced ";
-constexpr const char* syncStages = "syncFixing syncFixed ";
-constexpr const char* savedEnding = "savingToPhotos replace remove release finished end";
+const std::string remuxStages = "remuxing remuxed ";
+const std::string syncStages = "syncFixing syncFixed ";
+const std::string fromAudio = "transcodingPass1 transcodingPass2 transcoded audioReplacing audioReplaced " + syncStages;
+const std::string savedEnding = "savingToPhotos replace remove release finished end";
 
-TEST_F(ProcessingDriverTest, AStoredStageDecidesWhichStepsRunAgain) {
+TEST_F(ProcessingDriverTest, StoredStageAndFlagsDecideWhichStepsRun) {
   struct Row {
     ProcessingStage stored;
     std::string steps;
+    bool needsRemuxing = true, needsAudioTranscode = true, skipAVSync = false;
+    std::string line = {};    ///< one that the log holds
+    bool wasSwapped = false;  ///< the file with the new audio has taken the video's place
   };
-  const std::string fromAudio = std::string(audioStages) + syncStages;
   const Row rows[] = {
       {downloaded, remuxStages + fromAudio},
       {remuxing, remuxStages + fromAudio},
@@ -121,157 +109,101 @@ TEST_F(ProcessingDriverTest, AStoredStageDecidesWhichStepsRunAgain) {
       {audioReplacing, fromAudio},
       {audioReplaced, syncStages},
       {syncFixing, syncStages},
-      {syncFixed, ""},
-      {savingToPhotos, ""},
+      {syncFixed, "", true, true, false, "Resuming from checkpoint: A/V sync complete → starting Saving to Photos"},
+      {audioReplacing, syncStages, true, true, false,
+       "Interrupted at Replacing audio track, rolling back to checkpoint: Audio replacement complete", true},
+      {savingToPhotos, "", true, true, true, "Skipping A/V sync fix - skipVideoFix is enabled"},
+      {downloaded, fromAudio, false, true, false, "Skipping video remux - startStage=remuxing, needsRemuxing=false"},
+      {downloaded, remuxStages, true, false, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(rawValue(row.stored));
-    writeFileAtomically(files_, state_.fileURL, bytesOf("video"));
-    const Path temp = state_.fileURL.parent_path() / "temp.m4a";
-    writeFileAtomically(files_, temp, bytesOf("audio"));
-    const Path fixed = state_.fileURL.parent_path() / "x_fixed.mp4";
-    writeFileAtomically(files_, fixed, bytesOf("fixed"));
     state_.stage = row.stored;
-    state_.tempFiles = {temp, fixed};
+    state_.needsRemuxing = row.needsRemuxing;
+    state_.needsAudioTranscode = row.needsAudioTranscode;
+    state_.skipAVSync = row.skipAVSync;
+    state_.tempFiles = {put("x.m4a", "audio"), home_ / "Documents/x_fixed.mp4"};
+    if (!row.wasSwapped) put("x_fixed.mp4", "fixed");
     EXPECT_EQ(run(), row.steps + savedEnding);
-    EXPECT_FALSE(files_.fileExists(temp) || files_.fileExists(fixed) || files_.fileExists(state_.fileURL));
+    EXPECT_TRUE(row.line.empty() || lines_.contains(row.line));
+    EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
     EXPECT_TRUE(store_.allStates().empty());
   }
 }
 
-TEST_F(ProcessingDriverTest, AnAudioSwapThatWasDoneIsNotDoneAgain) {
-  const Path audio = state_.fileURL.parent_path() / "x.m4a";
-  writeFileAtomically(files_, audio, bytesOf("audio"));
-  state_.stage = audioReplacing;
-  state_.tempFiles = {audio, state_.fileURL.parent_path() / "x_fixed.mp4"};
-  EXPECT_EQ(run(), std::string(syncStages) + savedEnding);
-  EXPECT_TRUE(
-      lines_.contains("Interrupted at Replacing audio track, rolling back to checkpoint: Audio replacement complete"));
-  EXPECT_FALSE(files_.fileExists(audio));
-}
-
-TEST_F(ProcessingDriverTest, FlagsLeaveStepsOut) {
-  state_.needsRemuxing = false;
-  state_.needsAudioTranscode = false;
-  EXPECT_EQ(run(), std::string(syncStages) + savedEnding);
-  EXPECT_TRUE(lines_.contains("Skipping video remux - startStage=remuxing, needsRemuxing=false"));
-  writeFileAtomically(files_, state_.fileURL, bytesOf("video"));
-  state_.skipAVSync = true;
-  state_.stage = syncFixed;
-  EXPECT_EQ(run(), savedEnding);
-  EXPECT_TRUE(lines_.contains("Skipping A/V sync fix - skipVideoFix is enabled"));
-  EXPECT_TRUE(lines_.contains("Resuming from checkpoint: A/V sync complete → starting Saving to Photos"));
-}
-
-TEST_F(ProcessingDriverTest, AFailureKeepsRecordAndFileAndDeletesTempFiles) {
-  const Path temp = state_.fileURL.parent_path() / "temp.m4a";
-  stopAt_ = transcodingPass2;
-  stop_ = [&](ProcessingRun& run) {
-    writeFileAtomically(files_, temp, bytesOf("audio"));
-    run.state.addTempFile(temp);
-    run.saveState();
-    throw Error("Test", -1, "the codec is on holiday");
+TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
+  struct Row {
+    std::function<void(ProcessingRun&)> disturb;
+    std::string ending;
+    std::optional<ProcessingStage> stored;  ///< of the record that is left
+    bool keepsTempFile;
   };
-  EXPECT_EQ(run(), std::string(remuxStages) + "transcodingPass1 transcodingPass2 replace release failedNotice end");
-  auto record = store_.loadState(7);
-  ASSERT_TRUE(record);
-  EXPECT_EQ(record->stage, failed);
-  EXPECT_EQ(record->error, "the codec is on holiday");
-  EXPECT_TRUE(store_.allPendingStates().empty());
-  EXPECT_TRUE(files_.fileExists(state_.fileURL));
-  EXPECT_FALSE(files_.fileExists(temp));
-  EXPECT_EQ(task_->snapshot().reason.description(), "ERROR_UNKNOWN");
-}
-
-TEST_F(ProcessingDriverTest, AFailedSaveEndsTheRunAndKeepsTheFile) {
-  saveFails_ = true;
-  EXPECT_TRUE(run().ends_with(savedEnding));
-  EXPECT_TRUE(store_.allStates().empty());
-  EXPECT_TRUE(files_.fileExists(state_.fileURL));
-}
-
-TEST_F(ProcessingDriverTest, ACancellationLeavesTheStoredStageForAResume) {
-  stopAt_ = remuxing;
-  stop_ = [](ProcessingRun& run) {
-    run.token->cancel();
-    run.token->throwIfCancelled();
-  };
-  EXPECT_EQ(run(), "remuxing end");
-  EXPECT_EQ(store_.loadState(7)->stage, remuxing);
-  EXPECT_TRUE(files_.fileExists(state_.fileURL));
-  stopAt_.reset();
-  state_ = *store_.loadState(7);
-  EXPECT_EQ(run(), std::string(remuxStages) + audioStages + syncStages + savedEnding);
-}
-
-TEST_F(ProcessingDriverTest, ARunThatWasTakenBackStoresNothingMore) {
-  stopAt_ = remuxing;
-  stop_ = [this](ProcessingRun&) {
-    EXPECT_EQ(gate_.cancel(7), ProcessingGate::Cancelled::activeRun);
-    store_.removeState(7);
-  };
-  EXPECT_EQ(run(), "remuxing remuxed end") << "the next step sees the token";
-  EXPECT_TRUE(store_.allStates().empty());
+  const auto isFailed = [](auto&) { throw Error("Test", -1, "the codec is on holiday"); };
+  const auto isCancelled = [](ProcessingRun& run) { run.token->cancel(), run.token->throwIfCancelled(); };
+  const auto isTakenBack = [this](auto&) { gate_.cancel(7), store_.removeState(7); };
+  const auto isNotSaved = [this](auto&) { saveFails_ = true; };
+  const std::string rest = "transcoded audioReplacing audioReplaced ";
+  for (const Row& row : {Row{isFailed, "replace release failedNotice end", failed, false},
+                         {isCancelled, "end", transcodingPass2, true},
+                         {isTakenBack, rest + "end", std::nullopt, true},
+                         {isNotSaved, rest + syncStages + savedEnding, std::nullopt, false}}) {
+    SCOPED_TRACE(row.ending);
+    disturb_ = [&](ProcessingRun& run) {
+      run.state.addTempFile(put("temp.m4a", "audio"));
+      run.saveState();
+      row.disturb(run);
+    };
+    EXPECT_EQ(run(), remuxStages + "transcodingPass1 transcodingPass2 " + row.ending);
+    const auto record = store_.loadState(7);
+    EXPECT_EQ(record ? std::optional(record->stage) : std::nullopt, row.stored);
+    EXPECT_EQ(record && record->error == "the codec is on holiday", row.stored == failed);
+    EXPECT_TRUE(files_.fileExists(state_.fileURL));
+    EXPECT_EQ(files_.fileExists(home_ / "Documents/temp.m4a"), row.keepsTempFile);
+    EXPECT_FALSE(gate_.activeRun());
+  }
 }
 
 TEST_F(ProcessingDriverTest, ARunThatWasForgottenTouchesNothingOfTheNext) {
   auto next = state_;
   next.downloadId = 8;
   ProcessingGate::Token nextToken;
-  stopAt_ = syncFixing;
-  stop_ = [&](ProcessingRun&) {
+  disturb_ = [&](ProcessingRun&) {
     gate_.clear();
     store_.clearAllStates();
-    nextToken = gate_.admit(next, [] { return true; }).token;
+    nextToken = admit(next).token;
     EXPECT_TRUE(gate_.holds(7)) << "its id must not be given away while it goes on";
-    stopAt_.reset();
   };
-  store_.saveState(state_);
-  ScriptedStep sync({syncFixing, syncFixed}, notes_, [this](auto& run, auto stage) { during(run, stage); });
-  ScriptedStep last = savingStep();
-  ProcessingDriver driver(files_, clock_, store_, names_, engine_, {.sync = &sync, .last = &last});
-  driver.continueProcessing(state_, task_, gate_.admit(state_, [] { return true; }).token);
+  EXPECT_EQ(run(), remuxStages + fromAudio + savedEnding);
   EXPECT_EQ(gate_.activeRun(), 8);
   EXPECT_FALSE(nextToken->isCancelled());
   EXPECT_TRUE(store_.allStates().empty()) << "it must not bring its record back";
 }
 
-TEST(ProcessingGateTest, OneRunAtATimeAndTheLineInItsOrder) {
-  TempDirectory home;
-  PosixFileManager files(home.path());
-  UserDefaults defaults(files, home.path() / "Defaults");
-  ManualClock clock;
-  ProcessingStateManager store(defaults, files, clock);
-  ProcessingGate gate(store);
-  auto wanted = [] { return true; };
-  auto record = [](int64_t id) {
-    ProcessingState state;
-    state.downloadId = id;
-    state.fileURL = "/clip.mp4";
-    return state;
-  };
-  auto first = gate.admit(record(1), wanted);
+TEST_F(ProcessingDriverTest, TheGateLetsOneRunThroughAtATimeInTheOrderOfTheLine) {
+  const auto record = [](int64_t id) { return ProcessingState{.downloadId = id, .fileURL = "/clip.mp4"}; };
+  const auto isKnown = [](int64_t id) { return id != 2; };
+  const auto first = admit(record(1));
   ASSERT_TRUE(first.token);
-  EXPECT_EQ(gate.admit(record(2), wanted).position, 1U);
-  EXPECT_EQ(gate.admit(record(3), wanted).position, 2U);
-  EXPECT_EQ(gate.admit(record(4), wanted).currentId, 1);
-  EXPECT_TRUE(gate.admit(record(5), [] { return false; }).isRefused);
-  store.saveState(record(6));
-  EXPECT_FALSE(gate.resume(6)) << "a run is active";
+  EXPECT_EQ(admit(record(2)).position, 1U);
+  EXPECT_EQ(admit(record(3)).position, 2U);
+  EXPECT_EQ(admit(record(4)).currentId, 1);
+  EXPECT_TRUE(gate_.admit(record(5), [] { return false; }).isRefused);
+  store_.saveState(record(6));
+  EXPECT_FALSE(gate_.resume(6)) << "a run is active";
 
-  auto next = gate.endRun(first.token, [](int64_t id) { return id != 2; });
+  auto next = gate_.endRun(first.token, isKnown);
   ASSERT_TRUE(next.start);
   EXPECT_EQ(next.start->state.downloadId, 3);
   EXPECT_EQ(next.skipped, std::vector<int64_t>{2});
   EXPECT_EQ(next.waiting, std::vector<int64_t>{4});
-  EXPECT_FALSE(gate.endRun(first.token, [](int64_t) { return true; }).wasCurrent) << "a run ends once";
+  EXPECT_FALSE(gate_.endRun(first.token, isKnown).wasCurrent) << "a run ends once";
 
-  EXPECT_EQ(gate.expire()->downloadId, 3);
+  EXPECT_EQ(gate_.expire()->downloadId, 3);
   EXPECT_TRUE(next.start->token->isCancelled());
-  EXPECT_TRUE(store.loadState(3));
-  gate.close();
-  EXPECT_FALSE(gate.endRun(next.start->token, [](int64_t) { return true; }).start) << "closed: the line waits";
-  EXPECT_FALSE(gate.resume(6));
+  EXPECT_TRUE(store_.loadState(3));
+  gate_.close();
+  EXPECT_FALSE(gate_.endRun(next.start->token, isKnown).start) << "closed: the line waits";
+  EXPECT_FALSE(gate_.resume(6));
 }
 
 }  // namespace

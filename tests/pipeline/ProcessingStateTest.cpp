@@ -1,127 +1,112 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "pipeline/CancellationToken.h"
 #include "pipeline/ProcessingStateManager.h"
-#include "platform/host/PosixFileManager.h"
+#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
-#include "support/TempDirectory.h"
+#include "support/TestHome.h"
 
 namespace tarn::test {
 namespace {
 
-class ProcessingStateTest : public testing::Test {
+using testing::ElementsAre;
+using enum ProcessingStage;
+
+constexpr const char* key = ProcessingStateManager::userDefaultsKey;
+
+class ProcessingStateTest : public testing::Test, protected TestHome {
  protected:
-  ProcessingState record(int64_t id, ProcessingStage stage) {
-    ProcessingState state;
-    state.downloadId = id;
-    state.filename = "clip.mp4";
-    state.fileURL = files_.documentsDirectory(true) / ("clip" + std::to_string(id) + ".mp4");
-    state.stage = stage;
-    state.lastUpdated = clock_.now();
-    writeFileAtomically(files_, state.fileURL, bytesOf("video"));
+  /// Stores a record as old as that, with its video and a temp file.
+  ProcessingState store(int64_t id, ProcessingStage stage, std::chrono::seconds age = {}) {
+    const std::string name = "clip" + std::to_string(id);
+    ProcessingState state{.downloadId = id,
+                          .filename = "clip.mp4",
+                          .fileURL = put(name + ".mp4", "video"),
+                          .stage = stage,
+                          .tempFiles = {put(name + ".m4a", "temp")},
+                          .lastUpdated = clock_.now() - age};
+    store_.saveState(state);
     return state;
   }
 
-  Path tempFile(const std::string& name) {
-    Path path = files_.documentsDirectory(true) / name;
-    writeFileAtomically(files_, path, bytesOf("temp"));
-    return path;
-  }
+  static auto isRecord(int64_t id) { return testing::Field(&ProcessingState::downloadId, id); }
 
-  std::string document() {
-    auto data = defaults_.data(ProcessingStateManager::userDefaultsKey);
-    return data ? std::string(textOf(*data)) : "none";
-  }
-
-  TempDirectory home_;
-  PosixFileManager files_{home_.path()};
-  UserDefaults defaults_{files_, home_.path() / "Defaults"};
+  FaultyFileManager faulty_{files_};
+  UserDefaults faultyDefaults_{faulty_, home_ / "Defaults"};
   ManualClock clock_;
-  ProcessingStateManager store_{defaults_, files_, clock_};
+  ProcessingStateManager store_{faultyDefaults_, files_, clock_};
 };
 
+const std::string document =
+    R"([1800000000,{"downloadId":1800000000,"filename":"clip.mp4","album":"Trips",)"
+    R"("fileURL":"file:///home/a%20b/%C3%A9.mp4","stage":"syncFixing","tempFiles":["file:///tmp/x.m4a"],)"
+    R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false}])";
+
 TEST_F(ProcessingStateTest, StoredDocumentIsAFlatArrayOfIdsAndRecords) {
-  ProcessingState state;
-  state.downloadId = 1800000000;
-  state.filename = "clip.mp4";
-  state.album = "Trips";
-  state.fileURL = "/home/a b/\xC3\xA9.mp4";
-  state.stage = ProcessingStage::syncFixing;
-  state.tempFiles = {"/tmp/x.m4a"};
-  state.lastUpdated = Date(std::chrono::seconds(978307200) + std::chrono::milliseconds(1500));
-  state.needsRemuxing = true;
-  store_.saveState(state);
-  EXPECT_EQ(document(),
-            R"([1800000000,{"downloadId":1800000000,"filename":"clip.mp4","album":"Trips",)"
-            R"("fileURL":"file:///home/a%20b/%C3%A9.mp4","stage":"syncFixing","tempFiles":["file:///tmp/x.m4a"],)"
-            R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false}])");
-  auto read = store_.loadState(1800000000);
-  ASSERT_TRUE(read);
-  EXPECT_EQ(read->fileURL, state.fileURL);
-  EXPECT_EQ(read->lastUpdated, state.lastUpdated);
-  EXPECT_FALSE(read->error || read->videoFirstPTS);
+  store_.saveState({.downloadId = 1800000000,
+                    .filename = "clip.mp4",
+                    .album = "Trips",
+                    .fileURL = "/home/a b/\xC3\xA9.mp4",
+                    .stage = syncFixing,
+                    .tempFiles = {"/tmp/x.m4a"},
+                    .lastUpdated = Date(std::chrono::seconds(978307200) + std::chrono::milliseconds(1500)),
+                    .needsRemuxing = true});
+  EXPECT_EQ(stored(key), document);
+  store_.saveState(store_.loadState(1800000000).value());
+  EXPECT_EQ(stored(key), document) << "what was read is what was stored";
 }
 
 TEST_F(ProcessingStateTest, ADamagedDocumentCountsAsEmptyAndTheNextSaveReplacesIt) {
-  const std::string whole = R"([7,{"downloadId":7,"filename":"a","fileURL":"file:///a","stage":"remuxed",)"
-                            R"("tempFiles":[],"lastUpdated":0,"needsRemuxing":true,"needsAudioTranscode":false,)"
-                            R"("skipAVSync":false}])";
-  auto replaced = [&](const std::string& from, const std::string& to) {
-    std::string text = whole;
-    text.replace(text.find(from), from.size(), to);
-    return text;
+  const std::pair<std::string, std::string> damages[] = {
+      {document.substr(40), ""},
+      {"syncFixing", "stopped"},
+      {"\"filename\":\"clip.mp4\",", ""},
+      {"[1800000000,", "["},
+      {"file:///home", "http:///home"},
+      {":1.5", ":1e300"},
+      {"[\"file:///tmp/x.m4a\"]", "7"},
+      {document, "{}"},
+      {document, "\xFF\xFE"},
   };
-  defaults_.setData(ProcessingStateManager::userDefaultsKey, bytesOf(whole));
-  EXPECT_EQ(store_.allPendingStates().size(), 1U);
-  const std::string damaged[] = {whole.substr(0, whole.size() / 2),
-                                 replaced("remuxed", "stopped"),
-                                 replaced("\"filename\":\"a\",", ""),
-                                 replaced("[7,", "["),
-                                 replaced("file:///a", "http://a"),
-                                 replaced("\"lastUpdated\":0", "\"lastUpdated\":1e300"),
-                                 replaced("[]", "7"),
-                                 "{}",
-                                 "\xFF\xFE"};
-  for (const std::string& text : damaged) {
+  for (const auto& [from, to] : damages) {
+    std::string text = document;
+    text.replace(text.find(from), from.size(), to);
     LogCapture lines;
-    defaults_.setData(ProcessingStateManager::userDefaultsKey, bytesOf(text));
+    defaults_.setData(key, bytesOf(text));
     EXPECT_TRUE(store_.allPendingStates().empty()) << text;
-    ASSERT_FALSE(lines.lines().empty());
-    EXPECT_TRUE(lines.lines().front().starts_with("Failed to decode processing states: ")) << lines.lines().front();
-    EXPECT_EQ(document(), text) << "reading must not touch what is stored";
-    store_.saveState(record(8, ProcessingStage::remuxed));
-    EXPECT_EQ(store_.allStates().size(), 1U);
+    EXPECT_THAT(lines.lines(), ElementsAre(testing::StartsWith("Failed to decode processing states: ")));
+    EXPECT_EQ(stored(key), text) << "reading must not touch what is stored";
+    store(8, remuxed);
+    EXPECT_THAT(store_.allStates(), ElementsAre(isRecord(8)));
   }
 }
 
+TEST_F(ProcessingStateTest, ADocumentThatCannotBeReadIsLeftAlone) {
+  store(1, remuxed);
+  const std::string before = stored(key);
+  faulty_.arm({.among = {FileOperation::read}});
+  store(2, remuxed);
+  EXPECT_EQ(stored(key), before);
+}
+
 TEST_F(ProcessingStateTest, PendingRecordsComeOldestFirstAndFinalOnesNot) {
-  store_.saveState(record(3, ProcessingStage::syncFixing));
-  clock_.advance(std::chrono::seconds(-5));
-  store_.saveState(record(4, ProcessingStage::downloaded));
-  store_.saveState(record(1, ProcessingStage::completed));
-  store_.saveState(record(2, ProcessingStage::failed));
-  auto pending = store_.allPendingStates();
-  ASSERT_EQ(pending.size(), 2U);
-  EXPECT_EQ(pending[0].downloadId, 4);
-  EXPECT_EQ(pending[1].downloadId, 3);
+  store(3, syncFixing);
+  store(4, downloaded, std::chrono::seconds(5));
+  store(1, completed);
+  store(2, failed);
+  EXPECT_THAT(store_.allPendingStates(), ElementsAre(isRecord(4), isRecord(3)));
   store_.removeState(99);
   EXPECT_EQ(store_.allStates().size(), 4U);
 }
 
 TEST_F(ProcessingStateTest, CleanupTakesOldRecordsAndThoseWithoutTheirVideo) {
   const std::chrono::seconds day(86400);
-  auto old = record(1, ProcessingStage::failed);
-  old.tempFiles = {tempFile("old.m4a")};
-  old.lastUpdated -= day + std::chrono::seconds(3600);
-  store_.saveState(old);
-  auto young = record(2, ProcessingStage::remuxing);
-  young.lastUpdated -= day;
-  young.tempFiles = {tempFile("young.m4a"), "/gone.m4a"};
+  const auto old = store(1, failed, day + std::chrono::seconds(3600));
+  auto young = store(2, remuxing, day);
+  young.addTempFile("/gone.m4a");
   store_.saveState(young);
-  auto orphan = record(3, ProcessingStage::remuxed);
-  orphan.tempFiles = {tempFile("orphan.m4a")};
-  store_.saveState(orphan);
+  const auto orphan = store(3, remuxed);
   files_.removeItem(orphan.fileURL);
 
   LogCapture lines;
@@ -132,35 +117,12 @@ TEST_F(ProcessingStateTest, CleanupTakesOldRecordsAndThoseWithoutTheirVideo) {
   store_.validateStates();
   EXPECT_TRUE(lines.contains("Removed 1 processing state(s) with missing files"));
   EXPECT_FALSE(files_.fileExists(orphan.tempFiles[0]));
-  auto left = store_.allStates();
-  ASSERT_EQ(left.size(), 1U);
-  EXPECT_EQ(left[0].downloadId, 2);
-  EXPECT_EQ(left[0].tempFiles, std::vector<Path>{young.tempFiles[0]});
+  EXPECT_THAT(store_.allStates(), ElementsAre(isRecord(2)));
+  EXPECT_THAT(store_.loadState(2)->tempFiles, ElementsAre(young.tempFiles[0]));
   store_.clearAllStates();
-  EXPECT_EQ(document(), "[]");
+  EXPECT_EQ(stored(key), "[]");
   EXPECT_FALSE(files_.fileExists(young.tempFiles[0]));
   EXPECT_TRUE(files_.fileExists(young.fileURL));
-}
-
-TEST_F(ProcessingStateTest, ADocumentThatCannotBeReadIsLeftAlone) {
-  store_.saveState(record(1, ProcessingStage::remuxed));
-  const Path file = home_.path() / "Defaults" / ProcessingStateManager::userDefaultsKey;
-  files_.moveItem(file, home_.path() / "aside");
-  files_.createDirectory(file);  // reading a directory fails
-  store_.saveState(record(2, ProcessingStage::remuxed));
-  EXPECT_TRUE(store_.allPendingStates().empty());
-  files_.removeItem(file);
-  files_.moveItem(home_.path() / "aside", file);
-  EXPECT_EQ(store_.allPendingStates().size(), 1U);
-}
-
-TEST(CancellationTokenTest, ThrowsWhileSet) {
-  CancellationToken token;
-  token.throwIfCancelled();
-  token.cancel();
-  EXPECT_THROW(token.throwIfCancelled(), CancellationError);
-  token.reset();
-  token.throwIfCancelled();
 }
 
 }  // namespace

@@ -11,17 +11,15 @@
 #include "support/FaultyFileManager.h"
 #include "support/TempDirectory.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
-using test::Fault;
-using test::FaultyFileManager;
 using testing::AnyOf;
 using testing::UnorderedElementsAre;
 
 const std::string oldValue(3000, 'o');
 const std::string newValue(5000, 'n');
-constexpr PowerCut bothCuts[] = {PowerCut::losesNames, PowerCut::keepsNames};
+const Path directory = "/home/Defaults";
 
 std::optional<std::string> textAt(FileManager& files, const Path& path) {
   if (!files.fileExists(path)) return std::nullopt;
@@ -33,7 +31,7 @@ void put(FileManager& files, const Path& path, std::string_view text) {
 }
 
 TEST(PowerCut, takesWhatWasNotMadeDurable) {
-  for (const PowerCut cut : bothCuts) {
+  for (const PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
     const bool names = cut == PowerCut::keepsNames;
     InMemoryFileManager files;
     files.createDirectory("/home/d");
@@ -56,91 +54,57 @@ TEST(PowerCut, takesWhatWasNotMadeDurable) {
   }
 }
 
-TEST(PowerCut, findsAReplacedFileWhole) {
-  for (const PowerCut cut : bothCuts) {
-    InMemoryFileManager files;
-    put(files, "/home/target", oldValue);
-    put(files, "/home/source", newValue);
-    files.replaceItem("/home/target", "/home/source");
-    files.losePower(cut);
-    EXPECT_EQ(textAt(files, "/home/target"), newValue);
-    EXPECT_FALSE(files.fileExists("/home/source"));
+/// What a process leaves that stores the new value over the old one and meets a fault, and then perhaps a power cut.
+struct Left {
+  explicit Left(Fault fault, std::optional<PowerCut> cut = {}) {
+    InMemoryFileManager memory;
+    UserDefaults(memory, directory).setData("key", bytesOf(oldValue));
+    FaultyFileManager files(memory);
+    files.arm(std::move(fault));
+    try {
+      UserDefaults(files, directory).setData("key", bytesOf(newValue));
+    } catch (const PosixError& error) {
+      failed = error.code() == ENOSPC;
+    }
+    fired = files.fired();
+    if (cut) {
+      memory.losePower(*cut);
+      removeAbandonedSiblings(memory, directory);
+    }
+    value = std::string(textOf(UserDefaults(memory, directory).data("key").value_or(Bytes())));
+    count = memory.contentsOfDirectory(directory).size();
   }
-}
 
-/// Sweeps a replacement of a value over every call that can fail, in every way. `begin` has the old value in place.
-template <typename Begin, typename Replace, typename Read>
-void sweep(Begin begin, Replace replace, Read read, const Path& directory) {
+  bool failed = false;
+  bool fired = false;
+  std::string value;
+  size_t count = 0;  ///< of files
+};
+
+TEST(UserDefaults, keepTheOldValueOrTheNewOneWhateverFails) {
   for (const Fault::Effect effect : {Fault::Effect::none, Fault::Effect::half, Fault::Effect::whole}) {
-    bool fired = true;
     uint64_t call = 1;
-    for (; fired; ++call) {
+    for (bool fired = true; fired; ++call) {
+      SCOPED_TRACE(call);
       ASSERT_LT(call, 30u);
-      InMemoryFileManager memory;
-      begin(memory);
-      FaultyFileManager files(memory);
-      files.arm({.call = call, .errnum = ENOSPC, .effect = effect});
-      bool failed = false;
-      try {
-        replace(files);
-      } catch (const PosixError& error) {
-        failed = error.code() == ENOSPC;
+      const Left failure({.call = call, .errnum = ENOSPC, .effect = effect});
+      fired = failure.fired;
+      EXPECT_EQ(failure.failed, fired);
+      const std::string& expected = failure.failed ? oldValue : newValue;
+      EXPECT_THAT(failure.value, AnyOf(expected, effect == Fault::Effect::whole ? newValue : expected));
+      EXPECT_EQ(failure.count, 1u);
+      for (const PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
+        const Left death({.call = call, .errnum = ENOSPC, .lasting = true, .effect = effect}, cut);
+        EXPECT_THAT(death.value, AnyOf(newValue, death.failed ? oldValue : newValue));
+        EXPECT_EQ(death.count, 1u);
       }
-      fired = files.fired();
-      EXPECT_EQ(failed, fired);
-      const auto value = read(memory);
-      if (!failed) {
-        EXPECT_EQ(value, newValue);
-      } else if (effect != Fault::Effect::whole) {
-        EXPECT_EQ(value, oldValue) << "call " << call;
-      }
-      EXPECT_THAT(value, AnyOf(oldValue, newValue)) << "call " << call;
-      EXPECT_EQ(memory.contentsOfDirectory(directory).size(), 1u) << "call " << call;
     }
     EXPECT_GT(call, 4u);  // opening, writing, closing and replacing have each had their turn
-
-    for (uint64_t death = 1; death < call; ++death) {
-      for (const PowerCut cut : bothCuts) {
-        InMemoryFileManager memory;
-        begin(memory);
-        FaultyFileManager files(memory);
-        files.arm({.call = death, .lasting = true, .effect = effect});
-        bool done = true;
-        try {
-          replace(files);
-        } catch (const PosixError&) {
-          done = false;
-        }
-        memory.losePower(cut);
-        EXPECT_THAT(read(memory), AnyOf(newValue, done ? newValue : oldValue)) << "call " << death;
-        removeAbandonedSiblings(memory, directory);
-        EXPECT_EQ(memory.contentsOfDirectory(directory).size(), 1u) << "call " << death;
-      }
-    }
   }
-}
-
-TEST(AtomicWrites, leaveTheOldValueOrTheNewOne) {
-  sweep([](FileManager& files) { writeFileAtomically(files, "/home/value", bytesOf(oldValue)); },
-        [](FileManager& files) { writeFileAtomically(files, "/home/value", bytesOf(newValue)); },
-        [](FileManager& files) { return textAt(files, "/home/value"); }, "/home");
-}
-
-TEST(UserDefaults, keepTheOldValueOrTheNewOne) {
-  const auto store = [](const std::string& value) {
-    return [&value](FileManager& files) { UserDefaults(files, "/home/Defaults").setData("key", bytesOf(value)); };
-  };
-  sweep(
-      store(oldValue), store(newValue),
-      [](FileManager& files) -> std::optional<std::string> {
-        const auto value = UserDefaults(files, "/home/Defaults").data("key");
-        return value ? std::optional(std::string(textOf(*value))) : std::nullopt;
-      },
-      "/home/Defaults");
 }
 
 TEST(UserDefaults, keepValuesOverAPowerCutFromTheFirstWriteOn) {
-  for (const PowerCut cut : bothCuts) {
+  for (const PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
     InMemoryFileManager files;
     UserDefaults defaults(files, "/home/deep/Defaults");
     EXPECT_FALSE(defaults.data("a"));
@@ -157,33 +121,34 @@ TEST(UserDefaults, keepValuesOverAPowerCutFromTheFirstWriteOn) {
 }
 
 TEST(UserDefaults, giveWholeValuesToReadersBesideWriters) {
-  const test::TempDirectory home;
-  PosixFileManager host(home.path());
-  InMemoryFileManager memory;
-  for (FileManager* files : {static_cast<FileManager*>(&host), static_cast<FileManager*>(&memory)}) {
-    const Path directory = home.path() / "Defaults";
-    UserDefaults first(*files, directory);
-    UserDefaults second(*files, directory);  // with a lock of its own: only the files keep the two apart
-    first.setData("key", bytesOf(oldValue));
-    std::thread writer([&] {
-      for (int i = 0; i < 50; ++i) first.setData("key", bytesOf(i % 2 ? oldValue : newValue));
-    });
-    for (int i = 0; i < 50; ++i) {
-      second.setInteger("other", i);
-      EXPECT_THAT(textOf(second.data("key").value_or(Bytes())), AnyOf(oldValue, newValue));
-    }
-    writer.join();
-    EXPECT_THAT(files->contentsOfDirectory(directory), UnorderedElementsAre("key", "other"));
+  const TempDirectory home;
+  PosixFileManager files(home.path());
+  UserDefaults first(files, home / "Defaults");
+  UserDefaults second(files, home / "Defaults");  // with a lock of its own: only the files keep the two apart
+  first.setData("key", bytesOf(oldValue));
+  std::thread writer([&] {
+    for (int i = 0; i < 50; ++i) first.setData("key", bytesOf(i % 2 ? oldValue : newValue));
+  });
+  for (int i = 0; i < 50; ++i) {
+    second.setInteger("other", i);
+    EXPECT_THAT(textOf(second.data("key").value_or(Bytes())), AnyOf(oldValue, newValue));
   }
+  writer.join();
+  EXPECT_THAT(files.contentsOfDirectory(home / "Defaults"), UnorderedElementsAre("key", "other"));
 }
 
-TEST(UserDefaults, takeDamagedNumbersForNone) {
-  InMemoryFileManager files;
-  UserDefaults defaults(files, "/home/Defaults");
+TEST(UserDefaults, tellAValueThatCannotBeReadFromNone) {
+  InMemoryFileManager memory;
+  FaultyFileManager files(memory);
+  UserDefaults defaults(files, directory);
   for (const char* text : {"", "x", "3x", " 3", "99999999999999999999", "3\n"}) {
     defaults.setData("n", bytesOf(text));
     EXPECT_EQ(defaults.integer("n"), 0) << text;
   }
+  defaults.setInteger("n", 3);
+  files.arm({.lasting = true, .among = {FileOperation::read}});
+  EXPECT_THROW(defaults.data("n"), PosixError);
+  EXPECT_EQ(defaults.integer("n"), 0);
 }
 
 TEST(AbandonedSiblings, areTakenAndNothingElseIs) {
@@ -196,4 +161,4 @@ TEST(AbandonedSiblings, areTakenAndNothingElseIs) {
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -8,100 +8,52 @@
 #include <fstream>
 #include <functional>
 
-#include "platform/ForwardingFileManager.h"
+#include "PhotoChanges.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
+#include "support/FaultyFileManager.h"
 #include "support/TempDirectory.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
 using testing::UnorderedElementsAre;
 
-/// Counts the moments before and after each operation that opens, lists or changes files, and strikes at one of them.
-class StruckFiles : public ForwardingFileManager {
- public:
-  StruckFiles(FileManager& base, bool links) : ForwardingFileManager(base), links_(links) {}
-
-  void strikeAt(size_t moment, std::function<void()> strike) {
-    moment_ = moment;
-    passed_ = 0;
-    strike_ = std::move(strike);
-  }
-  bool struck() const { return passed_ >= moment_; }
-
-  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
-    return around([&] { return base().open(path, mode); });
-  }
-  std::vector<std::string> contentsOfDirectory(const Path& path) override {
-    return around([&] { return base().contentsOfDirectory(path); });
-  }
-  void createDirectory(const Path& path) override {
-    around([&] { base().createDirectory(path); });
-  }
-  void moveItem(const Path& from, const Path& to) override {
-    around([&] { base().moveItem(from, to); });
-  }
-  void copyItem(const Path& from, const Path& to) override {
-    around([&] { base().copyItem(from, to); });
-  }
-  void linkItem(const Path& from, const Path& to) override {
-    if (!links_) throw PosixError(EOPNOTSUPP, "link");
-    around([&] { base().linkItem(from, to); });
-  }
-  void removeItem(const Path& path) override {
-    around([&] { base().removeItem(path); });
-  }
-  void synchronizeDirectory(const Path& path) override {
-    around([&] { base().synchronizeDirectory(path); });
-  }
-
- private:
-  template <typename Work>
-  auto around(Work work) -> decltype(work()) {
-    pass();
-    if constexpr (std::is_void_v<decltype(work())>) {
-      work();
-      pass();
-    } else {
-      auto result = work();
-      pass();
-      return result;
-    }
-  }
-
-  void pass() {
-    if (++passed_ == moment_) strike_();
-  }
-
-  const bool links_;
-  size_t moment_ = 0;
-  size_t passed_ = 0;
-  std::function<void()> strike_;
-};
-
-/// All that a save does to the library: asset, album, entry, each a change of its own, and a change of all three kinds.
+/// All that a save does to the library: asset, album, entry, each a change of its own.
 void save(PHPhotoLibrary& library, const Path& source) {
-  PHObjectPlaceholder asset;
-  std::string album;
-  library.performChangesAndWait([&](PHChangeBlock& change) {
-    asset = change.creationRequestForAssetFromVideo(source)->placeholderForCreatedAsset().value();
-  });
+  const std::string asset = makeAsset(library, source);
   const auto albums = library.fetchAssetCollections("Trips");
-  if (albums.empty()) {
-    library.performChangesAndWait(
-        [&](PHChangeBlock& change) { album = change.creationRequestForAssetCollection("Trips")->localIdentifier; });
-  } else {
-    album = albums.front().localIdentifier;
+  join(library, albums.empty() ? makeAlbum(library, "Trips") : albums.front().localIdentifier, {{asset}});
+}
+
+/// The moments before (odd numbers) and after (even numbers) each operation on files.
+Fault at(size_t moment, std::function<void()> strike = {}) {
+  const auto effect = moment % 2 == 1 ? Fault::Effect::none : Fault::Effect::whole;
+  return {.call = (moment + 1) / 2, .errnum = ENOSPC, .effect = effect, .strike = std::move(strike)};
+}
+
+/// Runs the work in a process of its own; true when it was killed.
+bool isKilled(const std::function<void()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    work();
+    _exit(0);
   }
-  library.performChangesAndWait([&](PHChangeBlock& change) { change.addAssets(album, {asset}); });
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGKILL : WEXITSTATUS(status) == 0);
+  return WIFSIGNALED(status);
+}
+
+void die() {
+  kill(getpid(), SIGKILL);
 }
 
 class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
  protected:
   struct Home {
-    explicit Home(bool links) : files(posix, links) {
+    explicit Home(bool links) : seen(links ? static_cast<FileManager&>(files) : noLinks) {
       std::filesystem::create_directories(root / "Trips");
       std::ofstream(source) << "video";
       // The user's own files, one of them under the name that the video would like to have.
@@ -109,8 +61,9 @@ class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
       std::ofstream(root / "Trips/note") << "the user's";
     }
 
-    std::unique_ptr<SQLitePhotoLibrary> open() {
-      return std::make_unique<SQLitePhotoLibrary>(files, dispatch, root, SQLitePhotoLibrary::Access::readWrite);
+    using Access = SQLitePhotoLibrary::Access;
+    std::unique_ptr<SQLitePhotoLibrary> open(Access access = Access::readWrite) {
+      return std::make_unique<SQLitePhotoLibrary>(seen, dispatch, root, access);
     }
 
     /// The regular files under the root, but for the asset's own file.
@@ -139,12 +92,14 @@ class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
                   UnorderedElementsAre(".catalogue.sqlite", "Trips/clip.mp4", "Trips/note", "Trips/clip 2.mp4"));
     }
 
-    test::TempDirectory directory;
+    TempDirectory directory;
     const Path root = directory / "Photos";
     const Path source = directory / "clip.mp4";
     ManualDispatch dispatch;
     PosixFileManager posix{directory.path()};
-    StruckFiles files;
+    FaultyFileManager files{posix};
+    NoLinks noLinks{files};
+    FileManager& seen;  ///< by the library
   };
 };
 
@@ -152,34 +107,24 @@ INSTANTIATE_TEST_SUITE_P(LinkedAndCopied, PhotoLibraryKillTest, testing::Bool())
 
 // A real kill -9 at every moment of opening and saving, and a second one at every tenth moment of the clearing up.
 TEST_P(PhotoLibraryKillTest, AKillAtAnyMomentAndARetryGiveTheAssetOnce) {
-  size_t kills = 0;
-  for (bool finished = false; !finished;) {
-    Home home(GetParam());
-    const auto killedAt = [&](size_t moment) {
-      const pid_t child = fork();
-      if (child == 0) {
-        home.files.strikeAt(moment, [] { kill(getpid(), SIGKILL); });
-        save(*home.open(), home.source);
-        _exit(0);
-      }
-      int status = 0;
-      waitpid(child, &status, 0);
-      EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGKILL : WEXITSTATUS(status) == 0);
-      return WIFSIGNALED(status);
-    };
-    const size_t moment = kills + 1;
+  size_t moment = 1;
+  for (bool finished = false; !finished; ++moment) {
     SCOPED_TRACE(moment);
+    Home home(GetParam());
+    const auto killedAt = [&](size_t death) {
+      home.files.arm(at(death, die));
+      const bool killed = isKilled([&] { save(*home.open(), home.source); });
+      home.files.disarm();
+      return killed;
+    };
     finished = !killedAt(moment);
-    if (!finished) {
-      ++kills;
-      killedAt(1 + moment % 10);
-    }
+    if (!finished) killedAt(1 + moment % 10);
     const auto library = home.open();
     save(*library, home.source);
     home.expectSavedOnce(*library);
     if (HasFailure()) return;
   }
-  EXPECT_GE(kills, 20u);
+  EXPECT_GT(moment, 20u);
 }
 
 // The same moments as failures: the change tells of it, has left nothing when it returns, and can be asked for again.
@@ -188,15 +133,14 @@ TEST_P(PhotoLibraryKillTest, AFailureAtAnyMomentLeavesNothingOfItsChange) {
     SCOPED_TRACE(moment);
     Home home(GetParam());
     const auto library = home.open();
-    home.files.strikeAt(moment, [] { throw PosixError(ENOSPC, "write"); });
+    home.files.arm(at(moment));
     bool failed = false;
     try {
       save(*library, home.source);
     } catch (const PosixError& error) {
-      failed = true;
-      EXPECT_EQ(error.code(), ENOSPC);
+      failed = error.code() == ENOSPC;
     }
-    ASSERT_EQ(failed, home.files.struck());
+    ASSERT_EQ(failed, home.files.fired());
     const auto assets = library->fetchAllAssets();
     if (failed) {
       EXPECT_THAT(home.filesBeside(assets.empty() ? "none" : assets[0].localIdentifier),
@@ -224,31 +168,22 @@ TEST_P(PhotoLibraryKillTest, AFileOfTheUserUnderAnIntendedNameStays) {
 }
 
 // A kill in the middle of SQLite's commit leaves a journal that the next one to open must roll back: a reader too.
-TEST(PhotoLibraryJournal, AReaderAfterAKillInMidCommitSeesTheLastCommit) {
-  test::TempDirectory directory;
-  const Path root = directory / "Photos";
-  ManualDispatch dispatch;
-  PosixFileManager files(directory.path());
-  std::ofstream(directory / "clip.mp4") << "video";
-  save(*std::make_unique<SQLitePhotoLibrary>(files, dispatch, root, SQLitePhotoLibrary::Access::readWrite),
-       directory / "clip.mp4");
-  const pid_t child = fork();
-  if (child == 0) {
+TEST_P(PhotoLibraryKillTest, AReaderAfterAKillInMidCommitSeesTheLastCommit) {
+  Home home(GetParam());
+  save(*home.open(), home.source);
+  EXPECT_TRUE(isKilled([&] {
     sqlite3* database = nullptr;
-    sqlite3_open((root / ".catalogue.sqlite").c_str(), &database);
+    sqlite3_open((home.root / ".catalogue.sqlite").c_str(), &database);
     // A tiny cache makes SQLite write into the file before the commit.
     sqlite3_exec(database,
                  "PRAGMA cache_size = 1; BEGIN; DELETE FROM entries; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
                  "SELECT i + 1 FROM n WHERE i < 5000) INSERT INTO albums SELECT NULL, i, 'junk', i FROM n;",
                  nullptr, nullptr, nullptr);
-    kill(getpid(), SIGKILL);
-  }
-  waitpid(child, nullptr, 0);
-  ASSERT_GT(std::filesystem::file_size(root / ".catalogue.sqlite-journal"), 0u);
-  SQLitePhotoLibrary reader(files, dispatch, root, SQLitePhotoLibrary::Access::readOnly);
-  EXPECT_EQ(reader.fetchAssetCollections(std::nullopt).size(), 1u);
-  EXPECT_EQ(reader.fetchAllAssets().at(0).path, root / "Trips/clip.mp4");
+    die();
+  }));
+  ASSERT_GT(std::filesystem::file_size(home.root / ".catalogue.sqlite-journal"), 0u);
+  home.expectSavedOnce(*home.open(Home::Access::readOnly));
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -3,13 +3,14 @@
 
 #include <fstream>
 
+#include "PhotoChanges.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "support/TempDirectory.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
 using testing::ElementsAre;
@@ -25,45 +26,9 @@ std::string textAt(const Path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string makeAsset(PHPhotoLibrary& library, const Path& source, const std::optional<std::string>& filename = {}) {
-  std::string identifier;
-  library.performChangesAndWait([&](PHChangeBlock& change) {
-    auto* const request = change.creationRequestForAssetFromVideo(source);
-    if (filename) request->setFilename(*filename);
-    identifier = request->placeholderForCreatedAsset()->localIdentifier;
-  });
-  return identifier;
+auto isAsset(const std::string& identifier) {
+  return testing::Field(&PHAsset::localIdentifier, identifier);
 }
-
-PHAssetCollection makeAlbum(PHPhotoLibrary& library, const std::string& title) {
-  std::string identifier;
-  library.performChangesAndWait(
-      [&](PHChangeBlock& change) { identifier = change.creationRequestForAssetCollection(title)->localIdentifier; });
-  return library.fetchAssetCollection(identifier).value();
-}
-
-bool join(PHPhotoLibrary& library, const PHAssetCollection& album, const std::vector<std::string>& assets) {
-  bool joined = false;
-  library.performChangesAndWait([&](PHChangeBlock& change) {
-    std::vector<PHObjectPlaceholder> placeholders;
-    for (const auto& asset : assets) placeholders.push_back({asset});
-    joined = change.addAssets(album.localIdentifier, placeholders);
-  });
-  return joined;
-}
-
-std::vector<std::string> identifiers(const std::vector<PHAsset>& assets) {
-  std::vector<std::string> identifiers;
-  for (const auto& asset : assets) identifiers.push_back(asset.localIdentifier);
-  return identifiers;
-}
-
-/// A file system without second names.
-class NoLinks : public PosixFileManager {
- public:
-  using PosixFileManager::PosixFileManager;
-  void linkItem(const Path& from, const Path&) override { throw PosixError(EPERM, from.native()); }
-};
 
 enum class Kind { linking, copying, memory };
 
@@ -71,23 +36,25 @@ enum class Kind { linking, copying, memory };
 class PhotoLibraryTest : public testing::TestWithParam<Kind> {
  protected:
   PhotoLibraryTest() {
-    files_ = GetParam() == Kind::copying ? std::make_unique<NoLinks>(home_.path())
-                                         : std::make_unique<PosixFileManager>(home_.path());
     if (GetParam() == Kind::memory) {
-      auto library = std::make_unique<InMemoryPhotoLibrary>(*files_, dispatch_);
-      authorization_ = &library->authorization();
-      library_ = std::move(library);
+      hold(std::make_unique<InMemoryPhotoLibrary>(files_, dispatch_));
     } else {
-      auto library = std::make_unique<SQLitePhotoLibrary>(*files_, dispatch_, home_ / "Photos",
-                                                          SQLitePhotoLibrary::Access::readWrite);
-      authorization_ = &library->authorization();
-      library_ = std::move(library);
+      FileManager& files = GetParam() == Kind::copying ? static_cast<FileManager&>(noLinks_) : files_;
+      hold(std::make_unique<SQLitePhotoLibrary>(files, dispatch_, home_ / "Photos",
+                                                SQLitePhotoLibrary::Access::readWrite));
     }
   }
 
-  test::TempDirectory home_;
+  template <typename Library>
+  void hold(std::unique_ptr<Library> library) {
+    authorization_ = &library->authorization();
+    library_ = std::move(library);
+  }
+
+  TempDirectory home_;
   ManualDispatch dispatch_;
-  std::unique_ptr<FileManager> files_;
+  PosixFileManager files_{home_.path()};
+  NoLinks noLinks_{files_};
   std::unique_ptr<PHPhotoLibrary> library_;
   PhotoAuthorization* authorization_ = nullptr;
 };
@@ -112,22 +79,23 @@ TEST_P(PhotoLibraryTest, FetchesGiveWhatChangesMadeInTheOrderInWhichItCame) {
   const auto newest = makeAlbum(*library_, "Trips");
   const auto other = makeAlbum(*library_, "Trip_");
 
-  EXPECT_TRUE(join(*library_, oldest, {second, first, second}));
-  EXPECT_TRUE(join(*library_, oldest, {first})) << "once is enough";
-  EXPECT_TRUE(join(*library_, other, {first}));
-  EXPECT_FALSE(join(*library_, {"unknown", "Trips"}, {first}));
-  EXPECT_THROW(join(*library_, oldest, {"unknown"}), PHPhotosError);
+  EXPECT_TRUE(join(*library_, oldest, {{second}, {first}, {second}}));
+  EXPECT_TRUE(join(*library_, oldest, {{first}})) << "once is enough";
+  EXPECT_TRUE(join(*library_, other, {{first}}));
+  EXPECT_FALSE(join(*library_, "unknown", {{first}}));
+  EXPECT_THROW(join(*library_, oldest, {{"unknown"}}), PHPhotosError);
 
   const auto named = library_->fetchAssetCollections("Trips");
   ASSERT_EQ(named.size(), 2u);
-  EXPECT_EQ(named[0].localIdentifier, oldest.localIdentifier);
-  EXPECT_EQ(named[1].localIdentifier, newest.localIdentifier);
+  EXPECT_EQ(named[0].localIdentifier, oldest);
+  EXPECT_EQ(named[1].localIdentifier, newest);
   EXPECT_EQ(library_->fetchAssetCollections(std::nullopt).size(), 3u);
-  EXPECT_THAT(identifiers(library_->fetchAssets(oldest, std::nullopt)), ElementsAre(second, first));
-  EXPECT_THAT(identifiers(library_->fetchAssets(oldest, first)), ElementsAre(first));
-  EXPECT_THAT(library_->fetchAssets(newest, first), IsEmpty());
-  EXPECT_THAT(identifiers(library_->fetchAllAssets()), ElementsAre(first, second));
-  const PHAsset asset = library_->fetchAssets(oldest, second).at(0);
+  EXPECT_EQ(library_->fetchAssetCollection(other)->title, "Trip_");
+  EXPECT_THAT(library_->fetchAssets(named[0], std::nullopt), ElementsAre(isAsset(second), isAsset(first)));
+  EXPECT_THAT(library_->fetchAssets(named[0], first), ElementsAre(isAsset(first)));
+  EXPECT_THAT(library_->fetchAssets(named[1], first), IsEmpty());
+  EXPECT_THAT(library_->fetchAllAssets(), ElementsAre(isAsset(first), isAsset(second)));
+  const PHAsset asset = library_->fetchAssets(named[0], second).at(0);
   EXPECT_EQ(asset.filename, "named.mp4");
   EXPECT_EQ(asset.creationDate, date);
   EXPECT_EQ(asset.size, 7u);
@@ -173,24 +141,6 @@ TEST_P(PhotoLibraryTest, AChangeThatThrowsOrIsNotAllowedLeavesNothing) {
   EXPECT_EQ(library_->fetchAllAssets().size(), 1u);
 }
 
-TEST_P(PhotoLibraryTest, TheUserIsAskedOnceAndAnswersElsewhere) {
-  using enum PHAuthorizationStatus;
-  std::vector<PHAuthorizationStatus> answers;
-  const auto ask = [&] {
-    library_->requestAuthorization(PHAccessLevel::readWrite, [&](auto status) { answers.push_back(status); });
-  };
-  authorization_->setStatus(notDetermined);
-  authorization_->setAnswer(denied);
-  EXPECT_EQ(library_->authorizationStatus(PHAccessLevel::readWrite), notDetermined);
-  ask();
-  EXPECT_THAT(answers, IsEmpty());
-  authorization_->setAnswer(authorized);
-  ask();
-  dispatch_.runUntilIdle();
-  EXPECT_THAT(answers, ElementsAre(denied, denied));
-  EXPECT_EQ(library_->authorizationStatus(PHAccessLevel::readWrite), denied);
-}
-
 /// What holds for the library on the disk.
 class PhotoDirectoryTest : public testing::Test {
  protected:
@@ -198,7 +148,7 @@ class PhotoDirectoryTest : public testing::Test {
     return std::make_unique<SQLitePhotoLibrary>(files_, dispatch_, root_, access);
   }
 
-  test::TempDirectory home_;
+  TempDirectory home_;
   const Path root_ = home_ / "Photos";
   ManualDispatch dispatch_;
   PosixFileManager files_{home_.path()};
@@ -210,9 +160,7 @@ TEST_F(PhotoDirectoryTest, AnyTitleAndAnyFileNameGetAPlaceOfTheirOwnInsideTheLib
   std::string longTitle;
   for (int i = 0; i < 100; ++i) longTitle += "\xE2\x82\xAC";  // 300 bytes, cut at 255: 85 characters
   struct Case {
-    std::string title;
-    std::string filename;
-    std::string place;
+    std::string title, filename, place;
   };
   const std::vector<Case> cases = {
       {"a/b", "clip.mp4", "a_b/clip.mp4"},
@@ -231,18 +179,15 @@ TEST_F(PhotoDirectoryTest, AnyTitleAndAnyFileNameGetAPlaceOfTheirOwnInsideTheLib
       {longTitle, std::string(300, 'x') + ".mp4", longTitle.substr(0, 255) + "/" + std::string(249, 'x') + " 2.mp4"},
       {longTitle + "!", "clip.mp4", longTitle.substr(0, 252) + " 2/clip.mp4"},
   };
-  size_t count = 0;
   for (const auto& [title, filename, place] : cases) {
     SCOPED_TRACE(place);
+    const Path source = writeText(home_ / makeUUID(), "video of " + place);
     const auto existing = library->fetchAssetCollections(title);
-    const auto album = existing.empty() ? makeAlbum(*library, title) : existing.front();
-    const std::string text = "video " + std::to_string(++count);
-    const auto asset = makeAsset(*library, writeText(home_ / ("source" + std::to_string(count)), text), filename);
-    join(*library, album, {asset});
-    const Path path = library->fetchAssets(album, asset).at(0).path;
-    EXPECT_EQ(path.native(), (root_ / place).native());
-    EXPECT_EQ(textAt(path), text);
-    EXPECT_EQ(library->fetchAssetCollection(album.localIdentifier)->title, title);
+    const auto album = existing.empty() ? makeAlbum(*library, title) : existing.front().localIdentifier;
+    join(*library, album, {{makeAsset(*library, source, filename)}});
+    EXPECT_EQ(textAt(root_ / place), "video of " + place);
+    EXPECT_EQ(library->fetchAllAssets().back().path, root_ / place);
+    EXPECT_EQ(library->fetchAssetCollection(album)->title, title);
   }
 }
 
@@ -278,4 +223,4 @@ TEST_F(PhotoDirectoryTest, ADamagedCatalogueIsRefusedAndNoFileIsLost) {
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -16,6 +16,8 @@
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/FaultyFileManager.h"
+#include "support/TempDirectory.h"
 
 namespace tarn::test {
 
@@ -31,6 +33,7 @@ inline Bytes randomBytes(size_t count, unsigned seed) {
 struct Heard {
   std::optional<Bytes> file;
   std::optional<Error> error;
+  int code() const { return error ? error->code() : 0; }
   int64_t total = -1;  ///< of the last didWriteData
   int64_t expected = -1;
   int reports = 0;
@@ -113,34 +116,28 @@ class Listener : public NSURLSessionDownloadDelegate {
 };
 
 /// A directory, and on it one process after another: a service, its session and its delegate.
-class Harness {
- public:
-  Harness() : root_(std::filesystem::temp_directory_path() / ("tarn-transfers-" + makeUUID())), disk_(root_) {
-    options.initialPause = std::chrono::milliseconds(2);
-    options.maximumPause = std::chrono::milliseconds(10);
-    options.stallTime = std::chrono::milliseconds(250);
-    options.maximumTries = 5;
-  }
-  ~Harness() {
-    stop();
-    std::filesystem::remove_all(root_);
-  }
-  Harness(const Harness&) = delete;
-  Harness& operator=(const Harness&) = delete;
+struct Harness {
+  ~Harness() { stop(); }
 
-  CurlURLSessionOptions options;
+  const TempDirectory root;
+  PosixFileManager disk{root.path()};
+  FaultyFileManager files{disk};  ///< the disk as transfers see it
+  AsioDispatch dispatch;
+  CurlURLSessionOptions options{.initialPause = std::chrono::milliseconds(2),
+                                .maximumPause = std::chrono::milliseconds(10),
+                                .maximumTries = 5,
+                                .stallTime = std::chrono::seconds(60),
+                                .userAgent = {}};
   std::shared_ptr<Listener> listener;
   std::unique_ptr<CurlURLSessionService> service;
   std::unique_ptr<NSURLSession> session;
 
-  FileManager& disk() { return disk_; }
-  Path directory() const { return root_ / "Transfers"; }
+  Path directory() const { return root / "Transfers"; }
   Path part(int64_t taskIdentifier) const { return directory() / (std::to_string(taskIdentifier) + ".part"); }
 
-  void start() { start(disk_, directory()); }
-  void start(FileManager& files, const Path& directory) {
-    if (!listener) listener = std::make_shared<Listener>(disk_);
-    service = std::make_unique<CurlURLSessionService>(files, dispatch_, directory, options);
+  void start() {
+    if (!listener) listener = std::make_shared<Listener>(disk);
+    service = std::make_unique<CurlURLSessionService>(files, dispatch, directory(), options);
     session = service->makeBackgroundSession("downloads", listener);
   }
 
@@ -157,13 +154,11 @@ class Harness {
     return task;
   }
 
-  /// Names in the transfers' directory.
-  size_t filesLeft() { return disk_.contentsOfDirectory(directory()).size(); }
+  /// Downloads, and waits for the end.
+  Heard fetch(const std::string& url) { return listener->waitForEnd(download(url)->taskIdentifier()); }
 
- private:
-  const Path root_;
-  PosixFileManager disk_;
-  AsioDispatch dispatch_;
+  /// Names in the transfers' directory.
+  size_t filesLeft() { return disk.contentsOfDirectory(directory()).size(); }
 };
 
 }  // namespace tarn::test

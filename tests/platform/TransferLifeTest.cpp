@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "TransferHarness.h"
-#include "platform/ForwardingFileManager.h"
+#include "support/Eventually.h"
 #include "support/FaultServer.h"
 
 namespace tarn::test {
@@ -21,11 +21,6 @@ const Bytes& content() {
   return bytes;
 }
 
-bool waitUntil(const std::function<bool()>& condition) {
-  for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return condition();
-}
-
 std::unique_ptr<FaultServer> serverOf(std::vector<Reply> replies) {
   auto server = std::make_unique<FaultServer>();
   server->serve("/file", ServedFile::of(content()), std::move(replies));
@@ -36,12 +31,11 @@ std::unique_ptr<FaultServer> serverOf(std::vector<Reply> replies) {
 class TransferRestartTest : public testing::Test {
  protected:
   void fetchHalfAndDie() {
-    harness_.options.stallTime = std::chrono::seconds(60);
     harness_.start();
     const auto task = harness_.download(server_->url("/file"));
     identifier_ = task->taskIdentifier();
     harness_.listener->waitFor(identifier_, [](const Heard& heard) { return heard.reports > 0; });
-    ASSERT_TRUE(waitUntil([&] { return std::filesystem::file_size(harness_.part(identifier_)) == half; }));
+    ASSERT_TRUE(eventually([&] { return std::filesystem::file_size(harness_.part(identifier_)) == half; }));
     harness_.stop();
     EXPECT_EQ(task->state(), State::running);
   }
@@ -156,78 +150,42 @@ TEST_F(TransferRestartTest, WhatNobodyCanUseIsSwept) {
   EXPECT_GT(harness_.session->downloadTask("http://127.0.0.1/", "")->taskIdentifier(), 98);
 }
 
-/// Blocks the flush of a part until it is told to go on.
-class SlowDisk : public ForwardingFileManager {
- public:
-  using ForwardingFileManager::ForwardingFileManager;
-  std::atomic<bool> isFlushing = false;
-  std::atomic<bool> mayGoOn = false;
-
-  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
-    auto handle = ForwardingFileManager::open(path, mode);
-    if (path.extension() != ".part") return handle;
-    return std::make_unique<Handle>(std::move(handle), *this);
-  }
-
- private:
-  class Handle : public ForwardingFileHandle {
-   public:
-    Handle(std::unique_ptr<FileHandle> handle, SlowDisk& disk) : ForwardingFileHandle(std::move(handle)), disk_(disk) {}
-    void synchronize() override {
-      disk_.isFlushing = true;
-      waitUntil([this] { return disk_.mayGoOn.load(); });
-      base().synchronize();
-    }
-
-   private:
-    SlowDisk& disk_;
-  };
-};
-
 TEST(TransferCancelTest, CancellationIsHeardOnceInEveryState) {
-  struct Row {
-    const char* name;
-    Reply reply;
-    bool resumes;
-    std::function<bool(Harness&, SlowDisk&, FaultServer&, int64_t)> isThere;
-  };
-  const std::vector<Row> rows = {
-      {"not started", {}, false, [](auto&, auto&, auto&, auto) { return true; }},
-      {"just started", {}, true, [](auto&, auto&, auto&, auto) { return true; }},
-      {"silent server",
-       {.stallAfter = 0},
-       true,
-       [](auto&, auto&, FaultServer& server, auto) { return !server.requests().empty(); }},
-      {"in the body",
-       {.stallAfter = half},
-       true,
-       [](Harness& harness, auto&, auto&, int64_t id) { return harness.listener->heard(id).reports > 0; }},
-      {"between two tries",
-       {.status = 500},
-       true,
-       [](auto&, auto&, FaultServer& server, auto) { return !server.requests().empty(); }},
-      {"in the flush", {}, true, [](auto&, SlowDisk& disk, auto&, auto) { return disk.isFlushing.load(); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto server = serverOf({row.reply, row.reply});
+  enum class When { notStarted, justStarted, beforeTheAnswer, inTheBody, betweenTwoTries, inTheFlush };
+  const std::pair<When, Reply> rows[] = {{When::notStarted, {}},
+                                         {When::justStarted, {}},
+                                         {When::beforeTheAnswer, {.stallAfter = 0}},
+                                         {When::inTheBody, {.stallAfter = half}},
+                                         {When::betweenTwoTries, {.status = 500}},
+                                         {When::inTheFlush, {}}};
+  for (const auto& [when, reply] : rows) {
+    SCOPED_TRACE(static_cast<int>(when));
+    const auto server = serverOf({reply, reply});
     Harness harness;
-    SlowDisk disk(harness.disk());
-    harness.options.stallTime = harness.options.initialPause = harness.options.maximumPause = std::chrono::seconds(60);
-    harness.start(disk, harness.directory());
+    harness.options.initialPause = harness.options.maximumPause = std::chrono::seconds(60);
+    harness.start();
     const auto task = harness.session->downloadTask(server->url("/file"), "");
     const int64_t id = task->taskIdentifier();
-    if (row.resumes) task->resume();
-    ASSERT_TRUE(waitUntil([&] { return row.isThere(harness, disk, *server, id); }));
+    std::atomic<bool> isFlushing = false;
+    std::atomic<bool> mayGoOn = false;
+    harness.files.arm({.errnum = 0, .among = {FileOperation::flush}, .strike = [&] {
+                         isFlushing = true;
+                         eventually([&] { return mayGoOn.load(); });
+                       }});
+    if (when != When::notStarted) task->resume();
+    ASSERT_TRUE(eventually([&, when = when] {
+      if (when == When::inTheBody) return harness.listener->heard(id).reports > 0;
+      if (when == When::inTheFlush) return isFlushing.load();
+      return when < When::beforeTheAnswer || !server->requests().empty();
+    }));
 
     std::thread other([&] { task->cancel(); });
     task->cancel();
     EXPECT_TRUE(harness.service->storedTaskDescriptions().empty());
     other.join();
-    disk.mayGoOn = true;
+    mayGoOn = true;
     const Heard heard = harness.listener->waitForEnd(id);
-    ASSERT_TRUE(heard.error);
-    EXPECT_EQ(heard.error->code(), URLError::cancelled);
+    EXPECT_EQ(heard.code(), URLError::cancelled);
     EXPECT_FALSE(heard.file);
     EXPECT_EQ(task->state(), State::completed);
     task->cancel();
@@ -243,24 +201,22 @@ TEST(TransferCancelTest, FromWithinAnEvent) {
   Harness harness;
   harness.start();
   harness.listener->onWrite = [](NSURLSessionDownloadTask& task) { task.cancel(); };
-  auto task = harness.download(server->url("/file"));
-  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).error->code(), URLError::cancelled);
+  EXPECT_EQ(harness.fetch(server->url("/file")).code(), URLError::cancelled);
 
   // The last report comes when the file is ready for the hand-over; the cancellation wins.
   harness.listener->onWrite = [&](NSURLSessionDownloadTask& reported) {
     const auto delivery = harness.directory() / (std::to_string(reported.taskIdentifier()) + ".delivery");
     if (std::filesystem::exists(delivery)) reported.cancel();
   };
-  task = harness.download(server->url("/file"));
-  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).error->code(), URLError::cancelled);
-  EXPECT_FALSE(harness.listener->heard(task->taskIdentifier()).file);
+  Heard heard = harness.fetch(server->url("/file"));
+  EXPECT_EQ(heard.code(), URLError::cancelled);
+  EXPECT_FALSE(heard.file);
   EXPECT_EQ(harness.filesLeft(), 0U);
 
   // The file is the delegate's by then: the hand-over wins.
   harness.listener->onWrite = [](auto&) {};
   harness.listener->onFinish = [](NSURLSessionDownloadTask& finished, auto&) { finished.cancel(); };
-  task = harness.download(server->url("/file"));
-  const Heard heard = harness.listener->waitForEnd(task->taskIdentifier());
+  heard = harness.fetch(server->url("/file"));
   EXPECT_FALSE(heard.error);
   EXPECT_EQ(heard.file, content());
   EXPECT_EQ(heard.ends, 1);
@@ -276,13 +232,13 @@ TEST(TransferSessionTest, ItsEndWaitsForTheEventThatRunsAndForNoOther) {
   const auto listener = harness.listener;
   listener->onFinish = [&](auto&, auto&) {
     runs = true;
-    waitUntil([&] { return mayReturn.load(); });
+    eventually([&] { return mayReturn.load(); });
     EXPECT_FALSE(isDestroyed);
   };
   const auto first = harness.download(server->url("/file"));
-  ASSERT_TRUE(waitUntil([&] { return runs.load(); }));
+  ASSERT_TRUE(eventually([&] { return runs.load(); }));
   const auto second = harness.download(server->url("/file"));
-  ASSERT_TRUE(waitUntil([&] { return server->requests().size() == 2; }));
+  ASSERT_TRUE(eventually([&] { return server->requests().size() == 2; }));
   std::thread destroyer([&] {
     harness.session.reset();
     isDestroyed = true;
@@ -303,7 +259,7 @@ TEST(TransferSessionTest, AFileIsKeptWhileItsDelegateIsGone) {
   harness.start();
   harness.listener.reset();
   const auto task = harness.download(server->url("/file"));
-  ASSERT_TRUE(waitUntil([&] { return task->fractionCompleted() == 1; }));
+  ASSERT_TRUE(eventually([&] { return task->fractionCompleted() == 1; }));
   harness.stop();
   harness.start();
   EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, content());

@@ -125,7 +125,7 @@ TEST_P(FaultSweep, ThePowerMayGo) {
 TEST_P(FaultSweep, TheLibraryMayFail) {
   for (size_t change = 1; change <= 3; ++change) {
     WholeRun run(recording_);
-    run.photos().setFailures({.changes = {change}});
+    run.photos().setFailures({.failingChange = change});
     run.save();
     run.photos().setFailures({});
     expectNothingLost(run);

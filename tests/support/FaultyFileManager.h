@@ -36,11 +36,11 @@ struct Fault {
   };
 
   uint64_t call = 1;     ///< 1-based, among the calls that count, from the moment of arming
-  int errnum = EIO;      ///< 0: the call works after all, behind its strike
+  int errnum = EIO;      ///< 0: the call strikes and then works
   bool lasting = false;  ///< all later calls that count fail too, without effect: the process is dead
   Effect effect = Effect::none;
   std::set<FileOperation> among = {};  ///< the operations that count; all when empty
-  std::function<void()> strike = {};   ///< runs at the call, ahead of its failure: a kill, for one
+  std::function<void()> strike = {};   ///< runs after the effect, ahead of the failure: a kill, for one
 };
 
 /// Counts the operations on files and fails the one that a test chooses. Asking (exists, attributes, free space,
@@ -150,10 +150,10 @@ class FaultyFileManager : public ForwardingFileManager {
       FileOperation operation, Work work, HalfWork halfWork = [] {}) -> decltype(work()) {
     const auto fault = faultOfNextCall(operation);
     if (!fault) return work();
-    if (fault->strike) fault->strike();
-    if (fault->errnum == 0) return work();
     if (fault->effect == Fault::Effect::half) halfWork();
     if (fault->effect == Fault::Effect::whole) work();
+    if (fault->strike) fault->strike();
+    if (fault->errnum == 0) return work();
     throw PosixError(fault->errnum, "fault of a test");
   }
 

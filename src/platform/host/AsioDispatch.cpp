@@ -138,7 +138,7 @@ class AsioDispatch::Queue : public DispatchQueue {
 };
 
 AsioDispatch::AsioDispatch() : core_(std::make_shared<Core>()) {
-  main_ = makeSerialQueue("main", true);
+  main_ = std::make_shared<Queue>(core_, core_->addThread("main"));
   global_ = std::make_shared<Queue>(core_, core_->addPoolExecutor());
 }
 

@@ -49,15 +49,11 @@ constexpr const char* assetColumns =
     "assets.identifier, assets.filename, assets.creation_date, assets.size, "
     "assets.source_device, assets.source_inode, assets.source_size, assets.source_change_time";
 
-int64_t nanoseconds(Date date) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
-}
-
 AssetRecord assetOf(const SQLiteStatement& row) {
   AssetRecord asset;
   asset.identifier = row.text(0);
   asset.filename = row.text(1);
-  asset.creationDate = Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(row.integer(2))));
+  asset.creationDate = dateFromNanoseconds(row.integer(2));
   asset.size = row.unsignedInteger(3);
   asset.source.device = row.unsignedInteger(4);
   asset.source.inode = row.unsignedInteger(5);
@@ -216,7 +212,7 @@ void PhotoCatalogue::add(const std::vector<AssetRecord>& assets, const std::vect
   SQLiteTransaction transaction(database_);
   for (const AssetRecord& asset : assets) {
     SQLiteStatement insert(database_, "INSERT INTO assets VALUES (NULL, ?, ?, ?, ?, ?, ?, ?, ?)");
-    insert.bind(asset.identifier).bind(asset.filename).bind(nanoseconds(asset.creationDate)).bind(asset.size);
+    insert.bind(asset.identifier).bind(asset.filename).bind(nanosecondsSince1970(asset.creationDate)).bind(asset.size);
     insert.bind(asset.source.device).bind(asset.source.inode).bind(asset.source.size).bind(asset.source.changeTime);
     insert.step();
   }

@@ -9,14 +9,6 @@
 #include "platform/SafeName.h"
 
 namespace tarn {
-namespace {
-
-Date dateOf(int64_t nanosecondsSince1970) {
-  return Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(nanosecondsSince1970)));
-}
-
-}  // namespace
-
 class PhotoChange::AssetRequest : public PHAssetChangeRequest {
  public:
   /// Without a source the request stands for an asset that exists already, which stays as it is.
@@ -59,7 +51,7 @@ PHAssetChangeRequest* PhotoChange::creationRequestForAssetFromVideo(const Path& 
   }
   AssetRecord asset{.identifier = makeUUID(),
                     .filename = safeName(fileURL.filename().native(), NameKind::file),
-                    .creationDate = dateOf(facts->modificationTime),
+                    .creationDate = dateFromNanoseconds(facts->modificationTime),
                     .size = facts->size,
                     .source = *facts};
   return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(asset), fileURL)).get();

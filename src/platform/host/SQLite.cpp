@@ -74,10 +74,6 @@ int64_t SQLiteStatement::integer(int column) const {
   return sqlite3_column_int64(handle_.get(), column);
 }
 
-bool SQLiteStatement::isNull(int column) const {
-  return sqlite3_column_type(handle_.get(), column) == SQLITE_NULL;
-}
-
 void SQLiteStatement::check(int code) const {
   if (code != SQLITE_OK) fail(database_, "catalogue");
 }

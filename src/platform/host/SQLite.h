@@ -52,11 +52,10 @@ class SQLiteStatement {
   /// Moves to the next row; false when there is none.
   bool step();
 
-  /// Columns of the row, counted from 0.
+  /// Columns of the row, counted from 0. NULL reads as an empty text and as 0.
   std::string text(int column) const;
   int64_t integer(int column) const;
   uint64_t unsignedInteger(int column) const { return static_cast<uint64_t>(integer(column)); }
-  bool isNull(int column) const;
 
  private:
   struct Finalizer {

@@ -217,7 +217,7 @@ void TransferLoop::finish(Job& job) {
                         record = job.record](NSURLSessionDownloadDelegate& delegate) {
     handOver(files, *store, transfer, record, delegate);
   });
-  jobs_.erase(job.record.taskIdentifier);
+  jobs_.erase(job.transfer->taskIdentifier());
 }
 
 void TransferLoop::report(Job& job, uint64_t received, std::optional<uint64_t> expected) {

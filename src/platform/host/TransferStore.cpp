@@ -68,7 +68,7 @@ TransferRecord TransferStore::add(const std::string& session, const std::string&
                                   const std::string& taskDescription) {
   std::lock_guard guard(mutex_);
   load();
-  makeDirectory();
+  files_.createDirectory(directory_);
   TransferRecord record;
   record.taskIdentifier = ++lastIdentifier_;
   record.session = session;
@@ -77,12 +77,6 @@ TransferRecord TransferStore::add(const std::string& session, const std::string&
   write(record);
   records_[record.taskIdentifier] = record;
   return record;
-}
-
-void TransferStore::makeDirectory() {
-  if (files_.fileExists(directory_)) return;
-  files_.createDirectory(directory_);
-  files_.synchronizeDirectory(directory_.parent_path());
 }
 
 void TransferStore::save(const TransferRecord& record) {

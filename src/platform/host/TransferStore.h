@@ -61,7 +61,6 @@ class TransferStore {
 
  private:
   Path recordFile(int64_t taskIdentifier) const;
-  void makeDirectory();
   void load();
   void loadRecord(int64_t taskIdentifier);
   void write(const TransferRecord& record);

@@ -5,7 +5,6 @@
 #include <limits>
 #include <map>
 #include <mutex>
-#include <set>
 
 #include "platform/Error.h"
 #include "platform/TempFile.h"
@@ -13,8 +12,9 @@
 namespace tarn {
 namespace {
 
-constexpr size_t maximumNameLength = 255;  // bytes, as on most file systems
-constexpr int64_t tick = 1'000'000;        // nanoseconds
+constexpr size_t maximumNameLength = 255;            // bytes, as on most file systems
+constexpr uint64_t largestFile = uint64_t{1} << 30;  // bytes
+constexpr int64_t tick = 1'000'000;                  // nanoseconds
 constexpr int64_t firstTime = 1'600'000'000'000'000'000;
 
 [[noreturn]] void fail(int errnum, const Path& path) {
@@ -50,7 +50,6 @@ struct InMemoryFileManager::Node {
 struct InMemoryFileManager::Disk {
   std::mutex mutex;
   NodePointer root;
-  uint64_t capacity = initialFreeSpace;
   uint64_t lastInode = 0;
   int64_t time = firstTime;
   uint64_t powerCuts = 0;
@@ -117,21 +116,6 @@ struct InMemoryFileManager::Disk {
 
   static std::string nameOf(const Path& path) { return normal(path).filename().native(); }
 
-  uint64_t usedSpace() const {
-    std::set<const Node*> counted;
-    return usedSpace(*root, counted);
-  }
-  uint64_t usedSpace(const Node& node, std::set<const Node*>& counted) const {
-    if (!counted.insert(&node).second) return 0;
-    uint64_t sum = node.bytes.size();
-    for (const auto& [name, child] : node.entries) sum += usedSpace(*child, counted);
-    return sum;
-  }
-  uint64_t freeSpace() const {
-    const uint64_t used = usedSpace();
-    return used < capacity ? capacity - used : 0;
-  }
-
   void restore(Node& node, PowerCut cut) {
     node.bytes = node.durableBytes;
     if (cut == PowerCut::losesNames) {
@@ -171,17 +155,11 @@ class InMemoryFileManager::Handle : public FileHandle {
     std::lock_guard guard(disk_->mutex);
     Node& node = writableNode(EBADF);
     if (bytes.empty()) return;
-    if (offset_ > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - bytes.size()) fail(EFBIG, path_);
-    const bool grows = offset_ + bytes.size() > node.bytes.size();
-    const uint64_t room = grows ? node.bytes.size() + disk_->freeSpace() : node.bytes.size();
-    const ByteView fitting = bytes.first(std::min<uint64_t>(bytes.size(), room > offset_ ? room - offset_ : 0));
-    if (!fitting.empty()) {
-      node.bytes.resize(std::max<uint64_t>(node.bytes.size(), offset_ + fitting.size()));
-      std::copy(fitting.begin(), fitting.end(), node.bytes.begin() + static_cast<std::ptrdiff_t>(offset_));
-      offset_ += fitting.size();
-      disk_->noteContent(node);
-    }
-    if (fitting.size() < bytes.size()) fail(ENOSPC, path_);
+    if (bytes.size() > largestFile || offset_ > largestFile - bytes.size()) fail(EFBIG, path_);
+    node.bytes.resize(std::max<uint64_t>(node.bytes.size(), offset_ + bytes.size()));
+    std::copy(bytes.begin(), bytes.end(), node.bytes.begin() + static_cast<std::ptrdiff_t>(offset_));
+    offset_ += bytes.size();
+    disk_->noteContent(node);
   }
 
   void seek(uint64_t offset) override {
@@ -206,8 +184,7 @@ class InMemoryFileManager::Handle : public FileHandle {
   void truncate(uint64_t size) override {
     std::lock_guard guard(disk_->mutex);
     Node& node = writableNode(EINVAL);
-    if (size > static_cast<uint64_t>(std::numeric_limits<off_t>::max())) fail(EFBIG, path_);
-    if (size > node.bytes.size() && size - node.bytes.size() > disk_->freeSpace()) fail(ENOSPC, path_);
+    if (size > largestFile) fail(EFBIG, path_);
     node.bytes.resize(size);
     disk_->noteContent(node);
   }
@@ -372,8 +349,7 @@ void InMemoryFileManager::synchronizeDirectory(const Path& path) {
 }
 
 std::optional<uint64_t> InMemoryFileManager::freeSpace(const Path& /*path*/) {
-  std::lock_guard guard(disk_->mutex);
-  return disk_->freeSpace();
+  return largestFile;
 }
 
 Path InMemoryFileManager::documentsDirectory(bool create) {
@@ -396,11 +372,6 @@ void InMemoryFileManager::losePower(PowerCut cut) {
   std::lock_guard guard(disk_->mutex);
   ++disk_->powerCuts;
   disk_->restore(*disk_->root, cut);
-}
-
-void InMemoryFileManager::setFreeSpace(uint64_t bytes) {
-  std::lock_guard guard(disk_->mutex);
-  disk_->capacity = disk_->usedSpace() + bytes;
 }
 
 }  // namespace tarn

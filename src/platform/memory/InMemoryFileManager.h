@@ -11,13 +11,11 @@ enum class PowerCut {
   keepsNames,  ///< all names are as they were last seen
 };
 
-/// A file system in memory that behaves as a host's does, can run full, and can lose its power. Paths count from one
-/// root; there are no links to names and no second file system. Every change moves its clock on by a millisecond, so
-/// that no two changes have the same time. Thread-safe.
+/// A file system in memory that behaves as a host's does and can lose its power. Paths count from one root; there are
+/// no links to names and no second file system, and it never runs full; a file can have up to one GiB (EFBIG). Every
+/// change moves its clock on by a millisecond, so that no two changes have the same time. Thread-safe.
 class InMemoryFileManager : public FileManager {
  public:
-  static constexpr uint64_t initialFreeSpace = uint64_t{1} << 30;  ///< bytes
-
   explicit InMemoryFileManager(Path home = "/home");
   ~InMemoryFileManager() override;
 
@@ -32,15 +30,13 @@ class InMemoryFileManager : public FileManager {
   void removeItem(const Path& path) override;
   void replaceItem(const Path& target, const Path& source) override;
   void synchronizeDirectory(const Path& path) override;
+  /// One GiB at all times.
   std::optional<uint64_t> freeSpace(const Path& path) override;
   Path documentsDirectory(bool create) override;
   Path temporaryDirectory() override;
 
   /// Cuts the power and starts again: what was not made durable is gone, and every open handle is dead (EIO).
   void losePower(PowerCut cut = PowerCut::losesNames);
-
-  /// Sets the bytes that may still be written. A write beyond them stores what fits and fails with ENOSPC.
-  void setFreeSpace(uint64_t bytes);
 
  private:
   struct Node;

@@ -32,8 +32,7 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     }
     PHAsset asset{.localIdentifier = makeUUID(),
                   .filename = safeName(fileURL.filename().native(), NameKind::file),
-                  .creationDate = Date(
-                      std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(facts->modificationTime))),
+                  .creationDate = dateFromNanoseconds(facts->modificationTime),
                   .size = facts->size,
                   .path = {}};
     content_.assets.push_back({asset, *facts});
@@ -121,7 +120,7 @@ void InMemoryPhotoLibrary::performChangesAndWait(const std::function<void(PHChan
   std::lock_guard guard(mutex_);
   Change change(files_, failures_, content_);
   block(change);
-  if (failures_.changes.contains(++changes_)) {
+  if (++changes_ == failures_.failingChange) {
     throw PHPhotosError(PHPhotosError::invalidChange, "The change was refused");
   }
   content_ = change.takeContent();

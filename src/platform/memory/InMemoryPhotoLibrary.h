@@ -2,7 +2,6 @@
 
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,7 +18,7 @@ namespace tarn {
 class InMemoryPhotoLibrary : public PHPhotoLibrary {
  public:
   struct Failures {
-    std::set<size_t> changes = {};        ///< the changes that fail, counted from 1
+    size_t failingChange = 0;             ///< counted from 1; 0 for none
     bool noAssetPlaceholder = false;      ///< requests for assets yield none, and make none
     bool noAlbumPlaceholder = false;      ///< the same for albums
     bool createdAlbumNotFetched = false;  ///< albums are not found by their identifiers

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/ForwardingFileManager.h"
+#include "platform/PHPhotoLibrary.h"
+
+namespace tarn::test {
+
+/// A file system without second names.
+class NoLinks : public ForwardingFileManager {
+ public:
+  using ForwardingFileManager::ForwardingFileManager;
+  void linkItem(const Path& from, const Path&) override { throw PosixError(EPERM, from.native()); }
+};
+
+// Changes of one thing each; they return the identifier of what they made.
+
+inline std::string makeAsset(PHPhotoLibrary& library, const Path& source,
+                             const std::optional<std::string>& filename = {}) {
+  std::string identifier;
+  library.performChangesAndWait([&](PHChangeBlock& change) {
+    auto* const request = change.creationRequestForAssetFromVideo(source);
+    if (filename) request->setFilename(*filename);
+    identifier = request->placeholderForCreatedAsset()->localIdentifier;
+  });
+  return identifier;
+}
+
+inline std::string makeAlbum(PHPhotoLibrary& library, const std::string& title) {
+  std::string identifier;
+  library.performChangesAndWait(
+      [&](PHChangeBlock& change) { identifier = change.creationRequestForAssetCollection(title)->localIdentifier; });
+  return identifier;
+}
+
+/// False when there is no such album.
+inline bool join(PHPhotoLibrary& library, const std::string& album, const std::vector<PHObjectPlaceholder>& assets) {
+  bool joined = false;
+  library.performChangesAndWait([&](PHChangeBlock& change) { joined = change.addAssets(album, assets); });
+  return joined;
+}
+
+}  // namespace tarn::test
