@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <latch>
 #include <thread>
 #include <vector>
@@ -13,13 +14,6 @@ namespace tarn {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::chrono::microseconds processorTime() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-}
 
 TEST(AsioDispatch, ASerialQueueRunsItsWorkOneAtATimeInOrder) {
   AsioDispatch dispatch;
@@ -35,8 +29,8 @@ TEST(AsioDispatch, ASerialQueueRunsItsWorkOneAtATimeInOrder) {
       });
     }
     askers.wait();
-    ASSERT_EQ(seen.size(), 1004u);
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[static_cast<size_t>(i)], i);
+    EXPECT_EQ(seen.size(), 1004u);
+    EXPECT_TRUE(std::ranges::is_sorted(seen));
   }
 }
 
@@ -62,11 +56,11 @@ TEST(AsioDispatch, DelayedWorkComesNotBeforeItsTimeAndWaitingCostsNothing) {
   AsioDispatch dispatch;
   std::latch done(1);
   const auto start = std::chrono::steady_clock::now();
-  const auto processorStart = processorTime();
+  const std::clock_t processorStart = std::clock();
   dispatch.mainQueue().asyncAfter(300ms, [&] { done.count_down(); });
   done.wait();
   EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
-  EXPECT_LT(processorTime() - processorStart, 50ms);
+  EXPECT_LT(std::clock() - processorStart, CLOCKS_PER_SEC / 20);
 }
 
 // What the end waits for: running work, and work that running work waits for. What it drops: all that has not begun.

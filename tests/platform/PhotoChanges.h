@@ -17,6 +17,20 @@ class NoLinks : public ForwardingFileManager {
   void linkItem(const Path& from, const Path&) override { throw PosixError(EPERM, from.native()); }
 };
 
+/// The albums with what they hold, and all assets, by their names.
+inline std::string contents(PHPhotoLibrary& library) {
+  const auto names = [](const std::vector<PHAsset>& assets) {
+    std::string text;
+    for (const PHAsset& asset : assets) text += " " + asset.filename;
+    return text + "\n";
+  };
+  std::string text;
+  for (const auto& album : library.fetchAssetCollections(std::nullopt)) {
+    text += album.title + ":" + names(library.fetchAssets(album, std::nullopt));
+  }
+  return text + "all:" + names(library.fetchAllAssets());
+}
+
 // Changes of one thing each; they return the identifier of what they made.
 
 inline std::string makeAsset(PHPhotoLibrary& library, const Path& source,

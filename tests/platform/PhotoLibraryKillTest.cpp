@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -50,6 +51,16 @@ void die() {
   kill(getpid(), SIGKILL);
 }
 
+/// Works on a catalogue behind the library's back, and then, before it is closed, does that.
+void execute(
+    const Path& root, const std::string& sql, void (*then)() = [] {}) {
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open((root / ".catalogue.sqlite").c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+  then();
+  sqlite3_close(database);
+}
+
 class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
  protected:
   struct Home {
@@ -79,16 +90,13 @@ class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
 
     /// One asset, once in the album, and no file that belongs to nobody.
     void expectSavedOnce(PHPhotoLibrary& library) const {
-      const auto assets = library.fetchAllAssets();
-      const auto albums = library.fetchAssetCollections(std::nullopt);
-      ASSERT_EQ(assets.size(), 1u);
-      ASSERT_EQ(albums.size(), 1u);
-      ASSERT_EQ(library.fetchAssets(albums[0], std::nullopt).size(), 1u);
-      EXPECT_EQ(assets[0].path, root / "Trips/clip 2.mp4");
-      EXPECT_EQ(std::filesystem::file_size(assets[0].path), 5u);
-      EXPECT_EQ(std::filesystem::file_size(root / ".assets" / assets[0].localIdentifier), 5u);
+      ASSERT_EQ(contents(library), "Trips: clip.mp4\nall: clip.mp4\n");
+      const PHAsset asset = library.fetchAllAssets()[0];
+      EXPECT_EQ(asset.path, root / "Trips/clip 2.mp4");
+      EXPECT_EQ(std::filesystem::file_size(asset.path), 5u);
+      EXPECT_EQ(std::filesystem::file_size(root / ".assets" / asset.localIdentifier), 5u);
       EXPECT_EQ(std::filesystem::file_size(root / "Trips/clip.mp4"), 10u);
-      EXPECT_THAT(filesBeside(assets[0].localIdentifier),
+      EXPECT_THAT(filesBeside(asset.localIdentifier),
                   UnorderedElementsAre(".catalogue.sqlite", "Trips/clip.mp4", "Trips/note", "Trips/clip 2.mp4"));
     }
 
@@ -156,13 +164,9 @@ TEST_P(PhotoLibraryKillTest, AFailureAtAnyMomentLeavesNothingOfItsChange) {
 TEST_P(PhotoLibraryKillTest, AFileOfTheUserUnderAnIntendedNameStays) {
   Home home(GetParam());
   home.open().reset();
-  sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open((home.root / ".catalogue.sqlite").c_str(), &database), SQLITE_OK);
   const auto own = home.files.attributes(home.root / "Trips/note").value();
-  const std::string sql = "INSERT INTO intended_links VALUES ('Trips', 'clip.mp4', " + std::to_string(own.device) +
-                          ", " + std::to_string(own.inode) + ")";
-  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(database);
+  execute(home.root,
+          fmt::format("INSERT INTO intended_links VALUES ('Trips', 'clip.mp4', {}, {})", own.device, own.inode));
   save(*home.open(), home.source);
   home.expectSavedOnce(*home.open());
 }
@@ -172,14 +176,11 @@ TEST_P(PhotoLibraryKillTest, AReaderAfterAKillInMidCommitSeesTheLastCommit) {
   Home home(GetParam());
   save(*home.open(), home.source);
   EXPECT_TRUE(isKilled([&] {
-    sqlite3* database = nullptr;
-    sqlite3_open((home.root / ".catalogue.sqlite").c_str(), &database);
     // A tiny cache makes SQLite write into the file before the commit.
-    sqlite3_exec(database,
-                 "PRAGMA cache_size = 1; BEGIN; DELETE FROM entries; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
-                 "SELECT i + 1 FROM n WHERE i < 5000) INSERT INTO albums SELECT NULL, i, 'junk', i FROM n;",
-                 nullptr, nullptr, nullptr);
-    die();
+    execute(home.root,
+            "PRAGMA cache_size = 1; BEGIN; DELETE FROM entries; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
+            "SELECT i + 1 FROM n WHERE i < 5000) INSERT INTO albums SELECT NULL, i, 'junk', i FROM n;",
+            die);
   }));
   ASSERT_GT(std::filesystem::file_size(home.root / ".catalogue.sqlite-journal"), 0u);
   home.expectSavedOnce(*home.open(Home::Access::readOnly));

@@ -21,16 +21,19 @@
 
 namespace tarn::test {
 
-/// Bytes that differ from one seed to another at nearly every place.
-inline Bytes randomBytes(size_t count, unsigned seed) {
-  std::mt19937 generator(seed);
-  Bytes bytes(count);
+constexpr uint64_t videoSize = 300'000;
+
+/// A version of a video: its bytes differ from those of another at nearly every place.
+inline Bytes video(unsigned version) {
+  std::mt19937 generator(version);
+  Bytes bytes(videoSize);
   for (auto& byte : bytes) byte = static_cast<uint8_t>(generator());
   return bytes;
 }
 
 /// What a delegate has heard of one task.
 struct Heard {
+  std::shared_ptr<NSURLSessionDownloadTask> task;
   std::optional<Bytes> file;
   std::optional<Error> error;
   int code() const { return error ? error->code() : 0; }
@@ -80,10 +83,10 @@ class Listener : public NSURLSessionDownloadDelegate {
   /// Waits until `isEnough` of a task; throws when that takes too long.
   Heard waitFor(int64_t taskIdentifier, const std::function<bool(const Heard&)>& isEnough) {
     std::unique_lock lock(mutex_);
-    const bool came =
-        changed_.wait_for(lock, std::chrono::seconds(20), [&] { return isEnough(heard_[taskIdentifier]); });
+    Heard& heard = heard_[taskIdentifier];
+    const bool came = changed_.wait_for(lock, std::chrono::seconds(20), [&] { return isEnough(heard); });
     if (!came) throw std::runtime_error("waited too long for a transfer's event");
-    return heard_[taskIdentifier];
+    return heard;
   }
   Heard waitForEnd(int64_t taskIdentifier) {
     return waitFor(taskIdentifier, [](const Heard& heard) { return heard.ends > 0; });
@@ -92,19 +95,13 @@ class Listener : public NSURLSessionDownloadDelegate {
     std::lock_guard guard(mutex_);
     return heard_[taskIdentifier];
   }
-  /// The task as it came with its events.
-  TaskPointer task(int64_t taskIdentifier) {
-    std::lock_guard guard(mutex_);
-    return tasks_[taskIdentifier];
-  }
 
  private:
   void note(const TaskPointer& task, const std::function<void(Heard&)>& change) {
-    {
-      std::lock_guard guard(mutex_);
-      change(heard_[task->taskIdentifier()]);
-      tasks_[task->taskIdentifier()] = task;
-    }
+    std::lock_guard guard(mutex_);
+    Heard& heard = heard_[task->taskIdentifier()];
+    heard.task = task;
+    change(heard);
     changed_.notify_all();
   }
 
@@ -112,7 +109,6 @@ class Listener : public NSURLSessionDownloadDelegate {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::map<int64_t, Heard> heard_;
-  std::map<int64_t, TaskPointer> tasks_;
 };
 
 /// A directory, and on it one process after another: a service, its session and its delegate.

@@ -13,17 +13,11 @@ namespace {
 
 using State = NSURLSessionTaskState;
 
-constexpr uint64_t size = 300'000;
-constexpr uint64_t half = 150'000;
-
-const Bytes& content() {
-  static const Bytes bytes = randomBytes(size, 7);
-  return bytes;
-}
+constexpr uint64_t half = videoSize / 2;
 
 std::unique_ptr<FaultServer> serverOf(std::vector<Reply> replies) {
   auto server = std::make_unique<FaultServer>();
-  server->serve("/file", ServedFile::of(content()), std::move(replies));
+  server->serve("/file", ServedFile::of(video(1)), std::move(replies));
   return server;
 }
 
@@ -40,110 +34,54 @@ class TransferRestartTest : public testing::Test {
     EXPECT_EQ(task->state(), State::running);
   }
 
-  /// What the next process makes of it; in any case the whole file, under the same identifier.
-  void expectTakeUp() {
-    harness_.start();
-    const Heard heard = harness_.listener->waitForEnd(identifier_);
-    EXPECT_FALSE(heard.error);
-    EXPECT_EQ(heard.file, content());
-    EXPECT_EQ(heard.finishes, 1);
-    EXPECT_TRUE(heard.inOrder);
-    const auto task = harness_.listener->task(identifier_);
-    EXPECT_EQ(task->originalRequestURL(), server_->url("/file"));
-    EXPECT_EQ(task->taskDescription(), "description of " + server_->url("/file"));
-    EXPECT_EQ(harness_.filesLeft(), 0U);
-  }
-
   std::unique_ptr<FaultServer> server_ = serverOf({{.stallAfter = half}});
   Harness harness_;
   int64_t identifier_ = 0;
 };
 
 TEST_F(TransferRestartTest, ATransferGoesOnFromWhateverLiesOnTheDisk) {
-  struct Row {
-    const char* name;
-    std::function<void(const Path& part)> change;
-    const char* range;
-  };
-  const std::vector<Row> rows = {
-      {"as it was left", [](const Path&) {}, "bytes=150000-"},
-      {"shorter", [](const Path& part) { std::filesystem::resize_file(part, 1000); }, "bytes=1000-"},
-      {"gone", [](const Path& part) { std::filesystem::remove(part); }, ""},
-      {"whole, which nobody has noted",
-       [](const Path& part) {
-         std::ofstream out(part, std::ios::binary | std::ios::trunc);
-         out.write(reinterpret_cast<const char*>(content().data()), static_cast<std::streamsize>(size));
-       },
-       "bytes=300000-"},
-      {"longer than can be", [](const Path& part) { std::filesystem::resize_file(part, size + 1); }, ""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  // How much of the file lies there: it may be gone, whole without anybody having noted it, or longer than can be.
+  const std::pair<std::optional<size_t>, const char*> rows[] = {{half, "bytes=150000-"},
+                                                                {1000, "bytes=1000-"},
+                                                                {std::nullopt, ""},
+                                                                {videoSize, "bytes=300000-"},
+                                                                {videoSize + 1, ""}};
+  for (const auto& [left, range] : rows) {
+    SCOPED_TRACE(left.value_or(0));
     server_ = serverOf({{.stallAfter = half}});
+    const std::string url = server_->url("/file");
     fetchHalfAndDie();
-    row.change(harness_.part(identifier_));
-    expectTakeUp();
+    Bytes part = video(1);
+    part.resize(left.value_or(0));
+    harness_.disk.open(harness_.part(identifier_), OpenMode::creating)->write(part);
+    if (!left) harness_.disk.removeItem(harness_.part(identifier_));
+
+    harness_.start();
+    const Heard heard = harness_.listener->waitForEnd(identifier_);
+    EXPECT_FALSE(heard.error);
+    EXPECT_EQ(heard.file, video(1));
+    EXPECT_TRUE(heard.inOrder && heard.finishes == 1);
+    EXPECT_EQ(heard.task->taskDescription(), "description of " + url);
+    EXPECT_EQ(heard.task->originalRequestURL(), url);
+    EXPECT_EQ(harness_.filesLeft(), 0U);
     EXPECT_EQ(server_->requests().size(), 2U);
-    EXPECT_EQ(server_->requests().back().header("range"), row.range);
+    EXPECT_EQ(server_->requests().back().header("range"), range);
     harness_.stop();
   }
 }
 
 TEST_F(TransferRestartTest, AnotherVersionIsNeverSplicedToTheOld) {
   fetchHalfAndDie();
-  server_->serve("/file", ServedFile::of(randomBytes(size, 8)).withETag("\"v2\""), {{.ignoresIfRange = true}});
+  server_->serve("/file", ServedFile::of(video(2)).withETag("\"v2\""), {{.ignoresIfRange = true}});
   harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(identifier_).file, randomBytes(size, 8));
-}
-
-TEST_F(TransferRestartTest, StoredTransfersAreKnownBeforeThereIsASessionAndKeepTheirIdentifiers) {
-  fetchHalfAndDie();
-  harness_.start();
-  harness_.session.reset();
-  EXPECT_EQ(harness_.service->storedTaskDescriptions(), std::vector{"description of " + server_->url("/file")});
-  harness_.stop();
-  harness_.start();
-  const auto second = harness_.session->downloadTask(server_->url("/file"), "second");
-  EXPECT_GT(second->taskIdentifier(), identifier_);
-  EXPECT_EQ(second->state(), State::suspended);
-  harness_.listener->waitForEnd(identifier_);
-  harness_.stop();
-
-  // One that its process had no time to start is started by the next.
-  identifier_ = second->taskIdentifier();
-  harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(identifier_).file, content());
-}
-
-TEST_F(TransferRestartTest, AFileNotYetTakenIsHandedOverAgainWithoutTheNetwork) {
-  Harness next;
-  std::filesystem::create_directories(next.directory());
-  harness_.start();
-  harness_.listener->onFinish = [&](auto&, const Path&) {
-    // The disk as a kill at this moment would leave it, the delivery name included.
-    std::filesystem::copy(harness_.directory(), next.directory());
-  };
-  server_ = serverOf({});
-  identifier_ = harness_.download(server_->url("/file"))->taskIdentifier();
-  harness_.listener->waitForEnd(identifier_);
-
-  next.start();
-  EXPECT_EQ(next.listener->waitForEnd(identifier_).file, content());
-  EXPECT_EQ(server_->requests().size(), 1U);
-  EXPECT_EQ(next.filesLeft(), 0U);
+  EXPECT_EQ(harness_.listener->waitForEnd(identifier_).file, video(2));
 }
 
 TEST_F(TransferRestartTest, WhatNobodyCanUseIsSwept) {
   fetchHalfAndDie();
-  const auto write = [&](const std::string& name, const std::string& text) {
-    std::ofstream(harness_.directory() / name) << text;
-  };
-  write("97.json", "{\"url\": 5}");
-  write("97.part", "bytes");
-  write("98.json", "");
-  write("99.part", "nobody's");
-  write("99.delivery", "left over");
-  write(".1.json.tmp", "left over");
+  for (const char* name : {"97.json", "97.part", "98.json", "99.part", "99.delivery", ".1.json.tmp"}) {
+    std::ofstream(harness_.directory() / name) << "{\"url\": 5}";
+  }
   harness_.start();
   EXPECT_EQ(harness_.service->storedTaskDescriptions().size(), 1U);
   EXPECT_EQ(harness_.filesLeft(), 2U);
@@ -197,7 +135,7 @@ TEST(TransferCancelTest, CancellationIsHeardOnceInEveryState) {
 }
 
 TEST(TransferCancelTest, FromWithinAnEvent) {
-  const auto server = serverOf({{.bytesPerSecond = size}});
+  const auto server = serverOf({{.bytesPerSecond = videoSize}});
   Harness harness;
   harness.start();
   harness.listener->onWrite = [](NSURLSessionDownloadTask& task) { task.cancel(); };
@@ -218,8 +156,7 @@ TEST(TransferCancelTest, FromWithinAnEvent) {
   harness.listener->onFinish = [](NSURLSessionDownloadTask& finished, auto&) { finished.cancel(); };
   heard = harness.fetch(server->url("/file"));
   EXPECT_FALSE(heard.error);
-  EXPECT_EQ(heard.file, content());
-  EXPECT_EQ(heard.ends, 1);
+  EXPECT_EQ(heard.file, video(1));
 }
 
 TEST(TransferSessionTest, ItsEndWaitsForTheEventThatRunsAndForNoOther) {
@@ -262,7 +199,20 @@ TEST(TransferSessionTest, AFileIsKeptWhileItsDelegateIsGone) {
   ASSERT_TRUE(eventually([&] { return task->fractionCompleted() == 1; }));
   harness.stop();
   harness.start();
-  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, content());
+  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, video(1));
+}
+
+TEST(TransferSessionTest, AFileNotYetTakenIsHandedOverAgainWithoutTheNetwork) {
+  const auto server = serverOf({});
+  Harness harness, next;
+  harness.start();
+  // The disk as a kill at this moment would leave it, the delivery name included.
+  harness.listener->onFinish = [&](auto&, auto&) { std::filesystem::copy(harness.directory(), next.directory()); };
+  const int64_t id = harness.fetch(server->url("/file")).task->taskIdentifier();
+  next.start();
+  EXPECT_EQ(next.listener->waitForEnd(id).file, video(1));
+  EXPECT_EQ(server->requests().size(), 1U);
+  EXPECT_EQ(next.filesLeft(), 0U);
 }
 
 }  // namespace
