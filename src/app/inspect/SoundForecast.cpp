@@ -33,8 +33,8 @@ void listHoles(const AVAsset& asset, const AVAssetTrack& track, AudioForecast& f
   }
 }
 
-std::string counted(int64_t count, const char* what) {
-  return count == 1 ? fmt::format("a {}", what) : fmt::format("{} {}s", count, what);
+std::string counted(int64_t count, const char* one, const char* many) {
+  return count == 1 ? one : fmt::format("{} {}", count, many);
 }
 
 bool isCountTrue(const AVAssetTrack& track, const AudioFindings& findings) {
@@ -48,12 +48,12 @@ bool isCountTrue(const AVAssetTrack& track, const AudioFindings& findings) {
 void listProblems(const AudioForecast& forecast, std::vector<std::string>& problems) {
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
   if (analysis.internalGapCount > 0) {
-    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all", counted(analysis.internalGapCount, "hole"),
-                                   analysis.totalInternalGapMs));
+    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all",
+                                   counted(analysis.internalGapCount, "a hole", "holes"), analysis.totalInternalGapMs));
   }
   if (analysis.overlapCount > 0) {
-    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all", counted(analysis.overlapCount, "overlap"),
-                                   analysis.totalOverlapMs));
+    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all",
+                                   counted(analysis.overlapCount, "an overlap", "overlaps"), analysis.totalOverlapMs));
   }
   if (forecast.hasDrift() && forecast.isCountTrue) {
     problems.push_back(
