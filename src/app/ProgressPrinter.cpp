@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "app/Payload.h"
@@ -20,7 +21,7 @@ std::string bar(double fraction) {
 }
 
 std::string timeText(double seconds) {
-  auto whole = static_cast<int64_t>(seconds + 0.5);
+  const int64_t whole = std::llround(seconds);
   if (whole >= 3600) return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
   return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }

@@ -92,7 +92,7 @@ Error unusable(const std::string& words) {
 
 Ends checkedEnds(const RepairOptions& options) {
   namespace fs = std::filesystem;
-  const Ends ends{fs::absolute(options.input), fs::absolute(options.output)};
+  Ends ends{fs::absolute(options.input), fs::absolute(options.output)};
   std::error_code ignored;
   if (!fs::exists(ends.input, ignored)) throw unusable(fmt::format("There is no file {}", options.input));
   if (!fs::is_regular_file(ends.input, ignored)) throw unusable(fmt::format("{} is not a file", options.input));

@@ -101,14 +101,12 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   EXPECT_TRUE(split.video->bitstream->changesPictureSize);
 
   const Inspection late = inspectBytes(damagedMovie("hev1 with late sound"));
-  EXPECT_EQ(late.tracks.at(1).handler, "soun");
-  EXPECT_EQ(late.tracks[1].rate, 48000u);
-  EXPECT_EQ(late.sync->audioEditList.front().mediaTime, -1);
-  EXPECT_FALSE(late.video->entries.front().configuration->isComplete);
   const auto before = files_.attributes(file_);
   const auto told = runTarn(directory_ / "home", {"inspect", "--json", file_.string()});
   EXPECT_EQ(told.output, inspectionJSON(late) + "\n");
-  EXPECT_NE(told.output.find(R"("remux":{"does":"rebuilds")"), std::string::npos) << told.output;
+  for (const char* words : {R"("handler":"soun","codec":"mp4a","timescale":48000)", R"("remux":{"does":"rebuilds")"}) {
+    EXPECT_NE(told.output.find(words), std::string::npos) << told.output;
+  }
   EXPECT_EQ(files_.attributes(file_), before);
 
   // An `avcC` without sets satisfies the repair of the tag, and is not complete all the same.

@@ -280,20 +280,12 @@ TEST_F(ServeTest, ASavedVideoIsListedAndPlayedInParts) {
 TEST_F(ServeTest, AConnectionOutlivesWhateverIsSent) {
   auto page = connect("p");
   page->next();
-  const std::string limit = R"(,"plugin":"TarnBridge","method":"setDownloadLimit","options":{"limit":)";
-  const std::pair<std::string, const char*> rows[] = {
-      {R"({"id":"0"})" + std::string(300'000, ' '), R"({"id":"0","reject":{"message":"The message is too large"}})"},
-      {R"({"id":"1","plugin":"TarnBridge","method":"cleanupFiles"})", "not implemented"},
-      {R"({"id":"2")" + limit + "18446744073709551615}}", "limit is required"},
-      {R"({"id":"3")" + limit + "50}}", R"({"id":"3","resolve":{"limit":10}})"},
-  };
-  for (const auto& [message, words] : rows) {
-    ASSERT_TRUE(page->send(message));
-    const std::string answer = page->next();
-    EXPECT_NE(answer.find(words), std::string::npos) << message.substr(0, 100) << "\n" << answer;
-  }
+  ASSERT_TRUE(page->send(R"({"id":"0"})" + std::string(300'000, ' ')));
+  EXPECT_EQ(page->next(), R"({"id":"0","reject":{"message":"The message is too large"}})");
   ASSERT_TRUE(page->send("{\"id\":\"\xff\"}", false));
   EXPECT_NE(page->next().find("not a JSON object"), std::string::npos);
+  page->command("setDownloadLimit", {{"limit", 50}});
+  EXPECT_EQ(page->next(), R"({"id":"1","resolve":{"limit":10}})");
 
   // What breaks the WebSocket's own rules ends the connection, and no other; so does not reading what was asked for.
   const auto other = connect("other");

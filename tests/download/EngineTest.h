@@ -48,24 +48,39 @@ class EngineTest : public testing::Test, protected TestHome {
     if (!transfers_.storedTaskDescriptions().empty()) engine_->handleEventsForBackgroundURLSession();
   }
 
-  /// The process dies: all that was in memory is gone, work that was posted too.
-  void die() {
+  /// The process dies, all that was in memory with it, work that was posted too; and the next one comes up.
+  void restart() {
     engine_.reset();
     dispatch_.runUntilIdle();
     notes_.clear();
     delegate_->heard.clear();
+    start();
+    settle();
   }
 
-  DownloadTaskPointer save(const std::string& name, bool skipVideoFix = false, bool skipAudioFix = false) {
-    return engine_->startDownloadFileBy(url(name), "Trips", name, skipVideoFix, skipAudioFix, delegate_);
+  DownloadTaskPointer save(const std::string& name, bool skipVideoFix = false) {
+    return saveAs(name, name, skipVideoFix);
+  }
+  DownloadTaskPointer saveAs(const std::string& filename, const std::string& name, bool skipVideoFix = false) {
+    return engine_->startDownloadFileBy(url(name), "Trips", filename, skipVideoFix, false, delegate_);
   }
   static std::string url(const std::string& name) { return "http://127.0.0.1/" + name; }
 
-  void finish(const std::string& name) { transfers_.finish(url(name), bytesOf("content of " + name)); }
+  /// The file of a transfer comes, and what then can happen happens.
+  void finish(const std::string& name) {
+    transfers_.finish(url(name), bytesOf("content of " + name));
+    settle();
+  }
+  /// The hourly work comes.
+  void cleanUp() {
+    engine_->performPeriodicCleanup();
+    settle();
+  }
   void settle() { dispatch_.runUntilIdle(); }
   DispatchQueue& worker() { return dispatch_.serialQueue("com.tarn.processing"); }
 
   std::string heard() { return joinedWords(delegate_->heard); }
+  std::string contents() { return joinedWords(contents_); }
   std::vector<std::string> documents() { return files_.contentsOfDirectory(files_.documentsDirectory(true)); }
   std::string storedStates() { return stored(ProcessingStateManager::userDefaultsKey); }
 

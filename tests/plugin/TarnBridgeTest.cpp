@@ -74,7 +74,6 @@ TEST_F(TarnBridgeTest, AnswersInItsOwnWords) {
         {"cancel", {{"id", "7"}}, "No such download"},
         {"setDownloadLimit", {{"limit", true}}, "limit is required"},
         {"cleanupFiles", {}, "not implemented"},
-        {"formatDisk", {}, "not implemented"},
         {"getActiveDownloads", {}, "{}"},
         {"cancel", {{"id", 12}}, R"({"id":12})"},
         {"getDownloadLimit", {}, R"({"limit":3,"queued":0})"},
@@ -133,18 +132,11 @@ TEST_F(TarnBridgeTest, TellsThePageOfADownloadFromStartToEnd) {
   EXPECT_EQ(std::ranges::count(page_->events(), "downloadComplete", &BridgeClient::Event::name), 1);
 }
 
-TEST_F(TarnBridgeTest, AFailureComesWithoutItsWords) {
+TEST_F(TarnBridgeTest, AFailureComesWithoutItsWordsAndAllOfItGoes) {
   const auto id = std::to_string(*save().data.find("id")->get<int64_t>());
   transfers_.complete(url, URLError(404, "HTTP status 404"));
   EXPECT_EQ(completion(), R"({"status":"STATUS_FAILED","reason":"ERROR_UNKNOWN","id":)" + id + "}");
   EXPECT_TRUE(eventually([&] { return call("getActiveDownloads") == "{}"; }));
-}
-
-TEST_F(TarnBridgeTest, ASaveWithoutAlbumFailsAndItsFileGoesWithItsTask) {
-  save(url, "");
-  transfers_.finish(url, bytesOf("x"));
-  EXPECT_TRUE(completion().starts_with(R"({"status":"STATUS_FAILED","reason":"ERROR_UNKNOWN","filename":"clip.mp4",)"));
-  EXPECT_TRUE(eventually([&] { return files_.contentsOfDirectory(files_.documentsDirectory(true)).empty(); }));
 }
 
 TEST_F(TarnBridgeTest, WorkThatEndedBeforeAKillIsToldAtTheNextForeground) {

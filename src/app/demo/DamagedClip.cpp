@@ -38,11 +38,11 @@ void damageSound(const Path& clip, const Path& damaged) {
 
 /// As some encoders leave it: the configuration box is gone.
 void hideParameterSets(FileManager& files, const Path& clip) {
-  constexpr std::string_view type = "avcC";
+  const ByteView type = bytesOf("avcC");
   Bytes bytes = readFile(files, clip);
-  const auto found = std::ranges::search(bytes, bytesOf(type));
-  if (found.empty()) throw Error("Demo", -1, "the recording has no avcC");
-  std::ranges::copy(std::string_view("free"), found.begin());
+  const auto found = std::search(bytes.begin(), bytes.end(), type.begin(), type.end());
+  if (found == bytes.end()) throw Error("Demo", -1, "the recording has no avcC");
+  std::ranges::copy(bytesOf("free"), found);
   writeFileAtomically(files, clip, bytes);
 }
 

@@ -16,6 +16,7 @@ void runFFmpeg(const std::vector<std::string>& arguments) {
   std::vector<std::string> command{"ffmpeg", "-hide_banner", "-loglevel", "fatal", "-y"};
   command.insert(command.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
+  argv.reserve(command.size() + 1);
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;

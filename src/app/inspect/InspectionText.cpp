@@ -125,6 +125,7 @@ void writeVideo(Writer& out, const Inspection& inspection) {
 std::string rowsText(const std::vector<EditListEntry>& rows) {
   if (rows.empty()) return "none";
   std::vector<std::string> texts;
+  texts.reserve(rows.size());
   for (const EditListEntry& row : rows) texts.push_back(fmt::format("{} from {}", row.duration, row.mediaTime));
   return fmt::format("{}", fmt::join(texts, "; "));
 }

@@ -127,6 +127,7 @@ int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
 
 std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
   std::vector<size_t> sizes;
+  sizes.reserve(units.size());
   for (const Bytes& unit : units) sizes.push_back(unit.size());
   return sizes;
 }

@@ -102,9 +102,9 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
   std::vector<std::unique_ptr<Request>> requests_;
 };
 
-void InMemoryPhotoLibrary::setFailures(Failures failures) {
+void InMemoryPhotoLibrary::setFailures(const Failures& failures) {
   std::lock_guard guard(mutex_);
-  failures_ = std::move(failures);
+  failures_ = failures;
 }
 
 PHAuthorizationStatus InMemoryPhotoLibrary::authorizationStatus(PHAccessLevel) {

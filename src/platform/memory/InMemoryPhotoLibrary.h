@@ -28,7 +28,7 @@ class InMemoryPhotoLibrary : public PHPhotoLibrary {
   InMemoryPhotoLibrary(FileManager& files, Dispatch& dispatch) : files_(files), dispatch_(dispatch) {}
 
   PhotoAuthorization& authorization() { return authorization_; }
-  void setFailures(Failures failures);
+  void setFailures(const Failures& failures);
 
   PHAuthorizationStatus authorizationStatus(PHAccessLevel level) override;
   void requestAuthorization(PHAccessLevel level, AuthorizationHandler handler) override;
