@@ -10,6 +10,7 @@
 #include "app/inspect/Inspection.h"
 #include "platform/Capacitor.h"
 #include "remux/MP4Remuxer.h"
+#include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
@@ -120,6 +121,12 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   EXPECT_EQ(empty.remux.kind, Remux::leavesAlone);
   EXPECT_EQ(fmt::format("{}", fmt::join(empty.problems, ", ")),
             fmt::format("the moov at {} overruns the file by 7 bytes, the avcC lacks parameter sets", moov.offset));
+
+  write(joined({box("ftyp", {Bytes(8)}), boxClaiming(0x6400000, "free")}));
+  const auto file = files_.open(file_, OpenMode::updating);
+  file->seek(16 + 0x6400000);
+  file->write(BoxEditor(damagedMovie("avc1")).get("moov"));
+  EXPECT_NE(inspect(files_, file_).remux.reason.find("100 MiB"), std::string::npos);
 }
 
 /// Whatever bytes of the tables are wrong: there is an answer, the source stays, and the worker does as was said.

@@ -3,12 +3,11 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
-#include "mp4/MP4BoxUtils.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/Eventually.h"
 #include "support/FaultServer.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
@@ -30,11 +29,7 @@ std::string repaired() {
 
 class SaveTest : public testing::Test {
  protected:
-  TarnResult save(const std::string& path, std::vector<std::string> more = {}) {
-    std::vector<std::string> arguments{"save", server_.url(path), "--album", "Trips"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return runTarn(home_, arguments);
-  }
+  TarnResult save() { return runTarn(home_, saveArguments_); }
 
   void expectSavedOnce() {
     ASSERT_EQ(savedFiles(home_), std::vector<std::string>{"Trips/clip.mp4"});
@@ -51,16 +46,13 @@ class SaveTest : public testing::Test {
     return size;
   }
 
-  /// A save whose transfer has been slowed down, and is in its middle.
-  std::unique_ptr<ChildProgram> startSlowSave(const Reply& afterwards = {}) {
+  /// A save whose transfer is held in its middle.
+  std::unique_ptr<ChildProgram> startHeldSave(const Reply& afterwards = {}) {
     std::filesystem::remove_all(home_);
-    server_.serve("/clip.mp4", ServedFile::of(recording()), {{.bytesPerSecond = recording().size() / 4}}, afterwards);
-    const auto command = tarnCommand(home_, {"save", server_.url("/clip.mp4"), "--album", "Trips"});
-    auto tarn = std::make_unique<ChildProgram>(command, place_.path());
-    for (int i = 0; i < 1000 && partialBytes() < recording().size() / 4; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_LT(partialBytes(), recording().size());
+    const uint64_t held = recording().size() / 4;
+    server_.serve("/clip.mp4", ServedFile::of(recording()), {{.stallAfter = held}}, afterwards);
+    auto tarn = std::make_unique<ChildProgram>(tarnCommand(home_, saveArguments_), place_.path());
+    EXPECT_TRUE(eventually([&] { return partialBytes() == held; }));
     return tarn;
   }
 
@@ -68,6 +60,7 @@ class SaveTest : public testing::Test {
   const Path home_ = place_ / "home";
   const Path saved_ = home_ / "Photos/Trips/clip.mp4";
   FaultServer server_;
+  const std::vector<std::string> saveArguments_{"save", server_.url("/clip.mp4"), "--album", "Trips"};
 };
 
 TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
@@ -76,7 +69,7 @@ TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
   const std::pair<Reply, std::string> rows[] = {{{}, repaired()}, {{.file = second}, backwards}};
   for (const auto& [afterTheKill, content] : rows) {
     const size_t before = server_.requests().size();
-    auto tarn = startSlowSave(afterTheKill);
+    auto tarn = startHeldSave(afterTheKill);
     tarn->signal(SIGKILL);
     EXPECT_EQ(tarn->wait(), killedBySIGKILL);
     auto result = runTarn(home_, {"resume"});
@@ -92,8 +85,8 @@ TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
 
 TEST_F(SaveTest, AnInterruptKeepsTheTransferAndLeavesWith130) {
   for (int number : {SIGTERM, SIGINT}) {
-    auto tarn = startSlowSave();
-    auto second = save("/clip.mp4");
+    auto tarn = startHeldSave();
+    auto second = save();
     EXPECT_EQ(second.exitCode, 1);
     EXPECT_NE(second.errors.find("Another tarn works in"), std::string::npos) << second.errors;
     tarn->signal(number);
@@ -194,7 +187,7 @@ class KillSweep : public SaveTest, public testing::WithParamInterface<Road> {};
 TEST_P(KillSweep, NothingIsLostWhereverTheProcessDies) {
   server_.serve("/clip.mp4", ServedFile::of(GetParam().recording()));
   const Path undisturbed = place_ / "undisturbed.mp4";
-  ASSERT_EQ(save("/clip.mp4").exitCode, 0);
+  ASSERT_EQ(save().exitCode, 0);
   std::filesystem::copy_file(saved_, undisturbed);
   size_t kills = 0, differences = 0;
   for (size_t call = GetParam().first;; call += GetParam().stride, ++kills) {
@@ -210,7 +203,7 @@ TEST_P(KillSweep, NothingIsLostWhereverTheProcessDies) {
     if (savedFiles(home_).empty()) {
       // The transfer was not stored yet: nobody had been told that it exists.
       ASSERT_EQ(leftIn(home_), "");
-      ASSERT_EQ(save("/clip.mp4").exitCode, 0);
+      ASSERT_EQ(save().exitCode, 0);
     }
     expectSavedOnce();
     if (contentOf(saved_) != contentOf(undisturbed)) {
