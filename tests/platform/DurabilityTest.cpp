@@ -91,18 +91,13 @@ TEST(UserDefaults, keepTheOldValueOrTheNewOneWhateverFails) {
   }
 }
 
-TEST(UserDefaults, tellAValueThatCannotBeReadFromNone) {
-  InMemoryFileManager memory;
-  FaultyFileManager files(memory);
+TEST(UserDefaults, takeWhatIsNoNumberForNone) {
+  InMemoryFileManager files;
   UserDefaults defaults(files, directory);
   for (const char* text : {"", "3x", " 3", "99999999999999999999"}) {
     defaults.setData("n", bytesOf(text));
     EXPECT_EQ(defaults.integer("n"), 0) << text;
   }
-  defaults.setInteger("n", 3);
-  files.arm({.lasting = true, .among = {FileOperation::read}});
-  EXPECT_THROW(defaults.data("n"), PosixError);
-  EXPECT_EQ(defaults.integer("n"), 0);
 }
 
 TEST(AbandonedSiblings, areTakenAndNothingElseIs) {

@@ -101,7 +101,7 @@ TEST(TransferFaultTest, EndsWithTheWholeFileOrAnError) {
     const Heard heard = harness.fetch(server.url("/file"));
     EXPECT_EQ(heard.code(), row.errorCode);
     EXPECT_EQ(heard.file, row.file);
-    EXPECT_TRUE(heard.inOrder);
+    EXPECT_TRUE(heard.isInOrder()) << heard.events;
     EXPECT_TRUE(!row.file || heard.total == static_cast<int64_t>(row.file->size())) << heard.total;
     EXPECT_EQ(harness.filesLeft(), 0U);
     EXPECT_EQ(server.requests().size(), row.requests);
@@ -142,7 +142,7 @@ TEST(TransferConnectionTest, TransfersRunSideBySideAndReportInModeration) {
     const Heard heard = harness.listener->waitForEnd(id);
     EXPECT_EQ(heard.file, video(1));
     EXPECT_EQ(heard.expected, static_cast<int64_t>(videoSize));
-    EXPECT_TRUE(heard.reports >= 3 && heard.reports <= 8) << heard.reports << " in half a second";
+    EXPECT_TRUE(heard.reports() >= 3 && heard.reports() <= 8) << heard.events << " in half a second";
   }
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <random>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -39,10 +41,11 @@ struct Heard {
   int code() const { return error ? error->code() : 0; }
   int64_t total = -1;  ///< of the last didWriteData
   int64_t expected = -1;
-  int reports = 0;
-  int finishes = 0;
-  int ends = 0;
-  bool inOrder = true;
+  std::string events;  ///< w for each report of what was written, f for the file, e for the end
+
+  bool isOver() const { return events.ends_with('e'); }
+  bool isInOrder() const { return std::regex_match(events, std::regex(error ? "w*e?" : "w+fe")); }
+  auto reports() const { return std::ranges::count(events, 'w'); }
 };
 
 /// Listens and remembers. The hooks run on the delegate queue, before the event is noted.
@@ -55,29 +58,19 @@ class Listener : public NSURLSessionDownloadDelegate {
 
   void urlSessionDidWriteData(const TaskPointer& task, int64_t, int64_t total, int64_t expected) override {
     onWrite(*task);
-    note(task, [&](Heard& heard) {
-      heard.inOrder &= heard.finishes == 0 && heard.ends == 0;
+    note(task, 'w', [&](Heard& heard) {
       heard.total = total;
       heard.expected = expected;
-      ++heard.reports;
     });
   }
 
   void urlSessionDidFinishDownloading(const TaskPointer& task, const Path& location) override {
     onFinish(*task, location);
-    note(task, [&](Heard& heard) {
-      heard.inOrder &= heard.finishes == 0 && heard.ends == 0 && heard.reports > 0;
-      heard.file = readFile(files_, location);
-      ++heard.finishes;
-    });
+    note(task, 'f', [&](Heard& heard) { heard.file = readFile(files_, location); });
   }
 
   void urlSessionDidComplete(const TaskPointer& task, const std::optional<Error>& error) override {
-    note(task, [&](Heard& heard) {
-      heard.inOrder &= heard.ends == 0 && heard.finishes == (error ? 0 : 1);
-      heard.error = error;
-      ++heard.ends;
-    });
+    note(task, 'e', [&](Heard& heard) { heard.error = error; });
   }
 
   /// Waits until `isEnough` of a task; throws when that takes too long.
@@ -89,7 +82,7 @@ class Listener : public NSURLSessionDownloadDelegate {
     return heard;
   }
   Heard waitForEnd(int64_t taskIdentifier) {
-    return waitFor(taskIdentifier, [](const Heard& heard) { return heard.ends > 0; });
+    return waitFor(taskIdentifier, [](const Heard& heard) { return heard.isOver(); });
   }
   Heard heard(int64_t taskIdentifier) {
     std::lock_guard guard(mutex_);
@@ -97,10 +90,11 @@ class Listener : public NSURLSessionDownloadDelegate {
   }
 
  private:
-  void note(const TaskPointer& task, const std::function<void(Heard&)>& change) {
+  void note(const TaskPointer& task, char event, const std::function<void(Heard&)>& change) {
     std::lock_guard guard(mutex_);
     Heard& heard = heard_[task->taskIdentifier()];
     heard.task = task;
+    heard.events += event;
     change(heard);
     changed_.notify_all();
   }
