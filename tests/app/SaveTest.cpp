@@ -166,6 +166,10 @@ struct Road {
   Bytes (*recording)();
 };
 
+void PrintTo(const Road& road, std::ostream* out) {
+  *out << road.name;
+}
+
 const Road roads[] = {
     {"Tag1", 1, 4, [] { return recording(); }},
     {"Tag2", 2, 4, [] { return recording(); }},
