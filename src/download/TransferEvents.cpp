@@ -159,7 +159,8 @@ void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const s
     notifyFailed(task);
     return;
   }
-  if (store_.loadState(task->id)) {
+  // The gate knows of a run whose record cannot be read just now.
+  if (gate_.holds(task->id) || store_.loadState(task->id)) {
     log("URLSession task completed but processing ongoing for {} - skipping notification", task->id);
     return;
   }

@@ -72,7 +72,9 @@ TEST_P(FullDisk, LosesNothing) {
       std::optional<EngineClient::Event> end;
       while ((end = client.nextEvent(std::chrono::seconds(20))) && end->name != "downloadComplete") continue;
       isSaved = end && *valueAt<std::string>(end->data, "status") == "STATUS_SUCCESSFUL";
-      EXPECT_EQ(host.journal().failure(valueAt<int64_t>(answer.data, "id", 0)).has_value(), !isSaved);
+      const int64_t id = valueAt<int64_t>(answer.data, "id", 0);
+      client.waitUntilGone(id);
+      EXPECT_EQ(host.journal().failure(id).has_value(), !isSaved) << "a failure has its words";
       if (!files.fired()) break;
       files.disarm();
     }

@@ -59,6 +59,19 @@ TEST_F(EngineTest, ATransferThatFailsGivesItsSlotBack) {
   EXPECT_EQ(heard(), "failed 1800000000 failed 1800000001");
 }
 
+TEST_F(EngineTest, TheEndOfATransferTellsNothingOfARunWhoseRecordCannotBeRead) {
+  dispatch_.hold(worker());
+  save("clip.mp4");
+  finish("clip.mp4");
+  defaults_.setData(ProcessingStateManager::userDefaultsKey, bytesOf("damaged"));
+  transfers_.complete(url("clip.mp4"));
+  settle();
+  EXPECT_EQ(heard(), "");
+  dispatch_.release(worker());
+  settle();
+  EXPECT_EQ(heard(), "finished 1800000000");
+}
+
 TEST_F(EngineTest, ARunThatFailsTellsThePageOnceAndFreesItsSlot) {
   engine_->setMaxConcurrentDownloads(1);
   runFails_ = true;
