@@ -12,7 +12,7 @@ namespace tarn {
 namespace {
 
 /// Where the encoder's rate control begins to look for the quality that fits the bit rate. Its own default is so high
-/// that it needs some 300 packets to come down, which cost twice the time and sound 2 to 3 dB worse.
+/// that it needs some 300 packets to come down, which cost twice the time and sound 1 to 2 dB worse.
 constexpr int firstQuality = 30;
 
 Error encoderError(const char* what, int status) {
