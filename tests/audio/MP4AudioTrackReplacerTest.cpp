@@ -11,11 +11,11 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {

@@ -3,8 +3,8 @@
 #include "support/BoxEditor.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
+#include "support/FlashBeep.h"
 #include "support/MovieLayout.h"
-#include "sync/FlashBeep.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncMovie.h"
 
@@ -142,7 +142,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
 
 TEST_F(SyncFixer, KeepsEveryByteOfTheMediaInEveryLayout) {
   using Kind = MovieLayout::Piece::Kind;
-  const Path clip = flashBeepClip(0.3, {}, false, true);
+  const Path clip = flashBeepClip(0.3, {}, "-map 0:v -map 1:a -map 1:a");
   const std::string hashes = mediaHashes(clip);
   MovieLayout layout(readFile(files_, clip));
   const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];

@@ -1,7 +1,7 @@
 #include <filesystem>
 
+#include "support/FlashBeep.h"
 #include "support/StepTest.h"
-#include "sync/FlashBeep.h"
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncStep.h"
 
