@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ranges>
+#include <string>
 #include <string_view>
 
 #include "mp4/DataExtensions.h"
@@ -15,32 +16,25 @@ using Kind = MovieLayout::Piece::Kind;
 
 struct Table {
   size_t at;
-  std::vector<size_t> parents;  ///< where the boxes around it begin
+  size_t count;
   bool isLong;
 
-  size_t count(const Bytes& moov) const { return *readUInt32(moov, at + 12); }
   size_t placeOf(size_t i) const { return at + 16 + i * (isLong ? 8 : 4); }
   uint64_t offset(const Bytes& moov, size_t i) const {
     return isLong ? *readUInt64(moov, placeOf(i)) : *readUInt32(moov, placeOf(i));
   }
 };
 
-/// The tables of chunk offsets on the way moov/trak/mdia/minf/stbl.
-void findTables(const Bytes& data, size_t begin, size_t end, std::vector<size_t>& parents, std::vector<Table>& tables) {
-  for (size_t p = begin; p + 8 <= end; p += *readUInt32(data, p)) {
-    const std::string_view type = textOf(ByteView(data).subspan(p + 4, 4));
-    if (type == "stco" || type == "co64") tables.push_back({p, parents, type == "co64"});
-    if (type != "moov" && type != "trak" && type != "mdia" && type != "minf" && type != "stbl") continue;
-    parents.push_back(p);
-    findTables(data, p + 8, p + *readUInt32(data, p), parents, tables);
-    parents.pop_back();
-  }
-}
-
+/// The tables of chunk offsets.
 std::vector<Table> tablesOf(const Bytes& moov) {
-  std::vector<size_t> parents;
+  const BoxEditor editor(moov);
+  const std::string sampleTable = "moov/trak/mdia/minf/stbl/";
   std::vector<Table> tables;
-  findTables(moov, 0, moov.size(), parents, tables);
+  for (const char* type : {"stco", "co64"}) {
+    for (const auto& box : editor.all(sampleTable + type)) {
+      tables.push_back({box.offset, editor.field(box.offset + 12), std::string_view(type) == "co64"});
+    }
+  }
   return tables;
 }
 
@@ -63,23 +57,21 @@ MovieLayout::MovieLayout(const Bytes& file) {
 std::vector<uint64_t> MovieLayout::chunks() const {
   std::vector<uint64_t> starts;
   for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count(moov); ++i) starts.push_back(table.offset(moov, i) - mediaOffset_);
+    for (size_t i = 0; i < table.count; ++i) starts.push_back(table.offset(moov, i) - mediaOffset_);
   }
   std::ranges::sort(starts);
   return starts;
 }
 
 void MovieLayout::useLongOffsets() {
+  BoxEditor editor(moov);
   // From the last one on, so that those ahead of it stay where they are.
-  for (const Table& table : tablesOf(moov) | std::views::reverse) {
-    if (table.isLong) continue;
-    const auto count = static_cast<uint32_t>(table.count(moov));
-    Bytes longTable = values({16 + 8 * count, 0x636F3634, 0, count});
-    for (uint32_t i = 0; i < count; ++i) ByteWriter(longTable).uint64(table.offset(moov, i));
-    const auto begin = moov.begin() + static_cast<ptrdiff_t>(table.at);
-    moov = joined({Bytes(moov.begin(), begin), longTable, Bytes(begin + 16 + 4 * count, moov.end())});
-    for (size_t parent : table.parents) writeUInt32(moov, *readUInt32(moov, parent) + 4 * count, parent);
+  for (const auto& stco : editor.all("moov/trak/mdia/minf/stbl/stco") | std::views::reverse) {
+    Bytes rows = values({0, editor.field(stco.offset + 12)});
+    for (size_t place = stco.offset + 16; place < stco.end(); place += 4) ByteWriter(rows).uint64(editor.field(place));
+    editor.replace(stco, box("co64", {rows}));
   }
+  moov = editor.bytes;
 }
 
 Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
@@ -102,7 +94,7 @@ Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
     }
   }
   for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count(moov); ++i) {
+    for (size_t i = 0; i < table.count; ++i) {
       const uint64_t inMedia = table.offset(moov, i) - mediaOffset_;
       for (const auto& [part, offset] : parts) {
         if (inMedia < part.begin || inMedia >= part.end) continue;

@@ -18,7 +18,7 @@ constexpr double priming = 1024.0 / 48000;
 void moveEditListsToTrackEnds(BoxEditor& movie) {
   for (int done = 0; done < 2; ++done) {
     const Bytes list = movie.get("moov/trak/edts");
-    movie.remove("moov/trak/edts");
+    movie.replace(movie.at("moov/trak/edts"), {});
     movie.insert("moov/trak", movie.at("moov/trak").end(), list);
     if (done == 0) movie.rename("moov/trak", "skip");
   }
