@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <ranges>
-#include <string>
-#include <string_view>
 
 #include "mp4/DataExtensions.h"
 #include "support/BoxBuilder.h"
@@ -14,28 +12,24 @@ namespace {
 
 using Kind = MovieLayout::Piece::Kind;
 
-struct Table {
-  size_t at;
-  size_t count;
+/// A chunk offset: where it stands in the `moov`, and what it says.
+struct Entry {
+  size_t place;
   bool isLong;
-
-  size_t placeOf(size_t i) const { return at + 16 + i * (isLong ? 8 : 4); }
-  uint64_t offset(const Bytes& moov, size_t i) const {
-    return isLong ? *readUInt64(moov, placeOf(i)) : *readUInt32(moov, placeOf(i));
-  }
+  uint64_t value;
 };
 
-/// The tables of chunk offsets.
-std::vector<Table> tablesOf(const Bytes& moov) {
+std::vector<Entry> entriesOf(const Bytes& moov) {
   const BoxEditor editor(moov);
-  const std::string sampleTable = "moov/trak/mdia/minf/stbl/";
-  std::vector<Table> tables;
-  for (const char* type : {"stco", "co64"}) {
-    for (const auto& box : editor.all(sampleTable + type)) {
-      tables.push_back({box.offset, editor.field(box.offset + 12), std::string_view(type) == "co64"});
+  std::vector<Entry> entries;
+  for (bool isLong : {false, true}) {
+    for (const auto& box : editor.all(isLong ? "moov/trak/mdia/minf/stbl/co64" : "moov/trak/mdia/minf/stbl/stco")) {
+      for (size_t place = box.offset + 16; place < box.end(); place += isLong ? 8 : 4) {
+        entries.push_back({place, isLong, isLong ? *readUInt64(moov, place) : *readUInt32(moov, place)});
+      }
     }
   }
-  return tables;
+  return entries;
 }
 
 Bytes mdatHeader(Kind kind, size_t length) {
@@ -56,9 +50,7 @@ MovieLayout::MovieLayout(const Bytes& file) {
 
 std::vector<uint64_t> MovieLayout::chunks() const {
   std::vector<uint64_t> starts;
-  for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count; ++i) starts.push_back(table.offset(moov, i) - mediaOffset_);
-  }
+  for (const Entry& entry : entriesOf(moov)) starts.push_back(entry.value - mediaOffset_);
   std::ranges::sort(starts);
   return starts;
 }
@@ -93,15 +85,13 @@ Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
       ByteWriter(file).bytes(ByteView(media).subspan(piece.begin, length));
     }
   }
-  for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count; ++i) {
-      const uint64_t inMedia = table.offset(moov, i) - mediaOffset_;
-      for (const auto& [part, offset] : parts) {
-        if (inMedia < part.begin || inMedia >= part.end) continue;
-        const uint64_t moved = offset + inMedia - part.begin;
-        const size_t place = moovOffset + table.placeOf(i);
-        table.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
-      }
+  for (const Entry& entry : entriesOf(moov)) {
+    const uint64_t inMedia = entry.value - mediaOffset_;
+    for (const auto& [part, offset] : parts) {
+      if (inMedia < part.begin || inMedia >= part.end) continue;
+      const uint64_t moved = offset + inMedia - part.begin;
+      const size_t place = moovOffset + entry.place;
+      entry.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
     }
   }
   return file;
