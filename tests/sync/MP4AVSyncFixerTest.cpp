@@ -1,3 +1,4 @@
+#include "mp4/DataExtensions.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FaultyFileManager.h"
@@ -54,6 +55,18 @@ TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
   EXPECT_GT(timings.readMoov * timings.writeMoov, 0);
   EXPECT_TRUE(log_.contains("MP4AVSyncFixer: Sync offset -20.0ms within ±50.0ms tolerance, no empty edit needed"));
   EXPECT_TRUE(log_.contains("MP4AVSyncFixer: Fix applied (video edts: updated, audio edts: updated, ctts: unchanged)"));
+}
+
+TEST_F(SyncFixer, WritesTimesOf64Bits) {
+  const std::string ticks = "2000000000";
+  const Path clip = flashBeepClip(0.3, {"-movie_timescale", ticks, "-video_track_timescale", ticks});
+  ASSERT_TRUE(fix(capture(readFile(files_, clip))));
+  const BoxEditor fixed(written());
+  const auto mvhd = fixed.at("moov/mvhd"), tkhd = fixed.at("moov/trak/tkhd");
+  const auto seconds = [&](size_t place) { return static_cast<double>(*readUInt64(fixed.bytes, place)) / 2e9; };
+  EXPECT_EQ(fixed.field(tkhd.offset + 28), 1u) << "the track's number";
+  EXPECT_NEAR(seconds(tkhd.offset + 36), 3 - 2 / 25.0, 0.001) << "two frames go to the first composition offset";
+  EXPECT_NEAR(seconds(mvhd.offset + 32), 3.3, 0.03) << "the sound ends last";
 }
 
 TEST_F(SyncFixer, CapturesOddTracks) {
@@ -176,22 +189,25 @@ TEST_F(SyncFixer, ClampsAnOffsetThatDoesNotFit) {
 
 TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
   WorkedCase movie;
-  std::swap(movie.video, movie.audio);  // the audio comes first
-  auto handle = open(movie.moov());
-  auto moov = *MP4BoxUtils::findBox(*handle, "moov", topLevelSearchLimit);
-  auto ctts = MP4AVSyncFixer::parseVideoTrackInfo(*handle, moov);
-  const Bytes list = box("edts", {fullBox("elst", {2, 1, UINT32_MAX, 0x10000, 2, 3, 0x10000})});
-  MP4AVSyncFixer::rewriteMoovWithBothEdts(files_, file_, moov,
-                                          *MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::video),
-                                          MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::audio),
-                                          {.videoEdtsData = list,
-                                           .audioEdtsData = list,
-                                           .convertedCttsData = fullBox("ctts", {2, 1, 7, 299, 9}),
-                                           .originalCttsOffset = ctts.cttsOffset,
-                                           .originalCttsSize = ctts.cttsSize});
-  EXPECT_EQ(rows(), "video 1@-1 2@3 audio 1@-1 2@3 ");
-  EXPECT_EQ(capture().videoFirstCts, 7);
-  EXPECT_EQ(BoxEditor(written()).at("moov").size, written().size());
+  for (const char* first : {"video", "audio"}) {
+    SCOPED_TRACE(first);
+    auto handle = open(movie.moov());
+    auto moov = *MP4BoxUtils::findBox(*handle, "moov", topLevelSearchLimit);
+    auto ctts = MP4AVSyncFixer::parseVideoTrackInfo(*handle, moov);
+    const Bytes list = box("edts", {fullBox("elst", {2, 1, UINT32_MAX, 0x10000, 2, 3, 0x10000})});
+    MP4AVSyncFixer::rewriteMoovWithBothEdts(files_, file_, moov,
+                                            *MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::video),
+                                            MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::audio),
+                                            {.videoEdtsData = list,
+                                             .audioEdtsData = list,
+                                             .convertedCttsData = fullBox("ctts", {2, 1, 7, 299, 9}),
+                                             .originalCttsOffset = ctts.cttsOffset,
+                                             .originalCttsSize = ctts.cttsSize});
+    EXPECT_EQ(rows(), "video 1@-1 2@3 audio 1@-1 2@3 ");
+    EXPECT_EQ(capture().videoFirstCts, 7);
+    EXPECT_EQ(BoxEditor(written()).at("moov").size, written().size());
+    std::swap(movie.video, movie.audio);
+  }
 }
 
 TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
