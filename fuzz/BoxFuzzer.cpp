@@ -31,7 +31,7 @@ void run(Input input) {
   const BoxWalkPolicy& policy = *policies[input.number<uint8_t>() % policies.size()];
   const ByteView boxes = input.rest();
   Movie movie(boxes);
-  auto file = movie.files.open(movie.path, OpenMode::reading);
+  auto file = movie.open();
   walk(FileBoxWalker(*file, 0, boxes.size(), policy), boxes.size());
   walk(BufferBoxWalker(boxes, 0, boxes.size(), policy), boxes.size());
   for (bool isRecursive : {false, true}) MP4BoxUtils::findBoxOffsets(boxes, "stsd", 0, std::nullopt, isRecursive);

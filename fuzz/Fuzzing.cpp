@@ -1,7 +1,6 @@
 #include "Fuzzing.h"
 
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/NALUnitParser.h"
 #include "platform/Log.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
@@ -21,31 +20,34 @@ Movie::Movie(ByteView content) {
   writeFileAtomically(files, path, content);
 }
 
-bool Movie::survives(const std::function<void()>& repair) {
+bool Movie::survives(const std::function<void()>& repair, std::initializer_list<MP4TrackType> kept) {
   const Bytes before = content();
+  std::vector<MP4TrackType> readable(kept);
+  std::erase_if(readable, [this](MP4TrackType type) { return !isReadable(type); });
   const bool isFinished = finishes(repair);
   require(isFinished || content() == before);
   require(files.contentsOfDirectory(path.parent_path()).size() == 1);
   require(files.contentsOfDirectory(files.temporaryDirectory()).empty());
+  for (MP4TrackType type : readable) require(isReadable(type));
   return isFinished;
 }
 
 bool Movie::isReadable(MP4TrackType type) {
-  bool isFound = false;
-  const bool isWhole = finishes([&] {
-    auto file = files.open(path, OpenMode::reading);
+  auto file = open();
+  bool isWhole = false;
+  finishes([&] {
     const auto moov = MP4BoxUtils::findBox(*file, "moov", UINT64_MAX);
     auto box = moov ? MP4BoxUtils::findTrack(*file, *moov, type) : std::nullopt;
     for (const char* inner : {"mdia", "minf", "stbl"}) {
       if (box) box = MP4BoxUtils::findChildBox(*file, *box, inner);
     }
     if (!box) return;
-    isFound = true;
     MP4SampleTableParser table;
     table.parseSampleTable(*file, *box);
     table.allSamples();
+    isWhole = true;
   });
-  return isWhole && isFound;
+  return isWhole;
 }
 
 }  // namespace tarn::fuzz

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <functional>
+#include <initializer_list>
+#include <memory>
 
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
@@ -63,13 +65,15 @@ class Movie {
   const Path path = "/home/Documents/movie.mp4";
 
   /// Lets a repair work on the file. Whatever it does, no other file is left; where it does not finish, the file is as
-  /// it was. True where it finished.
-  bool survives(const std::function<void()>& repair);
-
-  /// The file's first track of a type can be read as a whole: headers and sample table.
-  bool isReadable(MP4TrackType type);
+  /// it was. Where the file's first track of a kept type could be read as a whole, headers and sample table, it still
+  /// can. True where the repair finished.
+  bool survives(const std::function<void()>& repair, std::initializer_list<MP4TrackType> kept = {});
 
   Bytes content() { return readFile(files, path); }
+  std::unique_ptr<FileHandle> open() { return files.open(path, OpenMode::reading); }
+
+ private:
+  bool isReadable(MP4TrackType type);
 };
 
 }  // namespace tarn::fuzz

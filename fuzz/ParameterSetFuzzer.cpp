@@ -17,7 +17,7 @@ void buildBoxes(ByteView unit, ByteView second) {
 /// One sync sample after another in a file of nothing else.
 void scan(ByteView samples, uint8_t split) {
   Movie movie(samples);
-  auto file = movie.files.open(movie.path, OpenMode::reading);
+  auto file = movie.open();
   const auto first = static_cast<uint32_t>(samples.size() * split / 256);
   const std::vector<SampleInfo> sync{{0, 0, first, true},
                                      {1, first, static_cast<uint32_t>(samples.size()) - first, true}};

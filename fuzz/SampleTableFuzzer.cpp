@@ -5,7 +5,7 @@
 void tarn::fuzz::run(Input input) {
   const ByteView contents = input.rest();
   Movie movie(contents);
-  auto file = movie.files.open(movie.path, OpenMode::reading);
+  auto file = movie.open();
   MP4SampleTableParser table;
   finishes([&] {
     table.parseSampleTable(*file, {.size = contents.size() + 8, .type = "stbl", .offset = 0, .headerSize = 0});

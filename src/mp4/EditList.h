@@ -4,18 +4,17 @@
 #include <vector>
 
 #include "mp4/MP4BoxUtils.h"
+#include "mp4/TimingBoxLayout.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
 
 /// A row of an `elst` (ISO/IEC 14496-12 8.6.6).
 struct EditListRow {
-  static constexpr int64_t emptyEdit = -1;
-
   uint64_t duration = 0;  ///< movie timescale; 0: to the end of the media
-  int64_t mediaTime = 0;  ///< track timescale, or emptyEdit
+  int64_t mediaTime = 0;  ///< track timescale, or layout::emptyEdit
 
-  bool isEmpty() const { return mediaTime == emptyEdit; }
+  bool isEmpty() const { return mediaTime == layout::emptyEdit; }
   bool operator==(const EditListRow&) const = default;
 };
 

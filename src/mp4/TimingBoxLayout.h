@@ -43,6 +43,8 @@ inline constexpr EditRow editRow64{20, {0, 8}, {8, 8}, {16, 4}};
 inline constexpr const EditRow& editRow(bool is64Bit) {
   return is64Bit ? editRow64 : editRow32;
 }
+inline constexpr int64_t emptyEdit = -1;        ///< as a media time: nothing is shown
+inline constexpr int32_t normalRate = 0x10000;  ///< 1 in 16.16 fixed point
 
 /// ctts and stts row (8.6.1): so many samples with this offset or delta.
 inline constexpr size_t runRowSize = 8;

@@ -8,11 +8,10 @@ using tarn::TimingTable;
 using tarn::wrappingAdd;
 using tarn::wrappingSubtract;
 namespace layout = tarn::layout;
+using layout::emptyEdit;
+using layout::normalRate;
 
 namespace {
-
-constexpr int32_t normalRate = 0x10000;
-constexpr int64_t emptyEdit = -1;
 
 int64_t toMovieTime(const AVSyncTrackTiming& track, int64_t value) {
   return avsync_rescale(value, track.movie_timescale, track.timescale);
@@ -104,10 +103,8 @@ int32_t avsync_write_elst_box(const AVSyncElstEntry* entries, int32_t count, uin
   bool is64Bit = isVersion1(entries, count);
   const auto& row = layout::editRow(is64Bit);
 
-  layout::store(out, layout::boxSize, static_cast<uint64_t>(size));
-  layout::store(out, layout::boxType, layout::fourCC("elst"));
-  layout::store(out, layout::versionAndFlags, layout::versionWord(is64Bit ? 1 : 0));
-  layout::store(out, layout::entryCount, static_cast<uint64_t>(count));
+  tarn::storeTableHeader(out, static_cast<uint32_t>(size), layout::fourCC("elst"), is64Bit ? 1 : 0,
+                         static_cast<uint32_t>(count));
   uint8_t* place = out + layout::tableHeaderSize;
   for (int32_t i = 0; i < count; ++i, place += row.size) {
     layout::store(place, row.duration, static_cast<uint64_t>(entries[i].duration));

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
@@ -9,8 +10,6 @@
 
 namespace tarn {
 namespace {
-
-constexpr int64_t emptyEdit = -1;
 
 /// Milliseconds of a time value.
 double milliseconds(int64_t value, uint32_t timescale) {
@@ -108,7 +107,7 @@ void logList(const PlannedEditList& list, const char* track, uint32_t movieTimes
   log("MP4AVSyncFixer: Building {} edit list:", track);
   for (size_t i = 0; i < list.rows.size(); ++i) {
     const EditListEntry& row = list.rows[i];
-    if (row.mediaTime == emptyEdit) {
+    if (row.mediaTime == layout::emptyEdit) {
       log("  Entry {}: EMPTY duration={} (~{:.1f}ms)", i, row.duration, milliseconds(row.duration, movieTimescale));
     } else {
       log("  Entry {}: duration={}, media_time={} (~{:.1f}ms)", i, row.duration, row.mediaTime,

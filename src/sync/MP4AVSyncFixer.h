@@ -45,7 +45,8 @@ class MP4AVSyncFixer {
                                       const MP4BoxInfo& videoTrakBox, const std::optional<MP4BoxInfo>& audioTrakBox,
                                       const MoovEdits& edits, NamesInTheMaking* names = nullptr);
 
-  // Parsers of a file that is open for reading. They move its position.
+  // Parsers of a file that is open for reading. They move its position. The first two throw AVSyncError: corruptedMP4
+  // for a box that is missing, ioError for one that cannot be read, analysisError for a timescale of 0.
 
   /// Ticks per second of the `mvhd`; never 0.
   static uint32_t parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moovBox);

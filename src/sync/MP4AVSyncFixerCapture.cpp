@@ -18,7 +18,6 @@ constexpr int32_t maxEditRows = 16;
 constexpr uint64_t headerReadLimit = layout::timeHeader64.duration.end();
 constexpr uint64_t editListReadLimit = layout::tableHeaderSize + maxEditRows * layout::editRow64.size;
 constexpr uint64_t cttsReadLimit = std::numeric_limits<int32_t>::max();
-constexpr int64_t emptyEdit = -1;
 constexpr uint32_t defaultAudioTimescale = 48000;
 constexpr int64_t defaultAudioDelay = 2112;
 
@@ -64,7 +63,7 @@ struct EditListStart {
 EditListStart startOf(const std::vector<EditListEntry>& rows) {
   EditListStart start;
   for (const EditListEntry& row : rows) {
-    if (row.mediaTime != emptyEdit) {
+    if (row.mediaTime != layout::emptyEdit) {
       start.mediaTime = row.mediaTime;
       break;
     }

@@ -7,6 +7,7 @@
 #include "sync/TimingTable.h"
 
 using tarn::isBox;
+using tarn::storeTableHeader;
 using tarn::TimingTable;
 namespace layout = tarn::layout;
 
@@ -35,13 +36,6 @@ int32_t runTableSize(uint64_t rows) {
   return static_cast<int32_t>(layout::tableHeaderSize + rows * layout::runRowSize);
 }
 
-void storeTableHeader(uint8_t* out, int32_t size, uint32_t type, uint8_t version, uint32_t entryCount) {
-  layout::store(out, layout::boxSize, static_cast<uint64_t>(size));
-  layout::store(out, layout::boxType, type);
-  layout::store(out, layout::versionAndFlags, layout::versionWord(version));
-  layout::store(out, layout::entryCount, entryCount);
-}
-
 uint8_t* storeRun(uint8_t* row, uint32_t sampleCount, uint32_t value) {
   layout::store(row, layout::runSampleCount, sampleCount);
   layout::store(row, layout::runValue, value);
@@ -68,11 +62,11 @@ void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_off
 }
 
 uint32_t avsync_parse_mdhd_timescale(const uint8_t* buffer, int32_t length) {
-  return timescaleOf(buffer, length, layout::fourCC("mdhd"), 24);
+  return timescaleOf(buffer, length, layout::fourCC("mdhd"), layout::timeHeader32.timescale.end());
 }
 
 uint32_t avsync_parse_mvhd_timescale(const uint8_t* buffer, int32_t length) {
-  return timescaleOf(buffer, length, layout::fourCC("mvhd"), 28);
+  return timescaleOf(buffer, length, layout::fourCC("mvhd"), layout::timeHeader32.duration.end());
 }
 
 int64_t avsync_parse_sgpd_roll(const uint8_t* buffer, int32_t length) {
@@ -102,7 +96,7 @@ int64_t avsync_get_default_encoder_delay(const char* codec) {
 }
 
 int32_t avsync_get_ctts_version(const uint8_t* buffer, int32_t length) {
-  if (!isBox(buffer, length, ctts, 12)) return -1;
+  if (!isBox(buffer, length, ctts, layout::versionAndFlags.end())) return -1;
   return static_cast<int32_t>(layout::load(buffer, layout::version));
 }
 
@@ -118,7 +112,7 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
   uint32_t entryCount = layout::load32(buffer, layout::entryCount);
   if (info != nullptr) *info = {1, shift, entryCount, static_cast<uint32_t>(size)};
 
-  storeTableHeader(out, size, ctts, 1, entryCount);
+  storeTableHeader(out, static_cast<uint32_t>(size), ctts, 1, entryCount);
   TimingTable table(buffer, length, layout::runRowSize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
@@ -146,7 +140,7 @@ int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_
   int32_t size = avsync_split_stts_size(buffer, length, max_delta);
   if (size < 0 || out == nullptr || size > capacity) return -1;
   auto rows = (static_cast<size_t>(size) - layout::tableHeaderSize) / layout::runRowSize;
-  storeTableHeader(out, size, stts, 0, static_cast<uint32_t>(rows));
+  storeTableHeader(out, static_cast<uint32_t>(size), stts, 0, static_cast<uint32_t>(rows));
 
   TimingTable table(buffer, length, layout::runRowSize);
   uint8_t* place = out + layout::tableHeaderSize;

@@ -53,17 +53,21 @@ BoxHeader trakAt(const Bytes& moovData, uint64_t offset) {
   return *trak;
 }
 
-/// The boxes from a `trak` down to the `stbl` that hold this place; nothing when there are none.
-std::vector<BoxHeader> sampleTableAround(const Bytes& moovData, uint64_t position) {
+/// The boxes from a `trak` down to its `stbl`; none when there is no `stbl`.
+std::vector<BoxHeader> sampleTablePath(ByteView moovData, const BoxHeader& trak) {
+  std::vector<BoxHeader> path{trak};
+  for (const char* type : {"mdia", "minf", "stbl"}) {
+    auto child = findChild(moovData, path.back(), {type});
+    if (!child) return {};
+    path.push_back(*std::move(child));
+  }
+  return path;
+}
+
+/// The path of the track that holds this place; none when no track does.
+std::vector<BoxHeader> sampleTableAround(ByteView moovData, uint64_t position) {
   for (const BoxHeader& trak : childrenOfType(moovData, wholeBox(moovData, "moov"), "trak")) {
-    if (position < trak.offset || position >= trak.end()) continue;
-    std::vector<BoxHeader> path{trak};
-    for (const char* type : {"mdia", "minf", "stbl"}) {
-      auto child = findChild(moovData, path.back(), {type});
-      if (!child) return {};
-      path.push_back(*std::move(child));
-    }
-    return path;
+    if (position >= trak.offset && position < trak.end()) return sampleTablePath(moovData, trak);
   }
   return {};
 }
@@ -96,15 +100,13 @@ void storeDuration(Bytes& moovData, const BoxHeader& header, const layout::Field
   }
 }
 
-/// Where the chunk offset boxes of all tracks begin.
+/// The chunk offset boxes of all tracks.
 std::vector<BoxHeader> chunkOffsetBoxes(ByteView moovData) {
   std::vector<BoxHeader> boxes;
   for (const BoxHeader& trak : childrenOfType(moovData, wholeBox(moovData, "moov"), "trak")) {
-    std::optional<BoxHeader> level = trak;
-    for (const char* type : {"mdia", "minf", "stbl"})
-      level = level ? findChild(moovData, *level, {type}) : std::nullopt;
-    if (level) level = findChild(moovData, *level, {"stco", "co64"});
-    if (level) boxes.push_back(*std::move(level));
+    const auto path = sampleTablePath(moovData, trak);
+    auto table = path.empty() ? std::nullopt : findChild(moovData, path.back(), {"stco", "co64"});
+    if (table) boxes.push_back(*std::move(table));
   }
   return boxes;
 }

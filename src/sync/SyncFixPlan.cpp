@@ -1,12 +1,13 @@
 #include "sync/SyncFixPlan.h"
 
+#include "mp4/TimingBoxLayout.h"
 #include "sync/TimeArithmetic.h"
 
 namespace tarn {
 namespace {
 
-constexpr int32_t normalRate = 0x10000;
-constexpr int64_t emptyEdit = -1;
+using layout::emptyEdit;
+using layout::normalRate;
 
 AVSyncCrossTrackAnalysis analyze(const SyncFixFacts& facts) {
   const AVSyncTrackTiming video{.first_dts = facts.video.firstDts,

@@ -22,10 +22,19 @@ inline bool isBox(const uint8_t* buffer, int32_t length, uint32_t type, size_t m
          layout::load32(buffer, layout::boxType) == type;
 }
 
+/// Writes the 16 bytes ahead of a table's rows.
+inline void storeTableHeader(uint8_t* out, uint32_t size, uint32_t type, uint8_t version, uint32_t entryCount) {
+  layout::store(out, layout::boxSize, size);
+  layout::store(out, layout::boxType, type);
+  layout::store(out, layout::versionAndFlags, layout::versionWord(version));
+  layout::store(out, layout::entryCount, entryCount);
+}
+
 /// The rows of a full box with a count: those that lie whole within the buffer. A count with the sign bit set counts as
 /// none.
 class TimingTable {
  public:
+  /// The table of a box that was tested to be one and to hold what lies ahead of the rows.
   TimingTable(const uint8_t* buffer, int32_t length, size_t rowSize)
       : rows_(buffer + layout::tableHeaderSize), rowSize_(rowSize) {
     auto claimed = static_cast<int32_t>(layout::load32(buffer, layout::entryCount));

@@ -9,9 +9,9 @@
 #include "platform/host/PosixFileManager.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
+#include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {

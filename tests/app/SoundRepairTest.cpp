@@ -6,9 +6,9 @@
 #include <filesystem>
 
 #include "app/TarnProcess.h"
+#include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {

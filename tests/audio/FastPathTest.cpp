@@ -13,12 +13,12 @@
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
 #include "support/FaultyFileManager.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MovieLayout.h"
 #include "support/PCM.h"
 #include "support/RunRecorder.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {

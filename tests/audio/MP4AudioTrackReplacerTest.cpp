@@ -11,11 +11,11 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {
@@ -101,8 +101,8 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
         runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_});
     EXPECT_EQ(probe.output, "video,0x1\naudio,0x2\n") << row.name;
     const BoxEditor output(readFile(files_, output_));
-    EXPECT_EQ(output.topLevel("ftyp").front().offset, 0u) << row.name;
-    EXPECT_EQ(output.topLevel("moov").front().offset, output.topLevel("ftyp").front().end()) << row.name;
+    EXPECT_EQ(output.at("ftyp").offset, 0u) << row.name;
+    EXPECT_EQ(output.at("moov").offset, output.at("ftyp").end()) << row.name;
     EXPECT_EQ(textOf(output.get("moov")).find("edts"), std::string::npos) << row.name;
     const bool hasDefault = output.get("ftyp") == box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
     EXPECT_EQ(hasDefault, row.name == "no ftyp") << row.name;

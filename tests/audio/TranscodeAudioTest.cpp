@@ -12,10 +12,10 @@
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
 #include "support/FaultyFileManager.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/PCM.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 struct AVCodecContext;
 struct AVPacket;

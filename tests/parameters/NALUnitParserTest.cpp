@@ -207,8 +207,8 @@ TEST_F(NALUnits, FilesWithoutUsableTracksAreRefusedInTheirOwnWords) {
       {box("moov", {trackBox("soun", {})}), noStbl},
       {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}), noStbl},
       {movieOf(sampleOf({sps, pps, slice})), noSets},
-      {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), noSets, "none"},
-      {movieOf(sampleOf({vps, sps, pps, slice})), "none", noSets},
+      {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), noSets, ""},
+      {movieOf(sampleOf({vps, sps, pps, slice})), "", noSets},
   };
   for (const auto& c : cases) {
     write(c.movie);

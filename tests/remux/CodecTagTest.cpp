@@ -71,7 +71,7 @@ TEST_F(CodecTag, OfBrokenAndOddMovies) {
     log_.clear();
     bool isDone = false;
     std::string failure = failureOf([&] { isDone = repairTag(); });
-    if (failure == "none") {
+    if (failure.empty()) {
       EXPECT_THAT(log_.lines(), testing::Contains(testing::EndsWith(c.outcome)));
       EXPECT_EQ(isDone, &c - cases < 2) << c.outcome;
     } else {

@@ -147,7 +147,7 @@ TEST_F(RemuxTest, AsksForMoreThanTwiceTheFilesSize) {
     tight.free = free;
     bool isEnough = !free || *free > twice;
     EXPECT_EQ(failureOf([&] { repair(true, tight); }),
-              isEnough ? "none"
+              isEnough ? ""
                        : "Write error: Insufficient disk space: need 0MB, have 0MB available. Please free up space and "
                          "try again.");
     EXPECT_EQ(written() != damaged, isEnough);

@@ -2,26 +2,28 @@
 #include "remux/RemuxFixture.h"
 #include "remux/RemuxStep.h"
 #include "support/BoxBuilder.h"
-#include "support/StepTest.h"
+#include "support/RunRecorder.h"
 
 namespace tarn {
 namespace {
 
 using namespace test;
 
-class RemuxStepTest : public StepTest {
+class RemuxStepTest : public FileTest {
  protected:
   ProcessingTimings runStep(const Bytes& movie) {
     write(movie);
-    ProcessingRun run = newRun();
+    ProcessingRun run = recorder_.runOn(files_, file_);
     RemuxStep().run(run);
     return run.timings;
   }
+
+  RunRecorder recorder_;
 };
 
 TEST_F(RemuxStepTest, RepairsByCodecAndEntersItsStages) {
   auto timings = runStep(withoutParameterSets(readFile(files_, encodedVideo(inBandHEVC)), true));
-  EXPECT_EQ(stages_, "remuxing remuxed ");
+  EXPECT_EQ(recorder_.stages, "remuxing remuxed ");
   EXPECT_GT(timings.hevcRemuxTotal, 0);
   EXPECT_GT(timings.hevcRemuxing.writeAtomicMP4, 0);
   EXPECT_EQ(MP4Remuxer::detectHEVCTag(files_, file_), "hvc1");
@@ -38,7 +40,7 @@ TEST_F(RemuxStepTest, RepairsByCodecAndEntersItsStages) {
   };
   for (const auto& [other, line] : others) {
     runStep(other);
-    EXPECT_EQ(stages_, "remuxing remuxed ");
+    EXPECT_EQ(recorder_.stages, "remuxing remuxed ");
     EXPECT_EQ(written(), other);
     EXPECT_TRUE(log_.contains(line)) << line;
   }
@@ -47,11 +49,11 @@ TEST_F(RemuxStepTest, RepairsByCodecAndEntersItsStages) {
 TEST_F(RemuxStepTest, PassesFailuresOn) {
   Bytes movie = readFile(files_, encodedVideo({.codec = "libx265"}));
   EXPECT_THROW(runStep(movie), NALUnitParserError);
-  EXPECT_EQ(stages_, "remuxing ");
+  EXPECT_EQ(recorder_.stages, "remuxing ");
   EXPECT_THAT(log_.lines(), testing::Contains(testing::StartsWith("ERROR during HEVC remuxing: ")));
-  token_->cancel();
+  recorder_.token->cancel();
   EXPECT_THROW(runStep(movie), CancellationError);
-  EXPECT_EQ(stages_, "");
+  EXPECT_EQ(recorder_.stages, "");
 }
 
 }  // namespace

@@ -16,42 +16,40 @@ size_t childrenBegin(std::string_view type) {
   return 8;
 }
 
-std::string_view parentOf(std::string_view path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
 }  // namespace
 
-std::optional<BoxEditor::Found> BoxEditor::find(std::string_view path, size_t begin, size_t end) const {
-  std::string_view type = path.substr(0, 4);
+std::string_view BoxEditor::typeAt(size_t offset) const {
+  return textOf(ByteView(bytes).subspan(offset + 4, 4));
+}
+
+void BoxEditor::collect(std::string_view path, size_t begin, size_t end, std::vector<Found>& found) const {
+  const std::string_view type = path.substr(0, 4);
   for (size_t p = begin; p + 8 <= end; p += std::max<size_t>(field(p), 8)) {
-    if (textOf(ByteView(bytes).subspan(p + 4, 4)) != type) continue;
-    Found box{p, field(p)};
-    if (path.size() == type.size()) return box;
-    if (auto inside = find(path.substr(5), p + childrenBegin(type), box.end())) return inside;
+    if (typeAt(p) != type) continue;
+    if (path.size() == type.size()) {
+      found.push_back({p, field(p)});
+    } else {
+      collect(path.substr(5), p + childrenBegin(type), p + field(p), found);
+    }
   }
-  return std::nullopt;
+}
+
+std::vector<BoxEditor::Found> BoxEditor::all(std::string_view path) const {
+  std::vector<Found> found;
+  collect(path, 0, bytes.size(), found);
+  return found;
 }
 
 BoxEditor::Found BoxEditor::at(std::string_view path) const {
-  auto found = find(path, 0, bytes.size());
-  if (!found) throw std::runtime_error("no " + std::string(path));
-  return *found;
+  const auto found = all(path);
+  if (found.empty()) throw std::runtime_error("no " + std::string(path));
+  return found.front();
 }
 
 Bytes BoxEditor::get(std::string_view path) const {
-  Found found = at(path);
-  auto begin = bytes.begin() + static_cast<ptrdiff_t>(found.offset);
+  const Found found = at(path);
+  const auto begin = bytes.begin() + static_cast<ptrdiff_t>(found.offset);
   return {begin, begin + static_cast<ptrdiff_t>(found.size)};
-}
-
-std::vector<BoxEditor::Found> BoxEditor::topLevel(std::string_view type) const {
-  std::vector<Found> all;
-  for (size_t p = 0; p + 8 <= bytes.size(); p += std::max<size_t>(field(p), 8)) {
-    if (textOf(ByteView(bytes).subspan(p + 4, 4)) == type) all.push_back({p, field(p)});
-  }
-  return all;
 }
 
 uint32_t BoxEditor::field(size_t offset) const {
@@ -66,23 +64,23 @@ void BoxEditor::rename(std::string_view path, std::string_view type) {
   std::ranges::copy(bytesOf(type), bytes.begin() + static_cast<ptrdiff_t>(at(path).offset) + 4);
 }
 
-void BoxEditor::remove(std::string_view path) {
-  Found found = at(path);
-  resizeParents(parentOf(path), -static_cast<int64_t>(found.size));
-  auto begin = bytes.begin() + static_cast<ptrdiff_t>(found.offset);
-  bytes.erase(begin, begin + static_cast<ptrdiff_t>(found.size));
+void BoxEditor::replace(const Found& box, const Bytes& replacement) {
+  splice(box, box.offset, box.size, replacement);
 }
 
 void BoxEditor::insert(std::string_view parentPath, size_t offset, const Bytes& box) {
-  resizeParents(parentPath, static_cast<int64_t>(box.size()));
-  bytes.insert(bytes.begin() + static_cast<ptrdiff_t>(offset), box.begin(), box.end());
+  splice(at(parentPath), offset, 0, box);
 }
 
-void BoxEditor::resizeParents(std::string_view path, int64_t delta) {
-  for (; !path.empty(); path = parentOf(path)) {
-    Found parent = at(path);
-    setField(parent.offset, static_cast<uint32_t>(static_cast<int64_t>(parent.size) + delta));
+void BoxEditor::splice(const Found& inside, size_t offset, size_t removed, const Bytes& added) {
+  for (size_t p = 0; p <= inside.offset;) {
+    const size_t size = field(p);
+    const bool isAround = inside.end() <= p + size;
+    if (isAround) setField(p, static_cast<uint32_t>(size + added.size() - removed));
+    p += isAround ? childrenBegin(typeAt(p)) : std::max<size_t>(size, 8);
   }
+  const auto place = bytes.begin() + static_cast<ptrdiff_t>(offset);
+  bytes.insert(bytes.erase(place, place + static_cast<ptrdiff_t>(removed)), added.begin(), added.end());
 }
 
 }  // namespace tarn::test

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -23,28 +22,28 @@ class BoxEditor {
     size_t end() const { return offset + size; }
   };
 
-  /// The first box at the end of a path from the top level, "moov/trak/mdia"; a path goes on behind an `stsd` and a
-  /// visual sample entry ("moov/trak/mdia/minf/stbl/stsd/avc1/avcC"). Throws when there is none.
+  /// The boxes at the end of a path from the top level, "moov/trak/mdia", in file order, or the first of them; a path
+  /// goes on behind an `stsd` and a visual sample entry ("moov/trak/mdia/minf/stbl/stsd/avc1/avcC"). at() throws when
+  /// there is none.
+  std::vector<Found> all(std::string_view path) const;
   Found at(std::string_view path) const;
 
   /// The box's bytes.
   Bytes get(std::string_view path) const;
 
-  /// All boxes of one type at the top level, in file order.
-  std::vector<Found> topLevel(std::string_view type) const;
-
   uint32_t field(size_t offset) const;
   void setField(size_t offset, uint32_t value);
   void rename(std::string_view path, std::string_view type);
 
-  /// Cuts a box out of its parents and makes them smaller, or puts one at a place inside the given parent path.
+  /// Puts bytes in the place of a box, or at a place inside the given parent, and resizes the boxes around them.
   /// Nothing else is corrected: chunk offsets stay.
-  void remove(std::string_view path);
+  void replace(const Found& box, const Bytes& replacement);
   void insert(std::string_view parentPath, size_t offset, const Bytes& box);
 
  private:
-  std::optional<Found> find(std::string_view path, size_t begin, size_t end) const;
-  void resizeParents(std::string_view path, int64_t delta);
+  void collect(std::string_view path, size_t begin, size_t end, std::vector<Found>& found) const;
+  std::string_view typeAt(size_t offset) const;
+  void splice(const Found& inside, size_t offset, size_t removed, const Bytes& added);
 };
 
 }  // namespace tarn::test

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -13,15 +11,10 @@
 
 namespace tarn::test {
 
-/// A file that the server has, in one version. The body is made as it is sent, so that it may be large.
+/// A file that the server has, in one version.
 struct ServedFile {
-  using Fill = std::function<void(uint64_t offset, std::span<uint8_t> target)>;
-
-  uint64_t size = 0;  ///< bytes
-  Fill fill;          ///< must give the same bytes each time; called on the server's threads
+  std::shared_ptr<const Bytes> bytes;
   std::string etag = "\"v1\"";
-  std::string lastModified = "Tue, 01 Jul 2025 10:00:00 GMT";
-  std::string contentType = "video/mp4";
 
   static ServedFile of(Bytes bytes);
   ServedFile withETag(std::string tag) const;
@@ -46,7 +39,6 @@ struct Reply {
 };
 
 struct ReceivedRequest {
-  std::string method;
   std::string target;
   std::map<std::string, std::string> headers;  ///< names in lower case
 
@@ -54,8 +46,8 @@ struct ReceivedRequest {
   std::string header(const std::string& name) const;
 };
 
-/// An HTTP/1.1 server on 127.0.0.1 with faults at will: GET and HEAD, Range and If-Range (RFC 9110 13 and 14),
-/// persistent connections. Runs from construction to destruction, each connection on a thread. A path that is not
+/// An HTTP/1.1 server on 127.0.0.1 with faults at will: GET, Range and If-Range (RFC 9110 13 and 14), persistent
+/// connections. Runs from construction to destruction, each connection on a thread. A path that is not
 /// served is answered with 404. Thread-safe. Takes the loopback out of any proxy that the environment names.
 class FaultServer {
  public:
@@ -65,7 +57,6 @@ class FaultServer {
   FaultServer(const FaultServer&) = delete;
   FaultServer& operator=(const FaultServer&) = delete;
 
-  uint16_t port() const;
   std::string url(const std::string& path) const;
 
   /// Serves a file, or its next version. The path's first requests get these replies one by one, all later ones
@@ -79,7 +70,7 @@ class FaultServer {
   static uint16_t closedPort();
 
  private:
-  class Core;
+  struct Core;
   std::unique_ptr<Core> core_;
 };
 

@@ -44,8 +44,7 @@ struct Fault {
 };
 
 /// Counts the operations on files and fails the one that a test chooses. Asking (exists, attributes, free space,
-/// positions) neither counts nor fails. To sweep over a piece of work: arm with call 1, 2, 3, ... until fired() stays
-/// false. Thread-safe.
+/// positions) neither counts nor fails. Thread-safe.
 class FaultyFileManager : public ForwardingFileManager {
  public:
   using ForwardingFileManager::ForwardingFileManager;
@@ -59,10 +58,14 @@ class FaultyFileManager : public ForwardingFileManager {
     std::lock_guard guard(mutex_);
     fault_.reset();
   }
-  /// Calls that counted since the last arming.
-  uint64_t calls() const {
-    std::lock_guard guard(mutex_);
-    return calls_;
+  /// Does a piece of work again and again, the fault at call 1, 2, 3, ... in turn, until it does not happen any more;
+  /// returns how often it did.
+  uint64_t sweep(Fault fault, const std::function<void(uint64_t call)>& work) {
+    for (fault.call = 1;; ++fault.call) {
+      arm(fault);
+      work(fault.call);
+      if (!fired()) return fault.call - 1;
+    }
   }
   /// True when the fault that was armed last has happened.
   bool fired() const {

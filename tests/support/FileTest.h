@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
 
-#include "platform/Error.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/FailureOf.h"
 #include "support/LogCapture.h"
 #include "support/TempDirectory.h"
 
@@ -27,16 +26,5 @@ class FileTest : public testing::Test {
   Path file_ = directory_ / "clip.mp4";
   LogCapture log_;
 };
-
-/// What the Error says that this throws; "none" without one.
-template <typename Work>
-std::string failureOf(Work work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    return error.description();
-  }
-  return "none";
-}
 
 }  // namespace tarn::test

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <ranges>
-#include <string_view>
 
 #include "mp4/DataExtensions.h"
 #include "support/BoxBuilder.h"
@@ -13,35 +12,24 @@ namespace {
 
 using Kind = MovieLayout::Piece::Kind;
 
-struct Table {
-  size_t at;
-  std::vector<size_t> parents;  ///< where the boxes around it begin
+/// A chunk offset: where it stands in the `moov`, and what it says.
+struct Entry {
+  size_t place;
   bool isLong;
-
-  size_t count(const Bytes& moov) const { return *readUInt32(moov, at + 12); }
-  size_t placeOf(size_t i) const { return at + 16 + i * (isLong ? 8 : 4); }
-  uint64_t offset(const Bytes& moov, size_t i) const {
-    return isLong ? *readUInt64(moov, placeOf(i)) : *readUInt32(moov, placeOf(i));
-  }
+  uint64_t value;
 };
 
-/// The tables of chunk offsets on the way moov/trak/mdia/minf/stbl.
-void findTables(const Bytes& data, size_t begin, size_t end, std::vector<size_t>& parents, std::vector<Table>& tables) {
-  for (size_t p = begin; p + 8 <= end; p += *readUInt32(data, p)) {
-    const std::string_view type = textOf(ByteView(data).subspan(p + 4, 4));
-    if (type == "stco" || type == "co64") tables.push_back({p, parents, type == "co64"});
-    if (type != "moov" && type != "trak" && type != "mdia" && type != "minf" && type != "stbl") continue;
-    parents.push_back(p);
-    findTables(data, p + 8, p + *readUInt32(data, p), parents, tables);
-    parents.pop_back();
+std::vector<Entry> entriesOf(const Bytes& moov) {
+  const BoxEditor editor(moov);
+  std::vector<Entry> entries;
+  for (bool isLong : {false, true}) {
+    for (const auto& box : editor.all(isLong ? "moov/trak/mdia/minf/stbl/co64" : "moov/trak/mdia/minf/stbl/stco")) {
+      for (size_t place = box.offset + 16; place < box.end(); place += isLong ? 8 : 4) {
+        entries.push_back({place, isLong, isLong ? *readUInt64(moov, place) : *readUInt32(moov, place)});
+      }
+    }
   }
-}
-
-std::vector<Table> tablesOf(const Bytes& moov) {
-  std::vector<size_t> parents;
-  std::vector<Table> tables;
-  findTables(moov, 0, moov.size(), parents, tables);
-  return tables;
+  return entries;
 }
 
 Bytes mdatHeader(Kind kind, size_t length) {
@@ -62,24 +50,20 @@ MovieLayout::MovieLayout(const Bytes& file) {
 
 std::vector<uint64_t> MovieLayout::chunks() const {
   std::vector<uint64_t> starts;
-  for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count(moov); ++i) starts.push_back(table.offset(moov, i) - mediaOffset_);
-  }
+  for (const Entry& entry : entriesOf(moov)) starts.push_back(entry.value - mediaOffset_);
   std::ranges::sort(starts);
   return starts;
 }
 
 void MovieLayout::useLongOffsets() {
+  BoxEditor editor(moov);
   // From the last one on, so that those ahead of it stay where they are.
-  for (const Table& table : tablesOf(moov) | std::views::reverse) {
-    if (table.isLong) continue;
-    const auto count = static_cast<uint32_t>(table.count(moov));
-    Bytes longTable = values({16 + 8 * count, 0x636F3634, 0, count});
-    for (uint32_t i = 0; i < count; ++i) ByteWriter(longTable).uint64(table.offset(moov, i));
-    const auto begin = moov.begin() + static_cast<ptrdiff_t>(table.at);
-    moov = joined({Bytes(moov.begin(), begin), longTable, Bytes(begin + 16 + 4 * count, moov.end())});
-    for (size_t parent : table.parents) writeUInt32(moov, *readUInt32(moov, parent) + 4 * count, parent);
+  for (const auto& stco : editor.all("moov/trak/mdia/minf/stbl/stco") | std::views::reverse) {
+    Bytes rows = values({0, editor.field(stco.offset + 12)});
+    for (size_t place = stco.offset + 16; place < stco.end(); place += 4) ByteWriter(rows).uint64(editor.field(place));
+    editor.replace(stco, box("co64", {rows}));
   }
+  moov = editor.bytes;
 }
 
 Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
@@ -101,15 +85,13 @@ Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
       ByteWriter(file).bytes(ByteView(media).subspan(piece.begin, length));
     }
   }
-  for (const Table& table : tablesOf(moov)) {
-    for (size_t i = 0; i < table.count(moov); ++i) {
-      const uint64_t inMedia = table.offset(moov, i) - mediaOffset_;
-      for (const auto& [part, offset] : parts) {
-        if (inMedia < part.begin || inMedia >= part.end) continue;
-        const uint64_t moved = offset + inMedia - part.begin;
-        const size_t place = moovOffset + table.placeOf(i);
-        table.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
-      }
+  for (const Entry& entry : entriesOf(moov)) {
+    const uint64_t inMedia = entry.value - mediaOffset_;
+    for (const auto& [part, offset] : parts) {
+      if (inMedia < part.begin || inMedia >= part.end) continue;
+      const uint64_t moved = offset + inMedia - part.begin;
+      const size_t place = moovOffset + entry.place;
+      entry.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
     }
   }
   return file;

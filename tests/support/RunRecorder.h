@@ -14,18 +14,22 @@ namespace tarn::test {
 class RunRecorder : public ProcessingRunListener {
  public:
   ProcessingState record;                              ///< as it was stored last
+  std::string stages;                                  ///< of all records stored, each with a blank behind it
   std::function<void(const ProcessingState&)> onSave;  ///< told of a new record before it is kept
+  std::shared_ptr<CancellationToken> token = std::make_shared<CancellationToken>();
 
   /// A run from the start. This must outlive it.
   ProcessingRun runOn(FileManager& files, const Path& file) {
+    stages.clear();
     record = {};
     record.fileURL = file;
-    return ProcessingRun(files, clock_, names_, *this, record, nullptr, token_);
+    return ProcessingRun(files, clock_, names_, *this, record, nullptr, token);
   }
 
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& state) override {
     if (onSave) onSave(state);
     record = state;
+    stages += std::string(rawValue(state.stage)) + " ";
     return true;
   }
   void progressUpdated(const std::shared_ptr<DownloadTask>& /*task*/, double, const std::string&) override {}
@@ -33,7 +37,6 @@ class RunRecorder : public ProcessingRunListener {
  private:
   ManualClock clock_;
   NamesInTheMaking names_;
-  std::shared_ptr<CancellationToken> token_ = std::make_shared<CancellationToken>();
 };
 
 }  // namespace tarn::test

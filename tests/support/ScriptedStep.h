@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fmt/ranges.h>
+
 #include <functional>
 #include <string>
 #include <utility>
@@ -37,9 +39,7 @@ class ScriptedStep : public ProcessingStep {
 
 /// Names joined by blanks, for comparisons that read well.
 inline std::string joinedWords(const std::vector<std::string>& words) {
-  std::string text;
-  for (const auto& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
+  return fmt::format("{}", fmt::join(words, " "));
 }
 
 }  // namespace tarn::test

@@ -53,7 +53,8 @@ Bytes trackOf(const SyntheticTrack& track, Bytes& media) {
                             fullBox("stsc", {1, 1, track.samplesPerChunk, 1}), box("stsz", {sizes}),
                             box("stco", {values({0, chunkCount}), chunks})});
   const Bytes minf = box("minf", {track.handler == "soun" ? fullBox("smhd", {0}) : Bytes(), stbl});
-  return box("trak", {editBox(track), box("mdia", {mediaHeader(track), handlerBox(track.handler), minf})});
+  const Bytes tkhd = fullBox("tkhd", {0, 0, 1, 0, 0});
+  return box("trak", {tkhd, editBox(track), box("mdia", {mediaHeader(track), handlerBox(track.handler), minf})});
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
-#include "sync/CApiCheck.h"
-
+/* The primitives are a C interface: this file holds them to that. */
 #include "sync/MP4AVSync.h"
 
+int64_t roundTripFromC(int64_t emptyDuration, int64_t mediaTime);
+
+/* Writes an edts with an empty edit and a media edit, reads it back, and returns the second entry's media time; -1 when
+ * anything on the way is wrong. */
 int64_t roundTripFromC(int64_t emptyDuration, int64_t mediaTime) {
   const AVSyncElstEntry written[2] = {{emptyDuration, -1, 0x10000}, {1000, mediaTime, 0x10000}};
   uint8_t edts[128];

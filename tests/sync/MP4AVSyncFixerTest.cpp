@@ -1,51 +1,48 @@
-#include <filesystem>
-
+#include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
+#include "support/FlashBeep.h"
 #include "support/MovieLayout.h"
-#include "sync/FlashBeep.h"
+#include "support/SyntheticMovie.h"
 #include "sync/MP4AVSyncFixer.h"
-#include "sync/SyncMovie.h"
 
 namespace tarn::test {
 namespace {
 
-constexpr uint32_t rate = 0x10000;
-constexpr uint32_t minusOne = 0xFFFFFFFF;
+/// Ten seconds; the sound begins 20 ms ahead of the pictures.
+struct WorkedCase {
+  SyntheticTrack video{
+      .handler = "vide", .timescale = 90000, .ctts = {{300, 3000}}, .edits = {{10000, 3000}}, .mediaDuration = 900000};
+  SyntheticTrack audio{.edits = {{10000, 1024}}, .mediaDuration = 481024};
+  uint32_t timescale = 1000;
+
+  Bytes moov() const { return BoxEditor(syntheticMovie({video, audio}, timescale)).get("moov"); }
+};
 
 class SyncFixer : public FileTest {
  protected:
   OriginalSyncInfo capture() { return MP4AVSyncFixer::readOriginalSyncInfo(files_, file_); }
-  OriginalSyncInfo capture(const SyncMovie& movie) {
-    write(movie.moov());
+  OriginalSyncInfo capture(const Bytes& movie) {
+    write(movie);
     return capture();
   }
   bool fix(const std::optional<OriginalSyncInfo>& original = {}, bool isReplaced = false) {
     return MP4AVSyncFixer::fix(files_, file_, nullptr, nullptr, original, isReplaced);
   }
-  /// The rows of a file's video and audio track.
+  /// The rows of the file's tracks.
   std::string rows() {
-    auto handle = files_.open(file_, OpenMode::reading);
-    auto moov = MP4BoxUtils::findBox(*handle, "moov", topLevelSearchLimit);
-    std::string text;
-    for (MP4TrackType type : {MP4TrackType::video, MP4TrackType::audio}) {
-      text += type == MP4TrackType::video ? "video " : "audio ";
-      for (const auto& row : MP4AVSyncFixer::parseVideoEditList(*handle, moov.value(), type)) {
-        text += fmt::format("{}@{} ", row.duration, row.mediaTime);
-      }
-    }
+    const auto info = capture();
+    std::string text = "video ";
+    for (const auto& row : info.videoEditList) text += fmt::format("{}@{} ", row.duration, row.mediaTime);
+    text += "audio ";
+    for (const auto& row : info.audioEditList) text += fmt::format("{}@{} ", row.duration, row.mediaTime);
     return text;
   }
 };
 
-SyncMovie workedCase() {
-  return {.tracks = {{"vide", 90000, 900000, {SyncMovie::elst({10000, 3000, rate})}, {fullBox("ctts", {1, 300, 3000})}},
-                     {"soun", 48000, 481024, {SyncMovie::elst({10000, 1024, rate})}}}};
-}
-
 TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
-  auto original = capture(workedCase());
+  auto original = capture(WorkedCase().moov());
   EXPECT_EQ(original.syncOffsetMovieTime, -20);
   EXPECT_EQ(original.text(), "OriginalSyncInfo: syncOffset=-20.0ms, videoStart=0, audioStart=0, movieTimescale=1000");
   AVSyncTimings timings;
@@ -60,57 +57,53 @@ TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
 }
 
 TEST_F(SyncFixer, CapturesOddTracks) {
-  auto movie = workedCase();
-  auto& video = movie.tracks[0];
-  auto& audio = movie.tracks[1];
-  video.edits = {SyncMovie::elst({500, minusOne, rate, 9500, 3000, rate})};
-  audio.edits = {SyncMovie::elst({100, minusOne, rate, 200, minusOne, rate})};
-  EXPECT_EQ(capture(movie).text().substr(18),
+  WorkedCase movie;
+  movie.video.edits = {{500, -1}, {9500, 3000}};
+  movie.audio.edits = {{100, -1}, {200, -1}};
+  EXPECT_EQ(capture(movie.moov()).text().substr(18),
             "syncOffset=-200.0ms, videoStart=500, audioStart=300, movieTimescale=1000");
-
-  EXPECT_EQ(capture(movie).audioEncoderDelay, 0) << "without a sample entry the codec is unknown";
-  for (auto [codec, delay] : {std::pair("mp4a", 2112), {"enca", 0}}) {
-    audio.sampleTable = {sampleDescriptionBox({box(codec)})};
-    EXPECT_EQ(capture(movie).audioEncoderDelay, delay);
+  for (auto [entry, delay] : {std::pair(Bytes(), 0), {box("mp4a"), 2112}, {box("enca"), 0}}) {
+    movie.audio.sampleEntry = entry;
+    EXPECT_EQ(capture(movie.moov()).audioEncoderDelay, delay);
   }
 
-  video.edits = {};
-  audio.edits = {SyncMovie::elst64(std::vector<std::array<uint64_t, 2>>(20, {7, 0}))};
-  EXPECT_EQ(capture(movie).audioEditList.size(), 16u);
-  EXPECT_EQ(capture(movie).syncOffsetMovieTime, -33) << "3000 ticks of the first composition offset";
+  movie.video.edits = {};
+  movie.audio.edits.assign(20, {7, 0});
+  movie.audio.longTimes = true;
+  EXPECT_EQ(capture(movie.moov()).audioEditList.size(), 16u);
+  EXPECT_EQ(capture().syncOffsetMovieTime, -33) << "3000 ticks of the first composition offset";
 
-  audio.timescale = 0;
-  EXPECT_EQ(capture(movie).audioTrackTimescale, 48000u);
+  movie.audio.timescale = 0;
+  EXPECT_EQ(capture(movie.moov()).audioTrackTimescale, 48000u);
   EXPECT_FALSE(fix()) << "audio without a timescale counts as none";
-  movie.tracks.pop_back();
-  EXPECT_TRUE(capture(movie).audioEditList.empty());
-  EXPECT_EQ(capture(movie).audioEncoderDelay, 2112);
+  EXPECT_TRUE(capture(syntheticMovie({movie.video})).audioEditList.empty());
+  EXPECT_EQ(capture().audioEncoderDelay, 2112);
   EXPECT_FALSE(fix());
   EXPECT_TRUE(log_.contains("MP4AVSyncFixer: No audio track found, skipping (video-only files not processed)"));
 }
 
 TEST_F(SyncFixer, EndsExtremeTimesInAnError) {
-  constexpr uint64_t highest = 0x7FFFFFFFFFFFFFFF, lowest = highest + 1, emptyEdit = ~uint64_t{0};
-  for (const auto& list : std::vector<std::vector<std::array<uint64_t, 2>>>{
-           {{highest, emptyEdit}, {1, emptyEdit}}, {{1, lowest}}, {{1, highest - 1}}, {{highest, emptyEdit}, {1, 0}}}) {
-    auto movie = workedCase();
-    movie.tracks[1].edits = {SyncMovie::elst64(list)};
-    movie.tracks[0].edits = {SyncMovie::elst({10, 900000, rate})};
-    movie.timescale = 90000;
-    EXPECT_EQ(failureOf([&] { capture(movie); }), "Analysis error: Time value out of range");
+  constexpr int64_t highest = INT64_MAX;
+  WorkedCase movie{.timescale = 90000};
+  movie.video.edits = {{10, 900000}};
+  movie.audio.longTimes = true;
+  for (const auto& list : std::vector<decltype(movie.audio.edits)>{
+           {{highest, -1}, {1, -1}}, {{1, INT64_MIN}}, {{1, highest - 1}}, {{highest, -1}, {1, 0}}}) {
+    movie.audio.edits = list;
+    EXPECT_EQ(failureOf([&] { capture(movie.moov()); }), "Analysis error: Time value out of range");
   }
 }
 
 TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
   EXPECT_EQ(failureOf([&] { fix(); }), "MP4 file not found");
-  const Bytes moov = workedCase().moov();
+  const Bytes moov = WorkedCase().moov();
   auto without = [&](const char* path) {
     BoxEditor editor(moov);
     editor.rename(path, "skip");
     return editor.bytes;
   };
-  SyncMovie noMovieScale = workedCase(), noTrackScale = workedCase();
-  noMovieScale.timescale = noTrackScale.tracks[0].timescale = 0;
+  WorkedCase noTrackScale;
+  noTrackScale.video.timescale = 0;
   BoxEditor longChild(moov), hidden(without("moov/trak/edts"));
   longChild.insert("moov/trak", longChild.at("moov/trak/edts").offset, longBox("free"));
   hidden.insert("moov/trak", hidden.at("moov/trak/mdia").end(), longBox("free"));
@@ -121,17 +114,17 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       {without("moov/trak/mdia/mdhd"), "Corrupted MP4: mdhd box not found"},
       {without("moov/trak/mdia/minf"), "Corrupted MP4: minf box not found"},
       {without("moov/trak/mdia/minf/stbl"), "Corrupted MP4: stbl box not found"},
-      {noMovieScale.moov(), "Analysis error: Invalid movie timescale"},
+      {WorkedCase{.timescale = 0}.moov(), "Analysis error: Invalid movie timescale"},
       {noTrackScale.moov(), "Analysis error: Invalid track timescale"},
       {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: moov box has a 64-bit size field"},
       {longChild.bytes, "Fix error: mdia box lies at or behind a box without a plain 32-bit size or type"},
       {hidden.bytes, "Fix error: A box with a 64-bit size may hide the track's edit list"},
   };
   for (const auto& [movie, failure] : cases) {
-    write(joined({movie, box("mdat")}));
+    const Bytes file = joined({movie, box("mdat")});
+    EXPECT_EQ(failureOf([&] { capture(file); }), failure.starts_with("Fix error") ? "" : failure);
     EXPECT_EQ(failureOf([&] { fix(); }), failure);
-    EXPECT_EQ(failureOf([&] { capture(); }), failure.starts_with("Fix error") ? "none" : failure);
-    EXPECT_EQ(written(), joined({movie, box("mdat")}));
+    EXPECT_EQ(written(), file);
   }
   CancellationToken token;
   token.cancel();
@@ -142,7 +135,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
 
 TEST_F(SyncFixer, KeepsEveryByteOfTheMediaInEveryLayout) {
   using Kind = MovieLayout::Piece::Kind;
-  const Path clip = flashBeepClip(0.3, {}, false, true);
+  const Path clip = flashBeepClip(0.3, {}, "-map 0:v -map 1:a -map 1:a");
   const std::string hashes = mediaHashes(clip);
   MovieLayout layout(readFile(files_, clip));
   const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];
@@ -166,24 +159,28 @@ TEST_F(SyncFixer, KeepsEveryByteOfTheMediaInEveryLayout) {
 }
 
 TEST_F(SyncFixer, ClampsAnOffsetThatDoesNotFit) {
-  auto movie = workedCase();
-  movie.tracks[0].edits = {};
-  movie.tracks[0].chunks = {1000, 0xFFFFFFF0};
-  write(joined({movie.moov(), box("mdat")}));
+  WorkedCase movie;
+  movie.video.edits = {};
+  movie.video.samples = 8;
+  constexpr const char* stco = "moov/trak/mdia/minf/stbl/stco";
+  BoxEditor clip(movie.moov());
+  clip.setField(clip.at(stco).offset + 16, 1000);
+  clip.setField(clip.at(stco).offset + 20, 0xFFFFFFF0);
+  write(joined({clip.bytes, box("mdat")}));
   ASSERT_TRUE(fix({}, true));
   BoxEditor fixed(written());
-  EXPECT_EQ(fixed.get("moov/trak/mdia/minf/stbl/stco"), fullBox("stco", {2, 1036, 0xFFFFFFFF}));
+  EXPECT_EQ(fixed.get(stco), fullBox("stco", {2, 1036, 0xFFFFFFFF}));
   EXPECT_TRUE(log_.contains("WARNING: stco offset overflow at entry 1: 4294967280 + 36 = 4294967316, clamping"));
   EXPECT_EQ(fixed.at("moov/trak/edts").offset, fixed.at("moov/trak/tkhd").end());
 }
 
 TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
-  auto movie = workedCase();
-  std::swap(movie.tracks[0], movie.tracks[1]);
+  WorkedCase movie;
+  std::swap(movie.video, movie.audio);  // the audio comes first
   auto handle = open(movie.moov());
   auto moov = *MP4BoxUtils::findBox(*handle, "moov", topLevelSearchLimit);
   auto ctts = MP4AVSyncFixer::parseVideoTrackInfo(*handle, moov);
-  const Bytes list = box("edts", {SyncMovie::elst({1, minusOne, rate, 2, 3, rate})});
+  const Bytes list = box("edts", {fullBox("elst", {2, 1, UINT32_MAX, 0x10000, 2, 3, 0x10000})});
   MP4AVSyncFixer::rewriteMoovWithBothEdts(files_, file_, moov,
                                           *MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::video),
                                           MP4BoxUtils::findTrack(*handle, moov, MP4TrackType::audio),
@@ -200,21 +197,19 @@ TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
 TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
   const Bytes source = readFile(files_, flashBeepClip(0.3, {"-movflags", "faststart"}));
   FaultyFileManager faulty(files_);
-  for (int errnum : {ENOSPC, EIO}) {
-    uint64_t call = 1;
-    for (bool fired = true; fired; ++call) {
+  for (const Fault& fault : {Fault{.errnum = EIO, .effect = Fault::Effect::half},
+                             Fault{.errnum = ENOSPC,
+                             .effect = Fault::Effect::half,
+                             .among = {FileOperation::write, FileOperation::flush, FileOperation::replace}}}) {
+    const uint64_t faults = faulty.sweep(fault, [&](uint64_t call) {
       write(source);
-      Fault fault{.call = call, .errnum = errnum, .effect = Fault::Effect::half};
-      if (errnum == ENOSPC) fault.among = {FileOperation::write, FileOperation::flush, FileOperation::replace};
-      faulty.arm(fault);
       bool isDone = false;
       failureOf([&] { isDone = MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
-      fired = faulty.fired();
-      EXPECT_TRUE(fired || isDone);
+      EXPECT_TRUE(faulty.fired() || isDone);
       EXPECT_TRUE(isDone || written() == source) << "call " << call;
       EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "call " << call;
-    }
-    EXPECT_GT(call, 4u);
+    });
+    EXPECT_GT(faults, 3u);
   }
 }
 
