@@ -24,11 +24,11 @@ using Injury = std::pair<std::string, std::function<void(Bytes&)>>;
 
 std::vector<Injury> injuriesOf(const BoxEditor& movie, bool isHEVC, bool isChanging) {
   std::vector<Injury> injuries;
-  const std::string stbl = "moov/trak/mdia/minf/stbl", entry = stbl + (isHEVC ? "/stsd/hev1" : "/stsd/avc3");
-  std::vector<std::string> boxes = {"ftyp", "moov", "moov/trak", "moov/trak/mdia", "moov/trak/mdia/minf",
-                                    stbl,   entry,  "mdat",      entry + "/pasp"};
+  const std::string entry = sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc3");
+  std::vector<std::string> boxes = {"ftyp",      "moov", "moov/trak", "moov/trak/mdia", "moov/trak/mdia/minf",
+                                    sampleTable, entry,  "mdat",      entry + "/pasp"};
   for (const std::string table : {"stsd", "stts", "ctts", "stsc", "stsz", "stco", "stss"}) {
-    boxes.push_back(stbl + "/" + table);
+    boxes.push_back(sampleTable + "/" + table);
     // A new stsd heals a wrong count, which other readers refuse.
     if (table == "stsd" && isChanging) continue;
     size_t count = movie.at(boxes.back()).offset + (table == "stsz" ? 16 : 12);
@@ -49,7 +49,7 @@ std::vector<Injury> injuriesOf(const BoxEditor& movie, bool isHEVC, bool isChang
       });
     }
   }
-  size_t sampleSizes = movie.at(stbl + "/stsz").offset + 12;
+  size_t sampleSizes = movie.at(sampleTable + "/stsz").offset + 12;
   injuries.emplace_back("stsz of 2^32-1 entries of one byte",
                         [=](Bytes& bytes) { writeUInt64(bytes, uint64_t{1} << 32 | UINT32_MAX, sampleSizes); });
   for (size_t length = 0; length < movie.at("mdat").offset + 200; length += 61) {

@@ -11,35 +11,39 @@ using namespace test;
 using Kind = MovieLayout::Piece::Kind;
 
 TEST_F(RemuxTest, RepairsRealStreams) {
+  const std::string inBand = "repeat-headers=1";
   const auto twoSounds = words("-f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -c:a aac -b:a 64k");
-  struct {
-    bool isHEVC;
-    std::string parameters, pixelFormat = "yuv420p", size = "192x144";
-    std::vector<std::string> more = {};
-  } cases[] = {
-      {false, ":keyint=20"},
-      {false, ":keyint=20:open-gop=1:slices=4"},
-      {false, "", "yuv422p10le", "190x142"},
-      {false, ":interlaced=1"},
-      {false, "", "yuv420p", "192x144", twoSounds},
-      {true, ":keyint=20"},
-      {true, ":keyint=20:open-gop=1:bframes=3:slices=2"},
-      {true, "", "yuv422p10le", "190x142"},
-      {true, ":interlace=1"},
-      {true, ":temporal-layers=1:bframes=3:b-adapt=0"},
-      {true, "", "yuv420p", "192x144", twoSounds},
+  const VideoRecipe recipes[] = {
+      {"libx264", inBand + ":keyint=20"},
+      {"libx264", inBand + ":keyint=20:open-gop=1:slices=4"},
+      {"libx264", inBand, "yuv422p10le", "190x142"},
+      {"libx264", inBand + ":interlaced=1"},
+      {"libx264", inBand, "yuv420p", "192x144", 2, twoSounds},
+      {"libx265", inBand + ":keyint=20"},
+      {"libx265", inBand + ":keyint=20:open-gop=1:bframes=3:slices=2"},
+      {"libx265", inBand, "yuv422p10le", "190x142"},
+      {"libx265", inBand + ":interlace=1"},
+      {"libx265", inBand + ":temporal-layers=1:bframes=3:b-adapt=0"},
+      {"libx265", inBand, "yuv420p", "192x144", 2, twoSounds},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.parameters + " " + c.pixelFormat);
-    Path original = encodedVideo({.codec = c.isHEVC ? "libx265" : "libx264",
-                                  .parameters = "repeat-headers=1" + c.parameters,
-                                  .pixelFormat = c.pixelFormat,
-                                  .size = c.size,
-                                  .more = c.more});
-    Bytes movie = MovieLayout(readFile(files_, original)).moovAhead();
-    expectRepaired(c.isHEVC, withoutParameterSets(movie, c.isHEVC), sampleHashes(original));
+  for (const VideoRecipe& recipe : recipes) {
+    SCOPED_TRACE(recipe.codec + recipe.parameters + " " + recipe.pixelFormat);
+    const bool isHEVC = recipe.codec == "libx265";
+    const Path original = encodedVideo(recipe);
+    const Bytes movie = MovieLayout(readFile(files_, original)).moovAhead();
+    expectRepaired(isHEVC, withoutParameterSets(movie, isHEVC), sampleHashes(original));
     EXPECT_EQ(frameHashes(file_), frameHashes(original));
     EXPECT_GE(std::ranges::count(frameHashes(file_), '\n'), 49);
+    if (isHEVC) continue;
+
+    // Where the record is there, four bytes of the file change.
+    BoxEditor tagged(readFile(files_, original));
+    tagged.rename(sampleTable + "/stsd/avc1", "avc3");
+    write(tagged.bytes);
+    log_.clear();
+    repair(false);
+    EXPECT_EQ(written(), readFile(files_, original));
+    EXPECT_TRUE(log_.contains("AVC: Phase 1 succeeded, no full remux needed"));
   }
 }
 
@@ -59,7 +63,7 @@ TEST_F(RemuxTest, KeepsEveryLayout) {
   MovieLayout odd = layout, longOffsets = layout;
   longOffsets.useLongOffsets();
   BoxEditor editor(layout.moov);
-  for (std::string parent : {"moov/trak/mdia/minf/stbl", "moov/trak", "moov"}) {
+  for (std::string parent : {sampleTable, {"moov/trak"}, {"moov"}}) {
     editor.insert(parent, editor.at(parent).offset + 8, box("wxyz", {Bytes(20, 7)}));
     editor.insert(parent, editor.at(parent).end(), box("uuid", {Bytes(24, 9)}));
   }

@@ -14,6 +14,8 @@
 
 namespace tarn::test {
 
+inline const std::string sampleTable = "moov/trak/mdia/minf/stbl";
+
 /// A recipe for 2 s that have their parameter sets in the samples.
 inline VideoRecipe inBand(bool isHEVC, const std::string& size = "192x144") {
   return {.codec = isHEVC ? "libx265" : "libx264", .parameters = "repeat-headers=1:keyint=20", .size = size};
@@ -22,7 +24,7 @@ inline VideoRecipe inBand(bool isHEVC, const std::string& size = "192x144") {
 /// The movie without the configuration box of its sample entry and with the tag that says so; no offset changes.
 inline Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
   BoxEditor editor(movie);
-  const std::string entry = std::string("moov/trak/mdia/minf/stbl/stsd/") + (isHEVC ? "hev1" : "avc1");
+  const std::string entry = sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc1");
   editor.rename(entry + (isHEVC ? "/hvcC" : "/avcC"), "free");
   if (!isHEVC) editor.rename(entry, "avc3");
   return editor.bytes;
