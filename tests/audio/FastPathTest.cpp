@@ -43,7 +43,7 @@ class FastPath : public testing::Test {
                               " -c:v libx264 -c:a aac -ac 2 -b:a 128k -movflags faststart -t " + seconds));
   }
 
-  void repair(FileManager& files, int64_t rate) {
+  void repair(FileManager& files, int64_t rate, const std::vector<AudioAction>& actions = {}) {
     recorder_.onSave = [&](const ProcessingState& record) {
       for (const Path& file : record.tempFiles) {
         if (std::ranges::count(recorder_.record.tempFiles, file) > 0) continue;
@@ -52,7 +52,7 @@ class FastPath : public testing::Test {
       }
     };
     ProcessingRun run = recorder_.runOn(files, file_);
-    performFastPathAudioRepair(run, {}, configOf(rate));
+    performFastPathAudioRepair(run, actions, configOf(rate));
   }
 
   Builder::BuildResult build(const Path& file, const AudioConfigCheck& config, std::vector<AudioAction> actions = {}) {
@@ -71,20 +71,31 @@ class FastPath : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(FastPath, KeepsPicturesAndPacketsAndPlays) {
+TEST_F(FastPath, KeepsPicturesAndPacketsAndJoinsSilenceWithoutAClick) {
   for (int64_t rate : {24000, 44100, 48000}) {
+    SCOPED_TRACE(rate);
     const Path source = tone(rate, true);
     std::filesystem::copy_file(source, file_, std::filesystem::copy_options::overwrite_existing);
     repair(files_, rate);
-    EXPECT_EQ(mediaHashes(file_), mediaHashes(source)) << rate;
-    EXPECT_EQ(decoded(file_), decoded(source)) << rate;
-    EXPECT_EQ(decoderComplaints(file_), "") << rate;
+    EXPECT_EQ(mediaHashes(file_), mediaHashes(source));
     EXPECT_EQ(names_.at(0).substr(36), "_fastpath.mp4");
     EXPECT_EQ(names_.at(1).substr(36), "_fastpath_audio.m4a");
     EXPECT_TRUE(recorder_.record.tempFiles.empty());
     EXPECT_EQ(files_.contentsOfDirectory(directory_.path()), std::vector<std::string>{"clip.mp4"});
+
+    repair(files_, rate, {silence(20, 10)});
+    EXPECT_EQ(decoderComplaints(file_), "");
+    const auto before = decoded(source), after = decoded(file_);
+    ASSERT_EQ(after.size(), before.size() + 10 * 2048);
+    // A packet overlaps the next by half, so the first silent one carries the end of the tone.
+    EXPECT_EQ(Samples(after.begin() + 21 * 2048, after.begin() + 30 * 2048), Samples(9 * 2048));
+    EXPECT_TRUE(std::equal(after.begin(), after.begin() + 20 * 2048, before.begin()));
+    EXPECT_LE(largestStep(after, 2), largestStep(before, 2) * 5 / 4);
+    EXPECT_EQ(SilentAACSampleCache::shared().getSilentFrame(rate).size(), 6u);
+    const auto line = fmt::format("SilentAACSampleCache: Generated {}Hz silent frame", rate);
+    EXPECT_LE(std::ranges::count_if(log_.lines(), [&](auto& said) { return said.starts_with(line); }), 1);
   }
-  EXPECT_TRUE(log_.contains("FastPath: Audio repair completed successfully"));
+  EXPECT_THROW(SilentAACSampleCache::shared().getSilentFrame(22050), SilentFrameError);
 }
 
 TEST_F(FastPath, LeavesTheSourceWholeAndNoTempFileWhateverFails) {
@@ -148,24 +159,6 @@ TEST_F(FastPath, InsertsWholeSilentPacketsAndCarriesTheRest) {
     const std::vector<AudioAction> endless(2, {AudioAction::Kind::insertSilence, 1, ticks, ""});
     EXPECT_THROW(build(source, configOf(48000), endless), FastPathError);
   }
-}
-
-TEST_F(FastPath, SilentPacketsDecodeToSilenceAndJoinWithoutAClick) {
-  for (int64_t rate : {24000, 44100, 48000}) {
-    const Path source = tone(rate, false);
-    writeFastPathAudioToM4A(files_, build(source, configOf(rate), {silence(20, 10)}), file_);
-    EXPECT_EQ(decoderComplaints(file_), "") << rate;
-    const auto before = decoded(source), after = decoded(file_);
-    ASSERT_EQ(after.size(), before.size() + 10 * 2048) << rate;
-    // A packet overlaps the next by half, so the first silent one carries the end of the tone.
-    EXPECT_EQ(Samples(after.begin() + 21 * 2048, after.begin() + 30 * 2048), Samples(9 * 2048)) << rate;
-    EXPECT_TRUE(std::equal(after.begin(), after.begin() + 20 * 2048, before.begin())) << rate;
-    EXPECT_LE(largestStep(after, 2), largestStep(before, 2) * 5 / 4) << rate;
-    const auto line = fmt::format("SilentAACSampleCache: Generated {}Hz silent frame", rate);
-    EXPECT_EQ(SilentAACSampleCache::shared().getSilentFrame(rate).size(), 6u);
-    EXPECT_LE(std::ranges::count_if(log_.lines(), [&](auto& said) { return said.starts_with(line); }), 1);
-  }
-  EXPECT_THROW(SilentAACSampleCache::shared().getSilentFrame(22050), SilentFrameError);
 }
 
 TEST_F(FastPath, RefusesASourceThatItCannotRead) {
