@@ -9,7 +9,6 @@
 #include "audio/AudioTranscoder.h"
 #include "support/Clip.h"
 #include "support/LogCapture.h"
-#include "support/ScriptedSource.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
@@ -161,6 +160,7 @@ TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
     EXPECT_EQ(alone.gaps[0].frameIndex, 100);
     EXPECT_EQ(alone.gaps[0].sampleOffset, 100 * packet);
   }
+  EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 470 AAC frames × 1024 = 481280 PCM samples"));
   clip_.write(syntheticMovie({coded(lc24, 24000)}));
   EXPECT_EQ(gapsAlone().totalSampleCount, packets * 2048) << "the other rule for low rates";
   std::string merged;
@@ -209,60 +209,27 @@ TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGiv
   }
 }
 
-/// An asset of one track whose buffers are given.
-class ScriptedAsset : public AVAsset {
- public:
-  ScriptedAsset(Clip& clip, std::vector<CMSampleBuffer> buffers)
-      : AVAsset(clip.files, clip.asset.url()), buffers_(std::move(buffers)) {}
-
-  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& /*track*/) const override {
-    const auto next = [this, i = size_t{0}]() mutable {
-      return i < buffers_.size() ? std::optional(buffers_[i++]) : std::nullopt;
-    };
-    return std::make_unique<ScriptedSource>(next, [](int64_t) { return Bytes(); });
-  }
-
- private:
-  std::vector<CMSampleBuffer> buffers_;
-};
-
-TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimesAndOverlaps) {
-  clip_.write({});
-  const auto at = [](CMTime pts, CMTime duration = CMTime::invalid(), int64_t count = 1) {
-    return CMSampleBuffer{pts, duration, count, nullptr, nullptr};
-  };
-  const AVAssetTrack track;
-  const auto ticks90 = [](int64_t value) { return CMTime::make(value, 90000); };
-
-  // A thirtieth of a second stands for a duration that is missing; half a second is no gap, a tick more is one.
-  for (int64_t more : {0, 1}) {
-    const ScriptedAsset asset(clip_, {at(CMTime::invalid()), at(ticks90(9000)), at(CMTime::indefinite()),
-                                      at(ticks90(9000 + 3000 + 45000 + more), ticks90(3000))});
-    const auto timeline = AudioTranscoder::buildVideoTimeline(asset, track, 0.5);
-    EXPECT_EQ(timeline.gaps.size(), static_cast<size_t>(more));
+TEST_F(AudioAnalysis, FindsGapsOfTheVideoAndOverlapsAndBearsTracksThatShowNothing) {
+  // Half a second is no gap, a millisecond more is one.
+  for (uint32_t more : {0, 1}) {
+    clip_.write(syntheticMovie({pictures({{100, -1}, {1000, 0}, {500 + more, -1}, {2000, 90000}})}));
+    const auto timeline = AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5);
+    EXPECT_EQ(timeline.gaps.size(), more);
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
-    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), static_cast<double>(51000 + more) / 90000);
+    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + 0.001 * more);
   }
-  // Buffers of three packets, the second without a time.
-  const CMTime three = CMTime::make(3 * packet, 48000);
-  const ScriptedAsset sound(clip_, {at(CMTime::make(0, 48000), three, 3), at(CMTime::invalid(), three, 3),
-                                    at(CMTime::make(3 * packet + 48000, 48000), CMTime::invalid(), 3)});
-  const auto covered = AudioTranscoder::buildAudioCoverage(sound, track, ticks90(9), 48000, 0.5);
-  EXPECT_EQ(covered.totalSampleCount, 9 * packet);
-  ASSERT_EQ(covered.gaps.size(), 1U);
-  EXPECT_NEAR(covered.gaps[0].duration.seconds(), 1, 1e-4);
-  EXPECT_NEAR(covered.lastPTS.seconds(), (3 * packet * 2 + 48000) / 48000.0, 1e-9);
-
-  // 4800 frames back.
-  const ScriptedAsset overlapping(clip_, {at(CMTime::make(0, 48000), ticks90(90000), 47), at(ticks90(81000))});
-  const auto inside = AudioTranscoder::detectInternalGaps(overlapping, track, AACType::aacLC, 64);
+  SyntheticTrack overlapping = sound({{packets, packet}});
+  overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
+  clip_.write(syntheticMovie({overlapping}));
+  const auto inside = AudioTranscoder::detectInternalGaps(clip_.asset, clip_.track(), AACType::aacLC, 64);
   EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
   EXPECT_EQ(inside.maxOverlapMs, 100);
 
-  const ScriptedAsset nothing(clip_, {});
-  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(nothing, track, 0.5), AudioTranscoderError);
-  EXPECT_THROW(AudioTranscoder::buildAudioCoverage(nothing, track, {}, 48000, 0.5), AudioTranscoderError);
-  EXPECT_TRUE(AudioTranscoder::detectAudioGaps(nothing, track, 48000, 2.0).overlaps.empty());
+  clip_.write(syntheticMovie({pictures({{100, -1}}), sound({{packets, packet}}, {{100, -1}})}));
+  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),
+               AudioTranscoderError);
+  EXPECT_THROW(coverage(), AudioTranscoderError);
+  EXPECT_TRUE(gapsAlone().overlaps.empty());
 }
 
 TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {

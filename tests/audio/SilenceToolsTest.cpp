@@ -83,47 +83,45 @@ TEST(AudioFades, FollowThePlainReference) {
 }
 
 TEST(PCMBuffers, LoseFramesAtTheHead) {
-  const std::pair<int64_t, Samples> cases[] = {{-1, {1, 2, 3, 4}}, {0, {1, 2, 3, 4}}, {1, {3, 4}}, {2, {}}, {3, {}}};
-  for (const auto& [frames, left] : cases) {
+  const std::pair<int64_t, Samples> rows[] = {{-1, {1, 2, 3, 4}}, {0, {1, 2, 3, 4}}, {1, {3, 4}}, {2, {}}, {3, {}}};
+  for (const auto& [frames, left] : rows) {
     auto buffer = pcmBuffer(Samples{1, 2, 3, 4}, 2);
     dropFramesFromHead(buffer, frames);
     EXPECT_EQ(samplesOf(buffer), left) << frames;
   }
 }
 
-TEST(PCMBuffers, GoToSampleBuffersAndBack) {
+TEST(PCMBuffers, AreUsedAgainWhereTheyFitAndKeepNothingOfTheirUse) {
   const AVAudioFormat stereo{48000, 2};
   const Samples samples{1, -2, 3, -4, 5, -6};
-  auto sampleBuffer = pcmBufferToCMSampleBuffer(pcmBuffer(samples, 2), createPCMFormatDescription(48000, 2), {}, 48000);
-  ASSERT_TRUE(sampleBuffer);
-  auto reused = toAVAudioPCMBuffer(*sampleBuffer, stereo, AVAudioPCMBuffer(stereo, 100));
-  EXPECT_EQ(reused->frameCapacity(), 100u);
-  EXPECT_EQ(samplesOf(*reused), samples);
-  EXPECT_EQ(toAVAudioPCMBuffer(*sampleBuffer, stereo, AVAudioPCMBuffer(stereo, 2))->frameCapacity(), 3u);
-
+  auto buffer = sampleBuffer(samples, 2);
+  for (auto [room, capacity] : {std::pair(100u, 100u), {2u, 3u}}) {
+    const auto copy = toAVAudioPCMBuffer(buffer, stereo, AVAudioPCMBuffer(stereo, room));
+    EXPECT_EQ(copy->frameCapacity(), capacity);
+    EXPECT_EQ(samplesOf(*copy), samples);
+  }
   // One of the pool may have fewer channels, and holds what it was used for.
   PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9}, 1));
-  EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), samples);
-  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9, 9}, 2));
-  sampleBuffer->numSamples = 2;
-  sampleBuffer->dataBuffer = std::make_shared<const CMBlockBuffer>(Bytes{1, 0});
-  EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(*sampleBuffer, stereo)), (Samples{1, 0, 0, 0}));
+  EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(buffer, stereo)), samples);
+  PCMBufferPool::shared().returnBuffer(pcmBuffer(Samples{9, 9, 9, 9, 9, 9}, 2));
+  buffer.dataBuffer = std::make_shared<const CMBlockBuffer>(Bytes{1, 0});
+  EXPECT_EQ(samplesOf(*toAVAudioPCMBuffer(buffer, stereo)), (Samples{1, 0, 0, 0, 0, 0}));
 }
 
 TEST(PCMBuffers, WhatCannotBeMadeIsNothing) {
   const auto format = createPCMFormatDescription(48000, 2);
-  CMSampleBuffer noData, endless;
-  noData.numSamples = 5;
-  endless.numSamples = int64_t{1} << 60;
-  LogCapture log;
+  constexpr int64_t endless = int64_t{1} << 60;
+  const LogCapture log;
   EXPECT_FALSE(createPCMFormatDescription(0, 2));
-  EXPECT_FALSE(makeSilenceSampleBuffer(endless.numSamples, {}, format, 2, 48000));
-  EXPECT_FALSE(makeShapedSilenceBuffer(endless.numSamples, {}, {}, format, 2, 48000));
-  EXPECT_FALSE(toAVAudioPCMBuffer(noData, {48000, 2}));
-  EXPECT_FALSE(toAVAudioPCMBuffer(endless, {48000, 2}));
-  EXPECT_EQ(log.lines().size(), 5u);
-  EXPECT_TRUE(log.contains("CMSampleBufferHelpers: No data buffer in sample buffer"));
+  EXPECT_FALSE(makeSilenceSampleBuffer(endless, {}, format, 2, 48000));
+  EXPECT_FALSE(makeShapedSilenceBuffer(endless, {}, {}, format, 2, 48000));
+  for (int64_t frames : {int64_t{5}, endless}) {
+    CMSampleBuffer noData;
+    noData.numSamples = frames;
+    EXPECT_FALSE(toAVAudioPCMBuffer(noData, {48000, 2}));
+  }
   EXPECT_FALSE(pcmBufferToCMSampleBuffer(AVAudioPCMBuffer({48000, 2}, 8), format, {}, 48000));
+  EXPECT_TRUE(log.contains("CMSampleBufferHelpers: No data buffer in sample buffer"));
   EXPECT_EQ(log.lines().size(), 5u) << "an empty buffer is no failure";
 }
 
