@@ -39,7 +39,7 @@ class PlacingStep : public ProcessingStep {
     } catch (const PosixError&) {
       result = run.fileURL;  // a file system without hard links
     }
-    run.files.replaceItem(place_, result);
+    PosixFileManager(place_.parent_path()).replaceItem(place_, result);
     run.download->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::completed; });
   }
 
@@ -126,7 +126,8 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
               const std::shared_ptr<CancellationToken>& token) {
   const Path place = placeOf(ends.output);
   const PrivateHome home(place.parent_path());
-  PosixFileManager files(home.path());
+  // A repair that was cut off begins anew: only the result is flushed, when it takes its place.
+  PosixFileManager files(home.path(), Durability::scratch);
   const Path copy = files.documentsDirectory(true) / "video.mp4";
   files.copyItem(ends.input, copy);
 

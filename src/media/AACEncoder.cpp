@@ -11,6 +11,10 @@ extern "C" {
 namespace tarn {
 namespace {
 
+/// Where the encoder's rate control begins to look for the quality that fits the bit rate. Its own default is so high
+/// that it needs some 300 packets to come down, which cost twice the time and sound 1 to 2 dB worse.
+constexpr int firstQuality = 30;
+
 Error encoderError(const char* what, int status) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
   av_strerror(status, text, sizeof text);
@@ -46,6 +50,7 @@ AACEncoder::AACEncoder(const AACOutputSettings& settings) : state_(std::make_uni
   context.sample_rate = settings.sampleRate;
   context.bit_rate = settings.bitRate;
   context.flags |= AV_CODEC_FLAG_BITEXACT;
+  context.global_quality = firstQuality;
   context.thread_count = 1;
   context.log_level_offset = AV_LOG_MAX_OFFSET;  // silent: what goes wrong is told by the results
   av_channel_layout_default(&context.ch_layout, settings.channels);

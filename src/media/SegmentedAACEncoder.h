@@ -18,16 +18,16 @@
 namespace tarn {
 
 /// Encodes a stream of PCM on several threads: in segments of about 45 s, each by an encoder of its own that has heard
-/// the 96 packets ahead of it and some behind it. The packets are those of the stream without priming: packet n holds
+/// the 64 packets ahead of it and some behind it. The packets are those of the stream without priming: packet n holds
 /// the frames from n * 1024 on. They do not depend on the number of workers. Calls come from one thread; `failure`,
 /// `hasRoom` and `cancel` from any.
 class SegmentedAACEncoder {
  public:
   static constexpr size_t packetsPerSegment = 2100;
-  static constexpr size_t warmUpPackets = 96;
+  static constexpr size_t warmUpPackets = 64;
   /// The encoder looks ahead: a packet comes out when so many more have gone in.
   static constexpr size_t lookAheadPackets = 4;
-  static constexpr size_t mostWaitingSegments = 2;
+  static constexpr size_t mostWaitingSegments = 1;
 
   /// Takes the packets of one segment, in the order of the segments, on some worker's thread. What it throws is the
   /// encoder's failure.

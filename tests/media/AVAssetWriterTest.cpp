@@ -101,7 +101,7 @@ TEST_F(AssetWriter, MakesTheSameFileOnAnyNumberOfWorkersAsGoodAsOneEncoder) {
   const Samples whole = decodedByFFmpeg(madeByFFmpeg({"-i", chord(), "-c:a", "aac", "-b:a", "128k"}, ".m4a"));
   const Distance ours = distance(sent, heard, 8192, sent.size()), theirs = distance(sent, whole, 8192, sent.size());
   EXPECT_GT(ours.signalToNoise, 15) << "each frame has kept its place";
-  EXPECT_NEAR(ours.signalToNoise, theirs.signalToNoise, 0.3);
+  EXPECT_GT(ours.signalToNoise, theirs.signalToNoise - 0.3);
   const size_t join = SegmentedAACEncoder::packetsPerSegment * 2048, around = 8 * 2048;
   EXPECT_LE(distance(sent, heard, join - around, join + around).largest, theirs.largest);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/FileManager.h"
+#include "platform/host/PosixFileHandle.h"
 
 namespace tarn {
 
@@ -8,7 +9,9 @@ namespace tarn {
 /// `<home>/Documents`, the temporary directory `<home>/tmp`.
 class PosixFileManager : public FileManager {
  public:
-  explicit PosixFileManager(Path home) : home_(std::move(home)) {}
+  /// With Durability::scratch no operation flushes: for files that are worthless once the process is gone.
+  explicit PosixFileManager(Path home, Durability durability = Durability::flushed)
+      : home_(std::move(home)), durability_(durability) {}
 
   std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override;
   bool fileExists(const Path& path) override;
@@ -27,6 +30,7 @@ class PosixFileManager : public FileManager {
 
  private:
   Path home_;
+  Durability durability_;
 };
 
 }  // namespace tarn
