@@ -145,7 +145,6 @@ void AudioDecoder::Deleter::operator()(AVPacket* packet) const {
 }
 
 AudioDecoder::AudioDecoder(const CMFormatDescription& format) {
-  av_log_set_level(AV_LOG_QUIET);  // what does not decode is told by what comes out
   const AVCodecID codecID = codecOf(format);
   const AVCodec* codec = codecID == AV_CODEC_ID_NONE ? nullptr : avcodec_find_decoder(codecID);
   if (codec == nullptr) throw Error("PCMDecoding", -1, "No decoder for audio of the type " + format.codec);
@@ -156,6 +155,7 @@ AudioDecoder::AudioDecoder(const CMFormatDescription& format) {
   // What is to be skipped at the start is the edit list's business.
   context_->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
   context_->thread_count = 1;
+  context_->log_level_offset = AV_LOG_MAX_OFFSET;  // silent: what does not decode is told by what comes out
   if (const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(format)) {
     context_->sample_rate = static_cast<int>(std::clamp(stream->mSampleRate, 0.0, double{highestRate}));
     constexpr uint32_t mostChannels = 64;

@@ -19,48 +19,45 @@ using Edits = std::vector<std::pair<uint64_t, int64_t>>;
 constexpr uint32_t packet = 1024;
 constexpr uint32_t packets = 470;  // about ten seconds at 48 kHz
 
-SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
-  SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
-  for (const auto& [count, delta] : stts) {
-    track.samples += count;
-    track.mediaDuration += uint64_t{count} * delta;
-  }
-  return track;
-}
-SyntheticTrack coded(const Bytes& entry, uint32_t timescale, Edits edits = {}) {
-  SyntheticTrack track = sound({{packets, packet}}, std::move(edits));
-  track.sampleEntry = entry;
-  track.timescale = timescale;
-  return track;
-}
-/// 25 pictures a second for ten seconds.
-SyntheticTrack pictures(Edits edits = {}) {
-  SyntheticTrack track = sound({{250, 3600}}, std::move(edits));
-  track.handler = "vide";
-  track.timescale = 90000;
-  return track;
-}
-
-const Bytes lc24 = aacSampleEntry(24000, 2, {0x13, 0x10});
-const Bytes heAAC = aacSampleEntry(24000, 2, {0x2B, 0x11, 0x88, 0x00});
-
 class AudioAnalysis : public testing::Test {
  protected:
-  static constexpr const char* complex = "Complex repair (0 actions, 0.00s silence)";
-
-  static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
+  static SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
+    SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
+    for (const auto& [count, delta] : stts) {
+      track.samples += count;
+      track.mediaDuration += uint64_t{count} * delta;
+    }
+    return track;
+  }
+  static SyntheticTrack whole(Edits edits = {}) { return sound({{packets, packet}}, std::move(edits)); }
   /// A hole behind packet 100.
   static SyntheticTrack holed(double milliseconds, uint32_t all = packets) {
     return sound({{99, packet}, {1, packet + ticks(milliseconds)}, {all - 100, packet}});
   }
   /// Longer than its packets.
   static SyntheticTrack drifting(double milliseconds, bool longTimes = false) {
-    SyntheticTrack track = sound({{packets, packet}});
+    SyntheticTrack track = whole();
     track.mediaDuration += ticks(milliseconds);
     track.longTimes = longTimes;
     return track;
   }
-  static SyntheticTrack late(uint64_t delay) { return sound({{packets, packet}}, {{delay, -1}, {10000, 0}}); }
+  static SyntheticTrack coded(uint32_t rate, const Bytes& entry, Edits edits = {}) {
+    SyntheticTrack track = whole(std::move(edits));
+    track.sampleEntry = entry;
+    track.timescale = rate;
+    return track;
+  }
+  static SyntheticTrack aac(uint32_t rate, const Bytes& config, Edits edits = {}) {
+    return coded(rate, aacSampleEntry(rate, 2, config), std::move(edits));
+  }
+  /// 25 pictures a second for ten seconds.
+  static SyntheticTrack pictures(Edits edits = {}) {
+    SyntheticTrack track = sound({{250, 3600}}, std::move(edits));
+    track.handler = "vide";
+    track.timescale = 90000;
+    return track;
+  }
+  static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
   static TimelineGap gapAt(double start, double length = 1) {
     return {CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + length), CMTime::makeWithSeconds(length)};
   }
@@ -81,39 +78,40 @@ class AudioAnalysis : public testing::Test {
 TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSoundAndChoosesTheRoad) {
   const SyntheticTrack two =
       sound({{9, packet}, {1, packet + ticks(100)}, {50, packet}, {1, packet + ticks(300)}, {99, packet}});
+  const char* const tooMuch = "Complex repair (0 actions, 0.00s silence)";
   const struct {
     SyntheticTrack audio;
     const char* found;     // gaps, those inside with the largest, drift and offset in milliseconds
     const char* decision;  // or why all is done
     Edits pictureEdits = {};
   } rows[] = {
-      {sound({{packets, packet}}), "clean 0 0 0 0 0", "skip"},
+      {whole(), "clean 0 0 0 0 0", "skip"},
       {sound({{1, packet}}), "clean 0 0 0 0 0", "skip"},
       {holed(64), "clean 0 0 0 64 0", "skip"},
       // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
-      {holed(65), "internalGaps 1 1 65 65 0", complex},
+      {holed(65), "internalGaps 1 1 65 65 0", tooMuch},
       {holed(65, packets * 42), "internalGaps 1 1 65 65 0", "fastPath"},
-      {holed(3600000), "internalGaps 1 1 3600000 3600000 0", complex},
-      {two, "internalGaps 2 2 300 400 0", complex},
+      {holed(3600000), "internalGaps 1 1 3600000 3600000 0", tooMuch},
+      {two, "internalGaps 2 2 300 400 0", tooMuch},
       {drifting(100), "clean 0 0 0 100 0", "skip"},
-      {drifting(101), "timelineDrift 0 0 0 101 0", complex},
-      {drifting(101, true), "timelineDrift 0 0 0 101 0", complex},
-      {late(64), "clean 0 0 0 5 64", "skip"},
-      {late(65), "initialOffsetOnly 1 0 0 5 65", "editListOnly"},
-      {late(100), "initialOffsetOnly 1 0 0 5 -100", "editListOnly", {{200, -1}, {10000, 0}}},
+      {drifting(101), "timelineDrift 0 0 0 101 0", tooMuch},
+      {drifting(101, true), "timelineDrift 0 0 0 101 0", tooMuch},
+      {whole({{64, -1}, {10000, 0}}), "clean 0 0 0 5 64", "skip"},
+      {whole({{65, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 65", "editListOnly"},
+      {whole({{100, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 -100", "editListOnly", {{200, -1}, {10000, 0}}},
       // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
-      {sound({{packets, packet}}, {{300, -1}, {9700, 14400}}), "initialOffsetOnly 1 0 0 7 299",
+      {whole({{300, -1}, {9700, 14400}}), "initialOffsetOnly 1 0 0 7 299",
        "Cross-track: 1 video gaps without matching audio gaps"},
-      {coded(heAAC, 24000, {{70, -1}, {20053, 0}}), "clean 0 0 0 0 70", "HE-AAC v1 (SBR) requires full normalize"},
+      {aac(24000, {0x2B, 0x11, 0x88, 0x00}, {{70, -1}, {20053, 0}}), "clean 0 0 0 0 70",
+       "HE-AAC v1 (SBR) requires full normalize"},
+      {aac(24000, {0xEB, 0x09, 0x88}), "clean 0 0 0 0 0", "HE-AAC v2 (PS) requires full normalize"},
       // Half of the length is missing where each packet counts 1024 samples at twice the rate: it always drifts.
-      {coded(lc24, 24000), "timelineDrift 0 0 0 10027 0", complex},
-      {coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100), "clean 0 0 0 0 0", "skip"},
-      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "clean 0 0 0 0 0", "Channel count 1 != target 2"},
-      {coded(aacSampleEntry(32000, 2, {0x12, 0x90}), 32000), "clean 0 0 0 0 0",
+      {aac(24000, {0x13, 0x10}), "timelineDrift 0 0 0 10027 0", tooMuch},
+      {aac(44100, {0x12, 0x10}), "clean 0 0 0 0 0", "skip"},
+      {aac(48000, {0x11, 0x88}), "clean 0 0 0 0 0", "Channel count 1 != target 2"},
+      {aac(32000, {0x12, 0x90}), "clean 0 0 0 0 0",
        "Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
-      {coded(aacSampleEntry(24000, 2, {0xEB, 0x09, 0x88}), 24000), "clean 0 0 0 0 0",
-       "HE-AAC v2 (PS) requires full normalize"},
-      {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000), "clean 0 0 0 0 0",
+      {coded(48000, audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {}))), "clean 0 0 0 0 0",
        "Non-AAC-LC codec (object type 34) requires full normalize"},
   };
   for (const auto& row : rows) {
@@ -133,6 +131,7 @@ TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSoundAndChoosesTheRoad) 
   EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Channel count 1 != target 2)"));
   EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
+  EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(clip_.files, "/none.mp4").frameDurationMs, 21.33);
 
   // Eleven changes are too many, however short; 0.16 ms in half a second, which counts as a whole one, are not.
   const AudioConfigCheck config{.matchesPassthroughTarget = true, .reason = {}, .audioTimescale = 48000};
@@ -159,9 +158,10 @@ TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
     ASSERT_EQ(alone.gaps.size(), 1U);
     EXPECT_EQ(alone.gaps[0].frameIndex, 100);
     EXPECT_EQ(alone.gaps[0].sampleOffset, 100 * packet);
+    EXPECT_EQ(alone.ptsMap.offsets.size(), packets);
   }
   EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 470 AAC frames × 1024 = 481280 PCM samples"));
-  clip_.write(syntheticMovie({coded(lc24, 24000)}));
+  clip_.write(syntheticMovie({aac(24000, {0x13, 0x10})}));
   EXPECT_EQ(gapsAlone().totalSampleCount, packets * 2048) << "the other rule for low rates";
   std::string merged;
   for (const auto& gap : AudioTranscoder::mergeOverlappingGaps(
@@ -210,22 +210,22 @@ TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGiv
 }
 
 TEST_F(AudioAnalysis, FindsGapsOfTheVideoAndOverlapsAndBearsTracksThatShowNothing) {
-  // Half a second is no gap, a millisecond more is one.
+  // Half a second is no gap, a tick more is one.
   for (uint32_t more : {0, 1}) {
-    clip_.write(syntheticMovie({pictures({{100, -1}, {1000, 0}, {500 + more, -1}, {2000, 90000}})}));
+    clip_.write(syntheticMovie({pictures({{9000, -1}, {90000, 0}, {45000 + more, -1}, {180000, 90000}})}, 90000));
     const auto timeline = AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5);
     EXPECT_EQ(timeline.gaps.size(), more);
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
-    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + 0.001 * more);
+    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + more / 90000.0);
   }
-  SyntheticTrack overlapping = sound({{packets, packet}});
+  SyntheticTrack overlapping = whole();
   overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
   clip_.write(syntheticMovie({overlapping}));
   const auto inside = AudioTranscoder::detectInternalGaps(clip_.asset, clip_.track(), AACType::aacLC, 64);
   EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
   EXPECT_EQ(inside.maxOverlapMs, 100);
 
-  clip_.write(syntheticMovie({pictures({{100, -1}}), sound({{packets, packet}}, {{100, -1}})}));
+  clip_.write(syntheticMovie({pictures({{100, -1}}), whole({{100, -1}})}));
   EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),
                AudioTranscoderError);
   EXPECT_THROW(coverage(), AudioTranscoderError);
@@ -239,7 +239,7 @@ TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
 
   // Lengths and offsets that no 64 bits hold in frames.
-  SyntheticTrack endless = sound({{packets, packet}});
+  SyntheticTrack endless = whole();
   endless.timescale = 1;
   endless.longTimes = true;
   endless.mediaDuration = INT64_MAX;

@@ -1,4 +1,3 @@
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "media/AVAssetReader.h"
@@ -20,34 +19,23 @@ std::shared_ptr<AVAssetReaderTrackOutput> addedOutput(AVAssetReader& reader, con
   return output;
 }
 
-TEST(AVAsset, ListsTheTracksOfARealFile) {
-  const Clip clip(madeByFFmpeg(
+TEST(AVAsset, ListsTheTracksThatItsBoxesTellOf) {
+  Clip real(madeByFFmpeg(
       words("-f lavfi -i testsrc2=size=64x64:rate=25 -f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -t 1 -c:v libx264 "
-            "-c:a aac -video_track_timescale 12800 -ac:a:0 6 -ar:a:1 44100")));
-  std::string found;  // number, ticks a second, rate, channels
-  for (AVMediaType type : {AVMediaType::audio, AVMediaType::video}) {
-    for (const AVAssetTrack& track : clip.asset.tracks(type)) {
-      const auto stream = track.formatDescriptions.at(0)->streamDescription.value_or(AudioStreamBasicDescription());
-      found += fmt::format("{}: {} {} {}, ", track.trackID, track.naturalTimeScale, stream.mSampleRate,
-                           stream.mChannelsPerFrame);
-    }
-  }
-  EXPECT_EQ(found, "1: 48000 48000 6, 3: 44100 44100 1, 2: 12800 0 0, ");
-}
-
-TEST(AVAsset, DamageGivesNoTracks) {
-  Clip clip;
-  EXPECT_TRUE(clip.asset.tracks(AVMediaType::audio).empty()) << "no file";
+            "-c:a aac")));
   const Bytes longTimes = box("tkhd", {values({0x01000000, 0, 0, 0, 0, 7})});
   const Bytes sound = box("trak", {longTimes, mediaBox("soun")}), unnumbered = box("trak", {mediaBox("soun")});
-  const std::pair<Bytes, std::vector<uint32_t>> cases[] = {
+  const std::pair<Bytes, std::vector<uint32_t>> rows[] = {
+      {real.bytes(), {1, 3}},
       {{}, {}},
       {box("mdat", {box("moov", {sound})}), {}},
       {boxClaiming(UINT32_MAX, "moov", {sound}), {7}},
       {box("moov", {boxClaiming(7, "trak"), sound}), {}},
       {box("moov", {unnumbered, boxClaiming(UINT32_MAX, "trak", {mediaBox("soun")})}), {0, 0}},
   };
-  for (const auto& [movie, trackIDs] : cases) {
+  Clip clip;
+  EXPECT_TRUE(clip.asset.tracks(AVMediaType::audio).empty()) << "no file";
+  for (const auto& [movie, trackIDs] : rows) {
     clip.write(movie);
     std::vector<uint32_t> found;
     for (const auto& track : clip.asset.tracks(AVMediaType::audio)) found.push_back(track.trackID);

@@ -114,8 +114,8 @@ TEST(CompressedSamples, AgreeWithFFprobeOnRealFiles) {
                                    .output);
       std::vector<std::array<long, 3>> packets;
       char comma;
-      for (long pts, size, place; lines >> pts >> comma >> size >> comma >> place;)
-        packets.push_back({pts, size, place});
+      for (long pts, size, at; lines >> pts >> comma >> size >> comma >> at;) packets.push_back({pts, size, at});
+      ASSERT_TRUE(lines.eof()) << "a packet without a place";
       const auto source = clip.samples(type);
       std::vector<CMSampleBuffer> buffers;
       while (auto buffer = source->next()) buffers.push_back(*buffer);
