@@ -28,8 +28,8 @@ using Kind = MovieLayout::Piece::Kind;
 
 class FastPath : public testing::Test {
  protected:
-  static AudioConfigCheck configOf(int64_t rate) {
-    return {.sampleRate = rate, .reason = {}, .audioTimescale = static_cast<int32_t>(rate), .sampleDelta = 1024};
+  static AudioConfigCheck configOf(int64_t rate, int64_t delta = 1024, int32_t timescale = 48000) {
+    return {.sampleRate = rate, .reason = {}, .audioTimescale = timescale, .sampleDelta = delta};
   }
   static AudioAction silence(int64_t ahead, double packets, const std::string& reason = "") {
     return {AudioAction::Kind::insertSilence, ahead, static_cast<int64_t>(packets * 1024), reason};
@@ -52,15 +52,11 @@ class FastPath : public testing::Test {
       }
     };
     ProcessingRun run = recorder_.runOn(files, file_);
-    performFastPathAudioRepair(run, actions, configOf(rate));
+    performFastPathAudioRepair(run, actions, configOf(rate, 1024, static_cast<int32_t>(rate)));
   }
 
   Builder::BuildResult build(const Path& file, const AudioConfigCheck& config, std::vector<AudioAction> actions = {}) {
     return Builder(files_, file, config).build(actions);
-  }
-  std::string buildFailure(const Bytes& file, const AudioConfigCheck& config) {
-    writeFileAtomically(files_, file_, file);
-    return failureOf([&] { build(file_, config); });
   }
 
   TempDirectory directory_;
@@ -162,7 +158,6 @@ TEST_F(FastPath, InsertsWholeSilentPacketsAndCarriesTheRest) {
 }
 
 TEST_F(FastPath, RefusesASourceThatItCannotRead) {
-  const AudioConfigCheck config = configOf(48000);
   MovieLayout layout(readFile(files_, tone(48000, false)));
   const Bytes whole = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
   const BoxEditor editor(whole);
@@ -174,7 +169,15 @@ TEST_F(FastPath, RefusesASourceThatItCannotRead) {
   BoxEditor ahead(layout.moov);
   ahead.insert("moov", 8, soundWithoutTable);
   layout.moov = ahead.bytes;
-  const std::pair<Bytes, std::string> rows[] = {
+  const auto noPacket = [](int64_t delta, int64_t timescale) {
+    return fmt::format("Validation failed: A sample delta of {} at {} ticks a second is no packet at 48000 Hz", delta,
+                       timescale);
+  };
+  const struct {
+    Bytes file;
+    std::string failure;
+    AudioConfigCheck config = configOf(48000);
+  } rows[] = {
       {whole, ""},
       {layout.build({{Kind::moov}, {Kind::mdat}}), ""},
       {cut, fmt::format("Failed to read sample {}: Could not read {} bytes", editor.field(stsz.offset + 16) - 1,
@@ -182,18 +185,17 @@ TEST_F(FastPath, RefusesASourceThatItCannotRead) {
       {box("moov", {soundWithoutTable}), "No audio track found in source file"},
       {box("mdat"), "Cannot parse moov box"},
       {swollen, "Validation failed: The samples are larger than the file"},
+      {whole, "Failed to generate silent AAC frame", configOf(22050, 1024, 22050)},
+      // A packet's length that is none would make the sound run away from the pictures.
+      {whole, noPacket(1025, 48000), configOf(48000, 1025)},
+      {whole, noPacket(960, 48000), configOf(48000, 960)},
+      {whole, noPacket(21, 1000), configOf(48000, 21, 1000)},
+      {whole, "", configOf(48000, 1920, 90000)},
+      {whole, "", configOf(48000, 12801, 600000)},
   };
-  for (const auto& [file, failure] : rows) EXPECT_EQ(buildFailure(file, config), failure);
-  EXPECT_EQ(buildFailure(whole, configOf(22050)), "Failed to generate silent AAC frame");
-
-  // A packet's length that is none would make the sound run away from the pictures.
-  const std::tuple<int32_t, int64_t, bool> deltas[] = {
-      {48000, 1025, false}, {48000, 960, false}, {1000, 21, false}, {90000, 1920, true}, {600000, 12801, true}};
-  for (auto [timescale, delta, isGood] : deltas) {
-    AudioConfigCheck odd = config;
-    odd.audioTimescale = timescale;
-    odd.sampleDelta = delta;
-    EXPECT_EQ(buildFailure(whole, odd).empty(), isGood) << delta;
+  for (const auto& row : rows) {
+    writeFileAtomically(files_, file_, row.file);
+    EXPECT_EQ(failureOf([&] { build(file_, row.config); }), row.failure);
   }
 }
 

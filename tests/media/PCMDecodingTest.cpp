@@ -276,11 +276,11 @@ TEST(PCMDecoding, AHoleOfAnHourTakesNoMemory) {
 TEST(PCMDecoding, TakesOnlyWhatItCanDecode) {
   const auto stereo = interleavedPCM16(48000, 2);
   const std::pair<CMFormatDescription, bool> rows[] = {
-      {{"mp4a", stereo, {0x11, 0x90}, 0x40}, true},
-      {{"mp4a", stereo, {}, 0x40}, true},
       {{"mp4a", stereo, {0x11, 0x90}, 0x20}, false},  // MPEG-4 video
       {{"drmI", stereo, {}}, false},
       {{"alac", stereo, {0}}, false},
+      {{"mp4a", stereo, {0x11, 0x90}, 0x40}, true},
+      {{"mp4a", stereo, {}, 0x40}, true},
   };
   AVAssetTrack track;
   const auto makes = [&](const PCMOutputSettings& settings = {}) {
@@ -288,11 +288,9 @@ TEST(PCMDecoding, TakesOnlyWhatItCanDecode) {
   };
   EXPECT_FALSE(makes());
   for (const auto& [format, isKnown] : rows) {
-    EXPECT_EQ(canDecode(format), isKnown) << format.codec;
     track.formatDescriptions = {std::make_shared<CMFormatDescription>(format)};
     EXPECT_EQ(makes(), isKnown) << format.codec;
   }
-  track.formatDescriptions = {std::make_shared<CMFormatDescription>(rows[0].first)};
   EXPECT_FALSE(makes({.sampleRate = 0}) || makes({.channels = 0}) || makes({.channels = 3}));
 }
 
