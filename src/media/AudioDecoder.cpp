@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 
+#include "media/AudioSpecificConfig.h"
 #include "platform/Error.h"
 
 extern "C" {
@@ -22,16 +23,9 @@ constexpr int lowestRate = 4000;
 constexpr int highestRate = 768000;
 
 AVCodecID codecOfMPEG4Audio(uint8_t objectTypeIndication) {
+  if (indicatesAAC(objectTypeIndication)) return AV_CODEC_ID_AAC;
+  if (indicatesMPEGAudio(objectTypeIndication)) return AV_CODEC_ID_MP3;
   switch (objectTypeIndication) {
-    case 0:  // no `esds`
-    case 0x40:
-    case 0x66:
-    case 0x67:
-    case 0x68:
-      return AV_CODEC_ID_AAC;
-    case 0x69:
-    case 0x6B:
-      return AV_CODEC_ID_MP3;
     case 0xA5:
       return AV_CODEC_ID_AC3;
     case 0xA6:
@@ -104,10 +98,10 @@ Bytes extradataOf(const CMFormatDescription& format, AVCodecID codec) {
 /// which its core rate allows.
 bool mayCarrySBR(const CMFormatDescription& format) {
   constexpr double highestCoreRate = 24000;
-  ByteView config = CMAudioFormatDescriptionGetMagicCookie(format);
-  int objectType = config.empty() ? 0 : config[0] >> 3;
+  const auto objectType = announcedObjectType(CMAudioFormatDescriptionGetMagicCookie(format));
   const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(format);
-  return objectType == 5 || objectType == 29 || (stream != nullptr && stream->mSampleRate <= highestCoreRate);
+  return objectType == objectTypeSBR || objectType == objectTypePS ||
+         (stream != nullptr && stream->mSampleRate <= highestCoreRate);
 }
 
 int64_t prerollPacketsOf(const CMFormatDescription& format, AVCodecID codec) {
