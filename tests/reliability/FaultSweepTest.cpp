@@ -52,6 +52,7 @@ class FaultSweep : public testing::TestWithParam<Recording> {
   /// Whatever happened before: the next process leaves the finished video in the album once and nothing else, or it
   /// leaves nothing, and then a new save does so.
   void expectNothingLost(WholeRun& run) {
+    EXPECT_LE(run.successesTold(), run.assets()) << "a success that was told is one";
     run.restart();
     size_t strays = 0;
     if (run.assetsInAlbum() == 0) {
@@ -59,7 +60,9 @@ class FaultSweep : public testing::TestWithParam<Recording> {
       EXPECT_LE(strays, 1U) << "an asset whose way into the album failed";
       run.restart();
       EXPECT_EQ(run.leftovers(), "");
+      const size_t told = run.successesTold();
       EXPECT_TRUE(run.save());
+      EXPECT_EQ(run.successesTold(), told + 1);
     }
     EXPECT_EQ(run.assetsInAlbum(), 1U);
     EXPECT_EQ(run.assets(), strays + 1);

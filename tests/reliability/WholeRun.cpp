@@ -58,6 +58,9 @@ void WholeRun::start() {
   }
   plugin_ = TarnBridge::create({files, defaults_, clock_, dispatch_, *application_, faultyPhotos_, faultyTransfers_},
                                steps_.withLast(savingStep_));
+  plugin_->setEventListener([this](const std::string& event, const JSObject& data) {
+    if (event == "downloadComplete" && data.find("assetId")) ++successesTold_;
+  });
   plugin_->load();
   if (!faultyTransfers_.storedTaskDescriptions().empty())
     plugin_->downloadManager().handleEventsForBackgroundURLSession();

@@ -51,6 +51,9 @@ class WholeRun {
   /// The process is gone, with all that was in memory.
   void die();
 
+  /// How often a page has been told that its video is saved.
+  size_t successesTold() const { return successesTold_; }
+
   size_t assetsInAlbum();
   size_t assets() { return photos_.fetchAllAssets().size(); }
 
@@ -87,6 +90,7 @@ class WholeRun {
   RepairSteps steps_;
   WatchedSavingStep savingStep_{faultyPhotos_, clock_};
   std::shared_ptr<TarnBridge> plugin_;
+  size_t successesTold_ = 0;
 };
 
 }  // namespace tarn::test
