@@ -13,11 +13,11 @@
 #include "platform/host/PosixFileManager.h"
 #include "reliability/RandomMovie.h"
 #include "support/BoxTree.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/PCM.h"
 #include "support/TempDirectory.h"
-#include "sync/FlashBeep.h"
 
 namespace tarn::test {
 namespace {
