@@ -178,7 +178,7 @@ const Road roads[] = {
     {"Remux", 3, [] { return damagedMovie("hev1 with late sound"); }},
     {"SeveralEntries", 3, [] { return damagedMovie("HEVC of two sizes"); }},
     {"Transcode", 5, [] { return contentsOf(damagedFlashBeepClip(4, 1, {})); }},
-    {"FastPath", 12,
+    {"FastPath", 10,
      [] {
        return contentsOf(damagedFlashBeepClip(600, 2, {"-bsf:a", "noise=drop='between(n,14020,14023)'"}));
      }},
