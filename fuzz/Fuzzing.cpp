@@ -32,18 +32,23 @@ bool Movie::survives(const std::function<void()>& repair, std::initializer_list<
   return isFinished;
 }
 
+std::optional<MP4BoxInfo> Movie::sampleTable(FileHandle& file, MP4TrackType type) {
+  const auto moov = MP4BoxUtils::findBox(file, "moov", UINT64_MAX);
+  auto box = moov ? MP4BoxUtils::findTrack(file, *moov, type) : std::nullopt;
+  for (const char* inner : {"mdia", "minf", "stbl"}) {
+    if (box) box = MP4BoxUtils::findChildBox(file, *box, inner);
+  }
+  return box;
+}
+
 bool Movie::isReadable(MP4TrackType type) {
   auto file = open();
   bool isWhole = false;
   finishes([&] {
-    const auto moov = MP4BoxUtils::findBox(*file, "moov", UINT64_MAX);
-    auto box = moov ? MP4BoxUtils::findTrack(*file, *moov, type) : std::nullopt;
-    for (const char* inner : {"mdia", "minf", "stbl"}) {
-      if (box) box = MP4BoxUtils::findChildBox(*file, *box, inner);
-    }
-    if (!box) return;
+    const auto stbl = sampleTable(*file, type);
+    if (!stbl) return;
     MP4SampleTableParser table;
-    table.parseSampleTable(*file, *box);
+    table.parseSampleTable(*file, *stbl);
     table.allSamples();
     isWhole = true;
   });

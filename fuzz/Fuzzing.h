@@ -4,6 +4,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
@@ -71,6 +72,9 @@ class Movie {
 
   Bytes content() { return readFile(files, path); }
   std::unique_ptr<FileHandle> open() { return files.open(path, OpenMode::reading); }
+
+  /// The `stbl` of the first track of a type. The file is read from its position on.
+  static std::optional<MP4BoxInfo> sampleTable(FileHandle& file, MP4TrackType type);
 
  private:
   bool isReadable(MP4TrackType type);

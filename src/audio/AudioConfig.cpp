@@ -23,8 +23,7 @@ std::optional<uint32_t> firstDeltaOf(FileHandle& file, const MP4BoxInfo& minf) {
 int64_t objectType(const CMFormatDescription& description) {
   if (const auto type = announcedObjectType(CMAudioFormatDescriptionGetMagicCookie(description))) return *type;
   // MPEG audio bears the same tag as AAC and has no configuration either; its packets must not pass as AAC.
-  const bool isMPEGAudio = description.objectTypeIndication == 0x69 || description.objectTypeIndication == 0x6B;
-  return isMPEGAudio ? objectTypeLayer3 : objectTypeLC;
+  return indicatesMPEGAudio(description.objectTypeIndication) ? objectTypeLayer3 : objectTypeLC;
 }
 
 std::optional<std::string> whyNotReusable(const AudioConfigCheck& check, size_t descriptions) {

@@ -1,4 +1,5 @@
 #include <cmath>
+#include <compare>
 #include <iterator>
 #include <set>
 
@@ -52,7 +53,7 @@ class CoverageBuilder {
     for (TimelineGap& gap : coverage_.gaps) {
       gap.startPTS = gap.startPTS - start;
       gap.endPTS = gap.endPTS - start;
-      if (compare(gap.startPTS, CMTime::zero()) < 0) gap.startPTS = CMTime::zero();
+      if (std::is_lt(compare(gap.startPTS, CMTime::zero()))) gap.startPTS = CMTime::zero();
       gap.duration = gap.endPTS - gap.startPTS;
     }
     coverage_.gaps = AudioTranscoder::mergeOverlappingGaps(std::move(coverage_.gaps), gapMergeToleranceSeconds);
@@ -83,7 +84,7 @@ class CoverageBuilder {
 
   void compareWithPrevious(const CMTime& pts) {
     const CMTime delta = pts - previousEnd_;
-    if (!isStated(delta) || compare(delta, threshold_) <= 0) return;
+    if (!isStated(delta) || std::is_lteq(compare(delta, threshold_))) return;
     if (!starts_.hasNearer(previousEnd_, gapThresholdSeconds_)) addGap({previousEnd_, pts, delta});
   }
 

@@ -25,7 +25,7 @@ namespace {
 using ReplacerError = AudioTrackReplacerError;
 
 constexpr uint64_t uint32Max = std::numeric_limits<uint32_t>::max();
-constexpr uint64_t copyChunk = 0xA00000;
+constexpr uint64_t largestFtyp = 0xA00000;
 constexpr uint64_t estimateMargin = 100;
 
 /// What is said of one input, and of the other.
@@ -101,9 +101,9 @@ class Input {
     throw ReplacerError::corruptedMP4(words_.cannotReadMoov);
   }
 
-  /// The bytes of a small box; none when they are not all there.
-  Bytes readWhole(const BoxHeader& box) {
-    if (box.size > copyChunk) return {};
+  /// The bytes of the `ftyp`; none when they are not all there, or more than any real one has.
+  Bytes readFtyp(const BoxHeader& box) {
+    if (box.size > largestFtyp) return {};
     Bytes bytes = read(box.offset, box.size);
     if (bytes.size() < box.size) bytes.clear();
     return bytes;
@@ -148,10 +148,8 @@ class Input {
   }
 
   void copyDataInChunks(FileHandle& target, uint64_t size) {
-    for (uint64_t left = size; left > 0;) {
-      const uint64_t copied = file_->copyRange(target, std::min(copyChunk, left));
-      if (copied == 0) throw ReplacerError::writeError(std::string("Failed to read ") + words_.mdatLabel);
-      left -= copied;
+    if (file_->copyRange(target, size) < size) {
+      throw ReplacerError::writeError(std::string("Failed to read ") + words_.mdatLabel);
     }
     log("  Wrote {}: {} bytes", words_.mdatLabel, size);
   }
@@ -215,7 +213,7 @@ Bytes createDefaultFtyp() {
 Bytes ftypFor(Input& original) {
   const auto box = original.first("ftyp");
   if (!box) return createDefaultFtyp();
-  Bytes bytes = original.readWhole(*box);
+  Bytes bytes = original.readFtyp(*box);
   // The last box of a file may leave its size open; here it is the first.
   if (box->headerSize == layout::boxHeaderSize) writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
   return bytes;

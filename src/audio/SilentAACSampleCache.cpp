@@ -32,13 +32,8 @@ Bytes generateSilentAACFrame(int64_t sampleRate) {
   const auto rate = static_cast<double>(sampleRate);
   const AudioStreamBasicDescription aac{.mSampleRate = rate,
                                         .mFormatID = kAudioFormatMPEG4AAC,
-                                        .mFormatFlags = 0,
-                                        .mBytesPerPacket = 0,
                                         .mFramesPerPacket = framesPerPacket,
-                                        .mBytesPerFrame = 0,
-                                        .mChannelsPerFrame = channels,
-                                        .mBitsPerChannel = 0,
-                                        .mReserved = 0};
+                                        .mChannelsPerFrame = channels};
   auto [created, converter] = AudioConverter::create(interleavedPCM16(rate, channels), aac);
   if (created != noErr || !converter) throw SilentFrameError::converterCreationFailed(created);
   if (const OSStatus refused = converter->setEncodeBitRate(bitRate)) {

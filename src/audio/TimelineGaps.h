@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <compare>
 #include <span>
 #include <vector>
 
@@ -16,7 +17,7 @@ inline constexpr double driftStepSeconds = 0.02;
 
 /// The order of times.
 struct Earlier {
-  bool operator()(const CMTime& a, const CMTime& b) const { return compare(a, b) < 0; }
+  bool operator()(const CMTime& a, const CMTime& b) const { return std::is_lt(compare(a, b)); }
 };
 
 inline void sortByStart(std::vector<TimelineGap>& gaps) {

@@ -1,6 +1,7 @@
 #include "audio/TranscodeLoop.h"
 
 #include <algorithm>
+#include <compare>
 #include <utility>
 
 #include "audio/AudioFades.h"
@@ -55,7 +56,7 @@ CMTime TranscodeLoop::rebased(const CMTime& sourcePTS) const {
     return state_.outputPTS;
   }
   const CMTime pts = sourcePTS + epochOffset_;
-  if (compare(pts, state_.outputPTS) >= 0) return pts;
+  if (std::is_gteq(compare(pts, state_.outputPTS))) return pts;
   const double behind = state_.outputSeconds() - pts.seconds();
   if (state_.buffersProcessed < regressionsLoggedInFull || behind > regressionAlwaysLogged) {
     log("AudioTranscoder: PTS regression detected - rebasedPts={:.3f}s < outputPTS={:.3f}s, using outputPTS",

@@ -54,9 +54,9 @@ class TranscodeLoop {
   std::optional<int16_t> settlePending(const Entries& entries);
   bool fitUnderCap(AVAudioPCMBuffer& buffer, const char* name);
   void cutOverlap(AVAudioPCMBuffer& buffer, const Entries& entries);
-  void insertSilence(const Entries& entries, int16_t lastSample, int16_t nextSample);
+  void insertSilence(const Entries& entries, int16_t lastValue, int16_t nextValue);
   int64_t limitedSilence(int64_t frames);
-  void writeShapedSilence(int64_t frames, int16_t lastSample, int16_t nextSample);
+  void writeShapedSilence(int64_t frames, int16_t lastValue, int16_t nextValue);
   void store(PendingAudioBuffer buffer, const CMTime& sourcePTS);
   void emit(AVAudioPCMBuffer buffer);
   void write(const std::optional<CMSampleBuffer>& buffer, int64_t frames, bool isSilence);

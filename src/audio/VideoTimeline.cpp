@@ -1,4 +1,5 @@
 #include <cmath>
+#include <compare>
 
 #include "audio/AudioTranscoder.h"
 #include "audio/CompressedWalk.h"
@@ -29,11 +30,11 @@ std::vector<TimelineGap> AudioTranscoder::mergeOverlappingGaps(std::vector<Timel
   std::vector<TimelineGap> merged{gaps.front()};
   for (auto gap = gaps.begin() + 1; gap != gaps.end(); ++gap) {
     TimelineGap& last = merged.back();
-    if (compare(gap->startPTS - last.endPTS, tolerance) > 0) {
+    if (std::is_gt(compare(gap->startPTS - last.endPTS, tolerance))) {
       merged.push_back(*gap);
       continue;
     }
-    if (compare(gap->endPTS, last.endPTS) > 0) last.endPTS = gap->endPTS;
+    if (std::is_gt(compare(gap->endPTS, last.endPTS))) last.endPTS = gap->endPTS;
     last.duration = last.endPTS - last.startPTS;
   }
   return merged;
@@ -62,7 +63,8 @@ VideoTimeline AudioTranscoder::buildVideoTimeline(const AVAsset& asset, const AV
       log("AudioTranscoder: Video timeline - first PTS: {:.6f}s", pts.seconds());
     } else if (isStated(previousEnd)) {
       const CMTime delta = pts - previousEnd;
-      if (isStated(delta) && compare(delta, threshold) > 0 && std::isfinite(delta.seconds()) && delta.seconds() > 0) {
+      if (isStated(delta) && std::is_gt(compare(delta, threshold)) && std::isfinite(delta.seconds()) &&
+          delta.seconds() > 0) {
         timeline.gaps.push_back({previousEnd, pts, delta});
       }
     }

@@ -33,14 +33,13 @@ struct AVAssetTrack {
 class AVAsset {
  public:
   AVAsset(FileManager& files, Path url) : files_(files), url_(std::move(url)) {}
-  virtual ~AVAsset() = default;
 
   /// The tracks whose handler is that of the type ("vide", "soun"; ISO/IEC 14496-12 8.4.3), in file order. A file
   /// that is missing, cannot be read, or has no `moov` has no tracks.
-  virtual std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
+  std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
 
   /// Of the `mvhd`, or of the longest track where that is shorter or missing; zero where neither can be read.
-  virtual CMTime duration() const;
+  CMTime duration() const;
 
   /// The samples of one of the asset's tracks, by the file's own sample table and edit list, in decode order. Edits are
   /// taken in order: an empty one advances the presentation clock, any other shows the media from its `media_time` on,
@@ -48,7 +47,7 @@ class AVAsset {
   /// earlier time. The duration of an AAC buffer is its nominal length, 1024 or 2048 samples at the actual rate, so
   /// that a hole shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
   /// `stts` delta. Throws Error when the tables cannot be read or contradict the file.
-  virtual std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
+  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
 
   FileManager& files() const { return files_; }
   const Path& url() const { return url_; }

@@ -23,8 +23,6 @@ class AVAssetReaderTrackOutput {
   /// tells of.
   std::optional<CMSampleBuffer> copyNextSampleBuffer();
 
-  const AVAssetTrack& track() const { return track_; }
-
  private:
   friend class AVAssetReader;
 

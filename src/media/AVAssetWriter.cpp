@@ -185,9 +185,7 @@ bool AVAssetWriter::startWriting() {
   return true;
 }
 
-void AVAssetWriter::startSessionAtSourceTime(const CMTime& /*time*/) {
-  // Frames are counted from the first one on, so media time 0 is where the session starts.
-}
+void AVAssetWriter::startSessionAtSourceTime(const CMTime& /*time*/) {}
 
 void AVAssetWriter::finishWritingWithCompletionHandler(std::function<void()> handler) {
   if (state_->finisher.joinable()) state_->finisher.join();

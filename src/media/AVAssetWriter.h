@@ -28,6 +28,7 @@ class AVAssetWriterInput {
   explicit AVAssetWriterInput(const AACOutputSettings& settings);
   ~AVAssetWriterInput();
 
+  /// Of no effect: a source that cannot wait is not served better than one that can.
   bool expectsMediaDataInRealTime = false;
 
   /// True while the encoders keep up; also true once the writer has failed, so that nobody waits for ever.
@@ -37,6 +38,7 @@ class AVAssetWriterInput {
   /// or is not writing; it may be called while not ready, and then waits for room.
   bool appendSampleBuffer(const CMSampleBuffer& buffer);
 
+  /// No more samples come: what is appended from here on is refused.
   void markAsFinished();
 
   const AACOutputSettings& settings() const;
@@ -67,10 +69,12 @@ class AVAssetWriter {
   /// False for a second input and for settings that the encoder does not take or the file cannot describe: other rates
   /// than 24000, 44100 and 48000 Hz.
   bool canAddInput(const AVAssetWriterInput& input) const;
+  /// The input must be one that can be added.
   void addInput(const std::shared_ptr<AVAssetWriterInput>& input);
 
   /// False when that fails: see `error`.
   bool startWriting();
+  /// Of no effect: frames are counted from the first one on, so media time 0 is where the session starts.
   void startSessionAtSourceTime(const CMTime& time);
 
   /// Encodes what is left, writes the boxes, flushes and closes the file, then calls the handler on a thread of its
@@ -82,6 +86,7 @@ class AVAssetWriter {
 
   /// Failed as soon as anything has failed.
   AVAssetWriterStatus status() const;
+  /// Why the status is failed.
   std::optional<Error> error() const;
 
  private:

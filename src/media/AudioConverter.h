@@ -43,7 +43,8 @@ class AudioConverter {
   AudioConverter(AudioConverter&&) noexcept;
   ~AudioConverter();
 
-  /// kAudioConverterEncodeBitRate, in bits per second.
+  /// kAudioConverterEncodeBitRate, in bits per second. Refused once input has been asked for, and for a rate that the
+  /// encoder does not take; the rate is then as it was.
   OSStatus setEncodeBitRate(uint32_t bitRate);
 
   /// Fills up to `packets` output packets in at most `capacity` bytes, asking for input as needed. The encoder's

@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 
+#include "media/AudioSpecificConfig.h"
 #include "platform/Error.h"
 
 extern "C" {
@@ -22,16 +23,9 @@ constexpr int lowestRate = 4000;
 constexpr int highestRate = 768000;
 
 AVCodecID codecOfMPEG4Audio(uint8_t objectTypeIndication) {
+  if (indicatesAAC(objectTypeIndication)) return AV_CODEC_ID_AAC;
+  if (indicatesMPEGAudio(objectTypeIndication)) return AV_CODEC_ID_MP3;
   switch (objectTypeIndication) {
-    case 0:  // no `esds`
-    case 0x40:
-    case 0x66:
-    case 0x67:
-    case 0x68:
-      return AV_CODEC_ID_AAC;
-    case 0x69:
-    case 0x6B:
-      return AV_CODEC_ID_MP3;
     case 0xA5:
       return AV_CODEC_ID_AC3;
     case 0xA6:
@@ -104,10 +98,10 @@ Bytes extradataOf(const CMFormatDescription& format, AVCodecID codec) {
 /// which its core rate allows.
 bool mayCarrySBR(const CMFormatDescription& format) {
   constexpr double highestCoreRate = 24000;
-  ByteView config = CMAudioFormatDescriptionGetMagicCookie(format);
-  int objectType = config.empty() ? 0 : config[0] >> 3;
+  const auto objectType = announcedObjectType(CMAudioFormatDescriptionGetMagicCookie(format));
   const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(format);
-  return objectType == 5 || objectType == 29 || (stream != nullptr && stream->mSampleRate <= highestCoreRate);
+  return objectType == objectTypeSBR || objectType == objectTypePS ||
+         (stream != nullptr && stream->mSampleRate <= highestCoreRate);
 }
 
 int64_t prerollPacketsOf(const CMFormatDescription& format, AVCodecID codec) {
@@ -145,7 +139,6 @@ void AudioDecoder::Deleter::operator()(AVPacket* packet) const {
 }
 
 AudioDecoder::AudioDecoder(const CMFormatDescription& format) {
-  av_log_set_level(AV_LOG_QUIET);  // what does not decode is told by what comes out
   const AVCodecID codecID = codecOf(format);
   const AVCodec* codec = codecID == AV_CODEC_ID_NONE ? nullptr : avcodec_find_decoder(codecID);
   if (codec == nullptr) throw Error("PCMDecoding", -1, "No decoder for audio of the type " + format.codec);
@@ -156,6 +149,7 @@ AudioDecoder::AudioDecoder(const CMFormatDescription& format) {
   // What is to be skipped at the start is the edit list's business.
   context_->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
   context_->thread_count = 1;
+  context_->log_level_offset = AV_LOG_MAX_OFFSET;  // silent: what does not decode is told by what comes out
   if (const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(format)) {
     context_->sample_rate = static_cast<int>(std::clamp(stream->mSampleRate, 0.0, double{highestRate}));
     constexpr uint32_t mostChannels = 64;

@@ -67,6 +67,23 @@ uint32_t framesPerPacket(int objectType, bool frameLengthFlag) {
 
 }  // namespace
 
+bool indicatesAAC(uint8_t objectTypeIndication) {
+  switch (objectTypeIndication) {
+    case 0:
+    case 0x40:  // ISO/IEC 14496-3
+    case 0x66:  // ISO/IEC 13818-7, in its three profiles
+    case 0x67:
+    case 0x68:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool indicatesMPEGAudio(uint8_t objectTypeIndication) {
+  return objectTypeIndication == 0x69 || objectTypeIndication == 0x6B;
+}
+
 std::optional<int> announcedObjectType(ByteView config) {
   return config.size() < 2 ? std::nullopt : std::optional(config[0] >> 3);
 }

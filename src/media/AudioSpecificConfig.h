@@ -13,6 +13,11 @@ inline constexpr int objectTypeSBR = 5;
 inline constexpr int objectTypePS = 29;
 inline constexpr int objectTypeLayer3 = 34;
 
+/// What an objectTypeIndication (ISO/IEC 14496-1 7.2.6.6) says. 0 stands for an `mp4a` without an `esds`, which is AAC
+/// when nothing says otherwise.
+bool indicatesAAC(uint8_t objectTypeIndication);
+bool indicatesMPEGAudio(uint8_t objectTypeIndication);
+
 /// What an AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1) says of the core coder, the one below SBR and PS.
 struct AudioSpecificConfig {
   int audioObjectType = 0;  ///< of the core coder; 2 for AAC-LC, also where it is announced under 5 (SBR) or 29 (PS)

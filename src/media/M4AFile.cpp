@@ -13,8 +13,8 @@ namespace {
 
 constexpr size_t packetsPerChunk = 47;          // about a second
 constexpr size_t longHeaderSize = 16;           // of an mdat with a 64-bit size
-constexpr size_t writePiece = 1024 * 1024;      // bytes
-constexpr size_t flushPiece = 8 * 1024 * 1024;  // bytes
+constexpr size_t writePiece = size_t{1} << 20;  // bytes
+constexpr size_t flushPiece = size_t{8} << 20;  // bytes
 
 /// The rows of the `stts`: packets of 1024 frames, of which the last is as short as the frames ask for. Where a
 /// shortage could be spread evenly over all packets, it would be by whoever makes one row of the table: then the last

@@ -22,7 +22,7 @@ namespace {
 
 __extension__ using Int128 = __int128;
 
-constexpr int64_t longestHole = 24 * 3600;  // seconds
+constexpr int64_t longestHole = int64_t{24} * 3600;  // seconds
 
 /// `count` of 1 / `from` seconds, in 1 / `to` seconds, to the nearest.
 int64_t rescale(int64_t count, int64_t from, int64_t to) {

@@ -7,6 +7,7 @@
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
+#include <libavutil/log.h>
 #include <libavutil/samplefmt.h>
 #include <libswresample/swresample.h>
 }
@@ -69,8 +70,9 @@ bool Resampler::configure(const AVFrame& frame) {
   AVChannelLayout to = {};
   av_channel_layout_default(&to, output_.channels());
   SwrContext* context = nullptr;
-  int result = swr_alloc_set_opts2(&context, &to, AV_SAMPLE_FMT_S16, output_.sampleRate(), &from,
-                                   static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+  int result =
+      swr_alloc_set_opts2(&context, &to, AV_SAMPLE_FMT_S16, output_.sampleRate(), &from,
+                          static_cast<AVSampleFormat>(frame.format), frame.sample_rate, AV_LOG_MAX_OFFSET, nullptr);
   av_channel_layout_uninit(&from);
   context_.reset(context);
   if (result >= 0 && swr_init(context) >= 0) return true;

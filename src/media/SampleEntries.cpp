@@ -95,23 +95,6 @@ std::optional<DecoderConfig> parseESDS(ByteView contents) {
   return DecoderConfig{config->front(), info.value_or(ByteView{})};
 }
 
-bool isAAC(uint8_t objectTypeIndication) {
-  switch (objectTypeIndication) {
-    case 0:  // no `esds`: what "mp4a" stands for when nothing says otherwise
-    case 0x40:
-    case 0x66:
-    case 0x67:
-    case 0x68:
-      return true;
-    default:
-      return false;
-  }
-}
-
-bool isMPEGAudio(uint8_t objectTypeIndication) {
-  return objectTypeIndication == 0x69 || objectTypeIndication == 0x6B;
-}
-
 /// The box that holds the decoder's configuration where that is no `esds`.
 std::string_view configurationBox(std::string_view codec) {
   if (codec == "Opus") return "dOps";
@@ -159,8 +142,8 @@ void applyESDS(CMFormatDescription& description, AudioStreamBasicDescription& st
   }
   auto config = esds ? parseESDS(*esds) : std::nullopt;
   if (config) description.objectTypeIndication = config->objectTypeIndication;
-  if (isMPEGAudio(description.objectTypeIndication)) stream.mFormatID = fourCharacterCode(".mp3");
-  if (!isAAC(description.objectTypeIndication)) return;
+  if (indicatesMPEGAudio(description.objectTypeIndication)) stream.mFormatID = fourCharacterCode(".mp3");
+  if (!indicatesAAC(description.objectTypeIndication)) return;
   stream.mFormatID = kAudioFormatMPEG4AAC;
   stream.mFramesPerPacket = 1024;
   if (!config) return;

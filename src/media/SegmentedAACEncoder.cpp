@@ -55,6 +55,10 @@ void SegmentedAACEncoder::fail(const Error& failure) {
   changed_.notify_all();
 }
 
+size_t SegmentedAACEncoder::samplesPerPacket() const {
+  return size_t{framesPerAACPacket} * static_cast<size_t>(settings_.channels);
+}
+
 void SegmentedAACEncoder::append(std::span<const int16_t> samples) {
   window_.insert(window_.end(), samples.begin(), samples.end());
   submitFullSegments();

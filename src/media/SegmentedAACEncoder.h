@@ -64,7 +64,7 @@ class SegmentedAACEncoder {
     bool isLast = false;
   };
 
-  size_t samplesPerPacket() const { return size_t{1024} * static_cast<size_t>(settings_.channels); }
+  size_t samplesPerPacket() const;
   void submit(Segment segment);
   void submitFullSegments();
   void work();

@@ -54,8 +54,9 @@ class Entries {
 uint32_t shifted32(uint32_t value, int64_t delta, size_t entry) {
   int64_t sum = int64_t{value} + delta;
   int64_t clamped = std::clamp<int64_t>(sum, 0, std::numeric_limits<uint32_t>::max());
-  if (clamped != sum)
+  if (clamped != sum) {
     log("WARNING: stco offset overflow at entry {}: {} + {} = {}, clamping", entry, value, delta, sum);
+  }
   return static_cast<uint32_t>(clamped);
 }
 

@@ -114,16 +114,16 @@ std::optional<int> vote(FileHandle& file, const SampleInfo& sample, const Scan& 
   SampleFront front(file, sample);
   ByteView bytes = front.at(0, 4 + scan.walk.codec.headerSize);
   if (bytes.size() < 4) return std::nullopt;
-  auto holdsUnit = [&](int64_t length, size_t lengthSize) {
-    if (length < scan.vote.smallestLength || length >= int64_t{sample.size} - static_cast<int64_t>(lengthSize))
-      return false;
+  auto isFirstOfSeveral = [&](int64_t length, size_t lengthSize) {
+    auto room = int64_t{sample.size} - static_cast<int64_t>(lengthSize);
+    if (length < scan.vote.smallestLength || length >= room) return false;
     if (bytes.size() < lengthSize + scan.walk.codec.headerSize) return false;
     uint8_t type = scan.walk.codec.type(bytes[lengthSize]);
     return !scan.vote.checksType || (type >= 1 && type <= 12);
   };
   uint32_t first4 = loadUInt32(bytes.first<4>());
-  if (holdsUnit(first4, 4)) return 4;
-  if (holdsUnit(first4 >> 16, 2)) return 2;
+  if (isFirstOfSeveral(first4, 4)) return 4;
+  if (isFirstOfSeveral(first4 >> 16, 2)) return 2;
   return std::nullopt;
 }
 

@@ -47,9 +47,7 @@ void adjustOffsets(std::span<uint8_t> newMoov, const ChunkOffsetShift& shift, in
     return;
   }
   log("Adjusting chunk offsets (moov precedes mdat, delta: {})", shift.delta);
-  log("Adjusting chunk offsets by {} bytes...", shift.delta);
-  ChunkOffsetTable::adjustAllInMoov(newMoov, shift);
-  logLine("Chunk offset adjustment complete");
+  MP4Remuxer::adjustChunkOffsets(newMoov, shift);
 }
 
 /// Tells of an `mdat` copy at every 10 percent, and more often where the box is big.
@@ -168,6 +166,12 @@ std::unique_ptr<FileHandle> createTempFile(FileManager& files, const Path& path)
 }
 
 }  // namespace
+
+void MP4Remuxer::adjustChunkOffsets(std::span<uint8_t> moovData, const ChunkOffsetShift& shift) {
+  log("Adjusting chunk offsets by {} bytes...", shift.delta);
+  ChunkOffsetTable::adjustAllInMoov(moovData, shift);
+  logLine("Chunk offset adjustment complete");
+}
 
 void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
                                 Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings) {

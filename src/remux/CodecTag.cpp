@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <initializer_list>
 #include <utility>
 
@@ -37,19 +36,19 @@ Bytes readContents(FileHandle& file, const MP4BoxInfo& box, uint64_t count, cons
 }
 
 MP4BoxInfo requireVideoTrack(FileHandle& file, const MP4BoxInfo& moov) {
-  FileBoxWalker walker(file, moov.contentOffset(), moov.end(), boxwalk::children);
-  while (auto header = walker.next()) {
-    if (header->type != "trak") continue;
-    MP4BoxInfo trak{header->size, header->type, header->offset, header->headerSize};
-    if (MP4BoxUtils::getHandlerType(file, trak) != handlerTypeText(MP4TrackType::video)) continue;
-    log("AVC Phase 1: Found video track at offset {}", trak.offset);
-    return trak;
+  file.seek(moov.contentOffset());
+  while (auto trak = MP4Remuxer::findBoxInContainer(file, moov, "trak")) {
+    if (MP4BoxUtils::getHandlerType(file, *trak) == handlerTypeText(MP4TrackType::video)) {
+      log("AVC Phase 1: Found video track at offset {}", trak->offset);
+      return *trak;
+    }
+    file.seek(trak->end());
   }
   throw MP4RemuxError::corruptedMP4("Video trak box not found");
 }
 
 MP4BoxInfo requireStsd(FileHandle& file) {
-  auto moov = MP4BoxUtils::findBox(file, "moov", topLevelSearchLimit);
+  auto moov = MP4Remuxer::findBox(file, "moov", topLevelSearchLimit);
   if (!moov) throw MP4RemuxError::corruptedMP4("moov box not found");
   MP4BoxInfo box = requireVideoTrack(file, *moov);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
@@ -125,7 +124,7 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
 
 std::optional<std::string> MP4Remuxer::detectHEVCTag(FileManager& files, const Path& fileURL) {
   auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
-  auto box = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+  auto box = MP4Remuxer::findBox(*file, "moov", topLevelSearchLimit);
   if (box) box = MP4BoxUtils::findTrack(*file, *box, MP4TrackType::video);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
     if (box) box = MP4BoxUtils::findChildBox(*file, *box, type);

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/CancellationToken.h"
 #include "pipeline/RemuxTimingHelper.h"
@@ -20,6 +21,20 @@ namespace tarn {
 /// time. Failures are MP4RemuxError, ByteArrayError and PosixError; a file whose repair fails is as it was.
 class MP4Remuxer {
  public:
+  // --- Boxes and chunk offsets: MP4BoxUtils and ChunkOffsetTable under the remuxer's name ---
+
+  /// Top-level search from the file's position on, and search from there to the container's end; see MP4BoxUtils.
+  static std::optional<MP4BoxInfo> findBox(FileHandle& file, std::string_view type, uint64_t maxSearch) {
+    return MP4BoxUtils::findBox(file, type, maxSearch);
+  }
+  static std::optional<MP4BoxInfo> findBoxInContainer(FileHandle& file, const MP4BoxInfo& container,
+                                                      std::string_view type) {
+    return MP4BoxUtils::findBoxInContainer(file, container, type);
+  }
+
+  /// ChunkOffsetTable::adjustAllInMoov, of which the log tells.
+  static void adjustChunkOffsets(std::span<uint8_t> moovData, const ChunkOffsetShift& shift);
+
   // --- Codec tag (ISO/IEC 14496-12 8.5.2, 14496-15) ---
 
   /// The four-character code of the video track's first sample entry, whatever the codec; nothing when the way to it

@@ -58,7 +58,7 @@ Bytes readBox(FileHandle& file, const MP4BoxInfo& box) {
 /// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
 Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
   file.seek(0);
-  auto box = MP4BoxUtils::findBox(file, "moov", remuxSearchLimit);
+  auto box = MP4Remuxer::findBox(file, "moov", remuxSearchLimit);
   if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
   if (box->headerSize != 8) throw MP4RemuxError::corruptedMP4("moov box has a 64-bit size field");
   Bytes bytes = readBox(file, *box);

@@ -18,7 +18,7 @@ namespace {
 
 using Rows = std::vector<OriginalEditListEntry>;
 
-constexpr uint64_t copyChunkSize = 0xA00000;
+constexpr uint64_t largestSmallBox = 0xA00000;
 
 /// The top level of a file. The last `moov` is the one that counts.
 struct TopLevel {
@@ -132,13 +132,9 @@ void followMedia(Bytes& moovData, int64_t delta, const TopLevel& level) {
 /// Copies a box, or what is there of a small one; a larger one must be there whole.
 void copyBox(FileHandle& input, FileHandle& output, const BoxHeader& box) {
   input.seek(box.offset);
-  const bool mustBeWhole = box.type == "mdat" || box.size > copyChunkSize;
-  for (uint64_t left = box.size; left > 0;) {
-    const uint64_t copied = input.copyRange(output, std::min(left, copyChunkSize));
-    if (copied == 0 && mustBeWhole) throw MP4EditListStripperError::readError("Read failed");
-    if (copied == 0) break;
-    left -= copied;
-  }
+  const bool mustBeWhole = box.type == "mdat" || box.size > largestSmallBox;
+  const uint64_t copied = input.copyRange(output, box.size);
+  if (mustBeWhole && copied < box.size) throw MP4EditListStripperError::readError("Read failed");
   log("MP4EditListStripper: Copied {} ({} bytes)", box.type, box.size);
 }
 

@@ -38,17 +38,18 @@ Bytes renamed(const Bytes& movie, const char* path, const char* type) {
 
 const std::vector<DamagedMovie>& damagedMovies() {
   static const std::vector<DamagedMovie> movies = [] {
-    const Bytes hevc = contents(encodedVideo(inBandHEVC));
-    const Bytes avc = contents(encodedVideo(inBandAVC));
-    const VideoRecipe bigHEVC{.codec = "libx265", .parameters = inBandHEVC.parameters, .size = "256x160"};
-    const VideoRecipe bigAVC{.parameters = inBandAVC.parameters, .size = "256x160"};
+    const Bytes hevc = contents(encodedVideo(inBand(true)));
+    const Bytes avc = contents(encodedVideo(inBand(false)));
+    const auto ofTwoSizes = [](bool isHEVC) {
+      return contents(joinedVideo({inBand(isHEVC), inBand(isHEVC, "256x160")}));
+    };
     return std::vector<DamagedMovie>{
         {"hev1 with an empty hvcC", withoutParameterSets(hevc, true)},
         {"avc3 without avcC", withoutParameterSets(avc, false)},
-        {"hev1 with late sound", withoutParameterSets(contents(encodedVideo(withLateSound(inBandHEVC))), true)},
-        {"avc1 with late sound", contents(encodedVideo(withLateSound(inBandAVC)))},
-        {"HEVC of two sizes", contents(joinedVideo({inBandHEVC, bigHEVC}))},
-        {"AVC of two sizes", withoutParameterSets(contents(joinedVideo({inBandAVC, bigAVC})), false)},
+        {"hev1 with late sound", withoutParameterSets(contents(encodedVideo(withLateSound(inBand(true)))), true)},
+        {"avc1 with late sound", contents(encodedVideo(withLateSound(inBand(false))))},
+        {"HEVC of two sizes", ofTwoSizes(true)},
+        {"AVC of two sizes", withoutParameterSets(ofTwoSizes(false), false)},
         {"avc3 with avcC", renamed(avc, "avc1", "avc3")},
         {"avc1", avc},
         {"overrunning child", withOverrunningChild(withoutParameterSets(hevc, true))},

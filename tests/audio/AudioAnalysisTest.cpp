@@ -9,7 +9,6 @@
 #include "audio/AudioTranscoder.h"
 #include "support/Clip.h"
 #include "support/LogCapture.h"
-#include "support/ScriptedSource.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
@@ -20,57 +19,51 @@ using Edits = std::vector<std::pair<uint64_t, int64_t>>;
 constexpr uint32_t packet = 1024;
 constexpr uint32_t packets = 470;  // about ten seconds at 48 kHz
 
-SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
-  SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
-  for (const auto& [count, delta] : stts) {
-    track.samples += count;
-    track.mediaDuration += uint64_t{count} * delta;
-  }
-  return track;
-}
-SyntheticTrack coded(const Bytes& entry, uint32_t timescale, Edits edits = {}) {
-  SyntheticTrack track = sound({{packets, packet}}, std::move(edits));
-  track.sampleEntry = entry;
-  track.timescale = timescale;
-  return track;
-}
-/// 25 pictures a second for ten seconds.
-SyntheticTrack pictures(Edits edits = {}) {
-  SyntheticTrack track{.handler = "vide", .timescale = 90000, .stts = {{250, 3600}}, .edits = std::move(edits)};
-  track.samples = 250;
-  track.mediaDuration = 900000;
-  return track;
-}
-
-const Bytes lc24 = aacSampleEntry(24000, 2, {0x13, 0x10});
-const Bytes heAAC = aacSampleEntry(24000, 2, {0x2B, 0x11, 0x88, 0x00});
-
 class AudioAnalysis : public testing::Test {
  protected:
-  static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
+  static SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
+    SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
+    for (const auto& [count, delta] : stts) {
+      track.samples += count;
+      track.mediaDuration += uint64_t{count} * delta;
+    }
+    return track;
+  }
+  static SyntheticTrack whole(Edits edits = {}) { return sound({{packets, packet}}, std::move(edits)); }
   /// A hole behind packet 100.
   static SyntheticTrack holed(double milliseconds, uint32_t all = packets) {
     return sound({{99, packet}, {1, packet + ticks(milliseconds)}, {all - 100, packet}});
   }
   /// Longer than its packets.
   static SyntheticTrack drifting(double milliseconds, bool longTimes = false) {
-    SyntheticTrack track = sound({{packets, packet}});
+    SyntheticTrack track = whole();
     track.mediaDuration += ticks(milliseconds);
     track.longTimes = longTimes;
     return track;
   }
-  static SyntheticTrack late(uint64_t delay) { return sound({{packets, packet}}, {{delay, -1}, {10000, 0}}); }
-  static CMTime seconds(double seconds) { return CMTime::makeWithSeconds(seconds); }
+  static SyntheticTrack coded(uint32_t rate, const Bytes& entry, Edits edits = {}) {
+    SyntheticTrack track = whole(std::move(edits));
+    track.sampleEntry = entry;
+    track.timescale = rate;
+    return track;
+  }
+  static SyntheticTrack aac(uint32_t rate, const Bytes& config, Edits edits = {}) {
+    return coded(rate, aacSampleEntry(rate, 2, config), std::move(edits));
+  }
+  /// 25 pictures a second for ten seconds.
+  static SyntheticTrack pictures(Edits edits = {}) {
+    SyntheticTrack track = sound({{250, 3600}}, std::move(edits));
+    track.handler = "vide";
+    track.timescale = 90000;
+    return track;
+  }
+  static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
   static TimelineGap gapAt(double start, double length = 1) {
-    return {seconds(start), seconds(start + length), seconds(length)};
+    return {CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + length), CMTime::makeWithSeconds(length)};
   }
 
-  AudioAnalysisResult analyze(const std::vector<SyntheticTrack>& tracks) {
-    clip_.write(syntheticMovie(tracks));
-    return AudioTranscoder::analyzeAudioForProcessing(clip_.asset);
-  }
-  AudioFindings decide(const SyntheticTrack& audio) {
-    clip_.write(syntheticMovie({pictures(), audio}));
+  AudioFindings decide(const SyntheticTrack& audio, Edits pictureEdits = {}) {
+    clip_.write(syntheticMovie({pictures(std::move(pictureEdits)), audio}));
     return decideAudioRepair(clip_.files, clip_.asset.url());
   }
   AudioCoverage coverage() {
@@ -82,81 +75,61 @@ class AudioAnalysis : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSound) {
+TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSoundAndChoosesTheRoad) {
   const SyntheticTrack two =
       sound({{9, packet}, {1, packet + ticks(100)}, {50, packet}, {1, packet + ticks(300)}, {99, packet}});
+  const std::string tooMuch = "Complex repair (0 actions, 0.00s silence)";
   const struct {
     SyntheticTrack audio;
-    const char* found;  // gaps, those inside with the largest, drift and offset in milliseconds
+    std::string found;  // gaps, those inside with the largest, drift and offset in ms; what is to be done, or why all
     Edits pictureEdits = {};
   } rows[] = {
-      {sound({{packets, packet}}), "clean: 0, 0 up to 0.0, drift 0.0, offset 0.0"},
-      {sound({{1, packet}}), "clean: 0, 0 up to 0.0, drift 0.0, offset 0.0"},
-      {holed(64), "clean: 0, 0 up to 0.0, drift 64.0, offset 0.0"},
-      {holed(65), "internalGaps: 1, 1 up to 65.0, drift 65.0, offset 0.0"},
-      {holed(3600000), "internalGaps: 1, 1 up to 3600000.0, drift 3600000.0, offset 0.0"},
-      {two, "internalGaps: 2, 2 up to 300.0, drift 400.0, offset 0.0"},
-      {drifting(100), "clean: 0, 0 up to 0.0, drift 100.0, offset 0.0"},
-      {drifting(101), "timelineDrift: 0, 0 up to 0.0, drift 101.0, offset 0.0"},
-      {drifting(101, true), "timelineDrift: 0, 0 up to 0.0, drift 101.0, offset 0.0"},
-      {late(64), "clean: 0, 0 up to 0.0, drift 5.3, offset 64.0"},
-      {late(65), "initialOffsetOnly: 1, 0 up to 0.0, drift 5.3, offset 65.0"},
-      {late(100), "initialOffsetOnly: 1, 0 up to 0.0, drift 5.3, offset -100.0", {{200, -1}, {10000, 0}}},
-      {coded(heAAC, 24000, {{70, -1}, {20053, 0}}), "clean: 0, 0 up to 0.0, drift 0.3, offset 70.0"},
-      // Half of the length is missing where each packet counts 1024 samples at twice the rate: it always drifts.
-      {coded(lc24, 24000), "timelineDrift: 0, 0 up to 0.0, drift 10026.7, offset 0.0"},
-  };
-  for (const auto& row : rows) {
-    const auto result = analyze({pictures(row.pictureEdits), row.audio});
-    EXPECT_EQ(
-        fmt::format("{}: {}, {} up to {:.1f}, drift {:.1f}, offset {:.1f}", text(result.gapType), result.gapCount,
-                    result.internalGapCount, result.maxInternalGapMs, result.timelineDriftMs, result.initialOffsetMs),
-        row.found);
-    EXPECT_EQ(result.needsTranscoding,
-              result.gapType == GapType::internalGaps || result.gapType == GapType::timelineDrift);
-  }
-  EXPECT_EQ(analyze({drifting(101)}).summary(),
-            "GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 101.0ms, AAC: AAC-LC "
-            "(video/audio mismatch likely)");
-  EXPECT_EQ(analyze({pictures()}).frameDurationMs, 21.33) << "no sound";
-  analyze({coded(lc24, 24000)});
-  EXPECT_EQ(gapsAlone().aacSamplesPerFrame, 2048) << "the other rule for low rates";
-}
-
-TEST_F(AudioAnalysis, ChoosesTheRoadByConfigurationAndDamage) {
-  const struct {
-    SyntheticTrack audio;
-    const char* decision;  // or why all is done
-  } rows[] = {
-      {sound({{packets, packet}}), "skip"},
-      {coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100), "skip"},
-      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "Channel count 1 != target 2"},
-      {coded(aacSampleEntry(32000, 2, {0x12, 0x90}), 32000),
-       "Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
-      {coded(lc24, 24000), "Complex repair (0 actions, 0.00s silence)"},
-      {coded(heAAC, 24000), "HE-AAC v1 (SBR) requires full normalize"},
-      {coded(aacSampleEntry(24000, 2, {0xEB, 0x09, 0x88}), 24000), "HE-AAC v2 (PS) requires full normalize"},
-      {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
-       "Non-AAC-LC codec (object type 34) requires full normalize"},
-      {holed(1), "skip"},
-      {late(70), "editListOnly"},
+      {whole(), "clean 0 0 0 0 0: skip"},
+      {sound({{1, packet}}), "clean 0 0 0 0 0: skip"},
+      {holed(64), "clean 0 0 0 64 0: skip"},
       // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
-      {holed(65), "Complex repair (0 actions, 0.00s silence)"},
-      {holed(65, packets * 42), "fastPath"},
+      {holed(65), "internalGaps 1 1 65 65 0: " + tooMuch},
+      {holed(65, packets * 42), "internalGaps 1 1 65 65 0: fastPath"},
+      {holed(3600000), "internalGaps 1 1 3600000 3600000 0: " + tooMuch},
+      {two, "internalGaps 2 2 300 400 0: " + tooMuch},
+      {drifting(100), "clean 0 0 0 100 0: skip"},
+      {drifting(101), "timelineDrift 0 0 0 101 0: " + tooMuch},
+      {drifting(101, true), "timelineDrift 0 0 0 101 0: " + tooMuch},
+      {whole({{64, -1}, {10000, 0}}), "clean 0 0 0 5 64: skip"},
+      {whole({{65, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 65: editListOnly"},
+      {whole({{100, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 -100: editListOnly", {{200, -1}, {10000, 0}}},
       // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
-      {sound({{packets, packet}}, {{300, -1}, {9700, 14400}}), "Cross-track: 1 video gaps without matching audio gaps"},
+      {whole({{300, -1}, {9700, 14400}}),
+       "initialOffsetOnly 1 0 0 7 299: Cross-track: 1 video gaps without matching audio gaps"},
+      {aac(24000, {0x2B, 0x11, 0x88, 0x00}, {{70, -1}, {20053, 0}}),
+       "clean 0 0 0 0 70: HE-AAC v1 (SBR) requires full normalize"},
+      {aac(24000, {0xEB, 0x09, 0x88}), "clean 0 0 0 0 0: HE-AAC v2 (PS) requires full normalize"},
+      // Half of the length is missing where each packet counts 1024 samples at twice the rate: it always drifts.
+      {aac(24000, {0x13, 0x10}), "timelineDrift 0 0 0 10027 0: " + tooMuch},
+      {aac(44100, {0x12, 0x10}), "clean 0 0 0 0 0: skip"},
+      {aac(48000, {0x11, 0x88}), "clean 0 0 0 0 0: Channel count 1 != target 2"},
+      {aac(32000, {0x12, 0x90}),
+       "clean 0 0 0 0 0: Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
+      {coded(48000, audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {}))),
+       "clean 0 0 0 0 0: Non-AAC-LC codec (object type 34) requires full normalize"},
   };
   for (const auto& row : rows) {
-    const AudioFindings findings = decide(row.audio);
-    const bool isFull = findings.decision.kind == RepairDecision::Kind::fullNormalize;
-    EXPECT_EQ(isFull ? findings.decision.reason : findings.decision.description(), row.decision);
-    EXPECT_EQ(findings.scan.has_value(), !findings.analysis.needsTranscoding) << row.decision;
-    EXPECT_EQ(findings.config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
-    EXPECT_EQ(findings.config.sampleDelta, packet);
+    const auto [analysis, config, syncInfo, scan, actions, decision] = decide(row.audio, row.pictureEdits);
+    EXPECT_EQ(fmt::format("{} {} {} {:.0f} {:.0f} {:.0f}: {}", text(analysis.gapType), analysis.gapCount,
+                          analysis.internalGapCount, analysis.maxInternalGapMs, analysis.timelineDriftMs,
+                          analysis.initialOffsetMs, decision.reason.empty() ? decision.description() : decision.reason),
+              row.found);
+    EXPECT_EQ(scan.has_value(), !analysis.needsTranscoding) << row.found;
+    EXPECT_EQ(config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
+    EXPECT_EQ(config.sampleDelta, packet);
   }
+  EXPECT_TRUE(log_.contains(
+      "Audio analysis: GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 101.0ms, "
+      "AAC: AAC-LC (video/audio mismatch likely)"));
   EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Channel count 1 != target 2)"));
   EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
+  EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(clip_.files, "/none.mp4").frameDurationMs, 21.33);
 
   // Eleven changes are too many, however short; 0.16 ms in half a second, which counts as a whole one, are not.
   const AudioConfigCheck config{.matchesPassthroughTarget = true, .reason = {}, .audioTimescale = 48000};
@@ -178,18 +151,23 @@ TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
     const AudioCoverage covered = coverage();
     ASSERT_EQ(covered.gaps.size(), 1U);
     EXPECT_NEAR(covered.gaps[0].duration.seconds(), milliseconds / 1000, 1e-4);
-    EXPECT_EQ(covered.totalSampleCount, packets * 1024);
+    EXPECT_EQ(covered.totalSampleCount, packets * packet);
     const GapDetectionResult alone = gapsAlone();
     ASSERT_EQ(alone.gaps.size(), 1U);
     EXPECT_EQ(alone.gaps[0].frameIndex, 100);
     EXPECT_EQ(alone.gaps[0].sampleOffset, 100 * packet);
     EXPECT_EQ(alone.ptsMap.offsets.size(), packets);
   }
-  const auto merged = AudioTranscoder::mergeOverlappingGaps(
-      {gapAt(5, 2), gapAt(1, 0.5), gapAt(1.55, 0.5), gapAt(2.11, 0.1), gapAt(5.5, 0.5)}, 0.05);
-  ASSERT_EQ(merged.size(), 3U);
-  EXPECT_NEAR(merged[0].duration.seconds(), 1.05, 1e-4);
-  EXPECT_NEAR(merged[2].endPTS.seconds(), 7, 1e-4);
+  EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 470 AAC frames × 1024 = 481280 PCM samples"));
+  clip_.write(syntheticMovie({aac(24000, {0x13, 0x10})}));
+  EXPECT_EQ(gapsAlone().totalSampleCount, packets * 2048) << "the other rule for low rates";
+  std::string merged;
+  for (const auto& gap : AudioTranscoder::mergeOverlappingGaps(
+           {gapAt(5, 2), gapAt(1, 0.5), gapAt(1.55, 0.5), gapAt(2.11, 0.1), gapAt(5.5, 0.5)}, 0.05)) {
+    merged += fmt::format("{:.2f} to {:.2f} ({:.2f}), ", gap.startPTS.seconds(), gap.endPTS.seconds(),
+                          gap.duration.seconds());
+  }
+  EXPECT_EQ(merged, "1.00 to 2.05 (1.05), 2.11 to 2.21 (0.10), 5.00 to 7.00 (2.00), ");
 }
 
 TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGivesBack) {
@@ -197,94 +175,59 @@ TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGiv
   const struct {
     double audioStart, syncOffset;
     Gaps video, audio;
-    size_t unmatchedVideo, unmatchedAudio;
+    std::array<size_t, 3> counts;  // gaps that match, of the video alone, of the audio alone
     bool addsSilence = false;
   } rows[] = {
-      {0.3, 0, {}, {gapAt(5)}, 0, 1, true},
-      {0.3, 0.3, {}, {}, 0, 0},
-      {0.1, 0, {}, {}, 0, 0},
-      {0.3, 0.01, {}, {}, 0, 0},
-      {-0.3, 0, {}, {}, 0, 0},
-      {0, 0, {gapAt(10)}, {gapAt(9.8)}, 0, 0},
-      {0, 0, {gapAt(10)}, {gapAt(9.5)}, 1, 1},
-      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, 0, 0},
-      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, 2, 0},
-      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, 0, 2},
+      {0.3, 0, {}, {gapAt(5)}, {0, 0, 1}, true},
+      {0.3, 0.3, {}, {}, {}},
+      {0.1, 0, {}, {}, {}},
+      {0.3, 0.01, {}, {}, {}},
+      {-0.3, 0, {}, {}, {}},
+      {0, 0, {gapAt(10)}, {gapAt(9.8)}, {1, 0, 0}},
+      {0, 0, {gapAt(10)}, {gapAt(9.5)}, {0, 1, 1}},
+      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, {1, 0, 0}},
+      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, {1, 2, 0}},
+      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, {1, 0, 2}},
       // One that starts at the video's end stays, one behind it does not.
-      {0, 0, {}, {gapAt(20), gapAt(20.1)}, 0, 1},
+      {0, 0, {}, {gapAt(20), gapAt(20.1)}, {0, 0, 1}},
   };
   for (const auto& row : rows) {
     log_.clear();
     const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video, .rebaseOffset = CMTime::make(1, 1)};
-    const AudioCoverage audio{.gaps = row.audio, .originalFirstPTS = seconds(1 + row.audioStart)};
-    const auto actions = AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5);
+    const AudioCoverage audio{.gaps = row.audio, .originalFirstPTS = CMTime::makeWithSeconds(1 + row.audioStart)};
+    const auto actions = AudioTranscoder::convertToAudioActions(
+        AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5), 48000, packet);
     const auto stats =
         fmt::format("AudioTranscoder: Matched video gaps={}, Unmatched video gaps={}, Unmatched audio gaps={}",
-                    row.video.size() - row.unmatchedVideo, row.unmatchedVideo, row.unmatchedAudio);
+                    row.counts[0], row.counts[1], row.counts[2]);
     EXPECT_TRUE(log_.contains(stats)) << stats;
-    const auto converted = AudioTranscoder::convertToAudioActions(actions, 48000, 1024);
     std::vector<AudioAction> expected;
     if (row.addsSilence) expected = {{AudioAction::Kind::insertSilence, 0, ticks(300), "audioStartsLate"}};
-    EXPECT_EQ(converted, expected) << row.audioStart << " " << row.syncOffset;
+    EXPECT_EQ(actions, expected) << row.audioStart << " " << row.syncOffset;
   }
 }
 
-/// An asset of one track whose buffers are given.
-class ScriptedAsset : public AVAsset {
- public:
-  ScriptedAsset(Clip& clip, std::vector<CMSampleBuffer> buffers)
-      : AVAsset(clip.files, clip.asset.url()), buffers_(std::move(buffers)) {}
-
-  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& /*track*/) const override {
-    const auto next = [this, i = size_t{0}]() mutable {
-      return i < buffers_.size() ? std::optional(buffers_[i++]) : std::nullopt;
-    };
-    return std::make_unique<ScriptedSource>(next, [](int64_t) { return Bytes(); });
-  }
-
- private:
-  std::vector<CMSampleBuffer> buffers_;
-};
-
-TEST_F(AudioAnalysis, BearsBuffersThatStateNoTimesAndOverlaps) {
-  clip_.write({});
-  const auto at = [](CMTime pts, CMTime duration = CMTime::invalid(), int64_t count = 1) {
-    return CMSampleBuffer{pts, duration, count, nullptr, nullptr};
-  };
-  const AVAssetTrack track;
-  const auto ticks90 = [](int64_t value) { return CMTime::make(value, 90000); };
-
-  // A thirtieth of a second stands for a duration that is missing; half a second is no gap, a tick more is one.
-  for (int64_t more : {0, 1}) {
-    const ScriptedAsset asset(clip_, {at(CMTime::invalid()), at(ticks90(9000)), at(CMTime::indefinite()),
-                                      at(ticks90(9000 + 3000 + 45000 + more), ticks90(3000))});
-    const auto timeline = AudioTranscoder::buildVideoTimeline(asset, track, 0.5);
-    EXPECT_EQ(timeline.gaps.size(), static_cast<size_t>(more));
+TEST_F(AudioAnalysis, FindsGapsOfTheVideoAndOverlapsAndBearsTracksThatShowNothing) {
+  // Half a second is no gap, a tick more is one.
+  for (uint32_t more : {0, 1}) {
+    clip_.write(syntheticMovie({pictures({{9000, -1}, {90000, 0}, {45000 + more, -1}, {180000, 90000}})}, 90000));
+    const auto timeline = AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5);
+    EXPECT_EQ(timeline.gaps.size(), more);
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
-    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), static_cast<double>(51000 + more) / 90000);
+    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + more / 90000.0);
   }
-  // Buffers of three packets, the second without a time.
-  const CMTime three = CMTime::make(3072, 48000);
-  const ScriptedAsset sound(clip_, {at(CMTime::make(0, 48000), three, 3), at(CMTime::invalid(), three, 3),
-                                    at(CMTime::make(3072 + 48000, 48000), CMTime::invalid(), 3)});
-  const auto covered = AudioTranscoder::buildAudioCoverage(sound, track, ticks90(9), 48000, 0.5);
-  EXPECT_EQ(covered.totalSampleCount, 9216);
-  ASSERT_EQ(covered.gaps.size(), 1U);
-  EXPECT_NEAR(covered.gaps[0].duration.seconds(), 1, 1e-4);
-  EXPECT_NEAR(covered.lastPTS.seconds(), (3072 * 2 + 48000) / 48000.0, 1e-9);
-  AudioTranscoder::detectAudioGaps(sound, track, 48000, 2.0);
-  EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 9 AAC frames × 1024 = 9216 PCM samples"));
-
-  // 4800 frames back.
-  const ScriptedAsset overlapping(clip_, {at(CMTime::make(0, 48000), ticks90(90000), 47), at(ticks90(81000))});
-  const auto inside = AudioTranscoder::detectInternalGaps(overlapping, track, AACType::aacLC, 64);
+  SyntheticTrack overlapping = whole();
+  overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
+  clip_.write(syntheticMovie({overlapping}));
+  const auto inside = AudioTranscoder::detectInternalGaps(clip_.asset, clip_.track(), AACType::aacLC, 64);
   EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
   EXPECT_EQ(inside.maxOverlapMs, 100);
 
-  const ScriptedAsset nothing(clip_, {});
-  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(nothing, track, 0.5), AudioTranscoderError);
-  EXPECT_THROW(AudioTranscoder::buildAudioCoverage(nothing, track, {}, 48000, 0.5), AudioTranscoderError);
-  EXPECT_TRUE(AudioTranscoder::detectAudioGaps(nothing, track, 48000, 2.0).overlaps.empty());
+  clip_.write(syntheticMovie({pictures({{100, -1}}), whole({{100, -1}})}));
+  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),
+               AudioTranscoderError);
+  EXPECT_THROW(coverage(), AudioTranscoderError);
+  EXPECT_TRUE(gapsAlone().overlaps.empty());
 }
 
 TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
@@ -294,7 +237,7 @@ TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
 
   // Lengths and offsets that no 64 bits hold in frames.
-  SyntheticTrack endless = sound({{packets, packet}});
+  SyntheticTrack endless = whole();
   endless.timescale = 1;
   endless.longTimes = true;
   endless.mediaDuration = INT64_MAX;

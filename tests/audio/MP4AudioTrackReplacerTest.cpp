@@ -110,7 +110,7 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
   EXPECT_TRUE(log_.contains("  Stripping edts box from audio trak (36 bytes)"));
 }
 
-/// Leaves a hole a hole where a file's first gigabytes are copied.
+/// Copies of a box of gigabytes no more than 16 MiB at each end, and leaves a hole between them.
 class HoleCopier : public ForwardingFileManager {
  public:
   using ForwardingFileManager::ForwardingFileManager;
@@ -122,11 +122,12 @@ class HoleCopier : public ForwardingFileManager {
   struct Handle : ForwardingFileHandle {
     using ForwardingFileHandle::ForwardingFileHandle;
     uint64_t copyRange(FileHandle& target, uint64_t count) override {
-      const bool isHole = offset() > 0xA00000 && offset() + count < fourGiB - 0x4000000;
-      if (!isHole) return ForwardingFileHandle::copyRange(target, count);
-      seek(offset() + count);
-      target.seek(target.offset() + count);
-      return count;
+      constexpr uint64_t end = 0x1000000;
+      if (count <= 2 * end) return ForwardingFileHandle::copyRange(target, count);
+      const uint64_t hole = count - 2 * end, copied = ForwardingFileHandle::copyRange(target, end);
+      seek(offset() + hole);
+      target.seek(target.offset() + hole);
+      return copied + hole + ForwardingFileHandle::copyRange(target, end);
     }
   };
 };

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -27,14 +28,10 @@ struct Recorder : PCMSink {
   }
 };
 
-struct Played {
-  Recorder output;
-  AudioTranscodingState state;
-};
-
 /// So many mono buffers of one value go through the loop, at these times of the source, or else one behind the other.
-Played play(const TranscodePlan& plan, size_t buffers, AudioTranscoder::Config config = {},
-            const std::vector<CMTime>& times = {}) {
+std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers,
+                                                AudioTranscoder::Config config = {},
+                                                const std::vector<CMTime>& times = {}) {
   config.channels = 1;
   const AudioNormalizer normalizer({.channels = 1});
   CMSampleBuffer buffer = sampleBuffer(Samples(bufferFrames, loud), 1);
@@ -62,7 +59,6 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
     Lengths lengths;
     Counts counts = {};
   } const cases[] = {
-      {"nothing to do", {}, 3, {8192, 8192, 8192}},
       {"no audio", {}, 0, {}},
       {"a late start", {.gaps = {gap(0, 0.3)}}, 2, {14400, 8192, 8192}, {14400, 0, 1}},
       {"a gap at a buffer's end is the next one's", {.gaps = {gap(8192, 0.1)}}, 2, {8192, 4800, 8192}, {4800, 0, 1}},
@@ -98,7 +94,7 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
 TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
   // A fade of 1440 frames over this value has no step above 11, the noise none above 63.
   const TranscodePlan plan{.gaps = {gap(16384, 2.5)}, .overlaps = {overlap(8192, 777)}, .cap = 2.9};
-  const Samples faded = play(plan, 10).output.samples;
+  const Samples faded = play(plan, 10).first.samples;
   ASSERT_NEAR(static_cast<double>(faded.size()), 2.9 * 48000, 1);
   const size_t silenceEnd = 2 * 8192 - 777 + 120000;
   const std::span<const int16_t> all(faded);
@@ -112,7 +108,7 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
 
   // Without fades the ramps of the silence lead from and to its neighbours.
   const Samples plain =
-      play({.gaps = {gap(8192, 2.5)}}, 2, {.enableFadeSmoothing = false, .useComfortNoise = false}).output.samples;
+      play({.gaps = {gap(8192, 2.5)}}, 2, {.enableFadeSmoothing = false, .useComfortNoise = false}).first.samples;
   EXPECT_LT(largestStep(plain, 1), 12);
   EXPECT_EQ(plain[8192], loud);
   EXPECT_EQ(plain[8192 + 1440], 0);
@@ -123,16 +119,17 @@ TEST(TranscodeLoop, TellsOfTimesThatAreWrongAndOfGapsThatItDidNotMeet) {
   const TranscodePlan plan{.gaps = {{{}, {}, 7, 32768}}, .firstPTS = CMTime::make(1, 1)};
   LogCapture log;
   const std::vector<CMTime> times = {CMTime::make(1, 1), CMTime::make(3, 2), {}, CMTime::make(5, 4)};
-  EXPECT_EQ(play(plan, 4, {}, times).output.samples.size(), 32768u);
-  for (const char* line :
-       {"AudioTranscoder: Invalid source PTS for buffer #3, using accumulated outputPTS",
-        "AudioTranscoder: PTS regression detected - rebasedPts=0.250s < outputPTS=0.341s, using outputPTS",
-        "AudioTranscoder PTS-FIX: STORE pending #2 - srcPTS=1.500s -> rebasedPTS=0.500s, outputPTS=0.171s, length=8192",
-        "AudioTranscoder PTS-FIX: EMIT pending #4 - writePTS=0.512s, dur=0.171s, outputPTS: 0.512s -> 0.683s",
-        "AudioTranscoder: Pass 2 processed 0/1 gaps and 0/0 overlaps",
-        "  Source samples read: 32768, Next gap index: 0", "  Unprocessed gap at sampleOffset 32768 (frame 7)"}) {
-    EXPECT_TRUE(log.contains(line)) << line;
-  }
+  EXPECT_EQ(play(plan, 4, {}, times).first.samples.size(), 32768u);
+  EXPECT_THAT(
+      log.missing(
+          {"AudioTranscoder: Invalid source PTS for buffer #3, using accumulated outputPTS",
+           "AudioTranscoder: PTS regression detected - rebasedPts=0.250s < outputPTS=0.341s, using outputPTS",
+           "AudioTranscoder PTS-FIX: STORE pending #2 - srcPTS=1.500s -> rebasedPTS=0.500s, outputPTS=0.171s, "
+           "length=8192",
+           "AudioTranscoder PTS-FIX: EMIT pending #4 - writePTS=0.512s, dur=0.171s, outputPTS: 0.512s -> 0.683s",
+           "AudioTranscoder: Pass 2 processed 0/1 gaps and 0/0 overlaps",
+           "  Source samples read: 32768, Next gap index: 0", "  Unprocessed gap at sampleOffset 32768 (frame 7)"}),
+      testing::IsEmpty());
 }
 
 }  // namespace

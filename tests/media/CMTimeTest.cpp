@@ -31,10 +31,9 @@ TEST(CMTime, AgreesWithExactRationals) {
   int counts[2] = {};  // of exact results, of rounded ones
   for (int i = 0; i < 20'000; ++i) {
     const CMTime a = pick(), b = pick();
-    ASSERT_EQ(compare(a, b), exact(a).compare(exact(b)) <=> 0)
-        << a.value << "/" << a.timescale << " " << b.value << "/" << b.timescale;
-    for (const auto& [result, truth] :
-         {std::pair{a + b, Rational(exact(a) + exact(b))}, std::pair{a - b, Rational(exact(a) - exact(b))}}) {
+    const Rational exactA = exact(a), exactB = exact(b), sum = exactA + exactB, difference = exactA - exactB;
+    ASSERT_EQ(compare(a, b), exactA.compare(exactB) <=> 0) << exactA << " " << exactB;
+    for (const auto& [result, truth] : {std::pair(a + b, sum), {a - b, difference}}) {
       if (!result.isNumeric()) {
         ASSERT_GT(abs(truth), Rational(most));
         continue;

@@ -64,12 +64,12 @@ TEST(FormatDescription, TellsTheCoreOfEachLayout) {
     SCOPED_TRACE(row.name);
     const Bytes entry = row.entry.empty() ? aacSampleEntry(32000, 6, row.cookie) : row.entry;
     const auto description = describe(box("stsd", {values({row.boxVersion << 24, 1}), entry}));
-    ASSERT_TRUE(description && description->streamDescription);
-    const auto& stream = *description->streamDescription;
-    EXPECT_EQ(stream.mSampleRate, row.rate);
-    EXPECT_EQ(stream.mChannelsPerFrame, row.channels);
-    EXPECT_EQ(stream.mFramesPerPacket, row.frames);
-    EXPECT_EQ(stream.mFormatID, row.format);
+    ASSERT_TRUE(description);
+    const AudioStreamBasicDescription expected{.mSampleRate = row.rate,
+                                               .mFormatID = row.format,
+                                               .mFramesPerPacket = row.frames,
+                                               .mChannelsPerFrame = row.channels};
+    EXPECT_EQ(description->streamDescription, expected);
     EXPECT_EQ(description->magicCookie, row.cookie);
   }
 }

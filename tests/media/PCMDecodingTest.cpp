@@ -9,6 +9,7 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
+#include "support/FailureOf.h"
 #include "support/PCM.h"
 #include "support/ScriptedSource.h"
 
@@ -29,7 +30,7 @@ Decoded decode(const Clip& clip, const PCMOutputSettings& settings = {},
                std::unique_ptr<CompressedSampleSource> samples = nullptr) {
   const auto source = makePCMSource(samples ? std::move(samples) : clip.samples(), clip.track(), settings);
   Decoded result;
-  try {
+  result.failure = failureOf([&] {
     while (const auto buffer = source->next()) {
       EXPECT_EQ(buffer->presentationTimeStamp.timescale, settings.sampleRate);
       EXPECT_EQ(buffer->duration.value, buffer->numSamples);
@@ -42,10 +43,8 @@ Decoded decode(const Clip& clip, const PCMOutputSettings& settings = {},
       EXPECT_EQ(more.size(), static_cast<size_t>(buffer->numSamples) * settings.channels);
       result.samples.insert(result.samples.end(), more.begin(), more.end());
     }
-  } catch (const Error& error) {
-    result.failure = error.description();
-    EXPECT_FALSE(source->next());
-  }
+  });
+  EXPECT_FALSE(source->next()) << "nothing comes after the end";
   return result;
 }
 
@@ -129,21 +128,20 @@ TEST(PCMDecoding, EqualsFFmpegForEachCodecAndRate) {
 
 TEST(PCMDecoding, ClicksStayInPlace) {
   const struct {
-    const char* name;
     int rate;
     const char* filter;
     double shift = 0;  // of what comes behind 2.58 s
     double speed = 1;
   } cases[] = {
-      {"a hole", 48000, "'if(gt(N\\,120)\\,TS+24576\\,TS)'", 0.512},
-      {"a hole at 44.1 kHz", 44100, "'if(gt(N\\,111)\\,TS+22050\\,TS)'", 0.5},
-      {"an overlap", 48000, "'if(gt(N\\,120)\\,TS-900\\,TS)'", -900.0 / 48000},
-      {"drift", 48000, "'round(TS*1.0005)'", 0, 1.0005},
-      {"drift back", 48000, "'round(TS*0.9995)'", 0, 0.9995},
-      {"drift at 44.1 kHz", 44100, "'round(TS*1.0005)'", 0, 1.0005},
+      {48000, "'if(gt(N\\,120)\\,TS+24576\\,TS)'", 0.512},
+      {44100, "'if(gt(N\\,111)\\,TS+22050\\,TS)'", 0.5},
+      {48000, "'if(gt(N\\,120)\\,TS-900\\,TS)'", -900.0 / 48000},
+      {48000, "'round(TS*1.0005)'", 0, 1.0005},
+      {48000, "'round(TS*0.9995)'", 0, 0.9995},
+      {44100, "'round(TS*1.0005)'", 0, 1.0005},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.filter);
     const Clip file(clicks(c.rate, c.filter));
     const double length = 12 * c.speed + c.shift;
     const Decoded ours = decode(file);
@@ -276,21 +274,24 @@ TEST(PCMDecoding, AHoleOfAnHourTakesNoMemory) {
 }
 
 TEST(PCMDecoding, TakesOnlyWhatItCanDecode) {
-  const auto format = [](const char* codec, uint8_t objectTypeIndication, Bytes cookie) {
-    return std::make_shared<CMFormatDescription>(
-        CMFormatDescription{codec, interleavedPCM16(48000, 2), std::move(cookie), objectTypeIndication});
+  const auto stereo = interleavedPCM16(48000, 2);
+  const std::pair<CMFormatDescription, bool> rows[] = {
+      {{"mp4a", stereo, {0x11, 0x90}, 0x20}, false},  // MPEG-4 video
+      {{"drmI", stereo, {}}, false},
+      {{"alac", stereo, {0}}, false},
+      {{"mp4a", stereo, {0x11, 0x90}, 0x40}, true},
+      {{"mp4a", stereo, {}, 0x40}, true},
   };
-  EXPECT_TRUE(canDecode(*format("mp4a", 0x40, {0x11, 0x90})));
-  EXPECT_TRUE(canDecode(*format("mp4a", 0x40, {}))) << "without a cookie the sample entry tells";
-  EXPECT_FALSE(canDecode(*format("mp4a", 0x20, {0x11, 0x90}))) << "MPEG-4 video";
-  EXPECT_FALSE(canDecode(*format("drmI", 0, {})));
-  EXPECT_FALSE(canDecode(*format("alac", 0, {0})));
   AVAssetTrack track;
-  EXPECT_THROW(makePCMSource(nullptr, track, {}), Error);
-  track.formatDescriptions = {format("sowt", 0, {})};
-  for (PCMOutputSettings settings : {PCMOutputSettings{.sampleRate = 0}, {.channels = 0}, {.channels = 3}}) {
-    EXPECT_THROW(makePCMSource(nullptr, track, settings), Error);
+  const auto makes = [&](const PCMOutputSettings& settings = {}) {
+    return failureOf([&] { makePCMSource(nullptr, track, settings); }).empty();
+  };
+  EXPECT_FALSE(makes());
+  for (const auto& [format, isKnown] : rows) {
+    track.formatDescriptions = {std::make_shared<CMFormatDescription>(format)};
+    EXPECT_EQ(makes(), isKnown) << format.codec;
   }
+  EXPECT_FALSE(makes({.sampleRate = 0}) || makes({.channels = 0}) || makes({.channels = 3}));
 }
 
 }  // namespace

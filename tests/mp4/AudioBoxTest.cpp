@@ -4,25 +4,12 @@
 
 #include "mp4/AudioBoxBuilders.h"
 #include "platform/Error.h"
+#include "support/BoxBuilder.h"
 
 namespace tarn {
 namespace {
 
-/// Hexadecimal digits, and text in quotes.
-Bytes bytesFrom(std::string_view text) {
-  Bytes bytes;
-  bool isQuoted = false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\'') {
-      isQuoted = !isQuoted;
-    } else if (isQuoted) {
-      bytes.push_back(static_cast<uint8_t>(text[i]));
-    } else if (text[i] != ' ') {
-      bytes.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i++, 2)), nullptr, 16)));
-    }
-  }
-  return bytes;
-}
+using namespace test;
 
 constexpr const char* matrix = "00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000 ";
 constexpr const char* esds48 =

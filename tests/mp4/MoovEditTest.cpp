@@ -17,10 +17,7 @@ Bytes movie(const Bytes& table1, const Bytes& table2) {
 TEST(ChunkOffsets, MoveInAllTracks) {
   LogCapture log;
   const ChunkOffsetShift grown{.delta = 1000}, shrunk{.delta = -200}, behind{.delta = 10, .movesFrom = 500};
-  struct {
-    ChunkOffsetShift shift;
-    Bytes before, after;
-  } cases[] = {
+  const std::tuple<ChunkOffsetShift, Bytes, Bytes> cases[] = {
       {{.delta = 0}, fullBox("stco", {1, 5}), fullBox("stco", {1, 5})},
       {grown, fullBox("stco", {2, 5, 4294967000}), fullBox("stco", {2, 1005, 4294967295})},
       {grown, fullBox("co64", {1, 0, 4294967000}), fullBox("co64", {1, 1, 704})},
@@ -31,10 +28,10 @@ TEST(ChunkOffsets, MoveInAllTracks) {
       {grown, fullBox("co64", {UINT32_MAX, 0, 1, 0}), fullBox("co64", {UINT32_MAX, 0, 1001, 0})},
       {grown, fullBox("stco", {}), fullBox("stco", {})},
   };
-  for (const auto& c : cases) {
-    Bytes moov = movie(c.before, c.before);
-    ChunkOffsetTable::adjustAllInMoov(moov, c.shift);
-    EXPECT_EQ(moov, movie(c.after, c.after));
+  for (const auto& [shift, before, after] : cases) {
+    Bytes moov = movie(before, before);
+    ChunkOffsetTable::adjustAllInMoov(moov, shift);
+    EXPECT_EQ(moov, movie(after, after));
   }
   EXPECT_THAT(log.missing({"WARNING: stco offset overflow at entry 1: 4294967000 + 1000 = 4294968000, clamping",
                            "WARNING: stco offset overflow at entry 0: 100 + -200 = -100, clamping"}),

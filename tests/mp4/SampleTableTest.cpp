@@ -17,8 +17,10 @@ using testing::ElementsAre;
 
 class SampleTable : public FileTest {
  protected:
-  MP4SampleTableParser parse(std::initializer_list<Bytes> boxes, size_t media = 1000) {
-    Bytes stbl = box("stbl", boxes);
+  MP4SampleTableParser parse(const std::vector<Bytes>& boxes, size_t media = 1000) {
+    Bytes contents;
+    for (const Bytes& box : boxes) ByteWriter(contents).bytes(box);
+    Bytes stbl = box("stbl", {contents});
     MP4SampleTableParser table;
     table.parseSampleTable(*open(joined({stbl, Bytes(media)})), {.size = stbl.size(), .type = "stbl"});
     return table;
@@ -77,10 +79,7 @@ TEST_F(SampleTable, KnowsSyncSamples) {
 }
 
 TEST_F(SampleTable, DamageIsAFailureWithWords) {
-  struct {
-    std::initializer_list<Bytes> boxes;
-    const char* words;
-  } cases[] = {
+  const std::pair<std::vector<Bytes>, const char*> cases[] = {
       {{stsc_, stco_}, "stsz box not found"},
       {{stsz_, stco_}, "stsc box not found"},
       {{stsz_, stsc_}, "Neither stco nor co64 found"},
@@ -98,8 +97,8 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
       {{stsz_, fullBox("stsc", {3, 1, 1, 1, 3, 1, 1, 2, 1, 1}), stco_}, "out of order"},
       {{stsz_, stsc_, fullBox("co64", {2, UINT32_MAX, UINT32_MAX, 0, 1})}, "Sample offset out of range"},
   };
-  for (const auto& c : cases) {
-    EXPECT_THAT(failureOf([&] { parse(c.boxes).allSamples(); }), testing::HasSubstr(c.words));
+  for (const auto& [boxes, words] : cases) {
+    EXPECT_THAT(failureOf([&, &boxes = boxes] { parse(boxes).allSamples(); }), testing::HasSubstr(words));
   }
   // A box that claims more than the file holds takes no memory for it.
   EXPECT_THROW(parse({stsc_, stco_, boxClaiming(UINT32_MAX, "stsz", {values({0, 0, 0x3F000000, 1})})}), ByteArrayError);
@@ -109,17 +108,14 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
 TEST_F(SampleTable, RebuildsOneSampleAChunk) {
   Bytes stsz = fullBox("stsz", {1, 20}), stsc = fullBox("stsc", {1, 1, 20, 1}), stco = fullBox("stco", {1, 7});
   auto table = parse({stsz, stsc, stco});
-  struct {
-    std::vector<SampleDescriptionSegment> segments;
-    Bytes stsc;
-  } cases[] = {
+  const std::pair<std::vector<SampleDescriptionSegment>, Bytes> cases[] = {
       {{{0, 9, 1}, {10, 19, 2}}, fullBox("stsc", {2, 1, 1, 1, 11, 1, 2})},
       {{{0, 9, 3}, {10, 19, 3}}, fullBox("stsc", {1, 1, 1, 3})},
       {{{0, 9, 2}}, fullBox("stsc", {2, 1, 1, 2, 11, 1, 1})},
       {{{5, 6, 2}}, fullBox("stsc", {3, 1, 1, 1, 6, 1, 2, 8, 1, 1})},
       {{}, fullBox("stsc", {1, 1, 1, 1})},
   };
-  for (const auto& c : cases) EXPECT_EQ(table.rebuildStscBox(c.segments), c.stsc);
+  for (const auto& [segments, rows] : cases) EXPECT_EQ(table.rebuildStscBox(segments), rows);
 
   Bytes offsets = fullBox("stco", {20});
   for (uint32_t i = 0; i < 20; ++i) ByteWriter(offsets).uint32(7 + i);

@@ -3,8 +3,8 @@
 #include "mp4/MP4RemuxError.h"
 #include "parameters/NALUnitParser.h"
 #include "parameters/ParameterSetWalk.h"
-#include "platform/ForwardingFileManager.h"
 #include "support/BoxBuilder.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/ParameterSetBuilder.h"
 
@@ -50,12 +50,7 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
   const Bytes prefixNAL = sampleOf({{0x0E, 1, 2}, avcSlice});  // type 14 does not begin a picture
   auto hevc = NALUnitParser::detectNALLengthSize;
   auto avc = NALUnitParser::detectAVCNALLengthSize;
-  struct {
-    decltype(hevc) detect;
-    std::vector<Bytes> samples;
-    int size;
-    std::string lastLine;
-  } cases[] = {
+  const std::tuple<decltype(hevc), std::vector<Bytes>, int, std::string> cases[] = {
       {hevc, {four}, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
       {hevc, {two, four, two}, 2, "Detected NAL length size: 2 bytes (verified across 2 sample(s))"},
       {hevc, {two, four}, 4, "Detected NAL length size: 4 bytes (verified across 1 sample(s))"},
@@ -66,12 +61,12 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
       {avc, {sampleOf({{9, 0xF0}, avcSPS, avcPPS, avcSlice}, 2)}, 2, "AVC: Detected NAL length size: 2 bytes"},
       {avc, {prefixNAL}, 4, "AVC: Could not detect NAL length size, defaulting to 4 bytes"},
   };
-  for (const auto& c : cases) {
-    auto& file = lay(c.samples);
+  for (const auto& [detect, samples, size, lastLine] : cases) {
+    auto& file = lay(samples);
     file.seek(3);
-    EXPECT_EQ(c.detect(file, samples_), c.size);
+    EXPECT_EQ(detect(file, samples_), size);
     EXPECT_EQ(file.offset(), 3u);
-    EXPECT_EQ(log_.lines().back(), c.lastLine);
+    EXPECT_EQ(log_.lines().back(), lastLine);
   }
   EXPECT_TRUE(log_.contains("WARNING: Detected inconsistent NAL length sizes across samples: [4: 1, 2: 2]"));
 }
@@ -117,9 +112,8 @@ TEST_F(NALUnits, AVCSetsAreFoundBehindSlicesAsFarAsTheSearchGoes) {
   EXPECT_EQ(sets.spsResolutions, (std::vector<PictureSize>{{1920, 1088}, {1920, 1080}}));
   EXPECT_TRUE(sets.hasResolutionChanges);
   EXPECT_FALSE(sets.requiresMultipleSampleEntries);
-  EXPECT_THAT(log_.missing({"AVC: Found PPS (1 bytes)",
-                            fmt::format("AVC: Found SPS ({} bytes) - resolution: 1920x1080", otherSPS.size())}),
-              testing::IsEmpty());
+  EXPECT_TRUE(log_.contains("AVC: Found PPS (1 bytes)"));
+  EXPECT_TRUE(log_.contains(fmt::format("AVC: Found SPS ({} bytes) - resolution: 1920x1080", otherSPS.size())));
 }
 
 TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
@@ -160,21 +154,11 @@ TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
   EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4), NALUnitParserError);
 }
 
-/// Counts the bytes that are read.
-struct CountingHandle : ForwardingFileHandle {
-  using ForwardingFileHandle::ForwardingFileHandle;
-  Bytes read(size_t count) override {
-    Bytes bytes = ForwardingFileHandle::read(count);
-    bytesRead += bytes.size();
-    return bytes;
-  }
-  uint64_t bytesRead = 0;
-};
-
 TEST_F(NALUnits, TenThousandSamplesCostTheirFronts) {
   constexpr uint32_t sampleSize = 100'000;
   constexpr uint64_t sampleCount = 10'000;
-  auto handle = files_.open(file_, OpenMode::creating);
+  FaultyFileManager counting(files_);
+  auto handle = counting.open(file_, OpenMode::creating);
   const Bytes front = sampleOf({vps, sps, pps, Bytes(2000, 0x4E), Bytes(90'000, 0x26)});
   for (uint64_t i = 0; i < sampleCount; ++i) {
     addSample(i * sampleSize, sampleSize);
@@ -182,10 +166,10 @@ TEST_F(NALUnits, TenThousandSamplesCostTheirFronts) {
     handle->write(ByteView(front).first(2100));
   }
   handle->truncate(sampleCount * sampleSize);
-  CountingHandle counting(std::move(handle));
-  EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(counting, samples_, 4).spsArray.size(), 1u);
+  counting.arm({.call = UINT64_MAX, .among = {FileOperation::read}});
+  EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(*handle, samples_, 4).spsArray.size(), 1u);
   // One piece with the sets, one behind the SEI message of 2,000 bytes; no more of a gigabyte.
-  EXPECT_EQ(counting.bytesRead, sampleCount * 2 * SampleFront::readAhead);
+  EXPECT_EQ(counting.calls(), sampleCount * 2);
 }
 
 /// A movie of one sample and two descriptions.
@@ -199,27 +183,23 @@ TEST_F(NALUnits, FilesWithoutUsableTracksAreRefusedInTheirOwnWords) {
   const std::string noMoov = MP4RemuxError::corruptedMP4("moov box not found").description();
   const std::string noStbl = MP4RemuxError::corruptedMP4("Video track stbl not found").description();
   const std::string noSets = NALUnitParserError::noParameterSetsFound().description();
-  struct {
-    Bytes movie;
-    std::string hevcRefusal, avcRefusal = hevcRefusal;
-  } cases[] = {
-      {box("mdat", {Bytes(100)}), noMoov},
-      {box("moov", {trackBox("soun", {})}), noStbl},
-      {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}), noStbl},
-      {movieOf(sampleOf({sps, pps, slice})), noSets},
+  // A movie, and how it fails as HEVC and as AVC.
+  const std::tuple<Bytes, std::string, std::string> cases[] = {
+      {box("mdat", {Bytes(100)}), noMoov, noMoov},
+      {box("moov", {trackBox("soun", {})}), noStbl, noStbl},
+      {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}), noStbl, noStbl},
+      {movieOf(sampleOf({sps, pps, slice})), noSets, noSets},
       {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), noSets, ""},
       {movieOf(sampleOf({vps, sps, pps, slice})), "", noSets},
   };
-  for (const auto& c : cases) {
-    write(c.movie);
-    EXPECT_EQ(failureOf([&] { NALUnitParser::extractAVCParameterSets(files_, file_); }), c.avcRefusal);
-    EXPECT_EQ(failureOf([&] { NALUnitParser::extractParameterSets(files_, file_); }), c.hevcRefusal);
+  for (const auto& [movie, asHEVC, asAVC] : cases) {
+    write(movie);
+    EXPECT_EQ(failureOf([&] { NALUnitParser::extractAVCParameterSets(files_, file_); }), asAVC);
+    EXPECT_EQ(failureOf([&] { NALUnitParser::extractParameterSets(files_, file_); }), asHEVC);
   }
   EXPECT_THAT(log_.missing({"WARNING: Track uses 2 different sample descriptions (indices: [1, 2])",
                             "Found 1 sync samples to scan", "  - PPS: 1 unique sets (2 bytes first)",
-                            "Scanning ALL 1 IRAP samples for complete parameter set collection...",
-                            "Successfully extracted ALL parameter sets from 1 IRAP samples:",
-                            "  - PPS: 1 unique sets (4 bytes first)"}),
+                            "Successfully extracted ALL parameter sets from 1 IRAP samples:"}),
               testing::IsEmpty());
 }
 

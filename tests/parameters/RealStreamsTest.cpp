@@ -17,65 +17,60 @@ Bytes contentsOf(const Bytes& file, std::string_view type) {
   return {contents.begin(), contents.end()};
 }
 
-const std::string inBand = "repeat-headers=1:keyint=5";
-
 std::string sizesOf(const ParameterSets& sets) {
   std::string text;
   for (auto [width, height] : sets.spsResolutions) text += fmt::format("{},{}", width, height);
   return text;
 }
 
+void expectMuxedHvcC(const HEVCConfigurationBox& box, ByteView contents, bool hasLayers) {
+  const auto muxed = readHvcC(contents), built = readHvcC(box.buildDecoderConfigRecord());
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(built.arrays.at(i).nalUnitType, muxed.arrays.at(i).nalUnitType);
+    EXPECT_EQ(built.arrays.at(i).nalUnits, muxed.arrays.at(i).nalUnits);
+  }
+  auto fields = [](const HEVCDecoderConfigurationRecord& r) {
+    return std::vector<int>{r.general_tier_flag, r.general_profile_idc, r.general_level_idc,
+                            r.chromaFormat,      r.bitDepthLumaMinus8,  r.bitDepthChromaMinus8,
+                            r.numTemporalLayers, r.temporalIdNested,    r.lengthSizeMinusOne};
+  };
+  EXPECT_EQ(fields(built), fields(muxed));
+  EXPECT_EQ(muxed.numTemporalLayers > 1, hasLayers);
+}
+
 class RealStreams : public FileTest {};
 
-TEST_F(RealStreams, HEVCSetsAndFieldsAreThoseThatTheMuxerWrote) {
+TEST_F(RealStreams, SetsAndRecordsAreThoseThatTheMuxerWrote) {
+  const std::string inBand = "repeat-headers=1:keyint=5", layers = ":temporal-layers=1:bframes=3:b-adapt=0:open-gop=1";
   const VideoRecipe recipes[] = {
       {"libx265", inBand + ":aud=1:slices=2", "yuv420p", "190x142"},
       {"libx265", inBand + ":hdr10=1:colorprim=bt2020:transfer=smpte2084:colormatrix=bt2020nc", "yuv420p10le"},
       {"libx265", inBand, "yuv422p10le"},
-      {"libx265", inBand + ":temporal-layers=1:bframes=3:b-adapt=0:open-gop=1", "yuv444p"},
-  };
-  for (const VideoRecipe& recipe : recipes) {
-    SCOPED_TRACE(recipe.pixelFormat + recipe.parameters);
-    Path file = encodedVideo(recipe);
-    auto [sets, nalLengthSize] = NALUnitParser::extractParameterSets(files_, file);
-    EXPECT_TRUE(sets.isCollectionComplete);
-    EXPECT_FALSE(sets.requiresMultipleSampleEntries || sets.hasResolutionChanges);
-    auto muxed = readHvcC(contentsOf(readFile(files_, file), "hvcC"));
-    auto built = readHvcC(
-        HEVCConfigurationBox(sets.vpsArray, sets.spsArray, sets.ppsArray, sets.spsRbspArray, nalLengthSize, true)
-            .buildDecoderConfigRecord());
-    for (size_t i = 0; i < 3; ++i) {
-      EXPECT_EQ(built.arrays.at(i).nalUnitType, muxed.arrays.at(i).nalUnitType);
-      EXPECT_EQ(built.arrays.at(i).nalUnits, muxed.arrays.at(i).nalUnits);
-    }
-    auto fields = [](const HEVCDecoderConfigurationRecord& r) {
-      return std::vector<int>{r.general_tier_flag, r.general_profile_idc, r.general_level_idc,
-                              r.chromaFormat,      r.bitDepthLumaMinus8,  r.bitDepthChromaMinus8,
-                              r.numTemporalLayers, r.temporalIdNested,    r.lengthSizeMinusOne};
-    };
-    EXPECT_EQ(fields(built), fields(muxed));
-    EXPECT_EQ(muxed.numTemporalLayers > 1, (recipe.parameters.find("temporal-layers") != std::string::npos));
-    EXPECT_EQ(sizesOf(sets), probeVideo(file, "coded_width,coded_height"));
-  }
-}
-
-TEST_F(RealStreams, AVCRecordsAreThoseThatTheMuxerWrote) {
-  const VideoRecipe recipes[] = {
+      {"libx265", inBand + layers, "yuv444p"},
       {"libx264", inBand + ":profile=baseline"},
       {"libx264", inBand + ":cabac=1:8x8dct=1:slices=3:aud=1", "yuv420p", "190x142"},
       {"libx264", inBand + ":tff=1", "yuv422p10le", "192x160"},
       {"libx264", inBand + ":cqm=jvt", "yuv444p"},
   };
   for (const VideoRecipe& recipe : recipes) {
-    SCOPED_TRACE(recipe.pixelFormat + recipe.parameters);
-    Path file = encodedVideo(recipe);
-    auto [sets, nalLengthSize] = NALUnitParser::extractAVCParameterSets(files_, file);
-    Bytes muxed = contentsOf(readFile(files_, file), "avcC");
-    bool has244 = muxed[1] == 244;  // whose last four fields a muxer may write and we do not
-    if (has244) muxed.resize(muxed.size() - 4);
-    AVCConfigurationBox built(sets.spsArray, sets.ppsArray, sets.spsRbspArray, nalLengthSize);
-    EXPECT_EQ(built.buildDecoderConfigRecord(), muxed);
-    EXPECT_EQ(sizesOf(sets), probeVideo(file, "width,height"));
+    SCOPED_TRACE(recipe.codec + recipe.pixelFormat + recipe.parameters);
+    const bool isHEVC = recipe.codec == "libx265";
+    const Path file = encodedVideo(recipe);
+    const auto [sets, nalLengthSize] = isHEVC ? NALUnitParser::extractParameterSets(files_, file)
+                                              : NALUnitParser::extractAVCParameterSets(files_, file);
+    EXPECT_TRUE(sets.isCollectionComplete);
+    EXPECT_FALSE(sets.requiresMultipleSampleEntries || sets.hasResolutionChanges);
+    EXPECT_EQ(sizesOf(sets), probeVideo(file, isHEVC ? "coded_width,coded_height" : "width,height"));
+    Bytes muxed = contentsOf(readFile(files_, file), isHEVC ? "hvcC" : "avcC");
+    if (isHEVC) {
+      expectMuxedHvcC({sets.vpsArray, sets.spsArray, sets.ppsArray, sets.spsRbspArray, nalLengthSize, true}, muxed,
+                      recipe.parameters == inBand + layers);
+    } else {
+      bool has244 = muxed[1] == 244;  // whose last four fields a muxer may write and we do not
+      if (has244) muxed.resize(muxed.size() - 4);
+      AVCConfigurationBox built(sets.spsArray, sets.ppsArray, sets.spsRbspArray, nalLengthSize);
+      EXPECT_EQ(built.buildDecoderConfigRecord(), muxed);
+    }
   }
 }
 

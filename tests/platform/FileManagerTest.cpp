@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <limits>
@@ -230,6 +231,13 @@ TEST_F(AcrossFileSystems, leaveNothingBehindWhenTheTargetRunsFull) {
   EXPECT_EQ(readFile(files_, source_), bytes_);
   EXPECT_THAT(files_.contentsOfDirectory(home_.path()), UnorderedElementsAre("a"));
   EXPECT_THAT(files_.contentsOfDirectory(other_->path()), UnorderedElementsAre("b"));
+}
+
+TEST(PosixFileManager, refusesAPipeWithoutWaiting) {
+  const TempDirectory home;
+  ASSERT_EQ(::mkfifo((home / "pipe").c_str(), 0600), 0);
+  PosixFileManager files(home.path());
+  EXPECT_EQ(errnoOf([&] { files.open(home / "pipe", OpenMode::reading); }), ESPIPE);
 }
 
 TEST(FileURLs, carryAnyNameThereAndBack) {

@@ -52,30 +52,35 @@ class FaultSweep : public testing::TestWithParam<Recording> {
   /// Whatever happened before: the next process leaves the finished video in the album once and nothing else, or it
   /// leaves nothing, and then a new save does so.
   void expectNothingLost(WholeRun& run) {
+    EXPECT_LE(run.successesTold(), run.assets()) << "a success that was told is one";
     run.restart();
+    size_t strays = 0;
     if (run.assetsInAlbum() == 0) {
-      EXPECT_LE(run.assets(), 1U) << "an asset whose way into the album failed";
+      strays = run.assets();
+      EXPECT_LE(strays, 1U) << "an asset whose way into the album failed";
       run.restart();
       EXPECT_EQ(run.leftovers(), "");
+      const size_t told = run.successesTold();
       EXPECT_TRUE(run.save());
+      EXPECT_EQ(run.successesTold(), told + 1);
     }
     EXPECT_EQ(run.assetsInAlbum(), 1U);
+    EXPECT_EQ(run.assets(), strays + 1);
     EXPECT_TRUE(isWhole(run.saved()));
     run.restart();
     EXPECT_EQ(run.leftovers(), "");
   }
 
   /// Makes the Nth call fail, for every N of a whole run; returns how many points there were.
-  template <typename Arm>
-  size_t sweep(Arm&& arm) {
+  template <typename Work>
+  size_t sweep(uint64_t stride, Work&& workWithFault) {
     size_t points = 0;
-    for (uint64_t call = 1;; call += GetParam().stride, ++points) {
+    for (uint64_t call = 1;; call += stride, ++points) {
       SCOPED_TRACE("call " + std::to_string(call));
       WholeRun run(recording_);
-      arm(run, call);
-      run.save();
-      const bool isOver = !run.files.fired();
-      run.files.disarm();
+      workWithFault(run, call);
+      const bool isOver = !run.hasFired();
+      run.disarm();
       if (isOver) return points;
       expectNothingLost(run);
       if (HasFailure()) return points;
@@ -98,8 +103,9 @@ TEST_P(FaultSweep, EveryFileOperationMayFail) {
   for (const Way& way : {Way{EIO, false, none}, Way{EIO, true, none}, Way{ENOSPC, false, half}, Way{ENOSPC, true, half},
                          Way{EIO, false, whole}}) {
     SCOPED_TRACE(way.errnum == EIO ? "EIO" : "ENOSPC");
-    points += sweep([&](WholeRun& run, uint64_t call) {
+    points += sweep(GetParam().stride, [&](WholeRun& run, uint64_t call) {
       run.files.arm({.call = call, .errnum = way.errnum, .lasting = way.isLasting, .effect = way.effect});
+      run.save();
     });
     if (HasFailure()) return;
   }
@@ -111,25 +117,41 @@ TEST_P(FaultSweep, ThePowerMayGo) {
   size_t points = 0;
   for (PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
     SCOPED_TRACE(cut == PowerCut::keepsNames ? "names kept" : "names lost");
-    points += sweep([&](WholeRun& run, uint64_t call) {
+    points += sweep(GetParam().stride, [&](WholeRun& run, uint64_t call) {
       run.files.arm({.call = call, .lasting = true, .strike = [&run, cut, isOut = false]() mutable {
                        if (!isOut) run.disk.losePower(cut);
                        isOut = true;
                      }});
+      run.save();
     });
     if (HasFailure()) return;
   }
   RecordProperty("cuts", std::to_string(points));
 }
 
-TEST_P(FaultSweep, TheLibraryMayFail) {
-  for (size_t change = 1; change <= 3; ++change) {
-    WholeRun run(recording_);
-    run.photos().setFailures({.failingChange = change});
-    run.save();
-    run.photos().setFailures({});
-    expectNothingLost(run);
+// The photo library's and the transfers' calls, and what the server and the network do; in one process, and where a
+// second one takes a transfer up.
+TEST_P(FaultSweep, EveryCallOfTheServicesMayFail) {
+  size_t points = 0;
+  for (bool isLasting : {false, true}) {
+    SCOPED_TRACE(isLasting ? "from then on" : "once");
+    points += sweep(1, [&](WholeRun& run, uint64_t call) {
+      run.calls.arm(call, isLasting);
+      run.save();
+    });
+    points += sweep(1, [&](WholeRun& run, uint64_t call) {
+      run.dieInMidTransfer();
+      run.calls.arm(call, isLasting);
+      try {
+        run.restart();
+      } catch (const Error&) {
+        // A process that cannot even begin.
+      }
+    });
+    if (HasFailure()) return;
   }
+  RecordProperty("faults", std::to_string(points));
+  EXPECT_GT(points, 50U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Recordings, FaultSweep, testing::ValuesIn(recordings),

@@ -1,5 +1,7 @@
 #include "reliability/WholeRun.h"
 
+#include <algorithm>
+
 #include "download/DocumentsSweep.h"
 #include "download/TaskStore.h"
 #include "mp4/MP4SampleTableParser.h"
@@ -37,6 +39,12 @@ void WholeRun::WatchedSavingStep::run(ProcessingRun& run) {
 
 WholeRun::WholeRun(const Bytes& recording) : recording_(recording) {
   disk.createDirectory("/home/delivered");
+  photos_.authorization().setStatus(PHAuthorizationStatus::notDetermined);
+}
+
+void WholeRun::disarm() {
+  files.disarm();
+  calls.disarm();
 }
 
 void WholeRun::start() {
@@ -48,10 +56,14 @@ void WholeRun::start() {
   for (const char* directory : {"Defaults", "Documents"}) {
     if (files.fileExists(Path("/home") / directory)) removeAbandonedSiblings(files, Path("/home") / directory);
   }
-  plugin_ = TarnBridge::create({files, defaults_, clock_, dispatch_, *application_, photos_, transfers_},
+  plugin_ = TarnBridge::create({files, defaults_, clock_, dispatch_, *application_, faultyPhotos_, faultyTransfers_},
                                steps_.withLast(savingStep_));
+  plugin_->setEventListener([this](const std::string& event, const JSObject& data) {
+    if (event == "downloadComplete" && data.find("assetId")) ++successesTold_;
+  });
   plugin_->load();
-  if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
+  if (!faultyTransfers_.storedTaskDescriptions().empty())
+    plugin_->downloadManager().handleEventsForBackgroundURLSession();
   dispatch_.runUntilIdle();
 }
 
@@ -62,15 +74,21 @@ void WholeRun::die() {
   application_.reset();
 }
 
+bool WholeRun::ask() {
+  bool isTaken = false;
+  if (!plugin_) start();
+  auto call =
+      std::make_shared<CAPPluginCall>("saveVideo", JSObject{{"url", url}, {"album", album}, {"filename", "clip.mp4"}},
+                                      [&](const CAPPluginCall::Answer& answer) { isTaken = answer.resolved; });
+  plugin_->call(call);
+  dispatch_.runUntilIdle();
+  return isTaken;
+}
+
 bool WholeRun::save() {
   bool isTaken = false;
   try {
-    if (!plugin_) start();
-    auto call =
-        std::make_shared<CAPPluginCall>("saveVideo", JSObject{{"url", url}, {"album", album}, {"filename", "clip.mp4"}},
-                                        [&](const CAPPluginCall::Answer& answer) { isTaken = answer.resolved; });
-    plugin_->call(call);
-    dispatch_.runUntilIdle();
+    isTaken = ask();
     deliver();
   } catch (const Error&) {
     // A process that cannot go on ends here.
@@ -78,10 +96,32 @@ bool WholeRun::save() {
   return isTaken;
 }
 
+void WholeRun::dieInMidTransfer() {
+  ask();
+  die();
+}
+
+bool WholeRun::hasRunningTransfer() const {
+  return std::ranges::any_of(transfers_.tasks(),
+                             [](const auto& task) { return task->state() == NSURLSessionTaskState::running; });
+}
+
 void WholeRun::deliver() {
-  while (!transfers_.tasks().empty()) {
-    transfers_.finish(url, recording_);
-    transfers_.complete(url);
+  const auto size = static_cast<int64_t>(recording_.size());
+  const std::function<void()> events[] = {
+      [&] { transfers_.writeData(url, 0, -1); },
+      [&] { transfers_.writeData(url, size / 2, size); },
+      [&] { calls.nextFails() ? transfers_.finishWithoutFile(url) : transfers_.finish(url, recording_); },
+      [&] { transfers_.complete(url); },
+  };
+  while (hasRunningTransfer()) {
+    for (const auto& event : events) {
+      if (calls.nextFails()) {
+        transfers_.complete(url, URLError(56, "The connection was reset"));
+        break;
+      }
+      event();
+    }
     dispatch_.runUntilIdle();
   }
 }

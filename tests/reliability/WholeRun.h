@@ -13,6 +13,7 @@
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "support/FaultyFileManager.h"
+#include "support/FaultyServices.h"
 #include "support/ManualClock.h"
 
 namespace tarn::test {
@@ -21,7 +22,8 @@ namespace tarn::test {
 Bytes videoSamples(const Bytes& movie);
 
 /// A home in memory with everything that runs in it, from a page's call to the album, and processes that come and go.
-/// The disk, the photo library and the transfers outlive a process; faults are armed in `files`.
+/// The disk, the photo library and the transfers outlive a process; faults are armed in `files`, and in `calls` those
+/// of the photo library, of the transfers and of what becomes of a transfer.
 class WholeRun {
  public:
   /// The server has this recording.
@@ -32,17 +34,25 @@ class WholeRun {
 
   InMemoryFileManager disk;
   FaultyFileManager files{disk};
-  InMemoryPhotoLibrary& photos() { return photos_; }
+  FaultyCalls calls;
+  bool hasFired() const { return files.fired() || calls.fired(); }
+  void disarm();
 
   /// A page asks for the recording, the server sends it, and the engine does what it can. False when the command was
   /// refused.
   bool save();
+
+  /// The same until the transfer has begun, and there the process dies.
+  void dieInMidTransfer();
 
   /// A process that sees to what the last one has left, to the end.
   void restart();
 
   /// The process is gone, with all that was in memory.
   void die();
+
+  /// How often a page has been told that its video is saved.
+  size_t successesTold() const { return successesTold_; }
 
   size_t assetsInAlbum();
   size_t assets() { return photos_.fetchAllAssets().size(); }
@@ -63,6 +73,8 @@ class WholeRun {
   };
 
   void start();
+  bool ask();
+  bool hasRunningTransfer() const;
   void deliver();
   bool hasPendingWork();
 
@@ -72,10 +84,13 @@ class WholeRun {
   ManualDispatch dispatch_;
   std::optional<HostApplication> application_;
   InMemoryPhotoLibrary photos_{files, dispatch_};
+  FaultyPhotoLibrary faultyPhotos_{photos_, calls};
   ScriptedURLSessionService transfers_{files, "/home/delivered"};
+  FaultyURLSessionService faultyTransfers_{transfers_, calls};
   RepairSteps steps_;
-  WatchedSavingStep savingStep_{photos_, clock_};
+  WatchedSavingStep savingStep_{faultyPhotos_, clock_};
   std::shared_ptr<TarnBridge> plugin_;
+  size_t successesTold_ = 0;
 };
 
 }  // namespace tarn::test

@@ -6,18 +6,37 @@
 #include <string>
 
 #include "remux/MP4Remuxer.h"
+#include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
+#include "support/MovieLayout.h"
 
 namespace tarn::test {
 
-inline const VideoRecipe inBandHEVC{.codec = "libx265", .parameters = "repeat-headers=1:keyint=20"};
-inline const VideoRecipe inBandAVC{.codec = "libx264", .parameters = "repeat-headers=1:keyint=20"};
+inline const std::string sampleTable = "moov/trak/mdia/minf/stbl";
+
+/// A recipe for 2 s that have their parameter sets in the samples.
+inline VideoRecipe inBand(bool isHEVC, const std::string& size = "192x144") {
+  return {.codec = isHEVC ? "libx265" : "libx264", .parameters = "repeat-headers=1:keyint=20", .size = size};
+}
+
+/// The movie without the configuration box of its sample entry and with the tag that says so; no offset changes.
+inline Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
+  BoxEditor editor(movie);
+  const std::string entry = sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc1");
+  editor.rename(entry + (isHEVC ? "/hvcC" : "/avcC"), "free");
+  if (!isHEVC) editor.rename(entry, "avc3");
+  return editor.bytes;
+}
 
 /// A file in a directory of its own, to be damaged and repaired.
 class RemuxTest : public FileTest {
  protected:
+  Bytes damagedVideo(bool isHEVC) {
+    return withoutParameterSets(readFile(files_, encodedVideo(inBand(isHEVC))), isHEVC);
+  }
+
   void repair(bool isHEVC, FileManager& files, const CancellationToken* token = nullptr) {
     if (isHEVC) {
       MP4Remuxer::remuxHEVCWithParameterExtraction(files, file_, token, timings_);
@@ -48,23 +67,5 @@ class RemuxTest : public FileTest {
 
   std::optional<RemuxTimings> timings_;
 };
-
-/// The movie with the parameter sets taken out of its sample entry and the tag that says so; no offset changes.
-inline Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
-  BoxEditor editor(movie);
-  const std::string stsd = "moov/trak/mdia/minf/stbl/stsd/";
-  if (isHEVC) {
-    // The fixed 23 bytes of the record stay, without an array (ISO/IEC 14496-15 8.3.3).
-    auto hvcC = editor.at(stsd + "hev1/hvcC");
-    editor.bytes[hvcC.offset + 8 + 22] = 0;
-    editor.setField(hvcC.offset, 31);
-    editor.setField(hvcC.offset + 31, static_cast<uint32_t>(hvcC.size - 31));
-    editor.setField(hvcC.offset + 35, 0x66726565);  // "free"
-  } else {
-    editor.rename(stsd + "avc1/avcC", "free");
-    editor.rename(stsd + "avc1", "avc3");
-  }
-  return editor.bytes;
-}
 
 }  // namespace tarn::test

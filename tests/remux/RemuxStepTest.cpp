@@ -1,7 +1,5 @@
-#include "parameters/NALUnitParser.h"
 #include "remux/RemuxFixture.h"
 #include "remux/RemuxStep.h"
-#include "support/BoxBuilder.h"
 #include "support/RunRecorder.h"
 
 namespace tarn {
@@ -11,48 +9,40 @@ using namespace test;
 
 class RemuxStepTest : public FileTest {
  protected:
-  ProcessingTimings runStep(const Bytes& movie) {
-    write(movie);
-    ProcessingRun run = recorder_.runOn(files_, file_);
-    RemuxStep().run(run);
-    return run.timings;
-  }
-
   RunRecorder recorder_;
 };
 
 TEST_F(RemuxStepTest, RepairsByCodecAndEntersItsStages) {
-  auto timings = runStep(withoutParameterSets(readFile(files_, encodedVideo(inBandHEVC)), true));
-  EXPECT_EQ(recorder_.stages, "remuxing remuxed ");
-  EXPECT_GT(timings.hevcRemuxTotal, 0);
-  EXPECT_GT(timings.hevcRemuxing.writeAtomicMP4, 0);
-  EXPECT_EQ(MP4Remuxer::detectHEVCTag(files_, file_), "hvc1");
-
-  runStep(withoutParameterSets(readFile(files_, encodedVideo(inBandAVC)), false));
-  EXPECT_EQ(MP4Remuxer::detectHEVCTag(files_, file_), "avc1");
-
-  const std::pair<Bytes, const char*> others[] = {
-      {Bytes(), "WARNING: Could not detect video codec (detection failed)"},
-      {box("moov", {trackBox("vide", {sampleDescriptionBox({visualSampleEntry("vp09")})})}),
-       "Codec vp09 does not require remuxing"},
-      {box("moov", {trackBox("vide", {box("stsd")})}),
-       "ERROR detecting video codec: the data are too short for version and flags"},
+  auto damaged = [&](bool isHEVC) {
+    return withoutParameterSets(readFile(files_, encodedVideo(inBand(isHEVC))), isHEVC);
   };
-  for (const auto& [other, line] : others) {
-    runStep(other);
-    EXPECT_EQ(recorder_.stages, "remuxing remuxed ");
-    EXPECT_EQ(written(), other);
-    EXPECT_TRUE(log_.contains(line)) << line;
+  auto movieWith = [](const Bytes& stsd) { return box("moov", {trackBox("vide", {stsd})}); };
+  const Bytes noSets = readFile(files_, encodedVideo({.codec = "libx265"})), noFields = box("stsd");
+  const std::string both = "remuxing remuxed ";
+  struct {
+    Bytes movie;
+    std::string stages, line;
+    bool isRepaired = false;
+  } cases[] = {
+      {damaged(true), both, "HEVC remuxing completed", true},
+      {damaged(false), both, "AVC remuxing completed", true},
+      {movieWith(sampleDescriptionBox({visualSampleEntry("vp09")})), both, "Codec vp09 does not require remuxing"},
+      {Bytes(), both, "WARNING: Could not detect video codec (detection failed)"},
+      {movieWith(noFields), both, "ERROR detecting video codec: the data are too short for version and flags"},
+      {noSets, "remuxing ", "ERROR during HEVC remuxing: No complete parameter sets found in the video's sync samples"},
+  };
+  for (const auto& c : cases) {
+    write(c.movie);
+    ProcessingRun run = recorder_.runOn(files_, file_);
+    EXPECT_EQ(failureOf([&] { RemuxStep().run(run); }).empty(), c.stages == both);
+    EXPECT_EQ(recorder_.stages, c.stages);
+    EXPECT_TRUE(log_.contains(c.line)) << c.line;
+    EXPECT_EQ(written() != c.movie, c.isRepaired);
+    EXPECT_EQ(run.timings.hevcRemuxTotal > 0 && run.timings.hevcRemuxing.writeAtomicMP4 > 0, c.isRepaired);
   }
-}
-
-TEST_F(RemuxStepTest, PassesFailuresOn) {
-  Bytes movie = readFile(files_, encodedVideo({.codec = "libx265"}));
-  EXPECT_THROW(runStep(movie), NALUnitParserError);
-  EXPECT_EQ(recorder_.stages, "remuxing ");
-  EXPECT_THAT(log_.lines(), testing::Contains(testing::StartsWith("ERROR during HEVC remuxing: ")));
   recorder_.token->cancel();
-  EXPECT_THROW(runStep(movie), CancellationError);
+  ProcessingRun cancelled = recorder_.runOn(files_, file_);
+  EXPECT_THROW(RemuxStep().run(cancelled), CancellationError);
   EXPECT_EQ(recorder_.stages, "");
 }
 

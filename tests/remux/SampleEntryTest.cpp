@@ -1,34 +1,35 @@
-#include <gmock/gmock.h>
+#include <functional>
 
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
-#include "mp4/MP4RemuxError.h"
-#include "remux/MP4Remuxer.h"
+#include "remux/RemuxFixture.h"
 #include "remux/VisualSampleEntryBuilder.h"
-#include "support/BoxBuilder.h"
-#include "support/FileTest.h"
 
 namespace tarn {
 namespace {
 
 using namespace test;
 using Builder = VisualSampleEntryBuilder;
+using Children = std::initializer_list<Bytes>;
 
 const Bytes hvcC = box("hvcC", {Bytes(30, 1)}), avcC = box("avcC", {Bytes(30, 2)});
 const Bytes pasp = box("pasp", {Bytes(8, 3)}), colr = box("colr", {Bytes(11, 4)}), clap = box("clap", {Bytes(32, 5)});
+const std::string corrupted = "Corrupted MP4 file: ", unsupported = "Unsupported format: ";
+const std::string ends = ByteArrayError::insufficientData().description();
+
+Bytes movieWithTable(const Bytes& stsd) {
+  return box("moov", {box("mvhd", {Bytes(4)}), trackBox("soun", {sampleDescriptionBox({box("mp4a", {Bytes(30)})})}),
+                      trackBox("vide", {stsd, fullBox("stco", {1, 9})}), box("udta", {Bytes(5)})});
+}
 
 Bytes movieWith(const Bytes& entry, const Bytes& behind = {}) {
-  return box("moov",
-             {box("mvhd", {Bytes(4)}), trackBox("soun", {sampleDescriptionBox({box("mp4a", {Bytes(30)})})}),
-              trackBox("vide", {joined({box("stsd", {values({0, 2}), entry, behind}), fullBox("stco", {1, 9})})}),
-              box("udta", {Bytes(5)})});
+  return movieWithTable(joined({box("stsd", {values({0, 2}), entry, behind})}));
 }
 
 Bytes protection(std::string_view format) {
   return box("sinf", {box("frma", {Bytes(format.begin(), format.end())}), box("schm", {Bytes(12)})});
 }
 
-using Children = std::initializer_list<Bytes>;
 Bytes hev1(Children children) {
   return visualSampleEntry("hev1", children);
 }
@@ -36,7 +37,61 @@ Bytes hvc1(Children children) {
   return visualSampleEntry("hvc1", children);
 }
 
-TEST(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
+class SampleEntry : public FileTest {
+ protected:
+  bool repairTag() { return MP4Remuxer::remuxAVCTag(files_, file_, "avc3"); }
+};
+
+TEST_F(SampleEntry, TagIsRepairedWhereThereIsARecord) {
+  auto avc3 = [](Children children) { return movieWith(visualSampleEntry("avc3", children)); };
+  auto record = [](size_t size) { return box("avcC", {Bytes(size - 8)}); };
+  const Bytes overrun = boxClaiming(500, "pasp", {Bytes(8)}), noSize = boxClaiming(0, "pasp");
+  struct {
+    Bytes moov;
+    std::optional<std::string> tag;
+    std::string outcome;  ///< how the repair fails, or the end of its log line
+  } cases[] = {
+      {movieWith(visualSampleEntry("avc1", {record(15)})), "avc1",
+       "avc1 with valid avcC (15 bytes), no remuxing needed"},
+      {avc3({record(8), record(39)}), "avc3", "avcC box present (39 bytes), video is now iOS-compatible"},
+      {avc3({record(14)}), "avc3", "WARNING - Found avcC box but size too small (14 bytes)"},
+      {avc3({pasp}), "avc3", "No valid avcC box found, Phase 2 required"},
+      {avc3({overrun, avcC}), "avc3", "Child box 'pasp' extends beyond sample entry boundary, stopping"},
+      {avc3({noSize, avcC}), "avc3", "Reached end of child boxes (boxSize=0)"},
+      {avc3({box("a   "), avcC}), "avc3", "Invalid child box type 'a   ', stopping scan"},
+      {movieWith(hvc1({})), "hvc1", "Found HEVC codec, not AVC"},
+      {{}, {}, corrupted + "moov box not found"},
+      {box("mdat"), {}, corrupted + "moov box not found"},
+      {box("moov", {trackBox("soun", {})}), {}, corrupted + "Video trak box not found"},
+      {box("moov", {box("trak", {mediaBox("vide")})}), {}, corrupted + "minf box not found"},
+      {box("moov", {trackBox("vide", {})}), {}, corrupted + "stsd box not found"},
+      {movieWithTable(box("stsd", {Bytes(16)})), {}, corrupted + "No sample entries in stsd"},
+      {movieWith(boxClaiming(UINT32_MAX, "avc3", {Bytes(10)})), "avc3", corrupted + "Sample entry too small"},
+      {movieWith(box("avc3", {Bytes(77)})), "avc3", corrupted + "Sample entry too small"},
+      {movieWith(visualSampleEntry("vp09")), "vp09", unsupported + "Expected avc1 or avc3, found vp09"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(MP4Remuxer::detectHEVCTag(files_, write(c.moov)), c.tag) << c.outcome;
+    log_.clear();
+    bool isDone = false;
+    std::string failure = failureOf([&] { isDone = repairTag(); });
+    if (failure.empty()) {
+      EXPECT_THAT(log_.lines(), testing::Contains(testing::EndsWith(c.outcome)));
+      EXPECT_EQ(isDone, &c - cases < 2) << c.outcome;
+    } else {
+      EXPECT_EQ(failure, c.outcome);
+    }
+    EXPECT_TRUE(isDone || written() == c.moov) << c.outcome;
+  }
+  for (const auto& work : {std::function([&] { repairTag(); }), {[&] { MP4Remuxer::detectHEVCTag(files_, file_); }}}) {
+    write(movieWithTable(box("stsd", {values({0, 1})})));
+    EXPECT_EQ(failureOf(work), ends);
+    files_.removeItem(file_);
+    EXPECT_EQ(failureOf(work), "File not found");
+  }
+}
+
+TEST_F(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
   const Bytes second = hvc1({box("hvcC")}), free8 = box("free"), old = box("hvcC", {Bytes(30, 9)});
   const Bytes overrun = boxClaiming(99, "colr", {Bytes(20)}), noSize = boxClaiming(0, "pasp");
   const Bytes noName = box("\xA9xyz"), hevC = box("hevC", {Bytes(99)});
@@ -59,7 +114,6 @@ TEST(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
       {hev1({pasp, Bytes(7)}), hvc1({hvcC, pasp}), hvc1({pasp, hvcC})},
       {hev1({free8, free8}), hvc1({hvcC, free8, free8}), hvc1({free8, hvcC})},
   };
-  LogCapture log;
   for (const auto& [entry, injected, cloned] : cases) {
     EXPECT_EQ(MP4Remuxer::injectHvcCBoxIntoMoov(movieWith(entry, second), hvcC), movieWith(injected, second));
     EXPECT_EQ(Builder::cloneEntryWithNewHvcC(entry, hvcC, "hvc1", {}), cloned);
@@ -69,21 +123,22 @@ TEST(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
   EXPECT_EQ(
       Builder::cloneEntryWithNewAvcC(visualSampleEntry("encv", {protection("avc3"), avcC, hvcC}), avcC, "avc1", {}),
       visualSampleEntry("encv", {protection("avc1"), hvcC, avcC}));
-  EXPECT_THAT(
-      log.missing(
-          {"Skipping old decoder config box: hvcC (8 bytes)", "Keeping encv codec tag (encrypted video)",
-           "Sample entry size unchanged, skipping parent box updates", "AVC: Net size change: 30 bytes",
-           "    Updated frma data_format: hev1 → hvc1", "AVC: Changed codec tag: avc3 → avc1",
-           "Child box extends beyond sample entry boundary, stopping", "Net size change: 38 bytes (old: 86, new: 124)",
-           "Cloning sample entry: 'hev1' → 'hvc1' (original size: 129)", "  Skipping old hvcC box (38 bytes)",
-           "  Keeping 'pasp' box (16 bytes)", "  Keeping '' box (8 bytes)", "  Injected new hvcC box (38 bytes)",
-           "  Keeping sinf box (40 bytes, frma updated to 'hvc1')", "    Updated frma data_format to 'hvc1'",
-           "Created new sample entry: 'encv' (180 bytes)", "AVC: Created new sample entry: 'encv' (202 bytes)"}),
-      testing::IsEmpty());
+  // A child that is too large ends a copy.
+  for (uint32_t size : {0x63FFFFFu, 0x6400000u}) {
+    Bytes entry = hev1({pasp, box("free", {Bytes(size - 8)}), colr});
+    size_t kept = size == 0x6400000 ? 0 : size + colr.size();
+    EXPECT_EQ(Builder::cloneEntryWithNewHvcC(entry, hvcC, "hvc1", {}).size(), 86 + pasp.size() + kept + hvcC.size());
+  }
+  EXPECT_THAT(log_.missing({"Sample entry size unchanged, skipping parent box updates",
+                            "    Updated frma data_format: hev1 → hvc1", "AVC: Changed codec tag: avc3 → avc1",
+                            "Net size change: 38 bytes (old: 86, new: 124)", "AVC: Net size change: 30 bytes",
+                            "Cloning sample entry: 'hev1' → 'hvc1' (original size: 129)",
+                            "  Keeping sinf box (40 bytes, frma updated to 'hvc1')", "  Keeping '' box (8 bytes)",
+                            "AVC: Created new sample entry: 'encv' (202 bytes)"}),
+              testing::IsEmpty());
 }
 
-TEST(SampleEntry, OfACopyStatesItsOwnPictureSize) {
-  LogCapture log;
+TEST_F(SampleEntry, OfACopyStatesItsOwnPictureSize) {
   for (const Bytes& older : {Bytes(), clap}) {
     Bytes sized = hvc1({pasp, hvcC, box("clap", {values({1920, 1, 1080, 1, 0, 1, 0, 1})})});
     writeUInt32(sized, 1920 << 16 | 1080, 32);
@@ -92,66 +147,44 @@ TEST(SampleEntry, OfACopyStatesItsOwnPictureSize) {
   for (PictureSize odd : {PictureSize{65536, 16}, {16, -1}}) {
     EXPECT_EQ(Builder::cloneEntryWithNewHvcC(hvc1({clap}), hvcC, "hvc1", odd), hvc1({clap, hvcC}));
   }
-  EXPECT_THAT(log.missing({"  Injected clap box with 1920x1080 dimensions (40 bytes)",
-                           "  Replaced clap box with 1920x1080 dimensions (40 bytes)",
-                           "  Set sample entry dimensions to 1920x1080", "  Skipping old clap box (40 bytes)"}),
+  EXPECT_THAT(log_.missing({"  Injected clap box with 1920x1080 dimensions (40 bytes)",
+                            "  Replaced clap box with 1920x1080 dimensions (40 bytes)",
+                            "  Set sample entry dimensions to 1920x1080", "  Skipping old clap box (40 bytes)"}),
               testing::IsEmpty());
 }
 
-TEST(SampleEntry, OfACopyLeavesOutAChildOf100MegabytesAndMore) {
-  LogCapture log;
-  for (uint32_t size : {0x63FFFFFu, 0x6400000u}) {
-    Bytes entry = hev1({pasp, box("free", {Bytes(size - 8)}), colr});
-    size_t kept = size == 0x6400000 ? 0 : size + colr.size();
-    EXPECT_EQ(Builder::cloneEntryWithNewHvcC(entry, hvcC, "hvc1", {}).size(), 86 + pasp.size() + kept + hvcC.size());
-  }
-}
-
-TEST(SampleEntry, IsRefusedWhereItCannotBeEdited) {
-  const std::string corrupted = "Corrupted MP4 file: ", unsupported = "Unsupported format: ";
-  const std::pair<Bytes, std::string> cases[] = {
-      {box("moov", {box("mvhd")}), corrupted + "No trak boxes found in moov"},
-      {box("moov", {trackBox("soun", {})}), unsupported + "No video track found in moov (checked 1 tracks)"},
-      {box("moov", {box("trak", {mediaBox("vide")})}), corrupted + "minf not found in mdia"},
-      {box("moov", {trackBox("vide", {})}), corrupted + "stsd not found in stbl"},
-      {box("moov", {trackBox("vide", {box("stsd", {Bytes(24)})})}), corrupted + "No sample entries in stsd"},
-      {movieWith(visualSampleEntry("avc1")),
-       unsupported +
-           "Video track has codec 'avc1', not 'hev1', 'hvc1', or 'encv'. Cannot inject hvcC into this track."},
-      {movieWith(box("hev1", {Bytes(77)}), Bytes(99)), corrupted + "Sample entry too small"},
-      {movieWith(boxClaiming(UINT32_MAX, "hev1", {Bytes(78)})), corrupted + "Sample entry extends beyond stsd"},
-      {Bytes(7), ByteArrayError::invalidOffset().description()},
-  };
-  LogCapture log;
-  for (const auto& [moov, words] : cases) {
-    EXPECT_EQ(failureOf([&] { MP4Remuxer::injectHvcCBoxIntoMoov(moov, hvcC); }), words);
-  }
-  EXPECT_THROW(MP4Remuxer::injectAvcCBoxIntoMoov(movieWith(visualSampleEntry("encv")), avcC), MP4RemuxError);
-}
-
-TEST(SampleEntry, IsTakenByItsNumber) {
+TEST_F(SampleEntry, IsRefusedWhereItCannotBeEdited) {
+  const std::string notHEVC = "', not 'hev1', 'hvc1', or 'encv'. Cannot inject hvcC into this track.";
   const Bytes first = hev1({}), second = hvc1({pasp}), stsd = sampleDescriptionBox({first, second});
+  const Bytes encrypted = visualSampleEntry("encv"), endless = boxClaiming(UINT32_MAX, "hev1", {Bytes(78)});
+  auto inject = [](Bytes moov) { return [moov] { return MP4Remuxer::injectHvcCBoxIntoMoov(moov, hvcC); }; };
+  auto extract = [](Bytes table, int64_t index) {
+    return [table, index] { return Builder::extractSampleEntry(table, index); };
+  };
+  const std::pair<std::function<Bytes()>, std::string> cases[] = {
+      {inject(box("moov", {box("mvhd")})), corrupted + "No trak boxes found in moov"},
+      {inject(box("moov", {trackBox("soun", {})})), unsupported + "No video track found in moov (checked 1 tracks)"},
+      {inject(box("moov", {box("trak", {mediaBox("vide")})})), corrupted + "minf not found in mdia"},
+      {inject(box("moov", {trackBox("vide", {})})), corrupted + "stsd not found in stbl"},
+      {inject(movieWithTable(box("stsd", {Bytes(24)}))), corrupted + "No sample entries in stsd"},
+      {inject(movieWith(visualSampleEntry("avc1"))), unsupported + "Video track has codec 'avc1" + notHEVC},
+      {inject(movieWith(box("hev1", {Bytes(77)}), Bytes(99))), corrupted + "Sample entry too small"},
+      {inject(movieWith(endless)), corrupted + "Sample entry extends beyond stsd"},
+      {inject(Bytes(7)), ByteArrayError::invalidOffset().description()},
+      {[&] { return MP4Remuxer::injectAvcCBoxIntoMoov(movieWith(encrypted), avcC); },
+       unsupported + "Video track has codec 'encv', not 'avc1' or 'avc3'. Cannot inject avcC."},
+      {extract(Bytes(15), 0), "stsd data too small"},
+      {extract(stsd, 2), "Entry index 2 out of range (count: 2)"},
+      {extract(stsd, -1), "Entry index -1 out of range (count: 2)"},
+      {extract(sampleDescriptionBox({boxClaiming(0, "hev1"), first}), 1), "Entry 0 has a size of 0 bytes"},
+      {extract(sampleDescriptionBox({boxClaiming(1'000'000, "hev1"), first}), 1), ends},
+      {extract(sampleDescriptionBox({first, boxClaiming(500, "hev1")}), 1), ends},
+      {[] { return Builder::cloneEntryWithNewHvcC(Bytes(85), hvcC, "hvc1", {}); }, "Sample entry too small: 85 bytes"},
+  };
+  for (const auto& [work, words] : cases) EXPECT_EQ(failureOf(work), words);
   EXPECT_EQ(Builder::extractSampleEntry(stsd, 0), first);
   EXPECT_EQ(Builder::extractSampleEntry(stsd, 1), second);
-  const std::string ends = ByteArrayError::insufficientData().description();
-  const std::tuple<Bytes, int64_t, std::string> cases[] = {
-      {Bytes(15), 0, "stsd data too small"},
-      {stsd, 2, "Entry index 2 out of range (count: 2)"},
-      {stsd, -1, "Entry index -1 out of range (count: 2)"},
-      {sampleDescriptionBox({boxClaiming(0, "hev1"), first}), 1, "Entry 0 has a size of 0 bytes"},
-      {sampleDescriptionBox({boxClaiming(1'000'000, "hev1"), first}), 1, ends},
-      {sampleDescriptionBox({first, boxClaiming(500, "hev1")}), 1, ends},
-  };
-  for (const auto& [box, index, words] : cases) {
-    EXPECT_EQ(failureOf([&box = box, index = index] { Builder::extractSampleEntry(box, index); }), words);
-  }
-  EXPECT_EQ(failureOf([] { Builder::cloneEntryWithNewHvcC(Bytes(85), hvcC, "hvc1", {}); }),
-            "Sample entry too small: 85 bytes");
-}
-
-TEST(Protection, IsPatchedWhereItNamesTheCodec) {
-  LogCapture log;
-  EXPECT_EQ(MP4Remuxer::updateFrmaInSinfData(protection("abcd"), "hvc1"), protection("hvc1"));
+  // A protection box that does not name the codec stays as it is.
   for (const Bytes& odd : {Bytes(7), Bytes(8), box("sinf", {box("frma")}), box("sinf", {box("frma", {Bytes(3)})}),
                            box("sinf", {boxClaiming(7, "schm"), box("frma", {Bytes(4)})})}) {
     EXPECT_EQ(MP4Remuxer::updateFrmaInSinfData(odd, "hvc1"), odd);

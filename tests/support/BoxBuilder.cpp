@@ -1,5 +1,7 @@
 #include "support/BoxBuilder.h"
 
+#include <string>
+
 #include "mp4/DataExtensions.h"
 
 namespace tarn::test {
@@ -8,6 +10,21 @@ Bytes joined(std::initializer_list<Bytes> parts) {
   Bytes result;
   for (const Bytes& part : parts) result.insert(result.end(), part.begin(), part.end());
   return result;
+}
+
+Bytes bytesFrom(std::string_view text) {
+  Bytes bytes;
+  bool isQuoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\'') {
+      isQuoted = !isQuoted;
+    } else if (isQuoted) {
+      bytes.push_back(static_cast<uint8_t>(text[i]));
+    } else if (text[i] != ' ') {
+      bytes.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i++, 2)), nullptr, 16)));
+    }
+  }
+  return bytes;
 }
 
 Bytes values(std::initializer_list<uint32_t> fields) {

@@ -12,6 +12,9 @@ namespace tarn::test {
 
 Bytes joined(std::initializer_list<Bytes> parts);
 
+/// What hexadecimal digits and text in single quotes say; blanks are for the reader.
+Bytes bytesFrom(std::string_view text);
+
 /// Big-endian values in a row.
 Bytes values(std::initializer_list<uint32_t> fields);
 

@@ -67,6 +67,11 @@ class FaultyFileManager : public ForwardingFileManager {
       if (!fired()) return fault.call - 1;
     }
   }
+  /// Calls that counted since the last arming.
+  uint64_t calls() const {
+    std::lock_guard guard(mutex_);
+    return calls_;
+  }
   /// True when the fault that was armed last has happened.
   bool fired() const {
     std::lock_guard guard(mutex_);

@@ -31,6 +31,9 @@ class MovieLayout {
   };
   Bytes build(const std::vector<Piece>& pieces) const;
 
+  /// The file with its `moov` ahead of its media.
+  Bytes moovAhead() const { return build({{Piece::Kind::raw, ftyp}, {Piece::Kind::moov}, {Piece::Kind::mdat}}); }
+
  private:
   uint64_t mediaOffset_ = 0;
 };

@@ -121,9 +121,13 @@ uint64_t PosixFileHandle::copyRange(FileHandle& target, uint64_t count) {
   auto* const posix = dynamic_cast<PosixFileHandle*>(&target);
   if (posix && blocksMatch(offset_, posix->offset_)) copied = copyInKernel(*posix, count);
   // At the end of the file this reads once and gets nothing; some file systems claim an end that is none.
-  const uint64_t byReading = copyByReading(*this, target, count - copied);
-  if (posix && byReading > 0) posix->startWriting(byReading);
-  return copied + byReading;
+  while (copied < count) {
+    const uint64_t piece = copyByReading(*this, target, std::min<uint64_t>(count - copied, maximumCopyPiece));
+    if (piece == 0) break;
+    if (posix) posix->startWriting(piece);
+    copied += piece;
+  }
+  return copied;
 }
 
 void PosixFileHandle::startWriting(uint64_t count) {

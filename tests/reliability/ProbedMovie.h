@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/FileManager.h"
+#include "support/BoxTree.h"
+
+namespace tarn::test {
+
+/// A packet as ffprobe tells it.
+struct Packet {
+  int64_t pts;
+  double seconds;  ///< of the pts
+  int64_t dts;
+  int64_t place;  ///< in the file
+  std::string hash;
+
+  bool isSame(const Packet& other) const { return pts == other.pts && dts == other.dts && hash == other.hash; }
+};
+/// By the kind of their track, "video" and "audio".
+using Packets = std::map<std::string, std::vector<Packet>>;
+
+/// The boxes of a file, one behind the other: types and bytes.
+std::vector<std::pair<std::string, ByteView>> topLevel(ByteView file);
+
+/// A movie as ffprobe and a walk of its own read it, without the engine.
+struct ProbedMovie {
+  explicit ProbedMovie(const Path& movie) : ProbedMovie(movie, movie) {}
+  /// The packets come from another file: the same but for parameter sets without which ffprobe reads nothing.
+  ProbedMovie(const Path& movie, const Path& readable);
+
+  /// A track's edit list with its box, empty without one, and its rows (ISO/IEC 14496-12 8.6.6): duration and media
+  /// time.
+  Bytes edts(const std::string& handler);
+  std::vector<std::pair<uint32_t, uint32_t>> rows(const std::string& handler);
+
+  uint32_t movieTimescale() { return readUInt32(moov.at("mvhd").fields, 12).value(); }
+  uint32_t timescale(const std::string& handler) {
+    return readUInt32(moov.track(handler)->at("mdia/mdhd").fields, 12).value();
+  }
+
+  /// What an edit list says of a track's start, in seconds.
+  struct Start {
+    double firstEmpty = 0;  ///< the first row, if it is empty
+    double empty = 0;       ///< all leading rows that are
+    double skipped = 0;     ///< media ahead of what is played first
+  };
+  Start start(const std::string& handler);
+  double firstPicture() { return start("vide").empty + media.at("video").front().seconds - start("vide").skipped; }
+  /// The sound's start minus the pictures', in seconds, by the boxes and as ffprobe sees it.
+  double offset() { return start("soun").empty - start("soun").skipped - firstPicture(); }
+  double shownOffset() const { return shift("audio") - shift("video") - media.at("video").front().seconds; }
+
+  /// By which the edit list moves a track, as ffprobe sees it, in seconds.
+  double shift(const std::string& kind) const;
+
+  Path file;
+  Bytes bytes;
+  BoxTree moov;
+  Packets media;  ///< without the edit lists
+  Packets shown;
+};
+
+}  // namespace tarn::test

@@ -1,0 +1,246 @@
+#include "reliability/RandomMovie.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "platform/host/PosixFileManager.h"
+#include "support/BoxTree.h"
+#include "support/MediaMaker.h"
+#include "support/MovieLayout.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+class Drawing {
+ public:
+  explicit Drawing(uint64_t seed) : random_(seed), isHealthy_(oneIn(3)) {}
+
+  RandomMovie movie() {
+    mux();
+    moov_ = BoxTree(layout_->moov);
+    if (channels_ > 0 && !isHealthy_) damageSound();
+    if (!isHealthy_) drawEditLists();
+    drawFields();
+    scatterUnknownBoxes();
+    drawLayout();
+    const Bytes readable = laidOut();
+    damageParameterSets();
+    return {(isHealthy_ ? "healthy" : "damaged") + story_, laidOut(), readable, isHealthy_};
+  }
+
+ private:
+  uint32_t below(size_t limit) { return static_cast<uint32_t>(random_() % limit); }
+  bool oneIn(uint32_t count) { return below(count) == 0; }
+  template <typename T>
+  T pick(std::initializer_list<T> choices) {
+    return *(choices.begin() + below(choices.size()));
+  }
+  template <typename... Values>
+  void tell(fmt::format_string<Values...> format, Values&&... told) {
+    story_ += ", " + fmt::format(format, std::forward<Values>(told)...);
+  }
+  Bytes randomBytes(size_t count) {
+    Bytes bytes(count);
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random_());
+    return bytes;
+  }
+
+  Path pictures() {
+    isHEVC_ = oneIn(2);
+    const bool repeatsSets = isHealthy_ ? isHEVC_ || oneIn(2) : !oneIn(8);
+    const int bFrames = pick({0, 2});
+    const auto change = isHealthy_ || !repeatsSets ? std::string() : pick<std::string>({"", "", "", "size", "sets"});
+    VideoRecipe recipe{.codec = isHEVC_ ? "libx265" : "libx264",
+                       .parameters = fmt::format("keyint=20:bframes={}:repeat-headers={:d}", bFrames, repeatsSets),
+                       .more = {"-r", pick<std::string>({"25", "30000/1001"})}};
+    tell("{} {} at {}", recipe.codec, recipe.parameters, recipe.more[1]);
+    if (change.empty()) return encodedVideo(recipe);
+    tell("the {} in mid-stream", change);
+    seconds_ = 4;
+    VideoRecipe second = recipe;
+    change == "size" ? second.size = "256x160" : second.parameters += isHEVC_ ? ":ctu=16" : ":cabac=1";
+    return joinedVideo({recipe, second});
+  }
+
+  Path sound() {
+    rate_ = isHealthy_ ? pick({44100u, 48000u}) : pick({44100u, 48000u, 48000u, 48000u, 32000u, 24000u});
+    channels_ = isHealthy_ || !oneIn(5) ? 2 : 1;
+    tell("sound at {} Hz, {} channels", rate_, channels_);
+    return madeByFFmpeg(words(fmt::format(
+        "-f lavfi -i aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,0.5),0.04)':s={}:d={} -c:a aac -ac {} -b:a 96k", rate_,
+        seconds_, channels_)));
+  }
+
+  void mux() {
+    const std::string video = pictures();
+    const std::string audio = oneIn(6) ? "" : sound();
+    const auto late = audio.empty() ? 0 : isHealthy_ ? pick({0.0, 0.0, 0.3}) : pick({0.0, 0.0, 0.02, 0.3, -0.03, -0.3});
+    const TempDirectory place;
+    const Path file = place / "muxed.mp4";
+    auto command = words(fmt::format("ffmpeg -v error -itsoffset {} -i {}", late < 0 ? -late : 0, video));
+    if (!audio.empty()) {
+      const auto order = pick<std::string>({"-map 0:v -map 1:a", "-map 1:a -map 0:v"});
+      for (const auto& word : words(fmt::format("-itsoffset {} -i {} {}", late > 0 ? late : 0, audio, order))) {
+        command.push_back(word);
+      }
+      tell("late by {} s", late);
+    }
+    const auto options =
+        fmt::format("-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
+                    isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
+                    pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "",
+                    !isHealthy_ && oneIn(6) ? " -use_editlist 0" : "");
+    tell("{}", options);
+    for (const auto& word : words(options + " " + file.string())) command.push_back(word);
+    const auto muxed = runProcess(command);
+    if (muxed.exitCode != 0) throw std::runtime_error(muxed.output);
+    PosixFileManager files(place.path());
+    layout_.emplace(readFile(files, file));
+  }
+
+  void damageParameterSets() {
+    if (isHealthy_ && !isHEVC_) return;
+    BoxTree& entry = moov_.track("vide")->at("mdia/minf/stbl/stsd").children.front();
+    const auto box = entry.child(isHEVC_ ? "hvcC" : "avcC");
+    const uint32_t way = below(4);
+    if (isHEVC_ && way < 2) {
+      // The fixed 23 bytes of the record stay, without an array (ISO/IEC 14496-15 8.3.3).
+      tell("an empty hvcC");
+      box->fields.resize(23);
+      box->fields[22] = 0;
+    } else if (!isHEVC_ && way > 0) {
+      if (way > 1) entry.type = "avc3";
+      if (way < 3) entry.children.erase(box);
+      tell("{} {} avcC", entry.type, way < 3 ? "without" : "with");
+    }
+  }
+
+  static void add(BoxTree& box, size_t at, uint32_t difference) {
+    writeUInt32(box.fields, readUInt32(box.fields, at).value() + difference, at);
+  }
+
+  /// Jumps, lags and other lengths of the sound's packets, all by the tables.
+  void damageSound() {
+    BoxTree& track = *moov_.track("soun");
+    BoxTree& stbl = track.at("mdia/minf/stbl");
+    const uint32_t packets = readUInt32(stbl.at("stsz").fields, 8).value();
+    const uint32_t at = 20 + below(packets - 40);
+    const uint32_t ticks = pick({50u, 70u, 200u, 700u}) * rate_ / 1000;
+    const auto damage =
+        pick<std::string>({"", "", "a hole", "a hole", "a hole that the length denies", "drift", "a lag"});
+    if (damage.empty()) return;
+    tell("{} of {} ticks from packet {} on", damage, ticks, at);
+    if (damage == "a lag") {
+      const auto back = values({0x01000000, 2, at, 0, packets - at, 0 - ticks});
+      stbl.children.emplace_back(box("ctts", {back}));
+      return;
+    }
+    const auto rows = damage == "drift" ? fullBox("stts", {1, packets, 1024 + ticks / 50})
+                                        : fullBox("stts", {3, at - 1, 1024, 1, 1024 + ticks, packets - at, 1024});
+    stbl.at("stts") = BoxTree(rows);
+    const uint32_t longer = damage == "a hole" ? ticks : damage == "drift" ? packets * (ticks / 50) : 0;
+    add(track.at("mdia/mdhd"), 16, longer);
+    if (track.child("edts") == track.children.end()) return;
+    BoxTree& list = track.at("edts/elst");
+    const auto inMovieTime = uint64_t{longer} * readUInt32(moov_.at("mvhd").fields, 12).value() / rate_;
+    add(list, list.fields.size() - 12, static_cast<uint32_t>(inMovieTime));  // the last row's
+  }
+
+  void drawEditLists() {
+    const uint32_t second = readUInt32(moov_.at("mvhd").fields, 12).value();
+    for (const char* handler : {"vide", "soun"}) {
+      BoxTree* track = moov_.track(handler);
+      if (!track || !oneIn(3)) continue;
+      const uint32_t mediaTime = pick({0u, 0u, 1024u, 3600u});
+      const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
+      const uint32_t media = oneIn(5) ? 0 : second * static_cast<uint32_t>(seconds_);
+      std::vector<Bytes> lists = {
+          {},
+          fullBox("elst", {1, media, mediaTime, 0x10000}),
+          fullBox("elst", {2, empty, 0xFFFFFFFF, 0x10000, media, mediaTime, 0x10000}),
+          fullBox("elst", {3, empty, 0xFFFFFFFF, 0x10000, empty, 0xFFFFFFFF, 0x10000, media, mediaTime, 0x10000})};
+      const uint32_t way = below(lists.size());
+      tell("list {} of {}: {} at {} behind {}", way, handler, media, mediaTime, empty);
+      if (const auto old = track->child("edts"); old != track->children.end()) track->children.erase(old);
+      if (way > 0) track->children.emplace(track->child("mdia"), box("edts", {lists[way]}));
+    }
+  }
+
+  /// Times of creation and change, the group, the language: nothing that a player goes by.
+  void drawFields() {
+    const auto scramble = [&](BoxTree& box, size_t begin, size_t end) {
+      std::ranges::copy(randomBytes(end - begin), box.fields.begin() + static_cast<ptrdiff_t>(begin));
+    };
+    scramble(moov_.at("mvhd"), 4, 12);
+    for (BoxTree& track : moov_.children) {
+      if (track.type != "trak") continue;
+      scramble(track.at("tkhd"), 4, 12);
+      scramble(track.at("tkhd"), 34, 36);
+      scramble(track.at("mdia/mdhd"), 4, 12);
+    }
+  }
+
+  Bytes unknownBox() { return box(fmt::format("z{:03}", below(1000)), {randomBytes(below(40))}); }
+
+  void scatterUnknownBoxes() {
+    for (const char* handler : {"vide", "soun"}) {
+      BoxTree* track = moov_.track(handler);
+      if (!track) continue;
+      BoxTree& stbl = track->at("mdia/minf/stbl");
+      BoxTree* places[] = {track, &track->at("mdia"), &track->at("mdia/minf"), &stbl,
+                           &stbl.at("stsd").children.front()};
+      // The innermost first, so that the others stay where they are.
+      for (auto place = std::rbegin(places); place != std::rend(places); ++place) {
+        std::vector<BoxTree>& children = (*place)->children;
+        if (oneIn(3)) children.emplace(children.begin() + below(children.size() + 1), unknownBox());
+      }
+    }
+    for (int i = 0; i < 2; ++i)
+      moov_.children.emplace(moov_.children.begin() + below(moov_.children.size() + 1), unknownBox());
+  }
+
+  void drawLayout() {
+    const bool isMoovFirst = oneIn(2);
+    hasLongOffsets_ = oneIn(3);
+    const auto mdat = pick({Kind::mdat, Kind::longMdat, isMoovFirst ? Kind::openMdat : Kind::mdat});
+    pieces_ = {{Kind::raw, layout_->ftyp}, {Kind::moov}, {mdat}};
+    if (!isMoovFirst) std::swap(pieces_[1], pieces_[2]);
+    for (int i = 0; i < 2; ++i) pieces_.insert(pieces_.begin() + 1 + below(2), {Kind::raw, unknownBox()});
+    tell("moov {}, mdat of kind {}", isMoovFirst ? "first" : "last", static_cast<int>(mdat));
+  }
+
+  Bytes laidOut() {
+    layout_->moov = moov_.bytes();
+    if (hasLongOffsets_) layout_->useLongOffsets();
+    return layout_->build(pieces_);
+  }
+
+  using Kind = MovieLayout::Piece::Kind;
+
+  std::mt19937_64 random_;
+  const bool isHealthy_;
+  std::string story_;
+  bool isHEVC_ = false;
+  int seconds_ = 2;
+  int channels_ = 0;
+  uint32_t rate_ = 48000;
+  std::optional<MovieLayout> layout_;
+  BoxTree moov_{box("moov")};
+  std::vector<MovieLayout::Piece> pieces_;
+  bool hasLongOffsets_ = false;
+};
+
+}  // namespace
+
+RandomMovie randomMovie(uint64_t seed) {
+  return Drawing(seed).movie();
+}
+
+}  // namespace tarn::test
