@@ -125,8 +125,7 @@ TEST(TransferConnectionTest, RefusedConnectionsAreTriedAgain) {
   harness.start();
   const auto task = harness.download(url);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  FaultServer server(port);
-  server.serve("/file", ServedFile::of(video(1)));
+  const FaultServer server(port, {{"/file", ServedFile::of(video(1))}});
   EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, video(1));
 }
 

@@ -76,6 +76,7 @@ ProbedMovie::Start ProbedMovie::start(const std::string& handler) {
   for (const auto& [duration, mediaTime] : rows(handler)) {
     if (mediaTime != 0xFFFFFFFF) {
       start.skipped = double(mediaTime) / timescale(handler);
+      start.played = double(duration) / movieTimescale();
       break;
     }
     start.empty += double(duration) / movieTimescale();
@@ -85,10 +86,11 @@ ProbedMovie::Start ProbedMovie::start(const std::string& handler) {
 }
 
 double ProbedMovie::shift(const std::string& kind) const {
-  const Packet& first = shown.at(kind).front();
-  const auto raw = std::ranges::find(media.at(kind), first.place, &Packet::place);
+  // Of a packet in the middle: a player may round the first one to the list's start.
+  const Packet& packet = shown.at(kind).at(shown.at(kind).size() / 2);
+  const auto raw = std::ranges::find(media.at(kind), packet.place, &Packet::place);
   if (raw == media.at(kind).end()) throw std::runtime_error("a packet that the edit list made");
-  return first.seconds - raw->seconds;
+  return packet.seconds - raw->seconds;
 }
 
 }  // namespace tarn::test

@@ -48,6 +48,7 @@ struct ProbedMovie {
     double firstEmpty = 0;  ///< the first row, if it is empty
     double empty = 0;       ///< all leading rows that are
     double skipped = 0;     ///< media ahead of what is played first
+    double played = 0;      ///< of that row, 0 for all there is
   };
   Start start(const std::string& handler);
   double firstPicture() { return start("vide").empty + media.at("video").front().seconds - start("vide").skipped; }

@@ -122,10 +122,6 @@ class Drawing {
     }
   }
 
-  static void add(BoxTree& box, size_t at, uint32_t difference) {
-    writeUInt32(box.fields, readUInt32(box.fields, at).value() + difference, at);
-  }
-
   /// Jumps, lags and other lengths of the sound's packets, all by the tables.
   void damageSound() {
     BoxTree& track = *moov_.track("soun");
@@ -133,8 +129,8 @@ class Drawing {
     const uint32_t packets = readUInt32(stbl.at("stsz").fields, 8).value();
     const uint32_t at = 20 + below(packets - 40);
     const uint32_t ticks = pick({50u, 70u, 200u, 700u}) * rate_ / 1000;
-    const auto damage =
-        pick<std::string>({"", "", "a hole", "a hole", "a hole that the length denies", "drift", "a lag"});
+    const auto damage = pick<std::string>({"", "", "a hole", "a hole", "a hole that the length denies",
+                                           "a hole that the length denies", "drift", "a lag"});
     if (damage.empty()) return;
     tell("{} of {} ticks from packet {} on", damage, ticks, at);
     if (damage == "a lag") {
@@ -142,15 +138,19 @@ class Drawing {
       stbl.children.emplace_back(box("ctts", {back}));
       return;
     }
-    const auto rows = damage == "drift" ? fullBox("stts", {1, packets, 1024 + ticks / 50})
+    const auto rows = damage == "drift" ? fullBox("stts", {1, packets, 1024 + ticks / 500})
                                         : fullBox("stts", {3, at - 1, 1024, 1, 1024 + ticks, packets - at, 1024});
     stbl.at("stts") = BoxTree(rows);
-    const uint32_t longer = damage == "a hole" ? ticks : damage == "drift" ? packets * (ticks / 50) : 0;
-    add(track.at("mdia/mdhd"), 16, longer);
+    const uint32_t longer = damage == "a hole" ? ticks : damage == "drift" ? packets * (ticks / 500) : 0;
+    BoxTree& header = track.at("mdia/mdhd");
+    writeUInt32(header.fields, packets * 1024 + longer, 16);
+    const auto list = track.child("edts");
+    if (longer == 0 && list != track.children.end()) track.children.erase(list);
     if (track.child("edts") == track.children.end()) return;
-    BoxTree& list = track.at("edts/elst");
+    BoxTree& edits = track.at("edts/elst");
     const auto inMovieTime = uint64_t{longer} * readUInt32(moov_.at("mvhd").fields, 12).value() / rate_;
-    add(list, list.fields.size() - 12, static_cast<uint32_t>(inMovieTime));  // the last row's
+    const size_t last = edits.fields.size() - 12;
+    writeUInt32(edits.fields, readUInt32(edits.fields, last).value() + static_cast<uint32_t>(inMovieTime), last);
   }
 
   void drawEditLists() {
@@ -158,7 +158,9 @@ class Drawing {
     for (const char* handler : {"vide", "soun"}) {
       BoxTree* track = moov_.track(handler);
       if (!track || !oneIn(3)) continue;
-      const uint32_t mediaTime = pick({0u, 0u, 1024u, 3600u});
+      // By packets or pictures: players differ on an edit that begins within a picture.
+      const uint32_t delta = readUInt32(track->at("mdia/minf/stbl/stts").fields, 12).value();
+      const uint32_t mediaTime = delta * pick({0u, 0u, 1u, 3u});
       const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
       const uint32_t media = oneIn(5) ? 0 : second * static_cast<uint32_t>(seconds_);
       std::vector<Bytes> lists = {

@@ -132,7 +132,9 @@ struct FaultServer::Core {
   std::vector<ReceivedRequest> requests;
   std::thread thread;
 
-  explicit Core(uint16_t wanted) : acceptor(context, loopback(wanted)), port(acceptor.local_endpoint().port()) {
+  Core(uint16_t wanted, const std::map<std::string, ServedFile>& files)
+      : acceptor(context, loopback(wanted)), port(acceptor.local_endpoint().port()) {
+    for (const auto& [path, file] : files) paths[path] = {file, {}, {}};
     ::setenv("no_proxy", "127.0.0.1", 1);
     thread = std::thread([this] { accept(); });
   }
@@ -211,7 +213,8 @@ struct FaultServer::Core {
   }
 };
 
-FaultServer::FaultServer(uint16_t port) : core_(std::make_unique<Core>(port)) {}
+FaultServer::FaultServer(uint16_t port, const std::map<std::string, ServedFile>& files)
+    : core_(std::make_unique<Core>(port, files)) {}
 
 FaultServer::~FaultServer() = default;
 

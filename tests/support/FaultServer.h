@@ -51,8 +51,8 @@ struct ReceivedRequest {
 /// served is answered with 404. Thread-safe. Takes the loopback out of any proxy that the environment names.
 class FaultServer {
  public:
-  /// Listens on `port`, or on a free port for 0.
-  explicit FaultServer(uint16_t port = 0);
+  /// Listens on `port`, or on a free port for 0. The files are served from the first connection on.
+  explicit FaultServer(uint16_t port = 0, const std::map<std::string, ServedFile>& files = {});
   ~FaultServer();
   FaultServer(const FaultServer&) = delete;
   FaultServer& operator=(const FaultServer&) = delete;
