@@ -119,9 +119,10 @@ class RepairProperties : public testing::Test {
     } else if (promise.audio.kind == AudioForecast::Kind::takesFastPath) {
       ASSERT_TRUE(std::ranges::equal(before, after, {}, &Packet::hash, &Packet::hash));
       for (size_t i = 0; i < after.size(); ++i) ASSERT_EQ(after[i].pts, int64_t(i) * 1024);
+      const auto start = source.start("soun");
       for (const HoleFacts& hole : promise.audio.holes) {
         const auto behind = std::ranges::find_if(before, [&](const Packet& packet) {
-          return packet.seconds + source.shift("audio") > hole.atSeconds + 0.001;
+          return packet.seconds + start.empty - start.skipped > hole.atSeconds + 0.001;
         });
         const double moved = behind->seconds - before.front().seconds - after[size_t(behind - before.begin())].seconds;
         EXPECT_NEAR(moved * 1000, hole.shiftMilliseconds, 0.1);
@@ -245,7 +246,9 @@ class RepairProperties : public testing::Test {
                          second.sync->audioMediaStartMovieTime == 0;
     const bool isMono = second.audio.findings && second.audio.findings->config.channelCount == 1;
     if (again.bytes == result.bytes) {
-      EXPECT_FALSE(isMono || isEarly);
+      EXPECT_FALSE(isMono);
+      // A skip of hardly a tick is lost in the rounding.
+      EXPECT_TRUE(!isEarly || result.start("soun").skipped < 1.5 / result.movieTimescale());
       return;
     }
     EXPECT_TRUE(std::ranges::equal(again.media["video"], result.media["video"], &Packet::isSame));
