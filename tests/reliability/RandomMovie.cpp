@@ -165,7 +165,7 @@ class Drawing {
       const auto begin = static_cast<int32_t>(readUInt32((hasOffsets ? *offsets : stbl.at("stts")).fields, 12).value());
       const uint32_t mediaTime = static_cast<uint32_t>(std::max(begin, 0)) * below(2);
       const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
-      const uint32_t media = oneIn(5) ? 0 : second * static_cast<uint32_t>(seconds_);
+      const uint32_t media = second * static_cast<uint32_t>(seconds_);
       std::vector<Bytes> lists = {
           {},
           fullBox("elst", {1, media, mediaTime, 0x10000}),
