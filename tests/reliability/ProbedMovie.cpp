@@ -80,7 +80,7 @@ ProbedMovie::Start ProbedMovie::start(const std::string& handler) {
       break;
     }
     start.empty += double(duration) / movieTimescale();
-    if (start.firstEmpty == 0) start.firstEmpty = start.empty;
+    if (!start.firstEmpty) start.firstEmpty = start.empty;
   }
   return start;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,10 +46,10 @@ struct ProbedMovie {
 
   /// What an edit list says of a track's start, in seconds.
   struct Start {
-    double firstEmpty = 0;  ///< the first row, if it is empty
-    double empty = 0;       ///< all leading rows that are
-    double skipped = 0;     ///< media ahead of what is played first
-    double played = 0;      ///< of that row, 0 for all there is
+    std::optional<double> firstEmpty;  ///< the first row, if it is empty
+    double empty = 0;                  ///< all leading rows that are
+    double skipped = 0;                ///< media ahead of what is played first
+    double played = 0;                 ///< of that row; 0 without one
   };
   Start start(const std::string& handler);
   double firstPicture() { return start("vide").empty + media.at("video").front().seconds - start("vide").skipped; }

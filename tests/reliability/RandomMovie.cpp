@@ -158,11 +158,14 @@ class Drawing {
     for (const char* handler : {"vide", "soun"}) {
       BoxTree* track = moov_.track(handler);
       if (!track || !oneIn(3)) continue;
-      // By packets or pictures: players differ on an edit that begins within a picture.
-      const uint32_t delta = readUInt32(track->at("mdia/minf/stbl/stts").fields, 12).value();
-      const uint32_t mediaTime = delta * pick({0u, 0u, 1u, 3u});
+      // Where a packet or picture begins: players differ on an edit that begins within a picture.
+      BoxTree& stbl = track->at("mdia/minf/stbl");
+      const auto offsets = stbl.child("ctts");
+      const bool hasOffsets = offsets != stbl.children.end();
+      const auto begin = static_cast<int32_t>(readUInt32((hasOffsets ? *offsets : stbl.at("stts")).fields, 12).value());
+      const uint32_t mediaTime = static_cast<uint32_t>(std::max(begin, 0)) * below(2);
       const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
-      const uint32_t media = oneIn(5) ? 0 : second * static_cast<uint32_t>(seconds_);
+      const uint32_t media = second * static_cast<uint32_t>(seconds_);
       std::vector<Bytes> lists = {
           {},
           fullBox("elst", {1, media, mediaTime, 0x10000}),
