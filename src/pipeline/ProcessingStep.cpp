@@ -30,4 +30,9 @@ void ProcessingRun::reportProgress(double progress, const std::string& stage) {
   listener_.progressUpdated(download, progress, stage);
 }
 
+void ProcessingRun::warn(const std::string& words) {
+  log("Warning: {}", words);
+  listener_.warned(words);
+}
+
 }  // namespace tarn

@@ -25,6 +25,9 @@ class ProcessingRunListener {
   /// The run's progress from 0 to 1, with the text that the page shows for it.
   virtual void progressUpdated(const std::shared_ptr<DownloadTask>& download, double progress,
                                const std::string& stage) = 0;
+
+  /// The run leaves something as it was that it could not mend without harm; `words` say what and why, for people.
+  virtual void warned(const std::string& /*words*/) {}
 };
 
 /// One pass of one file through the pipeline: what the steps work on and what passes between them. It lives on the
@@ -53,6 +56,9 @@ class ProcessingRun {
   void saveState();
 
   void reportProgress(double progress, const std::string& stage);
+
+  /// Logs "Warning: <words>" and tells the listener.
+  void warn(const std::string& words);
 
  private:
   const Clock& clock_;

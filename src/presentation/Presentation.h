@@ -1,0 +1,96 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mp4/SampleLocations.h"
+#include "mp4/SampleTimes.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// A time on the movie's timeline, from its start on; rounded once, from an exact fraction.
+using MovieTime = std::chrono::nanoseconds;
+
+/// One entry of a track's edit list, laid on the movie's timeline (ISO/IEC 14496-12 8.6.6).
+struct PresentedEdit {
+  int64_t movieStart = 0;             ///< movie timescale
+  int64_t movieDuration = 0;          ///< movie timescale; of a last entry of 0, what reaches to the end of the media
+  std::optional<int64_t> mediaStart;  ///< track timescale; nothing for an empty edit
+  int32_t rate = 0x10000;             ///< 16.16; 0 holds one picture
+};
+
+/// Why an edit list counts as absent.
+enum class EditListDamage {
+  none,
+  showsNothing,  ///< no entry shows anything of the track's media
+  mediaTimeBelowMinusOne,
+  liesBehindMedia,  ///< an entry begins at or behind the end of the media
+};
+
+/// One track: its tables, and how its edit list lays them on the movie's timeline. Memory is that of the tables.
+struct TrackPresentation {
+  uint32_t trackID = 0;
+  std::string handler;              ///< handler_type, as "vide"; empty where it cannot be read
+  std::string codec;                ///< tag of the first sample entry; empty where it cannot be read
+  uint32_t timescale = 0;           ///< of the `mdhd`; never 0
+  bool isEnabled = true;            ///< track_enabled of the `tkhd`
+  std::string matrix;               ///< of the `tkhd`, its 36 bytes
+  uint32_t sampleDescriptions = 0;  ///< entries of the `stsd`
+
+  bool hasEditList = false;  ///< with at least one entry, damaged or not
+  EditListDamage damage = EditListDamage::none;
+  /// The edits in force: those of the list; without a list, or where it is damaged, one that shows the media as it is
+  /// (media time is movie time, from the smallest composition time on where that is below 0).
+  std::vector<PresentedEdit> edits;
+
+  int64_t firstCompositionTime = 0;     ///< of the first sample in decode order, track timescale
+  int64_t smallestCompositionTime = 0;  ///< of all samples
+  int64_t mediaEnd = 0;  ///< end of the last sample: of pictures by composition, else by decoding; track timescale
+  uint32_t samplesShown = 0;
+  uint32_t samplesClipped = 0;  ///< of those shown, those of which a part is cut off
+  uint32_t samplesHidden = 0;
+  std::optional<MovieTime> shownFrom;  ///< nothing where no sample is shown
+  std::optional<MovieTime> shownTo;
+
+  SampleTimes times;
+  SampleLocations locations;
+
+  uint32_t sampleCount() const { return samplesShown + samplesHidden; }
+};
+
+/// What a player shows of a movie and when, worked out from its tables and edit lists alone: nothing is decoded, no
+/// media is read. A picture's media interval runs from its composition time to that of the next picture in order of
+/// composition, any other sample's from its decoding time to the next one's; of an interval that which lies inside an
+/// edit is shown, where it is longer than one tick of the movie or is half the sample's own length. Serves one thread.
+class Presentation {
+ public:
+  /// Reads the file's first `moov`, wherever it lies. Throws an Error of the domain "Presentation" where there is no
+  /// `moov` or no movie timescale, where the movie is fragmented, or where a track's tables cannot be read or promise
+  /// more samples than a file of this size can hold; PosixError where the file cannot be read. Tracks of any handler
+  /// are read; one without samples is kept, with none shown.
+  static Presentation read(FileManager& files, const Path& path);
+
+  uint32_t movieTimescale() const { return movieTimescale_; }
+  const std::vector<TrackPresentation>& tracks() const { return tracks_; }
+  /// The boxes that are neither media nor say where or when samples are shown, as paths ("moov/udta/meta"), sorted;
+  /// one that is there twice is listed twice. `free`, `skip`, `wide` and user data that holds nothing are left out.
+  const std::vector<std::string>& metadata() const { return metadata_; }
+
+  /// The first track of this handler; null where there is none.
+  const TrackPresentation* first(std::string_view handler) const;
+
+ private:
+  uint32_t movieTimescale_ = 0;
+  std::vector<TrackPresentation> tracks_;
+  std::vector<std::string> metadata_;
+};
+
+/// True for a file whose `moov` holds an `mvex`, or which has a `moof` beside it: its `moov` does not list all samples
+/// (ISO/IEC 14496-12 8.8). Boxes are looked for over the whole file. Throws PosixError where it cannot be read.
+bool isFragmented(FileManager& files, const Path& path);
+
+}  // namespace tarn

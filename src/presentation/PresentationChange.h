@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "presentation/Presentation.h"
+#include "presentation/RewriteCheck.h"
+
+namespace tarn {
+
+/// What a repair announces that it changes; everything else must stay.
+struct AnnouncedChange {
+  /// The track whose samples are made anew (encoded, or laid out anew): of it only the shown ranges and what of the
+  /// media they show are compared.
+  std::optional<uint32_t> remadeTrack;
+  /// Packets of the remade track are the source's, so that they may lie up to this long off their place.
+  MovieTime packetLength{0};
+};
+
+/// How the presentation of one track differs between two files.
+struct TrackChange {
+  uint32_t trackID = 0;
+  std::string handler;
+  bool isLost = false;  ///< nothing below counts then
+  bool isRemade = false;
+  uint32_t samplesHidden = 0;    ///< shown before and not after
+  uint32_t samplesRevealed = 0;  ///< the other way round
+  uint32_t samplesMissing = 0;   ///< of the old file's, not in the new one
+  uint32_t samplesAdded = 0;
+  uint32_t samplesChanged = 0;  ///< whose bytes are not known to be the same
+  MovieTime shift{0};           ///< by which the track as a whole moved: the median of its samples; later is above 0
+  MovieTime largestMove{0};     ///< of a sample against `shift`; absolute
+  MovieTime hidden{0};          ///< of the shown time, how much is not shown any more; of a remade track likewise
+  MovieTime revealed{0};
+  bool isDescribedOtherwise = false;  ///< enabled, matrix or handler are others
+};
+
+/// How the presentation of a movie differs between two files.
+struct PresentationChange {
+  std::vector<TrackChange> tracks;        ///< one for each track of the old file, in its order
+  std::vector<std::string> metadataLost;  ///< paths of boxes
+  MovieTime pictureShift{0};              ///< of the first video track; 0 without one
+
+  /// By how much a track moved against the pictures.
+  MovieTime againstPictures(const TrackChange& track) const { return track.shift - pictureShift; }
+};
+
+/// The bytes that two files share; nothing for a file that was changed in place outside its samples, so that every
+/// sample that keeps its place is the same.
+using SharedBytes = std::optional<std::span<const CopiedRange>>;
+
+/// Compares what two files show. Tracks pair by track_ID and handler, else by handler in order. Linear in the number of
+/// samples. Reads no media.
+PresentationChange comparePresentations(const Presentation& before, const Presentation& after, SharedBytes shared,
+                                        const AnnouncedChange& announced = {});
+
+/// What of a change goes beyond the announced one, one phrase each, in words for people ("3 pictures are hidden", "the
+/// sound is 45 ms late against the pictures"); empty for a change that harms nothing. Allowed are 1 ms for kept samples
+/// and 2 ms for a remade track (and for that its `packetLength`), or one tick of the coarser movie timescale where that
+/// is more.
+std::vector<std::string> harmsOf(const PresentationChange& change, const Presentation& before,
+                                 const Presentation& after, const AnnouncedChange& announced = {});
+
+/// The check of a step: compares `before` with the result of a worker, and throws RefusedResult with all harms in its
+/// words where there is one. Everything passed must outlive the check.
+RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced);
+
+}  // namespace tarn

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// Bytes that a rewrite took over from the old file unchanged; offsets in either file.
+struct CopiedRange {
+  uint64_t from = 0;
+  uint64_t to = 0;
+  uint64_t size = 0;
+
+  bool operator==(const CopiedRange&) const = default;
+};
+
+/// A worker calls this with its finished temp file, ahead of the replacement of the file that it rewrites. `copied`
+/// says which bytes it took over; ranges are sorted by `from` and do not overlap. It throws RefusedResult, or any other
+/// error, to keep the old file: the worker then removes its temp file and passes the error on. May be empty.
+using RewriteCheck = std::function<void(const Path& result, std::span<const CopiedRange> copied)>;
+
+/// A result that would harm the presentation: the file of before stays. The description says what would have changed.
+class RefusedResult : public Error {
+ public:
+  explicit RefusedResult(const std::string& words) : Error("Presentation", -1, words) {}
+};
+
+}  // namespace tarn
