@@ -38,7 +38,16 @@ TranscodePulse::TranscodePulse(const CancellationToken* token, const AudioTransc
     : token_(token), callback_(callback), expectedSamples_(expectedSamples) {}
 
 void TranscodePulse::beat() {
+  throwIfCancelled();
+  reportIfDue();
+  throwIfCancelled();  // the callback may have set the token
+}
+
+void TranscodePulse::throwIfCancelled() const {
   if (token_) token_->throwIfCancelled();
+}
+
+void TranscodePulse::reportIfDue() {
   const auto now = std::chrono::steady_clock::now();
   if (lastReport_ && now - *lastReport_ < betweenReports) return;
   lastReport_ = now;

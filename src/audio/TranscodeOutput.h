@@ -26,6 +26,9 @@ class TranscodePulse {
   void addWrittenSamples(int64_t samples) { writtenSamples_ += samples; }
 
  private:
+  void throwIfCancelled() const;
+  void reportIfDue();
+
   const CancellationToken* token_;
   const AudioTranscoder::ProgressCallback& callback_;
   int64_t expectedSamples_;
