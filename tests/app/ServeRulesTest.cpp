@@ -94,7 +94,7 @@ TEST(ServeRulesTest, TheTokenIsMadeOnceAndForItsOwnerAlone) {
 }
 
 TEST(ServeRulesTest, TheHostsScriptComesFirst) {
-  const std::string script = R"(<script src="/bridge/native.js"></script>)";
+  const std::string script = R"(<script src="bridge/native.js"></script>)";
   EXPECT_EQ(withHostScript("<html><header></header><HEAD\nlang=x><script>"),
             "<html><header></header><HEAD\nlang=x>" + script + "<script>");
   EXPECT_EQ(withHostScript("<p>no head"), script + "<p>no head");

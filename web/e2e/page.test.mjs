@@ -119,10 +119,15 @@ test('a save with the keyboard alone, from the form to the playing video', async
   assert.ok(Math.abs((await video.evaluate((element) => element.duration)) - 3) < 0.2);
 
   assert.deepEqual(tarn.savedFiles().map(videoTag), ['avc1'], 'it was repaired on its way');
+
+  const elsewhere = media.address('elsewhere');
+  await page.goto(elsewhere).catch(() => {}); // it is a download
+  assert.ok(media.requests.length > 1);
+  assert.ok(media.requests.every(({ cookie }) => cookie === undefined), 'another port of this machine gets no cookie');
 });
 
 test('progress comes once a second, to all pages alike, and again to one that was cut off', async () => {
-  const pages = [await open(), await open(`http://127.0.0.1:${tarn.port}/`)];
+  const pages = [await open(), await open()];
   for (const page of pages) await keepEvents(page);
   await save(pages[0], media.address('clip.mp4', 6));
   await inPhase(pages[1], 'clip.mp4', 'loading');
@@ -179,7 +184,7 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   await inPhase(first, 'clip.mp4', 'loading');
   await first.close();
   await pause(1000);
-  const second = await open(`http://127.0.0.1:${tarn.port}/`);
+  const second = await open();
   await inPhase(second, 'clip.mp4', 'loading');
   assert.match(await row(second, 'clip.mp4').textContent(), / of .*MB/);
   await inPhase(second, 'clip.mp4', 'saved');
@@ -253,6 +258,7 @@ test('cancel, cancel all and the limit', async () => {
 
 test('the host is killed and started again: the page reconnects and the download goes on', async () => {
   const page = await open();
+  const [{ name, path }] = await context.cookies();
   await save(page, media.address('clip.mp4', 6));
   await until('some bytes', () => media.requests[0]?.sent > media.size / 3);
   tarn.process.kill('SIGSTOP');
@@ -268,7 +274,12 @@ test('the host is killed and started again: the page reconnects and the download
   assert.deepEqual(await waiting, { limit: 3, queued: 0 }, 'a command that was given meanwhile');
   assert.match(await given, /started anew/, 'a command that may have been run is not run again');
   await inPhase(page, 'clip.mp4', 'saved');
-  await page.waitForSelector('.album:has-text("Trips") video');
+  const video = page.locator('.album:has-text("Trips") video');
+  await until('its picture', () => video.evaluate((element) => element.videoWidth > 0));
+  const cookies = (await context.cookies()).filter((cookie) => cookie.name === name);
+  assert.equal(new URL(page.url()).pathname, cookies.find((cookie) => cookie.path !== path).path, 'the page has moved');
+  await page.reload();
+  await page.waitForSelector('html[data-tarn-connection=live]');
   const [, second, ...others] = media.requests;
   assert.match(second.range, /^bytes=[1-9]/, 'not from the start again');
   assert.deepEqual(others, []);

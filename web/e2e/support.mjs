@@ -49,7 +49,7 @@ export function videoTag(file) {
 /** Serves one file under every path, with ranges; `?rate=` in the address gives the bytes a second. */
 export class MediaServer {
   isMissing = false; // it has no such file just now
-  requests = []; // {range, sent, closed}
+  requests = []; // {range, cookie, sent, closed}
 
   async start(file) {
     const bytes = readFileSync(file);
@@ -70,11 +70,12 @@ export class MediaServer {
   }
 
   async #answer(asked, answer, bytes) {
-    const seen = { range: asked.headers.range, sent: 0, closed: false };
+    const { range, cookie } = asked.headers;
+    const seen = { range, cookie, sent: 0, closed: false };
     this.requests.push(seen);
     answer.on('close', () => (seen.closed = true));
     if (this.isMissing) return answer.writeHead(404).end('nothing here');
-    const from = Number(/^bytes=(\d+)-/.exec(asked.headers.range ?? '')?.[1] ?? 0);
+    const from = Number(/^bytes=(\d+)-/.exec(range ?? '')?.[1] ?? 0);
     const part = { 'Content-Range': `bytes ${from}-${bytes.length - 1}/${bytes.length}` };
     answer.writeHead(from > 0 ? 206 : 200, {
       'Content-Type': 'video/mp4',
@@ -110,7 +111,6 @@ export class Tarn {
       this.process.once('exit', () => failed(new Error(`tarn serve did not start: ${errors}`)));
     });
     this.port = Number(new URL(this.entry).port);
-    this.token = new URL(this.entry).searchParams.get('token');
     return this;
   }
 

@@ -1,6 +1,7 @@
 // The native side of the bridge, in a browser over `tarn serve`. The host puts this script into the page's head in
-// front of everything else, with one line before it: `const tarnPlugins = [{name, methods: [{name, rtype}]}]`, the
-// plug-ins and the methods that the engine has. The page's own bundle finds what it would find in the app:
+// front of everything else, with two lines before it: `const tarnPlugins = [{name, methods: [{name, rtype}]}]`, the
+// plug-ins and the methods that the engine has, and `const tarnPageKey`, with which the page proves to a host that was
+// started anew that it is one of its pages. The page's own bundle finds what it would find in the app:
 // window.Capacitor with PluginHeaders, nativePromise and nativeCallback.
 //
 // One WebSocket carries all of it. A command that has not been answered is sent again after each reconnect under the
@@ -23,6 +24,7 @@
   let waiting = []; // what to do when the connection is live
   let nextId = 1;
 
+  let base = new URL('..', document.currentScript.src).pathname; // the host serves all below it, until it ends
   let state; // connecting, live, reconnecting or refused
   let socket = null; // the one in use or being opened
   let timer = 0; // of the next attempt
@@ -44,7 +46,7 @@
   function connect() {
     clearTimeout(timer);
     const query = new URLSearchParams({ page, epoch, seq: lastSeq });
-    const opened = new WebSocket(`ws://${location.host}/bridge/socket?${query}`);
+    const opened = new WebSocket(`ws://${location.host}${base}bridge/socket?${query}`);
     let greeted = false;
     socket = opened;
     opened.onmessage = ({ data }) => {
@@ -69,11 +71,45 @@
     timer = setTimeout(connect, delay * (0.75 + Math.random() / 2));
   }
 
+  const ask = (address) => fetch(address, { cache: 'no-store' }).catch(() => null);
+
   // A script is not told why a WebSocket was refused. The host tells over HTTP.
   async function askWhy() {
-    const answer = await fetch('/bridge/alive', { cache: 'no-store' }).catch(() => null);
+    const answer = await ask(`${base}bridge/alive`);
+    if (answer?.status === 403) return rejoin();
+    if (!socket) reconnectLater();
+  }
+
+  // A host that was started anew has another path and another cookie. It gives them for a proof, which is of no use to
+  // whoever else may listen here: it is made of a challenge and this origin, and the key stays in the page.
+  async function rejoin() {
+    const { challenge } = (await (await ask('/rejoin'))?.json().catch(() => null)) ?? {};
+    const answer = challenge && (await ask(`/rejoin?proof=${await prove(challenge)}`));
     if (socket) return;
-    if (answer?.status !== 403) return reconnectLater();
+    if (answer?.status === 403) return refuse();
+    const { path } = (answer?.ok && (await answer.json().catch(() => null))) || {};
+    if (path) moveTo(path);
+    reconnectLater();
+  }
+
+  async function prove(challenge) {
+    const bytes = (text) => new TextEncoder().encode(text);
+    const hmac = { name: 'HMAC', hash: 'SHA-256' };
+    const key = await crypto.subtle.importKey('raw', bytes(tarnPageKey), hmac, false, ['sign']);
+    const proof = await crypto.subtle.sign('HMAC', key, bytes(`${challenge}\n${location.origin}`));
+    return Array.from(new Uint8Array(proof), (byte) => byte.toString(16).padStart(2, '0')).join('');
+  }
+
+  // With the page's address all that is relative to it moves along.
+  function moveTo(path) {
+    const { pathname, search, hash } = location;
+    if (pathname.startsWith(base)) {
+      history.replaceState(history.state, '', path + pathname.slice(base.length) + search + hash);
+    }
+    base = path;
+  }
+
+  function refuse() {
     enter('refused');
     for (const id of [...commands.keys()]) settle(id, addressIsStale);
   }

@@ -6,6 +6,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -24,6 +25,7 @@
 #include <thread>
 #include <utility>
 
+#include "app/serve/HomeToken.h"
 #include "app/serve/HostScript.h"
 #include "app/serve/PageHub.h"
 #include "app/serve/RequestCheck.h"
@@ -58,6 +60,7 @@ constexpr std::chrono::seconds pieceTime{30};
 constexpr std::chrono::seconds idleTime{30};
 constexpr std::chrono::seconds drainTime{1};
 constexpr std::chrono::milliseconds acceptPause{100};
+constexpr int mostPortAttempts = 20;
 
 static_assert(largestQueue > PageHub::ringCapacity);
 
@@ -168,12 +171,38 @@ std::optional<PageGreeting> parseGreeting(const RequestTarget& target) {
   return isGood ? std::optional(std::move(greeting)) : std::nullopt;
 }
 
-tcp::acceptor openAcceptor(asio::io_context& context, uint16_t port) {
-  try {
-    return tcp::acceptor(context, {asio::ip::address_v4::loopback(), port});
-  } catch (const boost::system::system_error& failure) {
-    throw Error("Serve", failure.code().value(),
-                fmt::format("Port {} cannot be had: {}. Try another --port", port, failure.code().message()));
+/// One port of both loopback addresses: who has the other half of it could answer in this host's place.
+struct Acceptors {
+  tcp::acceptor v4;
+  tcp::acceptor v6;  ///< not open on a machine without IPv6
+
+  /// Throws system_error.
+  Acceptors(asio::io_context& context, uint16_t port)
+      : v4(context, {asio::ip::address_v4::loopback(), port}), v6(context) {
+    error_code missing;
+    v6.open(tcp::v6(), missing);
+    if (missing) return;
+    v6.set_option(asio::ip::v6_only(true));
+    v6.set_option(tcp::acceptor::reuse_address(true));
+    v6.bind({asio::ip::address_v6::loopback(), v4.local_endpoint().port()}, missing);
+    if (missing == asio::error::address_in_use) throw boost::system::system_error(missing);
+    if (missing) {
+      v6.close();
+      return;
+    }
+    v6.listen();
+  }
+};
+
+Acceptors openAcceptors(asio::io_context& context, uint16_t port) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return {context, port};
+    } catch (const boost::system::system_error& failure) {
+      if (port == 0 && attempt < mostPortAttempts) continue;  // the other half of a free port was taken
+      throw Error("Serve", failure.code().value(),
+                  fmt::format("Port {} cannot be had: {}. Try another --port", port, failure.code().message()));
+    }
   }
 }
 
@@ -184,13 +213,14 @@ class BridgeServer::Core {
   Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings, LifeHandler onLife)
       : plugin_(plugin),
         onLife_(std::move(onLife)),
-        site_(files, photos, plugin, settings.webFolder),
-        acceptor_(openAcceptor(context_, settings.port)),
+        site_(files, photos, plugin, settings.webFolder, pageKey(settings.token)),
+        acceptors_(openAcceptors(context_, settings.port)),
         lifeTimer_(context_),
-        check_(acceptor_.local_endpoint().port(), settings.token),
+        check_(acceptors_.v4.local_endpoint().port(), settings.token),
         hub_(plugin.jsName(), makeUUID(), steady_clock::now(),
              [this](const std::string& page, PageCommand command) { call(page, std::move(command)); }) {
-    asio::co_spawn(context_, listen(), logFailure);
+    asio::co_spawn(context_, listen(acceptors_.v4), logFailure);
+    if (acceptors_.v6.is_open()) asio::co_spawn(context_, listen(acceptors_.v6), logFailure);
     asio::post(context_, [this] { updateLife(); });
     thread_ = std::thread([this] { context_.run(); });
   }
@@ -230,15 +260,16 @@ class BridgeServer::Core {
   void stop() {
     isStopping_ = true;
     error_code ignored;
-    acceptor_.close(ignored);
+    acceptors_.v4.close(ignored);
+    acceptors_.v6.close(ignored);
     lifeTimer_.cancel();
     for (const auto& close : live_) close();
   }
 
-  asio::awaitable<void> listen() {
+  asio::awaitable<void> listen(tcp::acceptor& acceptor) {
     asio::steady_timer pause(context_);
     for (;;) {
-      auto [failure, socket] = co_await acceptor_.async_accept(quietly);
+      auto [failure, socket] = co_await acceptor.async_accept(quietly);
       if (isStopping_) co_return;
       if (failure) {  // no descriptor is free
         pause.expires_after(acceptPause);
@@ -267,7 +298,8 @@ class BridgeServer::Core {
     }
     const RequestHead head = headOf(parser.get());
     const auto target = RequestTarget::parse(head.target);
-    const bool isSocket = target && target->path == "/bridge/socket";
+    const auto inside = target ? check_.inside(*target) : std::nullopt;
+    const bool isSocket = inside && inside->path == "/bridge/socket";
     auto refusal = refuse(head, target, isSocket, parser.chunked() || buffer.size() > 0);
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
@@ -304,15 +336,24 @@ class BridgeServer::Core {
   }
 
   asio::awaitable<SiteAnswer> answerTo(const RequestHead& head, const RequestTarget& target) {
-    if (RequestCheck::isEntry(target)) {
-      SiteAnswer answer{.text = entryPage()};
-      answer.fields.emplace_back("Content-Type", contentType("index.html"));
-      answer.fields.emplace_back("Set-Cookie", check_.cookie());
-      co_return answer;
-    }
-    auto work = read(head, target);
-    if (!Site::asksLibrary(target)) co_return co_await std::move(work);
+    const Door door = RequestCheck::door(target);
+    if (door == Door::entry) co_return letIn(contentType("index.html"), entryPage(check_.base()));
+    if (door == Door::rejoin) co_return rejoin(target);
+    const RequestTarget inside = *check_.inside(target);
+    auto work = read(head, inside);
+    if (!Site::asksLibrary(inside)) co_return co_await std::move(work);
     co_return co_await asio::co_spawn(libraryPool_, std::move(work), asio::use_awaitable);
+  }
+
+  SiteAnswer letIn(const std::string& type, std::string text) const {
+    return {.fields = {{"Content-Type", type}, {"Set-Cookie", check_.cookie()}}, .text = std::move(text)};
+  }
+
+  /// A page of an earlier start gets the cookie of this one for its proof, and the challenge for it before.
+  SiteAnswer rejoin(const RequestTarget& target) const {
+    const std::string type = contentType("rejoin.json");
+    if (RequestCheck::hasProof(target)) return letIn(type, JSObject{{"path", check_.base()}}.json());
+    return {.fields = {{"Content-Type", type}}, .text = JSObject{{"challenge", check_.challenge()}}.json()};
   }
 
   asio::awaitable<SiteAnswer> read(const RequestHead& head, const RequestTarget& target) const {
@@ -418,7 +459,7 @@ class BridgeServer::Core {
   // Used on the thread alone, but for posts to the context.
   asio::io_context context_{1};
   const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(context_);
-  tcp::acceptor acceptor_;
+  Acceptors acceptors_;
   asio::steady_timer lifeTimer_;
   const RequestCheck check_;
   PageHub hub_;

@@ -11,10 +11,10 @@
 
 namespace tarn {
 
-/// Serves a plug-in to the pages of this machine's browsers, on 127.0.0.1 alone: HTTP for what can be read, a WebSocket
-/// for each page's commands, answers and events. docs/bridge.md tells what both sides keep to, and who is refused. Runs
-/// on a thread of its own; commands, and reads of the photo library, run on others, so that none of them holds up an
-/// event.
+/// Serves a plug-in to the pages of this machine's browsers, on 127.0.0.1 alone (of ::1 it holds the port): HTTP for
+/// what can be read, a WebSocket for each page's commands, answers and events. docs/bridge.md tells what both sides
+/// keep to, and who is refused. Runs on a thread of its own; commands, and reads of the photo library, run on others,
+/// so that none of them holds up an event.
 class BridgeServer {
  public:
   struct Settings {

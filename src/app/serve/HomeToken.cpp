@@ -6,21 +6,21 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <optional>
 #include <utility>
 
 #include "app/Descriptor.h"
 #include "platform/Error.h"
+#include "platform/SHA256.h"
 
 namespace tarn {
 namespace {
 
-constexpr size_t randomBytes = 32;
+constexpr size_t tokenBytes = 32;
 
 bool isToken(std::string_view text) {
-  return text.size() == 2 * randomBytes &&
+  return text.size() == 2 * tokenBytes &&
          std::ranges::all_of(text, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
@@ -29,17 +29,13 @@ std::optional<std::string> storedToken(const Path& path) {
   struct stat facts {};
   if (!file.isOpen() || ::fstat(*file, &facts) != 0) return std::nullopt;
   if (!S_ISREG(facts.st_mode) || (facts.st_mode & 077) != 0 || facts.st_uid != ::geteuid()) return std::nullopt;
-  std::string text(2 * randomBytes + 1, '\0');
+  std::string text(2 * tokenBytes + 1, '\0');
   const ssize_t count = ::read(*file, text.data(), text.size());
   text.resize(count < 0 ? 0 : static_cast<size_t>(count));
   return isToken(text) ? std::optional(std::move(text)) : std::nullopt;
 }
 
-std::string newToken() {
-  std::array<uint8_t, randomBytes> bytes{};
-  if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-    throw PosixError(errno, "random bytes for the token");
-  }
+std::string hex(ByteView bytes) {
   std::string text;
   for (const uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
   return text;
@@ -62,9 +58,25 @@ void store(const Path& path, const std::string& token) {
 std::string homeToken(const Path& home) {
   const Path path = home / "token";
   if (auto stored = storedToken(path)) return *stored;
-  std::string token = newToken();
+  std::string token = randomHex(tokenBytes);
   store(path, token);
   return token;
+}
+
+std::string randomHex(size_t count) {
+  Bytes bytes(count);
+  if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+    throw PosixError(errno, "random bytes for a secret");
+  }
+  return hex(bytes);
+}
+
+std::string pageKey(const std::string& homeToken) {
+  return hex(hmacSHA256(bytesOf(homeToken), bytesOf("the key of this home's pages")));
+}
+
+std::string pageProof(const std::string& pageKey, const std::string& challenge, const std::string& origin) {
+  return hex(hmacSHA256(bytesOf(pageKey), bytesOf(challenge + "\n" + origin)));
 }
 
 bool isSameSecret(std::string_view secret, std::string_view given) {

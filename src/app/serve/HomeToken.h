@@ -12,6 +12,16 @@ namespace tarn {
 /// others can read, or that holds anything else, is replaced. The caller owns the home. Throws PosixError.
 std::string homeToken(const Path& home);
 
+/// `count` random bytes as hexadecimal digits. Throws PosixError.
+std::string randomHex(size_t count);
+
+/// What the pages of a home prove that the home has served them: made from its token, which it does not tell. A page
+/// keeps it in its script, where no other origin can read it, and never sends it.
+std::string pageKey(const std::string& homeToken);
+
+/// The proof of a page of `origin` to a challenge: their HMAC under the page's key, as hexadecimal digits.
+std::string pageProof(const std::string& pageKey, const std::string& challenge, const std::string& origin);
+
 /// Whether the two are equal, in a time that depends on the length of `given` alone.
 bool isSameSecret(std::string_view secret, std::string_view given);
 

@@ -1,5 +1,7 @@
 #include "app/serve/HostScript.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -7,7 +9,7 @@
 namespace tarn {
 namespace {
 
-constexpr std::string_view scriptElement = R"(<script src="/bridge/native.js"></script>)";
+constexpr std::string_view scriptElement = R"(<script src="bridge/native.js"></script>)";
 
 /// The methods that the bridge adds to every plug-in. The first two are no promises: the page's core calls them in a
 /// way of its own.
@@ -45,14 +47,14 @@ size_t startOfHead(std::string_view html) {
 
 }  // namespace
 
-std::string hostScript(const CAPBridgedPlugin& plugin, std::string_view body) {
+std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey, std::string_view body) {
   JSValue::Array methods;
   for (const CAPPluginMethod& method : plugin.pluginMethods()) {
     methods.emplace_back(methodEntry(method.name, method.returnType));
   }
   for (const auto& [name, returnType] : bridgeMethods) methods.emplace_back(methodEntry(name, returnType));
   const JSObject table{{"name", plugin.jsName()}, {"methods", std::move(methods)}};
-  return "const tarnPlugins = [" + table.json() + "];\n" + std::string(body);
+  return fmt::format("const tarnPlugins = [{}];\nconst tarnPageKey = \"{}\";\n{}", table.json(), pageKey, body);
 }
 
 std::string withHostScript(std::string_view html) {
@@ -61,9 +63,11 @@ std::string withHostScript(std::string_view html) {
   return page;
 }
 
-std::string entryPage() {
-  return R"(<!doctype html><html lang="en"><head><meta charset="utf-8"><meta http-equiv="refresh" content="0;url=/">)"
-         R"(<title>Tarn</title></head><body><a href="/">Tarn</a></body></html>)";
+std::string entryPage(const std::string& base) {
+  return fmt::format(
+      R"(<!doctype html><html lang="en"><head><meta charset="utf-8"><meta http-equiv="refresh" content="0;url={0}">)"
+      R"(<title>Tarn</title></head><body><a href="{0}">Tarn</a></body></html>)",
+      base);
 }
 
 }  // namespace tarn

@@ -7,15 +7,15 @@
 
 namespace tarn {
 
-/// The script that puts up the native side of the bridge in a page: the table of the plug-in's methods, followed by
-/// `body`, which reads it.
-std::string hostScript(const CAPBridgedPlugin& plugin, std::string_view body);
+/// The script that puts up the native side of the bridge in a page: the table of the plug-in's methods and the key of
+/// the home's pages, followed by `body`, which reads them.
+std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey, std::string_view body);
 
 /// A page's HTML with the host's script as the first thing in its head, before any script of its own.
 std::string withHostScript(std::string_view html);
 
-/// What the printed link shows while the browser takes the cookie. It goes on to "/" by itself: a redirect would not
+/// What the printed link shows while the browser takes the cookie. It goes on to `base` by itself: a redirect would not
 /// do, since a browser that came by a link of another site sends no strict cookie along with a redirect.
-std::string entryPage();
+std::string entryPage(const std::string& base);
 
 }  // namespace tarn

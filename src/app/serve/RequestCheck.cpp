@@ -11,14 +11,24 @@ RequestCheck::RequestCheck(uint16_t port, std::string token)
     : token_(std::move(token)),
       host_("127.0.0.1:" + std::to_string(port)),
       origin_("http://" + host_),
-      cookieName_("tarn-" + std::to_string(port)) {}
+      cookieName_("tarn-" + std::to_string(port)),
+      secret_(randomHex(32)),
+      base_("/" + randomHex(16) + "/"),
+      challenge_(randomHex(32)),
+      key_(pageKey(token_)) {}
 
 std::string RequestCheck::cookie() const {
-  return cookieName_ + "=" + token_ + "; HttpOnly; SameSite=Strict; Path=/";
+  return cookieName_ + "=" + secret_ + "; HttpOnly; SameSite=Strict; Path=" + base_;
 }
 
-bool RequestCheck::isEntry(const RequestTarget& target) {
-  return (target.path == "/" || target.path == "/index.html") && target.query.contains("token");
+Door RequestCheck::door(const RequestTarget& target) {
+  if (target.path == "/rejoin") return Door::rejoin;
+  return target.path == "/" && target.query.contains("token") ? Door::entry : Door::inside;
+}
+
+std::optional<RequestTarget> RequestCheck::inside(const RequestTarget& target) const {
+  if (!target.path.starts_with(base_)) return std::nullopt;
+  return RequestTarget{.path = target.path.substr(base_.size() - 1), .query = target.query};
 }
 
 std::optional<Refusal> RequestCheck::refuse(const RequestHead& head, const RequestTarget& target, bool isSocket) const {
@@ -30,22 +40,29 @@ std::optional<Refusal> RequestCheck::refuse(const RequestHead& head, const Reque
     return Refusal{403, "Pages of other origins may not ask here."};
   }
   const std::string_view site = head.field("sec-fetch-site").value_or("none");
-  const bool isClickedLink =
-      isEntry(target) && head.field("sec-fetch-mode") == "navigate" && head.field("sec-fetch-dest") == "document";
+  const bool isClickedLink = door(target) == Door::entry && head.field("sec-fetch-mode") == "navigate" &&
+                             head.field("sec-fetch-dest") == "document";
   if (site != "same-origin" && site != "none" && !isClickedLink) {
     return Refusal{403, "Pages of other sites may not ask here."};
   }
-  if (!hasToken(head, target)) {
-    return Refusal{403, "The token is missing or wrong. Open the address that `tarn serve` has printed."};
+  if (!isKnown(head, target)) {
+    return Refusal{403, "This browser is not let in yet. Open the address that `tarn serve` has printed."};
   }
   if (head.method != "GET") return Refusal{405, "Only GET is answered here."};
   return std::nullopt;
 }
 
-bool RequestCheck::hasToken(const RequestHead& head, const RequestTarget& target) const {
-  if (isEntry(target)) return isSameSecret(token_, target.parameter("token"));
-  return std::ranges::any_of(head.cookies(cookieName_),
-                             [this](std::string_view given) { return isSameSecret(token_, given); });
+bool RequestCheck::isKnown(const RequestHead& head, const RequestTarget& target) const {
+  switch (door(target)) {
+    case Door::entry:
+      return isSameSecret(token_, target.parameter("token"));
+    case Door::rejoin:
+      return !hasProof(target) || isSameSecret(pageProof(key_, challenge_, origin_), target.parameter("proof"));
+    case Door::inside:
+      break;
+  }
+  return inside(target) && std::ranges::any_of(head.cookies(cookieName_),
+                                               [this](std::string_view given) { return isSameSecret(secret_, given); });
 }
 
 }  // namespace tarn

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <utility>
 
 #include "app/serve/ByteRange.h"
 #include "app/serve/HostScript.h"
@@ -25,7 +26,7 @@ JSObject assetEntry(const PHAsset& asset) {
           {"filename", asset.filename},
           {"bytes", static_cast<int64_t>(asset.size)},
           {"created", created.count()},
-          {"video", std::string(videos) + asset.localIdentifier}};
+          {"video", std::string(videos.substr(1)) + asset.localIdentifier}};
 }
 
 }  // namespace
@@ -48,8 +49,9 @@ const std::vector<std::pair<std::string, std::string>>& commonFields() {
   return fields;
 }
 
-Site::Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder)
-    : files_(files), photos_(photos), plugin_(plugin), folder_(folder) {}
+Site::Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder,
+           std::string pageKey)
+    : files_(files), photos_(photos), plugin_(plugin), folder_(folder), pageKey_(std::move(pageKey)) {}
 
 bool Site::asksLibrary(const RequestTarget& target) {
   return target.path == "/albums" || target.path.starts_with(videos);
@@ -69,7 +71,8 @@ SiteAnswer Site::index() const {
 }
 
 SiteAnswer Site::script() const {
-  return typed(contentType(nativeScript), hostScript(plugin_, textOf(readFile(files_, folder_ / nativeScript))));
+  return typed(contentType(nativeScript),
+               hostScript(plugin_, pageKey_, textOf(readFile(files_, folder_ / nativeScript))));
 }
 
 SiteAnswer Site::albums() const {

@@ -30,11 +30,13 @@ struct SiteAnswer {
 /// this host.
 const std::vector<std::pair<std::string, std::string>>& commonFields();
 
-/// What can be read by GET: the built page with the host's script, the albums, and the saved videos. Thread-safe.
+/// What can be read by GET: the built page with the host's script, the albums, and the saved videos. It does not know
+/// below which path it is served, so what it tells of places is relative. Thread-safe.
 class Site {
  public:
-  /// All must outlive the site. Throws Error when the folder holds no page.
-  Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder);
+  /// The first three must outlive the site. Throws Error when the folder holds no page.
+  Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder,
+       std::string pageKey);
 
   /// Whether an answer has to wait for the photo library, which a save may hold for long.
   static bool asksLibrary(const RequestTarget& target);
@@ -53,6 +55,7 @@ class Site {
   PHPhotoLibrary& photos_;
   const CAPBridgedPlugin& plugin_;
   const ServedFolder folder_;
+  const std::string pageKey_;
 };
 
 }  // namespace tarn

@@ -40,7 +40,7 @@ export class Albums {
 
   /** Without a host that lists albums, the part of the page that shows them stays hidden. */
   async refresh(): Promise<void> {
-    const answer = await fetch('/albums', { cache: 'no-store' }).catch(() => null);
+    const answer = await fetch('albums', { cache: 'no-store' }).catch(() => null);
     if (!answer?.ok) return;
     this.albums = ((await answer.json()) as { albums: Album[] }).albums;
     for (const album of this.albums) album.assets.sort((a, b) => b.created - a.created);
