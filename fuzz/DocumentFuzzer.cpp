@@ -30,7 +30,8 @@ void transferRecords(ByteView document) {
 void run(Input input) {
   const ByteView document = input.rest();
   const std::string text(textOf(document));
-  roundTrip(document, decodeProcessingStates, encodeProcessingStates);
+  roundTrip(
+      document, [](ByteView given) { return decodeProcessingStates(given).states; }, encodeProcessingStates);
   roundTrip(document, decodeDownloadTasks, encodeDownloadTasks);
   transferRecords(document);
   if (auto note = TransferNote::parse(text)) require(TransferNote::parse(note->text())->id == note->id);

@@ -59,7 +59,9 @@ bool Host::hasTransfer(int64_t id) {
 
 std::vector<int64_t> Host::pendingRuns() {
   std::vector<int64_t> ids;
-  for (const ProcessingState& state : store_.allPendingStates()) ids.push_back(state.downloadId);
+  for (const ProcessingState& state : store_.allPendingStates().value_or(std::vector<ProcessingState>())) {
+    ids.push_back(state.downloadId);
+  }
   return ids;
 }
 

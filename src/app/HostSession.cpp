@@ -1,5 +1,7 @@
 #include "app/HostSession.h"
 
+#include "app/Output.h"
+
 namespace tarn {
 
 HostSession::HostSession(const GlobalOptions& global)
@@ -12,6 +14,7 @@ HostSession::HostSession(const GlobalOptions& global)
         client_.interrupt();
       }) {
   host_.start();
+  for (const std::string& words : host_.storeProblems()) printFailure(words + ".");
 }
 
 }  // namespace tarn

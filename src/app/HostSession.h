@@ -12,7 +12,8 @@ namespace tarn {
 /// watcher that ends both at an interrupt. Belongs to the thread that made it.
 class HostSession {
  public:
-  /// Throws Error when there is no home, or another process owns it.
+  /// Says on standard error what is wrong with the stored work. Throws Error when there is no home, or another process
+  /// owns it.
   explicit HostSession(const GlobalOptions& global);
 
   const Path& home() const { return home_; }

@@ -124,6 +124,8 @@ class Resume {
       printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
       return ExitCode::interrupted;
     }
+    // What cannot be read or understood was not resumed, which has been said.
+    if (!host_.storeProblems().empty()) return ExitCode::failed;
     if (outcomes_.empty() && !global_.json) fmt::print(stderr, "nothing to resume\n");
     const bool allSaved = std::ranges::all_of(outcomes_, [](const auto& outcome) { return outcome.second; });
     return allSaved ? ExitCode::done : ExitCode::failed;

@@ -23,14 +23,15 @@ bool isStepTempName(std::string_view name) {
 
 }  // namespace
 
-std::set<Path> DocumentsSweep::knownFiles() const {
+/// By name; nothing when the records cannot be read.
+std::optional<std::set<Path>> DocumentsSweep::knownFiles() const {
+  const auto inUse = store_.filesInUse();
+  if (!inUse) return std::nullopt;
   std::set<Path> known;
+  for (const Path& file : *inUse) known.insert(file.filename());
+  for (const ProcessingState& state : gate_.runsInHand()) known.insert(state.fileURL.filename());
   for (const DownloadTaskPointer& task : registry_.all()) {
     if (auto location = task->snapshot().location) known.insert(location->filename());
-  }
-  for (const ProcessingState& state : store_.allPendingStates()) {
-    known.insert(state.fileURL.filename());
-    for (const Path& file : state.tempFiles) known.insert(file.filename());
   }
   return known;
 }
@@ -39,13 +40,15 @@ void DocumentsSweep::cleanupOrphanedFiles() {
   try {
     const Path documents = files_.documentsDirectory(false);
     const std::vector<std::string> entries = files_.contentsOfDirectory(documents);
-    const std::set<Path> known = knownFiles();
+    const auto known = knownFiles();
+    if (!known) return logLine("The stored downloads cannot be read - no file is cleaned up");
     for (const std::string& name : entries) {
-      if (!isVideoName(name) || known.contains(name)) continue;
+      if (!isVideoName(name) || known->contains(name)) continue;
       // Between the listing and now a transfer may have brought a file of this name. Holding the name keeps it from
       // doing so from here on, and the second look sees what it wrote before.
       auto hold = names_.tryHold(documents / name);
-      if (!hold || knownFiles().contains(name) || !files_.fileExists(documents / name)) continue;
+      const auto knownNow = knownFiles();
+      if (!hold || !knownNow || knownNow->contains(name) || !files_.fileExists(documents / name)) continue;
       files_.removeItem(documents / name);
       log("Cleaned up orphaned file: {}", name);
     }
@@ -59,12 +62,10 @@ void removeLeftovers(FileManager& files, ProcessingStateManager& store) {
     const Path temporary = files.temporaryDirectory();
     for (const std::string& name : files.contentsOfDirectory(temporary)) files.removeItem(temporary / name);
     const Path documents = files.documentsDirectory(true);
-    std::set<Path> listed;
-    for (const ProcessingState& state : store.allPendingStates()) {
-      listed.insert(state.tempFiles.begin(), state.tempFiles.end());
-    }
+    const auto inUse = store.filesInUse();
+    if (!inUse) return;
     for (const std::string& name : files.contentsOfDirectory(documents)) {
-      if (isStepTempName(name) && !listed.contains(documents / name)) files.removeItem(documents / name);
+      if (isStepTempName(name) && !inUse->contains(documents / name)) files.removeItem(documents / name);
     }
   } catch (const Error& error) {
     log("Error removing leftovers: {}", error.description());

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <set>
 
 #include "download/DownloadRegistry.h"
 #include "pipeline/NamesInTheMaking.h"
+#include "pipeline/ProcessingGate.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/FileManager.h"
 
@@ -13,19 +15,21 @@ namespace tarn {
 class DocumentsSweep {
  public:
   DocumentsSweep(FileManager& files, const DownloadRegistry& registry, ProcessingStateManager& store,
-                 NamesInTheMaking& names)
-      : files_(files), registry_(registry), store_(store), names_(names) {}
+                 const ProcessingGate& gate, NamesInTheMaking& names)
+      : files_(files), registry_(registry), store_(store), gate_(gate), names_(names) {}
 
   /// Deletes the videos (.mp4, .mov, .m4v) that no task, no pending record and no work in hand refers to. The first
-  /// failure is logged and ends the sweep. May run beside anything else.
+  /// failure is logged and ends the sweep. May run beside anything else. Deletes nothing while the records cannot be
+  /// read.
   void cleanupOrphanedFiles();
 
  private:
-  std::set<Path> knownFiles() const;
+  std::optional<std::set<Path>> knownFiles() const;
 
   FileManager& files_;
   const DownloadRegistry& registry_;
   ProcessingStateManager& store_;
+  const ProcessingGate& gate_;
   NamesInTheMaking& names_;
 };
 

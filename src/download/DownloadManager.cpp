@@ -35,7 +35,7 @@ DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps
       queue_(platform.defaults),
       store_(platform.defaults, platform.files, platform.clock),
       gate_(store_),
-      sweep_(platform.files, registry_, store_, names_),
+      sweep_(platform.files, registry_, store_, gate_, names_),
       driver_(platform.files, platform.clock, store_, names_, *this, steps),
       downloadsQueue_(platform.dispatch.makeSerialQueue("com.tarn.downloadsQueue", false)),
       processingWorker_(platform.dispatch.makeSerialQueue("com.tarn.processing", true)) {}
@@ -309,6 +309,8 @@ void DownloadManager::performPeriodicCleanup() {
 
 void DownloadManager::cleanUpPeriodically() {
   const int64_t cutOff = secondsSince1970(platform_.clock.now() - maxAge);
+  std::set<int64_t> inHand;
+  for (const ProcessingState& state : gate_.runsInHand()) inHand.insert(state.downloadId);
   for (const auto& task : registry_.all()) {
     if (task->status() != DownloadStatus::completed || task->id >= cutOff) continue;
     task->cleanup();
@@ -317,7 +319,7 @@ void DownloadManager::cleanUpPeriodically() {
   }
   taskStore_.persist();
   sweep_.cleanupOrphanedFiles();
-  store_.cleanupStaleStates(maxAge);
+  store_.cleanupStaleStates(maxAge, inHand);
   store_.validateStates();
 }
 

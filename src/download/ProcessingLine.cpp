@@ -60,10 +60,10 @@ void DownloadManager::checkAndResumePendingProcessing() {
     log("Processing already active for download {} - skipping resume check", *active);
     return;
   }
-  auto pending = store_.allPendingStates();
-  if (pending.empty()) return;
-  log("Found {} pending processing state(s) to resume", pending.size());
-  if (auto start = gate_.resume(pending.front().downloadId)) resumeProcessing(*start);
+  const auto pending = store_.allPendingStates();
+  if (!pending || pending->empty()) return;
+  log("Found {} pending processing state(s) to resume", pending->size());
+  if (auto start = gate_.resume(pending->front().downloadId)) resumeProcessing(*start);
 }
 
 void DownloadManager::resumeProcessing(const ProcessingGate::Start& start) {

@@ -114,15 +114,12 @@ std::optional<ProcessingState> DownloadManager::takeFile(const DownloadTaskPoint
   }
 }
 
-/// The place for the task's file. Another download's pending file is never replaced: the newcomer then gets its id in
-/// its name on disk.
+/// The place for the task's file. Another download's pending file is never replaced, and none while nobody can tell
+/// which are pending: the newcomer then gets its id in its name on disk.
 NamesInTheMaking::Hold DownloadManager::holdDestination(const DownloadTaskPointer& task) {
   const Path destination = platform_.files.documentsDirectory(true) / checkedFilename(*task);
-  std::vector<ProcessingState> pending = store_.allPendingStates();
-  const bool isAnothers = std::ranges::any_of(pending, [&](const ProcessingState& state) {
-    return state.downloadId != task->id && state.fileURL == destination;
-  });
-  if (!isAnothers) {
+  const auto anothers = store_.filesInUse(task->id);
+  if (anothers && !anothers->contains(destination)) {
     if (auto hold = names_.tryHold(destination)) return std::move(*hold);
   }
   return names_.hold(withId(destination, task->id));

@@ -40,7 +40,8 @@ std::vector<EditListRow> readEditList(FileHandle& file, const MP4BoxInfo& trak) 
   std::vector<EditListRow> rows;
   rows.reserve(count);
   for (const uint8_t* row = bytes.data(); rows.size() < count; row += fields.size) {
-    rows.push_back({layout::load(row, fields.duration), layout::loadSigned(row, fields.mediaTime)});
+    rows.push_back({layout::load(row, fields.duration), layout::loadSigned(row, fields.mediaTime),
+                    static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))});
   }
   return rows;
 }

@@ -7,13 +7,30 @@
 
 namespace tarn {
 
+namespace {
+
+SampleSizes readAnySizes(FileHandle& file, const MP4BoxInfo& stbl) {
+  bool isCompact = !MP4BoxUtils::findChildBox(file, stbl, "stsz") && MP4BoxUtils::findChildBox(file, stbl, "stz2");
+  return isCompact ? readCompactSampleSizes(file, stbl) : readSampleSizes(file, stbl);
+}
+
+}  // namespace
+
 SampleLocations::SampleLocations(FileHandle& file, const MP4BoxInfo& stbl)
-    : sizes_(readSampleSizes(file, stbl)), fileSize_(file.seekToEnd()) {
+    : sizes_(readAnySizes(file, stbl)), fileSize_(file.seekToEnd()) {
   auto rows = readSampleToChunk(file, stbl);
   chunkOffsets_ = readChunkOffsets(file, stbl).offsets;
   runs_ = chunkRuns(rows, chunkOffsets_.size());
   std::erase_if(runs_, [](const ChunkRun& run) { return run.samplesPerChunk == 0; });
   countInFile_ = findCountInFile();
+}
+
+uint32_t SampleLocations::countInChunks() const {
+  if (runs_.empty()) return 0;
+  const ChunkRun& last = runs_.back();
+  // chunkRuns has tested that all samples together fit 63 bits.
+  int64_t samples = last.firstSample + static_cast<int64_t>(last.chunkCount * last.samplesPerChunk);
+  return static_cast<uint32_t>(std::min<int64_t>(samples, count()));
 }
 
 uint32_t SampleLocations::findCountInFile() const {
@@ -63,6 +80,30 @@ SampleLocation SampleLocations::locate(uint32_t sample) {
   }
   last_ = {chunk, sample, last_->offset + ahead};
   return {last_->offset, size};
+}
+
+SampleLocations::Cursor::Cursor(const SampleLocations& locations) : locations_(locations) {
+  enterChunk();
+}
+
+void SampleLocations::Cursor::enterChunk() {
+  left_ = 0;
+  if (run_ == locations_.runs_.size()) return;
+  const ChunkRun& run = locations_.runs_[run_];
+  left_ = std::min(run.samplesPerChunk, locations_.count() - sample_);
+  offset_ = locations_.chunkOffsets_[run.firstChunk + chunkInRun_];
+}
+
+void SampleLocations::Cursor::advance(uint32_t samples) {
+  offset_ += uint64_t{samples} * locations_.sizeOf(sample_);
+  sample_ += samples;
+  left_ -= samples;
+  if (left_ > 0) return;
+  if (++chunkInRun_ == locations_.runs_[run_].chunkCount) {
+    ++run_;
+    chunkInRun_ = 0;
+  }
+  enterChunk();
 }
 
 }  // namespace tarn

@@ -20,12 +20,18 @@ struct SampleLocation {
 /// held as the file has them. Serves one thread.
 class SampleLocations {
  public:
-  /// Reads `stsz`, `stsc`, and `stco` or else `co64` of the `stbl`. Moves the file's position. Throws an Error of the
-  /// domain "SampleTable" or a ByteArrayError where they cannot be read.
+  /// Reads `stsz` or else `stz2`, `stsc`, and `stco` or else `co64` of the `stbl`. Moves the file's position. Throws an
+  /// Error of the domain "SampleTable" or a ByteArrayError where they cannot be read.
   SampleLocations(FileHandle& file, const MP4BoxInfo& stbl);
 
-  /// Samples that the `stsz` promises.
+  /// Samples that the `stsz` promises, and how many of them, from the first on, have a chunk.
   uint32_t count() const { return sizes_.count; }
+  uint32_t countInChunks() const;
+
+  /// The bytes of a sample below count().
+  uint32_t sizeOf(uint32_t sample) const { return sizes_.fixedSize != 0 ? sizes_.fixedSize : sizes_.sizes[sample]; }
+  bool haveOneSize() const { return sizes_.fixedSize != 0; }
+  uint64_t fileSize() const { return fileSize_; }
 
   /// How many samples, from the first on, have a chunk and lie whole in the file.
   uint32_t countInFile() const { return countInFile_; }
@@ -36,6 +42,30 @@ class SampleLocations {
 
   /// Chunks in a row that hold samples, and what describes them; never empty runs.
   const std::vector<ChunkRun>& runs() const { return runs_; }
+
+  /// Walks the samples that have a chunk, in order, some at a time. The locations must outlive it and stay where they
+  /// are.
+  class Cursor {
+   public:
+    explicit Cursor(const SampleLocations& locations);
+
+    /// Of the next sample; it may lie behind the end of the file.
+    uint64_t offset() const { return offset_; }
+    /// How many samples, the next one included, are left in its chunk; 0 behind the last one.
+    uint32_t leftInChunk() const { return left_; }
+    /// Steps over at most so many as are left in the chunk; samples of different sizes one at a time.
+    void advance(uint32_t samples);
+
+   private:
+    void enterChunk();
+
+    const SampleLocations& locations_;
+    size_t run_ = 0;
+    uint64_t chunkInRun_ = 0;
+    uint32_t sample_ = 0;
+    uint32_t left_ = 0;
+    uint64_t offset_ = 0;
+  };
 
  private:
   uint32_t findCountInFile() const;

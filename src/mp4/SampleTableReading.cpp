@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string>
 
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
@@ -15,6 +16,27 @@ SampleSizes readSampleSizes(FileHandle& file, const MP4BoxInfo& stbl) {
   result.fixedSize = box.field();
   result.count = box.field();
   if (result.fixedSize == 0) result.sizes = box.entries<uint32_t>(result.count);
+  return result;
+}
+
+SampleSizes readCompactSampleSizes(FileHandle& file, const MP4BoxInfo& stbl) {
+  TableBox box(file, requireTableBox(file, stbl, "stz2"), TableBox::twoFields);
+  uint32_t bits = box.field() & 0xFF;
+  if (bits != 4 && bits != 8 && bits != 16)
+    throw sampleTableError("stz2 has sizes of " + std::to_string(bits) + " bits");
+  SampleSizes result;
+  result.count = box.field();
+  auto bytes = box.entries<uint8_t>((uint64_t{result.count} * bits + 7) / 8);
+  result.sizes.reserve(result.count);
+  for (size_t i = 0; i < result.count; ++i) {
+    if (bits == 16) {
+      result.sizes.push_back(uint32_t{bytes[2 * i]} << 8 | bytes[2 * i + 1]);
+    } else if (bits == 8) {
+      result.sizes.push_back(bytes[i]);
+    } else {
+      result.sizes.push_back(i % 2 == 0 ? bytes[i / 2] >> 4 : bytes[i / 2] & 0xF);
+    }
+  }
   return result;
 }
 

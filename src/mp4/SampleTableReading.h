@@ -21,6 +21,9 @@ struct SampleSizes {
 };
 SampleSizes readSampleSizes(FileHandle& file, const MP4BoxInfo& stbl);
 
+/// The same from the `stz2` with its sizes of 4, 8 or 16 bits (8.7.3.3).
+SampleSizes readCompactSampleSizes(FileHandle& file, const MP4BoxInfo& stbl);
+
 std::vector<SampleToChunkEntry> readSampleToChunk(FileHandle& file, const MP4BoxInfo& stbl);
 
 struct ChunkOffsets {

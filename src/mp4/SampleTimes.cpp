@@ -90,6 +90,15 @@ uint32_t SampleTimes::firstReaching(int64_t time) const {
   return from == 0 ? 0 : from - 1;
 }
 
+uint32_t SampleTimes::countWithoutLength(uint32_t first, uint32_t end) const {
+  uint32_t count = 0;
+  for (size_t run = runOf(deltas_, first); run < deltas_.size() && deltas_[run].firstSample < end; ++run) {
+    uint32_t runEnd = run + 1 < deltas_.size() ? deltas_[run + 1].firstSample : sampleCount_;
+    if (deltas_[run].delta == 0) count += std::min(runEnd, end) - std::max(deltas_[run].firstSample, first);
+  }
+  return count;
+}
+
 SampleTimes::Cursor::Cursor(const SampleTimes& times, uint32_t sample)
     : times_(times),
       sample_(sample),

@@ -37,6 +37,11 @@ class SampleTimes {
   uint32_t firstDecodedFrom(int64_t time) const;
   uint32_t firstReaching(int64_t time) const;
 
+  /// How many of the samples from `first` on and ahead of `end` have a delta of 0.
+  uint32_t countWithoutLength(uint32_t first, uint32_t end) const;
+
+  bool operator==(const SampleTimes&) const = default;
+
   /// Walks the samples in decode order from one on. The times must outlive it and stay where they are.
   class Cursor {
    public:
@@ -59,10 +64,12 @@ class SampleTimes {
     int64_t firstTime;
     uint32_t firstSample;
     uint32_t delta;
+    bool operator==(const DeltaRun&) const = default;
   };
   struct OffsetRun {
     uint32_t firstSample;
     int32_t offset;
+    bool operator==(const OffsetRun&) const = default;
   };
 
   void readDeltas(FileHandle& file, const MP4BoxInfo& stbl);

@@ -79,6 +79,10 @@ inline constexpr const Field& trackDuration(bool is64Bit) {
   return is64Bit ? trackDuration64 : trackDuration32;
 }
 
+inline constexpr Field trackMatrix32{48, 36};
+inline constexpr Field trackMatrix64{60, 36};
+inline constexpr uint32_t trackEnabledFlag = 1;
+
 /// sgpd (8.9.3). What follows the grouping type depends on the version.
 inline constexpr Field groupingType{12, 4};
 struct GroupDescriptionHeader {

@@ -119,6 +119,13 @@ bool ProcessingGate::holds(int64_t id) const {
   return std::ranges::any_of(runsInFlight_, isId) || std::ranges::any_of(pendingProcessingQueue_, waits);
 }
 
+std::vector<ProcessingState> ProcessingGate::runsInHand() const {
+  std::lock_guard guard(processingLock_);
+  std::vector<ProcessingState> runs(pendingProcessingQueue_.begin(), pendingProcessingQueue_.end());
+  if (currentProcessingState_) runs.push_back(*currentProcessingState_);
+  return runs;
+}
+
 void ProcessingGate::close() {
   std::lock_guard guard(processingLock_);
   isClosed_ = true;

@@ -89,6 +89,9 @@ class ProcessingGate {
   /// True while a run of this id is active, waits, or has been forgotten and still goes on.
   bool holds(int64_t id) const;
 
+  /// The records of the active run and of those that wait, as they began.
+  std::vector<ProcessingState> runsInHand() const;
+
   /// No run starts any more; what is in the line stays in the store.
   void close();
 

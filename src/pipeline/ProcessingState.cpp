@@ -54,6 +54,12 @@ Json encode(const ProcessingState& state) {
   return object;
 }
 
+/// A name that is no UTF-8 must not cost the checkpoint: such bytes are replaced in the texts, and fileURL, which is
+/// percent-encoded, keeps them.
+std::string textOfJson(const Json& document) {
+  return document.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 Path decodePath(const Json& value) {
   auto path = pathFromFileURL(value.get<std::string>());
   if (!path) throw Error("ProcessingState", -1, "not a file URL: " + value.get<std::string>());
@@ -97,23 +103,41 @@ Bytes encodeProcessingStates(const ProcessingStates& states) {
     document.push_back(id);
     document.push_back(encode(state));
   }
-  // A name that is no UTF-8 must not cost the checkpoint: such bytes are replaced in the texts, and fileURL, which is
-  // percent-encoded, keeps them.
-  std::string text = document.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string text = textOfJson(document);
   return Bytes(text.begin(), text.end());
 }
 
-ProcessingStates decodeProcessingStates(ByteView document) {
-  try {
-    Json json = Json::parse(document.begin(), document.end());
-    if (!json.is_array() || json.size() % 2 != 0) throw Error("ProcessingState", -1, "not an array of pairs");
-    ProcessingStates states;
-    for (size_t i = 0; i < json.size(); i += 2) {
-      states.insert_or_assign(json[i].get_ref<const int64_t&>(), decode(json[i + 1]));
+DecodedStates decodeProcessingStates(ByteView document) {
+  DecodedStates decoded;
+  // Deeper than any record is: writing it out again would need the stack.
+  const auto isShallow = [](int depth, Json::parse_event_t, const Json&) { return depth < 16; };
+  const Json json = Json::parse(document.begin(), document.end(), isShallow, false);
+  if (!json.is_array() || json.size() % 2 != 0) {
+    const std::string valid = textOfJson(Json(std::string(textOf(document))));
+    decoded.rest.push_back({Json::parse(valid).get<std::string>(), "The document", "not an array of pairs"});
+    return decoded;
+  }
+  for (size_t i = 0; i < json.size(); i += 2) {
+    try {
+      decoded.states.insert_or_assign(json[i].get_ref<const int64_t&>(), decode(json[i + 1]));
+    } catch (const std::exception& error) {
+      decoded.rest.push_back(
+          {textOfJson(Json::array({json[i], json[i + 1]})), "Processing state " + textOfJson(json[i]), error.what()});
     }
-    return states;
-  } catch (const Json::exception& error) {
-    throw Error("ProcessingState", -1, error.what());
+  }
+  return decoded;
+}
+
+Bytes encodeTexts(const std::vector<std::string>& texts) {
+  const std::string text = textOfJson(Json(texts));
+  return Bytes(text.begin(), text.end());
+}
+
+std::vector<std::string> decodeTexts(ByteView document) {
+  try {
+    return Json::parse(document.begin(), document.end()).get<std::vector<std::string>>();
+  } catch (const Json::exception&) {
+    return {std::string(textOf(document))};
   }
 }
 

@@ -38,7 +38,20 @@ using ProcessingStates = std::map<int64_t, ProcessingState>;
 /// 2001-01-01 UTC, files are file URLs.
 Bytes encodeProcessingStates(const ProcessingStates& states);
 
-/// Throws Error when the document is not of this form as a whole: one bad record is enough.
-ProcessingStates decodeProcessingStates(ByteView document);
+/// What a document holds: the records, and the text of each part that is none, with the reason.
+struct DecodedStates {
+  struct Undecodable {
+    std::string text;  ///< as it stands in the document
+    std::string what;  ///< "Processing state <id>", or "The document"
+    std::string reason;
+  };
+  ProcessingStates states = {};
+  std::vector<Undecodable> rest = {};
+};
+DecodedStates decodeProcessingStates(ByteView document);
+
+/// Texts as a JSON array. What is no such array decodes to one text, itself.
+Bytes encodeTexts(const std::vector<std::string>& texts);
+std::vector<std::string> decodeTexts(ByteView document);
 
 }  // namespace tarn

@@ -6,12 +6,27 @@
 #include "platform/Log.h"
 
 namespace tarn {
+namespace {
+
+/// The files that a text names by their URLs, whatever else it holds.
+std::set<Path> filesNamedIn(std::string_view text) {
+  constexpr std::string_view scheme = "file:///";
+  std::set<Path> files;
+  for (size_t at = text.find(scheme); at != std::string_view::npos; at = text.find(scheme, at + 1)) {
+    const size_t end = std::min(text.find_first_of("\"\\", at), text.size());
+    if (auto path = pathFromFileURL(text.substr(at, end - at))) files.insert(*path);
+  }
+  return files;
+}
+
+}  // namespace
 
 ProcessingStateManager::ProcessingStateManager(UserDefaults& defaults, FileManager& files, const Clock& clock)
-    : defaults_(defaults), files_(files), clock_(clock) {}
+    : defaults_(defaults), files_(files), clock_(clock), start_(clock.now()) {}
 
 void ProcessingStateManager::saveState(const ProcessingState& state) {
   std::lock_guard guard(lock_);
+  removed_.erase(state.downloadId);
   auto states = loadAllStatesUnsafe();
   if (!states) return;
   states->insert_or_assign(state.downloadId, state);
@@ -30,17 +45,22 @@ std::optional<ProcessingState> ProcessingStateManager::loadState(int64_t id) {
 
 void ProcessingStateManager::removeState(int64_t id) {
   std::lock_guard guard(lock_);
+  removed_.insert(id);
   auto states = loadAllStatesUnsafe();
   if (!states) return;
-  states->erase(id);
   saveStates(*states);
   log("Removed processing state for download {}", id);
 }
 
-std::vector<ProcessingState> ProcessingStateManager::allPendingStates() {
-  std::vector<ProcessingState> pending = allStates();
-  std::erase_if(pending, [](const ProcessingState& state) { return isFinal(state.stage); });
-  std::ranges::sort(pending, {}, &ProcessingState::lastUpdated);
+std::optional<std::vector<ProcessingState>> ProcessingStateManager::allPendingStates() {
+  std::lock_guard guard(lock_);
+  auto states = loadAllStatesUnsafe();
+  if (!states) return std::nullopt;
+  std::vector<ProcessingState> pending;
+  for (auto& [id, state] : *states) {
+    if (!isFinal(state.stage)) pending.push_back(std::move(state));
+  }
+  std::ranges::stable_sort(pending, {}, &ProcessingState::lastUpdated);
   return pending;
 }
 
@@ -51,6 +71,43 @@ std::vector<ProcessingState> ProcessingStateManager::allStates() {
     for (auto& [id, state] : *states) all.push_back(std::move(state));
   }
   return all;
+}
+
+std::optional<std::set<Path>> ProcessingStateManager::filesInUse(std::optional<int64_t> except) {
+  auto pending = allPendingStates();
+  if (!pending) return std::nullopt;
+  std::set<Path> files;
+  for (const ProcessingState& state : *pending) {
+    if (state.downloadId == except) continue;
+    files.insert(state.fileURL);
+    files.insert(state.tempFiles.begin(), state.tempFiles.end());
+  }
+  try {
+    std::lock_guard guard(lock_);
+    for (const std::string& text : textsSetAside()) files.merge(filesNamedIn(text));
+  } catch (const PosixError& error) {
+    log("Failed to read what is set aside: {}", error.description());
+    return std::nullopt;
+  }
+  return files;
+}
+
+std::vector<std::string> ProcessingStateManager::problems() {
+  std::vector<std::string> problems;
+  std::lock_guard guard(lock_);
+  try {
+    defaults_.data(userDefaultsKey);
+    loadAllStatesUnsafe();
+    if (const size_t count = textsSetAside().size(); count > 0) {
+      problems.push_back(fmt::format(
+          "{} of the stored downloads cannot be understood and {} set aside; what they name in Documents is kept",
+          count, count == 1 ? "is" : "are"));
+    }
+  } catch (const PosixError& error) {
+    problems.push_back("The stored downloads cannot be read, so none goes on and nothing is cleared away: " +
+                       error.description());
+  }
+  return problems;
 }
 
 void ProcessingStateManager::clearAllStates() {
@@ -74,14 +131,15 @@ void ProcessingStateManager::cleanupTempFiles(const ProcessingState& state) {
   }
 }
 
-void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge) {
+void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge, const std::set<int64_t>& inHand) {
   std::lock_guard guard(lock_);
   auto states = loadAllStatesUnsafe();
   if (!states) return;
   const Date now = clock_.now();
   size_t count = std::erase_if(*states, [&](const auto& entry) {
     const ProcessingState& state = entry.second;
-    auto age = now - state.lastUpdated;
+    if (inHand.contains(entry.first)) return false;
+    const auto age = now - (isFinal(state.stage) ? state.lastUpdated : std::max(state.lastUpdated, start_));
     if (age <= maxAge) return false;
     cleanupTempFilesUnsafe(state);
     log("Removed stale processing state for download {} (age: {}h)", state.downloadId,
@@ -116,20 +174,47 @@ std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {
   try {
     auto document = defaults_.data(userDefaultsKey);
     if (!document) return ProcessingStates{};
-    return decodeProcessingStates(*document);
+    DecodedStates decoded = decodeProcessingStates(*document);
+    if (!setAside(decoded.rest)) return std::nullopt;
+    for (const int64_t id : removed_) decoded.states.erase(id);
+    return std::move(decoded.states);
   } catch (const PosixError& error) {
     // The document may be whole: what cannot be read now must not be written over.
     log("Failed to read processing states: {}", error.description());
     return std::nullopt;
-  } catch (const Error& error) {
-    log("Failed to decode processing states: {}", error.description());
-    return ProcessingStates{};
   }
+}
+
+/// Adds to what is set aside what is not there yet; false when that failed.
+bool ProcessingStateManager::setAside(const std::vector<DecodedStates::Undecodable>& rest) {
+  if (rest.empty()) return true;
+  std::vector<std::string> texts = textsSetAside();
+  const size_t before = texts.size();
+  for (const auto& [text, what, reason] : rest) {
+    if (std::ranges::find(texts, text) != texts.end()) continue;
+    log("{} is set aside: {}", what, reason);
+    texts.push_back(text);
+  }
+  if (texts.size() == before) return true;
+  try {
+    defaults_.setData(setAsideKey, encodeTexts(texts));
+    return true;
+  } catch (const PosixError& error) {
+    log("Failed to set processing states aside: {}", error.description());
+    return false;
+  }
+}
+
+/// Throws PosixError.
+std::vector<std::string> ProcessingStateManager::textsSetAside() {
+  const auto document = defaults_.data(setAsideKey);
+  return document ? decodeTexts(*document) : std::vector<std::string>();
 }
 
 void ProcessingStateManager::saveStates(const ProcessingStates& states) {
   try {
     defaults_.setData(userDefaultsKey, encodeProcessingStates(states));
+    removed_.clear();
   } catch (const PosixError& error) {
     log("Failed to store processing states: {}", error.description());
   } catch (const std::exception& error) {

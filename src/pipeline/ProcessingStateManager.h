@@ -3,6 +3,8 @@
 #include <chrono>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "pipeline/ProcessingState.h"
@@ -14,11 +16,13 @@ namespace tarn {
 
 /// The store of checkpoints. It keeps no copy: every operation reads the whole document, works on it and writes it back
 /// whole, and holds the store's lock for its whole length. Storage failures are logged and never raised. A document
-/// that does not decode counts as empty and is replaced by the next save; one that cannot be read is left alone. The
-/// lock is the last in the order of locks: the store never calls out.
+/// that cannot be read is left alone. A record that does not decode is set aside under a key of its own before a save
+/// drops it, and stays there with its files; so does a document that is none. The lock is the last in the order of
+/// locks: the store never calls out.
 class ProcessingStateManager {
  public:
   static constexpr const char* userDefaultsKey = "com.sorrel.capacitor.downloader.processingStates";
+  static constexpr const char* setAsideKey = "com.sorrel.capacitor.downloader.processingStates.setAside";
 
   ProcessingStateManager(UserDefaults& defaults, FileManager& files, const Clock& clock);
 
@@ -27,9 +31,16 @@ class ProcessingStateManager {
   std::optional<ProcessingState> loadState(int64_t id);
   void removeState(int64_t id);
 
-  /// Records whose stage is not final, the longest untouched first.
-  std::vector<ProcessingState> allPendingStates();
+  /// Records whose stage is not final, the longest untouched first; nothing when they cannot be read.
+  std::optional<std::vector<ProcessingState>> allPendingStates();
   std::vector<ProcessingState> allStates();
+
+  /// The videos and temp files of all pending records but `except`'s, and of what is set aside: nobody else may touch
+  /// them. Nothing when the records cannot be read: then no file may be touched.
+  std::optional<std::set<Path>> filesInUse(std::optional<int64_t> except = std::nullopt);
+
+  /// What is wrong with the store, in words for people; empty when nothing is.
+  std::vector<std::string> problems();
 
   /// Deletes all records with their temp files. The videos stay.
   void clearAllStates();
@@ -38,22 +49,27 @@ class ProcessingStateManager {
   void cleanupTempFiles(const ProcessingState& state);
 
   /// Removes records, of whatever stage, that were last changed longer than `maxAge` ago, with their temp files. Their
-  /// videos stay.
-  void cleanupStaleStates(std::chrono::seconds maxAge);
+  /// videos stay. A pending record's age counts from the start of this process at the earliest, since nobody could take
+  /// it up before; the ids of `inHand` do not age.
+  void cleanupStaleStates(std::chrono::seconds maxAge, const std::set<int64_t>& inHand = {});
 
   /// Removes records whose video is gone, with their temp files.
   void validateStates();
 
  private:
-  /// Nothing when the document cannot be read; empty when there is none or it does not decode.
+  /// Nothing when the document cannot be read, or when what does not decode cannot be set aside.
   std::optional<ProcessingStates> loadAllStatesUnsafe();
+  bool setAside(const std::vector<DecodedStates::Undecodable>& rest);
+  std::vector<std::string> textsSetAside();
   void saveStates(const ProcessingStates& states);
   void cleanupTempFilesUnsafe(const ProcessingState& state);
 
   UserDefaults& defaults_;
   FileManager& files_;
   const Clock& clock_;
+  const Date start_;
   std::mutex lock_;
+  std::set<int64_t> removed_;  ///< records whose removal could not be stored yet
 };
 
 }  // namespace tarn

@@ -15,27 +15,34 @@ namespace tarn {
 struct AnnouncedChange {
   /// The track whose samples are made anew (encoded, or laid out anew): of it only the shown ranges and what of the
   /// media they show are compared.
-  std::optional<uint32_t> remadeTrack;
+  std::optional<uint32_t> remadeTrack = {};
   /// Packets of the remade track are the source's, so that they may lie up to this long off their place.
   MovieTime packetLength{0};
+  /// False where each step has already proved the bytes of its own result: of the samples that are kept the sizes are
+  /// compared then, and nothing of where they lie.
+  bool comparesBytes = true;
 };
 
 /// How the presentation of one track differs between two files.
 struct TrackChange {
   uint32_t trackID = 0;
-  std::string handler;
+  std::string handler = {};
   bool isLost = false;  ///< nothing below counts then
   bool isRemade = false;
   uint32_t samplesHidden = 0;    ///< shown before and not after
   uint32_t samplesRevealed = 0;  ///< the other way round
-  uint32_t samplesMissing = 0;   ///< of the old file's, not in the new one
+  uint32_t samplesMissing = 0;  ///< of the old file's, not in the new one; of a remade track, not whole in the new file
   uint32_t samplesAdded = 0;
   uint32_t samplesChanged = 0;  ///< whose bytes are not known to be the same
   MovieTime shift{0};           ///< by which the track as a whole moved: the median of its samples; later is above 0
   MovieTime largestMove{0};     ///< of a sample against `shift`; absolute
-  MovieTime hidden{0};          ///< of the shown time, how much is not shown any more; of a remade track likewise
+  /// Of the shown time, how much is not shown any more; in a video track that of the pictures shown in both. Where the
+  /// media of a remade track end up to a packet earlier or later than the old ones, that does not count, nor does it in
+  /// `revealed`.
+  MovieTime hidden{0};
   MovieTime revealed{0};
   bool isDescribedOtherwise = false;  ///< enabled, matrix or handler are others
+  bool hasDamagedList = false;        ///< the new edit list is damaged, and the old one was not
 };
 
 /// How the presentation of a movie differs between two files.
@@ -52,8 +59,8 @@ struct PresentationChange {
 /// sample that keeps its place is the same.
 using SharedBytes = std::optional<std::span<const CopiedRange>>;
 
-/// Compares what two files show. Tracks pair by track_ID and handler, else by handler in order. Linear in the number of
-/// samples. Reads no media.
+/// Compares what two files show. Tracks pair by track_ID and handler, else by handler in order; the samples of a track
+/// pair by their number. Linear in the number of samples, but for the pictures, which are sorted. Reads no media.
 PresentationChange comparePresentations(const Presentation& before, const Presentation& after, SharedBytes shared,
                                         const AnnouncedChange& announced = {});
 
@@ -65,7 +72,7 @@ std::vector<std::string> harmsOf(const PresentationChange& change, const Present
                                  const Presentation& after, const AnnouncedChange& announced = {});
 
 /// The check of a step: compares `before` with the result of a worker, and throws RefusedResult with all harms in its
-/// words where there is one. Everything passed must outlive the check.
+/// words where there is one, or where the result cannot be read. The file manager and `before` must outlive it.
 RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced);
 
 }  // namespace tarn

@@ -144,6 +144,26 @@ TEST_F(SaveTest, TasksThatNothingStandsBehindAreNotWaitedFor) {
   EXPECT_NE(result.errors.find("Download 1 failed: its transfer is gone"), std::string::npos) << result.errors;
 }
 
+TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
+  std::filesystem::create_directories(home_ / "Documents");
+  const std::string video(textOf(recording()));
+  std::ofstream(home_ / "Documents/clip.mp4") << video;
+  const Path records = home_ / "Defaults/com.sorrel.capacitor.downloader.processingStates";
+  std::filesystem::create_directories(records);  // no file
+  const auto unread = runTarn(home_, {"resume"});
+  std::filesystem::remove(records);
+  std::ofstream(records) << R"([1,{"fileURL":"file://)" << home_.string() << R"(/Documents/clip.mp4"}])";
+  const auto damaged = runTarn(home_, {"resume"});
+  EXPECT_EQ(unread.exitCode, 1);
+  EXPECT_NE(unread.errors.find("The stored downloads cannot be read"), std::string::npos) << unread.errors;
+  EXPECT_EQ(damaged.exitCode, 1);
+  EXPECT_NE(damaged.errors.find("1 of the stored downloads cannot be understood"), std::string::npos) << damaged.errors;
+  server_.serve("/clip.mp4", ServedFile::of(recording()));
+  EXPECT_EQ(save().exitCode, 0);
+  EXPECT_EQ(contentOf(home_ / "Documents/clip.mp4"), video);
+  EXPECT_EQ(contentOf(saved_), repaired());
+}
+
 TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {
   const std::pair<const char*, int> rows[] = {{"", 2},
                                               {"fly", 2},

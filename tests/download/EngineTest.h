@@ -71,6 +71,25 @@ class EngineTest : public testing::Test, protected TestHome {
     transfers_.finish(url(name), bytesOf("content of " + name));
     settle();
   }
+  /// Files come and wait for their runs, one each second, until the process dies.
+  void finishUnprocessed(const std::vector<std::string>& names) {
+    dispatch_.hold(worker());
+    for (const std::string& name : names) {
+      save(name);
+      finish(name);
+      transfers_.complete(url(name));
+      settle();
+      clock_.advance(std::chrono::seconds(1));
+    }
+  }
+  /// A new process, and as many returns to the foreground as take up all that it finds.
+  void resumeAll() {
+    restart();
+    for (int i = 0; i < 5; ++i) {
+      engine_->checkAndResumePendingProcessing();
+      settle();
+    }
+  }
   /// The hourly work comes.
   void cleanUp() {
     engine_->performPeriodicCleanup();

@@ -62,6 +62,70 @@ TEST_F(EngineTest, StoredRunsAreResumedOneByOneOldestFirst) {
   EXPECT_EQ(storedStates(), "[]");
 }
 
+/// The place of the stored records.
+constexpr const char* recordsKey = ProcessingStateManager::userDefaultsKey;
+
+TEST_F(EngineTest, AStoreThatCannotBeReadCostsNoVideo) {
+  finishUnprocessed({"a.mp4", "b.mp4"});
+  put(makeUUID() + ".m4a", "a temp file");
+  const auto before = documents();
+  const Path records = home_ / "Defaults" / recordsKey, elsewhere = home_ / "elsewhere";
+  files_.moveItem(records, elsewhere);
+  files_.createDirectory(records);  // it cannot be read as a file
+  clock_.advance(std::chrono::hours(48));
+  restart();
+  cleanUp();
+  save("b.mp4");
+  finish("b.mp4");
+  EXPECT_THAT(documents(), testing::UnorderedElementsAreArray(before)) << "the newcomer was saved under another name";
+  EXPECT_EQ(contents_.back(), "content of b.mp4");
+  files_.removeItem(records);
+  files_.moveItem(elsewhere, records);
+  resumeAll();
+  EXPECT_EQ(contents(), "content of b.mp4 content of a.mp4 content of b.mp4");
+}
+
+TEST_F(EngineTest, ARecordThatDoesNotDecodeIsSetAsideAndCostsNoOther) {
+  finishUnprocessed({"a.mp4", "b.mp4", "c.mp4"});
+  std::string records = storedStates();
+  records.replace(records.find("\"downloaded\"", records.find("b.mp4")), 12, "\"polishing\"");
+  defaults_.setData(recordsKey, bytesOf(records));
+  resumeAll();
+  cleanUp();
+  EXPECT_EQ(contents(), "content of a.mp4 content of c.mp4");
+  EXPECT_EQ(storedStates(), "[]");
+  EXPECT_THAT(documents(), testing::ElementsAre("b.mp4"));
+  EXPECT_TRUE(lines_.contains("Processing state 1800000001 is set aside: unknown stage: polishing"));
+  save("b.mp4");
+  finish("b.mp4");
+  EXPECT_EQ(contents_.back(), "content of b.mp4");
+  EXPECT_THAT(documents(), testing::ElementsAre("b.mp4")) << "a newcomer does not replace it";
+  const std::string aside = stored(ProcessingStateManager::setAsideKey);
+  EXPECT_NE(aside.find("polishing"), std::string::npos) << aside;
+  restart();
+  EXPECT_EQ(stored(ProcessingStateManager::setAsideKey), aside);
+}
+
+TEST_F(EngineTest, RecordsOfLongAgoAreAllResumed) {
+  finishUnprocessed({"a.mp4", "b.mp4", "c.mp4"});
+  clock_.advance(std::chrono::hours(48));
+  resumeAll();
+  EXPECT_EQ(contents(), "content of a.mp4 content of b.mp4 content of c.mp4");
+
+  // What waits in the line of a process that lives for long does not age either.
+  dispatch_.hold(worker());
+  for (const char* name : {"d.mp4", "e.mp4"}) {
+    save(name);
+    finish(name);
+  }
+  clock_.advance(std::chrono::hours(48));
+  cleanUp();
+  cleanUp();
+  dispatch_.release(worker());
+  settle();
+  EXPECT_EQ(contents_.size(), 5U);
+}
+
 TEST_F(EngineTest, ATransferThatNothingKnowsChangesNothing) {
   save("clip.mp4");
   defaults_.removeObject("ActiveDownloads");

@@ -58,7 +58,9 @@ TEST_F(ProcessingStateTest, StoredDocumentIsAFlatArrayOfIdsAndRecords) {
   EXPECT_EQ(stored(key), document) << "what was read is what was stored";
 }
 
-TEST_F(ProcessingStateTest, ADamagedDocumentCountsAsEmptyAndTheNextSaveReplacesIt) {
+TEST_F(ProcessingStateTest, WhatDoesNotDecodeIsSetAsideOnceAndTheNextSaveDropsIt) {
+  store(8, remuxed);
+  const std::string good = stored(key);
   const std::pair<std::string, std::string> damages[] = {
       {document.substr(40), ""},
       {"syncFixing", "stopped"},
@@ -75,11 +77,23 @@ TEST_F(ProcessingStateTest, ADamagedDocumentCountsAsEmptyAndTheNextSaveReplacesI
     text.replace(text.find(from), from.size(), to);
     LogCapture lines;
     defaults_.setData(key, bytesOf(text));
-    EXPECT_TRUE(store_.allPendingStates().empty()) << text;
-    EXPECT_THAT(lines.lines(), ElementsAre(testing::StartsWith("Failed to decode processing states: ")));
+    EXPECT_EQ(store_.allPendingStates()->size(), 0U) << text;
+    EXPECT_EQ(store_.allPendingStates()->size(), 0U);
+    EXPECT_THAT(lines.lines(), ElementsAre(testing::HasSubstr(" is set aside: ")));
     EXPECT_EQ(stored(key), text) << "reading must not touch what is stored";
+    EXPECT_EQ(decodeTexts(bytesOf(stored(ProcessingStateManager::setAsideKey))).size(), 1U);
+    // What cannot be set aside is not dropped either.
+    defaults_.removeObject(ProcessingStateManager::setAsideKey);
+    faulty_.arm({.errnum = ENOSPC, .lasting = true, .among = {FileOperation::write}});
+    store_.saveState({.downloadId = 8, .fileURL = "/x.mp4"});
+    faulty_.disarm();
+    EXPECT_EQ(stored(key), text);
     store(8, remuxed);
-    EXPECT_THAT(store_.allStates(), ElementsAre(isRecord(8)));
+    EXPECT_EQ(stored(key), good);
+    EXPECT_EQ(store_.problems().size(), 1U);
+    const bool namesItsFile = text.find("file:///home/a%20b/%C3%A9.mp4") != std::string::npos;
+    EXPECT_EQ(store_.filesInUse()->contains("/home/a b/\xC3\xA9.mp4"), namesItsFile) << text;
+    defaults_.removeObject(ProcessingStateManager::setAsideKey);
   }
 }
 
@@ -91,12 +105,24 @@ TEST_F(ProcessingStateTest, ADocumentThatCannotBeReadIsLeftAlone) {
   EXPECT_EQ(stored(key), before);
 }
 
+TEST_F(ProcessingStateTest, ARemovalThatCannotBeStoredStillHolds) {
+  for (const FileOperation failing : {FileOperation::read, FileOperation::write}) {
+    store(1, remuxed);
+    faulty_.arm({.among = {failing}});
+    store_.removeState(1);
+    faulty_.disarm();
+    EXPECT_FALSE(store_.loadState(1));
+    store(2, remuxed);
+    EXPECT_EQ(stored(key).find("clip1"), std::string::npos);
+  }
+}
+
 TEST_F(ProcessingStateTest, PendingRecordsComeOldestFirstAndFinalOnesNot) {
   store(3, syncFixing);
   store(4, downloaded, std::chrono::seconds(5));
   store(1, completed);
   store(2, failed);
-  EXPECT_THAT(store_.allPendingStates(), ElementsAre(isRecord(4), isRecord(3)));
+  EXPECT_THAT(store_.allPendingStates(), testing::Optional(ElementsAre(isRecord(4), isRecord(3))));
 }
 
 TEST_F(ProcessingStateTest, CleanupTakesOldRecordsAndThoseWithoutTheirVideo) {

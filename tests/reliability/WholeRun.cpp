@@ -127,7 +127,8 @@ void WholeRun::deliver() {
 }
 
 bool WholeRun::hasPendingWork() {
-  return !ProcessingStateManager(defaults_, files, clock_).allPendingStates().empty();
+  const auto pending = ProcessingStateManager(defaults_, files, clock_).allPendingStates();
+  return pending && !pending->empty();
 }
 
 void WholeRun::restart() {

@@ -53,7 +53,7 @@ Bytes trackOf(const SyntheticTrack& track, Bytes& media) {
                             fullBox("stsc", {1, 1, track.samplesPerChunk, 1}), box("stsz", {sizes}),
                             box("stco", {values({0, chunkCount}), chunks})});
   const Bytes minf = box("minf", {track.handler == "soun" ? fullBox("smhd", {0}) : Bytes(), stbl});
-  const Bytes tkhd = fullBox("tkhd", {0, 0, 1, 0, 0});
+  const Bytes tkhd = fullBox("tkhd", {0, 0, track.trackID, 0, 0});
   return box("trak", {tkhd, editBox(track), box("mdia", {mediaHeader(track), handlerBox(track.handler), minf})});
 }
 

@@ -30,6 +30,7 @@ struct SyntheticTrack {
   uint32_t samplesPerChunk = 4;
   uint64_t mediaDuration = 0;  ///< of the `mdhd`
   bool longTimes = false;      ///< `mdhd` and `elst` in version 1
+  uint32_t trackID = 1;
 };
 
 /// A file of an `mdat` and a `moov` with a movie duration of 0.

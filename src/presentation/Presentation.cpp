@@ -1,0 +1,206 @@
+#include "presentation/Presentation.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "mp4/BoxWalker.h"
+#include "mp4/EditList.h"
+#include "mp4/SampleTableBuilders.h"
+#include "mp4/TableBox.h"
+#include "mp4/TimeHeader.h"
+#include "mp4/TimingBoxLayout.h"
+#include "presentation/LaidEdit.h"
+#include "presentation/MetadataPaths.h"
+#include "presentation/SampleOrder.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint32_t mostTopLevelBoxes = uint32_t{1} << 20;
+
+Error presentationError(const std::string& description) {
+  return Error("Presentation", -1, description);
+}
+
+MP4BoxInfo boxInfo(const BoxHeader& header) {
+  return {.size = header.size, .type = header.type, .offset = header.offset, .headerSize = header.headerSize};
+}
+
+struct TopLevel {
+  std::optional<MP4BoxInfo> moov;  ///< the first one
+  bool hasFragments = false;
+};
+
+TopLevel scanTopLevel(FileHandle& file) {
+  TopLevel found;
+  FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevel);
+  for (uint32_t i = 0; i < mostTopLevelBoxes && !found.hasFragments; ++i) {
+    auto box = walker.next();
+    if (!box) break;
+    if (box->type == "moov" && !found.moov) found.moov = boxInfo(*box);
+    if (box->type == "moof") found.hasFragments = true;
+  }
+  if (found.moov && MP4BoxUtils::findChildBox(file, *found.moov, "mvex")) found.hasFragments = true;
+  return found;
+}
+
+void readTrackHeader(FileHandle& file, const MP4BoxInfo& trak, TrackPresentation& track) {
+  auto tkhd = MP4BoxUtils::findChildBox(file, trak, "tkhd");
+  if (!tkhd) return;
+  std::array<uint8_t, layout::trackMatrix64.end()> bytes{};
+  auto contents = std::span(bytes).subspan(layout::boxHeaderSize);
+  file.seek(tkhd->contentOffset());
+  size_t end =
+      layout::boxHeaderSize + file.readInto(contents.first(std::min<uint64_t>(contents.size(), tkhd->contentSize())));
+  bool isLong = layout::load(bytes.data(), layout::version) != 0;
+  track.isEnabled = (layout::load(bytes.data(), layout::versionAndFlags) & layout::trackEnabledFlag) != 0;
+  track.trackID = layout::load32(bytes.data(), isLong ? layout::trackID64 : layout::trackID32);
+  const auto& matrix = isLong ? layout::trackMatrix64 : layout::trackMatrix32;
+  if (end >= matrix.end()) track.matrix = textOf(ByteView(bytes).subspan(matrix.offset, matrix.width));
+}
+
+void readDescriptions(FileHandle& file, const MP4BoxInfo& stbl, TrackPresentation& track) {
+  auto stsd = MP4BoxUtils::findChildBox(file, stbl, "stsd");
+  if (!stsd || stsd->contentSize() < TableBox::oneField) return;
+  track.sampleDescriptions = TableBox(file, *stsd, TableBox::oneField).field();
+  FileBoxWalker entries(file, stsd->contentOffset() + TableBox::oneField, stsd->end(), boxwalk::openChildren);
+  if (auto entry = entries.next()) track.codec = entry->type;
+}
+
+std::vector<PresentedEdit> layOut(const std::vector<EditListRow>& rows, uint32_t movieTimescale,
+                                  const TrackPresentation& track) {
+  std::vector<PresentedEdit> edits;
+  edits.reserve(rows.size());
+  int64_t clock = 0;
+  for (const EditListRow& row : rows) {
+    PresentedEdit edit{.movieStart = clock, .rate = row.mediaRate};
+    edit.movieDuration = static_cast<int64_t>(std::min<uint64_t>(row.duration, MediaEdit::latestTime));
+    if (!row.isEmpty()) edit.mediaStart = row.mediaTime;
+    if (row.duration == 0 && !row.isEmpty() && &row == &rows.back() && row.mediaRate > 0) {
+      int64_t length = std::max<int64_t>(track.mediaEnd - row.mediaTime, 0);
+      edit.movieDuration = movieTicks(length, track.timescale, movieTimescale, row.mediaRate);
+    }
+    clock = std::min(clock + edit.movieDuration, MediaEdit::latestTime);
+    edits.push_back(edit);
+  }
+  return edits;
+}
+
+/// Shows the media as it is: media time is movie time. It begins a whole number of seconds ahead of 0 where pictures
+/// are composed ahead of 0, so that both times are exact.
+PresentedEdit wholeMedia(uint32_t movieTimescale, const TrackPresentation& track) {
+  int64_t seconds = track.mediaStart() < 0 ? -track.mediaStart() / track.timescale + 1 : 0;
+  int64_t mediaStart = -seconds * track.timescale;
+  return {.movieStart = -seconds * movieTimescale,
+          .movieDuration = movieTicks(track.mediaEnd - mediaStart, track.timescale, movieTimescale),
+          .mediaStart = mediaStart};
+}
+
+EditListDamage damageOf(const std::vector<EditListRow>& rows, int64_t mediaEnd) {
+  for (const EditListRow& row : rows) {
+    if (row.mediaTime < layout::emptyEdit) return EditListDamage::mediaTimeBelowMinusOne;
+  }
+  for (const EditListRow& row : rows) {
+    if (!row.isEmpty() && row.mediaTime >= mediaEnd) return EditListDamage::liesBehindMedia;
+  }
+  return EditListDamage::none;
+}
+
+/// Fills in what the edits in force show.
+void countShown(const SampleOrder& order, uint32_t sampleCount, uint32_t movieTimescale, TrackPresentation& track) {
+  PlaceSet shown;
+  PlaceSet whole;
+  track.shownFrom.reset();
+  track.shownTo.reset();
+  MovieTime tick = tickOf(movieTimescale);
+  for (const LaidEdit& edit : laidEdits(track.edits, movieTimescale, track.timescale)) {
+    EditShowing showing = showingOf(order, edit, tick);
+    if (showing.shown.isEmpty()) continue;
+    shown.add(showing.shown);
+    whole.add(showing.whole);
+    track.shownFrom = track.shownFrom ? std::min(*track.shownFrom, showing.from) : showing.from;
+    track.shownTo = track.shownTo ? std::max(*track.shownTo, showing.to) : showing.to;
+  }
+  track.samplesShown = shown.count(order);
+  track.samplesClipped = track.samplesShown - whole.count(order);
+  track.samplesHidden = sampleCount - track.samplesShown;
+}
+
+TrackPresentation readTrack(FileHandle& file, const MP4BoxInfo& trak, uint32_t movieTimescale) {
+  auto mdia = requireTableBox(file, trak, "mdia");
+  auto header = readTimeHeader(file, mdia, "mdhd");
+  if (!header || header->timescale == 0) throw sampleTableError("the track has no timescale");
+  auto stbl = requireTableBox(file, requireTableBox(file, mdia, "minf"), "stbl");
+  SampleLocations locations(file, stbl);
+  uint32_t count = locations.countInChunks();
+  if (locations.haveOneSize() && count > locations.fileSize()) {
+    throw sampleTableError("stsz promises more samples than the file has bytes");
+  }
+  std::string handler = MP4BoxUtils::getHandlerType(file, trak).value_or("");
+  if (handler == "vide" && count > SampleOrder::mostPictures) throw sampleTableError("the track has too many pictures");
+  TrackPresentation track{.handler = handler,
+                          .timescale = header->timescale,
+                          .times = SampleTimes(file, stbl, count),
+                          .locations = std::move(locations)};
+  readTrackHeader(file, trak, track);
+  readDescriptions(file, stbl, track);
+
+  SampleOrder order(track.times, count, handler);
+  if (count > 0) track.firstCompositionTime = SampleTimes::Cursor(track.times, 0).time().compositionTime;
+  track.smallestCompositionTime = order.smallestCompositionTime();
+  track.mediaEnd = order.mediaEnd();
+  auto rows = readEditList(file, trak);
+  track.hasEditList = !rows.empty();
+  if (count > 0) track.damage = damageOf(rows, track.mediaEnd);
+  if (track.hasEditList && track.damage == EditListDamage::none) {
+    track.edits = layOut(rows, movieTimescale, track);
+    countShown(order, count, movieTimescale, track);
+    if (track.samplesShown > 0 || count == 0) return track;
+    track.damage = EditListDamage::showsNothing;
+  }
+  track.edits = {wholeMedia(movieTimescale, track)};
+  countShown(order, count, movieTimescale, track);
+  return track;
+}
+
+}  // namespace
+
+Presentation Presentation::read(FileManager& files, const Path& path) {
+  auto file = files.open(path, OpenMode::reading);
+  TopLevel top = scanTopLevel(*file);
+  if (!top.moov) throw presentationError("The file has no moov");
+  if (top.hasFragments) throw presentationError("The movie is fragmented");
+  auto header = readTimeHeader(*file, *top.moov, "mvhd");
+  if (!header || header->timescale == 0) throw presentationError("The movie has no timescale");
+  Presentation presentation;
+  presentation.movieTimescale_ = header->timescale;
+  FileBoxWalker walker(*file, top.moov->contentOffset(), top.moov->end(), boxwalk::tracks);
+  while (auto box = walker.next()) {
+    if (box->type != "trak") continue;
+    try {
+      presentation.tracks_.push_back(readTrack(*file, boxInfo(*box), header->timescale));
+    } catch (const PosixError&) {
+      throw;
+    } catch (const Error& error) {
+      throw presentationError("Track " + std::to_string(presentation.tracks_.size() + 1) + ": " + error.description());
+    }
+  }
+  presentation.metadata_ = metadataPaths(*file);
+  return presentation;
+}
+
+MovieTime Presentation::tick() const {
+  return tickOf(movieTimescale_);
+}
+
+const TrackPresentation* Presentation::first(std::string_view handler) const {
+  auto found = std::ranges::find(tracks_, handler, &TrackPresentation::handler);
+  return found == tracks_.end() ? nullptr : &*found;
+}
+
+bool isFragmented(FileManager& files, const Path& path) {
+  return scanTopLevel(*files.open(path, OpenMode::reading)).hasFragments;
+}
+
+}  // namespace tarn

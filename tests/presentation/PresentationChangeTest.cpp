@@ -1,0 +1,351 @@
+#include <gmock/gmock.h>
+
+#include <functional>
+
+#include "presentation/PresentationChange.h"
+#include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
+#include "support/FileTest.h"
+#include "support/MediaMaker.h"
+#include "support/SyntheticMovie.h"
+
+namespace tarn::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// Ten pictures of 40 ms from 80 ms on, a list that shows them from 0 on; twenty packets of 20 ms, of which the first
+/// is hidden.
+struct Movie {
+  SyntheticTrack video{.handler = "vide",
+                       .timescale = 1000,
+                       .sampleEntry = visualSampleEntry("avc1"),
+                       .stts = {{10, 40}},
+                       .ctts = {{1, 80}, {1, 160}, {2, 40}, {1, 160}, {2, 40}, {1, 160}, {2, 40}},
+                       .edits = {{400, 80}},
+                       .samples = 10};
+  SyntheticTrack audio{.timescale = 50000, .stts = {{20, 1000}}, .edits = {{380, 1000}}, .samples = 20, .trackID = 2};
+  std::vector<SyntheticTrack> more = {};
+  uint32_t timescale = 1000;
+  std::function<void(BoxEditor&)> edit = [](BoxEditor&) {};
+
+  Bytes bytes() const {
+    std::vector<SyntheticTrack> tracks = {video, audio};
+    tracks.insert(tracks.end(), more.begin(), more.end());
+    BoxEditor editor(syntheticMovie(tracks, timescale));
+    edit(editor);
+    return editor.bytes;
+  }
+};
+
+class PresentationChangeTest : public FileTest {
+ protected:
+  Presentation read(const Bytes& movie) { return Presentation::read(files_, write(movie)); }
+
+  std::vector<std::string> harms(const Movie& before, const Movie& after, const AnnouncedChange& announced = {},
+                                 SharedBytes shared = std::nullopt) {
+    Presentation old = read(before.bytes());
+    Presentation young = read(after.bytes());
+    change_ = comparePresentations(old, young, shared, announced);
+    return harmsOf(change_, old, young, announced);
+  }
+
+  PresentationChange change_;
+};
+
+using Edit = std::function<void(Movie&)>;
+
+struct HarmCase {
+  const char* name;
+  Edit before;
+  Edit after;
+  std::vector<std::string> harms;
+};
+
+void nothing(Movie&) {}
+
+TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
+  const HarmCase cases[] = {
+      {"nothing changes", nothing, nothing, {}},
+      {"a list in parts says the same",
+       nothing,
+       [](Movie& m) {
+         m.video.edits = {{100, 80}, {300, 180}};
+       },
+       {}},
+      {"the last edit reaches to the end of the media",
+       nothing,
+       [](Movie& m) {
+         m.audio.edits = {{0, 1000}};
+       },
+       {}},
+      {"the last picture is lost to the list",
+       nothing,
+       [](Movie& m) {
+         m.video.edits = {{360, 80}};
+       },
+       {"1 picture is hidden"}},
+      {"a half of the last picture is lost",
+       nothing,
+       [](Movie& m) {
+         m.video.edits = {{380, 80}};
+       },
+       {"20 ms of the video is hidden"}},
+      {"pictures ahead of the list are shown",
+       [](Movie& m) {
+         m.video.edits = {{240, 240}};
+       },
+       [](Movie& m) {
+         m.video.edits = {{400, 80}};
+       },
+       {"4 pictures are shown that were hidden", "the sound comes 160 ms too early against the pictures"}},
+      {"late sound",
+       nothing,
+       [](Movie& m) {
+         m.audio.edits.insert(m.audio.edits.begin(), {45, -1});
+       },
+       {"the sound comes 45 ms too late against the pictures"}},
+      {"a millisecond is allowed",
+       nothing,
+       [](Movie& m) {
+         m.audio.edits.insert(m.audio.edits.begin(), {1, -1});
+       },
+       {}},
+      {"a tick of the movie is allowed",
+       nothing,
+       [](Movie& m) {
+         m.timescale = 100;
+         m.video.edits = {{40, 80}};
+         m.audio.edits = {{1, -1}, {38, 1000}};
+       },
+       {}},
+      {"the whole movie moves",
+       nothing,
+       [](Movie& m) {
+         m.video.edits.insert(m.video.edits.begin(), {45, -1});
+         m.audio.edits.insert(m.audio.edits.begin(), {45, -1});
+       },
+       {}},
+      {"a pause is lost",
+       [](Movie& m) {
+         m.audio.edits = {{200, 1000}, {100, -1}, {180, 11000}};
+       },
+       nothing,
+       {"parts of the sound move by up to 100 ms against each other"}},
+      {"a track plays once that played twice",
+       [](Movie& m) {
+         m.audio.edits = {{380, 1000}, {380, 1000}};
+       },
+       nothing,
+       {"380 ms of the sound is hidden"}},
+      {"pictures change places",
+       nothing,
+       [](Movie& m) {
+         m.video.ctts[0].second = 120, m.video.ctts[2] = {1, 0}, m.video.ctts.insert(m.video.ctts.begin() + 3, {1, 40});
+       },
+       {"parts of the video move by up to 40 ms against each other"}},
+      {"packets are laid anew",
+       nothing,
+       [](Movie& m) {
+         m.audio.stts = {{10, 1000}, {10, 1100}};
+       },
+       {"parts of the sound move by up to 18 ms against each other"}},
+      {"a damaged list counts as none",
+       [](Movie& m) {
+         m.audio.edits = {{400, -2}};
+       },
+       [](Movie& m) { m.audio.edits = {}; },
+       {}},
+      {"a list that becomes damaged",
+       [](Movie& m) { m.audio.edits = {}; },
+       [](Movie& m) {
+         m.audio.edits = {{400, -2}};
+       },
+       {"the edit list of the sound is damaged"}},
+      {"packets are lost",
+       nothing,
+       [](Movie& m) { m.audio.samples = 19; },
+       {"1 packet of the sound is lost", "20 ms of the sound is hidden"}},
+      {"a second sound is lost",
+       [](Movie& m) { m.more = {m.audio}, m.more[0].trackID = 3; },
+       nothing,
+       {"the sound (track 3) is lost"}},
+      {"a track is switched off",
+       nothing,
+       [](Movie& m) { m.edit = [](BoxEditor& editor) { editor.setField(editor.at("moov/trak/tkhd").offset + 8, 1); }; },
+       {"the video is turned otherwise, or switched on or off"}},
+      {"the cover is lost",
+       [](Movie& m) {
+         m.edit = [](BoxEditor& editor) {
+           editor.insert("moov", editor.at("moov/trak").offset, box("udta", {box("name"), box("cprt")}));
+         };
+       },
+       [](Movie& m) {
+         m.edit = [](BoxEditor& editor) {
+           editor.insert("moov", editor.at("moov/trak").offset, box("udta", {box("cprt")}));
+         };
+       },
+       {"metadata is lost: moov/udta/name"}},
+  };
+  for (const HarmCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Movie before;
+    Movie after;
+    c.before(before);
+    c.after(after);
+    EXPECT_THAT(harms(before, after), testing::ElementsAreArray(c.harms));
+  }
+}
+
+TEST_F(PresentationChangeTest, OfARemadeTrackTimesAloneCount) {
+  // At another timescale, in packets of another length, the last one cut.
+  auto remade = [](Movie& m) {
+    m.audio.timescale = 44100;
+    m.audio.stts = {{17, 1024}, {1, 100}};
+    m.audio.samples = 18;
+    m.audio.edits = {{380, 882}};
+  };
+  const HarmCase cases[] = {
+      {"encoded", nothing, remade, {}},
+      {"a gap behind the last packet is not encoded",
+       [](Movie& m) {
+         m.audio.stts = {{19, 1000}, {1, 30000}};
+         m.audio.edits = {{0, 1000}};
+       },
+       remade,
+       {}},
+      {"2 ms are allowed",
+       nothing,
+       [&](Movie& m) {
+         remade(m);
+         m.audio.edits = {{2, -1}, {380, 882}};
+       },
+       {}},
+      {"late by the priming",
+       nothing,
+       [&](Movie& m) {
+         remade(m);
+         m.audio.edits = {{380, 0}};
+       },
+       {"the sound comes 20 ms too late against the pictures", "20 ms of the sound is hidden",
+        "20 ms of the sound is played that was not"}},
+      {"the pause is lost",
+       [](Movie& m) {
+         m.audio.edits = {{200, 1000}, {100, -1}, {180, 11000}};
+       },
+       remade,
+       {"parts of the sound move by up to 100 ms against each other"}},
+      {"a trim is lost",
+       [](Movie& m) {
+         m.audio.edits = {{200, 1000}};
+       },
+       remade,
+       {"177 ms of the sound is played that was not"}},
+      {"the end is lost",
+       nothing,
+       [&](Movie& m) {
+         remade(m);
+         m.audio.stts = {{14, 1024}, {1, 100}};
+         m.audio.samples = 15;
+       },
+       {"73 ms of the sound is hidden"}},
+  };
+  for (const HarmCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Movie before;
+    Movie after;
+    c.before(before);
+    c.after(after);
+    EXPECT_THAT(harms(before, after, {.remadeTrack = 2}), testing::ElementsAreArray(c.harms));
+  }
+}
+
+TEST_F(PresentationChangeTest, PacketsThatAreCopiedMayLieAPacketOffTheirPlace) {
+  Movie after;
+  after.audio.edits.insert(after.audio.edits.begin(), {20, -1});
+  EXPECT_THAT(harms({}, after, {.remadeTrack = 2, .packetLength = 20ms}), IsEmpty());
+  EXPECT_THAT(harms({}, after, {.remadeTrack = 2, .packetLength = 10ms}),
+              ElementsAre("the sound comes 20 ms too late against the pictures"));
+}
+
+TEST_F(PresentationChangeTest, BytesAreTheSameWhereTheyWereCopied) {
+  // The media move behind a box of 100 bytes.
+  Movie after;
+  after.edit = [](BoxEditor& editor) {
+    for (const auto& stco : editor.all("moov/trak/mdia/minf/stbl/stco")) {
+      for (size_t at = stco.offset + 16; at < stco.end(); at += 4) editor.setField(at, editor.field(at) + 100);
+    }
+    Bytes free = box("free", {Bytes(92)});
+    editor.bytes.insert(editor.bytes.begin(), free.begin(), free.end());
+  };
+  Bytes old = Movie().bytes();
+  uint64_t media = BoxEditor(old).at("mdat").size;
+  const CopiedRange whole[] = {{0, 100, media}};
+  const CopiedRange parts[] = {{8, 108, 17}, {25, 125, media - 25}};
+  const CopiedRange elsewhere[] = {{8, 108, 17}, {25, 126, media - 25}};
+  const CopiedRange gap[] = {{8, 108, 17}, {26, 126, media - 26}};
+  EXPECT_THAT(harms({}, after, {}, whole), IsEmpty());
+  EXPECT_THAT(harms({}, after, {}, parts), IsEmpty());
+  EXPECT_THAT(harms({}, after, {}, elsewhere),
+              ElementsAre("5 pictures are changed", "20 packets of the sound are changed"));
+  EXPECT_THAT(harms({}, after, {}, gap), ElementsAre("1 picture is changed"));
+  EXPECT_THAT(harms({}, after), ElementsAre("10 pictures are changed", "20 packets of the sound are changed"));
+  EXPECT_THAT(harms({}, after, {.comparesBytes = false}), IsEmpty());
+  Movie resized;
+  resized.edit = [](BoxEditor& editor) {
+    auto stsz = editor.at("moov/trak/mdia/minf/stbl/stsz");
+    editor.setField(stsz.offset + 20, 2);
+  };
+  EXPECT_THAT(harms({}, resized, {.comparesBytes = false}), ElementsAre("1 picture is changed"));
+}
+
+TEST_F(PresentationChangeTest, TheCheckRefusesAndSaysWhy) {
+  Presentation before = read(Movie().bytes());
+  RewriteCheck check = requireHarmless(files_, before, {});
+  const CopiedRange all[] = {{0, 0, 1 << 20}};
+  Movie late;
+  late.audio.edits.insert(late.audio.edits.begin(), {45, -1});
+  late.video.edits = {{360, 80}};
+  const struct {
+    Bytes result;
+    const char* words;
+  } cases[] = {
+      {late.bytes(), "1 picture is hidden; the sound comes 45 ms too late against the pictures"},
+      {box("mdat"), "the result cannot be read: The file has no moov"},
+      {Movie().bytes(), ""},
+  };
+  for (const auto& c : cases) {
+    Path result = write(c.result);
+    std::string words;
+    try {
+      check(result, all);
+    } catch (const RefusedResult& refused) {
+      words = refused.description();
+    }
+    EXPECT_EQ(words, c.words);
+  }
+}
+
+TEST_F(PresentationChangeTest, ARealClipKeepsItsPresentationThroughAnotherMuxer) {
+  Path clip = encodedVideo({.parameters = "b-adapt=0", .more = words("-f lavfi -i sine=r=48000:d=2 -c:a aac")});
+  auto remuxed = [&](const std::string& options) {
+    return madeByFFmpeg(words("-i " + clip.string() + " -c copy " + options));
+  };
+  Presentation before = Presentation::read(files_, clip);
+  AnnouncedChange byTimes{.comparesBytes = false};
+  auto harmsFrom = [&](const Path& file) {
+    Presentation after = Presentation::read(files_, file);
+    return harmsOf(comparePresentations(before, after, std::nullopt, byTimes), before, after, byTimes);
+  };
+  EXPECT_THAT(harmsFrom(remuxed("-movflags faststart")), IsEmpty());
+  EXPECT_THAT(harmsFrom(remuxed("-movflags negative_cts_offsets")), IsEmpty());
+  EXPECT_THAT(harmsFrom(remuxed("-video_track_timescale 90000")), IsEmpty());
+  // Without its list the sound begins with its priming, against the pictures 59 ms (80 less 21) too early.
+  EXPECT_THAT(harmsFrom(remuxed("-use_editlist 0")),
+              testing::Contains("the sound comes 59 ms too early against the pictures"));
+}
+
+}  // namespace
+}  // namespace tarn::test
