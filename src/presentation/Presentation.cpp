@@ -98,13 +98,14 @@ PresentedEdit wholeMedia(uint32_t movieTimescale, const TrackPresentation& track
 }
 
 EditListDamage damageOf(const std::vector<EditListRow>& rows, int64_t mediaEnd) {
+  bool showsMedia = false;
+  bool reachesMedia = false;
   for (const EditListRow& row : rows) {
     if (row.mediaTime < layout::emptyEdit) return EditListDamage::mediaTimeBelowMinusOne;
+    showsMedia = showsMedia || !row.isEmpty();
+    reachesMedia = reachesMedia || (!row.isEmpty() && row.mediaTime < mediaEnd);
   }
-  for (const EditListRow& row : rows) {
-    if (!row.isEmpty() && row.mediaTime >= mediaEnd) return EditListDamage::liesBehindMedia;
-  }
-  return EditListDamage::none;
+  return showsMedia && !reachesMedia ? EditListDamage::liesBehindMedia : EditListDamage::none;
 }
 
 /// Fills in what the edits in force show.

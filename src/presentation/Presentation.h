@@ -30,7 +30,7 @@ enum class EditListDamage {
   none,
   showsNothing,  ///< no entry shows anything of the track's media
   mediaTimeBelowMinusOne,
-  liesBehindMedia,  ///< an entry begins at or behind the end of the media
+  liesBehindMedia,  ///< every entry that is not empty begins at or behind the end of the media
 };
 
 /// One track: its tables, and how its edit list lays them on the movie's timeline. Memory is that of the tables.

@@ -72,7 +72,7 @@ TEST_F(PresentationTest, ShowsWhatTheEditListShows) {
       {"sound: a gap lasts, a packet of no length is not heard", gap, {{1000, 3000}}, 6, 0, 0ms, 320ms},
       {"nothing but emptiness", packets(), {{500, -1}}, 10, 0, 0ms, 200ms, EditListDamage::showsNothing},
       {"a last edit that lasts no time", packets(), {{0, 10000}}, 10, 0, 0ms, 200ms, EditListDamage::liesBehindMedia},
-      {"behind the media", pictures(), {{40, 80}, {400, 480}}, 10, 0, 80ms, 480ms, EditListDamage::liesBehindMedia},
+      {"behind the media", pictures(), {{40, 480}, {400, 520}}, 10, 0, 80ms, 480ms, EditListDamage::liesBehindMedia},
       {"-2", packets(), {{500, -2}}, 10, 0, 0ms, 200ms, EditListDamage::mediaTimeBelowMinusOne},
   };
   for (const ListCase& c : cases) {
