@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/Commands.h"
 #include "app/FailureAdvice.h"
@@ -11,6 +12,7 @@
 #include "app/Interrupt.h"
 #include "app/LeftAlone.h"
 #include "app/Output.h"
+#include "app/PlacingStep.h"
 #include "app/PrivateHome.h"
 #include "app/ProgressPrinter.h"
 #include "app/RepairSteps.h"
@@ -21,34 +23,8 @@
 namespace tarn {
 namespace {
 
-/// The last step: the repaired file takes its place, in the stead of what stands there.
-class PlacingStep : public ProcessingStep {
- public:
-  /// `place` must be an absolute path.
-  explicit PlacingStep(Path place) : place_(std::move(place)) {}
-
-  ProcessingStage gateStage() const override { return ProcessingStage::savingToPhotos; }
-
-  void run(ProcessingRun& run) override {
-    run.timings.printSummary();
-    run.token->throwIfCancelled();
-    // The run cleans up the file that it worked on, so the place gets another name of it.
-    Path result = run.files.temporaryDirectory() / "result";
-    try {
-      run.files.linkItem(run.fileURL, result);
-    } catch (const PosixError&) {
-      result = run.fileURL;  // a file system without hard links
-    }
-    PosixFileManager(place_.parent_path()).replaceItem(place_, result);
-    run.download->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::completed; });
-  }
-
- private:
-  Path place_;
-};
-
-/// The engine around the single run of a repair: its progress is shown, its outcome kept. Its record is not stored,
-/// since a repair that was cut off begins anew.
+/// The engine around the single run of a repair: shows its progress, keeps its warnings and its outcome. Does not store
+/// its record: a repair that was cut off begins anew.
 class SingleRunHost : public ProcessingHost {
  public:
   explicit SingleRunHost(bool showsProgress) {
@@ -67,6 +43,9 @@ class SingleRunHost : public ProcessingHost {
   }
   void notifyFailed(const DownloadTaskPointer& download) override { failure_ = download->snapshot().reason.failure; }
   void endRun(const Token& /*token*/) override {}
+  void warned(const std::string& words) override { warnings_.push_back(words); }
+
+  const std::vector<std::string>& warnings() const { return warnings_; }
 
   /// True for a finished run, false for one that was cancelled. Throws what a failed one failed with.
   bool isFinished() const {
@@ -76,6 +55,7 @@ class SingleRunHost : public ProcessingHost {
 
  private:
   std::optional<ProgressPrinter> printer_;
+  std::vector<std::string> warnings_;
   bool isFinished_ = false;
   std::exception_ptr failure_;
 };
@@ -119,6 +99,7 @@ Path placeOf(const Path& output) {
 struct Repair {
   bool isFinished = false;          ///< false when it was interrupted
   std::optional<std::string> note;  ///< what was not repaired, and why
+  std::vector<std::string> warnings;
 };
 
 /// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
@@ -148,11 +129,12 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
   SingleRunHost host(showsProgress);
   NamesInTheMaking names;
   RepairSteps steps;
-  PlacingStep last(place);
+  PlacingStep last(ends.input, place);
   ProcessingDriver driver(files, clock, store, names, host, steps.withLast(last));
   driver.continueProcessing(
       record, std::make_shared<DownloadTask>(files, record.downloadId, "", record.album, record.filename), token);
   result.isFinished = host.isFinished();
+  result.warnings = host.warnings();
   return result;
 }
 
@@ -185,9 +167,11 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
     printJSON({{"result", "repaired"},
                {"input", options.input},
                {"path", ends.output.string()},
-               {"note", outcome.note ? JSValue(*outcome.note) : JSValue()}});
+               {"note", outcome.note ? JSValue(*outcome.note) : JSValue()},
+               {"warnings", JSValue::Array(outcome.warnings.begin(), outcome.warnings.end())}});
   } else {
     if (outcome.note) printLine(*outcome.note);
+    for (const std::string& warning : outcome.warnings) printLine("Warning: " + warning);
     printLine(ends.output.string());
   }
   return ExitCode::done;

@@ -167,6 +167,11 @@ TrackPresentation readTrack(FileHandle& file, const MP4BoxInfo& trak, uint32_t m
 
 }  // namespace
 
+MovieTime TrackPresentation::sampleLength(uint32_t sample) const {
+  if (sample >= sampleCount()) return MovieTime(0);
+  return movieTime(SampleTimes::Cursor(times, sample).time().delta, timescale);
+}
+
 Presentation Presentation::read(FileManager& files, const Path& path) {
   auto file = files.open(path, OpenMode::reading);
   TopLevel top = scanTopLevel(*file);

@@ -64,6 +64,8 @@ struct TrackPresentation {
 
   /// Those that have a chunk; of a truncated file some may lie behind its end.
   uint32_t sampleCount() const { return samplesShown + samplesHidden; }
+  /// From the decoding time of a sample to that of the next; 0 for one that is not there.
+  MovieTime sampleLength(uint32_t sample) const;
 };
 
 /// What a player shows of a movie and when, worked out from its tables and edit lists alone: nothing is decoded, no

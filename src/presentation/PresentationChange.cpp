@@ -164,12 +164,6 @@ MovieTime largestMoveInMedia(const Side& before, const Side& after) {
   return largest;
 }
 
-/// The length of one sample on its own clock; 0 for one that is not there.
-MovieTime sampleLength(const TrackPresentation& track, uint32_t sample) {
-  if (sample >= track.sampleCount()) return MovieTime(0);
-  return movieTime(SampleTimes::Cursor(track.times, sample).time().delta, track.timescale);
-}
-
 void compareInTime(const Side& before, const Side& after, TrackChange& change) {
   // Where media times were brought to another timescale, entries meet within a tick of either.
   MovieTime grain{2};
@@ -185,7 +179,7 @@ void compareInTime(const Side& before, const Side& after, TrackChange& change) {
   // An encoder cuts its last packet; the source's last one may reach over a gap behind it.
   MovieTime packet{0};
   if (change.isRemade) {
-    packet = std::max(sampleLength(before.track, before.track.sampleCount() - 1), sampleLength(after.track, 0));
+    packet = std::max(before.track.sampleLength(before.track.sampleCount() - 1), after.track.sampleLength(0));
   }
   if (map.hiddenAtEnd > packet) change.hidden += map.hiddenAtEnd;
   if (map.revealedAtEnd > packet) change.revealed += map.revealedAtEnd;
