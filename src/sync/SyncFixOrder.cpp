@@ -8,20 +8,15 @@
 namespace tarn {
 namespace {
 
-/// Where the media of a track begins without an edit list, track timescale.
-int64_t ownStart(const TrackPresentation& track) {
-  return track.handler == handlerTypeText(MP4TrackType::video) ? track.smallestCompositionTime : 0;
-}
-
 /// The whole media in place, as a list says it; no entries where a list cannot.
 PlannedEditList wholeMedia(const TrackPresentation& track, uint32_t movieTimescale) {
-  const int64_t start = ownStart(track);
+  const int64_t start = track.mediaStart();
   const int64_t empty = rescaleTime(std::max<int64_t>(start, 0), movieTimescale, track.timescale);
   if (start < 0 || !isWithinMillisecond({empty, movieTimescale}, {start, track.timescale})) {
-    return {.rows = {}, .trackDuration = rescaleTimeUp(track.mediaEnd, movieTimescale, track.timescale), .reason = {}};
+    return {.trackDuration = rescaleTimeUp(track.mediaEnd, movieTimescale, track.timescale)};
   }
   const int64_t played = rescaleTimeUp(subtractTimes(track.mediaEnd, start), movieTimescale, track.timescale);
-  PlannedEditList list{.rows = {}, .trackDuration = addTimes(empty, played), .reason = {}};
+  PlannedEditList list{.trackDuration = addTimes(empty, played)};
   if (empty > 0) list.rows.push_back({empty, layout::emptyEdit, layout::normalRate});
   list.rows.push_back({played, start, layout::normalRate});
   return list;
