@@ -17,6 +17,15 @@ void tarn::fuzz::run(Input input) {
       },
       both);
 
+  Movie ordered(movie.content());
+  ordered.survives(
+      [&] {
+        const SyncFixOrder order = orderSyncFix(Presentation::read(ordered.files, ordered.path));
+        if (!order.isNeeded()) return;
+        MP4AVSyncFixer::fix(ordered.files, ordered.path, nullptr, nullptr, std::nullopt, false, nullptr, &order);
+      },
+      both);
+
   std::optional<OriginalSyncInfo> original;
   movie.survives([&] { original = MP4AVSyncFixer::readOriginalSyncInfo(movie.files, movie.path); });
   movie.survives([&] { MP4AVSyncFixer::fix(movie.files, movie.path, nullptr, nullptr, original, isReplaced); }, both);

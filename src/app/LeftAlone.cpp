@@ -6,6 +6,7 @@
 
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Error.h"
+#include "presentation/Presentation.h"
 #include "remux/MP4Remuxer.h"
 
 namespace tarn {
@@ -21,6 +22,7 @@ bool liesMoovTooFarBehind(FileManager& files, const Path& path) {
 
 std::string whyTheVideoIsLeftAlone(FileManager& files, const Path& path) {
   try {
+    if (isFragmented(files, path)) return "it is fragmented: its moov does not list all samples";
     if (auto tag = MP4Remuxer::detectHEVCTag(files, path)) {
       if (*tag == "encv") return "the video is encrypted (encv)";
       return fmt::format("video with the tag '{}' is not repaired", *tag);

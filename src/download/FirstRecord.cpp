@@ -3,6 +3,7 @@
 #include "media/AVAsset.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
+#include "presentation/Presentation.h"
 #include "remux/MP4Remuxer.h"
 
 namespace tarn {
@@ -32,6 +33,16 @@ bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
   return false;
 }
 
+/// False also where the file cannot be read: the steps will say so.
+bool mustStayAsItIs(FileManager& files, const Path& fileURL) {
+  try {
+    return isFragmented(files, fileURL);
+  } catch (const PosixError& error) {
+    log("ERROR looking for fragments: {}", error.description());
+    return false;
+  }
+}
+
 }  // namespace
 
 ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const PipelineEntry& entry) {
@@ -40,6 +51,11 @@ ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const Pi
                         .album = entry.album,
                         .fileURL = entry.fileURL,
                         .lastUpdated = clock.now()};
+  if (mustStayAsItIs(files, entry.fileURL)) {
+    logLine("Fragmented movie detected - it is kept as it came");
+    state.skipAVSync = true;
+    return state;
+  }
   state.needsRemuxing = codecNeedsRemuxing(files, entry.fileURL) && !entry.skipVideoFix;
   log("needsRemuxing = {}", state.needsRemuxing);
   const bool skipsSound = entry.skipVideoFix || entry.skipAudioFix;

@@ -1,7 +1,5 @@
 #include "sync/MP4AVSyncFixer.h"
 
-#include <array>
-
 #include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
@@ -138,26 +136,31 @@ void logLists(const SyncFixFacts& facts, const SyncFixPlan& plan, bool hasVideoL
   }
 }
 
-/// The list as an `edts`; nothing without a list.
-std::optional<Bytes> edtsOf(const std::optional<PlannedEditList>& list) {
-  if (!list) return std::nullopt;
-  std::vector<AVSyncElstEntry> entries;
-  for (const EditListEntry& row : list->rows) entries.push_back({row.duration, row.mediaTime, row.mediaRate});
-  std::array<uint8_t, 128> buffer{};
-  const int32_t size = avsync_write_edts_box(entries.data(), static_cast<int32_t>(entries.size()), buffer.data(),
-                                             static_cast<int32_t>(buffer.size()));
-  if (size < 1) return std::nullopt;
-  return Bytes(buffer.begin(), buffer.begin() + size);
-}
-
 MoovEdits editsOf(const SyncFixFacts& facts, const SyncFixPlan& plan) {
-  return {.videoEdtsData = edtsOf(plan.video),
-          .audioEdtsData = edtsOf(plan.audio),
+  const auto edts = [](const std::optional<PlannedEditList>& list) {
+    return list ? std::optional(edtsOf(list->rows)) : std::nullopt;
+  };
+  return {.videoEdtsData = edts(plan.video),
+          .audioEdtsData = edts(plan.audio),
           .videoTrackDuration = plan.video ? plan.video->trackDuration : 0,
           .audioTrackDuration = plan.audio ? plan.audio->trackDuration : 0,
           .convertedCttsData = std::nullopt,
           .originalCttsOffset = facts.video.cttsOffset,
           .originalCttsSize = facts.video.cttsSize};
+}
+
+/// The boxes of the tracks.
+struct Tracks {
+  MP4BoxInfo video;
+  std::optional<MP4BoxInfo> audio;
+};
+
+Tracks findTracks(FileHandle& file, const MP4BoxInfo& moov, const MoovEdits& edits) {
+  auto video = MP4BoxUtils::findTrack(file, moov, MP4TrackType::video);
+  if (!video) throw AVSyncError::corruptedMP4("Video trak box not found");
+  auto audio = MP4BoxUtils::findTrack(file, moov, MP4TrackType::audio);
+  if (!audio && edits.audioEdtsData) throw AVSyncError::corruptedMP4("Audio trak box not found");
+  return {*std::move(video), std::move(audio)};
 }
 
 bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov) {
@@ -169,13 +172,23 @@ bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo&
 
 bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const CancellationToken* token,
                          AVSyncTimings* timings, const std::optional<OriginalSyncInfo>& original,
-                         bool audioWasTranscoded, NamesInTheMaking* names) {
+                         bool audioWasTranscoded, NamesInTheMaking* names, const SyncFixOrder* order,
+                         const RewriteCheck& check) {
   AVSyncTimings unread;
   AVSyncTimings& times = timings ? *timings : unread;
   TimingHelper timer;
   if (token) token->throwIfCancelled();
   auto file = openSourceFile(files, fileURL);
   const MP4BoxInfo moov = requireMoov(*file);
+  if (order) {
+    times.readMoov = timer.stop();
+    file.reset();
+    if (token) token->throwIfCancelled();
+    timer.start();
+    const bool isWritten = rewriteMoovAsOrdered(files, fileURL, moov, *order, names, check);
+    times.writeMoov = timer.stop();
+    return isWritten;
+  }
   const auto facts = readFacts(*file, moov, original, audioWasTranscoded);
   times.readMoov = timer.stop();
   if (!facts) {
@@ -198,9 +211,7 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
   const bool hasVideoList = hasVideoEditList(files, fileURL, moov);
   logLists(*facts, plan, hasVideoList);
   const MoovEdits edits = editsOf(*facts, plan);
-  auto videoTrak = MP4BoxUtils::findTrack(*file, moov, MP4TrackType::video);
-  if (!videoTrak) throw AVSyncError::corruptedMP4("Video trak box not found");
-  auto audioTrak = MP4BoxUtils::findTrack(*file, moov, MP4TrackType::audio);
+  const Tracks tracks = findTracks(*file, moov, edits);
   log("MP4AVSyncFixer: Track durations (movie timescale): video={}, audio={}", edits.videoTrackDuration,
       edits.audioTrackDuration);
   times.buildEditLists = timer.stop();
@@ -209,23 +220,14 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
   if (token) token->throwIfCancelled();
   timer.start();
   times.convertCtts = 0;  // composition offsets keep their form
-  rewriteMoovWithBothEdts(files, fileURL, moov, *videoTrak, audioTrak, edits, names);
+  const bool isWritten = rewriteMoovWithBothEdts(files, fileURL, moov, tracks.video, tracks.audio, edits, names, check);
   times.writeMoov = timer.stop();
   log("MP4AVSyncFixer: Fix applied (video edts: {}, audio edts: {}, ctts: unchanged)",
       edits.videoEdtsData ? "updated"
       : hasVideoList      ? "preserved"
                           : "unchanged",
       edits.audioEdtsData ? "updated" : "unchanged");
-  return true;
-}
-
-std::optional<SyncFixPlan> MP4AVSyncFixer::plan(FileManager& files, const Path& fileURL,
-                                                const std::optional<OriginalSyncInfo>& original,
-                                                bool audioWasTranscoded) {
-  auto file = openSourceFile(files, fileURL);
-  const auto facts = readFacts(*file, requireMoov(*file), original, audioWasTranscoded);
-  if (!facts) return std::nullopt;
-  return planSyncFix(*facts);
+  return isWritten;
 }
 
 }  // namespace tarn

@@ -11,8 +11,9 @@
 #include "pipeline/RemuxTimingHelper.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
+#include "presentation/RewriteCheck.h"
 #include "sync/MoovRewrite.h"
-#include "sync/SyncFixPlan.h"
+#include "sync/SyncFixOrder.h"
 #include "sync/TrackTimingInfo.h"
 
 namespace tarn {
@@ -30,20 +31,26 @@ class MP4AVSyncFixer {
   /// `token` (may be null) is asked at the start and before the rewrite; a set one throws CancellationError.
   /// `timings` (may be null) is filled. `original` comes from readOriginalSyncInfo on the file as it was before any
   /// repair. `audioWasTranscoded` says that the audio track is not the source's any more. `names` (may be null) holds
-  /// the temp file's name while it is written.
+  /// the temp file's name while it is written. With an `order` (may be null) the file gets exactly the lists that it
+  /// holds; nothing is worked out from the file or from `original`, and a file without audio counts too. `check` is
+  /// called ahead of the replacement, and keeps the file as it was if it throws.
   static bool fix(FileManager& files, const Path& fileURL, const CancellationToken* token, AVSyncTimings* timings,
                   const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded,
-                  NamesInTheMaking* names = nullptr);
-
-  /// What `fix` would write, without writing it; nothing for a file without a usable audio track.
-  static std::optional<SyncFixPlan> plan(FileManager& files, const Path& fileURL,
-                                         const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded);
+                  NamesInTheMaking* names = nullptr, const SyncFixOrder* order = nullptr,
+                  const RewriteCheck& check = {});
 
   /// Puts the edit lists and durations into the file's `moov` and moves the chunk offsets of all its tracks if the
-  /// media moves. The boxes must have been found in this file.
-  static void rewriteMoovWithBothEdts(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+  /// media moves. The boxes must have been found in this file. False, and nothing written, when the `moov` has all that
+  /// already. `check` as above.
+  static bool rewriteMoovWithBothEdts(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                       const MP4BoxInfo& videoTrakBox, const std::optional<MP4BoxInfo>& audioTrakBox,
-                                      const MoovEdits& edits, NamesInTheMaking* names = nullptr);
+                                      const MoovEdits& edits, NamesInTheMaking* names = nullptr,
+                                      const RewriteCheck& check = {});
+
+  /// The same for an order.
+  static bool rewriteMoovAsOrdered(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                   const SyncFixOrder& order, NamesInTheMaking* names = nullptr,
+                                   const RewriteCheck& check = {});
 
   // Parsers of a file that is open for reading. They move its position. The first two throw AVSyncError: corruptedMP4
   // for a box that is missing, ioError for one that cannot be read, analysisError for a timescale of 0.
@@ -63,7 +70,8 @@ class MP4AVSyncFixer {
   /// The format of the first sample entry; "unknown" when it cannot be read.
   static std::string parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox);
 
-  /// The duration of a whole `mdhd`, track timescale; 0 when it is cut short.
+  /// The duration of a whole `mdhd`, track timescale; 0 when it is cut short, or says that it is not known (all bits
+  /// set).
   static int64_t parseMdhdDuration(ByteView mdhd);
 
   static int64_t getDefaultEncoderDelay(const std::string& codec);

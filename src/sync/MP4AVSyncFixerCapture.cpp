@@ -10,6 +10,7 @@
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/SourceFile.h"
 #include "sync/TimeArithmetic.h"
+#include "sync/TimingTable.h"
 
 namespace tarn {
 namespace {
@@ -17,7 +18,7 @@ namespace {
 constexpr int32_t maxEditRows = 16;
 constexpr uint64_t headerReadLimit = layout::timeHeader64.duration.end();
 constexpr uint64_t editListReadLimit = layout::tableHeaderSize + maxEditRows * layout::editRow64.size;
-constexpr uint64_t cttsReadLimit = std::numeric_limits<int32_t>::max();
+constexpr uint64_t tableReadLimit = std::numeric_limits<int32_t>::max();
 constexpr uint32_t defaultAudioTimescale = 48000;
 constexpr int64_t defaultAudioDelay = 2112;
 
@@ -52,6 +53,24 @@ Bytes requireBox(FileHandle& file, const MP4BoxInfo& box) {
   auto bytes = readBox(file, box, headerReadLimit);
   if (!bytes) throw AVSyncError::fileHandleError("Cannot read " + box.type);
   return *std::move(bytes);
+}
+
+/// The duration that the `mdhd` states, else the sum of the `stts`; track timescale.
+int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
+  if (const int64_t stated = MP4AVSyncFixer::parseMdhdDuration(mdhd); stated != 0) return stated;
+  auto minf = MP4BoxUtils::findChildBox(file, mdia, "minf");
+  auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
+  auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
+  auto bytes = stts ? readBox(file, *stts, tableReadLimit) : std::nullopt;
+  if (!bytes) return 0;
+  const auto table = TimingTable::of(bytes->data(), lengthOf(*bytes), layout::fourCC("stts"), layout::runRowSize);
+  int64_t sum = 0;
+  for (size_t i = 0; i < table.size(); ++i) {
+    const uint64_t row =
+        layout::load(table.row(i), layout::runSampleCount) * layout::load(table.row(i), layout::runValue);
+    sum = addTimes(sum, static_cast<int64_t>(std::min<uint64_t>(row, std::numeric_limits<int64_t>::max())));
+  }
+  return sum;
 }
 
 /// Where an edit list makes a track start.
@@ -90,7 +109,7 @@ TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4B
   TrackTimingInfo info;
   info.timescale = avsync_parse_mdhd_timescale(mdhd.data(), lengthOf(mdhd));
   if (info.timescale == 0) throw AVSyncError::analysisError("Invalid track timescale");
-  info.duration = parseMdhdDuration(mdhd);
+  info.duration = mediaDuration(file, mdia, mdhd);
 
   auto stbl = requireChild(file, requireChild(file, mdia, "minf"), "stbl");
   auto ctts = MP4BoxUtils::findChildBox(file, stbl, "ctts");
@@ -98,7 +117,7 @@ TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4B
   info.hasCtts = true;
   info.cttsOffset = ctts->offset;
   info.cttsSize = ctts->size;
-  if (auto bytes = readBox(file, *ctts, cttsReadLimit)) {
+  if (auto bytes = readBox(file, *ctts, tableReadLimit)) {
     info.cttsVersion = avsync_get_ctts_version(bytes->data(), lengthOf(*bytes));
     avsync_parse_ctts(bytes->data(), lengthOf(*bytes), &info.firstCts, &info.minCts);
   }
@@ -116,7 +135,7 @@ std::optional<AudioTrackTimingInfo> MP4AVSyncFixer::parseAudioTrackInfo(FileHand
   AudioTrackTimingInfo info;
   info.trackTimescale = avsync_parse_mdhd_timescale(bytes->data(), lengthOf(*bytes));
   if (info.trackTimescale == 0) return std::nullopt;
-  info.duration = parseMdhdDuration(*bytes);
+  info.duration = mediaDuration(file, *mdia, *bytes);
   info.codec = parseAudioCodec(file, *mdia);
   if (audioWasTranscoded) {
     info.encoderDelay = getDefaultEncoderDelay(info.codec);
@@ -158,7 +177,10 @@ std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& 
 int64_t MP4AVSyncFixer::parseMdhdDuration(ByteView mdhd) {
   if (mdhd.size() < layout::timeHeader32.timescale.end()) return 0;
   const auto& field = layout::timeHeader(layout::load(mdhd.data(), layout::version) == 1).duration;
-  return mdhd.size() < field.end() ? 0 : static_cast<int64_t>(layout::load(mdhd.data(), field));
+  if (mdhd.size() < field.end()) return 0;
+  const uint64_t unknown = std::numeric_limits<uint64_t>::max() >> (64 - 8 * field.width);
+  const uint64_t duration = layout::load(mdhd.data(), field);
+  return duration == unknown ? 0 : static_cast<int64_t>(duration);
 }
 
 int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {

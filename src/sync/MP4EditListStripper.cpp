@@ -1,17 +1,15 @@
 #include "sync/MP4EditListStripper.h"
 
 #include <algorithm>
-#include <string_view>
 
 #include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
-#include "mp4/DataExtensions.h"
-#include "mp4/MoovCheck.h"
 #include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MoovRewrite.h"
+#include "sync/MovieLevels.h"
 
 namespace tarn {
 namespace {
@@ -41,46 +39,27 @@ TopLevel scan(FileHandle& file, uint64_t length) {
   return level;
 }
 
-std::optional<BoxHeader> findDirectChildBox(ByteView box, std::string_view type) {
-  BufferBoxWalker walker(box, layout::boxHeaderSize, box.size(), boxwalk::trackBuffer);
-  while (auto child = walker.next()) {
-    if (child->type == type) return child;
+bool isAudio(ByteView moov, const BoxHeader& trak) {
+  if (findHandlerType(moov, trak) == handlerTypeText(MP4TrackType::audio)) return true;
+  auto mdia = findChild(moov, trak, {"mdia"});
+  auto minf = mdia ? findChild(moov, *mdia, {"minf"}) : std::nullopt;
+  return minf && findChild(moov, *minf, {"smhd"});
+}
+
+/// The rows of the track's edit list; nothing when there are none, or when a box reaches over its parent's end.
+std::optional<Rows> extractEditListEntries(ByteView moov, const BoxHeader& trak) {
+  auto edts = findChild(moov, trak, {"edts"});
+  auto elst = edts && edts->end() <= trak.end() ? findChild(moov, *edts, {"elst"}) : std::nullopt;
+  if (!elst || elst->end() > edts->end() || elst->end() - fieldBase(*elst) < layout::tableHeaderSize) {
+    return std::nullopt;
   }
-  return std::nullopt;
-}
-
-std::optional<BoxHeader> findBoxOffset(ByteView box, std::string_view type) {
-  BufferBoxWalker walker(box, 0, box.size(), boxwalk::trackBufferDeep);
-  while (auto found = walker.next()) {
-    if (found->type == type) return found;
-  }
-  return std::nullopt;
-}
-
-bool isAudio(ByteView trak) {
-  if (findBoxOffset(trak, "smhd")) return true;
-  auto hdlr = findBoxOffset(trak, "hdlr");
-  return hdlr && readUInt32(trak, hdlr->offset + layout::handlerType.offset) == layout::fourCC("soun");
-}
-
-/// The bytes of a direct child; nothing when it does not lie within its parent.
-std::optional<ByteView> childBytes(ByteView parent, std::string_view type) {
-  auto child = findDirectChildBox(parent, type);
-  if (!child || child->end() > parent.size()) return std::nullopt;
-  return parent.subspan(child->offset, child->size);
-}
-
-/// The rows of the track's edit list; nothing when there are none.
-std::optional<Rows> extractEditListEntries(ByteView trak) {
-  auto edts = childBytes(trak, "edts");
-  auto elst = edts ? childBytes(*edts, "elst") : std::nullopt;
-  if (!elst || elst->size() < layout::tableHeaderSize) return std::nullopt;
-  const auto& fields = layout::editRow(layout::load(elst->data(), layout::version) == 1);
-  const size_t present = (elst->size() - layout::tableHeaderSize) / fields.size;
-  const size_t count = std::min<size_t>(layout::load(elst->data(), layout::entryCount), present);
+  const uint8_t* base = moov.data() + fieldBase(*elst);
+  const auto& fields = layout::editRow(layout::load(base, layout::version) == 1);
+  const size_t present = (elst->end() - fieldBase(*elst) - layout::tableHeaderSize) / fields.size;
+  const size_t count = std::min<size_t>(layout::load(base, layout::entryCount), present);
   Rows rows;
   for (size_t i = 0; i < count; ++i) {
-    const uint8_t* row = elst->data() + layout::tableHeaderSize + i * fields.size;
+    const uint8_t* row = base + layout::tableHeaderSize + i * fields.size;
     rows.push_back({layout::loadSigned(row, fields.duration), layout::loadSigned(row, fields.mediaTime),
                     static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))});
   }
@@ -90,15 +69,13 @@ std::optional<Rows> extractEditListEntries(ByteView trak) {
 
 /// Cuts the edit list out of the first audio track and returns its rows; nothing, and no change, when there is none.
 std::optional<Rows> findAndStripAudioEdts(Bytes& moovData) {
-  BufferBoxWalker walker(moovData, layout::boxHeaderSize, moovData.size(), boxwalk::trackBuffer);
-  while (auto trak = walker.next()) {
-    if (trak->type != "trak" || trak->end() > moovData.size()) continue;
-    const ByteView bytes = ByteView(moovData).subspan(trak->offset, trak->size);
-    if (!isAudio(bytes)) continue;
-    auto rows = extractEditListEntries(bytes);
+  for (const BoxHeader& trak : childrenOfType(moovData, wholeBox(moovData, "moov"), "trak")) {
+    if (!isAudio(moovData, trak)) continue;
+    auto rows = extractEditListEntries(moovData, trak);
     if (!rows) return std::nullopt;
-    log("  Stripping edts box from audio trak ({} bytes)", childBytes(bytes, "edts")->size());
-    updateTrackEdts(moovData, trak->offset, {});
+    const size_t before = moovData.size();
+    updateTrackEdts(moovData, trak.offset, {});
+    log("  Stripping edts box from audio trak ({} bytes)", before - moovData.size());
     layout::store(moovData.data(), layout::boxSize, moovData.size());
     return rows;
   }
@@ -179,7 +156,11 @@ std::optional<Rows> MP4EditListStripper::stripAudioEditList(FileManager& files, 
   if (level.moov->headerSize != layout::boxHeaderSize) {
     throw MP4EditListStripperError::corruptedMP4("moov box has a 64-bit size field");
   }
-  if (auto problem = whatForbidsEditing(moovData)) throw MP4EditListStripperError::corruptedMP4(*problem);
+  try {
+    requireEditable(moovData, level.moov->offset);
+  } catch (const AVSyncError& problem) {
+    throw MP4EditListStripperError::corruptedMP4(problem.description());
+  }
 
   auto rows = findAndStripAudioEdts(moovData);
   if (!rows) {

@@ -1,6 +1,9 @@
 #include "sync/MoovRewrite.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <span>
 #include <string>
@@ -9,16 +12,17 @@
 #include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
+#include "sync/MP4AVSync.h"
 #include "sync/MovieLevels.h"
 
 namespace tarn {
 namespace {
 
-constexpr uint64_t longSizeField = 1;
-
-/// Gives a box another size.
+/// Gives a box another size; one whose size field is 0 reaches to the end of its parent anyway.
 void resizeBox(Bytes& moovData, uint64_t offset, int64_t change) {
-  uint64_t size = layout::load(moovData.data() + offset, layout::boxSize) + static_cast<uint64_t>(change);
+  uint64_t size = layout::load(moovData.data() + offset, layout::boxSize);
+  if (size == 0) return;
+  size += static_cast<uint64_t>(change);
   if (size > std::numeric_limits<uint32_t>::max()) throw AVSyncError::fixError("A box would pass 4 GiB");
   layout::store(moovData.data() + offset, layout::boxSize, size);
 }
@@ -46,11 +50,44 @@ int64_t splice(Bytes& moovData, uint64_t position, uint64_t removed, ByteView re
   return change;
 }
 
+/// Writes a duration into a header whose version byte chooses the field.
+void storeDuration(Bytes& moovData, const BoxHeader& header, const layout::Field& field32, const layout::Field& field64,
+                   int64_t duration) {
+  const uint64_t present = moovData.size() - fieldBase(header);
+  uint8_t* base = moovData.data() + fieldBase(header);
+  if (present < layout::version.end()) return;
+  if (layout::load(base, layout::version) != 0) {
+    if (present >= field64.end()) layout::store(base, field64, static_cast<uint64_t>(duration));
+  } else if (present >= field32.end()) {
+    auto clamped = std::clamp<int64_t>(duration, 0, std::numeric_limits<uint32_t>::max());
+    layout::store(base, field32, static_cast<uint64_t>(clamped));
+  }
+}
+
+void storeTrackDuration(Bytes& moovData, const BoxHeader& trak, int64_t duration) {
+  auto tkhd = findChild(moovData, trak, {"tkhd"});
+  if (tkhd) storeDuration(moovData, *tkhd, layout::trackDuration32, layout::trackDuration64, duration);
+}
+
+/// The one track with this number.
+BoxHeader trakWithID(const Bytes& moovData, uint32_t trackID) {
+  auto traks = childrenOfType(moovData, wholeBox(moovData, "moov"), "trak");
+  std::erase_if(traks, [&](const BoxHeader& trak) { return findTrackID(moovData, trak) != trackID; });
+  if (traks.size() != 1)
+    throw AVSyncError::fixError(fmt::format("{} tracks have the number {}", traks.size(), trackID));
+  return traks.front();
+}
+
 BoxHeader trakAt(const Bytes& moovData, uint64_t offset) {
   auto traks = childrenOfType(moovData, wholeBox(moovData, "moov"), "trak");
   auto trak = std::ranges::find(traks, offset, &BoxHeader::offset);
   if (trak == traks.end()) throw AVSyncError::fixError("A trak does not end within the moov");
   return *trak;
+}
+
+void storeMoovSize(Bytes& moovData) {
+  if (moovData.size() > std::numeric_limits<uint32_t>::max()) throw AVSyncError::fixError("The moov would pass 4 GiB");
+  layout::store(moovData.data(), layout::boxSize, moovData.size());
 }
 
 /// The boxes from a `trak` down to its `stbl`; none when there is no `stbl`.
@@ -86,20 +123,6 @@ int64_t replaceCtts(Bytes& moovData, uint64_t position, uint64_t size, ByteView 
   return change;
 }
 
-/// Writes a duration into a header whose version byte chooses the field.
-void storeDuration(Bytes& moovData, const BoxHeader& header, const layout::Field& field32, const layout::Field& field64,
-                   int64_t duration) {
-  const uint64_t present = moovData.size() - header.offset;
-  uint8_t* base = moovData.data() + header.offset;
-  if (present < layout::version.end()) return;
-  if (layout::load(base, layout::version) != 0) {
-    if (present >= field64.end()) layout::store(base, field64, static_cast<uint64_t>(duration));
-  } else if (present >= field32.end()) {
-    auto clamped = std::clamp<int64_t>(duration, 0, std::numeric_limits<uint32_t>::max());
-    layout::store(base, field32, static_cast<uint64_t>(clamped));
-  }
-}
-
 /// The chunk offset boxes of all tracks.
 std::vector<BoxHeader> chunkOffsetBoxes(ByteView moovData) {
   std::vector<BoxHeader> boxes;
@@ -124,16 +147,22 @@ void adjustStcoAtOffset(Bytes& moovData, const BoxHeader& box, const ChunkOffset
 
 }  // namespace
 
+Bytes edtsOf(const std::vector<EditListEntry>& entries) {
+  std::vector<AVSyncElstEntry> rows;
+  for (const EditListEntry& entry : entries) rows.push_back({entry.duration, entry.mediaTime, entry.mediaRate});
+  std::array<uint8_t, 128> buffer{};
+  const int32_t size = avsync_write_edts_box(rows.data(), static_cast<int32_t>(rows.size()), buffer.data(),
+                                             static_cast<int32_t>(buffer.size()));
+  return size < 1 ? Bytes() : Bytes(buffer.begin(), buffer.begin() + size);
+}
+
 int64_t updateTrackEdts(Bytes& moovData, size_t trakOffset, ByteView newEdtsData) {
   const BoxHeader trak = trakAt(moovData, trakOffset);
-  uint64_t insertionPoint = trak.offset + layout::boxHeaderSize;
+  uint64_t insertionPoint = trak.offset + static_cast<uint64_t>(trak.headerSize);
   auto walker = childWalker(moovData, trak);
   while (auto child = walker.next()) {
     if (child->type == "edts") return splice(moovData, child->offset, child->size, newEdtsData, {trak});
     if (child->type == "tkhd") insertionPoint = child->end();
-  }
-  if (walker.stop().reason == BoxWalkStop::Reason::badSize && walker.stop().size == longSizeField) {
-    throw AVSyncError::fixError("A box with a 64-bit size may hide the track's edit list");
   }
   return splice(moovData, insertionPoint, 0, newEdtsData, {trak});
 }
@@ -162,17 +191,27 @@ int64_t applyTables(Bytes& moovData, const MP4BoxInfo& moovBox, const MP4BoxInfo
   std::ranges::sort(tracks, std::greater(), &TrackEdit::trakOffset);
   for (const TrackEdit& track : tracks) growth += updateTrackEdts(moovData, track.trakOffset, track.edts);
 
-  if (moovData.size() > std::numeric_limits<uint32_t>::max()) throw AVSyncError::fixError("The moov would pass 4 GiB");
-  layout::store(moovData.data(), layout::boxSize, moovData.size());
+  storeMoovSize(moovData);
+  return growth;
+}
+
+int64_t applyOrder(Bytes& moovData, const SyncFixOrder& order) {
+  int64_t growth = 0;
+  for (const SyncFixOrder::Track& track : order.tracks) {
+    const uint64_t trak = trakWithID(moovData, track.trackID).offset;
+    growth += updateTrackEdts(moovData, trak, edtsOf(track.list.rows));
+    storeTrackDuration(moovData, trakAt(moovData, trak), track.list.trackDuration);
+    log("MP4AVSyncFixer: Updated tkhd.duration of track {} to {}", track.trackID, track.list.trackDuration);
+  }
+  updateMvhdDuration(moovData, order.movieDuration);
+  log("MP4AVSyncFixer: Updated mvhd.duration to {}", order.movieDuration);
+  storeMoovSize(moovData);
   return growth;
 }
 
 void updateTkhdDuration(Bytes& moovData, std::string_view trackType, int64_t duration) {
   for (const BoxHeader& trak : childrenOfType(moovData, wholeBox(moovData, "moov"), "trak")) {
-    if (findHandlerType(moovData, trak) != trackType) continue;
-    auto tkhd = findChild(moovData, trak, {"tkhd"});
-    if (tkhd) storeDuration(moovData, *tkhd, layout::trackDuration32, layout::trackDuration64, duration);
-    return;
+    if (findHandlerType(moovData, trak) == trackType) return storeTrackDuration(moovData, trak, duration);
   }
 }
 

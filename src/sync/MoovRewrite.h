@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
+#include "sync/SyncFixOrder.h"
 
 namespace tarn {
 
@@ -21,8 +23,11 @@ struct MoovEdits {
   uint64_t originalCttsSize = 0;           ///< bytes; 0 when there is none
 };
 
-// Operations on a `moov` in a buffer that begins at the box's first byte. They know 32-bit box sizes only. A header or
-// track that is missing or too short is passed over; a change that the sizes cannot express throws
+/// A whole `edts` with these entries (ISO/IEC 14496-12 8.6.5), of which there are at most 5; empty without entries.
+Bytes edtsOf(const std::vector<EditListEntry>& entries);
+
+// Operations on a `moov` in a buffer that begins at the box's first byte, and that requireEditable lets through. A
+// header or track that is missing or too short is passed over; a change that the sizes cannot express throws
 // AVSyncError::fixError.
 
 /// Puts the tables of `edits` into the `moov` and returns by how many bytes it has grown. The boxes are those of the
@@ -30,7 +35,12 @@ struct MoovEdits {
 int64_t applyTables(Bytes& moovData, const MP4BoxInfo& moovBox, const MP4BoxInfo& videoTrakBox,
                     const std::optional<MP4BoxInfo>& audioTrakBox, const MoovEdits& edits);
 
-/// Replaces the track's `edts`, or puts one behind its `tkhd`. Returns by how many bytes the buffer has grown.
+/// The same for an order: lists and durations. Throws AVSyncError::fixError where a track that it names is not there
+/// once.
+int64_t applyOrder(Bytes& moovData, const SyncFixOrder& order);
+
+/// Replaces the track's `edts`, or puts one behind its `tkhd`; an empty one removes it. Returns by how many bytes the
+/// buffer has grown.
 int64_t updateTrackEdts(Bytes& moovData, size_t trakOffset, ByteView newEdtsData);
 
 /// Sets the duration in the `tkhd` of the first track of this handler type; a 32-bit field takes what fits it.

@@ -21,9 +21,9 @@ struct SyncFixFacts {
 
 /// An edit list to be written.
 struct PlannedEditList {
-  std::vector<EditListEntry> rows;
-  int64_t trackDuration = 0;  ///< sum of the rows' durations, movie timescale
-  std::string reason;         ///< why the track needs it
+  std::vector<EditListEntry> rows = {};
+  int64_t trackDuration = 0;  ///< of the track with the list, movie timescale
+  std::string reason = {};    ///< why the track needs it
 };
 
 /// What the sync rules make of a file.

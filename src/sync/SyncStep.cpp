@@ -1,21 +1,50 @@
 #include "sync/SyncStep.h"
 
+#include <fmt/format.h>
+
 #include "platform/Log.h"
+#include "presentation/PresentationChange.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
+namespace {
+
+/// Puts the edit lists right that do not say the truth; false when there are none.
+bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
+  TimingHelper timer;
+  const auto presentation = Presentation::read(run.files, run.fileURL);
+  const SyncFixOrder order = orderSyncFix(presentation);
+  timings.analyzeSync = timer.stop();
+  if (!order.isNeeded()) return false;
+  for (const auto& track : order.tracks) log("Track {} needs another edit list: {}", track.trackID, track.list.reason);
+  const AnnouncedChange announced;
+  return MP4AVSyncFixer::fix(run.files, run.fileURL, run.token.get(), &timings, run.originalSyncInfo,
+                             run.audioWasTranscoded, &run.names, &order,
+                             requireHarmless(run.files, presentation, announced));
+}
+
+void fix(ProcessingRun& run) {
+  if (isFragmented(run.files, run.fileURL)) {
+    run.warn("The movie is fragmented: its edit lists are left as they are");
+    return;
+  }
+  TimingHelper timer;
+  AVSyncTimings timings;
+  const bool isFixed = fixEditLists(run, timings);
+  run.timings.avSyncFixTotal = timer.stop();
+  run.timings.avSyncFix = timings;
+  log("{}", isFixed ? "A/V sync fix applied successfully" : "A/V sync already correct, no fix needed");
+}
+
+}  // namespace
 
 void SyncStep::run(ProcessingRun& run) {
   run.token->throwIfCancelled();
   run.updateProcessingStage(ProcessingStage::syncFixing);
-  TimingHelper timer;
   try {
-    AVSyncTimings timings;
-    const bool isFixed = MP4AVSyncFixer::fix(run.files, run.fileURL, run.token.get(), &timings, run.originalSyncInfo,
-                                             run.audioWasTranscoded, &run.names);
-    run.timings.avSyncFixTotal = timer.stop();
-    run.timings.avSyncFix = timings;
-    log("{}", isFixed ? "A/V sync fix applied successfully" : "A/V sync already correct, no fix needed");
+    fix(run);
+  } catch (const RefusedResult& refusal) {
+    run.warn("The edit lists are left as they are, for new ones would do harm: " + refusal.description());
   } catch (const std::exception& failure) {
     log("A/V sync fix error (non-critical): {}", failure.what());
   }

@@ -4,8 +4,8 @@
 
 namespace tarn {
 
-/// Writes the edit lists that make the tracks start together as in the source. A failure of the fix ends nothing: the
-/// file is as it was, and the run goes on.
+/// Writes new edit lists where a track's own list is damaged or missing; lists that say the truth stay, and so does the
+/// whole file then. A failure ends nothing: the file is as it was, and the run goes on.
 class SyncStep : public ProcessingStep {
  public:
   ProcessingStage gateStage() const override { return ProcessingStage::syncFixing; }

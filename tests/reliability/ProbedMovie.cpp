@@ -13,13 +13,14 @@ namespace {
 Packets packetsOf(const Path& file, bool takesEditLists) {
   std::string text =
       runProcess({"ffprobe", "-v", "error", "-ignore_editlist", takesEditLists ? "0" : "1", "-show_data_hash", "md5",
-                  "-of", "csv=p=0", "-show_entries", "packet=codec_type,pts,pts_time,dts,pos,data_hash", file})
+                  "-of", "csv=p=0", "-show_entries", "packet=codec_type,pts,pts_time,dts,pos,flags,data_hash", file})
           .output;
   std::ranges::replace(text, ',', ' ');
   std::istringstream words(text);
   Packets packets;
   Packet packet;
-  for (std::string kind; words >> kind >> packet.pts >> packet.seconds >> packet.dts >> packet.place >> packet.hash;) {
+  for (std::string kind;
+       words >> kind >> packet.pts >> packet.seconds >> packet.dts >> packet.place >> packet.flags >> packet.hash;) {
     packets[kind].push_back(packet);
   }
   if (!words.eof()) throw std::runtime_error("not packets: " + text);
@@ -69,28 +70,6 @@ std::vector<std::pair<uint32_t, uint32_t>> ProbedMovie::rows(const std::string& 
     rows.emplace_back(readUInt32(list, at).value(), readUInt32(list, at + 4).value());
   }
   return rows;
-}
-
-ProbedMovie::Start ProbedMovie::start(const std::string& handler) {
-  Start start;
-  for (const auto& [duration, mediaTime] : rows(handler)) {
-    if (mediaTime != 0xFFFFFFFF) {
-      start.skipped = double(mediaTime) / timescale(handler);
-      start.played = double(duration) / movieTimescale();
-      break;
-    }
-    start.empty += double(duration) / movieTimescale();
-    if (!start.firstEmpty) start.firstEmpty = start.empty;
-  }
-  return start;
-}
-
-double ProbedMovie::shift(const std::string& kind) const {
-  // Of a packet in the middle: a player may round the first one to the list's start.
-  const Packet& packet = shown.at(kind).at(shown.at(kind).size() / 2);
-  const auto raw = std::ranges::find(media.at(kind), packet.place, &Packet::place);
-  if (raw == media.at(kind).end()) throw std::runtime_error("a packet that the edit list made");
-  return packet.seconds - raw->seconds;
 }
 
 }  // namespace tarn::test

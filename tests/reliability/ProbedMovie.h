@@ -17,10 +17,13 @@ struct Packet {
   int64_t pts;
   double seconds;  ///< of the pts
   int64_t dts;
-  int64_t place;  ///< in the file
+  int64_t place;      ///< in the file
+  std::string flags;  ///< "K" for a key, "D" where an edit list hides it
   std::string hash;
 
-  bool isSame(const Packet& other) const { return pts == other.pts && dts == other.dts && hash == other.hash; }
+  bool isSame(const Packet& other) const {
+    return pts == other.pts && dts == other.dts && flags == other.flags && hash == other.hash;
+  }
 };
 /// By the kind of their track, "video" and "audio".
 using Packets = std::map<std::string, std::vector<Packet>>;
@@ -43,22 +46,6 @@ struct ProbedMovie {
   uint32_t timescale(const std::string& handler) {
     return readUInt32(moov.track(handler)->at("mdia/mdhd").fields, 12).value();
   }
-
-  /// What an edit list says of a track's start, in seconds.
-  struct Start {
-    std::optional<double> firstEmpty;  ///< the first row, if it is empty
-    double empty = 0;                  ///< all leading rows that are
-    double skipped = 0;                ///< media ahead of what is played first
-    double played = 0;                 ///< of that row; 0 without one
-  };
-  Start start(const std::string& handler);
-  double firstPicture() { return start("vide").empty + media.at("video").front().seconds - start("vide").skipped; }
-  /// The sound's start minus the pictures', in seconds, by the boxes and as ffprobe sees it.
-  double offset() { return start("soun").empty - start("soun").skipped - firstPicture(); }
-  double shownOffset() const { return shift("audio") - shift("video") - media.at("video").front().seconds; }
-
-  /// By which the edit list moves a track, as ffprobe sees it, in seconds.
-  double shift(const std::string& kind) const;
 
   Path file;
   Bytes bytes;

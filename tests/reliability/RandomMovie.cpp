@@ -26,13 +26,16 @@ class Drawing {
     mux();
     moov_ = BoxTree(layout_->moov);
     if (channels_ > 0 && !isHealthy_) damageSound();
-    if (!isHealthy_) drawEditLists();
+    drawEditLists();
     drawFields();
     scatterUnknownBoxes();
     drawLayout();
-    const Bytes readable = laidOut();
+    BoxTree* damaged = isHealthy_ ? nullptr : moov_.track(pick<std::string>({"", "", "vide", "soun"}));
+    if (damaged) setList(*damaged, {});
+    const Bytes truth = laidOut();
     damageParameterSets();
-    return {(isHealthy_ ? "healthy" : "damaged") + story_, laidOut(), readable, isHealthy_};
+    if (damaged) setList(*damaged, damagedList());
+    return {(isHealthy_ ? "healthy" : "damaged") + story_, laidOut(), truth, isHealthy_};
   }
 
  private:
@@ -81,7 +84,7 @@ class Drawing {
   void mux() {
     const std::string video = pictures();
     const std::string audio = oneIn(6) ? "" : sound();
-    const auto late = audio.empty() ? 0 : isHealthy_ ? pick({0.0, 0.0, 0.3}) : pick({0.0, 0.0, 0.02, 0.3, -0.03, -0.3});
+    const auto late = audio.empty() ? 0 : pick({0.0, 0.0, 0.02, 0.3, -0.03, -0.3});
     const TempDirectory place;
     const Path file = place / "muxed.mp4";
     auto command = words(fmt::format("ffmpeg -v error -itsoffset {} -i {}", late < 0 ? -late : 0, video));
@@ -92,11 +95,10 @@ class Drawing {
       }
       tell("late by {} s", late);
     }
-    const auto options =
-        fmt::format("-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
-                    isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
-                    pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "",
-                    !isHealthy_ && oneIn(6) ? " -use_editlist 0" : "");
+    const auto options = fmt::format(
+        "-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
+        isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
+        pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "", oneIn(6) ? " -use_editlist 0" : "");
     tell("{}", options);
     for (const auto& word : words(options + " " + file.string())) command.push_back(word);
     const auto muxed = runProcess(command);
@@ -153,29 +155,47 @@ class Drawing {
     writeUInt32(edits.fields, readUInt32(edits.fields, last).value() + static_cast<uint32_t>(inMovieTime), last);
   }
 
+  /// A track's list in the place of the one that it has; an empty one removes it.
+  static void setList(BoxTree& track, const Bytes& list) {
+    if (const auto old = track.child("edts"); old != track.children.end()) track.children.erase(old);
+    if (!list.empty()) track.children.emplace(track.child("mdia"), box("edts", {list}));
+  }
+
+  /// Lists that show the whole track or hide parts of it, late or at once, in one piece or with a pause.
   void drawEditLists() {
+    constexpr uint32_t none = 0xFFFFFFFF, normal = 0x10000;
     const uint32_t second = readUInt32(moov_.at("mvhd").fields, 12).value();
     for (const char* handler : {"vide", "soun"}) {
       BoxTree* track = moov_.track(handler);
-      if (!track || !oneIn(3)) continue;
-      // Where a packet or picture begins: players differ on an edit that begins within a picture.
+      if (!track || !oneIn(2)) continue;
       BoxTree& stbl = track->at("mdia/minf/stbl");
       const auto offsets = stbl.child("ctts");
       const bool hasOffsets = offsets != stbl.children.end();
-      const auto begin = static_cast<int32_t>(readUInt32((hasOffsets ? *offsets : stbl.at("stts")).fields, 12).value());
-      const uint32_t mediaTime = static_cast<uint32_t>(std::max(begin, 0)) * below(2);
+      const auto first = static_cast<int32_t>(readUInt32((hasOffsets ? *offsets : stbl.at("stts")).fields, 12).value());
+      // The second group of pictures begins at picture 20; packets may begin anywhere.
+      const uint32_t delta = readUInt32(stbl.at("stts").fields, 12).value();
+      const uint32_t begin = static_cast<uint32_t>(std::max(hasOffsets ? first : 0, 0)), later = begin + 20 * delta;
       const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
-      const uint32_t media = second * static_cast<uint32_t>(seconds_);
-      std::vector<Bytes> lists = {
+      const uint32_t whole = second * static_cast<uint32_t>(seconds_), part = second * 6 / 10;
+      const std::vector<Bytes> lists = {
           {},
-          fullBox("elst", {1, media, mediaTime, 0x10000}),
-          fullBox("elst", {2, empty, 0xFFFFFFFF, 0x10000, media, mediaTime, 0x10000}),
-          fullBox("elst", {3, empty, 0xFFFFFFFF, 0x10000, empty, 0xFFFFFFFF, 0x10000, media, mediaTime, 0x10000})};
+          fullBox("elst", {1, whole, begin, normal}),
+          fullBox("elst", {1, 0, later, normal}),
+          fullBox("elst", {1, part, begin, normal}),
+          fullBox("elst", {2, empty, none, normal, part, later, normal}),
+          fullBox("elst", {3, empty, none, normal, empty, none, normal, whole, begin, normal}),
+          fullBox("elst", {3, part, begin, normal, empty, none, normal, part, later, normal})};
       const uint32_t way = below(lists.size());
-      tell("list {} of {}: {} at {} behind {}", way, handler, media, mediaTime, empty);
-      if (const auto old = track->child("edts"); old != track->children.end()) track->children.erase(old);
-      if (way > 0) track->children.emplace(track->child("mdia"), box("edts", {lists[way]}));
+      tell("list {} of {}: {} of {} at {} and {} behind {}", way, handler, part, whole, begin, later, empty);
+      setList(*track, lists[way]);
     }
+  }
+
+  /// It counts as none.
+  Bytes damagedList() {
+    const uint32_t mediaTime = pick({0xFFFFFFFF, 0xFFFFFFFE, 0x7FFFFFFF});
+    tell("a list of one entry at {}", static_cast<int32_t>(mediaTime));
+    return fullBox("elst", {1, 500, mediaTime, 0x10000});
   }
 
   /// Times of creation and change, the group, the language: nothing that a player goes by.

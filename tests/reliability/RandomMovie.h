@@ -11,9 +11,9 @@ namespace tarn::test {
 struct RandomMovie {
   std::string story;  ///< what was drawn
   Bytes bytes;
-  Bytes readable;  ///< the same before its parameter sets were damaged
+  Bytes truth;  ///< the same before its parameter sets and edit lists were damaged: what it should show
   /// It needs nothing but a tag or a rebuilt `hvcC`: whole parameter sets, AAC-LC in stereo at 44.1 or 48 kHz without
-  /// holes or drift (or no sound), the muxer's own edit lists, sound that is not early.
+  /// holes or drift (or no sound), edit lists that say the truth.
   bool isHealthy;
 };
 

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "download/DownloadTask.h"
 #include "pipeline/ProcessingStep.h"
@@ -15,6 +16,7 @@ class RunRecorder : public ProcessingRunListener {
  public:
   ProcessingState record;                              ///< as it was stored last
   std::string stages;                                  ///< of all records stored, each with a blank behind it
+  std::vector<std::string> warnings;                   ///< words of the run
   std::function<void(const ProcessingState&)> onSave;  ///< told of a new record before it is kept
   std::shared_ptr<CancellationToken> token = std::make_shared<CancellationToken>();
 
@@ -33,6 +35,7 @@ class RunRecorder : public ProcessingRunListener {
     return true;
   }
   void progressUpdated(const std::shared_ptr<DownloadTask>& /*task*/, double, const std::string&) override {}
+  void warned(const std::string& words) override { warnings.push_back(words); }
 
  private:
   ManualClock clock_;

@@ -57,6 +57,30 @@ TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
   EXPECT_TRUE(log_.contains("MP4AVSyncFixer: Fix applied (video edts: updated, audio edts: updated, ctts: unchanged)"));
 }
 
+TEST_F(SyncFixer, TakesTheSumOfTheDeltasForADurationThatIsNotKnown) {
+  WorkedCase movie;
+  movie.video.stts = {{299, 3000}, {1, 3000}};
+  movie.audio.stts = {{469, 1024}, {1, 768}};
+  for (const auto& [unknown, isLong] : {std::pair<uint64_t, bool>{0, false}, {UINT32_MAX, false}, {UINT64_MAX, true}}) {
+    movie.video.mediaDuration = movie.audio.mediaDuration = unknown;
+    movie.video.longTimes = movie.audio.longTimes = isLong;
+    const auto original = capture(movie.moov());
+    ASSERT_TRUE(fix(original));
+    EXPECT_EQ(rows(), "video 9967@3000 audio 10000@1024 ");
+    const BoxEditor fixed(written());
+    EXPECT_EQ(fixed.field(fixed.at("moov/mvhd").offset + 24), 10000u);
+  }
+}
+
+TEST_F(SyncFixer, WritesNothingWhereTheMoovIsAlreadyAsItShallBe) {
+  const auto original = capture(WorkedCase().moov());
+  ASSERT_TRUE(fix(original));
+  FaultyFileManager watched(files_);
+  watched.arm({.call = UINT64_MAX, .among = {FileOperation::write, FileOperation::replace, FileOperation::remove}});
+  EXPECT_FALSE(MP4AVSyncFixer::fix(watched, file_, nullptr, nullptr, original, false));
+  EXPECT_EQ(watched.calls(), 0u);
+}
+
 TEST_F(SyncFixer, WritesTimesOf64Bits) {
   const std::string ticks = "2000000000";
   const Path clip = flashBeepClip(0.3, {"-movie_timescale", ticks, "-video_track_timescale", ticks});
@@ -117,9 +141,14 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
   };
   WorkedCase noTrackScale;
   noTrackScale.video.timescale = 0;
-  BoxEditor longChild(moov), hidden(without("moov/trak/edts"));
-  longChild.insert("moov/trak", longChild.at("moov/trak/edts").offset, longBox("free"));
-  hidden.insert("moov/trak", hidden.at("moov/trak/mdia").end(), longBox("free"));
+  BoxEditor longTrack(moov), overrun(moov), holdsMedia(moov);
+  const Bytes trak = longTrack.get("moov/trak");
+  const auto trakPlace = std::to_string(longTrack.at("moov/trak").offset);
+  longTrack.replace(longTrack.at("moov/trak"), longBox("trak", {Bytes(trak.begin() + 8, trak.end())}));
+  const auto minf = overrun.at("moov/trak/mdia/minf");
+  overrun.setField(minf.offset, static_cast<uint32_t>(minf.size + 400));
+  const auto mediaPlace = std::to_string(moov.size());
+  holdsMedia.insert("moov", moov.size(), box("mdat"));
   const std::pair<Bytes, std::string> cases[] = {
       {without("moov"), "Corrupted MP4: moov box not found"},
       {without("moov/mvhd"), "Corrupted MP4: mvhd box not found"},
@@ -129,9 +158,11 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       {without("moov/trak/mdia/minf/stbl"), "Corrupted MP4: stbl box not found"},
       {WorkedCase{.timescale = 0}.moov(), "Analysis error: Invalid movie timescale"},
       {noTrackScale.moov(), "Analysis error: Invalid track timescale"},
-      {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: moov box has a 64-bit size field"},
-      {longChild.bytes, "Fix error: mdia box lies at or behind a box without a plain 32-bit size or type"},
-      {hidden.bytes, "Fix error: A box with a 64-bit size may hide the track's edit list"},
+      {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: The moov box at 0 has a 64-bit size"},
+      {longTrack.bytes, "Fix error: The trak box at " + trakPlace + " has a 64-bit size"},
+      {overrun.bytes,
+       "Fix error: The minf box at " + std::to_string(minf.offset) + " reaches over the end of the mdia"},
+      {holdsMedia.bytes, "Fix error: The moov box holds media, at " + mediaPlace},
   };
   for (const auto& [movie, failure] : cases) {
     const Bytes file = joined({movie, box("mdat")});
@@ -144,6 +175,91 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
   write(moov);
   EXPECT_THROW(MP4AVSyncFixer::fix(files_, file_, &token, nullptr, std::nullopt, false), CancellationError);
   EXPECT_EQ(written(), moov);
+}
+
+// Boxes with a 64-bit size or an odd type beside the tracks and in them, a box of size 0 at the end, and bytes behind
+// the movie that are no box.
+TEST_F(SyncFixer, StepsOverWhatIsOdd) {
+  const Bytes plain = MovieLayout(readFile(files_, flashBeepClip(0.3))).moovAhead();
+  const auto fixedMedia = [&](const Bytes& movie) {
+    write(movie);
+    EXPECT_TRUE(fix({}, true));
+    return mediaHashes(file_);
+  };
+  const std::string hashes = fixedMedia(plain), expectedRows = rows();
+  const Bytes odd = longBox("free", {Bytes(40)}), oddType = boxClaiming(12, "\xFF\xFE\x01\x02", {Bytes(4)});
+  for (const auto& added : {odd, oddType}) {
+    for (const char* place : {"moov", "moov/trak", "moov/trak/mdia", "moov/trak/mdia/minf/stbl"}) {
+      SCOPED_TRACE(place);
+      MovieLayout layout(plain);
+      BoxEditor moov(layout.moov);
+      moov.insert(place, moov.at(place).offset + 8, added);
+      layout.moov = moov.bytes;
+      EXPECT_EQ(fixedMedia(layout.moovAhead()), hashes);
+      EXPECT_EQ(rows(), expectedRows);
+    }
+  }
+  for (const Bytes& junk :
+       {Bytes(7, 'x'), Bytes(12, 0), values({1, 0x66726565, 7}), values({5, 0x66726565, 7, 7, 7})}) {
+    EXPECT_EQ(fixedMedia(joined({plain, junk})), hashes);
+    EXPECT_TRUE(std::ranges::equal(ByteView(written()).last(junk.size()), junk));
+  }
+  MovieLayout layout(plain);
+  BoxEditor open(layout.moov);
+  open.setField(open.all("moov/udta").empty() ? open.all("moov/trak").back().offset : open.at("moov/udta").offset, 0);
+  layout.moov = open.bytes;
+  EXPECT_EQ(fixedMedia(layout.moovAhead()), hashes);
+}
+
+TEST_F(SyncFixer, ShowsItsResultToTheCheckAndTakesItsWord) {
+  const Bytes source = readFile(files_, flashBeepClip(0.3, {"-movflags", "faststart"}));
+  write(source);
+  const SyncFixOrder order{.tracks = {{1, {.rows = {{700, -1, 0x10000}, {2000, 0, 0x10000}}, .trackDuration = 2700}},
+                                      {2, {.trackDuration = 3000}}},
+                           .movieDuration = 3000};
+  std::vector<CopiedRange> copied;
+  Bytes result;
+  const RewriteCheck refuse = [&](const Path& path, std::span<const CopiedRange> ranges) {
+    copied.assign(ranges.begin(), ranges.end());
+    result = readFile(files_, path);
+    throw RefusedResult("it would do harm");
+  };
+  const auto fixAsOrdered = [&](const RewriteCheck& check) {
+    return MP4AVSyncFixer::fix(files_, file_, nullptr, nullptr, std::nullopt, false, nullptr, &order, check);
+  };
+  EXPECT_THROW(fixAsOrdered(refuse), RefusedResult);
+  EXPECT_EQ(written(), source);
+  EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "the temp file is gone";
+
+  const BoxEditor before(source), after(result);
+  ASSERT_EQ(copied.size(), 2u);
+  EXPECT_EQ(copied[0], (CopiedRange{0, 0, before.at("moov").offset}));
+  EXPECT_EQ(copied[1],
+            (CopiedRange{before.at("moov").end(), after.at("moov").end(), source.size() - before.at("moov").end()}));
+  for (const CopiedRange& range : copied) {
+    EXPECT_TRUE(std::ranges::equal(ByteView(source).subspan(range.from, range.size),
+                                   ByteView(result).subspan(range.to, range.size)));
+  }
+  EXPECT_TRUE(fixAsOrdered({}));
+  EXPECT_EQ(written(), result);
+  EXPECT_EQ(rows(), "video 700@-1 2000@0 audio ");
+  EXPECT_EQ(after.field(after.at("moov/mvhd").offset + 24), 3000u);
+  EXPECT_FALSE(fixAsOrdered({}));
+}
+
+TEST_F(SyncFixer, RefusesAnOrderForATrackThatIsNotThereOnce) {
+  const Bytes clip = readFile(files_, flashBeepClip(0.3));
+  BoxEditor twins(clip);
+  twins.setField(twins.all("moov/trak/tkhd").back().offset + 20, 1);
+  for (const auto& [movie, number, words] : {std::tuple(clip, 7u, "Fix error: 0 tracks have the number 7"),
+                                             {twins.bytes, 1u, "Fix error: 2 tracks have the number 1"}}) {
+    write(movie);
+    const SyncFixOrder order{.tracks = {{number, {}}}, .movieDuration = 1};
+    EXPECT_EQ(
+        failureOf([&] { MP4AVSyncFixer::fix(files_, file_, nullptr, nullptr, std::nullopt, false, nullptr, &order); }),
+        words);
+    EXPECT_EQ(written(), movie);
+  }
 }
 
 TEST_F(SyncFixer, KeepsEveryByteOfTheMediaInEveryLayout) {
@@ -213,6 +329,9 @@ TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
 TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
   const Bytes source = readFile(files_, flashBeepClip(0.3, {"-movflags", "faststart"}));
   FaultyFileManager faulty(files_);
+  write(source);
+  ASSERT_TRUE(fix({}, true));
+  const std::string hashes = mediaHashes(file_);
   for (const Fault& fault : {Fault{.errnum = EIO, .effect = Fault::Effect::half},
                              Fault{.errnum = ENOSPC,
                              .effect = Fault::Effect::half,
@@ -223,6 +342,7 @@ TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
       failureOf([&] { isDone = MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
       EXPECT_TRUE(faulty.fired() || isDone);
       EXPECT_TRUE(isDone || written() == source) << "call " << call;
+      EXPECT_TRUE(!isDone || mediaHashes(file_) == hashes) << "call " << call << " was not noticed";
       EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "call " << call;
     });
     EXPECT_GT(faults, 3u);

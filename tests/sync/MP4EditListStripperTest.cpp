@@ -45,6 +45,9 @@ TEST_F(Stripper, CopiesAFileWithNothingToRemove) {
     EXPECT_EQ(readFile(files_, output_), movie);
   }
   noHeader.rename("moov/trak/mdia/minf/smhd", "free");
+  for (const char* place : {"moov/trak/edts", "moov/trak", "moov"}) {
+    noHeader.insert(place, noHeader.at(place).offset + 8, longBox("free", {Bytes(9)}));
+  }
   EXPECT_EQ(strip(write(noHeader.bytes)), (std::vector<OriginalEditListEntry>{{-0x80000000LL, -1, 0x10000}}));
 }
 

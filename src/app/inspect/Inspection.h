@@ -9,7 +9,7 @@
 #include "parameters/PictureSize.h"
 #include "pipeline/OriginalSyncInfo.h"
 #include "platform/FileManager.h"
-#include "sync/SyncFixPlan.h"
+#include "sync/SyncFixOrder.h"
 
 namespace tarn {
 
@@ -135,11 +135,11 @@ struct AudioForecast {
 
 /// What the sync step does to the file.
 struct SyncForecast {
-  enum class Kind { notReached, noSound, nothing, writes, followsNewSound, fails };
+  enum class Kind { notReached, nothing, writes, fails };
 
   Kind kind = Kind::nothing;
   std::string reason;
-  std::optional<SyncFixPlan> plan;
+  SyncFixOrder order = {};  ///< the edit lists that it writes
 };
 
 struct Inspection {

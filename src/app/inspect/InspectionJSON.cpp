@@ -132,14 +132,10 @@ const char* kindText(SyncForecast::Kind kind) {
   switch (kind) {
     case SyncForecast::Kind::notReached:
       return "notReached";
-    case SyncForecast::Kind::noSound:
-      return "noSound";
     case SyncForecast::Kind::nothing:
       return "nothing";
     case SyncForecast::Kind::writes:
       return "writes";
-    case SyncForecast::Kind::followsNewSound:
-      return "followsNewSound";
     case SyncForecast::Kind::fails:
       return "fails";
   }
@@ -199,9 +195,11 @@ JSObject audioJSON(const AudioForecast& forecast) {
 
 JSObject syncFixJSON(const SyncForecast& forecast) {
   JSObject object{{"does", kindText(forecast.kind)}, {"reason", forecast.reason}};
-  if (!forecast.plan) return object;
-  if (forecast.plan->video) object.set("videoEdits", rowsJSON(forecast.plan->video->rows));
-  if (forecast.plan->audio) object.set("audioEdits", rowsJSON(forecast.plan->audio->rows));
+  if (forecast.kind != SyncForecast::Kind::writes) return object;
+  object.set("tracks", arrayOf(forecast.order.tracks, [](const SyncFixOrder::Track& track) {
+               return JSObject{
+                   {"id", int64_t{track.trackID}}, {"reason", track.list.reason}, {"edits", rowsJSON(track.list.rows)}};
+             }));
   return object;
 }
 

@@ -170,28 +170,19 @@ std::string syncFixText(const Inspection& inspection) {
   switch (inspection.syncFix.kind) {
     case SyncForecast::Kind::notReached:
       return "is not reached";
-    case SyncForecast::Kind::noSound:
     case SyncForecast::Kind::nothing:
       return "changes nothing";
     case SyncForecast::Kind::writes:
       return "writes edit lists";
-    case SyncForecast::Kind::followsNewSound:
-      return "writes the edit lists that the new sound asks for";
     case SyncForecast::Kind::fails:
       return "fails, which leaves the edit lists as they are";
   }
   return "";
 }
 
-void writePlan(Writer& out, const SyncFixPlan& plan) {
-  const bool isDropped = plan.offsetRule == SyncFixPlan::OffsetRule::withinTolerance && plan.measuredOffset != 0;
-  const auto writeList = [&](const char* track, const std::optional<PlannedEditList>& list) {
-    if (list) out.line("  {} edits: {}, since {}", track, rowsText(list->rows), list->reason);
-  };
-  writeList("video", plan.video);
-  writeList("audio", plan.audio);
-  if (isDropped && plan.isNeeded()) {
-    out.line("  an offset of at most {:.0f} ms is dropped", syncToleranceMilliseconds);
+void writeOrder(Writer& out, const SyncFixOrder& order) {
+  for (const auto& [trackID, list] : order.tracks) {
+    out.line("  edits of track {}: {}, since {}", trackID, rowsText(list.rows), list.reason);
   }
 }
 
@@ -204,7 +195,7 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   out.line("the audio step {}: {}", audioStepText(inspection.audio), inspection.audio.reason);
   for (const std::string& line : audioConsequences(inspection.audio)) out.line("  {}", line);
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
-  if (inspection.syncFix.kind == SyncForecast::Kind::writes) writePlan(out, *inspection.syncFix.plan);
+  if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
   if (remux.kind == RemuxForecast::Kind::refuses) {
     out.line("so the repair fails. {}", adviceOn(remux.reason, "The file stays as it is."));
   } else {

@@ -12,6 +12,7 @@
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
 #include "platform/Error.h"
+#include "presentation/PresentationChange.h"
 #include "remux/RemuxStep.h"
 #include "sync/MP4AVSyncFixer.h"
 
@@ -148,28 +149,35 @@ class TrialRun {
     using Kind = SyncForecast::Kind;
     SyncForecast& forecast = inspection_.syncFix;
     if (!isRepaired()) {
-      forecast = {Kind::notReached, "the remux step ends the repair", std::nullopt};
+      forecast = {Kind::notReached, "the remux step ends the repair"};
       return;
     }
-    if (inspection_.audio.replacesSound()) {
-      const double offset = run_.originalSyncInfo ? run_.originalSyncInfo->syncOffsetSeconds : 0;
-      forecast = {Kind::followsNewSound,
-                  fmt::format("the new sound track keeps the source's offset of {:.1f} ms", offset * 1000),
-                  std::nullopt};
+    if (run_.state.skipAVSync) {
+      forecast = {Kind::nothing, "the movie is fragmented"};
       return;
     }
     try {
-      forecast.plan = MP4AVSyncFixer::plan(trial_, path_, run_.originalSyncInfo, run_.audioWasTranscoded);
-      const bool isFixed = MP4AVSyncFixer::fix(trial_, path_, run_.token.get(), nullptr, run_.originalSyncInfo,
-                                               run_.audioWasTranscoded, &run_.names);
-      forecast.kind = !forecast.plan ? Kind::noSound : isFixed ? Kind::writes : Kind::nothing;
-      forecast.reason = !forecast.plan ? "there is no audio track that can be used"
-                        : isFixed      ? "the tracks shall start together as in the source"
-                                       : "no track needs an edit list";
+      const auto presentation = Presentation::read(trial_, path_);
+      forecast.order = orderSyncFix(presentation);
+      if (inspection_.audio.replacesSound()) leaveNewSoundOut(presentation, forecast.order);
+      const AnnouncedChange announced;
+      const bool isFixed =
+          forecast.order.isNeeded() &&
+          MP4AVSyncFixer::fix(trial_, path_, run_.token.get(), nullptr, std::nullopt, false, &run_.names,
+                              &forecast.order, requireHarmless(trial_, presentation, announced));
+      forecast.kind = isFixed ? Kind::writes : Kind::nothing;
+      forecast.reason =
+          isFixed ? "an edit list is damaged, or missing where one is needed" : "no track needs another edit list";
     } catch (const std::exception& failure) {
       forecast.kind = Kind::fails;
       forecast.reason = failure.what();
     }
+  }
+
+  /// A new sound track comes with the edit list that it needs.
+  static void leaveNewSoundOut(const Presentation& presentation, SyncFixOrder& order) {
+    const TrackPresentation* sound = presentation.first("soun");
+    std::erase_if(order.tracks, [&](const auto& track) { return sound && track.trackID == sound->trackID; });
   }
 
   FileManager& files_;

@@ -1,0 +1,77 @@
+#include "sync/SyncFixOrder.h"
+
+#include <algorithm>
+
+#include "mp4/TimingBoxLayout.h"
+#include "sync/TimeArithmetic.h"
+
+namespace tarn {
+namespace {
+
+/// The whole media in place, as a list says it; no entries where a list cannot.
+PlannedEditList wholeMedia(const TrackPresentation& track, uint32_t movieTimescale) {
+  const int64_t start = track.mediaStart();
+  const int64_t empty = rescaleTime(std::max<int64_t>(start, 0), movieTimescale, track.timescale);
+  if (start < 0 || !isWithinMillisecond({empty, movieTimescale}, {start, track.timescale})) {
+    return {.trackDuration = rescaleTimeUp(track.mediaEnd, movieTimescale, track.timescale)};
+  }
+  const int64_t played = rescaleTimeUp(subtractTimes(track.mediaEnd, start), movieTimescale, track.timescale);
+  PlannedEditList list{.trackDuration = addTimes(empty, played)};
+  if (empty > 0) list.rows.push_back({empty, layout::emptyEdit, layout::normalRate});
+  list.rows.push_back({played, start, layout::normalRate});
+  return list;
+}
+
+std::string reasonOf(EditListDamage damage) {
+  switch (damage) {
+    case EditListDamage::none:
+      return "it has none, and its first picture is not at 0";
+    case EditListDamage::showsNothing:
+      return "the old one shows nothing of the track";
+    case EditListDamage::mediaTimeBelowMinusOne:
+      return "the old one has a media time below -1";
+    case EditListDamage::liesBehindMedia:
+      return "the old one lies behind the media";
+  }
+  return "";
+}
+
+/// The list that a track needs; nothing where its own says the truth.
+std::optional<PlannedEditList> neededList(const Presentation& movie, const TrackPresentation& track) {
+  if (track.sampleCount() == 0) return std::nullopt;
+  const bool isDamaged = track.damage != EditListDamage::none;
+  const bool lacksList = &track == movie.first(handlerTypeText(MP4TrackType::video)) && !track.hasEditList &&
+                         movie.first(handlerTypeText(MP4TrackType::audio)) && track.firstCompositionTime != 0;
+  if (!isDamaged && !lacksList) return std::nullopt;
+  PlannedEditList list = wholeMedia(track, movie.movieTimescale());
+  // From 0 on without a list, as with one.
+  if (!isDamaged && list.rows.size() < 2) return std::nullopt;
+  list.reason = reasonOf(track.damage);
+  return list;
+}
+
+/// What the list in force lasts, movie timescale.
+int64_t durationOf(const TrackPresentation& track, uint32_t movieTimescale) {
+  if (!track.hasEditList) return rescaleTimeUp(track.mediaEnd, movieTimescale, track.timescale);
+  int64_t duration = 0;
+  for (const PresentedEdit& edit : track.edits) duration = addTimes(duration, edit.movieDuration);
+  return duration;
+}
+
+}  // namespace
+
+SyncFixOrder orderSyncFix(const Presentation& presentation) {
+  SyncFixOrder order;
+  if (!presentation.first(handlerTypeText(MP4TrackType::video))) return order;
+  for (const TrackPresentation& track : presentation.tracks()) {
+    if (auto list = neededList(presentation, track)) {
+      order.movieDuration = std::max(order.movieDuration, list->trackDuration);
+      order.tracks.push_back({track.trackID, *std::move(list)});
+    } else {
+      order.movieDuration = std::max(order.movieDuration, durationOf(track, presentation.movieTimescale()));
+    }
+  }
+  return order;
+}
+
+}  // namespace tarn

@@ -1,0 +1,45 @@
+#include "download/FirstRecord.h"
+#include "support/FileTest.h"
+#include "support/ManualClock.h"
+#include "support/MediaMaker.h"
+
+namespace tarn::test {
+namespace {
+
+class FirstRecord : public FileTest {};
+
+TEST_F(FirstRecord, AsksForTheStepsThatTheFileAndTheOptionsCallFor) {
+  const std::string pictures = "-f lavfi -i testsrc=size=64x48:rate=10:duration=1 ",
+                    sound = "-f lavfi -i sine=duration=1 ", encoder = "-pix_fmt yuv420p -preset ultrafast ";
+  const std::string whole = pictures + sound + encoder + "-c:v libx264", silent = pictures + encoder + "-c:v libx264",
+                    foreign = pictures + sound + "-c:v mpeg4",
+                    fragments = whole + " -movflags frag_keyframe+empty_moov",
+                    lateFragments = whole + " -movflags frag_keyframe";
+  struct {
+    std::string clip;
+    bool skipsVideo, skipsAudio;
+    bool needsRemuxing, needsAudio, skipsSync;
+  } rows[] = {
+      {whole, false, false, true, true, false},      {whole, true, false, false, false, true},
+      {whole, false, true, true, false, true},       {whole, true, true, false, false, true},
+      {silent, false, false, true, false, false},    {foreign, false, false, false, true, false},
+      {fragments, false, false, false, false, true}, {lateFragments, false, false, false, false, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.clip);
+    const auto record = makeFirstRecord(files_, ManualClock(),
+                                        {.id = 7,
+                                         .filename = "clip.mp4",
+                                         .album = "Trips",
+                                         .fileURL = madeByFFmpeg(words(row.clip)),
+                                         .skipVideoFix = row.skipsVideo,
+                                         .skipAudioFix = row.skipsAudio});
+    EXPECT_EQ(record.needsRemuxing, row.needsRemuxing);
+    EXPECT_EQ(record.needsAudioTranscode, row.needsAudio);
+    EXPECT_EQ(record.skipAVSync, row.skipsSync);
+    EXPECT_EQ(record.stage, ProcessingStage::downloaded);
+  }
+}
+
+}  // namespace
+}  // namespace tarn::test
