@@ -9,7 +9,7 @@ void tarn::fuzz::run(Input input) {
   MP4SampleTableParser table;
   finishes([&] {
     table.parseSampleTable(*file, {.size = contents.size() + 8, .type = "stbl", .offset = 0, .headerSize = 0});
-    const auto count = static_cast<int64_t>(table.sampleSizes().size());
+    const auto count = int64_t{table.sampleCount()};
     const auto samples = table.allSamples();
     require(static_cast<int64_t>(samples.size()) == count);
     if (count > 0) require(table.sampleInfo(count - 1) == samples.back());

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "app/Commands.h"
-#include "app/FailureAdvice.h"
 #include "app/Home.h"
 #include "app/Interrupt.h"
 #include "app/LeftAlone.h"
@@ -140,8 +139,7 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
 
 int reportFailure(const GlobalOptions& global, const RepairOptions& options, const std::string& words) {
   if (global.json) printJSON({{"result", "failed"}, {"input", options.input}, {"error", words}});
-  printFailure(fmt::format("{} was not repaired: {}. {}", options.input, words,
-                           adviceOn(words, fmt::format("`tarn inspect {}` tells more.", options.input))));
+  printFailure(fmt::format("{0} was not repaired: {1}. `tarn inspect {0}` tells more.", options.input, words));
   return ExitCode::failed;
 }
 

@@ -5,7 +5,6 @@
 #include <set>
 
 #include "app/Commands.h"
-#include "app/FailureAdvice.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
 #include "app/Payload.h"
@@ -101,7 +100,7 @@ class Resume {
   void takeFailed(int64_t id, const std::string& words) {
     if (!outcomes_.emplace(id, false).second) return;
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
-    printFailure(fmt::format("Download {} failed: {}. {}", id, words, adviceOn(words, "Save it again by its URL.")));
+    printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
     client_.call("cancel", {{"id", id}});
   }
 

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "app/Commands.h"
-#include "app/FailureAdvice.h"
 #include "app/FileNames.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
@@ -40,8 +39,8 @@ std::optional<JSObject> waitForCompletion(EngineClient& client, int64_t id, bool
 
 int reportFailure(const GlobalOptions& global, int64_t id, const std::string& words) {
   if (global.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
-  printFailure(fmt::format("The video was not saved: {}. {}", words,
-                           adviceOn(words, "Check the URL and the free space, then run the same command again.")));
+  printFailure(fmt::format(
+      "The video was not saved: {}. Check the URL and the free space, then run the same command again.", words));
   return ExitCode::failed;
 }
 

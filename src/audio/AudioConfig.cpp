@@ -69,7 +69,7 @@ AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManag
   const auto file = openIfPossible(files, fileURL);
   if (!file) return info;
   try {
-    const auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+    const auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
     const auto track = moov ? SoundTracks(*file, *moov).next() : std::nullopt;
     if (!track) return info;
     const auto header = readTimeHeader(*file, track->mdia, "mdhd");

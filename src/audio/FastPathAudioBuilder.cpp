@@ -31,9 +31,7 @@ struct AudioTrackInfo {
 
 /// The first sound track that has a sample table.
 AudioTrackInfo findAudioTrack(FileHandle& file) {
-  const uint64_t fileSize = file.seekToEnd();
-  file.seek(0);
-  const auto moov = MP4BoxUtils::findBox(file, "moov", fileSize);
+  const auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) throw FastPathError::cannotParseBox("moov");
   SoundTracks tracks(file, *moov);
   while (const auto track = tracks.next()) {
@@ -61,13 +59,13 @@ class PacketWriter {
       : file_(file), table_(table), silentFrame_(std::move(silentFrame)), result_(result) {}
 
   void reserve(int64_t silentSamples) {
-    const uint64_t sourceBytes = table_.cumulativeSampleSizes().back();
+    const uint64_t sourceBytes = table_.sizeOfFirst(table_.sampleCount());
     if (sourceBytes > file_.seekToEnd()) {
       throw FastPathError::validationFailed("The samples are larger than the file");
     }
     const auto silent = static_cast<size_t>(std::clamp<int64_t>(silentSamples, 0, mostSilentSamples));
     result_.audioData.reserve(sourceBytes + silent * silentFrame_.size());
-    result_.sampleSizes.reserve(table_.sampleSizes().size() + silent);
+    result_.sampleSizes.reserve(table_.sampleCount() + silent);
   }
 
   /// As many whole packets as these ticks hold, with what the last insertion left; the rest is left to the next.
@@ -94,7 +92,7 @@ class PacketWriter {
       uint64_t size = 0;
       int64_t next = begin;
       do {
-        size += table_.sampleSizes()[static_cast<size_t>(next)];
+        size += table_.sampleSize(static_cast<size_t>(next));
         ++next;
       } while (next < end && table_.sampleInfo(next).fileOffset == offset + size);
       readRun(begin, next, offset, size);
@@ -114,7 +112,7 @@ class PacketWriter {
       throw unreadable(begin);  // or one behind it: all that is known is that the run cannot be read
     }
     for (int64_t i = begin; i < end; ++i) {
-      const uint32_t sampleSize = table_.sampleSizes()[static_cast<size_t>(i)];
+      const uint32_t sampleSize = table_.sampleSize(static_cast<size_t>(i));
       if (sampleSize > got) throw unreadable(i);
       got -= sampleSize;
       result_.sampleSizes.push_back(sampleSize);
@@ -122,7 +120,7 @@ class PacketWriter {
   }
 
   FastPathError unreadable(int64_t index) const {
-    const uint32_t size = table_.sampleSizes()[static_cast<size_t>(index)];
+    const uint32_t size = table_.sampleSize(static_cast<size_t>(index));
     return FastPathError::sampleReadFailed(index, fmt::format("Could not read {} bytes", size));
   }
 
@@ -148,7 +146,7 @@ BuildResult FastPathAudioBuilder::build(std::span<const AudioAction> actions) co
   const auto file = openSource(files_, sourceURL_);
   MP4SampleTableParser table;
   table.parseSampleTable(*file, findAudioTrack(*file).stblBox);
-  const auto originalCount = static_cast<int64_t>(table.sampleSizes().size());
+  const auto originalCount = int64_t{table.sampleCount()};
   log("FastPathAudioBuilder: Original audio has {} samples", originalCount);
   Bytes silent = silentFrame();
   requireTrueSampleDelta(configCheck_);

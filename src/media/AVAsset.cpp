@@ -76,7 +76,7 @@ CMTimeRange timeRangeOf(const std::vector<EditListRow>& rows, uint32_t movieTime
 }
 
 std::optional<MP4BoxInfo> findMovie(FileHandle& file) {
-  return MP4BoxUtils::findBox(file, "moov", std::numeric_limits<uint64_t>::max());
+  return MP4BoxUtils::findTopLevelBox(file, "moov");
 }
 
 std::optional<MP4BoxInfo> findSampleTable(FileHandle& file, const MP4BoxInfo& mdia) {

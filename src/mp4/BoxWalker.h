@@ -73,7 +73,8 @@ inline constexpr P buffer              {P::EndRule::headerInside,    P::SizeZero
 inline constexpr P bufferDeep          {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::asciiOrEnd, P::Overrun::isYielded, containerTypes};
 inline constexpr P sampleEntryChildren {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::namedOrEnd, P::Overrun::endsWalk,  {}};
 inline constexpr P openChildren        {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
-inline constexpr P tableChildren       {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::endsWalk,  {}};
+inline constexpr P openDeep            {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, containerTypes};
+inline constexpr P tableChildren       {P::EndRule::headerInside,    P::SizeZero::reachesEndOfLevel, P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::endsWalk,  {}};
 inline constexpr P clonedChildren      {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::ascii,      P::Overrun::endsWalk,  {}};
 inline constexpr P protectionChildren  {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P topLevelScan        {P::EndRule::beginsInside,    P::SizeZero::reachesEndOfFile,  P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};

@@ -9,8 +9,9 @@ namespace tarn {
 ByteArrayError::ByteArrayError(Case kind, std::string description)
     : Error("ByteArrayError", -1, std::move(description)), kind_(kind) {}
 
-ByteArrayError ByteArrayError::insufficientData() {
-  return {Case::insufficientData, "the data end before what they must hold"};
+ByteArrayError ByteArrayError::insufficientData(const std::string& detail) {
+  const std::string words = "the data end before what they must hold";
+  return {Case::insufficientData, detail.empty() ? words : words + ": " + detail};
 }
 
 ByteArrayError ByteArrayError::invalidOffset() {

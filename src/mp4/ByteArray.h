@@ -14,7 +14,8 @@ class ByteArrayError : public Error {
  public:
   enum class Case { insufficientData, invalidOffset };
 
-  static ByteArrayError insufficientData();
+  /// `detail` says which data, how many there are and how many there must be.
+  static ByteArrayError insufficientData(const std::string& detail = "");
   static ByteArrayError invalidOffset();
 
   Case kind() const { return kind_; }

@@ -6,8 +6,8 @@
 #include <optional>
 #include <vector>
 
+#include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
-#include "mp4/MP4BoxUtils.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Log.h"
 
@@ -84,11 +84,10 @@ Bytes promoted(ByteView table, std::span<const uint64_t> offsets) {
 
 void ChunkOffsetTable::adjustAllInMoov(std::span<uint8_t> moov, const ChunkOffsetShift& shift) {
   if (shift.delta == 0) return;
-  for (size_t at : MP4BoxUtils::findBoxOffsets(moov, "stco", 0, std::nullopt, true)) {
-    adjustTableInPlace(moov, at, shift, false);
-  }
-  for (size_t at : MP4BoxUtils::findBoxOffsets(moov, "co64", 0, std::nullopt, true)) {
-    adjustTableInPlace(moov, at, shift, true);
+  BufferBoxWalker walker(moov, 0, moov.size(), boxwalk::openDeep);
+  while (auto box = walker.next()) {
+    bool is64Bit = box->type == "co64";
+    if (is64Bit || box->type == "stco") adjustTableInPlace(moov, static_cast<size_t>(box->offset), shift, is64Bit);
   }
 }
 

@@ -71,6 +71,16 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findBox(FileHandle& file, std::string_vie
   return findFirst(FileBoxWalker(file, start, limit, boxwalk::topLevel), type);
 }
 
+std::optional<MP4BoxInfo> MP4BoxUtils::findTopLevelBox(FileHandle& file, std::string_view type) {
+  FileBoxWalker walker(file, 0, std::numeric_limits<uint64_t>::max(), boxwalk::topLevel);
+  for (size_t headers = 0; headers < mostTopLevelHeaders; ++headers) {
+    auto header = walker.next();
+    if (!header) return std::nullopt;
+    if (header->type == type) return boxInfo(*std::move(header));
+  }
+  return std::nullopt;
+}
+
 std::optional<MP4BoxInfo> MP4BoxUtils::findBoxInContainer(FileHandle& file, const MP4BoxInfo& container,
                                                           std::string_view type) {
   return findFirst(FileBoxWalker(file, file.offset(), endOf(container), boxwalk::children), type);

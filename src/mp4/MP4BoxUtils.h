@@ -31,11 +31,6 @@ enum class MP4TrackType { video, audio };
 /// The handler_type of a track type: "vide" or "soun" (ISO/IEC 14496-12 8.4.3).
 std::string_view handlerTypeText(MP4TrackType type);
 
-/// Largest distance from the start of a search at which a top-level box may begin: for a look at a file, and in the
-/// paths that remux it or read its parameter sets.
-inline constexpr uint64_t topLevelSearchLimit = 0x6400000;
-inline constexpr uint64_t remuxSearchLimit = 0xC800000;
-
 /// Finds boxes (ISO/IEC 14496-12 4.2) in files and buffers. A search reports absence, not damage: a short read, a read
 /// error, a size that makes no progress or overflows ends it with nothing found. Box contents are not looked at. No
 /// state; a FileHandle's position is moved unless an operation says otherwise.
@@ -44,6 +39,13 @@ class MP4BoxUtils {
   /// Top-level search from the file's position on. A box that begins `maxSearch` bytes or more behind that position is
   /// not found.
   static std::optional<MP4BoxInfo> findBox(FileHandle& file, std::string_view type, uint64_t maxSearch);
+
+  /// So many headers are read at most where a whole file is searched: far more than a file has, and read in a moment.
+  static constexpr size_t mostTopLevelHeaders = 100'000;
+
+  /// Search over the top level of the whole file, wherever the box lies. Returns nothing behind `mostTopLevelHeaders`
+  /// other boxes.
+  static std::optional<MP4BoxInfo> findTopLevelBox(FileHandle& file, std::string_view type);
 
   /// Search from the file's position to the end of the container. The caller seeks to the container's contents first.
   static std::optional<MP4BoxInfo> findBoxInContainer(FileHandle& file, const MP4BoxInfo& container,

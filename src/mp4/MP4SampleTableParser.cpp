@@ -16,20 +16,18 @@
 namespace tarn {
 namespace {
 
-/// Samples of one fixed size take no room in the file's tables, so nothing but this bounds the memory for them.
-constexpr uint32_t mostFixedSizeSamples = 1 << 20;
+/// A list with an element for each sample has at most so many: 77 hours of 60 pictures a second.
+constexpr uint32_t mostListedSamples = 1 << 24;
 
-std::vector<uint32_t> parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
+SampleSizes parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
   SampleSizes read = readSampleSizes(file, stbl);
-  if (read.fixedSize != 0) {
-    if (uint64_t{read.fixedSize} * read.count > file.seekToEnd()) {
-      throw sampleTableError("stsz promises more bytes than the file holds");
-    }
-    if (read.count > mostFixedSizeSamples) throw sampleTableError("stsz promises too many samples of one size");
-    read.sizes.assign(read.count, read.fixedSize);
+  const uint64_t fileSize = file.seekToEnd();
+  if (read.fixedSize != 0 && uint64_t{read.fixedSize} * read.count > fileSize) {
+    throw sampleTableError(fmt::format("stsz promises more bytes than the file holds: {} samples of {} bytes, of {}",
+                                       read.count, read.fixedSize, fileSize));
   }
-  log("Parsed stsz: {} samples", read.sizes.size());
-  return std::move(read.sizes);
+  log("Parsed stsz: {} samples", read.count);
+  return read;
 }
 
 std::vector<SampleToChunkEntry> parseStsc(FileHandle& file, const MP4BoxInfo& stbl) {
@@ -48,7 +46,7 @@ std::vector<uint64_t> parseChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl
   return std::move(read.offsets);
 }
 
-std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
+std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl, uint32_t sampleCount) {
   auto stss = MP4BoxUtils::findChildBox(file, stbl, "stss");
   if (!stss) {
     log("No stss table - treating all samples as sync samples");
@@ -59,6 +57,11 @@ std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
   std::ranges::sort(numbers);
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   if (!numbers.empty() && numbers.front() == 0) throw sampleTableError("stss names sample 0");
+  auto behind = std::ranges::upper_bound(numbers, sampleCount);
+  if (behind != numbers.end()) {
+    log("Skipping {} numbers of the stss that lie behind the last sample, {}", numbers.end() - behind, sampleCount);
+    numbers.erase(behind, numbers.end());
+  }
   log("Parsed stss: {} sync samples", numbers.size());
   return numbers;
 }
@@ -67,19 +70,24 @@ std::vector<uint32_t> parseStss(FileHandle& file, const MP4BoxInfo& stbl) {
 
 void MP4SampleTableParser::parseSampleTable(FileHandle& file, const MP4BoxInfo& stbl) {
   log("Parsing sample table at offset {}...", stbl.offset);
-  sampleSizes_ = parseStsz(file, stbl);
+  SampleSizes sizes = parseStsz(file, stbl);
+  sampleCount_ = sizes.count;
+  fixedSize_ = sizes.fixedSize;
+  sampleSizes_ = std::move(sizes.sizes);
   sampleToChunk_ = parseStsc(file, stbl);
   chunkOffsets_ = parseChunkOffsets(file, stbl);
-  syncSamples_ = parseStss(file, stbl);
+  syncSamples_ = parseStss(file, stbl, sampleCount());
   buildLookupTables();
-  log("Parsed sample table: {} samples, {} sync samples, {} chunks", sampleSizes_.size(), syncSamples_.size(),
+  log("Parsed sample table: {} samples, {} sync samples, {} chunks", sampleCount(), syncSamples_.size(),
       chunkOffsets_.size());
 }
 
 void MP4SampleTableParser::buildLookupTables() {
-  cumulativeSampleSizes_.reserve(sampleSizes_.size() + 1);
-  cumulativeSampleSizes_.push_back(0);
-  for (uint32_t size : sampleSizes_) cumulativeSampleSizes_.push_back(cumulativeSampleSizes_.back() + size);
+  if (fixedSize_ == 0) {
+    cumulativeSampleSizes_.reserve(sampleSizes_.size() + 1);
+    cumulativeSampleSizes_.push_back(0);
+    for (uint32_t size : sampleSizes_) cumulativeSampleSizes_.push_back(cumulativeSampleSizes_.back() + size);
+  }
 
   chunkStartSampleIndex_.reserve(chunkOffsets_.size());
   samplesInChunk_.reserve(chunkOffsets_.size());
@@ -92,8 +100,7 @@ void MP4SampleTableParser::buildLookupTables() {
 }
 
 uint64_t MP4SampleTableParser::sampleOffset(size_t index, size_t chunk) const {
-  uint64_t ahead =
-      cumulativeSampleSizes_[index] - cumulativeSampleSizes_[static_cast<size_t>(chunkStartSampleIndex_[chunk])];
+  uint64_t ahead = sizeOfFirst(index) - sizeOfFirst(static_cast<size_t>(chunkStartSampleIndex_[chunk]));
   auto offset = checkedAdd(chunkOffsets_[chunk], ahead);
   if (!offset) throw sampleTableError("Sample offset out of range");
   return *offset;
@@ -105,7 +112,7 @@ bool MP4SampleTableParser::isSync(size_t index) const {
 
 /// The last chunk that begins at or ahead of a sample. Throws for a sample that does not exist.
 std::optional<size_t> MP4SampleTableParser::chunkAtOrAhead(int64_t index) const {
-  if (index < 0 || static_cast<uint64_t>(index) >= sampleSizes_.size()) {
+  if (index < 0 || index >= sampleCount()) {
     throw sampleTableError("Sample index out of range");
   }
   auto behind = std::ranges::upper_bound(chunkStartSampleIndex_, index);
@@ -117,15 +124,19 @@ SampleInfo MP4SampleTableParser::sampleInfo(int64_t index) const {
   auto chunk = chunkAtOrAhead(index);
   if (!chunk) throw sampleTableError("Could not compute offset for sample " + std::to_string(index));
   auto sample = static_cast<size_t>(index);
-  return {index, sampleOffset(sample, *chunk), sampleSizes_[sample], isSync(sample)};
+  return {index, sampleOffset(sample, *chunk), sampleSize(sample), isSync(sample)};
 }
 
 std::vector<uint64_t> MP4SampleTableParser::sampleOffsets() const {
-  if (!sampleSizes_.empty() && chunkStartSampleIndex_.empty()) sampleInfo(0);  // throws
+  if (sampleCount() > 0 && chunkStartSampleIndex_.empty()) sampleInfo(0);  // throws
+  if (sampleCount() > mostListedSamples) {
+    throw sampleTableError(
+        fmt::format("stsz promises {} samples, of which {} can be listed", sampleCount(), mostListedSamples));
+  }
   std::vector<uint64_t> offsets;
-  offsets.reserve(sampleSizes_.size());
+  offsets.reserve(sampleCount());
   size_t chunk = 0;
-  for (size_t i = 0; i < sampleSizes_.size(); ++i) {
+  for (size_t i = 0; i < sampleCount(); ++i) {
     auto index = static_cast<int64_t>(i);
     while (chunk + 1 < chunkStartSampleIndex_.size() && chunkStartSampleIndex_[chunk + 1] <= index) ++chunk;
     offsets.push_back(sampleOffset(i, chunk));
@@ -141,7 +152,7 @@ std::vector<SampleInfo> MP4SampleTableParser::allSamples() const {
   for (size_t i = 0; i < offsets.size(); ++i) {
     bool isNamed = nextSync != syncSamples_.end() && *nextSync == i + 1;
     if (isNamed) ++nextSync;
-    samples.push_back({static_cast<int64_t>(i), offsets[i], sampleSizes_[i], isNamed || syncSamples_.empty()});
+    samples.push_back({static_cast<int64_t>(i), offsets[i], sampleSize(i), isNamed || syncSamples_.empty()});
   }
   return samples;
 }
@@ -170,11 +181,11 @@ std::optional<uint32_t> MP4SampleTableParser::sampleDescriptionIndex(int64_t ind
 }
 
 Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegment> segments) const {
-  if (sampleSizes_.empty()) throw sampleTableError("No samples to rebuild stsc");
+  if (sampleCount() == 0) throw sampleTableError("No samples to rebuild stsc");
   log("Rebuilding stsc with 1 sample per chunk using {} segment ranges...", segments.size());
   std::vector<SampleToChunkEntry> rows;
   size_t current = 0;
-  for (size_t i = 0; i < sampleSizes_.size(); ++i) {
+  for (size_t i = 0; i < sampleCount(); ++i) {
     auto index = static_cast<int64_t>(i);
     while (current + 1 < segments.size() && segments[current].endSampleIndex < index) ++current;
     bool isInside = current < segments.size() && segments[current].startSampleIndex <= index &&
@@ -184,12 +195,12 @@ Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegm
       rows.push_back({static_cast<uint32_t>(i + 1), 1, description});
     }
   }
-  log("Generated {} stsc entries for {} samples", rows.size(), sampleSizes_.size());
+  log("Generated {} stsc entries for {} samples", rows.size(), sampleCount());
   return buildStscBox(rows);
 }
 
 Bytes MP4SampleTableParser::rebuildChunkOffsetBox(const ChunkOffsetShift& comingShift) const {
-  if (sampleSizes_.empty()) throw sampleTableError("No samples to rebuild chunk offsets");
+  if (sampleCount() == 0) throw sampleTableError("No samples to rebuild chunk offsets");
   log("Rebuilding chunk offset table with 1 sample per chunk...");
   auto offsets = sampleOffsets();
   bool isLong = std::ranges::any_of(offsets, [&](uint64_t offset) {

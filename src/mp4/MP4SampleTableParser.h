@@ -46,15 +46,16 @@ struct SampleDescriptionSegment {
 /// of a failed parse is to be used.
 class MP4SampleTableParser {
  public:
-  /// Reads `stsz`, `stsc`, `stco` or else `co64`, and `stss` among the box's children. To be called once. Moves the
-  /// file's position.
+  /// Reads `stsz`, `stsc`, `stco` or else `co64`, and `stss` among the box's children; of an `stss` the numbers behind
+  /// the last sample are left out. To be called once. Moves the file's position.
   void parseSampleTable(FileHandle& file, const MP4BoxInfo& stbl);
 
   /// One sample. Throws "Sample index out of range", "Sample offset out of range", and "Could not compute offset for
   /// sample <index>" where there is no chunk.
   SampleInfo sampleInfo(int64_t index) const;
 
-  /// All samples in order; the sync samples in order, which are all where there is no `stss`. Both throw as above.
+  /// All samples in order; the sync samples in order, which are all where there is no `stss`. Both throw as above, and
+  /// for more samples than a list of them should hold.
   std::vector<SampleInfo> allSamples() const;
   std::vector<SampleInfo> syncSamplesOnly() const;
 
@@ -73,12 +74,15 @@ class MP4SampleTableParser {
   /// box is an `stco`.
   Bytes rebuildChunkOffsetBox(const ChunkOffsetShift& comingShift = {}) const;
 
-  const std::vector<uint32_t>& sampleSizes() const { return sampleSizes_; }    ///< bytes, the compact form expanded
+  uint32_t sampleCount() const { return sampleCount_; }
+  uint32_t sampleSize(size_t index) const { return fixedSize_ != 0 ? fixedSize_ : sampleSizes_[index]; }
+  /// The bytes of the first so many samples.
+  uint64_t sizeOfFirst(size_t count) const {
+    return fixedSize_ != 0 ? uint64_t{fixedSize_} * count : cumulativeSampleSizes_[count];
+  }
   const std::vector<uint64_t>& chunkOffsets() const { return chunkOffsets_; }  ///< in the file
   const std::vector<SampleToChunkEntry>& sampleToChunk() const { return sampleToChunk_; }
   const std::vector<uint32_t>& syncSamples() const { return syncSamples_; }  ///< 1-based, ascending; empty means all
-  /// Element i is the sum of the first i sizes.
-  const std::vector<uint64_t>& cumulativeSampleSizes() const { return cumulativeSampleSizes_; }
   const std::vector<int64_t>& chunkStartSampleIndex() const { return chunkStartSampleIndex_; }  ///< 0-based
   const std::vector<int64_t>& samplesInChunk() const { return samplesInChunk_; }
 
@@ -89,11 +93,13 @@ class MP4SampleTableParser {
   std::vector<uint64_t> sampleOffsets() const;
   bool isSync(size_t index) const;
 
-  std::vector<uint32_t> sampleSizes_;
+  uint32_t sampleCount_ = 0;
+  uint32_t fixedSize_ = 0;             // of each sample; 0 where they differ
+  std::vector<uint32_t> sampleSizes_;  // empty where all are equal: 20 bytes may promise billions of samples
   std::vector<uint64_t> chunkOffsets_;
   std::vector<SampleToChunkEntry> sampleToChunk_;
   std::vector<uint32_t> syncSamples_;
-  std::vector<uint64_t> cumulativeSampleSizes_;
+  std::vector<uint64_t> cumulativeSampleSizes_;  // element i is the sum of the first i sizes; empty where all are equal
   std::vector<int64_t> chunkStartSampleIndex_;
   std::vector<int64_t> samplesInChunk_;
 };

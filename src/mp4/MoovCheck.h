@@ -14,4 +14,7 @@ namespace tarn {
 /// header, can be edited.
 std::optional<std::string> whatForbidsEditing(ByteView moov);
 
+/// The same for an editor that steps over odd boxes beside the way: only the boxes on the way must be plain.
+std::optional<std::string> whatForbidsEditingTheWay(ByteView moov);
+
 }  // namespace tarn

@@ -1,12 +1,15 @@
 #include "mp4/TableBox.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "mp4/SampleTableBuilders.h"
 
 namespace tarn {
 
-TableBox::TableBox(FileHandle& file, const MP4BoxInfo& box, size_t fieldBytes) : file_(file), type_(box.type) {
+TableBox::TableBox(FileHandle& file, const MP4BoxInfo& box, size_t fieldBytes)
+    : file_(file), type_(box.type), offset_(box.offset) {
   uint64_t fileSize = file.seekToEnd();
   uint64_t contents = std::min(box.contentOffset(), fileSize);
   left_ = std::min(box.contentSize(), fileSize - contents);
@@ -30,6 +33,11 @@ size_t TableBox::readInto(std::span<uint8_t> memory) {
 
 Error TableBox::unreadable() const {
   return sampleTableError("Cannot read " + type_);
+}
+
+ByteArrayError TableBox::tooShortFor(uint64_t count, size_t width) const {
+  return ByteArrayError::insufficientData(fmt::format(
+      "the {} at {} needs {} values of {} bytes and holds {} bytes of them", type_, offset_, count, width, left_));
 }
 
 MP4BoxInfo requireTableBox(FileHandle& file, const MP4BoxInfo& parent, std::string_view type) {

@@ -36,10 +36,10 @@ class TableBox {
   /// taken for it.
   template <typename T>
   std::vector<T> entries(uint64_t count) {
-    if (count > left_ / sizeof(T)) throw ByteArrayError::insufficientData();
+    if (count > left_ / sizeof(T)) throw tooShortFor(count, sizeof(T));
     std::vector<T> values(count);
     std::span<uint8_t> memory(reinterpret_cast<uint8_t*>(values.data()), count * sizeof(T));
-    if (readInto(memory) < memory.size()) throw ByteArrayError::insufficientData();
+    if (readInto(memory) < memory.size()) throw tooShortFor(count, sizeof(T));
     for (size_t i = 0; i < count && sizeof(T) > 1; ++i) {
       if constexpr (sizeof(T) == 8) {
         values[i] = loadUInt64(memory.subspan(i * 8).template first<8>());
@@ -53,9 +53,11 @@ class TableBox {
  private:
   size_t readInto(std::span<uint8_t> memory);
   Error unreadable() const;
+  ByteArrayError tooShortFor(uint64_t count, size_t width) const;
 
   FileHandle& file_;
   std::string type_;
+  uint64_t offset_;
   uint64_t left_ = 0;  ///< bytes of the contents that the file holds and that were not read yet
   Bytes fields_;
   std::optional<ByteArray> cursor_;  ///< over the fields

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "parameters/AVCSPSParser.h"
 #include "parameters/RBSPReading.h"
 #include "platform/Log.h"
 
@@ -24,12 +25,7 @@ bool isOneOf(uint8_t profile, std::initializer_list<uint8_t> profiles) {
   return std::ranges::find(profiles, profile) != profiles.end();
 }
 
-/// Profiles whose SPS states chroma format and bit depths (ITU-T H.264 7.3.2.1.1).
-bool statesChromaFormat(uint8_t profile) {
-  return isOneOf(profile, {44, 83, 86, 100, 110, 118, 122, 128, 134, 135, 138, 139, 244});
-}
-
-/// The same with the withdrawn High 4:4:4 profile.
+/// Those and the withdrawn High 4:4:4 profile.
 bool isHighProfile(uint8_t profile) {
   return statesChromaFormat(profile) || profile == 144;
 }
@@ -73,48 +69,15 @@ void describe(Archive& archive, Record& record) {
   archive.units(record.spsArray, spsCountWidth);
   archive.units(record.ppsArray, ppsCountWidth);
   if (!hasExtension(record.profileIdc) || !archive.has(extensionSize)) return;
-  archive.reserved(0x3F, 6);
-  archive.field(record.chromaFormatIdc, 2);
-  archive.reserved(0x1F, 5);
-  archive.field(record.bitDepthLumaMinus8, 3);
-  archive.reserved(0x1F, 5);
-  archive.field(record.bitDepthChromaMinus8, 3);
-  archive.units(record.spsExtensionArray, 8);
-}
-
-void skipScalingList(BitReader& bits, int size) {
-  int64_t lastScale = 8;
-  int64_t nextScale = 8;
-  for (int i = 0; i < size && nextScale != 0; ++i) {
-    nextScale = (lastScale + bits.readSE() + 256) % 256;
-    if (nextScale != 0) lastScale = nextScale;
-  }
-}
-
-void skipChromaFormatAndScaling(BitReader& bits) {
-  bool is444 = readUE(bits) == 3;
-  if (is444) bits.readBits(1);  // separate_colour_plane_flag
-  readUE(bits);                 // bit_depth_luma_minus8
-  readUE(bits);                 // bit_depth_chroma_minus8
-  bits.readBits(1);             // qpprime_y_zero_transform_bypass_flag
-  if (bits.readBits(1) == 0) return;
-  int lists = is444 ? 12 : 8;
-  for (int list = 0; list < lists; ++list) {
-    if (bits.readBits(1) != 0) skipScalingList(bits, list < 6 ? 16 : 64);
-  }
-}
-
-void skipPictureOrderCount(BitReader& bits) {
-  uint32_t type = readUE(bits);
-  if (type == 0) {
-    readUE(bits);  // log2_max_pic_order_cnt_lsb_minus4
-  } else if (type == 1) {
-    bits.readBits(1);  // delta_pic_order_always_zero_flag
-    readUE(bits);      // offset_for_non_ref_pic; se(v) is as long as ue(v)
-    readUE(bits);      // offset_for_top_to_bottom_field
-    uint32_t cycle = readUE(bits);
-    for (uint32_t i = 0; i < cycle && !bits.atEnd(); ++i) bits.readSE();
-  }
+  archive.optional([&archive, &record] {
+    archive.reserved(0x3F, 6);
+    archive.field(record.chromaFormatIdc, 2);
+    archive.reserved(0x1F, 5);
+    archive.field(record.bitDepthLumaMinus8, 3);
+    archive.reserved(0x1F, 5);
+    archive.field(record.bitDepthChromaMinus8, 3);
+    archive.units(record.spsExtensionArray, 8);
+  });
 }
 
 }  // namespace
@@ -193,27 +156,7 @@ void AVCConfigurationBox::parseHighProfileFields(ByteView spsRbsp) {
 
 std::optional<PictureSize> AVCConfigurationBox::parseSPSResolution(ByteView spsRbsp) {
   if (spsRbsp.size() < smallestSPSWithSize) return std::nullopt;
-  BitReader bits(spsRbsp);
-  skipBits(bits, profileAndLevelBits);
-  readUE(bits);  // seq_parameter_set_id
-  if (statesChromaFormat(spsRbsp[0])) skipChromaFormatAndScaling(bits);
-  readUE(bits);  // log2_max_frame_num_minus4
-  skipPictureOrderCount(bits);
-  readUE(bits);      // max_num_ref_frames
-  bits.readBits(1);  // gaps_in_frame_num_value_allowed_flag
-  int64_t widthInMbs = int64_t{readUE(bits)} + 1;
-  int64_t heightInMapUnits = int64_t{readUE(bits)} + 1;
-  bool framesOnly = bits.readBits(1) != 0;
-  if (!framesOnly) bits.readBits(1);  // mb_adaptive_frame_field_flag
-  bits.readBits(1);                   // direct_8x8_inference_flag
-  int64_t horizontalCrop = 0;
-  int64_t verticalCrop = 0;
-  if (bits.readBits(1) != 0) {
-    horizontalCrop = int64_t{readUE(bits)} + readUE(bits);
-    verticalCrop = int64_t{readUE(bits)} + readUE(bits);
-  }
-  return PictureSize{.width = widthInMbs * 16 - 2 * horizontalCrop,
-                     .height = heightInMapUnits * 16 * (framesOnly ? 1 : 2) - 2 * verticalCrop};
+  return readAVCSPS(spsRbsp).size;
 }
 
 }  // namespace tarn

@@ -30,7 +30,8 @@ struct AVCDecoderConfigurationRecord {
 };
 
 /// Reads the contents of an `avcC` box, header not included. Reserved bits, the version and bytes behind the record are
-/// not judged; the last four fields may be missing. Throws ConfigurationBoxError when the contents end too early.
+/// not judged; the last four fields may be missing or damaged. Throws ConfigurationBoxError when the contents end too
+/// early.
 AVCDecoderConfigurationRecord readAvcC(ByteView contents);
 
 /// Builds an `avcC` box from parameter sets of the bitstream. Profile, level, chroma format and bit depths come from
@@ -49,9 +50,8 @@ class AVCConfigurationBox {
 
   const AVCDecoderConfigurationRecord& record() const { return record_; }
 
-  /// The cropped picture size that an SPS states (ITU-T H.264 7.3.2.1.1), crop offsets counted in units of 2 samples
-  /// whatever the chroma format. `spsRbsp` begins with profile_idc. Nothing for fewer than 10 bytes; no other test is
-  /// made, so a damaged set gives a size without meaning.
+  /// The cropped picture size that an SPS states (ITU-T H.264 7.3.2.1.1, 7.4.2.1.1). `spsRbsp` begins with profile_idc.
+  /// Returns nothing for fewer than 10 bytes; no other test is made, so a damaged set gives a size without meaning.
   static std::optional<PictureSize> parseSPSResolution(ByteView spsRbsp);
 
  private:

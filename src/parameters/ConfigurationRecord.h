@@ -54,6 +54,12 @@ class RecordWriter {
   /// Whether an optional part of `size` bytes follows: on writing it always does.
   bool has(size_t /*size*/) const { return true; }
 
+  /// A last part that a reader can do without.
+  template <typename Describe>
+  void optional(Describe describe) {
+    describe();
+  }
+
   const Bytes& bytes() const { return bytes_; }
 
   /// The record as a box. Throws ConfigurationBoxError when its size does not fit 32 bits.
@@ -93,6 +99,15 @@ class RecordReader {
   void units(std::vector<Bytes>& units, int countWidth);
 
   bool has(size_t size) const { return remaining() >= size; }
+
+  template <typename Describe>
+  void optional(Describe describe) {
+    try {
+      describe();
+    } catch (const ConfigurationBoxError&) {
+      // Other bytes stand behind the record.
+    }
+  }
 
  private:
   uint64_t take(int width);

@@ -11,6 +11,7 @@
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCSPSParser.h"
 #include "parameters/ParameterSetWalk.h"
+#include "parameters/SetRules.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 
@@ -84,6 +85,7 @@ constexpr Scan hevcScan{
              .headerBytesInRbsp = 2,
              .pictureSize = NALUnitParser::parseSPSResolution,
              .identifier = parseHEVCParameterSetID,
+             .isReadable = nullptr,
              .report = reportHEVCSet},
     .vote = {.smallestLength = 3, .checksType = false},
     .prefix = "",
@@ -98,7 +100,8 @@ constexpr Scan avcScan{
     .sets = {.codec = avcNALCodec,
              .headerBytesInRbsp = 0,
              .pictureSize = avcPictureSize,
-             .identifier = nullptr,
+             .identifier = parseAVCParameterSetID,
+             .isReadable = nullptr,
              .report = reportAVCSet},
     .vote = {.smallestLength = 2, .checksType = true},
     .prefix = "AVC: ",
@@ -194,7 +197,7 @@ void warnOfSeveralDescriptions(const std::set<uint32_t>& indices) {
 
 std::vector<SampleInfo> findSyncSamples(FileHandle& file, const Scan& scan) {
   log("{}Locating moov box...", scan.prefix);
-  auto moov = MP4BoxUtils::findBox(file, "moov", remuxSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) throw MP4RemuxError::corruptedMP4("moov box not found");
   log("{}Locating video track stbl...", scan.prefix);
   auto stbl = NALUnitParser::findVideoTrackStbl(file, *moov);
@@ -204,7 +207,7 @@ std::vector<SampleInfo> findSyncSamples(FileHandle& file, const Scan& scan) {
   if (scan.warnsOfSeveralDescriptions) warnOfSeveralDescriptions(table.usedSampleDescriptionIndices());
   auto samples = table.syncSamplesOnly();
   log("{}Found {} sync samples to scan", scan.prefix, samples.size());
-  if (samples.empty()) throw NALUnitParserError::noParameterSetsFound();
+  if (samples.empty()) throw NALUnitParserError::noParameterSetsFound("there is no sync sample");
   return samples;
 }
 
@@ -217,8 +220,10 @@ ExtractedParameterSets extract(FileManager& files, const Path& fileURL, const Sc
       detectLengthSize(*file, voters.first(std::min(NALUnitParser::votingSamples, voters.size())), scan);
   result.sets = scanSamples(*file, samples, result.nalLengthSize, scan);
   ParameterSets& sets = result.sets;
-  bool lacksVPS = scan.sets.codec.vpsType && sets.vpsArray.empty();
-  if (lacksVPS || sets.spsArray.empty() || sets.ppsArray.empty()) throw NALUnitParserError::noParameterSetsFound();
+  dropTooLongSets(sets);
+  if (auto missing = missingKinds(sets, scan.sets.codec); !missing.empty()) {
+    throw NALUnitParserError::noParameterSetsFound(missing);
+  }
   sets.isCollectionComplete = true;
   scan.reportResult(sets, samples.size());
   return result;

@@ -21,9 +21,10 @@ struct ExtractedParameterSets {
 /// state; each call reads the file for itself. Of a sample no more is read than the front that ParameterSetWalk walks.
 class NALUnitParser {
  public:
-  /// Throws MP4RemuxError (fileNotFound; ioError for a file that cannot be opened; corruptedMP4 without a `moov` within
-  /// the first 209,715,200 bytes or a video track with an `stbl`), NALUnitParserError, and what the sample table
-  /// parser throws. HEVC needs VPS, SPS and PPS ahead of the first slice; AVC needs SPS and PPS.
+  /// Throws MP4RemuxError (fileNotFound; ioError for a file that cannot be opened; corruptedMP4 without a `moov` or
+  /// a video track with an `stbl`), NALUnitParserError, and what the sample table
+  /// parser throws. HEVC needs VPS, SPS and PPS ahead of the first slice; AVC needs SPS and PPS. Sets
+  /// that no sample entry can hold, for their length, do not count.
   static ExtractedParameterSets extractParameterSets(FileManager& files, const Path& fileURL);
   static ExtractedParameterSets extractAVCParameterSets(FileManager& files, const Path& fileURL);
 

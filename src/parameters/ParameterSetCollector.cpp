@@ -2,14 +2,15 @@
 
 #include "parameters/ProfileTierLevel.h"
 #include "parameters/RBSPReading.h"
+#include "parameters/SetRules.h"
 
 namespace tarn {
 
-NALUnitParserError::NALUnitParserError(Case kind, const char* description)
+NALUnitParserError::NALUnitParserError(Case kind, const std::string& description)
     : Error("NALUnitParser", -1, description), kind_(kind) {}
 
-NALUnitParserError NALUnitParserError::noParameterSetsFound() {
-  return {Case::noParameterSetsFound, "No complete parameter sets found in the video's sync samples"};
+NALUnitParserError NALUnitParserError::noParameterSetsFound(const std::string& missing) {
+  return {Case::noParameterSetsFound, "No complete parameter sets found in the video's sync samples: " + missing};
 }
 
 NALUnitParserError NALUnitParserError::tooManyParameterSets() {
@@ -39,11 +40,14 @@ void ParameterSetCollector::processNALUnit(Bytes originalNAL) {
   uint8_t type = rules_.codec.type(originalNAL[0]);
   auto kind = rules_.codec.parameterSetKind(type);
   if (!kind || known_.contains(textOf(originalNAL))) return;
-  bytes_ += originalNAL.size();
-  if (bytes_ > mostBytes) throw NALUnitParserError::tooManyParameterSets();
-
   size_t size = originalNAL.size();
   Bytes cleanedNAL = removeEmulationPrevention(originalNAL);
+  if (rules_.isReadable != nullptr && (size > longestStoredSet || !rules_.isReadable(*kind, cleanedNAL))) {
+    ++unreadable_;
+    return;
+  }
+  bytes_ += size;
+  if (bytes_ > mostBytes) throw NALUnitParserError::tooManyParameterSets();
   auto& kept = units(*kind);
   kept.push_back(std::move(originalNAL));
   known_.insert(textOf(kept.back()));  // the bytes stay in place when the array grows

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <unordered_set>
@@ -24,7 +25,7 @@ struct ParameterSets {
   std::vector<Bytes> spsRbspArray;  ///< for each SPS, in the same order: without emulation prevention; the HEVC header
                                     ///< of 2 bytes is kept, the AVC header of 1 byte dropped
   std::vector<PictureSize> spsResolutions;     ///< of each SPS whose size could be read, so not aligned with spsArray
-  bool requiresMultipleSampleEntries = false;  ///< an identifier came again with other bytes; HEVC only
+  bool requiresMultipleSampleEntries = false;  ///< an identifier came again with other bytes
   bool hasResolutionChanges = false;           ///< two SPS state different sizes
   bool isCollectionComplete = false;           ///< each kind that the codec has was found
 };
@@ -40,13 +41,14 @@ class NALUnitParserError : public Error {
     tooManyParameterSets,  ///< more bytes of distinct sets than any real stream has
   };
 
-  static NALUnitParserError noParameterSetsFound();
+  /// `missing` names the kinds, "no VPS, no PPS".
+  static NALUnitParserError noParameterSetsFound(const std::string& missing);
   static NALUnitParserError tooManyParameterSets();
 
   Case kind() const { return kind_; }
 
  private:
-  NALUnitParserError(Case kind, const char* description);
+  NALUnitParserError(Case kind, const std::string& description);
   Case kind_;
 };
 
@@ -66,6 +68,8 @@ struct ParameterSetRules {
   std::optional<PictureSize> (*pictureSize)(ByteView cleanedSPS);
   /// The identifier of a set, from its bytes behind the NAL header; null where identifiers are not tracked.
   uint32_t (*identifier)(ParameterSetKind kind, ByteView payload);
+  /// False for a set, without emulation prevention, that no decoder can read; null where all are taken.
+  bool (*isReadable)(ParameterSetKind kind, ByteView cleanedNAL);
   /// Tells the log of a set that was added, the `count`-th of its kind; `size` is that of an SPS. Null for silence.
   void (*report)(ParameterSetKind kind, size_t bytes, const std::optional<PictureSize>& size, size_t count);
 };
@@ -86,6 +90,9 @@ class ParameterSetCollector {
   /// `mostBytes` bytes of distinct sets.
   void processNALUnit(Bytes originalNAL);
 
+  /// So many units were left out, since no decoder can read them or no sample entry can hold them.
+  size_t unreadable() const { return unreadable_; }
+
   ParameterSets take() && { return std::move(sets_); }
 
  private:
@@ -98,6 +105,7 @@ class ParameterSetCollector {
   std::unordered_set<std::string_view> known_;  // the bytes of every unit in sets_
   std::set<PSKey> keys_;
   size_t bytes_ = 0;
+  size_t unreadable_ = 0;
 };
 
 }  // namespace tarn

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
@@ -75,24 +76,49 @@ class BoxCopier {
   BoxCopier(FileHandle& source, FileHandle& target, RemuxTimings& timings)
       : source_(source), target_(target), timings_(timings) {}
 
-  void copy(const MP4BoxInfo& moov, ByteView newMoov) {
-    uint64_t fileSize = source_.seekToEnd();
-    FileBoxWalker walker(source_, 0, fileSize, boxwalk::topLevel);
+  /// Returns the ranges that were copied.
+  std::vector<CopiedRange> copy(const MediaLayout& layout, const MP4BoxInfo& moov, ByteView newMoov) {
+    FileBoxWalker walker(source_, 0, layout.end, boxwalk::topLevelScan);
     while (auto box = walker.next()) {
+      const uint64_t target = target_.offset();
+      bool isCopied = true;
       if (box->offset == moov.offset) {
         writeMoov(newMoov, moov.size);
+        isCopied = false;
       } else if (box->type == "mdat") {
         copyMdat(*box);
       } else if (box->size <= copyChunk) {
-        copySmall(*box);
+        isCopied = copySmall(*box);
       } else {
         copyLarge(*box);
       }
+      if (isCopied) note({.from = box->offset, .to = target, .size = box->size});
     }
-    requireWhole(walker, fileSize);
+    if (layout.end < layout.fileSize) copyTail(layout.end, layout.fileSize - layout.end);
+    return std::move(copied_);
   }
 
  private:
+  void note(const CopiedRange& range) {
+    if (!copied_.empty()) {
+      CopiedRange& last = copied_.back();
+      if (last.from + last.size == range.from && last.to + last.size == range.to) {
+        last.size += range.size;
+        return;
+      }
+    }
+    copied_.push_back(range);
+  }
+
+  /// What is no box and stands behind the last one.
+  void copyTail(uint64_t offset, uint64_t size) {
+    Stopwatch watch(timings_.writeOtherBoxes);
+    note({.from = offset, .to = target_.offset(), .size = size});
+    source_.seek(offset);
+    if (source_.copyRange(target_, size) < size) throw MP4RemuxError::writeError("Failed to copy the end of the file");
+    log("Wrote {} bytes at {} that are no box", size, offset);
+  }
+
   void writeMoov(ByteView newMoov, uint64_t oldSize) {
     Stopwatch watch(timings_.writeMoov);
     target_.write(newMoov);
@@ -111,17 +137,19 @@ class BoxCopier {
     log("Wrote mdat box ({} bytes)", box.size);
   }
 
-  void copySmall(const BoxHeader& box) {
+  /// False where the box is lost.
+  bool copySmall(const BoxHeader& box) {
     Stopwatch watch(timings_.writeOtherBoxes);
     Bytes bytes = readSmall(box);
     if (bytes.empty()) {
       log("WARNING: Failed to read {} box at offset {}", box.type, box.offset);
       // What stands behind it must not move: chunk offsets are corrected for the moov alone.
       target_.write(freeSpace(static_cast<size_t>(box.size)));
-      return;
+      return false;
     }
     target_.write(bytes);
     log("Wrote {} box ({} bytes)", box.type, box.size);
+    return true;
   }
 
   /// A `free` box (ISO/IEC 14496-12 8.1.2) of so many bytes; zeros where they do not make a box.
@@ -155,6 +183,7 @@ class BoxCopier {
   FileHandle& source_;
   FileHandle& target_;
   RemuxTimings& timings_;
+  std::vector<CopiedRange> copied_;
 };
 
 std::unique_ptr<FileHandle> createTempFile(FileManager& files, const Path& path) {
@@ -174,7 +203,8 @@ void MP4Remuxer::adjustChunkOffsets(std::span<uint8_t> moovData, const ChunkOffs
 }
 
 void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
-                                Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings) {
+                                Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings,
+                                const RewriteCheck& check) {
   RemuxTimings unused;
   RemuxTimings& times = timings ? *timings : unused;
   Path tempURL = files.temporaryDirectory() / (makeUUID() + ".mp4");
@@ -192,12 +222,13 @@ void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, c
 
   TempFile tempFile(files, tempURL);
   auto target = createTempFile(files, tempURL);
-  BoxCopier(fileHandle, *target, times).copy(moovBox, newMoovData);
+  const std::vector<CopiedRange> copied = BoxCopier(fileHandle, *target, times).copy(layout, moovBox, newMoovData);
   logLine("Finished writing all top-level boxes");
 
   timer.start();
   target->synchronize();
   target->close();
+  if (check) check(tempURL, copied);
   fileHandle.close();
   files.replaceItem(sourceFileURL, tempURL);
   tempFile.keep();

@@ -5,9 +5,12 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/MP4RemuxError.h"
+#include "parameters/ConfigurationRecord.h"
+#include "parameters/SetRules.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/OpenFile.h"
+#include "remux/VideoEntries.h"
 #include "remux/VisualSampleEntry.h"
 
 namespace tarn {
@@ -48,7 +51,7 @@ MP4BoxInfo requireVideoTrack(FileHandle& file, const MP4BoxInfo& moov) {
 }
 
 MP4BoxInfo requireStsd(FileHandle& file) {
-  auto moov = MP4Remuxer::findBox(file, "moov", topLevelSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) throw MP4RemuxError::corruptedMP4("moov box not found");
   MP4BoxInfo box = requireVideoTrack(file, *moov);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
@@ -102,6 +105,17 @@ void logScanStop(const BoxWalkStop& stop) {
   }
 }
 
+/// True for the contents of an `avcC` with at least one SPS and one PPS that a decoder can read.
+bool hasParameterSets(ByteView contents) {
+  VideoEntry entry;
+  try {
+    readAVCRecord(contents, entry);
+  } catch (const ConfigurationBoxError&) {
+    return false;
+  }
+  return isComplete(entry.sets, avcNALCodec);
+}
+
 /// The size of the entry's first usable `avcC`. A record needs 7 bytes (ISO/IEC 14496-15 5.3.3.1), header apart.
 std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
   constexpr size_t start = entryInContents + visualSampleEntryFixedSize;
@@ -110,11 +124,18 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
   while (auto child = walker.next()) {
     log("AVC Phase 1: Found child box '{}' at offset {}, size {}", child->type, child->offset, child->size);
     if (child->type != "avcC") continue;
-    if (child->size >= smallestAvcC) {
-      log("AVC Phase 1: Found valid avcC box (size {} bytes)", child->size);
-      return child->size;
+    if (child->size < smallestAvcC) {
+      log("AVC Phase 1: WARNING - Found avcC box but size too small ({} bytes)", child->size);
+      continue;
     }
-    log("AVC Phase 1: WARNING - Found avcC box but size too small ({} bytes)", child->size);
+    ByteView box =
+        ByteView(entry.contents).subspan(static_cast<size_t>(child->offset), static_cast<size_t>(child->size));
+    if (!hasParameterSets(box.subspan(8))) {
+      log("AVC Phase 1: WARNING - Found avcC box without parameter sets ({} bytes)", child->size);
+      continue;
+    }
+    log("AVC Phase 1: Found valid avcC box (size {} bytes)", child->size);
+    return child->size;
   }
   logScanStop(walker.stop());
   return std::nullopt;
@@ -124,7 +145,7 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
 
 std::optional<std::string> MP4Remuxer::detectHEVCTag(FileManager& files, const Path& fileURL) {
   auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
-  auto box = MP4Remuxer::findBox(*file, "moov", topLevelSearchLimit);
+  auto box = MP4BoxUtils::findTopLevelBox(*file, "moov");
   if (box) box = MP4BoxUtils::findTrack(*file, *box, MP4TrackType::video);
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
     if (box) box = MP4BoxUtils::findChildBox(*file, *box, type);

@@ -10,10 +10,13 @@
 
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
+#include "parameters/HEVCConfigurationSegment.h"
 #include "pipeline/CancellationToken.h"
 #include "pipeline/RemuxTimingHelper.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
+#include "presentation/RewriteCheck.h"
+#include "remux/VideoPlan.h"
 
 namespace tarn {
 
@@ -44,30 +47,34 @@ class MP4Remuxer {
   /// The same of a given `stsd`. Moves the file's position.
   static std::optional<std::string> readVideoCodecFromStsd(FileHandle& file, const MP4BoxInfo& stsd);
 
-  /// The repair without a rewrite: a first sample entry "avc3" that holds an `avcC` of at least 15 bytes becomes
-  /// "avc1", 4 bytes in the file itself, flushed. True when the entry needs nothing more; false for HEVC and when
-  /// there is no such `avcC`. Throws fileNotFound, ioError, corruptedMP4 and, for another codec, unsupportedFormat.
-  /// `codecTag` is what the caller found; the tag is read again.
+  /// The repair without a rewrite: a first sample entry "avc3" that holds an `avcC` with at least one SPS and one PPS
+  /// that a decoder can read becomes "avc1", 4 bytes in the file itself, flushed. True when the entry needs nothing
+  /// more; false for HEVC and when there is no such `avcC`. Throws fileNotFound, ioError, corruptedMP4 and, for another
+  /// codec, unsupportedFormat. `codecTag` is what the caller found; the tag is read again.
   static bool remuxAVCTag(FileManager& files, const Path& fileURL, std::string_view codecTag);
 
   // --- Parameter sets out of the bitstream (ISO/IEC 14496-15 5.3.3, 8.3.3) ---
 
   /// Takes the parameter sets out of the samples, puts a complete configuration box into the video track's first
   /// sample entry, whatever box was there, and replaces the file; no sample byte changes. A stream that one entry
-  /// cannot describe, since its picture size changes or (HEVC) an identifier comes again with other content, gets
-  /// several; see below. For AVC the tag repair is tried first and, where it does, is all. An empty `timings` becomes a
-  /// record of zeros and is filled. The token, which may be null, is looked at before the scan, before the `moov` is
-  /// edited and, where there is one entry, before the file is written.
+  /// cannot describe, since its picture size changes or an identifier comes again with other content, gets several; see
+  /// below. For AVC the tag repair is tried first and, where it does, is all. A caller who has a plan of the kind
+  /// rebuilds or splits hands it over: its sets are then used, nothing is scanned and no tag repair is tried. An empty
+  /// `timings` becomes a record of zeros and is filled. The token, which may be null, is looked at before the scan,
+  /// before the `moov` is edited and, where there is one entry, before the file is written. A new `moov` that is
+  /// byte for byte the old one is not written. `check` is called as RewriteCheck says.
   ///
   /// Throws CancellationError; MP4RemuxError: fileNotFound, writeError where the temporary directory's file system has
   /// not more than twice the file's size free, corruptedMP4, unsupportedFormat for another codec, ioError;
   /// NALUnitParserError, ConfigurationBoxError, and what the sample table parser throws.
   static void remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
                                                const CancellationToken* cancellationToken,
-                                               std::optional<RemuxTimings>& timings);
+                                               std::optional<RemuxTimings>& timings, const VideoPlan* plan = nullptr,
+                                               const RewriteCheck& check = {});
   static void remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view codecTag,
                                               const CancellationToken* cancellationToken,
-                                              std::optional<RemuxTimings>& timings);
+                                              std::optional<RemuxTimings>& timings, const VideoPlan* plan = nullptr,
+                                              const RewriteCheck& check = {});
 
   /// The `moov` with the box as the first child of the video track's first sample entry, and the entry's tag "hvc1"
   /// ("encv" stays; its `frma` says "hvc1") or "avc1". Older configuration boxes and what stands behind a damaged child
@@ -88,18 +95,24 @@ class MP4Remuxer {
 
   // --- Streams that change: one sample entry for each configuration (ISO/IEC 14496-12 8.5.2, 8.7.4) ---
 
-  /// Gives the video track one sample entry for each run of samples that share their parameter sets, each made from
-  /// the entry of the first sync sample, and makes each sample a chunk of its own that names its run's entry. Only
-  /// `stsd`, `stsc` and the chunk offsets of the track change; the size in `tkhd` stays. `moovData` is the whole `moov`
-  /// that stands at `moovBox` in the file, `fileHandle` the file open for reading, which is closed before the file is
-  /// replaced. Fills `timings`. Throws MP4RemuxError, ByteArrayError, ConfigurationBoxError, PosixError,
-  /// VisualSampleEntryBuilderError, and what the sample table parser and the detection of the runs throw.
+  /// Gives the video track one sample entry for each segment, a run of samples with the same parameter sets in force,
+  /// each made from the entry of the segment's first sync sample, and makes each sample a chunk of its own that names
+  /// its segment's entry. Segments that are not given are found in the stream, with the sets of the sample entry in
+  /// force at the start. Only `stsd`, `stsc` and the chunk offsets of the track change; the size in `tkhd` stays.
+  /// `moovData` is the whole `moov` that stands at `moovBox` in the file, `fileHandle` the file open for reading, which
+  /// is closed before the file is replaced. A `moov` that stays the same is not written. Fills `timings`. Throws
+  /// MP4RemuxError, ByteArrayError, ConfigurationBoxError, PosixError, VisualSampleEntryBuilderError, and what the
+  /// sample table parser and the detection of the segments throw.
   static void remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                              ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                             std::optional<RemuxTimings>& timings);
+                                             std::optional<RemuxTimings>& timings,
+                                             const std::vector<ConfigurationSegment>& segments = {},
+                                             const RewriteCheck& check = {});
   static void remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                                 ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                                std::optional<RemuxTimings>& timings);
+                                                std::optional<RemuxTimings>& timings,
+                                                const std::vector<ConfigurationSegment>& segments = {},
+                                                const RewriteCheck& check = {});
 
   /// A box inside a buffer, in bytes; it lies in the buffer whole.
   struct BoxRange {
@@ -127,11 +140,13 @@ class MP4Remuxer {
 
   /// Writes the file anew in the temporary directory, its top-level boxes in their order and `newMoovData` in the place
   /// of the `moov` at `moovBox`, and replaces it in one step. Chunk offsets in `newMoovData`, which are those of the
-  /// source, are corrected for media that move. `fileHandle` is the source, open for reading; it is closed before the
-  /// replace. On failure the source is as it was and no temporary file is left. Throws writeError, corruptedMP4,
-  /// ioError and PosixError.
+  /// source, are corrected for media that move. Bytes behind the last whole box are copied as they are. `fileHandle` is
+  /// the source, open for reading; it is closed before the replace. `check` is called with the finished file. On
+  /// failure the source is as it was and no temporary file is left. Throws writeError, corruptedMP4, ioError,
+  /// PosixError, and what the check throws.
   static void writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
-                             Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings);
+                             Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings,
+                             const RewriteCheck& check = {});
 };
 
 }  // namespace tarn

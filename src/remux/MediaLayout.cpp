@@ -1,5 +1,10 @@
 #include "remux/MediaLayout.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "mp4/BoxWalker.h"
 #include "mp4/MP4RemuxError.h"
 #include "remux/OpenFile.h"
 
@@ -11,31 +16,28 @@ constexpr uint64_t longestHeader = 16;
 }  // namespace
 
 ChunkOffsetShift MediaLayout::shift(const MP4BoxInfo& moov, int64_t delta) const {
-  if (!isMdatBehindMoov) return {};
+  if (!isMdatBehindMoov && !isTailBehindMoov) return {};
   return {.delta = delta, .movesFrom = isMoovFirst(moov) ? 0 : moov.end()};
 }
 
 MediaLayout findMediaLayout(FileHandle& file, const MP4BoxInfo& moov) {
-  MediaLayout layout;
-  uint64_t fileSize = file.seekToEnd();
-  FileBoxWalker walker(file, 0, fileSize, boxwalk::topLevel);
+  MediaLayout layout{.fileSize = file.seekToEnd()};
+  FileBoxWalker walker(file, 0, layout.fileSize, boxwalk::topLevelScan);
   while (auto box = walker.next()) {
-    if (box->type != "mdat") continue;
+    const bool isMdat = box->type == "mdat";
+    layout.isMdatCut = isMdat && box->end() > layout.fileSize;
+    if (box->end() > layout.fileSize && !isMdat) break;
+    layout.end = std::min(box->end(), layout.fileSize);
+    if (!isMdat) continue;
     if (!layout.firstMdat) layout.firstMdat = box->offset;
-    layout.isMdatBehindMoov = box->offset > moov.offset;
-    if (layout.isMdatBehindMoov) return layout;
+    layout.isMdatBehindMoov = layout.isMdatBehindMoov || box->offset > moov.offset;
   }
-  requireWhole(walker, fileSize);
+  if (walker.stop().reason == BoxWalkStop::Reason::unreadable && layout.fileSize - layout.end >= longestHeader) {
+    throw fileHandleError(fmt::format("Cannot read the box header at {}", layout.end));
+  }
+  layout.isTailBehindMoov = layout.end < layout.fileSize;
+  if (layout.end < moov.end()) throw MP4RemuxError::corruptedMP4(fmt::format("no box begins at {}", layout.end));
   return layout;
-}
-
-void requireWhole(const FileBoxWalker& walker, uint64_t fileSize) {
-  using Reason = BoxWalkStop::Reason;
-  const BoxWalkStop& stop = walker.stop();
-  if (stop.reason == Reason::badSize) throw MP4RemuxError::corruptedMP4("a top-level box has a size that cannot be");
-  if (stop.reason == Reason::unreadable && fileSize - stop.offset >= longestHeader) {
-    throw fileHandleError("Cannot read box header");
-  }
 }
 
 }  // namespace tarn

@@ -3,17 +3,20 @@
 #include <cstdint>
 #include <optional>
 
-#include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
 
-/// How a file's media lie to its `moov`.
+/// Where a file's media are, seen from its `moov`, and where its boxes end.
 struct MediaLayout {
   std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
   bool isMdatBehindMoov = false;      ///< the first, or a later one
+  bool isTailBehindMoov = false;      ///< bytes behind the `moov` that are no box
+  bool isMdatCut = false;             ///< the file ends inside an `mdat`
+  uint64_t end = 0;                   ///< of the last box that is whole or an `mdat`; what follows is no box
+  uint64_t fileSize = 0;
 
   bool isMoovFirst(const MP4BoxInfo& moov) const { return firstMdat && moov.offset < *firstMdat; }
 
@@ -22,11 +25,8 @@ struct MediaLayout {
   ChunkOffsetShift shift(const MP4BoxInfo& moov, int64_t delta) const;
 };
 
-/// Walks the top-level boxes. Moves the file's position; throws PosixError, and what requireWhole throws.
+/// Walks the top-level boxes. Moves the file's position. Throws PosixError, corruptedMP4 where the boxes end ahead of
+/// the `moov`, and ioError where a header cannot be read.
 MediaLayout findMediaLayout(FileHandle& file, const MP4BoxInfo& moov);
-
-/// For a walk over the top-level boxes that came to its end: a tail that is too short for a header is no box, anything
-/// else that was not walked is a failure. Throws corruptedMP4 and ioError.
-void requireWhole(const FileBoxWalker& walker, uint64_t fileSize);
 
 }  // namespace tarn

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -9,10 +10,13 @@
 #include "parameters/HEVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationSegment.h"
 #include "parameters/NALUnitParser.h"
+#include "parameters/SetRules.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/MediaLayout.h"
+#include "remux/RemuxCodec.h"
 #include "remux/SampleTableReplacement.h"
+#include "remux/VideoEntries.h"
 #include "remux/VisualSampleEntry.h"
 #include "remux/VisualSampleEntryBuilder.h"
 
@@ -23,12 +27,13 @@ using Segments = std::vector<ConfigurationSegment>;
 
 /// All that one codec has of its own.
 struct Codec {
+  const RemuxCodec& remux;
   std::string_view heading;
   std::string_view prefix;  ///< of the log lines
   std::string_view tag;     ///< of the new sample entries
   bool logsDetails;         ///< tells of the template and of the new tables
   Segments (*detectSegments)(FileHandle& file, std::span<const SampleInfo> syncSamples, int nalLengthSize,
-                             int64_t totalSampleCount);
+                             int64_t totalSampleCount, const ParameterSets& ofSampleEntry);
   Bytes (*buildConfigBox)(const ConfigurationSegment& segment, int nalLengthSize);
   /// The size that the segment's entry shall state; nothing where that of the template stays.
   std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number);
@@ -37,11 +42,13 @@ struct Codec {
 };
 
 Bytes buildHvcC(const ConfigurationSegment& s, int nalLengthSize) {
-  return HEVCConfigurationBox(s.vpsSet, s.spsSet, s.ppsSet, s.spsRbspSet, nalLengthSize, true).buildHvcCBox();
+  return HEVCConfigurationBox(s.sets.vpsArray, s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize,
+                              true)
+      .buildHvcCBox();
 }
 
 Bytes buildAvcC(const ConfigurationSegment& s, int nalLengthSize) {
-  return AVCConfigurationBox(s.spsSet, s.ppsSet, s.spsRbspSet, nalLengthSize).buildAvcCBox();
+  return AVCConfigurationBox(s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize).buildAvcCBox();
 }
 
 bool isEmpty(const PictureSize& size) {
@@ -49,8 +56,8 @@ bool isEmpty(const PictureSize& size) {
 }
 
 std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number) {
-  if (segment.spsRbspSet.empty()) return std::nullopt;
-  auto size = NALUnitParser::parseSPSResolution(segment.spsRbspSet.front());
+  if (segment.sets.spsRbspArray.empty()) return std::nullopt;
+  auto size = NALUnitParser::parseSPSResolution(segment.sets.spsRbspArray.front());
   if (!size) {
     log("  WARNING: Could not parse SPS resolution for segment {}", number);
     return std::nullopt;
@@ -65,14 +72,15 @@ std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, 
 }
 
 std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/) {
-  if (segment.spsRbspSet.empty()) return std::nullopt;
-  auto size = AVCConfigurationBox::parseSPSResolution(segment.spsRbspSet.front());
+  if (segment.sets.spsRbspArray.empty()) return std::nullopt;
+  auto size = AVCConfigurationBox::parseSPSResolution(segment.sets.spsRbspArray.front());
   if (!size || isEmpty(*size)) return std::nullopt;
   log("  AVC Segment resolution: {}x{}", size->width, size->height);
   return size;
 }
 
-constexpr Codec hevc{
+const Codec hevc{
+    .remux = hevcRemux,
     .heading = "\n=== Multiple Sample Entries Remuxing (Option 2) ===",
     .prefix = "",
     .tag = "hvc1",
@@ -83,7 +91,8 @@ constexpr Codec hevc{
     .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewHvcC,
 };
 
-constexpr Codec avc{
+const Codec avc{
+    .remux = avcRemux,
     .heading = "\n=== AVC Multiple Sample Entries Remuxing ===",
     .prefix = "AVC: ",
     .tag = "avc1",
@@ -101,9 +110,12 @@ class Redescription {
                 const Codec& codec)
       : moovBox_(moovBox), moov_(moov), nalLengthSize_(nalLengthSize), file_(file), timings_(timings), codec_(codec) {}
 
-  Bytes buildNewMoov() {
-    Segments segments = detectSegments();
-    std::vector<Bytes> entries = buildEntries(segments, findTemplate());
+  /// Detects the segments where none are given.
+  Bytes buildNewMoov(Segments segments) {
+    parseTable();
+    if (segments.empty()) segments = detectSegments();
+    for (ConfigurationSegment& segment : segments) dropTooLongSets(segment.sets);
+    std::vector<Bytes> entries = buildEntries(segments);
     rebuildTables(segments, entries);
     table_ = {};
 
@@ -116,42 +128,57 @@ class Redescription {
   }
 
  private:
-  Segments detectSegments() {
+  void parseTable() {
     TimingHelper timer;
     log("{}Parsing sample table...", codec_.prefix);
     stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
     table_.parseSampleTable(file_, {.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset});
-    auto syncSamples = table_.syncSamplesOnly();
-    if (!syncSamples.empty()) firstSyncSample_ = syncSamples.front().index;
+    stsd_ = MP4Remuxer::extractStsdBoxFromMoov(moov_);
     timings_.parseSampleTable = timer.stop();
-    log("{}Total samples: {}, sync samples: {}", codec_.prefix, table_.sampleSizes().size(), syncSamples.size());
+  }
 
-    timer.start();
+  Segments detectSegments() {
+    TimingHelper timer;
+    auto syncSamples = table_.syncSamplesOnly();
+    log("{}Total samples: {}, sync samples: {}", codec_.prefix, table_.sampleCount(), syncSamples.size());
     log("{}Detecting configuration segments...", codec_.prefix);
-    auto total = static_cast<int64_t>(table_.sampleSizes().size());
-    Segments segments = codec_.detectSegments(file_, syncSamples, nalLengthSize_, total);
+    ParameterSets atStart;
+    if (!syncSamples.empty()) atStart = setsOfEntry(descriptionOf(syncSamples.front().index));
+    int64_t total = table_.sampleCount();
+    Segments segments = codec_.detectSegments(file_, syncSamples, nalLengthSize_, total, atStart);
     timings_.detectSegments = timer.stop();
     log("{}Detected {} configuration segment(s)", codec_.prefix, segments.size());
     return segments;
   }
 
-  /// The sample entry that the first sync sample has now.
-  Bytes findTemplate() {
-    log("{}Extracting original sample entry template...", codec_.prefix);
-    Bytes stsd = MP4Remuxer::extractStsdBoxFromMoov(moov_);
-    int64_t description = table_.sampleDescriptionIndex(firstSyncSample_).value_or(1);
+  int64_t descriptionOf(int64_t sample) const { return table_.sampleDescriptionIndex(sample).value_or(1); }
+
+  /// The sets in the configuration box of an entry, 1-based; none where it has no complete ones.
+  ParameterSets setsOfEntry(int64_t description) {
+    const MP4BoxInfo stbl{.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset};
+    auto stsd = MP4BoxUtils::findChildBox(file_, stbl, "stsd");
+    auto entries = stsd ? readVideoEntries(file_, *stsd, codec_.remux) : std::vector<VideoEntry>();
+    if (description < 1 || static_cast<uint64_t>(description) > entries.size()) return {};
+    ParameterSets& sets = entries[static_cast<size_t>(description) - 1].sets;
+    return isComplete(sets, codec_.remux.readableSets.codec) ? std::move(sets) : ParameterSets();
+  }
+
+  /// The sample entry that a segment has now.
+  Bytes findTemplate(const ConfigurationSegment& segment) {
+    int64_t description = descriptionOf(segment.firstSyncSampleIndex);
     if (codec_.logsDetails) {
       log("Using sample description index {} (entry {}) as template", description, description - 1);
     }
-    return VisualSampleEntryBuilder::extractSampleEntry(stsd, description - 1);
+    return VisualSampleEntryBuilder::extractSampleEntry(stsd_, description - 1);
   }
 
-  std::vector<Bytes> buildEntries(const Segments& segments, const Bytes& original) {
+  std::vector<Bytes> buildEntries(const Segments& segments) {
     TimingHelper timer;
     log("{}Building {} sample entries...", codec_.prefix, segments.size());
     std::vector<Bytes> entries;
     for (size_t i = 0; i < segments.size(); ++i) {
       log("{}Building sample entry {}/{}...", codec_.prefix, i + 1, segments.size());
+      Bytes original = findTemplate(segments[i]);
       Bytes configBox = codec_.buildConfigBox(segments[i], nalLengthSize_);
       auto size = codec_.pictureSize(segments[i], i + 1);
       entries.push_back(codec_.cloneEntry(original, configBox, codec_.tag, size));
@@ -181,7 +208,7 @@ class Redescription {
   ChunkOffsetShift shiftWithShortOffsets(const std::vector<Bytes>& entries) {
     uint64_t stsd = stsdEntriesInBox;
     for (const Bytes& entry : entries) stsd += entry.size();
-    uint64_t stco = 16 + 4 * uint64_t{table_.sampleSizes().size()};
+    uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
     uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
     return findMediaLayout(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size));
   }
@@ -195,18 +222,23 @@ class Redescription {
 
   MP4Remuxer::BoxRange stbl_;
   MP4SampleTableParser table_;
-  int64_t firstSyncSample_ = 0;
+  Bytes stsd_;
   Bytes stsc_;
   Bytes chunkOffsets_;
 };
 
 void remux(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize,
-           FileHandle& file, std::optional<RemuxTimings>& timings, const Codec& codec) {
+           FileHandle& file, std::optional<RemuxTimings>& timings, const Segments& segments, const RewriteCheck& check,
+           const Codec& codec) {
   logLine(codec.heading);
   if (!timings) timings.emplace();
-  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov();
+  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov(segments);
+  if (std::ranges::equal(newMoov, moov)) {
+    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    return;
+  }
   TimingHelper timer;
-  MP4Remuxer::writeAtomicMP4(files, fileURL, moovBox, std::move(newMoov), file, timings);
+  MP4Remuxer::writeAtomicMP4(files, fileURL, moovBox, std::move(newMoov), file, timings, check);
   timings->writeAtomicMP4 = timer.stop();
 }
 
@@ -214,14 +246,18 @@ void remux(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, B
 
 void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                                 ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                                std::optional<RemuxTimings>& timings) {
-  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, hevc);
+                                                std::optional<RemuxTimings>& timings,
+                                                const std::vector<ConfigurationSegment>& segments,
+                                                const RewriteCheck& check) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, hevc);
 }
 
 void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                                    ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                                   std::optional<RemuxTimings>& timings) {
-  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, avc);
+                                                   std::optional<RemuxTimings>& timings,
+                                                   const std::vector<ConfigurationSegment>& segments,
+                                                   const RewriteCheck& check) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, avc);
 }
 
 }  // namespace tarn

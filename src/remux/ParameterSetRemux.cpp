@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "mp4/DataExtensions.h"
 #include "mp4/MoovCheck.h"
@@ -11,6 +12,7 @@
 #include "remux/MP4Remuxer.h"
 #include "remux/OpenFile.h"
 #include "remux/RemuxCodec.h"
+#include "remux/VideoPlan.h"
 
 namespace tarn {
 namespace {
@@ -57,15 +59,14 @@ Bytes readBox(FileHandle& file, const MP4BoxInfo& box) {
 
 /// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
 Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
-  file.seek(0);
-  auto box = MP4Remuxer::findBox(file, "moov", remuxSearchLimit);
+  auto box = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
   if (box->headerSize != 8) throw MP4RemuxError::corruptedMP4("moov box has a 64-bit size field");
   Bytes bytes = readBox(file, *box);
   if (bytes.size() < box->size) throw MP4RemuxError::corruptedMP4("moov box extends beyond the end of the file");
   if (box->size > UINT32_MAX) throw MP4RemuxError::corruptedMP4("moov box does not fit a 32-bit size field");
   writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
-  if (auto problem = whatForbidsEditing(bytes)) throw MP4RemuxError::corruptedMP4(*problem);
+  if (auto problem = whatForbidsEditingTheWay(bytes)) throw MP4RemuxError::corruptedMP4(*problem);
   log("{}Read moov box ({} bytes)", codec.prefix, bytes.size());
   return {*std::move(box), std::move(bytes)};
 }
@@ -84,61 +85,105 @@ bool needsSeveralEntries(const ParameterSets& sets, const RemuxCodec& codec) {
   if (sets.hasResolutionChanges) {
     log("{}INFO: Video has dynamic resolution changes: {}", codec.donePrefix, pictureSizes(sets));
   }
-  if (sets.requiresMultipleSampleEntries) logLine("INFO: Parameter set IDs are reused with different content");
+  if (sets.requiresMultipleSampleEntries) {
+    log("{}INFO: Parameter set IDs are reused with different content", codec.donePrefix);
+  }
   return sets.hasResolutionChanges || sets.requiresMultipleSampleEntries;
 }
 
-void remux(FileManager& files, const Path& fileURL, const CancellationToken* token,
-           std::optional<RemuxTimings>& timings, const RemuxCodec& codec) {
-  log("{}{}", codec.prefix, codec.startText);
-  if (!timings) timings.emplace();
-  throwIfCancelled(token);
-  if (!files.fileExists(fileURL)) throw MP4RemuxError::fileNotFound();
-  checkDiskSpace(files, requireSize(files, fileURL), codec);
+/// What a remux works with from start to end.
+struct Work {
+  FileManager& files;
+  const Path& fileURL;
+  const CancellationToken* token;
+  RemuxTimings& timings;
+  const RemuxCodec& codec;
+  const VideoPlan* plan;  ///< null where the worker scans the stream for itself
+  const RewriteCheck& check;
+};
 
-  if (codec.triesTagRepair) {
-    log("{}Attempting Phase 1 first...", codec.prefix);
-    if (MP4Remuxer::remuxAVCTag(files, fileURL, codec.inBandTag)) {
-      log("{}Phase 1 succeeded, no full remux needed", codec.prefix);
-      return;
-    }
-    log("{}Phase 1 failed, proceeding with full Phase 2 remux...", codec.prefix);
+/// What the new sample entries shall hold.
+struct Contents {
+  ExtractedParameterSets extracted;            ///< of one entry
+  std::vector<ConfigurationSegment> segments;  ///< of several; empty where they are still to be found
+  bool areSeveral = false;
+};
+
+Contents findContents(const Work& work) {
+  if (const VideoPlan* plan = work.plan) {
+    if (plan->segments.empty()) throw MP4RemuxError::unsupportedFormat("The plan has no new sample entries");
+    Contents contents{.extracted = {plan->segments.front().sets, plan->nalLengthSize},
+                      .segments = plan->segments,
+                      .areSeveral = plan->kind == VideoPlan::Kind::splits};
+    contents.extracted.sets.isCollectionComplete = true;
+    return contents;
   }
-
   TimingHelper timer;
-  log("{}{}", codec.prefix, codec.extractText);
-  ExtractedParameterSets extracted = codec.extract(files, fileURL);
-  timings->parameterExtraction = timer.stop();
-  throwIfCancelled(token);
+  log("{}{}", work.codec.prefix, work.codec.extractText);
+  Contents contents{.extracted = work.codec.extract(work.files, work.fileURL)};
+  work.timings.parameterExtraction = timer.stop();
+  contents.areSeveral = needsSeveralEntries(contents.extracted.sets, work.codec);
+  return contents;
+}
 
-  timer.start();
-  log("{}Reading MP4 structure...", codec.prefix);
-  auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
-  Moov moov = readMoov(*file, codec);
-  timings->readMoov = timer.stop();
-  if (needsSeveralEntries(extracted.sets, codec)) {
-    logLine(codec.severalEntriesText);
-    timings->isMultipleSampleEntries = true;
-    codec.remuxWithSeveralEntries(files, fileURL, moov.box, moov.bytes, extracted.nalLengthSize, *file, timings);
-    logLine(codec.severalEntriesDone);
-    return;
-  }
-
-  timer.start();
+/// The `moov` with the only configuration in the first sample entry.
+Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets& extracted) {
+  const RemuxCodec& codec = work.codec;
+  TimingHelper timer;
   log("{}Building {}...", codec.prefix, codec.recordName);
   Bytes configBox = codec.buildConfigBox(extracted);
-  timings->buildHvcC = timer.stop();
+  work.timings.buildHvcC = timer.stop();
   log("{}Built {} box ({} bytes)", codec.prefix, codec.configBox, configBox.size());
 
   timer.start();
   Bytes newMoov = injectConfigBoxIntoMoov(moov.bytes, configBox, codec);
-  timings->injectHvcC = timer.stop();
+  work.timings.injectHvcC = timer.stop();
   auto delta = static_cast<int64_t>(newMoov.size()) - static_cast<int64_t>(moov.bytes.size());
   log("{}Modified moov box ({} bytes, delta: +{})", codec.prefix, newMoov.size(), delta);
-  throwIfCancelled(token);
+  return newMoov;
+}
 
+/// True where the tag alone was to be repaired, and is.
+bool repairTag(const Work& work) {
+  if (work.plan != nullptr || !work.codec.triesTagRepair) return false;
+  log("{}Attempting Phase 1 first...", work.codec.prefix);
+  bool isDone = MP4Remuxer::remuxAVCTag(work.files, work.fileURL, work.codec.inBandTag);
+  log("{}{}", work.codec.prefix,
+      isDone ? "Phase 1 succeeded, no full remux needed" : "Phase 1 failed, proceeding with full Phase 2 remux...");
+  return isDone;
+}
+
+void remux(const Work& work, std::optional<RemuxTimings>& timings) {
+  const RemuxCodec& codec = work.codec;
+  log("{}{}", codec.prefix, codec.startText);
+  throwIfCancelled(work.token);
+  if (!work.files.fileExists(work.fileURL)) throw MP4RemuxError::fileNotFound();
+  checkDiskSpace(work.files, requireSize(work.files, work.fileURL), codec);
+  if (repairTag(work)) return;
+  const Contents contents = findContents(work);
+  throwIfCancelled(work.token);
+
+  TimingHelper timer;
+  log("{}Reading MP4 structure...", codec.prefix);
+  auto file = openFile(work.files, work.fileURL, OpenMode::reading, "Cannot open file");
+  const Moov moov = readMoov(*file, codec);
+  timings->readMoov = timer.stop();
+  if (contents.areSeveral) {
+    logLine(codec.severalEntriesText);
+    timings->isMultipleSampleEntries = true;
+    codec.remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize,
+                                  *file, timings, contents.segments, work.check);
+    logLine(codec.severalEntriesDone);
+    return;
+  }
+  Bytes newMoov = buildMoov(work, moov, contents.extracted);
+  throwIfCancelled(work.token);
+  if (newMoov == moov.bytes) {
+    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    return;
+  }
   timer.start();
-  MP4Remuxer::writeAtomicMP4(files, fileURL, moov.box, std::move(newMoov), *file, timings);
+  MP4Remuxer::writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
   timings->writeAtomicMP4 = timer.stop();
   log("{}Phase 2 complete: Video remuxed successfully", codec.donePrefix);
 }
@@ -147,14 +192,18 @@ void remux(FileManager& files, const Path& fileURL, const CancellationToken* tok
 
 void MP4Remuxer::remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
                                                   const CancellationToken* cancellationToken,
-                                                  std::optional<RemuxTimings>& timings) {
-  remux(files, fileURL, cancellationToken, timings, hevcRemux);
+                                                  std::optional<RemuxTimings>& timings, const VideoPlan* plan,
+                                                  const RewriteCheck& check) {
+  if (!timings) timings.emplace();
+  remux({files, fileURL, cancellationToken, *timings, hevcRemux, plan, check}, timings);
 }
 
 void MP4Remuxer::remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/,
                                                  const CancellationToken* cancellationToken,
-                                                 std::optional<RemuxTimings>& timings) {
-  remux(files, fileURL, cancellationToken, timings, avcRemux);
+                                                 std::optional<RemuxTimings>& timings, const VideoPlan* plan,
+                                                 const RewriteCheck& check) {
+  if (!timings) timings.emplace();
+  remux({files, fileURL, cancellationToken, *timings, avcRemux, plan, check}, timings);
 }
 
 }  // namespace tarn

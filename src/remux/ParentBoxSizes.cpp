@@ -7,6 +7,7 @@
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/MoovSearch.h"
 
 namespace tarn {
 namespace {
@@ -22,9 +23,9 @@ std::vector<PathBox> pathTo(std::string_view last, ByteView moov, size_t trak) {
   std::vector<PathBox> path = {{"trak", trak}};
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
     if (path.back().type == last) break;
-    auto found = MP4BoxUtils::findBoxOffsets(moov, type, path.back().offset + 8, std::nullopt, false);
-    if (found.empty()) throw MP4RemuxError::corruptedMP4(std::string(type) + " not found in " + path.back().type);
-    path.push_back({type, found.front()});
+    auto found = findFirstBox(moov, type, path.back().offset + 8, moov.size());
+    if (!found) throw MP4RemuxError::corruptedMP4(std::string(type) + " not found in " + path.back().type);
+    path.push_back({type, *found});
   }
   return path;
 }

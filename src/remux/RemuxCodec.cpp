@@ -2,6 +2,7 @@
 
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationBox.h"
+#include "parameters/SetRules.h"
 #include "remux/MP4Remuxer.h"
 
 namespace tarn {
@@ -43,6 +44,8 @@ MP4RemuxError notAVC(const std::string& tag) {
 const RemuxCodec hevcRemux{
     .prefix = "",
     .donePrefix = "",
+    .readableSets = hevcReadableSets,
+    .readRecord = readHEVCRecord,
     .configBox = "hvcC",
     .oldConfigBoxes = {"hvcC", "hevC"},
     .tag = "hvc1",
@@ -55,6 +58,7 @@ const RemuxCodec hevcRemux{
     .diskAdvice = " Please free up space and try again.",
     .extractText = "Extracting VPS/SPS/PPS from video bitstream...",
     .recordName = "HEVCDecoderConfigurationRecord",
+    .detectNALLengthSize = NALUnitParser::detectNALLengthSize,
     .extract = NALUnitParser::extractParameterSets,
     .buildConfigBox = buildHvcC,
     .noVideoTrack = noHEVCVideoTrack,
@@ -67,6 +71,8 @@ const RemuxCodec hevcRemux{
 const RemuxCodec avcRemux{
     .prefix = "AVC: ",
     .donePrefix = "AVC ",
+    .readableSets = avcReadableSets,
+    .readRecord = readAVCRecord,
     .configBox = "avcC",
     .oldConfigBoxes = {"avcC", "avcC"},
     .tag = "avc1",
@@ -79,6 +85,7 @@ const RemuxCodec avcRemux{
     .diskAdvice = "",
     .extractText = "Extracting SPS/PPS from video bitstream...",
     .recordName = "AVCDecoderConfigurationRecord",
+    .detectNALLengthSize = NALUnitParser::detectAVCNALLengthSize,
     .extract = NALUnitParser::extractAVCParameterSets,
     .buildConfigBox = buildAvcC,
     .noVideoTrack = noAVCVideoTrack,
@@ -87,5 +94,12 @@ const RemuxCodec avcRemux{
     .severalEntriesDone = "AVC Phase 2 complete: Video remuxed with multiple sample entries",
     .remuxWithSeveralEntries = MP4Remuxer::remuxAVCWithMultipleSampleEntries,
 };
+
+const RemuxCodec* remuxCodecOfTag(std::string_view tag) {
+  for (const RemuxCodec* codec : {&hevcRemux, &avcRemux}) {
+    if (tag == codec->tag || tag == codec->inBandTag) return codec;
+  }
+  return nullptr;
+}
 
 }  // namespace tarn

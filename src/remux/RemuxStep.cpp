@@ -3,8 +3,10 @@
 #include <optional>
 #include <string>
 
+#include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/VideoPlan.h"
 
 namespace tarn {
 namespace {
@@ -20,19 +22,58 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
-void remux(ProcessingRun& run, std::string_view codec, const std::string& tag) {
+void rewrite(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optional<RemuxTimings>& timings) {
+  if (isHEVC) {
+    MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings, &plan);
+  } else {
+    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, plan.newTag, run.token.get(), timings, &plan);
+  }
+  for (const std::string& loss : plan.losses) run.warn(loss);
+}
+
+void follow(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optional<RemuxTimings>& timings) {
+  switch (plan.kind) {
+    case VideoPlan::Kind::leavesAlone:
+      log("The video is left alone: {}", plan.reason);
+      break;
+    case VideoPlan::Kind::cannot:
+      run.warn("the video is left as it is: " + plan.reason);
+      break;
+    case VideoPlan::Kind::changesTags:
+      log("The tag is repaired: {}", plan.reason);
+      changeTags(run.files, run.fileURL, plan);
+      break;
+    case VideoPlan::Kind::rebuilds:
+    case VideoPlan::Kind::splits:
+      log("The video's sample entries are made anew: {}", plan.reason);
+      rewrite(run, plan, isHEVC, timings);
+  }
+}
+
+/// True for what the file itself is the cause of, so that trying again would not help.
+bool isOfTheFile(const Error& error) {
+  if (dynamic_cast<const CancellationError*>(&error) || dynamic_cast<const PosixError*>(&error)) return false;
+  const auto* remuxError = dynamic_cast<const MP4RemuxError*>(&error);
+  return !remuxError || remuxError->kind() == MP4RemuxError::Case::corruptedMP4 ||
+         remuxError->kind() == MP4RemuxError::Case::unsupportedFormat;
+}
+
+void remux(ProcessingRun& run, const std::string& tag) {
+  const bool isHEVC = tag == "hev1" || tag == "hvc1";
+  const std::string_view codec = isHEVC ? "HEVC" : "AVC";
   log("Remuxing {} video (codec: {})...", codec, tag);
   run.timer.start();
   std::optional<RemuxTimings> timings = RemuxTimings();
   try {
-    if (codec == "HEVC") {
-      MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings);
-    } else {
-      MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, tag, run.token.get(), timings);
-    }
+    TimingHelper timer;
+    const auto plan = planVideo(run.files, run.fileURL);
+    timings->parameterExtraction = timer.stop();
+    if (plan) follow(run, *plan, isHEVC, timings);
   } catch (const Error& error) {
     log("ERROR during {} remuxing: {}", codec, error.description());
-    throw;
+    if (!isOfTheFile(error)) throw;
+    run.warn("the video is left as it is: " + error.description());
+    return;
   }
   run.timings.hevcRemuxTotal = run.timer.stop();
   if (timings) run.timings.hevcRemuxing = *timings;
@@ -46,10 +87,8 @@ void RemuxStep::run(ProcessingRun& run) {
   run.updateProcessingStage(ProcessingStage::remuxing);
   if (auto tag = detectCodec(run)) {
     log("Detected video codec in continueProcessing: {}", *tag);
-    if (*tag == "hev1" || *tag == "hvc1") {
-      remux(run, "HEVC", *tag);
-    } else if (*tag == "avc1" || *tag == "avc3") {
-      remux(run, "AVC", *tag);
+    if (*tag == "hev1" || *tag == "hvc1" || *tag == "avc1" || *tag == "avc3") {
+      remux(run, *tag);
     } else {
       log("Codec {} does not require remuxing", *tag);
     }

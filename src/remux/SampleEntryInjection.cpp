@@ -7,6 +7,7 @@
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/MoovSearch.h"
 #include "remux/RemuxCodec.h"
 #include "remux/VisualSampleEntry.h"
 
@@ -28,9 +29,9 @@ struct Entry {
 
 Entry findEntry(ByteView moov, const RemuxCodec& codec) {
   if (moov.size() < 8) throw ByteArrayError::invalidOffset();
-  size_t tracks = MP4BoxUtils::findBoxOffsets(moov, "trak", 8, std::nullopt, false).size();
+  size_t tracks = findBoxes(moov, "trak", 8, moov.size()).size();
   if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak boxes found in moov");
-  auto trak = MP4BoxUtils::findTrakOffset(moov, MP4TrackType::video);
+  auto trak = findVideoTrak(moov);
   if (!trak) throw codec.noVideoTrack(tracks);
 
   size_t stsd = MP4Remuxer::findStsdOffsetInTrak(moov, *trak);

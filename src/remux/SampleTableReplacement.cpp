@@ -10,6 +10,7 @@
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/MoovSearch.h"
 #include "remux/VisualSampleEntry.h"
 
 namespace tarn {
@@ -86,9 +87,9 @@ uint64_t sizeOfNewStbl(ByteView stbl, uint64_t stsd, uint64_t stsc, uint64_t chu
 }
 
 MP4Remuxer::BoxRange MP4Remuxer::findStblBoxInMoov(ByteView moovData) {
-  size_t tracks = MP4BoxUtils::findBoxOffsets(moovData, "trak", 8, std::nullopt, false).size();
+  size_t tracks = findBoxes(moovData, "trak", 8, moovData.size()).size();
   if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak found in moov");
-  auto trak = MP4BoxUtils::findTrakOffset(moovData, MP4TrackType::video);
+  auto trak = findVideoTrak(moovData);
   if (!trak) {
     throw MP4RemuxError::corruptedMP4(
         fmt::format("Video trak not found in moov (only found {} non-video tracks)", tracks));
@@ -97,9 +98,9 @@ MP4Remuxer::BoxRange MP4Remuxer::findStblBoxInMoov(ByteView moovData) {
   size_t box = *trak;
   std::string_view parent = "trak";
   for (std::string_view type : {"mdia", "minf", "stbl"}) {
-    auto found = MP4BoxUtils::findBoxOffsets(moovData, type, box + 8, end, false);
-    if (found.empty()) throw MP4RemuxError::corruptedMP4(fmt::format("{} not found in video {}", type, parent));
-    box = found.front();
+    auto found = findFirstBox(moovData, type, box + 8, end);
+    if (!found) throw MP4RemuxError::corruptedMP4(fmt::format("{} not found in video {}", type, parent));
+    box = *found;
     parent = type;
   }
   size_t size = *readUInt32(moovData, box);
@@ -149,7 +150,7 @@ Bytes MP4Remuxer::replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteVi
 Bytes MP4Remuxer::buildMoovWithMultipleEntries(ByteView originalMoov, const std::vector<Bytes>& newSampleEntries,
                                                ByteView newStscBox, ByteView newChunkOffsetBox) {
   auto [offset, size] = findStblBoxInMoov(originalMoov);
-  auto trak = MP4BoxUtils::findTrakOffset(originalMoov, MP4TrackType::video);
+  auto trak = findVideoTrak(originalMoov);
   if (!trak) throw MP4RemuxError::unsupportedFormat("No video track found in moov");
   logLine("NOTE: Preserving original tkhd dimensions for dynamic resolution video");
   Bytes stbl = replaceBoxesInStbl(originalMoov.subspan(offset, size), buildStsdBox(newSampleEntries), newStscBox,

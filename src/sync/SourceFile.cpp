@@ -19,8 +19,7 @@ std::unique_ptr<FileHandle> openSourceFile(FileManager& files, const Path& fileU
 }
 
 MP4BoxInfo requireMoov(FileHandle& file) {
-  file.seek(0);
-  auto moov = MP4BoxUtils::findBox(file, "moov", topLevelSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) throw AVSyncError::corruptedMP4("moov box not found");
   return *moov;
 }

@@ -1,3 +1,4 @@
+#include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
 #include "support/BoxBuilder.h"
 #include "support/FileTest.h"
@@ -16,11 +17,10 @@ std::string text(const std::optional<MP4BoxInfo>& box) {
 TEST_F(BoxSearch, FindsBoxesWithLongHeadersAndOpenEnds) {
   auto file = open(joined(
       {box("free"), longBox("moov", {longBox("trak", {mediaBox("vide")})}), boxClaiming(0, "mdat", {Bytes(100)})}));
-  auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
   EXPECT_EQ(text(moov), "8+73, header 16");
   EXPECT_EQ(text(MP4BoxUtils::findTrack(*file, moov.value(), MP4TrackType::video)), "24+57, header 16");
-  file->seek(0);
-  EXPECT_EQ(text(MP4BoxUtils::findBox(*file, "mdat", topLevelSearchLimit)), "81+108, header 8");
+  EXPECT_EQ(text(MP4BoxUtils::findTopLevelBox(*file, "mdat")), "81+108, header 8");
 }
 
 TEST_F(BoxSearch, SearchLimitBoundsWhereABoxMayBegin) {
@@ -32,11 +32,28 @@ TEST_F(BoxSearch, SearchLimitBoundsWhereABoxMayBegin) {
   }
 }
 
+TEST_F(BoxSearch, OfAWholeFileEndsByItsHeadersAlone) {
+  // Half a terabyte of media, which take no room on the disk.
+  const uint64_t far = uint64_t{1} << 39;
+  open(longBoxClaiming(far, "mdat"));
+  auto file = files_.open(file_, OpenMode::updating);
+  file->seek(far);
+  file->write(box("moov"));
+  EXPECT_EQ(MP4BoxUtils::findTopLevelBox(*file, "moov").value().offset, far);
+
+  for (size_t ahead : {MP4BoxUtils::mostTopLevelHeaders - 1, MP4BoxUtils::mostTopLevelHeaders}) {
+    Bytes boxes;
+    for (size_t i = 0; i < ahead; ++i) ByteWriter(boxes).bytes(box("free"));
+    ByteWriter(boxes).bytes(box("moov"));
+    EXPECT_EQ(MP4BoxUtils::findTopLevelBox(*open(boxes), "moov").has_value(), ahead < MP4BoxUtils::mostTopLevelHeaders);
+  }
+}
+
 TEST_F(BoxSearch, PassesOverTracksWithoutAHandler) {
   Bytes cut = box("hdlr", {Bytes(11)});
   auto file = open(box("moov", {box("trak"), box("trak", {box("mdia")}), box("trak", {box("mdia", {cut})}),
                                 box("trak", {mediaBox("soun")}), box("trak", {mediaBox("vide")})}));
-  auto moov = MP4BoxUtils::findBox(*file, "moov", topLevelSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
   EXPECT_EQ(text(MP4BoxUtils::findTrack(*file, moov.value(), MP4TrackType::audio)), "67+49, header 8");
   auto video = MP4BoxUtils::findTrack(*file, *moov, MP4TrackType::video);
   EXPECT_EQ(text(video), "116+49, header 8");

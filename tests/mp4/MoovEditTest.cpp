@@ -54,6 +54,16 @@ TEST(MoovCheck, RefusesWhatABufferWalkWouldMiss) {
       box("moov", {trackBox("vide", {boxClaiming(100, "stco")}), box("free", {Bytes(200)})}),
   };
   for (const Bytes& moov : cases) EXPECT_NE(whatForbidsEditing(moov), std::nullopt) << testing::PrintToString(moov);
+
+  // An editor that steps over odd boxes beside the way minds those on it alone, and offsets behind them move too.
+  for (const Bytes& beside : {longBox("udta"), box("\xFF\xFF\xFF\xFF")}) {
+    Bytes moov = box("moov", {beside, trackBox("vide", {beside, fullBox("stco", {1, 5})})});
+    EXPECT_EQ(whatForbidsEditingTheWay(moov), std::nullopt);
+    ChunkOffsetTable::adjustAllInMoov(moov, {.delta = 7});
+    EXPECT_EQ(moov, box("moov", {beside, trackBox("vide", {beside, fullBox("stco", {1, 12})})}));
+  }
+  EXPECT_EQ(whatForbidsEditingTheWay(cases[0]),
+            "trak box at 8 of the moov lies at or behind a box without a plain 32-bit size or type, at 8");
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ TEST_F(SampleTable, FindsEachSample) {
   auto table = parse({stsz_, stsc_, stco_});
   EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(100, 110, 500));
   EXPECT_EQ(table.sampleInfo(1), (SampleInfo{1, 110, 20, true}));
-  EXPECT_THAT(table.cumulativeSampleSizes(), ElementsAre(0, 10, 30, 60));
+  EXPECT_EQ(table.sizeOfFirst(2), 30u);
   EXPECT_THAT(table.chunkStartSampleIndex(), ElementsAre(0, 2));
   EXPECT_THAT(table.samplesInChunk(), ElementsAre(2, 1));
   for (int64_t outside : {3, -1}) {
@@ -75,7 +75,10 @@ TEST_F(SampleTable, KnowsSyncSamples) {
     auto samples = parse({stsz, stsc, stco, none}).syncSamplesOnly();
     EXPECT_EQ(std::ranges::count(samples, true, &SampleInfo::isSyncSample), 6);
   }
-  EXPECT_THROW(parse({stsz, stsc, stco, fullBox("stss", {1, 7})}).syncSamplesOnly(), Error);
+  // Numbers behind the last sample are left out.
+  EXPECT_THAT(offsetsOf(parse({stsz, stsc, stco, fullBox("stss", {3, 2, 7, UINT32_MAX})}).syncSamplesOnly()),
+              ElementsAre(104));
+  EXPECT_TRUE(log_.contains("Skipping 2 numbers of the stss that lie behind the last sample, 6"));
 }
 
 TEST_F(SampleTable, DamageIsAFailureWithWords) {
@@ -85,7 +88,8 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
       {{stsz_, stsc_}, "Neither stco nor co64 found"},
       {{box("stsz"), stsc_, stco_}, "Cannot read stsz"},
       {{box("stsz", {Bytes(3)}), stsc_, stco_}, "too short for version and flags"},
-      {{fullBox("stsz", {0, UINT32_MAX, 10}), stsc_, stco_}, "the data end"},
+      {{fullBox("stsz", {0, UINT32_MAX, 10}), stsc_, stco_},
+       "the data end before what they must hold: the stsz at 8 needs 4294967295 values of 4 bytes and holds 4 bytes"},
       {{fullBox("stsz", {1, UINT32_MAX}), stsc_, stco_}, "more bytes than the file holds"},
       {{stsz_, fullBox("stsc", {UINT32_MAX, 1, 2, 1}), stco_}, "the data end"},
       {{stsz_, fullBox("stsc", {2, 2, 1, 1, 1, 1, 1}), stco_}, "out of order"},
@@ -102,7 +106,11 @@ TEST_F(SampleTable, DamageIsAFailureWithWords) {
   }
   // A box that claims more than the file holds takes no memory for it.
   EXPECT_THROW(parse({stsc_, stco_, boxClaiming(UINT32_MAX, "stsz", {values({0, 0, 0x3F000000, 1})})}), ByteArrayError);
-  EXPECT_THROW(parse({fullBox("stsz", {1, 2'000'000}), stsc_, stco_}, 2'000'000), Error);
+  // Samples of one size take no room; a list of all of them has a limit.
+  auto many = parse(
+      {fullBox("stsz", {1, 20'000'000}), fullBox("stsc", {1, 1, 20'000'000, 1}), fullBox("stco", {1, 80})}, 20'000'000);
+  EXPECT_EQ(many.sampleInfo(19'999'999).fileOffset, 80u + 19'999'999);
+  EXPECT_EQ(failureOf([&] { many.allSamples(); }), "stsz promises 20000000 samples, of which 16777216 can be listed");
 }
 
 TEST_F(SampleTable, RebuildsOneSampleAChunk) {

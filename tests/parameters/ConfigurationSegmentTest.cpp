@@ -32,9 +32,9 @@ class Segments : public FileTest {
 std::string summary(const std::vector<ConfigurationSegment>& segments) {
   std::string text;
   for (const auto& s : segments) {
-    EXPECT_EQ(s.spsRbspSet.size(), s.spsSet.size());
-    text += fmt::format("{}-{}:{}/{}/{} ", s.startSampleIndex, s.endSampleIndex, s.vpsSet.size(), s.spsSet.size(),
-                        s.ppsSet.size());
+    EXPECT_EQ(s.sets.spsRbspArray.size(), s.sets.spsArray.size());
+    text += fmt::format("{}-{}:{}/{}/{} ", s.startSampleIndex, s.endSampleIndex, s.sets.vpsArray.size(),
+                        s.sets.spsArray.size(), s.sets.ppsArray.size());
   }
   return text;
 }
@@ -52,7 +52,13 @@ TEST_F(Segments, BeginWhereTheSetsChange) {
       {true, {{5, a}, {50, b}}, "0-49:1/1/1 50-99:1/1/1 "},
       {true, {{0, a}, {50, sampleOf({pps, vps, sps, slice})}}, "0-99:1/1/1 "},
       {true, {{0, a}, {30, b}, {60, a}}, "0-29:1/1/1 30-59:1/1/1 60-99:1/1/1 "},
-      {true, {{0, a}, {30, none}, {60, a}}, "0-29:1/1/1 30-59:0/0/0 60-99:1/1/1 "},
+      // The sets in force go on where a sample carries none, or some of them; they are those of the first that has any.
+      {true, {{0, a}, {30, none}, {60, a}}, "0-99:1/1/1 "},
+      {true, {{0, none}, {30, a}, {60, sampleOf({pps, slice})}}, "0-99:1/1/1 "},
+      {true, {{0, a}, {30, none}, {60, b}, {90, none}}, "0-59:1/1/1 60-99:1/1/1 "},
+      // One kind alone takes the place of the same identifier.
+      {true, {{0, a}, {30, sampleOf({hevcPPS(0, 9), slice})}}, "0-29:1/1/1 30-99:1/1/1 "},
+      {true, {{0, a}, {30, sampleOf({hevcPPS(1, 9), slice})}}, "0-29:1/1/1 30-99:1/1/2 "},
       {true, only({pps, vps, pps, sps, slice}), "0-99:1/1/1 "},
       {true, only({sei, vps, sei, sps, slice}), "0-99:1/1/0 "},
       {true, only({vps, slice, sps, pps}), "0-99:1/0/0 "},
@@ -73,15 +79,15 @@ TEST_F(Segments, BeginWhereTheSetsChange) {
                             "Scanning 3 IRAP samples to detect configuration changes..."}),
               testing::IsEmpty());
 
-  auto runs = detect(true, {{0, a}, {30, none}, {60, a}}, 100);
+  auto runs = detect(true, {{0, a}, {30, b}, {60, a}}, 100);
   EXPECT_EQ(runs[0].fingerprint, runs[2].fingerprint);
-  EXPECT_EQ(runs[1].fingerprint, std::string(64, '0'));
+  EXPECT_EQ(detect(true, {{0, none}}, 1).at(0).fingerprint, std::string(64, '0'));
   // 00 00 03 01: the SPS holds an emulation prevention byte, which is part of the fingerprint and not of the RBSP.
   const Bytes stored = {0x67, 1, 0, 0, 3, 1, 2};
   auto segment = detect(false, {{0, sampleOf({stored, {0x68, 9}})}}, 1).at(0);
   EXPECT_EQ(segment.fingerprint, "2949b309d084eac5aee7c5b6409c7c40b51ba4dd678a4680f3cfc0f26104bfa4");
-  EXPECT_THAT(segment.spsSet, ElementsAre(stored));
-  EXPECT_THAT(segment.spsRbspSet, ElementsAre(Bytes{1, 0, 0, 1, 2}));
+  EXPECT_THAT(segment.sets.spsArray, ElementsAre(stored));
+  EXPECT_THAT(segment.sets.spsRbspArray, ElementsAre(Bytes{1, 0, 0, 1, 2}));
 }
 
 TEST_F(Segments, FailWithoutSyncSamplesAndBeyondAllMeasure) {
@@ -91,7 +97,8 @@ TEST_F(Segments, FailWithoutSyncSamplesAndBeyondAllMeasure) {
     for (int64_t i = 0; i < 150; ++i) {
       Bytes pps(200'000, isHEVC ? 0x44 : 0x68);
       pps.back() = static_cast<uint8_t>(i);
-      many.push_back({i, sampleOf({pps})});
+      many.push_back(
+          {i, isHEVC ? sampleOf({hevcVPS(0, 1), HEVCSPS{}.bytes(), pps}) : sampleOf({AVCSPS{}.bytes(), pps})});
     }
     const std::string codec = isHEVC ? "" : "AVC ";
     EXPECT_EQ(failureOf([&] { detect(isHEVC, {}, 200); }), "No " + codec + "configuration segments detected");

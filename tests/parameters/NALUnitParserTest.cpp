@@ -111,7 +111,7 @@ TEST_F(NALUnits, AVCSetsAreFoundBehindSlicesAsFarAsTheSearchGoes) {
   EXPECT_EQ(sets.spsRbspArray[1], (Bytes{0, 0, 1}));
   EXPECT_EQ(sets.spsResolutions, (std::vector<PictureSize>{{1920, 1088}, {1920, 1080}}));
   EXPECT_TRUE(sets.hasResolutionChanges);
-  EXPECT_FALSE(sets.requiresMultipleSampleEntries);
+  EXPECT_TRUE(sets.requiresMultipleSampleEntries);  // all three SPS have the identifier 0
   EXPECT_TRUE(log_.contains("AVC: Found PPS (1 bytes)"));
   EXPECT_TRUE(log_.contains(fmt::format("AVC: Found SPS ({} bytes) - resolution: 1920x1080", otherSPS.size())));
 }
@@ -182,15 +182,19 @@ Bytes movieOf(const Bytes& sample) {
 TEST_F(NALUnits, FilesWithoutUsableTracksAreRefusedInTheirOwnWords) {
   const std::string noMoov = MP4RemuxError::corruptedMP4("moov box not found").description();
   const std::string noStbl = MP4RemuxError::corruptedMP4("Video track stbl not found").description();
-  const std::string noSets = NALUnitParserError::noParameterSetsFound().description();
+  auto lacks = [](const std::string& kinds) { return NALUnitParserError::noParameterSetsFound(kinds).description(); };
+  Bytes tooLong = pps;
+  tooLong.resize(65536, 0xAA);
   // A movie, and how it fails as HEVC and as AVC.
   const std::tuple<Bytes, std::string, std::string> cases[] = {
       {box("mdat", {Bytes(100)}), noMoov, noMoov},
       {box("moov", {trackBox("soun", {})}), noStbl, noStbl},
       {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}), noStbl, noStbl},
-      {movieOf(sampleOf({sps, pps, slice})), noSets, noSets},
-      {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), noSets, ""},
-      {movieOf(sampleOf({vps, sps, pps, slice})), "", noSets},
+      {movieOf(sampleOf({sps, pps, slice})), lacks("no VPS"), lacks("no SPS, no PPS")},
+      {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), lacks("no VPS, no SPS, no PPS"), ""},
+      {movieOf(sampleOf({vps, sps, pps, slice})), "", lacks("no SPS, no PPS")},
+      {movieOf(sampleOf({vps, sps, tooLong, slice})), lacks("no PPS"), lacks("no SPS, no PPS")},
+      {movieOf(sampleOf({vps, sps, tooLong, pps, slice})), "", lacks("no SPS, no PPS")},
   };
   for (const auto& [movie, asHEVC, asAVC] : cases) {
     write(movie);

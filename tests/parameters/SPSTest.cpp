@@ -61,6 +61,10 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
   const std::pair<AVCSPS, PictureSize> cases[] = {
       {{.cropBottom = 4}, {1920, 1080}},
       {{.framesOnly = false}, {1920, 2176}},
+      {{.heightInMapUnits = 5, .framesOnly = false, .cropBottom = 6}, {1920, 136}},
+      {{.chromaFormat = 2, .framesOnly = false, .cropRight = 1, .cropBottom = 8}, {1918, 2160}},
+      {{.chromaFormat = 0, .cropRight = 1, .cropBottom = 8}, {1919, 1080}},
+      {{.profile = 244, .chromaFormat = 3, .cropRight = 2, .cropBottom = 8}, {1918, 1080}},
       {{.profile = 66, .pictureOrderCountType = 1, .cropRight = 3}, {1914, 1088}},
       {{.profile = 244, .chromaFormat = 3, .scalingLists = true, .pictureOrderCountType = 2}, {1920, 1088}},
       {{.widthInMbs = 1, .cropRight = 100}, {16 - 200, 1088}},

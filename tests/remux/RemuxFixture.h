@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "mp4/DataExtensions.h"
 #include "remux/MP4Remuxer.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
@@ -15,6 +16,26 @@
 namespace tarn::test {
 
 inline const std::string sampleTable = "moov/trak/mdia/minf/stbl";
+
+/// The first track's sample entries with their sizes, its `stsc` rows, and its chunk offset table with the count.
+inline std::string describe(const Bytes& movie) {
+  const Bytes tables = BoxEditor(movie).get(sampleTable);
+  auto field = [&](size_t at) { return *readUInt32(tables, at); };
+  std::string text;
+  for (size_t box = 8, end = 0; box < tables.size(); box = end) {
+    end = box + field(box);
+    std::string_view type = textOf(ByteView(tables).subspan(box + 4, 4));
+    if (type == "stco" || type == "co64") text += fmt::format("{} {} ", type, field(box + 12));
+    for (size_t p = box + 16; p < end && type == "stsd"; p += field(p)) {
+      text += fmt::format("{} {}x{} ", textOf(ByteView(tables).subspan(p + 4, 4)), field(p + 32) >> 16,
+                          field(p + 32) & 0xFFFF);
+    }
+    for (size_t p = box + 16; p < end && type == "stsc"; p += 12) {
+      text += fmt::format("{}/{}/{} ", field(p), field(p + 4), field(p + 8));
+    }
+  }
+  return text;
+}
 
 /// A recipe for 2 s that have their parameter sets in the samples.
 inline VideoRecipe inBand(bool isHEVC, const std::string& size = "192x144") {

@@ -308,7 +308,7 @@ TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
   for (const char* first : {"video", "audio"}) {
     SCOPED_TRACE(first);
     auto handle = open(movie.moov());
-    auto moov = *MP4BoxUtils::findBox(*handle, "moov", topLevelSearchLimit);
+    auto moov = *MP4BoxUtils::findTopLevelBox(*handle, "moov");
     auto ctts = MP4AVSyncFixer::parseVideoTrackInfo(*handle, moov);
     const Bytes list = box("edts", {fullBox("elst", {2, 1, UINT32_MAX, 0x10000, 2, 3, 0x10000})});
     MP4AVSyncFixer::rewriteMoovWithBothEdts(files_, file_, moov,

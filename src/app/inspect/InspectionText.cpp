@@ -5,7 +5,6 @@
 #include <cmath>
 #include <iterator>
 
-#include "app/FailureAdvice.h"
 #include "app/inspect/Inspection.h"
 #include "app/inspect/SoundText.h"
 
@@ -197,7 +196,7 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
   if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
   if (remux.kind == RemuxForecast::Kind::refuses) {
-    out.line("so the repair fails. {}", adviceOn(remux.reason, "The file stays as it is."));
+    out.line("so the repair fails. The file stays as it is.");
   } else {
     out.line("{}",
              inspection.changesFile ? "the result differs from the file" : "the result is the file, byte for byte");

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <limits>
 
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
@@ -107,8 +106,7 @@ void readTopLevel(FileHandle& file, Inspection& inspection) {
 
 std::vector<TrackFacts> readTracks(FileHandle& file) {
   std::vector<TrackFacts> tracks;
-  file.seek(0);
-  auto moov = MP4BoxUtils::findBox(file, "moov", std::numeric_limits<uint64_t>::max());
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) return tracks;
   FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
   while (auto box = walker.next()) {

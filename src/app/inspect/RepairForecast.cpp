@@ -14,17 +14,21 @@
 #include "platform/Error.h"
 #include "presentation/PresentationChange.h"
 #include "remux/RemuxStep.h"
+#include "remux/VideoPlan.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
 namespace {
 
-/// Of a run on trial nobody hears.
-class NoListener : public ProcessingRunListener {
+/// Ignores a run on trial, but for what it warns of.
+class TrialListener : public ProcessingRunListener {
  public:
+  std::string warnings;
+
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
   void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
                        const std::string& /*stage*/) override {}
+  void warned(const std::string& words) override { warnings += (warnings.empty() ? "" : "; ") + words; }
 };
 
 /// The repair of one file on trial, step by step.
@@ -61,6 +65,12 @@ class TrialRun {
       forecast.reason = whyTheVideoIsLeftAlone(trial_, path_);
       return;
     }
+    std::optional<VideoPlan> plan;
+    try {
+      plan = planVideo(trial_, path_);
+    } catch (const Error&) {
+      // The step fails at the same, and says so.
+    }
     try {
       RemuxStep().run(run_);
     } catch (const std::exception& failure) {
@@ -72,30 +82,21 @@ class TrialRun {
     auto result = trial_.open(path_, OpenMode::reading);
     if (auto video = readVideo(*result)) forecast.entries = std::move(video->entries);
     tellWhatWasDone(forecast);
+    if (plan) forecast.reason = plan->reason;
+    if (!forecast.changesFile && !listener_.warnings.empty()) forecast.reason = listener_.warnings;
+    if (plan && forecast.changesFile) forecast.losses = plan->losses;
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
   }
 
   void tellWhatWasDone(RemuxForecast& forecast) {
-    const auto& video = inspection_.video;
-    const std::string tag = video && !video->entries.empty() ? video->entries.front().tag : "";
-    if (run_.timings.hevcRemuxing.isMultipleSampleEntries) {
-      forecast.kind = RemuxForecast::Kind::splits;
-      forecast.reason = video && video->bitstream && video->bitstream->changesPictureSize
-                            ? "the picture size changes in mid-stream"
-                            : "identifiers of parameter sets come again with other content";
-    } else if (trial_.isReplaced(path_)) {
-      forecast.kind = RemuxForecast::Kind::rebuilds;
-      forecast.reason = tag.starts_with("avc") ? "there is no avcC of 15 bytes or more"
-                                               : "HEVC gets its parameter sets out of the samples, whatever it had";
-    } else if (forecast.changesFile) {
-      forecast.kind = RemuxForecast::Kind::changesTag;
-      forecast.reason = "there is an avcC, so avc3 becomes avc1 in the file itself";
-    } else {
-      forecast.kind = RemuxForecast::Kind::leavesAlone;
-      forecast.reason = "it is avc1 with an avcC already";
-    }
+    using Kind = RemuxForecast::Kind;
+    const bool isSplit = run_.timings.hevcRemuxing.isMultipleSampleEntries;
+    forecast.kind = !forecast.changesFile      ? Kind::leavesAlone
+                    : isSplit                  ? Kind::splits
+                    : trial_.isReplaced(path_) ? Kind::rebuilds
+                                               : Kind::changesTag;
   }
 
   /// Bytes that the steps do not take over: of the entry that they copied, and behind the last box.
@@ -122,8 +123,7 @@ class TrialRun {
   }
 
   static uint64_t bytesBesideMoov(FileHandle& file) {
-    file.seek(0);
-    const auto moov = MP4BoxUtils::findBox(file, "moov", remuxSearchLimit);
+    const auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
     return file.seekToEnd() - (moov ? moov->size : 0);
   }
 
@@ -186,7 +186,7 @@ class TrialRun {
   const Path path_;
   SystemClock clock_;
   NamesInTheMaking names_;
-  NoListener listener_;
+  TrialListener listener_;
   ProcessingRun run_;
 };
 

@@ -95,7 +95,7 @@ void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFac
   for (size_t chunk = 0; chunk < starts.size(); ++chunk) {
     const int64_t first = starts[chunk] + 1;
     const int64_t count = table.samplesInChunk()[chunk];
-    const auto samples = static_cast<int64_t>(table.sampleSizes().size());
+    const auto samples = int64_t{table.sampleCount()};
     if (count < 1 || first > samples) continue;
     const uint32_t description = table.sampleDescriptionIndex(first - 1).value_or(0);
     if (description < 1 || description > entries.size()) continue;
@@ -111,16 +111,17 @@ void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFac
 
 /// Counts the samples that end behind the end of the file.
 int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
-  const auto& sums = table.cumulativeSampleSizes();
-  const auto samples = static_cast<int64_t>(table.sampleSizes().size());
+  const auto samples = int64_t{table.sampleCount()};
   int64_t missing = 0;
   for (size_t chunk = 0; chunk < table.chunkStartSampleIndex().size(); ++chunk) {
     const int64_t first = table.chunkStartSampleIndex()[chunk];
     const int64_t count = std::min(table.samplesInChunk()[chunk], samples - first);
     if (count < 1) continue;
     const uint64_t bytesThere = fileSize - std::min(fileSize, table.chunkOffsets()[chunk]);
-    const auto ends = std::span(sums).subspan(static_cast<size_t>(first), static_cast<size_t>(count) + 1);
-    missing += std::ranges::count_if(ends.subspan(1), [&](uint64_t end) { return end - ends.front() > bytesThere; });
+    const uint64_t ahead = table.sizeOfFirst(static_cast<size_t>(first));
+    for (int64_t end = first + count; end > first; --end, ++missing) {
+      if (table.sizeOfFirst(static_cast<size_t>(end)) - ahead <= bytesThere) break;
+    }
   }
   return missing;
 }
@@ -158,8 +159,7 @@ BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table
 }  // namespace
 
 std::optional<VideoFacts> readVideo(FileHandle& file) {
-  file.seek(0);
-  auto moov = MP4BoxUtils::findBox(file, "moov", remuxSearchLimit);
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov || !MP4BoxUtils::findTrack(file, *moov, MP4TrackType::video)) return std::nullopt;
   VideoFacts video;
   auto stbl = NALUnitParser::findVideoTrackStbl(file, *moov);

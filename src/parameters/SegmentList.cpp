@@ -1,0 +1,121 @@
+#include "parameters/SegmentList.h"
+
+#include <fmt/ranges.h>
+
+#include <array>
+#include <string>
+#include <utility>
+
+#include "parameters/SetRules.h"
+#include "platform/Error.h"
+#include "platform/Log.h"
+#include "platform/SHA256.h"
+
+namespace tarn {
+namespace {
+
+/// Bounds memory where a damaged sample table leads from one set to another at every sample: the bytes of all units,
+/// and what holding a unit and a segment takes besides.
+constexpr size_t mostBytes = 24 << 20;
+constexpr size_t bytesPerUnit = 64;
+constexpr size_t bytesPerSegment = 256;
+
+/// The SHA-256 of each unit, one over the other: the order of the units does not matter.
+std::string computeFingerprint(const ParameterSets& sets) {
+  std::array<uint8_t, 32> sum{};
+  for (const auto* units : {&sets.vpsArray, &sets.spsArray, &sets.ppsArray}) {
+    for (const Bytes& unit : *units) {
+      auto digest = sha256(unit);
+      for (size_t i = 0; i < sum.size(); ++i) sum[i] ^= digest[i];
+    }
+  }
+  return fmt::format("{:02x}", fmt::join(sum, ""));
+}
+
+size_t memoryOf(const ParameterSets& sets) {
+  size_t count = bytesPerSegment;
+  for (const auto* units : {&sets.vpsArray, &sets.spsArray, &sets.ppsArray, &sets.spsRbspArray}) {
+    for (const Bytes& unit : *units) count += unit.size() + bytesPerUnit;
+  }
+  return count;
+}
+
+bool isEmpty(const ParameterSets& sets) {
+  return sets.vpsArray.empty() && sets.spsArray.empty() && sets.ppsArray.empty();
+}
+
+}  // namespace
+
+void SegmentList::enterSampleEntry(int64_t sampleIndex, const ParameterSets& sets) {
+  if (segments_.empty()) {
+    putInForce(sampleIndex, sets);
+  } else if (!areAmong(sets, segments_.back().sets)) {
+    bool replacesAll = isComplete(sets, rules_.sets.codec);
+    putInForce(sampleIndex, replacesAll ? sets : merged(segments_.back().sets, sets, rules_.sets));
+  }
+}
+
+void SegmentList::addSyncSample(int64_t sampleIndex, const ParameterSets& carried) {
+  if (segments_.empty()) {
+    putInForce(sampleIndex, carried);
+  } else if (const ParameterSets& last = segments_.back().sets; !areAmong(carried, last)) {
+    bool isJoined = rules_.joinsCompatibleSets && areCompatible(last, carried, rules_.sets);
+    if (isJoined) isLastInUse_ = false;
+    bool replacesAll = !isJoined && isComplete(carried, rules_.sets.codec);
+    putInForce(sampleIndex, replacesAll ? carried : merged(last, carried, rules_.sets));
+  }
+  isLastInUse_ = true;
+}
+
+/// The last segment, which may not stand for itself: no sample needs its sets, or they are no whole configuration.
+bool SegmentList::mayReplaceLast() const {
+  if (segments_.empty()) return false;
+  const ParameterSets& last = segments_.back().sets;
+  if (isEmpty(last) || !isLastInUse_) return true;
+  return rules_.joinsCompatibleSets && !isComplete(last, rules_.sets.codec);
+}
+
+void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
+  bytes_ += memoryOf(sets);
+  if (bytes_ > mostBytes) fail("Too many ", "configuration segments");
+  if (mayReplaceLast()) {
+    bytes_ -= memoryOf(segments_.back().sets);
+    segments_.back().sets = sets;
+    return;
+  }
+  // The samples ahead of the first sync sample have its configuration.
+  int64_t start = segments_.empty() ? 0 : sampleIndex;
+  closeLast(start - 1);
+  segments_.push_back({.startSampleIndex = start, .firstSyncSampleIndex = sampleIndex, .sets = sets});
+  isLastInUse_ = false;
+}
+
+std::vector<ConfigurationSegment> SegmentList::finish(int64_t totalSampleCount) && {
+  closeLast(totalSampleCount - 1);
+  log("\n{}Detected {} configuration segment(s)", rules_.prefix, segments_.size());
+  if (segments_.empty()) fail("No ", "configuration segments detected");
+  return std::move(segments_);
+}
+
+void SegmentList::closeLast(int64_t endSampleIndex) {
+  if (segments_.empty()) return;
+  ConfigurationSegment& last = segments_.back();
+  last.endSampleIndex = endSampleIndex;
+  last.fingerprint = computeFingerprint(last.sets);
+  rules_.reportSegment(segments_.size(), last);
+}
+
+ParameterSets readCarriedSets(FileHandle& file, const SampleInfo& sample, int nalLengthSize, const NALWalkRules& walk,
+                              const ParameterSetRules& rules, size_t* unreadable) {
+  ParameterSetCollector collector(rules);
+  ParameterSetWalk units(file, sample, nalLengthSize, walk);
+  while (auto unit = units.next()) collector.processNALUnit(std::move(*unit));
+  if (unreadable != nullptr) *unreadable += collector.unreadable();
+  return std::move(collector).take();
+}
+
+void SegmentList::fail(std::string_view before, std::string_view after) const {
+  throw Error(rules_.domain, -1, fmt::format("{}{}{}", before, rules_.errorPrefix, after));
+}
+
+}  // namespace tarn

@@ -1,0 +1,359 @@
+#include <algorithm>
+#include <functional>
+
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationBox.h"
+#include "remux/RemuxFixture.h"
+#include "remux/RemuxStep.h"
+#include "support/ParameterSetBuilder.h"
+#include "support/RunRecorder.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+using Units = std::vector<Bytes>;
+using Kind = MovieLayout::Piece::Kind;
+
+/// Keeps what a run warns of.
+struct Warnings : RunRecorder {
+  std::string words;
+  void warned(const std::string& more) override { words += more + "\n"; }
+};
+
+/// The road of a run through the video step.
+class VideoRoad : public RemuxTest {
+ protected:
+  /// Runs the step on a file. Returns what it warns of.
+  std::string follow(const Bytes& movie) {
+    write(movie);
+    Warnings recorder;
+    ProcessingRun run = recorder.runOn(files_, file_);
+    RemuxStep().run(run);
+    expectNothingLeftBehind();
+    return recorder.words;
+  }
+
+  std::string followWritten() { return follow(written()); }
+
+  /// The contents of a movie's only configuration box.
+  Bytes recordOf(const Path& movie, bool isHEVC) {
+    Bytes box = BoxEditor(readFile(files_, movie)).get(sampleTable + (isHEVC ? "/stsd/hev1/hvcC" : "/stsd/avc1/avcC"));
+    return {box.begin() + 8, box.end()};
+  }
+};
+
+/// The parameter sets of one real stream.
+struct Sets {
+  Bytes vps, sps, pps;
+  Units with(Bytes unit) const {
+    Units all = vps.empty() ? Units{sps, pps} : Units{vps, sps, pps};
+    all.push_back(std::move(unit));
+    return all;
+  }
+};
+
+Bytes hvcC(const Units& vps, const Units& sps, const Units& pps) {
+  return HEVCConfigurationBox(vps, sps, pps, {}, 4, true).buildHvcCBox();
+}
+Bytes hvcC(const Sets& sets) {
+  return hvcC({sets.vps}, {sets.sps}, {sets.pps});
+}
+Bytes avcC(const Units& sps, const Units& pps, int lengthSize = 4) {
+  return AVCConfigurationBox(sps, pps, {}, lengthSize).buildAvcCBox();
+}
+
+/// A movie of sync samples, each a chunk with the description of its number.
+Bytes movieOf(const Units& entries, const Units& samples, const std::vector<uint32_t>& descriptions) {
+  Bytes media, sizes, offsets, rows, list;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    ByteWriter(offsets).uint32(static_cast<uint32_t>(8 + media.size()));
+    ByteWriter(sizes).uint32(static_cast<uint32_t>(samples[i].size()));
+    ByteWriter(rows).uint32(static_cast<uint32_t>(i + 1)).uint32(1).uint32(descriptions[i]);
+    ByteWriter(media).bytes(samples[i]);
+  }
+  for (const Bytes& entry : entries) ByteWriter(list).bytes(entry);
+  auto count = static_cast<uint32_t>(samples.size());
+  Bytes stsd = box("stsd", {values({0, static_cast<uint32_t>(entries.size())}), list});
+  Bytes table = trackBox("vide", {stsd, box("stsz", {values({0, 0, count}), sizes}),
+                                  box("stsc", {values({0, count}), rows}), box("stco", {values({0, count}), offsets})});
+  return joined({box("mdat", {media}), box("moov", {table})});
+}
+
+/// How many VPS, SPS and PPS each entry's configuration box holds.
+std::string setsIn(const Bytes& movie) {
+  const BoxEditor editor(movie);
+  std::string text;
+  for (const std::string tag : {"hvc1", "hev1", "avc1", "avc3"}) {
+    const bool isHEVC = tag[0] == 'h';
+    for (auto found : editor.all(sampleTable + "/stsd/" + tag + (isHEVC ? "/hvcC" : "/avcC"))) {
+      ByteView contents = ByteView(movie).subspan(found.offset + 8, found.size - 8);
+      if (isHEVC) {
+        for (const auto& array : readHvcC(contents).arrays) text += std::to_string(array.nalUnits.size());
+      } else {
+        const auto record = readAvcC(contents);
+        text += fmt::format("{}{}", record.spsArray.size(), record.ppsArray.size());
+      }
+      text += " ";
+    }
+  }
+  return text;
+}
+
+TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
+  const auto hevc = [&](const std::string& size) {
+    const auto record = readHvcC(recordOf(encodedVideo(inBand(true, size)), true));
+    return Sets{record.arrays.at(0).nalUnits.at(0), record.arrays.at(1).nalUnits.at(0),
+                record.arrays.at(2).nalUnits.at(0)};
+  };
+  const auto avc = [&](const std::string& size, const std::string& more = "") {
+    VideoRecipe recipe = inBand(false, size);
+    recipe.parameters += more;
+    const auto record = readAvcC(recordOf(encodedVideo(recipe), false));
+    return Sets{{}, record.spsArray.at(0), record.ppsArray.at(0)};
+  };
+  const Sets h = hevc("192x144"), large = hevc("256x160"), a = avc("192x144"), largeAVC = avc("256x160");
+  const Sets shown = avc("192x144", ":colorprim=bt709:transfer=bt709:colormatrix=bt709");
+  const Bytes slice{0x26, 1, 0xAA, 0xBB}, avcSlice{0x65, 0x88, 0x84}, prefix{0x6E, 1, 2, 3};
+  const Bytes pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88), avcPPS0{0x68, 0xCE, 0x3D};
+  ASSERT_NE(shown.sps, a.sps);
+  Bytes tooLong = pps1;
+  tooLong.resize(65'536, 0x55);
+  Bytes withSEI = hvcC({h.vps}, {h.sps}, {});
+  withSEI[8 + 22] = 3;  // its last array, empty until now
+  withSEI[withSEI.size() - 3] = 39;
+  withSEI[withSEI.size() - 1] = 1;
+  ByteWriter(withSEI).bytes(bytesFrom("0003 4e0101"));
+  writeUInt32(withSEI, static_cast<uint32_t>(withSEI.size()), 0);
+  const auto of = [](const Units& units) { return sampleOf(units); };
+  const auto hev1 = [](const Bytes& record) { return visualSampleEntry("hev1", {record}); };
+  const auto hvc1 = [](const Bytes& record) { return visualSampleEntry("hvc1", {record}); };
+  const auto avc1 = [](const Bytes& record) { return visualSampleEntry("avc1", {record}); };
+  const auto avc3 = [](const Bytes& record) { return visualSampleEntry("avc3", {record}); };
+  const Bytes none = of({slice}), noneAVC = of({avcSlice}), full = of(h.with(slice)), other = of(large.with(slice));
+  const Bytes fullAVC = of(a.with(avcSlice)), otherAVC = of(largeAVC.with(avcSlice));
+  const std::string same = "same", tag = "tag", lacks = "neither the sample entry nor the sync samples hold";
+  const struct {
+    std::string name;
+    Units entries, samples;
+    std::string result;  ///< or what becomes of the file: "same", "tag"; then what is warned of
+    std::string sets = "", warning = "";
+    std::vector<uint32_t> descriptions = {1, 1, 1, 1, 1, 1, 1, 1};
+  } cases[] = {
+      {"hvcC alone", {hvc1(hvcC(h))}, {none, none}, same},
+      {"hvcC alone under hev1", {hev1(hvcC(h))}, {none, none}, tag, "111 "},
+      {"both, alike", {hvc1(hvcC(h))}, {full, none, full}, same},
+      {"both under hev1", {hev1(hvcC(h))}, {full, full}, tag, "111 "},
+      {"one kind that hvcC has", {hvc1(hvcC(h))}, {of({h.pps, slice}), none}, same},
+      {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, "hvc1 0x0 1/1/1 2/1/1 ", "112 "},
+      {"hvcC lacks what the samples have",
+       {hev1(hvcC({h.vps}, {h.sps}, {}))},
+       {of({h.pps, slice}), none},
+       "hvc1 0x0 1/1/1 2/1/1 ",
+       "111 "},
+      {"nothing anywhere", {hev1({})}, {none, none}, same, "", lacks + " its parameter sets (no VPS, no SPS, no PPS)"},
+      {"no VPS", {hvc1(hvcC({}, {h.sps}, {h.pps}))}, {of({h.sps, h.pps, slice})}, same, "", "(no VPS)"},
+      {"a change behind hvcC",
+       {hvc1(hvcC(h))},
+       {none, other, none},
+       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
+       "111 111 "},
+      {"sets now and then",
+       {hev1({})},
+       {full, none, full, none, other, none, other, none},
+       "hvc1 192x144 hvc1 256x160 1/1/1 5/1/2 ",
+       "111 111 "},
+      {"the first samples have none", {hev1({})}, {none, full, none}, "hvc1 0x0 1/1/1 2/1/1 3/1/1 ", "111 "},
+      {"an identifier again",
+       {hvc1(hvcC(h))},
+       {none, of({otherPPS, slice}), none},
+       "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ",
+       "111 111 "},
+      {"a set that is too long", {hev1({})}, {of({tooLong, h.vps, h.sps, h.pps, slice})}, "hvc1 0x0 1/1/1 ", "111 "},
+      {"an SEI message in hvcC",
+       {hev1(withSEI)},
+       {full, full},
+       "hvc1 0x0 1/1/1 2/1/1 ",
+       "111 ",
+       "1 SEI message of the old hvcC is not kept"},
+      {"two whole entries",
+       {hev1(hvcC(h)), hev1(hvcC(large))},
+       {full, none, other, none},
+       tag,
+       "111 111 ",
+       "",
+       {1, 1, 2, 2}},
+      {"one of two entries is empty",
+       {hvc1(hvcC(h)), hev1({})},
+       {none, other},
+       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
+       "111 111 ",
+       "",
+       {1, 2}},
+      {"two codecs",
+       {hvc1(hvcC(h)), avc1(avcC({a.sps}, {a.pps}))},
+       {none, noneAVC},
+       same,
+       "",
+       "'avc1' beside 'hvc1'",
+       {1, 2}},
+      {"avcC alone", {avc1(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, same},
+      {"avcC alone under avc3", {avc3(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, tag, "11 "},
+      {"avcC without PPS", {avc3(avcC({a.sps}, {}))}, {fullAVC, noneAVC}, "avc1 0x0 1/1/1 2/1/1 ", "11 "},
+      {"avcC with SPS that cannot be read",
+       {avc1(avcC({{0x67, 100, 0}}, {a.pps}))},
+       {fullAVC},
+       "avc1 0x0 1/1/1 ",
+       "11 "},
+      {"avcC without sets", {avc3(avcC({}, {}))}, {noneAVC, noneAVC}, same, "", lacks},
+      {"AVC sets behind a slice", {avc3({})}, {of({avcSlice, a.sps, a.pps, avcSlice})}, "avc1 0x0 1/1/1 ", "11 "},
+      {"AVC of two sizes",
+       {avc1(avcC({a.sps}, {a.pps}))},
+       {fullAVC, noneAVC, otherAVC, noneAVC},
+       "avc1 192x144 avc1 256x160 1/1/1 3/1/2 ",
+       "11 11 "},
+      {"an AVC identifier again",
+       {avc1(avcC({a.sps}, {a.pps}))},
+       {fullAVC, of({a.sps, avcPPS0, avcSlice}), noneAVC},
+       "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ",
+       "11 11 "},
+      {"avcC states another colour", {avc1(avcC({shown.sps}, {shown.pps}))}, {fullAVC, noneAVC, fullAVC}, same},
+      {"lengths of two bytes",
+       {avc1(avcC({a.sps}, {a.pps}, 2))},
+       {sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)},
+       same},
+      {"a prefix ahead", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
+      {"start codes in place of lengths",
+       {avc1({})},
+       {joined({bytesFrom("00000001"), a.sps, bytesFrom("00000001"), a.pps, bytesFrom("00000001"), avcSlice})},
+       same,
+       "",
+       lacks},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Bytes movie = movieOf(c.entries, c.samples, c.descriptions);
+    EXPECT_THAT(follow(movie), testing::HasSubstr(c.warning));
+    Bytes result = written();
+    if (c.result == same) {
+      EXPECT_EQ(result, movie);
+      continue;
+    }
+    EXPECT_EQ(setsIn(result), c.sets);
+    if (c.result == tag) {
+      for (const char* inBandTag : {"hev1", "avc3"})
+        EXPECT_THAT(BoxEditor(result).all(sampleTable + "/stsd/" + inBandTag), testing::IsEmpty());
+      ptrdiff_t changed = 0;
+      for (size_t i = 0; i < movie.size(); ++i) changed += result.at(i) != movie[i];
+      EXPECT_LE(changed, 3 * static_cast<ptrdiff_t>(c.entries.size()));
+      EXPECT_EQ(result.size(), movie.size());
+    } else {
+      EXPECT_THAT(describe(result), testing::StartsWith(c.result));
+      EXPECT_EQ(BoxEditor(result).get("mdat"), BoxEditor(movie).get("mdat"));
+    }
+    EXPECT_EQ(followWritten(), "");
+    EXPECT_EQ(written(), result) << "a second repair changes it";
+  }
+}
+
+/// Turns the parameter sets of some sync samples into filler data.
+void hideSets(Bytes& movie, const Path& like, bool isHEVC, const std::function<bool(size_t sync)>& isHidden) {
+  size_t number = 0;
+  for (const auto& [index, offset] : syncSamples(like)) {
+    if (!isHidden(number++)) continue;
+    for (size_t at = offset;; at += 4 + *readUInt32(movie, at)) {
+      uint8_t& header = movie.at(at + 4);
+      const int type = isHEVC ? header >> 1 & 63 : header & 31;
+      const bool isSet = isHEVC ? type >= 32 && type <= 34 : type == 7 || type == 8;
+      if (isHEVC ? type < 32 : type >= 1 && type <= 5) break;
+      if (isSet) header = isHEVC ? 38 << 1 : 12;
+    }
+  }
+}
+
+TEST_F(VideoRoad, MendsRealStreamsThatChange) {
+  const VideoRecipe avc = inBand(false), largeAVC = inBand(false, "256x160"), hevc = inBand(true);
+  const VideoRecipe largeHEVC = inBand(true, "256x160");
+  VideoRecipe otherAVC = avc, fields = inBand(false, "192x136");
+  otherAVC.parameters += ":ref=3";
+  fields.parameters += ":interlaced=1";
+  const auto all = [](size_t) { return false; };
+  const auto odd = [](size_t sync) { return sync % 3 == 1; };
+  const auto afterFirst = [](size_t sync) { return sync < 3; };  // the first part's stand in the sample entry
+  const struct {
+    std::vector<VideoRecipe> parts;
+    std::function<bool(size_t)> isHidden;
+    std::string result;
+  } cases[] = {
+      {{avc, largeAVC}, all, "avc1 192x144 avc1 256x160 1/1/1 51/1/2 "},
+      {{avc, otherAVC, avc}, all, "avc1 192x144 avc1 192x144 avc1 192x144 1/1/1 51/1/2 101/1/3 "},
+      {{avc, largeAVC}, odd, "avc1 192x144 avc1 256x160 1/1/1 51/1/2 "},
+      {{fields, largeAVC}, afterFirst, "avc1 192x136 avc1 256x160 1/1/1 51/1/2 "},
+      {{hevc, largeHEVC}, odd, "hvc1 192x144 hvc1 256x160 1/1/1 51/1/2 "},
+      {{hevc, largeHEVC}, afterFirst, "hvc1 192x144 hvc1 256x160 1/1/1 51/1/2 "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    const bool isHEVC = c.parts[0].codec == "libx265";
+    const Path file = joinedVideo(c.parts);
+    Bytes movie = readFile(files_, file);
+    hideSets(movie, file, isHEVC, c.isHidden);
+    std::string pictures;
+    for (const VideoRecipe& part : c.parts) pictures += pictureHashes(encodedVideo(part));
+    EXPECT_EQ(follow(movie), "");
+    EXPECT_THAT(describe(written()), testing::StartsWith(c.result));
+    EXPECT_EQ(pictureHashes(file_), pictures);
+    EXPECT_EQ(decoderComplaints(file_), "");
+    EXPECT_EQ(BoxEditor(written()).get("mdat"), BoxEditor(movie).get("mdat"));
+  }
+}
+
+TEST_F(VideoRoad, StepsOverWhatIsOdd) {
+  const Path clip = encodedVideo(inBand(true));
+  MovieLayout layout(readFile(files_, clip));
+  layout.moov = withoutParameterSets(layout.moov, true);
+  BoxEditor beside(layout.moov), sync(layout.moov);
+  for (std::string parent : {sampleTable, {"moov/trak"}, {"moov"}}) {
+    beside.insert(parent, beside.at(parent).offset + 8, longBox("wxyz"));
+    beside.insert(parent, beside.at(parent).offset + 8, box("\xFF\xFE\xFD\xFC"));
+  }
+  const auto stss = sync.at(sampleTable + "/stss");
+  sync.setField(stss.end() - 4, 1000);
+  const Bytes junk = bytesFrom("'What was here before this movie, as a writer that is not tidy leaves it.'");
+  for (const Bytes& moov : {layout.moov, beside.bytes, sync.bytes}) {
+    for (const Bytes& tail : {Bytes(), junk, Bytes(5, 9)}) {
+      for (bool isMoovAhead : {true, false}) {
+        layout.moov = moov;
+        const Bytes movie = layout.build({{Kind::raw, layout.ftyp},
+                                          {isMoovAhead ? Kind::moov : Kind::mdat},
+                                          {isMoovAhead ? Kind::mdat : Kind::moov},
+                                          {Kind::raw, tail}});
+        EXPECT_EQ(follow(movie), "");
+        EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "hvc1");
+        EXPECT_EQ(frameHashes(file_), frameHashes(clip));
+        const Bytes result = written();
+        EXPECT_TRUE(std::ranges::equal(tail, ByteView(result).last(tail.size())));
+      }
+    }
+  }
+}
+
+TEST_F(VideoRoad, FindsAMoovFarBehind) {
+  BoxEditor movie(readFile(files_, encodedVideo({.codec = "libx264"})));
+  movie.rename(sampleTable + "/stsd/avc1", "avc3");
+  constexpr uint32_t gap = 300 << 20;
+  write(Bytes());
+  auto file = files_.open(file_, OpenMode::updating);
+  const size_t moov = movie.at("moov").offset;
+  file->write(ByteView(movie.bytes).first(moov));
+  file->write(boxClaiming(gap, "free"));
+  file->seek(moov + gap);
+  file->write(ByteView(movie.bytes).subspan(moov));
+  Warnings recorder;
+  ProcessingRun run = recorder.runOn(files_, file_);
+  RemuxStep().run(run);
+  EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "avc1");
+}
+
+}  // namespace
+}  // namespace tarn
