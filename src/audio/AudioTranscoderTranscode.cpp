@@ -120,7 +120,8 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
                                      const std::optional<double>& originalAudioMediaDurationSeconds,
                                      double syncOffsetSeconds, const Config& config,
                                      const CancellationToken* cancellationToken,
-                                     const ProgressCallback& progressCallback) {
+                                     const ProgressCallback& progressCallback,
+                                     const std::optional<double>& shownMediaEnd) {
   const SourceTiming timing{originalAudioEmptyEditDelay, originalAudioMediaDurationSeconds, syncOffsetSeconds};
   logStart(inputURL, timing);
   throwIfCancelled(cancellationToken);
@@ -133,14 +134,16 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
   output.channels = sourceChannels > 1 ? 2 : 1;
   log("AudioTranscoder: Source has {} channels, outputting {}", sourceChannels, output.channels);
 
-  TranscodePlan plan = analyzeTimelines(asset, audioTrack, timing, output);
+  TranscodePlan plan = shownMediaEnd ? planWholeMedia(asset, audioTrack, *shownMediaEnd, output)
+                                     : analyzeTimelines(asset, audioTrack, timing, output);
   throwIfCancelled(cancellationToken);
   plan.expectedSamples = expectedOutputSamples(plan, output.sampleRate);
 
   auto source = makeReader(asset, audioTrack,
                            {.sampleRate = output.sampleRate,
                             .channels = static_cast<uint32_t>(output.channels),
-                            .keepsTimeline = plan.videoSeconds.has_value()});
+                            .keepsTimeline = plan.isWholeMedia || plan.videoSeconds,
+                            .followsEditList = !plan.isWholeMedia});
   TranscodePulse pulse(cancellationToken, progressCallback, plan.expectedSamples);
   TranscodeOutput m4a(files, outputURL, {frameTimescale(output.sampleRate), output.channels, output.bitRate}, pulse);
   const AudioTranscodingState state = transcode(source, m4a, pulse, plan, output);

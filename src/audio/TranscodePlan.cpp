@@ -14,6 +14,7 @@ namespace {
 
 constexpr double gapThresholdSeconds = 0.5;
 constexpr double leastEmptyEdit = 0.01;
+constexpr double longestEndSilence = 60;  // seconds, behind the last packet of the media
 
 AudioGap gapOf(const SilenceAction& action) {
   return {.position = action.videoPTS, .duration = action.duration, .sampleOffset = action.audioSampleOffset};
@@ -123,6 +124,19 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
   sortAtOutputRate(plan.overlaps, config.sampleRate / sourceRate);
   logFindings(plan);
   return std::move(plan);
+}
+
+TranscodePlan planWholeMedia(const AVAsset& asset, const AVAssetTrack& audioTrack, double shownMediaEnd,
+                             const AudioTranscoder::Config& config) {
+  try {
+    TranscodePlan plan{.isWholeMedia = true, .sourceSeconds = asset.mediaDuration(audioTrack).seconds()};
+    plan.cap = std::clamp(shownMediaEnd, 0.0, std::max(plan.sourceSeconds, 0.0));
+    plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);
+    log("AudioTranscoder: Taking the media from its start to {:.3f}s of {:.3f}s", *plan.cap, plan.sourceSeconds);
+    return plan;
+  } catch (const Error& failure) {
+    throw AudioTranscoderError::assetReadFailed(failure.description());
+  }
 }
 
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate) {

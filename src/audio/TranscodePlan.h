@@ -19,6 +19,8 @@ struct SourceTiming {
 /// What the first pass has found: where silence is to go in, what is to be cut, and where the output ends. Positions
 /// are frames at the output rate; both lists are sorted by them.
 struct TranscodePlan {
+  /// The output is the media as it lies, and the decoder keeps to its timeline without regard to the edit list.
+  bool isWholeMedia = false;
   /// Length of the video track, whose timeline the plan follows and the decoder must keep to; nothing where the plan
   /// was made by the audio alone.
   std::optional<double> videoSeconds = {};
@@ -28,12 +30,17 @@ struct TranscodePlan {
   double sourceSeconds = 0;        ///< length of the audio by its packets
   std::optional<double> cap = {};  ///< where the output ends at the latest, in seconds
   int64_t expectedSamples = 0;
+  int64_t largestPad = 4096;  ///< frames; of a larger number that is missing at the end none is made up for
 };
 
 /// Reads the compressed samples of the tracks; without a video track, or where that cannot be analysed, of the audio
 /// alone. Leaves `expectedSamples` to expectedOutputSamples. Throws AudioTranscoderError.
 TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
                                const AudioTranscoder::Config& config);
+
+/// The plan for the media from time 0 up to `shownMediaEnd`, in seconds. As the above.
+TranscodePlan planWholeMedia(const AVAsset& asset, const AVAssetTrack& audioTrack, double shownMediaEnd,
+                             const AudioTranscoder::Config& config);
 
 /// The frames that the output should have.
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate);

@@ -101,6 +101,15 @@ AVAssetTrack readTrack(FileHandle& file, const MP4BoxInfo& trak, AVMediaType med
   return track;
 }
 
+std::pair<SampleLocations, SampleTimes> readSampleTable(FileHandle& file, const AVAssetTrack& track) {
+  if (!isUsable(track.naturalTimeScale)) throw sampleTableError("The track has no timescale");
+  auto stbl = findSampleTable(file, requireTableBox(file, track.trak, "mdia"));
+  if (!stbl) throw sampleTableError("stbl box not found");
+  SampleLocations locations(file, *stbl);
+  SampleTimes times(file, *stbl, locations.count());
+  return {std::move(locations), std::move(times)};
+}
+
 }  // namespace
 
 std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
@@ -145,17 +154,14 @@ CMTime AVAsset::duration() const {
   return longest;
 }
 
-std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAssetTrack& track) const {
+std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAssetTrack& track,
+                                                                   bool followsEditList) const {
   auto file = files_.open(url_, OpenMode::reading);
-  if (!isUsable(track.naturalTimeScale)) throw sampleTableError("The track has no timescale");
   auto moov = findMovie(*file);
   auto movie = moov ? readTimeHeader(*file, *moov, "mvhd") : std::nullopt;
-  auto stbl = findSampleTable(*file, requireTableBox(*file, track.trak, "mdia"));
-  if (!stbl) throw sampleTableError("stbl box not found");
-  SampleLocations locations(*file, *stbl);
-  SampleTimes times(*file, *stbl, locations.count());
-  auto edits = mediaEdits(readEditList(*file, track.trak), movie.value_or(TimeHeader{}).timescale,
-                          track.naturalTimeScale, times.duration());
+  auto [locations, times] = readSampleTable(*file, track);
+  const auto rows = followsEditList ? readEditList(*file, track.trak) : std::vector<EditListRow>();
+  auto edits = mediaEdits(rows, movie.value_or(TimeHeader{}).timescale, track.naturalTimeScale, times.duration());
   return std::make_unique<SampleTableSource>(SampleTableSource::Tables{
       .file = std::move(file),
       .locations = std::move(locations),
@@ -164,6 +170,11 @@ std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAsset
       .descriptions = track.formatDescriptions,
       .timescale = static_cast<int32_t>(track.naturalTimeScale),
   });
+}
+
+CMTime AVAsset::mediaDuration(const AVAssetTrack& track) const {
+  auto file = files_.open(url_, OpenMode::reading);
+  return CMTime::make(readSampleTable(*file, track).second.duration(), static_cast<int32_t>(track.naturalTimeScale));
 }
 
 }  // namespace tarn

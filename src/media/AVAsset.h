@@ -47,7 +47,12 @@ class AVAsset {
   /// earlier time. The duration of an AAC buffer is its nominal length, 1024 or 2048 samples at the actual rate, so
   /// that a hole shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
   /// `stts` delta. Throws Error when the tables cannot be read or contradict the file.
-  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
+  /// Without its edit list the media comes as it is, from media time 0 on.
+  std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track,
+                                                            bool followsEditList = true) const;
+
+  /// The length of one of the asset's tracks by its sample table, whatever its edit list shows of it. Throws as above.
+  CMTime mediaDuration(const AVAssetTrack& track) const;
 
   FileManager& files() const { return files_; }
   const Path& url() const { return url_; }
