@@ -37,9 +37,13 @@ class AudioTranscoder {
 
   // What kind of audio it is, and whether it is whole.
 
-  /// Never fails: audio that cannot be analysed needs transcoding.
+  using GapDetection = std::function<InternalGapResult(const AVAsset& asset, const AVAssetTrack& audioTrack,
+                                                       AACType aacType, double gapThresholdMs)>;
+
+  /// Never fails: audio whose gaps cannot be detected needs transcoding.
   static AudioAnalysisResult analyzeAudioForProcessing(FileManager& files, const Path& fileURL);
-  static AudioAnalysisResult analyzeAudioForProcessing(const AVAsset& asset);
+  static AudioAnalysisResult analyzeAudioForProcessing(const AVAsset& asset,
+                                                       const GapDetection& detectGaps = detectInternalGaps);
 
   static AACType detectAACType(const AVAssetTrack& audioTrack);
 
@@ -61,7 +65,16 @@ class AudioTranscoder {
   static FirstPTS getFirstPTSForTracks(const AVAsset& asset);
   static CMTime getVideoFirstPTS(FileManager& files, const Path& fileURL);
 
-  /// Throws AudioTranscoderError.
+  /// How many PCM samples a buffer of compressed audio holds, and of which rate in Hz: an AAC packet as many as its
+  /// configuration says, those of SBR included; any other buffer as many as its duration says.
+  struct PacketCount {
+    int64_t samples = 0;
+    double rate = 48000;
+    double seconds() const { return static_cast<double>(samples) / rate; }
+  };
+  static PacketCount countSamples(const CMSampleBuffer& buffer, AACType aacType);
+
+  /// On the timeline that the edit list makes. Throws AudioTranscoderError.
   static InternalGapResult detectInternalGaps(const AVAsset& asset, const AVAssetTrack& audioTrack, AACType aacType,
                                               double gapThresholdMs);
 

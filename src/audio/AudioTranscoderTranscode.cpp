@@ -39,6 +39,14 @@ DecodedTrack makeReader(const AVAsset& asset, const AVAssetTrack& audioTrack, co
   return track;
 }
 
+AVAssetTrack withoutEditList(const AVAsset& asset, const AVAssetTrack& audioTrack) {
+  try {
+    return asset.withoutEditList(audioTrack);
+  } catch (const Error& failure) {
+    throw AudioTranscoderError::assetReadFailed(failure.description());
+  }
+}
+
 std::string whyFailed(const AVAssetReader& reader, const char* otherwise) {
   return reader.error() ? reader.error()->description() : otherwise;
 }
@@ -128,13 +136,13 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
   const AVAsset asset(files, inputURL);
   const auto audioTracks = asset.tracks(AVMediaType::audio);
   if (audioTracks.empty()) throw AudioTranscoderError::noAudioTrack();
-  const AVAssetTrack& audioTrack = audioTracks.front();
+  const AVAssetTrack audioTrack = shownMediaEnd ? withoutEditList(asset, audioTracks.front()) : audioTracks.front();
   const int64_t sourceChannels = getSourceChannelCount(files, inputURL);
   Config output = config;
   output.channels = sourceChannels > 1 ? 2 : 1;
   log("AudioTranscoder: Source has {} channels, outputting {}", sourceChannels, output.channels);
 
-  TranscodePlan plan = shownMediaEnd ? planWholeMedia(asset, audioTrack, *shownMediaEnd, output)
+  TranscodePlan plan = shownMediaEnd ? planWholeMedia(audioTrack, *shownMediaEnd, output)
                                      : analyzeTimelines(asset, audioTrack, timing, output);
   throwIfCancelled(cancellationToken);
   plan.expectedSamples = expectedOutputSamples(plan, output.sampleRate);
@@ -142,8 +150,7 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
   auto source = makeReader(asset, audioTrack,
                            {.sampleRate = output.sampleRate,
                             .channels = static_cast<uint32_t>(output.channels),
-                            .keepsTimeline = plan.isWholeMedia || plan.videoSeconds,
-                            .followsEditList = !plan.isWholeMedia});
+                            .keepsTimeline = plan.keepsTimeline});
   TranscodePulse pulse(cancellationToken, progressCallback, plan.expectedSamples);
   TranscodeOutput m4a(files, outputURL, {frameTimescale(output.sampleRate), output.channels, output.bitRate}, pulse);
   const AudioTranscodingState state = transcode(source, m4a, pulse, plan, output);

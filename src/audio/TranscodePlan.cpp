@@ -46,9 +46,10 @@ Findings findByVideo(const AVAsset& asset, const AVAssetTrack& videoTrack, const
   const auto timeline = AudioTranscoder::buildVideoTimeline(asset, videoTrack, gapThresholdSeconds);
   const auto coverage =
       AudioTranscoder::buildAudioCoverage(asset, audioTrack, timeline.rebaseOffset, sampleRate, gapThresholdSeconds);
-  Findings found{
-      .plan = {.videoSeconds = videoTrack.timeRange.duration.seconds(), .firstPTS = coverage.originalFirstPTS},
-      .totalSampleCount = coverage.totalSampleCount};
+  Findings found{.plan = {.keepsTimeline = true,
+                          .videoSeconds = videoTrack.timeRange.duration.seconds(),
+                          .firstPTS = coverage.originalFirstPTS},
+                 .totalSampleCount = coverage.totalSampleCount};
   for (const SilenceAction& action : AudioTranscoder::detectSilenceActions(
            timeline, coverage, sampleRate, timing.syncOffsetSeconds, gapThresholdSeconds)) {
     found.plan.gaps.push_back(gapOf(action));
@@ -126,17 +127,13 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
   return std::move(plan);
 }
 
-TranscodePlan planWholeMedia(const AVAsset& asset, const AVAssetTrack& audioTrack, double shownMediaEnd,
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
                              const AudioTranscoder::Config& config) {
-  try {
-    TranscodePlan plan{.isWholeMedia = true, .sourceSeconds = asset.mediaDuration(audioTrack).seconds()};
-    plan.cap = std::clamp(shownMediaEnd, 0.0, std::max(plan.sourceSeconds, 0.0));
-    plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);
-    log("AudioTranscoder: Taking the media from its start to {:.3f}s of {:.3f}s", *plan.cap, plan.sourceSeconds);
-    return plan;
-  } catch (const Error& failure) {
-    throw AudioTranscoderError::assetReadFailed(failure.description());
-  }
+  TranscodePlan plan{.keepsTimeline = true, .sourceSeconds = audioTrack.timeRange.duration.seconds()};
+  plan.cap = std::clamp(shownMediaEnd, 0.0, std::max(plan.sourceSeconds, 0.0));
+  plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);
+  log("AudioTranscoder: Taking the media from its start to {:.3f}s of {:.3f}s", *plan.cap, plan.sourceSeconds);
+  return plan;
 }
 
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate) {

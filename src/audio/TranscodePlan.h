@@ -19,10 +19,8 @@ struct SourceTiming {
 /// What the first pass has found: where silence is to go in, what is to be cut, and where the output ends. Positions
 /// are frames at the output rate; both lists are sorted by them.
 struct TranscodePlan {
-  /// The output is the media as it lies, and the decoder keeps to its timeline without regard to the edit list.
-  bool isWholeMedia = false;
-  /// Length of the video track, whose timeline the plan follows and the decoder must keep to; nothing where the plan
-  /// was made by the audio alone.
+  bool keepsTimeline = false;  ///< the decoder must
+  /// Length of the video track, whose timeline the plan follows; nothing where the plan was made by the audio alone.
   std::optional<double> videoSeconds = {};
   std::vector<AudioGap> gaps = {};
   std::vector<AudioOverlap> overlaps = {};
@@ -38,8 +36,8 @@ struct TranscodePlan {
 TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
                                const AudioTranscoder::Config& config);
 
-/// The plan for the media from time 0 up to `shownMediaEnd`, in seconds. As the above.
-TranscodePlan planWholeMedia(const AVAsset& asset, const AVAssetTrack& audioTrack, double shownMediaEnd,
+/// The plan for the media of a track without edit list, up to `shownMediaEnd` in seconds.
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
                              const AudioTranscoder::Config& config);
 
 /// The frames that the output should have.

@@ -44,7 +44,7 @@ bool AVAssetReader::startReading() {
   if (status_ != AVAssetReaderStatus::unknown) return false;
   try {
     for (const auto& output : outputs_) {
-      auto samples = asset_.compressedSamples(output->track_, !output->settings_ || output->settings_->followsEditList);
+      auto samples = asset_.compressedSamples(output->track_);
       if (output->settings_) {
         output->source_ = makePCMSource(std::move(samples), output->track_, *output->settings_);
       } else {

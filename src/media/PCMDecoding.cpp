@@ -47,10 +47,11 @@ bool isSameFormat(const CMFormatDescription& a, const CMFormatDescription& b) {
 /// Decodes packet by packet and holds what comes out against the timeline.
 class PCMSource : public SampleBufferSource {
  public:
-  PCMSource(std::unique_ptr<CompressedSampleSource> samples, int32_t sampleRate, const PCMOutputSettings& settings)
+  PCMSource(std::unique_ptr<CompressedSampleSource> samples, bool startsAtZero, int32_t sampleRate,
+            const PCMOutputSettings& settings)
       : samples_(std::move(samples)),
         keepsTimeline_(settings.keepsTimeline),
-        startsAtZero_(!settings.followsEditList),
+        startsAtZero_(startsAtZero),
         output_(sampleRate, settings.channels),
         resampler_(output_),
         drift_(sampleRate) {}
@@ -268,6 +269,23 @@ bool canDecode(const CMFormatDescription& description) {
   }
 }
 
+int decodedChannels(CompressedSampleSource& samples) {
+  constexpr int mostPackets = 32;
+  try {
+    std::optional<AudioDecoder> decoder;
+    for (int i = 0; i < mostPackets; ++i) {
+      const auto sample = samples.next();
+      if (!sample || !sample->formatDescription) return 0;
+      if (!decoder) decoder.emplace(*sample->formatDescription);
+      decoder->send(samples.data(sample->sampleIndex));
+      if (const AVFrame* frame = decoder->receive()) return frame->ch_layout.nb_channels;
+    }
+  } catch (const Error&) {
+    return 0;
+  }
+  return 0;
+}
+
 std::unique_ptr<SampleBufferSource> makePCMSource(std::unique_ptr<CompressedSampleSource> samples,
                                                   const AVAssetTrack& track, const PCMOutputSettings& settings) {
   constexpr double lowestRate = 1000;
@@ -279,8 +297,8 @@ std::unique_ptr<SampleBufferSource> makePCMSource(std::unique_ptr<CompressedSamp
   if (std::ranges::none_of(track.formatDescriptions, [](const auto& format) { return canDecode(*format); })) {
     throw Error("PCMDecoding", -1, "The track has no audio that can be decoded");
   }
-  return std::make_unique<PCMSource>(std::move(samples), static_cast<int32_t>(std::lround(settings.sampleRate)),
-                                     settings);
+  return std::make_unique<PCMSource>(std::move(samples), !track.followsEditList,
+                                     static_cast<int32_t>(std::lround(settings.sampleRate)), settings);
 }
 
 }  // namespace tarn
