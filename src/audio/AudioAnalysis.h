@@ -55,6 +55,9 @@ struct InternalGapResult {
   double sampleBasedDriftMs = 0;  ///< by how much the track's length and that of its samples differ
   std::vector<AudioGap> gaps;
   std::vector<AudioOverlap> overlaps;
+
+  /// Fills in the counts and lengths from the lists. `rate` is that of the overlaps' frames, in Hz.
+  void summarize(double rate);
 };
 
 /// A longer drift than this counts, in milliseconds.
@@ -77,6 +80,8 @@ struct AudioAnalysisResult {
   double totalInternalGapMs = 0;
   AACType aacType = AACType::aacLC;
   double frameDurationMs = 0;  ///< of a packet at a nominal 48000 Hz, whatever the real rate
+  std::vector<AudioGap> internalGaps;
+  std::vector<AudioOverlap> internalOverlaps;
 
   /// Holes, overlaps and an offset count from above three packets.
   double gapThresholdMs() const { return 3 * frameDurationMs; }
@@ -103,6 +108,10 @@ struct AudioConfigCheck {
   std::optional<std::string> reason;  ///< why not
   int32_t audioTimescale = 0;         ///< of the `mdhd`
   int64_t sampleDelta = 0;            ///< of the first `stts` row, in that timescale
+  bool isAAC = false;                 ///< of any kind, in packets of one length
+
+  /// True for AAC that players take as it is, although its packets cannot be used for a new track.
+  bool isPlayableAAC() const { return isStable && isAAC; }
 };
 
 /// One change to a row of compressed samples.

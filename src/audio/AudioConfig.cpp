@@ -95,6 +95,7 @@ AudioConfigCheck AudioTranscoder::analyzeAudioConfig(FileManager& files, const P
   check.sampleRate = static_cast<int64_t>(stream->mSampleRate);
   check.channelCount = stream->mChannelsPerFrame;
   check.aacObjectType = objectType(*descriptions.front());
+  check.isAAC = isPacketizedAAC(*stream);
   check.audioTimescale = timing.timescale;
   check.sampleDelta = timing.sampleDelta;
   check.reason = whyNotReusable(check, descriptions.size());

@@ -1,3 +1,5 @@
+#include <cmath>
+
 #include "audio/AudioTranscoder.h"
 #include "media/AudioSpecificConfig.h"
 #include "platform/Log.h"
@@ -66,6 +68,18 @@ double AudioTranscoder::detectActualSampleRate(const AVAssetTrack& audioTrack) {
   }
   logLine("AudioTranscoder: Could not determine sample rate from format description, using default 48000 Hz");
   return 48000.0;
+}
+
+AudioTranscoder::PacketCount AudioTranscoder::countSamples(const CMSampleBuffer& buffer, AACType aacType) {
+  const auto* stream =
+      buffer.formatDescription ? CMAudioFormatDescriptionGetStreamBasicDescription(*buffer.formatDescription) : nullptr;
+  if (stream == nullptr) return {samplesPerPacket(aacType) * buffer.numSamples};
+  if (!isPacketizedAAC(*stream)) {
+    return {std::llround(buffer.duration.seconds() * stream->mSampleRate), stream->mSampleRate};
+  }
+  const int64_t core = int64_t{stream->mFramesPerPacket} * buffer.numSamples;
+  if (aacType == AACType::aacLC) return {core, stream->mSampleRate};
+  return {2 * core, 2 * stream->mSampleRate};
 }
 
 int64_t AudioTranscoder::getSourceChannelCount(FileManager& files, const Path& fileURL) {

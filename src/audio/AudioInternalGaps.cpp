@@ -9,21 +9,6 @@
 namespace tarn {
 namespace {
 
-void summarize(InternalGapResult& result, double rate) {
-  result.gapCount = static_cast<int64_t>(result.gaps.size());
-  for (const AudioGap& gap : result.gaps) {
-    const double milliseconds = gap.duration.seconds() * 1000;
-    result.maxGapMs = std::max(result.maxGapMs, milliseconds);
-    result.totalGapMs += milliseconds;
-  }
-  result.overlapCount = static_cast<int64_t>(result.overlaps.size());
-  for (const AudioOverlap& overlap : result.overlaps) {
-    const double milliseconds = static_cast<double>(overlap.framesToDrop) / rate * 1000;
-    result.maxOverlapMs = std::max(result.maxOverlapMs, milliseconds);
-    result.totalOverlapMs += milliseconds;
-  }
-}
-
 void classify(AudioAnalysisResult& result) {
   const double offset = std::abs(result.initialOffsetMs);
   if (result.internalGapCount > 0) {
@@ -55,6 +40,21 @@ void tell(const AudioAnalysisResult& result) {
 
 }  // namespace
 
+void InternalGapResult::summarize(double rate) {
+  gapCount = static_cast<int64_t>(gaps.size());
+  for (const AudioGap& gap : gaps) {
+    const double milliseconds = gap.duration.seconds() * 1000;
+    maxGapMs = std::max(maxGapMs, milliseconds);
+    totalGapMs += milliseconds;
+  }
+  overlapCount = static_cast<int64_t>(overlaps.size());
+  for (const AudioOverlap& overlap : overlaps) {
+    const double milliseconds = static_cast<double>(overlap.framesToDrop) / rate * 1000;
+    maxOverlapMs = std::max(maxOverlapMs, milliseconds);
+    totalOverlapMs += milliseconds;
+  }
+}
+
 InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, const AVAssetTrack& audioTrack,
                                                       AACType aacType, double gapThresholdMs) {
   std::optional<CompressedWalk> walk;
@@ -69,16 +69,16 @@ InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, cons
   if (!walk->start()) {
     throw AudioTranscoderError::assetReadFailed("Failed to start reading for internal gap detection");
   }
-  const int64_t samplesPerFrame = samplesPerPacket(aacType);
-  const double rate = detectActualSampleRate(audioTrack);
   const double threshold = gapThresholdMs / 1000;
   InternalGapResult result;
   int64_t total = 0;
+  double seconds = 0, rate = 48000;
   CMTime expectedEnd;
   int64_t index = 0;
   for (auto buffer = walk->next(); buffer; buffer = walk->next(), ++index) {
     const CMTime pts = buffer->presentationTimeStamp;
-    const int64_t frames = buffer->numSamples * samplesPerFrame;
+    const PacketCount count = countSamples(*buffer, aacType);
+    rate = count.rate;
     if (index > 0) {
       const CMTime jump = pts - expectedEnd;
       const double delta = jump.seconds();
@@ -88,13 +88,13 @@ InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, cons
         result.overlaps.push_back({pts, wholeFrames(-delta * rate), index, total});
       }
     }
-    total += frames;
-    expectedEnd = endOf(*buffer, frames, rate);
+    total += count.samples;
+    seconds += count.seconds();
+    expectedEnd = endOf(*buffer, count.samples, rate);
   }
   walk->cancel();
-  summarize(result, rate);
-  result.sampleBasedDriftMs =
-      std::abs(audioTrack.timeRange.duration.seconds() - static_cast<double>(total) / rate) * 1000;
+  result.summarize(rate);
+  result.sampleBasedDriftMs = std::abs(audioTrack.timeRange.duration.seconds() - seconds) * 1000;
   return result;
 }
 
@@ -102,7 +102,7 @@ AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(FileManager& file
   return analyzeAudioForProcessing(AVAsset(files, fileURL));
 }
 
-AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& asset) {
+AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& asset, const GapDetection& detectGaps) {
   AudioAnalysisResult result;
   const auto tracks = asset.tracks(AVMediaType::audio);
   if (tracks.empty()) {
@@ -117,7 +117,7 @@ AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& as
   const FirstPTS first = getFirstPTSForTracks(asset);
   InternalGapResult inside;
   try {
-    inside = detectInternalGaps(asset, audio, result.aacType, result.gapThresholdMs());
+    inside = detectGaps(asset, audio, result.aacType, result.gapThresholdMs());
   } catch (const Error& failure) {
     log("AudioTranscoder.analyzeAudioForProcessing: Error - {}", failure.description());
     result.needsTranscoding = true;
@@ -133,6 +133,8 @@ AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& as
   result.maxOverlapMs = inside.maxOverlapMs;
   result.totalOverlapMs = inside.totalOverlapMs;
   result.timelineDriftMs = inside.sampleBasedDriftMs;
+  result.internalGaps = std::move(inside.gaps);
+  result.internalOverlaps = std::move(inside.overlaps);
   classify(result);
   tell(result);
   return result;

@@ -1,6 +1,9 @@
 #include "audio/AudioRepairDecision.h"
 
 #include "audio/AudioTranscoder.h"
+#include "audio/FastPathActions.h"
+#include "audio/MediaGaps.h"
+#include "audio/SoundObstacle.h"
 #include "pipeline/RemuxTimingHelper.h"
 #include "platform/Log.h"
 #include "sync/MP4AVSyncFixer.h"
@@ -8,53 +11,117 @@
 namespace tarn {
 namespace {
 
-constexpr int samplesPerFrame = 1024;
+using Kind = RepairDecision::Kind;
 
-void analyze(FileManager& files, const Path& fileURL, AudioFindings& findings) {
-  TimingHelper timer;
-  findings.analysis = AudioTranscoder::analyzeAudioForProcessing(files, fileURL);
-  log("Audio analysis completed in {:.2f}s", timer.stop());
-  log("Audio analysis: {}", findings.analysis.summary());
-  findings.config = AudioTranscoder::analyzeAudioConfig(files, fileURL);
-  log("Audio config: {}", findings.config.matchesPassthroughTarget ? "passthrough-eligible" : "requires normalize");
-  if (findings.config.reason) log("  Reason: {}", *findings.config.reason);
-}
+class AudioDecision {
+ public:
+  AudioDecision(FileManager& files, const Path& fileURL)
+      : files_(files), fileURL_(fileURL), asset_(files, fileURL), track_(asset_.tracks(AVMediaType::audio).front()) {}
 
-void captureSync(FileManager& files, const Path& fileURL, AudioFindings& findings) {
-  try {
-    findings.originalSyncInfo = MP4AVSyncFixer::readOriginalSyncInfo(files, fileURL);
-    log("Original sync info captured: syncOffset={:.1f}ms", findings.originalSyncInfo->syncOffsetSeconds * 1000);
-  } catch (const std::exception& failure) {
-    log("Warning: Could not read original sync info: {}", failure.what());
+  AudioFindings make() {
+    analyze();
+    captureSync();
+    scanAcrossTracks();
+    decide();
+    log("Repair decision: {}", found_.decision.description());
+    return std::move(found_);
   }
-}
 
-void scanAcrossTracks(FileManager& files, const Path& fileURL, AudioFindings& findings) {
-  const GapType type = findings.analysis.gapType;
-  if (type != GapType::clean && type != GapType::initialOffsetOnly) return;
-  logLine("Audio-only analysis suggests clean/initialOffset - running cross-track verification...");
-  findings.scan = AudioTranscoder::quickCrossTrackScan(files, fileURL, findings.syncOffsetSeconds());
-  log("Cross-track scan: {}", findings.scan->description());
-}
-
-void decide(AudioFindings& findings) {
-  const auto silence = findings.scan ? findings.scan->silenceActions : std::vector<SilenceAction>();
-  findings.actions = AudioTranscoder::convertToAudioActions(silence, findings.config.audioTimescale, samplesPerFrame);
-  findings.decision = AudioTranscoder::determineRepairDecision(findings.analysis, findings.config, findings.actions);
-  if (findings.scan && findings.scan->needsProcessing) {
-    log("Cross-track scan found {} actions - overriding decision to fullNormalize", silence.size());
-    findings.decision = {RepairDecision::Kind::fullNormalize,
-                         fmt::format("Cross-track: {} video gaps without matching audio gaps", silence.size())};
+ private:
+  void analyze() {
+    TimingHelper timer;
+    found_.analysis = AudioTranscoder::analyzeAudioForProcessing(asset_, detectMediaGaps);
+    log("Audio analysis completed in {:.2f}s", timer.stop());
+    log("Audio analysis: {}", found_.analysis.summary());
+    found_.config = AudioTranscoder::analyzeAudioConfig(files_, fileURL_);
+    log("Audio config: {}", found_.config.matchesPassthroughTarget ? "passthrough-eligible" : "requires normalize");
+    if (found_.config.reason) log("  Reason: {}", *found_.config.reason);
   }
-  log("Repair decision: {}", findings.decision.description());
-}
+
+  void captureSync() {
+    try {
+      found_.originalSyncInfo = MP4AVSyncFixer::readOriginalSyncInfo(files_, fileURL_);
+      log("Original sync info captured: syncOffset={:.1f}ms", found_.originalSyncInfo->syncOffsetSeconds * 1000);
+    } catch (const std::exception& failure) {
+      log("Warning: Could not read original sync info: {}", failure.what());
+    }
+  }
+
+  /// Its silence for a late start does not count: a late start is what the source's own lists say.
+  void scanAcrossTracks() {
+    if (!isWhole()) return;
+    logLine("Audio-only analysis suggests clean/initialOffset - running cross-track verification...");
+    found_.scan = AudioTranscoder::quickCrossTrackScan(files_, fileURL_, found_.syncOffsetSeconds());
+    log("Cross-track scan: {}", found_.scan->description());
+  }
+
+  void decide() {
+    const bool isAlone = asset_.tracks(AVMediaType::video).empty();
+    if (isWhole() && (found_.config.isPlayableAAC() || isAlone)) {
+      found_.decision.kind = found_.analysis.gapType == GapType::clean ? Kind::skip : Kind::editListOnly;
+      return;
+    }
+    const SoundOutlook outlook = outlookOnSoundRepair(asset_, track_);
+    if (outlook.obstacle) {
+      found_.obstacle = "The sound stays as it is: " + *outlook.obstacle;
+      return;
+    }
+    decideOnRepair();
+    if (found_.decision.kind == Kind::fullNormalize) announce(outlook.channels);
+  }
+
+  void decideOnRepair() {
+    if (!found_.config.isAAC) {
+      found_.decision = {Kind::fullNormalize, found_.config.reason.value_or("Codec other than AAC")};
+      return;
+    }
+    std::optional<FastPathLayout> layout;
+    if (found_.config.matchesPassthroughTarget && found_.analysis.needsTranscoding) layout = layOut();
+    if (layout) {
+      found_.actions = std::move(layout->actions);
+      found_.packetTicks = layout->packetTicks;
+    }
+    found_.decision = AudioTranscoder::determineRepairDecision(found_.analysis, found_.config, found_.actions);
+    if (found_.decision.kind == Kind::fastPath && !layout) {
+      found_.decision = {Kind::fullNormalize, "Packets alone cannot keep the time"};
+    }
+  }
+
+  std::optional<FastPathLayout> layOut() const {
+    try {
+      return layOutForFastPath(asset_, track_, found_.analysis.internalGaps);
+    } catch (const Error&) {
+      return std::nullopt;
+    }
+  }
+
+  void announce(int channels) {
+    const auto& formats = track_.formatDescriptions;
+    if (!found_.config.isAAC && !formats.empty()) {
+      found_.conversion = fmt::format("the sound is \"{}\", not AAC, and is converted", formats.front()->codec);
+    } else if (formats.size() > 1) {
+      found_.conversion = fmt::format("the sound has {} sample entries, and is encoded anew for one", formats.size());
+    }
+    if (channels > 2) found_.lostChannels = fmt::format("of the sound's {} channels two remain", channels);
+  }
+
+  bool isWhole() const {
+    const GapType type = found_.analysis.gapType;
+    return type == GapType::clean || type == GapType::initialOffsetOnly;
+  }
+
+  FileManager& files_;
+  const Path& fileURL_;
+  AVAsset asset_;
+  AVAssetTrack track_;
+  AudioFindings found_;
+};
 
 }  // namespace
 
 RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResult& analysisResult,
                                                         const AudioConfigCheck& configCheck,
                                                         std::span<const AudioAction> actions) {
-  using Kind = RepairDecision::Kind;
   constexpr size_t mostActions = 10;
   constexpr double mostSilence = 5.0;  // seconds
   if (!configCheck.matchesPassthroughTarget) {
@@ -75,12 +142,7 @@ RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResul
 }
 
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL) {
-  AudioFindings findings;
-  analyze(files, fileURL, findings);
-  captureSync(files, fileURL, findings);
-  scanAcrossTracks(files, fileURL, findings);
-  decide(findings);
-  return findings;
+  return AudioDecision(files, fileURL).make();
 }
 
 }  // namespace tarn

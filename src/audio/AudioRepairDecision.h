@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "audio/AudioAnalysis.h"
@@ -12,21 +13,28 @@ namespace tarn {
 
 /// What was found out about a file's audio, and what is to be done.
 struct AudioFindings {
-  AudioAnalysisResult analysis;
+  AudioAnalysisResult analysis;  ///< of the media's own timeline
   AudioConfigCheck config;
   std::optional<OriginalSyncInfo> originalSyncInfo;  ///< nothing where it could not be read
-  std::optional<QuickCrossTrackResult> scan;         ///< made where the audio alone looks whole
-  std::vector<AudioAction> actions;
+  std::optional<QuickCrossTrackResult> scan;         ///< made where the audio alone looks whole; for the log
+  std::vector<AudioAction> actions;                  ///< of the fast path
+  int64_t packetTicks = 0;                           ///< for the fast path: length of a packet, track timescale
   RepairDecision decision;
+
+  // Words for people, each a sentence without its stop.
+  std::optional<std::string> conversion;    ///< sound that is whole is encoded anew, and why
+  std::optional<std::string> lostChannels;  ///< channels that get lost where it is encoded
+  std::optional<std::string> obstacle;      ///< the sound needs a repair and stays as it is, and why
 
   double syncOffsetSeconds() const { return originalSyncInfo ? originalSyncInfo->syncOffsetSeconds : 0; }
 };
 
-/// Analyses a file's audio and decides. Changes nothing and never fails; tells its steps in the log. The file must have
-/// an audio track.
+/// Analyses a file's audio and decides. Only damage is mended, and sound of another codec than AAC or of several
+/// configurations converted: what the edit list says is the truth, and AAC that is whole stays whatever its
+/// configuration. Changes nothing and never fails; tells its steps in the log. The file must have an audio track.
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL);
 
-/// Drift beyond which audio that has holes or drift is left alone, in milliseconds: its timeline is beyond repair, and
+/// Drift beyond which audio that has gaps or drift is left alone, in milliseconds: its timeline is beyond repair, and
 /// a decoder could hang.
 inline constexpr double extremeDriftMs = 60000.0;
 

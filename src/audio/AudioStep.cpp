@@ -9,6 +9,11 @@
 namespace tarn {
 namespace {
 
+void leaveAsItIs(ProcessingRun& run, const std::string& why) {
+  run.warn(why);
+  run.updateProcessingStage(ProcessingStage::audioReplaced);
+}
+
 void skip(ProcessingRun& run, const AudioAnalysisResult& analysis) {
   logLine("Audio analysis: clean audio - skipping transcoding");
   log("  Initial offset: {:.1f}ms", analysis.initialOffsetMs);
@@ -28,7 +33,9 @@ bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
   log("  Actions: {}", findings.actions.size());
   logLine("  Config: AAC-LC 48kHz stereo");
   try {
-    performFastPathAudioRepair(run, findings.actions, findings.config);
+    AudioConfigCheck config = findings.config;
+    config.sampleDelta = findings.packetTicks;
+    performFastPathAudioRepair(run, findings.actions, config);
   } catch (const std::exception& failure) {
     log("Fast path failed: {}", failure.what());
     logLine("Falling back to full audio transcode...");
@@ -39,7 +46,7 @@ bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
   return true;
 }
 
-void tellWhyToTranscode(const AudioFindings& findings) {
+void tellWhyToTranscode(ProcessingRun& run, const AudioFindings& findings) {
   const AudioAnalysisResult& analysis = findings.analysis;
   log("Audio analysis: full normalize required - {}", findings.decision.reason);
   if (analysis.gapType == GapType::internalGaps) {
@@ -49,13 +56,15 @@ void tellWhyToTranscode(const AudioFindings& findings) {
     log("  Timeline drift: {:.1f}ms", analysis.timelineDriftMs);
   }
   log("  Initial offset: {:.1f}ms", analysis.initialOffsetMs);
+  if (findings.lostChannels) run.warn(*findings.lostChannels);
 }
 
 void leaveExtremeDriftAlone(ProcessingRun& run, const AudioAnalysisResult& analysis) {
   log("Audio analysis: EXTREME DRIFT DETECTED ({:.1f}s)", analysis.timelineDriftMs / 1000);
   logLine("  Drift exceeds 60s threshold - skipping transcoding to avoid decoder hang");
   logLine("  File has severely corrupted audio timeline, using original audio");
-  run.updateProcessingStage(ProcessingStage::audioReplaced);
+  leaveAsItIs(run, fmt::format("The sound stays as it is: its drift of {:.1f} s is beyond repair",
+                               analysis.timelineDriftMs / 1000));
 }
 
 }  // namespace
@@ -68,6 +77,7 @@ void AudioStep::run(ProcessingRun& run) {
   using Kind = RepairDecision::Kind;
   switch (findings.decision.kind) {
     case Kind::skip:
+      if (findings.obstacle) return leaveAsItIs(run, *findings.obstacle);
       return skip(run, findings.analysis);
     case Kind::editListOnly:
       return leaveToEditList(run, findings.analysis);
@@ -75,7 +85,7 @@ void AudioStep::run(ProcessingRun& run) {
       if (takeFastPath(run, findings)) return;
       break;
     case Kind::fullNormalize:
-      tellWhyToTranscode(findings);
+      tellWhyToTranscode(run, findings);
       break;
   }
   if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings.analysis);

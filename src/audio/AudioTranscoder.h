@@ -37,9 +37,13 @@ class AudioTranscoder {
 
   // What kind of audio it is, and whether it is whole.
 
-  /// Never fails: audio that cannot be analysed needs transcoding.
+  using GapDetection = std::function<InternalGapResult(const AVAsset& asset, const AVAssetTrack& audioTrack,
+                                                       AACType aacType, double gapThresholdMs)>;
+
+  /// Never fails: audio whose gaps cannot be detected needs transcoding.
   static AudioAnalysisResult analyzeAudioForProcessing(FileManager& files, const Path& fileURL);
-  static AudioAnalysisResult analyzeAudioForProcessing(const AVAsset& asset);
+  static AudioAnalysisResult analyzeAudioForProcessing(const AVAsset& asset,
+                                                       const GapDetection& detectGaps = detectInternalGaps);
 
   static AACType detectAACType(const AVAssetTrack& audioTrack);
 
@@ -61,7 +65,16 @@ class AudioTranscoder {
   static FirstPTS getFirstPTSForTracks(const AVAsset& asset);
   static CMTime getVideoFirstPTS(FileManager& files, const Path& fileURL);
 
-  /// Throws AudioTranscoderError.
+  /// How many PCM samples a buffer of compressed audio holds, and of which rate in Hz: an AAC packet as many as its
+  /// configuration says, those of SBR included; any other buffer as many as its duration says.
+  struct PacketCount {
+    int64_t samples = 0;
+    double rate = 48000;
+    double seconds() const { return static_cast<double>(samples) / rate; }
+  };
+  static PacketCount countSamples(const CMSampleBuffer& buffer, AACType aacType);
+
+  /// On the timeline that the edit list makes. Throws AudioTranscoderError.
   static InternalGapResult detectInternalGaps(const AVAsset& asset, const AVAssetTrack& audioTrack, AACType aacType,
                                               double gapThresholdMs);
 
@@ -117,12 +130,16 @@ class AudioTranscoder {
   /// list. `originalAudioEmptyEditDelay` is the empty edit ahead of the source's audio and
   /// `originalAudioMediaDurationSeconds` the length that its edit list gives, both in seconds. `videoFirstPTS` is not
   /// used. `cancellationToken` may be null. The callback comes on the calling thread.
-  /// Throws AudioTranscoderError, and CancellationError, after which there is no output.
+  /// With `shownMediaEnd`, in seconds of the media, the output is the media itself, from media time 0 to there or to
+  /// the end of the media, whichever comes first, for a new track that gets the edit list of the old one: a gap is
+  /// silence in place, of an overlap the later packet stays. The edit list of `inputURL` and the pictures are then not
+  /// looked at, and the three values of the source's timing are only logged. Throws AudioTranscoderError, and
+  /// CancellationError, after which there is no output.
   static void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
                              const std::optional<CMTime>& videoFirstPTS, double originalAudioEmptyEditDelay,
                              const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,
                              const Config& config, const CancellationToken* cancellationToken,
-                             const ProgressCallback& progressCallback);
+                             const ProgressCallback& progressCallback, const std::optional<double>& shownMediaEnd = {});
 };
 
 }  // namespace tarn

@@ -39,6 +39,14 @@ DecodedTrack makeReader(const AVAsset& asset, const AVAssetTrack& audioTrack, co
   return track;
 }
 
+AVAssetTrack withoutEditList(const AVAsset& asset, const AVAssetTrack& audioTrack) {
+  try {
+    return asset.withoutEditList(audioTrack);
+  } catch (const Error& failure) {
+    throw AudioTranscoderError::assetReadFailed(failure.description());
+  }
+}
+
 std::string whyFailed(const AVAssetReader& reader, const char* otherwise) {
   return reader.error() ? reader.error()->description() : otherwise;
 }
@@ -120,27 +128,29 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
                                      const std::optional<double>& originalAudioMediaDurationSeconds,
                                      double syncOffsetSeconds, const Config& config,
                                      const CancellationToken* cancellationToken,
-                                     const ProgressCallback& progressCallback) {
+                                     const ProgressCallback& progressCallback,
+                                     const std::optional<double>& shownMediaEnd) {
   const SourceTiming timing{originalAudioEmptyEditDelay, originalAudioMediaDurationSeconds, syncOffsetSeconds};
   logStart(inputURL, timing);
   throwIfCancelled(cancellationToken);
   const AVAsset asset(files, inputURL);
   const auto audioTracks = asset.tracks(AVMediaType::audio);
   if (audioTracks.empty()) throw AudioTranscoderError::noAudioTrack();
-  const AVAssetTrack& audioTrack = audioTracks.front();
+  const AVAssetTrack audioTrack = shownMediaEnd ? withoutEditList(asset, audioTracks.front()) : audioTracks.front();
   const int64_t sourceChannels = getSourceChannelCount(files, inputURL);
   Config output = config;
   output.channels = sourceChannels > 1 ? 2 : 1;
   log("AudioTranscoder: Source has {} channels, outputting {}", sourceChannels, output.channels);
 
-  TranscodePlan plan = analyzeTimelines(asset, audioTrack, timing, output);
+  TranscodePlan plan = shownMediaEnd ? planWholeMedia(audioTrack, *shownMediaEnd, output)
+                                     : analyzeTimelines(asset, audioTrack, timing, output);
   throwIfCancelled(cancellationToken);
   plan.expectedSamples = expectedOutputSamples(plan, output.sampleRate);
 
   auto source = makeReader(asset, audioTrack,
                            {.sampleRate = output.sampleRate,
                             .channels = static_cast<uint32_t>(output.channels),
-                            .keepsTimeline = plan.videoSeconds.has_value()});
+                            .keepsTimeline = plan.keepsTimeline});
   TranscodePulse pulse(cancellationToken, progressCallback, plan.expectedSamples);
   TranscodeOutput m4a(files, outputURL, {frameTimescale(output.sampleRate), output.channels, output.bitRate}, pulse);
   const AudioTranscodingState state = transcode(source, m4a, pulse, plan, output);

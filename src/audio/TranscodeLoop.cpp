@@ -16,7 +16,6 @@ constexpr int64_t buffersLoggedInFull = 20;
 constexpr int64_t buffersBetweenLogs = 100;
 constexpr int64_t regressionsLoggedInFull = 10;
 constexpr double regressionAlwaysLogged = 0.1;  // seconds
-constexpr int64_t largestPad = 4096;            // frames
 
 /// The first channel of one of the buffer's frames.
 int16_t sampleAt(const AVAudioPCMBuffer& buffer, uint32_t frame) {
@@ -38,12 +37,10 @@ void TranscodeLoop::process(const CMSampleBuffer& decoded) {
   PendingAudioBuffer current{std::move(*pcm), rebased(decoded.presentationTimeStamp), frames};
   const Entries entries = takeEntries(frames);
 
-  std::optional<int16_t> lastValue = 0;
-  if (state_.pendingBuffer) lastValue = settlePending(entries);
-  if (!lastValue) return;
-
-  if (entries.gaps > 0 && !capReached_) {
-    insertSilence(entries, *lastValue, sampleAt(current.pcmBuffer, 0));
+  const int16_t lastValue = state_.pendingBuffer ? settlePending(entries) : int16_t{0};
+  if (capReached_) return;  // the output ends with what was written last
+  if (entries.gaps > 0) {
+    insertSilence(entries, lastValue, sampleAt(current.pcmBuffer, 0));
   } else {
     cutOverlap(current.pcmBuffer, entries);
   }
@@ -81,14 +78,19 @@ TranscodeLoop::Entries TranscodeLoop::takeEntries(int64_t frames) {
   return taken;
 }
 
-/// Writes the buffer held back, and gives the value at which it ends; nothing when the cap lies ahead of it.
-std::optional<int16_t> TranscodeLoop::settlePending(const Entries& entries) {
+/// Writes the buffer held back, unless the cap lies ahead of it, and gives the value at which it ends.
+int16_t TranscodeLoop::settlePending(const Entries& entries) {
   AVAudioPCMBuffer pending = std::exchange(state_.pendingBuffer, std::nullopt)->pcmBuffer;
-  if (!fitUnderCap(pending, "pending")) return std::nullopt;
+  if (!fitUnderCap(pending, "pending")) return 0;
   if ((entries.gaps > 0 || entries.overlaps > 0) && !capReached_) fadeOutIfSmoothing(pending);
   const int16_t value = sampleAt(pending, pending.frameLength() - 1);
   emit(std::move(pending));
   return value;
+}
+
+/// How many frames fit between the end of the output and the cap, to the nearest.
+int64_t TranscodeLoop::framesUnderCap() const {
+  return nearestFrame(state_.config.sampleRate * (*plan_.cap - state_.outputSeconds()));
 }
 
 /// Cuts a buffer off at the cap; false when nothing of it lies ahead of the cap.
@@ -102,18 +104,17 @@ bool TranscodeLoop::fitUnderCap(AVAudioPCMBuffer& buffer, const char* name) {
     capReached_ = true;
     return false;
   }
-  if (now + static_cast<double>(frames) / state_.config.sampleRate <= cap) return true;
-  const int64_t remaining = wholeFrames(state_.config.sampleRate * (cap - now));
+  const int64_t remaining = framesUnderCap();
   if (remaining >= frames) return true;
   capReached_ = true;
-  if (remaining == 0) {
+  if (remaining <= 1) {  // a single frame cannot fade
     log("AudioTranscoder CAP: Skipping {} buffer (remainingFrames=0, outputPTS={:.3f}s, cap={:.3f}s)", name, now, cap);
     return false;
   }
   log("AudioTranscoder CAP: Trimming {} buffer from {} to {} frames (outputPTS={:.3f}s, cap at {:.3f}s)", name, frames,
       remaining, now, cap);
   buffer.setFrameLength(static_cast<uint32_t>(remaining));
-  if (state_.fadeLengthFrames < remaining) fadeOutIfSmoothing(buffer);
+  fadeOutIfSmoothing(buffer);
   return true;
 }
 
@@ -137,7 +138,7 @@ void TranscodeLoop::insertSilence(const Entries& entries, int16_t lastValue, int
 /// As much of a silence as fits under the cap.
 int64_t TranscodeLoop::limitedSilence(int64_t frames) {
   if (!plan_.cap) return frames;
-  const int64_t room = wholeFrames(state_.config.sampleRate * std::max(0.0, *plan_.cap - state_.outputSeconds()));
+  const int64_t room = std::max<int64_t>(framesUnderCap(), 0);
   if (room < 1) {
     log("AudioTranscoder CAP: At video duration, skipping silence insertion");
   } else if (room < frames) {
@@ -231,7 +232,7 @@ void TranscodeLoop::padEnd() {
   const double seconds = static_cast<double>(deficit) / state_.config.sampleRate;
   if (deficit < 0) {
     log("AudioTranscoder: Output exceeds expected duration by {} samples", -deficit);
-  } else if (deficit > largestPad) {
+  } else if (deficit > plan_.largestPad) {
     log("AudioTranscoder: WARNING - Large trailing deficit {} samples ({:.3f}s), skipping", deficit, seconds);
   } else if (deficit > 0) {
     log("AudioTranscoder: Padding trailing silence: {} samples ({:.3f}s)", deficit, seconds);

@@ -51,7 +51,8 @@ class TranscodeLoop {
 
   CMTime rebased(const CMTime& sourcePTS) const;
   Entries takeEntries(int64_t frames);
-  std::optional<int16_t> settlePending(const Entries& entries);
+  int16_t settlePending(const Entries& entries);
+  int64_t framesUnderCap() const;
   bool fitUnderCap(AVAudioPCMBuffer& buffer, const char* name);
   void cutOverlap(AVAudioPCMBuffer& buffer, const Entries& entries);
   void insertSilence(const Entries& entries, int16_t lastValue, int16_t nextValue);

@@ -14,6 +14,7 @@ namespace {
 
 constexpr double gapThresholdSeconds = 0.5;
 constexpr double leastEmptyEdit = 0.01;
+constexpr double longestEndSilence = 60;  // seconds, behind the last packet of the media
 
 AudioGap gapOf(const SilenceAction& action) {
   return {.position = action.videoPTS, .duration = action.duration, .sampleOffset = action.audioSampleOffset};
@@ -45,9 +46,10 @@ Findings findByVideo(const AVAsset& asset, const AVAssetTrack& videoTrack, const
   const auto timeline = AudioTranscoder::buildVideoTimeline(asset, videoTrack, gapThresholdSeconds);
   const auto coverage =
       AudioTranscoder::buildAudioCoverage(asset, audioTrack, timeline.rebaseOffset, sampleRate, gapThresholdSeconds);
-  Findings found{
-      .plan = {.videoSeconds = videoTrack.timeRange.duration.seconds(), .firstPTS = coverage.originalFirstPTS},
-      .totalSampleCount = coverage.totalSampleCount};
+  Findings found{.plan = {.keepsTimeline = true,
+                          .videoSeconds = videoTrack.timeRange.duration.seconds(),
+                          .firstPTS = coverage.originalFirstPTS},
+                 .totalSampleCount = coverage.totalSampleCount};
   for (const SilenceAction& action : AudioTranscoder::detectSilenceActions(
            timeline, coverage, sampleRate, timing.syncOffsetSeconds, gapThresholdSeconds)) {
     found.plan.gaps.push_back(gapOf(action));
@@ -123,6 +125,15 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
   sortAtOutputRate(plan.overlaps, config.sampleRate / sourceRate);
   logFindings(plan);
   return std::move(plan);
+}
+
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
+                             const AudioTranscoder::Config& config) {
+  TranscodePlan plan{.keepsTimeline = true, .sourceSeconds = audioTrack.timeRange.duration.seconds()};
+  plan.cap = std::clamp(shownMediaEnd, 0.0, std::max(plan.sourceSeconds, 0.0));
+  plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);
+  log("AudioTranscoder: Taking the media from its start to {:.3f}s of {:.3f}s", *plan.cap, plan.sourceSeconds);
+  return plan;
 }
 
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate) {

@@ -19,8 +19,8 @@ struct SourceTiming {
 /// What the first pass has found: where silence is to go in, what is to be cut, and where the output ends. Positions
 /// are frames at the output rate; both lists are sorted by them.
 struct TranscodePlan {
-  /// Length of the video track, whose timeline the plan follows and the decoder must keep to; nothing where the plan
-  /// was made by the audio alone.
+  bool keepsTimeline = false;  ///< the decoder must
+  /// Length of the video track, whose timeline the plan follows; nothing where the plan was made by the audio alone.
   std::optional<double> videoSeconds = {};
   std::vector<AudioGap> gaps = {};
   std::vector<AudioOverlap> overlaps = {};
@@ -28,12 +28,17 @@ struct TranscodePlan {
   double sourceSeconds = 0;        ///< length of the audio by its packets
   std::optional<double> cap = {};  ///< where the output ends at the latest, in seconds
   int64_t expectedSamples = 0;
+  int64_t largestPad = 4096;  ///< frames; of a larger number that is missing at the end none is made up for
 };
 
 /// Reads the compressed samples of the tracks; without a video track, or where that cannot be analysed, of the audio
 /// alone. Leaves `expectedSamples` to expectedOutputSamples. Throws AudioTranscoderError.
 TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
                                const AudioTranscoder::Config& config);
+
+/// The plan for the media of a track without edit list, up to `shownMediaEnd` in seconds.
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
+                             const AudioTranscoder::Config& config);
 
 /// The frames that the output should have.
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate);

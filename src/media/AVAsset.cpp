@@ -101,6 +101,22 @@ AVAssetTrack readTrack(FileHandle& file, const MP4BoxInfo& trak, AVMediaType med
   return track;
 }
 
+/// 0 where it cannot be read. Moves the file's position, which must be its start.
+uint32_t movieTimescaleOf(FileHandle& file) {
+  auto moov = findMovie(file);
+  auto movie = moov ? readTimeHeader(file, *moov, "mvhd") : std::nullopt;
+  return movie.value_or(TimeHeader{}).timescale;
+}
+
+std::pair<SampleLocations, SampleTimes> readSampleTable(FileHandle& file, const AVAssetTrack& track) {
+  if (!isUsable(track.naturalTimeScale)) throw sampleTableError("The track has no timescale");
+  auto stbl = findSampleTable(file, requireTableBox(file, track.trak, "mdia"));
+  if (!stbl) throw sampleTableError("stbl box not found");
+  SampleLocations locations(file, *stbl);
+  SampleTimes times(file, *stbl, locations.count());
+  return {std::move(locations), std::move(times)};
+}
+
 }  // namespace
 
 std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
@@ -147,15 +163,10 @@ CMTime AVAsset::duration() const {
 
 std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAssetTrack& track) const {
   auto file = files_.open(url_, OpenMode::reading);
-  if (!isUsable(track.naturalTimeScale)) throw sampleTableError("The track has no timescale");
-  auto moov = findMovie(*file);
-  auto movie = moov ? readTimeHeader(*file, *moov, "mvhd") : std::nullopt;
-  auto stbl = findSampleTable(*file, requireTableBox(*file, track.trak, "mdia"));
-  if (!stbl) throw sampleTableError("stbl box not found");
-  SampleLocations locations(*file, *stbl);
-  SampleTimes times(*file, *stbl, locations.count());
-  auto edits = mediaEdits(readEditList(*file, track.trak), movie.value_or(TimeHeader{}).timescale,
-                          track.naturalTimeScale, times.duration());
+  const uint32_t movieTimescale = movieTimescaleOf(*file);
+  auto [locations, times] = readSampleTable(*file, track);
+  const auto rows = track.followsEditList ? readEditList(*file, track.trak) : std::vector<EditListRow>();
+  auto edits = mediaEdits(rows, movieTimescale, track.naturalTimeScale, times.duration());
   return std::make_unique<SampleTableSource>(SampleTableSource::Tables{
       .file = std::move(file),
       .locations = std::move(locations),
@@ -164,6 +175,36 @@ std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAsset
       .descriptions = track.formatDescriptions,
       .timescale = static_cast<int32_t>(track.naturalTimeScale),
   });
+}
+
+AVAssetTrack AVAsset::withoutEditList(const AVAssetTrack& track) const {
+  auto file = files_.open(url_, OpenMode::reading);
+  AVAssetTrack whole = track;
+  whole.followsEditList = false;
+  const int64_t duration = readSampleTable(*file, track).second.duration();
+  whole.timeRange = {CMTime::zero(), CMTime::make(duration, static_cast<int32_t>(track.naturalTimeScale))};
+  return whole;
+}
+
+int64_t AVAsset::samplesOutsideFile(const AVAssetTrack& track) const {
+  auto file = files_.open(url_, OpenMode::reading);
+  const SampleLocations locations = readSampleTable(*file, track).first;
+  return int64_t{locations.count()} - locations.countInFile();
+}
+
+std::vector<MediaEdit> AVAsset::shownMedia(const AVAssetTrack& track) const {
+  auto file = files_.open(url_, OpenMode::reading);
+  const uint32_t movieTimescale = movieTimescaleOf(*file);
+  const int64_t duration = readSampleTable(*file, track).second.duration();
+  const auto rows = readableEditList(*file, track.trak);
+  const auto shows = [](const EditListRow& row) { return !row.isEmpty(); };
+  const auto isDamaged = [&](const EditListRow& row) {
+    return shows(row) && (row.mediaTime < 0 || row.mediaTime >= duration);
+  };
+  if (!isUsable(movieTimescale) || std::ranges::none_of(rows, shows) || std::ranges::any_of(rows, isDamaged)) {
+    return {MediaEdit{}};
+  }
+  return mediaEdits(rows, movieTimescale, track.naturalTimeScale, duration);
 }
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 #include "media/CMFormatDescription.h"
 #include "media/CMSampleBuffer.h"
 #include "media/CMTime.h"
+#include "mp4/EditList.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/FileManager.h"
 
@@ -27,6 +28,9 @@ struct AVAssetTrack {
   /// Start: the leading empty edits. Duration: the sum of the other edits; without edits that of the `mdhd`
   /// (ISO/IEC 14496-12 8.6.6, 8.4.2).
   CMTimeRange timeRange;
+
+  /// False: the edit list counts for nothing, and the samples come as the media has them, from media time 0 on.
+  bool followsEditList = true;
 };
 
 /// A media file on disk, read when asked. The FileManager must outlive it. One object serves one thread.
@@ -48,6 +52,16 @@ class AVAsset {
   /// that a hole shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
   /// `stts` delta. Throws Error when the tables cannot be read or contradict the file.
   std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
+
+  /// One of the asset's tracks as if it had no edit list; its duration is that of the sample table. Throws as above.
+  AVAssetTrack withoutEditList(const AVAssetTrack& track) const;
+
+  /// How many of the track's samples do not lie whole in the file. Throws as above.
+  int64_t samplesOutsideFile(const AVAssetTrack& track) const;
+
+  /// What the track's edit list shows of its media, in order; all of it where there is no list, and where the list is
+  /// damaged: where it shows nothing, has a media time below -1, or lies behind the media. Throws as above.
+  std::vector<MediaEdit> shownMedia(const AVAssetTrack& track) const;
 
   FileManager& files() const { return files_; }
   const Path& url() const { return url_; }

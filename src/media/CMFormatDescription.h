@@ -37,6 +37,11 @@ struct AudioStreamBasicDescription {
   bool operator==(const AudioStreamBasicDescription&) const = default;
 };
 
+/// True for AAC whose packets all hold the same number of PCM frames.
+inline bool isPacketizedAAC(const AudioStreamBasicDescription& stream) {
+  return stream.mFormatID == kAudioFormatMPEG4AAC && stream.mFramesPerPacket > 0 && stream.mSampleRate > 0;
+}
+
 /// 16-bit signed PCM, interleaved, in host byte order.
 AudioStreamBasicDescription interleavedPCM16(double sampleRate, uint32_t channels);
 

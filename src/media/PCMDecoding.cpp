@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "media/AudioDecoder.h"
+#include "media/DriftControl.h"
 #include "media/PCMOutput.h"
 #include "media/Resampler.h"
 #include "platform/Error.h"
@@ -46,11 +47,14 @@ bool isSameFormat(const CMFormatDescription& a, const CMFormatDescription& b) {
 /// Decodes packet by packet and holds what comes out against the timeline.
 class PCMSource : public SampleBufferSource {
  public:
-  PCMSource(std::unique_ptr<CompressedSampleSource> samples, int32_t sampleRate, const PCMOutputSettings& settings)
+  PCMSource(std::unique_ptr<CompressedSampleSource> samples, bool startsAtZero, int32_t sampleRate,
+            const PCMOutputSettings& settings)
       : samples_(std::move(samples)),
         keepsTimeline_(settings.keepsTimeline),
+        startsAtZero_(startsAtZero),
         output_(sampleRate, settings.channels),
-        resampler_(output_) {}
+        resampler_(output_),
+        drift_(sampleRate) {}
 
   std::optional<CMSampleBuffer> next() override;
 
@@ -60,18 +64,20 @@ class PCMSource : public SampleBufferSource {
   void prepareDecoder(const CMSampleBuffer& sample);
   void decode(const CMSampleBuffer& sample, bool endsStretch);
   void place(const AVFrame& frame, const CMSampleBuffer& sample, int64_t offset, int64_t limit);
-  int64_t keepInTime(int64_t start);
+  int64_t keepInTime(int64_t start, int64_t tick);
+  void cutBackTo(int64_t start);
   void fill(int64_t frames);
   void finish();
 
   int64_t rate() const { return output_.sampleRate(); }
   /// A difference beyond this is a break.
-  int64_t tolerance() const { return rate() / 100; }
+  int64_t tolerance() const { return rate() / 250; }
   /// Where the next decoded frame comes out.
   int64_t position() const { return output_.end() + resampler_.delay(); }
 
   std::unique_ptr<CompressedSampleSource> samples_;
   bool keepsTimeline_;
+  bool startsAtZero_;
   PCMOutput output_;
   Resampler resampler_;
 
@@ -86,7 +92,7 @@ class PCMSource : public SampleBufferSource {
   int64_t endOfPackets_ = 0;
   int64_t lost_ = 0;        ///< output frames that the packets since the last good one should have given
   bool isCutting_ = false;  ///< within an overlap
-  std::optional<int64_t> compensatedAt_;
+  DriftControl drift_;
 };
 
 std::optional<CMSampleBuffer> PCMSource::next() {
@@ -116,7 +122,8 @@ void PCMSource::decodeNext() {
   }
   if (!hasStarted_) {
     hasStarted_ = true;
-    output_.continueAt(framesIn(sample->presentationTimeStamp + sample->trimDurationAtStart, rate()));
+    const CMTime start = sample->presentationTimeStamp + sample->trimDurationAtStart;
+    output_.continueAt(startsAtZero_ ? 0 : framesIn(start, rate()));
     endOfPackets_ = output_.end();
   }
   prepareDecoder(*sample);
@@ -186,15 +193,16 @@ void PCMSource::place(const AVFrame& frame, const CMSampleBuffer& sample, int64_
   int64_t end = std::clamp<int64_t>(limit - offset, 0, frame.nb_samples);
   if (first >= end) return;
   int64_t start = framesIn(sample.presentationTimeStamp, rate()) + rescale(offset + first, frame.sample_rate, rate());
-  first += rescale(keepInTime(start), rate(), frame.sample_rate);
+  const int64_t tick = rescale(1, std::max(sample.presentationTimeStamp.timescale, 1), rate());
+  first += rescale(keepInTime(start, tick), rate(), frame.sample_rate);
   if (first >= end) return;
   isCutting_ = false;
   resampler_.convert(frame, static_cast<int>(first), static_cast<int>(end - first));
 }
 
-/// Prepares the output for frames that should start at this place: fills a hole, makes up for a small difference, or
-/// tells how many output frames are to be left out.
-int64_t PCMSource::keepInTime(int64_t start) {
+/// Prepares the output for frames that should start at this place, which the track states to the tick: fills a gap,
+/// makes up for a small difference, or tells how many output frames are to be left out.
+int64_t PCMSource::keepInTime(int64_t start, int64_t tick) {
   if (!keepsTimeline_) {
     if (lost_ > 0) fill(lost_);
     int64_t difference = start - position();
@@ -209,19 +217,20 @@ int64_t PCMSource::keepInTime(int64_t start) {
   }
   lost_ = 0;
   if (difference < -tolerance() && !isCutting_) {
-    isCutting_ = true;
-    resampler_.flush();
-    output_.breakOff();
+    cutBackTo(start);
     difference = start - position();
   }
   if (isCutting_) return std::max<int64_t>(-difference, 0);
-  int64_t smallest = rate() / 2000;
-  if (std::abs(difference) > smallest && (!compensatedAt_ || output_.end() - *compensatedAt_ >= rate())) {
-    compensatedAt_ = output_.end();
-    int64_t most = rate() / 200;
-    resampler_.compensate(static_cast<int>(std::clamp(difference, -most, most)));
-  }
+  resampler_.compensate(drift_.correction(difference, tick, position()));
   return 0;
+}
+
+/// Begins an overlap: what comes next starts there, or behind what cannot be taken back any more.
+void PCMSource::cutBackTo(int64_t start) {
+  isCutting_ = true;
+  resampler_.flush();
+  output_.takeBack(output_.end() - start);
+  output_.breakOff();
 }
 
 void PCMSource::fill(int64_t frames) {
@@ -260,6 +269,23 @@ bool canDecode(const CMFormatDescription& description) {
   }
 }
 
+int decodedChannels(CompressedSampleSource& samples) {
+  constexpr int mostPackets = 32;
+  try {
+    std::optional<AudioDecoder> decoder;
+    for (int i = 0; i < mostPackets; ++i) {
+      const auto sample = samples.next();
+      if (!sample || !sample->formatDescription) return 0;
+      if (!decoder) decoder.emplace(*sample->formatDescription);
+      decoder->send(samples.data(sample->sampleIndex));
+      if (const AVFrame* frame = decoder->receive()) return frame->ch_layout.nb_channels;
+    }
+  } catch (const Error&) {
+    return 0;
+  }
+  return 0;
+}
+
 std::unique_ptr<SampleBufferSource> makePCMSource(std::unique_ptr<CompressedSampleSource> samples,
                                                   const AVAssetTrack& track, const PCMOutputSettings& settings) {
   constexpr double lowestRate = 1000;
@@ -271,8 +297,8 @@ std::unique_ptr<SampleBufferSource> makePCMSource(std::unique_ptr<CompressedSamp
   if (std::ranges::none_of(track.formatDescriptions, [](const auto& format) { return canDecode(*format); })) {
     throw Error("PCMDecoding", -1, "The track has no audio that can be decoded");
   }
-  return std::make_unique<PCMSource>(std::move(samples), static_cast<int32_t>(std::lround(settings.sampleRate)),
-                                     settings);
+  return std::make_unique<PCMSource>(std::move(samples), !track.followsEditList,
+                                     static_cast<int32_t>(std::lround(settings.sampleRate)), settings);
 }
 
 }  // namespace tarn

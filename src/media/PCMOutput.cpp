@@ -70,7 +70,11 @@ void PCMOutput::takeBack(int64_t frames) {
 }
 
 void PCMOutput::cut(int64_t frames) {
-  if (frames == 0) return;
+  for (; frames > framesOfBuffer; frames -= framesOfBuffer) cutBuffer(framesOfBuffer);
+  if (frames > 0) cutBuffer(frames);
+}
+
+void PCMOutput::cutBuffer(int64_t frames) {
   size_t size = static_cast<size_t>(frames) * frameBytes_;
   Bytes rest;
   rest.reserve(pcm_.size());

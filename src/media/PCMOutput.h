@@ -52,9 +52,12 @@ class PCMOutput {
   };
 
   int64_t frames() const { return static_cast<int64_t>(size_ / frameBytes_); }
-  int64_t heldBack() const { return sampleRate_ / 100; }
+  /// At least as long as a packet: AAC with SBR at 8 kHz has the longest.
+  int64_t heldBack() const { return sampleRate_ * 3 / 10; }
   int64_t fadeLength() const { return sampleRate_ / 200; }
+  /// Lets go of so many of the first frames, in buffers.
   void cut(int64_t frames);
+  void cutBuffer(int64_t frames);
   /// Multiplies the sample values of the frame that begins at this byte.
   void scaleFrame(size_t at, double gain);
 

@@ -75,6 +75,7 @@ bool Resampler::configure(const AVFrame& frame) {
                           static_cast<AVSampleFormat>(frame.format), frame.sample_rate, AV_LOG_MAX_OFFSET, nullptr);
   av_channel_layout_uninit(&from);
   context_.reset(context);
+  isCompensating_ = false;
   if (result >= 0 && swr_init(context) >= 0) return true;
   context_.reset();
   return false;
@@ -106,7 +107,9 @@ int64_t Resampler::delay() const {
 }
 
 void Resampler::compensate(int frames) {
-  if (context_) checked(swr_set_compensation(context_.get(), frames, output_.sampleRate()));
+  if (!context_ || (frames == 0 && !isCompensating_)) return;
+  checked(swr_set_compensation(context_.get(), frames, output_.sampleRate()));
+  isCompensating_ = true;
 }
 
 }  // namespace tarn

@@ -34,7 +34,8 @@ class Resampler {
   /// How many output frames those inside will make.
   int64_t delay() const;
 
-  /// Makes so many output frames more (fewer below 0) out of the next second.
+  /// From here on makes so many output frames more out of a second (fewer below 0), for a second or until told
+  /// otherwise.
   void compensate(int frames);
 
  private:
@@ -49,6 +50,7 @@ class Resampler {
   PCMOutput& output_;
   std::unique_ptr<SwrContext, Deleter> context_;  ///< none before the first frame and after a flush
   std::unique_ptr<Input> input_;                  ///< what `context_` takes
+  bool isCompensating_ = false;
 };
 
 }  // namespace tarn

@@ -7,6 +7,9 @@
 
 #include "audio/AudioRepairDecision.h"
 #include "audio/AudioTranscoder.h"
+#include "audio/SilentAACSampleCache.h"
+#include "mp4/DataExtensions.h"
+#include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/LogCapture.h"
 #include "support/SyntheticMovie.h"
@@ -23,6 +26,7 @@ class AudioAnalysis : public testing::Test {
  protected:
   static SyntheticTrack sound(const std::vector<std::pair<uint32_t, uint32_t>>& stts, Edits edits = {}) {
     SyntheticTrack track{.stts = stts, .edits = std::move(edits)};
+    track.sample = SilentAACSampleCache::shared().getSilentFrame(48000);
     for (const auto& [count, delta] : stts) {
       track.samples += count;
       track.mediaDuration += uint64_t{count} * delta;
@@ -75,72 +79,143 @@ class AudioAnalysis : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(AudioAnalysis, TellsHolesDriftAndOffsetsFromCleanSoundAndChoosesTheRoad) {
+TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
   const SyntheticTrack two =
       sound({{9, packet}, {1, packet + ticks(100)}, {50, packet}, {1, packet + ticks(300)}, {99, packet}});
-  const std::string tooMuch = "Complex repair (0 actions, 0.00s silence)";
+  const auto slow = [](uint32_t delta) { return sound({{packets, delta}}); };
+  SyntheticTrack rounded = sound({{packets * 30, 1115}});  // 1114.56 ticks
+  rounded.sampleEntry = aacSampleEntry(44100, 2, {0x12, 0x10});
+  SyntheticTrack hidden = holed(500);
+  hidden.edits = {{1000, 0}, {500, 240000}};
+  SyntheticTrack garbage = holed(65);
+  garbage.sample = {};
+  const std::string alone = "The sound stays as it is: ";
   const struct {
     SyntheticTrack audio;
-    std::string found;  // gaps, those inside with the largest, drift and offset in ms; what is to be done, or why all
+    std::string found;  // gaps, those inside with the largest, drift and offset in ms; what is to be done, and why
     Edits pictureEdits = {};
   } rows[] = {
       {whole(), "clean 0 0 0 0 0: skip"},
       {sound({{1, packet}}), "clean 0 0 0 0 0: skip"},
       {holed(64), "clean 0 0 0 64 0: skip"},
       // 65 ms in ten seconds are far above 10 ms a minute; a longer file bears them.
-      {holed(65), "internalGaps 1 1 65 65 0: " + tooMuch},
+      {holed(65), "internalGaps 1 1 65 65 0: Complex repair (1 actions, 0.06s silence)"},
       {holed(65, packets * 42), "internalGaps 1 1 65 65 0: fastPath"},
-      {holed(3600000), "internalGaps 1 1 3600000 3600000 0: " + tooMuch},
-      {two, "internalGaps 2 2 300 400 0: " + tooMuch},
-      {drifting(100), "clean 0 0 0 100 0: skip"},
-      {drifting(101), "timelineDrift 0 0 0 101 0: " + tooMuch},
-      {drifting(101, true), "timelineDrift 0 0 0 101 0: " + tooMuch},
-      {whole({{64, -1}, {10000, 0}}), "clean 0 0 0 5 64: skip"},
-      {whole({{65, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 65: editListOnly"},
-      {whole({{100, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 5 -100: editListOnly", {{200, -1}, {10000, 0}}},
-      // By the edit list the tracks start together, by the samples they do not: the scan overrides what else is found.
-      {whole({{300, -1}, {9700, 14400}}),
-       "initialOffsetOnly 1 0 0 7 299: Cross-track: 1 video gaps without matching audio gaps"},
-      {aac(24000, {0x2B, 0x11, 0x88, 0x00}, {{70, -1}, {20053, 0}}),
-       "clean 0 0 0 0 70: HE-AAC v1 (SBR) requires full normalize"},
-      {aac(24000, {0xEB, 0x09, 0x88}), "clean 0 0 0 0 0: HE-AAC v2 (PS) requires full normalize"},
-      // Half of the length is missing where each packet counts 1024 samples at twice the rate: it always drifts.
-      {aac(24000, {0x13, 0x10}), "timelineDrift 0 0 0 10027 0: " + tooMuch},
+      {holed(3600000), "internalGaps 1 1 3600000 3600000 0: Complex repair (1 actions, 3600.00s silence)"},
+      {two, "internalGaps 2 2 300 400 0: Complex repair (2 actions, 0.41s silence)"},
+      {garbage, "internalGaps 1 1 65 65 0: " + alone + "its packets cannot be decoded"},
+      {slow(1034), "clean 0 0 0 98 0: skip"},
+      {slow(1035), "timelineDrift 0 0 0 107 0: Complex repair (0 actions, 0.00s silence)"},
+      {slow(1013), "timelineDrift 0 0 0 107 0: Complex repair (0 actions, 0.00s silence)"},
+      // Light, but in the end the packets alone would be a tenth of a second off.
+      {sound({{packets * 70, packet}, {packets, 1035}}),
+       "timelineDrift 0 0 0 107 0: Packets alone cannot keep the time"},
+      // Lengths that a header claims, that a recorder gives the first packet and a writer the last, and that no whole
+      // ticks hold.
+      {drifting(500), "clean 0 0 0 0 0: skip"},
+      {sound({{1, packet + ticks(250)}, {packets, packet}}), "clean 0 0 0 0 0: skip"},
+      {sound({{1, packet + ticks(251)}, {packets, packet}}),
+       "internalGaps 1 1 251 251 0: Complex repair (1 actions, 0.26s silence)"},
+      {sound({{packets, packet}, {1, packet + ticks(500)}}), "clean 0 0 0 0 0: skip"},
+      {rounded, "clean 0 0 0 0 0: skip"},
+      // What the edit list says: a pause, a cut, a late start; it hides a hole; it is damaged.
+      {whole({{2000, 0}, {2000, -1}, {3000, 96000}}), "clean 0 0 0 0 0: skip"},
+      {whole({{1000, 0}, {1000, 96000}, {1000, 24000}, {1000, 9600}, {1000, 4800}}), "clean 0 0 0 0 0: skip"},
+      {hidden, "clean 0 0 0 0 0: skip"},
+      {whole({{64, -1}, {10000, 0}}), "clean 0 0 0 0 64: skip"},
+      {whole({{65, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 0 65: editListOnly"},
+      {whole({{100, -1}, {10000, 0}}), "initialOffsetOnly 1 0 0 0 -100: editListOnly", {{200, -1}, {10000, 0}}},
+      {whole({{300, -1}, {9700, 14400}}), "initialOffsetOnly 1 0 0 0 299: editListOnly"},
+      {whole({{5000, 9000000}}), "clean 0 0 0 0 0: skip"},
+      // Whatever AAC that is whole.
+      {aac(24000, {0x2B, 0x11, 0x88, 0x00}, {{70, -1}, {20053, 0}}), "clean 0 0 0 0 70: skip"},
+      {aac(24000, {0xEB, 0x09, 0x88}), "clean 0 0 0 0 0: skip"},
+      {aac(24000, {0x13, 0x10}), "clean 0 0 0 0 0: skip"},
       {aac(44100, {0x12, 0x10}), "clean 0 0 0 0 0: skip"},
-      {aac(48000, {0x11, 0x88}), "clean 0 0 0 0 0: Channel count 1 != target 2"},
-      {aac(32000, {0x12, 0x90}),
-       "clean 0 0 0 0 0: Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)"},
+      {aac(48000, {0x11, 0x88}), "clean 0 0 0 0 0: skip"},
+      {aac(32000, {0x12, 0x90}), "clean 0 0 0 0 0: skip"},
       {coded(48000, audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {}))),
-       "clean 0 0 0 0 0: Non-AAC-LC codec (object type 34) requires full normalize"},
+       "clean 0 0 0 0 0: " + alone + "its packets cannot be decoded"},
+      {coded(48000, audioSampleEntry("none", 48000, 2)),
+       "clean 0 0 0 0 0: " + alone + "its codec \"none\" cannot be decoded"},
   };
   for (const auto& row : rows) {
-    const auto [analysis, config, syncInfo, scan, actions, decision] = decide(row.audio, row.pictureEdits);
+    const AudioFindings findings = decide(row.audio, row.pictureEdits);
+    const auto& [analysis, decision] = std::tie(findings.analysis, findings.decision);
+    const std::string why = findings.obstacle.value_or(decision.reason);
     EXPECT_EQ(fmt::format("{} {} {} {:.0f} {:.0f} {:.0f}: {}", text(analysis.gapType), analysis.gapCount,
                           analysis.internalGapCount, analysis.maxInternalGapMs, analysis.timelineDriftMs,
-                          analysis.initialOffsetMs, decision.reason.empty() ? decision.description() : decision.reason),
+                          analysis.initialOffsetMs, why.empty() ? decision.description() : why),
               row.found);
-    EXPECT_EQ(scan.has_value(), !analysis.needsTranscoding) << row.found;
-    EXPECT_EQ(config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
-    EXPECT_EQ(config.sampleDelta, packet);
+    EXPECT_EQ(findings.obstacle.has_value(), row.found.ends_with("decoded"));
+    EXPECT_TRUE(!findings.obstacle || decision.kind == RepairDecision::Kind::skip) << row.found;
+    EXPECT_EQ(findings.config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
   }
   EXPECT_TRUE(log_.contains(
-      "Audio analysis: GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 101.0ms, "
+      "Audio analysis: GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 107.5ms, "
       "AAC: AAC-LC (video/audio mismatch likely)"));
-  EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Channel count 1 != target 2)"));
-  EXPECT_TRUE(log_.contains("Cross-track scan found 1 actions - overriding decision to fullNormalize"));
+  EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Packets alone cannot keep the time)"));
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
   EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(clip_.files, "/none.mp4").frameDurationMs, 21.33);
+
+  clip_.write(syntheticMovie({holed(65)}));
+  EXPECT_EQ(decideAudioRepair(clip_.files, clip_.asset.url()).obstacle, alone + "there are no pictures beside it");
+  SyntheticTrack missing = holed(65);
+  missing.samples = packets;
+  Bytes cut = syntheticMovie({pictures(), missing});
+  const auto moov = static_cast<ptrdiff_t>(BoxEditor(cut).at("moov").offset);
+  // The sound's last packets lie behind the file's end, as the movie stands where they were.
+  cut.erase(cut.begin() + 8, cut.begin() + moov - 8);
+  writeUInt32(cut, 16, 0);
+  clip_.write(cut);
+  EXPECT_TRUE(
+      decideAudioRepair(clip_.files, clip_.asset.url()).obstacle->ends_with("of its packets do not lie in the file"));
+}
+
+TEST_F(AudioAnalysis, DecidesByConfigurationAsToldWhereThatIsAsked) {
+  const auto reasonOf = [&](const SyntheticTrack& audio) {
+    clip_.write(syntheticMovie({audio}));
+    return AudioTranscoder::analyzeAudioConfig(clip_.files, clip_.asset.url()).reason.value_or("");
+  };
+  EXPECT_EQ(reasonOf(aac(24000, {0x2B, 0x11, 0x88, 0x00})), "HE-AAC v1 (SBR) requires full normalize");
+  EXPECT_EQ(reasonOf(aac(24000, {0xEB, 0x09, 0x88})), "HE-AAC v2 (PS) requires full normalize");
+  EXPECT_EQ(reasonOf(aac(24000, {0x13, 0x10})), "");
+  EXPECT_EQ(reasonOf(aac(48000, {0x11, 0x88})), "Channel count 1 != target 2");
+  EXPECT_EQ(reasonOf(aac(32000, {0x12, 0x90})), "Sample rate 32000 Hz not supported (supported: 24000, 44100, 48000)");
+  EXPECT_EQ(reasonOf(coded(48000, audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})))),
+            "Non-AAC-LC codec (object type 34) requires full normalize");
 
   // Eleven changes are too many, however short; 0.16 ms in half a second, which counts as a whole one, are not.
   const AudioConfigCheck config{.matchesPassthroughTarget = true, .reason = {}, .audioTimescale = 48000};
   const std::vector<AudioAction> changes(11);
+  AudioAnalysisResult holes;
+  holes.gapType = GapType::internalGaps;
+  holes.durationSeconds = 0.5;
   for (auto [count, driftMs, isLight] :
        {std::tuple{10, 0.0, true}, {11, 0.0, false}, {0, 0.16, true}, {0, 0.17, false}}) {
-    const AudioAnalysisResult holes{
-        .gapType = GapType::internalGaps, .timelineDriftMs = driftMs, .durationSeconds = 0.5, .frameDurationMs = 21.3};
+    holes.timelineDriftMs = driftMs;
     const auto decision =
         AudioTranscoder::determineRepairDecision(holes, config, std::span(changes).first(static_cast<size_t>(count)));
     EXPECT_EQ(decision.kind == RepairDecision::Kind::fastPath, isLight) << count << " " << driftMs;
+  }
+  // Packets count as long as they are, at any rate and with SBR announced or not.
+  for (const auto& [rate, configuration] : std::vector<std::pair<uint32_t, Bytes>>{{8000, {0x15, 0x90}},
+                                                                                   {11025, {0x15, 0x10}},
+                                                                                   {12000, {0x14, 0x90}},
+                                                                                   {16000, {0x14, 0x10}},
+                                                                                   {22050, {0x13, 0x90}},
+                                                                                   {24000, {0x13, 0x10}},
+                                                                                   {32000, {0x12, 0x90}},
+                                                                                   {24000, {0x2B, 0x11, 0x88, 0x00}},
+                                                                                   {32000, {0x2A, 0x92, 0x08, 0x00}}}) {
+    SyntheticTrack damaged = aac(rate, configuration);
+    damaged.stts = {{200, packet}, {1, packet + rate}, {packets - 201, packet}};
+    damaged.mediaDuration += rate;
+    clip_.write(syntheticMovie({damaged}));
+    const auto found = AudioTranscoder::analyzeAudioForProcessing(clip_.asset);
+    EXPECT_EQ(found.internalGapCount, 1) << rate;
+    EXPECT_NEAR(found.maxInternalGapMs, 1000, 0.1) << rate;
+    EXPECT_NEAR(found.timelineDriftMs, 1000, 0.1) << rate;
   }
 }
 

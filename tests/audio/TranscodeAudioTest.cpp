@@ -43,6 +43,7 @@ struct Source {
   double emptyEditDelay = 0;
   std::optional<double> mediaDuration = {};
   double syncOffset = 0;
+  std::optional<double> shownMediaEnd = {};
 };
 
 class TranscodeAudio : public testing::Test {
@@ -50,7 +51,7 @@ class TranscodeAudio : public testing::Test {
   void transcode(const Source& source, const CancellationToken* token = nullptr,
                  const AudioTranscoder::ProgressCallback& progress = {}) {
     AudioTranscoder::transcodeAudio(files_, source.file, output_, std::nullopt, source.emptyEditDelay,
-                                    source.mediaDuration, source.syncOffset, {}, token, progress);
+                                    source.mediaDuration, source.syncOffset, {}, token, progress, source.shownMediaEnd);
   }
   /// Its first words; there is no file then.
   std::string failure(const Path& file, const CancellationToken* token = nullptr,
@@ -98,6 +99,15 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
       {"a gap", {moved("+48000")}, {1, 2, 4, 5, 6}, 7},
       // The pad makes up for what is cut.
       {"an overlap", {moved("-480")}, {1, 2, 2.99, 3.99, 4.99}, 6},
+      // The media with its priming, whatever the edit list and the pictures say.
+      {"all media of a late start", {late, 0.3, 5.7, 0.3, 9}, {1.021, 2.021, 3.021, 4.021, 5.021}, 6.021},
+      {"as much as is shown", {late, 0.3, 3.3, 0.3, 3.3}, {1.021, 2.021, 3.021}, 3.3},
+      {"a gap in the media", {moved("+48000"), 0, {}, 0, 7.5}, {1.021, 2.021, 4.021, 5.021, 6.021}, 7.021},
+      {"an overlap in the media", {moved("-480"), 0, {}, 0, 7}, {1.021, 2.021, 3.011, 4.011, 5.011}, 6.011},
+      {"silence behind the last packet",
+       {moved("", "-t 3.01 -bsf:a setts=duration='if(gt(N,139),48000,1024)'"), 0, {}, 0, 9},
+       {1.021, 2.021, 3.021},
+       4},
       // At this rate the sample is in the buffer that begins at 3.07 s.
       {"a gap at 44100 Hz", {moved("+44100", "-c:a aac -ar 44100")}, {1, 2, 3, 5, 6}, 7},
   };

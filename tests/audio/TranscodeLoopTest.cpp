@@ -74,6 +74,10 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
       {"a cap inside a buffer", {.cap = 0.25, .expectedSamples = 12000}, 9, {8192, 3808}},
       {"a cap at a buffer's end", {.cap = 8192 / 48000.0, .expectedSamples = 8192}, 9, {8192}},
       {"a cap less than a frame behind it", {.cap = 8192.5 / 48000, .expectedSamples = 8192}, 9, {8192}},
+      {"a cap that binary fractions miss",
+       {.cap = 24736 / 48000.0, .expectedSamples = 24736},
+       9,
+       {8192, 8192, 8192, 160}},
       {"a cap of nothing", {.gaps = {gap(0, 1)}, .cap = 0.0}, 9, {}, {0, 0, 1}},
       {"a cap in silence", {.gaps = {gap(8192, 1)}, .cap = 0.5}, 9, {8192, 15808}, {15808, 0, 1}},
       {"a cap in the last buffer", {.cap = 0.3, .expectedSamples = 14400}, 2, {8192, 6208}},
@@ -105,6 +109,8 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
     EXPECT_EQ(faded[silent], 0) << silent;
   }
   EXPECT_NEAR(faded[silenceEnd - 1], loud, 12) << "the silence rises to the audio as it was decoded";
+
+  EXPECT_EQ(play({.cap = 24736 / 48000.0}, 10).first.samples.back(), 0) << "what is cut short fades too";
 
   // Without fades the ramps of the silence lead from and to its neighbours.
   const Samples plain =

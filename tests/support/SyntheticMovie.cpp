@@ -43,9 +43,9 @@ Bytes trackOf(const SyntheticTrack& track, Bytes& media) {
   Bytes chunks;
   for (uint32_t i = 0; i < track.samples; ++i) {
     if (i % track.samplesPerChunk == 0) ByteWriter(chunks).uint32(static_cast<uint32_t>(8 + media.size()));
-    uint32_t size = i % 7 + 1;
-    ByteWriter(sizes).uint32(size);
-    media.insert(media.end(), size, static_cast<uint8_t>(i));
+    const Bytes sample = track.sample.empty() ? Bytes(i % 7 + 1, static_cast<uint8_t>(i)) : track.sample;
+    ByteWriter(sizes).uint32(static_cast<uint32_t>(sample.size()));
+    media.insert(media.end(), sample.begin(), sample.end());
   }
   auto chunkCount = static_cast<uint32_t>(chunks.size() / 4);
   Bytes stbl = box("stbl", {sampleDescriptionBox({track.sampleEntry}), runsBox("stts", track.stts),

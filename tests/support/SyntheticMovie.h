@@ -26,7 +26,8 @@ struct SyntheticTrack {
   std::vector<std::pair<uint32_t, uint32_t>> stts = {};
   std::vector<std::pair<uint32_t, int32_t>> ctts = {};
   std::vector<std::pair<uint64_t, int64_t>> edits = {};
-  uint32_t samples = 0;  ///< sample i has i % 7 + 1 bytes of value i
+  uint32_t samples = 0;  ///< sample i has i % 7 + 1 bytes of value i, or each these
+  Bytes sample = {};
   uint32_t samplesPerChunk = 4;
   uint64_t mediaDuration = 0;  ///< of the `mdhd`
   bool longTimes = false;      ///< `mdhd` and `elst` in version 1

@@ -95,8 +95,6 @@ struct RemuxForecast {
 struct HoleFacts {
   double atSeconds = 0;
   double milliseconds = 0;
-  /// By which the sound behind it moves forward, against its start, where packets are laid back to back.
-  double shiftMilliseconds = 0;
 };
 
 /// A place at which the sound jumps back.
@@ -127,9 +125,6 @@ struct AudioForecast {
 
   /// Track and packets differ in length, and no hole explains it.
   bool hasDrift() const { return findings && findings->analysis.gapType == GapType::timelineDrift; }
-  /// The packets hold as many samples as the repair counts: it takes any codec for AAC, and AAC-LC of up to 24 kHz for
-  /// one that plays at twice its rate. Of others it finds a drift where there is none.
-  bool isCountTrue = false;
   bool replacesSound() const { return kind == Kind::takesFastPath || kind == Kind::transcodes; }
 };
 

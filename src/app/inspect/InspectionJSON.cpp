@@ -169,7 +169,6 @@ JSObject audioJSON(const AudioForecast& forecast) {
   if (!forecast.findings) return object;
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
   const AudioConfigCheck& config = forecast.findings->config;
-  const bool closesHoles = forecast.kind == AudioForecast::Kind::takesFastPath;
   object.set("decision", forecast.findings->decision.description());
   object.set("classification", std::string(text(analysis.gapType)));
   object.set("aacType", std::string(text(analysis.aacType)));
@@ -180,10 +179,8 @@ JSObject audioJSON(const AudioForecast& forecast) {
   object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
   object.set("driftMilliseconds", analysis.timelineDriftMs);
   object.set("holeCount", analysis.internalGapCount);
-  object.set("holes", arrayOf(forecast.holes, [&](const HoleFacts& hole) {
-               JSObject facts{{"atMilliseconds", hole.atSeconds * 1000}, {"lengthMilliseconds", hole.milliseconds}};
-               if (closesHoles) facts.set("shiftMilliseconds", hole.shiftMilliseconds);
-               return facts;
+  object.set("holes", arrayOf(forecast.holes, [](const HoleFacts& hole) {
+               return JSObject{{"atMilliseconds", hole.atSeconds * 1000}, {"lengthMilliseconds", hole.milliseconds}};
              }));
   object.set("overlapCount", analysis.overlapCount);
   object.set(

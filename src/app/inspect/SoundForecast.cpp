@@ -6,27 +6,21 @@
 
 #include "app/inspect/MovieFacts.h"
 #include "audio/AudioTranscoder.h"
-#include "audio/FastPathAudioBuilder.h"
 
 namespace tarn {
 namespace {
 
 using Kind = AudioForecast::Kind;
 
-void listHoles(const AVAsset& asset, const AVAssetTrack& track, AudioForecast& forecast) {
+void listHoles(AudioForecast& forecast) {
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
-  const double rate = AudioTranscoder::detectActualSampleRate(track);
-  const double start = AudioTranscoder::getFirstPTSForTracks(asset).audio.seconds();
-  const auto inside = AudioTranscoder::detectInternalGaps(asset, track, analysis.aacType, analysis.gapThresholdMs());
-  for (const AudioGap& gap : inside.gaps) {
+  const auto coreRate = static_cast<double>(forecast.findings->config.sampleRate);
+  const double rate = coreRate * (analysis.aacType == AACType::aacLC ? 1 : 2);
+  for (const AudioGap& gap : analysis.internalGaps) {
     if (forecast.holes.size() == mostListed) break;
-    const double end = gap.position.seconds() + gap.duration.seconds();
-    const double packedEnd = start + static_cast<double>(gap.sampleOffset) / rate;
-    forecast.holes.push_back({.atSeconds = gap.position.seconds(),
-                              .milliseconds = gap.duration.seconds() * 1000,
-                              .shiftMilliseconds = (end - packedEnd) * 1000});
+    forecast.holes.push_back({.atSeconds = gap.position.seconds(), .milliseconds = gap.duration.seconds() * 1000});
   }
-  for (const AudioOverlap& overlap : inside.overlaps) {
+  for (const AudioOverlap& overlap : analysis.internalOverlaps) {
     if (forecast.overlaps.size() == mostListed) break;
     forecast.overlaps.push_back({.atSeconds = overlap.position.seconds(),
                                  .milliseconds = static_cast<double>(overlap.framesToDrop) / rate * 1000});
@@ -35,14 +29,6 @@ void listHoles(const AVAsset& asset, const AVAssetTrack& track, AudioForecast& f
 
 std::string counted(int64_t count, const char* one, const char* many) {
   return count == 1 ? one : fmt::format("{} {}", count, many);
-}
-
-bool isCountTrue(const AVAssetTrack& track, const AudioFindings& findings) {
-  if (track.formatDescriptions.empty()) return false;
-  const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(*track.formatDescriptions.front());
-  if (!stream || stream->mFormatID != kAudioFormatMPEG4AAC) return false;
-  const double length = samplesPerPacket(findings.analysis.aacType) / AudioTranscoder::detectActualSampleRate(track);
-  return length == stream->mFramesPerPacket / stream->mSampleRate;
 }
 
 void listProblems(const AudioForecast& forecast, std::vector<std::string>& problems) {
@@ -55,21 +41,12 @@ void listProblems(const AudioForecast& forecast, std::vector<std::string>& probl
     problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all",
                                    counted(analysis.overlapCount, "an overlap", "overlaps"), analysis.totalOverlapMs));
   }
-  if (forecast.hasDrift() && forecast.isCountTrue) {
+  if (forecast.hasDrift()) {
     problems.push_back(
         fmt::format("the sound's track and its packets differ in length by {:.1f} ms", analysis.timelineDriftMs));
   }
-}
-
-/// Why the fast path gives up on packets as these are, so that they are decoded after all; nothing when it does not.
-std::optional<std::string> whyTheFastPathFails(const AudioConfigCheck& config) {
-  if (config.sampleDelta < 1) return "the packets have no length";
-  try {
-    FastPathAudioBuilder::requireTrueSampleDelta(config);
-    return std::nullopt;
-  } catch (const FastPathError& failure) {
-    return failure.description();
-  }
+  if (forecast.findings->conversion) problems.push_back(*forecast.findings->conversion);
+  if (forecast.findings->lostChannels) problems.push_back(*forecast.findings->lostChannels);
 }
 
 void forecastTranscode(AudioForecast& forecast, const std::string& reason) {
@@ -92,16 +69,13 @@ void tellWhatIsDecided(AudioForecast& forecast) {
   switch (findings.decision.kind) {
     case RepairDecision::Kind::skip:
       forecast.kind = Kind::leavesAlone;
-      forecast.reason = "no hole, drift or offset of it is long enough to count";
+      forecast.reason = findings.obstacle.value_or("no hole, drift or offset of it is long enough to count");
       return;
     case RepairDecision::Kind::editListOnly:
       forecast.kind = Kind::leavesToEditList;
       forecast.reason = fmt::format("only its start differs, by {:.1f} ms", findings.analysis.initialOffsetMs);
       return;
     case RepairDecision::Kind::fastPath:
-      if (const auto failure = whyTheFastPathFails(findings.config)) {
-        return forecastTranscode(forecast, "The fast path fails: " + *failure);
-      }
       forecast.kind = Kind::takesFastPath;
       forecast.reason =
           fmt::format("the damage is light, with a drift of {:.1f} ms a minute", findings.analysis.driftRate());
@@ -123,13 +97,8 @@ AudioForecast forecastAudioStep(FileManager& files, const Path& path, bool needs
   forecast.findings = decideAudioRepair(files, path);
   const auto& descriptions = tracks.front().formatDescriptions;
   if (!descriptions.empty()) forecast.codec = descriptions.front()->codec;
-  forecast.isCountTrue = isCountTrue(tracks.front(), *forecast.findings);
   listProblems(forecast, problems);
-  try {
-    listHoles(asset, tracks.front(), forecast);
-  } catch (const Error& failure) {
-    problems.push_back("sound: " + failure.description());
-  }
+  listHoles(forecast);
   tellWhatIsDecided(forecast);
   return forecast;
 }

@@ -58,11 +58,7 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
     return fmt::format("an overlap of {:.1f} ms at {:.3f} s", overlap.milliseconds, overlap.atSeconds);
   });
   if (forecast.hasDrift()) {
-    lines.push_back(fmt::format("its track and its packets differ in length by {:.1f} ms{}", analysis.timelineDriftMs,
-                                forecast.isCountTrue ? "" : ", but only as the repair counts such packets"));
-  }
-  if (findings.scan && findings.scan->needsProcessing) {
-    lines.push_back("it starts late against the picture, and the edit lists alone would not keep it so");
+    lines.push_back(fmt::format("its track and its packets differ in length by {:.1f} ms", analysis.timelineDriftMs));
   }
   if (lines.size() == 1) lines.emplace_back("it is whole");
   return lines;
@@ -81,7 +77,7 @@ std::string audioStepText(const AudioForecast& forecast) {
     case AudioForecast::Kind::leavesToEditList:
       return "leaves the sound to the edit list (decision editListOnly)";
     case AudioForecast::Kind::takesFastPath:
-      return "lays the packets back to back without decoding (decision fastPath)";
+      return "fills the gaps with silent packets without decoding (decision fastPath)";
     case AudioForecast::Kind::transcodes:
       return "decodes and encodes the sound (decision fullNormalize)";
   }
@@ -89,14 +85,8 @@ std::string audioStepText(const AudioForecast& forecast) {
 }
 
 std::vector<std::string> audioConsequences(const AudioForecast& forecast) {
-  std::vector<std::string> lines;
-  if (forecast.kind != AudioForecast::Kind::takesFastPath) return lines;
-  // Holes close up: what is behind one moves forward by all that went before.
-  const int64_t count = forecast.findings->analysis.internalGapCount;
-  listPlaces(lines, forecast.holes, count, "hole", [](const HoleFacts& hole) {
-    return fmt::format("from {:.3f} s on the sound moves forward by {:.1f} ms", hole.atSeconds, hole.shiftMilliseconds);
-  });
-  return lines;
+  if (forecast.kind != AudioForecast::Kind::takesFastPath) return {};
+  return {"each packet stays within its own length of where it was"};
 }
 
 }  // namespace tarn
