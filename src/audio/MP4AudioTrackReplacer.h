@@ -1,42 +1,28 @@
 #pragma once
 
-#include <string>
-
-#include "platform/Error.h"
+#include "audio/AudioTrackReplacerError.h"
 #include "platform/FileManager.h"
+#include "presentation/RewriteCheck.h"
 
 namespace tarn {
 
-class AudioTrackReplacerError : public Error {
- public:
-  enum class Case { fileNotFound, corruptedMP4, writeError, ioError, noVideoTrack, noAudioTrack, moovNotFound };
-
-  static AudioTrackReplacerError fileNotFound(const Path& path);
-  static AudioTrackReplacerError corruptedMP4(const std::string& text);
-  static AudioTrackReplacerError writeError(const std::string& text);
-  static AudioTrackReplacerError ioError(const Error& error);
-  static AudioTrackReplacerError noVideoTrack();
-  static AudioTrackReplacerError noAudioTrack();
-  static AudioTrackReplacerError moovNotFound();
-
-  Case kind() const { return kind_; }
-
- private:
-  AudioTrackReplacerError(Case kind, std::string description);
-  Case kind_;
-};
-
-/// Builds a new MP4 of the video track of one file and the audio track of another. Samples are not touched: media data
-/// boxes are copied whole, and each chunk offset (ISO/IEC 14496-12 8.7.5) moves with the box that holds its chunk. No
-/// state; works on the thread of its caller.
+/// Puts the audio of one file in the place of the audio of another. Samples are not touched: media data is copied as it
+/// is, and what points at it (ISO/IEC 14496-12 8.7.5, 8.11.3) moves along. No state; works on the thread of its caller.
 class MP4AudioTrackReplacer {
  public:
-  /// Writes `outputURL`, which is replaced: `ftyp`, a new `moov` (the source's `mvhd`, the video `trak`, the audio
-  /// `trak` without an edit list), the source's `mdat` boxes, the audio's. All else is left behind. The inputs are not
-  /// changed. Throws AudioTrackReplacerError and failures of the file layer; then a part of the output may be there,
-  /// for the caller to delete.
+  enum class EditList { dropped, kept };
+
+  /// Writes `outputURL`, which is replaced: the source with all of its boxes in their order, but for the media of its
+  /// first audio track, which are now those of `newAudioM4A`. Their `mdat` boxes go behind the `moov`; the old packets
+  /// stay where they are, unused. Of the `trak` only what describes the media is new: clock, sample table, data
+  /// references, duration. Its edit list is kept in the clock of the new media, or dropped; one of the new audio is
+  /// never looked at. A source without audio gets the track of `newAudioM4A` behind its own, with the next free
+  /// track_ID; a source without `ftyp` gets one. `check` is called with the finished file. The inputs are not changed.
+  /// Throws AudioTrackReplacerError, failures of the file layer, and what `check` throws; then the output, or a part of
+  /// it, may be there, for the caller to delete.
   static void replaceAudioTrack(FileManager& files, const Path& originalMP4, const Path& newAudioM4A,
-                                const Path& outputURL);
+                                const Path& outputURL, EditList editList = EditList::dropped,
+                                const RewriteCheck& check = {});
 };
 
 }  // namespace tarn

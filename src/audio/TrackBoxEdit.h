@@ -1,69 +1,53 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
 
+#include "audio/MovieTree.h"
 #include "mp4/ChunkOffsetTable.h"
-#include "platform/Bytes.h"
+#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 
-/// A `trak` in memory, and what a track needs to stand in another file. Boxes are found as BufferBoxWalker finds them,
-/// by 32-bit sizes. A box that is missing or too short for its fields reads as 0 and is not edited, which the log tells
-/// of; what cannot be true or cannot be expressed throws AudioTrackReplacerError::corruptedMP4.
-class TrakBuffer {
- public:
-  /// The whole box, its 8-byte header included.
-  explicit TrakBuffer(Bytes trak) : bytes_(std::move(trak)) {}
+// Edits of a `trak` or `mvhd` in memory. A field that is missing reads as the value that is named, and is not edited.
+// What cannot be true or cannot be expressed throws AudioTrackReplacerError::corruptedMP4.
 
-  ByteView bytes() const { return bytes_; }
+/// The one of two fields that the version of a box says is there.
+struct VersionedField {
+  layout::Field version0;
+  layout::Field otherVersions;
 
-  /// Of the `tkhd` (ISO/IEC 14496-12 8.3.2).
-  uint32_t extractTrackID() const;
-  uint64_t extractTkhdDuration() const;  ///< movie timescale
-  void updateTrackID(uint32_t newTrackID);
-  void updateTkhdDuration(uint64_t newDuration);  ///< a 32-bit field takes what fits it
-
-  /// Cuts out the first `edts` (ISO/IEC 14496-12 8.6.5).
-  void stripEditList();
-
-  /// Makes the `stts` (ISO/IEC 14496-12 8.6.1.2) a single row, where that keeps the track's duration exactly.
-  void normalizeAudioStts();
-
-  /// Corrects the first `stco`, or else the first `co64`, as ChunkOffsetTable::moved does.
-  void moveChunkOffsets(std::span<const MediaMove> moves);
-
- private:
-  struct BoxRange {
-    size_t offset;
-    size_t size;  ///< at most what the buffer holds
-  };
-
-  std::optional<BoxRange> findBoxInData(std::string_view type) const;
-  ByteView view(const BoxRange& range) const { return bytes().subspan(range.offset, range.size); }
-  std::span<uint8_t> edit(const BoxRange& range) { return std::span(bytes_).subspan(range.offset, range.size); }
-  void replaceBox(const BoxRange& old, ByteView replacement);
-  void updateParentBoxSizes(size_t changedBoxStart, int64_t sizeDiff);
-
-  Bytes bytes_;
+  /// `otherwise` for no box, and for one that ends ahead of the field.
+  uint64_t load(const MovieBox* box, uint64_t otherwise) const;
+  /// True when written; a 32-bit field takes what fits it. `label` is for the log.
+  bool store(MovieBox* box, std::string_view label, uint64_t value) const;
 };
 
-/// A whole `mvhd` (ISO/IEC 14496-12 8.2.2) in memory. A field that is not there is not edited.
-class MvhdBuffer {
- public:
-  explicit MvhdBuffer(Bytes mvhd) : bytes_(std::move(mvhd)) {}
+inline constexpr VersionedField trackIDField{layout::trackID32, layout::trackID64};
+inline constexpr VersionedField tkhdDurationField{layout::trackDuration32, layout::trackDuration64};
+inline constexpr VersionedField nextTrackIDField{layout::nextTrackID32, layout::nextTrackID64};
+inline constexpr VersionedField headerDurationField{layout::timeHeader32.duration, layout::timeHeader64.duration};
+inline constexpr VersionedField headerTimescaleField{layout::timeHeader32.timescale, layout::timeHeader64.timescale};
 
-  ByteView bytes() const { return bytes_; }
+/// The first track of this handler type (ISO/IEC 14496-12 8.4.3), or else the first with this media header; null
+/// without one.
+MovieBox* findTrack(MovieBox& moov, std::string_view handlerType, std::string_view mediaHeader);
 
-  uint32_t extractMvhdTimescale() const;  ///< ticks per second; 1000 where there is none
-  void updateMvhdNextTrackID(uint32_t nextTrackID);
-  void updateMvhdDuration(uint64_t newDuration);  ///< a 32-bit field takes what fits it
+/// An `stts` (ISO/IEC 14496-12 8.6.1.2) as a single entry, where that keeps the track's duration exactly; else nothing,
+/// and the reason is in the log.
+std::optional<Bytes> normalizeAudioStts(const MovieBox& stts);
 
- private:
-  Bytes bytes_;
-};
+/// Corrects every `stco` and `co64` of a track, as ChunkOffsetTable::moved does.
+void moveChunkOffsets(MovieBox& trak, std::span<const MediaMove> moves);
+
+/// Puts the media of `newTrak` into `trak`: its clock, its sample table and its data references. All else of `trak`
+/// stays. The entries of its edit list (ISO/IEC 14496-12 8.6.6) stay if `keepsEditList`: media times go into the new
+/// clock, rounded to nearest, and the last entry is cut where it would show more than a packet of nothing; else there
+/// is no list. The `tkhd` duration is what the entries add up to, `mediaDuration` without any. Timescale and duration
+/// of the movie that `trak` is in.
+void putMedia(MovieBox& trak, const MovieBox& newTrak, uint32_t movieTimescale, uint64_t mediaDuration,
+              bool keepsEditList);
 
 }  // namespace tarn

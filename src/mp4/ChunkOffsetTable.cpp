@@ -60,15 +60,6 @@ uint32_t shifted32(uint32_t value, int64_t delta, size_t entry) {
   return static_cast<uint32_t>(clamped);
 }
 
-/// Where an offset is after the move. The end of a stretch belongs to it, for a chunk without a byte.
-std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves) {
-  auto behind = std::ranges::upper_bound(moves, offset, {}, &MediaMove::begin);
-  if (behind == moves.begin()) return std::nullopt;
-  const MediaMove& move = *std::prev(behind);
-  if (offset > move.end) return std::nullopt;
-  return move.newBegin + (offset - move.begin);
-}
-
 /// The same table with 64-bit entries.
 Bytes promoted(ByteView table, std::span<const uint64_t> offsets) {
   size_t size = entriesInBox + 8 * offsets.size();
@@ -81,6 +72,14 @@ Bytes promoted(ByteView table, std::span<const uint64_t> offsets) {
 }
 
 }  // namespace
+
+std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves) {
+  auto behind = std::ranges::upper_bound(moves, offset, {}, &MediaMove::begin);
+  if (behind == moves.begin()) return std::nullopt;
+  const MediaMove& move = *std::prev(behind);
+  if (offset > move.end) return std::nullopt;
+  return move.newBegin + (offset - move.begin);
+}
 
 void ChunkOffsetTable::adjustAllInMoov(std::span<uint8_t> moov, const ChunkOffsetShift& shift) {
   if (shift.delta == 0) return;

@@ -22,6 +22,10 @@ struct MediaMove {
   uint64_t newBegin = 0;
 };
 
+/// Where an offset is after the moves, which are ascending and do not overlap; nothing when it lies in none of them.
+/// The end of a stretch belongs to it, for a chunk without a byte.
+std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves);
+
 /// Corrects chunk offsets (ISO/IEC 14496-12 8.7.5) after media moved. A table that promises more entries than its box
 /// or the buffer holds is corrected as far as they go.
 class ChunkOffsetTable {

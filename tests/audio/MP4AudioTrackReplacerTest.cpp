@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 
 #include "audio/MP4AudioTrackReplacer.h"
 #include "audio/TrackBoxEdit.h"
@@ -22,11 +23,26 @@ namespace {
 
 using Kind = MovieLayout::Piece::Kind;
 
+using Replacer = MP4AudioTrackReplacer;
+
 constexpr uint64_t fourGiB = uint64_t{1} << 32;
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
 
 class TrackReplacer : public testing::Test {
  protected:
-  void replace(FileManager& files) { MP4AudioTrackReplacer::replaceAudioTrack(files, source_, newAudio_, output_); }
+  void replace(FileManager& files, Replacer::EditList editList = Replacer::EditList::dropped) {
+    Replacer::replaceAudioTrack(files, source_, newAudio_, output_, editList,
+                                [&](const Path& result, std::span<const CopiedRange> copied) {
+                                  EXPECT_EQ(result, output_);
+                                  copied_.assign(copied.begin(), copied.end());
+                                });
+  }
   std::string failure() {
     return failureOf([&] { replace(files_); });
   }
@@ -55,6 +71,7 @@ class TrackReplacer : public testing::Test {
 
   TempDirectory directory_;
   PosixFileManager files_{directory_.path()};
+  std::vector<CopiedRange> copied_;
   Path source_ = directory_ / "source.mp4";
   Path output_ = directory_ / "output.mp4";
   // ffmpeg gives the M4A an edit list, the video none; both inputs have sound.
@@ -65,15 +82,15 @@ class TrackReplacer : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
+TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
   const MovieLayout plain(readFile(files_, video_));
   const auto chunks = plain.chunks();
   const uint64_t third = chunks[chunks.size() / 3], twoThirds = chunks[chunks.size() * 2 / 3];
-  MovieLayout longOffsets = plain, hinted = plain;
+  MovieLayout longOffsets = plain, odd = plain;
   longOffsets.useLongOffsets();
-  BoxEditor hint(plain.moov);
-  hint.insert("moov", 8, trackBox("hint", {fullBox("stco", {1, 7})}));
-  hinted.moov = hint.bytes;
+  BoxEditor withOdd(plain.moov);
+  withOdd.insert("moov", plain.moov.size(), longBox("free", {Bytes(5)}));
+  odd.moov = withOdd.bytes;
   const MovieLayout::Piece ftyp{Kind::raw, plain.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
   const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, lastThird{Kind::mdat, {}, twoThirds};
   const MovieLayout::Piece firstThird{Kind::mdat, {}, 0, third}, second{Kind::longMdat, {}, third, twoThirds};
@@ -90,24 +107,218 @@ TEST_F(TrackReplacer, KeepsPicturesAndSoundWhateverTheLayoutOfTheSource) {
       {"moov without an end", plain, {ftyp, mdat, {Kind::openMoov}}},
       {"no ftyp", plain, {moov, mdat}},
       {"ftyp without an end", plain, {moov, mdat, {Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})}}},
-      {"hint track ahead", hinted, {ftyp, moov, mdat}},
+      {"a box of 64-bit size beside the tracks", odd, {ftyp, moov, mdat}},
       {"a tail that is no box", plain, {ftyp, moov, mdat, {Kind::raw, values({3, 3, 3})}}},
   };
+  const Bytes defaultFtyp = box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
   for (const auto& row : rows) {
-    writeFileAtomically(files_, source_, row.layout.build(row.pieces));
+    SCOPED_TRACE(row.name);
+    const Bytes source = row.layout.build(row.pieces);
+    writeFileAtomically(files_, source_, source);
     replace(files_);
     expectWhole(row.name);
-    const auto probe =
-        runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_type,id", "-of", "csv=p=0", output_});
-    EXPECT_EQ(probe.output, "video,0x1\naudio,0x2\n") << row.name;
-    const BoxEditor output(readFile(files_, output_));
-    EXPECT_EQ(output.at("ftyp").offset, 0u) << row.name;
-    EXPECT_EQ(output.at("moov").offset, output.at("ftyp").end()) << row.name;
-    EXPECT_EQ(textOf(output.get("moov")).find("edts"), std::string::npos) << row.name;
-    const bool hasDefault = output.get("ftyp") == box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
-    EXPECT_EQ(hasDefault, row.name == "no ftyp") << row.name;
+    // All but the moov comes out as it was and in its order, and the check hears where.
+    Bytes copied, others = source;
+    const auto moovBegin = others.begin() + static_cast<ptrdiff_t>(textOf(source).find("moov") - 4);
+    others.erase(moovBegin, moovBegin + static_cast<ptrdiff_t>(row.layout.moov.size()));
+    const Bytes result = readFile(files_, output_);
+    for (const CopiedRange& range : copied_) {
+      const auto from = source.begin() + static_cast<ptrdiff_t>(range.from);
+      const auto to = result.begin() + static_cast<ptrdiff_t>(range.to);
+      EXPECT_TRUE(std::equal(from, from + static_cast<ptrdiff_t>(range.size), to));
+      copied.insert(copied.end(), to, to + static_cast<ptrdiff_t>(range.size));
+    }
+    EXPECT_EQ(copied, others);
+    const bool hasDefault = std::equal(defaultFtyp.begin(), defaultFtyp.end(), result.begin());
+    EXPECT_EQ(hasDefault, row.name == "no ftyp");
   }
-  EXPECT_TRUE(log_.contains("  Stripping edts box from audio trak (36 bytes)"));
+}
+
+TEST_F(TrackReplacer, ChangesNothingButTheMediaOfTheFirstAudioTrack) {
+  const auto write = [&](const std::string& name, const std::string& text) {
+    writeFileAtomically(files_, directory_ / name, bytesOf(text));
+    return (directory_ / name).string();
+  };
+  const std::string titles = write("titles.txt",
+                                   ";FFMETADATA1\ntitle=A day\nartist=We\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\n"
+                                   "END=2000\ntitle=One\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=2000\nEND=4000\n"
+                                   "title=Two\n");
+  const std::string text = write("text.srt", "1\n00:00:00,500 --> 00:00:01,500\nhello\n");
+  const Path second = madeByFFmpeg(words("-f lavfi -i sine=frequency=500 -t 4 -c:a aac"), ".m4a");
+  const Path cover = madeByFFmpeg(words("-f lavfi -i testsrc=size=64x64 -frames:v 1"), ".png");
+  const std::string inputs = fmt::format(
+      "-i {} -i {} -i {} -i {} -i {} -map 0 -map 1 -map_metadata 4 -map_chapters 4 -c copy "
+      "-metadata:s:a:0 language=deu -metadata:s:a:1 language=fra ",
+      video_.string(), second.string(), text, cover.string(), titles);
+  const std::string subtitles = "-map 2 -c:s mov_text ", picture = "-map 3 -disposition:v:1 attached_pic ";
+  const struct {
+    std::string options, ending;
+  } rows[] = {
+      {inputs + subtitles + picture, ".mp4"},
+      {inputs + subtitles + "-movflags faststart -disposition:a:0 0 -disposition:a:1 default", ".mp4"},
+      {inputs + "-c:a:0 ac3", ".mp4"},
+      {inputs + "-c:a:0 pcm_s16le", ".mov"},
+  };
+  const auto said = [](const Path& file) {
+    std::string output =
+        runProcess({"ffprobe", "-v", "error", "-show_chapters", "-show_entries",
+                    "stream=index,id,codec_type:stream_tags:stream_disposition:format_tags", "-of", "compact", file})
+            .output;
+    const std::string_view ofTheCodec = "|side_data|";
+    if (const size_t at = output.find(ofTheCodec); at != std::string::npos) output.erase(at, ofTheCodec.size());
+    return output;
+  };
+  const auto allBoxes = [&](const Path& file, std::string_view path) {
+    const BoxEditor editor(readFile(files_, file));
+    std::vector<Bytes> boxes;
+    for (const auto& found : editor.all(path)) {
+      const auto begin = editor.bytes.begin() + static_cast<ptrdiff_t>(found.offset);
+      boxes.emplace_back(begin, begin + static_cast<ptrdiff_t>(found.size));
+    }
+    return boxes;
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.options);
+    source_ = directory_ / ("source" + row.ending);
+    output_ = directory_ / ("output" + row.ending);
+    auto command = words("ffmpeg -v error -y " + row.options);
+    command.push_back(source_);
+    ASSERT_EQ(runProcess(command).output, "");
+    replace(files_, Replacer::EditList::kept);
+    EXPECT_EQ(said(output_), said(source_));
+    EXPECT_EQ(decoderComplaints(output_), "");
+    std::vector<std::string> before = linesOf(mediaHashes(source_)), after = linesOf(mediaHashes(output_));
+    ASSERT_TRUE(before.at(1).starts_with("1,a,"));
+    before[1] = "1" + linesOf(newSound()).front();
+    EXPECT_EQ(after, before);
+    for (const char* path : {"moov/trak/tref", "moov/trak/edts", "moov/trak/mdia/hdlr", "moov/trak/mdia/minf/smhd",
+                             "moov/trak/udta", "moov/udta"}) {
+      EXPECT_EQ(allBoxes(output_, path), allBoxes(source_, path)) << path;
+    }
+    const Bytes oldHeader = allBoxes(source_, "moov/mvhd").front(), newHeader = allBoxes(output_, "moov/mvhd").front();
+    EXPECT_EQ(readUInt32(newHeader, 104), readUInt32(oldHeader, 104)) << "next_track_ID";
+  }
+}
+
+TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
+  constexpr uint32_t rate = 0x10000, empty = 0xFFFFFFFF;
+  using Fields = std::vector<uint32_t>;
+  const auto list = [](uint32_t version, uint32_t count, const Fields& fields) {
+    Bytes entries = values({version << 24, count});
+    for (uint32_t field : fields) ByteWriter(entries).uint32(field);
+    return box("edts", {box("elst", {entries}), box("free")});
+  };
+  const auto clock = [](uint32_t timescale, uint32_t duration) {
+    return fullBox("mdhd", {0, 0, timescale, duration, 0x10A30000});
+  };
+  // The movie has 600 ticks a second, the old media 44100, the new ones 48000 and ten seconds.
+  const auto sound = [&](uint32_t timescale, const Bytes& edits) {
+    BoxEditor editor(track("soun", 3, 480000, {fullBox("stts", {1, 4, 1024})}));
+    editor.insert("trak/mdia", editor.at("trak/mdia").offset + 8, clock(timescale, 10 * timescale));
+    if (!edits.empty()) editor.insert("trak", editor.at("trak/mdia").offset, edits);
+    return editor.bytes;
+  };
+  Fields many, manyAfter;
+  for (uint32_t i = 0; i < 20; ++i) {
+    many.insert(many.end(), {60, 4410 * i, rate});
+    manyAfter.insert(manyAfter.end(), {60, 4800 * i, rate});
+  }
+  const struct {
+    std::string name;
+    Bytes before, after;
+    uint32_t duration;  // of the track
+    Replacer::EditList rule = Replacer::EditList::kept;
+  } rows[] = {
+      {"none", {}, {}, 6000},
+      {"priming, to the nearest tick", list(0, 1, {3000, 1024, rate}), list(0, 1, {3000, 1115, rate}), 3000},
+      {"down", list(0, 1, {3000, 1025, rate}), list(0, 1, {3000, 1116, rate}), 3000},
+      {"late", list(0, 2, {30, empty, rate, 300, 0, rate}), list(0, 2, {30, empty, rate, 300, 0, rate}), 330},
+      {"a pause and other rates", list(0, 3, {9, 441, rate, 60, empty, 0, 9, 882, 0x8000}),
+       list(0, 3, {9, 480, rate, 60, empty, 0, 9, 960, 0x8000}), 78},
+      {"more than sixteen", list(0, 20, many), list(0, 20, manyAfter), 1200},
+      {"64 bits", list(1, 2, {0, 600, empty, empty, rate, 0, 600, 0, 441, rate}),
+       list(1, 2, {0, 600, empty, empty, rate, 0, 600, 0, 480, rate}), 1200},
+      {"64 bits needed", list(0, 2, {1, 0x7FFFFFFF, rate, 1, 441, rate}),
+       list(1, 2, {0, 1, 0, 2337397167, rate, 0, 1, 0, 480, rate}), 2},
+      {"to the end of the media", list(0, 1, {0, 44100, rate}), list(0, 1, {0, 48000, rate}), 5400},
+      {"a packet of nothing", list(0, 1, {6012, 0, rate}), list(0, 1, {6012, 0, rate}), 6012},
+      {"more than that", list(0, 1, {6014, 441, rate}), list(0, 1, {5994, 480, rate}), 5994},
+      {"fewer than promised", list(0, 9, {30, 441, rate}), list(0, 1, {30, 480, rate}), 30},
+      {"not wanted", list(0, 1, {30, 441, rate}), {}, 6000, Replacer::EditList::dropped},
+  };
+  newAudio_ = directory_ / "new.m4a";
+  writeFileAtomically(files_, newAudio_, movie({mvhd(48000), sound(48000, list(0, 1, {1, 1, rate}))}));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    writeFileAtomically(files_, source_, movie({mvhd(600), track("vide", 1, 1), sound(44100, row.before)}));
+    replace(files_, row.rule);
+    const BoxEditor output(readFile(files_, output_));
+    const bool hasEdits = !output.all("moov/trak/edts").empty();
+    EXPECT_EQ(hasEdits ? output.get("moov/trak/edts") : Bytes(), row.after);
+    const auto header = output.all("moov/trak/tkhd").at(1);
+    EXPECT_EQ(output.field(header.offset + 20), 3u);
+    EXPECT_EQ(output.field(header.offset + 28), row.duration);
+    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 24), row.duration);
+    EXPECT_EQ(output.get("moov/trak/mdia/mdhd"), clock(48000, 480000));
+  }
+}
+
+/// The items of an `iloc`, four bytes each.
+struct Items {
+  uint8_t version;
+  uint8_t offsetWidth, baseWidth;
+  bool haveBase;  ///< else their extents count from the start of the file
+
+  Bytes at(std::initializer_list<uint32_t> places) const {
+    Bytes bytes;
+    ByteWriter writer(bytes);
+    const auto put = [&](size_t width, uint32_t value) {
+      if (width == 8) writer.uint32(0);
+      if (width > 0) writer.uint32(value);
+    };
+    const size_t wide = version < 2 ? 2 : 4;
+    const auto number = [&](uint16_t value) { wide == 2 ? writer.uint16(value) : writer.uint32(value); };
+    writer.uint32(uint32_t{version} << 24).uint8(static_cast<uint8_t>(offsetWidth << 4 | 4));
+    writer.uint8(static_cast<uint8_t>(baseWidth << 4 | (version > 0 ? 4 : 0)));
+    number(static_cast<uint16_t>(places.size()));
+    for (uint32_t place : places) {
+      number(1);
+      writer.zeros(version > 0 ? 4 : 2);  // construction method and data reference
+      put(baseWidth, haveBase ? place : 0);
+      writer.uint16(1);
+      if (version > 0) writer.uint32(9);
+      put(offsetWidth, haveBase ? 0 : place);
+      writer.uint32(4);
+    }
+    return box("iloc", {bytes});
+  }
+};
+
+TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
+  const Items shapes[] = {{0, 4, 0, false}, {0, 8, 4, false}, {1, 4, 4, true}, {1, 0, 4, true},
+                          {2, 8, 8, true},  {2, 8, 8, false}, {0, 0, 8, true}};
+  newAudio_ = directory_ / "new.m4a";
+  writeFileAtomically(files_, newAudio_, movie({mvhd(600), track("soun", 1, 100)}));
+  for (const Items& items : shapes) {
+    SCOPED_TRACE(fmt::format("version {}, widths {} and {}", items.version, items.offsetWidth, items.baseWidth));
+    // One lies ahead of the moov and one behind it, and three boxes name them; the last is of the older format.
+    const auto file = [&](uint32_t behind) {
+      const Bytes iloc = items.at({8, behind}), meta = box("meta", {values({0}), iloc});
+      return joined({box("mdat", {Bytes(92)}), meta,
+                     box("moov", {mvhd(600), track("vide", 1, 100), meta, box("udta", {box("meta", {iloc})})}),
+                     box("mdat", {Bytes(4)})});
+    };
+    const auto behind = static_cast<uint32_t>(file(0).size() - 4);
+    writeFileAtomically(files_, source_, file(behind));
+    replace(files_);
+    const BoxEditor output(readFile(files_, output_));
+    const auto now = static_cast<uint32_t>(output.bytes.size() - 4);
+    const Bytes moved = items.at({8 + 20, now});  // behind the ftyp that the source has not
+    for (const char* path : {"meta", "moov/meta", "moov/udta/meta"}) {
+      const Bytes meta = output.get(path);
+      EXPECT_TRUE(std::equal(moved.rbegin(), moved.rend(), meta.rbegin())) << path;
+    }
+  }
 }
 
 /// Copies of a box of gigabytes no more than 16 MiB at each end, and leaves a hole between them.
@@ -133,7 +344,7 @@ class HoleCopier : public ForwardingFileManager {
 };
 
 TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
-  // The last chunk begins at the last byte that an stco can name; a moov ahead of it moves it on.
+  // The last chunk begins at the last byte that an stco can name; a longer moov ahead of it moves it on.
   video_ = madeByFFmpeg(words("-f lavfi -i testsrc2=size=192x144:rate=25 -t 4 -c:v libx264 -bf 0"));
   const MovieLayout layout(readFile(files_, video_));
   BoxEditor moov(layout.moov);
@@ -143,21 +354,21 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   for (size_t i = 0; i < chunks.size(); ++i) {
     moov.setField(stco.offset + 16 + 4 * i, static_cast<uint32_t>(mediaStart + chunks[i]));
   }
+  const Bytes ahead = joined({layout.ftyp, moov.bytes});
   const auto file = files_.open(source_, OpenMode::creating);
-  file->write(joined({layout.ftyp, longBoxClaiming(mediaStart + layout.media.size() - layout.ftyp.size(), "mdat")}));
+  file->write(joined({ahead, longBoxClaiming(mediaStart + layout.media.size() - ahead.size(), "mdat")}));
   file->seek(mediaStart);
-  file->write(joined({layout.media, moov.bytes}));
+  file->write(layout.media);
   file->close();
 
   HoleCopier files(files_);
   replace(files);
   expectWhole("beyond 4 GiB");
-  EXPECT_EQ(std::ranges::count(log_.lines(), "  Warning: stco offset would overflow 32-bit, upgrading to co64"), 4);
   EXPECT_TRUE(log_.contains(
       fmt::format("  Upgraded stco to co64: {} bytes -> {} bytes", stco.size, stco.size + 4 * chunks.size())));
 }
 
-TEST_F(TrackReplacer, NumbersTheNewTrackBehindTheVideoAndRescalesItsDuration) {
+TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
   newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(44100), track("soun", 1, 441000)}));
   for (uint32_t id : {0u, 5u, 0xFFFFFFFDu}) {
@@ -177,7 +388,9 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
   using Fields = std::initializer_list<uint32_t>;
   const auto pictures = [](Fields stco) { return movie({mvhd(1), track("vide", 1, 1, {fullBox("stco", stco)})}); };
   const auto sound = [](Fields stts) { return movie({mvhd(1), track("soun", 1, 1, {fullBox("stts", stts)})}); };
-  const auto withMdat = [&](const Bytes& mdat) { return joined({box("moov", {mvhd(1), goodTrack}), mdat}); };
+  const auto withMdat = [&](const Bytes& mdat, const std::string& handler = "vide") {
+    return joined({box("moov", {mvhd(1), track(handler, 1, 100)}), mdat});
+  };
   const struct {
     std::string failure;
     Bytes source;
@@ -192,14 +405,25 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
       {"Corrupted MP4: mvhd not found", movie({goodTrack})},
       {"Corrupted MP4: trak reaches over its moov", movie({mvhd(1), boxClaiming(900, "trak", {Bytes(20)})})},
       {"Corrupted MP4: Fragmented MP4 (moof box found)", joined({good, box("moof")})},
-      {"Corrupted MP4: A chunk lies in no mdat box", pictures({1, 101})},
+      {"Corrupted MP4: The moov holds the media", movie({mvhd(1), goodTrack, box("mdat")})},
+      {"Corrupted MP4: A chunk lies in no mdat box", good,
+       movie({mvhd(1), track("soun", 1, 1, {fullBox("stco", {1, 101})})})},
       {"Corrupted MP4: No track_ID is left behind the video's", movie({mvhd(1), track("vide", 0xFFFFFFFE, 1)})},
       {"Corrupted MP4: stts duration does not fit 64 bits", good, sound({2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})},
       {"Corrupted MP4: stts does not fit a row of 32 bits", good, sound({2, UINT32_MAX, 8, 1, 8})},
-      {"Corrupted MP4: The media do not fit a file", withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"))},
-      {"Write error: Failed to read video mdat", withMdat(boxClaiming(900, "mdat", {Bytes(20)}))},
-      // A chunk of no bytes may lie at the end of its box, and a table may end ahead of its entries.
+      {"Corrupted MP4: The media do not fit a file", good, withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"), "soun")},
+      {"Write error: Failed to read audio mdat", good, withMdat(boxClaiming(900, "mdat", {Bytes(20)}), "soun")},
+      {"Corrupted MP4: An item lies in no mdat box",
+       movie({mvhd(1), goodTrack, box("meta", {values({0}), Items{0, 4, 0, false}.at({101})})})},
+      {"Corrupted MP4: An item lies in no mdat box",
+       joined({good, box("meta", {values({0}), Items{0, 4, 0, false}.at({101})})})},
+      // A chunk of no bytes may lie at the end of its box, a table may end ahead of its entries, and what the source
+      // says of media that it has not stays untrue.
       {"", pictures({9, 8, 100})},
+      {"", pictures({1, 101})},
+      {"", pictures({1, 0xFFFFFFFF})},
+      {"", withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"))},
+      {"", withMdat(boxClaiming(900, "mdat", {Bytes(20)}))},
   };
   newAudio_ = directory_ / "new.m4a";
   EXPECT_EQ(failure(), "File not found: " + source_.string());
@@ -211,9 +435,6 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
 }
 
 TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
-  const auto audioTrack = [](const Bytes& stts) {
-    return trackBox("soun", {box("free"), stts, fullBox("stsz", {0, 0})});
-  };
   const Bytes uneven = fullBox("stts", {2, 9, 1024, 1, 1000}), cut = fullBox("stts", {3, 9, 1024, 1, 1024});
   const Bytes even = fullBox("stts", {1, 7, 1024}), none = fullBox("stts", {0}), timeless = fullBox("stts", {1, 7, 0});
   const struct {
@@ -228,9 +449,10 @@ TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
       {timeless, timeless, "computed zero delta, skipping"},
   };
   for (const auto& row : rows) {
-    TrakBuffer trak(audioTrack(row.before));
-    trak.normalizeAudioStts();
-    EXPECT_EQ(Bytes(trak.bytes().begin(), trak.bytes().end()), audioTrack(row.after)) << row.line;
+    MovieBox stts;
+    stts.type = "stts";
+    stts.contents.assign(row.before.begin() + 8, row.before.end());
+    EXPECT_EQ(normalizeAudioStts(stts).value_or(row.before), row.after) << row.line;
     EXPECT_EQ(log_.lines().back(), "  normalizeAudioStts: " + row.line);
   }
 }
@@ -240,17 +462,17 @@ TEST_F(TrackReplacer, SurvivesDamageAnywhereInTheMoov) {
   const Bytes whole = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
   std::mt19937 random(7);
   int written = 0, played = 0;
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < 160; ++round) {
     Bytes damaged = whole;
     const size_t at = layout.ftyp.size() + random() % (layout.moov.size() - 4);
     writeUInt32(damaged, round % 2 == 0 ? random() % 64 : static_cast<uint32_t>(random()), at);
     writeFileAtomically(files_, source_, damaged);
-    if (!failure().empty() || ++written % 16 != 0 || !mediaHashes(source_).starts_with("0,v,")) continue;
+    if (!failure().empty() || ++written % 8 != 0 || !mediaHashes(source_).starts_with("0,v,")) continue;
     // A player that takes the damaged pictures finds the sound whole.
     EXPECT_NE(mediaHashes(output_).find("1" + newSound()), std::string::npos) << at;
     ++played;
   }
-  EXPECT_LT(written, 300);
+  EXPECT_LT(written, 160);
   EXPECT_GT(played, 3);
 }
 
