@@ -193,7 +193,7 @@ class Drawing {
 
   /// It counts as none.
   Bytes damagedList() {
-    const uint32_t mediaTime = pick({0xFFFFFFFF, 0xFFFFFFFE, 0x7FFFFFFF});
+    const uint32_t mediaTime = pick({0xFFFFFFFFu, 0xFFFFFFFEu, 0x7FFFFFFFu});
     tell("a list of one entry at {}", static_cast<int32_t>(mediaTime));
     return fullBox("elst", {1, 500, mediaTime, 0x10000});
   }

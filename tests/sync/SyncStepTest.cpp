@@ -130,6 +130,7 @@ TEST_F(SyncSteps, LeaveAFileAloneWhoseListsSayTheTruth) {
       {"20 entries", withLists(plain, {box("edts", {box("elst", {entries})})})},
       {"half speed, a still", withLists(plain, {editBox({2000, 1024, 0x8000, 500, 1024, 0}), Bytes()})},
       {"to the end", withLists(plain, {editBox({0, 1024, normal}), editBox({300, emptyTime, normal, 0, 0, normal})})},
+      {"an entry behind the media", withLists(plain, {editBox({3000, 1024, normal, 500, 0x7FFFFFF0, normal})})},
       {"pictures alone, no list", clip({"-use_editlist", "0"}, "-map 0:v")},
       {"sound alone, damaged", withLists(clip({}, "-map 1:a"), {editBox({500, emptyTime, normal})})},
   };
@@ -144,7 +145,7 @@ TEST_F(SyncSteps, LeaveAFileAloneWhoseListsSayTheTruth) {
 // What is damaged counts as absent: the truth is the movie without that list.
 TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
   const Bytes nothing = editBox({500, emptyTime, normal}), below = editBox({3000, 0xFFFFFFFE, normal}),
-              behind = editBox({1000, 0, normal, 1000, 0x7FFFFFF0, normal}), none;
+              behind = editBox({1000, 0x7FFFFFF0, normal}), none;
   const Bytes healthy = editBox({300, emptyTime, normal, 1200, 1024, normal});
   const Bytes plain = clip(), fine = clip({"-movie_timescale", "90000"}), coarse = clip({"-movie_timescale", "1"});
   const Bytes silent = clip({}, "-map 0:v"), soundFirst = clip({}, "-map 1:a -map 0:v"),
