@@ -95,10 +95,11 @@ class Drawing {
       }
       tell("late by {} s", late);
     }
-    const auto options = fmt::format(
-        "-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
-        isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
-        pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "", oneIn(6) ? " -use_editlist 0" : "");
+    const auto options =
+        fmt::format("-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
+                    isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
+                    pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "",
+                    !isHealthy_ && oneIn(6) ? " -use_editlist 0" : "");
     tell("{}", options);
     for (const auto& word : words(options + " " + file.string())) command.push_back(word);
     const auto muxed = runProcess(command);
