@@ -16,8 +16,8 @@ struct ConfigurationSegment {
   int64_t startSampleIndex = 0;      ///< 0-based
   int64_t endSampleIndex = 0;        ///< 0-based, inclusive
   int64_t firstSyncSampleIndex = 0;  ///< 0-based
-  ParameterSets sets;
-  std::string fingerprint;  ///< 64 lower-case hexadecimal digits
+  ParameterSets sets = {};
+  std::string fingerprint = {};  ///< 64 lower-case hexadecimal digits
 
   int64_t sampleCount() const { return endSampleIndex - startSampleIndex + 1; }
 };

@@ -11,11 +11,11 @@ namespace tarn {
 
 /// Where a file's media are, seen from its `moov`, and where its boxes end.
 struct MediaLayout {
-  std::optional<uint64_t> firstMdat;  ///< where the first `mdat` begins
-  bool isMdatBehindMoov = false;      ///< the first, or a later one
-  bool isTailBehindMoov = false;      ///< bytes behind the `moov` that are no box
-  bool isMdatCut = false;             ///< the file ends inside an `mdat`
-  uint64_t end = 0;                   ///< of the last box that is whole or an `mdat`; what follows is no box
+  std::optional<uint64_t> firstMdat = {};  ///< where the first `mdat` begins
+  bool isMdatBehindMoov = false;           ///< the first, or a later one
+  bool isTailBehindMoov = false;           ///< bytes behind the `moov` that are no box
+  bool isMdatCut = false;                  ///< the file ends inside an `mdat`
+  uint64_t end = 0;                        ///< of the last box that is whole or an `mdat`; what follows is no box
   uint64_t fileSize = 0;
 
   bool isMoovFirst(const MP4BoxInfo& moov) const { return firstMdat && moov.offset < *firstMdat; }

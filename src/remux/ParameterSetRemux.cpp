@@ -104,8 +104,8 @@ struct Work {
 
 /// What the new sample entries shall hold.
 struct Contents {
-  ExtractedParameterSets extracted;            ///< of one entry
-  std::vector<ConfigurationSegment> segments;  ///< of several; empty where they are still to be found
+  ExtractedParameterSets extracted = {};            ///< of one entry
+  std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found
   bool areSeveral = false;
 };
 
