@@ -129,7 +129,8 @@ TEST_F(RemuxTest, RefusesAndLeavesTheFileAlone) {
       {readFile(files_, encodedVideo({.codec = "libx265"})), noSets},  // they are in the hvcC alone
       {readFile(files_, encodedVideo(inBand(false))), noSets},
       {joined({Bytes(intact.begin(), moov), longBox("moov", {Bytes(moov + 8, intact.end())})}),
-       "Corrupted MP4 file: moov box has a 64-bit size field"},
+       fmt::format("Corrupted MP4 file: moov box at {} of {} bytes has a 64-bit size field", moov - intact.begin(),
+                   layout.moov.size() + 8)},
       {cutMedia, "Write error: Failed to copy mdat"},
   };
   for (const auto& [movie, words] : cases) {
