@@ -20,7 +20,9 @@ namespace {
 constexpr uint32_t mostListedSamples = 1 << 24;
 
 SampleSizes parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
-  SampleSizes read = readSampleSizes(file, stbl);
+  const bool isCompact =
+      !MP4BoxUtils::findChildBox(file, stbl, "stsz") && MP4BoxUtils::findChildBox(file, stbl, "stz2");
+  SampleSizes read = isCompact ? readCompactSampleSizes(file, stbl) : readSampleSizes(file, stbl);
   const uint64_t fileSize = file.seekToEnd();
   if (read.fixedSize != 0 && uint64_t{read.fixedSize} * read.count > fileSize) {
     throw sampleTableError(fmt::format("stsz promises more bytes than the file holds: {} samples of {} bytes, of {}",

@@ -46,8 +46,8 @@ struct SampleDescriptionSegment {
 /// of a failed parse is to be used.
 class MP4SampleTableParser {
  public:
-  /// Reads `stsz`, `stsc`, `stco` or else `co64`, and `stss` among the box's children; of an `stss` the numbers behind
-  /// the last sample are left out. To be called once. Moves the file's position.
+  /// Reads `stsz` or else `stz2`, `stsc`, `stco` or else `co64`, and `stss` among the box's children; of an `stss` the
+  /// numbers behind the last sample are left out. To be called once. Moves the file's position.
   void parseSampleTable(FileHandle& file, const MP4BoxInfo& stbl);
 
   /// One sample. Throws "Sample index out of range", "Sample offset out of range", and "Could not compute offset for

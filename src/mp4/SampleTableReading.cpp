@@ -62,6 +62,15 @@ ChunkOffsets readChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
   throw sampleTableError("Neither stco nor co64 found");
 }
 
+namespace {
+
+Error outOfOrder(size_t row, uint64_t first, uint64_t next) {
+  return sampleTableError("stsc rows are out of order: row " + std::to_string(row + 1) + " begins at chunk " +
+                          std::to_string(first) + " and what follows it at chunk " + std::to_string(next));
+}
+
+}  // namespace
+
 std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> rows, uint64_t chunkCount) {
   std::vector<ChunkRun> runs;
   uint64_t chunk = 0;
@@ -71,7 +80,7 @@ std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> rows, uint64
     bool isLast = row + 1 == rows.size();
     uint64_t next = isLast ? chunkCount + 1 : rows[row + 1].firstChunk;
     bool describesNothing = isLast && chunk == chunkCount;
-    if (next < first && !describesNothing) throw sampleTableError("stsc rows are out of order");
+    if (next < first && !describesNothing) throw outOfOrder(row, first, next);
     uint64_t chunks = next < first ? 0 : std::min(next - first, chunkCount - chunk);
     if (chunks == 0) continue;
     runs.push_back({chunk, chunks, sample, rows[row].samplesPerChunk, rows[row].sampleDescriptionIndex});

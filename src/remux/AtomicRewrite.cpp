@@ -11,6 +11,7 @@
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
+#include "remux/LongOffsets.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/MediaLayout.h"
 #include "remux/OpenFile.h"
@@ -94,6 +95,7 @@ class BoxCopier {
       }
       if (isCopied) note({.from = box->offset, .to = target, .size = box->size});
     }
+    if (walker.stop().reason != BoxWalkStop::Reason::endOfLevel) throw fileHandleError("Cannot read box header");
     if (layout.end < layout.fileSize) copyTail(layout.end, layout.fileSize - layout.end);
     return std::move(copied_);
   }
@@ -209,11 +211,11 @@ void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, c
   RemuxTimings& times = timings ? *timings : unused;
   Path tempURL = files.temporaryDirectory() / (makeUUID() + ".mp4");
   log("Writing temporary file: {}", tempURL.string());
-  int64_t delta = static_cast<int64_t>(newMoovData.size()) - static_cast<int64_t>(moovBox.size);
-  log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoovData.size(), delta);
-
   TimingHelper timer;
   MediaLayout layout = findMediaLayout(fileHandle, moovBox);
+  widenChunkOffsets(newMoovData, moovBox, layout);
+  int64_t delta = static_cast<int64_t>(newMoovData.size()) - static_cast<int64_t>(moovBox.size);
+  log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoovData.size(), delta);
   logLayout(layout, moovBox);
   times.findBoxLayout = timer.stop();
   timer.start();

@@ -57,14 +57,18 @@ Bytes readBox(FileHandle& file, const MP4BoxInfo& box) {
   return bytes;
 }
 
+MP4RemuxError corrupted(std::string_view problem, const MP4BoxInfo& moov) {
+  return MP4RemuxError::corruptedMP4(fmt::format("moov box at {} of {} bytes {}", moov.offset, moov.size, problem));
+}
+
 /// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
 Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
   auto box = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
-  if (box->headerSize != 8) throw MP4RemuxError::corruptedMP4("moov box has a 64-bit size field");
+  if (box->headerSize != 8) throw corrupted("has a 64-bit size field", *box);
   Bytes bytes = readBox(file, *box);
-  if (bytes.size() < box->size) throw MP4RemuxError::corruptedMP4("moov box extends beyond the end of the file");
-  if (box->size > UINT32_MAX) throw MP4RemuxError::corruptedMP4("moov box does not fit a 32-bit size field");
+  if (bytes.size() < box->size) throw corrupted("extends beyond the end of the file", *box);
+  if (box->size > UINT32_MAX) throw corrupted("does not fit a 32-bit size field", *box);
   writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
   if (auto problem = whatForbidsEditingTheWay(bytes)) throw MP4RemuxError::corruptedMP4(*problem);
   log("{}Read moov box ({} bytes)", codec.prefix, bytes.size());

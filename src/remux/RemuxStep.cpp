@@ -5,6 +5,7 @@
 
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
+#include "presentation/PresentationChange.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VideoPlan.h"
 
@@ -22,11 +23,27 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
+/// What the file shows now; nothing where its tables cannot be read, so that there is nothing to compare.
+std::optional<Presentation> presentationOf(ProcessingRun& run) {
+  try {
+    return Presentation::read(run.files, run.fileURL);
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& error) {
+    log("What the file shows cannot be told: {}", error.description());
+    return std::nullopt;
+  }
+}
+
 void rewrite(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optional<RemuxTimings>& timings) {
+  const auto before = presentationOf(run);
+  const AnnouncedChange nothing;
+  const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
   if (isHEVC) {
-    MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings, &plan);
+    MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings, &plan, check);
   } else {
-    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, plan.newTag, run.token.get(), timings, &plan);
+    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, plan.newTag, run.token.get(), timings, &plan,
+                                                check);
   }
   for (const std::string& loss : plan.losses) run.warn(loss);
 }

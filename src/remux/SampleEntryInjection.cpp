@@ -45,7 +45,11 @@ Entry findEntry(ByteView moov, const RemuxCodec& codec) {
   if (!codec.accepts(entry.tag)) throw codec.wrongTag(entry.tag);
   if (entry.size < visualSampleEntryFixedSize) throw MP4RemuxError::corruptedMP4("Sample entry too small");
   size_t stsdEnd = std::min<size_t>(stsd + *readUInt32(moov, stsd), moov.size());
-  if (entry.end() > stsdEnd) throw MP4RemuxError::corruptedMP4("Sample entry extends beyond stsd");
+  if (entry.end() > stsdEnd) {
+    throw MP4RemuxError::corruptedMP4(
+        fmt::format("Sample entry at {} of the moov extends beyond stsd: its {} bytes end behind {}", entry.offset,
+                    entry.size, stsdEnd));
+  }
   return entry;
 }
 

@@ -183,6 +183,7 @@ class Planner {
     ParameterSets all = std::move(collector).take();
     plan_.kind = plan_.segments.size() > 1 || entries_.size() > 1 ? Kind::splits : Kind::rebuilds;
     plan_.reason = whyReplaced(all);
+    plan_.isOfTheStream = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
     for (const VideoEntry* entry : inUse_) {
       for (const std::string& other : entry->others) {
         plan_.losses.push_back(fmt::format("{} of the old {} is not kept", other, codec_.configBox));

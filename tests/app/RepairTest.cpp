@@ -58,21 +58,17 @@ class RepairTest : public testing::Test {
   std::string source_;
 };
 
-TEST_F(RepairTest, SaysWhatItCannotDoAndWhatToTry) {
-  const std::string hint = "--skip-video-fix";
+TEST_F(RepairTest, KeepsAVideoThatItCannotMendAndSaysWhy) {
+  const std::string why = "neither the sample entry nor the sync samples hold its parameter sets (no SPS, no PPS)";
   write(damagedMovie("no sets anywhere"));
   std::ofstream(out_) << "old";
-  auto refused = repair(in_, out_, {"--json"});
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_NE(refused.output.find(R"("result":"failed")"), std::string::npos) << refused.output;
-  EXPECT_NE(refused.errors.find(hint), std::string::npos) << refused.errors;
-  EXPECT_EQ(contentOf(out_), "old");
+  auto kept = repair(in_, out_, {"--json"});
+  EXPECT_EQ(kept.exitCode, 0);
+  EXPECT_NE(kept.output.find(why), std::string::npos) << kept.output;
+  EXPECT_EQ(contentOf(out_), source_);
   FaultServer server;
   server.serve("/clip.mp4", ServedFile::of(damagedMovie("no sets anywhere")));
-  auto saved = runTarn(place_ / "home", {"save", server.url("/clip.mp4"), "--album", "Trips"});
-  EXPECT_NE(saved.errors.find(hint), std::string::npos) << saved.errors;
-  EXPECT_EQ(repair(in_, out_, {hint}).exitCode, 0);
-  EXPECT_EQ(contentOf(out_), source_);
+  EXPECT_EQ(runTarn(place_ / "home", {"save", server.url("/clip.mp4"), "--album", "Trips"}).exitCode, 0);
   write(damagedMovie("encv"));
   EXPECT_NE(repair(in_, out_).output.find("encrypted"), std::string::npos);
 }

@@ -58,7 +58,7 @@ TEST_F(SampleTable, FindsEachSample) {
   // Rows count chunks by their differences, whatever number the first has.
   table = parse({stsz_, fullBox("stsc", {2, 2, 1, 1, 3, 2, 1}), fullBox("stco", {3, 1, 100, 500})});
   EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(1, 100, 120));
-  table = parse({stsz_, fullBox("stsc", {1, 1, 3, 1}), fullBox("co64", {1, 1, 5})});
+  table = parse({fullBox("stz2", {8, 3, 0x0A141E00}), fullBox("stsc", {1, 1, 3, 1}), fullBox("co64", {1, 1, 5})});
   EXPECT_THAT(offsetsOf(table.allSamples()), ElementsAre(0x100000005u, 0x10000000Fu, 0x100000023u));
 }
 

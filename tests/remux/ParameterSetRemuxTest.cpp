@@ -94,6 +94,24 @@ TEST_F(RemuxTest, KeepsEveryLayout) {
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     Bytes damaged = c.first.build(c.second);
+    write(damaged);
+    uint64_t copied = 0;
+    const RewriteCheck check = [&](const Path& result, std::span<const CopiedRange> ranges) {
+      const Bytes bytes = readFile(files_, result);
+      for (const CopiedRange& range : ranges) {
+        EXPECT_TRUE(std::ranges::equal(ByteView(damaged).subspan(range.from, range.size),
+                                       ByteView(bytes).subspan(range.to, range.size)));
+        copied += range.size;
+      }
+      EXPECT_EQ(written(), damaged);
+      throw RefusedResult("not today");
+    };
+    EXPECT_EQ(failureOf([&] {
+                MP4Remuxer::remuxHEVCWithParameterExtraction(files_, file_, nullptr, timings_, nullptr, check);
+              }),
+              "not today");
+    EXPECT_EQ(written(), damaged);
+    EXPECT_EQ(copied, withoutMoov(damaged).size());
     expectRepaired(true, damaged, samples);
     EXPECT_TRUE(withoutMoov(written()) == withoutMoov(damaged));
   }
@@ -106,12 +124,13 @@ TEST_F(RemuxTest, RefusesAndLeavesTheFileAlone) {
   auto moov = intact.end() - static_cast<ptrdiff_t>(layout.moov.size());
   Bytes cutMedia = withoutParameterSets(layout.moovAhead(), true);
   cutMedia.resize(cutMedia.size() - 1000);
-  const std::string noSets = "No complete parameter sets found in the video's sync samples";
+  const std::string noSets = "No complete parameter sets found in the video's sync samples: no VPS, no SPS, no PPS";
   const std::pair<Bytes, std::string> cases[] = {
       {readFile(files_, encodedVideo({.codec = "libx265"})), noSets},  // they are in the hvcC alone
       {readFile(files_, encodedVideo(inBand(false))), noSets},
       {joined({Bytes(intact.begin(), moov), longBox("moov", {Bytes(moov + 8, intact.end())})}),
-       "Corrupted MP4 file: moov box has a 64-bit size field"},
+       fmt::format("Corrupted MP4 file: moov box at {} of {} bytes has a 64-bit size field", moov - intact.begin(),
+                   layout.moov.size() + 8)},
       {cutMedia, "Write error: Failed to copy mdat"},
   };
   for (const auto& [movie, words] : cases) {

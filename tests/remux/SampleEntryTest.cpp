@@ -2,8 +2,10 @@
 
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
+#include "parameters/AVCConfigurationBox.h"
 #include "remux/RemuxFixture.h"
 #include "remux/VisualSampleEntryBuilder.h"
+#include "support/ParameterSetBuilder.h"
 
 namespace tarn {
 namespace {
@@ -45,20 +47,23 @@ class SampleEntry : public FileTest {
 TEST_F(SampleEntry, TagIsRepairedWhereThereIsARecord) {
   auto avc3 = [](Children children) { return movieWith(visualSampleEntry("avc3", children)); };
   auto record = [](size_t size) { return box("avcC", {Bytes(size - 8)}); };
+  const Bytes whole = AVCConfigurationBox({AVCSPS{}.bytes()}, {{0x68, 0xCE, 0x3D}}, {}, 4).buildAvcCBox();
+  const std::string size = std::to_string(whole.size());
   const Bytes overrun = boxClaiming(500, "pasp", {Bytes(8)}), noSize = boxClaiming(0, "pasp");
   struct {
     Bytes moov;
     std::optional<std::string> tag;
     std::string outcome;  ///< how the repair fails, or the end of its log line
   } cases[] = {
-      {movieWith(visualSampleEntry("avc1", {record(15)})), "avc1",
-       "avc1 with valid avcC (15 bytes), no remuxing needed"},
-      {avc3({record(8), record(39)}), "avc3", "avcC box present (39 bytes), video is now iOS-compatible"},
+      {movieWith(visualSampleEntry("avc1", {whole})), "avc1",
+       "avc1 with valid avcC (" + size + " bytes), no remuxing needed"},
+      {avc3({record(8), whole}), "avc3", "avcC box present (" + size + " bytes), video is now iOS-compatible"},
+      {avc3({record(39)}), "avc3", "WARNING - Found avcC box without parameter sets (39 bytes)"},
       {avc3({record(14)}), "avc3", "WARNING - Found avcC box but size too small (14 bytes)"},
       {avc3({pasp}), "avc3", "No valid avcC box found, Phase 2 required"},
-      {avc3({overrun, avcC}), "avc3", "Child box 'pasp' extends beyond sample entry boundary, stopping"},
-      {avc3({noSize, avcC}), "avc3", "Reached end of child boxes (boxSize=0)"},
-      {avc3({box("a   "), avcC}), "avc3", "Invalid child box type 'a   ', stopping scan"},
+      {avc3({overrun, whole}), "avc3", "Child box 'pasp' extends beyond sample entry boundary, stopping"},
+      {avc3({noSize, whole}), "avc3", "Reached end of child boxes (boxSize=0)"},
+      {avc3({box("a   "), whole}), "avc3", "Invalid child box type 'a   ', stopping scan"},
       {movieWith(hvc1({})), "hvc1", "Found HEVC codec, not AVC"},
       {{}, {}, corrupted + "moov box not found"},
       {box("mdat"), {}, corrupted + "moov box not found"},
@@ -169,7 +174,8 @@ TEST_F(SampleEntry, IsRefusedWhereItCannotBeEdited) {
       {inject(movieWithTable(box("stsd", {Bytes(24)}))), corrupted + "No sample entries in stsd"},
       {inject(movieWith(visualSampleEntry("avc1"))), unsupported + "Video track has codec 'avc1" + notHEVC},
       {inject(movieWith(box("hev1", {Bytes(77)}), Bytes(99))), corrupted + "Sample entry too small"},
-      {inject(movieWith(endless)), corrupted + "Sample entry extends beyond stsd"},
+      {inject(movieWith(endless)),
+       corrupted + "Sample entry at 246 of the moov extends beyond stsd: its 4294967295 bytes end behind 332"},
       {inject(Bytes(7)), ByteArrayError::invalidOffset().description()},
       {[&] { return MP4Remuxer::injectAvcCBoxIntoMoov(movieWith(encrypted), avcC); },
        unsupported + "Video track has codec 'encv', not 'avc1' or 'avc3'. Cannot inject avcC."},

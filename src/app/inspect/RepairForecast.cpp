@@ -85,6 +85,7 @@ class TrialRun {
     if (plan) forecast.reason = plan->reason;
     if (!forecast.changesFile && !listener_.warnings.empty()) forecast.reason = listener_.warnings;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
+    if (plan && plan->isOfTheStream) inspection_.problems.push_back(plan->reason);
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
