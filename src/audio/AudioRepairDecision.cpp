@@ -89,7 +89,7 @@ class AudioDecision {
 
   std::optional<FastPathLayout> layOut() const {
     try {
-      return layOutForFastPath(asset_, track_, found_.analysis.internalGaps);
+      return layOutForFastPath(asset_, track_);
     } catch (const Error&) {
       return std::nullopt;
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "media/CMFormatDescription.h"
 
@@ -24,24 +25,24 @@ int64_t ticksOfPacket(const AVAssetTrack& track) {
 
 }  // namespace
 
-std::optional<FastPathLayout> layOutForFastPath(const AVAsset& asset, const AVAssetTrack& audioTrack,
-                                                std::span<const AudioGap> gaps) {
+std::optional<FastPathLayout> layOutForFastPath(const AVAsset& asset, const AVAssetTrack& audioTrack) {
   FastPathLayout layout{.actions = {}, .packetTicks = ticksOfPacket(audioTrack)};
   const int64_t packet = layout.packetTicks;
   if (packet == 0) return std::nullopt;
   const auto samples = asset.compressedSamples(asset.withoutEditList(audioTrack));
-  int64_t end = 0;  // of what is laid out so far
-  for (auto gap = gaps.begin(); const auto buffer = samples->next(); end += packet) {
-    int64_t late = buffer->presentationTimeStamp.value - end;
-    if (gap != gaps.end() && gap->frameIndex == buffer->sampleIndex) {
-      const int64_t silent = std::max<int64_t>((late + packet / 2) / packet, 0);
+  int64_t end = 0;          // of what is laid out so far
+  int64_t expectedEnd = 0;  // of the source's packet ahead
+  while (const auto buffer = samples->next()) {
+    const int64_t place = buffer->presentationTimeStamp.value;
+    const int64_t gap = place - std::exchange(expectedEnd, place + packet);
+    if (2 * gap >= packet) {
+      const int64_t silent = std::max<int64_t>((place - end + packet / 2) / packet, 0);
       layout.actions.push_back({AudioAction::Kind::insertSilence, buffer->sampleIndex, silent * packet,
-                                fmt::format("gap of {:.0f} ms", gap->duration.seconds() * 1000)});
+                                fmt::format("gap of {} ticks", gap)});
       end += silent * packet;
-      late -= silent * packet;
-      ++gap;
     }
-    if (std::abs(late) > packet) return std::nullopt;
+    if (std::abs(place - end) > packet) return std::nullopt;
+    end += packet;
   }
   return layout;
 }

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <vector>
 
 #include "audio/AudioAnalysis.h"
@@ -16,9 +15,8 @@ struct FastPathLayout {
   int64_t packetTicks = 0;           ///< length of each packet, in the track's timescale
 };
 
-/// The layout for gaps as detectMediaGaps finds them. Nothing if some packet would come to lie more than a packet's
-/// length off its place, or if a packet is no whole number of ticks long. Throws Error where the tables cannot be read.
-std::optional<FastPathLayout> layOutForFastPath(const AVAsset& asset, const AVAssetTrack& audioTrack,
-                                                std::span<const AudioGap> gaps);
+/// A gap counts from half a packet on. Nothing if some packet would come to lie more than a packet's length off its
+/// place, or if a packet is no whole number of ticks long. Throws Error where the tables cannot be read.
+std::optional<FastPathLayout> layOutForFastPath(const AVAsset& asset, const AVAssetTrack& audioTrack);
 
 }  // namespace tarn

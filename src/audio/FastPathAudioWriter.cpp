@@ -54,10 +54,11 @@ void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::Bui
 }
 
 void createOutputWithFastPathAudio(ProcessingRun& run, const Path& originalURL, const Path& outputURL,
-                                   const FastPathAudioBuilder::BuildResult& buildResult) {
+                                   const FastPathAudioBuilder::BuildResult& buildResult, const RewriteCheck& check) {
   const RunTempFile audio(run, originalURL.parent_path() / (makeUUID() + "_fastpath_audio.m4a"));
   writeFastPathAudioToM4A(run.files, buildResult, audio.path());
-  MP4AudioTrackReplacer::replaceAudioTrack(run.files, originalURL, audio.path(), outputURL);
+  MP4AudioTrackReplacer::replaceAudioTrack(run.files, originalURL, audio.path(), outputURL,
+                                           MP4AudioTrackReplacer::EditList::kept, check);
 }
 
 }  // namespace tarn

@@ -2,6 +2,7 @@
 
 #include "audio/FastPathAudioBuilder.h"
 #include "pipeline/ProcessingStep.h"
+#include "presentation/RewriteCheck.h"
 
 namespace tarn {
 
@@ -15,9 +16,9 @@ Bytes buildAudioMoovBox(const FastPathAudioBuilder::BuildResult& buildResult, By
 void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::BuildResult& buildResult,
                              const Path& outputURL);
 
-/// Writes `outputURL`: the video of `originalURL` with the packets as its sound. The M4A in between is a temp file of
-/// the run. Throws as the above, and AudioTrackReplacerError.
+/// Writes `outputURL`: `originalURL` with the packets as its sound, under the same edit list. The M4A in between is a
+/// temp file of the run. Throws as the above, AudioTrackReplacerError, and what `check` throws.
 void createOutputWithFastPathAudio(ProcessingRun& run, const Path& originalURL, const Path& outputURL,
-                                   const FastPathAudioBuilder::BuildResult& buildResult);
+                                   const FastPathAudioBuilder::BuildResult& buildResult, const RewriteCheck& check);
 
 }  // namespace tarn

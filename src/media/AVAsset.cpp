@@ -197,11 +197,10 @@ std::vector<MediaEdit> AVAsset::shownMedia(const AVAssetTrack& track) const {
   const uint32_t movieTimescale = movieTimescaleOf(*file);
   const int64_t duration = readSampleTable(*file, track).second.duration();
   const auto rows = readableEditList(*file, track.trak);
-  const auto shows = [](const EditListRow& row) { return !row.isEmpty(); };
-  const auto isDamaged = [&](const EditListRow& row) {
-    return shows(row) && (row.mediaTime < 0 || row.mediaTime >= duration);
-  };
-  if (!isUsable(movieTimescale) || std::ranges::none_of(rows, shows) || std::ranges::any_of(rows, isDamaged)) {
+  const auto isImpossible = [](const EditListRow& row) { return row.mediaTime < layout::emptyEdit; };
+  const auto reachesMedia = [&](const EditListRow& row) { return !row.isEmpty() && row.mediaTime < duration; };
+  if (!isUsable(movieTimescale) || std::ranges::any_of(rows, isImpossible) ||
+      std::ranges::none_of(rows, reachesMedia)) {
     return {MediaEdit{}};
   }
   return mediaEdits(rows, movieTimescale, track.naturalTimeScale, duration);

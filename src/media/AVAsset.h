@@ -60,7 +60,7 @@ class AVAsset {
   int64_t samplesOutsideFile(const AVAssetTrack& track) const;
 
   /// What the track's edit list shows of its media, in order; all of it where there is no list, and where the list is
-  /// damaged: where it shows nothing, has a media time below -1, or lies behind the media. Throws as above.
+  /// damaged: where no entry reaches the media, or one has a media time below -1. Throws as above.
   std::vector<MediaEdit> shownMedia(const AVAssetTrack& track) const;
 
   FileManager& files() const { return files_; }
