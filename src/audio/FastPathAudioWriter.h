@@ -1,7 +1,6 @@
 #pragma once
 
 #include "audio/FastPathAudioBuilder.h"
-#include "pipeline/ProcessingStep.h"
 
 namespace tarn {
 
@@ -14,10 +13,5 @@ Bytes buildAudioMoovBox(const FastPathAudioBuilder::BuildResult& buildResult, By
 /// builders where the packets do not fit such a file, and failures of the file layer.
 void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::BuildResult& buildResult,
                              const Path& outputURL);
-
-/// Writes `outputURL`: the video of `originalURL` with the packets as its sound. The M4A in between is a temp file of
-/// the run. Throws as the above, and AudioTrackReplacerError.
-void createOutputWithFastPathAudio(ProcessingRun& run, const Path& originalURL, const Path& outputURL,
-                                   const FastPathAudioBuilder::BuildResult& buildResult);
 
 }  // namespace tarn
