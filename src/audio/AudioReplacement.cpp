@@ -3,10 +3,11 @@
 #include <cmath>
 #include <optional>
 
+#include "audio/AudioSwap.h"
 #include "audio/AudioTranscoder.h"
-#include "audio/MP4AudioTrackReplacer.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
+#include "presentation/RewriteCheck.h"
 #include "sync/MP4EditListStripper.h"
 
 namespace tarn {
@@ -69,7 +70,8 @@ std::optional<Path> stripEditList(ProcessingRun& run) {
   return stripped.path();
 }
 
-void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, const CMTime& videoFirstPTS) {
+void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, const CMTime& videoFirstPTS,
+               double shownMediaEnd) {
   const double syncOffset = run.originalSyncInfo ? run.originalSyncInfo->syncOffsetSeconds : 0;
   if (std::abs(syncOffset) > 0.001) log("  Passing syncOffsetSeconds={:.3f}s to transcoder", syncOffset);
   const AudioEdits edits = audioEdits(run.originalSyncInfo);
@@ -80,7 +82,7 @@ void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, cons
   AudioTranscoder::transcodeAudio(
       run.files, input, newAudio, videoFirstPTS, edits.emptyEditDelay, edits.mediaDuration, syncOffset,
       AudioTranscoder::Config{}, run.token.get(),
-      [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); });
+      [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); }, shownMediaEnd);
 }
 
 /// Whoever finds a run at `audioReplacing` knows by the fixed file whether the swap was done: gone, while the new audio
@@ -90,12 +92,24 @@ void makeFixedFile(ProcessingRun& run, const Path& fixed) {
   run.files.synchronizeDirectory(fixed.parent_path());
 }
 
+/// False where the new audio would harm: the file is as it was, and the user is told.
+bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, const Path& fixed) {
+  try {
+    swap.swap(newAudio, fixed);
+    return true;
+  } catch (const RefusedResult& refusal) {
+    run.warn("The sound is left as it is, for new sound would do harm: " + refusal.description());
+    return false;
+  }
+}
+
 }  // namespace
 
 void replaceAudio(ProcessingRun& run) {
   logLine("Audio analysis: transcoding needed");
   logLine("Starting audio transcoding...");
   run.timer.start();
+  const AudioSwap swap(run);
   const Path newAudio = tempPath(run, ".m4a");
   const Path fixed = tempPath(run, "_fixed.mp4");
   run.state.addTempFile(newAudio);
@@ -113,7 +127,7 @@ void replaceAudio(ProcessingRun& run) {
 
   timer.start();
   run.updateProcessingStage(ProcessingStage::transcodingPass2);
-  transcode(run, stripped.value_or(run.fileURL), newAudio, videoFirstPTS);
+  transcode(run, stripped.value_or(run.fileURL), newAudio, videoFirstPTS, swap.shownMediaEnd());
   timings.pass2Transcode = timer.stop();
   run.token->throwIfCancelled();
 
@@ -121,20 +135,18 @@ void replaceAudio(ProcessingRun& run) {
   timer.start();
   makeFixedFile(run, fixed);
   run.updateProcessingStage(ProcessingStage::audioReplacing);
-  MP4AudioTrackReplacer::replaceAudioTrack(run.files, run.fileURL, newAudio, fixed);
-  run.files.replaceItem(run.fileURL, fixed);
+  run.audioWasTranscoded = trySwap(run, swap, newAudio, fixed);
   timings.trackReplacement = timer.stop();
   run.token->throwIfCancelled();
 
-  // The new audio goes only once the stage is stored: until then it is the sign that the swap was done.
-  run.state.removeTempFile(fixed);
-  run.audioWasTranscoded = true;
+  // The temp files go only once the stage is stored: until then they are the sign that the swap was done, or not.
   run.updateProcessingStage(ProcessingStage::audioReplaced);
+  forget(run, fixed);
   forget(run, newAudio);
   if (stripped) forget(run, *stripped);
   run.saveState();
   run.timings.audioTranscodeTotal = run.timer.stop();
-  logLine("Audio transcoding completed");
+  if (run.audioWasTranscoded) logLine("Audio transcoding completed");
 }
 
 }  // namespace tarn

@@ -5,7 +5,6 @@
 #include "audio/FastPathAudioRepair.h"
 #include "media/AVAsset.h"
 #include "platform/Log.h"
-#include "presentation/PresentationChange.h"
 
 namespace tarn {
 namespace {
@@ -28,23 +27,6 @@ void leaveToEditList(ProcessingRun& run, const AudioAnalysisResult& analysis) {
   run.updateProcessingStage(ProcessingStage::audioReplaced);
 }
 
-/// Nothing where the tables are damaged: then there is nothing to compare a result with.
-std::optional<Presentation> presentationOf(const ProcessingRun& run) {
-  try {
-    return Presentation::read(run.files, run.fileURL);
-  } catch (const Error& failure) {
-    log("Nothing to compare the sound with: {}", failure.description());
-    return std::nullopt;
-  }
-}
-
-AnnouncedChange announcedByFastPath(const Presentation& before, const AudioConfigCheck& config) {
-  const TrackPresentation* sound = before.first("soun");
-  const auto packet = std::chrono::duration<double>(1024.0 / static_cast<double>(config.sampleRate));
-  return {.remadeTrack = sound ? std::optional(sound->trackID) : std::nullopt,
-          .packetLength = std::chrono::duration_cast<MovieTime>(packet)};
-}
-
 /// False when the fast path failed: the file is as it was.
 bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
   logLine("Audio analysis: using fast path (compressed sample copy + silence insertion)");
@@ -53,10 +35,7 @@ bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
   try {
     AudioConfigCheck config = findings.config;
     config.sampleDelta = findings.packetTicks;
-    const auto before = presentationOf(run);
-    performFastPathAudioRepair(
-        run, findings.actions, config,
-        before ? requireHarmless(run.files, *before, announcedByFastPath(*before, config)) : RewriteCheck());
+    performFastPathAudioRepair(run, findings.actions, config);
   } catch (const std::exception& failure) {
     log("Fast path failed: {}", failure.what());
     logLine("Falling back to full audio transcode...");

@@ -2,8 +2,6 @@
 
 #include <limits>
 
-#include "audio/MP4AudioTrackReplacer.h"
-#include "audio/RunTempFile.h"
 #include "mp4/AudioBoxBuilders.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
@@ -51,14 +49,6 @@ void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::Bui
   file->write(buildResult.audioData);
   file->close();
   log("FastPath: Wrote M4A file ({} bytes)", ahead.size() + buildResult.audioData.size());
-}
-
-void createOutputWithFastPathAudio(ProcessingRun& run, const Path& originalURL, const Path& outputURL,
-                                   const FastPathAudioBuilder::BuildResult& buildResult, const RewriteCheck& check) {
-  const RunTempFile audio(run, originalURL.parent_path() / (makeUUID() + "_fastpath_audio.m4a"));
-  writeFastPathAudioToM4A(run.files, buildResult, audio.path());
-  MP4AudioTrackReplacer::replaceAudioTrack(run.files, originalURL, audio.path(), outputURL,
-                                           MP4AudioTrackReplacer::EditList::kept, check);
 }
 
 }  // namespace tarn

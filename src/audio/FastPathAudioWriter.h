@@ -1,8 +1,6 @@
 #pragma once
 
 #include "audio/FastPathAudioBuilder.h"
-#include "pipeline/ProcessingStep.h"
-#include "presentation/RewriteCheck.h"
 
 namespace tarn {
 
@@ -15,10 +13,5 @@ Bytes buildAudioMoovBox(const FastPathAudioBuilder::BuildResult& buildResult, By
 /// builders where the packets do not fit such a file, and failures of the file layer.
 void writeFastPathAudioToM4A(FileManager& files, const FastPathAudioBuilder::BuildResult& buildResult,
                              const Path& outputURL);
-
-/// Writes `outputURL`: `originalURL` with the packets as its sound, under the same edit list. The M4A in between is a
-/// temp file of the run. Throws as the above, AudioTrackReplacerError, and what `check` throws.
-void createOutputWithFastPathAudio(ProcessingRun& run, const Path& originalURL, const Path& outputURL,
-                                   const FastPathAudioBuilder::BuildResult& buildResult, const RewriteCheck& check);
 
 }  // namespace tarn
