@@ -86,7 +86,8 @@ void nameWhatIsMended(Inspection& inspection) {
   };
   name(inspection.remux.changesFile, Problem::Of::video, inspection.remux.reason);
   name(inspection.audio.replacesSound(), Problem::Of::sound, inspection.audio.reason);
-  name(inspection.syncFix.kind == SyncForecast::Kind::writes, Problem::Of::editLists, inspection.syncFix.reason);
+  name(inspection.syncFix.kind == SyncForecast::Kind::writes, Problem::Of::editLists,
+       "the video has no edit list, and its first picture is not at 0");
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "app/FailureAdvice.h"
 #include "app/inspect/Inspection.h"
 
 namespace tarn {
