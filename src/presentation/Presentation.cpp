@@ -76,9 +76,9 @@ std::vector<PresentedEdit> layOut(const std::vector<EditListRow>& rows, uint32_t
   for (const EditListRow& row : rows) {
     PresentedEdit edit{.movieStart = clock, .rate = row.mediaRate};
     edit.movieDuration = static_cast<int64_t>(std::min<uint64_t>(row.duration, MediaEdit::latestTime));
-    if (!row.isEmpty()) edit.mediaStart = row.mediaTime;
+    if (!row.isEmpty()) edit.mediaStart = std::min(row.mediaTime, MediaEdit::latestTime);
     if (row.duration == 0 && !row.isEmpty() && &row == &rows.back() && row.mediaRate > 0) {
-      int64_t length = std::max<int64_t>(track.mediaEnd - row.mediaTime, 0);
+      int64_t length = std::max<int64_t>(track.mediaEnd - *edit.mediaStart, 0);
       edit.movieDuration = movieTicks(length, track.timescale, movieTimescale, row.mediaRate);
     }
     clock = std::min(clock + edit.movieDuration, MediaEdit::latestTime);

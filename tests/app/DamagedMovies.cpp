@@ -22,6 +22,24 @@ VideoRecipe withLateSound(VideoRecipe recipe) {
   return recipe;
 }
 
+/// Two seconds with B-frames and sound of two channels; `more` is what else ffmpeg shall do.
+Bytes withSound(const std::string& more = "-c:a aac") {
+  const std::string inputs = "-f lavfi -i sine=r=48000:d=2 -map 0:v -map 1:a -ac 2 ";
+  return contents(encodedVideo({.parameters = "b-adapt=0", .more = words(inputs + more)}));
+}
+
+Bytes cutOff(Bytes movie) {
+  movie.resize(movie.size() * 2 / 3);
+  return movie;
+}
+
+/// The same sound with the first entry of its edit list from another media time on.
+Bytes withMediaTimeOfSound(uint32_t mediaTime) {
+  BoxEditor editor(withSound());
+  editor.setField(editor.all("moov/trak/edts/elst").at(1).offset + 20, mediaTime);
+  return editor.bytes;
+}
+
 Bytes withOverrunningChild(const Bytes& movie) {
   BoxEditor editor(movie);
   editor.insert(stsd + "hev1", editor.at(stsd + "hev1").end(), boxClaiming(500, "colr", {Bytes(12)}));
@@ -57,6 +75,14 @@ const std::vector<DamagedMovie>& damagedMovies() {
         {"no sets anywhere", withoutParameterSets(contents(encodedVideo({})), false)},
         {"encv", renamed(hevc, "hev1", "encv")},
         {"no moov", box("ftyp", {Bytes(8)})},
+        {"B-frames and sound", withSound()},
+        {"AC-3 sound", withSound("-c:a ac3")},
+        {"a gap in the sound", withSound("-c:a aac -bsf:a noise=drop='between(n,40,59)'")},
+        {"a list of -2", withMediaTimeOfSound(static_cast<uint32_t>(-2))},
+        {"a list behind the media", withMediaTimeOfSound(10'000'000)},
+        {"no lists", withSound("-c:a aac -use_editlist 0")},
+        {"fragments", withSound("-c:a aac -movflags frag_keyframe+empty_moov")},
+        {"cut off", cutOff(withSound("-c:a aac -movflags faststart"))},
     };
   }();
   return movies;

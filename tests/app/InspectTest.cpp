@@ -1,4 +1,4 @@
-#include <fmt/ranges.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,7 +20,6 @@ namespace tarn::test {
 namespace {
 
 using Remux = RemuxForecast::Kind;
-using Sync = SyncForecast::Kind;
 
 class InspectTest : public FileTest {
  protected:
@@ -39,49 +38,69 @@ std::string described(const std::vector<SampleEntryFacts>& entries) {
   return words;
 }
 
-/// Every damaged movie is repaired, and so is its result: ffmpeg plays it, and the second repair changes nothing.
+/// What `inspect` says of each movie is what `repair` then does, with the same warnings; each change mends a problem
+/// that it names. ffmpeg plays the result, and a second repair changes nothing.
 TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
   struct Row {
-    Remux remux;
-    Sync sync = Sync::nothing;
-    std::string tag = "";  // of a result that can be played
+    std::string verdict;
+    Remux remux = Remux::leavesAlone;
+    std::string tag = "avc1";  // of a result that can be played
     size_t losses = 0;
   };
+  const std::string nothing = "Nothing to repair";
   const std::map<std::string, Row> expected = {
-      {"hev1 with an empty hvcC", {Remux::rebuilds, Sync::nothing, "hvc1"}},
-      {"avc3 without avcC", {Remux::rebuilds, Sync::nothing, "avc1"}},
-      {"hev1 with late sound", {Remux::rebuilds, Sync::nothing, "hvc1"}},
-      {"avc1 with late sound", {Remux::leavesAlone, Sync::nothing, "avc1"}},
-      {"HEVC of two sizes", {Remux::splits, Sync::nothing, "hvc1", 1}},
-      {"AVC of two sizes", {Remux::splits, Sync::nothing, "avc1"}},
-      {"avc3 with avcC", {Remux::changesTag, Sync::nothing, "avc1"}},
-      {"avc1", {Remux::leavesAlone, Sync::nothing, "avc1"}},
-      {"overrunning child", {Remux::rebuilds, Sync::nothing, "hvc1", 1}},
-      {"tail", {Remux::rebuilds, Sync::nothing, "hvc1"}},
-      {"no sets anywhere", {Remux::leavesAlone}},
-      {"encv", {Remux::skipped}},
-      {"no moov", {Remux::skipped, Sync::fails}},
+      {"hev1 with an empty hvcC", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1"}},
+      {"avc3 without avcC", {"Repairable: the sample entry has no SPS", Remux::rebuilds}},
+      {"hev1 with late sound", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1"}},
+      {"avc1 with late sound", {nothing}},
+      {"HEVC of two sizes", {"Repairable: the picture size changes in mid-stream", Remux::splits, "hvc1"}},
+      {"AVC of two sizes", {"Repairable: the picture size changes in mid-stream", Remux::splits}},
+      {"avc3 with avcC", {"Repairable: the sample entry holds all parameter sets, so avc3", Remux::changesTag}},
+      {"avc1", {nothing}},
+      {"overrunning child", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1", 1}},
+      {"tail", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1"}},
+      {"no sets anywhere", {"Left alone: the video is left as it is: neither", Remux::leavesAlone, ""}},
+      {"encv", {nothing, Remux::skipped, ""}},
+      {"no moov", {"Broken: no moov; download it again", Remux::skipped, ""}},
+      {"B-frames and sound", {nothing}},
+      {"AC-3 sound", {"Repairable: the sound is \"ac-3\", not AAC, and is converted"}},
+      {"a gap in the sound", {"Repairable: 427 ms of sound missing at 0:00"}},
+      {"a list of -2", {"Repairable: the edit list of track 2 has a media time below -1"}},
+      {"a list behind the media", {"Repairable: the edit list of track 2 lies behind its media"}},
+      {"no lists", {"Repairable: the video has no edit list, and its first picture is not at 0"}},
+      {"fragments", {"Left alone: it is fragmented", Remux::skipped, ""}},
+      {"cut off", {"Broken: ", Remux::leavesAlone, ""}},
   };
   const Path out = directory_ / "out.mp4", again = directory_ / "again.mp4";
   const auto repair = [&](const Path& from, const Path& to) {
-    return runTarn(directory_ / "home", {"repair", from.string(), "-o", to.string()});
+    return runTarn(directory_ / "home", {"repair", "--json", from.string(), "-o", to.string()});
   };
   for (const DamagedMovie& movie : damagedMovies()) {
     SCOPED_TRACE(movie.name);
     const Row& row = expected.at(movie.name);
     const Inspection promise = inspectBytes(movie.bytes);
-    EXPECT_EQ(std::pair(promise.remux.kind, promise.syncFix.kind), std::pair(row.remux, row.sync))
-        << inspectionText(promise);
+    SCOPED_TRACE(inspectionText(promise));
+    EXPECT_TRUE(promise.verdict.text.starts_with(row.verdict));
+    EXPECT_EQ(promise.remux.kind, row.remux);
     EXPECT_EQ(promise.remux.losses.size(), row.losses);
+    const bool namesWhatIsMended =
+        std::ranges::any_of(promise.problems, [&](const Problem& problem) { return isMended(problem, promise); });
+    EXPECT_EQ(namesWhatIsMended, promise.changesFile);
+    EXPECT_EQ(promise.problems.empty(), promise.verdict.kind == Verdict::Kind::nothingToRepair);
 
     const auto result = repair(file_, out);
     EXPECT_EQ(written(), movie.bytes);
     ASSERT_EQ(result.exitCode, 0) << result.errors;
-    EXPECT_EQ(result.lastLine(), out.string());
     EXPECT_EQ(promise.changesFile, readFile(files_, out) != movie.bytes);
+    const JSValue::Array warnings(promise.warnings.begin(), promise.warnings.end());
+    const std::string told = JSObject{{"warnings", warnings}}.json();
+    EXPECT_NE(result.output.find(told.substr(1, told.size() - 2)), std::string::npos) << result.output;
     const Inspection outcome = inspect(files_, out);
     if (row.remux != Remux::skipped) {
       EXPECT_EQ(described(promise.remux.entries), described(outcome.video->entries));
+    }
+    for (const auto& [trackID, list] : promise.syncFix.order.tracks) {
+      EXPECT_EQ(trackID == 1 ? outcome.sync->videoEditList : outcome.sync->audioEditList, list.rows);
     }
     if (row.tag.empty()) continue;
     EXPECT_EQ(probeVideo(out, "codec_tag_string").substr(0, 4), row.tag);
@@ -107,29 +126,25 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   }
   EXPECT_EQ(files_.attributes(file_), before);
 
-  // An `avcC` without sets satisfies the repair of the tag, and is not complete all the same.
+  EXPECT_TRUE(inspectionText(late).starts_with("Repairable: the sample entry has no VPS")) << inspectionText(late);
+  EXPECT_NE(told.output.find(R"({"verdict":"Repairable: the sample)"), std::string::npos) << told.output;
+
+  // Neither is mended, and both are named.
   BoxEditor editor(damagedMovie("avc1"));
-  const auto avcC = editor.at("moov/trak/mdia/minf/stbl/stsd/avc1/avcC");
-  editor.bytes[avcC.offset + 8 + 5] = 0xE0;
-  std::fill_n(editor.bytes.begin() + static_cast<ptrdiff_t>(avcC.offset + 8 + 6), avcC.size - 14, uint8_t{0});
+  editor.setField(editor.at("moov/trak/mdia/mdhd").offset + 24, UINT32_MAX);
   const auto moov = editor.at("moov");
   editor.setField(moov.offset, static_cast<uint32_t>(moov.size + 7));
-  const Inspection empty = inspectBytes(editor.bytes);
-  EXPECT_EQ(empty.remux.kind, Remux::leavesAlone);
-  EXPECT_EQ(fmt::format("{}", fmt::join(empty.problems, ", ")),
-            fmt::format("the moov at {} overruns the file by 7 bytes, the avcC lacks parameter sets", moov.offset));
-
-  write(joined({box("ftyp", {Bytes(8)}), boxClaiming(0x6400000, "free")}));
-  const auto file = files_.open(file_, OpenMode::updating);
-  file->seek(16 + 0x6400000);
-  file->write(BoxEditor(damagedMovie("avc1")).get("moov"));
-  EXPECT_EQ(inspect(files_, file_).remux.reason, "the sample entry holds all parameter sets");
+  const Inspection odd = inspectBytes(editor.bytes);
+  ASSERT_EQ(odd.problems.size(), 2U) << inspectionText(odd);
+  EXPECT_EQ(odd.problems[0].words, fmt::format("the moov at {} overruns the file by 7 bytes", moov.offset));
+  EXPECT_EQ(odd.problems[1].words, "the mdhd of track 1 does not tell how long it is");
+  EXPECT_EQ(odd.verdict.text, "Left alone: " + odd.problems[0].words + "; and 1 more problem");
 }
 
-/// Whatever bytes of the tables are wrong: there is an answer, the source stays, and the step does as was said.
+/// Whatever bytes of the tables are wrong: there is an answer, the source stays, the step does as was said, and names a
+/// problem for each change.
 TEST_F(InspectTest, AnswersForAnyDamage) {
   std::mt19937 random(11);
-  RunRecorder recorder;
   for (const bool isHEVC : {true, false}) {
     const Bytes& whole = damagedMovie(isHEVC ? "hev1 with late sound" : "AVC of two sizes");
     const auto moov = BoxEditor(whole).at("moov");
@@ -142,10 +157,15 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
       }
       if (round % 10 == 0) bytes.resize(random() % bytes.size());
       const Inspection promise = inspectBytes(bytes);
-      EXPECT_FALSE(inspectionText(promise).empty());
+      SCOPED_TRACE(inspectionText(promise));
       EXPECT_TRUE(JSObject::parse(inspectionJSON(promise)));
+      EXPECT_EQ(promise.problems.empty(), promise.verdict.kind == Verdict::Kind::nothingToRepair);
+      EXPECT_EQ(promise.changesFile, std::ranges::any_of(promise.problems, [&](const Problem& problem) {
+                  return isMended(problem, promise);
+                }));
       ASSERT_EQ(written(), bytes);
       if (promise.remux.kind == Remux::skipped) continue;
+      RunRecorder recorder;
       ProcessingRun run = recorder.runOn(files_, file_);
       const std::string refusal = failureOf([&] { RemuxStep().run(run); });
       EXPECT_EQ(refusal, promise.remux.kind == Remux::refuses ? promise.remux.reason : "");

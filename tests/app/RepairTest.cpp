@@ -8,11 +8,14 @@
 #include <thread>
 
 #include "app/DamagedMovies.h"
+#include "app/PlacingStep.h"
 #include "app/TarnProcess.h"
+#include "download/DownloadTask.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/BoxEditor.h"
 #include "support/Eventually.h"
-#include "support/FaultServer.h"
 #include "support/MediaMaker.h"
+#include "support/RunRecorder.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -58,19 +61,42 @@ class RepairTest : public testing::Test {
   std::string source_;
 };
 
-TEST_F(RepairTest, KeepsAVideoThatItCannotMendAndSaysWhy) {
-  const std::string why = "neither the sample entry nor the sync samples hold its parameter sets (no SPS, no PPS)";
-  write(damagedMovie("no sets anywhere"));
-  std::ofstream(out_) << "old";
-  auto kept = repair(in_, out_, {"--json"});
-  EXPECT_EQ(kept.exitCode, 0);
-  EXPECT_NE(kept.output.find(why), std::string::npos) << kept.output;
-  EXPECT_EQ(contentOf(out_), source_);
-  FaultServer server;
-  server.serve("/clip.mp4", ServedFile::of(damagedMovie("no sets anywhere")));
-  EXPECT_EQ(runTarn(place_ / "home", {"save", server.url("/clip.mp4"), "--album", "Trips"}).exitCode, 0);
-  write(damagedMovie("encv"));
-  EXPECT_NE(repair(in_, out_).output.find("encrypted"), std::string::npos);
+TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
+  for (const auto& [name, words] : {std::pair("no sets anywhere", "neither the sample entry nor the sync samples"),
+                                    std::pair("encv", "encrypted"), std::pair("fragments", "fragmented")}) {
+    write(damagedMovie(name));
+    std::ofstream(out_) << "old";
+    auto left = repair(in_, out_);
+    EXPECT_EQ(left.exitCode, 0) << left.errors;
+    EXPECT_EQ(contentOf(out_), source_);
+    EXPECT_NE(left.output.find(words), std::string::npos) << left.output;
+    EXPECT_EQ(left.lastLine(), out_.string());
+  }
+}
+
+/// The whole of a repair is compared with its source, whatever each step has proved.
+TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
+  write(damagedMovie("B-frames and sound"));
+  struct Listener : RunRecorder {
+    std::string warning;
+    void warned(const std::string& words) override { warning = words; }
+  };
+  for (const bool doesHarm : {true, false}) {
+    BoxEditor editor(damagedMovie("B-frames and sound"));
+    const auto list = editor.at("moov/trak/edts/elst");
+    editor.setField(list.offset + 16, doesHarm ? 1960 : 2001);  // the last picture lasts 40 ms
+    const Path result = place_ / "result.mp4";
+    writeFileAtomically(files_, result, editor.bytes);
+    Listener listener;
+    SystemClock clock;
+    NamesInTheMaking names;
+    ProcessingRun run(files_, clock, names, listener, {.fileURL = result},
+                      std::make_shared<DownloadTask>(files_, 0, "", std::nullopt, std::nullopt), listener.token);
+    PlacingStep(in_, out_).run(run);
+    EXPECT_EQ(contentOf(out_), doesHarm ? source_ : textOf(editor.bytes));
+    EXPECT_EQ(listener.warning,
+              doesHarm ? "The file was left as it is, since its repair would do harm: 1 picture is hidden" : "");
+  }
 }
 
 TEST_F(RepairTest, RefusesEndsThatAreNotSafe) {

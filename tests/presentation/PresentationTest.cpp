@@ -73,6 +73,7 @@ TEST_F(PresentationTest, ShowsWhatTheEditListShows) {
       {"nothing but emptiness", packets(), {{500, -1}}, 10, 0, 0ms, 200ms, EditListDamage::showsNothing},
       {"a last edit that lasts no time", packets(), {{0, 10000}}, 10, 0, 0ms, 200ms, EditListDamage::liesBehindMedia},
       {"behind the media", pictures(), {{40, 480}, {400, 520}}, 10, 0, 80ms, 480ms, EditListDamage::liesBehindMedia},
+      {"one entry behind the media", pictures(), {{400, 80}, {400, INT64_MAX}}, 10, 0, 0ms, 400ms},
       {"-2", packets(), {{500, -2}}, 10, 0, 0ms, 200ms, EditListDamage::mediaTimeBelowMinusOne},
   };
   for (const ListCase& c : cases) {

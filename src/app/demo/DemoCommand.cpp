@@ -37,7 +37,7 @@ Path lastSavedFile(FileManager& files, const Path& home) {
 
 void describe(const char* when, const Inspection& inspection) {
   printLine(fmt::format("\n{}: {}, {} bytes", when, inspection.file.string(), inspection.size));
-  for (const std::string& problem : inspection.problems) printLine("  problem: " + problem);
+  for (const Problem& problem : inspection.problems) printLine("  problem: " + problem.words);
   if (inspection.problems.empty()) printLine("  problem: none");
   if (!inspection.audio.findings) return;
   const auto lines = soundLines(inspection.audio);

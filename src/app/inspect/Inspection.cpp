@@ -6,6 +6,7 @@
 
 #include "app/inspect/MovieFacts.h"
 #include "app/inspect/RepairForecast.h"
+#include "presentation/Presentation.h"
 
 namespace tarn {
 namespace {
@@ -14,57 +15,86 @@ auto countBoxes(const Inspection& inspection, std::string_view type) {
   return std::ranges::count(inspection.boxes, type, &TopLevelBox::type);
 }
 
-std::vector<std::string> problemsOfEntry(const SampleEntryFacts& entry) {
-  std::vector<std::string> problems;
-  const bool isHEVC = entry.tag == "hev1" || entry.tag == "hvc1";
-  if (!isHEVC && entry.tag != "avc1" && entry.tag != "avc3") return problems;
-  if (entry.tag == "hev1" || entry.tag == "avc3") {
-    problems.push_back(
-        fmt::format("the tag {} leaves the parameter sets to the samples, which some players refuse", entry.tag));
-  }
-  const char* type = isHEVC ? "hvcC" : "avcC";
-  if (!entry.configuration || entry.configuration->type != type) {
-    problems.push_back(fmt::format("the sample entry {} has no {}", entry.tag, type));
-  } else if (entry.configuration->problem) {
-    problems.push_back(fmt::format("the {} cannot be read: {}", type, *entry.configuration->problem));
-  } else if (!entry.configuration->isComplete) {
-    problems.push_back(fmt::format("the {} lacks parameter sets", type));
-  }
-  constexpr uint64_t terminator = 4;  // a QuickTime writer's, of zeros
-  if (entry.strayBytes > terminator) {
-    problems.push_back(fmt::format("{} bytes in the sample entry {} are no whole box", entry.strayBytes, entry.tag));
-  }
-  return problems;
-}
-
-void listProblems(Inspection& inspection) {
-  std::vector<std::string>& problems = inspection.problems;
+void listFileProblems(Inspection& inspection) {
+  auto add = [&](std::string words) { inspection.problems.push_back({Problem::Of::file, std::move(words)}); };
   for (const TopLevelBox& box : inspection.boxes) {
     if (box.missingBytes == 0) continue;
-    problems.push_back(
-        fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes));
+    add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes));
   }
-  if (inspection.boxesProblem) problems.push_back(*inspection.boxesProblem);
-  if (countBoxes(inspection, "moov") == 0) problems.emplace_back("there is no moov box");
-  if (countBoxes(inspection, "moov") > 1) problems.emplace_back("there are several moov boxes; the first one counts");
-  if (countBoxes(inspection, "moof") > 0) problems.emplace_back("it is fragmented: its moov does not list all samples");
-  if (!inspection.video) {
-    problems.emplace_back("there is no video track");
+  if (!inspection.hasMovie()) add("there is no moov box");
+  if (countBoxes(inspection, "moov") > 1) add("there are several moov boxes; the first one counts");
+  for (const TrackFacts& track : inspection.tracks) {
+    if (track.lacksDuration) add(fmt::format("the mdhd of track {} does not tell how long it is", track.id));
+  }
+  if (!inspection.video) return;
+  if (const int64_t missing = inspection.video->missingSamples; missing > 0) {
+    add(fmt::format("{} picture{} behind the end of the file", missing, missing == 1 ? " ends" : "s end"));
+  }
+  if (inspection.video->problem) add("the sample table of the video: " + *inspection.video->problem);
+}
+
+std::string damageText(EditListDamage damage) {
+  switch (damage) {
+    case EditListDamage::none:
+      return "is whole";
+    case EditListDamage::showsNothing:
+      return "shows nothing of it";
+    case EditListDamage::mediaTimeBelowMinusOne:
+      return "has a media time below -1";
+    case EditListDamage::liesBehindMedia:
+      return "lies behind its media";
+  }
+  return "";
+}
+
+/// What the tables and edit lists tell of damage.
+void listPresentationProblems(const Presentation& presentation, Inspection& inspection) {
+  for (const TrackPresentation& track : presentation.tracks()) {
+    if (track.damage == EditListDamage::none) continue;
+    inspection.problems.push_back(
+        {Problem::Of::editLists, fmt::format("the edit list of track {} {}", track.trackID, damageText(track.damage))});
+  }
+  const TrackPresentation* sound = presentation.first("soun");
+  if (!sound) return;
+  inspection.missingPackets = sound->locations.count() - sound->locations.countInFile();
+  if (inspection.missingPackets == 0) return;
+  inspection.problems.push_back({Problem::Of::file, fmt::format("{} of the {} packets of the sound are not in the file",
+                                                                inspection.missingPackets, sound->locations.count())});
+}
+
+void readPresentation(FileManager& files, Inspection& inspection) {
+  if (!inspection.hasMovie()) return;
+  if (isFragmented(files, inspection.file)) {
+    inspection.problems.push_back(
+        {Problem::Of::file,
+         "it is fragmented: its moov does not list all samples, and a repair does not mend that yet"});
     return;
   }
-  if (inspection.video->missingSamples > 0) {
-    problems.push_back(
-        fmt::format("{} video samples end behind the end of the file", inspection.video->missingSamples));
+  try {
+    listPresentationProblems(Presentation::read(files, inspection.file), inspection);
+  } catch (const Error& failure) {
+    inspection.problems.push_back({Problem::Of::file, "its tables cannot be read: " + failure.description()});
   }
-  if (inspection.video->problem) problems.push_back("sample table: " + *inspection.video->problem);
-  for (const SampleEntryFacts& entry : inspection.video->entries) {
-    std::ranges::move(problemsOfEntry(entry), std::back_inserter(problems));
-  }
-  const auto& bitstream = inspection.video->bitstream;
-  if (bitstream && bitstream->problem) problems.push_back("bitstream: " + *bitstream->problem);
+}
+
+/// A step that changes the file does so for a reason, which is a problem of the file.
+void nameWhatIsMended(Inspection& inspection) {
+  auto name = [&](bool changes, Problem::Of of, const std::string& reason) {
+    if (changes && std::ranges::count(inspection.problems, of, &Problem::of) == 0) {
+      inspection.problems.push_back({of, reason});
+    }
+  };
+  name(inspection.remux.changesFile, Problem::Of::video, inspection.remux.reason);
+  name(inspection.audio.replacesSound(), Problem::Of::sound, inspection.audio.reason);
+  name(inspection.syncFix.kind == SyncForecast::Kind::writes, Problem::Of::editLists,
+       "the video has no edit list, and its first picture is not at 0");
 }
 
 }  // namespace
+
+bool Inspection::hasMovie() const {
+  return countBoxes(*this, "moov") > 0;
+}
 
 Inspection inspect(FileManager& files, const Path& path) {
   Inspection inspection;
@@ -73,8 +103,11 @@ Inspection inspect(FileManager& files, const Path& path) {
   readTopLevel(*file, inspection);
   inspection.tracks = readTracks(*file);
   inspection.video = readVideo(*file);
-  listProblems(inspection);
+  listFileProblems(inspection);
+  readPresentation(files, inspection);
   forecastRepair(files, inspection);
+  nameWhatIsMended(inspection);
+  inspection.verdict = verdictOn(inspection);
   return inspection;
 }
 

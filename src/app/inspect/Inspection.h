@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/inspect/Verdict.h"
 #include "audio/AudioRepairDecision.h"
 #include "parameters/PictureSize.h"
 #include "pipeline/OriginalSyncInfo.h"
@@ -26,6 +27,7 @@ struct TrackFacts {
   std::string codec;    ///< tag of the first sample entry; empty where it cannot be read
   uint32_t timescale = 0;
   int64_t duration = 0;                ///< of the media, track timescale
+  bool lacksDuration = false;          ///< there are samples, and the `mdhd` says 0 or that it does not know
   std::optional<uint32_t> samples;     ///< as the size table counts them
   std::optional<PictureSize> picture;  ///< of a video track
   std::optional<uint16_t> channels;    ///< of an audio track, as is the rate, in Hz
@@ -146,11 +148,19 @@ struct Inspection {
   std::optional<VideoFacts> video;
   std::optional<OriginalSyncInfo> sync;
   std::optional<std::string> syncProblem;  ///< why there are no sync facts
-  std::vector<std::string> problems;       ///< what is wrong with the file
+  std::vector<Problem> problems;           ///< what is wrong with the file
+  uint32_t missingPackets = 0;             ///< of the sound, from the first one on that does not lie in the file
   RemuxForecast remux;
   AudioForecast audio;
   SyncForecast syncFix;
-  bool changesFile = false;  ///< the repair's result differs from the file
+  std::vector<std::string> warnings = {};  ///< what the steps warn of, in the words of `tarn repair`
+  /// What the steps together would do to the presentation; the repair then leaves the file as it is. Sound that they
+  /// make anew is not looked at: it is made by the repair itself.
+  std::vector<std::string> harms = {};
+  bool changesFile = false;  ///< the repair's result differs from the file; each of its changes mends a problem
+  Verdict verdict = {};
+
+  bool hasMovie() const;  ///< there is a `moov`
 };
 
 /// Looks at a file, which is opened for reading alone, and lets the steps of the repair work on it without a change to

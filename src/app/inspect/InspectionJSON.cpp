@@ -110,6 +110,20 @@ JSObject syncJSON(const OriginalSyncInfo& sync) {
           {"offsetMilliseconds", sync.syncOffsetSeconds * 1000}};
 }
 
+const char* kindText(Verdict::Kind kind) {
+  switch (kind) {
+    case Verdict::Kind::nothingToRepair:
+      return "nothingToRepair";
+    case Verdict::Kind::repairable:
+      return "repairable";
+    case Verdict::Kind::leftAlone:
+      return "leftAlone";
+    case Verdict::Kind::broken:
+      return "broken";
+  }
+  return "";
+}
+
 const char* kindText(RemuxForecast::Kind kind) {
   switch (kind) {
     case RemuxForecast::Kind::skipped:
@@ -203,7 +217,9 @@ JSObject syncFixJSON(const SyncForecast& forecast) {
 }  // namespace
 
 std::string inspectionJSON(const Inspection& inspection) {
-  JSObject object{{"file", inspection.file.string()},
+  JSObject object{{"verdict", inspection.verdict.text},
+                  {"verdictKind", kindText(inspection.verdict.kind)},
+                  {"file", inspection.file.string()},
                   {"size", number(inspection.size)},
                   {"boxes", arrayOf(inspection.boxes, boxJSON)},
                   {"boxesProblem", orNull(inspection.boxesProblem)},
@@ -211,7 +227,7 @@ std::string inspectionJSON(const Inspection& inspection) {
   if (inspection.video) object.set("video", videoJSON(*inspection.video));
   if (inspection.sync) object.set("sync", syncJSON(*inspection.sync));
   if (inspection.syncProblem) object.set("syncProblem", *inspection.syncProblem);
-  object.set("problems", texts(inspection.problems));
+  object.set("problems", arrayOf(inspection.problems, [](const Problem& problem) { return JSValue(problem.words); }));
   object.set("remux", JSObject{{"does", kindText(inspection.remux.kind)},
                                {"reason", inspection.remux.reason},
                                {"changesFile", inspection.remux.changesFile},
@@ -219,6 +235,8 @@ std::string inspectionJSON(const Inspection& inspection) {
                                {"losses", texts(inspection.remux.losses)}});
   object.set("audio", audioJSON(inspection.audio));
   object.set("syncFix", syncFixJSON(inspection.syncFix));
+  object.set("warnings", texts(inspection.warnings));
+  object.set("harms", texts(inspection.harms));
   object.set("changesFile", inspection.changesFile);
   return object.json();
 }

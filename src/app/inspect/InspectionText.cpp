@@ -195,6 +195,10 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   for (const std::string& line : audioConsequences(inspection.audio)) out.line("  {}", line);
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
   if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
+  for (const std::string& warning : inspection.warnings) {
+    if (std::ranges::find(remux.losses, warning) == remux.losses.end()) out.line("warning: {}", warning);
+  }
+  for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file is kept: {}", harm);
   if (remux.kind == RemuxForecast::Kind::refuses) {
     out.line("so the repair fails. The file stays as it is.");
   } else {
@@ -217,9 +221,13 @@ std::string inspectionText(const Inspection& inspection) {
   writeSync(out, inspection);
   out.heading("Problems");
   if (inspection.problems.empty()) out.line("none");
-  for (const std::string& problem : inspection.problems) out.line("{}", problem);
+  for (const Problem& problem : inspection.problems) {
+    out.line("{}{}", problem.words, isMended(problem, inspection) ? "" : " (a repair leaves it)");
+  }
   writeRepair(out, inspection);
-  return fmt::format("{}: {} bytes\n", inspection.file.string(), inspection.size) + std::move(out).take();
+  return fmt::format("{}\n{}: {} bytes\n", printable(inspection.verdict.text), inspection.file.string(),
+                     inspection.size) +
+         std::move(out).take();
 }
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
+#include "mp4/TimeHeader.h"
 #include "platform/Error.h"
 #include "remux/VisualSampleEntry.h"
 #include "sync/MP4AVSync.h"
@@ -74,6 +75,9 @@ TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
   for (const char* type : {"stsz", "stz2"}) {
     if (!track.samples) track.samples = readUInt32(frontOf(file, findPath(file, stbl, {type})), sampleCountInBox);
   }
+  const auto mediaHeader = findPath(file, trak, {"mdia", "mdhd"});
+  const auto clock = mediaHeader ? readTimeHeader(file, *mediaHeader) : std::nullopt;
+  track.lacksDuration = track.samples.value_or(0) > 0 && clock && clock->duration == 0;
   return track;
 }
 

@@ -1,10 +1,11 @@
 #include "app/inspect/RepairForecast.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <memory>
 
 #include "app/LeftAlone.h"
+#include "app/PlacingStep.h"
 #include "app/inspect/DryRunFiles.h"
 #include "app/inspect/MovieFacts.h"
 #include "app/inspect/SoundForecast.h"
@@ -12,23 +13,27 @@
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
 #include "platform/Error.h"
-#include "presentation/PresentationChange.h"
+#include "presentation/Presentation.h"
 #include "remux/RemuxStep.h"
 #include "remux/VideoPlan.h"
 #include "sync/MP4AVSyncFixer.h"
+#include "sync/SyncStep.h"
 
 namespace tarn {
 namespace {
 
-/// Ignores a run on trial, but for what it warns of.
-class TrialListener : public ProcessingRunListener {
+/// Keeps the warnings of a trial run, and nothing else of it.
+class WarningCollector : public ProcessingRunListener {
  public:
-  std::string warnings;
+  explicit WarningCollector(std::vector<std::string>& warnings) : warnings_(warnings) {}
 
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
   void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
                        const std::string& /*stage*/) override {}
-  void warned(const std::string& words) override { warnings += (warnings.empty() ? "" : "; ") + words; }
+  void warned(const std::string& words) override { warnings_.push_back(words); }
+
+ private:
+  std::vector<std::string>& warnings_;
 };
 
 /// The repair of one file on trial, step by step.
@@ -39,6 +44,7 @@ class TrialRun {
         trial_(files),
         inspection_(inspection),
         path_(inspection.file),
+        listener_(inspection.warnings),
         run_(trial_, clock_, names_, listener_, firstRecord(),
              std::make_shared<DownloadTask>(trial_, 0, "", std::nullopt, std::nullopt),
              std::make_shared<CancellationToken>()) {}
@@ -48,7 +54,10 @@ class TrialRun {
     readSyncFacts();
     decideOnAudio();
     fixSync();
-    inspection_.changesFile = isRepaired() && (trial_.isChanged(path_) || inspection_.audio.replacesSound());
+    if (!isRepaired()) return;
+    inspection_.harms = harmsOfRepair(files_, path_, trial_, path_, false);
+    inspection_.changesFile =
+        inspection_.harms.empty() && (trial_.isChanged(path_) || inspection_.audio.replacesSound());
   }
 
  private:
@@ -83,12 +92,18 @@ class TrialRun {
     if (auto video = readVideo(*result)) forecast.entries = std::move(video->entries);
     tellWhatWasDone(forecast);
     if (plan) forecast.reason = plan->reason;
-    if (!forecast.changesFile && !listener_.warnings.empty()) forecast.reason = listener_.warnings;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
     if (plan && plan->isOfTheStream) inspection_.problems.push_back(plan->reason);
+    if (!forecast.changesFile && !inspection_.warnings.empty()) leaveBroken(forecast);
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
+  }
+
+  /// The step warns only of what it would mend and cannot.
+  void leaveBroken(RemuxForecast& forecast) {
+    forecast.reason = fmt::format("{}", fmt::join(inspection_.warnings, "; "));
+    inspection_.problems.push_back({Problem::Of::video, forecast.reason});
   }
 
   void tellWhatWasDone(RemuxForecast& forecast) {
@@ -142,7 +157,10 @@ class TrialRun {
       forecast.reason = "the remux step ends the repair";
       return;
     }
-    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode, inspection_.problems);
+    std::vector<std::string> problems;
+    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode, problems);
+    for (std::string& words : problems) inspection_.problems.push_back({Problem::Of::sound, std::move(words)});
+    for (const std::string& words : soundWarnings(forecast)) run_.warn(words);
     if (forecast.findings) run_.originalSyncInfo = forecast.findings->originalSyncInfo;
   }
 
@@ -157,22 +175,32 @@ class TrialRun {
       forecast = {Kind::nothing, "the movie is fragmented"};
       return;
     }
+    const size_t warnings = inspection_.warnings.size();
     try {
-      const auto presentation = Presentation::read(trial_, path_);
-      forecast.order = orderSyncFix(presentation);
-      if (inspection_.audio.replacesSound()) leaveNewSoundOut(presentation, forecast.order);
-      const AnnouncedChange announced;
-      const bool isFixed =
-          forecast.order.isNeeded() &&
-          MP4AVSyncFixer::fix(trial_, path_, run_.token.get(), nullptr, std::nullopt, false, &run_.names,
-                              &forecast.order, requireHarmless(trial_, presentation, announced));
-      forecast.kind = isFixed ? Kind::writes : Kind::nothing;
-      forecast.reason =
-          isFixed ? "an edit list is damaged, or missing where one is needed" : "no track needs another edit list";
+      forecast.order = neededLists();
+      SyncStep().run(run_);
+      const bool isDone = !neededLists().isNeeded();
+      if (!forecast.order.isNeeded()) {
+        forecast = {Kind::nothing, "no track needs another edit list"};
+      } else if (isDone) {
+        forecast.kind = Kind::writes;
+        forecast.reason = "an edit list is damaged, or missing where one is needed";
+      } else {
+        forecast.kind = Kind::fails;
+        forecast.reason =
+            inspection_.warnings.size() > warnings ? inspection_.warnings.back() : "the edit lists cannot be written";
+      }
     } catch (const std::exception& failure) {
       forecast.kind = Kind::fails;
       forecast.reason = failure.what();
     }
+  }
+
+  SyncFixOrder neededLists() {
+    const auto presentation = Presentation::read(trial_, path_);
+    SyncFixOrder order = orderSyncFix(presentation);
+    if (inspection_.audio.replacesSound()) leaveNewSoundOut(presentation, order);
+    return order;
   }
 
   /// A new sound track comes with the edit list that it needs.
@@ -187,7 +215,7 @@ class TrialRun {
   const Path path_;
   SystemClock clock_;
   NamesInTheMaking names_;
-  TrialListener listener_;
+  WarningCollector listener_;
   ProcessingRun run_;
 };
 

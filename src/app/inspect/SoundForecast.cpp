@@ -27,26 +27,35 @@ void listHoles(AudioForecast& forecast) {
   }
 }
 
-std::string counted(int64_t count, const char* one, const char* many) {
-  return count == 1 ? one : fmt::format("{} {}", count, many);
+/// "45 ms", "1.0 s".
+std::string lengthText(double milliseconds) {
+  return milliseconds < 999.5 ? fmt::format("{:.0f} ms", milliseconds) : fmt::format("{:.1f} s", milliseconds / 1000);
+}
+
+template <typename Place>
+std::string placesText(const std::vector<Place>& places, int64_t count) {
+  const std::string first = places.empty() ? "" : fmt::format("at {}", clockText(places.front().atSeconds));
+  return count == 1 ? first : fmt::format("in {} places, first {}", count, first);
 }
 
 void listProblems(const AudioForecast& forecast, std::vector<std::string>& problems) {
-  const AudioAnalysisResult& analysis = forecast.findings->analysis;
+  const AudioFindings& findings = *forecast.findings;
+  const AudioAnalysisResult& analysis = findings.analysis;
   if (analysis.internalGapCount > 0) {
-    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all",
-                                   counted(analysis.internalGapCount, "a hole", "holes"), analysis.totalInternalGapMs));
+    problems.push_back(fmt::format("{} of sound missing {}", lengthText(analysis.totalInternalGapMs),
+                                   placesText(forecast.holes, analysis.internalGapCount)));
   }
   if (analysis.overlapCount > 0) {
-    problems.push_back(fmt::format("the sound has {}, {:.1f} ms in all",
-                                   counted(analysis.overlapCount, "an overlap", "overlaps"), analysis.totalOverlapMs));
+    problems.push_back(fmt::format("{} of sound laid over other sound {}", lengthText(analysis.totalOverlapMs),
+                                   placesText(forecast.overlaps, analysis.overlapCount)));
   }
   if (forecast.hasDrift()) {
-    problems.push_back(
-        fmt::format("the sound's track and its packets differ in length by {:.1f} ms", analysis.timelineDriftMs));
+    problems.push_back(fmt::format("the sound drifts: its track and its packets differ in length by {}",
+                                   lengthText(analysis.timelineDriftMs)));
   }
-  if (forecast.findings->conversion) problems.push_back(*forecast.findings->conversion);
-  if (forecast.findings->lostChannels) problems.push_back(*forecast.findings->lostChannels);
+  if (findings.conversion) problems.push_back(*findings.conversion);
+  if (findings.lostChannels) problems.push_back(*findings.lostChannels);
+  if (findings.obstacle && problems.empty()) problems.push_back(*findings.obstacle);
 }
 
 void forecastTranscode(AudioForecast& forecast, const std::string& reason) {
@@ -97,10 +106,19 @@ AudioForecast forecastAudioStep(FileManager& files, const Path& path, bool needs
   forecast.findings = decideAudioRepair(files, path);
   const auto& descriptions = tracks.front().formatDescriptions;
   if (!descriptions.empty()) forecast.codec = descriptions.front()->codec;
-  listProblems(forecast, problems);
   listHoles(forecast);
+  listProblems(forecast, problems);
   tellWhatIsDecided(forecast);
   return forecast;
+}
+
+std::vector<std::string> soundWarnings(const AudioForecast& forecast) {
+  if (!forecast.findings) return {};
+  if (forecast.findings->obstacle) return {*forecast.findings->obstacle};
+  std::vector<std::string> warnings;
+  if (forecast.findings->lostChannels) warnings.push_back(*forecast.findings->lostChannels);
+  if (forecast.kind == Kind::leavesExtremeDrift) warnings.push_back("The sound stays as it is: " + forecast.reason);
+  return warnings;
 }
 
 }  // namespace tarn

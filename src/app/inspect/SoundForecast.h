@@ -9,4 +9,7 @@ namespace tarn {
 AudioForecast forecastAudioStep(FileManager& files, const Path& path, bool needsAudioTranscode,
                                 std::vector<std::string>& problems);
 
+/// What the step warns of when it does what the forecast says.
+std::vector<std::string> soundWarnings(const AudioForecast& forecast);
+
 }  // namespace tarn

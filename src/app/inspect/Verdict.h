@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn {
+
+struct Inspection;
+
+/// Something that is wrong with the file.
+struct Problem {
+  /// What of the file it is about, and so which step mends it; none mends the file as a whole.
+  enum class Of { file, video, sound, editLists };
+
+  Of of = Of::file;
+  std::string words;
+};
+
+/// What to make of the file, at a glance.
+struct Verdict {
+  enum class Kind {
+    nothingToRepair,
+    repairable,
+    leftAlone,  ///< a repair leaves the file as it is, though something is wrong with it
+    broken,     ///< media or tables are missing, or the repair fails
+  };
+
+  Kind kind = Kind::nothingToRepair;
+  std::string text;  ///< a line without its stop, which begins with what the kind says
+};
+
+/// Derives it from all that the inspection has found out; the forecasts must be there.
+Verdict verdictOn(const Inspection& inspection);
+
+/// Whether a step of the repair mends it.
+bool isMended(const Problem& problem, const Inspection& inspection);
+
+/// "0:01", "1:02:03".
+std::string clockText(double seconds);
+
+}  // namespace tarn
