@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -42,8 +43,22 @@ Path homeDirectory(const std::optional<std::string>& given) {
   throw Error("Home", -1, "No home directory is known: use --home DIR");
 }
 
+namespace {
+
+/// A new home is for its owner alone, and so is what is made in a home that is. One that was there keeps its mode.
+void makeHome(const Path& home) {
+  // A home that is given as "dir/" has no last name.
+  const Path place = home.has_filename() ? home : home.parent_path();
+  std::filesystem::create_directories(place.parent_path());
+  if (::mkdir(place.c_str(), 0700) != 0 && errno != EEXIST) throw PosixError(errno, home.string());
+  struct stat facts {};
+  if (::stat(home.c_str(), &facts) == 0 && (facts.st_mode & 077) == 0) ::umask(077);
+}
+
+}  // namespace
+
 HomeLock::HomeLock(const Path& home) {
-  std::filesystem::create_directories(home);
+  makeHome(home);
   const Path file = home / ".lock";
   lock_ = Descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (lock_.isOpen() && flock(*lock_, LOCK_EX | LOCK_NB) == 0) return;
@@ -65,8 +80,8 @@ LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
   if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
     std::filesystem::rename(path, home / "log/tarn.log.1", missing);
   }
-  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-  if (!file->isOpen()) throw PosixError(errno, path.string());
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
   setLogSink([file, reader](std::string_view line) {
     const std::string entry = fmt::format("{} {}\n", timestamp(), line);
     // A full disk costs lines of the log and stops no work.

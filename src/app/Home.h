@@ -16,15 +16,17 @@ Path homeDirectory(const std::optional<std::string>& given);
 /// The one process that owns a home. The lock goes with the process, however it ends.
 class HomeLock {
  public:
-  /// Makes the home when it is missing. Throws Error when another process owns it.
+  /// Makes the home when it is missing, for its owner alone; in such a home this process then makes all files for the
+  /// owner alone. Throws Error when another process owns it.
   explicit HomeLock(const Path& home);
 
  private:
   Descriptor lock_;
 };
 
-/// Sends the log to `<home>/log/tarn.log`, or to standard error with `verbose`, until it is destroyed. A log that has
-/// grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as well.
+/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, or to standard error with `verbose`, until
+/// it is destroyed. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as
+/// well.
 class LogFile {
  public:
   LogFile(const Path& home, bool verbose, const LogSink& reader);

@@ -48,6 +48,7 @@ class Host {
   bool hasTransfer(int64_t id);
   /// True while the stores hold any transfer.
   bool hasTransfers() { return !transfers_.storedTaskDescriptions().empty(); }
+  bool isProcessing() { return plugin_->downloadManager().isProcessing(); }
   /// What is wrong with the stored work, in words for people.
   std::vector<std::string> storeProblems() { return store_.problems(); }
   bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "platform/URL.h"
+
 namespace tarn {
 
 void printJSON(const JSObject& object) {
@@ -16,7 +18,7 @@ void printLine(const std::string& line) {
 }
 
 void printFailure(const std::string& line) {
-  fmt::print(stderr, "tarn: {}\n", line);
+  fmt::print(stderr, "tarn: {}\n", withoutSecrets(line));
 }
 
 }  // namespace tarn

@@ -9,7 +9,7 @@ namespace tarn {
 /// Writes one JSON object as a line to standard output.
 void printJSON(const JSObject& object);
 
-/// Writes a line to standard output, and one that tells of a failure to standard error.
+/// Writes a line to standard output, and one that tells of a failure to standard error, its URLs without their secrets.
 void printLine(const std::string& line);
 void printFailure(const std::string& line);
 

@@ -31,17 +31,15 @@ class SingleRunHost : public ProcessingHost {
   }
 
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
-  void removeRecord(const CancellationToken& /*token*/, int64_t /*id*/) override {}
   void progressUpdated(const DownloadTaskPointer& /*download*/, double progress, const std::string& stage) override {
     if (printer_) printer_->showStage(stage, static_cast<int64_t>(progress * 100));
   }
   void replaceDownload(const DownloadTaskPointer& /*download*/) override {}
-  void releaseBackgroundTimeAndSlot(int64_t /*id*/) override {}
-  void notifyFinished(const DownloadTaskPointer& /*download*/, const Path& /*location*/) override {
-    isFinished_ = true;
+  bool endRun(const RunEnd& end) override {
+    isFinished_ = end.ending == ProcessingGate::Ending::finished;
+    if (end.ending == ProcessingGate::Ending::failed) failure_ = end.download->snapshot().reason.failure;
+    return false;
   }
-  void notifyFailed(const DownloadTaskPointer& download) override { failure_ = download->snapshot().reason.failure; }
-  void endRun(const Token& /*token*/) override {}
   void warned(const std::string& words) override { warnings_.push_back(words); }
 
   const std::vector<std::string>& warnings() const { return warnings_; }

@@ -84,6 +84,17 @@ class Resume {
     return !outcomes_.contains(id) && !host_.journal().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
   }
 
+  /// The end of a download, as a page hears of it; it is not in the list any more then.
+  void take(const EngineClient::Event& event) {
+    if (event.name != "downloadComplete") return;
+    const auto id = valueAt<int64_t>(event.data, "id", 0);
+    if (valueAt<std::string>(event.data, "status", "") == "STATUS_SUCCESSFUL") {
+      takeSaved(id);
+    } else {
+      takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
+    }
+  }
+
   void takeSaved(int64_t id) {
     if (!outcomes_.emplace(id, true).second) return;
     const std::string assetId = host_.journal().assetId(id).value_or("");
@@ -114,7 +125,7 @@ class Resume {
 
   /// Looks often while much may happen, and once a second in a long transfer.
   void wait() {
-    client_.nextEvent(pause_);
+    if (const auto event = client_.nextEvent(pause_)) take(*event);
     pause_ = wasIdle_ ? shortestPause : std::min(pause_ * 2, longestPause);
   }
 
@@ -123,6 +134,7 @@ class Resume {
       printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
       return ExitCode::interrupted;
     }
+    while (const auto event = client_.nextEvent(std::chrono::milliseconds(0))) take(*event);
     // What cannot be read or understood was not resumed, which has been said.
     if (!host_.storeProblems().empty()) return ExitCode::failed;
     if (outcomes_.empty() && !global_.json) fmt::print(stderr, "nothing to resume\n");

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <chrono>
 #include <mutex>
 
@@ -37,31 +36,23 @@ class PageDrivenLife {
   bool isActive_ = true;
 };
 
-/// The runs that an earlier process has left. The engine starts the first of them by itself; each further one when the
-/// application comes to the foreground, which no page may do for long.
-class RunsLeft {
+/// Has stored runs taken up, whichever process left them, or whatever kept them from going on. The engine starts one
+/// when the application comes to the foreground, which no page may do for long.
+class StoredRuns {
  public:
-  explicit RunsLeft(Host& host) : host_(host), left_(host.pendingRuns()) {}
+  static constexpr std::chrono::milliseconds pause{3000};
 
-  /// How long to wait for an event before the next look; for ever when nothing is left.
-  std::optional<std::chrono::milliseconds> pause() const {
-    return left_.empty() ? std::nullopt : std::optional(lookPause);
-  }
+  explicit StoredRuns(Host& host) : host_(host) {}
 
   void look(PageDrivenLife& life) {
     const auto now = std::chrono::steady_clock::now();
-    if (left_.empty() || now - lastLook_ < lookPause) return;
+    if (now - lastLook_ < pause) return;
     lastLook_ = now;
-    const auto pending = host_.pendingRuns();
-    std::erase_if(left_, [&](int64_t id) { return std::ranges::find(pending, id) == pending.end(); });
-    if (!left_.empty()) life.takeUpStoredRun();
+    if (!host_.isProcessing() && !host_.pendingRuns().empty()) life.takeUpStoredRun();
   }
 
  private:
-  static constexpr std::chrono::milliseconds lookPause{3000};
-
   Host& host_;
-  std::vector<int64_t> left_;
   std::chrono::steady_clock::time_point lastLook_ = std::chrono::steady_clock::now();
 };
 
@@ -72,14 +63,14 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   Host& host = session.host();
   EngineClient& client = session.client();
   PageDrivenLife life(host.application(), global.backgroundLimit.has_value());
-  RunsLeft runsLeft(host);
+  StoredRuns storedRuns(host);
   BridgeServer server(session.files(), host.photos(), host.plugin(),
                       {.port = options.port, .webFolder = options.webFolder, .token = homeToken(session.home())},
                       [&life](bool isActive) { life.setActive(isActive); });
   printLine(server.entryAddress());
   while (!client.isInterrupted()) {
-    if (const auto event = client.nextEvent(runsLeft.pause())) server.sendEvent(event->name, event->data);
-    runsLeft.look(life);
+    if (const auto event = client.nextEvent(StoredRuns::pause)) server.sendEvent(event->name, event->data);
+    storedRuns.look(life);
   }
   printFailure("Interrupted; what has been done is kept. The next start goes on with it.");
   return ExitCode::interrupted;

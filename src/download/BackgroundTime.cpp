@@ -6,21 +6,8 @@
 
 namespace tarn {
 
-BackgroundTime::BackgroundTime(UIApplication& application, Dispatch& dispatch, std::function<void()> expired)
-    : application_(application), dispatch_(dispatch), expired_(std::move(expired)) {}
-
-void BackgroundTime::startIfNeeded(int64_t id) {
-  dispatch_.mainQueue().async([weak = weak_from_this(), id] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (self->application_.applicationState() == UIApplicationState::active) {
-      logLine("App is active - no background task needed yet");
-      return;
-    }
-    logLine("App not active when processing started - starting background task");
-    self->start(id);
-  });
-}
+BackgroundTime::BackgroundTime(UIApplication& application, std::function<void()> expired)
+    : application_(application), expired_(std::move(expired)) {}
 
 void BackgroundTime::start(int64_t id) {
   end();

@@ -6,7 +6,6 @@
 #include <mutex>
 #include <optional>
 
-#include "platform/Dispatch.h"
 #include "platform/UIApplication.h"
 
 namespace tarn {
@@ -16,10 +15,8 @@ namespace tarn {
 class BackgroundTime : public std::enable_shared_from_this<BackgroundTime> {
  public:
   /// `expired` runs on the main queue when the time is over; it is dropped with this object.
-  BackgroundTime(UIApplication& application, Dispatch& dispatch, std::function<void()> expired);
+  BackgroundTime(UIApplication& application, std::function<void()> expired);
 
-  /// Asks for background time later, on the main queue, if the application is not active by then.
-  void startIfNeeded(int64_t id);
   /// Asks for background time for this download; what was held before is given back.
   void start(int64_t id);
   /// Gives back what is held; with an id only if it is held for that download.
@@ -27,7 +24,6 @@ class BackgroundTime : public std::enable_shared_from_this<BackgroundTime> {
 
  private:
   UIApplication& application_;
-  Dispatch& dispatch_;
   const std::function<void()> expired_;
   std::mutex mutex_;
   UIBackgroundTaskIdentifier backgroundTaskId_ = UIBackgroundTaskInvalid;

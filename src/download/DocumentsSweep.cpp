@@ -36,6 +36,23 @@ std::optional<std::set<Path>> DocumentsSweep::knownFiles() const {
   return known;
 }
 
+/// Between a listing and now a transfer may have brought a file of this name. Holding the name keeps it from doing so
+/// from here on, and the look behind that sees what it wrote before.
+std::optional<NamesInTheMaking::Hold> DocumentsSweep::holdIfUnused(const Path& file) {
+  auto hold = names_.tryHold(file);
+  if (!hold) return std::nullopt;
+  const auto known = knownFiles();
+  return known && !known->contains(file.filename()) ? std::move(hold) : std::nullopt;
+}
+
+void DocumentsSweep::deleteFilesOf(const ProcessingState& record) {
+  std::vector<Path> files = record.tempFiles;
+  files.push_back(record.fileURL);
+  for (const Path& file : files) {
+    if (const auto hold = holdIfUnused(file)) removeIfExists(files_, file);
+  }
+}
+
 void DocumentsSweep::cleanupOrphanedFiles() {
   try {
     const Path documents = files_.documentsDirectory(false);
@@ -44,11 +61,8 @@ void DocumentsSweep::cleanupOrphanedFiles() {
     if (!known) return logLine("The stored downloads cannot be read - no file is cleaned up");
     for (const std::string& name : entries) {
       if (!isVideoName(name) || known->contains(name)) continue;
-      // Between the listing and now a transfer may have brought a file of this name. Holding the name keeps it from
-      // doing so from here on, and the second look sees what it wrote before.
-      auto hold = names_.tryHold(documents / name);
-      const auto knownNow = knownFiles();
-      if (!hold || !knownNow || knownNow->contains(name) || !files_.fileExists(documents / name)) continue;
+      const auto hold = holdIfUnused(documents / name);
+      if (!hold || !files_.fileExists(documents / name)) continue;
       files_.removeItem(documents / name);
       log("Cleaned up orphaned file: {}", name);
     }

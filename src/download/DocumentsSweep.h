@@ -23,7 +23,12 @@ class DocumentsSweep {
   /// read.
   void cleanupOrphanedFiles();
 
+  /// Deletes the video and the temp files of a record that was taken away, whatever they are called, but for those that
+  /// somebody works on or that another download has a use for by now. Failures are ignored: the sweep comes by later.
+  void deleteFilesOf(const ProcessingState& record);
+
  private:
+  std::optional<NamesInTheMaking::Hold> holdIfUnused(const Path& file);
   std::optional<std::set<Path>> knownFiles() const;
 
   FileManager& files_;

@@ -19,13 +19,14 @@ bool isActive(DownloadStatus status) {
 
 }  // namespace
 
-std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps) {
+std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps,
+                                                         const std::weak_ptr<DownloadManagerDelegate>& delegate) {
   std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps));  // NOLINT: the constructor is private
   std::weak_ptr<DownloadManager> weak = manager;
-  manager->backgroundTime_ = std::make_shared<BackgroundTime>(platform.application, platform.dispatch, [weak] {
+  manager->backgroundTime_ = std::make_shared<BackgroundTime>(platform.application, [weak] {
     if (auto self = weak.lock()) self->handleBackgroundExpiration();
   });
-  manager->loadPersistedDownloads();
+  manager->loadPersistedDownloads(delegate);
   return manager;
 }
 
@@ -54,18 +55,44 @@ std::set<int64_t> DownloadManager::idsOfStoredTransfers() {
   return ids;
 }
 
-void DownloadManager::loadPersistedDownloads() {
-  const std::set<int64_t> withTransfer = idsOfStoredTransfers();
+void DownloadManager::loadPersistedDownloads(const std::weak_ptr<DownloadManagerDelegate>& delegate) {
   for (const DownloadTaskData& data : taskStore_.load()) {
     auto task = std::make_shared<DownloadTask>(platform_.files, data.id, data.url, data.album, data.filename);
-    DownloadStatus status = downloadStatus(data.status);
-    // A kill may have come between the start of its transfer and the next store of the list.
-    if (status == DownloadStatus::queued && withTransfer.contains(data.id)) status = DownloadStatus::downloading;
+    const DownloadStatus status = downloadStatus(data.status);
     task->update([&](DownloadTask::Snapshot& fields) { fields.status = status; });
     registry_.insert(task);
-    if (status == DownloadStatus::queued) queue_.append({.url = data.url, .task = task, .delegate = {}});
+    if (isActive(status)) registry_.setDelegate(task->id, delegate);
+  }
+  if (!idsOfStoredTransfers().empty()) takeUpStoredTransfers();
+  for (const auto& task : registry_.all()) {
+    if (task->status() == DownloadStatus::queued) queue_.append({.url = task->url, .task = task, .delegate = delegate});
   }
   startNextQueuedDownloads();
+}
+
+/// What an earlier process has begun goes on; what it had only stored, for a download that was waiting, waits on.
+void DownloadManager::takeUpStoredTransfers() {
+  std::lock_guard guard(sessionMutex_);
+  makeSession();
+  for (const auto& transfer : session_->allTasks()) {
+    const auto note = TransferNote::parse(transfer->taskDescription());
+    if (!note) continue;
+    const bool isWaiting = transfer->state() == NSURLSessionTaskState::suspended;
+    const auto task = registry_.find(note->id);
+    if (isWaiting) registry_.mapTransfer(transfer->taskIdentifier(), note->id);
+    if (task) {
+      task->update([&](DownloadTask::Snapshot& fields) {
+        const bool isUnderWay = fields.status == DownloadStatus::queued || fields.status == DownloadStatus::downloading;
+        if (!isUnderWay) return;
+        fields.status = isWaiting ? DownloadStatus::queued : DownloadStatus::downloading;
+        fields.skipVideoFix = note->skipVideoFix;
+        fields.skipAudioFix = note->skipAudioFix;
+        if (isWaiting) fields.downloadTask = transfer;
+      });
+    }
+    // A kill came before anybody was told of this download.
+    if (isWaiting && !task) transfer->cancel();
+  }
 }
 
 int64_t DownloadManager::makeId() {
@@ -82,12 +109,15 @@ bool DownloadManager::isIdTaken(int64_t id) {
   return idsOfStoredTransfers().contains(id);
 }
 
+void DownloadManager::makeSession() {
+  if (session_) return;
+  std::string identifier = platform_.application.bundleIdentifier() + ".downloads";
+  session_ = platform_.transfers.makeBackgroundSession(identifier, weak_from_this());
+}
+
 NSURLSession& DownloadManager::session() {
   std::lock_guard guard(sessionMutex_);
-  if (!session_) {
-    std::string identifier = platform_.application.bundleIdentifier() + ".downloads";
-    session_ = platform_.transfers.makeBackgroundSession(identifier, weak_from_this());
-  }
+  makeSession();
   return *session_;
 }
 
@@ -117,6 +147,7 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const std::string& url,
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, skipVideoFix, skipAudioFix);
   PendingDownload download{.url = url, .task = task, .delegate = delegate};
   registry_.insert(task);
+  storeAhead(download);
   DownloadQueue::Admission admission = queue_.admit(download);
   const auto& counts = admission.counts;
   if (!admission.hasSlot) {
@@ -130,14 +161,33 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const std::string& url,
   return task;
 }
 
+/// Throws Error.
+DownloadTask::Transfer DownloadManager::makeTransfer(const PendingDownload& download) {
+  const auto fields = download.task->snapshot();
+  const TransferNote note{
+      .id = download.task->id, .skipVideoFix = fields.skipVideoFix, .skipAudioFix = fields.skipAudioFix};
+  auto transfer = session().downloadTask(download.url, note.text());
+  registry_.mapTransfer(transfer->taskIdentifier(), download.task->id);
+  return transfer;
+}
+
+/// A download gets its transfer before it may have to wait, suspended, so that its flags come back with that after a
+/// kill. One that gets none now gets another chance when it is started.
+void DownloadManager::storeAhead(const PendingDownload& download) {
+  try {
+    auto transfer = makeTransfer(download);
+    download.task->update([&](DownloadTask::Snapshot& fields) { fields.downloadTask = std::move(transfer); });
+  } catch (const Error& error) {
+    log("Transfer of download {} could not be stored yet: {}", download.task->id, error.description());
+  }
+}
+
 bool DownloadManager::startTransfer(const PendingDownload& download) {
   const DownloadTaskPointer& task = download.task;
-  registry_.setDelegate(task->id, download.delegate);
+  if (!download.delegate.expired()) registry_.setDelegate(task->id, download.delegate);
   try {
-    auto fields = task->snapshot();
-    TransferNote note{.id = task->id, .skipVideoFix = fields.skipVideoFix, .skipAudioFix = fields.skipAudioFix};
-    auto transfer = session().downloadTask(download.url, note.text());
-    registry_.mapTransfer(transfer->taskIdentifier(), task->id);
+    DownloadTask::Transfer transfer = task->snapshot().downloadTask;
+    if (!transfer) transfer = makeTransfer(download);
     // The status is set first: a short transfer may be over before resume() returns.
     task->update([&](DownloadTask::Snapshot& current) {
       if (current.isEnded()) return;
@@ -197,30 +247,27 @@ void DownloadManager::cancelDownloadFileBy(int64_t id) {
   queue_.remove(id);
   task->cancel();
   cancelTransfer(id);
-  switch (gate_.cancel(id)) {
-    case ProcessingGate::Cancelled::activeRun:
-      log("Cancelling active processing for download {}", id);
-      break;
-    case ProcessingGate::Cancelled::waiting:
-      log("Removed download {} from processing queue", id);
-      break;
-    case ProcessingGate::Cancelled::nothing:
-      break;
-  }
-  store_.removeState(id);
+  const auto taken = gate_.cancel(id);
+  if (taken.activeRun) log("Cancelling active processing for download {}", id);
+  if (taken.waiting != 0) log("Removed download {} from processing queue", id);
+  deleteFiles(taken);
   removeDelegate(id);
   removeDownload(id);
   if (queue_.releaseSlot(id)) startNextQueuedDownloads();
+}
+
+void DownloadManager::deleteFiles(const ProcessingGate::TakenAway& taken) {
+  for (const ProcessingState& record : taken.files) sweep_.deleteFilesOf(record);
 }
 
 void DownloadManager::cancelAll() {
   isBlockingNewDownloads_ = true;
   logLine("cancelAll called - blocking new downloads for 0.5s");
   queue_.clear();
-  ProcessingGate::CancelledAll cancelled = gate_.cancelAll();
-  if (cancelled.activeRun) logLine("Cancelling active processing in cancelAll()");
-  if (cancelled.waiting != 0) log("Cleared {} items from processing queue", cancelled.waiting);
-  store_.clearAllStates();
+  const auto taken = gate_.cancelAll();
+  if (taken.activeRun) logLine("Cancelling active processing in cancelAll()");
+  if (taken.waiting != 0) log("Cleared {} items from processing queue", taken.waiting);
+  deleteFiles(taken);
   postWipe();
   platform_.dispatch.mainQueue().asyncAfter(cancelAllCooldown, [weak = weak_from_this()] {
     auto self = weak.lock();
@@ -234,8 +281,7 @@ void DownloadManager::clearAllStates() {
   logLine("clearAllStates called - resuming new downloads");
   isBlockingNewDownloads_ = false;
   queue_.clear();
-  gate_.clear();
-  store_.clearAllStates();
+  deleteFiles(gate_.clear());
   postWipe();
 }
 
@@ -246,8 +292,7 @@ void DownloadManager::postWipe() {
       task->cleanup();
       self.cancelTransfer(task->id);
       // A transfer may have brought its file, and a record with it, since the call.
-      self.gate_.cancel(task->id);
-      self.store_.removeState(task->id);
+      self.deleteFiles(self.gate_.cancel(task->id));
       self.registry_.remove(task->id);
     }
     if (self.registry_.all().empty()) {

@@ -35,9 +35,11 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
  public:
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
-  /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The platform
-  /// and the steps must outlive it. Throws PosixError when the stored tasks cannot be read.
-  static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps);
+  /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The delegate
+  /// hears of those that are under way. The platform and the steps must outlive it. Throws PosixError when the stored
+  /// tasks cannot be read.
+  static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps,
+                                                 const std::weak_ptr<DownloadManagerDelegate>& delegate = {});
   ~DownloadManager() override;
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
@@ -50,7 +52,8 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   void cancelDownloadFileBy(int64_t id);
   /// Stops and removes everything, and blocks new downloads for half a second.
   void cancelAll();
-  /// Removes everything and lifts the block. A run that is active is not stopped, and goes on unattended.
+  /// Removes everything and lifts the block. A run that is active is asked to stop, and no other waits for it longer
+  /// than until its next check.
   void clearAllStates();
 
   /// Removes a task that is done with, later: its stored entry, its delegate, and the file at its location.
@@ -75,6 +78,9 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   /// Makes the transfer session, so that transfers of an earlier process report.
   void handleEventsForBackgroundURLSession();
 
+  /// True while a run is active.
+  bool isProcessing() const { return gate_.activeRun().has_value(); }
+
   void handleAppDidEnterBackground();
   void endBackgroundTask();
 
@@ -90,16 +96,21 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   DownloadManager(const Platform& platform, const ProcessingSteps& steps);
 
   // Starting and stopping (DownloadManager.cpp)
-  void loadPersistedDownloads();
+  void loadPersistedDownloads(const std::weak_ptr<DownloadManagerDelegate>& delegate);
   std::set<int64_t> idsOfStoredTransfers();
+  void takeUpStoredTransfers();
   int64_t makeId();
   bool isIdTaken(int64_t id);
   NSURLSession& session();
+  void makeSession();
+  DownloadTask::Transfer makeTransfer(const PendingDownload& download);
+  void storeAhead(const PendingDownload& download);
   bool startTransfer(const PendingDownload& download);
   void startNextQueuedDownloads();
   void executeDownload(const DownloadQueue::Started& started);
   void releaseSlot(int64_t id);
   void cancelTransfer(int64_t id);
+  void deleteFiles(const ProcessingGate::TakenAway& taken);
   void postWipe();
   void cleanUpPeriodically();
   void post(DispatchQueue& queue, std::function<void(DownloadManager&)> work);
@@ -115,8 +126,10 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
 
   // The processing line (ProcessingLine.cpp)
   void queueOrStartProcessing(const ProcessingState& state, const DownloadTaskPointer& download);
-  void resumeProcessing(const ProcessingGate::Start& start);
+  bool resumeProcessing(int64_t id);
   void startRun(const ProcessingGate::Start& start, const DownloadTaskPointer& download);
+  void startNextRun(const ProcessingGate::Next& next, const DownloadTaskPointer& download);
+  void startBackgroundTime(int64_t id);
   void showStage(const DownloadTaskPointer& download, const std::string& stage);
   void handleBackgroundExpiration();
 
@@ -124,11 +137,11 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   bool saveRecord(const CancellationToken& token, const ProcessingState& record) override;
   void progressUpdated(const DownloadTaskPointer& download, double progress, const std::string& stage) override;
   void replaceDownload(const DownloadTaskPointer& download) override;
-  void removeRecord(const CancellationToken& token, int64_t id) override;
-  void releaseBackgroundTimeAndSlot(int64_t id) override;
-  void notifyFinished(const DownloadTaskPointer& download, const Path& location) override;
-  void notifyFailed(const DownloadTaskPointer& download) override;
-  void endRun(const Token& token) override;
+  bool endRun(const RunEnd& end) override;
+
+  // Telling the page, later (ProcessingLine.cpp)
+  void notifyFinished(const DownloadTaskPointer& download, const Path& location);
+  void notifyFailed(const DownloadTaskPointer& download);
 
   Platform platform_;
   DownloadRegistry registry_;

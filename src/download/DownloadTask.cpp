@@ -96,6 +96,11 @@ bool DownloadTask::isEnded() const {
   return fields_.isEnded();
 }
 
+bool DownloadTask::claimNotification() {
+  std::lock_guard guard(mutex_);
+  return !std::exchange(fields_.notificationSent, true);
+}
+
 void DownloadTask::fail(std::exception_ptr failure) {
   update([&](Snapshot& fields) {
     if (fields.isEnded()) return;

@@ -104,6 +104,9 @@ class DownloadTask {
     change(fields_);
   }
 
+  /// True for the first who asks: that one tells the page of the end.
+  bool claimNotification();
+
   /// The task reads `failed` with this error, unless it has ended.
   void fail(std::exception_ptr failure);
 

@@ -8,7 +8,7 @@ void DownloadManager::queueOrStartProcessing(const ProcessingState& state, const
   auto admission = gate_.admit(state, [&] { return !download->isEnded(); });
   if (admission.isRefused) {
     store_.removeState(id);
-    removeIfExists(platform_.files, state.fileURL);
+    sweep_.deleteFilesOf(state);
     return;
   }
   if (admission.token) {
@@ -21,19 +21,42 @@ void DownloadManager::queueOrStartProcessing(const ProcessingState& state, const
 }
 
 void DownloadManager::startRun(const ProcessingGate::Start& start, const DownloadTaskPointer& download) {
-  backgroundTime_->startIfNeeded(start.state.downloadId);
+  postToMain([id = start.state.downloadId](DownloadManager& self) {
+    if (self.platform_.application.applicationState() == UIApplicationState::active) {
+      logLine("App is active - no background task needed yet");
+      return;
+    }
+    logLine("App not active when processing started - starting background task");
+    self.startBackgroundTime(id);
+  });
   post(*processingWorker_, [start, download](DownloadManager& self) {
     self.driver_.continueProcessing(start.state, download, start.token);
   });
 }
 
-void DownloadManager::endRun(const Token& token) {
-  DownloadTaskPointer task;
-  auto next = gate_.endRun(token, [&](int64_t id) {
-    task = registry_.find(id);
-    return task != nullptr;
+/// For a run that may end at any moment. Its end frees the gate first and gives background time back then, so one of
+/// the two sees what the other did.
+void DownloadManager::startBackgroundTime(int64_t id) {
+  backgroundTime_->start(id);
+  if (gate_.activeRun() != id) backgroundTime_->end(id);
+}
+
+bool DownloadManager::endRun(const RunEnd& end) {
+  const int64_t id = end.download->id;
+  DownloadTaskPointer nextDownload;
+  const auto next = gate_.endRun(end.token, end.ending, [&](int64_t waiting) {
+    nextDownload = registry_.find(waiting);
+    return nextDownload != nullptr;
   });
-  if (!next.wasCurrent) return;
+  backgroundTime_->end(id);
+  if (end.ending != ProcessingGate::Ending::cancelled) releaseSlot(id);
+  if (!next.wasTakenAway && end.ending == ProcessingGate::Ending::finished) notifyFinished(end.download, end.location);
+  if (!next.wasTakenAway && end.ending == ProcessingGate::Ending::failed) notifyFailed(end.download);
+  if (next.wasCurrent) startNextRun(next, nextDownload);
+  return next.wasTakenAway;
+}
+
+void DownloadManager::startNextRun(const ProcessingGate::Next& next, const DownloadTaskPointer& download) {
   for (int64_t id : next.skipped) log("Download {} was cancelled while queued - skipping, trying next", id);
   if (!next.start) {
     logLine("Processing queue empty - no more videos to process");
@@ -46,9 +69,9 @@ void DownloadManager::endRun(const Token& token) {
       showStage(waiting, fmt::format("Queued for processing (position {})", position));
     }
   }
-  showStage(task, "Starting...");
-  log("Starting queued processing: {} (remaining in queue: {})", task->id, next.waiting.size());
-  startRun(*next.start, task);
+  showStage(download, "Starting...");
+  log("Starting queued processing: {} (remaining in queue: {})", download->id, next.waiting.size());
+  startRun(*next.start, download);
 }
 
 void DownloadManager::showStage(const DownloadTaskPointer& download, const std::string& stage) {
@@ -63,21 +86,33 @@ void DownloadManager::checkAndResumePendingProcessing() {
   const auto pending = store_.allPendingStates();
   if (!pending || pending->empty()) return;
   log("Found {} pending processing state(s) to resume", pending->size());
-  if (auto start = gate_.resume(pending->front().downloadId)) resumeProcessing(*start);
+  for (const ProcessingState& state : *pending) {
+    if (resumeProcessing(state.downloadId)) return;
+  }
 }
 
-void DownloadManager::resumeProcessing(const ProcessingGate::Start& start) {
-  const ProcessingState& state = start.state;
-  log("Resuming processing for download {} from stage: {}", state.downloadId, description(state.stage));
-  auto task = registry_.find(state.downloadId);
-  if (!task) {
-    task = std::make_shared<DownloadTask>(platform_.files, state.downloadId, "", state.album, state.filename);
-    task->update([&](DownloadTask::Snapshot& fields) { fields.location = state.fileURL; });
-  }
-  task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::processing; });
-  registry_.insert(task);
+/// False when the record cannot be resumed now, or not any more.
+bool DownloadManager::resumeProcessing(int64_t id) {
+  DownloadTaskPointer task;
+  const auto start = gate_.resume(id, [&](const ProcessingState& state) {
+    task = registry_.find(id);
+    if (!task) {
+      task = std::make_shared<DownloadTask>(platform_.files, id, "", state.album, state.filename);
+      task->update([&](DownloadTask::Snapshot& fields) { fields.location = state.fileURL; });
+    }
+    bool isWanted = false;  // whoever cancels it ends the task first, and then cancels at the gate
+    task->update([&](DownloadTask::Snapshot& fields) {
+      isWanted = !fields.isEnded();
+      if (isWanted) fields.status = DownloadStatus::processing;
+    });
+    if (isWanted) registry_.insert(task);
+    return isWanted;
+  });
+  if (!start) return false;
+  log("Resuming processing for download {} from stage: {}", id, description(start->state.stage));
   taskStore_.persist();
-  startRun(start, task);
+  startRun(*start, task);
+  return true;
 }
 
 void DownloadManager::handleAppDidEnterBackground() {
@@ -87,7 +122,7 @@ void DownloadManager::handleAppDidEnterBackground() {
     return;
   }
   logLine("App entering background during processing - starting background task");
-  backgroundTime_->start(*active);
+  startBackgroundTime(*active);
 }
 
 void DownloadManager::handleBackgroundExpiration() {
@@ -119,20 +154,9 @@ void DownloadManager::replaceDownload(const DownloadTaskPointer& download) {
   taskStore_.persist();
 }
 
-void DownloadManager::removeRecord(const CancellationToken& token, int64_t id) {
-  gate_.removeRecord(token, id);
-}
-
-void DownloadManager::releaseBackgroundTimeAndSlot(int64_t id) {
-  backgroundTime_->end(id);
-  releaseSlot(id);
-}
-
 void DownloadManager::notifyFinished(const DownloadTaskPointer& download, const Path& location) {
   postToMain([download, location](DownloadManager& self) {
-    bool wasSent = false;
-    download->update([&](DownloadTask::Snapshot& fields) { wasSent = std::exchange(fields.notificationSent, true); });
-    if (wasSent) return;
+    if (!download->claimNotification()) return;
     auto fields = download->snapshot();
     const bool isSaved = fields.status == DownloadStatus::completed;
     if (fields.onDownloadComplete) {
@@ -145,6 +169,7 @@ void DownloadManager::notifyFinished(const DownloadTaskPointer& download, const 
 
 void DownloadManager::notifyFailed(const DownloadTaskPointer& download) {
   postToMain([download](DownloadManager& self) {
+    if (!download->claimNotification()) return;
     if (auto delegate = self.registry_.delegate(download->id)) delegate->downloadDidFailed(download);
   });
 }

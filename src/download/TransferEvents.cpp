@@ -74,6 +74,7 @@ void DownloadManager::urlSessionDidFinishDownloading(const TaskPointer& transfer
     return;
   }
   log("Download completed, starting post-processing for {}", task->id);
+  const ProcessingGate::HandOver handOver(gate_, task->id);
   const auto state = takeFile(task, location);
   if (!state) return;
   task->update([](DownloadTask::Snapshot& fields) {
@@ -109,7 +110,10 @@ std::optional<ProcessingState> DownloadManager::takeFile(const DownloadTaskPoint
   } catch (const std::exception&) {
     removeIfExists(platform_.files, location);
     failHandOver(task, std::current_exception());
-    notifyFailed(task);
+    // The transfer's last event tells of it as well; this one does not wait for that.
+    postToMain([task](DownloadManager& self) {
+      if (auto delegate = self.registry_.delegate(task->id)) delegate->downloadDidFailed(task);
+    });
     return std::nullopt;
   }
 }
@@ -152,6 +156,8 @@ void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const s
     log("Download completed with error {} {}", task->id, error->description());
     task->fail(std::make_exception_ptr(*error));
     task->update([](DownloadTask::Snapshot& fields) { fields.downloadTask = nullptr; });
+    registry_.replace(task);
+    taskStore_.persist();
     releaseSlot(task->id);
     notifyFailed(task);
     return;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "pipeline/PolledFiles.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -29,16 +30,26 @@ void ProcessingDriver::continueProcessing(const ProcessingState& state, const Do
                                           const std::shared_ptr<CancellationToken>& cancellationToken) {
   // The name stays held until the file is gone or is nobody's: a transfer that ends meanwhile takes another one.
   auto hold = names_.hold(state.fileURL);
-  ProcessingRun run(files_, clock_, names_, host_, state, download, cancellationToken);
+  PolledFiles files(files_, cancellationToken);
+  ProcessingRun run(files, clock_, names_, host_, state, download, cancellationToken);
+  RunEnd end{cancellationToken, download, state.fileURL};
   try {
+    cancellationToken->throwIfCancelled();
     runSteps(run, findStart(run));
     finish(run);
-  } catch (const CancellationError&) {
-    log("Processing cancelled for download {} - state saved for resume", state.downloadId);
-  } catch (...) {
-    fail(run, std::current_exception());
+    end.ending = ProcessingGate::Ending::finished;
+  } catch (const std::exception& failure) {
+    // Of a run that was asked to stop, whatever a worker makes of that is the stop.
+    if (cancellationToken->isCancelled() || dynamic_cast<const CancellationError*>(&failure)) {
+      log("Processing cancelled for download {} - state saved for resume", state.downloadId);
+    } else {
+      fail(run, std::current_exception());
+      end.ending = ProcessingGate::Ending::failed;
+    }
   }
-  host_.endRun(cancellationToken);
+  // By the end, the page may have been told, and its task cleaned up.
+  const bool wasSaved = download->status() == DownloadStatus::completed;
+  deleteFiles(run, wasSaved, host_.endRun(end));
 }
 
 ProcessingStage ProcessingDriver::findStart(ProcessingRun& run) {
@@ -67,44 +78,33 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
 }
 
 void ProcessingDriver::runSteps(ProcessingRun& run, ProcessingStage startStage) {
-  auto runStep = [&](ProcessingStep* step) {
-    if (step) step->run(run);
-  };
-  if (startStage <= ProcessingStage::remuxing && run.state.needsRemuxing) {
-    runStep(steps_.remux);
+  // A step that is not built in is passed over.
+  const auto isDue = [&](const ProcessingStep* step) { return step && startStage <= step->gateStage(); };
+  if (run.state.needsRemuxing && isDue(steps_.remux)) {
+    steps_.remux->run(run);
   } else {
     log("Skipping video remux - startStage={}, needsRemuxing={}", rawValue(startStage), run.state.needsRemuxing);
   }
-  if (startStage <= ProcessingStage::transcodingPass1 && run.state.needsAudioTranscode) runStep(steps_.audio);
+  if (run.state.needsAudioTranscode && isDue(steps_.audio)) steps_.audio->run(run);
   if (run.state.skipAVSync) {
     logLine("Skipping A/V sync fix - skipVideoFix is enabled");
-  } else if (startStage <= ProcessingStage::syncFixing) {
-    runStep(steps_.sync);
+  } else if (isDue(steps_.sync)) {
+    steps_.sync->run(run);
   }
-  runStep(steps_.last);
+  run.token->throwIfCancelled();
+  if (steps_.last) steps_.last->run(run);
 }
 
 void ProcessingDriver::finish(ProcessingRun& run) {
   const int64_t id = run.state.downloadId;
   store_.cleanupTempFiles(run.state);
   host_.replaceDownload(run.download);
-  host_.removeRecord(*run.token, id);
-  DownloadStatus status = run.download->status();
+  const DownloadStatus status = run.download->status();
   log("Processing completed for download {}, status: {}", id, rawValue(status));
-  host_.releaseBackgroundTimeAndSlot(id);
-  if (status == DownloadStatus::completed) {
-    // The file is deleted here, while its name is held. The task's removal must not do it later: by then another
-    // download may have brought a new file of that name.
-    run.download->update([](DownloadTask::Snapshot& fields) { fields.location.reset(); });
-  }
-  host_.notifyFinished(run.download, run.fileURL);
   if (status != DownloadStatus::completed) return;
-  try {
-    files_.removeItem(run.fileURL);
-    log("Cleaned up processed file: {}", run.fileURL.filename().string());
-  } catch (const Error& error) {
-    log("Warning: Could not clean up processed file: {}", error.description());
-  }
+  // The file is deleted at the end, while its name is held. The task's removal must not do it later: by then another
+  // download may have brought a new file of that name.
+  run.download->update([](DownloadTask::Snapshot& fields) { fields.location.reset(); });
 }
 
 void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failure) {
@@ -118,8 +118,25 @@ void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failur
   run.download->fail(failure);
   host_.replaceDownload(run.download);
   store_.cleanupTempFiles(run.state);
-  host_.releaseBackgroundTimeAndSlot(id);
-  host_.notifyFailed(run.download);
+}
+
+/// Deletes what is left of a run that is over: the file of one that was saved, all files of one that was taken away.
+void ProcessingDriver::deleteFiles(const ProcessingRun& run, bool wasSaved, bool wasTakenAway) {
+  if (wasTakenAway) {
+    // Before the run began, another download may have brought a file of this name.
+    const auto inUse = store_.filesInUse();
+    if (!inUse || inUse->contains(run.fileURL)) return;
+    for (const Path& file : run.state.tempFiles) removeIfExists(files_, file);
+    removeIfExists(files_, run.fileURL);
+    return;
+  }
+  if (!wasSaved) return;
+  try {
+    files_.removeItem(run.fileURL);
+    log("Cleaned up processed file: {}", run.fileURL.filename().string());
+  } catch (const Error& error) {
+    log("Warning: Could not clean up processed file: {}", error.description());
+  }
 }
 
 }  // namespace tarn

@@ -2,32 +2,31 @@
 
 #include <memory>
 
+#include "pipeline/ProcessingGate.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "pipeline/ProcessingStep.h"
 
 namespace tarn {
 
+/// A run that is over, and how.
+struct RunEnd {
+  std::shared_ptr<CancellationToken> token;
+  DownloadTaskPointer download;
+  Path location;  ///< the file of the run
+  ProcessingGate::Ending ending = ProcessingGate::Ending::cancelled;
+};
+
 /// What the driver asks of the engine around it. Called on the run's thread.
 class ProcessingHost : public ProcessingRunListener {
  public:
-  using Token = std::shared_ptr<CancellationToken>;
-
   /// Puts the task in the place of its entry in the engine's map, if it has one, and persists the tasks.
   virtual void replaceDownload(const DownloadTaskPointer& download) = 0;
 
-  /// Removes the run's record from the store for good.
-  virtual void removeRecord(const CancellationToken& token, int64_t id) = 0;
-
-  /// Gives back the background time that is held for this download, and its slot; queued downloads may start.
-  virtual void releaseBackgroundTimeAndSlot(int64_t id) = 0;
-
-  /// Tells the page, later and on the main queue, how a finished run ended (`location` is the file that was saved, and
-  /// is gone by then); and that a run failed.
-  virtual void notifyFinished(const DownloadTaskPointer& download, const Path& location) = 0;
-  virtual void notifyFailed(const DownloadTaskPointer& download) = 0;
-
-  /// The last call of every run: the next one may begin.
-  virtual void endRun(const Token& token) = 0;
+  /// The last call of every run. In this order, and each once: the record of a finished run goes, the gate is free, the
+  /// background time that is held for the run and the slot of a run that has finished or failed are given back, the
+  /// page is told, later and on the main queue, and the next run begins. True when the page has taken the run away:
+  /// nobody has a use for its files.
+  virtual bool endRun(const RunEnd& end) = 0;
 };
 
 /// The steps of the pipeline in their order. A step that is null is not built in: its gate is passed over. The last
@@ -57,6 +56,7 @@ class ProcessingDriver {
   void runSteps(ProcessingRun& run, ProcessingStage startStage);
   void finish(ProcessingRun& run);
   void fail(ProcessingRun& run, const std::exception_ptr& failure);
+  void deleteFiles(const ProcessingRun& run, bool wasSaved, bool wasTakenAway);
 
   FileManager& files_;
   const Clock& clock_;

@@ -1,16 +1,27 @@
 #include "pipeline/ProcessingGate.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace tarn {
 
 ProcessingGate::ProcessingGate(ProcessingStateManager& store) : store_(store) {}
 
+ProcessingGate::HandOver::HandOver(ProcessingGate& gate, int64_t id) : gate_(gate), id_(id) {
+  std::lock_guard guard(gate_.processingLock_);
+  gate_.beingHandedOver_.insert(id_);
+}
+
+ProcessingGate::HandOver::~HandOver() {
+  std::lock_guard guard(gate_.processingLock_);
+  gate_.beingHandedOver_.erase(gate_.beingHandedOver_.find(id_));
+}
+
 ProcessingGate::Token ProcessingGate::begin(const ProcessingState& state) {
   isProcessing_ = true;
   currentProcessingState_ = state;
   currentCancellationToken_ = std::make_shared<CancellationToken>();
-  runsInFlight_.emplace(currentCancellationToken_.get(), state.downloadId);
+  runsInFlight_.emplace(currentCancellationToken_.get(), Run{state.downloadId});
   return currentCancellationToken_;
 }
 
@@ -19,22 +30,27 @@ ProcessingGate::Admission ProcessingGate::admit(const ProcessingState& state, co
   if (!isWanted()) return {.isRefused = true};
   if (!isProcessing_ && !isClosed_) return {.token = begin(state)};
   pendingProcessingQueue_.push_back(state);
-  return {.position = pendingProcessingQueue_.size(),
-          .currentId = currentProcessingState_ ? currentProcessingState_->downloadId : 0};
+  const int64_t current = isProcessing_ ? runsInFlight_.at(currentCancellationToken_.get()).id : 0;
+  return {.position = pendingProcessingQueue_.size(), .currentId = current};
 }
 
-std::optional<ProcessingGate::Start> ProcessingGate::resume(int64_t id) {
+std::optional<ProcessingGate::Start> ProcessingGate::resume(
+    int64_t id, const std::function<bool(const ProcessingState&)>& isWanted) {
   std::lock_guard guard(processingLock_);
-  if (isProcessing_ || isClosed_) return std::nullopt;
+  if (isProcessing_ || isClosed_ || isHeld(id)) return std::nullopt;
   auto state = store_.loadState(id);
-  if (!state || isFinal(state->stage)) return std::nullopt;
-  return Start{*state, begin(*state)};
+  if (!state || isFinal(state->stage) || !isWanted(*state)) return std::nullopt;
+  Token token = begin(*state);
+  return Start{std::move(*state), std::move(token)};
 }
 
-ProcessingGate::Next ProcessingGate::endRun(const Token& token, const IsKnown& isKnown) {
+ProcessingGate::Next ProcessingGate::endRun(const Token& token, Ending ending, const IsKnown& isKnown) {
   std::lock_guard guard(processingLock_);
-  runsInFlight_.erase(token.get());
   Next next;
+  const auto run = runsInFlight_.extract(token.get());
+  if (run.empty()) return next;
+  next.wasTakenAway = run.mapped().isTakenAway;
+  if (ending == Ending::finished && !next.wasTakenAway) store_.removeState(run.mapped().id);
   if (!isCurrent(*token)) return next;
   next.wasCurrent = true;
   isProcessing_ = false;
@@ -64,39 +80,50 @@ bool ProcessingGate::saveRecord(const CancellationToken& token, const Processing
   return true;
 }
 
-void ProcessingGate::removeRecord(const CancellationToken& token, int64_t id) {
-  std::lock_guard guard(processingLock_);
-  if (isCurrent(token)) currentProcessingState_.reset();
-  store_.removeState(id);
-}
-
-ProcessingGate::Cancelled ProcessingGate::cancel(int64_t id) {
-  std::lock_guard guard(processingLock_);
-  if (currentProcessingState_ && currentProcessingState_->downloadId == id) {
-    currentCancellationToken_->cancel();
-    currentProcessingState_.reset();
-    return Cancelled::activeRun;
-  }
-  size_t removed =
-      std::erase_if(pendingProcessingQueue_, [id](const ProcessingState& state) { return state.downloadId == id; });
-  return removed > 0 ? Cancelled::waiting : Cancelled::nothing;
-}
-
-ProcessingGate::CancelledAll ProcessingGate::cancelAll() {
-  std::lock_guard guard(processingLock_);
-  CancelledAll result{.waiting = pendingProcessingQueue_.size(), .activeRun = currentCancellationToken_ != nullptr};
-  pendingProcessingQueue_.clear();
+bool ProcessingGate::stopActiveRun() {
+  if (!isProcessing_) return false;
+  currentCancellationToken_->cancel();
   currentProcessingState_.reset();
-  if (currentCancellationToken_) currentCancellationToken_->cancel();
-  return result;
+  runsInFlight_.at(currentCancellationToken_.get()).isTakenAway = true;
+  return true;
 }
 
-void ProcessingGate::clear() {
+ProcessingGate::TakenAway ProcessingGate::cancel(int64_t id) {
   std::lock_guard guard(processingLock_);
+  TakenAway taken;
+  const bool isActive = isProcessing_ && runsInFlight_.at(currentCancellationToken_.get()).id == id;
+  if (isActive) taken.activeRun = stopActiveRun();
+  const auto isId = [id](const ProcessingState& state) { return state.downloadId == id; };
+  std::ranges::copy_if(pendingProcessingQueue_, std::back_inserter(taken.files), isId);
+  taken.waiting = std::erase_if(pendingProcessingQueue_, isId);
+  const auto record = store_.loadState(id);
+  store_.removeState(id);
+  if (record && taken.files.empty() && !isHeld(id)) taken.files.push_back(*record);
+  return taken;
+}
+
+ProcessingGate::TakenAway ProcessingGate::takeAllAway() {
+  TakenAway taken{.activeRun = stopActiveRun(), .waiting = pendingProcessingQueue_.size()};
+  std::ranges::move(pendingProcessingQueue_, std::back_inserter(taken.files));
   pendingProcessingQueue_.clear();
+  for (ProcessingState& record : store_.takeAllStates()) {
+    if (!isHeld(record.downloadId)) taken.files.push_back(std::move(record));
+  }
+  return taken;
+}
+
+ProcessingGate::TakenAway ProcessingGate::cancelAll() {
+  std::lock_guard guard(processingLock_);
+  return takeAllAway();
+}
+
+ProcessingGate::TakenAway ProcessingGate::clear() {
+  std::lock_guard guard(processingLock_);
+  TakenAway taken = takeAllAway();
   isProcessing_ = false;
   currentProcessingState_.reset();
   currentCancellationToken_.reset();
+  return taken;
 }
 
 std::optional<ProcessingState> ProcessingGate::expire() {
@@ -109,14 +136,18 @@ std::optional<ProcessingState> ProcessingGate::expire() {
 std::optional<int64_t> ProcessingGate::activeRun() const {
   std::lock_guard guard(processingLock_);
   if (!isProcessing_) return std::nullopt;
-  return currentProcessingState_ ? currentProcessingState_->downloadId : 0;
+  return runsInFlight_.at(currentCancellationToken_.get()).id;
+}
+
+bool ProcessingGate::isHeld(int64_t id) const {
+  const auto goesOn = [id](const auto& entry) { return entry.second.id == id; };
+  return beingHandedOver_.contains(id) || std::ranges::any_of(runsInFlight_, goesOn) ||
+         std::ranges::find(pendingProcessingQueue_, id, &ProcessingState::downloadId) != pendingProcessingQueue_.end();
 }
 
 bool ProcessingGate::holds(int64_t id) const {
   std::lock_guard guard(processingLock_);
-  auto isId = [id](const auto& entry) { return entry.second == id; };
-  auto waits = [id](const ProcessingState& state) { return state.downloadId == id; };
-  return std::ranges::any_of(runsInFlight_, isId) || std::ranges::any_of(pendingProcessingQueue_, waits);
+  return isHeld(id);
 }
 
 std::vector<ProcessingState> ProcessingGate::runsInHand() const {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "pipeline/CancellationToken.h"
@@ -16,11 +17,10 @@
 namespace tarn {
 
 /// One file is processed at a time: the active run and the line behind it. Every decision is one step under the gate's
-/// lock, which may be held while the store's lock is taken, and while a caller's `isKnown` looks a task up.
-/// Thread-safe.
+/// lock, which may be held while the store's lock is taken, and while a caller's function looks a task up. Thread-safe.
 ///
-/// A run is known by its token. A run whose token is no longer the current one (the page has cleared everything) can
-/// neither store its record nor free the gate for another.
+/// An id that runs, waits or is being handed over is never resumed. A run is known by its token. A run that the page
+/// has taken away can neither store its record nor free the gate for another; it still counts until it ends.
 class ProcessingGate {
  public:
   using Token = std::shared_ptr<CancellationToken>;
@@ -28,12 +28,26 @@ class ProcessingGate {
 
   explicit ProcessingGate(ProcessingStateManager& store);
 
+  /// Says that the file of `id` is on its way here, from before its record is stored until the run was asked for. Must
+  /// not outlive the gate.
+  class HandOver {
+   public:
+    HandOver(ProcessingGate& gate, int64_t id);
+    ~HandOver();
+    HandOver(const HandOver&) = delete;
+    HandOver& operator=(const HandOver&) = delete;
+
+   private:
+    ProcessingGate& gate_;
+    const int64_t id_;
+  };
+
   /// What became of a file that asked for its run.
   struct Admission {
     bool isRefused = false;  ///< nobody wants the run any more
     Token token = nullptr;   ///< set when the run starts now
     size_t position = 0;     ///< else its place in the line, 1-based
-    int64_t currentId = 0;   ///< and the id of the active run, 0 when it has no record any more
+    int64_t currentId = 0;   ///< and the id of the active run
   };
   /// `isWanted` is asked under the lock: whoever cancels the download first makes that answer false, and then cancels
   /// here.
@@ -45,68 +59,78 @@ class ProcessingGate {
     Token token;
   };
 
-  /// Starts the stored record of `id` if no run is active and the record is still pending.
-  std::optional<Start> resume(int64_t id);
+  /// Starts the stored record of `id` if no run is active, the record is still pending, and nobody has the id in hand.
+  /// `isWanted` is asked under the lock, last.
+  std::optional<Start> resume(int64_t id, const std::function<bool(const ProcessingState&)>& isWanted);
 
-  /// The next run of the line, taken from it.
+  /// How a run ends: a finished one takes its record out of the store.
+  enum class Ending { finished, failed, cancelled };
+
+  /// What follows from the end of a run.
   struct Next {
-    std::optional<Start> start;
+    std::optional<Start> start;    ///< the next run of the line, taken from it
     std::vector<int64_t> skipped;  ///< ids of the line that nobody knows any more, in order
     std::vector<int64_t> waiting;  ///< ids that still wait, in order
     bool wasCurrent = false;       ///< the run that ended was the current one
+    bool wasTakenAway = false;     ///< the page has no use for its files
   };
 
-  /// Ends the run of this token: clears the run fields if they are its own, and takes the next known run off the line,
-  /// in one step.
-  Next endRun(const Token& token, const IsKnown& isKnown);
+  /// Ends the run of this token: removes its record if it has finished, clears the run fields if they are its own, and
+  /// takes the next known run off the line, in one step.
+  Next endRun(const Token& token, Ending ending, const IsKnown& isKnown);
 
-  /// Stores a run's record if the run is current and was not taken back; true when stored.
+  /// Stores a run's record if the run is current and was not taken away; true when stored.
   bool saveRecord(const CancellationToken& token, const ProcessingState& state);
 
-  /// Removes a run's record from the store, and takes it back from the run fields, so that nothing stores it again.
-  void removeRecord(const CancellationToken& token, int64_t id);
-
-  enum class Cancelled { nothing, activeRun, waiting };
-  /// Takes a download out: cancels its run and takes its record back, or removes it from the line.
-  Cancelled cancel(int64_t id);
-
-  /// Empties the line and asks the active run to stop; its record is taken back.
-  struct CancelledAll {
-    size_t waiting = 0;
-    bool activeRun = false;
+  /// What the page has taken away for good: out of the gate and out of the store, in one step.
+  struct TakenAway {
+    bool activeRun = false;                   ///< it was asked to stop, and its files are its own until it ends
+    size_t waiting = 0;                       ///< runs that have left the line
+    std::vector<ProcessingState> files = {};  ///< records whose files are nobody's any more
   };
-  CancelledAll cancelAll();
-
-  /// Empties the line and forgets the active run, which goes on by itself.
-  void clear();
+  TakenAway cancel(int64_t id);
+  TakenAway cancelAll();
+  /// As cancelAll, and the gate is free at once.
+  TakenAway clear();
 
   /// Background time is over: asks the active run to stop and stores its record as it stands. Its record.
   std::optional<ProcessingState> expire();
 
-  /// The id of the active run; 0 when its record was taken back; nothing when no run is active.
+  /// The id of the active run; nothing when no run is active.
   std::optional<int64_t> activeRun() const;
 
-  /// True while a run of this id is active, waits, or has been forgotten and still goes on.
+  /// True while a run of this id is being handed over, waits, or goes on.
   bool holds(int64_t id) const;
 
-  /// The records of the active run and of those that wait, as they began.
+  /// The records of the active run and of those that wait, as they were stored last.
   std::vector<ProcessingState> runsInHand() const;
 
   /// No run starts any more; what is in the line stays in the store.
   void close();
 
  private:
+  struct Run {
+    int64_t id;
+    bool isTakenAway = false;
+  };
+
+  // The lock is held by the callers of these.
   Token begin(const ProcessingState& state);
   bool isCurrent(const CancellationToken& token) const { return currentCancellationToken_.get() == &token; }
+  bool isHeld(int64_t id) const;
+  /// Asks the active run to stop and takes its record back; false when there is none.
+  bool stopActiveRun();
+  TakenAway takeAllAway();
 
   ProcessingStateManager& store_;
   mutable std::mutex processingLock_;
   bool isProcessing_ = false;
   bool isClosed_ = false;
-  std::optional<ProcessingState> currentProcessingState_;
+  std::optional<ProcessingState> currentProcessingState_;  ///< empty when it was taken back
   Token currentCancellationToken_;
   std::deque<ProcessingState> pendingProcessingQueue_;
-  std::map<const CancellationToken*, int64_t> runsInFlight_;
+  std::map<const CancellationToken*, Run> runsInFlight_;  ///< until they end, also when they are not current
+  std::multiset<int64_t> beingHandedOver_;
 };
 
 }  // namespace tarn

@@ -111,12 +111,20 @@ std::vector<std::string> ProcessingStateManager::problems() {
 }
 
 void ProcessingStateManager::clearAllStates() {
+  for (const ProcessingState& state : takeAllStates()) cleanupTempFilesUnsafe(state);
+}
+
+std::vector<ProcessingState> ProcessingStateManager::takeAllStates() {
   std::lock_guard guard(lock_);
-  if (auto states = loadAllStatesUnsafe()) {
-    for (const auto& [id, state] : *states) cleanupTempFilesUnsafe(state);
+  std::vector<ProcessingState> all;
+  auto states = loadAllStatesUnsafe().value_or(ProcessingStates());
+  for (auto& [id, state] : states) {
+    removed_.insert(id);
+    all.push_back(std::move(state));
   }
   saveStates({});
   logLine("Cleared all processing states");
+  return all;
 }
 
 void ProcessingStateManager::cleanupTempFiles(const ProcessingState& state) {

@@ -44,6 +44,8 @@ class ProcessingStateManager {
 
   /// Deletes all records with their temp files. The videos stay.
   void clearAllStates();
+  /// Removes all records and returns them. Their files stay.
+  std::vector<ProcessingState> takeAllStates();
 
   /// Deletes the files in state.tempFiles and logs each. The record is not changed. Takes no lock.
   void cleanupTempFiles(const ProcessingState& state);

@@ -8,6 +8,10 @@
 namespace tarn {
 
 /// A queue of work. Work that throws ends the process (std::terminate), as it would on a thread. Thread-safe.
+///
+/// The queues without a thread of their own share a few threads. Work on them never sleeps and never waits for another
+/// queue: who has to wait hands in the rest of its work with asyncAfter, or with async where the waiting ends. Short
+/// work on files is fine.
 class DispatchQueue {
  public:
   using Work = std::function<void()>;
@@ -18,8 +22,8 @@ class DispatchQueue {
   /// calls.
   virtual void async(Work work) = 0;
 
-  /// Runs the work on the queue and returns when it is done. On a serial queue this must not be called from the queue
-  /// itself: it would wait for ever.
+  /// Runs the work on the queue and returns when it is done. For threads that are no queue's. On a serial queue this
+  /// must not be called from the queue itself: it would wait for ever.
   virtual void sync(const Work& work) = 0;
 
   /// As async, but not before `delay` has passed.
@@ -36,10 +40,10 @@ class Dispatch {
   /// The serial queue that stands for the main thread: delegate calls and lifecycle notifications run there.
   virtual DispatchQueue& mainQueue() = 0;
 
-  /// A concurrent queue; work on it may block.
+  /// A concurrent queue.
   virtual DispatchQueue& globalQueue(QualityOfService qualityOfService) = 0;
 
-  /// Makes a new serial queue. Work on it may block without holding up any other queue when `ownThread` is set.
+  /// Makes a new serial queue. With `ownThread` it has a thread of its own, on which work may take its time and wait.
   virtual std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label, bool ownThread) = 0;
 };
 

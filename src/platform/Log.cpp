@@ -2,6 +2,9 @@
 
 #include <cstdio>
 #include <mutex>
+#include <string>
+
+#include "platform/URL.h"
 
 namespace tarn {
 namespace {
@@ -25,11 +28,12 @@ void setLogSink(LogSink sink) {
 
 void logLine(std::string_view line) noexcept {
   try {
+    const std::string safe = withoutSecrets(line);
     std::lock_guard guard(output().mutex);
     if (output().sink) {
-      output().sink(line);
+      output().sink(safe);
     } else {
-      std::fwrite(line.data(), 1, line.size(), stdout);
+      std::fwrite(safe.data(), 1, safe.size(), stdout);
       std::fputc('\n', stdout);
     }
   } catch (...) {  // NOLINT(bugprone-empty-catch): a log that cannot be written must not end the work that it tells of

@@ -14,7 +14,7 @@ using LogSink = std::function<void(std::string_view line)>;
 /// Sends the log somewhere else than standard output; an empty sink brings standard output back. Thread-safe.
 void setLogSink(LogSink sink);
 
-/// Writes one line to the log. Thread-safe; never throws.
+/// Writes one line to the log, its URLs without their secrets. Thread-safe; never throws.
 void logLine(std::string_view line) noexcept;
 
 /// Formats and writes one line to the log: log("Download queued: {}", id).

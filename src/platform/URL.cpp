@@ -34,7 +34,70 @@ std::optional<int> hexDigit(char c) {
   return std::nullopt;
 }
 
+constexpr std::string_view hidden = "***";
+
+std::string lowerCased(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(), lowerCase);
+  return result;
+}
+
+bool isSecretName(std::string_view name) {
+  const std::string whole = lowerCased(percentDecode(name).value_or(std::string(name)));
+  const size_t start = whole.find_last_of("-_.");
+  const std::string word = start == std::string::npos ? whole : whole.substr(start + 1);
+  constexpr std::string_view secrets[] = {"token", "key", "sig", "signature", "password"};
+  return std::find(std::begin(secrets), std::end(secrets), word) != std::end(secrets);
+}
+
+/// A query or a fragment, with the character that begins it.
+std::string parametersWithoutSecrets(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const std::string_view parameter = text.substr(0, text.find_first_of("?#&", 1));
+    text.remove_prefix(parameter.size());
+    const size_t equals = parameter.find('=');
+    const bool isSecret = equals != std::string_view::npos && isSecretName(parameter.substr(1, equals - 1));
+    result += isSecret ? parameter.substr(0, equals + 1) : parameter;
+    if (isSecret) result += hidden;
+  }
+  return result;
+}
+
+/// `url` begins with its scheme and "://", which ends at `start`.
+std::string urlWithoutSecrets(std::string_view url, size_t start) {
+  std::string result(url.substr(0, start));
+  url.remove_prefix(start);
+  const std::string_view authority = url.substr(0, url.find_first_of("/?#"));
+  const size_t at = authority.rfind('@');
+  if (at != std::string_view::npos) {
+    result += hidden;
+    url.remove_prefix(at);
+  }
+  const std::string_view place = url.substr(0, url.find_first_of("?#"));
+  result += place;
+  return result + parametersWithoutSecrets(url.substr(place.size()));
+}
+
 }  // namespace
+
+std::string withoutSecrets(std::string_view text) {
+  std::string result;
+  for (size_t from = 0;;) {
+    const size_t slashes = text.find("://", from);
+    if (slashes == std::string_view::npos) return result.append(text);
+    const std::string_view ahead = text.substr(0, slashes);
+    const std::string scheme = lowerCased(ahead.substr(ahead.size() - std::min<size_t>(ahead.size(), 5)));
+    const size_t length = scheme == "https" ? 5 : (scheme.ends_with("http") ? 4 : 0);
+    from = slashes + 3;
+    if (length == 0) continue;
+    const size_t end = std::min(text.find_first_of(" \t\r\n\"<>", from), text.size());
+    const size_t begin = slashes - length;
+    result.append(text.substr(0, begin)).append(urlWithoutSecrets(text.substr(begin, end - begin), length + 3));
+    text.remove_prefix(end);
+    from = 0;
+  }
+}
 
 std::optional<URL> URL::parse(std::string_view text) {
   if (std::any_of(text.begin(), text.end(), isBlankOrControl)) return std::nullopt;

@@ -20,6 +20,11 @@ struct URL {
   std::string lastPathComponent() const;
 };
 
+/// The text with what must stay between the user and the server taken out of every http and https URL in it: the user
+/// name and password, and the values of parameters whose name is, or ends in the word, token, key, sig, signature or
+/// password. "***" takes their place.
+std::string withoutSecrets(std::string_view text);
+
 /// Percent-decodes; nothing for a broken escape.
 std::optional<std::string> percentDecode(std::string_view text);
 

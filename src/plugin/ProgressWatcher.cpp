@@ -1,62 +1,71 @@
 #include "plugin/ProgressWatcher.h"
 
+#include <atomic>
+#include <chrono>
 #include <utility>
 
 namespace tarn {
+namespace {
 
-struct ProgressWatcher::State {
-  std::function<bool()> look;
-  std::shared_ptr<DispatchQueue> progressCheckerQueue;
-  bool isProgressCheckerRunning = false;  ///< this and the next: read and written on the queue only
+constexpr std::chrono::seconds pause{1};
+
+}  // namespace
+
+struct ProgressWatcher::State : std::enable_shared_from_this<State> {
+  Dispatch& dispatch;
+  const std::function<bool()> look;
+  const std::shared_ptr<DispatchQueue> progressCheckerQueue;
+  std::atomic<bool> isEnded = false;
+
+  // Read and written on the progressCheckerQueue only.
+  bool isProgressCheckerRunning = false;
   bool wasAskedWhileRunning = false;
+  int loop = 0;  ///< number of the loop that runs, or ran last
 
-  std::mutex mutex;
-  std::condition_variable ended;
-  bool isEnded = false;
+  State(Dispatch& queues, std::function<bool()> work)
+      : dispatch(queues),
+        look(std::move(work)),
+        progressCheckerQueue(dispatch.makeSerialQueue("com.fenwick.progressCheckerQueue", false)) {}
 
-  /// False when the end came meanwhile.
-  bool waitForNextLook() {
-    std::unique_lock guard(mutex);
-    return !ended.wait_for(guard, std::chrono::seconds(1), [this] { return isEnded; });
+  void start() {
+    wasAskedWhileRunning = std::exchange(isProgressCheckerRunning, true);
+    if (!wasAskedWhileRunning) turn(++loop);
+  }
+
+  /// One turn of a loop, unless a newer one has begun.
+  void turn(int ofLoop) {
+    if (isEnded || ofLoop != loop) return;
+    dispatch.globalQueue(QualityOfService::background).async([self = shared_from_this(), ofLoop] {
+      const bool isAnyActive = !self->isEnded && self->look();
+      self->progressCheckerQueue->async([self, ofLoop, isAnyActive] { self->goOn(ofLoop, isAnyActive); });
+    });
+  }
+
+  void goOn(int ofLoop, bool isAnyActive) {
+    if (ofLoop != loop) return;
+    if (isAnyActive) {
+      progressCheckerQueue->asyncAfter(pause, [self = shared_from_this(), ofLoop] { self->turn(ofLoop); });
+    } else if (std::exchange(wasAskedWhileRunning, false)) {
+      turn(ofLoop);
+    } else {
+      isProgressCheckerRunning = false;
+    }
   }
 };
 
 ProgressWatcher::ProgressWatcher(Dispatch& dispatch, std::function<bool()> look)
-    : dispatch_(dispatch), state_(std::make_shared<State>()) {
-  state_->look = std::move(look);
-  state_->progressCheckerQueue = dispatch.makeSerialQueue("com.fenwick.progressCheckerQueue", false);
-}
+    : state_(std::make_shared<State>(dispatch, std::move(look))) {}
 
 ProgressWatcher::~ProgressWatcher() {
-  {
-    std::lock_guard guard(state_->mutex);
-    state_->isEnded = true;
-  }
-  state_->ended.notify_all();
+  state_->isEnded = true;
 }
 
 void ProgressWatcher::startCheckingProgress() {
-  state_->progressCheckerQueue->async([state = state_, &dispatch = dispatch_] {
-    state->wasAskedWhileRunning = std::exchange(state->isProgressCheckerRunning, true);
-    if (state->wasAskedWhileRunning) return;
-    dispatch.globalQueue(QualityOfService::background).async([state] { loop(state); });
-  });
-}
-
-void ProgressWatcher::loop(const std::shared_ptr<State>& state) {
-  bool goesOn = true;
-  while (goesOn) {
-    while (state->look() && state->waitForNextLook()) {
-    }
-    state->progressCheckerQueue->sync([&] {
-      goesOn = std::exchange(state->wasAskedWhileRunning, false);
-      state->isProgressCheckerRunning = goesOn;
-    });
-  }
+  state_->progressCheckerQueue->async([state = state_] { state->start(); });
 }
 
 void ProgressWatcher::stopCheckingProgress() {
-  state_->progressCheckerQueue->sync([this] { state_->isProgressCheckerRunning = false; });
+  state_->progressCheckerQueue->async([state = state_] { state->isProgressCheckerRunning = false; });
 }
 
 }  // namespace tarn

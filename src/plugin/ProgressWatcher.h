@@ -1,16 +1,14 @@
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "platform/Dispatch.h"
 
 namespace tarn {
 
-/// Looks at the active downloads once a second, on a worker of the background queue, for as long as there are any. Its
-/// waits end when it is destroyed.
+/// Looks at the active downloads once a second, on the background queue, for as long as there are any. It waits by a
+/// timer, so that it keeps no thread busy. It ends with this object.
 class ProgressWatcher {
  public:
   /// `look` sends what there is to send; false when no download is active, which ends the loop. It must keep alive what
@@ -24,14 +22,11 @@ class ProgressWatcher {
   /// last look is not missed.
   void startCheckingProgress();
 
-  /// Lets the next start begin a loop of its own. A loop that runs ends by itself when no download is active.
+  /// Lets the next start begin a loop of its own, with which the one that runs now ends.
   void stopCheckingProgress();
 
  private:
   struct State;
-  static void loop(const std::shared_ptr<State>& state);
-
-  Dispatch& dispatch_;
   std::shared_ptr<State> state_;  ///< shared with the loop, which may outlive the watcher by a moment
 };
 

@@ -71,7 +71,7 @@ void TarnBridge::load() {
 
 DownloadManager& TarnBridge::downloadManager() {
   std::lock_guard guard(downloadManagerMutex_);
-  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_);
+  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_, weak_from_this());
   return *downloadManager_;
 }
 
@@ -207,9 +207,8 @@ void TarnBridge::appWillTerminate() {
 
 void TarnBridge::checkAndUpdateDownloadStates() {
   for (const auto& task : downloadManager().getDownloads()) {
-    auto fields = task->snapshot();
-    if (fields.status != DownloadStatus::completed) continue;
-    if (!fields.notificationSent) notifyListeners(downloadComplete, TaskPayload(*task).completion());
+    if (task->status() != DownloadStatus::completed) continue;
+    if (task->claimNotification()) notifyListeners(downloadComplete, TaskPayload(*task).completion());
     downloadManager().removeDownload(task->id);
   }
 }

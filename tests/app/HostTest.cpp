@@ -39,6 +39,8 @@ TEST(HostTest, TwelveSavesAtOnceUseThreeSlotsAndAreAllSaved) {
     }
   }
   EXPECT_EQ(mostActive, 3);
+  EXPECT_NE(contentOf(place.path() / "log/tarn.log").find("App will terminate - performing final cleanup"),
+            std::string::npos);
   EXPECT_EQ(savedFiles(place.path()).size(), 12U);
   EXPECT_EQ(leftIn(place.path()), "");
 }

@@ -164,6 +164,30 @@ TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
   EXPECT_EQ(contentOf(saved_), repaired());
 }
 
+TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
+  using std::filesystem::perms;
+  server_.serve("/clip.mp4?token=letmein", ServedFile::of(recording()));
+  std::string url = server_.url("/clip.mp4?token=letmein");
+  url.insert(url.find("127"), "user:secret@");
+  const auto mode = [](const Path& path) { return std::filesystem::status(path).permissions(); };
+  const Path open = place_ / "open";
+  std::filesystem::create_directory(open);
+  std::filesystem::permissions(open, perms(0755));
+  for (const Path& home : {home_, open}) {
+    const auto good = runTarn(home, {"save", url, "--album", "Trips"});
+    EXPECT_EQ(good.exitCode, 0) << good.errors;
+    const auto bad = runTarn(home, {"save", url + "&x=none", "--album", "Trips", "--verbose"});
+    EXPECT_EQ(bad.exitCode, 1);
+    const std::string told = contentOf(home / "log/tarn.log") + good.errors + bad.errors;
+    EXPECT_NE(told.find("//***@127"), std::string::npos) << told;
+    for (const char* secret : {"user:", "secret", "letmein"}) EXPECT_EQ(told.find(secret), std::string::npos) << told;
+    EXPECT_EQ(mode(home / "log/tarn.log"), perms(0600));
+  }
+  EXPECT_EQ(mode(home_), perms(0700));
+  EXPECT_EQ(mode(saved_), perms(0600));
+  EXPECT_EQ(mode(open), perms(0755));
+}
+
 TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {
   const std::pair<const char*, int> rows[] = {{"", 2},
                                               {"fly", 2},

@@ -412,14 +412,18 @@ TEST_F(ServeTest, StoredRunsAreAllTakenUpWithoutAPage) {
   SystemClock clock;
   UserDefaults defaults(files, home_ / "Defaults");
   ProcessingStateManager store(defaults, files, clock);
-  for (const int64_t id : {1, 2}) {
+  const auto leave = [&](int64_t id) {
     const Path file = home_ / "Documents" / ("clip" + std::to_string(id));
     std::ofstream(file) << id;
     store.saveState(
         makeFirstRecord(files, clock, {.id = id, .filename = file.filename(), .album = "Trips", .fileURL = file}));
-  }
+  };
+  for (const int64_t id : {1, 2}) leave(id);
   start();
   EXPECT_TRUE(eventually([&] { return savedFiles(home_) == std::vector<std::string>{"Trips/clip1", "Trips/clip2"}; }));
+  // And what is left there while it runs.
+  leave(3);
+  EXPECT_TRUE(eventually([&] { return savedFiles(home_).size() == 3; }));
 }
 
 }  // namespace

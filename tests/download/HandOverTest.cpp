@@ -77,6 +77,7 @@ TEST_F(EngineTest, ARunThatFailsTellsThePageOnceAndFreesItsSlot) {
   runFails_ = true;
   const auto task = save("a.mp4");
   const auto next = save("b.mp4");
+  EXPECT_EQ(transfers_.storedTaskDescriptions().size(), 2U) << "what waits is stored with its flags";
   task->update([](auto& fields) {
     fields.onDownloadComplete = [](const auto&, const auto&) { ADD_FAILURE() << "a failed run tells the delegate"; };
   });

@@ -11,6 +11,7 @@ namespace tarn::test {
 namespace {
 
 using enum ProcessingStage;
+using Ending = ProcessingGate::Ending;
 
 /// The engine around the driver, as far as the driver sees it: the real gate and store, and a list of what was called.
 class Engine : public ProcessingHost {
@@ -22,16 +23,10 @@ class Engine : public ProcessingHost {
   }
   void progressUpdated(const DownloadTaskPointer&, double, const std::string&) override {}
   void replaceDownload(const DownloadTaskPointer&) override { notes_.push_back("replace"); }
-  void removeRecord(const CancellationToken& token, int64_t id) override {
-    notes_.push_back("remove");
-    gate_.removeRecord(token, id);
-  }
-  void releaseBackgroundTimeAndSlot(int64_t) override { notes_.push_back("release"); }
-  void notifyFinished(const DownloadTaskPointer&, const Path&) override { notes_.push_back("finished"); }
-  void notifyFailed(const DownloadTaskPointer&) override { notes_.push_back("failedNotice"); }
-  void endRun(const Token& token) override {
-    notes_.push_back("end");
-    gate_.endRun(token, [](int64_t) { return true; });
+  bool endRun(const RunEnd& end) override {
+    const char* const names[] = {"finished", "failed", "cancelled"};
+    notes_.push_back(names[static_cast<size_t>(end.ending)]);
+    return gate_.endRun(end.token, end.ending, [](int64_t) { return true; }).wasTakenAway;
   }
 
  private:
@@ -66,6 +61,10 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
     return gate_.admit(state, [] { return true; });
   }
 
+  std::optional<ProcessingGate::Start> resume(int64_t id) {
+    return gate_.resume(id, [](const ProcessingState&) { return true; });
+  }
+
   ManualClock clock_;
   ProcessingStateManager store_{defaults_, files_, clock_};
   ProcessingGate gate_{store_};
@@ -87,7 +86,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
 const std::string remuxStages = "remuxing remuxed ";
 const std::string syncStages = "syncFixing syncFixed ";
 const std::string fromAudio = "transcodingPass1 transcodingPass2 transcoded audioReplacing audioReplaced " + syncStages;
-const std::string savedEnding = "savingToPhotos replace remove release finished end";
+const std::string savedEnding = "savingToPhotos replace finished";
 
 TEST_F(ProcessingDriverTest, StoredStageAndFlagsDecideWhichStepsRun) {
   struct Row {
@@ -133,15 +132,21 @@ TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
     std::string ending;
     std::optional<ProcessingStage> stored;  ///< of the record that is left
     bool keepsTempFile;
+    bool keepsVideo = true;
   };
   const auto isFailed = [](auto&) { throw Error("Test", -1, "the codec is on holiday"); };
   const auto isCancelled = [](ProcessingRun& run) { run.token->cancel(), run.token->throwIfCancelled(); };
-  const auto isTakenBack = [this](auto&) { gate_.cancel(7), store_.removeState(7); };
+  const auto isTakenBack = [this](ProcessingRun& run) { gate_.cancel(7), readFile(run.files, run.fileURL); };
   const auto isNotSaved = [this](auto&) { statusOfSave_ = DownloadStatus::failed; };
+  const auto isHidden = [](ProcessingRun& run) {
+    run.token->cancel();
+    throw Error("Test", -1, "the copy ended early");
+  };
   const std::string rest = "transcoded audioReplacing audioReplaced ";
-  for (const Row& row : {Row{isFailed, "replace release failedNotice end", failed, false},
-                         {isCancelled, "end", transcodingPass2, true},
-                         {isTakenBack, rest + "end", std::nullopt, true},
+  for (const Row& row : {Row{isFailed, "replace failed", failed, false},
+                         {isCancelled, "cancelled", transcodingPass2, true},
+                         {isHidden, "cancelled", transcodingPass2, true},
+                         {isTakenBack, "cancelled", std::nullopt, false, false},
                          {isNotSaved, rest + syncStages + savedEnding, std::nullopt, false}}) {
     SCOPED_TRACE(row.ending);
     disturb_ = [&](ProcessingRun& run) {
@@ -153,7 +158,7 @@ TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
     const auto record = store_.loadState(7);
     EXPECT_EQ(record ? std::optional(record->stage) : std::nullopt, row.stored);
     EXPECT_EQ(record && record->error == "the codec is on holiday", row.stored == failed);
-    EXPECT_TRUE(files_.fileExists(state_.fileURL));
+    EXPECT_EQ(files_.fileExists(state_.fileURL), row.keepsVideo);
     EXPECT_EQ(files_.fileExists(home_ / "Documents/temp.m4a"), row.keepsTempFile);
     EXPECT_FALSE(gate_.activeRun());
   }
@@ -163,13 +168,13 @@ TEST_F(ProcessingDriverTest, ARunThatWasForgottenTouchesNothingOfTheNext) {
   auto next = state_;
   next.downloadId = 8;
   ProcessingGate::Token nextToken;
-  disturb_ = [&](ProcessingRun&) {
+  disturb_ = [&](ProcessingRun& forgotten) {
     gate_.clear();
-    store_.clearAllStates();
+    EXPECT_TRUE(forgotten.token->isCancelled());
     nextToken = admit(next).token;
     EXPECT_TRUE(gate_.holds(7)) << "its id must not be given away while it goes on";
   };
-  EXPECT_EQ(run(), remuxStages + fromAudio + savedEnding);
+  EXPECT_EQ(run(), remuxStages + "transcodingPass1 transcodingPass2 transcoded audioReplacing audioReplaced cancelled");
   EXPECT_EQ(gate_.activeRun(), 8);
   EXPECT_FALSE(nextToken->isCancelled());
   EXPECT_TRUE(store_.allStates().empty()) << "it must not bring its record back";
@@ -182,15 +187,34 @@ TEST_F(ProcessingDriverTest, TheGateSkipsTheForgottenAndLetsNoneThroughOnceItIsC
   for (int64_t id : {2, 3, 4}) EXPECT_EQ(admit(record(id)).position, static_cast<size_t>(id - 1));
   EXPECT_TRUE(gate_.admit(record(5), [] { return false; }).isRefused);
   store_.saveState(record(6));
-  EXPECT_FALSE(gate_.resume(6)) << "a run is active";
+  EXPECT_FALSE(resume(6)) << "a run is active";
 
-  auto next = gate_.endRun(first.token, isKnown);
+  const auto end = [&](const ProcessingGate::Token& token) { return gate_.endRun(token, Ending::failed, isKnown); };
+  auto next = end(first.token);
   ASSERT_TRUE(next.start);
   EXPECT_EQ(next.start->state.downloadId, 3);
-  EXPECT_FALSE(gate_.endRun(first.token, isKnown).wasCurrent) << "a run ends once";
+  EXPECT_FALSE(end(first.token).wasCurrent) << "a run ends once";
   gate_.close();
-  EXPECT_FALSE(gate_.endRun(next.start->token, isKnown).start) << "the line waits";
-  EXPECT_FALSE(gate_.resume(6));
+  EXPECT_FALSE(end(next.start->token).start) << "the line waits";
+  EXPECT_FALSE(resume(6));
+}
+
+TEST_F(ProcessingDriverTest, TheGateResumesNothingThatSomebodyHasInHandOrTookAway) {
+  const auto record = [](int64_t id) { return ProcessingState{.downloadId = id, .fileURL = "/clip.mp4"}; };
+  for (int64_t id : {1, 2}) store_.saveState(record(id));
+  {
+    const ProcessingGate::HandOver handOver(gate_, 1);
+    EXPECT_FALSE(resume(1));
+    EXPECT_TRUE(gate_.cancel(1).files.empty()) << "whoever hands it over sees to its file";
+  }
+  EXPECT_FALSE(resume(1)) << "gate and store are left in one step";
+  const auto run = resume(2);
+  ASSERT_TRUE(run);
+  gate_.clear();
+  store_.saveState(record(2));
+  EXPECT_FALSE(resume(2)) << "its first run goes on";
+  gate_.endRun(run->token, Ending::cancelled, [](int64_t) { return true; });
+  EXPECT_TRUE(resume(2));
 }
 
 }  // namespace

@@ -37,5 +37,23 @@ TEST(URL, refusesEverythingElse) {
   EXPECT_FALSE(URL::parse(std::string_view("http://h/a\0b", 12)));
 }
 
+TEST(URL, losesItsSecretsInTextsAndNothingElse) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"starting download https://user:pa%40ss@h:8/a?token=T&x=1#y",
+       "starting download https://***@h:8/a?token=***&x=1#y"},
+      {"HTTP://user@h", "HTTP://***@h"},
+      {"http://a@b@h/c@d?e@f=g@h", "http://***@h/c@d?e@f=g@h"},
+      {"https://h/?KEY=1&sig=2&Signature=3&password=4&%74oken=5&monkey=6&keys=7",
+       "https://h/?KEY=***&sig=***&Signature=***&password=***&%74oken=***&monkey=6&keys=7"},
+      {"https://h/a?X-Amz-Signature=1&access_token=2&key#api.key=3",
+       "https://h/a?X-Amz-Signature=***&access_token=***&key#api.key=***"},
+      {"from \"http://a:b@h/1\" to http://c:d@h/2, then", "from \"http://***@h/1\" to http://***@h/2, then"},
+      {"ftp://a:b@h?token=1 :// http:// https://", "ftp://a:b@h?token=1 :// http:// https://"},
+      {"token=1 mail@h", "token=1 mail@h"},
+      {"", ""},
+  };
+  for (const auto& [text, safe] : rows) EXPECT_EQ(withoutSecrets(text), safe);
+}
+
 }  // namespace
 }  // namespace tarn

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/HostApplication.h"
@@ -152,6 +153,18 @@ TEST_F(TarnBridgeTest, WorkThatEndedBeforeAKillIsToldAtTheNextForeground) {
   const std::string left =
       R"({"6":{"id":6,"status":"STATUS_FAILED","reason":"REASON_NONE","bytesDownloaded":0,"totalBytes":0}})";
   EXPECT_TRUE(eventually([&] { return call("getActiveDownloads") == left; })) << "the failed one stays";
+}
+
+TEST_F(TarnBridgeTest, AnswersHoweverOftenAllIsCancelledAndBegunAgain) {
+  const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+  save();
+  const auto before = threads();
+  for (int round = 0; round < 50; ++round) {
+    EXPECT_EQ(call("cancelAllDownloads"), "{}");
+    EXPECT_EQ(call("clearAllStates"), "{}");
+    ASSERT_TRUE(save().resolved);
+  }
+  EXPECT_EQ(threads(), before);
 }
 
 TEST(ProgressWatcherTest, MissesNoDownloadThatBeginsDuringItsLastLook) {

@@ -25,8 +25,13 @@ class CurlURLSession : public NSURLSession {
         loop_(std::make_shared<TransferLoop>(files, store_, delegateQueue_, options)) {
     for (const auto& record : store_->records(*identifier_)) {
       const auto part = files.attributes(store_->partFile(record.taskIdentifier));
-      loop_->start(
-          remember(std::make_shared<Transfer>(record, Transfer::Phase::running, part ? part->size : 0, loop_)));
+      const auto phase = record.started ? Transfer::Phase::running : Transfer::Phase::suspended;
+      const auto transfer = remember(std::make_shared<Transfer>(record, phase, part ? part->size : 0, loop_));
+      if (record.started) {
+        loop_->start(transfer);
+      } else {
+        suspended_.push_back(transfer);
+      }
     }
   }
 
@@ -66,6 +71,7 @@ class CurlURLSession : public NSURLSession {
   const std::shared_ptr<TransferLoop> loop_;
   std::mutex mutex_;
   std::vector<std::weak_ptr<Transfer>> tasks_;
+  std::vector<std::shared_ptr<Transfer>> suspended_;  ///< of the last process: nobody else holds them yet
 };
 
 CurlURLSessionOptions withUserAgent(CurlURLSessionOptions options) {

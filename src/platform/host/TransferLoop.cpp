@@ -110,6 +110,7 @@ void TransferLoop::take(const std::shared_ptr<Transfer>& transfer) {
   Job& job = jobs_[transfer->taskIdentifier()];
   job.transfer = transfer;
   job.record = std::move(*record);
+  job.record.started = true;  // stored before the first byte
   job.nextTry = Clock::now();
   if (!job.record.complete) return;
 

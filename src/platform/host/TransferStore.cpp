@@ -16,11 +16,9 @@ constexpr std::string_view partSuffix = ".part";
 constexpr std::string_view deliverySuffix = ".delivery";
 
 std::string encode(const TransferRecord& record) {
-  json document = {{"session", record.session},
-                   {"url", record.url},
-                   {"taskDescription", record.taskDescription},
-                   {"validator", record.validator},
-                   {"complete", record.complete}};
+  json document = {
+      {"session", record.session},     {"url", record.url},         {"taskDescription", record.taskDescription},
+      {"validator", record.validator}, {"started", record.started}, {"complete", record.complete}};
   if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
   return document.dump();
 }
@@ -33,6 +31,7 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   document.at("url").get_to(record.url);
   document.at("taskDescription").get_to(record.taskDescription);
   document.at("validator").get_to(record.validator);
+  record.started = document.value("started", true);  // records of an older version were all started
   document.at("complete").get_to(record.complete);
   if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get_ref<const uint64_t&>();
   return record;

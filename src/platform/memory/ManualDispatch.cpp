@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace tarn {
 
@@ -36,6 +37,7 @@ class ManualDispatch::Queue : public DispatchQueue, public std::enable_shared_fr
   /// Whether work can begin: nothing of a serial queue while its earlier work waits in a sync() further up the stack.
   bool ready() const { return !held_ && !(serial_ && running_); }
 
+  bool isSerial() const { return serial_; }
   const std::string& label() const { return label_; }
   void setHeld(bool held) { held_ = held; }
 
@@ -109,6 +111,23 @@ bool ManualDispatch::runFirst(const Queue* only) {
 
 bool ManualDispatch::runNext() {
   return runFirst(nullptr);
+}
+
+bool ManualDispatch::runOne(const std::function<size_t(size_t)>& choose) {
+  std::list<Entry> taken;
+  {
+    std::lock_guard guard(mutex_);
+    std::vector<std::list<Entry>::iterator> ready;
+    for (auto entry = entries_.begin(); entry != entries_.end() && entry->due <= now_; ++entry) {
+      const auto isSame = [&](const auto& other) { return other->queue == entry->queue; };
+      const bool isBehind = entry->queue->isSerial() && std::ranges::any_of(ready, isSame);
+      if (entry->queue->ready() && !isBehind) ready.push_back(entry);
+    }
+    if (ready.empty()) return false;
+    taken.splice(taken.begin(), entries_, ready[choose(ready.size())]);
+  }
+  for (const Entry& entry : taken) entry.queue->run(entry.work);
+  return true;
 }
 
 size_t ManualDispatch::runUntilIdle() {

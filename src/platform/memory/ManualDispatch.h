@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -30,6 +31,10 @@ class ManualDispatch : public Dispatch {
 
   /// As runUntilIdle, but at most one piece: false when there was none.
   bool runNext();
+
+  /// Runs one piece of work of those that may begin now: the first of each serial queue, and all of the others.
+  /// `choose` gets their number, and names one. False when there is none.
+  bool runOne(const std::function<size_t(size_t)>& choose);
 
   /// Runs until idle, lets the time pass, and runs delayed work as it becomes due, with all that follows from it.
   void advance(std::chrono::nanoseconds duration);

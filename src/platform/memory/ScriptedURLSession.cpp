@@ -78,8 +78,9 @@ std::unique_ptr<NSURLSession> ScriptedURLSessionService::makeBackgroundSession(
   delegate_ = std::move(delegate);
   std::erase_if(tasks_, [](const auto& task) { return !task->isStored(); });
   for (auto& task : tasks_) {
+    const State state = task->state() == State::suspended ? State::suspended : State::running;
     task = std::make_shared<ScriptedDownloadTask>(task->taskIdentifier(), task->originalRequestURL(),
-                                                  task->taskDescription(), State::running);
+                                                  task->taskDescription(), state);
   }
   return std::make_unique<Session>(*this);
 }

@@ -47,7 +47,8 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
 /// Transfers in the hands of a test. Events are fired one by one, for a task by the URL that it was made with (of equal
 /// URLs the last made), and have been heard by the delegate when the operation returns; they run on the delegate queue,
 /// or on the calling thread when there is none. Destroying the session and making the next one is a restart of the
-/// process: what has not ended is there again, running, under the same identifiers, URLs and descriptions. Thread-safe.
+/// process: what has not ended is there again, under the same identifiers, URLs and descriptions; what was started
+/// runs, and what was not is suspended. Thread-safe.
 class ScriptedURLSessionService : public NSURLSessionService {
  public:
   using TaskPointer = std::shared_ptr<ScriptedDownloadTask>;

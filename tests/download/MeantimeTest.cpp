@@ -1,0 +1,139 @@
+// What happens while the engine is in the middle of something else.
+
+#include <atomic>
+#include <thread>
+
+#include "download/EngineTest.h"
+#include "support/MeantimeFiles.h"
+
+namespace tarn::test {
+namespace {
+
+class MeantimeTest : public EngineTest {
+ protected:
+  /// The engine over files in whose changes a test may step.
+  void startOver(const ProcessingSteps& steps) {
+    engine_ = DownloadManager::create(
+        {meantime_, meantimeDefaults_, clock_, dispatch_, application_, photos_, transfers_}, steps);
+  }
+
+  size_t countLines(std::string_view start) {
+    return static_cast<size_t>(
+        std::ranges::count_if(lines_.lines(), [&](const std::string& line) { return line.starts_with(start); }));
+  }
+
+  MeantimeFiles meantime_{files_};
+  UserDefaults meantimeDefaults_{meantime_, home_ / "Defaults"};
+};
+
+TEST_F(MeantimeTest, AFileRunsOnceHoweverOftenTheForegroundComes) {
+  std::atomic<bool> isOver = false;
+  std::thread foreground([&] {
+    while (!isOver) engine_->checkAndResumePendingProcessing();
+  });
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "clip" + std::to_string(i) + ".mp4";
+    save(name);
+    finish(name);
+    transfers_.complete(url(name));
+    clock_.advance(std::chrono::seconds(1));
+  }
+  isOver = true;
+  foreground.join();
+  settle();
+  EXPECT_EQ(contents_.size(), 40U);
+  EXPECT_EQ(storedStates(), "[]");
+}
+
+TEST_F(MeantimeTest, BackgroundTimeIsHeldForNoRunThatHasEnded) {
+  for (const bool isAtTheEnd : {true, false}) {
+    startOver({.last = &last_});
+    application_.enterForeground();
+    save("clip.mp4");
+    const auto background = [&] {
+      application_.enterBackground();
+      engine_->handleAppDidEnterBackground();
+    };
+    if (isAtTheEnd) meantime_.beforeChangeOf("clip.mp4", background);  // it is deleted once it was saved
+    finish("clip.mp4");
+    if (!isAtTheEnd) {
+      // The request for background time is still on its way when the run is over.
+      application_.enterBackground();
+      dispatch_.hold(dispatch_.mainQueue());
+      save("clip.mp4");
+      finish("clip.mp4");
+      dispatch_.release(dispatch_.mainQueue());
+      settle();
+    }
+    EXPECT_EQ(countLines("Started background task"), countLines("Ending background task"));
+    EXPECT_FALSE(lines_.contains("Started background task 1 for download 0"));
+  }
+}
+
+TEST_F(MeantimeTest, TheSweepLeavesAFileThatIsBeingHandedOver) {
+  startOver({.last = &last_});
+  save("clip.mp4");
+  // The file has just come to its place, and no record names it yet.
+  meantime_.beforeChangeOf("Documents", [&] { cleanUp(); });
+  finish("clip.mp4");
+  EXPECT_EQ(contents(), "content of clip.mp4");
+}
+
+TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
+  enum class How { cancel, cancelAll, clearAll };
+  enum class Where { running, waiting, aboutToRun };
+  for (const How how : {How::cancel, How::cancelAll, How::clearAll}) {
+    for (const Where where : {Where::running, Where::waiting, Where::aboutToRun}) {
+      SCOPED_TRACE(testing::Message() << static_cast<int>(how) << static_cast<int>(where));
+      int64_t id = 0;
+      const auto takeAway = [&] {
+        if (how == How::cancel) engine_->cancelDownloadFileBy(id);
+        if (how == How::cancelAll) engine_->cancelAll();
+        if (how == How::clearAll) engine_->clearAllStates();
+      };
+      ScriptedStep last({ProcessingStage::savingToPhotos}, notes_, [&](ProcessingRun& run, auto) {
+        run.state.addTempFile(put("stripped.m4a", "x"));
+        run.saveState();
+        if (where == Where::running) {
+          takeAway();
+          EXPECT_THROW(readFile(run.files, run.fileURL), CancellationError) << "reading and copying look out for it";
+        }
+        contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
+        run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
+      });
+      startOver({.last = &last});
+      dispatch_.hold(worker());
+      if (where == Where::waiting) save("first.MP4"), finish("first.MP4");
+      contents_.clear();
+      id = save("clip.MP4")->id;
+      finish("clip.MP4");
+      if (where != Where::running) takeAway();
+      dispatch_.release(worker());
+      settle();
+      EXPECT_EQ(contents_.empty(), where != Where::waiting || how != How::cancel) << contents();
+      EXPECT_TRUE(documents().empty()) << joinedWords(documents());
+      EXPECT_EQ(storedStates(), "[]");
+      engine_->clearAllStates();
+      settle();
+      transfers_.deliverCancellations();
+    }
+  }
+}
+
+TEST_F(MeantimeTest, ARunThatWasTakenAwayLeavesTheNextOnesFileAlone) {
+  startOver({.last = &last_});
+  dispatch_.hold(worker());
+  const auto first = save("clip.mp4");
+  finish("clip.mp4");
+  engine_->cancelDownloadFileBy(first->id);
+  settle();
+  transfers_.deliverCancellations();
+  save("clip.mp4");
+  finish("clip.mp4");
+  dispatch_.release(worker());
+  settle();
+  EXPECT_EQ(contents(), "content of clip.mp4");
+}
+
+}  // namespace
+}  // namespace tarn::test
