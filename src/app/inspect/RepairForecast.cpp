@@ -93,7 +93,6 @@ class TrialRun {
     tellWhatWasDone(forecast);
     if (plan) forecast.reason = plan->reason;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
-    if (plan && plan->isOfTheStream) inspection_.problems.push_back(plan->reason);
     if (!forecast.changesFile && !inspection_.warnings.empty()) leaveBroken(forecast);
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
