@@ -35,7 +35,7 @@ class Drawing {
     const Bytes truth = laidOut();
     damageParameterSets();
     if (damaged) setList(*damaged, damagedList());
-    return {(isHealthy_ ? "healthy" : "damaged") + story_, laidOut(), truth, isHealthy_};
+    return {(isHealthy_ ? "healthy" : "damaged") + story_, laidOut(), truth, isHealthy_, lacksSets_};
   }
 
  private:
@@ -57,11 +57,11 @@ class Drawing {
 
   Path pictures() {
     isHEVC_ = oneIn(2);
-    const bool repeatsSets = isHealthy_ ? isHEVC_ || oneIn(2) : !oneIn(8);
+    repeatsSets_ = isHealthy_ ? isHEVC_ || oneIn(2) : !oneIn(8);
     const int bFrames = pick({0, 2});
-    const auto change = isHealthy_ || !repeatsSets ? std::string() : pick<std::string>({"", "", "", "size", "sets"});
+    const auto change = isHealthy_ || !repeatsSets_ ? std::string() : pick<std::string>({"", "", "", "size", "sets"});
     VideoRecipe recipe{.codec = isHEVC_ ? "libx265" : "libx264",
-                       .parameters = fmt::format("keyint=20:bframes={}:repeat-headers={:d}", bFrames, repeatsSets),
+                       .parameters = fmt::format("keyint=20:bframes={}:repeat-headers={:d}", bFrames, repeatsSets_),
                        .more = {"-r", pick<std::string>({"25", "30000/1001"})}};
     tell("{} {} at {}", recipe.codec, recipe.parameters, recipe.more[1]);
     if (change.empty()) return encodedVideo(recipe);
@@ -118,9 +118,11 @@ class Drawing {
       tell("an empty hvcC");
       box->fields.resize(23);
       box->fields[22] = 0;
+      lacksSets_ = !repeatsSets_;
     } else if (!isHEVC_ && way > 0) {
       if (way > 1) entry.type = "avc3";
       if (way < 3) entry.children.erase(box);
+      lacksSets_ = way < 3 && !repeatsSets_;
       tell("{} {} avcC", entry.type, way < 3 ? "without" : "with");
     }
   }
@@ -254,6 +256,8 @@ class Drawing {
   const bool isHealthy_;
   std::string story_;
   bool isHEVC_ = false;
+  bool repeatsSets_ = true;
+  bool lacksSets_ = false;
   int seconds_ = 2;
   int channels_ = 0;
   uint32_t rate_ = 48000;

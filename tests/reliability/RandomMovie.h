@@ -15,6 +15,8 @@ struct RandomMovie {
   /// It needs nothing but a tag or a rebuilt `hvcC`: whole parameter sets, AAC-LC in stereo at 44.1 or 48 kHz without
   /// holes or drift (or no sound), edit lists that say the truth.
   bool isHealthy;
+  /// Its parameter sets are nowhere: a repair leaves the pictures as they are.
+  bool lacksSets;
 };
 
 /// The same for the same seed. Its sound, at any rate, is a beep of 40 ms at each half second.
