@@ -45,9 +45,9 @@ AudioEdits audioEdits(const std::optional<OriginalSyncInfo>& info) {
 
 /// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing where the video
 /// itself serves. The copy is in the run's record.
-std::optional<Path> stripEditList(ProcessingRun& run) {
+std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   constexpr std::string_view none = "Audio transcoding: No audio edit list found - using original file";
-  if (run.originalSyncInfo && run.originalSyncInfo->audioEditList.empty()) {
+  if (!swap.mayHaveEditList()) {
     logLine(none);
     return std::nullopt;
   }
@@ -123,7 +123,7 @@ void replaceAudio(ProcessingRun& run) {
   log("  Video first PTS: {:.6f}s", videoFirstPTS.seconds());
   timings.pass1GapDetection = timer.stop();
   run.token->throwIfCancelled();
-  const std::optional<Path> stripped = stripEditList(run);
+  const std::optional<Path> stripped = stripEditList(run, swap);
 
   timer.start();
   run.updateProcessingStage(ProcessingStage::transcodingPass2);

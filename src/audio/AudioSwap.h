@@ -18,6 +18,9 @@ class AudioSwap {
   /// Where the part of the old media ends that the file shows, in seconds of the media; infinite where it is not known.
   double shownMediaEnd() const;
 
+  /// False where the old audio has no edit list, damaged or not.
+  bool mayHaveEditList() const { return !before_ || (audio() && audio()->hasEditList); }
+
   /// Writes `fixed`, with the audio of `newAudio`, an M4A whose media time 0 is that of the old audio, and moves it
   /// over run.fileURL in one step. The edits of the old audio stay, unless they are damaged. Where the packets of
   /// `newAudio` are the source's, `packetLength` says how far one may lie off its place. Throws RefusedResult where the

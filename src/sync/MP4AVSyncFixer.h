@@ -23,7 +23,7 @@ namespace tarn {
 /// those of the file layer unchanged; whatever fails, the file is as it was.
 class MP4AVSyncFixer {
  public:
-  /// How the tracks of a file stand to each other by its edit lists. A file without audio has no audio rows, 48000 and
+  /// How the tracks of a file stand to each other by its edit lists; a damaged list counts as none. A file without audio has no audio rows, 48000 and
   /// 2112.
   static OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& fileURL);
 

@@ -5,6 +5,7 @@
 #include "mp4/DataExtensions.h"
 #include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
+#include "presentation/Presentation.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
 #include "sync/MP4AVSyncFixer.h"
@@ -89,6 +90,28 @@ EditListStart startOf(const std::vector<EditListEntry>& rows) {
     start.emptyDuration = addTimes(start.emptyDuration, row.duration);
   }
   return start;
+}
+
+/// Of the first tracks, what of their edit lists counts: a damaged one counts as none.
+struct DamagedLists {
+  bool video = false;
+  bool audio = false;
+};
+
+DamagedLists findDamagedLists(FileManager& files, const Path& fileURL) {
+  try {
+    const auto presentation = Presentation::read(files, fileURL);
+    const auto isDamaged = [&](MP4TrackType type) {
+      const TrackPresentation* track = presentation.first(handlerTypeText(type));
+      return track && track->damage != EditListDamage::none;
+    };
+    return {isDamaged(MP4TrackType::video), isDamaged(MP4TrackType::audio)};
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& failure) {
+    log("MP4AVSyncFixer: The edit lists are taken as they are: {}", failure.description());
+    return {};
+  }
 }
 
 }  // namespace
@@ -196,14 +219,15 @@ OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const 
   auto video = parseVideoTrackInfo(*file, moov);
   info.videoFirstCts = video.firstCts;
   info.videoTrackTimescale = video.timescale;
-  info.videoEditList = parseVideoEditList(*file, moov, MP4TrackType::video);
+  const DamagedLists damaged = findDamagedLists(files, fileURL);
+  if (!damaged.video) info.videoEditList = parseVideoEditList(*file, moov, MP4TrackType::video);
   auto videoEdits = startOf(info.videoEditList);
   info.videoMediaStartMovieTime = videoEdits.emptyDuration;
 
   auto audio = parseAudioTrackInfo(*file, moov, true);
   info.audioTrackTimescale = audio ? audio->trackTimescale : defaultAudioTimescale;
   info.audioEncoderDelay = audio ? audio->encoderDelay : defaultAudioDelay;
-  info.audioEditList = parseVideoEditList(*file, moov, MP4TrackType::audio);
+  if (!damaged.audio) info.audioEditList = parseVideoEditList(*file, moov, MP4TrackType::audio);
   auto audioEdits = startOf(info.audioEditList);
   info.audioMediaStartMovieTime = audioEdits.emptyDuration;
   info.audioMediaTime = audioEdits.mediaTime;

@@ -176,7 +176,8 @@ class Drawing {
       const bool hasOffsets = offsets != stbl.children.end();
       const auto first = static_cast<int32_t>(readUInt32((hasOffsets ? *offsets : stbl.at("stts")).fields, 12).value());
       // The second group of pictures begins at picture 20; packets may begin anywhere.
-      const uint32_t delta = readUInt32(stbl.at("stts").fields, 12).value();
+      const Bytes& deltas = stbl.at("stts").fields;
+      const uint32_t delta = readUInt32(deltas, deltas.size() - 4).value();
       const uint32_t begin = static_cast<uint32_t>(std::max(hasOffsets ? first : 0, 0)), later = begin + 20 * delta;
       const uint32_t empty = second * pick({20u, 40u, 80u, 500u}) / 1000;
       const uint32_t whole = second * static_cast<uint32_t>(seconds_), part = second * 6 / 10;

@@ -9,6 +9,7 @@
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/RunRecorder.h"
+#include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncStep.h"
 
 namespace tarn::test {
@@ -175,7 +176,9 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
       if (list == nothing || list == below || list == behind) list = none;
     }
     ProbedMovie expected = probed("truth.mp4", withLists(row.clip, truth, row.isMoovAhead));
+    const auto captured = MP4AVSyncFixer::readOriginalSyncInfo(files_, expected.file);
     const Bytes source = withLists(row.clip, row.lists, row.isMoovAhead);
+    EXPECT_EQ(MP4AVSyncFixer::readOriginalSyncInfo(files_, write(source)).text(), captured.text());
     ProbedMovie result = probed("result.mp4", fixed(source));
     EXPECT_TRUE(log_.contains("A/V sync fix applied successfully"));
     EXPECT_TRUE(recorder_.warnings.empty());
