@@ -175,7 +175,7 @@ TEST_F(SampleEntry, IsRefusedWhereItCannotBeEdited) {
       {inject(movieWith(visualSampleEntry("avc1"))), unsupported + "Video track has codec 'avc1" + notHEVC},
       {inject(movieWith(box("hev1", {Bytes(77)}), Bytes(99))), corrupted + "Sample entry too small"},
       {inject(movieWith(endless)),
-       corrupted + "Sample entry at 246 of the moov extends beyond stsd: its 4294967295 bytes end behind 332"},
+       corrupted + "Sample entry at 220 of the moov extends beyond stsd: its 4294967295 bytes end behind 306"},
       {inject(Bytes(7)), ByteArrayError::invalidOffset().description()},
       {[&] { return MP4Remuxer::injectAvcCBoxIntoMoov(movieWith(encrypted), avcC); },
        unsupported + "Video track has codec 'encv', not 'avc1' or 'avc3'. Cannot inject avcC."},
