@@ -60,7 +60,6 @@ TEST_F(SoundRepair, KeepsTimeFromTheFirstSecondToTheLast) {
       {"a hole in ten minutes", 600, 2, dropping(14063, 14086), 0, priming, 0, 300, "a hole of 512.0 ms at"},
       {"a hole behind a late start", 30, 2, dropping(470, 493), 0.3, 0.3, 0, 10, "a hole of 512.0 ms at"},
       {"drift", 120, 2, {"-bsf:a", "setts=ts='TS*1.001'"}, 0, priming, 0.001, -1, "differ in length by"},
-      {"one channel", 20, 1, {}, 0, priming, 0, -1, "Channel count 1 != target 2"},
       // Its first picture comes 80 ms after its first sound. Sound that is early is not kept so.
       {"no edit list", 30, 2, dropping(470, 493, {"-use_editlist", "0"}), 0, 0.08, 0, 10, "a hole of 512.0 ms"},
   };
@@ -101,19 +100,16 @@ TEST_F(SoundRepair, FillsAHoleWithSilenceAndWithoutAClick) {
   EXPECT_LT(largestStep, 1.1 * stepOfTheTone);
 }
 
-TEST_F(SoundRepair, TakesTheFastPathForLightDamage) {
-  // Three packets are 64 ms: four are a hole, and in ten minutes a light one.
-  const Path clip = damagedFlashBeepClip(600, 2, dropping(14020, 14023));
+TEST_F(SoundRepair, TheFastPathKeepsEachBeepWithinAPacketOfItsTime) {
+  // 80 ms are a gap, and in ten minutes a light one; four silent packets come nearest.
+  const Path clip = damagedFlashBeepClip(600, 2, {"-bsf:a", "setts=ts='if(gt(N,14020),TS+3840,TS)'"});
   const std::string inspection = inspect(clip);
   EXPECT_NE(inspection.find("(decision fastPath)"), std::string::npos) << inspection;
-  EXPECT_NE(inspection.find("the sound moves forward by 85.3 ms"), std::string::npos) << inspection;
   EXPECT_NE(repair(clip).find("FastPath: Audio repair completed successfully"), std::string::npos);
-  const auto found = beats(out_);
-  const auto shiftAt = [&](double time) {
-    return std::ranges::find_if(found, [&](const Beat& beat) { return std::abs(beat.flash - time) < 0.1; })->beepAfter;
-  };
-  // Holes close up: what is behind one is heard earlier by its length.
-  EXPECT_NEAR(shiftAt(590) - shiftAt(10), -4 * 1024 / 48000.0, 0.002);
+  for (const Beat& beat : beats(out_)) {
+    if (beat.flash < 1) continue;
+    EXPECT_NEAR(beat.beepAfter, beat.flash < 299 ? 0 : 4 * 1024 / 48000.0, 0.002) << beat.flash;
+  }
 }
 
 }  // namespace
