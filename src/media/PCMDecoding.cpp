@@ -209,14 +209,15 @@ int64_t PCMSource::keepInTime(int64_t start, int64_t tick) {
     if (std::abs(difference) > tolerance()) output_.continueAt(output_.end() + difference);
     return 0;
   }
+  const int64_t smallestBreak = std::max(tolerance(), 2 * tick);
   int64_t difference = start - position();
-  if (difference > tolerance() || (lost_ > 0 && difference > 0)) {
+  if (difference > smallestBreak || (lost_ > 0 && difference > 0)) {
     resampler_.flush();
     fill(start - output_.end());
     return 0;
   }
   lost_ = 0;
-  if (difference < -tolerance() && !isCutting_) {
+  if (difference < -smallestBreak && !isCutting_) {
     cutBackTo(start);
     difference = start - position();
   }

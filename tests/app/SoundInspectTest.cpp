@@ -65,17 +65,16 @@ TEST_F(SoundInspect, TellsWhatIsWrongAndWhatIsDone) {
   const std::string decoded = "\ndecodes and encodes the sound (decision fullNormalize)";
   const std::pair<SyntheticTrack, std::string> rows[] = {
       {sound(tenSeconds), usable + "it is whole" + left},
-      {sound(tenSeconds, {65}),
-       usable + "a hole of 65.0 ms at 2.133 s" + decoded + "\nthe sound has a hole, 65.0 ms in all"},
+      {sound(tenSeconds, {65}), usable + "a hole of 65.0 ms at 2.133 s" + decoded + "\n65 ms of sound missing at 0:02"},
       {sound(200'000, {100, 40, 250}), usable + R"(a hole of 100.0 ms at 2.133 s
 a hole of 250.0 ms at 6.540 s
 fills the gaps with silent packets without decoding (decision fastPath)
 each packet stays within its own length of where it was
-the sound has 2 holes, 350.0 ms in all)"},
+350 ms of sound missing in 2 places, first at 0:02)"},
       {overlapping,
-       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\nthe sound has an overlap, 100.0 ms in all"},
+       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\n100 ms of sound laid over other sound at 0:04"},
       {drifting, usable + "its track and its packets differ in length by 107.3 ms" + decoded +
-                     "\nthe sound's track and its packets differ in length by 107.3 ms"},
+                     "\nthe sound drifts: its track and its packets differ in length by 107 ms"},
       {late, usable + "it starts 101.0 ms after the picture" + list},
       {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000),
        "AAC-LC, 48000 Hz, 1 channel: Channel count 1 != target 2\nit is whole" + left},
@@ -83,7 +82,7 @@ the sound has 2 holes, 350.0 ms in all)"},
        "AAC-LC, 24000 Hz, 2 channels: its packets can be used as they are\nit is whole" + left},
       {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
        "MPEG audio, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" +
-           left},
+           left + "\nThe sound stays as it is: its packets cannot be decoded"},
   };
   for (const auto& [audio, expected] : rows) EXPECT_EQ(told(audio), expected);
 }
