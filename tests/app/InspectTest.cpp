@@ -53,7 +53,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       {"avc3 without avcC", {"Repairable: the sample entry has no SPS", Remux::rebuilds}},
       {"hev1 with late sound", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1"}},
       {"avc1 with late sound", {nothing}},
-      {"HEVC of two sizes", {"Repairable: the picture size changes in mid-stream", Remux::splits, "hvc1"}},
+      {"HEVC of two sizes", {"Repairable: the picture size changes in mid-stream", Remux::splits, "hvc1", 1}},
       {"AVC of two sizes", {"Repairable: the picture size changes in mid-stream", Remux::splits}},
       {"avc3 with avcC", {"Repairable: the sample entry holds all parameter sets, so avc3", Remux::changesTag}},
       {"avc1", {nothing}},
@@ -67,7 +67,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       {"a gap in the sound", {"Repairable: 427 ms of sound missing at 0:00"}},
       {"a list of -2", {"Repairable: the edit list of track 2 has a media time below -1"}},
       {"a list behind the media", {"Repairable: the edit list of track 2 lies behind its media"}},
-      {"no lists", {"Repairable: the video has no edit list, and its first picture is not at 0"}},
+      {"no lists", {"Repairable: track 1 needs an edit list: it has none, and its first picture is not at 0"}},
       {"fragments", {"Left alone: it is fragmented", Remux::skipped, ""}},
       {"cut off", {"Broken: ", Remux::leavesAlone, ""}},
   };

@@ -15,15 +15,15 @@ namespace {
 constexpr uint32_t packet = 1024;
 constexpr uint32_t tenSeconds = 470;  // packets
 
-/// Sound at 48 kHz with holes of so many milliseconds, each behind another hundred packets.
-SyntheticTrack sound(uint32_t packets, const std::vector<uint32_t>& holes = {}) {
+/// Sound at 48 kHz with gaps of so many milliseconds, each behind another hundred packets.
+SyntheticTrack sound(uint32_t packets, const std::vector<uint32_t>& gaps = {}) {
   SyntheticTrack track{.samples = packets, .mediaDuration = uint64_t{packets} * packet};
   track.sample = SilentAACSampleCache::shared().getSilentFrame(48000);
-  for (uint32_t milliseconds : holes) {
+  for (uint32_t milliseconds : gaps) {
     track.stts.insert(track.stts.end(), {{99, packet}, {1, packet + milliseconds * 48}});
     track.mediaDuration += uint64_t{milliseconds} * 48;
   }
-  track.stts.emplace_back(packets - 100 * static_cast<uint32_t>(holes.size()), packet);
+  track.stts.emplace_back(packets - 100 * static_cast<uint32_t>(gaps.size()), packet);
   return track;
 }
 
@@ -36,14 +36,16 @@ SyntheticTrack coded(Bytes entry, uint32_t rate) {
 
 class SoundInspect : public FileTest {
  protected:
-  /// How the sound is, what is done about it and what that does, and what counts as a problem of the file.
+  /// How the sound is, what is done about it and what that does, what counts as a problem, and what the step warns of.
   std::string told() {
     std::vector<std::string> problems;
     const AudioForecast audio = forecastAudioStep(files_, file_, true, problems);
     if (!audio.findings) return audioStepText(audio);
     auto lines = soundLines(audio);
     lines.push_back(audioStepText(audio));
-    for (const auto& more : {audioConsequences(audio), problems}) lines.insert(lines.end(), more.begin(), more.end());
+    for (const auto& more : {audioConsequences(audio), problems, soundWarnings(audio)}) {
+      lines.insert(lines.end(), more.begin(), more.end());
+    }
     return fmt::format("{}", fmt::join(lines, "\n"));
   }
   std::string told(const SyntheticTrack& audio) {
@@ -65,17 +67,16 @@ TEST_F(SoundInspect, TellsWhatIsWrongAndWhatIsDone) {
   const std::string decoded = "\ndecodes and encodes the sound (decision fullNormalize)";
   const std::pair<SyntheticTrack, std::string> rows[] = {
       {sound(tenSeconds), usable + "it is whole" + left},
-      {sound(tenSeconds, {65}),
-       usable + "a hole of 65.0 ms at 2.133 s" + decoded + "\nthe sound has a hole, 65.0 ms in all"},
-      {sound(200'000, {100, 40, 250}), usable + R"(a hole of 100.0 ms at 2.133 s
-a hole of 250.0 ms at 6.540 s
+      {sound(tenSeconds, {65}), usable + "a gap of 65.0 ms at 2.133 s" + decoded + "\n65 ms of sound missing at 0:02"},
+      {sound(200'000, {100, 40, 250}), usable + R"(a gap of 100.0 ms at 2.133 s
+a gap of 250.0 ms at 6.540 s
 fills the gaps with silent packets without decoding (decision fastPath)
 each packet stays within its own length of where it was
-the sound has 2 holes, 350.0 ms in all)"},
+350 ms of sound missing in 2 places, first at 0:02)"},
       {overlapping,
-       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\nthe sound has an overlap, 100.0 ms in all"},
+       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\n100 ms of sound laid over other sound at 0:04"},
       {drifting, usable + "its track and its packets differ in length by 107.3 ms" + decoded +
-                     "\nthe sound's track and its packets differ in length by 107.3 ms"},
+                     "\nthe sound drifts: its track and its packets differ in length by 107 ms"},
       {late, usable + "it starts 101.0 ms after the picture" + list},
       {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000),
        "AAC-LC, 48000 Hz, 1 channel: Channel count 1 != target 2\nit is whole" + left},

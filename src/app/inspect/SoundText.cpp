@@ -51,8 +51,8 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
     lines.push_back(fmt::format("it starts {:.1f} ms {} the picture", std::abs(analysis.initialOffsetMs),
                                 analysis.initialOffsetMs < 0 ? "ahead of" : "after"));
   }
-  listPlaces(lines, forecast.holes, analysis.internalGapCount, "hole", [](const HoleFacts& hole) {
-    return fmt::format("a hole of {:.1f} ms at {:.3f} s", hole.milliseconds, hole.atSeconds);
+  listPlaces(lines, forecast.gaps, analysis.internalGapCount, "gap", [](const GapFacts& gap) {
+    return fmt::format("a gap of {:.1f} ms at {:.3f} s", gap.milliseconds, gap.atSeconds);
   });
   listPlaces(lines, forecast.overlaps, analysis.overlapCount, "overlap", [](const OverlapFacts& overlap) {
     return fmt::format("an overlap of {:.1f} ms at {:.3f} s", overlap.milliseconds, overlap.atSeconds);
