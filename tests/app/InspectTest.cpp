@@ -63,7 +63,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       {"encv", {nothing, Remux::skipped, ""}},
       {"no moov", {"Broken: no moov; download it again", Remux::skipped, ""}},
       {"B-frames and sound", {nothing}},
-      {"AC-3 sound", {"Repairable: the sound is \"ac-3\", not AAC, and is converted"}},
+      {"AC-3 sound", {"Repairable: the sound is AC-3, which many players do not take, and is encoded anew as AAC"}},
       {"a gap in the sound", {"Repairable: 427 ms of sound missing at 0:00"}},
       {"a list of -2", {"Repairable: the edit list of track 2 has a media time below -1"}},
       {"a list behind the media", {"Repairable: the edit list of track 2 lies behind its media"}},

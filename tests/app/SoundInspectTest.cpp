@@ -43,9 +43,8 @@ class SoundInspect : public FileTest {
     if (!audio.findings) return audioStepText(audio);
     auto lines = soundLines(audio);
     lines.push_back(audioStepText(audio));
-    for (const auto& more : {audioConsequences(audio), problems, soundWarnings(audio)}) {
-      lines.insert(lines.end(), more.begin(), more.end());
-    }
+    for (const auto& more : {audioConsequences(audio), problems}) lines.insert(lines.end(), more.begin(), more.end());
+    for (const std::string& warning : soundWarnings(audio)) lines.push_back("warning: " + warning);
     return fmt::format("{}", fmt::join(lines, "\n"));
   }
   std::string told(const SyntheticTrack& audio) {
@@ -64,6 +63,7 @@ TEST_F(SoundInspect, TellsWhatIsWrongAndWhatIsDone) {
   const std::string usable = "AAC-LC, 48000 Hz, 2 channels: its packets can be used as they are\n";
   const std::string left = "\nleaves the sound alone",
                     list = "\nleaves the sound to the edit list (decision editListOnly)";
+  const std::string undecodable = "The sound stays as it is: its packets cannot be decoded";
   const std::string decoded = "\ndecodes and encodes the sound (decision fullNormalize)";
   const std::pair<SyntheticTrack, std::string> rows[] = {
       {sound(tenSeconds), usable + "it is whole" + left},
@@ -83,8 +83,8 @@ each packet stays within its own length of where it was
       {coded(aacSampleEntry(24000, 2, {0x13, 0x10}), 24000),
        "AAC-LC, 24000 Hz, 2 channels: its packets can be used as they are\nit is whole" + left},
       {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
-       "MPEG audio, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" +
-           left},
+       "MP3, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" + left +
+           "\n" + undecodable + "\nwarning: " + undecodable},
   };
   for (const auto& [audio, expected] : rows) EXPECT_EQ(told(audio), expected);
 }
@@ -98,8 +98,9 @@ TEST_F(SoundInspect, SeesTracksThatAreMissingForeignOrWide) {
   EXPECT_TRUE(told().ends_with("it is whole\nleaves the sound alone")) << told();
   make("-c:a ac3 -ac 6");
   EXPECT_TRUE(told().ends_with(R"(decodes and encodes the sound (decision fullNormalize)
-the sound is "ac-3", not AAC, and is converted
-of the sound's 6 channels two remain)"))
+the sound is AC-3, which many players do not take, and is encoded anew as AAC
+of the sound's 6 channels two remain
+warning: of the sound's 6 channels two remain)"))
       << told();
   SyntheticTrack wide = coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100);
   wide.longTimes = true;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "app/inspect/MovieFacts.h"
+#include "app/inspect/SoundText.h"
 #include "audio/AudioTranscoder.h"
 
 namespace tarn {
@@ -53,7 +54,11 @@ void listProblems(const AudioForecast& forecast, std::vector<std::string>& probl
     problems.push_back(fmt::format("the sound drifts: its track and its packets differ in length by {}",
                                    lengthText(analysis.timelineDriftMs)));
   }
-  if (findings.conversion) problems.push_back(*findings.conversion);
+  if (findings.conversion && findings.config.isAAC) problems.push_back(*findings.conversion);
+  if (findings.conversion && !findings.config.isAAC) {
+    problems.push_back(fmt::format("the sound is {}, which many players do not take, and is encoded anew as AAC",
+                                   codecName(forecast)));
+  }
   if (findings.lostChannels) problems.push_back(*findings.lostChannels);
   if (findings.obstacle && problems.empty()) problems.push_back(*findings.obstacle);
 }
