@@ -57,12 +57,12 @@ TEST_F(SoundRepair, KeepsTimeFromTheFirstSecondToTheLast) {
     const char* words;  // of inspect
   };
   const Row rows[] = {
-      {"a hole in ten minutes", 600, 2, dropping(14063, 14086), 0, priming, 0, 300, "a hole of 512.0 ms at"},
-      {"a hole behind a late start", 30, 2, dropping(470, 493), 0.3, 0.3, 0, 10, "a hole of 512.0 ms at"},
+      {"a hole in ten minutes", 600, 2, dropping(14063, 14086), 0, priming, 0, 300, "a gap of 512.0 ms at"},
+      {"a hole behind a late start", 30, 2, dropping(470, 493), 0.3, 0.3, 0, 10, "a gap of 512.0 ms at"},
       {"drift", 120, 2, {"-bsf:a", "setts=ts='TS*1.001'"}, 0, priming, 0.001, -1, "differ in length by"},
       {"one channel", 20, 1, {}, 0, priming, 0, -1, "Channel count 1 != target 2"},
       // Its first picture comes 80 ms after its first sound. Sound that is early is not kept so.
-      {"no edit list", 30, 2, dropping(470, 493, {"-use_editlist", "0"}), 0, 0.08, 0, 10, "a hole of 512.0 ms"},
+      {"no edit list", 30, 2, dropping(470, 493, {"-use_editlist", "0"}), 0, 0.08, 0, 10, "a gap of 512.0 ms"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
