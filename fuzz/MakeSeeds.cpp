@@ -47,7 +47,9 @@ void movies() {
     if (&file - files.data() >= 2) {  // those with sound
       add("audio_fuzzer", file);
       const Bytes size = values({static_cast<uint32_t>(file.size())});
-      add("replacer_fuzzer", joined({Bytes(size.begin() + 1, size.end()), file, files[2]}));
+      const Bytes two = joined({Bytes(size.begin() + 1, size.end()), file, files[2]});
+      add("replacer_fuzzer", two);
+      add("presentation_fuzzer", joined({Bytes{2}, two}));
     }
     const BoxEditor boxes(file);
     add("box_fuzzer", joined({Bytes{4}, boxes.get("moov")}));

@@ -15,15 +15,15 @@ namespace {
 constexpr uint32_t packet = 1024;
 constexpr uint32_t tenSeconds = 470;  // packets
 
-/// Sound at 48 kHz with holes of so many milliseconds, each behind another hundred packets.
-SyntheticTrack sound(uint32_t packets, const std::vector<uint32_t>& holes = {}) {
+/// Sound at 48 kHz with gaps of so many milliseconds, each behind another hundred packets.
+SyntheticTrack sound(uint32_t packets, const std::vector<uint32_t>& gaps = {}) {
   SyntheticTrack track{.samples = packets, .mediaDuration = uint64_t{packets} * packet};
   track.sample = SilentAACSampleCache::shared().getSilentFrame(48000);
-  for (uint32_t milliseconds : holes) {
+  for (uint32_t milliseconds : gaps) {
     track.stts.insert(track.stts.end(), {{99, packet}, {1, packet + milliseconds * 48}});
     track.mediaDuration += uint64_t{milliseconds} * 48;
   }
-  track.stts.emplace_back(packets - 100 * static_cast<uint32_t>(holes.size()), packet);
+  track.stts.emplace_back(packets - 100 * static_cast<uint32_t>(gaps.size()), packet);
   return track;
 }
 
@@ -36,7 +36,7 @@ SyntheticTrack coded(Bytes entry, uint32_t rate) {
 
 class SoundInspect : public FileTest {
  protected:
-  /// How the sound is, what is done about it and what that does, and what counts as a problem of the file.
+  /// How the sound is, what is done about it and what that does, what counts as a problem, and what the step warns of.
   std::string told() {
     std::vector<std::string> problems;
     const AudioForecast audio = forecastAudioStep(files_, file_, true, problems);
@@ -44,6 +44,7 @@ class SoundInspect : public FileTest {
     auto lines = soundLines(audio);
     lines.push_back(audioStepText(audio));
     for (const auto& more : {audioConsequences(audio), problems}) lines.insert(lines.end(), more.begin(), more.end());
+    for (const std::string& warning : soundWarnings(audio)) lines.push_back("warning: " + warning);
     return fmt::format("{}", fmt::join(lines, "\n"));
   }
   std::string told(const SyntheticTrack& audio) {
@@ -62,12 +63,13 @@ TEST_F(SoundInspect, TellsWhatIsWrongAndWhatIsDone) {
   const std::string usable = "AAC-LC, 48000 Hz, 2 channels: its packets can be used as they are\n";
   const std::string left = "\nleaves the sound alone",
                     list = "\nleaves the sound to the edit list (decision editListOnly)";
+  const std::string undecodable = "The sound stays as it is: its packets cannot be decoded";
   const std::string decoded = "\ndecodes and encodes the sound (decision fullNormalize)";
   const std::pair<SyntheticTrack, std::string> rows[] = {
       {sound(tenSeconds), usable + "it is whole" + left},
-      {sound(tenSeconds, {65}), usable + "a hole of 65.0 ms at 2.133 s" + decoded + "\n65 ms of sound missing at 0:02"},
-      {sound(200'000, {100, 40, 250}), usable + R"(a hole of 100.0 ms at 2.133 s
-a hole of 250.0 ms at 6.540 s
+      {sound(tenSeconds, {65}), usable + "a gap of 65.0 ms at 2.133 s" + decoded + "\n65 ms of sound missing at 0:02"},
+      {sound(200'000, {100, 40, 250}), usable + R"(a gap of 100.0 ms at 2.133 s
+a gap of 250.0 ms at 6.540 s
 fills the gaps with silent packets without decoding (decision fastPath)
 each packet stays within its own length of where it was
 350 ms of sound missing in 2 places, first at 0:02)"},
@@ -81,8 +83,8 @@ each packet stays within its own length of where it was
       {coded(aacSampleEntry(24000, 2, {0x13, 0x10}), 24000),
        "AAC-LC, 24000 Hz, 2 channels: its packets can be used as they are\nit is whole" + left},
       {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
-       "MPEG audio, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" +
-           left + "\nThe sound stays as it is: its packets cannot be decoded"},
+       "MP3, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" + left +
+           "\n" + undecodable + "\nwarning: " + undecodable},
   };
   for (const auto& [audio, expected] : rows) EXPECT_EQ(told(audio), expected);
 }
@@ -96,8 +98,9 @@ TEST_F(SoundInspect, SeesTracksThatAreMissingForeignOrWide) {
   EXPECT_TRUE(told().ends_with("it is whole\nleaves the sound alone")) << told();
   make("-c:a ac3 -ac 6");
   EXPECT_TRUE(told().ends_with(R"(decodes and encodes the sound (decision fullNormalize)
-the sound is "ac-3", not AAC, and is converted
-of the sound's 6 channels two remain)"))
+the sound is AC-3, which many players do not take, and is encoded anew as AAC
+of the sound's 6 channels two remain
+warning: of the sound's 6 channels two remain)"))
       << told();
   SyntheticTrack wide = coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100);
   wide.longTimes = true;

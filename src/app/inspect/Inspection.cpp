@@ -47,12 +47,15 @@ std::string damageText(EditListDamage damage) {
   return "";
 }
 
+std::string damagedListOf(uint32_t trackID) {
+  return fmt::format("the edit list of track {} ", trackID);
+}
+
 /// What the tables and edit lists tell of damage.
 void listPresentationProblems(const Presentation& presentation, Inspection& inspection) {
   for (const TrackPresentation& track : presentation.tracks()) {
     if (track.damage == EditListDamage::none) continue;
-    inspection.problems.push_back(
-        {Problem::Of::editLists, fmt::format("the edit list of track {} {}", track.trackID, damageText(track.damage))});
+    inspection.problems.push_back({Problem::Of::editLists, damagedListOf(track.trackID) + damageText(track.damage)});
   }
   const TrackPresentation* sound = presentation.first("soun");
   if (!sound) return;
@@ -86,8 +89,16 @@ void nameWhatIsMended(Inspection& inspection) {
   };
   name(inspection.remux.changesFile, Problem::Of::video, inspection.remux.reason);
   name(inspection.audio.replacesSound(), Problem::Of::sound, inspection.audio.reason);
-  name(inspection.syncFix.kind == SyncForecast::Kind::writes, Problem::Of::editLists,
-       "the video has no edit list, and its first picture is not at 0");
+  if (inspection.syncFix.kind != SyncForecast::Kind::writes) return;
+  for (const auto& [trackID, list] : inspection.syncFix.order.tracks) {
+    const bool isNamed = std::ranges::any_of(
+        inspection.problems,
+        [start = damagedListOf(trackID)](const Problem& problem) { return problem.words.starts_with(start); });
+    if (!isNamed) {
+      inspection.problems.push_back(
+          {Problem::Of::editLists, fmt::format("track {} needs an edit list: {}", trackID, list.reason)});
+    }
+  }
 }
 
 }  // namespace

@@ -93,8 +93,8 @@ struct RemuxForecast {
   std::vector<std::string> losses;
 };
 
-/// A hole in the sound.
-struct HoleFacts {
+/// A gap in the sound.
+struct GapFacts {
   double atSeconds = 0;
   double milliseconds = 0;
 };
@@ -122,10 +122,10 @@ struct AudioForecast {
   std::string reason;
   std::string codec = {};  ///< tag of the first sample entry; empty where it cannot be read
   std::optional<AudioFindings> findings = {};
-  std::vector<HoleFacts> holes = {};  ///< the first ones; the findings tell how many there are
+  std::vector<GapFacts> gaps = {};  ///< the first ones; the findings tell how many there are
   std::vector<OverlapFacts> overlaps = {};
 
-  /// Track and packets differ in length, and no hole explains it.
+  /// Track and packets differ in length, and no gap explains it.
   bool hasDrift() const { return findings && findings->analysis.gapType == GapType::timelineDrift; }
   bool replacesSound() const { return kind == Kind::takesFastPath || kind == Kind::transcodes; }
 };

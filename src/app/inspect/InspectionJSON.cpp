@@ -192,9 +192,9 @@ JSObject audioJSON(const AudioForecast& forecast) {
   object.set("whyNotReusable", orNull(config.reason));
   object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
   object.set("driftMilliseconds", analysis.timelineDriftMs);
-  object.set("holeCount", analysis.internalGapCount);
-  object.set("holes", arrayOf(forecast.holes, [](const HoleFacts& hole) {
-               return JSObject{{"atMilliseconds", hole.atSeconds * 1000}, {"lengthMilliseconds", hole.milliseconds}};
+  object.set("gapCount", analysis.internalGapCount);
+  object.set("gaps", arrayOf(forecast.gaps, [](const GapFacts& gap) {
+               return JSObject{{"atMilliseconds", gap.atSeconds * 1000}, {"lengthMilliseconds", gap.milliseconds}};
              }));
   object.set("overlapCount", analysis.overlapCount);
   object.set(

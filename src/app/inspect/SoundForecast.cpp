@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "app/inspect/MovieFacts.h"
+#include "app/inspect/SoundText.h"
 #include "audio/AudioTranscoder.h"
 
 namespace tarn {
@@ -12,13 +13,13 @@ namespace {
 
 using Kind = AudioForecast::Kind;
 
-void listHoles(AudioForecast& forecast) {
+void listGaps(AudioForecast& forecast) {
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
   const auto coreRate = static_cast<double>(forecast.findings->config.sampleRate);
   const double rate = coreRate * (analysis.aacType == AACType::aacLC ? 1 : 2);
   for (const AudioGap& gap : analysis.internalGaps) {
-    if (forecast.holes.size() == mostListed) break;
-    forecast.holes.push_back({.atSeconds = gap.position.seconds(), .milliseconds = gap.duration.seconds() * 1000});
+    if (forecast.gaps.size() == mostListed) break;
+    forecast.gaps.push_back({.atSeconds = gap.position.seconds(), .milliseconds = gap.duration.seconds() * 1000});
   }
   for (const AudioOverlap& overlap : analysis.internalOverlaps) {
     if (forecast.overlaps.size() == mostListed) break;
@@ -43,7 +44,7 @@ void listProblems(const AudioForecast& forecast, std::vector<std::string>& probl
   const AudioAnalysisResult& analysis = findings.analysis;
   if (analysis.internalGapCount > 0) {
     problems.push_back(fmt::format("{} of sound missing {}", lengthText(analysis.totalInternalGapMs),
-                                   placesText(forecast.holes, analysis.internalGapCount)));
+                                   placesText(forecast.gaps, analysis.internalGapCount)));
   }
   if (analysis.overlapCount > 0) {
     problems.push_back(fmt::format("{} of sound laid over other sound {}", lengthText(analysis.totalOverlapMs),
@@ -53,7 +54,11 @@ void listProblems(const AudioForecast& forecast, std::vector<std::string>& probl
     problems.push_back(fmt::format("the sound drifts: its track and its packets differ in length by {}",
                                    lengthText(analysis.timelineDriftMs)));
   }
-  if (findings.conversion) problems.push_back(*findings.conversion);
+  if (findings.conversion && findings.config.isAAC) problems.push_back(*findings.conversion);
+  if (findings.conversion && !findings.config.isAAC) {
+    problems.push_back(fmt::format("the sound is {}, which many players do not take, and is encoded anew as AAC",
+                                   codecName(forecast)));
+  }
   if (findings.lostChannels) problems.push_back(*findings.lostChannels);
   if (findings.obstacle && problems.empty()) problems.push_back(*findings.obstacle);
 }
@@ -78,7 +83,7 @@ void tellWhatIsDecided(AudioForecast& forecast) {
   switch (findings.decision.kind) {
     case RepairDecision::Kind::skip:
       forecast.kind = Kind::leavesAlone;
-      forecast.reason = findings.obstacle.value_or("no hole, drift or offset of it is long enough to count");
+      forecast.reason = findings.obstacle.value_or("no gap, drift or offset of it is long enough to count");
       return;
     case RepairDecision::Kind::editListOnly:
       forecast.kind = Kind::leavesToEditList;
@@ -106,7 +111,7 @@ AudioForecast forecastAudioStep(FileManager& files, const Path& path, bool needs
   forecast.findings = decideAudioRepair(files, path);
   const auto& descriptions = tracks.front().formatDescriptions;
   if (!descriptions.empty()) forecast.codec = descriptions.front()->codec;
-  listHoles(forecast);
+  listGaps(forecast);
   listProblems(forecast, problems);
   tellWhatIsDecided(forecast);
   return forecast;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 namespace tarn {
 namespace {
@@ -19,8 +20,23 @@ void listPlaces(std::vector<std::string>& lines, const std::vector<Place>& place
   if (more > 0) lines.push_back(fmt::format("and {} more {}{}", more, what, more == 1 ? "" : "s"));
 }
 
+std::string codecLine(const AudioForecast& forecast) {
+  const AudioConfigCheck& config = forecast.findings->config;
+  const std::string line = fmt::format("{}, {} Hz, {} channel{}", codecName(forecast), config.sampleRate,
+                                       config.channelCount, config.channelCount == 1 ? "" : "s");
+  if (config.reason) return line + ": " + *config.reason;
+  return config.isAAC ? line + ": its packets can be used as they are" : line;
+}
+
+}  // namespace
+
 std::string codecName(const AudioForecast& forecast) {
-  if (forecast.codec != "mp4a") return forecast.codec.empty() ? "unknown codec" : forecast.codec;
+  static const std::map<std::string, const char*> names = {
+      {"ac-3", "AC-3"}, {"ec-3", "E-AC-3"}, {".mp3", "MP3"}, {"alac", "ALAC"}, {"fLaC", "FLAC"},
+      {"sowt", "PCM"},  {"twos", "PCM"},    {"lpcm", "PCM"}, {"ipcm", "PCM"},  {"fpcm", "PCM"},
+      {"in24", "PCM"},  {"in32", "PCM"},    {"fl32", "PCM"}, {"raw ", "PCM"}};
+  if (const auto name = names.find(forecast.codec); name != names.end()) return name->second;
+  if (forecast.codec != "mp4a") return forecast.codec.empty() ? "of an unknown codec" : forecast.codec;
   const int64_t objectType = forecast.findings->config.aacObjectType;
   switch (objectType) {
     case 2:
@@ -28,20 +44,11 @@ std::string codecName(const AudioForecast& forecast) {
     case 29:
       return std::string(text(forecast.findings->analysis.aacType));
     case 34:
-      return "MPEG audio";
+      return "MP3";
     default:
       return fmt::format("audio of object type {}", objectType);
   }
 }
-
-std::string codecLine(const AudioForecast& forecast) {
-  const AudioConfigCheck& config = forecast.findings->config;
-  const std::string line = fmt::format("{}, {} Hz, {} channel{}", codecName(forecast), config.sampleRate,
-                                       config.channelCount, config.channelCount == 1 ? "" : "s");
-  return config.reason ? line + ": " + *config.reason : line + ": its packets can be used as they are";
-}
-
-}  // namespace
 
 std::vector<std::string> soundLines(const AudioForecast& forecast) {
   const AudioFindings& findings = *forecast.findings;
@@ -51,8 +58,8 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
     lines.push_back(fmt::format("it starts {:.1f} ms {} the picture", std::abs(analysis.initialOffsetMs),
                                 analysis.initialOffsetMs < 0 ? "ahead of" : "after"));
   }
-  listPlaces(lines, forecast.holes, analysis.internalGapCount, "hole", [](const HoleFacts& hole) {
-    return fmt::format("a hole of {:.1f} ms at {:.3f} s", hole.milliseconds, hole.atSeconds);
+  listPlaces(lines, forecast.gaps, analysis.internalGapCount, "gap", [](const GapFacts& gap) {
+    return fmt::format("a gap of {:.1f} ms at {:.3f} s", gap.milliseconds, gap.atSeconds);
   });
   listPlaces(lines, forecast.overlaps, analysis.overlapCount, "overlap", [](const OverlapFacts& overlap) {
     return fmt::format("an overlap of {:.1f} ms at {:.3f} s", overlap.milliseconds, overlap.atSeconds);

@@ -7,7 +7,10 @@
 
 namespace tarn {
 
-/// What is wrong with the sound, line by line, in plain words. The forecast must have findings.
+/// What people call the codec: "AC-3". The forecast must have findings, as below.
+std::string codecName(const AudioForecast& forecast);
+
+/// What is wrong with the sound, line by line, in plain words.
 std::vector<std::string> soundLines(const AudioForecast& forecast);
 
 /// What the audio step does, as the end of a sentence.

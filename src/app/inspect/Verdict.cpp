@@ -26,7 +26,8 @@ std::optional<std::string> whatIsMissing(const Inspection& inspection) {
   }
   if (inspection.missingPackets > 0) {
     const uint32_t count = inspection.missingPackets;
-    return fmt::format("{} packet{} of the sound not in the file", count, count == 1 ? " is" : "s are");
+    return fmt::format("{} packet{} of the sound {} not in the file", count, count == 1 ? "" : "s",
+                       count == 1 ? "is" : "are");
   }
   return std::nullopt;
 }
