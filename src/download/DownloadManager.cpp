@@ -285,9 +285,12 @@ void DownloadManager::clearAllStates() {
   postWipe();
 }
 
-/// Removes the tasks of this moment, later: a download that is started after the call is not meant.
+/// Removes the tasks of this moment, later: a download that is started after the call is not meant. The page hears of
+/// none of them any more.
 void DownloadManager::postWipe() {
-  post(*downloadsQueue_, [tasks = registry_.all()](DownloadManager& self) {
+  const auto doomed = registry_.all();
+  for (const auto& task : doomed) task->claimNotification();
+  post(*downloadsQueue_, [tasks = doomed](DownloadManager& self) {
     for (const auto& task : tasks) {
       task->cleanup();
       self.cancelTransfer(task->id);
@@ -364,8 +367,21 @@ void DownloadManager::cleanUpPeriodically() {
   }
   taskStore_.persist();
   sweep_.cleanupOrphanedFiles();
-  store_.cleanupStaleStates(maxAge, inHand);
-  store_.validateStates();
+  giveUp(store_.cleanupStaleStates(maxAge, inHand), "It was interrupted, and not taken up for a day");
+  giveUp(store_.validateStates(), "Its file is gone");
+}
+
+/// Ends downloads whose records were taken from them while nobody worked on them.
+void DownloadManager::giveUp(const std::vector<int64_t>& ids, const std::string& words) {
+  for (const int64_t id : ids) {
+    const auto task = registry_.find(id);
+    if (!task || gate_.holds(id)) continue;
+    log("Processing failed for download {}: {}", id, words);
+    task->fail(std::make_exception_ptr(Error("TarnFetch", -1, words)));
+    taskStore_.persist();
+    releaseSlot(id);
+    notifyFailed(task);
+  }
 }
 
 void DownloadManager::stopStarting() {

@@ -113,6 +113,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   void deleteFiles(const ProcessingGate::TakenAway& taken);
   void postWipe();
   void cleanUpPeriodically();
+  void giveUp(const std::vector<int64_t>& ids, const std::string& words);
   void post(DispatchQueue& queue, std::function<void(DownloadManager&)> work);
   void postToMain(std::function<void(DownloadManager&)> work) { post(platform_.dispatch.mainQueue(), std::move(work)); }
 

@@ -112,7 +112,8 @@ std::optional<ProcessingState> DownloadManager::takeFile(const DownloadTaskPoint
     failHandOver(task, std::current_exception());
     // The transfer's last event tells of it as well; this one does not wait for that.
     postToMain([task](DownloadManager& self) {
-      if (auto delegate = self.registry_.delegate(task->id)) delegate->downloadDidFailed(task);
+      auto delegate = self.registry_.delegate(task->id);
+      if (delegate && !task->snapshot().notificationSent) delegate->downloadDidFailed(task);
     });
     return std::nullopt;
   }
@@ -123,7 +124,11 @@ std::optional<ProcessingState> DownloadManager::takeFile(const DownloadTaskPoint
 NamesInTheMaking::Hold DownloadManager::holdDestination(const DownloadTaskPointer& task) {
   const Path destination = platform_.files.documentsDirectory(true) / checkedFilename(*task);
   const auto anothers = store_.filesInUse(task->id);
-  if (anothers && !anothers->contains(destination)) {
+  // A record that could not be stored has its run all the same.
+  const auto isAnothersRun = [&](const ProcessingState& run) {
+    return run.downloadId != task->id && run.fileURL == destination;
+  };
+  if (anothers && !anothers->contains(destination) && std::ranges::none_of(gate_.runsInHand(), isAnothersRun)) {
     if (auto hold = names_.tryHold(destination)) return std::move(*hold);
   }
   return names_.hold(withId(destination, task->id));

@@ -139,10 +139,12 @@ void ProcessingStateManager::cleanupTempFiles(const ProcessingState& state) {
   }
 }
 
-void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge, const std::set<int64_t>& inHand) {
+std::vector<int64_t> ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge,
+                                                                const std::set<int64_t>& inHand) {
   std::lock_guard guard(lock_);
   auto states = loadAllStatesUnsafe();
-  if (!states) return;
+  if (!states) return {};
+  std::vector<int64_t> pending;
   const Date now = clock_.now();
   size_t count = std::erase_if(*states, [&](const auto& entry) {
     const ProcessingState& state = entry.second;
@@ -150,32 +152,37 @@ void ProcessingStateManager::cleanupStaleStates(std::chrono::seconds maxAge, con
     const auto age = now - (isFinal(state.stage) ? state.lastUpdated : std::max(state.lastUpdated, start_));
     if (age <= maxAge) return false;
     cleanupTempFilesUnsafe(state);
+    if (!isFinal(state.stage)) pending.push_back(state.downloadId);
     log("Removed stale processing state for download {} (age: {}h)", state.downloadId,
         std::chrono::duration_cast<std::chrono::hours>(age).count());
     return true;
   });
-  if (count == 0) return;
+  if (count == 0) return {};
   saveStates(*states);
   log("Cleaned up {} stale processing state(s)", count);
+  return pending;
 }
 
-void ProcessingStateManager::validateStates() {
+std::vector<int64_t> ProcessingStateManager::validateStates() {
   std::lock_guard guard(lock_);
   auto states = loadAllStatesUnsafe();
-  if (!states) return;
+  if (!states) return {};
+  std::vector<int64_t> pending;
   size_t count = std::erase_if(*states, [&](const auto& entry) {
     const auto& [id, state] = entry;
     if (files_.fileExists(state.fileURL)) return false;
     log("Processing state {} references missing file: {} - removing state", id, state.fileURL.string());
     cleanupTempFilesUnsafe(state);
+    if (!isFinal(state.stage)) pending.push_back(id);
     return true;
   });
-  if (count == 0) return;
+  if (count == 0) return {};
   for (auto& [id, state] : *states) {
     std::erase_if(state.tempFiles, [&](const Path& file) { return !files_.fileExists(file); });
   }
   saveStates(*states);
   log("Removed {} processing state(s) with missing files", count);
+  return pending;
 }
 
 std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {

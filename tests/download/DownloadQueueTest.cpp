@@ -47,89 +47,23 @@ TEST_F(EngineTest, FilesThatFinishTogetherAreProcessedOneByOne) {
   EXPECT_TRUE(lines_.contains("Processing queue empty - no more videos to process"));
 }
 
-TEST_F(EngineTest, ACancelledDownloadIsGoneWhereverItWas) {
-  enum class Where { waitingForASlot, downloading, waitingForItsRun, aboutToRun };
-  for (Where where : {Where::waitingForASlot, Where::downloading, Where::waitingForItsRun, Where::aboutToRun}) {
-    SCOPED_TRACE(static_cast<int>(where));
-    engine_->setMaxConcurrentDownloads(where == Where::waitingForASlot ? 1 : 2);
-    dispatch_.hold(worker());
-    save("other.mp4");
-    auto task = save("clip.mp4");
-    task->update([](auto& fields) {
-      fields.onDownloadComplete = [](const auto&, const auto&) { ADD_FAILURE() << "the page must not hear of it"; };
-    });
-    if (where == Where::waitingForItsRun) finish("other.mp4");
-    if (where == Where::waitingForItsRun || where == Where::aboutToRun) finish("clip.mp4");
-    delegate_->heard.clear();
-    engine_->cancelDownloadFileBy(task->id);
-    settle();
-    transfers_.deliverCancellations();
-    if (where != Where::waitingForItsRun) finish("other.mp4");
-    dispatch_.release(worker());
-    settle();
-    EXPECT_TRUE(engine_->getDownloads().size() == 1 && task->status() == DownloadStatus::cancelled);
-    EXPECT_EQ(storedStates(), "[]");
-    EXPECT_EQ(contents_.back(), "content of other.mp4");
-    EXPECT_EQ(heard().find(std::to_string(task->id)), std::string::npos) << heard();
-    EXPECT_TRUE(save("next1.mp4")->status() == DownloadStatus::downloading) << "its slot is free";
-    if (where != Where::waitingForASlot) {
-      EXPECT_TRUE(save("next2.mp4")->status() == DownloadStatus::downloading);
-      EXPECT_TRUE(save("next3.mp4")->status() == DownloadStatus::queued) << "and was given back once";
-    }
-    engine_->clearAllStates();
-    settle();
-    transfers_.deliverCancellations();
-    EXPECT_TRUE(documents().empty()) << "the sweep takes the file of the cancelled run";
-  }
-}
-
-TEST_F(EngineTest, ACancelDuringARunStopsItAtItsNextCheck) {
-  ScriptedStep cancelling({ProcessingStage::syncFixing}, notes_, [&](ProcessingRun& run, auto) {
-    engine_->cancelDownloadFileBy(run.download->id);
-    run.token->throwIfCancelled();
-  });
-  engine_ = DownloadManager::create(platform_, {.sync = &cancelling, .last = &last_});
-  save("again.mp4");
-  finish("again.mp4");
-  EXPECT_EQ(joinedWords(notes_), "syncFixing");
-  EXPECT_EQ(storedStates(), "[]");
-  EXPECT_TRUE(lines_.contains("Cancelling active processing for download 1800000000"));
-}
-
-TEST_F(EngineTest, CancelAllStopsEverythingAndBlocksForHalfASecond) {
-  dispatch_.hold(worker());
-  for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) save(name);
-  finish("a.mp4");
-  finish("b.mp4");
-  engine_->cancelAll();
-  EXPECT_FALSE(save("e.mp4"));
-  EXPECT_TRUE(lines_.contains("startDownloadFileBy blocked - call clearAllStates() to resume. Rejecting: e.mp4"));
-  dispatch_.release(worker());
-  settle();
-  transfers_.deliverCancellations();
-  EXPECT_TRUE(contents_.empty());
-  EXPECT_TRUE(engine_->getDownloads().empty());
-  EXPECT_EQ(storedStates(), "[]");
-  EXPECT_EQ(stored("ActiveDownloads"), "none");
-  EXPECT_TRUE(documents().empty());
-  dispatch_.advance(std::chrono::milliseconds(499));
-  EXPECT_FALSE(save("e.mp4"));
-  dispatch_.advance(std::chrono::milliseconds(1));
-  ASSERT_TRUE(save("e.mp4"));
-  finish("e.mp4");
-  EXPECT_EQ(contents(), "content of e.mp4");
-}
-
-TEST_F(EngineTest, ClearAllLiftsTheBlockAndSparesWhatComesAfterIt) {
+TEST_F(EngineTest, CancelAllBlocksForHalfASecondAndClearAllLiftsThat) {
   save("a.mp4");
   engine_->cancelAll();
-  engine_->clearAllStates();
-  auto task = save("b.mp4");
-  ASSERT_TRUE(task);
+  EXPECT_FALSE(save("b.mp4"));
+  EXPECT_TRUE(lines_.contains("startDownloadFileBy blocked - call clearAllStates() to resume. Rejecting: b.mp4"));
   settle();
-  ASSERT_EQ(engine_->getDownloads().size(), 1U) << "the wipe is posted, and must not take what was started since";
-  finish("b.mp4");
-  EXPECT_EQ(contents(), "content of b.mp4");
+  EXPECT_EQ(stored("ActiveDownloads"), "none");
+  dispatch_.advance(std::chrono::milliseconds(499));
+  EXPECT_FALSE(save("b.mp4"));
+  dispatch_.advance(std::chrono::milliseconds(1));
+  EXPECT_TRUE(save("b.mp4"));
+
+  engine_->cancelAll();
+  engine_->clearAllStates();
+  EXPECT_TRUE(save("c.mp4"));
+  settle();
+  EXPECT_EQ(engine_->getDownloads().size(), 1U) << "the wipe is posted, and must not take what was started since";
 }
 
 }  // namespace

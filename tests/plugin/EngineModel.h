@@ -117,7 +117,8 @@ class EngineModel {
   size_t next_ = 0;
   bool isInRun_ = false;
   bool runFails_ = false;
-  bool hasExpired_ = false;
+  bool hasIdleRuns_ = false;  ///< there may be stored runs that nobody works on
+  bool hasStoreFailed_ = false;
   std::optional<std::string> broken_;
   std::map<int64_t, Download> downloads_;
   std::set<std::string> backgroundTasks_;  ///< that are held
