@@ -15,12 +15,26 @@ bool hasSeveralSampleEntries(Movie& movie) {
   return count.size() == 4 && loadUInt32(ByteView(count).first<4>()) > 1;
 }
 
+/// What the step of a run does.
+void followPlan(Movie& movie) {
+  const auto plan = planVideo(movie.files, movie.path);
+  if (!plan) return;
+  if (!plan->tagOffsets.empty()) changeTags(movie.files, movie.path, *plan);
+  if (plan->segments.empty()) return;
+  const bool isHEVC = MP4Remuxer::detectHEVCTag(movie.files, movie.path).value_or("").starts_with('h');
+  std::optional<RemuxTimings> timings;
+  isHEVC ? MP4Remuxer::remuxHEVCWithParameterExtraction(movie.files, movie.path, nullptr, timings, &*plan)
+         : MP4Remuxer::remuxAVCWithParameterExtraction(movie.files, movie.path, "", nullptr, timings, &*plan);
+}
+
 }  // namespace
 
 /// The input is a movie. What could be read can be read behind a finished repair, and a second repair changes nothing;
 /// or, where an entry without a known picture size took on what the repaired first entry has, a third does not.
 void run(Input input) {
-  Movie movie(input.rest());
+  const ByteView content = input.rest();
+  Movie movie(content), planned(content);
+  planned.survives([&] { followPlan(planned); }, {MP4TrackType::video});
   std::optional<RemuxTimings> timings;
   const auto remux = [&](bool isHEVC) {
     const auto repair = [&] {

@@ -17,6 +17,15 @@ NALUnitParserError NALUnitParserError::tooManyParameterSets() {
   return {Case::tooManyParameterSets, "The video's sync samples hold more parameter sets than a stream can have"};
 }
 
+namespace {
+
+/// No NAL unit ends with a zero (ITU-T H.264 and H.265 7.4.1): writers that cut at start codes leave some behind.
+void dropTrailingZeros(Bytes& unit) {
+  while (!unit.empty() && unit.back() == 0) unit.pop_back();
+}
+
+}  // namespace
+
 uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload) {
   BitReader bits(payload);
   switch (kind) {
@@ -36,6 +45,7 @@ uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload) {
 }
 
 void ParameterSetCollector::processNALUnit(Bytes originalNAL) {
+  if (rules_.isReadable != nullptr) dropTrailingZeros(originalNAL);
   if (originalNAL.size() < rules_.codec.headerSize) return;
   uint8_t type = rules_.codec.type(originalNAL[0]);
   auto kind = rules_.codec.parameterSetKind(type);

@@ -58,11 +58,11 @@ class MP4Remuxer {
   /// Takes the parameter sets out of the samples, puts a complete configuration box into the video track's first
   /// sample entry, whatever box was there, and replaces the file; no sample byte changes. A stream that one entry
   /// cannot describe, since its picture size changes or an identifier comes again with other content, gets several; see
-  /// below. For AVC the tag repair is tried first and, where it does, is all. A caller who has a plan of the kind
-  /// rebuilds or splits hands it over: its sets are then used, nothing is scanned and no tag repair is tried. An empty
-  /// `timings` becomes a record of zeros and is filled. The token, which may be null, is looked at before the scan,
-  /// before the `moov` is edited and, where there is one entry, before the file is written. A new `moov` that is
-  /// byte for byte the old one is not written. `check` is called as RewriteCheck says.
+  /// below. For AVC the tag repair is tried first and is all, unless the samples carry other sets than the entry. A
+  /// caller who has a plan of the kind rebuilds or splits hands it over: its sets are then used, nothing is scanned and
+  /// no tag repair is tried. An empty `timings` becomes a record of zeros and is filled. The token, which may be null,
+  /// is looked at before the scan, before the `moov` is edited and, where there is one entry, before the file is
+  /// written. A new `moov` that is byte for byte the old one is not written. `check` is called as RewriteCheck says.
   ///
   /// Throws CancellationError; MP4RemuxError: fileNotFound, writeError where the temporary directory's file system has
   /// not more than twice the file's size free, corruptedMP4, unsupportedFormat for another codec, ioError;

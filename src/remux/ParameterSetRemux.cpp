@@ -147,9 +147,8 @@ Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets
   return newMoov;
 }
 
-/// True where the tag alone was to be repaired, and is.
+/// True where the first sample entry says what it must, now that its tag does.
 bool repairTag(const Work& work) {
-  if (work.plan != nullptr || !work.codec.triesTagRepair) return false;
   log("{}Attempting Phase 1 first...", work.codec.prefix);
   bool isDone = MP4Remuxer::remuxAVCTag(work.files, work.fileURL, work.codec.inBandTag);
   log("{}{}", work.codec.prefix,
@@ -157,13 +156,34 @@ bool repairTag(const Work& work) {
   return isDone;
 }
 
-void remux(const Work& work, std::optional<RemuxTimings>& timings) {
+/// The plan for a stream that carries more than its sample entries say, whole as they are; nothing for any other, and
+/// where that cannot be told.
+std::optional<VideoPlan> planOfChanges(const Work& work) {
+  try {
+    auto plan = planVideo(work.files, work.fileURL);
+    if (!plan || !plan->hasWholeEntries || plan->segments.empty()) return std::nullopt;
+    log("{}INFO: {}", work.codec.donePrefix, plan->reason);
+    return plan;
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& error) {
+    log("{}The parameter sets of the samples cannot be read: {}", work.codec.prefix, error.description());
+    return std::nullopt;
+  }
+}
+
+void remux(Work work, std::optional<RemuxTimings>& timings) {
   const RemuxCodec& codec = work.codec;
   log("{}{}", codec.prefix, codec.startText);
   throwIfCancelled(work.token);
   if (!work.files.fileExists(work.fileURL)) throw MP4RemuxError::fileNotFound();
   checkDiskSpace(work.files, requireSize(work.files, work.fileURL), codec);
-  if (repairTag(work)) return;
+  std::optional<VideoPlan> changes;
+  if (work.plan == nullptr && codec.triesTagRepair) {
+    changes = planOfChanges(work);
+    if (changes) work.plan = &*changes;
+    if (!changes && repairTag(work)) return;
+  }
   const Contents contents = findContents(work);
   throwIfCancelled(work.token);
 

@@ -69,7 +69,7 @@ class Planner {
 
   VideoPlan make() {
     if (auto problem = findEntriesInUse()) return {.kind = Kind::cannot, .reason = *problem};
-    plan_.nalLengthSize = nalLengthSize();
+    plan_.nalLengthSize = findNALLengthSize();
     walk(true);
     // AVC encoders may put parameter sets behind a slice.
     if (!plan_.segments.empty() && !areComplete() && !codec_.readableSets.codec.vpsType) walk(false);
@@ -86,23 +86,23 @@ class Planner {
   std::optional<std::string> findEntriesInUse() {
     std::set<uint32_t> used = table_.usedSampleDescriptionIndices();
     if (samples_.empty()) used = {1};
-    std::set<int> lengths;
     for (uint32_t description : used) {
       if (description == 0 || description > entries_.size()) {
         return fmt::format("stsc names sample entry {}, and stsd holds {}", description, entries_.size());
       }
       const VideoEntry& entry = entries_[description - 1];
-      if (!codec_.accepts(entry.tag)) {
-        return fmt::format("sample entry {} of {} has the tag '{}' beside '{}'", description, entries_.size(),
-                           entry.tag, entries_.front().tag);
+      if (isForeign(entry)) {
+        foreign_ = fmt::format("sample entry {} of {} has the tag '{}' beside '{}'", description, entries_.size(),
+                               entry.tag, entries_.front().tag);
+      } else {
+        inUse_.push_back(&entry);
       }
-      if (isComplete(entry)) lengths.insert(entry.nalLengthSize);
-      inUse_.push_back(&entry);
     }
-    if (lengths.size() > 1) return "the sample entries state different sizes of NAL lengths";
     return std::nullopt;
   }
 
+  /// Of another codec: its samples are not looked at.
+  bool isForeign(const VideoEntry& entry) const { return !codec_.accepts(entry.tag); }
   bool isComplete(const VideoEntry& entry) const { return tarn::isComplete(entry.sets, codec_.readableSets.codec); }
   bool areComplete() const {
     return std::ranges::all_of(plan_.segments, [&](const ConfigurationSegment& segment) {
@@ -110,7 +110,12 @@ class Planner {
     });
   }
 
-  int nalLengthSize() {
+  int nalLengthSize(const VideoEntry& entry) const {
+    return isComplete(entry) ? entry.nalLengthSize : plan_.nalLengthSize;
+  }
+
+  /// That of the first whole entry, else what the samples vote for.
+  int findNALLengthSize() {
     for (const VideoEntry* entry : inUse_) {
       if (isComplete(*entry)) return entry->nalLengthSize;
     }
@@ -134,8 +139,9 @@ class Planner {
     const VideoEntry* last = nullptr;
     for (const SampleInfo& sample : samples_) {
       const VideoEntry& entry = entryOf(sample);
+      if (isForeign(entry)) continue;
       ParameterSets carried =
-          readCarriedSets(file_, sample, plan_.nalLengthSize, units, codec_.readableSets, &unreadable);
+          readCarriedSets(file_, sample, nalLengthSize(entry), units, codec_.readableSets, &unreadable);
       if (&entry != last) segments.enterSampleEntry(sample.index, entry.sets);
       last = &entry;
       segments.addSyncSample(sample.index, carried);
@@ -147,7 +153,7 @@ class Planner {
     ParameterSets all = std::move(allCarried).take();
     if (!areSame && all.requiresMultipleSampleEntries) isSaidByEntries_ = false;
     plan_.segments.clear();
-    if (!samples_.empty()) plan_.segments = std::move(segments).finish(table_.sampleCount());
+    if (last != nullptr) plan_.segments = std::move(segments).finish(table_.sampleCount());
   }
 
   void keepEntries() {
@@ -157,6 +163,7 @@ class Planner {
         plan_.tagOffsets.push_back(entry.offset + sampleEntryTypeInBox);
       }
     }
+    plan_.hasWholeEntries = true;
     plan_.newTag = codec_.tag;
     plan_.kind = plan_.tagOffsets.empty() ? Kind::leavesAlone : Kind::changesTags;
     const std::string_view who = entries_.size() == 1 ? "the sample entry holds" : "the sample entries hold";
@@ -173,23 +180,26 @@ class Planner {
       addAll(collector, segment.sets);
       if (missing.empty()) missing = missingKinds(segment.sets, codec_.readableSets.codec);
     }
-    if (samples_.empty()) missing = "no samples";
+    if (plan_.segments.empty()) missing = "no samples";
     if (!missing.empty()) {
-      plan_ = {
-          .kind = Kind::cannot,
-          .reason = fmt::format("neither the sample entry nor the sync samples hold its parameter sets ({})", missing)};
-      return;
+      return giveUp(fmt::format("neither the sample entry nor the sync samples hold its parameter sets ({})", missing));
     }
+    if (!foreign_.empty()) return giveUp(foreign_);
+    bool areOneLength = std::ranges::all_of(
+        inUse_, [&](const VideoEntry* entry) { return nalLengthSize(*entry) == plan_.nalLengthSize; });
+    if (!areOneLength) return giveUp("the sample entries state different sizes of NAL lengths");
     ParameterSets all = std::move(collector).take();
     plan_.kind = plan_.segments.size() > 1 || entries_.size() > 1 ? Kind::splits : Kind::rebuilds;
     plan_.reason = whyReplaced(all);
-    plan_.isOfTheStream = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
+    plan_.hasWholeEntries = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
     for (const VideoEntry* entry : inUse_) {
       for (const std::string& other : entry->others) {
         plan_.losses.push_back(fmt::format("{} of the old {} is not kept", other, codec_.configBox));
       }
     }
   }
+
+  void giveUp(const std::string& reason) { plan_ = {.kind = Kind::cannot, .reason = reason}; }
 
   std::string whyReplaced(const ParameterSets& all) const {
     if (plan_.segments.size() > 1 && all.hasResolutionChanges) return "the picture size changes in mid-stream";
@@ -204,7 +214,8 @@ class Planner {
   FileHandle& file_;
   const RemuxCodec& codec_;
   std::vector<VideoEntry> entries_;
-  std::vector<const VideoEntry*> inUse_;
+  std::vector<const VideoEntry*> inUse_;  // of the codec
+  std::string foreign_;                   // names an entry in use of another codec
   MP4SampleTableParser table_;
   std::vector<SampleInfo> samples_;
   bool isSaidByEntries_ = false;

@@ -21,12 +21,12 @@ struct VideoPlan {
     cannot,       ///< something is missing, and nowhere to be found
   };
   Kind kind = Kind::leavesAlone;
-  std::string reason = {};                ///< in words for people
-  bool isOfTheStream = false;             ///< the samples carry what the entries, whole in themselves, do not say
-  std::vector<std::string> losses = {};   ///< what the new entries do not take over, likewise
-  std::vector<uint64_t> tagOffsets = {};  ///< of changesTags: where the tags are in the file
-  std::string newTag = {};                ///< likewise: what is written there
-  int nalLengthSize = 4;                  ///< of rebuilds and splits, likewise below; in bytes
+  std::string reason = {};                          ///< in words for people
+  bool hasWholeEntries = false;                     ///< each sample entry in use holds complete sets
+  std::vector<std::string> losses = {};             ///< what the new entries do not take over, likewise
+  std::vector<uint64_t> tagOffsets = {};            ///< of changesTags: where the tags are in the file
+  std::string newTag = {};                          ///< likewise: what is written there
+  int nalLengthSize = 4;                            ///< of rebuilds and splits, likewise below; in bytes
   std::vector<ConfigurationSegment> segments = {};  ///< each with complete sets; one for rebuilds
 };
 

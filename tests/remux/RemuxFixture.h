@@ -9,6 +9,7 @@
 #include "remux/MP4Remuxer.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
@@ -75,7 +76,10 @@ class RemuxTest : public FileTest {
     EXPECT_EQ(sampleHashes(file_), samples);
     EXPECT_EQ(decoderComplaints(file_), "");
     EXPECT_EQ(probeVideo(file_, "codec_tag_string"), isHEVC ? "hvc1" : "avc1");
-    repair(isHEVC);
+    FaultyFileManager counting(files_);
+    counting.arm({.call = UINT64_MAX, .among = {FileOperation::write, FileOperation::replace}});
+    repair(isHEVC, counting);
+    EXPECT_EQ(counting.calls(), 0u) << "a second repair writes";
     EXPECT_EQ(written(), repaired);
     expectNothingLeftBehind();
   }
