@@ -130,11 +130,11 @@ class AudioTranscoder {
   /// list. `originalAudioEmptyEditDelay` is the empty edit ahead of the source's audio and
   /// `originalAudioMediaDurationSeconds` the length that its edit list gives, both in seconds. `videoFirstPTS` is not
   /// used. `cancellationToken` may be null. The callback comes on the calling thread.
-  /// With `shownMediaEnd`, in seconds of the media, the output is the media itself, from media time 0 to there or to
-  /// the end of the media, whichever comes first, for a new track that gets the edit list of the old one: a gap is
-  /// silence in place, of an overlap the later packet stays. The edit list of `inputURL` and the pictures are then not
-  /// looked at, and the three values of the source's timing are only logged. Throws AudioTranscoderError, and
-  /// CancellationError, after which there is no output.
+  /// With `shownMediaEnd`, in seconds of the media, the output is the media itself, from media time 0 to there (and the
+  /// length of a fade beyond) or to the end of the media, whichever comes first, for a new track that gets the edit
+  /// list of the old one: a gap is silence in place, of an overlap the later packet stays. The edit list of `inputURL`
+  /// and the pictures are then not looked at, and the three values of the source's timing are only logged. Throws
+  /// AudioTranscoderError, and CancellationError, after which there is no output.
   static void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
                              const std::optional<CMTime>& videoFirstPTS, double originalAudioEmptyEditDelay,
                              const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,

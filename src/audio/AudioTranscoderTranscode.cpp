@@ -8,6 +8,7 @@
 #include "audio/TranscodeOutput.h"
 #include "audio/TranscodePlan.h"
 #include "media/AVAssetReader.h"
+#include "media/PCMDecoding.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -44,6 +45,16 @@ AVAssetTrack withoutEditList(const AVAsset& asset, const AVAssetTrack& audioTrac
     return asset.withoutEditList(audioTrack);
   } catch (const Error& failure) {
     throw AudioTranscoderError::assetReadFailed(failure.description());
+  }
+}
+
+/// As they come out of the decoder, which may be more than a sample entry says, or fewer.
+std::optional<int64_t> channelsOf(const AVAsset& asset, const AVAssetTrack& audioTrack) {
+  try {
+    const int channels = decodedChannels(*asset.compressedSamples(audioTrack));
+    return channels > 0 ? std::optional<int64_t>(channels) : std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
   }
 }
 
@@ -137,7 +148,8 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
   const auto audioTracks = asset.tracks(AVMediaType::audio);
   if (audioTracks.empty()) throw AudioTranscoderError::noAudioTrack();
   const AVAssetTrack audioTrack = shownMediaEnd ? withoutEditList(asset, audioTracks.front()) : audioTracks.front();
-  const int64_t sourceChannels = getSourceChannelCount(files, inputURL);
+  int64_t sourceChannels = getSourceChannelCount(files, inputURL);
+  if (shownMediaEnd) sourceChannels = channelsOf(asset, audioTrack).value_or(sourceChannels);
   Config output = config;
   output.channels = sourceChannels > 1 ? 2 : 1;
   log("AudioTranscoder: Source has {} channels, outputting {}", sourceChannels, output.channels);

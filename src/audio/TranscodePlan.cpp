@@ -130,7 +130,9 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
 TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
                              const AudioTranscoder::Config& config) {
   TranscodePlan plan{.keepsTimeline = true, .sourceSeconds = audioTrack.timeRange.duration.seconds()};
-  plan.cap = std::clamp(shownMediaEnd, 0.0, std::max(plan.sourceSeconds, 0.0));
+  // The fade at the cap lies behind what is shown.
+  const double wanted = shownMediaEnd + config.fadeDurationMs / 1000;
+  plan.cap = std::clamp(wanted, 0.0, std::max(plan.sourceSeconds, 0.0));
   plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);
   log("AudioTranscoder: Taking the media from its start to {:.3f}s of {:.3f}s", *plan.cap, plan.sourceSeconds);
   return plan;

@@ -101,7 +101,7 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
       {"an overlap", {moved("-480")}, {1, 2, 2.99, 3.99, 4.99}, 6},
       // The media with its priming, whatever the edit list and the pictures say.
       {"all media of a late start", {late, 0.3, 5.7, 0.3, 9}, {1.021, 2.021, 3.021, 4.021, 5.021}, 6.021},
-      {"as much as is shown", {late, 0.3, 3.3, 0.3, 3.3}, {1.021, 2.021, 3.021}, 3.3},
+      {"as much as is shown", {late, 0.3, 3.3, 0.3, 3.3}, {1.021, 2.021, 3.021}, 3.33},
       {"a gap in the media", {moved("+48000"), 0, {}, 0, 7.5}, {1.021, 2.021, 4.021, 5.021, 6.021}, 7.021},
       {"an overlap in the media", {moved("-480"), 0, {}, 0, 7}, {1.021, 2.021, 3.011, 4.011, 5.011}, 6.011},
       {"silence behind the last packet",
@@ -121,6 +121,17 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
     EXPECT_NEAR(static_cast<double>(samples.size()) / 48000, c.seconds, 2 * packet);
     EXPECT_EQ(decoderComplaints(output_), "");
   }
+}
+
+TEST_F(TranscodeAudio, WholeMediaStayLoudToTheEndOfWhatIsShownWithTheChannelsThatAreThere) {
+  // The sample entry of AC-3 says two channels whatever there are. A beep is heard from 3.005 s to 3.045 s.
+  const LogCapture log;
+  transcode({.file = damagedFlashBeepClip(6, 1, words("-c:a ac3 -ac 1")), .shownMediaEnd = 3.03});
+  EXPECT_TRUE(log.contains("AudioTranscoder: Source has 1 channels, outputting 1"));
+  const auto samples = heardSamples(output_);
+  ASSERT_NEAR(static_cast<double>(samples.size()), 3.06 * 48000, 2048);
+  const auto last = std::span(samples).subspan(3 * 48000 + 960, 480);
+  EXPECT_GT(*std::ranges::max_element(last), 20000);
 }
 
 TEST_F(TranscodeAudio, CancelledAtAnyMomentLeavesNoFile) {
