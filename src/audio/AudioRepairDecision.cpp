@@ -13,10 +13,16 @@ namespace {
 
 using Kind = RepairDecision::Kind;
 
+AVAssetTrack firstAudioTrack(const AVAsset& asset) {
+  const auto tracks = asset.tracks(AVMediaType::audio);
+  if (tracks.empty()) throw AudioTranscoderError::noAudioTrack();
+  return tracks.front();
+}
+
 class AudioDecision {
  public:
   AudioDecision(FileManager& files, const Path& fileURL)
-      : files_(files), fileURL_(fileURL), asset_(files, fileURL), track_(asset_.tracks(AVMediaType::audio).front()) {}
+      : files_(files), fileURL_(fileURL), asset_(files, fileURL), track_(firstAudioTrack(asset_)) {}
 
   AudioFindings make() {
     analyze();

@@ -31,7 +31,7 @@ struct AudioFindings {
 
 /// Analyses a file's audio and decides. Only damage is mended, and sound of another codec than AAC or of several
 /// configurations converted: what the edit list says is the truth, and AAC that is whole stays whatever its
-/// configuration. Changes nothing and never fails; tells its steps in the log. The file must have an audio track.
+/// configuration. Changes nothing and tells its steps in the log. Throws AudioTranscoderError for a file without audio.
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL);
 
 /// Drift beyond which audio that has gaps or drift is left alone, in milliseconds: its timeline is beyond repair, and

@@ -25,7 +25,7 @@ constexpr const char* options = " -pix_fmt yuv420p -preset ultrafast";
 const Recording recordings[] = {
     {"Tag", "-c:v libx264 -tag:v avc3"},
     {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1"},
-    {"Transcode", "-f lavfi -i sine=duration=1:sample_rate=48000 -c:v libx264 -c:a aac -ac 1", 29},
+    {"Transcode", "-f lavfi -i sine=duration=1:sample_rate=48000 -c:v libx264 -c:a ac3", 29},
 };
 
 Bytes made(const Recording& recording) {
