@@ -120,7 +120,9 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
                                                   .skipVideoFix = options.skipVideoFix,
                                                   .skipAudioFix = options.skipAudioFix});
   if (!record.needsRemuxing && !options.skipVideoFix) {
-    result.note = "The video was left as it is: " + whyTheVideoIsLeftAlone(files, copy) + ".";
+    if (const auto why = whyTheVideoIsLeftAlone(files, copy)) {
+      result.note = fmt::format("The video was left as it is: {}.", *why);
+    }
   }
 
   SingleRunHost host(showsProgress);

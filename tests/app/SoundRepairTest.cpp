@@ -58,7 +58,7 @@ TEST_F(SoundRepair, KeepsTimeFromTheFirstSecondToTheLast) {
       {"drift", 120, 2, {"-bsf:a", "setts=ts='TS*1.001'"}, 0, 0.001, -1, "differ in length by"},
       {"a hole in one channel at 44.1 kHz", 30, 1, dropping(470, 493, words("-c:a aac -ar 44100")), 0, 0, 11,
        "557 ms of sound missing at"},
-      {"AC-3", 20, 2, words("-c:a ac3 -ac 2"), 0.3, 0, -1, "not AAC"},
+      {"AC-3", 20, 2, words("-c:a ac3 -ac 2"), 0.3, 0, -1, "the sound is AC-3"},
       {"no edit list", 30, 2, dropping(470, 493, {"-use_editlist", "0"}), 0, 0, 10, "512 ms of sound missing at"},
   };
   for (const Row& row : rows) {

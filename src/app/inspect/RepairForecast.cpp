@@ -71,7 +71,7 @@ class TrialRun {
   void remux() {
     RemuxForecast& forecast = inspection_.remux;
     if (!run_.state.needsRemuxing) {
-      forecast.reason = whyTheVideoIsLeftAlone(trial_, path_);
+      forecast.reason = whyTheVideoIsLeftAlone(trial_, path_).value_or("there is no video track");
       return;
     }
     std::optional<VideoPlan> plan;
