@@ -26,10 +26,9 @@ ProcessingStateManager::ProcessingStateManager(UserDefaults& defaults, FileManag
 
 void ProcessingStateManager::saveState(const ProcessingState& state) {
   std::lock_guard guard(lock_);
-  removed_.erase(state.downloadId);
+  unstored_.insert_or_assign(state.downloadId, state);
   auto states = loadAllStatesUnsafe();
   if (!states) return;
-  states->insert_or_assign(state.downloadId, state);
   saveStates(*states);
   log("Saved processing state for download {}: {}", state.downloadId, description(state.stage));
 }
@@ -45,7 +44,7 @@ std::optional<ProcessingState> ProcessingStateManager::loadState(int64_t id) {
 
 void ProcessingStateManager::removeState(int64_t id) {
   std::lock_guard guard(lock_);
-  removed_.insert(id);
+  unstored_.insert_or_assign(id, std::nullopt);
   auto states = loadAllStatesUnsafe();
   if (!states) return;
   saveStates(*states);
@@ -119,7 +118,7 @@ std::vector<ProcessingState> ProcessingStateManager::takeAllStates() {
   std::vector<ProcessingState> all;
   auto states = loadAllStatesUnsafe().value_or(ProcessingStates());
   for (auto& [id, state] : states) {
-    removed_.insert(id);
+    unstored_.insert_or_assign(id, std::nullopt);
     all.push_back(std::move(state));
   }
   saveStates({});
@@ -187,11 +186,13 @@ std::vector<int64_t> ProcessingStateManager::validateStates() {
 
 std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {
   try {
-    auto document = defaults_.data(userDefaultsKey);
-    if (!document) return ProcessingStates{};
-    DecodedStates decoded = decodeProcessingStates(*document);
+    const auto document = defaults_.data(userDefaultsKey);
+    DecodedStates decoded = document ? decodeProcessingStates(*document) : DecodedStates();
     if (!setAside(decoded.rest)) return std::nullopt;
-    for (const int64_t id : removed_) decoded.states.erase(id);
+    for (const auto& [id, state] : unstored_) {
+      decoded.states.erase(id);
+      if (state) decoded.states.emplace(id, *state);
+    }
     return std::move(decoded.states);
   } catch (const PosixError& error) {
     // The document may be whole: what cannot be read now must not be written over.
@@ -229,7 +230,7 @@ std::vector<std::string> ProcessingStateManager::textsSetAside() {
 void ProcessingStateManager::saveStates(const ProcessingStates& states) {
   try {
     defaults_.setData(userDefaultsKey, encodeProcessingStates(states));
-    removed_.clear();
+    unstored_.clear();
   } catch (const PosixError& error) {
     log("Failed to store processing states: {}", error.description());
   } catch (const std::exception& error) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -14,11 +15,12 @@
 
 namespace tarn {
 
-/// The store of checkpoints. It keeps no copy: every operation reads the whole document, works on it and writes it back
-/// whole, and holds the store's lock for its whole length. Storage failures are logged and never raised. A document
-/// that cannot be read is left alone. A record that does not decode is set aside under a key of its own before a save
-/// drops it, and stays there with its files; so does a document that is none. The lock is the last in the order of
-/// locks: the store never calls out.
+/// The store of checkpoints. It keeps no copy but of changes that could not be stored: every operation reads the whole
+/// document, works on it and writes it back whole, and holds the store's lock for its whole length. Storage failures
+/// are logged and never raised; the next write that works makes up for them. A document that cannot be read is left
+/// alone. A record that does not decode is set aside under a key of its own before a save drops it, and stays there
+/// with its files; so does a document that is none. The lock is the last in the order of locks: the store never calls
+/// out.
 class ProcessingStateManager {
  public:
   static constexpr const char* userDefaultsKey = "com.sorrel.capacitor.downloader.processingStates";
@@ -71,7 +73,8 @@ class ProcessingStateManager {
   const Clock& clock_;
   const Date start_;
   std::mutex lock_;
-  std::set<int64_t> removed_;  ///< records whose removal could not be stored yet
+  /// Changes that could not be stored yet, nothing for a removal; they hold all the same.
+  std::map<int64_t, std::optional<ProcessingState>> unstored_;
 };
 
 }  // namespace tarn

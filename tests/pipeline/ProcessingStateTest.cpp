@@ -105,15 +105,20 @@ TEST_F(ProcessingStateTest, ADocumentThatCannotBeReadIsLeftAlone) {
   EXPECT_EQ(stored(key), before);
 }
 
-TEST_F(ProcessingStateTest, ARemovalThatCannotBeStoredStillHolds) {
+TEST_F(ProcessingStateTest, AChangeThatCannotBeStoredHoldsUntilTheNextOneIs) {
   for (const FileOperation failing : {FileOperation::read, FileOperation::write}) {
     store(1, remuxed);
-    faulty_.arm({.among = {failing}});
+    store(2, remuxed);
+    faulty_.arm({.lasting = true, .among = {failing}});
     store_.removeState(1);
+    store(2, failed);
     faulty_.disarm();
     EXPECT_FALSE(store_.loadState(1));
-    store(2, remuxed);
+    EXPECT_EQ(store_.loadState(2)->stage, failed);
+    EXPECT_NE(stored(key).find("clip1"), std::string::npos);
+    store(3, remuxed);
     EXPECT_EQ(stored(key).find("clip1"), std::string::npos);
+    EXPECT_NE(stored(key).find("\"failed\""), std::string::npos);
   }
 }
 
