@@ -7,10 +7,15 @@
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
 #include "remux/MP4Remuxer.h"
+#include "remux/RemuxCodec.h"
 #include "remux/VideoPlan.h"
 
 namespace tarn {
 namespace {
+
+bool isHEVC(std::string_view tag) {
+  return remuxCodecOfTag(tag) == &hevcRemux;
+}
 
 std::optional<std::string> detectCodec(ProcessingRun& run) {
   try {
@@ -35,20 +40,19 @@ std::optional<Presentation> presentationOf(ProcessingRun& run) {
   }
 }
 
-void rewrite(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optional<RemuxTimings>& timings) {
+void rewrite(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, std::optional<RemuxTimings>& timings) {
   const auto before = presentationOf(run);
   const AnnouncedChange nothing;
   const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
-  if (isHEVC) {
+  if (isHEVC(tag)) {
     MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings, &plan, check);
   } else {
-    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, plan.newTag, run.token.get(), timings, &plan,
-                                                check);
+    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, tag, run.token.get(), timings, &plan, check);
   }
   for (const std::string& loss : plan.losses) run.warn(loss);
 }
 
-void follow(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optional<RemuxTimings>& timings) {
+void follow(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, std::optional<RemuxTimings>& timings) {
   switch (plan.kind) {
     case VideoPlan::Kind::leavesAlone:
       log("The video is left alone: {}", plan.reason);
@@ -63,7 +67,7 @@ void follow(ProcessingRun& run, const VideoPlan& plan, bool isHEVC, std::optiona
     case VideoPlan::Kind::rebuilds:
     case VideoPlan::Kind::splits:
       log("The video's sample entries are made anew: {}", plan.reason);
-      rewrite(run, plan, isHEVC, timings);
+      rewrite(run, plan, tag, timings);
   }
 }
 
@@ -76,8 +80,7 @@ bool isOfTheFile(const Error& error) {
 }
 
 void remux(ProcessingRun& run, const std::string& tag) {
-  const bool isHEVC = tag == "hev1" || tag == "hvc1";
-  const std::string_view codec = isHEVC ? "HEVC" : "AVC";
+  const std::string_view codec = isHEVC(tag) ? "HEVC" : "AVC";
   log("Remuxing {} video (codec: {})...", codec, tag);
   run.timer.start();
   std::optional<RemuxTimings> timings = RemuxTimings();
@@ -85,7 +88,7 @@ void remux(ProcessingRun& run, const std::string& tag) {
     TimingHelper timer;
     const auto plan = planVideo(run.files, run.fileURL);
     timings->parameterExtraction = timer.stop();
-    if (plan) follow(run, *plan, isHEVC, timings);
+    if (plan) follow(run, *plan, tag, timings);
   } catch (const Error& error) {
     log("ERROR during {} remuxing: {}", codec, error.description());
     if (!isOfTheFile(error)) throw;
@@ -104,7 +107,7 @@ void RemuxStep::run(ProcessingRun& run) {
   run.updateProcessingStage(ProcessingStage::remuxing);
   if (auto tag = detectCodec(run)) {
     log("Detected video codec in continueProcessing: {}", *tag);
-    if (*tag == "hev1" || *tag == "hvc1" || *tag == "avc1" || *tag == "avc3") {
+    if (remuxCodecOfTag(*tag)) {
       remux(run, *tag);
     } else {
       log("Codec {} does not require remuxing", *tag);
