@@ -74,9 +74,14 @@ ProcessResult runProcess(const std::vector<std::string>& command) {
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
-Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending) {
+Path mediaCache() {
   Path cache = std::filesystem::temp_directory_path() / ("tarn-test-media-" + std::to_string(getuid()));
   std::filesystem::create_directories(cache);
+  return cache;
+}
+
+Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending) {
+  const Path cache = mediaCache();
   Path file = cache / (std::to_string(std::hash<std::string>{}(commandLine(arguments))) + ending);
   if (std::filesystem::exists(file)) return file;
 
@@ -107,7 +112,7 @@ Path encodedVideo(const VideoRecipe& recipe) {
 Path joinedVideo(const std::vector<VideoRecipe>& parts) {
   std::string list;
   for (const VideoRecipe& part : parts) list += "file '" + encodedVideo(part).string() + "'\n";
-  Path listFile = encodedVideo(parts.front()).parent_path() / (std::to_string(std::hash<std::string>{}(list)) + ".txt");
+  Path listFile = mediaCache() / (std::to_string(std::hash<std::string>{}(list)) + ".txt");
   std::ofstream(listFile) << list;
   std::string tag = parts.front().codec == "libx264" ? "avc1" : "hev1";
   return madeByFFmpeg({"-f", "concat", "-safe", "0", "-i", listFile, "-c", "copy", "-tag:v", tag});

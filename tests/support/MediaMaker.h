@@ -13,8 +13,11 @@ namespace tarn::test {
 /// The words of a text, as a command line has them without quotes.
 std::vector<std::string> words(const std::string& text);
 
-/// A file made by `ffmpeg <arguments> <file>`, the file's ending given. Files are kept in a cache under the system's
-/// temporary directory, one for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
+/// The directory under the system's temporary directory in which made files are kept.
+Path mediaCache();
+
+/// A file made by `ffmpeg <arguments> <file>`, the file's ending given. Files are kept in the cache, one
+/// for each set of arguments, so treat them as read-only. Throws when ffmpeg fails.
 Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& ending = ".mp4");
 
 /// Small moving pictures, encoded as asked: `codec` is "libx264" or "libx265", `parameters` are the encoder's own
