@@ -134,8 +134,8 @@ class Drawing {
     const uint32_t packets = readUInt32(stbl.at("stsz").fields, 8).value();
     const uint32_t at = 20 + below(packets - 40);
     const uint32_t ticks = pick({50u, 70u, 200u, 700u}) * rate_ / 1000;
-    const auto damage = pick<std::string>({"", "", "a hole", "a hole", "a hole that the length denies",
-                                           "a hole that the length denies", "drift", "a lag"});
+    const auto damage = pick<std::string>({"", "", "a hole", "a hole that the length denies", "a hole made up for",
+                                           "a hole made up for", "drift", "a lag"});
     if (damage.empty()) return;
     tell("{} of {} ticks from packet {} on", damage, ticks, at);
     if (damage == "a lag") {
@@ -143,8 +143,11 @@ class Drawing {
       stbl.children.emplace_back(box("ctts", {back}));
       return;
     }
+    // An overlap behind it that is as long makes up for a hole: the sound as a whole keeps its length.
     const auto rows = damage == "drift" ? fullBox("stts", {1, packets, 1024 + ticks / 500})
-                                        : fullBox("stts", {3, at - 1, 1024, 1, 1024 + ticks, packets - at, 1024});
+                      : damage == "a hole made up for"
+                          ? fullBox("stts", {5, at - 1, 1024, 1, 5024, 10, 1024, 4, 24, packets - at - 14, 1024})
+                          : fullBox("stts", {3, at - 1, 1024, 1, 1024 + ticks, packets - at, 1024});
     stbl.at("stts") = BoxTree(rows);
     const uint32_t longer = damage == "a hole" ? ticks : damage == "drift" ? packets * (ticks / 500) : 0;
     BoxTree& header = track.at("mdia/mdhd");
