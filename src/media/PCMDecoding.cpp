@@ -64,7 +64,8 @@ class PCMSource : public SampleBufferSource {
   void prepareDecoder(const CMSampleBuffer& sample);
   void decode(const CMSampleBuffer& sample, bool endsStretch);
   void place(const AVFrame& frame, const CMSampleBuffer& sample, int64_t offset, int64_t limit);
-  int64_t keepInTime(int64_t start, int64_t tick);
+  int64_t keepInTime(int64_t start, const CMSampleBuffer& sample);
+  bool isJitter(int64_t difference, const CMSampleBuffer& sample) const;
   void cutBackTo(int64_t start);
   void fill(int64_t frames);
   void finish();
@@ -193,24 +194,25 @@ void PCMSource::place(const AVFrame& frame, const CMSampleBuffer& sample, int64_
   int64_t end = std::clamp<int64_t>(limit - offset, 0, frame.nb_samples);
   if (first >= end) return;
   int64_t start = framesIn(sample.presentationTimeStamp, rate()) + rescale(offset + first, frame.sample_rate, rate());
-  const int64_t tick = rescale(1, std::max(sample.presentationTimeStamp.timescale, 1), rate());
-  first += rescale(keepInTime(start, tick), rate(), frame.sample_rate);
+  first += rescale(keepInTime(start, sample), rate(), frame.sample_rate);
   if (first >= end) return;
   isCutting_ = false;
   resampler_.convert(frame, static_cast<int>(first), static_cast<int>(end - first));
 }
 
-/// Prepares the output for frames that should start at this place, which the track states to the tick: fills a gap,
-/// makes up for a small difference, or tells how many output frames are to be left out.
-int64_t PCMSource::keepInTime(int64_t start, int64_t tick) {
+/// Prepares the output for frames of a packet that should start at this place: fills a gap, makes up for a small
+/// difference, or tells how many output frames are to be left out.
+int64_t PCMSource::keepInTime(int64_t start, const CMSampleBuffer& sample) {
   if (!keepsTimeline_) {
     if (lost_ > 0) fill(lost_);
     int64_t difference = start - position();
     if (std::abs(difference) > tolerance()) output_.continueAt(output_.end() + difference);
     return 0;
   }
-  const int64_t smallestBreak = std::max(tolerance(), 2 * tick);
+  const int64_t tick = rescale(1, std::max(sample.presentationTimeStamp.timescale, 1), rate());
   int64_t difference = start - position();
+  if (lost_ == 0 && !isCutting_ && isJitter(difference, sample)) return 0;
+  const int64_t smallestBreak = std::max(tolerance(), 2 * tick);
   if (difference > smallestBreak || (lost_ > 0 && difference > 0)) {
     resampler_.flush();
     fill(start - output_.end());
@@ -224,6 +226,16 @@ int64_t PCMSource::keepInTime(int64_t start, int64_t tick) {
   if (isCutting_) return std::max<int64_t>(-difference, 0);
   resampler_.compensate(drift_.correction(difference, tick, position()));
   return 0;
+}
+
+/// True for a packet that is a little off its place, from which the next one comes back.
+bool PCMSource::isJitter(int64_t difference, const CMSampleBuffer& sample) const {
+  const int64_t mostJitter = rate() / 100;
+  const bool isSmall = std::abs(difference) >= tolerance() && std::abs(difference) <= mostJitter;
+  if (!isSmall || !upcoming_ || upcoming_->sampleIndex != sample.sampleIndex + 1) return false;
+  const CMTime step = upcoming_->presentationTimeStamp - sample.presentationTimeStamp;
+  const int64_t next = difference + framesIn(step, rate()) - framesIn(sample.duration, rate());
+  return 2 * std::abs(next) < std::abs(difference);
 }
 
 /// Begins an overlap: what comes next starts there, or behind what cannot be taken back any more.
