@@ -75,6 +75,7 @@ void readPresentation(FileManager& files, Inspection& inspection) {
   }
   try {
     listPresentationProblems(Presentation::read(files, inspection.file), inspection);
+    inspection.isComparable = true;
   } catch (const Error& failure) {
     inspection.problems.push_back({Problem::Of::file, "its tables cannot be read: " + failure.description()});
   }

@@ -157,6 +157,7 @@ struct Inspection {
   /// What the steps together would do to the presentation; the repair then leaves the file as it is. Sound that they
   /// make anew is not looked at: it is made by the repair itself.
   std::vector<std::string> harms = {};
+  bool isComparable = false;  ///< what the file shows can be read; else there are no harms, and nothing to compare
   bool changesFile = false;  ///< the repair's result differs from the file; each of its changes mends a problem
   Verdict verdict = {};
 

@@ -236,6 +236,7 @@ std::string inspectionJSON(const Inspection& inspection) {
   object.set("audio", audioJSON(inspection.audio));
   object.set("syncFix", syncFixJSON(inspection.syncFix));
   object.set("warnings", texts(inspection.warnings));
+  object.set("comparable", inspection.isComparable);
   object.set("harms", texts(inspection.harms));
   object.set("changesFile", inspection.changesFile);
   return object.json();

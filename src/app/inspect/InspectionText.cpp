@@ -199,6 +199,10 @@ void writeRepair(Writer& out, const Inspection& inspection) {
     if (std::ranges::find(remux.losses, warning) == remux.losses.end()) out.line("warning: {}", warning);
   }
   for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file is kept: {}", harm);
+  if (inspection.changesFile && inspection.isComparable) {
+    out.line("compared with the file: nothing is hidden, revealed or moved{}",
+             inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
+  }
   if (remux.kind == RemuxForecast::Kind::refuses) {
     out.line("so the repair fails. The file stays as it is.");
   } else {
