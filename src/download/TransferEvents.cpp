@@ -168,7 +168,7 @@ void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const s
     return;
   }
   // The gate knows of a run whose record cannot be read just now.
-  if (gate_.holds(task->id) || store_.loadState(task->id)) {
+  if (gate_.holds(task->id) || store_.mayHaveState(task->id)) {
     log("URLSession task completed but processing ongoing for {} - skipping notification", task->id);
     return;
   }

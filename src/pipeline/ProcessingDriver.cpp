@@ -123,11 +123,13 @@ void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failur
 /// Deletes what is left of a run that is over: the file of one that was saved, all files of one that was taken away.
 void ProcessingDriver::deleteFiles(const ProcessingRun& run, bool wasSaved, bool wasTakenAway) {
   if (wasTakenAway) {
+    std::vector<Path> files = run.state.tempFiles;
+    files.push_back(run.fileURL);
     // Before the run began, another download may have brought a file of this name.
     const auto inUse = store_.filesInUse();
-    if (!inUse || inUse->contains(run.fileURL)) return;
-    for (const Path& file : run.state.tempFiles) removeIfExists(files_, file);
-    removeIfExists(files_, run.fileURL);
+    for (const Path& file : files) {
+      if (inUse && !inUse->contains(file)) removeIfExists(files_, file);
+    }
     return;
   }
   if (!wasSaved) return;

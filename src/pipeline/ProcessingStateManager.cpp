@@ -42,6 +42,12 @@ std::optional<ProcessingState> ProcessingStateManager::loadState(int64_t id) {
   return found->second;
 }
 
+bool ProcessingStateManager::mayHaveState(int64_t id) {
+  std::lock_guard guard(lock_);
+  const auto states = loadAllStatesUnsafe();
+  return !states || states->contains(id);
+}
+
 void ProcessingStateManager::removeState(int64_t id) {
   std::lock_guard guard(lock_);
   unstored_.insert_or_assign(id, std::nullopt);
@@ -55,6 +61,7 @@ std::optional<std::vector<ProcessingState>> ProcessingStateManager::allPendingSt
   std::lock_guard guard(lock_);
   auto states = loadAllStatesUnsafe();
   if (!states) return std::nullopt;
+  if (!unstored_.empty()) saveStates(*states);
   std::vector<ProcessingState> pending;
   for (auto& [id, state] : *states) {
     if (!isFinal(state.stage)) pending.push_back(std::move(state));

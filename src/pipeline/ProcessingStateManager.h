@@ -17,10 +17,10 @@ namespace tarn {
 
 /// The store of checkpoints. It keeps no copy but of changes that could not be stored: every operation reads the whole
 /// document, works on it and writes it back whole, and holds the store's lock for its whole length. Storage failures
-/// are logged and never raised; the next write that works makes up for them. A document that cannot be read is left
-/// alone. A record that does not decode is set aside under a key of its own before a save drops it, and stays there
-/// with its files; so does a document that is none. The lock is the last in the order of locks: the store never calls
-/// out.
+/// are logged and never raised; the next write, or the next look at what is pending, makes up for them. A document that
+/// cannot be read is left alone. A record that does not decode is set aside under a key of its own before a save drops
+/// it, and stays there with its files; so does a document that is none. The lock is the last in the order of locks: the
+/// store never calls out.
 class ProcessingStateManager {
  public:
   static constexpr const char* userDefaultsKey = "com.sorrel.capacitor.downloader.processingStates";
@@ -31,6 +31,8 @@ class ProcessingStateManager {
   /// Inserts or replaces the record of state.downloadId.
   void saveState(const ProcessingState& state);
   std::optional<ProcessingState> loadState(int64_t id);
+  /// False when there is no record of this id; true also when the records cannot be read.
+  bool mayHaveState(int64_t id);
   void removeState(int64_t id);
 
   /// Records whose stage is not final, the longest untouched first; nothing when they cannot be read.
