@@ -107,8 +107,8 @@ Path joinedClips(const ClipRecipe& first, const ClipRecipe& second, const std::s
   const Path list = textFile(parts[0].stem().string() + parts[1].stem().string() + ".txt",
                              fmt::format("file '{}'\nfile '{}'\n", parts[0].string(), parts[1].string()));
   const Path video = madeByFFmpeg(words("-f concat -safe 0 -i " + list.string() + " -c copy -tag:v " + tag));
-  const Path sound = clip({.video = "", .audio = audio, .seconds = first.seconds + second.seconds});
-  return muxed("-i {0} -i {1} -map 0:v -map 1:a -c copy -tag:v " + tag, {video, sound});
+  const Path audioClip = clip({.video = "", .audio = audio, .seconds = first.seconds + second.seconds});
+  return muxed("-i {0} -i {1} -map 0:v -map 1:a -c copy -tag:v " + tag, {video, audioClip});
 }
 
 Maker made(const ClipRecipe& recipe) {
@@ -145,11 +145,11 @@ Path withFarMoov(const Path& file, const Path& directory) {
   const Bytes near = layout.build({{Kind::raw, layout.ftyp}, {Kind::mdat}, {Kind::moov}});
   const auto split = static_cast<ptrdiff_t>(near.size() - layout.moov.size());
   const Path result = directory / (makeUUID() + ".mp4");
-  constexpr uint32_t hole = 101 << 20;
-  const Bytes head = joined({Bytes(near.begin(), near.begin() + split), boxClaiming(hole, "free")});
+  constexpr uint32_t room = 101 << 20;
+  const Bytes head = joined({Bytes(near.begin(), near.begin() + split), boxClaiming(room, "free")});
   std::ofstream stream(result, std::ios::binary);
   stream.write(reinterpret_cast<const char*>(head.data()), ptrdiff_t(head.size()));
-  stream.seekp(split + hole);
+  stream.seekp(split + room);
   stream.write(reinterpret_cast<const char*>(near.data()) + split, ptrdiff_t(near.size()) - split);
   return result;
 }

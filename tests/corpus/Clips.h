@@ -51,7 +51,7 @@ using Edit = std::function<void(BoxTree& moov)>;
 Path edited(const Path& file, const std::vector<Edit>& edits, const Path& directory);
 Maker edited(const Maker& base, const std::vector<Edit>& edits);
 
-/// The movie with its `moov` behind a hole of 101 MiB in a sparse file.
+/// The movie with its `moov` behind a free box of 101 MiB, in a sparse file.
 Path withFarMoov(const Path& file, const Path& directory);
 Maker withFarMoov(const Maker& base);
 

@@ -86,8 +86,8 @@ std::vector<Kind> changes(const std::string& name, const std::string& video, con
 }
 
 /// Audio whose packets are lost or stamped otherwise; in the expression {0} is the rate.
-std::vector<Kind> sound(const std::string& name, const std::string& filter, const std::vector<std::string>& where,
-                        int seconds = 4) {
+std::vector<Kind> audioDamage(const std::string& name, const std::string& filter, const std::vector<std::string>& where,
+                              int seconds = 4) {
   std::vector<Kind> kinds;
   for (const std::string& each : where) {
     ClipRecipe recipe = setting(each).recipe;
@@ -155,19 +155,20 @@ std::vector<KindGroup> damagedKinds() {
        changes("size, avc1", avcInBand, avcInBand, "320x240", "avc1", nothing, {"mono", "early", "far"}),
        changes("size, hev1", hev1InBand, hev1InBand, "320x240", "hev1", noSets, {"plain", "late"}),
        changes("PPS, avc1", avcInBand, cavlc, "160x120", "avc1", nothing, {"plain"})});
-  const auto gaps = joinedKinds(
-      {sound("a gap", lost(2.5, 2.9),
-             {"plain", "mono", "cut", "late", "early", "far", "two tracks", "44.1 kHz", "no B-frames", "no lists"}),
-       sound("a gap of 80 ms", lost(2.6, 2.66), {"cut"}), sound("a gap", lost(2.5, 2.9, 24000), {"24 kHz"})});
-  const auto stamps =
-      joinedKinds({sound("moved", "setts=ts='if(gt(N,120),TS+24000,TS)'", {"plain", "mono", "late", "far", "44.1 kHz"}),
-                   sound("overlap", "setts=ts='if(gt(N,120),TS-14336,TS)'", {"plain", "early"}),
-                   sound("starts late", "setts=ts='if(gt(N,0),TS+14400,TS)'", {"plain", "mono", "no lists"})});
+  const auto gaps = joinedKinds({audioDamage("a gap", lost(2.5, 2.9),
+                                             {"plain", "mono", "cut", "late", "early", "far", "two tracks", "44.1 kHz",
+                                              "no B-frames", "no lists"}),
+                                 audioDamage("a gap of 80 ms", lost(2.6, 2.66), {"cut"}),
+                                 audioDamage("a gap", lost(2.5, 2.9, 24000), {"24 kHz"})});
+  const auto stamps = joinedKinds(
+      {audioDamage("moved", "setts=ts='if(gt(N,120),TS+24000,TS)'", {"plain", "mono", "late", "far", "44.1 kHz"}),
+       audioDamage("overlap", "setts=ts='if(gt(N,120),TS-14336,TS)'", {"plain", "early"}),
+       audioDamage("starts late", "setts=ts='if(gt(N,0),TS+14400,TS)'", {"plain", "mono", "no lists"})});
   const auto drift =
-      joinedKinds({sound("+2 %", "setts=ts='round(TS*1.02)'", {"plain", "late", "44.1 kHz", "two tracks"}, 6),
-                   sound("-2 %", "setts=ts='round(TS*0.98)'", {"early"}, 6),
-                   sound("+0.5 %", "setts=ts='round(TS*1.005)'", {"cut"}, 40),
-                   sound("-0.5 %", "setts=ts='round(TS*0.995)'", {"late"}, 40)});
+      joinedKinds({audioDamage("+2 %", "setts=ts='round(TS*1.02)'", {"plain", "late", "44.1 kHz", "two tracks"}, 6),
+                   audioDamage("-2 %", "setts=ts='round(TS*0.98)'", {"early"}, 6),
+                   audioDamage("+0.5 %", "setts=ts='round(TS*1.005)'", {"cut"}, 40),
+                   audioDamage("-0.5 %", "setts=ts='round(TS*0.995)'", {"late"}, 40)});
   const auto lists = joinedKinds(
       {badList("behind the media", {"soun"}, {{4000, 9999999}}, {"plain", "mono", "cut", "two tracks"}),
        badList("behind the media", {"vide"}, {{4000, 9999999}}, {"plain", "no B-frames", "late"}),
