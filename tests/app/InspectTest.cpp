@@ -129,6 +129,12 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   EXPECT_TRUE(inspectionText(late).starts_with("Repairable: the sample entry has no VPS")) << inspectionText(late);
   EXPECT_NE(told.output.find(R"({"verdict":"Repairable: the sample)"), std::string::npos) << told.output;
 
+  // More boxes ahead of the moov than are listed.
+  Bytes crowded;
+  for (int i = 0; i < 1001; ++i) crowded = joined({crowded, box("free")});
+  EXPECT_NE(inspectBytes(joined({crowded, BoxEditor(damagedMovie("avc1")).get("moov")})).verdict.text,
+            "Broken: no moov; download it again");
+
   // Neither is mended, and both are named.
   BoxEditor editor(damagedMovie("avc1"));
   editor.setField(editor.at("moov/trak/mdia/mdhd").offset + 24, UINT32_MAX);

@@ -6,6 +6,7 @@
 
 #include "app/inspect/MovieFacts.h"
 #include "app/inspect/RepairForecast.h"
+#include "mp4/MP4BoxUtils.h"
 #include "presentation/Presentation.h"
 
 namespace tarn {
@@ -21,7 +22,7 @@ void listFileProblems(Inspection& inspection) {
     if (box.missingBytes == 0) continue;
     add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes));
   }
-  if (!inspection.hasMovie()) add("there is no moov box");
+  if (!inspection.hasMovie) add("there is no moov box");
   if (countBoxes(inspection, "moov") > 1) add("there are several moov boxes; the first one counts");
   for (const TrackFacts& track : inspection.tracks) {
     if (track.lacksDuration) add(fmt::format("the mdhd of track {} does not tell how long it is", track.id));
@@ -66,7 +67,7 @@ void listPresentationProblems(const Presentation& presentation, Inspection& insp
 }
 
 void readPresentation(FileManager& files, Inspection& inspection) {
-  if (!inspection.hasMovie()) return;
+  if (!inspection.hasMovie) return;
   if (isFragmented(files, inspection.file)) {
     inspection.problems.push_back(
         {Problem::Of::file,
@@ -104,15 +105,12 @@ void nameWhatIsMended(Inspection& inspection) {
 
 }  // namespace
 
-bool Inspection::hasMovie() const {
-  return countBoxes(*this, "moov") > 0;
-}
-
 Inspection inspect(FileManager& files, const Path& path) {
   Inspection inspection;
   inspection.file = path;
   auto file = files.open(path, OpenMode::reading);
   readTopLevel(*file, inspection);
+  inspection.hasMovie = MP4BoxUtils::findTopLevelBox(*file, "moov").has_value();
   inspection.tracks = readTracks(*file);
   inspection.video = readVideo(*file);
   listFileProblems(inspection);

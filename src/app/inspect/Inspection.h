@@ -144,6 +144,7 @@ struct Inspection {
   uint64_t size = 0;
   std::vector<TopLevelBox> boxes;
   std::optional<std::string> boxesProblem;  ///< how the row of boxes ends, where it does not end with the file
+  bool hasMovie = false;                    ///< there is a `moov`, listed among the boxes or behind them
   std::vector<TrackFacts> tracks;
   std::optional<VideoFacts> video;
   std::optional<OriginalSyncInfo> sync;
@@ -158,10 +159,8 @@ struct Inspection {
   /// make anew is not looked at: it is made by the repair itself.
   std::vector<std::string> harms = {};
   bool isComparable = false;  ///< what the file shows can be read; else there are no harms, and nothing to compare
-  bool changesFile = false;  ///< the repair's result differs from the file; each of its changes mends a problem
+  bool changesFile = false;   ///< the repair's result differs from the file; each of its changes mends a problem
   Verdict verdict = {};
-
-  bool hasMovie() const;  ///< there is a `moov`
 };
 
 /// Looks at a file, which is opened for reading alone, and lets the steps of the repair work on it without a change to

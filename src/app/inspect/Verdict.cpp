@@ -19,7 +19,7 @@ std::string summary(const std::vector<std::string>& problems) {
 }
 
 std::optional<std::string> whatIsMissing(const Inspection& inspection) {
-  if (!inspection.hasMovie()) return "no moov";
+  if (!inspection.hasMovie) return "no moov";
   if (inspection.video && inspection.video->missingSamples > 0) {
     const int64_t count = inspection.video->missingSamples;
     return fmt::format("{} picture{} not in the file", count, count == 1 ? " is" : "s are");
