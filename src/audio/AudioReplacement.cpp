@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "audio/AudioSwap.h"
+#include "audio/AudioTrackReplacerError.h"
 #include "audio/AudioTranscoder.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
@@ -92,13 +93,18 @@ void makeFixedFile(ProcessingRun& run, const Path& fixed) {
   run.files.synchronizeDirectory(fixed.parent_path());
 }
 
-/// False where the new audio would harm: the file is as it was, and the user is told.
+/// False where the new audio would harm or the file's boxes take no new track: the file is as it was, and the user is
+/// told.
 bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, const Path& fixed) {
   try {
     swap.swap(newAudio, fixed);
     return true;
   } catch (const RefusedResult& refusal) {
     run.warn("The sound is left as it is, for new sound would do harm: " + refusal.description());
+    return false;
+  } catch (const AudioTrackReplacerError& failure) {
+    if (failure.kind() != AudioTrackReplacerError::Case::corruptedMP4) throw;
+    run.warn("The sound is left as it is, for no track can be put into this file: " + failure.description());
     return false;
   }
 }
