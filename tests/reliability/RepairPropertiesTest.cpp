@@ -206,7 +206,9 @@ class RepairProperties : public testing::Test {
     }
     Source source(file, place_ / "truth.mp4");
     ProbedMovie result(place_ / "out.mp4");
-    EXPECT_EQ(complaintsOf(result), "");
+    // A list that begins between two key pictures makes ffmpeg complain of the source too.
+    const std::string complaints = complaintsOf(result);
+    EXPECT_TRUE(complaints.empty() || !complaintsOf(source.truth).empty()) << complaints;
     EXPECT_TRUE(std::ranges::equal(source.truth.media["video"], result.media["video"], &Packet::isSame));
     EXPECT_FALSE(movie.isHealthy && promise.audio.replacesSound());
     expectBoxesKept(source.movie.moov, result.moov,
