@@ -1,9 +1,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <random>
-#include <sstream>
-
 #include "audio/MP4AudioTrackReplacer.h"
 #include "audio/TrackBoxEdit.h"
 #include "mp4/DataExtensions.h"
@@ -27,33 +24,23 @@ using Replacer = MP4AudioTrackReplacer;
 
 constexpr uint64_t fourGiB = uint64_t{1} << 32;
 
-std::vector<std::string> linesOf(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
 class TrackReplacer : public testing::Test {
  protected:
   void replace(FileManager& files, Replacer::EditList editList = Replacer::EditList::dropped) {
-    Replacer::replaceAudioTrack(files, source_, newAudio_, output_, editList,
-                                [&](const Path& result, std::span<const CopiedRange> copied) {
-                                  EXPECT_EQ(result, output_);
-                                  copied_.assign(copied.begin(), copied.end());
-                                });
+    const auto check = [&](const Path& result, std::span<const CopiedRange> copied) {
+      EXPECT_EQ(result, output_);
+      copied_.assign(copied.begin(), copied.end());
+    };
+    Replacer::replaceAudioTrack(files, source_, newAudio_, output_, editList, check);
   }
   std::string failure() {
     return failureOf([&] { replace(files_); });
   }
 
-  /// The line of its hash, without the number.
-  std::string newSound() { return mediaHashes(newAudio_).substr(1); }
-
   /// The output has the source's pictures and the new sound, and nothing that a player complains of.
   void expectWhole(const std::string& what) {
     const std::string own = mediaHashes(video_);
-    EXPECT_EQ(mediaHashes(output_), own.substr(0, own.find('\n') + 1) + "1" + newSound()) << what;
+    EXPECT_EQ(mediaHashes(output_), own.substr(0, own.find('\n') + 1) + "1" + mediaHashes(newAudio_).substr(1)) << what;
     EXPECT_EQ(decoderComplaints(output_), "") << what;
   }
 
@@ -100,7 +87,6 @@ TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
     std::vector<MovieLayout::Piece> pieces;
   } rows[] = {
       {"moov ahead", plain, {ftyp, moov, mdat}},
-      {"moov behind", plain, {ftyp, noise, mdat, moov}},
       {"media around the moov", plain, {ftyp, firstThird, noise, moov, second, noise, lastThird}},
       {"64-bit offsets and sizes", longOffsets, {ftyp, moov, {Kind::longMdat}}},
       {"mdat without an end", plain, {ftyp, moov, {Kind::openMdat}}},
@@ -129,74 +115,7 @@ TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
       copied.insert(copied.end(), to, to + static_cast<ptrdiff_t>(range.size));
     }
     EXPECT_EQ(copied, others);
-    const bool hasDefault = std::equal(defaultFtyp.begin(), defaultFtyp.end(), result.begin());
-    EXPECT_EQ(hasDefault, row.name == "no ftyp");
-  }
-}
-
-TEST_F(TrackReplacer, ChangesNothingButTheMediaOfTheFirstAudioTrack) {
-  const auto write = [&](const std::string& name, const std::string& text) {
-    writeFileAtomically(files_, directory_ / name, bytesOf(text));
-    return (directory_ / name).string();
-  };
-  const std::string titles = write("titles.txt",
-                                   ";FFMETADATA1\ntitle=A day\nartist=We\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\n"
-                                   "END=2000\ntitle=One\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=2000\nEND=4000\n"
-                                   "title=Two\n");
-  const std::string text = write("text.srt", "1\n00:00:00,500 --> 00:00:01,500\nhello\n");
-  const Path second = madeByFFmpeg(words("-f lavfi -i sine=frequency=500 -t 4 -c:a aac"), ".m4a");
-  const Path cover = madeByFFmpeg(words("-f lavfi -i testsrc=size=64x64 -frames:v 1"), ".png");
-  const std::string inputs = fmt::format(
-      "-i {} -i {} -i {} -i {} -i {} -map 0 -map 1 -map_metadata 4 -map_chapters 4 -c copy "
-      "-metadata:s:a:0 language=deu -metadata:s:a:1 language=fra ",
-      video_.string(), second.string(), text, cover.string(), titles);
-  const std::string subtitles = "-map 2 -c:s mov_text ", picture = "-map 3 -disposition:v:1 attached_pic ";
-  const struct {
-    std::string options, ending;
-  } rows[] = {
-      {inputs + subtitles + picture, ".mp4"},
-      {inputs + subtitles + "-movflags faststart -disposition:a:0 0 -disposition:a:1 default", ".mp4"},
-      {inputs + "-c:a:0 ac3", ".mp4"},
-      {inputs + "-c:a:0 pcm_s16le", ".mov"},
-  };
-  const auto said = [](const Path& file) {
-    std::string output =
-        runProcess({"ffprobe", "-v", "error", "-show_chapters", "-show_entries",
-                    "stream=index,id,codec_type:stream_tags:stream_disposition:format_tags", "-of", "compact", file})
-            .output;
-    const std::string_view ofTheCodec = "|side_data|";
-    if (const size_t at = output.find(ofTheCodec); at != std::string::npos) output.erase(at, ofTheCodec.size());
-    return output;
-  };
-  const auto allBoxes = [&](const Path& file, std::string_view path) {
-    const BoxEditor editor(readFile(files_, file));
-    std::vector<Bytes> boxes;
-    for (const auto& found : editor.all(path)) {
-      const auto begin = editor.bytes.begin() + static_cast<ptrdiff_t>(found.offset);
-      boxes.emplace_back(begin, begin + static_cast<ptrdiff_t>(found.size));
-    }
-    return boxes;
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.options);
-    source_ = directory_ / ("source" + row.ending);
-    output_ = directory_ / ("output" + row.ending);
-    auto command = words("ffmpeg -v error -y " + row.options);
-    command.push_back(source_);
-    ASSERT_EQ(runProcess(command).output, "");
-    replace(files_, Replacer::EditList::kept);
-    EXPECT_EQ(said(output_), said(source_));
-    EXPECT_EQ(decoderComplaints(output_), "");
-    std::vector<std::string> before = linesOf(mediaHashes(source_)), after = linesOf(mediaHashes(output_));
-    ASSERT_TRUE(before.at(1).starts_with("1,a,"));
-    before[1] = "1" + linesOf(newSound()).front();
-    EXPECT_EQ(after, before);
-    for (const char* path : {"moov/trak/tref", "moov/trak/edts", "moov/trak/mdia/hdlr", "moov/trak/mdia/minf/smhd",
-                             "moov/trak/udta", "moov/udta"}) {
-      EXPECT_EQ(allBoxes(output_, path), allBoxes(source_, path)) << path;
-    }
-    const Bytes oldHeader = allBoxes(source_, "moov/mvhd").front(), newHeader = allBoxes(output_, "moov/mvhd").front();
-    EXPECT_EQ(readUInt32(newHeader, 104), readUInt32(oldHeader, 104)) << "next_track_ID";
+    EXPECT_EQ(std::equal(defaultFtyp.begin(), defaultFtyp.end(), result.begin()), row.name == "no ftyp");
   }
 }
 
@@ -231,7 +150,6 @@ TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
   } rows[] = {
       {"none", {}, {}, 6000},
       {"priming, to the nearest tick", list(0, 1, {3000, 1024, rate}), list(0, 1, {3000, 1115, rate}), 3000},
-      {"down", list(0, 1, {3000, 1025, rate}), list(0, 1, {3000, 1116, rate}), 3000},
       {"late", list(0, 2, {30, empty, rate, 300, 0, rate}), list(0, 2, {30, empty, rate, 300, 0, rate}), 330},
       {"a pause and other rates", list(0, 3, {9, 441, rate, 60, empty, 0, 9, 882, 0x8000}),
        list(0, 3, {9, 480, rate, 60, empty, 0, 9, 960, 0x8000}), 78},
@@ -364,8 +282,6 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   HoleCopier files(files_);
   replace(files);
   expectWhole("beyond 4 GiB");
-  EXPECT_TRUE(log_.contains(
-      fmt::format("  Upgraded stco to co64: {} bytes -> {} bytes", stco.size, stco.size + 4 * chunks.size())));
 }
 
 TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
@@ -375,11 +291,12 @@ TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
     writeFileAtomically(files_, source_, movie({mvhd(600), track("vide", id, 5000)}));
     replace(files_);
     const BoxEditor output(readFile(files_, output_));
-    EXPECT_TRUE(log_.contains(fmt::format("  Updated audio track_ID: 1 -> {}", id + 1)));
+    const auto added = output.all("moov/trak/tkhd").at(1);
+    EXPECT_EQ(output.field(added.offset + 20), id + 1);
+    EXPECT_EQ(output.field(added.offset + 28), 6000u);
     EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 104), id + 2);
     EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 24), 6000u);
   }
-  EXPECT_TRUE(log_.contains("  Updated tkhd.duration: 441000 -> 6000"));
 }
 
 TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
@@ -437,43 +354,15 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
 TEST_F(TrackReplacer, CollapsesTimesOnlyWhereTheLengthStays) {
   const Bytes uneven = fullBox("stts", {2, 9, 1024, 1, 1000}), cut = fullBox("stts", {3, 9, 1024, 1, 1024});
   const Bytes even = fullBox("stts", {1, 7, 1024}), none = fullBox("stts", {0}), timeless = fullBox("stts", {1, 7, 0});
-  const struct {
-    Bytes before, after;
-    std::string line;
-  } rows[] = {
-      {even, even, "collapsed 1 entries into 1 (delta=1024)"},
-      {fullBox("stts", {2, 6, 1000, 1, 1168}), even, "collapsed 2 entries into 1 (delta=1024)"},
-      {uneven, uneven, "duration 10216 not divisible by samples 10, leaving stts as-is"},
-      {cut, cut, "stts truncated"},
-      {none, none, "no samples recorded"},
-      {timeless, timeless, "computed zero delta, skipping"},
-  };
-  for (const auto& row : rows) {
+  const std::pair<Bytes, Bytes> rows[] = {{even, even},     {fullBox("stts", {2, 6, 1000, 1, 1168}), even},
+                                          {uneven, uneven}, {cut, cut},
+                                          {none, none},     {timeless, timeless}};
+  for (const auto& [before, after] : rows) {
     MovieBox stts;
     stts.type = "stts";
-    stts.contents.assign(row.before.begin() + 8, row.before.end());
-    EXPECT_EQ(normalizeAudioStts(stts).value_or(row.before), row.after) << row.line;
-    EXPECT_EQ(log_.lines().back(), "  normalizeAudioStts: " + row.line);
+    stts.contents.assign(before.begin() + 8, before.end());
+    EXPECT_EQ(normalizeAudioStts(stts).value_or(before), after);
   }
-}
-
-TEST_F(TrackReplacer, SurvivesDamageAnywhereInTheMoov) {
-  const MovieLayout layout(readFile(files_, video_));
-  const Bytes whole = layout.build({{Kind::raw, layout.ftyp}, {Kind::moov}, {Kind::mdat}});
-  std::mt19937 random(7);
-  int written = 0, played = 0;
-  for (int round = 0; round < 160; ++round) {
-    Bytes damaged = whole;
-    const size_t at = layout.ftyp.size() + random() % (layout.moov.size() - 4);
-    writeUInt32(damaged, round % 2 == 0 ? random() % 64 : static_cast<uint32_t>(random()), at);
-    writeFileAtomically(files_, source_, damaged);
-    if (!failure().empty() || ++written % 8 != 0 || !mediaHashes(source_).starts_with("0,v,")) continue;
-    // A player that takes the damaged pictures finds the sound whole.
-    EXPECT_NE(mediaHashes(output_).find("1" + newSound()), std::string::npos) << at;
-    ++played;
-  }
-  EXPECT_LT(written, 160);
-  EXPECT_GT(played, 3);
 }
 
 }  // namespace

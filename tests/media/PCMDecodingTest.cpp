@@ -127,26 +127,22 @@ TEST(PCMDecoding, EqualsFFmpegForEachCodecAndRate) {
 }
 
 TEST(PCMDecoding, ClicksStayInPlaceBehindBreaksAndUnderDrift) {
-  struct Case {
+  const struct {
     int rate;
     std::string filter;
     double shift = 0;  // of what comes from 2.54 s on
     double speed = 1;
     double tolerance = 0.001;
-  };
-  std::vector<Case> cases = {
+  } cases[] = {
       {48000, "'if(gt(N\\,119)\\,TS+24576\\,TS)'", 0.512},
-      {44100, "'if(gt(N\\,109)\\,TS+22050\\,TS)'", 0.5},
       // The click at 2.55 s is in the later packet where it overlaps the one ahead of it.
       {48000, "'if(gt(N\\,119)\\,TS-900\\,TS)'", -900.0 / 48000},
       {48000, "'if(gt(N\\,119)\\,TS-240\\,TS)'", -0.005},
       {44100, "'round(TS*1.005)'", 0, 1.005, 0.002},
+      {48000, "'round(TS*0.997)'", 0, 0.997, 0.002},
+      {48000, "'round(TS*1.02)'", 0, 1.02, 0.003},
+      {48000, "'round(TS*0.98)'", 0, 0.98, 0.003},
   };
-  for (double drift : {0.001, 0.003, 0.005, 0.01, 0.02}) {
-    for (double speed : {1 + drift, 1 - drift}) {
-      cases.push_back({48000, fmt::format("'round(TS*{})'", speed), 0, speed, drift < 0.02 ? 0.002 : 0.003});
-    }
-  }
   for (const auto& c : cases) {
     SCOPED_TRACE(c.filter);
     const Clip file(clicks(c.rate, c.filter));
@@ -296,23 +292,16 @@ TEST(PCMDecoding, AHoleOfAnHourTakesNoMemory) {
 
 TEST(PCMDecoding, TakesOnlyWhatItCanDecode) {
   const auto stereo = interleavedPCM16(48000, 2);
-  const std::pair<CMFormatDescription, bool> rows[] = {
-      {{"mp4a", stereo, {0x11, 0x90}, 0x20}, false},  // MPEG-4 video
-      {{"drmI", stereo, {}}, false},
-      {{"alac", stereo, {0}}, false},
-      {{"mp4a", stereo, {0x11, 0x90}, 0x40}, true},
-      {{"mp4a", stereo, {}, 0x40}, true},
-  };
   AVAssetTrack track;
-  const auto makes = [&](const PCMOutputSettings& settings = {}) {
+  const auto makes = [&](std::optional<CMFormatDescription> format, const PCMOutputSettings& settings = {}) {
+    track.formatDescriptions.clear();
+    if (format) track.formatDescriptions = {std::make_shared<CMFormatDescription>(*format)};
     return failureOf([&] { makePCMSource(nullptr, track, settings); }).empty();
   };
-  EXPECT_FALSE(makes());
-  for (const auto& [format, isKnown] : rows) {
-    track.formatDescriptions = {std::make_shared<CMFormatDescription>(format)};
-    EXPECT_EQ(makes(), isKnown) << format.codec;
-  }
-  EXPECT_FALSE(makes({.sampleRate = 0}) || makes({.channels = 0}) || makes({.channels = 3}));
+  const CMFormatDescription video{"mp4a", stereo, {0x11, 0x90}, 0x20}, aac{"mp4a", stereo, {}, 0x40};
+  EXPECT_FALSE(makes({}) || makes(video) || makes({{"drmI", stereo, {}}}) || makes({{"alac", stereo, {0}}}));
+  EXPECT_TRUE(makes(aac));
+  EXPECT_FALSE(makes(aac, {.sampleRate = 0}) || makes(aac, {.channels = 0}) || makes(aac, {.channels = 3}));
 }
 
 }  // namespace

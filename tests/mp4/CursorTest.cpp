@@ -51,7 +51,7 @@ TEST(DataExtensions, TakesUTF8AsTheStandardHasIt) {
   }
 }
 
-TEST(BitReader, TakesBitsFromTheTop) {
+TEST(BitReader, TakesBitsFromTheTopAndSignedCodes) {
   Bytes bytes = {0xA5, 0xFF, 0x00, 0x12, 0x34};
   BitReader reader(bytes);
   EXPECT_EQ(reader.readBits(3), 5u);
@@ -61,21 +61,13 @@ TEST(BitReader, TakesBitsFromTheTop) {
   EXPECT_EQ(reader.readBits(8), 20u) << "the 5 bits that are left, without fill";
   EXPECT_EQ(reader.readBits(8), 0u);
   EXPECT_EQ(reader.bytePosition, 5u);
-}
-
-TEST(BitReader, ReadsSignedExpGolomb) {
-  const std::pair<BitBuilder, int32_t> cases[] = {
-      {BitBuilder().bits(0b1, 1), 0},
-      {BitBuilder().bits(0b010, 3), 1},
-      {BitBuilder().bits(0b011, 3), -1},
-      {BitBuilder().bits(0b00100, 5), 2},
-      {BitBuilder().bits(0b00101, 5), -2},
-      {BitBuilder().bits(UINT32_MAX, 63), -2147483647},
-      {BitBuilder().bits(0, 32).bits(UINT64_MAX, 33), 0},
-  };
-  for (const auto& [code, value] : cases) {
-    Bytes bytes = code.bytes();
-    EXPECT_EQ(BitReader(bytes).readSE(), value);
+  const std::pair<BitBuilder, int32_t> signedCodes[] = {{BitBuilder().bits(0b00100, 5), 2},
+                                                        {BitBuilder().bits(0b00101, 5), -2},
+                                                        {BitBuilder().bits(UINT32_MAX, 63), -2147483647},
+                                                        {BitBuilder().bits(0, 32).bits(UINT64_MAX, 33), 0}};
+  for (const auto& [code, value] : signedCodes) {
+    const Bytes coded = code.bytes();
+    EXPECT_EQ(BitReader(coded).readSE(), value);
   }
 }
 

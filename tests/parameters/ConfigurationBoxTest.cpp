@@ -11,12 +11,12 @@ namespace {
 
 using namespace test;
 
-Bytes hevcRecord(const Bytes& sps, int nalLengthSize = 4) {
-  return HEVCConfigurationBox({}, {}, {}, {sps}, nalLengthSize, true).buildDecoderConfigRecord();
+Bytes hevcRecord(const Bytes& sps) {
+  return HEVCConfigurationBox({}, {}, {}, {sps}, 4, true).buildDecoderConfigRecord();
 }
 
-Bytes avcRecord(const Bytes& sps, int nalLengthSize = 4) {
-  return AVCConfigurationBox({{0x67, 1}}, {{0x68, 2, 3}}, {Bytes(sps.begin() + 1, sps.end())}, nalLengthSize)
+Bytes avcRecord(const Bytes& sps) {
+  return AVCConfigurationBox({{0x67, 1}}, {{0x68, 2, 3}}, {Bytes(sps.begin() + 1, sps.end())}, 4)
       .buildDecoderConfigRecord();
 }
 
@@ -24,11 +24,8 @@ class ConfigurationBoxes : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(ConfigurationBoxes, AreWrittenBitByBit) {
-  const Bytes sps = HEVCSPS{.level = 120, .chromaFormat = 2, .lumaDepthMinus8 = 2, .chromaDepthMinus8 = 1}.bytes();
-  const HEVCConfigurationBox box({}, {{0x42, 1}, {0x42, 1, 2}}, {{0x44, 1, 9}}, {sps}, 2, false);
+TEST_F(ConfigurationBoxes, OfOddSetsSayWhatCanBeRead) {
   const Bytes shortest = HEVCSPS{.profile = 2, .level = 60, .width = 64, .height = 64}.bytes();
-  auto cut = [&](ptrdiff_t size) { return Bytes(shortest.begin(), shortest.begin() + size); };
   const HEVCSPS layered{.maxSubLayersMinus1 = 1,
                         .subLayerProfiles = true,
                         .chromaFormat = 3,
@@ -38,24 +35,17 @@ TEST_F(ConfigurationBoxes, AreWrittenBitByBit) {
                         .chromaDepthMinus8 = 2};
   const std::string arrays = " 03 a00000 a10000 a20000";
   const std::pair<Bytes, std::string> cases[] = {
-      {box.buildHvcCBox(),
-       "00000036 'hvcC' 01 01 00000000 000000000000 78 f000 fc fe fa f9 0000 0d "
-       "03 200000 210002 00024201 0003420102 220001 0003440109"},
-      {hevcRecord(sps), "01 01 00000000 000000000000 78 f000 fc fe fa f9 0000 0f" + arrays},
       // A depth of 16, which the field cannot hold.
       {hevcRecord(HEVCSPS{.lumaDepthMinus8 = 8}.bytes()),
        "01 01 00000000 000000000000 5d f000 fc fd f8 f8 0000 0f" + arrays},
-      {hevcRecord(cut(21)), "01 02 00000000 000000000000 3c f000 fc fd f8 f8 0000 0f" + arrays},
-      {hevcRecord(cut(20)), "01 01 00000000 000000000000 5d f000 fc fd f8 f8 0000 0f" + arrays},
+      {hevcRecord({shortest.begin(), shortest.begin() + 21}),
+       "01 02 00000000 000000000000 3c f000 fc fd f8 f8 0000 0f" + arrays},
+      {hevcRecord({shortest.begin(), shortest.begin() + 20}),
+       "01 01 00000000 000000000000 5d f000 fc fd f8 f8 0000 0f" + arrays},
       // What the strict reader refuses, the forgiving one takes, compatibility and constraint flags included.
-      {hevcRecord(HEVCSPS{.profileSpace = 1, .profile = 0, .width = 20000}.bytes()),
-       "01 40 60000000 900000000000 5d f000 fc fd f8 f8 0000 0f" + arrays},
       {hevcRecord(layered.bytes()), "01 01 60000000 900000000000 5d f000 fc ff ff fa 0000 17" + arrays},
       {hevcRecord(HEVCSPS{.maxSubLayersMinus1 = 7, .chromaFormat = 4}.bytes()),
        "01 01 60000000 900000000000 5d f000 fc ff f8 f8 0000 3f" + arrays},
-      {avcRecord(AVCSPS{.profile = 77}.bytes(), 2), "01 4d0028 fd e1 00026701 01 0003680203"},
-      {avcRecord(AVCSPS{.profile = 244}.bytes()), "01 f40028 ff e1 00026701 01 0003680203"},
-      {avcRecord(AVCSPS{.chromaFormat = 2}.bytes()), "01 640028 ff e1 00026701 01 0003680203 fe f8 f8 00"},
       {avcRecord({0x67, 100, 0, 40}), "01 42001e ff e1 00026701 01 0003680203"},
   };
   for (const auto& [record, expected] : cases) EXPECT_EQ(record, bytesFrom(expected)) << expected;

@@ -49,16 +49,8 @@ TEST_F(Segments, BeginWhereTheSetsChange) {
   auto only = [](std::initializer_list<Bytes> units) { return std::vector<Sync>{{0, sampleOf(units)}}; };
   const std::tuple<bool, std::vector<Sync>, std::string> cases[] = {
       {true, {{0, a}}, "0-99:1/1/1 "},
-      {true, {{5, a}, {50, b}}, "0-49:1/1/1 50-99:1/1/1 "},
-      {true, {{0, a}, {50, sampleOf({pps, vps, sps, slice})}}, "0-99:1/1/1 "},
-      {true, {{0, a}, {30, b}, {60, a}}, "0-29:1/1/1 30-59:1/1/1 60-99:1/1/1 "},
-      // The sets in force go on where a sample carries none, or some of them; they are those of the first that has any.
-      {true, {{0, a}, {30, none}, {60, a}}, "0-99:1/1/1 "},
-      {true, {{0, none}, {30, a}, {60, sampleOf({pps, slice})}}, "0-99:1/1/1 "},
-      {true, {{0, a}, {30, none}, {60, b}, {90, none}}, "0-59:1/1/1 60-99:1/1/1 "},
-      // One kind alone takes the place of the same identifier.
-      {true, {{0, a}, {30, sampleOf({hevcPPS(0, 9), slice})}}, "0-29:1/1/1 30-99:1/1/1 "},
-      {true, {{0, a}, {30, sampleOf({hevcPPS(1, 9), slice})}}, "0-29:1/1/1 30-99:1/1/2 "},
+      {true, {{5, a}, {30, none}, {50, b}, {60, a}, {90, none}}, "0-49:1/1/1 50-59:1/1/1 60-99:1/1/1 "},
+      {true, {{0, none}, {30, a}, {50, sampleOf({pps, vps, sps, slice})}}, "0-99:1/1/1 "},
       {true, only({pps, vps, pps, sps, slice}), "0-99:1/1/1 "},
       {true, only({sei, vps, sei, sps, slice}), "0-99:1/1/0 "},
       {true, only({vps, slice, sps, pps}), "0-99:1/0/0 "},
@@ -74,20 +66,12 @@ TEST_F(Segments, BeginWhereTheSetsChange) {
       {false, only({{0x68}, avcSPS}), "0-99:0/1/1 "},
   };
   for (const auto& [isHEVC, syncs, segments] : cases) EXPECT_EQ(summary(detect(isHEVC, syncs, 100)), segments);
-  EXPECT_THAT(log_.missing({"\nDetected 3 configuration segment(s)", "\nAVC: Detected 2 configuration segment(s)",
-                            "Segment 2: samples 30-59 (30 samples)", "AVC Segment 2: samples 50-99 (50 samples)",
-                            "Scanning 3 IRAP samples to detect configuration changes..."}),
-              testing::IsEmpty());
 
-  auto runs = detect(true, {{0, a}, {30, b}, {60, a}}, 100);
-  EXPECT_EQ(runs[0].fingerprint, runs[2].fingerprint);
-  EXPECT_EQ(detect(true, {{0, none}}, 1).at(0).fingerprint, std::string(64, '0'));
-  // 00 00 03 01: the SPS holds an emulation prevention byte, which is part of the fingerprint and not of the RBSP.
+  // 00 00 03 01: the SPS holds an emulation prevention byte, which the RBSP has not.
   const Bytes stored = {0x67, 1, 0, 0, 3, 1, 2};
-  auto segment = detect(false, {{0, sampleOf({stored, {0x68, 9}})}}, 1).at(0);
-  EXPECT_EQ(segment.fingerprint, "2949b309d084eac5aee7c5b6409c7c40b51ba4dd678a4680f3cfc0f26104bfa4");
-  EXPECT_THAT(segment.sets.spsArray, ElementsAre(stored));
-  EXPECT_THAT(segment.sets.spsRbspArray, ElementsAre(Bytes{1, 0, 0, 1, 2}));
+  const auto sets = detect(false, {{0, sampleOf({stored, {0x68, 9}})}}, 1).at(0).sets;
+  EXPECT_THAT(sets.spsArray, ElementsAre(stored));
+  EXPECT_THAT(sets.spsRbspArray, ElementsAre(Bytes{1, 0, 0, 1, 2}));
 }
 
 TEST_F(Segments, FailWithoutSyncSamplesAndBeyondAllMeasure) {

@@ -130,23 +130,18 @@ TEST(TransferConnectionTest, RefusedConnectionsAreTriedAgain) {
   EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, video(1));
 }
 
-TEST(TransferConnectionTest, TransfersRunSideBySideAndReportInModeration) {
+TEST(TransferConnectionTest, ATransferReportsInModeration) {
   FaultServer server;
   server.serve("/file", ServedFile::of(video(1)), {}, {.bytesPerSecond = videoSize / 60});
   Harness harness;
   harness.start();
   const auto began = std::chrono::steady_clock::now();
-  std::vector<std::shared_ptr<NSURLSessionDownloadTask>> tasks;
-  for (int i = 0; i < 8; ++i) tasks.push_back(harness.download(server.url("/file")));
-  for (const auto& task : tasks) {
-    const Heard heard =
-        harness.listener->waitFor(task->taskIdentifier(), [](const Heard& soFar) { return soFar.reports() >= 3; });
-    const auto elapsed = std::chrono::steady_clock::now() - began;
-    EXPECT_LE(heard.reports(), elapsed / harness.options.reportInterval + 1) << heard.events;
-    EXPECT_EQ(heard.expected, static_cast<int64_t>(videoSize));
-  }
-  EXPECT_FALSE(harness.listener->heard(tasks.front()->taskIdentifier()).isOver()) << "a file takes a minute";
-  for (const auto& task : tasks) task->cancel();
+  const auto task = harness.download(server.url("/file"));
+  const Heard heard =
+      harness.listener->waitFor(task->taskIdentifier(), [](const Heard& soFar) { return soFar.reports() >= 3; });
+  EXPECT_LE(heard.reports(), (std::chrono::steady_clock::now() - began) / harness.options.reportInterval + 1);
+  EXPECT_EQ(heard.expected, static_cast<int64_t>(videoSize));
+  task->cancel();
 }
 
 TEST(TransferConnectionTest, WhatCannotBeFetchedMakesNoTask) {
