@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "parameters/PictureSize.h"
 #include "parameters/ProfileTierLevel.h"
 
 namespace {
@@ -72,13 +73,18 @@ bool readChromaFormat(SPSBits& bits, HEVCSPSInfo& info) {
   return true;
 }
 
-bool readPictureSize(SPSBits& bits, HEVCSPSInfo& info) {
+/// Reads the window too, and says how large it is.
+bool readPictureSize(SPSBits& bits, HEVCSPSInfo& info, tarn::PictureSize& shown) {
   auto allowed = [](uint32_t dimension) { return dimension >= 1 && dimension <= largestDimension; };
   info.width = bits.readUE();
   info.height = bits.readUE();
   if (!allowed(info.width) || !allowed(info.height)) return false;
+  shown = {.width = info.width, .height = info.height};
   if (bits.read(1) != 0) {  // conformance_window_flag
-    for (int offset = 0; offset < 4; ++offset) bits.readUE();
+    int64_t chromaWidth = info.chromaFormatIdc == 1 || info.chromaFormatIdc == 2 ? 2 : 1;
+    int64_t chromaHeight = info.chromaFormatIdc == 1 ? 2 : 1;
+    for (int side = 0; side < 2; ++side) shown.width -= chromaWidth * bits.readUE();
+    for (int side = 0; side < 2; ++side) shown.height -= chromaHeight * bits.readUE();
   }
   return true;
 }
@@ -89,9 +95,7 @@ std::optional<uint8_t> readBitDepth(SPSBits& bits) {
   return static_cast<uint8_t>(above8 + 8);
 }
 
-}  // namespace
-
-int32_t hevc_parse_sps(const uint8_t* data, size_t size, HEVCSPSInfo* info) {
+int32_t readSPS(const uint8_t* data, size_t size, HEVCSPSInfo* info, tarn::PictureSize& shown) {
   if (data == nullptr || info == nullptr || size <= nalHeaderSize) return -1;
   *info = HEVCSPSInfo{};
   SPSBits bits(data, size);
@@ -100,12 +104,29 @@ int32_t hevc_parse_sps(const uint8_t* data, size_t size, HEVCSPSInfo* info) {
   info->temporalIdNesting = bits.readByte(1);
   if (!readProfileTierLevel(bits, *info)) return -1;
   bits.readUE();  // sps_seq_parameter_set_id
-  if (!readChromaFormat(bits, *info) || !readPictureSize(bits, *info)) return -1;
+  if (!readChromaFormat(bits, *info) || !readPictureSize(bits, *info, shown)) return -1;
   auto luma = readBitDepth(bits);
   if (!luma) return -1;
   auto chroma = readBitDepth(bits);
   if (!chroma) return -1;
   info->bitDepthLuma = *luma;
   info->bitDepthChroma = *chroma;
+  return 0;
+}
+
+}  // namespace
+
+int32_t hevc_parse_sps(const uint8_t* data, size_t size, HEVCSPSInfo* info) {
+  tarn::PictureSize shown;
+  return readSPS(data, size, info, shown);
+}
+
+int32_t hevc_parse_sps_shown_size(const uint8_t* data, size_t size, uint32_t* width, uint32_t* height) {
+  HEVCSPSInfo info;
+  tarn::PictureSize shown;
+  if (width == nullptr || height == nullptr || readSPS(data, size, &info, shown) != 0) return -1;
+  if (shown.width < 1 || shown.height < 1) return -1;
+  *width = static_cast<uint32_t>(shown.width);
+  *height = static_cast<uint32_t>(shown.height);
   return 0;
 }

@@ -249,6 +249,13 @@ std::optional<PictureSize> NALUnitParser::parseSPSResolution(ByteView cleanedSPS
   return PictureSize{.width = info.width, .height = info.height};
 }
 
+std::optional<PictureSize> NALUnitParser::parseShownSize(ByteView cleanedSPS) {
+  uint32_t width = 0;
+  uint32_t height = 0;
+  if (hevc_parse_sps_shown_size(cleanedSPS.data(), cleanedSPS.size(), &width, &height) != 0) return std::nullopt;
+  return PictureSize{.width = width, .height = height};
+}
+
 std::optional<MP4BoxInfo> NALUnitParser::findVideoTrackStbl(FileHandle& file, const MP4BoxInfo& moov) {
   auto box = MP4BoxUtils::findTrack(file, moov, MP4TrackType::video);
   for (std::string_view type : {"mdia", "minf", "stbl"}) {

@@ -32,6 +32,10 @@ class NALUnitParser {
   /// prevention. Nothing when it cannot be read.
   static std::optional<PictureSize> parseSPSResolution(ByteView cleanedSPS);
 
+  /// The size of the pictures that are shown, conformance window applied; of such a unit. Nothing when it cannot be
+  /// read.
+  static std::optional<PictureSize> parseShownSize(ByteView cleanedSPS);
+
   /// The `stbl` of the first video track.
   static std::optional<MP4BoxInfo> findVideoTrackStbl(FileHandle& file, const MP4BoxInfo& moov);
 

@@ -93,7 +93,7 @@ std::vector<std::pair<uint32_t, const Bytes*>> identified(const ParameterSets& s
 
 const ParameterSetRules hevcReadableSets{.codec = hevcNALCodec,
                                          .headerBytesInRbsp = 2,
-                                         .pictureSize = NALUnitParser::parseSPSResolution,
+                                         .pictureSize = NALUnitParser::parseShownSize,
                                          .identifier = parseHEVCParameterSetID,
                                          .isReadable = isReadableHEVC,
                                          .report = nullptr};

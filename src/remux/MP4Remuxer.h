@@ -98,11 +98,13 @@ class MP4Remuxer {
   /// Gives the video track one sample entry for each segment, a run of samples with the same parameter sets in force,
   /// each made from the entry of the segment's first sync sample, and makes each sample a chunk of its own that names
   /// its segment's entry. Segments that are not given are found in the stream, with the sets of the sample entry in
-  /// force at the start. Only `stsd`, `stsc` and the chunk offsets of the track change; the size in `tkhd` stays.
-  /// `moovData` is the whole `moov` that stands at `moovBox` in the file, `fileHandle` the file open for reading, which
-  /// is closed before the file is replaced. A `moov` that stays the same is not written. Fills `timings`. Throws
-  /// MP4RemuxError, ByteArrayError, ConfigurationBoxError, PosixError, VisualSampleEntryBuilderError, and what the
-  /// sample table parser and the detection of the segments throw.
+  /// force at the start. Given ones are those of a plan: segments whose entries would be alike share one, and HEVC
+  /// entries state the size that is shown; that of segments which are found is the coded one. Only `stsd`, `stsc` and
+  /// the chunk offsets of the track change; the size in `tkhd` stays. `moovData` is the whole `moov` that stands at
+  /// `moovBox` in the file, `fileHandle` the file open for reading, which is closed before the file is replaced. A
+  /// `moov` that stays the same is not written. Fills `timings`. Throws MP4RemuxError, ByteArrayError,
+  /// ConfigurationBoxError, PosixError, VisualSampleEntryBuilderError, and what the sample table parser and the
+  /// detection of the segments throw.
   static void remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                              ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
                                              std::optional<RemuxTimings>& timings,

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -36,7 +37,7 @@ struct Codec {
                              int64_t totalSampleCount, const ParameterSets& ofSampleEntry);
   Bytes (*buildConfigBox)(const ConfigurationSegment& segment, int nalLengthSize);
   /// The size that the segment's entry shall state; nothing where that of the template stays.
-  std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number);
+  std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number, bool isPlanned);
   Bytes (*cloneEntry)(ByteView originalEntry, ByteView configBox, std::string_view targetCodecTag,
                       std::optional<PictureSize> size);
 };
@@ -55,9 +56,10 @@ bool isEmpty(const PictureSize& size) {
   return size.width < 1 || size.height < 1;
 }
 
-std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number) {
+std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number, bool isPlanned) {
   if (segment.sets.spsRbspArray.empty()) return std::nullopt;
-  auto size = NALUnitParser::parseSPSResolution(segment.sets.spsRbspArray.front());
+  const Bytes& sps = segment.sets.spsRbspArray.front();
+  auto size = isPlanned ? NALUnitParser::parseShownSize(sps) : NALUnitParser::parseSPSResolution(sps);
   if (!size) {
     log("  WARNING: Could not parse SPS resolution for segment {}", number);
     return std::nullopt;
@@ -71,7 +73,7 @@ std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, 
   return size;
 }
 
-std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/) {
+std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/, bool /*isPlanned*/) {
   if (segment.sets.spsRbspArray.empty()) return std::nullopt;
   auto size = AVCConfigurationBox::parseSPSResolution(segment.sets.spsRbspArray.front());
   if (!size || isEmpty(*size)) return std::nullopt;
@@ -110,18 +112,19 @@ class Redescription {
                 const Codec& codec)
       : moovBox_(moovBox), moov_(moov), nalLengthSize_(nalLengthSize), file_(file), timings_(timings), codec_(codec) {}
 
-  /// Detects the segments where none are given.
+  /// Detects the segments where no plan gives them.
   Bytes buildNewMoov(Segments segments) {
     parseTable();
-    if (segments.empty()) segments = detectSegments();
+    isPlanned_ = !segments.empty();
+    if (!isPlanned_) segments = detectSegments();
     for (ConfigurationSegment& segment : segments) dropTooLongSets(segment.sets);
-    std::vector<Bytes> entries = buildEntries(segments);
-    rebuildTables(segments, entries);
+    buildEntries(segments);
+    rebuildTables();
     table_ = {};
 
     TimingHelper timer;
     log("{}Building new moov...", codec_.prefix);
-    Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries, stsc_, chunkOffsets_);
+    Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries_, stsc_, chunkOffsets_);
     timings_.buildNewMoov = timer.stop();
     log("{}New moov size: {} bytes (was {} bytes)", codec_.prefix, moov.size(), moov_.size());
     return moov;
@@ -172,32 +175,39 @@ class Redescription {
     return VisualSampleEntryBuilder::extractSampleEntry(stsd_, description - 1);
   }
 
-  std::vector<Bytes> buildEntries(const Segments& segments) {
+  /// Makes the entries, and notes which one describes which samples.
+  void buildEntries(const Segments& segments) {
     TimingHelper timer;
     log("{}Building {} sample entries...", codec_.prefix, segments.size());
-    std::vector<Bytes> entries;
     for (size_t i = 0; i < segments.size(); ++i) {
       log("{}Building sample entry {}/{}...", codec_.prefix, i + 1, segments.size());
       Bytes original = findTemplate(segments[i]);
       Bytes configBox = codec_.buildConfigBox(segments[i], nalLengthSize_);
-      auto size = codec_.pictureSize(segments[i], i + 1);
-      entries.push_back(codec_.cloneEntry(original, configBox, codec_.tag, size));
+      auto size = codec_.pictureSize(segments[i], i + 1, isPlanned_);
+      descriptions_.push_back({.startSampleIndex = segments[i].startSampleIndex,
+                               .endSampleIndex = segments[i].endSampleIndex,
+                               .descriptionIndex = addEntry(codec_.cloneEntry(original, configBox, codec_.tag, size))});
     }
     timings_.buildSampleEntries = timer.stop();
-    return entries;
   }
 
-  void rebuildTables(const Segments& segments, const std::vector<Bytes>& entries) {
+  /// Gives the number of the entry. Segments of a plan share entries that are alike.
+  uint32_t addEntry(Bytes entry) {
+    if (auto known = numbers_.find(textOf(entry)); isPlanned_ && known != numbers_.end()) {
+      log("{}Sample entry {} says the same and is used again", codec_.prefix, known->second);
+      return known->second;
+    }
+    entries_.push_back(std::move(entry));
+    auto number = static_cast<uint32_t>(entries_.size());
+    numbers_.emplace(textOf(entries_.back()), number);
+    return number;
+  }
+
+  void rebuildTables() {
     TimingHelper timer;
     log("{}Rebuilding sample tables...", codec_.prefix);
-    std::vector<SampleDescriptionSegment> descriptions;
-    for (const ConfigurationSegment& segment : segments) {
-      descriptions.push_back({.startSampleIndex = segment.startSampleIndex,
-                              .endSampleIndex = segment.endSampleIndex,
-                              .descriptionIndex = static_cast<uint32_t>(descriptions.size() + 1)});
-    }
-    stsc_ = table_.rebuildStscBox(descriptions);
-    chunkOffsets_ = table_.rebuildChunkOffsetBox(shiftWithShortOffsets(entries));
+    stsc_ = table_.rebuildStscBox(descriptions_);
+    chunkOffsets_ = table_.rebuildChunkOffsetBox(shiftWithShortOffsets());
     timings_.rebuildSampleTables = timer.stop();
     if (!codec_.logsDetails) return;
     log("  New stsc: {} bytes", stsc_.size());
@@ -205,9 +215,9 @@ class Redescription {
   }
 
   /// How the media will move if the chunk offsets stay 32 bits wide.
-  ChunkOffsetShift shiftWithShortOffsets(const std::vector<Bytes>& entries) {
+  ChunkOffsetShift shiftWithShortOffsets() {
     uint64_t stsd = stsdEntriesInBox;
-    for (const Bytes& entry : entries) stsd += entry.size();
+    for (const Bytes& entry : entries_) stsd += entry.size();
     uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
     uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
     return findMediaLayout(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size));
@@ -223,6 +233,10 @@ class Redescription {
   MP4Remuxer::BoxRange stbl_;
   MP4SampleTableParser table_;
   Bytes stsd_;
+  bool isPlanned_ = false;
+  std::vector<Bytes> entries_;
+  std::map<std::string_view, uint32_t> numbers_;  // of the entries, by their bytes
+  std::vector<SampleDescriptionSegment> descriptions_;
   Bytes stsc_;
   Bytes chunkOffsets_;
 };

@@ -17,7 +17,7 @@ struct VideoPlan {
     leavesAlone,  ///< the entries say all that a player needs
     changesTags,  ///< so they do, but for tags that leave the sets to the samples
     rebuilds,     ///< the only entry gets a new configuration box
-    splits,       ///< the track gets a new entry for each segment
+    splits,       ///< the track gets a new entry for each configuration
     cannot,       ///< something is missing, and nowhere to be found
   };
   Kind kind = Kind::leavesAlone;

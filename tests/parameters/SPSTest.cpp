@@ -45,6 +45,28 @@ TEST(HEVCSPSParser, ReadsWhatTheSetStates) {
   }
 }
 
+TEST(HEVCSPSParser, AppliesTheWindowInUnitsOfTheChromaFormat) {
+  // The window leaves out 4 units on the right and 4 at the bottom.
+  const std::pair<HEVCSPS, const char*> cases[] = {
+      {{}, "1920x1088"},
+      {{.conformanceWindow = true}, "1912x1080"},
+      {{.chromaFormat = 0, .conformanceWindow = true}, "1916x1084"},
+      {{.chromaFormat = 2, .conformanceWindow = true}, "1912x1084"},
+      {{.chromaFormat = 3, .conformanceWindow = true}, "1916x1084"},
+      {{.chromaFormat = 3, .separatePlanes = true, .conformanceWindow = true}, "1916x1084"},
+      {{.width = 9, .height = 9, .conformanceWindow = true}, "1x1"},
+      {{.width = 8, .conformanceWindow = true}, "none"},
+      {{.height = 8, .conformanceWindow = true}, "none"},
+      {{.width = 16385}, "none"},
+  };
+  for (const auto& [sps, expected] : cases) {
+    const Bytes bytes = sps.bytes();
+    uint32_t width = 0, height = 0;
+    bool isRead = hevc_parse_sps_shown_size(bytes.data(), bytes.size(), &width, &height) == 0;
+    EXPECT_EQ(isRead ? fmt::format("{}x{}", width, height) : "none", expected);
+  }
+}
+
 TEST(HEVCSPSParser, RefusesSetsThatAreCutOff) {
   HEVCSPSInfo info;
   Bytes sps = HEVCSPS{}.bytes();

@@ -116,7 +116,8 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const Sets h = hevc("192x144"), large = hevc("256x160"), a = avc("192x144"), largeAVC = avc("256x160");
   const Sets shown = avc("192x144", ":colorprim=bt709:transfer=bt709:colormatrix=bt709");
   const Bytes slice{0x26, 1, 0xAA, 0xBB}, avcSlice{0x65, 0x88, 0x84}, prefix{0x6E, 1, 2, 3};
-  const Bytes pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88), avcPPS0{0x68, 0xCE, 0x3D};
+  const Bytes coded = HEVCSPS{}.bytes(), shown1080 = HEVCSPS{.id = 1, .conformanceWindow = true}.bytes();
+  const Bytes pps0 = hevcPPS(0, 0x80), pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88), avcPPS0{0x68, 0xCE, 0x3D};
   ASSERT_NE(shown.sps, a.sps);
   Bytes tooLong = pps1;
   tooLong.resize(65'536, 0x55);
@@ -158,6 +159,16 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        {hvc1(hvcC(h))},
        {none, other, none},
        "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
+       "111 111 "},
+      {"a change and back",
+       {hvc1(hvcC(h))},
+       {none, other, none, full},
+       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 4/1/1 ",
+       "111 111 "},
+      {"another window on as large a picture",
+       {hev1({})},
+       {of({h.vps, coded, pps0, slice}), of({h.vps, shown1080, pps1, slice})},
+       "hvc1 1920x1088 hvc1 1912x1080 1/1/1 2/1/2 ",
        "111 111 "},
       {"sets now and then",
        {hev1({})},
@@ -282,7 +293,8 @@ void hideSets(Bytes& movie, const Path& like, bool isHEVC, const std::function<b
 }
 
 TEST_F(VideoRoad, MendsRealStreamsThatChange) {
-  const VideoRecipe avc = inBand(false), largeAVC = inBand(false, "256x160"), hevc = inBand(true);
+  const VideoRecipe avc = inBand(false), largeAVC = inBand(false, "256x160");
+  const VideoRecipe hevc = inBand(true, "160x124");  // coded as 160x128
   const VideoRecipe largeHEVC = inBand(true, "256x160");
   VideoRecipe otherAVC = avc, fields = inBand(false, "192x136");
   otherAVC.parameters += ":ref=3";
@@ -296,11 +308,11 @@ TEST_F(VideoRoad, MendsRealStreamsThatChange) {
     std::string result;
   } cases[] = {
       {{avc, largeAVC}, all, "avc1 192x144 avc1 256x160 1/1/1 51/1/2 "},
-      {{avc, otherAVC, avc}, all, "avc1 192x144 avc1 192x144 avc1 192x144 1/1/1 51/1/2 101/1/3 "},
+      {{avc, otherAVC, avc}, all, "avc1 192x144 avc1 192x144 1/1/1 51/1/2 101/1/1 "},
       {{avc, largeAVC}, odd, "avc1 192x144 avc1 256x160 1/1/1 51/1/2 "},
       {{fields, largeAVC}, afterFirst, "avc1 192x136 avc1 256x160 1/1/1 51/1/2 "},
-      {{hevc, largeHEVC}, odd, "hvc1 192x144 hvc1 256x160 1/1/1 51/1/2 "},
-      {{hevc, largeHEVC}, afterFirst, "hvc1 192x144 hvc1 256x160 1/1/1 51/1/2 "},
+      {{hevc, largeHEVC, hevc}, odd, "hvc1 160x124 hvc1 256x160 1/1/1 51/1/2 101/1/1 "},
+      {{hevc, largeHEVC}, afterFirst, "hvc1 160x124 hvc1 256x160 1/1/1 51/1/2 "},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);

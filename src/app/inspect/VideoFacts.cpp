@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "app/inspect/MovieFacts.h"
 #include "mp4/BoxWalker.h"
@@ -133,6 +134,16 @@ std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
   return sizes;
 }
 
+/// Of the pictures that are shown, one for each SPS that can be read.
+std::vector<PictureSize> pictureSizes(const ParameterSets& sets, bool isHEVC) {
+  if (!isHEVC) return sets.spsResolutions;
+  std::vector<PictureSize> sizes;
+  for (const Bytes& sps : sets.spsRbspArray) {
+    if (auto size = NALUnitParser::parseShownSize(sps)) sizes.push_back(*size);
+  }
+  return sizes;
+}
+
 BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table, bool isHEVC) {
   BitstreamFacts facts;
   try {
@@ -147,9 +158,9 @@ BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table
     facts.vps = sizesOf(sets.vpsArray);
     facts.sps = sizesOf(sets.spsArray);
     facts.pps = sizesOf(sets.ppsArray);
-    facts.pictures = sets.spsResolutions;
+    facts.pictures = pictureSizes(sets, isHEVC);
     facts.reusesIdentifiers = sets.requiresMultipleSampleEntries;
-    facts.changesPictureSize = sets.hasResolutionChanges;
+    facts.changesPictureSize = std::ranges::adjacent_find(facts.pictures, std::not_equal_to()) != facts.pictures.end();
   } catch (const Error& failure) {
     facts.problem = failure.description();
   }
