@@ -13,7 +13,7 @@ constexpr std::array policies{&boxwalk::topLevel,       &boxwalk::children,
                               &boxwalk::openChildren,   &boxwalk::tableChildren,
                               &boxwalk::clonedChildren, &boxwalk::protectionChildren,
                               &boxwalk::topLevelScan,   &boxwalk::movieBuffer,
-                              &boxwalk::trackBuffer,    &boxwalk::trackBufferDeep};
+                              &boxwalk::trackBuffer};
 
 /// A walk comes to its end: each header has eight bytes of its own, and a buffer is walked once for each level.
 template <typename Walker>

@@ -60,8 +60,6 @@ namespace boxwalk {
 inline constexpr std::string_view containerTypes[] = {"moov", "trak", "mdia", "minf", "stbl", "edts",
                                                       "mvex", "moof", "traf", "mfra", "udta", "sinf"};
 
-inline constexpr std::string_view trackContainerTypes[] = {"moov", "trak", "mdia", "minf", "stbl", "edts", "udta"};
-
 using P = BoxWalkPolicy;
 
 // clang-format off
@@ -80,7 +78,6 @@ inline constexpr P protectionChildren  {P::EndRule::headerIsNotLast, P::SizeZero
 inline constexpr P topLevelScan        {P::EndRule::beginsInside,    P::SizeZero::reachesEndOfFile,  P::SizeOne::reads64Bit, P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P movieBuffer         {P::EndRule::headerInside,    P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
 inline constexpr P trackBuffer         {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, {}};
-inline constexpr P trackBufferDeep     {P::EndRule::headerIsNotLast, P::SizeZero::endsWalk,          P::SizeOne::endsWalk,   P::SmallSize::endsWalk, P::Type::utf8,       P::Overrun::isYielded, trackContainerTypes};
 // clang-format on
 
 }  // namespace boxwalk

@@ -32,6 +32,14 @@ struct TopLevel {
   bool hasFragments = false;
 };
 
+/// A walk takes a box header that cannot be read for the end of the boxes: reads it once more, which throws PosixError
+/// where the system is the cause.
+void requireReadTo(FileHandle& file, const BoxWalkStop& stop) {
+  if (stop.reason != BoxWalkStop::Reason::unreadable) return;
+  file.seek(stop.offset);
+  (void)file.read(2 * layout::boxHeaderSize);
+}
+
 TopLevel scanTopLevel(FileHandle& file) {
   TopLevel found;
   FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevel);
@@ -41,6 +49,7 @@ TopLevel scanTopLevel(FileHandle& file) {
     if (box->type == "moov" && !found.moov) found.moov = boxInfo(*box);
     if (box->type == "moof") found.hasFragments = true;
   }
+  requireReadTo(file, walker.stop());
   if (found.moov && MP4BoxUtils::findChildBox(file, *found.moov, "mvex")) found.hasFragments = true;
   return found;
 }
