@@ -4,7 +4,6 @@
 #include "audio/MP4AudioTrackReplacer.h"
 #include "audio/TrackBoxEdit.h"
 #include "mp4/DataExtensions.h"
-#include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
@@ -21,8 +20,6 @@ namespace {
 using Kind = MovieLayout::Piece::Kind;
 
 using Replacer = MP4AudioTrackReplacer;
-
-constexpr uint64_t fourGiB = uint64_t{1} << 32;
 
 class TrackReplacer : public testing::Test {
  protected:
@@ -73,10 +70,10 @@ TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
   const MovieLayout plain(readFile(files_, video_));
   const auto chunks = plain.chunks();
   const uint64_t third = chunks[chunks.size() / 3], twoThirds = chunks[chunks.size() * 2 / 3];
-  MovieLayout longOffsets = plain, odd = plain;
-  longOffsets.useLongOffsets();
-  BoxEditor withOdd(plain.moov);
-  withOdd.insert("moov", plain.moov.size(), longBox("free", {Bytes(5)}));
+  MovieLayout odd = plain;
+  odd.useLongOffsets();
+  BoxEditor withOdd(odd.moov);
+  withOdd.insert("moov", odd.moov.size(), longBox("free", {Bytes(5)}));
   odd.moov = withOdd.bytes;
   const MovieLayout::Piece ftyp{Kind::raw, plain.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
   const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, lastThird{Kind::mdat, {}, twoThirds};
@@ -86,14 +83,12 @@ TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
     const MovieLayout& layout;
     std::vector<MovieLayout::Piece> pieces;
   } rows[] = {
-      {"moov ahead", plain, {ftyp, moov, mdat}},
-      {"media around the moov", plain, {ftyp, firstThird, noise, moov, second, noise, lastThird}},
-      {"64-bit offsets and sizes", longOffsets, {ftyp, moov, {Kind::longMdat}}},
-      {"mdat without an end", plain, {ftyp, moov, {Kind::openMdat}}},
+      {"media around the moov, which has 64-bit offsets and a box of 64-bit size",
+       odd,
+       {ftyp, firstThird, noise, moov, second, noise, lastThird}},
       {"moov without an end", plain, {ftyp, mdat, {Kind::openMoov}}},
       {"no ftyp", plain, {moov, mdat}},
       {"ftyp without an end", plain, {moov, mdat, {Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})}}},
-      {"a box of 64-bit size beside the tracks", odd, {ftyp, moov, mdat}},
       {"a tail that is no box", plain, {ftyp, moov, mdat, {Kind::raw, values({3, 3, 3})}}},
   };
   const Bytes defaultFtyp = box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
@@ -137,23 +132,15 @@ TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
     if (!edits.empty()) editor.insert("trak", editor.at("trak/mdia").offset, edits);
     return editor.bytes;
   };
-  Fields many, manyAfter;
-  for (uint32_t i = 0; i < 20; ++i) {
-    many.insert(many.end(), {60, 4410 * i, rate});
-    manyAfter.insert(manyAfter.end(), {60, 4800 * i, rate});
-  }
   const struct {
     std::string name;
     Bytes before, after;
     uint32_t duration;  // of the track
     Replacer::EditList rule = Replacer::EditList::kept;
   } rows[] = {
-      {"none", {}, {}, 6000},
       {"priming, to the nearest tick", list(0, 1, {3000, 1024, rate}), list(0, 1, {3000, 1115, rate}), 3000},
-      {"late", list(0, 2, {30, empty, rate, 300, 0, rate}), list(0, 2, {30, empty, rate, 300, 0, rate}), 330},
       {"a pause and other rates", list(0, 3, {9, 441, rate, 60, empty, 0, 9, 882, 0x8000}),
        list(0, 3, {9, 480, rate, 60, empty, 0, 9, 960, 0x8000}), 78},
-      {"more than sixteen", list(0, 20, many), list(0, 20, manyAfter), 1200},
       {"64 bits", list(1, 2, {0, 600, empty, empty, rate, 0, 600, 0, 441, rate}),
        list(1, 2, {0, 600, empty, empty, rate, 0, 600, 0, 480, rate}), 1200},
       {"64 bits needed", list(0, 2, {1, 0x7FFFFFFF, rate, 1, 441, rate}),
@@ -239,49 +226,18 @@ TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
   }
 }
 
-/// Copies of a box of gigabytes no more than 16 MiB at each end, and leaves a hole between them.
-class HoleCopier : public ForwardingFileManager {
- public:
-  using ForwardingFileManager::ForwardingFileManager;
-  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
-    return std::make_unique<Handle>(ForwardingFileManager::open(path, mode));
-  }
-
- private:
-  struct Handle : ForwardingFileHandle {
-    using ForwardingFileHandle::ForwardingFileHandle;
-    uint64_t copyRange(FileHandle& target, uint64_t count) override {
-      constexpr uint64_t end = 0x1000000;
-      if (count <= 2 * end) return ForwardingFileHandle::copyRange(target, count);
-      const uint64_t hole = count - 2 * end, copied = ForwardingFileHandle::copyRange(target, end);
-      seek(offset() + hole);
-      target.seek(target.offset() + hole);
-      return copied + hole + ForwardingFileHandle::copyRange(target, end);
-    }
-  };
-};
-
 TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
-  // The last chunk begins at the last byte that an stco can name; a longer moov ahead of it moves it on.
-  video_ = madeByFFmpeg(words("-f lavfi -i testsrc2=size=192x144:rate=25 -t 4 -c:v libx264 -bf 0"));
-  const MovieLayout layout(readFile(files_, video_));
-  BoxEditor moov(layout.moov);
-  const auto stco = moov.at("moov/trak/mdia/minf/stbl/stco");
-  const auto chunks = layout.chunks();
-  const uint64_t mediaStart = fourGiB - 1 - chunks.back();
-  for (size_t i = 0; i < chunks.size(); ++i) {
-    moov.setField(stco.offset + 16 + 4 * i, static_cast<uint32_t>(mediaStart + chunks[i]));
-  }
-  const Bytes ahead = joined({layout.ftyp, moov.bytes});
-  const auto file = files_.open(source_, OpenMode::creating);
-  file->write(joined({ahead, longBoxClaiming(mediaStart + layout.media.size() - ahead.size(), "mdat")}));
-  file->seek(mediaStart);
-  file->write(layout.media);
-  file->close();
-
-  HoleCopier files(files_);
-  replace(files);
-  expectWhole("beyond 4 GiB");
+  // The file ends far ahead of its media; all that the moov names moves by as much as the file grows.
+  const Bytes source =
+      joined({box("moov", {mvhd(600), track("vide", 1, 100, {fullBox("stco", {2, 4000, UINT32_MAX})})}),
+              box("mdat", {Bytes(92)})});
+  newAudio_ = directory_ / "new.m4a";
+  writeFileAtomically(files_, newAudio_, movie({mvhd(600), track("soun", 1, 100)}));
+  writeFileAtomically(files_, source_, source);
+  replace(files_);
+  const BoxEditor output(readFile(files_, output_));
+  const auto growth = static_cast<uint32_t>(output.bytes.size() - source.size());
+  EXPECT_EQ(output.get("moov/trak/mdia/minf/stbl/co64"), fullBox("co64", {2, 0, 4000 + growth, 1, growth - 1}));
 }
 
 TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
