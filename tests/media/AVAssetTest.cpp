@@ -1,23 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "media/AVAssetReader.h"
 #include "support/BoxBuilder.h"
-#include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/MediaMaker.h"
-#include "support/SyntheticMovie.h"
 
 namespace tarn::test {
 namespace {
-
-const Bytes threeSamples = syntheticMovie({{.stts = {{3, 1024}}, .samples = 3}});
-
-std::shared_ptr<AVAssetReaderTrackOutput> addedOutput(AVAssetReader& reader, const Clip& clip) {
-  auto output = std::make_shared<AVAssetReaderTrackOutput>(clip.track());
-  EXPECT_TRUE(reader.canAddOutput(*output));
-  reader.addOutput(output);
-  return output;
-}
 
 TEST(AVAsset, ListsTheTracksThatItsBoxesTellOf) {
   Clip real(madeByFFmpeg(
@@ -40,38 +28,6 @@ TEST(AVAsset, ListsTheTracksThatItsBoxesTellOf) {
     std::vector<uint32_t> found;
     for (const auto& track : clip.asset.tracks(AVMediaType::audio)) found.push_back(track.trackID);
     EXPECT_EQ(found, trackIDs);
-  }
-}
-
-TEST(AVAssetReader, EndsWhenAllItsOutputsDoOrWhenCancelled) {
-  EXPECT_THROW(AVAssetReader{Clip().asset}, PosixError) << "no file";
-  const Clip clip(threeSamples);
-  AVAssetReader reader(clip.asset), cancelled(clip.asset);
-  const auto first = addedOutput(reader, clip), second = addedOutput(reader, clip), only = addedOutput(cancelled, clip);
-  EXPECT_FALSE(first->copyNextSampleBuffer()) << "not started";
-  ASSERT_TRUE(reader.startReading() && cancelled.startReading());
-  for (int64_t i = 0; i < 3; ++i) EXPECT_EQ(first->copyNextSampleBuffer().value().sampleIndex, i);
-  EXPECT_FALSE(first->copyNextSampleBuffer());
-  EXPECT_EQ(reader.status(), AVAssetReaderStatus::reading);
-  while (second->copyNextSampleBuffer()) continue;
-  EXPECT_EQ(reader.status(), AVAssetReaderStatus::completed);
-  cancelled.cancelReading();
-  EXPECT_FALSE(only->copyNextSampleBuffer());
-  EXPECT_EQ(cancelled.status(), AVAssetReaderStatus::cancelled);
-}
-
-TEST(AVAssetReader, TellsWhyItFailed) {
-  for (const auto& [emptyTable, failure] :
-       {std::pair("stco", "Sample 0 does not lie in the file"), {"stts", "stts names no sample"}}) {
-    BoxEditor damaged(threeSamples);
-    damaged.setField(damaged.at(std::string("moov/trak/mdia/minf/stbl/") + emptyTable).offset + 12, 0);
-    const Clip clip(damaged.bytes);
-    AVAssetReader reader(clip.asset);
-    const auto output = addedOutput(reader, clip);
-    EXPECT_EQ(reader.startReading(), emptyTable == std::string("stco"));
-    EXPECT_FALSE(output->copyNextSampleBuffer());
-    EXPECT_EQ(reader.status(), AVAssetReaderStatus::failed);
-    EXPECT_EQ(reader.error().value().description(), failure);
   }
 }
 

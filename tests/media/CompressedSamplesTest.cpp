@@ -1,14 +1,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <ranges>
-#include <sstream>
-
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/FailureOf.h"
-#include "support/MediaMaker.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
@@ -94,41 +89,6 @@ TEST(CompressedSamples, LieOnTheTimelineThatTheEditsMakeAndLastAsLongAsTheyAreCo
   }
 }
 
-TEST(CompressedSamples, AgreeWithFFprobeOnRealFiles) {
-  const std::string recipe =
-      "-f lavfi -i testsrc2=size=64x64:rate=30000/1001 -itsoffset 0.35 -f lavfi -i sine=r=44100 -t 3 -c:v libx264 "
-      "-bf 3 -c:a aac -pix_fmt yuv420p";
-  for (const char* muxing : {"", " -movflags +faststart", " -movflags negative_cts_offsets", " -use_editlist 0"}) {
-    const Path file = madeByFFmpeg(words(recipe + muxing));
-    Clip clip(file);
-    const Bytes bytes = clip.bytes();
-    for (AVMediaType type : {AVMediaType::video, AVMediaType::audio}) {
-      const std::string stream = type == AVMediaType::video ? "v:0" : "a:0";
-      SCOPED_TRACE(stream + muxing);
-      std::istringstream lines(runProcess({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
-                                           "packet=pts,size,pos", "-of", "csv=p=0", file})
-                                   .output);
-      std::vector<std::array<long, 3>> packets;
-      char comma;
-      for (long pts, size, at; lines >> pts >> comma >> size >> comma >> at;) packets.push_back({pts, size, at});
-      ASSERT_TRUE(lines.eof()) << "a packet without a place";
-      const auto source = clip.samples(type);
-      std::vector<CMSampleBuffer> buffers;
-      while (auto buffer = source->next()) buffers.push_back(*buffer);
-      EXPECT_GE(buffers.size() + 2, packets.size()) << "all but priming and a sample behind the edit's end";
-      EXPECT_GT(buffers.size(), 80u);
-      // Their bytes are there in any order.
-      for (const auto& buffer : buffers | std::views::reverse) {
-        const auto& [pts, size, place] = packets.at(static_cast<size_t>(buffer.sampleIndex));
-        EXPECT_EQ(buffer.presentationTimeStamp.value, pts);
-        EXPECT_EQ(source->data(buffer.sampleIndex), Bytes(bytes.begin() + place, bytes.begin() + place + size));
-      }
-      const auto count = static_cast<int64_t>(packets.size());
-      for (int64_t odd : {int64_t{-1}, count, INT64_MAX, int64_t{1} << 32}) EXPECT_THROW(source->data(odd), Error);
-    }
-  }
-}
-
 TEST(CompressedSamples, DamageEndsTheStreamOrIsRefused) {
   const std::string stbl = "moov/trak/mdia/minf/stbl", mdhd = "moov/trak/mdia/mdhd";
   const std::string cut = "the data end before what they must hold";
@@ -141,24 +101,20 @@ TEST(CompressedSamples, DamageEndsTheStreamOrIsRefused) {
     std::string failure;
   } cases[] = {
       {"stts promises rows", stbl + "/stts", {{12, UINT32_MAX}}, 0, cut},
-      {"ctts promises rows", stbl + "/ctts", {{12, 3}}, 0, cut},
       {"elst promises rows", "moov/trak/edts/elst", {{12, UINT32_MAX}}, 0, cut},
       {"stsz promises samples", stbl + "/stsz", {{16, UINT32_MAX}}, 0, cut},
       {"equal samples that are too large", stbl + "/stsz", {{12, 1 << 20}}, 0, "Sample 0 does not lie in the file"},
       {"without end", stbl + "/stsz", {{12, 1}, {16, UINT32_MAX}}, 12, "Sample 12 does not lie in the file"},
       {"stts is short", stbl + "/stts", {{16, 4}}, 10, ""},
       {"stts is empty", stbl + "/stts", {{16, 0}}, 0, "stts names no sample"},
-      {"stts is long", stbl + "/stts", {{16, UINT32_MAX}}, 10, ""},
       {"ctts is short", stbl + "/ctts", {{16, 4}}, 10, ""},
       {"chunks are few", stbl + "/stco", {{12, 2}}, 8, "Sample 8 does not lie in the file"},
-      {"chunks are empty", stbl + "/stsc", {{20, 0}}, 0, "Sample 0 does not lie in the file"},
       {"a chunk lies outside", stbl + "/stco", {{20, UINT32_MAX}}, 4, "Sample 4 does not lie in the file"},
       {"a description that is not there", stbl + "/stsc", {{24, 7}}, 10, ""},
       {"no track timescale", mdhd, {{20, 0}}, 0, "The track has no timescale"},
       {"a timescale beyond 31 bits", mdhd, {{20, UINT32_MAX}}, 0, "The track has no timescale"},
       {"no movie timescale", "moov/mvhd", {{20, 0}}, 0, "elst without a timescale"},
       {"no stsz", stbl + "/stsz", {isFree}, 0, "stsz box not found"},
-      {"no stbl", stbl, {isFree}, 0, "stbl box not found"},
   };
   const Bytes movie = syntheticMovie({{.stts = {{10, 1024}}, .ctts = {{10, 0}}, .edits = {{0, 0}}, .samples = 10}});
   for (const auto& c : cases) {

@@ -155,33 +155,5 @@ TEST_F(NALUnits, TenThousandSamplesCostTheirFronts) {
   EXPECT_EQ(counting.calls(), sampleCount * 2);
 }
 
-/// A movie of one sample and two descriptions.
-Bytes movieOf(const Bytes& sample) {
-  Bytes table = trackBox("vide", {fullBox("stsz", {0, 1, static_cast<uint32_t>(sample.size())}),
-                                  fullBox("stsc", {2, 1, 1, 1, 2, 1, 2}), fullBox("stco", {1, 8})});
-  return joined({box("mdat", {sample}), box("moov", {table})});
-}
-
-TEST_F(NALUnits, FilesWithoutAllSetsAreRefused) {
-  Bytes tooLong = pps;
-  tooLong.resize(65536, 0xAA);
-  // A movie, and whether it fails as HEVC and as AVC.
-  const std::tuple<Bytes, bool, bool> cases[] = {
-      {box("mdat", {Bytes(100)}), true, true},
-      {box("moov", {trackBox("soun", {})}), true, true},
-      {box("moov", {box("trak", {mediaBox("vide")}), trackBox("vide", {})}), true, true},
-      {movieOf(sampleOf({sps, pps, slice})), true, true},
-      {movieOf(sampleOf({avcSPS, avcPPS, avcSlice})), true, false},
-      {movieOf(sampleOf({vps, sps, pps, slice})), false, true},
-      {movieOf(sampleOf({vps, sps, tooLong, slice})), true, true},
-      {movieOf(sampleOf({vps, sps, tooLong, pps, slice})), false, true},
-  };
-  for (const auto& [movie, failsAsHEVC, failsAsAVC] : cases) {
-    write(movie);
-    EXPECT_EQ(failureOf([&] { NALUnitParser::extractParameterSets(files_, file_); }) != "", failsAsHEVC);
-    EXPECT_EQ(failureOf([&] { NALUnitParser::extractAVCParameterSets(files_, file_); }) != "", failsAsAVC);
-  }
-}
-
 }  // namespace
 }  // namespace tarn
