@@ -227,7 +227,7 @@ const Road roads[] = {
      }},
     {"FastPath", 10,
      [] {
-       return contentsOf(damagedFlashBeepClip(600, 2, {"-bsf:a", "noise=drop='between(n,14020,14023)'"}));
+       return contentsOf(damagedFlashBeepClip(420, 2, {"-bsf:a", "setts=ts='if(gt(N,9844),TS+3200,TS)'"}));
      }},
 };
 

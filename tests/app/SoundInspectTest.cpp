@@ -3,7 +3,6 @@
 
 #include "app/inspect/SoundForecast.h"
 #include "app/inspect/SoundText.h"
-#include "audio/AudioTranscoder.h"
 #include "audio/SilentAACSampleCache.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
@@ -102,13 +101,6 @@ the sound is AC-3, which many players do not take, and is encoded anew as AAC
 of the sound's 6 channels two remain
 warning: of the sound's 6 channels two remain)"))
       << told();
-  SyntheticTrack wide = coded(aacSampleEntry(44100, 2, {0x12, 0x10}), 44100);
-  wide.longTimes = true;
-  EXPECT_EQ(told(wide), R"(AAC-LC, 44100 Hz, 2 channels: its packets can be used as they are
-it is whole
-leaves the sound alone)");
-  const auto timing = AudioTranscoder::parseAudioTimingInfo(files_, file_);
-  EXPECT_EQ(std::pair(int64_t{timing.timescale}, timing.sampleDelta), (std::pair<int64_t, int64_t>(44100, 1024)));
 }
 
 }  // namespace

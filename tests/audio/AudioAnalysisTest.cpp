@@ -151,10 +151,6 @@ TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
     EXPECT_TRUE(!findings.obstacle || decision.kind == RepairDecision::Kind::skip) << row.found;
     EXPECT_EQ(findings.config.audioTimescale, static_cast<int32_t>(row.audio.timescale));
   }
-  EXPECT_TRUE(log_.contains(
-      "Audio analysis: GapType: timelineDrift, InitialOffset: 0.0ms, InternalGaps: 0 (max: 0.0ms), Drift: 107.5ms, "
-      "AAC: AAC-LC (video/audio mismatch likely)"));
-  EXPECT_TRUE(log_.contains("Repair decision: fullNormalize(Packets alone cannot keep the time)"));
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
   EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(clip_.files, "/none.mp4").frameDurationMs, 21.33);
 
@@ -233,7 +229,6 @@ TEST_F(AudioAnalysis, LaysTheTimelinesSideBySide) {
     EXPECT_EQ(alone.gaps[0].sampleOffset, 100 * packet);
     EXPECT_EQ(alone.ptsMap.offsets.size(), packets);
   }
-  EXPECT_TRUE(log_.contains("AudioTranscoder: Pass 1 counted 470 AAC frames × 1024 = 481280 PCM samples"));
   clip_.write(syntheticMovie({aac(24000, {0x13, 0x10})}));
   EXPECT_EQ(gapsAlone().totalSampleCount, packets * 2048) << "the other rule for low rates";
   std::string merged;

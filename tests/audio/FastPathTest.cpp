@@ -9,6 +9,7 @@
 #include "audio/SilentAACSampleCache.h"
 #include "mp4/DataExtensions.h"
 #include "platform/host/PosixFileManager.h"
+#include "platform/memory/InMemoryFileManager.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
@@ -88,27 +89,29 @@ TEST_F(FastPath, KeepsPicturesAndPacketsAndJoinsSilenceWithoutAClick) {
     EXPECT_TRUE(std::equal(after.begin(), after.begin() + 20 * 2048, before.begin()));
     EXPECT_LE(largestStep(after, 2), largestStep(before, 2) * 5 / 4);
     EXPECT_EQ(SilentAACSampleCache::shared().getSilentFrame(rate).size(), 6u);
-    const auto line = fmt::format("SilentAACSampleCache: Generated {}Hz silent frame", rate);
-    EXPECT_LE(std::ranges::count_if(log_.lines(), [&](auto& said) { return said.starts_with(line); }), 1);
   }
   EXPECT_THROW(SilentAACSampleCache::shared().getSilentFrame(22050), SilentFrameError);
 }
 
 TEST_F(FastPath, LeavesTheSourceWholeAndNoTempFileWhateverFails) {
   const Bytes source = readFile(files_, tone(48000, true));
-  FaultyFileManager faulty(files_);
+  InMemoryFileManager disk;
+  FaultyFileManager faulty(disk);
+  disk.createDirectory("/home");
+  file_ = "/home/clip.mp4";
   uint64_t call = 0;
   do {
     const bool isKill = call++ % 2 == 0;  // nothing works from there on
-    writeFileAtomically(files_, file_, source);
+    writeFileAtomically(disk, file_, source);
     faulty.arm({.call = (call + 1) / 2, .errnum = ENOSPC, .lasting = isKill});
     const bool failed = !failureOf([&] { repair(faulty, 48000); }).empty();
-    EXPECT_EQ(readFile(files_, file_) == source, failed) << call;
+    EXPECT_EQ(readFile(disk, file_) == source, failed) << call;
     // What could not be deleted is in the record.
-    for (const std::string& name : files_.contentsOfDirectory(directory_.path())) {
+    for (const std::string& name : disk.contentsOfDirectory("/home")) {
       if (name == "clip.mp4") continue;
-      EXPECT_EQ(std::ranges::count(recorder_.record.tempFiles, directory_ / name), 1) << name << " after " << call;
-      files_.removeItem(directory_ / name);
+      EXPECT_EQ(std::ranges::count(recorder_.record.tempFiles, file_.parent_path() / name), 1)
+          << name << " after " << call;
+      disk.removeItem(file_.parent_path() / name);
     }
   } while (faulty.fired());
   EXPECT_GT(call, 40u);
@@ -221,8 +224,6 @@ TEST_F(FastPath, WritesOnlyWhatIsWholeAndWhatTheBoxesCanSay) {
     });
     EXPECT_EQ(said, failure);
   }
-  EXPECT_TRUE(log_.contains("FastPathAudioBuilder: Warning - sample 1 has unusually large size: 10001"));
-  EXPECT_FALSE(log_.contains("FastPathAudioBuilder: Warning - sample 0 has unusually large size: 10000"));
 }
 
 }  // namespace

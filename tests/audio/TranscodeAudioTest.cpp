@@ -102,8 +102,6 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
       // The media with its priming, whatever the edit list and the pictures say.
       {"all media of a late start", {late, 0.3, 5.7, 0.3, 9}, {1.021, 2.021, 3.021, 4.021, 5.021}, 6.021},
       {"as much as is shown", {late, 0.3, 3.3, 0.3, 3.3}, {1.021, 2.021, 3.021}, 3.33},
-      {"a gap in the media", {moved("+48000"), 0, {}, 0, 7.5}, {1.021, 2.021, 4.021, 5.021, 6.021}, 7.021},
-      {"an overlap in the media", {moved("-480"), 0, {}, 0, 7}, {1.021, 2.021, 3.011, 4.011, 5.011}, 6.011},
       {"silence behind the last packet",
        {moved("", "-t 3.01 -bsf:a setts=duration='if(gt(N,139),48000,1024)'"), 0, {}, 0, 9},
        {1.021, 2.021, 3.021},
@@ -125,9 +123,10 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
 
 TEST_F(TranscodeAudio, WholeMediaStayLoudToTheEndOfWhatIsShownWithTheChannelsThatAreThere) {
   // The sample entry of AC-3 says two channels whatever there are. A beep is heard from 3.005 s to 3.045 s.
-  const LogCapture log;
   transcode({.file = damagedFlashBeepClip(6, 1, words("-c:a ac3 -ac 1")), .shownMediaEnd = 3.03});
-  EXPECT_TRUE(log.contains("AudioTranscoder: Source has 1 channels, outputting 1"));
+  EXPECT_EQ(
+      runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=channels", "-of", "csv=p=0", output_}).output,
+      "1\n");
   const auto samples = heardSamples(output_);
   ASSERT_NEAR(static_cast<double>(samples.size()), 3.06 * 48000, 2048);
   const auto last = std::span(samples).subspan(3 * 48000 + 960, 480);
@@ -210,7 +209,6 @@ TEST_F(TranscodeAudio, ReplacesTheOutputWithTheSameBytesForTheSameNoise) {
   const Path clip = damagedFlashBeepClip(6, 2, {}, 0.3);
   Bytes outputs[2];
   std::vector<std::pair<double, std::string>> reports;
-  const LogCapture log;
   for (Bytes& output : outputs) {
     NoiseTable::shared() = NoiseTable(1);
     transcode({clip}, nullptr, [&](double done, const std::string& stage) { reports.emplace_back(done, stage); });
@@ -219,9 +217,6 @@ TEST_F(TranscodeAudio, ReplacesTheOutputWithTheSameBytesForTheSameNoise) {
   EXPECT_EQ(outputs[0], outputs[1]);
   EXPECT_EQ(reports.front(), std::pair(0.0, std::string("Transcoding")));
   EXPECT_EQ(reports.back(), std::pair(1.0, std::string("Transcoding complete")));
-  EXPECT_TRUE(log.contains("AudioTranscoder: Source has 2 channels, outputting 2"));
-  EXPECT_TRUE(log.contains("  Gaps filled: 1"));
-  EXPECT_TRUE(log.contains("  ✓ SYNC OK: Audio matches video timeline"));
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -6,7 +5,6 @@
 
 #include "audio/CMSampleBufferHelpers.h"
 #include "audio/TranscodeLoop.h"
-#include "support/LogCapture.h"
 #include "support/PCM.h"
 
 namespace tarn::test {
@@ -121,21 +119,10 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
   EXPECT_EQ(plain[8192 + 120000 - 1441], 0);
 }
 
-TEST(TranscodeLoop, TellsOfTimesThatAreWrongAndOfGapsThatItDidNotMeet) {
+TEST(TranscodeLoop, RunsOnWithoutABreakWhateverTimesTheSourceTells) {
   const TranscodePlan plan{.gaps = {{{}, {}, 7, 32768}}, .firstPTS = CMTime::make(1, 1)};
-  LogCapture log;
   const std::vector<CMTime> times = {CMTime::make(1, 1), CMTime::make(3, 2), {}, CMTime::make(5, 4)};
   EXPECT_EQ(play(plan, 4, {}, times).first.samples.size(), 32768u);
-  EXPECT_THAT(
-      log.missing(
-          {"AudioTranscoder: Invalid source PTS for buffer #3, using accumulated outputPTS",
-           "AudioTranscoder: PTS regression detected - rebasedPts=0.250s < outputPTS=0.341s, using outputPTS",
-           "AudioTranscoder PTS-FIX: STORE pending #2 - srcPTS=1.500s -> rebasedPTS=0.500s, outputPTS=0.171s, "
-           "length=8192",
-           "AudioTranscoder PTS-FIX: EMIT pending #4 - writePTS=0.512s, dur=0.171s, outputPTS: 0.512s -> 0.683s",
-           "AudioTranscoder: Pass 2 processed 0/1 gaps and 0/0 overlaps",
-           "  Source samples read: 32768, Next gap index: 0", "  Unprocessed gap at sampleOffset 32768 (frame 7)"}),
-      testing::IsEmpty());
 }
 
 }  // namespace

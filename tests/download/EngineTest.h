@@ -113,9 +113,7 @@ class EngineTest : public testing::Test, protected TestHome {
 
   std::vector<std::string> notes_;     ///< stages of all runs
   std::vector<std::string> contents_;  ///< what the last step found in each file
-  bool runFails_ = false;
   ScriptedStep last_{{ProcessingStage::savingToPhotos}, notes_, [this](ProcessingRun& run, auto) {
-                       if (runFails_) throw Error("Test", -1, "no luck");
                        contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
                        run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
                      }};

@@ -45,18 +45,13 @@ TEST_F(EngineTest, ANewcomerNeverReplacesAnotherDownloadsPendingFile) {
   EXPECT_EQ(contents_.back(), "content of third.mp4");
 }
 
-TEST_F(EngineTest, ATransferThatFailsGivesItsSlotBack) {
-  engine_->setMaxConcurrentDownloads(1);
-  auto first = save("a.mp4");
-  auto second = save("b.mp4");
-  transfers_.complete(url("a.mp4"), URLError(404, "HTTP status 404"));
+TEST_F(EngineTest, ATransferThatEndsWithoutItsFileFails) {
+  const auto task = save("a.mp4");
+  transfers_.finishWithoutFile(url("a.mp4"));
+  transfers_.complete(url("a.mp4"));
   settle();
-  EXPECT_EQ(second->status(), DownloadStatus::downloading);
-  transfers_.finishWithoutFile(url("b.mp4"));
-  transfers_.complete(url("b.mp4"));
-  settle();
-  EXPECT_TRUE(first->status() == DownloadStatus::failed && second->status() == DownloadStatus::failed);
-  EXPECT_EQ(heard(), "failed 1800000000 failed 1800000001");
+  EXPECT_EQ(task->status(), DownloadStatus::failed);
+  EXPECT_EQ(heard(), "failed 1800000000");
 }
 
 TEST_F(EngineTest, TheEndOfATransferTellsNothingOfARunWhoseRecordCannotBeRead) {
@@ -70,23 +65,6 @@ TEST_F(EngineTest, TheEndOfATransferTellsNothingOfARunWhoseRecordCannotBeRead) {
   dispatch_.release(worker());
   settle();
   EXPECT_EQ(heard(), "finished 1800000000");
-}
-
-TEST_F(EngineTest, ARunThatFailsTellsThePageOnceAndFreesItsSlot) {
-  engine_->setMaxConcurrentDownloads(1);
-  runFails_ = true;
-  const auto task = save("a.mp4");
-  const auto next = save("b.mp4");
-  EXPECT_EQ(transfers_.storedTaskDescriptions().size(), 2U) << "what waits is stored with its flags";
-  task->update([](auto& fields) {
-    fields.onDownloadComplete = [](const auto&, const auto&) { ADD_FAILURE() << "a failed run tells the delegate"; };
-  });
-  finish("a.mp4");
-  transfers_.complete(url("a.mp4"));
-  settle();
-  EXPECT_EQ(heard(), "failed " + std::to_string(task->id));
-  EXPECT_EQ(task->snapshot().reason.description(), "ERROR_UNKNOWN");
-  EXPECT_EQ(next->status(), DownloadStatus::downloading);
 }
 
 TEST_F(EngineTest, TheLateCancellationOfOneTransferHitsNoOtherOfTheSameURL) {

@@ -120,20 +120,5 @@ TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
   }
 }
 
-TEST_F(MeantimeTest, ARunThatWasTakenAwayLeavesTheNextOnesFileAlone) {
-  startOver({.last = &last_});
-  dispatch_.hold(worker());
-  const auto first = save("clip.mp4");
-  finish("clip.mp4");
-  engine_->cancelDownloadFileBy(first->id);
-  settle();
-  transfers_.deliverCancellations();
-  save("clip.mp4");
-  finish("clip.mp4");
-  dispatch_.release(worker());
-  settle();
-  EXPECT_EQ(contents(), "content of clip.mp4");
-}
-
 }  // namespace
 }  // namespace tarn::test

@@ -12,7 +12,6 @@ TEST_F(EngineTest, ATransferOfAnEarlierProcessFindsItsTaskWithItsFlags) {
   restart();
   ASSERT_EQ(engine_->getDownloads().size(), 2U);
   transfers_.writeData(url("clip.mp4"), 10, 100);
-  EXPECT_TRUE(lines_.contains("Re-established task mapping for download " + std::to_string(twin)));
   finish("clip.mp4");  // of equal URLs the last made: the twin
   transfers_.complete(url("clip.mp4"));
   finish("clip.mp4");
@@ -46,24 +45,6 @@ TEST_F(EngineTest, AStoredListThatIsDamagedCountsAsEmpty) {
   defaults_.setData("ActiveDownloads", bytesOf(R"([{"id":5,"url":"u","status":"stopped"}])"));
   restart();
   EXPECT_EQ(stored("ActiveDownloads"), R"([{"id":5,"url":"u","status":"unknown"}])");
-}
-
-TEST_F(EngineTest, StoredRunsAreResumedOneByOneOldestFirst) {
-  dispatch_.hold(worker());
-  for (const char* name : {"a.mp4", "b.mp4"}) {
-    save(name);
-    finish(name);
-    transfers_.complete(url(name));
-    clock_.advance(std::chrono::seconds(2));
-  }
-  settle();
-  restart();
-  EXPECT_EQ(contents(), "content of a.mp4") << "one record a call";
-  engine_->checkAndResumePendingProcessing();
-  settle();
-  EXPECT_EQ(contents(), "content of a.mp4 content of b.mp4");
-  EXPECT_EQ(heard(), "") << "a resumed run has no delegate";
-  EXPECT_EQ(storedStates(), "[]");
 }
 
 /// The place of the stored records.
@@ -138,8 +119,6 @@ TEST_F(EngineTest, ATransferThatNothingKnowsChangesNothing) {
   finish("clip.mp4");
   transfers_.complete(url("clip.mp4"));
   settle();
-  EXPECT_TRUE(lines_.contains("Download not found for progress update, taskId: 1"));
-  EXPECT_TRUE(lines_.contains("Download not found for completion, taskId: 1"));
   EXPECT_TRUE(contents_.empty() && documents().empty());
 }
 

@@ -55,30 +55,6 @@ class PageTest : public testing::Test, protected TestHome {
   std::shared_ptr<TarnBridge> plugin_;
 };
 
-TEST_F(PageTest, HearsOfAnEndOnce) {
-  save();
-  transfers_.finish(url, bytesOf("video"));
-  // The run ends ahead of these, and its own notice comes behind them.
-  for (int i = 0; i < 3; ++i) application_.enterForeground();
-  dispatch_.runUntilIdle();
-  for (int i = 0; i < 3; ++i) application_.enterForeground();
-  transfers_.complete(url);
-  dispatch_.runUntilIdle();
-  EXPECT_EQ(std::ranges::count_if(events_, [](const auto& event) { return event.starts_with("downloadComplete"); }), 1);
-  EXPECT_EQ(call("getActiveDownloads"), "{}");
-}
-
-TEST_F(PageTest, HearsOfTheEndOfATransferThatAnEarlierProcessBegan) {
-  save();
-  load();
-  transfers_.complete(url, URLError(404, "HTTP status 404"));
-  EXPECT_NE(stored("ActiveDownloads").find("\"failed\""), std::string::npos) << "a kill now does not undo it";
-  dispatch_.runUntilIdle();
-  EXPECT_THAT(events_, ElementsAre("downloadComplete {\"status\":\"STATUS_FAILED\",\"reason\":\"ERROR_UNKNOWN\",\"id\":"
-                                   "1800000000}"));
-  EXPECT_EQ(call("getActiveDownloads"), "{}");
-}
-
 TEST_F(PageTest, GetsWhatItNeedsToShowARun) {
   save();
   dispatch_.hold(dispatch_.serialQueue("com.tarn.processing"));

