@@ -29,8 +29,8 @@ void read(const AVAsset& asset, const AVAssetTrack& track) {
 void run(Input input) {
   Movie movie(input.rest());
   const AVAsset asset(movie.files, movie.path);
-  const AudioFindings findings = decideAudioRepair(movie.files, movie.path);
   movie.survives([&] {
+    const AudioFindings findings = decideAudioRepair(movie.files, movie.path);
     const auto result = FastPathAudioBuilder(movie.files, movie.path, findings.config).build(findings.actions);
     FastPathAudioBuilder::validate(result);
   });

@@ -38,7 +38,11 @@ void run(Input input) {
     require(info.width >= 1 && info.width <= 16384 && info.height >= 1 && info.height <= 16384);
     require(info.bitDepthLuma >= 8 && info.bitDepthLuma <= 16 && info.chromaFormatIdc <= 3);
   }
-  NALUnitParser::parseSPSResolution(all);
+  if (const auto shown = NALUnitParser::parseShownSize(all)) {
+    const auto coded = NALUnitParser::parseSPSResolution(all);
+    require(coded && shown->width >= 1 && shown->width <= coded->width);
+    require(shown->height >= 1 && shown->height <= coded->height);
+  }
   AVCConfigurationBox::parseSPSResolution(all);
   // Sets that cannot be written or read are refused.
   finishes([&] { readHvcC(all); });
