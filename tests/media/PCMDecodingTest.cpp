@@ -6,6 +6,8 @@
 
 #include "media/PCMDecoding.h"
 #include "platform/Error.h"
+#include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/FailureOf.h"
 #include "support/PCM.h"
@@ -123,6 +125,38 @@ TEST(PCMDecoding, DriftAndJitterAreFollowedWithoutAStep) {
     const auto isQuiet = [](int16_t value) { return std::abs(value) < 100; };
     const auto middle = std::span(samples).subspan(48000, samples.size() - 96000);
     EXPECT_TRUE(std::ranges::search_n(middle, 96, true, {}, isQuiet).empty()) << times;
+  }
+}
+
+TEST(PCMDecoding, EditsAreExact) {
+  Clip clip;
+  for (bool hasSBR : {false, true}) {
+    SCOPED_TRACE(hasSBR);
+    Path source =
+        madeByFFmpeg(words(noise + "stereo -c:a aac -aac_pns 0 -use_editlist 0" + (hasSBR ? " -ar 24000" : "")));
+    if (hasSBR) source = announcingSBR(source);
+    const Bytes plain = Clip(source).bytes();
+    const Samples whole = decode(Clip(plain)).samples;
+    const auto edit = [&](const std::vector<std::pair<uint32_t, uint32_t>>& edits) {
+      BoxEditor editor(plain);
+      Bytes list = values({0, static_cast<uint32_t>(edits.size())});
+      for (auto [milliseconds, start] : edits) {
+        list = joined({list, values({milliseconds, start == UINT32_MAX || !hasSBR ? start : start / 2, 0x10000})});
+      }
+      editor.insert("moov/trak", editor.at("moov/trak").end(), box("edts", {box("elst", {list})}));
+      clip.write(editor.bytes);
+    };
+    // One that begins and ends within packets; behind an empty one, two that jump ahead and back.
+    edit({{1300, 24100}});
+    EXPECT_EQ(decode(clip).samples, part(whole, 24100, 24100 + 62400));
+    edit({{250, UINT32_MAX}, {1000, 100002}, {500, 20480}});
+    Samples expected = part(whole, 100002, 148002);
+    expected.insert(expected.end(), whole.begin() + 2 * 20480, whole.begin() + 2 * 44480);
+    for (bool keepsTimeline : {true, false}) {
+      const Decoded ours = decode(clip, {.keepsTimeline = keepsTimeline});
+      EXPECT_EQ(ours.buffers.front().first, 12000);
+      EXPECT_EQ(ours.samples, expected);
+    }
   }
 }
 
