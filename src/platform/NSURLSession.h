@@ -75,7 +75,8 @@ class NSURLSessionService {
   virtual ~NSURLSessionService() = default;
 
   /// Makes the session of this identifier and takes up the transfers of the last process: the events of those that were
-  /// resumed begin to arrive at once, the others are suspended as they were. One session at a time for each identifier. The delegate is held weakly.
+  /// resumed begin to arrive at once, the others are suspended as they were. One session at a time for each identifier.
+  /// The delegate is held weakly.
   virtual std::unique_ptr<NSURLSession> makeBackgroundSession(const std::string& identifier,
                                                               std::weak_ptr<NSURLSessionDownloadDelegate> delegate) = 0;
 

@@ -23,8 +23,8 @@ namespace tarn {
 /// those of the file layer unchanged; whatever fails, the file is as it was.
 class MP4AVSyncFixer {
  public:
-  /// How the tracks of a file stand to each other by its edit lists; a damaged list counts as none. A file without audio has no audio rows, 48000 and
-  /// 2112.
+  /// How the tracks of a file stand to each other by its edit lists; a damaged list counts as none. A file without
+  /// audio has no audio rows, 48000 and 2112.
   static OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& fileURL);
 
   /// Fixes a file in place. True when its `moov` was rewritten, false when nothing had to be done.
