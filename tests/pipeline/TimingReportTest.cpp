@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "pipeline/RemuxTimingHelper.h"
 #include "support/LogCapture.h"
 
@@ -13,9 +11,11 @@ std::string printed(const ProcessingTimings& timings) {
   const LogCapture log;
   timings.printSummary();
   std::string times;
-  const std::regex time(R"(([0-9.]+)s +║)");
   for (const std::string& line : log.lines()) {
-    if (std::smatch found; std::regex_search(line, found, time)) times += found.str(1) + " ";
+    const size_t last = line.find_last_not_of(' ', line.rfind("║") - 1);
+    if (last == std::string::npos || line[last] != 's') continue;
+    const size_t start = line.find_last_not_of("0123456789.", last - 1) + 1;
+    if (start < last) times += line.substr(start, last - start) + " ";
   }
   return times;
 }
