@@ -6,7 +6,7 @@
 #include <memory>
 #include <string_view>
 
-#include "audio/FastPathAudioRepair.h"
+#include "audio/fastpath/FastPathAudioRepair.h"
 #include "download/DownloadTask.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"

@@ -1,8 +1,8 @@
 #include <array>
 
 #include "Fuzzing.h"
+#include "movie/MoovCheck.h"
 #include "mp4/BoxWalker.h"
-#include "mp4/MoovCheck.h"
 
 namespace tarn::fuzz {
 namespace {

@@ -2,12 +2,12 @@
 #include <sstream>
 
 #include "Fuzzing.h"
-#include "app/serve/PageMessage.h"
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "platform/memory/ScriptedURLSession.h"
 #include "plugin/TarnBridgePlugin.h"
+#include "serve/detail/PageMessage.h"
 
 /// One call a line: a byte that chooses the method, then its options as JSON. Each call is answered once.
 void tarn::fuzz::run(Input input) {

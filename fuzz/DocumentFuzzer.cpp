@@ -1,6 +1,6 @@
 #include "Fuzzing.h"
-#include "download/TaskStore.h"
 #include "download/TransferNote.h"
+#include "download/detail/TaskStore.h"
 #include "pipeline/ProcessingState.h"
 #include "platform/SafeName.h"
 #include "platform/URL.h"

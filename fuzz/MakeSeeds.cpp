@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "download/TaskStore.h"
 #include "download/TransferNote.h"
+#include "download/detail/TaskStore.h"
 #include "pipeline/ProcessingState.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"

@@ -2,8 +2,8 @@
 
 #include "app/Commands.h"
 #include "app/EngineClient.h"
-#include "app/Host.h"
 #include "app/Interrupt.h"
+#include "engine/Host.h"
 #include "platform/host/PosixFileManager.h"
 
 namespace tarn {

@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include "app/Commands.h"
-#include "app/Home.h"
 #include "app/Output.h"
-#include "app/inspect/Inspection.h"
+#include "engine/Home.h"
+#include "inspect/Inspection.h"
 #include "platform/host/PosixFileManager.h"
 
 namespace tarn {

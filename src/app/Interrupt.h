@@ -3,7 +3,7 @@
 #include <functional>
 #include <thread>
 
-#include "app/Descriptor.h"
+#include "platform/host/Descriptor.h"
 
 namespace tarn {
 

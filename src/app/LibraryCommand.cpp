@@ -2,9 +2,9 @@
 #include <fmt/format.h>
 
 #include "app/Commands.h"
-#include "app/Home.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
+#include "engine/Home.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"

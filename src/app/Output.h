@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/Capacitor.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 

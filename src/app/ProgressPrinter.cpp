@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "app/Payload.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/Capacitor.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 

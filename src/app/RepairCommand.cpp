@@ -7,17 +7,17 @@
 #include <vector>
 
 #include "app/Commands.h"
-#include "app/Home.h"
 #include "app/Interrupt.h"
-#include "app/LeftAlone.h"
 #include "app/Output.h"
-#include "app/PlacingStep.h"
-#include "app/PrivateHome.h"
 #include "app/ProgressPrinter.h"
-#include "app/RepairSteps.h"
 #include "download/FirstRecord.h"
+#include "engine/Home.h"
+#include "engine/PlacingStep.h"
+#include "engine/PrivateHome.h"
+#include "engine/RepairSteps.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/host/PosixFileManager.h"
+#include "remux/LeftAlone.h"
 
 namespace tarn {
 namespace {

@@ -7,7 +7,7 @@
 #include "app/Commands.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
-#include "app/Payload.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 namespace {

@@ -6,8 +6,8 @@
 #include "app/FileNames.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
-#include "app/Payload.h"
 #include "app/ProgressPrinter.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 namespace {

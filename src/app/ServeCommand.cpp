@@ -4,8 +4,8 @@
 #include "app/Commands.h"
 #include "app/HostSession.h"
 #include "app/Output.h"
-#include "app/serve/BridgeServer.h"
-#include "app/serve/HomeToken.h"
+#include "serve/BridgeServer.h"
+#include "serve/HomeToken.h"
 
 namespace tarn {
 namespace {

@@ -1,9 +1,9 @@
 #include "audio/AudioRepairDecision.h"
 
 #include "audio/AudioTranscoder.h"
-#include "audio/FastPathActions.h"
-#include "audio/MediaGaps.h"
-#include "audio/SoundObstacle.h"
+#include "audio/analysis/MediaGaps.h"
+#include "audio/analysis/SoundObstacle.h"
+#include "audio/fastpath/FastPathActions.h"
 #include "pipeline/RemuxTimingHelper.h"
 #include "platform/Log.h"
 #include "sync/MP4AVSyncFixer.h"

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "audio/AudioAnalysis.h"
-#include "audio/AudioTimeline.h"
+#include "audio/analysis/AudioAnalysis.h"
+#include "audio/analysis/AudioTimeline.h"
 #include "pipeline/OriginalSyncInfo.h"
 #include "platform/FileManager.h"
 

@@ -1,8 +1,8 @@
 #include "audio/AudioStep.h"
 
 #include "audio/AudioRepairDecision.h"
-#include "audio/AudioReplacement.h"
-#include "audio/FastPathAudioRepair.h"
+#include "audio/fastpath/FastPathAudioRepair.h"
+#include "audio/replace/AudioReplacement.h"
 #include "media/AVAsset.h"
 #include "platform/Log.h"
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "audio/AudioAnalysis.h"
-#include "audio/AudioTimeline.h"
 #include "audio/AudioTranscoderError.h"
+#include "audio/analysis/AudioAnalysis.h"
+#include "audio/analysis/AudioTimeline.h"
 #include "media/AVAsset.h"
 #include "pipeline/CancellationToken.h"
 #include "platform/FileManager.h"

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/FrameCounts.h"
+#include "audio/transcode/FrameCounts.h"
 #include "media/AVAudioPCMBuffer.h"
 #include "media/CMTime.h"
 

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "audio/NoiseTable.h"
-#include "audio/PCMBufferPool.h"
+#include "audio/transcode/NoiseTable.h"
+#include "audio/transcode/PCMBufferPool.h"
 #include "platform/Checked.h"
 #include "platform/Error.h"
 #include "platform/Log.h"

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "audio/FrameCounts.h"
+#include "audio/transcode/FrameCounts.h"
 #include "media/AVAudioPCMBuffer.h"
 #include "media/CMFormatDescription.h"
 #include "media/CMSampleBuffer.h"

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "audio/SilentAACSampleCache.h"
-#include "audio/SoundTracks.h"
+#include "audio/analysis/SoundTracks.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "audio/AudioAnalysis.h"
+#include "audio/analysis/AudioAnalysis.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/Bytes.h"
 #include "platform/Error.h"

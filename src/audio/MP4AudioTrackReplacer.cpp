@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "audio/TrackBoxEdit.h"
+#include "audio/replace/TrackBoxEdit.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/ItemLocations.h"

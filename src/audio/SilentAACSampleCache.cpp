@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "audio/AudioAnalysis.h"
+#include "audio/analysis/AudioAnalysis.h"
 #include "platform/Log.h"
 
 namespace tarn {

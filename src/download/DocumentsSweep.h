@@ -3,7 +3,7 @@
 #include <optional>
 #include <set>
 
-#include "download/DownloadRegistry.h"
+#include "download/detail/DownloadRegistry.h"
 #include "pipeline/NamesInTheMaking.h"
 #include "pipeline/ProcessingGate.h"
 #include "pipeline/ProcessingStateManager.h"

@@ -10,12 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "download/BackgroundTime.h"
 #include "download/DocumentsSweep.h"
-#include "download/DownloadQueue.h"
-#include "download/DownloadRegistry.h"
 #include "download/DownloadTask.h"
-#include "download/TaskStore.h"
+#include "download/detail/BackgroundTime.h"
+#include "download/detail/DownloadQueue.h"
+#include "download/detail/DownloadRegistry.h"
+#include "download/detail/TaskStore.h"
 #include "pipeline/NamesInTheMaking.h"
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingGate.h"

@@ -8,15 +8,15 @@
 #include <string_view>
 #include <utility>
 
-#include "media/SampleEntries.h"
-#include "media/SampleTableSource.h"
+#include "media/detail/SampleEntries.h"
+#include "media/detail/SampleTableSource.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
-#include "mp4/TimingBoxLayout.h"
 #include "platform/Error.h"
 
 namespace tarn {

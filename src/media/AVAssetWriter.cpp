@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "media/AACEncoder.h"
-#include "media/M4AFile.h"
-#include "media/SegmentedAACEncoder.h"
+#include "media/detail/AACEncoder.h"
+#include "media/detail/M4AFile.h"
+#include "media/detail/SegmentedAACEncoder.h"
 #include "mp4/AudioBoxBuilders.h"
 
 namespace tarn {

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "media/AACEncoder.h"
+#include "media/detail/AACEncoder.h"
 #include "platform/Error.h"
 
 namespace tarn {

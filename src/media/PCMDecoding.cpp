@@ -8,10 +8,10 @@
 #include <optional>
 #include <utility>
 
-#include "media/AudioDecoder.h"
-#include "media/DriftControl.h"
-#include "media/PCMOutput.h"
-#include "media/Resampler.h"
+#include "media/detail/AudioDecoder.h"
+#include "media/detail/DriftControl.h"
+#include "media/detail/PCMOutput.h"
+#include "media/detail/Resampler.h"
 #include "platform/Error.h"
 
 extern "C" {

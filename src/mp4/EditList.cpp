@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
-#include "mp4/TimingBoxLayout.h"
 
 namespace tarn {
 namespace {

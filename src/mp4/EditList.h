@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/MP4BoxUtils.h"
-#include "mp4/TimingBoxLayout.h"
 #include "platform/FileManager.h"
 
 namespace tarn {

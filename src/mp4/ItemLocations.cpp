@@ -5,8 +5,8 @@
 #include <optional>
 #include <string_view>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
-#include "mp4/TimingBoxLayout.h"
 #include "platform/Checked.h"
 
 namespace tarn {

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "mp4/SampleTableBuilders.h"
-#include "mp4/SampleTableReading.h"
 #include "mp4/TableBox.h"
+#include "mp4/detail/SampleTableReading.h"
 #include "platform/Checked.h"
 #include "platform/Log.h"
 

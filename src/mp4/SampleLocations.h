@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "mp4/MP4BoxUtils.h"
-#include "mp4/SampleTableReading.h"
+#include "mp4/detail/SampleTableReading.h"
 #include "platform/FileManager.h"
 
 namespace tarn {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <span>
 
-#include "mp4/TimingBoxLayout.h"
+#include "mp4/BoxLayout.h"
 
 namespace tarn {
 

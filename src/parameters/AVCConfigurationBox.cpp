@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "parameters/AVCSPSParser.h"
-#include "parameters/RBSPReading.h"
+#include "parameters/detail/RBSPReading.h"
 #include "platform/Log.h"
 
 namespace tarn {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <vector>
 
-#include "parameters/ConfigurationRecord.h"
 #include "parameters/PictureSize.h"
+#include "parameters/detail/ConfigurationRecord.h"
 #include "platform/Bytes.h"
 
 namespace tarn {

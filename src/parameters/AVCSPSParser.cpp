@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "parameters/RBSPReading.h"
+#include "parameters/detail/RBSPReading.h"
 
 namespace tarn {
 namespace {

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "parameters/HEVCSPSParser.h"
-#include "parameters/NALCodec.h"
-#include "parameters/ProfileTierLevel.h"
-#include "parameters/RBSPReading.h"
+#include "parameters/detail/NALCodec.h"
+#include "parameters/detail/ProfileTierLevel.h"
+#include "parameters/detail/RBSPReading.h"
 #include "platform/Log.h"
 
 namespace tarn {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "parameters/ConfigurationRecord.h"
+#include "parameters/detail/ConfigurationRecord.h"
 #include "platform/Bytes.h"
 
 namespace tarn {

@@ -1,9 +1,9 @@
 #include "parameters/HEVCConfigurationSegment.h"
 
-#include "parameters/NALCodec.h"
-#include "parameters/ParameterSetWalk.h"
 #include "parameters/SegmentList.h"
 #include "parameters/SetRules.h"
+#include "parameters/detail/NALCodec.h"
+#include "parameters/detail/ParameterSetWalk.h"
 #include "platform/Log.h"
 
 namespace tarn {

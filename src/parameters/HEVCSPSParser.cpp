@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "parameters/PictureSize.h"
-#include "parameters/ProfileTierLevel.h"
+#include "parameters/detail/ProfileTierLevel.h"
 
 namespace {
 

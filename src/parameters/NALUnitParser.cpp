@@ -10,8 +10,8 @@
 #include "mp4/MP4RemuxError.h"
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCSPSParser.h"
-#include "parameters/ParameterSetWalk.h"
 #include "parameters/SetRules.h"
+#include "parameters/detail/ParameterSetWalk.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 

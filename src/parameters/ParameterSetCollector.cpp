@@ -1,8 +1,8 @@
 #include "parameters/ParameterSetCollector.h"
 
-#include "parameters/ProfileTierLevel.h"
-#include "parameters/RBSPReading.h"
 #include "parameters/SetRules.h"
+#include "parameters/detail/ProfileTierLevel.h"
+#include "parameters/detail/RBSPReading.h"
 
 namespace tarn {
 

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "parameters/NALCodec.h"
 #include "parameters/PictureSize.h"
+#include "parameters/detail/NALCodec.h"
 #include "platform/Bytes.h"
 #include "platform/Error.h"
 

@@ -7,7 +7,7 @@
 
 #include "parameters/HEVCConfigurationSegment.h"
 #include "parameters/ParameterSetCollector.h"
-#include "parameters/ParameterSetWalk.h"
+#include "parameters/detail/ParameterSetWalk.h"
 
 namespace tarn {
 

@@ -12,7 +12,7 @@
 #include "parameters/AVCSPSParser.h"
 #include "parameters/HEVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
-#include "parameters/RBSPReading.h"
+#include "parameters/detail/RBSPReading.h"
 #include "platform/Log.h"
 
 namespace tarn {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "pipeline/PolledFiles.h"
+#include "pipeline/detail/PolledFiles.h"
 #include "platform/Log.h"
 
 namespace tarn {

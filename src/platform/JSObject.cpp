@@ -4,7 +4,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/Capacitor.h"
+#include "platform/JSObject.h"
 
 namespace tarn {
 namespace {

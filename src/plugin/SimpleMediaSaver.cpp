@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "platform/FileManager.h"
-#include "plugin/PhotoLibraryError.h"
+#include "plugin/detail/PhotoLibraryError.h"
 
 namespace tarn {
 

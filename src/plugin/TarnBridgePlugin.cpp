@@ -4,7 +4,7 @@
 #include <array>
 
 #include "platform/Log.h"
-#include "plugin/TaskPayload.h"
+#include "plugin/detail/TaskPayload.h"
 
 namespace tarn {
 namespace {

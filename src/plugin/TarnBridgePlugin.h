@@ -11,7 +11,7 @@
 #include "platform/PHPhotoLibrary.h"
 #include "platform/Platform.h"
 #include "platform/UIApplication.h"
-#include "plugin/ProgressWatcher.h"
+#include "plugin/detail/ProgressWatcher.h"
 
 namespace tarn {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
-#include "presentation/LaidEdit.h"
 #include "presentation/PresentationChange.h"
+#include "presentation/detail/LaidEdit.h"
 
 namespace tarn {
 namespace {

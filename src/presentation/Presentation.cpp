@@ -4,15 +4,15 @@
 #include <array>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
-#include "mp4/TimingBoxLayout.h"
-#include "presentation/LaidEdit.h"
-#include "presentation/MetadataPaths.h"
-#include "presentation/SampleOrder.h"
+#include "presentation/detail/LaidEdit.h"
+#include "presentation/detail/MetadataPaths.h"
+#include "presentation/detail/SampleOrder.h"
 
 namespace tarn {
 namespace {

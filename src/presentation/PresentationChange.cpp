@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "presentation/LaidEdit.h"
-#include "presentation/SampleOrder.h"
-#include "presentation/TimeMap.h"
+#include "presentation/detail/LaidEdit.h"
+#include "presentation/detail/SampleOrder.h"
+#include "presentation/detail/TimeMap.h"
 
 namespace tarn {
 namespace {

@@ -7,8 +7,8 @@
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/RemuxCodec.h"
 #include "remux/VideoPlan.h"
+#include "remux/detail/RemuxCodec.h"
 
 namespace tarn {
 namespace {

@@ -14,11 +14,11 @@
 #include "parameters/SetRules.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/MediaLayout.h"
-#include "remux/OpenFile.h"
-#include "remux/RemuxCodec.h"
-#include "remux/VideoEntries.h"
 #include "remux/VisualSampleEntry.h"
+#include "remux/detail/MediaLayout.h"
+#include "remux/detail/OpenFile.h"
+#include "remux/detail/RemuxCodec.h"
+#include "remux/detail/VideoEntries.h"
 
 namespace tarn {
 namespace {

@@ -1,10 +1,10 @@
 #include "sync/MP4AVSyncFixer.h"
 
-#include "mp4/TimingBoxLayout.h"
+#include "mp4/BoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
-#include "sync/SourceFile.h"
+#include "sync/detail/SourceFile.h"
 
 namespace tarn {
 namespace {

@@ -12,9 +12,9 @@
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 #include "presentation/RewriteCheck.h"
-#include "sync/MoovRewrite.h"
 #include "sync/SyncFixOrder.h"
-#include "sync/TrackTimingInfo.h"
+#include "sync/detail/MoovRewrite.h"
+#include "sync/detail/TrackTimingInfo.h"
 
 namespace tarn {
 

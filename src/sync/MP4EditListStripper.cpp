@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
-#include "mp4/TimingBoxLayout.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
-#include "sync/MoovRewrite.h"
-#include "sync/MovieLevels.h"
+#include "sync/detail/MoovRewrite.h"
+#include "sync/detail/MovieLevels.h"
 
 namespace tarn {
 namespace {

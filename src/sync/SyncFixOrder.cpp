@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "mp4/TimingBoxLayout.h"
-#include "sync/TimeArithmetic.h"
+#include "mp4/BoxLayout.h"
+#include "sync/detail/TimeArithmetic.h"
 
 namespace tarn {
 namespace {

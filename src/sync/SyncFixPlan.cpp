@@ -1,7 +1,7 @@
 #include "sync/SyncFixPlan.h"
 
-#include "mp4/TimingBoxLayout.h"
-#include "sync/TimeArithmetic.h"
+#include "mp4/BoxLayout.h"
+#include "sync/detail/TimeArithmetic.h"
 
 namespace tarn {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "pipeline/OriginalSyncInfo.h"
 #include "sync/MP4AVSync.h"
-#include "sync/TrackTimingInfo.h"
+#include "sync/detail/TrackTimingInfo.h"
 
 namespace tarn {
 

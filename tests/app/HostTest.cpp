@@ -5,9 +5,9 @@
 
 #include "app/EngineClient.h"
 #include "app/FileNames.h"
-#include "app/Host.h"
-#include "app/Payload.h"
 #include "app/TarnProcess.h"
+#include "engine/Host.h"
+#include "platform/JSObject.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultServer.h"
 #include "support/FaultyFileManager.h"

@@ -7,7 +7,7 @@
 
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
-#include "app/inspect/Inspection.h"
+#include "inspect/Inspection.h"
 #include "platform/Capacitor.h"
 #include "remux/RemuxStep.h"
 #include "support/BoxBuilder.h"

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "app/EngineClient.h"
-#include "app/Host.h"
+#include "engine/Host.h"
 #include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultyFileManager.h"

@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "app/DamagedMovies.h"
-#include "app/PlacingStep.h"
 #include "app/TarnProcess.h"
 #include "download/DownloadTask.h"
+#include "engine/PlacingStep.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
 #include "support/Eventually.h"

@@ -4,13 +4,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include "app/serve/ByteRange.h"
-#include "app/serve/HomeToken.h"
-#include "app/serve/HostScript.h"
-#include "app/serve/PageHub.h"
-#include "app/serve/PagePresence.h"
-#include "app/serve/ServedFolder.h"
 #include "platform/Error.h"
+#include "serve/HomeToken.h"
+#include "serve/detail/ByteRange.h"
+#include "serve/detail/HostScript.h"
+#include "serve/detail/PageHub.h"
+#include "serve/detail/PagePresence.h"
+#include "serve/detail/ServedFolder.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
 

@@ -1,9 +1,9 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
-#include "app/inspect/SoundForecast.h"
-#include "app/inspect/SoundText.h"
 #include "audio/SilentAACSampleCache.h"
+#include "inspect/SoundText.h"
+#include "inspect/detail/SoundForecast.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/SyntheticMovie.h"

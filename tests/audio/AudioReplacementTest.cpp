@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "audio/AudioReplacement.h"
 #include "audio/AudioStep.h"
 #include "audio/SilentAACSampleCache.h"
+#include "audio/replace/AudioReplacement.h"
 #include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"

@@ -4,9 +4,9 @@
 #include <algorithm>
 
 #include "audio/FastPathAudioBuilder.h"
-#include "audio/FastPathAudioRepair.h"
-#include "audio/FastPathAudioWriter.h"
 #include "audio/SilentAACSampleCache.h"
+#include "audio/fastpath/FastPathAudioRepair.h"
+#include "audio/fastpath/FastPathAudioWriter.h"
 #include "mp4/DataExtensions.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/memory/InMemoryFileManager.h"

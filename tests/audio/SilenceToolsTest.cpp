@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <set>
 
-#include "audio/AudioFades.h"
 #include "audio/CMSampleBufferHelpers.h"
-#include "audio/NoiseTable.h"
-#include "audio/PCMBufferPool.h"
+#include "audio/transcode/AudioFades.h"
+#include "audio/transcode/NoiseTable.h"
+#include "audio/transcode/PCMBufferPool.h"
 #include "support/LogCapture.h"
 #include "support/PCM.h"
 

@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/NoiseTable.h"
+#include "audio/transcode/NoiseTable.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"

@@ -4,7 +4,7 @@
 #include <span>
 
 #include "audio/CMSampleBufferHelpers.h"
-#include "audio/TranscodeLoop.h"
+#include "audio/transcode/TranscodeLoop.h"
 #include "support/PCM.h"
 
 namespace tarn::test {

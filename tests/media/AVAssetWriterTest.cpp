@@ -7,7 +7,7 @@
 
 #include "media/AVAssetWriter.h"
 #include "media/AudioConverter.h"
-#include "media/SegmentedAACEncoder.h"
+#include "media/detail/SegmentedAACEncoder.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultyFileManager.h"
 #include "support/PCM.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "movie/MoovCheck.h"
 #include "mp4/ChunkOffsetTable.h"
-#include "mp4/MoovCheck.h"
 #include "support/BoxBuilder.h"
 #include "support/LogCapture.h"
 

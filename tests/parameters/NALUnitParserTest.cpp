@@ -1,5 +1,5 @@
 #include "parameters/NALUnitParser.h"
-#include "parameters/ParameterSetWalk.h"
+#include "parameters/detail/ParameterSetWalk.h"
 #include "support/BoxBuilder.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"

@@ -4,7 +4,7 @@
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCSPSParser.h"
 #include "parameters/ParameterSetCollector.h"
-#include "parameters/RBSPReading.h"
+#include "parameters/detail/RBSPReading.h"
 #include "support/ParameterSetBuilder.h"
 
 extern "C" int32_t parseFromC(const uint8_t* data, size_t size, HEVCSPSInfo* info);

@@ -10,7 +10,7 @@
 
 #include "app/Commands.h"
 #include "app/TarnProcess.h"
-#include "app/inspect/Inspection.h"
+#include "inspect/Inspection.h"
 #include "platform/host/PosixFileManager.h"
 #include "reliability/ProbedMovie.h"
 #include "reliability/RandomMovie.h"

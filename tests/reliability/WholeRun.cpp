@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "download/DocumentsSweep.h"
-#include "download/TaskStore.h"
+#include "download/detail/TaskStore.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "parameters/NALUnitParser.h"
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "app/RepairSteps.h"
+#include "engine/RepairSteps.h"
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"

@@ -4,13 +4,13 @@
 #include <cmath>
 
 #include "app/Commands.h"
-#include "app/Home.h"
 #include "app/Output.h"
 #include "app/demo/BeatMeter.h"
 #include "app/demo/DamagedClip.h"
 #include "app/demo/LoopbackServer.h"
-#include "app/inspect/Inspection.h"
-#include "app/inspect/SoundText.h"
+#include "engine/Home.h"
+#include "inspect/Inspection.h"
+#include "inspect/SoundText.h"
 #include "platform/Error.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/PosixFileManager.h"

@@ -1,0 +1,296 @@
+#include "audio/replace/TrackBoxEdit.h"
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "audio/AudioTrackReplacerError.h"
+#include "mp4/DataExtensions.h"
+#include "mp4/SampleTableBuilders.h"
+#include "platform/Checked.h"
+#include "platform/Log.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t uint32Max = std::numeric_limits<uint32_t>::max();
+
+/// The box with an 8-byte header, for which the field offsets count.
+Bytes plainBox(const MovieBox& box) {
+  Bytes bytes;
+  ByteWriter(bytes).uint32(0).text(box.type).bytes(box.contents);
+  layout::store(bytes.data(), layout::boxSize, bytes.size());
+  return bytes;
+}
+
+MovieBox boxOf(ByteView bytes) {
+  const auto head = bytes.first(layout::boxHeaderSize), contents = bytes.subspan(layout::boxHeaderSize);
+  return {.type = std::string(textOf(head.subspan(layout::boxType.offset))),
+          .head = {head.begin(), head.end()},
+          .children = {},
+          .contents = {contents.begin(), contents.end()}};
+}
+
+/// Where a field lies in the contents; nothing where the box ends ahead of it.
+std::optional<layout::Field> inContents(const MovieBox* box, layout::Field field) {
+  field.offset -= layout::boxHeaderSize;
+  return box && field.end() <= box->contents.size() ? std::optional(field) : std::nullopt;
+}
+
+std::optional<layout::Field> presentField(const MovieBox* box, const VersionedField& fields) {
+  const auto version = inContents(box, layout::version);
+  if (!version) return std::nullopt;
+  return inContents(box, layout::load(box->contents.data(), *version) == 0 ? fields.version0 : fields.otherVersions);
+}
+
+std::string_view handlerOf(const MovieBox& trak) {
+  const MovieBox* hdlr = trak.find({"mdia", "hdlr"});
+  const auto field = inContents(hdlr, layout::handlerType);
+  return field ? textOf(ByteView(hdlr->contents).subspan(field->offset, field->width)) : std::string_view();
+}
+
+// --- Times ---
+
+/// What the entries of an `stts` add up to.
+struct SampleRuns {
+  uint64_t entries = 0;
+  uint64_t totalSamples = 0;
+  uint64_t totalDuration = 0;
+};
+
+/// Nothing for a table that ends ahead of its entries.
+std::optional<SampleRuns> sumRuns(ByteView stts) {
+  SampleRuns runs{.entries = layout::load(stts.data(), layout::entryCount)};
+  if (runs.entries > (stts.size() - layout::tableHeaderSize) / layout::runRowSize) return std::nullopt;
+  for (size_t i = 0; i < runs.entries; ++i) {
+    const uint8_t* entry = stts.data() + layout::tableHeaderSize + i * layout::runRowSize;
+    const uint64_t samples = layout::load(entry, layout::runSampleCount);
+    const auto duration = checkedMultiply(samples, layout::load(entry, layout::runValue));
+    const auto sum = duration ? checkedAdd(runs.totalDuration, *duration) : std::nullopt;
+    if (!sum) throw AudioTrackReplacerError::corruptedMP4("stts duration does not fit 64 bits");
+    runs.totalSamples += samples;
+    runs.totalDuration = *sum;
+  }
+  return runs;
+}
+
+// --- The edit list ---
+
+/// A track's clock beside that of its movie.
+struct Clocks {
+  uint32_t movie;
+  uint32_t track;
+};
+
+struct Entry {
+  uint64_t duration;  ///< movie timescale
+  int64_t mediaTime;  ///< track timescale
+  uint64_t rate;      ///< as it stands in the file
+
+  bool isEmpty() const { return mediaTime == layout::emptyEdit; }
+};
+
+/// To the nearest tick; half a tick goes up. Nothing where the result does not fit.
+std::optional<int64_t> rescaled(int64_t value, uint32_t from, uint32_t to) {
+  if (from == 0) return std::nullopt;
+  const __int128 result = (static_cast<__int128>(value) * to + from / 2) / from;
+  if (result > std::numeric_limits<int64_t>::max()) return std::nullopt;
+  return static_cast<int64_t>(result);
+}
+
+int64_t requireRescaled(int64_t value, uint32_t from, uint32_t to) {
+  const auto result = rescaled(value, from, to);
+  if (!result) throw AudioTrackReplacerError::corruptedMP4("A time of the edit list does not fit 64 bits");
+  return *result;
+}
+
+/// The entries that are there.
+std::vector<Entry> readEntries(ByteView elst) {
+  std::vector<Entry> entries;
+  if (elst.size() < layout::tableHeaderSize) return entries;
+  const auto& fields = layout::editRow(layout::load(elst.data(), layout::version) == 1);
+  const size_t present = (elst.size() - layout::tableHeaderSize) / fields.size;
+  entries.resize(std::min<size_t>(layout::load(elst.data(), layout::entryCount), present));
+  const uint8_t* at = elst.data() + layout::tableHeaderSize;
+  for (Entry& entry : entries) {
+    entry = {layout::load(at, fields.duration), layout::loadSigned(at, fields.mediaTime),
+             layout::load(at, fields.mediaRate)};
+    at += fields.size;
+  }
+  return entries;
+}
+
+/// The box that `old` becomes: its version and flags, but version 1 where an entry needs it.
+Bytes writeEntries(ByteView old, const std::vector<Entry>& entries) {
+  const bool isLong =
+      layout::load(old.data(), layout::version) == 1 ||
+      std::ranges::any_of(entries, [](const Entry& e) { return e.mediaTime > std::numeric_limits<int32_t>::max(); });
+  const auto& fields = layout::editRow(isLong);
+  Bytes box(layout::tableHeaderSize + entries.size() * fields.size);
+  std::ranges::copy(old.first(layout::tableHeaderSize), box.begin());
+  if (isLong) layout::store(box.data(), layout::version, 1);
+  layout::store(box.data(), layout::entryCount, entries.size());
+  uint8_t* at = box.data() + layout::tableHeaderSize;
+  for (const Entry& entry : entries) {
+    layout::store(at, fields.duration, entry.duration);
+    layout::store(at, fields.mediaTime, static_cast<uint64_t>(entry.mediaTime));
+    layout::store(at, fields.mediaRate, entry.rate);
+    at += fields.size;
+  }
+  return box;
+}
+
+/// Cuts the last entry to the end of the media, where it would show more than a packet of nothing.
+void cutToMedia(Entry& last, const Clocks& clocks, int64_t mediaEnd, int64_t packet) {
+  if (last.isEmpty() || last.duration == 0 || last.mediaTime >= mediaEnd) return;
+  const auto duration = static_cast<int64_t>(std::min<uint64_t>(last.duration, INT64_MAX));
+  const auto shown = rescaled(duration, clocks.movie, clocks.track);
+  if (shown && *shown - packet <= mediaEnd - last.mediaTime) return;
+  last.duration = static_cast<uint64_t>(requireRescaled(mediaEnd - last.mediaTime, clocks.track, clocks.movie));
+  log("  Cut the last edit to the end of the audio: {} -> {}", duration, last.duration);
+}
+
+/// How long the track is shown; an entry of 0 at the end reaches to the end of the media.
+uint64_t durationOf(const std::vector<Entry>& entries, const Clocks& clocks, uint64_t mediaDuration) {
+  uint64_t sum = 0;
+  for (const Entry& entry : entries) sum += std::min(entry.duration, std::numeric_limits<uint64_t>::max() - sum);
+  const Entry& last = entries.back();
+  if (last.duration != 0 || last.isEmpty()) return sum;
+  const auto skipped =
+      static_cast<uint64_t>(requireRescaled(std::max<int64_t>(last.mediaTime, 0), clocks.track, clocks.movie));
+  return sum + (mediaDuration - std::min(skipped, mediaDuration));
+}
+
+/// The track's edit list for new media; returns how long the track is shown.
+uint64_t fitEditList(MovieBox& trak, const MovieBox& newTrak, uint32_t oldTimescale, const Clocks& clocks,
+                     uint64_t mediaDuration) {
+  MovieBox* elst = trak.find({"edts", "elst"});
+  if (!elst) return mediaDuration;
+  const Bytes old = plainBox(*elst);
+  std::vector<Entry> entries = readEntries(old);
+  if (entries.empty()) return mediaDuration;
+  for (Entry& entry : entries) {
+    if (entry.mediaTime > 0) entry.mediaTime = requireRescaled(entry.mediaTime, oldTimescale, clocks.track);
+  }
+  const uint64_t mediaEnd = headerDurationField.load(newTrak.find({"mdia", "mdhd"}), 0);
+  const MovieBox* stts = newTrak.find({"mdia", "minf", "stbl", "stts"});
+  const auto packet = inContents(stts, {layout::tableHeaderSize + layout::runValue.offset, layout::runValue.width});
+  cutToMedia(entries.back(), clocks, static_cast<int64_t>(std::min<uint64_t>(mediaEnd, INT64_MAX)),
+             packet ? static_cast<int64_t>(layout::load(stts->contents.data(), *packet)) : 0);
+  *elst = boxOf(writeEntries(old, entries));
+  log("  Kept the {} edits of the audio track", entries.size());
+  return durationOf(entries, clocks, mediaDuration);
+}
+
+/// Puts clock, sample table and data references of `newMdia` into the track; all of it where the track's own is
+/// damaged.
+void putMdia(MovieBox& trak, const MovieBox& newMdia) {
+  MovieBox* mdhd = trak.find({"mdia", "mdhd"});
+  MovieBox* minf = trak.find({"mdia", "minf"});
+  const MovieBox* newMdhd = newMdia.find({"mdhd"});
+  if (minf && presentField(mdhd, headerDurationField)) {
+    headerTimescaleField.store(mdhd, "mdhd.timescale", headerTimescaleField.load(newMdhd, 0));
+    headerDurationField.store(mdhd, "mdhd.duration", headerDurationField.load(newMdhd, 0));
+    for (std::string_view type : {"dinf", "stbl"}) {
+      if (const MovieBox* box = newMdia.find({"minf", type})) minf->put(*box);
+    }
+  } else {
+    trak.put(newMdia);
+  }
+  MovieBox* stts = trak.find({"mdia", "minf", "stbl", "stts"});
+  if (!stts) return logLine("  normalizeAudioStts: stts not found, skipping");
+  if (const auto single = normalizeAudioStts(*stts)) *stts = boxOf(*single);
+}
+
+}  // namespace
+
+uint64_t VersionedField::load(const MovieBox* box, uint64_t otherwise) const {
+  const auto field = presentField(box, *this);
+  return field ? layout::load(box->contents.data(), *field) : otherwise;
+}
+
+bool VersionedField::store(MovieBox* box, std::string_view label, uint64_t value) const {
+  const auto field = presentField(box, *this);
+  if (!field) {
+    log("  Warning: no place for {}", label);
+    return false;
+  }
+  const uint64_t before = layout::load(box->contents.data(), *field);
+  const uint64_t after = field->width == 4 ? std::min(value, uint32Max) : value;
+  layout::store(box->contents.data(), *field, after);
+  log("  Updated {}: {} -> {}", label, before, after);
+  return true;
+}
+
+MovieBox* findTrack(MovieBox& moov, std::string_view handlerType, std::string_view mediaHeader) {
+  const auto first = [&](auto isWanted) {
+    const auto found =
+        std::ranges::find_if(moov.children, [&](const MovieBox& box) { return box.type == "trak" && isWanted(box); });
+    return found == moov.children.end() ? nullptr : &*found;
+  };
+  MovieBox* track = first([&](const MovieBox& trak) { return handlerOf(trak) == handlerType; });
+  return track ? track : first([&](const MovieBox& trak) { return trak.find({"mdia", "minf", mediaHeader}); });
+}
+
+std::optional<Bytes> normalizeAudioStts(const MovieBox& box) {
+  const Bytes stts = plainBox(box);
+  if (stts.size() < layout::tableHeaderSize) {
+    logLine("  normalizeAudioStts: stts too small, skipping");
+    return std::nullopt;
+  }
+  const auto runs = sumRuns(stts);
+  if (!runs) {
+    logLine("  normalizeAudioStts: stts truncated");
+    return std::nullopt;
+  }
+  const auto [entries, samples, duration] = *runs;
+  if (samples == 0) {
+    logLine("  normalizeAudioStts: no samples recorded");
+    return std::nullopt;
+  }
+  if (duration % samples != 0) {
+    log("  normalizeAudioStts: duration {} not divisible by samples {}, leaving stts as-is", duration, samples);
+    return std::nullopt;
+  }
+  const uint64_t delta = duration / samples;
+  if (delta == 0) {
+    logLine("  normalizeAudioStts: computed zero delta, skipping");
+    return std::nullopt;
+  }
+  if (samples > uint32Max || delta > uint32Max) {
+    throw AudioTrackReplacerError::corruptedMP4("stts does not fit a row of 32 bits");
+  }
+  log("  normalizeAudioStts: collapsed {} entries into 1 (delta={})", entries, delta);
+  return buildSimpleSttsBox(static_cast<uint32_t>(samples), static_cast<uint32_t>(delta));
+}
+
+void moveChunkOffsets(MovieBox& trak, std::span<const MediaMove> moves) {
+  MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
+  if (!stbl) return;
+  for (MovieBox& table : stbl->children) {
+    if (table.type != "stco" && table.type != "co64") continue;
+    const auto moved = ChunkOffsetTable::moved(plainBox(table), moves);
+    if (!moved) throw AudioTrackReplacerError::corruptedMP4("A chunk lies in no mdat box");
+    const uint64_t oldSize = table.size();
+    table = boxOf(moved->box);
+    if (!moved->isPromoted) continue;
+    logLine("  Warning: stco offset would overflow 32-bit, upgrading to co64");
+    log("  Upgraded stco to co64: {} bytes -> {} bytes", oldSize, table.size());
+  }
+}
+
+void putMedia(MovieBox& trak, const MovieBox& newTrak, uint32_t movieTimescale, uint64_t mediaDuration,
+              bool keepsEditList) {
+  const auto timescaleOf = [](const MovieBox& track) {
+    return static_cast<uint32_t>(headerTimescaleField.load(track.find({"mdia", "mdhd"}), 0));
+  };
+  const uint32_t oldTimescale = timescaleOf(trak), newTimescale = timescaleOf(newTrak);
+  if (!keepsEditList || oldTimescale == 0 || newTimescale == 0 || movieTimescale == 0) trak.removeAll("edts");
+  const uint64_t shown = fitEditList(trak, newTrak, oldTimescale, {movieTimescale, newTimescale}, mediaDuration);
+  if (const MovieBox* newMdia = newTrak.find({"mdia"})) putMdia(trak, *newMdia);
+  tkhdDurationField.store(trak.find({"tkhd"}), "tkhd.duration", shown);
+}
+
+}  // namespace tarn

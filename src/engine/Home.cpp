@@ -1,0 +1,107 @@
+#include "engine/Home.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+#include "platform/Error.h"
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t largestLog = 16 << 20;
+
+std::optional<std::string> environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
+  if (!value || !*value) return std::nullopt;
+  return value;
+}
+
+std::string timestamp() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm parts{};
+  gmtime_r(&now.tv_sec, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%FT%T", &parts);
+  return fmt::format("{}.{:03}Z", text, now.tv_nsec / 1'000'000);
+}
+
+}  // namespace
+
+Path homeDirectory(const std::optional<std::string>& given) {
+  if (given) return std::filesystem::absolute(*given).lexically_normal();
+  if (auto home = environment("TARN_HOME")) return std::filesystem::absolute(*home).lexically_normal();
+  if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
+  if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
+  throw Error("Home", -1, "No home directory is known: use --home DIR");
+}
+
+namespace {
+
+/// A new home is for its owner alone, and so is what is made in a home that is. One that was there keeps its mode.
+void makeHome(const Path& home) {
+  // A home that is given as "dir/" has no last name.
+  const Path place = home.has_filename() ? home : home.parent_path();
+  std::filesystem::create_directories(place.parent_path());
+  if (::mkdir(place.c_str(), 0700) != 0 && errno != EEXIST) throw PosixError(errno, home.string());
+  struct stat facts {};
+  if (::stat(home.c_str(), &facts) == 0 && (facts.st_mode & 077) == 0) ::umask(077);
+}
+
+}  // namespace
+
+HomeLock::HomeLock(const Path& home) {
+  makeHome(home);
+  const Path file = home / ".lock";
+  lock_ = Descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (lock_.isOpen() && flock(*lock_, LOCK_EX | LOCK_NB) == 0) return;
+  if (!lock_.isOpen() || errno != EWOULDBLOCK) throw PosixError(errno, file.string());
+  throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
+}
+
+LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
+  if (verbose) {
+    setLogSink([reader](std::string_view line) {
+      fmt::print(stderr, "{}\n", line);
+      reader(line);
+    });
+    return;
+  }
+  const Path path = home / "log/tarn.log";
+  std::filesystem::create_directories(path.parent_path());
+  std::error_code missing;
+  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
+    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
+  }
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
+  setLogSink([file, reader](std::string_view line) {
+    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
+    // A full disk costs lines of the log and stops no work.
+    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
+    reader(line);
+  });
+}
+
+LogFile::~LogFile() {
+  setLogSink({});
+}
+
+QuietLog::QuietLog(bool verbose) {
+  setLogSink([verbose](std::string_view line) {
+    if (verbose) fmt::print(stderr, "{}\n", line);
+  });
+}
+
+QuietLog::~QuietLog() {
+  setLogSink({});
+}
+
+}  // namespace tarn

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/host/Descriptor.h"
+
+namespace tarn {
+
+/// The directory in which `tarn` keeps everything: `given`, else TARN_HOME, else $XDG_DATA_HOME/tarn, else
+/// ~/.local/share/tarn. Absolute. Throws Error when none of these can be told.
+Path homeDirectory(const std::optional<std::string>& given);
+
+/// The one process that owns a home. The lock goes with the process, however it ends.
+class HomeLock {
+ public:
+  /// Makes the home when it is missing, for its owner alone; in such a home this process then makes all files for the
+  /// owner alone. Throws Error when another process owns it.
+  explicit HomeLock(const Path& home);
+
+ private:
+  Descriptor lock_;
+};
+
+/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, or to standard error with `verbose`, until
+/// it is destroyed. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as
+/// well.
+class LogFile {
+ public:
+  LogFile(const Path& home, bool verbose, const LogSink& reader);
+  ~LogFile();
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
+};
+
+/// Sends the log to standard error with `verbose`, else nowhere, until it is destroyed: for a command without a home.
+class QuietLog {
+ public:
+  explicit QuietLog(bool verbose);
+  ~QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+};
+
+}  // namespace tarn

@@ -1,0 +1,69 @@
+#include "engine/Host.h"
+
+#include <algorithm>
+
+#include "download/DocumentsSweep.h"
+#include "download/TransferNote.h"
+#include "platform/Log.h"
+
+namespace tarn {
+
+Host::Host(FileManager& files, const HostOptions& options)
+    : lock_(options.home),
+      log_(options.home, options.verbose, [this](std::string_view line) { journal_.read(line); }),
+      files_(files),
+      application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
+      defaults_(files_, options.home / "Defaults"),
+      store_(defaults_, files_, clock_),
+      photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite),
+      transfers_(files_, dispatch_, options.home / "Transfers"),
+      savingStep_(photos_, clock_) {
+  removeLeftovers(files_, store_);
+  for (const char* directory : {"", "Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
+  Platform platform{.files = files_,
+                    .defaults = defaults_,
+                    .clock = clock_,
+                    .dispatch = dispatch_,
+                    .application = application_,
+                    .photos = photos_,
+                    .transfers = transfers_};
+  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_));
+}
+
+Host::~Host() {
+  interrupt();
+  application_.terminate();
+  // The main queue is serial: behind this call the active run has been asked to stop, and stopping waits for it.
+  dispatch_.mainQueue().sync([] {});
+  // The plug-in's watcher ends with it; a run that still goes on keeps the engine until it ends.
+  plugin_.reset();
+  dispatch_.stop();
+}
+
+void Host::start() {
+  plugin_->load();
+  if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
+}
+
+void Host::interrupt() {
+  plugin_->downloadManager().stopStarting();
+  application_.enterBackground();
+  application_.expireBackgroundTime();
+}
+
+bool Host::hasTransfer(int64_t id) {
+  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [id](const std::string& text) {
+    auto note = TransferNote::parse(text);
+    return note && note->id == id;
+  });
+}
+
+std::vector<int64_t> Host::pendingRuns() {
+  std::vector<int64_t> ids;
+  for (const ProcessingState& state : store_.allPendingStates().value_or(std::vector<ProcessingState>())) {
+    ids.push_back(state.downloadId);
+  }
+  return ids;
+}
+
+}  // namespace tarn

@@ -1,0 +1,59 @@
+#include "engine/PrivateHome.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+
+#include "platform/Error.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* prefix = ".tarn-repair-";
+
+/// The lock of a directory, if it can be had. Whoever holds it owns the directory; it goes with the process.
+Descriptor lockDirectory(const Path& path, int flags) {
+  Descriptor lock(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+  if (lock.isOpen() && flock(*lock, LOCK_EX | flags) != 0) lock = Descriptor();
+  return lock;
+}
+
+/// False for a directory that was removed between being made and being locked.
+bool isStillNamed(const Descriptor& lock, const Path& path) {
+  struct stat named {};
+  struct stat opened {};
+  return ::stat(path.c_str(), &named) == 0 && ::fstat(*lock, &opened) == 0 && named.st_ino == opened.st_ino;
+}
+
+/// Removes the directories whose owners are dead.
+void removeAbandoned(const Path& place) {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(place, ignored)) {
+    if (!entry.path().filename().string().starts_with(prefix)) continue;
+    const Descriptor lock = lockDirectory(entry.path(), LOCK_NB);
+    if (lock.isOpen()) std::filesystem::remove_all(entry.path(), ignored);
+  }
+}
+
+}  // namespace
+
+PrivateHome::PrivateHome(const Path& place) {
+  removeAbandoned(place);
+  for (;;) {
+    path_ = place / (prefix + makeUUID());
+    if (::mkdir(path_.c_str(), 0700) != 0) throw PosixError(errno, "make a directory in " + place.string());
+    lock_ = lockDirectory(path_, 0);
+    // Where the file system knows no locks, nobody can take the directory for abandoned either.
+    if (!lock_.isOpen() || isStillNamed(lock_, path_)) return;
+  }
+}
+
+PrivateHome::~PrivateHome() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+}  // namespace tarn

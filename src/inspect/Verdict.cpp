@@ -1,0 +1,83 @@
+#include "inspect/Verdict.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "inspect/Inspection.h"
+
+namespace tarn {
+namespace {
+
+using Kind = Verdict::Kind;
+
+/// "<first>", "<first>; and 2 more problems".
+std::string summary(const std::vector<std::string>& problems) {
+  const size_t more = problems.size() - 1;
+  if (more == 0) return problems.front();
+  return fmt::format("{}; and {} more problem{}", problems.front(), more, more == 1 ? "" : "s");
+}
+
+std::optional<std::string> whatIsMissing(const Inspection& inspection) {
+  if (!inspection.hasMovie) return "no moov";
+  if (inspection.video && inspection.video->missingSamples > 0) {
+    const int64_t count = inspection.video->missingSamples;
+    return fmt::format("{} picture{} not in the file", count, count == 1 ? " is" : "s are");
+  }
+  if (inspection.missingPackets > 0) {
+    const uint32_t count = inspection.missingPackets;
+    return fmt::format("{} packet{} of the sound {} not in the file", count, count == 1 ? "" : "s",
+                       count == 1 ? "is" : "are");
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> wordsOf(const Inspection& inspection, bool areMended) {
+  std::vector<std::string> words;
+  for (const Problem& problem : inspection.problems) {
+    if (isMended(problem, inspection) == areMended) words.push_back(problem.words);
+  }
+  return words;
+}
+
+}  // namespace
+
+bool isMended(const Problem& problem, const Inspection& inspection) {
+  if (!inspection.changesFile) return false;
+  switch (problem.of) {
+    case Problem::Of::file:
+      return false;
+    case Problem::Of::video:
+      return inspection.remux.changesFile;
+    case Problem::Of::sound:
+      return inspection.audio.replacesSound();
+    case Problem::Of::editLists:
+      return inspection.syncFix.kind == SyncForecast::Kind::writes;
+  }
+  return false;
+}
+
+Verdict verdictOn(const Inspection& inspection) {
+  if (const auto missing = whatIsMissing(inspection)) {
+    return {Kind::broken, fmt::format("Broken: {}; download it again", *missing)};
+  }
+  if (inspection.remux.kind == RemuxForecast::Kind::refuses) {
+    return {Kind::broken, fmt::format("Broken: {}", inspection.remux.reason)};
+  }
+  const auto mended = wordsOf(inspection, true);
+  if (!mended.empty()) return {Kind::repairable, "Repairable: " + summary(mended)};
+  if (!inspection.harms.empty()) {
+    return {Kind::leftAlone, "Left alone, since a repair would do harm: " + inspection.harms.front()};
+  }
+  const auto left = wordsOf(inspection, false);
+  if (!left.empty()) return {Kind::leftAlone, "Left alone: " + summary(left)};
+  return {Kind::nothingToRepair, "Nothing to repair"};
+}
+
+std::string clockText(double seconds) {
+  const auto whole = static_cast<int64_t>(std::max(seconds, 0.0));
+  if (whole < 3600) return fmt::format("{}:{:02}", whole / 60, whole % 60);
+  return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+}  // namespace tarn

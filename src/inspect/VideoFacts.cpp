@@ -1,0 +1,197 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "inspect/detail/MovieFacts.h"
+#include "mp4/BoxWalker.h"
+#include "mp4/DataExtensions.h"
+#include "mp4/MP4BoxUtils.h"
+#include "mp4/MP4SampleTableParser.h"
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationBox.h"
+#include "parameters/NALUnitParser.h"
+#include "platform/Error.h"
+#include "remux/VisualSampleEntry.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t largestStsd = 16 << 20;
+
+size_t unitsOfType(const HEVCDecoderConfigurationRecord& record, uint8_t type) {
+  size_t count = 0;
+  for (const auto& array : record.arrays) {
+    if (array.nalUnitType == type) count += array.nalUnits.size();
+  }
+  return count;
+}
+
+ConfigurationFacts readConfiguration(const BoxHeader& box, ByteView contents) {
+  ConfigurationFacts facts{.type = box.type, .size = box.size, .problem = std::nullopt};
+  try {
+    if (box.type == "hvcC") {
+      const auto record = readHvcC(contents);
+      facts.vps = unitsOfType(record, hevcNALType::vps);
+      facts.sps = unitsOfType(record, hevcNALType::sps);
+      facts.pps = unitsOfType(record, hevcNALType::pps);
+      facts.isComplete = record.hasAllParameterSets();
+    } else {
+      const auto record = readAvcC(contents);
+      facts.sps = record.spsArray.size();
+      facts.pps = record.ppsArray.size();
+      facts.isComplete = record.hasAllParameterSets();
+    }
+  } catch (const Error& failure) {
+    facts.problem = failure.description();
+  }
+  return facts;
+}
+
+SampleEntryFacts readEntry(ByteView stsd, const BoxHeader& header) {
+  SampleEntryFacts entry;
+  entry.tag = header.type;
+  entry.size = header.size;
+  const auto start = static_cast<size_t>(header.offset);
+  if (auto size = readUInt32(stsd, start + visualSampleEntryWidthInBox)) {
+    entry.picture = {.width = *size >> 16, .height = *size & 0xFFFF};
+  }
+  if (header.size < visualSampleEntryFixedSize) return entry;
+  const auto end = static_cast<size_t>(std::min<uint64_t>(header.end(), stsd.size()));
+  BufferBoxWalker walker(stsd, start + visualSampleEntryFixedSize, end, boxwalk::sampleEntryChildren);
+  while (auto child = walker.next()) {
+    if (entry.configuration || (child->type != "hvcC" && child->type != "avcC")) continue;
+    auto contents = stsd.subspan(static_cast<size_t>(child->offset) + 8, static_cast<size_t>(child->size) - 8);
+    entry.configuration = readConfiguration(*child, contents);
+  }
+  const BoxWalkStop& stop = walker.stop();
+  entry.strayBytes = end - std::min<uint64_t>(end, stop.offset);
+  if (stop.reason == BoxWalkStop::Reason::overrun) entry.firstStray = stop.type;
+  return entry;
+}
+
+void readEntries(FileHandle& file, const MP4BoxInfo& stbl, VideoFacts& video) {
+  auto stsd = MP4BoxUtils::findChildBox(file, stbl, "stsd");
+  if (!stsd) {
+    video.problem = "there is no stsd box";
+    return;
+  }
+  file.seek(stsd->offset);
+  const Bytes bytes = file.read(static_cast<size_t>(std::min<uint64_t>(stsd->size, largestStsd)));
+  const uint32_t count = readUInt32(bytes, stsdCountInBox).value_or(0);
+  BufferBoxWalker walker(bytes, stsdEntriesInBox, bytes.size(), boxwalk::movieBuffer);
+  while (video.entries.size() < std::min<size_t>(count, mostListed)) {
+    auto header = walker.next();
+    if (!header) break;
+    video.entries.push_back(readEntry(bytes, *header));
+  }
+  if (video.entries.size() < count) {
+    video.problem = fmt::format("of {} sample entries {} can be read", count, video.entries.size());
+  }
+}
+
+/// Tells each entry its samples, by the descriptions of the chunks (ISO/IEC 14496-12 8.7.4).
+void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFacts>& entries) {
+  const auto& starts = table.chunkStartSampleIndex();
+  for (size_t chunk = 0; chunk < starts.size(); ++chunk) {
+    const int64_t first = starts[chunk] + 1;
+    const int64_t count = table.samplesInChunk()[chunk];
+    const auto samples = int64_t{table.sampleCount()};
+    if (count < 1 || first > samples) continue;
+    const uint32_t description = table.sampleDescriptionIndex(first - 1).value_or(0);
+    if (description < 1 || description > entries.size()) continue;
+    auto& ranges = entries[description - 1].ranges;
+    const int64_t last = std::min(first - 1 + count, samples);
+    if (!ranges.empty() && ranges.back().last + 1 == first) {
+      ranges.back().last = last;
+    } else {
+      ranges.push_back({first, last});
+    }
+  }
+}
+
+/// Counts the samples that end behind the end of the file.
+int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
+  const auto samples = int64_t{table.sampleCount()};
+  int64_t missing = 0;
+  for (size_t chunk = 0; chunk < table.chunkStartSampleIndex().size(); ++chunk) {
+    const int64_t first = table.chunkStartSampleIndex()[chunk];
+    const int64_t count = std::min(table.samplesInChunk()[chunk], samples - first);
+    if (count < 1) continue;
+    const uint64_t bytesThere = fileSize - std::min(fileSize, table.chunkOffsets()[chunk]);
+    const uint64_t ahead = table.sizeOfFirst(static_cast<size_t>(first));
+    for (int64_t end = first + count; end > first; --end, ++missing) {
+      if (table.sizeOfFirst(static_cast<size_t>(end)) - ahead <= bytesThere) break;
+    }
+  }
+  return missing;
+}
+
+std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
+  std::vector<size_t> sizes;
+  sizes.reserve(units.size());
+  for (const Bytes& unit : units) sizes.push_back(unit.size());
+  return sizes;
+}
+
+/// Of the pictures that are shown, one for each SPS that can be read.
+std::vector<PictureSize> pictureSizes(const ParameterSets& sets, bool isHEVC) {
+  if (!isHEVC) return sets.spsResolutions;
+  std::vector<PictureSize> sizes;
+  for (const Bytes& sps : sets.spsRbspArray) {
+    if (auto size = NALUnitParser::parseShownSize(sps)) sizes.push_back(*size);
+  }
+  return sizes;
+}
+
+BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table, bool isHEVC) {
+  BitstreamFacts facts;
+  try {
+    const auto samples = table.syncSamplesOnly();
+    facts.syncSamples = samples.size();
+    const auto voters = std::span(samples).first(std::min(NALUnitParser::votingSamples, samples.size()));
+    facts.nalLengthSize =
+        isHEVC ? NALUnitParser::detectNALLengthSize(file, voters) : NALUnitParser::detectAVCNALLengthSize(file, voters);
+    const ParameterSets sets = isHEVC
+                                   ? NALUnitParser::scanSamplesForParameterSets(file, samples, facts.nalLengthSize)
+                                   : NALUnitParser::scanSamplesForAVCParameterSets(file, samples, facts.nalLengthSize);
+    facts.vps = sizesOf(sets.vpsArray);
+    facts.sps = sizesOf(sets.spsArray);
+    facts.pps = sizesOf(sets.ppsArray);
+    facts.pictures = pictureSizes(sets, isHEVC);
+    facts.reusesIdentifiers = sets.requiresMultipleSampleEntries;
+    facts.changesPictureSize = std::ranges::adjacent_find(facts.pictures, std::not_equal_to()) != facts.pictures.end();
+  } catch (const Error& failure) {
+    facts.problem = failure.description();
+  }
+  return facts;
+}
+
+}  // namespace
+
+std::optional<VideoFacts> readVideo(FileHandle& file) {
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
+  if (!moov || !MP4BoxUtils::findTrack(file, *moov, MP4TrackType::video)) return std::nullopt;
+  VideoFacts video;
+  auto stbl = NALUnitParser::findVideoTrackStbl(file, *moov);
+  if (!stbl) {
+    video.problem = "the way to the stbl box is broken";
+    return video;
+  }
+  readEntries(file, *stbl, video);
+  MP4SampleTableParser table;
+  try {
+    table.parseSampleTable(file, *stbl);
+  } catch (const Error& failure) {
+    video.problem = failure.description();
+    return video;
+  }
+  assignSamples(table, video.entries);
+  video.missingSamples = countMissing(table, file.seekToEnd());
+  const std::string tag = video.entries.empty() ? "" : video.entries.front().tag;
+  const bool isHEVC = tag == "hev1" || tag == "hvc1";
+  if (isHEVC || tag == "avc1" || tag == "avc3") video.bitstream = readBitstream(file, table, isHEVC);
+  return video;
+}
+
+}  // namespace tarn

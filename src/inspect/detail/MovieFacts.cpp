@@ -1,0 +1,123 @@
+#include "inspect/detail/MovieFacts.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "mp4/BoxWalker.h"
+#include "mp4/DataExtensions.h"
+#include "mp4/MP4BoxUtils.h"
+#include "mp4/TimeHeader.h"
+#include "platform/Error.h"
+#include "remux/VisualSampleEntry.h"
+#include "sync/MP4AVSync.h"
+#include "sync/MP4AVSyncFixer.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t smallBox = 4096;  ///< more of a header or of the front of a table is not looked at
+
+std::optional<MP4BoxInfo> findPath(FileHandle& file, std::optional<MP4BoxInfo> box,
+                                   std::initializer_list<std::string_view> types) {
+  for (std::string_view type : types) {
+    if (!box) break;
+    box = MP4BoxUtils::findChildBox(file, *box, type);
+  }
+  return box;
+}
+
+/// The front of a box, header included; empty when there is no box.
+Bytes frontOf(FileHandle& file, const std::optional<MP4BoxInfo>& box) {
+  if (!box) return {};
+  file.seek(box->offset);
+  return file.read(static_cast<size_t>(std::min<uint64_t>(box->size, smallBox)));
+}
+
+std::optional<uint16_t> readUInt16(ByteView data, size_t at) {
+  if (at + 2 > data.size()) return std::nullopt;
+  return static_cast<uint16_t>(data[at] << 8 | data[at + 1]);
+}
+
+/// track_ID of a `tkhd` (ISO/IEC 14496-12 8.3.2).
+uint32_t trackID(ByteView tkhd) {
+  const bool hasLongTimes = tkhd.size() > 8 && tkhd[8] != 0;
+  return readUInt32(tkhd, hasLongTimes ? 28 : 20).value_or(0);
+}
+
+/// Tag and picture or sound of the first sample entry (ISO/IEC 14496-12 8.5.2).
+void readFirstEntry(ByteView stsd, TrackFacts& track) {
+  constexpr size_t channelsInEntry = 24;
+  constexpr size_t rateInEntry = 32;
+  const size_t entry = stsdEntriesInBox;
+  if (readUInt32(stsd, stsdCountInBox).value_or(0) == 0 || stsd.size() < entry + 8) return;
+  track.codec = decodeUTF8(stsd.subspan(entry + sampleEntryTypeInBox, 4));
+  if (track.handler == "vide") {
+    auto width = readUInt16(stsd, entry + visualSampleEntryWidthInBox);
+    auto height = readUInt16(stsd, entry + visualSampleEntryWidthInBox + 2);
+    if (width && height) track.picture = PictureSize{.width = *width, .height = *height};
+  } else if (track.handler == "soun") {
+    track.channels = readUInt16(stsd, entry + channelsInEntry);
+    track.rate = readUInt16(stsd, entry + rateInEntry);  // the whole part of a 16.16 number
+  }
+}
+
+TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
+  constexpr size_t sampleCountInBox = 16;
+  TrackFacts track;
+  track.handler = MP4BoxUtils::getHandlerType(file, trak).value_or("");
+  track.id = trackID(frontOf(file, findPath(file, trak, {"tkhd"})));
+  const Bytes mdhd = frontOf(file, findPath(file, trak, {"mdia", "mdhd"}));
+  track.timescale = avsync_parse_mdhd_timescale(mdhd.data(), static_cast<int32_t>(mdhd.size()));
+  track.duration = MP4AVSyncFixer::parseMdhdDuration(mdhd);
+  const auto stbl = findPath(file, trak, {"mdia", "minf", "stbl"});
+  readFirstEntry(frontOf(file, findPath(file, stbl, {"stsd"})), track);
+  for (const char* type : {"stsz", "stz2"}) {
+    if (!track.samples) track.samples = readUInt32(frontOf(file, findPath(file, stbl, {type})), sampleCountInBox);
+  }
+  const auto mediaHeader = findPath(file, trak, {"mdia", "mdhd"});
+  const auto clock = mediaHeader ? readTimeHeader(file, *mediaHeader) : std::nullopt;
+  track.lacksDuration = track.samples.value_or(0) > 0 && clock && clock->duration == 0;
+  return track;
+}
+
+std::string whereTheBoxesEnd(const BoxWalkStop& stop, uint64_t fileSize) {
+  const uint64_t left = fileSize - std::min(fileSize, stop.offset);
+  if (stop.reason == BoxWalkStop::Reason::badSize) {
+    return fmt::format("the box at {} has a size that cannot be ({}); {} bytes are no boxes", stop.offset, stop.size,
+                       left);
+  }
+  return fmt::format("{} bytes at the end, from {} on, are no box", left, stop.offset);
+}
+
+}  // namespace
+
+void readTopLevel(FileHandle& file, Inspection& inspection) {
+  inspection.size = file.seekToEnd();
+  FileBoxWalker walker(file, 0, inspection.size, boxwalk::topLevel);
+  while (auto box = walker.next()) {
+    if (inspection.boxes.size() == mostListed) {
+      inspection.boxesProblem = fmt::format("more than {} boxes; the rest is not listed", mostListed);
+      return;
+    }
+    const uint64_t missing = box->end() - std::min(box->end(), inspection.size);
+    inspection.boxes.push_back({box->type, box->offset, box->size, missing});
+  }
+  if (walker.stop().reason != BoxWalkStop::Reason::endOfLevel) {
+    inspection.boxesProblem = whereTheBoxesEnd(walker.stop(), inspection.size);
+  }
+}
+
+std::vector<TrackFacts> readTracks(FileHandle& file) {
+  std::vector<TrackFacts> tracks;
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
+  if (!moov) return tracks;
+  FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
+  while (auto box = walker.next()) {
+    if (tracks.size() == mostListed) break;
+    if (box->type == "trak") tracks.push_back(readTrack(file, {box->size, box->type, box->offset, box->headerSize}));
+  }
+  return tracks;
+}
+
+}  // namespace tarn

@@ -1,0 +1,227 @@
+#include "inspect/detail/RepairForecast.h"
+
+#include <fmt/ranges.h>
+
+#include <memory>
+
+#include "download/FirstRecord.h"
+#include "inspect/detail/MovieFacts.h"
+#include "inspect/detail/SoundForecast.h"
+#include "mp4/MP4BoxUtils.h"
+#include "pipeline/ProcessingStep.h"
+#include "platform/Error.h"
+#include "platform/layers/DryRunFiles.h"
+#include "presentation/Presentation.h"
+#include "presentation/RepairHarms.h"
+#include "remux/LeftAlone.h"
+#include "remux/RemuxStep.h"
+#include "remux/VideoPlan.h"
+#include "sync/MP4AVSyncFixer.h"
+#include "sync/SyncStep.h"
+
+namespace tarn {
+namespace {
+
+/// Keeps the warnings of a trial run, and nothing else of it.
+class WarningCollector : public ProcessingRunListener {
+ public:
+  explicit WarningCollector(std::vector<std::string>& warnings) : warnings_(warnings) {}
+
+  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
+  void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
+                       const std::string& /*stage*/) override {}
+  void warned(const std::string& words) override { warnings_.push_back(words); }
+
+ private:
+  std::vector<std::string>& warnings_;
+};
+
+/// The repair of one file on trial, step by step.
+class TrialRun {
+ public:
+  TrialRun(FileManager& files, Inspection& inspection)
+      : files_(files),
+        trial_(files),
+        inspection_(inspection),
+        path_(inspection.file),
+        listener_(inspection.warnings),
+        run_(trial_, clock_, names_, listener_, firstRecord(),
+             std::make_shared<DownloadTask>(trial_, 0, "", std::nullopt, std::nullopt),
+             std::make_shared<CancellationToken>()) {}
+
+  void run() {
+    remux();
+    readSyncFacts();
+    decideOnAudio();
+    fixSync();
+    if (!isRepaired()) return;
+    inspection_.harms = harmsOfRepair(files_, path_, trial_, path_, false);
+    inspection_.changesFile =
+        inspection_.harms.empty() && (trial_.isChanged(path_) || inspection_.audio.replacesSound());
+  }
+
+ private:
+  ProcessingState firstRecord() {
+    return makeFirstRecord(trial_, clock_,
+                           {.filename = path_.filename().string(), .album = std::nullopt, .fileURL = path_});
+  }
+
+  bool isRepaired() const { return inspection_.remux.kind != RemuxForecast::Kind::refuses; }
+
+  void remux() {
+    RemuxForecast& forecast = inspection_.remux;
+    if (!run_.state.needsRemuxing) {
+      forecast.reason = whyTheVideoIsLeftAlone(trial_, path_).value_or("there is no video track");
+      return;
+    }
+    std::optional<VideoPlan> plan;
+    try {
+      plan = planVideo(trial_, path_);
+    } catch (const Error&) {
+      // The step fails at the same, and says so.
+    }
+    try {
+      RemuxStep().run(run_);
+    } catch (const std::exception& failure) {
+      forecast.kind = RemuxForecast::Kind::refuses;
+      forecast.reason = failure.what();
+      return;
+    }
+    forecast.changesFile = trial_.isChanged(path_);
+    auto result = trial_.open(path_, OpenMode::reading);
+    if (auto video = readVideo(*result)) forecast.entries = std::move(video->entries);
+    tellWhatWasDone(forecast);
+    if (plan) forecast.reason = plan->reason;
+    if (plan && forecast.changesFile) forecast.losses = plan->losses;
+    if (!forecast.changesFile && !inspection_.warnings.empty()) leaveBroken(forecast);
+    if (inspection_.video && trial_.isReplaced(path_)) {
+      listLosses(*result, forecast);
+    }
+  }
+
+  /// The step warns only of what it would mend and cannot.
+  void leaveBroken(RemuxForecast& forecast) {
+    forecast.reason = fmt::format("{}", fmt::join(inspection_.warnings, "; "));
+    inspection_.problems.push_back({Problem::Of::video, forecast.reason});
+  }
+
+  void tellWhatWasDone(RemuxForecast& forecast) {
+    using Kind = RemuxForecast::Kind;
+    const bool isSplit = run_.timings.hevcRemuxing.isMultipleSampleEntries;
+    forecast.kind = !forecast.changesFile      ? Kind::leavesAlone
+                    : isSplit                  ? Kind::splits
+                    : trial_.isReplaced(path_) ? Kind::rebuilds
+                                               : Kind::changesTag;
+  }
+
+  /// Bytes that the steps do not take over: of the entry that they copied, and behind the last box.
+  void listLosses(FileHandle& result, RemuxForecast& forecast) {
+    const std::vector<SampleEntryFacts>& entries = inspection_.video->entries;
+    if (entries.empty()) return;
+    const SampleEntryFacts& entry = entries.front();
+    if (entry.strayBytes > 0) {
+      forecast.losses.push_back(
+          fmt::format("{} bytes at the end of the sample entry{} are not copied", entry.strayBytes,
+                      entry.firstStray.empty() ? " that are no box"
+                                               : fmt::format(", from a '{}' on that overruns it,", entry.firstStray)));
+    }
+    if (entries.size() > 1 && forecast.kind == RemuxForecast::Kind::splits) {
+      forecast.losses.push_back(
+          fmt::format("the {} sample entries of now give way to {} new ones", entries.size(), forecast.entries.size()));
+    }
+    const uint64_t before = bytesBesideMoov(*files_.open(path_, OpenMode::reading));
+    const uint64_t after = bytesBesideMoov(result);
+    if (after < before) {
+      forecast.losses.push_back(
+          fmt::format("{} bytes at the end of the file are no box and are not copied", before - after));
+    }
+  }
+
+  static uint64_t bytesBesideMoov(FileHandle& file) {
+    const auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
+    return file.seekToEnd() - (moov ? moov->size : 0);
+  }
+
+  void readSyncFacts() {
+    try {
+      inspection_.sync = MP4AVSyncFixer::readOriginalSyncInfo(files_, path_);
+    } catch (const std::exception& failure) {
+      inspection_.syncProblem = failure.what();
+    }
+  }
+
+  void decideOnAudio() {
+    AudioForecast& forecast = inspection_.audio;
+    if (!isRepaired()) {
+      forecast.reason = "the remux step ends the repair";
+      return;
+    }
+    std::vector<std::string> problems;
+    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode, problems);
+    for (std::string& words : problems) inspection_.problems.push_back({Problem::Of::sound, std::move(words)});
+    for (const std::string& words : soundWarnings(forecast)) run_.warn(words);
+    if (forecast.findings) run_.originalSyncInfo = forecast.findings->originalSyncInfo;
+  }
+
+  void fixSync() {
+    using Kind = SyncForecast::Kind;
+    SyncForecast& forecast = inspection_.syncFix;
+    if (!isRepaired()) {
+      forecast = {Kind::notReached, "the remux step ends the repair"};
+      return;
+    }
+    if (run_.state.skipAVSync) {
+      forecast = {Kind::nothing, "the movie is fragmented"};
+      return;
+    }
+    const size_t warnings = inspection_.warnings.size();
+    try {
+      forecast.order = neededLists();
+      SyncStep().run(run_);
+      const bool isDone = !neededLists().isNeeded();
+      if (!forecast.order.isNeeded()) {
+        forecast = {Kind::nothing, "no track needs another edit list"};
+      } else if (isDone) {
+        forecast.kind = Kind::writes;
+        forecast.reason = "an edit list is damaged, or missing where one is needed";
+      } else {
+        forecast.kind = Kind::fails;
+        forecast.reason =
+            inspection_.warnings.size() > warnings ? inspection_.warnings.back() : "the edit lists cannot be written";
+      }
+    } catch (const std::exception& failure) {
+      forecast.kind = Kind::fails;
+      forecast.reason = failure.what();
+    }
+  }
+
+  SyncFixOrder neededLists() {
+    const auto presentation = Presentation::read(trial_, path_);
+    SyncFixOrder order = orderSyncFix(presentation);
+    if (inspection_.audio.replacesSound()) leaveNewSoundOut(presentation, order);
+    return order;
+  }
+
+  /// A new sound track comes with the edit list that it needs.
+  static void leaveNewSoundOut(const Presentation& presentation, SyncFixOrder& order) {
+    const TrackPresentation* sound = presentation.first("soun");
+    std::erase_if(order.tracks, [&](const auto& track) { return sound && track.trackID == sound->trackID; });
+  }
+
+  FileManager& files_;
+  DryRunFiles trial_;
+  Inspection& inspection_;
+  const Path path_;
+  SystemClock clock_;
+  NamesInTheMaking names_;
+  WarningCollector listener_;
+  ProcessingRun run_;
+};
+
+}  // namespace
+
+void forecastRepair(FileManager& files, Inspection& inspection) {
+  TrialRun(files, inspection).run();
+}
+
+}  // namespace tarn

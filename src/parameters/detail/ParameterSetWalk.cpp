@@ -1,0 +1,76 @@
+#include "parameters/detail/ParameterSetWalk.h"
+
+#include <algorithm>
+
+#include "platform/Checked.h"
+#include "platform/Error.h"
+#include "platform/Log.h"
+
+namespace tarn {
+
+ByteView SampleFront::at(uint64_t position, size_t count) {
+  if (position < pieceStart_ || position + count > pieceStart_ + piece_.size()) load(position, count);
+  ByteView available = ByteView(piece_).subspan(position - pieceStart_);
+  return available.first(std::min(count, available.size()));
+}
+
+void SampleFront::load(uint64_t position, size_t count) {
+  pieceStart_ = position;
+  piece_.clear();
+  auto offset = checkedAdd(sampleOffset_, position);
+  if (!offset) return;
+  try {
+    file_.seek(*offset);
+    piece_ = file_.read(std::max(count, readAhead));
+  } catch (const PosixError&) {
+    // A sample that cannot be read is passed over like one that is damaged.
+    piece_.clear();
+  }
+}
+
+ParameterSetWalk::ParameterSetWalk(FileHandle& file, const SampleInfo& sample, int nalLengthSize,
+                                   const NALWalkRules& rules)
+    : front_(file, sample),
+      rules_(rules),
+      limit_(std::min(sample.size, searchLimit)),
+      lengthSize_(nalLengthSize == 1 || nalLengthSize == 2 || nalLengthSize == 4 ? static_cast<uint64_t>(nalLengthSize)
+                                                                                 : 0) {}
+
+std::optional<Bytes> ParameterSetWalk::next() {
+  while (position_ < limit_) {
+    auto length = readLength();
+    if (!length) return std::nullopt;
+    if (*length == 0 || *length >= invalidLength) {
+      if (rules_.logsDamage) log("Invalid NAL length: {}, skipping sample", *length);
+      return std::nullopt;
+    }
+    uint64_t start = position_ + lengthSize_;
+    ByteView header = front_.at(start, rules_.codec.headerSize);
+    if (header.size() < rules_.codec.headerSize) return std::nullopt;
+    uint8_t type = rules_.codec.type(header[0]);
+    if (rules_.stopsAtSlice && rules_.codec.isSlice(type)) return std::nullopt;
+    position_ = start + *length;
+    if (!rules_.codec.parameterSetKind(type)) continue;
+    if (*length < rules_.codec.headerSize) {
+      if (rules_.logsDamage) {
+        log("Invalid NAL payload size: {}", int64_t{*length} - static_cast<int64_t>(rules_.codec.headerSize));
+      }
+      return std::nullopt;
+    }
+    ByteView unit = front_.at(start, *length);
+    if (unit.size() < *length) return std::nullopt;
+    return Bytes(unit.begin(), unit.end());
+  }
+  return std::nullopt;
+}
+
+/// Nothing where the sample ends; 0, a length that is damage, where no such prefix exists.
+std::optional<uint32_t> ParameterSetWalk::readLength() {
+  ByteView prefix = front_.at(position_, lengthSize_);
+  if (prefix.size() < lengthSize_) return std::nullopt;
+  uint32_t length = 0;
+  for (uint8_t byte : prefix) length = length << 8 | byte;
+  return length;
+}
+
+}  // namespace tarn

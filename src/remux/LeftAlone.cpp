@@ -1,0 +1,36 @@
+#include "remux/LeftAlone.h"
+
+#include <fmt/format.h>
+
+#include "mp4/MP4BoxUtils.h"
+#include "platform/Error.h"
+#include "presentation/Presentation.h"
+#include "remux/MP4Remuxer.h"
+
+namespace tarn {
+
+namespace {
+
+bool isSoundAlone(FileManager& files, const Path& path) {
+  auto file = files.open(path, OpenMode::reading);
+  auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
+  return moov && !MP4BoxUtils::findTrack(*file, *moov, MP4TrackType::video);
+}
+
+}  // namespace
+
+std::optional<std::string> whyTheVideoIsLeftAlone(FileManager& files, const Path& path) {
+  try {
+    if (isFragmented(files, path)) return "it is fragmented: its moov does not list all samples";
+    if (isSoundAlone(files, path)) return std::nullopt;
+    if (auto tag = MP4Remuxer::detectHEVCTag(files, path)) {
+      if (*tag == "encv") return "the video is encrypted (encv)";
+      return fmt::format("video with the tag '{}' is not repaired", *tag);
+    }
+    return "no video codec was recognised";
+  } catch (const Error& failure) {
+    return "no video codec was recognised: " + failure.description();
+  }
+}
+
+}  // namespace tarn

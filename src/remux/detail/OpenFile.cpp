@@ -1,0 +1,20 @@
+#include "remux/detail/OpenFile.h"
+
+#include "platform/Error.h"
+
+namespace tarn {
+
+MP4RemuxError fileHandleError(const std::string& description) {
+  return MP4RemuxError::ioError(Error("FileHandle", -1, description));
+}
+
+std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& fileURL, OpenMode mode, const char* refusal) {
+  if (!files.fileExists(fileURL)) throw MP4RemuxError::fileNotFound();
+  try {
+    return files.open(fileURL, mode);
+  } catch (const PosixError&) {
+    throw fileHandleError(refusal);
+  }
+}
+
+}  // namespace tarn

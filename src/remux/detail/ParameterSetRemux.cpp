@@ -1,0 +1,233 @@
+#include <fmt/ranges.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "movie/MoovCheck.h"
+#include "mp4/DataExtensions.h"
+#include "platform/Log.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/VideoPlan.h"
+#include "remux/detail/OpenFile.h"
+#include "remux/detail/RemuxCodec.h"
+
+namespace tarn {
+namespace {
+
+void throwIfCancelled(const CancellationToken* token) {
+  if (token) token->throwIfCancelled();
+}
+
+uint64_t requireSize(FileManager& files, const Path& fileURL) {
+  auto attributes = files.attributes(fileURL);
+  if (!attributes) throw MP4RemuxError::fileNotFound();
+  return attributes->size;
+}
+
+/// The new file stands beside the old one for a while, and room must be left.
+void checkDiskSpace(FileManager& files, uint64_t fileSize, const RemuxCodec& codec) {
+  auto free = files.freeSpace(files.temporaryDirectory());
+  if (!free) return;
+  uint64_t available = *free >> 20;
+  uint64_t required = fileSize >> 19;
+  if (fileSize >= *free / 2 + *free % 2) {
+    throw MP4RemuxError::writeError(fmt::format("Insufficient disk space: need {}MB, have {}MB available.{}", required,
+                                                available, codec.diskAdvice));
+  }
+  log("{}Disk space check: {}MB available, {}MB required{}", codec.prefix, available, required, codec.diskCheckEnd);
+}
+
+struct Moov {
+  MP4BoxInfo box;
+  Bytes bytes;
+};
+
+Bytes readBox(FileHandle& file, const MP4BoxInfo& box) {
+  Bytes bytes;
+  try {
+    file.seek(box.offset);
+    bytes = file.read(static_cast<size_t>(box.size));
+  } catch (const PosixError&) {
+    // No data, which is told below.
+  }
+  if (bytes.empty()) throw MP4RemuxError::ioError(Error("Cannot read moov box", -1, "Cannot read moov box"));
+  return bytes;
+}
+
+MP4RemuxError corrupted(std::string_view problem, const MP4BoxInfo& moov) {
+  return MP4RemuxError::corruptedMP4(fmt::format("moov box at {} of {} bytes {}", moov.offset, moov.size, problem));
+}
+
+/// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
+Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
+  auto box = MP4BoxUtils::findTopLevelBox(file, "moov");
+  if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
+  if (box->headerSize != 8) throw corrupted("has a 64-bit size field", *box);
+  Bytes bytes = readBox(file, *box);
+  if (bytes.size() < box->size) throw corrupted("extends beyond the end of the file", *box);
+  if (box->size > UINT32_MAX) throw corrupted("does not fit a 32-bit size field", *box);
+  writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
+  if (auto problem = whatForbidsEditingTheWay(bytes)) throw MP4RemuxError::corruptedMP4(*problem);
+  log("{}Read moov box ({} bytes)", codec.prefix, bytes.size());
+  return {*std::move(box), std::move(bytes)};
+}
+
+std::string pictureSizes(const ParameterSets& sets) {
+  std::set<std::string> texts;
+  for (const PictureSize& size : sets.spsResolutions) {
+    if (size.width > 0 && size.height > 0) texts.insert(fmt::format("{}x{}", size.width, size.height));
+  }
+  return fmt::format("{}", fmt::join(texts, ", "));
+}
+
+/// One sample entry cannot describe a stream whose picture size changes or whose identifiers come again with other
+/// parameter sets.
+bool needsSeveralEntries(const ParameterSets& sets, const RemuxCodec& codec) {
+  if (sets.hasResolutionChanges) {
+    log("{}INFO: Video has dynamic resolution changes: {}", codec.donePrefix, pictureSizes(sets));
+  }
+  if (sets.requiresMultipleSampleEntries) {
+    log("{}INFO: Parameter set IDs are reused with different content", codec.donePrefix);
+  }
+  return sets.hasResolutionChanges || sets.requiresMultipleSampleEntries;
+}
+
+/// What a remux works with from start to end.
+struct Work {
+  FileManager& files;
+  const Path& fileURL;
+  const CancellationToken* token;
+  RemuxTimings& timings;
+  const RemuxCodec& codec;
+  const VideoPlan* plan;  ///< null where the worker scans the stream for itself
+  const RewriteCheck& check;
+};
+
+/// What the new sample entries shall hold.
+struct Contents {
+  ExtractedParameterSets extracted = {};            ///< of one entry
+  std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found
+  bool areSeveral = false;
+};
+
+Contents findContents(const Work& work) {
+  if (const VideoPlan* plan = work.plan) {
+    if (plan->segments.empty()) throw MP4RemuxError::unsupportedFormat("The plan has no new sample entries");
+    Contents contents{.extracted = {plan->segments.front().sets, plan->nalLengthSize},
+                      .segments = plan->segments,
+                      .areSeveral = plan->kind == VideoPlan::Kind::splits};
+    contents.extracted.sets.isCollectionComplete = true;
+    return contents;
+  }
+  TimingHelper timer;
+  log("{}{}", work.codec.prefix, work.codec.extractText);
+  Contents contents{.extracted = work.codec.extract(work.files, work.fileURL)};
+  work.timings.parameterExtraction = timer.stop();
+  contents.areSeveral = needsSeveralEntries(contents.extracted.sets, work.codec);
+  return contents;
+}
+
+/// The `moov` with the only configuration in the first sample entry.
+Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets& extracted) {
+  const RemuxCodec& codec = work.codec;
+  TimingHelper timer;
+  log("{}Building {}...", codec.prefix, codec.recordName);
+  Bytes configBox = codec.buildConfigBox(extracted);
+  work.timings.buildHvcC = timer.stop();
+  log("{}Built {} box ({} bytes)", codec.prefix, codec.configBox, configBox.size());
+
+  timer.start();
+  Bytes newMoov = injectConfigBoxIntoMoov(moov.bytes, configBox, codec);
+  work.timings.injectHvcC = timer.stop();
+  auto delta = static_cast<int64_t>(newMoov.size()) - static_cast<int64_t>(moov.bytes.size());
+  log("{}Modified moov box ({} bytes, delta: +{})", codec.prefix, newMoov.size(), delta);
+  return newMoov;
+}
+
+/// True where the first sample entry says what it must, now that its tag does.
+bool repairTag(const Work& work) {
+  log("{}Attempting Phase 1 first...", work.codec.prefix);
+  bool isDone = MP4Remuxer::remuxAVCTag(work.files, work.fileURL, work.codec.inBandTag);
+  log("{}{}", work.codec.prefix,
+      isDone ? "Phase 1 succeeded, no full remux needed" : "Phase 1 failed, proceeding with full Phase 2 remux...");
+  return isDone;
+}
+
+/// The plan for a stream that carries more than its sample entries say, whole as they are; nothing for any other, and
+/// where that cannot be told.
+std::optional<VideoPlan> planOfChanges(const Work& work) {
+  try {
+    auto plan = planVideo(work.files, work.fileURL);
+    if (!plan || !plan->hasWholeEntries || plan->segments.empty()) return std::nullopt;
+    log("{}INFO: {}", work.codec.donePrefix, plan->reason);
+    return plan;
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& error) {
+    log("{}The parameter sets of the samples cannot be read: {}", work.codec.prefix, error.description());
+    return std::nullopt;
+  }
+}
+
+void remux(Work work, std::optional<RemuxTimings>& timings) {
+  const RemuxCodec& codec = work.codec;
+  log("{}{}", codec.prefix, codec.startText);
+  throwIfCancelled(work.token);
+  if (!work.files.fileExists(work.fileURL)) throw MP4RemuxError::fileNotFound();
+  checkDiskSpace(work.files, requireSize(work.files, work.fileURL), codec);
+  std::optional<VideoPlan> changes;
+  if (work.plan == nullptr && codec.triesTagRepair) {
+    changes = planOfChanges(work);
+    if (changes) work.plan = &*changes;
+    if (!changes && repairTag(work)) return;
+  }
+  const Contents contents = findContents(work);
+  throwIfCancelled(work.token);
+
+  TimingHelper timer;
+  log("{}Reading MP4 structure...", codec.prefix);
+  auto file = openFile(work.files, work.fileURL, OpenMode::reading, "Cannot open file");
+  const Moov moov = readMoov(*file, codec);
+  timings->readMoov = timer.stop();
+  if (contents.areSeveral) {
+    logLine(codec.severalEntriesText);
+    timings->isMultipleSampleEntries = true;
+    codec.remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize,
+                                  *file, timings, contents.segments, work.check);
+    logLine(codec.severalEntriesDone);
+    return;
+  }
+  Bytes newMoov = buildMoov(work, moov, contents.extracted);
+  throwIfCancelled(work.token);
+  if (newMoov == moov.bytes) {
+    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    return;
+  }
+  timer.start();
+  MP4Remuxer::writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
+  timings->writeAtomicMP4 = timer.stop();
+  log("{}Phase 2 complete: Video remuxed successfully", codec.donePrefix);
+}
+
+}  // namespace
+
+void MP4Remuxer::remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
+                                                  const CancellationToken* cancellationToken,
+                                                  std::optional<RemuxTimings>& timings, const VideoPlan* plan,
+                                                  const RewriteCheck& check) {
+  if (!timings) timings.emplace();
+  remux({files, fileURL, cancellationToken, *timings, hevcRemux, plan, check}, timings);
+}
+
+void MP4Remuxer::remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/,
+                                                 const CancellationToken* cancellationToken,
+                                                 std::optional<RemuxTimings>& timings, const VideoPlan* plan,
+                                                 const RewriteCheck& check) {
+  if (!timings) timings.emplace();
+  remux({files, fileURL, cancellationToken, *timings, avcRemux, plan, check}, timings);
+}
+
+}  // namespace tarn

@@ -1,0 +1,78 @@
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "mp4/DataExtensions.h"
+#include "mp4/MP4RemuxError.h"
+#include "platform/Log.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/detail/MoovSearch.h"
+
+namespace tarn {
+namespace {
+
+struct PathBox {
+  const char* type;
+  size_t offset;
+};
+
+/// The boxes from a `trak` down to the first of this type, each the first of its type behind the header of the one
+/// above.
+std::vector<PathBox> pathTo(std::string_view last, ByteView moov, size_t trak) {
+  std::vector<PathBox> path = {{"trak", trak}};
+  for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
+    if (path.back().type == last) break;
+    auto found = findFirstBox(moov, type, path.back().offset + 8, moov.size());
+    if (!found) throw MP4RemuxError::corruptedMP4(std::string(type) + " not found in " + path.back().type);
+    path.push_back({type, *found});
+  }
+  return path;
+}
+
+struct SizeChange {
+  uint32_t before;
+  uint32_t after;
+};
+
+SizeChange changeSize(std::span<uint8_t> moov, size_t at, int64_t delta) {
+  uint32_t before = readUInt32(moov, at).value_or(0);
+  int64_t after = before + delta;
+  if (after < 8 || after > std::numeric_limits<uint32_t>::max()) {
+    throw MP4RemuxError::corruptedMP4("box size does not fit its size field");
+  }
+  writeUInt32(moov, static_cast<uint32_t>(after), at);
+  return {before, static_cast<uint32_t>(after)};
+}
+
+/// Changes the sizes from the innermost box up to the `moov`.
+void changeSizes(std::span<uint8_t> moov, int64_t delta, size_t trak, std::string_view innermost,
+                 std::string_view purpose) {
+  uint32_t trakSize = readUInt32(moov, trak).value_or(0);
+  log("Video trak boundaries{}: offset {}, end {}, size {} (adjusted by {})", purpose, trak,
+      static_cast<int64_t>(trak) + trakSize + delta, trakSize, delta);
+  // The way is looked up before a size changes: all these boxes begin ahead of what grew or shrank.
+  auto path = pathTo(innermost, moov, trak);
+  for (auto box = path.rbegin(); box != path.rend(); ++box) {
+    auto [before, after] = changeSize(moov, box->offset, delta);
+    log("Updated {} size: {} → {} (delta: {}, video track only)", box->type, before, after, delta);
+  }
+  auto [before, after] = changeSize(moov, 0, delta);
+  log("Updated moov size: {} → {} (delta: {})", before, after, delta);
+}
+
+}  // namespace
+
+size_t MP4Remuxer::findStsdOffsetInTrak(ByteView moovData, size_t trakOffset) {
+  return pathTo("stsd", moovData, trakOffset).back().offset;
+}
+
+void MP4Remuxer::updateParentBoxSizes(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
+  changeSizes(moovData, sizeDelta, videoTrakOffset, "stsd", "");
+}
+
+void MP4Remuxer::updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
+  changeSizes(moovData, sizeDelta, videoTrakOffset, "minf", " for stbl update");
+}
+
+}  // namespace tarn

@@ -1,0 +1,277 @@
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "mp4/MP4SampleTableParser.h"
+#include "parameters/AVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationBox.h"
+#include "parameters/HEVCConfigurationSegment.h"
+#include "parameters/NALUnitParser.h"
+#include "parameters/SetRules.h"
+#include "platform/Log.h"
+#include "remux/MP4Remuxer.h"
+#include "remux/VisualSampleEntry.h"
+#include "remux/VisualSampleEntryBuilder.h"
+#include "remux/detail/MediaLayout.h"
+#include "remux/detail/RemuxCodec.h"
+#include "remux/detail/SampleTableReplacement.h"
+#include "remux/detail/VideoEntries.h"
+
+namespace tarn {
+namespace {
+
+using Segments = std::vector<ConfigurationSegment>;
+
+/// All that one codec has of its own.
+struct Codec {
+  const RemuxCodec& remux;
+  std::string_view heading;
+  std::string_view prefix;  ///< of the log lines
+  std::string_view tag;     ///< of the new sample entries
+  bool logsDetails;         ///< tells of the template and of the new tables
+  Segments (*detectSegments)(FileHandle& file, std::span<const SampleInfo> syncSamples, int nalLengthSize,
+                             int64_t totalSampleCount, const ParameterSets& ofSampleEntry);
+  Bytes (*buildConfigBox)(const ConfigurationSegment& segment, int nalLengthSize);
+  /// The size that the segment's entry shall state; nothing where that of the template stays.
+  std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number, bool isPlanned);
+  Bytes (*cloneEntry)(ByteView originalEntry, ByteView configBox, std::string_view targetCodecTag,
+                      std::optional<PictureSize> size);
+};
+
+Bytes buildHvcC(const ConfigurationSegment& s, int nalLengthSize) {
+  return HEVCConfigurationBox(s.sets.vpsArray, s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize,
+                              true)
+      .buildHvcCBox();
+}
+
+Bytes buildAvcC(const ConfigurationSegment& s, int nalLengthSize) {
+  return AVCConfigurationBox(s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize).buildAvcCBox();
+}
+
+bool isEmpty(const PictureSize& size) {
+  return size.width < 1 || size.height < 1;
+}
+
+std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number, bool isPlanned) {
+  if (segment.sets.spsRbspArray.empty()) return std::nullopt;
+  const Bytes& sps = segment.sets.spsRbspArray.front();
+  auto size = isPlanned ? NALUnitParser::parseShownSize(sps) : NALUnitParser::parseSPSResolution(sps);
+  if (!size) {
+    log("  WARNING: Could not parse SPS resolution for segment {}", number);
+    return std::nullopt;
+  }
+  if (isEmpty(*size)) {
+    log("  WARNING: Invalid dimensions {}x{} for segment {} - skipping dimension override", size->width, size->height,
+        number);
+    return std::nullopt;
+  }
+  log("  Segment resolution: {}x{}", size->width, size->height);
+  return size;
+}
+
+std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/, bool /*isPlanned*/) {
+  if (segment.sets.spsRbspArray.empty()) return std::nullopt;
+  auto size = AVCConfigurationBox::parseSPSResolution(segment.sets.spsRbspArray.front());
+  if (!size || isEmpty(*size)) return std::nullopt;
+  log("  AVC Segment resolution: {}x{}", size->width, size->height);
+  return size;
+}
+
+const Codec hevc{
+    .remux = hevcRemux,
+    .heading = "\n=== Multiple Sample Entries Remuxing (Option 2) ===",
+    .prefix = "",
+    .tag = "hvc1",
+    .logsDetails = true,
+    .detectSegments = HEVCConfigurationSegmentDetector::detectSegments,
+    .buildConfigBox = buildHvcC,
+    .pictureSize = hevcPictureSize,
+    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewHvcC,
+};
+
+const Codec avc{
+    .remux = avcRemux,
+    .heading = "\n=== AVC Multiple Sample Entries Remuxing ===",
+    .prefix = "AVC: ",
+    .tag = "avc1",
+    .logsDetails = false,
+    .detectSegments = AVCConfigurationSegmentDetector::detectSegments,
+    .buildConfigBox = buildAvcC,
+    .pictureSize = avcPictureSize,
+    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewAvcC,
+};
+
+/// The way from a `moov` to one that has an entry for each segment.
+class Redescription {
+ public:
+  Redescription(const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize, FileHandle& file, RemuxTimings& timings,
+                const Codec& codec)
+      : moovBox_(moovBox), moov_(moov), nalLengthSize_(nalLengthSize), file_(file), timings_(timings), codec_(codec) {}
+
+  /// Detects the segments where no plan gives them.
+  Bytes buildNewMoov(Segments segments) {
+    parseTable();
+    isPlanned_ = !segments.empty();
+    if (!isPlanned_) segments = detectSegments();
+    for (ConfigurationSegment& segment : segments) dropTooLongSets(segment.sets);
+    buildEntries(segments);
+    rebuildTables();
+    table_ = {};
+
+    TimingHelper timer;
+    log("{}Building new moov...", codec_.prefix);
+    Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries_, stsc_, chunkOffsets_);
+    timings_.buildNewMoov = timer.stop();
+    log("{}New moov size: {} bytes (was {} bytes)", codec_.prefix, moov.size(), moov_.size());
+    return moov;
+  }
+
+ private:
+  void parseTable() {
+    TimingHelper timer;
+    log("{}Parsing sample table...", codec_.prefix);
+    stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
+    table_.parseSampleTable(file_, {.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset});
+    stsd_ = MP4Remuxer::extractStsdBoxFromMoov(moov_);
+    timings_.parseSampleTable = timer.stop();
+  }
+
+  Segments detectSegments() {
+    TimingHelper timer;
+    auto syncSamples = table_.syncSamplesOnly();
+    log("{}Total samples: {}, sync samples: {}", codec_.prefix, table_.sampleCount(), syncSamples.size());
+    log("{}Detecting configuration segments...", codec_.prefix);
+    ParameterSets atStart;
+    if (!syncSamples.empty()) atStart = setsOfEntry(descriptionOf(syncSamples.front().index));
+    int64_t total = table_.sampleCount();
+    Segments segments = codec_.detectSegments(file_, syncSamples, nalLengthSize_, total, atStart);
+    timings_.detectSegments = timer.stop();
+    log("{}Detected {} configuration segment(s)", codec_.prefix, segments.size());
+    return segments;
+  }
+
+  int64_t descriptionOf(int64_t sample) const { return table_.sampleDescriptionIndex(sample).value_or(1); }
+
+  /// The sets in the configuration box of an entry, 1-based; none where it has no complete ones.
+  ParameterSets setsOfEntry(int64_t description) {
+    const MP4BoxInfo stbl{.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset};
+    auto stsd = MP4BoxUtils::findChildBox(file_, stbl, "stsd");
+    auto entries = stsd ? readVideoEntries(file_, *stsd, codec_.remux) : std::vector<VideoEntry>();
+    if (description < 1 || static_cast<uint64_t>(description) > entries.size()) return {};
+    ParameterSets& sets = entries[static_cast<size_t>(description) - 1].sets;
+    return isComplete(sets, codec_.remux.readableSets.codec) ? std::move(sets) : ParameterSets();
+  }
+
+  /// The sample entry that a segment has now.
+  Bytes findTemplate(const ConfigurationSegment& segment) {
+    int64_t description = descriptionOf(segment.firstSyncSampleIndex);
+    if (codec_.logsDetails) {
+      log("Using sample description index {} (entry {}) as template", description, description - 1);
+    }
+    return VisualSampleEntryBuilder::extractSampleEntry(stsd_, description - 1);
+  }
+
+  /// Makes the entries, and notes which one describes which samples.
+  void buildEntries(const Segments& segments) {
+    TimingHelper timer;
+    log("{}Building {} sample entries...", codec_.prefix, segments.size());
+    for (size_t i = 0; i < segments.size(); ++i) {
+      log("{}Building sample entry {}/{}...", codec_.prefix, i + 1, segments.size());
+      Bytes original = findTemplate(segments[i]);
+      Bytes configBox = codec_.buildConfigBox(segments[i], nalLengthSize_);
+      auto size = codec_.pictureSize(segments[i], i + 1, isPlanned_);
+      descriptions_.push_back({.startSampleIndex = segments[i].startSampleIndex,
+                               .endSampleIndex = segments[i].endSampleIndex,
+                               .descriptionIndex = addEntry(codec_.cloneEntry(original, configBox, codec_.tag, size))});
+    }
+    timings_.buildSampleEntries = timer.stop();
+  }
+
+  /// Gives the number of the entry. Segments of a plan share entries that are alike.
+  uint32_t addEntry(Bytes entry) {
+    if (auto known = numbers_.find(textOf(entry)); isPlanned_ && known != numbers_.end()) {
+      log("{}Sample entry {} says the same and is used again", codec_.prefix, known->second);
+      return known->second;
+    }
+    entries_.push_back(std::move(entry));
+    auto number = static_cast<uint32_t>(entries_.size());
+    numbers_.emplace(textOf(entries_.back()), number);
+    return number;
+  }
+
+  void rebuildTables() {
+    TimingHelper timer;
+    log("{}Rebuilding sample tables...", codec_.prefix);
+    stsc_ = table_.rebuildStscBox(descriptions_);
+    chunkOffsets_ = table_.rebuildChunkOffsetBox(shiftWithShortOffsets());
+    timings_.rebuildSampleTables = timer.stop();
+    if (!codec_.logsDetails) return;
+    log("  New stsc: {} bytes", stsc_.size());
+    log("  New chunk offsets: {} bytes", chunkOffsets_.size());
+  }
+
+  /// How the media will move if the chunk offsets stay 32 bits wide.
+  ChunkOffsetShift shiftWithShortOffsets() {
+    uint64_t stsd = stsdEntriesInBox;
+    for (const Bytes& entry : entries_) stsd += entry.size();
+    uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
+    uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
+    return findMediaLayout(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size));
+  }
+
+  const MP4BoxInfo& moovBox_;
+  ByteView moov_;
+  int nalLengthSize_;
+  FileHandle& file_;
+  RemuxTimings& timings_;
+  const Codec& codec_;
+
+  MP4Remuxer::BoxRange stbl_;
+  MP4SampleTableParser table_;
+  Bytes stsd_;
+  bool isPlanned_ = false;
+  std::vector<Bytes> entries_;
+  std::map<std::string_view, uint32_t> numbers_;  // of the entries, by their bytes
+  std::vector<SampleDescriptionSegment> descriptions_;
+  Bytes stsc_;
+  Bytes chunkOffsets_;
+};
+
+void remux(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize,
+           FileHandle& file, std::optional<RemuxTimings>& timings, const Segments& segments, const RewriteCheck& check,
+           const Codec& codec) {
+  logLine(codec.heading);
+  if (!timings) timings.emplace();
+  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov(segments);
+  if (std::ranges::equal(newMoov, moov)) {
+    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    return;
+  }
+  TimingHelper timer;
+  MP4Remuxer::writeAtomicMP4(files, fileURL, moovBox, std::move(newMoov), file, timings, check);
+  timings->writeAtomicMP4 = timer.stop();
+}
+
+}  // namespace
+
+void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                                ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                                std::optional<RemuxTimings>& timings,
+                                                const std::vector<ConfigurationSegment>& segments,
+                                                const RewriteCheck& check) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, hevc);
+}
+
+void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                                   ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
+                                                   std::optional<RemuxTimings>& timings,
+                                                   const std::vector<ConfigurationSegment>& segments,
+                                                   const RewriteCheck& check) {
+  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, avc);
+}
+
+}  // namespace tarn

@@ -1,0 +1,487 @@
+#include "serve/BridgeServer.h"
+
+#include <algorithm>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+#include <cctype>
+#include <charconv>
+#include <chrono>
+#include <deque>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "platform/Error.h"
+#include "platform/Log.h"
+#include "serve/HomeToken.h"
+#include "serve/detail/HostScript.h"
+#include "serve/detail/PageHub.h"
+#include "serve/detail/RequestCheck.h"
+#include "serve/detail/Site.h"
+
+// What is awaited here has a name first: GNU C++ 12 compiles temporaries in a co_await expression wrongly.
+
+namespace tarn {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+namespace websocket = boost::beast::websocket;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
+using Request = http::request<http::empty_body>;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr size_t mostConnections = 64;
+constexpr size_t largestHead = 8 << 10;
+constexpr size_t largestFrame = 1 << 20;
+constexpr size_t largestQueue = 1024;  // messages that wait for one page; more than a replay has
+constexpr int sendBuffer = 256 << 10;  // bytes; without it the system keeps megabytes for a page that does not read
+constexpr size_t pieceSize = 64 << 10;
+constexpr size_t mostDrained = 4 << 20;
+constexpr std::chrono::seconds headTime{5};
+constexpr std::chrono::seconds pieceTime{30};
+constexpr std::chrono::seconds idleTime{30};
+constexpr std::chrono::seconds drainTime{1};
+constexpr std::chrono::milliseconds acceptPause{100};
+constexpr int mostPortAttempts = 20;
+
+static_assert(largestQueue > PageHub::ringCapacity);
+
+/// Completes an await with the failure as a value, in place of an exception.
+const auto quietly = asio::as_tuple(asio::use_awaitable);
+
+/// The end of a coroutine that nobody awaits.
+void logFailure(const std::exception_ptr& failure) {
+  if (failure) log("A page's connection failed: {}", describe(failure));
+}
+
+/// Brings work to the server's thread from any other, for as long as the server lives.
+class Mailbox {
+ public:
+  explicit Mailbox(asio::io_context& context) : context_(&context) {}
+
+  template <typename Work>
+  void post(Work work) {
+    std::lock_guard guard(mutex_);
+    if (context_) asio::post(*context_, std::move(work));
+  }
+
+  void close() {
+    std::lock_guard guard(mutex_);
+    context_ = nullptr;
+  }
+
+ private:
+  std::mutex mutex_;
+  asio::io_context* context_;
+};
+
+/// A page's WebSocket with the messages that wait to be sent.
+class PageSocket : public PageConnection, public std::enable_shared_from_this<PageSocket> {
+ public:
+  using Stream = websocket::stream<beast::tcp_stream>;
+
+  explicit PageSocket(beast::tcp_stream stream) : stream_(std::move(stream)) {
+    beast::tcp_stream& connection = beast::get_lowest_layer(stream_);
+    connection.expires_never();
+    connection.socket().set_option(tcp::socket::send_buffer_size(sendBuffer));
+    websocket::stream_base::timeout times{
+        .handshake_timeout = headTime, .idle_timeout = idleTime, .keep_alive_pings = true};
+    stream_.set_option(times);
+    stream_.read_message_max(largestFrame);
+  }
+
+  Stream& stream() { return stream_; }
+
+  void send(PageText text) override {
+    if (queue_.size() == largestQueue) return close();
+    queue_.push_back(std::move(text));
+    if (std::exchange(isWriting_, true)) return;
+    asio::co_spawn(stream_.get_executor(), write(shared_from_this()), logFailure);
+  }
+
+  void close() override {
+    queue_.clear();
+    beast::get_lowest_layer(stream_).close();
+  }
+
+ private:
+  asio::awaitable<void> write(std::shared_ptr<PageSocket> self) {
+    while (!self->queue_.empty()) {
+      const PageText text = std::move(self->queue_.front());
+      self->queue_.pop_front();
+      const auto bytes = asio::buffer(*text);
+      const auto [failure, count] = co_await self->stream_.async_write(bytes, quietly);
+      if (failure) self->close();
+    }
+    self->isWriting_ = false;
+  }
+
+  Stream stream_;
+  std::deque<PageText> queue_;
+  bool isWriting_ = false;
+};
+
+RequestHead headOf(const Request& request) {
+  RequestHead head{.method = request.method_string(), .target = request.target()};
+  for (const auto& field : request) {
+    std::string name(field.name_string());
+    std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    head.fields.emplace_back(std::move(name), field.value());
+  }
+  return head;
+}
+
+/// What to say to a request that could not be read; nothing when nobody listens any more.
+std::optional<SiteAnswer> answerToUnreadable(error_code failure) {
+  if (failure == http::error::body_limit) return SiteAnswer::words(413, "A request has no body here.");
+  if (failure == http::error::header_limit || failure == http::error::buffer_overflow) {
+    return SiteAnswer::words(431, "The request's head is too large.");
+  }
+  const bool isGone = failure == http::error::end_of_stream || failure == http::error::partial_message;
+  if (isGone || failure.category() != http::make_error_code(http::error::bad_target).category()) return std::nullopt;
+  return SiteAnswer::words(400, "The request cannot be read.");
+}
+
+/// Nothing when the socket's parameters are not as a page sends them.
+std::optional<PageGreeting> parseGreeting(const RequestTarget& target) {
+  PageGreeting greeting{.page = target.parameter("page"), .epoch = target.parameter("epoch")};
+  const std::string seen = target.parameter("seq");
+  const auto number = std::from_chars(seen.data(), seen.data() + seen.size(), greeting.lastSeen);
+  const bool isPlain = std::ranges::all_of(greeting.page, [](unsigned char c) { return std::isalnum(c) || c == '-'; });
+  const bool isGood = isPlain && !greeting.page.empty() && greeting.page.size() <= 64 && number.ec == std::errc() &&
+                      number.ptr == seen.data() + seen.size();
+  return isGood ? std::optional(std::move(greeting)) : std::nullopt;
+}
+
+/// One port of both loopback addresses: who has the other half of it could answer in this host's place.
+struct Acceptors {
+  tcp::acceptor v4;
+  tcp::acceptor v6;  ///< not open on a machine without IPv6
+
+  /// Throws system_error.
+  Acceptors(asio::io_context& context, uint16_t port)
+      : v4(context, {asio::ip::address_v4::loopback(), port}), v6(context) {
+    error_code missing;
+    v6.open(tcp::v6(), missing);
+    if (missing) return;
+    v6.set_option(asio::ip::v6_only(true));
+    v6.set_option(tcp::acceptor::reuse_address(true));
+    v6.bind({asio::ip::address_v6::loopback(), v4.local_endpoint().port()}, missing);
+    if (missing == asio::error::address_in_use) throw boost::system::system_error(missing);
+    if (missing) {
+      v6.close();
+      return;
+    }
+    v6.listen();
+  }
+};
+
+Acceptors openAcceptors(asio::io_context& context, uint16_t port) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return {context, port};
+    } catch (const boost::system::system_error& failure) {
+      if (port == 0 && attempt < mostPortAttempts) continue;  // the other half of a free port was taken
+      throw Error("Serve", failure.code().value(),
+                  fmt::format("Port {} cannot be had: {}. Try another --port", port, failure.code().message()));
+    }
+  }
+}
+
+}  // namespace
+
+class BridgeServer::Core {
+ public:
+  Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings, LifeHandler onLife)
+      : plugin_(plugin),
+        onLife_(std::move(onLife)),
+        site_(files, photos, plugin, settings.webFolder, pageKey(settings.token)),
+        acceptors_(openAcceptors(context_, settings.port)),
+        lifeTimer_(context_),
+        check_(acceptors_.v4.local_endpoint().port(), settings.token),
+        hub_(plugin.jsName(), makeUUID(), steady_clock::now(),
+             [this](const std::string& page, PageCommand command) { call(page, std::move(command)); }) {
+    asio::co_spawn(context_, listen(acceptors_.v4), logFailure);
+    if (acceptors_.v6.is_open()) asio::co_spawn(context_, listen(acceptors_.v6), logFailure);
+    asio::post(context_, [this] { updateLife(); });
+    thread_ = std::thread([this] { context_.run(); });
+  }
+
+  ~Core() {
+    mailbox_->close();
+    asio::post(context_, [this] { stop(); });
+    thread_.join();
+    commandPool_.stop();
+    commandPool_.join();
+  }
+
+  const RequestCheck& check() const { return check_; }
+
+  void sendEvent(const std::string& name, const JSObject& data) {
+    mailbox_->post([this, name, data] { hub_.sendEvent(name, data); });
+  }
+
+ private:
+  /// An open connection, and how to cut it off.
+  class Live {
+   public:
+    Live(std::list<std::function<void()>>& all, std::function<void()> close)
+        : all_(all), place_(all.insert(all.end(), std::move(close))) {}
+    ~Live() { all_.erase(place_); }
+    Live(const Live&) = delete;
+    Live& operator=(const Live&) = delete;
+
+    void closeBy(std::function<void()> close) { *place_ = std::move(close); }
+
+   private:
+    std::list<std::function<void()>>& all_;
+    std::list<std::function<void()>>::iterator place_;
+  };
+
+  /// Ends all that the thread waits for, so that its loop runs out of work.
+  void stop() {
+    isStopping_ = true;
+    error_code ignored;
+    acceptors_.v4.close(ignored);
+    acceptors_.v6.close(ignored);
+    lifeTimer_.cancel();
+    for (const auto& close : live_) close();
+  }
+
+  asio::awaitable<void> listen(tcp::acceptor& acceptor) {
+    asio::steady_timer pause(context_);
+    for (;;) {
+      auto [failure, socket] = co_await acceptor.async_accept(quietly);
+      if (isStopping_) co_return;
+      if (failure) {  // no descriptor is free
+        pause.expires_after(acceptPause);
+        co_await pause.async_wait(quietly);
+      } else if (live_.size() < mostConnections) {
+        asio::co_spawn(context_, converse(std::move(socket)), logFailure);
+      }
+    }
+  }
+
+  /// One request and its answer, or one page's whole life.
+  asio::awaitable<void> converse(tcp::socket socket) {
+    if (isStopping_) co_return;
+    beast::tcp_stream stream(std::move(socket));
+    Live live(live_, [&stream] { stream.close(); });
+    beast::flat_buffer buffer(largestHead);
+    http::request_parser<http::empty_body> parser;
+    parser.header_limit(largestHead);
+    parser.body_limit(0);
+    stream.expires_after(headTime);
+    const auto [failure, count] = co_await http::async_read_header(stream, buffer, parser, quietly);
+    if (failure) {
+      auto answer = answerToUnreadable(failure);
+      if (answer) co_await send(stream, *answer);
+      co_return;
+    }
+    const RequestHead head = headOf(parser.get());
+    const auto target = RequestTarget::parse(head.target);
+    const auto inside = target ? check_.inside(*target) : std::nullopt;
+    const bool isSocket = inside && inside->path == "/bridge/socket";
+    auto refusal = refuse(head, target, isSocket, parser.chunked() || buffer.size() > 0);
+    if (refusal) {
+      if (head.method == "HEAD") refusal->text.clear();
+      co_await send(stream, *refusal);
+    } else if (isSocket) {
+      auto page = std::make_shared<PageSocket>(std::move(stream));
+      live.closeBy([page] { page->close(); });
+      const Request request = parser.release();
+      const auto greeting = parseGreeting(*target);
+      co_await talk(*page, request, *greeting);
+    } else {
+      SiteAnswer answer = co_await answerTo(head, *target);
+      co_await send(stream, answer);
+    }
+  }
+
+  std::optional<SiteAnswer> refuse(const RequestHead& head, const std::optional<RequestTarget>& target, bool isSocket,
+                                   bool hasMore) const {
+    if (!target) return SiteAnswer::words(400, "The request's target cannot be read.");
+    if (const auto refusal = check_.refuse(head, *target, isSocket)) {
+      SiteAnswer answer = SiteAnswer::words(refusal->status, refusal->words);
+      if (refusal->status == 405) answer.fields.emplace_back("Allow", "GET");
+      return answer;
+    }
+    if (hasMore) return SiteAnswer::words(413, "A request has no body here, and nothing behind it.");
+    if (!isSocket) return std::nullopt;
+    if (!beast::iequals(head.field("upgrade").value_or(""), "websocket")) {
+      SiteAnswer answer = SiteAnswer::words(426, "This is the address of the WebSocket.");
+      answer.fields.emplace_back("Upgrade", "websocket");
+      return answer;
+    }
+    if (!parseGreeting(*target)) return SiteAnswer::words(400, "\"page\", \"epoch\" and \"seq\" are needed.");
+    return std::nullopt;
+  }
+
+  asio::awaitable<SiteAnswer> answerTo(const RequestHead& head, const RequestTarget& target) {
+    const Door door = RequestCheck::door(target);
+    if (door == Door::entry) co_return letIn(contentType("index.html"), entryPage(check_.base()));
+    if (door == Door::rejoin) co_return rejoin(target);
+    const RequestTarget inside = *check_.inside(target);
+    auto work = read(head, inside);
+    if (!Site::asksLibrary(inside)) co_return co_await std::move(work);
+    co_return co_await asio::co_spawn(libraryPool_, std::move(work), asio::use_awaitable);
+  }
+
+  SiteAnswer letIn(const std::string& type, std::string text) const {
+    return {.fields = {{"Content-Type", type}, {"Set-Cookie", check_.cookie()}}, .text = std::move(text)};
+  }
+
+  /// A page of an earlier start gets the cookie of this one for its proof, and the challenge for it before.
+  SiteAnswer rejoin(const RequestTarget& target) const {
+    const std::string type = contentType("rejoin.json");
+    if (RequestCheck::hasProof(target)) return letIn(type, JSObject{{"path", check_.base()}}.json());
+    return {.fields = {{"Content-Type", type}}, .text = JSObject{{"challenge", check_.challenge()}}.json()};
+  }
+
+  asio::awaitable<SiteAnswer> read(const RequestHead& head, const RequestTarget& target) const {
+    try {
+      co_return site_.answer(head, target);
+    } catch (const std::exception& failure) {
+      log("GET {} failed: {}", target.path, failure.what());
+    }
+    co_return SiteAnswer::words(500, "This cannot be read just now; the log says why.");
+  }
+
+  /// Sends the answer and ends the connection, once the browser has had the time to read it.
+  static asio::awaitable<void> send(beast::tcp_stream& stream, SiteAnswer& answer) {
+    http::response<http::empty_body> head(static_cast<http::status>(answer.status), 11);
+    for (const auto& [name, value] : commonFields()) head.set(name, value);
+    for (const auto& [name, value] : answer.fields) head.set(name, value);
+    head.keep_alive(false);
+    if (answer.status != 204) head.content_length(answer.length());
+    http::response_serializer<http::empty_body> serializer(head);
+    stream.expires_after(pieceTime);
+    auto [failure, count] = co_await http::async_write_header(stream, serializer, quietly);
+    Bytes piece(answer.text.begin(), answer.text.end());
+    uint64_t left = answer.length();
+    while (!failure && left > 0) {
+      if (answer.file) piece = answer.file->read(static_cast<size_t>(std::min<uint64_t>(left, pieceSize)));
+      if (piece.empty()) co_return;  // the file has become shorter: a closed connection says so
+      left -= piece.size();
+      const auto bytes = asio::buffer(piece);
+      stream.expires_after(pieceTime);
+      std::tie(failure, count) = co_await asio::async_write(stream, bytes, quietly);
+    }
+    if (!failure) co_await drain(stream);
+  }
+
+  /// Closing a socket with bytes unread would take the answer back from a browser that is still sending.
+  static asio::awaitable<void> drain(beast::tcp_stream& stream) {
+    error_code ignored;
+    stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    stream.expires_after(drainTime);
+    Bytes scratch(pieceSize);
+    const auto target = asio::buffer(scratch);
+    for (size_t drained = 0; drained < mostDrained;) {
+      const auto [failure, count] = co_await stream.async_read_some(target, quietly);
+      if (failure) co_return;
+      drained += count;
+    }
+  }
+
+  asio::awaitable<void> talk(PageSocket& page, const Request& request, const PageGreeting& greeting) {
+    const auto [refused] = co_await page.stream().async_accept(request, quietly);
+    if (refused) co_return;
+    hub_.connect(greeting, page.shared_from_this());
+    beast::flat_buffer buffer;
+    for (;;) {
+      const auto [failure, count] = co_await page.stream().async_read(buffer, quietly);
+      if (failure) break;
+      const auto bytes = buffer.cdata();
+      hub_.receive(greeting.page, page, {static_cast<const char*>(bytes.data()), bytes.size()});
+      buffer.clear();
+      updateLife();
+    }
+    hub_.disconnect(greeting.page, page, steady_clock::now());
+    updateLife();
+  }
+
+  void call(const std::string& page, PageCommand command) {
+    auto answer = [this, mailbox = mailbox_, page, id = command.id](const CAPPluginCall::Answer& given) {
+      mailbox->post([this, page, id, given] { hub_.answer(page, id, given); });
+    };
+    auto call =
+        std::make_shared<CAPPluginCall>(std::move(command.method), std::move(command.options), std::move(answer));
+    asio::post(commandPool_, [this, call] {
+      try {
+        plugin_.call(call);
+      } catch (const std::exception& failure) {
+        log("{} failed: {}", call->method(), failure.what());
+        call->reject("The command failed");
+      }
+    });
+  }
+
+  /// Tells when the pages have sent the application to the foreground or the background.
+  void updateLife() {
+    if (isStopping_) return;
+    const auto now = steady_clock::now();
+    const bool isActive = hub_.presence().isActive(now);
+    if (std::exchange(isActive_, isActive) != isActive) onLife_(isActive);
+    lifeTimer_.cancel();
+    const auto next = hub_.presence().nextChange(now);
+    if (!next) return;
+    lifeTimer_.expires_at(*next);
+    lifeTimer_.async_wait([this](error_code cancelled) {
+      if (!cancelled) updateLife();
+    });
+  }
+
+  CAPPlugin& plugin_;
+  const LifeHandler onLife_;
+  const Site site_;
+  asio::thread_pool commandPool_{1};
+  asio::thread_pool libraryPool_{1};
+
+  // Used on the thread alone, but for posts to the context.
+  asio::io_context context_{1};
+  const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(context_);
+  Acceptors acceptors_;
+  asio::steady_timer lifeTimer_;
+  const RequestCheck check_;
+  PageHub hub_;
+  std::list<std::function<void()>> live_;
+  bool isActive_ = true;
+  bool isStopping_ = false;
+
+  std::thread thread_;
+};
+
+BridgeServer::BridgeServer(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings,
+                           LifeHandler onLife)
+    : core_(std::make_unique<Core>(files, photos, plugin, settings, std::move(onLife))) {}
+
+BridgeServer::~BridgeServer() = default;
+
+std::string BridgeServer::entryAddress() const {
+  return core_->check().entryAddress();
+}
+
+void BridgeServer::sendEvent(const std::string& name, const JSObject& data) {
+  core_->sendEvent(name, data);
+}
+
+}  // namespace tarn

@@ -1,0 +1,259 @@
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "mp4/BoxLayout.h"
+#include "mp4/DataExtensions.h"
+#include "platform/Log.h"
+#include "presentation/Presentation.h"
+#include "sync/ErrorTypes.h"
+#include "sync/MP4AVSync.h"
+#include "sync/MP4AVSyncFixer.h"
+#include "sync/detail/SourceFile.h"
+#include "sync/detail/TimeArithmetic.h"
+#include "sync/detail/TimingTable.h"
+
+namespace tarn {
+namespace {
+
+constexpr int32_t maxEditRows = 16;
+constexpr uint64_t headerReadLimit = layout::timeHeader64.duration.end();
+constexpr uint64_t editListReadLimit = layout::tableHeaderSize + maxEditRows * layout::editRow64.size;
+constexpr uint64_t tableReadLimit = std::numeric_limits<int32_t>::max();
+constexpr uint32_t defaultAudioTimescale = 48000;
+constexpr int64_t defaultAudioDelay = 2112;
+
+/// A box of at most `limit` bytes as the timing-box primitives take it, with an 8-byte header whatever the file has;
+/// nothing when it cannot be read.
+std::optional<Bytes> readBox(FileHandle& file, const MP4BoxInfo& box, uint64_t limit) {
+  const uint64_t start = box.contentOffset() - layout::boxHeaderSize;
+  file.seek(start);
+  try {
+    Bytes bytes = file.read(std::min(box.end() - start, limit));
+    if (bytes.empty()) return std::nullopt;
+    if (box.headerSize != layout::boxHeaderSize && bytes.size() >= layout::boxHeaderSize) {
+      std::copy(box.type.begin(), box.type.end(), bytes.begin() + layout::boxType.offset);
+    }
+    return bytes;
+  } catch (const PosixError&) {
+    return std::nullopt;
+  }
+}
+
+int32_t lengthOf(const Bytes& bytes) {
+  return static_cast<int32_t>(bytes.size());
+}
+
+MP4BoxInfo requireChild(FileHandle& file, const MP4BoxInfo& parent, const char* type) {
+  auto child = MP4BoxUtils::findChildBox(file, parent, type);
+  if (!child) throw AVSyncError::corruptedMP4(std::string(type) + " box not found");
+  return *child;
+}
+
+Bytes requireBox(FileHandle& file, const MP4BoxInfo& box) {
+  auto bytes = readBox(file, box, headerReadLimit);
+  if (!bytes) throw AVSyncError::fileHandleError("Cannot read " + box.type);
+  return *std::move(bytes);
+}
+
+/// The duration that the `mdhd` states, else the sum of the `stts`; track timescale.
+int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
+  if (const int64_t stated = MP4AVSyncFixer::parseMdhdDuration(mdhd); stated != 0) return stated;
+  auto minf = MP4BoxUtils::findChildBox(file, mdia, "minf");
+  auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
+  auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
+  auto bytes = stts ? readBox(file, *stts, tableReadLimit) : std::nullopt;
+  if (!bytes) return 0;
+  const auto table = TimingTable::of(bytes->data(), lengthOf(*bytes), layout::fourCC("stts"), layout::runRowSize);
+  int64_t sum = 0;
+  for (size_t i = 0; i < table.size(); ++i) {
+    const uint64_t row =
+        layout::load(table.row(i), layout::runSampleCount) * layout::load(table.row(i), layout::runValue);
+    sum = addTimes(sum, static_cast<int64_t>(std::min<uint64_t>(row, std::numeric_limits<int64_t>::max())));
+  }
+  return sum;
+}
+
+/// Where an edit list makes a track start.
+struct EditListStart {
+  int64_t emptyDuration = 0;  // of the leading empty edits, movie timescale
+  int64_t mediaTime = 0;      // of the first other row, track timescale
+};
+
+EditListStart startOf(const std::vector<EditListEntry>& rows) {
+  EditListStart start;
+  for (const EditListEntry& row : rows) {
+    if (row.mediaTime != layout::emptyEdit) {
+      start.mediaTime = row.mediaTime;
+      break;
+    }
+    start.emptyDuration = addTimes(start.emptyDuration, row.duration);
+  }
+  return start;
+}
+
+/// Of the first tracks, what of their edit lists counts: a damaged one counts as none.
+struct DamagedLists {
+  bool video = false;
+  bool audio = false;
+};
+
+DamagedLists findDamagedLists(FileManager& files, const Path& fileURL) {
+  try {
+    const auto presentation = Presentation::read(files, fileURL);
+    const auto isDamaged = [&](MP4TrackType type) {
+      const TrackPresentation* track = presentation.first(handlerTypeText(type));
+      return track && track->damage != EditListDamage::none;
+    };
+    return {isDamaged(MP4TrackType::video), isDamaged(MP4TrackType::audio)};
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& failure) {
+    log("MP4AVSyncFixer: The edit lists are taken as they are: {}", failure.description());
+    return {};
+  }
+}
+
+}  // namespace
+
+uint32_t MP4AVSyncFixer::parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moovBox) {
+  Bytes mvhd = requireBox(file, requireChild(file, moovBox, "mvhd"));
+  uint32_t timescale = avsync_parse_mvhd_timescale(mvhd.data(), lengthOf(mvhd));
+  if (timescale == 0) throw AVSyncError::analysisError("Invalid movie timescale");
+  return timescale;
+}
+
+TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox) {
+  auto trak = MP4BoxUtils::findTrack(file, moovBox, MP4TrackType::video);
+  if (!trak) throw AVSyncError::corruptedMP4("Video trak not found");
+  auto mdia = requireChild(file, *trak, "mdia");
+  Bytes mdhd = requireBox(file, requireChild(file, mdia, "mdhd"));
+
+  TrackTimingInfo info;
+  info.timescale = avsync_parse_mdhd_timescale(mdhd.data(), lengthOf(mdhd));
+  if (info.timescale == 0) throw AVSyncError::analysisError("Invalid track timescale");
+  info.duration = mediaDuration(file, mdia, mdhd);
+
+  auto stbl = requireChild(file, requireChild(file, mdia, "minf"), "stbl");
+  auto ctts = MP4BoxUtils::findChildBox(file, stbl, "ctts");
+  if (!ctts) return info;
+  info.hasCtts = true;
+  info.cttsOffset = ctts->offset;
+  info.cttsSize = ctts->size;
+  if (auto bytes = readBox(file, *ctts, tableReadLimit)) {
+    info.cttsVersion = avsync_get_ctts_version(bytes->data(), lengthOf(*bytes));
+    avsync_parse_ctts(bytes->data(), lengthOf(*bytes), &info.firstCts, &info.minCts);
+  }
+  return info;
+}
+
+std::optional<AudioTrackTimingInfo> MP4AVSyncFixer::parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
+                                                                        bool audioWasTranscoded) {
+  auto trak = MP4BoxUtils::findTrack(file, moovBox, MP4TrackType::audio);
+  auto mdia = trak ? MP4BoxUtils::findChildBox(file, *trak, "mdia") : std::nullopt;
+  auto mdhd = mdia ? MP4BoxUtils::findChildBox(file, *mdia, "mdhd") : std::nullopt;
+  auto bytes = mdhd ? readBox(file, *mdhd, headerReadLimit) : std::nullopt;
+  if (!bytes) return std::nullopt;
+
+  AudioTrackTimingInfo info;
+  info.trackTimescale = avsync_parse_mdhd_timescale(bytes->data(), lengthOf(*bytes));
+  if (info.trackTimescale == 0) return std::nullopt;
+  info.duration = mediaDuration(file, *mdia, *bytes);
+  info.codec = parseAudioCodec(file, *mdia);
+  if (audioWasTranscoded) {
+    info.encoderDelay = getDefaultEncoderDelay(info.codec);
+  } else {
+    log("MP4AVSyncFixer: Audio not transcoded - using encoder delay of 0 (passthrough)");
+  }
+  return info;
+}
+
+std::vector<EditListEntry> MP4AVSyncFixer::parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox,
+                                                              MP4TrackType type) {
+  auto trak = MP4BoxUtils::findTrack(file, moovBox, type);
+  auto edts = trak ? MP4BoxUtils::findChildBox(file, *trak, "edts") : std::nullopt;
+  auto elst = edts ? MP4BoxUtils::findChildBox(file, *edts, "elst") : std::nullopt;
+  auto bytes = elst ? readBox(file, *elst, editListReadLimit) : std::nullopt;
+  if (!bytes) return {};
+
+  std::array<AVSyncElstEntry, maxEditRows> rows;
+  int32_t count = avsync_parse_elst_box(bytes->data(), lengthOf(*bytes), rows.data(), maxEditRows);
+  std::vector<EditListEntry> result;
+  for (int32_t i = 0; i < count; ++i) {
+    const AVSyncElstEntry& row = rows[static_cast<size_t>(i)];
+    result.push_back({row.duration, row.media_time, row.media_rate});
+  }
+  return result;
+}
+
+std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox) {
+  std::string unknown = "unknown";
+  auto minf = MP4BoxUtils::findChildBox(file, mdiaBox, "minf");
+  auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
+  auto stsd = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stsd") : std::nullopt;
+  auto bytes = stsd ? readBox(file, *stsd, layout::sampleEntryFormat.end()) : std::nullopt;
+  if (!bytes || bytes->size() < layout::sampleEntryFormat.end()) return unknown;
+  if (layout::load(bytes->data(), layout::entryCount) == 0) return unknown;
+  return decodeASCII(ByteView(*bytes).last(layout::sampleEntryFormat.width)).value_or(unknown);
+}
+
+int64_t MP4AVSyncFixer::parseMdhdDuration(ByteView mdhd) {
+  if (mdhd.size() < layout::timeHeader32.timescale.end()) return 0;
+  const auto& field = layout::timeHeader(layout::load(mdhd.data(), layout::version) == 1).duration;
+  if (mdhd.size() < field.end()) return 0;
+  const uint64_t unknown = std::numeric_limits<uint64_t>::max() >> (64 - 8 * field.width);
+  const uint64_t duration = layout::load(mdhd.data(), field);
+  return duration == unknown ? 0 : static_cast<int64_t>(duration);
+}
+
+int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {
+  return avsync_get_default_encoder_delay(codec.c_str());
+}
+
+OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const Path& fileURL) {
+  auto file = openSourceFile(files, fileURL);
+  auto moov = requireMoov(*file);
+
+  OriginalSyncInfo info;
+  info.movieTimescale = parseMovieTimescale(*file, moov);
+  auto video = parseVideoTrackInfo(*file, moov);
+  info.videoFirstCts = video.firstCts;
+  info.videoTrackTimescale = video.timescale;
+  const DamagedLists damaged = findDamagedLists(files, fileURL);
+  if (!damaged.video) info.videoEditList = parseVideoEditList(*file, moov, MP4TrackType::video);
+  auto videoEdits = startOf(info.videoEditList);
+  info.videoMediaStartMovieTime = videoEdits.emptyDuration;
+
+  auto audio = parseAudioTrackInfo(*file, moov, true);
+  info.audioTrackTimescale = audio ? audio->trackTimescale : defaultAudioTimescale;
+  info.audioEncoderDelay = audio ? audio->encoderDelay : defaultAudioDelay;
+  if (!damaged.audio) info.audioEditList = parseVideoEditList(*file, moov, MP4TrackType::audio);
+  auto audioEdits = startOf(info.audioEditList);
+  info.audioMediaStartMovieTime = audioEdits.emptyDuration;
+  info.audioMediaTime = audioEdits.mediaTime;
+
+  int64_t videoFirst = subtractTimes(info.videoFirstCts, videoEdits.mediaTime);
+  int64_t audioFirst = subtractTimes(0, audioEdits.mediaTime);
+  int64_t videoStart =
+      addTimes(videoEdits.emptyDuration, rescaleTime(videoFirst, info.movieTimescale, info.videoTrackTimescale));
+  int64_t audioStart =
+      addTimes(audioEdits.emptyDuration, rescaleTime(audioFirst, info.movieTimescale, info.audioTrackTimescale));
+  info.syncOffsetMovieTime = subtractTimes(audioStart, videoStart);
+  info.syncOffsetSeconds = static_cast<double>(info.syncOffsetMovieTime) / info.movieTimescale;
+
+  log("MP4AVSyncFixer: Sync offset computation:");
+  log("  Video: emptyDur={}, mediaTime={}, firstCts={}", videoEdits.emptyDuration, videoEdits.mediaTime,
+      info.videoFirstCts);
+  log("  Video first PTS (track): {}, (movie): {}", videoFirst, videoStart);
+  log("  Audio: emptyDur={}, mediaTime={}", audioEdits.emptyDuration, audioEdits.mediaTime);
+  log("  Audio first PTS (track): {}, (movie): {}", audioFirst, audioStart);
+  log("  Computed sync offset: {} ({:.1f}ms)", info.syncOffsetMovieTime, info.syncOffsetSeconds * 1000);
+  log("MP4AVSyncFixer.readOriginalSyncInfo: {}", info.text());
+  log("  Video: editList={} entries, startMovieTime={}, firstCts={}", info.videoEditList.size(),
+      videoEdits.emptyDuration, info.videoFirstCts);
+  log("  Audio: editList={} entries, startMovieTime={}, mediaTime={}", info.audioEditList.size(),
+      audioEdits.emptyDuration, audioEdits.mediaTime);
+  return info;
+}
+
+}  // namespace tarn
