@@ -12,6 +12,7 @@
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"
 #include "platform/Log.h"
+#include "platform/OpenFile.h"
 
 namespace tarn {
 namespace {
@@ -131,19 +132,11 @@ class PacketWriter {
   int64_t carry_ = 0;  ///< ticks
 };
 
-std::unique_ptr<FileHandle> openSource(FileManager& files, const Path& path) {
-  try {
-    return files.open(path, OpenMode::reading);
-  } catch (const PosixError&) {
-    throw FastPathError::cannotReadFile();
-  }
-}
-
 }  // namespace
 
 BuildResult FastPathAudioBuilder::build(std::span<const AudioAction> actions) const {
   log("FastPathAudioBuilder: Starting build with {} actions", actions.size());
-  const auto file = openSource(files_, sourceURL_);
+  const auto file = openFile(files_, sourceURL_, OpenMode::reading, FastPathError::cannotReadFile());
   MP4SampleTableParser table;
   table.parseSampleTable(*file, findAudioTrack(*file).stblBox);
   const auto originalCount = int64_t{table.sampleCount()};

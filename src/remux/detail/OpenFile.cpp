@@ -1,6 +1,6 @@
 #include "remux/detail/OpenFile.h"
 
-#include "platform/Error.h"
+#include "platform/OpenFile.h"
 
 namespace tarn {
 
@@ -10,11 +10,7 @@ MP4RemuxError fileHandleError(const std::string& description) {
 
 std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& fileURL, OpenMode mode, const char* refusal) {
   if (!files.fileExists(fileURL)) throw MP4RemuxError::fileNotFound();
-  try {
-    return files.open(fileURL, mode);
-  } catch (const PosixError&) {
-    throw fileHandleError(refusal);
-  }
+  return openFile(files, fileURL, mode, fileHandleError(refusal));
 }
 
 }  // namespace tarn

@@ -1,16 +1,13 @@
 #include "sync/detail/SourceFile.h"
 
+#include "platform/OpenFile.h"
 #include "sync/ErrorTypes.h"
 
 namespace tarn {
 
 std::unique_ptr<FileHandle> openTrackFile(FileManager& files, const Path& path, OpenMode mode,
                                           const char* failureWords) {
-  try {
-    return files.open(path, mode);
-  } catch (const PosixError&) {
-    throw AVSyncError::fileHandleError(failureWords);
-  }
+  return openFile(files, path, mode, AVSyncError::fileHandleError(failureWords));
 }
 
 std::unique_ptr<FileHandle> openSourceFile(FileManager& files, const Path& fileURL) {
