@@ -8,7 +8,7 @@ void tarn::fuzz::run(Input input) {
   auto file = movie.open();
   MP4SampleTableParser table;
   finishes([&] {
-    table.parseSampleTable(*file, {.size = contents.size() + 8, .type = "stbl", .offset = 0, .headerSize = 0});
+    table.parseSampleTable(*file, {.offset = 0, .size = contents.size() + 8, .type = "stbl", .headerSize = 0});
     const auto count = int64_t{table.sampleCount()};
     const auto samples = table.allSamples();
     require(static_cast<int64_t>(samples.size()) == count);

@@ -131,9 +131,8 @@ std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
     FileBoxWalker walker(*file, moov->contentOffset(), moov->end(), boxwalk::tracks);
     while (auto header = walker.next()) {
       if (header->type != "trak") continue;
-      MP4BoxInfo trak{header->size, header->type, header->offset, header->headerSize};
-      if (MP4BoxUtils::getHandlerType(*file, trak) != handler) continue;
-      tracks.push_back(readTrack(*file, trak, withMediaType, movieTimescale));
+      if (MP4BoxUtils::getHandlerType(*file, *header) != handler) continue;
+      tracks.push_back(readTrack(*file, *header, withMediaType, movieTimescale));
     }
   } catch (const PosixError&) {
     // An asset that cannot be read has the tracks that were found.

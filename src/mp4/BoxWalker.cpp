@@ -168,7 +168,7 @@ std::optional<BoxHeader> BufferBoxWalker::next() {
       continue;
     }
     level.position = header->end();
-    uint64_t contents = header->offset + static_cast<uint64_t>(header->headerSize);
+    uint64_t contents = header->contentOffset();
     uint64_t end = std::min(header->end(), level.end);
     if (std::ranges::find(policy_.containers, header->type) != policy_.containers.end() &&
         end >= contents + shortHeader) {

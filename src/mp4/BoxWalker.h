@@ -8,21 +8,11 @@
 #include <string_view>
 #include <vector>
 
+#include "mp4/BoxHeader.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
-
-/// A box's header as a walker met it. Offset and size are counted in the walked file or buffer; their sum never
-/// overflows.
-struct BoxHeader {
-  uint64_t offset = 0;
-  uint64_t size = 0;  ///< header included; for a size field of 0 what the policy makes of it
-  std::string type;   ///< empty where the four bytes cannot be decoded
-  int headerSize = 8;
-
-  uint64_t end() const { return offset + size; }
-};
 
 /// How a walk treats what the standard leaves to the reader of damaged files (ISO/IEC 14496-12 4.2). Workers differ in
 /// this and in nothing else.

@@ -139,7 +139,7 @@ bool moveItemsInMoov(std::span<uint8_t> moov, std::span<const MediaMove> moves) 
   BufferBoxWalker walker(moov, 0, moov.size(), metaSearch);
   while (const auto meta = walker.next()) {
     if (meta->type != "meta" || meta->end() > moov.size()) continue;
-    const auto firstWord = readUInt32(moov, meta->offset + static_cast<uint64_t>(meta->headerSize));
+    const auto firstWord = readUInt32(moov, meta->contentOffset());
     if (!firstWord) continue;
     BufferBoxWalker children(moov, meta->offset + metaHeaderSize(*meta, *firstWord), meta->end(),
                              boxwalk::openChildren);
@@ -155,7 +155,7 @@ bool moveItemsInMoov(std::span<uint8_t> moov, std::span<const MediaMove> moves) 
 std::vector<BoxHeader> findItemLocations(FileHandle& file, const BoxHeader& meta) {
   std::vector<BoxHeader> found;
   std::array<uint8_t, 4> word{};
-  file.seek(meta.offset + static_cast<uint64_t>(meta.headerSize));
+  file.seek(meta.contentOffset());
   if (file.readInto(word) < word.size()) return found;
   FileBoxWalker children(file, meta.offset + metaHeaderSize(meta, loadUInt32(word)), meta.end(), boxwalk::openChildren);
   while (auto box = children.next()) {

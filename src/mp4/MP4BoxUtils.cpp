@@ -2,7 +2,6 @@
 
 #include <array>
 #include <limits>
-#include <utility>
 
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
@@ -12,18 +11,13 @@
 namespace tarn {
 namespace {
 
-MP4BoxInfo boxInfo(BoxHeader header) {
-  return {
-      .size = header.size, .type = std::move(header.type), .offset = header.offset, .headerSize = header.headerSize};
-}
-
 uint64_t endOf(const MP4BoxInfo& box) {
   return checkedAdd(box.offset, box.size).value_or(std::numeric_limits<uint64_t>::max());
 }
 
 std::optional<MP4BoxInfo> findFirst(FileBoxWalker walker, std::string_view type) {
   while (auto header = walker.next()) {
-    if (header->type == type) return boxInfo(*std::move(header));
+    if (header->type == type) return header;
   }
   return std::nullopt;
 }
@@ -76,7 +70,7 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findTopLevelBox(FileHandle& file, std::st
   for (size_t headers = 0; headers < mostTopLevelHeaders; ++headers) {
     auto header = walker.next();
     if (!header) return std::nullopt;
-    if (header->type == type) return boxInfo(*std::move(header));
+    if (header->type == type) return header;
   }
   return std::nullopt;
 }
@@ -95,8 +89,7 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findTrack(FileHandle& file, const MP4BoxI
   FileBoxWalker walker(file, moov.contentOffset(), endOf(moov), boxwalk::tracks);
   while (auto header = walker.next()) {
     if (header->type != "trak") continue;
-    auto trak = boxInfo(*std::move(header));
-    if (getHandlerType(file, trak) == handlerTypeText(type)) return trak;
+    if (getHandlerType(file, *header) == handlerTypeText(type)) return header;
   }
   return std::nullopt;
 }

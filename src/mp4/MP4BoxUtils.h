@@ -6,25 +6,11 @@
 #include <string_view>
 #include <vector>
 
+#include "mp4/BoxHeader.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
-
-/// Locates one box in a file.
-struct MP4BoxInfo {
-  uint64_t size = 0;    ///< whole box in bytes, header included; for a size field of 0 what the walker worked out
-  std::string type;     ///< four-character code
-  uint64_t offset = 0;  ///< of the box's first byte in the file
-  int headerSize = 8;   ///< 8, or 16 when the 64-bit size was read
-
-  uint64_t contentOffset() const { return offset + static_cast<uint64_t>(headerSize); }
-  uint64_t contentSize() const {
-    auto header = static_cast<uint64_t>(headerSize);
-    return size > header ? size - header : 0;
-  }
-  uint64_t end() const { return offset + size; }
-};
 
 enum class MP4TrackType { video, audio };
 

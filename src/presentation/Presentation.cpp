@@ -23,10 +23,6 @@ Error presentationError(const std::string& description) {
   return Error("Presentation", -1, description);
 }
 
-MP4BoxInfo boxInfo(const BoxHeader& header) {
-  return {.size = header.size, .type = header.type, .offset = header.offset, .headerSize = header.headerSize};
-}
-
 struct TopLevel {
   std::optional<MP4BoxInfo> moov;  ///< the first one
   bool hasFragments = false;
@@ -46,7 +42,7 @@ TopLevel scanTopLevel(FileHandle& file) {
   for (uint32_t i = 0; i < mostTopLevelBoxes && !found.hasFragments; ++i) {
     auto box = walker.next();
     if (!box) break;
-    if (box->type == "moov" && !found.moov) found.moov = boxInfo(*box);
+    if (box->type == "moov" && !found.moov) found.moov = *box;
     if (box->type == "moof") found.hasFragments = true;
   }
   requireReadTo(file, walker.stop());
@@ -194,7 +190,7 @@ Presentation Presentation::read(FileManager& files, const Path& path) {
   while (auto box = walker.next()) {
     if (box->type != "trak") continue;
     try {
-      presentation.tracks_.push_back(readTrack(*file, boxInfo(*box), header->timescale));
+      presentation.tracks_.push_back(readTrack(*file, *box, header->timescale));
     } catch (const PosixError&) {
       throw;
     } catch (const Error& error) {

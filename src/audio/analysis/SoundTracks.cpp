@@ -5,10 +5,9 @@ namespace tarn {
 std::optional<SoundTrack> SoundTracks::next() {
   while (const auto box = boxes_.next()) {
     if (box->type != "trak") continue;
-    const MP4BoxInfo trak{box->size, box->type, box->offset, box->headerSize};
-    const auto mdia = MP4BoxUtils::findChildBox(file_, trak, "mdia");
+    const auto mdia = MP4BoxUtils::findChildBox(file_, *box, "mdia");
     const auto minf = mdia ? MP4BoxUtils::findChildBox(file_, *mdia, "minf") : std::nullopt;
-    if (minf && MP4BoxUtils::findChildBox(file_, *minf, "smhd")) return SoundTrack{trak, *mdia, *minf};
+    if (minf && MP4BoxUtils::findChildBox(file_, *minf, "smhd")) return SoundTrack{*box, *mdia, *minf};
   }
   return std::nullopt;
 }

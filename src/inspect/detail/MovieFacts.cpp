@@ -115,7 +115,7 @@ std::vector<TrackFacts> readTracks(FileHandle& file) {
   FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
   while (auto box = walker.next()) {
     if (tracks.size() == mostListed) break;
-    if (box->type == "trak") tracks.push_back(readTrack(file, {box->size, box->type, box->offset, box->headerSize}));
+    if (box->type == "trak") tracks.push_back(readTrack(file, *box));
   }
   return tracks;
 }

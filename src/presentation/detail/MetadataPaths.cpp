@@ -43,7 +43,7 @@ class PathCollector {
       }
       // Containers nest in the order of `containers` alone, so that the depth has a bound.
       if (prefix.find(type) != std::string::npos) continue;
-      uint64_t contents = box->offset + static_cast<uint64_t>(box->headerSize);
+      uint64_t contents = box->contentOffset();
       if (type == "meta") contents += metaHeaderSize(contents);
       walk(contents, std::min(box->end(), end), boxwalk::openChildren, prefix + type + "/");
     }

@@ -135,7 +135,7 @@ class Redescription {
     TimingHelper timer;
     log("{}Parsing sample table...", codec_.prefix);
     stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
-    table_.parseSampleTable(file_, {.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset});
+    table_.parseSampleTable(file_, {.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"});
     stsd_ = MP4Remuxer::extractStsdBoxFromMoov(moov_);
     timings_.parseSampleTable = timer.stop();
   }
@@ -158,7 +158,7 @@ class Redescription {
 
   /// The sets in the configuration box of an entry, 1-based; none where it has no complete ones.
   ParameterSets setsOfEntry(int64_t description) {
-    const MP4BoxInfo stbl{.size = stbl_.size, .type = "stbl", .offset = moovBox_.offset + stbl_.offset};
+    const MP4BoxInfo stbl{.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"};
     auto stsd = MP4BoxUtils::findChildBox(file_, stbl, "stsd");
     auto entries = stsd ? readVideoEntries(file_, *stsd, codec_.remux) : std::vector<VideoEntry>();
     if (description < 1 || static_cast<uint64_t>(description) > entries.size()) return {};
