@@ -1,7 +1,10 @@
+#include <algorithm>
 #include <array>
 
 #include "Fuzzing.h"
 #include "movie/MoovCheck.h"
+#include "movie/MovieError.h"
+#include "movie/MovieTree.h"
 #include "mp4/BoxWalker.h"
 
 namespace tarn::fuzz {
@@ -25,6 +28,20 @@ void walk(Walker&& walker, size_t size) {
   }
 }
 
+/// Written again, a `moov` is what it was, but for the sizes that the rules write out.
+void tree(ByteView moov, const EditRules& rules) {
+  try {
+    if (moov.size() >= 8) requireEditable(moov, 0, rules);
+    const Bytes written = MovieBox::parse(moov, rules).bytes();
+    require(written.size() == moov.size());
+    const size_t head = std::min<size_t>(16, moov.size());
+    if (rules.zeroSize != EditRules::ZeroSize::stays) return;
+    require(std::ranges::equal(ByteView(written).subspan(head), moov.subspan(head)));
+  } catch (const MovieError&) {
+    // Damage that the rules do not let through.
+  }
+}
+
 }  // namespace
 
 void run(Input input) {
@@ -36,7 +53,9 @@ void run(Input input) {
   walk(BufferBoxWalker(boxes, 0, boxes.size(), policy), boxes.size());
   for (bool isRecursive : {false, true}) MP4BoxUtils::findBoxOffsets(boxes, "stsd", 0, std::nullopt, isRecursive);
   MP4BoxUtils::findTrakOffset(boxes, MP4TrackType::video);
-  whatForbidsEditing(boxes);
+  for (const EditRules* rules : {&edit::remuxing, &edit::syncing, &edit::stripping, &edit::replacing}) {
+    tree(boxes, *rules);
+  }
 }
 
 }  // namespace tarn::fuzz

@@ -3,72 +3,105 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <initializer_list>
+#include <limits>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "movie/MovieError.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 
 namespace tarn {
 namespace {
 
-/// One step of the way: a level's boxes that matter.
-struct Level {
-  std::array<std::string_view, 3> types;
-  bool matters(std::string_view type) const { return !type.empty() && std::ranges::find(types, type) != types.end(); }
+using Case = MovieError::Case;
+using Types = std::vector<std::string_view>;
+
+const std::vector<Types> wayToChunks = {{"trak"}, {"mdia"}, {"minf"}, {"stbl"}, {"stco", "co64"}};
+const std::vector<Types> wayToEntries = {{"trak"}, {"mdia"}, {"minf"}, {"stbl"}, {"stsd", "stco", "co64"}};
+
+class Check {
+ public:
+  Check(ByteView moov, uint64_t place, EditRules::Way way) : moov_(moov), place_(place), way_(way) {}
+
+  /// The boxes along the way from `parent` on, one level for each element.
+  void requireWay(const BoxHeader& parent, std::span<const Types> way) const {
+    if (way.empty()) return;
+    BufferBoxWalker walker(moov_, parent.offset + layout::boxHeaderSize, parent.end(), boxwalk::openChildren);
+    while (const auto child = walker.next()) {
+      if (std::ranges::find(way.front(), child->type) == way.front().end()) continue;
+      const std::string problem = problemOf(*child, parent);
+      if (!problem.empty()) throw MovieError(Case::damaged, problem);
+      requireWay(*child, way.subspan(1));
+    }
+  }
+
+ private:
+  std::string problemOf(const BoxHeader& child, const BoxHeader& parent) const {
+    return way_ == EditRules::Way::plainSizes ? problemOfPlain(child, parent) : problemOfShort(child, parent);
+  }
+
+  std::string problemOfPlain(const BoxHeader& child, const BoxHeader& parent) const {
+    const std::string box = fmt::format("{} box at {} of the moov", child.type, child.offset);
+    if (*readUInt32(moov_, child.offset) < layout::boxHeaderSize) {
+      return fmt::format("{} lies at or behind a box without a plain 32-bit size or type, at {}", box, child.offset);
+    }
+    if (child.end() <= parent.end()) return {};
+    return fmt::format("{} extends beyond its parent: it ends at {}, its parent at {}", box, child.end(), parent.end());
+  }
+
+  std::string problemOfShort(const BoxHeader& child, const BoxHeader& parent) const {
+    const std::string box = fmt::format("The {} box at {}", child.type, place_ + child.offset);
+    if (child.headerSize != layout::boxHeaderSize) return box + " has a 64-bit size";
+    return child.end() > parent.end() ? box + " reaches over the end of the " + parent.type : std::string();
+  }
+
+  ByteView moov_;
+  uint64_t place_;
+  EditRules::Way way_;
 };
 
-constexpr Level way[] = {{{"trak"}}, {{"mdia"}}, {{"minf"}}, {{"stbl"}}, {{"stsd", "stco", "co64"}}};
-
-/// True for a header that ends a walk over a buffer.
-bool endsBufferWalk(ByteView moov, const BoxHeader& header) {
-  auto at = static_cast<size_t>(header.offset);
-  return *readUInt32(moov, at) < 8 || !decodeASCII(moov.subspan(at + 4, 4));
-}
-
-/// `hides` is true where an odd box hides what lies behind it on its level.
-std::optional<std::string> checkLevel(ByteView moov, uint64_t start, uint64_t end, std::span<const Level> levels,
-                                      bool hides) {
-  if (levels.empty()) return std::nullopt;
-  bool isHidden = false;
-  uint64_t odd = 0;  // where the box begins that hides the others
-  BufferBoxWalker walker(moov, start, end, boxwalk::openChildren);
-  while (auto header = walker.next()) {
-    if (!hides) isHidden = false;
-    if (!isHidden && endsBufferWalk(moov, *header)) {
-      isHidden = true;
-      odd = header->offset;
-    }
-    if (!levels.front().matters(header->type)) continue;
-    const std::string place = fmt::format("{} box at {} of the moov", header->type, header->offset);
-    if (isHidden)
-      return fmt::format("{} lies at or behind a box without a plain 32-bit size or type, at {}", place, odd);
-    if (header->end() > end) {
-      return fmt::format("{} extends beyond its parent: it ends at {}, its parent at {}", place, header->end(), end);
-    }
-    if (auto problem = checkLevel(moov, header->offset + 8, header->end(), levels.subspan(1), hides)) return problem;
+void requireNoMedia(ByteView moov, uint64_t place, const EditRules& rules) {
+  BufferBoxWalker walker(moov, layout::boxHeaderSize, moov.size(), boxwalk::openChildren);
+  while (const auto child = walker.next()) {
+    if (child->type != "mdat") continue;
+    if (rules.way == EditRules::Way::plainSizes) throw MovieError(Case::damaged, "moov box holds the media");
+    throw MovieError(Case::damaged, fmt::format("The moov box holds media, at {}", place + child->offset));
   }
-  return std::nullopt;
-}
-
-std::optional<std::string> check(ByteView moov, bool hides) {
-  BufferBoxWalker walker(moov, 8, moov.size(), boxwalk::openChildren);
-  while (auto header = walker.next()) {
-    if (header->type == "mdat") return "moov box holds the media";
-  }
-  return checkLevel(moov, 8, moov.size(), way, hides);
 }
 
 }  // namespace
 
-std::optional<std::string> whatForbidsEditing(ByteView moov) {
-  return check(moov, true);
+void requireEditable(ByteView moov, uint64_t place, const EditRules& rules) {
+  requireNoMedia(moov, place, rules);
+  const BoxHeader whole{.offset = 0, .size = moov.size(), .type = "moov"};
+  if (rules.way == EditRules::Way::anySizes) return;
+  const auto& way = rules.way == EditRules::Way::plainSizes ? wayToEntries : wayToChunks;
+  Check(moov, place, rules.way).requireWay(whole, way);
 }
 
-std::optional<std::string> whatForbidsEditingTheWay(ByteView moov) {
-  return check(moov, false);
+Bytes readMoov(FileHandle& file, const BoxHeader& moov, const EditRules& rules) {
+  if (moov.size > std::numeric_limits<uint32_t>::max()) {
+    throw MovieError(Case::doesNotFit, "The moov does not fit a 32-bit size", moov);
+  }
+  Bytes bytes;
+  try {
+    file.seek(moov.offset);
+    bytes = file.read(static_cast<size_t>(moov.size));
+  } catch (const PosixError&) {
+    throw MovieError(Case::unreadable, "Cannot read moov box", moov);
+  }
+  if (bytes.size() < layout::boxHeaderSize) throw MovieError(Case::unreadable, "Cannot read moov box", moov);
+  if (bytes.size() < moov.size && rules.cutMoov == EditRules::CutMoov::isRefused) {
+    throw MovieError(Case::cutOff, "The moov box extends beyond the end of the file", moov);
+  }
+  if (moov.headerSize != layout::boxHeaderSize && rules.longMoov == EditRules::LongMoov::isRefused) {
+    throw MovieError(Case::longSize, fmt::format("The moov box at {} has a 64-bit size", moov.offset), moov);
+  }
+  return bytes;
 }
 
 }  // namespace tarn

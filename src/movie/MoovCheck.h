@@ -1,20 +1,19 @@
 #pragma once
 
-#include <optional>
-#include <string>
-
+#include "movie/EditRules.h"
 #include "platform/Bytes.h"
+#include "platform/FileManager.h"
 
 namespace tarn {
 
-/// The walkers over buffers know 32-bit sizes only and stop where a size or a type is no good, so in an odd `moov` they
-/// may miss a track or a table that a player finds, and an edit in place would leave it wrong. So would an edit of one
-/// whose size swallows the media, which then move within it. Looks for that along the way from the `moov` to each
-/// track's `stsd`, `stco` and `co64`, and says what it is; nothing when the buffer, a whole `moov` with an 8-byte
-/// header, can be edited.
-std::optional<std::string> whatForbidsEditing(ByteView moov);
+/// Looks for what an edit of this `moov` could not keep whole: media inside of it, and a box on the way to a track's
+/// chunk offsets (trak, mdia, minf, stbl, stco, co64) that reaches over the end of its parent or has a header that
+/// `rules.way` forbids. Boxes beside the way may be odd. `moov` has an 8-byte header; `place` is that of the `moov` in
+/// its file. Throws MovieError: damaged, with the box and its place.
+void requireEditable(ByteView moov, uint64_t place, const EditRules& rules);
 
-/// The same for an editor that steps over odd boxes beside the way: only the boxes on the way must be plain.
-std::optional<std::string> whatForbidsEditingTheWay(ByteView moov);
+/// Reads a `moov`; of a cut one all that is there, if `rules` take it. Memory is taken for what is there. Throws
+/// MovieError: unreadable, cutOff, longSize, doesNotFit for one of more than 4 GiB.
+Bytes readMoov(FileHandle& file, const BoxHeader& moov, const EditRules& rules);
 
 }  // namespace tarn

@@ -1,23 +1,14 @@
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <span>
 #include <string>
 
+#include "movie/CopiedRange.h"
 #include "platform/Error.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
-
-/// Bytes that a rewrite took over from the old file unchanged; offsets in either file.
-struct CopiedRange {
-  uint64_t from = 0;
-  uint64_t to = 0;
-  uint64_t size = 0;
-
-  bool operator==(const CopiedRange&) const = default;
-};
 
 /// A worker calls this with its finished temp file, ahead of the replacement of the file that it rewrites. `copied`
 /// says which bytes it took over; ranges are sorted by `from` and do not overlap. It throws RefusedResult, or any other

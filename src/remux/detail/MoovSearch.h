@@ -9,7 +9,7 @@
 
 namespace tarn {
 
-// Searches in a whole `moov` in memory, which whatForbidsEditingTheWay has found fit for being edited. Boxes beside the
+// Searches in a whole `moov` in memory, which requireEditable has found fit for being edited. Boxes beside the
 // way are stepped over whatever their header: 64-bit sizes, sizes of 0 and types that are no text.
 
 /// Where the boxes of this type begin, from `start` up to `end`, one level.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "movie/MoovCheck.h"
+#include "movie/MovieError.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
@@ -70,7 +71,11 @@ Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
   if (bytes.size() < box->size) throw corrupted("extends beyond the end of the file", *box);
   if (box->size > UINT32_MAX) throw corrupted("does not fit a 32-bit size field", *box);
   writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
-  if (auto problem = whatForbidsEditingTheWay(bytes)) throw MP4RemuxError::corruptedMP4(*problem);
+  try {
+    requireEditable(bytes, box->offset, edit::remuxing);
+  } catch (const MovieError& problem) {
+    throw MP4RemuxError::corruptedMP4(problem.description());
+  }
   log("{}Read moov box ({} bytes)", codec.prefix, bytes.size());
   return {*std::move(box), std::move(bytes)};
 }

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "movie/EditRules.h"
+#include "platform/Bytes.h"
+
+namespace tarn {
+
+/// A box of a `moov` in memory, to be edited. On the way to the sample tables and edit lists (moov, trak, edts, mdia,
+/// minf, stbl) it is taken apart into its children (ISO/IEC 14496-12 4.2); every other box is kept as its bytes.
+/// Written again, nothing is lost: boxes keep their order, the width of their size field, and what lies behind the last
+/// child.
+///
+/// It is a tree, and not a buffer that edits are spliced into: parents get their sizes by themselves, an edit makes no
+/// other place invalid, and any number of edits costs one pass over a `moov` of any length.
+struct MovieBox {
+  std::string type;  ///< four bytes as they are in the file
+  Bytes head;        ///< the header; its size field is made anew when the box is written, unless it is 0
+  std::vector<MovieBox> children = {};
+  Bytes contents = {};   ///< all of it; where there are children, what lies behind the last one
+  uint64_t offset = 0;   ///< where it began in the bytes that were parsed
+  uint64_t oldSize = 0;  ///< how long it was there, header included
+  /// It reaches over the end of its parent: `contents` end there, and the size field stays as it is.
+  bool isCut = false;
+
+  /// A whole `moov`, or for a cut one all that is there of it. Throws MovieError: damaged for a box that `rules` do not
+  /// let through, and for more boxes than any real `moov` has.
+  static MovieBox parse(ByteView moov, const EditRules& rules);
+
+  /// A whole box, not taken apart.
+  static MovieBox of(ByteView box);
+
+  /// The first child at the end of this path; null where there is none.
+  const MovieBox* find(std::initializer_list<std::string_view> path) const;
+  MovieBox* find(std::initializer_list<std::string_view> path);
+
+  /// Puts a child in the place of the first one of its type, or behind the last child.
+  void put(MovieBox child);
+  void removeAll(std::string_view childType);
+
+  uint64_t size() const { return head.size() + contentSize(); }
+
+  /// The box as bytes. Throws MovieError: doesNotFit.
+  Bytes bytes() const;
+  /// The same of a box without children, with an 8-byte header: what the fields of `layout` count from.
+  Bytes plainBytes() const;
+
+ private:
+  uint64_t contentSize() const;
+  void appendTo(Bytes& target) const;
+};
+
+}  // namespace tarn
