@@ -10,6 +10,7 @@
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
+#include "platform/Log.h"
 #include "presentation/detail/LaidEdit.h"
 #include "presentation/detail/MetadataPaths.h"
 #include "presentation/detail/SampleOrder.h"
@@ -199,6 +200,18 @@ Presentation Presentation::read(FileManager& files, const Path& path) {
   }
   presentation.metadata_ = metadataPaths(*file);
   return presentation;
+}
+
+std::optional<Presentation> Presentation::readIfPossible(FileManager& files, const Path& path,
+                                                         std::string_view consequence) {
+  try {
+    return read(files, path);
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& failure) {
+    log("{}: {}", consequence, failure.description());
+    return std::nullopt;
+  }
 }
 
 MovieTime Presentation::tick() const {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "mp4/SampleLocations.h"
@@ -81,6 +82,9 @@ class Presentation {
   /// more samples of one size than a file of this size has bytes, or name more than 8 million pictures; PosixError
   /// where the file cannot be read. Tracks of any handler are read; one without samples is kept, with none shown.
   static Presentation read(FileManager& files, const Path& path);
+  /// The same; returns nothing if the movie's boxes do not say what it shows, so that no result can be compared with
+  /// it. `consequence` begins the line that the log then gets. Throws PosixError.
+  static std::optional<Presentation> readIfPossible(FileManager& files, const Path& path, std::string_view consequence);
 
   uint32_t movieTimescale() const { return movieTimescale_; }
   const std::vector<TrackPresentation>& tracks() const { return tracks_; }

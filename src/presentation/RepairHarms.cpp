@@ -1,22 +1,6 @@
 #include "presentation/RepairHarms.h"
 
-#include <optional>
-
-#include "platform/Log.h"
-
 namespace tarn {
-namespace {
-
-std::optional<Presentation> readIfPossible(FileManager& files, const Path& path) {
-  try {
-    return Presentation::read(files, path);
-  } catch (const Error& failure) {
-    log("The presentation of the source cannot be read: {}", failure.description());
-    return std::nullopt;
-  }
-}
-
-}  // namespace
 
 AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasReplaced) {
   AnnouncedChange announced{.comparesBytes = false};
@@ -29,7 +13,8 @@ AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasRepla
 
 std::vector<std::string> harmsOfRepair(FileManager& sourceFiles, const Path& source, FileManager& resultFiles,
                                        const Path& result, bool soundWasReplaced) {
-  const auto before = readIfPossible(sourceFiles, source);
+  const auto before =
+      Presentation::readIfPossible(sourceFiles, source, "The presentation of the source cannot be read");
   if (!before) return {};
   const AnnouncedChange announced = announcedByRepair(*before, soundWasReplaced);
   try {

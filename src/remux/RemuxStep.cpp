@@ -28,20 +28,8 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
-/// What the file shows now; nothing where its tables cannot be read, so that there is nothing to compare.
-std::optional<Presentation> presentationOf(ProcessingRun& run) {
-  try {
-    return Presentation::read(run.files, run.fileURL);
-  } catch (const PosixError&) {
-    throw;
-  } catch (const Error& error) {
-    log("What the file shows cannot be told: {}", error.description());
-    return std::nullopt;
-  }
-}
-
 void rewrite(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, std::optional<RemuxTimings>& timings) {
-  const auto before = presentationOf(run);
+  const auto before = Presentation::readIfPossible(run.files, run.fileURL, "What the file shows cannot be told");
   const AnnouncedChange nothing;
   const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
   if (isHEVC(tag)) {

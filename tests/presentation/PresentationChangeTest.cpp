@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "presentation/PresentationChange.h"
+#include "presentation/RepairHarms.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FileTest.h"
@@ -326,6 +327,12 @@ TEST_F(PresentationChangeTest, TheCheckRefusesAndSaysWhy) {
     }
     EXPECT_EQ(words, c.words);
   }
+}
+
+TEST_F(PresentationChangeTest, ADamagedSourceHasNothingToCompareButAnUnreadableOneIsAFailure) {
+  Path movie = write(Movie().bytes());
+  EXPECT_THAT(harmsOfRepair(files_, write(box("mdat")), files_, movie, false), IsEmpty());
+  EXPECT_THROW(harmsOfRepair(files_, "/there is no such file", files_, movie, false), PosixError);
 }
 
 TEST_F(PresentationChangeTest, ARealClipKeepsItsPresentationThroughAnotherMuxer) {

@@ -5,20 +5,14 @@
 
 #include "audio/MP4AudioTrackReplacer.h"
 #include "mp4/BoxLayout.h"
-#include "platform/Log.h"
 #include "presentation/PresentationChange.h"
 
 namespace tarn {
 
-AudioSwap::AudioSwap(ProcessingRun& run) : run_(run) {
-  try {
-    before_ = Presentation::read(run.files, run.fileURL);
-  } catch (const PosixError&) {
-    throw;
-  } catch (const Error& failure) {
-    log("Cannot read what the file shows, so new audio goes in unchecked: {}", failure.description());
-  }
-}
+AudioSwap::AudioSwap(ProcessingRun& run)
+    : run_(run),
+      before_(Presentation::readIfPossible(run.files, run.fileURL,
+                                           "Cannot read what the file shows, so new audio goes in unchecked")) {}
 
 double AudioSwap::shownMediaEnd() const {
   const TrackPresentation* track = audio();

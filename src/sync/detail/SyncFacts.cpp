@@ -99,19 +99,14 @@ struct DamagedLists {
 };
 
 DamagedLists findDamagedLists(FileManager& files, const Path& fileURL) {
-  try {
-    const auto presentation = Presentation::read(files, fileURL);
-    const auto isDamaged = [&](MP4TrackType type) {
-      const TrackPresentation* track = presentation.first(handlerTypeText(type));
-      return track && track->damage != EditListDamage::none;
-    };
-    return {isDamaged(MP4TrackType::video), isDamaged(MP4TrackType::audio)};
-  } catch (const PosixError&) {
-    throw;
-  } catch (const Error& failure) {
-    log("MP4AVSyncFixer: The edit lists are taken as they are: {}", failure.description());
-    return {};
-  }
+  const auto presentation =
+      Presentation::readIfPossible(files, fileURL, "MP4AVSyncFixer: The edit lists are taken as they are");
+  if (!presentation) return {};
+  const auto isDamaged = [&](MP4TrackType type) {
+    const TrackPresentation* track = presentation->first(handlerTypeText(type));
+    return track && track->damage != EditListDamage::none;
+  };
+  return {isDamaged(MP4TrackType::video), isDamaged(MP4TrackType::audio)};
 }
 
 }  // namespace
