@@ -73,6 +73,16 @@ std::vector<ModelStep> drawSteps(uint32_t seed, size_t count) {
   return steps;
 }
 
+bool keepsTheLimit(std::string_view line) {
+  const size_t counts = line.rfind("(running: ");
+  if (counts == std::string_view::npos) return true;
+  int running = 0, limit = 0;
+  const char* const end = line.data() + line.size();
+  const auto first = std::from_chars(line.data() + counts + 10, end, running);
+  std::from_chars(first.ptr + 1, end, limit);
+  return running >= 1 && running <= limit;
+}
+
 std::optional<std::string> EngineModel::brokenBy(const std::vector<ModelStep>& steps) {
   EngineModel model(steps);
   while (!model.broken_ && model.next_ < steps.size()) model.doNext();
@@ -81,7 +91,9 @@ std::optional<std::string> EngineModel::brokenBy(const std::vector<ModelStep>& s
 }
 
 EngineModel::EngineModel(const std::vector<ModelStep>& steps) : steps_(steps) {
-  setLogSink([this](std::string_view line) { read(line); });
+  setLogSink([this](std::string_view line) {
+    require(keepsTheLimit(line), "no more run than the limit allows: " + std::string(line));
+  });
   disk_.documentsDirectory(true);
   startProcess();
 }
@@ -94,9 +106,8 @@ EngineModel::~EngineModel() {
 // --- Processes ---
 
 void EngineModel::startProcess() {
-  backgroundTasks_.clear();
   for (auto& [id, download] : downloads_) download.toldByThisProcess = 0;
-  application_ = std::make_unique<HostApplication>(dispatch_);
+  application_ = std::make_unique<CountedApplication>(dispatch_);
   ProcessingStateManager store(defaults_, disk_, clock_);
   removeLeftovers(disk_, store);
   plugin_ =
@@ -319,19 +330,6 @@ void EngineModel::hear(const std::string& name, const JSObject& data) {
   require(!download.isCancelled || download.hadEnded || isSaved, "nothing is told of what was cancelled", id);
 }
 
-/// Takes from the log what no call tells.
-void EngineModel::read(std::string_view line) {
-  if (line.starts_with("Started background task ")) backgroundTasks_.emplace(line.substr(24, line.find(' ', 24) - 24));
-  if (line.starts_with("Ending background task ")) backgroundTasks_.erase(std::string(line.substr(23)));
-  const size_t counts = line.rfind("(running: ");
-  if (counts == std::string_view::npos) return;
-  int running = 0, limit = 0;
-  const char* const end = line.data() + line.size();
-  const auto first = std::from_chars(line.data() + counts + 10, end, running);
-  std::from_chars(first.ptr + 1, end, limit);
-  require(running >= 1 && running <= limit, "no more run than the limit allows: " + std::string(line));
-}
-
 std::vector<ProcessingState> EngineModel::pending() {
   return ProcessingStateManager(defaults_, disk_, clock_).allPendingStates().value_or(std::vector<ProcessingState>());
 }
@@ -380,7 +378,7 @@ void EngineModel::lookAtRest() {
   }
   require(transfers_.tasks().empty(), "every transfer ends");
   require(pending().empty(), "every run ends");
-  require(backgroundTasks_.empty(), "background time is given back");
+  require(application_->held() == 0, "background time is given back");
   auto left = disk_.contentsOfDirectory(disk_.documentsDirectory(true));
   // While the records cannot be read no file is touched; the next process takes the temp files.
   if (hasStoreFailed_) std::erase_if(left, [](const std::string& name) { return name.ends_with(".m4a"); });

@@ -5,15 +5,15 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "platform/memory/ScriptedURLSession.h"
+#include "plugin/CountedApplication.h"
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "support/FaultyFileManager.h"
@@ -51,6 +51,9 @@ struct ModelStep {
 
 std::string text(const std::vector<ModelStep>& steps);
 std::vector<ModelStep> drawSteps(uint32_t seed, size_t count);
+
+/// False for a line of the log that tells of more running downloads than the limit allows.
+bool keepsTheLimit(std::string_view line);
 
 /// The real engine with its plug-in on a platform in memory, beside what it promises: it does the steps one by one,
 /// some of them in the middle of a run, and looks after each whether the promises hold.
@@ -106,7 +109,6 @@ class EngineModel {
   void restart();
 
   void hear(const std::string& name, const JSObject& data);
-  void read(std::string_view line);
   void look();
   void lookAtRest();
   void require(bool holds, const std::string& promise, int64_t id = 0);
@@ -121,7 +123,6 @@ class EngineModel {
   bool hasStoreFailed_ = false;
   std::optional<std::string> broken_;
   std::map<int64_t, Download> downloads_;
-  std::set<std::string> backgroundTasks_;  ///< that are held
   uint64_t starts_ = 0;
 
   InMemoryFileManager disk_;
@@ -129,7 +130,7 @@ class EngineModel {
   UserDefaults defaults_{storeFiles_, "/home/Defaults"};
   ManualClock clock_;
   ManualDispatch dispatch_;
-  std::unique_ptr<HostApplication> application_;
+  std::unique_ptr<CountedApplication> application_;
   InMemoryPhotoLibrary photos_{disk_, dispatch_};
   ScriptedURLSessionService transfers_{disk_, "/home/delivered"};
   Step step_{*this, photos_, clock_};

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "plugin/EngineModel.h"
+#include "plugin/EngineThreads.h"
 
 namespace tarn::test {
 namespace {
@@ -14,6 +15,7 @@ constexpr uint32_t usualSeeds = 100;
 #else
 constexpr uint32_t usualSeeds = 2000;
 #endif
+constexpr uint32_t usualSeedsOnThreads = 100;
 constexpr uint32_t shares = 4;
 constexpr size_t stepsOfASeed = 200;
 
@@ -53,6 +55,14 @@ TEST_P(EngineModelTest, KeepsItsPromisesUnderEveryOrderOfEvents) {
     if (!EngineModel::brokenBy(steps)) continue;
     const std::vector<ModelStep> fewest = shortest(steps);
     FAIL() << "seed " << seed << ": " << *EngineModel::brokenBy(fewest) << "\n" << text(fewest);
+  }
+}
+
+TEST(EngineThreadsTest, KeepsItsPromisesOnRealThreads) {
+  const uint32_t first = numberFrom("TARN_MODEL_FIRST", 0), seeds = numberFrom("TARN_MODEL_SEEDS", usualSeedsOnThreads);
+  for (uint32_t seed = first; seed < first + seeds; ++seed) {
+    const std::vector<ModelStep> steps = drawSteps(seed, stepsOfASeed);
+    if (const auto broken = EngineThreads::brokenBy(steps)) FAIL() << "seed " << seed << ": " << *broken;
   }
 }
 
