@@ -7,20 +7,10 @@
 #include <string_view>
 
 #include "audio/fastpath/FastPathAudioRepair.h"
-#include "download/DownloadTask.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 
 namespace {
-
-class NobodyListens : public tarn::ProcessingRunListener {
- public:
-  bool saveRecord(const tarn::CancellationToken& /*token*/, const tarn::ProcessingState& /*record*/) override {
-    return false;
-  }
-  void progressUpdated(const std::shared_ptr<tarn::DownloadTask>& /*download*/, double /*progress*/,
-                       const std::string& /*stage*/) override {}
-};
 
 tarn::AudioConfigCheck stereo(int rate) {
   tarn::AudioConfigCheck config;
@@ -45,8 +35,8 @@ int main(int count, char** arguments) {
     tarn::PosixFileManager files(state.fileURL.parent_path());
     tarn::SystemClock clock;
     tarn::NamesInTheMaking names;
-    NobodyListens listener;
-    tarn::ProcessingRun run(files, clock, names, listener, state, nullptr, std::make_shared<tarn::CancellationToken>());
+    tarn::RunListener listener;
+    tarn::ProcessingRun run(files, clock, names, listener, state, std::make_shared<tarn::CancellationToken>());
     tarn::TimingHelper timer;
     tarn::performFastPathAudioRepair(run, {}, stereo(std::atoi(arguments[2])));
     double seconds = timer.stop();

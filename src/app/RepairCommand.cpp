@@ -22,39 +22,27 @@
 namespace tarn {
 namespace {
 
-/// The engine around the single run of a repair: shows its progress, keeps its warnings and its outcome. Does not store
-/// its record: a repair that was cut off begins anew.
-class SingleRunHost : public ProcessingHost {
+/// The engine around the single run of a repair: shows its progress and keeps its outcome. Does not store its record: a
+/// repair that was cut off begins anew.
+class SingleRun : public RunListener {
  public:
-  explicit SingleRunHost(bool showsProgress) {
+  explicit SingleRun(bool showsProgress) {
     if (showsProgress) printer_.emplace();
   }
 
-  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
-  void progressUpdated(const DownloadTaskPointer& /*download*/, double progress, const std::string& stage) override {
+  void progressUpdated(int64_t /*id*/, double progress, const std::string& stage) override {
     if (printer_) printer_->showStage(stage, static_cast<int64_t>(progress * 100));
   }
-  void replaceDownload(const DownloadTaskPointer& /*download*/) override {}
-  bool endRun(const RunEnd& end) override {
-    isFinished_ = end.ending == ProcessingGate::Ending::finished;
-    if (end.ending == ProcessingGate::Ending::failed) failure_ = end.download->snapshot().reason.failure;
+  bool ended(const ProcessingRun& run) override {
+    outcome_ = run.outcome;
     return false;
   }
-  void warned(const std::string& words) override { warnings_.push_back(words); }
 
-  const std::vector<std::string>& warnings() const { return warnings_; }
-
-  /// True for a finished run, false for one that was cancelled. Throws what a failed one failed with.
-  bool isFinished() const {
-    if (failure_) std::rethrow_exception(failure_);
-    return isFinished_;
-  }
+  const RunOutcome& outcome() const { return outcome_; }
 
  private:
   std::optional<ProgressPrinter> printer_;
-  std::vector<std::string> warnings_;
-  bool isFinished_ = false;
-  std::exception_ptr failure_;
+  RunOutcome outcome_;
 };
 
 /// Both ends of a repair, absolute.
@@ -94,9 +82,8 @@ Path placeOf(const Path& output) {
 }
 
 struct Repair {
-  bool isFinished = false;          ///< false when it was interrupted
+  RunOutcome outcome;
   std::optional<std::string> note;  ///< what was not repaired, and why
-  std::vector<std::string> warnings;
 };
 
 /// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
@@ -125,15 +112,12 @@ Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress
     }
   }
 
-  SingleRunHost host(showsProgress);
+  SingleRun listener(showsProgress);
   NamesInTheMaking names;
   RepairSteps steps;
   PlacingStep last(ends.input, place);
-  ProcessingDriver driver(files, clock, store, names, host, steps.withLast(last));
-  driver.continueProcessing(
-      record, std::make_shared<DownloadTask>(files, record.downloadId, "", record.album, record.filename), token);
-  result.isFinished = host.isFinished();
-  result.warnings = host.warnings();
+  ProcessingDriver(files, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token);
+  result.outcome = listener.outcome();
   return result;
 }
 
@@ -150,13 +134,15 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
   const auto token = std::make_shared<CancellationToken>();
   const InterruptWatcher watcher([token] { token->cancel(); });
   const Ends ends = checkedEnds(options);
-  Repair outcome;
+  Repair result;
   try {
-    outcome = repair(ends, options, !global.json, token);
+    result = repair(ends, options, !global.json, token);
   } catch (const std::exception& failure) {
     return reportFailure(global, options, failure.what());
   }
-  if (!outcome.isFinished) {
+  const RunOutcome& outcome = result.outcome;
+  if (outcome.kind == RunOutcome::Kind::failed) return reportFailure(global, options, outcome.words);
+  if (outcome.kind == RunOutcome::Kind::cancelled) {
     if (global.json) printJSON({{"result", "interrupted"}, {"input", options.input}});
     printFailure(fmt::format("Interrupted; {} was not written.", options.output));
     return ExitCode::interrupted;
@@ -165,11 +151,11 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
     printJSON({{"result", "repaired"},
                {"input", options.input},
                {"path", ends.output.string()},
-               {"note", outcome.note ? JSValue(*outcome.note) : JSValue()},
-               {"warnings", JSValue::Array(outcome.warnings.begin(), outcome.warnings.end())}});
+               {"note", result.note ? JSValue(*result.note) : JSValue()},
+               {"warnings", JSValue::Array(outcome.leftAlone.begin(), outcome.leftAlone.end())}});
   } else {
-    if (outcome.note) printLine(*outcome.note);
-    for (const std::string& warning : outcome.warnings) printLine("Warning: " + warning);
+    if (result.note) printLine(*result.note);
+    for (const std::string& warning : outcome.leftAlone) printLine("Warning: " + warning);
     printLine(ends.output.string());
   }
   return ExitCode::done;

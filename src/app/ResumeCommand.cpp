@@ -48,7 +48,7 @@ class Resume {
       } else if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
-        takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
+        takeFailed(id, host_.outcomes().failure(id).value_or("the reason is in the log"));
       } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
         show(id, task);
@@ -79,9 +79,10 @@ class Resume {
     return false;
   }
 
-  /// A run tells its asset a moment after its task reads as saved. One of an earlier process tells none.
+  /// The page is about to be told of a download that an earlier process has saved, or it is too old and goes; some looks
+  /// give it the time.
   bool isStillTelling(int64_t id) {
-    return !outcomes_.contains(id) && !host_.journal().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
+    return !outcomes_.contains(id) && !host_.outcomes().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
   }
 
   /// The end of a download, as a page hears of it; it is not in the list any more then.
@@ -91,13 +92,13 @@ class Resume {
     if (valueAt<std::string>(event.data, "status", "") == "STATUS_SUCCESSFUL") {
       takeSaved(id);
     } else {
-      takeFailed(id, host_.journal().failure(id).value_or("the reason is in the log"));
+      takeFailed(id, host_.outcomes().failure(id).value_or("the reason is in the log"));
     }
   }
 
   void takeSaved(int64_t id) {
     if (!outcomes_.emplace(id, true).second) return;
-    const std::string assetId = host_.journal().assetId(id).value_or("");
+    const std::string assetId = host_.outcomes().assetId(id).value_or("");
     auto assets = host_.photos().fetchAllAssets();
     auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
     const std::string path = asset == assets.end() ? "" : asset->path.string();

@@ -67,7 +67,7 @@ int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
   }
   client.waitUntilGone(id);
   if (valueAt<std::string>(*completion, "status", "") != "STATUS_SUCCESSFUL") {
-    return reportFailure(global, id, host.journal().failure(id).value_or("the reason is in the log"));
+    return reportFailure(global, id, host.outcomes().failure(id).value_or("the reason is in the log"));
   }
   auto asset = findAsset(host.photos(), options.album, valueAt<std::string>(*completion, "assetId", ""));
   if (!asset) return reportFailure(global, id, "the saved file is not in its album any more");

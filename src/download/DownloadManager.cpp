@@ -20,8 +20,10 @@ bool isActive(DownloadStatus status) {
 }  // namespace
 
 std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps,
-                                                         const std::weak_ptr<DownloadManagerDelegate>& delegate) {
-  std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps));  // NOLINT: the constructor is private
+                                                         const std::weak_ptr<DownloadManagerDelegate>& delegate,
+                                                         OutcomeSink outcomes) {
+  // NOLINTNEXTLINE: the constructor is private
+  std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps, std::move(outcomes)));
   std::weak_ptr<DownloadManager> weak = manager;
   manager->backgroundTime_ = std::make_shared<BackgroundTime>(platform.application, [weak] {
     if (auto self = weak.lock()) self->handleBackgroundExpiration();
@@ -30,8 +32,9 @@ std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platfor
   return manager;
 }
 
-DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps& steps)
+DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
     : platform_(platform),
+      outcomes_(outcomes ? std::move(outcomes) : [](const RunOutcome&) {}),
       taskStore_(platform.defaults, registry_),
       queue_(platform.defaults),
       store_(platform.defaults, platform.files, platform.clock),
@@ -200,7 +203,7 @@ bool DownloadManager::startTransfer(const PendingDownload& download) {
     transfer->cancel();
   } catch (const Error& error) {
     log("Download could not be started {} {}", task->id, error.description());
-    task->fail(std::current_exception());
+    fail(task, RunOutcome::Where::start, std::current_exception());
     notifyFailed(task);
   }
   queue_.releaseSlot(task->id);
@@ -377,7 +380,7 @@ void DownloadManager::giveUp(const std::vector<int64_t>& ids, const std::string&
     const auto task = registry_.find(id);
     if (!task || gate_.holds(id)) continue;
     log("Processing failed for download {}: {}", id, words);
-    task->fail(std::make_exception_ptr(Error("TarnFetch", -1, words)));
+    fail(task, RunOutcome::Where::repair, std::make_exception_ptr(Error("TarnFetch", -1, words)));
     taskStore_.persist();
     releaseSlot(id);
     notifyFailed(task);

@@ -30,16 +30,17 @@ namespace tarn {
 /// Locks: the queue's and the gate's are never held together; both may be held while the registry's, a task's or a
 /// store's is taken, which call nobody. Those of the ids and of the session come before all of them.
 class DownloadManager : public NSURLSessionDownloadDelegate,
-                        private ProcessingHost,
+                        private RunListener,
                         public std::enable_shared_from_this<DownloadManager> {
  public:
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The delegate
-  /// hears of those that are under way. The platform and the steps must outlive it. Throws PosixError when the stored
-  /// tasks cannot be read.
+  /// hears of those that are under way, and `outcomes` how each download ends, ahead of everybody else. The platform
+  /// and the steps must outlive it. Throws PosixError when the stored tasks cannot be read.
   static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps,
-                                                 const std::weak_ptr<DownloadManagerDelegate>& delegate = {});
+                                                 const std::weak_ptr<DownloadManagerDelegate>& delegate = {},
+                                                 OutcomeSink outcomes = {});
   ~DownloadManager() override;
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
@@ -93,7 +94,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   void urlSessionDidComplete(const TaskPointer& task, const std::optional<Error>& error) override;
 
  private:
-  DownloadManager(const Platform& platform, const ProcessingSteps& steps);
+  DownloadManager(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes);
 
   // Starting and stopping (DownloadManager.cpp)
   void loadPersistedDownloads(const std::weak_ptr<DownloadManagerDelegate>& delegate);
@@ -128,23 +129,27 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   // The processing line (ProcessingLine.cpp)
   void queueOrStartProcessing(const ProcessingState& state, const DownloadTaskPointer& download);
   bool resumeProcessing(int64_t id);
-  void startRun(const ProcessingGate::Start& start, const DownloadTaskPointer& download);
+  void startRun(const ProcessingGate::Start& start);
   void startNextRun(const ProcessingGate::Next& next, const DownloadTaskPointer& download);
   void startBackgroundTime(int64_t id);
   void showStage(const DownloadTaskPointer& download, const std::string& stage);
   void handleBackgroundExpiration();
 
-  // ProcessingHost
+  // RunListener
   bool saveRecord(const CancellationToken& token, const ProcessingState& record) override;
-  void progressUpdated(const DownloadTaskPointer& download, double progress, const std::string& stage) override;
-  void replaceDownload(const DownloadTaskPointer& download) override;
-  bool endRun(const RunEnd& end) override;
+  void progressUpdated(int64_t id, double progress, const std::string& stage) override;
+  bool ended(const ProcessingRun& run) override;
+  void showOutcome(const ProcessingRun& run, const DownloadTaskPointer& download);
+
+  /// The download failed on its way to a run.
+  void fail(const DownloadTaskPointer& download, RunOutcome::Where where, const std::exception_ptr& failure);
 
   // Telling the page, later (ProcessingLine.cpp)
   void notifyFinished(const DownloadTaskPointer& download, const Path& location);
   void notifyFailed(const DownloadTaskPointer& download);
 
   Platform platform_;
+  const OutcomeSink outcomes_;
   DownloadRegistry registry_;
   TaskStore taskStore_;
   DownloadQueue queue_;

@@ -13,14 +13,14 @@ void DownloadManager::queueOrStartProcessing(const ProcessingState& state, const
   }
   if (admission.token) {
     log("Processing started immediately: {}", id);
-    startRun({state, admission.token}, download);
+    startRun({state, admission.token});
     return;
   }
   showStage(download, fmt::format("Queued for processing ({})", admission.position));
   log("Processing queued: {} (position: {}, current: {})", id, admission.position, admission.currentId);
 }
 
-void DownloadManager::startRun(const ProcessingGate::Start& start, const DownloadTaskPointer& download) {
+void DownloadManager::startRun(const ProcessingGate::Start& start) {
   postToMain([id = start.state.downloadId](DownloadManager& self) {
     if (self.platform_.application.applicationState() == UIApplicationState::active) {
       logLine("App is active - no background task needed yet");
@@ -29,9 +29,8 @@ void DownloadManager::startRun(const ProcessingGate::Start& start, const Downloa
     logLine("App not active when processing started - starting background task");
     self.startBackgroundTime(id);
   });
-  post(*processingWorker_, [start, download](DownloadManager& self) {
-    self.driver_.continueProcessing(start.state, download, start.token);
-  });
+  post(*processingWorker_,
+       [start](DownloadManager& self) { self.driver_.continueProcessing(start.state, start.token); });
 }
 
 /// For a run that may end at any moment. Its end frees the gate first and gives background time back then, so one of
@@ -41,19 +40,50 @@ void DownloadManager::startBackgroundTime(int64_t id) {
   if (gate_.activeRun() != id) backgroundTime_->end(id);
 }
 
-bool DownloadManager::endRun(const RunEnd& end) {
-  const int64_t id = end.download->id;
+void DownloadManager::fail(const DownloadTaskPointer& download, RunOutcome::Where where,
+                           const std::exception_ptr& failure) {
+  outcomes_(RunOutcome::failed(download->id, where, failure));
+  download->fail(failure);
+}
+
+bool DownloadManager::ended(const ProcessingRun& run) {
+  using enum RunOutcome::Kind;
+  const RunOutcome& outcome = run.outcome;
+  const DownloadTaskPointer download = registry_.find(outcome.id);
+  outcomes_(outcome);
+  if (download) showOutcome(run, download);
   DownloadTaskPointer nextDownload;
-  const auto next = gate_.endRun(end.token, end.ending, [&](int64_t waiting) {
+  const auto next = gate_.endRun(run.token, outcome, [&](int64_t waiting) {
     nextDownload = registry_.find(waiting);
     return nextDownload != nullptr;
   });
-  backgroundTime_->end(id);
-  if (end.ending != ProcessingGate::Ending::cancelled) releaseSlot(id);
-  if (!next.wasTakenAway && end.ending == ProcessingGate::Ending::finished) notifyFinished(end.download, end.location);
-  if (!next.wasTakenAway && end.ending == ProcessingGate::Ending::failed) notifyFailed(end.download);
+  backgroundTime_->end(outcome.id);
+  if (outcome.kind != cancelled) releaseSlot(outcome.id);
+  // Nobody hears of a download that is out of the registry.
+  if (download && !next.wasTakenAway) {
+    if (outcome.isFinal()) notifyFinished(download, run.fileURL);
+    if (!outcome.isFinal() && outcome.kind == failed) notifyFailed(download);
+  }
   if (next.wasCurrent) startNextRun(next, nextDownload);
   return next.wasTakenAway;
+}
+
+void DownloadManager::showOutcome(const ProcessingRun& run, const DownloadTaskPointer& download) {
+  const RunOutcome& outcome = run.outcome;
+  if (outcome.kind == RunOutcome::Kind::cancelled) return;
+  if (outcome.kind == RunOutcome::Kind::failed) download->fail(outcome.failure);
+  download->update([&](DownloadTask::Snapshot& fields) {
+    if (outcome.kind == RunOutcome::Kind::saved) {
+      fields.status = DownloadStatus::completed;
+      fields.assetId = outcome.assetId;
+      // The run deletes the file while it holds its name. The task's removal must not do it later: by then another
+      // download may have brought a new file of that name.
+      fields.location.reset();
+    } else if (outcome.isFinal() && !fields.isEnded()) {
+      fields.location = run.fileURL;  // the task's removal deletes the file that could not be saved
+    }
+  });
+  taskStore_.persist();
 }
 
 void DownloadManager::startNextRun(const ProcessingGate::Next& next, const DownloadTaskPointer& download) {
@@ -71,11 +101,11 @@ void DownloadManager::startNextRun(const ProcessingGate::Next& next, const Downl
   }
   showStage(download, "Starting...");
   log("Starting queued processing: {} (remaining in queue: {})", download->id, next.waiting.size());
-  startRun(*next.start, download);
+  startRun(*next.start);
 }
 
 void DownloadManager::showStage(const DownloadTaskPointer& download, const std::string& stage) {
-  progressUpdated(download, 0, stage);
+  progressUpdated(download->id, 0, stage);
 }
 
 void DownloadManager::checkAndResumePendingProcessing() {
@@ -111,7 +141,7 @@ bool DownloadManager::resumeProcessing(int64_t id) {
   if (!start) return false;
   log("Resuming processing for download {} from stage: {}", id, description(start->state.stage));
   taskStore_.persist();
-  startRun(*start, task);
+  startRun(*start);
   return true;
 }
 
@@ -139,19 +169,16 @@ bool DownloadManager::saveRecord(const CancellationToken& token, const Processin
   return gate_.saveRecord(token, record);
 }
 
-void DownloadManager::progressUpdated(const DownloadTaskPointer& download, double progress, const std::string& stage) {
+void DownloadManager::progressUpdated(int64_t id, double progress, const std::string& stage) {
+  const DownloadTaskPointer download = registry_.find(id);
+  if (!download) return;
   download->update([&](DownloadTask::Snapshot& fields) {
     fields.processingProgress = progress;
     fields.processingStage = stage;
   });
-  postToMain([id = download->id, progress, stage](DownloadManager& self) {
+  postToMain([id, progress, stage](DownloadManager& self) {
     if (auto delegate = self.registry_.delegate(id)) delegate->processingProgressUpdated(id, progress, stage);
   });
-}
-
-void DownloadManager::replaceDownload(const DownloadTaskPointer& download) {
-  registry_.replace(download);
-  taskStore_.persist();
 }
 
 void DownloadManager::notifyFinished(const DownloadTaskPointer& download, const Path& location) {

@@ -80,7 +80,6 @@ void DownloadManager::urlSessionDidFinishDownloading(const TaskPointer& transfer
   task->update([](DownloadTask::Snapshot& fields) {
     if (!fields.isEnded()) fields.status = DownloadStatus::processing;
   });
-  registry_.replace(task);
   taskStore_.persist();
   queueOrStartProcessing(*state, task);
 }
@@ -147,8 +146,7 @@ void DownloadManager::moveIntoPlace(const Path& location, const Path& destinatio
 
 void DownloadManager::failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure) {
   log("Download could not enter the pipeline {} {}", task->id, describe(failure));
-  task->fail(failure);
-  registry_.replace(task);
+  fail(task, RunOutcome::Where::handOver, failure);
   taskStore_.persist();
   releaseSlot(task->id);
 }
@@ -159,9 +157,8 @@ void DownloadManager::urlSessionDidComplete(const TaskPointer& transfer, const s
   if (!task || task->isEnded()) return;
   if (error) {
     log("Download completed with error {} {}", task->id, error->description());
-    task->fail(std::make_exception_ptr(*error));
+    fail(task, RunOutcome::Where::transfer, std::make_exception_ptr(*error));
     task->update([](DownloadTask::Snapshot& fields) { fields.downloadTask = nullptr; });
-    registry_.replace(task);
     taskStore_.persist();
     releaseSlot(task->id);
     notifyFailed(task);

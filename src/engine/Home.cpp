@@ -66,12 +66,9 @@ HomeLock::HomeLock(const Path& home) {
   throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
 }
 
-LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
+LogFile::LogFile(const Path& home, bool verbose) {
   if (verbose) {
-    setLogSink([reader](std::string_view line) {
-      fmt::print(stderr, "{}\n", line);
-      reader(line);
-    });
+    setLogSink([](std::string_view line) { fmt::print(stderr, "{}\n", line); });
     return;
   }
   const Path path = home / "log/tarn.log";
@@ -82,11 +79,10 @@ LogFile::LogFile(const Path& home, bool verbose, const LogSink& reader) {
   }
   const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
   if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
-  setLogSink([file, reader](std::string_view line) {
+  setLogSink([file](std::string_view line) {
     const std::string entry = fmt::format("{} {}\n", timestamp(), line);
     // A full disk costs lines of the log and stops no work.
     [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
-    reader(line);
   });
 }
 

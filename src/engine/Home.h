@@ -25,11 +25,10 @@ class HomeLock {
 };
 
 /// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, or to standard error with `verbose`, until
-/// it is destroyed. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first. `reader` sees each line as
-/// well.
+/// it is destroyed. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first.
 class LogFile {
  public:
-  LogFile(const Path& home, bool verbose, const LogSink& reader);
+  LogFile(const Path& home, bool verbose);
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;

@@ -10,7 +10,7 @@ namespace tarn {
 
 Host::Host(FileManager& files, const HostOptions& options)
     : lock_(options.home),
-      log_(options.home, options.verbose, [this](std::string_view line) { journal_.read(line); }),
+      log_(options.home, options.verbose),
       files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
       defaults_(files_, options.home / "Defaults"),
@@ -27,7 +27,8 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_));
+  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_),
+                               [this](const RunOutcome& outcome) { outcomes_.keep(outcome); });
 }
 
 Host::~Host() {

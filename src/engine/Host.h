@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "engine/Home.h"
+#include "engine/Outcomes.h"
 #include "engine/RepairSteps.h"
-#include "engine/RunJournal.h"
 #include "platform/Platform.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
@@ -56,11 +56,11 @@ class Host {
   TarnBridge& plugin() { return *plugin_; }
   HostApplication& application() { return application_; }
   SQLitePhotoLibrary& photos() { return photos_; }
-  const RunJournal& journal() const { return journal_; }
+  const Outcomes& outcomes() const { return outcomes_; }
 
  private:
   HomeLock lock_;
-  RunJournal journal_;
+  Outcomes outcomes_;
   LogFile log_;
   FileManager& files_;
   SystemClock clock_;

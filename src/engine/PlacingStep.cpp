@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "download/DownloadTask.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 #include "presentation/RepairHarms.h"
@@ -27,7 +26,7 @@ void PlacingStep::run(ProcessingRun& run) {
     }
   }
   PosixFileManager(place_.parent_path()).replaceItem(place_, result);
-  run.download->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::completed; });
+  run.outcome.setSaved();
 }
 
 }  // namespace tarn

@@ -23,33 +23,29 @@ bool wasAudioSwapped(FileManager& files, const ProcessingState& state) {
 }  // namespace
 
 ProcessingDriver::ProcessingDriver(FileManager& files, const Clock& clock, ProcessingStateManager& store,
-                                   NamesInTheMaking& names, ProcessingHost& host, ProcessingSteps steps)
-    : files_(files), clock_(clock), store_(store), names_(names), host_(host), steps_(steps) {}
+                                   NamesInTheMaking& names, RunListener& listener, ProcessingSteps steps)
+    : files_(files), clock_(clock), store_(store), names_(names), listener_(listener), steps_(steps) {}
 
-void ProcessingDriver::continueProcessing(const ProcessingState& state, const DownloadTaskPointer& download,
+void ProcessingDriver::continueProcessing(const ProcessingState& state,
                                           const std::shared_ptr<CancellationToken>& cancellationToken) {
   // The name stays held until the file is gone or is nobody's: a transfer that ends meanwhile takes another one.
   auto hold = names_.hold(state.fileURL);
   PolledFiles files(files_, cancellationToken);
-  ProcessingRun run(files, clock_, names_, host_, state, download, cancellationToken);
-  RunEnd end{cancellationToken, download, state.fileURL};
+  ProcessingRun run(files, clock_, names_, listener_, state, cancellationToken);
   try {
     cancellationToken->throwIfCancelled();
     runSteps(run, findStart(run));
     finish(run);
-    end.ending = ProcessingGate::Ending::finished;
   } catch (const std::exception& failure) {
-    // Of a run that was asked to stop, whatever a worker makes of that is the stop.
+    // A run that was asked to stop is cancelled, whatever error a worker makes of the stop.
     if (cancellationToken->isCancelled() || dynamic_cast<const CancellationError*>(&failure)) {
       log("Processing cancelled for download {} - state saved for resume", state.downloadId);
+      run.outcome.kind = RunOutcome::Kind::cancelled;
     } else {
       fail(run, std::current_exception());
-      end.ending = ProcessingGate::Ending::failed;
     }
   }
-  // By the end, the page may have been told, and its task cleaned up.
-  const bool wasSaved = download->status() == DownloadStatus::completed;
-  deleteFiles(run, wasSaved, host_.endRun(end));
+  deleteFiles(run, listener_.ended(run));
 }
 
 ProcessingStage ProcessingDriver::findStart(ProcessingRun& run) {
@@ -96,32 +92,24 @@ void ProcessingDriver::runSteps(ProcessingRun& run, ProcessingStage startStage) 
 }
 
 void ProcessingDriver::finish(ProcessingRun& run) {
-  const int64_t id = run.state.downloadId;
   store_.cleanupTempFiles(run.state);
-  host_.replaceDownload(run.download);
-  const DownloadStatus status = run.download->status();
-  log("Processing completed for download {}, status: {}", id, rawValue(status));
-  if (status != DownloadStatus::completed) return;
-  // The file is deleted at the end, while its name is held. The task's removal must not do it later: by then another
-  // download may have brought a new file of that name.
-  run.download->update([](DownloadTask::Snapshot& fields) { fields.location.reset(); });
+  const bool isSaved = run.outcome.kind == RunOutcome::Kind::saved;
+  log("Processing completed for download {}, status: {}", run.state.downloadId, isSaved ? "completed" : "failed");
 }
 
 void ProcessingDriver::fail(ProcessingRun& run, const std::exception_ptr& failure) {
-  const int64_t id = run.state.downloadId;
-  std::string words = describe(failure);
-  log("Processing failed for download {}: {}", id, words);
+  run.outcome.setFailed(RunOutcome::Where::repair, failure);
+  const std::string words = describe(failure);
+  log("Processing failed for download {}: {}", run.state.downloadId, words);
   run.state.stage = ProcessingStage::failed;
   run.state.error = words;
   run.state.lastUpdated = clock_.now();
   run.saveState();
-  run.download->fail(failure);
-  host_.replaceDownload(run.download);
   store_.cleanupTempFiles(run.state);
 }
 
 /// Deletes what is left of a run that is over: the file of one that was saved, all files of one that was taken away.
-void ProcessingDriver::deleteFiles(const ProcessingRun& run, bool wasSaved, bool wasTakenAway) {
+void ProcessingDriver::deleteFiles(const ProcessingRun& run, bool wasTakenAway) {
   if (wasTakenAway) {
     std::vector<Path> files = run.state.tempFiles;
     files.push_back(run.fileURL);
@@ -132,7 +120,7 @@ void ProcessingDriver::deleteFiles(const ProcessingRun& run, bool wasSaved, bool
     }
     return;
   }
-  if (!wasSaved) return;
+  if (run.outcome.kind != RunOutcome::Kind::saved) return;
   try {
     files_.removeItem(run.fileURL);
     log("Cleaned up processed file: {}", run.fileURL.filename().string());

@@ -44,13 +44,13 @@ std::optional<ProcessingGate::Start> ProcessingGate::resume(
   return Start{std::move(*state), std::move(token)};
 }
 
-ProcessingGate::Next ProcessingGate::endRun(const Token& token, Ending ending, const IsKnown& isKnown) {
+ProcessingGate::Next ProcessingGate::endRun(const Token& token, const RunOutcome& outcome, const IsKnown& isKnown) {
   std::lock_guard guard(processingLock_);
   Next next;
   const auto run = runsInFlight_.extract(token.get());
   if (run.empty()) return next;
   next.wasTakenAway = run.mapped().isTakenAway;
-  if (ending == Ending::finished && !next.wasTakenAway) store_.removeState(run.mapped().id);
+  if (outcome.isFinal() && !next.wasTakenAway) store_.removeState(run.mapped().id);
   if (!isCurrent(*token)) return next;
   next.wasCurrent = true;
   isProcessing_ = false;

@@ -13,6 +13,7 @@
 #include "pipeline/CancellationToken.h"
 #include "pipeline/ProcessingState.h"
 #include "pipeline/ProcessingStateManager.h"
+#include "pipeline/RunOutcome.h"
 
 namespace tarn {
 
@@ -63,9 +64,6 @@ class ProcessingGate {
   /// `isWanted` is asked under the lock, last.
   std::optional<Start> resume(int64_t id, const std::function<bool(const ProcessingState&)>& isWanted);
 
-  /// How a run ends: a finished one takes its record out of the store.
-  enum class Ending { finished, failed, cancelled };
-
   /// What follows from the end of a run.
   struct Next {
     std::optional<Start> start;    ///< the next run of the line, taken from it
@@ -75,9 +73,9 @@ class ProcessingGate {
     bool wasTakenAway = false;     ///< the page has no use for its files
   };
 
-  /// Ends the run of this token: removes its record if it has finished, clears the run fields if they are its own, and
-  /// takes the next known run off the line, in one step.
-  Next endRun(const Token& token, Ending ending, const IsKnown& isKnown);
+  /// Ends the run of this token: removes its record if the outcome is final, clears the run fields if they are its own,
+  /// and takes the next known run off the line, in one step.
+  Next endRun(const Token& token, const RunOutcome& outcome, const IsKnown& isKnown);
 
   /// Stores a run's record if the run is current and was not taken away; true when stored.
   bool saveRecord(const CancellationToken& token, const ProcessingState& state);

@@ -8,24 +8,20 @@ namespace tarn {
 void SavingStep::run(ProcessingRun& run) {
   run.timings.printSummary();
   run.updateProcessingStage(ProcessingStage::savingToPhotos);
-  run.download->update([&](DownloadTask::Snapshot& fields) { fields.location = run.fileURL; });
   const std::string album = run.state.album.value_or("");
   if (album.empty()) {
     log("ERROR: No album name for download {}", run.state.downloadId);
-    run.download->fail(std::make_exception_ptr(Error("TarnFetch", -1, "No album name specified")));
-    return;
+    const Error failure("TarnFetch", -1, "No album name specified");
+    return run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
   }
   log("Saving video to Photos album: {}", album);
   try {
     std::string assetId = SimpleMediaSaver::saveVideo(photos_, clock_, run.fileURL, run.state.filename, album);
     log("Video saved successfully, asset ID: {}", assetId);
-    run.download->update([&](DownloadTask::Snapshot& fields) {
-      fields.status = DownloadStatus::completed;
-      fields.assetId = assetId;
-    });
+    run.outcome.setSaved(assetId);
   } catch (const Error& error) {
     log("ERROR saving to Photos: {}", error.description());
-    run.download->fail(std::current_exception());
+    run.outcome.setFailed(RunOutcome::Where::saving, std::current_exception());
   }
 }
 

@@ -6,9 +6,8 @@
 
 namespace tarn {
 
-/// The last step of a run: puts the finished video into the album, and sets the task's status to `completed` or
-/// `failed`. It throws nothing of its own and does not look at the token: once saving has begun, the run ends as
-/// finished.
+/// The last step of a run: puts the finished video into the album. The outcome is then `saved`, or `failed` in saving.
+/// It throws nothing of its own and does not look at the token: once saving has begun, it is not cancelled.
 class SavingStep : public ProcessingStep {
  public:
   SavingStep(PHPhotoLibrary& photos, const Clock& clock) : photos_(photos), clock_(clock) {}

@@ -14,8 +14,10 @@ constexpr const char* downloadComplete = "downloadComplete";
 
 }  // namespace
 
-std::shared_ptr<TarnBridge> TarnBridge::create(const Platform& platform, const ProcessingSteps& steps) {
-  std::shared_ptr<TarnBridge> plugin(new TarnBridge(platform, steps));  // NOLINT: the constructor is private
+std::shared_ptr<TarnBridge> TarnBridge::create(const Platform& platform, const ProcessingSteps& steps,
+                                               OutcomeSink outcomes) {
+  // NOLINTNEXTLINE: the constructor is private
+  std::shared_ptr<TarnBridge> plugin(new TarnBridge(platform, steps, std::move(outcomes)));
   plugin->watcher_ = std::make_unique<ProgressWatcher>(platform.dispatch, [weak = plugin->weak_from_this()] {
     auto self = weak.lock();
     return self && self->sendProgress();
@@ -23,7 +25,8 @@ std::shared_ptr<TarnBridge> TarnBridge::create(const Platform& platform, const P
   return plugin;
 }
 
-TarnBridge::TarnBridge(const Platform& platform, const ProcessingSteps& steps) : platform_(platform), steps_(steps) {}
+TarnBridge::TarnBridge(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
+    : platform_(platform), steps_(steps), outcomes_(std::move(outcomes)) {}
 
 TarnBridge::~TarnBridge() = default;
 
@@ -71,7 +74,7 @@ void TarnBridge::load() {
 
 DownloadManager& TarnBridge::downloadManager() {
   std::lock_guard guard(downloadManagerMutex_);
-  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_, weak_from_this());
+  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_, weak_from_this(), outcomes_);
   return *downloadManager_;
 }
 

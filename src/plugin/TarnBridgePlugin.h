@@ -22,8 +22,9 @@ class TarnBridge : public CAPPlugin,
                    public UIApplicationObserver,
                    public std::enable_shared_from_this<TarnBridge> {
  public:
-  /// The platform and the steps must outlive the plug-in.
-  static std::shared_ptr<TarnBridge> create(const Platform& platform, const ProcessingSteps& steps);
+  /// `outcomes` hears how each download ends, ahead of any event. The platform and the steps must outlive the plug-in.
+  static std::shared_ptr<TarnBridge> create(const Platform& platform, const ProcessingSteps& steps,
+                                            OutcomeSink outcomes = {});
   ~TarnBridge() override;
 
   const std::string& identifier() const override;
@@ -51,7 +52,7 @@ class TarnBridge : public CAPPlugin,
   Handler handler(const std::string& method) override;
 
  private:
-  TarnBridge(const Platform& platform, const ProcessingSteps& steps);
+  TarnBridge(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes);
 
   void getActiveDownloads(const CAPPluginCallPointer& call);
   void saveVideo(const CAPPluginCallPointer& call);
@@ -69,6 +70,7 @@ class TarnBridge : public CAPPlugin,
 
   Platform platform_;
   ProcessingSteps steps_;
+  OutcomeSink outcomes_;
   std::mutex downloadManagerMutex_;
   std::shared_ptr<DownloadManager> downloadManager_;
   std::unique_ptr<ProgressWatcher> watcher_;

@@ -76,7 +76,10 @@ TEST_P(FullDisk, LosesNothing) {
       isSaved = end && *valueAt<std::string>(end->data, "status") == "STATUS_SUCCESSFUL";
       const int64_t id = valueAt<int64_t>(answer.data, "id", 0);
       client.waitUntilGone(id);
-      EXPECT_EQ(host.journal().failure(id).has_value(), !isSaved) << "a failure has its words";
+      const auto outcome = host.outcomes().of(id);
+      ASSERT_TRUE(outcome);
+      EXPECT_EQ(outcome->kind, isSaved ? RunOutcome::Kind::saved : RunOutcome::Kind::failed);
+      EXPECT_EQ(outcome->words.empty(), isSaved) << "a failure has its words";
       if (!files.fired()) break;
       files.disarm();
     }

@@ -9,7 +9,6 @@
 
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
-#include "download/DownloadTask.h"
 #include "engine/PlacingStep.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
@@ -77,25 +76,20 @@ TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
 /// The whole of a repair is compared with its source, whatever each step has proved.
 TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
   write(damagedMovie("B-frames and sound"));
-  struct Listener : RunRecorder {
-    std::string warning;
-    void warned(const std::string& words) override { warning = words; }
-  };
   for (const bool doesHarm : {true, false}) {
     BoxEditor editor(damagedMovie("B-frames and sound"));
     const auto list = editor.at("moov/trak/edts/elst");
     editor.setField(list.offset + 16, doesHarm ? 1960 : 2001);  // the last picture lasts 40 ms
     const Path result = place_ / "result.mp4";
     writeFileAtomically(files_, result, editor.bytes);
-    Listener listener;
-    SystemClock clock;
-    NamesInTheMaking names;
-    ProcessingRun run(files_, clock, names, listener, {.fileURL = result},
-                      std::make_shared<DownloadTask>(files_, 0, "", std::nullopt, std::nullopt), listener.token);
+    RunRecorder recorder;
+    ProcessingRun run = recorder.runOn(files_, result);
     PlacingStep(in_, out_).run(run);
     EXPECT_EQ(contentOf(out_), doesHarm ? source_ : textOf(editor.bytes));
-    EXPECT_EQ(listener.warning,
-              doesHarm ? "The file was left as it is, since its repair would do harm: 1 picture is hidden" : "");
+    std::vector<std::string> warnings;
+    if (doesHarm)
+      warnings.emplace_back("The file was left as it is, since its repair would do harm: 1 picture is hidden");
+    EXPECT_EQ(run.outcome.leftAlone, warnings);
   }
 }
 

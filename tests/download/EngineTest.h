@@ -115,7 +115,7 @@ class EngineTest : public testing::Test, protected TestHome {
   std::vector<std::string> contents_;  ///< what the last step found in each file
   ScriptedStep last_{{ProcessingStage::savingToPhotos}, notes_, [this](ProcessingRun& run, auto) {
                        contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
-                       run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
+                       run.outcome.setSaved();
                      }};
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
   std::shared_ptr<DownloadManager> engine_;

@@ -99,7 +99,7 @@ TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
           EXPECT_THROW(readFile(run.files, run.fileURL), CancellationError) << "reading and copying look out for it";
         }
         contents_.emplace_back(textOf(readFile(run.files, run.fileURL)));
-        run.download->update([](auto& fields) { fields.status = DownloadStatus::completed; });
+        run.outcome.setSaved();
       });
       startOver({.last = &last});
       dispatch_.hold(worker());

@@ -161,7 +161,7 @@ TEST_F(EngineTest, OldFinishedTasksGo) {
 TEST_F(EngineTest, BackgroundTimeThatEndsStopsTheRunAndKeepsItsCheckpoint) {
   bool expires = true;
   ScriptedStep interrupted({ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_, [&](auto& run, auto) {
-    if (!std::exchange(expires, false)) return;
+    if (!std::exchange(expires, false)) return run.outcome.setSaved();
     application_.enterBackground();
     engine_->handleAppDidEnterBackground();
     application_.expireBackgroundTime();

@@ -11,22 +11,20 @@ namespace tarn::test {
 namespace {
 
 using enum ProcessingStage;
-using Ending = ProcessingGate::Ending;
 
 /// The engine around the driver, as far as the driver sees it: the real gate and store, and a list of what was called.
-class Engine : public ProcessingHost {
+class Engine : public RunListener {
  public:
   Engine(ProcessingGate& gate, std::vector<std::string>& notes) : gate_(gate), notes_(notes) {}
 
   bool saveRecord(const CancellationToken& token, const ProcessingState& record) override {
     return gate_.saveRecord(token, record);
   }
-  void progressUpdated(const DownloadTaskPointer&, double, const std::string&) override {}
-  void replaceDownload(const DownloadTaskPointer&) override { notes_.push_back("replace"); }
-  bool endRun(const RunEnd& end) override {
-    const char* const names[] = {"finished", "failed", "cancelled"};
-    notes_.push_back(names[static_cast<size_t>(end.ending)]);
-    return gate_.endRun(end.token, end.ending, [](int64_t) { return true; }).wasTakenAway;
+  bool ended(const ProcessingRun& run) override {
+    const char* const names[] = {"saved", "failed", "cancelled"};
+    notes_.push_back(names[static_cast<size_t>(run.outcome.kind)]);
+    if (!run.outcome.words.empty()) notes_.push_back(run.outcome.words);
+    return gate_.endRun(run.token, run.outcome, [](int64_t) { return true; }).wasTakenAway;
   }
 
  private:
@@ -49,11 +47,13 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                        disturb);
     ScriptedStep sync({syncFixing, syncFixed}, notes_, disturb);
     ScriptedStep last({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage) {
-      run.download->update([this](auto& fields) { fields.status = statusOfSave_; });
+      if (isSaved_) return run.outcome.setSaved();
+      const Error failure("Test", -1, "the album is full");
+      run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
     });
     ProcessingDriver driver(files_, clock_, store_, names_, engine_,
                             {.remux = &remux, .audio = &audio, .sync = &sync, .last = &last});
-    driver.continueProcessing(state_, task_, admit(state_).token);
+    driver.continueProcessing(state_, admit(state_).token);
     return joinedWords(notes_);
   }
 
@@ -78,15 +78,14 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                          .fileURL = files_.documentsDirectory(true) / "clip.mp4",
                          .needsRemuxing = true,
                          .needsAudioTranscode = true};
-  DownloadTaskPointer task_ = std::make_shared<DownloadTask>(files_, 7, "", "Trips", "clip.mp4");
-  DownloadStatus statusOfSave_ = DownloadStatus::completed;
+  bool isSaved_ = true;
   std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
 };
 
 const std::string remuxStages = "remuxing remuxed ";
 const std::string syncStages = "syncFixing syncFixed ";
 const std::string fromAudio = "transcodingPass1 transcodingPass2 transcoded audioReplacing audioReplaced " + syncStages;
-const std::string savedEnding = "savingToPhotos replace finished";
+const std::string savedEnding = "savingToPhotos saved";
 
 TEST_F(ProcessingDriverTest, StoredStageAndFlagsDecideWhichStepsRun) {
   struct Row {
@@ -137,17 +136,18 @@ TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
   const auto isFailed = [](auto&) { throw Error("Test", -1, "the codec is on holiday"); };
   const auto isCancelled = [](ProcessingRun& run) { run.token->cancel(), run.token->throwIfCancelled(); };
   const auto isTakenBack = [this](ProcessingRun& run) { gate_.cancel(7), readFile(run.files, run.fileURL); };
-  const auto isNotSaved = [this](auto&) { statusOfSave_ = DownloadStatus::failed; };
+  const auto isNotSaved = [this](auto&) { isSaved_ = false; };
   const auto isHidden = [](ProcessingRun& run) {
     run.token->cancel();
     throw Error("Test", -1, "the copy ended early");
   };
   const std::string rest = "transcoded audioReplacing audioReplaced ";
-  for (const Row& row : {Row{isFailed, "replace failed", failed, false},
-                         {isCancelled, "cancelled", transcodingPass2, true},
-                         {isHidden, "cancelled", transcodingPass2, true},
-                         {isTakenBack, "cancelled", std::nullopt, false, false},
-                         {isNotSaved, rest + syncStages + savedEnding, std::nullopt, false}}) {
+  for (const Row& row :
+       {Row{isFailed, "failed the codec is on holiday", failed, false},
+        {isCancelled, "cancelled", transcodingPass2, true},
+        {isHidden, "cancelled", transcodingPass2, true},
+        {isTakenBack, "cancelled", std::nullopt, false, false},
+        {isNotSaved, rest + syncStages + "savingToPhotos failed the album is full", std::nullopt, false}}) {
     SCOPED_TRACE(row.ending);
     disturb_ = [&](ProcessingRun& run) {
       run.state.addTempFile(put("temp.m4a", "audio"));
@@ -186,7 +186,7 @@ TEST_F(ProcessingDriverTest, TheGateLetsNoneThroughOnceItIsClosed) {
   EXPECT_EQ(admit(record(2)).position, 1U);
   store_.saveState(record(3));
   gate_.close();
-  EXPECT_FALSE(gate_.endRun(first.token, Ending::failed, [](int64_t) { return true; }).start) << "the line waits";
+  EXPECT_FALSE(gate_.endRun(first.token, {}, [](int64_t) { return true; }).start) << "the line waits";
   EXPECT_FALSE(resume(3));
 }
 
@@ -204,7 +204,7 @@ TEST_F(ProcessingDriverTest, TheGateResumesNothingThatSomebodyHasInHandOrTookAwa
   gate_.clear();
   store_.saveState(record(2));
   EXPECT_FALSE(resume(2)) << "its first run goes on";
-  gate_.endRun(run->token, Ending::cancelled, [](int64_t) { return true; });
+  gate_.endRun(run->token, {}, [](int64_t) { return true; });
   EXPECT_TRUE(resume(2));
 }
 

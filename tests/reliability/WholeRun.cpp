@@ -34,7 +34,7 @@ Bytes videoSamples(const Bytes& movie) {
 void WholeRun::WatchedSavingStep::run(ProcessingRun& run) {
   Bytes found = readFile(run.files, run.fileURL);
   SavingStep::run(run);
-  if (run.download->status() == DownloadStatus::completed) content = std::move(found);
+  if (run.outcome.kind == RunOutcome::Kind::saved) content = std::move(found);
 }
 
 WholeRun::WholeRun(const Bytes& recording) : recording_(recording) {

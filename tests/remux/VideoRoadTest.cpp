@@ -16,11 +16,12 @@ using namespace test;
 using Units = std::vector<Bytes>;
 using Kind = MovieLayout::Piece::Kind;
 
-/// Keeps what a run warns of.
-struct Warnings : RunRecorder {
-  std::string words;
-  void warned(const std::string& more) override { words += more + "\n"; }
-};
+/// What a run warned of, a line each.
+std::string warningsOf(const ProcessingRun& run) {
+  std::string lines;
+  for (const std::string& words : run.outcome.leftAlone) lines += words + "\n";
+  return lines;
+}
 
 /// The road of a run through the video step.
 class VideoRoad : public RemuxTest {
@@ -28,11 +29,11 @@ class VideoRoad : public RemuxTest {
   /// Runs the step on a file. Returns what it warns of.
   std::string follow(const Bytes& movie) {
     write(movie);
-    Warnings recorder;
+    RunRecorder recorder;
     ProcessingRun run = recorder.runOn(files_, file_);
     RemuxStep().run(run);
     expectNothingLeftBehind();
-    return recorder.words;
+    return warningsOf(run);
   }
 
   std::string followWritten() { return follow(written()); }
@@ -372,7 +373,7 @@ TEST_F(VideoRoad, FindsAMoovFarBehind) {
   file->close();
   FaultyFileManager counting(files_);
   counting.arm({.call = UINT64_MAX, .among = {FileOperation::flush}});
-  Warnings recorder;
+  RunRecorder recorder;
   ProcessingRun run = recorder.runOn(counting, file_);
   RemuxStep().run(run);
   EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "avc1");
@@ -404,11 +405,11 @@ TEST_F(VideoRoad, ProvesItsResult) {
     const Path clip = isChanging ? joinedVideo({inBand(true), inBand(true, "256x160")}) : encodedVideo(inBand(true));
     const Bytes movie = withoutParameterSets(readFile(files_, clip), true);
     write(movie);
-    Warnings recorder;
+    RunRecorder recorder;
     ProcessingRun run = recorder.runOn(meddling, file_);
     RemuxStep().run(run);
-    EXPECT_THAT(recorder.words, testing::StartsWith("the video is left as it is: "));
-    EXPECT_THAT(recorder.words, testing::HasSubstr("pictures"));
+    EXPECT_THAT(warningsOf(run), testing::StartsWith("the video is left as it is: "));
+    EXPECT_THAT(warningsOf(run), testing::HasSubstr("pictures"));
     EXPECT_EQ(written(), movie);
     EXPECT_EQ(recorder.stages, "remuxing remuxed ");
     expectNothingLeftBehind();

@@ -3,20 +3,17 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "download/DownloadTask.h"
 #include "pipeline/ProcessingStep.h"
 #include "support/ManualClock.h"
 
 namespace tarn::test {
 
 /// Has runs of a step on files of a test, and keeps what they store.
-class RunRecorder : public ProcessingRunListener {
+class RunRecorder : public RunListener {
  public:
   ProcessingState record;                              ///< as it was stored last
   std::string stages;                                  ///< of all records stored, each with a blank behind it
-  std::vector<std::string> warnings;                   ///< words of the run
   std::function<void(const ProcessingState&)> onSave;  ///< told of a new record before it is kept
   std::shared_ptr<CancellationToken> token = std::make_shared<CancellationToken>();
 
@@ -25,7 +22,7 @@ class RunRecorder : public ProcessingRunListener {
     stages.clear();
     record = {};
     record.fileURL = file;
-    return ProcessingRun(files, clock_, names_, *this, record, nullptr, token);
+    return ProcessingRun(files, clock_, names_, *this, record, token);
   }
 
   bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& state) override {
@@ -34,8 +31,6 @@ class RunRecorder : public ProcessingRunListener {
     stages += std::string(rawValue(state.stage)) + " ";
     return true;
   }
-  void progressUpdated(const std::shared_ptr<DownloadTask>& /*task*/, double, const std::string&) override {}
-  void warned(const std::string& words) override { warnings.push_back(words); }
 
  private:
   ManualClock clock_;

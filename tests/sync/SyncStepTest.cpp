@@ -65,6 +65,7 @@ class SyncSteps : public FileTest {
     ProcessingRun run = recorder_.runOn(files_, file_);
     SyncStep().run(run);
     EXPECT_EQ(recorder_.stages, "syncFixing syncFixed ");
+    warnings_ = run.outcome.leftAlone.size();
   }
 
   bool isFailureLogged() {
@@ -94,6 +95,7 @@ class SyncSteps : public FileTest {
   }
 
   RunRecorder recorder_;
+  size_t warnings_ = 0;  ///< of the last run
 };
 
 // A first composition time of -1, a skip, a pause, more entries than anybody counts on: all that says where a track is
@@ -117,9 +119,9 @@ TEST_F(SyncSteps, LeaveAFileAloneWhoseListsSayTheTruth) {
   for (const auto& [kind, movie] : movies) {
     EXPECT_EQ(fixed(movie), movie) << kind;
     EXPECT_TRUE(log_.contains("A/V sync already correct, no fix needed")) << kind;
+    EXPECT_EQ(warnings_, 0u) << kind;
     log_.clear();
   }
-  EXPECT_TRUE(recorder_.warnings.empty());
 }
 
 // What is damaged counts as absent: the truth is the movie without that list.
@@ -154,7 +156,7 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
     const Bytes source = withLists(row.clip, row.lists, row.isMoovAhead);
     ProbedMovie result = probed("result.mp4", fixed(source));
     EXPECT_TRUE(log_.contains("A/V sync fix applied successfully"));
-    EXPECT_TRUE(recorder_.warnings.empty());
+    EXPECT_EQ(warnings_, 0u);
     const double tick = 1.0 / result.movieTimescale();
     expectSameShown(expected, result, std::min(tick, 0.001) + 1e-6);
     size_t track = 0;
@@ -228,13 +230,12 @@ TEST_F(SyncSteps, KeepFailuresButNotACancellationToThemselves) {
 
 TEST_F(SyncSteps, LeaveFragmentsAloneAndSaySo) {
   for (const char* flags : {"frag_keyframe+empty_moov", "frag_keyframe"}) {
-    recorder_.warnings.clear();
     BoxEditor movie(readFile(files_, flashBeepClip(0.3, {"-movflags", flags})));
     if (movie.all("moov/trak/edts").empty()) {
       movie.insert("moov/trak", movie.at("moov/trak/mdia").offset, editBox({500, emptyTime, normal}));
     }
     EXPECT_EQ(fixed(movie.bytes), movie.bytes);
-    EXPECT_EQ(recorder_.warnings.size(), 1u) << flags;
+    EXPECT_EQ(warnings_, 1u) << flags;
   }
 }
 

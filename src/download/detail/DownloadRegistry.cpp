@@ -7,12 +7,6 @@ void DownloadRegistry::insert(const DownloadTaskPointer& task) {
   downloads_.insert_or_assign(task->id, task);
 }
 
-void DownloadRegistry::replace(const DownloadTaskPointer& task) {
-  std::lock_guard guard(mutex_);
-  auto found = downloads_.find(task->id);
-  if (found != downloads_.end()) found->second = task;
-}
-
 DownloadTaskPointer DownloadRegistry::remove(int64_t id) {
   std::lock_guard guard(mutex_);
   delegates_.erase(id);

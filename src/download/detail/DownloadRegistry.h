@@ -20,8 +20,6 @@ class DownloadRegistry {
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   void insert(const DownloadTaskPointer& task);
-  /// Puts the task in the place of its entry; an entry that has been removed does not come back.
-  void replace(const DownloadTaskPointer& task);
   /// Takes the task out, with its delegate. Null when there is none.
   DownloadTaskPointer remove(int64_t id);
 

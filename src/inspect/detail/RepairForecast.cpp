@@ -22,20 +22,6 @@
 namespace tarn {
 namespace {
 
-/// Keeps the warnings of a trial run, and nothing else of it.
-class WarningCollector : public ProcessingRunListener {
- public:
-  explicit WarningCollector(std::vector<std::string>& warnings) : warnings_(warnings) {}
-
-  bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) override { return false; }
-  void progressUpdated(const DownloadTaskPointer& /*download*/, double /*progress*/,
-                       const std::string& /*stage*/) override {}
-  void warned(const std::string& words) override { warnings_.push_back(words); }
-
- private:
-  std::vector<std::string>& warnings_;
-};
-
 /// The repair of one file on trial, step by step.
 class TrialRun {
  public:
@@ -44,16 +30,14 @@ class TrialRun {
         trial_(files),
         inspection_(inspection),
         path_(inspection.file),
-        listener_(inspection.warnings),
-        run_(trial_, clock_, names_, listener_, firstRecord(),
-             std::make_shared<DownloadTask>(trial_, 0, "", std::nullopt, std::nullopt),
-             std::make_shared<CancellationToken>()) {}
+        run_(trial_, clock_, names_, listener_, firstRecord(), std::make_shared<CancellationToken>()) {}
 
   void run() {
     remux();
     readSyncFacts();
     decideOnAudio();
     fixSync();
+    inspection_.warnings = run_.outcome.leftAlone;
     if (!isRepaired()) return;
     inspection_.harms = harmsOfRepair(files_, path_, trial_, path_, false);
     inspection_.changesFile =
@@ -93,7 +77,7 @@ class TrialRun {
     tellWhatWasDone(forecast);
     if (plan) forecast.reason = plan->reason;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
-    if (!forecast.changesFile && !inspection_.warnings.empty()) leaveBroken(forecast);
+    if (!forecast.changesFile && !run_.outcome.leftAlone.empty()) leaveBroken(forecast);
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
@@ -101,7 +85,7 @@ class TrialRun {
 
   /// The step warns only of what it would mend and cannot.
   void leaveBroken(RemuxForecast& forecast) {
-    forecast.reason = fmt::format("{}", fmt::join(inspection_.warnings, "; "));
+    forecast.reason = fmt::format("{}", fmt::join(run_.outcome.leftAlone, "; "));
     inspection_.problems.push_back({Problem::Of::video, forecast.reason});
   }
 
@@ -174,7 +158,8 @@ class TrialRun {
       forecast = {Kind::nothing, "the movie is fragmented"};
       return;
     }
-    const size_t warnings = inspection_.warnings.size();
+    const std::vector<std::string>& warnings = run_.outcome.leftAlone;
+    const size_t before = warnings.size();
     try {
       forecast.order = neededLists();
       SyncStep().run(run_);
@@ -186,8 +171,7 @@ class TrialRun {
         forecast.reason = "an edit list is damaged, or missing where one is needed";
       } else {
         forecast.kind = Kind::fails;
-        forecast.reason =
-            inspection_.warnings.size() > warnings ? inspection_.warnings.back() : "the edit lists cannot be written";
+        forecast.reason = warnings.size() > before ? warnings.back() : "the edit lists cannot be written";
       }
     } catch (const std::exception& failure) {
       forecast.kind = Kind::fails;
@@ -214,7 +198,7 @@ class TrialRun {
   const Path path_;
   SystemClock clock_;
   NamesInTheMaking names_;
-  WarningCollector listener_;
+  RunListener listener_;
   ProcessingRun run_;
 };
 

@@ -1,18 +1,18 @@
-#include "pipeline/ProcessingStep.h"
+#include "pipeline/ProcessingRun.h"
 
 #include "platform/Log.h"
 
 namespace tarn {
 
 ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, NamesInTheMaking& namesInTheMaking,
-                             ProcessingRunListener& listener, ProcessingState record,
-                             std::shared_ptr<DownloadTask> task, std::shared_ptr<CancellationToken> cancellationToken)
+                             RunListener& listener, ProcessingState record,
+                             std::shared_ptr<CancellationToken> cancellationToken)
     : files(fileManager),
       names(namesInTheMaking),
-      download(std::move(task)),
       token(std::move(cancellationToken)),
       fileURL(record.fileURL),
       state(std::move(record)),
+      outcome{.id = state.downloadId},
       clock_(clock),
       listener_(listener) {}
 
@@ -27,12 +27,12 @@ void ProcessingRun::saveState() {
 }
 
 void ProcessingRun::reportProgress(double progress, const std::string& stage) {
-  listener_.progressUpdated(download, progress, stage);
+  listener_.progressUpdated(state.downloadId, progress, stage);
 }
 
 void ProcessingRun::warn(const std::string& words) {
   log("Warning: {}", words);
-  listener_.warned(words);
+  outcome.leftAlone.push_back(words);
 }
 
 }  // namespace tarn

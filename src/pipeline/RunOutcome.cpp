@@ -1,0 +1,27 @@
+#include "pipeline/RunOutcome.h"
+
+#include "platform/Error.h"
+#include "platform/URL.h"
+
+namespace tarn {
+
+RunOutcome RunOutcome::failed(int64_t id, Where where, const std::exception_ptr& failure) {
+  RunOutcome outcome{.id = id};
+  outcome.setFailed(where, failure);
+  return outcome;
+}
+
+void RunOutcome::setSaved(const std::optional<std::string>& asset) {
+  kind = Kind::saved;
+  where = Where::saving;
+  assetId = asset;
+}
+
+void RunOutcome::setFailed(Where place, const std::exception_ptr& reason) {
+  kind = Kind::failed;
+  where = place;
+  words = withoutSecrets(describe(reason));
+  failure = reason;
+}
+
+}  // namespace tarn
