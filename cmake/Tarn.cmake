@@ -16,10 +16,20 @@ if(TARN_SANITIZE)
   endif()
 endif()
 
+# Includes keep to the floors of the house: nothing is compiled before that is checked.
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/floors.stamp
+  COMMAND ${CMAKE_COMMAND} -DSRC=${CMAKE_SOURCE_DIR}/src -DFLOORS=${CMAKE_SOURCE_DIR}/src/floors.txt
+    -DSTAMP=${CMAKE_BINARY_DIR}/floors.stamp -P ${CMAKE_SOURCE_DIR}/cmake/CheckFloors.cmake
+  DEPENDS ${CMAKE_SOURCE_DIR}/src/floors.txt ${CMAKE_SOURCE_DIR}/cmake/CheckFloors.cmake
+  DEPFILE ${CMAKE_BINARY_DIR}/floors.stamp.d
+  COMMENT "Checking the floors" VERBATIM)
+add_custom_target(floors DEPENDS ${CMAKE_BINARY_DIR}/floors.stamp)
+
 # tarn_room(<name> SOURCES <files>... [USES <lower rooms>...] [LIBRARIES <targets>...])
 function(tarn_room name)
   cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
   add_library(tarn_${name} STATIC ${ROOM_SOURCES})
+  add_dependencies(tarn_${name} floors)
   target_link_libraries(tarn_${name} PUBLIC tarn_options fmt::fmt Threads::Threads)
   foreach(lower IN LISTS ROOM_USES)
     target_link_libraries(tarn_${name} PUBLIC tarn_${lower})

@@ -1,0 +1,62 @@
+# cmake -DSRC=<folder of the rooms> -DFLOORS=<floors.txt> [-DSTAMP=<file>] -P CheckFloors.cmake
+#
+# Fails when an include breaks the rules of the house. A line of floors.txt is "<floor> <folder>"; such a folder is a
+# room. A room includes only rooms of lower floors. A header in a room's own folder is its face; one in a subfolder that
+# is no room itself is the room's alone. When all is well, the stamp is written, and beside it as <file>.d what it depends
+# on: every source, and every folder, so that a file that comes or goes counts too.
+cmake_minimum_required(VERSION 3.25)
+
+file(STRINGS ${FLOORS} lines REGEX "^[0-9]")
+foreach(line IN LISTS lines)
+  string(REGEX MATCH "^([0-9]+) +([^ ]+)" unused "${line}")
+  set(floor_${CMAKE_MATCH_2} ${CMAKE_MATCH_1})
+endforeach()
+
+# The innermost room that a file stands in; empty if it stands in none.
+function(room_of file result)
+  get_filename_component(folder ${file} DIRECTORY)
+  while(folder AND NOT DEFINED floor_${folder})
+    get_filename_component(folder ${folder} DIRECTORY)
+  endwhile()
+  set(${result} "${folder}" PARENT_SCOPE)
+endfunction()
+
+set(faults "")
+file(GLOB_RECURSE files RELATIVE ${SRC} ${SRC}/*.h ${SRC}/*.cpp)
+if(NOT files)
+  message(FATAL_ERROR "There are no sources in ${SRC}")
+endif()
+foreach(file IN LISTS files)
+  room_of(${file} here)
+  if(NOT here)
+    list(APPEND faults "${file} stands in no room: give its folder a floor in ${FLOORS}")
+    continue()
+  endif()
+  file(STRINGS ${SRC}/${file} includes REGEX "^ *# *include *\"")
+  foreach(include IN LISTS includes)
+    string(REGEX REPLACE "^[^\"]*\"([^\"]+)\".*" "\\1" header "${include}")
+    room_of(${header} there)
+    get_filename_component(folder ${header} DIRECTORY)
+    if(NOT there)
+      list(APPEND faults "${file} includes ${header}, which stands in no room")
+    elseif(there STREQUAL here)
+      continue()
+    elseif(NOT floor_${there} LESS floor_${here})
+      list(APPEND faults "${file} (${here}, floor ${floor_${here}}) includes ${header} (${there}, floor ${floor_${there}})")
+    elseif(NOT folder STREQUAL there)
+      list(APPEND faults "${file} (${here}) includes ${header}, which belongs to ${there} alone")
+    endif()
+  endforeach()
+endforeach()
+if(faults)
+  list(JOIN faults "\n  " text)
+  message(FATAL_ERROR "Includes that the house does not allow (src/floors.txt, docs/architecture.md):\n  ${text}\n"
+                      "A room includes only faces of rooms on lower floors.")
+endif()
+if(STAMP)
+  file(GLOB_RECURSE places LIST_DIRECTORIES true ${SRC}/*)
+  list(FILTER places EXCLUDE REGEX "\\.(txt|md)$")
+  list(JOIN places " \\\n  " text)
+  file(WRITE ${STAMP}.d "${STAMP}: ${SRC} \\\n  ${text}\n")
+  file(TOUCH ${STAMP})
+endif()
