@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "audio/MP4AudioTrackReplacer.h"
-#include "audio/replace/TrackBoxEdit.h"
+#include "audio/replace/TrackMedia.h"
 #include "mp4/DataExtensions.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"

@@ -1,4 +1,4 @@
-#include "audio/replace/TrackBoxEdit.h"
+#include "audio/replace/TrackMedia.h"
 
 #include <algorithm>
 #include <limits>
@@ -16,40 +16,8 @@ namespace tarn {
 namespace {
 
 constexpr uint64_t uint32Max = std::numeric_limits<uint32_t>::max();
-
-/// The box with an 8-byte header, for which the field offsets count.
-Bytes plainBox(const MovieBox& box) {
-  Bytes bytes;
-  ByteWriter(bytes).uint32(0).text(box.type).bytes(box.contents);
-  layout::store(bytes.data(), layout::boxSize, bytes.size());
-  return bytes;
-}
-
-MovieBox boxOf(ByteView bytes) {
-  const auto head = bytes.first(layout::boxHeaderSize), contents = bytes.subspan(layout::boxHeaderSize);
-  return {.type = std::string(textOf(head.subspan(layout::boxType.offset))),
-          .head = {head.begin(), head.end()},
-          .children = {},
-          .contents = {contents.begin(), contents.end()}};
-}
-
-/// Where a field lies in the contents; nothing where the box ends ahead of it.
-std::optional<layout::Field> inContents(const MovieBox* box, layout::Field field) {
-  field.offset -= layout::boxHeaderSize;
-  return box && field.end() <= box->contents.size() ? std::optional(field) : std::nullopt;
-}
-
-std::optional<layout::Field> presentField(const MovieBox* box, const VersionedField& fields) {
-  const auto version = inContents(box, layout::version);
-  if (!version) return std::nullopt;
-  return inContents(box, layout::load(box->contents.data(), *version) == 0 ? fields.version0 : fields.otherVersions);
-}
-
-std::string_view handlerOf(const MovieBox& trak) {
-  const MovieBox* hdlr = trak.find({"mdia", "hdlr"});
-  const auto field = inContents(hdlr, layout::handlerType);
-  return field ? textOf(ByteView(hdlr->contents).subspan(field->offset, field->width)) : std::string_view();
-}
+constexpr layout::Field firstRunValue{layout::tableHeaderSize + layout::runValue.offset, layout::runValue.width};
+constexpr VersionedField firstDelta{firstRunValue, firstRunValue};  ///< of an `stts`
 
 // --- Times ---
 
@@ -168,18 +136,17 @@ uint64_t fitEditList(MovieBox& trak, const MovieBox& newTrak, uint32_t oldTimesc
                      uint64_t mediaDuration) {
   MovieBox* elst = trak.find({"edts", "elst"});
   if (!elst) return mediaDuration;
-  const Bytes old = plainBox(*elst);
+  const Bytes old = elst->plainBytes();
   std::vector<Entry> entries = readEntries(old);
   if (entries.empty()) return mediaDuration;
   for (Entry& entry : entries) {
     if (entry.mediaTime > 0) entry.mediaTime = requireRescaled(entry.mediaTime, oldTimescale, clocks.track);
   }
-  const uint64_t mediaEnd = headerDurationField.load(newTrak.find({"mdia", "mdhd"}), 0);
+  const uint64_t mediaEnd = headerDurationField.load(newTrak.find({"mdia", "mdhd"})).value_or(0);
   const MovieBox* stts = newTrak.find({"mdia", "minf", "stbl", "stts"});
-  const auto packet = inContents(stts, {layout::tableHeaderSize + layout::runValue.offset, layout::runValue.width});
   cutToMedia(entries.back(), clocks, static_cast<int64_t>(std::min<uint64_t>(mediaEnd, INT64_MAX)),
-             packet ? static_cast<int64_t>(layout::load(stts->contents.data(), *packet)) : 0);
-  *elst = boxOf(writeEntries(old, entries));
+             static_cast<int64_t>(firstDelta.load(stts).value_or(0)));
+  *elst = MovieBox::of(writeEntries(old, entries));
   log("  Kept the {} edits of the audio track", entries.size());
   return durationOf(entries, clocks, mediaDuration);
 }
@@ -190,9 +157,9 @@ void putMdia(MovieBox& trak, const MovieBox& newMdia) {
   MovieBox* mdhd = trak.find({"mdia", "mdhd"});
   MovieBox* minf = trak.find({"mdia", "minf"});
   const MovieBox* newMdhd = newMdia.find({"mdhd"});
-  if (minf && presentField(mdhd, headerDurationField)) {
-    headerTimescaleField.store(mdhd, "mdhd.timescale", headerTimescaleField.load(newMdhd, 0));
-    headerDurationField.store(mdhd, "mdhd.duration", headerDurationField.load(newMdhd, 0));
+  if (minf && headerDurationField.load(mdhd)) {
+    storeField(headerTimescaleField, mdhd, "mdhd.timescale", headerTimescaleField.load(newMdhd).value_or(0));
+    storeField(headerDurationField, mdhd, "mdhd.duration", headerDurationField.load(newMdhd).value_or(0));
     for (std::string_view type : {"dinf", "stbl"}) {
       if (const MovieBox* box = newMdia.find({"minf", type})) minf->put(*box);
     }
@@ -201,41 +168,21 @@ void putMdia(MovieBox& trak, const MovieBox& newMdia) {
   }
   MovieBox* stts = trak.find({"mdia", "minf", "stbl", "stts"});
   if (!stts) return logLine("  normalizeAudioStts: stts not found, skipping");
-  if (const auto single = normalizeAudioStts(*stts)) *stts = boxOf(*single);
+  if (const auto single = normalizeAudioStts(*stts)) *stts = MovieBox::of(*single);
 }
 
 }  // namespace
 
-uint64_t VersionedField::load(const MovieBox* box, uint64_t otherwise) const {
-  const auto field = presentField(box, *this);
-  return field ? layout::load(box->contents.data(), *field) : otherwise;
-}
-
-bool VersionedField::store(MovieBox* box, std::string_view label, uint64_t value) const {
-  const auto field = presentField(box, *this);
-  if (!field) {
+void storeField(const VersionedField& field, MovieBox* box, std::string_view label, uint64_t value) {
+  if (const auto change = field.store(box, value)) {
+    log("  Updated {}: {} -> {}", label, change->before, change->after);
+  } else {
     log("  Warning: no place for {}", label);
-    return false;
   }
-  const uint64_t before = layout::load(box->contents.data(), *field);
-  const uint64_t after = field->width == 4 ? std::min(value, uint32Max) : value;
-  layout::store(box->contents.data(), *field, after);
-  log("  Updated {}: {} -> {}", label, before, after);
-  return true;
-}
-
-MovieBox* findTrack(MovieBox& moov, std::string_view handlerType, std::string_view mediaHeader) {
-  const auto first = [&](auto isWanted) {
-    const auto found =
-        std::ranges::find_if(moov.children, [&](const MovieBox& box) { return box.type == "trak" && isWanted(box); });
-    return found == moov.children.end() ? nullptr : &*found;
-  };
-  MovieBox* track = first([&](const MovieBox& trak) { return handlerOf(trak) == handlerType; });
-  return track ? track : first([&](const MovieBox& trak) { return trak.find({"mdia", "minf", mediaHeader}); });
 }
 
 std::optional<Bytes> normalizeAudioStts(const MovieBox& box) {
-  const Bytes stts = plainBox(box);
+  const Bytes stts = box.plainBytes();
   if (stts.size() < layout::tableHeaderSize) {
     logLine("  normalizeAudioStts: stts too small, skipping");
     return std::nullopt;
@@ -266,31 +213,16 @@ std::optional<Bytes> normalizeAudioStts(const MovieBox& box) {
   return buildSimpleSttsBox(static_cast<uint32_t>(samples), static_cast<uint32_t>(delta));
 }
 
-void moveChunkOffsets(MovieBox& trak, std::span<const MediaMove> moves) {
-  MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
-  if (!stbl) return;
-  for (MovieBox& table : stbl->children) {
-    if (table.type != "stco" && table.type != "co64") continue;
-    const auto moved = ChunkOffsetTable::moved(plainBox(table), moves);
-    if (!moved) throw AudioTrackReplacerError::corruptedMP4("A chunk lies in no mdat box");
-    const uint64_t oldSize = table.size();
-    table = boxOf(moved->box);
-    if (!moved->isPromoted) continue;
-    logLine("  Warning: stco offset would overflow 32-bit, upgrading to co64");
-    log("  Upgraded stco to co64: {} bytes -> {} bytes", oldSize, table.size());
-  }
-}
-
 void putMedia(MovieBox& trak, const MovieBox& newTrak, uint32_t movieTimescale, uint64_t mediaDuration,
               bool keepsEditList) {
   const auto timescaleOf = [](const MovieBox& track) {
-    return static_cast<uint32_t>(headerTimescaleField.load(track.find({"mdia", "mdhd"}), 0));
+    return static_cast<uint32_t>(headerTimescaleField.load(track.find({"mdia", "mdhd"})).value_or(0));
   };
   const uint32_t oldTimescale = timescaleOf(trak), newTimescale = timescaleOf(newTrak);
   if (!keepsEditList || oldTimescale == 0 || newTimescale == 0 || movieTimescale == 0) trak.removeAll("edts");
   const uint64_t shown = fitEditList(trak, newTrak, oldTimescale, {movieTimescale, newTimescale}, mediaDuration);
   if (const MovieBox* newMdia = newTrak.find({"mdia"})) putMdia(trak, *newMdia);
-  tkhdDurationField.store(trak.find({"tkhd"}), "tkhd.duration", shown);
+  storeField(tkhdDurationField, trak.find({"tkhd"}), "tkhd.duration", shown);
 }
 
 }  // namespace tarn
