@@ -16,10 +16,7 @@ int main(int, char** argv) {
   const Path home = argv[1];
   PosixFileManager real(home);
   test::FaultyFileManager files(real);
-  using enum test::FileOperation;
-  files.arm({.call = std::stoul(argv[3]),
-             .among = {open, write, truncate, flush, close, createDirectory, move, copy, link, remove, replace},
-             .strike = [] { raise(SIGKILL); }});
+  files.arm({.call = std::stoul(argv[3]), .among = test::changes, .strike = [] { raise(SIGKILL); }});
   Host host(files, {.home = home});
   EngineClient client(host.plugin());
   host.start();

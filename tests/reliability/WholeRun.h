@@ -48,6 +48,9 @@ class WholeRun {
   /// A process that sees to what the last one has left, to the end.
   void restart();
 
+  /// True when a run is stored that has not ended.
+  bool hasPendingWork();
+
   /// The process is gone, with all that was in memory.
   void die();
 
@@ -76,7 +79,6 @@ class WholeRun {
   bool ask();
   bool hasRunningTransfer() const;
   void deliver();
-  bool hasPendingWork();
 
   const Bytes recording_;
   UserDefaults defaults_{files, "/home/Defaults"};

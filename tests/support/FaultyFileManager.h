@@ -27,6 +27,13 @@ enum class FileOperation {
   replace,
 };
 
+/// The operations that change something, or may do so, and those that only look.
+inline const std::set<FileOperation> changes = {
+    FileOperation::open,  FileOperation::write,           FileOperation::truncate, FileOperation::flush,
+    FileOperation::close, FileOperation::createDirectory, FileOperation::move,     FileOperation::copy,
+    FileOperation::link,  FileOperation::remove,          FileOperation::replace};
+inline const std::set<FileOperation> looks = {FileOperation::read, FileOperation::list};
+
 /// Which call fails, and how.
 struct Fault {
   enum class Effect {
