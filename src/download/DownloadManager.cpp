@@ -300,6 +300,9 @@ void DownloadManager::postWipe() {
       // A transfer may have brought its file, and a record with it, since the call.
       self.deleteFiles(self.gate_.cancel(task->id));
       self.registry_.remove(task->id);
+      // And a download that was just beginning may have taken a slot or a place in the line.
+      self.queue_.remove(task->id);
+      self.releaseSlot(task->id);
     }
     if (self.registry_.all().empty()) {
       self.taskStore_.clear();

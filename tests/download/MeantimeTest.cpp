@@ -45,6 +45,53 @@ TEST_F(MeantimeTest, AFileRunsOnceHoweverOftenTheForegroundComes) {
   EXPECT_EQ(storedStates(), "[]");
 }
 
+/// Lets a test do something in the middle of the start of a download: when its transfer is made.
+class MeantimeTransfers : public NSURLSessionService {
+ public:
+  explicit MeantimeTransfers(NSURLSessionService& base) : base_(base) {}
+
+  std::unique_ptr<NSURLSession> makeBackgroundSession(const std::string& identifier,
+                                                      std::weak_ptr<NSURLSessionDownloadDelegate> delegate) override {
+    return std::make_unique<Session>(base_.makeBackgroundSession(identifier, std::move(delegate)), *this);
+  }
+  std::vector<std::string> storedTaskDescriptions() override { return base_.storedTaskDescriptions(); }
+
+  std::function<void()> atTheNextStart = [] {};
+
+ private:
+  class Session : public NSURLSession {
+   public:
+    Session(std::unique_ptr<NSURLSession> base, MeantimeTransfers& service)
+        : base_(std::move(base)), service_(service) {}
+
+    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& text) override {
+      auto task = base_->downloadTask(url, text);
+      std::exchange(service_.atTheNextStart, [] {})();
+      return task;
+    }
+    std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override { return base_->allTasks(); }
+
+   private:
+    const std::unique_ptr<NSURLSession> base_;
+    MeantimeTransfers& service_;
+  };
+
+  NSURLSessionService& base_;
+};
+
+TEST_F(MeantimeTest, ADownloadThatBeginsWhileAllAreCancelledKeepsNoSlot) {
+  MeantimeTransfers transfers(transfers_);
+  engine_ = DownloadManager::create({files_, defaults_, clock_, dispatch_, application_, photos_, transfers},
+                                    {.last = &last_});
+  engine_->setMaxConcurrentDownloads(1);
+  transfers.atTheNextStart = [this] { engine_->cancelAll(); };
+  save("a.mp4");
+  settle();
+  dispatch_.advance(std::chrono::milliseconds(500));
+  EXPECT_EQ(save("b.mp4")->status(), DownloadStatus::downloading);
+  engine_.reset();
+}
+
 TEST_F(MeantimeTest, BackgroundTimeIsHeldForNoRunThatHasEnded) {
   for (const bool isAtTheEnd : {true, false}) {
     startOver({.last = &last_});

@@ -379,6 +379,8 @@ void EngineThreads::comeToAnEnd() {
     withTransfer(0, true, [&](const std::string& url) { transfers_.complete(url); });
     dispatch_->waitUntilIdle();
   }
+  application_->enterForeground();
+  require(dispatch_->waitUntilIdle(), "the queues come to rest");
   application_->enterBackground();  // the files that nobody owns are swept
   require(dispatch_->waitUntilIdle(), "the queues come to rest");
   application_->enterForeground();
