@@ -1,5 +1,6 @@
 #include "Fuzzing.h"
 #include "mp4/DataExtensions.h"
+#include "parameters/VideoCodec.h"
 #include "remux/MP4Remuxer.h"
 
 namespace tarn::fuzz {
@@ -21,7 +22,7 @@ void followPlan(Movie& movie) {
   if (!plan) return;
   if (!plan->tagOffsets.empty()) changeTags(movie.files, movie.path, *plan);
   if (plan->segments.empty()) return;
-  const bool isHEVC = MP4Remuxer::detectHEVCTag(movie.files, movie.path).value_or("").starts_with('h');
+  const bool isHEVC = codecOfTag(MP4Remuxer::detectHEVCTag(movie.files, movie.path).value_or("")) == &VideoCodec::hevc;
   std::optional<RemuxTimings> timings;
   isHEVC ? MP4Remuxer::remuxHEVCWithParameterExtraction(movie.files, movie.path, nullptr, timings, &*plan)
          : MP4Remuxer::remuxAVCWithParameterExtraction(movie.files, movie.path, "", nullptr, timings, &*plan);

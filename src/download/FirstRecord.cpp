@@ -1,6 +1,7 @@
 #include "download/FirstRecord.h"
 
 #include "media/AVAsset.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 #include "presentation/Presentation.h"
@@ -22,15 +23,9 @@ bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
     return false;
   }
   log("Detected video codec: {}", *tag);
-  if (*tag == "hev1" || *tag == "hvc1") {
-    logLine("HEVC video detected - will remux to ensure complete parameter sets");
-    return true;
-  }
-  if (*tag == "avc1" || *tag == "avc3") {
-    logLine("AVC video detected - will remux to ensure complete parameter sets");
-    return true;
-  }
-  return false;
+  const VideoCodec* codec = codecOfTag(*tag);
+  if (codec != nullptr) log("{} video detected - will remux to ensure complete parameter sets", codec->name);
+  return codec != nullptr;
 }
 
 /// False also where the file cannot be read: the steps will say so.

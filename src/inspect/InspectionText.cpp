@@ -7,6 +7,7 @@
 
 #include "inspect/Inspection.h"
 #include "inspect/SoundText.h"
+#include "parameters/VideoCodec.h"
 
 namespace tarn {
 namespace {
@@ -70,12 +71,16 @@ std::string rangesText(const std::vector<SampleRange>& ranges) {
   return fmt::format("samples {}", fmt::join(texts, ", "));
 }
 
+bool hasVPS(const VideoCodec* codec) {
+  return codec != nullptr && codec->nal.hasKind(ParameterSetKind::vps);
+}
+
 std::string configurationText(const SampleEntryFacts& entry) {
   if (!entry.configuration) return "no hvcC or avcC";
   const ConfigurationFacts& facts = *entry.configuration;
   if (facts.problem)
     return fmt::format("{} of {} bytes that cannot be read: {}", facts.type, facts.size, *facts.problem);
-  const std::string vps = facts.type == "hvcC" ? fmt::format("{} VPS, ", facts.vps) : "";
+  const std::string vps = hasVPS(codecOfConfigBox(facts.type)) ? fmt::format("{} VPS, ", facts.vps) : "";
   return fmt::format("{} of {} bytes with {}{} SPS, {} PPS: parameter sets {}", facts.type, facts.size, vps, facts.sps,
                      facts.pps, facts.isComplete ? "complete" : "not complete");
 }
@@ -94,12 +99,12 @@ std::string sizesText(const char* kind, const std::vector<size_t>& sizes) {
   return fmt::format("{} {} ({} bytes)", sizes.size(), kind, fmt::join(sizes, ", "));
 }
 
-void writeBitstream(Writer& out, const BitstreamFacts& facts, bool isHEVC) {
+void writeBitstream(Writer& out, const BitstreamFacts& facts, const VideoCodec* codec) {
   if (facts.problem) {
     out.line("in the samples: cannot be read: {}", *facts.problem);
     return;
   }
-  const std::string vps = isHEVC ? sizesText("VPS", facts.vps) + ", " : "";
+  const std::string vps = hasVPS(codec) ? sizesText("VPS", facts.vps) + ", " : "";
   out.line("in the {} sync samples: {}{}, {}; length prefix of {} bytes", facts.syncSamples, vps,
            sizesText("SPS", facts.sps), sizesText("PPS", facts.pps), facts.nalLengthSize);
   if (facts.reusesIdentifiers) out.line("identifiers of parameter sets come again with other content");
@@ -117,8 +122,7 @@ void writeVideo(Writer& out, const Inspection& inspection) {
   writeEntries(out, inspection.video->entries, "");
   if (inspection.video->problem) out.line("{}", *inspection.video->problem);
   if (!inspection.video->bitstream) return;
-  const std::string& tag = inspection.video->entries.front().tag;
-  writeBitstream(out, *inspection.video->bitstream, tag == "hev1" || tag == "hvc1");
+  writeBitstream(out, *inspection.video->bitstream, codecOfTag(inspection.video->entries.front().tag));
 }
 
 std::string rowsText(const std::vector<EditListEntry>& rows) {
@@ -148,6 +152,7 @@ void writeSync(Writer& out, const Inspection& inspection) {
 std::string remuxText(const Inspection& inspection) {
   const RemuxForecast& remux = inspection.remux;
   const std::string tag = remux.entries.empty() ? "" : remux.entries.front().tag;
+  const VideoCodec* codec = codecOfTag(tag);
   switch (remux.kind) {
     case RemuxForecast::Kind::skipped:
     case RemuxForecast::Kind::leavesAlone:
@@ -155,7 +160,7 @@ std::string remuxText(const Inspection& inspection) {
     case RemuxForecast::Kind::changesTag:
       return "changes the tag to " + tag;
     case RemuxForecast::Kind::rebuilds:
-      return fmt::format("rebuilds {} under the tag {}{}", tag.starts_with("avc") ? "avcC" : "hvcC", tag,
+      return fmt::format("rebuilds {} under the tag {}{}", codec != nullptr ? codec->configBox : "", tag,
                          remux.changesFile ? "" : ", byte for byte as it is");
     case RemuxForecast::Kind::splits:
       return fmt::format("writes {} sample entries", remux.entries.size());

@@ -2,15 +2,16 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 #include "inspect/detail/MovieFacts.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/AVCConfigurationBox.h"
-#include "parameters/HEVCConfigurationBox.h"
 #include "parameters/NALUnitParser.h"
+#include "parameters/ParameterScan.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Error.h"
 #include "remux/VisualSampleEntry.h"
 
@@ -19,29 +20,14 @@ namespace {
 
 constexpr size_t largestStsd = 16 << 20;
 
-size_t unitsOfType(const HEVCDecoderConfigurationRecord& record, uint8_t type) {
-  size_t count = 0;
-  for (const auto& array : record.arrays) {
-    if (array.nalUnitType == type) count += array.nalUnits.size();
-  }
-  return count;
-}
-
-ConfigurationFacts readConfiguration(const BoxHeader& box, ByteView contents) {
+ConfigurationFacts readConfiguration(const BoxHeader& box, const VideoCodec& codec, ByteView contents) {
   ConfigurationFacts facts{.type = box.type, .size = box.size, .problem = std::nullopt};
   try {
-    if (box.type == "hvcC") {
-      const auto record = readHvcC(contents);
-      facts.vps = unitsOfType(record, hevcNALType::vps);
-      facts.sps = unitsOfType(record, hevcNALType::sps);
-      facts.pps = unitsOfType(record, hevcNALType::pps);
-      facts.isComplete = record.hasAllParameterSets();
-    } else {
-      const auto record = readAvcC(contents);
-      facts.sps = record.spsArray.size();
-      facts.pps = record.ppsArray.size();
-      facts.isComplete = record.hasAllParameterSets();
-    }
+    const ConfigurationContents record = codec.readConfigBox(contents);
+    facts.vps = record.sets.vpsArray.size();
+    facts.sps = record.sets.spsArray.size();
+    facts.pps = record.sets.ppsArray.size();
+    facts.isComplete = record.isComplete;
   } catch (const Error& failure) {
     facts.problem = failure.description();
   }
@@ -60,9 +46,10 @@ SampleEntryFacts readEntry(ByteView stsd, const BoxHeader& header) {
   const auto end = static_cast<size_t>(std::min<uint64_t>(header.end(), stsd.size()));
   BufferBoxWalker walker(stsd, start + visualSampleEntryFixedSize, end, boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
-    if (entry.configuration || (child->type != "hvcC" && child->type != "avcC")) continue;
+    const VideoCodec* codec = codecOfConfigBox(child->type);
+    if (entry.configuration || codec == nullptr) continue;
     auto contents = stsd.subspan(static_cast<size_t>(child->offset) + 8, static_cast<size_t>(child->size) - 8);
-    entry.configuration = readConfiguration(*child, contents);
+    entry.configuration = readConfiguration(*child, *codec, contents);
   }
   const BoxWalkStop& stop = walker.stop();
   entry.strayBytes = end - std::min<uint64_t>(end, stop.offset);
@@ -135,30 +122,26 @@ std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
 }
 
 /// Of the pictures that are shown, one for each SPS that can be read.
-std::vector<PictureSize> pictureSizes(const ParameterSets& sets, bool isHEVC) {
-  if (!isHEVC) return sets.spsResolutions;
+std::vector<PictureSize> pictureSizes(const ParameterSets& sets, const VideoCodec& codec) {
   std::vector<PictureSize> sizes;
   for (const Bytes& sps : sets.spsRbspArray) {
-    if (auto size = NALUnitParser::parseShownSize(sps)) sizes.push_back(*size);
+    if (auto size = codec.shownSize(sps)) sizes.push_back(*size);
   }
   return sizes;
 }
 
-BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table, bool isHEVC) {
+BitstreamFacts readBitstream(FileHandle& file, MP4SampleTableParser table, const VideoCodec& codec) {
   BitstreamFacts facts;
   try {
-    const auto samples = table.syncSamplesOnly();
-    facts.syncSamples = samples.size();
-    const auto voters = std::span(samples).first(std::min(NALUnitParser::votingSamples, samples.size()));
-    facts.nalLengthSize =
-        isHEVC ? NALUnitParser::detectNALLengthSize(file, voters) : NALUnitParser::detectAVCNALLengthSize(file, voters);
-    const ParameterSets sets = isHEVC
-                                   ? NALUnitParser::scanSamplesForParameterSets(file, samples, facts.nalLengthSize)
-                                   : NALUnitParser::scanSamplesForAVCParameterSets(file, samples, facts.nalLengthSize);
+    ParameterScan scan(codec, ParameterScan::Purpose::extraction, std::move(table));
+    facts.syncSamples = scan.syncSamples().size();
+    facts.nalLengthSize = scan.detectNALLengthSize(file);
+    scan.read(file, facts.nalLengthSize);
+    const ParameterSets& sets = scan.sets();
     facts.vps = sizesOf(sets.vpsArray);
     facts.sps = sizesOf(sets.spsArray);
     facts.pps = sizesOf(sets.ppsArray);
-    facts.pictures = pictureSizes(sets, isHEVC);
+    facts.pictures = pictureSizes(sets, codec);
     facts.reusesIdentifiers = sets.requiresMultipleSampleEntries;
     facts.changesPictureSize = std::ranges::adjacent_find(facts.pictures, std::not_equal_to()) != facts.pictures.end();
   } catch (const Error& failure) {
@@ -169,7 +152,7 @@ BitstreamFacts readBitstream(FileHandle& file, const MP4SampleTableParser& table
 
 }  // namespace
 
-std::optional<VideoFacts> readVideo(FileHandle& file) {
+std::optional<VideoFacts> readVideo(FileHandle& file, bool withBitstream) {
   auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov || !MP4BoxUtils::findTrack(file, *moov, MP4TrackType::video)) return std::nullopt;
   VideoFacts video;
@@ -188,9 +171,9 @@ std::optional<VideoFacts> readVideo(FileHandle& file) {
   }
   assignSamples(table, video.entries);
   video.missingSamples = countMissing(table, file.seekToEnd());
-  const std::string tag = video.entries.empty() ? "" : video.entries.front().tag;
-  const bool isHEVC = tag == "hev1" || tag == "hvc1";
-  if (isHEVC || tag == "avc1" || tag == "avc3") video.bitstream = readBitstream(file, table, isHEVC);
+  if (!withBitstream) return video;
+  const VideoCodec* codec = video.entries.empty() ? nullptr : codecOfTag(video.entries.front().tag);
+  if (codec != nullptr) video.bitstream = readBitstream(file, std::move(table), *codec);
   return video;
 }
 

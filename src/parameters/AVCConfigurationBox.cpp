@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "parameters/AVCSPSParser.h"
+#include "parameters/detail/AVCSPSParser.h"
 #include "parameters/detail/RBSPReading.h"
 #include "platform/Log.h"
 

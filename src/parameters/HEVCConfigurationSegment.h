@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/ParameterSetCollector.h"
+#include "parameters/ParameterSets.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
+
+struct VideoCodec;
 
 /// A run of samples that are decoded with one collection of parameter sets: those in force at its first sync sample.
 struct ConfigurationSegment {
@@ -34,6 +36,11 @@ using AVCConfigurationSegment = ConfigurationSegment;
 /// Throws an Error of the domain "HEVCConfigurationSegment" ("AVCConfigurationSegment") where there is no sync sample,
 /// and where the segments hold more than any real stream has. A damaged sample is no failure: what stands ahead of the
 /// damage counts.
+std::vector<ConfigurationSegment> detectSegments(FileHandle& file, std::span<const SampleInfo> syncSamples,
+                                                 int nalLengthSize, int64_t totalSampleCount,
+                                                 const ParameterSets& ofSampleEntry, const VideoCodec& codec);
+
+/// The same under its old names.
 class HEVCConfigurationSegmentDetector {
  public:
   static std::vector<ConfigurationSegment> detectSegments(FileHandle& file, std::span<const SampleInfo> syncSamples,

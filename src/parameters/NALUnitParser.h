@@ -2,23 +2,39 @@
 
 #include <optional>
 #include <span>
+#include <string>
 
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/ParameterSetCollector.h"
+#include "parameters/ParameterSets.h"
 #include "parameters/PictureSize.h"
 #include "platform/Bytes.h"
+#include "platform/Error.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
 
-struct ExtractedParameterSets {
-  ParameterSets sets;
-  int nalLengthSize = 4;  ///< of the samples' length prefixes, in bytes: 4 or 2
+/// The failures of a scan for parameter sets. A damaged sample is none: it is passed over.
+class NALUnitParserError : public Error {
+ public:
+  enum class Case {
+    noParameterSetsFound,  ///< there is no sync sample, or a kind of parameter set is in none of them
+    tooManyParameterSets,  ///< more bytes of distinct sets than any real stream has
+  };
+
+  /// `missing` names the kinds, "no VPS, no PPS".
+  static NALUnitParserError noParameterSetsFound(const std::string& missing);
+  static NALUnitParserError tooManyParameterSets();
+
+  Case kind() const { return kind_; }
+
+ private:
+  NALUnitParserError(Case kind, const std::string& description);
+  Case kind_;
 };
 
 /// Finds the parameter sets in the sync samples of a file's first video track, whatever its sample entry says. No
-/// state; each call reads the file for itself. Of a sample no more is read than the front that ParameterSetWalk walks.
+/// state; each call makes a ParameterScan of its own.
 class NALUnitParser {
  public:
   /// Throws MP4RemuxError (fileNotFound; ioError for a file that cannot be opened; corruptedMP4 without a `moov` or

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "mp4/MP4BoxUtils.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Error.h"
 #include "presentation/Presentation.h"
 #include "remux/MP4Remuxer.h"
@@ -24,7 +25,7 @@ std::optional<std::string> whyTheVideoIsLeftAlone(FileManager& files, const Path
     if (isFragmented(files, path)) return "it is fragmented: its moov does not list all samples";
     if (isSoundAlone(files, path)) return std::nullopt;
     if (auto tag = MP4Remuxer::detectHEVCTag(files, path)) {
-      if (*tag == "encv") return "the video is encrypted (encv)";
+      if (isEncryptedVideo(*tag)) return fmt::format("the video is encrypted ({})", *tag);
       return fmt::format("video with the tag '{}' is not repaired", *tag);
     }
     return "no video codec was recognised";

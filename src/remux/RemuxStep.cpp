@@ -4,18 +4,15 @@
 #include <string>
 
 #include "mp4/MP4RemuxError.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VideoPlan.h"
-#include "remux/detail/RemuxCodec.h"
+#include "remux/detail/ParameterSetRemux.h"
 
 namespace tarn {
 namespace {
-
-bool isHEVC(std::string_view tag) {
-  return remuxCodecOfTag(tag) == &hevcRemux;
-}
 
 std::optional<std::string> detectCodec(ProcessingRun& run) {
   try {
@@ -28,19 +25,15 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
-void rewrite(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, std::optional<RemuxTimings>& timings) {
+void rewrite(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, std::optional<RemuxTimings>& timings) {
   const auto before = Presentation::readIfPossible(run.files, run.fileURL, "What the file shows cannot be told");
   const AnnouncedChange nothing;
   const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
-  if (isHEVC(tag)) {
-    MP4Remuxer::remuxHEVCWithParameterExtraction(run.files, run.fileURL, run.token.get(), timings, &plan, check);
-  } else {
-    MP4Remuxer::remuxAVCWithParameterExtraction(run.files, run.fileURL, tag, run.token.get(), timings, &plan, check);
-  }
+  remuxWithParameterExtraction(run.files, run.fileURL, codec, run.token.get(), timings, &plan, check);
   for (const std::string& loss : plan.losses) run.warn(loss);
 }
 
-void follow(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, std::optional<RemuxTimings>& timings) {
+void follow(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, std::optional<RemuxTimings>& timings) {
   switch (plan.kind) {
     case VideoPlan::Kind::leavesAlone:
       log("The video is left alone: {}", plan.reason);
@@ -55,7 +48,7 @@ void follow(ProcessingRun& run, const VideoPlan& plan, const std::string& tag, s
     case VideoPlan::Kind::rebuilds:
     case VideoPlan::Kind::splits:
       log("The video's sample entries are made anew: {}", plan.reason);
-      rewrite(run, plan, tag, timings);
+      rewrite(run, plan, codec, timings);
   }
 }
 
@@ -67,42 +60,42 @@ bool isOfTheFile(const Error& error) {
          remuxError->kind() == MP4RemuxError::Case::unsupportedFormat;
 }
 
-void remux(ProcessingRun& run, const std::string& tag) {
-  const std::string_view codec = isHEVC(tag) ? "HEVC" : "AVC";
-  log("Remuxing {} video (codec: {})...", codec, tag);
-  run.timer.start();
-  std::optional<RemuxTimings> timings = RemuxTimings();
-  try {
-    TimingHelper timer;
-    const auto plan = planVideo(run.files, run.fileURL);
-    timings->parameterExtraction = timer.stop();
-    if (plan) follow(run, *plan, tag, timings);
-  } catch (const Error& error) {
-    log("ERROR during {} remuxing: {}", codec, error.description());
-    if (!isOfTheFile(error)) throw;
-    run.warn("the video is left as it is: " + error.description());
-    return;
-  }
-  run.timings.hevcRemuxTotal = run.timer.stop();
-  if (timings) run.timings.hevcRemuxing = *timings;
-  log("{} remuxing completed", codec);
-}
-
 }  // namespace
 
 void RemuxStep::run(ProcessingRun& run) {
+  plan_.reset();
   run.token->throwIfCancelled();
   run.updateProcessingStage(ProcessingStage::remuxing);
   if (auto tag = detectCodec(run)) {
     log("Detected video codec in continueProcessing: {}", *tag);
-    if (remuxCodecOfTag(*tag)) {
-      remux(run, *tag);
+    if (const VideoCodec* codec = codecOfTag(*tag)) {
+      remux(run, *codec, *tag);
     } else {
       log("Codec {} does not require remuxing", *tag);
     }
   }
   run.token->throwIfCancelled();
   run.updateProcessingStage(ProcessingStage::remuxed);
+}
+
+void RemuxStep::remux(ProcessingRun& run, const VideoCodec& codec, const std::string& tag) {
+  log("Remuxing {} video (codec: {})...", codec.name, tag);
+  run.timer.start();
+  std::optional<RemuxTimings> timings = RemuxTimings();
+  try {
+    TimingHelper timer;
+    plan_ = planVideo(run.files, run.fileURL);
+    timings->parameterExtraction = timer.stop();
+    if (plan_) follow(run, *plan_, codec, timings);
+  } catch (const Error& error) {
+    log("ERROR during {} remuxing: {}", codec.name, error.description());
+    if (!isOfTheFile(error)) throw;
+    run.warn("the video is left as it is: " + error.description());
+    return;
+  }
+  run.timings.hevcRemuxTotal = run.timer.stop();
+  if (timings) run.timings.hevcRemuxing = *timings;
+  log("{} remuxing completed", codec.name);
 }
 
 }  // namespace tarn

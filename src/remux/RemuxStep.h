@@ -1,6 +1,11 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
+#include "parameters/VideoCodec.h"
 #include "pipeline/ProcessingStep.h"
+#include "remux/VideoPlan.h"
 
 namespace tarn {
 
@@ -12,6 +17,14 @@ class RemuxStep : public ProcessingStep {
  public:
   ProcessingStage gateStage() const override { return ProcessingStage::remuxing; }
   void run(ProcessingRun& run) override;
+
+  /// What the last run has followed; nothing if there was no plan to make, or none could be made.
+  const std::optional<VideoPlan>& plan() const { return plan_; }
+
+ private:
+  void remux(ProcessingRun& run, const VideoCodec& codec, const std::string& tag);
+
+  std::optional<VideoPlan> plan_;
 };
 
 }  // namespace tarn

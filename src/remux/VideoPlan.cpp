@@ -4,20 +4,16 @@
 
 #include <algorithm>
 #include <set>
-#include <span>
 #include <utility>
 
-#include "mp4/MP4SampleTableParser.h"
-#include "parameters/AVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
-#include "parameters/SegmentList.h"
-#include "parameters/SetRules.h"
+#include "parameters/ParameterScan.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
 #include "remux/detail/MediaLayout.h"
 #include "remux/detail/OpenFile.h"
-#include "remux/detail/RemuxCodec.h"
 #include "remux/detail/VideoEntries.h"
 
 namespace tarn {
@@ -25,54 +21,34 @@ namespace {
 
 using Kind = VideoPlan::Kind;
 
-void reportSegment(size_t number, const ConfigurationSegment& segment) {
-  log("Segment {}: samples {}-{}", number, segment.startSampleIndex, segment.endSampleIndex);
-}
-
-constexpr SegmentRules segmentRules(const ParameterSetRules& sets) {
-  return {.sets = sets,
-          .joinsCompatibleSets = true,
-          .domain = "VideoPlan",
-          .prefix = "",
-          .errorPrefix = "",
-          .reportSegment = reportSegment};
-}
-
-/// True where an entry says what its samples carry. An SPS that differs in its usability information alone is the same
-/// set for a decoder: writers set the shape of a pixel or the frame rate in the entry and leave the samples alone.
-bool isSaid(const ParameterSets& carried, const VideoEntry& entry, const RemuxCodec& codec) {
-  if (areAmong(carried, entry.sets)) return true;
-  if (codec.readableSets.codec.vpsType) return false;
-  ParameterSets others = carried;
-  std::erase_if(others.spsArray, [&](const Bytes& unit) {
-    auto at = static_cast<size_t>(std::ranges::find(carried.spsArray, unit) - carried.spsArray.begin());
-    return std::ranges::any_of(entry.sets.spsRbspArray,
-                               [&](const Bytes& rbsp) { return differInVUIAtMost(carried.spsRbspArray[at], rbsp); });
-  });
-  return areAmong(others, entry.sets);
-}
-
-void addAll(ParameterSetCollector& collector, const ParameterSets& sets) {
-  for (const auto* units : {&sets.vpsArray, &sets.spsArray, &sets.ppsArray}) {
-    for (const Bytes& unit : *units) collector.processNALUnit(unit);
-  }
+MP4SampleTableParser parseTable(FileHandle& file, const MP4BoxInfo& stbl) {
+  MP4SampleTableParser table;
+  table.parseSampleTable(file, stbl);
+  return table;
 }
 
 /// The way from a track's tables to its plan.
 class Planner {
  public:
-  Planner(FileHandle& file, const RemuxCodec& codec, std::vector<VideoEntry> entries, const MP4BoxInfo& stbl)
-      : file_(file), codec_(codec), entries_(std::move(entries)) {
-    table_.parseSampleTable(file, stbl);
-    samples_ = table_.syncSamplesOnly();
-  }
+  Planner(FileHandle& file, const VideoCodec& codec, std::vector<VideoEntry> entries, const MP4BoxInfo& stbl)
+      : file_(file),
+        codec_(codec),
+        entries_(std::move(entries)),
+        scan_(codec, ParameterScan::Purpose::plan, parseTable(file, stbl)) {}
 
   VideoPlan make() {
     if (auto problem = findEntriesInUse()) return {.kind = Kind::cannot, .reason = *problem};
     plan_.nalLengthSize = findNALLengthSize();
-    walk(true);
-    // AVC encoders may put parameter sets behind a slice.
-    if (!plan_.segments.empty() && !areComplete() && !codec_.readableSets.codec.vpsType) walk(false);
+    scan_.read(file_, [this](const SampleInfo& sample) -> std::optional<int> {
+      const VideoEntry& entry = entryOf(sample);
+      if (isForeign(entry)) return std::nullopt;
+      return nalLengthSize(entry);
+    });
+    findSegments();
+    if (!plan_.segments.empty() && !areComplete() && codec_.nal.hasSetsBehindSlices) {
+      scan_.readBehindSlices(file_);
+      findSegments();
+    }
     if (isSaidByEntries_) {
       keepEntries();
     } else {
@@ -84,8 +60,8 @@ class Planner {
  private:
   /// Says what stands in the way, if anything does.
   std::optional<std::string> findEntriesInUse() {
-    std::set<uint32_t> used = table_.usedSampleDescriptionIndices();
-    if (samples_.empty()) used = {1};
+    std::set<uint32_t> used = scan_.table().usedSampleDescriptionIndices();
+    if (scan_.syncSamples().empty()) used = {1};
     for (uint32_t description : used) {
       if (description == 0 || description > entries_.size()) {
         return fmt::format("stsc names sample entry {}, and stsd holds {}", description, entries_.size());
@@ -103,10 +79,10 @@ class Planner {
 
   /// Of another codec: its samples are not looked at.
   bool isForeign(const VideoEntry& entry) const { return !codec_.accepts(entry.tag); }
-  bool isComplete(const VideoEntry& entry) const { return tarn::isComplete(entry.sets, codec_.readableSets.codec); }
+  bool isComplete(const VideoEntry& entry) const { return tarn::isComplete(entry.sets, codec_.nal); }
   bool areComplete() const {
     return std::ranges::all_of(plan_.segments, [&](const ConfigurationSegment& segment) {
-      return tarn::isComplete(segment.sets, codec_.readableSets.codec);
+      return tarn::isComplete(segment.sets, codec_.nal);
     });
   }
 
@@ -119,41 +95,39 @@ class Planner {
     for (const VideoEntry* entry : inUse_) {
       if (isComplete(*entry)) return entry->nalLengthSize;
     }
-    auto voters = std::span(samples_).first(std::min(NALUnitParser::votingSamples, samples_.size()));
-    return codec_.detectNALLengthSize(file_, voters);
+    return scan_.detectNALLengthSize(file_);
   }
 
   const VideoEntry& entryOf(const SampleInfo& sample) const {
-    return entries_[table_.sampleDescriptionIndex(sample.index).value_or(1) - 1];
+    return entries_[scan_.table().sampleDescriptionIndex(sample.index).value_or(1) - 1];
   }
 
   /// Finds the segments, and whether the entries say all that the samples carry.
-  void walk(bool stopsAtSlice) {
-    const SegmentRules rules = segmentRules(codec_.readableSets);
-    const NALWalkRules units{.codec = codec_.readableSets.codec, .stopsAtSlice = stopsAtSlice, .logsDamage = false};
-    SegmentList segments(rules);
-    ParameterSetCollector allCarried(codec_.readableSets);
-    bool areSame = true;
-    isSaidByEntries_ = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
-    size_t unreadable = 0;
-    const VideoEntry* last = nullptr;
-    for (const SampleInfo& sample : samples_) {
-      const VideoEntry& entry = entryOf(sample);
-      if (isForeign(entry)) continue;
-      ParameterSets carried =
-          readCarriedSets(file_, sample, nalLengthSize(entry), units, codec_.readableSets, &unreadable);
-      if (&entry != last) segments.enterSampleEntry(sample.index, entry.sets);
-      last = &entry;
-      segments.addSyncSample(sample.index, carried);
-      areSame = areSame && areAmong(carried, entry.sets);
-      isSaidByEntries_ = isSaidByEntries_ && isSaid(carried, entry, codec_);
-      addAll(allCarried, carried);
-    }
-    if (unreadable > 0) log("Skipping {} parameter sets that no decoder can read or no sample entry hold", unreadable);
-    ParameterSets all = std::move(allCarried).take();
-    if (!areSame && all.requiresMultipleSampleEntries) isSaidByEntries_ = false;
+  void findSegments() {
+    isSaidByEntries_ = areSaidByEntries();
     plan_.segments.clear();
-    if (last != nullptr) plan_.segments = std::move(segments).finish(table_.sampleCount());
+    if (!scan_.hasRead()) return;
+    plan_.segments =
+        scan_.segments(scan_.table().sampleCount(), ParameterScan::Side::both,
+                       [this](const SampleInfo& sample) -> const ParameterSets& { return entryOf(sample).sets; });
+  }
+
+  bool areSaidByEntries() const {
+    bool areSaid = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
+    bool areSame = true;
+    const VideoEntry* last = nullptr;
+    size_t lastSample = 0;
+    for (size_t sample = 0; sample < scan_.syncSamples().size(); ++sample) {
+      if (!scan_.isRead(sample)) continue;
+      const VideoEntry& entry = entryOf(scan_.syncSamples()[sample]);
+      if (&entry == last && scan_.carryTheSame(sample, lastSample)) continue;
+      const ParameterSets carried = scan_.carriedBy(sample);
+      areSame = areSame && areAmong(carried, entry.sets);
+      areSaid = areSaid && tarn::areSaid(carried, entry.sets, codec_);
+      last = &entry;
+      lastSample = sample;
+    }
+    return areSaid && (areSame || !scan_.sets().requiresMultipleSampleEntries);
   }
 
   void keepEntries() {
@@ -174,11 +148,9 @@ class Planner {
   }
 
   void replaceEntries() {
-    ParameterSetCollector collector(codec_.readableSets);
     std::string missing;
     for (const ConfigurationSegment& segment : plan_.segments) {
-      addAll(collector, segment.sets);
-      if (missing.empty()) missing = missingKinds(segment.sets, codec_.readableSets.codec);
+      if (missing.empty()) missing = missingKinds(segment.sets, codec_.nal);
     }
     if (plan_.segments.empty()) missing = "no samples";
     if (!missing.empty()) {
@@ -188,9 +160,8 @@ class Planner {
     bool areOneLength = std::ranges::all_of(
         inUse_, [&](const VideoEntry* entry) { return nalLengthSize(*entry) == plan_.nalLengthSize; });
     if (!areOneLength) return giveUp("the sample entries state different sizes of NAL lengths");
-    ParameterSets all = std::move(collector).take();
     plan_.kind = plan_.segments.size() > 1 || entries_.size() > 1 ? Kind::splits : Kind::rebuilds;
-    plan_.reason = whyReplaced(all);
+    plan_.reason = whyReplaced();
     plan_.hasWholeEntries = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
     for (const VideoEntry* entry : inUse_) {
       for (const std::string& other : entry->others) {
@@ -201,23 +172,34 @@ class Planner {
 
   void giveUp(const std::string& reason) { plan_ = {.kind = Kind::cannot, .reason = reason}; }
 
-  std::string whyReplaced(const ParameterSets& all) const {
-    if (plan_.segments.size() > 1 && all.hasResolutionChanges) return "the picture size changes in mid-stream";
+  std::string whyReplaced() const {
+    if (plan_.segments.size() > 1 && changesPictureSize()) return "the picture size changes in mid-stream";
     if (plan_.segments.size() > 1) return "identifiers of parameter sets come again with other content";
     for (const VideoEntry* entry : inUse_) {
-      std::string missing = missingKinds(entry->sets, codec_.readableSets.codec);
+      std::string missing = missingKinds(entry->sets, codec_.nal);
       if (!missing.empty()) return fmt::format("the sample entry has {}; the samples have them", missing);
     }
     return "the samples carry other parameter sets than the sample entry";
   }
 
+  bool changesPictureSize() const {
+    std::optional<PictureSize> first;
+    for (const ConfigurationSegment& segment : plan_.segments) {
+      for (const Bytes& sps : segment.sets.spsRbspArray) {
+        const auto size = codec_.shownSize(sps);
+        if (first && size && *size != *first) return true;
+        if (!first) first = size;
+      }
+    }
+    return false;
+  }
+
   FileHandle& file_;
-  const RemuxCodec& codec_;
+  const VideoCodec& codec_;
   std::vector<VideoEntry> entries_;
   std::vector<const VideoEntry*> inUse_;  // of the codec
   std::string foreign_;                   // names an entry in use of another codec
-  MP4SampleTableParser table_;
-  std::vector<SampleInfo> samples_;
+  ParameterScan scan_;
   bool isSaidByEntries_ = false;
   VideoPlan plan_;
 };
@@ -232,7 +214,7 @@ std::optional<VideoPlan> planVideo(FileManager& files, const Path& path) {
   auto stsd = stbl ? MP4BoxUtils::findChildBox(*file, *stbl, "stsd") : std::nullopt;
   if (!stsd) throw MP4RemuxError::corruptedMP4("Video track stsd not found");
   auto tag = MP4Remuxer::readVideoCodecFromStsd(*file, *stsd);
-  const RemuxCodec* codec = tag ? remuxCodecOfTag(*tag) : nullptr;
+  const VideoCodec* codec = tag ? codecOfTag(*tag) : nullptr;
   if (!codec) return std::nullopt;
   std::vector<VideoEntry> entries = readVideoEntries(*file, *stsd, *codec);
   if (entries.empty()) throw MP4RemuxError::corruptedMP4("No sample entry can be read");

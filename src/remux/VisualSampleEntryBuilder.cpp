@@ -9,19 +9,12 @@
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
 #include "remux/VisualSampleEntry.h"
+#include "remux/detail/CodecWords.h"
 
 namespace tarn {
 namespace {
 
 constexpr uint64_t tooLargeChild = 0x6400000;
-
-/// What the clones of the codecs differ in.
-struct CloneWords {
-  std::string_view configBox;
-  std::string_view prefix;  ///< of the first and the last log line
-};
-constexpr CloneWords hevcWords{.configBox = "hvcC", .prefix = ""};
-constexpr CloneWords avcWords{.configBox = "avcC", .prefix = "AVC: "};
 
 /// Clean aperture (ISO/IEC 14496-12 12.1.4): the whole picture.
 Bytes createClapBox(const PictureSize& size) {
@@ -57,8 +50,8 @@ std::optional<PictureSize> usableSize(const std::optional<PictureSize>& size) {
 
 class Clone {
  public:
-  Clone(ByteView original, std::string_view target, std::optional<PictureSize> size, const CloneWords& words)
-      : original_(original), target_(target), size_(size), words_(words) {
+  Clone(ByteView original, std::string_view target, std::optional<PictureSize> size, const VideoCodec& codec)
+      : original_(original), target_(target), size_(size), codec_(codec), words_(wordsFor(codec)) {
     if (original.size() < visualSampleEntryFixedSize) {
       throw VisualSampleEntryBuilderError(fmt::format("Sample entry too small: {} bytes", original.size()));
     }
@@ -72,7 +65,7 @@ class Clone {
     ByteWriter(entry_).bytes(original_.first(visualSampleEntryFixedSize));
     copyChildren();
     ByteWriter(entry_).bytes(configBox);
-    log("  Injected new {} box ({} bytes)", words_.configBox, configBox.size());
+    log("  Injected new {} box ({} bytes)", codec_.configBox, configBox.size());
     if (size_) addClap();
     if (entry_.size() > UINT32_MAX) {
       throw VisualSampleEntryBuilderError(fmt::format("Sample entry of {} bytes does not fit a box", entry_.size()));
@@ -87,7 +80,7 @@ class Clone {
   }
 
  private:
-  bool isEncrypted() const { return tag_ == "encv"; }
+  bool isEncrypted() const { return isEncryptedVideo(tag_); }
 
   void copyChildren() {
     BufferBoxWalker walker(original_, visualSampleEntryFixedSize, originalSize_, boxwalk::clonedChildren);
@@ -98,7 +91,7 @@ class Clone {
   }
 
   void copyChild(const std::string& type, ByteView child) {
-    if (type == words_.configBox) {
+    if (type == codec_.configBox) {
       log("  Skipping old {} box ({} bytes)", type, child.size());
     } else if (type == "clap" && size_) {
       replacesClap_ = true;
@@ -129,7 +122,8 @@ class Clone {
   std::string tag_;
   std::string_view target_;
   std::optional<PictureSize> size_;
-  const CloneWords& words_;
+  const VideoCodec& codec_;
+  const CodecWords& words_;
   Bytes entry_;
   bool replacesClap_ = false;
 };
@@ -155,16 +149,21 @@ Bytes VisualSampleEntryBuilder::extractSampleEntry(ByteView stsdData, int64_t en
   return cursor.readBytes(size);
 }
 
+Bytes VisualSampleEntryBuilder::cloneEntry(ByteView originalEntry, ByteView configBox, const VideoCodec& codec,
+                                           std::string_view targetCodecTag, std::optional<PictureSize> size) {
+  return Clone(originalEntry, targetCodecTag, usableSize(size), codec).build(configBox);
+}
+
 Bytes VisualSampleEntryBuilder::cloneEntryWithNewHvcC(ByteView originalEntry, ByteView newHvcCBox,
                                                       std::string_view targetCodecTag,
                                                       std::optional<PictureSize> size) {
-  return Clone(originalEntry, targetCodecTag, usableSize(size), hevcWords).build(newHvcCBox);
+  return cloneEntry(originalEntry, newHvcCBox, VideoCodec::hevc, targetCodecTag, size);
 }
 
 Bytes VisualSampleEntryBuilder::cloneEntryWithNewAvcC(ByteView originalEntry, ByteView newAvcCBox,
                                                       std::string_view targetCodecTag,
                                                       std::optional<PictureSize> size) {
-  return Clone(originalEntry, targetCodecTag, usableSize(size), avcWords).build(newAvcCBox);
+  return cloneEntry(originalEntry, newAvcCBox, VideoCodec::avc, targetCodecTag, size);
 }
 
 }  // namespace tarn

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "parameters/PictureSize.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Bytes.h"
 #include "platform/Error.h"
 
@@ -31,6 +32,8 @@ class VisualSampleEntryBuilder {
   /// and a `clap` of that size (12.1.4) stands last in place of any older one; a size that the 16-bit fields cannot
   /// hold is left out. Children from the first damaged one on are lost, and so is a last one of 8 bytes. Throws
   /// VisualSampleEntryBuilderError for an entry of fewer than 86 bytes and for a result of more than 32 bits.
+  static Bytes cloneEntry(ByteView originalEntry, ByteView configBox, const VideoCodec& codec,
+                          std::string_view targetCodecTag, std::optional<PictureSize> size);
   static Bytes cloneEntryWithNewHvcC(ByteView originalEntry, ByteView newHvcCBox, std::string_view targetCodecTag,
                                      std::optional<PictureSize> size);
   static Bytes cloneEntryWithNewAvcC(ByteView originalEntry, ByteView newAvcCBox, std::string_view targetCodecTag,

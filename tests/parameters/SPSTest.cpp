@@ -3,7 +3,7 @@
 
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCSPSParser.h"
-#include "parameters/ParameterSetCollector.h"
+#include "parameters/detail/ParameterSetCollector.h"
 #include "parameters/detail/RBSPReading.h"
 #include "support/ParameterSetBuilder.h"
 

@@ -58,14 +58,9 @@ class TrialRun {
       forecast.reason = whyTheVideoIsLeftAlone(trial_, path_).value_or("there is no video track");
       return;
     }
-    std::optional<VideoPlan> plan;
+    RemuxStep step;
     try {
-      plan = planVideo(trial_, path_);
-    } catch (const Error&) {
-      // The step fails at the same, and says so.
-    }
-    try {
-      RemuxStep().run(run_);
+      step.run(run_);
     } catch (const std::exception& failure) {
       forecast.kind = RemuxForecast::Kind::refuses;
       forecast.reason = failure.what();
@@ -73,8 +68,9 @@ class TrialRun {
     }
     forecast.changesFile = trial_.isChanged(path_);
     auto result = trial_.open(path_, OpenMode::reading);
-    if (auto video = readVideo(*result)) forecast.entries = std::move(video->entries);
+    if (auto video = readVideo(*result, false)) forecast.entries = std::move(video->entries);
     tellWhatWasDone(forecast);
+    const std::optional<VideoPlan>& plan = step.plan();
     if (plan) forecast.reason = plan->reason;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
     if (!forecast.changesFile && !run_.outcome.leftAlone.empty()) leaveBroken(forecast);

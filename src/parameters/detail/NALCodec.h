@@ -6,11 +6,13 @@
 
 namespace tarn {
 
-/// nal_unit_type of the parameter sets (ITU-T H.265 table 7-1, ITU-T H.264 table 7-1).
+/// nal_unit_type (ITU-T H.265 table 7-1, ITU-T H.264 table 7-1).
 namespace hevcNALType {
 inline constexpr uint8_t vps = 32;
 inline constexpr uint8_t sps = 33;
 inline constexpr uint8_t pps = 34;
+inline constexpr uint8_t prefixSEI = 39;
+inline constexpr uint8_t suffixSEI = 40;
 }  // namespace hevcNALType
 namespace avcNALType {
 inline constexpr uint8_t sps = 7;
@@ -29,9 +31,11 @@ struct NALCodec {
   std::optional<uint8_t> vpsType;  ///< absent where the codec has no VPS
   uint8_t spsType;
   uint8_t ppsType;
+  bool hasSetsBehindSlices;  ///< encoders put parameter sets behind a slice too
 
   uint8_t type(uint8_t firstByte) const { return static_cast<uint8_t>(firstByte >> typeShift & typeMask); }
   bool isSlice(uint8_t type) const { return type >= firstSliceType && type <= lastSliceType; }
+  bool hasKind(ParameterSetKind kind) const { return kind != ParameterSetKind::vps || vpsType; }
   std::optional<ParameterSetKind> parameterSetKind(uint8_t type) const {
     if (type == vpsType) return ParameterSetKind::vps;
     if (type == spsType) return ParameterSetKind::sps;
@@ -48,7 +52,8 @@ inline constexpr NALCodec hevcNALCodec{.headerSize = 2,
                                        .lastSliceType = 31,
                                        .vpsType = hevcNALType::vps,
                                        .spsType = hevcNALType::sps,
-                                       .ppsType = hevcNALType::pps};
+                                       .ppsType = hevcNALType::pps,
+                                       .hasSetsBehindSlices = false};
 
 /// ITU-T H.264 7.3.1. Slices are the types of coded slices and slice data partitions.
 inline constexpr NALCodec avcNALCodec{.headerSize = 1,
@@ -58,6 +63,7 @@ inline constexpr NALCodec avcNALCodec{.headerSize = 1,
                                       .lastSliceType = 5,
                                       .vpsType = std::nullopt,
                                       .spsType = avcNALType::sps,
-                                      .ppsType = avcNALType::pps};
+                                      .ppsType = avcNALType::pps,
+                                      .hasSetsBehindSlices = true};
 
 }  // namespace tarn

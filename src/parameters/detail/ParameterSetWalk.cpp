@@ -29,38 +29,48 @@ void SampleFront::load(uint64_t position, size_t count) {
 }
 
 ParameterSetWalk::ParameterSetWalk(FileHandle& file, const SampleInfo& sample, int nalLengthSize,
-                                   const NALWalkRules& rules)
+                                   const NALWalkRules& rules, uint32_t position)
     : front_(file, sample),
       rules_(rules),
       limit_(std::min(sample.size, searchLimit)),
       lengthSize_(nalLengthSize == 1 || nalLengthSize == 2 || nalLengthSize == 4 ? static_cast<uint64_t>(nalLengthSize)
-                                                                                 : 0) {}
+                                                                                 : 0),
+      position_(position) {}
 
-std::optional<Bytes> ParameterSetWalk::next() {
+std::optional<ParameterSetWalk::Unit> ParameterSetWalk::next() {
   while (position_ < limit_) {
     auto length = readLength();
-    if (!length) return std::nullopt;
+    if (!length) return end();
     if (*length == 0 || *length >= invalidLength) {
       if (rules_.logsDamage) log("Invalid NAL length: {}, skipping sample", *length);
-      return std::nullopt;
+      return end();
     }
     uint64_t start = position_ + lengthSize_;
     ByteView header = front_.at(start, rules_.codec.headerSize);
-    if (header.size() < rules_.codec.headerSize) return std::nullopt;
+    if (header.size() < rules_.codec.headerSize) return end();
     uint8_t type = rules_.codec.type(header[0]);
-    if (rules_.stopsAtSlice && rules_.codec.isSlice(type)) return std::nullopt;
+    if (rules_.codec.isSlice(type)) {
+      if (rules_.stopsAtSlice) return std::nullopt;
+      isBehindSlice_ = true;
+    }
     position_ = start + *length;
     if (!rules_.codec.parameterSetKind(type)) continue;
     if (*length < rules_.codec.headerSize) {
       if (rules_.logsDamage) {
         log("Invalid NAL payload size: {}", int64_t{*length} - static_cast<int64_t>(rules_.codec.headerSize));
       }
-      return std::nullopt;
+      return end();
     }
     ByteView unit = front_.at(start, *length);
-    if (unit.size() < *length) return std::nullopt;
-    return Bytes(unit.begin(), unit.end());
+    if (unit.size() < *length) return end();
+    return Unit{.bytes = {unit.begin(), unit.end()}, .isBehindSlice = isBehindSlice_};
   }
+  return std::nullopt;
+}
+
+/// What follows damage is not looked at.
+std::nullopt_t ParameterSetWalk::end() {
+  position_ = limit_;
   return std::nullopt;
 }
 

@@ -49,21 +49,32 @@ class ParameterSetWalk {
   /// A NAL length from this on counts as damage.
   static constexpr uint32_t invalidLength = 0xA00000;
 
-  /// `nalLengthSize` is 1, 2 or 4 bytes; with any other there is no unit. The file must outlive the walk.
-  ParameterSetWalk(FileHandle& file, const SampleInfo& sample, int nalLengthSize, const NALWalkRules& rules);
+  struct Unit {
+    Bytes bytes;                 ///< as stored, header and emulation prevention bytes included
+    bool isBehindSlice = false;  ///< a slice of the sample is ahead of it
+  };
 
-  /// The next parameter set as stored, header and emulation prevention bytes included; nothing at the end of the walk,
-  /// after which it must not be asked again.
-  std::optional<Bytes> next();
+  /// `nalLengthSize` is 1, 2 or 4 bytes; with any other there is no unit. The walk begins at `position` in the sample.
+  /// The file must outlive it.
+  ParameterSetWalk(FileHandle& file, const SampleInfo& sample, int nalLengthSize, const NALWalkRules& rules,
+                   uint32_t position = 0);
+
+  /// The next parameter set; nothing at the end of the walk.
+  std::optional<Unit> next();
+
+  /// Where the walk stands in the sample. A walk that has stopped at a slice can be gone on with from there.
+  uint32_t position() const { return static_cast<uint32_t>(position_); }
 
  private:
   std::optional<uint32_t> readLength();
+  std::nullopt_t end();
 
   SampleFront front_;
   NALWalkRules rules_;
   uint32_t limit_;
   uint64_t lengthSize_;
-  uint64_t position_ = 0;
+  uint64_t position_;
+  bool isBehindSlice_ = false;
 };
 
 }  // namespace tarn

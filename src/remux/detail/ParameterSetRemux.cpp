@@ -1,3 +1,5 @@
+#include "remux/detail/ParameterSetRemux.h"
+
 #include <fmt/ranges.h>
 
 #include <memory>
@@ -9,11 +11,13 @@
 #include "movie/MoovCheck.h"
 #include "movie/MovieError.h"
 #include "mp4/DataExtensions.h"
+#include "parameters/ParameterScan.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/VideoPlan.h"
+#include "remux/detail/CodecWords.h"
 #include "remux/detail/OpenFile.h"
-#include "remux/detail/RemuxCodec.h"
+#include "remux/detail/SampleEntryInjection.h"
+#include "remux/detail/SeveralEntries.h"
 
 namespace tarn {
 namespace {
@@ -29,16 +33,16 @@ uint64_t requireSize(FileManager& files, const Path& fileURL) {
 }
 
 /// The new file stands beside the old one for a while, and room must be left.
-void checkDiskSpace(FileManager& files, uint64_t fileSize, const RemuxCodec& codec) {
+void checkDiskSpace(FileManager& files, uint64_t fileSize, const CodecWords& words) {
   auto free = files.freeSpace(files.temporaryDirectory());
   if (!free) return;
   uint64_t available = *free >> 20;
   uint64_t required = fileSize >> 19;
   if (fileSize >= *free / 2 + *free % 2) {
     throw MP4RemuxError::writeError(fmt::format("Insufficient disk space: need {}MB, have {}MB available.{}", required,
-                                                available, codec.diskAdvice));
+                                                available, words.diskAdvice));
   }
-  log("{}Disk space check: {}MB available, {}MB required{}", codec.prefix, available, required, codec.diskCheckEnd);
+  log("{}Disk space check: {}MB available, {}MB required{}", words.prefix, available, required, words.diskCheckEnd);
 }
 
 struct Moov {
@@ -63,7 +67,7 @@ MP4RemuxError corrupted(std::string_view problem, const MP4BoxInfo& moov) {
 }
 
 /// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
-Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
+Moov readMoov(FileHandle& file, const CodecWords& words) {
   auto box = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
   if (box->headerSize != 8) throw corrupted("has a 64-bit size field", *box);
@@ -76,7 +80,7 @@ Moov readMoov(FileHandle& file, const RemuxCodec& codec) {
   } catch (const MovieError& problem) {
     throw MP4RemuxError::corruptedMP4(problem.description());
   }
-  log("{}Read moov box ({} bytes)", codec.prefix, bytes.size());
+  log("{}Read moov box ({} bytes)", words.prefix, bytes.size());
   return {*std::move(box), std::move(bytes)};
 }
 
@@ -90,12 +94,12 @@ std::string pictureSizes(const ParameterSets& sets) {
 
 /// One sample entry cannot describe a stream whose picture size changes or whose identifiers come again with other
 /// parameter sets.
-bool needsSeveralEntries(const ParameterSets& sets, const RemuxCodec& codec) {
+bool needsSeveralEntries(const ParameterSets& sets, const CodecWords& words) {
   if (sets.hasResolutionChanges) {
-    log("{}INFO: Video has dynamic resolution changes: {}", codec.donePrefix, pictureSizes(sets));
+    log("{}INFO: Video has dynamic resolution changes: {}", words.donePrefix, pictureSizes(sets));
   }
   if (sets.requiresMultipleSampleEntries) {
-    log("{}INFO: Parameter set IDs are reused with different content", codec.donePrefix);
+    log("{}INFO: Parameter set IDs are reused with different content", words.donePrefix);
   }
   return sets.hasResolutionChanges || sets.requiresMultipleSampleEntries;
 }
@@ -106,7 +110,8 @@ struct Work {
   const Path& fileURL;
   const CancellationToken* token;
   RemuxTimings& timings;
-  const RemuxCodec& codec;
+  const VideoCodec& codec;
+  const CodecWords& words;
   const VideoPlan* plan;  ///< null where the worker scans the stream for itself
   const RewriteCheck& check;
 };
@@ -115,6 +120,7 @@ struct Work {
 struct Contents {
   ExtractedParameterSets extracted = {};            ///< of one entry
   std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found
+  std::optional<ParameterScan> scan = {};           ///< in this one
   bool areSeveral = false;
 };
 
@@ -128,35 +134,38 @@ Contents findContents(const Work& work) {
     return contents;
   }
   TimingHelper timer;
-  log("{}{}", work.codec.prefix, work.codec.extractText);
-  Contents contents{.extracted = work.codec.extract(work.files, work.fileURL)};
+  log("{}{}", work.words.prefix, work.words.extractText);
+  Contents contents;
+  contents.scan.emplace(ParameterScan::ofFile(work.files, work.fileURL, work.codec));
+  contents.extracted = contents.scan->extract();
   work.timings.parameterExtraction = timer.stop();
-  contents.areSeveral = needsSeveralEntries(contents.extracted.sets, work.codec);
+  contents.areSeveral = needsSeveralEntries(contents.extracted.sets, work.words);
   return contents;
 }
 
 /// The `moov` with the only configuration in the first sample entry.
 Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets& extracted) {
-  const RemuxCodec& codec = work.codec;
+  const VideoCodec& codec = work.codec;
+  const CodecWords& words = work.words;
   TimingHelper timer;
-  log("{}Building {}...", codec.prefix, codec.recordName);
-  Bytes configBox = codec.buildConfigBox(extracted);
+  log("{}Building {}...", words.prefix, words.recordName);
+  Bytes configBox = codec.buildConfigBox(extracted.sets, extracted.nalLengthSize);
   work.timings.buildHvcC = timer.stop();
-  log("{}Built {} box ({} bytes)", codec.prefix, codec.configBox, configBox.size());
+  log("{}Built {} box ({} bytes)", words.prefix, codec.configBox, configBox.size());
 
   timer.start();
   Bytes newMoov = injectConfigBoxIntoMoov(moov.bytes, configBox, codec);
   work.timings.injectHvcC = timer.stop();
   auto delta = static_cast<int64_t>(newMoov.size()) - static_cast<int64_t>(moov.bytes.size());
-  log("{}Modified moov box ({} bytes, delta: +{})", codec.prefix, newMoov.size(), delta);
+  log("{}Modified moov box ({} bytes, delta: +{})", words.prefix, newMoov.size(), delta);
   return newMoov;
 }
 
 /// True where the first sample entry says what it must, now that its tag does.
 bool repairTag(const Work& work) {
-  log("{}Attempting Phase 1 first...", work.codec.prefix);
+  log("{}Attempting Phase 1 first...", work.words.prefix);
   bool isDone = MP4Remuxer::remuxAVCTag(work.files, work.fileURL, work.codec.inBandTag);
-  log("{}{}", work.codec.prefix,
+  log("{}{}", work.words.prefix,
       isDone ? "Phase 1 succeeded, no full remux needed" : "Phase 1 failed, proceeding with full Phase 2 remux...");
   return isDone;
 }
@@ -167,24 +176,25 @@ std::optional<VideoPlan> planOfChanges(const Work& work) {
   try {
     auto plan = planVideo(work.files, work.fileURL);
     if (!plan || !plan->hasWholeEntries || plan->segments.empty()) return std::nullopt;
-    log("{}INFO: {}", work.codec.donePrefix, plan->reason);
+    log("{}INFO: {}", work.words.donePrefix, plan->reason);
     return plan;
   } catch (const PosixError&) {
     throw;
   } catch (const Error& error) {
-    log("{}The parameter sets of the samples cannot be read: {}", work.codec.prefix, error.description());
+    log("{}The parameter sets of the samples cannot be read: {}", work.words.prefix, error.description());
     return std::nullopt;
   }
 }
 
 void remux(Work work, std::optional<RemuxTimings>& timings) {
-  const RemuxCodec& codec = work.codec;
-  log("{}{}", codec.prefix, codec.startText);
+  const VideoCodec& codec = work.codec;
+  const CodecWords& words = work.words;
+  log("{}{}", words.prefix, words.startText);
   throwIfCancelled(work.token);
   if (!work.files.fileExists(work.fileURL)) throw MP4RemuxError::fileNotFound();
-  checkDiskSpace(work.files, requireSize(work.files, work.fileURL), codec);
+  checkDiskSpace(work.files, requireSize(work.files, work.fileURL), words);
   std::optional<VideoPlan> changes;
-  if (work.plan == nullptr && codec.triesTagRepair) {
+  if (work.plan == nullptr && codec.hasTagRepair) {
     changes = planOfChanges(work);
     if (changes) work.plan = &*changes;
     if (!changes && repairTag(work)) return;
@@ -193,46 +203,51 @@ void remux(Work work, std::optional<RemuxTimings>& timings) {
   throwIfCancelled(work.token);
 
   TimingHelper timer;
-  log("{}Reading MP4 structure...", codec.prefix);
+  log("{}Reading MP4 structure...", words.prefix);
   auto file = openFile(work.files, work.fileURL, OpenMode::reading, "Cannot open file");
-  const Moov moov = readMoov(*file, codec);
+  const Moov moov = readMoov(*file, words);
   timings->readMoov = timer.stop();
   if (contents.areSeveral) {
-    logLine(codec.severalEntriesText);
+    logLine(words.severalEntriesText);
     timings->isMultipleSampleEntries = true;
-    codec.remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize,
-                                  *file, timings, contents.segments, work.check);
-    logLine(codec.severalEntriesDone);
+    remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize, *file,
+                            timings, contents.segments, contents.scan ? &*contents.scan : nullptr, work.check, codec);
+    logLine(words.severalEntriesDone);
     return;
   }
   Bytes newMoov = buildMoov(work, moov, contents.extracted);
   throwIfCancelled(work.token);
   if (newMoov == moov.bytes) {
-    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    log("{}The new moov is the old one, nothing is written", words.prefix);
     return;
   }
   timer.start();
   MP4Remuxer::writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
   timings->writeAtomicMP4 = timer.stop();
-  log("{}Phase 2 complete: Video remuxed successfully", codec.donePrefix);
+  log("{}Phase 2 complete: Video remuxed successfully", words.donePrefix);
 }
 
 }  // namespace
+
+void remuxWithParameterExtraction(FileManager& files, const Path& path, const VideoCodec& codec,
+                                  const CancellationToken* token, std::optional<RemuxTimings>& timings,
+                                  const VideoPlan* plan, const RewriteCheck& check) {
+  if (!timings) timings.emplace();
+  remux({files, path, token, *timings, codec, wordsFor(codec), plan, check}, timings);
+}
 
 void MP4Remuxer::remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
                                                   const CancellationToken* cancellationToken,
                                                   std::optional<RemuxTimings>& timings, const VideoPlan* plan,
                                                   const RewriteCheck& check) {
-  if (!timings) timings.emplace();
-  remux({files, fileURL, cancellationToken, *timings, hevcRemux, plan, check}, timings);
+  remuxWithParameterExtraction(files, fileURL, VideoCodec::hevc, cancellationToken, timings, plan, check);
 }
 
 void MP4Remuxer::remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/,
                                                  const CancellationToken* cancellationToken,
                                                  std::optional<RemuxTimings>& timings, const VideoPlan* plan,
                                                  const RewriteCheck& check) {
-  if (!timings) timings.emplace();
-  remux({files, fileURL, cancellationToken, *timings, avcRemux, plan, check}, timings);
+  remuxWithParameterExtraction(files, fileURL, VideoCodec::avc, cancellationToken, timings, plan, check);
 }
 
 }  // namespace tarn

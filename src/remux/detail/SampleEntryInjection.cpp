@@ -1,3 +1,5 @@
+#include "remux/detail/SampleEntryInjection.h"
+
 #include <algorithm>
 #include <span>
 #include <string>
@@ -8,8 +10,8 @@
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
+#include "remux/detail/CodecWords.h"
 #include "remux/detail/MoovSearch.h"
-#include "remux/detail/RemuxCodec.h"
 
 namespace tarn {
 namespace {
@@ -27,12 +29,12 @@ struct Entry {
   size_t children() const { return offset + visualSampleEntryFixedSize; }
 };
 
-Entry findEntry(ByteView moov, const RemuxCodec& codec) {
+Entry findEntry(ByteView moov, const VideoCodec& codec) {
   if (moov.size() < 8) throw ByteArrayError::invalidOffset();
   size_t tracks = findBoxes(moov, "trak", 8, moov.size()).size();
   if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak boxes found in moov");
   auto trak = findVideoTrak(moov);
-  if (!trak) throw codec.noVideoTrack(tracks);
+  if (!trak) throw wordsFor(codec).noVideoTrack(tracks);
 
   size_t stsd = MP4Remuxer::findStsdOffsetInTrak(moov, *trak);
   if (readUInt32(moov, stsd + stsdCountInBox).value_or(0) == 0) {
@@ -42,7 +44,7 @@ Entry findEntry(ByteView moov, const RemuxCodec& codec) {
   ByteArray cursor(moov);
   cursor.position = offset;
   Entry entry{.trak = *trak, .offset = offset, .size = cursor.readUInt32(), .tag = cursor.readUTF8Bytes(4)};
-  if (!codec.accepts(entry.tag)) throw codec.wrongTag(entry.tag);
+  if (!codec.accepts(entry.tag)) throw wordsFor(codec).wrongTag(entry.tag);
   if (entry.size < visualSampleEntryFixedSize) throw MP4RemuxError::corruptedMP4("Sample entry too small");
   size_t stsdEnd = std::min<size_t>(stsd + *readUInt32(moov, stsd), moov.size());
   if (entry.end() > stsdEnd) {
@@ -53,23 +55,25 @@ Entry findEntry(ByteView moov, const RemuxCodec& codec) {
   return entry;
 }
 
-void logTrackType(const Entry& entry, const RemuxCodec& codec) {
+void logTrackType(const Entry& entry, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
   std::string note;
-  if (RemuxCodec::isEncrypted(entry.tag)) note = " (encrypted)";
+  if (isEncryptedVideo(entry.tag)) note = " (encrypted)";
   if (entry.tag == codec.tag) note = fmt::format(" (already {}, will rebuild {})", codec.tag, codec.configBox);
-  log("{}Verified video track type: {}{}", codec.prefix, entry.tag, note);
+  log("{}Verified video track type: {}{}", words.prefix, entry.tag, note);
 }
 
 /// The first walk, which only tells of the configuration boxes that are there.
-void logOldConfigBoxes(ByteView moov, const Entry& entry, const RemuxCodec& codec) {
-  log("{}Scanning for existing child boxes in range {}..{}", codec.prefix, entry.children(), entry.end());
+void logOldConfigBoxes(ByteView moov, const Entry& entry, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
+  log("{}Scanning for existing child boxes in range {}..{}", words.prefix, entry.children(), entry.end());
   BufferBoxWalker walker(moov, entry.children(), entry.end(), boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
-    if (!codec.isOldConfigBox(child->type)) continue;
-    std::string_view what = codec.logsWalk ? "decoder config box: " : "";
-    log("{}Found existing {}{} at offset {}, size {}", codec.prefix, what, child->type, child->offset, child->size);
+    if (!codec.isConfigBox(child->type)) continue;
+    std::string_view what = words.logsDetails ? "decoder config box: " : "";
+    log("{}Found existing {}{} at offset {}, size {}", words.prefix, what, child->type, child->offset, child->size);
   }
-  if (!codec.logsWalk) return;
+  if (!words.logsDetails) return;
   const BoxWalkStop& stop = walker.stop();
   if (stop.reason == Reason::badSize) log("Reached end of child boxes during scan (size={})", stop.size);
   if (stop.reason == Reason::badType) logLine("Invalid child box type during scan, stopping");
@@ -77,46 +81,49 @@ void logOldConfigBoxes(ByteView moov, const Entry& entry, const RemuxCodec& code
 }
 
 /// The second walk: appends the children that stay. What stands behind the first damaged one is dropped.
-void copyChildren(ByteView moov, const Entry& entry, const RemuxCodec& codec, Bytes& target) {
+void copyChildren(ByteView moov, const Entry& entry, const VideoCodec& codec, Bytes& target) {
+  const CodecWords& words = wordsFor(codec);
   BufferBoxWalker walker(moov, entry.children(), entry.end(), boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
     ByteView bytes = moov.subspan(static_cast<size_t>(child->offset), static_cast<size_t>(child->size));
-    if (codec.isOldConfigBox(child->type)) {
-      std::string_view what = codec.logsWalk ? "decoder config box: " : "";
-      log("{}Skipping old {}{} ({} bytes)", codec.prefix, what, child->type, child->size);
-    } else if (child->type == "sinf" && RemuxCodec::isEncrypted(entry.tag)) {
+    if (codec.isConfigBox(child->type)) {
+      std::string_view what = words.logsDetails ? "decoder config box: " : "";
+      log("{}Skipping old {}{} ({} bytes)", words.prefix, what, child->type, child->size);
+    } else if (child->type == "sinf" && isEncryptedVideo(entry.tag)) {
       ByteWriter(target).bytes(MP4Remuxer::updateFrmaInSinfData(bytes, codec.tag));
       log("Updated sinf box with frma → {} ({} bytes)", codec.tag, child->size);
     } else {
       ByteWriter(target).bytes(bytes);
-      log("{}Copied child box: {}, size {}", codec.prefix, child->type, child->size);
+      log("{}Copied child box: {}, size {}", words.prefix, child->type, child->size);
     }
   }
-  if (!codec.logsWalk) return;
+  if (!words.logsDetails) return;
   const BoxWalkStop& stop = walker.stop();
   if (stop.reason == Reason::badSize) log("Reached end of child boxes (size={})", stop.size);
   if (stop.reason == Reason::badType) log("Invalid child box type '{}', stopping scan", stop.type);
   if (stop.reason == Reason::overrun) logLine("Child box extends beyond sample entry boundary, stopping");
 }
 
-void writeTag(std::span<uint8_t> entryBytes, const Entry& entry, const RemuxCodec& codec) {
-  if (RemuxCodec::isEncrypted(entry.tag)) {
+void writeTag(std::span<uint8_t> entryBytes, const Entry& entry, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
+  if (isEncryptedVideo(entry.tag)) {
     log("Keeping {} codec tag (encrypted video)", entry.tag);
     return;
   }
   std::ranges::copy(bytesOf(codec.tag), entryBytes.subspan(sampleEntryTypeInBox).begin());
   if (entry.tag != codec.tag) {
-    log("{}Changed codec tag: {} → {}", codec.prefix, entry.tag, codec.tag);
+    log("{}Changed codec tag: {} → {}", words.prefix, entry.tag, codec.tag);
   } else {
-    log("{}Keeping codec tag: {} (rebuilt {}{})", codec.prefix, codec.tag, codec.configBox,
-        codec.logsWalk ? " with complete parameter sets" : "");
+    log("{}Keeping codec tag: {} (rebuilt {}{})", words.prefix, codec.tag, codec.configBox,
+        words.logsDetails ? " with complete parameter sets" : "");
   }
 }
 
-Bytes buildEntry(ByteView moov, const Entry& entry, ByteView configBox, const RemuxCodec& codec) {
+Bytes buildEntry(ByteView moov, const Entry& entry, ByteView configBox, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
   Bytes result;
   ByteWriter(result).bytes(moov.subspan(entry.offset, visualSampleEntryFixedSize)).bytes(configBox);
-  log("{}Injected new {} box ({} bytes)", codec.prefix, codec.configBox, configBox.size());
+  log("{}Injected new {} box ({} bytes)", words.prefix, codec.configBox, configBox.size());
   copyChildren(moov, entry, codec, result);
   if (result.size() > UINT32_MAX) throw MP4RemuxError::corruptedMP4("Sample entry does not fit its size field");
   writeUInt32(result, static_cast<uint32_t>(result.size()), 0);
@@ -126,15 +133,16 @@ Bytes buildEntry(ByteView moov, const Entry& entry, ByteView configBox, const Re
 
 }  // namespace
 
-Bytes injectConfigBoxIntoMoov(ByteView moov, ByteView configBox, const RemuxCodec& codec) {
+Bytes injectConfigBoxIntoMoov(ByteView moov, ByteView configBox, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
   Entry entry = findEntry(moov, codec);
   logTrackType(entry, codec);
   logOldConfigBoxes(moov, entry, codec);
   Bytes newEntry = buildEntry(moov, entry, configBox, codec);
   int64_t delta = static_cast<int64_t>(newEntry.size()) - static_cast<int64_t>(entry.size);
-  log("{}New sample entry size: {} (was {})", codec.prefix, newEntry.size(), entry.size);
-  log("{}Net size change: {} bytes{}", codec.prefix, delta,
-      codec.logsWalk ? fmt::format(" (old: {}, new: {})", entry.size, newEntry.size()) : "");
+  log("{}New sample entry size: {} (was {})", words.prefix, newEntry.size(), entry.size);
+  log("{}Net size change: {} bytes{}", words.prefix, delta,
+      words.logsDetails ? fmt::format(" (old: {}, new: {})", entry.size, newEntry.size()) : "");
 
   Bytes result;
   result.reserve(moov.size() - entry.size + newEntry.size());
@@ -142,17 +150,17 @@ Bytes injectConfigBoxIntoMoov(ByteView moov, ByteView configBox, const RemuxCode
   if (delta != 0) {
     MP4Remuxer::updateParentBoxSizes(result, delta, entry.trak);
   } else {
-    log("{}Sample entry size unchanged, skipping parent box updates", codec.prefix);
+    log("{}Sample entry size unchanged, skipping parent box updates", words.prefix);
   }
   return result;
 }
 
 Bytes MP4Remuxer::injectHvcCBoxIntoMoov(ByteView moovData, ByteView hvcCBox) {
-  return injectConfigBoxIntoMoov(moovData, hvcCBox, hevcRemux);
+  return injectConfigBoxIntoMoov(moovData, hvcCBox, VideoCodec::hevc);
 }
 
 Bytes MP4Remuxer::injectAvcCBoxIntoMoov(ByteView moovData, ByteView avcCBox) {
-  return injectConfigBoxIntoMoov(moovData, avcCBox, avcRemux);
+  return injectConfigBoxIntoMoov(moovData, avcCBox, VideoCodec::avc);
 }
 
 Bytes MP4Remuxer::updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec) {

@@ -1,3 +1,5 @@
+#include "remux/detail/SeveralEntries.h"
+
 #include <algorithm>
 #include <map>
 #include <optional>
@@ -7,17 +9,12 @@
 #include <vector>
 
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/AVCConfigurationBox.h"
-#include "parameters/HEVCConfigurationBox.h"
-#include "parameters/HEVCConfigurationSegment.h"
-#include "parameters/NALUnitParser.h"
-#include "parameters/SetRules.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
 #include "remux/VisualSampleEntryBuilder.h"
+#include "remux/detail/CodecWords.h"
 #include "remux/detail/MediaLayout.h"
-#include "remux/detail/RemuxCodec.h"
 #include "remux/detail/SampleTableReplacement.h"
 #include "remux/detail/VideoEntries.h"
 
@@ -26,131 +23,84 @@ namespace {
 
 using Segments = std::vector<ConfigurationSegment>;
 
-/// All that one codec has of its own.
-struct Codec {
-  const RemuxCodec& remux;
-  std::string_view heading;
-  std::string_view prefix;  ///< of the log lines
-  std::string_view tag;     ///< of the new sample entries
-  bool logsDetails;         ///< tells of the template and of the new tables
-  Segments (*detectSegments)(FileHandle& file, std::span<const SampleInfo> syncSamples, int nalLengthSize,
-                             int64_t totalSampleCount, const ParameterSets& ofSampleEntry);
-  Bytes (*buildConfigBox)(const ConfigurationSegment& segment, int nalLengthSize);
-  /// The size that the segment's entry shall state; nothing where that of the template stays.
-  std::optional<PictureSize> (*pictureSize)(const ConfigurationSegment& segment, size_t number, bool isPlanned);
-  Bytes (*cloneEntry)(ByteView originalEntry, ByteView configBox, std::string_view targetCodecTag,
-                      std::optional<PictureSize> size);
-};
-
-Bytes buildHvcC(const ConfigurationSegment& s, int nalLengthSize) {
-  return HEVCConfigurationBox(s.sets.vpsArray, s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize,
-                              true)
-      .buildHvcCBox();
-}
-
-Bytes buildAvcC(const ConfigurationSegment& s, int nalLengthSize) {
-  return AVCConfigurationBox(s.sets.spsArray, s.sets.ppsArray, s.sets.spsRbspArray, nalLengthSize).buildAvcCBox();
-}
-
-bool isEmpty(const PictureSize& size) {
-  return size.width < 1 || size.height < 1;
-}
-
-std::optional<PictureSize> hevcPictureSize(const ConfigurationSegment& segment, size_t number, bool isPlanned) {
+/// The size that the segment's entry shall state; nothing if that of the template stays. A plan's entries state the
+/// size that is shown.
+std::optional<PictureSize> pictureSize(const ConfigurationSegment& segment, size_t number, bool isPlanned,
+                                       const VideoCodec& codec) {
   if (segment.sets.spsRbspArray.empty()) return std::nullopt;
+  const CodecWords& words = wordsFor(codec);
   const Bytes& sps = segment.sets.spsRbspArray.front();
-  auto size = isPlanned ? NALUnitParser::parseShownSize(sps) : NALUnitParser::parseSPSResolution(sps);
+  auto size = isPlanned ? codec.shownSize(sps) : codec.pictureSize(sps);
   if (!size) {
-    log("  WARNING: Could not parse SPS resolution for segment {}", number);
+    if (words.logsDetails) log("  WARNING: Could not parse SPS resolution for segment {}", number);
     return std::nullopt;
   }
-  if (isEmpty(*size)) {
-    log("  WARNING: Invalid dimensions {}x{} for segment {} - skipping dimension override", size->width, size->height,
-        number);
+  if (size->width < 1 || size->height < 1) {
+    if (words.logsDetails) {
+      log("  WARNING: Invalid dimensions {}x{} for segment {} - skipping dimension override", size->width, size->height,
+          number);
+    }
     return std::nullopt;
   }
-  log("  Segment resolution: {}x{}", size->width, size->height);
+  log("  {}Segment resolution: {}x{}", words.donePrefix, size->width, size->height);
   return size;
 }
-
-std::optional<PictureSize> avcPictureSize(const ConfigurationSegment& segment, size_t /*number*/, bool /*isPlanned*/) {
-  if (segment.sets.spsRbspArray.empty()) return std::nullopt;
-  auto size = AVCConfigurationBox::parseSPSResolution(segment.sets.spsRbspArray.front());
-  if (!size || isEmpty(*size)) return std::nullopt;
-  log("  AVC Segment resolution: {}x{}", size->width, size->height);
-  return size;
-}
-
-const Codec hevc{
-    .remux = hevcRemux,
-    .heading = "\n=== Multiple Sample Entries Remuxing (Option 2) ===",
-    .prefix = "",
-    .tag = "hvc1",
-    .logsDetails = true,
-    .detectSegments = HEVCConfigurationSegmentDetector::detectSegments,
-    .buildConfigBox = buildHvcC,
-    .pictureSize = hevcPictureSize,
-    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewHvcC,
-};
-
-const Codec avc{
-    .remux = avcRemux,
-    .heading = "\n=== AVC Multiple Sample Entries Remuxing ===",
-    .prefix = "AVC: ",
-    .tag = "avc1",
-    .logsDetails = false,
-    .detectSegments = AVCConfigurationSegmentDetector::detectSegments,
-    .buildConfigBox = buildAvcC,
-    .pictureSize = avcPictureSize,
-    .cloneEntry = VisualSampleEntryBuilder::cloneEntryWithNewAvcC,
-};
 
 /// The way from a `moov` to one that has an entry for each segment.
 class Redescription {
  public:
   Redescription(const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize, FileHandle& file, RemuxTimings& timings,
-                const Codec& codec)
-      : moovBox_(moovBox), moov_(moov), nalLengthSize_(nalLengthSize), file_(file), timings_(timings), codec_(codec) {}
+                const VideoCodec& codec)
+      : moovBox_(moovBox),
+        moov_(moov),
+        nalLengthSize_(nalLengthSize),
+        file_(file),
+        timings_(timings),
+        codec_(codec),
+        words_(wordsFor(codec)) {}
 
-  /// Detects the segments where no plan gives them.
-  Bytes buildNewMoov(Segments segments) {
+  /// Detects the segments where no plan gives them, in the scan if there is one.
+  Bytes buildNewMoov(Segments segments, const ParameterScan* scan) {
     parseTable();
     isPlanned_ = !segments.empty();
-    if (!isPlanned_) segments = detectSegments();
+    if (!isPlanned_) segments = detectSegments(scan);
     for (ConfigurationSegment& segment : segments) dropTooLongSets(segment.sets);
     buildEntries(segments);
     rebuildTables();
     table_ = {};
 
     TimingHelper timer;
-    log("{}Building new moov...", codec_.prefix);
+    log("{}Building new moov...", words_.prefix);
     Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries_, stsc_, chunkOffsets_);
     timings_.buildNewMoov = timer.stop();
-    log("{}New moov size: {} bytes (was {} bytes)", codec_.prefix, moov.size(), moov_.size());
+    log("{}New moov size: {} bytes (was {} bytes)", words_.prefix, moov.size(), moov_.size());
     return moov;
   }
 
  private:
   void parseTable() {
     TimingHelper timer;
-    log("{}Parsing sample table...", codec_.prefix);
+    log("{}Parsing sample table...", words_.prefix);
     stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
     table_.parseSampleTable(file_, {.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"});
     stsd_ = MP4Remuxer::extractStsdBoxFromMoov(moov_);
     timings_.parseSampleTable = timer.stop();
   }
 
-  Segments detectSegments() {
+  Segments detectSegments(const ParameterScan* scan) {
     TimingHelper timer;
     auto syncSamples = table_.syncSamplesOnly();
-    log("{}Total samples: {}, sync samples: {}", codec_.prefix, table_.sampleCount(), syncSamples.size());
-    log("{}Detecting configuration segments...", codec_.prefix);
+    log("{}Total samples: {}, sync samples: {}", words_.prefix, table_.sampleCount(), syncSamples.size());
+    log("{}Detecting configuration segments...", words_.prefix);
     ParameterSets atStart;
     if (!syncSamples.empty()) atStart = setsOfEntry(descriptionOf(syncSamples.front().index));
-    int64_t total = table_.sampleCount();
-    Segments segments = codec_.detectSegments(file_, syncSamples, nalLengthSize_, total, atStart);
+    const int64_t total = table_.sampleCount();
+    Segments segments = scan != nullptr
+                            ? scan->segments(total, ParameterScan::Side::aheadOfSlices,
+                                             [&](const SampleInfo&) -> const ParameterSets& { return atStart; })
+                            : tarn::detectSegments(file_, syncSamples, nalLengthSize_, total, atStart, codec_);
     timings_.detectSegments = timer.stop();
-    log("{}Detected {} configuration segment(s)", codec_.prefix, segments.size());
+    log("{}Detected {} configuration segment(s)", words_.prefix, segments.size());
     return segments;
   }
 
@@ -160,16 +110,16 @@ class Redescription {
   ParameterSets setsOfEntry(int64_t description) {
     const MP4BoxInfo stbl{.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"};
     auto stsd = MP4BoxUtils::findChildBox(file_, stbl, "stsd");
-    auto entries = stsd ? readVideoEntries(file_, *stsd, codec_.remux) : std::vector<VideoEntry>();
+    auto entries = stsd ? readVideoEntries(file_, *stsd, codec_) : std::vector<VideoEntry>();
     if (description < 1 || static_cast<uint64_t>(description) > entries.size()) return {};
     ParameterSets& sets = entries[static_cast<size_t>(description) - 1].sets;
-    return isComplete(sets, codec_.remux.readableSets.codec) ? std::move(sets) : ParameterSets();
+    return isComplete(sets, codec_.nal) ? std::move(sets) : ParameterSets();
   }
 
   /// The sample entry that a segment has now.
   Bytes findTemplate(const ConfigurationSegment& segment) {
     int64_t description = descriptionOf(segment.firstSyncSampleIndex);
-    if (codec_.logsDetails) {
+    if (words_.logsDetails) {
       log("Using sample description index {} (entry {}) as template", description, description - 1);
     }
     return VisualSampleEntryBuilder::extractSampleEntry(stsd_, description - 1);
@@ -178,15 +128,16 @@ class Redescription {
   /// Makes the entries, and notes which one describes which samples.
   void buildEntries(const Segments& segments) {
     TimingHelper timer;
-    log("{}Building {} sample entries...", codec_.prefix, segments.size());
+    log("{}Building {} sample entries...", words_.prefix, segments.size());
     for (size_t i = 0; i < segments.size(); ++i) {
-      log("{}Building sample entry {}/{}...", codec_.prefix, i + 1, segments.size());
+      log("{}Building sample entry {}/{}...", words_.prefix, i + 1, segments.size());
       Bytes original = findTemplate(segments[i]);
-      Bytes configBox = codec_.buildConfigBox(segments[i], nalLengthSize_);
-      auto size = codec_.pictureSize(segments[i], i + 1, isPlanned_);
+      Bytes configBox = codec_.buildConfigBox(segments[i].sets, nalLengthSize_);
+      auto size = pictureSize(segments[i], i + 1, isPlanned_, codec_);
+      Bytes entry = VisualSampleEntryBuilder::cloneEntry(original, configBox, codec_, codec_.tag, size);
       descriptions_.push_back({.startSampleIndex = segments[i].startSampleIndex,
                                .endSampleIndex = segments[i].endSampleIndex,
-                               .descriptionIndex = addEntry(codec_.cloneEntry(original, configBox, codec_.tag, size))});
+                               .descriptionIndex = addEntry(std::move(entry))});
     }
     timings_.buildSampleEntries = timer.stop();
   }
@@ -194,7 +145,7 @@ class Redescription {
   /// Gives the number of the entry. Segments of a plan share entries that are alike.
   uint32_t addEntry(Bytes entry) {
     if (auto known = numbers_.find(textOf(entry)); isPlanned_ && known != numbers_.end()) {
-      log("{}Sample entry {} says the same and is used again", codec_.prefix, known->second);
+      log("{}Sample entry {} says the same and is used again", words_.prefix, known->second);
       return known->second;
     }
     entries_.push_back(std::move(entry));
@@ -205,11 +156,11 @@ class Redescription {
 
   void rebuildTables() {
     TimingHelper timer;
-    log("{}Rebuilding sample tables...", codec_.prefix);
+    log("{}Rebuilding sample tables...", words_.prefix);
     stsc_ = table_.rebuildStscBox(descriptions_);
     chunkOffsets_ = table_.rebuildChunkOffsetBox(shiftWithShortOffsets());
     timings_.rebuildSampleTables = timer.stop();
-    if (!codec_.logsDetails) return;
+    if (!words_.logsDetails) return;
     log("  New stsc: {} bytes", stsc_.size());
     log("  New chunk offsets: {} bytes", chunkOffsets_.size());
   }
@@ -228,7 +179,8 @@ class Redescription {
   int nalLengthSize_;
   FileHandle& file_;
   RemuxTimings& timings_;
-  const Codec& codec_;
+  const VideoCodec& codec_;
+  const CodecWords& words_;
 
   MP4Remuxer::BoxRange stbl_;
   MP4SampleTableParser table_;
@@ -241,29 +193,32 @@ class Redescription {
   Bytes chunkOffsets_;
 };
 
-void remux(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox, ByteView moov, int nalLengthSize,
-           FileHandle& file, std::optional<RemuxTimings>& timings, const Segments& segments, const RewriteCheck& check,
-           const Codec& codec) {
-  logLine(codec.heading);
+}  // namespace
+
+void remuxWithSeveralEntries(FileManager& files, const Path& path, const MP4BoxInfo& moovBox, ByteView moov,
+                             int nalLengthSize, FileHandle& file, std::optional<RemuxTimings>& timings,
+                             const std::vector<ConfigurationSegment>& segments, const ParameterScan* scan,
+                             const RewriteCheck& check, const VideoCodec& codec) {
+  const CodecWords& words = wordsFor(codec);
+  logLine(words.severalEntriesHeading);
   if (!timings) timings.emplace();
-  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov(segments);
+  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov(segments, scan);
   if (std::ranges::equal(newMoov, moov)) {
-    log("{}The new moov is the old one, nothing is written", codec.prefix);
+    log("{}The new moov is the old one, nothing is written", words.prefix);
     return;
   }
   TimingHelper timer;
-  MP4Remuxer::writeAtomicMP4(files, fileURL, moovBox, std::move(newMoov), file, timings, check);
+  MP4Remuxer::writeAtomicMP4(files, path, moovBox, std::move(newMoov), file, timings, check);
   timings->writeAtomicMP4 = timer.stop();
 }
-
-}  // namespace
 
 void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
                                                 ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
                                                 std::optional<RemuxTimings>& timings,
                                                 const std::vector<ConfigurationSegment>& segments,
                                                 const RewriteCheck& check) {
-  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, hevc);
+  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
+                          check, VideoCodec::hevc);
 }
 
 void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
@@ -271,7 +226,8 @@ void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Pat
                                                    std::optional<RemuxTimings>& timings,
                                                    const std::vector<ConfigurationSegment>& segments,
                                                    const RewriteCheck& check) {
-  remux(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, check, avc);
+  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
+                          check, VideoCodec::avc);
 }
 
 }  // namespace tarn

@@ -5,8 +5,7 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/MP4RemuxError.h"
-#include "parameters/HEVCConfigurationBox.h"
-#include "parameters/SetRules.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
@@ -108,12 +107,8 @@ void logScanStop(const BoxWalkStop& stop) {
 /// True for the contents of an `avcC` with at least one SPS and one PPS that a decoder can read.
 bool hasParameterSets(ByteView contents) {
   VideoEntry entry;
-  try {
-    readAVCRecord(contents, entry);
-  } catch (const ConfigurationBoxError&) {
-    return false;
-  }
-  return isComplete(entry.sets, avcNALCodec);
+  readRecord(contents, VideoCodec::avc, entry);
+  return isComplete(entry.sets, VideoCodec::avc.nal);
 }
 
 /// The size of the entry's first usable `avcC`. A record needs 7 bytes (ISO/IEC 14496-15 5.3.3.1), header apart.
@@ -123,7 +118,7 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
   BufferBoxWalker walker(entry.contents, start, entry.end, boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
     log("AVC Phase 1: Found child box '{}' at offset {}, size {}", child->type, child->offset, child->size);
-    if (child->type != "avcC") continue;
+    if (!VideoCodec::avc.isConfigBox(child->type)) continue;
     if (child->size < smallestAvcC) {
       log("AVC Phase 1: WARNING - Found avcC box but size too small ({} bytes)", child->size);
       continue;
@@ -166,11 +161,12 @@ bool MP4Remuxer::remuxAVCTag(FileManager& files, const Path& fileURL, std::strin
   auto file = openFile(files, fileURL, OpenMode::updating, "Cannot open file for writing");
   MP4BoxInfo stsd = requireStsd(*file);
   FirstEntry entry = readFirstEntry(*file, stsd);
-  if (entry.tag == "hev1" || entry.tag == "hvc1") {
+  const VideoCodec* codec = codecOfTag(entry.tag);
+  if (codec == &VideoCodec::hevc) {
     log("AVC Phase 1: Found HEVC codec, not AVC");
     return false;
   }
-  if (entry.tag != "avc1" && entry.tag != "avc3") {
+  if (codec != &VideoCodec::avc) {
     throw MP4RemuxError::unsupportedFormat("Expected avc1 or avc3, found " + entry.tag);
   }
   if (entry.contents.size() < entryInContents + visualSampleEntryFixedSize) {
@@ -182,13 +178,13 @@ bool MP4Remuxer::remuxAVCTag(FileManager& files, const Path& fileURL, std::strin
     log("AVC Phase 1: No valid avcC box found, Phase 2 required");
     return false;
   }
-  if (entry.tag == "avc1") {
+  if (entry.tag == codec->tag) {
     log("AVC Phase 1: Already avc1 with valid avcC ({} bytes), no remuxing needed", *avcCSize);
     return true;
   }
   uint64_t tagOffset = stsd.contentOffset() + entryInContents + sampleEntryTypeInBox;
   file->seek(tagOffset);
-  file->write(bytesOf("avc1"));
+  file->write(bytesOf(codec->tag));
   file->synchronize();
   log("AVC Phase 1 SUCCESS: Replaced avc3→avc1 at offset {}", tagOffset);
   log("AVC Phase 1: avcC box present ({} bytes), video is now iOS-compatible", *avcCSize);

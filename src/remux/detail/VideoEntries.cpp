@@ -1,17 +1,12 @@
 #include "remux/detail/VideoEntries.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
-#include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationBox.h"
-#include "parameters/SetRules.h"
 #include "remux/VisualSampleEntry.h"
-#include "remux/detail/RemuxCodec.h"
 
 namespace tarn {
 namespace {
@@ -19,20 +14,7 @@ namespace {
 /// Bounds memory: entries take some hundred bytes each.
 constexpr uint64_t largestStsd = 16 << 20;
 
-std::string counted(size_t count, std::string_view what) {
-  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
-
-void readRecord(ByteView contents, const RemuxCodec& codec, VideoEntry& entry) {
-  try {
-    codec.readRecord(contents, entry);
-    entry.hasRecord = true;
-  } catch (const ConfigurationBoxError&) {
-    // A damaged record has no sets.
-  }
-}
-
-VideoEntry readEntry(ByteView stsd, const BoxHeader& header, const RemuxCodec& codec) {
+VideoEntry readEntry(ByteView stsd, const BoxHeader& header, const VideoCodec& codec) {
   VideoEntry entry{.tag = header.type};
   const auto end = static_cast<size_t>(std::min<uint64_t>(header.end(), stsd.size()));
   const auto start = static_cast<size_t>(header.offset) + visualSampleEntryFixedSize;
@@ -48,36 +30,19 @@ VideoEntry readEntry(ByteView stsd, const BoxHeader& header, const RemuxCodec& c
 
 }  // namespace
 
-void readHEVCRecord(ByteView contents, VideoEntry& entry) {
-  const HEVCDecoderConfigurationRecord record = readHvcC(contents);
-  ParameterSetCollector collector(hevcReadableSets);
-  for (const auto& array : record.arrays) {
-    if (hevcNALCodec.parameterSetKind(array.nalUnitType)) {
-      for (const Bytes& unit : array.nalUnits) collector.processNALUnit(unit);
-    } else if (!array.nalUnits.empty()) {
-      bool isSEI = array.nalUnitType == 39 || array.nalUnitType == 40;
-      entry.others.push_back(counted(array.nalUnits.size(),
-                                     isSEI ? "SEI message" : fmt::format("NAL unit of type {}", array.nalUnitType)));
-    }
-  }
-  entry.sets = std::move(collector).take();
-  entry.nalLengthSize = record.lengthSizeMinusOne + 1;
-}
-
-void readAVCRecord(ByteView contents, VideoEntry& entry) {
-  const AVCDecoderConfigurationRecord record = readAvcC(contents);
-  ParameterSetCollector collector(avcReadableSets);
-  for (const auto* units : {&record.spsArray, &record.ppsArray}) {
-    for (const Bytes& unit : *units) collector.processNALUnit(unit);
-  }
-  entry.sets = std::move(collector).take();
-  entry.nalLengthSize = record.lengthSizeMinusOne + 1;
-  if (!record.spsExtensionArray.empty()) {
-    entry.others.push_back(counted(record.spsExtensionArray.size(), "SPS extension"));
+void readRecord(ByteView contents, const VideoCodec& codec, VideoEntry& entry) {
+  try {
+    ConfigurationContents record = codec.readConfigBox(contents);
+    entry.sets = readableAmong(record.sets, codec);
+    entry.nalLengthSize = record.nalLengthSize;
+    entry.others = std::move(record.others);
+    entry.hasRecord = true;
+  } catch (const ConfigurationBoxError&) {
+    // A damaged record has no sets.
   }
 }
 
-std::vector<VideoEntry> readVideoEntries(FileHandle& file, const MP4BoxInfo& stsd, const RemuxCodec& codec) {
+std::vector<VideoEntry> readVideoEntries(FileHandle& file, const MP4BoxInfo& stsd, const VideoCodec& codec) {
   file.seek(stsd.offset);
   const Bytes bytes = file.read(static_cast<size_t>(std::min(stsd.size, largestStsd)));
   const size_t first = static_cast<size_t>(stsd.headerSize) + stsdEntriesInBox - 8;

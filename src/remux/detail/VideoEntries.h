@@ -5,13 +5,12 @@
 #include <vector>
 
 #include "mp4/MP4BoxUtils.h"
-#include "parameters/ParameterSetCollector.h"
+#include "parameters/ParameterSets.h"
+#include "parameters/VideoCodec.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
-
-struct RemuxCodec;
 
 /// One sample entry of a video track and what its configuration box holds (ISO/IEC 14496-15 5.3.3, 8.3.3).
 struct VideoEntry {
@@ -27,10 +26,9 @@ struct VideoEntry {
 
 /// Reads the entries of an `stsd`, at most as many as it counts. Boxes in an entry that are odd are stepped over. Moves
 /// the file's position; throws PosixError.
-std::vector<VideoEntry> readVideoEntries(FileHandle& file, const MP4BoxInfo& stsd, const RemuxCodec& codec);
+std::vector<VideoEntry> readVideoEntries(FileHandle& file, const MP4BoxInfo& stsd, const VideoCodec& codec);
 
-/// Read the contents of a configuration box into an entry. Throw ConfigurationBoxError.
-void readHEVCRecord(ByteView contents, VideoEntry& entry);
-void readAVCRecord(ByteView contents, VideoEntry& entry);
+/// Reads the contents of a configuration box into an entry; a damaged one has no sets.
+void readRecord(ByteView contents, const VideoCodec& codec, VideoEntry& entry);
 
 }  // namespace tarn

@@ -1,4 +1,4 @@
-#include "parameters/AVCSPSParser.h"
+#include "parameters/detail/AVCSPSParser.h"
 
 #include <algorithm>
 #include <array>

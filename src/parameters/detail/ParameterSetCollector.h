@@ -1,56 +1,21 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
-#include <string>
 #include <string_view>
 #include <tuple>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "parameters/ParameterSets.h"
 #include "parameters/PictureSize.h"
 #include "parameters/detail/NALCodec.h"
 #include "platform/Bytes.h"
-#include "platform/Error.h"
 
 namespace tarn {
-
-/// What a scan of the bitstream has found: the distinct parameter sets in first-seen order.
-struct ParameterSets {
-  std::vector<Bytes> vpsArray;  ///< NAL units as stored: header and emulation prevention bytes included; HEVC only
-  std::vector<Bytes> spsArray;
-  std::vector<Bytes> ppsArray;
-  std::vector<Bytes> spsRbspArray;  ///< for each SPS, in the same order: without emulation prevention; the HEVC header
-                                    ///< of 2 bytes is kept, the AVC header of 1 byte dropped
-  std::vector<PictureSize> spsResolutions;     ///< of each SPS whose size could be read, so not aligned with spsArray
-  bool requiresMultipleSampleEntries = false;  ///< an identifier came again with other bytes
-  bool hasResolutionChanges = false;           ///< two SPS state different sizes
-  bool isCollectionComplete = false;           ///< each kind that the codec has was found
-};
-
-using HEVCParameterSets = ParameterSets;
-using AVCParameterSets = ParameterSets;
-
-/// The failures of a scan for parameter sets. A damaged sample is none: it is passed over.
-class NALUnitParserError : public Error {
- public:
-  enum class Case {
-    noParameterSetsFound,  ///< there is no sync sample, or a kind of parameter set is in none of them
-    tooManyParameterSets,  ///< more bytes of distinct sets than any real stream has
-  };
-
-  /// `missing` names the kinds, "no VPS, no PPS".
-  static NALUnitParserError noParameterSetsFound(const std::string& missing);
-  static NALUnitParserError tooManyParameterSets();
-
-  Case kind() const { return kind_; }
-
- private:
-  NALUnitParserError(Case kind, const std::string& description);
-  Case kind_;
-};
 
 /// Names a parameter set within a stream.
 struct PSKey {
@@ -78,31 +43,47 @@ struct ParameterSetRules {
 /// without emulation prevention. Bits that are missing count as 0.
 uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload);
 
-/// Gathers the distinct parameter sets of one stream. Two sets are the same when their stored bytes are.
+/// Gathers the distinct parameter sets of one stream, numbered from 0. Two sets are the same when their stored bytes
+/// are.
 class ParameterSetCollector {
  public:
   /// Bounds memory where a damaged sample table leads to ever new bytes that look like parameter sets.
   static constexpr size_t mostBytes = 12 << 20;
 
-  explicit ParameterSetCollector(const ParameterSetRules& rules) : rules_(rules) {}
+  /// Where a set is in sets().
+  struct Place {
+    ParameterSetKind kind;
+    size_t index;
+  };
 
-  /// Takes a NAL unit as stored; one that is no parameter set is ignored. Throws tooManyParameterSets above
-  /// `mostBytes` bytes of distinct sets.
-  void processNALUnit(Bytes originalNAL);
+  explicit ParameterSetCollector(const ParameterSetRules& rules, size_t most = mostBytes)
+      : rules_(rules), mostBytes_(most) {}
+
+  /// Takes a NAL unit as stored and returns its number; nothing for one that is no parameter set or is left out.
+  /// Throws tooManyParameterSets above the given number of bytes of distinct sets.
+  std::optional<size_t> processNALUnit(Bytes originalNAL);
+
+  /// The same for each of some sets.
+  void addAll(const ParameterSets& sets);
 
   /// So many units were left out, since no decoder can read them or no sample entry can hold them.
   size_t unreadable() const { return unreadable_; }
 
+  const ParameterSets& sets() const { return sets_; }
+  const Place& place(size_t number) const { return places_[number]; }
+  size_t count() const { return places_.size(); }
+
   ParameterSets take() && { return std::move(sets_); }
 
  private:
-  std::vector<Bytes>& units(ParameterSetKind kind);
   void noteIdentifier(ParameterSetKind kind, uint8_t type, ByteView cleanedNAL);
   std::optional<PictureSize> addSPS(Bytes cleanedNAL);
 
   ParameterSetRules rules_;
+  size_t mostBytes_;
   ParameterSets sets_;
-  std::unordered_set<std::string_view> known_;  // the bytes of every unit in sets_
+  std::vector<Place> places_;                           // by number
+  std::unordered_map<std::string_view, size_t> known_;  // the number of each unit in sets_, by its bytes
   std::set<PSKey> keys_;
   size_t bytes_ = 0;
   size_t unreadable_ = 0;

@@ -1,4 +1,4 @@
-#include "parameters/SegmentList.h"
+#include "parameters/detail/SegmentList.h"
 
 #include <fmt/ranges.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "parameters/SetRules.h"
+#include "parameters/detail/SetRules.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 #include "platform/SHA256.h"
@@ -14,17 +14,14 @@
 namespace tarn {
 namespace {
 
-/// Bounds memory where a damaged sample table leads from one set to another at every sample: the bytes of all units,
-/// and what holding a unit and a segment takes besides.
-constexpr size_t mostBytes = 24 << 20;
 constexpr size_t bytesPerUnit = 64;
 constexpr size_t bytesPerSegment = 256;
 
 /// The SHA-256 of each unit, one over the other: the order of the units does not matter.
 std::string computeFingerprint(const ParameterSets& sets) {
   std::array<uint8_t, 32> sum{};
-  for (const auto* units : {&sets.vpsArray, &sets.spsArray, &sets.ppsArray}) {
-    for (const Bytes& unit : *units) {
+  for (ParameterSetKind kind : allParameterSetKinds) {
+    for (const Bytes& unit : unitsOf(sets, kind)) {
       auto digest = sha256(unit);
       for (size_t i = 0; i < sum.size(); ++i) sum[i] ^= digest[i];
     }
@@ -38,6 +35,10 @@ size_t memoryOf(const ParameterSets& sets) {
     for (const Bytes& unit : *units) count += unit.size() + bytesPerUnit;
   }
   return count;
+}
+
+Error failure(const SegmentRules& rules, std::string_view before, std::string_view after) {
+  return {rules.domain, -1, fmt::format("{}{}{}", before, rules.errorPrefix, after)};
 }
 
 bool isEmpty(const ParameterSets& sets) {
@@ -77,7 +78,7 @@ bool SegmentList::mayReplaceLast() const {
 
 void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
   bytes_ += memoryOf(sets);
-  if (bytes_ > mostBytes) fail("Too many ", "configuration segments");
+  if (bytes_ > mostBytes) throw tooMany(rules_);
   if (mayReplaceLast()) {
     bytes_ -= memoryOf(segments_.back().sets);
     segments_.back().sets = sets;
@@ -93,7 +94,7 @@ void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
 std::vector<ConfigurationSegment> SegmentList::finish(int64_t totalSampleCount) && {
   closeLast(totalSampleCount - 1);
   log("\n{}Detected {} configuration segment(s)", rules_.prefix, segments_.size());
-  if (segments_.empty()) fail("No ", "configuration segments detected");
+  if (segments_.empty()) throw failure(rules_, "No ", "configuration segments detected");
   return std::move(segments_);
 }
 
@@ -105,17 +106,8 @@ void SegmentList::closeLast(int64_t endSampleIndex) {
   rules_.reportSegment(segments_.size(), last);
 }
 
-ParameterSets readCarriedSets(FileHandle& file, const SampleInfo& sample, int nalLengthSize, const NALWalkRules& walk,
-                              const ParameterSetRules& rules, size_t* unreadable) {
-  ParameterSetCollector collector(rules);
-  ParameterSetWalk units(file, sample, nalLengthSize, walk);
-  while (auto unit = units.next()) collector.processNALUnit(std::move(*unit));
-  if (unreadable != nullptr) *unreadable += collector.unreadable();
-  return std::move(collector).take();
-}
-
-void SegmentList::fail(std::string_view before, std::string_view after) const {
-  throw Error(rules_.domain, -1, fmt::format("{}{}{}", before, rules_.errorPrefix, after));
+Error SegmentList::tooMany(const SegmentRules& rules) {
+  return failure(rules, "Too many ", "configuration segments");
 }
 
 }  // namespace tarn

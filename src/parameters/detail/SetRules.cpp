@@ -1,30 +1,17 @@
-#include "parameters/SetRules.h"
-
-#include <fmt/ranges.h>
+#include "parameters/detail/SetRules.h"
 
 #include <algorithm>
-#include <array>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "parameters/AVCConfigurationBox.h"
-#include "parameters/AVCSPSParser.h"
 #include "parameters/HEVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
+#include "parameters/detail/AVCSPSParser.h"
 #include "parameters/detail/RBSPReading.h"
-#include "platform/Log.h"
 
 namespace tarn {
 namespace {
-
-constexpr std::array allKinds{ParameterSetKind::vps, ParameterSetKind::sps, ParameterSetKind::pps};
-
-template <typename Sets>
-auto& unitsOf(Sets& sets, ParameterSetKind kind) {
-  if (kind == ParameterSetKind::vps) return sets.vpsArray;
-  return kind == ParameterSetKind::sps ? sets.spsArray : sets.ppsArray;
-}
 
 struct PPSIdentifiers {
   uint32_t own = 0;
@@ -105,41 +92,15 @@ const ParameterSetRules avcReadableSets{.codec = avcNALCodec,
                                         .isReadable = isReadableAVC,
                                         .report = nullptr};
 
-std::string_view nameOf(ParameterSetKind kind) {
-  constexpr std::array<std::string_view, 3> names{"VPS", "SPS", "PPS"};
-  return names[static_cast<size_t>(kind)];
-}
-
 uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload) {
   BitReader bits(payload);
   if (kind == ParameterSetKind::sps) skipBits(bits, 24);  // profile, constraints, level
   return readUE(bits);
 }
 
-bool isComplete(const ParameterSets& sets, const NALCodec& codec) {
-  return missingKinds(sets, codec).empty();
-}
-
-std::string missingKinds(const ParameterSets& sets, const NALCodec& codec) {
-  std::vector<std::string> missing;
-  for (ParameterSetKind kind : allKinds) {
-    bool isNeeded = kind != ParameterSetKind::vps || codec.vpsType;
-    if (isNeeded && unitsOf(sets, kind).empty()) missing.push_back(fmt::format("no {}", nameOf(kind)));
-  }
-  return fmt::format("{}", fmt::join(missing, ", "));
-}
-
-bool areAmong(const ParameterSets& sets, const ParameterSets& others) {
-  return std::ranges::all_of(allKinds, [&](ParameterSetKind kind) {
-    const auto& all = unitsOf(others, kind);
-    return std::ranges::all_of(unitsOf(sets, kind),
-                               [&](const Bytes& unit) { return std::ranges::find(all, unit) != all.end(); });
-  });
-}
-
 ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules) {
   ParameterSetCollector collector(rules);
-  for (ParameterSetKind kind : allKinds) {
+  for (ParameterSetKind kind : allParameterSetKinds) {
     const auto news = identified(newer, kind, rules);
     for (const auto& [id, unit] : identified(older, kind, rules)) {
       auto replacement = std::ranges::find(news, id, &std::pair<uint32_t, const Bytes*>::first);
@@ -152,26 +113,9 @@ ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, con
 
 bool areCompatible(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules) {
   ParameterSetCollector collector(rules);
-  for (const ParameterSets* sets : {&older, &newer}) {
-    for (ParameterSetKind kind : allKinds) {
-      for (const Bytes& unit : unitsOf(*sets, kind)) collector.processNALUnit(unit);
-    }
-  }
-  ParameterSets all = std::move(collector).take();
-  return !all.requiresMultipleSampleEntries && !all.hasResolutionChanges;
-}
-
-void dropTooLongSets(ParameterSets& sets) {
-  for (ParameterSetKind kind : allKinds) {
-    auto& units = unitsOf(sets, kind);
-    for (size_t i = units.size(); i-- > 0;) {
-      if (units[i].size() <= longestStoredSet) continue;
-      log("Skipping a {} of {} bytes, of which a sample entry holds {} at most", nameOf(kind), units[i].size(),
-          longestStoredSet);
-      units.erase(units.begin() + static_cast<ptrdiff_t>(i));
-      if (kind == ParameterSetKind::sps) sets.spsRbspArray.erase(sets.spsRbspArray.begin() + static_cast<ptrdiff_t>(i));
-    }
-  }
+  collector.addAll(older);
+  collector.addAll(newer);
+  return !collector.sets().requiresMultipleSampleEntries && !collector.sets().hasResolutionChanges;
 }
 
 }  // namespace tarn

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "parameters/HEVCConfigurationSegment.h"
-#include "parameters/ParameterSetCollector.h"
-#include "parameters/detail/ParameterSetWalk.h"
+#include "parameters/detail/ParameterSetCollector.h"
+#include "platform/Error.h"
 
 namespace tarn {
 
@@ -16,9 +16,10 @@ struct SegmentRules {
   const ParameterSetRules& sets;
   /// Sets that one sample entry can hold together begin no new segment.
   bool joinsCompatibleSets;
-  const char* domain;            ///< of the failures
-  std::string_view prefix;       ///< of the last log line
-  std::string_view errorPrefix;  ///< of the failures' texts
+  void (*reportStart)(size_t syncSamples);  ///< null for silence
+  const char* domain;                       ///< of the failures
+  std::string_view prefix;                  ///< of the last log line
+  std::string_view errorPrefix;             ///< of the failures' texts
   void (*reportSegment)(size_t number, const ConfigurationSegment& segment);
 };
 
@@ -27,6 +28,10 @@ struct SegmentRules {
 /// identifiers; one that carries each kind puts its sets in the place of all.
 class SegmentList {
  public:
+  /// Bounds memory where a damaged sample table leads from one set to another at every sample: the bytes of all units,
+  /// and what holding a unit and a segment takes besides.
+  static constexpr size_t mostBytes = 24 << 20;
+
   explicit SegmentList(const SegmentRules& rules) : rules_(rules) {}
 
   /// The sets of the sample entry that describes the samples from this one on come into force.
@@ -38,20 +43,18 @@ class SegmentList {
   /// The segments; they cover all samples. Throws an Error of the rules' domain where there is no sync sample.
   std::vector<ConfigurationSegment> finish(int64_t totalSampleCount) &&;
 
+  /// The failure of a list that grows beyond `mostBytes`.
+  static Error tooMany(const SegmentRules& rules);
+
  private:
   void putInForce(int64_t sampleIndex, const ParameterSets& sets);
   bool mayReplaceLast() const;
   void closeLast(int64_t endSampleIndex);
-  [[noreturn]] void fail(std::string_view before, std::string_view after) const;
 
   const SegmentRules& rules_;
   std::vector<ConfigurationSegment> segments_;
   bool isLastInUse_ = false;  // a sync sample is decoded with its sets
   size_t bytes_ = 0;
 };
-
-/// The sets at the front of one sample. `unreadable`, where given, grows by the number of units that the rules refuse.
-ParameterSets readCarriedSets(FileHandle& file, const SampleInfo& sample, int nalLengthSize, const NALWalkRules& walk,
-                              const ParameterSetRules& rules, size_t* unreadable = nullptr);
 
 }  // namespace tarn

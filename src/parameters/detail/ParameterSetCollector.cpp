@@ -1,21 +1,10 @@
-#include "parameters/ParameterSetCollector.h"
+#include "parameters/detail/ParameterSetCollector.h"
 
-#include "parameters/SetRules.h"
+#include "parameters/NALUnitParser.h"
 #include "parameters/detail/ProfileTierLevel.h"
 #include "parameters/detail/RBSPReading.h"
 
 namespace tarn {
-
-NALUnitParserError::NALUnitParserError(Case kind, const std::string& description)
-    : Error("NALUnitParser", -1, description), kind_(kind) {}
-
-NALUnitParserError NALUnitParserError::noParameterSetsFound(const std::string& missing) {
-  return {Case::noParameterSetsFound, "No complete parameter sets found in the video's sync samples: " + missing};
-}
-
-NALUnitParserError NALUnitParserError::tooManyParameterSets() {
-  return {Case::tooManyParameterSets, "The video's sync samples hold more parameter sets than a stream can have"};
-}
 
 namespace {
 
@@ -44,37 +33,36 @@ uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload) {
   }
 }
 
-void ParameterSetCollector::processNALUnit(Bytes originalNAL) {
+std::optional<size_t> ParameterSetCollector::processNALUnit(Bytes originalNAL) {
   if (rules_.isReadable != nullptr) dropTrailingZeros(originalNAL);
-  if (originalNAL.size() < rules_.codec.headerSize) return;
+  if (originalNAL.size() < rules_.codec.headerSize) return std::nullopt;
   uint8_t type = rules_.codec.type(originalNAL[0]);
   auto kind = rules_.codec.parameterSetKind(type);
-  if (!kind || known_.contains(textOf(originalNAL))) return;
+  if (!kind) return std::nullopt;
+  if (auto known = known_.find(textOf(originalNAL)); known != known_.end()) return known->second;
   size_t size = originalNAL.size();
   Bytes cleanedNAL = removeEmulationPrevention(originalNAL);
   if (rules_.isReadable != nullptr && (size > longestStoredSet || !rules_.isReadable(*kind, cleanedNAL))) {
     ++unreadable_;
-    return;
+    return std::nullopt;
   }
   bytes_ += size;
-  if (bytes_ > mostBytes) throw NALUnitParserError::tooManyParameterSets();
-  auto& kept = units(*kind);
+  if (bytes_ > mostBytes_) throw NALUnitParserError::tooManyParameterSets();
+  const size_t number = places_.size();
+  auto& kept = unitsOf(sets_, *kind);
+  places_.push_back({*kind, kept.size()});
   kept.push_back(std::move(originalNAL));
-  known_.insert(textOf(kept.back()));  // the bytes stay in place when the array grows
+  known_.emplace(textOf(kept.back()), number);  // the bytes stay in place when the array grows
   noteIdentifier(*kind, type, cleanedNAL);
   std::optional<PictureSize> pictureSize;
   if (*kind == ParameterSetKind::sps) pictureSize = addSPS(std::move(cleanedNAL));
   if (rules_.report != nullptr) rules_.report(*kind, size, pictureSize, kept.size());
+  return number;
 }
 
-std::vector<Bytes>& ParameterSetCollector::units(ParameterSetKind kind) {
-  switch (kind) {
-    case ParameterSetKind::vps:
-      return sets_.vpsArray;
-    case ParameterSetKind::sps:
-      return sets_.spsArray;
-    default:
-      return sets_.ppsArray;
+void ParameterSetCollector::addAll(const ParameterSets& sets) {
+  for (ParameterSetKind kind : allParameterSetKinds) {
+    for (const Bytes& unit : unitsOf(sets, kind)) processNALUnit(unit);
   }
 }
 
