@@ -43,8 +43,8 @@ struct EditRules {
     isCopied,   ///< copied; chunk offsets move only if there is an `mdat` behind the `moov`
     isDropped,  ///< left out
   };
-  /// An `mdat` that the end of the file cuts off.
-  enum class CutMdat { isRefused, isCopied };
+  /// An `mdat`, or a box of more than 10 MiB that is not taken for the tail, that the end of the file cuts off.
+  enum class CutMedia { isRefused, isCopied };
 
   const BoxWalkPolicy& topLevel;
   WhichMoov moov;
@@ -56,7 +56,7 @@ struct EditRules {
   Tables tables;
   Track track;
   Tail tail;
-  CutMdat cutMdat;
+  CutMedia cutMedia;
 };
 
 namespace edit {
@@ -65,10 +65,10 @@ using R = EditRules;
 
 // clang-format off
 //                             top level              moov                 cut moov                64-bit moov              way                 overrun               size 0                     tables                         track                          tail                 cut mdat
-inline constexpr R remuxing  {boxwalk::topLevelScan, R::WhichMoov::first, R::CutMoov::isRefused, R::LongMoov::isRefused, R::Way::plainSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::allInMoov,          R::Track::byHandler,           R::Tail::isMedia,   R::CutMdat::isRefused};
-inline constexpr R syncing   {boxwalk::topLevel,     R::WhichMoov::first, R::CutMoov::isTaken,   R::LongMoov::isRefused, R::Way::shortSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::firstInSampleTable, R::Track::byHandler,           R::Tail::isCopied,  R::CutMdat::isCopied};
-inline constexpr R stripping {boxwalk::topLevelScan, R::WhichMoov::last,  R::CutMoov::isRefused, R::LongMoov::isRefused, R::Way::shortSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::allInMoov,          R::Track::byHandlerOrHeader,   R::Tail::isDropped, R::CutMdat::isRefused};
-inline constexpr R replacing {boxwalk::topLevelScan, R::WhichMoov::first, R::CutMoov::isRefused, R::LongMoov::isTaken,   R::Way::anySizes,   R::Overrun::isHidden, R::ZeroSize::isWrittenOut, R::Tables::allInMoov,          R::Track::byHandlerThenHeader, R::Tail::isCopied,  R::CutMdat::isCopied};
+inline constexpr R remuxing  {boxwalk::topLevelScan, R::WhichMoov::first, R::CutMoov::isRefused, R::LongMoov::isRefused, R::Way::plainSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::allInMoov,          R::Track::byHandler,           R::Tail::isMedia,   R::CutMedia::isRefused};
+inline constexpr R syncing   {boxwalk::topLevel,     R::WhichMoov::first, R::CutMoov::isTaken,   R::LongMoov::isRefused, R::Way::shortSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::firstInSampleTable, R::Track::byHandler,           R::Tail::isCopied,  R::CutMedia::isCopied};
+inline constexpr R stripping {boxwalk::topLevelScan, R::WhichMoov::last,  R::CutMoov::isRefused, R::LongMoov::isRefused, R::Way::shortSizes, R::Overrun::isFound,  R::ZeroSize::stays,        R::Tables::allInMoov,          R::Track::byHandlerOrHeader,   R::Tail::isDropped, R::CutMedia::isRefused};
+inline constexpr R replacing {boxwalk::topLevelScan, R::WhichMoov::first, R::CutMoov::isRefused, R::LongMoov::isTaken,   R::Way::anySizes,   R::Overrun::isHidden, R::ZeroSize::isWrittenOut, R::Tables::allInMoov,          R::Track::byHandlerThenHeader, R::Tail::isCopied,  R::CutMedia::isCopied};
 // clang-format on
 
 }  // namespace edit

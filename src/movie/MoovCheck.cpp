@@ -13,6 +13,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
+#include "platform/Error.h"
 
 namespace tarn {
 namespace {
@@ -83,25 +84,25 @@ void requireEditable(ByteView moov, uint64_t place, const EditRules& rules) {
   Check(moov, place, rules.way).requireWay(whole, way);
 }
 
-Bytes readMoov(FileHandle& file, const BoxHeader& moov, const EditRules& rules) {
-  if (moov.size > std::numeric_limits<uint32_t>::max()) {
-    throw MovieError(Case::doesNotFit, "The moov does not fit a 32-bit size", moov);
-  }
-  Bytes bytes;
-  try {
-    file.seek(moov.offset);
-    bytes = file.read(static_cast<size_t>(moov.size));
-  } catch (const PosixError&) {
-    throw MovieError(Case::unreadable, "Cannot read moov box", moov);
-  }
-  if (bytes.size() < layout::boxHeaderSize) throw MovieError(Case::unreadable, "Cannot read moov box", moov);
-  if (bytes.size() < moov.size && rules.cutMoov == EditRules::CutMoov::isRefused) {
+Bytes readMoov(FileHandle& file, const BoxHeader& moov, const EditRules& rules) try {
+  const uint64_t fileSize = file.seekToEnd();
+  const uint64_t present = std::min(moov.end(), fileSize) - std::min(moov.offset, fileSize);
+  if (present < layout::boxHeaderSize) throw MovieError(Case::unreadable, "Cannot read moov box", moov);
+  if (present < moov.size && rules.cutMoov == EditRules::CutMoov::isRefused) {
     throw MovieError(Case::cutOff, "The moov box extends beyond the end of the file", moov);
   }
   if (moov.headerSize != layout::boxHeaderSize && rules.longMoov == EditRules::LongMoov::isRefused) {
     throw MovieError(Case::longSize, fmt::format("The moov box at {} has a 64-bit size", moov.offset), moov);
   }
+  if (present > std::numeric_limits<uint32_t>::max()) {
+    throw MovieError(Case::doesNotFit, "The moov does not fit a 32-bit size", moov);
+  }
+  file.seek(moov.offset);
+  Bytes bytes = file.read(static_cast<size_t>(present));
+  if (bytes.size() < present) throw MovieError(Case::unreadable, "Cannot read moov box", moov);
   return bytes;
+} catch (const PosixError&) {
+  throw MovieError(Case::unreadable, "Cannot read moov box", moov);
 }
 
 }  // namespace tarn

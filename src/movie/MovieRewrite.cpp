@@ -57,43 +57,42 @@ class Rewrite {
   }
 
   void copyBox(const BoxHeader& box) {
-    const bool isMdat = box.type == "mdat";
-    if (isMdat && layout_.isCut(box) && rules_.cutMdat == EditRules::CutMdat::isRefused) throwCutOff(box);
-    BoxHeader present = box;
-    present.size = std::min(box.end(), layout_.fileSize) - box.offset;
-    listener_.begins(present);
-    if (!isMdat && present.size <= pieceSize) {
-      copySmall(present);
+    const bool isMedia = box.type == "mdat" || box.size > pieceSize;
+    if (isMedia && layout_.isCut(box) && rules_.cutMedia == EditRules::CutMedia::isRefused) throwCutOff(box);
+    const uint64_t present = std::min(box.end(), layout_.fileSize) - box.offset;
+    listener_.begins(box);
+    if (!isMedia) {
+      copySmall(box, present);
     } else {
-      copyInPieces(present);
+      copyInPieces(box, present);
     }
-    listener_.ends(present);
+    listener_.ends(box);
   }
 
   void copyTail(const BoxHeader& tail) {
     listener_.begins(tail);
-    copyInPieces(tail);
+    copyInPieces(tail, tail.size);
     listener_.ends(tail);
   }
 
-  void copySmall(const BoxHeader& box) {
+  void copySmall(const BoxHeader& box, uint64_t size) {
     Bytes bytes;
     try {
       source_.seek(box.offset);
-      bytes = source_.read(static_cast<size_t>(box.size));
+      bytes = source_.read(static_cast<size_t>(size));
     } catch (const PosixError&) {
       // Nothing was read.
     }
-    if (bytes.size() == box.size) return writer_.writeRead(box.offset, bytes);
+    if (bytes.size() == size) return writer_.writeRead(box.offset, bytes);
     if (!bytes.empty()) throwCutOff(box);
     if (!listener_.becomesFree(box)) throw MovieError(Case::unreadable, "Failed to read chunk during copy", box);
     // What stands behind it must not move: chunk offsets are corrected for the moov alone.
-    writer_.write(freeBox(box.size));
+    writer_.write(freeBox(size));
   }
 
-  void copyInPieces(const BoxHeader& box) {
-    for (uint64_t written = 0; written < box.size; listener_.advances(box, written)) {
-      const uint64_t copied = writer_.copy(box.offset + written, std::min(pieceSize, box.size - written));
+  void copyInPieces(const BoxHeader& box, uint64_t size) {
+    for (uint64_t written = 0; written < size; listener_.advances(box, written)) {
+      const uint64_t copied = writer_.copy(box.offset + written, std::min(pieceSize, size - written));
       if (copied == 0) throwCutOff(box);
       written += copied;
     }

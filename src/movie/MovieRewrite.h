@@ -50,7 +50,7 @@ class RewriteListener {
 };
 
 /// Copies a file with `newMoov` in the place of the `moov`; every other box stays, in its order. The bytes behind the
-/// last box come along, or not, as `rules.tail` says, and an `mdat` that the file cuts off as `rules.cutMdat` does.
+/// last box come along, or not, as `rules.tail` says, and media that the file cuts off as `rules.cutMedia` does.
 /// Returns what was copied. Throws MovieError: unreadable; cutOff for a source that ends ahead of a box that must be
 /// whole; damaged if no box begins where the `moov` does. Failures of writing are PosixError.
 std::vector<CopiedRange> rewriteMovie(FileHandle& source, FileHandle& target, const MediaLayout& layout,

@@ -105,6 +105,7 @@ MovieBox MovieBox::parse(ByteView moov, const EditRules& rules) {
 }
 
 MovieBox MovieBox::of(ByteView box) {
+  if (box.size() < layout::boxHeaderSize) throw MovieError(Case::damaged, "A box has no header");
   const auto head = box.first(layout::boxHeaderSize), contents = box.subspan(layout::boxHeaderSize);
   return {.type = std::string(textOf(head.subspan(layout::boxType.offset))),
           .head = {head.begin(), head.end()},

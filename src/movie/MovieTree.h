@@ -32,7 +32,7 @@ struct MovieBox {
   /// let through, and for more boxes than any real `moov` has.
   static MovieBox parse(ByteView moov, const EditRules& rules);
 
-  /// A whole box, not taken apart.
+  /// A whole box with an 8-byte header, not taken apart. Throws MovieError: damaged for fewer bytes.
   static MovieBox of(ByteView box);
 
   /// The first child at the end of this path; null where there is none.

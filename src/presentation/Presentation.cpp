@@ -11,6 +11,7 @@
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Log.h"
+#include "platform/ReadWatch.h"
 #include "presentation/detail/LaidEdit.h"
 #include "presentation/detail/MetadataPaths.h"
 #include "presentation/detail/SampleOrder.h"
@@ -29,14 +30,6 @@ struct TopLevel {
   bool hasFragments = false;
 };
 
-/// A walk takes a box header that cannot be read for the end of the boxes: reads it once more, which throws PosixError
-/// where the system is the cause.
-void requireReadTo(FileHandle& file, const BoxWalkStop& stop) {
-  if (stop.reason != BoxWalkStop::Reason::unreadable) return;
-  file.seek(stop.offset);
-  (void)file.read(2 * layout::boxHeaderSize);
-}
-
 TopLevel scanTopLevel(FileHandle& file) {
   TopLevel found;
   FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevel);
@@ -46,7 +39,6 @@ TopLevel scanTopLevel(FileHandle& file) {
     if (box->type == "moov" && !found.moov) found.moov = *box;
     if (box->type == "moof") found.hasFragments = true;
   }
-  requireReadTo(file, walker.stop());
   if (found.moov && MP4BoxUtils::findChildBox(file, *found.moov, "mvex")) found.hasFragments = true;
   return found;
 }
@@ -179,26 +171,30 @@ MovieTime TrackPresentation::sampleLength(uint32_t sample) const {
 }
 
 Presentation Presentation::read(FileManager& files, const Path& path) {
-  auto file = files.open(path, OpenMode::reading);
-  TopLevel top = scanTopLevel(*file);
+  // A box that cannot be read would pass for one that is not there.
+  return ReadWatch::reading(files, path, [](FileHandle& file) { return readFrom(file); });
+}
+
+Presentation Presentation::readFrom(FileHandle& file) {
+  TopLevel top = scanTopLevel(file);
   if (!top.moov) throw presentationError("The file has no moov");
   if (top.hasFragments) throw presentationError("The movie is fragmented");
-  auto header = readTimeHeader(*file, *top.moov, "mvhd");
+  auto header = readTimeHeader(file, *top.moov, "mvhd");
   if (!header || header->timescale == 0) throw presentationError("The movie has no timescale");
   Presentation presentation;
   presentation.movieTimescale_ = header->timescale;
-  FileBoxWalker walker(*file, top.moov->contentOffset(), top.moov->end(), boxwalk::tracks);
+  FileBoxWalker walker(file, top.moov->contentOffset(), top.moov->end(), boxwalk::tracks);
   while (auto box = walker.next()) {
     if (box->type != "trak") continue;
     try {
-      presentation.tracks_.push_back(readTrack(*file, *box, header->timescale));
+      presentation.tracks_.push_back(readTrack(file, *box, header->timescale));
     } catch (const PosixError&) {
       throw;
     } catch (const Error& error) {
       throw presentationError("Track " + std::to_string(presentation.tracks_.size() + 1) + ": " + error.description());
     }
   }
-  presentation.metadata_ = metadataPaths(*file);
+  presentation.metadata_ = metadataPaths(file);
   return presentation;
 }
 
@@ -224,7 +220,7 @@ const TrackPresentation* Presentation::first(std::string_view handler) const {
 }
 
 bool isFragmented(FileManager& files, const Path& path) {
-  return scanTopLevel(*files.open(path, OpenMode::reading)).hasFragments;
+  return ReadWatch::reading(files, path, [](FileHandle& file) { return scanTopLevel(file).hasFragments; });
 }
 
 }  // namespace tarn

@@ -100,6 +100,8 @@ class Presentation {
   const TrackPresentation* first(std::string_view handler) const;
 
  private:
+  static Presentation readFrom(FileHandle& file);
+
   uint32_t movieTimescale_ = 0;
   std::vector<TrackPresentation> tracks_;
   std::vector<std::string> metadata_;

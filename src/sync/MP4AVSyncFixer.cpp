@@ -4,7 +4,9 @@
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
-#include "sync/detail/SourceFile.h"
+#include "sync/detail/EditListRewrite.h"
+#include "sync/detail/MovieEdits.h"
+#include "sync/detail/SyncSource.h"
 
 namespace tarn {
 namespace {
@@ -163,11 +165,6 @@ Tracks findTracks(FileHandle& file, const MP4BoxInfo& moov, const MoovEdits& edi
   return {*std::move(video), std::move(audio)};
 }
 
-bool hasVideoEditList(FileManager& files, const Path& fileURL, const MP4BoxInfo& moov) {
-  auto file = openTrackFile(files, fileURL, OpenMode::reading, "Cannot open file to check edts");
-  return !MP4AVSyncFixer::parseVideoEditList(*file, moov, MP4TrackType::video).empty();
-}
-
 }  // namespace
 
 bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const CancellationToken* token,
@@ -178,18 +175,20 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
   AVSyncTimings& times = timings ? *timings : unread;
   TimingHelper timer;
   if (token) token->throwIfCancelled();
-  auto file = openSourceFile(files, fileURL);
-  const MP4BoxInfo moov = requireMoov(*file);
+  std::optional<SyncSource> source(std::in_place, files, fileURL);
+  FileHandle& file = source->file();
+  const BoxHeader moov = source->moov();
   if (order) {
     times.readMoov = timer.stop();
-    file.reset();
+    source.reset();
     if (token) token->throwIfCancelled();
     timer.start();
     const bool isWritten = rewriteMoovAsOrdered(files, fileURL, moov, *order, names, check);
     times.writeMoov = timer.stop();
     return isWritten;
   }
-  const auto facts = readFacts(*file, moov, original, audioWasTranscoded);
+  const auto facts = readFacts(file, moov, original, audioWasTranscoded);
+  source->requireReadable();
   times.readMoov = timer.stop();
   if (!facts) {
     log("MP4AVSyncFixer: No audio track found, skipping (video-only files not processed)");
@@ -208,15 +207,16 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
   }
 
   timer.start();
-  const bool hasVideoList = hasVideoEditList(files, fileURL, moov);
+  const bool hasVideoList = !parseVideoEditList(file, moov, MP4TrackType::video).empty();
   logLists(*facts, plan, hasVideoList);
   const MoovEdits edits = editsOf(*facts, plan);
-  const Tracks tracks = findTracks(*file, moov, edits);
+  const Tracks tracks = findTracks(file, moov, edits);
+  source->requireReadable();
   log("MP4AVSyncFixer: Track durations (movie timescale): video={}, audio={}", edits.videoTrackDuration,
       edits.audioTrackDuration);
   times.buildEditLists = timer.stop();
 
-  file.reset();
+  source.reset();
   if (token) token->throwIfCancelled();
   timer.start();
   times.convertCtts = 0;  // composition offsets keep their form

@@ -13,10 +13,20 @@
 #include "platform/FileManager.h"
 #include "presentation/RewriteCheck.h"
 #include "sync/SyncFixOrder.h"
-#include "sync/detail/MoovRewrite.h"
 #include "sync/detail/TrackTimingInfo.h"
 
 namespace tarn {
+
+/// What is to be changed in a `moov`.
+struct MoovEdits {
+  std::optional<Bytes> videoEdtsData;      ///< a whole `edts`; without one the track's own stays
+  std::optional<Bytes> audioEdtsData;      ///< likewise
+  int64_t videoTrackDuration = 0;          ///< movie timescale; 0 or less leaves the `tkhd` alone
+  int64_t audioTrackDuration = 0;          ///< likewise
+  std::optional<Bytes> convertedCttsData;  ///< a whole `ctts` that takes the place of the one below
+  uint64_t originalCttsOffset = 0;         ///< in the file
+  uint64_t originalCttsSize = 0;           ///< bytes; 0 when there is none
+};
 
 /// Finds out where a file's tracks start, and writes edit lists (ISO/IEC 14496-12 8.6.6) that make them start together
 /// as they did in the source. No state; an operation works on the thread of its caller. Failures are AVSyncError, and

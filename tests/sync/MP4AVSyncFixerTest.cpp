@@ -91,6 +91,15 @@ TEST_F(SyncFixer, WritesTimesOf64Bits) {
   EXPECT_NEAR(seconds(mvhd.offset + 32), 3.3, 0.03) << "the sound ends last";
 }
 
+TEST_F(SyncFixer, TakesNoBoxThatCannotBeReadForOneThatIsNotThere) {
+  write(readFile(files_, flashBeepClip(0.3)));
+  FaultyFileManager faulty(files_);
+  faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    const bool isRead = failureOf([&] { MP4AVSyncFixer::readOriginalSyncInfo(faulty, file_); }).empty();
+    EXPECT_NE(isRead, faulty.fired()) << "call " << call;
+  });
+}
+
 TEST_F(SyncFixer, CapturesOddTracks) {
   WorkedCase movie;
   movie.video.edits = {{500, -1}, {9500, 3000}};
@@ -138,12 +147,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
   };
   WorkedCase noTrackScale;
   noTrackScale.video.timescale = 0;
-  BoxEditor longTrack(moov), overrun(moov), holdsMedia(moov);
-  const Bytes trak = longTrack.get("moov/trak");
-  const auto trakPlace = std::to_string(longTrack.at("moov/trak").offset);
-  longTrack.replace(longTrack.at("moov/trak"), longBox("trak", {Bytes(trak.begin() + 8, trak.end())}));
-  const auto minf = overrun.at("moov/trak/mdia/minf");
-  overrun.setField(minf.offset, static_cast<uint32_t>(minf.size + 400));
+  BoxEditor holdsMedia(moov);
   const auto mediaPlace = std::to_string(moov.size());
   holdsMedia.insert("moov", moov.size(), box("mdat"));
   const std::pair<Bytes, std::string> cases[] = {
@@ -156,9 +160,6 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       {WorkedCase{.timescale = 0}.moov(), "Analysis error: Invalid movie timescale"},
       {noTrackScale.moov(), "Analysis error: Invalid track timescale"},
       {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: The moov box at 0 has a 64-bit size"},
-      {longTrack.bytes, "Fix error: The trak box at " + trakPlace + " has a 64-bit size"},
-      {overrun.bytes,
-       "Fix error: The minf box at " + std::to_string(minf.offset) + " reaches over the end of the mdia"},
       {holdsMedia.bytes, "Fix error: The moov box holds media, at " + mediaPlace},
   };
   for (const auto& [movie, failure] : cases) {
@@ -178,7 +179,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       files.arm({.call = 1, .errnum = 0, .among = {FileOperation::open}, .strike = [&] { token.cancel(); }});
       EXPECT_THROW(MP4AVSyncFixer::fix(files, file_, &token, nullptr, std::nullopt, false, nullptr, given),
                    CancellationError);
-      EXPECT_EQ(files.calls(), opening * (given ? 1 : 2));
+      EXPECT_EQ(files.calls(), opening);
       EXPECT_EQ(written(), moov);
     }
   }
@@ -339,18 +340,17 @@ TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
   write(source);
   ASSERT_TRUE(fix({}, true));
   const Bytes whole = written();
-  const std::string hashes = mediaHashes(file_);
   for (const Fault& fault : {Fault{.errnum = EIO, .effect = Fault::Effect::half},
                              Fault{.errnum = ENOSPC,
                              .effect = Fault::Effect::half,
                              .among = {FileOperation::write, FileOperation::flush, FileOperation::replace}}}) {
     const uint64_t faults = faulty.sweep(fault, [&](uint64_t call) {
       write(source);
-      bool isDone = false;
-      failureOf([&] { isDone = MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
-      EXPECT_TRUE(faulty.fired() || isDone);
-      EXPECT_TRUE(isDone || written() == source) << "call " << call;
-      EXPECT_TRUE(!isDone || written() == whole || mediaHashes(file_) == hashes) << "call " << call;
+      const std::string failure =
+          failureOf([&] { MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
+      // Also where a box could not be read that may be missing: then other lists would be called for.
+      EXPECT_EQ(written(), failure.empty() ? whole : source) << "call " << call;
+      EXPECT_TRUE(faulty.fired() || failure.empty());
       EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "call " << call;
     });
     EXPECT_GT(faults, 3u);

@@ -9,7 +9,7 @@
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
 #include "sync/MP4AVSyncFixer.h"
-#include "sync/detail/SourceFile.h"
+#include "sync/detail/SyncSource.h"
 #include "sync/detail/TimeArithmetic.h"
 #include "sync/detail/TimingTable.h"
 
@@ -206,23 +206,25 @@ int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {
 }
 
 OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const Path& fileURL) {
-  auto file = openSourceFile(files, fileURL);
-  auto moov = requireMoov(*file);
+  SyncSource source(files, fileURL);
+  FileHandle& file = source.file();
+  const BoxHeader& moov = source.moov();
 
   OriginalSyncInfo info;
-  info.movieTimescale = parseMovieTimescale(*file, moov);
-  auto video = parseVideoTrackInfo(*file, moov);
+  info.movieTimescale = parseMovieTimescale(file, moov);
+  auto video = parseVideoTrackInfo(file, moov);
   info.videoFirstCts = video.firstCts;
   info.videoTrackTimescale = video.timescale;
   const DamagedLists damaged = findDamagedLists(files, fileURL);
-  if (!damaged.video) info.videoEditList = parseVideoEditList(*file, moov, MP4TrackType::video);
+  if (!damaged.video) info.videoEditList = parseVideoEditList(file, moov, MP4TrackType::video);
   auto videoEdits = startOf(info.videoEditList);
   info.videoMediaStartMovieTime = videoEdits.emptyDuration;
 
-  auto audio = parseAudioTrackInfo(*file, moov, true);
+  auto audio = parseAudioTrackInfo(file, moov, true);
   info.audioTrackTimescale = audio ? audio->trackTimescale : defaultAudioTimescale;
   info.audioEncoderDelay = audio ? audio->encoderDelay : defaultAudioDelay;
-  if (!damaged.audio) info.audioEditList = parseVideoEditList(*file, moov, MP4TrackType::audio);
+  if (!damaged.audio) info.audioEditList = parseVideoEditList(file, moov, MP4TrackType::audio);
+  source.requireReadable();
   auto audioEdits = startOf(info.audioEditList);
   info.audioMediaStartMovieTime = audioEdits.emptyDuration;
   info.audioMediaTime = audioEdits.mediaTime;
