@@ -12,7 +12,7 @@
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
-#include "remux/detail/MediaLayout.h"
+#include "remux/detail/MovieAccess.h"
 #include "remux/detail/OpenFile.h"
 #include "remux/detail/VideoEntries.h"
 
@@ -219,7 +219,7 @@ std::optional<VideoPlan> planVideo(FileManager& files, const Path& path) {
   std::vector<VideoEntry> entries = readVideoEntries(*file, *stsd, *codec);
   if (entries.empty()) throw MP4RemuxError::corruptedMP4("No sample entry can be read");
   VideoPlan plan = Planner(*file, *codec, std::move(entries), *stbl).make();
-  if (!plan.segments.empty() && findMediaLayout(*file, *moov).isMdatCut) {
+  if (!plan.segments.empty() && scanAround(*file, *moov).isMdatCut()) {
     return VideoPlan{.kind = Kind::cannot, .reason = plan.reason + ", but the file is cut off in its media"};
   }
   return plan;

@@ -1,13 +1,15 @@
+#include "remux/detail/ParentBoxSizes.h"
+
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
-#include "remux/detail/MoovSearch.h"
 
 namespace tarn {
 namespace {
@@ -17,13 +19,22 @@ struct PathBox {
   size_t offset;
 };
 
+/// The first box of this type from `start` on, one level, up to the end of the `moov`.
+std::optional<size_t> findFirstBox(ByteView moov, std::string_view type, size_t start) {
+  BufferBoxWalker walker(moov, start, moov.size(), boxwalk::openChildren);
+  while (auto header = walker.next()) {
+    if (header->type == type) return static_cast<size_t>(header->offset);
+  }
+  return std::nullopt;
+}
+
 /// The boxes from a `trak` down to the first of this type, each the first of its type behind the header of the one
 /// above.
 std::vector<PathBox> pathTo(std::string_view last, ByteView moov, size_t trak) {
   std::vector<PathBox> path = {{"trak", trak}};
   for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
     if (path.back().type == last) break;
-    auto found = findFirstBox(moov, type, path.back().offset + 8, moov.size());
+    auto found = findFirstBox(moov, type, path.back().offset + 8);
     if (!found) throw MP4RemuxError::corruptedMP4(std::string(type) + " not found in " + path.back().type);
     path.push_back({type, *found});
   }
@@ -63,16 +74,16 @@ void changeSizes(std::span<uint8_t> moov, int64_t delta, size_t trak, std::strin
 
 }  // namespace
 
-size_t MP4Remuxer::findStsdOffsetInTrak(ByteView moovData, size_t trakOffset) {
-  return pathTo("stsd", moovData, trakOffset).back().offset;
+size_t findStsdOffsetInTrak(ByteView moov, size_t trakOffset) {
+  return pathTo("stsd", moov, trakOffset).back().offset;
 }
 
-void MP4Remuxer::updateParentBoxSizes(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
-  changeSizes(moovData, sizeDelta, videoTrakOffset, "stsd", "");
+void updateParentBoxSizes(std::span<uint8_t> moov, int64_t sizeDelta, size_t videoTrakOffset) {
+  changeSizes(moov, sizeDelta, videoTrakOffset, "stsd", "");
 }
 
-void MP4Remuxer::updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset) {
-  changeSizes(moovData, sizeDelta, videoTrakOffset, "minf", " for stbl update");
+void updateParentBoxSizesForStbl(std::span<uint8_t> moov, int64_t sizeDelta, size_t videoTrakOffset) {
+  changeSizes(moov, sizeDelta, videoTrakOffset, "minf", " for stbl update");
 }
 
 }  // namespace tarn

@@ -1,17 +1,18 @@
 #include "remux/detail/SampleTableReplacement.h"
 
-#include <optional>
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "movie/TrackFields.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntry.h"
-#include "remux/detail/MoovSearch.h"
+#include "remux/detail/MovieAccess.h"
+#include "remux/detail/ParentBoxSizes.h"
 
 namespace tarn {
 namespace {
@@ -62,6 +63,31 @@ Bytes buildStsdBox(const std::vector<Bytes>& entries) {
   return box;
 }
 
+/// The video track and its whole `stbl`.
+struct VideoTable {
+  const MovieBox& trak;
+  const MovieBox& stbl;
+};
+
+VideoTable requireVideoTable(MovieBox& moov) {
+  const auto tracks = std::ranges::count(moov.children, "trak", &MovieBox::type);
+  if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak found in moov");
+  const MovieBox* trak = findTrack(moov, MP4TrackType::video, edit::remuxing);
+  if (!trak) {
+    throw MP4RemuxError::corruptedMP4(
+        fmt::format("Video trak not found in moov (only found {} non-video tracks)", tracks));
+  }
+  const MovieBox* box = trak;
+  std::string_view parent = "trak";
+  for (std::string_view type : {"mdia", "minf", "stbl"}) {
+    box = box->find({type});
+    if (!box) throw MP4RemuxError::corruptedMP4(fmt::format("{} not found in video {}", type, parent));
+    parent = type;
+  }
+  if (box->isCut) throw MP4RemuxError::corruptedMP4("stbl extends beyond moov");
+  return {*trak, *box};
+}
+
 }  // namespace
 
 uint64_t sizeOfNewStbl(ByteView stbl, uint64_t stsd, uint64_t stsc, uint64_t chunkOffsets) {
@@ -86,41 +112,20 @@ uint64_t sizeOfNewStbl(ByteView stbl, uint64_t stsd, uint64_t stsc, uint64_t chu
   return size;
 }
 
-MP4Remuxer::BoxRange MP4Remuxer::findStblBoxInMoov(ByteView moovData) {
-  size_t tracks = findBoxes(moovData, "trak", 8, moovData.size()).size();
-  if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak found in moov");
-  auto trak = findVideoTrak(moovData);
-  if (!trak) {
-    throw MP4RemuxError::corruptedMP4(
-        fmt::format("Video trak not found in moov (only found {} non-video tracks)", tracks));
-  }
-  size_t end = *trak + *readUInt32(moovData, *trak);
-  size_t box = *trak;
-  std::string_view parent = "trak";
-  for (std::string_view type : {"mdia", "minf", "stbl"}) {
-    auto found = findFirstBox(moovData, type, box + 8, end);
-    if (!found) throw MP4RemuxError::corruptedMP4(fmt::format("{} not found in video {}", type, parent));
-    box = *found;
-    parent = type;
-  }
-  size_t size = *readUInt32(moovData, box);
-  if (size > moovData.size() - box) throw MP4RemuxError::corruptedMP4("stbl extends beyond moov");
-  return {box, size};
+BoxHeader findStblBoxInMoov(ByteView moov) {
+  MovieBox tree = parseMoov(moov);
+  const MovieBox& stbl = requireVideoTable(tree).stbl;
+  return {.offset = stbl.offset, .size = stbl.oldSize, .type = stbl.type};
 }
 
-Bytes MP4Remuxer::extractStsdBoxFromMoov(ByteView moovData) {
-  auto [offset, size] = findStblBoxInMoov(moovData);
-  ByteView stbl = moovData.subspan(offset, size);
-  BufferBoxWalker walker(stbl, 8, stbl.size(), boxwalk::tableChildren);
-  while (auto child = walker.next()) {
-    if (child->type != "stsd") continue;
-    ByteView stsd = bytesOf(*child, stbl);
-    return {stsd.begin(), stsd.end()};
-  }
-  throw MP4RemuxError::corruptedMP4("stsd not found in stbl");
+Bytes extractStsdBoxFromMoov(ByteView moov) {
+  MovieBox tree = parseMoov(moov);
+  const MovieBox* stsd = requireVideoTable(tree).stbl.find({"stsd"});
+  if (!stsd || stsd->isCut) throw MP4RemuxError::corruptedMP4("stsd not found in stbl");
+  return stsd->bytes();
 }
 
-Bytes MP4Remuxer::replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteView newStsc, ByteView newChunkOffset) {
+Bytes replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteView newStsc, ByteView newChunkOffset) {
   Bytes stbl;
   uint64_t size = sizeOfNewStbl(stblData, newStsd.size(), newStsc.size(), newChunkOffset.size());
   if (size > UINT32_MAX) throw MP4RemuxError::corruptedMP4("stbl does not fit its size field");
@@ -147,19 +152,21 @@ Bytes MP4Remuxer::replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteVi
   return stbl;
 }
 
-Bytes MP4Remuxer::buildMoovWithMultipleEntries(ByteView originalMoov, const std::vector<Bytes>& newSampleEntries,
-                                               ByteView newStscBox, ByteView newChunkOffsetBox) {
-  auto [offset, size] = findStblBoxInMoov(originalMoov);
-  auto trak = findVideoTrak(originalMoov);
-  if (!trak) throw MP4RemuxError::unsupportedFormat("No video track found in moov");
+Bytes buildMoovWithMultipleEntries(ByteView originalMoov, const std::vector<Bytes>& newSampleEntries,
+                                   ByteView newStscBox, ByteView newChunkOffsetBox) {
+  MovieBox tree = parseMoov(originalMoov);
+  const auto& [trak, old] = requireVideoTable(tree);
   logLine("NOTE: Preserving original tkhd dimensions for dynamic resolution video");
-  Bytes stbl = replaceBoxesInStbl(originalMoov.subspan(offset, size), buildStsdBox(newSampleEntries), newStscBox,
-                                  newChunkOffsetBox);
+  const Bytes stbl = replaceBoxesInStbl(originalMoov.subspan(old.offset, old.oldSize), buildStsdBox(newSampleEntries),
+                                        newStscBox, newChunkOffsetBox);
   Bytes moov;
-  moov.reserve(originalMoov.size() - size + stbl.size());
-  ByteWriter(moov).bytes(originalMoov.first(offset)).bytes(stbl).bytes(originalMoov.subspan(offset + size));
-  int64_t delta = static_cast<int64_t>(stbl.size()) - static_cast<int64_t>(size);
-  if (delta != 0) updateParentBoxSizesForStbl(moov, delta, *trak);
+  moov.reserve(originalMoov.size() - old.oldSize + stbl.size());
+  ByteWriter(moov)
+      .bytes(originalMoov.first(old.offset))
+      .bytes(stbl)
+      .bytes(originalMoov.subspan(old.offset + old.oldSize));
+  const auto growth = static_cast<int64_t>(stbl.size()) - static_cast<int64_t>(old.oldSize);
+  if (growth != 0) updateParentBoxSizesForStbl(moov, growth, trak.offset);
   return moov;
 }
 

@@ -14,7 +14,7 @@
 #include "remux/VisualSampleEntry.h"
 #include "remux/VisualSampleEntryBuilder.h"
 #include "remux/detail/CodecWords.h"
-#include "remux/detail/MediaLayout.h"
+#include "remux/detail/MovieAccess.h"
 #include "remux/detail/SampleTableReplacement.h"
 #include "remux/detail/VideoEntries.h"
 
@@ -171,7 +171,7 @@ class Redescription {
     for (const Bytes& entry : entries_) stsd += entry.size();
     uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
     uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
-    return findMediaLayout(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size));
+    return scanAround(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size), edit::remuxing);
   }
 
   const MP4BoxInfo& moovBox_;
