@@ -3,7 +3,6 @@
 #include <optional>
 #include <vector>
 
-#include "parameters/AVCConfigurationBox.h"
 #include "parameters/NALUnitParser.h"
 #include "parameters/detail/SetRules.h"
 #include "platform/Log.h"
@@ -73,10 +72,6 @@ void reportPlannedSegment(size_t number, const ConfigurationSegment& s) {
   log("Segment {}: samples {}-{}", number, s.startSampleIndex, s.endSampleIndex);
 }
 
-std::optional<PictureSize> avcPictureSize(ByteView cleanedSPS) {
-  return AVCConfigurationBox::parseSPSResolution(cleanedSPS.subspan(avcNALCodec.headerSize));
-}
-
 constexpr ParameterSetRules hevcSets{.codec = hevcNALCodec,
                                      .headerBytesInRbsp = 2,
                                      .pictureSize = NALUnitParser::parseSPSResolution,
@@ -85,7 +80,7 @@ constexpr ParameterSetRules hevcSets{.codec = hevcNALCodec,
                                      .report = reportHEVCSet};
 constexpr ParameterSetRules avcSets{.codec = avcNALCodec,
                                     .headerBytesInRbsp = 0,
-                                    .pictureSize = avcPictureSize,
+                                    .pictureSize = pictureSizeOfAVC,
                                     .identifier = parseAVCParameterSetID,
                                     .isReadable = nullptr,
                                     .report = reportAVCSet};
@@ -136,19 +131,10 @@ constexpr ScanUse extractionUse(const ParameterSetRules& sets, const SegmentRule
           .reportStart = reportStart};
 }
 
-constexpr ScanUse segmentUse(const SegmentRules& segments) {
+constexpr ScanUse silentUse(const SegmentRules& segments, size_t mostBytes) {
   return {.sets = segments.sets,
           .segments = segments,
-          .mostBytes = SegmentList::mostBytes,  // the list itself says that they are too many
-          .readsBehindSlices = false,
-          .logsDamage = false,
-          .reportStart = nullptr};
-}
-
-constexpr ScanUse planUse(const SegmentRules& segments) {
-  return {.sets = segments.sets,
-          .segments = segments,
-          .mostBytes = ParameterSetCollector::mostBytes,
+          .mostBytes = mostBytes,
           .readsBehindSlices = false,
           .logsDamage = false,
           .reportStart = nullptr};
@@ -160,8 +146,8 @@ constinit const ScanRules hevcScan{
     .codec = hevcNALCodec,
     .vote = {.smallestLength = 3, .checksType = false},
     .extraction = extractionUse(hevcSets, hevcSegments, true, reportHEVCStart),
-    .segments = segmentUse(hevcSegments),
-    .plan = planUse(hevcPlannedSegments),
+    .segments = silentUse(hevcSegments, SegmentList::mostBytes),
+    .plan = silentUse(hevcPlannedSegments, ParameterSetCollector::mostBytes),
     .prefix = "",
     .warnsOfSeveralDescriptions = true,
     .reportsVotes = true,
@@ -172,8 +158,8 @@ constinit const ScanRules avcScan{
     .codec = avcNALCodec,
     .vote = {.smallestLength = 2, .checksType = true},
     .extraction = extractionUse(avcSets, avcSegments, false, reportAVCStart),
-    .segments = segmentUse(avcSegments),
-    .plan = planUse(avcPlannedSegments),
+    .segments = silentUse(avcSegments, SegmentList::mostBytes),
+    .plan = silentUse(avcPlannedSegments, ParameterSetCollector::mostBytes),
     .prefix = "AVC: ",
     .warnsOfSeveralDescriptions = false,
     .reportsVotes = false,

@@ -56,10 +56,6 @@ bool isReadableAVC(ParameterSetKind kind, ByteView cleaned) {
   return ids.isWhole && ids.own <= 255 && ids.sps <= 31;
 }
 
-std::optional<PictureSize> avcPictureSize(ByteView cleanedSPS) {
-  return AVCConfigurationBox::parseSPSResolution(cleanedSPS.subspan(avcNALCodec.headerSize));
-}
-
 /// The identifier of a unit as stored.
 uint32_t identifierOf(const Bytes& unit, ParameterSetKind kind, const ParameterSetRules& rules) {
   Bytes cleaned = removeEmulationPrevention(unit);
@@ -87,10 +83,14 @@ const ParameterSetRules hevcReadableSets{.codec = hevcNALCodec,
 
 const ParameterSetRules avcReadableSets{.codec = avcNALCodec,
                                         .headerBytesInRbsp = 0,
-                                        .pictureSize = avcPictureSize,
+                                        .pictureSize = pictureSizeOfAVC,
                                         .identifier = parseAVCParameterSetID,
                                         .isReadable = isReadableAVC,
                                         .report = nullptr};
+
+std::optional<PictureSize> pictureSizeOfAVC(ByteView cleanedSPS) {
+  return AVCConfigurationBox::parseSPSResolution(cleanedSPS.subspan(avcNALCodec.headerSize));
+}
 
 uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload) {
   BitReader bits(payload);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "parameters/ParameterSets.h"
 #include "parameters/detail/ParameterSetCollector.h"
@@ -16,6 +17,9 @@ extern const ParameterSetRules avcReadableSets;
 /// The identifier of an AVC parameter set (ITU-T H.264 7.3.2.1.1, 7.3.2.2), from its bytes behind the NAL header and
 /// without emulation prevention. Bits that are missing count as 0.
 uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload);
+
+/// The cropped size that an AVC SPS states, from the NAL unit without emulation prevention.
+std::optional<PictureSize> pictureSizeOfAVC(ByteView cleanedSPS);
 
 /// The older sets with the newer ones in the places of those with the same identifier, and behind them.
 ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules);
