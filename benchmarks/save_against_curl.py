@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Saves a large "avc1" file without sound from a loopback server, side by side with `curl -o` and `sync` of the file.
+"""Saves a large file without sound from a loopback server, side by side with `curl -o` and `sync` of the file.
 
-    benchmarks/save_against_curl.py [--tarn build/release/tarn] [--mib 1024] [--runs 5] [--directory DIR]
+    benchmarks/save_against_curl.py [--tarn build/release/tarn] [--mib 1024] [--runs 5] [--directory DIR] [--repaired]
 
+The file is "avc1" and needs nothing, or, with --repaired, "avc3" whose parameter sets stand in the bitstream alone.
 Works in DIR, which should lie on a real disk, and prints each pair's wall times, the medians, their ratio, and the
 largest memory that a save took.
 """
@@ -31,16 +32,25 @@ class Server(http.server.SimpleHTTPRequestHandler):
             offset += os.sendfile(self.connection.fileno(), source.fileno(), offset, size - offset)
 
 
-def make_recording(path, mib):
+def make_recording(path, mib, is_repaired):
     """A few seconds of noise, repeated without encoding until the file has its size."""
     seed = path + ".seed.mp4"
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
                     "nullsrc=size=640x360:rate=30:duration=4,geq=random(1)*255:128:128", "-c:v", "libx264",
                     "-preset", "ultrafast", "-qp", "10", "-pix_fmt", "yuv420p", seed], check=True)
+    if is_repaired:
+        subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-i", seed, "-c", "copy", "-bsf:v",
+                        "dump_extra=freq=keyframe", "-tag:v", "avc3", seed + ".mp4"], check=True)
+        os.replace(seed + ".mp4", seed)
     loops = mib * 1024 * 1024 // os.path.getsize(seed)
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-stream_loop", str(loops), "-i", seed,
-                    "-c", "copy", "-movflags", "+faststart", path], check=True)
+                    "-c", "copy", *(["-tag:v", "avc3"] if is_repaired else []), "-movflags", "+faststart", path],
+                   check=True)
     os.remove(seed)
+    if is_repaired:
+        with open(path, "r+b") as file:
+            file.seek(file.read(8 << 20).index(b"avcC"))
+            file.write(b"free")
 
 
 def timed(command):
@@ -60,12 +70,13 @@ def main():
     parser.add_argument("--mib", type=int, default=1024)
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--directory", default=".")
+    parser.add_argument("--repaired", action="store_true")
     options = parser.parse_args()
     place = tempfile.mkdtemp(prefix="tarn-benchmark-", dir=options.directory)
     try:
         served = os.path.join(place, "served")
         os.mkdir(served)
-        make_recording(os.path.join(served, "clip.mp4"), options.mib)
+        make_recording(os.path.join(served, "clip.mp4"), options.mib, options.repaired)
         handler = functools.partial(Server, directory=served)
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
         threading.Thread(target=server.serve_forever, daemon=True).start()

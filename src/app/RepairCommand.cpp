@@ -1,63 +1,31 @@
 #include <fmt/format.h>
 
-#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "app/Commands.h"
 #include "app/Interrupt.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
-#include "download/FirstRecord.h"
 #include "engine/Home.h"
-#include "engine/PlacingStep.h"
-#include "engine/PrivateHome.h"
-#include "engine/RepairSteps.h"
-#include "pipeline/ProcessingStateManager.h"
-#include "platform/host/PosixFileManager.h"
-#include "remux/LeftAlone.h"
+#include "engine/Repair.h"
+#include "platform/Error.h"
 
 namespace tarn {
 namespace {
-
-/// The engine around the single run of a repair: shows its progress and keeps its outcome. Does not store its record: a
-/// repair that was cut off begins anew.
-class SingleRun : public RunListener {
- public:
-  explicit SingleRun(bool showsProgress) {
-    if (showsProgress) printer_.emplace();
-  }
-
-  void progressUpdated(int64_t /*id*/, double progress, const std::string& stage) override {
-    if (printer_) printer_->showStage(stage, static_cast<int64_t>(progress * 100));
-  }
-  bool ended(const ProcessingRun& run) override {
-    outcome_ = run.outcome;
-    return false;
-  }
-
-  const RunOutcome& outcome() const { return outcome_; }
-
- private:
-  std::optional<ProgressPrinter> printer_;
-  RunOutcome outcome_;
-};
-
-/// Both ends of a repair, absolute.
-struct Ends {
-  Path input;
-  Path output;
-};
 
 Error unusable(const std::string& words) {
   return {"Repair", -1, words};
 }
 
-Ends checkedEnds(const RepairOptions& options) {
+/// The repair that is asked for. Throws Error if its ends cannot be used.
+RepairRequest checked(const RepairOptions& options) {
   namespace fs = std::filesystem;
-  Ends ends{fs::absolute(options.input), fs::absolute(options.output)};
+  RepairRequest ends{.input = fs::absolute(options.input),
+                     .output = fs::absolute(options.output),
+                     .skipVideoFix = options.skipVideoFix,
+                     .skipAudioFix = options.skipAudioFix};
   std::error_code ignored;
   if (!fs::exists(ends.input, ignored)) throw unusable(fmt::format("There is no file {}", options.input));
   if (!fs::is_regular_file(ends.input, ignored)) throw unusable(fmt::format("{} is not a file", options.input));
@@ -74,51 +42,12 @@ Ends checkedEnds(const RepairOptions& options) {
   return ends;
 }
 
-/// The name that the result's place really has: a link stays, and the file that it leads to is replaced.
-Path placeOf(const Path& output) {
-  std::error_code failure;
-  Path place = std::filesystem::canonical(output, failure);
-  return failure ? output : place;
-}
-
-struct Repair {
-  RunOutcome outcome;
-  std::optional<std::string> note;  ///< what was not repaired, and why
-};
-
-/// Copies the input into a home of its own, runs all steps on the copy and puts it in its place.
-Repair repair(const Ends& ends, const RepairOptions& options, bool showsProgress,
-              const std::shared_ptr<CancellationToken>& token) {
-  const Path place = placeOf(ends.output);
-  const PrivateHome home(place.parent_path());
-  // A repair that was cut off begins anew: only the result is flushed, when it takes its place.
-  PosixFileManager files(home.path(), Durability::scratch);
-  const Path copy = files.documentsDirectory(true) / "video.mp4";
-  files.copyItem(ends.input, copy);
-
-  Repair result;
-  SystemClock clock;
-  UserDefaults defaults(files, home.path() / "Defaults");
-  ProcessingStateManager store(defaults, files, clock);
-  const ProcessingState record = makeFirstRecord(files, clock,
-                                                 {.filename = copy.filename().string(),
-                                                  .album = std::nullopt,
-                                                  .fileURL = copy,
-                                                  .skipVideoFix = options.skipVideoFix,
-                                                  .skipAudioFix = options.skipAudioFix});
-  if (!record.needsRemuxing && !options.skipVideoFix) {
-    if (const auto why = whyTheVideoIsLeftAlone(files, copy)) {
-      result.note = fmt::format("The video was left as it is: {}.", *why);
-    }
-  }
-
-  SingleRun listener(showsProgress);
-  NamesInTheMaking names;
-  RepairSteps steps;
-  PlacingStep last(ends.input, place);
-  ProcessingDriver(files, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token);
-  result.outcome = listener.outcome();
-  return result;
+RepairResult repair(const RepairRequest& request, const std::shared_ptr<CancellationToken>& token, bool showsProgress) {
+  std::optional<ProgressPrinter> printer;
+  if (showsProgress) printer.emplace();
+  return repairFile(request, token, [&](const std::string& stage, double progress) {
+    if (printer) printer->showStage(stage, static_cast<int64_t>(progress * 100));
+  });
 }
 
 int reportFailure(const GlobalOptions& global, const RepairOptions& options, const std::string& words) {
@@ -133,10 +62,10 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
   const QuietLog quiet(global.verbose);
   const auto token = std::make_shared<CancellationToken>();
   const InterruptWatcher watcher([token] { token->cancel(); });
-  const Ends ends = checkedEnds(options);
-  Repair result;
+  const RepairRequest request = checked(options);
+  RepairResult result;
   try {
-    result = repair(ends, options, !global.json, token);
+    result = repair(request, token, !global.json);
   } catch (const std::exception& failure) {
     return reportFailure(global, options, failure.what());
   }
@@ -150,13 +79,13 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
   if (global.json) {
     printJSON({{"result", "repaired"},
                {"input", options.input},
-               {"path", ends.output.string()},
+               {"path", request.output.string()},
                {"note", result.note ? JSValue(*result.note) : JSValue()},
                {"warnings", JSValue::Array(outcome.leftAlone.begin(), outcome.leftAlone.end())}});
   } else {
     if (result.note) printLine(*result.note);
     for (const std::string& warning : outcome.leftAlone) printLine("Warning: " + warning);
-    printLine(ends.output.string());
+    printLine(request.output.string());
   }
   return ExitCode::done;
 }

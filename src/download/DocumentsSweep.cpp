@@ -4,6 +4,7 @@
 #include <array>
 #include <string_view>
 
+#include "pipeline/RecipeFiles.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 
@@ -51,6 +52,13 @@ void DocumentsSweep::deleteFilesOf(const ProcessingState& record) {
   for (const Path& file : files) {
     if (const auto hold = holdIfUnused(file)) removeIfExists(files_, file);
   }
+  // A run that goes on sees at its end that it was taken away.
+  const auto inHand = gate_.runsInHand();
+  const auto isSame = [&](const ProcessingState& run) { return run.downloadId == record.downloadId; };
+  if (std::ranges::any_of(inHand, isSame)) return;
+  for (const Path& file : {recipeFilesOf(record).recipe, recipeFilesOf(record).side}) {
+    if (files_.fileExists(file)) removeIfExists(files_, file);
+  }
 }
 
 void DocumentsSweep::cleanupOrphanedFiles() {
@@ -77,9 +85,18 @@ void removeLeftovers(FileManager& files, ProcessingStateManager& store) {
     for (const std::string& name : files.contentsOfDirectory(temporary)) files.removeItem(temporary / name);
     const Path documents = files.documentsDirectory(true);
     const auto inUse = store.filesInUse();
-    if (!inUse) return;
+    const auto pending = store.allPendingStates();
+    if (!inUse || !pending) return;
+    // Whose recipe a record needs that was set aside is not known.
+    const bool areRecipesKnown = store.problems().empty();
+    const auto isOrphan = [&](const std::string& name) {
+      if (isStepTempName(name)) return !inUse->contains(documents / name);
+      const auto owner = ownerOfRecipeFile(name);
+      return owner && areRecipesKnown &&
+             std::ranges::find(*pending, *owner, &ProcessingState::downloadId) == pending->end();
+    };
     for (const std::string& name : files.contentsOfDirectory(documents)) {
-      if (isStepTempName(name) && !inUse->contains(documents / name)) files.removeItem(documents / name);
+      if (isOrphan(name)) files.removeItem(documents / name);
     }
   } catch (const Error& error) {
     log("Error removing leftovers: {}", error.description());

@@ -23,8 +23,9 @@ class DocumentsSweep {
   /// read.
   void cleanupOrphanedFiles();
 
-  /// Deletes the video and the temp files of a record that was taken away, whatever they are called, but for those that
-  /// somebody works on or that another download has a use for by now. Failures are ignored: the sweep comes by later.
+  /// Deletes the video, the temp files and the recipe of a record that was taken away, whatever they are called, but
+  /// for those that somebody works on or that another download has a use for by now. Failures are ignored: the sweep
+  /// comes by later.
   void deleteFilesOf(const ProcessingState& record);
 
  private:
@@ -39,8 +40,8 @@ class DocumentsSweep {
 };
 
 /// Deletes what runs of a process that was killed have left: everything in the temporary directory, and in Documents
-/// the temp files of steps that no pending record lists. Only while nothing else works in this home. Failures are
-/// logged.
+/// the temp files of steps that no pending record lists, and the recipes of no pending record. Only while nothing else
+/// works in this home. Failures are logged.
 void removeLeftovers(FileManager& files, ProcessingStateManager& store);
 
 }  // namespace tarn

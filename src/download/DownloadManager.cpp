@@ -40,7 +40,7 @@ DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps
       store_(platform.defaults, platform.files, platform.clock),
       gate_(store_),
       sweep_(platform.files, registry_, store_, gate_, names_),
-      driver_(platform.files, platform.clock, store_, names_, *this, steps),
+      driver_(platform.files, platform.clock, store_, names_, *this, steps, RunFiles::layered),
       downloadsQueue_(platform.dispatch.makeSerialQueue("com.tarn.downloadsQueue", false)),
       processingWorker_(platform.dispatch.makeSerialQueue("com.tarn.processing", true)) {}
 

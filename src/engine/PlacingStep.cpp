@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "platform/Error.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 #include "presentation/RepairHarms.h"
@@ -12,20 +13,17 @@ namespace tarn {
 void PlacingStep::run(ProcessingRun& run) {
   run.timings.printSummary();
   run.token->throwIfCancelled();
-  const auto harms = harmsOfRepair(run.files, source_, run.files, run.fileURL, run.audioWasTranscoded);
-  // The run cleans up the file that it worked on, so the place gets another name of it.
-  Path result = run.files.temporaryDirectory() / "result";
+  const auto harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
   if (!harms.empty()) {
     run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
-    run.files.copyItem(source_, result);
-  } else {
-    try {
-      run.files.linkItem(run.fileURL, result);
-    } catch (const PosixError&) {
-      result = run.fileURL;  // a file system without hard links
-    }
   }
-  PosixFileManager(place_.parent_path()).replaceItem(place_, result);
+  const Path& taken = harms.empty() ? run.fileURL : source_.path;
+  files_.materialise(taken, result_.made, [&] { run.token->throwIfCancelled(); });
+  PosixFileManager disk(result_.made.parent_path());
+  if (disk.attributes(source_.path) != source_.facts) {
+    throw Error("Repair", -1, "the file was changed while it was read");
+  }
+  disk.replaceItem(result_.place, result_.made);
   run.outcome.setSaved();
 }
 

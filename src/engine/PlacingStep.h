@@ -1,23 +1,39 @@
 #pragma once
 
+#include <optional>
+
 #include "pipeline/ProcessingStep.h"
+#include "platform/layers/LayeredFiles.h"
 
 namespace tarn {
 
-/// The last step of a repair of one file: compares the result with the source, and moves it to its place, replacing
-/// what is there. A result that would harm the presentation is not taken: a copy of the source takes the place then,
-/// and the run warns.
+/// The last step of a repair of one file: compares the result with the source, makes it a real file, and moves that to
+/// its place, replacing what is there. A result that would harm the presentation is not taken: a copy of the source
+/// takes the place then, and the run warns. Throws Error if the source is no longer what it was before the repair.
 class PlacingStep : public ProcessingStep {
  public:
-  /// Both paths must be absolute.
-  PlacingStep(Path source, Path place) : source_(std::move(source)), place_(std::move(place)) {}
+  struct Source {
+    Path path;                            ///< absolute
+    std::optional<FileAttributes> facts;  ///< from before it was opened
+  };
+
+  struct Result {
+    Path made;   ///< the name under which it is written; nothing is there yet
+    Path place;  ///< on the same file system
+  };
+
+  /// The run's files must be layers over the source: `files`, or what passes everything on to them. Paths must be
+  /// absolute.
+  PlacingStep(LayeredFiles& files, Source source, Result result)
+      : files_(files), source_(std::move(source)), result_(std::move(result)) {}
 
   ProcessingStage gateStage() const override { return ProcessingStage::savingToPhotos; }
   void run(ProcessingRun& run) override;
 
  private:
-  Path source_;
-  Path place_;
+  LayeredFiles& files_;
+  const Source source_;
+  const Result result_;
 };
 
 }  // namespace tarn

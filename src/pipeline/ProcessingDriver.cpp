@@ -1,40 +1,53 @@
 #include "pipeline/ProcessingDriver.h"
 
 #include <algorithm>
+#include <iterator>
+#include <set>
 
 #include "pipeline/detail/PolledFiles.h"
+#include "pipeline/detail/RunLayers.h"
 #include "platform/Log.h"
 
 namespace tarn {
 namespace {
 
-bool isStillThere(FileManager& files, const ProcessingState& state, std::string_view ending) {
-  return std::ranges::any_of(
-      state.tempFiles, [&](const Path& file) { return file.native().ends_with(ending) && files.fileExists(file); });
-}
-
 /// The audio step makes the fixed file before it enters `audioReplacing`, and its swap moves that file over the video
-/// in one step. So a fixed file that is gone while the new audio is still there means that the swap was done.
-bool wasAudioSwapped(FileManager& files, const ProcessingState& state) {
-  return state.stage == ProcessingStage::audioReplacing && isStillThere(files, state, ".m4a") &&
-         !isStillThere(files, state, "_fixed.mp4");
+/// in one step. So a fixed file that is gone while the new audio is still there means that the swap was done. The names
+/// in the recipe count too: a record may have lost its temp files.
+bool wasAudioSwapped(ProcessingRun& run, RunLayers& layers) {
+  if (run.state.stage != ProcessingStage::audioReplacing) return false;
+  std::set<Path> files = layers.newNames();
+  std::ranges::copy_if(run.state.tempFiles, std::inserter(files, files.end()),
+                       [&](const Path& file) { return run.files.fileExists(file); });
+  const auto isThere = [&](std::string_view ending) {
+    return std::ranges::any_of(files, [&](const Path& file) { return file.native().ends_with(ending); });
+  };
+  return isThere(".m4a") && !isThere("_fixed.mp4");
 }
 
 }  // namespace
 
 ProcessingDriver::ProcessingDriver(FileManager& files, const Clock& clock, ProcessingStateManager& store,
-                                   NamesInTheMaking& names, RunListener& listener, ProcessingSteps steps)
-    : files_(files), clock_(clock), store_(store), names_(names), listener_(listener), steps_(steps) {}
+                                   NamesInTheMaking& names, RunListener& listener, ProcessingSteps steps,
+                                   RunFiles runFiles)
+    : files_(files),
+      clock_(clock),
+      store_(store),
+      names_(names),
+      listener_(listener),
+      steps_(steps),
+      runFiles_(runFiles) {}
 
 void ProcessingDriver::continueProcessing(const ProcessingState& state,
                                           const std::shared_ptr<CancellationToken>& cancellationToken) {
   // The name stays held until the file is gone or is nobody's: a transfer that ends meanwhile takes another one.
   auto hold = names_.hold(state.fileURL);
-  PolledFiles files(files_, cancellationToken);
+  RunLayers layers(files_, state, runFiles_ == RunFiles::layered);
+  PolledFiles files(layers.files(), cancellationToken);
   ProcessingRun run(files, clock_, names_, listener_, state, cancellationToken);
   try {
     cancellationToken->throwIfCancelled();
-    runSteps(run, findStart(run));
+    runSteps(run, layers, findStart(run, layers));
     finish(run);
   } catch (const std::exception& failure) {
     // A run that was asked to stop is cancelled, whatever error a worker makes of the stop.
@@ -43,14 +56,18 @@ void ProcessingDriver::continueProcessing(const ProcessingState& state,
       run.outcome.kind = RunOutcome::Kind::cancelled;
     } else {
       fail(run, std::current_exception());
+      layers.discard();
     }
   }
-  deleteFiles(run, listener_.ended(run));
+  const bool wasTakenAway = listener_.ended(run);
+  if (wasTakenAway) layers.discard();
+  deleteFiles(run, wasTakenAway);
 }
 
-ProcessingStage ProcessingDriver::findStart(ProcessingRun& run) {
+ProcessingStage ProcessingDriver::findStart(ProcessingRun& run, RunLayers& layers) {
   ProcessingStage stage = run.state.stage;
-  if (wasAudioSwapped(files_, run.state)) return rollBack(run, ProcessingStage::audioReplaced);
+  if (!layers.takeUp()) return rollBack(run, ProcessingStage::downloaded);
+  if (wasAudioSwapped(run, layers)) return rollBack(run, ProcessingStage::audioReplaced);
   // The transcoded audio is a temp file of the interrupted step: from here on the step is done again as a whole.
   if (stage == ProcessingStage::transcoded || stage == ProcessingStage::audioReplacing) {
     return rollBack(run, ProcessingStage::remuxed);
@@ -64,6 +81,9 @@ ProcessingStage ProcessingDriver::findStart(ProcessingRun& run) {
 ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage target) {
   log("Interrupted at {}, rolling back to checkpoint: {}", description(run.state.stage), description(target));
   store_.cleanupTempFiles(run.state);
+  for (const Path& file : run.state.tempFiles) {
+    if (run.files.fileExists(file)) removeIfExists(run.files, file);
+  }
   run.state.tempFiles.clear();
   run.state.stage = target;
   run.state.lastUpdated = clock_.now();
@@ -73,7 +93,7 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
   return start;
 }
 
-void ProcessingDriver::runSteps(ProcessingRun& run, ProcessingStage startStage) {
+void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, ProcessingStage startStage) {
   // A step that is not built in is passed over.
   const auto isDue = [&](const ProcessingStep* step) { return step && startStage <= step->gateStage(); };
   if (run.state.needsRemuxing && isDue(steps_.remux)) {
@@ -88,6 +108,7 @@ void ProcessingDriver::runSteps(ProcessingRun& run, ProcessingStage startStage) 
     steps_.sync->run(run);
   }
   run.token->throwIfCancelled();
+  layers.finish(*run.token);
   if (steps_.last) steps_.last->run(run);
 }
 

@@ -10,9 +10,11 @@
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
 #include "engine/PlacingStep.h"
+#include "engine/Repair.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
 #include "support/Eventually.h"
+#include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
 #include "support/TempDirectory.h"
@@ -43,10 +45,10 @@ class RepairTest : public testing::Test {
   }
 
   /// A repair of a file so big that it can be disturbed, once its work has begun.
-  std::unique_ptr<ChildProgram> startLongRepair() {
+  std::unique_ptr<ChildProgram> startLongRepair(uint64_t size = 0x6000000) {
     write(damagedMovie("hev1 with an empty hvcC"));
     std::ofstream(in_, std::ios::app) << std::string("\6\0\0\0free", 8);
-    fs::resize_file(in_, source_.size() + 0x6000000);
+    fs::resize_file(in_, source_.size() + size);
     const auto command = tarnCommand(place_ / "home", {"repair", in_.string(), "-o", out_.string()});
     auto tarn = std::make_unique<ChildProgram>(command, place_.path());
     eventually([&] { return filesBesideOut() > 0; });
@@ -81,16 +83,30 @@ TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
     const auto list = editor.at("moov/trak/edts/elst");
     editor.setField(list.offset + 16, doesHarm ? 1960 : 2001);  // the last picture lasts 40 ms
     const Path result = place_ / "result.mp4";
-    writeFileAtomically(files_, result, editor.bytes);
+    LayeredFiles layers(files_, place_ / "side");
+    layers.open(result, OpenMode::creating)->write(editor.bytes);
     RunRecorder recorder;
-    ProcessingRun run = recorder.runOn(files_, result);
-    PlacingStep(in_, out_).run(run);
+    ProcessingRun run = recorder.runOn(layers, result);
+    PlacingStep(layers, {in_, files_.attributes(in_)}, {place_ / "made", out_}).run(run);
     EXPECT_EQ(contentOf(out_), doesHarm ? source_ : textOf(editor.bytes));
     std::vector<std::string> warnings;
     if (doesHarm)
       warnings.emplace_back("The file was left as it is, since its repair would do harm: 1 picture is hidden");
     EXPECT_EQ(run.outcome.leftAlone, warnings);
   }
+}
+
+// Its bytes are read until the result is made, so a result could be made of two versions.
+TEST_F(RepairTest, ASourceThatChangesMeanwhileFailsTheRepair) {
+  write(damagedMovie("AC-3 sound"));
+  const LogCapture log;
+  const auto token = std::make_shared<CancellationToken>();
+  using Kind = RunOutcome::Kind;
+  EXPECT_EQ(repairFile({.input = in_, .output = out_}, token).outcome.kind, Kind::saved);
+  fs::remove(out_);
+  const auto touch = [&](const std::string&, double) { std::ofstream(in_, std::ios::app) << "more"; };
+  EXPECT_EQ(repairFile({.input = in_, .output = out_}, token, touch).outcome.kind, Kind::failed);
+  EXPECT_EQ(filesBesideOut(), 0U);
 }
 
 TEST_F(RepairTest, RefusesEndsThatAreNotSafe) {
@@ -143,7 +159,7 @@ TEST_F(RepairTest, AKillLeavesTheResultWholeOrNotAtAll) {
 
 TEST_F(RepairTest, AnInterruptLeavesNothing) {
   for (int number : {SIGINT, SIGTERM}) {
-    auto tarn = startLongRepair();
+    auto tarn = startLongRepair(0x40000000);
     tarn->signal(number);
     EXPECT_EQ(tarn->wait(), 130) << tarn->errors();
     EXPECT_EQ(filesBesideOut(), 0u);

@@ -10,7 +10,8 @@
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
 #include "platform/Error.h"
-#include "platform/layers/DryRunFiles.h"
+#include "platform/layers/LayeredFiles.h"
+#include "platform/memory/InMemoryFileManager.h"
 #include "presentation/Presentation.h"
 #include "presentation/RepairHarms.h"
 #include "remux/LeftAlone.h"
@@ -27,7 +28,7 @@ class TrialRun {
  public:
   TrialRun(FileManager& files, Inspection& inspection)
       : files_(files),
-        trial_(files),
+        trial_(files, newBytes_, "/new bytes"),
         inspection_(inspection),
         path_(inspection.file),
         run_(trial_, clock_, names_, listener_, firstRecord(), std::make_shared<CancellationToken>()) {}
@@ -189,7 +190,8 @@ class TrialRun {
   }
 
   FileManager& files_;
-  DryRunFiles trial_;
+  InMemoryFileManager newBytes_;  ///< a trial run writes nothing to the disk
+  LayeredFiles trial_;
   Inspection& inspection_;
   const Path path_;
   SystemClock clock_;

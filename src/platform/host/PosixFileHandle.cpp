@@ -46,8 +46,7 @@ bool blocksMatch(uint64_t from, uint64_t to) {
 
 }  // namespace
 
-PosixFileHandle::PosixFileHandle(const Path& path, OpenMode mode, Durability durability)
-    : name_(path.native()), durability_(durability) {
+PosixFileHandle::PosixFileHandle(const Path& path, OpenMode mode) : name_(path.native()) {
   const char* const name = nativeName(path);
   descriptor_ = repeatInterrupted([&] { return ::open(name, openFlags(mode), 0666); });
   if (descriptor_ < 0) fail(errno, "open");
@@ -131,7 +130,6 @@ uint64_t PosixFileHandle::copyRange(FileHandle& target, uint64_t count) {
 }
 
 void PosixFileHandle::startWriting(uint64_t count) {
-  if (durability_ == Durability::scratch) return;
   // Whoever copies much flushes at the end; the disk may begin now. A refusal does no harm.
   const auto from = static_cast<off_t>(offset_ - count);
   ::sync_file_range(descriptor_, from, static_cast<off_t>(count), SYNC_FILE_RANGE_WRITE);
@@ -172,7 +170,6 @@ void PosixFileHandle::truncate(uint64_t size) {
 
 void PosixFileHandle::synchronize() {
   requireOpen();
-  if (durability_ == Durability::scratch) return;
   if (repeatInterrupted([&] { return ::fsync(descriptor_); }) != 0) fail(errno, "flush");
 }
 

@@ -6,14 +6,11 @@
 
 namespace tarn {
 
-/// Whether what was flushed outlives a crash of the system, or nothing needs to, so that nobody waits for the disk.
-enum class Durability { flushed, scratch };
-
 /// A file descriptor behind FileHandle. It keeps its own position, so that no other user of the file can move it.
 class PosixFileHandle : public FileHandle {
  public:
   /// Opens a regular file. Throws PosixError: EISDIR for a directory, ESPIPE for anything else that has no positions.
-  PosixFileHandle(const Path& path, OpenMode mode, Durability durability);
+  PosixFileHandle(const Path& path, OpenMode mode);
   ~PosixFileHandle() override;
   PosixFileHandle(const PosixFileHandle&) = delete;
   PosixFileHandle& operator=(const PosixFileHandle&) = delete;
@@ -42,7 +39,6 @@ class PosixFileHandle : public FileHandle {
 
   std::string name_;
   int descriptor_ = -1;
-  Durability durability_;
   uint64_t offset_ = 0;
 };
 

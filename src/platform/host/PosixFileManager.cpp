@@ -84,7 +84,7 @@ class ReplacedFile {
 }  // namespace
 
 std::unique_ptr<FileHandle> PosixFileManager::open(const Path& path, OpenMode mode) {
-  return std::make_unique<PosixFileHandle>(path, mode, durability_);
+  return std::make_unique<PosixFileHandle>(path, mode);
 }
 
 bool PosixFileManager::fileExists(const Path& path) {
@@ -142,8 +142,8 @@ void PosixFileManager::moveItem(const Path& from, const Path& to) {
 }
 
 void PosixFileManager::copyItem(const Path& from, const Path& to) {
-  PosixFileHandle source(from, OpenMode::reading, durability_);
-  PosixFileHandle copy(to, OpenMode::exclusive, durability_);
+  PosixFileHandle source(from, OpenMode::reading);
+  PosixFileHandle copy(to, OpenMode::exclusive);
   TempFile made(*this, to);
   if (!copy.cloneFrom(source)) source.copyRange(copy, std::numeric_limits<uint64_t>::max());
   copy.synchronize();
@@ -165,7 +165,7 @@ void PosixFileManager::removeItem(const Path& path) {
 
 void PosixFileManager::replaceItem(const Path& target, const Path& source) {
   const ReplacedFile replaced(target);
-  PosixFileHandle flushed(source, OpenMode::reading, durability_);
+  PosixFileHandle flushed(source, OpenMode::reading);
   flushed.synchronize();
   flushed.close();
   if (::rename(nativeName(source), nativeName(target)) == 0) {
@@ -183,7 +183,6 @@ void PosixFileManager::replaceItem(const Path& target, const Path& source) {
 }
 
 void PosixFileManager::synchronizeDirectory(const Path& path) {
-  if (durability_ == Durability::scratch) return;
   const char* const name = nativeName(path);
   const int descriptor = repeatInterrupted([&] { return ::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
   if (descriptor < 0) fail(errno, "open directory", path);

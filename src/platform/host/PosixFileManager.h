@@ -9,9 +9,7 @@ namespace tarn {
 /// `<home>/Documents`, the temporary directory `<home>/tmp`.
 class PosixFileManager : public FileManager {
  public:
-  /// With Durability::scratch no operation flushes: for files that are worthless once the process is gone.
-  explicit PosixFileManager(Path home, Durability durability = Durability::flushed)
-      : home_(std::move(home)), durability_(durability) {}
+  explicit PosixFileManager(Path home) : home_(std::move(home)) {}
 
   std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override;
   bool fileExists(const Path& path) override;
@@ -30,7 +28,6 @@ class PosixFileManager : public FileManager {
 
  private:
   Path home_;
-  Durability durability_;
 };
 
 }  // namespace tarn
