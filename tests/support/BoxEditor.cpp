@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-
 namespace tarn::test {
 namespace {
 
