@@ -7,16 +7,16 @@
 #include <fstream>
 #include <thread>
 
-#include "app/DamagedMovies.h"
-#include "app/TarnProcess.h"
 #include "engine/PlacingStep.h"
 #include "engine/Repair.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
+#include "support/DamagedMovies.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -7,13 +7,13 @@
 #include <fstream>
 #include <iostream>
 
-#include "app/DamagedMovies.h"
-#include "app/TarnProcess.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/DamagedMovies.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
 #include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

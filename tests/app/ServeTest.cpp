@@ -12,7 +12,6 @@
 #include <csignal>
 #include <fstream>
 
-#include "app/TarnProcess.h"
 #include "download/FirstRecord.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/Capacitor.h"
@@ -21,6 +20,7 @@
 #include "platform/host/PosixFileManager.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

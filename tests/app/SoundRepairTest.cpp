@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "app/TarnProcess.h"
 #include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -16,7 +16,6 @@
 #include "support/FaultyFileManager.h"
 #include "support/FlashBeep.h"
 #include "support/LogCapture.h"
-#include "support/MovieLayout.h"
 #include "support/PCM.h"
 #include "support/RunRecorder.h"
 #include "support/TempDirectory.h"

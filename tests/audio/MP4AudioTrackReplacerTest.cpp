@@ -11,7 +11,6 @@
 #include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
-#include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

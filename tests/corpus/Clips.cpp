@@ -8,8 +8,8 @@
 
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
 #include "support/MediaMaker.h"
-#include "support/MovieLayout.h"
 
 namespace tarn::test {
 namespace {

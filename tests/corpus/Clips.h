@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/FileManager.h"
-#include "support/BoxTree.h"
+#include "support/BoxEditor.h"
 
 namespace tarn::test {
 

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "app/TarnProcess.h"
 #include "corpus/Judge.h"
 #include "corpus/Kinds.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -8,7 +8,6 @@
 
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
-#include "support/BoxTree.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -11,7 +11,6 @@
 
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
-#include "support/BoxTree.h"
 #include "support/MediaMaker.h"
 #include "support/PCM.h"
 #include "support/TempDirectory.h"

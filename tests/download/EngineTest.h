@@ -32,7 +32,8 @@ class RecordingDelegate : public DownloadManagerDelegate {
   void note(const std::string& what, int64_t id) { heard.push_back(what + " " + std::to_string(id)); }
 };
 
-/// The engine on real files, with transfers, queues and time in the test's hands. The pipeline has a last step alone.
+/// The engine on files in memory, with transfers, queues and time in the test's hands. The pipeline has a last step
+/// alone.
 class EngineTest : public testing::Test, protected TestHome {
  protected:
   static constexpr int64_t firstId = 1'800'000'000;

@@ -12,7 +12,7 @@ namespace {
 enum class Kind { linking, copying, memory };
 
 /// What holds for every photo library.
-class PhotoLibraryTest : public testing::TestWithParam<Kind>, protected TestHome {
+class PhotoLibraryTest : public testing::TestWithParam<Kind>, protected HomeOnDisk {
  protected:
   PhotoLibraryTest() {
     if (GetParam() == Kind::memory) {
@@ -111,7 +111,7 @@ TEST_P(PhotoLibraryTest, AChangeThatThrowsOrIsNotAllowedLeavesNothing) {
 }
 
 /// What holds for the library on the disk.
-class PhotoDirectoryTest : public testing::Test, protected TestHome {
+class PhotoDirectoryTest : public testing::Test, protected HomeOnDisk {
  protected:
   using Access = SQLitePhotoLibrary::Access;
   std::unique_ptr<SQLitePhotoLibrary> open(Access access = Access::readWrite) {

@@ -10,9 +10,8 @@
 #include <vector>
 
 #include "platform/host/PosixFileManager.h"
-#include "support/BoxTree.h"
+#include "support/BoxEditor.h"
 #include "support/MediaMaker.h"
-#include "support/MovieLayout.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -9,15 +9,15 @@
 #include <sstream>
 
 #include "app/Commands.h"
-#include "app/TarnProcess.h"
 #include "inspect/Inspection.h"
 #include "platform/host/PosixFileManager.h"
-#include "reliability/ProbedMovie.h"
 #include "reliability/RandomMovie.h"
 #include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/PCM.h"
+#include "support/ProbedMovie.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

@@ -9,14 +9,12 @@
 #include "remux/MP4Remuxer.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
+#include "support/DamagedMovies.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
-#include "support/MovieLayout.h"
 
 namespace tarn::test {
-
-inline const std::string sampleTable = "moov/trak/mdia/minf/stbl";
 
 /// The first track's sample entries with their sizes, its `stsc` rows, and its chunk offset table with the count.
 inline std::string describe(const Bytes& movie) {
@@ -36,20 +34,6 @@ inline std::string describe(const Bytes& movie) {
     }
   }
   return text;
-}
-
-/// A recipe for 2 s that have their parameter sets in the samples.
-inline VideoRecipe inBand(bool isHEVC, const std::string& size = "192x144") {
-  return {.codec = isHEVC ? "libx265" : "libx264", .parameters = "repeat-headers=1:keyint=20", .size = size};
-}
-
-/// The movie without the configuration box of its sample entry and with the tag that says so; no offset changes.
-inline Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
-  BoxEditor editor(movie);
-  const std::string entry = sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc1");
-  editor.rename(entry + (isHEVC ? "/hvcC" : "/avcC"), "free");
-  if (!isHEVC) editor.rename(entry, "avc3");
-  return editor.bytes;
 }
 
 /// A file in a directory of its own, to be damaged and repaired.

@@ -1,22 +1,57 @@
 #include "support/BoxEditor.h"
 
 #include <algorithm>
+#include <map>
 #include <stdexcept>
-#include <string>
-
-#include "mp4/DataExtensions.h"
+#include <utility>
 
 namespace tarn::test {
 namespace {
 
-/// Bytes between a box's start and its first child.
+using Kind = MovieLayout::Piece::Kind;
+
+/// The boxes that have children, with the bytes that stand ahead of those, the header counted.
+const std::map<std::string_view, size_t>& parents() {
+  static const std::map<std::string_view, size_t> known = {
+      {"moov", 8},  {"trak", 8},  {"mdia", 8},  {"minf", 8},  {"stbl", 8},  {"edts", 8}, {"stsd", 16},
+      {"avc1", 86}, {"avc3", 86}, {"hvc1", 86}, {"hev1", 86}, {"encv", 86}, {"mp4a", 36}};
+  return known;
+}
+
+/// Where the children of a box begin that has some, whatever its type.
 size_t childrenBegin(std::string_view type) {
-  if (type == "stsd") return 16;
-  if (type == "avc1" || type == "avc3" || type == "hvc1" || type == "hev1" || type == "encv") return 86;
-  return 8;
+  const auto parent = parents().find(type);
+  return parent == parents().end() ? 8 : parent->second;
+}
+
+/// A chunk offset: where it stands in the `moov`, and what it says.
+struct Entry {
+  size_t place;
+  bool isLong;
+  uint64_t value;
+};
+
+std::vector<Entry> entriesOf(const Bytes& moov) {
+  const BoxEditor editor(moov);
+  std::vector<Entry> entries;
+  for (bool isLong : {false, true}) {
+    for (const auto& box : editor.all(isLong ? "moov/trak/mdia/minf/stbl/co64" : "moov/trak/mdia/minf/stbl/stco")) {
+      for (size_t place = box.offset + 16; place < box.end(); place += isLong ? 8 : 4) {
+        entries.push_back({place, isLong, isLong ? *readUInt64(moov, place) : *readUInt32(moov, place)});
+      }
+    }
+  }
+  return entries;
+}
+
+Bytes mdatHeader(Kind kind, size_t length) {
+  if (kind == Kind::longMdat) return longBoxClaiming(16 + length, "mdat");
+  return boxClaiming(kind == Kind::openMdat ? 0 : static_cast<uint32_t>(8 + length), "mdat");
 }
 
 }  // namespace
+
+// --- BoxEditor ---
 
 std::string_view BoxEditor::typeAt(size_t offset) const {
   return textOf(ByteView(bytes).subspan(offset + 4, 4));
@@ -81,6 +116,101 @@ void BoxEditor::splice(const Found& inside, size_t offset, size_t removed, const
   }
   const auto place = bytes.begin() + static_cast<ptrdiff_t>(offset);
   bytes.insert(bytes.erase(place, place + static_cast<ptrdiff_t>(removed)), added.begin(), added.end());
+}
+
+// --- BoxTree ---
+
+BoxTree::BoxTree(ByteView box) : type(textOf(box.subspan(4, 4))) {
+  size_t at = parents().contains(type) ? childrenBegin(type) : box.size();
+  fields.assign(box.begin() + 8, box.begin() + static_cast<ptrdiff_t>(at));
+  for (; at < box.size(); at += readUInt32(box, at).value()) {
+    children.emplace_back(box.subspan(at, readUInt32(box, at).value()));
+  }
+}
+
+Bytes BoxTree::bytes() const {
+  Bytes contents = fields;
+  for (const BoxTree& each : children) contents = joined({contents, each.bytes()});
+  return box(type, {contents});
+}
+
+std::vector<BoxTree>::iterator BoxTree::child(const std::string& childType) {
+  return std::ranges::find(children, childType, &BoxTree::type);
+}
+
+BoxTree& BoxTree::at(const std::string& path) {
+  const auto found = child(path.substr(0, 4));
+  if (found == children.end()) throw std::runtime_error("no " + path + " in " + type);
+  return path.size() == 4 ? *found : found->at(path.substr(5));
+}
+
+BoxTree* BoxTree::track(const std::string& handler) {
+  const auto found = std::ranges::find_if(children, [&](BoxTree& each) {
+    return each.type == "trak" && textOf(ByteView(each.at("mdia/hdlr").fields).subspan(8, 4)) == handler;
+  });
+  return found == children.end() ? nullptr : &*found;
+}
+
+// --- MovieLayout ---
+
+MovieLayout::MovieLayout(const Bytes& file) {
+  BoxEditor editor(file);
+  ftyp = editor.get("ftyp");
+  moov = editor.get("moov");
+  media = editor.get("mdat");
+  media.erase(media.begin(), media.begin() + 8);
+  mediaOffset_ = editor.at("mdat").offset + 8;
+}
+
+std::vector<uint64_t> MovieLayout::chunks() const {
+  std::vector<uint64_t> starts;
+  for (const Entry& entry : entriesOf(moov)) starts.push_back(entry.value - mediaOffset_);
+  std::ranges::sort(starts);
+  return starts;
+}
+
+void MovieLayout::useLongOffsets() {
+  BoxEditor editor(moov);
+  // From the last one on, so that those ahead of it stay where they are.
+  auto found = editor.all("moov/trak/mdia/minf/stbl/stco");
+  for (; !found.empty(); found.pop_back()) {
+    const auto& stco = found.back();
+    Bytes rows = values({0, editor.field(stco.offset + 12)});
+    for (size_t place = stco.offset + 16; place < stco.end(); place += 4) ByteWriter(rows).uint64(editor.field(place));
+    editor.replace(stco, box("co64", {rows}));
+  }
+  moov = editor.bytes;
+}
+
+Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {
+  Bytes file;
+  size_t moovOffset = 0;
+  std::vector<std::pair<Piece, uint64_t>> parts;  // where each part of the media came to lie
+  for (Piece piece : pieces) {
+    if (piece.kind == Kind::raw) {
+      ByteWriter(file).bytes(piece.bytes);
+    } else if (piece.kind == Kind::moov || piece.kind == Kind::openMoov) {
+      moovOffset = file.size();
+      ByteWriter(file).bytes(moov);
+      if (piece.kind == Kind::openMoov) writeUInt32(file, 0, moovOffset);
+    } else {
+      piece.end = std::min<uint64_t>(piece.end, media.size());
+      size_t length = piece.end - piece.begin;
+      ByteWriter(file).bytes(mdatHeader(piece.kind, length));
+      parts.emplace_back(piece, file.size());
+      ByteWriter(file).bytes(ByteView(media).subspan(piece.begin, length));
+    }
+  }
+  for (const Entry& entry : entriesOf(moov)) {
+    const uint64_t inMedia = entry.value - mediaOffset_;
+    for (const auto& [part, offset] : parts) {
+      if (inMedia < part.begin || inMedia >= part.end) continue;
+      const uint64_t moved = offset + inMedia - part.begin;
+      const size_t place = moovOffset + entry.place;
+      entry.isLong ? writeUInt64(file, moved, place) : writeUInt32(file, static_cast<uint32_t>(moved), place);
+    }
+  }
+  return file;
 }
 
 }  // namespace tarn::test

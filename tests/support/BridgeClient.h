@@ -27,7 +27,7 @@ class BridgeClient {
     std::string name;
     JSObject data;
   };
-  static constexpr std::chrono::seconds patience{10};
+  static constexpr std::chrono::seconds patience{60};
 
   explicit BridgeClient(CAPPlugin& plugin) : plugin_(plugin) {
     plugin_.setEventListener([this](const std::string& name, const JSObject& data) {

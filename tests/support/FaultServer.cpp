@@ -152,7 +152,7 @@ struct FaultServer::Core {
       error_code failure;
       tcp::socket socket = acceptor.accept(failure);
       if (failure) continue;
-      auto& connection = connections.emplace_back(std::move(socket));
+      auto& connection = connections.emplace_back(Connection{std::move(socket)});
       connection.thread = std::thread([this, &connection] { converse(connection.socket); });
     }
   }

@@ -6,12 +6,14 @@
 
 #include "platform/UserDefaults.h"
 #include "platform/host/PosixFileManager.h"
+#include "platform/memory/InMemoryFileManager.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
 
-/// A home of its own on the real file system, for a fixture to derive from.
-class TestHome {
+/// A home of its own, for a fixture to derive from.
+template <typename Directory, typename Files>
+class HomeIn {
  protected:
   /// A file in Documents with this text.
   Path put(const std::string& name, std::string_view text) {
@@ -26,9 +28,18 @@ class TestHome {
     return data ? std::string(textOf(*data)) : "none";
   }
 
-  TempDirectory home_;
-  PosixFileManager files_{home_.path()};
+  Directory home_;
+  Files files_{home_.path()};
   UserDefaults defaults_{files_, home_ / "Defaults"};
 };
+
+/// Where the files in memory have their home.
+struct DirectoryInMemory {
+  Path path() const { return "/home"; }
+  Path operator/(const std::string& name) const { return path() / name; }
+};
+
+using TestHome = HomeIn<DirectoryInMemory, InMemoryFileManager>;
+using HomeOnDisk = HomeIn<TempDirectory, PosixFileManager>;
 
 }  // namespace tarn::test

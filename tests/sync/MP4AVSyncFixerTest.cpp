@@ -4,7 +4,6 @@
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/FlashBeep.h"
-#include "support/MovieLayout.h"
 #include "support/SyntheticMovie.h"
 #include "sync/MP4AVSyncFixer.h"
 

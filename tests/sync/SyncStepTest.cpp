@@ -1,11 +1,10 @@
 #include "platform/memory/InMemoryFileManager.h"
-#include "reliability/ProbedMovie.h"
 #include "support/BoxEditor.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
-#include "support/MovieLayout.h"
+#include "support/ProbedMovie.h"
 #include "support/RunRecorder.h"
 #include "sync/SyncStep.h"
 

@@ -7,8 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "mp4/DataExtensions.h"
 #include "platform/FileManager.h"
-#include "support/BoxTree.h"
+#include "support/BoxEditor.h"
 
 namespace tarn::test {
 

@@ -1,4 +1,4 @@
-#include "app/TarnProcess.h"
+#include "support/TarnProcess.h"
 
 #include <fcntl.h>
 #include <spawn.h>

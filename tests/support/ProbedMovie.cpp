@@ -1,4 +1,4 @@
-#include "reliability/ProbedMovie.h"
+#include "support/ProbedMovie.h"
 
 #include <algorithm>
 #include <sstream>

@@ -1,15 +1,16 @@
-#include "app/DamagedMovies.h"
+#include "support/DamagedMovies.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "remux/RemuxFixture.h"
+#include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
+#include "support/BoxEditor.h"
 
 namespace tarn::test {
 namespace {
 
-const std::string stsd = "moov/trak/mdia/minf/stbl/stsd/";
+const std::string stsd = sampleTable + "/stsd/";
 
 Bytes contents(const Path& file) {
   PosixFileManager files{std::filesystem::temp_directory_path()};
@@ -53,6 +54,18 @@ Bytes renamed(const Bytes& movie, const char* path, const char* type) {
 }
 
 }  // namespace
+
+VideoRecipe inBand(bool isHEVC, const std::string& size) {
+  return {.codec = isHEVC ? "libx265" : "libx264", .parameters = "repeat-headers=1:keyint=20", .size = size};
+}
+
+Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
+  BoxEditor editor(movie);
+  const std::string entry = sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc1");
+  editor.rename(entry + (isHEVC ? "/hvcC" : "/avcC"), "free");
+  if (!isHEVC) editor.rename(entry, "avc3");
+  return editor.bytes;
+}
 
 const std::vector<DamagedMovie>& damagedMovies() {
   static const std::vector<DamagedMovie> movies = [] {

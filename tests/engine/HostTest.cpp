@@ -5,12 +5,12 @@
 
 #include "app/EngineClient.h"
 #include "app/FileNames.h"
-#include "app/TarnProcess.h"
 #include "engine/Host.h"
 #include "platform/JSObject.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultServer.h"
 #include "support/FaultyFileManager.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {

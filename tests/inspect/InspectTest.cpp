@@ -5,16 +5,16 @@
 #include <map>
 #include <random>
 
-#include "app/DamagedMovies.h"
-#include "app/TarnProcess.h"
 #include "inspect/Inspection.h"
 #include "platform/Capacitor.h"
 #include "remux/RemuxStep.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
+#include "support/DamagedMovies.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
+#include "support/TarnProcess.h"
 
 namespace tarn::test {
 namespace {
