@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/EngineClient.h"
+#include "app/InProcessClient.h"
 #include "engine/Host.h"
 #include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"
@@ -18,7 +18,7 @@ int main(int, char** argv) {
   test::FaultyFileManager files(real);
   files.arm({.call = std::stoul(argv[3]), .among = test::changes, .strike = [] { raise(SIGKILL); }});
   Host host(files, {.home = home});
-  EngineClient client(host.plugin());
+  InProcessClient client(host);
   host.start();
   auto answer = client.call("saveVideo", {{"url", argv[2]}, {"album", "Trips"}, {"filename", "clip.mp4"}});
   if (!answer.resolved) return EXIT_FAILURE;
