@@ -1,62 +1,82 @@
 #include "app/EngineClient.h"
 
-#include <future>
-#include <memory>
 #include <thread>
 #include <utility>
 
+#include "engine/HostPlugin.h"
+
 namespace tarn {
+namespace {
 
-EngineClient::EngineClient(CAPPlugin& plugin) : plugin_(plugin) {
-  plugin_.setEventListener([this](const std::string& name, const JSObject& data) {
-    std::lock_guard guard(mutex_);
-    events_.push_back({name, data});
-    changed_.notify_all();
-  });
+constexpr const char* bridge = "TarnBridge";
+
+template <typename T>
+std::optional<T> optionalAt(const JSObject& object, std::string_view key) {
+  const T* value = valueAt<T>(object, key);
+  return value ? std::optional(*value) : std::nullopt;
 }
 
-EngineClient::~EngineClient() {
-  plugin_.setEventListener({});
-}
-
-CAPPluginCall::Answer EngineClient::call(const std::string& method, JSObject options) {
-  auto answer = std::make_shared<std::promise<CAPPluginCall::Answer>>();
-  auto future = answer->get_future();
-  plugin_.call(std::make_shared<CAPPluginCall>(
-      method, std::move(options), [answer](const CAPPluginCall::Answer& given) { answer->set_value(given); }));
-  return future.get();
-}
-
-std::optional<EngineClient::Event> EngineClient::nextEvent(std::optional<std::chrono::milliseconds> timeout) {
-  std::unique_lock guard(mutex_);
-  auto isReady = [this] { return isInterrupted_ || !events_.empty(); };
-  if (timeout) {
-    changed_.wait_for(guard, *timeout, isReady);
-  } else {
-    changed_.wait(guard, isReady);
+template <typename T>
+std::vector<T> arrayAt(const JSObject& object, std::string_view key) {
+  std::vector<T> values;
+  const auto* array = valueAt<JSValue::Array>(object, key);
+  if (!array) return values;
+  for (const JSValue& value : *array) {
+    if (const T* typed = value.get<T>()) values.push_back(*typed);
   }
-  if (isInterrupted_ || events_.empty()) return std::nullopt;
-  Event event = std::move(events_.front());
-  events_.pop_front();
-  return event;
+  return values;
+}
+
+std::optional<Path> pathIn(const EngineClient::Answer& answer) {
+  const auto* path = valueAt<std::string>(answer.data, "path");
+  return path ? std::optional<Path>(*path) : std::nullopt;
+}
+
+}  // namespace
+
+EngineClient::Answer EngineClient::call(const std::string& method, JSObject options) {
+  return call(bridge, method, std::move(options));
+}
+
+JSObject EngineClient::downloads() {
+  return call("getActiveDownloads").data;
+}
+
+EngineClient::Outcome EngineClient::outcome(int64_t id) {
+  const JSObject answer = call(HostPlugin::name(), "getOutcome", {{"id", id}}).data;
+  return {.failure = optionalAt<std::string>(answer, "failure"), .assetId = optionalAt<std::string>(answer, "assetId")};
+}
+
+std::optional<Path> EngineClient::assetPath(const std::string& assetId, const std::optional<std::string>& album) {
+  JSObject options{{"assetId", assetId}};
+  if (album) options.set("album", *album);
+  return pathIn(call(HostPlugin::name(), "getAsset", std::move(options)));
+}
+
+std::optional<Path> EngineClient::savedSince(Date start, const std::string& album, const std::string& filename) {
+  const JSObject options{{"filename", filename}, {"since", secondsSince1970(start)}, {"album", album}};
+  return pathIn(call(HostPlugin::name(), "getAsset", options));
+}
+
+EngineClient::StoredWork EngineClient::storedWork() {
+  const JSObject answer = call(HostPlugin::name(), "getStoredWork", {}).data;
+  return {.runs = arrayAt<int64_t>(answer, "runs"),
+          .records = arrayAt<int64_t>(answer, "records"),
+          .transfers = arrayAt<int64_t>(answer, "transfers"),
+          .hasTransfers = valueAt(answer, "hasTransfers", false),
+          .isProcessing = valueAt(answer, "isProcessing", false),
+          .problems = arrayAt<std::string>(answer, "problems")};
+}
+
+void EngineClient::takeUpStoredRun() {
+  call(HostPlugin::name(), "takeUpStoredRun", {});
 }
 
 void EngineClient::waitUntilGone(int64_t id) {
   const std::string key = std::to_string(id);
-  for (int looks = 0; looks < 2000 && call("getActiveDownloads").data.find(key); ++looks) {
+  for (int looks = 0; looks < 2000 && downloads().find(key); ++looks) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-}
-
-void EngineClient::interrupt() {
-  std::lock_guard guard(mutex_);
-  isInterrupted_ = true;
-  changed_.notify_all();
-}
-
-bool EngineClient::isInterrupted() const {
-  std::lock_guard guard(mutex_);
-  return isInterrupted_;
 }
 
 }  // namespace tarn

@@ -32,20 +32,20 @@ void blockInterrupts() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-InterruptWatcher::InterruptWatcher(std::function<void()> handler) : stopEvent_(eventfd(0, EFD_CLOEXEC)) {
+InterruptWatcher::InterruptWatcher(std::function<bool()> handler) : stopEvent_(eventfd(0, EFD_CLOEXEC)) {
   const sigset_t set = interrupts();
   signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
   if (!stopEvent_.isOpen() || !signals_.isOpen()) throw PosixError(errno, "wait for interrupts");
   thread_ = std::thread([signals = *signals_, stop = *stopEvent_, handler = std::move(handler)] {
     std::array<pollfd, 2> sources{{{signals, POLLIN, 0}, {stop, POLLIN, 0}}};
-    bool isInterrupted = false;
+    bool isEnding = false;
     while (poll(sources.data(), sources.size(), -1) >= 0 || errno == EINTR) {
       if (sources[1].revents != 0) break;
       if (sources[0].revents == 0) continue;
       signalfd_siginfo info{};
       if (read(signals, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) break;
-      if (std::exchange(isInterrupted, true)) _exit(ExitCode::interrupted);
-      handler();
+      if (isEnding) _exit(ExitCode::interrupted);
+      isEnding = handler();
     }
   });
 }

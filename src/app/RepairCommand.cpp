@@ -61,7 +61,10 @@ int reportFailure(const GlobalOptions& global, const RepairOptions& options, con
 int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
   const QuietLog quiet(global.verbose);
   const auto token = std::make_shared<CancellationToken>();
-  const InterruptWatcher watcher([token] { token->cancel(); });
+  const InterruptWatcher watcher([token] {
+    token->cancel();
+    return true;
+  });
   const RepairRequest request = checked(options);
   RepairResult result;
   try {

@@ -5,8 +5,9 @@
 #include <set>
 
 #include "app/Commands.h"
-#include "app/HostSession.h"
+#include "app/EngineSession.h"
 #include "app/Output.h"
+#include "app/VanishedWork.h"
 #include "platform/JSObject.h"
 
 namespace tarn {
@@ -16,29 +17,39 @@ namespace {
 /// after each, which takes up the next stored run.
 class Resume {
  public:
-  Resume(const GlobalOptions& global, Host& host, EngineClient& client)
-      : global_(global), host_(host), client_(client) {}
+  Resume(const GlobalOptions& global, EngineClient& engine) : global_(global), engine_(engine) {}
 
   int run() {
-    while (!client_.isInterrupted()) {
+    try {
+      finishAll();
+      if (!engine_.isInterrupted()) return report();
+    } catch (const CallInterrupted&) {
+      // An interrupt ends every wait.
+    }
+    printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
+    return ExitCode::interrupted;
+  }
+
+ private:
+  void finishAll() {
+    while (!engine_.isInterrupted()) {
       if (!look()) {
-        if (wasIdle_ && host_.pendingRuns().empty() && isEverythingGone()) break;
-        // Takes up the next stored run, and removes what is finished.
-        host_.application().enterForeground();
+        if (wasIdle_ && stored_.runs.empty() && isEverythingGone()) return;
+        // Removes what is finished, too.
+        engine_.takeUpStoredRun();
         wasIdle_ = true;
       } else {
         wasIdle_ = false;
       }
       wait();
     }
-    return finish();
   }
 
- private:
   /// Takes the outcomes that are there; true while any download is active.
   bool look() {
     bool isActive = false;
-    const JSObject tasks = client_.call("getActiveDownloads").data;
+    const JSObject tasks = engine_.downloads();
+    stored_ = engine_.storedWork();
     for (const auto& [key, value] : tasks.members()) {
       const JSObject& task = *value.get<JSObject>();
       const auto status = valueAt<std::string>(task, "status", "");
@@ -48,7 +59,7 @@ class Resume {
       } else if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
-        takeFailed(id, host_.outcomes().failure(id).value_or("the reason is in the log"));
+        takeFailed(id, reason(id));
       } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
         show(id, task);
@@ -60,29 +71,22 @@ class Resume {
   /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores, and no stored
   /// transfer has yet to report; or after some looks, since what nothing stands behind may stay.
   bool isEverythingGone() {
-    const JSObject tasks = client_.call("getActiveDownloads").data;
+    const JSObject tasks = engine_.downloads();
     const bool isGone = std::ranges::none_of(
         outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
-    return (isGone && !host_.hasTransfers()) || ++looksAtTheEnd_ > enoughLooksAtTheEnd;
+    return (isGone && !stored_.hasTransfers) || ++looksAtTheEnd_ > enoughLooksAtTheEnd;
   }
 
-  /// A stored task may say that it is under way although a kill has taken its transfer or its file: after some looks
-  /// at which nothing stands behind it, it counts as failed. One look is not enough, since work changes hands.
   bool isUnderWay(int64_t id, const std::string& status) {
-    if (status == "STATUS_PENDING" || host_.hasTransfer(id) || host_.hasRecord(id)) {
-      looksAtNothing_[id] = 0;
-      return true;
-    }
-    if (status != "STATUS_RUNNING" && status != "STATUS_PROCESSING") return false;
-    if (++looksAtNothing_[id] < enoughLooks) return true;
-    takeFailed(id, status == "STATUS_RUNNING" ? "its transfer is gone" : "its file is gone");
-    return false;
+    const auto state = vanished_.look(id, status, stored_);
+    if (state == VanishedWork::State::vanished) takeFailed(id, VanishedWork::words(status));
+    return state == VanishedWork::State::underWay;
   }
 
   /// The page is about to be told of a download that an earlier process has saved, or it is too old and goes; some looks
   /// give it the time.
   bool isStillTelling(int64_t id) {
-    return !outcomes_.contains(id) && !host_.outcomes().assetId(id) && ++looksAtNothing_[id] < enoughLooks;
+    return !outcomes_.contains(id) && !engine_.outcome(id).assetId && ++looksAtSaved_[id] < enoughLooks;
   }
 
   /// The end of a download, as a page hears of it; it is not in the list any more then.
@@ -92,16 +96,15 @@ class Resume {
     if (valueAt<std::string>(event.data, "status", "") == "STATUS_SUCCESSFUL") {
       takeSaved(id);
     } else {
-      takeFailed(id, host_.outcomes().failure(id).value_or("the reason is in the log"));
+      takeFailed(id, reason(id));
     }
   }
 
+  std::string reason(int64_t id) { return engine_.outcome(id).failure.value_or("the reason is in the log"); }
+
   void takeSaved(int64_t id) {
     if (!outcomes_.emplace(id, true).second) return;
-    const std::string assetId = host_.outcomes().assetId(id).value_or("");
-    auto assets = host_.photos().fetchAllAssets();
-    auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
-    const std::string path = asset == assets.end() ? "" : asset->path.string();
+    const std::string path = engine_.assetPath(engine_.outcome(id).assetId.value_or("")).value_or("").string();
     if (global_.json) {
       printJSON({{"result", "saved"}, {"id", id}, {"path", path}});
     } else {
@@ -113,7 +116,7 @@ class Resume {
     if (!outcomes_.emplace(id, false).second) return;
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
     printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
-    client_.call("cancel", {{"id", id}});
+    engine_.call("cancel", {{"id", id}});
   }
 
   void show(int64_t id, const JSObject& task) {
@@ -126,18 +129,14 @@ class Resume {
 
   /// Looks often while much may happen, and once a second in a long transfer.
   void wait() {
-    if (const auto event = client_.nextEvent(pause_)) take(*event);
+    if (const auto event = engine_.nextEvent(pause_)) take(*event);
     pause_ = wasIdle_ ? shortestPause : std::min(pause_ * 2, longestPause);
   }
 
-  int finish() {
-    if (client_.isInterrupted()) {
-      printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
-      return ExitCode::interrupted;
-    }
-    while (const auto event = client_.nextEvent(std::chrono::milliseconds(0))) take(*event);
+  int report() {
+    while (const auto event = engine_.nextEvent(std::chrono::milliseconds(0))) take(*event);
     // What cannot be read or understood was not resumed, which has been said.
-    if (!host_.storeProblems().empty()) return ExitCode::failed;
+    if (!stored_.problems.empty()) return ExitCode::failed;
     if (outcomes_.empty() && !global_.json) fmt::print(stderr, "nothing to resume\n");
     const bool allSaved = std::ranges::all_of(outcomes_, [](const auto& outcome) { return outcome.second; });
     return allSaved ? ExitCode::done : ExitCode::failed;
@@ -149,21 +148,22 @@ class Resume {
   static constexpr std::chrono::milliseconds longestPause{1000};
 
   const GlobalOptions& global_;
-  Host& host_;
-  EngineClient& client_;
+  EngineClient& engine_;
+  EngineClient::StoredWork stored_;  ///< at the last look
   std::chrono::milliseconds pause_ = shortestPause;
   bool wasIdle_ = false;
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
   std::set<int64_t> shown_;
-  std::map<int64_t, int> looksAtNothing_;
+  VanishedWork vanished_;
+  std::map<int64_t, int> looksAtSaved_;
   int looksAtTheEnd_ = 0;
 };
 
 }  // namespace
 
 int resumeCommand(const GlobalOptions& global) {
-  HostSession session(global);
-  return Resume(global, session.host(), session.client()).run();
+  EngineSession engine(global);
+  return engine.leave(Resume(global, engine).run());
 }
 
 }  // namespace tarn

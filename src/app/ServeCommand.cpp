@@ -1,40 +1,16 @@
 #include <chrono>
-#include <mutex>
 
 #include "app/Commands.h"
-#include "app/HostSession.h"
+#include "app/Interrupt.h"
 #include "app/Output.h"
+#include "app/OwnEngine.h"
+#include "engine/Home.h"
+#include "platform/host/PosixFileManager.h"
 #include "serve/BridgeServer.h"
 #include "serve/HomeToken.h"
 
 namespace tarn {
 namespace {
-
-/// The application's life as the pages drive it. Thread-safe.
-class PageDrivenLife {
- public:
-  PageDrivenLife(HostApplication& application, bool hasLimit) : application_(application), hasLimit_(hasLimit) {}
-
-  void setActive(bool isActive) {
-    std::lock_guard guard(mutex_);
-    isActive_ = isActive;
-    isActive ? application_.enterForeground() : application_.enterBackground();
-  }
-
-  /// Has the next stored run taken up, if none is active. With a limit on background time that waits for a page.
-  void takeUpStoredRun() {
-    std::lock_guard guard(mutex_);
-    if (!isActive_ && hasLimit_) return;
-    application_.enterForeground();
-    if (!isActive_) application_.enterBackground();
-  }
-
- private:
-  HostApplication& application_;
-  const bool hasLimit_;
-  std::mutex mutex_;
-  bool isActive_ = true;
-};
 
 /// Has stored runs taken up, whichever process left them, or whatever kept them from going on. The engine starts one
 /// when the application comes to the foreground, which no page may do for long.
@@ -44,11 +20,11 @@ class StoredRuns {
 
   explicit StoredRuns(Host& host) : host_(host) {}
 
-  void look(PageDrivenLife& life) {
+  void look() {
     const auto now = std::chrono::steady_clock::now();
     if (now - lastLook_ < pause) return;
     lastLook_ = now;
-    if (!host_.isProcessing() && !host_.pendingRuns().empty()) life.takeUpStoredRun();
+    if (!host_.isProcessing() && !host_.pendingRuns().empty()) host_.takeUpStoredRun();
   }
 
  private:
@@ -59,18 +35,25 @@ class StoredRuns {
 }  // namespace
 
 int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
-  HostSession session(global);
-  Host& host = session.host();
-  EngineClient& client = session.client();
-  PageDrivenLife life(host.application(), global.backgroundLimit.has_value());
+  const Path home = homeDirectory(global.home);
+  PosixFileManager files(home);
+  OwnEngine engine(home, files, global);
+  Host& host = engine.host();
+  InProcessClient& client = engine.client();
+  const InterruptWatcher watcher([&] {
+    host.interrupt();
+    client.interrupt();
+    return true;
+  });
+  for (const std::string& words : host.storeProblems()) printFailure(words + ".");
   StoredRuns storedRuns(host);
-  BridgeServer server(session.files(), host.photos(), host.plugin(),
-                      {.port = options.port, .webFolder = options.webFolder, .token = homeToken(session.home())},
-                      [&life](bool isActive) { life.setActive(isActive); });
+  BridgeServer server(files, host.photos(), host.plugin(),
+                      {.port = options.port, .webFolder = options.webFolder, .token = homeToken(home)},
+                      [&host](bool isActive) { host.setActive(isActive); });
   printLine(server.entryAddress());
   while (!client.isInterrupted()) {
     if (const auto event = client.nextEvent(StoredRuns::pause)) server.sendEvent(event->name, event->data);
-    storedRuns.look(life);
+    storedRuns.look();
   }
   printFailure("Interrupted; what has been done is kept. The next start goes on with it.");
   return ExitCode::interrupted;

@@ -10,8 +10,6 @@
 #include <ctime>
 #include <memory>
 
-#include "platform/Error.h"
-
 namespace tarn {
 namespace {
 
@@ -57,13 +55,16 @@ void makeHome(const Path& home) {
 
 }  // namespace
 
+HomeInUse::HomeInUse(const Path& home)
+    : Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home") {}
+
 HomeLock::HomeLock(const Path& home) {
   makeHome(home);
   const Path file = home / ".lock";
   lock_ = Descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (lock_.isOpen() && flock(*lock_, LOCK_EX | LOCK_NB) == 0) return;
   if (!lock_.isOpen() || errno != EWOULDBLOCK) throw PosixError(errno, file.string());
-  throw Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home");
+  throw HomeInUse(home);
 }
 
 LogFile::LogFile(const Path& home, bool verbose) {

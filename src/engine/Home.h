@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Error.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/host/Descriptor.h"
@@ -13,11 +14,17 @@ namespace tarn {
 /// ~/.local/share/tarn. Absolute. Throws Error when none of these can be told.
 Path homeDirectory(const std::optional<std::string>& given);
 
+/// Another process owns the home.
+class HomeInUse : public Error {
+ public:
+  explicit HomeInUse(const Path& home);
+};
+
 /// The one process that owns a home. The lock goes with the process, however it ends.
 class HomeLock {
  public:
   /// Makes the home when it is missing, for its owner alone; in such a home this process then makes all files for the
-  /// owner alone. Throws Error when another process owns it.
+  /// owner alone. Throws HomeInUse when another process owns it, PosixError when it cannot be had.
   explicit HomeLock(const Path& home);
 
  private:

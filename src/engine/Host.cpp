@@ -1,7 +1,5 @@
 #include "engine/Host.h"
 
-#include <algorithm>
-
 #include "download/DocumentsSweep.h"
 #include "download/TransferNote.h"
 #include "platform/Log.h"
@@ -13,6 +11,7 @@ Host::Host(FileManager& files, const HostOptions& options)
       log_(options.home, options.verbose),
       files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
+      hasBackgroundLimit_(options.backgroundLimit.has_value()),
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),
       photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite),
@@ -52,17 +51,37 @@ void Host::interrupt() {
   application_.expireBackgroundTime();
 }
 
-bool Host::hasTransfer(int64_t id) {
-  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [id](const std::string& text) {
-    auto note = TransferNote::parse(text);
-    return note && note->id == id;
-  });
+void Host::setActive(bool isActive) {
+  std::lock_guard guard(lifeMutex_);
+  isActive ? application_.enterForeground() : application_.enterBackground();
+}
+
+void Host::takeUpStoredRun() {
+  std::lock_guard guard(lifeMutex_);
+  const bool isActive = application_.applicationState() == UIApplicationState::active;
+  if (!isActive && hasBackgroundLimit_) return;
+  application_.enterForeground();
+  if (!isActive) application_.enterBackground();
 }
 
 std::vector<int64_t> Host::pendingRuns() {
   std::vector<int64_t> ids;
   for (const ProcessingState& state : store_.allPendingStates().value_or(std::vector<ProcessingState>())) {
     ids.push_back(state.downloadId);
+  }
+  return ids;
+}
+
+std::vector<int64_t> Host::records() {
+  std::vector<int64_t> ids;
+  for (const ProcessingState& state : store_.allStates()) ids.push_back(state.downloadId);
+  return ids;
+}
+
+std::vector<int64_t> Host::transfers() {
+  std::vector<int64_t> ids;
+  for (const std::string& text : transfers_.storedTaskDescriptions()) {
+    if (const auto note = TransferNote::parse(text)) ids.push_back(note->id);
   }
   return ids;
 }

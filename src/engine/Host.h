@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "engine/Home.h"
+#include "engine/HostPlugin.h"
 #include "engine/Outcomes.h"
 #include "engine/RepairSteps.h"
 #include "platform/Platform.h"
@@ -42,18 +44,27 @@ class Host {
   /// The end of background time: no run starts any more, the active one stores its checkpoint and stops.
   void interrupt();
 
+  /// The application comes to the foreground, or leaves it.
+  void setActive(bool isActive);
+
+  /// Has the next stored run taken up, if none is active, and what has ended told. With a limit on background time that
+  /// waits for the foreground. From any thread.
+  void takeUpStoredRun();
+
   /// The ids of the stored work that waits for a run or is in one, oldest first.
   std::vector<int64_t> pendingRuns();
-  /// True while the stores hold a transfer, or a run's record, of this download.
-  bool hasTransfer(int64_t id);
+  /// The downloads of which the stores hold a run's record, and those of which they hold a transfer.
+  std::vector<int64_t> records();
+  std::vector<int64_t> transfers();
   /// True while the stores hold any transfer.
   bool hasTransfers() { return !transfers_.storedTaskDescriptions().empty(); }
   bool isProcessing() { return plugin_->downloadManager().isProcessing(); }
   /// What is wrong with the stored work, in words for people.
   std::vector<std::string> storeProblems() { return store_.problems(); }
-  bool hasRecord(int64_t id) { return store_.loadState(id).has_value(); }
 
   TarnBridge& plugin() { return *plugin_; }
+  /// What the host offers beside the bridge.
+  HostPlugin& hostPlugin() { return hostPlugin_; }
   HostApplication& application() { return application_; }
   SQLitePhotoLibrary& photos() { return photos_; }
   const Outcomes& outcomes() const { return outcomes_; }
@@ -66,6 +77,8 @@ class Host {
   SystemClock clock_;
   AsioDispatch dispatch_;
   HostApplication application_;
+  const bool hasBackgroundLimit_;
+  std::mutex lifeMutex_;  ///< for a change of the application's state
   UserDefaults defaults_;
   ProcessingStateManager store_;
   SQLitePhotoLibrary photos_;
@@ -73,6 +86,7 @@ class Host {
   RepairSteps steps_;
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
+  HostPlugin hostPlugin_{*this};
 };
 
 }  // namespace tarn

@@ -1,16 +1,9 @@
 #include "serve/BridgeServer.h"
 
 #include <algorithm>
-#include <boost/asio/as_tuple.hpp>
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/v6_only.hpp>
-#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -18,9 +11,6 @@
 #include <cctype>
 #include <charconv>
 #include <chrono>
-#include <deque>
-#include <list>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -29,11 +19,9 @@
 #include "platform/Log.h"
 #include "serve/HomeToken.h"
 #include "serve/detail/HostScript.h"
-#include "serve/detail/PageHub.h"
 #include "serve/detail/RequestCheck.h"
+#include "serve/detail/ServerParts.h"
 #include "serve/detail/Site.h"
-
-// What is awaited here has a name first: GNU C++ 12 compiles temporaries in a co_await expression wrongly.
 
 namespace tarn {
 
@@ -51,7 +39,6 @@ namespace {
 constexpr size_t mostConnections = 64;
 constexpr size_t largestHead = 8 << 10;
 constexpr size_t largestFrame = 1 << 20;
-constexpr size_t largestQueue = 1024;  // messages that wait for one page; more than a replay has
 constexpr int sendBuffer = 256 << 10;  // bytes; without it the system keeps megabytes for a page that does not read
 constexpr size_t pieceSize = 64 << 10;
 constexpr size_t mostDrained = 4 << 20;
@@ -62,39 +49,8 @@ constexpr std::chrono::seconds drainTime{1};
 constexpr std::chrono::milliseconds acceptPause{100};
 constexpr int mostPortAttempts = 20;
 
-static_assert(largestQueue > PageHub::ringCapacity);
-
-/// Completes an await with the failure as a value, in place of an exception.
-const auto quietly = asio::as_tuple(asio::use_awaitable);
-
-/// The end of a coroutine that nobody awaits.
-void logFailure(const std::exception_ptr& failure) {
-  if (failure) log("A page's connection failed: {}", describe(failure));
-}
-
-/// Brings work to the server's thread from any other, for as long as the server lives.
-class Mailbox {
- public:
-  explicit Mailbox(asio::io_context& context) : context_(&context) {}
-
-  template <typename Work>
-  void post(Work work) {
-    std::lock_guard guard(mutex_);
-    if (context_) asio::post(*context_, std::move(work));
-  }
-
-  void close() {
-    std::lock_guard guard(mutex_);
-    context_ = nullptr;
-  }
-
- private:
-  std::mutex mutex_;
-  asio::io_context* context_;
-};
-
-/// A page's WebSocket with the messages that wait to be sent.
-class PageSocket : public PageConnection, public std::enable_shared_from_this<PageSocket> {
+/// A page's WebSocket.
+class PageSocket : public QueuedConnection {
  public:
   using Stream = websocket::stream<beast::tcp_stream>;
 
@@ -110,33 +66,18 @@ class PageSocket : public PageConnection, public std::enable_shared_from_this<Pa
 
   Stream& stream() { return stream_; }
 
-  void send(PageText text) override {
-    if (queue_.size() == largestQueue) return close();
-    queue_.push_back(std::move(text));
-    if (std::exchange(isWriting_, true)) return;
-    asio::co_spawn(stream_.get_executor(), write(shared_from_this()), logFailure);
-  }
-
-  void close() override {
-    queue_.clear();
-    beast::get_lowest_layer(stream_).close();
-  }
-
  private:
-  asio::awaitable<void> write(std::shared_ptr<PageSocket> self) {
-    while (!self->queue_.empty()) {
-      const PageText text = std::move(self->queue_.front());
-      self->queue_.pop_front();
-      const auto bytes = asio::buffer(*text);
-      const auto [failure, count] = co_await self->stream_.async_write(bytes, quietly);
-      if (failure) self->close();
-    }
-    self->isWriting_ = false;
+  asio::any_io_executor executor() override { return stream_.get_executor(); }
+
+  asio::awaitable<bool> write(const PageText& text) override {
+    const auto bytes = asio::buffer(*text);
+    const auto [failure, count] = co_await stream_.async_write(bytes, quietly);
+    co_return !failure;
   }
+
+  void closeSocket() override { beast::get_lowest_layer(stream_).close(); }
 
   Stream stream_;
-  std::deque<PageText> queue_;
-  bool isWriting_ = false;
 };
 
 RequestHead headOf(const Request& request) {
@@ -211,14 +152,16 @@ Acceptors openAcceptors(asio::io_context& context, uint16_t port) {
 class BridgeServer::Core {
  public:
   Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings, LifeHandler onLife)
-      : plugin_(plugin),
-        onLife_(std::move(onLife)),
+      : onLife_(std::move(onLife)),
         site_(files, photos, plugin, settings.webFolder, pageKey(settings.token)),
         acceptors_(openAcceptors(context_, settings.port)),
         lifeTimer_(context_),
         check_(acceptors_.v4.local_endpoint().port(), settings.token),
         hub_(plugin.jsName(), makeUUID(), steady_clock::now(),
-             [this](const std::string& page, PageCommand command) { call(page, std::move(command)); }) {
+             [this](const std::string& page, PageCommand command) { commands_.run(page, std::move(command)); }),
+        commands_({&plugin}, mailbox_, [this](const std::string& page, const std::string& id, const auto& answer) {
+          hub_.answer(page, id, answer);
+        }) {
     asio::co_spawn(context_, listen(acceptors_.v4), logFailure);
     if (acceptors_.v6.is_open()) asio::co_spawn(context_, listen(acceptors_.v6), logFailure);
     asio::post(context_, [this] { updateLife(); });
@@ -229,8 +172,6 @@ class BridgeServer::Core {
     mailbox_->close();
     asio::post(context_, [this] { stop(); });
     thread_.join();
-    commandPool_.stop();
-    commandPool_.join();
   }
 
   const RequestCheck& check() const { return check_; }
@@ -240,22 +181,6 @@ class BridgeServer::Core {
   }
 
  private:
-  /// An open connection, and how to cut it off.
-  class Live {
-   public:
-    Live(std::list<std::function<void()>>& all, std::function<void()> close)
-        : all_(all), place_(all.insert(all.end(), std::move(close))) {}
-    ~Live() { all_.erase(place_); }
-    Live(const Live&) = delete;
-    Live& operator=(const Live&) = delete;
-
-    void closeBy(std::function<void()> close) { *place_ = std::move(close); }
-
-   private:
-    std::list<std::function<void()>>& all_;
-    std::list<std::function<void()>>::iterator place_;
-  };
-
   /// Ends all that the thread waits for, so that its loop runs out of work.
   void stop() {
     isStopping_ = true;
@@ -419,22 +344,6 @@ class BridgeServer::Core {
     updateLife();
   }
 
-  void call(const std::string& page, PageCommand command) {
-    auto answer = [this, mailbox = mailbox_, page, id = command.id](const CAPPluginCall::Answer& given) {
-      mailbox->post([this, page, id, given] { hub_.answer(page, id, given); });
-    };
-    auto call =
-        std::make_shared<CAPPluginCall>(std::move(command.method), std::move(command.options), std::move(answer));
-    asio::post(commandPool_, [this, call] {
-      try {
-        plugin_.call(call);
-      } catch (const std::exception& failure) {
-        log("{} failed: {}", call->method(), failure.what());
-        call->reject("The command failed");
-      }
-    });
-  }
-
   /// Tells when the pages have sent the application to the foreground or the background.
   void updateLife() {
     if (isStopping_) return;
@@ -450,10 +359,8 @@ class BridgeServer::Core {
     });
   }
 
-  CAPPlugin& plugin_;
   const LifeHandler onLife_;
   const Site site_;
-  asio::thread_pool commandPool_{1};
   asio::thread_pool libraryPool_{1};
 
   // Used on the thread alone, but for posts to the context.
@@ -463,7 +370,8 @@ class BridgeServer::Core {
   asio::steady_timer lifeTimer_;
   const RequestCheck check_;
   PageHub hub_;
-  std::list<std::function<void()>> live_;
+  CommandWorker commands_;
+  LiveConnections live_;
   bool isActive_ = true;
   bool isStopping_ = false;
 

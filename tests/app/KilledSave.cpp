@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/EngineClient.h"
+#include "app/InProcessClient.h"
 #include "engine/Host.h"
 #include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"
@@ -41,7 +41,7 @@ int main(int, char** argv) {
   test::FaultyFileManager files(recipes);
   if (!isRecipe) files.arm({.call = number, .among = test::changes, .strike = [] { raise(SIGKILL); }});
   Host host(files, {.home = home});
-  EngineClient client(host.plugin());
+  InProcessClient client(host);
   host.start();
   auto answer = client.call("saveVideo", {{"url", argv[2]}, {"album", "Trips"}, {"filename", "clip.mp4"}});
   if (!answer.resolved) return EXIT_FAILURE;

@@ -405,6 +405,36 @@ TEST_F(ServeTest, ConnectionsAreCounted) {
   EXPECT_TRUE(eventually([&] { return statusOf(get("")) == 200; }));
 }
 
+TEST_F(ServeTest, CommandsBesideItUseItsEngine) {
+  FaultServer source;
+  const auto page = connect("p");
+  const auto start = [&](const char* path) {
+    source.serve(path, ServedFile::of(video()), {{.stallAfter = 1000}});
+    const std::vector<std::string> arguments{"save", source.url(path), "--album", "Trips", "--json"};
+    auto save = std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
+    EXPECT_NE(page->next("STATUS_RUNNING").find(path + 1), std::string::npos);
+    return save;
+  };
+  const auto cancelled = start("/cancelled");
+  const std::string id = between(page->next("STATUS_RUNNING"), "\"id\":", ",");
+  page->command("cancel", {{"id", std::stoi(id)}});
+  EXPECT_EQ(cancelled->wait(), 1);
+  EXPECT_NE(cancelled->errors().find("somebody cancelled the download"), std::string::npos) << cancelled->errors();
+
+  const auto interrupted = start("/interrupted");
+  interrupted->signal(SIGINT);
+  EXPECT_EQ(interrupted->wait(), 130) << interrupted->errors();
+  const auto saved = start("/saved");
+  const auto list = runTarn(home_, {"library"});
+  EXPECT_EQ(list.exitCode, 0) << list.errors;
+  source.release();
+  EXPECT_EQ(saved->wait(), 0) << saved->errors();
+  EXPECT_NE(page->next("downloadComplete").find("STATUS_SUCCESSFUL"), std::string::npos);
+  const auto rest = runTarn(home_, {"resume"});
+  EXPECT_EQ(rest.exitCode, 0) << rest.errors;
+  EXPECT_EQ(savedFiles(home_), (std::vector<std::string>{"Trips/interrupted.mp4", "Trips/saved.mp4"}));
+}
+
 TEST_F(ServeTest, StoredRunsAreAllTakenUpWithoutAPage) {
   server_->signal(SIGTERM);
   server_->wait();

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "app/EngineClient.h"
 #include "app/FileNames.h"
+#include "app/InProcessClient.h"
 #include "engine/Host.h"
 #include "platform/JSObject.h"
 #include "platform/host/PosixFileManager.h"
@@ -24,7 +24,7 @@ TEST(HostTest, TwelveSavesAtOnceUseThreeSlotsAndAreAllSaved) {
   int64_t mostActive = 0;
   {
     Host host(files, {.home = place.path()});
-    EngineClient client(host.plugin());
+    InProcessClient client(host);
     host.start();
     for (int i = 0; i < 12; ++i) {
       const std::string name = "clip" + std::to_string(i) + ".mp4";
@@ -62,7 +62,7 @@ TEST_P(FullDisk, LosesNothing) {
     bool isSaved = false;
     {
       Host host(files, {.home = place.path()});
-      EngineClient client(host.plugin());
+      InProcessClient client(host);
       host.start();
       files.arm({.call = call,
                  .errnum = ENOSPC,

@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -126,6 +127,7 @@ struct FaultServer::Core {
   tcp::acceptor acceptor;
   const uint16_t port;
   std::atomic<bool> isStopped = false;
+  std::atomic<bool> isReleased = false;
   std::list<Connection> connections;  ///< of the thread, as long as it runs
   std::mutex mutex;                   ///< for the two below
   std::map<std::string, Served> paths;
@@ -187,19 +189,27 @@ struct FaultServer::Core {
     constexpr uint64_t largestPiece = 256UL * 1024;
     constexpr uint64_t piecesPerSecond = 20;
     const uint64_t pace = reply.bytesPerSecond / piecesPerSecond;
-    const uint64_t cut = std::min(reply.closeAfter.value_or(UINT64_MAX), reply.stallAfter.value_or(UINT64_MAX));
-    const uint64_t end = std::min(selection.length, cut);
+    const uint64_t end = std::min(selection.length, reply.closeAfter.value_or(UINT64_MAX));
+    const uint64_t stall = std::min(end, reply.stallAfter.value_or(UINT64_MAX));
     ByteView piece;
-    for (uint64_t sent = 0; sent < end && !isStopped; sent += piece.size()) {
-      piece = ByteView(*file.bytes).subspan(selection.offset + sent, std::min(end - sent, pace ? pace : largestPiece));
+    for (uint64_t sent = 0; !isStopped; sent += piece.size()) {
+      if (sent == stall && reply.stallAfter && !waitForRelease(socket)) return false;
+      if (sent == end) break;
+      const uint64_t left = (sent < stall ? stall : end) - sent;
+      piece = ByteView(*file.bytes).subspan(selection.offset + sent, std::min(left, pace ? pace : largestPiece));
       if (reply.chunked && !send(socket, fmt::format("{:x}\r\n", piece.size()))) return false;
       if (!send(socket, piece) || (reply.chunked && !send(socket, std::string("\r\n")))) return false;
       if (pace) std::this_thread::sleep_for(std::chrono::milliseconds(1000 / piecesPerSecond));
     }
-    error_code gone;
-    for (std::array<char, 1> last; reply.stallAfter && !gone;) socket.read_some(asio::buffer(last), gone);
-    if (isStopped || reply.closeAfter || reply.stallAfter) return false;
+    if (isStopped || reply.closeAfter) return false;
     return !reply.chunked || send(socket, std::string("0\r\n\r\n"));
+  }
+
+  /// False when the client leaves first.
+  bool waitForRelease(tcp::socket& socket) const {
+    pollfd source{socket.native_handle(), POLLIN, 0};
+    while (!isReleased && ::poll(&source, 1, 5) == 0) continue;
+    return isReleased;
   }
 
   std::pair<std::optional<ServedFile>, Reply> next(const ReceivedRequest& request) {
@@ -225,6 +235,10 @@ std::string FaultServer::url(const std::string& path) const {
 void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Reply> replies, Reply afterwards) {
   std::lock_guard guard(core_->mutex);
   core_->paths[path] = {std::move(file), std::move(replies), std::move(afterwards)};
+}
+
+void FaultServer::release() {
+  core_->isReleased = true;
 }
 
 std::vector<ReceivedRequest> FaultServer::requests() const {

@@ -34,8 +34,9 @@ struct Reply {
   bool omitsLength = false;                      ///< no Content-Length; the end of the connection ends the body
   bool chunked = false;                          ///< chunked coding
   std::optional<uint64_t> closeAfter = {};       ///< closes the connection after that many bytes of the body
-  std::optional<uint64_t> stallAfter = {};  ///< falls silent after that many bytes of the body, until the client leaves
-  uint64_t bytesPerSecond = 0;              ///< 0: as fast as it goes
+  std::optional<uint64_t> stallAfter = {};       ///< falls silent after that many bytes of the body, until the client
+                                                 ///< leaves, or until release()
+  uint64_t bytesPerSecond = 0;                   ///< 0: as fast as it goes
 };
 
 struct ReceivedRequest {
@@ -62,6 +63,9 @@ class FaultServer {
   /// Serves a file, or its next version. The path's first requests get these replies one by one, all later ones
   /// `afterwards`. Counting begins anew.
   void serve(const std::string& path, ServedFile file, std::vector<Reply> replies = {}, Reply afterwards = {});
+
+  /// Replies that have fallen silent go on to their end, and those that would fall silent do not.
+  void release();
 
   /// What has been asked so far, in order.
   std::vector<ReceivedRequest> requests() const;

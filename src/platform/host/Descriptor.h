@@ -26,6 +26,9 @@ class Descriptor {
   bool isOpen() const { return number_ >= 0; }
   int operator*() const { return number_; }
 
+  /// Hands it over to the caller, who closes it.
+  int release() { return std::exchange(number_, -1); }
+
  private:
   int number_ = -1;
 };

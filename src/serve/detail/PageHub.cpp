@@ -23,6 +23,11 @@ void PageHub::disconnect(const std::string& page, const PageConnection& connecti
   if (found != sessions_.end() && found->second.disconnect(connection)) presence_.leave(page, now);
 }
 
+void PageHub::forget(const std::string& page) {
+  sessions_.erase(page);
+  std::erase(sessionOrder_, page);
+}
+
 void PageHub::receive(const std::string& page, const PageConnection& connection, std::string_view text) {
   const auto found = sessions_.find(page);
   if (found == sessions_.end() || !found->second.isOn(connection)) return;
@@ -40,8 +45,6 @@ void PageHub::run(const std::string& page, PageSession& session, PageCommand com
   const auto admission = session.admit(command.id);
   if (admission == PageSession::Admission::full) {
     session.send(std::make_shared<std::string>(refusalText({command.id, "Too many commands are under way"})));
-  } else if (admission == PageSession::Admission::run && command.plugin != plugin_) {
-    answer(page, command.id, {.resolved = false, .data = {}, .message = "not implemented"});
   } else if (admission == PageSession::Admission::run) {
     call_(page, std::move(command));
   }

@@ -34,12 +34,15 @@ class PageHub {
   static constexpr size_t ringCapacity = 256;
   static constexpr size_t mostPages = 64;
 
-  /// `plugin` is the name of the one plug-in that there is; `epoch` names this hub among all others.
+  /// `plugin` is the name of the plug-in whose events are sent; `epoch` names this hub among all others.
   PageHub(std::string plugin, std::string epoch, Time start, Call call);
 
   /// A page has connected: it is greeted and gets what it has missed.
   void connect(const PageGreeting& greeting, Connection connection);
   void disconnect(const std::string& page, const PageConnection& connection, Time now);
+
+  /// Drops a page that does not come back, with the answers kept for it.
+  void forget(const std::string& page);
 
   /// A message of a page. One that comes on a connection that has been replaced is dropped.
   void receive(const std::string& page, const PageConnection& connection, std::string_view text);

@@ -1,0 +1,99 @@
+#include "engine/HostPlugin.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "engine/Host.h"
+#include "platform/Clock.h"
+
+namespace tarn {
+namespace {
+
+/// The assets of an album, or all.
+std::vector<PHAsset> assetsOf(PHPhotoLibrary& photos, const std::optional<std::string>& album) {
+  if (!album) return photos.fetchAllAssets();
+  std::vector<PHAsset> assets;
+  for (const PHAssetCollection& collection : photos.fetchAssetCollections(*album)) {
+    std::ranges::move(photos.fetchAssets(collection, std::nullopt), std::back_inserter(assets));
+  }
+  return assets;
+}
+
+template <typename Values>
+JSValue::Array arrayOf(const Values& values) {
+  return {values.begin(), values.end()};
+}
+
+}  // namespace
+
+const std::string& HostPlugin::name() {
+  static const std::string name = "TarnHost";
+  return name;
+}
+
+const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
+  static const std::vector<CAPPluginMethod> methods = {
+      {"getOutcome", "promise"},
+      {"getAsset", "promise"},
+      {"getStoredWork", "promise"},
+      {"takeUpStoredRun", "promise"},
+  };
+  return methods;
+}
+
+CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
+  using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
+  static constexpr std::array<std::pair<std::string_view, Member>, 4> handlers{{
+      {"getOutcome", &HostPlugin::getOutcome},
+      {"getAsset", &HostPlugin::getAsset},
+      {"getStoredWork", &HostPlugin::getStoredWork},
+      {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
+  }};
+  for (const auto& [name, member] : handlers) {
+    if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
+  }
+  return nullptr;
+}
+
+void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
+  const auto id = call->getInt("id");
+  if (!id) return call->reject("No such download");
+  JSObject outcome;
+  if (auto words = host_.outcomes().failure(*id)) outcome.set("failure", std::move(*words));
+  if (auto asset = host_.outcomes().assetId(*id)) outcome.set("assetId", std::move(*asset));
+  call->resolve(std::move(outcome));
+}
+
+void HostPlugin::getAsset(const CAPPluginCallPointer& call) {
+  const auto assetId = call->getString("assetId");
+  const auto filename = call->getString("filename");
+  const int64_t since = call->getInt("since").value_or(0);
+  const auto assets = assetsOf(host_.photos(), call->getString("album"));
+  const auto found = std::find_if(assets.rbegin(), assets.rend(), [&](const PHAsset& asset) {
+    if (assetId) return asset.localIdentifier == *assetId;
+    return asset.filename == filename && secondsSince1970(asset.creationDate) >= since;
+  });
+  JSObject answer;
+  if (found != assets.rend()) answer.set("path", found->path.string());
+  call->resolve(std::move(answer));
+}
+
+void HostPlugin::getStoredWork(const CAPPluginCallPointer& call) {
+  call->resolve({{"runs", arrayOf(host_.pendingRuns())},
+                 {"records", arrayOf(host_.records())},
+                 {"transfers", arrayOf(host_.transfers())},
+                 {"hasTransfers", host_.hasTransfers()},
+                 {"isProcessing", host_.isProcessing()},
+                 {"problems", arrayOf(host_.storeProblems())}});
+}
+
+void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {
+  host_.takeUpStoredRun();
+  call->resolve();
+}
+
+}  // namespace tarn

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/Capacitor.h"
+
+namespace tarn {
+
+class Host;
+
+/// What only the host of an engine knows, as methods of a plug-in, for the other commands of a home. No page sees it.
+///
+/// - getOutcome {id}: how a download has ended in this process: `failure` in words, `assetId`; each may be absent.
+/// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
+///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
+/// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
+///   in words.
+/// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
+class HostPlugin : public CAPPlugin {
+ public:
+  /// The host must outlive the plug-in.
+  explicit HostPlugin(Host& host) : host_(host) {}
+
+  static const std::string& name();
+
+  const std::string& identifier() const override { return name(); }
+  const std::string& jsName() const override { return name(); }
+  const std::vector<CAPPluginMethod>& pluginMethods() const override;
+
+ protected:
+  Handler handler(const std::string& method) override;
+
+ private:
+  void getOutcome(const CAPPluginCallPointer& call);
+  void getAsset(const CAPPluginCallPointer& call);
+  void getStoredWork(const CAPPluginCallPointer& call);
+  void takeUpStoredRun(const CAPPluginCallPointer& call);
+
+  Host& host_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,241 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/write.hpp>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "app/DamagedMovies.h"
+#include "app/TarnProcess.h"
+#include "engine/Home.h"
+#include "support/Eventually.h"
+#include "support/FaultServer.h"
+#include "support/TempDirectory.h"
+
+// Several commands in one home: the process that owns it is the engine of all.
+
+namespace tarn::test {
+namespace {
+
+namespace asio = boost::asio;
+using local = asio::local::stream_protocol;
+using boost::system::error_code;
+using testing::HasSubstr;
+using testing::Not;
+using testing::UnorderedElementsAreArray;
+
+const Bytes& recording() {
+  return damagedMovie("avc3 with avcC");
+}
+
+class ClientsTest : public testing::Test {
+ protected:
+  using Child = std::unique_ptr<ChildProgram>;
+
+  static std::vector<std::string> save(const FaultServer& server, const std::string& path) {
+    return {"save", server.url(path), "--album", "Trips"};
+  }
+
+  std::vector<std::string> serve() const {
+    std::filesystem::create_directories(place_ / "web/bridge");
+    std::ofstream(place_ / "web/index.html") << "<!doctype html>";
+    std::ofstream(place_ / "web/bridge/native.js") << "native();";
+    return {"serve", "--web", place_ / "web"};
+  }
+
+  Child start(const std::vector<std::string>& arguments) {
+    return std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
+  }
+
+  TempDirectory place_;
+  Path home_ = place_ / "home";
+};
+
+TEST_F(ClientsTest, SavesAtOnceEndAsOneAfterTheOther) {
+  FaultServer server;
+  server.serve("/clip.mp4", ServedFile::of(recording()));
+  const auto arguments = save(server, "/clip.mp4");
+  std::vector<std::string> oneAfterTheOther;
+  for (const size_t count : {2, 5, 10}) {
+    while (oneAfterTheOther.size() < count) {
+      oneAfterTheOther.push_back(runTarn(place_ / "other", arguments).lastLine());
+    }
+    // The last home has a path for which no socket's address has room.
+    home_ = place_ / (std::to_string(count) + (count == 10 ? std::string(120, 'h') : ""));
+    std::vector<Child> saves;
+    for (size_t i = 0; i < count; ++i) saves.push_back(start(arguments));
+    std::vector<std::string> saved, expected;
+    for (const Child& child : saves) {
+      EXPECT_EQ(child->wait(), 0) << child->errors();
+      EXPECT_THAT(child->errors(), Not(HasSubstr("tarn:")));
+      saved.push_back(child->output());
+    }
+    for (const std::string& path : oneAfterTheOther) {
+      expected.push_back((home_ / Path(path).lexically_relative(place_ / "other")).string() + "\n");
+    }
+    EXPECT_THAT(saved, UnorderedElementsAreArray(expected));
+    EXPECT_EQ(savedFiles(home_).size(), count);
+    EXPECT_EQ(leftIn(home_), "");
+    EXPECT_FALSE(std::filesystem::exists(home_ / ".socket"));
+  }
+}
+
+TEST_F(ClientsTest, WhateverBecomesOfTheEngineItsClientsGoOn) {
+  struct Row {
+    const char* name;
+    bool isServe;
+    std::vector<int> signals;
+    int exitCode;
+    ptrdiff_t requests;  ///< for each video of the clients; another engine asks again
+    const char* words;   ///< of the engine, at each signal
+  };
+  const Row rows[] = {
+      {"killed", false, {SIGKILL}, killedBySIGKILL, 2, ""},
+      {"interrupted", false, {SIGINT}, 130, 1, "`tarn resume` goes on with it.\ntarn: Other commands still use"},
+      {"interrupted twice", false, {SIGINT, SIGTERM}, 130, 2, "Interrupt again to end it"},
+      {"serve", true, {SIGTERM}, 130, 2, "The next start goes on with it"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    home_ = place_ / row.name;
+    FaultServer server;
+    for (const char* path : {"/a.mp4", "/b.mp4", "/c.mp4"}) {
+      server.serve(path, ServedFile::of(recording()), {{.stallAfter = 1000}});
+    }
+    const auto requests = [&](const char* path) {
+      return std::ranges::count(server.requests(), path, &ReceivedRequest::target);
+    };
+    const Child engine = start(row.isServe ? serve() : save(server, "/a.mp4"));
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(home_ / ".socket"); })) << engine->errors();
+    const Child clients[] = {start(save(server, "/b.mp4")), start(save(server, "/c.mp4"))};
+    ASSERT_TRUE(eventually([&] { return requests("/b.mp4") == 1 && requests("/c.mp4") == 1; }));
+    for (const int number : row.signals) {
+      engine->signal(number);
+      EXPECT_TRUE(eventually([&] { return engine->errors().find(row.words) != std::string::npos; }));
+    }
+    if (row.requests == 2) engine->wait();
+    server.release();
+    for (const Child& client : clients) EXPECT_EQ(client->wait(), 0) << client->errors();
+    EXPECT_EQ(clients[0]->output(), (home_ / "Photos/Trips/b.mp4").string() + "\n");
+    EXPECT_EQ(engine->wait(), row.exitCode) << engine->errors();
+    for (const char* path : {"/b.mp4", "/c.mp4"}) EXPECT_EQ(requests(path), row.requests);
+    const auto rest = runTarn(home_, {"resume"});
+    EXPECT_EQ(rest.exitCode, 0) << rest.errors;
+    EXPECT_EQ(savedFiles(home_).size(), row.isServe ? 2U : 3U);
+    EXPECT_EQ(leftIn(home_), "");
+  }
+}
+
+/// A connection to the socket of a home, which speaks as it likes.
+class RawClient {
+ public:
+  explicit RawClient(const Path& home) { socket_.connect((home / ".socket").string()); }
+
+  void send(const std::string& text) {
+    error_code gone;
+    asio::write(socket_, asio::buffer(text), gone);
+  }
+
+  /// The next line; empty when the connection is gone.
+  std::string next() {
+    error_code gone;
+    asio::read_until(socket_, asio::dynamic_buffer(received_), '\n', gone);
+    const size_t end = received_.find('\n');
+    if (end == std::string::npos) return {};
+    std::string line = received_.substr(0, end);
+    received_.erase(0, end + 1);
+    return line;
+  }
+
+ private:
+  asio::io_context context_;
+  local::socket socket_{context_};
+  std::string received_;
+};
+
+/// Acts as another user for a while, if this one may.
+class AnotherUser {
+ public:
+  AnotherUser() : isOne_(::geteuid() == 0 && ::seteuid(65534) == 0) {}
+  ~AnotherUser() { EXPECT_TRUE(!isOne_ || ::seteuid(0) == 0); }
+  AnotherUser(const AnotherUser&) = delete;
+  AnotherUser& operator=(const AnotherUser&) = delete;
+
+  bool isOne() const { return isOne_; }
+
+ private:
+  const bool isOne_;
+};
+
+TEST_F(ClientsTest, TheSocketOutlivesWhateverIsSentAndIsForItsUserAlone) {
+  const Child engine = start(serve());
+  ASSERT_TRUE(eventually([&] { return !engine->output().empty(); })) << engine->errors();
+  const Path path = home_ / ".socket";
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+  RawClient client(home_);
+  EXPECT_EQ(client.next(), R"({"protocol":1})");
+  EXPECT_THAT(client.next(), HasSubstr("hello"));
+  const std::pair<std::string, const char*> rows[] = {
+      {"x", "not a JSON object"},
+      {std::string(300'000, ' ') + R"({"id":"1"})", "too large"},
+      {R"({"id":"2","plugin":"Other","method":"m"})", "not implemented"},
+      {R"({"id":"3","plugin":"TarnHost","method":"getOutcome"})", "No such download"},
+      {R"({"id":"4","plugin":"TarnHost","method":"getStoredWork"})", R"("runs":[])"},
+  };
+  for (const auto& [text, answer] : rows) {
+    client.send(text + "\n");
+    EXPECT_THAT(client.next(), HasSubstr(answer));
+  }
+  RawClient(home_).send(R"({"id":"1","plugin":"TarnBridge","method":"cancelAllDo)");
+  client.send(std::string(2 << 20, 'x'));
+  EXPECT_EQ(client.next(), "") << "a line without end";
+
+  for (const auto& [place, mode] : {std::pair(place_.path(), 0755), {home_, 0755}, {path, 0666}}) {
+    std::filesystem::permissions(place, std::filesystem::perms(mode));
+  }
+  const AnotherUser user;
+  EXPECT_EQ(RawClient(home_).next() == "", user.isOne());
+}
+
+TEST_F(ClientsTest, ACommandTellsWhomItFinds) {
+  const Path path = home_ / ".socket";
+  const HomeLock lock(home_);
+  const auto expectRefusal = [&](local::acceptor& listener, const std::string& greeting, const char* refusal) {
+    const Child client = start({"resume"});
+    local::socket socket = listener.accept();
+    asio::write(socket, asio::buffer(greeting + "\n"));
+    EXPECT_EQ(client->wait(), 1);
+    EXPECT_THAT(client->errors(), HasSubstr(refusal));
+  };
+  asio::io_context context;
+  local::acceptor listener(context, path.string());
+  expectRefusal(listener, R"({"protocol":99})", "Another version of tarn works in");
+  {
+    const AnotherUser user;
+    if (!user.isOne()) return;
+    ::listen(listener.native_handle(), 1);
+  }
+  expectRefusal(listener, "", "Another user listens at");
+}
+
+TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {
+  FaultServer server;
+  server.serve("/clip.mp4", ServedFile::of(recording()));
+  std::filesystem::create_directory(home_);
+  std::ofstream(home_ / ".socket") << "mine";
+  const auto alone = runTarn(home_, save(server, "/clip.mp4"));
+  EXPECT_EQ(alone.exitCode, 0);
+  EXPECT_THAT(alone.errors, HasSubstr(".socket is in the way: move it elsewhere"));
+  EXPECT_EQ(contentOf(home_ / ".socket"), "mine");
+}
+
+}  // namespace
+}  // namespace tarn::test
