@@ -4,6 +4,7 @@
 #include "audio/AudioTranscoder.h"
 #include "audio/analysis/SoundTracks.h"
 #include "media/AudioSpecificConfig.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Log.h"
@@ -15,9 +16,10 @@ std::optional<uint32_t> firstDeltaOf(FileHandle& file, const MP4BoxInfo& minf) {
   const auto stbl = MP4BoxUtils::findChildBox(file, minf, "stbl");
   const auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
   if (!stts) return std::nullopt;
-  std::array<uint8_t, 16> contents{};  // version and flags, the count of rows, the first row
+  constexpr size_t firstDelta = layout::tableHeaderSize + layout::runValue.offset - layout::boxHeaderSize;
+  std::array<uint8_t, firstDelta + layout::runValue.width> contents{};
   file.seek(stts->contentOffset());
-  return readUInt32(ByteView(contents).first(file.readInto(contents)), 12);
+  return readUInt32(ByteView(contents).first(file.readInto(contents)), firstDelta);
 }
 
 int64_t objectType(const CMFormatDescription& description) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
 #include "mp4/SampleTableBuilders.h"
@@ -15,8 +16,7 @@
 namespace tarn {
 namespace {
 
-constexpr size_t boxHeaderSize = 8;
-constexpr size_t entriesInBox = 16;
+using layout::boxHeaderSize;
 
 /// A table and the boxes around it, from the `moov` on.
 struct Table {
@@ -40,8 +40,8 @@ std::optional<Table> findTable(ByteView moov, size_t trak) {
 std::vector<uint64_t> offsetsIn(ByteView moov, const Table& table) {
   std::vector<uint64_t> offsets;
   const size_t end = std::min(table.offset + table.size, moov.size());
-  const size_t count = readUInt32(moov, table.offset + entriesInBox - 4).value_or(0);
-  for (size_t at = table.offset + entriesInBox; at + 4 <= end && offsets.size() < count; at += 4) {
+  const size_t count = readUInt32(moov, table.offset + layout::entryCount.offset).value_or(0);
+  for (size_t at = table.offset + layout::tableHeaderSize; at + 4 <= end && offsets.size() < count; at += 4) {
     offsets.push_back(*readUInt32(moov, at));
   }
   return offsets;

@@ -70,7 +70,7 @@ uint32_t avsync_parse_mvhd_timescale(const uint8_t* buffer, int32_t length) {
 }
 
 int64_t avsync_parse_sgpd_roll(const uint8_t* buffer, int32_t length) {
-  if (!isBox(buffer, length, layout::fourCC("sgpd"), 20)) return 0;
+  if (!isBox(buffer, length, layout::fourCC("sgpd"), layout::groupDescriptionHeader(0).entryCount.end())) return 0;
   if (layout::load32(buffer, layout::groupingType) != layout::fourCC("roll")) return 0;
   auto holds = [&](const layout::Field& field) { return field.end() <= static_cast<size_t>(length); };
 
