@@ -5,6 +5,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ChunkOffsetTable.h"
+#include "mp4/EditList.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "sync/ErrorTypes.h"
@@ -53,16 +54,7 @@ std::optional<Rows> extractEditListEntries(ByteView moov, const BoxHeader& trak)
   if (!elst || elst->end() > edts->end() || elst->end() - fieldBase(*elst) < layout::tableHeaderSize) {
     return std::nullopt;
   }
-  const uint8_t* base = moov.data() + fieldBase(*elst);
-  const auto& fields = layout::editRow(layout::load(base, layout::version) == 1);
-  const size_t present = (elst->end() - fieldBase(*elst) - layout::tableHeaderSize) / fields.size;
-  const size_t count = std::min<size_t>(layout::load(base, layout::entryCount), present);
-  Rows rows;
-  for (size_t i = 0; i < count; ++i) {
-    const uint8_t* row = base + layout::tableHeaderSize + i * fields.size;
-    rows.push_back({layout::loadSigned(row, fields.duration), layout::loadSigned(row, fields.mediaTime),
-                    static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))});
-  }
+  Rows rows = readEditList(moov.first(elst->end()).subspan(fieldBase(*elst)), editlist::stripped);
   if (rows.empty()) return std::nullopt;
   return rows;
 }

@@ -10,8 +10,6 @@
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Error.h"
-#include "sync/MP4AVSync.h"
-#include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
 namespace {
@@ -34,13 +32,6 @@ Bytes frontOf(FileHandle& file, const std::optional<MP4BoxInfo>& box) {
   return file.read(static_cast<size_t>(std::min<uint64_t>(box->size, smallBox)));
 }
 
-/// track_ID of a `tkhd` (ISO/IEC 14496-12 8.3.2).
-uint32_t trackID(ByteView tkhd) {
-  const bool hasLongTimes = layout::loadWithin(tkhd, layout::version).value_or(0) != 0;
-  return static_cast<uint32_t>(
-      layout::loadWithin(tkhd, hasLongTimes ? layout::trackID64 : layout::trackID32).value_or(0));
-}
-
 /// Tag and picture or sound of the first sample entry (ISO/IEC 14496-12 8.5.2).
 void readFirstEntry(ByteView stsd, TrackFacts& track) {
   if (stsd.size() < layout::sampleEntryFormat.end() || layout::load(stsd.data(), layout::entryCount) == 0) return;
@@ -59,19 +50,21 @@ void readFirstEntry(ByteView stsd, TrackFacts& track) {
 TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
   TrackFacts track;
   track.handler = MP4BoxUtils::getHandlerType(file, trak).value_or("");
-  track.id = trackID(frontOf(file, findPath(file, trak, {"tkhd"})));
-  const Bytes mdhd = frontOf(file, findPath(file, trak, {"mdia", "mdhd"}));
-  track.timescale = avsync_parse_mdhd_timescale(mdhd.data(), static_cast<int32_t>(mdhd.size()));
-  track.duration = MP4AVSyncFixer::parseMdhdDuration(mdhd);
+  track.id = readTrackHeader(file, trak).trackID;
+  if (const auto mdia = MP4BoxUtils::findChildBox(file, trak, "mdia")) {
+    if (const auto clock = readTimeHeader(file, *mdia, "mdhd")) {
+      track.timescale = clock->timescale;
+      track.duration = static_cast<int64_t>(clock->duration);
+      track.lacksDuration = clock->duration == 0;
+    }
+  }
   const auto stbl = findPath(file, trak, {"mdia", "minf", "stbl"});
   readFirstEntry(frontOf(file, findPath(file, stbl, {"stsd"})), track);
   for (const char* type : {"stsz", "stz2"}) {
     if (!track.samples)
       track.samples = readUInt32(frontOf(file, findPath(file, stbl, {type})), layout::sampleCount.offset);
   }
-  const auto mediaHeader = findPath(file, trak, {"mdia", "mdhd"});
-  const auto clock = mediaHeader ? readTimeHeader(file, *mediaHeader) : std::nullopt;
-  track.lacksDuration = track.samples.value_or(0) > 0 && clock && clock->duration == 0;
+  track.lacksDuration = track.lacksDuration && track.samples.value_or(0) > 0;
   return track;
 }
 

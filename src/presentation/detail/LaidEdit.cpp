@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
 
 namespace tarn {
 namespace {
@@ -31,13 +31,6 @@ MovieTime movieTime(int64_t ticks, uint32_t timescale, int32_t rate) {
 
 MovieTime tickOf(uint32_t movieTimescale) {
   return movieTime(1, movieTimescale) + std::chrono::microseconds(1);
-}
-
-int64_t movieTicks(int64_t mediaLength, uint32_t timescale, uint32_t movieTimescale, int32_t rate) {
-  // 63 bits times 32 bits times 16 bits.
-  Int128 numerator = static_cast<Int128>(mediaLength) * movieTimescale * layout::normalRate;
-  Int128 denominator = static_cast<Int128>(timescale) * rate;
-  return cut((numerator + denominator - 1) / denominator);
 }
 
 Ticks mediaTicks(int64_t movieLength, uint32_t movieTimescale, uint32_t timescale, int32_t rate) {

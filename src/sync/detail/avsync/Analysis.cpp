@@ -2,9 +2,11 @@
 #include <cmath>
 
 #include "sync/MP4AVSync.h"
-#include "sync/detail/TimingTable.h"
+#include "sync/detail/TimeArithmetic.h"
+#include "sync/detail/avsync/Buffer.h"
 
-using tarn::TimingTable;
+using tarn::tableRows;
+using tarn::TableRows;
 using tarn::wrappingAdd;
 using tarn::wrappingSubtract;
 namespace layout = tarn::layout;
@@ -16,7 +18,7 @@ __extension__ using Int128 = __int128;
 constexpr double needsFixMilliseconds = 10.0;
 
 /// The delta that most samples have. Only the first 16 distinct deltas are counted.
-int64_t nominalDelta(const TimingTable& stts) {
+int64_t nominalDelta(const TableRows& stts) {
   struct Bin {
     uint32_t delta;
     uint64_t samples;
@@ -38,7 +40,7 @@ int64_t nominalDelta(const TimingTable& stts) {
 }
 
 /// True when the ascending table lists this 1-based sample number.
-bool listsSample(const TimingTable& stss, int64_t number) {
+bool listsSample(const TableRows& stss, int64_t number) {
   for (size_t i = 0; i < stss.size(); ++i) {
     int64_t listed = layout::load32(stss.row(i), layout::syncSampleNumber);
     if (listed >= number) return listed == number;
@@ -96,9 +98,9 @@ AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* vid
 int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
                            int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary) {
   AVSyncGapSummary found{};
-  auto table = TimingTable::of(stts, stts_length, layout::fourCC("stts"), layout::runRowSize);
+  auto table = tableRows(stts, stts_length, layout::fourCC("stts"), layout::runRowSize);
   if (gaps != nullptr && max_gaps >= 1) {
-    auto syncSamples = TimingTable::of(stss, stss_length, layout::fourCC("stss"), layout::syncRowSize);
+    auto syncSamples = tableRows(stss, stss_length, layout::fourCC("stss"), layout::syncRowSize);
     found.nominal_delta = nominalDelta(table);
     int64_t limit = threshold >= 1 ? threshold : 2 * found.nominal_delta;
     int64_t time = 0;

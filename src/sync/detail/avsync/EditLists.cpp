@@ -1,10 +1,11 @@
 #include <algorithm>
 #include <limits>
 
+#include "mp4/EditList.h"
 #include "sync/MP4AVSync.h"
-#include "sync/detail/TimingTable.h"
+#include "sync/detail/TimeArithmetic.h"
+#include "sync/detail/avsync/Buffer.h"
 
-using tarn::TimingTable;
 using tarn::wrappingAdd;
 using tarn::wrappingSubtract;
 namespace layout = tarn::layout;
@@ -126,14 +127,11 @@ int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uin
 
 int32_t avsync_parse_elst_box(const uint8_t* buffer, int32_t length, AVSyncElstEntry* entries, int32_t max_entries) {
   if (entries == nullptr || max_entries < 1) return 0;
-  if (!tarn::isBox(buffer, length, layout::fourCC("elst"), layout::tableHeaderSize)) return 0;
-  const auto& fields = layout::editRow(layout::load(buffer, layout::version) == 1);
-  TimingTable table(buffer, length, fields.size);
-  size_t count = std::min(table.size(), static_cast<size_t>(max_entries));
+  const tarn::EditListRows rows(tarn::tableBox(buffer, length, layout::fourCC("elst")), tarn::editlist::synced);
+  const size_t count = std::min(rows.size(), static_cast<size_t>(max_entries));
   for (size_t i = 0; i < count; ++i) {
-    const uint8_t* row = table.row(i);
-    entries[i] = {static_cast<int64_t>(layout::load(row, fields.duration)), layout::loadSigned(row, fields.mediaTime),
-                  static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))};
+    const tarn::EditListEntry entry = rows.entry(i);
+    entries[i] = {entry.duration, entry.mediaTime, entry.mediaRate};
   }
   return static_cast<int32_t>(count);
 }

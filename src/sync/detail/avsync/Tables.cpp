@@ -3,12 +3,13 @@
 #include <cstring>
 #include <limits>
 
+#include "mp4/TimeHeader.h"
 #include "sync/MP4AVSync.h"
-#include "sync/detail/TimingTable.h"
+#include "sync/detail/avsync/Buffer.h"
 
 using tarn::isBox;
 using tarn::storeTableHeader;
-using tarn::TimingTable;
+using tarn::tableRows;
 namespace layout = tarn::layout;
 
 namespace {
@@ -25,8 +26,8 @@ constexpr std::array<EncoderDelay, 6> encoderDelays{
 
 uint32_t timescaleOf(const uint8_t* buffer, int32_t length, uint32_t type, size_t minimum) {
   if (!isBox(buffer, length, type, minimum)) return 0;
-  const auto& field = layout::timeHeader(layout::load(buffer, layout::version) == 1).timescale;
-  return static_cast<size_t>(length) >= field.end() ? layout::load32(buffer, field) : 0;
+  const auto clock = tarn::parseTimeHeader({buffer, static_cast<size_t>(length)}, tarn::LongHeader::isVersion1);
+  return clock ? clock->timescale : 0;
 }
 
 /// A table box's size for so many 8-byte rows; -1 when it does not fit the result.
@@ -51,7 +52,7 @@ int64_t avsync_parse_stts_first_dts(const uint8_t* /*buffer*/, int32_t /*length*
 void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_offset, int64_t* min_offset) {
   int64_t first = 0;
   int64_t smallest = 0;
-  auto table = TimingTable::of(buffer, length, ctts, layout::runRowSize);
+  auto table = tableRows(buffer, length, ctts, layout::runRowSize);
   for (size_t i = 0; i < table.size(); ++i) {
     int64_t offset = layout::loadSigned(table.row(i), layout::runValue);
     if (i == 0) first = smallest = offset;
@@ -113,7 +114,7 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
   if (info != nullptr) *info = {1, shift, entryCount, static_cast<uint32_t>(size)};
 
   storeTableHeader(out, static_cast<uint32_t>(size), ctts, 1, entryCount);
-  TimingTable table(buffer, length, layout::runRowSize);
+  auto table = tableRows(buffer, length, ctts, layout::runRowSize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
     uint32_t offset = layout::load32(table.row(i), layout::runValue) - static_cast<uint32_t>(shift);
@@ -124,7 +125,7 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
 
 int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta) {
   if (max_delta == 0 || !isBox(buffer, length, stts, layout::tableHeaderSize)) return -1;
-  TimingTable table(buffer, length, layout::runRowSize);
+  auto table = tableRows(buffer, length, stts, layout::runRowSize);
   uint64_t rows = 0;
   for (size_t i = 0; i < table.size(); ++i) {
     uint64_t samples = layout::load(table.row(i), layout::runSampleCount);
@@ -142,7 +143,7 @@ int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_
   auto rows = (static_cast<size_t>(size) - layout::tableHeaderSize) / layout::runRowSize;
   storeTableHeader(out, static_cast<uint32_t>(size), stts, 0, static_cast<uint32_t>(rows));
 
-  TimingTable table(buffer, length, layout::runRowSize);
+  auto table = tableRows(buffer, length, stts, layout::runRowSize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
     uint32_t samples = layout::load32(table.row(i), layout::runSampleCount);
