@@ -1,12 +1,15 @@
+#include "audio/analysis/AudioConfig.h"
+
 #include <algorithm>
 #include <array>
 
-#include "audio/AudioTranscoder.h"
 #include "audio/analysis/SoundTracks.h"
+#include "media/AVAsset.h"
 #include "media/AudioSpecificConfig.h"
 #include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/TimeHeader.h"
+#include "platform/Error.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -66,7 +69,7 @@ AudioConfigCheck unreadable(const char* reason) {
 
 }  // namespace
 
-AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManager& files, const Path& fileURL) {
+AudioTimingInfo parseAudioTimingInfo(FileManager& files, const Path& fileURL) {
   AudioTimingInfo info;
   const auto file = openIfPossible(files, fileURL);
   if (!file) return info;
@@ -84,7 +87,7 @@ AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManag
   }
 }
 
-AudioConfigCheck AudioTranscoder::analyzeAudioConfig(FileManager& files, const Path& fileURL) {
+AudioConfigCheck analyzeAudioConfig(FileManager& files, const Path& fileURL) {
   const auto tracks = AVAsset(files, fileURL).tracks(AVMediaType::audio);
   if (tracks.empty()) return unreadable("No audio track found");
   const auto& descriptions = tracks.front().formatDescriptions;
