@@ -7,7 +7,8 @@
 
 #include "app/DamagedMovies.h"
 #include "app/TarnProcess.h"
-#include "inspect/Inspection.h"
+#include "inspect/InspectionJSON.h"
+#include "inspect/InspectionText.h"
 #include "platform/Capacitor.h"
 #include "remux/RemuxStep.h"
 #include "support/BoxBuilder.h"

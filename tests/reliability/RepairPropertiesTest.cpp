@@ -10,7 +10,7 @@
 
 #include "app/Commands.h"
 #include "app/TarnProcess.h"
-#include "inspect/Inspection.h"
+#include "inspect/InspectionText.h"
 #include "platform/host/PosixFileManager.h"
 #include "reliability/ProbedMovie.h"
 #include "reliability/RandomMovie.h"

@@ -1,3 +1,5 @@
+#include "inspect/detail/VideoFacts.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
