@@ -66,8 +66,7 @@ std::optional<MP4BoxInfo> findMovie(FileHandle& file) {
 }
 
 std::optional<MP4BoxInfo> findSampleTable(FileHandle& file, const MP4BoxInfo& mdia) {
-  auto minf = MP4BoxUtils::findChildBox(file, mdia, "minf");
-  return minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
+  return MP4BoxUtils::findDescendant(file, mdia, {"minf", "stbl"});
 }
 
 AVAssetTrack readTrack(FileHandle& file, const MP4BoxInfo& trak, AVMediaType mediaType, uint32_t movieTimescale) {

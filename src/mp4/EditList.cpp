@@ -39,8 +39,7 @@ std::vector<EditListEntry> readEditList(ByteView elst, const EditListRules& rule
 }
 
 std::vector<EditListEntry> readEditList(FileHandle& file, const MP4BoxInfo& trak) {
-  auto edts = MP4BoxUtils::findChildBox(file, trak, "edts");
-  auto elst = edts ? MP4BoxUtils::findChildBox(file, *edts, "elst") : std::nullopt;
+  auto elst = MP4BoxUtils::findDescendant(file, trak, {"edts", "elst"});
   if (!elst) return {};
   TableBox box(file, *elst, TableBox::oneField);
   const bool is64Bit = box.version() == 1;

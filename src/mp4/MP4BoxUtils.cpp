@@ -82,6 +82,16 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findChildBox(FileHandle& file, const MP4B
   return findFirst(FileBoxWalker(file, container.contentOffset(), endOf(container), boxwalk::children), type);
 }
 
+std::optional<MP4BoxInfo> MP4BoxUtils::findDescendant(FileHandle& file, const MP4BoxInfo& container,
+                                                      std::initializer_list<std::string_view> path) {
+  std::optional<MP4BoxInfo> box = container;
+  for (std::string_view type : path) {
+    box = findChildBox(file, *box, type);
+    if (!box) break;
+  }
+  return box;
+}
+
 std::optional<MP4BoxInfo> MP4BoxUtils::findTrack(FileHandle& file, const MP4BoxInfo& moov, MP4TrackType type) {
   FileBoxWalker walker(file, moov.contentOffset(), endOf(moov), boxwalk::tracks);
   while (auto header = walker.next()) {
@@ -93,8 +103,7 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findTrack(FileHandle& file, const MP4BoxI
 
 std::optional<std::string> MP4BoxUtils::getHandlerType(FileHandle& file, const MP4BoxInfo& trak) {
   PositionGuard guard(file);
-  auto mdia = findChildBox(file, trak, "mdia");
-  auto hdlr = mdia ? findChildBox(file, *mdia, "hdlr") : std::nullopt;
+  auto hdlr = findDescendant(file, trak, {"mdia", "hdlr"});
   if (!hdlr) return std::nullopt;
   try {
     std::array<uint8_t, layout::handlerType.end() - layout::boxHeaderSize> contents;

@@ -16,8 +16,7 @@ namespace tarn {
 namespace {
 
 std::optional<uint32_t> firstDeltaOf(FileHandle& file, const MP4BoxInfo& minf) {
-  const auto stbl = MP4BoxUtils::findChildBox(file, minf, "stbl");
-  const auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
+  const auto stts = MP4BoxUtils::findDescendant(file, minf, {"stbl", "stts"});
   if (!stts) return std::nullopt;
   constexpr size_t firstDelta = layout::tableHeaderSize + layout::runValue.offset - layout::boxHeaderSize;
   std::array<uint8_t, firstDelta + layout::runValue.width> contents{};

@@ -16,15 +16,6 @@ namespace {
 
 constexpr size_t smallBox = 4096;  ///< more of a header or of the front of a table is not looked at
 
-std::optional<MP4BoxInfo> findPath(FileHandle& file, std::optional<MP4BoxInfo> box,
-                                   std::initializer_list<std::string_view> types) {
-  for (std::string_view type : types) {
-    if (!box) break;
-    box = MP4BoxUtils::findChildBox(file, *box, type);
-  }
-  return box;
-}
-
 /// The front of a box, header included; empty when there is no box.
 Bytes frontOf(FileHandle& file, const std::optional<MP4BoxInfo>& box) {
   if (!box) return {};
@@ -58,11 +49,12 @@ TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
       track.lacksDuration = clock->duration == 0;
     }
   }
-  const auto stbl = findPath(file, trak, {"mdia", "minf", "stbl"});
-  readFirstEntry(frontOf(file, findPath(file, stbl, {"stsd"})), track);
-  for (const char* type : {"stsz", "stz2"}) {
-    if (!track.samples)
-      track.samples = readUInt32(frontOf(file, findPath(file, stbl, {type})), layout::sampleCount.offset);
+  const auto tableFront = [&](std::string_view type) {
+    return frontOf(file, MP4BoxUtils::findDescendant(file, trak, {"mdia", "minf", "stbl", type}));
+  };
+  readFirstEntry(tableFront("stsd"), track);
+  for (std::string_view type : {"stsz", "stz2"}) {
+    if (!track.samples) track.samples = readUInt32(tableFront(type), layout::sampleCount.offset);
   }
   track.lacksDuration = track.lacksDuration && track.samples.value_or(0) > 0;
   return track;
