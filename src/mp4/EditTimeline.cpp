@@ -3,12 +3,10 @@
 #include <algorithm>
 
 #include "mp4/SampleTableBuilders.h"
+#include "platform/Int128.h"
 
 namespace tarn {
 namespace {
-
-__extension__ using Int128 = __int128;
-__extension__ using UInt128 = unsigned __int128;
 
 constexpr int64_t latest = MediaEdit::latestTime;
 
@@ -28,8 +26,8 @@ int64_t inRange(int64_t time) {
 
 /// To the nearest tick.
 int64_t rescaled(uint64_t duration, uint32_t toScale, uint32_t fromScale) {
-  UInt128 value = (static_cast<UInt128>(duration) * toScale + fromScale / 2) / fromScale;
-  if (value > static_cast<UInt128>(latest)) throw outOfRange();
+  Int128 value = dividedAndRounded(static_cast<Int128>(duration) * toScale, fromScale);
+  if (value > latest) throw outOfRange();
   return static_cast<int64_t>(value);
 }
 

@@ -9,6 +9,7 @@
 #include "mp4/EditList.h"
 #include "mp4/TableRows.h"
 #include "mp4/TimeHeader.h"
+#include "platform/Int128.h"
 #include "sync/detail/TimeArithmetic.h"
 
 using tarn::ByteView;
@@ -49,8 +50,6 @@ void storeTableHeader(uint8_t* out, uint32_t size, uint32_t type, uint8_t versio
 }
 
 // --- Analysis ---
-
-__extension__ using Int128 = __int128;
 
 constexpr double needsFixMilliseconds = 10.0;
 
@@ -142,7 +141,7 @@ uint8_t* storeRun(uint8_t* row, uint32_t sampleCount, uint32_t value) {
 int64_t avsync_rescale(int64_t value, int64_t to_scale, int64_t from_scale) {
   if (value == 0 || from_scale == 0) return 0;
   // The product has at most 127 bits, so neither it nor the sum can overflow.
-  Int128 product = static_cast<Int128>(value) * to_scale;
+  tarn::Int128 product = static_cast<tarn::Int128>(value) * to_scale;
   return static_cast<int64_t>((product + from_scale / 2) / from_scale);
 }
 

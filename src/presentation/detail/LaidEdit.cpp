@@ -3,18 +3,12 @@
 #include <algorithm>
 
 #include "mp4/EditTimeline.h"
+#include "platform/Int128.h"
 
 namespace tarn {
 namespace {
 
-__extension__ using Int128 = __int128;
-
 constexpr int64_t latestNanosecond = int64_t{1} << 61;
-
-Int128 rounded(Int128 numerator, Int128 denominator) {
-  Int128 half = denominator / 2;
-  return numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
-}
 
 int64_t cut(Int128 ticks) {
   return static_cast<int64_t>(std::min<Int128>(ticks, MediaEdit::latestTime));
@@ -25,7 +19,7 @@ int64_t cut(Int128 ticks) {
 MovieTime movieTime(int64_t ticks, uint32_t timescale, int32_t rate) {
   // 63 bits times 30 bits times 16 bits.
   Int128 numerator = static_cast<Int128>(ticks) * 1'000'000'000 * layout::normalRate;
-  Int128 value = rounded(numerator, static_cast<Int128>(timescale) * rate);
+  Int128 value = dividedAndRounded(numerator, static_cast<Int128>(timescale) * rate);
   return MovieTime(static_cast<int64_t>(std::clamp<Int128>(value, -latestNanosecond, latestNanosecond)));
 }
 
