@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/URL.h"
+#include "platform/UTF8.h"
 
 namespace tarn {
 namespace {
@@ -27,13 +28,6 @@ bool isUnsafe(char c) {
   return byte < 0x20 || byte == 0x7F || c == '/' || c == '\\';
 }
 
-/// Cuts to at most `size` bytes, not in the middle of a UTF-8 sequence.
-void cut(std::string& text, size_t size) {
-  if (text.size() <= size) return;
-  while (size > 0 && (static_cast<uint8_t>(text[size]) & 0xC0) == 0x80) --size;
-  text.resize(size);
-}
-
 }  // namespace
 
 std::string defaultFilename(const std::string& url) {
@@ -45,8 +39,7 @@ std::string defaultFilename(const std::string& url) {
   name.resize(name.size() - ending.size());
   if (name.empty()) return "video.mp4";
   if (ending.empty()) ending = ".mp4";
-  cut(name, longestName - ending.size());
-  return name + ending;
+  return std::string(cutUTF8(name, longestName - ending.size())) + ending;
 }
 
 }  // namespace tarn

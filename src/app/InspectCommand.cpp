@@ -3,7 +3,8 @@
 #include "app/Commands.h"
 #include "app/Output.h"
 #include "engine/Home.h"
-#include "inspect/Inspection.h"
+#include "inspect/InspectionJSON.h"
+#include "inspect/InspectionText.h"
 #include "platform/host/PosixFileManager.h"
 
 namespace tarn {

@@ -83,8 +83,8 @@ class Resume {
     return state == VanishedWork::State::underWay;
   }
 
-  /// The page is about to be told of a download that an earlier process has saved, or it is too old and goes; some looks
-  /// give it the time.
+  /// The page is about to be told of a download that an earlier process has saved, or it is too old and goes; some
+  /// looks give it the time.
   bool isStillTelling(int64_t id) {
     return !outcomes_.contains(id) && !engine_.outcome(id).assetId && ++looksAtSaved_[id] < enoughLooks;
   }

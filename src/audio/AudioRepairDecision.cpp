@@ -1,7 +1,10 @@
 #include "audio/AudioRepairDecision.h"
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
+#include "audio/analysis/AudioConfig.h"
+#include "audio/analysis/AudioInternalGaps.h"
 #include "audio/analysis/MediaGaps.h"
+#include "audio/analysis/SilenceActions.h"
 #include "audio/analysis/SoundObstacle.h"
 #include "audio/fastpath/FastPathActions.h"
 #include "pipeline/RemuxTimingHelper.h"
@@ -36,10 +39,10 @@ class AudioDecision {
  private:
   void analyze() {
     TimingHelper timer;
-    found_.analysis = AudioTranscoder::analyzeAudioForProcessing(asset_, detectMediaGaps);
+    found_.analysis = analyzeAudioForProcessing(asset_, detectMediaGaps);
     log("Audio analysis completed in {:.2f}s", timer.stop());
     log("Audio analysis: {}", found_.analysis.summary());
-    found_.config = AudioTranscoder::analyzeAudioConfig(files_, fileURL_);
+    found_.config = analyzeAudioConfig(files_, fileURL_);
     log("Audio config: {}", found_.config.matchesPassthroughTarget ? "passthrough-eligible" : "requires normalize");
     if (found_.config.reason) log("  Reason: {}", *found_.config.reason);
   }
@@ -57,7 +60,7 @@ class AudioDecision {
   void scanAcrossTracks() {
     if (!isWhole()) return;
     logLine("Audio-only analysis suggests clean/initialOffset - running cross-track verification...");
-    found_.scan = AudioTranscoder::quickCrossTrackScan(files_, fileURL_, found_.syncOffsetSeconds());
+    found_.scan = quickCrossTrackScan(asset_, found_.syncOffsetSeconds());
     log("Cross-track scan: {}", found_.scan->description());
   }
 
@@ -87,7 +90,7 @@ class AudioDecision {
       found_.actions = std::move(layout->actions);
       found_.packetTicks = layout->packetTicks;
     }
-    found_.decision = AudioTranscoder::determineRepairDecision(found_.analysis, found_.config, found_.actions);
+    found_.decision = determineRepairDecision(found_.analysis, found_.config, found_.actions);
     if (found_.decision.kind == Kind::fastPath && !layout) {
       found_.decision = {Kind::fullNormalize, "Packets alone cannot keep the time"};
     }
@@ -125,9 +128,8 @@ class AudioDecision {
 
 }  // namespace
 
-RepairDecision AudioTranscoder::determineRepairDecision(const AudioAnalysisResult& analysisResult,
-                                                        const AudioConfigCheck& configCheck,
-                                                        std::span<const AudioAction> actions) {
+RepairDecision determineRepairDecision(const AudioAnalysisResult& analysisResult, const AudioConfigCheck& configCheck,
+                                       std::span<const AudioAction> actions) {
   constexpr size_t mostActions = 10;
   constexpr double mostSilence = 5.0;  // seconds
   if (!configCheck.matchesPassthroughTarget) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ struct AudioFindings {
 
   double syncOffsetSeconds() const { return originalSyncInfo ? originalSyncInfo->syncOffsetSeconds : 0; }
 };
+
+/// What the audio alone asks for: `actions` are the changes that its compressed samples would need.
+RepairDecision determineRepairDecision(const AudioAnalysisResult& analysisResult, const AudioConfigCheck& configCheck,
+                                       std::span<const AudioAction> actions);
 
 /// Analyses a file's audio and decides. Only damage is mended, and sound of another codec than AAC or of several
 /// configurations converted: what the edit list says is the truth, and AAC that is whole stays whatever its

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "audio/AudioTranscoder.h"
 #include "audio/transcode/FrameCounts.h"
+#include "audio/transcode/TranscodeConfig.h"
 #include "media/AVAudioPCMBuffer.h"
 #include "media/CMTime.h"
 
@@ -19,11 +19,11 @@ struct PendingAudioBuffer {
 
 /// How far the second pass has come. Frames are those of the output rate.
 struct AudioTranscodingState {
-  explicit AudioTranscodingState(const AudioTranscoder::Config& configuration)
+  explicit AudioTranscodingState(const TranscodeConfig& configuration)
       : config(configuration),
         fadeLengthFrames(wholeFrames(configuration.sampleRate * configuration.fadeDurationMs / 1000)) {}
 
-  AudioTranscoder::Config config;
+  TranscodeConfig config;
   int64_t fadeLengthFrames;
 
   int64_t samplesProcessed = 0;       ///< frames that went to the writer, of the source and of silence

@@ -8,6 +8,7 @@
 
 #include "audio/SilentAACSampleCache.h"
 #include "audio/analysis/SoundTracks.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"
@@ -23,7 +24,6 @@ constexpr uint32_t unusuallyLargeSample = 10000;
 constexpr int64_t mostSilentSamples = 1 << 20;
 constexpr int64_t pcmSamplesPerPacket = 1024;
 constexpr int64_t minuteInToleratedDrifts = 6000;  // a minute is so many times 10 ms
-constexpr uint64_t mdatHeaderSize = 8;
 
 struct AudioTrackInfo {
   MP4BoxInfo trakBox;
@@ -242,7 +242,7 @@ FastPathAudioBuilder::SampleTableBoxes FastPathAudioBuilder::buildSampleTableBox
   }
   std::vector<uint64_t> offsets;
   offsets.reserve(result.sampleSizes.size());
-  uint64_t offset = mdatOffset + mdatHeaderSize;
+  uint64_t offset = mdatOffset + layout::boxHeaderSize;
   for (uint32_t size : result.sampleSizes) {
     offsets.push_back(offset);
     offset += size;

@@ -6,6 +6,7 @@
 
 #include "inspect/detail/MovieFacts.h"
 #include "inspect/detail/RepairForecast.h"
+#include "inspect/detail/VideoFacts.h"
 #include "mp4/MP4BoxUtils.h"
 #include "presentation/Presentation.h"
 

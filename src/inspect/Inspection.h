@@ -167,8 +167,4 @@ struct Inspection {
 /// any disk. Facts that cannot be read are told as problems. Throws PosixError for a file that cannot be opened.
 Inspection inspect(FileManager& files, const Path& file);
 
-/// The same for people, and as one JSON object.
-std::string inspectionText(const Inspection& inspection);
-std::string inspectionJSON(const Inspection& inspection);
-
 }  // namespace tarn

@@ -1,6 +1,7 @@
+#include "inspect/InspectionJSON.h"
+
 #include <limits>
 
-#include "inspect/Inspection.h"
 #include "platform/JSObject.h"
 
 namespace tarn {

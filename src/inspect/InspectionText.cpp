@@ -1,3 +1,5 @@
+#include "inspect/InspectionText.h"
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -5,7 +7,6 @@
 #include <cmath>
 #include <iterator>
 
-#include "inspect/Inspection.h"
 #include "inspect/SoundText.h"
 #include "parameters/VideoCodec.h"
 

@@ -1,7 +1,6 @@
 #include "media/AVAsset.h"
 
 #include <algorithm>
-#include <array>
 #include <compare>
 #include <limits>
 #include <optional>
@@ -10,10 +9,9 @@
 
 #include "media/detail/SampleEntries.h"
 #include "media/detail/SampleTableSource.h"
-#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
-#include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
@@ -21,18 +19,6 @@
 
 namespace tarn {
 namespace {
-
-/// The track_ID of a `tkhd` (ISO/IEC 14496-12 8.3.2).
-uint32_t readTrackID(FileHandle& file, const MP4BoxInfo& trak) {
-  auto tkhd = MP4BoxUtils::findChildBox(file, trak, "tkhd");
-  if (!tkhd) return 0;
-  // The layout counts from a header of 8 bytes; the file's may be longer.
-  std::array<uint8_t, layout::trackID64.end() - layout::boxHeaderSize> contents;
-  file.seek(tkhd->contentOffset());
-  auto read = std::span<const uint8_t>(contents).first(file.readInto(contents));
-  const auto& field = !read.empty() && read[0] != 0 ? layout::trackID64 : layout::trackID32;
-  return readUInt32(read, field.offset - layout::boxHeaderSize).value_or(0);
-}
 
 /// True for a timescale that a CMTime can have.
 bool isUsable(uint32_t timescale) {
@@ -46,7 +32,7 @@ CMTime timeOf(uint64_t ticks, uint32_t timescale) {
   return CMTime::make(value, static_cast<int32_t>(timescale));
 }
 
-std::vector<EditListRow> readableEditList(FileHandle& file, const MP4BoxInfo& trak) {
+std::vector<EditListEntry> readableEditList(FileHandle& file, const MP4BoxInfo& trak) {
   try {
     return readEditList(file, trak);
   } catch (const Error&) {
@@ -54,20 +40,20 @@ std::vector<EditListRow> readableEditList(FileHandle& file, const MP4BoxInfo& tr
   }
 }
 
-CMTimeRange timeRangeOf(const std::vector<EditListRow>& rows, uint32_t movieTimescale, const TimeHeader& media) {
+CMTimeRange timeRangeOf(const std::vector<EditListEntry>& entries, uint32_t movieTimescale, const TimeHeader& media) {
   CMTime mediaDuration = timeOf(media.duration, media.timescale);
-  if (rows.empty() || !isUsable(movieTimescale)) return {CMTime::zero(), mediaDuration};
+  if (entries.empty() || !isUsable(movieTimescale)) return {CMTime::zero(), mediaDuration};
   CMTimeRange range;
   bool isLeading = true;
-  for (const EditListRow& row : rows) {
-    isLeading = isLeading && row.isEmpty();
-    CMTime duration = timeOf(row.duration, movieTimescale);
-    if (row.isEmpty()) {
+  for (const EditListEntry& entry : entries) {
+    isLeading = isLeading && entry.isEmpty();
+    CMTime duration = timeOf(static_cast<uint64_t>(entry.duration), movieTimescale);
+    if (entry.isEmpty()) {
       if (isLeading) range.start = range.start + duration;
       continue;
     }
-    if (row.duration == 0) {
-      duration = mediaDuration - timeOf(static_cast<uint64_t>(std::max<int64_t>(row.mediaTime, 0)), media.timescale);
+    if (entry.duration == 0) {
+      duration = mediaDuration - timeOf(static_cast<uint64_t>(std::max<int64_t>(entry.mediaTime, 0)), media.timescale);
       if (std::is_lt(compare(duration, CMTime::zero()))) duration = CMTime::zero();
     }
     range.duration = range.duration + duration;
@@ -80,15 +66,14 @@ std::optional<MP4BoxInfo> findMovie(FileHandle& file) {
 }
 
 std::optional<MP4BoxInfo> findSampleTable(FileHandle& file, const MP4BoxInfo& mdia) {
-  auto minf = MP4BoxUtils::findChildBox(file, mdia, "minf");
-  return minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
+  return MP4BoxUtils::findDescendant(file, mdia, {"minf", "stbl"});
 }
 
 AVAssetTrack readTrack(FileHandle& file, const MP4BoxInfo& trak, AVMediaType mediaType, uint32_t movieTimescale) {
   AVAssetTrack track;
   track.mediaType = mediaType;
   track.trak = trak;
-  track.trackID = readTrackID(file, trak);
+  track.trackID = readTrackHeader(file, trak).trackID;
   auto mdia = MP4BoxUtils::findChildBox(file, trak, "mdia");
   if (!mdia) return track;
   TimeHeader media = readTimeHeader(file, *mdia, "mdhd").value_or(TimeHeader{});
@@ -164,8 +149,8 @@ std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAsset
   auto file = files_.open(url_, OpenMode::reading);
   const uint32_t movieTimescale = movieTimescaleOf(*file);
   auto [locations, times] = readSampleTable(*file, track);
-  const auto rows = track.followsEditList ? readEditList(*file, track.trak) : std::vector<EditListRow>();
-  auto edits = mediaEdits(rows, movieTimescale, track.naturalTimeScale, times.duration());
+  const auto entries = track.followsEditList ? readEditList(*file, track.trak) : std::vector<EditListEntry>();
+  auto edits = mediaEdits(entries, movieTimescale, track.naturalTimeScale, times.duration());
   return std::make_unique<SampleTableSource>(SampleTableSource::Tables{
       .file = std::move(file),
       .locations = std::move(locations),
@@ -195,14 +180,11 @@ std::vector<MediaEdit> AVAsset::shownMedia(const AVAssetTrack& track) const {
   auto file = files_.open(url_, OpenMode::reading);
   const uint32_t movieTimescale = movieTimescaleOf(*file);
   const int64_t duration = readSampleTable(*file, track).second.duration();
-  const auto rows = readableEditList(*file, track.trak);
-  const auto isImpossible = [](const EditListRow& row) { return row.mediaTime < layout::emptyEdit; };
-  const auto reachesMedia = [&](const EditListRow& row) { return !row.isEmpty() && row.mediaTime < duration; };
-  if (!isUsable(movieTimescale) || std::ranges::any_of(rows, isImpossible) ||
-      std::ranges::none_of(rows, reachesMedia)) {
+  const auto entries = readableEditList(*file, track.trak);
+  if (!isUsable(movieTimescale) || entries.empty() || damageOf(entries, duration) != EditListDamage::none) {
     return {MediaEdit{}};
   }
-  return mediaEdits(rows, movieTimescale, track.naturalTimeScale, duration);
+  return mediaEdits(entries, movieTimescale, track.naturalTimeScale, duration);
 }
 
 }  // namespace tarn

@@ -7,7 +7,7 @@
 #include "media/CMFormatDescription.h"
 #include "media/CMSampleBuffer.h"
 #include "media/CMTime.h"
-#include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
 #include "mp4/MP4BoxUtils.h"
 #include "platform/FileManager.h"
 

@@ -7,11 +7,10 @@
 #include <optional>
 
 #include "platform/Checked.h"
+#include "platform/Int128.h"
 
 namespace tarn {
 namespace {
-
-__extension__ using Int128 = __int128;
 
 constexpr CMTime infinite(bool isNegative) {
   return {0, 0, CMTime::validFlag | (isNegative ? CMTime::negativeInfinityFlag : CMTime::positiveInfinityFlag), 0};
@@ -29,10 +28,6 @@ Kind kindOf(const CMTime& time) {
 }
 
 /// To the nearest integer, halves away from zero. The divisor is positive.
-Int128 dividedAndRounded(Int128 value, Int128 divisor) {
-  return (value + (value < 0 ? -divisor : divisor) / 2) / divisor;
-}
-
 /// `numerator` / `denominator` seconds, exact at the timescale if possible, else at a lower one at which it fits.
 CMTime fitted(Int128 numerator, Int128 denominator, int32_t timescale, uint32_t flags) {
   for (; timescale > 0; timescale /= 2) {

@@ -13,6 +13,7 @@
 #include "media/detail/PCMOutput.h"
 #include "media/detail/Resampler.h"
 #include "platform/Error.h"
+#include "platform/Int128.h"
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -21,14 +22,11 @@ extern "C" {
 namespace tarn {
 namespace {
 
-__extension__ using Int128 = __int128;
-
 constexpr int64_t longestHole = int64_t{24} * 3600;  // seconds
 
 /// `count` of 1 / `from` seconds, in 1 / `to` seconds, to the nearest.
 int64_t rescale(int64_t count, int64_t from, int64_t to) {
-  Int128 scaled = static_cast<Int128>(count) * to;
-  Int128 rounded = (scaled + (scaled < 0 ? -from : from) / 2) / from;
+  Int128 rounded = dividedAndRounded(static_cast<Int128>(count) * to, from);
   constexpr int64_t farthest = int64_t{1} << 56;
   if (rounded < -farthest || rounded > farthest) throw Error("PCMDecoding", -1, "Audio time out of range");
   return static_cast<int64_t>(rounded);

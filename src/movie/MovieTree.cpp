@@ -15,7 +15,6 @@ namespace {
 using Case = MovieError::Case;
 
 constexpr size_t mostBoxes = 65536;
-constexpr layout::Field longBoxSize{8, 8};
 
 /// Which boxes are taken apart, and in which parents. No box is in here twice, so the depth has an end.
 constexpr std::pair<std::string_view, std::string_view> containers[] = {
@@ -26,7 +25,7 @@ bool isContainer(std::string_view parent, std::string_view type) {
 }
 
 void storeSize(uint8_t* head, size_t headSize, uint64_t size, std::string_view type) {
-  if (headSize > layout::boxHeaderSize) return layout::store(head, longBoxSize, size);
+  if (headSize > layout::boxHeaderSize) return layout::store(head, layout::longBoxSize, size);
   if (size > std::numeric_limits<uint32_t>::max()) {
     throw MovieError(Case::doesNotFit, "The size of a " + std::string(type) + " does not fit its field");
   }

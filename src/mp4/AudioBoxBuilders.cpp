@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
@@ -36,7 +37,7 @@ uint8_t channelConfiguration(int channels) {
 }
 
 Bytes boxOf(std::string_view type, std::initializer_list<ByteView> contents) {
-  size_t size = 8;
+  size_t size = layout::boxHeaderSize;
   for (ByteView part : contents) size += part.size();
   Bytes box;
   box.reserve(size);

@@ -2,12 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace tarn::layout {
 
-// Where the fields of the timing boxes lie (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the
-// box's first byte, row fields from the row's first byte; boxes have 8-byte headers.
+// Where the fields of boxes lie (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the box's first
+// byte, row fields from the row's first byte; boxes have 8-byte headers.
 
 /// A big-endian field: place and width in bytes.
 struct Field {
@@ -20,6 +21,8 @@ struct Field {
 inline constexpr Field boxSize{0, 4};
 inline constexpr Field boxType{4, 4};
 inline constexpr size_t boxHeaderSize = 8;
+inline constexpr Field longBoxSize{8, 8};  ///< there where the size field is 1 (4.2)
+inline constexpr size_t longBoxHeaderSize = 16;
 
 inline constexpr Field version{8, 1};
 inline constexpr Field versionAndFlags{8, 4};
@@ -27,9 +30,14 @@ inline constexpr uint64_t versionWord(uint8_t boxVersion) {
   return uint64_t{boxVersion} << 24;
 }
 
-/// elst, ctts, stts, stss, stco: a full box that holds a count and then the rows.
+inline constexpr size_t fullBoxHeaderSize = 12;
+
+/// elst, ctts, stts, stss, stco, stsd: a full box that holds a count and then the rows.
 inline constexpr Field entryCount{12, 4};
 inline constexpr size_t tableHeaderSize = 16;
+
+/// stsz and stz2 (8.7.3): the count of samples stands behind another field.
+inline constexpr Field sampleCount{16, 4};
 
 /// elst row (8.6.6.2).
 struct EditRow {
@@ -100,6 +108,21 @@ inline constexpr Field handlerType{16, 4};
 /// stsd (8.5.2): the format of the first sample entry.
 inline constexpr Field sampleEntryFormat{20, 4};
 
+/// VisualSampleEntry (12.1.3); its children follow.
+inline constexpr Field pictureSize{32, 4};  ///< the width in the upper half, the height in the lower
+inline constexpr size_t visualEntrySize = 86;
+
+/// AudioSampleEntry (12.2.3); QuickTime's versions 1 and 2 are longer, and 2 has rate and channels elsewhere. The
+/// children follow.
+inline constexpr Field audioEntryVersion{16, 2};
+inline constexpr Field audioChannels{24, 2};
+inline constexpr Field audioRate{32, 2};  ///< the whole part of a 16.16 number
+inline constexpr size_t audioEntrySize = 36;
+inline constexpr size_t audioEntrySizeVersion1 = 52;
+inline constexpr Field audioRateVersion2{40, 8};  ///< 64-bit floating point
+inline constexpr Field audioChannelsVersion2{48, 4};
+inline constexpr size_t audioEntrySizeVersion2 = 72;
+
 /// The field of a box or row that begins at `base`. The caller has tested that the bytes are there.
 inline uint64_t load(const uint8_t* base, const Field& field) {
   uint64_t value = 0;
@@ -116,6 +139,12 @@ inline int64_t loadSigned(const uint8_t* base, const Field& field) {
   if (field.width == 0) return 0;
   auto unused = 8 * (sizeof(uint64_t) - field.width);
   return static_cast<int64_t>(load(base, field) << unused) >> unused;
+}
+
+/// The field of a box that begins at `base`; nothing when its bytes do not all lie in the data.
+inline std::optional<uint64_t> loadWithin(std::span<const uint8_t> data, const Field& field, size_t base = 0) {
+  if (base > data.size() || data.size() - base < field.end()) return std::nullopt;
+  return load(data.data() + base, field);
 }
 
 /// Writes the low bits of `value` that the field holds.

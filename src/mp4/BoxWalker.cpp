@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Checked.h"
 #include "platform/Error.h"
@@ -14,8 +15,8 @@ namespace {
 using Policy = BoxWalkPolicy;
 using Reason = BoxWalkStop::Reason;
 
-constexpr uint64_t shortHeader = 8;
-constexpr uint64_t longHeader = 16;
+constexpr uint64_t shortHeader = layout::boxHeaderSize;
+constexpr uint64_t longHeader = layout::longBoxHeaderSize;
 
 bool goesOn(uint64_t position, uint64_t end, Policy::EndRule rule) {
   if (position >= end) return false;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/SampleTableBuilders.h"
@@ -14,8 +15,7 @@
 namespace tarn {
 namespace {
 
-constexpr size_t countInBox = 12;
-constexpr size_t entriesInBox = 16;
+constexpr size_t entriesInBox = layout::tableHeaderSize;
 
 /// The entries of a table that are there.
 class Entries {
@@ -24,7 +24,7 @@ class Entries {
     if (at > data.size() || data.size() - at < entriesInBox) return;
     size_t boxSize = std::min<size_t>(*readUInt32(data, at), data.size() - at);
     if (boxSize < entriesInBox) return;
-    count_ = std::min<size_t>(*readUInt32(data, at + countInBox), (boxSize - entriesInBox) / width());
+    count_ = std::min<size_t>(*readUInt32(data, at + layout::entryCount.offset), (boxSize - entriesInBox) / width());
     entries_ = data.subspan(at + entriesInBox, count_ * width());
   }
 
@@ -66,7 +66,9 @@ Bytes promoted(ByteView table, std::span<const uint64_t> offsets) {
   Bytes box;
   box.reserve(size);
   ByteWriter writer(box);
-  writer.uint32(static_cast<uint32_t>(size)).text("co64").bytes(table.subspan(8, entriesInBox - 8));
+  writer.uint32(static_cast<uint32_t>(size))
+      .text("co64")
+      .bytes(table.subspan(layout::boxHeaderSize, entriesInBox - layout::boxHeaderSize));
   for (uint64_t offset : offsets) writer.uint64(offset);
   return box;
 }
@@ -103,7 +105,7 @@ void ChunkOffsetTable::adjustTableInPlace(std::span<uint8_t> moov, size_t at, co
 
 std::optional<ChunkOffsetTable::Moved> ChunkOffsetTable::moved(ByteView table, std::span<const MediaMove> moves) {
   Moved result{{table.begin(), table.end()}};
-  bool is64Bit = table.size() >= 8 && textOf(table.subspan(4, 4)) == "co64";
+  bool is64Bit = layout::loadWithin(table, layout::boxType) == layout::fourCC("co64");
   Entries entries(result.box, 0, is64Bit);
   std::vector<uint64_t> offsets;
   offsets.reserve(entries.count());

@@ -2,45 +2,13 @@
 
 #include <algorithm>
 
+#include "platform/UTF8.h"
+
 namespace tarn {
 namespace {
 
 bool holds(size_t dataSize, size_t at, size_t width) {
   return at <= dataSize && dataSize - at >= width;
-}
-
-/// Length of the UTF-8 sequence that a lead byte begins, and the range of its second byte, which shuts out overlong
-/// forms, surrogates and values above U+10FFFF (RFC 3629 4). A length of 0: no lead byte.
-struct UTF8Sequence {
-  size_t length;
-  uint8_t secondLow = 0x80;
-  uint8_t secondHigh = 0xBF;
-};
-
-UTF8Sequence utf8Sequence(uint8_t lead) {
-  if (lead < 0x80) return {1};
-  if (lead >= 0xC2 && lead <= 0xDF) return {2};
-  if (lead == 0xE0) return {3, 0xA0};
-  if (lead == 0xED) return {3, 0x80, 0x9F};
-  if (lead >= 0xE1 && lead <= 0xEF) return {3};
-  if (lead == 0xF0) return {4, 0x90};
-  if (lead >= 0xF1 && lead <= 0xF3) return {4};
-  if (lead == 0xF4) return {4, 0x80, 0x8F};
-  return {0};
-}
-
-bool isUTF8(ByteView bytes) {
-  for (size_t i = 0; i < bytes.size();) {
-    UTF8Sequence sequence = utf8Sequence(bytes[i]);
-    if (sequence.length == 0 || sequence.length > bytes.size() - i) return false;
-    for (size_t k = 1; k < sequence.length; ++k) {
-      uint8_t low = k == 1 ? sequence.secondLow : 0x80;
-      uint8_t high = k == 1 ? sequence.secondHigh : 0xBF;
-      if (bytes[i + k] < low || bytes[i + k] > high) return false;
-    }
-    i += sequence.length;
-  }
-  return true;
 }
 
 }  // namespace
@@ -64,7 +32,7 @@ void writeUInt64(std::span<uint8_t> data, uint64_t value, size_t at) {
 }
 
 std::string decodeUTF8(ByteView bytes) {
-  return isUTF8(bytes) ? std::string(textOf(bytes)) : std::string();
+  return isUTF8(textOf(bytes)) ? std::string(textOf(bytes)) : std::string();
 }
 
 std::optional<std::string> decodeASCII(ByteView bytes) {

@@ -2,71 +2,56 @@
 
 #include <algorithm>
 
-#include "mp4/BoxLayout.h"
-#include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 
 namespace tarn {
 namespace {
 
-__extension__ using UInt128 = unsigned __int128;
-
-Error outOfRange() {
-  return sampleTableError("elst reaches out of range");
-}
-
-int64_t inRange(int64_t time) {
-  if (time > MediaEdit::latestTime || time < -MediaEdit::latestTime) throw outOfRange();
-  return time;
-}
-
-/// To the nearest tick.
-int64_t rescaled(uint64_t duration, uint32_t toScale, uint32_t fromScale) {
-  UInt128 value = (static_cast<UInt128>(duration) * toScale + fromScale / 2) / fromScale;
-  if (value > static_cast<UInt128>(MediaEdit::latestTime)) throw outOfRange();
-  return static_cast<int64_t>(value);
+EditListEntry entryOf(const uint8_t* row, bool is64Bit, bool hasSignedDurations) {
+  const auto& fields = layout::editRow(is64Bit);
+  const int64_t duration = hasSignedDurations ? layout::loadSigned(row, fields.duration)
+                                              : static_cast<int64_t>(layout::load(row, fields.duration));
+  return {duration, layout::loadSigned(row, fields.mediaTime),
+          static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))};
 }
 
 }  // namespace
 
-std::vector<EditListRow> readEditList(FileHandle& file, const MP4BoxInfo& trak) {
-  auto edts = MP4BoxUtils::findChildBox(file, trak, "edts");
-  auto elst = edts ? MP4BoxUtils::findChildBox(file, *edts, "elst") : std::nullopt;
-  if (!elst) return {};
-  TableBox box(file, *elst, TableBox::oneField);
-  const auto& fields = layout::editRow(box.version() == 1);
-  uint64_t count = box.field();
-  auto bytes = box.entries<uint8_t>(count * fields.size);
-  std::vector<EditListRow> rows;
-  rows.reserve(count);
-  for (const uint8_t* row = bytes.data(); rows.size() < count; row += fields.size) {
-    rows.push_back({layout::load(row, fields.duration), layout::loadSigned(row, fields.mediaTime),
-                    static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))});
-  }
-  return rows;
+EditListRows::EditListRows(ByteView elst, const EditListRules& rules)
+    : is64Bit_(layout::loadWithin(elst, layout::version) == 1),
+      rules_(rules),
+      rows_(elst, layout::editRow(is64Bit_).size, rules.hugeCount) {}
+
+size_t EditListRows::size() const {
+  return std::min(rows_.size(), rules_.mostEntries);
 }
 
-std::vector<MediaEdit> mediaEdits(const std::vector<EditListRow>& rows, uint32_t movieTimescale,
-                                  uint32_t trackTimescale, int64_t mediaDuration) {
-  // Without a list each time stands for itself, negative ones too.
-  if (rows.empty()) return {{.presentationStart = -MediaEdit::latestTime, .mediaStart = -MediaEdit::latestTime}};
-  if (movieTimescale == 0 || trackTimescale == 0) throw sampleTableError("elst without a timescale");
-  std::vector<MediaEdit> edits;
-  int64_t clock = 0;
-  for (const EditListRow& row : rows) {
-    int64_t length = rescaled(row.duration, trackTimescale, movieTimescale);
-    if (!row.isEmpty()) {
-      MediaEdit edit{.presentationStart = clock, .mediaStart = inRange(row.mediaTime)};
-      if (row.duration == 0) {
-        length = std::max<int64_t>(mediaDuration - row.mediaTime, 0);
-      } else {
-        edit.mediaEnd = inRange(row.mediaTime + length);
-      }
-      edits.push_back(edit);
-    }
-    clock = inRange(clock + inRange(length));
+EditListEntry EditListRows::entry(size_t index) const {
+  return entryOf(rows_.row(index), is64Bit_, rules_.hasSignedDurations);
+}
+
+std::vector<EditListEntry> readEditList(ByteView elst, const EditListRules& rules) {
+  const EditListRows rows(elst, rules);
+  std::vector<EditListEntry> entries;
+  entries.reserve(rows.size());
+  for (size_t i = 0; i < rows.size(); ++i) entries.push_back(rows.entry(i));
+  return entries;
+}
+
+std::vector<EditListEntry> readEditList(FileHandle& file, const MP4BoxInfo& trak) {
+  auto elst = MP4BoxUtils::findDescendant(file, trak, {"edts", "elst"});
+  if (!elst) return {};
+  TableBox box(file, *elst, TableBox::oneField);
+  const bool is64Bit = box.version() == 1;
+  const size_t rowSize = layout::editRow(is64Bit).size;
+  uint64_t count = box.field();
+  auto bytes = box.entries<uint8_t>(count * rowSize);
+  std::vector<EditListEntry> entries;
+  entries.reserve(count);
+  for (const uint8_t* row = bytes.data(); entries.size() < count; row += rowSize) {
+    entries.push_back(entryOf(row, is64Bit, false));
   }
-  return edits;
+  return entries;
 }
 
 }  // namespace tarn

@@ -1,41 +1,63 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "mp4/BoxLayout.h"
 #include "mp4/MP4BoxUtils.h"
+#include "mp4/TableRows.h"
+#include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
 
-/// A row of an `elst` (ISO/IEC 14496-12 8.6.6).
-struct EditListRow {
-  uint64_t duration = 0;                   ///< movie timescale; 0: to the end of the media
-  int64_t mediaTime = 0;                   ///< track timescale, or layout::emptyEdit
+/// An entry of an `elst` (ISO/IEC 14496-12 8.6.6).
+struct EditListEntry {
+  int64_t duration = 0;   ///< movie timescale; 0: to the end of the media; a file's 64 bits as they are
+  int64_t mediaTime = 0;  ///< track timescale, or layout::emptyEdit
   int32_t mediaRate = layout::normalRate;  ///< 16.16; 0 holds what is shown at `mediaTime`
 
   bool isEmpty() const { return mediaTime == layout::emptyEdit; }
-  bool operator==(const EditListRow&) const = default;
+  bool operator==(const EditListEntry&) const = default;
 };
 
-/// The rows of a track's edit list; none where it has no list. Moves the file's position. Throws an
+/// How a reader takes a list from a damaged file. Workers differ in this and in nothing else.
+struct EditListRules {
+  bool hasSignedDurations = false;  ///< of 32 bits; those of 64 have a sign anyway
+  TableRows::HugeCount hugeCount = TableRows::HugeCount::isCut;
+  size_t mostEntries = std::numeric_limits<size_t>::max();  ///< the others are left out
+};
+
+namespace editlist {
+
+inline constexpr EditListRules synced{.hugeCount = TableRows::HugeCount::isNone, .mostEntries = 16};
+inline constexpr EditListRules stripped{.hasSignedDurations = true};
+inline constexpr EditListRules replaced{};
+
+}  // namespace editlist
+
+/// The entries of an `elst` with an 8-byte header, in a buffer that must outlive it. Those that the box cuts off are
+/// left out.
+class EditListRows {
+ public:
+  EditListRows(ByteView elst, const EditListRules& rules);
+
+  size_t size() const;
+  EditListEntry entry(size_t index) const;
+
+ private:
+  bool is64Bit_;
+  EditListRules rules_;
+  TableRows rows_;
+};
+
+/// The same as a list.
+std::vector<EditListEntry> readEditList(ByteView elst, const EditListRules& rules);
+
+/// The entries of a track's edit list; none where it has no list. Moves the file's position. Throws an
 /// Error of the domain "SampleTable" or a ByteArrayError where the box ends before its count does.
-std::vector<EditListRow> readEditList(FileHandle& file, const MP4BoxInfo& trak);
-
-/// A part of the media that is shown; all times in the track's timescale, at most 2^60 in size.
-struct MediaEdit {
-  static constexpr int64_t latestTime = int64_t{1} << 60;
-
-  int64_t presentationStart = 0;
-  int64_t mediaStart = 0;
-  int64_t mediaEnd = latestTime;  ///< of the last tick shown, the end; `latestTime` where all is shown to the end
-};
-
-/// Lays an edit list on the presentation timeline: empty edits advance the clock, the others come out in order, as
-/// if all rates were 1. No rows at all show the media as it is. `mediaDuration` tells how far an edit of duration 0
-/// takes the clock. Throws sampleTableError for rows with a timescale of 0, and for times beyond the latest.
-std::vector<MediaEdit> mediaEdits(const std::vector<EditListRow>& rows, uint32_t movieTimescale,
-                                  uint32_t trackTimescale, int64_t mediaDuration);
+std::vector<EditListEntry> readEditList(FileHandle& file, const MP4BoxInfo& trak);
 
 }  // namespace tarn

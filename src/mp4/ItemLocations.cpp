@@ -14,12 +14,10 @@ namespace {
 
 using layout::Field;
 
-constexpr size_t versionAndFlags = 4;
-
 /// What a `meta` has ahead of its children: version and flags, but in files of the older format, where a child's size
 /// stands there.
 size_t metaHeaderSize(const BoxHeader& meta, uint32_t firstWord) {
-  return static_cast<size_t>(meta.headerSize) + (firstWord == 0 ? versionAndFlags : 0);
+  return static_cast<size_t>(meta.headerSize) + (firstWord == 0 ? layout::versionAndFlags.width : 0);
 }
 
 /// An `iloc` from its first byte to its last.

@@ -3,6 +3,7 @@
 #include <array>
 #include <limits>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Checked.h"
@@ -49,10 +50,6 @@ class PositionGuard {
   uint64_t position_;
 };
 
-// A handler box (ISO/IEC 14496-12 8.4.3): version and flags, pre_defined, handler_type.
-constexpr size_t handlerTypeInContents = 8;
-constexpr size_t handlerTypeInBox = 16;
-
 }  // namespace
 
 std::string_view handlerTypeText(MP4TrackType type) {
@@ -85,6 +82,16 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findChildBox(FileHandle& file, const MP4B
   return findFirst(FileBoxWalker(file, container.contentOffset(), endOf(container), boxwalk::children), type);
 }
 
+std::optional<MP4BoxInfo> MP4BoxUtils::findDescendant(FileHandle& file, const MP4BoxInfo& container,
+                                                      std::initializer_list<std::string_view> path) {
+  std::optional<MP4BoxInfo> box = container;
+  for (std::string_view type : path) {
+    box = findChildBox(file, *box, type);
+    if (!box) break;
+  }
+  return box;
+}
+
 std::optional<MP4BoxInfo> MP4BoxUtils::findTrack(FileHandle& file, const MP4BoxInfo& moov, MP4TrackType type) {
   FileBoxWalker walker(file, moov.contentOffset(), endOf(moov), boxwalk::tracks);
   while (auto header = walker.next()) {
@@ -96,14 +103,13 @@ std::optional<MP4BoxInfo> MP4BoxUtils::findTrack(FileHandle& file, const MP4BoxI
 
 std::optional<std::string> MP4BoxUtils::getHandlerType(FileHandle& file, const MP4BoxInfo& trak) {
   PositionGuard guard(file);
-  auto mdia = findChildBox(file, trak, "mdia");
-  auto hdlr = mdia ? findChildBox(file, *mdia, "hdlr") : std::nullopt;
+  auto hdlr = findDescendant(file, trak, {"mdia", "hdlr"});
   if (!hdlr) return std::nullopt;
   try {
-    std::array<uint8_t, handlerTypeInContents + 4> contents;
+    std::array<uint8_t, layout::handlerType.end() - layout::boxHeaderSize> contents;
     file.seek(hdlr->contentOffset());
     if (file.readInto(contents) != contents.size()) return std::nullopt;
-    return decodeASCII(std::span(contents).last<4>());
+    return decodeASCII(std::span(contents).last<layout::handlerType.width>());
   } catch (const PosixError&) {
     return std::nullopt;
   }
@@ -121,11 +127,13 @@ std::vector<size_t> MP4BoxUtils::findBoxOffsets(ByteView data, std::string_view 
 }
 
 std::optional<size_t> MP4BoxUtils::findTrakOffset(ByteView moov, MP4TrackType type) {
-  for (size_t trak : findBoxOffsets(moov, "trak", 8, std::nullopt, false)) {
-    auto mdia = findFirst(moov, "mdia", trak + 8);
-    auto hdlr = mdia ? findFirst(moov, "hdlr", *mdia + 8) : std::nullopt;
-    if (!hdlr || moov.size() - *hdlr < handlerTypeInBox + 4) continue;
-    if (decodeASCII(moov.subspan(*hdlr + handlerTypeInBox, 4)) == handlerTypeText(type)) return trak;
+  for (size_t trak : findBoxOffsets(moov, "trak", layout::boxHeaderSize, std::nullopt, false)) {
+    auto mdia = findFirst(moov, "mdia", trak + layout::boxHeaderSize);
+    auto hdlr = mdia ? findFirst(moov, "hdlr", *mdia + layout::boxHeaderSize) : std::nullopt;
+    if (!hdlr || moov.size() - *hdlr < layout::handlerType.end()) continue;
+    if (decodeASCII(moov.subspan(*hdlr + layout::handlerType.offset, layout::handlerType.width)) ==
+        handlerTypeText(type))
+      return trak;
   }
   return std::nullopt;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,10 @@ class MP4BoxUtils {
 
   /// Search among the container's direct children.
   static std::optional<MP4BoxInfo> findChildBox(FileHandle& file, const MP4BoxInfo& container, std::string_view type);
+
+  /// Search down a path of direct children, as {"mdia", "mdhd"} from a `trak`.
+  static std::optional<MP4BoxInfo> findDescendant(FileHandle& file, const MP4BoxInfo& container,
+                                                  std::initializer_list<std::string_view> path);
 
   /// The first `trak` of the `moov` whose handler is that of the type.
   static std::optional<MP4BoxInfo> findTrack(FileHandle& file, const MP4BoxInfo& moov, MP4TrackType type);

@@ -6,17 +6,17 @@
 #include <string_view>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 
 namespace tarn {
 namespace {
 
-constexpr uint64_t fullBoxHeader = 12;
 constexpr uint64_t uint32Max = std::numeric_limits<uint32_t>::max();
 
 /// A box of some fixed 32-bit fields and a table, the header written and the memory taken.
 Bytes beginBox(std::string_view type, uint64_t fields, uint64_t entries, uint64_t entrySize) {
-  uint64_t fixed = fullBoxHeader + 4 * fields;
+  uint64_t fixed = layout::fullBoxHeaderSize + 4 * fields;
   if (entries > (uint32Max - fixed) / entrySize) {
     throw sampleTableError(std::string(type) + " of " + std::to_string(entries) + " entries does not fit a box");
   }
@@ -46,7 +46,7 @@ Bytes buildStszBox(std::span<const uint32_t> sampleSizes) {
 }
 
 Bytes buildSttsBox(std::span<const TimeToSampleEntry> rows) {
-  Bytes box = beginBox("stts", 1, rows.size(), 8);
+  Bytes box = beginBox("stts", 1, rows.size(), layout::runRowSize);
   ByteWriter writer(box);
   writer.uint32(static_cast<uint32_t>(rows.size()));
   for (const TimeToSampleEntry& row : rows) writer.uint32(row.sampleCount).uint32(row.sampleDelta);

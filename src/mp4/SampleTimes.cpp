@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 

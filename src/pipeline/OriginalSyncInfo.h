@@ -4,25 +4,21 @@
 #include <string>
 #include <vector>
 
+#include "mp4/EditList.h"
+
 namespace tarn {
 
-/// One row of a source's edit list (ISO/IEC 14496-12 8.6.6), as read.
-struct OriginalEditListEntry {
-  int64_t duration = 0;   ///< movie timescale
-  int64_t mediaTime = 0;  ///< track timescale; -1 for an empty edit
-  int32_t mediaRate = 0;
-
-  bool operator==(const OriginalEditListEntry&) const = default;
-};
+/// The name under which a run keeps the entries of its source.
+using OriginalEditListEntry = EditListEntry;
 
 /// How a file's tracks stood to each other before any repair: what one step of a run finds out and a later step needs.
 /// It lives in memory for one run.
 struct OriginalSyncInfo {
-  std::vector<OriginalEditListEntry> videoEditList;  ///< at most 16 rows
+  std::vector<OriginalEditListEntry> videoEditList;  ///< at most 16 entries
   int64_t videoMediaStartMovieTime = 0;              ///< leading empty edits, movie timescale
   int64_t videoFirstCts = 0;                         ///< first composition offset, video timescale
   uint32_t videoTrackTimescale = 0;
-  std::vector<OriginalEditListEntry> audioEditList;  ///< at most 16 rows; empty without an audio track
+  std::vector<OriginalEditListEntry> audioEditList;  ///< at most 16 entries; empty without an audio track
   int64_t audioMediaStartMovieTime = 0;              ///< leading empty edits, movie timescale
   int64_t audioMediaTime = 0;                        ///< of the first row that is not empty, audio timescale
   uint32_t audioTrackTimescale = 48000;

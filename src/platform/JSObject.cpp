@@ -1,10 +1,10 @@
+#include "platform/JSObject.h"
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
-
-#include "platform/JSObject.h"
 
 namespace tarn {
 namespace {

@@ -1,9 +1,10 @@
+#include "presentation/Harms.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <chrono>
 
-#include "presentation/PresentationChange.h"
 #include "presentation/detail/LaidEdit.h"
 
 namespace tarn {

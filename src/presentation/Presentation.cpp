@@ -1,7 +1,6 @@
 #include "presentation/Presentation.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "mp4/BoxLayout.h"
@@ -43,46 +42,12 @@ TopLevel scanTopLevel(FileHandle& file) {
   return found;
 }
 
-void readTrackHeader(FileHandle& file, const MP4BoxInfo& trak, TrackPresentation& track) {
-  auto tkhd = MP4BoxUtils::findChildBox(file, trak, "tkhd");
-  if (!tkhd) return;
-  std::array<uint8_t, layout::trackMatrix64.end()> bytes{};
-  auto contents = std::span(bytes).subspan(layout::boxHeaderSize);
-  file.seek(tkhd->contentOffset());
-  size_t end =
-      layout::boxHeaderSize + file.readInto(contents.first(std::min<uint64_t>(contents.size(), tkhd->contentSize())));
-  bool isLong = layout::load(bytes.data(), layout::version) != 0;
-  track.isEnabled = (layout::load(bytes.data(), layout::versionAndFlags) & layout::trackEnabledFlag) != 0;
-  track.trackID = layout::load32(bytes.data(), isLong ? layout::trackID64 : layout::trackID32);
-  const auto& matrix = isLong ? layout::trackMatrix64 : layout::trackMatrix32;
-  if (end >= matrix.end()) track.matrix = textOf(ByteView(bytes).subspan(matrix.offset, matrix.width));
-}
-
 void readDescriptions(FileHandle& file, const MP4BoxInfo& stbl, TrackPresentation& track) {
   auto stsd = MP4BoxUtils::findChildBox(file, stbl, "stsd");
   if (!stsd || stsd->contentSize() < TableBox::oneField) return;
   track.sampleDescriptions = TableBox(file, *stsd, TableBox::oneField).field();
   FileBoxWalker entries(file, stsd->contentOffset() + TableBox::oneField, stsd->end(), boxwalk::openChildren);
   if (auto entry = entries.next()) track.codec = entry->type;
-}
-
-std::vector<PresentedEdit> layOut(const std::vector<EditListRow>& rows, uint32_t movieTimescale,
-                                  const TrackPresentation& track) {
-  std::vector<PresentedEdit> edits;
-  edits.reserve(rows.size());
-  int64_t clock = 0;
-  for (const EditListRow& row : rows) {
-    PresentedEdit edit{.movieStart = clock, .rate = row.mediaRate};
-    edit.movieDuration = static_cast<int64_t>(std::min<uint64_t>(row.duration, MediaEdit::latestTime));
-    if (!row.isEmpty()) edit.mediaStart = std::min(row.mediaTime, MediaEdit::latestTime);
-    if (row.duration == 0 && !row.isEmpty() && &row == &rows.back() && row.mediaRate > 0) {
-      int64_t length = std::max<int64_t>(track.mediaEnd - *edit.mediaStart, 0);
-      edit.movieDuration = movieTicks(length, track.timescale, movieTimescale, row.mediaRate);
-    }
-    clock = std::min(clock + edit.movieDuration, MediaEdit::latestTime);
-    edits.push_back(edit);
-  }
-  return edits;
 }
 
 /// Shows the media as it is: media time is movie time. It begins a whole number of seconds ahead of 0 where pictures
@@ -93,17 +58,6 @@ PresentedEdit wholeMedia(uint32_t movieTimescale, const TrackPresentation& track
   return {.movieStart = -seconds * movieTimescale,
           .movieDuration = movieTicks(track.mediaEnd - mediaStart, track.timescale, movieTimescale),
           .mediaStart = mediaStart};
-}
-
-EditListDamage damageOf(const std::vector<EditListRow>& rows, int64_t mediaEnd) {
-  bool showsMedia = false;
-  bool reachesMedia = false;
-  for (const EditListRow& row : rows) {
-    if (row.mediaTime < layout::emptyEdit) return EditListDamage::mediaTimeBelowMinusOne;
-    showsMedia = showsMedia || !row.isEmpty();
-    reachesMedia = reachesMedia || (!row.isEmpty() && row.mediaTime < mediaEnd);
-  }
-  return showsMedia && !reachesMedia ? EditListDamage::liesBehindMedia : EditListDamage::none;
 }
 
 /// Fills in what the edits in force show.
@@ -138,22 +92,25 @@ TrackPresentation readTrack(FileHandle& file, const MP4BoxInfo& trak, uint32_t m
   }
   std::string handler = MP4BoxUtils::getHandlerType(file, trak).value_or("");
   if (handler == "vide" && count > SampleOrder::mostPictures) throw sampleTableError("the track has too many pictures");
-  TrackPresentation track{.handler = handler,
+  const TrackHeader trackHeader = readTrackHeader(file, trak);
+  TrackPresentation track{.trackID = trackHeader.trackID,
+                          .handler = handler,
                           .timescale = header->timescale,
+                          .isEnabled = trackHeader.isEnabled,
+                          .matrix = trackHeader.matrix,
                           .times = SampleTimes(file, stbl, count),
                           .locations = std::move(locations)};
-  readTrackHeader(file, trak, track);
   readDescriptions(file, stbl, track);
 
   SampleOrder order(track.times, count, handler);
   if (count > 0) track.firstCompositionTime = SampleTimes::Cursor(track.times, 0).time().compositionTime;
   track.smallestCompositionTime = order.smallestCompositionTime();
   track.mediaEnd = order.mediaEnd();
-  auto rows = readEditList(file, trak);
-  track.hasEditList = !rows.empty();
-  if (count > 0) track.damage = damageOf(rows, track.mediaEnd);
+  auto entries = readEditList(file, trak);
+  track.hasEditList = !entries.empty();
+  if (count > 0) track.damage = damageOf(entries, track.mediaEnd);
   if (track.hasEditList && track.damage == EditListDamage::none) {
-    track.edits = layOut(rows, movieTimescale, track);
+    track.edits = presentedEdits(entries, movieTimescale, track.timescale, track.mediaEnd);
     countShown(order, count, movieTimescale, track);
     if (track.samplesShown > 0 || count == 0) return track;
     track.damage = EditListDamage::showsNothing;

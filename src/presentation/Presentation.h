@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mp4/EditTimeline.h"
 #include "mp4/SampleLocations.h"
 #include "mp4/SampleTimes.h"
 #include "platform/FileManager.h"
@@ -15,24 +16,6 @@ namespace tarn {
 
 /// A time on the movie's timeline, from its start on, worked out in 128 bits and off by at most a nanosecond.
 using MovieTime = std::chrono::nanoseconds;
-
-/// One entry of a track's edit list, laid on the movie's timeline (ISO/IEC 14496-12 8.6.6).
-struct PresentedEdit {
-  int64_t movieStart = 0;     ///< movie timescale
-  int64_t movieDuration = 0;  ///< movie timescale; of a last entry of 0, what reaches to the end of the media
-  std::optional<int64_t> mediaStart = {};  ///< track timescale; nothing for an empty edit
-  int32_t rate = 0x10000;                  ///< 16.16; 0 holds one picture, below 0 shows nothing
-
-  bool operator==(const PresentedEdit&) const = default;
-};
-
-/// Why an edit list counts as absent.
-enum class EditListDamage {
-  none,
-  showsNothing,  ///< no entry shows anything of the track's media
-  mediaTimeBelowMinusOne,
-  liesBehindMedia,  ///< every entry that is not empty begins at or behind the end of the media
-};
 
 /// One track: its tables, and how its edit list lays them on the movie's timeline. Memory is that of the tables.
 struct TrackPresentation {

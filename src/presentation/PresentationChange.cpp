@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "presentation/Harms.h"
 #include "presentation/detail/LaidEdit.h"
 #include "presentation/detail/SampleOrder.h"
 #include "presentation/detail/TimeMap.h"

@@ -64,13 +64,6 @@ using SharedBytes = std::optional<std::span<const CopiedRange>>;
 PresentationChange comparePresentations(const Presentation& before, const Presentation& after, SharedBytes shared,
                                         const AnnouncedChange& announced = {});
 
-/// What of a change goes beyond the announced one, one phrase each, in words for people ("3 pictures are hidden", "the
-/// sound is 45 ms late against the pictures"); empty for a change that harms nothing. Allowed are 1 ms for kept samples
-/// and 2 ms for a remade track (and for that its `packetLength`), or one tick of the coarser movie timescale where that
-/// is more.
-std::vector<std::string> harmsOf(const PresentationChange& change, const Presentation& before,
-                                 const Presentation& after, const AnnouncedChange& announced = {});
-
 /// The check of a step: compares `before` with the result of a worker, and throws RefusedResult with all harms in its
 /// words where there is one, or where the result cannot be read. The file manager and `before` must outlive it.
 RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced);

@@ -1,5 +1,7 @@
 #include "presentation/RepairHarms.h"
 
+#include "presentation/Harms.h"
+
 namespace tarn {
 
 AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasReplaced) {

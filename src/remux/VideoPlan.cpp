@@ -6,12 +6,12 @@
 #include <set>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "parameters/NALUnitParser.h"
 #include "parameters/ParameterScan.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/detail/MovieAccess.h"
 #include "remux/detail/OpenFile.h"
 #include "remux/detail/VideoEntries.h"
@@ -134,7 +134,7 @@ class Planner {
     plan_.segments.clear();
     for (const VideoEntry& entry : entries_) {
       if (entry.tag == codec_.inBandTag && isComplete(entry)) {
-        plan_.tagOffsets.push_back(entry.offset + sampleEntryTypeInBox);
+        plan_.tagOffsets.push_back(entry.offset + layout::boxType.offset);
       }
     }
     plan_.hasWholeEntries = true;

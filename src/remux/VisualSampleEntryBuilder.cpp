@@ -4,12 +4,13 @@
 #include <span>
 #include <string>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/detail/CodecWords.h"
+#include "remux/detail/DataFormat.h"
 
 namespace tarn {
 namespace {
@@ -52,7 +53,7 @@ class Clone {
  public:
   Clone(ByteView original, std::string_view target, std::optional<PictureSize> size, const VideoCodec& codec)
       : original_(original), target_(target), size_(size), codec_(codec), words_(wordsFor(codec)) {
-    if (original.size() < visualSampleEntryFixedSize) {
+    if (original.size() < layout::visualEntrySize) {
       throw VisualSampleEntryBuilderError(fmt::format("Sample entry too small: {} bytes", original.size()));
     }
     ByteArray cursor(original);
@@ -62,7 +63,7 @@ class Clone {
 
   Bytes build(ByteView configBox) {
     log("{}Cloning sample entry: '{}' → '{}' (original size: {})", words_.prefix, tag_, target_, originalSize_);
-    ByteWriter(entry_).bytes(original_.first(visualSampleEntryFixedSize));
+    ByteWriter(entry_).bytes(original_.first(layout::visualEntrySize));
     copyChildren();
     ByteWriter(entry_).bytes(configBox);
     log("  Injected new {} box ({} bytes)", codec_.configBox, configBox.size());
@@ -72,7 +73,7 @@ class Clone {
     }
     writeUInt32(entry_, static_cast<uint32_t>(entry_.size()), 0);
     if (!isEncrypted()) {
-      std::ranges::copy(bytesOf(target_).first<4>(), std::span(entry_).subspan(sampleEntryTypeInBox).begin());
+      std::ranges::copy(bytesOf(target_).first<4>(), std::span(entry_).subspan(layout::boxType.offset).begin());
     }
     if (size_) overwriteDimensions();
     log("{}Created new sample entry: '{}' ({} bytes)", words_.prefix, isEncrypted() ? tag_ : target_, entry_.size());
@@ -83,7 +84,7 @@ class Clone {
   bool isEncrypted() const { return isEncryptedVideo(tag_); }
 
   void copyChildren() {
-    BufferBoxWalker walker(original_, visualSampleEntryFixedSize, originalSize_, boxwalk::clonedChildren);
+    BufferBoxWalker walker(original_, layout::visualEntrySize, originalSize_, boxwalk::clonedChildren);
     while (auto child = walker.next()) {
       if (child->size >= tooLargeChild) return;
       copyChild(child->type, original_.subspan(static_cast<size_t>(child->offset), static_cast<size_t>(child->size)));
@@ -113,7 +114,7 @@ class Clone {
   }
 
   void overwriteDimensions() {
-    writeUInt32(entry_, static_cast<uint32_t>(size_->width << 16 | size_->height), visualSampleEntryWidthInBox);
+    writeUInt32(entry_, static_cast<uint32_t>(size_->width << 16 | size_->height), layout::pictureSize.offset);
     log("  Set sample entry dimensions to {}x{}", size_->width, size_->height);
   }
 
@@ -131,9 +132,9 @@ class Clone {
 }  // namespace
 
 Bytes VisualSampleEntryBuilder::extractSampleEntry(ByteView stsdData, int64_t entryIndex) {
-  if (stsdData.size() < stsdEntriesInBox) throw VisualSampleEntryBuilderError("stsd data too small");
+  if (stsdData.size() < layout::tableHeaderSize) throw VisualSampleEntryBuilderError("stsd data too small");
   ByteArray cursor(stsdData);
-  cursor.position = stsdCountInBox;
+  cursor.position = layout::entryCount.offset;
   uint32_t count = cursor.readUInt32();
   if (entryIndex < 0 || entryIndex >= count) {
     throw VisualSampleEntryBuilderError(fmt::format("Entry index {} out of range (count: {})", entryIndex, count));

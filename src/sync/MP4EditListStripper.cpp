@@ -8,6 +8,7 @@
 #include "movie/MovieRewrite.h"
 #include "movie/TrackFields.h"
 #include "mp4/BoxLayout.h"
+#include "mp4/EditList.h"
 #include "platform/Log.h"
 #include "platform/OpenFile.h"
 #include "platform/TempFile.h"
@@ -46,28 +47,13 @@ MediaLayout scan(FileHandle& file) {
   return layout;
 }
 
-/// The rows that lie whole in an `elst`; none where it has no header.
-Rows readRows(ByteView elst) {
-  Rows rows;
-  if (elst.size() < layout::tableHeaderSize) return rows;
-  const auto& fields = layout::editRow(layout::load(elst.data(), layout::version) == 1);
-  const size_t present = (elst.size() - layout::tableHeaderSize) / fields.size;
-  const size_t count = std::min<size_t>(layout::load(elst.data(), layout::entryCount), present);
-  for (size_t i = 0; i < count; ++i) {
-    const uint8_t* row = elst.data() + layout::tableHeaderSize + i * fields.size;
-    rows.push_back({layout::loadSigned(row, fields.duration), layout::loadSigned(row, fields.mediaTime),
-                    static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))});
-  }
-  return rows;
-}
-
 /// Cuts the edit list out of the first audio track and returns its rows; nothing, and no change, when there is none.
 std::optional<Rows> strip(MovieBox& moov) {
   MovieBox* trak = findTrack(moov, MP4TrackType::audio, rules);
   const MovieBox* edts = trak ? trak->find({"edts"}) : nullptr;
   const MovieBox* elst = edts ? edts->find({"elst"}) : nullptr;
   if (!elst || elst->isCut) return std::nullopt;
-  Rows rows = readRows(elst->plainBytes());
+  Rows rows = readEditList(elst->plainBytes(), editlist::stripped);
   if (rows.empty()) return std::nullopt;
   log("  Stripping edts box from audio trak ({} bytes)", edts->size());
   putEditList(*trak, {});

@@ -13,11 +13,11 @@
 #include <fstream>
 #include <memory>
 
-#include "app/DamagedMovies.h"
-#include "app/TarnProcess.h"
 #include "engine/Home.h"
+#include "support/DamagedMovies.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 // Several commands in one home: the process that owns it is the engine of all.

@@ -27,8 +27,7 @@ struct Recorder : PCMSink {
 };
 
 /// So many mono buffers of one value go through the loop, at these times of the source, or else one behind the other.
-std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers,
-                                                AudioTranscoder::Config config = {},
+std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers, TranscodeConfig config = {},
                                                 const std::vector<CMTime>& times = {}) {
   config.channels = 1;
   const AudioNormalizer normalizer({.channels = 1});

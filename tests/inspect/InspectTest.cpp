@@ -5,7 +5,8 @@
 #include <map>
 #include <random>
 
-#include "inspect/Inspection.h"
+#include "inspect/InspectionJSON.h"
+#include "inspect/InspectionText.h"
 #include "platform/Capacitor.h"
 #include "remux/RemuxStep.h"
 #include "support/BoxBuilder.h"

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "presentation/PresentationChange.h"
+#include "presentation/Harms.h"
 #include "presentation/RepairHarms.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "app/Commands.h"
-#include "inspect/Inspection.h"
+#include "inspect/InspectionText.h"
 #include "platform/host/PosixFileManager.h"
 #include "reliability/RandomMovie.h"
 #include "support/FlashBeep.h"

@@ -1,23 +1,27 @@
+#include "audio/analysis/AudioConfig.h"
+
 #include <algorithm>
 #include <array>
 
-#include "audio/AudioTranscoder.h"
 #include "audio/analysis/SoundTracks.h"
+#include "media/AVAsset.h"
 #include "media/AudioSpecificConfig.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/TimeHeader.h"
+#include "platform/Error.h"
 #include "platform/Log.h"
 
 namespace tarn {
 namespace {
 
 std::optional<uint32_t> firstDeltaOf(FileHandle& file, const MP4BoxInfo& minf) {
-  const auto stbl = MP4BoxUtils::findChildBox(file, minf, "stbl");
-  const auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
+  const auto stts = MP4BoxUtils::findDescendant(file, minf, {"stbl", "stts"});
   if (!stts) return std::nullopt;
-  std::array<uint8_t, 16> contents{};  // version and flags, the count of rows, the first row
+  constexpr size_t firstDelta = layout::tableHeaderSize + layout::runValue.offset - layout::boxHeaderSize;
+  std::array<uint8_t, firstDelta + layout::runValue.width> contents{};
   file.seek(stts->contentOffset());
-  return readUInt32(ByteView(contents).first(file.readInto(contents)), 12);
+  return readUInt32(ByteView(contents).first(file.readInto(contents)), firstDelta);
 }
 
 int64_t objectType(const CMFormatDescription& description) {
@@ -64,7 +68,7 @@ AudioConfigCheck unreadable(const char* reason) {
 
 }  // namespace
 
-AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManager& files, const Path& fileURL) {
+AudioTimingInfo parseAudioTimingInfo(FileManager& files, const Path& fileURL) {
   AudioTimingInfo info;
   const auto file = openIfPossible(files, fileURL);
   if (!file) return info;
@@ -82,7 +86,7 @@ AudioTranscoder::AudioTimingInfo AudioTranscoder::parseAudioTimingInfo(FileManag
   }
 }
 
-AudioConfigCheck AudioTranscoder::analyzeAudioConfig(FileManager& files, const Path& fileURL) {
+AudioConfigCheck analyzeAudioConfig(FileManager& files, const Path& fileURL) {
   const auto tracks = AVAsset(files, fileURL).tracks(AVMediaType::audio);
   if (tracks.empty()) return unreadable("No audio track found");
   const auto& descriptions = tracks.front().formatDescriptions;

@@ -1,11 +1,15 @@
+#include "audio/analysis/AudioCoverage.h"
+
 #include <cmath>
 #include <compare>
 #include <iterator>
 #include <set>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
+#include "audio/analysis/AudioFormatFacts.h"
 #include "audio/analysis/CompressedWalk.h"
 #include "audio/analysis/TimelineGaps.h"
+#include "audio/analysis/VideoTimeline.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -56,7 +60,7 @@ class CoverageBuilder {
       if (std::is_lt(compare(gap.startPTS, CMTime::zero()))) gap.startPTS = CMTime::zero();
       gap.duration = gap.endPTS - gap.startPTS;
     }
-    coverage_.gaps = AudioTranscoder::mergeOverlappingGaps(std::move(coverage_.gaps), gapMergeToleranceSeconds);
+    coverage_.gaps = mergeOverlappingGaps(std::move(coverage_.gaps), gapMergeToleranceSeconds);
     return std::move(coverage_);
   }
 
@@ -108,9 +112,8 @@ class CoverageBuilder {
 
 }  // namespace
 
-AudioCoverage AudioTranscoder::buildAudioCoverage(const AVAsset& asset, const AVAssetTrack& audioTrack,
-                                                  const CMTime& videoRebaseOffset, double sampleRate,
-                                                  double gapThresholdSeconds) {
+AudioCoverage buildAudioCoverage(const AVAsset& asset, const AVAssetTrack& audioTrack, const CMTime& videoRebaseOffset,
+                                 double sampleRate, double gapThresholdSeconds) {
   CompressedWalk walk(asset, audioTrack);
   if (!walk.addOutput()) {
     throw AudioTranscoderError::assetReadFailed("Cannot add audio output for coverage analysis");

@@ -1,7 +1,9 @@
+#include "audio/analysis/AudioFirstPTS.h"
+
 #include <initializer_list>
 
-#include "audio/AudioTranscoder.h"
 #include "audio/analysis/CompressedWalk.h"
+#include "platform/Error.h"
 
 namespace tarn {
 namespace {
@@ -41,12 +43,12 @@ std::vector<CMTime> firstPTS(const AVAsset& asset, std::initializer_list<AVMedia
 
 }  // namespace
 
-AudioTranscoder::FirstPTS AudioTranscoder::getFirstPTSForTracks(const AVAsset& asset) {
+FirstPTS getFirstPTSForTracks(const AVAsset& asset) {
   const auto times = firstPTS(asset, {AVMediaType::video, AVMediaType::audio});
   return {.video = times[0], .audio = times[1]};
 }
 
-CMTime AudioTranscoder::getVideoFirstPTS(FileManager& files, const Path& fileURL) {
+CMTime getVideoFirstPTS(FileManager& files, const Path& fileURL) {
   return firstPTS(AVAsset(files, fileURL), {AVMediaType::video}).front();
 }
 

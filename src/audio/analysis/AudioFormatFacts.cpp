@@ -1,6 +1,7 @@
+#include "audio/analysis/AudioFormatFacts.h"
+
 #include <cmath>
 
-#include "audio/AudioTranscoder.h"
 #include "media/AudioSpecificConfig.h"
 #include "platform/Log.h"
 
@@ -21,7 +22,7 @@ bool hasLowRate(const CMFormatDescription& description) {
 
 }  // namespace
 
-AACType AudioTranscoder::detectAACType(const AVAssetTrack& audioTrack) {
+AACType detectAACType(const AVAssetTrack& audioTrack) {
   for (const auto& description : audioTrack.formatDescriptions) {
     switch (objectType(*description)) {
       case objectTypeLC:
@@ -37,7 +38,7 @@ AACType AudioTranscoder::detectAACType(const AVAssetTrack& audioTrack) {
   return AACType::aacLC;
 }
 
-int AudioTranscoder::detectAACFrameSize(const AVAssetTrack& audioTrack) {
+int detectAACFrameSize(const AVAssetTrack& audioTrack) {
   for (const auto& description : audioTrack.formatDescriptions) {
     const int type = objectType(*description);
     if (type == objectTypePS || type == objectTypeSBR) {
@@ -54,7 +55,7 @@ int AudioTranscoder::detectAACFrameSize(const AVAssetTrack& audioTrack) {
   return 1024;
 }
 
-double AudioTranscoder::detectActualSampleRate(const AVAssetTrack& audioTrack) {
+double detectActualSampleRate(const AVAssetTrack& audioTrack) {
   for (const auto& description : audioTrack.formatDescriptions) {
     const auto* stream = CMAudioFormatDescriptionGetStreamBasicDescription(*description);
     if (!stream) continue;
@@ -70,7 +71,7 @@ double AudioTranscoder::detectActualSampleRate(const AVAssetTrack& audioTrack) {
   return 48000.0;
 }
 
-AudioTranscoder::PacketCount AudioTranscoder::countSamples(const CMSampleBuffer& buffer, AACType aacType) {
+PacketCount countSamples(const CMSampleBuffer& buffer, AACType aacType) {
   const auto* stream =
       buffer.formatDescription ? CMAudioFormatDescriptionGetStreamBasicDescription(*buffer.formatDescription) : nullptr;
   if (stream == nullptr) return {samplesPerPacket(aacType) * buffer.numSamples};
@@ -82,7 +83,7 @@ AudioTranscoder::PacketCount AudioTranscoder::countSamples(const CMSampleBuffer&
   return {2 * core, 2 * stream->mSampleRate};
 }
 
-int64_t AudioTranscoder::getSourceChannelCount(FileManager& files, const Path& fileURL) {
+int64_t getSourceChannelCount(FileManager& files, const Path& fileURL) {
   const auto tracks = AVAsset(files, fileURL).tracks(AVMediaType::audio);
   if (tracks.empty()) return 2;
   for (const auto& description : tracks.front().formatDescriptions) {

@@ -1,6 +1,9 @@
+#include "audio/analysis/AudioGapDetection.h"
+
 #include <cmath>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
+#include "audio/analysis/AudioFormatFacts.h"
 #include "audio/analysis/CompressedWalk.h"
 #include "audio/analysis/TimelineGaps.h"
 #include "audio/transcode/FrameCounts.h"
@@ -119,8 +122,8 @@ CompressedWalk openWalk(const AVAsset& asset, const AVAssetTrack& track) {
 
 }  // namespace
 
-GapDetectionResult AudioTranscoder::detectAudioGaps(const AVAsset& asset, const AVAssetTrack& audioTrack,
-                                                    double sampleRate, double gapThresholdMs) {
+GapDetectionResult detectAudioGaps(const AVAsset& asset, const AVAssetTrack& audioTrack, double sampleRate,
+                                   double gapThresholdMs) {
   const int samplesPerFrame = detectAACFrameSize(audioTrack);
   CompressedWalk walk = openWalk(asset, audioTrack);
   if (!walk.addOutput()) {

@@ -1,7 +1,11 @@
+#include "audio/analysis/AudioInternalGaps.h"
+
 #include <algorithm>
 #include <cmath>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
+#include "audio/analysis/AudioFirstPTS.h"
+#include "audio/analysis/AudioFormatFacts.h"
 #include "audio/analysis/CompressedWalk.h"
 #include "audio/transcode/FrameCounts.h"
 #include "platform/Log.h"
@@ -55,8 +59,8 @@ void InternalGapResult::summarize(double rate) {
   }
 }
 
-InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, const AVAssetTrack& audioTrack,
-                                                      AACType aacType, double gapThresholdMs) {
+InternalGapResult detectInternalGaps(const AVAsset& asset, const AVAssetTrack& audioTrack, AACType aacType,
+                                     double gapThresholdMs) {
   std::optional<CompressedWalk> walk;
   try {
     walk.emplace(asset, audioTrack);
@@ -98,11 +102,7 @@ InternalGapResult AudioTranscoder::detectInternalGaps(const AVAsset& asset, cons
   return result;
 }
 
-AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(FileManager& files, const Path& fileURL) {
-  return analyzeAudioForProcessing(AVAsset(files, fileURL));
-}
-
-AudioAnalysisResult AudioTranscoder::analyzeAudioForProcessing(const AVAsset& asset, const GapDetection& detectGaps) {
+AudioAnalysisResult analyzeAudioForProcessing(const AVAsset& asset, const GapDetection& detectGaps) {
   AudioAnalysisResult result;
   const auto tracks = asset.tracks(AVMediaType::audio);
   if (tracks.empty()) {

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <optional>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/analysis/AudioFormatFacts.h"
 #include "audio/transcode/FrameCounts.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
@@ -44,7 +44,7 @@ class GapFinder {
       : shown_(std::move(shown)), aacType_(aacType), threshold_(gapThresholdMs / 1000), timescale_(timescale) {}
 
   void take(const CMSampleBuffer& buffer) {
-    const auto count = AudioTranscoder::countSamples(buffer, aacType_);
+    const auto count = countSamples(buffer, aacType_);
     rate_ = count.rate;
     const CMTime start = buffer.presentationTimeStamp;
     if (buffer.sampleIndex > 0) compare(buffer, start - expectedEnd_);

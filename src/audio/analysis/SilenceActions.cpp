@@ -1,12 +1,16 @@
+#include "audio/analysis/SilenceActions.h"
+
 #include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <optional>
 #include <set>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/analysis/AudioCoverage.h"
 #include "audio/analysis/TimelineGaps.h"
+#include "audio/analysis/VideoTimeline.h"
 #include "audio/transcode/FrameCounts.h"
+#include "platform/Error.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -152,10 +156,9 @@ void tell(const std::vector<SilenceAction>& actions) {
 
 }  // namespace
 
-std::vector<SilenceAction> AudioTranscoder::detectSilenceActions(const VideoTimeline& videoTimeline,
-                                                                 const AudioCoverage& audioCoverage, double sampleRate,
-                                                                 double syncOffsetSeconds,
-                                                                 double gapMatchToleranceSeconds) {
+std::vector<SilenceAction> detectSilenceActions(const VideoTimeline& videoTimeline, const AudioCoverage& audioCoverage,
+                                                double sampleRate, double syncOffsetSeconds,
+                                                double gapMatchToleranceSeconds) {
   const double measured = (audioCoverage.originalFirstPTS - videoTimeline.rebaseOffset).seconds();
   const StartOffset start = findStartOffset(videoTimeline.startPTS, measured, syncOffsetSeconds);
   std::vector<TimelineGap> video = videoTimeline.gaps;
@@ -178,12 +181,7 @@ std::vector<SilenceAction> AudioTranscoder::detectSilenceActions(const VideoTime
   return actions;
 }
 
-QuickCrossTrackResult AudioTranscoder::quickCrossTrackScan(FileManager& files, const Path& fileURL,
-                                                           double syncOffsetSeconds) {
-  return quickCrossTrackScan(AVAsset(files, fileURL), syncOffsetSeconds);
-}
-
-QuickCrossTrackResult AudioTranscoder::quickCrossTrackScan(const AVAsset& asset, double syncOffsetSeconds) {
+QuickCrossTrackResult quickCrossTrackScan(const AVAsset& asset, double syncOffsetSeconds) {
   const auto videoTracks = asset.tracks(AVMediaType::video);
   if (videoTracks.empty()) {
     logLine("AudioTranscoder.quickCrossTrackScan: No video track found");
@@ -215,8 +213,8 @@ QuickCrossTrackResult AudioTranscoder::quickCrossTrackScan(const AVAsset& asset,
   return result;
 }
 
-std::vector<AudioAction> AudioTranscoder::convertToAudioActions(std::span<const SilenceAction> silenceActions,
-                                                                int32_t audioTimescale, int aacSamplesPerFrame) {
+std::vector<AudioAction> convertToAudioActions(std::span<const SilenceAction> silenceActions, int32_t audioTimescale,
+                                               int aacSamplesPerFrame) {
   std::vector<AudioAction> actions;
   for (const SilenceAction& action : silenceActions) {
     actions.push_back({AudioAction::Kind::insertSilence, action.audioSampleOffset / aacSamplesPerFrame,

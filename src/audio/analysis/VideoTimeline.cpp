@@ -1,7 +1,9 @@
+#include "audio/analysis/VideoTimeline.h"
+
 #include <cmath>
 #include <compare>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
 #include "audio/analysis/CompressedWalk.h"
 #include "audio/analysis/TimelineGaps.h"
 #include "platform/Log.h"
@@ -23,7 +25,7 @@ std::vector<TimelineGap> rebased(std::vector<TimelineGap> gaps, const CMTime& of
 
 }  // namespace
 
-std::vector<TimelineGap> AudioTranscoder::mergeOverlappingGaps(std::vector<TimelineGap> gaps, double toleranceSeconds) {
+std::vector<TimelineGap> mergeOverlappingGaps(std::vector<TimelineGap> gaps, double toleranceSeconds) {
   if (gaps.size() < 2) return gaps;
   sortByStart(gaps);
   const CMTime tolerance = CMTime::makeWithSeconds(toleranceSeconds);
@@ -40,8 +42,7 @@ std::vector<TimelineGap> AudioTranscoder::mergeOverlappingGaps(std::vector<Timel
   return merged;
 }
 
-VideoTimeline AudioTranscoder::buildVideoTimeline(const AVAsset& asset, const AVAssetTrack& videoTrack,
-                                                  double gapThresholdSeconds) {
+VideoTimeline buildVideoTimeline(const AVAsset& asset, const AVAssetTrack& videoTrack, double gapThresholdSeconds) {
   CompressedWalk walk(asset, videoTrack);
   if (!walk.addOutput()) {
     throw AudioTranscoderError::assetReadFailed("Cannot add video output for timeline analysis");

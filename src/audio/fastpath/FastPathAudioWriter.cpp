@@ -3,13 +3,12 @@
 #include <limits>
 
 #include "mp4/AudioBoxBuilders.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
 
 namespace tarn {
 namespace {
-
-constexpr uint64_t boxHeaderSize = 8;
 
 Bytes moovFor(const FastPathAudioBuilder::BuildResult& buildResult, uint64_t mdatOffset) {
   const auto tables = FastPathAudioBuilder::buildSampleTableBoxes(buildResult, mdatOffset);
@@ -22,7 +21,7 @@ Bytes boxesAhead(const FastPathAudioBuilder::BuildResult& buildResult) {
   Bytes boxes = buildFtypBox();
   const size_t moovSize = moovFor(buildResult, boxes.size()).size();
   const uint64_t mdatOffset = boxes.size() + moovSize;
-  const uint64_t mdatSize = boxHeaderSize + buildResult.audioData.size();
+  const uint64_t mdatSize = layout::boxHeaderSize + buildResult.audioData.size();
   if (mdatOffset + mdatSize > std::numeric_limits<uint32_t>::max()) {
     throw FastPathError::validationFailed("The audio does not fit a file of 4 GiB");
   }

@@ -4,8 +4,9 @@
 #include <optional>
 
 #include "audio/AudioTrackReplacerError.h"
-#include "audio/AudioTranscoder.h"
+#include "audio/analysis/AudioFirstPTS.h"
 #include "audio/replace/AudioSwap.h"
+#include "audio/transcode/Transcode.h"
 #include "platform/Log.h"
 #include "platform/TempFile.h"
 #include "presentation/RewriteCheck.h"
@@ -80,9 +81,9 @@ void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, cons
     log("  Original audio edit list: emptyEditDelay={:.3f}s, mediaDuration={:.3f}s", edits.emptyEditDelay,
         edits.mediaDuration.value_or(0));
   }
-  AudioTranscoder::transcodeAudio(
+  transcodeAudio(
       run.files, input, newAudio, videoFirstPTS, edits.emptyEditDelay, edits.mediaDuration, syncOffset,
-      AudioTranscoder::Config{}, run.token.get(),
+      TranscodeConfig{}, run.token.get(),
       [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); }, shownMediaEnd);
 }
 
@@ -125,7 +126,7 @@ void replaceAudio(ProcessingRun& run) {
 
   TimingHelper timer;
   run.updateProcessingStage(ProcessingStage::transcodingPass1);
-  const CMTime videoFirstPTS = AudioTranscoder::getVideoFirstPTS(run.files, run.fileURL);
+  const CMTime videoFirstPTS = getVideoFirstPTS(run.files, run.fileURL);
   log("  Video first PTS: {:.6f}s", videoFirstPTS.seconds());
   timings.pass1GapDetection = timer.stop();
   run.token->throwIfCancelled();

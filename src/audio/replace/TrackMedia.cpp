@@ -8,6 +8,7 @@
 
 #include "audio/AudioTrackReplacerError.h"
 #include "mp4/DataExtensions.h"
+#include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"
 #include "platform/Log.h"
@@ -52,13 +53,12 @@ struct Clocks {
   uint32_t track;
 };
 
-struct Entry {
-  uint64_t duration;  ///< movie timescale
-  int64_t mediaTime;  ///< track timescale
-  uint64_t rate;      ///< as it stands in the file
+using Entries = std::vector<EditListEntry>;
 
-  bool isEmpty() const { return mediaTime == layout::emptyEdit; }
-};
+/// A duration has no sign in the file.
+uint64_t durationOf(const EditListEntry& entry) {
+  return static_cast<uint64_t>(entry.duration);
+}
 
 /// To the nearest tick; half a tick goes up. Nothing where the result does not fit.
 std::optional<int64_t> rescaled(int64_t value, uint32_t from, uint32_t to) {
@@ -74,57 +74,44 @@ int64_t requireRescaled(int64_t value, uint32_t from, uint32_t to) {
   return *result;
 }
 
-/// The entries that are there.
-std::vector<Entry> readEntries(ByteView elst) {
-  std::vector<Entry> entries;
-  if (elst.size() < layout::tableHeaderSize) return entries;
-  const auto& fields = layout::editRow(layout::load(elst.data(), layout::version) == 1);
-  const size_t present = (elst.size() - layout::tableHeaderSize) / fields.size;
-  entries.resize(std::min<size_t>(layout::load(elst.data(), layout::entryCount), present));
-  const uint8_t* at = elst.data() + layout::tableHeaderSize;
-  for (Entry& entry : entries) {
-    entry = {layout::load(at, fields.duration), layout::loadSigned(at, fields.mediaTime),
-             layout::load(at, fields.mediaRate)};
-    at += fields.size;
-  }
-  return entries;
-}
-
 /// The box that `old` becomes: its version and flags, but version 1 where an entry needs it.
-Bytes writeEntries(ByteView old, const std::vector<Entry>& entries) {
+Bytes writeEntries(ByteView old, const Entries& entries) {
   const bool isLong =
-      layout::load(old.data(), layout::version) == 1 ||
-      std::ranges::any_of(entries, [](const Entry& e) { return e.mediaTime > std::numeric_limits<int32_t>::max(); });
+      layout::load(old.data(), layout::version) == 1 || std::ranges::any_of(entries, [](const EditListEntry& e) {
+        return e.mediaTime > std::numeric_limits<int32_t>::max();
+      });
   const auto& fields = layout::editRow(isLong);
   Bytes box(layout::tableHeaderSize + entries.size() * fields.size);
   std::ranges::copy(old.first(layout::tableHeaderSize), box.begin());
   if (isLong) layout::store(box.data(), layout::version, 1);
   layout::store(box.data(), layout::entryCount, entries.size());
   uint8_t* at = box.data() + layout::tableHeaderSize;
-  for (const Entry& entry : entries) {
-    layout::store(at, fields.duration, entry.duration);
+  for (const EditListEntry& entry : entries) {
+    layout::store(at, fields.duration, durationOf(entry));
     layout::store(at, fields.mediaTime, static_cast<uint64_t>(entry.mediaTime));
-    layout::store(at, fields.mediaRate, entry.rate);
+    layout::store(at, fields.mediaRate, static_cast<uint64_t>(entry.mediaRate));
     at += fields.size;
   }
   return box;
 }
 
 /// Cuts the last entry to the end of the media, where it would show more than a packet of nothing.
-void cutToMedia(Entry& last, const Clocks& clocks, int64_t mediaEnd, int64_t packet) {
+void cutToMedia(EditListEntry& last, const Clocks& clocks, int64_t mediaEnd, int64_t packet) {
   if (last.isEmpty() || last.duration == 0 || last.mediaTime >= mediaEnd) return;
-  const auto duration = static_cast<int64_t>(std::min<uint64_t>(last.duration, INT64_MAX));
+  const auto duration = static_cast<int64_t>(std::min<uint64_t>(durationOf(last), INT64_MAX));
   const auto shown = rescaled(duration, clocks.movie, clocks.track);
   if (shown && *shown - packet <= mediaEnd - last.mediaTime) return;
-  last.duration = static_cast<uint64_t>(requireRescaled(mediaEnd - last.mediaTime, clocks.track, clocks.movie));
+  last.duration = requireRescaled(mediaEnd - last.mediaTime, clocks.track, clocks.movie);
   log("  Cut the last edit to the end of the audio: {} -> {}", duration, last.duration);
 }
 
 /// How long the track is shown; an entry of 0 at the end reaches to the end of the media.
-uint64_t durationOf(const std::vector<Entry>& entries, const Clocks& clocks, uint64_t mediaDuration) {
+uint64_t durationOf(const Entries& entries, const Clocks& clocks, uint64_t mediaDuration) {
   uint64_t sum = 0;
-  for (const Entry& entry : entries) sum += std::min(entry.duration, std::numeric_limits<uint64_t>::max() - sum);
-  const Entry& last = entries.back();
+  for (const EditListEntry& entry : entries) {
+    sum += std::min(durationOf(entry), std::numeric_limits<uint64_t>::max() - sum);
+  }
+  const EditListEntry& last = entries.back();
   if (last.duration != 0 || last.isEmpty()) return sum;
   const auto skipped =
       static_cast<uint64_t>(requireRescaled(std::max<int64_t>(last.mediaTime, 0), clocks.track, clocks.movie));
@@ -137,9 +124,9 @@ uint64_t fitEditList(MovieBox& trak, const MovieBox& newTrak, uint32_t oldTimesc
   MovieBox* elst = trak.find({"edts", "elst"});
   if (!elst) return mediaDuration;
   const Bytes old = elst->plainBytes();
-  std::vector<Entry> entries = readEntries(old);
+  Entries entries = readEditList(old, editlist::replaced);
   if (entries.empty()) return mediaDuration;
-  for (Entry& entry : entries) {
+  for (EditListEntry& entry : entries) {
     if (entry.mediaTime > 0) entry.mediaTime = requireRescaled(entry.mediaTime, oldTimescale, clocks.track);
   }
   const uint64_t mediaEnd = headerDurationField.load(newTrak.find({"mdia", "mdhd"})).value_or(0);

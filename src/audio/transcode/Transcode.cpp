@@ -1,9 +1,12 @@
+#include "audio/transcode/Transcode.h"
+
 #include <cmath>
 #include <memory>
 #include <optional>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioTranscoderError.h"
 #include "audio/CMSampleBufferHelpers.h"
+#include "audio/analysis/AudioFormatFacts.h"
 #include "audio/transcode/TranscodeLoop.h"
 #include "audio/transcode/TranscodeOutput.h"
 #include "audio/transcode/TranscodePlan.h"
@@ -107,7 +110,7 @@ void logSyncValidation(double videoSeconds, double audioSeconds) {
 
 /// The second pass. Nothing of `output` is left when it throws.
 AudioTranscodingState transcode(DecodedTrack& source, TranscodeOutput& output, TranscodePulse& pulse,
-                                const TranscodePlan& plan, const AudioTranscoder::Config& config) {
+                                const TranscodePlan& plan, const TranscodeConfig& config) {
   const AudioNormalizer normalizer(
       {config.sampleRate, config.channels, config.padDropThresholdMs, config.maxSilenceChunkFrames});
   if (!source.reader->startReading()) {
@@ -134,13 +137,11 @@ AudioTranscodingState transcode(DecodedTrack& source, TranscodeOutput& output, T
 
 }  // namespace
 
-void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
-                                     const std::optional<CMTime>& /*videoFirstPTS*/, double originalAudioEmptyEditDelay,
-                                     const std::optional<double>& originalAudioMediaDurationSeconds,
-                                     double syncOffsetSeconds, const Config& config,
-                                     const CancellationToken* cancellationToken,
-                                     const ProgressCallback& progressCallback,
-                                     const std::optional<double>& shownMediaEnd) {
+void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
+                    const std::optional<CMTime>& /*videoFirstPTS*/, double originalAudioEmptyEditDelay,
+                    const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,
+                    const TranscodeConfig& config, const CancellationToken* cancellationToken,
+                    const TranscodeProgress& progressCallback, const std::optional<double>& shownMediaEnd) {
   const SourceTiming timing{originalAudioEmptyEditDelay, originalAudioMediaDurationSeconds, syncOffsetSeconds};
   logStart(inputURL, timing);
   throwIfCancelled(cancellationToken);
@@ -150,7 +151,7 @@ void AudioTranscoder::transcodeAudio(FileManager& files, const Path& inputURL, c
   const AVAssetTrack audioTrack = shownMediaEnd ? withoutEditList(asset, audioTracks.front()) : audioTracks.front();
   int64_t sourceChannels = getSourceChannelCount(files, inputURL);
   if (shownMediaEnd) sourceChannels = channelsOf(asset, audioTrack).value_or(sourceChannels);
-  Config output = config;
+  TranscodeConfig output = config;
   output.channels = sourceChannels > 1 ? 2 : 1;
   log("AudioTranscoder: Source has {} channels, outputting {}", sourceChannels, output.channels);
 

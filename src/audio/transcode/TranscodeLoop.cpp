@@ -24,7 +24,7 @@ int16_t sampleAt(const AVAudioPCMBuffer& buffer, uint32_t frame) {
 
 }  // namespace
 
-TranscodeLoop::TranscodeLoop(const TranscodePlan& plan, const AudioTranscoder::Config& config,
+TranscodeLoop::TranscodeLoop(const TranscodePlan& plan, const TranscodeConfig& config,
                              const AudioNormalizer& normalizer, PCMSink& sink)
     : plan_(plan), normalizer_(normalizer), sink_(sink), state_(config), epochOffset_(CMTime::zero() - plan.firstPTS) {
   log("AudioTranscoder: Epoch offset for rebasing: {:.3f}s", epochOffset_.seconds());

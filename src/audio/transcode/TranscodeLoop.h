@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "audio/AudioNormalizer.h"
-#include "audio/AudioTranscoder.h"
 #include "audio/AudioTranscoderState.h"
+#include "audio/transcode/TranscodeConfig.h"
 #include "audio/transcode/TranscodePlan.h"
 #include "media/CMSampleBuffer.h"
 
@@ -26,7 +26,7 @@ class PCMSink {
 /// one fades it out. Serves one thread; the references must outlive it.
 class TranscodeLoop {
  public:
-  TranscodeLoop(const TranscodePlan& plan, const AudioTranscoder::Config& config, const AudioNormalizer& normalizer,
+  TranscodeLoop(const TranscodePlan& plan, const TranscodeConfig& config, const AudioNormalizer& normalizer,
                 PCMSink& sink);
 
   /// The next decoded buffer. One that holds no PCM is passed over.

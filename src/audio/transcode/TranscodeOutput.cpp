@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "audio/AudioTranscoderError.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -33,7 +34,7 @@ std::string whyFailed(const AVAssetWriter& writer) {
 
 }  // namespace
 
-TranscodePulse::TranscodePulse(const CancellationToken* token, const AudioTranscoder::ProgressCallback& callback,
+TranscodePulse::TranscodePulse(const CancellationToken* token, const TranscodeProgress& callback,
                                int64_t expectedSamples)
     : token_(token), callback_(callback), expectedSamples_(expectedSamples) {}
 

@@ -5,9 +5,10 @@
 #include <memory>
 #include <optional>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/transcode/TranscodeConfig.h"
 #include "audio/transcode/TranscodeLoop.h"
 #include "media/AVAssetWriter.h"
+#include "pipeline/CancellationToken.h"
 #include "platform/TempFile.h"
 
 namespace tarn {
@@ -16,8 +17,7 @@ namespace tarn {
 class TranscodePulse {
  public:
   /// The token may be null, the callback empty; both must outlive the pulse.
-  TranscodePulse(const CancellationToken* token, const AudioTranscoder::ProgressCallback& callback,
-                 int64_t expectedSamples);
+  TranscodePulse(const CancellationToken* token, const TranscodeProgress& callback, int64_t expectedSamples);
 
   /// Throws CancellationError. Reports at most every half second.
   void beat();
@@ -30,7 +30,7 @@ class TranscodePulse {
   void reportIfDue();
 
   const CancellationToken* token_;
-  const AudioTranscoder::ProgressCallback& callback_;
+  const TranscodeProgress& callback_;
   int64_t expectedSamples_;
   int64_t writtenSamples_ = 0;
   std::optional<std::chrono::steady_clock::time_point> lastReport_;

@@ -5,7 +5,13 @@
 #include <numeric>
 #include <utility>
 
+#include "audio/AudioTranscoderError.h"
 #include "audio/AudioTranscoderState.h"
+#include "audio/analysis/AudioCoverage.h"
+#include "audio/analysis/AudioFormatFacts.h"
+#include "audio/analysis/AudioGapDetection.h"
+#include "audio/analysis/SilenceActions.h"
+#include "audio/analysis/VideoTimeline.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
 
@@ -43,15 +49,14 @@ struct Findings {
 
 Findings findByVideo(const AVAsset& asset, const AVAssetTrack& videoTrack, const AVAssetTrack& audioTrack,
                      const SourceTiming& timing, double sampleRate) {
-  const auto timeline = AudioTranscoder::buildVideoTimeline(asset, videoTrack, gapThresholdSeconds);
-  const auto coverage =
-      AudioTranscoder::buildAudioCoverage(asset, audioTrack, timeline.rebaseOffset, sampleRate, gapThresholdSeconds);
+  const auto timeline = buildVideoTimeline(asset, videoTrack, gapThresholdSeconds);
+  const auto coverage = buildAudioCoverage(asset, audioTrack, timeline.rebaseOffset, sampleRate, gapThresholdSeconds);
   Findings found{.plan = {.keepsTimeline = true,
                           .videoSeconds = videoTrack.timeRange.duration.seconds(),
                           .firstPTS = coverage.originalFirstPTS},
                  .totalSampleCount = coverage.totalSampleCount};
-  for (const SilenceAction& action : AudioTranscoder::detectSilenceActions(
-           timeline, coverage, sampleRate, timing.syncOffsetSeconds, gapThresholdSeconds)) {
+  for (const SilenceAction& action :
+       detectSilenceActions(timeline, coverage, sampleRate, timing.syncOffsetSeconds, gapThresholdSeconds)) {
     found.plan.gaps.push_back(gapOf(action));
   }
   const double cap = capOf(timeline.duration.seconds(), timing);
@@ -59,9 +64,9 @@ Findings findByVideo(const AVAsset& asset, const AVAssetTrack& videoTrack, const
   return found;
 }
 
-Findings findByAudio(const AVAsset& asset, const AVAssetTrack& audioTrack, const AudioTranscoder::Config& config) {
+Findings findByAudio(const AVAsset& asset, const AVAssetTrack& audioTrack, const TranscodeConfig& config) {
   log("AudioTranscoder: Using audio-only gap detection (no video track or fallback)");
-  auto result = AudioTranscoder::detectAudioGaps(asset, audioTrack, config.sampleRate, config.padDropThresholdMs);
+  auto result = detectAudioGaps(asset, audioTrack, config.sampleRate, config.padDropThresholdMs);
   return {.plan = {.gaps = std::move(result.gaps),
                    .overlaps = std::move(result.overlaps),
                    .firstPTS = result.firstCompressedPTS},
@@ -69,7 +74,7 @@ Findings findByAudio(const AVAsset& asset, const AVAssetTrack& audioTrack, const
 }
 
 Findings find(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
-              const AudioTranscoder::Config& config) {
+              const TranscodeConfig& config) {
   const auto videoTracks = asset.tracks(AVMediaType::video);
   if (!videoTracks.empty()) {
     log("AudioTranscoder: Using video-based gap detection (video track found)");
@@ -115,10 +120,10 @@ void logFindings(const TranscodePlan& plan) {
 }  // namespace
 
 TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
-                               const AudioTranscoder::Config& config) {
+                               const TranscodeConfig& config) {
   log("AudioTranscoder: Pass 1 - Analyzing timelines...");
   auto [plan, totalSampleCount] = find(asset, audioTrack, timing, config);
-  const double describedRate = AudioTranscoder::detectActualSampleRate(audioTrack);
+  const double describedRate = detectActualSampleRate(audioTrack);
   const double sourceRate = describedRate > 0 ? describedRate : config.sampleRate;
   plan.sourceSeconds = static_cast<double>(totalSampleCount) / sourceRate;
   sortAtOutputRate(plan.gaps, config.sampleRate / sourceRate);
@@ -127,8 +132,7 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
   return std::move(plan);
 }
 
-TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
-                             const AudioTranscoder::Config& config) {
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd, const TranscodeConfig& config) {
   TranscodePlan plan{.keepsTimeline = true, .sourceSeconds = audioTrack.timeRange.duration.seconds()};
   // The fade at the cap lies behind what is shown.
   const double wanted = shownMediaEnd + config.fadeDurationMs / 1000;

@@ -4,7 +4,8 @@
 #include <optional>
 #include <vector>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/analysis/AudioAnalysis.h"
+#include "audio/transcode/TranscodeConfig.h"
 #include "media/AVAsset.h"
 
 namespace tarn {
@@ -34,11 +35,10 @@ struct TranscodePlan {
 /// Reads the compressed samples of the tracks; without a video track, or where that cannot be analysed, of the audio
 /// alone. Leaves `expectedSamples` to expectedOutputSamples. Throws AudioTranscoderError.
 TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTrack, const SourceTiming& timing,
-                               const AudioTranscoder::Config& config);
+                               const TranscodeConfig& config);
 
 /// The plan for the media of a track without edit list, up to `shownMediaEnd` in seconds.
-TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd,
-                             const AudioTranscoder::Config& config);
+TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd, const TranscodeConfig& config);
 
 /// The frames that the output should have.
 int64_t expectedOutputSamples(const TranscodePlan& plan, double sampleRate);

@@ -4,28 +4,17 @@
 
 #include <algorithm>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Error.h"
-#include "remux/VisualSampleEntry.h"
-#include "sync/MP4AVSync.h"
-#include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
 namespace {
 
 constexpr size_t smallBox = 4096;  ///< more of a header or of the front of a table is not looked at
-
-std::optional<MP4BoxInfo> findPath(FileHandle& file, std::optional<MP4BoxInfo> box,
-                                   std::initializer_list<std::string_view> types) {
-  for (std::string_view type : types) {
-    if (!box) break;
-    box = MP4BoxUtils::findChildBox(file, *box, type);
-  }
-  return box;
-}
 
 /// The front of a box, header included; empty when there is no box.
 Bytes frontOf(FileHandle& file, const std::optional<MP4BoxInfo>& box) {
@@ -34,50 +23,40 @@ Bytes frontOf(FileHandle& file, const std::optional<MP4BoxInfo>& box) {
   return file.read(static_cast<size_t>(std::min<uint64_t>(box->size, smallBox)));
 }
 
-std::optional<uint16_t> readUInt16(ByteView data, size_t at) {
-  if (at + 2 > data.size()) return std::nullopt;
-  return static_cast<uint16_t>(data[at] << 8 | data[at + 1]);
-}
-
-/// track_ID of a `tkhd` (ISO/IEC 14496-12 8.3.2).
-uint32_t trackID(ByteView tkhd) {
-  const bool hasLongTimes = tkhd.size() > 8 && tkhd[8] != 0;
-  return readUInt32(tkhd, hasLongTimes ? 28 : 20).value_or(0);
-}
-
 /// Tag and picture or sound of the first sample entry (ISO/IEC 14496-12 8.5.2).
 void readFirstEntry(ByteView stsd, TrackFacts& track) {
-  constexpr size_t channelsInEntry = 24;
-  constexpr size_t rateInEntry = 32;
-  const size_t entry = stsdEntriesInBox;
-  if (readUInt32(stsd, stsdCountInBox).value_or(0) == 0 || stsd.size() < entry + 8) return;
-  track.codec = decodeUTF8(stsd.subspan(entry + sampleEntryTypeInBox, 4));
+  if (stsd.size() < layout::sampleEntryFormat.end() || layout::load(stsd.data(), layout::entryCount) == 0) return;
+  track.codec = decodeUTF8(stsd.subspan(layout::sampleEntryFormat.offset, layout::sampleEntryFormat.width));
+  const ByteView entry = stsd.subspan(layout::tableHeaderSize);
   if (track.handler == "vide") {
-    auto width = readUInt16(stsd, entry + visualSampleEntryWidthInBox);
-    auto height = readUInt16(stsd, entry + visualSampleEntryWidthInBox + 2);
-    if (width && height) track.picture = PictureSize{.width = *width, .height = *height};
+    if (const auto size = readUInt32(entry, layout::pictureSize.offset)) {
+      track.picture = PictureSize{.width = *size >> 16, .height = *size & 0xFFFF};
+    }
   } else if (track.handler == "soun") {
-    track.channels = readUInt16(stsd, entry + channelsInEntry);
-    track.rate = readUInt16(stsd, entry + rateInEntry);  // the whole part of a 16.16 number
+    track.channels = layout::loadWithin(entry, layout::audioChannels);
+    track.rate = layout::loadWithin(entry, layout::audioRate);
   }
 }
 
 TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
-  constexpr size_t sampleCountInBox = 16;
   TrackFacts track;
   track.handler = MP4BoxUtils::getHandlerType(file, trak).value_or("");
-  track.id = trackID(frontOf(file, findPath(file, trak, {"tkhd"})));
-  const Bytes mdhd = frontOf(file, findPath(file, trak, {"mdia", "mdhd"}));
-  track.timescale = avsync_parse_mdhd_timescale(mdhd.data(), static_cast<int32_t>(mdhd.size()));
-  track.duration = MP4AVSyncFixer::parseMdhdDuration(mdhd);
-  const auto stbl = findPath(file, trak, {"mdia", "minf", "stbl"});
-  readFirstEntry(frontOf(file, findPath(file, stbl, {"stsd"})), track);
-  for (const char* type : {"stsz", "stz2"}) {
-    if (!track.samples) track.samples = readUInt32(frontOf(file, findPath(file, stbl, {type})), sampleCountInBox);
+  track.id = readTrackHeader(file, trak).trackID;
+  if (const auto mdia = MP4BoxUtils::findChildBox(file, trak, "mdia")) {
+    if (const auto clock = readTimeHeader(file, *mdia, "mdhd")) {
+      track.timescale = clock->timescale;
+      track.duration = static_cast<int64_t>(clock->duration);
+      track.lacksDuration = clock->duration == 0;
+    }
   }
-  const auto mediaHeader = findPath(file, trak, {"mdia", "mdhd"});
-  const auto clock = mediaHeader ? readTimeHeader(file, *mediaHeader) : std::nullopt;
-  track.lacksDuration = track.samples.value_or(0) > 0 && clock && clock->duration == 0;
+  const auto tableFront = [&](std::string_view type) {
+    return frontOf(file, MP4BoxUtils::findDescendant(file, trak, {"mdia", "minf", "stbl", type}));
+  };
+  readFirstEntry(tableFront("stsd"), track);
+  for (std::string_view type : {"stsz", "stz2"}) {
+    if (!track.samples) track.samples = readUInt32(tableFront(type), layout::sampleCount.offset);
+  }
+  track.lacksDuration = track.lacksDuration && track.samples.value_or(0) > 0;
   return track;
 }
 

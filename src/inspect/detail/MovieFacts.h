@@ -10,9 +10,6 @@ void readTopLevel(FileHandle& file, Inspection& inspection);
 /// The tracks of the first `moov`, at most `mostListed`; none where there is no `moov`.
 std::vector<TrackFacts> readTracks(FileHandle& file);
 
-/// The first video track, with or without what its samples carry; nothing when there is none.
-std::optional<VideoFacts> readVideo(FileHandle& file, bool withBitstream = true);
-
 /// Of a longer row of boxes or tracks only the beginning is told.
 inline constexpr size_t mostListed = 1000;
 

@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "download/FirstRecord.h"
-#include "inspect/detail/MovieFacts.h"
 #include "inspect/detail/SoundForecast.h"
+#include "inspect/detail/VideoFacts.h"
 #include "mp4/MP4BoxUtils.h"
 #include "pipeline/ProcessingStep.h"
 #include "platform/Error.h"

@@ -4,9 +4,10 @@
 
 #include <algorithm>
 
-#include "audio/AudioTranscoder.h"
+#include "audio/AudioRepairDecision.h"
 #include "inspect/SoundText.h"
 #include "inspect/detail/MovieFacts.h"
+#include "media/AVAsset.h"
 
 namespace tarn {
 namespace {

@@ -5,6 +5,7 @@
 
 #include "media/detail/AACEncoder.h"
 #include "mp4/AudioBoxBuilders.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/SampleTableBuilders.h"
 
@@ -12,7 +13,6 @@ namespace tarn {
 namespace {
 
 constexpr size_t packetsPerChunk = 47;          // about a second
-constexpr size_t longHeaderSize = 16;           // of an mdat with a 64-bit size
 constexpr size_t writePiece = size_t{1} << 20;  // bytes
 constexpr size_t flushPiece = size_t{8} << 20;  // bytes
 
@@ -78,8 +78,8 @@ Bytes M4AFile::buildMoov(const AACOutputSettings& settings, int64_t frames) cons
 
 void M4AFile::finish(const AACOutputSettings& settings, int64_t frames) {
   file_->write(buildMoov(settings, frames));
-  file_->seek(mediaStart_ - 8);
-  file_->write(bigEndianBytes(position_ - mediaStart_ + longHeaderSize));
+  file_->seek(mediaStart_ - layout::longBoxSize.width);
+  file_->write(bigEndianBytes(position_ - mediaStart_ + layout::longBoxHeaderSize));
   file_->synchronize();
   file_->close();
 }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "media/AudioSpecificConfig.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 
@@ -16,21 +17,7 @@ namespace {
 
 constexpr size_t largestDescriptionBox = 16 << 20;
 constexpr size_t mostEntries = 1 << 16;
-constexpr size_t entriesInBox = 8;  // behind version and flags and the count
-
-// AudioSampleEntry (ISO/IEC 14496-12 12.2.3) and its QuickTime versions 1 and 2; offsets from the entry's first byte.
-constexpr size_t entryVersion = 16;
-constexpr size_t channelCountField = 24;
-constexpr size_t sampleRateField = 32;  // 16.16 fixed point
-constexpr size_t childrenOfVersion0 = 36;
-constexpr size_t childrenOfVersion1 = 52;
-constexpr size_t sampleRateOfVersion2 = 40;  // 64-bit floating point
-constexpr size_t channelCountOfVersion2 = 48;
-constexpr size_t childrenOfVersion2 = 72;
-
-uint16_t field16(ByteView entry, size_t at) {
-  return static_cast<uint16_t>(entry[at] << 8 | entry[at + 1]);
-}
+constexpr size_t entriesInContents = layout::tableHeaderSize - layout::boxHeaderSize;
 
 ByteView contentsOf(ByteView data, const BoxHeader& box) {
   auto header = std::min<size_t>(static_cast<size_t>(box.headerSize), data.size() - box.offset);
@@ -112,20 +99,20 @@ struct EntryFields {
 /// In an `stsd` of version 1 an entry of version 1 has the fields of version 0 (ISO/IEC 14496-12 12.2.3.2); elsewhere
 /// versions are those of QuickTime. Nothing for an entry that ends within its fields.
 std::optional<EntryFields> parseFields(ByteView entry, uint8_t descriptionVersion) {
-  if (entry.size() < childrenOfVersion0) return std::nullopt;
-  unsigned version = descriptionVersion == 0 ? field16(entry, entryVersion) : 0;
+  if (entry.size() < layout::audioEntrySize) return std::nullopt;
+  unsigned version = descriptionVersion == 0 ? layout::load32(entry.data(), layout::audioEntryVersion) : 0;
   if (version == 2) {
-    if (entry.size() < childrenOfVersion2) return std::nullopt;
-    EntryFields fields{.children = entry.subspan(childrenOfVersion2)};
-    auto rate = std::bit_cast<double>(readUInt64(entry, sampleRateOfVersion2).value());
+    if (entry.size() < layout::audioEntrySizeVersion2) return std::nullopt;
+    EntryFields fields{.children = entry.subspan(layout::audioEntrySizeVersion2)};
+    auto rate = std::bit_cast<double>(layout::load(entry.data(), layout::audioRateVersion2));
     // A rate that is no number is none.
     if (rate > 0 && rate <= std::numeric_limits<int32_t>::max()) fields.sampleRate = rate;
-    fields.channels = readUInt32(entry, channelCountOfVersion2).value();
+    fields.channels = layout::load32(entry.data(), layout::audioChannelsVersion2);
     return fields;
   }
-  size_t children = version == 1 ? childrenOfVersion1 : childrenOfVersion0;
-  return EntryFields{.sampleRate = static_cast<double>(readUInt32(entry, sampleRateField).value() >> 16),
-                     .channels = field16(entry, channelCountField),
+  size_t children = version == 1 ? layout::audioEntrySizeVersion1 : layout::audioEntrySize;
+  return EntryFields{.sampleRate = static_cast<double>(layout::load(entry.data(), layout::audioRate)),
+                     .channels = layout::load32(entry.data(), layout::audioChannels),
                      .children = entry.subspan(std::min(children, entry.size()))};
 }
 
@@ -177,9 +164,9 @@ std::vector<CMFormatDescriptionPointer> readFormatDescriptions(FileHandle& file,
   if (stsd.contentSize() > largestDescriptionBox) return descriptions;
   file.seek(stsd.contentOffset());
   Bytes contents = file.read(stsd.contentSize());
-  if (contents.size() < entriesInBox) return descriptions;
+  if (contents.size() < entriesInContents) return descriptions;
   size_t count = std::min<size_t>(readUInt32(contents, 4).value(), mostEntries);
-  BufferBoxWalker walker(contents, entriesInBox, contents.size(), boxwalk::buffer);
+  BufferBoxWalker walker(contents, entriesInContents, contents.size(), boxwalk::buffer);
   while (descriptions.size() < count) {
     auto entry = walker.next();
     if (!entry) break;

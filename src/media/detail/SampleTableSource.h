@@ -7,7 +7,7 @@
 
 #include "media/CMFormatDescription.h"
 #include "media/CMSampleBuffer.h"
-#include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
 #include "mp4/SampleLocations.h"
 #include "mp4/SampleTimes.h"
 #include "platform/FileManager.h"

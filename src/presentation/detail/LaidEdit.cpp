@@ -2,19 +2,13 @@
 
 #include <algorithm>
 
-#include "mp4/EditList.h"
+#include "mp4/EditTimeline.h"
+#include "platform/Int128.h"
 
 namespace tarn {
 namespace {
 
-__extension__ using Int128 = __int128;
-
 constexpr int64_t latestNanosecond = int64_t{1} << 61;
-
-Int128 rounded(Int128 numerator, Int128 denominator) {
-  Int128 half = denominator / 2;
-  return numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
-}
 
 int64_t cut(Int128 ticks) {
   return static_cast<int64_t>(std::min<Int128>(ticks, MediaEdit::latestTime));
@@ -25,19 +19,12 @@ int64_t cut(Int128 ticks) {
 MovieTime movieTime(int64_t ticks, uint32_t timescale, int32_t rate) {
   // 63 bits times 30 bits times 16 bits.
   Int128 numerator = static_cast<Int128>(ticks) * 1'000'000'000 * layout::normalRate;
-  Int128 value = rounded(numerator, static_cast<Int128>(timescale) * rate);
+  Int128 value = dividedAndRounded(numerator, static_cast<Int128>(timescale) * rate);
   return MovieTime(static_cast<int64_t>(std::clamp<Int128>(value, -latestNanosecond, latestNanosecond)));
 }
 
 MovieTime tickOf(uint32_t movieTimescale) {
   return movieTime(1, movieTimescale) + std::chrono::microseconds(1);
-}
-
-int64_t movieTicks(int64_t mediaLength, uint32_t timescale, uint32_t movieTimescale, int32_t rate) {
-  // 63 bits times 32 bits times 16 bits.
-  Int128 numerator = static_cast<Int128>(mediaLength) * movieTimescale * layout::normalRate;
-  Int128 denominator = static_cast<Int128>(timescale) * rate;
-  return cut((numerator + denominator - 1) / denominator);
 }
 
 Ticks mediaTicks(int64_t movieLength, uint32_t movieTimescale, uint32_t timescale, int32_t rate) {

@@ -15,10 +15,7 @@ MovieTime movieTime(int64_t ticks, uint32_t timescale, int32_t rate = layout::no
 /// One tick of a movie, and a microsecond for what was rounded.
 MovieTime tickOf(uint32_t movieTimescale);
 
-/// The length of a part of the media on the movie's timeline, in ticks of the movie; rounded up, and cut at 2^60.
-int64_t movieTicks(int64_t mediaLength, uint32_t timescale, uint32_t movieTimescale, int32_t rate = layout::normalRate);
-
-/// The other way round: what of the media a length of the movie covers; cut at 2^60.
+/// What of the media a length of the movie covers, the other way round than movieTicks; cut at 2^60.
 struct Ticks {
   int64_t whole;    ///< rounded down
   int64_t touched;  ///< rounded up

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "movie/MovieRewrite.h"
+#include "movie/TrackFields.h"
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
 #include "platform/OpenFile.h"

@@ -1,17 +1,11 @@
 #include "remux/detail/MoovSearch.h"
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
 
 namespace tarn {
-namespace {
-
-constexpr size_t boxHeaderSize = 8;
-constexpr size_t handlerTypeInBox = 16;  // ISO/IEC 14496-12 8.4.3
-
-}  // namespace
-
 std::vector<size_t> findBoxes(ByteView moov, std::string_view type, size_t start, size_t end) {
   std::vector<size_t> offsets;
   BufferBoxWalker walker(moov, start, end, boxwalk::openChildren);
@@ -30,12 +24,14 @@ std::optional<size_t> findFirstBox(ByteView moov, std::string_view type, size_t 
 }
 
 std::optional<size_t> findVideoTrak(ByteView moov) {
-  for (size_t trak : findBoxes(moov, "trak", boxHeaderSize, moov.size())) {
+  for (size_t trak : findBoxes(moov, "trak", layout::boxHeaderSize, moov.size())) {
     size_t end = trak + *readUInt32(moov, trak);
-    auto mdia = findFirstBox(moov, "mdia", trak + boxHeaderSize, end);
-    auto hdlr = mdia ? findFirstBox(moov, "hdlr", *mdia + boxHeaderSize, end) : std::nullopt;
-    if (!hdlr || moov.size() - *hdlr < handlerTypeInBox + 4) continue;
-    if (textOf(moov.subspan(*hdlr + handlerTypeInBox, 4)) == handlerTypeText(MP4TrackType::video)) return trak;
+    auto mdia = findFirstBox(moov, "mdia", trak + layout::boxHeaderSize, end);
+    auto hdlr = mdia ? findFirstBox(moov, "hdlr", *mdia + layout::boxHeaderSize, end) : std::nullopt;
+    if (!hdlr || moov.size() - *hdlr < layout::handlerType.end()) continue;
+    if (textOf(moov.subspan(*hdlr + layout::handlerType.offset, layout::handlerType.width)) ==
+        handlerTypeText(MP4TrackType::video))
+      return trak;
   }
   return std::nullopt;
 }

@@ -4,13 +4,14 @@
 #include <span>
 #include <string>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/detail/CodecWords.h"
+#include "remux/detail/DataFormat.h"
 #include "remux/detail/MoovSearch.h"
 
 namespace tarn {
@@ -26,7 +27,7 @@ struct Entry {
   std::string tag;
 
   size_t end() const { return offset + size; }
-  size_t children() const { return offset + visualSampleEntryFixedSize; }
+  size_t children() const { return offset + layout::visualEntrySize; }
 };
 
 Entry findEntry(ByteView moov, const VideoCodec& codec) {
@@ -37,15 +38,15 @@ Entry findEntry(ByteView moov, const VideoCodec& codec) {
   if (!trak) throw wordsFor(codec).noVideoTrack(tracks);
 
   size_t stsd = MP4Remuxer::findStsdOffsetInTrak(moov, *trak);
-  if (readUInt32(moov, stsd + stsdCountInBox).value_or(0) == 0) {
+  if (readUInt32(moov, stsd + layout::entryCount.offset).value_or(0) == 0) {
     throw MP4RemuxError::corruptedMP4("No sample entries in stsd");
   }
-  size_t offset = stsd + stsdEntriesInBox;
+  size_t offset = stsd + layout::tableHeaderSize;
   ByteArray cursor(moov);
   cursor.position = offset;
   Entry entry{.trak = *trak, .offset = offset, .size = cursor.readUInt32(), .tag = cursor.readUTF8Bytes(4)};
   if (!codec.accepts(entry.tag)) throw wordsFor(codec).wrongTag(entry.tag);
-  if (entry.size < visualSampleEntryFixedSize) throw MP4RemuxError::corruptedMP4("Sample entry too small");
+  if (entry.size < layout::visualEntrySize) throw MP4RemuxError::corruptedMP4("Sample entry too small");
   size_t stsdEnd = std::min<size_t>(stsd + *readUInt32(moov, stsd), moov.size());
   if (entry.end() > stsdEnd) {
     throw MP4RemuxError::corruptedMP4(
@@ -110,7 +111,7 @@ void writeTag(std::span<uint8_t> entryBytes, const Entry& entry, const VideoCode
     log("Keeping {} codec tag (encrypted video)", entry.tag);
     return;
   }
-  std::ranges::copy(bytesOf(codec.tag), entryBytes.subspan(sampleEntryTypeInBox).begin());
+  std::ranges::copy(bytesOf(codec.tag), entryBytes.subspan(layout::boxType.offset).begin());
   if (entry.tag != codec.tag) {
     log("{}Changed codec tag: {} → {}", words.prefix, entry.tag, codec.tag);
   } else {
@@ -122,7 +123,7 @@ void writeTag(std::span<uint8_t> entryBytes, const Entry& entry, const VideoCode
 Bytes buildEntry(ByteView moov, const Entry& entry, ByteView configBox, const VideoCodec& codec) {
   const CodecWords& words = wordsFor(codec);
   Bytes result;
-  ByteWriter(result).bytes(moov.subspan(entry.offset, visualSampleEntryFixedSize)).bytes(configBox);
+  ByteWriter(result).bytes(moov.subspan(entry.offset, layout::visualEntrySize)).bytes(configBox);
   log("{}Injected new {} box ({} bytes)", words.prefix, codec.configBox, configBox.size());
   copyChildren(moov, entry, codec, result);
   if (result.size() > UINT32_MAX) throw MP4RemuxError::corruptedMP4("Sample entry does not fit its size field");

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "movie/TrackFields.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4RemuxError.h"
 #include "platform/Log.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/detail/MovieAccess.h"
 #include "remux/detail/ParentBoxSizes.h"
 
@@ -52,7 +52,7 @@ void writeReplacement(Bytes& stbl, const BoxHeader& old, ByteView replacement) {
 }
 
 Bytes buildStsdBox(const std::vector<Bytes>& entries) {
-  uint64_t size = stsdEntriesInBox;
+  uint64_t size = layout::tableHeaderSize;
   for (const Bytes& entry : entries) size += entry.size();
   if (size > UINT32_MAX) throw MP4RemuxError::corruptedMP4("Sample entries do not fit an stsd");
   Bytes box;

@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/VisualSampleEntryBuilder.h"
 #include "remux/detail/CodecWords.h"
 #include "remux/detail/MovieAccess.h"
@@ -167,7 +167,7 @@ class Redescription {
 
   /// How the media will move if the chunk offsets stay 32 bits wide.
   ChunkOffsetShift shiftWithShortOffsets() {
-    uint64_t stsd = stsdEntriesInBox;
+    uint64_t stsd = layout::tableHeaderSize;
     for (const Bytes& entry : entries_) stsd += entry.size();
     uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
     uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);

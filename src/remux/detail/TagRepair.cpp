@@ -2,13 +2,13 @@
 #include <initializer_list>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/MP4RemuxError.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "remux/MP4Remuxer.h"
-#include "remux/VisualSampleEntry.h"
 #include "remux/detail/OpenFile.h"
 #include "remux/detail/VideoEntries.h"
 
@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t codecTagRead = 512;
 constexpr size_t readBehindEntry = 1040;
-constexpr size_t entryInContents = stsdEntriesInBox - 8;
+constexpr size_t entryInContents = layout::tableHeaderSize - layout::boxHeaderSize;
 constexpr uint64_t smallestAvcC = 15;
 
 /// Reads at most `count` bytes of a box's contents from their start.
@@ -81,7 +81,7 @@ FirstEntry readFirstEntry(FileHandle& file, const MP4BoxInfo& stsd) {
   Bytes contents = readContents(file, stsd, size + readBehindEntry, "Cannot read stsd box");
   log("AVC Phase 1: Read {} bytes from stsd (entry size: {})", contents.size(), size);
   ByteArray entry(contents);
-  entry.position = entryInContents + sampleEntryTypeInBox;
+  entry.position = entryInContents + layout::boxType.offset;
   std::string tag = entry.readUTF8Bytes(4);
   log("AVC Phase 1: Sample entry type '{}', size {}", tag, size);
   return {entryInContents + size, tag, std::move(contents)};
@@ -113,7 +113,7 @@ bool hasParameterSets(ByteView contents) {
 
 /// The size of the entry's first usable `avcC`. A record needs 7 bytes (ISO/IEC 14496-15 5.3.3.1), header apart.
 std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
-  constexpr size_t start = entryInContents + visualSampleEntryFixedSize;
+  constexpr size_t start = entryInContents + layout::visualEntrySize;
   log("AVC Phase 1: Scanning for avcC in child boxes region [{}...{}]", start, entry.end);
   BufferBoxWalker walker(entry.contents, start, entry.end, boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
@@ -125,7 +125,7 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
     }
     ByteView box =
         ByteView(entry.contents).subspan(static_cast<size_t>(child->offset), static_cast<size_t>(child->size));
-    if (!hasParameterSets(box.subspan(8))) {
+    if (!hasParameterSets(box.subspan(layout::boxHeaderSize))) {
       log("AVC Phase 1: WARNING - Found avcC box without parameter sets ({} bytes)", child->size);
       continue;
     }
@@ -169,7 +169,7 @@ bool MP4Remuxer::remuxAVCTag(FileManager& files, const Path& fileURL, std::strin
   if (codec != &VideoCodec::avc) {
     throw MP4RemuxError::unsupportedFormat("Expected avc1 or avc3, found " + entry.tag);
   }
-  if (entry.contents.size() < entryInContents + visualSampleEntryFixedSize) {
+  if (entry.contents.size() < entryInContents + layout::visualEntrySize) {
     throw MP4RemuxError::corruptedMP4("Sample entry too small");
   }
 
@@ -182,7 +182,7 @@ bool MP4Remuxer::remuxAVCTag(FileManager& files, const Path& fileURL, std::strin
     log("AVC Phase 1: Already avc1 with valid avcC ({} bytes), no remuxing needed", *avcCSize);
     return true;
   }
-  uint64_t tagOffset = stsd.contentOffset() + entryInContents + sampleEntryTypeInBox;
+  uint64_t tagOffset = stsd.contentOffset() + entryInContents + layout::boxType.offset;
   file->seek(tagOffset);
   file->write(bytesOf(codec->tag));
   file->synchronize();

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "parameters/HEVCConfigurationBox.h"
-#include "remux/VisualSampleEntry.h"
 
 namespace tarn {
 namespace {
@@ -17,7 +17,7 @@ constexpr uint64_t largestStsd = 16 << 20;
 VideoEntry readEntry(ByteView stsd, const BoxHeader& header, const VideoCodec& codec) {
   VideoEntry entry{.tag = header.type};
   const auto end = static_cast<size_t>(std::min<uint64_t>(header.end(), stsd.size()));
-  const auto start = static_cast<size_t>(header.offset) + visualSampleEntryFixedSize;
+  const auto start = static_cast<size_t>(header.offset) + layout::visualEntrySize;
   BufferBoxWalker walker(stsd, start, end, boxwalk::openChildren);
   while (auto child = walker.next()) {
     if (child->type != codec.configBox || child->end() > end || entry.hasRecord) continue;
@@ -45,8 +45,8 @@ void readRecord(ByteView contents, const VideoCodec& codec, VideoEntry& entry) {
 std::vector<VideoEntry> readVideoEntries(FileHandle& file, const MP4BoxInfo& stsd, const VideoCodec& codec) {
   file.seek(stsd.offset);
   const Bytes bytes = file.read(static_cast<size_t>(std::min(stsd.size, largestStsd)));
-  const size_t first = static_cast<size_t>(stsd.headerSize) + stsdEntriesInBox - 8;
-  const uint32_t count = readUInt32(bytes, first - 4).value_or(0);
+  const size_t first = static_cast<size_t>(stsd.headerSize) + layout::tableHeaderSize - layout::boxHeaderSize;
+  const uint32_t count = readUInt32(bytes, first - layout::entryCount.width).value_or(0);
   std::vector<VideoEntry> entries;
   BufferBoxWalker walker(bytes, first, bytes.size(), boxwalk::movieBuffer);
   while (entries.size() < count) {

@@ -1,9 +1,11 @@
 #include <algorithm>
-#include <array>
 #include <limits>
 
 #include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
+#include "mp4/EditList.h"
+#include "mp4/TableRows.h"
+#include "mp4/TimeHeader.h"
 #include "platform/Log.h"
 #include "presentation/Presentation.h"
 #include "sync/ErrorTypes.h"
@@ -11,14 +13,12 @@
 #include "sync/MP4AVSyncFixer.h"
 #include "sync/detail/SyncSource.h"
 #include "sync/detail/TimeArithmetic.h"
-#include "sync/detail/TimingTable.h"
 
 namespace tarn {
 namespace {
 
-constexpr int32_t maxEditRows = 16;
 constexpr uint64_t headerReadLimit = layout::timeHeader64.duration.end();
-constexpr uint64_t editListReadLimit = layout::tableHeaderSize + maxEditRows * layout::editRow64.size;
+constexpr uint64_t editListReadLimit = layout::tableHeaderSize + editlist::synced.mostEntries * layout::editRow64.size;
 constexpr uint64_t tableReadLimit = std::numeric_limits<int32_t>::max();
 constexpr uint32_t defaultAudioTimescale = 48000;
 constexpr int64_t defaultAudioDelay = 2112;
@@ -64,7 +64,7 @@ int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
   auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
   auto bytes = stts ? readBox(file, *stts, tableReadLimit) : std::nullopt;
   if (!bytes) return 0;
-  const auto table = TimingTable::of(bytes->data(), lengthOf(*bytes), layout::fourCC("stts"), layout::runRowSize);
+  const auto table = TableRows(*bytes, layout::runRowSize, TableRows::HugeCount::isNone);
   int64_t sum = 0;
   for (size_t i = 0; i < table.size(); ++i) {
     const uint64_t row =
@@ -171,14 +171,7 @@ std::vector<EditListEntry> MP4AVSyncFixer::parseVideoEditList(FileHandle& file, 
   auto bytes = elst ? readBox(file, *elst, editListReadLimit) : std::nullopt;
   if (!bytes) return {};
 
-  std::array<AVSyncElstEntry, maxEditRows> rows;
-  int32_t count = avsync_parse_elst_box(bytes->data(), lengthOf(*bytes), rows.data(), maxEditRows);
-  std::vector<EditListEntry> result;
-  for (int32_t i = 0; i < count; ++i) {
-    const AVSyncElstEntry& row = rows[static_cast<size_t>(i)];
-    result.push_back({row.duration, row.media_time, row.media_rate});
-  }
-  return result;
+  return readEditList(*bytes, editlist::synced);
 }
 
 std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox) {
@@ -193,12 +186,8 @@ std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& 
 }
 
 int64_t MP4AVSyncFixer::parseMdhdDuration(ByteView mdhd) {
-  if (mdhd.size() < layout::timeHeader32.timescale.end()) return 0;
-  const auto& field = layout::timeHeader(layout::load(mdhd.data(), layout::version) == 1).duration;
-  if (mdhd.size() < field.end()) return 0;
-  const uint64_t unknown = std::numeric_limits<uint64_t>::max() >> (64 - 8 * field.width);
-  const uint64_t duration = layout::load(mdhd.data(), field);
-  return duration == unknown ? 0 : static_cast<int64_t>(duration);
+  const auto clock = parseTimeHeader(mdhd, LongHeader::isVersion1);
+  return clock ? static_cast<int64_t>(clock->duration) : 0;
 }
 
 int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {

@@ -1,13 +1,12 @@
 #include "sync/detail/TimeArithmetic.h"
 
 #include "platform/Checked.h"
+#include "platform/Int128.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
 
 namespace tarn {
 namespace {
-
-__extension__ using Int128 = __int128;
 
 constexpr double twoToThe63 = 9223372036854775808.0;
 

@@ -4,6 +4,14 @@
 
 namespace tarn {
 
+// Sums and differences of 64-bit time values that wrap, where the sign bit's overflow would be undefined.
+constexpr int64_t wrappingAdd(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+constexpr int64_t wrappingSubtract(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
 // Arithmetic on time values that come from a file. Each throws AVSyncError::analysisError where the true result lies
 // outside 64 bits.
 

@@ -3,12 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "pipeline/OriginalSyncInfo.h"
-
 namespace tarn {
-
-/// A row of an edit list as a file has it, or is to have it.
-using EditListEntry = OriginalEditListEntry;
 
 /// The video track's timing facts.
 struct TrackTimingInfo {

@@ -1,3 +1,5 @@
+#include "inspect/detail/VideoFacts.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -5,6 +7,7 @@
 #include <utility>
 
 #include "inspect/detail/MovieFacts.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/MP4BoxUtils.h"
@@ -13,7 +16,6 @@
 #include "parameters/ParameterScan.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Error.h"
-#include "remux/VisualSampleEntry.h"
 
 namespace tarn {
 namespace {
@@ -39,16 +41,17 @@ SampleEntryFacts readEntry(ByteView stsd, const BoxHeader& header) {
   entry.tag = header.type;
   entry.size = header.size;
   const auto start = static_cast<size_t>(header.offset);
-  if (auto size = readUInt32(stsd, start + visualSampleEntryWidthInBox)) {
+  if (auto size = readUInt32(stsd, start + layout::pictureSize.offset)) {
     entry.picture = {.width = *size >> 16, .height = *size & 0xFFFF};
   }
-  if (header.size < visualSampleEntryFixedSize) return entry;
+  if (header.size < layout::visualEntrySize) return entry;
   const auto end = static_cast<size_t>(std::min<uint64_t>(header.end(), stsd.size()));
-  BufferBoxWalker walker(stsd, start + visualSampleEntryFixedSize, end, boxwalk::sampleEntryChildren);
+  BufferBoxWalker walker(stsd, start + layout::visualEntrySize, end, boxwalk::sampleEntryChildren);
   while (auto child = walker.next()) {
     const VideoCodec* codec = codecOfConfigBox(child->type);
     if (entry.configuration || codec == nullptr) continue;
-    auto contents = stsd.subspan(static_cast<size_t>(child->offset) + 8, static_cast<size_t>(child->size) - 8);
+    auto contents =
+        stsd.subspan(static_cast<size_t>(child->contentOffset()), static_cast<size_t>(child->contentSize()));
     entry.configuration = readConfiguration(*child, *codec, contents);
   }
   const BoxWalkStop& stop = walker.stop();
@@ -65,8 +68,8 @@ void readEntries(FileHandle& file, const MP4BoxInfo& stbl, VideoFacts& video) {
   }
   file.seek(stsd->offset);
   const Bytes bytes = file.read(static_cast<size_t>(std::min<uint64_t>(stsd->size, largestStsd)));
-  const uint32_t count = readUInt32(bytes, stsdCountInBox).value_or(0);
-  BufferBoxWalker walker(bytes, stsdEntriesInBox, bytes.size(), boxwalk::movieBuffer);
+  const uint32_t count = readUInt32(bytes, layout::entryCount.offset).value_or(0);
+  BufferBoxWalker walker(bytes, layout::tableHeaderSize, bytes.size(), boxwalk::movieBuffer);
   while (video.entries.size() < std::min<size_t>(count, mostListed)) {
     auto header = walker.next();
     if (!header) break;

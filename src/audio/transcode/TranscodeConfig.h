@@ -1,0 +1,23 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace tarn {
+
+/// How a track is made anew.
+struct TranscodeConfig {
+  double sampleRate = 48000;          ///< of the decoded audio and of the encoder, in Hz
+  int channels = 2;                   ///< the source decides: 2 for more than one channel, else 1
+  int bitRate = 128000;               ///< bits per second
+  double padDropThresholdMs = 2.0;    ///< from where on a gap or an overlap counts where there is no video
+  int maxSilenceChunkFrames = 48000;  ///< largest silent buffer, in frames
+  double fadeDurationMs = 30.0;       ///< of fades and ramps
+  bool enableFadeSmoothing = true;    ///< fade around inserted silence and cuts
+  bool useComfortNoise = true;        ///< silence carries low noise instead of zeros
+  double comfortNoiseLevel = 0.001;   ///< of full scale
+};
+
+using TranscodeProgress = std::function<void(double progress, const std::string& stage)>;
+
+}  // namespace tarn

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "presentation/PresentationChange.h"
+
+namespace tarn {
+
+/// What of a change goes beyond the announced one, one phrase each, in words for people ("3 pictures are hidden", "the
+/// sound is 45 ms late against the pictures"); empty for a change that harms nothing. Allowed are 1 ms for kept samples
+/// and 2 ms for a remade track (and for that its `packetLength`), or one tick of the coarser movie timescale where that
+/// is more.
+std::vector<std::string> harmsOf(const PresentationChange& change, const Presentation& before,
+                                 const Presentation& after, const AnnouncedChange& announced = {});
+
+}  // namespace tarn
