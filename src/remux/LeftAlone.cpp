@@ -6,7 +6,7 @@
 #include "parameters/VideoCodec.h"
 #include "platform/Error.h"
 #include "presentation/Presentation.h"
-#include "remux/MP4Remuxer.h"
+#include "remux/detail/TagRepair.h"
 
 namespace tarn {
 
@@ -24,7 +24,7 @@ std::optional<std::string> whyTheVideoIsLeftAlone(FileManager& files, const Path
   try {
     if (isFragmented(files, path)) return "it is fragmented: its moov does not list all samples";
     if (isSoundAlone(files, path)) return std::nullopt;
-    if (auto tag = MP4Remuxer::detectHEVCTag(files, path)) {
+    if (auto tag = detectHEVCTag(files, path)) {
       if (isEncryptedVideo(*tag)) return fmt::format("the video is encrypted ({})", *tag);
       return fmt::format("video with the tag '{}' is not repaired", *tag);
     }

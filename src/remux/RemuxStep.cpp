@@ -7,16 +7,16 @@
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/VideoPlan.h"
 #include "remux/detail/ParameterSetRemux.h"
+#include "remux/detail/TagRepair.h"
 
 namespace tarn {
 namespace {
 
 std::optional<std::string> detectCodec(ProcessingRun& run) {
   try {
-    auto tag = MP4Remuxer::detectHEVCTag(run.files, run.fileURL);
+    auto tag = detectHEVCTag(run.files, run.fileURL);
     if (!tag) logLine("WARNING: Could not detect video codec (detection failed)");
     return tag;
   } catch (const Error& error) {

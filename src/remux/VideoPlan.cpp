@@ -11,9 +11,8 @@
 #include "parameters/ParameterScan.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/detail/MovieAccess.h"
-#include "remux/detail/OpenFile.h"
+#include "remux/detail/TagRepair.h"
 #include "remux/detail/VideoEntries.h"
 
 namespace tarn {
@@ -213,7 +212,7 @@ std::optional<VideoPlan> planVideo(FileManager& files, const Path& path) {
   auto stbl = NALUnitParser::findVideoTrackStbl(*file, *moov);
   auto stsd = stbl ? MP4BoxUtils::findChildBox(*file, *stbl, "stsd") : std::nullopt;
   if (!stsd) throw MP4RemuxError::corruptedMP4("Video track stsd not found");
-  auto tag = MP4Remuxer::readVideoCodecFromStsd(*file, *stsd);
+  auto tag = readVideoCodecFromStsd(*file, *stsd);
   const VideoCodec* codec = tag ? codecOfTag(*tag) : nullptr;
   if (!codec) return std::nullopt;
   std::vector<VideoEntry> entries = readVideoEntries(*file, *stsd, *codec);

@@ -4,7 +4,7 @@
 
 #include "movie/MoovCheck.h"
 #include "mp4/BoxLayout.h"
-#include "remux/detail/OpenFile.h"
+#include "platform/OpenFile.h"
 
 namespace tarn {
 namespace {
@@ -37,6 +37,15 @@ MP4RemuxError cutOffError(const BoxHeader& box) {
 }
 
 }  // namespace
+
+MP4RemuxError fileHandleError(const std::string& description) {
+  return MP4RemuxError::ioError(Error("FileHandle", -1, description));
+}
+
+std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenMode mode, const char* refusal) {
+  if (!files.fileExists(path)) throw MP4RemuxError::fileNotFound();
+  return openFile(files, path, mode, fileHandleError(refusal));
+}
 
 MP4RemuxError remuxError(const MovieError& error) {
   switch (error.kind()) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <memory>
+#include <string>
+
 #include "movie/MediaLayout.h"
 #include "movie/MovieError.h"
 #include "movie/MovieTree.h"
@@ -9,7 +12,13 @@
 
 namespace tarn {
 
-// How the remux reads a movie.
+// How the remux opens and reads a movie.
+
+/// An ioError of the domain "FileHandle".
+MP4RemuxError fileHandleError(const std::string& description);
+
+/// Opens a file that must exist. Throws fileNotFound, and fileHandleError(refusal) when it cannot be opened.
+std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenMode mode, const char* refusal);
 
 /// What a failure of the movie toolkit is to the remux.
 MP4RemuxError remuxError(const MovieError& error);

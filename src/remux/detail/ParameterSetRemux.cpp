@@ -8,16 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "movie/MoovCheck.h"
-#include "movie/MovieError.h"
-#include "mp4/DataExtensions.h"
 #include "parameters/ParameterScan.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
+#include "remux/detail/AtomicRewrite.h"
 #include "remux/detail/CodecWords.h"
-#include "remux/detail/OpenFile.h"
+#include "remux/detail/MovieAccess.h"
 #include "remux/detail/SampleEntryInjection.h"
 #include "remux/detail/SeveralEntries.h"
+#include "remux/detail/TagRepair.h"
 
 namespace tarn {
 namespace {
@@ -50,36 +48,10 @@ struct Moov {
   Bytes bytes;
 };
 
-Bytes readBox(FileHandle& file, const MP4BoxInfo& box) {
-  Bytes bytes;
-  try {
-    file.seek(box.offset);
-    bytes = file.read(static_cast<size_t>(box.size));
-  } catch (const PosixError&) {
-    // No data, which is told below.
-  }
-  if (bytes.empty()) throw MP4RemuxError::ioError(Error("Cannot read moov box", -1, "Cannot read moov box"));
-  return bytes;
-}
-
-MP4RemuxError corrupted(std::string_view problem, const MP4BoxInfo& moov) {
-  return MP4RemuxError::corruptedMP4(fmt::format("moov box at {} of {} bytes {}", moov.offset, moov.size, problem));
-}
-
-/// The whole `moov`, fit for being edited in memory. One that reaches to the end of the file gets its size written out.
 Moov readMoov(FileHandle& file, const CodecWords& words) {
   auto box = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!box) throw MP4RemuxError::corruptedMP4("moov box not found");
-  if (box->headerSize != 8) throw corrupted("has a 64-bit size field", *box);
-  Bytes bytes = readBox(file, *box);
-  if (bytes.size() < box->size) throw corrupted("extends beyond the end of the file", *box);
-  if (box->size > UINT32_MAX) throw corrupted("does not fit a 32-bit size field", *box);
-  writeUInt32(bytes, static_cast<uint32_t>(box->size), 0);
-  try {
-    requireEditable(bytes, box->offset, edit::remuxing);
-  } catch (const MovieError& problem) {
-    throw MP4RemuxError::corruptedMP4(problem.description());
-  }
+  Bytes bytes = readEditableMoov(file, *box);
   log("{}Read moov box ({} bytes)", words.prefix, bytes.size());
   return {*std::move(box), std::move(bytes)};
 }
@@ -164,7 +136,7 @@ Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets
 /// True where the first sample entry says what it must, now that its tag does.
 bool repairTag(const Work& work) {
   log("{}Attempting Phase 1 first...", work.words.prefix);
-  bool isDone = MP4Remuxer::remuxAVCTag(work.files, work.fileURL, work.codec.inBandTag);
+  bool isDone = remuxAVCTag(work.files, work.fileURL);
   log("{}{}", work.words.prefix,
       isDone ? "Phase 1 succeeded, no full remux needed" : "Phase 1 failed, proceeding with full Phase 2 remux...");
   return isDone;
@@ -222,7 +194,7 @@ void remux(Work work, std::optional<RemuxTimings>& timings) {
     return;
   }
   timer.start();
-  MP4Remuxer::writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
+  writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
   timings->writeAtomicMP4 = timer.stop();
   log("{}Phase 2 complete: Video remuxed successfully", words.donePrefix);
 }
@@ -234,20 +206,6 @@ void remuxWithParameterExtraction(FileManager& files, const Path& path, const Vi
                                   const VideoPlan* plan, const RewriteCheck& check) {
   if (!timings) timings.emplace();
   remux({files, path, token, *timings, codec, wordsFor(codec), plan, check}, timings);
-}
-
-void MP4Remuxer::remuxHEVCWithParameterExtraction(FileManager& files, const Path& fileURL,
-                                                  const CancellationToken* cancellationToken,
-                                                  std::optional<RemuxTimings>& timings, const VideoPlan* plan,
-                                                  const RewriteCheck& check) {
-  remuxWithParameterExtraction(files, fileURL, VideoCodec::hevc, cancellationToken, timings, plan, check);
-}
-
-void MP4Remuxer::remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/,
-                                                 const CancellationToken* cancellationToken,
-                                                 std::optional<RemuxTimings>& timings, const VideoPlan* plan,
-                                                 const RewriteCheck& check) {
-  remuxWithParameterExtraction(files, fileURL, VideoCodec::avc, cancellationToken, timings, plan, check);
 }
 
 }  // namespace tarn

@@ -4,15 +4,16 @@
 #include <span>
 #include <string>
 
+#include "movie/TrackFields.h"
 #include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/ByteArray.h"
 #include "mp4/DataExtensions.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/detail/CodecWords.h"
 #include "remux/detail/DataFormat.h"
-#include "remux/detail/MoovSearch.h"
+#include "remux/detail/MovieAccess.h"
+#include "remux/detail/ParentBoxSizes.h"
 
 namespace tarn {
 namespace {
@@ -32,19 +33,20 @@ struct Entry {
 
 Entry findEntry(ByteView moov, const VideoCodec& codec) {
   if (moov.size() < 8) throw ByteArrayError::invalidOffset();
-  size_t tracks = findBoxes(moov, "trak", 8, moov.size()).size();
+  MovieBox tree = parseMoov(moov);
+  const auto tracks = std::ranges::count(tree.children, "trak", &MovieBox::type);
   if (tracks == 0) throw MP4RemuxError::corruptedMP4("No trak boxes found in moov");
-  auto trak = findVideoTrak(moov);
-  if (!trak) throw wordsFor(codec).noVideoTrack(tracks);
+  const MovieBox* trak = findTrack(tree, MP4TrackType::video, edit::remuxing);
+  if (!trak) throw wordsFor(codec).noVideoTrack(static_cast<size_t>(tracks));
 
-  size_t stsd = MP4Remuxer::findStsdOffsetInTrak(moov, *trak);
+  size_t stsd = findStsdOffsetInTrak(moov, trak->offset);
   if (readUInt32(moov, stsd + layout::entryCount.offset).value_or(0) == 0) {
     throw MP4RemuxError::corruptedMP4("No sample entries in stsd");
   }
   size_t offset = stsd + layout::tableHeaderSize;
   ByteArray cursor(moov);
   cursor.position = offset;
-  Entry entry{.trak = *trak, .offset = offset, .size = cursor.readUInt32(), .tag = cursor.readUTF8Bytes(4)};
+  Entry entry{.trak = trak->offset, .offset = offset, .size = cursor.readUInt32(), .tag = cursor.readUTF8Bytes(4)};
   if (!codec.accepts(entry.tag)) throw wordsFor(codec).wrongTag(entry.tag);
   if (entry.size < layout::visualEntrySize) throw MP4RemuxError::corruptedMP4("Sample entry too small");
   size_t stsdEnd = std::min<size_t>(stsd + *readUInt32(moov, stsd), moov.size());
@@ -91,7 +93,7 @@ void copyChildren(ByteView moov, const Entry& entry, const VideoCodec& codec, By
       std::string_view what = words.logsDetails ? "decoder config box: " : "";
       log("{}Skipping old {}{} ({} bytes)", words.prefix, what, child->type, child->size);
     } else if (child->type == "sinf" && isEncryptedVideo(entry.tag)) {
-      ByteWriter(target).bytes(MP4Remuxer::updateFrmaInSinfData(bytes, codec.tag));
+      ByteWriter(target).bytes(updateFrmaInSinfData(bytes, codec.tag));
       log("Updated sinf box with frma → {} ({} bytes)", codec.tag, child->size);
     } else {
       ByteWriter(target).bytes(bytes);
@@ -149,22 +151,14 @@ Bytes injectConfigBoxIntoMoov(ByteView moov, ByteView configBox, const VideoCode
   result.reserve(moov.size() - entry.size + newEntry.size());
   ByteWriter(result).bytes(moov.first(entry.offset)).bytes(newEntry).bytes(moov.subspan(entry.end()));
   if (delta != 0) {
-    MP4Remuxer::updateParentBoxSizes(result, delta, entry.trak);
+    updateParentBoxSizes(result, delta, entry.trak);
   } else {
     log("{}Sample entry size unchanged, skipping parent box updates", words.prefix);
   }
   return result;
 }
 
-Bytes MP4Remuxer::injectHvcCBoxIntoMoov(ByteView moovData, ByteView hvcCBox) {
-  return injectConfigBoxIntoMoov(moovData, hvcCBox, VideoCodec::hevc);
-}
-
-Bytes MP4Remuxer::injectAvcCBoxIntoMoov(ByteView moovData, ByteView avcCBox) {
-  return injectConfigBoxIntoMoov(moovData, avcCBox, VideoCodec::avc);
-}
-
-Bytes MP4Remuxer::updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec) {
+Bytes updateFrmaInSinfData(ByteView sinfData, std::string_view targetCodec) {
   Bytes result(sinfData.begin(), sinfData.end());
   if (auto old = replaceDataFormat(result, targetCodec)) {
     log("    Updated frma data_format: {} → {}", *old, targetCodec);

@@ -11,8 +11,8 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
 #include "remux/VisualSampleEntryBuilder.h"
+#include "remux/detail/AtomicRewrite.h"
 #include "remux/detail/CodecWords.h"
 #include "remux/detail/MovieAccess.h"
 #include "remux/detail/SampleTableReplacement.h"
@@ -71,7 +71,7 @@ class Redescription {
 
     TimingHelper timer;
     log("{}Building new moov...", words_.prefix);
-    Bytes moov = MP4Remuxer::buildMoovWithMultipleEntries(moov_, entries_, stsc_, chunkOffsets_);
+    Bytes moov = buildMoovWithMultipleEntries(moov_, entries_, stsc_, chunkOffsets_);
     timings_.buildNewMoov = timer.stop();
     log("{}New moov size: {} bytes (was {} bytes)", words_.prefix, moov.size(), moov_.size());
     return moov;
@@ -81,9 +81,9 @@ class Redescription {
   void parseTable() {
     TimingHelper timer;
     log("{}Parsing sample table...", words_.prefix);
-    stbl_ = MP4Remuxer::findStblBoxInMoov(moov_);
+    stbl_ = findStblBoxInMoov(moov_);
     table_.parseSampleTable(file_, {.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"});
-    stsd_ = MP4Remuxer::extractStsdBoxFromMoov(moov_);
+    stsd_ = extractStsdBoxFromMoov(moov_);
     timings_.parseSampleTable = timer.stop();
   }
 
@@ -182,7 +182,7 @@ class Redescription {
   const VideoCodec& codec_;
   const CodecWords& words_;
 
-  MP4Remuxer::BoxRange stbl_;
+  BoxHeader stbl_;  // in the `moov`
   MP4SampleTableParser table_;
   Bytes stsd_;
   bool isPlanned_ = false;
@@ -208,26 +208,8 @@ void remuxWithSeveralEntries(FileManager& files, const Path& path, const MP4BoxI
     return;
   }
   TimingHelper timer;
-  MP4Remuxer::writeAtomicMP4(files, path, moovBox, std::move(newMoov), file, timings, check);
+  writeAtomicMP4(files, path, moovBox, std::move(newMoov), file, timings, check);
   timings->writeAtomicMP4 = timer.stop();
-}
-
-void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
-                                                ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                                std::optional<RemuxTimings>& timings,
-                                                const std::vector<ConfigurationSegment>& segments,
-                                                const RewriteCheck& check) {
-  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
-                          check, VideoCodec::hevc);
-}
-
-void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
-                                                   ByteView moovData, int nalLengthSize, FileHandle& fileHandle,
-                                                   std::optional<RemuxTimings>& timings,
-                                                   const std::vector<ConfigurationSegment>& segments,
-                                                   const RewriteCheck& check) {
-  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
-                          check, VideoCodec::avc);
 }
 
 }  // namespace tarn

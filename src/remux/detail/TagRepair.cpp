@@ -1,3 +1,5 @@
+#include "remux/detail/TagRepair.h"
+
 #include <algorithm>
 #include <initializer_list>
 #include <utility>
@@ -8,8 +10,7 @@
 #include "mp4/MP4RemuxError.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
-#include "remux/MP4Remuxer.h"
-#include "remux/detail/OpenFile.h"
+#include "remux/detail/MovieAccess.h"
 #include "remux/detail/VideoEntries.h"
 
 namespace tarn {
@@ -39,7 +40,7 @@ Bytes readContents(FileHandle& file, const MP4BoxInfo& box, uint64_t count, cons
 
 MP4BoxInfo requireVideoTrack(FileHandle& file, const MP4BoxInfo& moov) {
   file.seek(moov.contentOffset());
-  while (auto trak = MP4Remuxer::findBoxInContainer(file, moov, "trak")) {
+  while (auto trak = MP4BoxUtils::findBoxInContainer(file, moov, "trak")) {
     if (MP4BoxUtils::getHandlerType(file, *trak) == handlerTypeText(MP4TrackType::video)) {
       log("AVC Phase 1: Found video track at offset {}", trak->offset);
       return *trak;
@@ -138,7 +139,7 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
 
 }  // namespace
 
-std::optional<std::string> MP4Remuxer::detectHEVCTag(FileManager& files, const Path& fileURL) {
+std::optional<std::string> detectHEVCTag(FileManager& files, const Path& fileURL) {
   auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
   auto box = MP4BoxUtils::findTopLevelBox(*file, "moov");
   if (box) box = MP4BoxUtils::findTrack(*file, *box, MP4TrackType::video);
@@ -148,7 +149,7 @@ std::optional<std::string> MP4Remuxer::detectHEVCTag(FileManager& files, const P
   return box ? readVideoCodecFromStsd(*file, *box) : std::nullopt;
 }
 
-std::optional<std::string> MP4Remuxer::readVideoCodecFromStsd(FileHandle& file, const MP4BoxInfo& stsd) {
+std::optional<std::string> readVideoCodecFromStsd(FileHandle& file, const MP4BoxInfo& stsd) {
   Bytes contents = readContents(file, stsd, codecTagRead);
   ByteArray cursor(contents);
   cursor.skipVersionAndFlags();
@@ -157,7 +158,7 @@ std::optional<std::string> MP4Remuxer::readVideoCodecFromStsd(FileHandle& file, 
   return cursor.readUTF8Bytes(4);
 }
 
-bool MP4Remuxer::remuxAVCTag(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/) {
+bool remuxAVCTag(FileManager& files, const Path& fileURL) {
   auto file = openFile(files, fileURL, OpenMode::updating, "Cannot open file for writing");
   MP4BoxInfo stsd = requireStsd(*file);
   FirstEntry entry = readFirstEntry(*file, stsd);
