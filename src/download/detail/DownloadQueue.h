@@ -6,7 +6,6 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <string>
 
 #include "download/DownloadTask.h"
 #include "platform/UserDefaults.h"
@@ -15,14 +14,13 @@ namespace tarn {
 
 /// A download that waits for a slot. The delegate is held weakly: it owns the engine that holds this.
 struct PendingDownload {
-  std::string url;
   DownloadTaskPointer task;
   std::weak_ptr<DownloadManagerDelegate> delegate;
 };
 
 /// The waiting line, and the slots that limit how many downloads run. A slot belongs to an id from the start of the
-/// transfer to the end of the file's run, and is given back once, by whoever comes first. Thread-safe; the lock is
-/// never held across a call to anybody but the store of the limit.
+/// transfer to the end of the file's run, and is given back once, by whoever comes first. Under its lock only the
+/// stored limit is read. Thread-safe.
 class DownloadQueue {
  public:
   static constexpr const char* limitKey = "MaxConcurrentDownloads";
