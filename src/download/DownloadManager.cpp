@@ -11,7 +11,7 @@
 
 namespace tarn {
 
-/// The parts of the engine. They refer to each other, and live and go together.
+/// The parts of the engine. They refer to each other, and are made and destroyed together.
 struct DownloadManager::Parts {
   Parts(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
       : engine(platform, std::move(outcomes)), line(engine, starter, steps) {}

@@ -13,7 +13,7 @@ std::string SimpleMediaSaver::saveVideo(PHPhotoLibrary& library, const Clock& cl
   const PHObjectPlaceholder asset = createAsset(library, clock, path, filename);
   const PHAssetCollection collection = getCollection(library, album);
   library.performChangesAndWait([&](PHChangeBlock& change) {
-    // An album that was deleted in between takes nothing, and the asset stays in the library all the same.
+    // If the album was deleted in between, nothing is added to it, and the asset stays in the library.
     change.addAssets(collection.localIdentifier, {asset});
   });
   return asset.localIdentifier;

@@ -12,7 +12,7 @@
 
 namespace tarn {
 
-/// A download that waits for a slot. The delegate is held weakly: it owns the engine that holds this.
+/// A download that waits for a slot. The delegate is held weakly: it owns the engine, which holds this.
 struct PendingDownload {
   DownloadTaskPointer task;
   std::weak_ptr<DownloadManagerDelegate> delegate;
@@ -40,7 +40,7 @@ class DownloadQueue {
     int64_t limit = 0;
   };
 
-  /// Takes a slot for the download, or puts it at the end of the line when all are taken.
+  /// Takes a slot for the download, or puts it at the end of the line if all are taken.
   struct Admission {
     bool hasSlot = false;
     Counts counts;
@@ -57,7 +57,7 @@ class DownloadQueue {
   };
   std::optional<Started> takeNext();
 
-  /// True when the id held a slot; it is free now.
+  /// Frees the slot of an id. Returns false if it held none.
   bool releaseSlot(int64_t id);
   /// Takes the download out of the line.
   void remove(int64_t id);

@@ -9,7 +9,7 @@ namespace tarn {
 
 // --- After a restart ---
 
-/// Of all stored transfers, by the ids of their downloads.
+/// The requests that are noted with the stored transfers, by the ids of their downloads.
 std::map<int64_t, DownloadRequest> DownloadStarter::storedRequests() {
   std::map<int64_t, DownloadRequest> requests;
   try {
@@ -48,8 +48,8 @@ void DownloadStarter::takeUpStoredTransfers() {
   }
 }
 
-/// A transfer that an earlier process has begun goes on; one that it had only stored, for a download that was waiting,
-/// waits on.
+/// A transfer that an earlier process has begun goes on. One that it had only stored, for a waiting download, keeps
+/// waiting.
 void DownloadStarter::takeUp(const DownloadTask::Transfer& transfer, int64_t id) {
   const bool isWaiting = transfer->state() == NSURLSessionTaskState::suspended;
   if (isWaiting) engine_.registry.mapTransfer(transfer->taskIdentifier(), id);
@@ -82,7 +82,7 @@ bool DownloadStarter::isIdTaken(int64_t id) {
   return storedRequests().contains(id);
 }
 
-/// The session's lock is held by the caller.
+/// The caller holds the session's lock.
 void DownloadStarter::makeSession() {
   if (!session_) session_ = engine_.platform.transfers.makeBackgroundSession(sessionIdentifier_, sessionDelegate_);
 }
@@ -137,8 +137,8 @@ DownloadTask::Transfer DownloadStarter::makeTransfer(const DownloadTask& task) {
   return transfer;
 }
 
-/// A download gets its transfer before it may have to wait, suspended, so that its flags come back with that after a
-/// kill. One that gets none now gets another chance when it is started.
+/// Makes the transfer of a download that may have to wait, suspended, so that the transfer's note keeps the flags over
+/// a kill. If that fails, the start of the download tries again.
 void DownloadStarter::storeAhead(const DownloadTaskPointer& task) {
   try {
     auto transfer = makeTransfer(*task);
@@ -163,7 +163,7 @@ bool DownloadStarter::startTransfer(const PendingDownload& download) {
     });
     transfer->resume();
     if (!task->isEnded()) return true;
-    // Cancelled meanwhile, at a moment when there was no running transfer to stop.
+    // The download was cancelled just now, when there was no running transfer to stop.
     transfer->cancel();
   } catch (const Error& error) {
     log("Download could not be started {} {}", task->id, error.description());

@@ -41,8 +41,8 @@ void ProcessingLine::startRun(const ProcessingGate::Start& start) {
   engine_.posts.post(*worker_, [this, start] { driver_.continueProcessing(start.state, start.token); });
 }
 
-/// For a run that may end at any moment. Its end frees the gate first and gives background time back then, so one of
-/// the two sees what the other did.
+/// The run may end at any moment. Its end frees the gate and then gives background time back; this takes the time and
+/// then looks at the gate. So one of the two gives it back.
 void ProcessingLine::startBackgroundTime(int64_t id) {
   backgroundTime_.start(id);
   if (engine_.gate.activeRun() != id) backgroundTime_.end(id);
@@ -115,7 +115,7 @@ void ProcessingLine::resumeOldest() {
   }
 }
 
-/// False when the record cannot be resumed now, or not any more.
+/// Returns false if the record cannot be resumed, now or at all.
 bool ProcessingLine::resume(int64_t id) {
   DownloadTaskPointer task;
   const auto start = engine_.gate.resume(id, [&](const ProcessingState& state) {

@@ -9,7 +9,7 @@
 namespace tarn {
 namespace {
 
-/// The name that a page gave becomes one entry of the Documents directory, or the download fails.
+/// The file name that the page gave. Throws Error if it is not the name of one file in a directory.
 std::string checkedFilename(const DownloadRequest& request) {
   if (!request.filename) throw Error("TarnFetch", -1, "The download has no file name");
   const std::string& name = *request.filename;
@@ -122,12 +122,12 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
   }
 }
 
-/// The place for the task's file. Another download's pending file is never replaced, and none is while nobody can tell
-/// which are pending: the newcomer then gets its id in its name on disk.
+/// Holds the place for the task's file. If another download's pending file is there, or nobody can tell which files are
+/// pending, the new file gets its download's id in its name.
 NamesInTheMaking::Hold TransferEvents::holdDestination(const DownloadTask& task) {
   const Path destination = engine_.platform.files.documentsDirectory(true) / checkedFilename(task.request);
   const auto anothers = engine_.store.filesInUse(task.id);
-  // A record that could not be stored has its run all the same.
+  // A run whose record could not be stored counts too.
   const auto isAnothersRun = [&](const ProcessingState& run) {
     return run.downloadId != task.id && run.fileURL == destination;
   };
@@ -171,12 +171,12 @@ void TransferEvents::urlSessionDidComplete(const TaskPointer& transfer, const st
     engine_.news.tellFailed(task);
     return;
   }
-  // The gate knows of a run whose record cannot be read just now.
+  // The gate also knows the runs whose records cannot be read just now.
   if (engine_.gate.holds(task->id) || engine_.store.mayHaveState(task->id)) {
     log("URLSession task completed but processing ongoing for {} - skipping notification", task->id);
     return;
   }
-  // A file that could not enter the pipeline, or a run that was over before this event.
+  // The file could not enter the pipeline, or its run was over before this event.
   engine_.news.tellFinished(task, task->snapshot().location.value_or(Path()));
 }
 
