@@ -1,5 +1,5 @@
 #include "Fuzzing.h"
-#include "download/TransferNote.h"
+#include "download/DownloadRequest.h"
 #include "download/detail/TaskStore.h"
 #include "pipeline/ProcessingState.h"
 #include "platform/SafeName.h"
@@ -34,7 +34,7 @@ void run(Input input) {
       document, [](ByteView given) { return decodeProcessingStates(given).states; }, encodeProcessingStates);
   roundTrip(document, decodeDownloadTasks, encodeDownloadTasks);
   transferRecords(document);
-  if (auto note = TransferNote::parse(text)) require(TransferNote::parse(note->text())->id == note->id);
+  if (auto note = NotedDownload::parse(text)) require(NotedDownload::parse(note->text()) == note);
   if (auto url = URL::parse(text)) url->lastPathComponent();
   pathFromFileURL(text);
   const std::string name = safeName(text, NameKind::file);

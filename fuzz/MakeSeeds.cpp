@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "download/TransferNote.h"
+#include "download/DownloadRequest.h"
 #include "download/detail/TaskStore.h"
 #include "pipeline/ProcessingState.h"
 #include "platform/host/PosixFileManager.h"
@@ -74,8 +74,9 @@ void documents() {
   state.tempFiles = {state.fileURL = "/home/Documents/a.m4a"};
   state.stage = ProcessingStage::remuxed;
   add("document_fuzzer", encodeProcessingStates({{7, state}}));
-  add("document_fuzzer", encodeDownloadTasks({{7, "http://127.0.0.1/a%20b.mp4", "Trips", "a.mp4", "x"}}));
-  add("document_fuzzer", bytesOf(TransferNote{.id = 7, .skipVideoFix = true}.text()));
+  add("document_fuzzer", encodeDownloadTasks({{7, {"http://127.0.0.1/a%20b.mp4", "Trips", "a.mp4"}, "x"}}));
+  add("document_fuzzer",
+      bytesOf(NotedDownload{.id = 7, .request = {.url = "http://127.0.0.1/a.mp4", .skipVideoFix = true}}.text()));
   add("document_fuzzer", bytesOf("http://127.0.0.1/a%20b.mp4?c"));
   add("bridge_fuzzer", bytesOf(R"(0{"url":"http://127.0.0.1/a.mp4","album":"Trips","filename":"a.mp4"}
 1{"id":1800000000}

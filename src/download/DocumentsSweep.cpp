@@ -24,7 +24,7 @@ bool isStepTempName(std::string_view name) {
 
 }  // namespace
 
-/// By name; nothing when the records cannot be read.
+/// The names of all files that somebody refers to; nothing if the records cannot be read.
 std::optional<std::set<Path>> DocumentsSweep::knownFiles() const {
   const auto inUse = store_.filesInUse();
   if (!inUse) return std::nullopt;
@@ -37,8 +37,8 @@ std::optional<std::set<Path>> DocumentsSweep::knownFiles() const {
   return known;
 }
 
-/// Between a listing and now a transfer may have brought a file of this name. Holding the name keeps it from doing so
-/// from here on, and the look behind that sees what it wrote before.
+/// Since the directory was listed, a transfer may have brought a file of this name. While the name is held, none can;
+/// so the names are looked up again after that.
 std::optional<NamesInTheMaking::Hold> DocumentsSweep::holdIfUnused(const Path& file) {
   auto hold = names_.tryHold(file);
   if (!hold) return std::nullopt;

@@ -34,6 +34,11 @@ std::string_view pageText(DownloadStatus status) {
   return statusTable[static_cast<size_t>(status)].pageText;
 }
 
+bool isActive(DownloadStatus status) {
+  return status == DownloadStatus::queued || status == DownloadStatus::downloading ||
+         status == DownloadStatus::processing;
+}
+
 DownloadStatus downloadStatus(std::string_view rawValue) {
   auto found = std::ranges::find(statusTable, rawValue, &StatusRow::rawValue);
   if (found == statusTable.end()) return DownloadStatus::unknown;
@@ -73,13 +78,8 @@ std::string_view DownloadReason::description() const {
   return "ERROR_UNKNOWN";
 }
 
-DownloadTask::DownloadTask(FileManager& files, int64_t taskId, std::string sourceURL,
-                           std::optional<std::string> targetAlbum, std::optional<std::string> targetFilename)
-    : id(taskId),
-      url(std::move(sourceURL)),
-      filename(std::move(targetFilename)),
-      album(std::move(targetAlbum)),
-      files_(files) {}
+DownloadTask::DownloadTask(FileManager& files, int64_t taskId, DownloadRequest asked)
+    : id(taskId), request(std::move(asked)), files_(files) {}
 
 DownloadTask::Snapshot DownloadTask::snapshot() const {
   std::lock_guard guard(mutex_);

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "download/DownloadRequest.h"
 #include "platform/Bytes.h"
 #include "platform/Clock.h"
 #include "platform/FileManager.h"
@@ -25,7 +26,10 @@ DownloadStatus downloadStatus(std::string_view rawValue);
 /// The text that a page sees.
 std::string_view pageText(DownloadStatus status);
 
-/// Why a task stands where it stands. Only `error` carries an error.
+/// True for a task that waits, downloads or is processed.
+bool isActive(DownloadStatus status);
+
+/// Why a task has its status. Only `error` carries an error.
 struct DownloadReason {
   enum class Case {
     error,
@@ -52,22 +56,19 @@ struct DownloadReason {
   std::string_view description() const;
 };
 
-/// One video that a page asked for, from the command to the outcome. Shared by the engine's map, the waiting line, the
-/// run and closures in flight. Every field is read and written under the task's own mutex, a leaf that is never held
-/// across a call to anybody else. Thread-safe.
+/// One video that a page asked for, from the command to the outcome. Shared by the registry, the waiting line and
+/// posted work. Every field that changes is read and written under the task's own mutex, under which nobody is called.
+/// Thread-safe.
 class DownloadTask {
  public:
   using CompletionHandler = std::function<void(const std::shared_ptr<DownloadTask>&, const std::optional<Path>&)>;
   using Transfer = std::shared_ptr<NSURLSessionDownloadTask>;
 
-  /// `files` must outlive the task: cancel() and cleanup() delete through it.
-  DownloadTask(FileManager& files, int64_t id, std::string url, std::optional<std::string> album,
-               std::optional<std::string> filename);
+  /// `files` must outlive the task: cancel() and cleanup() use it to delete.
+  DownloadTask(FileManager& files, int64_t id, DownloadRequest request);
 
   const int64_t id;  ///< creation time in seconds since 1970; key in every map, store and payload
-  const std::string url;
-  const std::optional<std::string> filename;
-  const std::optional<std::string> album;
+  const DownloadRequest request;
 
   /// The fields that change, as one consistent copy.
   struct Snapshot {
@@ -79,8 +80,6 @@ class DownloadTask {
     double processingProgress = 0;       ///< fraction of the processing done
     std::string processingStage;         ///< text for the page
     bool notificationSent = false;       ///< the page's completion event has been arranged
-    bool skipVideoFix = false;
-    bool skipAudioFix = false;
     Transfer downloadTask;
     std::optional<Bytes> resumeData;
     int64_t totalBytes = 0;  ///< expected size as the transfer tells it; -1 while it is not known
@@ -97,24 +96,24 @@ class DownloadTask {
   DownloadStatus status() const;
   bool isEnded() const;
 
-  /// Changes fields under the mutex; the change must not call out.
+  /// Changes fields under the mutex; the change must call nobody.
   template <typename Change>
   void update(Change&& change) {
     std::lock_guard guard(mutex_);
     change(fields_);
   }
 
-  /// True for the first who asks: that one tells the page of the end.
+  /// True for the first caller alone: that one tells the page of the end.
   bool claimNotification();
 
-  /// The task reads `failed` with this error, unless it has ended.
+  /// Sets the status to `failed` with this error, unless the task has ended.
   void fail(std::exception_ptr failure);
 
-  /// Stops a running transfer, drops the completion handler and deletes the file at `location`; the task reads
+  /// Stops a running transfer, drops the completion handler, deletes the file at `location` and sets the status to
   /// `failed`.
   void cancel();
 
-  /// The same, but the task reads `cancelled`. A second call finds nothing to do.
+  /// The same, but the status becomes `cancelled`. A second call finds nothing to do.
   void cleanup();
 
  private:

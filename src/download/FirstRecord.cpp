@@ -10,10 +10,10 @@
 namespace tarn {
 namespace {
 
-bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
+bool codecNeedsRemuxing(FileManager& files, const Path& path) {
   std::optional<std::string> tag;
   try {
-    tag = MP4Remuxer::detectHEVCTag(files, fileURL);
+    tag = MP4Remuxer::detectHEVCTag(files, path);
   } catch (const Error& error) {
     log("ERROR detecting video codec: {}", error.description());
     return false;
@@ -28,10 +28,10 @@ bool codecNeedsRemuxing(FileManager& files, const Path& fileURL) {
   return codec != nullptr;
 }
 
-/// False also where the file cannot be read: the steps will say so.
-bool mustStayAsItIs(FileManager& files, const Path& fileURL) {
+/// False too if the file cannot be read: the steps will say so.
+bool mustStayAsItIs(FileManager& files, const Path& path) {
   try {
-    return isFragmented(files, fileURL);
+    return isFragmented(files, path);
   } catch (const PosixError& error) {
     log("ERROR looking for fragments: {}", error.description());
     return false;
@@ -40,21 +40,22 @@ bool mustStayAsItIs(FileManager& files, const Path& fileURL) {
 
 }  // namespace
 
-ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const PipelineEntry& entry) {
-  ProcessingState state{.downloadId = entry.id,
-                        .filename = entry.filename,
-                        .album = entry.album,
-                        .fileURL = entry.fileURL,
+ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t id, const Path& path,
+                                const DownloadRequest& request) {
+  ProcessingState state{.downloadId = id,
+                        .filename = request.filename.value_or(path.filename().string()),
+                        .album = request.album,
+                        .fileURL = path,
                         .lastUpdated = clock.now()};
-  if (mustStayAsItIs(files, entry.fileURL)) {
+  if (mustStayAsItIs(files, path)) {
     logLine("Fragmented movie detected - it is kept as it came");
     state.skipAVSync = true;
     return state;
   }
-  state.needsRemuxing = codecNeedsRemuxing(files, entry.fileURL) && !entry.skipVideoFix;
+  state.needsRemuxing = codecNeedsRemuxing(files, path) && !request.skipVideoFix;
   log("needsRemuxing = {}", state.needsRemuxing);
-  const bool skipsSound = entry.skipVideoFix || entry.skipAudioFix;
-  state.needsAudioTranscode = !skipsSound && !AVAsset(files, entry.fileURL).tracks(AVMediaType::audio).empty();
+  const bool skipsSound = request.skipVideoFix || request.skipAudioFix;
+  state.needsAudioTranscode = !skipsSound && !AVAsset(files, path).tracks(AVMediaType::audio).empty();
   state.skipAVSync = skipsSound;
   return state;
 }

@@ -1,27 +1,18 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 
+#include "download/DownloadRequest.h"
 #include "pipeline/ProcessingState.h"
 #include "platform/Clock.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
 
-/// What is known of a file that enters the pipeline.
-struct PipelineEntry {
-  int64_t id = 0;
-  std::string filename;
-  std::optional<std::string> album;
-  Path fileURL;
-  bool skipVideoFix = false;
-  bool skipAudioFix = false;
-};
-
-/// Looks at the file's codec and audio and makes the record with which its run begins: its flags steer the whole run. A
-/// codec that cannot be detected is no failure.
-ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, const PipelineEntry& entry);
+/// Looks at the codec and the audio of the file at `path` and makes the record with which the run of download `id`
+/// begins: its flags steer the whole run. The record bears the name that was requested, else that of the file. A codec
+/// that cannot be detected is no failure.
+ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t id, const Path& path,
+                                const DownloadRequest& request);
 
 }  // namespace tarn

@@ -1,7 +1,7 @@
 #include "engine/Host.h"
 
 #include "download/DocumentsSweep.h"
-#include "download/TransferNote.h"
+#include "download/DownloadRequest.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -81,7 +81,7 @@ std::vector<int64_t> Host::records() {
 std::vector<int64_t> Host::transfers() {
   std::vector<int64_t> ids;
   for (const std::string& text : transfers_.storedTaskDescriptions()) {
-    if (const auto note = TransferNote::parse(text)) ids.push_back(note->id);
+    if (const auto note = NotedDownload::parse(text)) ids.push_back(note->id);
   }
   return ids;
 }

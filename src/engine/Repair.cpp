@@ -60,12 +60,8 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   SystemClock clock;
   UserDefaults defaults(files, home.path() / "Defaults");
   ProcessingStateManager store(defaults, files, clock);
-  const ProcessingState record = makeFirstRecord(files, clock,
-                                                 {.filename = video.filename().string(),
-                                                  .album = std::nullopt,
-                                                  .fileURL = video,
-                                                  .skipVideoFix = request.skipVideoFix,
-                                                  .skipAudioFix = request.skipAudioFix});
+  const DownloadRequest wishes{.url = "", .skipVideoFix = request.skipVideoFix, .skipAudioFix = request.skipAudioFix};
+  const ProcessingState record = makeFirstRecord(files, clock, 0, video, wishes);
   if (!record.needsRemuxing && !request.skipVideoFix) {
     if (const auto why = whyTheVideoIsLeftAlone(files, video)) {
       result.note = fmt::format("The video was left as it is: {}.", *why);

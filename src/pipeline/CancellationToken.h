@@ -6,7 +6,7 @@
 
 namespace tarn {
 
-/// Ends a run that was asked to stop. It is told apart from every other failure by its type.
+/// Ends a run that was asked to stop. The driver knows it by its type.
 class CancellationError : public Error {
  public:
   CancellationError() : Error("CancellationError", -1, "Operation was cancelled") {}
@@ -18,7 +18,7 @@ class CancellationToken {
   bool isCancelled() const;
   void cancel();
   void reset();
-  /// Throws CancellationError when set.
+  /// Throws CancellationError if set.
   void throwIfCancelled() const;
 
  private:

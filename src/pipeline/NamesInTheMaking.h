@@ -9,10 +9,10 @@
 
 namespace tarn {
 
-/// The files that are being made, moved or deleted, and that no stored record protects yet. Whoever works on such a
-/// file holds its name, and a name has one holder at a time: the hand-over of a transfer until the record is written, a
-/// step for its temp files, a run for its video, the sweep for the moment of a deletion. Thread-safe; a leaf: it never
-/// calls out.
+/// The names of files that are being made, moved or deleted, and that no stored record protects yet. Whoever works on
+/// such a file holds its name, and a name has one holder at a time: the hand-over of a transfer until the record is
+/// written, a step for its temp files, a run for its video, the sweep for the moment of a deletion. Thread-safe. Its
+/// lock is held for a moment only, and under it nobody is called.
 class NamesInTheMaking {
  public:
   /// Holds a name until it is destroyed. Must not outlive the NamesInTheMaking.
@@ -32,10 +32,11 @@ class NamesInTheMaking {
     Path path_;
   };
 
-  /// Waits until nobody holds the name.
+  /// Waits until nobody else holds the name. That may take as long as a run, so only queues with a thread of their own
+  /// may wait here.
   Hold hold(const Path& path);
 
-  /// Nothing when somebody holds the name.
+  /// Returns nothing if somebody holds the name.
   std::optional<Hold> tryHold(const Path& path);
 
  private:

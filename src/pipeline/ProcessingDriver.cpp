@@ -40,7 +40,8 @@ ProcessingDriver::ProcessingDriver(FileManager& files, const Clock& clock, Proce
 
 void ProcessingDriver::continueProcessing(const ProcessingState& state,
                                           const std::shared_ptr<CancellationToken>& cancellationToken) {
-  // The name stays held until the file is gone or is nobody's: a transfer that ends meanwhile takes another one.
+  // The run holds the name until the file is deleted or left to others. A transfer that ends meanwhile gets another
+  // name.
   auto hold = names_.hold(state.fileURL);
   RunLayers layers(files_, state, runFiles_ == RunFiles::layered);
   PolledFiles files(layers.files(), cancellationToken);

@@ -17,11 +17,12 @@
 
 namespace tarn {
 
-/// One file is processed at a time: the active run and the line behind it. Every decision is one step under the gate's
-/// lock, which may be held while the store's lock is taken, and while a caller's function looks a task up. Thread-safe.
+/// Lets one file be processed at a time: holds the active run and the line behind it. Each operation is one step under
+/// the gate's lock. Under it the store is used, a token is set, and the caller's functions are called: they may look up
+/// and change tasks, and must not call the gate. Thread-safe.
 ///
 /// An id that runs, waits or is being handed over is never resumed. A run is known by its token. A run that the page
-/// has taken away can neither store its record nor free the gate for another; it still counts until it ends.
+/// has taken away can neither store its record nor free the gate for another; its id stays taken until it ends.
 class ProcessingGate {
  public:
   using Token = std::shared_ptr<CancellationToken>;
@@ -29,8 +30,8 @@ class ProcessingGate {
 
   explicit ProcessingGate(ProcessingStateManager& store);
 
-  /// Says that the file of `id` is on its way here, from before its record is stored until the run was asked for. Must
-  /// not outlive the gate.
+  /// Marks `id` as being handed over: from before its record is stored until its run was asked for. Must not outlive
+  /// the gate.
   class HandOver {
    public:
     HandOver(ProcessingGate& gate, int64_t id);
@@ -60,8 +61,8 @@ class ProcessingGate {
     Token token;
   };
 
-  /// Starts the stored record of `id` if no run is active, the record is still pending, and nobody has the id in hand.
-  /// `isWanted` is asked under the lock, last.
+  /// Starts the stored record of `id` if no run is active, the record is still pending, the id neither runs nor waits
+  /// nor is being handed over, and `isWanted` agrees, which is asked last, under the lock.
   std::optional<Start> resume(int64_t id, const std::function<bool(const ProcessingState&)>& isWanted);
 
   /// What follows from the end of a run.
@@ -82,19 +83,19 @@ class ProcessingGate {
 
   /// What the page has taken away for good: out of the gate and out of the store, in one step.
   struct TakenAway {
-    bool activeRun = false;                   ///< it was asked to stop, and its files are its own until it ends
-    size_t waiting = 0;                       ///< runs that have left the line
-    std::vector<ProcessingState> files = {};  ///< records whose files are nobody's any more
+    bool activeRun = false;                   ///< the active run was asked to stop; it deletes its own files at its end
+    size_t waiting = 0;                       ///< how many runs have left the line
+    std::vector<ProcessingState> files = {};  ///< records whose files nobody owns any more
   };
   TakenAway cancel(int64_t id);
   TakenAway cancelAll();
   /// As cancelAll, and the gate is free at once.
   TakenAway clear();
 
-  /// Background time is over: asks the active run to stop and stores its record as it stands. Its record.
+  /// Background time is over: asks the active run to stop, stores its record as it stands and returns it.
   std::optional<ProcessingState> expire();
 
-  /// The id of the active run; nothing when no run is active.
+  /// The id of the active run; nothing if no run is active.
   std::optional<int64_t> activeRun() const;
 
   /// True while a run of this id is being handed over, waits, or goes on.
@@ -112,11 +113,11 @@ class ProcessingGate {
     bool isTakenAway = false;
   };
 
-  // The lock is held by the callers of these.
+  // The callers of these hold the lock.
   Token begin(const ProcessingState& state);
   bool isCurrent(const CancellationToken& token) const { return currentCancellationToken_.get() == &token; }
   bool isHeld(int64_t id) const;
-  /// Asks the active run to stop and takes its record back; false when there is none.
+  /// Asks the active run to stop and takes its record back. Returns false if no run is active.
   bool stopActiveRun();
   TakenAway takeAllAway();
 
@@ -124,7 +125,7 @@ class ProcessingGate {
   mutable std::mutex processingLock_;
   bool isProcessing_ = false;
   bool isClosed_ = false;
-  std::optional<ProcessingState> currentProcessingState_;  ///< empty when it was taken back
+  std::optional<ProcessingState> currentProcessingState_;  ///< empty if it was taken back
   Token currentCancellationToken_;
   std::deque<ProcessingState> pendingProcessingQueue_;
   std::map<const CancellationToken*, Run> runsInFlight_;  ///< until they end, also when they are not current

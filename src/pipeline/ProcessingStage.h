@@ -23,20 +23,20 @@ enum class ProcessingStage {
   failed,
 };
 
-/// The stored text; and the stage of such a text, nothing for any other text.
+/// The stored text of a stage; and the stage of a stored text, nothing if the text is none of them.
 std::string_view rawValue(ProcessingStage stage);
 std::optional<ProcessingStage> processingStage(std::string_view rawValue);
 
 /// The words for the log.
 std::string_view description(ProcessingStage stage);
 
-/// The stage that follows; nothing for the final ones.
+/// The stage that follows; nothing if the stage is final.
 std::optional<ProcessingStage> nextStage(ProcessingStage stage);
 
 /// True when work can go on after this stage without repeating anything.
 bool isCleanCheckpoint(ProcessingStage stage);
 
-/// The checkpoint that an interrupted step goes back to; every other stage answers with itself.
+/// The checkpoint that an interrupted step goes back to; any other stage itself.
 ProcessingStage rollbackTarget(ProcessingStage stage);
 
 /// True for `completed` and `failed`.

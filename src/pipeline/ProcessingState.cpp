@@ -18,7 +18,7 @@ double secondsSinceReferenceDate(Date date) {
 }
 
 Date dateFromReference(double seconds) {
-  // About 290 years to either side of 1970 fit the clock; a date beyond is a damaged one.
+  // The clock holds about 290 years to either side of 1970; a date beyond is damaged.
   constexpr double limit = 9e9;
   if (!(seconds > -limit && seconds < limit)) throw Error("ProcessingState", -1, "lastUpdated is out of range");
   return Date(std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(seconds) + referenceDate));
@@ -54,7 +54,7 @@ Json encode(const ProcessingState& state) {
   return object;
 }
 
-/// A name that is no UTF-8 must not cost the checkpoint: such bytes are replaced in the texts, and fileURL, which is
+/// A name that is not UTF-8 must not make the checkpoint unstorable: its bytes are replaced here. fileURL, which is
 /// percent-encoded, keeps them.
 std::string textOfJson(const Json& document) {
   return document.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -89,12 +89,12 @@ ProcessingState decode(const Json& object) {
 
 }  // namespace
 
-void ProcessingState::removeTempFile(const Path& url) {
-  std::erase(tempFiles, url);
+void ProcessingState::removeTempFile(const Path& path) {
+  std::erase(tempFiles, path);
 }
 
-void ProcessingState::addTempFile(const Path& url) {
-  if (std::ranges::find(tempFiles, url) == tempFiles.end()) tempFiles.push_back(url);
+void ProcessingState::addTempFile(const Path& path) {
+  if (std::ranges::find(tempFiles, path) == tempFiles.end()) tempFiles.push_back(path);
 }
 
 Bytes encodeProcessingStates(const ProcessingStates& states) {
@@ -109,7 +109,7 @@ Bytes encodeProcessingStates(const ProcessingStates& states) {
 
 DecodedStates decodeProcessingStates(ByteView document) {
   DecodedStates decoded;
-  // Deeper than any record is: writing it out again would need the stack.
+  // No record is nested this deep. Writing out again what is would use up the stack.
   const auto isShallow = [](int depth, Json::parse_event_t, const Json&) { return depth < 16; };
   const Json json = Json::parse(document.begin(), document.end(), isShallow, false);
   if (!json.is_array() || json.size() % 2 != 0) {

@@ -28,8 +28,8 @@ struct ProcessingState {
   bool skipAVSync = false;
   std::optional<double> videoFirstPTS = {};  ///< seconds
 
-  void removeTempFile(const Path& url);
-  void addTempFile(const Path& url);
+  void removeTempFile(const Path& path);
+  void addTempFile(const Path& path);
 };
 
 using ProcessingStates = std::map<int64_t, ProcessingState>;
@@ -38,7 +38,7 @@ using ProcessingStates = std::map<int64_t, ProcessingState>;
 /// 2001-01-01 UTC, files are file URLs.
 Bytes encodeProcessingStates(const ProcessingStates& states);
 
-/// What a document holds: the records, and the text of each part that is none, with the reason.
+/// What a document holds: its records, and each part that is no record, with the reason.
 struct DecodedStates {
   struct Undecodable {
     std::string text;  ///< as it stands in the document
@@ -50,7 +50,7 @@ struct DecodedStates {
 };
 DecodedStates decodeProcessingStates(ByteView document);
 
-/// Texts as a JSON array. What is no such array decodes to one text, itself.
+/// Texts as a JSON array. A document that is no such array decodes to one text: the document itself.
 Bytes encodeTexts(const std::vector<std::string>& texts);
 std::vector<std::string> decodeTexts(ByteView document);
 

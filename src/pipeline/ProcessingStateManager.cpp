@@ -202,13 +202,13 @@ std::optional<ProcessingStates> ProcessingStateManager::loadAllStatesUnsafe() {
     }
     return std::move(decoded.states);
   } catch (const PosixError& error) {
-    // The document may be whole: what cannot be read now must not be written over.
+    // The document may be undamaged: it must not be overwritten only because it cannot be read now.
     log("Failed to read processing states: {}", error.description());
     return std::nullopt;
   }
 }
 
-/// Adds to what is set aside what is not there yet; false when that failed.
+/// Sets aside what is not set aside yet. Returns false if that fails.
 bool ProcessingStateManager::setAside(const std::vector<DecodedStates::Undecodable>& rest) {
   if (rest.empty()) return true;
   std::vector<std::string> texts = textsSetAside();

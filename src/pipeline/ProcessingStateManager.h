@@ -15,12 +15,12 @@
 
 namespace tarn {
 
-/// The store of checkpoints. It keeps no copy but of changes that could not be stored: every operation reads the whole
-/// document, works on it and writes it back whole, and holds the store's lock for its whole length. Storage failures
-/// are logged and never raised; the next write, or the next look at what is pending, makes up for them. A document that
-/// cannot be read is left alone. A record that does not decode is set aside under a key of its own before a save drops
-/// it, and stays there with its files; so does a document that is none. The lock is the last in the order of locks: the
-/// store never calls out.
+/// The store of checkpoints. Every operation reads the whole document, works on it and writes it back whole, and holds
+/// the store's lock for its whole length. In memory the store keeps only changes that could not be stored: storage
+/// failures are logged and never raised, and the next write, or the next look at what is pending, stores these changes
+/// too. A document that cannot be read is left alone. A record that does not decode is set aside under a key of its own
+/// before a save drops it, and stays there with its files; a document that is no list of records as well. Under its
+/// lock the store uses the stored values and files, and calls nobody else. Thread-safe.
 class ProcessingStateManager {
  public:
   static constexpr const char* userDefaultsKey = "com.sorrel.capacitor.downloader.processingStates";
@@ -31,19 +31,19 @@ class ProcessingStateManager {
   /// Inserts or replaces the record of state.downloadId.
   void saveState(const ProcessingState& state);
   std::optional<ProcessingState> loadState(int64_t id);
-  /// False when there is no record of this id; true also when the records cannot be read.
+  /// False if there is no record of this id; true if there is one, or if the records cannot be read.
   bool mayHaveState(int64_t id);
   void removeState(int64_t id);
 
-  /// Records whose stage is not final, the longest untouched first; nothing when they cannot be read.
+  /// Records whose stage is not final, the longest unchanged first; nothing if they cannot be read.
   std::optional<std::vector<ProcessingState>> allPendingStates();
   std::vector<ProcessingState> allStates();
 
-  /// The videos and temp files of all pending records but `except`'s, and of what is set aside: nobody else may touch
-  /// them. Nothing when the records cannot be read: then no file may be touched.
+  /// The videos and temp files of all pending records but that of `except`, and the files that are named in what is set
+  /// aside: nobody else may touch them. Nothing if the records cannot be read: then nobody may touch any file.
   std::optional<std::set<Path>> filesInUse(std::optional<int64_t> except = std::nullopt);
 
-  /// What is wrong with the store, in words for people; empty when nothing is.
+  /// What is wrong with the store, in words for people; empty if nothing is.
   std::vector<std::string> problems();
 
   /// Deletes all records with their temp files. The videos stay.
@@ -63,7 +63,8 @@ class ProcessingStateManager {
   std::vector<int64_t> validateStates();
 
  private:
-  /// Nothing when the document cannot be read, or when what does not decode cannot be set aside.
+  // The callers of these hold the lock.
+  /// Returns nothing if the document cannot be read, or if what does not decode cannot be set aside.
   std::optional<ProcessingStates> loadAllStatesUnsafe();
   bool setAside(const std::vector<DecodedStates::Undecodable>& rest);
   std::vector<std::string> textsSetAside();
@@ -75,7 +76,7 @@ class ProcessingStateManager {
   const Clock& clock_;
   const Date start_;
   std::mutex lock_;
-  /// Changes that could not be stored yet, nothing for a removal; they hold all the same.
+  /// Changes that could not be stored yet (a removal has no record). They count as if they were stored.
   std::map<int64_t, std::optional<ProcessingState>> unstored_;
 };
 

@@ -4,9 +4,9 @@
 
 namespace tarn {
 
-/// A file that a run makes on the way. From before it is made its name is held and stands in the run's record, so that
-/// no sweep takes it and a resume finds it. At the end of the scope the file is deleted, if it has no other name by
-/// then, and the name leaves the record; that of a file that cannot be deleted stays, for the end of the run.
+/// A file that a run makes on the way. Its name is held and stands in the run's record before the file is made, so that
+/// no sweep deletes it and a resume finds it. At the end of the scope the file is deleted, unless it was moved away,
+/// and its name leaves the record. The name of a file that cannot be deleted stays: the end of the run tries again.
 class RunTempFile {
  public:
   RunTempFile(ProcessingRun& run, const Path& path);

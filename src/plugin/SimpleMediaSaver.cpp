@@ -8,12 +8,12 @@
 
 namespace tarn {
 
-std::string SimpleMediaSaver::saveVideo(PHPhotoLibrary& library, const Clock& clock, const Path& fileURL,
+std::string SimpleMediaSaver::saveVideo(PHPhotoLibrary& library, const Clock& clock, const Path& path,
                                         const std::string& filename, const std::string& album) {
-  const PHObjectPlaceholder asset = createAsset(library, clock, fileURL, filename);
+  const PHObjectPlaceholder asset = createAsset(library, clock, path, filename);
   const PHAssetCollection collection = getCollection(library, album);
   library.performChangesAndWait([&](PHChangeBlock& change) {
-    // An album that was deleted in between takes nothing, and the asset stays in the library all the same.
+    // If the album was deleted in between, nothing is added to it, and the asset stays in the library.
     change.addAssets(collection.localIdentifier, {asset});
   });
   return asset.localIdentifier;
@@ -30,11 +30,11 @@ bool SimpleMediaSaver::checkIfFileExistsInAlbum(PHPhotoLibrary& library, const s
   return !library.fetchAssets(*collection, localIdentifier).empty();
 }
 
-PHObjectPlaceholder SimpleMediaSaver::createAsset(PHPhotoLibrary& library, const Clock& clock, const Path& fileURL,
+PHObjectPlaceholder SimpleMediaSaver::createAsset(PHPhotoLibrary& library, const Clock& clock, const Path& path,
                                                   const std::string& filename) {
   std::optional<PHObjectPlaceholder> placeholder;
   library.performChangesAndWait([&](PHChangeBlock& change) {
-    PHAssetChangeRequest* const request = change.creationRequestForAssetFromVideo(fileURL);
+    PHAssetChangeRequest* const request = change.creationRequestForAssetFromVideo(path);
     if (!request) return;
     request->setCreationDate(clock.now());
     request->setFilename(filename);
@@ -42,7 +42,7 @@ PHObjectPlaceholder SimpleMediaSaver::createAsset(PHPhotoLibrary& library, const
   });
   if (placeholder) return *placeholder;
   throw PhotoLibraryError("No placeholder for asset creation request, or no asset request (check if video exists at " +
-                          fileURLText(fileURL) + ")");
+                          fileURLText(path) + ")");
 }
 
 PHAssetCollection SimpleMediaSaver::getCollection(PHPhotoLibrary& library, const std::string& name) {

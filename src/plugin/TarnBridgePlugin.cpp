@@ -106,9 +106,12 @@ void TarnBridge::checkAuthorization(const std::function<void()>& allowed, const 
 }
 
 void TarnBridge::startSaving(const CAPPluginCallPointer& call) {
-  auto task = downloadManager().startDownloadFileBy(
-      *call->getString("url"), call->getString("album"), call->getString("filename"),
-      call->getBool("skipVideoFix").value_or(false), call->getBool("skipAudioFix").value_or(false), shared_from_this());
+  const DownloadRequest request{.url = *call->getString("url"),
+                                .album = call->getString("album"),
+                                .filename = call->getString("filename"),
+                                .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
+                                .skipAudioFix = call->getBool("skipAudioFix").value_or(false)};
+  const auto task = downloadManager().startDownloadFileBy(request, shared_from_this());
   if (!task) return call->reject("Invalid download URL.");
   task->update([weak = weak_from_this()](DownloadTask::Snapshot& fields) {
     fields.onDownloadComplete = [weak](const DownloadTaskPointer& download, const std::optional<Path>&) {

@@ -16,7 +16,8 @@
 namespace tarn {
 
 /// The plug-in: the only thing that a page touches. Its commands check their parameters and call the engine; its events
-/// tell of progress and endings. Made with create(), then load() once. Thread-safe.
+/// tell of progress and endings. Made with create(), then load() once. Thread-safe: commands come on any thread, the
+/// engine's calls and the application's on the main queue, samples of progress on the global background queue.
 class TarnBridge : public CAPPlugin,
                    public DownloadManagerDelegate,
                    public UIApplicationObserver,
@@ -35,7 +36,7 @@ class TarnBridge : public CAPPlugin,
   /// PosixError when the stored downloads cannot be read.
   void load() override;
 
-  /// The engine, made at the first use. Throws PosixError as load().
+  /// The engine, made at the first use. Throws PosixError like load().
   DownloadManager& downloadManager();
 
   Path getDocumentsDirectory();
@@ -71,7 +72,7 @@ class TarnBridge : public CAPPlugin,
   Platform platform_;
   ProcessingSteps steps_;
   OutcomeSink outcomes_;
-  std::mutex downloadManagerMutex_;
+  std::mutex downloadManagerMutex_;  ///< held while the engine is made, ahead of all of its locks
   std::shared_ptr<DownloadManager> downloadManager_;
   std::unique_ptr<ProgressWatcher> watcher_;
 };

@@ -445,8 +445,7 @@ TEST_F(ServeTest, StoredRunsAreAllTakenUpWithoutAPage) {
   const auto leave = [&](int64_t id) {
     const Path file = home_ / "Documents" / ("clip" + std::to_string(id));
     std::ofstream(file) << id;
-    store.saveState(
-        makeFirstRecord(files, clock, {.id = id, .filename = file.filename(), .album = "Trips", .fileURL = file}));
+    store.saveState(makeFirstRecord(files, clock, id, file, {.url = "", .album = "Trips"}));
   };
   for (const int64_t id : {1, 2}) leave(id);
   start();

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "download/DocumentsSweep.h"
 #include "download/DownloadManager.h"
-#include "download/TransferNote.h"
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
@@ -63,7 +63,8 @@ class EngineTest : public testing::Test, protected TestHome {
     return saveAs(name, name, skipVideoFix);
   }
   DownloadTaskPointer saveAs(const std::string& filename, const std::string& name, bool skipVideoFix = false) {
-    return engine_->startDownloadFileBy(url(name), "Trips", filename, skipVideoFix, false, delegate_);
+    return engine_->startDownloadFileBy(
+        {.url = url(name), .album = "Trips", .filename = filename, .skipVideoFix = skipVideoFix}, delegate_);
   }
   static std::string url(const std::string& name) { return "http://127.0.0.1/" + name; }
 

@@ -27,13 +27,8 @@ TEST_F(FirstRecord, AsksForTheStepsThatTheFileAndTheOptionsCallFor) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.clip);
-    const auto record = makeFirstRecord(files_, ManualClock(),
-                                        {.id = 7,
-                                         .filename = "clip.mp4",
-                                         .album = "Trips",
-                                         .fileURL = madeByFFmpeg(words(row.clip)),
-                                         .skipVideoFix = row.skipsVideo,
-                                         .skipAudioFix = row.skipsAudio});
+    const DownloadRequest request{.url = "", .skipVideoFix = row.skipsVideo, .skipAudioFix = row.skipsAudio};
+    const auto record = makeFirstRecord(files_, ManualClock(), 7, madeByFFmpeg(words(row.clip)), request);
     EXPECT_EQ(record.needsRemuxing, row.needsRemuxing);
     EXPECT_EQ(record.needsAudioTranscode, row.needsAudio);
     EXPECT_EQ(record.skipAVSync, row.skipsSync);

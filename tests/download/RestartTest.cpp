@@ -17,8 +17,30 @@ TEST_F(EngineTest, ATransferOfAnEarlierProcessFindsItsTaskWithItsFlags) {
   finish("clip.mp4");
   EXPECT_EQ(contents_.size(), 2U);
   auto tasks = engine_->getDownloads();
-  EXPECT_TRUE(tasks[0]->id == id && tasks[0]->snapshot().skipVideoFix);
-  EXPECT_TRUE(tasks[1]->id == twin && !tasks[1]->snapshot().skipVideoFix);
+  EXPECT_TRUE(tasks[0]->id == id && tasks[0]->request.skipVideoFix);
+  EXPECT_TRUE(tasks[1]->id == twin && !tasks[1]->request.skipVideoFix);
+}
+
+TEST_F(EngineTest, WhatTheVersionBeforeHasStoredIsUnderstood) {
+  engine_.reset();
+  transfers_.makeBackgroundSession("downloads", {})
+      ->downloadTask(url("clip.mp4"), R"({"id":1800000000,"skipVideoFix":true,"skipAudioFix":false})")
+      ->resume();
+  defaults_.setData("ActiveDownloads", bytesOf(R"([{"id":1800000000,"url":"http://127.0.0.1/clip.mp4","album":"Trips",)"
+                                               R"("filename":"clip.mp4","status":"downloading"}])"));
+  restart();
+  const DownloadRequest asked{
+      .url = url("clip.mp4"), .album = "Trips", .filename = "clip.mp4", .skipVideoFix = true, .skipAudioFix = false};
+  ASSERT_EQ(engine_->getDownloads().size(), 1U);
+  EXPECT_EQ(engine_->getDownloads()[0]->request, asked);
+  dispatch_.hold(worker());
+  finish("clip.mp4");
+  EXPECT_NE(storedStates().find(R"("skipAVSync":true)"), std::string::npos) << storedStates();
+  EXPECT_NE(storedStates().find(R"("album":"Trips")"), std::string::npos) << storedStates();
+
+  const NotedDownload note{.id = 7, .request = asked};
+  EXPECT_EQ(NotedDownload::parse(note.text()), note) << "and the version before finds what it knows";
+  EXPECT_TRUE(note.text().starts_with(R"({"id":7,"skipVideoFix":true,"skipAudioFix":false,)"));
 }
 
 TEST_F(EngineTest, WaitingDownloadsGoBackIntoTheLine) {
@@ -28,7 +50,7 @@ TEST_F(EngineTest, WaitingDownloadsGoBackIntoTheLine) {
   save("c.mp4");
   restart();
   const auto b = engine_->getDownloads()[1];
-  EXPECT_TRUE(b->id == waiting && b->snapshot().skipVideoFix) << "with its flags";
+  EXPECT_TRUE(b->id == waiting && b->request.skipVideoFix) << "with its flags";
   EXPECT_EQ(engine_->getQueuedDownloadCount(), 1U) << "the first of them has the slot";
   finish("a.mp4");
   finish("b.mp4");

@@ -106,12 +106,14 @@ EngineModel::~EngineModel() {
 // --- Processes ---
 
 void EngineModel::startProcess() {
+  outcomes_.clear();
   for (auto& [id, download] : downloads_) download.toldByThisProcess = 0;
   application_ = std::make_unique<CountedApplication>(dispatch_);
   ProcessingStateManager store(defaults_, disk_, clock_);
   removeLeftovers(disk_, store);
   plugin_ =
-      TarnBridge::create({disk_, defaults_, clock_, dispatch_, *application_, photos_, transfers_}, {.last = &step_});
+      TarnBridge::create({disk_, defaults_, clock_, dispatch_, *application_, photos_, transfers_}, {.last = &step_},
+                         [this](const RunOutcome& outcome) { outcomes_.insert_or_assign(outcome.id, outcome); });
   plugin_->setEventListener([this](const std::string& name, const JSObject& data) { hear(name, data); });
   plugin_->load();
   if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
@@ -328,6 +330,11 @@ void EngineModel::hear(const std::string& name, const JSObject& data) {
   require(!isSaved || saved(download) > 0, "what is told as saved was saved", id);
   require(isSaved || download.mayFail || download.isExcused || download.hadEnded, "nothing fails by itself", id);
   require(!download.isCancelled || download.hadEnded || isSaved, "nothing is told of what was cancelled", id);
+  // What an earlier process has ended has no outcome in this one.
+  const auto outcome = outcomes_.find(id);
+  if (outcome == outcomes_.end() || download.isExcused) return;
+  const bool isSavedToo = outcome->second.kind == RunOutcome::Kind::saved && outcome->second.assetId;
+  require(isSaved == isSavedToo, "an outcome says what the page is told", id);
 }
 
 std::vector<ProcessingState> EngineModel::pending() {

@@ -123,6 +123,7 @@ class EngineModel {
   bool hasStoreFailed_ = false;
   std::optional<std::string> broken_;
   std::map<int64_t, Download> downloads_;
+  std::map<int64_t, RunOutcome> outcomes_;  ///< that this process has told, the last of each download
   uint64_t starts_ = 0;
 
   InMemoryFileManager disk_;

@@ -6,16 +6,16 @@
 
 namespace tarn {
 
-BackgroundTime::BackgroundTime(UIApplication& application, std::function<void()> expired)
-    : application_(application), expired_(std::move(expired)) {}
+BackgroundTime::BackgroundTime(UIApplication& application, const EnginePosts& posts, std::function<void()> expired)
+    : application_(application), posts_(posts), expired_(std::move(expired)) {}
 
 void BackgroundTime::start(int64_t id) {
   end();
-  auto expiration = [weak = weak_from_this(), id] {
+  auto expiration = posts_.whileAlive([this, id] {
     log("Background task expiring for download {}", id);
-    if (auto self = weak.lock()) self->expired_();
-  };
-  UIBackgroundTaskIdentifier task =
+    expired_();
+  });
+  const UIBackgroundTaskIdentifier task =
       application_.beginBackgroundTask("VideoProcessing-" + std::to_string(id), std::move(expiration));
   {
     std::lock_guard guard(mutex_);

@@ -2,20 +2,20 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <optional>
 
+#include "download/detail/EnginePosts.h"
 #include "platform/UIApplication.h"
 
 namespace tarn {
 
 /// The one background task that the engine may hold, so that a run goes on while the application is not in the
-/// foreground. Thread-safe.
-class BackgroundTime : public std::enable_shared_from_this<BackgroundTime> {
+/// foreground. Thread-safe: the application is called under no lock.
+class BackgroundTime {
  public:
-  /// `expired` runs on the main queue when the time is over; it is dropped with this object.
-  BackgroundTime(UIApplication& application, std::function<void()> expired);
+  /// `expired` runs on the main queue when the time is over, unless the engine has gone by then.
+  BackgroundTime(UIApplication& application, const EnginePosts& posts, std::function<void()> expired);
 
   /// Asks for background time for this download; what was held before is given back.
   void start(int64_t id);
@@ -24,6 +24,7 @@ class BackgroundTime : public std::enable_shared_from_this<BackgroundTime> {
 
  private:
   UIApplication& application_;
+  const EnginePosts& posts_;
   const std::function<void()> expired_;
   std::mutex mutex_;
   UIBackgroundTaskIdentifier backgroundTaskId_ = UIBackgroundTaskInvalid;

@@ -6,23 +6,21 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <string>
 
 #include "download/DownloadTask.h"
 #include "platform/UserDefaults.h"
 
 namespace tarn {
 
-/// A download that waits for a slot. The delegate is held weakly: it owns the engine that holds this.
+/// A download that waits for a slot. The delegate is held weakly: it owns the engine, which holds this.
 struct PendingDownload {
-  std::string url;
   DownloadTaskPointer task;
   std::weak_ptr<DownloadManagerDelegate> delegate;
 };
 
 /// The waiting line, and the slots that limit how many downloads run. A slot belongs to an id from the start of the
-/// transfer to the end of the file's run, and is given back once, by whoever comes first. Thread-safe; the lock is
-/// never held across a call to anybody but the store of the limit.
+/// transfer to the end of the file's run, and is given back once, by whoever comes first. Under its lock only the
+/// stored limit is read. Thread-safe.
 class DownloadQueue {
  public:
   static constexpr const char* limitKey = "MaxConcurrentDownloads";
@@ -42,7 +40,7 @@ class DownloadQueue {
     int64_t limit = 0;
   };
 
-  /// Takes a slot for the download, or puts it at the end of the line when all are taken.
+  /// Takes a slot for the download, or puts it at the end of the line if all are taken.
   struct Admission {
     bool hasSlot = false;
     Counts counts;
@@ -59,7 +57,7 @@ class DownloadQueue {
   };
   std::optional<Started> takeNext();
 
-  /// True when the id held a slot; it is free now.
+  /// Frees the slot of an id. Returns false if it held none.
   bool releaseSlot(int64_t id);
   /// Takes the download out of the line.
   void remove(int64_t id);

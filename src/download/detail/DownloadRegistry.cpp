@@ -61,7 +61,7 @@ DownloadRegistry::Match DownloadRegistry::match(int64_t taskIdentifier, const st
     return {found == downloads_.end() ? nullptr : found->second, false};
   }
   auto fits = [&](const DownloadTaskPointer& task) {
-    if (task->url != url) return false;
+    if (task->request.url != url) return false;
     auto fields = task->snapshot();
     return !fields.downloadTask && fields.status != DownloadStatus::queued;
   };

@@ -14,13 +14,13 @@
 namespace tarn {
 
 /// Every task that the engine holds, who hears about each, and which transfer belongs to which: three maps under one
-/// lock. A leaf: it may be asked while another lock is held, and never calls out. Thread-safe.
+/// lock. It may be used while another lock is held; under its own only tasks are used. Thread-safe.
 class DownloadRegistry {
  public:
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   void insert(const DownloadTaskPointer& task);
-  /// Takes the task out, with its delegate. Null when there is none.
+  /// Takes the task out, with its delegate. Returns null if there is none.
   DownloadTaskPointer remove(int64_t id);
 
   DownloadTaskPointer find(int64_t id) const;
@@ -43,9 +43,9 @@ class DownloadRegistry {
     DownloadTaskPointer task;
     bool isNew = false;  ///< found by id or URL just now: a transfer of an earlier process
   };
-  /// By the transfer's identifier; and for a transfer that no task of this process has begun, the task that its note
-  /// names, else the first of the same URL, passing over tasks that wait or have a live transfer. Remembers a new
-  /// match.
+  /// Finds the task by the transfer's identifier. A transfer that this process has not begun belongs to the task that
+  /// its note names, else to the first of the same URL; tasks that wait or have a live transfer are passed over. A new
+  /// match is remembered.
   Match match(int64_t taskIdentifier, const std::string& url, std::optional<int64_t> notedId);
 
   /// Clears the location of every task that names this file: the file is about to be replaced.
@@ -55,7 +55,7 @@ class DownloadRegistry {
   mutable std::mutex mutex_;
   std::map<int64_t, DownloadTaskPointer> downloads_;
   std::map<int64_t, std::weak_ptr<DownloadManagerDelegate>> delegates_;
-  /// An entry stays until the transfer's last event, also when its task is gone: such an event belongs to nobody else.
+  /// A transfer stays here until its last event, even if its task is gone: its events belong to no other task.
   std::map<int64_t, int64_t> taskIdToDownloadId_;
 };
 

@@ -23,9 +23,9 @@ Bytes encodeDownloadTasks(const std::vector<DownloadTaskData>& tasks) {
   for (const DownloadTaskData& task : tasks) {
     Json object;
     object["id"] = task.id;
-    object["url"] = task.url;
-    if (task.album) object["album"] = *task.album;
-    if (task.filename) object["filename"] = *task.filename;
+    object["url"] = task.request.url;
+    if (task.request.album) object["album"] = *task.request.album;
+    if (task.request.filename) object["filename"] = *task.request.filename;
     object["status"] = task.status;
     document.push_back(std::move(object));
   }
@@ -40,9 +40,9 @@ std::vector<DownloadTaskData> decodeDownloadTasks(ByteView document) {
     std::vector<DownloadTaskData> tasks;
     for (const Json& object : json) {
       tasks.push_back({.id = object.at("id").get_ref<const int64_t&>(),
-                       .url = object.at("url").get<std::string>(),
-                       .album = optionalText(object, "album"),
-                       .filename = optionalText(object, "filename"),
+                       .request = {.url = object.at("url").get<std::string>(),
+                                   .album = optionalText(object, "album"),
+                                   .filename = optionalText(object, "filename")},
                        .status = object.at("status").get<std::string>()});
     }
     return tasks;
@@ -66,11 +66,7 @@ void TaskStore::persist() {
   std::lock_guard guard(mutex_);
   std::vector<DownloadTaskData> tasks;
   for (const DownloadTaskPointer& task : registry_.all()) {
-    tasks.push_back({.id = task->id,
-                     .url = task->url,
-                     .album = task->album,
-                     .filename = task->filename,
-                     .status = std::string(rawValue(task->status()))});
+    tasks.push_back({.id = task->id, .request = task->request, .status = std::string(rawValue(task->status()))});
   }
   try {
     defaults_.setData(downloadsKey, encodeDownloadTasks(tasks));

@@ -10,29 +10,26 @@
 
 namespace tarn {
 
-/// The stored form of a task: one object of the JSON array under "ActiveDownloads". Optional keys are left out when
+/// The stored form of a task: one object of the JSON array under "ActiveDownloads". Optional keys are left out if
 /// empty.
 struct DownloadTaskData {
   int64_t id = 0;
-  std::string url;
-  std::optional<std::string> album;
-  std::optional<std::string> filename;
-  std::string status;  ///< raw value of a DownloadStatus
+  DownloadRequest request;  ///< its flags are not stored here
+  std::string status;       ///< raw value of a DownloadStatus
 };
 
 Bytes encodeDownloadTasks(const std::vector<DownloadTaskData>& tasks);
-/// Throws Error when the document is not of this form as a whole.
+/// Throws Error if any part of the document is not of this form.
 std::vector<DownloadTaskData> decodeDownloadTasks(ByteView document);
 
-/// The list of tasks that survives a restart. Thread-safe: of two writers at once the later list stays.
+/// The list of tasks that survives a restart. Thread-safe: of two writers at once, the one with the later list wins.
 class TaskStore {
  public:
   static constexpr const char* downloadsKey = "ActiveDownloads";
 
   TaskStore(UserDefaults& defaults, const DownloadRegistry& registry) : defaults_(defaults), registry_(registry) {}
 
-  /// The stored tasks; empty when there are none or the document does not decode. Throws PosixError when it cannot be
-  /// read.
+  /// The stored tasks; empty if there are none or the document does not decode. Throws PosixError if it cannot be read.
   std::vector<DownloadTaskData> load();
 
   /// Stores all tasks of the registry. A failure is logged; the stored list then stays as it was.

@@ -31,7 +31,8 @@ class TrialRun {
         trial_(files, newBytes_, "/new bytes"),
         inspection_(inspection),
         path_(inspection.file),
-        run_(trial_, clock_, names_, listener_, firstRecord(), std::make_shared<CancellationToken>()) {}
+        run_(trial_, clock_, names_, listener_, makeFirstRecord(trial_, clock_, 0, path_, {}),
+             std::make_shared<CancellationToken>()) {}
 
   void run() {
     remux();
@@ -46,11 +47,6 @@ class TrialRun {
   }
 
  private:
-  ProcessingState firstRecord() {
-    return makeFirstRecord(trial_, clock_,
-                           {.filename = path_.filename().string(), .album = std::nullopt, .fileURL = path_});
-  }
-
   bool isRepaired() const { return inspection_.remux.kind != RemuxForecast::Kind::refuses; }
 
   void remux() {

@@ -8,8 +8,8 @@
 
 namespace tarn {
 
-/// Files for a run: each reading, writing and copying looks whether the run was asked to stop, and then throws
-/// CancellationError. A copy looks every 10 MiB.
+/// The files of a run: each read, write and copy first checks whether the run was asked to stop, and throws
+/// CancellationError if so. A copy checks every 10 MiB.
 class PolledFiles : public ForwardingFileManager {
  public:
   PolledFiles(FileManager& base, std::shared_ptr<CancellationToken> token)

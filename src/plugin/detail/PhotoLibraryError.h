@@ -6,7 +6,7 @@
 
 namespace tarn {
 
-/// A failure to put a video into the photo library that the library itself did not put into words.
+/// A failure to put a video into the photo library for which the library itself has no words.
 class PhotoLibraryError : public Error {
  public:
   explicit PhotoLibraryError(std::string reason) : Error("PhotoLibraryError", -1, std::move(reason)) {}

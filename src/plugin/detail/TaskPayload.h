@@ -8,7 +8,7 @@
 
 namespace tarn {
 
-/// What a page gets to see of a task: one consistent look at it, in the shapes of the commands' results and the events.
+/// What a page sees of a task: one snapshot of it, in the shapes of the commands' results and the events.
 class TaskPayload {
  public:
   explicit TaskPayload(const DownloadTask& task);

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarn {
+
+/// What a page asks for: one video, its place, and what to leave out of the repair. It stays the same from the call to
+/// the first record of the run: a task carries it, the waiting line, and the transfer's note over a restart.
+struct DownloadRequest {
+  std::string url;                           ///< as the page gave it
+  std::optional<std::string> album = {};     ///< Photos album to save into
+  std::optional<std::string> filename = {};  ///< in Documents and in the album
+  bool skipVideoFix = false;                 ///< the file stays as it comes
+  bool skipAudioFix = false;                 ///< sound and timing stay as they come
+
+  bool operator==(const DownloadRequest&) const = default;
+
+  /// Takes over what the stored list of tasks does not keep.
+  void takeFlagsOf(const DownloadRequest& noted) {
+    skipVideoFix = noted.skipVideoFix;
+    skipAudioFix = noted.skipAudioFix;
+  }
+};
+
+/// A download as the record of its transfer keeps it over a restart, since the stored list of tasks has no place for
+/// all of the request.
+struct NotedDownload {
+  int64_t id = 0;  ///< of the download
+  DownloadRequest request;
+
+  /// The text that is stored with the transfer: a JSON object.
+  std::string text() const;
+  /// Returns nothing if the text is no note. A note may lack `url`, `album` and `filename`, as those of older versions
+  /// do; these are then empty.
+  static std::optional<NotedDownload> parse(const std::string& text);
+
+  bool operator==(const NotedDownload&) const = default;
+};
+
+}  // namespace tarn

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <optional>
+
+#include "download/detail/DownloadStarter.h"
+#include "download/detail/EngineState.h"
+#include "download/detail/ProcessingLine.h"
+
+namespace tarn {
+
+/// Hears what becomes of transfers, and hands their files over to the pipeline. All runs on the session's delegate
+/// queue, one event at a time: it has a thread of its own, so an event may wait for a name and look into a whole file.
+class TransferEvents : public NSURLSessionDownloadDelegate {
+ public:
+  /// All must outlive it.
+  TransferEvents(EngineState& engine, DownloadStarter& starter, ProcessingLine& line)
+      : engine_(engine), starter_(starter), line_(line) {}
+
+  void urlSessionDidWriteData(const TaskPointer& transfer, int64_t bytesWritten, int64_t totalBytesWritten,
+                              int64_t totalBytesExpectedToWrite) override;
+  void urlSessionDidFinishDownloading(const TaskPointer& transfer, const Path& location) override;
+  void urlSessionDidComplete(const TaskPointer& transfer, const std::optional<Error>& error) override;
+
+ private:
+  DownloadRegistry::Match findTask(const TaskPointer& transfer);
+  bool wasHandedOver(const DownloadTask& task);
+  std::optional<ProcessingState> takeFile(const DownloadTaskPointer& task, const TaskPointer& transfer,
+                                          const Path& location);
+  NamesInTheMaking::Hold holdDestination(const DownloadTask& task);
+  void moveIntoPlace(const Path& location, const Path& destination);
+  void failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure);
+
+  EngineState& engine_;
+  DownloadStarter& starter_;
+  ProcessingLine& line_;
+};
+
+}  // namespace tarn
