@@ -93,13 +93,20 @@ void DownloadManager::takeUpStoredTransfers() {
         if (isWaiting) fields.downloadTask = transfer;
       });
     }
-    // A kill came before anybody was told of this download.
-    if (isWaiting && !task) transfer->cancel();
+    if (isWaiting && !task) {
+      // A kill came before anybody was told of this download. Its transfer's end comes later, and must meet no other.
+      {
+        std::lock_guard ids(idMutex_);
+        issuedIds_.insert(note->id);
+      }
+      transfer->cancel();
+    }
   }
 }
 
-int64_t DownloadManager::makeId() {
+int64_t DownloadManager::makeId(std::optional<int64_t> wanted) {
   std::lock_guard guard(idMutex_);
+  if (wanted && *wanted > 0 && !issuedIds_.contains(*wanted) && !isIdTaken(*wanted)) return *wanted;
   int64_t id = secondsSince1970(platform_.clock.now());
   issuedIds_.erase(issuedIds_.begin(), issuedIds_.lower_bound(id));
   while (issuedIds_.contains(id) || isIdTaken(id)) ++id;
@@ -131,14 +138,15 @@ void DownloadManager::handleEventsForBackgroundURLSession() {
 DownloadTaskPointer DownloadManager::startDownloadFileBy(const std::string& url,
                                                          const std::optional<std::string>& album,
                                                          const std::optional<std::string>& filename, bool skipVideoFix,
-                                                         bool skipAudioFix, const DelegatePointer& delegate) {
+                                                         bool skipAudioFix, const DelegatePointer& delegate,
+                                                         std::optional<int64_t> wantedId) {
   if (isBlockingNewDownloads_) {
     log("startDownloadFileBy blocked - call clearAllStates() to resume. Rejecting: {}", filename.value_or(""));
     return nullptr;
   }
   if (!URL::parse(url)) return nullptr;
   log("starting download {}", url);
-  const int64_t id = makeId();
+  const int64_t id = makeId(wantedId);
   auto task = std::make_shared<DownloadTask>(platform_.files, id, url, album, filename);
   task->update([&](DownloadTask::Snapshot& fields) {
     fields.skipVideoFix = skipVideoFix;

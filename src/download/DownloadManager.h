@@ -44,10 +44,12 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   ~DownloadManager() override;
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
-  /// transfer that cannot even be started fails the task, and the delegate hears of it.
+  /// transfer that cannot even be started fails the task, and the delegate hears of it. The download gets `wantedId`,
+  /// if that is free and above 0.
   DownloadTaskPointer startDownloadFileBy(const std::string& url, const std::optional<std::string>& album,
                                           const std::optional<std::string>& filename, bool skipVideoFix,
-                                          bool skipAudioFix, const DelegatePointer& delegate);
+                                          bool skipAudioFix, const DelegatePointer& delegate,
+                                          std::optional<int64_t> wantedId = std::nullopt);
 
   /// Stops one download wherever it is, and removes it. Nobody is told. An unknown id is ignored.
   void cancelDownloadFileBy(int64_t id);
@@ -100,7 +102,7 @@ class DownloadManager : public NSURLSessionDownloadDelegate,
   void loadPersistedDownloads(const std::weak_ptr<DownloadManagerDelegate>& delegate);
   std::set<int64_t> idsOfStoredTransfers();
   void takeUpStoredTransfers();
-  int64_t makeId();
+  int64_t makeId(std::optional<int64_t> wanted);
   bool isIdTaken(int64_t id);
   NSURLSession& session();
   void makeSession();

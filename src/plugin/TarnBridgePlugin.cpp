@@ -108,7 +108,8 @@ void TarnBridge::checkAuthorization(const std::function<void()>& allowed, const 
 void TarnBridge::startSaving(const CAPPluginCallPointer& call) {
   auto task = downloadManager().startDownloadFileBy(
       *call->getString("url"), call->getString("album"), call->getString("filename"),
-      call->getBool("skipVideoFix").value_or(false), call->getBool("skipAudioFix").value_or(false), shared_from_this());
+      call->getBool("skipVideoFix").value_or(false), call->getBool("skipAudioFix").value_or(false), shared_from_this(),
+      call->getInt("id"));
   if (!task) return call->reject("Invalid download URL.");
   task->update([weak = weak_from_this()](DownloadTask::Snapshot& fields) {
     fields.onDownloadComplete = [weak](const DownloadTaskPointer& download, const std::optional<Path>&) {
