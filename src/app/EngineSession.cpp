@@ -1,9 +1,11 @@
 #include "app/EngineSession.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <thread>
 #include <utility>
 
@@ -32,9 +34,12 @@ void detachStandardStreams() {
 
 EngineSession::EngineSession(const GlobalOptions& global)
     : global_(global), home_(homeDirectory(global.home)), files_(home_), watcher_([this] { return takeInterrupt(); }) {
-  join();
-  if (isInterrupted()) return;
-  for (const std::string& words : storedWork().problems) printFailure(words + ".");
+  try {
+    join();
+    for (const std::string& words : storedWork().problems) printFailure(words + ".");
+  } catch (const CallInterrupted&) {
+    // The command's first call says so again.
+  }
 }
 
 /// Returns with an engine, or after an interrupt.
@@ -127,10 +132,15 @@ bool EngineSession::takeInterrupt() {
 
 int EngineSession::leave(int code) {
   if (!own_) return code;
+  own_->client().interrupt();  // nobody takes events any more
   {
     std::lock_guard guard(mutex_);
     isLeaving_ = true;
-    if (isInterrupted_ && own_->clients().hasClients()) detach();
+    const bool hasClients = own_->clients().hasClients();
+    if (hasClients && isInterrupted_) detach();
+    if (hasClients && !isInterrupted_ && ::isatty(STDERR_FILENO) == 1) {
+      fmt::print(stderr, "Other commands still use this engine: it ends with the last of them.\n");
+    }
   }
   own_->clients().closeWhenUnused(stop_.get_token());
   return code;

@@ -10,6 +10,7 @@ InProcessClient::InProcessClient(Host& host, CAPPlugin::EventListener relay) : h
   host_.plugin().setEventListener([this, relay = std::move(relay)](const std::string& name, const JSObject& data) {
     if (relay) relay(name, data);
     std::lock_guard guard(mutex_);
+    if (isInterrupted_) return;
     events_.push_back({name, data});
     changed_.notify_all();
   });

@@ -135,8 +135,9 @@ class Save {
     const auto outcome = engine_.outcome(id_);
     if (outcome.assetId) return {.isSaved = true, .assetId = *outcome.assetId};
     if (hasOtherEngine_ && savedSinceStart()) return {.isSaved = true};
-    return {.words = hasOtherEngine_ ? "its engine ended, and the next one does not know it"
-                                     : "somebody cancelled the download"};
+    const char* const guess =
+        hasOtherEngine_ ? "its engine ended, and the next one does not know it" : "somebody cancelled the download";
+    return {.words = outcome.failure.value_or(guess)};
   }
 
   int report(const End& end) {

@@ -41,12 +41,13 @@ DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps
 DownloadManager::~DownloadManager() = default;
 
 DownloadTaskPointer DownloadManager::startDownloadFileBy(const DownloadRequest& request,
-                                                         const DelegatePointer& delegate) {
+                                                         const DelegatePointer& delegate,
+                                                         std::optional<int64_t> wantedId) {
   if (parts_->removal.isBlocking()) {
     log("startDownloadFileBy blocked - call clearAllStates() to resume. Rejecting: {}", request.filename.value_or(""));
     return nullptr;
   }
-  return parts_->starter.start(request, delegate);
+  return parts_->starter.start(request, delegate, wantedId);
 }
 
 void DownloadManager::cancelDownloadFileBy(int64_t id) {

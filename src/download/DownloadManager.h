@@ -28,8 +28,10 @@ class DownloadManager {
   ~DownloadManager();
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
-  /// transfer that cannot even be started fails the task, and the delegate hears of it.
-  DownloadTaskPointer startDownloadFileBy(const DownloadRequest& request, const DelegatePointer& delegate);
+  /// transfer that cannot even be started fails the task, and the delegate hears of it. The download gets `wantedId`,
+  /// if that is free and above 0.
+  DownloadTaskPointer startDownloadFileBy(const DownloadRequest& request, const DelegatePointer& delegate,
+                                          std::optional<int64_t> wantedId = std::nullopt);
 
   /// Stops one download wherever it is, and removes it. Nobody is told. An unknown id is ignored.
   void cancelDownloadFileBy(int64_t id);

@@ -111,7 +111,7 @@ void TarnBridge::startSaving(const CAPPluginCallPointer& call) {
                                 .filename = call->getString("filename"),
                                 .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
                                 .skipAudioFix = call->getBool("skipAudioFix").value_or(false)};
-  const auto task = downloadManager().startDownloadFileBy(request, shared_from_this());
+  const auto task = downloadManager().startDownloadFileBy(request, shared_from_this(), call->getInt("id"));
   if (!task) return call->reject("Invalid download URL.");
   task->update([weak = weak_from_this()](DownloadTask::Snapshot& fields) {
     fields.onDownloadComplete = [weak](const DownloadTaskPointer& download, const std::optional<Path>&) {

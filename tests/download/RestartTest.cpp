@@ -58,6 +58,26 @@ TEST_F(EngineTest, WaitingDownloadsGoBackIntoTheLine) {
   EXPECT_EQ(contents(), "content of a.mp4 content of b.mp4 content of c.mp4");
 }
 
+TEST_F(EngineTest, TheIdOfADownloadThatAKillHasHiddenIsNotGivenAgain) {
+  engine_->setMaxConcurrentDownloads(1);
+  save("a.mp4");
+  const auto hidden = save("b.mp4")->id;
+  engine_.reset();
+  settle();
+  defaults_.setData("ActiveDownloads", bytesOf("[]"));  // as before its last change
+  start();
+  const auto fresh = save("c.mp4");
+  settle();
+  EXPECT_NE(fresh->id, hidden);
+  EXPECT_EQ(heard(), "") << "the end of the hidden one's transfer is not its own";
+  const auto startAs = [&](int64_t id) {
+    return engine_->startDownloadFileBy(url("d.mp4"), "Trips", "d.mp4", false, false, delegate_, id)->id;
+  };
+  EXPECT_EQ(startAs(77), 77);
+  EXPECT_NE(startAs(77), 77);
+  EXPECT_NE(startAs(0), 0);
+}
+
 TEST_F(EngineTest, AStoredListThatIsDamagedCountsAsEmpty) {
   for (const char* text : {"[{\"id\":1}]", "{", "7", "[1,2"}) {
     defaults_.setData("ActiveDownloads", bytesOf(text));

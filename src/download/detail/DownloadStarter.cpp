@@ -62,14 +62,20 @@ void DownloadStarter::takeUp(const DownloadTask::Transfer& transfer, int64_t id)
       if (isWaiting) fields.downloadTask = transfer;
     });
   } else if (isWaiting) {
-    transfer->cancel();  // a kill came before anybody was told of this download
+    // A kill came before anybody was told of this download. Its transfer's end comes later, and must meet no other.
+    {
+      std::lock_guard ids(idMutex_);
+      issuedIds_.insert(id);
+    }
+    transfer->cancel();
   }
 }
 
 // --- Ids and the session ---
 
-int64_t DownloadStarter::makeId() {
+int64_t DownloadStarter::makeId(std::optional<int64_t> wanted) {
   std::lock_guard guard(idMutex_);
+  if (wanted && *wanted > 0 && !issuedIds_.contains(*wanted) && !isIdTaken(*wanted)) return *wanted;
   int64_t id = secondsSince1970(engine_.platform.clock.now());
   issuedIds_.erase(issuedIds_.begin(), issuedIds_.lower_bound(id));
   while (issuedIds_.contains(id) || isIdTaken(id)) ++id;
@@ -104,10 +110,11 @@ void DownloadStarter::cancelTransfer(int64_t id) {
 
 // --- Starting ---
 
-DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const DelegatePointer& delegate) {
+DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const DelegatePointer& delegate,
+                                           std::optional<int64_t> wantedId) {
   if (!URL::parse(request.url)) return nullptr;
   log("starting download {}", request.url);
-  const int64_t id = makeId();
+  const int64_t id = makeId(wantedId);
   const auto task = std::make_shared<DownloadTask>(engine_.platform.files, id, request);
   // The task waits until it has a slot and a transfer: the list may be stored at any moment, and a task that is stored
   // as waiting is started again.

@@ -30,8 +30,10 @@ class DownloadStarter {
   /// Throws PosixError when the stored list cannot be read.
   void load(const std::weak_ptr<DownloadManagerDelegate>& delegate);
 
-  /// Starts a download, or puts it into the line. Null when the URL does not parse.
-  DownloadTaskPointer start(const DownloadRequest& request, const DelegatePointer& delegate);
+  /// Starts a download, or puts it into the line. Null when the URL does not parse. It gets `wantedId`, if that is free
+  /// and above 0.
+  DownloadTaskPointer start(const DownloadRequest& request, const DelegatePointer& delegate,
+                            std::optional<int64_t> wantedId);
 
   /// Starts downloads of the line while slots are free.
   void startNext();
@@ -52,7 +54,7 @@ class DownloadStarter {
   std::map<int64_t, DownloadRequest> storedRequests();
   void takeUpStoredTransfers();
   void takeUp(const DownloadTask::Transfer& transfer, int64_t id);
-  int64_t makeId();
+  int64_t makeId(std::optional<int64_t> wanted);
   bool isIdTaken(int64_t id);
   NSURLSession& session();
   void makeSession();
