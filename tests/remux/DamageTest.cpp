@@ -60,7 +60,7 @@ std::vector<Injury> injuriesOf(const BoxEditor& movie, bool isHEVC, bool isChang
 
 TEST_F(Damage, OfSizesCountsAndTables) {
   TempDirectory elsewhere;
-  for (auto [isHEVC, isChanging] : {std::pair(true, false), {false, false}, {true, true}, {false, true}}) {
+  for (auto [isHEVC, isChanging] : {std::pair(true, false), {false, true}}) {  // each codec, each way of writing
     const Bytes soundTwin = movie(isHEVC, isChanging), sound = withoutParameterSets(soundTwin, isHEVC);
     int repaired = 0, refused = 0;
     for (const auto& [what, damage] : injuriesOf(BoxEditor(sound), isHEVC, isChanging)) {
