@@ -277,7 +277,7 @@ TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGiv
   }
 }
 
-TEST_F(AudioAnalysis, FindsGapsOfTheVideoAndOverlapsAndBearsTracksThatShowNothing) {
+TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) {
   // Half a second is no gap, a tick more is one.
   for (uint32_t more : {0, 1}) {
     clip_.write(syntheticMovie({pictures({{9000, -1}, {90000, 0}, {45000 + more, -1}, {180000, 90000}})}, 90000));
@@ -300,7 +300,7 @@ TEST_F(AudioAnalysis, FindsGapsOfTheVideoAndOverlapsAndBearsTracksThatShowNothin
   EXPECT_TRUE(gapsAlone().overlaps.empty());
 }
 
-TEST_F(AudioAnalysis, BearsTracksOfNothingButHolesAndClaimsWithoutMeasure) {
+TEST_F(AudioAnalysis, SurvivesTracksOfGapsAloneAndAbsurdCounts) {
   const auto effort = [&](uint32_t holes) {
     clip_.write(syntheticMovie({sound({{holes, 1024 + 48000}})}));
     const std::clock_t began = std::clock();

@@ -144,7 +144,7 @@ Bytes movieWithGap(uint32_t seconds, uint32_t gapInTicks) {
   return syntheticMovie({pictures, audio});
 }
 
-TEST_F(AudioReplacement, IsNotTriedWhereTheDriftIsBeyondRepair) {
+TEST_F(AudioReplacement, IsNotTriedIfTheDriftIsBeyondRepair) {
   const Bytes movie = movieWithGap(10, 61 * 48000);
   writeFileAtomically(files_, file_, movie);
   ProcessingRun run = recorder_.runOn(files_, file_);

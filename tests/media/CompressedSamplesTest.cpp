@@ -35,7 +35,7 @@ Walk walk(const Clip& clip, AVMediaType type = AVMediaType::audio) {
   return result;
 }
 
-TEST(CompressedSamples, LieOnTheTimelineThatTheEditsMakeAndLastAsLongAsTheyAreCoded) {
+TEST(CompressedSamples, FollowTheTimelineOfTheEditsWithTheirCodedDurations) {
   using Edits = std::vector<std::pair<uint64_t, int64_t>>;  // in ticks of the movie, of which there are 500 a second
   using Offsets = std::vector<std::pair<uint32_t, int32_t>>;
   using Deltas = std::vector<std::pair<uint32_t, uint32_t>>;

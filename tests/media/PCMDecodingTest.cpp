@@ -225,7 +225,7 @@ TEST(PCMDecoding, BreaksOffWhereTheFileDoes) {
   }
 }
 
-TEST(PCMDecoding, AHoleOfAnHourTakesNoMemory) {
+TEST(PCMDecoding, AGapOfAnHourTakesNoMemory) {
   const Path plain = madeByFFmpeg(words(noise + "stereo -c:a aac"));
   const Clip clip(
       madeByFFmpeg(words("-i " + plain.string() + " -c copy -bsf:a setts=ts='if(gt(N\\,120)\\,TS+172800000\\,TS)'")));

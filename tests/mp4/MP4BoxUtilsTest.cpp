@@ -19,7 +19,7 @@ TEST_F(BoxSearch, SearchLimitBoundsWhereABoxMayBegin) {
   }
 }
 
-TEST_F(BoxSearch, OfAWholeFileEndsByItsHeadersAlone) {
+TEST_F(BoxSearch, ReadsOnlyTheHeadersOfAWholeFile) {
   // Half a terabyte of media, which take no room on the disk.
   const uint64_t far = uint64_t{1} << 39;
   open(longBoxClaiming(far, "mdat"));

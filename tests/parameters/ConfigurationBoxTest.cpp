@@ -24,7 +24,7 @@ class ConfigurationBoxes : public testing::Test {
   LogCapture log_;
 };
 
-TEST_F(ConfigurationBoxes, OfOddSetsSayWhatCanBeRead) {
+TEST_F(ConfigurationBoxes, SayWhatCanBeReadOfOddSets) {
   const Bytes shortest = HEVCSPS{.profile = 2, .level = 60, .width = 64, .height = 64}.bytes();
   const HEVCSPS layered{.maxSubLayersMinus1 = 1,
                         .subLayerProfiles = true,

@@ -74,7 +74,7 @@ TEST_F(Segments, BeginWhereTheSetsChange) {
   EXPECT_THAT(sets.spsRbspArray, ElementsAre(Bytes{1, 0, 0, 1, 2}));
 }
 
-TEST_F(Segments, FailWithoutSyncSamplesAndBeyondAllMeasure) {
+TEST_F(Segments, AreRefusedWithoutSyncSamplesAndIfThereAreTooMany) {
   for (bool isHEVC : {true, false}) {
     // Sets of 200,000 bytes that change with every sync sample.
     std::vector<Sync> many;

@@ -137,7 +137,7 @@ TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
   EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4), NALUnitParserError);
 }
 
-TEST_F(NALUnits, TenThousandSamplesCostTheirFronts) {
+TEST_F(NALUnits, OfTenThousandSamplesOnlyTheBeginningsAreRead) {
   constexpr uint32_t sampleSize = 100'000;
   constexpr uint64_t sampleCount = 10'000;
   FaultyFileManager counting(files_);

@@ -102,7 +102,7 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
   EXPECT_TRUE(AVCConfigurationBox::parseSPSResolution(endless));
 }
 
-TEST(EmulationPrevention, DropsOnlyWhatPrevents) {
+TEST(EmulationPrevention, DropsOnlyTheBytesThatPreventEmulation) {
   const std::pair<Bytes, Bytes> cases[] = {
       {{0x42, 0, 0, 3, 1}, {0x42, 0, 0, 1}}, {{0, 0, 3}, {0, 0, 3}},
       {{0, 0, 3, 4}, {0, 0, 3, 4}},          {{0, 0, 3, 0, 0, 3, 3}, {0, 0, 0, 0, 3}},

@@ -15,7 +15,7 @@ std::string nested(size_t depth) {
   return text + "1" + std::string(depth, '}');
 }
 
-TEST(JSObject, isTextThatJSONAllows) {
+TEST(JSObject, readsAndWritesOnlyValidJSON) {
   EXPECT_EQ(JSObject::parse(R"({"a":1,"b":[true,-9223372036854775808,"\u00e9"],"a":3})")->json(),
             "{\"a\":3,\"b\":[true,-9223372036854775808,\"\xC3\xA9\"]}");
   EXPECT_EQ(JSObject({{"k\xFF", "v\xC3"}}).json(), "{\"k\xEF\xBF\xBD\":\"v\xEF\xBF\xBD\"}");
@@ -24,7 +24,7 @@ TEST(JSObject, isTextThatJSONAllows) {
   }
 }
 
-TEST(JSObject, standsHostileText) {
+TEST(JSObject, survivesHostileText) {
   EXPECT_TRUE(JSObject::parse(nested(32)));
   EXPECT_FALSE(JSObject::parse(nested(33)));
   EXPECT_FALSE(JSObject::parse(nested(1'000'000)));
@@ -36,7 +36,7 @@ TEST(JSObject, standsHostileText) {
   EXPECT_EQ(object->json().size(), many.size() + 1);
 }
 
-TEST(CAPPluginCall, typedGettersTakeAWrongTypeForAbsent) {
+TEST(CAPPluginCall, typedGettersTreatAWrongTypeAsAbsent) {
   const char* const options = R"({"s":"x","t":true,"i":7,"f":3.0,"h":3.5,"e":1e30,"n":null,)"
                               R"("least":-9223372036854775808.0,"beyond":9223372036854775808.0})";
   const CAPPluginCall call("m", *JSObject::parse(options), {});

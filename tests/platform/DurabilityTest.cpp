@@ -91,7 +91,7 @@ TEST(UserDefaults, keepTheOldValueOrTheNewOneWhateverFails) {
   }
 }
 
-TEST(UserDefaults, takeWhatIsNoNumberForNone) {
+TEST(UserDefaults, countATextThatIsNoNumberAsZero) {
   InMemoryFileManager files;
   UserDefaults defaults(files, directory);
   for (const char* text : {"", "3x", " 3", "99999999999999999999"}) {

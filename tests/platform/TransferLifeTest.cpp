@@ -134,7 +134,7 @@ TEST(TransferCancelTest, CancellationIsHeardOnceInEveryState) {
   }
 }
 
-TEST(TransferCancelTest, FromWithinAnEvent) {
+TEST(TransferCancelTest, ACancelMayComeFromWithinAnEvent) {
   const auto server = serverOf({{.bytesPerSecond = videoSize}});
   Harness harness;
   harness.start();

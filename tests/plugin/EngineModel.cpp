@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <random>
+#include <set>
 
 #include "download/DocumentsSweep.h"
 #include "platform/Log.h"
@@ -342,9 +343,9 @@ std::vector<ProcessingState> EngineModel::pending() {
 }
 
 void EngineModel::look() {
-  for (const auto& [id, download] : downloads_) {
-    require(saved(download) <= 1, fmt::format("a video is saved once, not {} times", saved(download)), id);
-  }
+  std::set<uint64_t> sizes;  // no two downloads have the same
+  for (const PHAsset& asset : photos_.fetchAllAssets())
+    require(sizes.insert(asset.size).second, "a video is saved once");
   if (storeFiles_.fired()) storeFiles_.disarm();
   if (next_ % 8 != 0) return;
   for (const ProcessingState& state : pending()) {

@@ -65,7 +65,8 @@ void EngineThreads::startProcess() {
       TarnBridge::create({disk_, defaults_, clock_, *dispatch_, *application_, photos_, transfers_}, {.last = &step_});
   plugin_->setEventListener([this](const std::string& name, const JSObject& data) { hear(name, data); });
   plugin_->load();
-  if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
+  // Transfers whose end the last process did not hear go with the making of the session: not while one is driven.
+  plugin_->downloadManager().handleEventsForBackgroundURLSession();
 }
 
 /// As a kill does: of the work that has not begun nothing is done.
@@ -150,7 +151,7 @@ void EngineThreads::perform(const ModelStep& step) {
   const uint32_t argument = step.argument;
   switch (step.kind) {
     case Kind::turn:
-      std::this_thread::yield();
+      plugin_->downloadManager().checkAndResumePendingProcessing();  // which may come at any moment
       break;
     case Kind::settle:
       std::this_thread::sleep_for(1ms);

@@ -201,7 +201,7 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
   }
 }
 
-TEST_F(PresentationChangeTest, OfARemadeTrackTimesAloneCount) {
+TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
   // At another timescale, in packets of another length, the last one cut.
   auto remade = [](Movie& m) {
     m.audio.timescale = 44100;

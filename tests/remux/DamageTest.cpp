@@ -58,9 +58,9 @@ std::vector<Injury> injuriesOf(const BoxEditor& movie, bool isHEVC, bool isChang
   return injuries;
 }
 
-TEST_F(Damage, OfSizesCountsAndTables) {
+TEST_F(Damage, InSizesCountsAndTablesIsRefusedOrCostsNoSample) {
   TempDirectory elsewhere;
-  for (auto [isHEVC, isChanging] : {std::pair(true, false), {false, false}, {true, true}, {false, true}}) {
+  for (auto [isHEVC, isChanging] : {std::pair(true, false), {false, true}}) {  // each codec, each way of writing
     const Bytes soundTwin = movie(isHEVC, isChanging), sound = withoutParameterSets(soundTwin, isHEVC);
     int repaired = 0, refused = 0;
     for (const auto& [what, damage] : injuriesOf(BoxEditor(sound), isHEVC, isChanging)) {
@@ -84,7 +84,7 @@ TEST_F(Damage, OfSizesCountsAndTables) {
   }
 }
 
-TEST_F(Damage, ByAFaultOfTheFileSystem) {
+TEST_F(Damage, AFaultOfTheFileSystemLeavesTheOldFileOrTheNewOne) {
   using Operation = FileOperation;
   using Effect = Fault::Effect;
   const std::set changing{Operation::open, Operation::write, Operation::flush, Operation::close, Operation::replace};

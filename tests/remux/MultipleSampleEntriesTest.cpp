@@ -14,7 +14,7 @@ using Kind = MovieLayout::Piece::Kind;
 
 class SeveralEntries : public RemuxTest {};
 
-TEST_F(SeveralEntries, OneForEachRunOfRealStreams) {
+TEST_F(SeveralEntries, AreMadeForEachSegmentOfRealStreams) {
   const std::string sound = "-f lavfi -i sine=r=48000 -map 0 -map 1 -c:a aac", small = "192x144", large = "256x160";
   const std::string one = "avc1 192x144 1/100/1 stco 1 ", two = "1/1/1 51/1/2 stco 100 ",
                     three = "1/1/1 51/1/2 101/1/3 stco 150 ";
@@ -156,7 +156,7 @@ std::vector<size_t> shortOffsets(const BoxEditor& movie) {
   return places;
 }
 
-TEST_F(SeveralEntries, AndOneHaveLongOffsetsWhenTheMovedMediaNeedThem) {
+TEST_F(SeveralEntries, HaveLongOffsetsIfTheMovedMediaNeedThemAsOneEntryHas) {
   VideoRecipe withSound = inBand(true);
   withSound.more = words("-f lavfi -i sine=r=48000 -map 0 -map 1 -map 1 -c:a aac");
   SparseFiles sparse(files_);

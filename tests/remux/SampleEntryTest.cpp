@@ -143,7 +143,7 @@ TEST_F(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
               testing::IsEmpty());
 }
 
-TEST_F(SampleEntry, OfACopyStatesItsOwnPictureSize) {
+TEST_F(SampleEntry, EachCopyStatesItsOwnPictureSize) {
   for (const Bytes& older : {Bytes(), clap}) {
     Bytes sized = hvc1({pasp, hvcC, box("clap", {values({1920, 1, 1080, 1, 0, 1, 0, 1})})});
     writeUInt32(sized, 1920 << 16 | 1080, 32);

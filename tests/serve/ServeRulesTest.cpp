@@ -124,7 +124,7 @@ TEST(ServeRulesTest, WhateverAPageSendsIsUnderstoodOrRefused) {
   EXPECT_TRUE(std::get<PageVisibility>(parsePageMessage(R"({"visible":true})")).isVisible);
 }
 
-TEST(ServeRulesTest, TheForegroundIsWhereAnyPageIsVisible) {
+TEST(ServeRulesTest, TheAppIsInTheForegroundWhileAnyPageIsVisible) {
   const PagePresence::Time start{}, end = start + PagePresence::grace;
   PagePresence presence(start);
   EXPECT_EQ(presence.nextChange(start), end) << "a page has some time to come";

@@ -69,7 +69,7 @@ TEST_F(SyncFixer, TakesTheSumOfTheDeltasForADurationThatIsNotKnown) {
   }
 }
 
-TEST_F(SyncFixer, WritesNothingWhereTheMoovIsAlreadyAsItShallBe) {
+TEST_F(SyncFixer, WritesNothingIfTheMoovIsRightAlready) {
   const auto original = capture(WorkedCase().moov());
   ASSERT_TRUE(fix(original));
   FaultyFileManager watched(files_);
@@ -90,7 +90,7 @@ TEST_F(SyncFixer, WritesTimesOf64Bits) {
   EXPECT_NEAR(seconds(mvhd.offset + 32), 3.3, 0.03) << "the sound ends last";
 }
 
-TEST_F(SyncFixer, TakesNoBoxThatCannotBeReadForOneThatIsNotThere) {
+TEST_F(SyncFixer, DoesNotTakeAnUnreadableBoxForAMissingOne) {
   write(readFile(files_, flashBeepClip(0.3)));
   FaultyFileManager faulty(files_);
   faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {

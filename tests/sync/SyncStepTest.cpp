@@ -208,7 +208,7 @@ TEST_F(SyncSteps, EndAsIfNothingHadHappenedWhenKilledAtEachChange) {
   }
 }
 
-TEST_F(SyncSteps, KeepFailuresButNotACancellationToThemselves) {
+TEST_F(SyncSteps, SwallowFailuresButNotACancellation) {
   run();
   EXPECT_TRUE(isFailureLogged());
   BoxEditor unreadable(withLists(clip(), {editBox({500, emptyTime, normal})}));
