@@ -37,11 +37,8 @@ def make_recording(path, mib, is_repaired):
     seed = path + ".seed.mp4"
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
                     "nullsrc=size=640x360:rate=30:duration=4,geq=random(1)*255:128:128", "-c:v", "libx264",
-                    "-preset", "ultrafast", "-qp", "10", "-pix_fmt", "yuv420p", seed], check=True)
-    if is_repaired:
-        subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-i", seed, "-c", "copy", "-bsf:v",
-                        "dump_extra=freq=keyframe", "-tag:v", "avc3", seed + ".mp4"], check=True)
-        os.replace(seed + ".mp4", seed)
+                    "-preset", "ultrafast", "-qp", "10", "-x264-params", f"repeat-headers={int(is_repaired)}",
+                    "-pix_fmt", "yuv420p", seed], check=True)
     loops = mib * 1024 * 1024 // os.path.getsize(seed)
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-stream_loop", str(loops), "-i", seed,
                     "-c", "copy", *(["-tag:v", "avc3"] if is_repaired else []), "-movflags", "+faststart", path],

@@ -149,6 +149,7 @@ TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
       contents_.clear();
       id = save("clip.MP4")->id;
       finish("clip.MP4");
+      put(std::to_string(id) + ".recipe", "of an earlier process");
       if (where != Where::running) takeAway();
       dispatch_.release(worker());
       settle();

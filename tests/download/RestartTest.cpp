@@ -169,8 +169,8 @@ TEST_F(EngineTest, TheSweepTakesWhatNothingRefersTo) {
   save("pending.mp4");
   finish("pending.mp4");
   const std::string uuid = makeUUID();
-  const std::vector<std::string> leftovers = {uuid + ".m4a", uuid + ".mp4.tmp"};
-  const std::vector<std::string> kept = {"clip.m4a", "clip.MP4", "noending"};
+  const std::vector<std::string> leftovers = {uuid + ".m4a", uuid + ".mp4.tmp", "55.recipe", "55.side"};
+  const std::vector<std::string> kept = {"clip.m4a", "clip.MP4", "noending", "clip.recipe"};
   const std::vector<std::string> orphans = {"orphan.mp4", "orphan.mov", "orphan.m4v", uuid + "_fixed.mp4"};
   for (const auto& names : {leftovers, kept, orphans}) {
     for (const auto& name : names) put(name, "x");
@@ -178,7 +178,8 @@ TEST_F(EngineTest, TheSweepTakesWhatNothingRefersTo) {
   writeFileAtomically(files_, files_.temporaryDirectory() / "anything", bytesOf("x"));
   cleanUp();
   auto present = kept;
-  present.insert(present.end(), {leftovers[0], leftovers[1], "pending.mp4"});
+  present.insert(present.end(), leftovers.begin(), leftovers.end());
+  present.push_back("pending.mp4");
   EXPECT_THAT(documents(), testing::UnorderedElementsAreArray(present));
   restart();
   EXPECT_THAT(documents(), testing::UnorderedElementsAreArray(kept)) << "what a killed process has left goes too";

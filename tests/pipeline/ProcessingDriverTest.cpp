@@ -40,7 +40,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
   /// One whole run of state_, with its video and steps that enter all stages. What was called, in order.
   std::string run() {
     notes_.clear();
-    put("clip.mp4", "video");
+    if (!files_.fileExists(state_.fileURL)) put("clip.mp4", "video");
     store_.saveState(state_);
     const auto disturb = [this](ProcessingRun& run, ProcessingStage stage) {
       if (stage == transcodingPass2 && disturb_) disturb_(run);
@@ -50,14 +50,22 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                        disturb);
     ScriptedStep sync({syncFixing, syncFixed}, notes_, disturb);
     ScriptedStep last({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage) {
+      result_ = textOf(readFile(files_, run.fileURL));
       if (isSaved_) return run.outcome.setSaved();
       const Error failure("Test", -1, "the album is full");
       run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
     });
     ProcessingDriver driver(files_, clock_, store_, names_, engine_,
-                            {.remux = &remux, .audio = &audio, .sync = &sync, .last = &last});
+                            {.remux = &remux, .audio = &audio, .sync = &sync, .last = &last}, RunFiles::layered);
     driver.continueProcessing(state_, admit(state_).token);
     return joinedWords(notes_);
+  }
+
+  /// What a worker does: a file beside the video is written and takes its place.
+  static void rewrite(ProcessingRun& run) {
+    const Path made = run.fileURL.parent_path() / "made.mp4";
+    run.files.open(made, OpenMode::exclusive)->write(bytesOf("repaired"));
+    run.files.replaceItem(run.fileURL, made);
   }
 
   ProcessingGate::Admission admit(const ProcessingState& state) {
@@ -81,7 +89,9 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                          .fileURL = files_.documentsDirectory(true) / "clip.mp4",
                          .needsRemuxing = true,
                          .needsAudioTranscode = true};
+  const Path recipe_ = home_ / "Documents/7.recipe", side_ = home_ / "Documents/7.side";
   bool isSaved_ = true;
+  std::string result_;                           ///< the video on the disk, as the last step found it
   std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
 };
 
@@ -155,6 +165,7 @@ TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
     disturb_ = [&](ProcessingRun& run) {
       run.state.addTempFile(put("temp.m4a", "audio"));
       run.saveState();
+      rewrite(run);
       row.disturb(run);
     };
     EXPECT_EQ(run(), remuxStages + "transcodingPass1 transcodingPass2 " + row.ending);
@@ -163,7 +174,30 @@ TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
     EXPECT_EQ(record && record->error == "the codec is on holiday", row.stored == failed);
     EXPECT_EQ(files_.fileExists(state_.fileURL), row.keepsVideo);
     EXPECT_EQ(files_.fileExists(home_ / "Documents/temp.m4a"), row.keepsTempFile);
+    EXPECT_EQ(files_.fileExists(recipe_), row.keepsTempFile);
+    EXPECT_EQ(files_.fileExists(side_), row.keepsTempFile);
     EXPECT_FALSE(gate_.activeRun());
+  }
+}
+
+TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFromTheStart) {
+  for (const Path& damaged : {Path(), recipe_, side_}) {
+    SCOPED_TRACE(damaged);
+    state_.stage = downloaded;
+    disturb_ = [](ProcessingRun& run) {
+      rewrite(run);
+      run.token->cancel();
+      run.token->throwIfCancelled();
+    };
+    run();
+    EXPECT_EQ(textOf(readFile(files_, state_.fileURL)), "video");
+    state_.stage = store_.loadState(7).value().stage;
+    EXPECT_EQ(state_.stage, transcodingPass2);
+    if (!damaged.empty()) files_.open(damaged, OpenMode::updating)->truncate(1);
+    disturb_ = {};
+    EXPECT_EQ(run(), (damaged.empty() ? "" : remuxStages) + fromAudio + savedEnding);
+    EXPECT_EQ(result_, damaged.empty() ? "repaired" : "video");
+    EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
   }
 }
 

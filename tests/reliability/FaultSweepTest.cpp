@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/host/PosixFileManager.h"
@@ -20,7 +21,8 @@ enum class Result {
 struct Recording {
   const char* name;
   const char* arguments;
-  uint64_t readStride = 1;  ///< between the readings that fail: 1 if a run takes next to no time
+  const char* hiddenBox = nullptr;  ///< its type is made "free" in the recording
+  uint64_t readStride = 1;          ///< between the readings that fail: 1 if a run takes next to no time
 };
 
 void PrintTo(const Recording& recording, std::ostream* out) {
@@ -32,14 +34,20 @@ constexpr const char* options = " -pix_fmt yuv420p -preset ultrafast";
 
 const Recording recordings[] = {
     {"Tag", "-c:v libx264 -tag:v avc3"},
-    {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1"},
-    {"Transcode", "-f lavfi -i sine=duration=0.1:sample_rate=48000 -c:v libx264 -c:a ac3", 4},
+    {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1", "hvcC"},
+    {"Transcode", "-f lavfi -i sine=duration=0.1:sample_rate=48000 -c:v libx264 -c:a ac3", nullptr, 4},
 };
 
 Bytes made(const Recording& recording) {
   const Path file = madeByFFmpeg(words(std::string(input) + recording.arguments + options));
   PosixFileManager files(file.parent_path());
-  return readFile(files, file);
+  Bytes bytes = readFile(files, file);
+  if (recording.hiddenBox) {
+    const auto type = std::ranges::search(bytes, bytesOf(recording.hiddenBox));
+    EXPECT_FALSE(type.empty());
+    if (!type.empty()) std::ranges::copy(bytesOf("free"), type.begin());
+  }
+  return bytes;
 }
 
 class FaultSweep : public testing::TestWithParam<Recording> {

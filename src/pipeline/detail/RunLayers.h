@@ -30,8 +30,14 @@ class RunLayers {
     if (layers_) layers_->finish([&token] { token.throwIfCancelled(); });
   }
 
+  /// Also what an earlier process has left, if this run has not come to take it up.
   void discard() noexcept {
-    if (layers_) layers_->discard();
+    if (!layers_) return;
+    layers_->discard();
+    const RecipeFiles left = recipeFilesOf(record_);
+    for (const Path& file : {left.recipe, left.side}) {
+      if (base_.fileExists(file)) removeIfExists(base_, file);
+    }
   }
 
   /// Files that the steps have made and that are there still.
