@@ -142,16 +142,16 @@ TEST_F(NALUnits, OfTenThousandSamplesOnlyTheBeginningsAreRead) {
   constexpr uint64_t sampleCount = 10'000;
   FaultyFileManager counting(files_);
   auto handle = counting.open(file_, OpenMode::creating);
-  const Bytes front = sampleOf({vps, sps, pps, Bytes(2000, 0x4E), Bytes(90'000, 0x26)});
+  const Bytes front = sampleOf({vps, sps, pps, Bytes(5000, 0x4E), Bytes(90'000, 0x26)});
   for (uint64_t i = 0; i < sampleCount; ++i) {
     addSample(i * sampleSize, sampleSize);
     handle->seek(i * sampleSize);
-    handle->write(ByteView(front).first(2100));
+    handle->write(ByteView(front).first(5100));
   }
   handle->truncate(sampleCount * sampleSize);
   counting.arm({.call = UINT64_MAX, .among = {FileOperation::read}});
   EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(*handle, samples_, 4).spsArray.size(), 1u);
-  // One piece with the sets, one behind the SEI message of 2,000 bytes; no more of a gigabyte.
+  // One piece with the sets, one behind the SEI message of 5,000 bytes; no more of a gigabyte.
   EXPECT_EQ(counting.calls(), sampleCount * 2);
 }
 

@@ -9,22 +9,24 @@
 namespace tarn {
 
 ByteView SampleFront::at(uint64_t position, size_t count) {
-  if (position < pieceStart_ || position + count > pieceStart_ + piece_.size()) load(position, count);
-  ByteView available = ByteView(piece_).subspan(position - pieceStart_);
+  if (position < pieceStart_ || position + count > pieceStart_ + piece_.size()) {
+    pieceStart_ = position;
+    const auto offset = checkedAdd(sampleOffset_, position);
+    piece_ = offset ? load(*offset, count) : ByteView();
+  }
+  ByteView available = piece_.subspan(position - pieceStart_);
   return available.first(std::min(count, available.size()));
 }
 
-void SampleFront::load(uint64_t position, size_t count) {
-  pieceStart_ = position;
-  piece_.clear();
-  auto offset = checkedAdd(sampleOffset_, position);
-  if (!offset) return;
+ByteView SampleFront::load(uint64_t offset, size_t count) {
   try {
-    file_.seek(*offset);
-    piece_ = file_.read(std::max(count, readAhead));
+    file_.seek(offset);
+    if (count <= buffer_.size()) return ByteView(buffer_).first(file_.readInto(buffer_));
+    longPiece_ = file_.read(count);
+    return longPiece_;
   } catch (const PosixError&) {
     // A sample that cannot be read is passed over like one that is damaged.
-    piece_.clear();
+    return {};
   }
 }
 

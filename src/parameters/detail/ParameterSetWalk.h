@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 
@@ -10,27 +11,31 @@
 
 namespace tarn {
 
-/// The bytes of one sample, read from its front in small pieces: a request that the last piece does not cover reads
+/// The bytes of one sample, read from its front in pieces: a request that the last piece does not cover reads
 /// `readAhead` bytes, or as many as asked for when these are more. The file belongs to somebody else and must outlive
 /// it; its position is moved.
 class SampleFront {
  public:
-  static constexpr size_t readAhead =
-      512;  // holds the parameter sets of most sync samples and their first slice header
+  /// A page of the disk, which holds the parameter sets and messages of most sync samples and their first slice header.
+  static constexpr size_t readAhead = 4096;
 
   SampleFront(FileHandle& file, const SampleInfo& sample) : file_(file), sampleOffset_(sample.fileOffset) {}
+  SampleFront(const SampleFront&) = delete;
+  SampleFront& operator=(const SampleFront&) = delete;
 
   /// Up to `count` bytes at a position in the sample; fewer mean the end of the file or a failed read. A sample's end
   /// is no limit. The view is good until the next call.
   ByteView at(uint64_t position, size_t count);
 
  private:
-  void load(uint64_t position, size_t count);
+  ByteView load(uint64_t offset, size_t count);
 
   FileHandle& file_;
   uint64_t sampleOffset_;
   uint64_t pieceStart_ = 0;  // in the sample
-  Bytes piece_;
+  ByteView piece_;           // of the buffer or of the long piece
+  std::array<uint8_t, readAhead> buffer_;
+  Bytes longPiece_;
 };
 
 /// How a walk over a sample's NAL units behaves.
