@@ -63,6 +63,9 @@ inline constexpr Field runValue{4, 4};
 inline constexpr size_t syncRowSize = 4;
 inline constexpr Field syncSampleNumber{0, 4};
 
+/// stco entry (8.7.5), the place of a chunk in the file; a co64 has 64 bits.
+inline constexpr Field chunkOffset32{0, 4};
+
 /// mdhd (8.4.2) and mvhd (8.2.2) agree as far as these fields go.
 struct TimeHeader {
   Field timescale;

@@ -8,6 +8,7 @@
 #include "movie/MovieTree.h"
 #include "mp4/BoxLayout.h"
 #include "mp4/SampleTableBuilders.h"
+#include "mp4/TableRows.h"
 #include "platform/Log.h"
 #include "remux/detail/MovieAccess.h"
 
@@ -17,14 +18,10 @@ namespace {
 /// The offsets that are there.
 std::vector<uint64_t> offsetsIn(const MovieBox& stco) {
   const Bytes table = stco.plainBytes();
+  const TableRows rows(table, layout::chunkOffset32.width, TableRows::HugeCount::isCut);
   std::vector<uint64_t> offsets;
-  if (table.size() < layout::tableHeaderSize) return offsets;
-  const size_t count = layout::load(table.data(), layout::entryCount);
-  constexpr layout::Field offset{0, 4};
-  for (size_t at = layout::tableHeaderSize; at + offset.width <= table.size() && offsets.size() < count;
-       at += offset.width) {
-    offsets.push_back(layout::load(table.data() + at, offset));
-  }
+  offsets.reserve(rows.size());
+  for (size_t i = 0; i < rows.size(); ++i) offsets.push_back(layout::load(rows.row(i), layout::chunkOffset32));
   return offsets;
 }
 
