@@ -75,7 +75,10 @@ void DownloadStarter::takeUp(const DownloadTask::Transfer& transfer, int64_t id)
 
 int64_t DownloadStarter::makeId(std::optional<int64_t> wanted) {
   std::lock_guard guard(idMutex_);
-  if (wanted && *wanted > 0 && !issuedIds_.contains(*wanted) && !isIdTaken(*wanted)) return *wanted;
+  if (wanted && *wanted > 0 && !issuedIds_.contains(*wanted) && !isIdTaken(*wanted)) {
+    issuedIds_.insert(*wanted);
+    return *wanted;
+  }
   int64_t id = secondsSince1970(engine_.platform.clock.now());
   issuedIds_.erase(issuedIds_.begin(), issuedIds_.lower_bound(id));
   while (issuedIds_.contains(id) || isIdTaken(id)) ++id;
