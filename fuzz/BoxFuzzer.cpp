@@ -15,8 +15,7 @@ constexpr std::array policies{&boxwalk::topLevel,       &boxwalk::children,
                               &boxwalk::bufferDeep,     &boxwalk::sampleEntryChildren,
                               &boxwalk::openChildren,   &boxwalk::tableChildren,
                               &boxwalk::clonedChildren, &boxwalk::protectionChildren,
-                              &boxwalk::topLevelScan,   &boxwalk::movieBuffer,
-                              &boxwalk::trackBuffer};
+                              &boxwalk::topLevelScan,   &boxwalk::movieBuffer};
 
 /// A walk comes to its end: each header has eight bytes of its own, and a buffer is walked once for each level.
 template <typename Walker>

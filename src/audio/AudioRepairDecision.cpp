@@ -9,6 +9,7 @@
 #include "audio/fastpath/FastPathActions.h"
 #include "pipeline/RemuxTimingHelper.h"
 #include "platform/Log.h"
+#include "platform/ReadWatch.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
@@ -150,7 +151,8 @@ RepairDecision determineRepairDecision(const AudioAnalysisResult& analysisResult
 }
 
 AudioFindings decideAudioRepair(FileManager& files, const Path& fileURL) {
-  return AudioDecision(files, fileURL).make();
+  // What cannot be read would pass for what is not there, and lead to another decision.
+  return readWatched(WatchedFiles(files), [&](FileManager& watched) { return AudioDecision(watched, fileURL).make(); });
 }
 
 }  // namespace tarn

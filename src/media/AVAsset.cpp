@@ -16,6 +16,7 @@
 #include "mp4/TableBox.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Error.h"
+#include "platform/ReadWatch.h"
 
 namespace tarn {
 namespace {
@@ -109,18 +110,19 @@ std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
       handlerTypeText(withMediaType == AVMediaType::video ? MP4TrackType::video : MP4TrackType::audio);
   std::vector<AVAssetTrack> tracks;
   try {
-    auto file = files_.open(url_, OpenMode::reading);
-    auto moov = findMovie(*file);
+    ReadWatch file(files_.open(url_, OpenMode::reading));
+    auto moov = findMovie(file);
     if (!moov) return tracks;
-    uint32_t movieTimescale = readTimeHeader(*file, *moov, "mvhd").value_or(TimeHeader{}).timescale;
-    FileBoxWalker walker(*file, moov->contentOffset(), moov->end(), boxwalk::tracks);
+    uint32_t movieTimescale = readTimeHeader(file, *moov, "mvhd").value_or(TimeHeader{}).timescale;
+    FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
     while (auto header = walker.next()) {
       if (header->type != "trak") continue;
-      if (MP4BoxUtils::getHandlerType(*file, *header) != handler) continue;
-      tracks.push_back(readTrack(*file, *header, withMediaType, movieTimescale));
+      if (MP4BoxUtils::getHandlerType(file, *header) != handler) continue;
+      tracks.push_back(readTrack(file, *header, withMediaType, movieTimescale));
     }
+    if (file.failure()) return {};
   } catch (const PosixError&) {
-    // An asset that cannot be read has the tracks that were found.
+    return {};
   }
   return tracks;
 }
@@ -146,11 +148,12 @@ CMTime AVAsset::duration() const {
 }
 
 std::unique_ptr<CompressedSampleSource> AVAsset::compressedSamples(const AVAssetTrack& track) const {
-  auto file = files_.open(url_, OpenMode::reading);
+  auto file = std::make_unique<ReadWatch>(files_.open(url_, OpenMode::reading));
   const uint32_t movieTimescale = movieTimescaleOf(*file);
   auto [locations, times] = readSampleTable(*file, track);
   const auto entries = track.followsEditList ? readEditList(*file, track.trak) : std::vector<EditListEntry>();
   auto edits = mediaEdits(entries, movieTimescale, track.naturalTimeScale, times.duration());
+  file->requireReadable();
   return std::make_unique<SampleTableSource>(SampleTableSource::Tables{
       .file = std::move(file),
       .locations = std::move(locations),
@@ -177,10 +180,11 @@ int64_t AVAsset::samplesOutsideFile(const AVAssetTrack& track) const {
 }
 
 std::vector<MediaEdit> AVAsset::shownMedia(const AVAssetTrack& track) const {
-  auto file = files_.open(url_, OpenMode::reading);
-  const uint32_t movieTimescale = movieTimescaleOf(*file);
-  const int64_t duration = readSampleTable(*file, track).second.duration();
-  const auto entries = readableEditList(*file, track.trak);
+  ReadWatch file(files_.open(url_, OpenMode::reading));
+  const uint32_t movieTimescale = movieTimescaleOf(file);
+  const int64_t duration = readSampleTable(file, track).second.duration();
+  const auto entries = readableEditList(file, track.trak);
+  file.requireReadable();
   if (!isUsable(movieTimescale) || entries.empty() || damageOf(entries, duration) != EditListDamage::none) {
     return {MediaEdit{}};
   }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <memory>
 #include <optional>
+#include <utility>
 
 #include "platform/Error.h"
 #include "platform/ForwardingFileManager.h"
@@ -15,13 +17,17 @@ class ReadWatch : public ForwardingFileHandle {
     try {
       return work();
     } catch (const PosixError& error) {
-      if (!failure_) failure_ = error;
+      if (!*failure_) *failure_ = error;
       throw;
     }
   }
 
  public:
-  using ForwardingFileHandle::ForwardingFileHandle;
+  /// The first failure of all that share it; nothing while all has been read.
+  using Failure = std::shared_ptr<std::optional<PosixError>>;
+
+  explicit ReadWatch(std::unique_ptr<FileHandle> file, Failure failure = std::make_shared<std::optional<PosixError>>())
+      : ForwardingFileHandle(std::move(file)), failure_(std::move(failure)) {}
 
   Bytes read(size_t count) override {
     return watched([&] { return base().read(count); });
@@ -36,30 +42,44 @@ class ReadWatch : public ForwardingFileHandle {
     return watched([&] { return base().seekToEnd(); });
   }
 
-  /// Opens a file for `work` and returns what that returns. Throws PosixError if a read failed meanwhile, whatever
-  /// `work` made of it.
-  template <typename Work>
-  static auto reading(FileManager& files, const Path& path, Work work) {
-    ReadWatch file(files.open(path, OpenMode::reading));
-    try {
-      auto result = work(static_cast<FileHandle&>(file));
-      file.throwFailure();
-      return result;
-    } catch (const Error&) {
-      file.throwFailure();
-      throw;
-    }
+  const std::optional<PosixError>& failure() const { return *failure_; }
+  /// Throws the failure.
+  void requireReadable() const {
+    if (*failure_) throw **failure_;
   }
-
-  /// The first failure; nothing while all has been read.
-  const std::optional<PosixError>& failure() const { return failure_; }
 
  private:
-  void throwFailure() const {
-    if (failure_) throw *failure_;
+  Failure failure_;
+};
+
+/// The same for every file that is opened through it. Serves one thread.
+class WatchedFiles : public ForwardingFileManager {
+ public:
+  using ForwardingFileManager::ForwardingFileManager;
+
+  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
+    return std::make_unique<ReadWatch>(ForwardingFileManager::open(path, mode), failure_);
+  }
+  void requireReadable() const {
+    if (*failure_) throw **failure_;
   }
 
-  std::optional<PosixError> failure_;
+ private:
+  ReadWatch::Failure failure_ = std::make_shared<std::optional<PosixError>>();
 };
+
+/// Returns what `work` makes of a watch: of a ReadWatch or of WatchedFiles. Throws PosixError if a read failed
+/// meanwhile, whatever `work` made of that.
+template <typename Watch, typename Work>
+auto readWatched(Watch&& watch, Work work) {
+  try {
+    auto result = work(watch);
+    watch.requireReadable();
+    return result;
+  } catch (const Error&) {
+    watch.requireReadable();
+    throw;
+  }
+}
 
 }  // namespace tarn

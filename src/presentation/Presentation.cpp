@@ -129,7 +129,7 @@ MovieTime TrackPresentation::sampleLength(uint32_t sample) const {
 
 Presentation Presentation::read(FileManager& files, const Path& path) {
   // A box that cannot be read would pass for one that is not there.
-  return ReadWatch::reading(files, path, [](FileHandle& file) { return readFrom(file); });
+  return readWatched(ReadWatch(files.open(path, OpenMode::reading)), readFrom);
 }
 
 Presentation Presentation::readFrom(FileHandle& file) {
@@ -177,7 +177,8 @@ const TrackPresentation* Presentation::first(std::string_view handler) const {
 }
 
 bool isFragmented(FileManager& files, const Path& path) {
-  return ReadWatch::reading(files, path, [](FileHandle& file) { return scanTopLevel(file).hasFragments; });
+  return readWatched(ReadWatch(files.open(path, OpenMode::reading)),
+                     [](FileHandle& file) { return scanTopLevel(file).hasFragments; });
 }
 
 }  // namespace tarn

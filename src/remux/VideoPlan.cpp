@@ -11,6 +11,7 @@
 #include "parameters/ParameterScan.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Log.h"
+#include "platform/ReadWatch.h"
 #include "remux/detail/MovieAccess.h"
 #include "remux/detail/TagRepair.h"
 #include "remux/detail/VideoEntries.h"
@@ -203,25 +204,29 @@ class Planner {
   VideoPlan plan_;
 };
 
-}  // namespace
-
-std::optional<VideoPlan> planVideo(FileManager& files, const Path& path) {
-  auto file = openFile(files, path, OpenMode::reading, "Cannot open file");
-  auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
+std::optional<VideoPlan> planFor(FileHandle& file) {
+  auto moov = MP4BoxUtils::findTopLevelBox(file, "moov");
   if (!moov) throw MP4RemuxError::corruptedMP4("moov box not found");
-  auto stbl = NALUnitParser::findVideoTrackStbl(*file, *moov);
-  auto stsd = stbl ? MP4BoxUtils::findChildBox(*file, *stbl, "stsd") : std::nullopt;
+  auto stbl = NALUnitParser::findVideoTrackStbl(file, *moov);
+  auto stsd = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stsd") : std::nullopt;
   if (!stsd) throw MP4RemuxError::corruptedMP4("Video track stsd not found");
-  auto tag = readVideoCodecFromStsd(*file, *stsd);
+  auto tag = readVideoCodecFromStsd(file, *stsd);
   const VideoCodec* codec = tag ? codecOfTag(*tag) : nullptr;
   if (!codec) return std::nullopt;
-  std::vector<VideoEntry> entries = readVideoEntries(*file, *stsd, *codec);
+  std::vector<VideoEntry> entries = readVideoEntries(file, *stsd, *codec);
   if (entries.empty()) throw MP4RemuxError::corruptedMP4("No sample entry can be read");
-  VideoPlan plan = Planner(*file, *codec, std::move(entries), *stbl).make();
-  if (!plan.segments.empty() && scanAround(*file, *moov).isMdatCut()) {
+  VideoPlan plan = Planner(file, *codec, std::move(entries), *stbl).make();
+  if (!plan.segments.empty() && scanAround(file, *moov).isMdatCut()) {
     return VideoPlan{.kind = Kind::cannot, .reason = plan.reason + ", but the file is cut off in its media"};
   }
   return plan;
+}
+
+}  // namespace
+
+std::optional<VideoPlan> planVideo(FileManager& files, const Path& path) {
+  // A box that cannot be read would pass for one that is not there, and lead to another plan.
+  return readWatched(ReadWatch(openFile(files, path, OpenMode::reading, "Cannot open file")), planFor);
 }
 
 void changeTags(FileManager& files, const Path& path, const VideoPlan& plan) {

@@ -11,6 +11,8 @@
 #include "mp4/DataExtensions.h"
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
+#include "support/FailureOf.h"
+#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 #include "support/SyntheticMovie.h"
 
@@ -319,6 +321,16 @@ TEST_F(AudioAnalysis, SurvivesTracksOfGapsAloneAndAbsurdCounts) {
   const SilenceAction silence{.videoPTS = CMTime::zero(), .duration = CMTime::make(INT64_MAX, 1)};
   EXPECT_EQ(AudioTranscoder::convertToAudioActions(std::array{silence}, 48000, 1024)[0].durationTicks,
             int64_t{1} << 62);
+}
+
+TEST_F(AudioAnalysis, IsNotMadeOfWhatCannotBeRead) {
+  clip_.write(syntheticMovie({pictures(), sound({{9, packet}, {1, 9 * packet}, {9, packet}}, {{100, 1024}})}));
+  FaultyFileManager faulty(clip_.files);
+  const uint64_t faults = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    const bool isDecided = failureOf([&] { decideAudioRepair(faulty, clip_.asset.url()); }).empty();
+    EXPECT_NE(isDecided, faulty.fired()) << "call " << call;
+  });
+  EXPECT_GT(faults, 100u);
 }
 
 }  // namespace

@@ -84,6 +84,18 @@ TEST_F(Damage, InSizesCountsAndTablesIsRefusedOrCostsNoSample) {
   }
 }
 
+TEST_F(Damage, APlanIsNotMadeOfWhatCannotBeRead) {
+  FaultyFileManager faulty(files_);
+  for (bool isChanging : {false, true}) {
+    write(movie(true, isChanging));
+    const uint64_t faults = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+      const bool isPlanned = failureOf([&] { planVideo(faulty, file_); }).empty();
+      EXPECT_NE(isPlanned, faulty.fired()) << "call " << call;
+    });
+    EXPECT_GT(faults, 20u);
+  }
+}
+
 TEST_F(Damage, AFaultOfTheFileSystemLeavesTheOldFileOrTheNewOne) {
   using Operation = FileOperation;
   using Effect = Fault::Effect;

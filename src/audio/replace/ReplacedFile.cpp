@@ -93,6 +93,7 @@ std::vector<Patch> moveTopLevelItems(const ReplacerInput& original, const Places
       patches.push_back(std::move(patch));
     }
   }
+  original.requireReadable();
   return patches;
 }
 

@@ -16,9 +16,10 @@ namespace {
 
 using ReplacerError = AudioTrackReplacerError;
 
-std::unique_ptr<FileHandle> openInput(FileManager& files, const Path& path, const InputWords& words) {
+std::unique_ptr<ReadWatch> openInput(FileManager& files, const Path& path, const InputWords& words) {
   if (!files.fileExists(path)) throw ReplacerError::fileNotFound(path);
-  return openFile(files, path, OpenMode::reading, ReplacerError::ioError(Error("FileHandle", -1, words.cannotOpen)));
+  return std::make_unique<ReadWatch>(
+      openFile(files, path, OpenMode::reading, ReplacerError::ioError(Error("FileHandle", -1, words.cannotOpen))));
 }
 
 /// Finds the `moov` in an input that the replacer can work on.

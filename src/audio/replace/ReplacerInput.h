@@ -6,6 +6,7 @@
 #include "movie/MediaLayout.h"
 #include "movie/MovieTree.h"
 #include "platform/FileManager.h"
+#include "platform/ReadWatch.h"
 
 namespace tarn {
 
@@ -31,6 +32,8 @@ class ReplacerInput {
 
   const InputWords& words() const { return words_; }
   FileHandle& file() const { return *file_; }
+  /// Throws PosixError if a search has taken a box that it could not read for one that is not there.
+  void requireReadable() const { file_->requireReadable(); }
   const MediaLayout& layout() const { return layout_; }
   const BoxHeader& moovBox() const { return moovBox_; }
 
@@ -42,7 +45,7 @@ class ReplacerInput {
 
  private:
   const InputWords& words_;
-  std::unique_ptr<FileHandle> file_;
+  std::unique_ptr<ReadWatch> file_;
   MediaLayout layout_;
   BoxHeader moovBox_;
 };
