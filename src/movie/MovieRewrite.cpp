@@ -45,7 +45,8 @@ class Rewrite {
       end = box.end();
     }
     if (!hasMoov) throw MovieError(Case::damaged, fmt::format("no box begins at {}", end));
-    if (end < layout_.fileSize && !dropsTail) copyTail({.offset = end, .size = layout_.fileSize - end, .type = ""});
+    if (end < layout_.fileSize && !dropsTail)
+      copyTail({.offset = end, .size = layout_.fileSize - end, .type = "", .headerSize = 0});
     return writer_.copied();
   }
 

@@ -34,11 +34,13 @@ class MovieWriter {
   std::vector<CopiedRange> copied_;
 };
 
-/// Hears how a rewrite comes on. `box` is one of the source's top-level boxes, the old `moov` for the new one; its type
-/// is empty for the bytes at the end that are no box.
+/// Hears how a rewrite comes on. `box` is one of the source's top-level boxes, the old `moov` for the new one, or the
+/// tail: the bytes at the end that are no box.
 class RewriteListener {
  public:
   virtual ~RewriteListener() = default;
+
+  static bool isTail(const BoxHeader& box) { return box.headerSize == 0; }
 
   virtual void begins(const BoxHeader& box);
   /// Another piece of at most 10 MiB is written; `written` counts from the start of the box.

@@ -39,7 +39,7 @@ void moveOffsets(std::span<uint8_t> newMoov, const ChunkOffsetShift& shift, int6
 
 std::vector<CopiedRange> copyAround(FileHandle& source, FileHandle& target, const MediaLayout& layout,
                                     const BoxHeader& moov, ByteView newMoov, RemuxTimings& timings) try {
-  RemuxProgress progress(newMoov.size(), timings);
+  RemuxProgress progress(moov, newMoov.size(), timings);
   auto copied = rewriteMovie(source, target, layout, moov, newMoov, edit::remuxing, progress);
   logLine("Finished writing all top-level boxes");
   return copied;

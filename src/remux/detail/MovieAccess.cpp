@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "movie/MoovCheck.h"
+#include "movie/MovieRewrite.h"
 #include "mp4/BoxLayout.h"
 #include "platform/OpenFile.h"
 
@@ -32,7 +33,7 @@ MP4RemuxError moovError(const MovieError& error, const BoxHeader& moov) {
 /// A rewrite that finds the file shorter than its boxes say.
 MP4RemuxError cutOffError(const BoxHeader& box) {
   if (box.type == "mdat") return MP4RemuxError::writeError("Failed to copy mdat");
-  if (box.type.empty()) return MP4RemuxError::writeError("Failed to copy the end of the file");
+  if (RewriteListener::isTail(box)) return MP4RemuxError::writeError("Failed to copy the end of the file");
   return MP4RemuxError::writeError("Failed to stream " + box.type + " box");
 }
 

@@ -10,14 +10,6 @@ namespace {
 constexpr uint64_t largestSmallBox = 0xA00000;
 constexpr uint64_t progressConstant = 0x138800000;
 
-bool isTail(const BoxHeader& box) {
-  return box.type.empty();
-}
-
-bool isStreamed(const BoxHeader& box) {
-  return !isTail(box) && box.type != "moov" && box.type != "mdat" && box.size > largestSmallBox;
-}
-
 /// Between two lines, in percent.
 uint64_t progressStep(uint64_t size) {
   return size > progressConstant ? 1 : std::min<uint64_t>(10, progressConstant / size);
@@ -45,7 +37,7 @@ void RemuxProgress::ends(const BoxHeader& box) {
   if (isLost_) return;
   if (isTail(box)) {
     log("Wrote {} bytes at {} that are no box", box.size, box.offset);
-  } else if (box.type == "moov") {
+  } else if (isReplaced(box)) {
     log("Wrote adjusted moov box ({} bytes, original: {} bytes)", newMoovSize_, box.size);
   } else {
     log("Wrote {} box ({} bytes){}", box.type, box.size, isStreamed(box) ? " via streaming" : "");
@@ -58,8 +50,12 @@ bool RemuxProgress::becomesFree(const BoxHeader& box) {
   return true;
 }
 
+bool RemuxProgress::isStreamed(const BoxHeader& box) const {
+  return box.size > largestSmallBox && box.type != "mdat" && !isTail(box) && !isReplaced(box);
+}
+
 double& RemuxProgress::timeOf(const BoxHeader& box) {
-  if (box.type == "moov") return timings_.writeMoov;
+  if (isReplaced(box)) return timings_.writeMoov;
   return box.type == "mdat" ? timings_.writeMdat : timings_.writeOtherBoxes;
 }
 

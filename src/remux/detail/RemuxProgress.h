@@ -12,8 +12,9 @@ namespace tarn {
 /// becomes free space.
 class RemuxProgress : public RewriteListener {
  public:
-  /// `timings` must outlive it.
-  RemuxProgress(size_t newMoovSize, RemuxTimings& timings) : newMoovSize_(newMoovSize), timings_(timings) {}
+  /// `moov` is the one that is replaced; `timings` must outlive it.
+  RemuxProgress(const BoxHeader& moov, size_t newMoovSize, RemuxTimings& timings)
+      : moovOffset_(moov.offset), newMoovSize_(newMoovSize), timings_(timings) {}
 
   void begins(const BoxHeader& box) override;
   void advances(const BoxHeader& box, uint64_t written) override;
@@ -21,8 +22,11 @@ class RemuxProgress : public RewriteListener {
   bool becomesFree(const BoxHeader& box) override;
 
  private:
+  bool isReplaced(const BoxHeader& box) const { return box.offset == moovOffset_; }
+  bool isStreamed(const BoxHeader& box) const;
   double& timeOf(const BoxHeader& box);
 
+  uint64_t moovOffset_;
   size_t newMoovSize_;
   RemuxTimings& timings_;
   TimingHelper timer_;
