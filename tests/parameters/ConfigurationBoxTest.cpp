@@ -51,6 +51,20 @@ TEST_F(ConfigurationBoxes, SayWhatCanBeReadOfOddSets) {
   for (const auto& [record, expected] : cases) EXPECT_EQ(record, bytesFrom(expected)) << expected;
 }
 
+TEST_F(ConfigurationBoxes, StateChromaAndDepthsForFourProfiles) {
+  const std::pair<uint8_t, const char*> cases[] = {{100, "fe f9 fb 00"},
+                                                   {110, "fe f9 fb 00"},
+                                                   {122, "fe f9 fb 00"},
+                                                   {144, "fe f9 fb 00"},
+                                                   {77, ""},
+                                                   {118, ""},
+                                                   {244, ""}};
+  for (const auto& [profile, last] : cases) {
+    const Bytes sps = BitBuilder().bits(0x67, 8).bits(profile, 8).bits(40, 16).ue(0).ue(2).ue(1).ue(3).bytes();
+    EXPECT_EQ(avcRecord(sps), bytesFrom(fmt::format("01 {:02x}0028 ff e1 00026701 01 0003680203 {}", profile, last)));
+  }
+}
+
 TEST_F(ConfigurationBoxes, RefuseWhatDoesNotFit) {
   auto hvcC = [](std::vector<Bytes> units) { return HEVCConfigurationBox(std::move(units), {}, {}, {}, 4, true); };
   EXPECT_NO_THROW(hvcC({Bytes(65535)}).buildHvcCBox());

@@ -1,4 +1,5 @@
 #include "parameters/NALUnitParser.h"
+#include "parameters/ParameterScan.h"
 #include "parameters/detail/ParameterSetWalk.h"
 #include "support/BoxBuilder.h"
 #include "support/FaultyFileManager.h"
@@ -115,6 +116,11 @@ TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
   EXPECT_EQ(sets.ppsArray, std::vector<Bytes>{pps});
   EXPECT_EQ(sets.vpsArray, std::vector<Bytes>{vps});
 
+  // What is behind a sample is not its own.
+  lay({sampleOf({vps, sei}), sampleOf({sps, pps})});
+  samples_.pop_back();
+  EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(*handle_, samples_, 4).spsArray.size(), 0u);
+
   // The longest length there is, of an SEI and of a PPS; and an offset that no file reaches.
   Bytes longest(ParameterSetWalk::invalidLength - 1, 0x4E);
   EXPECT_EQ(scan({sampleOf({longest, pps})}).ppsArray.size(), 0u);  // behind the search limit
@@ -123,6 +129,37 @@ TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
   addSample(UINT64_MAX - 1, 100);
   EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4).ppsArray, std::vector<Bytes>{longest});
   EXPECT_EQ(scan({good}, 3).ppsArray.size(), 0u);
+}
+
+TEST_F(NALUnits, OneScanTellsOnWhichSideOfTheFirstSliceASetStands) {
+  using Side = ParameterScan::Side;
+  const Bytes otherPPS = {0x68, 0xCF}, first = sampleOf({avcSPS, avcPPS, avcSlice, otherPPS});
+  auto& file = lay({first, sampleOf({avcSlice, otherPPS}), first});
+  const ParameterSets none;
+  const auto describe = [&](const ParameterScan& scan, Side side) {
+    std::string text;
+    for (size_t sample : {0u, 1u}) {
+      const ParameterSets sets = scan.carriedBy(sample, side);
+      text += fmt::format("{}/{} ", sets.spsArray.size(), sets.ppsArray.size());
+    }
+    for (const auto& segment :
+         scan.segments(3, side, [&](const SampleInfo&) -> const ParameterSets& { return none; })) {
+      text += fmt::format("{}-{}:{} ", segment.startSampleIndex, segment.endSampleIndex, segment.sets.ppsArray.size());
+    }
+    return text;
+  };
+  ParameterScan all(VideoCodec::avc, ParameterScan::Purpose::extraction, samples_);
+  all.read(file, 4);
+  EXPECT_EQ(all.sets().ppsArray, (std::vector<Bytes>{avcPPS, otherPPS}));
+  EXPECT_EQ(describe(all, Side::aheadOfSlices), "1/1 0/0 0-2:1 ");
+  EXPECT_EQ(describe(all, Side::both), "1/2 0/1 0-2:2 ");
+  EXPECT_TRUE(all.carryTheSame(0, 2) && !all.carryTheSame(0, 1));
+
+  ParameterScan plan(VideoCodec::avc, ParameterScan::Purpose::plan, samples_);
+  plan.read(file, 4);
+  EXPECT_EQ(describe(plan, Side::both), "1/1 0/0 0-2:1 ");
+  plan.readBehindSlices(file);
+  EXPECT_EQ(describe(plan, Side::both), "1/2 0/1 0-2:2 ");
 }
 
 TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
@@ -135,6 +172,16 @@ TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
   samples_.clear();
   for (uint64_t i = 0; i < 60; ++i) addSample(5 * i, 10);
   EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4), NALUnitParserError);
+
+  // Each sample begins one PPS of four bytes behind the one ahead, and carries some 30,000.
+  bytes.clear();
+  for (uint32_t i = 0; i < 40'000; ++i) {
+    bytes.insert(bytes.end(), {0, 0, 0, 4, 0x44, 1, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
+  }
+  auto& small = lay({bytes});
+  samples_.clear();
+  for (uint64_t i = 0; i < 60; ++i) addSample(8 * i, ParameterSetWalk::searchLimit);
+  EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(small, samples_, 4), NALUnitParserError);
 }
 
 TEST_F(NALUnits, OfTenThousandSamplesOnlyTheBeginningsAreRead) {

@@ -33,6 +33,8 @@ TEST(HEVCSPSParser, ReadsWhatTheSetStates) {
       {{.maxSubLayersMinus1 = 2, .id = 5}, "1920x1088 chroma 1 depth 8/8 profile 1 level 93 layers 3"},
       {{.maxSubLayersMinus1 = 7, .subLayerProfiles = true, .id = 9},
        "1920x1088 chroma 1 depth 8/8 profile 1 level 93 layers 8"},
+      {{.id = noNumber}, "1920x1088 chroma 1 depth 8/8 profile 1 level 93 layers 1"},
+      {{.width = noNumber}, "-1"},
       {{.width = 16385}, "-1"},
       {{.height = 0}, "-1"},
       {{.chromaFormat = 4}, "-1"},
@@ -41,12 +43,13 @@ TEST(HEVCSPSParser, ReadsWhatTheSetStates) {
   };
   for (const auto& [sps, expected] : cases) {
     EXPECT_EQ(parsed(sps.bytes()), expected);
-    EXPECT_EQ(parseHEVCParameterSetID(ParameterSetKind::sps, ByteView(sps.bytes()).subspan(2)), sps.id);
+    const uint32_t id = sps.id == noNumber ? 0 : sps.id;
+    EXPECT_EQ(parseHEVCParameterSetID(ParameterSetKind::sps, ByteView(sps.bytes()).subspan(2)), id);
   }
 }
 
 TEST(HEVCSPSParser, AppliesTheWindowInUnitsOfTheChromaFormat) {
-  // The window leaves out 4 units on the right and 4 at the bottom.
+  // The window leaves out 4 units of the width and 4 of the height.
   const std::pair<HEVCSPS, const char*> cases[] = {
       {{}, "1920x1088"},
       {{.conformanceWindow = true}, "1912x1080"},
@@ -87,6 +90,8 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
       {{.chromaFormat = 2, .framesOnly = false, .cropRight = 1, .cropBottom = 8}, {1918, 2160}},
       {{.chromaFormat = 0, .cropRight = 1, .cropBottom = 8}, {1919, 1080}},
       {{.profile = 244, .chromaFormat = 3, .cropRight = 2, .cropBottom = 8}, {1918, 1080}},
+      {{.cropLeft = 3, .cropTop = 2}, {1914, 1084}},
+      {{.id = noNumber}, {1920, 1088}},
       {{.profile = 66, .pictureOrderCountType = 1, .cropRight = 3}, {1914, 1088}},
       {{.profile = 244, .chromaFormat = 3, .scalingLists = true, .pictureOrderCountType = 2}, {1920, 1088}},
       {{.widthInMbs = 1, .cropRight = 100}, {16 - 200, 1088}},
@@ -94,6 +99,11 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
   for (const auto& [sps, expected] : cases) {
     Bytes bytes = sps.bytes();
     EXPECT_EQ(AVCConfigurationBox::parseSPSResolution(ByteView(bytes).subspan(1)), expected);
+  }
+  for (int profile = 0; profile < 256; ++profile) {
+    const Bytes bytes = AVCSPS{.profile = static_cast<uint8_t>(profile), .chromaFormat = 2}.bytes();
+    EXPECT_EQ(AVCConfigurationBox::parseSPSResolution(ByteView(bytes).subspan(1)), (PictureSize{1920, 1088}))
+        << profile;
   }
   EXPECT_FALSE(AVCConfigurationBox::parseSPSResolution(Bytes(9, 0xFF)));
 

@@ -90,13 +90,17 @@ std::string setsIn(const Bytes& movie) {
     const bool isHEVC = tag[0] == 'h';
     for (auto found : editor.all(sampleTable + "/stsd/" + tag + (isHEVC ? "/hvcC" : "/avcC"))) {
       ByteView contents = ByteView(movie).subspan(found.offset + 8, found.size - 8);
+      int lengthSizeMinusOne = 0;
       if (isHEVC) {
-        for (const auto& array : readHvcC(contents).arrays) text += std::to_string(array.nalUnits.size());
+        const auto record = readHvcC(contents);
+        for (const auto& array : record.arrays) text += std::to_string(array.nalUnits.size());
+        lengthSizeMinusOne = record.lengthSizeMinusOne;
       } else {
         const auto record = readAvcC(contents);
         text += fmt::format("{}{}", record.spsArray.size(), record.ppsArray.size());
+        lengthSizeMinusOne = record.lengthSizeMinusOne;
       }
-      text += " ";
+      text += lengthSizeMinusOne == 3 ? " " : fmt::format(":{} ", lengthSizeMinusOne + 1);
     }
   }
   return text;
@@ -155,6 +159,8 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        "hvc1 0x0 1/1/1 2/1/1 ",
        "111 "},
       {"nothing anywhere", {hev1({})}, {none, none}, same, "", lacks + " its parameter sets (no VPS, no SPS, no PPS)"},
+      {"no samples", {hev1({})}, {}, same, "", lacks + " its parameter sets (no samples)"},
+      {"no samples under a whole entry", {hvc1(hvcC(h))}, {}, same},
       {"no VPS", {hvc1(hvcC({}, {h.sps}, {h.pps}))}, {of({h.sps, h.pps, slice})}, same, "", "(no VPS)"},
       {"a change behind hvcC",
        {hvc1(hvcC(h))},
@@ -182,6 +188,16 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        {none, of({otherPPS, slice}), none},
        "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ",
        "111 111 "},
+      {"a kind that comes with an identifier again",
+       {hev1({})},
+       {of({h.vps, h.sps, slice}), other},
+       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
+       "111 111 "},
+      {"a kind that comes with the second change",
+       {avc3({})},
+       {of({a.sps, avcSlice}), of({largeAVC.sps, avcSlice}), fullAVC},
+       "avc1 192x144 avc1 256x160 1/1/1 2/1/2 3/1/1 ",
+       "11 11 "},
       {"a set that is too long", {hev1({})}, {of({tooLong, h.vps, h.sps, h.pps, slice})}, "hvc1 0x0 1/1/1 ", "111 "},
       {"an SEI message in hvcC",
        {hev1(withSEI)},
@@ -215,7 +231,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        {hev1(hvcC(h)), hev1(HEVCConfigurationBox({h.vps}, {h.sps}, {h.pps}, {}, 2, true).buildHvcCBox())},
        {full, sampleOf(h.with(slice), 2)},
        tag,
-       "111 111 ",
+       "111 111:2 ",
        "",
        {1, 2}},
       {"avcC alone", {avc1(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, same},
@@ -243,6 +259,12 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        {avc1(avcC({a.sps}, {a.pps}, 2))},
        {sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)},
        same},
+      {"lengths of two bytes that nothing states",
+       {avc3({})},
+       {sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)},
+       "avc1 0x0 1/1/1 2/1/1 ",
+       "11:2 "},
+      {"HEVC lengths of two bytes", {hev1({})}, {sampleOf(h.with(slice), 2)}, "hvc1 0x0 1/1/1 ", "111:2 "},
       {"a zero behind a set", {avc1(avcC({a.sps}, {a.pps}))}, {of({a.sps, joined({a.pps, Bytes(2)}), avcSlice})}, same},
       {"a prefix ahead", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
       {"start codes in place of lengths",

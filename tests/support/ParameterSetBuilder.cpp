@@ -1,5 +1,8 @@
 #include "support/ParameterSetBuilder.h"
 
+#include <algorithm>
+#include <array>
+
 namespace tarn::test {
 
 BitBuilder& BitBuilder::bits(uint64_t value, int count) {
@@ -32,10 +35,10 @@ Bytes HEVCSPS::bytes() const {
   for (int i = 0; i < maxSubLayersMinus1; ++i) sps.bits(subLayerProfiles ? 3 : 0, 2);
   if (maxSubLayersMinus1 > 0) sps.bits(0, 2 * (8 - maxSubLayersMinus1));
   for (int i = 0; subLayerProfiles && i < maxSubLayersMinus1; ++i) sps.bits(~0ULL, 64).bits(~0ULL, 32);
-  sps.ue(id).ue(chromaFormat);
+  sps.number(id).ue(chromaFormat);
   if (chromaFormat == 3) sps.bits(separatePlanes, 1);
-  sps.ue(width).ue(height).bits(conformanceWindow, 1);
-  if (conformanceWindow) sps.ue(0).ue(4).ue(0).ue(4);
+  sps.number(width).ue(height).bits(conformanceWindow, 1);
+  if (conformanceWindow) sps.ue(1).ue(3).ue(2).ue(2);
   return sps.ue(lumaDepthMinus8).ue(chromaDepthMinus8).bits(marker, 8).bits(1, 1).bytes();
 }
 
@@ -49,8 +52,9 @@ Bytes hevcPPS(uint32_t id, uint8_t content) {
 
 Bytes AVCSPS::bytes() const {
   BitBuilder sps;
-  sps.bits(0x67, 8).bits(profile, 8).bits(0, 8).bits(40, 8).ue(0);
-  if (profile >= 100) {
+  sps.bits(0x67, 8).bits(profile, 8).bits(0, 8).bits(40, 8).number(id);
+  constexpr std::array<uint8_t, 13> withChroma{44, 83, 86, 100, 110, 118, 122, 128, 134, 135, 138, 139, 244};
+  if (std::ranges::find(withChroma, profile) != withChroma.end()) {
     sps.ue(chromaFormat);
     if (chromaFormat == 3) sps.bits(0, 1);
     sps.ue(0).ue(0).bits(0, 1).bits(scalingLists, 1);
@@ -68,9 +72,9 @@ Bytes AVCSPS::bytes() const {
   if (pictureOrderCountType == 1) sps.bits(0, 1).se(-3).se(5).ue(2).se(7).se(-7);
   sps.ue(3).bits(0, 1).ue(widthInMbs - 1).ue(heightInMapUnits - 1).bits(framesOnly, 1);
   if (!framesOnly) sps.bits(0, 1);
-  bool cropped = cropRight != 0 || cropBottom != 0;
+  bool cropped = cropLeft + cropRight + cropTop + cropBottom != 0;
   sps.bits(1, 1).bits(cropped, 1);
-  if (cropped) sps.ue(0).ue(cropRight).ue(0).ue(cropBottom);
+  if (cropped) sps.ue(cropLeft).ue(cropRight).ue(cropTop).ue(cropBottom);
   return sps.bits(1, 1).bits(0, 32).bytes();
 }
 

@@ -7,12 +7,16 @@
 
 namespace tarn::test {
 
+/// In place of a number: 32 zero bits, which stand for none.
+constexpr uint32_t noNumber = UINT32_MAX;
+
 /// Bits in a row, most significant first; the last byte is filled up with zeros.
 class BitBuilder {
  public:
   BitBuilder& bits(uint64_t value, int count);
   BitBuilder& ue(uint32_t value);
   BitBuilder& se(int32_t value);
+  BitBuilder& number(uint32_t value) { return value == noNumber ? bits(0, 32) : ue(value); }
   Bytes bytes() const;
 
  private:
@@ -28,12 +32,13 @@ struct HEVCSPS {
   uint32_t compatibility = 0x60000000;
   uint64_t constraints = 0x900000000000;
   uint8_t level = 93;
-  uint32_t id = 0;
+  uint32_t id = 0;  ///< or `noNumber`
   uint32_t chromaFormat = 1;
   bool separatePlanes = false;
-  uint32_t width = 1920;
+  uint32_t width = 1920;  ///< or `noNumber`
   uint32_t height = 1088;
-  bool conformanceWindow = false;
+  bool conformanceWindow =
+      false;  ///< which leaves out 1 unit on the left, 3 on the right, 2 at the top and 2 at the bottom
   uint32_t lumaDepthMinus8 = 0;
   uint32_t chromaDepthMinus8 = 0;
   uint8_t marker = 0;  ///< a byte behind all that is read
@@ -48,13 +53,16 @@ Bytes hevcPPS(uint32_t id, uint8_t content);
 /// An AVC SPS as a NAL unit, up to the cropping, with some bytes behind it; without emulation prevention.
 struct AVCSPS {
   uint8_t profile = 100;
+  uint32_t id = 0;  ///< or `noNumber`
   uint32_t chromaFormat = 1;
   bool scalingLists = false;
   uint32_t pictureOrderCountType = 0;
   uint32_t widthInMbs = 120;
   uint32_t heightInMapUnits = 68;
   bool framesOnly = true;
+  uint32_t cropLeft = 0;
   uint32_t cropRight = 0;
+  uint32_t cropTop = 0;
   uint32_t cropBottom = 0;
 
   Bytes bytes() const;

@@ -68,18 +68,19 @@ void SegmentList::addSyncSample(int64_t sampleIndex, const ParameterSets& carrie
   isLastInUse_ = true;
 }
 
-/// The last segment, which may not stand for itself: no sample needs its sets, or they are no whole configuration.
-bool SegmentList::mayReplaceLast() const {
+/// The last segment need not stand for itself: no sample needs its sets, or they are part of a configuration that the
+/// new ones complete.
+bool SegmentList::mayReplaceLast(const ParameterSets& sets) const {
   if (segments_.empty()) return false;
   const ParameterSets& last = segments_.back().sets;
   if (isEmpty(last) || !isLastInUse_) return true;
-  return rules_.joinsCompatibleSets && !isComplete(last, rules_.sets.codec);
+  return rules_.joinsCompatibleSets && !isComplete(last, rules_.sets.codec) && areCompatible(last, sets, rules_.sets);
 }
 
 void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
   bytes_ += memoryOf(sets);
   if (bytes_ > mostBytes) throw tooMany(rules_);
-  if (mayReplaceLast()) {
+  if (mayReplaceLast(sets)) {
     bytes_ -= memoryOf(segments_.back().sets);
     segments_.back().sets = sets;
     return;
@@ -93,16 +94,29 @@ void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
 
 std::vector<ConfigurationSegment> SegmentList::finish(int64_t totalSampleCount) && {
   closeLast(totalSampleCount - 1);
+  if (rules_.joinsCompatibleSets) fillUp();
+  for (ConfigurationSegment& segment : segments_) segment.fingerprint = computeFingerprint(segment.sets);
   log("\n{}Detected {} configuration segment(s)", rules_.prefix, segments_.size());
   if (segments_.empty()) throw failure(rules_, "No ", "configuration segments detected");
   return std::move(segments_);
+}
+
+void SegmentList::fillUp() {
+  for (size_t i = segments_.size(); i-- > 1;) {
+    ParameterSets& sets = segments_[i - 1].sets;
+    const ParameterSets& next = segments_[i].sets;
+    for (ParameterSetKind kind : allParameterSetKinds) {
+      if (!unitsOf(sets, kind).empty()) continue;
+      unitsOf(sets, kind) = unitsOf(next, kind);
+      if (kind == ParameterSetKind::sps) sets.spsRbspArray = next.spsRbspArray;
+    }
+  }
 }
 
 void SegmentList::closeLast(int64_t endSampleIndex) {
   if (segments_.empty()) return;
   ConfigurationSegment& last = segments_.back();
   last.endSampleIndex = endSampleIndex;
-  last.fingerprint = computeFingerprint(last.sets);
   rules_.reportSegment(segments_.size(), last);
 }
 

@@ -25,7 +25,8 @@ struct SegmentRules {
 
 /// Puts segments together, one sync sample after the other, from the sets in force: a sample that carries none, or some
 /// of those in force, goes on with them; one that carries some kinds alone puts these in the places of the same
-/// identifiers; one that carries each kind puts its sets in the place of all.
+/// identifiers; one that carries each kind puts its sets in the place of all. Where compatible sets are joined, the
+/// first segments take the kinds that they lack from the segment behind them.
 class SegmentList {
  public:
   /// Bounds memory where a damaged sample table leads from one set to another at every sample: the bytes of all units,
@@ -48,7 +49,8 @@ class SegmentList {
 
  private:
   void putInForce(int64_t sampleIndex, const ParameterSets& sets);
-  bool mayReplaceLast() const;
+  bool mayReplaceLast(const ParameterSets& sets) const;
+  void fillUp();
   void closeLast(int64_t endSampleIndex);
 
   const SegmentRules& rules_;
