@@ -158,10 +158,13 @@ class Save {
   std::optional<Path> savedSinceStart() { return engine_.savedSince(start_, options_.album, filename_); }
 
   int reportFailure(std::string words) {
-    if (words.empty()) words = engine_.outcome(id_).failure.value_or("the reason is in the log");
+    const char* advice = "Run the same command again.";
+    if (words.empty()) {
+      words = engine_.outcome(id_).failure.value_or("the reason is in the log");
+      advice = "Check the URL and the free space, then run the same command again.";
+    }
     if (global_.json) printJSON({{"result", "failed"}, {"id", id_}, {"error", words}});
-    printFailure(fmt::format(
-        "The video was not saved: {}. Check the URL and the free space, then run the same command again.", words));
+    printFailure(fmt::format("The video was not saved: {}. {}", words, advice));
     return ExitCode::failed;
   }
 

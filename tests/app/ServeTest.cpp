@@ -417,7 +417,7 @@ TEST_F(ServeTest, CommandsBesideItUseItsEngine) {
   };
   const auto cancelled = start("/cancelled");
   const std::string id = between(page->next("STATUS_RUNNING"), "\"id\":", ",");
-  page->command("cancel", {{"id", std::stoi(id)}});
+  page->command("cancel", {{"id", static_cast<int64_t>(std::stoll(id))}});
   EXPECT_EQ(cancelled->wait(), 1);
   EXPECT_NE(cancelled->errors().find("somebody cancelled the download"), std::string::npos) << cancelled->errors();
 
