@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingGate.h"
 #include "support/LogCapture.h"
@@ -243,24 +240,6 @@ TEST_F(ProcessingDriverTest, TheGateResumesNothingThatSomebodyHasInHandOrTookAwa
   EXPECT_FALSE(resume(2)) << "its first run goes on";
   gate_.endRun(run->token, {}, [](int64_t) { return true; });
   EXPECT_TRUE(resume(2));
-}
-
-TEST_F(ProcessingDriverTest, ACancelledRecordIsNotResumedWhileItGoes) {
-  for (int round = 0; round < 1000; ++round) {
-    store_.saveState({.downloadId = 1, .fileURL = "/clip.mp4"});
-    std::atomic<bool> isReady = false;
-    std::optional<ProcessingGate::Start> start;
-    std::thread foreground([&] {
-      isReady = true;
-      start = resume(1);
-    });
-    while (!isReady) std::this_thread::yield();
-    gate_.cancel(1);
-    foreground.join();
-    ASSERT_TRUE(!start || start->token->isCancelled());
-    EXPECT_FALSE(store_.loadState(1));
-    if (start) gate_.endRun(start->token, {}, [](int64_t) { return true; });
-  }
 }
 
 }  // namespace

@@ -331,8 +331,9 @@ TEST_F(PresentationChangeTest, TheCheckRefusesAndSaysWhy) {
 }
 
 TEST_F(PresentationChangeTest, ADamagedSourceHasNothingToCompareButAnUnreadableOneIsAFailure) {
-  Path movie = write(Movie().bytes());
-  EXPECT_THAT(harmsOfRepair(files_, write(box("mdat")), files_, movie, false), IsEmpty());
+  const Path movie = write(Movie().bytes()), damaged = directory_ / "damaged.mp4";
+  writeFileAtomically(files_, damaged, box("mdat"));
+  EXPECT_THAT(harmsOfRepair(files_, damaged, files_, movie, false), IsEmpty());
   EXPECT_THROW(harmsOfRepair(files_, "/there is no such file", files_, movie, false), PosixError);
   FaultyFileManager faulty(files_);
   const auto read = [&] { return Presentation::readIfPossible(faulty, movie, "").has_value(); };
