@@ -343,6 +343,9 @@ TEST_F(PresentationChangeTest, ADamagedSourceHasNothingToCompareButAnUnreadableO
       EXPECT_EQ(failureOf([&] { EXPECT_TRUE(work()); }).empty(), !faulty.fired()) << "call " << call;
     });
   }
+  EXPECT_THROW(harmsOfRepair(files_, "/there is no such file", files_, movie, false), PosixError);
+  Path damaged = write(box("mdat"));  // in the place of the movie
+  EXPECT_THAT(harmsOfRepair(files_, damaged, files_, damaged, false), IsEmpty());
 }
 
 TEST_F(PresentationChangeTest, ARealClipKeepsItsPresentationThroughAnotherMuxer) {
