@@ -24,7 +24,8 @@ class DocumentsSweep {
   void cleanupOrphanedFiles();
 
   /// Deletes the video, the temp files and the recipe of a record that was taken away, whatever they are called, except
-  /// those that somebody works on or that another download needs by now. Failures are ignored: a later sweep tries again.
+  /// those that somebody works on or that another download needs by now. Failures are ignored: a later sweep tries
+  /// again.
   void deleteFilesOf(const ProcessingState& record);
 
  private:
@@ -38,9 +39,9 @@ class DocumentsSweep {
   NamesInTheMaking& names_;
 };
 
-/// Deletes what the runs of a killed process have left: everything in the temporary directory, and in Documents the temp
-/// files of steps that no pending record lists, and the recipes of no pending record. Call it only while nothing else
-/// works in this home. Failures are logged.
+/// Deletes what the runs of a killed process have left: everything in the temporary directory, and in Documents the
+/// temp files of steps that no pending record lists, and the recipes of no pending record. Call it only while nothing
+/// else works in this home. Failures are logged.
 void removeLeftovers(FileManager& files, ProcessingStateManager& store);
 
 }  // namespace tarn

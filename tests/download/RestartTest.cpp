@@ -71,7 +71,8 @@ TEST_F(EngineTest, TheIdOfADownloadThatAKillHasHiddenIsNotGivenAgain) {
   EXPECT_NE(fresh->id, hidden);
   EXPECT_EQ(heard(), "") << "the end of the hidden one's transfer is not its own";
   const auto startAs = [&](int64_t id) {
-    return engine_->startDownloadFileBy({.url = url("d.mp4"), .album = "Trips", .filename = "d.mp4"}, delegate_, id)->id;
+    return engine_->startDownloadFileBy({.url = url("d.mp4"), .album = "Trips", .filename = "d.mp4"}, delegate_, id)
+        ->id;
   };
   EXPECT_EQ(startAs(77), 77);
   EXPECT_NE(startAs(77), 77);
