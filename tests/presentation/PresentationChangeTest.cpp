@@ -340,12 +340,10 @@ TEST_F(PresentationChangeTest, ADamagedSourceHasNothingToCompareButAnUnreadableO
   const auto look = [&] { return !isFragmented(faulty, movie); };
   for (const auto& work : std::vector<std::function<bool()>>{read, look}) {
     faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-      EXPECT_EQ(failureOf([&] { EXPECT_TRUE(work()); }).empty(), !faulty.fired()) << "call " << call;
+      const bool isDone = failureOf([&] { EXPECT_TRUE(work()); }).empty();
+      EXPECT_EQ(isDone, !faulty.fired()) << "call " << call;
     });
   }
-  EXPECT_THROW(harmsOfRepair(files_, "/there is no such file", files_, movie, false), PosixError);
-  Path damaged = write(box("mdat"));  // in the place of the movie
-  EXPECT_THAT(harmsOfRepair(files_, damaged, files_, damaged, false), IsEmpty());
 }
 
 TEST_F(PresentationChangeTest, ARealClipKeepsItsPresentationThroughAnotherMuxer) {
