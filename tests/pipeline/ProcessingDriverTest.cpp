@@ -198,6 +198,28 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
   }
 }
 
+// A record may have lost the names of its temp files.
+TEST_F(ProcessingDriverTest, TheNamesInTheRecipeTellWhetherTheSoundWasSwapped) {
+  for (const bool wasSwapped : {true, false}) {
+    SCOPED_TRACE(wasSwapped);
+    state_.stage = downloaded;
+    disturb_ = [&](ProcessingRun& run) {
+      const Path documents = run.fileURL.parent_path(), fixed = documents / "x_fixed.mp4";
+      run.files.open(documents / "x.m4a", OpenMode::exclusive)->write(bytesOf("sound"));
+      run.files.open(fixed, OpenMode::exclusive)->write(bytesOf("repaired"));
+      run.files.synchronizeDirectory(documents);
+      if (wasSwapped) run.files.replaceItem(run.fileURL, fixed);
+      run.token->cancel();
+      run.token->throwIfCancelled();
+    };
+    run();
+    state_.stage = audioReplacing;
+    disturb_ = {};
+    EXPECT_EQ(run(), (wasSwapped ? syncStages : fromAudio) + savedEnding);
+    EXPECT_EQ(result_, wasSwapped ? "repaired" : "video");
+  }
+}
+
 TEST_F(ProcessingDriverTest, ARunThatWasForgottenTouchesNothingOfTheNext) {
   auto next = state_;
   next.downloadId = 8;
