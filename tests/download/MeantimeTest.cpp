@@ -1,5 +1,8 @@
 // What happens while the engine is in the middle of something else.
 
+#include <atomic>
+#include <thread>
+
 #include "download/EngineTest.h"
 #include "support/MeantimeFiles.h"
 
@@ -23,21 +26,23 @@ class MeantimeTest : public EngineTest {
   UserDefaults meantimeDefaults_{meantime_, home_ / "Defaults"};
 };
 
-TEST_F(MeantimeTest, BetweenItsRecordAndItsRunAFileIsNeitherResumedNorCancelledInVain) {
-  for (const bool isCancelled : {false, true}) {
-    startOver({.last = &last_});
-    const int64_t id = save("clip.mp4")->id;
-    // The list of tasks is stored when the record is, and ahead of the run.
-    meantime_.beforeChangeOf("ActiveDownloads", [&] {
-      EXPECT_NE(storedStates(), "[]");
-      isCancelled ? engine_->cancelDownloadFileBy(id) : engine_->checkAndResumePendingProcessing();
-    });
-    finish("clip.mp4");
-    EXPECT_EQ(contents(), isCancelled ? "" : "content of clip.mp4");
-    EXPECT_EQ(storedStates(), "[]");
-    EXPECT_TRUE(documents().empty());
-    contents_.clear();
+TEST_F(MeantimeTest, AFileRunsOnceHoweverOftenTheForegroundComes) {
+  std::atomic<bool> isOver = false;
+  std::thread foreground([&] {
+    while (!isOver) engine_->checkAndResumePendingProcessing();
+  });
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "clip" + std::to_string(i) + ".mp4";
+    save(name);
+    finish(name);
+    transfers_.complete(url(name));
+    clock_.advance(std::chrono::seconds(1));
   }
+  isOver = true;
+  foreground.join();
+  settle();
+  EXPECT_EQ(contents_.size(), 40U);
+  EXPECT_EQ(storedStates(), "[]");
 }
 
 /// Lets a test do something in the middle of the start of a download: when its transfer is made.
