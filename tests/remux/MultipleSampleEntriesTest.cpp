@@ -69,11 +69,6 @@ TEST_F(SeveralEntries, AreMadeForEachSegmentOfRealStreams) {
       EXPECT_EQ(BoxEditor(written()).get(kept), BoxEditor(before).get(kept)) << kept;
     }
   }
-  EXPECT_THAT(log_.missing({"INFO: Video has dynamic resolution changes: 192x144, 256x160",
-                            "AVC INFO: Video has dynamic resolution changes: 192x144, 256x160",
-                            "INFO: Parameter set IDs are reused with different content", "  New stsc: 52 bytes",
-                            "  New chunk offsets: 616 bytes"}),
-              testing::IsEmpty());
 }
 
 TEST_F(SeveralEntries, TakeThePlacesOfTheOldTables) {
@@ -82,17 +77,15 @@ TEST_F(SeveralEntries, TakeThePlacesOfTheOldTables) {
   const Bytes old =
       box("stbl", {odd, fullBox("stco", {}), stts, box("stsc"), fullBox("co64", {}), box("stsd"), damaged});
   EXPECT_EQ(MP4Remuxer::replaceBoxesInStbl(old, stsd, stsc, co64), box("stbl", {odd, co64, stts, stsc, stsd}));
-  EXPECT_THAT(log_.lines(),
-              testing::IsSupersetOf({"Skipping duplicate chunk offset box: co64 (already replaced)",
-                                     "Replaced stco with co64 in original position (new: 11 bytes, old: 12 bytes)"}));
 }
 
 TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   const Bytes sps = HEVCSPS{.width = 640, .height = 480}.bytes(), vps = hevcVPS(0, 1), slice = {0x26, 1, 0xAA, 0xBB};
   const Bytes otherID = HEVCSPS{.id = 1, .width = 640, .height = 480}.bytes();
   const Bytes otherIDAndSize = HEVCSPS{.id = 1, .width = 320, .height = 240}.bytes();
-  const Bytes first = sampleOf({vps, sps, hevcPPS(0, 1), slice}), noSets = sampleOf({slice});
-  const Bytes resized = sampleOf({vps, otherIDAndSize, hevcPPS(1, 2), slice});
+  const auto of = [](const std::vector<Bytes>& units) { return sampleOf(units, 2); };
+  const Bytes first = of({vps, sps, hevcPPS(0, 1), slice}), noSets = of({slice});
+  const Bytes resized = of({vps, otherIDAndSize, hevcPPS(1, 2), slice});
   struct {
     std::string_view tag;  ///< of the second of three entries, which describes all samples
     std::vector<Bytes> samples;
@@ -102,8 +95,8 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
       {"encv", {first, resized}, "encv 640x480 encv 320x240 1/1/1 2/1/2 stco 2 "},
       {"hev1", {first, noSets, resized, noSets}, "hvc1 640x480 hvc1 320x240 1/1/1 3/1/2 stco 4 "},
       // A PPS comes again with other content; then one entry, the first, can hold all.
-      {"hev1", {first, sampleOf({vps, sps, hevcPPS(0, 2)})}, "hvc1 640x480 hvc1 640x480 1/1/1 2/1/2 stco 2 "},
-      {"hev1", {first, sampleOf({vps, otherID, hevcPPS(1, 2)})}, "hvc1 0x0 hev1 8x6 hev1 0x0 1/2/2 stco 1 "},
+      {"hev1", {first, of({vps, sps, hevcPPS(0, 2)})}, "hvc1 640x480 hvc1 640x480 1/1/1 2/1/2 stco 2 "},
+      {"hev1", {first, of({vps, otherID, hevcPPS(1, 2)})}, "hvc1 0x0 hev1 8x6 hev1 0x0 1/2/2 stco 1 "},
   };
   for (const auto& [tag, samples, result] : cases) {
     Bytes media, sizes;
@@ -123,6 +116,7 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   }
   EXPECT_TRUE(log_.contains("Using sample description index 2 (entry 1) as template"));
   auto record = readHvcC(ByteView(BoxEditor(written()).get(sampleTable + "/stsd/hvc1/hvcC")).subspan(8));
+  EXPECT_EQ(record.lengthSizeMinusOne, 1);
   EXPECT_THAT(record.arrays.at(1).nalUnits, testing::ElementsAre(sps, otherID));
   EXPECT_EQ(record.arrays.at(2).nalUnits.size(), 2u);
 }

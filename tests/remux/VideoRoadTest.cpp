@@ -4,6 +4,8 @@
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationBox.h"
 #include "platform/ForwardingFileManager.h"
+#include "platform/Log.h"
+#include "platform/memory/InMemoryFileManager.h"
 #include "remux/RemuxFixture.h"
 #include "remux/RemuxStep.h"
 #include "support/ParameterSetBuilder.h"
@@ -219,7 +221,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        "111 111 ",
        "",
        {1, 2}},
-      {"two codecs", {hvc1(hvcC(h)), avc1(avcC({a.sps}, {a.pps}))}, {none, noneAVC}, same, "", "", {1, 2}},
+      {"two codecs", {hvc1(hvcC(h)), avc1(avcC({a.sps}, {a.pps}))}, {none, other}, same, "", "", {1, 2}},
       {"two codecs, one without sets",
        {hev1({}), avc1(avcC({a.sps}, {a.pps}))},
        {full, noneAVC},
@@ -233,6 +235,13 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        tag,
        "111 111:2 ",
        "",
+       {1, 2}},
+      {"a change under two sizes of lengths",
+       {hev1(hvcC(h)), hev1(HEVCConfigurationBox({h.vps}, {h.sps}, {h.pps}, {}, 2, true).buildHvcCBox())},
+       {full, sampleOf(large.with(slice), 2)},
+       same,
+       "",
+       "different sizes of NAL lengths",
        {1, 2}},
       {"avcC alone", {avc1(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, same},
       {"avcC alone under avc3", {avc3(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, tag, "11 "},
@@ -265,6 +274,16 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        "avc1 0x0 1/1/1 2/1/1 ",
        "11:2 "},
       {"HEVC lengths of two bytes", {hev1({})}, {sampleOf(h.with(slice), 2)}, "hvc1 0x0 1/1/1 ", "111:2 "},
+      {"a change under lengths of two bytes",
+       {avc1(avcC({a.sps}, {a.pps}, 2))},
+       {sampleOf(a.with(avcSlice), 2), sampleOf(largeAVC.with(avcSlice), 2)},
+       "avc1 192x144 avc1 256x160 1/1/1 2/1/2 ",
+       "11:2 11:2 "},
+      {"one colour after the other",
+       {avc1(avcC({shown.sps}, {shown.pps}))},
+       {fullAVC, of(shown.with(avcSlice))},
+       "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ",
+       "11 11 "},
       {"a zero behind a set", {avc1(avcC({a.sps}, {a.pps}))}, {of({a.sps, joined({a.pps, Bytes(2)}), avcSlice})}, same},
       {"a prefix ahead", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
       {"start codes in place of lengths",
@@ -297,6 +316,57 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
     }
     EXPECT_EQ(followWritten(), "");
     EXPECT_EQ(written(), result) << "a second repair changes it";
+  }
+}
+
+/// Up to one SPS and one PPS of two each with the same identifiers, by a number below 9; in HEVC a VPS beside an SPS.
+Units mixture(const Sets& one, const Sets& other, int number) {
+  Units units;
+  const Sets& ofSPS = number % 3 == 1 ? one : other;
+  if (number % 3 != 0 && !ofSPS.vps.empty()) units.push_back(one.vps);
+  if (number % 3 != 0) units.push_back(ofSPS.sps);
+  if (number / 3 != 0) units.push_back(number / 3 == 1 ? one.pps : other.pps);
+  return units;
+}
+
+TEST_F(VideoRoad, LeavesWhatItHasRepairedAloneWhateverCarriesTheSets) {
+  const auto setsOf = [&](bool isHEVC, const std::string& size, const Bytes& pps) {
+    const Bytes contents = recordOf(encodedVideo(inBand(isHEVC, size)), isHEVC);
+    if (!isHEVC) return Sets{{}, readAvcC(contents).spsArray.at(0), pps};
+    const auto record = readHvcC(contents);
+    return Sets{record.arrays.at(0).nalUnits.at(0), record.arrays.at(1).nalUnits.at(0), pps};
+  };
+  setLogSink([](std::string_view) {});
+  const Path movie = "/home/clip.mp4";
+  constexpr int mixtures = 9;
+  for (bool isHEVC : {true, false}) {
+    const Sets one = setsOf(isHEVC, "192x144", isHEVC ? hevcPPS(0, 0x80) : Bytes{0x68, 0xCE, 0x3C});
+    const Sets other = setsOf(isHEVC, "256x160", isHEVC ? hevcPPS(0, 0x88) : Bytes{0x68, 0xCE, 0x3D});
+    const Bytes slice = isHEVC ? Bytes{0x26, 1, 0xAA, 0xBB} : Bytes{0x65, 0x88, 0x84};
+    for (int i = 0; i < mixtures * mixtures * mixtures * mixtures; ++i) {
+      const auto part = [&](int divisor) { return mixture(one, other, i / divisor % mixtures); };
+      const auto sample = [&](int divisor) {
+        Units units = part(divisor);
+        units.push_back(slice);
+        return sampleOf(units);
+      };
+      Units vps, sps, pps;
+      for (const Bytes& unit : part(1)) {
+        (unit == one.pps || unit == other.pps ? pps : unit == one.sps || unit == other.sps ? sps : vps).push_back(unit);
+      }
+      const Bytes entry =
+          isHEVC ? visualSampleEntry("hev1", {hvcC(vps, sps, pps)}) : visualSampleEntry("avc3", {avcC(sps, pps)});
+      InMemoryFileManager files;
+      writeFileAtomically(files, movie, movieOf({entry}, {sample(9), sample(81), sample(729)}, {1, 1, 1}));
+      const auto repaired = [&] {
+        RunRecorder recorder;
+        ProcessingRun run = recorder.runOn(files, movie);
+        RemuxStep().run(run);
+        return readFile(files, movie);
+      };
+      const Bytes once = repaired();
+      ASSERT_EQ(repaired(), once) << (isHEVC ? "HEVC " : "AVC ") << i;
+    }
   }
 }
 
