@@ -1,4 +1,5 @@
 #include "Fuzzing.h"
+#include "presentation/Harms.h"
 #include "presentation/PresentationChange.h"
 
 /// The first byte chooses the remade track, the next three say how long the first of two movies is. Each harms nothing
