@@ -2,7 +2,6 @@
 
 #include <fmt/ranges.h>
 
-#include <string>
 #include <vector>
 
 #include "audio/AudioTrackReplacerError.h"

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <limits>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "audio/AudioTrackReplacerError.h"
-#include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
 #include "platform/Checked.h"

@@ -1,7 +1,6 @@
 #include "remux/detail/LongOffsets.h"
 
 #include <algorithm>
-#include <optional>
 #include <vector>
 
 #include "movie/MovieError.h"

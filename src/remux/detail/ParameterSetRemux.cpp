@@ -2,7 +2,6 @@
 
 #include <fmt/ranges.h>
 
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>

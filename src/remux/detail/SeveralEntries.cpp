@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 #include <optional>
-#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
