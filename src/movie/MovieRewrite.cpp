@@ -12,8 +12,6 @@ namespace {
 
 using Case = MovieError::Case;
 
-constexpr uint64_t pieceSize = 0xA00000;
-
 /// A `free` box (ISO/IEC 14496-12 8.1.2) of so many bytes; zeros if they are too few for one.
 Bytes freeBox(uint64_t size) {
   Bytes box(static_cast<size_t>(size));
@@ -58,7 +56,7 @@ class Rewrite {
   }
 
   void copyBox(const BoxHeader& box) {
-    const bool isMedia = box.type == "mdat" || box.size > pieceSize;
+    const bool isMedia = box.type == "mdat" || box.size > rewritePieceSize;
     if (isMedia && layout_.isCut(box) && rules_.cutMedia == EditRules::CutMedia::isRefused) throwCutOff(box);
     const uint64_t present = std::min(box.end(), layout_.fileSize) - box.offset;
     listener_.begins(box);
@@ -93,7 +91,7 @@ class Rewrite {
 
   void copyInPieces(const BoxHeader& box, uint64_t size) {
     for (uint64_t written = 0; written < size; listener_.advances(box, written)) {
-      const uint64_t copied = writer_.copy(box.offset + written, std::min(pieceSize, size - written));
+      const uint64_t copied = writer_.copy(box.offset + written, std::min(rewritePieceSize, size - written));
       if (copied == 0) throwCutOff(box);
       written += copied;
     }

@@ -11,6 +11,9 @@
 
 namespace tarn {
 
+/// A rewrite copies an `mdat`, and each box of more than so many bytes, in pieces of this size.
+inline constexpr uint64_t rewritePieceSize = 10 << 20;
+
 /// Writes a file that is made of ranges of another one and of new bytes, and notes the ranges. Throws PosixError.
 class MovieWriter {
  public:

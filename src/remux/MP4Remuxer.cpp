@@ -12,6 +12,14 @@
 #include "remux/detail/TagRepair.h"
 
 namespace tarn {
+namespace {
+
+/// The record that a caller hands over, or a new one in its place.
+RemuxTimings& filled(std::optional<RemuxTimings>& timings) {
+  return timings ? *timings : timings.emplace();
+}
+
+}  // namespace
 
 void MP4Remuxer::adjustChunkOffsets(std::span<uint8_t> moovData, const ChunkOffsetShift& shift) {
   tarn::adjustChunkOffsets(moovData, shift);
@@ -33,14 +41,14 @@ void MP4Remuxer::remuxHEVCWithParameterExtraction(FileManager& files, const Path
                                                   const CancellationToken* cancellationToken,
                                                   std::optional<RemuxTimings>& timings, const VideoPlan* plan,
                                                   const RewriteCheck& check) {
-  remuxWithParameterExtraction(files, fileURL, VideoCodec::hevc, cancellationToken, timings, plan, check);
+  remuxWithParameterExtraction(files, fileURL, VideoCodec::hevc, cancellationToken, filled(timings), plan, check);
 }
 
 void MP4Remuxer::remuxAVCWithParameterExtraction(FileManager& files, const Path& fileURL, std::string_view /*codecTag*/,
                                                  const CancellationToken* cancellationToken,
                                                  std::optional<RemuxTimings>& timings, const VideoPlan* plan,
                                                  const RewriteCheck& check) {
-  remuxWithParameterExtraction(files, fileURL, VideoCodec::avc, cancellationToken, timings, plan, check);
+  remuxWithParameterExtraction(files, fileURL, VideoCodec::avc, cancellationToken, filled(timings), plan, check);
 }
 
 Bytes MP4Remuxer::injectHvcCBoxIntoMoov(ByteView moovData, ByteView hvcCBox) {
@@ -68,8 +76,8 @@ void MP4Remuxer::remuxWithMultipleSampleEntries(FileManager& files, const Path& 
                                                 std::optional<RemuxTimings>& timings,
                                                 const std::vector<ConfigurationSegment>& segments,
                                                 const RewriteCheck& check) {
-  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
-                          check, VideoCodec::hevc);
+  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, filled(timings), segments,
+                          nullptr, check, VideoCodec::hevc);
 }
 
 void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
@@ -77,8 +85,8 @@ void MP4Remuxer::remuxAVCWithMultipleSampleEntries(FileManager& files, const Pat
                                                    std::optional<RemuxTimings>& timings,
                                                    const std::vector<ConfigurationSegment>& segments,
                                                    const RewriteCheck& check) {
-  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, timings, segments, nullptr,
-                          check, VideoCodec::avc);
+  remuxWithSeveralEntries(files, fileURL, moovBox, moovData, nalLengthSize, fileHandle, filled(timings), segments,
+                          nullptr, check, VideoCodec::avc);
 }
 
 MP4Remuxer::BoxRange MP4Remuxer::findStblBoxInMoov(ByteView moovData) {
@@ -106,7 +114,9 @@ void MP4Remuxer::updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_
 void MP4Remuxer::writeAtomicMP4(FileManager& files, const Path& sourceFileURL, const MP4BoxInfo& moovBox,
                                 Bytes newMoovData, FileHandle& fileHandle, std::optional<RemuxTimings>& timings,
                                 const RewriteCheck& check) {
-  tarn::writeAtomicMP4(files, sourceFileURL, moovBox, std::move(newMoovData), fileHandle, timings, check);
+  RemuxTimings unread;
+  tarn::writeAtomicMP4(files, sourceFileURL, moovBox, std::move(newMoovData), fileHandle, timings ? *timings : unread,
+                       check);
 }
 
 }  // namespace tarn

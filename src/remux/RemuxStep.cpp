@@ -25,7 +25,7 @@ std::optional<std::string> detectCodec(ProcessingRun& run) {
   }
 }
 
-void rewrite(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, std::optional<RemuxTimings>& timings) {
+void rewrite(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, RemuxTimings& timings) {
   const auto before = Presentation::readIfPossible(run.files, run.fileURL, "What the file shows cannot be told");
   const AnnouncedChange nothing;
   const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
@@ -33,7 +33,7 @@ void rewrite(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec,
   for (const std::string& loss : plan.losses) run.warn(loss);
 }
 
-void follow(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, std::optional<RemuxTimings>& timings) {
+void follow(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, RemuxTimings& timings) {
   switch (plan.kind) {
     case VideoPlan::Kind::leavesAlone:
       log("The video is left alone: {}", plan.reason);
@@ -81,11 +81,11 @@ void RemuxStep::run(ProcessingRun& run) {
 void RemuxStep::remux(ProcessingRun& run, const VideoCodec& codec, const std::string& tag) {
   log("Remuxing {} video (codec: {})...", codec.name, tag);
   run.timer.start();
-  std::optional<RemuxTimings> timings = RemuxTimings();
+  RemuxTimings timings;
   try {
     TimingHelper timer;
     plan_ = planVideo(run.files, run.fileURL);
-    timings->parameterExtraction = timer.stop();
+    timings.parameterExtraction = timer.stop();
     if (plan_) follow(run, *plan_, codec, timings);
   } catch (const Error& error) {
     log("ERROR during {} remuxing: {}", codec.name, error.description());
@@ -94,7 +94,7 @@ void RemuxStep::remux(ProcessingRun& run, const VideoCodec& codec, const std::st
     return;
   }
   run.timings.hevcRemuxTotal = run.timer.stop();
-  if (timings) run.timings.hevcRemuxing = *timings;
+  run.timings.hevcRemuxing = timings;
   log("{} remuxing completed", codec.name);
 }
 

@@ -6,6 +6,7 @@
 #include "sync/MP4AVSync.h"
 #include "sync/detail/EditListRewrite.h"
 #include "sync/detail/MovieEdits.h"
+#include "sync/detail/SyncFacts.h"
 #include "sync/detail/SyncSource.h"
 
 namespace tarn {
@@ -20,9 +21,9 @@ double milliseconds(int64_t value, uint32_t timescale) {
 std::optional<SyncFixFacts> readFacts(FileHandle& file, const MP4BoxInfo& moov,
                                       const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded) {
   SyncFixFacts facts;
-  facts.video = MP4AVSyncFixer::parseVideoTrackInfo(file, moov);
-  facts.movieTimescale = MP4AVSyncFixer::parseMovieTimescale(file, moov);
-  auto audio = MP4AVSyncFixer::parseAudioTrackInfo(file, moov, audioWasTranscoded);
+  facts.video = parseVideoTrackInfo(file, moov);
+  facts.movieTimescale = parseMovieTimescale(file, moov);
+  auto audio = parseAudioTrackInfo(file, moov, audioWasTranscoded);
   if (!audio) return std::nullopt;
   facts.audio = *std::move(audio);
   facts.original = original;
@@ -228,6 +229,55 @@ bool MP4AVSyncFixer::fix(FileManager& files, const Path& fileURL, const Cancella
                           : "unchanged",
       edits.audioEdtsData ? "updated" : "unchanged");
   return isWritten;
+}
+
+bool MP4AVSyncFixer::rewriteMoovWithBothEdts(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                             const MP4BoxInfo& videoTrakBox,
+                                             const std::optional<MP4BoxInfo>& audioTrakBox, const MoovEdits& edits,
+                                             NamesInTheMaking* names, const RewriteCheck& check) {
+  const auto edit = [&](MovieBox& moov) { applyEdits(moov, moovBox, videoTrakBox, audioTrakBox, edits); };
+  return rewriteMoov(files, fileURL, moovBox, edit, names, check);
+}
+
+bool MP4AVSyncFixer::rewriteMoovAsOrdered(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
+                                          const SyncFixOrder& order, NamesInTheMaking* names,
+                                          const RewriteCheck& check) {
+  return rewriteMoov(
+      files, fileURL, moovBox, [&](MovieBox& moov) { applyOrder(moov, order); }, names, check);
+}
+
+OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const Path& fileURL) {
+  return tarn::readOriginalSyncInfo(files, fileURL);
+}
+
+uint32_t MP4AVSyncFixer::parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moovBox) {
+  return tarn::parseMovieTimescale(file, moovBox);
+}
+
+TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox) {
+  return tarn::parseVideoTrackInfo(file, moovBox);
+}
+
+std::optional<AudioTrackTimingInfo> MP4AVSyncFixer::parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
+                                                                        bool audioWasTranscoded) {
+  return tarn::parseAudioTrackInfo(file, moovBox, audioWasTranscoded);
+}
+
+std::vector<EditListEntry> MP4AVSyncFixer::parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox,
+                                                              MP4TrackType type) {
+  return parseTrackEditList(file, moovBox, type);
+}
+
+std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox) {
+  return tarn::parseAudioCodec(file, mdiaBox);
+}
+
+int64_t MP4AVSyncFixer::parseMdhdDuration(ByteView mdhd) {
+  return tarn::parseMdhdDuration(mdhd);
+}
+
+int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {
+  return avsync_get_default_encoder_delay(codec.c_str());
 }
 
 }  // namespace tarn

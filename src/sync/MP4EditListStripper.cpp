@@ -1,7 +1,5 @@
 #include "sync/MP4EditListStripper.h"
 
-#include <algorithm>
-
 #include "movie/MediaLayout.h"
 #include "movie/MoovCheck.h"
 #include "movie/MovieError.h"

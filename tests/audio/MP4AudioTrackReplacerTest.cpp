@@ -8,6 +8,7 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
+#include "support/FaultyFileManager.h"
 #include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
@@ -223,6 +224,13 @@ TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
       EXPECT_TRUE(std::equal(moved.rbegin(), moved.rend(), meta.rbegin())) << path;
     }
   }
+  FaultyFileManager faulty(files_);
+  const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    const std::string failure = failureOf([&] { replace(faulty); });
+    EXPECT_EQ(failure.empty(), !faulty.fired()) << "call " << call;
+    EXPECT_EQ(failure.find("item"), std::string::npos) << "call " << call << " fails, and no item is out of place";
+  });
+  EXPECT_GT(reads, 10u);
 }
 
 TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {

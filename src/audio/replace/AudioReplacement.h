@@ -1,6 +1,5 @@
 #pragma once
 
-#include "audio/analysis/AudioAnalysis.h"
 #include "pipeline/ProcessingStep.h"
 
 namespace tarn {

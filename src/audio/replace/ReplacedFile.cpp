@@ -85,7 +85,8 @@ std::vector<Patch> moveTopLevelItems(const ReplacerInput& original, const Places
     if (meta.type != "meta") continue;
     for (const BoxHeader& iloc : findItemLocations(original.file(), meta)) {
       if (original.layout().isCut(iloc)) continue;
-      Patch patch{iloc.offset, iloc.size, original.read(iloc)};
+      original.file().seek(iloc.offset);
+      Patch patch{iloc.offset, iloc.size, original.file().read(static_cast<size_t>(iloc.size))};
       const auto header = static_cast<size_t>(iloc.headerSize);
       if (patch.bytes.size() != iloc.size || !moveItems(std::span(patch.bytes).subspan(header), places.sourceMoves)) {
         throw ReplacerError::corruptedMP4("An item lies in no mdat box");

@@ -14,7 +14,8 @@ struct Patch {
 };
 
 /// What the result has instead of the source's bytes: the `moov`, item locations that moved, and an `ftyp` if there is
-/// none. All places that they name are those of the result. Ascending. Throws AudioTrackReplacerError and MovieError.
+/// none. All places that they name are those of the result. Ascending. Throws AudioTrackReplacerError, MovieError and
+/// PosixError.
 std::vector<Patch> makePatches(const ReplacedMovie& movie, const ReplacerInput& original,
                                const ReplacerInput& newAudio);
 

@@ -2,7 +2,6 @@
 
 #include <fmt/ranges.h>
 
-#include <string>
 #include <vector>
 
 #include "audio/AudioTrackReplacerError.h"
@@ -48,19 +47,10 @@ MovieBox ReplacerInput::readMoov() const {
   try {
     moov = tarn::readMoov(*file_, moovBox_, edit::replacing);
   } catch (const MovieError&) {
-    // Told below.
+    // What is there of it is refused below.
   }
   if (moov.size() <= static_cast<size_t>(moovBox_.headerSize)) throw ReplacerError::corruptedMP4(words_.cannotReadMoov);
   return MovieBox::parse(moov, edit::replacing);
-}
-
-Bytes ReplacerInput::read(const BoxHeader& box) const {
-  try {
-    file_->seek(box.offset);
-    return file_->read(static_cast<size_t>(box.size));
-  } catch (const PosixError&) {
-    return {};
-  }
 }
 
 }  // namespace tarn

@@ -40,9 +40,6 @@ class ReplacerInput {
   /// Throws AudioTrackReplacerError::corruptedMP4 for a `moov` that is not there whole, and MovieError.
   MovieBox readMoov() const;
 
-  /// A whole box; shorter if it cannot be read.
-  Bytes read(const BoxHeader& box) const;
-
  private:
   const InputWords& words_;
   std::unique_ptr<ReadWatch> file_;

@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <limits>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "audio/AudioTrackReplacerError.h"
-#include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
+#include "mp4/TableRows.h"
 #include "platform/Checked.h"
+#include "platform/Int128.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -31,12 +30,12 @@ struct SampleRuns {
 
 /// Nothing for a table that ends ahead of its entries.
 std::optional<SampleRuns> sumRuns(ByteView stts) {
+  const TableRows rows(stts, layout::runRowSize, TableRows::HugeCount::isCut);
   SampleRuns runs{.entries = layout::load(stts.data(), layout::entryCount)};
-  if (runs.entries > (stts.size() - layout::tableHeaderSize) / layout::runRowSize) return std::nullopt;
-  for (size_t i = 0; i < runs.entries; ++i) {
-    const uint8_t* entry = stts.data() + layout::tableHeaderSize + i * layout::runRowSize;
-    const uint64_t samples = layout::load(entry, layout::runSampleCount);
-    const auto duration = checkedMultiply(samples, layout::load(entry, layout::runValue));
+  if (rows.size() < runs.entries) return std::nullopt;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const uint64_t samples = layout::load(rows.row(i), layout::runSampleCount);
+    const auto duration = checkedMultiply(samples, layout::load(rows.row(i), layout::runValue));
     const auto sum = duration ? checkedAdd(runs.totalDuration, *duration) : std::nullopt;
     if (!sum) throw AudioTrackReplacerError::corruptedMP4("stts duration does not fit 64 bits");
     runs.totalSamples += samples;
@@ -63,7 +62,7 @@ uint64_t durationOf(const EditListEntry& entry) {
 /// To the nearest tick; half a tick goes up. Nothing where the result does not fit.
 std::optional<int64_t> rescaled(int64_t value, uint32_t from, uint32_t to) {
   if (from == 0) return std::nullopt;
-  const __int128 result = (static_cast<__int128>(value) * to + from / 2) / from;
+  const Int128 result = (Int128{value} * to + from / 2) / from;
   if (result > std::numeric_limits<int64_t>::max()) return std::nullopt;
   return static_cast<int64_t>(result);
 }

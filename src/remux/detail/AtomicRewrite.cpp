@@ -2,7 +2,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "movie/MovieRewrite.h"
@@ -56,9 +55,7 @@ void adjustChunkOffsets(std::span<uint8_t> moov, const ChunkOffsetShift& shift) 
 }
 
 void writeAtomicMP4(FileManager& files, const Path& path, const MP4BoxInfo& moovBox, Bytes newMoov, FileHandle& file,
-                    std::optional<RemuxTimings>& timings, const RewriteCheck& check) {
-  RemuxTimings unused;
-  RemuxTimings& times = timings ? *timings : unused;
+                    RemuxTimings& timings, const RewriteCheck& check) {
   const Path tempPath = files.temporaryDirectory() / (makeUUID() + ".mp4");
   log("Writing temporary file: {}", tempPath.string());
   TimingHelper timer;
@@ -67,15 +64,15 @@ void writeAtomicMP4(FileManager& files, const Path& path, const MP4BoxInfo& moov
   const int64_t growth = static_cast<int64_t>(newMoov.size()) - static_cast<int64_t>(moovBox.size);
   log("Moov size changed: {} → {} (delta: {})", moovBox.size, newMoov.size(), growth);
   logLayout(layout, moovBox);
-  times.findBoxLayout = timer.stop();
+  timings.findBoxLayout = timer.stop();
   timer.start();
   moveOffsets(newMoov, layout.shift(moovBox, growth, edit::remuxing), growth);
-  times.adjustChunkOffsets = timer.stop();
+  timings.adjustChunkOffsets = timer.stop();
 
   TempFile tempFile(files, tempPath);
   const auto target =
       openFile(files, tempPath, OpenMode::exclusive, MP4RemuxError::writeError("Cannot create temp file"));
-  const auto copied = copyAround(file, *target, layout, moovBox, newMoov, times);
+  const auto copied = copyAround(file, *target, layout, moovBox, newMoov, timings);
 
   timer.start();
   target->synchronize();
@@ -84,7 +81,7 @@ void writeAtomicMP4(FileManager& files, const Path& path, const MP4BoxInfo& moov
   file.close();
   files.replaceItem(path, tempPath);
   tempFile.keep();
-  times.syncAndReplace = timer.stop();
+  timings.syncAndReplace = timer.stop();
   logLine("Atomic replace complete");
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <span>
 
 #include "mp4/ChunkOffsetTable.h"
@@ -17,6 +16,6 @@ void adjustChunkOffsets(std::span<uint8_t> moov, const ChunkOffsetShift& shift);
 
 /// Writes the file anew with another `moov`, and replaces it in one step; see MP4Remuxer::writeAtomicMP4.
 void writeAtomicMP4(FileManager& files, const Path& path, const MP4BoxInfo& moovBox, Bytes newMoov, FileHandle& file,
-                    std::optional<RemuxTimings>& timings, const RewriteCheck& check);
+                    RemuxTimings& timings, const RewriteCheck& check);
 
 }  // namespace tarn

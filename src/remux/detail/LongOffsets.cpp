@@ -1,6 +1,7 @@
 #include "remux/detail/LongOffsets.h"
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <vector>
 
@@ -15,6 +16,10 @@
 namespace tarn {
 namespace {
 
+MovieBox* shortTable(MovieBox& trak) {
+  return trak.type == "trak" ? trak.find({"mdia", "minf", "stbl", "stco"}) : nullptr;
+}
+
 /// The offsets that are there.
 std::vector<uint64_t> offsetsIn(const MovieBox& stco) {
   const Bytes table = stco.plainBytes();
@@ -25,21 +30,29 @@ std::vector<uint64_t> offsetsIn(const MovieBox& stco) {
   return offsets;
 }
 
+/// The farthest chunk of the 32-bit table of a `moov`'s child; nothing without one.
+std::optional<uint64_t> farthestChunk(MovieBox& child) {
+  const MovieBox* stco = shortTable(child);
+  const auto offsets = stco ? offsetsIn(*stco) : std::vector<uint64_t>();
+  return offsets.empty() ? std::nullopt : std::optional(std::ranges::max(offsets));
+}
+
+/// Of each child, so that no table is read again and again.
+using FarthestChunks = std::vector<std::optional<uint64_t>>;
+
 /// Widens the first table that needs it; false if none does.
-bool widenOne(MovieBox& moov, const ChunkOffsetShift& shift) {
+bool widenOne(MovieBox& moov, FarthestChunks& farthest, const ChunkOffsetShift& shift) {
   uint64_t place = moov.head.size();
-  for (MovieBox& trak : moov.children) {
-    MovieBox* stco = trak.type == "trak" ? trak.find({"mdia", "minf", "stbl", "stco"}) : nullptr;
-    const auto offsets = stco ? offsetsIn(*stco) : std::vector<uint64_t>();
-    const bool isTooNarrow = std::ranges::any_of(offsets, [&](uint64_t offset) {
-      return offset >= shift.movesFrom && needs64Bits(offset + static_cast<uint64_t>(shift.delta));
-    });
-    if (isTooNarrow) {
+  for (size_t i = 0; i < moov.children.size(); ++i) {
+    MovieBox& child = moov.children[i];
+    if (farthest[i] >= shift.movesFrom && needs64Bits(*farthest[i] + static_cast<uint64_t>(shift.delta))) {
       log("The chunk offsets of the track at {} of the moov get 64 bits", place);
-      *stco = MovieBox::of(buildChunkOffsetBox(offsets, true));
+      MovieBox& stco = *shortTable(child);
+      stco = MovieBox::of(buildChunkOffsetBox(offsetsIn(stco), true));
+      farthest[i] = farthestChunk(child);
       return true;
     }
-    place += trak.size();
+    place += child.size();
   }
   return false;
 }
@@ -52,9 +65,11 @@ void widenChunkOffsets(Bytes& newMoov, const BoxHeader& oldMoov, const MediaLayo
   };
   if (shift(newMoov.size()).delta <= 0) return;
   MovieBox moov = MovieBox::parse(newMoov, edit::remuxing);
+  FarthestChunks farthest;
+  std::ranges::transform(moov.children, std::back_inserter(farthest), farthestChunk);
   bool isWidened = false;
   // Each that is widened makes the `moov` longer, and the media move further.
-  while (widenOne(moov, shift(moov.size()))) isWidened = true;
+  while (widenOne(moov, farthest, shift(moov.size()))) isWidened = true;
   if (isWidened) newMoov = moov.bytes();
 } catch (const MovieError& error) {
   throw remuxError(error);

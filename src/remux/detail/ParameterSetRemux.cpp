@@ -2,7 +2,6 @@
 
 #include <fmt/ranges.h>
 
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -158,7 +157,7 @@ std::optional<VideoPlan> planOfChanges(const Work& work) {
   }
 }
 
-void remux(Work work, std::optional<RemuxTimings>& timings) {
+void remux(Work work) {
   const VideoCodec& codec = work.codec;
   const CodecWords& words = work.words;
   log("{}{}", words.prefix, words.startText);
@@ -178,12 +177,13 @@ void remux(Work work, std::optional<RemuxTimings>& timings) {
   log("{}Reading MP4 structure...", words.prefix);
   auto file = openFile(work.files, work.fileURL, OpenMode::reading, "Cannot open file");
   const Moov moov = readMoov(*file, words);
-  timings->readMoov = timer.stop();
+  work.timings.readMoov = timer.stop();
   if (contents.areSeveral) {
     logLine(words.severalEntriesText);
-    timings->isMultipleSampleEntries = true;
+    work.timings.isMultipleSampleEntries = true;
     remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize, *file,
-                            timings, contents.segments, contents.scan ? &*contents.scan : nullptr, work.check, codec);
+                            work.timings, contents.segments, contents.scan ? &*contents.scan : nullptr, work.check,
+                            codec);
     logLine(words.severalEntriesDone);
     return;
   }
@@ -194,18 +194,17 @@ void remux(Work work, std::optional<RemuxTimings>& timings) {
     return;
   }
   timer.start();
-  writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, timings, work.check);
-  timings->writeAtomicMP4 = timer.stop();
+  writeAtomicMP4(work.files, work.fileURL, moov.box, std::move(newMoov), *file, work.timings, work.check);
+  work.timings.writeAtomicMP4 = timer.stop();
   log("{}Phase 2 complete: Video remuxed successfully", words.donePrefix);
 }
 
 }  // namespace
 
 void remuxWithParameterExtraction(FileManager& files, const Path& path, const VideoCodec& codec,
-                                  const CancellationToken* token, std::optional<RemuxTimings>& timings,
-                                  const VideoPlan* plan, const RewriteCheck& check) {
-  if (!timings) timings.emplace();
-  remux({files, path, token, *timings, codec, wordsFor(codec), plan, check}, timings);
+                                  const CancellationToken* token, RemuxTimings& timings, const VideoPlan* plan,
+                                  const RewriteCheck& check) {
+  remux({files, path, token, timings, codec, wordsFor(codec), plan, check});
 }
 
 }  // namespace tarn

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <optional>
-
 #include "parameters/VideoCodec.h"
 #include "pipeline/CancellationToken.h"
 #include "pipeline/RemuxTimingHelper.h"
@@ -14,7 +12,7 @@ namespace tarn {
 /// The remux of a file with parameter sets of its stream, or as the plan says if there is one; see
 /// MP4Remuxer::remuxHEVCWithParameterExtraction.
 void remuxWithParameterExtraction(FileManager& files, const Path& path, const VideoCodec& codec,
-                                  const CancellationToken* token, std::optional<RemuxTimings>& timings,
-                                  const VideoPlan* plan, const RewriteCheck& check);
+                                  const CancellationToken* token, RemuxTimings& timings, const VideoPlan* plan,
+                                  const RewriteCheck& check);
 
 }  // namespace tarn

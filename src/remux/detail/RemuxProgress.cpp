@@ -7,7 +7,6 @@
 namespace tarn {
 namespace {
 
-constexpr uint64_t largestSmallBox = 0xA00000;
 constexpr uint64_t progressConstant = 0x138800000;
 
 /// Between two lines, in percent.
@@ -51,7 +50,7 @@ bool RemuxProgress::becomesFree(const BoxHeader& box) {
 }
 
 bool RemuxProgress::isStreamed(const BoxHeader& box) const {
-  return box.size > largestSmallBox && box.type != "mdat" && !isTail(box) && !isReplaced(box);
+  return box.size > rewritePieceSize && box.type != "mdat" && !isTail(box) && !isReplaced(box);
 }
 
 double& RemuxProgress::timeOf(const BoxHeader& box) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 #include "movie/MovieRewrite.h"
 #include "pipeline/RemuxTimingHelper.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 #include <optional>
-#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -82,9 +81,13 @@ class Redescription {
     TimingHelper timer;
     log("{}Parsing sample table...", words_.prefix);
     stbl_ = findStblBoxInMoov(moov_);
-    table_.parseSampleTable(file_, {.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"});
+    table_.parseSampleTable(file_, stblInFile());
     stsd_ = extractStsdBoxFromMoov(moov_);
     timings_.parseSampleTable = timer.stop();
+  }
+
+  MP4BoxInfo stblInFile() const {
+    return {.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = stbl_.type};
   }
 
   Segments detectSegments(const ParameterScan* scan) {
@@ -108,8 +111,7 @@ class Redescription {
 
   /// The sets in the configuration box of an entry, 1-based; none where it has no complete ones.
   ParameterSets setsOfEntry(int64_t description) {
-    const MP4BoxInfo stbl{.offset = moovBox_.offset + stbl_.offset, .size = stbl_.size, .type = "stbl"};
-    auto stsd = MP4BoxUtils::findChildBox(file_, stbl, "stsd");
+    auto stsd = MP4BoxUtils::findChildBox(file_, stblInFile(), "stsd");
     auto entries = stsd ? readVideoEntries(file_, *stsd, codec_) : std::vector<VideoEntry>();
     if (description < 1 || static_cast<uint64_t>(description) > entries.size()) return {};
     ParameterSets& sets = entries[static_cast<size_t>(description) - 1].sets;
@@ -169,7 +171,7 @@ class Redescription {
   ChunkOffsetShift shiftWithShortOffsets() {
     uint64_t stsd = layout::tableHeaderSize;
     for (const Bytes& entry : entries_) stsd += entry.size();
-    uint64_t stco = 16 + 4 * uint64_t{table_.sampleCount()};
+    uint64_t stco = layout::tableHeaderSize + layout::chunkOffset32.width * uint64_t{table_.sampleCount()};
     uint64_t newSize = sizeOfNewStbl(moov_.subspan(stbl_.offset, stbl_.size), stsd, stsc_.size(), stco);
     return scanAround(file_, moovBox_).shift(moovBox_, static_cast<int64_t>(newSize - stbl_.size), edit::remuxing);
   }
@@ -196,20 +198,19 @@ class Redescription {
 }  // namespace
 
 void remuxWithSeveralEntries(FileManager& files, const Path& path, const MP4BoxInfo& moovBox, ByteView moov,
-                             int nalLengthSize, FileHandle& file, std::optional<RemuxTimings>& timings,
+                             int nalLengthSize, FileHandle& file, RemuxTimings& timings,
                              const std::vector<ConfigurationSegment>& segments, const ParameterScan* scan,
                              const RewriteCheck& check, const VideoCodec& codec) {
   const CodecWords& words = wordsFor(codec);
   logLine(words.severalEntriesHeading);
-  if (!timings) timings.emplace();
-  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, *timings, codec).buildNewMoov(segments, scan);
+  Bytes newMoov = Redescription(moovBox, moov, nalLengthSize, file, timings, codec).buildNewMoov(segments, scan);
   if (std::ranges::equal(newMoov, moov)) {
     log("{}The new moov is the old one, nothing is written", words.prefix);
     return;
   }
   TimingHelper timer;
   writeAtomicMP4(files, path, moovBox, std::move(newMoov), file, timings, check);
-  timings->writeAtomicMP4 = timer.stop();
+  timings.writeAtomicMP4 = timer.stop();
 }
 
 }  // namespace tarn

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <vector>
 
 #include "mp4/MP4BoxUtils.h"
@@ -17,7 +16,7 @@ namespace tarn {
 /// Gives the video track one sample entry for each segment; see MP4Remuxer::remuxWithMultipleSampleEntries. Where no
 /// segments are given they are found, in the scan if there is one.
 void remuxWithSeveralEntries(FileManager& files, const Path& path, const MP4BoxInfo& moovBox, ByteView moov,
-                             int nalLengthSize, FileHandle& file, std::optional<RemuxTimings>& timings,
+                             int nalLengthSize, FileHandle& file, RemuxTimings& timings,
                              const std::vector<ConfigurationSegment>& segments, const ParameterScan* scan,
                              const RewriteCheck& check, const VideoCodec& codec);
 

@@ -1,7 +1,6 @@
 #include "remux/detail/TagRepair.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <utility>
 
 #include "mp4/BoxLayout.h"
@@ -141,12 +140,10 @@ std::optional<uint64_t> findAvcC(const FirstEntry& entry) {
 
 std::optional<std::string> detectHEVCTag(FileManager& files, const Path& fileURL) {
   auto file = openFile(files, fileURL, OpenMode::reading, "Cannot open file");
-  auto box = MP4BoxUtils::findTopLevelBox(*file, "moov");
-  if (box) box = MP4BoxUtils::findTrack(*file, *box, MP4TrackType::video);
-  for (const char* type : {"mdia", "minf", "stbl", "stsd"}) {
-    if (box) box = MP4BoxUtils::findChildBox(*file, *box, type);
-  }
-  return box ? readVideoCodecFromStsd(*file, *box) : std::nullopt;
+  auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
+  auto trak = moov ? MP4BoxUtils::findTrack(*file, *moov, MP4TrackType::video) : std::nullopt;
+  auto stsd = trak ? MP4BoxUtils::findDescendant(*file, *trak, {"mdia", "minf", "stbl", "stsd"}) : std::nullopt;
+  return stsd ? readVideoCodecFromStsd(*file, *stsd) : std::nullopt;
 }
 
 std::optional<std::string> readVideoCodecFromStsd(FileHandle& file, const MP4BoxInfo& stsd) {

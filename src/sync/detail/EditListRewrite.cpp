@@ -2,13 +2,13 @@
 
 #include "movie/MediaLayout.h"
 #include "movie/MoovCheck.h"
+#include "movie/MovieError.h"
 #include "movie/MovieRewrite.h"
 #include "movie/TrackFields.h"
 #include "platform/Log.h"
 #include "platform/OpenFile.h"
 #include "platform/TempFile.h"
-#include "sync/MP4AVSyncFixer.h"
-#include "sync/detail/MovieEdits.h"
+#include "sync/ErrorTypes.h"
 
 namespace tarn {
 namespace {
@@ -21,6 +21,11 @@ void followMedia(Bytes& moov, const BoxHeader& moovBox, const MediaLayout& layou
   if (shift.delta == 0) return;
   log("MP4AVSyncFixer: Moov before mdat - adjusting chunk offsets by {}", growth);
   moveChunks(moov, shift, rules);
+}
+
+AVSyncError syncError(const MovieError& error) {
+  const bool isOfFile = error.kind() == MovieError::Case::unreadable || error.kind() == MovieError::Case::cutOff;
+  return isOfFile ? AVSyncError::fileHandleError(error.description()) : AVSyncError::fixError(error.description());
 }
 
 }  // namespace
@@ -57,21 +62,6 @@ bool rewriteMoov(FileManager& files, const Path& fileURL, const BoxHeader& moovB
   return true;
 } catch (const MovieError& error) {
   throw syncError(error);
-}
-
-bool MP4AVSyncFixer::rewriteMoovWithBothEdts(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
-                                             const MP4BoxInfo& videoTrakBox,
-                                             const std::optional<MP4BoxInfo>& audioTrakBox, const MoovEdits& edits,
-                                             NamesInTheMaking* names, const RewriteCheck& check) {
-  const auto edit = [&](MovieBox& moov) { applyEdits(moov, moovBox, videoTrakBox, audioTrakBox, edits); };
-  return rewriteMoov(files, fileURL, moovBox, edit, names, check);
-}
-
-bool MP4AVSyncFixer::rewriteMoovAsOrdered(FileManager& files, const Path& fileURL, const MP4BoxInfo& moovBox,
-                                          const SyncFixOrder& order, NamesInTheMaking* names,
-                                          const RewriteCheck& check) {
-  return rewriteMoov(
-      files, fileURL, moovBox, [&](MovieBox& moov) { applyOrder(moov, order); }, names, check);
 }
 
 }  // namespace tarn

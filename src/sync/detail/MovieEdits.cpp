@@ -6,8 +6,10 @@
 #include <array>
 #include <map>
 
+#include "movie/MovieError.h"
 #include "movie/TrackFields.h"
 #include "platform/Log.h"
+#include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
 #include "sync/MP4AVSyncFixer.h"
 
@@ -86,11 +88,6 @@ void updateDuration(MovieBox& moov, MP4TrackType type, std::string_view name, in
 }
 
 }  // namespace
-
-AVSyncError syncError(const MovieError& error) {
-  const bool isOfFile = error.kind() == Case::unreadable || error.kind() == Case::cutOff;
-  return isOfFile ? AVSyncError::fileHandleError(error.description()) : AVSyncError::fixError(error.description());
-}
 
 Bytes edtsOf(const std::vector<EditListEntry>& entries) {
   std::vector<AVSyncElstEntry> rows;

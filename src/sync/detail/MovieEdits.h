@@ -3,18 +3,13 @@
 #include <optional>
 #include <vector>
 
-#include "movie/MovieError.h"
 #include "movie/MovieTree.h"
 #include "platform/Bytes.h"
-#include "sync/ErrorTypes.h"
 #include "sync/SyncFixOrder.h"
 
 namespace tarn {
 
 struct MoovEdits;
-
-/// The sync step's failure for one of the movie toolkit.
-AVSyncError syncError(const MovieError& error);
 
 /// A whole `edts` with these entries (ISO/IEC 14496-12 8.6.5), of which there are at most 5; empty without entries.
 Bytes edtsOf(const std::vector<EditListEntry>& entries);

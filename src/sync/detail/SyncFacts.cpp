@@ -1,3 +1,5 @@
+#include "sync/detail/SyncFacts.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -10,7 +12,6 @@
 #include "presentation/Presentation.h"
 #include "sync/ErrorTypes.h"
 #include "sync/MP4AVSync.h"
-#include "sync/MP4AVSyncFixer.h"
 #include "sync/detail/SyncSource.h"
 #include "sync/detail/TimeArithmetic.h"
 
@@ -58,10 +59,8 @@ Bytes requireBox(FileHandle& file, const MP4BoxInfo& box) {
 
 /// The duration that the `mdhd` states, else the sum of the `stts`; track timescale.
 int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
-  if (const int64_t stated = MP4AVSyncFixer::parseMdhdDuration(mdhd); stated != 0) return stated;
-  auto minf = MP4BoxUtils::findChildBox(file, mdia, "minf");
-  auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
-  auto stts = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stts") : std::nullopt;
+  if (const int64_t stated = parseMdhdDuration(mdhd); stated != 0) return stated;
+  auto stts = MP4BoxUtils::findDescendant(file, mdia, {"minf", "stbl", "stts"});
   auto bytes = stts ? readBox(file, *stts, tableReadLimit) : std::nullopt;
   if (!bytes) return 0;
   const auto table = TableRows(*bytes, layout::runRowSize, TableRows::HugeCount::isNone);
@@ -98,9 +97,9 @@ struct DamagedLists {
   bool audio = false;
 };
 
-DamagedLists findDamagedLists(FileManager& files, const Path& fileURL) {
+DamagedLists findDamagedLists(FileManager& files, const Path& path) {
   const auto presentation =
-      Presentation::readIfPossible(files, fileURL, "MP4AVSyncFixer: The edit lists are taken as they are");
+      Presentation::readIfPossible(files, path, "MP4AVSyncFixer: The edit lists are taken as they are");
   if (!presentation) return {};
   const auto isDamaged = [&](MP4TrackType type) {
     const TrackPresentation* track = presentation->first(handlerTypeText(type));
@@ -111,15 +110,15 @@ DamagedLists findDamagedLists(FileManager& files, const Path& fileURL) {
 
 }  // namespace
 
-uint32_t MP4AVSyncFixer::parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moovBox) {
-  Bytes mvhd = requireBox(file, requireChild(file, moovBox, "mvhd"));
+uint32_t parseMovieTimescale(FileHandle& file, const MP4BoxInfo& moov) {
+  Bytes mvhd = requireBox(file, requireChild(file, moov, "mvhd"));
   uint32_t timescale = avsync_parse_mvhd_timescale(mvhd.data(), lengthOf(mvhd));
   if (timescale == 0) throw AVSyncError::analysisError("Invalid movie timescale");
   return timescale;
 }
 
-TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox) {
-  auto trak = MP4BoxUtils::findTrack(file, moovBox, MP4TrackType::video);
+TrackTimingInfo parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moov) {
+  auto trak = MP4BoxUtils::findTrack(file, moov, MP4TrackType::video);
   if (!trak) throw AVSyncError::corruptedMP4("Video trak not found");
   auto mdia = requireChild(file, *trak, "mdia");
   Bytes mdhd = requireBox(file, requireChild(file, mdia, "mdhd"));
@@ -142,9 +141,9 @@ TrackTimingInfo MP4AVSyncFixer::parseVideoTrackInfo(FileHandle& file, const MP4B
   return info;
 }
 
-std::optional<AudioTrackTimingInfo> MP4AVSyncFixer::parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
-                                                                        bool audioWasTranscoded) {
-  auto trak = MP4BoxUtils::findTrack(file, moovBox, MP4TrackType::audio);
+std::optional<AudioTrackTimingInfo> parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moov,
+                                                        bool audioWasTranscoded) {
+  auto trak = MP4BoxUtils::findTrack(file, moov, MP4TrackType::audio);
   auto mdia = trak ? MP4BoxUtils::findChildBox(file, *trak, "mdia") : std::nullopt;
   auto mdhd = mdia ? MP4BoxUtils::findChildBox(file, *mdia, "mdhd") : std::nullopt;
   auto bytes = mdhd ? readBox(file, *mdhd, headerReadLimit) : std::nullopt;
@@ -156,46 +155,38 @@ std::optional<AudioTrackTimingInfo> MP4AVSyncFixer::parseAudioTrackInfo(FileHand
   info.duration = mediaDuration(file, *mdia, *bytes);
   info.codec = parseAudioCodec(file, *mdia);
   if (audioWasTranscoded) {
-    info.encoderDelay = getDefaultEncoderDelay(info.codec);
+    info.encoderDelay = avsync_get_default_encoder_delay(info.codec.c_str());
   } else {
     log("MP4AVSyncFixer: Audio not transcoded - using encoder delay of 0 (passthrough)");
   }
   return info;
 }
 
-std::vector<EditListEntry> MP4AVSyncFixer::parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox,
-                                                              MP4TrackType type) {
-  auto trak = MP4BoxUtils::findTrack(file, moovBox, type);
-  auto edts = trak ? MP4BoxUtils::findChildBox(file, *trak, "edts") : std::nullopt;
-  auto elst = edts ? MP4BoxUtils::findChildBox(file, *edts, "elst") : std::nullopt;
+std::vector<EditListEntry> parseTrackEditList(FileHandle& file, const MP4BoxInfo& moov, MP4TrackType type) {
+  auto trak = MP4BoxUtils::findTrack(file, moov, type);
+  auto elst = trak ? MP4BoxUtils::findDescendant(file, *trak, {"edts", "elst"}) : std::nullopt;
   auto bytes = elst ? readBox(file, *elst, editListReadLimit) : std::nullopt;
   if (!bytes) return {};
 
   return readEditList(*bytes, editlist::synced);
 }
 
-std::string MP4AVSyncFixer::parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox) {
+std::string parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdia) {
   std::string unknown = "unknown";
-  auto minf = MP4BoxUtils::findChildBox(file, mdiaBox, "minf");
-  auto stbl = minf ? MP4BoxUtils::findChildBox(file, *minf, "stbl") : std::nullopt;
-  auto stsd = stbl ? MP4BoxUtils::findChildBox(file, *stbl, "stsd") : std::nullopt;
+  auto stsd = MP4BoxUtils::findDescendant(file, mdia, {"minf", "stbl", "stsd"});
   auto bytes = stsd ? readBox(file, *stsd, layout::sampleEntryFormat.end()) : std::nullopt;
   if (!bytes || bytes->size() < layout::sampleEntryFormat.end()) return unknown;
   if (layout::load(bytes->data(), layout::entryCount) == 0) return unknown;
   return decodeASCII(ByteView(*bytes).last(layout::sampleEntryFormat.width)).value_or(unknown);
 }
 
-int64_t MP4AVSyncFixer::parseMdhdDuration(ByteView mdhd) {
+int64_t parseMdhdDuration(ByteView mdhd) {
   const auto clock = parseTimeHeader(mdhd, LongHeader::isVersion1);
   return clock ? static_cast<int64_t>(clock->duration) : 0;
 }
 
-int64_t MP4AVSyncFixer::getDefaultEncoderDelay(const std::string& codec) {
-  return avsync_get_default_encoder_delay(codec.c_str());
-}
-
-OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const Path& fileURL) {
-  SyncSource source(files, fileURL);
+OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& path) {
+  SyncSource source(files, path);
   FileHandle& file = source.file();
   const BoxHeader& moov = source.moov();
 
@@ -204,15 +195,15 @@ OriginalSyncInfo MP4AVSyncFixer::readOriginalSyncInfo(FileManager& files, const 
   auto video = parseVideoTrackInfo(file, moov);
   info.videoFirstCts = video.firstCts;
   info.videoTrackTimescale = video.timescale;
-  const DamagedLists damaged = findDamagedLists(files, fileURL);
-  if (!damaged.video) info.videoEditList = parseVideoEditList(file, moov, MP4TrackType::video);
+  const DamagedLists damaged = findDamagedLists(files, path);
+  if (!damaged.video) info.videoEditList = parseTrackEditList(file, moov, MP4TrackType::video);
   auto videoEdits = startOf(info.videoEditList);
   info.videoMediaStartMovieTime = videoEdits.emptyDuration;
 
   auto audio = parseAudioTrackInfo(file, moov, true);
   info.audioTrackTimescale = audio ? audio->trackTimescale : defaultAudioTimescale;
   info.audioEncoderDelay = audio ? audio->encoderDelay : defaultAudioDelay;
-  if (!damaged.audio) info.audioEditList = parseVideoEditList(file, moov, MP4TrackType::audio);
+  if (!damaged.audio) info.audioEditList = parseTrackEditList(file, moov, MP4TrackType::audio);
   source.requireReadable();
   auto audioEdits = startOf(info.audioEditList);
   info.audioMediaStartMovieTime = audioEdits.emptyDuration;
