@@ -66,15 +66,16 @@ class AudioTranscoder {
 
   // Making it anew.
 
+  /// `originalAudioEmptyEditDelay` and the two values behind it are those of SourceTiming; the picture's PTS is unused.
   static void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
-                             const std::optional<CMTime>& videoFirstPTS, double originalAudioEmptyEditDelay,
+                             const std::optional<CMTime>& /*videoFirstPTS*/, double originalAudioEmptyEditDelay,
                              const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,
                              const Config& config, const CancellationToken* cancellationToken,
                              const ProgressCallback& progressCallback,
                              const std::optional<double>& shownMediaEnd = {}) {
-    tarn::transcodeAudio(files, inputURL, outputURL, videoFirstPTS, originalAudioEmptyEditDelay,
-                         originalAudioMediaDurationSeconds, syncOffsetSeconds, config, cancellationToken,
-                         progressCallback, shownMediaEnd);
+    tarn::transcodeAudio(files, inputURL, outputURL,
+                         {originalAudioEmptyEditDelay, originalAudioMediaDurationSeconds, syncOffsetSeconds}, config,
+                         cancellationToken, progressCallback, shownMediaEnd);
   }
 };
 

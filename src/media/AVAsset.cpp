@@ -87,6 +87,22 @@ AVAssetTrack readTrack(FileHandle& file, const MP4BoxInfo& trak, AVMediaType med
   return track;
 }
 
+std::vector<AVAssetTrack> readTracks(FileHandle& file, AVMediaType mediaType) {
+  std::string_view handler =
+      handlerTypeText(mediaType == AVMediaType::video ? MP4TrackType::video : MP4TrackType::audio);
+  std::vector<AVAssetTrack> tracks;
+  auto moov = findMovie(file);
+  if (!moov) return tracks;
+  uint32_t movieTimescale = readTimeHeader(file, *moov, "mvhd").value_or(TimeHeader{}).timescale;
+  FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
+  while (auto header = walker.next()) {
+    if (header->type != "trak") continue;
+    if (MP4BoxUtils::getHandlerType(file, *header) != handler) continue;
+    tracks.push_back(readTrack(file, *header, mediaType, movieTimescale));
+  }
+  return tracks;
+}
+
 /// 0 where it cannot be read. Moves the file's position, which must be its start.
 uint32_t movieTimescaleOf(FileHandle& file) {
   auto moov = findMovie(file);
@@ -106,25 +122,12 @@ std::pair<SampleLocations, SampleTimes> readSampleTable(FileHandle& file, const 
 }  // namespace
 
 std::vector<AVAssetTrack> AVAsset::tracks(AVMediaType withMediaType) const {
-  std::string_view handler =
-      handlerTypeText(withMediaType == AVMediaType::video ? MP4TrackType::video : MP4TrackType::audio);
-  std::vector<AVAssetTrack> tracks;
   try {
-    ReadWatch file(files_.open(url_, OpenMode::reading));
-    auto moov = findMovie(file);
-    if (!moov) return tracks;
-    uint32_t movieTimescale = readTimeHeader(file, *moov, "mvhd").value_or(TimeHeader{}).timescale;
-    FileBoxWalker walker(file, moov->contentOffset(), moov->end(), boxwalk::tracks);
-    while (auto header = walker.next()) {
-      if (header->type != "trak") continue;
-      if (MP4BoxUtils::getHandlerType(file, *header) != handler) continue;
-      tracks.push_back(readTrack(file, *header, withMediaType, movieTimescale));
-    }
-    if (file.failure()) return {};
+    return readWatched(ReadWatch(files_.open(url_, OpenMode::reading)),
+                       [&](FileHandle& file) { return readTracks(file, withMediaType); });
   } catch (const PosixError&) {
     return {};
   }
-  return tracks;
 }
 
 CMTime AVAsset::duration() const {

@@ -27,7 +27,6 @@ Kind kindOf(const CMTime& time) {
   return time.timescale > 0 ? Kind::number : Kind::invalid;
 }
 
-/// To the nearest integer, halves away from zero. The divisor is positive.
 /// `numerator` / `denominator` seconds, exact at the timescale if possible, else at a lower one at which it fits.
 CMTime fitted(Int128 numerator, Int128 denominator, int32_t timescale, uint32_t flags) {
   for (; timescale > 0; timescale /= 2) {

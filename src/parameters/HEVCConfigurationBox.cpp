@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "parameters/HEVCSPSParser.h"
-#include "parameters/detail/NALCodec.h"
+#include "parameters/NALCodec.h"
 #include "parameters/detail/ProfileTierLevel.h"
 #include "parameters/detail/RBSPReading.h"
 #include "platform/Log.h"

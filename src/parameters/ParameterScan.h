@@ -6,7 +6,6 @@
 #include <functional>
 #include <optional>
 #include <set>
-#include <span>
 #include <vector>
 
 #include "mp4/MP4BoxUtils.h"

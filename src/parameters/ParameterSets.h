@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "parameters/NALCodec.h"
 #include "parameters/PictureSize.h"
-#include "parameters/detail/NALCodec.h"
 #include "platform/Bytes.h"
 
 namespace tarn {

@@ -5,9 +5,9 @@
 #include <string_view>
 #include <vector>
 
+#include "parameters/NALCodec.h"
 #include "parameters/ParameterSets.h"
 #include "parameters/PictureSize.h"
-#include "parameters/detail/NALCodec.h"
 #include "platform/Bytes.h"
 
 namespace tarn {

@@ -43,7 +43,7 @@ class ReadWatch : public ForwardingFileHandle {
   }
 
   const std::optional<PosixError>& failure() const { return *failure_; }
-  /// Throws the failure.
+  /// Throws that failure, if there is one.
   void requireReadable() const {
     if (*failure_) throw **failure_;
   }

@@ -118,4 +118,16 @@ std::vector<std::string> harmsOf(const PresentationChange& change, const Present
   return harms;
 }
 
+std::vector<std::string> harmsOfResult(FileManager& files, const Path& result, const Presentation& before,
+                                       SharedBytes shared, const AnnouncedChange& announced) {
+  try {
+    const Presentation after = Presentation::read(files, result);
+    return harmsOf(comparePresentations(before, after, shared, announced), before, after, announced);
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& failure) {
+    return {"the result cannot be read: " + failure.description()};
+  }
+}
+
 }  // namespace tarn

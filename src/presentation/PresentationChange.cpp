@@ -253,15 +253,7 @@ PresentationChange comparePresentations(const Presentation& before, const Presen
 
 RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced) {
   return [&files, &before, announced](const Path& result, std::span<const CopiedRange> copied) {
-    std::vector<std::string> harms;
-    try {
-      Presentation after = Presentation::read(files, result);
-      harms = harmsOf(comparePresentations(before, after, copied, announced), before, after, announced);
-    } catch (const PosixError&) {
-      throw;
-    } catch (const Error& error) {
-      throw RefusedResult("the result cannot be read: " + error.description());
-    }
+    const auto harms = harmsOfResult(files, result, before, copied, announced);
     if (!harms.empty()) throw RefusedResult(fmt::format("{}", fmt::join(harms, "; ")));
   };
 }

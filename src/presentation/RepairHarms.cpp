@@ -3,7 +3,10 @@
 #include "presentation/Harms.h"
 
 namespace tarn {
+namespace {
 
+/// The sound, if it was replaced, with packets that lie up to one packet off their place. Each step has compared the
+/// bytes of its own result.
 AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasReplaced) {
   AnnouncedChange announced{.comparesBytes = false};
   const TrackPresentation* sound = source.first("soun");
@@ -13,20 +16,14 @@ AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasRepla
   return announced;
 }
 
+}  // namespace
+
 std::vector<std::string> harmsOfRepair(FileManager& sourceFiles, const Path& source, FileManager& resultFiles,
                                        const Path& result, bool soundWasReplaced) {
   const auto before =
       Presentation::readIfPossible(sourceFiles, source, "The presentation of the source cannot be read");
   if (!before) return {};
-  const AnnouncedChange announced = announcedByRepair(*before, soundWasReplaced);
-  try {
-    const Presentation after = Presentation::read(resultFiles, result);
-    return harmsOf(comparePresentations(*before, after, std::nullopt, announced), *before, after, announced);
-  } catch (const PosixError&) {
-    throw;
-  } catch (const Error& failure) {
-    return {"the result cannot be read: " + failure.description()};
-  }
+  return harmsOfResult(resultFiles, result, *before, std::nullopt, announcedByRepair(*before, soundWasReplaced));
 }
 
 }  // namespace tarn

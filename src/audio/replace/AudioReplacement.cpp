@@ -25,24 +25,20 @@ void forget(ProcessingRun& run, const Path& tempFile) {
   run.state.removeTempFile(tempFile);
 }
 
-/// What the source's edit list says of the audio, in seconds.
-struct AudioEdits {
-  double emptyEditDelay = 0;
-  std::optional<double> mediaDuration;
-};
-
-AudioEdits audioEdits(const std::optional<OriginalSyncInfo>& info) {
-  AudioEdits edits;
-  if (!info || info->movieTimescale == 0) return edits;
+SourceTiming timingOf(const std::optional<OriginalSyncInfo>& info) {
+  SourceTiming timing;
+  if (!info) return timing;
+  timing.syncOffsetSeconds = info->syncOffsetSeconds;
+  if (info->movieTimescale == 0) return timing;
   for (const OriginalEditListEntry& entry : info->audioEditList) {
     const double seconds = static_cast<double>(entry.duration) / info->movieTimescale;
     if (entry.mediaTime == -1) {
-      edits.emptyEditDelay = seconds;
+      timing.audioEmptyEditDelay = seconds;
     } else if (entry.mediaTime >= 0) {
-      edits.mediaDuration = seconds;
+      timing.audioMediaDurationSeconds = seconds;
     }
   }
-  return edits;
+  return timing;
 }
 
 /// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing where the video
@@ -72,18 +68,17 @@ std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   return stripped.path();
 }
 
-void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, const CMTime& videoFirstPTS,
-               double shownMediaEnd) {
-  const double syncOffset = run.originalSyncInfo ? run.originalSyncInfo->syncOffsetSeconds : 0;
-  if (std::abs(syncOffset) > 0.001) log("  Passing syncOffsetSeconds={:.3f}s to transcoder", syncOffset);
-  const AudioEdits edits = audioEdits(run.originalSyncInfo);
-  if (edits.emptyEditDelay > 0.01 || edits.mediaDuration) {
-    log("  Original audio edit list: emptyEditDelay={:.3f}s, mediaDuration={:.3f}s", edits.emptyEditDelay,
-        edits.mediaDuration.value_or(0));
+void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, double shownMediaEnd) {
+  const SourceTiming timing = timingOf(run.originalSyncInfo);
+  if (std::abs(timing.syncOffsetSeconds) > 0.001) {
+    log("  Passing syncOffsetSeconds={:.3f}s to transcoder", timing.syncOffsetSeconds);
+  }
+  if (timing.audioEmptyEditDelay > 0.01 || timing.audioMediaDurationSeconds) {
+    log("  Original audio edit list: emptyEditDelay={:.3f}s, mediaDuration={:.3f}s", timing.audioEmptyEditDelay,
+        timing.audioMediaDurationSeconds.value_or(0));
   }
   transcodeAudio(
-      run.files, input, newAudio, videoFirstPTS, edits.emptyEditDelay, edits.mediaDuration, syncOffset,
-      TranscodeConfig{}, run.token.get(),
+      run.files, input, newAudio, timing, TranscodeConfig{}, run.token.get(),
       [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); }, shownMediaEnd);
 }
 
@@ -134,7 +129,7 @@ void replaceAudio(ProcessingRun& run) {
 
   timer.start();
   run.updateProcessingStage(ProcessingStage::transcodingPass2);
-  transcode(run, stripped.value_or(run.fileURL), newAudio, videoFirstPTS, swap.shownMediaEnd());
+  transcode(run, stripped.value_or(run.fileURL), newAudio, swap.shownMediaEnd());
   timings.pass2Transcode = timer.stop();
   run.token->throwIfCancelled();
 

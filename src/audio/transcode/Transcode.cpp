@@ -137,12 +137,9 @@ AudioTranscodingState transcode(DecodedTrack& source, TranscodeOutput& output, T
 
 }  // namespace
 
-void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
-                    const std::optional<CMTime>& /*videoFirstPTS*/, double originalAudioEmptyEditDelay,
-                    const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,
+void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL, const SourceTiming& timing,
                     const TranscodeConfig& config, const CancellationToken* cancellationToken,
                     const TranscodeProgress& progressCallback, const std::optional<double>& shownMediaEnd) {
-  const SourceTiming timing{originalAudioEmptyEditDelay, originalAudioMediaDurationSeconds, syncOffsetSeconds};
   logStart(inputURL, timing);
   throwIfCancelled(cancellationToken);
   const AVAsset asset(files, inputURL);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace tarn {
@@ -16,6 +17,13 @@ struct TranscodeConfig {
   bool enableFadeSmoothing = true;    ///< fade around inserted silence and cuts
   bool useComfortNoise = true;        ///< silence carries low noise instead of zeros
   double comfortNoiseLevel = 0.001;   ///< of full scale
+};
+
+/// What the source's edit lists say, in seconds; the transcoder reads a file that has lost them.
+struct SourceTiming {
+  double audioEmptyEditDelay = 0;                        ///< the empty edit ahead of the audio
+  std::optional<double> audioMediaDurationSeconds = {};  ///< the length that the edit list gives
+  double syncOffsetSeconds = 0;                          ///< positive when the audio is delayed
 };
 
 using TranscodeProgress = std::function<void(double progress, const std::string& stage)>;

@@ -10,13 +10,6 @@
 
 namespace tarn {
 
-/// What the source's edit lists say, in seconds; the transcoder reads a file that has lost them.
-struct SourceTiming {
-  double audioEmptyEditDelay = 0;                   ///< the empty edit ahead of the audio
-  std::optional<double> audioMediaDurationSeconds;  ///< the length that the edit list gives
-  double syncOffsetSeconds = 0;                     ///< positive when the audio is delayed
-};
-
 /// What the first pass has found: where silence is to go in, what is to be cut, and where the output ends. Positions
 /// are frames at the output rate; both lists are sorted by them.
 struct TranscodePlan {

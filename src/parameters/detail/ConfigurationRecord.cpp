@@ -4,13 +4,13 @@
 
 #include <algorithm>
 
+#include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 
 namespace tarn {
 namespace {
 
 constexpr int unitLengthWidth = 16;
-constexpr size_t boxHeaderSize = 8;
 
 }  // namespace
 
@@ -48,7 +48,7 @@ void RecordWriter::units(const std::vector<Bytes>& units, int countWidth) {
 }
 
 Bytes RecordWriter::box(std::string_view type) const {
-  size_t size = bytes_.size() + boxHeaderSize;
+  size_t size = bytes_.size() + layout::boxHeaderSize;
   checkFits(size, 32, "bytes of a configuration box");
   Bytes box;
   box.reserve(size);

@@ -1,11 +1,9 @@
 #include "parameters/detail/ParameterSetCollector.h"
 
 #include "parameters/NALUnitParser.h"
-#include "parameters/detail/ProfileTierLevel.h"
 #include "parameters/detail/RBSPReading.h"
 
 namespace tarn {
-
 namespace {
 
 /// No NAL unit ends with a zero (ITU-T H.264 and H.265 7.4.1): writers that cut at start codes leave some behind.
@@ -14,24 +12,6 @@ void dropTrailingZeros(Bytes& unit) {
 }
 
 }  // namespace
-
-uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload) {
-  BitReader bits(payload);
-  switch (kind) {
-    case ParameterSetKind::vps:
-      return bits.readBits(4);
-    case ParameterSetKind::sps: {
-      bits.readBits(4);  // sps_video_parameter_set_id
-      uint32_t subLayers = bits.readBits(3);
-      skipBits(bits, 1 + 96);  // sps_temporal_id_nesting_flag, general profile, tier and level
-      skipSubLayers(
-          subLayers, [&] { return bits.readBits(1); }, [&](size_t count) { skipBits(bits, count); });
-      return readUE(bits);
-    }
-    default:
-      return readUE(bits);
-  }
-}
 
 std::optional<size_t> ParameterSetCollector::processNALUnit(Bytes originalNAL) {
   if (rules_.isReadable != nullptr) dropTrailingZeros(originalNAL);
@@ -68,22 +48,22 @@ void ParameterSetCollector::addAll(const ParameterSets& sets) {
 
 /// Called for new bytes only, so an identifier that is known already has been used again.
 void ParameterSetCollector::noteIdentifier(ParameterSetKind kind, uint8_t type, ByteView cleanedNAL) {
-  if (rules_.identifier == nullptr || cleanedNAL.size() <= rules_.codec.headerSize) return;
-  PSKey key{.type = type, .id = rules_.identifier(kind, cleanedNAL.subspan(rules_.codec.headerSize))};
+  if (cleanedNAL.size() <= rules_.codec.headerSize) return;
+  PSKey key{.type = type, .id = rules_.codec.identifier(kind, cleanedNAL.subspan(rules_.codec.headerSize))};
   if (!keys_.insert(key).second) sets_.requiresMultipleSampleEntries = true;
 }
 
 std::optional<PictureSize> ParameterSetCollector::addSPS(Bytes cleanedNAL) {
+  const size_t dropped = rules_.codec.headerSize - rules_.codec.headerBytesInRbsp;
+  if (cleanedNAL.size() > dropped) {
+    cleanedNAL.erase(cleanedNAL.begin(), cleanedNAL.begin() + static_cast<ptrdiff_t>(dropped));
+  }
   std::optional<PictureSize> size;
   if (rules_.pictureSize != nullptr) size = rules_.pictureSize(cleanedNAL);
   if (size) {
     auto& sizes = sets_.spsResolutions;
     if (!sizes.empty() && sizes.back() != *size) sets_.hasResolutionChanges = true;
     sizes.push_back(*size);
-  }
-  size_t dropped = rules_.codec.headerSize - rules_.headerBytesInRbsp;
-  if (cleanedNAL.size() > dropped) {
-    cleanedNAL.erase(cleanedNAL.begin(), cleanedNAL.begin() + static_cast<ptrdiff_t>(dropped));
   }
   sets_.spsRbspArray.push_back(std::move(cleanedNAL));
   return size;

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "parameters/NALCodec.h"
 #include "parameters/ParameterSets.h"
 #include "parameters/PictureSize.h"
-#include "parameters/detail/NALCodec.h"
 #include "platform/Bytes.h"
 
 namespace tarn {
@@ -28,20 +28,13 @@ struct PSKey {
 /// How a codec's parameter sets are collected.
 struct ParameterSetRules {
   const NALCodec& codec;
-  size_t headerBytesInRbsp;  ///< of the NAL header, kept in spsRbspArray
-  /// The size that an SPS states, from the NAL unit without emulation prevention; null where nobody asks.
-  std::optional<PictureSize> (*pictureSize)(ByteView cleanedSPS);
-  /// The identifier of a set, from its bytes behind the NAL header; null where identifiers are not tracked.
-  uint32_t (*identifier)(ParameterSetKind kind, ByteView payload);
+  /// The size that an SPS of `ParameterSets::spsRbspArray` states; null where nobody asks.
+  std::optional<PictureSize> (*pictureSize)(ByteView spsRbsp);
   /// False for a set, without emulation prevention, that no decoder can read; null where all are taken.
   bool (*isReadable)(ParameterSetKind kind, ByteView cleanedNAL);
   /// Tells the log of a set that was added, the `count`-th of its kind; `size` is that of an SPS. Null for silence.
   void (*report)(ParameterSetKind kind, size_t bytes, const std::optional<PictureSize>& size, size_t count);
 };
-
-/// The identifier of an HEVC parameter set (ITU-T H.265 7.3.2.1 to 7.3.2.3), from its bytes behind the NAL header and
-/// without emulation prevention. Bits that are missing count as 0.
-uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload);
 
 /// Gathers the distinct parameter sets of one stream, numbered from 0. Two sets are the same when their stored bytes
 /// are.

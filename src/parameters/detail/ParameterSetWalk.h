@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "mp4/MP4SampleTableParser.h"
-#include "parameters/detail/NALCodec.h"
+#include "parameters/NALCodec.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 

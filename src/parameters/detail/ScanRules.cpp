@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "parameters/AVCConfigurationBox.h"
 #include "parameters/NALUnitParser.h"
 #include "parameters/detail/SetRules.h"
 #include "platform/Log.h"
@@ -73,19 +74,15 @@ void reportPlannedSegment(size_t number, const ConfigurationSegment& s) {
 }
 
 constexpr ParameterSetRules hevcSets{.codec = hevcNALCodec,
-                                     .headerBytesInRbsp = 2,
                                      .pictureSize = NALUnitParser::parseSPSResolution,
-                                     .identifier = parseHEVCParameterSetID,
                                      .isReadable = nullptr,
                                      .report = reportHEVCSet};
 constexpr ParameterSetRules avcSets{.codec = avcNALCodec,
-                                    .headerBytesInRbsp = 0,
-                                    .pictureSize = pictureSizeOfAVC,
-                                    .identifier = parseAVCParameterSetID,
+                                    .pictureSize = AVCConfigurationBox::parseSPSResolution,
                                     .isReadable = nullptr,
                                     .report = reportAVCSet};
 
-/// The same sets without a word.
+/// Takes the same sets, but asks for no size and logs nothing.
 constexpr ParameterSetRules silent(ParameterSetRules rules) {
   rules.pictureSize = nullptr;
   rules.report = nullptr;

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "parameters/NALCodec.h"
 #include "parameters/ParameterSets.h"
-#include "parameters/detail/NALCodec.h"
 #include "parameters/detail/ParameterSetCollector.h"
 #include "parameters/detail/SegmentList.h"
 

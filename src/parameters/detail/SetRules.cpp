@@ -59,7 +59,7 @@ bool isReadableAVC(ParameterSetKind kind, ByteView cleaned) {
 /// The identifier of a unit as stored.
 uint32_t identifierOf(const Bytes& unit, ParameterSetKind kind, const ParameterSetRules& rules) {
   Bytes cleaned = removeEmulationPrevention(unit);
-  return rules.identifier(kind, ByteView(cleaned).subspan(rules.codec.headerSize));
+  return rules.codec.identifier(kind, ByteView(cleaned).subspan(rules.codec.headerSize));
 }
 
 /// Identifier and content of each set of one kind.
@@ -75,28 +75,14 @@ std::vector<std::pair<uint32_t, const Bytes*>> identified(const ParameterSets& s
 }  // namespace
 
 const ParameterSetRules hevcReadableSets{.codec = hevcNALCodec,
-                                         .headerBytesInRbsp = 2,
                                          .pictureSize = NALUnitParser::parseShownSize,
-                                         .identifier = parseHEVCParameterSetID,
                                          .isReadable = isReadableHEVC,
                                          .report = nullptr};
 
 const ParameterSetRules avcReadableSets{.codec = avcNALCodec,
-                                        .headerBytesInRbsp = 0,
-                                        .pictureSize = pictureSizeOfAVC,
-                                        .identifier = parseAVCParameterSetID,
+                                        .pictureSize = AVCConfigurationBox::parseSPSResolution,
                                         .isReadable = isReadableAVC,
                                         .report = nullptr};
-
-std::optional<PictureSize> pictureSizeOfAVC(ByteView cleanedSPS) {
-  return AVCConfigurationBox::parseSPSResolution(cleanedSPS.subspan(avcNALCodec.headerSize));
-}
-
-uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload) {
-  BitReader bits(payload);
-  if (kind == ParameterSetKind::sps) skipBits(bits, 24);  // profile, constraints, level
-  return readUE(bits);
-}
 
 ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules) {
   ParameterSetCollector collector(rules);

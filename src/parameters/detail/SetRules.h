@@ -1,11 +1,7 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
-
 #include "parameters/ParameterSets.h"
 #include "parameters/detail/ParameterSetCollector.h"
-#include "platform/Bytes.h"
 
 namespace tarn {
 
@@ -13,13 +9,6 @@ namespace tarn {
 /// standard rules out, and in HEVC sets of other layers than the base layer, whose identifiers are their own.
 extern const ParameterSetRules hevcReadableSets;
 extern const ParameterSetRules avcReadableSets;
-
-/// The identifier of an AVC parameter set (ITU-T H.264 7.3.2.1.1, 7.3.2.2), from its bytes behind the NAL header and
-/// without emulation prevention. Bits that are missing count as 0.
-uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload);
-
-/// The cropped size that an AVC SPS states, from the NAL unit without emulation prevention.
-std::optional<PictureSize> pictureSizeOfAVC(ByteView cleanedSPS);
 
 /// The older sets with the newer ones in the places of those with the same identifier, and behind them.
 ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules);
