@@ -1,6 +1,5 @@
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <stdexcept>

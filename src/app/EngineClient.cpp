@@ -11,12 +11,6 @@ namespace {
 constexpr const char* bridge = "TarnBridge";
 
 template <typename T>
-std::optional<T> optionalAt(const JSObject& object, std::string_view key) {
-  const T* value = valueAt<T>(object, key);
-  return value ? std::optional(*value) : std::nullopt;
-}
-
-template <typename T>
 std::vector<T> arrayAt(const JSObject& object, std::string_view key) {
   std::vector<T> values;
   const auto* array = valueAt<JSValue::Array>(object, key);

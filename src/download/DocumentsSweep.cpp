@@ -1,7 +1,6 @@
 #include "download/DocumentsSweep.h"
 
 #include <algorithm>
-#include <array>
 #include <string_view>
 
 #include "pipeline/RecipeFiles.h"
@@ -55,10 +54,7 @@ void DocumentsSweep::deleteFilesOf(const ProcessingState& record) {
   // A run that goes on sees at its end that it was taken away.
   const auto inHand = gate_.runsInHand();
   const auto isSame = [&](const ProcessingState& run) { return run.downloadId == record.downloadId; };
-  if (std::ranges::any_of(inHand, isSame)) return;
-  for (const Path& file : {recipeFilesOf(record).recipe, recipeFilesOf(record).side}) {
-    if (files_.fileExists(file)) removeIfExists(files_, file);
-  }
+  if (std::ranges::none_of(inHand, isSame)) removeRecipeFiles(files_, record);
 }
 
 void DocumentsSweep::cleanupOrphanedFiles() {

@@ -1,40 +1,30 @@
 #include "download/DownloadRequest.h"
 
-#include <nlohmann/json.hpp>
+#include "platform/JSObject.h"
 
 namespace tarn {
-namespace {
-
-using Json = nlohmann::ordered_json;
-
-std::optional<std::string> optionalText(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  if (found == object.end() || found->is_null()) return std::nullopt;
-  return found->get<std::string>();
-}
-
-}  // namespace
 
 std::string NotedDownload::text() const {
-  Json object{{"id", id}, {"skipVideoFix", request.skipVideoFix}, {"skipAudioFix", request.skipAudioFix}};
-  object["url"] = request.url;
-  if (request.album) object["album"] = *request.album;
-  if (request.filename) object["filename"] = *request.filename;
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace);
+  JSObject object{
+      {"id", id}, {"skipVideoFix", request.skipVideoFix}, {"skipAudioFix", request.skipAudioFix}, {"url", request.url}};
+  if (request.album) object.set("album", *request.album);
+  if (request.filename) object.set("filename", *request.filename);
+  return object.json();
 }
 
 std::optional<NotedDownload> NotedDownload::parse(const std::string& text) {
-  try {
-    const Json object = Json::parse(text);
-    return NotedDownload{.id = object.at("id").get_ref<const int64_t&>(),
-                         .request = {.url = optionalText(object, "url").value_or(""),
-                                     .album = optionalText(object, "album"),
-                                     .filename = optionalText(object, "filename"),
-                                     .skipVideoFix = object.at("skipVideoFix").get<bool>(),
-                                     .skipAudioFix = object.at("skipAudioFix").get<bool>()}};
-  } catch (const nlohmann::json::exception&) {
-    return std::nullopt;
-  }
+  const auto object = JSObject::parse(text);
+  if (!object) return std::nullopt;
+  const auto* const id = valueAt<int64_t>(*object, "id");
+  const auto* const skipVideoFix = valueAt<bool>(*object, "skipVideoFix");
+  const auto* const skipAudioFix = valueAt<bool>(*object, "skipAudioFix");
+  if (!id || !skipVideoFix || !skipAudioFix) return std::nullopt;
+  return NotedDownload{.id = *id,
+                       .request = {.url = valueAt<std::string>(*object, "url", ""),
+                                   .album = optionalAt<std::string>(*object, "album"),
+                                   .filename = optionalAt<std::string>(*object, "filename"),
+                                   .skipVideoFix = *skipVideoFix,
+                                   .skipAudioFix = *skipAudioFix}};
 }
 
 }  // namespace tarn

@@ -11,7 +11,6 @@
 
 #include "download/DownloadRequest.h"
 #include "platform/Bytes.h"
-#include "platform/Clock.h"
 #include "platform/FileManager.h"
 #include "platform/NSURLSession.h"
 

@@ -2,7 +2,7 @@
 
 #include "download/DocumentsSweep.h"
 #include "download/DownloadRequest.h"
-#include "platform/Log.h"
+#include "platform/Platform.h"
 
 namespace tarn {
 

@@ -10,7 +10,7 @@
 #include "engine/HostPlugin.h"
 #include "engine/Outcomes.h"
 #include "engine/RepairSteps.h"
-#include "platform/Platform.h"
+#include "pipeline/ProcessingStateManager.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
 #include "platform/host/HostApplication.h"

@@ -62,10 +62,12 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
 void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
   const auto id = call->getInt("id");
   if (!id) return call->reject("No such download");
-  JSObject outcome;
-  if (auto words = host_.outcomes().failure(*id)) outcome.set("failure", std::move(*words));
-  if (auto asset = host_.outcomes().assetId(*id)) outcome.set("assetId", std::move(*asset));
-  call->resolve(std::move(outcome));
+  JSObject answer;
+  if (const auto outcome = host_.outcomes().of(*id)) {
+    if (outcome->kind == RunOutcome::Kind::failed) answer.set("failure", outcome->words);
+    if (outcome->assetId) answer.set("assetId", *outcome->assetId);
+  }
+  call->resolve(std::move(answer));
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {

@@ -1,10 +1,14 @@
 #include "engine/Outcomes.h"
 
+#include <iterator>
+
 namespace tarn {
 
 void Outcomes::keep(const RunOutcome& outcome) {
   std::lock_guard guard(mutex_);
-  outcomes_.insert_or_assign(outcome.id, outcome);
+  const auto kept = outcomes_.insert_or_assign(outcome.id, outcome).first;
+  // A client may have asked for a low id.
+  if (outcomes_.size() > most) outcomes_.erase(kept == outcomes_.begin() ? std::next(kept) : outcomes_.begin());
 }
 
 std::optional<RunOutcome> Outcomes::of(int64_t id) const {
@@ -12,17 +16,6 @@ std::optional<RunOutcome> Outcomes::of(int64_t id) const {
   const auto found = outcomes_.find(id);
   if (found == outcomes_.end()) return std::nullopt;
   return found->second;
-}
-
-std::optional<std::string> Outcomes::assetId(int64_t id) const {
-  const auto outcome = of(id);
-  return outcome ? outcome->assetId : std::nullopt;
-}
-
-std::optional<std::string> Outcomes::failure(int64_t id) const {
-  const auto outcome = of(id);
-  if (!outcome || outcome->kind != RunOutcome::Kind::failed) return std::nullopt;
-  return outcome->words;
 }
 
 }  // namespace tarn

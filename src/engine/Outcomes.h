@@ -4,29 +4,24 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <string>
 
 #include "pipeline/RunOutcome.h"
 
 namespace tarn {
 
-/// How the downloads of this process ended, each as it ended last. Thread-safe.
+/// How the downloads of this process ended, each as it ended last: of the `most` newest ones. Thread-safe.
 class Outcomes {
  public:
+  static constexpr size_t most = 10'000;
+
   void keep(const RunOutcome& outcome);
 
-  /// Nothing while the download has not ended in this process.
+  /// Nothing if the download has not ended in this process, or if too many newer ones have.
   std::optional<RunOutcome> of(int64_t id) const;
-
-  /// The identifier of the asset that a download was saved as.
-  std::optional<std::string> assetId(int64_t id) const;
-
-  /// What went wrong with a download that failed, in words for people.
-  std::optional<std::string> failure(int64_t id) const;
 
  private:
   mutable std::mutex mutex_;
-  std::map<int64_t, RunOutcome> outcomes_;
+  std::map<int64_t, RunOutcome> outcomes_;  ///< the oldest first: an id is the time of its download
 };
 
 }  // namespace tarn

@@ -6,6 +6,7 @@
 #include "engine/PlacingStep.h"
 #include "engine/PrivateHome.h"
 #include "engine/RepairSteps.h"
+#include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/Error.h"
 #include "platform/host/PosixFileManager.h"

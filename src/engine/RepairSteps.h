@@ -1,7 +1,7 @@
 #pragma once
 
 #include "audio/AudioStep.h"
-#include "pipeline/ProcessingDriver.h"
+#include "pipeline/ProcessingStep.h"
 #include "remux/RemuxStep.h"
 #include "sync/SyncStep.h"
 

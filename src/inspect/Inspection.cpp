@@ -49,15 +49,13 @@ std::string damageText(EditListDamage damage) {
   return "";
 }
 
-std::string damagedListOf(uint32_t trackID) {
-  return fmt::format("the edit list of track {} ", trackID);
-}
-
 /// What the tables and edit lists tell of damage.
 void listPresentationProblems(const Presentation& presentation, Inspection& inspection) {
   for (const TrackPresentation& track : presentation.tracks()) {
     if (track.damage == EditListDamage::none) continue;
-    inspection.problems.push_back({Problem::Of::editLists, damagedListOf(track.trackID) + damageText(track.damage)});
+    inspection.problems.push_back({Problem::Of::editLists,
+                                   fmt::format("the edit list of track {} {}", track.trackID, damageText(track.damage)),
+                                   track.trackID});
   }
   const TrackPresentation* sound = presentation.first("soun");
   if (!sound) return;
@@ -94,13 +92,12 @@ void nameWhatIsMended(Inspection& inspection) {
   name(inspection.audio.replacesSound(), Problem::Of::sound, inspection.audio.reason);
   if (inspection.syncFix.kind != SyncForecast::Kind::writes) return;
   for (const auto& [trackID, list] : inspection.syncFix.order.tracks) {
-    const bool isNamed = std::ranges::any_of(
-        inspection.problems,
-        [start = damagedListOf(trackID)](const Problem& problem) { return problem.words.starts_with(start); });
-    if (!isNamed) {
-      inspection.problems.push_back(
-          {Problem::Of::editLists, fmt::format("track {} needs an edit list: {}", trackID, list.reason)});
-    }
+    const auto isOfList = [id = trackID](const Problem& problem) {
+      return problem.of == Problem::Of::editLists && problem.trackID == id;
+    };
+    if (std::ranges::any_of(inspection.problems, isOfList)) continue;
+    inspection.problems.push_back(
+        {Problem::Of::editLists, fmt::format("track {} needs an edit list: {}", trackID, list.reason), trackID});
   }
 }
 

@@ -57,7 +57,7 @@ struct SampleEntryFacts {
   PictureSize picture;
   std::vector<SampleRange> ranges;  ///< of the samples that use it
   std::optional<ConfigurationFacts> configuration;
-  std::string firstStray;   ///< type of the first child that cannot be, where there are stray bytes and it has one
+  std::string firstStray;   ///< type of the child that overruns the entry; empty if none does
   uint64_t strayBytes = 0;  ///< behind its last whole child
 };
 
@@ -93,14 +93,8 @@ struct RemuxForecast {
   std::vector<std::string> losses;
 };
 
-/// A gap in the sound.
-struct GapFacts {
-  double atSeconds = 0;
-  double milliseconds = 0;
-};
-
-/// A place at which the sound jumps back.
-struct OverlapFacts {
+/// A gap in the sound, or a place at which the sound jumps back.
+struct SoundPlace {
   double atSeconds = 0;
   double milliseconds = 0;
 };
@@ -122,8 +116,8 @@ struct AudioForecast {
   std::string reason;
   std::string codec = {};  ///< tag of the first sample entry; empty where it cannot be read
   std::optional<AudioFindings> findings = {};
-  std::vector<GapFacts> gaps = {};  ///< the first ones; the findings tell how many there are
-  std::vector<OverlapFacts> overlaps = {};
+  std::vector<SoundPlace> gaps = {};  ///< the first ones; the findings tell how many there are
+  std::vector<SoundPlace> overlaps = {};
 
   /// Track and packets differ in length, and no gap explains it.
   bool hasDrift() const { return findings && findings->analysis.gapType == GapType::timelineDrift; }

@@ -179,6 +179,10 @@ const char* kindText(AudioForecast::Kind kind) {
   return "";
 }
 
+JSObject placeJSON(const SoundPlace& place) {
+  return {{"atMilliseconds", place.atSeconds * 1000}, {"lengthMilliseconds", place.milliseconds}};
+}
+
 JSObject audioJSON(const AudioForecast& forecast) {
   JSObject object{{"does", kindText(forecast.kind)}, {"reason", forecast.reason}};
   if (!forecast.findings) return object;
@@ -194,14 +198,9 @@ JSObject audioJSON(const AudioForecast& forecast) {
   object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
   object.set("driftMilliseconds", analysis.timelineDriftMs);
   object.set("gapCount", analysis.internalGapCount);
-  object.set("gaps", arrayOf(forecast.gaps, [](const GapFacts& gap) {
-               return JSObject{{"atMilliseconds", gap.atSeconds * 1000}, {"lengthMilliseconds", gap.milliseconds}};
-             }));
+  object.set("gaps", arrayOf(forecast.gaps, placeJSON));
   object.set("overlapCount", analysis.overlapCount);
-  object.set(
-      "overlaps", arrayOf(forecast.overlaps, [](const OverlapFacts& overlap) {
-        return JSObject{{"atMilliseconds", overlap.atSeconds * 1000}, {"lengthMilliseconds", overlap.milliseconds}};
-      }));
+  object.set("overlaps", arrayOf(forecast.overlaps, placeJSON));
   return object;
 }
 

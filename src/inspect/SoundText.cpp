@@ -5,17 +5,20 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <span>
+#include <string_view>
 
 namespace tarn {
 namespace {
 
 constexpr size_t mostPlaces = 8;
 
-template <typename Place, typename ToText>
-void listPlaces(std::vector<std::string>& lines, const std::vector<Place>& places, int64_t count, const char* what,
-                ToText toText) {
+void listPlaces(std::vector<std::string>& lines, const std::vector<SoundPlace>& places, int64_t count,
+                std::string_view article, std::string_view what) {
   const size_t listed = std::min(places.size(), mostPlaces);
-  for (size_t i = 0; i < listed; ++i) lines.push_back(toText(places[i]));
+  for (const SoundPlace& place : std::span(places).first(listed)) {
+    lines.push_back(fmt::format("{} {} of {:.1f} ms at {:.3f} s", article, what, place.milliseconds, place.atSeconds));
+  }
   const int64_t more = count - static_cast<int64_t>(listed);
   if (more > 0) lines.push_back(fmt::format("and {} more {}{}", more, what, more == 1 ? "" : "s"));
 }
@@ -58,12 +61,8 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
     lines.push_back(fmt::format("it starts {:.1f} ms {} the picture", std::abs(analysis.initialOffsetMs),
                                 analysis.initialOffsetMs < 0 ? "ahead of" : "after"));
   }
-  listPlaces(lines, forecast.gaps, analysis.internalGapCount, "gap", [](const GapFacts& gap) {
-    return fmt::format("a gap of {:.1f} ms at {:.3f} s", gap.milliseconds, gap.atSeconds);
-  });
-  listPlaces(lines, forecast.overlaps, analysis.overlapCount, "overlap", [](const OverlapFacts& overlap) {
-    return fmt::format("an overlap of {:.1f} ms at {:.3f} s", overlap.milliseconds, overlap.atSeconds);
-  });
+  listPlaces(lines, forecast.gaps, analysis.internalGapCount, "a", "gap");
+  listPlaces(lines, forecast.overlaps, analysis.overlapCount, "an", "overlap");
   if (forecast.hasDrift()) {
     lines.push_back(fmt::format("its track and its packets differ in length by {:.1f} ms", analysis.timelineDriftMs));
   }

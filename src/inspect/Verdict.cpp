@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
+#include <vector>
 
 #include "inspect/Inspection.h"
 

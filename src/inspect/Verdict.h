@@ -1,8 +1,7 @@
 #pragma once
 
-#include <optional>
+#include <cstdint>
 #include <string>
-#include <vector>
 
 namespace tarn {
 
@@ -15,6 +14,7 @@ struct Problem {
 
   Of of = Of::file;
   std::string words;
+  uint32_t trackID = 0;  ///< whose edit list it is about
 };
 
 /// What to make of the file, at a glance.

@@ -18,6 +18,13 @@ RecipeFiles recipeFilesOf(const ProcessingState& record) {
           .side = directory / fmt::format("{}{}", record.downloadId, sideEnding)};
 }
 
+void removeRecipeFiles(FileManager& files, const ProcessingState& record) noexcept {
+  const RecipeFiles left = recipeFilesOf(record);
+  for (const Path& file : {left.recipe, left.side}) {
+    if (files.fileExists(file)) removeIfExists(files, file);
+  }
+}
+
 std::optional<int64_t> ownerOfRecipeFile(std::string_view name) {
   if (!name.ends_with(recipeEnding) && !name.ends_with(sideEnding)) return std::nullopt;
   const std::string_view number = name.substr(0, name.rfind('.'));

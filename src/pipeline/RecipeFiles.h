@@ -17,6 +17,9 @@ struct RecipeFiles {
 
 RecipeFiles recipeFilesOf(const ProcessingState& record);
 
+/// Deletes those that are there. Never throws.
+void removeRecipeFiles(FileManager& files, const ProcessingState& record) noexcept;
+
 /// The download that has a file of this name; nothing if it is no such name.
 std::optional<int64_t> ownerOfRecipeFile(std::string_view name);
 

@@ -77,6 +77,13 @@ const T* valueAt(const JSObject& object, std::string_view key) {
   return value ? value->get<T>() : nullptr;
 }
 
+/// The same as a copy.
+template <typename T>
+std::optional<T> optionalAt(const JSObject& object, std::string_view key) {
+  const T* value = valueAt<T>(object, key);
+  return value ? std::optional(*value) : std::nullopt;
+}
+
 /// The same as a copy, with what stands in for it.
 template <typename T>
 T valueAt(const JSObject& object, std::string_view key, T otherwise) {

@@ -1,6 +1,5 @@
 #include "plugin/TarnBridgePlugin.h"
 
-#include <algorithm>
 #include <array>
 
 #include "platform/Log.h"

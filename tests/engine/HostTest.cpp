@@ -6,6 +6,7 @@
 #include "app/FileNames.h"
 #include "app/InProcessClient.h"
 #include "engine/Host.h"
+#include "engine/Outcomes.h"
 #include "platform/JSObject.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultServer.h"
@@ -98,6 +99,18 @@ TEST_P(FullDisk, LosesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, FullDisk, testing::Range<uint64_t>(0, 3));
+
+TEST(HostTest, OfManyOutcomesTheNewestAreKeptAndTheOneThatCameLast) {
+  Outcomes outcomes;
+  const auto newest = static_cast<int64_t>(Outcomes::most) + 2;
+  for (int64_t id = 2; id <= newest; ++id) outcomes.keep({.id = id});
+  EXPECT_FALSE(outcomes.of(2));
+  EXPECT_TRUE(outcomes.of(3));
+  outcomes.keep({.id = 1});
+  EXPECT_TRUE(outcomes.of(1));
+  EXPECT_FALSE(outcomes.of(3));
+  EXPECT_TRUE(outcomes.of(newest));
+}
 
 TEST(HostTest, DefaultNamesComeFromTheURL) {
   std::string umlauts, encoded;

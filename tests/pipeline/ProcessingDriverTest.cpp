@@ -37,7 +37,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
   /// One whole run of state_, with its video and steps that enter all stages. What was called, in order.
   std::string run() {
     notes_.clear();
-    if (!files_.fileExists(state_.fileURL)) put("clip.mp4", "video");
+    if (!files_.fileExists(state_.fileURL)) put(state_.fileURL.filename().native(), "video");
     store_.saveState(state_);
     const auto disturb = [this](ProcessingRun& run, ProcessingStage stage) {
       if (stage == transcodingPass2 && disturb_) disturb_(run);
@@ -182,24 +182,29 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     SCOPED_TRACE(damaged);
     state_.stage = downloaded;
     disturb_ = [](ProcessingRun& run) {
+      run.state.addTempFile(run.fileURL.parent_path() / "x.m4a");
+      run.files.open(run.state.tempFiles.front(), OpenMode::exclusive)->write(bytesOf("sound"));
+      run.saveState();
       rewrite(run);
       run.token->cancel();
       run.token->throwIfCancelled();
     };
     run();
     EXPECT_EQ(textOf(readFile(files_, state_.fileURL)), "video");
-    state_.stage = store_.loadState(7).value().stage;
+    state_ = store_.loadState(7).value();
     EXPECT_EQ(state_.stage, transcodingPass2);
     if (!damaged.empty()) files_.open(damaged, OpenMode::updating)->truncate(1);
     disturb_ = {};
     EXPECT_EQ(run(), (damaged.empty() ? "" : remuxStages) + fromAudio + savedEnding);
     EXPECT_EQ(result_, damaged.empty() ? "repaired" : "video");
+    EXPECT_TRUE(lines_.contains("Cleaned up temp file: x.m4a"));
     EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
   }
 }
 
-// A record may have lost the names of its temp files.
+// A record may have lost the names of its temp files; and the video may be called like one of them.
 TEST_F(ProcessingDriverTest, TheNamesInTheRecipeTellWhetherTheSoundWasSwapped) {
+  state_.fileURL.replace_filename("clip_fixed.mp4");
   for (const bool wasSwapped : {true, false}) {
     SCOPED_TRACE(wasSwapped);
     state_.stage = downloaded;

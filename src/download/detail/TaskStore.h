@@ -1,7 +1,6 @@
 #pragma once
 
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 
 #include "audio/AudioRepairDecision.h"
 #include "inspect/SoundText.h"
@@ -34,8 +33,7 @@ std::string lengthText(double milliseconds) {
   return milliseconds < 999.5 ? fmt::format("{:.0f} ms", milliseconds) : fmt::format("{:.1f} s", milliseconds / 1000);
 }
 
-template <typename Place>
-std::string placesText(const std::vector<Place>& places, int64_t count) {
+std::string placesText(const std::vector<SoundPlace>& places, int64_t count) {
   const std::string first = places.empty() ? "" : fmt::format("at {}", clockText(places.front().atSeconds));
   return count == 1 ? first : fmt::format("in {} places, first {}", count, first);
 }

@@ -34,10 +34,7 @@ class RunLayers {
   void discard() noexcept {
     if (!layers_) return;
     layers_->discard();
-    const RecipeFiles left = recipeFilesOf(record_);
-    for (const Path& file : {left.recipe, left.side}) {
-      if (base_.fileExists(file)) removeIfExists(base_, file);
-    }
+    removeRecipeFiles(base_, record_);
   }
 
   /// Files that the steps have made and that are there still.

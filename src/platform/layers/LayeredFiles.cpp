@@ -279,7 +279,7 @@ std::set<Path> LayeredFiles::newNames() {
   std::lock_guard guard(mutex_);
   std::set<Path> names;
   for (const auto& [path, file] : files_) {
-    if (!file->isLaidOver()) names.insert(path);
+    if (!base().fileExists(path)) names.insert(path);
   }
   return names;
 }

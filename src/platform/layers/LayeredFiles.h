@@ -56,7 +56,7 @@ class LayeredFiles : public ForwardingFileManager {
   /// True if another file has replaced the one that `path` was laid over.
   bool isReplaced(const Path& path);
 
-  /// The names of the files that were made here, not of those that were laid over one.
+  /// The names that are here alone: the base has no file of them.
   std::set<Path> newNames();
 
   /// Writes the file at `path` to a new file of the base, in one copy, and logs that it did. Nothing is flushed. `poll`
