@@ -227,6 +227,24 @@ TEST_F(ClientsTest, ACommandTellsWhomItFinds) {
   expectRefusal(listener, "", "Another user listens at");
 }
 
+TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
+  std::filesystem::create_directory(home_);
+  const HomeLock lock(home_);
+  asio::io_context context;
+  local::acceptor listener(context, (home_ / ".socket").string());
+  const Child client = start({"resume"});
+  {
+    local::socket engine = listener.accept();
+    asio::write(engine, asio::buffer(std::string(R"({"protocol":1})") + "\n"));
+    std::string received;
+    asio::read_until(engine, asio::dynamic_buffer(received), '\n');
+  }
+  const local::socket next = listener.accept();  // another engine, which lets nobody in
+  client->signal(SIGINT);
+  EXPECT_EQ(client->wait(), 130);
+  EXPECT_THAT(client->errors(), HasSubstr("Interrupted; what has been done is kept."));
+}
+
 TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {
   FaultServer server;
   server.serve("/clip.mp4", ServedFile::of(recording()));
