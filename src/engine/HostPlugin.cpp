@@ -37,17 +37,16 @@ const std::string& HostPlugin::name() {
 
 const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
   static const std::vector<CAPPluginMethod> methods = {
-      {"getOutcome", "promise"},
-      {"getAsset", "promise"},
-      {"getStoredWork", "promise"},
-      {"takeUpStoredRun", "promise"},
+      {"saveVideo", "promise"},     {"getOutcome", "promise"},      {"getAsset", "promise"},
+      {"getStoredWork", "promise"}, {"takeUpStoredRun", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 4> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 5> handlers{{
+      {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
       {"getStoredWork", &HostPlugin::getStoredWork},
@@ -59,13 +58,19 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   return nullptr;
 }
 
+void HostPlugin::saveVideo(const CAPPluginCallPointer& call) {
+  host_.plugin().saveVideoAs(call->getInt("id"), call);
+}
+
 void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
   const auto id = call->getInt("id");
   if (!id) return call->reject("No such download");
-  JSObject outcome;
-  if (auto words = host_.outcomes().failure(*id)) outcome.set("failure", std::move(*words));
-  if (auto asset = host_.outcomes().assetId(*id)) outcome.set("assetId", std::move(*asset));
-  call->resolve(std::move(outcome));
+  JSObject answer;
+  if (const auto outcome = host_.outcomes().of(*id)) {
+    if (outcome->kind == RunOutcome::Kind::failed) answer.set("failure", outcome->words);
+    if (outcome->assetId) answer.set("assetId", *outcome->assetId);
+  }
+  call->resolve(std::move(answer));
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {

@@ -14,15 +14,4 @@ std::optional<RunOutcome> Outcomes::of(int64_t id) const {
   return found->second;
 }
 
-std::optional<std::string> Outcomes::assetId(int64_t id) const {
-  const auto outcome = of(id);
-  return outcome ? outcome->assetId : std::nullopt;
-}
-
-std::optional<std::string> Outcomes::failure(int64_t id) const {
-  const auto outcome = of(id);
-  if (!outcome || outcome->kind != RunOutcome::Kind::failed) return std::nullopt;
-  return outcome->words;
-}
-
 }  // namespace tarn

@@ -4,7 +4,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <string>
 
 #include "pipeline/RunOutcome.h"
 
@@ -17,12 +16,6 @@ class Outcomes {
 
   /// Nothing while the download has not ended in this process.
   std::optional<RunOutcome> of(int64_t id) const;
-
-  /// The identifier of the asset that a download was saved as.
-  std::optional<std::string> assetId(int64_t id) const;
-
-  /// What went wrong with a download that failed, in words for people.
-  std::optional<std::string> failure(int64_t id) const;
 
  private:
   mutable std::mutex mutex_;
