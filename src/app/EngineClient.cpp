@@ -32,6 +32,10 @@ EngineClient::Answer EngineClient::call(const std::string& method, JSObject opti
   return call(bridge, method, std::move(options));
 }
 
+EngineClient::Answer EngineClient::saveVideo(JSObject options) {
+  return call(HostPlugin::name(), "saveVideo", std::move(options));
+}
+
 JSObject EngineClient::downloads() {
   return call("getActiveDownloads").data;
 }

@@ -71,6 +71,8 @@ class EngineClient {
   Answer call(const std::string& method, JSObject options = {});
   std::optional<Event> nextEvent() { return nextEvent(std::nullopt); }
 
+  /// The command saveVideo; its options may choose the download's id.
+  Answer saveVideo(JSObject options);
   /// The downloads that the engine has, by their ids.
   JSObject downloads();
   Outcome outcome(int64_t id);

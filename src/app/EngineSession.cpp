@@ -53,19 +53,23 @@ void EngineSession::join() {
 
 /// False while the owner starts or leaves: the home has a lock without a socket, or a socket without a listener.
 bool EngineSession::tryToJoin() {
-  std::unique_ptr<OwnEngine> own;
-  std::unique_ptr<SocketClient> other;
   try {
-    own = std::make_unique<OwnEngine>(home_, files_, global_);
+    take(std::make_unique<OwnEngine>(home_, files_, global_), nullptr);
+    return true;
   } catch (const HomeInUse&) {
-    other = SocketClient::connect(home_, patience);
+    auto other = SocketClient::connect(home_);
     if (!other) return false;
+    take(nullptr, std::move(other));
+    return other_->isLetIn(patience);
   }
+}
+
+/// From now on an interrupt ends the waits for this engine, the one to be let in too.
+void EngineSession::take(std::unique_ptr<OwnEngine> own, std::unique_ptr<SocketClient> other) {
   std::lock_guard guard(mutex_);
   own_ = std::move(own);
   other_ = std::move(other);
   if (isInterrupted_) clientUnlocked()->interrupt();
-  return true;
 }
 
 EngineClient* EngineSession::clientUnlocked() {
@@ -87,6 +91,7 @@ EngineClient::Answer EngineSession::call(const std::string& plugin, const std::s
       return client().call(plugin, method, options);
     } catch (const EngineLost&) {
       join();
+      if (isInterrupted()) throw CallInterrupted();
       hasChanged_ = true;
       if (method == "saveVideo") throw;
     }

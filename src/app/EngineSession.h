@@ -37,6 +37,7 @@ class EngineSession : public EngineClient {
  private:
   void join();
   bool tryToJoin();
+  void take(std::unique_ptr<OwnEngine> own, std::unique_ptr<SocketClient> other);
   bool takeInterrupt();
   void detach();
   EngineClient& client();

@@ -52,12 +52,12 @@ class Save {
     for (;;) {
       setId(freshId());
       try {
-        const auto answer = engine_.call("saveVideo", {{"id", id_},
-                                                       {"url", options_.url},
-                                                       {"album", options_.album},
-                                                       {"filename", filename_},
-                                                       {"skipVideoFix", options_.skipVideoFix},
-                                                       {"skipAudioFix", options_.skipAudioFix}});
+        const auto answer = engine_.saveVideo({{"id", id_},
+                                               {"url", options_.url},
+                                               {"album", options_.album},
+                                               {"filename", filename_},
+                                               {"skipVideoFix", options_.skipVideoFix},
+                                               {"skipAudioFix", options_.skipAudioFix}});
         if (!answer.resolved) printFailure(answer.message + " Give an http or https URL.");
         setId(valueAt<int64_t>(answer.data, "id", 0));
         return answer.resolved;

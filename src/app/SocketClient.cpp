@@ -23,23 +23,28 @@ constexpr size_t pieceSize = 64 << 10;
 
 }  // namespace
 
-SocketClient::SocketClient(Descriptor socket)
-    : socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+SocketClient::SocketClient(Path home, Descriptor socket)
+    : home_(std::move(home)), socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!wake_.isOpen()) throw PosixError(errno, "wait for interrupts");
 }
 
-std::unique_ptr<SocketClient> SocketClient::connect(const Path& home, milliseconds patience) {
+std::unique_ptr<SocketClient> SocketClient::connect(const Path& home) {
   auto socket = HomeSocket(home).connect();
   if (!socket) return nullptr;
-  std::unique_ptr<SocketClient> client(new SocketClient(std::move(*socket)));  // NOLINT: the constructor is private
+  // NOLINTNEXTLINE: the constructor is private
+  return std::unique_ptr<SocketClient>(new SocketClient(home, std::move(*socket)));
+}
+
+bool SocketClient::isLetIn(milliseconds patience) {
   try {
-    const auto greeting = client->nextMessage(steady_clock::now() + patience);
-    if (!greeting) return nullptr;
-    if (valueAt<int64_t>(*greeting, "protocol", 0) == HomeSocket::protocol) return client;
+    const auto greeting = nextMessage(steady_clock::now() + patience);
+    if (!greeting) return false;
+    if (valueAt<int64_t>(*greeting, "protocol", 0) == HomeSocket::protocol) return true;
   } catch (const EngineLost&) {
-    return nullptr;
+    return false;
   }
-  throw Error("Engine", -1, "Another version of tarn works in " + home.string() + ": wait for it, or use its commands");
+  throw Error("Engine", -1,
+              "Another version of tarn works in " + home_.string() + ": wait for it, or use its commands");
 }
 
 EngineClient::Answer SocketClient::call(const std::string& plugin, const std::string& method, JSObject options) {

@@ -13,9 +13,12 @@ namespace tarn {
 /// A client of the engine that another process of this user runs in a home, over the home's socket.
 class SocketClient : public EngineClient {
  public:
-  /// Returns nothing when no engine lets this process in within `patience`. Throws Error when the one that listens is
-  /// another user's or another version's.
-  static std::unique_ptr<SocketClient> connect(const Path& home, std::chrono::milliseconds patience);
+  /// Returns nothing when nobody listens. Throws Error when another user does.
+  static std::unique_ptr<SocketClient> connect(const Path& home);
+
+  /// Waits for the engine's first line, ahead of all else; false when it does not come within `patience`, or after an
+  /// interrupt. Throws Error when the engine is another version's.
+  bool isLetIn(std::chrono::milliseconds patience);
 
   using EngineClient::call;
   using EngineClient::nextEvent;
@@ -25,7 +28,7 @@ class SocketClient : public EngineClient {
   bool isInterrupted() const override { return isInterrupted_; }
 
  private:
-  explicit SocketClient(Descriptor socket);
+  SocketClient(Path home, Descriptor socket);
 
   using Deadline = std::optional<std::chrono::steady_clock::time_point>;
   std::optional<std::string> nextLine(const Deadline& deadline);
@@ -34,6 +37,7 @@ class SocketClient : public EngineClient {
   void receive();
   void send(std::string_view text);
 
+  const Path home_;
   const Descriptor socket_;
   const Descriptor wake_;
   std::atomic<bool> isInterrupted_ = false;

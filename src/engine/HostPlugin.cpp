@@ -37,17 +37,16 @@ const std::string& HostPlugin::name() {
 
 const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
   static const std::vector<CAPPluginMethod> methods = {
-      {"getOutcome", "promise"},
-      {"getAsset", "promise"},
-      {"getStoredWork", "promise"},
-      {"takeUpStoredRun", "promise"},
+      {"saveVideo", "promise"},     {"getOutcome", "promise"},      {"getAsset", "promise"},
+      {"getStoredWork", "promise"}, {"takeUpStoredRun", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 4> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 5> handlers{{
+      {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
       {"getStoredWork", &HostPlugin::getStoredWork},
@@ -57,6 +56,10 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
     if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
   }
   return nullptr;
+}
+
+void HostPlugin::saveVideo(const CAPPluginCallPointer& call) {
+  host_.plugin().saveVideoAs(call->getInt("id"), call);
 }
 
 void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {

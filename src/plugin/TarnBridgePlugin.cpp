@@ -84,10 +84,14 @@ Path TarnBridge::getDocumentsDirectory() {
 // --- Commands ---
 
 void TarnBridge::saveVideo(const CAPPluginCallPointer& call) {
+  saveVideoAs(std::nullopt, call);
+}
+
+void TarnBridge::saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call) {
   if (!call->getString("url")) return call->reject("Must provide the data path");
   if (!call->getString("album")) return call->reject("Must provide the album");
   if (!call->getString("filename")) return call->reject("Must provide filename");
-  checkAuthorization([self = shared_from_this(), call] { self->startSaving(call); },
+  checkAuthorization([self = shared_from_this(), id, call] { self->startSaving(id, call); },
                      [call] { call->reject("Access to photos not allowed by user"); });
 }
 
@@ -104,13 +108,13 @@ void TarnBridge::checkAuthorization(const std::function<void()>& allowed, const 
                                         });
 }
 
-void TarnBridge::startSaving(const CAPPluginCallPointer& call) {
+void TarnBridge::startSaving(std::optional<int64_t> id, const CAPPluginCallPointer& call) {
   const DownloadRequest request{.url = *call->getString("url"),
                                 .album = call->getString("album"),
                                 .filename = call->getString("filename"),
                                 .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
                                 .skipAudioFix = call->getBool("skipAudioFix").value_or(false)};
-  const auto task = downloadManager().startDownloadFileBy(request, shared_from_this(), call->getInt("id"));
+  const auto task = downloadManager().startDownloadFileBy(request, shared_from_this(), id);
   if (!task) return call->reject("Invalid download URL.");
   task->update([weak = weak_from_this()](DownloadTask::Snapshot& fields) {
     fields.onDownloadComplete = [weak](const DownloadTaskPointer& download, const std::optional<Path>&) {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,9 @@ class TarnBridge : public CAPPlugin,
 
   Path getDocumentsDirectory();
 
+  /// The command saveVideo, for the host: the download gets `id`, if that is free and above 0. A page chooses none.
+  void saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call);
+
   void appDidEnterBackground() override;
   void appWillEnterForeground() override;
   void appWillTerminate() override;
@@ -64,7 +68,7 @@ class TarnBridge : public CAPPlugin,
   void getDownloadLimit(const CAPPluginCallPointer& call);
 
   void checkAuthorization(const std::function<void()>& allowed, const std::function<void()>& notAllowed);
-  void startSaving(const CAPPluginCallPointer& call);
+  void startSaving(std::optional<int64_t> id, const CAPPluginCallPointer& call);
   void handleDownloadComplete(const DownloadTaskPointer& download);
   void checkAndUpdateDownloadStates();
   bool sendProgress();

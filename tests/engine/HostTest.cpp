@@ -46,6 +46,20 @@ TEST(HostTest, TwelveSavesAtOnceUseThreeSlotsAndAreAllSaved) {
   EXPECT_EQ(leftIn(place.path()), "");
 }
 
+TEST(HostTest, OnlyTheHostChoosesTheIdOfADownload) {
+  TempDirectory place;
+  PosixFileManager files(place.path());
+  Host host(files, {.home = place.path()});
+  InProcessClient client(host);
+  host.start();
+  const auto idOf = [&](const std::string& plugin) {
+    const JSObject options{{"id", 7}, {"url", "http://127.0.0.1:1/a.mp4"}, {"album", "Trips"}, {"filename", "a.mp4"}};
+    return valueAt<int64_t>(client.call(plugin, "saveVideo", options).data, "id", 0);
+  };
+  EXPECT_GT(idOf("TarnBridge"), 1'000'000'000) << "a page gets the time";
+  EXPECT_EQ(idOf("TarnHost"), 7);
+}
+
 /// A disk that fills at each call, spread over three tests.
 class FullDisk : public testing::TestWithParam<uint64_t> {};
 
