@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <span>
 
 #include "presentation/Harms.h"
 #include "presentation/RepairHarms.h"
@@ -42,22 +43,16 @@ struct Movie {
   }
 };
 
-class PresentationChangeTest : public FileTest {
- protected:
-  Presentation read(const Bytes& movie) { return Presentation::read(files_, write(movie)); }
-
-  std::vector<std::string> harms(const Movie& before, const Movie& after, const AnnouncedChange& announced = {},
-                                 SharedBytes shared = std::nullopt) {
-    Presentation old = read(before.bytes());
-    Presentation young = read(after.bytes());
-    change_ = comparePresentations(old, young, shared, announced);
-    return harmsOf(change_, old, young, announced);
-  }
-
-  PresentationChange change_;
-};
-
 using Edit = std::function<void(Movie&)>;
+using List = decltype(SyntheticTrack::edits);
+
+/// Another edit list of the video or the audio.
+Edit videoList(const List& edits) {
+  return [=](Movie& m) { m.video.edits = edits; };
+}
+Edit audioList(const List& edits) {
+  return [=](Movie& m) { m.audio.edits = edits; };
+}
 
 struct HarmCase {
   const char* name;
@@ -68,53 +63,44 @@ struct HarmCase {
 
 void nothing(Movie&) {}
 
+class PresentationChangeTest : public FileTest {
+ protected:
+  Presentation read(const Bytes& movie) { return Presentation::read(files_, write(movie)); }
+
+  std::vector<std::string> harms(const Movie& before, const Movie& after, const AnnouncedChange& announced = {},
+                                 SharedBytes shared = std::nullopt) {
+    Presentation old = read(before.bytes());
+    Presentation young = read(after.bytes());
+    const PresentationChange change = comparePresentations(old, young, shared, announced);
+    return harmsOf(change, old, young, announced);
+  }
+
+  void expectHarms(std::span<const HarmCase> cases, const AnnouncedChange& announced) {
+    for (const HarmCase& c : cases) {
+      Movie before, after;
+      c.before(before);
+      c.after(after);
+      EXPECT_THAT(harms(before, after, announced), testing::ElementsAreArray(c.harms)) << c.name;
+    }
+  }
+};
+
 TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
   const HarmCase cases[] = {
       {"nothing changes", nothing, nothing, {}},
-      {"a list in parts says the same",
-       nothing,
-       [](Movie& m) {
-         m.video.edits = {{100, 80}, {300, 180}};
-       },
-       {}},
-      {"the last edit reaches to the end of the media",
-       nothing,
-       [](Movie& m) {
-         m.audio.edits = {{0, 1000}};
-       },
-       {}},
-      {"the last picture is lost to the list",
-       nothing,
-       [](Movie& m) {
-         m.video.edits = {{360, 80}};
-       },
-       {"1 picture is hidden"}},
-      {"a half of the last picture is lost",
-       nothing,
-       [](Movie& m) {
-         m.video.edits = {{380, 80}};
-       },
-       {"20 ms of the video is hidden"}},
+      {"a list in parts says the same", nothing, videoList({{100, 80}, {300, 180}}), {}},
+      {"the last edit reaches to the end of the media", nothing, audioList({{0, 1000}}), {}},
+      {"the last picture is lost to the list", nothing, videoList({{360, 80}}), {"1 picture is hidden"}},
+      {"a half of the last picture is lost", nothing, videoList({{380, 80}}), {"20 ms of the video is hidden"}},
       {"pictures ahead of the list are shown",
-       [](Movie& m) {
-         m.video.edits = {{240, 240}};
-       },
-       [](Movie& m) {
-         m.video.edits = {{400, 80}};
-       },
+       videoList({{240, 240}}),
+       videoList({{400, 80}}),
        {"4 pictures are shown that were hidden", "the sound comes 160 ms too early against the pictures"}},
       {"late sound",
        nothing,
-       [](Movie& m) {
-         m.audio.edits.insert(m.audio.edits.begin(), {45, -1});
-       },
+       audioList({{45, -1}, {380, 1000}}),
        {"the sound comes 45 ms too late against the pictures"}},
-      {"a millisecond is allowed",
-       nothing,
-       [](Movie& m) {
-         m.audio.edits.insert(m.audio.edits.begin(), {1, -1});
-       },
-       {}},
+      {"a millisecond is allowed", nothing, audioList({{1, -1}, {380, 1000}}), {}},
       {"a tick of the movie is allowed",
        nothing,
        [](Movie& m) {
@@ -131,15 +117,11 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
        },
        {}},
       {"a pause is lost",
-       [](Movie& m) {
-         m.audio.edits = {{200, 1000}, {100, -1}, {180, 11000}};
-       },
+       audioList({{200, 1000}, {100, -1}, {180, 11000}}),
        nothing,
        {"parts of the sound move by up to 100 ms against each other"}},
       {"a track plays once that played twice",
-       [](Movie& m) {
-         m.audio.edits = {{380, 1000}, {380, 1000}};
-       },
+       audioList({{380, 1000}, {380, 1000}}),
        nothing,
        {"380 ms of the sound is hidden"}},
       {"pictures change places",
@@ -154,18 +136,8 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
          m.audio.stts = {{10, 1000}, {10, 1100}};
        },
        {"parts of the sound move by up to 18 ms against each other"}},
-      {"a damaged list counts as none",
-       [](Movie& m) {
-         m.audio.edits = {{400, -2}};
-       },
-       [](Movie& m) { m.audio.edits = {}; },
-       {}},
-      {"a list that becomes damaged",
-       [](Movie& m) { m.audio.edits = {}; },
-       [](Movie& m) {
-         m.audio.edits = {{400, -2}};
-       },
-       {"the edit list of the sound is damaged"}},
+      {"a damaged list counts as none", audioList({{400, -2}}), audioList({}), {}},
+      {"a list that becomes damaged", audioList({}), audioList({{400, -2}}), {"the edit list of the sound is damaged"}},
       {"packets are lost",
        nothing,
        [](Movie& m) { m.audio.samples = 19; },
@@ -191,77 +163,43 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
        },
        {"metadata is lost: moov/udta/name"}},
   };
-  for (const HarmCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    Movie before;
-    Movie after;
-    c.before(before);
-    c.after(after);
-    EXPECT_THAT(harms(before, after), testing::ElementsAreArray(c.harms));
-  }
+  expectHarms(cases, {});
 }
 
 TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
   // At another timescale, in packets of another length, the last one cut.
-  auto remade = [](Movie& m) {
-    m.audio.timescale = 44100;
-    m.audio.stts = {{17, 1024}, {1, 100}};
-    m.audio.samples = 18;
-    m.audio.edits = {{380, 882}};
+  const auto remade = [](const List& edits, uint32_t wholePackets = 17) -> Edit {
+    return [=](Movie& m) {
+      m.audio.timescale = 44100;
+      m.audio.stts = {{wholePackets, 1024}, {1, 100}};
+      m.audio.samples = wholePackets + 1;
+      m.audio.edits = edits;
+    };
   };
+  const List whole = {{380, 882}};
   const HarmCase cases[] = {
-      {"encoded", nothing, remade, {}},
+      {"encoded", nothing, remade(whole), {}},
       {"a gap behind the last packet is not encoded",
        [](Movie& m) {
          m.audio.stts = {{19, 1000}, {1, 30000}};
          m.audio.edits = {{0, 1000}};
        },
-       remade,
+       remade(whole),
        {}},
-      {"2 ms are allowed",
-       nothing,
-       [&](Movie& m) {
-         remade(m);
-         m.audio.edits = {{2, -1}, {380, 882}};
-       },
-       {}},
+      {"2 ms are allowed", nothing, remade({{2, -1}, {380, 882}}), {}},
       {"late by the priming",
        nothing,
-       [&](Movie& m) {
-         remade(m);
-         m.audio.edits = {{380, 0}};
-       },
+       remade({{380, 0}}),
        {"the sound comes 20 ms too late against the pictures", "20 ms of the sound is hidden",
         "20 ms of the sound is played that was not"}},
       {"the pause is lost",
-       [](Movie& m) {
-         m.audio.edits = {{200, 1000}, {100, -1}, {180, 11000}};
-       },
-       remade,
+       audioList({{200, 1000}, {100, -1}, {180, 11000}}),
+       remade(whole),
        {"parts of the sound move by up to 100 ms against each other"}},
-      {"a trim is lost",
-       [](Movie& m) {
-         m.audio.edits = {{200, 1000}};
-       },
-       remade,
-       {"177 ms of the sound is played that was not"}},
-      {"the end is lost",
-       nothing,
-       [&](Movie& m) {
-         remade(m);
-         m.audio.stts = {{14, 1024}, {1, 100}};
-         m.audio.samples = 15;
-       },
-       {"73 ms of the sound is hidden"}},
+      {"a trim is lost", audioList({{200, 1000}}), remade(whole), {"177 ms of the sound is played that was not"}},
+      {"the end is lost", nothing, remade(whole, 14), {"73 ms of the sound is hidden"}},
   };
-  for (const HarmCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    Movie before;
-    Movie after;
-    c.before(before);
-    c.after(after);
-    EXPECT_THAT(harms(before, after, {.remadeTrack = 2}), testing::ElementsAreArray(c.harms));
-  }
+  expectHarms(cases, {.remadeTrack = 2});
 }
 
 TEST_F(PresentationChangeTest, PacketsThatAreCopiedMayLieAPacketOffTheirPlace) {

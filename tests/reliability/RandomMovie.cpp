@@ -237,14 +237,21 @@ class Drawing {
       moov_.children.emplace(moov_.children.begin() + below(moov_.children.size() + 1), unknownBox());
   }
 
+  /// The moov is ahead of the media, behind them or between two parts of them; what stands last may have no size.
   void drawLayout() {
-    const bool isMoovFirst = oneIn(2);
+    const std::string place = pick<std::string>({"first", "last", "between"});
+    const bool isMoovLast = place == "last";
     hasLongOffsets_ = oneIn(3);
-    const auto mdat = pick({Kind::mdat, Kind::longMdat, isMoovFirst ? Kind::openMdat : Kind::mdat});
-    pieces_ = {{Kind::raw, layout_->ftyp}, {Kind::moov}, {mdat}};
-    if (!isMoovFirst) std::swap(pieces_[1], pieces_[2]);
-    for (int i = 0; i < 2; ++i) pieces_.insert(pieces_.begin() + 1 + below(2), {Kind::raw, unknownBox()});
-    tell("moov {}, mdat of kind {}", isMoovFirst ? "first" : "last", static_cast<int>(mdat));
+    const auto chunks = layout_->chunks();
+    const uint64_t begin = place == "between" ? chunks[chunks.size() / 2] : 0;
+    const auto mdat = pick({Kind::mdat, Kind::longMdat, isMoovLast ? Kind::mdat : Kind::openMdat});
+    const auto moov = isMoovLast ? pick({Kind::moov, Kind::openMoov}) : Kind::moov;
+    pieces_ = {{moov}, {mdat, {}, begin}};
+    if (isMoovLast) std::swap(pieces_[0], pieces_[1]);
+    for (int i = 0; i < 2; ++i) pieces_.insert(pieces_.begin() + below(2), {Kind::raw, unknownBox()});
+    if (begin > 0) pieces_.insert(pieces_.begin(), {Kind::mdat, {}, 0, begin});
+    pieces_.insert(pieces_.begin(), {Kind::raw, layout_->ftyp});
+    tell("moov {} of kind {}, mdat of kind {}", place, static_cast<int>(moov), static_cast<int>(mdat));
   }
 
   Bytes laidOut() {

@@ -142,6 +142,10 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const Bytes none = of({slice}), noneAVC = of({avcSlice}), full = of(h.with(slice)), other = of(large.with(slice));
   const Bytes fullAVC = of(a.with(avcSlice)), otherAVC = of(largeAVC.with(avcSlice));
   const std::string same = "same", tag = "tag", lacks = "neither the sample entry nor the sync samples hold";
+  const std::string one = "hvc1 0x0 1/1/1 2/1/1 ", oneAVC = "avc1 0x0 1/1/1 2/1/1 ";
+  const std::string sizes = "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ";
+  const std::string twoAlike = "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ";
+  const std::string twoAlikeAVC = "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ";
   const struct {
     std::string name;
     Units entries, samples;
@@ -154,21 +158,13 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"both, alike", {hvc1(hvcC(h))}, {full, none, full}, same},
       {"both under hev1", {hev1(hvcC(h))}, {full, full}, tag, "111 "},
       {"one kind that hvcC has", {hvc1(hvcC(h))}, {of({h.pps, slice}), none}, same},
-      {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, "hvc1 0x0 1/1/1 2/1/1 ", "112 "},
-      {"hvcC lacks what the samples have",
-       {hev1(hvcC({h.vps}, {h.sps}, {}))},
-       {of({h.pps, slice}), none},
-       "hvc1 0x0 1/1/1 2/1/1 ",
-       "111 "},
+      {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, one, "112 "},
+      {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
       {"nothing anywhere", {hev1({})}, {none, none}, same, "", lacks + " its parameter sets (no VPS, no SPS, no PPS)"},
       {"no samples", {hev1({})}, {}, same, "", lacks + " its parameter sets (no samples)"},
       {"no samples under a whole entry", {hvc1(hvcC(h))}, {}, same},
       {"no VPS", {hvc1(hvcC({}, {h.sps}, {h.pps}))}, {of({h.sps, h.pps, slice})}, same, "", "(no VPS)"},
-      {"a change behind hvcC",
-       {hvc1(hvcC(h))},
-       {none, other, none},
-       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
-       "111 111 "},
+      {"a change behind hvcC", {hvc1(hvcC(h))}, {none, other, none}, sizes, "111 111 "},
       {"a change and back",
        {hvc1(hvcC(h))},
        {none, other, none, full},
@@ -185,16 +181,8 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        "hvc1 192x144 hvc1 256x160 1/1/1 5/1/2 ",
        "111 111 "},
       {"the first samples have none", {hev1({})}, {none, full, none}, "hvc1 0x0 1/1/1 2/1/1 3/1/1 ", "111 "},
-      {"an identifier again",
-       {hvc1(hvcC(h))},
-       {none, of({otherPPS, slice}), none},
-       "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ",
-       "111 111 "},
-      {"a kind that comes with an identifier again",
-       {hev1({})},
-       {of({h.vps, h.sps, slice}), other},
-       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
-       "111 111 "},
+      {"an identifier again", {hvc1(hvcC(h))}, {none, of({otherPPS, slice}), none}, twoAlike, "111 111 "},
+      {"a kind that comes with an identifier again", {hev1({})}, {of({h.vps, h.sps, slice}), other}, sizes, "111 111 "},
       {"a kind that comes with the second change",
        {avc3({})},
        {of({a.sps, avcSlice}), of({largeAVC.sps, avcSlice}), fullAVC},
@@ -204,7 +192,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"an SEI message in hvcC",
        {hev1(withSEI)},
        {full, full},
-       "hvc1 0x0 1/1/1 2/1/1 ",
+       one,
        "111 ",
        "1 SEI message of the old hvcC is not kept"},
       {"two whole entries",
@@ -214,13 +202,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        "111 111 ",
        "",
        {1, 1, 2, 2}},
-      {"one of two entries is empty",
-       {hvc1(hvcC(h)), hev1({})},
-       {none, other},
-       "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ",
-       "111 111 ",
-       "",
-       {1, 2}},
+      {"one of two entries is empty", {hvc1(hvcC(h)), hev1({})}, {none, other}, sizes, "111 111 ", "", {1, 2}},
       {"two codecs", {hvc1(hvcC(h)), avc1(avcC({a.sps}, {a.pps}))}, {none, other}, same, "", "", {1, 2}},
       {"two codecs, one without sets",
        {hev1({}), avc1(avcC({a.sps}, {a.pps}))},
@@ -245,7 +227,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
        {1, 2}},
       {"avcC alone", {avc1(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, same},
       {"avcC alone under avc3", {avc3(avcC({a.sps}, {a.pps}))}, {noneAVC, noneAVC}, tag, "11 "},
-      {"avcC without PPS", {avc3(avcC({a.sps}, {}))}, {fullAVC, noneAVC}, "avc1 0x0 1/1/1 2/1/1 ", "11 "},
+      {"avcC without PPS", {avc3(avcC({a.sps}, {}))}, {fullAVC, noneAVC}, oneAVC, "11 "},
       {"avcC with SPS that cannot be read",
        {avc1(avcC({{0x67, 100, 0}}, {a.pps}))},
        {fullAVC},
@@ -261,7 +243,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"an AVC identifier again",
        {avc1(avcC({a.sps}, {a.pps}))},
        {fullAVC, of({a.sps, avcPPS0, avcSlice}), noneAVC},
-       "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ",
+       twoAlikeAVC,
        "11 11 "},
       {"avcC states another colour", {avc1(avcC({shown.sps}, {shown.pps}))}, {fullAVC, noneAVC, fullAVC}, same},
       {"lengths of two bytes",
@@ -271,7 +253,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"lengths of two bytes that nothing states",
        {avc3({})},
        {sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)},
-       "avc1 0x0 1/1/1 2/1/1 ",
+       oneAVC,
        "11:2 "},
       {"HEVC lengths of two bytes", {hev1({})}, {sampleOf(h.with(slice), 2)}, "hvc1 0x0 1/1/1 ", "111:2 "},
       {"a change under lengths of two bytes",
@@ -282,7 +264,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"one colour after the other",
        {avc1(avcC({shown.sps}, {shown.pps}))},
        {fullAVC, of(shown.with(avcSlice))},
-       "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ",
+       twoAlikeAVC,
        "11 11 "},
       {"a zero behind a set", {avc1(avcC({a.sps}, {a.pps}))}, {of({a.sps, joined({a.pps, Bytes(2)}), avcSlice})}, same},
       {"a prefix ahead", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
@@ -470,6 +452,20 @@ TEST_F(VideoRoad, FindsAMoovFarBehind) {
   RemuxStep().run(run);
   EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "avc1");
   EXPECT_EQ(counting.calls(), 1u) << "the tag is on the disk";
+}
+
+TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnowAndEndsWhereItIsCancelled) {
+  const auto movieWith = [](const Bytes& stsd) { return box("moov", {trackBox("vide", {stsd})}); };
+  for (const Bytes& movie :
+       {Bytes(), movieWith(box("stsd")), movieWith(sampleDescriptionBox({visualSampleEntry("vp09")}))}) {
+    EXPECT_EQ(follow(movie), "");
+    EXPECT_EQ(written(), movie);
+  }
+  RunRecorder recorder;
+  recorder.token->cancel();
+  ProcessingRun cancelled = recorder.runOn(files_, file_);
+  EXPECT_THROW(RemuxStep().run(cancelled), CancellationError);
+  EXPECT_EQ(recorder.stages, "");
 }
 
 /// A file system on which each `moov` that is written loses the duration of its first samples.
