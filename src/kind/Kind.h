@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/FileManager.h"
+
+namespace tarn {
+
+/// What a file is, told from its first bytes and from its boxes.
+struct Kind {
+  enum class What {
+    plainMovie,       ///< its `moov` lists all samples
+    fragmentedMovie,  ///< samples are listed in `moof` boxes (ISO/IEC 14496-12 8.8), maybe beside those of the `moov`
+    lacksMoov,        ///< boxes of a movie whose `moov` is missing or cut off
+    lacksSamples,     ///< a movie of which no track has a sample
+    audio,            ///< a movie whose tracks are sound, or a file of sound alone
+    otherContainer,   ///< WebM, Matroska, AVI, MPEG-TS and their like, by signature
+    picture,
+    webPage,
+    playlist,
+    archive,
+    empty,
+    unknown,
+  };
+
+  What what = What::unknown;
+  std::string words;   ///< what it is, to stand behind "NAME is ": `a web page ("Sign in")`
+  std::string advice;  ///< what to try, to stand behind a colon: "the address needs a login"; empty if there is none
+
+  /// A player could show it: a movie with samples, sound, another container.
+  bool isMedia() const;
+};
+
+/// Looks at a file: its first 64 KiB, and the headers of its boxes. Throws PosixError if it cannot be read.
+Kind kindOf(FileManager& files, const Path& path);
+
+/// Why no player could show a file, in words for people; nothing if one could. Throws PosixError.
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path);
+
+}  // namespace tarn
