@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -39,17 +40,28 @@ class TrackTables {
   void truncate(uint64_t samples);
   /// Lets the last sample last so long. There must be one.
   void setLastDuration(uint32_t ticks);
+  /// Lets `count` samples from `first` on (0-based) belong to the group description `index` of the track's `sgpd` of
+  /// this type (ISO/IEC 14496-12 8.9.2). They lie behind those that were grouped under this type so far.
+  void group(const std::string& type, std::optional<uint32_t> parameter, uint64_t first, uint64_t count,
+             uint32_t index);
 
   uint64_t sampleCount() const;
   /// Sum of the durations, track timescale.
   uint64_t duration() const;
+  /// Of the last sample; 0 without one.
+  uint32_t lastDuration() const;
   /// The number of samples, counted from the first one, that lie whole ahead of `end` in the file.
   uint64_t samplesAheadOf(uint64_t end) const;
 
+  /// Calls with the place and the size in bytes of each chunk, in order.
+  void forEachChunk(const std::function<void(uint64_t offset, uint64_t size)>& visit) const;
+  /// Lets each chunk begin at `place` of where it begins now.
+  void moveChunks(const std::function<uint64_t(uint64_t offset)>& place);
+
   /// Puts `stts`, `ctts`, `stsz`, `stsc`, `stco` or `co64`, `stss`, `sdtp` and `sbgp` boxes into an `stbl`, in the
   /// place of those that are there; a box of a kind that no sample needs goes. A `stz2` stays one if it can. Other
-  /// boxes stay.
-  void writeTo(MovieBox& stbl) const;
+  /// boxes stay. `hasLongOffsets` asks for a `co64`; there is one anyway if an offset does not fit an `stco`.
+  void writeTo(MovieBox& stbl, bool hasLongOffsets = false) const;
 };
 
 }  // namespace tarn
