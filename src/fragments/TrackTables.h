@@ -40,10 +40,10 @@ class TrackTables {
   void truncate(uint64_t samples);
   /// Lets the last sample last so long. There must be one.
   void setLastDuration(uint32_t ticks);
-  /// Lets `count` samples from `first` on (0-based) belong to the group description `index` of the track's `sgpd` of
-  /// this type (ISO/IEC 14496-12 8.9.2). They lie behind those that were grouped under this type so far.
-  void group(const std::string& type, std::optional<uint32_t> parameter, uint64_t first, uint64_t count,
-             uint32_t index);
+  /// Puts the samples from `firstSample` on (0-based), which nobody has grouped yet, into the groups that an `sbgp` of
+  /// a fragment names; `sgpd` is the one of the same kind beside it, in which indexes above 0x10000 count (ISO/IEC
+  /// 14496-12 8.9.4). Both are whole boxes with 8-byte headers. Throws MovieError: damaged.
+  void appendGroups(uint64_t firstSample, ByteView sbgp, std::optional<ByteView> sgpd);
 
   uint64_t sampleCount() const;
   /// Sum of the durations, track timescale.
@@ -52,6 +52,13 @@ class TrackTables {
   uint32_t lastDuration() const;
   /// The number of samples, counted from the first one, that lie whole ahead of `end` in the file.
   uint64_t samplesAheadOf(uint64_t end) const;
+
+  /// What is composed when, by track time.
+  struct Composition {
+    int64_t start = 0;  ///< the smallest composition time
+    int64_t end = 0;    ///< of the sample that ends last, which lasts as long as it is decoded
+  };
+  Composition composition() const;
 
   /// Calls with the place and the size in bytes of each chunk, in order.
   void forEachChunk(const std::function<void(uint64_t offset, uint64_t size)>& visit) const;
