@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -40,35 +39,17 @@ class TrackTables {
   void truncate(uint64_t samples);
   /// Lets the last sample last so long. There must be one.
   void setLastDuration(uint32_t ticks);
-  /// Puts the samples from `firstSample` on (0-based), which nobody has grouped yet, into the groups that an `sbgp` of
-  /// a fragment names; `sgpd` is the one of the same kind beside it, in which indexes above 0x10000 count (ISO/IEC
-  /// 14496-12 8.9.4). Both are whole boxes with 8-byte headers. Throws MovieError: damaged.
-  void appendGroups(uint64_t firstSample, ByteView sbgp, std::optional<ByteView> sgpd);
 
   uint64_t sampleCount() const;
   /// Sum of the durations, track timescale.
   uint64_t duration() const;
-  /// Of the last sample; 0 without one.
-  uint32_t lastDuration() const;
   /// The number of samples, counted from the first one, that lie whole ahead of `end` in the file.
   uint64_t samplesAheadOf(uint64_t end) const;
 
-  /// What is composed when, by track time.
-  struct Composition {
-    int64_t start = 0;  ///< the smallest composition time
-    int64_t end = 0;    ///< of the sample that ends last, which lasts as long as it is decoded
-  };
-  Composition composition() const;
-
-  /// Calls with the place and the size in bytes of each chunk, in order.
-  void forEachChunk(const std::function<void(uint64_t offset, uint64_t size)>& visit) const;
-  /// Lets each chunk begin at `place` of where it begins now.
-  void moveChunks(const std::function<uint64_t(uint64_t offset)>& place);
-
   /// Puts `stts`, `ctts`, `stsz`, `stsc`, `stco` or `co64`, `stss`, `sdtp` and `sbgp` boxes into an `stbl`, in the
   /// place of those that are there; a box of a kind that no sample needs goes. A `stz2` stays one if it can. Other
-  /// boxes stay. `hasLongOffsets` asks for a `co64`; there is one anyway if an offset does not fit an `stco`.
-  void writeTo(MovieBox& stbl, bool hasLongOffsets = false) const;
+  /// boxes stay.
+  void writeTo(MovieBox& stbl) const;
 };
 
 }  // namespace tarn
