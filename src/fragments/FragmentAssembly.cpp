@@ -46,9 +46,9 @@ MovieBox editBox(const std::vector<EditListEntry>& entries) {
   const bool isLong = std::ranges::any_of(entries, [](const EditListEntry& entry) {
     return entry.duration > static_cast<int64_t>(uint32Max) || entry.mediaTime > std::numeric_limits<int32_t>::max();
   });
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text("elst").uint32(static_cast<uint32_t>(layout::versionWord(isLong ? 1 : 0)));
+  Bytes contents;
+  ByteWriter writer(contents);
+  writer.uint32(static_cast<uint32_t>(layout::versionWord(isLong ? 1 : 0)));
   writer.uint32(static_cast<uint32_t>(entries.size()));
   for (const EditListEntry& entry : entries) {
     if (isLong) {
@@ -58,7 +58,7 @@ MovieBox editBox(const std::vector<EditListEntry>& entries) {
     }
     writer.uint32(static_cast<uint32_t>(entry.mediaRate));
   }
-  return MovieBox::of(box);
+  return MovieBox::of("elst", std::move(contents));
 }
 
 /// An `edts` stands behind the `tkhd`.
@@ -66,9 +66,7 @@ void putEdits(MovieBox& trak, const std::vector<EditListEntry>& entries) {
   if (entries.empty()) return trak.removeAll("edts");
   if (!trak.find({"edts"})) {
     const auto header = std::ranges::find(trak.children, "tkhd", &MovieBox::type);
-    Bytes empty;
-    ByteWriter(empty).uint32(0).text("edts");
-    trak.children.insert(header == trak.children.end() ? header : header + 1, MovieBox::of(empty));
+    trak.children.insert(header == trak.children.end() ? header : header + 1, MovieBox::of("edts", {}));
   }
   trak.find({"edts"})->put(editBox(entries));
 }
