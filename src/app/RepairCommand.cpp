@@ -80,7 +80,7 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
     return ExitCode::interrupted;
   }
   if (global.json) {
-    printJSON({{"result", "repaired"},
+    printJSON({{"result", outcome.isPartly ? "partly" : "repaired"},
                {"input", options.input},
                {"path", request.output.string()},
                {"note", result.note ? JSValue(*result.note) : JSValue()},
@@ -90,7 +90,7 @@ int repairCommand(const GlobalOptions& global, const RepairOptions& options) {
     for (const std::string& warning : outcome.leftAlone) printLine("Warning: " + warning);
     printLine(request.output.string());
   }
-  return ExitCode::done;
+  return outcome.isPartly ? ExitCode::partly : ExitCode::done;
 }
 
 }  // namespace tarn
