@@ -35,6 +35,7 @@ function(tarn_room name)
   set_target_properties(tarn_${name} PROPERTIES
     POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   add_dependencies(tarn_${name} floors)
+  set_property(GLOBAL APPEND PROPERTY TARN_ROOMS tarn_${name})
   target_link_libraries(tarn_${name} PUBLIC tarn_options fmt::fmt Threads::Threads)
   foreach(lower IN LISTS ROOM_USES)
     target_link_libraries(tarn_${name} PUBLIC tarn_${lower})
