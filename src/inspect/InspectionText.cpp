@@ -150,6 +150,25 @@ void writeSync(Writer& out, const Inspection& inspection) {
            sync.syncOffsetSeconds < 0 ? "ahead of" : "after");
 }
 
+std::string fragmentsText(const FragmentsForecast& forecast) {
+  using Kind = FragmentsForecast::Kind;
+  switch (forecast.kind) {
+    case Kind::nothing:
+      return "";
+    case Kind::joins:
+      return "makes a plain movie of the fragments";
+    case Kind::keepsPart:
+      return "keeps what is there";
+    case Kind::correctsSize:
+      return "corrects the size of the mdat";
+    case Kind::leavesAlone:
+      return "leaves the movie as it is";
+    case Kind::refuses:
+      return "refuses the file";
+  }
+  return "";
+}
+
 std::string remuxText(const Inspection& inspection) {
   const RemuxForecast& remux = inspection.remux;
   const std::string tag = remux.entries.empty() ? "" : remux.entries.front().tag;
@@ -193,6 +212,10 @@ void writeOrder(Writer& out, const SyncFixOrder& order) {
 
 void writeRepair(Writer& out, const Inspection& inspection) {
   out.heading("Repair");
+  const FragmentsForecast& fragments = inspection.fragments;
+  if (fragments.kind != FragmentsForecast::Kind::nothing) {
+    out.line("the fragments step {}: {}", fragmentsText(fragments), fragments.reason);
+  }
   const RemuxForecast& remux = inspection.remux;
   out.line("the remux step {}: {}", remuxText(inspection), remux.reason);
   if (remux.kind != RemuxForecast::Kind::leavesAlone) writeEntries(out, remux.entries, "  ");
@@ -209,7 +232,7 @@ void writeRepair(Writer& out, const Inspection& inspection) {
     out.line("compared with the file: nothing is hidden, revealed or moved{}",
              inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
   }
-  if (remux.kind == RemuxForecast::Kind::refuses) {
+  if (remux.kind == RemuxForecast::Kind::refuses || fragments.kind == FragmentsForecast::Kind::refuses) {
     out.line("so the repair fails. The file stays as it is.");
   } else {
     out.line("{}",
