@@ -70,7 +70,7 @@ class Finder {
   bool find() {
     movie_.layout = MediaLayout::scan(file_, rules);
     const auto moov = movie_.layout.moov(rules);
-    if (!moov || movie_.layout.first("moof")) return false;
+    if (!moov || movie_.layout.first("moof") || !hasBrokenOff()) return false;
     movie_.place = *moov;
     if (movie_.layout.isCut(*moov)) return requireTracks();
     const Bytes bytes = readMoov(file_, *moov, rules);
@@ -81,6 +81,18 @@ class Finder {
   }
 
  private:
+  /// A file of whole boxes did not break off: if samples lie behind its end, its tables are wrong.
+  bool hasBrokenOff() const {
+    const auto mdat = movie_.layout.last("mdat");
+    return !mdat || movie_.layout.isMdatCut() || movie_.layout.end < movie_.layout.fileSize || hasOpenSize(*mdat);
+  }
+
+  /// A size field of 0: the box ends with the file.
+  bool hasOpenSize(const BoxHeader& box) const {
+    file_.seek(box.offset);
+    return readUInt32(file_.read(sizeof(uint32_t)), 0) == 0u;
+  }
+
   /// A `moov` that is cut off behind its tracks serves as it is.
   bool requireTracks() const {
     const MovieBox moov = MovieBox::parse(readMoov(file_, movie_.place, edit::syncing), edit::syncing);

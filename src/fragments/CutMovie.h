@@ -22,9 +22,9 @@ struct CutMovie {
   std::optional<LostEnd> loss;
 };
 
-/// Looks for samples that end behind the end of a file, and for an `mdat` that does. Of a healthy movie no more is read
-/// than its top-level boxes and its `moov`. Returns nothing for one, for a movie in fragments, and for tables that are
-/// damaged in another way: samples behind the end with others behind them in the file. Throws FragmentsError for a
+/// Looks for samples that end behind the end of a file whose last box is cut, and for an `mdat` that is. Of a healthy
+/// movie no more than its top-level boxes is read. Returns nothing for one, for a movie in fragments, for tables that
+/// cannot be read, and for samples behind the end with others behind them in the file. Throws FragmentsError for a
 /// movie of which nothing is left, or whose `moov` is cut off within its tracks; PosixError.
 std::optional<CutMovie> findCut(FileHandle& file);
 

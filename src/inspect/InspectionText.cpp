@@ -225,11 +225,13 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
   if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
   for (const std::string& warning : inspection.warnings) {
-    if (std::ranges::find(remux.losses, warning) == remux.losses.end()) out.line("warning: {}", warning);
+    const bool isTold = std::ranges::find(remux.losses, warning) != remux.losses.end() || warning == fragments.reason;
+    if (!isTold) out.line("warning: {}", warning);
   }
   for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file is kept: {}", harm);
   if (inspection.changesFile && inspection.isComparable) {
-    out.line("compared with the file: nothing is hidden, revealed or moved{}",
+    const bool isPart = fragments.kind == FragmentsForecast::Kind::keepsPart;
+    out.line("compared with {}: nothing is hidden, revealed or moved{}", isPart ? "what is there" : "the file",
              inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
   }
   if (remux.kind == RemuxForecast::Kind::refuses || fragments.kind == FragmentsForecast::Kind::refuses) {
