@@ -1,9 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "movie/EditRules.h"
@@ -42,6 +45,19 @@ struct MovieBox {
   /// Puts a child in the place of the first one of its type, or behind the last child.
   void put(MovieBox child);
   void removeAll(std::string_view childType);
+  /// Puts a child, if there is one, in the place of the first one that `isOld` names, or behind the last child; the
+  /// other old ones go.
+  template <typename IsOld>
+  void replaceAll(IsOld isOld, std::optional<MovieBox> child) {
+    const auto old = std::ranges::find_if(children, isOld);
+    if (child && old == children.end()) {
+      children.push_back(std::move(*child));
+    } else if (old != children.end()) {
+      const auto rest = child ? old + 1 : old;
+      if (child) *old = std::move(*child);
+      children.erase(std::remove_if(rest, children.end(), isOld), children.end());
+    }
+  }
 
   uint64_t size() const { return head.size() + contentSize(); }
 

@@ -1,0 +1,204 @@
+#include "fragments/detail/FragmentTrack.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+
+#include "fragments/FragmentsError.h"
+#include "movie/MovieError.h"
+#include "movie/TrackFields.h"
+#include "mp4/BoxWalker.h"
+#include "mp4/EditTimeline.h"
+#include "mp4/TableRows.h"
+
+namespace tarn {
+namespace {
+
+MovieError damaged(const std::string& words) {
+  return {MovieError::Case::damaged, words};
+}
+
+constexpr std::string_view encryptedEntries[] = {"encv", "enca", "enct", "encs"};
+/// Kinds of groups (ISO/IEC 14496-12 10) whose descriptions mean the same in a plain movie.
+constexpr std::string_view knownGroups[] = {"roll", "prol", "rap ", "sync", "tele", "sap "};
+
+std::string_view groupingTypeOf(ByteView box) {
+  const layout::Field& field = layout::groupingType;
+  if (box.size() < field.end()) throw damaged("a box of sample groups ends ahead of its fields");
+  return textOf(box.subspan(field.offset, field.width));
+}
+
+uint32_t lastDurationOf(const TrackTables& tables) {
+  if (tables.sampleCount() == 0) return 0;
+  return static_cast<uint32_t>(tables.duration() - tables.decodeTime(tables.sampleCount() - 1));
+}
+
+}  // namespace
+
+Composition compositionOf(const TrackTables& tables) {
+  if (tables.sampleCount() == 0) return {};
+  if (!tables.isReordered()) {
+    const int64_t shift = tables.compositionShift();
+    return {shift, shift + static_cast<int64_t>(tables.duration())};
+  }
+  const std::vector<int64_t> times = tables.compositionTimes();
+  const auto [first, last] = std::ranges::minmax_element(times);
+  const auto sample = static_cast<uint64_t>(last - times.begin());
+  return {*first, *last + static_cast<int64_t>(tables.decodeTime(sample + 1) - tables.decodeTime(sample))};
+}
+
+FragmentTrack::FragmentTrack(const MovieBox& trak) {
+  const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
+  trackID_ = static_cast<uint32_t>(trackIDField.load(trak.find({"tkhd"})).value_or(0));
+  timescale_ = static_cast<uint32_t>(headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0));
+  if (!stbl || trackID_ == 0 || timescale_ == 0) throw damaged("a track has no number, timescale or sample table");
+  readDescriptions(*stbl);
+  tables_ = TrackTables::read(*stbl);
+  samplesInMoov_ = tables_.sampleCount();
+  compositionInMoov_ = compositionOf(tables_);
+  duration_ = tables_.duration();
+  lastDuration_ = lastDurationOf(tables_);
+  readSyncs(*stbl);
+}
+
+void FragmentTrack::readDescriptions(const MovieBox& stbl) {
+  const MovieBox* box = stbl.find({"stsd"});
+  if (!box) throw damaged("a track has no stsd");
+  stsd_ = box->plainBytes();
+  BufferBoxWalker entries(stsd_, layout::tableHeaderSize, stsd_.size(), boxwalk::tableChildren);
+  while (const auto entry = entries.next()) {
+    ++descriptions_;
+    if (std::ranges::find(encryptedEntries, entry->type) == std::end(encryptedEntries)) continue;
+    throw FragmentsError(
+        fmt::format("The movie is encrypted ({}); only a copy without encryption can be repaired", entry->type));
+  }
+}
+
+void FragmentTrack::readSyncs(const MovieBox& stbl) {
+  const MovieBox* box = stbl.find({"stss"});
+  syncs_.append(box == nullptr, samplesInMoov_);
+  if (!box) return;
+  const Bytes stss = box->plainBytes();
+  const TableRows rows(stss, layout::syncRowSize);
+  syncs_.truncate(0);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const uint32_t number = layout::load32(rows.row(i), layout::syncSampleNumber);
+    if (number <= syncs_.size() || number > samplesInMoov_) continue;
+    syncs_.append(false, number - 1 - syncs_.size());
+    syncs_.append(true);
+  }
+  syncs_.append(false, samplesInMoov_ - syncs_.size());
+}
+
+void FragmentTrack::continueAt(uint64_t time, bool isSync) {
+  if (time > MediaEdit::latestTime)
+    throw FragmentsError(fmt::format("Track {} begins at an impossible time", trackID_));
+  const auto wanted = static_cast<int64_t>(time);
+  if (tables_.sampleCount() == 0) {
+    start_ = wanted;
+  } else if (wanted > end()) {
+    stretch(static_cast<uint64_t>(wanted - end()));
+  } else if (wanted < end()) {
+    goBack(wanted, isSync);
+  }
+}
+
+void FragmentTrack::setLastDuration(uint64_t ticks) {
+  if (ticks > std::numeric_limits<uint32_t>::max()) {
+    throw FragmentsError(fmt::format("Track {} has a gap of {:.0f} s, which no sample table can say", trackID_,
+                                     seconds(ticks - lastDuration_)));
+  }
+  duration_ += ticks - lastDuration_;
+  lastDuration_ = static_cast<uint32_t>(ticks);
+  tables_.setLastDuration(lastDuration_);
+}
+
+void FragmentTrack::stretch(uint64_t gap) {
+  if (end() < furthest_ && gap > lastDuration_) finish();
+  setLastDuration(lastDuration_ + gap);
+  ++gaps_;
+  gapTicks_ += gap;
+}
+
+void FragmentTrack::goBack(int64_t time, bool isSync) {
+  const auto behind = static_cast<uint64_t>(end() - time);
+  if (behind < lastDuration_) return setLastDuration(lastDuration_ - behind);
+  if (!isSync) {
+    throw FragmentsError(fmt::format("The time of track {} goes back by {:.3f} s, to a sample that needs others",
+                                     trackID_, seconds(behind)));
+  }
+  furthest_ = std::max(furthest_, end());
+  const uint64_t kept = time > start_ ? tables_.samplesDecodedAhead(static_cast<uint64_t>(time - start_)) : 0;
+  replaced_ += tables_.sampleCount() - kept;
+  truncate(kept);
+  if (kept == 0) {
+    start_ = time;
+  } else {
+    setLastDuration(lastDuration_ - static_cast<uint64_t>(end() - time));
+  }
+}
+
+void FragmentTrack::finish() const {
+  if (end() + lastDuration_ >= furthest_) return;
+  throw FragmentsError(fmt::format("The time of track {} goes back by {:.3f} s, to samples that do not go on as long",
+                                   trackID_, seconds(static_cast<uint64_t>(furthest_ - end()))));
+}
+
+void FragmentTrack::append(const TrackSample& sample) {
+  if (sample.description == 0 || sample.description > descriptions_) {
+    throw FragmentsError(
+        fmt::format("A sample of track {} needs sample entry {} of {}", trackID_, sample.description, descriptions_));
+  }
+  if (sample.duration > MediaEdit::latestTime - end()) {
+    throw FragmentsError(fmt::format("Track {} reaches an impossible time", trackID_));
+  }
+  tables_.append(sample);
+  syncs_.append(sample.isSync);
+  duration_ += sample.duration;
+  lastDuration_ = sample.duration;
+}
+
+void FragmentTrack::truncate(uint64_t samples) {
+  tables_.truncate(samples);
+  syncs_.truncate(samples);
+  duration_ = tables_.duration();
+  lastDuration_ = lastDurationOf(tables_);
+  samplesInMoov_ = std::min(samplesInMoov_, samples);
+}
+
+void FragmentTrack::appendGroups(uint64_t first, const TrackFragment& fragment) {
+  for (const ByteView sbgp : fragment.sampleGroups) {
+    const std::string_view type = groupingTypeOf(sbgp);
+    if (type == "seig") throw FragmentsError("The movie is encrypted (its samples are in groups of the kind seig)");
+    if (std::ranges::find(knownGroups, type) == std::end(knownGroups)) {
+      if (unknownGroups_.find(type) == std::string::npos)
+        unknownGroups_ += fmt::format("{}'{}'", unknownGroups_.empty() ? "" : ", ", type);
+      continue;
+    }
+    const auto isOfType = [&](ByteView sgpd) { return groupingTypeOf(sgpd) == type; };
+    const auto found = std::ranges::find_if(fragment.groupDescriptions, isOfType);
+    const bool isThere = found != fragment.groupDescriptions.end();
+    tables_.appendGroups(first, sbgp, isThere ? std::optional(*found) : std::nullopt);
+  }
+}
+
+std::vector<std::string> FragmentTrack::notes() const {
+  std::vector<std::string> notes;
+  if (gaps_ > 0) {
+    notes.push_back(fmt::format("Track {} has {} gap{} of {:.3f} s in all between its fragments", trackID_, gaps_,
+                                gaps_ == 1 ? "" : "s", seconds(gapTicks_)));
+  }
+  if (replaced_ > 0) {
+    notes.push_back(fmt::format("{} sample{} of track {} {} there twice; the later {}", replaced_,
+                                replaced_ == 1 ? "" : "s", trackID_, replaced_ == 1 ? "is" : "are",
+                                replaced_ == 1 ? "one counts" : "ones count"));
+  }
+  if (!unknownGroups_.empty()) {
+    notes.push_back(fmt::format("Sample groups of track {} of the kind {} are left out", trackID_, unknownGroups_));
+  }
+  return notes;
+}
+
+}  // namespace tarn

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fragments/Runs.h"
+#include "fragments/TrackTables.h"
+#include "fragments/detail/FragmentBoxes.h"
+#include "movie/MovieTree.h"
+
+namespace tarn {
+
+/// When the samples of some tables are composed, track timescale; the first one is decoded at 0.
+struct Composition {
+  int64_t start = 0;
+  int64_t end = 0;  ///< of the sample composed last, which lasts as long as it is decoded
+};
+Composition compositionOf(const TrackTables& tables);
+
+/// A track of a movie in fragments while its samples are gathered: those of the `moov` first, then those of each
+/// fragment at the time that it states.
+class FragmentTrack {
+ public:
+  /// Throws MovieError: damaged, for a track that cannot be read; FragmentsError for an encrypted one.
+  explicit FragmentTrack(const MovieBox& trak);
+
+  uint32_t trackID() const { return trackID_; }
+  uint32_t timescale() const { return timescale_; }
+  /// Entries of the `stsd`.
+  uint32_t descriptions() const { return descriptions_; }
+  /// The whole `stsd`.
+  const Bytes& stsd() const { return stsd_; }
+
+  SampleDefaults defaults;  ///< of its `trex`
+  uint64_t missing = 0;     ///< samples behind the last one that lie behind the end of the file
+
+  /// The next sample is decoded at this time (ISO/IEC 14496-12 8.8.12). Stretches or shortens the sample ahead of it.
+  /// A run that goes back and begins with a sync sample replaces what it comes to lie on. Throws FragmentsError where
+  /// that cannot be.
+  void continueAt(uint64_t time, bool isSync);
+  /// Throws FragmentsError for a description that the `stsd` does not have.
+  void append(const TrackSample& sample);
+  /// Puts the samples from `first` on into the groups of a fragment.
+  void appendGroups(uint64_t first, const TrackFragment& fragment);
+  /// Forgets all but the first so many samples.
+  void truncate(uint64_t samples);
+  /// There is no further sample. Throws FragmentsError if a run went back that does not reach as far as what it
+  /// replaced.
+  void finish() const;
+
+  TrackTables& tables() { return tables_; }
+  const TrackTables& tables() const { return tables_; }
+  uint64_t samplesInMoov() const { return samplesInMoov_; }
+  /// What the samples of the `moov` alone compose.
+  const Composition& compositionInMoov() const { return compositionInMoov_; }
+
+  /// When the first sample is decoded, by the fragments' times; the tables begin at 0.
+  int64_t start() const { return start_; }
+  /// The samples as they were appended, independent of the tables.
+  const Runs<bool>& syncs() const { return syncs_; }
+  uint64_t duration() const { return duration_; }
+
+  /// What is told of the track, in words for people.
+  std::vector<std::string> notes() const;
+
+ private:
+  void readDescriptions(const MovieBox& stbl);
+  void readSyncs(const MovieBox& stbl);
+  int64_t end() const { return start_ + static_cast<int64_t>(duration_); }
+  void setLastDuration(uint64_t ticks);
+  void stretch(uint64_t gap);
+  void goBack(int64_t time, bool isSync);
+  double seconds(uint64_t ticks) const { return static_cast<double>(ticks) / timescale_; }
+
+  uint32_t trackID_ = 0;
+  uint32_t timescale_ = 0;
+  uint32_t descriptions_ = 0;
+  Bytes stsd_;
+  TrackTables tables_;
+  uint64_t samplesInMoov_ = 0;
+  Composition compositionInMoov_;
+  int64_t start_ = 0;
+  Runs<bool> syncs_;
+  uint64_t duration_ = 0;
+  uint32_t lastDuration_ = 0;
+
+  int64_t furthest_ = 0;  ///< how far the samples reached that a later run has replaced
+  uint64_t gaps_ = 0;
+  uint64_t gapTicks_ = 0;
+  uint64_t replaced_ = 0;
+  std::string unknownGroups_;  ///< types, with commas
+};
+
+}  // namespace tarn
