@@ -29,7 +29,7 @@ bool codecNeedsRemuxing(FileManager& files, const Path& path) {
 }
 
 /// False too if the file cannot be read: the steps will say so.
-bool mustStayAsItIs(FileManager& files, const Path& path) {
+bool isInFragments(FileManager& files, const Path& path) {
   try {
     return isFragmented(files, path);
   } catch (const PosixError& error) {
@@ -42,22 +42,35 @@ bool mustStayAsItIs(FileManager& files, const Path& path) {
 
 ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t id, const Path& path,
                                 const DownloadRequest& request) {
+  const bool skipsSound = request.skipVideoFix || request.skipAudioFix;
   ProcessingState state{.downloadId = id,
                         .filename = request.filename.value_or(path.filename().string()),
                         .album = request.album,
                         .fileURL = path,
-                        .lastUpdated = clock.now()};
-  if (mustStayAsItIs(files, path)) {
-    logLine("Fragmented movie detected - it is kept as it came");
-    state.skipAVSync = true;
-    return state;
+                        .lastUpdated = clock.now(),
+                        .needsRemuxing = !request.skipVideoFix,
+                        .needsAudioTranscode = !skipsSound,
+                        .skipAVSync = skipsSound};
+  if (state.needsRemuxing && isInFragments(files, path)) {
+    logLine("Fragmented movie detected - it becomes a plain one first");
+  } else {
+    deriveFlags(files, state);
   }
-  state.needsRemuxing = codecNeedsRemuxing(files, path) && !request.skipVideoFix;
   log("needsRemuxing = {}", state.needsRemuxing);
-  const bool skipsSound = request.skipVideoFix || request.skipAudioFix;
-  state.needsAudioTranscode = !skipsSound && !AVAsset(files, path).tracks(AVMediaType::audio).empty();
-  state.skipAVSync = skipsSound;
   return state;
+}
+
+void deriveFlags(FileManager& files, ProcessingState& record) {
+  const Path& path = record.fileURL;
+  if (isInFragments(files, path)) {
+    logLine("The movie is in fragments - it is kept as it came");
+    record.needsRemuxing = false;
+    record.needsAudioTranscode = false;
+    record.skipAVSync = true;
+    return;
+  }
+  record.needsRemuxing = codecNeedsRemuxing(files, path) && record.needsRemuxing;
+  record.needsAudioTranscode = record.needsAudioTranscode && !AVAsset(files, path).tracks(AVMediaType::audio).empty();
 }
 
 }  // namespace tarn

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "audio/AudioStep.h"
+#include "download/FirstRecord.h"
+#include "fragments/FragmentsStep.h"
 #include "pipeline/ProcessingStep.h"
 #include "remux/RemuxStep.h"
 #include "sync/SyncStep.h"
@@ -12,10 +14,16 @@ class RepairSteps {
  public:
   /// Both must outlive the steps' use.
   ProcessingSteps withLast(ProcessingStep& last) {
-    return {.remux = &remux_, .audio = &audio_, .sync = &sync_, .last = &last};
+    return {.fragments = &fragments_,
+            .remux = &remux_,
+            .audio = &audio_,
+            .sync = &sync_,
+            .last = &last,
+            .deriveFlags = deriveFlags};
   }
 
  private:
+  FragmentsStep fragments_;
   RemuxStep remux_;
   AudioStep audio_;
   SyncStep sync_;

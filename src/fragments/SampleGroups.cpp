@@ -67,14 +67,14 @@ SampleGroups::Descriptions SampleGroups::readDescriptions(ByteView sgpd) {
 }
 
 MovieBox SampleGroups::assignmentBox(const Kind& kind, const Runs<uint32_t>& groups) {
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text("sbgp").uint32(static_cast<uint32_t>(layout::versionWord(kind.parameter ? 1 : 0)));
+  Bytes contents;
+  ByteWriter writer(contents);
+  writer.uint32(static_cast<uint32_t>(layout::versionWord(kind.parameter ? 1 : 0)));
   writer.uint32(kind.type);
   if (kind.parameter) writer.uint32(*kind.parameter);
   writer.uint32(static_cast<uint32_t>(groups.runCount()));
   for (const auto& run : groups) writer.uint32(run.count).uint32(run.value);
-  return MovieBox::of(box);
+  return MovieBox::of("sbgp", std::move(contents));
 }
 
 MovieBox SampleGroups::Descriptions::box(uint32_t type) const {
@@ -83,9 +83,9 @@ MovieBox SampleGroups::Descriptions::box(uint32_t type) const {
       length > 0 && std::ranges::all_of(entries, [&](const Bytes& entry) { return entry.size() == length; });
   // Version 0 has no place for lengths.
   const uint8_t written = std::max<uint8_t>(version, 1);
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text("sgpd").uint32(static_cast<uint32_t>(layout::versionWord(written))).uint32(type);
+  Bytes contents;
+  ByteWriter writer(contents);
+  writer.uint32(static_cast<uint32_t>(layout::versionWord(written))).uint32(type);
   writer.uint32(haveOneLength ? length : 0);
   if (written > 1) writer.uint32(defaultIndex);
   writer.uint32(static_cast<uint32_t>(entries.size()));
@@ -93,7 +93,7 @@ MovieBox SampleGroups::Descriptions::box(uint32_t type) const {
     if (!haveOneLength) writer.uint32(static_cast<uint32_t>(entry.size()));
     writer.bytes(entry);
   }
-  return MovieBox::of(box);
+  return MovieBox::of("sgpd", std::move(contents));
 }
 
 uint32_t SampleGroups::trackIndex(uint32_t type, const Bytes& entry) {

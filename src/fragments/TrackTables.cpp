@@ -22,6 +22,8 @@ using Case = MovieError::Case;
 constexpr uint64_t mostSamples = std::numeric_limits<uint32_t>::max();
 /// A list with an element for each sample has at most so many: 77 hours of 60 pictures a second.
 constexpr uint64_t mostListedSamples = 1 << 24;
+/// Times beyond it are no times: sums of them must not overflow.
+constexpr uint64_t latestTime = uint64_t{1} << 60;
 
 MovieError damaged(const std::string& words) {
   return {Case::damaged, words};
@@ -82,42 +84,39 @@ Runs<T> readRuns(const Table& table, uint64_t samples) {
 }
 
 template <typename T>
-Bytes runBox(std::string_view type, uint8_t version, const Runs<T>& runs) {
-  Bytes box;
-  box.reserve(layout::tableHeaderSize + runs.runCount() * layout::runRowSize);
-  ByteWriter writer(box);
-  writer.uint32(0).text(type).uint32(static_cast<uint32_t>(layout::versionWord(version)));
+MovieBox runBox(std::string_view type, uint8_t version, const Runs<T>& runs) {
+  Bytes contents;
+  contents.reserve(layout::tableHeaderSize + runs.runCount() * layout::runRowSize);
+  ByteWriter writer(contents);
+  writer.uint32(static_cast<uint32_t>(layout::versionWord(version)));
   writer.uint32(static_cast<uint32_t>(runs.runCount()));
   for (const auto& run : runs) writer.uint32(run.count).uint32(static_cast<uint32_t>(run.value));
-  return box;
+  return MovieBox::of(type, std::move(contents));
 }
 
-Bytes stssBox(const Runs<bool>& syncs) {
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text("stss").uint32(0).uint32(0);
+MovieBox stssBox(const Runs<bool>& syncs) {
+  Bytes numbers;
+  ByteWriter writer(numbers);
   uint64_t number = 1;
   for (const auto& run : syncs) {
     for (uint64_t i = 0; run.value && i < run.count; ++i) writer.uint32(static_cast<uint32_t>(number + i));
     number += run.count;
   }
-  const size_t syncCount = (box.size() - layout::tableHeaderSize) / layout::syncRowSize;
-  layout::store(box.data(), layout::entryCount, syncCount);
-  return box;
+  Bytes contents;
+  ByteWriter(contents).uint32(0).uint32(static_cast<uint32_t>(numbers.size() / layout::syncRowSize)).bytes(numbers);
+  return MovieBox::of("stss", std::move(contents));
 }
 
-Bytes sdtpBox(const Runs<uint8_t>& dependencies) {
-  Bytes box;
-  ByteWriter(box).uint32(0).text("sdtp").uint32(0);
-  box.reserve(box.size() + dependencies.size());
-  for (const auto& run : dependencies) box.insert(box.end(), run.count, run.value);
-  return box;
+MovieBox sdtpBox(const Runs<uint8_t>& dependencies) {
+  Bytes contents;
+  ByteWriter(contents).uint32(0);
+  for (const auto& run : dependencies) contents.insert(contents.end(), run.count, run.value);
+  return MovieBox::of("sdtp", std::move(contents));
 }
 
-/// Puts a box in the place of those of either type, or removes them for no bytes.
-void place(MovieBox& stbl, std::string_view type, std::string_view otherType, const Bytes& box) {
-  const auto isOld = [&](const MovieBox& old) { return old.type == type || old.type == otherType; };
-  stbl.replaceAll(isOld, box.empty() ? std::nullopt : std::optional(MovieBox::of(box)));
+/// Puts a box in the place of those of either type, or removes them.
+void place(MovieBox& stbl, std::string_view type, std::string_view otherType, std::optional<MovieBox> box) {
+  stbl.replaceAll([&](const MovieBox& old) { return old.type == type || old.type == otherType; }, std::move(box));
 }
 
 bool isOtherThanZero(const auto& run) {
@@ -204,6 +203,7 @@ void TrackTables::readTimes(const MovieBox& stbl) {
     offsets_ = readRuns<int32_t>(table, samples);
   }
   offsets_.resize(samples, 0);
+  if (duration() > latestTime) throw damaged("The durations of an stts add up to an impossible time");
 }
 
 void TrackTables::readFlags(const MovieBox& stbl) {
@@ -429,16 +429,16 @@ uint64_t TrackTables::endOfLastChunk() const {
   return end;
 }
 
-Bytes TrackTables::sizeBox() const {
+MovieBox TrackTables::sizeBox() const {
   const bool haveOneSize = sizes_.runCount() == 1 && sizes_.last() > 0;
   const bool fit = std::ranges::all_of(sizes_, [&](const auto& run) { return run.value >> compactBits_ == 0; });
   const bool isCompact = compactBits_ > 0 && fit;
   const auto count = static_cast<uint32_t>(sizes_.size());
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text(isCompact ? "stz2" : "stsz").uint32(0);
-  writer.uint32(isCompact ? compactBits_ : haveOneSize ? sizes_.last() : 0).uint32(count);
-  if (!isCompact && haveOneSize) return box;
+  const std::string_view type = isCompact ? "stz2" : "stsz";
+  Bytes contents;
+  ByteWriter writer(contents);
+  writer.uint32(0).uint32(isCompact ? compactBits_ : haveOneSize ? sizes_.last() : 0).uint32(count);
+  if (!isCompact && haveOneSize) return MovieBox::of(type, std::move(contents));
   bool isLowHalf = false;
   for (const auto& run : sizes_) {
     for (uint32_t i = 0; i < run.count; ++i, isLowHalf = !isLowHalf) {
@@ -449,13 +449,13 @@ Bytes TrackTables::sizeBox() const {
       } else if (compactBits_ == 8) {
         writer.uint8(static_cast<uint8_t>(run.value));
       } else if (isLowHalf) {
-        box.back() = static_cast<uint8_t>(box.back() | run.value);
+        contents.back() = static_cast<uint8_t>(contents.back() | run.value);
       } else {
         writer.uint8(static_cast<uint8_t>(run.value << 4));
       }
     }
   }
-  return box;
+  return MovieBox::of(type, std::move(contents));
 }
 
 void TrackTables::writeTo(MovieBox& stbl, bool hasLongOffsets) const {
@@ -471,13 +471,16 @@ void TrackTables::writeTo(MovieBox& stbl, bool hasLongOffsets) const {
   const bool isShifted = std::ranges::any_of(offsets_, isOtherThanZero<Runs<int32_t>::Run>);
   const bool hasUnsynced = std::ranges::any_of(syncs_, [](const auto& run) { return !run.value; });
   const bool haveDependencies = std::ranges::any_of(dependencies_, isOtherThanZero<Runs<uint8_t>::Run>);
+  const auto placeIf = [&](bool isNeeded, std::string_view type, const std::function<MovieBox()>& make) {
+    place(stbl, type, type, isNeeded ? std::optional(make()) : std::nullopt);
+  };
   place(stbl, "stts", "stts", runBox("stts", 0, durations_));
-  place(stbl, "ctts", "ctts", isShifted ? runBox("ctts", offsetVersion_, offsets_) : Bytes());
-  place(stbl, "stss", "stss", hasUnsynced ? stssBox(syncs_) : Bytes());
-  place(stbl, "sdtp", "sdtp", haveDependencies ? sdtpBox(dependencies_) : Bytes());
-  place(stbl, "stsc", "stsc", buildStscBox(entries));
+  placeIf(isShifted, "ctts", [&] { return runBox("ctts", offsetVersion_, offsets_); });
+  placeIf(hasUnsynced, "stss", [&] { return stssBox(syncs_); });
+  placeIf(haveDependencies, "sdtp", [&] { return sdtpBox(dependencies_); });
+  place(stbl, "stsc", "stsc", MovieBox::of(buildStscBox(entries)));
   place(stbl, "stsz", "stz2", sizeBox());
-  place(stbl, "stco", "co64", buildChunkOffsetBox(places, isLong));
+  place(stbl, "stco", "co64", MovieBox::of(buildChunkOffsetBox(places, isLong)));
   groups_.writeTo(stbl);
 }
 

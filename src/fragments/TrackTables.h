@@ -97,7 +97,7 @@ class TrackTables {
   void readSizes(const MovieBox& stbl);
   void readChunks(const MovieBox& stbl);
   void readFlags(const MovieBox& stbl);
-  Bytes sizeBox() const;
+  MovieBox sizeBox() const;
   /// Calls `visit(chunk, offset, size, samples)` with samples of one size in a row, until it returns false.
   template <typename Visit>
   void visitSamples(Visit visit) const;

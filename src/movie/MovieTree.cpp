@@ -111,6 +111,12 @@ MovieBox MovieBox::of(ByteView box) {
           .contents = {contents.begin(), contents.end()}};
 }
 
+MovieBox MovieBox::of(std::string_view type, Bytes contents) {
+  MovieBox box{.type = std::string(type), .head = {}, .contents = std::move(contents)};
+  ByteWriter(box.head).uint32(layout::boxHeaderSize).text(type);
+  return box;
+}
+
 const MovieBox* MovieBox::find(std::initializer_list<std::string_view> path) const {
   const MovieBox* box = this;
   for (std::string_view step : path) {

@@ -37,6 +37,8 @@ struct MovieBox {
 
   /// A whole box with an 8-byte header, not taken apart. Throws MovieError: damaged for fewer bytes.
   static MovieBox of(ByteView box);
+  /// The same of these contents.
+  static MovieBox of(std::string_view type, Bytes contents);
 
   /// The first child at the end of this path; null where there is none.
   const MovieBox* find(std::initializer_list<std::string_view> path) const;

@@ -100,6 +100,12 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
 void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, ProcessingStage startStage) {
   // A step that is not built in is passed over.
   const auto isDue = [&](const ProcessingStep* step) { return step && startStage <= step->gateStage(); };
+  if (run.state.needsRemuxing && isDue(steps_.fragments)) {
+    steps_.fragments->run(run);
+    // Also if the step has done nothing: a run that was cut off behind it has not stored the flags.
+    if (steps_.deriveFlags) steps_.deriveFlags(run.files, run.state);
+    run.saveState();
+  }
   if (run.state.needsRemuxing && isDue(steps_.remux)) {
     steps_.remux->run(run);
   } else {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "pipeline/ProcessingRun.h"
 
 namespace tarn {
@@ -20,10 +22,15 @@ class ProcessingStep {
 /// The steps of the pipeline in their order. A step that is null is not built in: its gate is passed over. The last
 /// step brings the result to its place; it always runs, and sets the outcome of the run.
 struct ProcessingSteps {
+  /// Makes another kind of file of one that the other steps cannot work on. The record of such a file asks for all of
+  /// them without a look at what it holds.
+  ProcessingStep* fragments = nullptr;
   ProcessingStep* remux = nullptr;
   ProcessingStep* audio = nullptr;
   ProcessingStep* sync = nullptr;
   ProcessingStep* last = nullptr;
+  /// Called behind the `fragments` step: looks at the file and turns off what of the record it does not need.
+  std::function<void(FileManager& files, ProcessingState& record)> deriveFlags = {};
 };
 
 }  // namespace tarn

@@ -128,9 +128,9 @@ TEST_F(MeantimeTest, TheSweepLeavesAFileThatIsBeingHandedOver) {
 
 TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
   enum class How { cancel, cancelAll, clearAll };
-  enum class Where { running, waiting, aboutToRun };
+  enum class Where { handedOver, waiting, aboutToRun, running };
   for (const How how : {How::cancel, How::cancelAll, How::clearAll}) {
-    for (const Where where : {Where::running, Where::waiting, Where::aboutToRun}) {
+    for (const Where where : {Where::handedOver, Where::waiting, Where::aboutToRun, Where::running}) {
       SCOPED_TRACE(testing::Message() << static_cast<int>(how) << static_cast<int>(where));
       int64_t id = 0;
       const auto takeAway = [&] {
@@ -153,9 +153,11 @@ TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
       if (where == Where::waiting) save("first.MP4"), finish("first.MP4");
       contents_.clear();
       id = save("clip.MP4")->id;
+      // The file has just come to its place, and its run is not admitted yet.
+      if (where == Where::handedOver) meantime_.beforeChangeOf("Documents", takeAway);
       finish("clip.MP4");
-      put(std::to_string(id) + ".recipe", "of an earlier process");
-      if (where != Where::running) takeAway();
+      if (where != Where::handedOver) put(std::to_string(id) + ".recipe", "of an earlier process");
+      if (where == Where::waiting || where == Where::aboutToRun) takeAway();
       dispatch_.release(worker());
       settle();
       EXPECT_EQ(contents_.empty(), where != Where::waiting || how != How::cancel) << contents();

@@ -251,9 +251,12 @@ TEST_F(ProcessingDriverTest, TheGateLetsNoneThroughOnceItIsClosed) {
   EXPECT_FALSE(resume(3));
 }
 
-TEST_F(ProcessingDriverTest, TheGateResumesNothingThatSomebodyHasInHandOrTookAway) {
+TEST_F(ProcessingDriverTest, TheGateStartsNothingThatSomebodyHasInHandOrTookAway) {
   const auto record = [](int64_t id) { return ProcessingState{.downloadId = id, .fileURL = "/clip.mp4"}; };
   for (int64_t id : {1, 2}) store_.saveState(record(id));
+  EXPECT_TRUE(gate_.admit(record(3), [] { return false; }).isRefused);
+  EXPECT_FALSE(gate_.resume(1, [](const ProcessingState&) { return false; }));
+  EXPECT_EQ(gate_.activeRun(), std::nullopt) << "whoever cancelled it was first";
   {
     const ProcessingGate::HandOver handOver(gate_, 1);
     EXPECT_FALSE(resume(1));

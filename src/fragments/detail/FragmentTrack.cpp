@@ -30,24 +30,7 @@ std::string_view groupingTypeOf(ByteView box) {
   return textOf(box.subspan(field.offset, field.width));
 }
 
-uint32_t lastDurationOf(const TrackTables& tables) {
-  if (tables.sampleCount() == 0) return 0;
-  return static_cast<uint32_t>(tables.duration() - tables.decodeTime(tables.sampleCount() - 1));
-}
-
 }  // namespace
-
-Composition compositionOf(const TrackTables& tables) {
-  if (tables.sampleCount() == 0) return {};
-  if (!tables.isReordered()) {
-    const int64_t shift = tables.compositionShift();
-    return {shift, shift + static_cast<int64_t>(tables.duration())};
-  }
-  const std::vector<int64_t> times = tables.compositionTimes();
-  const auto [first, last] = std::ranges::minmax_element(times);
-  const auto sample = static_cast<uint64_t>(last - times.begin());
-  return {*first, *last + static_cast<int64_t>(tables.decodeTime(sample + 1) - tables.decodeTime(sample))};
-}
 
 FragmentTrack::FragmentTrack(const MovieBox& trak) {
   const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
@@ -57,9 +40,9 @@ FragmentTrack::FragmentTrack(const MovieBox& trak) {
   readDescriptions(*stbl);
   tables_ = TrackTables::read(*stbl);
   samplesInMoov_ = tables_.sampleCount();
-  compositionInMoov_ = compositionOf(tables_);
+  compositionInMoov_ = tables_.composition();
   duration_ = tables_.duration();
-  lastDuration_ = lastDurationOf(tables_);
+  lastDuration_ = tables_.lastDuration();
   readSyncs(*stbl);
 }
 
@@ -81,7 +64,7 @@ void FragmentTrack::readSyncs(const MovieBox& stbl) {
   syncs_.append(box == nullptr, samplesInMoov_);
   if (!box) return;
   const Bytes stss = box->plainBytes();
-  const TableRows rows(stss, layout::syncRowSize);
+  const TableRows rows(stss, layout::syncRowSize, TableRows::HugeCount::isCut);
   syncs_.truncate(0);
   for (size_t i = 0; i < rows.size(); ++i) {
     const uint32_t number = layout::load32(rows.row(i), layout::syncSampleNumber);
@@ -164,7 +147,7 @@ void FragmentTrack::truncate(uint64_t samples) {
   tables_.truncate(samples);
   syncs_.truncate(samples);
   duration_ = tables_.duration();
-  lastDuration_ = lastDurationOf(tables_);
+  lastDuration_ = tables_.lastDuration();
   samplesInMoov_ = std::min(samplesInMoov_, samples);
 }
 

@@ -11,13 +11,6 @@
 
 namespace tarn {
 
-/// When the samples of some tables are composed, track timescale; the first one is decoded at 0.
-struct Composition {
-  int64_t start = 0;
-  int64_t end = 0;  ///< of the sample composed last, which lasts as long as it is decoded
-};
-Composition compositionOf(const TrackTables& tables);
-
 /// A track of a movie in fragments while its samples are gathered: those of the `moov` first, then those of each
 /// fragment at the time that it states.
 class FragmentTrack {
@@ -53,7 +46,7 @@ class FragmentTrack {
   const TrackTables& tables() const { return tables_; }
   uint64_t samplesInMoov() const { return samplesInMoov_; }
   /// What the samples of the `moov` alone compose.
-  const Composition& compositionInMoov() const { return compositionInMoov_; }
+  const TrackTables::Composition& compositionInMoov() const { return compositionInMoov_; }
 
   /// When the first sample is decoded, by the fragments' times; the tables begin at 0.
   int64_t start() const { return start_; }
@@ -79,7 +72,7 @@ class FragmentTrack {
   Bytes stsd_;
   TrackTables tables_;
   uint64_t samplesInMoov_ = 0;
-  Composition compositionInMoov_;
+  TrackTables::Composition compositionInMoov_;
   int64_t start_ = 0;
   Runs<bool> syncs_;
   uint64_t duration_ = 0;

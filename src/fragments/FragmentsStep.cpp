@@ -1,0 +1,78 @@
+#include "fragments/FragmentsStep.h"
+
+#include <fmt/format.h>
+
+#include <string>
+#include <vector>
+
+#include "fragments/FragmentAssembly.h"
+#include "fragments/FragmentReader.h"
+#include "fragments/FragmentsError.h"
+#include "fragments/PlainMovie.h"
+#include "fragments/detail/ResultProof.h"
+#include "pipeline/RunTempFile.h"
+#include "platform/Log.h"
+#include "presentation/Presentation.h"
+
+namespace tarn {
+namespace {
+
+/// Of the whole step, the reading of the fragments.
+constexpr double readingPart = 0.3;
+
+class Joining {
+ public:
+  explicit Joining(ProcessingRun& run) : run_(run) {}
+
+  void join() {
+    auto source = run_.files.open(run_.fileURL, OpenMode::reading);
+    FragmentedMovie movie = readFragmentedMovie(*source, [this](double part) { tell(part * readingPart); });
+    const std::vector<std::string> notes = movie.notes;
+    const std::vector<TrackSums> sums = sumsOf(movie);
+    const RunTempFile result(run_, run_.files.temporaryDirectory() / (makeUUID() + ".mp4"));
+    write(*source, result.path(), assemblePlainMovie(std::move(movie)));
+    source->close();
+    requireSums(run_.files, result.path(), sums);
+    run_.files.replaceItem(run_.fileURL, result.path());
+    for (const std::string& note : notes) run_.warn(note);
+  }
+
+ private:
+  void write(FileHandle& source, const Path& path, PlainMovie movie) {
+    const auto target = run_.files.open(path, OpenMode::exclusive);
+    const auto copied = writePlainMovie(source, *target, std::move(movie),
+                                        [this](double part) { tell(readingPart + part * (1 - readingPart)); });
+    target->synchronize();
+    target->close();
+    log("The fragments are joined: {} ranges of media were taken over", copied.size());
+  }
+
+  void tell(double part) {
+    run_.token->throwIfCancelled();
+    run_.reportProgress(part, "Joining fragments");
+  }
+
+  ProcessingRun& run_;
+};
+
+/// True for a failure that trying again may mend, or that must end the run.
+bool endsRun(const Error& error) {
+  return dynamic_cast<const CancellationError*>(&error) || dynamic_cast<const PosixError*>(&error) ||
+         dynamic_cast<const FragmentsError*>(&error);
+}
+
+}  // namespace
+
+void FragmentsStep::run(ProcessingRun& run) {
+  run.token->throwIfCancelled();
+  if (!isFragmented(run.files, run.fileURL)) return;
+  logLine("The movie is in fragments, and becomes a plain one");
+  try {
+    Joining(run).join();
+  } catch (const Error& error) {
+    if (endsRun(error)) throw;
+    run.warn("The movie stays in fragments: " + error.description());
+  }
+}
+
+}  // namespace tarn

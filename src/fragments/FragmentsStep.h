@@ -1,0 +1,17 @@
+#pragma once
+
+#include "pipeline/ProcessingStep.h"
+
+namespace tarn {
+
+/// Makes a plain movie of one in fragments, ahead of the steps that know plain files alone; does nothing to any other
+/// file. It enters no stage of its own: cut off, it starts over. A movie that cannot become a plain one because of what
+/// it is fails the run (FragmentsError). One that is damaged otherwise stays as it is, with a warning, and so does one
+/// whose result is not what its fragments say. Lack of room and failures of the system are thrown.
+class FragmentsStep : public ProcessingStep {
+ public:
+  ProcessingStage gateStage() const override { return ProcessingStage::remuxing; }
+  void run(ProcessingRun& run) override;
+};
+
+}  // namespace tarn

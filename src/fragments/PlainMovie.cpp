@@ -1,0 +1,135 @@
+#include "fragments/PlainMovie.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "movie/MovieError.h"
+#include "movie/MovieRewrite.h"
+#include "mp4/BoxLayout.h"
+#include "mp4/DataExtensions.h"
+#include "platform/Checked.h"
+
+namespace tarn {
+namespace {
+
+using Case = MovieError::Case;
+
+/// Bytes of the source, and where they come to lie, counted from the first media byte.
+struct Range {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+  uint64_t newBegin = 0;
+};
+
+class Media {
+ public:
+  explicit Media(const std::vector<TrackTables>& tables) {
+    for (const TrackTables& table : tables) {
+      table.forEachChunk([this](uint64_t offset, uint64_t size) {
+        const auto end = checkedAdd(offset, size);
+        if (!end) throw MovieError(Case::doesNotFit, "A chunk lies out of range");
+        if (size > 0) ranges_.push_back({offset, *end});
+      });
+    }
+    std::ranges::sort(ranges_, {}, &Range::begin);
+    join();
+    for (Range& range : ranges_) {
+      range.newBegin = size_;
+      size_ += range.end - range.begin;
+    }
+  }
+
+  const std::vector<Range>& ranges() const { return ranges_; }
+  uint64_t size() const { return size_; }
+
+  /// A chunk without a byte may lie anywhere.
+  uint64_t newPlace(uint64_t offset) const {
+    const auto behind = std::ranges::upper_bound(ranges_, offset, {}, &Range::begin);
+    if (behind == ranges_.begin()) return 0;
+    const Range& range = *std::prev(behind);
+    return range.newBegin + std::min(offset, range.end) - range.begin;
+  }
+
+ private:
+  /// Makes one of each row of ranges that touch.
+  void join() {
+    size_t last = 0;
+    for (size_t i = 1; i < ranges_.size(); ++i) {
+      if (ranges_[i].begin <= ranges_[last].end) {
+        ranges_[last].end = std::max(ranges_[last].end, ranges_[i].end);
+      } else {
+        ranges_[++last] = ranges_[i];
+      }
+    }
+    if (!ranges_.empty()) ranges_.resize(last + 1);
+    ranges_.shrink_to_fit();
+  }
+
+  std::vector<Range> ranges_;
+  uint64_t size_ = 0;
+};
+
+void putTables(PlainMovie& movie, bool hasLongOffsets) {
+  auto table = movie.tables.begin();
+  for (MovieBox& child : movie.moov.children) {
+    if (child.type != "trak" || table == movie.tables.end()) continue;
+    MovieBox* stbl = child.find({"mdia", "minf", "stbl"});
+    if (!stbl) throw MovieError(Case::damaged, "A track has no sample table");
+    (table++)->writeTo(*stbl, hasLongOffsets);
+  }
+}
+
+void moveChunks(PlainMovie& movie, const std::function<uint64_t(uint64_t)>& place) {
+  for (TrackTables& table : movie.tables) table.moveChunks(place);
+}
+
+Bytes mdatHeader(uint64_t mediaSize) {
+  Bytes header;
+  ByteWriter(header).uint32(1).text("mdat").uint64(layout::longBoxHeaderSize + mediaSize);
+  return header;
+}
+
+/// Gives the movie its tables, with the places that the chunks have in the file.
+void placeMedia(PlainMovie& movie, const Media& media) {
+  // No chunk begins behind 4 GiB of media, so the size of the moov is known ahead of the places.
+  moveChunks(movie, [&](uint64_t offset) { return media.newPlace(offset); });
+  putTables(movie, false);
+  const uint64_t ahead = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
+  const bool isLong = ahead + media.size() > std::numeric_limits<uint32_t>::max();
+  if (isLong) putTables(movie, true);
+  const uint64_t begin = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
+  moveChunks(movie, [&](uint64_t offset) { return begin + offset; });
+  putTables(movie, isLong);
+}
+
+}  // namespace
+
+std::vector<CopiedRange> writePlainMovie(FileHandle& source, FileHandle& target, PlainMovie movie,
+                                         const std::function<void(double)>& poll) {
+  const Media media(movie.tables);
+  placeMedia(movie, media);
+  movie.tables.clear();
+  MovieWriter writer(source, target);
+  writer.write(movie.ftyp);
+  writer.write(movie.moov.bytes());
+  movie.moov = {};
+  writer.write(mdatHeader(media.size()));
+  uint64_t done = 0, told = 0;
+  for (const Range& range : media.ranges()) {
+    for (uint64_t at = range.begin; at < range.end;) {
+      const uint64_t copied = writer.copy(at, std::min(rewritePieceSize, range.end - at));
+      if (copied == 0) throw MovieError(Case::cutOff, fmt::format("The source ends at {}, ahead of its samples", at));
+      at += copied;
+      done += copied;
+      if (done - told < rewritePieceSize && done < media.size()) continue;
+      told = done;
+      poll(static_cast<double>(done) / static_cast<double>(media.size()));
+    }
+  }
+  return writer.copied();
+}
+
+}  // namespace tarn
