@@ -33,7 +33,7 @@ class SPSReader {
     info_.id = readUE(bits_);
     bool isAllowed = info_.id <= largestID;
     if (!rbsp_.empty() && statesChromaFormat(rbsp_[0])) isAllowed &= readChromaFormatAndScaling();
-    isAllowed &= readUE(bits_) <= largestLog2MaxMinus4;  // log2_max_frame_num_minus4
+    isAllowed &= readBitCount(info_.frameNumberBits);  // log2_max_frame_num_minus4
     isAllowed &= readPictureOrderCount();
     isAllowed &= readSize();
     info_.bitsAheadOfVUI = bits_.bytePosition * 8 + static_cast<size_t>(bits_.bitPosition);
@@ -45,7 +45,7 @@ class SPSReader {
   bool readChromaFormatAndScaling() {
     info_.chromaFormatIdc = readUE(bits_);
     bool is444 = info_.chromaFormatIdc == 3;
-    if (is444) hasSeparatePlanes_ = bits_.readBits(1) != 0;
+    if (is444) info_.hasSeparatePlanes = bits_.readBits(1) != 0;
     uint32_t lumaDepth = readUE(bits_);
     uint32_t chromaDepth = readUE(bits_);
     bits_.readBits(1);  // qpprime_y_zero_transform_bypass_flag
@@ -57,9 +57,15 @@ class SPSReader {
     return info_.chromaFormatIdc <= 3 && std::max(lumaDepth, chromaDepth) <= largestDepthMinus8;
   }
 
+  bool readBitCount(unsigned& count) {
+    const uint32_t above4 = readUE(bits_);
+    count = std::min(above4, largestLog2MaxMinus4) + 4;
+    return above4 <= largestLog2MaxMinus4;
+  }
+
   bool readPictureOrderCount() {
-    uint32_t type = readUE(bits_);
-    if (type == 0) return readUE(bits_) <= largestLog2MaxMinus4;  // log2_max_pic_order_cnt_lsb_minus4
+    const uint32_t type = info_.orderType = readUE(bits_);
+    if (type == 0) return readBitCount(info_.orderBits);  // log2_max_pic_order_cnt_lsb_minus4
     if (type != 1) return type == 2;
     bits_.readBits(1);  // delta_pic_order_always_zero_flag
     readUE(bits_);      // offset_for_non_ref_pic; se(v) is as long as ue(v)
@@ -74,7 +80,7 @@ class SPSReader {
     bits_.readBits(1);  // gaps_in_frame_num_value_allowed_flag
     int64_t widthInMbs = int64_t{readUE(bits_)} + 1;
     int64_t heightInMapUnits = int64_t{readUE(bits_)} + 1;
-    bool framesOnly = bits_.readBits(1) != 0;
+    const bool framesOnly = info_.framesOnly = bits_.readBits(1) != 0;
     if (!framesOnly) bits_.readBits(1);  // mb_adaptive_frame_field_flag
     bits_.readBits(1);                   // direct_8x8_inference_flag
     int64_t horizontalCrop = 0;
@@ -84,20 +90,23 @@ class SPSReader {
       verticalCrop = int64_t{readUE(bits_)} + readUE(bits_);
     }
     // Colour planes that are coded apart count as pictures without chroma.
-    uint32_t chroma = hasSeparatePlanes_ ? 0 : info_.chromaFormatIdc;
+    uint32_t chroma = info_.hasSeparatePlanes ? 0 : info_.chromaFormatIdc;
     int64_t chromaWidth = chroma == 1 || chroma == 2 ? 2 : 1;
     int64_t chromaHeight = chroma == 1 ? 2 : 1;
     int64_t fields = framesOnly ? 1 : 2;
     info_.size = {.width = widthInMbs * 16 - chromaWidth * horizontalCrop,
                   .height = fields * (heightInMapUnits * 16 - chromaHeight * verticalCrop)};
     auto isAllowed = [](int64_t length) { return length >= 1 && length <= largestDimension; };
-    return isAllowed(info_.size.width) && isAllowed(info_.size.height);
+    if (!isAllowed(info_.size.width) || !isAllowed(info_.size.height)) return false;
+    constexpr int64_t mostInLine = 1 << 14;  // cropping may hide more than is allowed to be shown
+    if (std::max(widthInMbs, heightInMapUnits) > mostInLine) return false;
+    info_.macroblocks = static_cast<uint32_t>(widthInMbs * heightInMapUnits * fields);
+    return true;
   }
 
   ByteView rbsp_;
   BitReader bits_;
   AVCSPSInfo info_;
-  bool hasSeparatePlanes_ = false;
 };
 
 }  // namespace

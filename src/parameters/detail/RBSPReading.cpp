@@ -33,4 +33,25 @@ void skipBits(BitReader& bits, uint64_t count) {
   }
 }
 
+bool isDelimiter(ByteView payload) {
+  constexpr uint8_t stopBit = 0x10;  // behind 3 bits of the kind of picture
+  return payload.size() == 1 && (payload[0] & 0x1F) == stopBit;
+}
+
+bool isSEI(ByteView payload, bool isWhole) {
+  constexpr uint8_t stopByte = 0x80;
+  const Bytes rbsp = removeEmulationPrevention(payload);
+  size_t at = 0;
+  const auto readNumber = [&] {
+    size_t number = 0;
+    while (at < rbsp.size() && rbsp[at] == 0xFF) number += rbsp[at++];
+    return number + (at < rbsp.size() ? rbsp[at++] : 0);
+  };
+  while (at + 1 < rbsp.size()) {
+    readNumber();  // the message's type
+    at += readNumber();
+  }
+  return at >= rbsp.size() ? at > 0 && !isWhole : at > 0 && rbsp[at] == stopByte;
+}
+
 }  // namespace tarn

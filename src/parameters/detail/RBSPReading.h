@@ -18,4 +18,11 @@ uint32_t readUE(BitReader& bits);
 /// Steps over bits, at most to the end of the bytes.
 void skipBits(BitReader& bits, uint64_t count);
 
+/// True for the payload of an access unit delimiter (ITU-T H.264 7.3.2.4, ITU-T H.265 7.3.2.5), header left out.
+bool isDelimiter(ByteView payload);
+
+/// True for the payload of an SEI unit, header left out: at least one message, and the messages fill it (ITU-T H.264
+/// 7.3.2.3, ITU-T H.265 7.3.2.4). Of one that is not all there, the last message may reach over the end.
+bool isSEI(ByteView payload, bool isWhole);
+
 }  // namespace tarn

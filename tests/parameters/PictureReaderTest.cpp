@@ -1,0 +1,137 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <random>
+
+#include "mp4/DataExtensions.h"
+#include "mp4/MP4SampleTableParser.h"
+#include "mp4/SampleTimes.h"
+#include "parameters/NALUnitParser.h"
+#include "parameters/PictureReader.h"
+#include "support/FileTest.h"
+#include "support/MediaMaker.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+using Role = StreamUnit::Role;
+
+/// The units of a sample with length prefixes of 4 bytes.
+std::vector<ByteView> unitsIn(ByteView sample) {
+  std::vector<ByteView> units;
+  while (sample.size() > 4) {
+    const size_t length = readUInt32(sample, 0).value();
+    units.push_back(sample.subspan(4, length));
+    sample = sample.subspan(4 + length);
+  }
+  return units;
+}
+
+/// For the sets of the file's sample entry.
+std::unique_ptr<PictureReader> readerFor(FileManager& files, const Path& path, bool isHEVC) {
+  const VideoCodec& codec = isHEVC ? VideoCodec::hevc : VideoCodec::avc;
+  const Bytes file = readFile(files, path);
+  const size_t at = textOf(file).find(codec.configBox);
+  const ByteView contents = ByteView(file).subspan(at + 4, readUInt32(file, at - 4).value() - 8);
+  return PictureReader::make(codec, codec.readConfigBox(contents).sets);
+}
+
+class PictureReaderTest : public FileTest {
+ protected:
+  /// Holds what the reader says against the tables that the muxer wrote: each sample is one picture, the sync samples
+  /// are those, and the order is that of the composition times. Returns the number of slices.
+  size_t readAgainstTables(const Path& path, bool isHEVC) {
+    const auto reader = readerFor(files_, path, isHEVC);
+    const auto file = files_.open(path, OpenMode::reading);
+    const auto stbl =
+        NALUnitParser::findVideoTrackStbl(*file, MP4BoxUtils::findTopLevelBox(*file, "moov").value()).value();
+    MP4SampleTableParser table;
+    table.parseSampleTable(*file, stbl);
+    const SampleTimes times(*file, stbl, table.sampleCount());
+    std::vector<std::pair<PictureOrder, int64_t>> shown;
+    size_t slices = 0;
+    SampleTimes::Cursor time(times, 0);
+    for (const SampleInfo& sample : table.allSamples()) {
+      file->seek(sample.fileOffset);
+      const Bytes bytes = file->read(sample.size);
+      std::optional<PictureOrder> order;
+      bool hasSlice = false;
+      for (const ByteView bytesOfUnit : unitsIn(bytes)) {
+        const auto unit = reader->read(bytesOfUnit.first(std::min(bytesOfUnit.size(), PictureReader::frontSize)));
+        EXPECT_TRUE(unit) << "type " << int{bytesOfUnit[0]} << " in sample " << sample.index;
+        if (!unit) return 0;
+        EXPECT_TRUE(hasSlice ? unit->role != Role::ahead : unit->role != Role::behind);
+        if (unit->role != Role::slice) continue;
+        ++slices;
+        EXPECT_EQ(unit->isSync, sample.isSyncSample) << sample.index;
+        EXPECT_TRUE(hasSlice || unit->isFirst) << sample.index;
+        hasSlice = true;
+        if (!unit->isFirst) continue;
+        const auto found = reader->order(*unit);
+        EXPECT_NE(order.has_value(), found.has_value()) << "pictures in sample " << sample.index;
+        if (found) order = found;
+      }
+      shown.emplace_back(order.value_or(PictureOrder{}), time.time().compositionTime);
+      time.advance();
+    }
+    std::ranges::sort(shown, {}, &std::pair<PictureOrder, int64_t>::first);
+    const bool isAscending =
+        std::ranges::is_sorted(shown, std::ranges::less_equal(), &std::pair<PictureOrder, int64_t>::second);
+    EXPECT_TRUE(isAscending);
+    return slices;
+  }
+};
+
+TEST_F(PictureReaderTest, OrderAndSyncAreThoseOfTheTablesThatTheMuxerWrote) {
+  struct Row {
+    VideoRecipe recipe;
+    size_t slices;
+  };
+  const Row rows[] = {
+      {{"libx264", "keyint=30:bframes=3:b-pyramid=normal:weightp=2:weightb=1"}, 50},
+      {{"libx264", "bframes=0:ref=1:profile=baseline:keyint=250"}, 50},
+      {{"libx264", "slices=4:keyint=9:min-keyint=9:bframes=2:aud=1:repeat-headers=1"}, 200},
+      {{"libx264", "tff=1:bframes=2:keyint=20", "yuv420p", "192x160"}, 50},
+      {{"libx264", "bframes=16:b-adapt=0:ref=16:keyint=250:deblock=2,-3", "yuv444p"}, 50},
+      {{"libx264", "bframes=3:keyint=250", "yuv420p", "192x144", 12}, 300},
+      {{"libx265", "keyint=25:bframes=4:b-pyramid=1:open-gop=1:repeat-headers=1"}, 50},
+      {{"libx265", "keyint=10:min-keyint=10:bframes=2:open-gop=0:aud=1:hrd=1:vbv-maxrate=500:vbv-bufsize=500"}, 50},
+      {{"libx265", "bframes=0:slices=3", "yuv420p10le", "192x288"}, 150},
+      {{"libx265", "temporal-layers=1:bframes=3:b-adapt=0:keyint=250", "yuv444p", "192x144", 12}, 300},
+  };
+  for (const auto& [recipe, slices] : rows) {
+    SCOPED_TRACE(recipe.codec + recipe.pixelFormat + recipe.parameters);
+    EXPECT_EQ(readAgainstTables(encodedVideo(recipe), recipe.codec == "libx265"), slices);
+  }
+}
+
+TEST_F(PictureReaderTest, BytesThatAreNoUnitAreNotTakenForOne) {
+  for (const bool isHEVC : {false, true}) {
+    const Path file = encodedVideo({.codec = isHEVC ? "libx265" : "libx264", .parameters = "keyint=25"});
+    const auto reader = readerFor(files_, file, isHEVC);
+    std::minstd_rand random(11);
+    int slices = 0;
+    for (int round = 0; round < 20000; ++round) {
+      Bytes bytes(64 + random() % 64);
+      for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random() >> 8);
+      const auto unit = reader->read(ByteView(bytes).first(1 + random() % bytes.size()));
+      slices += unit && unit->role == Role::slice ? 1 : 0;
+    }
+    EXPECT_LT(slices, isHEVC ? 20 : 200);
+    EXPECT_FALSE(reader->read({}));
+  }
+}
+
+TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
+  for (const VideoCodec* codec : {&VideoCodec::avc, &VideoCodec::hevc}) {
+    EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, {}); }), "There are no picture parameter sets");
+    ParameterSets damaged;
+    damaged.spsArray = {Bytes{0x67, 0x64, 0x00, 0x0A, 0xAC, 0xD9}};
+    damaged.ppsArray = {Bytes{0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}};
+    EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, damaged); }), "A sequence parameter set cannot be read");
+  }
+}
+
+}  // namespace
+}  // namespace tarn
