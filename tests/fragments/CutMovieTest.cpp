@@ -12,6 +12,7 @@
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
+#include "support/SyntheticMovie.h"
 
 namespace tarn::test {
 namespace {
@@ -179,6 +180,242 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
 
 INSTANTIATE_TEST_SUITE_P(Codecs, CutSweep, testing::Values("libx264", "libx265"),
                          [](const auto& each) { return std::string(each.param); });
+
+/// 3 s of pictures and sound, the `moov` ahead.
+Bytes shortClip() {
+  const Path file = encodedVideo({.parameters = "keyint=25",
+                                  .seconds = 3,
+                                  .more = words("-f lavfi -i sine=frequency=500:sample_rate=48000 -c:a aac "
+                                                "-movflags +faststart")});
+  PosixFileManager files("/nonexistent");
+  return readFile(files, file);
+}
+
+Bytes firstBytes(const Bytes& bytes, double part) {
+  return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(part * static_cast<double>(bytes.size()))};
+}
+
+TEST_F(CutMovieTest, CorrectsTheSizeOfAnMdatThatIsSaidTooLong) {
+  using Piece = MovieLayout::Piece;
+  const MovieLayout layout(shortClip());
+  for (const Piece::Kind kind : {Piece::Kind::mdat, Piece::Kind::longMdat}) {
+    const Bytes healthy = layout.build({{Piece::Kind::raw, layout.ftyp}, {Piece::Kind::moov}, {kind}});
+    BoxEditor editor(healthy);
+    const size_t mdat = layout.ftyp.size() + layout.moov.size();
+    const bool isLong = editor.field(mdat) == 1;
+    const size_t size = isLong ? mdat + 12 : mdat;
+    for (const uint32_t surplus : {1u, 8u, 1000000u}) {
+      editor.setField(size, static_cast<uint32_t>(healthy.size() - mdat) + surplus);
+      EXPECT_EQ(runStep(editor.bytes), "");
+      EXPECT_EQ(written(), healthy);
+      EXPECT_FALSE(outcome_.isPartly);
+      EXPECT_TRUE(outcome_.leftAlone.empty());
+    }
+  }
+}
+
+TEST_F(CutMovieTest, LeavesAFileOfWholeBoxesAsItIs) {
+  using Piece = MovieLayout::Piece;
+  const MovieLayout layout(shortClip());
+  const Piece ftyp{Piece::Kind::raw, layout.ftyp}, moov{Piece::Kind::moov}, mdat{Piece::Kind::mdat};
+  const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];
+  BoxEditor wrongSize(layout.moovAhead());
+  wrongSize.setField(wrongSize.at("moov/trak/mdia/minf/stbl/stsz").offset + 20, 1 << 30);
+  const Bytes files[] = {
+      layout.moovAhead(),
+      layout.build({ftyp, mdat, moov}),
+      layout.build({ftyp, moov, {Piece::Kind::openMdat}}),
+      layout.build({ftyp, {Piece::Kind::mdat, {}, 0, middle}, moov, {Piece::Kind::mdat, {}, middle}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, box("free", {Bytes(9)})}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, Bytes(5)}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, boxClaiming(99, "free", {Bytes(9)})}}),
+      wrongSize.bytes,
+  };
+  for (const Bytes& file : files) {
+    SCOPED_TRACE(&file - files);
+    EXPECT_EQ(runStep(file), "");
+    EXPECT_EQ(written(), file);
+    EXPECT_FALSE(outcome_.isPartly);
+    EXPECT_FALSE(isCutOff(files_, file_));
+  }
+}
+
+TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
+  const Bytes whole = shortClip();
+  BoxEditor editor(whole);
+  const auto moov = editor.at("moov"), mdat = editor.at("mdat");
+  const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
+  const std::string cutMoov = "The file ends within its moov, which says where its samples are: download it again";
+  const std::pair<size_t, std::string> cases[] = {
+      {mdat.offset + 500, lost}, {mdat.offset + 8, lost},     {mdat.offset + 3, lost},
+      {moov.end(), lost},        {moov.end() - 200, cutMoov}, {moov.offset + 9, cutMoov},
+  };
+  for (const auto& [size, said] : cases) {
+    SCOPED_TRACE(size);
+    const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+    EXPECT_EQ(runStep(cut), said);
+    EXPECT_EQ(written(), cut);
+    EXPECT_TRUE(isCutOff(files_, file_));
+  }
+}
+
+/// The types of all boxes of a `moov`, in order.
+std::vector<std::string> typesIn(const BoxTree& tree) {
+  std::vector<std::string> types = {tree.type};
+  for (const BoxTree& child : tree.children) {
+    for (const std::string& type : typesIn(child)) types.push_back(type);
+  }
+  return types;
+}
+
+TEST_F(CutMovieTest, KeepsEveryOtherBoxInItsPlace) {
+  MovieLayout layout(shortClip());
+  BoxEditor editor(layout.moov);
+  const Bytes odd = box("odd!", {Bytes(40, 7)});
+  editor.insert("moov", editor.at("moov/trak").offset, odd);
+  editor.insert("moov/trak", editor.at("moov/trak/mdia").offset, odd);
+  editor.insert("moov/trak/mdia/minf/stbl", editor.at("moov/trak/mdia/minf/stbl/stsz").offset, odd);
+  layout.moov = editor.bytes;
+  using Piece = MovieLayout::Piece;
+  const Piece oddPiece{Piece::Kind::raw, odd};
+  const Bytes whole =
+      layout.build({{Piece::Kind::raw, layout.ftyp}, oddPiece, {Piece::Kind::moov}, oddPiece, {Piece::Kind::mdat}});
+  ASSERT_EQ(runStep(firstBytes(whole, 0.6)), "");
+  ASSERT_TRUE(outcome_.isPartly);
+  EXPECT_EQ(decoderComplaints(file_), "");
+  const BoxEditor before(whole), after(written());
+  EXPECT_EQ(typesIn(BoxTree(after.get("moov"))), typesIn(BoxTree(before.get("moov"))));
+  EXPECT_EQ(after.all("odd!").size(), 2u);
+  for (const char* path : {"ftyp", "odd!", "moov/odd!", "moov/trak/odd!", "moov/trak/mdia/minf/stbl/odd!",
+                           "moov/trak/mdia/minf/stbl/stsd", "moov/udta"}) {
+    EXPECT_EQ(after.get(path), before.get(path)) << path;
+  }
+}
+
+/// Samples of 10 bytes, each a tenth of a second long.
+SyntheticTrack tenths(const std::string& handler, uint32_t samples) {
+  return {.handler = handler,
+          .timescale = 10,
+          .stts = {{samples, 1}},
+          .samples = samples,
+          .sample = Bytes(10, 1),
+          .mediaDuration = samples};
+}
+
+/// "vide 30 lasting 30, shown 30; 20 from -1, 10 from 5"
+std::string described(BoxTree& trak) {
+  BoxTree& stbl = trak.at("mdia/minf/stbl");
+  std::string words =
+      fmt::format("{} {} lasting {}, shown {}", textOf(ByteView(trak.at("mdia/hdlr").fields).subspan(8, 4)),
+                  readUInt32(stbl.at("stsz").fields, 8).value(), readUInt32(trak.at("mdia/mdhd").fields, 16).value(),
+                  readUInt32(trak.at("tkhd").fields, 20).value());
+  if (trak.child("edts") == trak.children.end()) return words;
+  const Bytes& rows = trak.at("edts/elst").fields;
+  for (size_t at = 8; at + 12 <= rows.size(); at += 12) {
+    words += fmt::format("{} {} from {}", at == 8 ? ";" : ",", readUInt32(rows, at).value(),
+                         static_cast<int32_t>(readUInt32(rows, at + 4).value()));
+  }
+  return words;
+}
+
+TEST_F(CutMovieTest, LetsTimesFollowTheSamples) {
+  const auto with = [](SyntheticTrack track, std::vector<std::pair<uint64_t, int64_t>> edits) {
+    track.edits = std::move(edits);
+    return track;
+  };
+  const SyntheticTrack pictures = tenths("vide", 120), sound = tenths("soun", 120);
+  SyntheticTrack texts = tenths("text", 2);
+  texts.stts = {{2, 60}};
+  SyntheticTrack reordered = pictures;  // I P B B P B B
+  reordered.ctts = {{1, 1}};
+  for (int i = 0; i < 39; ++i) reordered.ctts.insert(reordered.ctts.end(), {{1, 3}, {2, 0}});
+  reordered.ctts.push_back({2, 1});
+  const std::vector<std::pair<uint64_t, int64_t>> shortList = {{20, -1}, {50, 10}, {40, 80}};
+  struct Case {
+    const char* name;
+    std::vector<SyntheticTrack> tracks;  // the media of one stand behind those of the other
+    size_t samples;                      // that are in the file, of all tracks together
+    std::vector<std::string> expected;
+    std::string said;
+  };
+  const Case cases[] = {
+      {"sound that ends early",
+       {pictures, sound},
+       150,
+       {"vide 30 lasting 30, shown 30", "soun 30 lasting 30, shown 30"},
+       "3.0 s kept, 90 pictures lost"},
+      {"sound that ends far too early",
+       {pictures, sound},
+       130,
+       {"vide 120 lasting 120, shown 0", "soun 10 lasting 10, shown 10"},
+       "12.0 s kept, 110 packets of the sound lost; the sound ends at 1.0 s"},
+      {"no sound at all",
+       {pictures, sound},
+       120,
+       {"vide 120 lasting 120, shown 0", "soun 0 lasting 0, shown 0"},
+       "12.0 s kept, 120 packets of the sound lost"},
+      {"pictures that end early",
+       {sound, pictures},
+       230,
+       {"soun 110 lasting 110, shown 110", "vide 110 lasting 110, shown 110"},
+       "11.0 s kept, 10 pictures lost"},
+      {"a text that would outlast them",
+       {texts, sound, pictures},
+       212,
+       {"text 2 lasting 90, shown 90", "soun 90 lasting 90, shown 90", "vide 90 lasting 90, shown 90"},
+       "9.0 s kept, 30 pictures lost"},
+      {"nothing but a text",
+       {pictures, texts},
+       121,
+       {"vide 120 lasting 120, shown 0", "text 1 lasting 60, shown 60"},
+       "12.0 s kept, 1 sample of other tracks lost"},
+      {"sound alone",
+       {with(sound, {{100, 5}})},
+       50,
+       {"soun 50 lasting 50, shown 45; 45 from 5"},
+       "4.5 s kept, 70 packets of the sound lost"},
+      {"an edit that is not reached",
+       {with(pictures, shortList)},
+       70,
+       {"vide 70 lasting 70, shown 70; 20 from -1, 50 from 10"},
+       "7.0 s kept, 50 pictures lost"},
+      {"an edit of which a part is there",
+       {with(pictures, shortList)},
+       90,
+       {"vide 90 lasting 90, shown 80; 20 from -1, 50 from 10, 10 from 80"},
+       "8.0 s kept, 30 pictures lost"},
+      {"an edit to the end",
+       {with(pictures, {{0, 5}}), sound},
+       200,
+       {"vide 85 lasting 85, shown 80; 0 from 5", "soun 80 lasting 80, shown 80"},
+       "8.0 s kept, 35 pictures lost"},
+      {"pictures in another order",
+       {with(reordered, {{120, 1}})},
+       60,
+       {"vide 58 lasting 58, shown 58; 58 from 1"},
+       "5.8 s kept, 62 pictures lost"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    Bytes movie = MovieLayout(joined({syntheticMovie(each.tracks, 10), box("ftyp")})).moovAhead();
+    size_t all = 0;
+    for (const SyntheticTrack& track : each.tracks) all += track.samples;
+    // A few bytes of the next one are there.
+    movie.resize(movie.size() - 10 * (all - each.samples) + 3);
+    ASSERT_EQ(runStep(movie), "");
+    ASSERT_EQ(outcome_.leftAlone, std::vector{"the end of the file is missing: " + each.said});
+    BoxTree moov(BoxEditor(written()).get("moov"));
+    std::vector<std::string> found;
+    uint32_t longest = 0;
+    for (BoxTree& child : moov.children) {
+      if (child.type != "trak") continue;
+      found.push_back(described(child));
+      longest = std::max(longest, readUInt32(child.at("tkhd").fields, 20).value());
+    }
+    EXPECT_EQ(found, each.expected);
+    EXPECT_EQ(readUInt32(moov.at("mvhd").fields, 16), longest);
+  }
+}
 
 }  // namespace
 }  // namespace tarn::test
