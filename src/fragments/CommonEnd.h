@@ -14,6 +14,9 @@ namespace tarn {
 struct MissingSamples {
   uint64_t count = 0;
   std::optional<int64_t> firstTime = {};  ///< the smallest composition time of them, track timescale, if it is known
+  bool mayBeMore = false;                 ///< samples may be missing that nobody knows of
+
+  bool areAny() const { return count > 0 || mayBeMore; }
 };
 
 /// What a movie that broke off keeps and loses.
