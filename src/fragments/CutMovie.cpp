@@ -108,9 +108,7 @@ class Finder {
     std::erase_if(children, [](const MovieBox& box) { return box.isCut; });
     const auto needed =
         lostTracks > 0 ? std::ranges::count_if(children, isWholeVideo) : std::ranges::count_if(children, isTrack);
-    if (needed == 0) {
-      throw FragmentsError("The file ends within its moov, which says where its samples are: download it again");
-    }
+    if (needed == 0) throw FragmentsError::ofCutMoov();
     if (!readTables(movie_.place.offset) && lostTracks == 0) return false;
     cut();
     movie_.loss->tracks = lostTracks;
