@@ -125,7 +125,9 @@ class EndingTrack {
   uint64_t writeTimes() {
     if (samplesLost() == 0 && limit_ == noEnd) return tkhdDurationField.load(trak_.find({"tkhd"})).value_or(0);
     const double ticks = end() * movieTimescale_;
-    if (!edits_.empty()) putEdits(trak_, editsAhead(ticks));
+    // A list stays that would show less than a tick.
+    const std::vector<EditListEntry> entries = editsAhead(ticks);
+    if (!entries.empty() || isEmpty()) putEdits(trak_, entries);
     const auto length = static_cast<uint64_t>(std::llround(ticks));
     storeDuration(trak_.find({"mdia", "mdhd"}), headerDurationField, tables_.duration());
     storeDuration(trak_.find({"tkhd"}), tkhdDurationField, length);
@@ -280,6 +282,10 @@ std::string LostEnd::words() const {
     text += fmt::format(", {} packet{} of the sound lost", packets, plural(packets));
   } else if (others > 0) {
     text += fmt::format(", {} sample{} of other tracks lost", others, plural(others));
+  }
+  if (tracks > 0) {
+    text +=
+        fmt::format(", {} track{} lost whose table{} cut off", tracks, plural(tracks), tracks == 1 ? " is" : "s are");
   }
   if (soundKept) text += fmt::format("; the sound ends at {:.1f} s", *soundKept);
   return text;

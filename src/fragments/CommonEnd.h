@@ -27,6 +27,7 @@ struct LostEnd {
   uint64_t pictures = 0;                     ///< lost
   uint64_t packets = 0;                      ///< of sound, lost
   uint64_t others = 0;                       ///< samples of other tracks, lost
+  uint64_t tracks = 0;                       ///< lost as a whole, since their tables are cut off
 
   /// In words for people.
   std::string words() const;

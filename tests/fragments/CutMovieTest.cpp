@@ -181,7 +181,7 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
     const std::string failure = runStep(cut);
     if (kept.pictures == 0) {
       ++refusals;
-      EXPECT_TRUE(failure.starts_with("The file ends ")) << failure;
+      EXPECT_TRUE(failure.ends_with(": download it again")) << failure;
       EXPECT_EQ(written(), cut);
       continue;
     }
@@ -271,8 +271,14 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
   const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
   const std::string cutMoov = "The file ends within its moov, which says where its samples are: download it again";
   const std::pair<size_t, std::string> cases[] = {
-      {mdat.offset + 500, lost}, {mdat.offset + 8, lost},     {mdat.offset + 3, lost},
-      {moov.end(), lost},        {moov.end() - 200, cutMoov}, {moov.offset + 9, cutMoov},
+      {mdat.offset + 500, lost},
+      {mdat.offset + 8, lost},
+      {mdat.offset + 3, lost},
+      {moov.end(), lost},
+      {moov.end() - 20, lost},
+      {moov.end() - 200, lost},
+      {editor.at("moov/trak").end() - 1, cutMoov},
+      {moov.offset + 9, cutMoov},
   };
   for (const auto& [size, said] : cases) {
     SCOPED_TRACE(size);
@@ -281,6 +287,27 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
     EXPECT_EQ(written(), cut);
     EXPECT_TRUE(isCutOff(files_, file_));
   }
+}
+
+TEST_F(CutMovieTest, KeepsPicturesWhoseMoovEndsBehindTheirTrack) {
+  const MovieLayout layout(shortClip());
+  using Piece = MovieLayout::Piece;
+  const Bytes whole = layout.build({{Piece::Kind::raw, layout.ftyp}, {Piece::Kind::mdat}, {Piece::Kind::moov}});
+  const auto tracks = BoxEditor(whole).all("moov/trak");
+  const auto cutAt = [&](size_t size) { return Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size)); };
+  const std::string lost = "The file ends within its moov, which says where its samples are: download it again";
+  EXPECT_EQ(runStep(cutAt(tracks[0].end() - 1)), lost);
+  for (const size_t size : {tracks[1].offset + 100, tracks[1].end() - 1}) {
+    ASSERT_EQ(runStep(cutAt(size)), "");
+    EXPECT_TRUE(outcome_.isPartly);
+    EXPECT_EQ(outcome_.leftAlone, std::vector<std::string>{"the end of the file is missing: 3.0 of 3.0 s kept, 1 track "
+                                                           "lost whose table is cut off"});
+    EXPECT_EQ(samplesOf(file_)["video"].size(), 75u);
+    EXPECT_EQ(decoderComplaints(file_), "");
+  }
+  // What stands behind the tracks is no part of the video.
+  EXPECT_EQ(runStep(cutAt(whole.size() - 5)), "");
+  EXPECT_FALSE(outcome_.isPartly);
 }
 
 /// The types of all boxes of a `moov`, in order.
