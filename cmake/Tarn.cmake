@@ -6,7 +6,9 @@ pkg_check_modules(libav REQUIRED IMPORTED_TARGET libavcodec libswresample libavu
 
 add_library(tarn_options INTERFACE)
 target_compile_options(tarn_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
-target_include_directories(tarn_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_include_directories(tarn_options INTERFACE
+  ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/include ${CMAKE_BINARY_DIR}/include)
+configure_file(${CMAKE_SOURCE_DIR}/include/tarn/version.h.in ${CMAKE_BINARY_DIR}/include/tarn/version.h @ONLY)
 if(TARN_SANITIZE)
   target_compile_options(tarn_options INTERFACE -fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -g1)
   target_link_options(tarn_options INTERFACE -fsanitize=${TARN_SANITIZE})
@@ -29,7 +31,11 @@ add_custom_target(floors DEPENDS ${CMAKE_BINARY_DIR}/floors.stamp)
 function(tarn_room name)
   cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
   add_library(tarn_${name} STATIC ${ROOM_SOURCES})
+  # The shared library is made of the same objects, and shows only what its public headers mark.
+  set_target_properties(tarn_${name} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   add_dependencies(tarn_${name} floors)
+  set_property(GLOBAL APPEND PROPERTY TARN_ROOMS tarn_${name})
   target_link_libraries(tarn_${name} PUBLIC tarn_options fmt::fmt Threads::Threads)
   foreach(lower IN LISTS ROOM_USES)
     target_link_libraries(tarn_${name} PUBLIC tarn_${lower})

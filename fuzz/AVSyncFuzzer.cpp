@@ -1,8 +1,9 @@
+#include <tarn/avsync.h>
+
 #include <algorithm>
 #include <array>
 
 #include "Fuzzing.h"
-#include "sync/MP4AVSync.h"
 
 namespace tarn::fuzz {
 namespace {

@@ -1,8 +1,9 @@
+#include <tarn/hevc.h>
+
 #include "Fuzzing.h"
 #include "parameters/AVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationBox.h"
 #include "parameters/HEVCConfigurationSegment.h"
-#include "parameters/HEVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
 
 namespace tarn::fuzz {

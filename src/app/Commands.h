@@ -25,7 +25,7 @@ struct SaveOptions {
   bool skipAudioFix = false;
 };
 
-struct RepairOptions {
+struct RepairArguments {
   std::string input;
   std::string output;
   bool skipVideoFix = false;
@@ -40,7 +40,7 @@ struct ServeOptions {
 /// Each command returns its exit code. What it throws is a failure for the caller to print.
 int saveCommand(const GlobalOptions& global, const SaveOptions& options);
 int resumeCommand(const GlobalOptions& global);
-int repairCommand(const GlobalOptions& global, const RepairOptions& options);
+int repairCommand(const GlobalOptions& global, const RepairArguments& arguments);
 int inspectCommand(const GlobalOptions& global, const std::string& file);
 int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
 int serveCommand(const GlobalOptions& global, const ServeOptions& options);

@@ -1,12 +1,21 @@
 #include "app/Output.h"
 
 #include <fmt/format.h>
+#include <tarn/tarn.h>
 
 #include <cstdio>
 
 #include "platform/URL.h"
 
 namespace tarn {
+
+void sendLog(bool verbose) {
+  if (verbose) {
+    setLog([](std::string_view line) { fmt::print(stderr, "{}\n", line); });
+  } else {
+    setLog({});
+  }
+}
 
 void printJSON(const JSObject& object) {
   printLine(object.json());

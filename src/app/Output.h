@@ -6,6 +6,9 @@
 
 namespace tarn {
 
+/// Sends the log to standard error with `verbose`, else nowhere; an engine keeps its own.
+void sendLog(bool verbose);
+
 /// Writes one JSON object as a line to standard output.
 void printJSON(const JSObject& object);
 

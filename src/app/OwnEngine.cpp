@@ -6,7 +6,7 @@
 namespace tarn {
 
 OwnEngine::OwnEngine(const Path& home, FileManager& files, const GlobalOptions& global)
-    : host_(files, {.home = home, .verbose = global.verbose, .backgroundLimit = global.backgroundLimit}),
+    : host_(files, {.home = home, .keepsLog = !global.verbose, .backgroundLimit = global.backgroundLimit}),
       clients_({&host_.plugin(), &host_.hostPlugin()}),
       client_(host_, [this](const std::string& name, const JSObject& data) { clients_.sendEvent(name, data); }) {
   host_.start();

@@ -34,7 +34,7 @@ int run(int argc, char** argv) {
 
   auto* resume = app.add_subcommand("resume", "Finish what was interrupted");
 
-  RepairOptions repairing;
+  RepairArguments repairing;
   auto* repair = app.add_subcommand("repair", "Repair a local file; the result is a file of its own");
   repair->add_option("IN", repairing.input, "The file to repair; it is never changed")->required();
   repair->add_option("-o,--output", repairing.output, "The result; it appears whole or not at all")->required();
@@ -63,6 +63,7 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? ExitCode::done : ExitCode::usage;
   }
+  sendLog(global.verbose);
   if (limit->count() > 0) global.backgroundLimit = std::chrono::seconds(backgroundSeconds);
   if (save->parsed()) return saveCommand(global, saving);
   if (resume->parsed()) return resumeCommand(global);

@@ -67,11 +67,7 @@ HomeLock::HomeLock(const Path& home) {
   throw HomeInUse(home);
 }
 
-LogFile::LogFile(const Path& home, bool verbose) {
-  if (verbose) {
-    setLogSink([](std::string_view line) { fmt::print(stderr, "{}\n", line); });
-    return;
-  }
+LogFile::LogFile(const Path& home) {
   const Path path = home / "log/tarn.log";
   std::filesystem::create_directories(path.parent_path());
   std::error_code missing;
@@ -80,7 +76,7 @@ LogFile::LogFile(const Path& home, bool verbose) {
   }
   const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
   if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
-  setLogSink([file](std::string_view line) {
+  before_ = setLogSink([file](std::string_view line) {
     const std::string entry = fmt::format("{} {}\n", timestamp(), line);
     // A full disk costs lines of the log and stops no work.
     [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
@@ -88,17 +84,7 @@ LogFile::LogFile(const Path& home, bool verbose) {
 }
 
 LogFile::~LogFile() {
-  setLogSink({});
-}
-
-QuietLog::QuietLog(bool verbose) {
-  setLogSink([verbose](std::string_view line) {
-    if (verbose) fmt::print(stderr, "{}\n", line);
-  });
-}
-
-QuietLog::~QuietLog() {
-  setLogSink({});
+  setLogSink(std::move(before_));
 }
 
 }  // namespace tarn

@@ -31,23 +31,17 @@ class HomeLock {
   Descriptor lock_;
 };
 
-/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, or to standard error with `verbose`, until
-/// it is destroyed. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first.
+/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, until it is destroyed; then it goes where it
+/// went before. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first.
 class LogFile {
  public:
-  LogFile(const Path& home, bool verbose);
+  explicit LogFile(const Path& home);
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
-};
 
-/// Sends the log to standard error with `verbose`, else nowhere, until it is destroyed: for a command without a home.
-class QuietLog {
- public:
-  explicit QuietLog(bool verbose);
-  ~QuietLog();
-  QuietLog(const QuietLog&) = delete;
-  QuietLog& operator=(const QuietLog&) = delete;
+ private:
+  LogSink before_;
 };
 
 }  // namespace tarn

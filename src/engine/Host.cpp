@@ -8,7 +8,7 @@ namespace tarn {
 
 Host::Host(FileManager& files, const HostOptions& options)
     : lock_(options.home),
-      log_(options.home, options.verbose),
+      log_(options.keepsLog ? std::make_unique<LogFile>(options.home) : nullptr),
       files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
       hasBackgroundLimit_(options.backgroundLimit.has_value()),

@@ -22,7 +22,7 @@ namespace tarn {
 
 struct HostOptions {
   Path home;
-  bool verbose = false;
+  bool keepsLog = true;  ///< in the home; else the log goes where it goes
   std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
@@ -72,7 +72,7 @@ class Host {
  private:
   HomeLock lock_;
   Outcomes outcomes_;
-  LogFile log_;
+  std::unique_ptr<LogFile> log_;
   FileManager& files_;
   SystemClock clock_;
   AsioDispatch dispatch_;

@@ -1,10 +1,11 @@
 #include "parameters/HEVCConfigurationBox.h"
 
+#include <tarn/hevc.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
 
-#include "parameters/HEVCSPSParser.h"
 #include "parameters/NALCodec.h"
 #include "parameters/detail/ProfileTierLevel.h"
 #include "parameters/detail/RBSPReading.h"

@@ -1,4 +1,4 @@
-#include "parameters/HEVCSPSParser.h"
+#include <tarn/hevc.h>
 
 #include <algorithm>
 #include <optional>

@@ -1,9 +1,10 @@
 #include "parameters/NALUnitParser.h"
 
+#include <tarn/hevc.h>
+
 #include <cstdint>
 #include <string_view>
 
-#include "parameters/HEVCSPSParser.h"
 #include "parameters/ParameterScan.h"
 #include "parameters/VideoCodec.h"
 #include "parameters/detail/NALLengthVote.h"

@@ -4,6 +4,10 @@
 
 namespace tarn {
 
+const char* Error::what() const noexcept {
+  return description_.c_str();
+}
+
 PosixError::PosixError(int errnum, const std::string& what)
     : Error("NSPOSIXErrorDomain", errnum, what + ": " + std::generic_category().message(errnum)) {}
 

@@ -1,28 +1,12 @@
 #pragma once
 
+#include <tarn/tarn.h>
+
 #include <exception>
 #include <string>
 #include <utility>
 
 namespace tarn {
-
-/// The root of every failure in the system: a domain, a code within that domain, and a description for the log. Each
-/// worker derives a class of its own from it. The code is -1 where a failure has no number of its own.
-class Error : public std::exception {
- public:
-  Error(std::string domain, int code, std::string description)
-      : domain_(std::move(domain)), code_(code), description_(std::move(description)) {}
-
-  const std::string& domain() const { return domain_; }
-  int code() const { return code_; }
-  const std::string& description() const { return description_; }
-  const char* what() const noexcept override { return description_.c_str(); }
-
- private:
-  std::string domain_;
-  int code_;
-  std::string description_;
-};
 
 /// A failure of the operating system on files; the code is the errno.
 class PosixError : public Error {

@@ -21,9 +21,9 @@ Output& output() {
 
 }  // namespace
 
-void setLogSink(LogSink sink) {
+LogSink setLogSink(LogSink sink) {
   std::lock_guard guard(output().mutex);
-  output().sink = std::move(sink);
+  return std::exchange(output().sink, std::move(sink));
 }
 
 void logLine(std::string_view line) noexcept {

@@ -1,18 +1,16 @@
 #pragma once
 
 #include <fmt/format.h>
+#include <tarn/tarn.h>
 
-#include <functional>
 #include <string_view>
 #include <utility>
 
 namespace tarn {
 
-/// Receives each log line, without its line end. Called from any thread, one call at a time.
-using LogSink = std::function<void(std::string_view line)>;
-
-/// Sends the log somewhere else than standard output; an empty sink brings standard output back. Thread-safe.
-void setLogSink(LogSink sink);
+/// Sends the log somewhere else than standard output; an empty sink brings standard output back. Returns where it went
+/// before. Thread-safe.
+LogSink setLogSink(LogSink sink);
 
 /// Writes one line to the log, its URLs without their secrets. Thread-safe; never throws.
 void logLine(std::string_view line) noexcept;

@@ -1,4 +1,4 @@
-#include "sync/MP4AVSync.h"
+#include <tarn/avsync.h>
 
 #include <algorithm>
 #include <array>

@@ -1,9 +1,10 @@
 #include "sync/MP4AVSyncFixer.h"
 
+#include <tarn/avsync.h>
+
 #include "mp4/BoxLayout.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
-#include "sync/MP4AVSync.h"
 #include "sync/detail/EditListRewrite.h"
 #include "sync/detail/MovieEdits.h"
 #include "sync/detail/SyncFacts.h"

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <tarn/avsync.h>
+
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "pipeline/OriginalSyncInfo.h"
-#include "sync/MP4AVSync.h"
 #include "sync/detail/TrackTimingInfo.h"
 
 namespace tarn {

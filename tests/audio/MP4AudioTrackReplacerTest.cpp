@@ -9,36 +9,21 @@
 #include "support/BoxEditor.h"
 #include "support/FailureOf.h"
 #include "support/FaultyFileManager.h"
-#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
-#include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
-
-using Kind = MovieLayout::Piece::Kind;
 
 using Replacer = MP4AudioTrackReplacer;
 
 class TrackReplacer : public testing::Test {
  protected:
   void replace(FileManager& files, Replacer::EditList editList = Replacer::EditList::dropped) {
-    const auto check = [&](const Path& result, std::span<const CopiedRange> copied) {
-      EXPECT_EQ(result, output_);
-      copied_.assign(copied.begin(), copied.end());
-    };
-    Replacer::replaceAudioTrack(files, source_, newAudio_, output_, editList, check);
+    Replacer::replaceAudioTrack(files, source_, newAudio_, output_, editList);
   }
   std::string failure() {
     return failureOf([&] { replace(files_); });
-  }
-
-  /// The output has the source's pictures and the new sound, and nothing that a player complains of.
-  void expectWhole(const std::string& what) {
-    const std::string own = mediaHashes(video_);
-    EXPECT_EQ(mediaHashes(output_), own.substr(0, own.find('\n') + 1) + "1" + mediaHashes(newAudio_).substr(1)) << what;
-    EXPECT_EQ(decoderComplaints(output_), "") << what;
   }
 
   static Bytes mvhd(uint32_t timescale) { return box("mvhd", {values({0, 0, 0, timescale, 0}), Bytes(80)}); }
@@ -55,64 +40,11 @@ class TrackReplacer : public testing::Test {
 
   TempDirectory directory_;
   PosixFileManager files_{directory_.path()};
-  std::vector<CopiedRange> copied_;
   Path source_ = directory_ / "source.mp4";
   Path output_ = directory_ / "output.mp4";
-  // ffmpeg gives the M4A an edit list, the video none; both inputs have sound.
-  Path video_ =
-      madeByFFmpeg(words("-f lavfi -i testsrc2=size=192x144:rate=25 -f lavfi -i sine=frequency=300 -t 4 "
-                         "-c:v libx264 -bf 0 -c:a aac -use_editlist 0"));
-  Path newAudio_ = madeByFFmpeg(words("-f lavfi -i sine=frequency=900 -t 4 -ar 44100 -ac 2 -c:a aac"), ".m4a");
+  const Path newAudio_ = directory_ / "new.m4a";
   LogCapture log_;
 };
-
-TEST_F(TrackReplacer, KeepsPicturesAndEveryByteWhateverTheLayoutOfTheSource) {
-  const MovieLayout plain(readFile(files_, video_));
-  const auto chunks = plain.chunks();
-  const uint64_t third = chunks[chunks.size() / 3], twoThirds = chunks[chunks.size() * 2 / 3];
-  MovieLayout odd = plain;
-  odd.useLongOffsets();
-  BoxEditor withOdd(odd.moov);
-  withOdd.insert("moov", odd.moov.size(), longBox("free", {Bytes(5)}));
-  odd.moov = withOdd.bytes;
-  const MovieLayout::Piece ftyp{Kind::raw, plain.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
-  const MovieLayout::Piece noise{Kind::raw, box("free", {Bytes(977)})}, lastThird{Kind::mdat, {}, twoThirds};
-  const MovieLayout::Piece firstThird{Kind::mdat, {}, 0, third}, second{Kind::longMdat, {}, third, twoThirds};
-  const struct {
-    std::string name;
-    const MovieLayout& layout;
-    std::vector<MovieLayout::Piece> pieces;
-  } rows[] = {
-      {"media around the moov, which has 64-bit offsets and a box of 64-bit size",
-       odd,
-       {ftyp, firstThird, noise, moov, second, noise, lastThird}},
-      {"moov without an end", plain, {ftyp, mdat, {Kind::openMoov}}},
-      {"no ftyp", plain, {moov, mdat}},
-      {"ftyp without an end", plain, {moov, mdat, {Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})}}},
-      {"a tail that is no box", plain, {ftyp, moov, mdat, {Kind::raw, values({3, 3, 3})}}},
-  };
-  const Bytes defaultFtyp = box("ftyp", {values({0x6D703432, 0, 0x6D703432})});  // "mp42"
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const Bytes source = row.layout.build(row.pieces);
-    writeFileAtomically(files_, source_, source);
-    replace(files_);
-    expectWhole(row.name);
-    // All but the moov comes out as it was and in its order, and the check hears where.
-    Bytes copied, others = source;
-    const auto moovBegin = others.begin() + static_cast<ptrdiff_t>(textOf(source).find("moov") - 4);
-    others.erase(moovBegin, moovBegin + static_cast<ptrdiff_t>(row.layout.moov.size()));
-    const Bytes result = readFile(files_, output_);
-    for (const CopiedRange& range : copied_) {
-      const auto from = source.begin() + static_cast<ptrdiff_t>(range.from);
-      const auto to = result.begin() + static_cast<ptrdiff_t>(range.to);
-      EXPECT_TRUE(std::equal(from, from + static_cast<ptrdiff_t>(range.size), to));
-      copied.insert(copied.end(), to, to + static_cast<ptrdiff_t>(range.size));
-    }
-    EXPECT_EQ(copied, others);
-    EXPECT_EQ(std::equal(defaultFtyp.begin(), defaultFtyp.end(), result.begin()), row.name == "no ftyp");
-  }
-}
 
 TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
   constexpr uint32_t rate = 0x10000, empty = 0xFFFFFFFF;
@@ -151,7 +83,6 @@ TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
       {"fewer than promised", list(0, 9, {30, 441, rate}), list(0, 1, {30, 480, rate}), 30},
       {"not wanted", list(0, 1, {30, 441, rate}), {}, 6000, Replacer::EditList::dropped},
   };
-  newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(48000), sound(48000, list(0, 1, {1, 1, rate}))}));
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -202,7 +133,6 @@ struct Items {
 TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
   const Items shapes[] = {{0, 4, 0, false}, {0, 8, 4, false}, {1, 4, 4, true}, {1, 0, 4, true},
                           {2, 8, 8, true},  {2, 8, 8, false}, {0, 0, 8, true}};
-  newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(600), track("soun", 1, 100)}));
   for (const Items& items : shapes) {
     SCOPED_TRACE(fmt::format("version {}, widths {} and {}", items.version, items.offsetWidth, items.baseWidth));
@@ -219,6 +149,7 @@ TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
     const BoxEditor output(readFile(files_, output_));
     const auto now = static_cast<uint32_t>(output.bytes.size() - 4);
     const Bytes moved = items.at({8 + 20, now});  // behind the ftyp that the source has not
+    EXPECT_EQ(output.get("ftyp"), box("ftyp", {values({0x6D703432, 0, 0x6D703432})}));  // "mp42"
     for (const char* path : {"meta", "moov/meta", "moov/udta/meta"}) {
       const Bytes meta = output.get(path);
       EXPECT_TRUE(std::equal(moved.rbegin(), moved.rend(), meta.rbegin())) << path;
@@ -238,7 +169,6 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   const Bytes source =
       joined({box("moov", {mvhd(600), track("vide", 1, 100, {fullBox("stco", {2, 4000, UINT32_MAX})})}),
               box("mdat", {Bytes(92)})});
-  newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(600), track("soun", 1, 100)}));
   writeFileAtomically(files_, source_, source);
   replace(files_);
@@ -248,7 +178,6 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
 }
 
 TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
-  newAudio_ = directory_ / "new.m4a";
   writeFileAtomically(files_, newAudio_, movie({mvhd(44100), track("soun", 1, 441000)}));
   for (uint32_t id : {0u, 5u, 0xFFFFFFFDu}) {
     writeFileAtomically(files_, source_, movie({mvhd(600), track("vide", id, 5000)}));
@@ -305,7 +234,6 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
       {"", withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"))},
       {"", withMdat(boxClaiming(900, "mdat", {Bytes(20)}))},
   };
-  newAudio_ = directory_ / "new.m4a";
   EXPECT_EQ(failure(), "File not found: " + source_.string());
   for (const auto& row : rows) {
     writeFileAtomically(files_, source_, row.source);

@@ -1,5 +1,5 @@
 /* The parser is part of a C interface: this file holds it to that. */
-#include "parameters/HEVCSPSParser.h"
+#include <tarn/hevc.h>
 
 int32_t parseFromC(const uint8_t* data, size_t size, struct HEVCSPSInfo* info);
 

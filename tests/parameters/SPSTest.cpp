@@ -1,8 +1,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <tarn/hevc.h>
 
 #include "parameters/AVCConfigurationBox.h"
-#include "parameters/HEVCSPSParser.h"
 #include "parameters/detail/ParameterSetCollector.h"
 #include "parameters/detail/RBSPReading.h"
 #include "support/ParameterSetBuilder.h"

@@ -96,54 +96,5 @@ TEST_F(Damage, APlanIsNotMadeOfWhatCannotBeRead) {
   }
 }
 
-TEST_F(Damage, AFaultOfTheFileSystemLeavesTheOldFileOrTheNewOne) {
-  using Operation = FileOperation;
-  using Effect = Fault::Effect;
-  const std::set changing{Operation::open, Operation::write, Operation::flush, Operation::close, Operation::replace};
-  struct {
-    std::set<Operation> among;
-    Effect effect;
-    int failures, losses;
-  } sweeps[] = {
-      {changing, Effect::none, 6, 0},
-      {changing, Effect::half, 6, 0},
-      {changing, Effect::whole, 6, 0},
-      {{Operation::read}, Effect::none, 20, 1},
-  };
-  FaultyFileManager faulty(files_);
-  for (bool isChanging : {false, true}) {
-    const Bytes before = withoutParameterSets(movie(true, isChanging), true);
-    write(before);
-    repair(true);
-    const Bytes after = written();
-    for (const auto& sweep : sweeps) {
-      const bool isRead = sweep.among.contains(Operation::read);
-      int failures = 0, losses = 0;
-      for (uint64_t call = 1; call == 1 || faulty.fired(); ++call) {
-        write(before);
-        log_.clear();
-        faulty.arm({.call = call, .errnum = ENOSPC, .effect = sweep.effect, .among = sweep.among});
-        bool hasFailed = !failureOf([&] { repair(true, faulty); }).empty();
-        failures += hasFailed;
-        EXPECT_TRUE(faulty.fired() || !hasFailed);
-        expectNothingLeftBehind();
-        // One loss is borne: that of a small box that is neither moov nor mdat. And a sample that cannot be read counts
-        // as one without parameter sets: it may change the entries. The media keep their place.
-        bool hasLostBox = log_.contains("WARNING: Failed to read ftyp box at offset 0");
-        losses += hasLostBox;
-        Bytes now = written();
-        bool mayDiffer = hasLostBox || (isRead && isChanging && faulty.fired());
-        // A replace that fails when all is done has put the new file in its place.
-        bool isDone = now == after || (!hasFailed && mayDiffer);
-        EXPECT_TRUE(hasFailed ? now == before || (!isRead && isDone) : isDone) << "call " << call;
-        EXPECT_EQ(BoxEditor(now).get("mdat"), BoxEditor(before).get("mdat")) << "call " << call;
-        EXPECT_TRUE(!hasLostBox || decoderComplaints(file_).empty());
-      }
-      EXPECT_GT(failures, sweep.failures);
-      EXPECT_EQ(losses, sweep.losses);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace tarn

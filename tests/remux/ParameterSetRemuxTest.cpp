@@ -9,7 +9,6 @@ namespace tarn {
 namespace {
 
 using namespace test;
-using Kind = MovieLayout::Piece::Kind;
 
 TEST_F(RemuxTest, RepairsRealStreams) {
   const std::string inBand = "repeat-headers=1";
@@ -35,75 +34,6 @@ TEST_F(RemuxTest, RepairsRealStreams) {
     expectRepaired(isHEVC, withoutParameterSets(movie, isHEVC), sampleHashes(original));
     EXPECT_EQ(frameHashes(file_), frameHashes(original));
     EXPECT_GE(std::ranges::count(frameHashes(file_), '\n'), 49);
-  }
-}
-
-/// The file without its `moov`.
-Bytes withoutMoov(Bytes file) {
-  auto begin = std::ranges::search(file, bytesOf("moov")).begin() - 4;
-  uint32_t size = *readUInt32(file, static_cast<size_t>(begin - file.begin()));
-  file.erase(begin, size == 0 ? file.end() : begin + size);
-  return file;
-}
-
-TEST_F(RemuxTest, KeepsEveryLayout) {
-  VideoRecipe recipe = inBand(true);
-  recipe.more = words("-f lavfi -i sine=r=48000 -map 0 -map 1 -map 1 -c:a aac");
-  MovieLayout layout(readFile(files_, encodedVideo(recipe)));
-  layout.moov = withoutParameterSets(layout.moov, true);
-  MovieLayout odd = layout, longOffsets = layout;
-  longOffsets.useLongOffsets();
-  BoxEditor editor(layout.moov);
-  for (std::string parent : {sampleTable, {"moov/trak"}, {"moov"}}) {
-    editor.insert(parent, editor.at(parent).offset + 8, box("wxyz", {Bytes(20, 7)}));
-    editor.insert(parent, editor.at(parent).end(), box("uuid", {Bytes(24, 9)}));
-  }
-  odd.moov = editor.bytes;
-
-  using Piece = MovieLayout::Piece;
-  uint64_t half = layout.chunks().at(layout.chunks().size() / 2);
-  Piece ftyp{Kind::raw, layout.ftyp}, moov{Kind::moov}, mdat{Kind::mdat};
-  Piece firstHalf{Kind::mdat, {}, 0, half}, secondHalf{Kind::mdat, {}, half};
-  Piece free{Kind::raw, box("free", {Bytes(50)})}, uuid{Kind::raw, box("uuid", {Bytes(40, 3)})};
-  Piece largeUUID{Kind::raw, box("uuid", {Bytes(11'000'000, 5)})};
-  const std::pair<const MovieLayout&, std::vector<Piece>> cases[] = {
-      {layout, {ftyp, moov, free, mdat}},
-      {layout, {ftyp, free, mdat, moov}},
-      {odd, {ftyp, uuid, moov, uuid, mdat, free}},
-      {layout, {ftyp, moov, {Kind::longMdat}, free}},
-      {layout, {ftyp, moov, {Kind::openMdat}}},
-      {layout, {ftyp, mdat, {Kind::openMoov}}},
-      {longOffsets, {ftyp, moov, mdat}},
-      {layout, {ftyp, firstHalf, moov, free, secondHalf}},
-      {longOffsets, {firstHalf, moov, secondHalf}},
-      {layout, {ftyp, moov, largeUUID, mdat}},
-      {layout, {ftyp, moov, secondHalf, firstHalf}},
-  };
-  std::string samples = sampleHashes(encodedVideo(recipe));
-  ASSERT_GT(std::ranges::count(samples, '\n'), 200);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    Bytes damaged = c.first.build(c.second);
-    write(damaged);
-    uint64_t copied = 0;
-    const RewriteCheck check = [&](const Path& result, std::span<const CopiedRange> ranges) {
-      const Bytes bytes = readFile(files_, result);
-      for (const CopiedRange& range : ranges) {
-        EXPECT_TRUE(std::ranges::equal(ByteView(damaged).subspan(range.from, range.size),
-                                       ByteView(bytes).subspan(range.to, range.size)));
-        copied += range.size;
-      }
-      EXPECT_EQ(written(), damaged);
-      throw RefusedResult("not today");
-    };
-    EXPECT_EQ(failureOf([&] {
-                MP4Remuxer::remuxHEVCWithParameterExtraction(files_, file_, nullptr, timings_, nullptr, check);
-              }),
-              "not today");
-    EXPECT_EQ(written(), damaged);
-    EXPECT_EQ(copied, withoutMoov(damaged).size());
-    expectRepaired(true, damaged, samples);
-    EXPECT_TRUE(withoutMoov(written()) == withoutMoov(damaged));
   }
 }
 

@@ -1,5 +1,5 @@
 /* The primitives are a C interface: this file holds them to that. */
-#include "sync/MP4AVSync.h"
+#include <tarn/avsync.h>
 
 int64_t roundTripFromC(int64_t emptyDuration, int64_t mediaTime);
 

@@ -269,31 +269,6 @@ TEST_F(SyncFixer, RefusesAnOrderForATrackThatIsNotThereOnce) {
   }
 }
 
-TEST_F(SyncFixer, KeepsEveryByteOfTheMediaInEveryLayout) {
-  using Kind = MovieLayout::Piece::Kind;
-  const Path clip = flashBeepClip(0.3, {}, "-map 0:v -map 1:a -map 1:a");
-  const std::string hashes = mediaHashes(clip);
-  MovieLayout layout(readFile(files_, clip));
-  const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];
-  const MovieLayout::Piece ftyp{.kind = Kind::raw, .bytes = layout.ftyp}, moov{.kind = Kind::moov};
-  const MovieLayout::Piece unknown{.kind = Kind::raw, .bytes = box("uuid", {Bytes(300)})};
-  for (bool hasLongOffsets : {false, true}) {
-    if (hasLongOffsets) layout.useLongOffsets();
-    for (const auto& pieces : std::vector<std::vector<MovieLayout::Piece>>{
-             {ftyp, moov, unknown, {.kind = Kind::mdat}},
-             {ftyp, moov, {.kind = Kind::longMdat}, unknown},
-             {ftyp, moov, {.kind = Kind::openMdat}},
-             {ftyp, {.kind = Kind::mdat}, unknown, {.kind = Kind::openMoov}},
-             {ftyp, {.kind = Kind::mdat, .end = middle}, moov, {.kind = Kind::longMdat, .begin = middle}}}) {
-      const Bytes before = layout.build(pieces);
-      write(before);
-      ASSERT_TRUE(fix({}, true));
-      EXPECT_EQ(written().size(), before.size() - 12) << "the audio's empty edit is gone";
-      EXPECT_EQ(mediaHashes(file_), hashes);
-    }
-  }
-}
-
 TEST_F(SyncFixer, ClampsAnOffsetThatDoesNotFit) {
   WorkedCase movie;
   movie.video.edits = {};
@@ -330,29 +305,6 @@ TEST_F(SyncFixer, PutsAConvertedCttsAheadOfTheEditLists) {
     EXPECT_EQ(capture().videoFirstCts, 7);
     EXPECT_EQ(BoxEditor(written()).at("moov").size, written().size());
     std::swap(movie.video, movie.audio);
-  }
-}
-
-TEST_F(SyncFixer, LeavesTheFileWholeWhenTheDiskFails) {
-  const Bytes source = readFile(files_, flashBeepClip(0.3, {"-movflags", "faststart"}));
-  FaultyFileManager faulty(files_);
-  write(source);
-  ASSERT_TRUE(fix({}, true));
-  const Bytes whole = written();
-  for (const Fault& fault : {Fault{.errnum = EIO, .effect = Fault::Effect::half},
-                             Fault{.errnum = ENOSPC,
-                             .effect = Fault::Effect::half,
-                             .among = {FileOperation::write, FileOperation::flush, FileOperation::replace}}}) {
-    const uint64_t faults = faulty.sweep(fault, [&](uint64_t call) {
-      write(source);
-      const std::string failure =
-          failureOf([&] { MP4AVSyncFixer::fix(faulty, file_, nullptr, nullptr, std::nullopt, true); });
-      // Also where a box could not be read that may be missing: then other lists would be called for.
-      EXPECT_EQ(written(), failure.empty() ? whole : source) << "call " << call;
-      EXPECT_TRUE(faulty.fired() || failure.empty());
-      EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "call " << call;
-    });
-    EXPECT_GT(faults, 3u);
   }
 }
 

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <tarn/avsync.h>
 
 #include <array>
 #include <limits>
@@ -8,7 +9,6 @@
 #include <vector>
 
 #include "support/BoxBuilder.h"
-#include "sync/MP4AVSync.h"
 
 extern "C" int64_t roundTripFromC(int64_t emptyDuration, int64_t mediaTime);
 

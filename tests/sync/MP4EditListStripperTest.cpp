@@ -1,6 +1,5 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/FlashBeep.h"
 #include "support/SyntheticMovie.h"
@@ -66,23 +65,6 @@ TEST_F(Stripper, SaysWhatItCannotDoAndLeavesNothing) {
   }
   EXPECT_EQ(failureOf([&] { strip(directory_ / "none"); }), "fileNotFound");
   EXPECT_EQ(failureOf([&] { strip(directory_.path()); }), "cannotOpenFile");
-
-  FaultyFileManager faulty(files_);
-  strip(write(joined({moov, box("mdat", {Bytes(20)})})));
-  const Bytes whole = readFile(files_, output_);
-  const Fault fault{.errnum = ENOSPC,
-                    .effect = Fault::Effect::half,
-                    .among = {FileOperation::open, FileOperation::read, FileOperation::write, FileOperation::flush,
-                              FileOperation::close}};
-  const uint64_t faults = faulty.sweep(fault, [&](uint64_t call) {
-    removeIfExists(files_, output_);
-    const bool isDone = failureOf([&] { MP4EditListStripper::stripAudioEditList(faulty, file_, output_); }).empty();
-    EXPECT_EQ(files_.fileExists(output_), isDone) << "call " << call;
-    if (isDone) {
-      EXPECT_EQ(readFile(files_, output_), whole) << "call " << call;
-    }
-  });
-  EXPECT_GT(faults, 4u);
 }
 
 }  // namespace

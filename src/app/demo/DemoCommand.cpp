@@ -98,7 +98,6 @@ int demoCommand(const GlobalOptions& global) {
   const int code = saveCommand(options, {.url = server.url(filename), .album = album, .filename = filename});
   if (code != ExitCode::done) return code;
 
-  const QuietLog quiet(global.verbose);
   const Path saved = lastSavedFile(files, homeDirectory(options.home));
   const Inspection inspection = inspect(files, source);
   describe("before", inspection);

@@ -1,11 +1,12 @@
 #include "parameters/detail/SetRules.h"
 
+#include <tarn/hevc.h>
+
 #include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "parameters/AVCConfigurationBox.h"
-#include "parameters/HEVCSPSParser.h"
 #include "parameters/NALUnitParser.h"
 #include "parameters/detail/AVCSPSParser.h"
 #include "parameters/detail/RBSPReading.h"

@@ -1,6 +1,7 @@
 #include "sync/detail/MovieEdits.h"
 
 #include <fmt/format.h>
+#include <tarn/avsync.h>
 
 #include <algorithm>
 #include <array>
@@ -10,7 +11,6 @@
 #include "movie/TrackFields.h"
 #include "platform/Log.h"
 #include "sync/ErrorTypes.h"
-#include "sync/MP4AVSync.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {

@@ -1,5 +1,7 @@
 #include "sync/detail/SyncFacts.h"
 
+#include <tarn/avsync.h>
+
 #include <algorithm>
 #include <limits>
 
@@ -11,7 +13,6 @@
 #include "platform/Log.h"
 #include "presentation/Presentation.h"
 #include "sync/ErrorTypes.h"
-#include "sync/MP4AVSync.h"
 #include "sync/detail/SyncSource.h"
 #include "sync/detail/TimeArithmetic.h"
 

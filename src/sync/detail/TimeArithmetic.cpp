@@ -1,9 +1,10 @@
 #include "sync/detail/TimeArithmetic.h"
 
+#include <tarn/avsync.h>
+
 #include "platform/Checked.h"
 #include "platform/Int128.h"
 #include "sync/ErrorTypes.h"
-#include "sync/MP4AVSync.h"
 
 namespace tarn {
 namespace {

@@ -1,5 +1,5 @@
-#ifndef TARN_SYNC_MP4AVSYNC_H
-#define TARN_SYNC_MP4AVSYNC_H
+#ifndef TARN_AVSYNC_H
+#define TARN_AVSYNC_H
 
 /*
  * Reads, analyses and writes the timing boxes of an ISO base media file (ISO/IEC 14496-12): elst, edts, ctts, stts,
@@ -11,6 +11,8 @@
  * names, and outputs are then left as they are unless it says otherwise. Time values wrap at 64 bits. Pointers may be
  * null where an argument may be absent; a null for anything else counts as bad input.
  */
+
+#include <tarn/export.h>
 
 #ifdef __cplusplus
 #include <cstdint>
@@ -89,87 +91,89 @@ typedef struct AVSyncCttsConversionInfo {
 
 /* (value * to_scale + from_scale / 2) / from_scale in 128 bits, truncating towards zero: halves are rounded up, not
  * away from zero. 0 for a value or from_scale of 0. */
-int64_t avsync_rescale(int64_t value, int64_t to_scale, int64_t from_scale);
+TARN_API int64_t avsync_rescale(int64_t value, int64_t to_scale, int64_t from_scale);
 
 /* How far a video's edit list is from its first presentation time. Zeros without a video. */
-AVSyncAnalysis avsync_analyze(const AVSyncVideoTiming* video, const AVSyncElstEntry* entries, int32_t count);
+TARN_API AVSyncAnalysis avsync_analyze(const AVSyncVideoTiming* video, const AVSyncElstEntry* entries, int32_t count);
 
 /* Where the edits of two tracks should start. Zeros when a track is absent or movie_timescale is 0; the records' own
  * movie timescales are not read. */
-AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* video, const AVSyncTrackTiming* audio,
-                                                    uint32_t movie_timescale);
+TARN_API AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* video,
+                                                             const AVSyncTrackTiming* audio, uint32_t movie_timescale);
 
 /* Lists up to max_gaps stts rows with a delta above `threshold` (track timescale), or, for a threshold below 1, above
  * twice the nominal delta: the one that most samples have, among the first 16 that occur. stss and summary may be
  * absent. Returns the number of gaps; bad input gives 0 and a zeroed summary. */
-int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
-                           int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary);
+TARN_API int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
+                                    int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary);
 
 /* ---- Building edit lists: each returns the number of entries written, 0 when it cannot ---- */
 
 /* At most two entries: with allow_empty_edit a positive first presentation time becomes an empty edit. */
-int32_t avsync_build_video_elst(const AVSyncVideoTiming* video, AVSyncElstEntry* entries, int32_t allow_empty_edit);
+TARN_API int32_t avsync_build_video_elst(const AVSyncVideoTiming* video, AVSyncElstEntry* entries,
+                                         int32_t allow_empty_edit);
 
 /* An empty edit of empty_duration (movie timescale), when there is one, and the media from media_time (track timescale)
  * on; a media_time below -1 is more empty time. max_entries must be at least 2. */
-int32_t avsync_build_track_elst(const AVSyncTrackTiming* track, int64_t empty_duration, int64_t media_time,
-                                AVSyncElstEntry* entries, int32_t max_entries);
+TARN_API int32_t avsync_build_track_elst(const AVSyncTrackTiming* track, int64_t empty_duration, int64_t media_time,
+                                         AVSyncElstEntry* entries, int32_t max_entries);
 
 /* Cuts a track at its gaps: one entry for each run between them. gaps may be absent: then as above, without empty
  * time. */
-int32_t avsync_build_multi_edit_elst(const AVSyncGap* gaps, int32_t gap_count, const AVSyncTrackTiming* track,
-                                     int64_t media_time, AVSyncElstEntry* entries, int32_t max_entries);
+TARN_API int32_t avsync_build_multi_edit_elst(const AVSyncGap* gaps, int32_t gap_count, const AVSyncTrackTiming* track,
+                                              int64_t media_time, AVSyncElstEntry* entries, int32_t max_entries);
 
 /* ---- Writing boxes: the writers return the box's size in bytes, or -1. Version 1 when any entry needs it ---- */
 
 /* The size that avsync_write_elst_box needs; 0 for no entries. */
-int32_t avsync_elst_box_size(const AVSyncElstEntry* entries, int32_t count);
-int32_t avsync_write_elst_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
+TARN_API int32_t avsync_elst_box_size(const AVSyncElstEntry* entries, int32_t count);
+TARN_API int32_t avsync_write_elst_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
 /* An edts that holds the elst. */
-int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
+TARN_API int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
 
 /* ---- Reading boxes ---- */
 
 /* Entries that lie whole within the length, at most max_entries; 0 when invalid. */
-int32_t avsync_parse_elst_box(const uint8_t* buffer, int32_t length, AVSyncElstEntry* entries, int32_t max_entries);
+TARN_API int32_t avsync_parse_elst_box(const uint8_t* buffer, int32_t length, AVSyncElstEntry* entries,
+                                       int32_t max_entries);
 
 /* A track's first decode time: always 0. */
-int64_t avsync_parse_stts_first_dts(const uint8_t* buffer, int32_t length);
+TARN_API int64_t avsync_parse_stts_first_dts(const uint8_t* buffer, int32_t length);
 
 /* The first and the smallest composition offset (8.6.1.3), signed in either version, track timescale; both 0 when
  * invalid. Each output may be absent. */
-void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_offset, int64_t* min_offset);
+TARN_API void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_offset, int64_t* min_offset);
 
 /* Ticks per second; 0 when invalid. */
-uint32_t avsync_parse_mdhd_timescale(const uint8_t* buffer, int32_t length);
-uint32_t avsync_parse_mvhd_timescale(const uint8_t* buffer, int32_t length);
+TARN_API uint32_t avsync_parse_mdhd_timescale(const uint8_t* buffer, int32_t length);
+TARN_API uint32_t avsync_parse_mvhd_timescale(const uint8_t* buffer, int32_t length);
 
 /* Priming samples from the first roll distance of an sgpd of type "roll" (10.1), when that is negative; else 0. */
-int64_t avsync_parse_sgpd_roll(const uint8_t* buffer, int32_t length);
+TARN_API int64_t avsync_parse_sgpd_roll(const uint8_t* buffer, int32_t length);
 
 /* Usual encoder delay, in samples, by the sample entry's four-character code; 0 for an unknown or absent one. */
-int64_t avsync_get_default_encoder_delay(const char* codec);
+TARN_API int64_t avsync_get_default_encoder_delay(const char* codec);
 
 /* The version byte; -1 when invalid. */
-int32_t avsync_get_ctts_version(const uint8_t* buffer, int32_t length);
+TARN_API int32_t avsync_get_ctts_version(const uint8_t* buffer, int32_t length);
 
 /* The size of the box's version-1 form; -1 when invalid or not below 2 GiB. */
-int32_t avsync_ctts_v1_size(const uint8_t* buffer, int32_t length);
+TARN_API int32_t avsync_ctts_v1_size(const uint8_t* buffer, int32_t length);
 
 /* ---- Converting boxes ---- */
 
 /* A version-1 ctts with every offset less `shift`, in 32 bits. Returns the size that the entry count asks for, -1 when
  * invalid or above the capacity; info, which may be absent, is filled for a valid conversion. Entries that the input
  * does not hold are left as they are in `out`. */
-int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int64_t shift, uint8_t* out,
-                                     int32_t capacity, AVSyncCttsConversionInfo* info);
+TARN_API int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int64_t shift, uint8_t* out,
+                                              int32_t capacity, AVSyncCttsConversionInfo* info);
 
 /* An stts in which no delta is above max_delta: the samples of a row above it become rows of one sample each, as many
  * as it takes, and the sum of all deltas stays. Returns the size in bytes, -1 when invalid, above the capacity, or not
  * below 2 GiB. */
-int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta);
-int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_t max_delta, uint8_t* out,
-                                  int32_t capacity);
+TARN_API int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta);
+TARN_API int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_t max_delta, uint8_t* out,
+                                           int32_t capacity);
 
 #ifdef __cplusplus
 }

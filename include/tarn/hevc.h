@@ -1,7 +1,9 @@
-#pragma once
+#ifndef TARN_HEVC_H
+#define TARN_HEVC_H
 
 #include <stddef.h>
 #include <stdint.h>
+#include <tarn/export.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -25,14 +27,16 @@ struct HEVCSPSInfo {
 /// bytes with its 2-byte header, which is not looked at, and without emulation prevention bytes. Returns 0, or -1 for
 /// null pointers, fewer than 3 bytes and any set that cannot be read, is outside 1 to 16384 in width or height, or has
 /// a chroma format above 3 or more than 16 bits; `info` must not be used then. Reentrant; allocates nothing.
-int32_t hevc_parse_sps(const uint8_t* data, size_t size, struct HEVCSPSInfo* info);
+TARN_API int32_t hevc_parse_sps(const uint8_t* data, size_t size, struct HEVCSPSInfo* info);
 
 /// The size of the pictures that are shown, in luma samples: the conformance window of such a set, whose offsets count
 /// in units of the chroma format, is cut out of the coded picture (ITU-T H.265 7.4.3.2.1, table 6-1). Returns 0, or -1
 /// for null pointers, for a set that hevc_parse_sps refuses and for a window that leaves nothing; the results must not
 /// be used then.
-int32_t hevc_parse_sps_shown_size(const uint8_t* data, size_t size, uint32_t* width, uint32_t* height);
+TARN_API int32_t hevc_parse_sps_shown_size(const uint8_t* data, size_t size, uint32_t* width, uint32_t* height);
 
 #ifdef __cplusplus
 }
+#endif
+
 #endif

@@ -1,0 +1,62 @@
+# libtarn, made of the rooms up to `api`: libtarn.so shows what src/api/exports.map.in lists and hides all else, and
+# libtarn.a holds the same objects. Both are installed, with headers, a CMake package and a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+find_package(Boost 1.81 REQUIRED)
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(nlohmann_json REQUIRED)
+
+option(TARN_STATIC_LIBRARY "Make libtarn.a beside libtarn.so" ON)
+
+get_property(rooms GLOBAL PROPERTY TARN_ROOMS)
+list(REMOVE_ITEM rooms tarn_app)
+set(public_headers tarn.h inspect.h repair.h avsync.h hevc.h export.h)
+list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/include/tarn/)
+
+# tarn_library(<target> <name in the package>): what both have in common.
+function(tarn_library target name)
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME tarn EXPORT_NAME ${name} LINKER_LANGUAGE CXX)
+  target_compile_features(${target} INTERFACE cxx_std_20)
+  target_include_directories(${target} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  install(TARGETS ${target} EXPORT tarn_${name}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+  install(EXPORT tarn_${name} FILE tarn-${name}.cmake NAMESPACE tarn:: COMPONENT development
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+endfunction()
+
+configure_file(${PROJECT_SOURCE_DIR}/src/api/exports.map.in ${PROJECT_BINARY_DIR}/exports.map @ONLY)
+add_library(libtarn SHARED $<TARGET_OBJECTS:tarn_api>)
+target_link_libraries(libtarn PRIVATE ${rooms})
+target_link_options(libtarn PRIVATE LINKER:--no-undefined LINKER:--version-script=${PROJECT_BINARY_DIR}/exports.map)
+set_target_properties(libtarn PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+  LINK_DEPENDS ${PROJECT_BINARY_DIR}/exports.map)
+tarn_library(libtarn tarn)
+
+if(TARN_STATIC_LIBRARY)
+  add_library(libtarn_static STATIC)
+  foreach(room IN LISTS rooms)
+    target_sources(libtarn_static PRIVATE $<TARGET_OBJECTS:${room}>)
+  endforeach()
+  # tarnConfig.cmake finds the same.
+  target_link_libraries(libtarn_static PRIVATE
+    CURL::libcurl OpenSSL::Crypto PkgConfig::libav SQLite::SQLite3 Threads::Threads fmt::fmt)
+  tarn_library(libtarn_static static)
+endif()
+
+install(FILES ${public_headers} ${PROJECT_BINARY_DIR}/include/tarn/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn COMPONENT development)
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tarnConfig.cmake.in ${PROJECT_BINARY_DIR}/tarnConfig.cmake
+  INSTALL_DESTINATION ${package})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/tarnConfig.cmake ${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake
+  DESTINATION ${package} COMPONENT development)
+
+file(RELATIVE_PATH prefix_from_pc
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tarn.pc.in ${PROJECT_BINARY_DIR}/tarn.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tarn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
