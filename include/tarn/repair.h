@@ -31,6 +31,7 @@ struct RepairReport {
   std::string failure;                ///< why it failed, in words for people, without a stop
   std::optional<std::string> note;    ///< what was not looked at, and why, as a sentence
   std::vector<std::string> warnings;  ///< what was left as it was, or is lost, and why; each without a stop
+  bool isPartly = false;              ///< repaired, and a part of the video is missing, as the first warning says
 };
 
 /// Repairs `input`, which is never changed, into `output`, which appears whole or not at all and replaces what is

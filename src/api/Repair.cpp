@@ -57,6 +57,7 @@ RepairReport repairFile(const std::filesystem::path& input, const std::filesyste
     report.failure = result.outcome.words;
     report.note = result.note;
     report.warnings = result.outcome.leftAlone;
+    report.isPartly = result.outcome.isPartly;
   } catch (const std::exception& failure) {
     report.failure = failure.what();
   }

@@ -8,7 +8,7 @@
 namespace tarn {
 
 /// The exit codes of `tarn`.
-enum ExitCode : int { done = 0, failed = 1, usage = 2, interrupted = 130 };
+enum ExitCode : int { done = 0, failed = 1, usage = 2, partly = 5, interrupted = 130 };
 
 struct GlobalOptions {
   std::optional<std::string> home;

@@ -41,7 +41,7 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& arguments)
     return ExitCode::interrupted;
   }
   if (global.json) {
-    printJSON({{"result", "repaired"},
+    printJSON({{"result", report.isPartly ? "partly" : "repaired"},
                {"input", arguments.input},
                {"path", report.output.string()},
                {"note", report.note ? JSValue(*report.note) : JSValue()},
@@ -51,7 +51,7 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& arguments)
     for (const std::string& warning : report.warnings) printLine("Warning: " + warning);
     printLine(report.output.string());
   }
-  return ExitCode::done;
+  return report.isPartly ? ExitCode::partly : ExitCode::done;
 }
 
 }  // namespace tarn

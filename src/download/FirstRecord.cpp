@@ -1,5 +1,6 @@
 #include "download/FirstRecord.h"
 
+#include "fragments/CutMovie.h"
 #include "media/AVAsset.h"
 #include "parameters/VideoCodec.h"
 #include "platform/Error.h"
@@ -38,6 +39,16 @@ bool isInFragments(FileManager& files, const Path& path) {
   }
 }
 
+/// The same.
+bool hasBrokenOff(FileManager& files, const Path& path) {
+  try {
+    return isCutOff(files, path);
+  } catch (const PosixError& error) {
+    log("ERROR looking for the end of the movie: {}", error.description());
+    return false;
+  }
+}
+
 }  // namespace
 
 ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t id, const Path& path,
@@ -53,6 +64,8 @@ ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t 
                         .skipAVSync = skipsSound};
   if (state.needsRemuxing && isInFragments(files, path)) {
     logLine("Fragmented movie detected - it becomes a plain one first");
+  } else if (state.needsRemuxing && hasBrokenOff(files, path)) {
+    logLine("The end of the movie is missing - what is there becomes a whole one first");
   } else {
     deriveFlags(files, state);
   }

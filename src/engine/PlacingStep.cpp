@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <string>
+#include <vector>
+
 #include "platform/Error.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
@@ -13,7 +16,11 @@ namespace tarn {
 void PlacingStep::run(ProcessingRun& run) {
   run.timings.printSummary();
   run.token->throwIfCancelled();
-  const auto harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
+  std::vector<std::string> harms;
+  // Of a video that broke off the step that cut it has proved what it keeps.
+  if (!run.outcome.isPartly) {
+    harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
+  }
   if (!harms.empty()) {
     run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
   }

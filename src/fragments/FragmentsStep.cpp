@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "fragments/CutMovie.h"
 #include "fragments/FragmentAssembly.h"
 #include "fragments/FragmentReader.h"
 #include "fragments/FragmentsError.h"
@@ -55,6 +56,38 @@ class Joining {
   ProcessingRun& run_;
 };
 
+/// Keeps what is there of a plain movie that broke off.
+class Keeping {
+ public:
+  explicit Keeping(ProcessingRun& run) : run_(run) {}
+
+  void keep() {
+    const auto source = run_.files.open(run_.fileURL, OpenMode::reading);
+    auto movie = findCut(*source);
+    if (!movie) return;
+    const auto loss = movie->loss;
+    const std::vector<TrackSums> sums = loss ? sumsOf(movie->moov, movie->tables) : std::vector<TrackSums>();
+    logLine(loss ? loss->words() : "The size of the last mdat is wrong, and all samples are there");
+    const RunTempFile result(run_, run_.files.temporaryDirectory() / (makeUUID() + ".mp4"));
+    const auto target = run_.files.open(result.path(), OpenMode::exclusive);
+    writeCutMovie(*source, *target, *std::move(movie), [this](double part) {
+      run_.token->throwIfCancelled();
+      run_.reportProgress(part, "Keeping what is there");
+    });
+    target->synchronize();
+    target->close();
+    source->close();
+    if (loss) requireSums(run_.files, result.path(), sums);
+    run_.files.replaceItem(run_.fileURL, result.path());
+    if (!loss) return;
+    run_.warn(loss->words());
+    run_.outcome.isPartly = true;
+  }
+
+ private:
+  ProcessingRun& run_;
+};
+
 /// True for a failure that trying again may mend, or that must end the run.
 bool endsRun(const Error& error) {
   return dynamic_cast<const CancellationError*>(&error) || dynamic_cast<const PosixError*>(&error) ||
@@ -65,13 +98,17 @@ bool endsRun(const Error& error) {
 
 void FragmentsStep::run(ProcessingRun& run) {
   run.token->throwIfCancelled();
-  if (!isFragmented(run.files, run.fileURL)) return;
-  logLine("The movie is in fragments, and becomes a plain one");
+  const bool isInPieces = isFragmented(run.files, run.fileURL);
+  if (isInPieces) logLine("The movie is in fragments, and becomes a plain one");
   try {
-    Joining(run).join();
+    if (isInPieces) {
+      Joining(run).join();
+    } else {
+      Keeping(run).keep();
+    }
   } catch (const Error& error) {
     if (endsRun(error)) throw;
-    run.warn("The movie stays in fragments: " + error.description());
+    run.warn((isInPieces ? "The movie stays in fragments: " : "The movie stays cut off: ") + error.description());
   }
 }
 

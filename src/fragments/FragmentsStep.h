@@ -4,10 +4,11 @@
 
 namespace tarn {
 
-/// Makes a plain movie of one in fragments, ahead of the steps that know plain files alone; does nothing to any other
-/// file. It enters no stage of its own: cut off, it starts over. A movie that cannot become a plain one because of what
-/// it is fails the run (FragmentsError). One that is damaged otherwise stays as it is, with a warning, and so does one
-/// whose result is not what its fragments say. Lack of room and failures of the system are thrown.
+/// Makes a plain movie of one in fragments, and of a plain one that broke off one that ends well, ahead of the steps
+/// that know whole plain files alone; does nothing to any other file. It enters no stage of its own: cut off, it starts
+/// over. A movie that cannot become a plain one because of what it is fails the run (FragmentsError). One that is
+/// damaged otherwise stays as it is, with a warning, and so does one whose result is not what its fragments say. Lack
+/// of room and failures of the system are thrown.
 class FragmentsStep : public ProcessingStep {
  public:
   ProcessingStage gateStage() const override { return ProcessingStage::remuxing; }

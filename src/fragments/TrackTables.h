@@ -70,6 +70,9 @@ class TrackTables {
   /// Throws MovieError: doesNotFit for more samples than should be listed.
   std::vector<int64_t> compositionTimes() const;
 
+  /// Which samples are sync samples.
+  const Runs<bool>& syncs() const { return syncs_; }
+
   /// The number of samples, counted from the first one, that lie whole ahead of `end` in the file.
   uint64_t samplesAheadOf(uint64_t end) const;
   /// The end of the sample that reaches farthest in the file; 0 without samples.

@@ -18,10 +18,13 @@ auto countBoxes(const Inspection& inspection, std::string_view type) {
 }
 
 void listFileProblems(Inspection& inspection) {
-  auto add = [&](std::string words) { inspection.problems.push_back({Problem::Of::file, std::move(words)}); };
+  auto add = [&](std::string words, Problem::Of of = Problem::Of::file) {
+    inspection.problems.push_back({of, std::move(words)});
+  };
   for (const TopLevelBox& box : inspection.boxes) {
     if (box.missingBytes == 0) continue;
-    add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes));
+    add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes),
+        box.type == "mdat" ? Problem::Of::samples : Problem::Of::file);
   }
   if (!inspection.hasMovie) add("there is no moov box");
   if (countBoxes(inspection, "moov") > 1) add("there are several moov boxes; the first one counts");
@@ -30,7 +33,8 @@ void listFileProblems(Inspection& inspection) {
   }
   if (!inspection.video) return;
   if (const int64_t missing = inspection.video->missingSamples; missing > 0) {
-    add(fmt::format("{} picture{} behind the end of the file", missing, missing == 1 ? " ends" : "s end"));
+    add(fmt::format("{} picture{} behind the end of the file", missing, missing == 1 ? " ends" : "s end"),
+        Problem::Of::samples);
   }
   if (inspection.video->problem) add("the sample table of the video: " + *inspection.video->problem);
 }
@@ -61,16 +65,15 @@ void listPresentationProblems(const Presentation& presentation, Inspection& insp
   if (!sound) return;
   inspection.missingPackets = sound->locations.count() - sound->locations.countInFile();
   if (inspection.missingPackets == 0) return;
-  inspection.problems.push_back({Problem::Of::file, fmt::format("{} of the {} packets of the sound are not in the file",
-                                                                inspection.missingPackets, sound->locations.count())});
+  inspection.problems.push_back(
+      {Problem::Of::samples, fmt::format("{} of the {} packets of the sound are not in the file",
+                                         inspection.missingPackets, sound->locations.count())});
 }
 
 void readPresentation(FileManager& files, Inspection& inspection) {
   if (!inspection.hasMovie) return;
   if (isFragmented(files, inspection.file)) {
-    inspection.problems.push_back(
-        {Problem::Of::file,
-         "it is fragmented: its moov does not list all samples, and a repair does not mend that yet"});
+    inspection.problems.push_back({Problem::Of::samples, "it is in fragments: its moov does not list all samples"});
     return;
   }
   try {

@@ -82,6 +82,23 @@ struct VideoFacts {
   std::optional<BitstreamFacts> bitstream;  ///< of HEVC and AVC
 };
 
+/// What the fragments step does to the file.
+struct FragmentsForecast {
+  enum class Kind {
+    nothing,
+    joins,         ///< fragments become a plain movie
+    keepsPart,     ///< the end is missing; what is there becomes a whole movie
+    correctsSize,  ///< of an `mdat` that ends behind the end of the file, with all samples there
+    leavesAlone,   ///< what it would mend
+    refuses,
+  };
+
+  Kind kind = Kind::nothing;
+  std::string reason = {};
+
+  bool changesFile() const { return kind == Kind::joins || kind == Kind::keepsPart || kind == Kind::correctsSize; }
+};
+
 /// What the remux step does to the file.
 struct RemuxForecast {
   enum class Kind { skipped, leavesAlone, changesTag, rebuilds, splits, refuses };
@@ -145,6 +162,7 @@ struct Inspection {
   std::optional<std::string> syncProblem;  ///< why there are no sync facts
   std::vector<Problem> problems;           ///< what is wrong with the file
   uint32_t missingPackets = 0;             ///< of the sound, from the first one on that does not lie in the file
+  FragmentsForecast fragments;
   RemuxForecast remux;
   AudioForecast audio;
   SyncForecast syncFix;

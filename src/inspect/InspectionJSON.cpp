@@ -125,6 +125,24 @@ const char* kindText(Verdict::Kind kind) {
   return "";
 }
 
+const char* kindText(FragmentsForecast::Kind kind) {
+  switch (kind) {
+    case FragmentsForecast::Kind::nothing:
+      return "nothing";
+    case FragmentsForecast::Kind::joins:
+      return "joins";
+    case FragmentsForecast::Kind::keepsPart:
+      return "keepsPart";
+    case FragmentsForecast::Kind::correctsSize:
+      return "correctsSize";
+    case FragmentsForecast::Kind::leavesAlone:
+      return "leavesAlone";
+    case FragmentsForecast::Kind::refuses:
+      return "refuses";
+  }
+  return "";
+}
+
 const char* kindText(RemuxForecast::Kind kind) {
   switch (kind) {
     case RemuxForecast::Kind::skipped:
@@ -228,6 +246,8 @@ std::string inspectionJSON(const Inspection& inspection) {
   if (inspection.sync) object.set("sync", syncJSON(*inspection.sync));
   if (inspection.syncProblem) object.set("syncProblem", *inspection.syncProblem);
   object.set("problems", arrayOf(inspection.problems, [](const Problem& problem) { return JSValue(problem.words); }));
+  object.set("fragments",
+             JSObject{{"does", kindText(inspection.fragments.kind)}, {"reason", inspection.fragments.reason}});
   object.set("remux", JSObject{{"does", kindText(inspection.remux.kind)},
                                {"reason", inspection.remux.reason},
                                {"changesFile", inspection.remux.changesFile},

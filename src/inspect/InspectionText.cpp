@@ -150,6 +150,25 @@ void writeSync(Writer& out, const Inspection& inspection) {
            sync.syncOffsetSeconds < 0 ? "ahead of" : "after");
 }
 
+std::string fragmentsText(const FragmentsForecast& forecast) {
+  using Kind = FragmentsForecast::Kind;
+  switch (forecast.kind) {
+    case Kind::nothing:
+      return "";
+    case Kind::joins:
+      return "makes a plain movie of the fragments";
+    case Kind::keepsPart:
+      return "keeps what is there";
+    case Kind::correctsSize:
+      return "corrects the size of the mdat";
+    case Kind::leavesAlone:
+      return "leaves the movie as it is";
+    case Kind::refuses:
+      return "refuses the file";
+  }
+  return "";
+}
+
 std::string remuxText(const Inspection& inspection) {
   const RemuxForecast& remux = inspection.remux;
   const std::string tag = remux.entries.empty() ? "" : remux.entries.front().tag;
@@ -193,6 +212,10 @@ void writeOrder(Writer& out, const SyncFixOrder& order) {
 
 void writeRepair(Writer& out, const Inspection& inspection) {
   out.heading("Repair");
+  const FragmentsForecast& fragments = inspection.fragments;
+  if (fragments.kind != FragmentsForecast::Kind::nothing) {
+    out.line("the fragments step {}: {}", fragmentsText(fragments), fragments.reason);
+  }
   const RemuxForecast& remux = inspection.remux;
   out.line("the remux step {}: {}", remuxText(inspection), remux.reason);
   if (remux.kind != RemuxForecast::Kind::leavesAlone) writeEntries(out, remux.entries, "  ");
@@ -202,14 +225,16 @@ void writeRepair(Writer& out, const Inspection& inspection) {
   out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
   if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
   for (const std::string& warning : inspection.warnings) {
-    if (std::ranges::find(remux.losses, warning) == remux.losses.end()) out.line("warning: {}", warning);
+    const bool isTold = std::ranges::find(remux.losses, warning) != remux.losses.end() || warning == fragments.reason;
+    if (!isTold) out.line("warning: {}", warning);
   }
   for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file is kept: {}", harm);
   if (inspection.changesFile && inspection.isComparable) {
-    out.line("compared with the file: nothing is hidden, revealed or moved{}",
+    const bool isPart = fragments.kind == FragmentsForecast::Kind::keepsPart;
+    out.line("compared with {}: nothing is hidden, revealed or moved{}", isPart ? "what is there" : "the file",
              inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
   }
-  if (remux.kind == RemuxForecast::Kind::refuses) {
+  if (remux.kind == RemuxForecast::Kind::refuses || fragments.kind == FragmentsForecast::Kind::refuses) {
     out.line("so the repair fails. The file stays as it is.");
   } else {
     out.line("{}",

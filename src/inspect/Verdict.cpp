@@ -49,6 +49,8 @@ bool isMended(const Problem& problem, const Inspection& inspection) {
   switch (problem.of) {
     case Problem::Of::file:
       return false;
+    case Problem::Of::samples:
+      return inspection.fragments.changesFile();
     case Problem::Of::video:
       return inspection.remux.changesFile;
     case Problem::Of::sound:
@@ -60,6 +62,13 @@ bool isMended(const Problem& problem, const Inspection& inspection) {
 }
 
 Verdict verdictOn(const Inspection& inspection) {
+  const FragmentsForecast& fragments = inspection.fragments;
+  if (fragments.kind == FragmentsForecast::Kind::keepsPart) {
+    return {Kind::repairable, fmt::format("Repairable in part: {}; download it again for the rest", fragments.reason)};
+  }
+  if (fragments.kind == FragmentsForecast::Kind::refuses) {
+    return {Kind::broken, fmt::format("Broken: {}", fragments.reason)};
+  }
   if (const auto missing = whatIsMissing(inspection)) {
     return {Kind::broken, fmt::format("Broken: {}; download it again", *missing)};
   }

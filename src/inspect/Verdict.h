@@ -10,7 +10,13 @@ struct Inspection;
 /// Something that is wrong with the file.
 struct Problem {
   /// What of the file it is about, and so which step mends it; none mends the file as a whole.
-  enum class Of { file, video, sound, editLists };
+  enum class Of {
+    file,
+    samples,  ///< where the samples are: in fragments, or behind the end of the file
+    video,
+    sound,
+    editLists,
+  };
 
   Of of = Of::file;
   std::string words;

@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 
+#include "fragments/FragmentsStep.h"
 #include "inspect/InspectionJSON.h"
 #include "inspect/InspectionText.h"
 #include "platform/Capacitor.h"
@@ -47,6 +48,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
     Remux remux = Remux::leavesAlone;
     std::string tag = "avc1";  // of a result that can be played
     size_t losses = 0;
+    int exitCode = 0;
   };
   const std::string nothing = "Nothing to repair";
   const std::map<std::string, Row> expected = {
@@ -69,8 +71,8 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       {"a list of -2", {"Repairable: the edit list of track 2 has a media time below -1"}},
       {"a list behind the media", {"Repairable: the edit list of track 2 lies behind its media"}},
       {"no lists", {"Repairable: track 1 needs an edit list: it has none, and its first picture is not at 0"}},
-      {"fragments", {"Left alone: it is fragmented", Remux::skipped, ""}},
-      {"cut off", {"Broken: ", Remux::leavesAlone, ""}},
+      {"fragments", {"Repairable: it is in fragments"}},
+      {"cut off", {.verdict = "Repairable in part: the end of the file is missing: ", .exitCode = 5}},
   };
   const Path out = directory_ / "out.mp4", again = directory_ / "again.mp4";
   const auto repair = [&](const Path& from, const Path& to) {
@@ -91,7 +93,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
 
     const auto result = repair(file_, out);
     EXPECT_EQ(written(), movie.bytes);
-    ASSERT_EQ(result.exitCode, 0) << result.errors;
+    ASSERT_EQ(result.exitCode, row.exitCode) << result.errors;
     EXPECT_EQ(promise.changesFile, readFile(files_, out) != movie.bytes);
     const JSValue::Array warnings(promise.warnings.begin(), promise.warnings.end());
     const std::string told = JSObject{{"warnings", warnings}}.json();
@@ -174,9 +176,16 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
       if (promise.remux.kind == Remux::skipped) continue;
       RunRecorder recorder;
       ProcessingRun run = recorder.runOn(files_, file_);
+      // What the step before it says stands in its forecast.
+      const std::string refusalAhead = failureOf([&] { FragmentsStep().run(run); });
+      using Fragments = FragmentsForecast::Kind;
+      EXPECT_EQ(refusalAhead, promise.fragments.kind == Fragments::refuses ? promise.fragments.reason : "");
+      if (!refusalAhead.empty()) continue;
+      const Bytes ahead = written();
+      EXPECT_EQ(ahead != bytes, promise.fragments.changesFile());
       const std::string refusal = failureOf([&] { RemuxStep().run(run); });
       EXPECT_EQ(refusal, promise.remux.kind == Remux::refuses ? promise.remux.reason : "");
-      EXPECT_EQ(written() != bytes, promise.remux.changesFile);
+      EXPECT_EQ(written() != ahead, promise.remux.changesFile);
     }
   }
 }

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "movie/TrackFields.h"
 #include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "presentation/Presentation.h"
@@ -61,6 +62,17 @@ std::vector<TrackSums> sumsOf(const FragmentedMovie& movie) {
   std::vector<TrackSums> sums;
   for (const FragmentTrack& track : movie.tracks) {
     sums.push_back({track.trackID(), track.tables().sampleCount(), track.duration(), track.syncs()});
+  }
+  return sums;
+}
+
+std::vector<TrackSums> sumsOf(const MovieBox& moov, const std::vector<TrackTables>& tables) {
+  std::vector<TrackSums> sums;
+  for (const MovieBox& trak : moov.children) {
+    if (trak.type != "trak") continue;
+    const TrackTables& own = tables.at(sums.size());
+    const auto id = static_cast<uint32_t>(trackIDField.load(trak.find({"tkhd"})).value_or(0));
+    sums.push_back({id, own.sampleCount(), own.duration(), own.syncs()});
   }
   return sums;
 }

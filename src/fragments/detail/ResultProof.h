@@ -18,6 +18,8 @@ struct TrackSums {
 };
 
 std::vector<TrackSums> sumsOf(const FragmentedMovie& movie);
+/// The same of tables, those of each `trak` of the `moov`, in order.
+std::vector<TrackSums> sumsOf(const MovieBox& moov, const std::vector<TrackTables>& tables);
 
 /// Reads a plain movie and holds it against the sums: numbers of samples, all in the file, their duration, the sync
 /// samples, and edit lists that show something. Throws RefusedResult for a difference, PosixError.

@@ -2,9 +2,12 @@
 
 #include <fmt/ranges.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include "download/FirstRecord.h"
+#include "fragments/FragmentsStep.h"
 #include "inspect/detail/SoundForecast.h"
 #include "inspect/detail/VideoFacts.h"
 #include "mp4/MP4BoxUtils.h"
@@ -27,26 +30,63 @@ namespace {
 class TrialRun {
  public:
   TrialRun(FileManager& files, Inspection& inspection)
-      : files_(files),
-        trial_(files, newBytes_, "/new bytes"),
+      : files_(files, newBytes_, "/plain movie"),
+        trial_(files_, newBytes_, "/new bytes"),
         inspection_(inspection),
         path_(inspection.file),
-        run_(trial_, clock_, names_, listener_, makeFirstRecord(trial_, clock_, 0, path_, {}),
-             std::make_shared<CancellationToken>()) {}
+        run_(trial_, clock_, names_, listener_, makePlain(), std::make_shared<CancellationToken>()) {}
 
   void run() {
+    if (inspection_.fragments.kind == FragmentsForecast::Kind::refuses) return refuse();
     remux();
     readSyncFacts();
     decideOnAudio();
     fixSync();
-    inspection_.warnings = run_.outcome.leftAlone;
+    std::ranges::copy(run_.outcome.leftAlone, std::back_inserter(inspection_.warnings));
     if (!isRepaired()) return;
     inspection_.harms = harmsOfRepair(files_, path_, trial_, path_, false);
-    inspection_.changesFile =
-        inspection_.harms.empty() && (trial_.isChanged(path_) || inspection_.audio.replacesSound());
+    inspection_.changesFile = inspection_.harms.empty() &&
+                              (files_.isChanged(path_) || trial_.isChanged(path_) || inspection_.audio.replacesSound());
   }
 
  private:
+  /// Runs the fragments step on a trial of its own: what the others do is told by how they change its result. Returns
+  /// the record behind it.
+  ProcessingState makePlain() {
+    FragmentsForecast& forecast = inspection_.fragments;
+    ProcessingRun run(files_, clock_, names_, listener_, makeFirstRecord(files_, clock_, 0, path_, {}),
+                      std::make_shared<CancellationToken>());
+    if (!run.state.needsRemuxing) return run.state;
+    const bool isInPieces = isFragmented(files_, path_);
+    try {
+      FragmentsStep().run(run);
+    } catch (const std::exception& failure) {
+      forecast = {FragmentsForecast::Kind::refuses, failure.what()};
+      return run.state;
+    }
+    inspection_.warnings = run.outcome.leftAlone;
+    const std::string said = fmt::format("{}", fmt::join(inspection_.warnings, "; "));
+    if (run.outcome.isPartly) {
+      forecast = {FragmentsForecast::Kind::keepsPart, said};
+    } else if (files_.isChanged(path_)) {
+      forecast = isInPieces ? FragmentsForecast{FragmentsForecast::Kind::joins, "its moov does not list all samples"}
+                            : FragmentsForecast{FragmentsForecast::Kind::correctsSize, "all samples are in the file"};
+    } else if (!said.empty()) {
+      forecast = {FragmentsForecast::Kind::leavesAlone, said};
+    }
+    ProcessingState record = run.state;
+    deriveFlags(files_, record);
+    return record;
+  }
+
+  void refuse() {
+    const std::string words = "the fragments step ends the repair";
+    inspection_.remux.reason = words;
+    inspection_.audio.reason = words;
+    inspection_.syncFix = {SyncForecast::Kind::notReached, words};
+    readSyncFacts();
+  }
+
   bool isRepaired() const { return inspection_.remux.kind != RemuxForecast::Kind::refuses; }
 
   void remux() {
@@ -185,9 +225,9 @@ class TrialRun {
     std::erase_if(order.tracks, [&](const auto& track) { return sound && track.trackID == sound->trackID; });
   }
 
-  FileManager& files_;
   InMemoryFileManager newBytes_;  ///< a trial run writes nothing to the disk
-  LayeredFiles trial_;
+  LayeredFiles files_;            ///< as the fragments step leaves them
+  LayeredFiles trial_;            ///< as the other steps do
   Inspection& inspection_;
   const Path path_;
   SystemClock clock_;

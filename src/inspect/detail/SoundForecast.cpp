@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-
 #include "audio/AudioRepairDecision.h"
 #include "inspect/SoundText.h"
 #include "inspect/detail/MovieFacts.h"

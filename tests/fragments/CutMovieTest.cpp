@@ -1,0 +1,421 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+
+#include "fragments/CutMovie.h"
+#include "fragments/FragmentsStep.h"
+#include "support/BoxEditor.h"
+#include "support/FileTest.h"
+#include "support/MediaMaker.h"
+#include "support/RunRecorder.h"
+#include "support/SyntheticMovie.h"
+
+namespace tarn::test {
+namespace {
+
+/// A sample as ffprobe tells it, edit lists left aside.
+struct Sample {
+  int64_t pts;
+  int64_t dts;
+  uint64_t size;
+  uint64_t place;
+  std::string flags;
+  std::string hash;
+
+  bool isSame(const Sample& other) const {
+    return pts == other.pts && dts == other.dts && flags == other.flags && hash == other.hash;
+  }
+};
+using Samples = std::map<std::string, std::vector<Sample>>;
+
+Samples samplesOf(const Path& file) {
+  std::string text =
+      runProcess({"ffprobe", "-v", "error", "-ignore_editlist", "1", "-show_data_hash", "CRC32", "-of", "csv=p=0",
+                  "-show_entries", "packet=codec_type,pts,dts,size,pos,flags,data_hash", file})
+          .output;
+  std::ranges::replace(text, ',', ' ');
+  std::istringstream words(text);
+  Samples samples;
+  Sample sample;
+  for (std::string kind;
+       words >> kind >> sample.pts >> sample.dts >> sample.size >> sample.place >> sample.flags >> sample.hash;) {
+    samples[kind].push_back(sample);
+  }
+  EXPECT_TRUE(words.eof()) << text;
+  return samples;
+}
+
+/// What is left of a recording of which the first so many bytes are there, worked out from ffprobe's list of its
+/// samples: pictures as long as they are shown without a gap, and sound and pictures to a common end.
+struct Kept {
+  size_t pictures = 0;
+  size_t packets = 0;
+  double seconds = 0;
+};
+
+class Recording {
+ public:
+  static constexpr double pictureTicks = 12800, pictureLength = 0.04, packetLength = 1024.0 / 48000;
+
+  explicit Recording(const Path& whole) : samples_(samplesOf(whole)) {}
+
+  const std::vector<Sample>& pictures() const { return samples_.at("video"); }
+  const std::vector<Sample>& packets() const { return samples_.at("audio"); }
+
+  Kept keptOf(uint64_t bytes) const {
+    const size_t whole = countWhole(pictures(), bytes), sound = countWhole(packets(), bytes);
+    const double soundEnd = static_cast<double>(sound) * packetLength - priming;
+    Kept kept = picturesWithin(whole, 1e9);
+    const bool isSoundCut = sound < packets().size();
+    kept.packets = sound;
+    if (sound == 0 || kept.pictures == 0) return kept;
+    // A track of which nothing would be left is no measure.
+    if (isSoundCut && soundEnd < kept.seconds) {
+      const Kept cut = picturesWithin(whole, soundEnd);
+      if (cut.pictures == 0) return kept;
+      kept = cut;
+    }
+    const auto packetsAhead = static_cast<size_t>(std::ceil((kept.seconds + priming) / packetLength - 1e-6));
+    kept.packets = std::min(sound, packetsAhead);
+    return kept;
+  }
+
+ private:
+  static constexpr double priming = packetLength;  // hidden by the edit list
+
+  static size_t countWhole(const std::vector<Sample>& samples, uint64_t bytes) {
+    const auto cut = std::ranges::find_if(samples, [&](const Sample& each) { return each.place + each.size > bytes; });
+    return static_cast<size_t>(cut - samples.begin());
+  }
+
+  /// The longest prefix of the first `whole` pictures behind which no picture is shown ahead of one in it.
+  Kept picturesWithin(size_t whole, double end) const {
+    const int64_t first = std::ranges::min(pictures(), {}, &Sample::pts).pts;
+    Kept kept;
+    for (size_t count = 1; count <= whole; ++count) {
+      const auto middle = pictures().begin() + static_cast<ptrdiff_t>(count);
+      const int64_t last = std::ranges::max_element(pictures().begin(), middle, {}, &Sample::pts)->pts;
+      const bool hasGap = std::any_of(middle, pictures().end(), [&](const Sample& each) { return each.pts < last; });
+      const double seconds = static_cast<double>(last - first) / pictureTicks + pictureLength;
+      if (!hasGap && seconds < end + 1e-6) kept = {count, 0, seconds};
+    }
+    return kept;
+  }
+
+  Samples samples_;
+};
+
+/// A recording of 1 MiB whose `moov` stands ahead of its media.
+Path recording(const std::string& codec) {
+  return encodedVideo({.codec = codec,
+                       .parameters = "keyint=25:bframes=3",
+                       .size = "320x240",
+                       .seconds = 7,
+                       .more = words("-f lavfi -i sine=frequency=500:sample_rate=48000 -c:a aac -b:v 1100k "
+                                     "-movflags +faststart")});
+}
+
+/// The environment may ask for another one; 1 means a cut at every 1,009th byte.
+size_t cutStride() {
+  const char* const asked = std::getenv("TARN_CUT_STRIDE");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return asked ? std::max(1UL, std::stoul(asked)) : 50;
+}
+
+class CutMovieTest : public FileTest {
+ protected:
+  /// Runs the step on the file; what it throws, in words.
+  std::string runStep(const Bytes& bytes) {
+    RunRecorder recorder;
+    ProcessingRun run = recorder.runOn(files_, write(bytes));
+    const std::string failure = failureOf([&] { FragmentsStep().run(run); });
+    outcome_ = run.outcome;
+    return failure;
+  }
+
+  void expectFirst(const std::vector<Sample>& left, const std::vector<Sample>& all, size_t count) {
+    ASSERT_EQ(left.size(), count);
+    for (size_t i = 0; i < count; ++i) ASSERT_TRUE(left[i].isSame(all[i])) << "sample " << i;
+  }
+
+  RunOutcome outcome_;
+};
+
+class CutSweep : public CutMovieTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
+  const Path whole = recording(GetParam());
+  const Bytes bytes = readFile(files_, whole);
+  const Recording truth(whole);
+  const size_t stride = 1009 * cutStride();
+  size_t cuts = 0, refusals = 0;
+  for (size_t end = stride; end < bytes.size() && !HasFailure(); end += stride, ++cuts) {
+    SCOPED_TRACE(end);
+    const Kept kept = truth.keptOf(end);
+    const Bytes cut(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(end));
+    const std::string failure = runStep(cut);
+    if (kept.pictures == 0) {
+      ++refusals;
+      EXPECT_TRUE(failure.starts_with("The file ends ")) << failure;
+      EXPECT_EQ(written(), cut);
+      continue;
+    }
+    ASSERT_EQ(failure, "");
+    EXPECT_TRUE(outcome_.isPartly);
+    const std::string told = fmt::format("the end of the file is missing: {:.1f} of 7.0 s kept, {} picture",
+                                         kept.seconds, truth.pictures().size() - kept.pictures);
+    ASSERT_EQ(outcome_.leftAlone.size(), 1u);
+    EXPECT_TRUE(outcome_.leftAlone.front().starts_with(told)) << outcome_.leftAlone.front();
+    Samples left = samplesOf(file_);
+    expectFirst(left["video"], truth.pictures(), kept.pictures);
+    expectFirst(left["audio"], truth.packets(), kept.packets);
+    EXPECT_EQ(decoderComplaints(file_), "");
+    EXPECT_NEAR(std::stod(probeVideo(file_, "duration")), kept.seconds, 0.001);
+  }
+  std::cout << GetParam() << ": " << cuts << " cuts, " << refusals << " refusals\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, CutSweep, testing::Values("libx264", "libx265"),
+                         [](const auto& each) { return std::string(each.param); });
+
+/// 3 s of pictures and sound, the `moov` ahead.
+Bytes shortClip() {
+  const Path file = encodedVideo({.parameters = "keyint=25",
+                                  .seconds = 3,
+                                  .more = words("-f lavfi -i sine=frequency=500:sample_rate=48000 -c:a aac "
+                                                "-movflags +faststart")});
+  PosixFileManager files("/nonexistent");
+  return readFile(files, file);
+}
+
+Bytes firstBytes(const Bytes& bytes, double part) {
+  return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(part * static_cast<double>(bytes.size()))};
+}
+
+TEST_F(CutMovieTest, CorrectsTheSizeOfAnMdatThatIsSaidTooLong) {
+  using Piece = MovieLayout::Piece;
+  const MovieLayout layout(shortClip());
+  for (const Piece::Kind kind : {Piece::Kind::mdat, Piece::Kind::longMdat}) {
+    const Bytes healthy = layout.build({{Piece::Kind::raw, layout.ftyp}, {Piece::Kind::moov}, {kind}});
+    BoxEditor editor(healthy);
+    const size_t mdat = layout.ftyp.size() + layout.moov.size();
+    const bool isLong = editor.field(mdat) == 1;
+    const size_t size = isLong ? mdat + 12 : mdat;
+    for (const uint32_t surplus : {1u, 8u, 1000000u}) {
+      editor.setField(size, static_cast<uint32_t>(healthy.size() - mdat) + surplus);
+      EXPECT_EQ(runStep(editor.bytes), "");
+      EXPECT_EQ(written(), healthy);
+      EXPECT_FALSE(outcome_.isPartly);
+      EXPECT_TRUE(outcome_.leftAlone.empty());
+    }
+  }
+}
+
+TEST_F(CutMovieTest, LeavesAFileOfWholeBoxesAsItIs) {
+  using Piece = MovieLayout::Piece;
+  const MovieLayout layout(shortClip());
+  const Piece ftyp{Piece::Kind::raw, layout.ftyp}, moov{Piece::Kind::moov}, mdat{Piece::Kind::mdat};
+  const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];
+  BoxEditor wrongSize(layout.moovAhead());
+  wrongSize.setField(wrongSize.at("moov/trak/mdia/minf/stbl/stsz").offset + 20, 1 << 30);
+  const Bytes files[] = {
+      layout.moovAhead(),
+      layout.build({ftyp, mdat, moov}),
+      layout.build({ftyp, moov, {Piece::Kind::openMdat}}),
+      layout.build({ftyp, {Piece::Kind::mdat, {}, 0, middle}, moov, {Piece::Kind::mdat, {}, middle}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, box("free", {Bytes(9)})}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, Bytes(5)}}),
+      layout.build({ftyp, moov, mdat, {Piece::Kind::raw, boxClaiming(99, "free", {Bytes(9)})}}),
+      wrongSize.bytes,
+  };
+  for (const Bytes& file : files) {
+    SCOPED_TRACE(&file - files);
+    EXPECT_EQ(runStep(file), "");
+    EXPECT_EQ(written(), file);
+    EXPECT_FALSE(outcome_.isPartly);
+    EXPECT_FALSE(isCutOff(files_, file_));
+  }
+}
+
+TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
+  const Bytes whole = shortClip();
+  BoxEditor editor(whole);
+  const auto moov = editor.at("moov"), mdat = editor.at("mdat");
+  const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
+  const std::string cutMoov = "The file ends within its moov, which says where its samples are: download it again";
+  const std::pair<size_t, std::string> cases[] = {
+      {mdat.offset + 500, lost}, {mdat.offset + 8, lost},     {mdat.offset + 3, lost},
+      {moov.end(), lost},        {moov.end() - 200, cutMoov}, {moov.offset + 9, cutMoov},
+  };
+  for (const auto& [size, said] : cases) {
+    SCOPED_TRACE(size);
+    const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+    EXPECT_EQ(runStep(cut), said);
+    EXPECT_EQ(written(), cut);
+    EXPECT_TRUE(isCutOff(files_, file_));
+  }
+}
+
+/// The types of all boxes of a `moov`, in order.
+std::vector<std::string> typesIn(const BoxTree& tree) {
+  std::vector<std::string> types = {tree.type};
+  for (const BoxTree& child : tree.children) {
+    for (const std::string& type : typesIn(child)) types.push_back(type);
+  }
+  return types;
+}
+
+TEST_F(CutMovieTest, KeepsEveryOtherBoxInItsPlace) {
+  MovieLayout layout(shortClip());
+  BoxEditor editor(layout.moov);
+  const Bytes odd = box("odd!", {Bytes(40, 7)});
+  editor.insert("moov", editor.at("moov/trak").offset, odd);
+  editor.insert("moov/trak", editor.at("moov/trak/mdia").offset, odd);
+  editor.insert("moov/trak/mdia/minf/stbl", editor.at("moov/trak/mdia/minf/stbl/stsz").offset, odd);
+  layout.moov = editor.bytes;
+  using Piece = MovieLayout::Piece;
+  const Piece oddPiece{Piece::Kind::raw, odd};
+  const Bytes whole =
+      layout.build({{Piece::Kind::raw, layout.ftyp}, oddPiece, {Piece::Kind::moov}, oddPiece, {Piece::Kind::mdat}});
+  ASSERT_EQ(runStep(firstBytes(whole, 0.6)), "");
+  ASSERT_TRUE(outcome_.isPartly);
+  EXPECT_EQ(decoderComplaints(file_), "");
+  const BoxEditor before(whole), after(written());
+  EXPECT_EQ(typesIn(BoxTree(after.get("moov"))), typesIn(BoxTree(before.get("moov"))));
+  EXPECT_EQ(after.all("odd!").size(), 2u);
+  for (const char* path : {"ftyp", "odd!", "moov/odd!", "moov/trak/odd!", "moov/trak/mdia/minf/stbl/odd!",
+                           "moov/trak/mdia/minf/stbl/stsd", "moov/udta"}) {
+    EXPECT_EQ(after.get(path), before.get(path)) << path;
+  }
+}
+
+/// Samples of 10 bytes, each a tenth of a second long.
+SyntheticTrack tenths(const std::string& handler, uint32_t samples) {
+  return {.handler = handler,
+          .timescale = 10,
+          .stts = {{samples, 1}},
+          .samples = samples,
+          .sample = Bytes(10, 1),
+          .mediaDuration = samples};
+}
+
+/// "vide 30 lasting 30, shown 30; 20 from -1, 10 from 5"
+std::string described(BoxTree& trak) {
+  BoxTree& stbl = trak.at("mdia/minf/stbl");
+  std::string words =
+      fmt::format("{} {} lasting {}, shown {}", textOf(ByteView(trak.at("mdia/hdlr").fields).subspan(8, 4)),
+                  readUInt32(stbl.at("stsz").fields, 8).value(), readUInt32(trak.at("mdia/mdhd").fields, 16).value(),
+                  readUInt32(trak.at("tkhd").fields, 20).value());
+  if (trak.child("edts") == trak.children.end()) return words;
+  const Bytes& rows = trak.at("edts/elst").fields;
+  for (size_t at = 8; at + 12 <= rows.size(); at += 12) {
+    words += fmt::format("{} {} from {}", at == 8 ? ";" : ",", readUInt32(rows, at).value(),
+                         static_cast<int32_t>(readUInt32(rows, at + 4).value()));
+  }
+  return words;
+}
+
+TEST_F(CutMovieTest, LetsTimesFollowTheSamples) {
+  const auto with = [](SyntheticTrack track, std::vector<std::pair<uint64_t, int64_t>> edits) {
+    track.edits = std::move(edits);
+    return track;
+  };
+  const SyntheticTrack pictures = tenths("vide", 120), sound = tenths("soun", 120);
+  SyntheticTrack texts = tenths("text", 2);
+  texts.stts = {{2, 60}};
+  SyntheticTrack reordered = pictures;  // I P B B P B B
+  reordered.ctts = {{1, 1}};
+  for (int i = 0; i < 39; ++i) reordered.ctts.insert(reordered.ctts.end(), {{1, 3}, {2, 0}});
+  reordered.ctts.push_back({2, 1});
+  const std::vector<std::pair<uint64_t, int64_t>> shortList = {{20, -1}, {50, 10}, {40, 80}};
+  struct Case {
+    const char* name;
+    std::vector<SyntheticTrack> tracks;  // the media of one stand behind those of the other
+    size_t samples;                      // that are in the file, of all tracks together
+    std::vector<std::string> expected;
+    std::string said;
+  };
+  const Case cases[] = {
+      {"sound that ends early",
+       {pictures, sound},
+       150,
+       {"vide 30 lasting 30, shown 30", "soun 30 lasting 30, shown 30"},
+       "3.0 s kept, 90 pictures lost"},
+      {"sound that ends far too early",
+       {pictures, sound},
+       130,
+       {"vide 120 lasting 120, shown 0", "soun 10 lasting 10, shown 10"},
+       "12.0 s kept, 110 packets of the sound lost; the sound ends at 1.0 s"},
+      {"no sound at all",
+       {pictures, sound},
+       120,
+       {"vide 120 lasting 120, shown 0", "soun 0 lasting 0, shown 0"},
+       "12.0 s kept, 120 packets of the sound lost"},
+      {"pictures that end early",
+       {sound, pictures},
+       230,
+       {"soun 110 lasting 110, shown 110", "vide 110 lasting 110, shown 110"},
+       "11.0 s kept, 10 pictures lost"},
+      {"a text that would outlast them",
+       {texts, sound, pictures},
+       212,
+       {"text 2 lasting 90, shown 90", "soun 90 lasting 90, shown 90", "vide 90 lasting 90, shown 90"},
+       "9.0 s kept, 30 pictures lost"},
+      {"nothing but a text",
+       {pictures, texts},
+       121,
+       {"vide 120 lasting 120, shown 0", "text 1 lasting 60, shown 60"},
+       "12.0 s kept, 1 sample of other tracks lost"},
+      {"sound alone",
+       {with(sound, {{100, 5}})},
+       50,
+       {"soun 50 lasting 50, shown 45; 45 from 5"},
+       "4.5 s kept, 70 packets of the sound lost"},
+      {"an edit that is not reached",
+       {with(pictures, shortList)},
+       70,
+       {"vide 70 lasting 70, shown 70; 20 from -1, 50 from 10"},
+       "7.0 s kept, 50 pictures lost"},
+      {"an edit of which a part is there",
+       {with(pictures, shortList)},
+       90,
+       {"vide 90 lasting 90, shown 80; 20 from -1, 50 from 10, 10 from 80"},
+       "8.0 s kept, 30 pictures lost"},
+      {"an edit to the end",
+       {with(pictures, {{0, 5}}), sound},
+       200,
+       {"vide 85 lasting 85, shown 80; 0 from 5", "soun 80 lasting 80, shown 80"},
+       "8.0 s kept, 35 pictures lost"},
+      {"pictures in another order",
+       {with(reordered, {{120, 1}})},
+       60,
+       {"vide 58 lasting 58, shown 58; 58 from 1"},
+       "5.8 s kept, 62 pictures lost"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    Bytes movie = MovieLayout(joined({syntheticMovie(each.tracks, 10), box("ftyp")})).moovAhead();
+    size_t all = 0;
+    for (const SyntheticTrack& track : each.tracks) all += track.samples;
+    // A few bytes of the next one are there.
+    movie.resize(movie.size() - 10 * (all - each.samples) + 3);
+    ASSERT_EQ(runStep(movie), "");
+    ASSERT_EQ(outcome_.leftAlone, std::vector{"the end of the file is missing: " + each.said});
+    BoxTree moov(BoxEditor(written()).get("moov"));
+    std::vector<std::string> found;
+    uint32_t longest = 0;
+    for (BoxTree& child : moov.children) {
+      if (child.type != "trak") continue;
+      found.push_back(described(child));
+      longest = std::max(longest, readUInt32(child.at("tkhd").fields, 20).value());
+    }
+    EXPECT_EQ(found, each.expected);
+    EXPECT_EQ(readUInt32(moov.at("mvhd").fields, 16), longest);
+  }
+}
+
+}  // namespace
+}  // namespace tarn::test
