@@ -85,6 +85,20 @@ class MediaFinder {
   Media media_;
 };
 
+/// The types of the boxes that a file begins with.
+std::vector<std::string> typesIn(FileHandle& file) {
+  constexpr size_t mostBoxes = 1000;
+  std::vector<std::string> types;
+  const uint64_t size = file.seekToEnd();
+  FileBoxWalker walker(file, 0, size, boxwalk::topLevelScan);
+  while (const auto box = walker.next()) {
+    if (types.size() == mostBoxes || (types.empty() && !isNeighbour(box->type))) return types;
+    if (box->type != "moov" || box->end() <= size) types.push_back(box->type);
+  }
+  if (walker.stop().type == "mdat") types.emplace_back("mdat");
+  return types;
+}
+
 /// One rebuilding, from the walk to the proof by decoding.
 class Rebuilding {
  public:
@@ -122,10 +136,11 @@ class Rebuilding {
                        found_.end, found_.pictures.size(), secondsOfPictures(), why);
   }
   LostMoovError broken(std::string_view why) const {
-    return LostMoovError(words(why) + ". Is the healthy movie from the same recorder, with the same settings?");
+    return LostMoovError(words(why) + "; the healthy movie must be from the same recorder, with the same settings");
   }
 
   void walk(uint64_t begin, uint64_t end) {
+    begin_ = begin;
     const auto size = static_cast<double>(std::max<uint64_t>(end - std::min(begin, end), 1));
     found_ = MediaWalk(file_, recorder_, begin, end).run([&](uint64_t at) {
       poll_(walked * static_cast<double>(at - begin) / size);
@@ -147,11 +162,11 @@ class Rebuilding {
     for (size_t i = 0; i < samples.size() && isGood; ++i) {
       file_.seek(samples[i].offset);
       isGood = check.take(file_.read(samples[i].size));
-      if (i % 64 == 0)
-        poll_(walked + (decoded - walked) * static_cast<double>(i) / static_cast<double>(samples.size()));
+      bytesDecoded_ += samples[i].size;
+      const auto all = static_cast<double>(std::max<uint64_t>(found_.end - begin_, 1));
+      if (i % 64 == 0) poll_(std::min(walked + (decoded - walked) * static_cast<double>(bytesDecoded_) / all, decoded));
     }
-    if (check.finish()) return;
-    found_.breakAt(samples[static_cast<size_t>(check.goodSamples())].offset);
+    if (!check.finish()) found_.breakAt(samples[static_cast<size_t>(check.goodSamples())].offset);
   }
 
   /// What was found must be the movie's beginning, and not what a wrong recorder takes for one.
@@ -173,9 +188,17 @@ class Rebuilding {
   Recorder recorder_;
   const std::function<void(double)>& poll_;
   FoundMedia found_;
+  uint64_t begin_ = 0;  ///< of the media
+  uint64_t bytesDecoded_ = 0;
 };
 
 }  // namespace
+
+bool hasLostMoov(FileManager& files, const Path& path) {
+  const std::vector<std::string> types = typesIn(*files.open(path, OpenMode::reading));
+  const auto has = [&](std::string_view type) { return std::ranges::find(types, type) != types.end(); };
+  return has("mdat") && !has("moov") && !has("moof");
+}
 
 RebuiltMovie rebuildLostMoov(FileManager& files, const Path& broken, const Path& healthy, const Path& result,
                              const std::function<void(double)>& poll) {

@@ -109,8 +109,8 @@ std::optional<uint32_t> MediaWalk::packetSize() {
   return static_cast<uint32_t>(block->size);
 }
 
-/// A piece of PCM is as long as one of the healthy movie's, with a picture or the end behind it. The last one may be
-/// shorter.
+/// A piece of PCM is as long as one of the healthy movie's, with a picture or the end behind it. At the end a recorder
+/// writes what it still holds.
 std::optional<uint32_t> MediaWalk::pieceSize() {
   const std::vector<uint64_t>& pieces = recorder_.sound->pieces;
   const uint64_t rest = bytes_.end() - at_;
@@ -118,7 +118,7 @@ std::optional<uint32_t> MediaWalk::pieceSize() {
     if (piece > rest) break;
     if (piece == rest || unitAt(at_ + piece)) return static_cast<uint32_t>(piece);
   }
-  if (rest >= pieces.back() || rest % recorder_.sound->blockSize != 0) return std::nullopt;
+  if (rest > 2 * pieces.back() || rest % recorder_.sound->blockSize != 0) return std::nullopt;
   return static_cast<uint32_t>(rest);
 }
 

@@ -4,9 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include "fragments/MovieTimes.h"
 #include "movie/MovieError.h"
 #include "movie/TrackFields.h"
-#include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
 #include "mp4/EditTimeline.h"
 
@@ -42,33 +42,19 @@ TrackTables soundTables(const FoundMedia& found, const RecordedSound& recorded) 
 
 /// Keeps how late a track begins, and lets it end with its media. Returns how long the track is shown, movie timescale.
 uint64_t fitEdits(MovieBox& trak, int64_t mediaEnd, uint32_t timescale, uint32_t movieTimescale) {
-  const MovieBox* old = trak.find({"edts", "elst"});
-  const auto entries = old ? readEditList(old->plainBytes(), editlist::replaced) : std::vector<EditListEntry>();
-  std::vector<EditListEntry> kept;
-  int64_t shown = 0;
-  for (const EditListEntry& entry : entries) {
-    kept.push_back(entry);
-    if (!entry.isEmpty()) {
-      const int64_t length = std::max<int64_t>(mediaEnd - std::max<int64_t>(entry.mediaTime, 0), 0);
-      kept.back().duration = movieTicks(length, timescale, movieTimescale);
-    }
-    shown += kept.back().duration;
-    if (!entry.isEmpty()) break;
-  }
-  if (kept.empty() || kept.back().isEmpty()) {
-    trak.removeAll("edts");
+  std::vector<EditListEntry> entries = editListOf(trak);
+  const auto media = std::ranges::find_if_not(entries, &EditListEntry::isEmpty);
+  if (media == entries.end()) {
+    putEdits(trak, {});
     return static_cast<uint64_t>(movieTicks(mediaEnd, timescale, movieTimescale));
   }
-  Bytes box;
-  ByteWriter writer(box);
-  writer.uint32(0).text("elst").uint32(static_cast<uint32_t>(layout::versionWord(1)));
-  writer.uint32(static_cast<uint32_t>(kept.size()));
-  for (const EditListEntry& entry : kept) {
-    writer.uint64(static_cast<uint64_t>(entry.duration)).uint64(static_cast<uint64_t>(entry.mediaTime));
-    writer.uint32(static_cast<uint32_t>(entry.mediaRate));
-  }
-  trak.find({"edts"})->put(MovieBox::of(box));
-  return static_cast<uint64_t>(shown);
+  entries.erase(media + 1, entries.end());
+  const int64_t begin = std::max<int64_t>(entries.back().mediaTime, 0);
+  entries.back().duration = movieTicks(std::max<int64_t>(mediaEnd - begin, 0), timescale, movieTimescale);
+  putEdits(trak, entries);
+  uint64_t shown = 0;
+  for (const EditListEntry& entry : entries) shown += static_cast<uint64_t>(entry.duration);
+  return shown;
 }
 
 }  // namespace
@@ -89,11 +75,11 @@ PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
     const uint32_t timescale = isPictures ? recorder.pictures.timescale : recorder.sound->timescale;
     const int64_t mediaEnd = isPictures ? tables.composition().end : static_cast<int64_t>(tables.duration());
     const uint64_t shown = fitEdits(trak, mediaEnd, timescale, movieTimescale);
-    headerDurationField.store(trak.find({"mdia", "mdhd"}), tables.duration());
-    tkhdDurationField.store(trak.find({"tkhd"}), shown);
+    storeDuration(trak.find({"mdia", "mdhd"}), headerDurationField, tables.duration());
+    storeDuration(trak.find({"tkhd"}), tkhdDurationField, shown);
     longest = std::max(longest, shown);
   }
-  headerDurationField.store(mvhd, longest);
+  storeDuration(mvhd, headerDurationField, longest);
   return movie;
 }
 
