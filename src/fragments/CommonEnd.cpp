@@ -181,7 +181,7 @@ class EndingTrack {
       const double length = std::min(time - seconds(edit.movieStart), seconds(edit.movieDuration));
       if (!edit.mediaStart || length <= 0) continue;
       const double media = std::clamp<double>(length * speed(edit) * timescale_, 1, MediaEdit::latestTime);
-      end = std::max(end, *edit.mediaStart + std::llround(media));
+      end = std::max(end, *edit.mediaStart + static_cast<int64_t>(std::llround(media)));
     }
     return end;
   }
