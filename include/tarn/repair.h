@@ -12,10 +12,13 @@
 
 namespace tarn {
 
-/// What a repair leaves alone.
+/// What a repair leaves alone, and what helps it.
 struct RepairOptions {
   bool skipVideoFix = false;  ///< only copies the file
   bool skipAudioFix = false;  ///< leaves sound and timing as they are
+  /// For an input whose `moov` is lost, since its recorder died: a healthy movie of the same recorder, by which it is
+  /// rebuilt. Only for such an input.
+  std::optional<std::filesystem::path> like = std::nullopt;
 };
 
 /// How a repair ended.

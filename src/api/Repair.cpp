@@ -19,9 +19,16 @@ RepairRequest checked(const Path& input, const Path& output, const RepairOptions
                      .output = fs::absolute(output),
                      .skipVideoFix = options.skipVideoFix,
                      .skipAudioFix = options.skipAudioFix};
+  if (options.like) ends.like = fs::absolute(*options.like);
   std::error_code ignored;
   if (!fs::exists(ends.input, ignored)) throw unusable(fmt::format("There is no file {}", input.string()));
   if (!fs::is_regular_file(ends.input, ignored)) throw unusable(fmt::format("{} is not a file", input.string()));
+  if (ends.like && !fs::is_regular_file(*ends.like, ignored)) {
+    throw unusable(fmt::format("There is no file {}", options.like->string()));
+  }
+  if (ends.like && fs::equivalent(*ends.like, ends.output, ignored)) {
+    throw unusable("The healthy movie and OUT are the same file; name another OUT");
+  }
   if (!fs::is_directory(ends.output.parent_path(), ignored)) {
     throw unusable(fmt::format("The directory of {} does not exist; make it first", output.string()));
   }

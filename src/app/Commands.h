@@ -30,6 +30,7 @@ struct RepairArguments {
   std::string output;
   bool skipVideoFix = false;
   bool skipAudioFix = false;
+  std::optional<std::string> like;
 };
 
 struct ServeOptions {

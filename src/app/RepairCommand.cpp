@@ -18,8 +18,10 @@ RepairReport repair(const RepairArguments& arguments, const std::stop_token& can
   const auto progress = [&](std::string_view stage, double done) {
     if (printer) printer->showStage(std::string(stage), static_cast<int64_t>(done * 100));
   };
-  return repairFile(arguments.input, arguments.output,
-                    {.skipVideoFix = arguments.skipVideoFix, .skipAudioFix = arguments.skipAudioFix}, progress, cancel);
+  return repairFile(
+      arguments.input, arguments.output,
+      {.skipVideoFix = arguments.skipVideoFix, .skipAudioFix = arguments.skipAudioFix, .like = arguments.like},
+      progress, cancel);
 }
 
 int reportFailure(const GlobalOptions& global, const RepairArguments& arguments, const std::string& words) {

@@ -40,6 +40,7 @@ int run(int argc, char** argv) {
   repair->add_option("-o,--output", repairing.output, "The result; it appears whole or not at all")->required();
   repair->add_flag("--skip-video-fix", repairing.skipVideoFix, "Only copy the file");
   repair->add_flag("--skip-audio-fix", repairing.skipAudioFix, "Leave sound and timing as they are");
+  repair->add_option("--like", repairing.like, "A healthy recording from the same device, for IN whose moov is lost");
 
   std::string inspected;
   auto* inspect =

@@ -27,7 +27,7 @@ void PlacingStep::run(ProcessingRun& run) {
   const Path& taken = harms.empty() ? run.fileURL : source_.path;
   files_.materialise(taken, result_.made, [&] { run.token->throwIfCancelled(); });
   PosixFileManager disk(result_.made.parent_path());
-  if (disk.attributes(source_.path) != source_.facts) {
+  if (disk.attributes(source_.input) != source_.facts) {
     throw Error("Repair", -1, "the file was changed while it was read");
   }
   disk.replaceItem(result_.place, result_.made);

@@ -13,8 +13,9 @@ namespace tarn {
 class PlacingStep : public ProcessingStep {
  public:
   struct Source {
-    Path path;                            ///< absolute
-    std::optional<FileAttributes> facts;  ///< from before it was opened
+    Path path;                            ///< what the result is compared with: the input, or what was rebuilt from it
+    Path input;                           ///< a file of the disk
+    std::optional<FileAttributes> facts;  ///< of the input, from before it was opened
   };
 
   struct Result {

@@ -11,6 +11,7 @@
 #include "platform/Error.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/layers/LayeredFiles.h"
+#include "recover/LostMoov.h"
 #include "remux/LeftAlone.h"
 
 namespace tarn {
@@ -44,6 +45,27 @@ Path placeOf(const Path& output) {
   return failure ? output : place;
 }
 
+/// Makes a movie of the input, whose `moov` is lost, and says so in the result. Throws Error, CancellationError.
+void rebuild(LayeredFiles& files, const RepairRequest& request, const Path& rebuilt, CancellationToken& token,
+             const RepairProgress& progress, RepairResult& result) {
+  constexpr double step = 0.05;
+  double told = 0;
+  const auto poll = [&](double part) {
+    token.throwIfCancelled();
+    if (progress && part >= told + step) progress("Rebuilding", told = part);
+  };
+  const RebuiltMovie movie = rebuildLostMoov(files, request.input, *request.like, rebuilt, poll);
+  result.note = fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
+                            movie.pictures, movie.seconds);
+  if (!movie.brokenOff) return;
+  result.outcome.isPartly = true;
+  result.outcome.leftAlone.push_back(*movie.brokenOff);
+}
+
+void append(std::optional<std::string>& note, const std::string& sentence) {
+  note = note ? *note + " " + sentence : sentence;
+}
+
 }  // namespace
 
 RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<CancellationToken>& token,
@@ -55,9 +77,24 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   // The run ends with the removal of its file, so that must not be the input itself.
   const Path video = home.path() / "Documents" / "video.mp4";
   const auto facts = disk.attributes(request.input);
-  files.layOver(video, request.input);
-
   RepairResult result;
+  Path source = request.input;
+  if (request.like) {
+    source = home.path() / "rebuilt.mp4";
+    try {
+      rebuild(files, request, source, *token, progress, result);
+    } catch (const CancellationError&) {
+      return {};
+    }
+    files.copyItem(source, video);
+  } else if (hasLostMoov(files, request.input)) {
+    throw LostMoovError(
+        "its moov, the index of its media, is missing: download it again, or rebuild it with --like and a healthy "
+        "recording from the same device");
+  } else {
+    files.layOver(video, request.input);
+  }
+
   SystemClock clock;
   UserDefaults defaults(files, home.path() / "Defaults");
   ProcessingStateManager store(defaults, files, clock);
@@ -65,16 +102,19 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   const ProcessingState record = makeFirstRecord(files, clock, 0, video, wishes);
   if (!record.needsRemuxing && !request.skipVideoFix) {
     if (const auto why = whyTheVideoIsLeftAlone(files, video)) {
-      result.note = fmt::format("The video was left as it is: {}.", *why);
+      append(result.note, fmt::format("The video was left as it is: {}.", *why));
     }
   }
 
   SingleRun listener(progress);
   NamesInTheMaking names;
   RepairSteps steps;
-  PlacingStep last(files, {request.input, facts}, {home.path() / "result", place});
+  PlacingStep last(files, {source, request.input, facts}, {home.path() / "result", place});
   ProcessingDriver(files, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token);
-  result.outcome = listener.outcome();
+  RunOutcome outcome = listener.outcome();
+  outcome.isPartly |= result.outcome.isPartly;
+  outcome.leftAlone.insert(outcome.leftAlone.begin(), result.outcome.leftAlone.begin(), result.outcome.leftAlone.end());
+  result.outcome = std::move(outcome);
   return result;
 }
 

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "fragments/FragmentsError.h"
-#include "fragments/detail/MovieTimes.h"
+#include "fragments/MovieTimes.h"
 #include "movie/MovieError.h"
 #include "mp4/EditTimeline.h"
 

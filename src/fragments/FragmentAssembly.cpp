@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "fragments/detail/FragmentEdits.h"
-#include "fragments/detail/MovieTimes.h"
+#include "fragments/MovieTimes.h"
 #include "movie/MovieError.h"
 #include "mp4/EditTimeline.h"
 

@@ -74,7 +74,6 @@ DecodeCheck::DecodeCheck(Codec codec, ByteView configuration) {
   context.max_pixels = mostPixels;
   context.thread_count = codec == Codec::aac ? 1 : 0;
   context.log_level_offset = AV_LOG_MAX_OFFSET;
-  context.pkt_timebase = {1, 25};
   if (avcodec_open2(&context, decoder, nullptr) < 0) {
     throw Error("DecodeCheck", -1, "The decoder does not take this configuration");
   }

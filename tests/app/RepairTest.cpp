@@ -87,7 +87,7 @@ TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
     layers.open(result, OpenMode::creating)->write(editor.bytes);
     RunRecorder recorder;
     ProcessingRun run = recorder.runOn(layers, result);
-    PlacingStep(layers, {in_, files_.attributes(in_)}, {place_ / "made", out_}).run(run);
+    PlacingStep(layers, {in_, in_, files_.attributes(in_)}, {place_ / "made", out_}).run(run);
     EXPECT_EQ(contentOf(out_), doesHarm ? source_ : textOf(editor.bytes));
     std::vector<std::string> warnings;
     if (doesHarm)

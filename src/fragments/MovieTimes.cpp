@@ -1,4 +1,4 @@
-#include "fragments/detail/MovieTimes.h"
+#include "fragments/MovieTimes.h"
 
 #include <algorithm>
 #include <limits>

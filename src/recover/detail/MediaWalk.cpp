@@ -1,0 +1,146 @@
+#include "recover/detail/MediaWalk.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace tarn {
+namespace {
+
+constexpr uint64_t pollDistance = 1 << 20;
+constexpr uint64_t largestSample = std::numeric_limits<uint32_t>::max();
+
+}  // namespace
+
+MediaWalk::MediaWalk(FileHandle& file, const Recorder& recorder, uint64_t begin, uint64_t end)
+    : recorder_(recorder),
+      bytes_(file, begin, end),
+      reader_(PictureReader::make(*recorder.pictures.codec, recorder.pictures.sets)),
+      at_(begin) {
+  if (recorder.sound && !recorder.sound->isPCM) packets_.emplace(recorder.sound->rate);
+}
+
+FoundMedia MediaWalk::run(const std::function<void(uint64_t)>& poll) {
+  uint64_t told = at_;
+  bool goesOn = true;
+  while (goesOn && at_ < bytes_.end()) {
+    const auto unit = unitAt(at_);
+    goesOn = unit ? takeUnit(*unit) : takeSound();
+    if (at_ - told >= pollDistance) poll(told = at_);
+  }
+  finish();
+  return std::move(found_);
+}
+
+std::optional<MediaWalk::Unit> MediaWalk::unitAt(uint64_t offset) {
+  const size_t prefix = recorder_.pictures.prefixSize;
+  const ByteView front = bytes_.at(offset, prefix + PictureReader::frontSize);
+  if (front.size() <= prefix) return std::nullopt;
+  uint64_t length = 0;
+  for (size_t i = 0; i < prefix; ++i) length = length << 8 | front[i];
+  if (length == 0 || length > bytes_.end() - offset - prefix) return std::nullopt;
+  const size_t there = static_cast<size_t>(std::min<uint64_t>(length, front.size() - prefix));
+  const auto unit = reader_->read(front.subspan(prefix, there));
+  if (!unit) return std::nullopt;
+  const uint64_t end = offset + prefix + length;
+  if (!bytes_.isFreeOfStartCodes(offset + prefix, end)) return std::nullopt;
+  const ByteView last = bytes_.at(end - 1, 1);
+  if (last.empty() || last[0] == 0) return std::nullopt;
+  if (unit->role == StreamUnit::Role::ahead && !isKnownSet(offset + prefix, length)) return std::nullopt;
+  return Unit{.is = *unit, .size = prefix + length};
+}
+
+/// False for a parameter set that the sample entry does not hold.
+bool MediaWalk::isKnownSet(uint64_t offset, uint64_t size) {
+  const NALCodec& codec = recorder_.pictures.codec->nal;
+  const ByteView first = bytes_.at(offset, 1);
+  const auto kind = first.empty() ? std::nullopt : codec.parameterSetKind(codec.type(first[0]));
+  if (!kind) return true;
+  if (size > longestStoredSet) return false;
+  const ByteView unit = bytes_.at(offset, static_cast<size_t>(size));
+  return std::ranges::any_of(unitsOf(recorder_.pictures.sets, *kind),
+                             [&](const Bytes& known) { return std::ranges::equal(known, unit); });
+}
+
+bool MediaWalk::takeUnit(const Unit& unit) {
+  if (unit.is.role == StreamUnit::Role::slice) {
+    if (!takeSlice(unit)) return false;
+  } else if (unit.is.role == StreamUnit::Role::behind) {
+    if (!open_ || open_->picture.slices == 0) return false;
+  } else if (!open_) {
+    open(at_);
+  } else if (open_->picture.slices > 0 && !open_->units) {
+    open_->units = at_;
+  }
+  at_ += unit.size;
+  return true;
+}
+
+bool MediaWalk::takeSlice(const Unit& unit) {
+  const auto order = unit.is.isFirst ? reader_->order(unit.is) : std::nullopt;
+  if (order) {
+    const uint64_t begin = open_ && open_->units ? *open_->units : at_;
+    if (open_ && open_->picture.slices > 0) close(begin);
+    if (!open_) open(begin);
+    open_->picture.order = *order;
+    open_->picture.isSync = unit.is.isSync;
+  } else if (!open_ || open_->picture.slices == 0 || (!unit.is.isFirst && open_->units)) {
+    return false;
+  }
+  open_->units.reset();
+  ++open_->picture.slices;
+  return true;
+}
+
+bool MediaWalk::takeSound() {
+  if (!recorder_.sound || (open_ && (open_->picture.slices == 0 || open_->units))) return false;
+  const auto size = recorder_.sound->isPCM ? pieceSize() : packetSize();
+  if (!size) return false;
+  if (open_) close(at_);
+  found_.sound.push_back({.offset = at_, .size = *size});
+  at_ += *size;
+  return true;
+}
+
+std::optional<uint32_t> MediaWalk::packetSize() {
+  const auto block = packets_->read(bytes_.at(at_, AACBlockReader::longestBlock));
+  if (!block || (!recorder_.sound->elements.empty() && block->elements != recorder_.sound->elements)) {
+    return std::nullopt;
+  }
+  return static_cast<uint32_t>(block->size);
+}
+
+/// A piece of PCM is as long as one of the healthy movie's, with a picture or the end behind it. At the end a recorder
+/// writes what it still holds.
+std::optional<uint32_t> MediaWalk::pieceSize() {
+  const std::vector<uint64_t>& pieces = recorder_.sound->pieces;
+  const uint64_t rest = bytes_.end() - at_;
+  for (const uint64_t piece : pieces) {
+    if (piece > rest) break;
+    if (piece == rest || unitAt(at_ + piece)) return static_cast<uint32_t>(piece);
+  }
+  if (rest > 2 * pieces.back() || rest % recorder_.sound->blockSize != 0) return std::nullopt;
+  return static_cast<uint32_t>(rest);
+}
+
+void MediaWalk::close(uint64_t end) {
+  open_->picture.size = static_cast<uint32_t>(std::min(end - open_->picture.offset, largestSample));
+  found_.pictures.push_back(open_->picture);
+  open_.reset();
+}
+
+/// Of a picture at which the walk stopped, slices may be missing.
+void MediaWalk::finish() {
+  found_.end = bytes_.end();
+  found_.stop = at_;
+  if (!open_) return;
+  const bool hasNext = open_->units.has_value();
+  const bool isWhole = hasNext || at_ == bytes_.end() || open_->picture.slices == recorder_.pictures.slices;
+  if (hasNext) found_.stop = *open_->units;
+  if (open_->picture.slices > 0 && isWhole) {
+    close(found_.stop);
+  } else {
+    found_.stop = open_->picture.offset;
+  }
+}
+
+}  // namespace tarn

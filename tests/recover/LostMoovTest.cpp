@@ -1,0 +1,219 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <random>
+
+#include "recover/LostMoov.h"
+#include "support/BoxEditor.h"
+#include "support/FileTest.h"
+#include "support/FlashBeep.h"
+#include "support/MediaMaker.h"
+#include "support/ProbedMovie.h"
+
+namespace tarn::test {
+namespace {
+
+/// What a recorder writes: moving pictures with a white one at each whole second, and a beep there. `hue` makes each
+/// recording another one.
+Path recording(int seconds, int hue, const std::string& encoding, const std::string& shape = "s=192x144:r=25",
+               const std::string& ending = ".mp4") {
+  return madeByFFmpeg(
+      words(fmt::format("-f lavfi -i testsrc2={2}:d={0},hue=h={1},noise=alls=6:all_seed={1},"
+                        "drawbox=color=black@0.85:t=fill,drawbox=enable='lt(mod(t,1),0.02)':color=white:t=fill "
+                        "-f lavfi -i aevalsrc='0.8*sin(2*PI*1000*t)*lt(mod(t,1),0.04)+0.03*random({1})':s=48000:d={0} "
+                        "-pix_fmt yuv420p -preset veryfast {3}",
+                        seconds, hue, shape, encoding)),
+      ending);
+}
+
+const std::string avc = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 2";
+const std::string hevc = "-c:v libx265 -tag:v hvc1 -x265-params log-level=error:bframes=3:keyint=50 -c:a aac -ac 2";
+
+enum class Loss { sizeZero, sizeRight, sizeHuge, longSizeZero, sizeStale, moovCut };
+
+/// The recording as a recorder leaves it that dies before it has written the `moov`.
+Bytes withoutMoov(const Path& file, Loss loss = Loss::sizeZero) {
+  PosixFileManager files("/nonexistent");
+  BoxEditor movie(readFile(files, file));
+  const auto mdat = movie.at("mdat"), moov = movie.at("moov");
+  movie.bytes.resize(loss == Loss::moovCut ? moov.offset + moov.size / 2 : moov.offset);
+  if (loss == Loss::sizeZero) movie.setField(mdat.offset, 0);
+  if (loss == Loss::sizeHuge) movie.setField(mdat.offset, 0xFFFFFFF0);
+  if (loss == Loss::sizeStale) movie.setField(mdat.offset, static_cast<uint32_t>(mdat.size / 3));
+  if (loss == Loss::longSizeZero) {
+    // ffmpeg leaves 8 bytes of `free` ahead of an `mdat`, for a long size.
+    movie.setField(mdat.offset - 8, 1);
+    std::ranges::copy(bytesOf("mdat"), movie.bytes.begin() + static_cast<std::ptrdiff_t>(mdat.offset) - 4);
+    for (size_t i = 0; i < 8; ++i) movie.bytes[mdat.offset + i] = 0;
+  }
+  return movie.bytes;
+}
+
+class LostMoovTest : public FileTest {
+ protected:
+  RebuiltMovie rebuild(const Bytes& broken, const Path& healthy) {
+    return rebuildLostMoov(files_, write(broken), healthy, result_, [](double) {});
+  }
+  std::string refusal(const Bytes& broken, const Path& healthy) {
+    return failureOf([&] { rebuild(broken, healthy); });
+  }
+
+  /// Pictures of the result are the first ones of the recording, shown when they were, and nobody complains. Returns
+  /// how many there are.
+  size_t expectBeginningOf(const Path& file) {
+    const Packets whole = ProbedMovie(file).media, kept = ProbedMovie(result_).media;
+    for (const auto& [kind, packets] : kept) {
+      const auto& all = whole.at(kind);
+      EXPECT_LE(packets.size(), all.size()) << kind;
+      for (size_t i = 0; i < std::min(packets.size(), all.size()); ++i) {
+        const bool isSame = packets[i].hash == all[i].hash && packets[i].dts == all[i].dts;
+        EXPECT_TRUE(isSame) << kind << " packet " << i;
+        if (!isSame) break;
+      }
+    }
+    EXPECT_EQ(decoderComplaints(result_), "");
+    return kept.at("video").size();
+  }
+
+  const Path result_ = directory_ / "rebuilt.mp4";
+};
+
+TEST_F(LostMoovTest, ARecordingIsWhatItWas) {
+  struct Row {
+    std::string encoding;
+    Loss loss;
+    std::string shape = "s=192x144:r=25";
+    std::string ending = ".mp4";
+  };
+  const std::string noBFrames = "-x265-params log-level=error:bframes=0:slices=2:repeat-headers=1";
+  const Row rows[] = {
+      {avc, Loss::sizeZero},
+      {"-c:v libx264 -bf 0 -c:a aac -ac 1 -b:a 40k", Loss::sizeRight},
+      {"-c:v libx264 -bf 3 -x264-params slices=3:aud=1:keyint=30 -an", Loss::longSizeZero},
+      {"-c:v libx264 -bf 2 -flags +ildct+ilme -x264-params tff=1 -c:a aac -ac 6", Loss::sizeStale, "s=192x160:r=50"},
+      {hevc, Loss::sizeHuge},
+      {"-c:v libx265 -tag:v hvc1 " + noBFrames + " -c:a aac -ar 44100", Loss::moovCut, "s=190x142:r=30000/1001"},
+      {"-c:v libx264 -bf 2 -c:a pcm_s16le -ac 2", Loss::sizeRight, "s=192x144:r=25", ".mov"},
+      {"-c:v libx265 -tag:v hvc1 " + noBFrames + " -c:a pcm_s24be -ac 1", Loss::sizeZero, "s=192x288:r=25", ".mov"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.encoding);
+    const Path file = recording(8, 30, row.encoding, row.shape, row.ending);
+    const Bytes broken = withoutMoov(file, row.loss);
+    EXPECT_TRUE(hasLostMoov(files_, write(broken)));
+    const RebuiltMovie rebuilt = rebuild(broken, recording(6, 200, row.encoding, row.shape, row.ending));
+    EXPECT_FALSE(rebuilt.brokenOff) << rebuilt.brokenOff.value_or("");
+    EXPECT_NEAR(rebuilt.seconds, 8, 0.05);
+    const auto pictures = [](const Path& path) { return ProbedMovie(path).media.at("video"); };
+    const auto before = pictures(file), after = pictures(result_);
+    ASSERT_EQ(after.size(), before.size());
+    EXPECT_EQ(after.size(), rebuilt.pictures);
+    for (size_t i = 0; i < after.size(); ++i) ASSERT_TRUE(after[i].isSame(before[i])) << i;
+    EXPECT_EQ(mediaHashes(result_), mediaHashes(file));
+    EXPECT_EQ(decoderComplaints(result_), "");
+    if (row.encoding.find("-an") != std::string::npos) continue;
+    const auto heard = beats(result_);
+    EXPECT_EQ(heard.size(), beats(file).size());
+    for (const Beat& beat : heard) EXPECT_NEAR(beat.beepAfter, 0, 0.025) << beat.flash;
+  }
+}
+
+TEST_F(LostMoovTest, WhatLiesAheadOfDamageOrACutIsKept) {
+  for (const std::string& encoding : {avc, hevc}) {
+    SCOPED_TRACE(encoding);
+    const Path file = recording(8, 30, encoding), healthy = recording(6, 200, encoding);
+    const Bytes whole = withoutMoov(file);
+    const std::vector<Packet> all = ProbedMovie(file).media.at("video");
+    std::minstd_rand random(5);
+    for (const double place : {0.3, 0.55, 0.8, 0.97}) {
+      for (const bool isCut : {true, false}) {
+        SCOPED_TRACE(fmt::format("{} at {}", isCut ? "cut" : "damaged", place));
+        const auto at = static_cast<size_t>(place * static_cast<double>(whole.size()));
+        Bytes broken = whole;
+        if (isCut) broken.resize(at);
+        for (size_t i = at; i < std::min(at + 300, broken.size()); ++i) broken[i] = static_cast<uint8_t>(random() >> 8);
+        const RebuiltMovie rebuilt = rebuild(broken, healthy);
+        const auto ahead = static_cast<size_t>(
+            std::ranges::count_if(all, [&](const Packet& packet) { return packet.place < static_cast<int64_t>(at); }));
+        const size_t kept = expectBeginningOf(file);
+        EXPECT_EQ(kept, rebuilt.pictures);
+        EXPECT_LE(kept, ahead);
+        EXPECT_GT(kept + 20, ahead);  // the last ones may need others that are gone
+        EXPECT_TRUE(rebuilt.brokenOff || kept + 1 >= ahead);
+      }
+    }
+  }
+}
+
+TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
+  const Bytes brokenAVC = withoutMoov(recording(8, 30, avc)), brokenHEVC = withoutMoov(recording(8, 30, hevc));
+  const std::string mono = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 1";
+  struct Row {
+    const Bytes& broken;
+    Path healthy;
+    std::string words;
+  };
+  const Row rows[] = {
+      {brokenAVC, recording(6, 200, hevc), "breaks at byte"},
+      {brokenHEVC, recording(6, 200, avc), "breaks at byte"},
+      {brokenAVC, recording(6, 200, avc, "s=320x240:r=25"), "breaks at byte"},
+      {brokenHEVC, recording(6, 200, hevc, "s=320x240:r=25"), "breaks at byte"},
+      {brokenAVC, recording(6, 200, "-c:v libx264 -bf 2 -coder 0 -c:a aac -ac 2"), "breaks at byte"},
+      {brokenAVC, recording(6, 200, avc, "s=192x144:r=50"), "s of pictures and 8.0 s of sound"},
+      {brokenAVC, recording(6, 200, mono), "breaks at byte"},
+      {brokenAVC, recording(6, 200, avc + " -ar 24000"), "breaks at byte"},
+      {brokenAVC, recording(6, 200, avc + " -an"), "breaks at byte"},
+  };
+  for (const auto& [broken, healthy, expected] : rows) {
+    const std::string words = refusal(broken, healthy);
+    EXPECT_NE(words.find(expected), std::string::npos) << words;
+    EXPECT_FALSE(files_.fileExists(result_));
+  }
+}
+
+TEST_F(LostMoovTest, AHealthyMovieThatCannotServeIsToldWhy) {
+  const Path file = recording(6, 200, avc);
+  const Bytes broken = withoutMoov(recording(8, 30, avc));
+  const auto copied = [&](const std::string& arguments) {
+    return madeByFFmpeg(words(fmt::format("-i {} {}", file.string(), arguments)));
+  };
+  const std::pair<Path, std::string> rows[] = {
+      {copied("-c copy -movflags frag_keyframe+empty_moov"), "it is in fragments; repair it first"},
+      {copied("-map 0:v -map 0:v -c copy"), "it has two tracks of pictures"},
+      {copied("-map 0:v -c copy -c:s mov_text -map 0:a -map 0:a"), "it has two tracks of sound"},
+      {copied("-c:v mpeg4 -c:a copy"), "its pictures are neither AVC nor HEVC (\"mp4v\")"},
+      {copied("-c:v copy -c:a ac3"), "its sound is neither AAC nor PCM (\"ac-3\")"},
+      {copied("-vn -c copy"), "it has no track of pictures"},
+      {copied("-c:v copy -an -bsf:v setts=ts='PTS+gt(N,70)*3000'"), "its pictures do not all last equally long"},
+  };
+  for (const auto& [healthy, why] : rows) {
+    EXPECT_EQ(refusal(broken, healthy), "The healthy movie cannot serve: " + why);
+  }
+  EXPECT_EQ(refusal(readFile(files_, file), file), "The moov of this movie is there: repair it without --like");
+  EXPECT_FALSE(hasLostMoov(files_, file));
+}
+
+TEST_F(LostMoovTest, BytesThatAreNoMediaAreRefused) {
+  Bytes noise(3 << 20);
+  std::minstd_rand random(3);
+  for (uint8_t& byte : noise) byte = static_cast<uint8_t>(random() >> 8);
+  const Bytes zeros(3 << 20);
+  const Bytes ftyp = {0, 0, 0, 16, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 0, 0};
+  const Path healthy[] = {recording(6, 200, avc), recording(6, 200, hevc),
+                          recording(6, 200, "-c:v libx264 -bf 2 -c:a pcm_s16le -ac 2", "s=192x144:r=25", ".mov")};
+  for (const Path& like : healthy) {
+    for (const Bytes& media : {noise, zeros}) {
+      Bytes file = ftyp;
+      file.insert(file.end(), {0, 0, 0, 0, 'm', 'd', 'a', 't'});
+      file.insert(file.end(), media.begin(), media.end());
+      EXPECT_NE(refusal(file, like).find("no picture was found"), std::string::npos);
+    }
+    EXPECT_EQ(refusal(ftyp, like), "There are no media (mdat) in this file");
+    EXPECT_EQ(refusal({}, like), "There are no media (mdat) in this file");
+    EXPECT_EQ(refusal(noise, like), "There are no media (mdat) in this file");
+  }
+  EXPECT_FALSE(hasLostMoov(files_, write(noise)));
+}
+
+}  // namespace
+}  // namespace tarn::test
