@@ -32,7 +32,7 @@ class PictureOrder {
   PictureOrder(const TrackTables& tables, const MissingSamples& missing)
       : times_(tables.compositionTimes()), lastDuration_(tables.lastDuration()) {
     next_.assign(times_.size() + 1, never);
-    if (missing.count > 0) next_.back() = missing.firstTime.value_or(firstGap(tables));
+    if (missing.areAny()) next_.back() = missing.firstTime.value_or(firstGap(tables));
     for (size_t i = times_.size(); i-- > 0;) next_[i] = std::min(times_[i], next_[i + 1]);
   }
 
@@ -79,7 +79,7 @@ class EndingTrack {
   EndingTrack(MovieBox& trak, TrackTables& tables, const MissingSamples& missing, uint32_t movieTimescale)
       : trak_(trak),
         tables_(tables),
-        missing_(missing.count),
+        missesSamples_(missing.areAny()),
         movieTimescale_(movieTimescale),
         timescale_(static_cast<uint32_t>(headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0))),
         handler_(handlerOf(trak)),
@@ -87,12 +87,12 @@ class EndingTrack {
     if (timescale_ == 0) throw MovieError(MovieError::Case::damaged, "A track has no timescale");
     for (const EditListEntry& entry : editListOf(trak)) edits_.push_back(entry);
     if (isVideo()) pictures_.emplace(tables, missing);
-    keep(isVideo() && missing.count > 0 ? pictures_->within(never) : all());
+    keep(all());
   }
 
   bool isVideo() const { return handler_ == "vide"; }
   bool isSound() const { return handler_ == "soun"; }
-  bool missesSamples() const { return missing_ > 0; }
+  bool missesSamples() const { return missesSamples_; }
   bool isEmpty() const { return tables_.sampleCount() == 0; }
   uint64_t samplesBefore() const { return samplesBefore_; }
   uint64_t samplesLost() const { return samplesBefore_ - tables_.sampleCount(); }
@@ -125,7 +125,9 @@ class EndingTrack {
   uint64_t writeTimes() {
     if (samplesLost() == 0 && limit_ == noEnd) return tkhdDurationField.load(trak_.find({"tkhd"})).value_or(0);
     const double ticks = end() * movieTimescale_;
-    if (!edits_.empty()) putEdits(trak_, editsAhead(ticks));
+    // A list stays that would show less than a tick.
+    const std::vector<EditListEntry> entries = editsAhead(ticks);
+    if (!entries.empty() || isEmpty()) putEdits(trak_, entries);
     const auto length = static_cast<uint64_t>(std::llround(ticks));
     storeDuration(trak_.find({"mdia", "mdhd"}), headerDurationField, tables_.duration());
     storeDuration(trak_.find({"tkhd"}), tkhdDurationField, length);
@@ -193,7 +195,7 @@ class EndingTrack {
 
   MovieBox& trak_;
   TrackTables& tables_;
-  uint64_t missing_;
+  bool missesSamples_;
   uint32_t movieTimescale_;
   uint32_t timescale_;
   std::string handler_;
@@ -272,14 +274,18 @@ LostEnd summary(EndingTracks& tracks) {
 std::string LostEnd::words() const {
   std::string text = fmt::format("the end of the file is missing: {:.1f}", secondsKept);
   if (secondsBefore) text += fmt::format(" of {:.1f}", std::max(*secondsBefore, secondsKept));
-  text += " s kept, ";
+  text += " s kept";
   const auto plural = [](uint64_t count) { return count == 1 ? "" : "s"; };
   if (pictures > 0) {
-    text += fmt::format("{} picture{} lost", pictures, plural(pictures));
+    text += fmt::format(", {} picture{} lost", pictures, plural(pictures));
   } else if (packets > 0) {
-    text += fmt::format("{} packet{} of the sound lost", packets, plural(packets));
-  } else {
-    text += fmt::format("{} sample{} of other tracks lost", others, plural(others));
+    text += fmt::format(", {} packet{} of the sound lost", packets, plural(packets));
+  } else if (others > 0) {
+    text += fmt::format(", {} sample{} of other tracks lost", others, plural(others));
+  }
+  if (tracks > 0) {
+    text +=
+        fmt::format(", {} track{} lost whose table{} cut off", tracks, plural(tracks), tracks == 1 ? " is" : "s are");
   }
   if (soundKept) text += fmt::format("; the sound ends at {:.1f} s", *soundKept);
   return text;

@@ -14,6 +14,9 @@ namespace tarn {
 struct MissingSamples {
   uint64_t count = 0;
   std::optional<int64_t> firstTime = {};  ///< the smallest composition time of them, track timescale, if it is known
+  bool mayBeMore = false;                 ///< samples may be missing that nobody knows of
+
+  bool areAny() const { return count > 0 || mayBeMore; }
 };
 
 /// What a movie that broke off keeps and loses.
@@ -24,6 +27,7 @@ struct LostEnd {
   uint64_t pictures = 0;                     ///< lost
   uint64_t packets = 0;                      ///< of sound, lost
   uint64_t others = 0;                       ///< samples of other tracks, lost
+  uint64_t tracks = 0;                       ///< lost as a whole, since their tables are cut off
 
   /// In words for people.
   std::string words() const;

@@ -37,10 +37,10 @@ bool isSelfContained(const MovieBox& trak) {
   return true;
 }
 
-/// The samples of a track that end behind the end of the file, or lie behind one that does, leave its tables.
-MissingSamples dropMissing(TrackTables& tables, bool isVideo, uint64_t fileSize) {
+/// The samples of a track that end behind the end of the media, or lie behind one that does, leave its tables.
+MissingSamples dropMissing(TrackTables& tables, bool isVideo, uint64_t mediaEnd) {
   MissingSamples missing;
-  const uint64_t present = tables.samplesAheadOf(fileSize);
+  const uint64_t present = tables.samplesAheadOf(mediaEnd);
   missing.count = tables.sampleCount() - present;
   if (missing.count == 0) return missing;
   if (isVideo) {
@@ -62,6 +62,10 @@ bool hasChunksBehindMissing(const TrackTables& tables, uint64_t fileSize) {
   return isFound;
 }
 
+bool isTrack(const MovieBox& box) {
+  return box.type == "trak";
+}
+
 class Finder {
  public:
   Finder(FileHandle& file, CutMovie& movie) : file_(file), movie_(movie) {}
@@ -72,12 +76,12 @@ class Finder {
     const auto moov = movie_.layout.moov(rules);
     if (!moov || movie_.layout.first("moof") || !hasBrokenOff()) return false;
     movie_.place = *moov;
-    if (movie_.layout.isCut(*moov)) return requireTracks();
+    if (movie_.layout.isCut(*moov)) return findCutMoov();
     const Bytes bytes = readMoov(file_, *moov, rules);
     requireEditable(bytes, moov->offset, rules);
     movie_.moov = MovieBox::parse(bytes, rules);
     if (movie_.moov.find({"mvex"})) return false;
-    return dropAllMissing() || movie_.layout.isMdatCut();
+    return readTables(movie_.layout.fileSize) ? cut() : movie_.layout.isMdatCut();
   }
 
  private:
@@ -93,33 +97,47 @@ class Finder {
     return readUInt32(file_.read(sizeof(uint32_t)), 0) == 0u;
   }
 
-  /// A `moov` that is cut off behind its tracks serves as it is.
-  bool requireTracks() const {
-    const MovieBox moov = MovieBox::parse(readMoov(file_, movie_.place, edit::syncing), edit::syncing);
-    const auto isCutTrack = [](const MovieBox& box) { return box.type == "trak" && box.isCut; };
-    const bool hasTracks = std::ranges::any_of(moov.children, [](const MovieBox& box) { return box.type == "trak"; });
-    if (hasTracks && std::ranges::none_of(moov.children, isCutTrack)) return false;
-    throw FragmentsError("The file ends within its moov, which says where its samples are: download it again");
+  /// The media are ahead of a `moov` that is cut off. It serves as it is if all its tracks are there; without those
+  /// that are cut off if pictures are left.
+  bool findCutMoov() {
+    movie_.moov = MovieBox::parse(readMoov(file_, movie_.place, edit::syncing), edit::syncing);
+    auto& children = movie_.moov.children;
+    const auto isCutTrack = [](const MovieBox& box) { return isTrack(box) && box.isCut; };
+    const auto isWholeVideo = [](const MovieBox& box) { return isTrack(box) && handlerOf(box) == "vide"; };
+    const auto lostTracks = static_cast<uint64_t>(std::ranges::count_if(children, isCutTrack));
+    std::erase_if(children, [](const MovieBox& box) { return box.isCut; });
+    const auto needed =
+        lostTracks > 0 ? std::ranges::count_if(children, isWholeVideo) : std::ranges::count_if(children, isTrack);
+    if (needed == 0) throw FragmentsError::ofCutMoov();
+    if (!readTables(movie_.place.offset) && lostTracks == 0) return false;
+    cut();
+    movie_.loss->tracks = lostTracks;
+    return true;
   }
 
-  bool dropAllMissing() {
-    const uint64_t fileSize = movie_.layout.fileSize;
-    std::vector<MissingSamples> missing;
-    bool isAnyMissing = false;
+  /// Returns true if samples are missing.
+  bool readTables(uint64_t mediaEnd) {
+    bool areAnyMissing = false;
     for (const MovieBox& trak : movie_.moov.children) {
-      if (trak.type != "trak") continue;
+      if (!isTrack(trak)) continue;
       const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
       if (!stbl) throw MovieError(MovieError::Case::damaged, "A track has no sample table");
       TrackTables& tables = movie_.tables.emplace_back(TrackTables::read(*stbl));
-      missing.emplace_back();
-      if (!isSelfContained(trak)) continue;
-      if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, fileSize)) return false;
-      missing.back() = dropMissing(tables, handlerOf(trak) == "vide", fileSize);
-      isAnyMissing = isAnyMissing || missing.back().count > 0;
+      missing_.emplace_back();
+      if (!isSelfContained(trak) || tables.farthestEnd() <= mediaEnd) continue;
+      if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, mediaEnd)) {
+        throw MovieError(MovieError::Case::damaged, "Samples of a file that did not break off lie behind its end");
+      }
+      const bool hasMedia = movie_.layout.first("mdat").has_value();
+      missing_.back() = dropMissing(tables, handlerOf(trak) == "vide", hasMedia ? mediaEnd : 0);
+      areAnyMissing = true;
     }
-    if (!isAnyMissing) return false;
+    return areAnyMissing;
+  }
+
+  bool cut() {
     const auto seconds = length();
-    movie_.loss = cutToCommonEnd(movie_.moov, movie_.tables, missing);
+    movie_.loss = cutToCommonEnd(movie_.moov, movie_.tables, missing_);
     movie_.loss->secondsBefore = seconds;
     return true;
   }
@@ -135,12 +153,13 @@ class Finder {
 
   FileHandle& file_;
   CutMovie& movie_;
+  std::vector<MissingSamples> missing_;  ///< of each track
 };
 
 void putTables(CutMovie& movie) {
   size_t index = 0;
   for (MovieBox& trak : movie.moov.children) {
-    if (trak.type == "trak") movie.tables[index++].writeTo(*trak.find({"mdia", "minf", "stbl"}));
+    if (isTrack(trak)) movie.tables[index++].writeTo(*trak.find({"mdia", "minf", "stbl"}));
   }
 }
 
@@ -156,7 +175,7 @@ Bytes newMoov(CutMovie& movie) {
     throw MovieError(MovieError::Case::doesNotFit, "The tables of the cut movie are longer than before");
   }
   Bytes bytes = movie.moov.bytes();
-  const MediaMove moves[] = {{0, movie.place.offset, 0}, {oldEnd, movie.layout.fileSize, newEnd}};
+  const MediaMove moves[] = {{0, movie.place.offset, 0}, {oldEnd, std::max(oldEnd, movie.layout.fileSize), newEnd}};
   moveItemsInMoov(bytes, moves);
   return bytes;
 }

@@ -75,6 +75,7 @@ class Reader {
     auto box = walker.next();
     while (box && box->type != "moov") box = walker.next();
     if (!box) throw damaged("there is no moov");
+    if (box->end() > fileSize_) throw FragmentsError::ofCutMoov();
     moovPlace_ = box->offset;
     const Bytes moov = readMoov(file_, *box, rules);
     requireEditable(moov, moovPlace_, rules);

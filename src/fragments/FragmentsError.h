@@ -6,11 +6,15 @@
 
 namespace tarn {
 
-/// A movie in fragments that cannot become a plain one, because of what it is: trying again does not help, and nothing
-/// was written.
+/// A movie in fragments, or one that broke off, that cannot become a whole plain one, because of what it is: trying
+/// again does not help, and nothing was written.
 class FragmentsError : public Error {
  public:
   explicit FragmentsError(const std::string& words) : Error("Fragments", -1, words) {}
+
+  static FragmentsError ofCutMoov() {
+    return FragmentsError("The file ends within its moov, which says where its samples are: download it again");
+  }
 };
 
 }  // namespace tarn

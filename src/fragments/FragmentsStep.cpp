@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,20 @@ namespace {
 /// Of the whole step, the reading of the fragments.
 constexpr double readingPart = 0.3;
 
+void tellLoss(ProcessingRun& run, const LostEnd& loss) {
+  run.warn(loss.words());
+  run.outcome.isPartly = true;
+}
+
+/// Of each track. Behind the end of a movie that is cut there may be fragments that nobody knows of.
+std::vector<MissingSamples> missingFrom(const FragmentedMovie& movie) {
+  std::vector<MissingSamples> missing;
+  for (const FragmentTrack& track : movie.tracks) {
+    missing.push_back({.count = track.missing, .mayBeMore = movie.isCut});
+  }
+  return missing;
+}
+
 class Joining {
  public:
   explicit Joining(ProcessingRun& run) : run_(run) {}
@@ -29,13 +44,22 @@ class Joining {
     auto source = run_.files.open(run_.fileURL, OpenMode::reading);
     FragmentedMovie movie = readFragmentedMovie(*source, [this](double part) { tell(part * readingPart); });
     const std::vector<std::string> notes = movie.notes;
-    const std::vector<TrackSums> sums = sumsOf(movie);
+    std::vector<TrackSums> sums = sumsOf(movie);
+    const std::vector<MissingSamples> missing = missingFrom(movie);
+    const bool isCut = movie.isCut;
+    PlainMovie plain = assemblePlainMovie(std::move(movie));
+    std::optional<LostEnd> loss;
+    if (isCut) {
+      loss = cutToCommonEnd(plain.moov, plain.tables, missing);
+      sums = sumsOf(plain.moov, plain.tables);
+    }
     const RunTempFile result(run_, run_.files.temporaryDirectory() / (makeUUID() + ".mp4"));
-    write(*source, result.path(), assemblePlainMovie(std::move(movie)));
+    write(*source, result.path(), std::move(plain));
     source->close();
     requireSums(run_.files, result.path(), sums);
     run_.files.replaceItem(run_.fileURL, result.path());
     for (const std::string& note : notes) run_.warn(note);
+    if (loss) tellLoss(run_, *loss);
   }
 
  private:
@@ -79,9 +103,7 @@ class Keeping {
     source->close();
     if (loss) requireSums(run_.files, result.path(), sums);
     run_.files.replaceItem(run_.fileURL, result.path());
-    if (!loss) return;
-    run_.warn(loss->words());
-    run_.outcome.isPartly = true;
+    if (loss) tellLoss(run_, *loss);
   }
 
  private:

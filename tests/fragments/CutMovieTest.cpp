@@ -27,7 +27,7 @@ struct Sample {
   std::string hash;
 
   bool isSame(const Sample& other) const {
-    return pts == other.pts && dts == other.dts && flags == other.flags && hash == other.hash;
+    return pts - dts == other.pts - other.dts && flags == other.flags && hash == other.hash;
   }
 };
 using Samples = std::map<std::string, std::vector<Sample>>;
@@ -49,43 +49,60 @@ Samples samplesOf(const Path& file) {
   return samples;
 }
 
+struct Recorder {
+  const char* name;
+  std::string codec;
+  std::string flags;  ///< of the muxer
+  bool isPlain;
+  double pictureStart;  ///< when the first picture is shown, in seconds
+  double soundHidden;   ///< the part of the sound that the edit list hides, in seconds
+};
+const Recorder recorders[] = {
+    {"PlainAVC", "libx264", "+faststart", true, 0, 1024.0 / 48000},
+    {"PlainHEVC", "libx265", "+faststart", true, 0, 1024.0 / 48000},
+    {"MoovAndFragmentsAVC", "libx264", "frag_keyframe", false, 0.08, 0},
+    {"ShortFragmentsHEVC", "libx265", "frag_keyframe+empty_moov+delay_moov -frag_duration 300000", false, 0,
+     1024.0 / 48000},
+};
+
 /// What is left of a recording of which the first so many bytes are there, worked out from ffprobe's list of its
 /// samples: pictures as long as they are shown without a gap, and sound and pictures to a common end.
 struct Kept {
   size_t pictures = 0;
   size_t packets = 0;
-  double seconds = 0;
+  double end = 0;  ///< of the pictures, in seconds of the movie
 };
 
 class Recording {
  public:
-  static constexpr double pictureTicks = 12800, pictureLength = 0.04, packetLength = 1024.0 / 48000;
-
-  explicit Recording(const Path& whole) : samples_(samplesOf(whole)) {}
+  explicit Recording(const Path& whole, const Recorder& recorder) : samples_(samplesOf(whole)), recorder_(recorder) {}
 
   const std::vector<Sample>& pictures() const { return samples_.at("video"); }
   const std::vector<Sample>& packets() const { return samples_.at("audio"); }
 
   Kept keptOf(uint64_t bytes) const {
     const size_t whole = countWhole(pictures(), bytes), sound = countWhole(packets(), bytes);
-    const double soundEnd = static_cast<double>(sound) * packetLength - priming;
     Kept kept = picturesWithin(whole, 1e9);
-    const bool isSoundCut = sound < packets().size();
     kept.packets = sound;
     if (sound == 0 || kept.pictures == 0) return kept;
+    const double soundEnd = soundTime(packets()[sound - 1].dts + 1024);
     // A track of which nothing would be left is no measure.
-    if (isSoundCut && soundEnd < kept.seconds) {
+    if (sound < packets().size() && soundEnd < kept.end) {
       const Kept cut = picturesWithin(whole, soundEnd);
       if (cut.pictures == 0) return kept;
       kept = cut;
     }
-    const auto packetsAhead = static_cast<size_t>(std::ceil((kept.seconds + priming) / packetLength - 1e-6));
-    kept.packets = std::min(sound, packetsAhead);
+    const auto isAhead = [&](const Sample& packet) { return soundTime(packet.dts) < kept.end - 1e-6; };
+    kept.packets = std::min<size_t>(sound, static_cast<size_t>(std::ranges::count_if(packets(), isAhead)));
     return kept;
   }
 
  private:
-  static constexpr double priming = packetLength;  // hidden by the edit list
+  static constexpr double pictureTicks = 12800, pictureLength = 0.04, soundTicks = 48000;
+
+  double soundTime(int64_t dts) const {
+    return static_cast<double>(dts - packets().front().dts) / soundTicks - recorder_.soundHidden;
+  }
 
   static size_t countWhole(const std::vector<Sample>& samples, uint64_t bytes) {
     const auto cut = std::ranges::find_if(samples, [&](const Sample& each) { return each.place + each.size > bytes; });
@@ -100,23 +117,25 @@ class Recording {
       const auto middle = pictures().begin() + static_cast<ptrdiff_t>(count);
       const int64_t last = std::ranges::max_element(pictures().begin(), middle, {}, &Sample::pts)->pts;
       const bool hasGap = std::any_of(middle, pictures().end(), [&](const Sample& each) { return each.pts < last; });
-      const double seconds = static_cast<double>(last - first) / pictureTicks + pictureLength;
-      if (!hasGap && seconds < end + 1e-6) kept = {count, 0, seconds};
+      const double shown = static_cast<double>(last - first) / pictureTicks + pictureLength + recorder_.pictureStart;
+      if (!hasGap && shown < end + 1e-6) kept = {count, 0, shown};
     }
     return kept;
   }
 
   Samples samples_;
+  Recorder recorder_;
 };
 
 /// A recording of 1 MiB whose `moov` stands ahead of its media.
-Path recording(const std::string& codec) {
-  return encodedVideo({.codec = codec,
+Path recording(const Recorder& recorder) {
+  return encodedVideo({.codec = recorder.codec,
                        .parameters = "keyint=25:bframes=3",
                        .size = "320x240",
                        .seconds = 7,
                        .more = words("-f lavfi -i sine=frequency=500:sample_rate=48000 -c:a aac -b:v 1100k "
-                                     "-movflags +faststart")});
+                                     "-movflags " +
+                                     recorder.flags)});
 }
 
 /// The environment may ask for another one; 1 means a cut at every 1,009th byte.
@@ -138,18 +157,21 @@ class CutMovieTest : public FileTest {
 
   void expectFirst(const std::vector<Sample>& left, const std::vector<Sample>& all, size_t count) {
     ASSERT_EQ(left.size(), count);
-    for (size_t i = 0; i < count; ++i) ASSERT_TRUE(left[i].isSame(all[i])) << "sample " << i;
+    for (size_t i = 0; i < count; ++i) {
+      ASSERT_TRUE(left[i].isSame(all[i])) << "sample " << i;
+      ASSERT_EQ(left[i].dts - left[0].dts, all[i].dts - all[0].dts) << "sample " << i;
+    }
   }
 
   RunOutcome outcome_;
 };
 
-class CutSweep : public CutMovieTest, public testing::WithParamInterface<const char*> {};
+class CutSweep : public CutMovieTest, public testing::WithParamInterface<Recorder> {};
 
 TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
   const Path whole = recording(GetParam());
   const Bytes bytes = readFile(files_, whole);
-  const Recording truth(whole);
+  const Recording truth(whole, GetParam());
   const size_t stride = 1009 * cutStride();
   size_t cuts = 0, refusals = 0;
   for (size_t end = stride; end < bytes.size() && !HasFailure(); end += stride, ++cuts) {
@@ -159,27 +181,29 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
     const std::string failure = runStep(cut);
     if (kept.pictures == 0) {
       ++refusals;
-      EXPECT_TRUE(failure.starts_with("The file ends ")) << failure;
+      EXPECT_TRUE(failure.ends_with(": download it again")) << failure;
       EXPECT_EQ(written(), cut);
       continue;
     }
     ASSERT_EQ(failure, "");
     EXPECT_TRUE(outcome_.isPartly);
-    const std::string told = fmt::format("the end of the file is missing: {:.1f} of 7.0 s kept, {} picture",
-                                         kept.seconds, truth.pictures().size() - kept.pictures);
+    std::string told = fmt::format("the end of the file is missing: {:.1f}", kept.end);
+    const size_t lost = truth.pictures().size() - kept.pictures;
+    told += GetParam().isPlain ? fmt::format(" of 7.0 s kept, {} picture", lost) : " s kept";
     ASSERT_EQ(outcome_.leftAlone.size(), 1u);
-    EXPECT_TRUE(outcome_.leftAlone.front().starts_with(told)) << outcome_.leftAlone.front();
+    EXPECT_TRUE(outcome_.leftAlone.front().starts_with(told)) << outcome_.leftAlone.front() << ", not: " << told;
     Samples left = samplesOf(file_);
     expectFirst(left["video"], truth.pictures(), kept.pictures);
     expectFirst(left["audio"], truth.packets(), kept.packets);
     EXPECT_EQ(decoderComplaints(file_), "");
-    EXPECT_NEAR(std::stod(probeVideo(file_, "duration")), kept.seconds, 0.001);
+    const double length = kept.end - GetParam().pictureStart;
+    EXPECT_NEAR(std::stod(probeVideo(file_, "duration")), length, 0.001);
   }
-  std::cout << GetParam() << ": " << cuts << " cuts, " << refusals << " refusals\n";
+  std::cout << GetParam().name << ": " << cuts << " cuts, " << refusals << " refusals\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Codecs, CutSweep, testing::Values("libx264", "libx265"),
-                         [](const auto& each) { return std::string(each.param); });
+INSTANTIATE_TEST_SUITE_P(Recorders, CutSweep, testing::ValuesIn(recorders),
+                         [](const auto& each) { return std::string(each.param.name); });
 
 /// 3 s of pictures and sound, the `moov` ahead.
 Bytes shortClip() {
@@ -247,8 +271,14 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
   const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
   const std::string cutMoov = "The file ends within its moov, which says where its samples are: download it again";
   const std::pair<size_t, std::string> cases[] = {
-      {mdat.offset + 500, lost}, {mdat.offset + 8, lost},     {mdat.offset + 3, lost},
-      {moov.end(), lost},        {moov.end() - 200, cutMoov}, {moov.offset + 9, cutMoov},
+      {mdat.offset + 500, lost},
+      {mdat.offset + 8, lost},
+      {mdat.offset + 3, lost},
+      {moov.end(), lost},
+      {moov.end() - 20, lost},
+      {moov.end() - 200, lost},
+      {editor.at("moov/trak").end() - 1, cutMoov},
+      {moov.offset + 9, cutMoov},
   };
   for (const auto& [size, said] : cases) {
     SCOPED_TRACE(size);
@@ -257,6 +287,27 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
     EXPECT_EQ(written(), cut);
     EXPECT_TRUE(isCutOff(files_, file_));
   }
+}
+
+TEST_F(CutMovieTest, KeepsPicturesWhoseMoovEndsBehindTheirTrack) {
+  const MovieLayout layout(shortClip());
+  using Piece = MovieLayout::Piece;
+  const Bytes whole = layout.build({{Piece::Kind::raw, layout.ftyp}, {Piece::Kind::mdat}, {Piece::Kind::moov}});
+  const auto tracks = BoxEditor(whole).all("moov/trak");
+  const auto cutAt = [&](size_t size) { return Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size)); };
+  const std::string lost = "The file ends within its moov, which says where its samples are: download it again";
+  EXPECT_EQ(runStep(cutAt(tracks[0].end() - 1)), lost);
+  for (const size_t size : {tracks[1].offset + 100, tracks[1].end() - 1}) {
+    ASSERT_EQ(runStep(cutAt(size)), "");
+    EXPECT_TRUE(outcome_.isPartly);
+    EXPECT_EQ(outcome_.leftAlone, std::vector<std::string>{"the end of the file is missing: 3.0 of 3.0 s kept, 1 track "
+                                                           "lost whose table is cut off"});
+    EXPECT_EQ(samplesOf(file_)["video"].size(), 75u);
+    EXPECT_EQ(decoderComplaints(file_), "");
+  }
+  // What stands behind the tracks is no part of the video.
+  EXPECT_EQ(runStep(cutAt(whole.size() - 5)), "");
+  EXPECT_FALSE(outcome_.isPartly);
 }
 
 /// The types of all boxes of a `moov`, in order.

@@ -99,10 +99,13 @@ void FragmentTrack::setLastDuration(uint64_t ticks) {
 }
 
 void FragmentTrack::stretch(uint64_t gap) {
-  if (end() < furthest_ && gap > lastDuration_) finish();
+  // Less than a sample is a clock that is rounded.
+  if (gap >= lastDuration_) {
+    if (end() < furthest_) finish();
+    ++gaps_;
+    gapTicks_ += gap;
+  }
   setLastDuration(lastDuration_ + gap);
-  ++gaps_;
-  gapTicks_ += gap;
 }
 
 void FragmentTrack::goBack(int64_t time, bool isSync) {
