@@ -1,6 +1,5 @@
 # libtarn, made of the rooms up to `api`: libtarn.so shows what src/api/exports.map.in lists and hides all else, and
 # libtarn.a holds the same objects. Both are installed, with headers, a CMake package and a pkg-config file.
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 find_package(Boost 1.81 REQUIRED)
 find_package(CURL REQUIRED)
@@ -12,7 +11,7 @@ option(TARN_STATIC_LIBRARY "Make libtarn.a beside libtarn.so" ON)
 
 get_property(rooms GLOBAL PROPERTY TARN_ROOMS)
 list(REMOVE_ITEM rooms tarn_app)
-set(public_headers tarn.h inspect.h repair.h avsync.h hevc.h export.h)
+set(public_headers tarn.h inspect.h repair.h engine.h avsync.h hevc.h export.h)
 list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/include/tarn/)
 
 # tarn_library(<target> <name in the package>): what both have in common.
