@@ -34,8 +34,8 @@ struct RepairArguments {
 };
 
 struct ServeOptions {
-  uint16_t port = 0;      ///< 0: any that is free
-  std::string webFolder;  ///< the built page
+  uint16_t port = 0;                     ///< 0: any that is free
+  std::optional<std::string> webFolder;  ///< a built page; else the program's own
 };
 
 /// Each command returns its exit code. What it throws is a failure for the caller to print.
