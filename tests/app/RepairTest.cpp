@@ -13,6 +13,7 @@
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
 #include "support/Eventually.h"
+#include "support/FlashBeep.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
@@ -73,6 +74,33 @@ TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
     EXPECT_NE(left.output.find(words), std::string::npos) << left.output;
     EXPECT_EQ(left.lastLine(), out_.string());
   }
+}
+
+TEST_F(RepairTest, AMovieWhoseMoovIsLostIsRebuiltLikeAHealthyOne) {
+  const Path whole = damagedFlashBeepClip(6, 2, {}), healthy = damagedFlashBeepClip(4, 2, {});
+  Bytes broken = readFile(files_, whole);
+  broken.resize(BoxEditor(broken).at("moov").offset);
+  write(broken);
+  const auto refused = repair(in_, out_);
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.errors.find("rebuild it with --like"), std::string::npos) << refused.errors;
+  const auto misled = repair(in_, out_, {"--like", damagedFlashBeepClip(4, 1, {}).string()});
+  EXPECT_EQ(misled.exitCode, 1);
+  EXPECT_NE(misled.errors.find("breaks at byte"), std::string::npos) << misled.errors;
+  EXPECT_EQ(filesBesideOut(), 0);
+
+  const auto rebuilt = repair(in_, out_, {"--like", healthy.string()});
+  EXPECT_EQ(rebuilt.exitCode, 0) << rebuilt.errors;
+  EXPECT_EQ(mediaHashes(out_), mediaHashes(whole));
+  EXPECT_EQ(frameHashes(out_), frameHashes(whole));
+  EXPECT_EQ(contentOf(in_), source_);
+
+  broken.resize(broken.size() * 3 / 4);
+  write(broken);
+  const auto partly = repair(in_, out_, {"--like", healthy.string()});
+  EXPECT_EQ(partly.exitCode, 5) << partly.errors;
+  EXPECT_NE(partly.output.find("breaks at byte"), std::string::npos) << partly.output;
+  EXPECT_EQ(decoderComplaints(out_), "");
 }
 
 /// The whole of a repair is compared with its source, whatever each step has proved.

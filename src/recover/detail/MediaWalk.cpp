@@ -37,14 +37,15 @@ std::optional<MediaWalk::Unit> MediaWalk::unitAt(uint64_t offset) {
   if (front.size() <= prefix) return std::nullopt;
   uint64_t length = 0;
   for (size_t i = 0; i < prefix; ++i) length = length << 8 | front[i];
-  if (length == 0 || length > bytes_.end() - offset - prefix) return std::nullopt;
+  if (length < 2 || length > bytes_.end() - offset - prefix) return std::nullopt;
   const size_t there = static_cast<size_t>(std::min<uint64_t>(length, front.size() - prefix));
   const auto unit = reader_->read(front.subspan(prefix, there));
   if (!unit) return std::nullopt;
   const uint64_t end = offset + prefix + length;
   if (!bytes_.isFreeOfStartCodes(offset + prefix, end)) return std::nullopt;
-  const ByteView last = bytes_.at(end - 1, 1);
-  if (last.empty() || last[0] == 0) return std::nullopt;
+  // Some writers leave a zero byte of the next start code at the end of a unit.
+  const ByteView last = bytes_.at(end - 2, 2);
+  if (last.size() < 2 || (last[0] == 0 && last[1] == 0)) return std::nullopt;
   if (unit->role == StreamUnit::Role::ahead && !isKnownSet(offset + prefix, length)) return std::nullopt;
   return Unit{.is = *unit, .size = prefix + length};
 }
