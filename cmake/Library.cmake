@@ -43,7 +43,7 @@ if(TARN_STATIC_LIBRARY)
   endforeach()
   # tarnConfig.cmake finds the same.
   target_link_libraries(libtarn_static PRIVATE
-    CURL::libcurl OpenSSL::Crypto PkgConfig::libav SQLite::SQLite3 Threads::Threads fmt::fmt)
+    CURL::libcurl OpenSSL::Crypto PkgConfig::libav PkgConfig::libmagic SQLite::SQLite3 Threads::Threads fmt::fmt)
   tarn_library(libtarn_static static)
 endif()
 
