@@ -47,10 +47,10 @@ Kind kindOf(FileManager& files, const Path& path) {
   return unknownKind(head);
 }
 
-std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path) {
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name) {
   const Kind kind = kindOf(files, path);
   if (kind.isMedia()) return std::nullopt;
-  return kind.sentence(path.filename().native());
+  return kind.sentence(name);
 }
 
 }  // namespace tarn

@@ -39,7 +39,8 @@ struct Kind {
 /// Looks at a file: its first 64 KiB, and the headers of its boxes. Throws PosixError if it cannot be read.
 Kind kindOf(FileManager& files, const Path& path);
 
-/// Why no player could show a file, as a sentence for people without its stop; nothing if one could. Throws PosixError.
-std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path);
+/// Why no player could show a file, as a sentence for people without its stop, in which it is called by this name;
+/// nothing if one could. Throws PosixError.
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name);
 
 }  // namespace tarn

@@ -85,7 +85,7 @@ TEST_F(KindTest, MediaOfFFmpeg) {
     const Path file = made(options, ending);
     const Kind kind = kindOf(files_, file);
     EXPECT_EQ(kind.what, what) << ending << ": " << kind.words;
-    EXPECT_EQ(whyNoPlayerShows(files_, file).has_value(), what == What::picture) << ending;
+    EXPECT_EQ(whyNoPlayerShows(files_, file, "a").has_value(), what == What::picture) << ending;
   }
 }
 
@@ -186,7 +186,7 @@ TEST_F(KindTest, SentencesForPeople) {
        "`tarn repair --like` and a healthy recording"},
   };
   for (const auto& [content, sentence] : cases) {
-    EXPECT_EQ(whyNoPlayerShows(files_, write(bytes(content))).value_or("it is media"), sentence);
+    EXPECT_EQ(whyNoPlayerShows(files_, write(bytes(content)), "clip.mp4").value_or("it is media"), sentence);
   }
 }
 
