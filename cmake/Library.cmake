@@ -1,6 +1,5 @@
 # libtarn, made of the rooms up to `api`: libtarn.so shows what src/api/exports.map.in lists and hides all else, and
 # libtarn.a holds the same objects. Both are installed, with headers, a CMake package and a pkg-config file.
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 find_package(Boost 1.81 REQUIRED)
 find_package(CURL REQUIRED)
@@ -12,7 +11,17 @@ option(TARN_STATIC_LIBRARY "Make libtarn.a beside libtarn.so" ON)
 
 get_property(rooms GLOBAL PROPERTY TARN_ROOMS)
 list(REMOVE_ITEM rooms tarn_app)
-set(public_headers tarn.h inspect.h repair.h avsync.h hevc.h export.h)
+# What the rooms are linked with, without what is headers alone. tarnConfig.cmake and tarn.pc know the same.
+get_property(libraries GLOBAL PROPERTY TARN_LIBRARIES)
+list(REMOVE_DUPLICATES libraries)
+list(REMOVE_ITEM libraries Boost::headers nlohmann_json::nlohmann_json)
+set(tarn_magic OFF)
+if(PkgConfig::libmagic IN_LIST libraries)
+  pkg_check_modules(libmagic REQUIRED IMPORTED_TARGET libmagic)
+  set(tarn_magic ON)
+  set(tarn_magic_flag -lmagic)
+endif()
+set(public_headers tarn.h inspect.h repair.h engine.h avsync.h hevc.h export.h)
 list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/include/tarn/)
 
 # tarn_library(<target> <name in the package>): what both have in common.
@@ -41,9 +50,7 @@ if(TARN_STATIC_LIBRARY)
   foreach(room IN LISTS rooms)
     target_sources(libtarn_static PRIVATE $<TARGET_OBJECTS:${room}>)
   endforeach()
-  # tarnConfig.cmake finds the same.
-  target_link_libraries(libtarn_static PRIVATE
-    CURL::libcurl OpenSSL::Crypto PkgConfig::libav SQLite::SQLite3 Threads::Threads fmt::fmt)
+  target_link_libraries(libtarn_static PRIVATE ${libraries} Threads::Threads fmt::fmt)
   tarn_library(libtarn_static static)
 endif()
 

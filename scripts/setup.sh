@@ -49,7 +49,7 @@ build_web() {
     tell "Fetching the page's packages ..."
     (cd web && npm ci --ignore-scripts --loglevel=error) >&2
   fi
-  local sources="web/app web/host web/plugin/src web/build.mjs web/package-lock.json"
+  local sources="web/app web/plugin/src web/build.mjs web/package-lock.json"
   # shellcheck disable=SC2086
   if [ ! -f build/web/index.html ] || [ -n "$(find $sources -newer build/web/index.html -print -quit)" ]; then
     tell "Building build/web ..."

@@ -1,13 +1,12 @@
 // Bundles the page from app/ into a folder that a host serves:
 //   node build.mjs [FOLDER]      build/web under the repository's root when none is given
 
-import { copyFileSync, mkdirSync } from 'node:fs';
+import { copyFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { build } from 'esbuild';
 
 const app = fileURLToPath(new URL('app/', import.meta.url));
-const nativeSide = fileURLToPath(new URL('host/native.js', import.meta.url));
 const folder = process.argv[2] ?? fileURLToPath(new URL('../build/web/', import.meta.url));
 
 await build({
@@ -22,7 +21,5 @@ await build({
   logLevel: 'warning',
 });
 await build({ entryPoints: [join(app, 'app.css')], outdir: folder, bundle: true, minify: true, logLevel: 'warning' });
-mkdirSync(join(folder, 'bridge'), { recursive: true });
-copyFileSync(nativeSide, join(folder, 'bridge/native.js'));
 copyFileSync(join(app, 'icon.svg'), join(folder, 'icon.svg'));
 copyFileSync(join(app, 'index.html'), join(folder, 'index.html')); // last: it tells that the rest is there

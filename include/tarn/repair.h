@@ -41,9 +41,9 @@ struct RepairReport {
 /// there; if it is a link, it replaces the file that the link leads to. Until then new bytes are in a hidden directory
 /// beside the output; it goes in any case.
 ///
-/// `progress` hears how far a stage has come, from 0 to 1, on the calling thread. `cancel` ends the repair at its next
-/// check, from any thread. Throws Error if nothing was tried: the input is no file, the output has no directory or is
-/// the input. Several repairs may run at once, on threads of their own, if their outputs differ.
+/// `progress` hears how far a stage that takes long has come, from 0 to 1, on the calling thread. `cancel` ends the
+/// repair at its next check, from any thread. Throws Error if nothing was tried: the input is no file, the output has
+/// no directory or is the input. Several repairs may run at once, on threads of their own, if their outputs differ.
 TARN_API RepairReport repairFile(const std::filesystem::path& input, const std::filesystem::path& output,
                                  const RepairOptions& options = {},
                                  const std::function<void(std::string_view stage, double done)>& progress = {},

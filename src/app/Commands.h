@@ -30,12 +30,12 @@ struct RepairArguments {
   std::string output;
   bool skipVideoFix = false;
   bool skipAudioFix = false;
-  std::optional<std::string> like;
+  std::optional<std::string> like = {};
 };
 
 struct ServeOptions {
-  uint16_t port = 0;      ///< 0: any that is free
-  std::string webFolder;  ///< the built page
+  uint16_t port = 0;                     ///< 0: any that is free
+  std::optional<std::string> webFolder;  ///< a built page; else the program's own
 };
 
 /// Each command returns its exit code. What it throws is a failure for the caller to print.

@@ -4,8 +4,8 @@
 #include <map>
 #include <set>
 
+#include "app/CommandEngine.h"
 #include "app/Commands.h"
-#include "app/EngineSession.h"
 #include "app/Output.h"
 #include "app/VanishedWork.h"
 #include "platform/JSObject.h"
@@ -17,13 +17,13 @@ namespace {
 /// after each, which takes up the next stored run.
 class Resume {
  public:
-  Resume(const GlobalOptions& global, EngineClient& engine) : global_(global), engine_(engine) {}
+  Resume(const GlobalOptions& global, Engine& engine) : global_(global), engine_(engine) {}
 
   int run() {
     try {
       finishAll();
       if (!engine_.isInterrupted()) return report();
-    } catch (const CallInterrupted&) {
+    } catch (const EngineInterrupted&) {
       // An interrupt ends every wait.
     }
     printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
@@ -48,12 +48,11 @@ class Resume {
   /// Takes the outcomes that are there; true while any download is active.
   bool look() {
     bool isActive = false;
-    const JSObject tasks = engine_.downloads();
+    const auto downloads = engine_.downloads();
     stored_ = engine_.storedWork();
-    for (const auto& [key, value] : tasks.members()) {
-      const JSObject& task = *value.get<JSObject>();
-      const auto status = valueAt<std::string>(task, "status", "");
-      const auto id = valueAt<int64_t>(task, "id", 0);
+    for (const Engine::Download& download : downloads) {
+      const int64_t id = download.id;
+      const std::string& status = download.status;
       if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
         isActive = true;
       } else if (status == "STATUS_SUCCESSFUL") {
@@ -62,7 +61,7 @@ class Resume {
         takeFailed(id, reason(id));
       } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
-        show(id, task);
+        show(download);
       }
     }
     return isActive;
@@ -71,9 +70,8 @@ class Resume {
   /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores, and no stored
   /// transfer has yet to report; or after some looks, since what nothing stands behind may stay.
   bool isEverythingGone() {
-    const JSObject tasks = engine_.downloads();
     const bool isGone = std::ranges::none_of(
-        outcomes_, [&](const auto& outcome) { return tasks.find(std::to_string(outcome.first)) != nullptr; });
+        engine_.downloads(), [&](const Engine::Download& download) { return outcomes_.contains(download.id); });
     return (isGone && !stored_.hasTransfers) || ++looksAtTheEnd_ > enoughLooksAtTheEnd;
   }
 
@@ -90,10 +88,11 @@ class Resume {
   }
 
   /// The end of a download, as a page hears of it; it is not in the list any more then.
-  void take(const EngineClient::Event& event) {
+  void take(const Engine::Event& event) {
     if (event.name != "downloadComplete") return;
-    const auto id = valueAt<int64_t>(event.data, "id", 0);
-    if (valueAt<std::string>(event.data, "status", "") == "STATUS_SUCCESSFUL") {
+    const JSObject data = JSObject::parse(event.data).value_or(JSObject());
+    const auto id = valueAt<int64_t>(data, "id", 0);
+    if (valueAt<std::string>(data, "status", "") == "STATUS_SUCCESSFUL") {
       takeSaved(id);
     } else {
       takeFailed(id, reason(id));
@@ -116,14 +115,15 @@ class Resume {
     if (!outcomes_.emplace(id, false).second) return;
     if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
     printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
-    engine_.call("cancel", {{"id", id}});
+    engine_.cancel(id);
   }
 
-  void show(int64_t id, const JSObject& task) {
+  void show(const Engine::Download& download) {
     if (global_.json) {
-      printJSON({{"event", "downloadProgress"}, {"data", JSObject{{std::to_string(id), task}}}});
-    } else if (shown_.insert(id).second) {
-      fmt::print(stderr, "going on with {}\n", valueAt(task, "filename", std::to_string(id)));
+      const JSObject task = JSObject::parse(download.json).value_or(JSObject());
+      printJSON({{"event", "downloadProgress"}, {"data", JSObject{{std::to_string(download.id), task}}}});
+    } else if (shown_.insert(download.id).second) {
+      fmt::print(stderr, "going on with {}\n", download.filename);
     }
   }
 
@@ -148,8 +148,8 @@ class Resume {
   static constexpr std::chrono::milliseconds longestPause{1000};
 
   const GlobalOptions& global_;
-  EngineClient& engine_;
-  EngineClient::StoredWork stored_;  ///< at the last look
+  Engine& engine_;
+  Engine::StoredWork stored_;  ///< at the last look
   std::chrono::milliseconds pause_ = shortestPause;
   bool wasIdle_ = false;
   std::map<int64_t, bool> outcomes_;  ///< true for a saved video
@@ -162,8 +162,8 @@ class Resume {
 }  // namespace
 
 int resumeCommand(const GlobalOptions& global) {
-  EngineSession engine(global);
-  return engine.leave(Resume(global, engine).run());
+  CommandEngine command(global);
+  return command.leave(Resume(global, command.engine()).run());
 }
 
 }  // namespace tarn

@@ -5,9 +5,9 @@
 #include <random>
 #include <utility>
 
+#include "api/FileNames.h"
+#include "app/CommandEngine.h"
 #include "app/Commands.h"
-#include "app/EngineSession.h"
-#include "app/FileNames.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
 #include "app/VanishedWork.h"
@@ -22,7 +22,7 @@ using std::chrono::steady_clock;
 /// One download, from its start to its end.
 class Save {
  public:
-  Save(const GlobalOptions& global, const SaveOptions& options, EngineClient& engine)
+  Save(const GlobalOptions& global, const SaveOptions& options, Engine& engine)
       : global_(global), options_(options), engine_(engine) {
     if (!global.json) printer_.emplace();
   }
@@ -31,7 +31,7 @@ class Save {
     try {
       if (!start()) return ExitCode::failed;
       if (const auto end = waitForEnd()) return report(*end);
-    } catch (const CallInterrupted&) {
+    } catch (const EngineInterrupted&) {
       // An interrupt ends every wait.
     }
     printer_.reset();
@@ -52,17 +52,18 @@ class Save {
     for (;;) {
       setId(freshId());
       try {
-        const auto answer = engine_.saveVideo({{"id", id_},
-                                               {"url", options_.url},
-                                               {"album", options_.album},
-                                               {"filename", filename_},
-                                               {"skipVideoFix", options_.skipVideoFix},
-                                               {"skipAudioFix", options_.skipAudioFix}});
-        if (!answer.resolved) printFailure(answer.message + " Give an http or https URL.");
-        setId(valueAt<int64_t>(answer.data, "id", 0));
-        return answer.resolved;
+        setId(engine_.save({.url = options_.url,
+                            .album = options_.album,
+                            .filename = filename_,
+                            .skipVideoFix = options_.skipVideoFix,
+                            .skipAudioFix = options_.skipAudioFix,
+                            .id = id_}));
+        return true;
+      } catch (const EngineRefused& refusal) {
+        printFailure(refusal.description() + " Give an http or https URL.");
+        return false;
       } catch (const EngineLost&) {
-        if (engine_.downloads().find(key_)) return true;
+        if (download()) return true;
       }
     }
   }
@@ -96,38 +97,47 @@ class Save {
   }
 
   /// Shows an event of this download; its end, when that is told.
-  std::optional<End> take(const EngineClient::Event& event) {
-    if (event.name == EngineClient::engineChanged) {
+  std::optional<End> take(const Engine::Event& event) {
+    if (event.name == Engine::changed) {
       hasOtherEngine_ = true;
       isGone_ = false;
-    } else if (event.name == "downloadProgress") {
-      const auto* entry = valueAt<JSObject>(event.data, key_);
+      return std::nullopt;
+    }
+    const JSObject data = JSObject::parse(event.data).value_or(JSObject());
+    if (event.name == "downloadProgress") {
+      const auto* entry = valueAt<JSObject>(data, key_);
       if (entry && printer_) printer_->show(*entry);
       if (entry && !printer_) printJSON({{"event", event.name}, {"data", JSObject{{key_, *entry}}}});
-    } else if (event.name == "downloadComplete" && valueAt<int64_t>(event.data, "id", 0) == id_) {
-      if (!printer_) printJSON({{"event", event.name}, {"data", event.data}});
-      return End{.isSaved = valueAt<std::string>(event.data, "status", "") == "STATUS_SUCCESSFUL",
-                 .assetId = valueAt<std::string>(event.data, "assetId", "")};
+    } else if (event.name == "downloadComplete" && valueAt<int64_t>(data, "id", 0) == id_) {
+      if (!printer_) printJSON({{"event", event.name}, {"data", data}});
+      return End{.isSaved = valueAt<std::string>(data, "status", "") == "STATUS_SUCCESSFUL",
+                 .assetId = valueAt<std::string>(data, "assetId", "")};
     }
     return std::nullopt;
   }
 
   /// Looks for an end that no event tells: somebody has cancelled the download, or its engine has ended.
   std::optional<End> look() {
-    const JSObject downloads = engine_.downloads();
-    const auto* task = valueAt<JSObject>(downloads, key_);
-    isGone_ = !task;
-    if (!task || !hasOtherEngine_) return std::nullopt;
-    const auto status = valueAt<std::string>(*task, "status", "");
+    const auto download = this->download();
+    isGone_ = !download;
+    if (!download || !hasOtherEngine_) return std::nullopt;
+    const std::string& status = download->status;
     const auto stored = engine_.storedWork();
     const bool hasVanished = vanished_.look(id_, status, stored) == VanishedWork::State::vanished;
     if (hasVanished || status == "STATUS_FAILED") {
-      engine_.call("cancel", {{"id", id_}});
+      engine_.cancel(id_);
       return End{.words = hasVanished ? VanishedWork::words(status) : ""};
     }
     const bool waitsForARun = status == "STATUS_SUCCESSFUL" || std::ranges::find(stored.runs, id_) != stored.runs.end();
     if (waitsForARun && !stored.isProcessing) engine_.takeUpStoredRun();
     return std::nullopt;
+  }
+
+  /// This download, while the engine has it.
+  std::optional<Engine::Download> download() {
+    auto downloads = engine_.downloads();
+    const auto found = std::ranges::find(downloads, id_, &Engine::Download::id);
+    return found == downloads.end() ? std::nullopt : std::optional(std::move(*found));
   }
 
   /// All events that came before the engine let go of the download have been taken.
@@ -155,7 +165,9 @@ class Save {
   }
 
   /// The video, where an engine has ended before it told which asset it is.
-  std::optional<Path> savedSinceStart() { return engine_.savedSince(start_, options_.album, filename_); }
+  std::optional<std::filesystem::path> savedSinceStart() {
+    return engine_.savedSince(start_, options_.album, filename_);
+  }
 
   int reportFailure(std::string words) {
     const char* advice = "Run the same command again.";
@@ -172,7 +184,7 @@ class Save {
 
   const GlobalOptions& global_;
   const SaveOptions& options_;
-  EngineClient& engine_;
+  Engine& engine_;
   const std::string filename_ = options_.filename.value_or(defaultFilename(options_.url));
   const Date start_ = SystemClock().now();
   std::optional<ProgressPrinter> printer_;
@@ -186,8 +198,8 @@ class Save {
 }  // namespace
 
 int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
-  EngineSession engine(global);
-  return engine.leave(Save(global, options, engine).run());
+  CommandEngine command(global);
+  return command.leave(Save(global, options, command.engine()).run());
 }
 
 }  // namespace tarn

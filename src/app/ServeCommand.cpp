@@ -1,9 +1,10 @@
 #include <chrono>
 
+#include "api/OwnEngine.h"
+#include "app/CommandEngine.h"
 #include "app/Commands.h"
 #include "app/Interrupt.h"
 #include "app/Output.h"
-#include "app/OwnEngine.h"
 #include "engine/Home.h"
 #include "platform/host/PosixFileManager.h"
 #include "serve/BridgeServer.h"
@@ -32,12 +33,21 @@ class StoredRuns {
   std::chrono::steady_clock::time_point lastLook_ = std::chrono::steady_clock::now();
 };
 
+/// The page that stands beside this program: where both are installed, or where both were built.
+Path ownPage() {
+  const Path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  Path installed = (here / TARN_PAGE).lexically_normal();
+  Path built = (here / "../web").lexically_normal();
+  std::error_code ignored;
+  return std::filesystem::exists(installed / "index.html", ignored) ? installed : built;
+}
+
 }  // namespace
 
 int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   const Path home = homeDirectory(global.home);
   PosixFileManager files(home);
-  OwnEngine engine(home, files, global);
+  OwnEngine engine(home, files, engineOptions(global));
   Host& host = engine.host();
   InProcessClient& client = engine.client();
   const InterruptWatcher watcher([&] {
@@ -48,7 +58,9 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   for (const std::string& words : host.storeProblems()) printFailure(words + ".");
   StoredRuns storedRuns(host);
   BridgeServer server(files, host.photos(), host.plugin(),
-                      {.port = options.port, .webFolder = options.webFolder, .token = homeToken(home)},
+                      {.port = options.port,
+                       .webFolder = options.webFolder ? Path(*options.webFolder) : ownPage(),
+                       .token = homeToken(home)},
                       [&host](bool isActive) { host.setActive(isActive); });
   printLine(server.entryAddress());
   while (!client.isInterrupted()) {

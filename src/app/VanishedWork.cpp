@@ -13,7 +13,7 @@ bool contains(const std::vector<int64_t>& ids, int64_t id) {
 
 }  // namespace
 
-VanishedWork::State VanishedWork::look(int64_t id, const std::string& status, const EngineClient::StoredWork& stored) {
+VanishedWork::State VanishedWork::look(int64_t id, const std::string& status, const Engine::StoredWork& stored) {
   if (status == "STATUS_PENDING" || contains(stored.transfers, id) || contains(stored.records, id)) {
     looks_[id] = 0;
     return State::underWay;

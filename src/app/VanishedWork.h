@@ -1,10 +1,10 @@
 #pragma once
 
+#include <tarn/engine.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
-
-#include "app/EngineClient.h"
 
 namespace tarn {
 
@@ -20,7 +20,7 @@ class VanishedWork {
   };
 
   /// What the stores say of a download with this status. They must have been read behind the status.
-  State look(int64_t id, const std::string& status, const EngineClient::StoredWork& stored);
+  State look(int64_t id, const std::string& status, const Engine::StoredWork& stored);
 
   /// Why a download of this status has vanished, in words.
   static const char* words(const std::string& status);

@@ -51,7 +51,7 @@ int run(int argc, char** argv) {
   auto* library = app.add_subcommand("library", "List the albums and what is in them");
   library->add_option("--album", album, "Only this album");
 
-  ServeOptions serving{.webFolder = TARN_WEB_FOLDER};
+  ServeOptions serving;
   auto* serve = app.add_subcommand("serve", "Show a page on this machine that drives it all; prints its address");
   serve->add_option("--port", serving.port, "The port on 127.0.0.1 (else any that is free)");
   serve->add_option("--web", serving.webFolder, "The folder of the built page");

@@ -19,6 +19,8 @@ constexpr int64_t never = std::numeric_limits<int64_t>::max();
 constexpr double noEnd = std::numeric_limits<double>::infinity();
 /// A common end costs no track more than this.
 constexpr double mostSeconds = 10;
+/// Of all tracks together: each takes 16 bytes.
+constexpr uint64_t mostPictures = 1 << 24;
 
 /// The first so many samples of a track, and where what they show ends in the media.
 struct Prefix {
@@ -147,7 +149,11 @@ class EndingTrack {
 
   std::vector<PresentedEdit> presented() const {
     if (edits_.empty()) return {{.movieDuration = MediaEdit::latestTime, .mediaStart = 0}};
-    return presentedEdits(edits_, movieTimescale_, timescale_, kept_.end);
+    auto edits = presentedEdits(edits_, movieTimescale_, timescale_, kept_.end);
+    for (PresentedEdit& edit : edits) {
+      if (edit.mediaStart) edit.mediaStart = std::max(*edit.mediaStart, -MediaEdit::latestTime);
+    }
+    return edits;
   }
   double seconds(int64_t movieTicks) const { return static_cast<double>(movieTicks) / movieTimescale_; }
   static double speed(const PresentedEdit& edit) { return static_cast<double>(edit.rate) / layout::normalRate; }
@@ -174,7 +180,8 @@ class EndingTrack {
     for (const PresentedEdit& edit : presented()) {
       const double length = std::min(time - seconds(edit.movieStart), seconds(edit.movieDuration));
       if (!edit.mediaStart || length <= 0) continue;
-      end = std::max(end, *edit.mediaStart + std::max<int64_t>(1, std::llround(length * speed(edit) * timescale_)));
+      const double media = std::clamp<double>(length * speed(edit) * timescale_, 1, MediaEdit::latestTime);
+      end = std::max(end, *edit.mediaStart + static_cast<int64_t>(std::llround(media)));
     }
     return end;
   }
@@ -296,9 +303,13 @@ LostEnd cutToCommonEnd(MovieBox& moov, std::vector<TrackTables>& tables, const s
   const auto timescale = static_cast<uint32_t>(headerTimescaleField.load(header).value_or(0));
   if (timescale == 0) throw MovieError(MovieError::Case::damaged, "The movie has no timescale");
   EndingTracks tracks;
+  uint64_t pictures = 0;
   for (MovieBox& child : moov.children) {
+    if (child.type != "trak") continue;
     const size_t index = tracks.size();
-    if (child.type == "trak") tracks.emplace_back(child, tables.at(index), missing.at(index), timescale);
+    if (handlerOf(child) == "vide") pictures += tables.at(index).sampleCount();
+    if (pictures > mostPictures) throw MovieError(MovieError::Case::doesNotFit, "The movie has too many pictures");
+    tracks.emplace_back(child, tables.at(index), missing.at(index), timescale);
   }
   requireMedia(tracks);
   if (const auto end = commonEnd(tracks)) cut(tracks, *end);

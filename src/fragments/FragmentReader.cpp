@@ -127,12 +127,12 @@ class Reader {
   void walk() {
     FileBoxWalker walker(file_, 0, fileSize_, rules.topLevel);
     uint64_t end = 0;
-    bool isMediaCut = false;
+    bool isMediaCut = false, isIndexCut = false;
     while (const auto box = walker.next()) {
       if (box->type == std::string_view("\0\0\0\0", 4)) break;
       if (box->end() > fileSize_) {
         isMediaCut = box->type == "mdat";
-        if (box->type == "moof") movie_.isCut = true;
+        isIndexCut = box->type == "mfra";
         if (isMediaCut) end = fileSize_;
         break;
       }
@@ -140,7 +140,11 @@ class Reader {
       end = box->end();
       tellProgress(end);
     }
-    if (end < fileSize_ || isMediaCut) dropZeros(end);
+    if (end == fileSize_ && !isMediaCut) return;
+    const uint64_t content = endOfContent(file_, fileSize_);
+    // Fragments have begun here, or what stands ahead of them; an index (8.8.9) is the last box.
+    if (content > end && !isIndexCut) movie_.isCut = true;
+    dropZeros(end, content);
   }
 
   void take(const BoxHeader& box) {
@@ -268,9 +272,8 @@ class Reader {
     return count;
   }
 
-  /// Behind `end` are no boxes.
-  void dropZeros(uint64_t end) {
-    const uint64_t content = endOfContent(file_, fileSize_);
+  /// Behind `end` are no boxes, behind `content` nothing but zeros.
+  void dropZeros(uint64_t end, uint64_t content) {
     if (fileSize_ - content < (end < fileSize_ ? fewZeros : manyZeros)) return;
     for (FragmentTrack& track : movie_.tracks) {
       const uint64_t whole = track.tables().samplesAheadOf(content + fewZeros);

@@ -65,11 +65,10 @@ class Joining {
  private:
   void write(FileHandle& source, const Path& path, PlainMovie movie) {
     const auto target = run_.files.open(path, OpenMode::exclusive);
-    const auto copied = writePlainMovie(source, *target, std::move(movie),
-                                        [this](double part) { tell(readingPart + part * (1 - readingPart)); });
+    writePlainMovie(source, *target, std::move(movie),
+                    [this](double part) { tell(readingPart + part * (1 - readingPart)); });
     target->synchronize();
     target->close();
-    log("The fragments are joined: {} ranges of media were taken over", copied.size());
   }
 
   void tell(double part) {

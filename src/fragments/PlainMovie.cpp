@@ -17,6 +17,11 @@ namespace {
 
 using Case = MovieError::Case;
 
+/// So many ranges that are this small on average are copied byte by byte: a file that is a recipe would have to
+/// remember each of them.
+constexpr size_t manyRanges = 1 << 16;
+constexpr uint64_t smallRange = 1 << 16;
+
 /// Bytes of the source, and where they come to lie, counted from the first media byte.
 struct Range {
   uint64_t begin = 0;
@@ -105,31 +110,84 @@ void placeMedia(PlainMovie& movie, const Media& media) {
   putTables(movie, isLong);
 }
 
+/// Copies ranges of the source, one behind the other.
+class RangeCopy {
+ public:
+  RangeCopy(FileHandle& source, FileHandle& target, const Media& media, const std::function<void(double)>& poll)
+      : source_(source), target_(target), media_(media), poll_(poll) {}
+
+  void copyAll() {
+    const bool areSmall = media_.ranges().size() > manyRanges && media_.size() / media_.ranges().size() < smallRange;
+    for (const Range& range : media_.ranges()) {
+      areSmall ? read(range) : copy(range);
+    }
+    flush();
+    if (media_.size() > 0) poll_(1);
+  }
+
+ private:
+  void copy(const Range& range) {
+    for (uint64_t at = range.begin; at < range.end;) {
+      source_.seek(at);
+      const uint64_t copied = source_.copyRange(target_, std::min(rewritePieceSize, range.end - at));
+      if (copied == 0) throwCutOff(at);
+      at += copied;
+      advance(copied);
+    }
+  }
+
+  void read(const Range& range) {
+    for (uint64_t at = range.begin; at < range.end;) {
+      const auto size = static_cast<size_t>(std::min(bufferSize, range.end - at));
+      if (buffer_.size() + size > bufferSize) flush();
+      const size_t begin = buffer_.size();
+      buffer_.resize(begin + size);
+      source_.seek(at);
+      if (source_.readInto(std::span(buffer_).subspan(begin)) < size) throwCutOff(at);
+      at += size;
+      advance(size);
+    }
+  }
+
+  void flush() {
+    target_.write(buffer_);
+    buffer_.clear();
+  }
+
+  void advance(uint64_t bytes) {
+    done_ += bytes;
+    if (done_ - told_ < rewritePieceSize) return;
+    told_ = done_;
+    poll_(static_cast<double>(done_) / static_cast<double>(media_.size()));
+  }
+
+  [[noreturn]] static void throwCutOff(uint64_t at) {
+    throw MovieError(Case::cutOff, fmt::format("The source ends at {}, ahead of its samples", at));
+  }
+
+  static constexpr uint64_t bufferSize = 1 << 20;
+
+  FileHandle& source_;
+  FileHandle& target_;
+  const Media& media_;
+  const std::function<void(double)>& poll_;
+  Bytes buffer_;
+  uint64_t done_ = 0;
+  uint64_t told_ = 0;
+};
+
 }  // namespace
 
-std::vector<CopiedRange> writePlainMovie(FileHandle& source, FileHandle& target, PlainMovie movie,
-                                         const std::function<void(double)>& poll) {
+void writePlainMovie(FileHandle& source, FileHandle& target, PlainMovie movie,
+                     const std::function<void(double)>& poll) {
   const Media media(movie.tables);
   placeMedia(movie, media);
   movie.tables.clear();
-  MovieWriter writer(source, target);
-  writer.write(movie.ftyp);
-  writer.write(movie.moov.bytes());
+  target.write(movie.ftyp);
+  target.write(movie.moov.bytes());
   movie.moov = {};
-  writer.write(mdatHeader(media.size()));
-  uint64_t done = 0, told = 0;
-  for (const Range& range : media.ranges()) {
-    for (uint64_t at = range.begin; at < range.end;) {
-      const uint64_t copied = writer.copy(at, std::min(rewritePieceSize, range.end - at));
-      if (copied == 0) throw MovieError(Case::cutOff, fmt::format("The source ends at {}, ahead of its samples", at));
-      at += copied;
-      done += copied;
-      if (done - told < rewritePieceSize && done < media.size()) continue;
-      told = done;
-      poll(static_cast<double>(done) / static_cast<double>(media.size()));
-    }
-  }
-  return writer.copied();
+  target.write(mdatHeader(media.size()));
+  RangeCopy(source, target, media, poll).copyAll();
 }
 
 }  // namespace tarn

@@ -19,7 +19,7 @@ class BridgeServer {
  public:
   struct Settings {
     uint16_t port = 0;  ///< 0: any that is free
-    Path webFolder;     ///< the built page
+    Path webFolder;     ///< the built page; the script of the bridge is the server's own
     std::string token;  ///< what a browser must know
   };
   /// Told, on the server's thread, when the pages send the application to the foreground (true) or the background.

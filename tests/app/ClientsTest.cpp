@@ -46,9 +46,8 @@ class ClientsTest : public testing::Test {
   }
 
   std::vector<std::string> serve() const {
-    std::filesystem::create_directories(place_ / "web/bridge");
+    std::filesystem::create_directories(place_ / "web");
     std::ofstream(place_ / "web/index.html") << "<!doctype html>";
-    std::ofstream(place_ / "web/bridge/native.js") << "native();";
     return {"serve", "--web", place_ / "web"};
   }
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/InProcessClient.h"
+#include "api/InProcessClient.h"
 #include "engine/Host.h"
 #include "platform/ForwardingFileManager.h"
 #include "platform/host/PosixFileManager.h"

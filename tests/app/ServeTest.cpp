@@ -121,7 +121,7 @@ class ServeTest : public testing::Test {
   ServeTest() {
     std::filesystem::create_directories(place_ / "web/bridge");
     std::ofstream(place_ / "web/index.html") << "<!doctype html><head><title>Page</title></head>";
-    std::ofstream(place_ / "web/bridge/native.js") << "native(tarnPlugins);";
+    std::ofstream(place_ / "web/bridge/native.js") << "notTheHosts();";
     start();
   }
 
@@ -270,6 +270,8 @@ TEST_F(ServeTest, TheLinkLetsABrowserIn) {
   EXPECT_NE(get("").find(R"(<head><script src="bridge/native.js"></script><title>)"), std::string::npos);
   const std::string script = get("bridge/native.js");
   EXPECT_TRUE(bodyOf(script).starts_with(R"(const tarnPlugins = [{"name":"TarnBridge","methods":[)")) << script;
+  EXPECT_THAT(script, testing::HasSubstr("PluginHeaders"));
+  EXPECT_THAT(script, Not(testing::HasSubstr("notTheHosts"))) << "a folder's own script is not the bridge";
 
   auto second = runTarn(place_ / "other", {"serve", "--web", place_ / "web", "--port", std::to_string(port_)});
   EXPECT_EQ(second.exitCode, 1);

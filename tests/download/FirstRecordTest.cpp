@@ -20,10 +20,11 @@ TEST_F(FirstRecord, AsksForTheStepsThatTheFileAndTheOptionsCallFor) {
     bool skipsVideo, skipsAudio;
     bool needsRemuxing, needsAudio, skipsSync;
   } rows[] = {
-      {whole, false, false, true, true, false},      {whole, true, false, false, false, true},
-      {whole, false, true, true, false, true},       {whole, true, true, false, false, true},
-      {silent, false, false, true, false, false},    {foreign, false, false, false, true, false},
-      {fragments, false, false, false, false, true}, {lateFragments, false, false, false, false, true},
+      {whole, false, false, true, true, false},     {whole, true, false, false, false, true},
+      {whole, false, true, true, false, true},      {whole, true, true, false, false, true},
+      {silent, false, false, true, false, false},   {foreign, false, false, false, true, false},
+      {fragments, false, false, true, true, false}, {lateFragments, false, true, true, false, true},
+      {fragments, true, false, false, false, true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.clip);
@@ -33,6 +34,32 @@ TEST_F(FirstRecord, AsksForTheStepsThatTheFileAndTheOptionsCallFor) {
     EXPECT_EQ(record.needsAudioTranscode, row.needsAudio);
     EXPECT_EQ(record.skipAVSync, row.skipsSync);
     EXPECT_EQ(record.stage, ProcessingStage::downloaded);
+  }
+}
+
+/// Flags go off and never on; all of them if the movie could not be made plain.
+TEST_F(FirstRecord, FlagsFollowTheFileThatTheFragmentsStepLeaves) {
+  const std::string pictures = "-f lavfi -i testsrc=size=64x48:rate=10:duration=1 -pix_fmt yuv420p ";
+  const struct {
+    std::string clip;
+    bool needsRemuxing, needsAudio, skipsSync;
+  } rows[] = {
+      {pictures + "-c:v libx264", true, false, false},
+      {pictures + "-c:v mpeg4", false, false, false},
+      {"-f lavfi -i sine=duration=1 -c:a aac", false, true, false},
+      {pictures + "-c:v libx264 -movflags frag_keyframe+empty_moov", false, false, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.clip);
+    ProcessingState record{
+        .fileURL = madeByFFmpeg(words(row.clip)), .needsRemuxing = true, .needsAudioTranscode = true};
+    deriveFlags(files_, record);
+    EXPECT_EQ(record.needsRemuxing, row.needsRemuxing);
+    EXPECT_EQ(record.needsAudioTranscode, row.needsAudio);
+    EXPECT_EQ(record.skipAVSync, row.skipsSync);
+    ProcessingState skipping{.fileURL = record.fileURL, .skipAVSync = true};
+    deriveFlags(files_, skipping);
+    EXPECT_FALSE(skipping.needsRemuxing || skipping.needsAudioTranscode || !skipping.skipAVSync);
   }
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "app/FileNames.h"
-#include "app/InProcessClient.h"
+#include "api/FileNames.h"
+#include "api/InProcessClient.h"
 #include "engine/Host.h"
 #include "engine/Outcomes.h"
 #include "platform/JSObject.h"

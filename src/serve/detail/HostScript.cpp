@@ -6,6 +6,8 @@
 #include <array>
 #include <cctype>
 
+#include "serve/detail/NativeScript.h"
+
 namespace tarn {
 namespace {
 
@@ -47,14 +49,15 @@ size_t startOfHead(std::string_view html) {
 
 }  // namespace
 
-std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey, std::string_view body) {
+std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey) {
   JSValue::Array methods;
   for (const CAPPluginMethod& method : plugin.pluginMethods()) {
     methods.emplace_back(methodEntry(method.name, method.returnType));
   }
   for (const auto& [name, returnType] : bridgeMethods) methods.emplace_back(methodEntry(name, returnType));
   const JSObject table{{"name", plugin.jsName()}, {"methods", std::move(methods)}};
-  return fmt::format("const tarnPlugins = [{}];\nconst tarnPageKey = \"{}\";\n{}", table.json(), pageKey, body);
+  return fmt::format("const tarnPlugins = [{}];\nconst tarnPageKey = \"{}\";\n{}", table.json(), pageKey,
+                     nativeScript());
 }
 
 std::string withHostScript(std::string_view html) {

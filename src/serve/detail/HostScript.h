@@ -8,8 +8,8 @@
 namespace tarn {
 
 /// The script that puts up the native side of the bridge in a page: the table of the plug-in's methods and the key of
-/// the home's pages, followed by `body`, which reads them.
-std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey, std::string_view body);
+/// the home's pages, followed by web/host/native.js, which reads them.
+std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey);
 
 /// A page's HTML with the host's script as the first thing in its head, before any script of its own.
 std::string withHostScript(std::string_view html);

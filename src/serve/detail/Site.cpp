@@ -14,7 +14,6 @@ namespace tarn {
 namespace {
 
 constexpr std::string_view videos = "/videos/";
-constexpr const char* nativeScript = "bridge/native.js";
 
 SiteAnswer typed(std::string type, std::string text) {
   return {.fields = {{"Content-Type", std::move(type)}}, .text = std::move(text)};
@@ -71,8 +70,7 @@ SiteAnswer Site::index() const {
 }
 
 SiteAnswer Site::script() const {
-  return typed(contentType(nativeScript),
-               hostScript(plugin_, pageKey_, textOf(readFile(files_, folder_ / nativeScript))));
+  return typed(contentType("native.js"), hostScript(plugin_, pageKey_));
 }
 
 SiteAnswer Site::albums() const {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string_view>
 
-#include "app/EngineClient.h"
+#include "api/EngineClient.h"
 #include "platform/host/Descriptor.h"
 
 namespace tarn {

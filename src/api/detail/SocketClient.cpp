@@ -1,4 +1,4 @@
-#include "app/SocketClient.h"
+#include "api/detail/SocketClient.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/Error.h"
 #include "serve/HomeSocket.h"
 
 namespace tarn {
@@ -52,7 +53,7 @@ EngineClient::Answer SocketClient::call(const std::string& plugin, const std::st
   send(JSObject{{"id", id}, {"plugin", plugin}, {"method", method}, {"options", std::move(options)}}.json() + "\n");
   for (;;) {
     const auto message = nextMessage(std::nullopt);
-    if (!message) throw CallInterrupted();
+    if (!message) throw EngineInterrupted();
     if (valueAt<std::string>(*message, "id", "") != id) continue;
     if (const auto* data = valueAt<JSObject>(*message, "resolve"))
       return {.resolved = true, .data = *data, .message = {}};

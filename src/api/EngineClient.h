@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/engine.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -8,56 +10,26 @@
 
 #include "platform/Capacitor.h"
 #include "platform/Clock.h"
-#include "platform/Error.h"
 #include "platform/FileManager.h"
 
 namespace tarn {
-
-/// The engine is gone, and with it the answer of a command.
-class EngineLost : public Error {
- public:
-  explicit EngineLost(std::string description) : Error("Engine", -1, std::move(description)) {}
-};
-
-/// An interrupt has come while a command waited for the engine.
-class CallInterrupted : public Error {
- public:
-  CallInterrupted() : Error("Engine", -1, "interrupted") {}
-};
 
 /// A client of an engine, wherever that runs: calls the methods of its plug-ins, as a page does, and takes its events
 /// in their order. Belongs to one thread.
 class EngineClient {
  public:
   using Answer = CAPPluginCall::Answer;
+  using Outcome = Engine::Outcome;
+  using StoredWork = Engine::StoredWork;
 
   struct Event {
     std::string name;
     JSObject data;
   };
 
-  /// The name of the event that no engine sends: from now on another one answers, which knows what was stored.
-  static constexpr const char* engineChanged = "engineChanged";
-
-  /// What an engine knows of the end of a download.
-  struct Outcome {
-    std::optional<std::string> failure;  ///< in words
-    std::optional<std::string> assetId;
-  };
-
-  /// What the stores of an engine's home hold.
-  struct StoredWork {
-    std::vector<int64_t> runs;       ///< downloads that wait for a run or are in one, oldest first
-    std::vector<int64_t> records;    ///< downloads with a run's record, ended ones too
-    std::vector<int64_t> transfers;  ///< downloads with a transfer
-    bool hasTransfers = false;
-    bool isProcessing = false;
-    std::vector<std::string> problems;  ///< in words
-  };
-
   virtual ~EngineClient() = default;
 
-  /// Calls a method and waits for its answer. Throws EngineLost, CallInterrupted.
+  /// Calls a method and waits for its answer. Throws EngineLost, EngineInterrupted.
   virtual Answer call(const std::string& plugin, const std::string& method, JSObject options) = 0;
 
   /// Waits for the next event; nothing when none comes in time, or after an interrupt. Throws EngineLost.

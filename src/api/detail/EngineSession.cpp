@@ -1,17 +1,9 @@
-#include "app/EngineSession.h"
+#include "api/detail/EngineSession.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdio>
 #include <thread>
 #include <utility>
 
-#include "app/Output.h"
 #include "engine/Home.h"
-#include "platform/host/Descriptor.h"
 
 namespace tarn {
 namespace {
@@ -22,27 +14,15 @@ using namespace std::chrono_literals;
 constexpr std::chrono::seconds patience{30};
 constexpr std::chrono::milliseconds pause{20};
 
-/// A terminal that is closed, or a reader of the output that waits for its end, has nothing to do with this process any
-/// more.
-void detachStandardStreams() {
-  std::signal(SIGHUP, SIG_IGN);
-  const Descriptor nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(*nowhere, stream);
+std::optional<std::string> givenHome(const EngineOptions& options) {
+  return options.home ? std::optional(options.home->string()) : std::nullopt;
 }
 
 }  // namespace
 
-EngineSession::EngineSession(const GlobalOptions& global)
-    : global_(global), home_(homeDirectory(global.home)), files_(home_), watcher_([this] { return takeInterrupt(); }) {
-  try {
-    join();
-    for (const std::string& words : storedWork().problems) printFailure(words + ".");
-  } catch (const CallInterrupted&) {
-    // The command's first call says so again.
-  }
-}
+EngineSession::EngineSession(EngineOptions options)
+    : options_(std::move(options)), home_(homeDirectory(givenHome(options_))), files_(home_) {}
 
-/// Returns with an engine, or after an interrupt.
 void EngineSession::join() {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!isInterrupted() && !tryToJoin()) {
@@ -54,7 +34,7 @@ void EngineSession::join() {
 /// False while the owner starts or leaves: the home has a lock without a socket, or a socket without a listener.
 bool EngineSession::tryToJoin() {
   try {
-    take(std::make_unique<OwnEngine>(home_, files_, global_), nullptr);
+    take(std::make_unique<OwnEngine>(home_, files_, options_), nullptr);
     return true;
   } catch (const HomeInUse&) {
     auto other = SocketClient::connect(home_);
@@ -81,7 +61,7 @@ EngineClient* EngineSession::clientUnlocked() {
 EngineClient& EngineSession::client() {
   std::lock_guard guard(mutex_);
   EngineClient* const client = clientUnlocked();
-  if (!client) throw CallInterrupted();
+  if (!client) throw EngineInterrupted();
   return *client;
 }
 
@@ -91,7 +71,7 @@ EngineClient::Answer EngineSession::call(const std::string& plugin, const std::s
       return client().call(plugin, method, options);
     } catch (const EngineLost&) {
       join();
-      if (isInterrupted()) throw CallInterrupted();
+      if (isInterrupted()) throw EngineInterrupted();
       hasChanged_ = true;
       if (method == "saveVideo") throw;
     }
@@ -99,12 +79,12 @@ EngineClient::Answer EngineSession::call(const std::string& plugin, const std::s
 }
 
 std::optional<EngineClient::Event> EngineSession::nextEvent(std::optional<std::chrono::milliseconds> timeout) {
-  if (std::exchange(hasChanged_, false)) return Event{engineChanged, {}};
+  if (std::exchange(hasChanged_, false)) return Event{Engine::changed, {}};
   try {
     return client().nextEvent(timeout);
   } catch (const EngineLost&) {
     join();
-    return Event{engineChanged, {}};
+    return Event{Engine::changed, {}};
   }
 }
 
@@ -119,41 +99,26 @@ bool EngineSession::isInterrupted() const {
   return isInterrupted_;
 }
 
-/// The first interrupt ends the command. It ends its engine too, but for one that others use, which the next one ends.
-/// Returns whether the process is about to end.
-bool EngineSession::takeInterrupt() {
-  const bool isFirst = !isInterrupted();
-  interrupt();
+bool EngineSession::end() {
   std::lock_guard guard(mutex_);
+  const bool isFirst = !std::exchange(isInterrupted_, true);
+  if (EngineClient* const client = clientUnlocked()) client->interrupt();
   if (!own_) return true;
-  if (isFirst && own_->clients().hasClients()) {
-    if (isLeaving_) detach();
-    return false;
-  }
+  if (isFirst && own_->clients().hasClients()) return false;
   stop_.request_stop();
   own_->host().interrupt();
   return true;
 }
 
-int EngineSession::leave(int code) {
-  if (!own_) return code;
-  own_->client().interrupt();  // nobody takes events any more
-  {
-    std::lock_guard guard(mutex_);
-    isLeaving_ = true;
-    const bool hasClients = own_->clients().hasClients();
-    if (hasClients && isInterrupted_) detach();
-    if (hasClients && !isInterrupted_ && ::isatty(STDERR_FILENO) == 1) {
-      fmt::print(stderr, "Other commands still use this engine: it ends with the last of them.\n");
-    }
-  }
-  own_->clients().closeWhenUnused(stop_.get_token());
-  return code;
+bool EngineSession::isShared() const {
+  std::lock_guard guard(mutex_);
+  return own_ && own_->clients().hasClients();
 }
 
-void EngineSession::detach() {
-  printFailure("Other commands still use this engine: it goes on until they are done. Interrupt again to end it.");
-  detachStandardStreams();
+void EngineSession::waitUntilUnused() {
+  if (!own_) return;
+  own_->client().interrupt();  // nobody takes events any more
+  own_->clients().closeWhenUnused(stop_.get_token());
 }
 
 }  // namespace tarn

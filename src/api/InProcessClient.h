@@ -4,7 +4,7 @@
 #include <deque>
 #include <mutex>
 
-#include "app/EngineClient.h"
+#include "api/EngineClient.h"
 #include "engine/Host.h"
 
 namespace tarn {

@@ -1,4 +1,4 @@
-#include "app/EngineClient.h"
+#include "api/EngineClient.h"
 
 #include <thread>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "app/InProcessClient.h"
+#include "api/InProcessClient.h"
 
 #include <future>
 #include <memory>

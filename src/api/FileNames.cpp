@@ -1,4 +1,4 @@
-#include "app/FileNames.h"
+#include "api/FileNames.h"
 
 #include <algorithm>
 #include <array>

@@ -1,0 +1,154 @@
+#pragma once
+
+#include <tarn/tarn.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarn {
+
+class EngineSession;
+
+/// The process that ran the engine has ended, and with it the answer of a call. Another engine has taken its place:
+/// whether the call was carried out can be asked there.
+class TARN_API EngineLost : public Error {
+ public:
+  explicit EngineLost(std::string description) : Error("Engine", -1, std::move(description)) {}
+};
+
+/// An interrupt has come ahead of the answer.
+class TARN_API EngineInterrupted : public Error {
+ public:
+  EngineInterrupted() : Error("Engine", -1, "interrupted") {}
+};
+
+/// The engine does not take a command; its words say why.
+class TARN_API EngineRefused : public Error {
+ public:
+  explicit EngineRefused(std::string description) : Error("Engine", -1, std::move(description)) {}
+};
+
+struct EngineOptions {
+  /// Where everything is kept; else TARN_HOME, else $XDG_DATA_HOME/tarn, else ~/.local/share/tarn. A home that is not
+  /// there is made for its owner alone; in such a home all files of this process are (it sets the umask).
+  std::optional<std::filesystem::path> home = {};
+  /// How long a run may go on while no page is looking; without a limit if absent.
+  std::optional<std::chrono::seconds> backgroundLimit = {};
+  /// While this process has the engine, the log goes to log/tarn.log in the home; else it goes where setLog() says.
+  bool keepsLog = true;
+  /// Hears what goes wrong beside the work, in words for people. Called by the engine's functions.
+  std::function<void(const std::string& words)> warn = {};
+};
+
+/// A video to be fetched, repaired and put into an album.
+struct SaveRequest {
+  std::string url;                           ///< http or https
+  std::string album;                         ///< it is made if there is none of this name
+  std::optional<std::string> filename = {};  ///< in the album; else the last part of the URL
+  bool skipVideoFix = false;
+  bool skipAudioFix = false;
+  std::optional<int64_t> id = {};  ///< for the download, if it is free; else the engine chooses one
+};
+
+/// The download engine of a home. A home has one engine at a time: that of the process which came first. An Engine
+/// joins it over a socket in the home, or becomes it and then serves the others. If the other process ends, it goes on
+/// with the next one, or becomes the engine itself. Downloads are stored: whoever opens the home next goes on with
+/// them.
+///
+/// An Engine belongs to one thread, but for interrupt(), isInterrupted() and isShared(). A process has at most one for
+/// a home. Every function that asks the engine may throw EngineInterrupted, and Error if the home cannot be used.
+class TARN_API Engine {
+ public:
+  /// A download that is not over; of one that is, until the engine lets go of it.
+  struct Download {
+    int64_t id = 0;
+    std::string status;  ///< STATUS_PENDING, _RUNNING, _PROCESSING, _SUCCESSFUL, _FAILED, _CANCELLED
+    std::string filename;
+    std::string json;  ///< all that is known of it, one object; docs/bridge.md tells where its members are described
+  };
+
+  /// What a page would hear: "downloadProgress", "downloadComplete", or `changed`.
+  struct Event {
+    std::string name;
+    std::string data;  ///< one JSON object
+  };
+  /// The name of the event that no engine sends: from now on another one answers, which knows what was stored.
+  static constexpr const char* changed = "engineChanged";
+
+  /// How a download ended in the process of the engine. Both are absent if it has not.
+  struct Outcome {
+    std::optional<std::string> failure;  ///< in words
+    std::optional<std::string> assetId;  ///< of the video in the library
+  };
+
+  /// What is stored in the home.
+  struct StoredWork {
+    std::vector<int64_t> runs;       ///< downloads that wait for a repair or are in one, oldest first
+    std::vector<int64_t> records;    ///< downloads with a record of their repair, ended ones too
+    std::vector<int64_t> transfers;  ///< downloads with a transfer
+    bool hasTransfers = false;
+    bool isProcessing = false;          ///< a repair is going on
+    std::vector<std::string> problems;  ///< what is stored and cannot be used, in words
+  };
+
+  struct Answer {
+    bool isResolved = false;
+    std::string data;     ///< of a resolved call, one JSON object
+    std::string message;  ///< of a rejected one
+  };
+
+  explicit Engine(EngineOptions options = {});
+  /// Ends the engine if it is this process's: the active repair ends at its next check, and all stays stored.
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Comes ahead of
+  /// all functions below. Returns also after an interrupt. Throws Error.
+  void open();
+
+  /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, EngineLost.
+  int64_t save(const SaveRequest& request);
+  void cancel(int64_t id);
+  std::vector<Download> downloads();
+  Outcome outcome(int64_t id);
+  /// Where an asset stands, in an album or in any; nothing if it is not there.
+  std::optional<std::filesystem::path> assetPath(const std::string& assetId,
+                                                 const std::optional<std::string>& album = std::nullopt);
+  /// Where the newest video stands that an album got under this name since then (whole seconds).
+  std::optional<std::filesystem::path> savedSince(std::chrono::system_clock::time_point start, const std::string& album,
+                                                  const std::string& filename);
+  StoredWork storedWork();
+  /// Has the next stored repair taken up if none is active, and what has ended told again.
+  void takeUpStoredRun();
+  /// Waits, ten seconds at most, until the engine has let go of a download that has ended.
+  void waitUntilGone(int64_t id);
+
+  /// Any command of the bridge that pages use, with its options as a JSON object. Throws EngineLost for one that may
+  /// not run twice.
+  Answer call(const std::string& method, const std::string& options = "{}");
+
+  /// Waits for the next event; nothing if none comes in time, or after an interrupt.
+  std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
+
+  /// Ends all waits, now and later. Ends this process's engine too, but for one that other processes use: a second call
+  /// ends that. Returns whether there is no engine left to wait for. From any thread.
+  bool interrupt();
+  bool isInterrupted() const;
+  /// True while other processes use this process's engine. From any thread.
+  bool isShared() const;
+  /// Returns when no other process uses this process's engine, or when that is ended. Takes no events from then on.
+  void waitUntilUnused();
+
+ private:
+  std::unique_ptr<EngineSession> session_;
+};
+
+}  // namespace tarn

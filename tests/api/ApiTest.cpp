@@ -1,0 +1,144 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tarn/engine.h>
+#include <tarn/inspect.h>
+#include <tarn/repair.h>
+#include <tarn/version.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "support/FaultServer.h"
+#include "support/MediaMaker.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Kind = RepairReport::Kind;
+
+/// Two seconds whose tag and sound a repair changes.
+fs::path recording() {
+  return madeByFFmpeg(
+      words("-f lavfi -i testsrc2=size=192x144:rate=25:duration=2 -f lavfi -i sine=duration=2 "
+            "-c:v libx264 -bsf:v dump_extra -tag:v avc3 -c:a ac3"));
+}
+
+size_t entriesOf(const fs::path& folder) {
+  return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+}
+
+TEST(ApiTest, AnInspectionIsAValue) {
+  const FileInspection before = inspectFile(recording());
+  EXPECT_EQ(before.verdict, FileInspection::Verdict::repairable);
+  EXPECT_TRUE(before.changesFile);
+  ASSERT_EQ(before.tracks.size(), 2U);
+  EXPECT_EQ(before.tracks[0].codec, "avc3");
+  EXPECT_EQ(before.tracks[0].width, 192);
+  EXPECT_EQ(before.tracks[0].samples, 50U);
+  EXPECT_EQ(before.tracks[1].handler, "soun");
+  EXPECT_TRUE(std::ranges::all_of(before.problems, &FileInspection::Problem::isMended));
+  EXPECT_THAT(before.text, testing::StartsWith(before.verdictText));
+  EXPECT_THAT(before.json, HasSubstr("avc3"));
+  EXPECT_THROW(inspectFile("/nowhere"), Error);
+}
+
+TEST(ApiTest, RepairsRunOnSeveralThreadsAndEachHearsItsOwnProgress) {
+  const TempDirectory place;
+  EXPECT_EQ(repairFile(recording(), place / "alone.mp4").kind, Kind::repaired);
+  const std::string expected = contentOf(place / "alone.mp4");
+  EXPECT_EQ(inspectFile(place / "alone.mp4").verdict, FileInspection::Verdict::nothingToRepair);
+
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&, out = place / (std::to_string(i) + ".mp4")] {
+      std::set<std::thread::id> told;
+      const auto report = repairFile(recording(), out, {}, [&](std::string_view, double done) {
+        EXPECT_TRUE(done >= 0 && done <= 1) << done;
+        told.insert(std::this_thread::get_id());
+      });
+      EXPECT_EQ(report.kind, Kind::repaired) << report.failure;
+      EXPECT_EQ(report.output, out);
+      EXPECT_THAT(told, ElementsAre(std::this_thread::get_id()));
+      EXPECT_EQ(contentOf(out), expected);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(entriesOf(place.path()), 4U);
+}
+
+TEST(ApiTest, ARepairThatIsCancelledOrCannotBeginWritesNothing) {
+  const TempDirectory place;
+  std::stop_source cancel;
+  const auto stop = [&](std::string_view, double) { cancel.request_stop(); };
+  EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, stop, cancel.get_token()).kind, Kind::cancelled);
+  EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, {}, cancel.get_token()).kind, Kind::cancelled);
+  EXPECT_THROW(repairFile("/nowhere", place / "out.mp4"), Error);
+  EXPECT_THROW(repairFile(recording(), place / "no folder/out.mp4"), Error);
+  EXPECT_THROW(repairFile(recording(), place.path()), Error);
+  EXPECT_EQ(entriesOf(place.path()), 0U);
+}
+
+TEST(ApiTest, TheLogIsDroppedUntilSomebodyAsksForIt) {
+  EXPECT_STREQ(version(), TARN_VERSION_STRING);
+  const TempDirectory place;
+  std::vector<std::string> lines;
+  testing::internal::CaptureStdout();
+  repairFile(recording(), place / "out.mp4");
+  setLog([&](std::string_view line) { lines.emplace_back(line); });
+  repairFile(recording(), place / "out.mp4");
+  setLog({});
+  const size_t count = lines.size();
+  repairFile(recording(), place / "out.mp4");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_GT(count, 0U);
+  EXPECT_EQ(lines.size(), count);
+}
+
+TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
+  const TempDirectory place;
+  FaultServer server;
+  const std::string bytes = contentOf(recording());
+  server.serve("/clip.mp4", ServedFile::of(Bytes(bytes.begin(), bytes.end())));
+  std::vector<std::string> lines;
+  std::vector<std::string> warnings;
+  setLog([&](std::string_view line) { lines.emplace_back(line); });
+  {
+    Engine engine({.home = place / "home", .warn = [&](const std::string& words) { warnings.push_back(words); }});
+    engine.open();
+    EXPECT_THROW(engine.save({.url = "ftp://127.0.0.1/x", .album = "Trips"}), EngineRefused);
+    const int64_t id = engine.save({.url = server.url("/clip.mp4"), .album = "Trips"});
+    while (const auto event = engine.nextEvent()) {
+      if (event->name == "downloadComplete") break;
+    }
+    engine.waitUntilGone(id);
+    EXPECT_THAT(engine.downloads(), IsEmpty());
+    const auto outcome = engine.outcome(id);
+    ASSERT_TRUE(outcome.assetId) << outcome.failure.value_or("");
+    EXPECT_EQ(engine.assetPath(*outcome.assetId, "Trips"), place / "home/Photos/Trips/clip.mp4");
+    EXPECT_EQ(inspectFile(place / "home/Photos/Trips/clip.mp4").verdict, FileInspection::Verdict::nothingToRepair);
+    EXPECT_FALSE(engine.call("getActiveDownloads", "no JSON").isResolved);
+    EXPECT_TRUE(engine.call("getActiveDownloads").isResolved);
+
+    std::thread other([&] { EXPECT_TRUE(engine.interrupt()); });
+    EXPECT_FALSE(engine.nextEvent());
+    other.join();
+    EXPECT_TRUE(engine.isInterrupted());
+  }
+  EXPECT_THAT(lines, IsEmpty());
+  EXPECT_THAT(contentOf(place / "home/log/tarn.log"), HasSubstr("clip.mp4"));
+  repairFile(recording(), place / "out.mp4");
+  EXPECT_GT(lines.size(), 0U) << "the log comes back when the engine is gone";
+  EXPECT_THAT(warnings, IsEmpty());
+  EXPECT_EQ(leftIn(place / "home"), "");
+}
+
+}  // namespace
+}  // namespace tarn::test
