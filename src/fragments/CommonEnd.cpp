@@ -190,7 +190,7 @@ class EndingTrack {
     std::vector<EditListEntry> entries;
     const auto end = static_cast<int64_t>(std::llround(ticks));
     const auto edits = presented();
-    for (size_t i = 0; i < edits.size() && edits[i].movieStart < end; ++i) {
+    for (size_t i = 0; i < edits_.size() && edits[i].movieStart < end; ++i) {
       entries.push_back(edits_[i]);
       // One that reaches to the end of the media does so without a length.
       if (edits_[i].duration > 0) {
