@@ -57,6 +57,8 @@ struct Recorder {
   bool isPlain;
   double pictureStart;  ///< when the first picture is shown, in seconds
   double soundHidden;   ///< the part of the sound that the edit list hides, in seconds
+
+  friend void PrintTo(const Recorder& recorder, std::ostream* out) { *out << recorder.name; }
 };
 const Recorder recorders[] = {
     {"PlainAVC", "libx264", "+faststart", true, 0, 1024.0 / 48000},
