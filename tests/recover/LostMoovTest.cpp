@@ -153,6 +153,15 @@ TEST_F(LostMoovTest, WhatLiesAheadOfDamageOrACutIsKept) {
   }
 }
 
+TEST_F(LostMoovTest, DateAndPlaceOfTheHealthyMovieAreNotTakenOver) {
+  const std::string facts =
+      "-metadata creation_time=2020-02-02T02:02:02Z -metadata location=+47.5+008.7/ -metadata title=Lake";
+  rebuild(withoutMoov(recording(8, 30, avc)), recording(6, 200, avc + " " + facts));
+  const ProcessResult told =
+      runProcess({"ffprobe", "-v", "error", "-show_entries", "format_tags:stream_tags", result_});
+  for (const char* fact : {"2020", "47.5", "Lake"}) EXPECT_EQ(told.output.find(fact), std::string::npos) << told.output;
+}
+
 TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
   const Bytes brokenAVC = withoutMoov(recording(8, 30, avc)), brokenHEVC = withoutMoov(recording(8, 30, hevc));
   const std::string mono = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 1";
