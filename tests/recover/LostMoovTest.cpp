@@ -206,6 +206,11 @@ TEST_F(LostMoovTest, AHealthyMovieThatCannotServeIsToldWhy) {
   for (const auto& [healthy, why] : rows) {
     EXPECT_EQ(refusal(broken, healthy), "The healthy movie cannot serve: " + why);
   }
+  BoxEditor odd(readFile(files_, file));
+  odd.rename("moov/trak/mdia/minf/stbl/stsd/avc1", "\xFF\xC3 1");
+  writeFileAtomically(files_, directory_ / "odd.mp4", odd.bytes);
+  EXPECT_EQ(refusal(broken, directory_ / "odd.mp4"),
+            "The healthy movie cannot serve: its pictures are neither AVC nor HEVC (\"\")");
   EXPECT_EQ(refusal(readFile(files_, file), file), "The moov of this movie is there: repair it without --like");
   EXPECT_FALSE(hasLostMoov(files_, file));
 }
