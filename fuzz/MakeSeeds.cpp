@@ -61,6 +61,17 @@ void movies() {
   }
 }
 
+void fragments() {
+  const std::string sound = "-f lavfi -i sine=r=48000 -c:a aac -b:a 16k ";
+  for (const char* flags :
+       {"frag_keyframe", "frag_keyframe+empty_moov+default_base_moof", "frag_every_frame+delay_moov"}) {
+    Bytes file = movie("libx264", sound + "-movflags " + flags);
+    add("fragments_fuzzer", file);
+    file.resize(file.size() * 3 / 4);
+    add("fragments_fuzzer", file);
+  }
+}
+
 void parameterSets() {
   const Bytes hevc = HEVCSPS().bytes(), avc = AVCSPS().bytes();
   for (const Bytes& unit : {hevc, avc}) add("parameter_set_fuzzer", joined({Bytes{128}, unit, unit}));
@@ -90,6 +101,7 @@ int main(int count, char** arguments) {
   if (count != 2) return 2;
   tarn::test::place = arguments[1];
   tarn::test::movies();
+  tarn::test::fragments();
   tarn::test::parameterSets();
   tarn::test::documents();
   return 0;

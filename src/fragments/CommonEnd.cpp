@@ -127,9 +127,9 @@ class EndingTrack {
   uint64_t writeTimes() {
     if (samplesLost() == 0 && limit_ == noEnd) return tkhdDurationField.load(trak_.find({"tkhd"})).value_or(0);
     const double ticks = end() * movieTimescale_;
-    // A list stays that would show less than a tick.
     const std::vector<EditListEntry> entries = editsAhead(ticks);
-    if (!entries.empty() || isEmpty()) putEdits(trak_, entries);
+    // A list stays that would show less than a tick.
+    if (!edits_.empty() && (!entries.empty() || isEmpty())) putEdits(trak_, entries);
     const auto length = static_cast<uint64_t>(std::llround(ticks));
     storeDuration(trak_.find({"mdia", "mdhd"}), headerDurationField, tables_.duration());
     storeDuration(trak_.find({"tkhd"}), tkhdDurationField, length);

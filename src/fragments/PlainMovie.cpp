@@ -22,49 +22,59 @@ using Case = MovieError::Case;
 constexpr size_t manyRanges = 1 << 16;
 constexpr uint64_t smallRange = 1 << 16;
 
-/// Bytes of the source, and where they come to lie, counted from the first media byte.
-struct Range {
-  uint64_t begin = 0;
-  uint64_t end = 0;
-  uint64_t newBegin = 0;
-};
-
+/// The parts of the source that chunks lie in: sorted, none touches another. They come to lie one behind the other.
 class Media {
  public:
   explicit Media(const std::vector<TrackTables>& tables) {
-    for (const TrackTables& table : tables) {
-      table.forEachChunk([this](uint64_t offset, uint64_t size) {
-        const auto end = checkedAdd(offset, size);
-        if (!end) throw MovieError(Case::doesNotFit, "A chunk lies out of range");
-        if (size > 0) ranges_.push_back({offset, *end});
-      });
-    }
+    size_t chunks = 0;
+    const auto forEachChunk = [&](const auto& visit) {
+      for (const TrackTables& table : tables) table.forEachChunk(visit);
+    };
+    forEachChunk([&](uint64_t, uint64_t) { ++chunks; });
+    ranges_.reserve(chunks);
+    forEachChunk([&](uint64_t offset, uint64_t size) {
+      if (!checkedAdd(offset, size)) throw MovieError(Case::doesNotFit, "A chunk lies out of range");
+      if (size > 0) ranges_.push_back({offset, offset + size});
+    });
     std::ranges::sort(ranges_, {}, &Range::begin);
     join();
     for (Range& range : ranges_) {
-      range.newBegin = size_;
-      size_ += range.end - range.begin;
+      const uint64_t length = range.second - range.begin;
+      range.second = size_;
+      size_ += length;
     }
   }
 
-  const std::vector<Range>& ranges() const { return ranges_; }
+  size_t rangeCount() const { return ranges_.size(); }
+  uint64_t begin(size_t range) const { return ranges_[range].begin; }
+  uint64_t end(size_t range) const {
+    const uint64_t newEnd = range + 1 < ranges_.size() ? ranges_[range + 1].second : size_;
+    return ranges_[range].begin + (newEnd - ranges_[range].second);
+  }
+  /// Of all.
   uint64_t size() const { return size_; }
 
-  /// A chunk without a byte may lie anywhere.
+  /// Where a chunk comes to lie, counted from the first media byte. One without a byte may lie anywhere.
   uint64_t newPlace(uint64_t offset) const {
     const auto behind = std::ranges::upper_bound(ranges_, offset, {}, &Range::begin);
     if (behind == ranges_.begin()) return 0;
-    const Range& range = *std::prev(behind);
-    return range.newBegin + std::min(offset, range.end) - range.begin;
+    const auto range = static_cast<size_t>(behind - ranges_.begin()) - 1;
+    return ranges_[range].second + std::min(offset, end(range)) - begin(range);
   }
 
  private:
+  /// There may be millions.
+  struct Range {
+    uint64_t begin;
+    uint64_t second;  ///< its end; once all are there, where it comes to lie
+  };
+
   /// Makes one of each row of ranges that touch.
   void join() {
     size_t last = 0;
     for (size_t i = 1; i < ranges_.size(); ++i) {
-      if (ranges_[i].begin <= ranges_[last].end) {
-        ranges_[last].end = std::max(ranges_[last].end, ranges_[i].end);
+      if (ranges_[i].begin <= ranges_[last].second) {
+        ranges_[last].second = std::max(ranges_[last].second, ranges_[i].second);
       } else {
         ranges_[++last] = ranges_[i];
       }
@@ -117,28 +127,29 @@ class RangeCopy {
       : source_(source), target_(target), media_(media), poll_(poll) {}
 
   void copyAll() {
-    const bool areSmall = media_.ranges().size() > manyRanges && media_.size() / media_.ranges().size() < smallRange;
-    for (const Range& range : media_.ranges()) {
-      areSmall ? read(range) : copy(range);
+    const size_t count = media_.rangeCount();
+    const bool areSmall = count > manyRanges && media_.size() / count < smallRange;
+    for (size_t range = 0; range < count; ++range) {
+      areSmall ? read(media_.begin(range), media_.end(range)) : copy(media_.begin(range), media_.end(range));
     }
     flush();
     if (media_.size() > 0) poll_(1);
   }
 
  private:
-  void copy(const Range& range) {
-    for (uint64_t at = range.begin; at < range.end;) {
+  void copy(uint64_t at, uint64_t end) {
+    while (at < end) {
       source_.seek(at);
-      const uint64_t copied = source_.copyRange(target_, std::min(rewritePieceSize, range.end - at));
+      const uint64_t copied = source_.copyRange(target_, std::min(rewritePieceSize, end - at));
       if (copied == 0) throwCutOff(at);
       at += copied;
       advance(copied);
     }
   }
 
-  void read(const Range& range) {
-    for (uint64_t at = range.begin; at < range.end;) {
-      const auto size = static_cast<size_t>(std::min(bufferSize, range.end - at));
+  void read(uint64_t at, uint64_t end) {
+    while (at < end) {
+      const auto size = static_cast<size_t>(std::min(bufferSize, end - at));
       if (buffer_.size() + size > bufferSize) flush();
       const size_t begin = buffer_.size();
       buffer_.resize(begin + size);

@@ -57,6 +57,8 @@ struct Recorder {
   bool isPlain;
   double pictureStart;  ///< when the first picture is shown, in seconds
   double soundHidden;   ///< the part of the sound that the edit list hides, in seconds
+
+  friend void PrintTo(const Recorder& recorder, std::ostream* out) { *out << recorder.name; }
 };
 const Recorder recorders[] = {
     {"PlainAVC", "libx264", "+faststart", true, 0, 1024.0 / 48000},
@@ -193,7 +195,9 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
       continue;
     }
     ASSERT_EQ(failure, "");
-    EXPECT_TRUE(outcome_.isPartly);
+    const bool isWhole = kept.pictures == truth.pictures().size() && kept.packets == truth.packets().size();
+    ASSERT_EQ(outcome_.isPartly, !isWhole);
+    if (isWhole) continue;  // what is cut is the index behind the media
     std::string told = fmt::format("the end of the file is missing: {:.1f}", kept.end);
     const size_t lost = truth.pictures().size() - kept.pictures;
     told += GetParam().isPlain ? fmt::format(" of 7.0 s kept, {} picture", lost) : " s kept";

@@ -53,7 +53,13 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
       run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
     });
     ProcessingDriver driver(files_, clock_, store_, names_, engine_,
-                            {.remux = &remux, .audio = &audio, .sync = &sync, .last = &last}, RunFiles::layered);
+                            {.fragments = fragments_,
+                             .remux = &remux,
+                             .audio = &audio,
+                             .sync = &sync,
+                             .last = &last,
+                             .deriveFlags = deriveFlags_},
+                            RunFiles::layered);
     driver.continueProcessing(state_, admit(state_).token);
     return joinedWords(notes_);
   }
@@ -90,6 +96,8 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
   bool isSaved_ = true;
   std::string result_;                           ///< the video on the disk, as the last step found it
   std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
+  ProcessingStep* fragments_ = nullptr;
+  std::function<void(FileManager&, ProcessingState&)> deriveFlags_;
 };
 
 const std::string remuxStages = "remuxing remuxed ";
@@ -133,6 +141,45 @@ TEST_F(ProcessingDriverTest, StoredStageAndFlagsDecideWhichStepsRun) {
     EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
     EXPECT_TRUE(store_.allStates().empty());
   }
+}
+
+/// A step without a stage of its own.
+class JoiningStep : public ProcessingStep {
+ public:
+  explicit JoiningStep(std::vector<std::string>& notes) : notes_(notes) {}
+
+  ProcessingStage gateStage() const override { return remuxing; }
+  void run(ProcessingRun& run) override {
+    notes_.emplace_back("joined");
+    run.files.open(run.fileURL, OpenMode::creating)->write(bytesOf("plain"));
+  }
+
+ private:
+  std::vector<std::string>& notes_;
+};
+
+/// What the record asks for is looked at again behind the step, in the file that it leaves, and is stored at once.
+TEST_F(ProcessingDriverTest, FlagsAreDerivedBehindTheFragmentsStep) {
+  JoiningStep step(notes_);
+  fragments_ = &step;
+  std::string seen;
+  deriveFlags_ = [&](FileManager& files, ProcessingState& record) {
+    seen = textOf(readFile(files, record.fileURL));
+    record.needsRemuxing = false;
+  };
+  std::optional<ProcessingState> stored;
+  disturb_ = [&](ProcessingRun&) { stored = store_.loadState(7); };
+  EXPECT_EQ(run(), "joined " + fromAudio + savedEnding);
+  EXPECT_EQ(seen, "plain");
+  ASSERT_TRUE(stored);
+  EXPECT_FALSE(stored->needsRemuxing);
+  EXPECT_TRUE(stored->needsAudioTranscode);
+
+  state_.needsRemuxing = false;
+  EXPECT_EQ(run(), fromAudio + savedEnding);
+  state_.needsRemuxing = true;
+  state_.stage = remuxed;
+  EXPECT_EQ(run(), fromAudio + savedEnding);
 }
 
 TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {

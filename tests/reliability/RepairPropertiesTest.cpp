@@ -221,6 +221,36 @@ class RepairProperties : public testing::Test {
     EXPECT_TRUE(contentOf(place_ / "again.mp4") == textOf(result.bytes)) << "a second repair changes nothing";
   }
 
+  /// The repair of what is left of a movie: the first pictures and packets of it, or none. Returns true if there is a
+  /// result.
+  bool checkCut(const RandomMovie& movie, double part) {
+    const Path file = place_ / "clip.mp4", out = place_ / "out.mp4", truth = place_ / "truth.mp4";
+    const auto size = static_cast<ptrdiff_t>(part * static_cast<double>(movie.bytes.size()));
+    writeFileAtomically(files_, file, Bytes(movie.bytes.begin(), movie.bytes.begin() + size));
+    writeFileAtomically(files_, truth, movie.truth);
+    std::filesystem::remove(out);
+    const Inspection promise = inspected(file);
+    SCOPED_TRACE(inspectionText(promise));
+    using Kind = FragmentsForecast::Kind;
+    const bool isRefused = !promise.hasMovie || promise.fragments.kind == Kind::refuses;
+    const int code = repair(file, out);
+    EXPECT_EQ(code, isRefused ? 1 : promise.fragments.kind == Kind::keepsPart ? 5 : 0);
+    EXPECT_EQ(files_.fileExists(out), code != 1);
+    if (code != 5 || movie.lacksSets) return false;
+    ProbedMovie whole(truth), result(out);
+    for (const char* kind : {"video", "audio"}) {
+      if (kind == std::string("audio") && promise.audio.replacesSound()) continue;
+      const auto &before = whole.media[kind], &after = result.media[kind];
+      EXPECT_LE(after.size(), before.size());
+      EXPECT_TRUE(std::ranges::mismatch(after, before, &Packet::isSame).in1 == after.end()) << kind;
+    }
+    const std::string complaints = complaintsOf(result);
+    EXPECT_TRUE(complaints.empty() || !complaintsOf(whole).empty()) << complaints;
+    EXPECT_EQ(repair(out, place_ / "again.mp4"), 0);
+    EXPECT_TRUE(contentOf(place_ / "again.mp4") == textOf(result.bytes)) << "a second repair changes nothing";
+    return true;
+  }
+
   /// All boxes in their order, but for the `moov`; new sound comes with media of its own.
   static void expectTopLevelKept(const ProbedMovie& source, const ProbedMovie& result, bool hasNewMedia) {
     const auto before = topLevel(source.bytes), after = topLevel(result.bytes);
@@ -273,6 +303,23 @@ TEST_F(RepairProperties, HoldForRandomMovies) {
   for (SyncForecast::Kind kind : {SyncForecast::Kind::nothing, SyncForecast::Kind::writes}) {
     EXPECT_GT(metSyncs_.count(kind), 0u) << "what is done about edit lists was never met: " << int(kind);
   }
+}
+
+TEST_F(RepairProperties, HoldForWhatIsLeftOfRandomMovies) {
+  const uint64_t seed = numberFromEnvironment("TARN_PROPERTY_SEED", 1);
+  const uint64_t count = numberFromEnvironment("TARN_PROPERTY_COUNT", 24);
+  uint64_t results = 0;
+  for (uint64_t i = 0; i < count; ++i) {
+    const RandomMovie movie = randomMovie(seed + i);
+    const double part = 0.3 + 0.1 * static_cast<double>(i % 7);
+    SCOPED_TRACE(fmt::format("TARN_PROPERTY_SEED={}: {}, cut at {}", seed + i, movie.story, part));
+    try {
+      results += checkCut(movie, part) ? 1 : 0;
+    } catch (const std::exception& unreadable) {
+      ADD_FAILURE() << unreadable.what();
+    }
+  }
+  EXPECT_TRUE(count < 24 || results > 4) << results;
 }
 
 }  // namespace
