@@ -86,6 +86,7 @@ class TARN_API Engine {
   struct Outcome {
     std::optional<std::string> failure;  ///< in words
     std::optional<std::string> assetId;  ///< of the video in the library
+    bool isRefused = false;              ///< of a failure: the file is no video, and the words say what to do instead
   };
 
   /// What is stored in the home.

@@ -42,7 +42,9 @@ JSObject EngineClient::downloads() {
 
 EngineClient::Outcome EngineClient::outcome(int64_t id) {
   const JSObject answer = call(HostPlugin::name(), "getOutcome", {{"id", id}}).data;
-  return {.failure = optionalAt<std::string>(answer, "failure"), .assetId = optionalAt<std::string>(answer, "assetId")};
+  return {.failure = optionalAt<std::string>(answer, "failure"),
+          .assetId = optionalAt<std::string>(answer, "assetId"),
+          .isRefused = valueAt<bool>(answer, "isRefused", false)};
 }
 
 std::optional<Path> EngineClient::assetPath(const std::string& assetId, const std::optional<std::string>& album) {

@@ -170,13 +170,14 @@ class Save {
   }
 
   int reportFailure(std::string words) {
-    const char* advice = "Run the same command again.";
+    const char* advice = " Run the same command again.";
     if (words.empty()) {
-      words = engine_.outcome(id_).failure.value_or("the reason is in the log");
-      advice = "Check the URL and the free space, then run the same command again.";
+      const auto outcome = engine_.outcome(id_);
+      words = outcome.failure.value_or("the reason is in the log");
+      advice = outcome.isRefused ? "" : " Check the URL and the free space, then run the same command again.";
     }
     if (global_.json) printJSON({{"result", "failed"}, {"id", id_}, {"error", words}});
-    printFailure(fmt::format("The video was not saved: {}. {}", words, advice));
+    printFailure(fmt::format("The video was not saved: {}.{}", words, advice));
     return ExitCode::failed;
   }
 

@@ -68,6 +68,7 @@ void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
   JSObject answer;
   if (const auto outcome = host_.outcomes().of(*id)) {
     if (outcome->kind == RunOutcome::Kind::failed) answer.set("failure", outcome->words);
+    if (outcome->isRefused) answer.set("isRefused", true);
     if (outcome->assetId) answer.set("assetId", *outcome->assetId);
   }
   call->resolve(std::move(answer));

@@ -6,6 +6,7 @@
 #include "engine/PlacingStep.h"
 #include "engine/PrivateHome.h"
 #include "engine/RepairSteps.h"
+#include "kind/Kind.h"
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/Error.h"
@@ -79,6 +80,9 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   const auto facts = disk.attributes(request.input);
   RepairResult result;
   Path source = request.input;
+  const Kind kind = kindOf(disk, request.input);
+  const bool mayBeRebuilt = kind.what == Kind::What::lacksMoov && hasLostMoov(files, request.input);
+  if (!kind.isMedia() && !mayBeRebuilt) throw Error("Repair", -1, kind.sentence("it"));
   if (request.like) {
     source = home.path() / "rebuilt.mp4";
     try {
@@ -87,7 +91,7 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
       return {};
     }
     files.copyItem(source, video);
-  } else if (hasLostMoov(files, request.input)) {
+  } else if (mayBeRebuilt) {
     throw LostMoovError(
         "its moov, the index of its media, is missing: download it again, or rebuild it with --like and a healthy "
         "recording from the same device");

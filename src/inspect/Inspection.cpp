@@ -7,6 +7,7 @@
 #include "inspect/detail/MovieFacts.h"
 #include "inspect/detail/RepairForecast.h"
 #include "inspect/detail/VideoFacts.h"
+#include "kind/Kind.h"
 #include "mp4/MP4BoxUtils.h"
 #include "presentation/Presentation.h"
 
@@ -26,7 +27,6 @@ void listFileProblems(Inspection& inspection) {
     add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes),
         box.type == "mdat" ? Problem::Of::samples : Problem::Of::file);
   }
-  if (!inspection.hasMovie) add("there is no moov box");
   if (countBoxes(inspection, "moov") > 1) add("there are several moov boxes; the first one counts");
   for (const TrackFacts& track : inspection.tracks) {
     if (track.lacksDuration) add(fmt::format("the mdhd of track {} does not tell how long it is", track.id));
@@ -104,6 +104,20 @@ void nameWhatIsMended(Inspection& inspection) {
   }
 }
 
+/// What the file is, where that is not a movie with samples: no player shows it, or nothing in it is repaired.
+void tellKind(FileManager& files, Inspection& inspection) {
+  const Kind kind = kindOf(files, inspection.file);
+  const std::string words = kind.sentence("it");
+  if (!kind.isMedia()) inspection.refusal = words;
+  if (!inspection.hasMovie && kind.what != Kind::What::lacksMoov) {
+    inspection.boxes.clear();
+    inspection.boxesProblem.reset();
+    inspection.problems = {{Problem::Of::file, kind.isMedia() ? words + ", in which nothing is repaired" : words}};
+  } else if (!kind.isMedia()) {
+    inspection.problems.insert(inspection.problems.begin(), {Problem::Of::file, words});
+  }
+}
+
 }  // namespace
 
 Inspection inspect(FileManager& files, const Path& path) {
@@ -115,8 +129,9 @@ Inspection inspect(FileManager& files, const Path& path) {
   inspection.tracks = readTracks(*file);
   inspection.video = readVideo(*file);
   listFileProblems(inspection);
+  tellKind(files, inspection);
   readPresentation(files, inspection);
-  forecastRepair(files, inspection);
+  if (!inspection.refusal) forecastRepair(files, inspection);
   nameWhatIsMended(inspection);
   inspection.verdict = verdictOn(inspection);
   return inspection;

@@ -162,6 +162,7 @@ struct Inspection {
   std::optional<std::string> syncProblem;  ///< why there are no sync facts
   std::vector<Problem> problems;           ///< what is wrong with the file
   uint32_t missingPackets = 0;             ///< of the sound, from the first one on that does not lie in the file
+  std::optional<std::string> refusal;      ///< why no player shows the file, and so none is made of it
   FragmentsForecast fragments;
   RemuxForecast remux;
   AudioForecast audio;

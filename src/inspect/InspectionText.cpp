@@ -212,6 +212,8 @@ void writeOrder(Writer& out, const SyncFixOrder& order) {
 
 void writeRepair(Writer& out, const Inspection& inspection) {
   out.heading("Repair");
+  if (inspection.refusal)
+    return out.line("it fails, since there is nothing that a player could show. The file stays as it is.");
   const FragmentsForecast& fragments = inspection.fragments;
   if (fragments.kind != FragmentsForecast::Kind::nothing) {
     out.line("the fragments step {}: {}", fragmentsText(fragments), fragments.reason);

@@ -21,7 +21,6 @@ std::string summary(const std::vector<std::string>& problems) {
 }
 
 std::optional<std::string> whatIsMissing(const Inspection& inspection) {
-  if (!inspection.hasMovie) return "no moov";
   if (inspection.video && inspection.video->missingSamples > 0) {
     const int64_t count = inspection.video->missingSamples;
     return fmt::format("{} picture{} not in the file", count, count == 1 ? " is" : "s are");
@@ -62,6 +61,7 @@ bool isMended(const Problem& problem, const Inspection& inspection) {
 }
 
 Verdict verdictOn(const Inspection& inspection) {
+  if (inspection.refusal) return {Kind::broken, "Broken: " + *inspection.refusal};
   const FragmentsForecast& fragments = inspection.fragments;
   if (fragments.kind == FragmentsForecast::Kind::keepsPart) {
     return {Kind::repairable, fmt::format("Repairable in part: {}; download it again for the rest", fragments.reason)};

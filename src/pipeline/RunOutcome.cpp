@@ -1,9 +1,23 @@
 #include "pipeline/RunOutcome.h"
 
 #include "platform/Error.h"
+#include "platform/PhotoAuthorization.h"
 #include "platform/URL.h"
 
 namespace tarn {
+namespace {
+
+bool isRefusal(const std::exception_ptr& reason) {
+  try {
+    std::rethrow_exception(reason);
+  } catch (const PHPhotosError& error) {
+    return error.code() == PHPhotosError::invalidResource;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
 
 RunOutcome RunOutcome::failed(int64_t id, Where where, const std::exception_ptr& failure) {
   RunOutcome outcome{.id = id};
@@ -22,6 +36,7 @@ void RunOutcome::setFailed(Where place, const std::exception_ptr& reason) {
   where = place;
   words = withoutSecrets(describe(reason));
   failure = reason;
+  isRefused = isRefusal(reason);
 }
 
 }  // namespace tarn

@@ -22,6 +22,7 @@ struct RunOutcome {
   std::exception_ptr failure = nullptr;     ///< of a failure
   std::optional<std::string> assetId = {};  ///< of a video that the photo library took
   std::vector<std::string> leftAlone = {};  ///< what the run could not mend without harm and left as it was, and why
+  bool isRefused = false;                   ///< a failure: it is no video, and the words say what to do instead
   bool isPartly = false;                    ///< a part of the video is missing, as `leftAlone` says
 
   static RunOutcome failed(int64_t id, Where where, const std::exception_ptr& failure);

@@ -447,7 +447,7 @@ TEST_F(ServeTest, StoredRunsAreAllTakenUpWithoutAPage) {
   ProcessingStateManager store(defaults, files, clock);
   const auto leave = [&](int64_t id) {
     const Path file = home_ / "Documents" / ("clip" + std::to_string(id));
-    std::ofstream(file) << id;
+    std::ofstream(file) << "FLV\1" << id;
     store.saveState(makeFirstRecord(files, clock, id, file, {.url = "", .album = "Trips"}));
   };
   for (const int64_t id : {1, 2}) leave(id);

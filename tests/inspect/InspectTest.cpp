@@ -64,7 +64,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       {"tail", {"Repairable: the sample entry has no VPS", Remux::rebuilds, "hvc1"}},
       {"no sets anywhere", {"Left alone: the video is left as it is: neither", Remux::leavesAlone, ""}},
       {"encv", {nothing, Remux::skipped, ""}},
-      {"no moov", {"Broken: no moov; download it again", Remux::skipped, ""}},
+      {"no moov", {"Broken: it is a movie of which only the start is there: download", Remux::skipped, "", 0, 1}},
       {"B-frames and sound", {nothing}},
       {"AC-3 sound", {"Repairable: the sound is AC-3, which many players do not take, and is encoded anew as AAC"}},
       {"a gap in the sound", {"Repairable: 427 ms of sound missing at 0:00"}},
@@ -94,6 +94,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
     const auto result = repair(file_, out);
     EXPECT_EQ(written(), movie.bytes);
     ASSERT_EQ(result.exitCode, row.exitCode) << result.errors;
+    if (promise.refusal) continue;
     EXPECT_EQ(promise.changesFile, readFile(files_, out) != movie.bytes);
     const JSValue::Array warnings(promise.warnings.begin(), promise.warnings.end());
     const std::string told = JSObject{{"warnings", warnings}}.json();
@@ -135,8 +136,7 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   // More boxes ahead of the moov than are listed.
   Bytes crowded;
   for (int i = 0; i < 1001; ++i) crowded = joined({crowded, box("free")});
-  EXPECT_NE(inspectBytes(joined({crowded, BoxEditor(damagedMovie("avc1")).get("moov")})).verdict.text,
-            "Broken: no moov; download it again");
+  EXPECT_TRUE(inspectBytes(joined({crowded, BoxEditor(damagedMovie("avc1")).get("moov")})).hasMovie);
 
   // Neither is mended, and both are named.
   BoxEditor editor(damagedMovie("avc1"));

@@ -33,6 +33,8 @@ std::vector<Row> rows() {
   const Bytes first200k(one.begin(), one.begin() + 200'000);
   const auto page = bytesOf("<html><body>200</body></html>");
   const Bytes htmlPage(page.begin(), page.end());
+  Bytes pageInside = one;
+  std::ranges::copy(htmlPage, pageInside.begin() + cut);
   const Reply cutShort{.closeAfter = cut};
   const Reply tooLong{.statedLength = videoSize + 1};
   const Reply newer{.file = two};
@@ -42,6 +44,10 @@ std::vector<Row> rows() {
   const std::string range = "bytes=100000-";
   const std::string date = "Tue, 01 Jul 2025 10:00:00 GMT";
   const std::string tag = "\"v1\"";
+  constexpr int badCoding = CURLE_BAD_CONTENT_ENCODING;
+  const Reply pageCut{.contentType = "text/html", .closeAfter = cut};
+  const Reply pageWhole{.file = ServedFile::of(htmlPage), .ignoresRange = true, .contentType = "text/html"};
+  const Reply pageRange{.file = ServedFile::of(pageInside), .contentType = "text/html"};
   const Reply moved{.status = 307, .location = "/file"};
 
   return {
@@ -52,6 +58,12 @@ std::vector<Row> rows() {
       {"trouble, then a file", {{.status = 500}, {.status = 408}, {.status = 429}, {.status = 503}}, {}, one, 0, 5},
       {"trouble without end", {}, {.status = 500}, {}, 500, 5},
       {"an HTML page with 200", {}, {.status = 200}, htmlPage, 0, 1},
+      {"compressed", {}, {.contentEncoding = "gzip"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
+      {"compressed from the middle on", {cutShort, {.contentEncoding = "x-gzip"}}, {}, {}, badCoding, 2, range, tag},
+      {"a coding that is none", {}, {.contentEncoding = "identity"}, one, 0, 1},
+      {"a page for the rest", {cutShort, pageWhole}, {}, {}, badCoding, 2, range, tag},
+      {"a page for the rest, 206", {cutShort, pageRange}, {}, {}, badCoding, 2, range, tag},
+      {"a file said to be a page", {pageCut}, {.contentType = "text/html"}, one, 0, 2, range, tag},
 
       {"cut short", {cutShort}, {}, one, 0, 2, range, tag},
       {"cut short again and again", {cutShort, cutShort, cutShort}, {}, one, 0, 3, "bytes=200000-", tag},
@@ -109,7 +121,7 @@ TEST(TransferFaultTest, EndsWithTheWholeFileOrAnError) {
     const ReceivedRequest last = server.requests().back();
     EXPECT_EQ(last.header("range"), row.lastRange);
     EXPECT_EQ(last.header("if-range"), row.lastIfRange);
-    EXPECT_EQ(last.header("accept-encoding"), "");
+    EXPECT_EQ(last.header("accept-encoding"), "identity");
     EXPECT_TRUE(last.header("user-agent").starts_with("tarn/"));
   }
 }

@@ -28,6 +28,8 @@ struct ResponseHead {
   std::string etag;
   std::string lastModified;
   std::string date;
+  std::string contentType;
+  std::string contentEncoding;
 
   /// What tells this version of the file from any other, fit for If-Range (RFC 9110 13.1.5): a strong entity tag, else
   /// a modification date at least a second before the response, else empty.
@@ -49,6 +51,11 @@ enum class BodyUse {
   retry,         ///< the server is in trouble for the time being
   refuse,        ///< there is no file to be had
 };
+
+/// Why a body that bodyUse() would take is no part of the file, in words for people; nothing if it may be: one in a
+/// coding (RFC 9110 8.4.1), which was not asked for, and a web page where a file was to be continued. `start` is how
+/// the body begins.
+std::optional<std::string> whyBodyIsRefused(const ResponseHead& head, const ResumePoint& asked, std::string_view start);
 
 /// Decides over a response to that request. Never answers `append` unless the response proves that its first byte is
 /// the one after the bytes that are there, of the same version and the same total size.

@@ -91,11 +91,14 @@ void TransferAttempt::prepare(const std::string& userAgent) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &TransferAttempt::onHeader);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-  if (asked_.offset == 0) return;
 
-  // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
-  curl_slist* headers = curl_slist_append(nullptr, fmt::format("Range: bytes={}-", asked_.offset).c_str());
-  headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
+  // A body in a coding could not be continued: its ranges are those of the coded bytes.
+  curl_slist* headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
+  if (asked_.offset > 0) {
+    // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
+    headers = curl_slist_append(headers, fmt::format("Range: bytes={}-", asked_.offset).c_str());
+    headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
+  }
   headers_.reset(headers);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
 }
@@ -114,7 +117,7 @@ size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* atte
 bool TransferAttempt::take(ByteView piece) {
   lastHeard_ = Clock::now();
   try {
-    if (!use_) decide();
+    if (!use_) decide(piece);
     if (use_ != BodyUse::append && use_ != BodyUse::replace) return false;
     isOverlong_ = record_.expectedSize && piece.size() > *record_.expectedSize - position_;
     if (isOverlong_) return false;
@@ -142,14 +145,23 @@ ResponseHead TransferAttempt::responseHead() const {
   head.etag = headerText(easy, "ETag");
   head.lastModified = headerText(easy, "Last-Modified");
   head.date = headerText(easy, "Date");
+  head.contentType = headerText(easy, "Content-Type");
+  head.contentEncoding = headerText(easy, "Content-Encoding");
   return head;
 }
 
 /// The record is on the disk before the first byte that it describes, so that a part is never taken for bytes of
 /// another version than its own.
-void TransferAttempt::decide() {
+void TransferAttempt::decide(ByteView start) {
   const ResponseHead head = responseHead();
   use_ = bodyUse(head, asked_);
+  if (use_ == BodyUse::append || use_ == BodyUse::replace) {
+    if (const auto why = whyBodyIsRefused(head, asked_, textOf(start))) {
+      refusal_ = URLError(CURLE_BAD_CONTENT_ENCODING, *why);
+      use_ = BodyUse::refuse;
+      return;
+    }
+  }
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
@@ -174,7 +186,7 @@ void TransferAttempt::emptyPart() {
 
 TransferAttempt::Outcome TransferAttempt::finish(int code) {
   try {
-    if (!use_ && code == CURLE_OK) decide();  // no body came
+    if (!use_ && code == CURLE_OK) decide({});  // no body came
   } catch (const Error& failure) {
     fileFailure_ = failure;
   }
@@ -190,7 +202,7 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
     case BodyUse::retry:
       return {End::transient, statusError(status)};
     case BodyUse::refuse:
-      return {End::final, statusError(status)};
+      return {End::final, refusal_ ? *refusal_ : statusError(status)};
     case BodyUse::append:
     case BodyUse::replace:
       break;
