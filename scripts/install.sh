@@ -24,7 +24,10 @@ readelf -d "$lib/libtarn.so" | grep -q "SONAME.*\[libtarn.so.${version%.*}\]" ||
 for file in "$lib/libtarn.so" "$prefix/bin/tarn"; do
   ! grep -qF "$PWD" "$file" || fail "$file holds the path of the build"
 done
-grep -q "\"version\": \"$version\"" web/package.json web/plugin/package.json || fail "web/ has another version"
+[ "$("$prefix/bin/tarn" --version)" = "tarn $version" ] || fail "the command has another version"
+for package in web/package.json web/plugin/package.json; do
+  grep -q "\"version\": \"$version\"" $package || fail "$package has another version"
+done
 
 tell "... its headers"
 for header in "$prefix"/include/tarn/*.h; do

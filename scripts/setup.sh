@@ -2,7 +2,7 @@
 # standard error, so that standard output stays that of the program.
 
 tarn_packages="g++ cmake ninja-build ccache pkg-config ffmpeg
-  libavcodec-dev libavutil-dev libboost1.81-dev libcli11-dev libcurl4-openssl-dev libfmt-dev libgtest-dev libgmock-dev libsqlite3-dev libssl-dev
+  libavcodec-dev libavutil-dev libboost1.81-dev libcli11-dev libcurl4-openssl-dev libfmt-dev libgtest-dev libgmock-dev libmagic-dev libsqlite3-dev libssl-dev
   libswresample-dev nlohmann-json3-dev"
 
 tell() { printf '%s\n' "$*" >&2; }

@@ -1,3 +1,5 @@
+#include <tarn/tarn.h>
+
 #include <CLI/CLI.hpp>
 #include <exception>
 
@@ -14,6 +16,7 @@ constexpr int64_t longestBackground = 365L * 24 * 60 * 60;  // seconds
 int run(int argc, char** argv) {
   CLI::App app{"Fetches a video, repairs it and keeps it in an album.", "tarn"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("tarn ") + version());
   app.fallthrough();
 
   GlobalOptions global;

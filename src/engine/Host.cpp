@@ -2,9 +2,19 @@
 
 #include "download/DocumentsSweep.h"
 #include "download/DownloadRequest.h"
+#include "kind/Kind.h"
 #include "platform/Platform.h"
 
 namespace tarn {
+
+namespace {
+
+/// The library takes what a player could show.
+MediaCheck checkOfMedia(FileManager& files) {
+  return [&files](const Path& file, const std::string& name) { return whyNoPlayerShows(files, file, name); };
+}
+
+}  // namespace
 
 Host::Host(FileManager& files, const HostOptions& options)
     : lock_(options.home),
@@ -14,7 +24,7 @@ Host::Host(FileManager& files, const HostOptions& options)
       hasBackgroundLimit_(options.backgroundLimit.has_value()),
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),
-      photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite),
+      photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite, checkOfMedia(files)),
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);

@@ -13,7 +13,9 @@ class FragmentsError : public Error {
   explicit FragmentsError(const std::string& words) : Error("Fragments", -1, words) {}
 
   static FragmentsError ofCutMoov() {
-    return FragmentsError("The file ends within its moov, which says where its samples are: download it again");
+    return FragmentsError(
+        "The file ends within its moov, which says where its samples are: download it again, or rebuild it with `tarn "
+        "repair --like`");
   }
 };
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/FileManager.h"
 
@@ -13,7 +13,7 @@ struct Kind {
   enum class What {
     plainMovie,       ///< its `moov` lists all samples
     fragmentedMovie,  ///< samples are listed in `moof` boxes (ISO/IEC 14496-12 8.8), maybe beside those of the `moov`
-    lacksMoov,        ///< boxes of a movie whose `moov` is missing or cut off
+    lacksMoov,        ///< boxes of a movie whose `moov` is missing, or cut off within its first track
     lacksSamples,     ///< a movie of which no track has a sample
     audio,            ///< a movie whose tracks are sound, or a file of sound alone
     otherContainer,   ///< WebM, Matroska, AVI, MPEG-TS and their like, by signature
@@ -31,12 +31,16 @@ struct Kind {
 
   /// A player could show it: a movie with samples, sound, another container.
   bool isMedia() const;
+
+  /// `NAME is a web page ("Sign in"): the address needs a login`.
+  std::string sentence(std::string_view name) const;
 };
 
 /// Looks at a file: its first 64 KiB, and the headers of its boxes. Throws PosixError if it cannot be read.
 Kind kindOf(FileManager& files, const Path& path);
 
-/// Why no player could show a file, in words for people; nothing if one could. Throws PosixError.
-std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path);
+/// Why no player could show a file, as a sentence for people without its stop, in which it is called by this name;
+/// nothing if one could. Throws PosixError.
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name);
 
 }  // namespace tarn

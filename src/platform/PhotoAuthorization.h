@@ -14,6 +14,7 @@ class PHPhotosError : public Error {
   static constexpr int invalidChange = 3300;
   static constexpr int accessDenied = 3311;
   static constexpr int readOnly = 3114;
+  static constexpr int invalidResource = 3302;
   PHPhotosError(int code, std::string description) : Error("PHPhotosErrorDomain", code, std::move(description)) {}
 };
 

@@ -30,6 +30,33 @@ bool isContinuation(char byte) {
   return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
+/// The number of a whole character.
+uint32_t numberOf(std::string_view character) {
+  const auto lead = static_cast<uint8_t>(character.front());
+  if (character.size() == 1) return lead;
+  uint32_t number = lead & (0x7Fu >> character.size());
+  for (const char byte : character.substr(1)) number = number << 6 | (static_cast<uint8_t>(byte) & 0x3Fu);
+  return number;
+}
+
+bool isBlank(uint32_t character) {
+  return character == ' ' || (character >= '\t' && character <= '\r') || character == 0x85 || character == 0xA0 ||
+         (character >= 0x2000 && character <= 0x200A) || character == 0x2028 || character == 0x2029 ||
+         character == 0x202F || character == 0x205F || character == 0x3000;
+}
+
+/// Control and format characters of Unicode: nobody sees them, and some turn what stands around them.
+bool isUnseen(uint32_t character) {
+  struct Range {
+    uint32_t first;
+    uint32_t last;
+  };
+  constexpr Range unseen[] = {{0, 0x1F},        {0x7F, 0x9F},     {0xAD, 0xAD},      {0x61C, 0x61C},
+                              {0x180E, 0x180E}, {0x200B, 0x200F}, {0x202A, 0x202E},  {0x2060, 0x206F},
+                              {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
+  return std::ranges::any_of(unseen, [=](Range range) { return character >= range.first && character <= range.last; });
+}
+
 }  // namespace
 
 size_t characterLength(std::string_view text) {
@@ -53,6 +80,39 @@ std::string_view cutUTF8(std::string_view text, size_t size) {
   if (text.size() <= size) return text;
   while (size > 0 && isContinuation(text[size])) --size;
   return text.substr(0, size);
+}
+
+std::string plainLine(std::string_view text, size_t size) {
+  std::string line;
+  bool isBehindBlank = false;
+  while (!text.empty() && line.size() <= size) {
+    const size_t length = characterLength(text);
+    const std::string_view character = text.substr(0, std::max<size_t>(length, 1));
+    text.remove_prefix(character.size());
+    if (length == 0) continue;
+    const uint32_t number = numberOf(character);
+    if (isBlank(number)) {
+      isBehindBlank = !line.empty();
+    } else if (!isUnseen(number)) {
+      if (isBehindBlank) line += ' ';
+      isBehindBlank = false;
+      line += character;
+    }
+  }
+  return line.size() <= size ? line : std::string(cutUTF8(line, size)) + "...";
+}
+
+void appendCharacter(std::string& text, uint32_t character) {
+  const bool isSurrogate = character >= 0xD800 && character <= 0xDFFF;
+  if (isSurrogate || character > 0x10FFFF) return;
+  if (character < 0x80) {
+    text += static_cast<char>(character);
+    return;
+  }
+  const int following = character < 0x800 ? 1 : character < 0x10000 ? 2 : 3;
+  constexpr uint32_t marks[] = {0, 0xC0, 0xE0, 0xF0};
+  text += static_cast<char>(marks[following] | character >> (6 * following));
+  for (int i = following - 1; i >= 0; --i) text += static_cast<char>(0x80u | (character >> (6 * i) & 0x3Fu));
 }
 
 }  // namespace tarn

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace tarn {
@@ -14,5 +16,12 @@ bool isUTF8(std::string_view text);
 
 /// The start of a UTF-8 text, at most `size` bytes, cut between characters.
 std::string_view cutUTF8(std::string_view text, size_t size);
+
+/// A stranger's text on one line, at most `size` bytes and "...": white space becomes one blank; control characters,
+/// marks that turn the direction of writing or are not seen, and bytes that are not UTF-8 are left out.
+std::string plainLine(std::string_view text, size_t size);
+
+/// Puts a character at the end of a UTF-8 text; nothing for a number that is no character.
+void appendCharacter(std::string& text, uint32_t character);
 
 }  // namespace tarn

@@ -89,11 +89,10 @@ class MediaFinder {
 std::vector<std::string> typesIn(FileHandle& file) {
   constexpr size_t mostBoxes = 1000;
   std::vector<std::string> types;
-  const uint64_t size = file.seekToEnd();
-  FileBoxWalker walker(file, 0, size, boxwalk::topLevelScan);
+  FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevelScan);
   while (const auto box = walker.next()) {
     if (types.size() == mostBoxes || (types.empty() && !isNeighbour(box->type))) return types;
-    if (box->type != "moov" || box->end() <= size) types.push_back(box->type);
+    types.push_back(box->type);
   }
   if (walker.stop().type == "mdat") types.emplace_back("mdat");
   return types;

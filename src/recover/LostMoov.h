@@ -22,8 +22,8 @@ struct RebuiltMovie {
   std::optional<std::string> brokenOff = {};  ///< where and why the rest is lost; nothing if there is no rest
 };
 
-/// True for a file that begins as a movie does and holds media, and neither a whole `moov` nor fragments: no player
-/// shows it, and rebuildLostMoov() may help. Throws PosixError.
+/// True for a file that begins as a movie does and holds media, and neither a `moov`, whole or cut, nor fragments: no
+/// player shows it, and rebuildLostMoov() may help. Throws PosixError.
 bool hasLostMoov(FileManager& files, const Path& path);
 
 /// Rebuilds a movie without a `moov` from its media alone, with the help of a healthy movie of the same recorder: one

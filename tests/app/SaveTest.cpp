@@ -67,7 +67,8 @@ class SaveTest : public testing::Test {
 };
 
 TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
-  const std::string backwards(recording().rbegin(), recording().rend());
+  std::string backwards(recording().rbegin(), recording().rend());
+  backwards.replace(0, 5, "OggS\0", 5);
   const auto second = ServedFile::of(Bytes(backwards.begin(), backwards.end())).withETag("\"v2\"");
   const std::pair<Reply, std::string> rows[] = {{{}, repaired()}, {{.file = second}, backwards}};
   for (const auto& [afterTheKill, content] : rows) {

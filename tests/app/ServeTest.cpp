@@ -37,6 +37,7 @@ constexpr size_t videoSize = 3'000'000;
 Bytes video() {
   Bytes bytes(videoSize);
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+  std::ranges::copy(std::string_view("OggS\0", 5), bytes.begin());  // a container is taken as it comes
   return bytes;
 }
 

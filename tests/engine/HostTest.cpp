@@ -17,11 +17,18 @@
 namespace tarn::test {
 namespace {
 
+/// A file that the engine takes as it comes.
+Bytes container(size_t size) {
+  Bytes bytes(size, 'v');
+  std::ranges::copy(std::string_view("OggS\0", 5), bytes.begin());
+  return bytes;
+}
+
 TEST(HostTest, TwelveSavesAtOnceUseThreeSlotsAndAreAllSaved) {
   TempDirectory place;
   PosixFileManager files(place.path());
   FaultServer server;
-  server.serve("/clip.mp4", ServedFile::of(Bytes(100'000)), {}, {.bytesPerSecond = 1'000'000});
+  server.serve("/clip.mp4", ServedFile::of(container(100'000)), {}, {.bytesPerSecond = 1'000'000});
   int64_t mostActive = 0;
   {
     Host host(files, {.home = place.path()});
@@ -65,8 +72,8 @@ class FullDisk : public testing::TestWithParam<uint64_t> {};
 
 TEST_P(FullDisk, LosesNothing) {
   FaultServer server;
-  const std::string content(300'000, 'v');
-  server.serve("/clip.mp4", ServedFile::of(Bytes(content.begin(), content.end())));
+  const std::string content(textOf(container(300'000)));
+  server.serve("/clip.mp4", ServedFile::of(container(300'000)));
   size_t faults = 0;
   for (uint64_t call = 1 + GetParam();; call += 3, ++faults) {
     SCOPED_TRACE("full at call " + std::to_string(call));

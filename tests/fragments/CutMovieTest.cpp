@@ -277,7 +277,9 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
   BoxEditor editor(whole);
   const auto moov = editor.at("moov"), mdat = editor.at("mdat");
   const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
-  const std::string cutMoov = "The file ends within its moov, which says where its samples are: download it again";
+  const std::string cutMoov =
+      "The file ends within its moov, which says where its samples are: download it again, or rebuild it with `tarn "
+      "repair --like`";
   const std::pair<size_t, std::string> cases[] = {
       {mdat.offset + 500, lost},
       {mdat.offset + 8, lost},
@@ -303,7 +305,9 @@ TEST_F(CutMovieTest, KeepsPicturesWhoseMoovEndsBehindTheirTrack) {
   const Bytes whole = layout.build({{Piece::Kind::raw, layout.ftyp}, {Piece::Kind::mdat}, {Piece::Kind::moov}});
   const auto tracks = BoxEditor(whole).all("moov/trak");
   const auto cutAt = [&](size_t size) { return Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size)); };
-  const std::string lost = "The file ends within its moov, which says where its samples are: download it again";
+  const std::string lost =
+      "The file ends within its moov, which says where its samples are: download it again, or rebuild it with `tarn "
+      "repair --like`";
   EXPECT_EQ(runStep(cutAt(tracks[0].end() - 1)), lost);
   for (const size_t size : {tracks[1].offset + 100, tracks[1].end() - 1}) {
     ASSERT_EQ(runStep(cutAt(size)), "");

@@ -109,7 +109,7 @@ TEST_F(LostMoovTest, ARecordingIsWhatItWas) {
     SCOPED_TRACE(row.encoding);
     const Path file = recording(8, 30, row.encoding, row.shape, row.ending);
     const Bytes broken = withoutMoov(file, row.loss);
-    EXPECT_TRUE(hasLostMoov(files_, write(broken)));
+    EXPECT_EQ(hasLostMoov(files_, write(broken)), row.loss != Loss::moovCut);
     const RebuiltMovie rebuilt = rebuild(broken, recording(6, 200, row.encoding, row.shape, row.ending));
     EXPECT_FALSE(rebuilt.brokenOff) << rebuilt.brokenOff.value_or("");
     EXPECT_NEAR(rebuilt.seconds, 8, 0.05);

@@ -34,8 +34,9 @@ class PhotoChange::AssetRequest : public PHAssetChangeRequest {
   const std::optional<Path> source_;
 };
 
-PhotoChange::PhotoChange(FileManager& fileManager, PhotoFiles& files, PhotoCatalogue& catalogue)
-    : fileManager_(fileManager), files_(files), catalogue_(catalogue) {}
+PhotoChange::PhotoChange(FileManager& fileManager, PhotoFiles& files, PhotoCatalogue& catalogue,
+                         const MediaCheck& mediaCheck)
+    : fileManager_(fileManager), files_(files), catalogue_(catalogue), mediaCheck_(mediaCheck) {}
 
 PhotoChange::~PhotoChange() = default;
 
@@ -80,6 +81,11 @@ bool PhotoChange::addAssets(const std::string& collectionIdentifier, const std::
 }
 
 void PhotoChange::apply() {
+  for (const auto& request : requests_) {
+    if (!request->source() || !mediaCheck_) continue;
+    const auto refusal = mediaCheck_(*request->source(), request->asset().filename);
+    if (refusal) throw PHPhotosError(PHPhotosError::invalidResource, *refusal);
+  }
   std::vector<AssetRecord> assets;
   for (const auto& request : requests_) {
     if (!request->source()) continue;

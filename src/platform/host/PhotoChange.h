@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,10 +12,13 @@
 
 namespace tarn {
 
+/// Why the library does not take a file, as a sentence for people that begins with this name; nothing if it does.
+using MediaCheck = std::function<std::optional<std::string>(const Path& file, const std::string& name)>;
+
 /// What one change block asks for. Nothing is written before apply().
 class PhotoChange : public PHChangeBlock {
  public:
-  PhotoChange(FileManager& fileManager, PhotoFiles& files, PhotoCatalogue& catalogue);
+  PhotoChange(FileManager& fileManager, PhotoFiles& files, PhotoCatalogue& catalogue, const MediaCheck& mediaCheck);
   ~PhotoChange() override;
 
   PHAssetChangeRequest* creationRequestForAssetFromVideo(const Path& fileURL) override;
@@ -22,7 +26,8 @@ class PhotoChange : public PHChangeBlock {
   /// Throws PHPhotosError for an asset that does not exist.
   bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override;
 
-  /// Makes the files and commits the rows. When it throws, files without rows may be left.
+  /// Makes the files and commits the rows. When it throws, files without rows may be left. Throws PHPhotosError for a
+  /// file that the check refuses.
   void apply();
 
  private:
@@ -41,6 +46,7 @@ class PhotoChange : public PHChangeBlock {
   FileManager& fileManager_;
   PhotoFiles& files_;
   PhotoCatalogue& catalogue_;
+  const MediaCheck& mediaCheck_;
   std::vector<std::unique_ptr<AssetRequest>> requests_;
   std::vector<AlbumRecord> albums_;
   std::vector<Addition> additions_;

@@ -4,7 +4,6 @@
 
 #include "platform/Log.h"
 #include "platform/host/PhotoCatalogue.h"
-#include "platform/host/PhotoChange.h"
 #include "platform/host/PhotoFiles.h"
 
 namespace tarn {
@@ -27,8 +26,13 @@ std::vector<PHAsset> assetsOf(const std::vector<PlacedAsset>& placed, const Phot
 
 }  // namespace
 
-SQLitePhotoLibrary::SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, const Path& root, Access access)
-    : fileManager_(files), dispatch_(dispatch), access_(access), files_(std::make_unique<PhotoFiles>(files, root)) {
+SQLitePhotoLibrary::SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, const Path& root, Access access,
+                                       MediaCheck mediaCheck)
+    : fileManager_(files),
+      dispatch_(dispatch),
+      access_(access),
+      mediaCheck_(std::move(mediaCheck)),
+      files_(std::make_unique<PhotoFiles>(files, root)) {
   const Path catalogue = root / catalogueName;
   if (access == Access::readWrite) {
     files_->makeDirectories();
@@ -57,7 +61,7 @@ void SQLitePhotoLibrary::performChangesAndWait(const std::function<void(PHChange
     throw PHPhotosError(PHPhotosError::readOnly, "The photo library is open for reading only");
   }
   std::lock_guard guard(mutex_);
-  PhotoChange change(fileManager_, *files_, *catalogue_);
+  PhotoChange change(fileManager_, *files_, *catalogue_, mediaCheck_);
   block(change);
   try {
     change.apply();

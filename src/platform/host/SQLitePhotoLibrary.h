@@ -10,6 +10,7 @@
 #include "platform/FileManager.h"
 #include "platform/PHPhotoLibrary.h"
 #include "platform/PhotoAuthorization.h"
+#include "platform/host/PhotoChange.h"
 
 namespace tarn {
 
@@ -33,8 +34,10 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
     readOnly,   ///< for fetches alone: one that does not exist is empty, and another process may be changing it
   };
 
-  /// `files` and `dispatch` must outlive the library. Throws tarn::Error.
-  SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, const Path& root, Access access);
+  /// `files` and `dispatch` must outlive the library. Of a video that `mediaCheck` refuses no asset is made. Throws
+  /// tarn::Error.
+  SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, const Path& root, Access access,
+                     MediaCheck mediaCheck = nullptr);
   ~SQLitePhotoLibrary() override;
 
   PhotoAuthorization& authorization() { return authorization_; }
@@ -54,6 +57,7 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
   FileManager& fileManager_;
   Dispatch& dispatch_;
   const Access access_;
+  const MediaCheck mediaCheck_;
   PhotoAuthorization authorization_;
 
   std::mutex mutex_;  // one change or fetch at a time

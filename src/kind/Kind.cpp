@@ -1,0 +1,56 @@
+#include "kind/Kind.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "kind/detail/MagicWords.h"
+#include "kind/detail/MovieKind.h"
+#include "kind/detail/Signatures.h"
+#include "kind/detail/TextKind.h"
+#include "platform/UTF8.h"
+
+namespace tarn {
+namespace {
+
+constexpr size_t headSize = 64 * 1024;
+constexpr size_t longestName = 120;
+
+Kind unknownKind(ByteView head) {
+  if (std::ranges::all_of(head, [](uint8_t byte) { return byte == 0; })) {
+    return {Kind::What::unknown, "nothing but zeros where it begins", "download it again"};
+  }
+  const std::string words = magicWords(head);
+  return {Kind::What::unknown, words.empty() ? "no video" : fmt::format("no video ({})", words),
+          "give the address of the video itself"};
+}
+
+}  // namespace
+
+bool Kind::isMedia() const {
+  return what == What::plainMovie || what == What::fragmentedMovie || what == What::audio ||
+         what == What::otherContainer;
+}
+
+std::string Kind::sentence(std::string_view name) const {
+  const std::string plain = plainLine(name, longestName);
+  return advice.empty() ? fmt::format("{} is {}", plain, words) : fmt::format("{} is {}: {}", plain, words, advice);
+}
+
+Kind kindOf(FileManager& files, const Path& path) {
+  const auto file = files.open(path, OpenMode::reading);
+  const Bytes head = file->read(headSize);
+  if (head.empty()) return {Kind::What::empty, "empty", "download it again"};
+  if (const auto movie = movieKind(*file, head)) return *movie;
+  if (const auto known = kindBySignature(head)) return *known;
+  if (const auto text = textKind(textOf(head))) return *text;
+  return unknownKind(head);
+}
+
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name) {
+  const Kind kind = kindOf(files, path);
+  if (kind.isMedia()) return std::nullopt;
+  return kind.sentence(name);
+}
+
+}  // namespace tarn

@@ -1,0 +1,206 @@
+#include "kind/Kind.h"
+#include "platform/memory/InMemoryFileManager.h"
+#include "support/BoxBuilder.h"
+#include "support/FileTest.h"
+#include "support/MediaMaker.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using What = Kind::What;
+using namespace std::string_literals;
+
+namespace {
+
+Bytes bytes(const std::string& text) {
+  const ByteView view = bytesOf(text);
+  return {view.begin(), view.end()};
+}
+
+/// A second of pictures, of sound, or of both, as this ending has it.
+struct Recipe {
+  std::string options;
+  std::string ending;
+  What what;
+};
+
+constexpr const char* pictures = "-f lavfi -i testsrc=size=64x48:rate=25:duration=1 ";
+constexpr const char* sound = "-f lavfi -i sine=duration=1 ";
+
+Path made(const std::string& options, const std::string& ending) {
+  return madeByFFmpeg(words(options), ending);
+}
+
+class KindTest : public FileTest {
+ protected:
+  Kind kindOfBytes(const Bytes& content) {
+    InMemoryFileManager files;
+    writeFileAtomically(files, "/clip.mp4", content);
+    return kindOf(files, "/clip.mp4");
+  }
+  Kind kindOfText(const std::string& content) { return kindOfBytes(bytes(content)); }
+  Bytes movie(const std::string& movflags = "") {
+    const std::string flags = movflags.empty() ? "" : " -movflags " + movflags;
+    return readFile(files_, made(pictures + "-c:v libx264"s + flags, ".mp4"));
+  }
+};
+
+/// A `moov` of one track of this handler with so many samples.
+Bytes moovOf(const std::string& handler, uint32_t samples, const Bytes& more = {}) {
+  return box("moov", {trackBox(handler, {fullBox("stsz", {10, samples})}), more});
+}
+
+// What ffmpeg writes is known for what it is; nothing that plays is refused.
+TEST_F(KindTest, MediaOfFFmpeg) {
+  const Recipe recipes[] = {
+      {pictures + "-c:v libx264"s, ".mp4", What::plainMovie},
+      {pictures + "-c:v libx264"s, ".mov", What::plainMovie},
+      {pictures + "-c:v libx264 -movflags frag_keyframe"s, ".mp4", What::fragmentedMovie},
+      {pictures + "-c:v libx264 -movflags frag_keyframe+empty_moov"s, ".mp4", What::fragmentedMovie},
+      {sound + "-c:a aac"s, ".m4a", What::audio},
+      {sound + "-c:a aac -movflags frag_keyframe+empty_moov"s, ".mp4", What::audio},
+      {pictures + "-c:v libvpx"s, ".webm", What::otherContainer},
+      {pictures + "-c:v libx264"s, ".mkv", What::otherContainer},
+      {pictures + "-c:v mpeg4"s, ".avi", What::otherContainer},
+      {pictures + "-c:v libx264"s, ".ts", What::otherContainer},
+      {pictures + "-c:v libx264"s, ".m2ts", What::otherContainer},
+      {pictures + "-c:v mpeg2video"s, ".mpg", What::otherContainer},
+      {pictures + "-c:v flv1"s, ".flv", What::otherContainer},
+      {pictures + "-c:v wmv2"s, ".wmv", What::otherContainer},
+      {sound + "-c:a libvorbis"s, ".ogg", What::otherContainer},
+      {sound + "-c:a flac"s, ".flac", What::audio},
+      {sound + "-c:a libmp3lame"s, ".mp3", What::audio},
+      {sound + "-c:a libmp3lame -id3v2_version 0 -write_xing 0"s, ".mp3", What::audio},
+      {sound + "-c:a libmp3lame -ar 22050 -id3v2_version 0 -write_xing 0"s, ".mp3", What::audio},
+      {sound + "-c:a aac"s, ".aac", What::audio},
+      {sound, ".wav", What::audio},
+      {sound, ".aiff", What::audio},
+      {pictures + "-frames:v 1"s, ".jpg", What::picture},
+      {pictures + "-frames:v 1"s, ".png", What::picture},
+      {pictures + "-frames:v 1"s, ".webp", What::picture},
+      {pictures + "-frames:v 1"s, ".bmp", What::picture},
+      {pictures + "-frames:v 1"s, ".tiff", What::picture},
+      {pictures + "-frames:v 2"s, ".gif", What::picture},
+  };
+  for (const auto& [options, ending, what] : recipes) {
+    const Path file = made(options, ending);
+    const Kind kind = kindOf(files_, file);
+    EXPECT_EQ(kind.what, what) << ending << ": " << kind.words;
+    EXPECT_EQ(whyNoPlayerShows(files_, file, "a").has_value(), what == What::picture) << ending;
+  }
+}
+
+// A movie is known by its boxes, wherever the file is cut.
+TEST_F(KindTest, Movies) {
+  const Bytes media = box("mdat", {Bytes(100)});
+  const Bytes type = box("ftyp", {bytesFrom("'isom' 00000200")});
+  const Bytes heic = box("ftyp", {bytesFrom("'heic' 00000000")});
+  Bytes cutMedia = boxClaiming(5000, "mdat", {Bytes(100)});
+  Bytes wholeTrack = moovOf("vide", 3);
+  Bytes cutBehindTrack = wholeTrack;
+  cutBehindTrack[3] = static_cast<uint8_t>(cutBehindTrack[3] + 40);
+  Bytes cutInTrack(wholeTrack.begin(), wholeTrack.end() - 4);
+  struct Case {
+    const char* name;
+    Bytes content;
+    What what;
+  };
+  const Case cases[] = {
+      {"QuickTime, no ftyp", joined({box("wide"), media, moovOf("vide", 3)}), What::plainMovie},
+      {"moov ahead, mdat cut", joined({type, moovOf("vide", 3), cutMedia}), What::plainMovie},
+      {"moov cut behind a track", joined({type, media, cutBehindTrack}), What::plainMovie},
+      {"moov cut in its track", joined({type, media, cutInTrack}), What::lacksMoov},
+      {"no moov", joined({type, media}), What::lacksMoov},
+      {"mdat cut, no moov", joined({type, cutMedia}), What::lacksMoov},
+      {"the type alone", type, What::lacksMoov},
+      {"a segment of a stream", joined({box("styp"), box("moof"), media}), What::lacksMoov},
+      {"no sample", joined({type, moovOf("vide", 0), media}), What::lacksSamples},
+      {"no track", joined({type, box("moov"), media}), What::lacksSamples},
+      {"the head of a stream", joined({type, moovOf("vide", 0, box("mvex"))}), What::lacksSamples},
+      {"the head and a fragment", joined({type, moovOf("vide", 0, box("mvex")), box("moof")}), What::fragmentedMovie},
+      {"sound in fragments", joined({type, moovOf("soun", 0, box("mvex")), box("moof")}), What::audio},
+      {"sound and text",
+       joined({type, box("moov", {trackBox("soun", {fullBox("stsz", {10, 3})}),
+                                  trackBox("text", {fullBox("stsz", {10, 3})})})}),
+       What::audio},
+      {"compact sizes", joined({type, box("moov", {trackBox("vide", {fullBox("stz2", {8, 3})})})}), What::plainMovie},
+      {"a HEIC picture", joined({heic, box("meta"), media}), What::picture},
+      {"a HEIC sequence with a track", joined({heic, moovOf("pict", 3), media}), What::plainMovie},
+  };
+  for (const auto& [name, content, what] : cases) {
+    const Kind kind = kindOfBytes(content);
+    EXPECT_EQ(kind.what, what) << name << ": " << kind.words;
+  }
+}
+
+// Every start of a movie has a kind, and is media only from where its whole `moov` is there.
+TEST_F(KindTest, CutMovies) {
+  for (const char* flags : {"", "faststart"}) {
+    const Bytes whole = movie(flags);
+    const size_t moov = textOf(whole).find("moov") - 4;
+    const size_t moovSize = size_t{whole[moov + 2]} << 8 | whole[moov + 3];
+    for (size_t size = 0; size < whole.size(); size += 7) {
+      const Kind kind = kindOfBytes(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
+      ASSERT_EQ(size == 0, kind.what == What::empty) << size;
+      const bool hasMoov = size >= moov + moovSize;
+      if (hasMoov || size < moov) {
+        ASSERT_EQ(kind.isMedia(), hasMoov) << flags << " " << size;
+      }
+    }
+  }
+}
+
+TEST_F(KindTest, SentencesForPeople) {
+  struct Case {
+    std::string content;
+    std::string sentence;
+  };
+  const std::string page = "<!DOCTYPE html>\n<html><head><title>";
+  const Case cases[] = {
+      {"", "clip.mp4 is empty: download it again"},
+      {page + "Sign in</title>", "clip.mp4 is a web page (\"Sign in\"): the address needs a login"},
+      {page + "Cats &amp; &#x64;ogs</title>",
+       "clip.mp4 is a web page (\"Cats & dogs\"): give the address of the video itself"},
+      {"<html><body><form><input type=\"password\"></form>", "clip.mp4 is a web page: the address needs a login"},
+      {"\xEF\xBB\xBF<!-- c --> <HTML><BODY>", "clip.mp4 is a web page: give the address of the video itself"},
+      {page + "a\n\x1B[31m \xE2\x80\xAE"
+              "b&#8238;\xFF\xC2\x9B"
+              "c</title>",
+       "clip.mp4 is a web page (\"a [31m bc\"): give the address of the video itself"},
+      {page + std::string(58, 'x') + "\xC3\xA4\xC3\xA4</title>",
+       "clip.mp4 is a web page (\"" + std::string(58, 'x') + "\xC3\xA4...\"): give the address of the video itself"},
+      {"#EXTM3U\n#EXT-X-VERSION:3\n", "clip.mp4 is a playlist: give the address of the video itself"},
+      {"<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\"/>",
+       "clip.mp4 is a playlist (of a stream): give the address of the video itself"},
+      {"<?xml version=\"1.0\"?><Error><Code>AccessDenied</Code></Error>",
+       "clip.mp4 is an XML document: give the address of the video itself"},
+      {"{\"error\": 1}", "clip.mp4 is JSON text: give the address of the video itself"},
+      {"\x1F\x8B\x08\0\0\0\0\0"s, "clip.mp4 is compressed with gzip: unpack it first"},
+      {"PK\x03\x04\x14\0"s, "clip.mp4 is a zip archive: unpack it first"},
+      {std::string(2000, '\0'), "clip.mp4 is nothing but zeros where it begins: download it again"},
+      {"Not found, sorry.",
+       "clip.mp4 is no video (ASCII text, with no line terminators): "
+       "give the address of the video itself"},
+      {"\0\0\0\x14"
+       "ftypisom\0\0\2\0isom\0\0\0\x08mdat"s,
+       "clip.mp4 is a movie whose moov, the index of its media, is missing: download it again, or rebuild it with "
+       "`tarn repair --like` and a healthy recording"},
+  };
+  for (const auto& [content, sentence] : cases) {
+    EXPECT_EQ(whyNoPlayerShows(files_, write(bytes(content)), "clip.mp4").value_or("it is media"), sentence);
+  }
+}
+
+// What only looks like media at first sight is none.
+TEST_F(KindTest, LookAlikes) {
+  const Bytes grains = bytesFrom("47 47 47 47 47 47 47 47");
+  EXPECT_FALSE(kindOfBytes(grains).isMedia());
+  std::string fourPackets(5 * 188, 'x');
+  for (size_t i = 0; i < 4; ++i) fourPackets[i * 188] = 'G';
+  EXPECT_FALSE(kindOfText(fourPackets).isMedia());
+  EXPECT_EQ(kindOfText("the free lunch").what, What::unknown);
+  EXPECT_FALSE(kindOfText("RIFFxxxxNOPE").isMedia());
+  EXPECT_FALSE(kindOfText("\xFF\xFB\x90\x64 and then words").isMedia());
+  EXPECT_THROW(kindOf(files_, directory_ / "missing"), PosixError);
+}
+
+}  // namespace
