@@ -153,6 +153,15 @@ TEST_F(LostMoovTest, WhatLiesAheadOfDamageOrACutIsKept) {
   }
 }
 
+TEST_F(LostMoovTest, DateAndPlaceOfTheHealthyMovieAreNotTakenOver) {
+  const std::string facts =
+      "-metadata creation_time=2020-02-02T02:02:02Z -metadata location=+47.5+008.7/ -metadata title=Lake";
+  rebuild(withoutMoov(recording(8, 30, avc)), recording(6, 200, avc + " " + facts));
+  const ProcessResult told =
+      runProcess({"ffprobe", "-v", "error", "-show_entries", "format_tags:stream_tags", result_});
+  for (const char* fact : {"2020", "47.5", "Lake"}) EXPECT_EQ(told.output.find(fact), std::string::npos) << told.output;
+}
+
 TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
   const Bytes brokenAVC = withoutMoov(recording(8, 30, avc)), brokenHEVC = withoutMoov(recording(8, 30, hevc));
   const std::string mono = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 1";
@@ -197,6 +206,11 @@ TEST_F(LostMoovTest, AHealthyMovieThatCannotServeIsToldWhy) {
   for (const auto& [healthy, why] : rows) {
     EXPECT_EQ(refusal(broken, healthy), "The healthy movie cannot serve: " + why);
   }
+  BoxEditor odd(readFile(files_, file));
+  odd.rename("moov/trak/mdia/minf/stbl/stsd/avc1", "\xFF\xC3 1");
+  writeFileAtomically(files_, directory_ / "odd.mp4", odd.bytes);
+  EXPECT_EQ(refusal(broken, directory_ / "odd.mp4"),
+            "The healthy movie cannot serve: its pictures are neither AVC nor HEVC (\"\")");
   EXPECT_EQ(refusal(readFile(files_, file), file), "The moov of this movie is there: repair it without --like");
   EXPECT_FALSE(hasLostMoov(files_, file));
 }

@@ -7,6 +7,7 @@
 #include "fragments/MovieTimes.h"
 #include "movie/MovieError.h"
 #include "movie/TrackFields.h"
+#include "mp4/BoxLayout.h"
 #include "mp4/EditList.h"
 #include "mp4/EditTimeline.h"
 
@@ -57,6 +58,16 @@ uint64_t fitEdits(MovieBox& trak, int64_t mediaEnd, uint32_t timescale, uint32_t
   return shown;
 }
 
+/// A recording's place, date and names are its own: those of the healthy movie are not true of another one.
+void forgetHowItCameAbout(MovieBox& box, MovieBox* timeHeader) {
+  for (const char* type : {"udta", "meta", "uuid"}) box.removeAll(type);
+  if (timeHeader == nullptr || timeHeader->contents.empty()) return;
+  const size_t begin = layout::versionAndFlags.end() - layout::boxHeaderSize;
+  const size_t times = timeHeader->contents.front() == 0 ? 8 : 16;  // of creation and modification
+  const size_t end = std::min(begin + times, timeHeader->contents.size());
+  for (size_t i = begin; i < end; ++i) timeHeader->contents[i] = 0;
+}
+
 }  // namespace
 
 PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
@@ -64,9 +75,13 @@ PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
   MovieBox* mvhd = movie.moov.find({"mvhd"});
   const auto movieTimescale = static_cast<uint32_t>(headerTimescaleField.load(mvhd).value_or(0));
   if (movieTimescale == 0) throw MovieError(MovieError::Case::damaged, "The healthy movie has no timescale");
+  forgetHowItCameAbout(movie.moov, mvhd);
+  mvhd = movie.moov.find({"mvhd"});
   uint64_t longest = 0;
   for (MovieBox& trak : movie.moov.children) {
     if (trak.type != "trak") continue;
+    forgetHowItCameAbout(trak, trak.find({"tkhd"}));
+    if (MovieBox* mdia = trak.find({"mdia"})) forgetHowItCameAbout(*mdia, mdia->find({"mdhd"}));
     const size_t index = movie.tables.size();
     TrackTables& tables = movie.tables.emplace_back();
     const bool isPictures = index == recorder.pictures.trak;

@@ -33,6 +33,11 @@ LostMoovError unfit(const std::string& why) {
   return LostMoovError(fmt::format("The healthy movie cannot serve: {}", why));
 }
 
+/// A four-character code to stand in a sentence; empty if it is no text.
+std::string shown(std::string_view code) {
+  return decodeUTF8(bytesOf(code));
+}
+
 /// A table of the track as a whole box; empty without one.
 Bytes boxOf(const MovieBox& trak, std::string_view type) {
   const MovieBox* box = trak.find({"mdia", "minf", "stbl", type});
@@ -103,7 +108,7 @@ class RecorderReader {
     const std::string handler(handlerOf(trak));
     const bool isPictures = handler == "vide";
     if (!isPictures && handler != "soun") {
-      throw unfit(fmt::format("it has a track that is neither pictures nor sound (\"{}\")", handler));
+      throw unfit(fmt::format("it has a track that is neither pictures nor sound (\"{}\")", shown(handler)));
     }
     if (isPictures ? recorder_.pictures.codec != nullptr : recorder_.sound.has_value()) {
       throw unfit(fmt::format("it has two tracks of {}", isPictures ? "pictures" : "sound"));
@@ -133,7 +138,8 @@ class RecorderReader {
     if (stsd.size() < tagEnd) throw unfit("its sample entry cannot be read");
     const std::string tag(textOf(ByteView(stsd).subspan(layout::sampleEntryFormat.offset, 4)));
     pictures.codec = codecOfTag(tag);
-    if (pictures.codec == nullptr) throw unfit(fmt::format("its pictures are neither AVC nor HEVC (\"{}\")", tag));
+    if (pictures.codec == nullptr)
+      throw unfit(fmt::format("its pictures are neither AVC nor HEVC (\"{}\")", shown(tag)));
     readConfiguration(stsd);
     const auto duration = constantDuration(trak);
     if (!duration) throw unfit("its pictures do not all last equally long");
@@ -196,7 +202,7 @@ class RecorderReader {
                                                             "fl64", "ipcm", "fpcm", "ulaw", "alaw", "raw "};
     RecordedSound& sound = *recorder_.sound;
     if (std::ranges::find(known, format.codec) == known.end()) {
-      throw unfit(fmt::format("its sound is neither AAC nor PCM (\"{}\")", format.codec));
+      throw unfit(fmt::format("its sound is neither AAC nor PCM (\"{}\")", shown(format.codec)));
     }
     if (!sound_.samples->haveOneSize() || constantDuration(trak) != 1U) {
       throw unfit("the samples of its PCM are not one block each");
@@ -333,7 +339,15 @@ uint64_t RecordedSound::timeOf(uint64_t sample) const {
 }
 
 Recorder Recorder::read(FileManager& files, const Path& healthy) {
-  return RecorderReader(files, healthy).read();
+  try {
+    return RecorderReader(files, healthy).read();
+  } catch (const LostMoovError&) {
+    throw;
+  } catch (const PosixError&) {
+    throw;
+  } catch (const Error& failure) {
+    throw unfit(fmt::format("it cannot be read ({})", failure.description()));
+  }
 }
 
 }  // namespace tarn

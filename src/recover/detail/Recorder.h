@@ -51,7 +51,7 @@ struct Recorder {
   double longestPiece = 0;   ///< of one track between two of the other, seconds
 
   /// Reads the movie, walks its own media and holds what was found against its tables, so that a recorder whose media
-  /// cannot be walked is known. Throws LostMoovError for a movie that cannot serve, MovieError, PosixError.
+  /// cannot be walked is known. Throws LostMoovError for a movie that cannot serve, PosixError.
   static Recorder read(FileManager& files, const Path& healthy);
 };
 
