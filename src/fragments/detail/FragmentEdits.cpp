@@ -28,7 +28,7 @@ FragmentEdits::FragmentEdits(const std::vector<EditListEntry>& source, const Fra
     : movieTimescale_(movieTimescale),
       timescale_(track.timescale()),
       start_(track.start()),
-      media_(track.tables().composition()),
+      media_(track.media()),
       hasList_(!source.empty()) {
   if (track.tables().sampleCount() == 0) return;
   std::vector<EditListEntry> list = source;
@@ -43,7 +43,7 @@ EditListEntry FragmentEdits::lengthened(EditListEntry entry, const FragmentTrack
   requireInRange(entry.duration);
   const Int128 tick = Int128{timescale_} / movieTimescale_ + 1;
   const Int128 end = entry.mediaTime + dividedAndRounded(Int128{entry.duration} * timescale_, movieTimescale_);
-  const TrackTables::Composition& listed = track.compositionInMoov();
+  const TrackTables::Composition& listed = track.mediaInMoov();
   if (end + tick >= media_.end) return entry;
   if (end + tick < listed.end - std::max<int64_t>(listed.start, 0) || end - tick > listed.end) {
     throw FragmentsError(fmt::format("The edit list of track {} ends amid the samples, and does not say which it shows",

@@ -40,10 +40,15 @@ FragmentTrack::FragmentTrack(const MovieBox& trak) {
   readDescriptions(*stbl);
   tables_ = TrackTables::read(*stbl);
   samplesInMoov_ = tables_.sampleCount();
-  compositionInMoov_ = tables_.composition();
   duration_ = tables_.duration();
   lastDuration_ = tables_.lastDuration();
+  hasPictures_ = handlerOf(trak) == "vide";
+  mediaInMoov_ = media();
   readSyncs(*stbl);
+}
+
+TrackTables::Composition FragmentTrack::media() const {
+  return hasPictures_ ? tables_.composition() : TrackTables::Composition{0, static_cast<int64_t>(duration_)};
 }
 
 void FragmentTrack::readDescriptions(const MovieBox& stbl) {

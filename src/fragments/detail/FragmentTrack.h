@@ -45,8 +45,10 @@ class FragmentTrack {
   TrackTables& tables() { return tables_; }
   const TrackTables& tables() const { return tables_; }
   uint64_t samplesInMoov() const { return samplesInMoov_; }
-  /// What the samples of the `moov` alone compose.
-  const TrackTables::Composition& compositionInMoov() const { return compositionInMoov_; }
+  /// When its samples are composed; what is not pictures is shown when it is decoded. The first sample is decoded at 0.
+  TrackTables::Composition media() const;
+  /// The same of the samples of the `moov` alone.
+  const TrackTables::Composition& mediaInMoov() const { return mediaInMoov_; }
 
   /// When the first sample is decoded, by the fragments' times; the tables begin at 0.
   int64_t start() const { return start_; }
@@ -72,7 +74,8 @@ class FragmentTrack {
   Bytes stsd_;
   TrackTables tables_;
   uint64_t samplesInMoov_ = 0;
-  TrackTables::Composition compositionInMoov_;
+  bool hasPictures_ = false;
+  TrackTables::Composition mediaInMoov_;
   int64_t start_ = 0;
   Runs<bool> syncs_;
   uint64_t duration_ = 0;
