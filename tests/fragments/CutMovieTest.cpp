@@ -190,7 +190,7 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
     const std::string failure = runStep(cut);
     if (kept.pictures == 0) {
       ++refusals;
-      EXPECT_TRUE(failure.ends_with(": download it again")) << failure;
+      EXPECT_NE(failure.find(": download it again"), std::string::npos) << failure;
       EXPECT_EQ(written(), cut);
       continue;
     }
