@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <new>
-#include <set>
 
 #include "platform/Error.h"
 
@@ -49,6 +49,8 @@ struct DecodeCheck::State {
       const int result = avcodec_receive_frame(context, frame);
       if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return true;
       if (result < 0 || frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) return false;
+      if (context->codec_id == AV_CODEC_ID_HEVC && frame->pts < lastShown) return false;
+      lastShown = frame->pts;
       inside.erase(frame->pts);
     }
   }
@@ -56,7 +58,8 @@ struct DecodeCheck::State {
   AVCodecContext* context;
   AVFrame* frame;
   AVPacket* packet;
-  std::set<int64_t> inside;  ///< numbers of the samples that have not come out yet
+  std::map<int64_t, uint64_t> inside;  ///< samples that have not come out yet: when they are shown, and their numbers
+  int64_t lastShown = std::numeric_limits<int64_t>::min();
   uint64_t taken = 0;
   bool hasComplained = false;
 };
@@ -81,14 +84,14 @@ DecodeCheck::DecodeCheck(Codec codec, ByteView configuration) {
 
 DecodeCheck::~DecodeCheck() = default;
 
-bool DecodeCheck::take(ByteView sample) {
+bool DecodeCheck::take(ByteView sample, int64_t shownAt) {
   if (state_->hasComplained) return false;
   const bool hasSize = !sample.empty() && sample.size() < std::numeric_limits<int>::max() / 2;
-  state_->inside.insert(static_cast<int64_t>(state_->taken));
+  state_->inside.emplace(shownAt, state_->taken);
   if (hasSize) {
     if (av_new_packet(state_->packet, static_cast<int>(sample.size())) < 0) throw std::bad_alloc();
     std::ranges::copy(sample, state_->packet->data);
-    state_->packet->pts = state_->packet->dts = static_cast<int64_t>(state_->taken);
+    state_->packet->pts = shownAt;
   }
   ++state_->taken;
   state_->hasComplained = !hasSize || !state_->send(state_->packet);
@@ -103,7 +106,7 @@ bool DecodeCheck::finish() {
 
 uint64_t DecodeCheck::goodSamples() const {
   if (!state_->hasComplained || state_->inside.empty()) return state_->taken;
-  return static_cast<uint64_t>(*state_->inside.begin());
+  return std::ranges::min_element(state_->inside, {}, &std::pair<const int64_t, uint64_t>::second)->second;
 }
 
 }  // namespace tarn

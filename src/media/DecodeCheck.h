@@ -20,8 +20,10 @@ class DecodeCheck {
   DecodeCheck(const DecodeCheck&) = delete;
   DecodeCheck& operator=(const DecodeCheck&) = delete;
 
-  /// Takes the next sample. Returns false once the decoder has complained; it is not asked again then.
-  bool take(ByteView sample);
+  /// Takes the next sample, which is shown at this time, in any unit; no other one is shown then. Returns false once
+  /// the decoder has complained; it is not asked again then. It is a complaint too if pictures of HEVC, whose parameter
+  /// sets say how far they are out of order, come out in another order than they are shown.
+  bool take(ByteView sample, int64_t shownAt);
   /// Ends the stream: the last samples may be judged only now. Returns what `take` returns.
   bool finish();
 

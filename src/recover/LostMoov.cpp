@@ -150,17 +150,21 @@ class Rebuilding {
   void decode() {
     using Codec = DecodeCheck::Codec;
     const RecordedPictures& pictures = recorder_.pictures;
-    decode(found_.pictures, pictures.codec == &VideoCodec::hevc ? Codec::hevc : Codec::avc, pictures.configuration);
-    if (recorder_.sound && !recorder_.sound->isPCM) decode(found_.sound, Codec::aac, recorder_.sound->configuration);
+    const std::vector<int64_t> times = compositionTimes(found_.pictures, pictures);
+    decode(found_.pictures, pictures.codec == &VideoCodec::hevc ? Codec::hevc : Codec::avc, pictures.configuration,
+           [&](size_t picture) { return times[picture]; });
+    if (!recorder_.sound || recorder_.sound->isPCM) return;
+    decode(found_.sound, Codec::aac, recorder_.sound->configuration,
+           [](size_t packet) { return static_cast<int64_t>(packet); });
   }
 
-  template <typename Sample>
-  void decode(const std::vector<Sample>& samples, DecodeCheck::Codec codec, const Bytes& configuration) {
+  template <typename Sample, typename Time>
+  void decode(const std::vector<Sample>& samples, DecodeCheck::Codec codec, const Bytes& configuration, Time timeOf) {
     DecodeCheck check(codec, configuration);
     bool isGood = true;
     for (size_t i = 0; i < samples.size() && isGood; ++i) {
       file_.seek(samples[i].offset);
-      isGood = check.take(file_.read(samples[i].size));
+      isGood = check.take(file_.read(samples[i].size), timeOf(i));
       bytesDecoded_ += samples[i].size;
       const auto all = static_cast<double>(std::max<uint64_t>(found_.end - begin_, 1));
       if (i % 64 == 0) poll_(std::min(walked + (decoded - walked) * static_cast<double>(bytesDecoded_) / all, decoded));
