@@ -85,6 +85,8 @@ class Finder {
   }
 
  private:
+  bool hasMedia() const { return movie_.layout.first("mdat").has_value(); }
+
   /// A file of whole boxes did not break off: if samples lie behind its end, its tables are wrong.
   bool hasBrokenOff() const {
     const auto mdat = movie_.layout.last("mdat");
@@ -109,7 +111,9 @@ class Finder {
     const auto needed =
         lostTracks > 0 ? std::ranges::count_if(children, isWholeVideo) : std::ranges::count_if(children, isTrack);
     if (needed == 0) throw FragmentsError::ofCutMoov();
-    if (!readTables(movie_.place.offset) && lostTracks == 0) return false;
+    const bool areAnyMissing = readTables(movie_.place.offset);
+    // Media that are whole miss no sample: the tables are wrong.
+    if (areAnyMissing ? hasMedia() : lostTracks == 0) return false;
     cut();
     movie_.loss->tracks = lostTracks;
     return true;
@@ -128,8 +132,7 @@ class Finder {
       if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, mediaEnd)) {
         throw MovieError(MovieError::Case::damaged, "Samples of a file that did not break off lie behind its end");
       }
-      const bool hasMedia = movie_.layout.first("mdat").has_value();
-      missing_.back() = dropMissing(tables, handlerOf(trak) == "vide", hasMedia ? mediaEnd : 0);
+      missing_.back() = dropMissing(tables, handlerOf(trak) == "vide", hasMedia() ? mediaEnd : 0);
       areAnyMissing = true;
     }
     return areAnyMissing;

@@ -253,8 +253,13 @@ TEST_F(CutMovieTest, LeavesAFileOfWholeBoxesAsItIs) {
   const MovieLayout layout(shortClip());
   const Piece ftyp{Piece::Kind::raw, layout.ftyp}, moov{Piece::Kind::moov}, mdat{Piece::Kind::mdat};
   const uint64_t middle = layout.chunks()[layout.chunks().size() / 2];
-  BoxEditor wrongSize(layout.moovAhead());
-  wrongSize.setField(wrongSize.at("moov/trak/mdia/minf/stbl/stsz").offset + 20, 1 << 30);
+  MovieLayout wrongSize = layout;
+  BoxEditor tables(layout.moov);
+  tables.setField(tables.at("moov/trak/mdia/minf/stbl/stsz").offset + 20, 1 << 30);
+  wrongSize.moov = tables.bytes;
+  // Behind whole media a moov the last bytes of which are not there.
+  Bytes cutMoov = wrongSize.build({ftyp, mdat, moov});
+  cutMoov.resize(cutMoov.size() - 5);
   const Bytes files[] = {
       layout.moovAhead(),
       layout.build({ftyp, mdat, moov}),
@@ -263,7 +268,8 @@ TEST_F(CutMovieTest, LeavesAFileOfWholeBoxesAsItIs) {
       layout.build({ftyp, moov, mdat, {Piece::Kind::raw, box("free", {Bytes(9)})}}),
       layout.build({ftyp, moov, mdat, {Piece::Kind::raw, Bytes(5)}}),
       layout.build({ftyp, moov, mdat, {Piece::Kind::raw, boxClaiming(99, "free", {Bytes(9)})}}),
-      wrongSize.bytes,
+      wrongSize.moovAhead(),
+      cutMoov,
   };
   for (const Bytes& file : files) {
     SCOPED_TRACE(&file - files);
