@@ -8,6 +8,7 @@
 #include "kind/detail/MovieKind.h"
 #include "kind/detail/Signatures.h"
 #include "kind/detail/TextKind.h"
+#include "platform/ReadWatch.h"
 #include "platform/UTF8.h"
 
 namespace tarn {
@@ -25,6 +26,15 @@ Kind unknownKind(ByteView head) {
           "give the address of the video itself"};
 }
 
+Kind kindOfFile(FileHandle& file) {
+  const Bytes head = file.read(headSize);
+  if (head.empty()) return {Kind::What::empty, "empty", "download it again"};
+  if (const auto movie = movieKind(file, head)) return *movie;
+  if (const auto known = kindBySignature(head)) return *known;
+  if (const auto text = textKind(textOf(head))) return *text;
+  return unknownKind(head);
+}
+
 }  // namespace
 
 bool Kind::isMedia() const {
@@ -38,13 +48,7 @@ std::string Kind::sentence(std::string_view name) const {
 }
 
 Kind kindOf(FileManager& files, const Path& path) {
-  const auto file = files.open(path, OpenMode::reading);
-  const Bytes head = file->read(headSize);
-  if (head.empty()) return {Kind::What::empty, "empty", "download it again"};
-  if (const auto movie = movieKind(*file, head)) return *movie;
-  if (const auto known = kindBySignature(head)) return *known;
-  if (const auto text = textKind(textOf(head))) return *text;
-  return unknownKind(head);
+  return readWatched(ReadWatch(files.open(path, OpenMode::reading)), kindOfFile);
 }
 
 std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name) {

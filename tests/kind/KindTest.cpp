@@ -1,6 +1,7 @@
 #include "kind/Kind.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "support/BoxBuilder.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 
@@ -106,6 +107,7 @@ TEST_F(KindTest, Movies) {
   };
   const Case cases[] = {
       {"QuickTime, no ftyp", joined({box("wide"), media, moovOf("vide", 3)}), What::plainMovie},
+      {"odd boxes ahead", joined({box("oddx", {Bytes(9)}), type, media, moovOf("vide", 3)}), What::plainMovie},
       {"moov ahead, mdat cut", joined({type, moovOf("vide", 3), cutMedia}), What::plainMovie},
       {"moov cut behind a track", joined({type, media, cutBehindTrack}), What::plainMovie},
       {"moov cut in its track", joined({type, media, cutInTrack}), What::lacksMoov},
@@ -188,6 +190,25 @@ TEST_F(KindTest, SentencesForPeople) {
   for (const auto& [content, sentence] : cases) {
     EXPECT_EQ(whyNoPlayerShows(files_, write(bytes(content)), "clip.mp4").value_or("it is media"), sentence);
   }
+}
+
+// A disk that fails is not taken for damage of the file, which nobody would then try to save again.
+TEST_F(KindTest, FailingReads) {
+  FaultyFileManager faulty(files_);
+  const Path clip = write(movie());
+  int failures = 0;
+  bool fired = true;
+  for (uint64_t call = 1; fired; ++call) {
+    faulty.arm({.call = call, .among = {FileOperation::open, FileOperation::read}});
+    try {
+      EXPECT_EQ(kindOf(faulty, clip).what, What::plainMovie) << call;
+    } catch (const PosixError& error) {
+      EXPECT_EQ(error.code(), EIO);
+      ++failures;
+    }
+    fired = faulty.fired();
+  }
+  EXPECT_GT(failures, 5);
 }
 
 // What only looks like media at first sight is none.

@@ -120,9 +120,9 @@ Kind kindOfMoov(FileHandle& file, const TopLevel& level, uint64_t fileSize) {
 
 std::optional<Kind> movieKind(FileHandle& file, ByteView head) {
   const uint64_t fileSize = file.seekToEnd();
-  if (!beginsWithBox(head, fileSize)) return std::nullopt;
   const TopLevel level = readTopLevel(file, fileSize);
-  if (level.moov) return kindOfMoov(file, level, fileSize);
+  if (level.moov) return kindOfMoov(file, level, fileSize);  // boxes of any type may stand ahead of it
+  if (!beginsWithBox(head, fileSize)) return std::nullopt;
   if (const char* words = pictureOfBrand(head)) {
     return Kind{What::picture, words, "give the address of the video itself"};
   }

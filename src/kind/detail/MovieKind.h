@@ -9,7 +9,7 @@
 namespace tarn {
 
 /// The kind of a file in boxes (ISO/IEC 14496-12, QuickTime without an `ftyp` too), HEIF pictures included; nothing for
-/// one that does not begin with a box. Moves the file's position.
+/// one that has no `moov` and does not begin with a box of a movie. Moves the file's position.
 std::optional<Kind> movieKind(FileHandle& file, ByteView head);
 
 }  // namespace tarn
