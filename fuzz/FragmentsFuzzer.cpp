@@ -18,8 +18,8 @@ void joinFragments(Movie& movie) {
 
 }  // namespace
 
-/// The input is a movie. What the step makes of one in fragments is a plain one whose presentation can be read. A second
-/// step leaves as it is what the first one made.
+/// The input is a movie. What the step makes of one in fragments is a plain one whose presentation can be read. A
+/// second step leaves as it is what the first one made.
 void run(Input input) {
   const ByteView content = input.rest();
   Movie movie(content);

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "fragments/detail/FragmentEdits.h"
 #include "fragments/MovieTimes.h"
+#include "fragments/detail/FragmentEdits.h"
 #include "movie/MovieError.h"
 #include "mp4/EditTimeline.h"
 
