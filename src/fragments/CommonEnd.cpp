@@ -59,7 +59,7 @@ class PictureOrder {
     const size_t looked = std::min(times_.size(), 2 * mostReordered);
     std::vector<int64_t> last(times_.end() - static_cast<ptrdiff_t>(looked), times_.end());
     std::ranges::sort(last);
-    uint64_t longest = lastDuration_;
+    auto longest = static_cast<uint64_t>(lastDuration_);
     for (uint64_t i = times_.size() - looked; i + 1 < times_.size(); ++i) {
       longest = std::max(longest, tables.decodeTime(i + 1) - tables.decodeTime(i));
     }

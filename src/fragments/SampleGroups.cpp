@@ -150,12 +150,14 @@ void SampleGroups::truncate(uint64_t samples) {
 
 void SampleGroups::writeTo(MovieBox& stbl) const {
   for (const auto& [kind, groups] : groups_) {
-    const auto isOld = [&](const MovieBox& box) { return box.type == "sbgp" && kindOf(box.plainBytes()) == kind; };
+    const auto isOld = [&kind = kind](const MovieBox& box) {
+      return box.type == "sbgp" && kindOf(box.plainBytes()) == kind;
+    };
     const bool isNeeded = std::ranges::any_of(groups, [](const auto& run) { return run.value != 0; });
     stbl.replaceAll(isOld, isNeeded ? std::optional(assignmentBox(kind, groups)) : std::nullopt);
   }
   for (const auto& [type, own] : descriptions_) {
-    const auto isOld = [&](const MovieBox& box) {
+    const auto isOld = [&type = type](const MovieBox& box) {
       return box.type == "sgpd" && fieldAt(box.plainBytes(), layout::groupingType.offset) == type;
     };
     if (own.haveGrown) stbl.replaceAll(isOld, own.box(type));

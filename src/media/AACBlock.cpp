@@ -91,7 +91,7 @@ class BlockParser {
         return block;
       }
       if (type == single || type == pair || type == lowFrequency) {
-        block.elements.push_back(static_cast<uint8_t>(type << 4 | bits_.peek(4)));
+        block.elements.push_back(static_cast<uint8_t>(uint32_t{type} << 4 | bits_.peek(4)));
       }
       if (!readElement(type)) return std::nullopt;
     }
