@@ -115,7 +115,10 @@ std::optional<std::string> whyBodyIsRefused(const ResponseHead& head, const Resu
 
 BodyUse bodyUse(const ResponseHead& head, const ResumePoint& asked) {
   if (head.status == 206) return continues(head, asked) ? BodyUse::append : BodyUse::startOver;
-  if (head.status >= 200 && head.status < 300) return BodyUse::replace;
+  if (head.status >= 200 && head.status < 300) {
+    const bool isPageInstead = asked.offset > 0 && head.isPage && !asked.isPage;
+    return isPageInstead ? BodyUse::pageInstead : BodyUse::replace;
+  }
   if (head.status == 416 && asked.offset > 0) return isWhole(head, asked) ? BodyUse::alreadyWhole : BodyUse::startOver;
   if (head.status == 408 || head.status == 429 || head.status >= 500) return BodyUse::retry;
   return BodyUse::refuse;
