@@ -103,7 +103,8 @@ std::vector<Row> rows() {
       {"gzip unasked", {}, inGzip, one, 0, 1},
       {"gzip unasked, cut short", {inGzipCut}, inGzip, one, 0, 2},
       {"gzip unasked, where the file was begun", {cutShort, inGzip}, {}, one, 0, 3},
-      {"a coding that nobody knows", {}, {.contentEncoding = "secret"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
+      {"a coding that is none", {}, {.contentEncoding = "aws-chunked"}, one, 0, 2},
+      {"a coding that cannot be undone", {}, {.contentEncoding = "compress"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
       {"gzip that is none", {}, {.contentEncoding = "gzip"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
 
       {"a page where a file was begun", {cutShort, pageInstead}, {}, one, 0, 3, range, tag},

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <new>
 #include <utility>
 
@@ -44,8 +45,12 @@ bool startsWith(const std::string& text, std::string_view start) {
   return text.size() >= start.size() && curl_strnequal(text.c_str(), start.data(), start.size()) != 0;
 }
 
-bool isEncoded(const std::string& codings) {
-  return !codings.empty() && !(codings.size() == std::string_view(noCoding).size() && startsWith(codings, noCoding));
+/// Whether a body is in a coding (RFC 9110 8.4.1). Some servers put other words there and send the file as it is.
+bool isEncoded(std::string_view contentEncoding) {
+  constexpr std::array codings = {"gzip", "deflate", "compress", "br", "zstd"};
+  std::string lower(contentEncoding);
+  std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  return std::ranges::any_of(codings, [&](const char* coding) { return lower.find(coding) != lower.npos; });
 }
 
 URLError statusError(int status) {
@@ -94,6 +99,7 @@ void TransferAttempt::prepare(const std::string& userAgent) {
   curl_easy_setopt(easy, CURLOPT_USERAGENT, userAgent.c_str());
   // No coding is wanted. Said in this way, libcurl decodes one that comes all the same.
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, noCoding);
+  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, record_.isTakenAsItIs ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, curlText_.data());
@@ -175,6 +181,8 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
+  const std::string codings = headerText(easy_.get(), "Content-Encoding");
+  record_.isTakenAsItIs = !codings.empty() && !isEncoded(codings);
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
@@ -221,6 +229,7 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
 TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
   if (isOverlong_) return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced")};
   if (code == CURLE_BAD_CONTENT_ENCODING) {
+    if (record_.isTakenAsItIs) return {End::transient, URLError(code, "the server sent an unknown coding")};
     const std::string coding = headerText(easy_.get(), "Content-Encoding");
     return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone ({:?}); "
                                                    "give another address of it",

@@ -20,6 +20,7 @@ std::string encode(const TransferRecord& record) {
       {"session", record.session},     {"url", record.url},         {"taskDescription", record.taskDescription},
       {"validator", record.validator}, {"started", record.started}, {"complete", record.complete}};
   if (record.isPage) document["isPage"] = true;
+  if (record.isTakenAsItIs) document["isTakenAsItIs"] = true;
   if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
   return document.dump();
 }
@@ -32,6 +33,7 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   document.at("url").get_to(record.url);
   document.at("taskDescription").get_to(record.taskDescription);
   document.at("validator").get_to(record.validator);
+  record.isTakenAsItIs = document.value("isTakenAsItIs", false);
   record.isPage = document.value("isPage", false);
   record.started = document.value("started", true);  // records of an older version were all started
   document.at("complete").get_to(record.complete);
