@@ -43,8 +43,6 @@ std::vector<Row> rows() {
   const Bytes first200k(one.begin(), one.begin() + 200'000);
   const auto page = bytesOf("<html><body>200</body></html>");
   const Bytes htmlPage(page.begin(), page.end());
-  Bytes pageInside = one;
-  std::ranges::copy(htmlPage, pageInside.begin() + cut);
   const Reply cutShort{.closeAfter = cut};
   const Reply tooLong{.statedLength = videoSize + 1};
   const Reply newer{.file = two};
@@ -59,10 +57,6 @@ std::vector<Row> rows() {
   const std::string range = "bytes=100000-";
   const std::string date = "Tue, 01 Jul 2025 10:00:00 GMT";
   const std::string tag = "\"v1\"";
-  constexpr int badCoding = CURLE_BAD_CONTENT_ENCODING;
-  const Reply pageCut{.contentType = "text/html", .closeAfter = cut};
-  const Reply pageWhole{.file = ServedFile::of(htmlPage), .ignoresRange = true, .contentType = "text/html"};
-  const Reply pageRange{.file = ServedFile::of(pageInside), .contentType = "text/html"};
   const Reply moved{.status = 307, .location = "/file"};
 
   return {
@@ -73,12 +67,6 @@ std::vector<Row> rows() {
       {"trouble, then a file", {{.status = 500}, {.status = 408}, {.status = 429}, {.status = 503}}, {}, one, 0, 5},
       {"trouble without end", {}, {.status = 500}, {}, 500, 5},
       {"an HTML page with 200", {}, {.status = 200}, htmlPage, 0, 1},
-      {"compressed", {}, {.contentEncoding = "gzip"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
-      {"compressed from the middle on", {cutShort, {.contentEncoding = "x-gzip"}}, {}, {}, badCoding, 2, range, tag},
-      {"a coding that is none", {}, {.contentEncoding = "identity"}, one, 0, 1},
-      {"a page for the rest", {cutShort, pageWhole}, {}, {}, badCoding, 2, range, tag},
-      {"a page for the rest, 206", {cutShort, pageRange}, {}, {}, badCoding, 2, range, tag},
-      {"a file said to be a page", {pageCut}, {.contentType = "text/html"}, one, 0, 2, range, tag},
 
       {"cut short", {cutShort}, {}, one, 0, 2, range, tag},
       {"cut short again and again", {cutShort, cutShort, cutShort}, {}, one, 0, 3, "bytes=200000-", tag},
@@ -104,6 +92,7 @@ std::vector<Row> rows() {
       {"gzip unasked, cut short", {inGzipCut}, inGzip, one, 0, 2},
       {"gzip unasked, where the file was begun", {cutShort, inGzip}, {}, one, 0, 3},
       {"a coding that is none", {}, {.contentEncoding = "aws-chunked"}, one, 0, 2},
+      {"a coding that is none, then gzip", {{.contentEncoding = "aws-chunked"}}, inGzip, one, 0, 3},
       {"a coding that cannot be undone", {}, {.contentEncoding = "compress"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
       {"gzip that is none", {}, {.contentEncoding = "gzip"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
 

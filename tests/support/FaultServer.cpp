@@ -76,9 +76,9 @@ Selection select(const ReceivedRequest& request, const ServedFile& file, const R
 }
 
 std::string headOf(const ServedFile& file, const Selection& selection, const Reply& reply) {
-  std::string head = fmt::format(
-      "HTTP/1.1 {} -\r\nDate: {:%a, %d %b %Y %T} GMT\r\nAccept-Ranges: bytes\r\nContent-Type: {}\r\n",
-      selection.status, fmt::gmtime(std::chrono::system_clock::now()), reply.contentType);
+  std::string head =
+      fmt::format("HTTP/1.1 {} -\r\nDate: {:%a, %d %b %Y %T} GMT\r\nAccept-Ranges: bytes\r\nContent-Type: {}\r\n",
+                  selection.status, fmt::gmtime(std::chrono::system_clock::now()), reply.contentType);
   const bool isLie = reply.statedLength && selection.status == 200;
   const std::pair<const char*, std::string> fields[] = {
       {"ETag", reply.omitsValidators ? "" : file.etag},

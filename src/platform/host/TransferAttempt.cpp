@@ -170,7 +170,10 @@ ResponseHead TransferAttempt::responseHead() const {
 /// another version than its own.
 void TransferAttempt::decide() {
   const ResponseHead head = responseHead();
+  const std::string codings = headerText(easy_.get(), "Content-Encoding");
   use_ = bodyUse(head, asked_);
+  // Bytes that are taken as they are would stay in their coding: ask again, to have them decoded.
+  if (record_.isTakenAsItIs && isEncoded(codings)) use_ = BodyUse::startOver;
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
@@ -181,7 +184,6 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  const std::string codings = headerText(easy_.get(), "Content-Encoding");
   record_.isTakenAsItIs = !codings.empty() && !isEncoded(codings);
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
