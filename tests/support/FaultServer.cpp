@@ -81,10 +81,10 @@ std::string headOf(const ServedFile& file, const Selection& selection, const Rep
                   selection.status, fmt::gmtime(std::chrono::system_clock::now()), reply.contentType);
   const bool isLie = reply.statedLength && selection.status == 200;
   const std::pair<const char*, std::string> fields[] = {
-      {"Content-Encoding", reply.contentEncoding},
       {"ETag", reply.omitsValidators ? "" : file.etag},
       {"Last-Modified", reply.omitsValidators ? "" : lastModified},
       {"Content-Range", selection.contentRange},
+      {"Content-Encoding", reply.contentEncoding},
       {"Transfer-Encoding", reply.chunked ? "chunked" : ""},
       {"Connection", reply.omitsLength ? "close" : ""},
       {"Content-Length",

@@ -29,16 +29,16 @@ struct Reply {
   bool ignoresIfRange = false;                   ///< the range, whatever version was asked
   int64_t rangeShift = 0;                        ///< a range starts that many bytes off, and says so
   std::optional<std::string> contentRange = {};  ///< Content-Range text in place of the true one
-  std::string contentType = "video/mp4";
-  std::string contentEncoding = {};
-  bool omitsValidators = false;               ///< neither ETag nor Last-Modified
-  std::optional<uint64_t> statedLength = {};  ///< Content-Length of a 200 in place of the true one
-  bool omitsLength = false;                   ///< no Content-Length; the end of the connection ends the body
-  bool chunked = false;                       ///< chunked coding
-  std::optional<uint64_t> closeAfter = {};    ///< closes the connection after that many bytes of the body
-  std::optional<uint64_t> stallAfter = {};    ///< falls silent after that many bytes of the body, until the client
-                                              ///< leaves, or until release()
-  uint64_t bytesPerSecond = 0;                ///< 0: as fast as it goes
+  bool omitsValidators = false;                  ///< neither ETag nor Last-Modified
+  std::optional<uint64_t> statedLength = {};     ///< Content-Length of a 200 in place of the true one
+  bool omitsLength = false;                      ///< no Content-Length; the end of the connection ends the body
+  bool chunked = false;                          ///< chunked coding
+  std::string contentType = "video/mp4";         ///< Content-Type field
+  std::string contentEncoding = {};              ///< Content-Encoding field; the file is taken to be in that coding
+  std::optional<uint64_t> closeAfter = {};       ///< closes the connection after that many bytes of the body
+  std::optional<uint64_t> stallAfter = {};       ///< falls silent after that many bytes of the body, until the client
+                                                 ///< leaves, or until release()
+  uint64_t bytesPerSecond = 0;                   ///< 0: as fast as it goes
 };
 
 struct ReceivedRequest {

@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 
 namespace tarn {
@@ -56,28 +55,6 @@ bool isWhole(const ResponseHead& head, const ResumePoint& asked) {
   return told.empty() || told == asked.validator;
 }
 
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::ranges::transform(result, result.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; });
-  return result;
-}
-
-/// Codings that change the bytes of the body. Some servers put other words there, and send the file as it is.
-bool isCoded(std::string_view contentEncoding) {
-  constexpr std::array codings{"gzip", "deflate", "compress", "br", "zstd"};
-  const std::string lower = lowered(contentEncoding);
-  return std::ranges::any_of(codings, [&](const char* coding) { return lower.find(coding) != lower.npos; });
-}
-
-bool isPage(const ResponseHead& head, std::string_view start) {
-  if (lowered(head.contentType).find("html") == std::string::npos) return false;
-  constexpr size_t longestTag = 16;
-  start.remove_prefix(std::min(start.find_first_not_of(" \t\r\n\xEF\xBB\xBF"), start.size()));
-  constexpr std::array tags{"<!doctype", "<html", "<head", "<body", "<!--", "<?xml", "<script", "<meta", "<title"};
-  const std::string lower = lowered(start.substr(0, longestTag));
-  return std::ranges::any_of(tags, [&](const char* tag) { return lower.starts_with(tag); });
-}
-
 }  // namespace
 
 std::optional<ContentRange> ContentRange::parse(std::string_view text) {
@@ -102,20 +79,12 @@ std::string ResponseHead::validator() const {
   return isStrong && isPlainText(lastModified) ? lastModified : std::string();
 }
 
-std::optional<std::string> whyBodyIsRefused(const ResponseHead& head, const ResumePoint& asked,
-                                            std::string_view start) {
-  if (isCoded(head.contentEncoding)) {
-    return "the server sent the file compressed, which was not asked for; give an address that serves it as it is";
-  }
-  if (asked.offset > 0 && isPage(head, start)) {
-    return "the server sent a web page in place of the rest of the file; the address has expired or needs a login";
-  }
-  return std::nullopt;
-}
-
 BodyUse bodyUse(const ResponseHead& head, const ResumePoint& asked) {
   if (head.status == 206) return continues(head, asked) ? BodyUse::append : BodyUse::startOver;
-  if (head.status >= 200 && head.status < 300) return BodyUse::replace;
+  if (head.status >= 200 && head.status < 300) {
+    const bool isPageInstead = asked.offset > 0 && head.isPage && !asked.isPage;
+    return isPageInstead ? BodyUse::pageInstead : BodyUse::replace;
+  }
   if (head.status == 416 && asked.offset > 0) return isWhole(head, asked) ? BodyUse::alreadyWhole : BodyUse::startOver;
   if (head.status == 408 || head.status == 429 || head.status >= 500) return BodyUse::retry;
   return BodyUse::refuse;

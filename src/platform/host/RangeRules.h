@@ -28,8 +28,7 @@ struct ResponseHead {
   std::string etag;
   std::string lastModified;
   std::string date;
-  std::string contentType;
-  std::string contentEncoding;
+  bool isPage = false;  ///< the body is a web page, by its Content-Type
 
   /// What tells this version of the file from any other, fit for If-Range (RFC 9110 13.1.5): a strong entity tag, else
   /// a modification date at least a second before the response, else empty.
@@ -41,6 +40,7 @@ struct ResumePoint {
   uint64_t offset = 0;                   ///< bytes already there; 0 asks for the whole file
   std::string validator;                 ///< as ResponseHead::validator; never empty where `offset` is not 0
   std::optional<uint64_t> expectedSize;  ///< size of the whole file as told before
+  bool isPage = false;                   ///< the bytes already there came as a web page
 };
 
 enum class BodyUse {
@@ -48,14 +48,10 @@ enum class BodyUse {
   replace,       ///< the body is the whole file; bytes already there belong to nothing
   alreadyWhole,  ///< no body; the bytes already there are the whole file
   startOver,     ///< the bytes already there cannot be continued safely: ask again, for the whole file
+  pageInstead,   ///< a web page where another file is to be continued: its bytes stay, and the server may relent
   retry,         ///< the server is in trouble for the time being
   refuse,        ///< there is no file to be had
 };
-
-/// Why a body that bodyUse() would take is no part of the file, in words for people; nothing if it may be: one in a
-/// coding (RFC 9110 8.4.1), which was not asked for, and a web page where a file was to be continued. `start` is how
-/// the body begins.
-std::optional<std::string> whyBodyIsRefused(const ResponseHead& head, const ResumePoint& asked, std::string_view start);
 
 /// Decides over a response to that request. Never answers `append` unless the response proves that its first byte is
 /// the one after the bytes that are there, of the same version and the same total size.

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <new>
 #include <utility>
 
@@ -12,6 +13,7 @@ namespace {
 
 constexpr long bufferSize = 512L * 1024;  // fewer and larger writes than with 16 KiB, the default of libcurl
 constexpr long maximumRedirects = 20;
+constexpr const char* noCoding = "identity";
 constexpr const char* protocols = "http,https";
 
 /// Failures of the way to the server, not of the request: worth another try.
@@ -37,6 +39,18 @@ std::string headerText(CURL* easy, const char* name) {
   constexpr int lastRequest = -1;
   const CURLHcode found = curl_easy_header(easy, name, 0, CURLH_HEADER, lastRequest, &header);
   return found == CURLHE_OK ? header->value : std::string();
+}
+
+bool startsWith(const std::string& text, std::string_view start) {
+  return text.size() >= start.size() && curl_strnequal(text.c_str(), start.data(), start.size()) != 0;
+}
+
+/// Whether a body is in a coding (RFC 9110 8.4.1). Some servers put other words there and send the file as it is.
+bool isEncoded(std::string_view contentEncoding) {
+  constexpr std::array codings = {"gzip", "deflate", "compress", "br", "zstd"};
+  std::string lower(contentEncoding);
+  std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  return std::ranges::any_of(codings, [&](const char* coding) { return lower.find(coding) != lower.npos; });
 }
 
 URLError statusError(int status) {
@@ -71,7 +85,7 @@ void TransferAttempt::openPart() {
   const bool isTooLong = record_.expectedSize && position_ > *record_.expectedSize;
   if (position_ > 0 && (record_.validator.empty() || isTooLong)) emptyPart();
   base_ = position_;
-  asked_ = {position_, record_.validator, record_.expectedSize};
+  asked_ = {position_, record_.validator, record_.expectedSize, record_.isPage};
 }
 
 void TransferAttempt::prepare(const std::string& userAgent) {
@@ -83,6 +97,9 @@ void TransferAttempt::prepare(const std::string& userAgent) {
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, maximumRedirects);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, bufferSize);
   curl_easy_setopt(easy, CURLOPT_USERAGENT, userAgent.c_str());
+  // No coding is wanted. Said in this way, libcurl decodes one that comes all the same.
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, noCoding);
+  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, record_.isTakenAsItIs ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, curlText_.data());
@@ -91,14 +108,11 @@ void TransferAttempt::prepare(const std::string& userAgent) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &TransferAttempt::onHeader);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+  if (asked_.offset == 0) return;
 
-  // A body in a coding could not be continued: its ranges are those of the coded bytes.
-  curl_slist* headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
-  if (asked_.offset > 0) {
-    // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
-    headers = curl_slist_append(headers, fmt::format("Range: bytes={}-", asked_.offset).c_str());
-    headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
-  }
+  // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
+  curl_slist* headers = curl_slist_append(nullptr, fmt::format("Range: bytes={}-", asked_.offset).c_str());
+  headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
   headers_.reset(headers);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
 }
@@ -117,7 +131,7 @@ size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* atte
 bool TransferAttempt::take(ByteView piece) {
   lastHeard_ = Clock::now();
   try {
-    if (!use_) decide(piece);
+    if (!use_) decide();
     if (use_ != BodyUse::append && use_ != BodyUse::replace) return false;
     isOverlong_ = record_.expectedSize && piece.size() > *record_.expectedSize - position_;
     if (isOverlong_) return false;
@@ -140,37 +154,37 @@ ResponseHead TransferAttempt::responseHead() const {
 
   ResponseHead head;
   head.status = static_cast<int>(status);
+  const std::string type = headerText(easy, "Content-Type");
+  head.isPage = startsWith(type, "text/html") || startsWith(type, "application/xhtml");
+  // Size, range and version are those of the coded bytes, of which the part has none: it cannot be continued.
+  if (isEncoded(headerText(easy, "Content-Encoding"))) return head;
   if (length >= 0) head.contentLength = static_cast<uint64_t>(length);
   head.contentRange = ContentRange::parse(headerText(easy, "Content-Range"));
   head.etag = headerText(easy, "ETag");
   head.lastModified = headerText(easy, "Last-Modified");
   head.date = headerText(easy, "Date");
-  head.contentType = headerText(easy, "Content-Type");
-  head.contentEncoding = headerText(easy, "Content-Encoding");
   return head;
 }
 
 /// The record is on the disk before the first byte that it describes, so that a part is never taken for bytes of
 /// another version than its own.
-void TransferAttempt::decide(ByteView start) {
+void TransferAttempt::decide() {
   const ResponseHead head = responseHead();
+  const std::string codings = headerText(easy_.get(), "Content-Encoding");
   use_ = bodyUse(head, asked_);
-  if (use_ == BodyUse::append || use_ == BodyUse::replace) {
-    if (const auto why = whyBodyIsRefused(head, asked_, textOf(start))) {
-      refusal_ = URLError(CURLE_BAD_CONTENT_ENCODING, *why);
-      use_ = BodyUse::refuse;
-      return;
-    }
-  }
+  // Bytes that are taken as they are would stay in their coding: ask again, to have them decoded.
+  if (record_.isTakenAsItIs && isEncoded(codings)) use_ = BodyUse::startOver;
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
     record_.validator = head.validator();
     record_.expectedSize = head.contentLength;
+    record_.isPage = head.isPage;
   } else if (use_ == BodyUse::append) {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
+  record_.isTakenAsItIs = !codings.empty() && !isEncoded(codings);
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
@@ -186,7 +200,7 @@ void TransferAttempt::emptyPart() {
 
 TransferAttempt::Outcome TransferAttempt::finish(int code) {
   try {
-    if (!use_ && code == CURLE_OK) decide({});  // no body came
+    if (!use_ && (code == CURLE_OK || code == CURLE_BAD_CONTENT_ENCODING)) decide();  // no body came through
   } catch (const Error& failure) {
     fileFailure_ = failure;
   }
@@ -199,10 +213,14 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
       return {End::whole, std::nullopt};
     case BodyUse::startOver:
       return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent another range than was asked for")};
+    case BodyUse::pageInstead:
+      return {End::transient, URLError(CURLE_WEIRD_SERVER_REPLY,
+                                       "the server answered with a web page in place of the rest of the file; the "
+                                       "address may need a new login")};
     case BodyUse::retry:
       return {End::transient, statusError(status)};
     case BodyUse::refuse:
-      return {End::final, refusal_ ? *refusal_ : statusError(status)};
+      return {End::final, statusError(status)};
     case BodyUse::append:
     case BodyUse::replace:
       break;
@@ -212,6 +230,13 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
 
 TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
   if (isOverlong_) return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced")};
+  if (code == CURLE_BAD_CONTENT_ENCODING) {
+    if (record_.isTakenAsItIs) return {End::transient, URLError(code, "the server sent an unknown coding")};
+    const std::string coding = headerText(easy_.get(), "Content-Encoding");
+    return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone ({:?}); "
+                                                   "give another address of it",
+                                                   coding))};
+  }
   if (code != CURLE_OK) return curlFailure(code);
   if (record_.expectedSize && position_ < *record_.expectedSize) {
     const auto text = fmt::format("the server sent {} of {} bytes", position_, *record_.expectedSize);

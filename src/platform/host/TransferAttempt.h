@@ -64,7 +64,7 @@ class TransferAttempt {
   void openPart();
   void prepare(const std::string& userAgent);
   ResponseHead responseHead() const;
-  void decide(ByteView start);
+  void decide();
   void emptyPart();
   bool take(ByteView piece);
   Outcome judgeBody(int code) const;
@@ -82,8 +82,7 @@ class TransferAttempt {
   uint64_t position_ = 0;  ///< size of the part
   bool hasStartedOver_ = false;
   ResumePoint asked_;
-  std::optional<BodyUse> use_;       ///< once the final response's head is there
-  std::optional<URLError> refusal_;  ///< of a body that is no part of the file
+  std::optional<BodyUse> use_;  ///< once the final response's head is there
   bool isOverlong_ = false;
   std::optional<Error> fileFailure_;
   Clock::time_point lastHeard_ = Clock::now();

@@ -19,6 +19,8 @@ std::string encode(const TransferRecord& record) {
   json document = {
       {"session", record.session},     {"url", record.url},         {"taskDescription", record.taskDescription},
       {"validator", record.validator}, {"started", record.started}, {"complete", record.complete}};
+  if (record.isPage) document["isPage"] = true;
+  if (record.isTakenAsItIs) document["isTakenAsItIs"] = true;
   if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
   return document.dump();
 }
@@ -31,6 +33,8 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   document.at("url").get_to(record.url);
   document.at("taskDescription").get_to(record.taskDescription);
   document.at("validator").get_to(record.validator);
+  record.isTakenAsItIs = document.value("isTakenAsItIs", false);
+  record.isPage = document.value("isPage", false);
   record.started = document.value("started", true);  // records of an older version were all started
   document.at("complete").get_to(record.complete);
   if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get_ref<const uint64_t&>();

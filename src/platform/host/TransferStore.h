@@ -19,6 +19,8 @@ struct TransferRecord {
   std::string taskDescription;
   std::string validator;                 ///< version of the bytes in the partial file, for If-Range; empty: none
   std::optional<uint64_t> expectedSize;  ///< size of the whole file in bytes, once told
+  bool isPage = false;                   ///< the server called the bytes a web page
+  bool isTakenAsItIs = false;            ///< the server names a coding that is none
   bool started = false;                  ///< it was resumed: the next process goes on with it
   bool complete = false;                 ///< the partial file is whole and on stable storage
 
