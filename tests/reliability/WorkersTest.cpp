@@ -173,7 +173,8 @@ TEST_P(WorkersTest, KeepEveryByteOfTheMediaInEveryLayout) {
     EXPECT_EQ(mediaHashes(result()), expected);
     EXPECT_EQ(decoderComplaints(result()), "");
     Bytes others = withoutMoov(source);
-    if (GetParam().dropsTail && row.name == std::string("a tail that is no box")) others.resize(others.size() - 12);
+    if (GetParam().dropsTail && row.name == std::string("a tail that is no box"))
+      others.erase(others.end() - 12, others.end());
     EXPECT_TRUE(copied.empty() || copied == others) << "the check hears of every byte that stays";
     EXPECT_TRUE(GetParam().replacesSound || withoutMoov(readFile(files_, result())) == others);
     EXPECT_TRUE(GetParam().isInPlace || written() == source);
