@@ -36,6 +36,8 @@ constexpr Signature signatures[] = {
     {"nut/multimedia container\0"sv, What::otherContainer, "a NUT file"},
     {"DKIF\0\0\x20\0"sv, What::otherContainer, "an IVF file"},
     {"\0\0\0\x01\x67"sv, What::otherContainer, "an H.264 stream"},
+    {"\0\0\0\x01\x09"sv, What::otherContainer, "an H.264 stream"},
+    {"\0\0\0\x01\x46\x01"sv, What::otherContainer, "an HEVC stream"},
     {"\0\0\0\x01\x40\x01"sv, What::otherContainer, "an HEVC stream"},
     {"fLaC"sv, What::audio, "a FLAC file"},
     {"ID3"sv, What::audio, "an MP3 file"},
