@@ -170,8 +170,9 @@ void TransferAttempt::decide() {
   const std::string codings = headerText(easy_.get(), "Content-Encoding");
   const bool isCoded = isEncoded(codings);
   use_ = bodyUse(head, asked_);
+  const bool takesBody = use_ == BodyUse::append || use_ == BodyUse::replace;
   // Bytes that are taken as they are would stay in their coding: ask again, to have them decoded.
-  if (record_.isTakenAsItIs && isCoded) use_ = BodyUse::startOver;
+  if (takesBody && record_.isTakenAsItIs && isCoded) use_ = BodyUse::startOver;
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
@@ -182,7 +183,7 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  record_.isTakenAsItIs = !codings.empty() && !isCoded;
+  if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded;
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
