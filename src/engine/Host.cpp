@@ -6,7 +6,6 @@
 #include "platform/Platform.h"
 
 namespace tarn {
-
 namespace {
 
 /// The library takes what a player could show.

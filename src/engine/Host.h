@@ -22,7 +22,7 @@ namespace tarn {
 
 struct HostOptions {
   Path home;
-  bool keepsLog = true;  ///< in the home; else the log goes where it goes
+  bool keepsLog = true;  ///< writes the log to a file of the home; else it goes where it went before
   std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 

@@ -82,6 +82,14 @@ std::string_view cutUTF8(std::string_view text, size_t size) {
   return text.substr(0, size);
 }
 
+std::string lowered(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return result;
+}
+
 std::string plainLine(std::string_view text, size_t size) {
   std::string line;
   bool isBehindBlank = false;

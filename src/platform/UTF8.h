@@ -17,6 +17,9 @@ bool isUTF8(std::string_view text);
 /// The start of a UTF-8 text, at most `size` bytes, cut between characters.
 std::string_view cutUTF8(std::string_view text, size_t size);
 
+/// A text with small letters in place of A to Z.
+std::string lowered(std::string_view text);
+
 /// A stranger's text on one line, at most `size` bytes and "...": white space becomes one blank; control characters,
 /// marks that turn the direction of writing or are not seen, and bytes that are not UTF-8 are left out.
 std::string plainLine(std::string_view text, size_t size);

@@ -17,6 +17,7 @@
 
 #include "platform/Error.h"
 #include "platform/Log.h"
+#include "platform/UTF8.h"
 #include "serve/HomeToken.h"
 #include "serve/detail/HostScript.h"
 #include "serve/detail/RequestCheck.h"
@@ -83,9 +84,7 @@ class PageSocket : public QueuedConnection {
 RequestHead headOf(const Request& request) {
   RequestHead head{.method = request.method_string(), .target = request.target()};
   for (const auto& field : request) {
-    std::string name(field.name_string());
-    std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    head.fields.emplace_back(std::move(name), field.value());
+    head.fields.emplace_back(lowered(field.name_string()), field.value());
   }
   return head;
 }

@@ -15,41 +15,28 @@
 namespace tarn::test {
 namespace {
 
-using namespace std::string_literals;
 using testing::HasSubstr;
-using testing::Not;
 
 const std::string pictures = "-f lavfi -i testsrc=size=64x48:rate=25:duration=1 ";
 
-Bytes contents(const Path& file) {
-  const std::string text = contentOf(file);
-  const ByteView view = bytesOf(text);
-  return {view.begin(), view.end()};
-}
-
-Bytes made(const std::string& options, const std::string& ending) {
-  return contents(madeByFFmpeg(words(pictures + options), ending));
-}
-
-Bytes bytes(const std::string& text) {
-  const ByteView view = bytesOf(text);
-  return {view.begin(), view.end()};
+std::string made(const std::string& options, const std::string& ending) {
+  return contentOf(madeByFFmpeg(words(pictures + options), ending));
 }
 
 /// What this shell command writes to its standard output, of a movie at "$0".
-Bytes outputOf(const std::string& command) {
+std::string outputOf(const std::string& command) {
   const TempDirectory place;
   const Path out = place / "out";
   const Path movie = madeByFFmpeg(words(pictures + "-c:v libx264"));
   const auto ended = runProcess({"sh", "-c", command + " > '" + out.string() + "'", movie.string()});
   EXPECT_EQ(ended.exitCode, 0) << ended.output;
-  return contents(out);
+  return contentOf(out);
 }
 
 class NoVideoTest : public testing::Test {
  protected:
-  TarnResult save(const Bytes& content, const std::string& name = "c.mp4", const Reply& reply = {}) {
-    server_.serve("/" + name, ServedFile::of(content), {}, reply);
+  TarnResult save(const std::string& content, const std::string& name = "c.mp4", const Reply& reply = {}) {
+    server_.serve("/" + name, ServedFile::of(Bytes(content.begin(), content.end())), {}, reply);
     return runTarn(home_, {"save", server_.url("/" + name), "--album", "Trips"});
   }
   std::string library() { return runTarn(home_, {"library", "--json"}).output; }
@@ -61,31 +48,29 @@ class NoVideoTest : public testing::Test {
 
 TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
   struct Row {
-    Bytes content;
+    std::string content;
     std::string words;  ///< behind the name
   };
-  const Bytes movie = made("-c:v libx264", ".mp4");
-  const auto moov = static_cast<std::ptrdiff_t>(textOf(movie).find("moov")) - 4;
+  const std::string movie = made("-c:v libx264", ".mp4");
+  const size_t moov = movie.find("moov") - 4;
   const std::string rebuild = ", or rebuild it with `tarn repair --like` and a healthy recording";
   const Row rows[] = {
-      {bytes("<!DOCTYPE html><html><head><title>Sign in</title></head><body></body></html>"),
+      {"<!DOCTYPE html><html><head><title>Sign in</title></head><body></body></html>",
        "a web page (\"Sign in\"): the address needs a login"},
-      {bytes("#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXTINF:6,\n0.ts\n"),
-       "a playlist: give the address of the video itself"},
-      {bytes("<?xml version=\"1.0\"?>\n<MPD><Period/></MPD>"),
+      {"#EXTM3U\n#EXT-X-TARGETDURATION:6\n#EXTINF:6,\n0.ts\n", "a playlist: give the address of the video itself"},
+      {"<?xml version=\"1.0\"?>\n<MPD><Period/></MPD>",
        "a playlist (of a stream): give the address of the video itself"},
-      {bytes("{\"error\": \"no such clip\"}"), "JSON text: give the address of the video itself"},
-      {{}, "empty: download it again"},
+      {"{\"error\": \"no such clip\"}", "JSON text: give the address of the video itself"},
+      {"", "empty: download it again"},
       {made("-frames:v 1", ".jpg"), "a JPEG picture: give the address of the video itself"},
       {made("-frames:v 1", ".png"), "a PNG picture: give the address of the video itself"},
       {outputOf("gzip -c \"$0\""), "compressed with gzip: unpack it first"},
       {outputOf("tar -C \"$(dirname \"$0\")\" -cf - \"$(basename \"$0\")\""), "a tar archive: unpack it first"},
-      {Bytes(movie.begin(), movie.begin() + moov),
-       "a movie whose moov, the index of its media, is missing: download it again" + rebuild},
-      {Bytes(movie.begin(), movie.begin() + moov - 50), "a movie without its end: download it again" + rebuild},
-      {bytes("%PDF-1.4\n1 0 obj"), "a PDF document: give the address of the video itself"},
+      {movie.substr(0, moov), "a movie whose moov, the index of its media, is missing: download it again" + rebuild},
+      {movie.substr(0, moov - 50), "a movie without its end: download it again" + rebuild},
+      {"%PDF-1.4\n1 0 obj", "a PDF document: give the address of the video itself"},
   };
-  ASSERT_EQ(save(damagedMovie("avc1"), "there.mp4").exitCode, 0);
+  ASSERT_EQ(save(std::string(textOf(damagedMovie("avc1"))), "there.mp4").exitCode, 0);
   const std::string before = library();
   const Path file = place_ / "c.mp4", out = place_ / "out.mp4";
   for (const auto& [content, words] : rows) {
@@ -98,10 +83,10 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
     EXPECT_EQ(assetFiles(home_), 1U);
     EXPECT_EQ(leftIn(home_), "");
 
-    std::ofstream(file, std::ios::binary) << textOf(content);
+    std::ofstream(file, std::ios::binary) << content;
     const TarnResult repaired = runTarn(home_, {"repair", file, "-o", out});
     EXPECT_EQ(repaired.exitCode, 1) << words;
-    EXPECT_THAT(repaired.errors, HasSubstr(content.size() > 1000 && textOf(content).substr(4, 4) == "ftyp"
+    EXPECT_THAT(repaired.errors, HasSubstr(content.size() > 1000 && content.substr(4, 4) == "ftyp"
                                                ? "its moov, the index of its media, is missing"
                                                : "it is " + words));
     EXPECT_FALSE(std::filesystem::exists(out));
@@ -114,15 +99,15 @@ TEST_F(NoVideoTest, OtherContainersAreTakenAsTheyCome) {
   const std::pair<std::string, std::string> rows[] = {
       {"-c:v libvpx", ".webm"}, {"-c:v libx264", ".mkv"}, {"-c:v mpeg4", ".avi"}, {"-c:v libx264", ".ts"}};
   for (const auto& [options, ending] : rows) {
-    const Bytes content = made(options, ending);
+    const std::string content = made(options, ending);
     const TarnResult saved = save(content, "clip" + ending);
     EXPECT_EQ(saved.exitCode, 0) << ending << saved.errors;
-    EXPECT_EQ(contents(saved.lastLine()), content) << ending;
+    EXPECT_EQ(contentOf(saved.lastLine()), content) << ending;
     const Path file = place_ / ("in" + ending), out = place_ / ("out" + ending);
-    std::ofstream(file, std::ios::binary) << textOf(content);
+    std::ofstream(file, std::ios::binary) << content;
     EXPECT_THAT(runTarn(home_, {"inspect", file}).output, testing::StartsWith("Left alone: it is ")) << ending;
     EXPECT_EQ(runTarn(home_, {"repair", file, "-o", out}).exitCode, 0) << ending;
-    EXPECT_EQ(contents(out), content) << ending;
+    EXPECT_EQ(contentOf(out), content) << ending;
   }
   const TarnResult quickTime = save(made("-c:v libx264", ".mov"), "clip.mov");
   EXPECT_EQ(quickTime.exitCode, 0) << quickTime.errors;
@@ -132,7 +117,7 @@ TEST_F(NoVideoTest, OtherContainersAreTakenAsTheyCome) {
 TEST_F(NoVideoTest, ACompressedBodyIsDecoded) {
   const TarnResult saved = save(outputOf("gzip -c \"$0\""), "c.mp4", {.contentEncoding = "gzip"});
   EXPECT_EQ(saved.exitCode, 0) << saved.errors;
-  EXPECT_EQ(contents(saved.lastLine()), outputOf("cat \"$0\""));
+  EXPECT_EQ(contentOf(saved.lastLine()), outputOf("cat \"$0\""));
   EXPECT_EQ(leftIn(home_), "");
 }
 

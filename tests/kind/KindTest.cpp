@@ -12,11 +12,6 @@ using namespace std::string_literals;
 
 namespace {
 
-Bytes bytes(const std::string& text) {
-  const ByteView view = bytesOf(text);
-  return {view.begin(), view.end()};
-}
-
 /// A second of pictures, of sound, or of both, as this ending has it.
 struct Recipe {
   std::string options;
@@ -33,12 +28,12 @@ Path made(const std::string& options, const std::string& ending) {
 
 class KindTest : public FileTest {
  protected:
-  Kind kindOfBytes(const Bytes& content) {
+  Kind kindOfBytes(ByteView content) {
     InMemoryFileManager files;
     writeFileAtomically(files, "/clip.mp4", content);
     return kindOf(files, "/clip.mp4");
   }
-  Kind kindOfText(const std::string& content) { return kindOfBytes(bytes(content)); }
+  Kind kindOfText(const std::string& content) { return kindOfBytes(bytesOf(content)); }
   Bytes movie(const std::string& movflags = "") {
     const std::string flags = movflags.empty() ? "" : " -movflags " + movflags;
     return readFile(files_, made(pictures + "-c:v libx264"s + flags, ".mp4"));
@@ -67,6 +62,15 @@ TEST_F(KindTest, MediaOfFFmpeg) {
       {pictures + "-c:v mpeg2video"s, ".mpg", What::otherContainer},
       {pictures + "-c:v flv1"s, ".flv", What::otherContainer},
       {pictures + "-c:v wmv2"s, ".wmv", What::otherContainer},
+      {pictures + "-c:v wmv2"s, ".wtv", What::otherContainer},
+      {pictures + "-c:v dvvideo -s 720x576 -pix_fmt yuv420p"s, ".dv", What::otherContainer},
+      {pictures + "-c:v dvvideo -s 720x480 -r 30000/1001 -pix_fmt yuv411p"s, ".dv", What::otherContainer},
+      {pictures + "-c:v libx264"s, ".nut", What::otherContainer},
+      {pictures + "-c:v libvpx"s, ".ivf", What::otherContainer},
+      {pictures + "-c:v libx264"s, ".h264", What::otherContainer},
+      {pictures + "-c:v libx264 -x264-params aud=1"s, ".h264", What::otherContainer},
+      {pictures + "-c:v libx265"s, ".hevc", What::otherContainer},
+      {pictures + "-c:v libx265 -x265-params aud=1"s, ".hevc", What::otherContainer},
       {sound + "-c:a libvorbis"s, ".ogg", What::otherContainer},
       {sound + "-c:a flac"s, ".flac", What::audio},
       {sound + "-c:a libmp3lame"s, ".mp3", What::audio},
@@ -141,7 +145,7 @@ TEST_F(KindTest, CutMovies) {
     const size_t moov = textOf(whole).find("moov") - 4;
     const size_t moovSize = size_t{whole[moov + 2]} << 8 | whole[moov + 3];
     for (size_t size = 0; size < whole.size(); size += 7) {
-      const Kind kind = kindOfBytes(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
+      const Kind kind = kindOfBytes(ByteView(whole).first(size));
       ASSERT_EQ(size == 0, kind.what == What::empty) << size;
       const bool hasMoov = size >= moov + moovSize;
       if (hasMoov || size < moov) {
@@ -188,7 +192,8 @@ TEST_F(KindTest, SentencesForPeople) {
        "`tarn repair --like` and a healthy recording"},
   };
   for (const auto& [content, sentence] : cases) {
-    EXPECT_EQ(whyNoPlayerShows(files_, write(bytes(content)), "clip.mp4").value_or("it is media"), sentence);
+    writeFileAtomically(files_, file_, bytesOf(content));
+    EXPECT_EQ(whyNoPlayerShows(files_, file_, "clip.mp4").value_or("it is media"), sentence);
   }
 }
 

@@ -54,6 +54,12 @@ std::vector<Row> rows() {
   const Reply inGzipCut{.file = packed, .contentEncoding = "gzip", .closeAfter = cut};
   const Reply pageInstead{
       .file = ServedFile::of(htmlPage), .ignoresRange = true, .contentType = "text/html; charset=utf-8"};
+  const Reply codingOfNone{.contentEncoding = "aws-chunked"};
+  const Reply codingOfNoneCut{.contentEncoding = "aws-chunked", .closeAfter = cut};
+  const Reply pageInGzip{.file = ServedFile::of(gzipped(htmlPage)),
+                         .ignoresRange = true,
+                         .contentType = "text/html",
+                         .contentEncoding = "gzip"};
   const std::string range = "bytes=100000-";
   const std::string date = "Tue, 01 Jul 2025 10:00:00 GMT";
   const std::string tag = "\"v1\"";
@@ -91,13 +97,21 @@ std::vector<Row> rows() {
       {"gzip unasked", {}, inGzip, one, 0, 1},
       {"gzip unasked, cut short", {inGzipCut}, inGzip, one, 0, 2},
       {"gzip unasked, where the file was begun", {cutShort, inGzip}, {}, one, 0, 3},
-      {"a coding that is none", {}, {.contentEncoding = "aws-chunked"}, one, 0, 2},
-      {"a coding that is none, then gzip", {{.contentEncoding = "aws-chunked"}}, inGzip, one, 0, 3},
+      {"a coding that is none", {}, codingOfNone, one, 0, 2},
+      {"a coding that is none, then gzip", {codingOfNone}, inGzip, one, 0, 3},
       {"a coding that cannot be undone", {}, {.contentEncoding = "compress"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
       {"gzip that is none", {}, {.contentEncoding = "gzip"}, {}, CURLE_BAD_CONTENT_ENCODING, 1},
 
       {"a page where a file was begun", {cutShort, pageInstead}, {}, one, 0, 3, range, tag},
       {"a page where a file was begun, always", {cutShort}, pageInstead, {}, CURLE_WEIRD_SERVER_REPLY, 5, range, tag},
+      {"a page in gzip where a coding that is none was begun",
+       {codingOfNone, codingOfNoneCut, pageInGzip},
+       codingOfNone,
+       one,
+       0,
+       4,
+       range,
+       tag},
       {"another page where a page was begun",
        {{.contentType = "text/html", .closeAfter = cut}},
        pageInstead,

@@ -66,8 +66,8 @@ class EngineDriver {
     int64_t id = 0;
     bool isDelivered = false;  ///< its file was handed over
     bool mayFail = false;      ///< a failure was drawn for it
-    bool mayBeLost =
-        false;  ///< a store failed meanwhile, or it lay idle for a day, or nobody knows if it was cancelled
+    /// A store failed meanwhile, or it lay idle for a day, or nobody knows if it was cancelled.
+    bool mayBeLost = false;
     bool mayStayUntold = false;  ///< the page gave it up, if only after it was saved
     bool isCancelled = false;
     bool hadEnded = false;  ///< when it was cancelled: that may still be told

@@ -1,7 +1,5 @@
 #include "kind/detail/Signatures.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -33,6 +31,14 @@ constexpr Signature signatures[] = {
     {"\0\0\x01\xB3"sv, What::otherContainer, "an MPEG video stream"},
     {"\x06\x0E\x2B\x34\x02\x05\x01\x01"sv, What::otherContainer, "an MXF file"},
     {".RMF"sv, What::otherContainer, "a RealMedia file"},
+    {"\xB7\xD8\x00\x20\x37\x49\xDA\x11"sv, What::otherContainer, "a Windows Television file"},
+    {"\x1F\x07\0"sv, What::otherContainer, "a DV file", 80, "\x3F\x07\0"sv},
+    {"nut/multimedia container\0"sv, What::otherContainer, "a NUT file"},
+    {"DKIF\0\0\x20\0"sv, What::otherContainer, "an IVF file"},
+    {"\0\0\0\x01\x67"sv, What::otherContainer, "an H.264 stream"},
+    {"\0\0\0\x01\x09"sv, What::otherContainer, "an H.264 stream"},
+    {"\0\0\0\x01\x46\x01"sv, What::otherContainer, "an HEVC stream"},
+    {"\0\0\0\x01\x40\x01"sv, What::otherContainer, "an HEVC stream"},
     {"fLaC"sv, What::audio, "a FLAC file"},
     {"ID3"sv, What::audio, "an MP3 file"},
     {"caff\0\x01"sv, What::audio, "a CAF sound file"},
@@ -54,6 +60,7 @@ constexpr Signature signatures[] = {
     {"PK\x05\x06"sv, What::archive, "a zip archive"},
     {"7z\xBC\xAF\x27\x1C"sv, What::archive, "a 7z archive"},
     {"Rar!\x1A\x07"sv, What::archive, "a rar archive"},
+    {""sv, What::archive, "a tar archive", 257, "ustar"sv},
     {"%PDF-"sv, What::unknown, "a PDF document"},
 };
 
@@ -131,7 +138,6 @@ std::optional<Kind> kindBySignature(ByteView head) {
     if (signature.secondOffset != 0 && !standsAt(head, signature.secondOffset, signature.second)) continue;
     return Kind{signature.what, signature.words, adviceFor(signature.what)};
   }
-  if (standsAt(head, 257, "ustar")) return Kind{What::archive, "a tar archive", adviceFor(What::archive)};
   if (auto kind = ebmlKind(head)) return kind;
   return soundStreamKind(head);
 }

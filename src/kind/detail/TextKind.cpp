@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <charconv>
 #include <string>
 
@@ -17,13 +16,6 @@ using What = Kind::What;
 
 constexpr size_t longestTitle = 60;
 constexpr const char* theVideoItself = "give the address of the video itself";
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::ranges::transform(result, result.begin(),
-                         [](char c) { return static_cast<char>(std::tolower(static_cast<uint8_t>(c))); });
-  return result;
-}
 
 void skipBlanks(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));

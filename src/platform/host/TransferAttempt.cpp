@@ -4,9 +4,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <new>
 #include <utility>
+
+#include "platform/UTF8.h"
 
 namespace tarn {
 namespace {
@@ -14,6 +15,7 @@ namespace {
 constexpr long bufferSize = 512L * 1024;  // fewer and larger writes than with 16 KiB, the default of libcurl
 constexpr long maximumRedirects = 20;
 constexpr const char* noCoding = "identity";
+constexpr size_t longestCoding = 40;  // in a message
 constexpr const char* protocols = "http,https";
 
 /// Failures of the way to the server, not of the request: worth another try.
@@ -41,15 +43,10 @@ std::string headerText(CURL* easy, const char* name) {
   return found == CURLHE_OK ? header->value : std::string();
 }
 
-bool startsWith(const std::string& text, std::string_view start) {
-  return text.size() >= start.size() && curl_strnequal(text.c_str(), start.data(), start.size()) != 0;
-}
-
 /// Whether a body is in a coding (RFC 9110 8.4.1). Some servers put other words there and send the file as it is.
 bool isEncoded(std::string_view contentEncoding) {
   constexpr std::array codings = {"gzip", "deflate", "compress", "br", "zstd"};
-  std::string lower(contentEncoding);
-  std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  const std::string lower = lowered(contentEncoding);
   return std::ranges::any_of(codings, [&](const char* coding) { return lower.find(coding) != lower.npos; });
 }
 
@@ -154,8 +151,8 @@ ResponseHead TransferAttempt::responseHead() const {
 
   ResponseHead head;
   head.status = static_cast<int>(status);
-  const std::string type = headerText(easy, "Content-Type");
-  head.isPage = startsWith(type, "text/html") || startsWith(type, "application/xhtml");
+  const std::string type = lowered(headerText(easy, "Content-Type"));
+  head.isPage = type.starts_with("text/html") || type.starts_with("application/xhtml");
   // Size, range and version are those of the coded bytes, of which the part has none: it cannot be continued.
   if (isEncoded(headerText(easy, "Content-Encoding"))) return head;
   if (length >= 0) head.contentLength = static_cast<uint64_t>(length);
@@ -171,9 +168,11 @@ ResponseHead TransferAttempt::responseHead() const {
 void TransferAttempt::decide() {
   const ResponseHead head = responseHead();
   const std::string codings = headerText(easy_.get(), "Content-Encoding");
+  const bool isCoded = isEncoded(codings);
   use_ = bodyUse(head, asked_);
+  const bool takesBody = use_ == BodyUse::append || use_ == BodyUse::replace;
   // Bytes that are taken as they are would stay in their coding: ask again, to have them decoded.
-  if (record_.isTakenAsItIs && isEncoded(codings)) use_ = BodyUse::startOver;
+  if (takesBody && record_.isTakenAsItIs && isCoded) use_ = BodyUse::startOver;
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
@@ -184,7 +183,7 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
-  record_.isTakenAsItIs = !codings.empty() && !isEncoded(codings);
+  if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded;
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
@@ -232,9 +231,9 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
   if (isOverlong_) return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced")};
   if (code == CURLE_BAD_CONTENT_ENCODING) {
     if (record_.isTakenAsItIs) return {End::transient, URLError(code, "the server sent an unknown coding")};
-    const std::string coding = headerText(easy_.get(), "Content-Encoding");
-    return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone ({:?}); "
-                                                   "give another address of it",
+    const std::string coding = plainLine(headerText(easy_.get(), "Content-Encoding"), longestCoding);
+    return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone "
+                                                   "(\"{}\"); give another address of it",
                                                    coding))};
   }
   if (code != CURLE_OK) return curlFailure(code);

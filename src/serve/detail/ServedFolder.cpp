@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <utility>
 
 #include "platform/Error.h"
 #include "platform/URL.h"
+#include "platform/UTF8.h"
 
 namespace tarn {
 namespace {
@@ -40,8 +40,7 @@ constexpr std::array<Type, 4> videoTypes{{
 
 template <size_t N>
 std::string typeOf(const Path& file, const std::array<Type, N>& types, std::string_view otherwise) {
-  std::string ending = file.extension().string();
-  std::ranges::transform(ending, ending.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  const std::string ending = lowered(file.extension().string());
   const auto found = std::ranges::find(types, std::string_view(ending), &Type::first);
   return std::string(found == types.end() ? otherwise : found->second);
 }
