@@ -49,7 +49,7 @@ FileInspection inspectFile(const std::filesystem::path& file) {
     throw Error("Inspect", -1,
                 fmt::format("{} is not a file that can be inspected; give the path of a video.", file.string()));
   }
-  const Path path = std::filesystem::absolute(file);
+  const Path path = absolutePath(file);
   PosixFileManager files(path.parent_path());  // of which nothing is used but that it opens files
   const Inspection inspection = inspect(files, path);
   FileInspection result{.file = path,
