@@ -55,6 +55,23 @@ void makeHome(const Path& home) {
   if (::stat(home.c_str(), &facts) == 0 && (facts.st_mode & 077) == 0) ::umask(077);
 }
 
+/// Writes to the log of a home.
+LogSink fileSink(const Path& home) {
+  const Path path = home / "log/tarn.log";
+  PosixFileManager(home).createDirectory(path.parent_path());
+  std::error_code missing;
+  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
+    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
+  }
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
+  return [file](std::string_view line) {
+    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
+    // A full disk costs lines of the log and stops no work.
+    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
+  };
+}
+
 }  // namespace
 
 HomeInUse::HomeInUse(const Path& home)
@@ -69,24 +86,6 @@ HomeLock::HomeLock(const Path& home) {
   throw HomeInUse(home);
 }
 
-LogFile::LogFile(const Path& home) {
-  const Path path = home / "log/tarn.log";
-  PosixFileManager(home).createDirectory(path.parent_path());
-  std::error_code missing;
-  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
-    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
-  }
-  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
-  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
-  before_ = setLogSink([file](std::string_view line) {
-    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
-    // A full disk costs lines of the log and stops no work.
-    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
-  });
-}
-
-LogFile::~LogFile() {
-  setLogSink(std::move(before_));
-}
+LogFile::LogFile(const Path& home) : LogDetour(fileSink(home)) {}
 
 }  // namespace tarn

@@ -144,6 +144,32 @@ TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
   EXPECT_EQ(leftIn(place / "home"), "");
 }
 
+TEST(ApiTest, TheLogOfAnEngineComesAheadOfWhereElseItGoesHoweverTheyAreMade) {
+  const TempDirectory place;
+  std::vector<std::string> lines;
+  const auto inHome = [&](const char* home) { return contentOf(place / home / "log/tarn.log").size(); };
+  const auto work = [&] { repairFile(recording(), place / "out.mp4"); };
+  const auto opened = [&](const char* home) {
+    auto engine = std::make_unique<Engine>(EngineOptions{.home = place / home});
+    engine->open();
+    return engine;
+  };
+  auto first = opened("first"), second = opened("second");
+  setLog([&](std::string_view line) { lines.emplace_back(line); });
+  const size_t before = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), before);
+  EXPECT_THAT(lines, IsEmpty());
+  first.reset();
+  const size_t ofFirst = inHome("first"), ofSecond = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), ofSecond);
+  second.reset();
+  work();
+  EXPECT_GT(lines.size(), 0U);
+  EXPECT_EQ(inHome("first"), ofFirst);
+}
+
 TEST(ApiTest, AHomeThatCannotBeMadeIsToldAsAnError) {
   const TempDirectory place;
   std::ofstream(place / "file") << "in the way";
