@@ -14,7 +14,7 @@ fail() { tell "FAILED: $*" && exit 1; }
 cmake --install "$build" --strip --prefix "$place/first" >"$place/install.txt"
 mv "$place/first" "$place/moved"
 prefix=$place/moved
-lib=$prefix/$(cd "$place/moved" && dirname "$(find . -name libtarn.so)")
+lib=$(dirname "$(find "$prefix" -name libtarn.so)")
 
 tell "... what the library shows"
 nm -DC --defined-only "$lib/libtarn.so" | cut -c18- | grep -v '^A ' | sed 's/@@.*//' | LC_ALL=C sort -u >"$place/exports.txt"

@@ -71,7 +71,7 @@ class TARN_API Engine {
     int64_t id = 0;
     std::string status;  ///< STATUS_PENDING, _RUNNING, _PROCESSING, _SUCCESSFUL, _FAILED, _CANCELLED
     std::string filename;
-    std::string json;  ///< all that is known of it, one object; docs/bridge.md tells where its members are described
+    std::string json;  ///< all that is known of it: a DownloadEntry of web/plugin/README.md
   };
 
   /// What a page would hear: "downloadProgress", "downloadComplete", or `changed`.
@@ -82,7 +82,7 @@ class TARN_API Engine {
   /// The name of the event that no engine sends: from now on another one answers, which knows what was stored.
   static constexpr const char* changed = "engineChanged";
 
-  /// How a download ended in the process of the engine. Both are absent if it has not.
+  /// How a download ended in the process of the engine: with a failure or an asset; neither is there if it has not.
   struct Outcome {
     std::optional<std::string> failure;  ///< in words
     std::optional<std::string> assetId;  ///< of the video in the library
@@ -132,8 +132,8 @@ class TARN_API Engine {
   /// Waits, ten seconds at most, until the engine has let go of a download that has ended.
   void waitUntilGone(int64_t id);
 
-  /// Any command of the bridge that pages use, with its options as a JSON object. Throws EngineLost for one that may
-  /// not run twice.
+  /// Any command of the bridge that pages use (web/plugin/README.md), with its options as a JSON object. Throws
+  /// EngineLost for one that may not run twice.
   Answer call(const std::string& method, const std::string& options = "{}");
 
   /// Waits for the next event; nothing if none comes in time, or after an interrupt.

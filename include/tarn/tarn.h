@@ -36,8 +36,8 @@ class TARN_API Error : public std::exception {
 /// the library.
 using LogSink = std::function<void(std::string_view line)>;
 
-/// Where the log of the whole process goes from now on; an empty sink drops it, as the library does until this is
-/// called. URLs in the log are without their secrets. Thread-safe.
+/// Where the log of the whole process goes from now on, but while an Engine keeps it in its home; an empty sink drops
+/// it, as the library does until this is called. URLs in the log are without their secrets. Thread-safe.
 TARN_API void setLog(LogSink sink);
 
 }  // namespace tarn

@@ -41,7 +41,6 @@ class EngineClient {
 
   /// A method of the bridge.
   Answer call(const std::string& method, JSObject options = {});
-  std::optional<Event> nextEvent() { return nextEvent(std::nullopt); }
 
   /// The command saveVideo; its options may choose the download's id.
   Answer saveVideo(JSObject options);

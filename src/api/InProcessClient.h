@@ -19,7 +19,6 @@ class InProcessClient : public EngineClient {
   InProcessClient& operator=(const InProcessClient&) = delete;
 
   using EngineClient::call;
-  using EngineClient::nextEvent;
   Answer call(const std::string& plugin, const std::string& method, JSObject options) override;
   std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout) override;
   void interrupt() override;

@@ -10,20 +10,6 @@
 namespace tarn {
 namespace {
 
-FileInspection::Verdict verdictOf(Verdict::Kind kind) {
-  switch (kind) {
-    case Verdict::Kind::nothingToRepair:
-      return FileInspection::Verdict::nothingToRepair;
-    case Verdict::Kind::repairable:
-      return FileInspection::Verdict::repairable;
-    case Verdict::Kind::leftAlone:
-      return FileInspection::Verdict::leftAlone;
-    case Verdict::Kind::broken:
-      return FileInspection::Verdict::broken;
-  }
-  return FileInspection::Verdict::broken;
-}
-
 FileInspection::Track trackOf(const TrackFacts& facts) {
   FileInspection::Track track{.id = facts.id,
                               .handler = facts.handler,
@@ -49,12 +35,12 @@ FileInspection inspectFile(const std::filesystem::path& file) {
     throw Error("Inspect", -1,
                 fmt::format("{} is not a file that can be inspected; give the path of a video.", file.string()));
   }
-  const Path path = std::filesystem::absolute(file);
+  const Path path = absolutePath(file);
   PosixFileManager files(path.parent_path());  // of which nothing is used but that it opens files
   const Inspection inspection = inspect(files, path);
   FileInspection result{.file = path,
                         .size = inspection.size,
-                        .verdict = verdictOf(inspection.verdict.kind),
+                        .verdict = inspection.verdict.kind,
                         .verdictText = inspection.verdict.text,
                         .tracks = {},
                         .problems = {},

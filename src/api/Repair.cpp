@@ -15,11 +15,11 @@ Error unusable(const std::string& words) {
 /// The repair that is asked for. Throws Error if its ends cannot be used.
 RepairRequest checked(const Path& input, const Path& output, const RepairOptions& options) {
   namespace fs = std::filesystem;
-  RepairRequest ends{.input = fs::absolute(input),
-                     .output = fs::absolute(output),
+  RepairRequest ends{.input = absolutePath(input),
+                     .output = absolutePath(output),
                      .skipVideoFix = options.skipVideoFix,
                      .skipAudioFix = options.skipAudioFix};
-  if (options.like) ends.like = fs::absolute(*options.like);
+  if (options.like) ends.like = absolutePath(*options.like);
   std::error_code ignored;
   if (!fs::exists(ends.input, ignored)) throw unusable(fmt::format("There is no file {}", input.string()));
   if (!fs::is_regular_file(ends.input, ignored)) throw unusable(fmt::format("{} is not a file", input.string()));

@@ -1,6 +1,7 @@
 #include <tarn/tarn.h>
 #include <tarn/version.h>
 
+#include "api/detail/DefaultLog.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -10,6 +11,7 @@ const char* version() noexcept {
 }
 
 void setLog(LogSink sink) {
+  dropLogByDefault();  // ahead of it, so that it cannot come between on another thread
   setLogSink(sink ? std::move(sink) : [](std::string_view) {});
 }
 

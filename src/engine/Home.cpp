@@ -9,6 +9,8 @@
 #include <ctime>
 #include <memory>
 
+#include "platform/host/PosixFileManager.h"
+
 namespace tarn {
 namespace {
 
@@ -33,8 +35,8 @@ std::string timestamp() {
 }  // namespace
 
 Path homeDirectory(const std::optional<std::string>& given) {
-  if (given) return std::filesystem::absolute(*given).lexically_normal();
-  if (auto home = environment("TARN_HOME")) return std::filesystem::absolute(*home).lexically_normal();
+  if (given) return absolutePath(*given).lexically_normal();
+  if (auto home = environment("TARN_HOME")) return absolutePath(*home).lexically_normal();
   if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
   if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
   throw Error("Home", -1, "No home directory is known: use --home DIR");
@@ -46,10 +48,27 @@ namespace {
 void makeHome(const Path& home) {
   // A home that is given as "dir/" has no last name.
   const Path place = home.has_filename() ? home : home.parent_path();
-  std::filesystem::create_directories(place.parent_path());
+  PosixFileManager(home).createDirectory(place.parent_path());
   if (::mkdir(place.c_str(), 0700) != 0 && errno != EEXIST) throw PosixError(errno, home.string());
   struct stat facts {};
   if (::stat(home.c_str(), &facts) == 0 && (facts.st_mode & 077) == 0) ::umask(077);
+}
+
+/// Writes to the log of a home.
+LogSink fileSink(const Path& home) {
+  const Path path = home / "log/tarn.log";
+  PosixFileManager(home).createDirectory(path.parent_path());
+  std::error_code missing;
+  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
+    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
+  }
+  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
+  return [file](std::string_view line) {
+    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
+    // A full disk costs lines of the log and stops no work.
+    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
+  };
 }
 
 }  // namespace
@@ -66,24 +85,6 @@ HomeLock::HomeLock(const Path& home) {
   throw HomeInUse(home);
 }
 
-LogFile::LogFile(const Path& home) {
-  const Path path = home / "log/tarn.log";
-  std::filesystem::create_directories(path.parent_path());
-  std::error_code missing;
-  if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
-    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
-  }
-  const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
-  if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
-  before_ = setLogSink([file](std::string_view line) {
-    const std::string entry = fmt::format("{} {}\n", timestamp(), line);
-    // A full disk costs lines of the log and stops no work.
-    [[maybe_unused]] const ssize_t written = ::write(**file, entry.data(), entry.size());
-  });
-}
-
-LogFile::~LogFile() {
-  setLogSink(std::move(before_));
-}
+LogFile::LogFile(const Path& home) : LogDetour(fileSink(home)) {}
 
 }  // namespace tarn

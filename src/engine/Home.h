@@ -31,17 +31,11 @@ class HomeLock {
   Descriptor lock_;
 };
 
-/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, until it is destroyed; then it goes where it
-/// went before. A log that has grown beyond 16 MiB is put aside as tarn.log.1 first.
-class LogFile {
+/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, until it is destroyed. A log that has grown
+/// beyond 16 MiB is put aside as tarn.log.1 first.
+class LogFile : public LogDetour {
  public:
   explicit LogFile(const Path& home);
-  ~LogFile();
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
-
- private:
-  LogSink before_;
 };
 
 }  // namespace tarn

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/inspect.h>
+
 #include <cstdint>
 #include <string>
 
@@ -25,12 +27,7 @@ struct Problem {
 
 /// What to make of the file, at a glance.
 struct Verdict {
-  enum class Kind {
-    nothingToRepair,
-    repairable,
-    leftAlone,  ///< a repair leaves the file as it is, though something is wrong with it
-    broken,     ///< media or tables are missing, or the repair fails
-  };
+  using Kind = FileInspection::Verdict;
 
   Kind kind = Kind::nothingToRepair;
   std::string text;  ///< a line without its stop, which begins with what the kind says

@@ -33,6 +33,13 @@ bool standsForItselfInPath(char c) {
 
 }  // namespace
 
+Path absolutePath(const Path& path) {
+  std::error_code failure;
+  Path absolute = std::filesystem::absolute(path, failure);
+  if (failure) throw PosixError(failure.value(), fmt::format("The path \"{}\"", path.string()));
+  return absolute;
+}
+
 std::string makeUUID() {
   std::array<uint8_t, 16> b{};
   if (RAND_bytes(b.data(), static_cast<int>(b.size())) != 1) throw Error("OpenSSL", -1, "no random bytes");

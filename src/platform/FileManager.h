@@ -134,6 +134,9 @@ class FileManager {
   virtual Path temporaryDirectory() = 0;
 };
 
+/// The path from the root. Throws PosixError for an empty one, and when the working directory is gone.
+Path absolutePath(const Path& path);
+
 /// A fresh random UUID (RFC 4122 version 4) in upper-case text form. Thread-safe.
 std::string makeUUID();
 

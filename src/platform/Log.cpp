@@ -12,6 +12,7 @@ namespace {
 struct Output {
   std::mutex mutex;
   LogSink sink;
+  std::list<LogSink> detours;
 };
 
 Output& output() {
@@ -26,12 +27,23 @@ LogSink setLogSink(LogSink sink) {
   return std::exchange(output().sink, std::move(sink));
 }
 
+LogDetour::LogDetour(LogSink sink) {
+  std::lock_guard guard(output().mutex);
+  place_ = output().detours.insert(output().detours.end(), std::move(sink));
+}
+
+LogDetour::~LogDetour() {
+  std::lock_guard guard(output().mutex);
+  output().detours.erase(place_);
+}
+
 void logLine(std::string_view line) noexcept {
   try {
     const std::string safe = withoutSecrets(line);
     std::lock_guard guard(output().mutex);
-    if (output().sink) {
-      output().sink(safe);
+    const LogSink& sink = output().detours.empty() ? output().sink : output().detours.back();
+    if (sink) {
+      sink(safe);
     } else {
       std::fwrite(safe.data(), 1, safe.size(), stdout);
       std::fputc('\n', stdout);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <thread>
 
@@ -81,6 +82,9 @@ TEST(ApiTest, ARepairThatIsCancelledOrCannotBeginWritesNothing) {
   EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, stop, cancel.get_token()).kind, Kind::cancelled);
   EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, {}, cancel.get_token()).kind, Kind::cancelled);
   EXPECT_THROW(repairFile("/nowhere", place / "out.mp4"), Error);
+  EXPECT_THROW(repairFile("", place / "out.mp4"), Error);
+  EXPECT_THROW(repairFile(recording(), ""), Error);
+  EXPECT_THROW(repairFile(recording(), place / "out.mp4", {.like = ""}), Error);
   EXPECT_THROW(repairFile(recording(), place / "no folder/out.mp4"), Error);
   EXPECT_THROW(repairFile(recording(), place.path()), Error);
   EXPECT_EQ(entriesOf(place.path()), 0U);
@@ -138,6 +142,44 @@ TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
   EXPECT_GT(lines.size(), 0U) << "the log comes back when the engine is gone";
   EXPECT_THAT(warnings, IsEmpty());
   EXPECT_EQ(leftIn(place / "home"), "");
+}
+
+TEST(ApiTest, TheLogOfAnEngineComesAheadOfWhereElseItGoesHoweverTheyAreMade) {
+  const TempDirectory place;
+  std::vector<std::string> lines;
+  const auto inHome = [&](const char* home) { return contentOf(place / home / "log/tarn.log").size(); };
+  const auto work = [&] { repairFile(recording(), place / "out.mp4"); };
+  const auto opened = [&](const char* home) {
+    auto engine = std::make_unique<Engine>(EngineOptions{.home = place / home});
+    engine->open();
+    return engine;
+  };
+  auto first = opened("first"), second = opened("second");
+  setLog([&](std::string_view line) { lines.emplace_back(line); });
+  const size_t before = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), before);
+  EXPECT_THAT(lines, IsEmpty());
+  first.reset();
+  const size_t ofFirst = inHome("first"), ofSecond = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), ofSecond);
+  second.reset();
+  work();
+  EXPECT_GT(lines.size(), 0U);
+  EXPECT_EQ(inHome("first"), ofFirst);
+}
+
+TEST(ApiTest, AHomeThatCannotBeMadeIsToldAsAnError) {
+  const TempDirectory place;
+  std::ofstream(place / "file") << "in the way";
+  fs::create_directory(place / "home");
+  std::ofstream(place / "home/log") << "in the way";
+  EXPECT_THROW(Engine({.home = ""}), Error);
+  for (const char* home : {"file", "file/home", "home"}) {
+    Engine engine({.home = place / home});
+    EXPECT_THROW(engine.open(), Error) << home;
+  }
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ int main(int, char** argv) {
   host.start();
   auto answer = client.call("saveVideo", {{"url", argv[2]}, {"album", "Trips"}, {"filename", "clip.mp4"}});
   if (!answer.resolved) return EXIT_FAILURE;
-  while (auto event = client.nextEvent()) {
+  while (auto event = client.nextEvent(std::nullopt)) {
     if (event->name != "downloadComplete") continue;
     client.waitUntilGone(*event->data.find("id")->get<int64_t>());
     return EXIT_SUCCESS;

@@ -24,7 +24,6 @@ class EngineSession : public EngineClient {
   void join();
 
   using EngineClient::call;
-  using EngineClient::nextEvent;
   /// A call whose engine is lost is made again, but for one that must not run twice: that throws EngineLost.
   Answer call(const std::string& plugin, const std::string& method, JSObject options) override;
   std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout) override;

@@ -20,8 +20,6 @@ class SocketClient : public EngineClient {
   /// interrupt. Throws Error when the engine is another version's.
   bool isLetIn(std::chrono::milliseconds patience);
 
-  using EngineClient::call;
-  using EngineClient::nextEvent;
   Answer call(const std::string& plugin, const std::string& method, JSObject options) override;
   std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout) override;
   void interrupt() override;
