@@ -128,7 +128,9 @@ class Finder {
       if (!stbl) throw MovieError(MovieError::Case::damaged, "A track has no sample table");
       TrackTables& tables = movie_.tables.emplace_back(TrackTables::read(*stbl));
       missing_.emplace_back();
-      if (!isSelfContained(trak) || tables.farthestEnd() <= mediaEnd) continue;
+      if (!isSelfContained(trak)) continue;
+      requireRoom(tables);
+      if (tables.farthestEnd() <= mediaEnd) continue;
       if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, mediaEnd)) {
         throw MovieError(MovieError::Case::damaged, "Samples of a file that did not break off lie behind its end");
       }
@@ -136,6 +138,13 @@ class Finder {
       areAnyMissing = true;
     }
     return areAnyMissing;
+  }
+
+  /// Samples may share bytes, but a file never has more of them than bytes.
+  void requireRoom(const TrackTables& tables) const {
+    const uint64_t fileSize = movie_.layout.fileSize;
+    if (tables.samplesAheadOf(fileSize) <= fileSize) return;
+    throw MovieError(MovieError::Case::damaged, "More samples are promised than the file can hold");
   }
 
   bool cut() {

@@ -36,6 +36,10 @@ MovieError damaged(const std::string& words) {
   return {MovieError::Case::damaged, words};
 }
 
+MovieError tooManySamples() {
+  return damaged("more samples are promised than the file can hold");
+}
+
 Bytes readBox(FileHandle& file, const BoxHeader& box) {
   file.seek(box.offset);
   Bytes bytes = file.read(box.size);
@@ -83,6 +87,7 @@ class Reader {
     movie_.tracks = tracksOf(movie_.moov);
     for (FragmentTrack& track : movie_.tracks) {
       const uint64_t present = track.tables().samplesAheadOf(fileSize_);
+      if (present > fileSize_) throw tooManySamples();
       track.missing = track.samplesInMoov() - present;
       track.truncate(present);
       if (track.missing > 0) movie_.isCut = true;
@@ -229,9 +234,10 @@ class Reader {
   }
 
   static uint64_t placeOf(uint64_t base, int64_t offset) {
-    if (offset < 0 && base < static_cast<uint64_t>(-offset)) throw damaged("samples lie ahead of the file");
-    const auto place = checkedAdd(base, static_cast<uint64_t>(offset));
-    return offset < 0 ? base - static_cast<uint64_t>(-offset) : place.value_or(UINT64_MAX);
+    if (offset >= 0) return checkedAdd(base, static_cast<uint64_t>(offset)).value_or(UINT64_MAX);
+    const auto back = static_cast<uint64_t>(-offset);
+    if (base < back) throw damaged("samples lie ahead of the file");
+    return base - back;
   }
 
   uint64_t addRun(FragmentTrack& track, const TrackFragment& fragment, const TrackRun& run, uint64_t place) {
@@ -268,7 +274,7 @@ class Reader {
     const uint64_t present = size > 0 ? (fileSize_ - std::min(place, fileSize_)) / size : run.count();
     const auto count = static_cast<uint32_t>(std::min<uint64_t>(run.count(), present));
     used += uint64_t{count} * std::max<uint32_t>(size, 1);
-    if (used > most) throw damaged("more samples are promised than the file can hold");
+    if (used > most) throw tooManySamples();
     return count;
   }
 

@@ -9,6 +9,7 @@
 #include "fragments/CutMovie.h"
 #include "fragments/FragmentsStep.h"
 #include "support/BoxEditor.h"
+#include "support/DamagedMovies.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/ProbedMovie.h"
@@ -363,6 +364,23 @@ std::string described(BoxTree& trak) {
                          static_cast<int32_t>(readUInt32(rows, at + 4).value()));
   }
   return words;
+}
+
+/// Chunks that share bytes let a few bytes promise any number of samples.
+TEST_F(CutMovieTest, LeavesTablesThatPromiseMoreThanTheFileHolds) {
+  constexpr uint32_t chunks = 200, farAway = 100000;
+  BoxEditor editor(syntheticMovie({tenths("soun", 120)}, 10));
+  Bytes places = values({0, chunks});
+  for (uint32_t i = 1; i < chunks; ++i) ByteWriter(places).uint32(8);
+  ByteWriter(places).uint32(farAway);
+  for (const Bytes& table :
+       {fullBox("stsz", {1, 100 * chunks}), fullBox("stsc", {1, 1, 100, 1}), box("stco", {places})}) {
+    editor.replace(editor.at(sampleTable + "/" + std::string(textOf(ByteView(table).subspan(4, 4)))), table);
+  }
+  const Bytes file = joined({editor.bytes, boxClaiming(farAway, "mdat", {Bytes(9)})});
+  EXPECT_EQ(runStep(file), "");
+  EXPECT_EQ(written(), file);
+  EXPECT_FALSE(isCutOff(files_, file_));
 }
 
 TEST_F(CutMovieTest, LetsTimesFollowTheSamples) {

@@ -321,6 +321,11 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
   const Bytes piff = bytesFrom("A2394F52 5A9B4F14 A2446C42 7C648DF4");
   BoxEditor otherScale(beginning());
   otherScale.setField(otherScale.at("moov/trak/mdia/mdhd").offset + 20, 999);
+  BoxEditor shared(beginning({.samples = 3}));
+  for (const Bytes& table :
+       {fullBox("stsz", {1, 10000}), fullBox("stsc", {1, 1, 100, 1}), box("stco", {values({0, 100}), Bytes(400)})}) {
+    shared.replace(shared.at(sampleTable + "/" + std::string(textOf(ByteView(table).subspan(4, 4)))), table);
+  }
   const std::string encrypted = "refused: The movie is encrypted", stays = "The movie stays in fragments: the moof at ";
   const struct {
     const char* name;
@@ -364,6 +369,8 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
                                                    return traf({boxes});
                                                  })),
        stays},
+      {"the same in the moov", movieOf(shared.bytes, simpleFragment(100000, 2)),
+       "The movie stays in fragments: more samples are promised than the file can hold"},
       {"ahead of the file", movieOf(beginning(), ofRun(trun(0x1, {1, 1U << 31}))), stays},
       {"behind the file, with more behind", movieOf(beginning(), joined({ofRun(trun(0x1, {1, 9999})), good})), stays},
   };
