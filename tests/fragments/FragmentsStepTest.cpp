@@ -9,6 +9,7 @@
 #include "presentation/Presentation.h"
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
+#include "support/FaultyFileManager.h"
 #include "support/ProbedMovie.h"
 #include "support/SyntheticMovie.h"
 
@@ -410,6 +411,28 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   EXPECT_EQ(result.get(sampleTable + "/sbgp"),
             box("sbgp", {values({0}), bytesFrom("'roll'"), values({3, 1, 1, 1, 0, 1, 1})}));
   EXPECT_FALSE(isPartly_);
+}
+
+/// A box whose header cannot be read is not the end of the movie.
+TEST_F(FragmentsTest, AReadThatFailsEndsTheRunAndCostsNoSample) {
+  const Bytes whole = joined({beginning(), simpleFragment(0, 2), simpleFragment(20, 2), simpleFragment(40, 2)});
+  BoxEditor cut(syntheticMovie({{.stts = {{9, 10}}, .samples = 9}}));
+  cut.bytes = MovieLayout(joined({cut.bytes, box("ftyp")})).moovAhead();
+  cut.bytes.resize(cut.bytes.size() - 1);
+  for (const Bytes& movie : {whole, cut.bytes}) {
+    FaultyFileManager faulty(files_);
+    const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+      SCOPED_TRACE(call);
+      write(movie);
+      RunRecorder recorder;
+      ProcessingRun run = recorder.runOn(faulty, file_);
+      const std::string failure = failureOf([&] { FragmentsStep().run(run); });
+      EXPECT_EQ(failure.find("fault of a test") != std::string::npos, faulty.fired()) << failure;
+      EXPECT_EQ(written() == movie, faulty.fired());
+      EXPECT_TRUE(run.state.tempFiles.empty());
+    });
+    EXPECT_GT(reads, 20U);
+  }
 }
 
 /// Headers of version 0 get long times if the durations need them.
