@@ -32,18 +32,15 @@ constexpr uint64_t manyZeros = 4096;
 constexpr std::string_view passedOver[] = {"mdat", "styp", "sidx", "ssix", "prft",
                                            "mfra", "pdin", "free", "skip", "wide"};
 
-MovieError damaged(const std::string& words) {
-  return {MovieError::Case::damaged, words};
-}
-
 MovieError tooManySamples() {
-  return damaged("more samples are promised than the file can hold");
+  return MovieError::damaged("more samples are promised than the file can hold");
 }
 
 Bytes readBox(FileHandle& file, const BoxHeader& box) {
   file.seek(box.offset);
   Bytes bytes = file.read(box.size);
-  if (bytes.size() < box.size) throw damaged(fmt::format("the {} at {} cannot be read", box.type, box.offset));
+  if (bytes.size() < box.size)
+    throw MovieError::damaged(fmt::format("the {} at {} cannot be read", box.type, box.offset));
   return bytes;
 }
 
@@ -78,7 +75,7 @@ class Reader {
     FileBoxWalker walker(file_, 0, fileSize_, rules.topLevel);
     auto box = walker.next();
     while (box && box->type != "moov") box = walker.next();
-    if (!box) throw damaged("there is no moov");
+    if (!box) throw MovieError::damaged("there is no moov");
     if (box->end() > fileSize_) throw FragmentsError::ofCutMoov();
     moovPlace_ = box->offset;
     const Bytes moov = readMoov(file_, *box, rules);
@@ -101,7 +98,7 @@ class Reader {
       tracks.emplace_back(child);
       const uint32_t id = tracks.back().trackID();
       if (std::ranges::count(tracks, id, &FragmentTrack::trackID) > 1) {
-        throw damaged(fmt::format("two tracks have the number {}", id));
+        throw MovieError::damaged(fmt::format("two tracks have the number {}", id));
       }
     }
     readDefaults(moov, tracks);
@@ -116,7 +113,7 @@ class Reader {
     while (const auto box = walker.next()) {
       if (box->type != "trex") continue;
       const auto extends = parseTrackExtends(contents.subspan(box->contentOffset(), box->contentSize()));
-      if (!extends) throw damaged("a trex ends ahead of its fields");
+      if (!extends) throw MovieError::damaged("a trex ends ahead of its fields");
       const auto track = std::ranges::find(tracks, extends->trackID, &FragmentTrack::trackID);
       if (track != tracks.end()) track->defaults = extends->defaults;
     }
@@ -125,7 +122,7 @@ class Reader {
   FragmentTrack& trackOf(uint32_t id) {
     const auto track = std::ranges::find(movie_.tracks, id, &FragmentTrack::trackID);
     if (track == movie_.tracks.end())
-      throw damaged(fmt::format("it has samples of track {}, which the moov does not have", id));
+      throw MovieError::damaged(fmt::format("it has samples of track {}, which the moov does not have", id));
     return *track;
   }
 
@@ -202,8 +199,8 @@ class Reader {
   }
 
   void readFragment(const BoxHeader& moof) try {
-    if (moof.size > mostMoofBytes) throw damaged(fmt::format("it has {} bytes", moof.size));
-    if (movie_.isCut) throw damaged("samples ahead of it do not lie in the file");
+    if (moof.size > mostMoofBytes) throw MovieError::damaged(fmt::format("it has {} bytes", moof.size));
+    if (movie_.isCut) throw MovieError::damaged("samples ahead of it do not lie in the file");
     const Bytes bytes = readBox(file_, moof);
     const auto fragments = parseMovieFragment(bytes, [this](uint32_t id) { return trackOf(id).defaults; });
     uint64_t dataEnd = moof.offset;
@@ -236,7 +233,7 @@ class Reader {
   static uint64_t placeOf(uint64_t base, int64_t offset) {
     if (offset >= 0) return checkedAdd(base, static_cast<uint64_t>(offset)).value_or(UINT64_MAX);
     const auto back = static_cast<uint64_t>(-offset);
-    if (base < back) throw damaged("samples lie ahead of the file");
+    if (base < back) throw MovieError::damaged("samples lie ahead of the file");
     return base - back;
   }
 
