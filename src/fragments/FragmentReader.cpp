@@ -157,11 +157,18 @@ class Reader {
     } else if (box.type == "emsg") {
       ++messages_;
     } else if (box.type == "ftyp") {
-      if (!hasFileType_) movie_.ahead = joined(readBox(file_, box), movie_.ahead);
-      hasFileType_ = true;
+      if (!hasFileType_) keepFileType(box);
     } else if (std::ranges::find(passedOver, box.type) == std::end(passedOver)) {
       keep(box);
     }
+  }
+
+  void keepFileType(const BoxHeader& box) {
+    if (box.size > mostKeptBytes) {
+      throw MovieError::damaged(fmt::format("the {} at {} has {} bytes", box.type, box.offset, box.size));
+    }
+    movie_.ahead = joined(readBox(file_, box), movie_.ahead);
+    hasFileType_ = true;
   }
 
   static Bytes joined(Bytes first, const Bytes& second) {

@@ -372,6 +372,8 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
        stays},
       {"the same in the moov", movieOf(shared.bytes, simpleFragment(100000, 2)),
        "The movie stays in fragments: more samples are promised than the file can hold"},
+      {"a huge ftyp", joined({box("ftyp", {Bytes(17 << 20)}), beginning(), good}),
+       "The movie stays in fragments: the ftyp at 0 has 17825800 bytes"},
       {"ahead of the file", movieOf(beginning(), ofRun(trun(0x1, {1, 1U << 31}))), stays},
       {"behind the file, with more behind", movieOf(beginning(), joined({ofRun(trun(0x1, {1, 9999})), good})), stays},
   };
