@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include "movie/TrackFields.h"
-#include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "presentation/Presentation.h"
 #include "presentation/RewriteCheck.h"
