@@ -13,6 +13,7 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/ItemLocations.h"
+#include "platform/ReadWatch.h"
 
 namespace tarn {
 namespace {
@@ -226,7 +227,8 @@ std::optional<CutMovie> findCut(FileHandle& file) try {
 }
 
 bool isCutOff(FileManager& files, const Path& path) try {
-  return findCut(*files.open(path, OpenMode::reading)).has_value();
+  return readWatched(ReadWatch(files.open(path, OpenMode::reading)),
+                     [](FileHandle& file) { return findCut(file).has_value(); });
 } catch (const FragmentsError&) {
   return true;
 }

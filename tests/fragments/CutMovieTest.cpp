@@ -10,6 +10,7 @@
 #include "fragments/FragmentsStep.h"
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/ProbedMovie.h"
@@ -364,6 +365,17 @@ std::string described(BoxTree& trak) {
                          static_cast<int32_t>(readUInt32(rows, at + 4).value()));
   }
   return words;
+}
+
+TEST_F(CutMovieTest, TakesNoFileThatCannotBeReadForAHealthyOne) {
+  write(firstBytes(shortClip(), 0.6));
+  FaultyFileManager faulty(files_);
+  const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    SCOPED_TRACE(call);
+    const std::string failure = failureOf([&] { EXPECT_TRUE(isCutOff(faulty, file_)); });
+    EXPECT_NE(failure.empty(), faulty.fired()) << failure;
+  });
+  EXPECT_GT(reads, 3U);
 }
 
 /// Chunks that share bytes let a few bytes promise any number of samples.
