@@ -29,24 +29,23 @@ bool codecNeedsRemuxing(FileManager& files, const Path& path) {
   return codec != nullptr;
 }
 
-/// False too if the file cannot be read: the steps will say so.
-bool isInFragments(FileManager& files, const Path& path) {
+/// The answer to a question about a file; false too if it cannot be read: the steps will say so.
+bool isTrue(bool (*question)(FileManager& files, const Path& path), const char* subject, FileManager& files,
+            const Path& path) {
   try {
-    return isFragmented(files, path);
+    return question(files, path);
   } catch (const PosixError& error) {
-    log("ERROR looking for fragments: {}", error.description());
+    log("ERROR looking for {}: {}", subject, error.description());
     return false;
   }
 }
 
-/// The same.
+bool isInFragments(FileManager& files, const Path& path) {
+  return isTrue(isFragmented, "fragments", files, path);
+}
+
 bool hasBrokenOff(FileManager& files, const Path& path) {
-  try {
-    return isCutOff(files, path);
-  } catch (const PosixError& error) {
-    log("ERROR looking for the end of the movie: {}", error.description());
-    return false;
-  }
+  return isTrue(isCutOff, "the end of the movie", files, path);
 }
 
 }  // namespace

@@ -85,9 +85,9 @@ class EndingTrack {
         movieTimescale_(movieTimescale),
         timescale_(static_cast<uint32_t>(headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0))),
         handler_(handlerOf(trak)),
-        samplesBefore_(tables.sampleCount() + missing.count) {
-    if (timescale_ == 0) throw MovieError(MovieError::Case::damaged, "A track has no timescale");
-    for (const EditListEntry& entry : editListOf(trak)) edits_.push_back(entry);
+        samplesBefore_(tables.sampleCount() + missing.count),
+        edits_(editListOf(trak)) {
+    if (timescale_ == 0) throw MovieError::damaged("A track has no timescale");
     if (isVideo()) pictures_.emplace(tables, missing);
     keep(all());
   }
@@ -222,13 +222,17 @@ void forEachShown(EndingTracks& tracks, const auto& use) {
   }
 }
 
-void requireMedia(EndingTracks& tracks) {
+void requireMedia(const EndingTracks& tracks) {
   uint64_t pictures = 0, packets = 0;
   bool hasPictures = false, hasSound = false;
   for (const EndingTrack& track : tracks) {
-    (track.isVideo() ? pictures : packets) += track.isVideo() || track.isSound() ? track.samplesBefore() : 0;
-    hasPictures = hasPictures || (track.isVideo() && !track.isEmpty());
-    hasSound = hasSound || (track.isSound() && !track.isEmpty());
+    if (track.isVideo()) {
+      pictures += track.samplesBefore();
+      hasPictures = hasPictures || !track.isEmpty();
+    } else if (track.isSound()) {
+      packets += track.samplesBefore();
+      hasSound = hasSound || !track.isEmpty();
+    }
   }
   if (pictures > 0 && !hasPictures) {
     throw FragmentsError(
@@ -262,7 +266,7 @@ void cut(EndingTracks& tracks, double end) {
   for (EndingTrack& track : tracks) track.cutTo(end);
 }
 
-LostEnd summary(EndingTracks& tracks) {
+LostEnd summary(const EndingTracks& tracks) {
   LostEnd lost;
   std::optional<double> pictures, sound;
   for (const EndingTrack& track : tracks) {
@@ -301,7 +305,7 @@ std::string LostEnd::words() const {
 LostEnd cutToCommonEnd(MovieBox& moov, std::vector<TrackTables>& tables, const std::vector<MissingSamples>& missing) {
   MovieBox* header = moov.find({"mvhd"});
   const auto timescale = static_cast<uint32_t>(headerTimescaleField.load(header).value_or(0));
-  if (timescale == 0) throw MovieError(MovieError::Case::damaged, "The movie has no timescale");
+  if (timescale == 0) throw MovieError::damaged("The movie has no timescale");
   EndingTracks tracks;
   uint64_t pictures = 0;
   for (MovieBox& child : moov.children) {

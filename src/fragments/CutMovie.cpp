@@ -13,6 +13,7 @@
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/ItemLocations.h"
+#include "platform/ReadWatch.h"
 
 namespace tarn {
 namespace {
@@ -125,17 +126,26 @@ class Finder {
     for (const MovieBox& trak : movie_.moov.children) {
       if (!isTrack(trak)) continue;
       const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
-      if (!stbl) throw MovieError(MovieError::Case::damaged, "A track has no sample table");
+      if (!stbl) throw MovieError::damaged("A track has no sample table");
       TrackTables& tables = movie_.tables.emplace_back(TrackTables::read(*stbl));
       missing_.emplace_back();
-      if (!isSelfContained(trak) || tables.farthestEnd() <= mediaEnd) continue;
+      if (!isSelfContained(trak)) continue;
+      requireRoom(tables);
+      if (tables.farthestEnd() <= mediaEnd) continue;
       if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, mediaEnd)) {
-        throw MovieError(MovieError::Case::damaged, "Samples of a file that did not break off lie behind its end");
+        throw MovieError::damaged("Samples of a file that did not break off lie behind its end");
       }
       missing_.back() = dropMissing(tables, handlerOf(trak) == "vide", hasMedia() ? mediaEnd : 0);
       areAnyMissing = true;
     }
     return areAnyMissing;
+  }
+
+  /// Samples may share bytes, but a file never has more of them than bytes.
+  void requireRoom(const TrackTables& tables) const {
+    const uint64_t fileSize = movie_.layout.fileSize;
+    if (tables.samplesAheadOf(fileSize) <= fileSize) return;
+    throw MovieError::damaged("More samples are promised than the file can hold");
   }
 
   bool cut() {
@@ -159,21 +169,14 @@ class Finder {
   std::vector<MissingSamples> missing_;  ///< of each track
 };
 
-void putTables(CutMovie& movie) {
-  size_t index = 0;
-  for (MovieBox& trak : movie.moov.children) {
-    if (isTrack(trak)) movie.tables[index++].writeTo(*trak.find({"mdia", "minf", "stbl"}));
-  }
-}
-
 /// The new `moov`, with the places that the media get by its length.
 Bytes newMoov(CutMovie& movie) {
   if (!movie.loss) return movie.moov.bytes();
-  putTables(movie);
+  putTables(movie.moov, movie.tables);
   const uint64_t oldEnd = movie.place.end(), newEnd = movie.place.offset + movie.moov.size();
   const auto place = [&](uint64_t offset) { return offset < oldEnd ? offset : offset - oldEnd + newEnd; };
   for (TrackTables& tables : movie.tables) tables.moveChunks(place);
-  putTables(movie);
+  putTables(movie.moov, movie.tables);
   if (movie.place.offset + movie.moov.size() != newEnd) {
     throw MovieError(MovieError::Case::doesNotFit, "The tables of the cut movie are longer than before");
   }
@@ -224,7 +227,8 @@ std::optional<CutMovie> findCut(FileHandle& file) try {
 }
 
 bool isCutOff(FileManager& files, const Path& path) try {
-  return findCut(*files.open(path, OpenMode::reading)).has_value();
+  return readWatched(ReadWatch(files.open(path, OpenMode::reading)),
+                     [](FileHandle& file) { return findCut(file).has_value(); });
 } catch (const FragmentsError&) {
   return true;
 }

@@ -25,10 +25,11 @@ struct CutMovie {
 /// Looks for samples that end behind the end of a file whose last box is cut, and for an `mdat` that is. Of a healthy
 /// movie no more than its top-level boxes is read. Returns nothing for one, for a movie in fragments, for tables that
 /// cannot be read, and for samples behind the end with others behind them in the file. Throws FragmentsError for a
-/// movie of which nothing is left, or whose `moov` is cut off within its tracks; PosixError.
+/// movie of which nothing is left, or whose `moov` is cut off within its tracks; PosixError, but not for every read
+/// that fails: a ReadWatch tells.
 std::optional<CutMovie> findCut(FileHandle& file);
 
-/// The same for a file: true also for one of which nothing is left.
+/// The same for a file: true also for one of which nothing is left. Throws PosixError if it cannot be read.
 bool isCutOff(FileManager& files, const Path& path);
 
 /// Writes what can be kept: each box that is there, in its order, with the new `moov` and the true size of the last

@@ -15,7 +15,7 @@ class Assembly {
  public:
   explicit Assembly(FragmentedMovie& movie)
       : movie_(movie), timescale_(static_cast<uint32_t>(headerTimescaleField.load(header()).value_or(0))) {
-    if (timescale_ == 0) throw MovieError(MovieError::Case::damaged, "The movie has no timescale");
+    if (timescale_ == 0) throw MovieError::damaged("The movie has no timescale");
   }
 
   void fitMoov() {

@@ -32,14 +32,15 @@ constexpr uint64_t manyZeros = 4096;
 constexpr std::string_view passedOver[] = {"mdat", "styp", "sidx", "ssix", "prft",
                                            "mfra", "pdin", "free", "skip", "wide"};
 
-MovieError damaged(const std::string& words) {
-  return {MovieError::Case::damaged, words};
+MovieError tooManySamples() {
+  return MovieError::damaged("more samples are promised than the file can hold");
 }
 
 Bytes readBox(FileHandle& file, const BoxHeader& box) {
   file.seek(box.offset);
   Bytes bytes = file.read(box.size);
-  if (bytes.size() < box.size) throw damaged(fmt::format("the {} at {} cannot be read", box.type, box.offset));
+  if (bytes.size() < box.size)
+    throw MovieError::damaged(fmt::format("the {} at {} cannot be read", box.type, box.offset));
   return bytes;
 }
 
@@ -74,7 +75,7 @@ class Reader {
     FileBoxWalker walker(file_, 0, fileSize_, rules.topLevel);
     auto box = walker.next();
     while (box && box->type != "moov") box = walker.next();
-    if (!box) throw damaged("there is no moov");
+    if (!box) throw MovieError::damaged("there is no moov");
     if (box->end() > fileSize_) throw FragmentsError::ofCutMoov();
     moovPlace_ = box->offset;
     const Bytes moov = readMoov(file_, *box, rules);
@@ -83,6 +84,7 @@ class Reader {
     movie_.tracks = tracksOf(movie_.moov);
     for (FragmentTrack& track : movie_.tracks) {
       const uint64_t present = track.tables().samplesAheadOf(fileSize_);
+      if (present > fileSize_) throw tooManySamples();
       track.missing = track.samplesInMoov() - present;
       track.truncate(present);
       if (track.missing > 0) movie_.isCut = true;
@@ -96,7 +98,7 @@ class Reader {
       tracks.emplace_back(child);
       const uint32_t id = tracks.back().trackID();
       if (std::ranges::count(tracks, id, &FragmentTrack::trackID) > 1) {
-        throw damaged(fmt::format("two tracks have the number {}", id));
+        throw MovieError::damaged(fmt::format("two tracks have the number {}", id));
       }
     }
     readDefaults(moov, tracks);
@@ -111,7 +113,7 @@ class Reader {
     while (const auto box = walker.next()) {
       if (box->type != "trex") continue;
       const auto extends = parseTrackExtends(contents.subspan(box->contentOffset(), box->contentSize()));
-      if (!extends) throw damaged("a trex ends ahead of its fields");
+      if (!extends) throw MovieError::damaged("a trex ends ahead of its fields");
       const auto track = std::ranges::find(tracks, extends->trackID, &FragmentTrack::trackID);
       if (track != tracks.end()) track->defaults = extends->defaults;
     }
@@ -120,7 +122,7 @@ class Reader {
   FragmentTrack& trackOf(uint32_t id) {
     const auto track = std::ranges::find(movie_.tracks, id, &FragmentTrack::trackID);
     if (track == movie_.tracks.end())
-      throw damaged(fmt::format("it has samples of track {}, which the moov does not have", id));
+      throw MovieError::damaged(fmt::format("it has samples of track {}, which the moov does not have", id));
     return *track;
   }
 
@@ -155,11 +157,18 @@ class Reader {
     } else if (box.type == "emsg") {
       ++messages_;
     } else if (box.type == "ftyp") {
-      if (!hasFileType_) movie_.ahead = joined(readBox(file_, box), movie_.ahead);
-      hasFileType_ = true;
+      if (!hasFileType_) keepFileType(box);
     } else if (std::ranges::find(passedOver, box.type) == std::end(passedOver)) {
       keep(box);
     }
+  }
+
+  void keepFileType(const BoxHeader& box) {
+    if (box.size > mostKeptBytes) {
+      throw MovieError::damaged(fmt::format("the {} at {} has {} bytes", box.type, box.offset, box.size));
+    }
+    movie_.ahead = joined(readBox(file_, box), movie_.ahead);
+    hasFileType_ = true;
   }
 
   static Bytes joined(Bytes first, const Bytes& second) {
@@ -197,8 +206,8 @@ class Reader {
   }
 
   void readFragment(const BoxHeader& moof) try {
-    if (moof.size > mostMoofBytes) throw damaged(fmt::format("it has {} bytes", moof.size));
-    if (movie_.isCut) throw damaged("samples ahead of it do not lie in the file");
+    if (moof.size > mostMoofBytes) throw MovieError::damaged(fmt::format("it has {} bytes", moof.size));
+    if (movie_.isCut) throw MovieError::damaged("samples ahead of it do not lie in the file");
     const Bytes bytes = readBox(file_, moof);
     const auto fragments = parseMovieFragment(bytes, [this](uint32_t id) { return trackOf(id).defaults; });
     uint64_t dataEnd = moof.offset;
@@ -229,9 +238,10 @@ class Reader {
   }
 
   static uint64_t placeOf(uint64_t base, int64_t offset) {
-    if (offset < 0 && base < static_cast<uint64_t>(-offset)) throw damaged("samples lie ahead of the file");
-    const auto place = checkedAdd(base, static_cast<uint64_t>(offset));
-    return offset < 0 ? base - static_cast<uint64_t>(-offset) : place.value_or(UINT64_MAX);
+    if (offset >= 0) return checkedAdd(base, static_cast<uint64_t>(offset)).value_or(UINT64_MAX);
+    const auto back = static_cast<uint64_t>(-offset);
+    if (base < back) throw MovieError::damaged("samples lie ahead of the file");
+    return base - back;
   }
 
   uint64_t addRun(FragmentTrack& track, const TrackFragment& fragment, const TrackRun& run, uint64_t place) {
@@ -268,7 +278,7 @@ class Reader {
     const uint64_t present = size > 0 ? (fileSize_ - std::min(place, fileSize_)) / size : run.count();
     const auto count = static_cast<uint32_t>(std::min<uint64_t>(run.count(), present));
     used += uint64_t{count} * std::max<uint32_t>(size, 1);
-    if (used > most) throw damaged("more samples are promised than the file can hold");
+    if (used > most) throw tooManySamples();
     return count;
   }
 

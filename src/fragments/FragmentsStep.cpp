@@ -1,9 +1,9 @@
 #include "fragments/FragmentsStep.h"
 
-#include <fmt/format.h>
-
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fragments/CutMovie.h"
@@ -14,6 +14,7 @@
 #include "fragments/detail/ResultProof.h"
 #include "pipeline/RunTempFile.h"
 #include "platform/Log.h"
+#include "platform/ReadWatch.h"
 #include "presentation/Presentation.h"
 
 namespace tarn {
@@ -36,78 +37,65 @@ std::vector<MissingSamples> missingFrom(const FragmentedMovie& movie) {
   return missing;
 }
 
-class Joining {
- public:
-  explicit Joining(ProcessingRun& run) : run_(run) {}
+void tellProgress(ProcessingRun& run, double part, const char* words) {
+  run.token->throwIfCancelled();
+  run.reportProgress(part, words);
+}
 
-  void join() {
-    auto source = run_.files.open(run_.fileURL, OpenMode::reading);
-    FragmentedMovie movie = readFragmentedMovie(*source, [this](double part) { tell(part * readingPart); });
-    const std::vector<std::string> notes = movie.notes;
-    std::vector<TrackSums> sums = sumsOf(movie);
-    const std::vector<MissingSamples> missing = missingFrom(movie);
-    const bool isCut = movie.isCut;
-    PlainMovie plain = assemblePlainMovie(std::move(movie));
-    std::optional<LostEnd> loss;
-    if (isCut) {
-      loss = cutToCommonEnd(plain.moov, plain.tables, missing);
-      sums = sumsOf(plain.moov, plain.tables);
-    }
-    const RunTempFile result(run_, run_.files.temporaryDirectory() / (makeUUID() + ".mp4"));
-    write(*source, result.path(), std::move(plain));
-    source->close();
-    requireSums(run_.files, result.path(), sums);
-    run_.files.replaceItem(run_.fileURL, result.path());
-    for (const std::string& note : notes) run_.warn(note);
-    if (loss) tellLoss(run_, *loss);
+/// Writes a new file and puts it in the place of the run's, once it is known to hold what `sums` say.
+void replaceFile(ProcessingRun& run, WatchedFiles& files, FileHandle& source,
+                 const std::optional<std::vector<TrackSums>>& sums,
+                 const std::function<void(FileHandle& target)>& write) {
+  const RunTempFile result(run, files.temporaryDirectory() / (makeUUID() + ".mp4"));
+  const auto target = files.open(result.path(), OpenMode::exclusive);
+  write(*target);
+  target->synchronize();
+  target->close();
+  source.close();
+  if (sums) requireSums(files, result.path(), *sums);
+  files.requireReadable();
+  files.replaceItem(run.fileURL, result.path());
+}
+
+/// Makes a plain movie of one in fragments.
+void join(ProcessingRun& run, WatchedFiles& files) {
+  const auto tell = [&run](double part) { tellProgress(run, part, "Joining fragments"); };
+  const auto source = files.open(run.fileURL, OpenMode::reading);
+  FragmentedMovie movie = readFragmentedMovie(*source, [&](double part) { tell(part * readingPart); });
+  const std::vector<std::string> notes = movie.notes;
+  std::vector<TrackSums> sums = sumsOf(movie);
+  const std::vector<MissingSamples> missing = missingFrom(movie);
+  const bool isCut = movie.isCut;
+  PlainMovie plain = assemblePlainMovie(std::move(movie));
+  std::optional<LostEnd> loss;
+  if (isCut) {
+    loss = cutToCommonEnd(plain.moov, plain.tables, missing);
+    sums = sumsOf(plain.moov, plain.tables);
   }
-
- private:
-  void write(FileHandle& source, const Path& path, PlainMovie movie) {
-    const auto target = run_.files.open(path, OpenMode::exclusive);
-    writePlainMovie(source, *target, std::move(movie),
-                    [this](double part) { tell(readingPart + part * (1 - readingPart)); });
-    target->synchronize();
-    target->close();
-  }
-
-  void tell(double part) {
-    run_.token->throwIfCancelled();
-    run_.reportProgress(part, "Joining fragments");
-  }
-
-  ProcessingRun& run_;
-};
+  replaceFile(run, files, *source, std::move(sums), [&](FileHandle& target) {
+    writePlainMovie(*source, target, std::move(plain),
+                    [&](double part) { tell(readingPart + part * (1 - readingPart)); });
+  });
+  for (const std::string& note : notes) run.warn(note);
+  if (loss) tellLoss(run, *loss);
+}
 
 /// Keeps what is there of a plain movie that broke off.
-class Keeping {
- public:
-  explicit Keeping(ProcessingRun& run) : run_(run) {}
-
-  void keep() {
-    const auto source = run_.files.open(run_.fileURL, OpenMode::reading);
-    auto movie = findCut(*source);
-    if (!movie) return;
-    const auto loss = movie->loss;
-    const std::vector<TrackSums> sums = loss ? sumsOf(movie->moov, movie->tables) : std::vector<TrackSums>();
-    logLine(loss ? loss->words() : "The size of the last mdat is wrong, and all samples are there");
-    const RunTempFile result(run_, run_.files.temporaryDirectory() / (makeUUID() + ".mp4"));
-    const auto target = run_.files.open(result.path(), OpenMode::exclusive);
-    writeCutMovie(*source, *target, *std::move(movie), [this](double part) {
-      run_.token->throwIfCancelled();
-      run_.reportProgress(part, "Keeping what is there");
-    });
-    target->synchronize();
-    target->close();
-    source->close();
-    if (loss) requireSums(run_.files, result.path(), sums);
-    run_.files.replaceItem(run_.fileURL, result.path());
-    if (loss) tellLoss(run_, *loss);
-  }
-
- private:
-  ProcessingRun& run_;
-};
+void keepWhatIsThere(ProcessingRun& run, WatchedFiles& files) {
+  const auto source = files.open(run.fileURL, OpenMode::reading);
+  auto movie = findCut(*source);
+  files.requireReadable();
+  if (!movie) return;
+  const auto loss = movie->loss;
+  std::optional<std::vector<TrackSums>> sums;
+  if (loss) sums = sumsOf(movie->moov, movie->tables);
+  logLine(loss ? loss->words() : "The size of the last mdat is wrong, and all samples are there");
+  replaceFile(run, files, *source, sums, [&](FileHandle& target) {
+    writeCutMovie(*source, target, *std::move(movie),
+                  [&](double part) { tellProgress(run, part, "Keeping what is there"); });
+  });
+  if (loss) tellLoss(run, *loss);
+}
 
 /// True for a failure that trying again may mend, or that must end the run.
 bool endsRun(const Error& error) {
@@ -121,13 +109,12 @@ void FragmentsStep::run(ProcessingRun& run) {
   run.token->throwIfCancelled();
   const bool isInPieces = isFragmented(run.files, run.fileURL);
   if (isInPieces) logLine("The movie is in fragments, and becomes a plain one");
+  WatchedFiles files(run.files);
   try {
-    if (isInPieces) {
-      Joining(run).join();
-    } else {
-      Keeping(run).keep();
-    }
+    isInPieces ? join(run, files) : keepWhatIsThere(run, files);
   } catch (const Error& error) {
+    // What cannot be read looks as if it were not there.
+    files.requireReadable();
     if (endsRun(error)) throw;
     run.warn((isInPieces ? "The movie stays in fragments: " : "The movie stays cut off: ") + error.description());
   }

@@ -49,7 +49,7 @@ MovieBox editBox(const std::vector<EditListEntry>& entries) {
 
 void storeDuration(MovieBox* header, const VersionedField& field, uint64_t ticks) {
   const auto old = field.load(header);
-  if (!old) throw MovieError(MovieError::Case::damaged, "A header of the moov ends ahead of its duration");
+  if (!old) throw MovieError::damaged("A header of the moov ends ahead of its duration");
   const bool isShort = header->contents.front() == 0;
   if (isShort && ticks >= uint32Max) widen(*header, field.version0);
   field.store(header, ticks);

@@ -87,16 +87,6 @@ class Media {
   uint64_t size_ = 0;
 };
 
-void putTables(PlainMovie& movie, bool hasLongOffsets) {
-  auto table = movie.tables.begin();
-  for (MovieBox& child : movie.moov.children) {
-    if (child.type != "trak" || table == movie.tables.end()) continue;
-    MovieBox* stbl = child.find({"mdia", "minf", "stbl"});
-    if (!stbl) throw MovieError(Case::damaged, "A track has no sample table");
-    (table++)->writeTo(*stbl, hasLongOffsets);
-  }
-}
-
 void moveChunks(PlainMovie& movie, const std::function<uint64_t(uint64_t)>& place) {
   for (TrackTables& table : movie.tables) table.moveChunks(place);
 }
@@ -111,13 +101,13 @@ Bytes mdatHeader(uint64_t mediaSize) {
 void placeMedia(PlainMovie& movie, const Media& media) {
   // No chunk begins behind 4 GiB of media, so the size of the moov is known ahead of the places.
   moveChunks(movie, [&](uint64_t offset) { return media.newPlace(offset); });
-  putTables(movie, false);
+  putTables(movie.moov, movie.tables);
   const uint64_t ahead = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
   const bool isLong = ahead + media.size() > std::numeric_limits<uint32_t>::max();
-  if (isLong) putTables(movie, true);
+  if (isLong) putTables(movie.moov, movie.tables, true);
   const uint64_t begin = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
   moveChunks(movie, [&](uint64_t offset) { return begin + offset; });
-  putTables(movie, isLong);
+  putTables(movie.moov, movie.tables, isLong);
 }
 
 /// Copies ranges of the source, one behind the other.

@@ -19,7 +19,7 @@ constexpr uint32_t lastTrackIndex = 0x10000;
 /// The 32-bit field at a place of a box. Throws MovieError: damaged if the box ends ahead of its end.
 uint32_t fieldAt(ByteView box, size_t at) {
   const auto value = readUInt32(box, at);
-  if (!value) throw MovieError(Case::damaged, "A box of sample groups ends ahead of its fields");
+  if (!value) throw MovieError::damaged("A box of sample groups ends ahead of its fields");
   return *value;
 }
 
@@ -41,7 +41,7 @@ SampleGroups::Descriptions SampleGroups::readDescriptions(ByteView sgpd) {
   const uint32_t count = fieldAt(sgpd, header.entryCount.offset);
   size_t at = header.entryCount.end();
   if (count > lastTrackIndex || count > sgpd.size()) {
-    throw MovieError(Case::damaged, fmt::format("An sgpd of {} bytes promises {} groups", sgpd.size(), count));
+    throw MovieError::damaged(fmt::format("An sgpd of {} bytes promises {} groups", sgpd.size(), count));
   }
   uint32_t length = 0;
   if (result.version == 0) {
@@ -57,7 +57,7 @@ SampleGroups::Descriptions SampleGroups::readDescriptions(ByteView sgpd) {
       size = fieldAt(sgpd, at);
       at += sizeof size;
     }
-    if (size > sgpd.size() - at) throw MovieError(Case::damaged, "An sgpd ends ahead of its groups");
+    if (size > sgpd.size() - at) throw MovieError::damaged("An sgpd ends ahead of its groups");
     const ByteView entry = sgpd.subspan(at, size);
     result.entries.emplace_back(entry.begin(), entry.end());
     result.indexes.emplace(result.entries.back(), i + 1);
@@ -121,13 +121,13 @@ void SampleGroups::read(const MovieBox& stbl, uint64_t sampleCount) {
 void SampleGroups::append(uint64_t firstSample, ByteView sbgp, std::optional<ByteView> sgpd) {
   const Kind kind = kindOf(sbgp);
   Runs<uint32_t>& groups = groups_[kind];
-  if (groups.size() > firstSample) throw MovieError(Case::damaged, "Two sbgp boxes put one sample into groups");
+  if (groups.size() > firstSample) throw MovieError::damaged("Two sbgp boxes put one sample into groups");
   const Descriptions local = sgpd ? readDescriptions(*sgpd) : Descriptions();
   size_t at = layout::groupingType.end() + (kind.parameter ? sizeof(uint32_t) : 0);
   const uint32_t count = fieldAt(sbgp, at);
   at += sizeof count;
   if (count > (sbgp.size() - at) / layout::runRowSize) {
-    throw MovieError(Case::damaged, fmt::format("An sbgp of {} bytes promises {} entries", sbgp.size(), count));
+    throw MovieError::damaged(fmt::format("An sbgp of {} bytes promises {} entries", sbgp.size(), count));
   }
   groups.resize(firstSample, 0);
   for (uint32_t i = 0; i < count; ++i, at += layout::runRowSize) {
@@ -136,7 +136,7 @@ void SampleGroups::append(uint64_t firstSample, ByteView sbgp, std::optional<Byt
     if (index > lastTrackIndex) {
       index -= lastTrackIndex;
       if (index > local.entries.size()) {
-        throw MovieError(Case::damaged, fmt::format("An sbgp names group {} of {}", index, local.entries.size()));
+        throw MovieError::damaged(fmt::format("An sbgp names group {} of {}", index, local.entries.size()));
       }
       index = trackIndex(kind.type, local.entries[index - 1]);
     }

@@ -25,10 +25,6 @@ constexpr uint64_t mostListedSamples = 1 << 24;
 /// Times beyond it are no times: sums of them must not overflow.
 constexpr uint64_t latestTime = uint64_t{1} << 60;
 
-MovieError damaged(const std::string& words) {
-  return {Case::damaged, words};
-}
-
 /// A box of a table: version and flags, then fields of 32 bits, then entries.
 class Table {
  public:
@@ -40,7 +36,7 @@ class Table {
   /// The 32-bit value of this index; version and flags are 0.
   uint32_t word(uint64_t index) const {
     const auto value = readUInt32(contents_, index * sizeof(uint32_t));
-    if (!value) throw damaged(fmt::format("The {} ends ahead of its fields", type_));
+    if (!value) throw MovieError::damaged(fmt::format("The {} ends ahead of its fields", type_));
     return *value;
   }
 
@@ -49,7 +45,7 @@ class Table {
     const uint64_t fixed = words * sizeof(uint32_t);
     const uint64_t left = contents_.size() > fixed ? contents_.size() - fixed : 0;
     if (entries > mostSamples || (entries * bits + 7) / 8 > left) {
-      throw damaged(fmt::format("The {} promises {} entries and holds {} bytes", type_, entries, left));
+      throw MovieError::damaged(fmt::format("The {} promises {} entries and holds {} bytes", type_, entries, left));
     }
   }
 
@@ -66,7 +62,7 @@ class Table {
 
 const MovieBox& child(const MovieBox& stbl, std::string_view type) {
   const MovieBox* box = stbl.find({type});
-  if (!box) throw damaged(fmt::format("A sample table has no {}", type));
+  if (!box) throw MovieError::damaged(fmt::format("A sample table has no {}", type));
   return *box;
 }
 
@@ -147,7 +143,7 @@ void TrackTables::readSizes(const MovieBox& stbl) {
   const Table table(child(stbl, "stz2"));
   compactBits_ = table.word(1) & 0xFF;
   if (compactBits_ != 4 && compactBits_ != 8 && compactBits_ != 16) {
-    throw damaged(fmt::format("The stz2 has sizes of {} bits", compactBits_));
+    throw MovieError::damaged(fmt::format("The stz2 has sizes of {} bits", compactBits_));
   }
   const uint32_t count = table.word(2);
   table.require(count, compactBits_, 3);
@@ -176,7 +172,7 @@ void TrackTables::readChunks(const MovieBox& stbl) {
   try {
     runs = chunkRuns(entries, chunks);
   } catch (const Error& error) {
-    throw damaged(error.description());
+    throw MovieError::damaged(error.description());
   }
   uint64_t left = sizes_.size();
   for (const ChunkRun& run : runs) {
@@ -195,7 +191,7 @@ void TrackTables::readChunks(const MovieBox& stbl) {
 void TrackTables::readTimes(const MovieBox& stbl) {
   const uint64_t samples = sizes_.size();
   durations_ = readRuns<uint32_t>(Table(child(stbl, "stts")), samples);
-  if (durations_.isEmpty() && samples > 0) throw damaged("The stts names no sample");
+  if (durations_.isEmpty() && samples > 0) throw MovieError::damaged("The stts names no sample");
   if (samples > 0) durations_.resize(samples, durations_.last());
   if (const MovieBox* ctts = stbl.find({"ctts"})) {
     const Table table(*ctts);
@@ -203,7 +199,7 @@ void TrackTables::readTimes(const MovieBox& stbl) {
     offsets_ = readRuns<int32_t>(table, samples);
   }
   offsets_.resize(samples, 0);
-  if (duration() > latestTime) throw damaged("The durations of an stts add up to an impossible time");
+  if (duration() > latestTime) throw MovieError::damaged("The durations of an stts add up to an impossible time");
 }
 
 void TrackTables::readFlags(const MovieBox& stbl) {
@@ -482,6 +478,16 @@ void TrackTables::writeTo(MovieBox& stbl, bool hasLongOffsets) const {
   place(stbl, "stsz", "stz2", sizeBox());
   place(stbl, "stco", "co64", MovieBox::of(buildChunkOffsetBox(places, isLong)));
   groups_.writeTo(stbl);
+}
+
+void putTables(MovieBox& moov, const std::vector<TrackTables>& tables, bool hasLongOffsets) {
+  size_t index = 0;
+  for (MovieBox& trak : moov.children) {
+    if (trak.type != "trak") continue;
+    MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
+    if (!stbl) throw MovieError::damaged("A track has no sample table");
+    tables.at(index++).writeTo(*stbl, hasLongOffsets);
+  }
 }
 
 }  // namespace tarn

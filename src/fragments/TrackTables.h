@@ -64,8 +64,6 @@ class TrackTables {
     int64_t end = 0;    ///< of the sample that ends last, which lasts as long as it is decoded
   };
   Composition composition() const;
-  /// False if all samples have the same composition offset, so that they are composed in decode order.
-  bool isReordered() const { return offsets_.runCount() > 1; }
   /// The composition time of each sample (ISO/IEC 14496-12 8.6.1.3), offsets taken as signed ones, track timescale.
   /// Throws MovieError: doesNotFit for more samples than should be listed.
   std::vector<int64_t> compositionTimes() const;
@@ -121,5 +119,9 @@ class TrackTables {
   uint8_t offsetVersion_ = 0;  ///< of the `ctts`
   uint32_t compactBits_ = 0;   ///< of each size in the `stz2`; 0: it is an `stsz`
 };
+
+/// Writes the tables of each `trak` of a `moov`, in order, as TrackTables::writeTo does. Throws MovieError: damaged for
+/// a track without an `stbl`.
+void putTables(MovieBox& moov, const std::vector<TrackTables>& tables, bool hasLongOffsets = false);
 
 }  // namespace tarn

@@ -22,6 +22,8 @@ class MovieError : public Error {
   MovieError(Case kind, const std::string& words, BoxHeader box = {})
       : Error("Movie", -1, words), kind_(kind), box_(std::move(box)) {}
 
+  static MovieError damaged(const std::string& words) { return {Case::damaged, words}; }
+
   Case kind() const { return kind_; }
   /// The box that the failure is about, in the file; without a type if there is no single one.
   const BoxHeader& box() const { return box_; }

@@ -82,7 +82,7 @@ ProcessingStage ProcessingDriver::findStart(ProcessingRun& run, RunLayers& layer
 ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage target) {
   log("Interrupted at {}, rolling back to checkpoint: {}", description(run.state.stage), description(target));
   store_.cleanupTempFiles(run.state);
-  // Those that are in the recipe alone.
+  // The store deletes files; what is left stands in the run's recipe alone.
   for (const Path& file : run.state.tempFiles) {
     if (run.files.fileExists(file) && removeIfExists(run.files, file)) {
       log("Cleaned up temp file: {}", file.filename().string());

@@ -4,50 +4,27 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <sstream>
 #include <utility>
 
 #include "fragments/CutMovie.h"
 #include "fragments/FragmentsStep.h"
 #include "support/BoxEditor.h"
+#include "support/DamagedMovies.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
+#include "support/ProbedMovie.h"
 #include "support/RunRecorder.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
 namespace {
 
-/// A sample as ffprobe tells it, edit lists left aside.
-struct Sample {
-  int64_t pts;
-  int64_t dts;
-  uint64_t size;
-  uint64_t place;
-  std::string flags;
-  std::string hash;
+using Samples = std::vector<Packet>;
 
-  bool isSame(const Sample& other) const {
-    return pts - dts == other.pts - other.dts && flags == other.flags && hash == other.hash;
-  }
-};
-using Samples = std::map<std::string, std::vector<Sample>>;
-
-Samples samplesOf(const Path& file) {
-  std::string text =
-      runProcess({"ffprobe", "-v", "error", "-ignore_editlist", "1", "-show_data_hash", "CRC32", "-of", "csv=p=0",
-                  "-show_entries", "packet=codec_type,pts,dts,size,pos,flags,data_hash", file})
-          .output;
-  std::ranges::replace(text, ',', ' ');
-  std::istringstream words(text);
-  Samples samples;
-  Sample sample;
-  for (std::string kind;
-       words >> kind >> sample.pts >> sample.dts >> sample.size >> sample.place >> sample.flags >> sample.hash;) {
-    samples[kind].push_back(sample);
-  }
-  EXPECT_TRUE(words.eof()) << text;
-  return samples;
+/// The same but for the time at which the file begins.
+bool isSame(const Packet& a, const Packet& b) {
+  return a.pts - a.dts == b.pts - b.dts && a.flags == b.flags && a.hash == b.hash;
 }
 
 struct Recorder {
@@ -79,10 +56,11 @@ struct Kept {
 
 class Recording {
  public:
-  explicit Recording(const Path& whole, const Recorder& recorder) : samples_(samplesOf(whole)), recorder_(recorder) {}
+  explicit Recording(const Path& whole, const Recorder& recorder)
+      : samples_(packetsOf(whole, false)), recorder_(recorder) {}
 
-  const std::vector<Sample>& pictures() const { return samples_.at("video"); }
-  const std::vector<Sample>& packets() const { return samples_.at("audio"); }
+  const Samples& pictures() const { return samples_.at("video"); }
+  const Samples& packets() const { return samples_.at("audio"); }
 
   Kept keptOf(uint64_t bytes) const {
     const size_t whole = countWhole(pictures(), bytes), sound = countWhole(packets(), bytes);
@@ -101,7 +79,7 @@ class Recording {
       if (cut.pictures == 0) return kept;
       kept = cut;
     }
-    const auto isAhead = [&](const Sample& packet) { return soundTime(packet.dts) < kept.end - 1e-6; };
+    const auto isAhead = [&](const Packet& packet) { return soundTime(packet.dts) < kept.end - 1e-6; };
     kept.packets = std::min<size_t>(sound, static_cast<size_t>(std::ranges::count_if(packets(), isAhead)));
     return kept;
   }
@@ -113,26 +91,27 @@ class Recording {
     return static_cast<double>(dts - packets().front().dts) / soundTicks - recorder_.soundHidden;
   }
 
-  static size_t countWhole(const std::vector<Sample>& samples, uint64_t bytes) {
-    const auto cut = std::ranges::find_if(samples, [&](const Sample& each) { return each.place + each.size > bytes; });
+  static size_t countWhole(const Samples& samples, uint64_t bytes) {
+    const auto cut = std::ranges::find_if(
+        samples, [&](const Packet& each) { return each.place + each.size > static_cast<int64_t>(bytes); });
     return static_cast<size_t>(cut - samples.begin());
   }
 
   /// The longest prefix of the first `whole` pictures behind which no picture is shown ahead of one in it.
   Kept picturesWithin(size_t whole, double end) const {
-    const int64_t first = std::ranges::min(pictures(), {}, &Sample::pts).pts;
+    const int64_t first = std::ranges::min(pictures(), {}, &Packet::pts).pts;
     Kept kept;
     for (size_t count = 1; count <= whole; ++count) {
       const auto middle = pictures().begin() + static_cast<ptrdiff_t>(count);
-      const int64_t last = std::ranges::max_element(pictures().begin(), middle, {}, &Sample::pts)->pts;
-      const bool hasGap = std::any_of(middle, pictures().end(), [&](const Sample& each) { return each.pts < last; });
+      const int64_t last = std::ranges::max_element(pictures().begin(), middle, {}, &Packet::pts)->pts;
+      const bool hasGap = std::any_of(middle, pictures().end(), [&](const Packet& each) { return each.pts < last; });
       const double shown = static_cast<double>(last - first) / pictureTicks + pictureLength + recorder_.pictureStart;
       if (!hasGap && shown < end + 1e-6) kept = {count, 0, shown, recorder_.pictureStart};
     }
     return kept;
   }
 
-  Samples samples_;
+  Packets samples_;
   Recorder recorder_;
 };
 
@@ -164,10 +143,10 @@ class CutMovieTest : public FileTest {
     return failure;
   }
 
-  void expectFirst(const std::vector<Sample>& left, const std::vector<Sample>& all, size_t count) {
+  void expectFirst(const Samples& left, const Samples& all, size_t count) {
     ASSERT_EQ(left.size(), count);
     for (size_t i = 0; i < count; ++i) {
-      ASSERT_TRUE(left[i].isSame(all[i])) << "sample " << i;
+      ASSERT_TRUE(isSame(left[i], all[i])) << "sample " << i;
       ASSERT_EQ(left[i].dts - left[0].dts, all[i].dts - all[0].dts) << "sample " << i;
     }
   }
@@ -179,7 +158,7 @@ class CutSweep : public CutMovieTest, public testing::WithParamInterface<Recorde
 
 TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
   const Path whole = recording(GetParam());
-  const Bytes bytes = readFile(files_, whole);
+  const Bytes bytes = contentsOf(whole);
   const Recording truth(whole, GetParam());
   const size_t stride = 1009 * cutStride();
   size_t cuts = 0, refusals = 0;
@@ -203,7 +182,7 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
     told += GetParam().isPlain ? fmt::format(" of 7.0 s kept, {} picture", lost) : " s kept";
     ASSERT_EQ(outcome_.leftAlone.size(), 1u);
     EXPECT_TRUE(outcome_.leftAlone.front().starts_with(told)) << outcome_.leftAlone.front() << ", not: " << told;
-    Samples left = samplesOf(file_);
+    Packets left = packetsOf(file_, false);
     expectFirst(left["video"], truth.pictures(), kept.pictures);
     expectFirst(left["audio"], truth.packets(), kept.packets);
     EXPECT_EQ(decoderComplaints(file_), "");
@@ -221,8 +200,7 @@ Bytes shortClip() {
                                   .seconds = 3,
                                   .more = words("-f lavfi -i sine=frequency=500:sample_rate=48000 -c:a aac "
                                                 "-movflags +faststart")});
-  PosixFileManager files("/nonexistent");
-  return readFile(files, file);
+  return contentsOf(file);
 }
 
 Bytes firstBytes(const Bytes& bytes, double part) {
@@ -322,7 +300,7 @@ TEST_F(CutMovieTest, KeepsPicturesWhoseMoovEndsBehindTheirTrack) {
     EXPECT_TRUE(outcome_.isPartly);
     EXPECT_EQ(outcome_.leftAlone, std::vector<std::string>{"the end of the file is missing: 3.0 of 3.0 s kept, 1 track "
                                                            "lost whose table is cut off"});
-    EXPECT_EQ(samplesOf(file_)["video"].size(), 75u);
+    EXPECT_EQ(packetsOf(file_, false)["video"].size(), 75u);
     EXPECT_EQ(decoderComplaints(file_), "");
   }
   // What stands behind the tracks is no part of the video.
@@ -387,6 +365,34 @@ std::string described(BoxTree& trak) {
                          static_cast<int32_t>(readUInt32(rows, at + 4).value()));
   }
   return words;
+}
+
+TEST_F(CutMovieTest, TakesNoFileThatCannotBeReadForAHealthyOne) {
+  write(firstBytes(shortClip(), 0.6));
+  FaultyFileManager faulty(files_);
+  const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    SCOPED_TRACE(call);
+    const std::string failure = failureOf([&] { EXPECT_TRUE(isCutOff(faulty, file_)); });
+    EXPECT_NE(failure.empty(), faulty.fired()) << failure;
+  });
+  EXPECT_GT(reads, 3U);
+}
+
+/// Chunks that share bytes let a few bytes promise any number of samples.
+TEST_F(CutMovieTest, LeavesTablesThatPromiseMoreThanTheFileHolds) {
+  constexpr uint32_t chunks = 200, farAway = 100000;
+  BoxEditor editor(syntheticMovie({tenths("soun", 120)}, 10));
+  Bytes places = values({0, chunks});
+  for (uint32_t i = 1; i < chunks; ++i) ByteWriter(places).uint32(8);
+  ByteWriter(places).uint32(farAway);
+  for (const Bytes& table :
+       {fullBox("stsz", {1, 100 * chunks}), fullBox("stsc", {1, 1, 100, 1}), box("stco", {places})}) {
+    editor.replace(editor.at(sampleTable + "/" + std::string(textOf(ByteView(table).subspan(4, 4)))), table);
+  }
+  const Bytes file = joined({editor.bytes, boxClaiming(farAway, "mdat", {Bytes(9)})});
+  EXPECT_EQ(runStep(file), "");
+  EXPECT_EQ(written(), file);
+  EXPECT_FALSE(isCutOff(files_, file_));
 }
 
 TEST_F(CutMovieTest, LetsTimesFollowTheSamples) {

@@ -1,155 +1,22 @@
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
 #include <functional>
-#include <map>
 
-#include "fragments/FragmentsError.h"
-#include "fragments/FragmentsStep.h"
+#include "fragments/FragmentsTest.h"
 #include "mp4/EditList.h"
 #include "mp4/MP4SampleTableParser.h"
 #include "mp4/SampleTimes.h"
 #include "presentation/Presentation.h"
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
-#include "support/FileTest.h"
-#include "support/MediaMaker.h"
+#include "support/FaultyFileManager.h"
 #include "support/ProbedMovie.h"
-#include "support/RunRecorder.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
 namespace {
 
 using testing::ElementsAre;
-
-/// Runs the step on files and tells what became of them.
-class FragmentsTest : public FileTest {
- protected:
-  /// Returns what the step warns of, or how it fails, and leaves the file in the place of the one that was written.
-  std::string join(const Bytes& movie) {
-    write(movie);
-    RunRecorder recorder;
-    ProcessingRun run = recorder.runOn(files_, file_);
-    isPartly_ = false;
-    try {
-      FragmentsStep().run(run);
-    } catch (const FragmentsError& refusal) {
-      EXPECT_EQ(written(), movie);
-      return "refused: " + refusal.description();
-    }
-    EXPECT_TRUE(run.state.tempFiles.empty());
-    EXPECT_TRUE(files_.contentsOfDirectory(files_.temporaryDirectory()).empty());
-    isPartly_ = run.outcome.isPartly;
-    return fmt::format("{}", fmt::join(run.outcome.leftAlone, "; "));
-  }
-
-  bool isPartly_ = false;
-};
-
-// Real recordings -----------------------------------------------------------------------------------------------------
-
-Bytes contentsOf(const Path& file) {
-  PosixFileManager files(file.parent_path());
-  return readFile(files, file);
-}
-
-/// 6 s with B-frames, a sync picture each second, and sound.
-Path recording() {
-  return encodedVideo({.parameters = "keyint=25:b-adapt=0",
-                       .seconds = 6,
-                       .more = words("-f lavfi -i sine=r=48000:d=6 -map 0:v -map 1:a -c:a aac -ac 1")});
-}
-
-Bytes withFlags(const std::string& flags) {
-  return contentsOf(madeByFFmpeg(words("-i " + recording().string() + " -c copy -movflags " + flags)));
-}
-
-/// The beginning of a stream and these of its six segments, one behind the other; -1 is the beginning again.
-Bytes segments(const std::vector<int>& numbers) {
-  const TempDirectory place;
-  const auto made = runProcess({"ffmpeg", "-v", "error", "-i", recording(), "-c", "copy", "-f", "hls", "-hls_time", "1",
-                                "-hls_segment_type", "fmp4", "-hls_playlist_type", "vod", "-hls_segment_filename",
-                                place / "%d.m4s", place / "list.m3u8"});
-  EXPECT_EQ(made.output, "");
-  Bytes movie = contentsOf(place / "init.mp4");
-  for (const int number : numbers) {
-    movie = joined({movie, contentsOf(place / (number < 0 ? "init.mp4" : fmt::format("{}.m4s", number)))});
-  }
-  return movie;
-}
-
-struct Shape {
-  const char* name;
-  std::function<Bytes()> make;
-  std::string note = {};
-  /// ffprobe shows the pictures of a movie in fragments later by this, if they are composed ahead of their decoding.
-  double pictureDelay = 0;
-  std::function<Bytes()> truth = {};  ///< what the result must show, if that is not all that the source holds
-};
-
-class FragmentShapes : public FragmentsTest, public testing::WithParamInterface<Shape> {};
-
-/// The step's own result has the packets of the source, each at its time against all others; and the decoders have
-/// nothing to say.
-TEST_P(FragmentShapes, KeepAllSamplesAndTheirTimes) {
-  const Bytes movie = GetParam().make();
-  const Path source = directory_ / "source.mp4";
-  writeFileAtomically(files_, source, GetParam().truth ? GetParam().truth() : movie);
-  EXPECT_EQ(join(movie), GetParam().note);
-
-  ProbedMovie before(source), after(file_);
-  const auto shift = before.shown["audio"].front().seconds - after.shown["audio"].front().seconds;
-  for (const char* kind : {"video", "audio"}) {
-    SCOPED_TRACE(kind);
-    const double delay = kind == std::string_view("video") ? GetParam().pictureDelay : 0;
-    const auto &old = before.shown[kind], &plain = after.shown[kind];
-    ASSERT_EQ(old.size(), plain.size());
-    ASSERT_GT(old.size(), 90U);
-    for (size_t i = 0; i < old.size(); ++i) {
-      ASSERT_EQ(old[i].hash, plain[i].hash) << i;
-      ASSERT_EQ(old[i].flags[0], plain[i].flags[0]) << i;
-      ASSERT_NEAR(old[i].seconds - delay - shift, plain[i].seconds, 0.001) << i;
-    }
-  }
-  std::vector<std::string> boxes;
-  for (const auto& [type, bytes] : topLevel(after.bytes)) boxes.push_back(type);
-  EXPECT_THAT(boxes, ElementsAre("ftyp", "moov", "mdat"));
-  EXPECT_EQ(decoderComplaints(file_), "");
-
-  const Bytes plain = written();
-  EXPECT_EQ(join(plain), "");
-  EXPECT_EQ(written(), plain);
-}
-
-std::function<Bytes()> flags(const std::string& flags) {
-  return [flags] { return withFlags(flags); };
-}
-std::function<Bytes()> parts(const std::vector<int>& numbers) {
-  return [numbers] { return segments(numbers); };
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FragmentShapes,
-    testing::Values(Shape{"MoovAndFragments", flags("frag_keyframe")},
-                    Shape{"EmptyMoov", flags("frag_keyframe+empty_moov")},
-                    Shape{"DefaultBaseIsMoof", flags("frag_keyframe+empty_moov+default_base_moof")},
-                    Shape{"DelayedMoov", flags("frag_keyframe+delay_moov")},
-                    Shape{"NegativeOffsets", flags("frag_keyframe+empty_moov+negative_cts_offsets"), "", 0.04},
-                    Shape{"NoOffsetOfTheFragment", flags("frag_keyframe+empty_moov+omit_tfhd_offset")},
-                    Shape{"Segments", parts({0, 1, 2, 3, 4, 5})}, Shape{"WithoutTheFirstTwo", parts({2, 3, 4, 5})},
-                    Shape{"WithoutTheMiddleTwo", parts({0, 1, 4, 5}),
-                          "Track 1 has 1 gap of 2.000 s in all between its fragments; Track 2 has 1 gap of 2.005 s in "
-                          "all between its fragments"},
-                    Shape{"BeginningTwice", parts({0, 1, 2, -1, 3, 4, 5})},
-                    Shape{"ASegmentTwice", parts({0, 1, 2, 2, 3, 4, 5}),
-                          "25 samples of track 1 are there twice; the later ones count; 47 samples of track 2 are "
-                          "there twice; the later ones count",
-                          0, parts({0, 1, 2, 3, 4, 5})}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-// Movies put together by hand -----------------------------------------------------------------------------------------
 
 constexpr uint32_t nonSync = 0x10000;
 constexpr uint32_t dependsOnOthers = 0x1000000;
@@ -455,6 +322,11 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
   const Bytes piff = bytesFrom("A2394F52 5A9B4F14 A2446C42 7C648DF4");
   BoxEditor otherScale(beginning());
   otherScale.setField(otherScale.at("moov/trak/mdia/mdhd").offset + 20, 999);
+  BoxEditor shared(beginning({.samples = 3}));
+  for (const Bytes& table :
+       {fullBox("stsz", {1, 10000}), fullBox("stsc", {1, 1, 100, 1}), box("stco", {values({0, 100}), Bytes(400)})}) {
+    shared.replace(shared.at(sampleTable + "/" + std::string(textOf(ByteView(table).subspan(4, 4)))), table);
+  }
   const std::string encrypted = "refused: The movie is encrypted", stays = "The movie stays in fragments: the moof at ";
   const struct {
     const char* name;
@@ -498,6 +370,10 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
                                                    return traf({boxes});
                                                  })),
        stays},
+      {"the same in the moov", movieOf(shared.bytes, simpleFragment(100000, 2)),
+       "The movie stays in fragments: more samples are promised than the file can hold"},
+      {"a huge ftyp", joined({box("ftyp", {Bytes(17 << 20)}), beginning(), good}),
+       "The movie stays in fragments: the ftyp at 0 has 17825800 bytes"},
       {"ahead of the file", movieOf(beginning(), ofRun(trun(0x1, {1, 1U << 31}))), stays},
       {"behind the file, with more behind", movieOf(beginning(), joined({ofRun(trun(0x1, {1, 9999})), good})), stays},
   };
@@ -537,6 +413,28 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   EXPECT_EQ(result.get(sampleTable + "/sbgp"),
             box("sbgp", {values({0}), bytesFrom("'roll'"), values({3, 1, 1, 1, 0, 1, 1})}));
   EXPECT_FALSE(isPartly_);
+}
+
+/// A box whose header cannot be read is not the end of the movie.
+TEST_F(FragmentsTest, AReadThatFailsEndsTheRunAndCostsNoSample) {
+  const Bytes whole = joined({beginning(), simpleFragment(0, 2), simpleFragment(20, 2), simpleFragment(40, 2)});
+  BoxEditor cut(syntheticMovie({{.stts = {{9, 10}}, .samples = 9}}));
+  cut.bytes = MovieLayout(joined({cut.bytes, box("ftyp")})).moovAhead();
+  cut.bytes.resize(cut.bytes.size() - 1);
+  for (const Bytes& movie : {whole, cut.bytes}) {
+    FaultyFileManager faulty(files_);
+    const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+      SCOPED_TRACE(call);
+      write(movie);
+      RunRecorder recorder;
+      ProcessingRun run = recorder.runOn(faulty, file_);
+      const std::string failure = failureOf([&] { FragmentsStep().run(run); });
+      EXPECT_EQ(failure.find("fault of a test") != std::string::npos, faulty.fired()) << failure;
+      EXPECT_EQ(written() == movie, faulty.fired());
+      EXPECT_TRUE(run.state.tempFiles.empty());
+    });
+    EXPECT_GT(reads, 20U);
+  }
 }
 
 /// Headers of version 0 get long times if the durations need them.

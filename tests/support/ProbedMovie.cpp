@@ -10,34 +10,34 @@
 namespace tarn::test {
 namespace {
 
+ByteView moovOf(ByteView file) {
+  const auto boxes = topLevel(file);
+  return std::ranges::find(boxes, "moov", &std::pair<std::string, ByteView>::first)->second;
+}
+
+}  // namespace
+
 Packets packetsOf(const Path& file, bool takesEditLists) {
-  std::string text =
-      runProcess({"ffprobe", "-v", "error", "-ignore_editlist", takesEditLists ? "0" : "1", "-show_data_hash", "md5",
-                  "-of", "csv=p=0", "-show_entries", "packet=codec_type,pts,pts_time,dts,pos,flags,data_hash", file})
-          .output;
+  std::string text = runProcess({"ffprobe", "-v", "error", "-ignore_editlist", takesEditLists ? "0" : "1",
+                                 "-show_data_hash", "md5", "-of", "csv=p=0", "-show_entries",
+                                 "packet=codec_type,pts,pts_time,dts,size,pos,flags,data_hash", file})
+                         .output;
   std::ranges::replace(text, ',', ' ');
   std::istringstream words(text);
   Packets packets;
   Packet packet;
-  for (std::string kind;
-       words >> kind >> packet.pts >> packet.seconds >> packet.dts >> packet.place >> packet.flags >> packet.hash;) {
+  for (std::string kind; words >> kind >> packet.pts >> packet.seconds >> packet.dts >> packet.size >> packet.place >>
+                         packet.flags >> packet.hash;) {
     packets[kind].push_back(packet);
   }
   if (!words.eof()) throw std::runtime_error("not packets: " + text);
   return packets;
 }
 
-ByteView moovOf(ByteView file) {
-  const auto boxes = topLevel(file);
-  return std::ranges::find(boxes, "moov", &std::pair<std::string, ByteView>::first)->second;
-}
-
 Bytes contentsOf(const Path& file) {
   PosixFileManager files(file.parent_path());
   return readFile(files, file);
 }
-
-}  // namespace
 
 std::vector<std::pair<std::string, ByteView>> topLevel(ByteView file) {
   std::vector<std::pair<std::string, ByteView>> boxes;

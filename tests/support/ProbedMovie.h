@@ -18,6 +18,7 @@ struct Packet {
   int64_t pts;
   double seconds;  ///< of the pts
   int64_t dts;
+  int64_t size;       ///< bytes
   int64_t place;      ///< in the file
   std::string flags;  ///< "K" for a key, "D" where an edit list hides it
   std::string hash;
@@ -28,6 +29,12 @@ struct Packet {
 };
 /// By the kind of their track, "video" and "audio".
 using Packets = std::map<std::string, std::vector<Packet>>;
+
+/// The packets of a file, at the times that its edit lists give them or at those of the media.
+Packets packetsOf(const Path& file, bool takesEditLists);
+
+/// The bytes of a file, wherever it lies.
+Bytes contentsOf(const Path& file);
 
 /// The boxes of a file, one behind the other: types and bytes.
 std::vector<std::pair<std::string, ByteView>> topLevel(ByteView file);

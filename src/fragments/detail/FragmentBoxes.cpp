@@ -38,10 +38,6 @@ constexpr uint32_t entryFields[] = {hasDuration, hasSize, hasFlags, hasCompositi
 constexpr std::array<uint8_t, 16> encryptionUUID = {0xA2, 0x39, 0x4F, 0x52, 0x5A, 0x9B, 0x4F, 0x14,
                                                     0xA2, 0x44, 0x6C, 0x42, 0x7C, 0x64, 0x8D, 0xF4};
 
-MovieError damaged(const std::string& words) {
-  return {MovieError::Case::damaged, words};
-}
-
 uint32_t flagsOf(uint32_t versionAndFlags) {
   return versionAndFlags & 0xFF'FFFF;
 }
@@ -51,7 +47,7 @@ void forEachChild(ByteView parent, Visit visit) {
   BufferBoxWalker walker(parent, 0, parent.size(), boxwalk::openChildren);
   while (const auto child = walker.next()) {
     if (child->end() > parent.size() || child->contentOffset() > child->end()) {
-      throw damaged(fmt::format("a {} reaches over the end of its parent", child->type));
+      throw MovieError::damaged(fmt::format("a {} reaches over the end of its parent", child->type));
     }
     visit(*child, parent.subspan(child->contentOffset(), child->contentSize()));
   }
@@ -97,12 +93,13 @@ TrackFragment parseTrackFragment(ByteView contents, const DefaultsOfTrack& defau
     requireNotEncrypted(box.type, child);
     if (box.type == "tfhd" && !defaults) defaults = readHeader(child, defaultsOf, fragment);
   });
-  if (!defaults) throw damaged("a traf has no tfhd");
+  if (!defaults) throw MovieError::damaged("a traf has no tfhd");
   forEachChild(contents, [&](const BoxHeader& box, ByteView child) {
     if (box.type == "tfdt") fragment.decodeTime = readDecodeTime(child);
     if (box.type == "trun") fragment.runs.emplace_back(child, *defaults);
     if (box.type != "sgpd" && box.type != "sbgp") return;
-    if (box.headerSize != layout::boxHeaderSize) throw damaged(fmt::format("a {} has a 64-bit size", box.type));
+    if (box.headerSize != layout::boxHeaderSize)
+      throw MovieError::damaged(fmt::format("a {} has a 64-bit size", box.type));
     auto& boxes = box.type == "sgpd" ? fragment.groupDescriptions : fragment.sampleGroups;
     boxes.push_back(contents.subspan(box.offset, box.size));
   });
@@ -120,7 +117,7 @@ TrackRun::TrackRun(ByteView contents, const SampleDefaults& defaults) : defaults
   for (const uint32_t field : trun::entryFields) entrySize_ += has(field) ? sizeof(uint32_t) : 0;
   entries_ = contents.subspan(fields.position);
   if (entrySize_ > 0 && count_ > entries_.size() / entrySize_) {
-    throw damaged(fmt::format("a trun promises {} samples and ends ahead of them", count_));
+    throw MovieError::damaged(fmt::format("a trun promises {} samples and ends ahead of them", count_));
   }
 }
 
@@ -147,7 +144,7 @@ std::vector<TrackFragment> parseMovieFragment(ByteView moof, const DefaultsOfTra
   });
   return fragments;
 } catch (const ByteArrayError&) {
-  throw damaged("a box of it ends ahead of its fields");
+  throw MovieError::damaged("a box of it ends ahead of its fields");
 }
 
 std::optional<TrackExtends> parseTrackExtends(ByteView contents) try {

@@ -14,7 +14,7 @@ namespace {
 constexpr int64_t latest = MediaEdit::latestTime;
 
 void requireInRange(Int128 time) {
-  if (time > latest || time < -latest) throw MovieError(MovieError::Case::damaged, "an edit list reaches out of range");
+  if (time > latest || time < -latest) throw MovieError::damaged("an edit list reaches out of range");
 }
 
 Int128 roundedUp(Int128 value, Int128 divisor) {

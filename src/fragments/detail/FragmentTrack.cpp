@@ -16,17 +16,13 @@
 namespace tarn {
 namespace {
 
-MovieError damaged(const std::string& words) {
-  return {MovieError::Case::damaged, words};
-}
-
 constexpr std::string_view encryptedEntries[] = {"encv", "enca", "enct", "encs"};
 /// Kinds of groups (ISO/IEC 14496-12 10) whose descriptions mean the same in a plain movie.
 constexpr std::string_view knownGroups[] = {"roll", "prol", "rap ", "sync", "tele", "sap "};
 
 std::string_view groupingTypeOf(ByteView box) {
   const layout::Field& field = layout::groupingType;
-  if (box.size() < field.end()) throw damaged("a box of sample groups ends ahead of its fields");
+  if (box.size() < field.end()) throw MovieError::damaged("a box of sample groups ends ahead of its fields");
   return textOf(box.subspan(field.offset, field.width));
 }
 
@@ -36,7 +32,8 @@ FragmentTrack::FragmentTrack(const MovieBox& trak) {
   const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
   trackID_ = static_cast<uint32_t>(trackIDField.load(trak.find({"tkhd"})).value_or(0));
   timescale_ = static_cast<uint32_t>(headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0));
-  if (!stbl || trackID_ == 0 || timescale_ == 0) throw damaged("a track has no number, timescale or sample table");
+  if (!stbl || trackID_ == 0 || timescale_ == 0)
+    throw MovieError::damaged("a track has no number, timescale or sample table");
   readDescriptions(*stbl);
   tables_ = TrackTables::read(*stbl);
   samplesInMoov_ = tables_.sampleCount();
@@ -53,7 +50,7 @@ TrackTables::Composition FragmentTrack::media() const {
 
 void FragmentTrack::readDescriptions(const MovieBox& stbl) {
   const MovieBox* box = stbl.find({"stsd"});
-  if (!box) throw damaged("a track has no stsd");
+  if (!box) throw MovieError::damaged("a track has no stsd");
   stsd_ = box->plainBytes();
   BufferBoxWalker entries(stsd_, layout::tableHeaderSize, stsd_.size(), boxwalk::tableChildren);
   while (const auto entry = entries.next()) {

@@ -20,8 +20,6 @@ class FragmentTrack {
 
   uint32_t trackID() const { return trackID_; }
   uint32_t timescale() const { return timescale_; }
-  /// Entries of the `stsd`.
-  uint32_t descriptions() const { return descriptions_; }
   /// The whole `stsd`.
   const Bytes& stsd() const { return stsd_; }
 
@@ -70,7 +68,7 @@ class FragmentTrack {
 
   uint32_t trackID_ = 0;
   uint32_t timescale_ = 0;
-  uint32_t descriptions_ = 0;
+  uint32_t descriptions_ = 0;  ///< entries of the `stsd`
   Bytes stsd_;
   TrackTables tables_;
   uint64_t samplesInMoov_ = 0;

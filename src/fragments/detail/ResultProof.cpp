@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include "movie/TrackFields.h"
-#include "mp4/SampleTableBuilders.h"
 #include "mp4/TableBox.h"
 #include "presentation/Presentation.h"
 #include "presentation/RewriteCheck.h"
@@ -83,6 +82,7 @@ void requireSums(FileManager& files, const Path& result, const std::vector<Track
   if (tracks.size() != sums.size()) throw RefusedResult("the result would have another number of tracks");
   const auto file = files.open(result, OpenMode::reading);
   const auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
+  if (!moov) throw RefusedResult("the result would have no moov");
   FileBoxWalker walker(*file, moov->contentOffset(), moov->end(), boxwalk::tracks);
   for (size_t i = 0; i < sums.size();) {
     const auto box = walker.next();
