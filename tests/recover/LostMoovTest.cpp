@@ -156,10 +156,22 @@ TEST_F(LostMoovTest, WhatLiesAheadOfDamageOrACutIsKept) {
 TEST_F(LostMoovTest, DateAndPlaceOfTheHealthyMovieAreNotTakenOver) {
   const std::string facts =
       "-metadata creation_time=2020-02-02T02:02:02Z -metadata location=+47.5+008.7/ -metadata title=Lake";
-  rebuild(withoutMoov(recording(8, 30, avc)), recording(6, 200, avc + " " + facts));
-  const ProcessResult told =
-      runProcess({"ffprobe", "-v", "error", "-show_entries", "format_tags:stream_tags", result_});
-  for (const char* fact : {"2020", "47.5", "Lake"}) EXPECT_EQ(told.output.find(fact), std::string::npos) << told.output;
+  const Path file = recording(8, 30, avc), healthy = recording(6, 200, avc + " " + facts);
+  BoxEditor odd(readFile(files_, healthy));
+  for (const std::string& parent : {std::string("moov/trak/mdia"), std::string("moov/trak"), std::string("moov")}) {
+    odd.insert(parent, odd.at(parent).offset + 8, box("uuid", {Bytes(24, 9)}));  // ahead of the box with the date
+  }
+  writeFileAtomically(files_, directory_ / "odd.mp4", odd.bytes);
+  for (const Path& like : {healthy, directory_ / "odd.mp4"}) {
+    SCOPED_TRACE(like);
+    rebuild(withoutMoov(file), like);
+    const ProcessResult told =
+        runProcess({"ffprobe", "-v", "error", "-show_entries", "format_tags:stream_tags", result_});
+    for (const char* fact : {"2020", "47.5", "Lake"}) {
+      EXPECT_EQ(told.output.find(fact), std::string::npos) << told.output;
+    }
+    expectSamePackets(file);
+  }
 }
 
 TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
