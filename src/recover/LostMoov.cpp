@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -85,19 +84,6 @@ class MediaFinder {
   Media media_;
 };
 
-/// The types of the boxes that a file begins with.
-std::vector<std::string> typesIn(FileHandle& file) {
-  constexpr size_t mostBoxes = 1000;
-  std::vector<std::string> types;
-  FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevelScan);
-  while (const auto box = walker.next()) {
-    if (types.size() == mostBoxes || (types.empty() && !isNeighbour(box->type))) return types;
-    types.push_back(box->type);
-  }
-  if (walker.stop().type == "mdat") types.emplace_back("mdat");
-  return types;
-}
-
 /// One rebuilding, from the walk to the proof by decoding.
 class Rebuilding {
  public:
@@ -160,6 +146,7 @@ class Rebuilding {
 
   template <typename Sample, typename Time>
   void decode(const std::vector<Sample>& samples, DecodeCheck::Codec codec, const Bytes& configuration, Time timeOf) {
+    if (samples.empty()) return;
     DecodeCheck check(codec, configuration);
     bool isGood = true;
     for (size_t i = 0; i < samples.size() && isGood; ++i) {
@@ -198,9 +185,17 @@ class Rebuilding {
 }  // namespace
 
 bool hasLostMoov(FileManager& files, const Path& path) {
-  const std::vector<std::string> types = typesIn(*files.open(path, OpenMode::reading));
-  const auto has = [&](std::string_view type) { return std::ranges::find(types, type) != types.end(); };
-  return has("mdat") && !has("moov") && !has("moof");
+  constexpr size_t mostBoxes = 1000;
+  const auto file = files.open(path, OpenMode::reading);
+  FileBoxWalker walker(*file, 0, file->seekToEnd(), boxwalk::topLevelScan);
+  bool hasMedia = false;
+  for (size_t boxes = 0; boxes < mostBoxes; ++boxes) {
+    const auto box = walker.next();
+    if (!box) return hasMedia || walker.stop().type == "mdat";
+    if (box->type == "moov" || box->type == "moof" || (boxes == 0 && !isNeighbour(box->type))) return false;
+    hasMedia |= box->type == "mdat";
+  }
+  return hasMedia;
 }
 
 RebuiltMovie rebuildLostMoov(FileManager& files, const Path& broken, const Path& healthy, const Path& result,

@@ -241,7 +241,7 @@ class RecorderReader {
     std::ranges::sort(pieces);
     pieces.erase(std::unique(pieces.begin(), pieces.end()), pieces.end());
     constexpr size_t mostPieces = 1000;
-    if (pieces.size() > mostPieces || pieces.back() >> 32 != 0) throw unfit("its sound lies in no pattern");
+    if (pieces.size() > mostPieces || pieces.back() >> 31 != 0) throw unfit("its sound lies in no pattern");
   }
 
   /// Holds what a walk finds against the tables.
