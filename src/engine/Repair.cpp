@@ -81,7 +81,7 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   RepairResult result;
   Path source = request.input;
   const Kind kind = kindOf(disk, request.input);
-  const bool mayBeRebuilt = kind.what == Kind::What::lacksMoov && hasLostMoov(files, request.input);
+  const bool mayBeRebuilt = request.like && kind.what == Kind::What::lacksMoov;
   if (!kind.isMedia() && !mayBeRebuilt) throw Error("Repair", -1, kind.sentence("it"));
   if (request.like) {
     source = home.path() / "rebuilt.mp4";
@@ -91,10 +91,6 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
       return {};
     }
     files.copyItem(source, video);
-  } else if (mayBeRebuilt) {
-    throw LostMoovError(
-        "its moov, the index of its media, is missing: download it again, or rebuild it with --like and a healthy "
-        "recording from the same device");
   } else {
     files.layOver(video, request.input);
   }

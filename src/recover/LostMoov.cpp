@@ -13,6 +13,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
+#include "mp4/MP4BoxUtils.h"
 #include "recover/detail/FoundMedia.h"
 #include "recover/detail/MediaWalk.h"
 #include "recover/detail/RebuiltMoov.h"
@@ -42,7 +43,9 @@ class MediaFinder {
 
   Media find() {
     FileBoxWalker walker(file_, 0, fileSize_, boxwalk::topLevelScan);
-    while (const auto box = walker.next()) {
+    for (size_t count = 0; count < MP4BoxUtils::mostTopLevelHeaders; ++count) {
+      const auto box = walker.next();
+      if (!box) break;
       if (box->type == "moov" && box->end() <= fileSize_) {
         throw LostMoovError("The moov of this movie is there: repair it without --like");
       }
@@ -54,7 +57,9 @@ class MediaFinder {
     }
     const BoxWalkStop& stop = walker.stop();
     if (media_.begin == 0 && stop.type == "mdat") add(stop.offset + headerSizeAt(stop.offset), fileSize_);
-    if (media_.begin == 0 || media_.begin >= fileSize_) throw LostMoovError("There are no media (mdat) in this file");
+    if (media_.begin == 0 || media_.begin >= fileSize_) {
+      throw LostMoovError("This file holds no media (mdat) outside of fragments");
+    }
     return media_;
   }
 
@@ -183,20 +188,6 @@ class Rebuilding {
 };
 
 }  // namespace
-
-bool hasLostMoov(FileManager& files, const Path& path) {
-  constexpr size_t mostBoxes = 1000;
-  const auto file = files.open(path, OpenMode::reading);
-  FileBoxWalker walker(*file, 0, file->seekToEnd(), boxwalk::topLevelScan);
-  bool hasMedia = false;
-  for (size_t boxes = 0; boxes < mostBoxes; ++boxes) {
-    const auto box = walker.next();
-    if (!box) return hasMedia || walker.stop().type == "mdat";
-    if (box->type == "moov" || box->type == "moof" || (boxes == 0 && !isNeighbour(box->type))) return false;
-    hasMedia |= box->type == "mdat";
-  }
-  return hasMedia;
-}
 
 RebuiltMovie rebuildLostMoov(FileManager& files, const Path& broken, const Path& healthy, const Path& result,
                              const std::function<void(double)>& poll) {

@@ -109,7 +109,6 @@ TEST_F(LostMoovTest, ARecordingIsWhatItWas) {
     SCOPED_TRACE(row.encoding);
     const Path file = recording(8, 30, row.encoding, row.shape, row.ending);
     const Bytes broken = withoutMoov(file, row.loss);
-    EXPECT_EQ(hasLostMoov(files_, write(broken)), row.loss != Loss::moovCut);
     const RebuiltMovie rebuilt = rebuild(broken, recording(6, 200, row.encoding, row.shape, row.ending));
     EXPECT_FALSE(rebuilt.brokenOff) << rebuilt.brokenOff.value_or("");
     EXPECT_NEAR(rebuilt.seconds, 8, 0.05);
@@ -227,7 +226,6 @@ TEST_F(LostMoovTest, AHealthyMovieThatCannotServeIsToldWhy) {
   EXPECT_EQ(refusal(broken, directory_ / "odd.mp4"),
             "The healthy movie cannot serve: its pictures are neither AVC nor HEVC (\"\")");
   EXPECT_EQ(refusal(readFile(files_, file), file), "The moov of this movie is there: repair it without --like");
-  EXPECT_FALSE(hasLostMoov(files_, file));
 }
 
 TEST_F(LostMoovTest, BytesThatAreNoMediaAreRefused) {
@@ -245,11 +243,10 @@ TEST_F(LostMoovTest, BytesThatAreNoMediaAreRefused) {
       file.insert(file.end(), media.begin(), media.end());
       EXPECT_NE(refusal(file, like).find("no picture was found"), std::string::npos);
     }
-    EXPECT_EQ(refusal(ftyp, like), "There are no media (mdat) in this file");
-    EXPECT_EQ(refusal({}, like), "There are no media (mdat) in this file");
-    EXPECT_EQ(refusal(noise, like), "There are no media (mdat) in this file");
+    EXPECT_EQ(refusal(ftyp, like), "This file holds no media (mdat) outside of fragments");
+    EXPECT_EQ(refusal({}, like), "This file holds no media (mdat) outside of fragments");
+    EXPECT_EQ(refusal(noise, like), "This file holds no media (mdat) outside of fragments");
   }
-  EXPECT_FALSE(hasLostMoov(files_, write(noise)));
 }
 
 }  // namespace
