@@ -173,6 +173,17 @@ TEST_F(LostMoovTest, DateAndPlaceOfTheHealthyMovieAreNotTakenOver) {
   }
 }
 
+TEST_F(LostMoovTest, ATrackWithoutSamplesInTheHealthyMovieIsPassedOver) {
+  const Path healthy = recording(6, 200, avc);
+  BoxEditor movie(readFile(files_, healthy));
+  const auto pictures = movie.at("moov/trak");
+  BoxEditor empty(movie.get("moov"));
+  empty.setField(empty.at("moov/trak/mdia/minf/stbl/stsz").offset + 16, 0);
+  movie.insert("moov", pictures.offset, empty.get("moov/trak"));
+  writeFileAtomically(files_, directory_ / "odd.mp4", movie.bytes);
+  EXPECT_EQ(rebuild(withoutMoov(recording(8, 30, avc)), directory_ / "odd.mp4").pictures, 200U);
+}
+
 TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
   const Bytes brokenAVC = withoutMoov(recording(8, 30, avc)), brokenHEVC = withoutMoov(recording(8, 30, hevc));
   const std::string mono = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 1";

@@ -119,8 +119,8 @@ class RecorderReader {
     }
     const auto timescale = headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0);
     if (timescale == 0) throw unfit("a track has no timescale");
-    const auto box = MP4BoxUtils::findTrack(*file_, moovBox_, isPictures ? MP4TrackType::video : MP4TrackType::audio);
-    const auto stbl = box ? MP4BoxUtils::findDescendant(*file_, *box, {"mdia", "minf", "stbl"}) : std::nullopt;
+    const MP4BoxInfo box{moovBox_.offset + trak.offset, trak.oldSize, trak.type, static_cast<int>(trak.head.size())};
+    const auto stbl = MP4BoxUtils::findDescendant(*file_, box, {"mdia", "minf", "stbl"});
     if (!stbl) throw unfit("a track has no sample table");
     Places& places = isPictures ? pictures_ : sound_;
     places = {std::make_unique<SampleLocations>(*file_, *stbl), std::move(tables)};
