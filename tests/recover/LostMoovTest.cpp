@@ -173,13 +173,13 @@ TEST_F(LostMoovTest, DateAndPlaceOfTheHealthyMovieAreNotTakenOver) {
   }
 }
 
-TEST_F(LostMoovTest, ATrackWithoutSamplesInTheHealthyMovieIsPassedOver) {
-  const Path healthy = recording(6, 200, avc);
-  BoxEditor movie(readFile(files_, healthy));
-  const auto pictures = movie.at("moov/trak");
-  BoxEditor empty(movie.get("moov"));
-  empty.setField(empty.at("moov/trak/mdia/minf/stbl/stsz").offset + 16, 0);
-  movie.insert("moov", pictures.offset, empty.get("moov/trak"));
+TEST_F(LostMoovTest, TracksWithoutSamplesInTheHealthyMovieArePassedOver) {
+  BoxEditor movie(readFile(files_, recording(6, 200, avc)));
+  for (const char* other : {"-c:v libx264 -an", "-vn -c:a pcm_s16le"}) {
+    BoxEditor empty(readFile(files_, recording(1, 0, other, "s=192x144:r=25", ".mov")));
+    empty.setField(empty.at("moov/trak/mdia/minf/stbl/stsz").offset + 16, 0);
+    movie.insert("moov", movie.at("moov/trak").offset, empty.get("moov/trak"));
+  }
   writeFileAtomically(files_, directory_ / "odd.mp4", movie.bytes);
   EXPECT_EQ(rebuild(withoutMoov(recording(8, 30, avc)), directory_ / "odd.mp4").pictures, 200U);
 }

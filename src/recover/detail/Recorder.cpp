@@ -169,8 +169,10 @@ class RecorderReader {
 
   void readSound(const MovieBox& trak, size_t index, uint32_t timescale) {
     const auto tracks = AVAsset(files_, path_).tracks(AVMediaType::audio);
-    if (tracks.empty() || tracks.front().formatDescriptions.size() != 1) throw unfit("its sound cannot be read");
-    const CMFormatDescription& format = *tracks.front().formatDescriptions.front();
+    const auto track = std::ranges::find(tracks, moovBox_.offset + trak.offset,
+                                         [](const AVAssetTrack& each) { return each.trak.offset; });
+    if (track == tracks.end() || track->formatDescriptions.size() != 1) throw unfit("its sound cannot be read");
+    const CMFormatDescription& format = *track->formatDescriptions.front();
     recorder_.sound = RecordedSound{.trak = index, .timescale = timescale};
     if (format.codec == "mp4a" && indicatesAAC(format.objectTypeIndication)) {
       readAAC(format);
