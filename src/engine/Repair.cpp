@@ -46,21 +46,16 @@ Path placeOf(const Path& output) {
   return failure ? output : place;
 }
 
-/// Makes a movie of the input, whose `moov` is lost, and says so in the result. Throws Error, CancellationError.
-void rebuild(LayeredFiles& files, const RepairRequest& request, const Path& rebuilt, CancellationToken& token,
-             const RepairProgress& progress, RepairResult& result) {
+/// Makes a movie of the input, whose `moov` is lost. Throws Error, CancellationError.
+RebuiltMovie rebuild(LayeredFiles& files, const RepairRequest& request, const Path& rebuilt, CancellationToken& token,
+                     const RepairProgress& progress) {
   constexpr double step = 0.05;
   double told = 0;
   const auto poll = [&](double part) {
     token.throwIfCancelled();
     if (progress && part >= told + step) progress("Rebuilding", told = part);
   };
-  const RebuiltMovie movie = rebuildLostMoov(files, request.input, *request.like, rebuilt, poll);
-  result.note = fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
-                            movie.pictures, movie.seconds);
-  if (!movie.brokenOff) return;
-  result.outcome.isPartly = true;
-  result.outcome.leftAlone.push_back(*movie.brokenOff);
+  return rebuildLostMoov(files, request.input, *request.like, rebuilt, poll);
 }
 
 void append(std::optional<std::string>& note, const std::string& sentence) {
@@ -79,22 +74,21 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   const Path video = home.path() / "Documents" / "video.mp4";
   const auto facts = disk.attributes(request.input);
   RepairResult result;
+  RebuiltMovie rebuilt;
   Path source = request.input;
   const Kind kind = kindOf(disk, request.input);
-  const bool mayBeRebuilt = kind.what == Kind::What::lacksMoov && hasLostMoov(files, request.input);
+  const bool mayBeRebuilt = request.like && kind.what == Kind::What::lacksMoov;
   if (!kind.isMedia() && !mayBeRebuilt) throw Error("Repair", -1, kind.sentence("it"));
   if (request.like) {
     source = home.path() / "rebuilt.mp4";
     try {
-      rebuild(files, request, source, *token, progress, result);
+      rebuilt = rebuild(files, request, source, *token, progress);
     } catch (const CancellationError&) {
       return {};
     }
     files.copyItem(source, video);
-  } else if (mayBeRebuilt) {
-    throw LostMoovError(
-        "its moov, the index of its media, is missing: download it again, or rebuild it with --like and a healthy "
-        "recording from the same device");
+    result.note = fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
+                              rebuilt.pictures, rebuilt.seconds);
   } else {
     files.layOver(video, request.input);
   }
@@ -115,10 +109,11 @@ RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<Canc
   RepairSteps steps;
   PlacingStep last(files, {source, request.input, facts}, {home.path() / "result", place});
   ProcessingDriver(files, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token);
-  RunOutcome outcome = listener.outcome();
-  outcome.isPartly |= result.outcome.isPartly;
-  outcome.leftAlone.insert(outcome.leftAlone.begin(), result.outcome.leftAlone.begin(), result.outcome.leftAlone.end());
-  result.outcome = std::move(outcome);
+  result.outcome = listener.outcome();
+  if (rebuilt.brokenOff) {
+    result.outcome.isPartly = true;
+    result.outcome.leftAlone.insert(result.outcome.leftAlone.begin(), *rebuilt.brokenOff);
+  }
   return result;
 }
 

@@ -22,7 +22,7 @@ struct RepairRequest {
 
 struct RepairResult {
   RunOutcome outcome;               ///< unless it is saved, nothing was written
-  std::optional<std::string> note;  ///< what was not repaired, and why
+  std::optional<std::string> note;  ///< what was rebuilt, and what was not repaired and why
 };
 
 /// How far a stage of the repair has come, from 0 to 1.

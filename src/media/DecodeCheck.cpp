@@ -105,8 +105,10 @@ bool DecodeCheck::finish() {
 }
 
 uint64_t DecodeCheck::goodSamples() const {
-  if (!state_->hasComplained || state_->inside.empty()) return state_->taken;
-  return std::ranges::min_element(state_->inside, {}, &std::pair<const int64_t, uint64_t>::second)->second;
+  if (!state_->hasComplained || state_->taken == 0) return state_->taken;
+  uint64_t firstDoubtful = state_->taken - 1;  // a part of it may have come out
+  for (const auto& [shownAt, number] : state_->inside) firstDoubtful = std::min(firstDoubtful, number);
+  return firstDoubtful;
 }
 
 }  // namespace tarn

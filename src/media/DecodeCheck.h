@@ -28,7 +28,7 @@ class DecodeCheck {
   bool finish();
 
   /// How many samples, from the first on, are known to be good: after a complaint, those ahead of the first one that
-  /// had not come out until then; without one, all that were taken.
+  /// had not come out until then, and never the one that was taken last; without one, all that were taken.
   uint64_t goodSamples() const;
 
  private:

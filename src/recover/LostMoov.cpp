@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -14,6 +13,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/DataExtensions.h"
+#include "mp4/MP4BoxUtils.h"
 #include "recover/detail/FoundMedia.h"
 #include "recover/detail/MediaWalk.h"
 #include "recover/detail/RebuiltMoov.h"
@@ -43,7 +43,9 @@ class MediaFinder {
 
   Media find() {
     FileBoxWalker walker(file_, 0, fileSize_, boxwalk::topLevelScan);
-    while (const auto box = walker.next()) {
+    for (size_t count = 0; count < MP4BoxUtils::mostTopLevelHeaders; ++count) {
+      const auto box = walker.next();
+      if (!box) break;
       if (box->type == "moov" && box->end() <= fileSize_) {
         throw LostMoovError("The moov of this movie is there: repair it without --like");
       }
@@ -55,7 +57,9 @@ class MediaFinder {
     }
     const BoxWalkStop& stop = walker.stop();
     if (media_.begin == 0 && stop.type == "mdat") add(stop.offset + headerSizeAt(stop.offset), fileSize_);
-    if (media_.begin == 0 || media_.begin >= fileSize_) throw LostMoovError("There are no media (mdat) in this file");
+    if (media_.begin == 0 || media_.begin >= fileSize_) {
+      throw LostMoovError("This file holds no media (mdat) outside of fragments");
+    }
     return media_;
   }
 
@@ -84,19 +88,6 @@ class MediaFinder {
   uint64_t fileSize_;
   Media media_;
 };
-
-/// The types of the boxes that a file begins with.
-std::vector<std::string> typesIn(FileHandle& file) {
-  constexpr size_t mostBoxes = 1000;
-  std::vector<std::string> types;
-  FileBoxWalker walker(file, 0, file.seekToEnd(), boxwalk::topLevelScan);
-  while (const auto box = walker.next()) {
-    if (types.size() == mostBoxes || (types.empty() && !isNeighbour(box->type))) return types;
-    types.push_back(box->type);
-  }
-  if (walker.stop().type == "mdat") types.emplace_back("mdat");
-  return types;
-}
 
 /// One rebuilding, from the walk to the proof by decoding.
 class Rebuilding {
@@ -160,6 +151,7 @@ class Rebuilding {
 
   template <typename Sample, typename Time>
   void decode(const std::vector<Sample>& samples, DecodeCheck::Codec codec, const Bytes& configuration, Time timeOf) {
+    if (samples.empty()) return;
     DecodeCheck check(codec, configuration);
     bool isGood = true;
     for (size_t i = 0; i < samples.size() && isGood; ++i) {
@@ -196,12 +188,6 @@ class Rebuilding {
 };
 
 }  // namespace
-
-bool hasLostMoov(FileManager& files, const Path& path) {
-  const std::vector<std::string> types = typesIn(*files.open(path, OpenMode::reading));
-  const auto has = [&](std::string_view type) { return std::ranges::find(types, type) != types.end(); };
-  return has("mdat") && !has("moov") && !has("moof");
-}
 
 RebuiltMovie rebuildLostMoov(FileManager& files, const Path& broken, const Path& healthy, const Path& result,
                              const std::function<void(double)>& poll) {

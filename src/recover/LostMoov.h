@@ -22,10 +22,6 @@ struct RebuiltMovie {
   std::optional<std::string> brokenOff = {};  ///< where and why the rest is lost; nothing if there is no rest
 };
 
-/// True for a file that begins as a movie does and holds media, and neither a `moov`, whole or cut, nor fragments: no
-/// player shows it, and rebuildLostMoov() may help. Throws PosixError.
-bool hasLostMoov(FileManager& files, const Path& path);
-
 /// Rebuilds a movie without a `moov` from its media alone, with the help of a healthy movie of the same recorder: one
 /// AVC or HEVC track of one sample entry whose pictures all last equally long, and at most one track of AAC-LC or PCM.
 /// Pictures are the length-prefixed units whose slice headers parse under the parameter sets of the healthy movie, and

@@ -79,21 +79,26 @@ TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
 TEST_F(RepairTest, AMovieWhoseMoovIsLostIsRebuiltLikeAHealthyOne) {
   const Path whole = damagedFlashBeepClip(6, 2, {}), healthy = damagedFlashBeepClip(4, 2, {});
   Bytes broken = readFile(files_, whole);
-  broken.resize(BoxEditor(broken).at("moov").offset);
+  const size_t moov = BoxEditor(broken).at("moov").offset, inTrack = BoxEditor(broken).at("moov/trak").offset + 100;
+  broken.resize(inTrack);
   write(broken);
   const auto refused = repair(in_, out_);
   EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_NE(refused.errors.find("rebuild it with --like"), std::string::npos) << refused.errors;
+  EXPECT_NE(refused.errors.find("rebuild it with `tarn repair --like`"), std::string::npos) << refused.errors;
   const auto misled = repair(in_, out_, {"--like", damagedFlashBeepClip(4, 1, {}).string()});
   EXPECT_EQ(misled.exitCode, 1);
   EXPECT_NE(misled.errors.find("breaks at byte"), std::string::npos) << misled.errors;
   EXPECT_EQ(filesBesideOut(), 0);
 
-  const auto rebuilt = repair(in_, out_, {"--like", healthy.string()});
-  EXPECT_EQ(rebuilt.exitCode, 0) << rebuilt.errors;
-  EXPECT_EQ(mediaHashes(out_), mediaHashes(whole));
-  EXPECT_EQ(frameHashes(out_), frameHashes(whole));
-  EXPECT_EQ(contentOf(in_), source_);
+  for (const size_t end : {inTrack, moov}) {
+    broken.resize(end);
+    write(broken);
+    const auto rebuilt = repair(in_, out_, {"--like", healthy.string()});
+    EXPECT_EQ(rebuilt.exitCode, 0) << rebuilt.errors;
+    EXPECT_EQ(mediaHashes(out_), mediaHashes(whole));
+    EXPECT_EQ(frameHashes(out_), frameHashes(whole));
+    EXPECT_EQ(contentOf(in_), source_);
+  }
 
   broken.resize(broken.size() * 3 / 4);
   write(broken);

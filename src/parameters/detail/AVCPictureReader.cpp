@@ -8,7 +8,7 @@
 namespace tarn {
 namespace {
 
-enum NALType : uint8_t { slice = 1, idr = 5, sei = 6, sps = 7, pps = 8, delimiter = 9, filler = 12 };
+enum NALType : uint8_t { slice = 1, idr = 5, sei = 6, delimiter = 9, filler = 12 };
 enum SliceType : uint32_t { P = 0, B = 1, I = 2, SP = 3, SI = 4 };
 
 constexpr uint32_t mostReferences = 32;
@@ -39,7 +39,7 @@ AVCPPSInfo readPPS(ByteView unit) {
 /// Reads one slice header from front to back; each step says whether its values are allowed.
 class HeaderReader {
  public:
-  HeaderReader(ByteView rbsp, uint8_t type, uint8_t referenceIDC) : bits_(rbsp), type_(type), idc_(referenceIDC) {}
+  HeaderReader(ByteView rbsp, bool isIDR, uint8_t referenceIDC) : bits_(rbsp), isIDR_(isIDR), idc_(referenceIDC) {}
 
   /// Nothing for a slice of no such set.
   std::optional<StreamUnit> read(const std::map<uint32_t, AVCSPSInfo>& allSPS,
@@ -52,27 +52,26 @@ class HeaderReader {
     if (pps == allPPS.end()) return std::nullopt;
     pps_ = &pps->second;
     sps_ = &allSPS.at(pps_->sps);
-    const bool isIDR = type_ == idr;
-    if (isIDR && (idc_ == 0 || (sliceType_ != I && sliceType_ != SI))) return std::nullopt;
-    unit_ = {.isFirst = firstBlock == 0, .isSync = isIDR, .startsOrder = isIDR, .isReference = idc_ != 0};
-    readPlace(isIDR);
+    if (isIDR_ && (idc_ == 0 || !isIntra())) return std::nullopt;
+    unit_ = {.isFirst = firstBlock == 0, .isSync = isIDR_, .startsOrder = isIDR_, .isReference = idc_ != 0};
+    readPlace();
     const uint32_t blocks = sps_->macroblocks / (unit_.isField ? 2 : 1);
-    const bool isAllowed =
-        firstBlock < blocks && readReferences() && readMarking(isIDR) && readDecoding() && !bits_.atEnd();
+    const bool isAllowed = firstBlock < blocks && readReferences() && readMarking() && readDecoding() && !bits_.atEnd();
     return isAllowed ? std::optional(unit_) : std::nullopt;
   }
 
  private:
   bool isB() const { return sliceType_ == B; }
+  bool isIntra() const { return sliceType_ == I || sliceType_ == SI; }
   bool isP() const { return sliceType_ == P || sliceType_ == SP; }
 
   /// Number and order of the picture.
-  void readPlace(bool isIDR) {
+  void readPlace() {
     if (sps_->hasSeparatePlanes) bits_.readBits(2);
     unit_.frameNumber = bits_.readBits(static_cast<int>(sps_->frameNumberBits));
     if (!sps_->framesOnly) unit_.isField = bits_.readBits(1) != 0;
     if (unit_.isField) unit_.isBottom = bits_.readBits(1) != 0;
-    if (isIDR) readUE(bits_);  // idr_pic_id
+    if (isIDR_) readUE(bits_);  // idr_pic_id
     if (sps_->orderType == 0) {
       unit_.orderLSB = bits_.readBits(static_cast<int>(sps_->orderBits));
       if (pps_->hasDeltaOfBottom && !unit_.isField) unit_.deltaOfBottom = bits_.readSE();
@@ -130,9 +129,9 @@ class HeaderReader {
   }
 
   /// dec_ref_pic_marking (7.3.3.3).
-  bool readMarking(bool isIDR) {
+  bool readMarking() {
     if (idc_ == 0) return true;
-    if (isIDR) {
+    if (isIDR_) {
       bits_.readBits(2);
       return true;
     }
@@ -149,8 +148,7 @@ class HeaderReader {
   }
 
   bool readDecoding() {
-    const bool isIntra = sliceType_ == I || sliceType_ == SI;
-    if (pps_->usesCABAC && !isIntra && readUE(bits_) > 2) return false;
+    if (pps_->usesCABAC && !isIntra() && readUE(bits_) > 2) return false;
     const int32_t quantizer = bits_.readSE();
     if (quantizer < -87 || quantizer > 87) return false;
     if (sliceType_ == SP || sliceType_ == SI || !pps_->hasDeblocking) return true;
@@ -164,7 +162,7 @@ class HeaderReader {
   }
 
   BitReader bits_;
-  uint8_t type_;
+  bool isIDR_;
   uint8_t idc_;
   uint32_t sliceType_ = 0;
   const AVCPPSInfo* pps_ = nullptr;
@@ -204,7 +202,7 @@ std::optional<StreamUnit> AVCPictureReader::read(ByteView front) const {
     case slice:
     case idr: {
       const Bytes rbsp = removeEmulationPrevention(front.first(std::min(front.size(), frontSize)));
-      return HeaderReader(ByteView(rbsp).subspan(1), type, idc).read(sps_, pps_);
+      return HeaderReader(ByteView(rbsp).subspan(1), type == idr, idc).read(sps_, pps_);
     }
     case sei:
       return idc == 0 && isSEI(front.subspan(1), front.size() < frontSize)
@@ -212,8 +210,8 @@ std::optional<StreamUnit> AVCPictureReader::read(ByteView front) const {
                  : std::nullopt;
     case delimiter:
       return idc == 0 && isDelimiter(front.subspan(1)) ? std::optional(StreamUnit{.role = Role::ahead}) : std::nullopt;
-    case sps:
-    case pps:
+    case avcNALType::sps:
+    case avcNALType::pps:
       return idc != 0 ? std::optional(StreamUnit{.role = Role::ahead}) : std::nullopt;
     default:
       return type > delimiter && type <= filler && idc == 0 ? std::optional(StreamUnit{.role = Role::behind})

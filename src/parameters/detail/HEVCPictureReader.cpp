@@ -14,20 +14,18 @@ namespace {
 enum NALType : uint8_t {
   lastLeading = 9,  // RASL_R
   firstIRAP = 16,   // BLA_W_LP
-  lastBLA = 18,
   firstIDR = 19,
   lastIDR = 20,
   cra = 21,
   delimiter = 35,
   endOfSequence = 36,
   filler = 38,
-  lastReservedAhead = 44,
   firstUnspecified = 48,
   firstUnspecifiedBehind = 56,
 };
 enum SliceType : uint32_t { B = 0, P = 1, I = 2 };
 
-constexpr size_t headerSize = 2;
+constexpr size_t headerSize = hevcNALCodec.headerSize;
 
 Error unreadable(const char* words) {
   return {"PictureReader", -1, words};
@@ -61,16 +59,17 @@ HEVCSliceRules readSPS(BitReader& bits, uint32_t& id) {
     for (int side = 0; side < 4; ++side) readUE(bits);
   }
   for (int plane = 0; plane < 2; ++plane) readUE(bits);  // bit depths
-  rules.orderBits = readUE(bits) + 4;
+  const uint64_t orderBits = uint64_t{readUE(bits)} + 4;
   const bool hasAllSubLayers = bits.readBits(1) != 0;
   for (uint32_t i = hasAllSubLayers ? 0 : subLayersMinus1; i <= subLayersMinus1; ++i) {
     for (int field = 0; field < 3; ++field) readUE(bits);
   }
   const uint64_t smallest = uint64_t{readUE(bits)} + 3;
   const uint64_t log2Size = smallest + readUE(bits);
-  if (bits.atEnd() || rules.orderBits > 16 || log2Size > 6 || width - 1 >= 16384 || height - 1 >= 16384) {
+  if (bits.atEnd() || orderBits > 16 || log2Size > 6 || width - 1 >= 16384 || height - 1 >= 16384) {
     throw unreadable("A sequence parameter set cannot be read");
   }
+  rules.orderBits = static_cast<unsigned>(orderBits);
   const auto inBlocks = [&](uint64_t length) { return (length + (1U << log2Size) - 1) >> log2Size; };
   rules.blocks = static_cast<uint32_t>(inBlocks(width) * inBlocks(height));
   rules.addressBits = static_cast<unsigned>(std::bit_width(rules.blocks - 1));

@@ -9,10 +9,10 @@ namespace {
 
 constexpr size_t mostHeldBack = 16;  // pictures in a decoder (ITU-T H.264 and H.265 A.4)
 
-/// Counts of the pictures from `first` on, ascending.
-std::vector<int64_t> countsFrom(const std::vector<FoundPicture>& pictures, size_t first) {
+/// Counts of the pictures from `first` to `end`, ascending.
+std::vector<int64_t> countsOf(const std::vector<FoundPicture>& pictures, size_t first, size_t end) {
   std::vector<int64_t> counts;
-  for (size_t i = first; i < pictures.size(); ++i) counts.push_back(pictures[i].order.count);
+  for (size_t i = first; i < end; ++i) counts.push_back(pictures[i].order.count);
   std::ranges::sort(counts);
   return counts;
 }
@@ -21,11 +21,8 @@ std::vector<int64_t> countsFrom(const std::vector<FoundPicture>& pictures, size_
 int64_t smallestStep(const std::vector<FoundPicture>& pictures) {
   int64_t step = std::numeric_limits<int64_t>::max();
   for (size_t first = 0, end = 0; first < pictures.size(); first = end) {
-    std::vector<int64_t> counts;
-    while (end < pictures.size() && pictures[end].order.sequence == pictures[first].order.sequence) {
-      counts.push_back(pictures[end++].order.count);
-    }
-    std::ranges::sort(counts);
+    while (end < pictures.size() && pictures[end].order.sequence == pictures[first].order.sequence) ++end;
+    const std::vector<int64_t> counts = countsOf(pictures, first, end);
     for (size_t i = 1; i < counts.size(); ++i) {
       if (counts[i] > counts[i - 1]) step = std::min(step, counts[i] - counts[i - 1]);
     }
@@ -66,12 +63,12 @@ void FoundMedia::breakAt(uint64_t offset) {
 void FoundMedia::dropPicturesBehindHole() {
   const int64_t step = smallestStep(pictures);
   if (step == 0) return;
-  std::vector<FoundPicture> kept = pictures;
-  for (size_t dropped = 0; dropped <= mostHeldBack && !kept.empty(); ++dropped, kept.pop_back()) {
-    size_t first = kept.size() - 1;
-    while (first > 0 && kept[first - 1].order.sequence == kept.back().order.sequence) --first;
-    if (hasHole(countsFrom(kept, first), step)) continue;
-    pictures = std::move(kept);
+  const size_t fewest = pictures.size() - std::min(pictures.size() - 1, mostHeldBack);
+  for (size_t kept = pictures.size(); kept >= fewest; --kept) {
+    size_t first = kept - 1;
+    while (first > 0 && pictures[first - 1].order.sequence == pictures[kept - 1].order.sequence) --first;
+    if (hasHole(countsOf(pictures, first, kept), step)) continue;
+    pictures.resize(kept);
     return;
   }
 }

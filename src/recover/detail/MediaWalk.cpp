@@ -104,9 +104,7 @@ bool MediaWalk::takeSound() {
 
 std::optional<uint32_t> MediaWalk::packetSize() {
   const auto block = packets_->read(bytes_.at(at_, AACBlockReader::longestBlock));
-  if (!block || (!recorder_.sound->elements.empty() && block->elements != recorder_.sound->elements)) {
-    return std::nullopt;
-  }
+  if (!block || block->elements != recorder_.sound->elements) return std::nullopt;
   return static_cast<uint32_t>(block->size);
 }
 

@@ -1,6 +1,7 @@
 #include "recover/detail/RebuiltMoov.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,11 +32,13 @@ TrackTables pictureTables(const FoundMedia& found, const RecordedPictures& recor
 TrackTables soundTables(const FoundMedia& found, const RecordedSound& recorded) {
   TrackTables tables;
   uint64_t sample = 0;
+  uint64_t time = 0;
   for (const FoundSound& piece : found.sound) {
     const uint32_t size = recorded.isPCM ? recorded.blockSize : piece.size;
-    for (uint32_t at = 0; at + size <= piece.size; at += size, ++sample) {
-      const uint64_t duration = recorded.timeOf(sample + 1) - recorded.timeOf(sample);
-      tables.append({.offset = piece.offset + at, .size = size, .duration = static_cast<uint32_t>(duration)});
+    for (uint64_t at = 0; at + size <= piece.size; at += size) {
+      const uint64_t end = recorded.timeOf(++sample);
+      tables.append({.offset = piece.offset + at, .size = size, .duration = static_cast<uint32_t>(end - time)});
+      time = end;
     }
   }
   return tables;
@@ -59,8 +62,9 @@ uint64_t fitEdits(MovieBox& trak, int64_t mediaEnd, uint32_t timescale, uint32_t
 }
 
 /// A recording's place, date and names are its own: those of the healthy movie are not true of another one.
-void forgetHowItCameAbout(MovieBox& box, MovieBox* timeHeader) {
+void forgetHowItCameAbout(MovieBox& box, std::string_view timeHeaderType) {
   for (const char* type : {"udta", "meta", "uuid"}) box.removeAll(type);
+  MovieBox* timeHeader = box.find({timeHeaderType});
   if (timeHeader == nullptr || timeHeader->contents.empty()) return;
   const size_t begin = layout::versionAndFlags.end() - layout::boxHeaderSize;
   const size_t times = timeHeader->contents.front() == 0 ? 8 : 16;  // of creation and modification
@@ -72,16 +76,15 @@ void forgetHowItCameAbout(MovieBox& box, MovieBox* timeHeader) {
 
 PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
   PlainMovie movie{.ftyp = std::move(recorder.ftyp), .moov = std::move(recorder.moov), .tables = {}};
+  forgetHowItCameAbout(movie.moov, "mvhd");
   MovieBox* mvhd = movie.moov.find({"mvhd"});
   const auto movieTimescale = static_cast<uint32_t>(headerTimescaleField.load(mvhd).value_or(0));
   if (movieTimescale == 0) throw MovieError(MovieError::Case::damaged, "The healthy movie has no timescale");
-  forgetHowItCameAbout(movie.moov, mvhd);
-  mvhd = movie.moov.find({"mvhd"});
   uint64_t longest = 0;
   for (MovieBox& trak : movie.moov.children) {
     if (trak.type != "trak") continue;
-    forgetHowItCameAbout(trak, trak.find({"tkhd"}));
-    if (MovieBox* mdia = trak.find({"mdia"})) forgetHowItCameAbout(*mdia, mdia->find({"mdhd"}));
+    forgetHowItCameAbout(trak, "tkhd");
+    if (MovieBox* mdia = trak.find({"mdia"})) forgetHowItCameAbout(*mdia, "mdhd");
     const size_t index = movie.tables.size();
     TrackTables& tables = movie.tables.emplace_back();
     const bool isPictures = index == recorder.pictures.trak;

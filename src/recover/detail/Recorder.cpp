@@ -119,8 +119,8 @@ class RecorderReader {
     }
     const auto timescale = headerTimescaleField.load(trak.find({"mdia", "mdhd"})).value_or(0);
     if (timescale == 0) throw unfit("a track has no timescale");
-    const auto box = MP4BoxUtils::findTrack(*file_, moovBox_, isPictures ? MP4TrackType::video : MP4TrackType::audio);
-    const auto stbl = box ? MP4BoxUtils::findDescendant(*file_, *box, {"mdia", "minf", "stbl"}) : std::nullopt;
+    const MP4BoxInfo box{moovBox_.offset + trak.offset, trak.oldSize, trak.type, static_cast<int>(trak.head.size())};
+    const auto stbl = MP4BoxUtils::findDescendant(*file_, box, {"mdia", "minf", "stbl"});
     if (!stbl) throw unfit("a track has no sample table");
     Places& places = isPictures ? pictures_ : sound_;
     places = {std::make_unique<SampleLocations>(*file_, *stbl), std::move(tables)};
@@ -169,8 +169,10 @@ class RecorderReader {
 
   void readSound(const MovieBox& trak, size_t index, uint32_t timescale) {
     const auto tracks = AVAsset(files_, path_).tracks(AVMediaType::audio);
-    if (tracks.empty() || tracks.front().formatDescriptions.size() != 1) throw unfit("its sound cannot be read");
-    const CMFormatDescription& format = *tracks.front().formatDescriptions.front();
+    const auto track = std::ranges::find(tracks, moovBox_.offset + trak.offset,
+                                         [](const AVAssetTrack& each) { return each.trak.offset; });
+    if (track == tracks.end() || track->formatDescriptions.size() != 1) throw unfit("its sound cannot be read");
+    const CMFormatDescription& format = *track->formatDescriptions.front();
     recorder_.sound = RecordedSound{.trak = index, .timescale = timescale};
     if (format.codec == "mp4a" && indicatesAAC(format.objectTypeIndication)) {
       readAAC(format);
@@ -241,7 +243,7 @@ class RecorderReader {
     std::ranges::sort(pieces);
     pieces.erase(std::unique(pieces.begin(), pieces.end()), pieces.end());
     constexpr size_t mostPieces = 1000;
-    if (pieces.size() > mostPieces || pieces.back() >> 32 != 0) throw unfit("its sound lies in no pattern");
+    if (pieces.size() > mostPieces || pieces.back() >> 31 != 0) throw unfit("its sound lies in no pattern");
   }
 
   /// Holds what a walk finds against the tables.
