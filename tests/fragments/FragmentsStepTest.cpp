@@ -420,7 +420,7 @@ TEST_F(FragmentsTest, AReadThatFailsEndsTheRunAndCostsNoSample) {
   const Bytes whole = joined({beginning(), simpleFragment(0, 2), simpleFragment(20, 2), simpleFragment(40, 2)});
   BoxEditor cut(syntheticMovie({{.stts = {{9, 10}}, .samples = 9}}));
   cut.bytes = MovieLayout(joined({cut.bytes, box("ftyp")})).moovAhead();
-  cut.bytes.resize(cut.bytes.size() - 1);
+  cut.bytes.pop_back();
   for (const Bytes& movie : {whole, cut.bytes}) {
     FaultyFileManager faulty(files_);
     const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
