@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tarn/tarn.h>
+#include <tarn/transfer.h>
 
 #include <chrono>
 #include <cstdint>
@@ -55,6 +56,7 @@ struct SaveRequest {
   bool skipVideoFix = false;
   bool skipAudioFix = false;
   std::optional<int64_t> id = {};  ///< for the download, if it is free; else the engine chooses one
+  TransferOptions transfer = {};
 };
 
 /// The download engine of a home. A home has one engine at a time: that of the process which came first. An Engine

@@ -1,14 +1,27 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 namespace tarn {
 
-/// The exit codes of `tarn`.
-enum ExitCode : int { done = 0, failed = 1, usage = 2, partly = 5, interrupted = 130 };
+/// The exit codes of `tarn`. Of several files: `failed` if any of them is not `done`.
+enum ExitCode : int {
+  done = 0,
+  failed = 1,  ///< and the same again fails too
+  usage = 2,
+  repairable = 3,  ///< `inspect`: a repair would mend the file
+  refused = 4,     ///< no video, or beyond repair
+  partly = 5,      ///< kept, and a part of the video is missing
+  mayTryAgain = 75,
+  interrupted = 130,
+};
 
 struct GlobalOptions {
   std::optional<std::string> home;
@@ -17,34 +30,21 @@ struct GlobalOptions {
   std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
-struct SaveOptions {
-  std::string url;
-  std::string album;
-  std::optional<std::string> filename;
-  bool skipVideoFix = false;
-  bool skipAudioFix = false;
+/// The commands of `tarn` while its arguments are parsed. Each command adds itself with its options; the one that the
+/// user wants sets `chosen`.
+struct CommandTable {
+  CLI::App& app;
+  const GlobalOptions& global;
+  /// Runs the command and returns its exit code. What it throws is a failure for the caller to print.
+  std::function<int()> chosen = {};
 };
 
-struct RepairArguments {
-  std::string input;
-  std::string output;
-  bool skipVideoFix = false;
-  bool skipAudioFix = false;
-  std::optional<std::string> like = {};
-};
-
-struct ServeOptions {
-  uint16_t port = 0;                     ///< 0: any that is free
-  std::optional<std::string> webFolder;  ///< a built page; else the program's own
-};
-
-/// Each command returns its exit code. What it throws is a failure for the caller to print.
-int saveCommand(const GlobalOptions& global, const SaveOptions& options);
-int resumeCommand(const GlobalOptions& global);
-int repairCommand(const GlobalOptions& global, const RepairArguments& arguments);
-int inspectCommand(const GlobalOptions& global, const std::string& file);
-int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album);
-int serveCommand(const GlobalOptions& global, const ServeOptions& options);
-int demoCommand(const GlobalOptions& global);
+void addSaveCommand(CommandTable& table);
+void addResumeCommand(CommandTable& table);
+void addRepairCommand(CommandTable& table);
+void addInspectCommand(CommandTable& table);
+void addLibraryCommands(CommandTable& table);
+void addServeCommand(CommandTable& table);
+void addDemoCommand(CommandTable& table);
 
 }  // namespace tarn

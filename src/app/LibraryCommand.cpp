@@ -1,6 +1,9 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
+#include <memory>
+
 #include "app/Commands.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
@@ -34,8 +37,6 @@ void printAlbum(const GlobalOptions& global, PHPhotoLibrary& photos, const PHAss
   }
 }
 
-}  // namespace
-
 int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album) {
   const Path home = homeDirectory(global.home);
   PosixFileManager files(home);
@@ -48,6 +49,16 @@ int libraryCommand(const GlobalOptions& global, const std::optional<std::string>
   }
   for (const PHAssetCollection& collection : albums) printAlbum(global, photos, collection);
   return ExitCode::done;
+}
+
+}  // namespace
+
+void addLibraryCommands(CommandTable& table) {
+  const auto album = std::make_shared<std::optional<std::string>>();
+  CLI::App* library = table.app.add_subcommand("library", "List the albums and what is in them");
+  library->add_option("--album", *album, "Only this album");
+  library->callback(
+      [&table, album] { table.chosen = [&table, album] { return libraryCommand(table.global, *album); }; });
 }
 
 }  // namespace tarn

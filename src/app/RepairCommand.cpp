@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 #include <tarn/repair.h>
 
+#include <CLI/CLI.hpp>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,16 +14,19 @@
 namespace tarn {
 namespace {
 
+struct RepairArguments {
+  std::string input;
+  std::string output;
+  RepairOptions options;
+};
+
 RepairReport repair(const RepairArguments& arguments, const std::stop_token& cancel, bool showsProgress) {
   std::optional<ProgressPrinter> printer;
   if (showsProgress) printer.emplace();
   const auto progress = [&](std::string_view stage, double done) {
     if (printer) printer->showStage(std::string(stage), static_cast<int64_t>(done * 100));
   };
-  return repairFile(
-      arguments.input, arguments.output,
-      {.skipVideoFix = arguments.skipVideoFix, .skipAudioFix = arguments.skipAudioFix, .like = arguments.like},
-      progress, cancel);
+  return repairFile(arguments.input, arguments.output, arguments.options, progress, cancel);
 }
 
 int reportFailure(const GlobalOptions& global, const RepairArguments& arguments, const std::string& words) {
@@ -29,8 +34,6 @@ int reportFailure(const GlobalOptions& global, const RepairArguments& arguments,
   printFailure(fmt::format("{0} was not repaired: {1}. `tarn inspect {0}` tells more.", arguments.input, words));
   return ExitCode::failed;
 }
-
-}  // namespace
 
 int repairCommand(const GlobalOptions& global, const RepairArguments& arguments) {
   std::stop_source cancel;
@@ -54,6 +57,20 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& arguments)
     printLine(report.output.string());
   }
   return report.isPartly ? ExitCode::partly : ExitCode::done;
+}
+
+}  // namespace
+
+void addRepairCommand(CommandTable& table) {
+  const auto given = std::make_shared<RepairArguments>();
+  CLI::App* repair = table.app.add_subcommand("repair", "Repair a local file; the result is a file of its own");
+  repair->add_option("IN", given->input, "The file to repair; it is never changed")->required();
+  repair->add_option("-o,--output", given->output, "The result; it appears whole or not at all")->required();
+  repair->add_flag("--skip-video-fix", given->options.skipVideoFix, "Only copy the file");
+  repair->add_flag("--skip-audio-fix", given->options.skipAudioFix, "Leave sound and timing as they are");
+  repair->add_option("--like", given->options.like,
+                     "A healthy recording of the same device, for IN whose moov is lost");
+  repair->callback([&table, given] { table.chosen = [&table, given] { return repairCommand(table.global, *given); }; });
 }
 
 }  // namespace tarn

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
 #include <set>
@@ -159,11 +160,17 @@ class Resume {
   int looksAtTheEnd_ = 0;
 };
 
-}  // namespace
-
 int resumeCommand(const GlobalOptions& global) {
   CommandEngine command(global);
   return command.leave(Resume(global, command.engine()).run());
+}
+
+}  // namespace
+
+void addResumeCommand(CommandTable& table) {
+  table.app.add_subcommand("resume", "Finish what was interrupted")->callback([&table] {
+    table.chosen = [&table] { return resumeCommand(table.global); };
+  });
 }
 
 }  // namespace tarn

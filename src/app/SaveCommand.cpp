@@ -1,5 +1,8 @@
+#include "app/SaveCommand.h"
+
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <random>
@@ -7,7 +10,6 @@
 
 #include "api/FileNames.h"
 #include "app/CommandEngine.h"
-#include "app/Commands.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
 #include "app/VanishedWork.h"
@@ -201,6 +203,18 @@ class Save {
 int saveCommand(const GlobalOptions& global, const SaveOptions& options) {
   CommandEngine command(global);
   return command.leave(Save(global, options, command.engine()).run());
+}
+
+void addSaveCommand(CommandTable& table) {
+  const auto options = std::make_shared<SaveOptions>();
+  CLI::App* save = table.app.add_subcommand("save", "Save the video at a URL into an album");
+  save->add_option("URL", options->url, "An http or https URL")->required();
+  save->add_option("--album", options->album, "The album; it is made when there is none of this name")->required();
+  save->add_option("--filename", options->filename, "The file's name in the album (else the URL's last part)");
+  save->add_flag("--skip-video-fix", options->skipVideoFix, "Leave the file as it comes");
+  save->add_flag("--skip-audio-fix", options->skipAudioFix, "Leave sound and timing as they come");
+  save->callback(
+      [&table, options] { table.chosen = [&table, options] { return saveCommand(table.global, *options); }; });
 }
 
 }  // namespace tarn

@@ -1,4 +1,6 @@
+#include <CLI/CLI.hpp>
 #include <chrono>
+#include <memory>
 
 #include "api/OwnEngine.h"
 #include "app/CommandEngine.h"
@@ -12,6 +14,11 @@
 
 namespace tarn {
 namespace {
+
+struct ServeOptions {
+  uint16_t port = 0;                          ///< 0: any that is free
+  std::optional<std::string> webFolder = {};  ///< a built page; else the program's own
+};
 
 /// Has stored runs taken up, whichever process left them, or whatever kept them from going on. The engine starts one
 /// when the application comes to the foreground, which no page may do for long.
@@ -42,8 +49,6 @@ Path ownPage() {
   return std::filesystem::exists(installed / "index.html", ignored) ? installed : built;
 }
 
-}  // namespace
-
 int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   const Path home = homeDirectory(global.home);
   PosixFileManager files(home);
@@ -69,6 +74,19 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   }
   printFailure("Interrupted; what has been done is kept. The next start goes on with it.");
   return ExitCode::interrupted;
+}
+
+}  // namespace
+
+void addServeCommand(CommandTable& table) {
+  const auto options = std::make_shared<ServeOptions>();
+  CLI::App* serve =
+      table.app.add_subcommand("serve", "Show a page on this machine that drives it all; prints its address");
+  serve->add_option("--port", options->port, "The port on 127.0.0.1 (else any that is free)");
+  serve->add_option("--web", options->webFolder, "The folder of the built page");
+  serve->excludes(table.app.get_option("--json"));
+  serve->callback(
+      [&table, options] { table.chosen = [&table, options] { return serveCommand(table.global, *options); }; });
 }
 
 }  // namespace tarn

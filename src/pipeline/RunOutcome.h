@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/summary.h>
+
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -24,6 +26,7 @@ struct RunOutcome {
   std::vector<std::string> leftAlone = {};  ///< what the run could not mend without harm and left as it was, and why
   bool isRefused = false;                   ///< a failure: it is no video, and the words say what to do instead
   bool isPartly = false;                    ///< a part of the video is missing, as `leftAlone` says
+  RepairSummary summary = {};               ///< of a run that came to its last step
 
   static RunOutcome failed(int64_t id, Where where, const std::exception_ptr& failure);
 

@@ -1,10 +1,11 @@
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 
-#include "app/Commands.h"
 #include "app/Output.h"
+#include "app/SaveCommand.h"
 #include "app/demo/BeatMeter.h"
 #include "app/demo/DamagedClip.h"
 #include "app/demo/LoopbackServer.h"
@@ -81,8 +82,6 @@ void tableOfBeats(FileManager& files, const Path& before, const Path& after, con
   }
 }
 
-}  // namespace
-
 int demoCommand(const GlobalOptions& global) {
   GlobalOptions options = global;
   const Path place = std::filesystem::temp_directory_path() / ("tarn-demo-" + makeUUID());
@@ -105,6 +104,14 @@ int demoCommand(const GlobalOptions& global) {
   describe("after", inspect(files, saved));
   tableOfBeats(files, source, saved, place);
   return ExitCode::done;
+}
+
+}  // namespace
+
+void addDemoCommand(CommandTable& table) {
+  CLI::App* demo = table.app.add_subcommand("demo", "Make a damaged recording, save it, and show what was repaired");
+  demo->excludes(table.app.get_option("--json"));
+  demo->callback([&table] { table.chosen = [&table] { return demoCommand(table.global); }; });
 }
 
 }  // namespace tarn
