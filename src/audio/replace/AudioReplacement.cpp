@@ -41,7 +41,7 @@ SourceTiming timingOf(const std::optional<OriginalSyncInfo>& info) {
   return timing;
 }
 
-/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing where the video
+/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing if the video
 /// itself serves. The copy is in the run's record.
 std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   constexpr std::string_view none = "Audio transcoding: No audio edit list found - using original file";
