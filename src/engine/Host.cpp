@@ -1,5 +1,7 @@
 #include "engine/Host.h"
 
+#include <algorithm>
+
 #include "download/DocumentsSweep.h"
 #include "download/DownloadRequest.h"
 #include "kind/Kind.h"
@@ -85,6 +87,13 @@ std::vector<int64_t> Host::records() {
   std::vector<int64_t> ids;
   for (const ProcessingState& state : store_.allStates()) ids.push_back(state.downloadId);
   return ids;
+}
+
+bool Host::hasTransfers() {
+  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [](const std::string& text) {
+    const auto note = NotedDownload::parse(text);
+    return !note || !note->isPaused;
+  });
 }
 
 std::vector<int64_t> Host::transfers() {

@@ -20,6 +20,11 @@ class Host;
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
 ///   in words.
+/// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`
+/// of
+///   them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there are
+///   at `most`, the `seconds` until it comes, and `why` the last one failed.
+/// - changeDownload {id, action}: "pause" stops a transfer and keeps what it has fetched, "resume" lets it go on.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
 class HostPlugin : public CAPPlugin {
  public:
@@ -40,7 +45,12 @@ class HostPlugin : public CAPPlugin {
   void getOutcome(const CAPPluginCallPointer& call);
   void getAsset(const CAPPluginCallPointer& call);
   void getStoredWork(const CAPPluginCallPointer& call);
+  void getTransfers(const CAPPluginCallPointer& call);
+  void changeDownload(const CAPPluginCallPointer& call);
   void takeUpStoredRun(const CAPPluginCallPointer& call);
+
+  void pause(int64_t id, const CAPPluginCallPointer& call);
+  void resume(int64_t id, const CAPPluginCallPointer& call);
 
   Host& host_;
 };
