@@ -23,6 +23,8 @@ void PlacingStep::run(ProcessingRun& run) {
   }
   if (!harms.empty()) {
     run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
+    run.outcome.summary.done.clear();
+    run.outcome.summary.after = run.outcome.summary.before;
   }
   const Path& taken = harms.empty() ? run.fileURL : source_.path;
   files_.materialise(taken, result_.made, [&] { run.token->throwIfCancelled(); });
