@@ -2,6 +2,7 @@
 
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingGate.h"
+#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ScriptedStep.h"
@@ -24,6 +25,7 @@ class Engine : public RunListener {
     const char* const names[] = {"saved", "failed", "cancelled"};
     notes_.push_back(names[static_cast<size_t>(run.outcome.kind)]);
     if (!run.outcome.words.empty()) notes_.push_back(run.outcome.words);
+    if (run.outcome.isDiskFull) notes_.emplace_back("(no room)");
     return gate_.endRun(run.token, run.outcome, [](int64_t) { return true; }).wasTakenAway;
   }
 
@@ -53,7 +55,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
       const Error failure("Test", -1, "the album is full");
       run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
     });
-    ProcessingDriver driver(files_, clock_, store_, names_, engine_,
+    ProcessingDriver driver(faulty_, clock_, store_, names_, engine_,
                             {.fragments = fragments_,
                              .remux = &remux,
                              .audio = &audio,
@@ -89,6 +91,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
     return gate_.resume(id, [](const ProcessingState&) { return true; });
   }
 
+  FaultyFileManager faulty_{files_};
   ManualClock clock_;
   ProcessingStateManager store_{defaults_, files_, clock_};
   ProcessingGate gate_{store_};
@@ -265,6 +268,18 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     EXPECT_TRUE(lines_.contains("Cleaned up temp file: x.m4a"));
     EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
   }
+}
+
+TEST_F(ProcessingDriverTest, AFullDiskIsSeenThoughTheWorkerMakesAnotherFailureOfIt) {
+  disturb_ = [&](ProcessingRun& run) {
+    faulty_.arm({.errnum = ENOSPC, .lasting = true, .among = {FileOperation::write}});
+    try {
+      rewrite(run);
+    } catch (const Error&) {
+      throw Error("Worker", -1, "cannot write");
+    }
+  };
+  EXPECT_EQ(run(), remuxStages + "transcodingPass1 transcodingPass2 failed cannot write (no room)");
 }
 
 // A record may have lost the names of its temp files; and the video may be called like one of them.
