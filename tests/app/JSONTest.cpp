@@ -79,7 +79,7 @@ class JSONTest : public testing::Test {
 TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   std::vector<std::string> all{"inspect"};
   for (const DamagedMovie& movie : damagedMovies()) {
-    const std::string file = put(movie.name + ".mp4", movie.bytes);
+    const std::string file = put(std::string(movie.name) + ".mp4", movie.bytes);
     all.push_back(file);
   }
   run(all, 1);
