@@ -92,9 +92,9 @@ test('a save with the keyboard alone, from the form to the playing video', async
   await page.focus('#url');
   await page.keyboard.press('Enter');
   assert.match(await page.textContent('#url-error'), /Paste the address/);
-  assert.equal(await page.getAttribute('#album', 'aria-invalid'), 'true');
+  assert.equal(await page.getAttribute('#url', 'aria-invalid'), 'true');
   await page.keyboard.type('ftp://127.0.0.1/clip%20one.mp4');
-  assert.equal(await page.inputValue('#filename'), 'clip one.mp4');
+  assert.equal(await page.getAttribute('#filename', 'placeholder'), 'clip one.mp4');
   await page.keyboard.press('Tab');
   await page.keyboard.type('Trips');
   await page.keyboard.press('Enter');
@@ -188,7 +188,7 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   await inPhase(second, 'clip.mp4', 'loading');
   assert.match(await row(second, 'clip.mp4').textContent(), / of .*MB/);
   await inPhase(second, 'clip.mp4', 'saved');
-  await second.waitForSelector('.album:has-text("Trips") video');
+  await second.waitForSelector('.album:has-text("Trips") .video:has-text("clip.mp4")');
   assert.equal(media.requests.length, 1);
 });
 
@@ -274,6 +274,7 @@ test('the host is killed and started again: the page reconnects and the download
   assert.deepEqual(await waiting, { limit: 3, queued: 0 }, 'a command that was given meanwhile');
   assert.match(await given, /started anew/, 'a command that may have been run is not run again');
   await inPhase(page, 'clip.mp4', 'saved');
+  await page.click('.album:has-text("Trips") .poster');
   const video = page.locator('.album:has-text("Trips") video');
   await until('its picture', () => video.evaluate((element) => element.videoWidth > 0));
   const cookies = (await context.cookies()).filter((cookie) => cookie.name === name);

@@ -50,7 +50,7 @@ const coolDown = 600;
 /** Events come once a second; a download that none told of for so long is asked for. */
 const silence = 2500;
 
-export function isActive({ phase }: Download): boolean {
+export function isActive({ phase }: { phase: Phase }): boolean {
   return phase === 'waiting' || phase === 'loading' || phase === 'processing';
 }
 
@@ -121,6 +121,12 @@ export class Downloads {
   async dismiss(id: number): Promise<void> {
     if (this.held.has(id)) await TarnBridge.cancel({ id });
     this.forget([id]);
+  }
+
+  /** The engine begins it anew, perhaps under the same id. */
+  expectAgain(id: number): void {
+    this.known.delete(id);
+    this.forgotten.delete(id);
   }
 
   /** Asks the engine what it has: after a time without connection, and while an active download stays silent. */
