@@ -123,10 +123,9 @@ export class Downloads {
     this.forget([id]);
   }
 
-  /** The engine begins it anew, perhaps under the same id. */
-  expectAgain(id: number): void {
-    this.known.delete(id);
-    this.forgotten.delete(id);
+  /** The host has begun it anew, as another one. */
+  replaced(id: number): void {
+    this.forget([id]);
   }
 
   /** Asks the engine what it has: after a time without connection, and while an active download stays silent. */

@@ -97,7 +97,7 @@ async function act(action: CardAction, id: number): Promise<void> {
 async function tell({ id, name }: Card, action: DownloadAction): Promise<void> {
   await changeDownload(id, action);
   if (action === 'retry' || action === 'retryAsItCame') {
-    downloads.expectAgain(id);
+    downloads.replaced(id);
     announce(`${name}: started again`);
   }
   await Promise.all([downloads.refresh(), history.refresh()]);
