@@ -52,6 +52,14 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const DownloadRequest& 
   return parts_->starter.start(request, delegate, wantedId);
 }
 
+DownloadTaskPointer DownloadManager::takeIn(const Path& file, const DownloadRequest& request,
+                                            const DelegatePointer& delegate) {
+  if (parts_->removal.isBlocking()) return nullptr;
+  const DownloadTaskPointer task = parts_->starter.takeWithoutTransfer(request, delegate);
+  parts_->events.handOver(task, request, file);
+  return task;
+}
+
 void DownloadManager::cancelDownloadFileBy(int64_t id) {
   parts_->removal.cancel(id);
 }

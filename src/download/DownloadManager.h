@@ -34,6 +34,11 @@ class DownloadManager {
   DownloadTaskPointer startDownloadFileBy(const DownloadRequest& request, const DelegatePointer& delegate,
                                           std::optional<int64_t> wantedId = std::nullopt);
 
+  /// Has a file of this machine repaired and saved, as if a transfer had brought it; it is moved away. May look into
+  /// the whole file. The delegate hears of all that comes, of a hand-over that fails too. Null when new downloads are
+  /// blocked.
+  DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request, const DelegatePointer& delegate);
+
   /// Stops one download wherever it is, and removes it. Nobody is told. An unknown id is ignored.
   void cancelDownloadFileBy(int64_t id);
   /// Stops and removes everything, and blocks new downloads for half a second.

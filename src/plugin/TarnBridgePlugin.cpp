@@ -125,6 +125,12 @@ void TarnBridge::startSaving(std::optional<int64_t> id, const CAPPluginCallPoint
   call->resolve(TaskPayload(*task).summary());
 }
 
+DownloadTaskPointer TarnBridge::takeIn(const Path& file, const DownloadRequest& request) {
+  auto task = downloadManager().takeIn(file, request, shared_from_this());
+  if (task) watcher_->startCheckingProgress();
+  return task;
+}
+
 void TarnBridge::cancel(const CAPPluginCallPointer& call) {
   auto id = call->getInt("id");
   if (!id) return call->reject("No such download");

@@ -45,6 +45,10 @@ class TarnBridge : public CAPPlugin,
   /// The command saveVideo, for the host: the download gets `id`, if that is free and above 0. A page chooses none.
   void saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call);
 
+  /// Has a file of this machine repaired and saved as if it had been downloaded, for the host; it is moved away. Null
+  /// when new downloads are blocked.
+  DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request);
+
   void appDidEnterBackground() override;
   void appWillEnterForeground() override;
   void appWillTerminate() override;

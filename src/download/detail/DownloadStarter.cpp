@@ -140,6 +140,15 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   return task;
 }
 
+DownloadTaskPointer DownloadStarter::takeWithoutTransfer(const DownloadRequest& request,
+                                                         const DelegatePointer& delegate) {
+  const auto task = std::make_shared<DownloadTask>(engine_.platform.files, makeId(std::nullopt), request);
+  task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::processing; });
+  engine_.registry.insert(task);
+  engine_.registry.setDelegate(task->id, delegate);
+  return task;
+}
+
 void DownloadStarter::startOrQueue(const PendingDownload& download) {
   const int64_t id = download.task->id;
   const DownloadQueue::Admission admission = engine_.queue.admit(download);
