@@ -17,6 +17,10 @@ void Engine::open() {
   session_->join();
 }
 
+bool Engine::openRunning() {
+  return session_->joinRunning();
+}
+
 int64_t Engine::save(const SaveRequest& request) {
   JSObject options{{"url", request.url},
                    {"album", request.album},
@@ -62,6 +66,14 @@ std::optional<std::filesystem::path> Engine::savedSince(std::chrono::system_cloc
 
 Engine::StoredWork Engine::storedWork() {
   return session_->storedWork();
+}
+
+std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {
+  return session_->history(limit);
+}
+
+void Engine::clearHistory(std::optional<int64_t> id) {
+  session_->clearHistory(id);
 }
 
 void Engine::takeUpStoredRun() {

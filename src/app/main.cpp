@@ -33,6 +33,7 @@ int run(int argc, char** argv) {
   addRepairCommand(table);
   addInspectCommand(table);
   addLibraryCommands(table);
+  addDownloadsCommands(table);
   addServeCommand(table);
   addDemoCommand(table);
 

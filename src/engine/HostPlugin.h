@@ -17,7 +17,11 @@ class Host;
 /// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
-///   in words.
+///   in words, and `notices` of what harms no download.
+/// - getHistory {limit}: `entries`, as HistoryEntry::json() has them, the newest first; `problem`, in words, if there
+/// is
+///   one; `log`, the path of the log. All entries without a limit.
+/// - clearHistory {id}: removes a download that has ended from the history; without an id all of them.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
 class HostPlugin : public CAPPlugin {
  public:
@@ -38,6 +42,8 @@ class HostPlugin : public CAPPlugin {
   void getOutcome(const CAPPluginCallPointer& call);
   void getAsset(const CAPPluginCallPointer& call);
   void getStoredWork(const CAPPluginCallPointer& call);
+  void getHistory(const CAPPluginCallPointer& call);
+  void clearHistory(const CAPPluginCallPointer& call);
   void takeUpStoredRun(const CAPPluginCallPointer& call);
 
   Host& host_;

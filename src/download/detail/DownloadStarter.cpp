@@ -124,6 +124,7 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, request.skipVideoFix, request.skipAudioFix);
   const PendingDownload download{.task = task, .delegate = delegate};
+  engine_.news.began(*task);
   engine_.registry.insert(task);
   storeAhead(task);
   const DownloadQueue::Admission admission = engine_.queue.admit(download);
