@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -93,10 +94,10 @@ class TARN_API Engine {
 
   /// What is stored in the home.
   struct StoredWork {
-    std::vector<int64_t> runs;       ///< downloads that wait for a repair or are in one, oldest first
-    std::vector<int64_t> records;    ///< downloads with a record of their repair, ended ones too
-    std::vector<int64_t> transfers;  ///< downloads with a transfer
-    bool hasTransfers = false;
+    std::vector<int64_t> runs;          ///< downloads that wait for a repair or are in one, oldest first
+    std::vector<int64_t> records;       ///< downloads with a record of their repair, ended ones too
+    std::vector<int64_t> transfers;     ///< downloads with a transfer
+    bool hasTransfers = false;          ///< that go on by themselves: not only paused ones
     bool isProcessing = false;          ///< a repair is going on
     std::vector<std::string> problems;  ///< what is stored and cannot be used, in words
     std::vector<std::string> notices;   ///< what was put aside, or is missing without harm to any download, in words
@@ -144,6 +145,13 @@ class TARN_API Engine {
   /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, EngineLost.
   int64_t save(const SaveRequest& request);
   void cancel(int64_t id);
+  /// Stops the transfer of a download and keeps what it has fetched, until resume(), over a restart too. The download
+  /// leaves its place to others that wait; its status stays. Throws EngineRefused if it has no transfer.
+  void pause(int64_t id);
+  /// Lets a paused download go on, at once or when it is its turn. Throws EngineRefused if it is not paused.
+  void resume(int64_t id);
+  /// Where the transfers stand of the downloads that wait or download, by their ids.
+  std::map<int64_t, TransferState> transfers();
   std::vector<Download> downloads();
   Outcome outcome(int64_t id);
   /// Where an asset stands, in an album or in any; nothing if it is not there.

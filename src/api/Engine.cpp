@@ -37,6 +37,18 @@ void Engine::cancel(int64_t id) {
   session_->call("cancel", {{"id", id}});
 }
 
+void Engine::pause(int64_t id) {
+  session_->changeDownload(id, "pause");
+}
+
+void Engine::resume(int64_t id) {
+  session_->changeDownload(id, "resume");
+}
+
+std::map<int64_t, TransferState> Engine::transfers() {
+  return session_->transfers();
+}
+
 std::vector<Engine::Download> Engine::downloads() {
   std::vector<Download> downloads;
   const JSObject tasks = session_->downloads();

@@ -48,6 +48,22 @@ Engine::HistoryEntry historyEntry(const JSObject& object) {
   return entry;
 }
 
+TransferState transferState(const JSObject& object) {
+  TransferState state{.received = static_cast<uint64_t>(valueAt<int64_t>(object, "received", 0)),
+                      .isPaused = valueAt(object, "paused", false)};
+  if (const auto* const expected = valueAt<int64_t>(object, "expected")) {
+    state.expected = static_cast<uint64_t>(*expected);
+  }
+  if (const auto* const retry = valueAt<JSObject>(object, "retry")) {
+    const std::chrono::duration<double> wait(valueAt<double>(*retry, "seconds", 0));
+    state.retry = {.number = static_cast<int>(valueAt<int64_t>(*retry, "number", 0)),
+                   .most = static_cast<int>(valueAt<int64_t>(*retry, "most", 0)),
+                   .in = std::chrono::round<std::chrono::milliseconds>(wait),
+                   .why = valueAt<std::string>(*retry, "why", "")};
+  }
+  return state;
+}
+
 std::optional<Path> pathIn(const EngineClient::Answer& answer) {
   const auto* path = valueAt<std::string>(answer.data, "path");
   return path ? std::optional<Path>(*path) : std::nullopt;
@@ -65,6 +81,22 @@ EngineClient::Answer EngineClient::saveVideo(JSObject options) {
 
 JSObject EngineClient::downloads() {
   return call("getActiveDownloads").data;
+}
+
+void EngineClient::changeDownload(int64_t id, const std::string& action) {
+  const Answer answer = call(HostPlugin::name(), "changeDownload", {{"id", id}, {"action", action}});
+  if (!answer.resolved) throw EngineRefused(answer.message);
+}
+
+std::map<int64_t, TransferState> EngineClient::transfers() {
+  const Answer answer = call(HostPlugin::name(), "getTransfers", {});
+  std::map<int64_t, TransferState> transfers;
+  if (const auto* const told = valueAt<JSObject>(answer.data, "transfers")) {
+    for (const auto& [id, state] : told->members()) {
+      if (const auto* const object = state.get<JSObject>()) transfers[std::stoll(id)] = transferState(*object);
+    }
+  }
+  return transfers;
 }
 
 EngineClient::Outcome EngineClient::outcome(int64_t id) {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,6 +48,9 @@ class EngineClient {
   Answer saveVideo(JSObject options);
   /// The downloads that the engine has, by their ids.
   JSObject downloads();
+  /// Throws EngineRefused.
+  void changeDownload(int64_t id, const std::string& action);
+  std::map<int64_t, TransferState> transfers();
   Outcome outcome(int64_t id);
   /// Where an asset stands in an album, or in any.
   std::optional<Path> assetPath(const std::string& assetId, const std::optional<std::string>& album = std::nullopt);

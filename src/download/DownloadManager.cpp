@@ -5,6 +5,7 @@
 #include "download/detail/EngineState.h"
 #include "download/detail/ProcessingLine.h"
 #include "download/detail/TransferEvents.h"
+#include "download/detail/TransferPauses.h"
 #include "platform/Log.h"
 
 namespace tarn {
@@ -19,6 +20,7 @@ struct DownloadManager::Parts {
   ProcessingLine line;
   TransferEvents events{engine, starter, line};
   DownloadRemoval removal{engine, starter};
+  TransferPauses pauses{engine, starter};
 };
 
 std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps,
@@ -58,6 +60,18 @@ void DownloadManager::cancelAll() {
 
 void DownloadManager::clearAllStates() {
   parts_->removal.clearAll();
+}
+
+std::map<int64_t, TransferState> DownloadManager::getTransferStates() {
+  return parts_->pauses.states();
+}
+
+bool DownloadManager::pauseDownloadFileBy(int64_t id) {
+  return parts_->pauses.pause(id);
+}
+
+bool DownloadManager::resumeDownloadFileBy(int64_t id) {
+  return parts_->pauses.resume(id);
 }
 
 void DownloadManager::removeDownload(int64_t key) {

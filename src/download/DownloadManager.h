@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -40,6 +41,14 @@ class DownloadManager {
   /// Removes everything and lifts the block. A run that is active is asked to stop, and no other waits for it longer
   /// than until its next check.
   void clearAllStates();
+
+  /// Where the transfers stand of the downloads that wait or download, by their ids.
+  std::map<int64_t, TransferState> getTransferStates();
+  /// Stops the transfer of a download and keeps what it has fetched, over a restart too. The download leaves its place,
+  /// in the line or among those that run, to others; its status stays. False if it has no transfer that can be paused.
+  bool pauseDownloadFileBy(int64_t id);
+  /// Lets a paused download go on: at once, or from the end of the line. False if it is not paused.
+  bool resumeDownloadFileBy(int64_t id);
 
   /// Removes a task that is done with, later: its stored form, its delegate, and the file at its location.
   void removeDownload(int64_t key);

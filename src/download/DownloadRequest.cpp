@@ -9,6 +9,7 @@ std::string NotedDownload::text() const {
       {"id", id}, {"skipVideoFix", request.skipVideoFix}, {"skipAudioFix", request.skipAudioFix}, {"url", request.url}};
   if (request.album) object.set("album", *request.album);
   if (request.filename) object.set("filename", *request.filename);
+  if (isPaused) object.set("isPaused", true);
   return object.json();
 }
 
@@ -24,7 +25,8 @@ std::optional<NotedDownload> NotedDownload::parse(const std::string& text) {
                                    .album = optionalAt<std::string>(*object, "album"),
                                    .filename = optionalAt<std::string>(*object, "filename"),
                                    .skipVideoFix = *skipVideoFix,
-                                   .skipAudioFix = *skipAudioFix}};
+                                   .skipAudioFix = *skipAudioFix},
+                       .isPaused = valueAt(*object, "isPaused", false)};
 }
 
 }  // namespace tarn

@@ -29,6 +29,7 @@ struct DownloadRequest {
 struct NotedDownload {
   int64_t id = 0;  ///< of the download
   DownloadRequest request;
+  bool isPaused = false;  ///< it waits for its user
 
   /// The text that is stored with the transfer: a JSON object.
   std::string text() const;

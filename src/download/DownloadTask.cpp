@@ -96,6 +96,11 @@ bool DownloadTask::isEnded() const {
   return fields_.isEnded();
 }
 
+bool DownloadTask::isPaused() const {
+  std::lock_guard guard(mutex_);
+  return fields_.isPaused;
+}
+
 bool DownloadTask::claimNotification() {
   std::lock_guard guard(mutex_);
   return !std::exchange(fields_.notificationSent, true);

@@ -78,6 +78,7 @@ class DownloadTask {
     double progress = 0;                 ///< fraction of the transfer done
     double processingProgress = 0;       ///< fraction of the processing done
     std::string processingStage;         ///< text for the page
+    bool isPaused = false;               ///< by its user; the status stays
     bool notificationSent = false;       ///< the page's completion event has been arranged
     Transfer downloadTask;
     std::optional<Bytes> resumeData;
@@ -94,6 +95,7 @@ class DownloadTask {
   Snapshot snapshot() const;
   DownloadStatus status() const;
   bool isEnded() const;
+  bool isPaused() const;
 
   /// Changes fields under the mutex; the change must call nobody.
   template <typename Change>

@@ -131,6 +131,13 @@ std::vector<int64_t> Host::records() {
   return ids;
 }
 
+bool Host::hasTransfers() {
+  return std::ranges::any_of(transfers_.storedTaskDescriptions(), [](const std::string& text) {
+    const auto note = NotedDownload::parse(text);
+    return !note || !note->isPaused;
+  });
+}
+
 std::vector<int64_t> Host::transfers() {
   std::vector<int64_t> ids;
   for (const std::string& text : transfers_.storedTaskDescriptions()) {

@@ -57,8 +57,8 @@ class Host : private DownloadListener {
   /// The downloads of which the stores hold a run's record, and those of which they hold a transfer.
   std::vector<int64_t> records();
   std::vector<int64_t> transfers();
-  /// True while the stores hold any transfer.
-  bool hasTransfers() { return !transfers_.storedTaskDescriptions().empty(); }
+  /// True while the stores hold any transfer that goes on by itself: a paused one waits for its user.
+  bool hasTransfers();
   bool isProcessing() { return plugin_->downloadManager().isProcessing(); }
   /// What is wrong with the stored work, in words for people.
   std::vector<std::string> storeProblems() { return store_.problems(); }

@@ -23,6 +23,29 @@ std::vector<PHAsset> assetsOf(PHPhotoLibrary& photos, const std::optional<std::s
   return assets;
 }
 
+JSObject objectOf(const TransferState& state) {
+  JSObject object{{"received", static_cast<int64_t>(state.received)}};
+  if (state.expected) object.set("expected", static_cast<int64_t>(*state.expected));
+  object.set("paused", state.isPaused);
+  if (const auto& retry = state.retry) {
+    object.set("retry", JSObject{{"number", retry->number},
+                                 {"most", retry->most},
+                                 {"seconds", std::chrono::duration<double>(retry->in).count()},
+                                 {"why", retry->why}});
+  }
+  return object;
+}
+
+/// Rejects the call with the words of a failure.
+template <typename Work>
+void orReject(const CAPPluginCallPointer& call, const Work& work) {
+  try {
+    work();
+  } catch (const Error& failure) {
+    call->reject(failure.description());
+  }
+}
+
 template <typename Values>
 JSValue::Array arrayOf(const Values& values) {
   return {values.begin(), values.end()};
@@ -37,20 +60,22 @@ const std::string& HostPlugin::name() {
 
 const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
   static const std::vector<CAPPluginMethod> methods = {
-      {"saveVideo", "promise"},     {"getOutcome", "promise"},      {"getAsset", "promise"},
-      {"getStoredWork", "promise"}, {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},
-      {"clearHistory", "promise"},
+      {"saveVideo", "promise"},       {"getOutcome", "promise"},   {"getAsset", "promise"},
+      {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
+      {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 7> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 9> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
       {"getStoredWork", &HostPlugin::getStoredWork},
+      {"getTransfers", &HostPlugin::getTransfers},
+      {"changeDownload", &HostPlugin::changeDownload},
       {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
       {"getHistory", &HostPlugin::getHistory},
       {"clearHistory", &HostPlugin::clearHistory},
@@ -119,6 +144,39 @@ void HostPlugin::clearHistory(const CAPPluginCallPointer& call) {
   if (entry && entry->state == HistoryEntry::State::pending) return call->reject("The download has not ended");
   host_.history().clear(id);
   call->resolve();
+}
+
+void HostPlugin::getTransfers(const CAPPluginCallPointer& call) {
+  JSObject transfers;
+  for (const auto& [id, state] : host_.plugin().downloadManager().getTransferStates()) {
+    transfers.set(std::to_string(id), objectOf(state));
+  }
+  call->resolve({{"transfers", std::move(transfers)}});
+}
+
+void HostPlugin::changeDownload(const CAPPluginCallPointer& call) {
+  using Action = void (HostPlugin::*)(int64_t id, const CAPPluginCallPointer& call);
+  static constexpr std::array<std::pair<std::string_view, Action>, 2> actions{{
+      {"pause", &HostPlugin::pause},
+      {"resume", &HostPlugin::resume},
+  }};
+  const auto id = call->getInt("id");
+  if (!id) return call->reject("No such download");
+  const auto wanted = call->getString("action");
+  for (const auto& [name, action] : actions) {
+    if (name == wanted) return orReject(call, [&] { (this->*action)(*id, call); });
+  }
+  call->reject("No such action");
+}
+
+void HostPlugin::pause(int64_t id, const CAPPluginCallPointer& call) {
+  if (!host_.plugin().downloadManager().pauseDownloadFileBy(id)) return call->reject("The download has no transfer");
+  call->resolve({{"id", id}});
+}
+
+void HostPlugin::resume(int64_t id, const CAPPluginCallPointer& call) {
+  if (!host_.plugin().downloadManager().resumeDownloadFileBy(id)) return call->reject("The download is not paused");
+  call->resolve({{"id", id}});
 }
 
 void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {

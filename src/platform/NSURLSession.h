@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/transfer.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,8 +29,15 @@ class NSURLSessionDownloadTask {
   virtual std::string taskDescription() const = 0;
   /// Fraction of the transfer done, 0 to 1; 0 while the size is not known.
   virtual double fractionCompleted() const = 0;
-  /// Starts the transfer, or does nothing when it has been started.
+  /// How far it is and, if the last try has failed, when the next one comes. It tells nothing of a pause.
+  virtual TransferState transferState() const = 0;
+  /// Replaces the owner's text, on stable storage when this returns. Throws PosixError.
+  virtual void setTaskDescription(const std::string& text) = 0;
+  /// Starts the transfer, or lets it go on; does nothing while it runs and after its end.
   virtual void resume() = 0;
+  /// Stops the transfer and keeps what it has fetched; the next process finds it suspended. Does nothing once the whole
+  /// file is there.
+  virtual void suspend() = 0;
   /// Stops the transfer and deletes what it has fetched. The delegate hears didCompleteWithError with
   /// URLError::cancelled, once. Does nothing after the end.
   virtual void cancel() = 0;

@@ -6,6 +6,7 @@
 
 #include "TransferHarness.h"
 #include "platform/host/RangeRules.h"
+#include "support/Eventually.h"
 #include "support/FaultServer.h"
 #include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
@@ -173,9 +174,37 @@ TEST(TransferConnectionTest, RefusedConnectionsAreTriedAgain) {
   harness.options.maximumTries = 1000;
   harness.start();
   const auto task = harness.download(url);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_TRUE(eventually([&] { return task->transferState().retry.value_or(TransferState::Retry()).number > 3; }));
+  const auto retry = task->transferState().retry;
+  if (retry) {  // no try is under way just now
+    EXPECT_EQ(retry->why, "connection refused");
+    EXPECT_EQ(retry->most, 999);
+    EXPECT_LE(retry->in, harness.options.maximumPause);
+  }
   const FaultServer server(port, {{"/file", ServedFile::of(video(1))}});
   EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, video(1));
+}
+
+TEST(TransferConnectionTest, WhyATransferWaitsForAnotherTryIsTold) {
+  const std::pair<Reply, const char*> rows[] = {{{.status = 503}, "the server answered 503"},
+                                                {{.closeAfter = cut}, "the connection broke off"},
+                                                {{.status = 206}, "the server sent another range than was asked for"}};
+  for (const auto& [reply, why] : rows) {
+    FaultServer server;
+    server.serve("/file", ServedFile::of(video(1)), {reply});
+    Harness harness;
+    harness.options.initialPause = harness.options.maximumPause = std::chrono::seconds(60);
+    harness.start();
+    const auto task = harness.download(server.url("/file"));
+    ASSERT_TRUE(eventually([&] { return task->transferState().retry.has_value(); }));
+    const TransferState::Retry retry = *task->transferState().retry;
+    EXPECT_EQ(retry.why, why);
+    EXPECT_EQ(retry.number, 1);
+    EXPECT_EQ(retry.most, 4);
+    EXPECT_GT(retry.in, std::chrono::seconds(10));
+    task->suspend();
+    EXPECT_FALSE(task->transferState().retry);
+  }
 }
 
 TEST(TransferConnectionTest, ATransferReportsInModeration) {

@@ -70,6 +70,54 @@ TEST_F(TransferRestartTest, ATransferGoesOnFromWhateverLiesOnTheDisk) {
   }
 }
 
+TEST_F(TransferRestartTest, ASuspendedTransferKeepsItsBytesAndWaitsOverARestart) {
+  harness_.start();
+  auto task = harness_.download(server_->url("/file"));
+  const int64_t id = task->taskIdentifier();
+  harness_.listener->waitFor(id, [](const Heard& heard) { return heard.reports() > 0; });
+  ASSERT_TRUE(eventually([&] { return std::filesystem::file_size(harness_.part(id)) == half; }));
+  task->setTaskDescription("paused");
+  task->suspend();
+  EXPECT_EQ(task->state(), State::suspended);
+  for (int restarts = 0; restarts < 2; ++restarts) {
+    harness_.stop();
+    harness_.start();
+    ASSERT_EQ(harness_.session->allTasks().size(), 1U);
+    task = harness_.session->allTasks()[0];
+    EXPECT_EQ(task->state(), State::suspended);
+    EXPECT_EQ(task->taskDescription(), "paused");
+    EXPECT_EQ(task->transferState().received, half);
+    EXPECT_EQ(task->transferState().expected, videoSize);
+  }
+  task->resume();
+  task->suspend();
+  task->resume();
+  const Heard heard = harness_.listener->waitForEnd(id);
+  EXPECT_EQ(heard.file, video(1));
+  EXPECT_EQ(server_->requests()[1].header("range"), "bytes=150000-");
+  task->suspend();
+  EXPECT_EQ(task->state(), State::completed);
+}
+
+TEST(TransferSuspendTest, ASuspensionAtAnyMomentSplitsNoFile) {
+  // Without a validator, each start begins anew: bytes of a hand-over that is under way must not be touched by it.
+  for (int pause = 0; pause < 30; ++pause) {
+    SCOPED_TRACE(pause);
+    FaultServer server;
+    server.serve("/file", ServedFile::of(video(1)), {}, {.omitsValidators = true});
+    Harness harness;
+    harness.start();
+    const auto task = harness.download(server.url("/file"));
+    std::this_thread::sleep_for(std::chrono::microseconds(100) * pause);
+    task->suspend();
+    task->resume();
+    const Heard heard = harness.listener->waitForEnd(task->taskIdentifier());
+    EXPECT_EQ(heard.file, video(1));
+    EXPECT_TRUE(heard.isInOrder()) << heard.events;
+    EXPECT_EQ(harness.filesLeft(), 0U);
+  }
+}
+
 TEST_F(TransferRestartTest, AnotherVersionIsNeverSplicedToTheOld) {
   fetchHalfAndDie();
   server_->serve("/file", ServedFile::of(video(2)).withETag("\"v2\""), {{.ignoresIfRange = true}});

@@ -46,9 +46,13 @@ bool DownloadQueue::releaseSlot(int64_t id) {
   return running_.erase(id) > 0;
 }
 
-void DownloadQueue::remove(int64_t id) {
+std::optional<PendingDownload> DownloadQueue::remove(int64_t id) {
   std::lock_guard guard(queueLock_);
-  std::erase_if(pendingQueue_, [id](const PendingDownload& download) { return download.task->id == id; });
+  const auto found = std::ranges::find_if(pendingQueue_, [id](const auto& waiting) { return waiting.task->id == id; });
+  if (found == pendingQueue_.end()) return std::nullopt;
+  PendingDownload removed = std::move(*found);
+  pendingQueue_.erase(found);
+  return removed;
 }
 
 void DownloadQueue::clear() {

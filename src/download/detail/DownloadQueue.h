@@ -59,8 +59,8 @@ class DownloadQueue {
 
   /// Frees the slot of an id. Returns false if it held none.
   bool releaseSlot(int64_t id);
-  /// Takes the download out of the line.
-  void remove(int64_t id);
+  /// Takes the download out of the line; returns it if it was there.
+  std::optional<PendingDownload> remove(int64_t id);
   /// Empties the line and frees all slots.
   void clear();
   size_t queuedCount() const;

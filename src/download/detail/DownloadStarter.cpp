@@ -35,30 +35,33 @@ void DownloadStarter::load(const std::weak_ptr<DownloadManagerDelegate>& delegat
   }
   if (!noted.empty()) takeUpStoredTransfers();
   for (const auto& task : engine_.registry.all()) {
-    if (task->status() == DownloadStatus::queued) engine_.queue.append({.task = task, .delegate = delegate});
+    const bool isWaiting = task->status() == DownloadStatus::queued && !task->isPaused();
+    if (isWaiting) engine_.queue.append({.task = task, .delegate = delegate});
   }
   startNext();
 }
 
 void DownloadStarter::takeUpStoredTransfers() {
-  std::lock_guard guard(sessionMutex_);
-  makeSession();
-  for (const auto& transfer : session_->allTasks()) {
-    if (const auto note = NotedDownload::parse(transfer->taskDescription())) takeUp(transfer, note->id);
-  }
+  session();
+  for (const NotedTransfer& stored : transfers()) takeUp(stored);
 }
 
 /// A transfer that an earlier process has begun goes on. One that it had only stored, for a waiting download, keeps
-/// waiting.
-void DownloadStarter::takeUp(const DownloadTask::Transfer& transfer, int64_t id) {
+/// waiting, and so does one that was paused.
+void DownloadStarter::takeUp(const NotedTransfer& stored) {
+  const DownloadTask::Transfer& transfer = stored.transfer;
+  const int64_t id = stored.note.id;
+  if (stored.note.isPaused) transfer->suspend();  // a kill may have come ahead of that
   const bool isWaiting = transfer->state() == NSURLSessionTaskState::suspended;
+  const bool isPaused = isWaiting && stored.note.isPaused;
   if (isWaiting) engine_.registry.mapTransfer(transfer->taskIdentifier(), id);
   const auto task = engine_.registry.find(id);
   if (task) {
     task->update([&](DownloadTask::Snapshot& fields) {
       const bool isUnderWay = fields.status == DownloadStatus::queued || fields.status == DownloadStatus::downloading;
       if (!isUnderWay) return;
-      fields.status = isWaiting ? DownloadStatus::queued : DownloadStatus::downloading;
+      fields.isPaused = isPaused;
+      if (!isPaused) fields.status = isWaiting ? DownloadStatus::queued : DownloadStatus::downloading;
       if (isWaiting) fields.downloadTask = transfer;
     });
   } else if (isWaiting) {
@@ -102,12 +105,19 @@ NSURLSession& DownloadStarter::session() {
   return *session_;
 }
 
-void DownloadStarter::cancelTransfer(int64_t id) {
+std::vector<DownloadStarter::NotedTransfer> DownloadStarter::transfers() {
   std::lock_guard guard(sessionMutex_);
-  if (!session_) return;
+  std::vector<NotedTransfer> noted;
+  if (!session_) return noted;
   for (const auto& transfer : session_->allTasks()) {
-    const auto note = NotedDownload::parse(transfer->taskDescription());
-    if (note && note->id == id) transfer->cancel();
+    if (auto note = NotedDownload::parse(transfer->taskDescription())) noted.push_back({transfer, std::move(*note)});
+  }
+  return noted;
+}
+
+void DownloadStarter::cancelTransfer(int64_t id) {
+  for (const NotedTransfer& noted : transfers()) {
+    if (noted.note.id == id) noted.transfer->cancel();
   }
 }
 
@@ -123,10 +133,16 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   // as waiting is started again.
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, request.skipVideoFix, request.skipAudioFix);
-  const PendingDownload download{.task = task, .delegate = delegate};
   engine_.news.began(*task);
   engine_.registry.insert(task);
   storeAhead(task);
+  startOrQueue({.task = task, .delegate = delegate});
+  engine_.taskStore.persist();
+  return task;
+}
+
+void DownloadStarter::startOrQueue(const PendingDownload& download) {
+  const int64_t id = download.task->id;
   const DownloadQueue::Admission admission = engine_.queue.admit(download);
   const auto& counts = admission.counts;
   if (!admission.hasSlot) {
@@ -136,8 +152,6 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   } else {
     startNext();
   }
-  engine_.taskStore.persist();
-  return task;
 }
 
 /// Throws Error.
@@ -159,7 +173,16 @@ void DownloadStarter::storeAhead(const DownloadTaskPointer& task) {
   }
 }
 
-/// False if the download has failed or was cancelled; its slot is free then.
+/// Its user may pause the download, or let it go on, at any moment: what was wished last holds.
+void DownloadStarter::letGoOn(const DownloadTask& task, NSURLSessionDownloadTask& transfer) {
+  bool isPaused = false;
+  do {
+    isPaused = task.isPaused();
+    isPaused ? transfer.suspend() : transfer.resume();
+  } while (task.isPaused() != isPaused);
+}
+
+/// False if the download has failed, was cancelled or paused; its slot is free then.
 bool DownloadStarter::startTransfer(const PendingDownload& download) {
   const DownloadTaskPointer& task = download.task;
   if (!download.delegate.expired()) engine_.registry.setDelegate(task->id, download.delegate);
@@ -168,14 +191,15 @@ bool DownloadStarter::startTransfer(const PendingDownload& download) {
     if (!transfer) transfer = makeTransfer(*task);
     // The status is set first: a short transfer may be over before resume() returns.
     task->update([&](DownloadTask::Snapshot& current) {
-      if (current.isEnded()) return;
+      if (current.isEnded() || current.isPaused) return;
       current.downloadTask = transfer;
       current.status = DownloadStatus::downloading;
     });
-    transfer->resume();
-    if (!task->isEnded()) return true;
+    letGoOn(*task, *transfer);
+    const bool isEnded = task->isEnded();
+    if (!isEnded && !task->isPaused()) return true;
     // The download was cancelled just now, when there was no running transfer to stop.
-    transfer->cancel();
+    if (isEnded) transfer->cancel();
   } catch (const Error& error) {
     log("Download could not be started {} {}", task->id, error.description());
     engine_.news.fail(task, RunOutcome::Where::start, std::current_exception());

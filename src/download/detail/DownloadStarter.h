@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "download/detail/EngineState.h"
 
@@ -35,11 +36,21 @@ class DownloadStarter {
   DownloadTaskPointer start(const DownloadRequest& request, const DelegatePointer& delegate,
                             std::optional<int64_t> wantedId);
 
+  /// Starts a download that stands in no line, or puts it at the end of the line if no slot is free.
+  void startOrQueue(const PendingDownload& download);
+
   /// Starts downloads of the line while slots are free.
   void startNext();
 
   /// Gives a slot back, and starts what may start now.
   void releaseSlot(int64_t id);
+
+  /// The transfers that have not ended, with their notes; those of an earlier process once it is known that there are.
+  struct NotedTransfer {
+    DownloadTask::Transfer transfer;
+    NotedDownload note;
+  };
+  std::vector<NotedTransfer> transfers();
 
   /// Cancels the transfers of a download, those of an earlier process included.
   void cancelTransfer(int64_t id);
@@ -53,13 +64,14 @@ class DownloadStarter {
  private:
   std::map<int64_t, DownloadRequest> storedRequests();
   void takeUpStoredTransfers();
-  void takeUp(const DownloadTask::Transfer& transfer, int64_t id);
+  void takeUp(const NotedTransfer& stored);
   int64_t makeId(std::optional<int64_t> wanted);
   bool isIdTaken(int64_t id);
   NSURLSession& session();
   void makeSession();
   DownloadTask::Transfer makeTransfer(const DownloadTask& task);
   void storeAhead(const DownloadTaskPointer& task);
+  static void letGoOn(const DownloadTask& task, NSURLSessionDownloadTask& transfer);
   bool startTransfer(const PendingDownload& download);
   void startTaken(const DownloadQueue::Started& started);
 

@@ -15,12 +15,23 @@ int64_t countOf(std::optional<uint64_t> size) {
 Transfer::Transfer(const TransferRecord& record, Phase phase, uint64_t received, std::weak_ptr<TransferOwner> owner)
     : taskIdentifier_(record.taskIdentifier),
       url_(record.url),
-      taskDescription_(record.taskDescription),
       owner_(std::move(owner)),
+      taskDescription_(record.taskDescription),
       phase_(phase),
       received_(static_cast<int64_t>(received)),
       expected_(countOf(record.expectedSize)),
       reported_(received_) {}
+
+std::string Transfer::taskDescription() const {
+  std::lock_guard guard(mutex_);
+  return taskDescription_;
+}
+
+void Transfer::setTaskDescription(const std::string& text) {
+  if (const auto owner = owner_.lock()) owner->describe(taskIdentifier_, text);
+  std::lock_guard guard(mutex_);
+  taskDescription_ = text;
+}
 
 Transfer::Phase Transfer::phase() const {
   std::lock_guard guard(mutex_);
@@ -32,6 +43,7 @@ NSURLSessionTaskState Transfer::state() const {
     case Phase::suspended:
       return NSURLSessionTaskState::suspended;
     case Phase::running:
+    case Phase::whole:
     case Phase::handedOver:
       return NSURLSessionTaskState::running;
     case Phase::canceling:
@@ -48,18 +60,41 @@ double Transfer::fractionCompleted() const {
   return std::clamp(static_cast<double>(received_) / static_cast<double>(expected_), 0.0, 1.0);
 }
 
+TransferState Transfer::transferState() const {
+  std::lock_guard guard(mutex_);
+  TransferState state{.received = static_cast<uint64_t>(received_)};
+  if (expected_ >= 0) state.expected = static_cast<uint64_t>(expected_);
+  if (nextTry_ && phase_ == Phase::running) {
+    using std::chrono::milliseconds;
+    const auto wait = std::chrono::ceil<milliseconds>(nextTry_->time - std::chrono::steady_clock::now());
+    state.retry = {.number = nextTry_->number,
+                   .most = nextTry_->most,
+                   .in = std::max(wait, milliseconds(0)),
+                   .why = nextTry_->why};
+  }
+  return state;
+}
+
 void Transfer::resume() {
   const auto owner = owner_.lock();
   if (owner && advance(Phase::suspended, Phase::running)) owner->start(shared_from_this());
 }
 
+void Transfer::suspend() {
+  const auto owner = owner_.lock();
+  if (owner && advance(Phase::running, Phase::suspended)) owner->suspend(shared_from_this());
+}
+
 void Transfer::cancel() {
   const auto owner = owner_.lock();
   if (!owner) return;
-  // In the order of life, so that a resume in between is not missed.
-  if (advance(Phase::suspended, Phase::canceling) || advance(Phase::running, Phase::canceling)) {
-    owner->cancel(shared_from_this());
+  {
+    std::lock_guard guard(mutex_);
+    const bool mayCancel = phase_ == Phase::suspended || phase_ == Phase::running || phase_ == Phase::whole;
+    if (!mayCancel) return;
+    phase_ = Phase::canceling;
   }
+  owner->cancel(shared_from_this());
 }
 
 bool Transfer::advance(Phase from, Phase to) {
@@ -73,6 +108,11 @@ void Transfer::setProgress(uint64_t received, std::optional<uint64_t> expected) 
   std::lock_guard guard(mutex_);
   received_ = static_cast<int64_t>(received);
   expected_ = countOf(expected);
+}
+
+void Transfer::setNextTry(std::optional<NextTry> next) {
+  std::lock_guard guard(mutex_);
+  nextTry_ = std::move(next);
 }
 
 bool Transfer::wantsReport() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,15 +19,26 @@ class TransferOwner {
   virtual ~TransferOwner() = default;
   /// The transfer has gone from suspended to running.
   virtual void start(std::shared_ptr<Transfer> transfer) = 0;
+  /// The transfer has gone from running to suspended.
+  virtual void suspend(std::shared_ptr<Transfer> transfer) = 0;
   /// The transfer has gone to canceling.
   virtual void cancel(std::shared_ptr<Transfer> transfer) = 0;
+  /// Stores another description. Throws PosixError.
+  virtual void describe(int64_t taskIdentifier, const std::string& text) = 0;
 };
 
 /// A download task of the host's session: the facts that its users see, and the one place where its end is decided. It
-/// leaves `running` once, and who moved it tells the delegate. Thread-safe; the mutex is a leaf.
+/// leaves `running` for its end once, and who moved it tells the delegate. Thread-safe; the mutex is a leaf.
 class Transfer final : public NSURLSessionDownloadTask, public std::enable_shared_from_this<Transfer> {
  public:
-  enum class Phase { suspended, running, handedOver, canceling, completed };
+  enum class Phase {
+    suspended,
+    running,
+    whole,  ///< all bytes are there: too late to suspend it
+    handedOver,
+    canceling,
+    completed
+  };
 
   /// Byte counts since the start of the file; `expected` is -1 while it is not known.
   struct Progress {
@@ -41,10 +53,13 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
 
   int64_t taskIdentifier() const override { return taskIdentifier_; }
   std::string originalRequestURL() const override { return url_; }
-  std::string taskDescription() const override { return taskDescription_; }
+  std::string taskDescription() const override;
   NSURLSessionTaskState state() const override;
   double fractionCompleted() const override;
+  TransferState transferState() const override;
+  void setTaskDescription(const std::string& text) override;
   void resume() override;
+  void suspend() override;
   void cancel() override;
 
   Phase phase() const;
@@ -53,6 +68,16 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
   bool advance(Phase from, Phase to);
 
   void setProgress(uint64_t received, std::optional<uint64_t> expected);
+
+  /// The next try, and why the last one has failed.
+  struct NextTry {
+    int number = 0;  ///< from 1
+    int most = 0;
+    std::chrono::steady_clock::time_point time;
+    std::string why;
+  };
+  /// Nothing while a try is under way.
+  void setNextTry(std::optional<NextTry> next);
 
   /// True when a report has to be put on its way; false while one that has been is not yet taken.
   bool wantsReport();
@@ -63,14 +88,15 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
  private:
   const int64_t taskIdentifier_;
   const std::string url_;
-  const std::string taskDescription_;
   const std::weak_ptr<TransferOwner> owner_;
 
   mutable std::mutex mutex_;
+  std::string taskDescription_;
   Phase phase_;
   int64_t received_;
   int64_t expected_;
   int64_t reported_;
+  std::optional<NextTry> nextTry_;
   bool reportOnItsWay_ = false;
 };
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/UTF8.h"
+#include "platform/host/TransferFailure.h"
 
 namespace tarn {
 namespace {
@@ -17,24 +18,6 @@ constexpr long maximumRedirects = 20;
 constexpr const char* noCoding = "identity";
 constexpr size_t longestCoding = 40;  // in a message
 constexpr const char* protocols = "http,https";
-
-/// Failures of the way to the server, not of the request: worth another try.
-bool isTransient(int code) {
-  constexpr std::array transient = {
-      CURLE_COULDNT_RESOLVE_PROXY,
-      CURLE_COULDNT_RESOLVE_HOST,
-      CURLE_COULDNT_CONNECT,
-      CURLE_PARTIAL_FILE,
-      CURLE_OPERATION_TIMEDOUT,
-      CURLE_SSL_CONNECT_ERROR,
-      CURLE_GOT_NOTHING,
-      CURLE_SEND_ERROR,
-      CURLE_RECV_ERROR,
-      CURLE_HTTP2,
-      CURLE_HTTP2_STREAM,
-  };
-  return std::find(transient.begin(), transient.end(), code) != transient.end();
-}
 
 std::string headerText(CURL* easy, const char* name) {
   curl_header* header = nullptr;
@@ -209,15 +192,15 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
   const int status = responseHead().status;
   switch (*use_) {
     case BodyUse::alreadyWhole:
-      return {End::whole, std::nullopt};
+      return {End::whole};
     case BodyUse::startOver:
-      return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent another range than was asked for")};
+      return transient(URLError(CURLE_RANGE_ERROR, "the server sent another range than was asked for"));
     case BodyUse::pageInstead:
-      return {End::transient, URLError(CURLE_WEIRD_SERVER_REPLY,
-                                       "the server answered with a web page in place of the rest of the file; the "
-                                       "address may need a new login")};
+      return transient(URLError(CURLE_WEIRD_SERVER_REPLY,
+                                "the server answered with a web page in place of the rest of the file; the address may "
+                                "need a new login"));
     case BodyUse::retry:
-      return {End::transient, statusError(status)};
+      return {End::transient, statusError(status), fmt::format("the server answered {}", status)};
     case BodyUse::refuse:
       return {End::final, statusError(status)};
     case BodyUse::append:
@@ -227,10 +210,15 @@ TransferAttempt::Outcome TransferAttempt::finish(int code) {
   return judgeBody(code);
 }
 
+TransferAttempt::Outcome TransferAttempt::transient(URLError error) {
+  std::string why = error.description();
+  return {End::transient, std::move(error), std::move(why)};
+}
+
 TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
-  if (isOverlong_) return {End::transient, URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced")};
+  if (isOverlong_) return transient(URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced"));
   if (code == CURLE_BAD_CONTENT_ENCODING) {
-    if (record_.isTakenAsItIs) return {End::transient, URLError(code, "the server sent an unknown coding")};
+    if (record_.isTakenAsItIs) return transient(URLError(code, "the server sent an unknown coding"));
     const std::string coding = plainLine(headerText(easy_.get(), "Content-Encoding"), longestCoding);
     return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone "
                                                    "(\"{}\"); give another address of it",
@@ -239,14 +227,17 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
   if (code != CURLE_OK) return curlFailure(code);
   if (record_.expectedSize && position_ < *record_.expectedSize) {
     const auto text = fmt::format("the server sent {} of {} bytes", position_, *record_.expectedSize);
-    return {End::transient, URLError(CURLE_PARTIAL_FILE, text)};
+    return transient(URLError(CURLE_PARTIAL_FILE, text));
   }
-  return {End::whole, std::nullopt};
+  return {End::whole};
 }
 
 TransferAttempt::Outcome TransferAttempt::curlFailure(int code) const {
+  long systemError = 0;
+  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &systemError);
   const char* text = curlText_.front() != '\0' ? curlText_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
-  return {isTransient(code) ? End::transient : End::final, URLError(code, text)};
+  const TransferFailure failure{.code = code, .systemError = static_cast<int>(systemError), .text = text};
+  return {failure.isTransient() ? End::transient : End::final, failure.error(), failure.why()};
 }
 
 }  // namespace tarn

@@ -29,7 +29,8 @@ class TransferAttempt {
   };
   struct Outcome {
     End end;
-    std::optional<Error> error;  ///< URLError or PosixError; nothing where whole
+    std::optional<Error> error = {};  ///< URLError or PosixError; nothing where whole
+    std::string why = {};             ///< of a transient failure, in words for people
   };
 
   /// Opens the part and makes the request ready. `record` is kept up to date, in the store too, and must outlive the
@@ -69,6 +70,7 @@ class TransferAttempt {
   bool take(ByteView piece);
   Outcome judgeBody(int code) const;
   Outcome curlFailure(int code) const;
+  static Outcome transient(URLError error);
 
   static size_t onBody(char* bytes, size_t one, size_t count, void* attempt);
   static size_t onHeader(char* bytes, size_t one, size_t count, void* attempt);

@@ -34,19 +34,19 @@ void report(const std::shared_ptr<Transfer>& transfer, NSURLSessionDownloadDeleg
 void handOver(FileManager& files, TransferStore& store, const std::shared_ptr<Transfer>& transfer,
               TransferRecord record, NSURLSessionDownloadDelegate& delegate) {
   using Phase = Transfer::Phase;
-  if (transfer->phase() != Phase::running) return;
+  if (transfer->phase() != Phase::whole) return;
   {
     const TempFile delivery(files, store.deliveryFile(transfer->taskIdentifier()));
     try {
       makeDelivery(files, store, std::move(record), delivery.path());
     } catch (const Error& failure) {
-      if (!transfer->advance(Phase::running, Phase::completed)) return;
+      if (!transfer->advance(Phase::whole, Phase::completed)) return;
       store.remove(transfer->taskIdentifier());
       delegate.urlSessionDidComplete(transfer, failure);
       return;
     }
     report(transfer, delegate);
-    if (!transfer->advance(Phase::running, Phase::handedOver)) return;
+    if (!transfer->advance(Phase::whole, Phase::handedOver)) return;
     delegate.urlSessionDidFinishDownloading(transfer, delivery.path());
   }
   store.remove(transfer->taskIdentifier());

@@ -62,6 +62,14 @@ void TransferLoop::start(std::shared_ptr<Transfer> transfer) {
   post({Command::Kind::start, std::move(transfer)});
 }
 
+void TransferLoop::suspend(std::shared_ptr<Transfer> transfer) {
+  post({Command::Kind::suspend, std::move(transfer)});
+}
+
+void TransferLoop::describe(int64_t taskIdentifier, const std::string& text) {
+  store_->setTaskDescription(taskIdentifier, text);
+}
+
 void TransferLoop::cancel(std::shared_ptr<Transfer> transfer) {
   store_->removeRecord(transfer->taskIdentifier());
   post({Command::Kind::cancel, std::move(transfer)});
@@ -99,6 +107,7 @@ bool TransferLoop::obeyCommands() {
   for (const auto& command : commands) {
     if (command.kind == Command::Kind::stop) return false;
     if (command.kind == Command::Kind::start) take(command.transfer);
+    if (command.kind == Command::Kind::suspend) putAside(command.transfer);
     if (command.kind == Command::Kind::cancel) drop(command.transfer);
   }
   return true;
@@ -106,7 +115,8 @@ bool TransferLoop::obeyCommands() {
 
 void TransferLoop::take(const std::shared_ptr<Transfer>& transfer) {
   auto record = store_->record(transfer->taskIdentifier());
-  if (!record) return;  // cancelled meanwhile
+  // Meanwhile it may have been cancelled, or have come to its end ahead of a suspension that this start follows.
+  if (!record || transfer->phase() != Phase::running) return;
   Job& job = jobs_[transfer->taskIdentifier()];
   job.transfer = transfer;
   job.record = std::move(*record);
@@ -119,12 +129,28 @@ void TransferLoop::take(const std::shared_ptr<Transfer>& transfer) {
   if (job.record.complete) finish(job);
 }
 
-void TransferLoop::drop(const std::shared_ptr<Transfer>& transfer) {
-  const auto job = jobs_.find(transfer->taskIdentifier());
-  if (job != jobs_.end()) {
-    detach(job->second);
-    jobs_.erase(job);
+void TransferLoop::endJob(int64_t taskIdentifier) {
+  const auto job = jobs_.find(taskIdentifier);
+  if (job == jobs_.end()) return;
+  detach(job->second);
+  jobs_.erase(job);
+}
+
+/// What the transfer has fetched stays.
+void TransferLoop::putAside(const std::shared_ptr<Transfer>& transfer) {
+  endJob(transfer->taskIdentifier());
+  auto record = store_->record(transfer->taskIdentifier());
+  if (!record || !record->started) return;
+  record->started = false;
+  try {
+    store_->save(*record);
+  } catch (const Error& failure) {
+    log("Transfer {} could not be stored as suspended: {}", transfer->taskIdentifier(), failure.description());
   }
+}
+
+void TransferLoop::drop(const std::shared_ptr<Transfer>& transfer) {
+  endJob(transfer->taskIdentifier());
   store_->remove(transfer->taskIdentifier());
   delegateQueue_->post([transfer](NSURLSessionDownloadDelegate& delegate) {
     transfer->advance(Phase::canceling, Phase::completed);
@@ -146,6 +172,7 @@ void TransferLoop::startAttempt(Job& job) {
       report(job, received, expected);
     };
     job.attempt = std::make_unique<TransferAttempt>(files_, *store_, job.record, options_.userAgent, progress);
+    job.transfer->setNextTry(std::nullopt);
     curl_multi_add_handle(multi_.get(), job.attempt->easy());
   } catch (const Error& failure) {
     fail(job, failure);
@@ -187,18 +214,21 @@ void TransferLoop::endAttempt(Job& job, int code) {
     case TransferAttempt::End::whole:
       return finish(job);
     case TransferAttempt::End::transient:
-      return retryOrFail(job, *outcome.error);
+      return retryOrFail(job, outcome);
     case TransferAttempt::End::final:
       return fail(job, *outcome.error);
   }
 }
 
-void TransferLoop::retryOrFail(Job& job, const Error& error) {
+void TransferLoop::retryOrFail(Job& job, const TransferAttempt::Outcome& outcome) {
+  const Error& error = *outcome.error;
   if (job.tries >= options_.maximumTries || job.startOvers >= options_.maximumTries) return fail(job, error);
   auto pause = options_.initialPause;
   for (int i = 1; i < job.tries && pause < options_.maximumPause; ++i) pause *= 2;
   pause = std::min(pause, options_.maximumPause);
   job.nextTry = Clock::now() + pause;
+  job.transfer->setNextTry(
+      {{.number = job.tries, .most = options_.maximumTries - 1, .time = job.nextTry, .why = outcome.why}});
   log("Transfer {} tries again in {} ms: {}", job.record.taskIdentifier, pause.count(), error.description());
 }
 
@@ -214,6 +244,10 @@ void TransferLoop::fail(Job& job, const Error& error) {
 
 /// The job is gone when this returns.
 void TransferLoop::finish(Job& job) {
+  if (!job.transfer->advance(Phase::running, Phase::whole)) {  // a suspension or a cancellation is on its way
+    jobs_.erase(job.transfer->taskIdentifier());
+    return;
+  }
   delegateQueue_->post([&files = files_, store = store_, transfer = job.transfer,
                         record = job.record](NSURLSessionDownloadDelegate& delegate) {
     handOver(files, *store, transfer, record, delegate);

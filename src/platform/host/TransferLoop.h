@@ -28,15 +28,17 @@ class TransferLoop : public TransferOwner {
   void stop();
 
   void start(std::shared_ptr<Transfer> transfer) override;
+  void suspend(std::shared_ptr<Transfer> transfer) override;
 
   /// The record is gone when this returns, all else soon after.
   void cancel(std::shared_ptr<Transfer> transfer) override;
+  void describe(int64_t taskIdentifier, const std::string& text) override;
 
  private:
   using Clock = TransferAttempt::Clock;
 
   struct Command {
-    enum class Kind { start, cancel, stop } kind;
+    enum class Kind { start, suspend, cancel, stop } kind;
     std::shared_ptr<Transfer> transfer;
   };
 
@@ -59,14 +61,16 @@ class TransferLoop : public TransferOwner {
   void run();
   bool obeyCommands();
   void take(const std::shared_ptr<Transfer>& transfer);
+  void putAside(const std::shared_ptr<Transfer>& transfer);
   void drop(const std::shared_ptr<Transfer>& transfer);
+  void endJob(int64_t taskIdentifier);
   void startDueJobs();
   void startAttempt(Job& job);
   void detach(Job& job);
   void endFinishedAttempts();
   void endStalledAttempts();
   void endAttempt(Job& job, int code);
-  void retryOrFail(Job& job, const Error& error);
+  void retryOrFail(Job& job, const TransferAttempt::Outcome& outcome);
   void fail(Job& job, const Error& error);
   void finish(Job& job);
   void report(Job& job, uint64_t received, std::optional<uint64_t> expected);

@@ -86,8 +86,20 @@ void TransferStore::save(const TransferRecord& record) {
   std::lock_guard guard(mutex_);
   const auto known = records_.find(record.taskIdentifier);
   if (known == records_.end()) return;
-  write(record);
-  known->second = record;
+  TransferRecord next = record;
+  next.taskDescription = known->second.taskDescription;
+  write(next);
+  known->second = std::move(next);
+}
+
+void TransferStore::setTaskDescription(int64_t taskIdentifier, const std::string& text) {
+  std::lock_guard guard(mutex_);
+  const auto known = records_.find(taskIdentifier);
+  if (known == records_.end()) return;
+  TransferRecord next = known->second;
+  next.taskDescription = text;
+  write(next);
+  known->second = std::move(next);
 }
 
 void TransferStore::write(const TransferRecord& record) {

@@ -39,8 +39,12 @@ class TransferStore {
   /// Throws PosixError, and URLError for text that is not UTF-8.
   TransferRecord add(const std::string& session, const std::string& url, const std::string& taskDescription);
 
-  /// Replaces a record, on stable storage. One that has been removed stays removed. Throws PosixError.
+  /// Replaces a record, on stable storage; the description stays. One that has been removed stays removed. Throws
+  /// PosixError.
   void save(const TransferRecord& record);
+
+  /// Throws PosixError, and URLError for text that is not UTF-8.
+  void setTaskDescription(int64_t taskIdentifier, const std::string& text);
 
   /// Takes the record away, so that no later process takes up the transfer. Failures are logged.
   void removeRecord(int64_t taskIdentifier);

@@ -30,9 +30,31 @@ double ScriptedDownloadTask::fractionCompleted() const {
   return expected_ > 0 ? static_cast<double>(received_) / static_cast<double>(expected_) : 0;
 }
 
+std::string ScriptedDownloadTask::taskDescription() const {
+  std::lock_guard guard(mutex_);
+  return taskDescription_;
+}
+
+TransferState ScriptedDownloadTask::transferState() const {
+  std::lock_guard guard(mutex_);
+  TransferState state{.received = static_cast<uint64_t>(received_)};
+  if (expected_ >= 0) state.expected = static_cast<uint64_t>(expected_);
+  return state;
+}
+
+void ScriptedDownloadTask::setTaskDescription(const std::string& text) {
+  std::lock_guard guard(mutex_);
+  taskDescription_ = text;
+}
+
 void ScriptedDownloadTask::resume() {
   std::lock_guard guard(mutex_);
   if (state_ == State::suspended) state_ = State::running;
+}
+
+void ScriptedDownloadTask::suspend() {
+  std::lock_guard guard(mutex_);
+  if (state_ == State::running && !isHandedOver_) state_ = State::suspended;
 }
 
 void ScriptedDownloadTask::cancel() {

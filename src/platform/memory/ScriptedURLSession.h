@@ -22,10 +22,13 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
 
   int64_t taskIdentifier() const override { return taskIdentifier_; }
   std::string originalRequestURL() const override { return url_; }
-  std::string taskDescription() const override { return taskDescription_; }
+  std::string taskDescription() const override;
   NSURLSessionTaskState state() const override;
   double fractionCompleted() const override;
+  TransferState transferState() const override;
+  void setTaskDescription(const std::string& text) override;
   void resume() override;
+  void suspend() override;
   void cancel() override;
 
  private:
@@ -36,8 +39,8 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
 
   const int64_t taskIdentifier_;
   const std::string url_;
-  const std::string taskDescription_;
   mutable std::mutex mutex_;
+  std::string taskDescription_;
   NSURLSessionTaskState state_;
   int64_t received_ = 0;   ///< bytes
   int64_t expected_ = -1;  ///< bytes; -1 while not known

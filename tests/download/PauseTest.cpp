@@ -1,0 +1,93 @@
+#include <gmock/gmock.h>
+
+#include "download/EngineTest.h"
+
+namespace tarn::test {
+namespace {
+
+using enum DownloadStatus;
+using State = NSURLSessionTaskState;
+
+class PauseTest : public EngineTest {
+ protected:
+  DownloadTaskPointer task(int64_t id) {
+    const auto tasks = engine_->getDownloads();
+    return *std::ranges::find(tasks, id, &DownloadTask::id);
+  }
+  State stateOf(const std::string& name) { return transfers_.task(url(name))->state(); }
+  bool isPaused(int64_t id) { return engine_->getTransferStates().at(id).isPaused; }
+};
+
+TEST_F(PauseTest, APausedDownloadLeavesItsSlotAndWaitsForOneWhenItGoesOn) {
+  engine_->setMaxConcurrentDownloads(1);
+  const int64_t a = save("a.mp4")->id, b = save("b.mp4")->id, c = save("c.mp4")->id;
+  transfers_.writeData(url("a.mp4"), 10, 100);
+  EXPECT_TRUE(engine_->pauseDownloadFileBy(c)) << "one in the line too";
+  EXPECT_TRUE(engine_->pauseDownloadFileBy(a));
+  EXPECT_TRUE(engine_->pauseDownloadFileBy(a));
+  EXPECT_EQ(stateOf("a.mp4"), State::suspended);
+  EXPECT_EQ(stateOf("b.mp4"), State::running);
+  EXPECT_EQ(task(a)->status(), downloading) << "its status stays";
+  EXPECT_EQ(engine_->getQueuedDownloadCount(), 0U);
+  EXPECT_TRUE(isPaused(a) && !isPaused(b) && isPaused(c));
+  EXPECT_EQ(engine_->getTransferStates().at(a).received, 10U);
+  EXPECT_EQ(engine_->getTransferStates().at(a).expected, 100U);
+
+  EXPECT_TRUE(engine_->resumeDownloadFileBy(a));
+  EXPECT_FALSE(engine_->resumeDownloadFileBy(a));
+  EXPECT_TRUE(engine_->resumeDownloadFileBy(c));
+  EXPECT_EQ(task(a)->status(), queued) << "the slot is another's by now";
+  EXPECT_EQ(stateOf("a.mp4"), State::suspended);
+  for (const char* name : {"b.mp4", "a.mp4", "c.mp4"}) {
+    EXPECT_EQ(stateOf(name), State::running);
+    finish(name);
+    transfers_.complete(url(name));
+    settle();
+  }
+  EXPECT_EQ(contents(), "content of b.mp4 content of a.mp4 content of c.mp4");
+  EXPECT_THAT(heard(), testing::AllOf(testing::HasSubstr("finished " + std::to_string(a)),
+                                      testing::HasSubstr("finished " + std::to_string(c))));
+}
+
+TEST_F(PauseTest, APauseAndItsEndOutliveTheProcess) {
+  engine_->setMaxConcurrentDownloads(1);
+  const int64_t running = save("a.mp4")->id, waiting = save("b.mp4", true)->id;
+  engine_->pauseDownloadFileBy(waiting);
+  engine_->pauseDownloadFileBy(running);
+  restart();
+  EXPECT_EQ(task(running)->status(), downloading);
+  EXPECT_EQ(task(waiting)->status(), queued);
+  EXPECT_TRUE(isPaused(running) && isPaused(waiting));
+  EXPECT_EQ(stateOf("a.mp4"), State::suspended);
+  EXPECT_EQ(stateOf("b.mp4"), State::suspended);
+
+  engine_->resumeDownloadFileBy(waiting);
+  engine_->resumeDownloadFileBy(running);  // into the line
+  restart();
+  EXPECT_FALSE(isPaused(running) || isPaused(waiting));
+  EXPECT_EQ(stateOf("b.mp4"), State::running);
+  finish("b.mp4");
+  finish("a.mp4");
+  EXPECT_EQ(contents(), "content of b.mp4 content of a.mp4");
+  EXPECT_TRUE(task(waiting)->request.skipVideoFix);
+}
+
+TEST_F(PauseTest, OnlyATransferThatIsNotOverCanBePaused) {
+  const int64_t id = save("a.mp4")->id;
+  EXPECT_FALSE(engine_->pauseDownloadFileBy(id + 1));
+  EXPECT_FALSE(engine_->resumeDownloadFileBy(id));
+  engine_->pauseDownloadFileBy(id);
+  engine_->cancelDownloadFileBy(id);
+  settle();
+  transfers_.deliverCancellations();
+  EXPECT_TRUE(transfers_.tasks().empty()) << "a paused one can be cancelled";
+
+  const int64_t other = save("b.mp4")->id;
+  dispatch_.hold(worker());
+  finish("b.mp4");
+  EXPECT_FALSE(engine_->pauseDownloadFileBy(other));
+  EXPECT_FALSE(task(other)->isPaused());
+}
+
+}  // namespace
+}  // namespace tarn::test
