@@ -87,9 +87,14 @@ class TARN_API Engine {
 
   /// How a download ended in the process of the engine: with a failure or an asset; neither is there if it has not.
   struct Outcome {
-    std::optional<std::string> failure;  ///< in words
-    std::optional<std::string> assetId;  ///< of the video in the library
-    bool isRefused = false;              ///< of a failure: the file is no video, and the words say what to do instead
+    std::optional<std::string> failure = {};  ///< in words
+    std::optional<std::string> assetId = {};  ///< of the video in the library
+    std::string advice = {};                  ///< of a failure: what to do about it, a sentence or nothing
+    bool isRefused = false;        ///< of a failure: the file is no video, and the words say what to do instead
+    bool mayTryAgain = false;      ///< of a failure: the same again may work, now or later
+    bool maySaveAsItCame = false;  ///< of a failure: a repair failed that the file can do without
+    bool isPartly = false;         ///< saved, and a part of the video is missing, as `leftAlone` says
+    std::vector<std::string> leftAlone = {};  ///< what was left as it was, or is lost, and why; each without a stop
   };
 
   /// What is stored in the home.
@@ -142,7 +147,8 @@ class TARN_API Engine {
   /// Joins the engine of the home if a process runs one. Returns whether it does; nothing is started or made else.
   bool openRunning();
 
-  /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, EngineLost.
+  /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, a name that no file can
+  /// have and an album without a name, EngineLost.
   int64_t save(const SaveRequest& request);
   void cancel(int64_t id);
   /// Stops the transfer of a download and keeps what it has fetched, until resume(), over a restart too. The download

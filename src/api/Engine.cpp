@@ -22,6 +22,9 @@ bool Engine::openRunning() {
 }
 
 int64_t Engine::save(const SaveRequest& request) {
+  if (const auto why = whyNoAlbum(request.album)) throw EngineRefused(*why);
+  const auto why = request.filename ? whyNoFilename(*request.filename) : std::nullopt;
+  if (why) throw EngineRefused(*why);
   JSObject options{{"url", request.url},
                    {"album", request.album},
                    {"filename", request.filename.value_or(defaultFilename(request.url))},

@@ -103,7 +103,12 @@ EngineClient::Outcome EngineClient::outcome(int64_t id) {
   const JSObject answer = call(HostPlugin::name(), "getOutcome", {{"id", id}}).data;
   return {.failure = optionalAt<std::string>(answer, "failure"),
           .assetId = optionalAt<std::string>(answer, "assetId"),
-          .isRefused = valueAt<bool>(answer, "isRefused", false)};
+          .advice = valueAt<std::string>(answer, "advice", ""),
+          .isRefused = valueAt(answer, "isRefused", false),
+          .mayTryAgain = valueAt(answer, "mayTryAgain", false),
+          .maySaveAsItCame = valueAt(answer, "maySaveAsItCame", false),
+          .isPartly = valueAt(answer, "isPartly", false),
+          .leftAlone = arrayAt<std::string>(answer, "leftAlone")};
 }
 
 std::optional<Path> EngineClient::assetPath(const std::string& assetId, const std::optional<std::string>& album) {

@@ -1,11 +1,9 @@
 #include "app/CommandEngine.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 
 #include "app/Output.h"
 #include "platform/host/Descriptor.h"
@@ -57,8 +55,8 @@ int CommandEngine::leave(int code) {
     isLeaving_ = true;
     const bool isShared = engine_.isShared();
     if (isShared && engine_.isInterrupted()) detach();
-    if (isShared && !engine_.isInterrupted() && ::isatty(STDERR_FILENO) == 1) {
-      fmt::print(stderr, "Other commands still use this engine: it ends with the last of them.\n");
+    if (isShared && !engine_.isInterrupted() && isTerminal(STDERR_FILENO)) {
+      printNote("Other commands still use this engine: it ends with the last of them.");
     }
   }
   engine_.waitUntilUnused();

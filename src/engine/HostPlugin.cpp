@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "engine/Host.h"
+#include "inspect/FailureAdvice.h"
 #include "platform/Clock.h"
 
 namespace tarn {
@@ -49,6 +50,22 @@ void orReject(const CAPPluginCallPointer& call, const Work& work) {
 template <typename Values>
 JSValue::Array arrayOf(const Values& values) {
   return {values.begin(), values.end()};
+}
+
+JSObject outcomeJSON(const RunOutcome& outcome) {
+  JSObject answer;
+  if (outcome.kind == RunOutcome::Kind::failed) {
+    const FailureAdvice advice = adviceFor(outcome);
+    answer.set("failure", outcome.words);
+    if (!advice.words.empty()) answer.set("advice", advice.words);
+    if (outcome.isRefused) answer.set("isRefused", true);
+    if (advice.mayTryAgain) answer.set("mayTryAgain", true);
+    if (advice.maySaveAsItCame) answer.set("maySaveAsItCame", true);
+  }
+  if (outcome.assetId) answer.set("assetId", *outcome.assetId);
+  if (outcome.isPartly) answer.set("isPartly", true);
+  if (!outcome.leftAlone.empty()) answer.set("leftAlone", arrayOf(outcome.leftAlone));
+  return answer;
 }
 
 }  // namespace
@@ -93,13 +110,8 @@ void HostPlugin::saveVideo(const CAPPluginCallPointer& call) {
 void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
   const auto id = call->getInt("id");
   if (!id) return call->reject("No such download");
-  JSObject answer;
-  if (const auto outcome = host_.outcomes().of(*id)) {
-    if (outcome->kind == RunOutcome::Kind::failed) answer.set("failure", outcome->words);
-    if (outcome->isRefused) answer.set("isRefused", true);
-    if (outcome->assetId) answer.set("assetId", *outcome->assetId);
-  }
-  call->resolve(std::move(answer));
+  const auto outcome = host_.outcomes().of(*id);
+  call->resolve(outcome ? outcomeJSON(*outcome) : JSObject());
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {

@@ -12,8 +12,10 @@ class Host;
 /// What only the host of an engine knows, as methods of a plug-in, for the other commands of a home. No page sees it.
 ///
 /// - saveVideo {id, ...}: the bridge's, under an id of the caller's choice if that is free.
-/// - getOutcome {id}: how a download has ended in this process: `failure` in words, `isRefused`, `assetId`; each may
-///   be absent.
+/// - getOutcome {id}: how a download has ended in this process. Of a failure: `failure` in words, `advice` (a
+/// sentence),
+///   `isRefused`, `mayTryAgain`, `maySaveAsItCame`. Of a saved video: `assetId`, `isPartly`, `leftAlone` (what was left
+///   as it was or is lost, and why). What does not apply is absent.
 /// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`

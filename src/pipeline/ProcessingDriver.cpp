@@ -57,6 +57,7 @@ void ProcessingDriver::continueProcessing(const ProcessingState& state,
       run.outcome.kind = RunOutcome::Kind::cancelled;
     } else {
       fail(run, std::current_exception());
+      run.outcome.isDiskFull |= files.wasDiskFull();
       layers.discard();
     }
   }
