@@ -39,7 +39,7 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& arguments)
   std::stop_source cancel;
   const InterruptWatcher watcher([&cancel] { return cancel.request_stop(); });
   const RepairReport report = repair(arguments, cancel.get_token(), !global.json);
-  if (report.kind == RepairReport::Kind::failed) return reportFailure(global, arguments, report.failure);
+  if (report.kind == RepairReport::Kind::failed || report.kind == RepairReport::Kind::refused) return reportFailure(global, arguments, report.failure);
   if (report.kind == RepairReport::Kind::cancelled) {
     if (global.json) printJSON({{"result", "interrupted"}, {"input", arguments.input}});
     printFailure(fmt::format("Interrupted; {} was not written.", arguments.output));

@@ -16,7 +16,7 @@ namespace tarn {
 struct AudioFindings {
   AudioAnalysisResult analysis;  ///< of the media's own timeline
   AudioConfigCheck config;
-  std::optional<OriginalSyncInfo> originalSyncInfo;  ///< nothing where it could not be read
+  std::optional<OriginalSyncInfo> originalSyncInfo;  ///< nothing if it could not be read
   std::optional<QuickCrossTrackResult> scan;         ///< made where the audio alone looks whole; for the log
   std::vector<AudioAction> actions;                  ///< of the fast path
   int64_t packetTicks = 0;                           ///< for the fast path: length of a packet, track timescale

@@ -89,7 +89,7 @@ void AudioStep::run(ProcessingRun& run) {
       break;
   }
   if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings.analysis);
-  replaceAudio(run);
+  replaceAudio(run, workers_);
 }
 
 }  // namespace tarn

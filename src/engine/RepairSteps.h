@@ -12,6 +12,9 @@ namespace tarn {
 /// The steps that repair a file, in the order of the pipeline: the same for a download and for a local file.
 class RepairSteps {
  public:
+  /// So many threads encode sound; 0: as many as cores, at most 4.
+  explicit RepairSteps(unsigned encoderWorkers = 0) : audio_(encoderWorkers) {}
+
   /// Both must outlive the steps' use.
   ProcessingSteps withLast(ProcessingStep& last) {
     return {.fragments = &fragments_,

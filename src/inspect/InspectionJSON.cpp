@@ -226,8 +226,9 @@ JSObject syncFixJSON(const SyncForecast& forecast) {
   JSObject object{{"does", kindText(forecast.kind)}, {"reason", forecast.reason}};
   if (forecast.kind != SyncForecast::Kind::writes) return object;
   object.set("tracks", arrayOf(forecast.order.tracks, [](const SyncFixOrder::Track& track) {
-               return JSObject{
-                   {"id", int64_t{track.trackID}}, {"reason", track.list.reason}, {"edits", rowsJSON(track.list.rows)}};
+               return JSObject{{"id", int64_t{track.trackID}},
+                               {"reason", track.list.reason},
+                               {"edits", rowsJSON(track.list.entries)}};
              }));
   return object;
 }

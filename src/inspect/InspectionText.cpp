@@ -206,7 +206,7 @@ std::string syncFixText(const Inspection& inspection) {
 
 void writeOrder(Writer& out, const SyncFixOrder& order) {
   for (const auto& [trackID, list] : order.tracks) {
-    out.line("  edits of track {}: {}, since {}", trackID, rowsText(list.rows), list.reason);
+    out.line("  edits of track {}: {}, since {}", trackID, rowsText(list.entries), list.reason);
   }
 }
 

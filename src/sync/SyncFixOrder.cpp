@@ -17,8 +17,8 @@ PlannedEditList wholeMedia(const TrackPresentation& track, uint32_t movieTimesca
   }
   const int64_t played = rescaleTimeUp(subtractTimes(track.mediaEnd, start), movieTimescale, track.timescale);
   PlannedEditList list{.trackDuration = addTimes(empty, played)};
-  if (empty > 0) list.rows.push_back({empty, layout::emptyEdit, layout::normalRate});
-  list.rows.push_back({played, start, layout::normalRate});
+  if (empty > 0) list.entries.push_back({empty, layout::emptyEdit, layout::normalRate});
+  list.entries.push_back({played, start, layout::normalRate});
   return list;
 }
 
@@ -36,7 +36,7 @@ std::string reasonOf(EditListDamage damage) {
   return "";
 }
 
-/// The list that a track needs; nothing where its own says the truth.
+/// The list that a track needs; nothing if its own says the truth.
 std::optional<PlannedEditList> neededList(const Presentation& movie, const TrackPresentation& track) {
   if (track.sampleCount() == 0) return std::nullopt;
   const bool isDamaged = track.damage != EditListDamage::none;
@@ -45,7 +45,7 @@ std::optional<PlannedEditList> neededList(const Presentation& movie, const Track
   if (!isDamaged && !lacksList) return std::nullopt;
   PlannedEditList list = wholeMedia(track, movie.movieTimescale());
   // From 0 on without a list, as with one.
-  if (!isDamaged && list.rows.size() < 2) return std::nullopt;
+  if (!isDamaged && list.entries.size() < 2) return std::nullopt;
   list.reason = reasonOf(track.damage);
   return list;
 }

@@ -22,7 +22,7 @@ struct SyncFixFacts {
 
 /// An edit list to be written.
 struct PlannedEditList {
-  std::vector<EditListEntry> rows = {};
+  std::vector<EditListEntry> entries = {};
   int64_t trackDuration = 0;  ///< of the track with the list, movie timescale
   std::string reason = {};    ///< why the track needs it
 };

@@ -117,6 +117,7 @@ TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
     editor.setField(list.offset + 16, doesHarm ? 1960 : 2001);  // the last picture lasts 40 ms
     const Path result = place_ / "result.mp4";
     LayeredFiles layers(files_, place_ / "side");
+    layers.layOver(result, in_);
     layers.open(result, OpenMode::creating)->write(editor.bytes);
     RunRecorder recorder;
     ProcessingRun run = recorder.runOn(layers, result);

@@ -104,7 +104,7 @@ TEST_F(InspectTest, PromisesWhatTheRepairThenDoes) {
       EXPECT_EQ(described(promise.remux.entries), described(outcome.video->entries));
     }
     for (const auto& [trackID, list] : promise.syncFix.order.tracks) {
-      EXPECT_EQ(trackID == 1 ? outcome.sync->videoEditList : outcome.sync->audioEditList, list.rows);
+      EXPECT_EQ(trackID == 1 ? outcome.sync->videoEditList : outcome.sync->audioEditList, list.entries);
     }
     if (row.tag.empty()) continue;
     EXPECT_EQ(probeVideo(out, "codec_tag_string").substr(0, 4), row.tag);

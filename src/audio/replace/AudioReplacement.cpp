@@ -41,7 +41,7 @@ SourceTiming timingOf(const std::optional<OriginalSyncInfo>& info) {
   return timing;
 }
 
-/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing where the video
+/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing if the video
 /// itself serves. The copy is in the run's record.
 std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   constexpr std::string_view none = "Audio transcoding: No audio edit list found - using original file";
@@ -68,7 +68,7 @@ std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   return stripped.path();
 }
 
-void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, double shownMediaEnd) {
+void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, double shownMediaEnd, unsigned workers) {
   const SourceTiming timing = timingOf(run.originalSyncInfo);
   if (std::abs(timing.syncOffsetSeconds) > 0.001) {
     log("  Passing syncOffsetSeconds={:.3f}s to transcoder", timing.syncOffsetSeconds);
@@ -78,7 +78,7 @@ void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, doub
         timing.audioMediaDurationSeconds.value_or(0));
   }
   transcodeAudio(
-      run.files, input, newAudio, timing, TranscodeConfig{}, run.token.get(),
+      run.files, input, newAudio, timing, {.workers = workers}, run.token.get(),
       [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); }, shownMediaEnd);
 }
 
@@ -107,7 +107,7 @@ bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, co
 
 }  // namespace
 
-void replaceAudio(ProcessingRun& run) {
+void replaceAudio(ProcessingRun& run, unsigned workers) {
   logLine("Audio analysis: transcoding needed");
   logLine("Starting audio transcoding...");
   run.timer.start();
@@ -129,7 +129,7 @@ void replaceAudio(ProcessingRun& run) {
 
   timer.start();
   run.updateProcessingStage(ProcessingStage::transcodingPass2);
-  transcode(run, stripped.value_or(run.fileURL), newAudio, swap.shownMediaEnd());
+  transcode(run, stripped.value_or(run.fileURL), newAudio, swap.shownMediaEnd(), workers);
   timings.pass2Transcode = timer.stop();
   run.token->throwIfCancelled();
 

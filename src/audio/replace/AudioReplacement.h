@@ -8,7 +8,7 @@ namespace tarn {
 /// the stages from `transcodingPass1` to `audioReplaced`. The source's sync facts must be in the run. Where the new
 /// track would harm what the file shows, the old one stays, run.warn() says why, and run.audioWasTranscoded is false.
 /// Throws AudioTranscoderError, AudioTrackReplacerError, CancellationError, and failures of the file layer; until the
-/// swap the file is as it was.
-void replaceAudio(ProcessingRun& run);
+/// swap the file is as it was. `workers`: see TranscodeConfig.
+void replaceAudio(ProcessingRun& run, unsigned workers);
 
 }  // namespace tarn

@@ -89,7 +89,7 @@ struct Work {
   const RewriteCheck& check;
 };
 
-/// What the new sample entries shall hold.
+/// What the new sample entries must hold.
 struct Contents {
   ExtractedParameterSets extracted = {};            ///< of one entry
   std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found
