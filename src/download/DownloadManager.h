@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
+#include "download/DownloadListener.h"
 #include "download/DownloadRequest.h"
 #include "download/DownloadTask.h"
 #include "pipeline/ProcessingStep.h"
-#include "pipeline/RunOutcome.h"
 #include "platform/Platform.h"
 
 namespace tarn {
@@ -21,11 +21,11 @@ class DownloadManager {
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The delegate
-  /// hears of those that are under way, and `outcomes` how each download ends, ahead of everybody else. The platform
-  /// and the steps must outlive it. Throws PosixError when the stored tasks cannot be read.
+  /// hears of those that are under way. The platform, the steps and the listener, if there is one, must outlive it.
+  /// Throws PosixError when the stored tasks cannot be read.
   static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps,
                                                  const std::weak_ptr<DownloadManagerDelegate>& delegate = {},
-                                                 OutcomeSink outcomes = {});
+                                                 DownloadListener* listener = nullptr);
   ~DownloadManager();
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
@@ -89,7 +89,7 @@ class DownloadManager {
  private:
   struct Parts;
 
-  DownloadManager(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes);
+  DownloadManager(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener);
 
   const std::unique_ptr<Parts> parts_;
 };

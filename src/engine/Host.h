@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "engine/History.h"
 #include "engine/Home.h"
 #include "engine/HostPlugin.h"
 #include "engine/Outcomes.h"
@@ -28,13 +29,13 @@ struct HostOptions {
 
 /// Everything that runs in one home: the services of the host, the steps, the plug-in. Owns the home while it lives.
 /// Belongs to the thread that made it.
-class Host {
+class Host : private DownloadListener {
  public:
   /// `files` are those of options.home, and must outlive the host. Clears up what a killed process has left; nothing
   /// else runs yet. Throws Error.
   Host(FileManager& files, const HostOptions& options);
   /// Stops everything: a run ends at its next check, transfers stay in their store.
-  ~Host();
+  ~Host() override;
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
@@ -61,6 +62,8 @@ class Host {
   bool isProcessing() { return plugin_->downloadManager().isProcessing(); }
   /// What is wrong with the stored work, in words for people.
   std::vector<std::string> storeProblems() { return store_.problems(); }
+  /// What is wrong beside it.
+  std::vector<std::string> notices() const;
 
   TarnBridge& plugin() { return *plugin_; }
   /// What the host offers beside the bridge.
@@ -68,6 +71,9 @@ class Host {
   HostApplication& application() { return application_; }
   SQLitePhotoLibrary& photos() { return photos_; }
   const Outcomes& outcomes() const { return outcomes_; }
+  History& history() { return history_; }
+  /// The file to which the log goes; none if it goes elsewhere.
+  std::optional<Path> logFile() const { return log_ ? std::optional(log_->path()) : std::nullopt; }
 
  private:
   HomeLock lock_;
@@ -75,6 +81,7 @@ class Host {
   std::unique_ptr<LogFile> log_;
   FileManager& files_;
   SystemClock clock_;
+  History history_;
   AsioDispatch dispatch_;
   HostApplication application_;
   const bool hasBackgroundLimit_;
@@ -87,6 +94,10 @@ class Host {
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
   HostPlugin hostPlugin_{*this};
+
+  void began(int64_t id, const DownloadRequest& request) noexcept override;
+  void ended(const RunOutcome& outcome) noexcept override;
+  void settleHistory();
 };
 
 }  // namespace tarn

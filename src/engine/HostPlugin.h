@@ -19,11 +19,13 @@ class Host;
 /// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
-///   in words.
+///   in words, and `notices` of what harms no download.
+/// - getHistory {limit}: `entries`, as HistoryEntry::json() has them, the newest first; `problem`, in words, if
+///   there is one; `log`, the path of the log. All entries without a limit.
+/// - clearHistory {id}: removes a download that has ended from the history; without an id all of them.
 /// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`
-/// of
-///   them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there are
-///   at `most`, the `seconds` until it comes, and `why` the last one failed.
+///   of them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there
+///   are at `most`, the `seconds` until it comes, and `why` the last one failed.
 /// - changeDownload {id, action}: "pause" stops a transfer and keeps what it has fetched, "resume" lets it go on.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
 class HostPlugin : public CAPPlugin {
@@ -45,6 +47,8 @@ class HostPlugin : public CAPPlugin {
   void getOutcome(const CAPPluginCallPointer& call);
   void getAsset(const CAPPluginCallPointer& call);
   void getStoredWork(const CAPPluginCallPointer& call);
+  void getHistory(const CAPPluginCallPointer& call);
+  void clearHistory(const CAPPluginCallPointer& call);
   void getTransfers(const CAPPluginCallPointer& call);
   void changeDownload(const CAPPluginCallPointer& call);
   void takeUpStoredRun(const CAPPluginCallPointer& call);

@@ -133,6 +133,7 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   // as waiting is started again.
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, request.skipVideoFix, request.skipAudioFix);
+  engine_.news.began(*task);
   engine_.registry.insert(task);
   storeAhead(task);
   startOrQueue({.task = task, .delegate = delegate});
