@@ -67,7 +67,7 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
                        .webFolder = options.webFolder ? Path(*options.webFolder) : ownPage(),
                        .token = homeToken(home),
                        .localFolder = home / "Local",
-                       .logFile = home / "log/tarn.log"},
+                       .logFile = host.logFile().value_or(Path())},
                       [&host](bool isActive) { host.setActive(isActive); });
   printLine(server.entryAddress());
   while (!client.isInterrupted()) {

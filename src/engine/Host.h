@@ -9,6 +9,7 @@
 #include "engine/History.h"
 #include "engine/Home.h"
 #include "engine/HostPlugin.h"
+#include "engine/LocalImport.h"
 #include "engine/Outcomes.h"
 #include "engine/RepairSteps.h"
 #include "pipeline/ProcessingStateManager.h"
@@ -64,6 +65,11 @@ class Host : private DownloadListener {
   std::vector<std::string> storeProblems() { return store_.problems(); }
   /// What is wrong beside it.
   std::vector<std::string> notices() const;
+
+  /// Has a file of this machine go the way of a download that has arrived; see LocalImport.h.
+  int64_t importLocal(const Path& file, const std::string& filename, const std::string& album) {
+    return importLocalFile(files_, *plugin_, file, filename, album);
+  }
 
   TarnBridge& plugin() { return *plugin_; }
   /// What the host offers beside the bridge.

@@ -80,13 +80,14 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
       {"saveVideo", "promise"},       {"getOutcome", "promise"},   {"getAsset", "promise"},
       {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
       {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
+      {"importLocal", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 9> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 10> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
@@ -96,6 +97,7 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
       {"getHistory", &HostPlugin::getHistory},
       {"clearHistory", &HostPlugin::clearHistory},
+      {"importLocal", &HostPlugin::importLocal},
   }};
   for (const auto& [name, member] : handlers) {
     if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
@@ -189,6 +191,14 @@ void HostPlugin::pause(int64_t id, const CAPPluginCallPointer& call) {
 void HostPlugin::resume(int64_t id, const CAPPluginCallPointer& call) {
   if (!host_.plugin().downloadManager().resumeDownloadFileBy(id)) return call->reject("The download is not paused");
   call->resolve({{"id", id}});
+}
+
+void HostPlugin::importLocal(const CAPPluginCallPointer& call) {
+  const auto path = call->getString("path");
+  const auto filename = call->getString("filename");
+  const auto album = call->getString("album");
+  if (!path || !filename || !album || album->empty()) return call->reject("A path, a filename and an album are needed");
+  orReject(call, [&] { call->resolve({{"id", host_.importLocal(*path, *filename, *album)}}); });
 }
 
 void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {

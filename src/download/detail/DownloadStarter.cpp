@@ -145,6 +145,7 @@ DownloadTaskPointer DownloadStarter::takeWithoutTransfer(const DownloadRequest& 
                                                          const DelegatePointer& delegate) {
   const auto task = std::make_shared<DownloadTask>(engine_.platform.files, makeId(std::nullopt), request);
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::processing; });
+  engine_.news.began(*task);
   engine_.registry.insert(task);
   engine_.registry.setDelegate(task->id, delegate);
   return task;

@@ -71,7 +71,8 @@ export function actionsFor({ phase, entry, download, transfer, assetId }: Card, 
     if (transfer && offers('changeDownload')) actions.add(transfer.paused ? 'resume' : 'pause');
     return actions.add('cancel');
   }
-  const mayRetry = entry ? offers('changeDownload') : download?.options !== undefined;
+  // A file that was handed in has no address to come from once more.
+  const mayRetry = entry ? offers('changeDownload') && Boolean(entry.url) : download?.options !== undefined;
   if (phase === 'failed' && entry?.maySaveAsItCame && mayRetry) actions.add('asItCame');
   if (phase === 'failed' && mayRetry) actions.add('again');
   if (phase === 'saved' && assetId !== undefined && isPlayable) actions.add('watch');
