@@ -116,7 +116,8 @@ bool RepairReportFile::knows(const Path& input) const {
 
 void RepairReportFile::append(const RepairedFile& result) {
   JSObject line{{"schema", jsonSchema}};
-  for (const auto& [key, value] : reportObject(result).members()) line.set(key, value);
+  const JSObject facts = reportObject(result);
+  for (const auto& [key, value] : facts.members()) line.set(key, value);
   write(line.json() + "\n");
 }
 
