@@ -22,11 +22,11 @@ extern "C" {
 #include <stdint.h>
 #endif
 
-/* One row of an edit list (8.6.6). */
+/* One entry of an edit list (8.6.6). */
 typedef struct AVSyncElstEntry {
   int64_t duration;   /* movie timescale */
   int64_t media_time; /* track timescale; -1 for an empty edit */
-  int32_t media_rate; /* 16.16 fixed point; rows built here have 0x10000 */
+  int32_t media_rate; /* 16.16 fixed point; entries built here have 0x10000 */
 } AVSyncElstEntry;
 
 /* One track's timing facts. */
@@ -66,11 +66,11 @@ typedef struct AVSyncCrossTrackAnalysis {
   bool audio_needs_edit;
 } AVSyncCrossTrackAnalysis;
 
-/* An stts row (8.6.1.2) whose delta stands out. */
+/* An stts entry (8.6.1.2) whose delta stands out. */
 typedef struct AVSyncGap {
-  int64_t position;     /* decode time at which the row starts, track timescale */
+  int64_t position;     /* decode time at which the entry starts, track timescale */
   int64_t excess;       /* delta - nominal delta, track timescale */
-  int32_t sample_index; /* of the row's first sample, 0-based */
+  int32_t sample_index; /* of the entry's first sample, 0-based */
   uint8_t is_sync;      /* 1 when that sample is listed in the stss */
 } AVSyncGap;
 
@@ -101,8 +101,8 @@ TARN_API AVSyncAnalysis avsync_analyze(const AVSyncVideoTiming* video, const AVS
 TARN_API AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* video,
                                                              const AVSyncTrackTiming* audio, uint32_t movie_timescale);
 
-/* Lists up to max_gaps stts rows with a delta above `threshold` (track timescale), or, for a threshold below 1, above
- * twice the nominal delta: the one that most samples have, among the first 16 that occur. stss and summary may be
+/* Lists up to max_gaps stts entries with a delta above `threshold` (track timescale), or, for a threshold below 1,
+ * above twice the nominal delta: the one that most samples have, among the first 16 that occur. stss and summary may be
  * absent. Returns the number of gaps; bad input gives 0 and a zeroed summary. */
 TARN_API int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
                                     int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary);
@@ -168,9 +168,9 @@ TARN_API int32_t avsync_ctts_v1_size(const uint8_t* buffer, int32_t length);
 TARN_API int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int64_t shift, uint8_t* out,
                                               int32_t capacity, AVSyncCttsConversionInfo* info);
 
-/* An stts in which no delta is above max_delta: the samples of a row above it become rows of one sample each, as many
- * as it takes, and the sum of all deltas stays. Returns the size in bytes, -1 when invalid, above the capacity, or not
- * below 2 GiB. */
+/* An stts in which no delta is above max_delta: the samples of an entry above it become entries of one sample each, as
+ * many as it takes, and the sum of all deltas stays. Returns the size in bytes, -1 when invalid, above the capacity, or
+ * not below 2 GiB. */
 TARN_API int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta);
 TARN_API int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_t max_delta, uint8_t* out,
                                            int32_t capacity);

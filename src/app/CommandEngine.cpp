@@ -1,11 +1,9 @@
 #include "app/CommandEngine.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 
 #include "app/Output.h"
 #include "platform/host/Descriptor.h"
@@ -35,7 +33,9 @@ CommandEngine::CommandEngine(const GlobalOptions& global)
     : engine_(engineOptions(global)), watcher_([this] { return takeInterrupt(); }) {
   try {
     engine_.open();
-    for (const std::string& words : engine_.storedWork().problems) printFailure(words + ".");
+    const Engine::StoredWork stored = engine_.storedWork();
+    for (const std::string& words : stored.problems) printFailure(words + ".");
+    for (const std::string& words : stored.notices) printFailure(words + ".");
   } catch (const EngineInterrupted&) {
     // The command's first call says so again.
   }
@@ -55,8 +55,8 @@ int CommandEngine::leave(int code) {
     isLeaving_ = true;
     const bool isShared = engine_.isShared();
     if (isShared && engine_.isInterrupted()) detach();
-    if (isShared && !engine_.isInterrupted() && ::isatty(STDERR_FILENO) == 1) {
-      fmt::print(stderr, "Other commands still use this engine: it ends with the last of them.\n");
+    if (isShared && !engine_.isInterrupted() && isTerminal(STDERR_FILENO)) {
+      printNote("Other commands still use this engine: it ends with the last of them.");
     }
   }
   engine_.waitUntilUnused();

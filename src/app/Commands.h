@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/tarn.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -23,10 +25,17 @@ enum ExitCode : int {
   interrupted = 130,
 };
 
+/// What the user asks for cannot be: nothing has been done. Its words are a sentence.
+class UsageError : public Error {
+ public:
+  explicit UsageError(const std::string& words) : Error("Usage", ExitCode::usage, words) {}
+};
+
 struct GlobalOptions {
   std::optional<std::string> home;
   bool verbose = false;
-  bool json = false;  ///< one JSON object a line for every event and the result
+  bool quiet = false;  ///< prints results and failures alone
+  bool json = false;   ///< one JSON object a line for every event and the result
   std::optional<std::chrono::seconds> backgroundLimit = std::nullopt;
 };
 
@@ -44,6 +53,8 @@ void addResumeCommand(CommandTable& table);
 void addRepairCommand(CommandTable& table);
 void addInspectCommand(CommandTable& table);
 void addLibraryCommands(CommandTable& table);
+/// `downloads` and `cancel`.
+void addDownloadsCommands(CommandTable& table);
 void addServeCommand(CommandTable& table);
 void addDemoCommand(CommandTable& table);
 

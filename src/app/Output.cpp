@@ -2,32 +2,90 @@
 
 #include <fmt/format.h>
 #include <tarn/tarn.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "platform/URL.h"
+#include "platform/UTF8.h"
 
 namespace tarn {
+namespace {
+
+bool quiet = false;
+
+std::string environment(const char* name) {
+  const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return value ? value : "";
+}
+
+std::string escapedLines(std::string_view text) {
+  std::string result;
+  for (size_t end = 0; end != std::string_view::npos;) {
+    end = text.find('\n');
+    result += escaped(text.substr(0, end));
+    if (end == std::string_view::npos) break;
+    result += '\n';
+    text.remove_prefix(end + 1);
+  }
+  return result;
+}
+
+void write(const std::string& text) {
+  fmt::print("{}\n", text);
+  std::fflush(stdout);
+}
+
+}  // namespace
 
 void sendLog(bool verbose) {
   if (verbose) {
-    setLog([](std::string_view line) { fmt::print(stderr, "{}\n", line); });
+    setLog([](std::string_view line) { fmt::print(stderr, "{}\n", escaped(line)); });
   } else {
     setLog({});
   }
 }
 
-void printJSON(const JSObject& object) {
-  printLine(object.json());
+void setQuiet(bool isQuiet) {
+  quiet = isQuiet;
 }
 
-void printLine(const std::string& line) {
-  fmt::print("{}\n", line);
-  std::fflush(stdout);
+bool isQuiet() {
+  return quiet;
+}
+
+void printJSON(const JSObject& object) {
+  std::vector<JSObject::Member> members{{"schema", jsonSchema}};
+  members.insert(members.end(), object.members().begin(), object.members().end());
+  write(escapedJSON(JSObject(std::move(members)).json()));
+}
+
+void printLine(const std::string& text) {
+  write(escapedLines(text));
+}
+
+void printPath(const std::filesystem::path& path) {
+  write(isTerminal(STDOUT_FILENO) ? escaped(path.native()) : path.native());
+}
+
+void printNote(const std::string& line) {
+  if (!quiet) fmt::print(stderr, "{}\n", escaped(withoutSecrets(line)));
 }
 
 void printFailure(const std::string& line) {
-  fmt::print(stderr, "tarn: {}\n", withoutSecrets(line));
+  const bool isRed = takesColours(STDERR_FILENO);
+  fmt::print(stderr, "{}tarn:{} {}\n", isRed ? "\033[1;31m" : "", isRed ? "\033[0m" : "",
+             escaped(withoutSecrets(line)));
+}
+
+bool isTerminal(int stream) {
+  return ::isatty(stream) == 1;
+}
+
+bool takesColours(int stream) {
+  return isTerminal(stream) && environment("NO_COLOR").empty() && environment("TERM") != "dumb";
 }
 
 }  // namespace tarn

@@ -1,19 +1,45 @@
 #pragma once
 
+#include <cstddef>
+#include <filesystem>
 #include <string>
 
 #include "platform/JSObject.h"
 
+// All that a command prints goes through here. Names and titles from outside may hold control characters and marks that
+// turn the direction of writing: they are escaped, so that no terminal acts on them.
+
 namespace tarn {
+
+/// The number of the form that all JSON lines have.
+inline constexpr int jsonSchema = 1;
 
 /// Sends the log to standard error with `verbose`, else nowhere; an engine keeps its own.
 void sendLog(bool verbose);
 
-/// Writes one JSON object as a line to standard output.
+/// From now on only results and failures are printed.
+void setQuiet(bool isQuiet);
+bool isQuiet();
+
+/// Writes one JSON object as a line to standard output, with the number of the schema as its first member.
 void printJSON(const JSObject& object);
 
-/// Writes a line to standard output, and one that tells of a failure to standard error, its URLs without their secrets.
-void printLine(const std::string& line);
+/// Writes text of one line or more to standard output.
+void printLine(const std::string& text);
+
+/// Writes the path of a result as a line to standard output: to a terminal escaped, to a script as it is.
+void printPath(const std::filesystem::path& path);
+
+/// Writes a line that is neither a result nor a failure to standard error, unless the command is quiet.
+void printNote(const std::string& line);
+
+/// Writes a line that tells of a failure to standard error, its URLs without their secrets.
 void printFailure(const std::string& line);
+
+/// Whether standard output or standard error (STDOUT_FILENO, STDERR_FILENO) is a terminal.
+bool isTerminal(int stream);
+
+/// Whether colours may go there: to a terminal that knows them, unless NO_COLOR is set.
+bool takesColours(int stream);
 
 }  // namespace tarn

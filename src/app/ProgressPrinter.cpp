@@ -8,16 +8,20 @@
 #include <cmath>
 #include <cstdio>
 
-#include "platform/JSObject.h"
+#include "app/Output.h"
+#include "app/Terminal.h"
+#include "platform/UTF8.h"
 
 namespace tarn {
 namespace {
 
-constexpr int barWidth = 24;
+constexpr size_t widestBar = 40;
+constexpr size_t narrowestBar = 6;
+constexpr std::chrono::seconds plainPause{10};
 
-std::string bar(double fraction) {
-  auto filled = static_cast<size_t>(fraction * barWidth);
-  return "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "]";
+std::string bar(double fraction, size_t width) {
+  const auto filled = static_cast<size_t>(fraction * static_cast<double>(width));
+  return "[" + std::string(filled, '#') + std::string(width - filled, '.') + "] ";
 }
 
 std::string timeText(double seconds) {
@@ -38,26 +42,26 @@ std::string byteText(double bytes) {
   return fmt::format("{:.{}f} {}", bytes, unit == 0 ? 0 : 1, units[unit]);
 }
 
-ProgressPrinter::ProgressPrinter() : isTerminal_(isatty(STDERR_FILENO) == 1) {}
-
-ProgressPrinter::~ProgressPrinter() {
-  if (isTerminal_ && !lastLine_.empty()) fmt::print(stderr, "\n");
-}
-
-void ProgressPrinter::show(const JSObject& entry) {
+std::optional<ProgressLine> DownloadProgress::line(const JSObject& entry) {
   const auto status = valueAt<std::string>(entry, "status", "");
-  if (status == "STATUS_PENDING") return print("waiting for a free slot");
-  if (status == "STATUS_RUNNING") return print(transferLine(entry));
-  if (status != "STATUS_PROCESSING") return;
-  showStage(valueAt<std::string>(entry, "processingStage", ""), valueAt<int64_t>(entry, "processingProgress", 0));
+  if (status == "STATUS_PENDING") return ProgressLine{"waiting for a free slot", "waiting"};
+  if (status == "STATUS_RUNNING") return transferLine(entry);
+  if (status != "STATUS_PROCESSING") return std::nullopt;
+  return line(valueAt<std::string>(entry, "processingStage", ""), valueAt<int64_t>(entry, "processingProgress", 0));
 }
 
-void ProgressPrinter::showStage(const std::string& stage, int64_t percent) {
-  if (stage.empty()) return print("processing");
-  print(percent > 0 ? fmt::format("{} {}%", stage, percent) : stage);
+ProgressLine DownloadProgress::line(const TransferState::Retry& retry) {
+  const auto seconds = std::chrono::ceil<std::chrono::seconds>(retry.in).count();
+  const std::string tries = fmt::format("({} of {}): {}", retry.number, retry.most, retry.why);
+  return {fmt::format("retrying in {} s {}", seconds, tries), "retrying " + tries};
 }
 
-std::string ProgressPrinter::transferLine(const JSObject& entry) {
+ProgressLine DownloadProgress::line(const std::string& stage, int64_t percent) {
+  if (stage.empty()) return {"processing", "processing"};
+  return {percent > 0 ? fmt::format("{} {}%", stage, percent) : stage, stage};
+}
+
+ProgressLine DownloadProgress::transferLine(const JSObject& entry) {
   const auto bytes = valueAt<int64_t>(entry, "bytesDownloaded", 0);
   const auto total = valueAt<int64_t>(entry, "totalBytes", -1);
   const auto now = Clock::now();
@@ -68,23 +72,81 @@ std::string ProgressPrinter::transferLine(const JSObject& entry) {
   }
   lastBytes_ = bytes;
   lastTime_ = now;
-  std::string rate = rate_ > 0 ? fmt::format("  {}/s", byteText(rate_)) : "";
-  if (total <= 0) return fmt::format("downloading {}{}", byteText(static_cast<double>(bytes)), rate);
+  const std::string rate = rate_ > 0 ? fmt::format("  {}/s", byteText(rate_)) : "";
+  const std::string got = byteText(static_cast<double>(bytes));
+  if (total <= 0) return {fmt::format("downloading {}{}", got, rate), "downloading"};
   const double fraction = std::clamp(static_cast<double>(bytes) / static_cast<double>(total), 0.0, 1.0);
-  std::string left = rate_ > 0 ? "  " + timeText(static_cast<double>(total - bytes) / rate_) + " left" : "";
-  return fmt::format("{}{:3.0f}%  {} of {}{}{}", isTerminal_ ? bar(fraction) + " " : "downloading ", fraction * 100,
-                     byteText(static_cast<double>(bytes)), byteText(static_cast<double>(total)), rate, left);
+  const std::string left = rate_ > 0 ? "  " + timeText(static_cast<double>(total - bytes) / rate_) + " left" : "";
+  return {fmt::format("{:.0f}%  {} of {}{}{}", fraction * 100, got, byteText(static_cast<double>(total)), rate, left),
+          "downloading", fraction};
 }
 
-void ProgressPrinter::print(const std::string& line) {
-  if (line == lastLine_) return;
-  lastLine_ = line;
+ProgressPrinter::ProgressPrinter() : isTerminal_(isTerminal(STDERR_FILENO)) {}
+
+ProgressPrinter::~ProgressPrinter() {
+  hide();
+}
+
+void ProgressPrinter::show(const ProgressLine& line, const std::string& name, int64_t key) {
+  if (isQuiet()) return;
+  Shown& shown = work_[key];
+  const bool isOther = shown.line.what != line.what;
+  shown.line = line;
+  shown.name = name;
   if (isTerminal_) {
-    fmt::print(stderr, "\r\033[K{}", line);
-    std::fflush(stderr);
+    draw();
   } else {
-    fmt::print(stderr, "{}\n", line);
+    printPlain(shown, isOther);
   }
+}
+
+void ProgressPrinter::showStage(const std::string& stage, int64_t percent) {
+  show(DownloadProgress::line(stage, percent));
+}
+
+void ProgressPrinter::remove(int64_t key) {
+  if (work_.erase(key) > 0 && isTerminal_ && !work_.empty()) draw();
+}
+
+void ProgressPrinter::hide() {
+  if (!isTerminal_ || drawn_.empty()) return;
+  fmt::print(stderr, "\r\033[K");
+  std::fflush(stderr);
+  drawn_.clear();
+}
+
+void ProgressPrinter::printPlain(Shown& shown, bool isOther) const {
+  const auto now = Clock::now();
+  if (!isOther && now < shown.printed + plainPause) return;
+  shown.printed = now;
+  const std::string name = shown.name.empty() ? "" : shown.name + ": ";
+  const char* const what = shown.line.fraction ? "downloading " : "";
+  fmt::print(stderr, "{}\n", escaped(name + what + shown.line.text));
+}
+
+void ProgressPrinter::draw() {
+  const size_t columns = terminalColumns(STDERR_FILENO);
+  const std::string line = lineOf(columns > 1 ? columns - 1 : 1);  // a full line would move the cursor to the next one
+  if (line == drawn_) return;
+  drawn_ = line;
+  fmt::print(stderr, "\r\033[K{}", line);
+  std::fflush(stderr);
+}
+
+std::string ProgressPrinter::lineOf(size_t columns) const {
+  std::string line = head_;
+  for (const auto& [key, shown] : work_) {
+    if (!line.empty()) line += " | ";
+    if (!shown.name.empty()) line += escaped(shown.name) + " ";
+    line += escaped(shown.line.text);
+  }
+  const size_t used = columnsOf(line);
+  constexpr size_t brackets = 3;
+  const auto fraction = work_.size() == 1 ? work_.begin()->second.line.fraction : std::nullopt;
+  if (fraction && used + brackets + narrowestBar <= columns) {
+    line = bar(*fraction, std::min(columns - used - brackets, widestBar)) + line;
+  }
+  return cutToColumns(line, columns);
 }
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 
 #include "app/CommandEngine.h"
 #include "app/Commands.h"
+#include "app/FailureReport.h"
 #include "app/Output.h"
 #include "app/VanishedWork.h"
 #include "platform/JSObject.h"
@@ -53,13 +54,14 @@ class Resume {
     stored_ = engine_.storedWork();
     for (const Engine::Download& download : downloads) {
       const int64_t id = download.id;
+      names_[id] = download.filename;
       const std::string& status = download.status;
       if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
         isActive = true;
       } else if (status == "STATUS_SUCCESSFUL") {
         takeSaved(id);
       } else if (status == "STATUS_FAILED") {
-        takeFailed(id, reason(id));
+        takeFailed(id, failure(id));
       } else if (status != "STATUS_CANCELLED" && isUnderWay(id, status)) {
         isActive = true;
         show(download);
@@ -72,20 +74,22 @@ class Resume {
   /// transfer has yet to report; or after some looks, since what nothing stands behind may stay.
   bool isEverythingGone() {
     const bool isGone = std::ranges::none_of(
-        engine_.downloads(), [&](const Engine::Download& download) { return outcomes_.contains(download.id); });
+        engine_.downloads(), [&](const Engine::Download& download) { return codes_.contains(download.id); });
     return (isGone && !stored_.hasTransfers) || ++looksAtTheEnd_ > enoughLooksAtTheEnd;
   }
 
   bool isUnderWay(int64_t id, const std::string& status) {
     const auto state = vanished_.look(id, status, stored_);
-    if (state == VanishedWork::State::vanished) takeFailed(id, VanishedWork::words(status));
+    if (state == VanishedWork::State::vanished) {
+      takeFailed(id, {.failure = VanishedWork::words(status), .advice = "Save it again.", .mayTryAgain = true});
+    }
     return state == VanishedWork::State::underWay;
   }
 
   /// The page is about to be told of a download that an earlier process has saved, or it is too old and goes; some
   /// looks give it the time.
   bool isStillTelling(int64_t id) {
-    return !outcomes_.contains(id) && !engine_.outcome(id).assetId && ++looksAtSaved_[id] < enoughLooks;
+    return !codes_.contains(id) && !engine_.outcome(id).assetId && ++looksAtSaved_[id] < enoughLooks;
   }
 
   /// The end of a download, as a page hears of it; it is not in the list any more then.
@@ -96,27 +100,52 @@ class Resume {
     if (valueAt<std::string>(data, "status", "") == "STATUS_SUCCESSFUL") {
       takeSaved(id);
     } else {
-      takeFailed(id, reason(id));
+      takeFailed(id, failure(id));
     }
   }
 
-  std::string reason(int64_t id) { return engine_.outcome(id).failure.value_or("the reason is in the log"); }
+  Engine::Outcome failure(int64_t id) {
+    Engine::Outcome outcome = engine_.outcome(id);
+    if (!outcome.failure) outcome.failure = "the reason is in the log";
+    return outcome;
+  }
 
   void takeSaved(int64_t id) {
-    if (!outcomes_.emplace(id, true).second) return;
-    const std::string path = engine_.assetPath(engine_.outcome(id).assetId.value_or("")).value_or("").string();
+    if (codes_.contains(id)) return;
+    Engine::Outcome outcome = engine_.outcome(id);
+    outcome.failure.reset();
+    codes_[id] = outcome.isPartly ? ExitCode::partly : ExitCode::done;
+    const auto path = engine_.assetPath(outcome.assetId.value_or(""));
     if (global_.json) {
-      printJSON({{"result", "saved"}, {"id", id}, {"path", path}});
+      JSObject result = resultOf(id, outcome);
+      result.set("path", path.value_or("").string());
+      return printJSON(result);
+    }
+    printWarnings(outcome, nameOf(id));
+    if (path) {
+      printPath(*path);
     } else {
-      printLine(path.empty() ? fmt::format("download {} was saved", id) : path);
+      printLine(fmt::format("{} was saved", nameOf(id)));
     }
   }
 
-  void takeFailed(int64_t id, const std::string& words) {
-    if (!outcomes_.emplace(id, false).second) return;
-    if (global_.json) printJSON({{"result", "failed"}, {"id", id}, {"error", words}});
-    printFailure(fmt::format("Download {} failed: {}. Save it again by its URL.", id, words));
+  void takeFailed(int64_t id, const Engine::Outcome& failure) {
+    if (!codes_.emplace(id, exitCodeOf(failure)).second) return;
+    if (global_.json) printJSON(resultOf(id, failure));
+    printFailure(fmt::format("{} was not saved: {}", nameOf(id), sentencesOf(failure)));
     engine_.cancel(id);
+  }
+
+  JSObject resultOf(int64_t id, const Engine::Outcome& outcome) {
+    JSObject result{{"result", ""}, {"id", id}, {"filename", names_[id]}};
+    addTo(result, outcome);
+    return result;
+  }
+
+  std::string nameOf(int64_t id) {
+    const std::string& name = names_[id];
+    const bool hasName = !name.empty() && name != std::to_string(id);
+    return hasName ? name : fmt::format("Download {}", id);
   }
 
   void show(const Engine::Download& download) {
@@ -124,7 +153,7 @@ class Resume {
       const JSObject task = JSObject::parse(download.json).value_or(JSObject());
       printJSON({{"event", "downloadProgress"}, {"data", JSObject{{std::to_string(download.id), task}}}});
     } else if (shown_.insert(download.id).second) {
-      fmt::print(stderr, "going on with {}\n", download.filename);
+      printNote("going on with " + download.filename);
     }
   }
 
@@ -138,9 +167,10 @@ class Resume {
     while (const auto event = engine_.nextEvent(std::chrono::milliseconds(0))) take(*event);
     // What cannot be read or understood was not resumed, which has been said.
     if (!stored_.problems.empty()) return ExitCode::failed;
-    if (outcomes_.empty() && !global_.json) fmt::print(stderr, "nothing to resume\n");
-    const bool allSaved = std::ranges::all_of(outcomes_, [](const auto& outcome) { return outcome.second; });
-    return allSaved ? ExitCode::done : ExitCode::failed;
+    if (codes_.empty() && !global_.json) printNote("nothing to resume");
+    if (codes_.size() == 1) return codes_.begin()->second;
+    const bool isDone = std::ranges::all_of(codes_, [](const auto& ended) { return ended.second == ExitCode::done; });
+    return isDone ? ExitCode::done : ExitCode::failed;
   }
 
   static constexpr int enoughLooks = 5;
@@ -153,7 +183,8 @@ class Resume {
   Engine::StoredWork stored_;  ///< at the last look
   std::chrono::milliseconds pause_ = shortestPause;
   bool wasIdle_ = false;
-  std::map<int64_t, bool> outcomes_;  ///< true for a saved video
+  std::map<int64_t, int> codes_;  ///< of those that have ended
+  std::map<int64_t, std::string> names_;
   std::set<int64_t> shown_;
   VanishedWork vanished_;
   std::map<int64_t, int> looksAtSaved_;

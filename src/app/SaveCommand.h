@@ -1,21 +1,11 @@
 #pragma once
 
-#include <optional>
-#include <string>
-
 #include "app/Commands.h"
+#include "app/SaveList.h"
 
 namespace tarn {
 
-struct SaveOptions {
-  std::string url;
-  std::string album;
-  std::optional<std::string> filename = {};
-  bool skipVideoFix = false;
-  bool skipAudioFix = false;
-};
-
 /// Saves one video and says how it went. Returns the exit code.
-int saveCommand(const GlobalOptions& global, const SaveOptions& options);
+int saveCommand(const GlobalOptions& global, const SaveItem& item);
 
 }  // namespace tarn

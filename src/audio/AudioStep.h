@@ -9,8 +9,14 @@ namespace tarn {
 /// audio are passed over. Leaves the source's sync facts, and whether the track was replaced, to the sync step.
 class AudioStep : public ProcessingStep {
  public:
+  /// `workers`: see TranscodeConfig.
+  explicit AudioStep(unsigned workers = 0) : workers_(workers) {}
+
   ProcessingStage gateStage() const override { return ProcessingStage::transcodingPass1; }
   void run(ProcessingRun& run) override;
+
+ private:
+  const unsigned workers_;
 };
 
 }  // namespace tarn

@@ -180,7 +180,7 @@ Bytes FastPathAudioBuilder::silentFrame() const {
   }
 }
 
-/// The first row of an `stts` may be a hole, or a coarse timescale may round it: laid out by it, the sound would run
+/// The first entry of an `stts` may be a gap, or a coarse timescale may round it: laid out by it, the sound would run
 /// away from the pictures.
 void FastPathAudioBuilder::requireTrueSampleDelta(const AudioConfigCheck& config) {
   if (config.sampleDelta <= 0 || config.sampleRate <= 0) return;  // told of elsewhere
@@ -237,7 +237,7 @@ void FastPathAudioBuilder::validate(const BuildResult& result) {
 FastPathAudioBuilder::SampleTableBoxes FastPathAudioBuilder::buildSampleTableBoxes(const BuildResult& result,
                                                                                    uint64_t mdatOffset) {
   if (!std::in_range<uint32_t>(result.sampleCount) || !std::in_range<uint32_t>(result.sampleDelta)) {
-    throw FastPathError::validationFailed("The sample times do not fit a row of 32 bits");
+    throw FastPathError::validationFailed("The sample times do not fit an entry of 32 bits");
   }
   std::vector<uint64_t> offsets;
   offsets.reserve(result.sampleSizes.size());

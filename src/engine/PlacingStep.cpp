@@ -6,8 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/Error.h"
+#include "engine/InPlace.h"
+#include "engine/KeptAttributes.h"
+#include "engine/SourceChanged.h"
 #include "platform/Log.h"
+#include "platform/TempFile.h"
 #include "platform/host/PosixFileManager.h"
 #include "presentation/RepairHarms.h"
 
@@ -16,22 +19,42 @@ namespace tarn {
 void PlacingStep::run(ProcessingRun& run) {
   run.timings.printSummary();
   run.token->throwIfCancelled();
-  std::vector<std::string> harms;
-  // Of a video that broke off the step that cut it has proved what it keeps.
-  if (!run.outcome.isPartly) {
-    harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
-  }
-  if (!harms.empty()) {
-    run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
-  }
-  const Path& taken = harms.empty() ? run.fileURL : source_.path;
-  files_.materialise(taken, result_.made, [&] { run.token->throwIfCancelled(); });
-  PosixFileManager disk(result_.made.parent_path());
-  if (disk.attributes(source_.input) != source_.facts) {
-    throw Error("Repair", -1, "the file was changed while it was read");
-  }
-  disk.replaceItem(result_.place, result_.made);
+  const Path taken = chosen(run);
+  isUnchanged_ = source_.path == source_.input && (taken == source_.path || !files_.isChanged(taken));
+  if (!isUnchanged_ || result_.replaces == Result::Replaces::another) place(run, taken);
   run.outcome.setSaved();
+}
+
+/// The run's file, or the source if that file would do harm.
+Path PlacingStep::chosen(ProcessingRun& run) const {
+  // Of a video that broke off the step that cut it has proved what it keeps.
+  if (run.outcome.isPartly) return run.fileURL;
+  const auto harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
+  if (harms.empty()) return run.fileURL;
+  run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
+  run.outcome.summary.done.clear();
+  run.outcome.summary.after = run.outcome.summary.before;
+  return source_.path;
+}
+
+void PlacingStep::place(ProcessingRun& run, const Path& taken) const {
+  files_.materialise(taken, result_.made, [&] { run.token->throwIfCancelled(); });
+  const auto missing = keepAttributes(source_.input, result_.made);
+  if (!missing.empty()) {
+    run.warn(
+        fmt::format("What the system did not let the result take over from the file: {}", fmt::join(missing, ", ")));
+  }
+  PosixFileManager disk(result_.made.parent_path());
+  if (disk.attributes(source_.input) != source_.facts) throw SourceChanged();
+  if (result_.replaces != Result::Replaces::inputThatIsKept) return disk.replaceItem(result_.place, result_.made);
+  keepOriginal(result_.place);
+  try {
+    disk.replaceItem(result_.place, result_.made);
+  } catch (...) {
+    // The name must not stand in the way of the next try. It still leads to the file itself.
+    if (isOriginalItself(result_.place)) removeIfExists(disk, originalOf(result_.place));
+    throw;
+  }
 }
 
 }  // namespace tarn

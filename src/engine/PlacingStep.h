@@ -7,9 +7,11 @@
 
 namespace tarn {
 
-/// The last step of a repair of one file: compares the result with the source, makes it a real file, and moves that to
-/// its place, replacing what is there. A result that would harm the presentation is not taken: a copy of the source
-/// takes the place then, and the run warns. Throws Error if the source is no longer what it was before the repair.
+/// The last step of a repair of one file: compares the result with the source, makes it a real file with the input's
+/// owner, mode, times and extended attributes, and moves that to its place, replacing what is there. A result that
+/// would harm the presentation is not taken: a copy of the source takes the place then, and the run warns. What the
+/// repair did not change is not written over the input. Throws Error if the source is no longer what it was before the
+/// repair.
 class PlacingStep : public ProcessingStep {
  public:
   struct Source {
@@ -19,8 +21,15 @@ class PlacingStep : public ProcessingStep {
   };
 
   struct Result {
+    enum class Replaces {
+      another,         ///< file than the input, or none
+      input,           ///< which is lost
+      inputThatIsKept  ///< as NAME.orig
+    };
+
     Path made;   ///< the name under which it is written; nothing is there yet
     Path place;  ///< on the same file system
+    Replaces replaces = Replaces::another;
   };
 
   /// The run's files must be layers over the source: `files`, or what passes everything on to them. Paths must be
@@ -31,10 +40,17 @@ class PlacingStep : public ProcessingStep {
   ProcessingStage gateStage() const override { return ProcessingStage::savingToPhotos; }
   void run(ProcessingRun& run) override;
 
+  /// True if the result is the input, byte for byte.
+  bool isUnchanged() const { return isUnchanged_; }
+
  private:
+  Path chosen(ProcessingRun& run) const;
+  void place(ProcessingRun& run, const Path& taken) const;
+
   LayeredFiles& files_;
   const Source source_;
   const Result result_;
+  bool isUnchanged_ = false;
 };
 
 }  // namespace tarn

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/Error.h"
 
@@ -27,32 +28,37 @@ bool isStillNamed(const Descriptor& lock, const Path& path) {
   return ::stat(path.c_str(), &named) == 0 && ::fstat(*lock, &opened) == 0 && named.st_ino == opened.st_ino;
 }
 
-/// Removes the directories whose owners are dead.
-void removeAbandoned(const Path& place) {
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator(place, ignored)) {
-    if (!entry.path().filename().string().starts_with(prefix)) continue;
-    const Descriptor lock = lockDirectory(entry.path(), LOCK_NB);
-    if (lock.isOpen()) std::filesystem::remove_all(entry.path(), ignored);
-  }
-}
-
 }  // namespace
 
-PrivateHome::PrivateHome(const Path& place) {
-  removeAbandoned(place);
-  for (;;) {
-    path_ = place / (prefix + makeUUID());
-    if (::mkdir(path_.c_str(), 0700) != 0) throw PosixError(errno, "make a directory in " + place.string());
-    lock_ = lockDirectory(path_, 0);
-    // Where the file system knows no locks, nobody can take the directory for abandoned either.
-    if (!lock_.isOpen() || isStillNamed(lock_, path_)) return;
-  }
-}
+PrivateHome::PrivateHome(Path place) : place_(std::move(place)), path_(place_ / (prefix + makeUUID())) {}
 
 PrivateHome::~PrivateHome() {
+  if (!isMade_) return;
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+void PrivateHome::make() {
+  const std::lock_guard guard(mutex_);
+  if (isMade_) return;
+  sweep(place_);
+  for (;;) {
+    if (::mkdir(path_.c_str(), 0700) != 0) throw PosixError(errno, "make a directory in " + place_.string());
+    lock_ = lockDirectory(path_, 0);
+    // Where the file system knows no locks, nobody can take the directory for abandoned either.
+    if (!lock_.isOpen() || isStillNamed(lock_, path_)) break;
+  }
+  isMade_ = true;
+}
+
+void PrivateHome::sweep(const Path& place) {
+  std::error_code ignored;
+  std::filesystem::directory_iterator entry(place, ignored);
+  for (; entry != std::filesystem::directory_iterator(); entry.increment(ignored)) {
+    if (!entry->path().filename().native().starts_with(prefix)) continue;
+    const Descriptor lock = lockDirectory(entry->path(), LOCK_NB);
+    if (lock.isOpen()) std::filesystem::remove_all(entry->path(), ignored);
+  }
 }
 
 }  // namespace tarn

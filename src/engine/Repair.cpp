@@ -2,10 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <array>
+
 #include "download/FirstRecord.h"
+#include "engine/InPlace.h"
 #include "engine/PlacingStep.h"
 #include "engine/PrivateHome.h"
+#include "engine/RepairRefusal.h"
 #include "engine/RepairSteps.h"
+#include "fragments/FragmentsError.h"
 #include "kind/Kind.h"
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingStateManager.h"
@@ -39,6 +44,24 @@ class SingleRun : public RunListener {
   RunOutcome outcome_;
 };
 
+/// The disk. A private home is made when the first file is made in it.
+class DiskWithHomes : public PosixFileManager {
+ public:
+  DiskWithHomes(PrivateHome& work, PrivateHome& result) : PosixFileManager(work.path()), homes_{&work, &result} {}
+
+  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
+    if (mode == OpenMode::creating || mode == OpenMode::exclusive) {
+      for (PrivateHome* home : homes_) {
+        if (path.parent_path() == home->path()) home->make();
+      }
+    }
+    return PosixFileManager::open(path, mode);
+  }
+
+ private:
+  const std::array<PrivateHome*, 2> homes_;
+};
+
 /// The name that the result's place really has: a link stays, and the file that it leads to is replaced.
 Path placeOf(const Path& output) {
   std::error_code failure;
@@ -46,75 +69,131 @@ Path placeOf(const Path& output) {
   return failure ? output : place;
 }
 
-/// Makes a movie of the input, whose `moov` is lost. Throws Error, CancellationError.
-RebuiltMovie rebuild(LayeredFiles& files, const RepairRequest& request, const Path& rebuilt, CancellationToken& token,
-                     const RepairProgress& progress) {
-  constexpr double step = 0.05;
-  double told = 0;
-  const auto poll = [&](double part) {
-    token.throwIfCancelled();
-    if (progress && part >= told + step) progress("Rebuilding", told = part);
-  };
-  return rebuildLostMoov(files, request.input, *request.like, rebuilt, poll);
+PlacingStep::Result::Replaces replacedBy(const RepairRequest& request) {
+  using Replaces = PlacingStep::Result::Replaces;
+  if (request.output != request.input) return Replaces::another;
+  return request.keepsOriginal ? Replaces::inputThatIsKept : Replaces::input;
 }
 
-void append(std::optional<std::string>& note, const std::string& sentence) {
-  note = note ? *note + " " + sentence : sentence;
+bool isOfTheFile(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const RepairRefusal&) {
+    return true;
+  } catch (const FragmentsError&) {
+    return true;
+  } catch (const LostMoovError&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+/// One repair, from its begin to its end.
+class SingleRepair {
+ public:
+  SingleRepair(const RepairRequest& request, std::shared_ptr<CancellationToken> token, const RepairProgress& progress)
+      : request_(request), token_(std::move(token)), progress_(progress) {}
+
+  RepairResult run();
+
+ private:
+  void openSource();
+  void rebuild();
+  void runSteps();
+  void append(const std::string& sentence);
+
+  const RepairRequest& request_;
+  const std::shared_ptr<CancellationToken> token_;
+  const RepairProgress& progress_;
+  const Path place_ = placeOf(request_.output);
+  PrivateHome work_{request_.scratch.value_or(place_.parent_path())};
+  PrivateHome made_{place_.parent_path()};
+  DiskWithHomes disk_{work_, made_};
+  LayeredFiles files_{disk_, work_.path() / "new bytes"};
+  /// The run ends with the removal of its file, so that must not be the input itself.
+  const Path video_ = work_.path() / "Documents" / "video.mp4";
+  const std::optional<FileAttributes> facts_ = disk_.attributes(request_.input);
+  Path source_ = request_.input;
+  std::optional<std::string> brokenOff_;  ///< of a movie that was rebuilt, why its end is lost
+  RepairResult result_;
+};
+
+RepairResult SingleRepair::run() {
+  if (facts_) result_.inputSize = facts_->size;
+  try {
+    openSource();
+    runSteps();
+  } catch (const CancellationError&) {
+    result_.outcome.kind = RunOutcome::Kind::cancelled;
+  } catch (const Error&) {
+    result_.outcome.setFailed(RunOutcome::Where::repair, std::current_exception());
+  }
+  RunOutcome& outcome = result_.outcome;
+  if (outcome.failure && isOfTheFile(outcome.failure)) outcome.isRefused = true;
+  if (outcome.kind != RunOutcome::Kind::saved) return result_;
+  if (brokenOff_) {
+    outcome.isPartly = true;
+    outcome.leftAlone.insert(outcome.leftAlone.begin(), *brokenOff_);
+  }
+  if (const auto written = disk_.attributes(place_)) result_.outputSize = written->size;
+  return result_;
+}
+
+void SingleRepair::openSource() {
+  if (request_.output == request_.input) requireReplaceable(request_.input);
+  const Kind kind = kindOf(disk_, request_.input);
+  const bool mayBeRebuilt = request_.like && kind.what == Kind::What::lacksMoov;
+  if (!kind.isMedia() && !mayBeRebuilt) throw RepairRefusal(kind.sentence("it"));
+  if (request_.like) return rebuild();
+  files_.layOver(video_, request_.input);
+}
+
+/// Makes a movie of the input, whose `moov` is lost.
+void SingleRepair::rebuild() {
+  constexpr double step = 0.05;
+  double told = 0;
+  source_ = work_.path() / "rebuilt.mp4";
+  const RebuiltMovie rebuilt = rebuildLostMoov(files_, request_.input, *request_.like, source_, [&](double part) {
+    token_->throwIfCancelled();
+    if (progress_ && part >= told + step) progress_("Rebuilding", told = part);
+  });
+  files_.copyItem(source_, video_);
+  append(fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
+                     rebuilt.pictures, rebuilt.seconds));
+  brokenOff_ = rebuilt.brokenOff;
+}
+
+void SingleRepair::runSteps() {
+  SystemClock clock;
+  UserDefaults defaults(files_, work_.path() / "Defaults");
+  ProcessingStateManager store(defaults, files_, clock);
+  const DownloadRequest wishes{.url = "", .skipVideoFix = request_.skipVideoFix, .skipAudioFix = request_.skipAudioFix};
+  const ProcessingState record = makeFirstRecord(files_, clock, 0, video_, wishes);
+  if (!record.needsRemuxing && !request_.skipVideoFix) {
+    if (const auto why = whyTheVideoIsLeftAlone(files_, video_)) {
+      append(fmt::format("The video was left as it is: {}.", *why));
+    }
+  }
+
+  SingleRun listener(progress_);
+  NamesInTheMaking names;
+  RepairSteps steps(request_.encoderWorkers);
+  PlacingStep last(files_, {source_, request_.input, facts_}, {made_.path() / "result", place_, replacedBy(request_)});
+  ProcessingDriver(files_, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token_);
+  result_.outcome = listener.outcome();
+  result_.isUnchanged = last.isUnchanged();
+}
+
+void SingleRepair::append(const std::string& sentence) {
+  result_.note = result_.note ? *result_.note + " " + sentence : sentence;
 }
 
 }  // namespace
 
 RepairResult repairFile(const RepairRequest& request, const std::shared_ptr<CancellationToken>& token,
                         const RepairProgress& progress) {
-  const Path place = placeOf(request.output);
-  const PrivateHome home(place.parent_path());
-  PosixFileManager disk(home.path());
-  LayeredFiles files(disk, home.path() / "new bytes");
-  // The run ends with the removal of its file, so that must not be the input itself.
-  const Path video = home.path() / "Documents" / "video.mp4";
-  const auto facts = disk.attributes(request.input);
-  RepairResult result;
-  RebuiltMovie rebuilt;
-  Path source = request.input;
-  const Kind kind = kindOf(disk, request.input);
-  const bool mayBeRebuilt = request.like && kind.what == Kind::What::lacksMoov;
-  if (!kind.isMedia() && !mayBeRebuilt) throw Error("Repair", -1, kind.sentence("it"));
-  if (request.like) {
-    source = home.path() / "rebuilt.mp4";
-    try {
-      rebuilt = rebuild(files, request, source, *token, progress);
-    } catch (const CancellationError&) {
-      return {};
-    }
-    files.copyItem(source, video);
-    result.note = fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
-                              rebuilt.pictures, rebuilt.seconds);
-  } else {
-    files.layOver(video, request.input);
-  }
-
-  SystemClock clock;
-  UserDefaults defaults(files, home.path() / "Defaults");
-  ProcessingStateManager store(defaults, files, clock);
-  const DownloadRequest wishes{.url = "", .skipVideoFix = request.skipVideoFix, .skipAudioFix = request.skipAudioFix};
-  const ProcessingState record = makeFirstRecord(files, clock, 0, video, wishes);
-  if (!record.needsRemuxing && !request.skipVideoFix) {
-    if (const auto why = whyTheVideoIsLeftAlone(files, video)) {
-      append(result.note, fmt::format("The video was left as it is: {}.", *why));
-    }
-  }
-
-  SingleRun listener(progress);
-  NamesInTheMaking names;
-  RepairSteps steps;
-  PlacingStep last(files, {source, request.input, facts}, {home.path() / "result", place});
-  ProcessingDriver(files, clock, store, names, listener, steps.withLast(last)).continueProcessing(record, token);
-  result.outcome = listener.outcome();
-  if (rebuilt.brokenOff) {
-    result.outcome.isPartly = true;
-    result.outcome.leftAlone.insert(result.outcome.leftAlone.begin(), *rebuilt.brokenOff);
-  }
-  return result;
+  return SingleRepair(request, token, progress).run();
 }
 
 }  // namespace tarn

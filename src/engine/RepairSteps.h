@@ -4,6 +4,7 @@
 #include "download/FirstRecord.h"
 #include "fragments/FragmentsStep.h"
 #include "pipeline/ProcessingStep.h"
+#include "presentation/Timeline.h"
 #include "remux/RemuxStep.h"
 #include "sync/SyncStep.h"
 
@@ -12,6 +13,9 @@ namespace tarn {
 /// The steps that repair a file, in the order of the pipeline: the same for a download and for a local file.
 class RepairSteps {
  public:
+  /// So many threads encode sound; 0: as many as cores, at most 4.
+  explicit RepairSteps(unsigned encoderWorkers = 0) : audio_(encoderWorkers) {}
+
   /// Both must outlive the steps' use.
   ProcessingSteps withLast(ProcessingStep& last) {
     return {.fragments = &fragments_,
@@ -19,7 +23,8 @@ class RepairSteps {
             .audio = &audio_,
             .sync = &sync_,
             .last = &last,
-            .deriveFlags = deriveFlags};
+            .deriveFlags = deriveFlags,
+            .readTimeline = [](FileManager& files, const Path& file) { return readTimeline(files, file); }};
   }
 
  private:

@@ -126,11 +126,11 @@ void SampleGroups::append(uint64_t firstSample, ByteView sbgp, std::optional<Byt
   size_t at = layout::groupingType.end() + (kind.parameter ? sizeof(uint32_t) : 0);
   const uint32_t count = fieldAt(sbgp, at);
   at += sizeof count;
-  if (count > (sbgp.size() - at) / layout::runRowSize) {
+  if (count > (sbgp.size() - at) / layout::runEntrySize) {
     throw MovieError::damaged(fmt::format("An sbgp of {} bytes promises {} entries", sbgp.size(), count));
   }
   groups.resize(firstSample, 0);
-  for (uint32_t i = 0; i < count; ++i, at += layout::runRowSize) {
+  for (uint32_t i = 0; i < count; ++i, at += layout::runEntrySize) {
     const uint32_t samples = layout::load32(sbgp.data() + at, layout::runSampleCount);
     uint32_t index = layout::load32(sbgp.data() + at, layout::runValue);
     if (index > lastTrackIndex) {

@@ -82,7 +82,7 @@ Runs<T> readRuns(const Table& table, uint64_t samples) {
 template <typename T>
 MovieBox runBox(std::string_view type, uint8_t version, const Runs<T>& runs) {
   Bytes contents;
-  contents.reserve(layout::tableHeaderSize + runs.runCount() * layout::runRowSize);
+  contents.reserve(layout::tableHeaderSize + runs.runCount() * layout::runEntrySize);
   ByteWriter writer(contents);
   writer.uint32(static_cast<uint32_t>(layout::versionWord(version)));
   writer.uint32(static_cast<uint32_t>(runs.runCount()));
@@ -99,7 +99,7 @@ MovieBox stssBox(const Runs<bool>& syncs) {
     number += run.count;
   }
   Bytes contents;
-  ByteWriter(contents).uint32(0).uint32(static_cast<uint32_t>(numbers.size() / layout::syncRowSize)).bytes(numbers);
+  ByteWriter(contents).uint32(0).uint32(static_cast<uint32_t>(numbers.size() / layout::syncEntrySize)).bytes(numbers);
   return MovieBox::of("stss", std::move(contents));
 }
 

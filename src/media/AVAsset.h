@@ -49,7 +49,7 @@ class AVAsset {
   /// taken in order: an empty one advances the presentation clock, any other shows the media from its `media_time` on,
   /// a duration of 0 to the end. Only samples that overlap an edit come; one that straddles its start keeps its true,
   /// earlier time. The duration of an AAC buffer is its nominal length, 1024 or 2048 samples at the actual rate, so
-  /// that a hole shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
+  /// that a gap shows; the last one has the smaller of that and its `stts` delta. That of any other buffer is its
   /// `stts` delta. Throws Error when the tables cannot be read or contradict the file.
   std::unique_ptr<CompressedSampleSource> compressedSamples(const AVAssetTrack& track) const;
 

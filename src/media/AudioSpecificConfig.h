@@ -30,7 +30,7 @@ struct AudioSpecificConfig {
 /// Nothing for less than two bytes.
 std::optional<int> announcedObjectType(ByteView config);
 
-/// Nothing where the bytes end too early or the rate is a reserved one.
+/// Nothing if the bytes end too early or the rate is a reserved one.
 std::optional<AudioSpecificConfig> parseAudioSpecificConfig(ByteView config);
 
 }  // namespace tarn

@@ -36,7 +36,7 @@ struct CMSampleBuffer {
 
   /// How much of the sample lies outside its edit (ISO/IEC 14496-12 8.6.6), ahead of its start and behind its end; a
   /// decoder drops that much of what it decodes. A sample ends with its `stts` delta, but an AAC packet with its coded
-  /// length at the latest, so that a hole behind it counts as none of it.
+  /// length at the latest, so that a gap behind it counts as none of it.
   CMTime trimDurationAtStart = CMTime::zero();
   CMTime trimDurationAtEnd = CMTime::zero();
 };

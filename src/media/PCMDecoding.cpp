@@ -22,7 +22,7 @@ extern "C" {
 namespace tarn {
 namespace {
 
-constexpr int64_t longestHole = int64_t{24} * 3600;  // seconds
+constexpr int64_t longestGap = int64_t{24} * 3600;  // seconds
 
 /// `count` of 1 / `from` seconds, in 1 / `to` seconds, to the nearest.
 int64_t rescale(int64_t count, int64_t from, int64_t to) {
@@ -245,7 +245,7 @@ void PCMSource::cutBackTo(int64_t start) {
 }
 
 void PCMSource::fill(int64_t frames) {
-  if (frames > longestHole * rate()) throw Error("PCMDecoding", -1, "The audio has a hole of more than a day");
+  if (frames > longestGap * rate()) throw Error("PCMDecoding", -1, "The audio has a gap of more than a day");
   resampler_.flush();
   output_.breakOff();
   output_.appendSilence(std::max<int64_t>(frames, 0));

@@ -31,9 +31,9 @@ int decodedChannels(CompressedSampleSource& samples);
 /// Decodes a track: buffers of 8192 frames, fewer where the timeline breaks and at the end. It begins with the first
 /// packet, wherever on the timeline that lies, but at time 0 for a track that does not follow its edit list. Times are
 /// at the timescale of the output rate. The start and the end of an edit are exact: packets ahead of it are decoded and
-/// dropped. A packet that does not decode leaves its length as a hole, which silence fills with either setting. Memory
-/// stays flat however long a hole is. Owns the samples. Throws Error for settings that it does not take and for a track
-/// without a format that can be decoded; the source throws where packets cannot be read and at a hole of more than a
+/// dropped. A packet that does not decode leaves its length as a gap, which silence fills with either setting. Memory
+/// stays flat however long a gap is. Owns the samples. Throws Error for settings that it does not take and for a track
+/// without a format that can be decoded; the source throws where packets cannot be read and at a gap of more than a
 /// day, when all that came before has been given out.
 std::unique_ptr<SampleBufferSource> makePCMSource(std::unique_ptr<CompressedSampleSource> samples,
                                                   const AVAssetTrack& track, const PCMOutputSettings& settings);

@@ -8,7 +8,7 @@
 namespace tarn::layout {
 
 // Where the fields of boxes lie (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the box's first
-// byte, row fields from the row's first byte; boxes have 8-byte headers.
+// byte, entry fields from the entry's first byte; boxes have 8-byte headers.
 
 /// A big-endian field: place and width in bytes.
 struct Field {
@@ -32,14 +32,14 @@ inline constexpr uint64_t versionWord(uint8_t boxVersion) {
 
 inline constexpr size_t fullBoxHeaderSize = 12;
 
-/// elst, ctts, stts, stss, stco, stsd: a full box that holds a count and then the rows.
+/// elst, ctts, stts, stss, stco, stsd: a full box that holds a count and then the entries.
 inline constexpr Field entryCount{12, 4};
 inline constexpr size_t tableHeaderSize = 16;
 
 /// stsz and stz2 (8.7.3): the count of samples stands behind another field.
 inline constexpr Field sampleCount{16, 4};
 
-/// elst row (8.6.6.2).
+/// elst entry (8.6.6.2).
 struct EditRow {
   size_t size;
   Field duration;
@@ -48,19 +48,19 @@ struct EditRow {
 };
 inline constexpr EditRow editRow32{12, {0, 4}, {4, 4}, {8, 4}};
 inline constexpr EditRow editRow64{20, {0, 8}, {8, 8}, {16, 4}};
-inline constexpr const EditRow& editRow(bool is64Bit) {
+inline constexpr const EditRow& editEntry(bool is64Bit) {
   return is64Bit ? editRow64 : editRow32;
 }
 inline constexpr int64_t emptyEdit = -1;        ///< as a media time: nothing is shown
 inline constexpr int32_t normalRate = 0x10000;  ///< 1 in 16.16 fixed point
 
-/// ctts and stts row (8.6.1): so many samples with this offset or delta.
-inline constexpr size_t runRowSize = 8;
+/// ctts and stts entry (8.6.1): so many samples with this offset or delta.
+inline constexpr size_t runEntrySize = 8;
 inline constexpr Field runSampleCount{0, 4};
 inline constexpr Field runValue{4, 4};
 
-/// stss row (8.6.2).
-inline constexpr size_t syncRowSize = 4;
+/// stss entry (8.6.2).
+inline constexpr size_t syncEntrySize = 4;
 inline constexpr Field syncSampleNumber{0, 4};
 
 /// stco entry (8.7.5), the place of a chunk in the file; a co64 has 64 bits.
@@ -126,7 +126,7 @@ inline constexpr Field audioRateVersion2{40, 8};  ///< 64-bit floating point
 inline constexpr Field audioChannelsVersion2{48, 4};
 inline constexpr size_t audioEntrySizeVersion2 = 72;
 
-/// The field of a box or row that begins at `base`. The caller has tested that the bytes are there.
+/// The field of a box or entry that begins at `base`. The caller has tested that the bytes are there.
 inline uint64_t load(const uint8_t* base, const Field& field) {
   uint64_t value = 0;
   for (size_t i = 0; i < field.width; ++i) value = value << 8 | base[field.offset + i];

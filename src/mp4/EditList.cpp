@@ -7,34 +7,34 @@
 namespace tarn {
 namespace {
 
-EditListEntry entryOf(const uint8_t* row, bool is64Bit, bool hasSignedDurations) {
-  const auto& fields = layout::editRow(is64Bit);
-  const int64_t duration = hasSignedDurations ? layout::loadSigned(row, fields.duration)
-                                              : static_cast<int64_t>(layout::load(row, fields.duration));
-  return {duration, layout::loadSigned(row, fields.mediaTime),
-          static_cast<int32_t>(layout::loadSigned(row, fields.mediaRate))};
+EditListEntry entryOf(const uint8_t* entry, bool is64Bit, bool hasSignedDurations) {
+  const auto& fields = layout::editEntry(is64Bit);
+  const int64_t duration = hasSignedDurations ? layout::loadSigned(entry, fields.duration)
+                                              : static_cast<int64_t>(layout::load(entry, fields.duration));
+  return {duration, layout::loadSigned(entry, fields.mediaTime),
+          static_cast<int32_t>(layout::loadSigned(entry, fields.mediaRate))};
 }
 
 }  // namespace
 
-EditListRows::EditListRows(ByteView elst, const EditListRules& rules)
+EditListEntries::EditListEntries(ByteView elst, const EditListRules& rules)
     : is64Bit_(layout::loadWithin(elst, layout::version) == 1),
       rules_(rules),
-      rows_(elst, layout::editRow(is64Bit_).size, rules.hugeCount) {}
+      entries_(elst, layout::editEntry(is64Bit_).size, rules.hugeCount) {}
 
-size_t EditListRows::size() const {
-  return std::min(rows_.size(), rules_.mostEntries);
+size_t EditListEntries::size() const {
+  return std::min(entries_.size(), rules_.mostEntries);
 }
 
-EditListEntry EditListRows::entry(size_t index) const {
-  return entryOf(rows_.row(index), is64Bit_, rules_.hasSignedDurations);
+EditListEntry EditListEntries::entry(size_t index) const {
+  return entryOf(entries_.entry(index), is64Bit_, rules_.hasSignedDurations);
 }
 
 std::vector<EditListEntry> readEditList(ByteView elst, const EditListRules& rules) {
-  const EditListRows rows(elst, rules);
+  const EditListEntries stored(elst, rules);
   std::vector<EditListEntry> entries;
-  entries.reserve(rows.size());
-  for (size_t i = 0; i < rows.size(); ++i) entries.push_back(rows.entry(i));
+  entries.reserve(stored.size());
+  for (size_t i = 0; i < stored.size(); ++i) entries.push_back(stored.entry(i));
   return entries;
 }
 
@@ -43,13 +43,13 @@ std::vector<EditListEntry> readEditList(FileHandle& file, const MP4BoxInfo& trak
   if (!elst) return {};
   TableBox box(file, *elst, TableBox::oneField);
   const bool is64Bit = box.version() == 1;
-  const size_t rowSize = layout::editRow(is64Bit).size;
+  const size_t entrySize = layout::editEntry(is64Bit).size;
   uint64_t count = box.field();
-  auto bytes = box.entries<uint8_t>(count * rowSize);
+  auto bytes = box.entries<uint8_t>(count * entrySize);
   std::vector<EditListEntry> entries;
   entries.reserve(count);
-  for (const uint8_t* row = bytes.data(); entries.size() < count; row += rowSize) {
-    entries.push_back(entryOf(row, is64Bit, false));
+  for (const uint8_t* entry = bytes.data(); entries.size() < count; entry += entrySize) {
+    entries.push_back(entryOf(entry, is64Bit, false));
   }
   return entries;
 }

@@ -7,7 +7,7 @@
 
 #include "mp4/BoxLayout.h"
 #include "mp4/MP4BoxUtils.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "platform/Bytes.h"
 #include "platform/FileManager.h"
 
@@ -26,13 +26,13 @@ struct EditListEntry {
 /// How a reader takes a list from a damaged file. Workers differ in this and in nothing else.
 struct EditListRules {
   bool hasSignedDurations = false;  ///< of 32 bits; those of 64 have a sign anyway
-  TableRows::HugeCount hugeCount = TableRows::HugeCount::isCut;
+  TableEntries::HugeCount hugeCount = TableEntries::HugeCount::isCut;
   size_t mostEntries = std::numeric_limits<size_t>::max();  ///< the others are left out
 };
 
 namespace editlist {
 
-inline constexpr EditListRules synced{.hugeCount = TableRows::HugeCount::isNone, .mostEntries = 16};
+inline constexpr EditListRules synced{.hugeCount = TableEntries::HugeCount::isNone, .mostEntries = 16};
 inline constexpr EditListRules stripped{.hasSignedDurations = true};
 inline constexpr EditListRules replaced{};
 
@@ -40,9 +40,9 @@ inline constexpr EditListRules replaced{};
 
 /// The entries of an `elst` with an 8-byte header, in a buffer that must outlive it. Those that the box cuts off are
 /// left out.
-class EditListRows {
+class EditListEntries {
  public:
-  EditListRows(ByteView elst, const EditListRules& rules);
+  EditListEntries(ByteView elst, const EditListRules& rules);
 
   size_t size() const;
   EditListEntry entry(size_t index) const;
@@ -50,7 +50,7 @@ class EditListRows {
  private:
   bool is64Bit_;
   EditListRules rules_;
-  TableRows rows_;
+  TableEntries entries_;
 };
 
 /// The same as a list.

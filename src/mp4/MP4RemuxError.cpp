@@ -15,8 +15,8 @@ MP4RemuxError MP4RemuxError::unsupportedFormat(const std::string& text) {
   return {Case::unsupportedFormat, -1, "Unsupported format: " + text};
 }
 
-MP4RemuxError MP4RemuxError::writeError(const std::string& text) {
-  return {Case::writeError, -1, "Write error: " + text};
+MP4RemuxError MP4RemuxError::writeError(const std::string& text, int code) {
+  return {Case::writeError, code, "Write error: " + text};
 }
 
 MP4RemuxError MP4RemuxError::ioError(const Error& underlying) {

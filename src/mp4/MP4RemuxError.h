@@ -19,7 +19,7 @@ class MP4RemuxError : public Error {
 
   static MP4RemuxError corruptedMP4(const std::string& text);
   static MP4RemuxError unsupportedFormat(const std::string& text);
-  static MP4RemuxError writeError(const std::string& text);
+  static MP4RemuxError writeError(const std::string& text, int code = -1);
   static MP4RemuxError ioError(const Error& underlying);
   static MP4RemuxError fileNotFound();
 

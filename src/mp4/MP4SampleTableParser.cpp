@@ -33,9 +33,9 @@ SampleSizes parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
 }
 
 std::vector<SampleToChunkEntry> parseStsc(FileHandle& file, const MP4BoxInfo& stbl) {
-  auto rows = readSampleToChunk(file, stbl);
-  log("Parsed stsc: {} entries", rows.size());
-  return rows;
+  auto entries = readSampleToChunk(file, stbl);
+  log("Parsed stsc: {} entries", entries.size());
+  return entries;
 }
 
 std::vector<uint64_t> parseChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
@@ -169,14 +169,14 @@ std::vector<SampleInfo> MP4SampleTableParser::syncSamplesOnly() const {
 
 std::set<uint32_t> MP4SampleTableParser::usedSampleDescriptionIndices() const {
   std::set<uint32_t> indices;
-  for (const auto& row : sampleToChunk_) indices.insert(row.sampleDescriptionIndex);
+  for (const auto& entry : sampleToChunk_) indices.insert(entry.sampleDescriptionIndex);
   return indices;
 }
 
 std::optional<uint32_t> MP4SampleTableParser::sampleDescriptionIndex(int64_t index) const {
   auto chunk = chunkAtOrAhead(index);
   if (!chunk || index - chunkStartSampleIndex_[*chunk] >= samplesInChunk_[*chunk]) return std::nullopt;
-  // Chunks are numbered as the rows are walked, whatever the first row's number.
+  // Chunks are numbered as the entries are walked, whatever the first entry's number.
   uint64_t number = uint64_t{sampleToChunk_.front().firstChunk} + *chunk;
   auto behind = std::ranges::upper_bound(sampleToChunk_, number, {}, &SampleToChunkEntry::firstChunk);
   return std::prev(behind)->sampleDescriptionIndex;
@@ -185,7 +185,7 @@ std::optional<uint32_t> MP4SampleTableParser::sampleDescriptionIndex(int64_t ind
 Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegment> segments) const {
   if (sampleCount() == 0) throw sampleTableError("No samples to rebuild stsc");
   log("Rebuilding stsc with 1 sample per chunk using {} segment ranges...", segments.size());
-  std::vector<SampleToChunkEntry> rows;
+  std::vector<SampleToChunkEntry> entries;
   size_t current = 0;
   for (size_t i = 0; i < sampleCount(); ++i) {
     auto index = static_cast<int64_t>(i);
@@ -193,12 +193,12 @@ Bytes MP4SampleTableParser::rebuildStscBox(std::span<const SampleDescriptionSegm
     bool isInside = current < segments.size() && segments[current].startSampleIndex <= index &&
                     index <= segments[current].endSampleIndex;
     uint32_t description = isInside ? segments[current].descriptionIndex : 1;
-    if (rows.empty() || rows.back().sampleDescriptionIndex != description) {
-      rows.push_back({static_cast<uint32_t>(i + 1), 1, description});
+    if (entries.empty() || entries.back().sampleDescriptionIndex != description) {
+      entries.push_back({static_cast<uint32_t>(i + 1), 1, description});
     }
   }
-  log("Generated {} stsc entries for {} samples", rows.size(), sampleCount());
-  return buildStscBox(rows);
+  log("Generated {} stsc entries for {} samples", entries.size(), sampleCount());
+  return buildStscBox(entries);
 }
 
 Bytes MP4SampleTableParser::rebuildChunkOffsetBox(const ChunkOffsetShift& comingShift) const {

@@ -15,7 +15,7 @@
 
 namespace tarn {
 
-/// A row of an `stsc` (ISO/IEC 14496-12 8.7.4); both numbers are 1-based.
+/// An entry of an `stsc` (ISO/IEC 14496-12 8.7.4); both numbers are 1-based.
 struct SampleToChunkEntry {
   uint32_t firstChunk = 0;
   uint32_t samplesPerChunk = 0;
@@ -62,7 +62,7 @@ class MP4SampleTableParser {
   /// The description indices that the `stsc` names, used or not.
   std::set<uint32_t> usedSampleDescriptionIndices() const;
 
-  /// The description index, 1-based, of the chunk that holds the sample; nothing where no chunk does. Throws "Sample
+  /// The description index, 1-based, of the chunk that holds the sample; nothing if no chunk does. Throws "Sample
   /// index out of range".
   std::optional<uint32_t> sampleDescriptionIndex(int64_t index) const;
 

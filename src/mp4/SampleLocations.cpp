@@ -18,9 +18,9 @@ SampleSizes readAnySizes(FileHandle& file, const MP4BoxInfo& stbl) {
 
 SampleLocations::SampleLocations(FileHandle& file, const MP4BoxInfo& stbl)
     : sizes_(readAnySizes(file, stbl)), fileSize_(file.seekToEnd()) {
-  auto rows = readSampleToChunk(file, stbl);
+  auto entries = readSampleToChunk(file, stbl);
   chunkOffsets_ = readChunkOffsets(file, stbl).offsets;
-  runs_ = chunkRuns(rows, chunkOffsets_.size());
+  runs_ = chunkRuns(entries, chunkOffsets_.size());
   std::erase_if(runs_, [](const ChunkRun& run) { return run.samplesPerChunk == 0; });
   countInFile_ = findCountInFile();
 }

@@ -16,8 +16,8 @@ struct SampleLocation {
   uint32_t size = 0;
 };
 
-/// Finds the samples of a track in its file (ISO/IEC 14496-12 8.7) without a row for each: sizes and chunk offsets are
-/// held as the file has them. Serves one thread.
+/// Finds the samples of a track in its file (ISO/IEC 14496-12 8.7) without an entry for each: sizes and chunk offsets
+/// are held as the file has them. Serves one thread.
 class SampleLocations {
  public:
   /// Reads `stsz` or else `stz2`, `stsc`, and `stco` or else `co64` of the `stbl`. Moves the file's position. Throws an

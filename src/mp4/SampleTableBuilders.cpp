@@ -45,30 +45,30 @@ Bytes buildStszBox(std::span<const uint32_t> sampleSizes) {
   return box;
 }
 
-Bytes buildSttsBox(std::span<const TimeToSampleEntry> rows) {
-  Bytes box = beginBox("stts", 1, rows.size(), layout::runRowSize);
+Bytes buildSttsBox(std::span<const TimeToSampleEntry> entries) {
+  Bytes box = beginBox("stts", 1, entries.size(), layout::runEntrySize);
   ByteWriter writer(box);
-  writer.uint32(static_cast<uint32_t>(rows.size()));
-  for (const TimeToSampleEntry& row : rows) writer.uint32(row.sampleCount).uint32(row.sampleDelta);
+  writer.uint32(static_cast<uint32_t>(entries.size()));
+  for (const TimeToSampleEntry& entry : entries) writer.uint32(entry.sampleCount).uint32(entry.sampleDelta);
   return box;
 }
 
 Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration) {
-  const TimeToSampleEntry row{sampleCount, sampleDuration};
-  return buildSttsBox({&row, 1});
+  const TimeToSampleEntry entry{sampleCount, sampleDuration};
+  return buildSttsBox({&entry, 1});
 }
 
 Bytes buildSimpleStscBox() {
-  SampleToChunkEntry row{.firstChunk = 1, .samplesPerChunk = 1, .sampleDescriptionIndex = 1};
-  return buildStscBox({&row, 1});
+  SampleToChunkEntry entry{.firstChunk = 1, .samplesPerChunk = 1, .sampleDescriptionIndex = 1};
+  return buildStscBox({&entry, 1});
 }
 
-Bytes buildStscBox(std::span<const SampleToChunkEntry> rows) {
-  Bytes box = beginBox("stsc", 1, rows.size(), 12);
+Bytes buildStscBox(std::span<const SampleToChunkEntry> entries) {
+  Bytes box = beginBox("stsc", 1, entries.size(), 12);
   ByteWriter writer(box);
-  writer.uint32(static_cast<uint32_t>(rows.size()));
-  for (const auto& row : rows) {
-    writer.uint32(row.firstChunk).uint32(row.samplesPerChunk).uint32(row.sampleDescriptionIndex);
+  writer.uint32(static_cast<uint32_t>(entries.size()));
+  for (const auto& entry : entries) {
+    writer.uint32(entry.firstChunk).uint32(entry.samplesPerChunk).uint32(entry.sampleDescriptionIndex);
   }
   return box;
 }

@@ -16,20 +16,21 @@ namespace tarn {
 /// `stsz`, in the compact form where all sizes are equal.
 Bytes buildStszBox(std::span<const uint32_t> sampleSizes);
 
-/// A row of an `stts` (ISO/IEC 14496-12 8.6.1.2): samples that each last `sampleDelta` ticks of the track's timescale.
+/// An entry of an `stts` (ISO/IEC 14496-12 8.6.1.2): samples that each last `sampleDelta` ticks of the track's
+/// timescale.
 struct TimeToSampleEntry {
   uint32_t sampleCount = 0;
   uint32_t sampleDelta = 0;
 };
-Bytes buildSttsBox(std::span<const TimeToSampleEntry> rows);
+Bytes buildSttsBox(std::span<const TimeToSampleEntry> entries);
 
-/// `stts` of one row; the duration is in the track's timescale.
+/// `stts` of one entry; the duration is in the track's timescale.
 Bytes buildSimpleSttsBox(uint32_t sampleCount, uint32_t sampleDuration);
 
-/// `stsc` of one row, which says that each chunk holds one sample of the first description.
+/// `stsc` of one entry, which says that each chunk holds one sample of the first description.
 Bytes buildSimpleStscBox();
 
-Bytes buildStscBox(std::span<const SampleToChunkEntry> rows);
+Bytes buildStscBox(std::span<const SampleToChunkEntry> entries);
 
 /// True for an offset that an `stco` cannot hold.
 inline bool needs64Bits(uint64_t offset) {

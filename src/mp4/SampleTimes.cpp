@@ -9,7 +9,7 @@
 namespace tarn {
 namespace {
 
-/// The rows of an `stts` or `ctts`: count and value, count and value.
+/// The entries of an `stts` or `ctts`: count and value, count and value.
 std::vector<uint32_t> readRows(FileHandle& file, const MP4BoxInfo& box) {
   TableBox table(file, box, TableBox::oneField);
   return table.entries<uint32_t>(uint64_t{table.field()} * 2);
@@ -30,8 +30,8 @@ SampleTimes::SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t samp
 }
 
 void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
-  auto rows = readRows(file, requireTableBox(file, stbl, "stts"));
-  deltas_.reserve(std::min<size_t>(rows.size() / 2, sampleCount_));
+  auto entries = readRows(file, requireTableBox(file, stbl, "stts"));
+  deltas_.reserve(std::min<size_t>(entries.size() / 2, sampleCount_));
   uint32_t sample = 0;
   int64_t time = 0;
   uint32_t delta = 0;
@@ -44,11 +44,11 @@ void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
     time += static_cast<int64_t>(length);
     sample += samples;
   };
-  for (size_t i = 0; i < rows.size() && sample < sampleCount_; i += 2) {
-    if (rows[i] == 0) continue;
-    delta = rows[i + 1];
+  for (size_t i = 0; i < entries.size() && sample < sampleCount_; i += 2) {
+    if (entries[i] == 0) continue;
+    delta = entries[i + 1];
     deltas_.push_back({time, sample, delta});
-    advance(std::min(rows[i], sampleCount_ - sample));
+    advance(std::min(entries[i], sampleCount_ - sample));
   }
   if (sampleCount_ > 0 && deltas_.empty()) throw sampleTableError("stts names no sample");
   advance(sampleCount_ - sample);
@@ -58,18 +58,29 @@ void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
 void SampleTimes::readOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
   uint32_t sample = 0;
   if (auto ctts = MP4BoxUtils::findChildBox(file, stbl, "ctts")) {
-    auto rows = readRows(file, *ctts);
-    offsets_.reserve(std::min<size_t>(rows.size() / 2, sampleCount_) + 1);
-    for (size_t i = 0; i < rows.size() && sample < sampleCount_; i += 2) {
-      if (rows[i] == 0) continue;
-      offsets_.push_back({sample, static_cast<int32_t>(rows[i + 1])});
-      sample += std::min(rows[i], sampleCount_ - sample);
+    auto entries = readRows(file, *ctts);
+    offsets_.reserve(std::min<size_t>(entries.size() / 2, sampleCount_) + 1);
+    for (size_t i = 0; i < entries.size() && sample < sampleCount_; i += 2) {
+      if (entries[i] == 0) continue;
+      offsets_.push_back({sample, static_cast<int32_t>(entries[i + 1])});
+      sample += std::min(entries[i], sampleCount_ - sample);
     }
   }
   if (sample < sampleCount_ || offsets_.empty()) offsets_.push_back({sample, 0});
   auto [smallest, largest] = std::ranges::minmax(offsets_, {}, &OffsetRun::offset);
   smallestOffset_ = smallest.offset;
   largestOffset_ = largest.offset;
+}
+
+std::vector<SampleTimes::Run> SampleTimes::runs() const {
+  std::vector<Run> runs;
+  runs.reserve(deltas_.size());
+  for (size_t i = 0; i < deltas_.size(); ++i) {
+    const auto& [time, first, delta] = deltas_[i];
+    const uint32_t end = i + 1 < deltas_.size() ? deltas_[i + 1].firstSample : sampleCount_;
+    runs.push_back({time, first, end - first, delta});
+  }
+  return runs;
 }
 
 uint32_t SampleTimes::firstDecodedFrom(int64_t time) const {

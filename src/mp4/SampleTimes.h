@@ -17,15 +17,24 @@ struct SampleTime {
   bool operator==(const SampleTime&) const = default;
 };
 
-/// The `stts` and `ctts` of a track (ISO/IEC 14496-12 8.6.1), held by rows: memory does not grow with the number of
+/// The `stts` and `ctts` of a track (ISO/IEC 14496-12 8.6.1), held by entries: memory does not grow with the number of
 /// samples. Composition offsets are signed in either version, as files use them.
 class SampleTimes {
  public:
-  /// Reads the boxes of the `stbl` of a track of so many samples. Rows behind the last sample are dropped; samples
-  /// behind the last row of the `stts` keep its delta, those behind the last row of the `ctts` have no offset. Moves
-  /// the file's position. Throws an Error of the domain "SampleTable" where there is no row for any sample and for
-  /// decode times beyond 2^60, and a ByteArrayError where a box ends before its count does.
+  /// Reads the boxes of the `stbl` of a track of so many samples. Entries behind the last sample are dropped; samples
+  /// behind the last entry of the `stts` keep its delta, those behind the last entry of the `ctts` have no offset.
+  /// Moves the file's position. Throws an Error of the domain "SampleTable" where there is no entry for any sample and
+  /// for decode times beyond 2^60, and a ByteArrayError where a box ends before its count does.
   SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t sampleCount);
+
+  /// Samples in a row with one delta.
+  struct Run {
+    int64_t firstTime = 0;  ///< of decoding
+    uint32_t first = 0;
+    uint32_t count = 0;
+    uint32_t delta = 0;
+  };
+  std::vector<Run> runs() const;
 
   /// The sum of all deltas.
   int64_t duration() const { return duration_; }

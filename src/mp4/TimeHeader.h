@@ -22,7 +22,7 @@ struct TimeHeader {
 /// differ on all others.
 enum class LongHeader { isVersion1, isNotVersion0 };
 
-/// Reads a box with an 8-byte header. Nothing where it ends ahead of its timescale.
+/// Reads a box with an 8-byte header. Nothing if it ends ahead of its timescale.
 std::optional<TimeHeader> parseTimeHeader(ByteView box, LongHeader longHeader);
 
 /// The same for a box of a file (LongHeader::isNotVersion0). Moves the file's position; throws PosixError.

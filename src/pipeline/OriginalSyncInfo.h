@@ -20,7 +20,7 @@ struct OriginalSyncInfo {
   uint32_t videoTrackTimescale = 0;
   std::vector<OriginalEditListEntry> audioEditList;  ///< at most 16 entries; empty without an audio track
   int64_t audioMediaStartMovieTime = 0;              ///< leading empty edits, movie timescale
-  int64_t audioMediaTime = 0;                        ///< of the first row that is not empty, audio timescale
+  int64_t audioMediaTime = 0;                        ///< of the first entry that is not empty, audio timescale
   uint32_t audioTrackTimescale = 48000;
   int64_t audioEncoderDelay = 2112;  ///< default delay of the codec, audio timescale
   int64_t syncOffsetMovieTime = 0;   ///< audio start minus video start, movie timescale: positive when audio is late

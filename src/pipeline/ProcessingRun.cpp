@@ -1,8 +1,18 @@
 #include "pipeline/ProcessingRun.h"
 
+#include <algorithm>
+
 #include "platform/Log.h"
 
 namespace tarn {
+namespace {
+
+void addOnce(std::vector<std::string>& sentences, const std::string& sentence) {
+  if (sentence.empty() || std::ranges::find(sentences, sentence) != sentences.end()) return;
+  sentences.push_back(sentence);
+}
+
+}  // namespace
 
 ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, NamesInTheMaking& namesInTheMaking,
                              RunListener& listener, ProcessingState record,
@@ -33,6 +43,16 @@ void ProcessingRun::reportProgress(double progress, const std::string& stage) {
 void ProcessingRun::warn(const std::string& words) {
   log("Warning: {}", words);
   outcome.leftAlone.push_back(words);
+}
+
+void ProcessingRun::leave(const std::string& words) {
+  warn(words);
+  addOnce(state.wrong, words);
+}
+
+void ProcessingRun::mended(const std::string& wrong, const std::string& done) {
+  addOnce(state.wrong, wrong);
+  addOnce(state.done, done);
 }
 
 }  // namespace tarn

@@ -51,6 +51,8 @@ Json encode(const ProcessingState& state) {
   object["needsAudioTranscode"] = state.needsAudioTranscode;
   object["skipAVSync"] = state.skipAVSync;
   setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
+  if (!state.wrong.empty()) object["wrong"] = state.wrong;
+  if (!state.done.empty()) object["done"] = state.done;
   return object;
 }
 
@@ -84,6 +86,8 @@ ProcessingState decode(const Json& object) {
   state.needsAudioTranscode = object.at("needsAudioTranscode").get<bool>();
   state.skipAVSync = object.at("skipAVSync").get<bool>();
   state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
+  state.wrong = optionalValue<std::vector<std::string>>(object, "wrong").value_or(std::vector<std::string>());
+  state.done = optionalValue<std::vector<std::string>>(object, "done").value_or(std::vector<std::string>());
   return state;
 }
 

@@ -7,6 +7,16 @@
 namespace tarn {
 namespace {
 
+bool isOfFullDisk(const std::exception_ptr& reason) {
+  try {
+    std::rethrow_exception(reason);
+  } catch (const Error& error) {
+    return isDiskFull(error);
+  } catch (...) {
+    return false;
+  }
+}
+
 bool isRefusal(const std::exception_ptr& reason) {
   try {
     std::rethrow_exception(reason);
@@ -36,6 +46,7 @@ void RunOutcome::setFailed(Where place, const std::exception_ptr& reason) {
   where = place;
   words = withoutSecrets(describe(reason));
   failure = reason;
+  isDiskFull = isOfFullDisk(reason);
   isRefused = isRefusal(reason);
 }
 

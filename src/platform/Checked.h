@@ -5,7 +5,7 @@
 
 namespace tarn {
 
-/// Arithmetic on sizes and counts that come from a file: nothing where the true result does not fit the type.
+/// Arithmetic on sizes and counts that come from a file: nothing if the true result does not fit the type.
 template <std::integral T>
 std::optional<T> checkedAdd(T a, T b) {
   T result;

@@ -14,6 +14,9 @@ class PosixError : public Error {
   PosixError(int errnum, const std::string& what);
 };
 
+/// True for a failure of the operating system that says: no room is left, or no more is allowed to this user.
+bool isDiskFull(const Error& failure);
+
 /// A failure of the HTTP transfer. The code is the HTTP status for a status of 400 and above, else the transfer
 /// library's number, or `URLError::cancelled`.
 class URLError : public Error {

@@ -1,5 +1,7 @@
 #include "platform/UTF8.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -30,15 +32,6 @@ bool isContinuation(char byte) {
   return (static_cast<uint8_t>(byte) & 0xC0) == 0x80;
 }
 
-/// The number of a whole character.
-uint32_t numberOf(std::string_view character) {
-  const auto lead = static_cast<uint8_t>(character.front());
-  if (character.size() == 1) return lead;
-  uint32_t number = lead & (0x7Fu >> character.size());
-  for (const char byte : character.substr(1)) number = number << 6 | (static_cast<uint8_t>(byte) & 0x3Fu);
-  return number;
-}
-
 bool isBlank(uint32_t character) {
   return character == ' ' || (character >= '\t' && character <= '\r') || character == 0x85 || character == 0xA0 ||
          (character >= 0x2000 && character <= 0x200A) || character == 0x2028 || character == 0x2029 ||
@@ -57,6 +50,13 @@ bool isUnseen(uint32_t character) {
   return std::ranges::any_of(unseen, [=](Range range) { return character >= range.first && character <= range.last; });
 }
 
+/// Characters that do something to a terminal, or to what stands around them.
+bool isActive(uint32_t character) {
+  return character < 0x20 || (character >= 0x7F && character <= 0x9F) || character == 0x61C || character == 0x200E ||
+         character == 0x200F || (character >= 0x2028 && character <= 0x202E) ||
+         (character >= 0x2066 && character <= 0x2069);
+}
+
 }  // namespace
 
 size_t characterLength(std::string_view text) {
@@ -69,6 +69,14 @@ size_t characterLength(std::string_view text) {
   const bool isCharacter =
       second >= lead.secondLow && second <= lead.secondHigh && std::ranges::all_of(rest, isContinuation);
   return isCharacter ? lead.length : 0;
+}
+
+uint32_t characterNumber(std::string_view character) {
+  const auto lead = static_cast<uint8_t>(character.front());
+  if (character.size() == 1) return lead;
+  uint32_t number = lead & (0x7Fu >> character.size());
+  for (const char byte : character.substr(1)) number = number << 6 | (static_cast<uint8_t>(byte) & 0x3Fu);
+  return number;
 }
 
 bool isUTF8(std::string_view text) {
@@ -98,7 +106,7 @@ std::string plainLine(std::string_view text, size_t size) {
     const std::string_view character = text.substr(0, std::max<size_t>(length, 1));
     text.remove_prefix(character.size());
     if (length == 0) continue;
-    const uint32_t number = numberOf(character);
+    const uint32_t number = characterNumber(character);
     if (isBlank(number)) {
       isBehindBlank = !line.empty();
     } else if (!isUnseen(number)) {
@@ -108,6 +116,36 @@ std::string plainLine(std::string_view text, size_t size) {
     }
   }
   return line.size() <= size ? line : std::string(cutUTF8(line, size)) + "...";
+}
+
+std::string escaped(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const size_t length = characterLength(text);
+    const std::string_view character = text.substr(0, std::max<size_t>(length, 1));
+    text.remove_prefix(character.size());
+    const uint32_t number = characterNumber(character);
+    if (length > 0 && !isActive(number)) {
+      result += character;
+    } else {
+      result += length > 1 ? fmt::format("\\u{:04x}", number) : fmt::format("\\x{:02x}", number);
+    }
+  }
+  return result;
+}
+
+std::string escapedJSON(std::string_view json) {
+  std::string result;
+  while (const size_t length = characterLength(json)) {
+    const uint32_t number = characterNumber(json.substr(0, length));
+    if (isActive(number)) {
+      result += fmt::format("\\u{:04x}", number);
+    } else {
+      result += json.substr(0, length);
+    }
+    json.remove_prefix(length);
+  }
+  return result;
 }
 
 void appendCharacter(std::string& text, uint32_t character) {

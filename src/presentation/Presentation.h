@@ -40,7 +40,7 @@ struct TrackPresentation {
   uint32_t samplesShown = 0;
   uint32_t samplesClipped = 0;  ///< of those shown, those of which a part is cut off
   uint32_t samplesHidden = 0;
-  std::optional<MovieTime> shownFrom = {};  ///< nothing where no sample is shown
+  std::optional<MovieTime> shownFrom = {};  ///< nothing if no sample is shown
   std::optional<MovieTime> shownTo = {};
 
   SampleTimes times;

@@ -7,7 +7,7 @@
 
 namespace tarn {
 
-/// Why the repair leaves the video of a file alone whose record asks for no remux; nothing where the file has a `moov`
+/// Why the repair leaves the video of a file alone whose record asks for no remux; nothing if the file has a `moov`
 /// without a video track.
 std::optional<std::string> whyTheVideoIsLeftAlone(FileManager& files, const Path& path);
 

@@ -21,7 +21,8 @@ struct VideoPlan {
     cannot,       ///< something is missing, and nowhere to be found
   };
   Kind kind = Kind::leavesAlone;
-  std::string reason = {};                          ///< in words for people
+  std::string reason = {};                          ///< for people: what is wrong, or of leavesAlone why nothing is
+  std::string remedy = {};                          ///< what following the plan does about it: "changed the tag to ..."
   bool hasWholeEntries = false;                     ///< each sample entry in use holds complete sets
   std::vector<std::string> losses = {};             ///< what the new entries do not take over, likewise
   std::vector<uint64_t> tagOffsets = {};            ///< of changesTags: where the tags are in the file
@@ -30,7 +31,7 @@ struct VideoPlan {
   std::vector<ConfigurationSegment> segments = {};  ///< each with complete sets; one for rebuilds
 };
 
-/// Makes the plan for the first video track. Returns nothing where its first sample entry has a tag other than "hev1",
+/// Makes the plan for the first video track. Returns nothing if its first sample entry has a tag other than "hev1",
 /// "hvc1", "avc1" and "avc3". Reads the tables, and of each sync sample the front as far as the first slice. Throws
 /// MP4RemuxError (fileNotFound, ioError; corruptedMP4 where there is no way to the sample entries), NALUnitParserError,
 /// what the sample table parser throws, and PosixError.

@@ -7,13 +7,13 @@
 #include <limits>
 
 #include "mp4/EditList.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Int128.h"
 #include "sync/detail/TimeArithmetic.h"
 
 using tarn::ByteView;
-using tarn::TableRows;
+using tarn::TableEntries;
 using tarn::wrappingAdd;
 using tarn::wrappingSubtract;
 namespace layout = tarn::layout;
@@ -30,18 +30,19 @@ bool isBox(const uint8_t* buffer, int32_t length, uint32_t type, size_t minimum)
          layout::load32(buffer, layout::boxType) == type;
 }
 
-/// The bytes of a box of this type; none when the buffer does not hold at least the 16 bytes ahead of a table's rows.
+/// The bytes of a box of this type; none when the buffer does not hold at least the 16 bytes ahead of a table's
+/// entries.
 ByteView tableBox(const uint8_t* buffer, int32_t length, uint32_t type) {
   if (!isBox(buffer, length, type, layout::tableHeaderSize)) return {};
   return {buffer, static_cast<size_t>(length)};
 }
 
-/// The rows of such a table.
-TableRows tableRows(const uint8_t* buffer, int32_t length, uint32_t type, size_t rowSize) {
-  return {tableBox(buffer, length, type), rowSize, TableRows::HugeCount::isNone};
+/// The entries of such a table.
+TableEntries tableRows(const uint8_t* buffer, int32_t length, uint32_t type, size_t entrySize) {
+  return {tableBox(buffer, length, type), entrySize, TableEntries::HugeCount::isNone};
 }
 
-/// Writes the 16 bytes ahead of a table's rows.
+/// Writes the 16 bytes ahead of a table's entries.
 void storeTableHeader(uint8_t* out, uint32_t size, uint32_t type, uint8_t version, uint32_t entryCount) {
   layout::store(out, layout::boxSize, size);
   layout::store(out, layout::boxType, type);
@@ -54,7 +55,7 @@ void storeTableHeader(uint8_t* out, uint32_t size, uint32_t type, uint8_t versio
 constexpr double needsFixMilliseconds = 10.0;
 
 /// The delta that most samples have. Only the first 16 distinct deltas are counted.
-int64_t nominalDelta(const TableRows& stts) {
+int64_t nominalDelta(const TableEntries& stts) {
   struct Bin {
     uint32_t delta;
     uint64_t samples;
@@ -62,11 +63,11 @@ int64_t nominalDelta(const TableRows& stts) {
   std::array<Bin, 16> bins;
   size_t used = 0;
   for (size_t i = 0; i < stts.size() && used < bins.size(); ++i) {
-    uint32_t delta = layout::load32(stts.row(i), layout::runValue);
+    uint32_t delta = layout::load32(stts.entry(i), layout::runValue);
     size_t bin = 0;
     while (bin < used && bins[bin].delta != delta) ++bin;
     if (bin == used) bins[used++] = {delta, 0};
-    bins[bin].samples += layout::load32(stts.row(i), layout::runSampleCount);
+    bins[bin].samples += layout::load32(stts.entry(i), layout::runSampleCount);
   }
   Bin best{0, 0};
   for (size_t bin = 0; bin < used; ++bin) {
@@ -76,9 +77,9 @@ int64_t nominalDelta(const TableRows& stts) {
 }
 
 /// True when the ascending table lists this 1-based sample number.
-bool listsSample(const TableRows& stss, int64_t number) {
+bool listsSample(const TableEntries& stss, int64_t number) {
   for (size_t i = 0; i < stss.size(); ++i) {
-    int64_t listed = layout::load32(stss.row(i), layout::syncSampleNumber);
+    int64_t listed = layout::load32(stss.entry(i), layout::syncSampleNumber);
     if (listed >= number) return listed == number;
   }
   return false;
@@ -101,8 +102,8 @@ bool isVersion1(const AVSyncElstEntry* entries, int32_t count) {
 }
 
 int64_t elstSize(const AVSyncElstEntry* entries, int32_t count) {
-  auto rowSize = static_cast<int64_t>(layout::editRow(isVersion1(entries, count)).size);
-  return static_cast<int64_t>(layout::tableHeaderSize) + count * rowSize;
+  auto entrySize = static_cast<int64_t>(layout::editEntry(isVersion1(entries, count)).size);
+  return static_cast<int64_t>(layout::tableHeaderSize) + count * entrySize;
 }
 
 // --- Tables ---
@@ -123,17 +124,17 @@ uint32_t timescaleOf(const uint8_t* buffer, int32_t length, uint32_t type, size_
   return clock ? clock->timescale : 0;
 }
 
-/// A table box's size for so many 8-byte rows; -1 when it does not fit the result.
-int32_t runTableSize(uint64_t rows) {
+/// A table box's size for so many 8-byte entries; -1 when it does not fit the result.
+int32_t runTableSize(uint64_t entries) {
   constexpr uint64_t limit = std::numeric_limits<int32_t>::max();
-  if (rows > (limit - layout::tableHeaderSize) / layout::runRowSize) return -1;
-  return static_cast<int32_t>(layout::tableHeaderSize + rows * layout::runRowSize);
+  if (entries > (limit - layout::tableHeaderSize) / layout::runEntrySize) return -1;
+  return static_cast<int32_t>(layout::tableHeaderSize + entries * layout::runEntrySize);
 }
 
-uint8_t* storeRun(uint8_t* row, uint32_t sampleCount, uint32_t value) {
-  layout::store(row, layout::runSampleCount, sampleCount);
-  layout::store(row, layout::runValue, value);
-  return row + layout::runRowSize;
+uint8_t* storeRun(uint8_t* entry, uint32_t sampleCount, uint32_t value) {
+  layout::store(entry, layout::runSampleCount, sampleCount);
+  layout::store(entry, layout::runValue, value);
+  return entry + layout::runEntrySize;
 }
 
 }  // namespace
@@ -186,16 +187,16 @@ AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* vid
 int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
                            int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary) {
   AVSyncGapSummary found{};
-  auto table = tableRows(stts, stts_length, sttsType, layout::runRowSize);
+  auto table = tableRows(stts, stts_length, sttsType, layout::runEntrySize);
   if (gaps != nullptr && max_gaps >= 1) {
-    auto syncSamples = tableRows(stss, stss_length, layout::fourCC("stss"), layout::syncRowSize);
+    auto syncSamples = tableRows(stss, stss_length, layout::fourCC("stss"), layout::syncEntrySize);
     found.nominal_delta = nominalDelta(table);
     int64_t limit = threshold >= 1 ? threshold : 2 * found.nominal_delta;
     int64_t time = 0;
     uint32_t sampleIndex = 0;
     for (size_t i = 0; i < table.size() && found.gap_count < max_gaps; ++i) {
-      uint32_t samples = layout::load32(table.row(i), layout::runSampleCount);
-      int64_t delta = layout::load32(table.row(i), layout::runValue);
+      uint32_t samples = layout::load32(table.entry(i), layout::runSampleCount);
+      int64_t delta = layout::load32(table.entry(i), layout::runValue);
       if (delta > limit) {
         auto index = static_cast<int32_t>(sampleIndex);
         bool isSync = listsSample(syncSamples, static_cast<int64_t>(index) + 1);
@@ -277,15 +278,15 @@ int32_t avsync_write_elst_box(const AVSyncElstEntry* entries, int32_t count, uin
   int64_t size = elstSize(entries, count);
   if (size > capacity) return -1;
   bool is64Bit = isVersion1(entries, count);
-  const auto& row = layout::editRow(is64Bit);
+  const auto& entry = layout::editEntry(is64Bit);
 
   storeTableHeader(out, static_cast<uint32_t>(size), layout::fourCC("elst"), is64Bit ? 1 : 0,
                    static_cast<uint32_t>(count));
   uint8_t* place = out + layout::tableHeaderSize;
-  for (int32_t i = 0; i < count; ++i, place += row.size) {
-    layout::store(place, row.duration, static_cast<uint64_t>(entries[i].duration));
-    layout::store(place, row.mediaTime, static_cast<uint64_t>(entries[i].media_time));
-    layout::store(place, row.mediaRate, static_cast<uint64_t>(entries[i].media_rate));
+  for (int32_t i = 0; i < count; ++i, place += entry.size) {
+    layout::store(place, entry.duration, static_cast<uint64_t>(entries[i].duration));
+    layout::store(place, entry.mediaTime, static_cast<uint64_t>(entries[i].media_time));
+    layout::store(place, entry.mediaRate, static_cast<uint64_t>(entries[i].media_rate));
   }
   return static_cast<int32_t>(size);
 }
@@ -302,10 +303,10 @@ int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uin
 
 int32_t avsync_parse_elst_box(const uint8_t* buffer, int32_t length, AVSyncElstEntry* entries, int32_t max_entries) {
   if (entries == nullptr || max_entries < 1) return 0;
-  const tarn::EditListRows rows(tableBox(buffer, length, layout::fourCC("elst")), tarn::editlist::synced);
-  const size_t count = std::min(rows.size(), static_cast<size_t>(max_entries));
+  const tarn::EditListEntries stored(tableBox(buffer, length, layout::fourCC("elst")), tarn::editlist::synced);
+  const size_t count = std::min(stored.size(), static_cast<size_t>(max_entries));
   for (size_t i = 0; i < count; ++i) {
-    const tarn::EditListEntry entry = rows.entry(i);
+    const tarn::EditListEntry entry = stored.entry(i);
     entries[i] = {entry.duration, entry.mediaTime, entry.mediaRate};
   }
   return static_cast<int32_t>(count);
@@ -318,9 +319,9 @@ int64_t avsync_parse_stts_first_dts(const uint8_t* /*buffer*/, int32_t /*length*
 void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_offset, int64_t* min_offset) {
   int64_t first = 0;
   int64_t smallest = 0;
-  auto table = tableRows(buffer, length, cttsType, layout::runRowSize);
+  auto table = tableRows(buffer, length, cttsType, layout::runEntrySize);
   for (size_t i = 0; i < table.size(); ++i) {
-    int64_t offset = layout::loadSigned(table.row(i), layout::runValue);
+    int64_t offset = layout::loadSigned(table.entry(i), layout::runValue);
     if (i == 0) first = smallest = offset;
     smallest = std::min(smallest, offset);
   }
@@ -380,40 +381,40 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
   if (info != nullptr) *info = {1, shift, entryCount, static_cast<uint32_t>(size)};
 
   storeTableHeader(out, static_cast<uint32_t>(size), cttsType, 1, entryCount);
-  auto table = tableRows(buffer, length, cttsType, layout::runRowSize);
+  auto table = tableRows(buffer, length, cttsType, layout::runEntrySize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
-    uint32_t offset = layout::load32(table.row(i), layout::runValue) - static_cast<uint32_t>(shift);
-    place = storeRun(place, layout::load32(table.row(i), layout::runSampleCount), offset);
+    uint32_t offset = layout::load32(table.entry(i), layout::runValue) - static_cast<uint32_t>(shift);
+    place = storeRun(place, layout::load32(table.entry(i), layout::runSampleCount), offset);
   }
   return size;
 }
 
 int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta) {
   if (max_delta == 0 || !isBox(buffer, length, sttsType, layout::tableHeaderSize)) return -1;
-  auto table = tableRows(buffer, length, sttsType, layout::runRowSize);
-  uint64_t rows = 0;
+  auto table = tableRows(buffer, length, sttsType, layout::runEntrySize);
+  uint64_t entries = 0;
   for (size_t i = 0; i < table.size(); ++i) {
-    uint64_t samples = layout::load(table.row(i), layout::runSampleCount);
-    uint64_t delta = layout::load(table.row(i), layout::runValue);
-    rows += delta <= max_delta ? 1 : samples * ((delta + max_delta - 1) / max_delta);
-    if (runTableSize(rows) < 0) return -1;  // before further rows could overflow the sum
+    uint64_t samples = layout::load(table.entry(i), layout::runSampleCount);
+    uint64_t delta = layout::load(table.entry(i), layout::runValue);
+    entries += delta <= max_delta ? 1 : samples * ((delta + max_delta - 1) / max_delta);
+    if (runTableSize(entries) < 0) return -1;  // before further entries could overflow the sum
   }
-  return runTableSize(rows);
+  return runTableSize(entries);
 }
 
 int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_t max_delta, uint8_t* out,
                                   int32_t capacity) {
   int32_t size = avsync_split_stts_size(buffer, length, max_delta);
   if (size < 0 || out == nullptr || size > capacity) return -1;
-  auto rows = (static_cast<size_t>(size) - layout::tableHeaderSize) / layout::runRowSize;
-  storeTableHeader(out, static_cast<uint32_t>(size), sttsType, 0, static_cast<uint32_t>(rows));
+  auto entries = (static_cast<size_t>(size) - layout::tableHeaderSize) / layout::runEntrySize;
+  storeTableHeader(out, static_cast<uint32_t>(size), sttsType, 0, static_cast<uint32_t>(entries));
 
-  auto table = tableRows(buffer, length, sttsType, layout::runRowSize);
+  auto table = tableRows(buffer, length, sttsType, layout::runEntrySize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
-    uint32_t samples = layout::load32(table.row(i), layout::runSampleCount);
-    uint32_t delta = layout::load32(table.row(i), layout::runValue);
+    uint32_t samples = layout::load32(table.entry(i), layout::runSampleCount);
+    uint32_t delta = layout::load32(table.entry(i), layout::runValue);
     if (delta <= max_delta) {
       place = storeRun(place, samples, delta);
       continue;

@@ -107,13 +107,13 @@ void logOffsetRule(const SyncFixFacts& facts, const SyncFixPlan& plan) {
 
 void logList(const PlannedEditList& list, const char* track, uint32_t movieTimescale, uint32_t trackTimescale) {
   log("MP4AVSyncFixer: Building {} edit list:", track);
-  for (size_t i = 0; i < list.rows.size(); ++i) {
-    const EditListEntry& row = list.rows[i];
-    if (row.mediaTime == layout::emptyEdit) {
-      log("  Entry {}: EMPTY duration={} (~{:.1f}ms)", i, row.duration, milliseconds(row.duration, movieTimescale));
+  for (size_t i = 0; i < list.entries.size(); ++i) {
+    const EditListEntry& entry = list.entries[i];
+    if (entry.mediaTime == layout::emptyEdit) {
+      log("  Entry {}: EMPTY duration={} (~{:.1f}ms)", i, entry.duration, milliseconds(entry.duration, movieTimescale));
     } else {
-      log("  Entry {}: duration={}, media_time={} (~{:.1f}ms)", i, row.duration, row.mediaTime,
-          milliseconds(row.mediaTime, trackTimescale));
+      log("  Entry {}: duration={}, media_time={} (~{:.1f}ms)", i, entry.duration, entry.mediaTime,
+          milliseconds(entry.mediaTime, trackTimescale));
     }
   }
 }
@@ -142,7 +142,7 @@ void logLists(const SyncFixFacts& facts, const SyncFixPlan& plan, bool hasVideoL
 
 MoovEdits editsOf(const SyncFixFacts& facts, const SyncFixPlan& plan) {
   const auto edts = [](const std::optional<PlannedEditList>& list) {
-    return list ? std::optional(edtsOf(list->rows)) : std::nullopt;
+    return list ? std::optional(edtsOf(list->entries)) : std::nullopt;
   };
   return {.videoEdtsData = edts(plan.video),
           .audioEdtsData = edts(plan.audio),

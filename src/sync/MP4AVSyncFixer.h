@@ -34,7 +34,7 @@ struct MoovEdits {
 class MP4AVSyncFixer {
  public:
   /// How the tracks of a file stand to each other by its edit lists; a damaged list counts as none. A file without
-  /// audio has no audio rows, 48000 and 2112.
+  /// audio has no audio entries, 48000 and 2112.
   static OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& fileURL);
 
   /// Fixes a file in place. True when its `moov` was rewritten, false when nothing had to be done.
@@ -74,7 +74,7 @@ class MP4AVSyncFixer {
   static std::optional<AudioTrackTimingInfo> parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
                                                                  bool audioWasTranscoded);
 
-  /// The track's edit list, video or audio, at most 16 rows; empty when there is none.
+  /// The track's edit list, video or audio, at most 16 entries; empty when there is none.
   static std::vector<EditListEntry> parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox, MP4TrackType type);
 
   /// The format of the first sample entry; "unknown" when it cannot be read.

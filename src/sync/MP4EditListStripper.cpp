@@ -16,7 +16,7 @@
 namespace tarn {
 namespace {
 
-using Rows = std::vector<OriginalEditListEntry>;
+using Entries = std::vector<OriginalEditListEntry>;
 using StripperError = MP4EditListStripperError;
 
 constexpr const EditRules& rules = edit::stripping;
@@ -45,17 +45,17 @@ MediaLayout scan(FileHandle& file) {
   return layout;
 }
 
-/// Cuts the edit list out of the first audio track and returns its rows; nothing, and no change, when there is none.
-std::optional<Rows> strip(MovieBox& moov) {
+/// Cuts the edit list out of the first audio track and returns its entries; nothing, and no change, when there is none.
+std::optional<Entries> strip(MovieBox& moov) {
   MovieBox* trak = findTrack(moov, MP4TrackType::audio, rules);
   const MovieBox* edts = trak ? trak->find({"edts"}) : nullptr;
   const MovieBox* elst = edts ? edts->find({"elst"}) : nullptr;
   if (!elst || elst->isCut) return std::nullopt;
-  Rows rows = readEditList(elst->plainBytes(), editlist::stripped);
-  if (rows.empty()) return std::nullopt;
+  Entries entries = readEditList(elst->plainBytes(), editlist::stripped);
+  if (entries.empty()) return std::nullopt;
   log("  Stripping edts box from audio trak ({} bytes)", edts->size());
   putEditList(*trak, {});
-  return rows;
+  return entries;
 }
 
 class CopyLog : public RewriteListener {
@@ -77,7 +77,8 @@ class CopyLog : public RewriteListener {
 
 }  // namespace
 
-std::optional<Rows> MP4EditListStripper::stripAudioEditList(FileManager& files, const Path& from, const Path& to) try {
+std::optional<Entries> MP4EditListStripper::stripAudioEditList(FileManager& files, const Path& from,
+                                                               const Path& to) try {
   if (!files.fileExists(from)) throw StripperError::fileNotFound();
   auto input = openFile(files, from, OpenMode::reading, StripperError::cannotOpenFile());
   log("MP4EditListStripper: Processing {} ({} bytes)", from.filename().string(), input->seekToEnd());
@@ -86,13 +87,13 @@ std::optional<Rows> MP4EditListStripper::stripAudioEditList(FileManager& files, 
   const Bytes before = readMoov(*input, moovBox, rules);
   requireEditable(before, moovBox.offset, rules);
   MovieBox tree = MovieBox::parse(before, rules);
-  auto rows = strip(tree);
-  if (!rows) {
+  auto entries = strip(tree);
+  if (!entries) {
     log("MP4EditListStripper: No audio edit list found, copying file unchanged");
     files.copyItem(from, to);
     return std::nullopt;
   }
-  log("MP4EditListStripper: Stripped edit list with {} entries", rows->size());
+  log("MP4EditListStripper: Stripped edit list with {} entries", entries->size());
   Bytes moov = tree.bytes();
   const auto growth = static_cast<int64_t>(moov.size()) - static_cast<int64_t>(before.size());
   const ChunkOffsetShift shift = layout.shift(moovBox, growth, rules);
@@ -107,7 +108,7 @@ std::optional<Rows> MP4EditListStripper::stripAudioEditList(FileManager& files, 
   output->close();
   draft.keep();
   log("MP4EditListStripper: Complete - output written to {}", to.filename().string());
-  return rows;
+  return entries;
 } catch (const MovieError& error) {
   throw stripperError(error);
 }

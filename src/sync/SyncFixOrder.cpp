@@ -1,8 +1,11 @@
 #include "sync/SyncFixOrder.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "mp4/BoxLayout.h"
+#include "presentation/TrackWords.h"
 #include "sync/detail/TimeArithmetic.h"
 
 namespace tarn {
@@ -17,26 +20,20 @@ PlannedEditList wholeMedia(const TrackPresentation& track, uint32_t movieTimesca
   }
   const int64_t played = rescaleTimeUp(subtractTimes(track.mediaEnd, start), movieTimescale, track.timescale);
   PlannedEditList list{.trackDuration = addTimes(empty, played)};
-  if (empty > 0) list.rows.push_back({empty, layout::emptyEdit, layout::normalRate});
-  list.rows.push_back({played, start, layout::normalRate});
+  if (empty > 0) list.entries.push_back({empty, layout::emptyEdit, layout::normalRate});
+  list.entries.push_back({played, start, layout::normalRate});
   return list;
 }
 
-std::string reasonOf(EditListDamage damage) {
-  switch (damage) {
-    case EditListDamage::none:
-      return "it has none, and its first picture is not at 0";
-    case EditListDamage::showsNothing:
-      return "the old one shows nothing of the track";
-    case EditListDamage::mediaTimeBelowMinusOne:
-      return "the old one has a media time below -1";
-    case EditListDamage::liesBehindMedia:
-      return "the old one lies behind the media";
-  }
-  return "";
+/// What a new list does, for people.
+std::string remedyOf(const Presentation& movie, const TrackPresentation& track, const PlannedEditList& list) {
+  if (track.damage == EditListDamage::none) return "wrote an edit list that says so";
+  const std::string name = trackWords(movie, track.handler, track.trackID);
+  return list.entries.empty() ? fmt::format("removed it, so that all of the {} is shown", name)
+                              : fmt::format("wrote an edit list that shows all of the {}", name);
 }
 
-/// The list that a track needs; nothing where its own says the truth.
+/// The list that a track needs; nothing if its own says the truth.
 std::optional<PlannedEditList> neededList(const Presentation& movie, const TrackPresentation& track) {
   if (track.sampleCount() == 0) return std::nullopt;
   const bool isDamaged = track.damage != EditListDamage::none;
@@ -45,8 +42,9 @@ std::optional<PlannedEditList> neededList(const Presentation& movie, const Track
   if (!isDamaged && !lacksList) return std::nullopt;
   PlannedEditList list = wholeMedia(track, movie.movieTimescale());
   // From 0 on without a list, as with one.
-  if (!isDamaged && list.rows.size() < 2) return std::nullopt;
-  list.reason = reasonOf(track.damage);
+  if (!isDamaged && list.entries.size() < 2) return std::nullopt;
+  list.reason = editListWords(movie, track);
+  list.remedy = remedyOf(movie, track, list);
   return list;
 }
 

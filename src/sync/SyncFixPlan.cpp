@@ -65,12 +65,12 @@ void decideOffset(const SyncFixFacts& facts, SyncFixPlan& plan) {
 
 /// The media from `mediaTime` on, behind so much empty time.
 PlannedEditList editList(int64_t emptyDuration, int64_t playable, int64_t mediaTime, std::string reason) {
-  PlannedEditList list{.rows = {}, .trackDuration = playable, .reason = std::move(reason)};
+  PlannedEditList list{.entries = {}, .trackDuration = playable, .reason = std::move(reason)};
   if (emptyDuration > 0) {
-    list.rows.push_back({emptyDuration, emptyEdit, normalRate});
+    list.entries.push_back({emptyDuration, emptyEdit, normalRate});
     list.trackDuration = addTimes(emptyDuration, playable);
   }
-  list.rows.push_back({playable, mediaTime, normalRate});
+  list.entries.push_back({playable, mediaTime, normalRate});
   return list;
 }
 

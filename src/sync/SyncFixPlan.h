@@ -22,9 +22,10 @@ struct SyncFixFacts {
 
 /// An edit list to be written.
 struct PlannedEditList {
-  std::vector<EditListEntry> rows = {};
+  std::vector<EditListEntry> entries = {};
   int64_t trackDuration = 0;  ///< of the track with the list, movie timescale
-  std::string reason = {};    ///< why the track needs it
+  std::string reason = {};    ///< why the track needs it, for people
+  std::string remedy = {};    ///< what it does, likewise; of an order alone
 };
 
 /// What the sync rules make of a file.

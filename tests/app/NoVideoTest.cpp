@@ -75,7 +75,7 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
   const Path file = place_ / "c.mp4", out = place_ / "out.mp4";
   for (const auto& [content, words] : rows) {
     const TarnResult saved = save(content);
-    EXPECT_EQ(saved.exitCode, 1) << words;
+    EXPECT_EQ(saved.exitCode, 4) << words;
     EXPECT_THAT(saved.errors, HasSubstr("tarn: The video was not saved: c.mp4 is " + words + ".\n"));
     EXPECT_EQ(saved.output, "");
     EXPECT_EQ(library(), before);
@@ -85,7 +85,7 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
 
     std::ofstream(file, std::ios::binary) << content;
     const TarnResult repaired = runTarn(home_, {"repair", file, "-o", out});
-    EXPECT_EQ(repaired.exitCode, 1) << words;
+    EXPECT_EQ(repaired.exitCode, 4) << words;
     EXPECT_THAT(repaired.errors, HasSubstr("it is " + words));
     EXPECT_FALSE(std::filesystem::exists(out));
     const TarnResult inspected = runTarn(home_, {"inspect", file});

@@ -49,7 +49,7 @@ void remux(FileManager& files, const Path& source, const Path& /*output*/, const
 }
 
 void sync(FileManager& files, const Path& source, const Path& /*output*/, const RewriteCheck& check) {
-  const SyncFixOrder order{.tracks = {{1, {.rows = {{700, -1, 0x10000}, {2000, 0, 0x10000}}, .trackDuration = 2700}},
+  const SyncFixOrder order{.tracks = {{1, {.entries = {{700, -1, 0x10000}, {2000, 0, 0x10000}}, .trackDuration = 2700}},
                                       {2, {.trackDuration = 3000}}},
                            .movieDuration = 3000};
   MP4AVSyncFixer::fix(files, source, nullptr, nullptr, std::nullopt, false, nullptr, &order, check);

@@ -221,7 +221,7 @@ TEST_F(SyncFixer, StepsOverWhatIsOdd) {
 TEST_F(SyncFixer, ShowsItsResultToTheCheckAndTakesItsWord) {
   const Bytes source = readFile(files_, flashBeepClip(0.3, {"-movflags", "faststart"}));
   write(source);
-  const SyncFixOrder order{.tracks = {{1, {.rows = {{700, -1, 0x10000}, {2000, 0, 0x10000}}, .trackDuration = 2700}},
+  const SyncFixOrder order{.tracks = {{1, {.entries = {{700, -1, 0x10000}, {2000, 0, 0x10000}}, .trackDuration = 2700}},
                                       {2, {.trackDuration = 3000}}},
                            .movieDuration = 3000};
   std::vector<CopiedRange> copied;

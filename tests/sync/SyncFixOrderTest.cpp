@@ -34,7 +34,7 @@ class SyncFixOrders : public FileTest {
     if (!order.isNeeded()) return "";
     std::string words;
     for (const auto& track : order.tracks) {
-      for (const auto& entry : track.list.rows) {
+      for (const auto& entry : track.list.entries) {
         words += std::to_string(entry.duration) + "@" + std::to_string(entry.mediaTime) + " ";
         EXPECT_EQ(entry.mediaRate, 0x10000);
       }

@@ -14,7 +14,7 @@ std::string text(const std::optional<PlannedEditList>& list) {
   if (!list) return "none";
   std::string result;
   int64_t duration = 0;
-  for (const EditListEntry& row : list->rows) {
+  for (const EditListEntry& row : list->entries) {
     result += std::to_string(row.duration) + "@" + std::to_string(row.mediaTime) + " ";
     duration += row.duration;
     EXPECT_EQ(row.mediaRate, 0x10000);
@@ -73,7 +73,7 @@ TEST(SyncFixPlan, FollowsTheRules) {
       {"tolerance at 30", facts(30, 0, captured(1.0 / 30, 0)), "none", "300@0 "},
       {"above it", facts(30, 0, captured(2.0 / 30, 0)), "none", "2@-1 300@0 "},
       {"empty edit below the tolerance", facts(1000, 0, captured(0.02, 0, 20)), "none", "20@-1 10000@0 "},
-      {"no rows captured", facts(1000, 0, withoutRows), "none", "10000@0 "},
+      {"no entries captured", facts(1000, 0, withoutRows), "none", "10000@0 "},
       {"captured in other timescales", facts(600, 0, at44100), "none", "180@-1 5988@960 "},
       {"replaced", replaced(facts(1000, 3000, captured(-0.02, 1024))), "9967@3000 ", "10000@0 "},
       {"replaced, nothing captured", replaced(facts(1000, 0)), "none", "10000@0 "},

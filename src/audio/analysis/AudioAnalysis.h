@@ -20,10 +20,10 @@ std::string_view text(AACType type);
 int samplesPerPacket(AACType type);
 
 enum class GapType {
-  clean,              ///< no hole inside, no drift, no offset worth mentioning
+  clean,              ///< no gap inside, no drift, no offset worth mentioning
   initialOffsetOnly,  ///< the audio starts at another time than the video, and is whole
-  internalGaps,       ///< at least one hole in its presentation times
-  timelineDrift,      ///< no hole, but the container's length and that of the samples differ by more than 100 ms
+  internalGaps,       ///< at least one gap in its presentation times
+  timelineDrift,      ///< no gap, but the container's length and that of the samples differ by more than 100 ms
 };
 
 /// The case's name.
@@ -66,11 +66,11 @@ inline constexpr double harmlessDriftMs = 100.0;
 struct AudioAnalysisResult {
   bool needsTranscoding = false;
   GapType gapType = GapType::clean;
-  int64_t gapCount = 0;  ///< holes, plus 1 when the initial offset exceeds the gap threshold
+  int64_t gapCount = 0;  ///< gaps, plus 1 when the initial offset exceeds the gap threshold
   int64_t overlapCount = 0;
-  double maxGapMs = 0;  ///< the larger of the largest hole and the absolute initial offset
+  double maxGapMs = 0;  ///< the larger of the largest gap and the absolute initial offset
   double maxOverlapMs = 0;
-  double totalGapMs = 0;  ///< holes plus the absolute initial offset
+  double totalGapMs = 0;  ///< gaps plus the absolute initial offset
   double totalOverlapMs = 0;
   double timelineDriftMs = 0;
   double durationSeconds = 0;  ///< of the asset
@@ -83,7 +83,7 @@ struct AudioAnalysisResult {
   std::vector<AudioGap> internalGaps;
   std::vector<AudioOverlap> internalOverlaps;
 
-  /// Holes, overlaps and an offset count from above three packets.
+  /// Gaps, overlaps and an offset count from above three packets.
   double gapThresholdMs() const { return 3 * frameDurationMs; }
 
   bool startsApart() const;
@@ -107,14 +107,14 @@ struct AudioConfigCheck {
   bool matchesPassthroughTarget = false;
   std::optional<std::string> reason;  ///< why not
   int32_t audioTimescale = 0;         ///< of the `mdhd`
-  int64_t sampleDelta = 0;            ///< of the first `stts` row, in that timescale
+  int64_t sampleDelta = 0;            ///< of the first `stts` entry, in that timescale
   bool isAAC = false;                 ///< of any kind, in packets of one length
 
   /// True for AAC that players take as it is, although its packets cannot be used for a new track.
   bool isPlayableAAC() const { return isStable && isAAC; }
 };
 
-/// One change to a row of compressed samples.
+/// One change to an entry of compressed samples.
 struct AudioAction {
   enum class Kind { insertSilence, dropSamples };
 

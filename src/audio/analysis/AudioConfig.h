@@ -9,7 +9,7 @@ namespace tarn {
 
 struct AudioTimingInfo {
   int32_t timescale = 48000;
-  int64_t sampleDelta = 1024;  ///< of the first `stts` row
+  int64_t sampleDelta = 1024;  ///< of the first `stts` entry
 };
 
 /// From the boxes; the defaults where they cannot be read. Never fails.

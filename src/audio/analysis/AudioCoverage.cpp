@@ -15,7 +15,7 @@
 namespace tarn {
 namespace {
 
-/// Tells quickly whether one of many gaps starts near a time, so that a track of nothing but holes takes no longer
+/// Tells quickly whether one of many gaps starts near a time, so that a track of nothing but gaps takes no longer
 /// than any other.
 class GapStarts {
  public:
@@ -31,7 +31,7 @@ class GapStarts {
   std::set<CMTime, Earlier> starts_;
 };
 
-/// Finds the holes of an audio track in two ways: by a clock that counts packets, and by where each buffer ends.
+/// Finds the gaps of an audio track in two ways: by a clock that counts packets, and by where each buffer ends.
 class CoverageBuilder {
  public:
   CoverageBuilder(double rate, int samplesPerFrame, double sampleRate, double gapThresholdSeconds)

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t usualBufferCount = 200000;
 
-/// Finds holes and overlaps of an audio track that no video stands beside.
+/// Finds gaps and overlaps of an audio track that no video stands beside.
 class GapDetector {
  public:
   GapDetector(double rate, int samplesPerFrame, double sampleRate, double gapThresholdMs)

@@ -64,7 +64,7 @@ struct PTSMap {
   std::vector<CMTime> times;
 };
 
-/// What the audio alone tells of its holes.
+/// What the audio alone tells of its gaps.
 struct GapDetectionResult {
   std::vector<AudioGap> gaps;
   std::vector<AudioOverlap> overlaps;

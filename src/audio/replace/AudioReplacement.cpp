@@ -41,7 +41,7 @@ SourceTiming timingOf(const std::optional<OriginalSyncInfo>& info) {
   return timing;
 }
 
-/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing where the video
+/// A copy of the video without the audio's edit list, so that the decoder sees the whole media; nothing if the video
 /// itself serves. The copy is in the run's record.
 std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   constexpr std::string_view none = "Audio transcoding: No audio edit list found - using original file";
@@ -68,7 +68,7 @@ std::optional<Path> stripEditList(ProcessingRun& run, const AudioSwap& swap) {
   return stripped.path();
 }
 
-void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, double shownMediaEnd) {
+void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, double shownMediaEnd, unsigned workers) {
   const SourceTiming timing = timingOf(run.originalSyncInfo);
   if (std::abs(timing.syncOffsetSeconds) > 0.001) {
     log("  Passing syncOffsetSeconds={:.3f}s to transcoder", timing.syncOffsetSeconds);
@@ -78,7 +78,7 @@ void transcode(ProcessingRun& run, const Path& input, const Path& newAudio, doub
         timing.audioMediaDurationSeconds.value_or(0));
   }
   transcodeAudio(
-      run.files, input, newAudio, timing, TranscodeConfig{}, run.token.get(),
+      run.files, input, newAudio, timing, {.workers = workers}, run.token.get(),
       [&](double progress, const std::string& stage) { run.reportProgress(progress, stage); }, shownMediaEnd);
 }
 
@@ -96,18 +96,18 @@ bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, co
     swap.swap(newAudio, fixed);
     return true;
   } catch (const RefusedResult& refusal) {
-    run.warn("The sound is left as it is, for new sound would do harm: " + refusal.description());
+    run.leave("The sound is left as it is, for new sound would do harm: " + refusal.description());
     return false;
   } catch (const AudioTrackReplacerError& failure) {
     if (failure.kind() != AudioTrackReplacerError::Case::corruptedMP4) throw;
-    run.warn("The sound is left as it is, for no track can be put into this file: " + failure.description());
+    run.leave("The sound is left as it is, for no track can be put into this file: " + failure.description());
     return false;
   }
 }
 
 }  // namespace
 
-void replaceAudio(ProcessingRun& run) {
+void replaceAudio(ProcessingRun& run, unsigned workers, const std::string& done) {
   logLine("Audio analysis: transcoding needed");
   logLine("Starting audio transcoding...");
   run.timer.start();
@@ -129,15 +129,17 @@ void replaceAudio(ProcessingRun& run) {
 
   timer.start();
   run.updateProcessingStage(ProcessingStage::transcodingPass2);
-  transcode(run, stripped.value_or(run.fileURL), newAudio, swap.shownMediaEnd());
+  transcode(run, stripped.value_or(run.fileURL), newAudio, swap.shownMediaEnd(), workers);
   timings.pass2Transcode = timer.stop();
   run.token->throwIfCancelled();
 
   run.updateProcessingStage(ProcessingStage::transcoded);
   timer.start();
   makeFixedFile(run, fixed);
+  run.mended("", done);  // a run that is cut off behind the swap goes on from this record
   run.updateProcessingStage(ProcessingStage::audioReplacing);
   run.audioWasTranscoded = trySwap(run, swap, newAudio, fixed);
+  if (!run.audioWasTranscoded) std::erase(run.state.done, done);
   timings.trackReplacement = timer.stop();
   run.token->throwIfCancelled();
 

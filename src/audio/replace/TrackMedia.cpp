@@ -7,7 +7,7 @@
 #include "audio/AudioTrackReplacerError.h"
 #include "mp4/EditList.h"
 #include "mp4/SampleTableBuilders.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "platform/Checked.h"
 #include "platform/Int128.h"
 #include "platform/Log.h"
@@ -30,12 +30,12 @@ struct SampleRuns {
 
 /// Nothing for a table that ends ahead of its entries.
 std::optional<SampleRuns> sumRuns(ByteView stts) {
-  const TableRows rows(stts, layout::runRowSize, TableRows::HugeCount::isCut);
+  const TableEntries entries(stts, layout::runEntrySize, TableEntries::HugeCount::isCut);
   SampleRuns runs{.entries = layout::load(stts.data(), layout::entryCount)};
-  if (rows.size() < runs.entries) return std::nullopt;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const uint64_t samples = layout::load(rows.row(i), layout::runSampleCount);
-    const auto duration = checkedMultiply(samples, layout::load(rows.row(i), layout::runValue));
+  if (entries.size() < runs.entries) return std::nullopt;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const uint64_t samples = layout::load(entries.entry(i), layout::runSampleCount);
+    const auto duration = checkedMultiply(samples, layout::load(entries.entry(i), layout::runValue));
     const auto sum = duration ? checkedAdd(runs.totalDuration, *duration) : std::nullopt;
     if (!sum) throw AudioTrackReplacerError::corruptedMP4("stts duration does not fit 64 bits");
     runs.totalSamples += samples;
@@ -59,7 +59,7 @@ uint64_t durationOf(const EditListEntry& entry) {
   return static_cast<uint64_t>(entry.duration);
 }
 
-/// To the nearest tick; half a tick goes up. Nothing where the result does not fit.
+/// To the nearest tick; half a tick goes up. Nothing if the result does not fit.
 std::optional<int64_t> rescaled(int64_t value, uint32_t from, uint32_t to) {
   if (from == 0) return std::nullopt;
   const Int128 result = (Int128{value} * to + from / 2) / from;
@@ -79,7 +79,7 @@ Bytes writeEntries(ByteView old, const Entries& entries) {
       layout::load(old.data(), layout::version) == 1 || std::ranges::any_of(entries, [](const EditListEntry& e) {
         return e.mediaTime > std::numeric_limits<int32_t>::max();
       });
-  const auto& fields = layout::editRow(isLong);
+  const auto& fields = layout::editEntry(isLong);
   Bytes box(layout::tableHeaderSize + entries.size() * fields.size);
   std::ranges::copy(old.first(layout::tableHeaderSize), box.begin());
   if (isLong) layout::store(box.data(), layout::version, 1);
@@ -193,7 +193,7 @@ std::optional<Bytes> normalizeAudioStts(const MovieBox& box) {
     return std::nullopt;
   }
   if (samples > uint32Max || delta > uint32Max) {
-    throw AudioTrackReplacerError::corruptedMP4("stts does not fit a row of 32 bits");
+    throw AudioTrackReplacerError::corruptedMP4("stts does not fit an entry of 32 bits");
   }
   log("  normalizeAudioStts: collapsed {} entries into 1 (delta={})", entries, delta);
   return buildSimpleSttsBox(static_cast<uint32_t>(samples), static_cast<uint32_t>(delta));

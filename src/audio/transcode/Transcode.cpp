@@ -162,7 +162,8 @@ void transcodeAudio(FileManager& files, const Path& inputURL, const Path& output
                             .channels = static_cast<uint32_t>(output.channels),
                             .keepsTimeline = plan.keepsTimeline});
   TranscodePulse pulse(cancellationToken, progressCallback, plan.expectedSamples);
-  TranscodeOutput m4a(files, outputURL, {frameTimescale(output.sampleRate), output.channels, output.bitRate}, pulse);
+  TranscodeOutput m4a(files, outputURL, {frameTimescale(output.sampleRate), output.channels, output.bitRate},
+                      output.workers, pulse);
   const AudioTranscodingState state = transcode(source, m4a, pulse, plan, output);
   m4a.keep();
 

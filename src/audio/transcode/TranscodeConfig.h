@@ -17,6 +17,7 @@ struct TranscodeConfig {
   bool enableFadeSmoothing = true;    ///< fade around inserted silence and cuts
   bool useComfortNoise = true;        ///< silence carries low noise instead of zeros
   double comfortNoiseLevel = 0.001;   ///< of full scale
+  unsigned workers = 0;               ///< threads that encode; 0: as many as cores, at most 4
 };
 
 /// What the source's edit lists say, in seconds; the transcoder reads a file that has lost them.

@@ -18,10 +18,10 @@ constexpr int testsBetweenPauses = 100;
 constexpr auto pauseForWriter = 5ms;
 constexpr auto pauseForFinish = 50ms;
 
-AVAssetWriter makeWriter(FileManager& files, const Path& url) {
+AVAssetWriter makeWriter(FileManager& files, const Path& url, unsigned workers) {
   removeIfExists(files, url);
   try {
-    return AVAssetWriter(files, url, AVFileType::appleM4A);
+    return AVAssetWriter(files, url, AVFileType::appleM4A, workers);
   } catch (const Error& error) {
     throw AudioTranscoderError::assetWriteFailed(error.description());
   }
@@ -62,9 +62,9 @@ void TranscodePulse::report(double progress, const char* stage) const {
 }
 
 TranscodeOutput::TranscodeOutput(FileManager& files, const Path& url, const AACOutputSettings& settings,
-                                 TranscodePulse& pulse)
+                                 unsigned workers, TranscodePulse& pulse)
     : file_(files, url),
-      writer_(makeWriter(files, url)),
+      writer_(makeWriter(files, url, workers)),
       input_(std::make_shared<AVAssetWriterInput>(settings)),
       pulse_(pulse) {
   if (!writer_.canAddInput(*input_)) {

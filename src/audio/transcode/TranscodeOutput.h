@@ -40,8 +40,9 @@ class TranscodePulse {
 /// AudioTranscoderError, and whatever waits throws CancellationError soon after the token is set.
 class TranscodeOutput : public PCMSink {
  public:
-  /// Makes the file, in place of one that is there.
-  TranscodeOutput(FileManager& files, const Path& url, const AACOutputSettings& settings, TranscodePulse& pulse);
+  /// Makes the file, in place of one that is there. `workers` as in TranscodeConfig.
+  TranscodeOutput(FileManager& files, const Path& url, const AACOutputSettings& settings, unsigned workers,
+                  TranscodePulse& pulse);
 
   void start();
   void append(const CMSampleBuffer& buffer) override;

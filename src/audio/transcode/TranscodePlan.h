@@ -14,7 +14,7 @@ namespace tarn {
 /// are frames at the output rate; both lists are sorted by them.
 struct TranscodePlan {
   bool keepsTimeline = false;  ///< the decoder must
-  /// Length of the video track, whose timeline the plan follows; nothing where the plan was made by the audio alone.
+  /// Length of the video track, whose timeline the plan follows; nothing if the plan was made by the audio alone.
   std::optional<double> videoSeconds = {};
   std::vector<AudioGap> gaps = {};
   std::vector<AudioOverlap> overlaps = {};

@@ -11,7 +11,7 @@
 #include "movie/TrackFields.h"
 #include "mp4/BoxWalker.h"
 #include "mp4/EditTimeline.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 
 namespace tarn {
 namespace {
@@ -66,10 +66,10 @@ void FragmentTrack::readSyncs(const MovieBox& stbl) {
   syncs_.append(box == nullptr, samplesInMoov_);
   if (!box) return;
   const Bytes stss = box->plainBytes();
-  const TableRows rows(stss, layout::syncRowSize, TableRows::HugeCount::isCut);
+  const TableEntries rows(stss, layout::syncEntrySize, TableEntries::HugeCount::isCut);
   syncs_.truncate(0);
   for (size_t i = 0; i < rows.size(); ++i) {
-    const uint32_t number = layout::load32(rows.row(i), layout::syncSampleNumber);
+    const uint32_t number = layout::load32(rows.entry(i), layout::syncSampleNumber);
     if (number <= syncs_.size() || number > samplesInMoov_) continue;
     syncs_.append(false, number - 1 - syncs_.size());
     syncs_.append(true);

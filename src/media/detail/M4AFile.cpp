@@ -16,8 +16,8 @@ constexpr size_t packetsPerChunk = 47;          // about a second
 constexpr size_t writePiece = size_t{1} << 20;  // bytes
 constexpr size_t flushPiece = size_t{8} << 20;  // bytes
 
-/// The rows of the `stts`: packets of 1024 frames, of which the last is as short as the frames ask for. Where a
-/// shortage could be spread evenly over all packets, it would be by whoever makes one row of the table: then the last
+/// The entries of the `stts`: packets of 1024 frames, of which the last is as short as the frames ask for. Where a
+/// shortage could be spread evenly over all packets, it would be by whoever makes one entry of the table: then the last
 /// packet stays whole.
 std::vector<TimeToSampleEntry> packetDurations(uint32_t packets, int64_t frames) {
   if (packets == 0) return {};
@@ -67,7 +67,7 @@ Bytes M4AFile::buildMoov(const AACOutputSettings& settings, int64_t frames) cons
   const auto packets = static_cast<uint32_t>(packetSizes_.size());
   const std::vector<TimeToSampleEntry> durations = packetDurations(packets, frames);
   int64_t duration = 0;
-  for (const TimeToSampleEntry& row : durations) duration += int64_t{row.sampleCount} * row.sampleDelta;
+  for (const TimeToSampleEntry& entry : durations) duration += int64_t{entry.sampleCount} * entry.sampleDelta;
   const int64_t timescale = settings.sampleRate;
   const Bytes stbl =
       buildStblBox({buildStsdBox(timescale, settings.sampleRate, settings.channels), buildSttsBox(durations),

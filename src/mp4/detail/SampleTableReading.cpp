@@ -43,10 +43,10 @@ SampleSizes readCompactSampleSizes(FileHandle& file, const MP4BoxInfo& stbl) {
 std::vector<SampleToChunkEntry> readSampleToChunk(FileHandle& file, const MP4BoxInfo& stbl) {
   TableBox box(file, requireTableBox(file, stbl, "stsc"), TableBox::oneField);
   auto values = box.entries<uint32_t>(uint64_t{box.field()} * 3);
-  std::vector<SampleToChunkEntry> rows;
-  rows.reserve(values.size() / 3);
-  for (size_t i = 0; i < values.size(); i += 3) rows.push_back({values[i], values[i + 1], values[i + 2]});
-  return rows;
+  std::vector<SampleToChunkEntry> entries;
+  entries.reserve(values.size() / 3);
+  for (size_t i = 0; i < values.size(); i += 3) entries.push_back({values[i], values[i + 1], values[i + 2]});
+  return entries;
 }
 
 ChunkOffsets readChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
@@ -64,27 +64,27 @@ ChunkOffsets readChunkOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
 
 namespace {
 
-Error outOfOrder(size_t row, uint64_t first, uint64_t next) {
-  return sampleTableError("stsc rows are out of order: row " + std::to_string(row + 1) + " begins at chunk " +
+Error outOfOrder(size_t entry, uint64_t first, uint64_t next) {
+  return sampleTableError("stsc entries are out of order: entry " + std::to_string(entry + 1) + " begins at chunk " +
                           std::to_string(first) + " and what follows it at chunk " + std::to_string(next));
 }
 
 }  // namespace
 
-std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> rows, uint64_t chunkCount) {
+std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> entries, uint64_t chunkCount) {
   std::vector<ChunkRun> runs;
   uint64_t chunk = 0;
   int64_t sample = 0;
-  for (size_t row = 0; row < rows.size(); ++row) {
-    uint64_t first = rows[row].firstChunk;
-    bool isLast = row + 1 == rows.size();
-    uint64_t next = isLast ? chunkCount + 1 : rows[row + 1].firstChunk;
+  for (size_t entry = 0; entry < entries.size(); ++entry) {
+    uint64_t first = entries[entry].firstChunk;
+    bool isLast = entry + 1 == entries.size();
+    uint64_t next = isLast ? chunkCount + 1 : entries[entry + 1].firstChunk;
     bool describesNothing = isLast && chunk == chunkCount;
-    if (next < first && !describesNothing) throw outOfOrder(row, first, next);
+    if (next < first && !describesNothing) throw outOfOrder(entry, first, next);
     uint64_t chunks = next < first ? 0 : std::min(next - first, chunkCount - chunk);
     if (chunks == 0) continue;
-    runs.push_back({chunk, chunks, sample, rows[row].samplesPerChunk, rows[row].sampleDescriptionIndex});
-    auto samples = checkedMultiply(static_cast<int64_t>(chunks), int64_t{rows[row].samplesPerChunk});
+    runs.push_back({chunk, chunks, sample, entries[entry].samplesPerChunk, entries[entry].sampleDescriptionIndex});
+    auto samples = checkedMultiply(static_cast<int64_t>(chunks), int64_t{entries[entry].samplesPerChunk});
     auto following = samples ? checkedAdd(sample, *samples) : std::nullopt;
     if (!following) throw sampleTableError("stsc promises too many samples");
     sample = *following;

@@ -41,9 +41,9 @@ struct ChunkRun {
   uint32_t sampleDescriptionIndex = 0;  ///< 1-based
 };
 
-/// The rows of an `stsc` over so many chunks. Chunks are counted as the rows are walked, whatever the first row's
-/// number. Rows that describe no chunk that exists are left out. Throws where rows are out of order or promise more
-/// samples than 63 bits hold.
-std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> rows, uint64_t chunkCount);
+/// The entries of an `stsc` over so many chunks. Chunks are counted as the entries are walked, whatever the first
+/// entry's number. Entries that describe no chunk that exists are left out. Throws where entries are out of order or
+/// promise more samples than 63 bits hold.
+std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> entries, uint64_t chunkCount);
 
 }  // namespace tarn

@@ -76,7 +76,7 @@ std::nullopt_t ParameterSetWalk::end() {
   return std::nullopt;
 }
 
-/// Nothing where the sample ends; 0, a length that is damage, where no such prefix exists.
+/// Nothing if the sample ends; 0, a length that is damage, where no such prefix exists.
 std::optional<uint32_t> ParameterSetWalk::readLength() {
   ByteView prefix = front_.at(position_, lengthSize_);
   if (prefix.size() < lengthSize_) return std::nullopt;

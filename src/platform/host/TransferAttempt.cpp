@@ -134,7 +134,7 @@ void TransferAttempt::decide() {
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }
 
-/// Flushed, lest after a power cut the old bytes stand beside the new version's record.
+/// Flushed, so that after a power cut the old bytes never stand beside the new version's record.
 void TransferAttempt::emptyPart() {
   if (position_ == 0) return;
   part_->truncate(0);

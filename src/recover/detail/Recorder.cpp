@@ -17,7 +17,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/SampleLocations.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "platform/Int128.h"
 #include "recover/LostMoov.h"
 #include "recover/detail/MediaWalk.h"
@@ -47,11 +47,12 @@ Bytes boxOf(const MovieBox& trak, std::string_view type) {
 /// How long each sample lasts, track timescale; the last one may last otherwise. Nothing if they differ.
 std::optional<uint32_t> constantDuration(const MovieBox& trak) {
   const Bytes box = boxOf(trak, "stts");
-  const TableRows rows(box, layout::runRowSize, TableRows::HugeCount::isCut);
+  const TableEntries rows(box, layout::runEntrySize, TableEntries::HugeCount::isCut);
   std::optional<uint32_t> duration;
   for (size_t i = 0; i < rows.size(); ++i) {
-    const uint32_t delta = layout::load32(rows.row(i), layout::runValue);
-    const bool isLastSample = i > 0 && i + 1 == rows.size() && layout::load32(rows.row(i), layout::runSampleCount) == 1;
+    const uint32_t delta = layout::load32(rows.entry(i), layout::runValue);
+    const bool isLastSample =
+        i > 0 && i + 1 == rows.size() && layout::load32(rows.entry(i), layout::runSampleCount) == 1;
     if (duration && delta != *duration && !isLastSample) return std::nullopt;
     if (!duration) duration = delta;
   }

@@ -9,7 +9,7 @@
 #include "movie/MovieTree.h"
 #include "mp4/BoxLayout.h"
 #include "mp4/SampleTableBuilders.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "platform/Log.h"
 #include "remux/detail/MovieAccess.h"
 
@@ -23,10 +23,10 @@ MovieBox* shortTable(MovieBox& trak) {
 /// The offsets that are there.
 std::vector<uint64_t> offsetsIn(const MovieBox& stco) {
   const Bytes table = stco.plainBytes();
-  const TableRows rows(table, layout::chunkOffset32.width, TableRows::HugeCount::isCut);
+  const TableEntries entries(table, layout::chunkOffset32.width, TableEntries::HugeCount::isCut);
   std::vector<uint64_t> offsets;
-  offsets.reserve(rows.size());
-  for (size_t i = 0; i < rows.size(); ++i) offsets.push_back(layout::load(rows.row(i), layout::chunkOffset32));
+  offsets.reserve(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) offsets.push_back(layout::load(entries.entry(i), layout::chunkOffset32));
   return offsets;
 }
 

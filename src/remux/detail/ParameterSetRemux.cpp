@@ -2,6 +2,7 @@
 
 #include <fmt/ranges.h>
 
+#include <cerrno>
 #include <set>
 #include <string>
 #include <utility>
@@ -37,7 +38,8 @@ void checkDiskSpace(FileManager& files, uint64_t fileSize, const CodecWords& wor
   uint64_t required = fileSize >> 19;
   if (fileSize >= *free / 2 + *free % 2) {
     throw MP4RemuxError::writeError(fmt::format("Insufficient disk space: need {}MB, have {}MB available.{}", required,
-                                                available, words.diskAdvice));
+                                                available, words.diskAdvice),
+                                    ENOSPC);
   }
   log("{}Disk space check: {}MB available, {}MB required{}", words.prefix, available, required, words.diskCheckEnd);
 }
@@ -87,7 +89,7 @@ struct Work {
   const RewriteCheck& check;
 };
 
-/// What the new sample entries shall hold.
+/// What the new sample entries must hold.
 struct Contents {
   ExtractedParameterSets extracted = {};            ///< of one entry
   std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found

@@ -22,7 +22,7 @@ namespace {
 
 using Segments = std::vector<ConfigurationSegment>;
 
-/// The size that the segment's entry shall state; nothing if that of the template stays. A plan's entries state the
+/// The size that the entry of the segment must state; nothing if that of the template stays. A plan's entries state the
 /// size that is shown.
 std::optional<PictureSize> pictureSize(const ConfigurationSegment& segment, size_t number, bool isPlanned,
                                        const VideoCodec& codec) {

@@ -90,10 +90,10 @@ void updateDuration(MovieBox& moov, MP4TrackType type, std::string_view name, in
 }  // namespace
 
 Bytes edtsOf(const std::vector<EditListEntry>& entries) {
-  std::vector<AVSyncElstEntry> rows;
-  for (const EditListEntry& entry : entries) rows.push_back({entry.duration, entry.mediaTime, entry.mediaRate});
+  std::vector<AVSyncElstEntry> stored;
+  for (const EditListEntry& entry : entries) stored.push_back({entry.duration, entry.mediaTime, entry.mediaRate});
   std::array<uint8_t, 128> buffer{};
-  const int32_t size = avsync_write_edts_box(rows.data(), static_cast<int32_t>(rows.size()), buffer.data(),
+  const int32_t size = avsync_write_edts_box(stored.data(), static_cast<int32_t>(stored.size()), buffer.data(),
                                              static_cast<int32_t>(buffer.size()));
   return size < 1 ? Bytes() : Bytes(buffer.begin(), buffer.begin() + size);
 }
@@ -135,7 +135,7 @@ void applyOrder(MovieBox& moov, const SyncFixOrder& order) {
   NumberedTracks tracks(moov);
   for (const SyncFixOrder::Track& track : order.tracks) {
     MovieBox& trak = tracks.one(track.trackID);
-    putEditList(trak, edtsOf(track.list.rows));
+    putEditList(trak, edtsOf(track.list.entries));
     storeTrackDuration(trak, track.list.trackDuration);
     log("MP4AVSyncFixer: Updated tkhd.duration of track {} to {}", track.trackID, track.list.trackDuration);
   }

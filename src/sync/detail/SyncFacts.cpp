@@ -8,7 +8,7 @@
 #include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
 #include "mp4/EditList.h"
-#include "mp4/TableRows.h"
+#include "mp4/TableEntries.h"
 #include "mp4/TimeHeader.h"
 #include "platform/Log.h"
 #include "presentation/Presentation.h"
@@ -64,12 +64,12 @@ int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
   auto stts = MP4BoxUtils::findDescendant(file, mdia, {"minf", "stbl", "stts"});
   auto bytes = stts ? readBox(file, *stts, tableReadLimit) : std::nullopt;
   if (!bytes) return 0;
-  const auto table = TableRows(*bytes, layout::runRowSize, TableRows::HugeCount::isNone);
+  const auto table = TableEntries(*bytes, layout::runEntrySize, TableEntries::HugeCount::isNone);
   int64_t sum = 0;
   for (size_t i = 0; i < table.size(); ++i) {
-    const uint64_t row =
-        layout::load(table.row(i), layout::runSampleCount) * layout::load(table.row(i), layout::runValue);
-    sum = addTimes(sum, static_cast<int64_t>(std::min<uint64_t>(row, std::numeric_limits<int64_t>::max())));
+    const uint64_t entry =
+        layout::load(table.entry(i), layout::runSampleCount) * layout::load(table.entry(i), layout::runValue);
+    sum = addTimes(sum, static_cast<int64_t>(std::min<uint64_t>(entry, std::numeric_limits<int64_t>::max())));
   }
   return sum;
 }
@@ -77,17 +77,17 @@ int64_t mediaDuration(FileHandle& file, const MP4BoxInfo& mdia, ByteView mdhd) {
 /// Where an edit list makes a track start.
 struct EditListStart {
   int64_t emptyDuration = 0;  // of the leading empty edits, movie timescale
-  int64_t mediaTime = 0;      // of the first other row, track timescale
+  int64_t mediaTime = 0;      // of the first other entry, track timescale
 };
 
-EditListStart startOf(const std::vector<EditListEntry>& rows) {
+EditListStart startOf(const std::vector<EditListEntry>& entries) {
   EditListStart start;
-  for (const EditListEntry& row : rows) {
-    if (row.mediaTime != layout::emptyEdit) {
-      start.mediaTime = row.mediaTime;
+  for (const EditListEntry& entry : entries) {
+    if (entry.mediaTime != layout::emptyEdit) {
+      start.mediaTime = entry.mediaTime;
       break;
     }
-    start.emptyDuration = addTimes(start.emptyDuration, row.duration);
+    start.emptyDuration = addTimes(start.emptyDuration, entry.duration);
   }
   return start;
 }

@@ -1,0 +1,44 @@
+#include "app/FailureReport.h"
+
+#include <fmt/format.h>
+
+#include "app/Commands.h"
+#include "app/Output.h"
+#include "platform/URL.h"
+
+namespace tarn {
+
+int exitCodeOf(const Engine::Outcome& failure) {
+  if (failure.isRefused) return ExitCode::refused;
+  return failure.mayTryAgain ? ExitCode::mayTryAgain : ExitCode::failed;
+}
+
+std::string sentencesOf(const Engine::Outcome& failure) {
+  const std::string words = failure.failure.value_or("the reason is in the log") + ".";
+  return failure.advice.empty() ? words : words + " " + failure.advice;
+}
+
+void addTo(JSObject& object, const Engine::Outcome& outcome) {
+  if (!outcome.failure) {
+    object.set("result", outcome.isPartly ? "partly" : "saved");
+    object.set("warnings", JSValue::Array(outcome.leftAlone.begin(), outcome.leftAlone.end()));
+    return;
+  }
+  object.set("result", outcome.isRefused ? "refused" : "failed");
+  object.set("error", withoutSecrets(*outcome.failure));
+  if (!outcome.advice.empty()) object.set("advice", outcome.advice);
+  object.set("mayTryAgain", outcome.mayTryAgain);
+  object.set("maySaveAsItCame", outcome.maySaveAsItCame);
+}
+
+void printWarnings(const Engine::Outcome& saved, const std::string& name) {
+  for (const std::string& words : saved.leftAlone) {
+    if (saved.isPartly && &words == &saved.leftAlone.front()) {
+      printFailure(fmt::format("A part of {} is missing: {}.", name, words));
+    } else {
+      printNote("Warning: " + words + ".");
+    }
+  }
+}
+
+}  // namespace tarn

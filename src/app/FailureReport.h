@@ -1,0 +1,24 @@
+#pragma once
+
+#include <tarn/engine.h>
+
+#include <string>
+
+#include "platform/JSObject.h"
+
+namespace tarn {
+
+/// The exit code of a download that failed.
+int exitCodeOf(const Engine::Outcome& failure);
+
+/// "words. Advice." of a download that failed.
+std::string sentencesOf(const Engine::Outcome& failure);
+
+/// Adds to the object of a download what became of it: `result`, and of a failure `error`, `advice`, `mayTryAgain` and
+/// `maySaveAsItCame`, of a saved video what was left as it was or is lost (`warnings`).
+void addTo(JSObject& object, const Engine::Outcome& outcome);
+
+/// Says what of a saved video was left as it was; and if a part of it is missing, that, also when quiet.
+void printWarnings(const Engine::Outcome& saved, const std::string& name);
+
+}  // namespace tarn
