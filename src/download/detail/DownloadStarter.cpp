@@ -167,7 +167,7 @@ void DownloadStarter::startOrQueue(const PendingDownload& download) {
 /// Throws Error.
 DownloadTask::Transfer DownloadStarter::makeTransfer(const DownloadTask& task) {
   const NotedDownload note{.id = task.id, .request = task.request};
-  auto transfer = session().downloadTask(task.request.url, note.text());
+  auto transfer = session().downloadTask(task.request.url, note.text(), task.request.transfer);
   engine_.registry.mapTransfer(transfer->taskIdentifier(), task.id);
   return transfer;
 }
