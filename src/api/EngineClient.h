@@ -56,6 +56,9 @@ class EngineClient {
   /// Where the newest video stands that an album got under this name since then.
   std::optional<Path> savedSince(Date start, const std::string& album, const std::string& filename);
   StoredWork storedWork();
+  std::vector<LibraryAlbum> library(const std::optional<std::string>& album);
+  std::vector<LibraryAsset> removedAssets();
+  Answer changeAsset(const AssetChange& change);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();
 

@@ -34,11 +34,16 @@ std::string timestamp() {
 
 }  // namespace
 
+std::optional<Path> defaultHome() {
+  if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
+  if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
+  return std::nullopt;
+}
+
 Path homeDirectory(const std::optional<std::string>& given) {
   if (given) return absolutePath(*given).lexically_normal();
   if (auto home = environment("TARN_HOME")) return absolutePath(*home).lexically_normal();
-  if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
-  if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
+  if (auto home = defaultHome()) return *home;
   throw Error("Home", -1, "No home directory is known: use --home DIR");
 }
 

@@ -4,6 +4,8 @@
 
 #include "download/DocumentsSweep.h"
 #include "download/DownloadRequest.h"
+#include "engine/AlbumsLink.h"
+#include "engine/PosterProgram.h"
 #include "kind/Kind.h"
 #include "platform/Platform.h"
 
@@ -18,7 +20,8 @@ MediaCheck checkOfMedia(FileManager& files) {
 }  // namespace
 
 Host::Host(FileManager& files, const HostOptions& options)
-    : lock_(options.home),
+    : home_(options.home),
+      lock_(options.home),
       log_(options.keepsLog ? std::make_unique<LogFile>(options.home) : nullptr),
       files_(files),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
@@ -26,9 +29,11 @@ Host::Host(FileManager& files, const HostOptions& options)
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),
       photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite, checkOfMedia(files)),
+      posters_(files_, options.home / "Posters", posterProgram()),
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);
+  sweepPosters();
   for (const char* directory : {"", "Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
   Platform platform{.files = files_,
                     .defaults = defaults_,
@@ -37,8 +42,10 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_),
-                               [this](const RunOutcome& outcome) { outcomes_.keep(outcome); });
+  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_), [this](const RunOutcome& outcome) {
+    outcomes_.keep(outcome);
+    if (outcome.kind == RunOutcome::Kind::saved) showAlbums();
+  });
 }
 
 Host::~Host() {
@@ -73,6 +80,24 @@ void Host::takeUpStoredRun() {
   if (!isActive && hasBackgroundLimit_) return;
   application_.enterForeground();
   if (!isActive) application_.enterBackground();
+}
+
+void Host::sweepPosters() {
+  std::set<std::string> ids;
+  for (const PHAsset& asset : photos_.fetchAllAssets()) ids.insert(asset.localIdentifier);
+  for (const PHAsset& asset : photos_.fetchDeletedAssets()) ids.insert(asset.localIdentifier);
+  posters_.keepOnly(ids);
+}
+
+/// Makes the link to the albums of the default home once: one that the user has removed does not come back.
+void Host::showAlbums() {
+  constexpr const char* key = "Tarn_AlbumsLinked";
+  try {
+    if (home_ != defaultHome() || defaults_.integer(key) != 0) return;
+    if (linkAlbums(home_ / "Photos")) defaults_.setInteger(key, 1);
+  } catch (const Error& error) {
+    log("The link to the albums was not noted: {}", error.description());
+  }
 }
 
 std::vector<int64_t> Host::pendingRuns() {

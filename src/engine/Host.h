@@ -9,6 +9,7 @@
 #include "engine/Home.h"
 #include "engine/HostPlugin.h"
 #include "engine/Outcomes.h"
+#include "engine/PosterMaker.h"
 #include "engine/RepairSteps.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/host/AsioDispatch.h"
@@ -67,9 +68,15 @@ class Host {
   HostPlugin& hostPlugin() { return hostPlugin_; }
   HostApplication& application() { return application_; }
   SQLitePhotoLibrary& photos() { return photos_; }
+  PosterMaker& posters() { return posters_; }
+  /// Removes the posters of assets that are gone.
+  void sweepPosters();
   const Outcomes& outcomes() const { return outcomes_; }
 
  private:
+  void showAlbums();
+
+  const Path home_;
   HomeLock lock_;
   Outcomes outcomes_;
   std::unique_ptr<LogFile> log_;
@@ -82,6 +89,7 @@ class Host {
   UserDefaults defaults_;
   ProcessingStateManager store_;
   SQLitePhotoLibrary photos_;
+  PosterMaker posters_;
   CurlURLSessionService transfers_;
   RepairSteps steps_;
   SavingStep savingStep_;
