@@ -190,13 +190,11 @@ void HostPlugin::getLibrary(const CAPPluginCallPointer& call) {
 void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
   const auto change = assetChangeOf(*call);
   if (!change) return call->reject("An asset and an action are needed");
-  try {
+  orReject(call, [&] {
     const auto asset = Library(host_.photos()).change(*change);
     if (change->action == AssetChange::Action::erase) host_.sweepPosters();
     call->resolve(asset ? jsonOf(*asset) : JSObject());
-  } catch (const Error& error) {
-    call->reject(error.description());
-  }
+  });
 }
 
 void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
