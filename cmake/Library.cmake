@@ -15,7 +15,7 @@ list(REMOVE_ITEM rooms tarn_app)
 get_property(libraries GLOBAL PROPERTY TARN_LIBRARIES)
 list(REMOVE_DUPLICATES libraries)
 list(REMOVE_ITEM libraries Boost::headers nlohmann_json::nlohmann_json CLI11::CLI11)
-set(public_headers tarn.h inspect.h repair.h engine.h transfer.h summary.h avsync.h hevc.h export.h)
+set(public_headers tarn.h inspect.h repair.h engine.h library.h transfer.h summary.h avsync.h hevc.h export.h)
 list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/include/tarn/)
 
 # tarn_library(<target> <name in the package>): what both have in common.

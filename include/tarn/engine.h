@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tarn/library.h>
 #include <tarn/tarn.h>
 #include <tarn/transfer.h>
 
@@ -173,6 +174,12 @@ class TARN_API Engine {
   /// Removes a download that has ended from the history, or all of them; with it goes what was kept for a retry. Throws
   /// EngineRefused for one that has not ended, or is not there.
   void clearHistory(std::optional<int64_t> id = std::nullopt);
+  /// The albums, oldest first, without those that hold nothing; with a title only those of this title.
+  std::vector<LibraryAlbum> library(const std::optional<std::string>& album = std::nullopt);
+  /// The videos that can be restored, the one removed last first.
+  std::vector<LibraryAsset> removedAssets();
+  /// Returns the video as it is now; nothing if it is removed or erased. Throws EngineRefused, with the reason.
+  std::optional<LibraryAsset> changeAsset(const AssetChange& change);
   /// Has the next stored repair taken up if none is active, and what has ended told again.
   void takeUpStoredRun();
   /// Waits, ten seconds at most, until the engine has let go of a download that has ended.

@@ -3,6 +3,7 @@
 #include "api/FileNames.h"
 #include "api/detail/DefaultLog.h"
 #include "api/detail/EngineSession.h"
+#include "engine/LibraryJSON.h"
 
 namespace tarn {
 
@@ -89,6 +90,21 @@ std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) 
 
 void Engine::clearHistory(std::optional<int64_t> id) {
   session_->clearHistory(id);
+}
+
+std::vector<LibraryAlbum> Engine::library(const std::optional<std::string>& album) {
+  return session_->library(album);
+}
+
+std::vector<LibraryAsset> Engine::removedAssets() {
+  return session_->removedAssets();
+}
+
+std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
+  const auto answer = session_->changeAsset(change);
+  if (!answer.resolved) throw EngineRefused(answer.message);
+  if (answer.data.empty()) return std::nullopt;
+  return libraryAssetOf(answer.data);
 }
 
 void Engine::takeUpStoredRun() {

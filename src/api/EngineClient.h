@@ -60,6 +60,9 @@ class EngineClient {
   std::vector<HistoryEntry> history(const std::optional<int64_t>& limit);
   /// Throws EngineRefused.
   void clearHistory(const std::optional<int64_t>& id);
+  std::vector<LibraryAlbum> library(const std::optional<std::string>& album);
+  std::vector<LibraryAsset> removedAssets();
+  Answer changeAsset(const AssetChange& change);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();
 
