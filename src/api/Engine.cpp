@@ -17,6 +17,10 @@ void Engine::open() {
   session_->join();
 }
 
+bool Engine::openRunning() {
+  return session_->joinRunning();
+}
+
 int64_t Engine::save(const SaveRequest& request) {
   if (const auto why = whyNoAlbum(request.album)) throw EngineRefused(*why);
   const auto why = request.filename ? whyNoFilename(*request.filename) : std::nullopt;
@@ -77,6 +81,14 @@ std::optional<std::filesystem::path> Engine::savedSince(std::chrono::system_cloc
 
 Engine::StoredWork Engine::storedWork() {
   return session_->storedWork();
+}
+
+std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {
+  return session_->history(limit);
+}
+
+void Engine::clearHistory(std::optional<int64_t> id) {
+  session_->clearHistory(id);
 }
 
 void Engine::takeUpStoredRun() {

@@ -22,6 +22,7 @@ class EngineClient {
   using Answer = CAPPluginCall::Answer;
   using Outcome = Engine::Outcome;
   using StoredWork = Engine::StoredWork;
+  using HistoryEntry = Engine::HistoryEntry;
 
   struct Event {
     std::string name;
@@ -56,6 +57,9 @@ class EngineClient {
   /// Where the newest video stands that an album got under this name since then.
   std::optional<Path> savedSince(Date start, const std::string& album, const std::string& filename);
   StoredWork storedWork();
+  std::vector<HistoryEntry> history(const std::optional<int64_t>& limit);
+  /// Throws EngineRefused.
+  void clearHistory(const std::optional<int64_t>& id);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();
 
