@@ -95,6 +95,10 @@ std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
   return libraryAssetOf(answer.data);
 }
 
+std::optional<std::filesystem::path> Engine::poster(const std::string& assetId) {
+  return session_->poster(assetId);
+}
+
 void Engine::takeUpStoredRun() {
   session_->takeUpStoredRun();
 }

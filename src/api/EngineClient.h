@@ -59,6 +59,7 @@ class EngineClient {
   std::vector<LibraryAlbum> library(const std::optional<std::string>& album);
   std::vector<LibraryAsset> removedAssets();
   Answer changeAsset(const AssetChange& change);
+  std::optional<Path> poster(const std::string& assetId);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();
 
