@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%3.0f %% %s\n", done * 100, std::string(stage).c_str());
     };
     const tarn::RepairReport report = tarn::repairFile(argv[1], argv[2], {}, showProgress);
-    if (report.kind != tarn::RepairReport::Kind::repaired) {
+    if (!report.isThere()) {
       std::fprintf(stderr, "not repaired: %s\n", report.failure.c_str());
       return 1;
     }

@@ -106,6 +106,27 @@ class TARN_API Engine {
     bool hasTransfers = false;          ///< that go on by themselves: not only paused ones
     bool isProcessing = false;          ///< a repair is going on
     std::vector<std::string> problems;  ///< what is stored and cannot be used, in words
+    std::vector<std::string> notices;   ///< what was put aside, or is missing without harm to any download, in words
+  };
+
+  /// One download as the history of the home tells of it.
+  struct HistoryEntry {
+    enum class State { pending, saved, failed, cancelled };
+
+    int64_t id = 0;
+    State state = State::pending;
+    std::string filename;
+    std::string album;
+    std::string url;               ///< scheme, host and path
+    std::string started, ended;    ///< ISO 8601 in UTC; no end while it is pending
+    std::string reason;            ///< why it failed, or what a saved one lacks, in words without a stop
+    std::string advice;            ///< what somebody can do about a failure: a sentence, or nothing
+    bool mayTryAgain = false;      ///< retry() is possible, and may help
+    bool maySaveAsItCame = false;  ///< likewise without a repair
+    bool isPartly = false;         ///< saved, and a part of the video is missing
+    std::optional<uint64_t> size;  ///< of a saved video, in bytes
+    std::optional<std::string> assetId;
+    std::string json;  ///< all that is known of it, what was repaired too: docs/json.md
   };
 
   struct Answer {
@@ -123,6 +144,9 @@ class TARN_API Engine {
   /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Comes ahead of
   /// all functions below. Returns also after an interrupt. Throws Error.
   void open();
+
+  /// Joins the engine of the home if a process runs one. Returns whether it does; nothing is started or made else.
+  bool openRunning();
 
   /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, a name that no file can
   /// have and an album without a name, EngineLost.
@@ -154,6 +178,12 @@ class TARN_API Engine {
   /// A JPEG of a video's first picture, no edge longer than 480 pixels; it goes with the video. Nothing if none can be
   /// made: only AVC and HEVC have one, and the program tarn-poster must be installed. Takes ten seconds at most.
   std::optional<std::filesystem::path> poster(const std::string& assetId);
+
+  /// The downloads of the home, the newest first: those that have not ended, and the 1,000 that ended last.
+  std::vector<HistoryEntry> history(std::optional<int64_t> limit = std::nullopt);
+  /// Removes a download that has ended from the history, or all of them; with it goes what was kept for a retry. Throws
+  /// EngineRefused for one that has not ended, or is not there.
+  void clearHistory(std::optional<int64_t> id = std::nullopt);
   /// Has the next stored repair taken up if none is active, and what has ended told again.
   void takeUpStoredRun();
   /// Waits, ten seconds at most, until the engine has let go of a download that has ended.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tarn/summary.h>
 #include <tarn/tarn.h>
 
 #include <cstdint>
@@ -46,8 +47,11 @@ struct FileInspection {
   bool changesFile = false;           ///< the repair's result differs from the file
   std::vector<std::string> warnings;  ///< those of a repair, in its words
   std::vector<std::string> harms;     ///< what a repair would harm; it then leaves the file as it is
-  std::string text;                   ///< all that was found out, for people: several lines, the verdict first
-  std::string json;                   ///< the same as one JSON object, in one line
+  RepairSummary summary;              ///< what is wrong, and what a repair did about it on trial
+  std::string brief;                  ///< verdict, problems and repair, for people: several lines, the verdict first
+  std::string text;                   ///< the same, and all other facts behind it
+  std::string json;                   ///< all as one JSON object, in one line (docs/json.md)
+  std::string plot;                   ///< picture and sound before and after on one timeline, as an SVG document
 };
 
 /// Looks at a file and works out what a repair would do. Opens the file for reading alone, and writes nothing. A

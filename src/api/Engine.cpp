@@ -18,6 +18,10 @@ void Engine::open() {
   session_->join();
 }
 
+bool Engine::openRunning() {
+  return session_->joinRunning();
+}
+
 int64_t Engine::save(const SaveRequest& request) {
   if (const auto why = whyNoAlbum(request.album)) throw EngineRefused(*why);
   const auto why = request.filename ? whyNoFilename(*request.filename) : std::nullopt;
@@ -97,6 +101,14 @@ std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
 
 std::optional<std::filesystem::path> Engine::poster(const std::string& assetId) {
   return session_->poster(assetId);
+}
+
+std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {
+  return session_->history(limit);
+}
+
+void Engine::clearHistory(std::optional<int64_t> id) {
+  session_->clearHistory(id);
 }
 
 void Engine::takeUpStoredRun() {

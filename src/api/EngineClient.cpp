@@ -22,6 +22,33 @@ std::vector<T> arrayAt(const JSObject& object, std::string_view key) {
   return values;
 }
 
+Engine::HistoryEntry historyEntry(const JSObject& object) {
+  using enum Engine::HistoryEntry::State;
+  constexpr std::pair<std::string_view, Engine::HistoryEntry::State> states[] = {
+      {"pending", pending}, {"saved", saved}, {"failed", failed}, {"cancelled", cancelled}};
+  Engine::HistoryEntry entry{.id = valueAt<int64_t>(object, "id", 0),
+                             .state = failed,
+                             .filename = valueAt<std::string>(object, "filename", ""),
+                             .album = valueAt<std::string>(object, "album", ""),
+                             .url = valueAt<std::string>(object, "url", ""),
+                             .started = valueAt<std::string>(object, "started", ""),
+                             .ended = valueAt<std::string>(object, "ended", ""),
+                             .reason = valueAt<std::string>(object, "reason", ""),
+                             .advice = valueAt<std::string>(object, "advice", ""),
+                             .mayTryAgain = valueAt(object, "mayTryAgain", false),
+                             .maySaveAsItCame = valueAt(object, "maySaveAsItCame", false),
+                             .isPartly = valueAt(object, "partly", false),
+                             .size = {},
+                             .assetId = optionalAt<std::string>(object, "assetId"),
+                             .json = object.json()};
+  const auto state = valueAt<std::string>(object, "state", "");
+  for (const auto& [text, value] : states) {
+    if (text == state) entry.state = value;
+  }
+  if (const auto* const size = valueAt<int64_t>(object, "size")) entry.size = static_cast<uint64_t>(*size);
+  return entry;
+}
+
 TransferState transferState(const JSObject& object) {
   TransferState state{.received = static_cast<uint64_t>(valueAt<int64_t>(object, "received", 0)),
                       .isPaused = valueAt(object, "paused", false)};
@@ -108,7 +135,20 @@ EngineClient::StoredWork EngineClient::storedWork() {
           .transfers = arrayAt<int64_t>(answer, "transfers"),
           .hasTransfers = valueAt(answer, "hasTransfers", false),
           .isProcessing = valueAt(answer, "isProcessing", false),
-          .problems = arrayAt<std::string>(answer, "problems")};
+          .problems = arrayAt<std::string>(answer, "problems"),
+          .notices = arrayAt<std::string>(answer, "notices")};
+}
+
+std::vector<EngineClient::HistoryEntry> EngineClient::history(const std::optional<int64_t>& limit) {
+  const Answer answer = call(HostPlugin::name(), "getHistory", limit ? JSObject{{"limit", *limit}} : JSObject());
+  std::vector<HistoryEntry> entries;
+  for (const JSObject& entry : arrayAt<JSObject>(answer.data, "entries")) entries.push_back(historyEntry(entry));
+  return entries;
+}
+
+void EngineClient::clearHistory(const std::optional<int64_t>& id) {
+  const Answer answer = call(HostPlugin::name(), "clearHistory", id ? JSObject{{"id", *id}} : JSObject());
+  if (!answer.resolved) throw EngineRefused(answer.message);
 }
 
 std::vector<LibraryAlbum> EngineClient::library(const std::optional<std::string>& album) {

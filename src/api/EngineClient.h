@@ -22,6 +22,7 @@ class EngineClient {
   using Answer = CAPPluginCall::Answer;
   using Outcome = Engine::Outcome;
   using StoredWork = Engine::StoredWork;
+  using HistoryEntry = Engine::HistoryEntry;
 
   struct Event {
     std::string name;
@@ -60,6 +61,9 @@ class EngineClient {
   std::vector<LibraryAsset> removedAssets();
   Answer changeAsset(const AssetChange& change);
   std::optional<Path> poster(const std::string& assetId);
+  std::vector<HistoryEntry> history(const std::optional<int64_t>& limit);
+  /// Throws EngineRefused.
+  void clearHistory(const std::optional<int64_t>& id);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();
 

@@ -4,6 +4,7 @@
 #include "api/detail/DefaultLog.h"
 #include "inspect/Inspection.h"
 #include "inspect/InspectionJSON.h"
+#include "inspect/InspectionPlot.h"
 #include "inspect/InspectionText.h"
 #include "platform/host/PosixFileManager.h"
 
@@ -47,8 +48,11 @@ FileInspection inspectFile(const std::filesystem::path& file) {
                         .changesFile = inspection.changesFile,
                         .warnings = inspection.warnings,
                         .harms = inspection.harms,
+                        .summary = inspection.summary,
+                        .brief = inspectionBrief(inspection),
                         .text = inspectionText(inspection),
-                        .json = inspectionJSON(inspection)};
+                        .json = inspectionJSON(inspection),
+                        .plot = inspectionPlot(inspection)};
   for (const TrackFacts& facts : inspection.tracks) result.tracks.push_back(trackOf(facts));
   for (const Problem& problem : inspection.problems) {
     result.problems.push_back({problem.words, isMended(problem, inspection)});

@@ -74,7 +74,7 @@ RepairReport::Kind kindOf(const RepairResult& result) {
 }
 
 RepairReport reportOf(const RepairRequest& request, RepairResult result) {
-  const FailureAdvice advice;
+  const FailureAdvice advice = adviceFor(result.outcome);
   return {.kind = kindOf(result),
           .output = request.output,
           .inputSize = result.inputSize,

@@ -33,7 +33,9 @@ CommandEngine::CommandEngine(const GlobalOptions& global)
     : engine_(engineOptions(global)), watcher_([this] { return takeInterrupt(); }) {
   try {
     engine_.open();
-    for (const std::string& words : engine_.storedWork().problems) printFailure(words + ".");
+    const Engine::StoredWork stored = engine_.storedWork();
+    for (const std::string& words : stored.problems) printFailure(words + ".");
+    for (const std::string& words : stored.notices) printFailure(words + ".");
   } catch (const EngineInterrupted&) {
     // The command's first call says so again.
   }

@@ -53,6 +53,8 @@ void addResumeCommand(CommandTable& table);
 void addRepairCommand(CommandTable& table);
 void addInspectCommand(CommandTable& table);
 void addLibraryCommands(CommandTable& table);
+/// `downloads` and `cancel`.
+void addDownloadsCommands(CommandTable& table);
 void addServeCommand(CommandTable& table);
 void addDemoCommand(CommandTable& table);
 

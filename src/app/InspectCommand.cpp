@@ -1,7 +1,11 @@
+#include <fmt/format.h>
 #include <tarn/inspect.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <fstream>
 #include <memory>
+#include <vector>
 
 #include "app/Commands.h"
 #include "app/Output.h"
@@ -9,20 +13,157 @@
 namespace tarn {
 namespace {
 
-int inspectCommand(const GlobalOptions& global, const std::string& file) {
-  const FileInspection inspection = inspectFile(file);
-  printLine(global.json ? inspection.json : inspection.text);
-  return ExitCode::done;
+struct InspectArguments {
+  std::vector<std::string> files;
+  bool isFull = false;
+  std::string plot;
+};
+
+/// One file, as a line of the table shows it.
+struct Line {
+  std::string file;
+  std::string verdict;
+  std::string words;
+  int exitCode = ExitCode::done;
+};
+
+int exitCodeOf(const FileInspection& inspection) {
+  switch (inspection.verdict) {
+    case FileInspection::Verdict::nothingToRepair:
+    case FileInspection::Verdict::leftAlone:
+      return ExitCode::done;
+    case FileInspection::Verdict::repairable:
+      return ExitCode::repairable;
+    case FileInspection::Verdict::broken:
+      return ExitCode::refused;
+  }
+  return ExitCode::failed;
+}
+
+const char* verdictWord(FileInspection::Verdict verdict) {
+  switch (verdict) {
+    case FileInspection::Verdict::nothingToRepair:
+      return "healthy";
+    case FileInspection::Verdict::repairable:
+      return "repairable";
+    case FileInspection::Verdict::leftAlone:
+      return "left alone";
+    case FileInspection::Verdict::broken:
+      return "broken";
+  }
+  return "";
+}
+
+/// "the first fault (and 2 more)".
+std::string shortWords(const std::vector<FileInspection::Problem>& problems) {
+  if (problems.empty()) return "";
+  if (problems.size() == 1) return problems.front().words;
+  return fmt::format("{} (and {} more)", problems.front().words, problems.size() - 1);
+}
+
+Line lineOf(const std::string& file, const FileInspection& inspection) {
+  return {file, verdictWord(inspection.verdict), shortWords(inspection.problems), exitCodeOf(inspection)};
+}
+
+void writePlot(const std::string& place, const std::string& plot) {
+  std::ofstream out(place, std::ios::binary | std::ios::trunc);
+  out << plot;
+  out.close();
+  if (!out) throw Error("Inspect", -1, fmt::format("the plot cannot be written to {}", place));
+}
+
+/// Inspects one file of many, and prints its JSON object if that is asked for.
+Line inspectOne(const GlobalOptions& global, const std::string& file) {
+  try {
+    const FileInspection inspection = inspectFile(file);
+    if (global.json) printJSON(*JSObject::parse(inspection.json));
+    return lineOf(file, inspection);
+  } catch (const std::exception& failure) {
+    if (global.json) printJSON({{"result", "failed"}, {"file", file}, {"error", failure.what()}});
+    return {file, "unreadable", failure.what(), ExitCode::failed};
+  }
+}
+
+void printTable(const std::vector<Line>& lines) {
+  size_t nameWidth = 0;
+  for (const Line& line : lines) nameWidth = std::max(nameWidth, std::min<size_t>(line.file.size(), 48));
+  for (const Line& line : lines) {
+    const std::string row = fmt::format("{:<{}}  {:<10}  {}", line.file, nameWidth, line.verdict, line.words);
+    printLine(row.substr(0, row.find_last_not_of(' ') + 1));
+  }
+  std::string counts;
+  for (const char* verdict : {"healthy", "repairable", "left alone", "broken", "unreadable"}) {
+    const auto count = std::ranges::count(lines, verdict, &Line::verdict);
+    if (count > 0) counts += fmt::format("{}{} {}", counts.empty() ? "" : ", ", count, verdict);
+  }
+  printLine(fmt::format("{} files: {}", lines.size(), counts));
+}
+
+int inspectMany(const GlobalOptions& global, const std::vector<std::string>& files) {
+  std::vector<Line> lines;
+  for (const std::string& file : files) lines.push_back(inspectOne(global, file));
+  if (!global.json) printTable(lines);
+  const bool areAllDone = std::ranges::all_of(lines, [](const Line& line) { return line.exitCode == ExitCode::done; });
+  return areAllDone ? ExitCode::done : ExitCode::failed;
+}
+
+int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments) {
+  const std::string& file = arguments.files.front();
+  try {
+    const FileInspection inspection = inspectFile(file);
+    if (!arguments.plot.empty()) writePlot(arguments.plot, inspection.plot);
+    if (global.json) {
+      printJSON(*JSObject::parse(inspection.json));
+    } else {
+      printLine(arguments.isFull ? inspection.text : inspection.brief);
+    }
+    return exitCodeOf(inspection);
+  } catch (const std::exception& failure) {
+    if (global.json) printJSON({{"result", "failed"}, {"file", file}, {"error", failure.what()}});
+    printFailure(failure.what());
+    return ExitCode::failed;
+  }
+}
+
+/// What of the arguments cannot be, if anything: a plot of several files, or one that would replace a video.
+std::string misuse(const InspectArguments& arguments) {
+  if (arguments.plot.empty()) return "";
+  if (arguments.files.size() > 1) return "--plot draws one file; name one FILE alone";
+  return arguments.plot.ends_with(".svg") ? "" : "the name for --plot must end with .svg";
+}
+
+int inspectCommand(const GlobalOptions& global, const InspectArguments& arguments) {
+  if (const std::string words = misuse(arguments); !words.empty()) {
+    if (global.json) printJSON({{"result", "usage"}, {"error", words}});
+    printFailure(words);
+    return ExitCode::usage;
+  }
+  if (arguments.files.size() == 1) return inspectAlone(global, arguments);
+  if (!arguments.isFull || global.json) return inspectMany(global, arguments.files);
+  int code = ExitCode::done;
+  for (const std::string& file : arguments.files) {
+    InspectArguments one = arguments;
+    one.files = {file};
+    if (inspectAlone(global, one) != ExitCode::done) code = ExitCode::failed;
+  }
+  return code;
 }
 
 }  // namespace
 
 void addInspectCommand(CommandTable& table) {
-  const auto file = std::make_shared<std::string>();
+  const auto given = std::make_shared<InspectArguments>();
   CLI::App* inspect =
-      table.app.add_subcommand("inspect", "Tell what a file is, what is wrong with it and what a repair would do");
-  inspect->add_option("FILE", *file, "It is not changed")->required();
-  inspect->callback([&table, file] { table.chosen = [&table, file] { return inspectCommand(table.global, *file); }; });
+      table.app.add_subcommand("inspect", "Tell what is wrong with a file and what a repair would do about it");
+  inspect->add_option("FILE", given->files, "Files are not changed; several are told in a table")->required();
+  inspect->add_flag("--full", given->isFull,
+                    "Tell all details: parts of the repair, tracks, tables, edit lists, boxes");
+  inspect->add_option("--plot", given->plot, "Draw picture and sound, before and after a repair, into this SVG file");
+  inspect->footer(
+      "Exit codes: 0 nothing to do, 3 repairable, 4 beyond repair or no video, 1 the file cannot be opened.\n"
+      "Of several files: 1 if any is not 0.");
+  inspect->callback(
+      [&table, given] { table.chosen = [&table, given] { return inspectCommand(table.global, *given); }; });
 }
 
 }  // namespace tarn

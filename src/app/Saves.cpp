@@ -26,6 +26,14 @@ Engine::Outcome failureOf(std::string words, bool mayTryAgain = true) {
   return outcome;
 }
 
+void printRetry(const std::string& key, const TransferState::Retry& retry) {
+  const JSObject entry{{"number", retry.number},
+                       {"most", retry.most},
+                       {"seconds", std::chrono::duration<double>(retry.in).count()},
+                       {"why", withoutSecrets(retry.why)}};
+  printJSON({{"event", "transferRetry"}, {"data", JSObject{{key, entry}}}});
+}
+
 }  // namespace
 
 Saves::Saves(const GlobalOptions& global, Engine& engine, const std::vector<SaveItem>& items, SaveOptions options)
@@ -121,12 +129,17 @@ void Saves::showProgress(const JSObject& entries) {
       continue;
     }
     auto line = save.progress.line(*entry);
-    if (!line) continue;
     const bool isTransfer = valueAt<std::string>(*entry, "status", "") == "STATUS_RUNNING";
-    if (isTransfer && save.retry) line = DownloadProgress::line(*save.retry);
-    if (items_.size() > 1) printer_.setHead(fmt::format("{} of {} done", codes_.size(), items_.size()));
-    printer_.show(*line, items_.size() > 1 ? save.filename : "", id);
+    if (isTransfer && save.state.retry) continue;
+    if (isTransfer && save.state.isPaused) line = ProgressLine{"paused", "paused"};
+    if (line) show(id, save, *line);
   }
+}
+
+void Saves::show(int64_t id, const Save& save, const ProgressLine& line) {
+  if (global_.json) return;
+  if (items_.size() > 1) printer_.setHead(fmt::format("{} of {} done", codes_.size(), items_.size()));
+  printer_.show(line, items_.size() > 1 ? save.filename : "", id);
 }
 
 void Saves::takeEnd(const JSObject& data) {
@@ -147,7 +160,7 @@ void Saves::takeEnd(const JSObject& data) {
 void Saves::look() {
   const auto downloads = engine_.downloads();
   const auto stored = hasOtherEngine_ ? engine_.storedWork() : Engine::StoredWork();
-  lookAtRetries();
+  lookAtTransfers();
   std::vector<std::pair<int64_t, std::string>> ended;
   for (auto& [id, save] : open_) {
     const auto found = std::ranges::find(downloads, id, &Engine::Download::id);
@@ -172,8 +185,17 @@ bool Saves::hasEnded(int64_t id, const std::string& status, const Engine::Stored
   return false;
 }
 
-void Saves::lookAtRetries() {
-  for (auto& [id, save] : open_) save.retry.reset();
+/// A transfer that waits sends no progress of its own.
+void Saves::lookAtTransfers() {
+  const auto transfers = engine_.transfers();
+  for (auto& [id, save] : open_) {
+    const auto found = transfers.find(id);
+    const TransferState state = found == transfers.end() ? TransferState() : found->second;
+    const bool isNews = state.retry && (!save.state.retry || save.state.retry->number != state.retry->number);
+    save.state = state;
+    if (isNews && global_.json) printRetry(save.key, *state.retry);
+    if (state.retry) show(id, save, DownloadProgress::line(*state.retry));
+  }
 }
 
 /// This download, while the engine has it.

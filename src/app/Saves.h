@@ -41,7 +41,7 @@ class Saves {
     std::string filename;  ///< that the user gave, or that the URL has
     std::string key = {};  ///< the id as the events have it
     bool isGone = false;   ///< from the engine's list
-    std::optional<TransferState::Retry> retry = {};
+    TransferState state = {};
     DownloadProgress progress = {};
   };
   using Open = std::map<int64_t, Save>;
@@ -50,9 +50,10 @@ class Saves {
   void follow();
   void take(const Engine::Event& event);
   void showProgress(const JSObject& entries);
+  void show(int64_t id, const Save& save, const ProgressLine& line);
   void takeEnd(const JSObject& data);
   void look();
-  void lookAtRetries();
+  void lookAtTransfers();
   bool hasEnded(int64_t id, const std::string& status, const Engine::StoredWork& stored);
   void endTheGone();
   void end(int64_t id, Engine::Outcome outcome);

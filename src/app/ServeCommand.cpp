@@ -62,10 +62,12 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   });
   for (const std::string& words : host.storeProblems()) printFailure(words + ".");
   StoredRuns storedRuns(host);
-  BridgeServer server(files, host.photos(), host.plugin(),
+  BridgeServer server(files, host.photos(), host.plugin(), host.hostPlugin(),
                       {.port = options.port,
                        .webFolder = options.webFolder ? Path(*options.webFolder) : ownPage(),
-                       .token = homeToken(home)},
+                       .token = homeToken(home),
+                       .localFolder = home / "Local",
+                       .logFile = host.logFile().value_or(Path())},
                       [&host](bool isActive) { host.setActive(isActive); });
   printLine(server.entryAddress());
   while (!client.isInterrupted()) {

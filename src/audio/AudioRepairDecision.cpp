@@ -44,6 +44,7 @@ class AudioDecision {
     log("Audio analysis completed in {:.2f}s", timer.stop());
     log("Audio analysis: {}", found_.analysis.summary());
     found_.config = analyzeAudioConfig(files_, fileURL_);
+    if (!track_.formatDescriptions.empty()) found_.codec = track_.formatDescriptions.front()->codec;
     log("Audio config: {}", found_.config.matchesPassthroughTarget ? "passthrough-eligible" : "requires normalize");
     if (found_.config.reason) log("  Reason: {}", *found_.config.reason);
   }
@@ -77,7 +78,9 @@ class AudioDecision {
       return;
     }
     decideOnRepair();
-    if (found_.decision.kind == Kind::fullNormalize) announce(outlook.channels);
+    if (found_.decision.kind == Kind::fullNormalize && outlook.channels > 2) {
+      found_.lostChannels = fmt::format("of the sound's {} channels two remain", outlook.channels);
+    }
   }
 
   void decideOnRepair() {
@@ -103,16 +106,6 @@ class AudioDecision {
     } catch (const Error&) {
       return std::nullopt;
     }
-  }
-
-  void announce(int channels) {
-    const auto& formats = track_.formatDescriptions;
-    if (!found_.config.isAAC && !formats.empty()) {
-      found_.conversion = fmt::format("the sound is \"{}\", not AAC, and is converted", formats.front()->codec);
-    } else if (formats.size() > 1) {
-      found_.conversion = fmt::format("the sound has {} sample entries, and is encoded anew for one", formats.size());
-    }
-    if (channels > 2) found_.lostChannels = fmt::format("of the sound's {} channels two remain", channels);
   }
 
   bool isWhole() const {

@@ -22,8 +22,9 @@ struct AudioFindings {
   int64_t packetTicks = 0;                           ///< for the fast path: length of a packet, track timescale
   RepairDecision decision;
 
+  std::string codec;  ///< tag of the first sample entry; empty where it cannot be read
+
   // Words for people, each a sentence without its stop.
-  std::optional<std::string> conversion;    ///< sound that is whole is encoded anew, and why
   std::optional<std::string> lostChannels;  ///< channels that get lost where it is encoded
   std::optional<std::string> obstacle;      ///< the sound needs a repair and stays as it is, and why
 

@@ -1,6 +1,7 @@
 #include "audio/AudioStep.h"
 
 #include "audio/AudioRepairDecision.h"
+#include "audio/SoundWords.h"
 #include "audio/fastpath/FastPathAudioRepair.h"
 #include "audio/replace/AudioReplacement.h"
 #include "media/AVAsset.h"
@@ -10,7 +11,7 @@ namespace tarn {
 namespace {
 
 void leaveAsItIs(ProcessingRun& run, const std::string& why) {
-  run.warn(why);
+  run.leave(why);
   run.updateProcessingStage(ProcessingStage::audioReplaced);
 }
 
@@ -42,6 +43,7 @@ bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
     return false;
   }
   run.audioWasTranscoded = true;
+  run.mended("", doneByPackets(findings));
   run.updateProcessingStage(ProcessingStage::audioReplaced);
   return true;
 }
@@ -59,12 +61,11 @@ void tellWhyToTranscode(ProcessingRun& run, const AudioFindings& findings) {
   if (findings.lostChannels) run.warn(*findings.lostChannels);
 }
 
-void leaveExtremeDriftAlone(ProcessingRun& run, const AudioAnalysisResult& analysis) {
-  log("Audio analysis: EXTREME DRIFT DETECTED ({:.1f}s)", analysis.timelineDriftMs / 1000);
+void leaveExtremeDriftAlone(ProcessingRun& run, const AudioFindings& findings) {
+  log("Audio analysis: EXTREME DRIFT DETECTED ({:.1f}s)", findings.analysis.timelineDriftMs / 1000);
   logLine("  Drift exceeds 60s threshold - skipping transcoding to avoid decoder hang");
   logLine("  File has severely corrupted audio timeline, using original audio");
-  leaveAsItIs(run, fmt::format("The sound stays as it is: its drift of {:.1f} s is beyond repair",
-                               analysis.timelineDriftMs / 1000));
+  leaveAsItIs(run, extremeDriftWords(findings));
 }
 
 }  // namespace
@@ -74,6 +75,7 @@ void AudioStep::run(ProcessingRun& run) {
   if (AVAsset(run.files, run.fileURL).tracks(AVMediaType::audio).empty()) return;
   const AudioFindings findings = decideAudioRepair(run.files, run.fileURL);
   run.originalSyncInfo = findings.originalSyncInfo;
+  for (const std::string& fault : wrongWithSound(findings)) run.mended(fault, "");
   using Kind = RepairDecision::Kind;
   switch (findings.decision.kind) {
     case Kind::skip:
@@ -88,8 +90,8 @@ void AudioStep::run(ProcessingRun& run) {
       tellWhyToTranscode(run, findings);
       break;
   }
-  if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings.analysis);
-  replaceAudio(run, workers_);
+  if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings);
+  replaceAudio(run, doneByEncoding(findings), workers_);
 }
 
 }  // namespace tarn

@@ -1,7 +1,5 @@
 #include "download/DownloadManager.h"
 
-#include <utility>
-
 #include "download/detail/DownloadRemoval.h"
 #include "download/detail/DownloadStarter.h"
 #include "download/detail/EngineState.h"
@@ -14,8 +12,8 @@ namespace tarn {
 
 /// The parts of the engine. They refer to each other, and are made and destroyed together.
 struct DownloadManager::Parts {
-  Parts(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
-      : engine(platform, std::move(outcomes)), line(engine, starter, steps) {}
+  Parts(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener)
+      : engine(platform, listener), line(engine, starter, steps) {}
 
   EngineState engine;
   DownloadStarter starter{engine};
@@ -27,9 +25,9 @@ struct DownloadManager::Parts {
 
 std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platform, const ProcessingSteps& steps,
                                                          const std::weak_ptr<DownloadManagerDelegate>& delegate,
-                                                         OutcomeSink outcomes) {
+                                                         DownloadListener* listener) {
   // NOLINTNEXTLINE: the constructor is private
-  const std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps, std::move(outcomes)));
+  const std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps, listener));
   Parts& parts = *manager->parts_;
   parts.engine.posts.setEngine(manager);
   parts.starter.setSessionDelegate(std::shared_ptr<NSURLSessionDownloadDelegate>(manager, &parts.events));
@@ -37,8 +35,8 @@ std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platfor
   return manager;
 }
 
-DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
-    : parts_(std::make_unique<Parts>(platform, steps, std::move(outcomes))) {}
+DownloadManager::DownloadManager(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener)
+    : parts_(std::make_unique<Parts>(platform, steps, listener)) {}
 
 DownloadManager::~DownloadManager() = default;
 
@@ -50,6 +48,14 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const DownloadRequest& 
     return nullptr;
   }
   return parts_->starter.start(request, delegate, wantedId);
+}
+
+DownloadTaskPointer DownloadManager::takeIn(const Path& file, const DownloadRequest& request,
+                                            const DelegatePointer& delegate) {
+  if (parts_->removal.isBlocking()) return nullptr;
+  const DownloadTaskPointer task = parts_->starter.takeWithoutTransfer(request, delegate);
+  parts_->events.handOver(task, request, file);
+  return task;
 }
 
 void DownloadManager::cancelDownloadFileBy(int64_t id) {

@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
+#include "download/DownloadListener.h"
 #include "download/DownloadRequest.h"
 #include "download/DownloadTask.h"
 #include "pipeline/ProcessingStep.h"
-#include "pipeline/RunOutcome.h"
 #include "platform/Platform.h"
 
 namespace tarn {
@@ -21,11 +21,11 @@ class DownloadManager {
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The delegate
-  /// hears of those that are under way, and `outcomes` how each download ends, ahead of everybody else. The platform
-  /// and the steps must outlive it. Throws PosixError when the stored tasks cannot be read.
+  /// hears of those that are under way. The platform, the steps and the listener, if there is one, must outlive it.
+  /// Throws PosixError when the stored tasks cannot be read.
   static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps,
                                                  const std::weak_ptr<DownloadManagerDelegate>& delegate = {},
-                                                 OutcomeSink outcomes = {});
+                                                 DownloadListener* listener = nullptr);
   ~DownloadManager();
 
   /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
@@ -33,6 +33,11 @@ class DownloadManager {
   /// if that is free and above 0.
   DownloadTaskPointer startDownloadFileBy(const DownloadRequest& request, const DelegatePointer& delegate,
                                           std::optional<int64_t> wantedId = std::nullopt);
+
+  /// Has a file of this machine repaired and saved, as if a transfer had brought it; it is moved away. May look into
+  /// the whole file. The delegate hears of all that comes, of a hand-over that fails too. Null when new downloads are
+  /// blocked.
+  DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request, const DelegatePointer& delegate);
 
   /// Stops one download wherever it is, and removes it. Nobody is told. An unknown id is ignored.
   void cancelDownloadFileBy(int64_t id);
@@ -84,7 +89,7 @@ class DownloadManager {
  private:
   struct Parts;
 
-  DownloadManager(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes);
+  DownloadManager(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener);
 
   const std::unique_ptr<Parts> parts_;
 };

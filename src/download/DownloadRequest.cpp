@@ -9,6 +9,7 @@ std::string NotedDownload::text() const {
       {"id", id}, {"skipVideoFix", request.skipVideoFix}, {"skipAudioFix", request.skipAudioFix}, {"url", request.url}};
   if (request.album) object.set("album", *request.album);
   if (request.filename) object.set("filename", *request.filename);
+  if (request.takesServersName) object.set("takesServersName", true);
   if (isPaused) object.set("isPaused", true);
   return object.json();
 }
@@ -25,7 +26,8 @@ std::optional<NotedDownload> NotedDownload::parse(const std::string& text) {
                                    .album = optionalAt<std::string>(*object, "album"),
                                    .filename = optionalAt<std::string>(*object, "filename"),
                                    .skipVideoFix = *skipVideoFix,
-                                   .skipAudioFix = *skipAudioFix},
+                                   .skipAudioFix = *skipAudioFix,
+                                   .takesServersName = valueAt(*object, "takesServersName", false)},
                        .isPaused = valueAt(*object, "isPaused", false)};
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/transfer.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,6 +16,8 @@ struct DownloadRequest {
   std::optional<std::string> filename = {};  ///< in Documents and in the album
   bool skipVideoFix = false;                 ///< the file stays as it comes
   bool skipAudioFix = false;                 ///< sound and timing stay as they come
+  bool takesServersName = false;             ///< `filename` is for a server that gives none
+  TransferOptions transfer = {};             ///< kept by the transfer itself, not by the note
 
   bool operator==(const DownloadRequest&) const = default;
 
@@ -21,6 +25,7 @@ struct DownloadRequest {
   void takeFlagsOf(const DownloadRequest& noted) {
     skipVideoFix = noted.skipVideoFix;
     skipAudioFix = noted.skipAudioFix;
+    takesServersName = noted.takesServersName;
   }
 };
 

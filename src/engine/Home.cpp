@@ -34,10 +34,19 @@ std::string timestamp() {
 
 }  // namespace
 
-std::optional<Path> defaultHome() {
-  if (auto data = environment("XDG_DATA_HOME")) return Path(*data) / "tarn";
-  if (auto user = environment("HOME")) return Path(*user) / ".local/share/tarn";
+namespace {
+
+/// A place of the user's for `tarn`, by the XDG Base Directory Specification.
+std::optional<Path> userPlace(const char* variable, const char* otherwise) {
+  if (auto place = environment(variable)) return Path(*place) / "tarn";
+  if (auto user = environment("HOME")) return Path(*user) / otherwise / "tarn";
   return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Path> defaultHome() {
+  return userPlace("XDG_DATA_HOME", ".local/share");
 }
 
 Path homeDirectory(const std::optional<std::string>& given) {
@@ -45,6 +54,13 @@ Path homeDirectory(const std::optional<std::string>& given) {
   if (auto home = environment("TARN_HOME")) return absolutePath(*home).lexically_normal();
   if (auto home = defaultHome()) return *home;
   throw Error("Home", -1, "No home directory is known: use --home DIR");
+}
+
+Path logFileOf(const Path& home) {
+  const auto usual = defaultHome();
+  const auto state = userPlace("XDG_STATE_HOME", ".local/state");
+  const bool isUsual = usual && (home / "").lexically_normal() == (*usual / "").lexically_normal();
+  return isUsual && state && state->is_absolute() ? *state / "tarn.log" : home / "log/tarn.log";
 }
 
 namespace {
@@ -59,13 +75,11 @@ void makeHome(const Path& home) {
   if (::stat(home.c_str(), &facts) == 0 && (facts.st_mode & 077) == 0) ::umask(077);
 }
 
-/// Writes to the log of a home.
-LogSink fileSink(const Path& home) {
-  const Path path = home / "log/tarn.log";
-  PosixFileManager(home).createDirectory(path.parent_path());
+LogSink fileSink(const Path& path) {
+  PosixFileManager(path.parent_path()).createDirectory(path.parent_path());
   std::error_code missing;
   if (std::filesystem::file_size(path, missing) > largestLog && !missing) {
-    std::filesystem::rename(path, home / "log/tarn.log.1", missing);
+    std::filesystem::rename(path, path.string() + ".1", missing);
   }
   const auto file = std::make_shared<Descriptor>(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
   if (!file->isOpen() || ::fchmod(**file, 0600) != 0) throw PosixError(errno, path.string());
@@ -90,6 +104,14 @@ HomeLock::HomeLock(const Path& home) {
   throw HomeInUse(home);
 }
 
-LogFile::LogFile(const Path& home) : LogDetour(fileSink(home)) {}
+LogFile::LogFile(const Path& file) : LogDetour(fileSink(file)), path_(file) {}
+
+std::unique_ptr<LogFile> LogFile::ofHome(const Path& home) {
+  try {
+    return std::make_unique<LogFile>(logFileOf(home));
+  } catch (const PosixError&) {
+    return std::make_unique<LogFile>(home / "log/tarn.log");
+  }
+}
 
 }  // namespace tarn

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -34,11 +35,23 @@ class HomeLock {
   Descriptor lock_;
 };
 
-/// Sends the log to `<home>/log/tarn.log`, which its owner alone may read, until it is destroyed. A log that has grown
-/// beyond 16 MiB is put aside as tarn.log.1 first.
+/// Where the log of a home belongs: `log/tarn.log` in it. That of the home which is taken when none is named belongs
+/// where programs keep such things: $XDG_STATE_HOME/tarn/tarn.log, else ~/.local/state/tarn/tarn.log.
+Path logFileOf(const Path& home);
+
+/// Sends the log to the file, which its owner alone may read, until it is destroyed. A log that has grown beyond 16 MiB
+/// is put aside as tarn.log.1 first. Throws PosixError.
 class LogFile : public LogDetour {
  public:
-  explicit LogFile(const Path& home);
+  explicit LogFile(const Path& file);
+
+  /// The log of a home; in the home where the place of logs cannot be used.
+  static std::unique_ptr<LogFile> ofHome(const Path& home);
+
+  const Path& path() const { return path_; }
+
+ private:
+  const Path path_;
 };
 
 }  // namespace tarn

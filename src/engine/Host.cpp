@@ -7,6 +7,7 @@
 #include "engine/AlbumsLink.h"
 #include "engine/PosterProgram.h"
 #include "kind/Kind.h"
+#include "platform/Log.h"
 #include "platform/Platform.h"
 
 namespace tarn {
@@ -22,8 +23,9 @@ MediaCheck checkOfMedia(FileManager& files) {
 Host::Host(FileManager& files, const HostOptions& options)
     : home_(options.home),
       lock_(options.home),
-      log_(options.keepsLog ? std::make_unique<LogFile>(options.home) : nullptr),
+      log_(options.keepsLog ? LogFile::ofHome(options.home) : nullptr),
       files_(files),
+      history_(files_, clock_, options.home),
       application_(dispatch_, {.backgroundLimit = options.backgroundLimit}),
       hasBackgroundLimit_(options.backgroundLimit.has_value()),
       defaults_(files_, options.home / "Defaults"),
@@ -42,10 +44,7 @@ Host::Host(FileManager& files, const HostOptions& options)
                     .application = application_,
                     .photos = photos_,
                     .transfers = transfers_};
-  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_), [this](const RunOutcome& outcome) {
-    outcomes_.keep(outcome);
-    if (outcome.kind == RunOutcome::Kind::saved) showAlbums();
-  });
+  plugin_ = TarnBridge::create(platform, steps_.withLast(savingStep_), this);
 }
 
 Host::~Host() {
@@ -58,9 +57,46 @@ Host::~Host() {
   dispatch_.stop();
 }
 
+void Host::began(int64_t id, const DownloadRequest& request) noexcept {
+  history_.began(id, request);
+}
+
+void Host::ended(const RunOutcome& outcome) noexcept {
+  outcomes_.keep(outcome);
+  history_.ended(outcome);
+  if (outcome.kind == RunOutcome::Kind::saved) showAlbums();
+}
+
 void Host::start() {
   plugin_->load();
+  settleHistory();
   if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
+}
+
+/// Unless a store cannot be read: what it holds may be under way then. A transfer that ends meanwhile becomes a run,
+/// and a run that ends tells the history.
+void Host::settleHistory() {
+  try {
+    const auto tasks = plugin_->downloadManager().getDownloads();
+    const std::vector<int64_t> transfers = this->transfers();
+    const auto runs = store_.allPendingStates();
+    if (!runs || !storeProblems().empty()) return;
+    History::Known known;
+    for (const auto& task : tasks) {
+      const DownloadStatus status = task->status();
+      const bool isThere = status == DownloadStatus::queued ||
+                           std::ranges::find(transfers, task->id) != transfers.end() ||
+                           std::ranges::find(*runs, task->id, &ProcessingState::downloadId) != runs->end();
+      if (isActive(status) && isThere) known.underWay.emplace_back(task->id, task->request);
+      if (status == DownloadStatus::completed) known.saved.push_back(task->id);
+    }
+    for (const ProcessingState& run : *runs) {
+      known.underWay.push_back({run.downloadId, {.url = "", .album = run.album, .filename = run.filename}});
+    }
+    history_.settle(known);
+  } catch (const Error& error) {
+    log("The history was not looked through: {}", error.description());
+  }
 }
 
 void Host::interrupt() {
@@ -106,6 +142,11 @@ std::vector<int64_t> Host::pendingRuns() {
     ids.push_back(state.downloadId);
   }
   return ids;
+}
+
+std::vector<std::string> Host::notices() const {
+  const auto problem = history_.problem();
+  return problem ? std::vector{*problem} : std::vector<std::string>();
 }
 
 std::vector<int64_t> Host::records() {

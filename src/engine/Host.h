@@ -6,8 +6,10 @@
 #include <optional>
 #include <vector>
 
+#include "engine/History.h"
 #include "engine/Home.h"
 #include "engine/HostPlugin.h"
+#include "engine/LocalImport.h"
 #include "engine/Outcomes.h"
 #include "engine/PosterMaker.h"
 #include "engine/RepairSteps.h"
@@ -29,13 +31,13 @@ struct HostOptions {
 
 /// Everything that runs in one home: the services of the host, the steps, the plug-in. Owns the home while it lives.
 /// Belongs to the thread that made it.
-class Host {
+class Host : private DownloadListener {
  public:
   /// `files` are those of options.home, and must outlive the host. Clears up what a killed process has left; nothing
   /// else runs yet. Throws Error.
   Host(FileManager& files, const HostOptions& options);
   /// Stops everything: a run ends at its next check, transfers stay in their store.
-  ~Host();
+  ~Host() override;
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
@@ -62,6 +64,13 @@ class Host {
   bool isProcessing() { return plugin_->downloadManager().isProcessing(); }
   /// What is wrong with the stored work, in words for people.
   std::vector<std::string> storeProblems() { return store_.problems(); }
+  /// What is wrong beside it.
+  std::vector<std::string> notices() const;
+
+  /// Has a file of this machine go the way of a download that has arrived; see LocalImport.h.
+  int64_t importLocal(const Path& file, const std::string& filename, const std::string& album) {
+    return importLocalFile(files_, *plugin_, file, filename, album);
+  }
 
   TarnBridge& plugin() { return *plugin_; }
   /// What the host offers beside the bridge.
@@ -72,6 +81,9 @@ class Host {
   /// Removes the posters of assets that are gone.
   void sweepPosters();
   const Outcomes& outcomes() const { return outcomes_; }
+  History& history() { return history_; }
+  /// The file to which the log goes; none if it goes elsewhere.
+  std::optional<Path> logFile() const { return log_ ? std::optional(log_->path()) : std::nullopt; }
 
  private:
   void showAlbums();
@@ -82,6 +94,7 @@ class Host {
   std::unique_ptr<LogFile> log_;
   FileManager& files_;
   SystemClock clock_;
+  History history_;
   AsioDispatch dispatch_;
   HostApplication application_;
   const bool hasBackgroundLimit_;
@@ -95,6 +108,10 @@ class Host {
   SavingStep savingStep_;
   std::shared_ptr<TarnBridge> plugin_;
   HostPlugin hostPlugin_{*this};
+
+  void began(int64_t id, const DownloadRequest& request) noexcept override;
+  void ended(const RunOutcome& outcome) noexcept override;
+  void settleHistory();
 };
 
 }  // namespace tarn

@@ -81,7 +81,8 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
   static const std::vector<CAPPluginMethod> methods = {
       {"saveVideo", "promise"},       {"getOutcome", "promise"},   {"getAsset", "promise"},
       {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
-      {"takeUpStoredRun", "promise"}, {"getLibrary", "promise"},   {"changeAsset", "promise"},
+      {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
+      {"importLocal", "promise"},     {"getLibrary", "promise"},   {"changeAsset", "promise"},
       {"getPoster", "promise"},
   };
   return methods;
@@ -89,7 +90,7 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 10> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 13> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
@@ -97,6 +98,9 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"getTransfers", &HostPlugin::getTransfers},
       {"changeDownload", &HostPlugin::changeDownload},
       {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
+      {"getHistory", &HostPlugin::getHistory},
+      {"clearHistory", &HostPlugin::clearHistory},
+      {"importLocal", &HostPlugin::importLocal},
       {"getLibrary", &HostPlugin::getLibrary},
       {"changeAsset", &HostPlugin::changeAsset},
       {"getPoster", &HostPlugin::getPoster},
@@ -138,7 +142,28 @@ void HostPlugin::getStoredWork(const CAPPluginCallPointer& call) {
                  {"transfers", arrayOf(host_.transfers())},
                  {"hasTransfers", host_.hasTransfers()},
                  {"isProcessing", host_.isProcessing()},
-                 {"problems", arrayOf(host_.storeProblems())}});
+                 {"problems", arrayOf(host_.storeProblems())},
+                 {"notices", arrayOf(host_.notices())}});
+}
+
+void HostPlugin::getHistory(const CAPPluginCallPointer& call) {
+  const auto limit = call->getInt("limit");
+  if (limit && *limit < 0) return call->reject("limit is a number from 0 on");
+  JSValue::Array entries;
+  for (const HistoryEntry& entry : host_.history().entries(limit)) entries.emplace_back(entry.json());
+  JSObject answer{{"entries", std::move(entries)}};
+  if (const auto log = host_.logFile()) answer.set("log", log->string());
+  if (const auto problem = host_.history().problem()) answer.set("problem", *problem);
+  call->resolve(std::move(answer));
+}
+
+void HostPlugin::clearHistory(const CAPPluginCallPointer& call) {
+  const auto id = call->getInt("id");
+  const auto entry = id ? host_.history().entry(*id) : std::nullopt;
+  if (id && !entry) return call->reject("No such download");
+  if (entry && entry->state == HistoryEntry::State::pending) return call->reject("The download has not ended");
+  host_.history().clear(id);
+  call->resolve();
 }
 
 void HostPlugin::getTransfers(const CAPPluginCallPointer& call) {
@@ -172,6 +197,14 @@ void HostPlugin::pause(int64_t id, const CAPPluginCallPointer& call) {
 void HostPlugin::resume(int64_t id, const CAPPluginCallPointer& call) {
   if (!host_.plugin().downloadManager().resumeDownloadFileBy(id)) return call->reject("The download is not paused");
   call->resolve({{"id", id}});
+}
+
+void HostPlugin::importLocal(const CAPPluginCallPointer& call) {
+  const auto path = call->getString("path");
+  const auto filename = call->getString("filename");
+  const auto album = call->getString("album");
+  if (!path || !filename || !album || album->empty()) return call->reject("A path, a filename and an album are needed");
+  orReject(call, [&] { call->resolve({{"id", host_.importLocal(*path, *filename, *album)}}); });
 }
 
 void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {

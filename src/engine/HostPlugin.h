@@ -9,7 +9,8 @@ namespace tarn {
 
 class Host;
 
-/// What only the host of an engine knows, as methods of a plug-in, for the other commands of a home. No page sees it.
+/// What only the host of an engine knows, as methods of a plug-in, for the other commands of a home. Of some a page
+/// hears by way of HTTP.
 ///
 /// - saveVideo {id, ...}: the bridge's, under an id of the caller's choice if that is free.
 /// - getOutcome {id}: how a download has ended in this process. Of a failure: `failure` in words, `advice` (a
@@ -19,12 +20,16 @@ class Host;
 /// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
-///   in words.
+///   in words, and `notices` of what harms no download.
+/// - getHistory {limit}: `entries`, as HistoryEntry::json() has them, the newest first; `problem`, in words, if
+///   there is one; `log`, the path of the log. All entries without a limit.
+/// - clearHistory {id}: removes a download that has ended from the history; without an id all of them.
 /// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`
-/// of
-///   them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there are
-///   at `most`, the `seconds` until it comes, and `why` the last one failed.
+///   of them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there
+///   are at `most`, the `seconds` until it comes, and `why` the last one failed.
 /// - changeDownload {id, action}: "pause" stops a transfer and keeps what it has fetched, "resume" lets it go on.
+/// - importLocal {path, filename, album}: has a file of this machine, which is moved away, repaired and put into an
+///   album like a download that has arrived; `id` of that.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
 /// - getLibrary {album?}: `albums` of {title, assets: [{assetId, filename, size, created, path}]}, without empty ones;
 ///   `removed`, the assets that can be restored, if no album is given.
@@ -51,8 +56,11 @@ class HostPlugin : public CAPPlugin {
   void getOutcome(const CAPPluginCallPointer& call);
   void getAsset(const CAPPluginCallPointer& call);
   void getStoredWork(const CAPPluginCallPointer& call);
+  void getHistory(const CAPPluginCallPointer& call);
+  void clearHistory(const CAPPluginCallPointer& call);
   void getTransfers(const CAPPluginCallPointer& call);
   void changeDownload(const CAPPluginCallPointer& call);
+  void importLocal(const CAPPluginCallPointer& call);
   void takeUpStoredRun(const CAPPluginCallPointer& call);
   void getLibrary(const CAPPluginCallPointer& call);
   void changeAsset(const CAPPluginCallPointer& call);

@@ -14,6 +14,7 @@ class Outcomes {
  public:
   static constexpr size_t most = 10'000;
 
+  /// That a download was cancelled changes nothing about one that has ended.
   void keep(const RunOutcome& outcome);
 
   /// Nothing if the download has not ended in this process, or if too many newer ones have.

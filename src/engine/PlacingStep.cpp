@@ -32,6 +32,8 @@ Path PlacingStep::chosen(ProcessingRun& run) const {
   const auto harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
   if (harms.empty()) return run.fileURL;
   run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));
+  run.outcome.summary.done.clear();
+  run.outcome.summary.after = run.outcome.summary.before;
   return source_.path;
 }
 

@@ -4,6 +4,7 @@
 #include "download/FirstRecord.h"
 #include "fragments/FragmentsStep.h"
 #include "pipeline/ProcessingStep.h"
+#include "presentation/Timeline.h"
 #include "remux/RemuxStep.h"
 #include "sync/SyncStep.h"
 
@@ -22,7 +23,8 @@ class RepairSteps {
             .audio = &audio_,
             .sync = &sync_,
             .last = &last,
-            .deriveFlags = deriveFlags};
+            .deriveFlags = deriveFlags,
+            .readTimeline = [](FileManager& files, const Path& file) { return readTimeline(files, file); }};
   }
 
  private:

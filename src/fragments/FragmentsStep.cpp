@@ -24,8 +24,8 @@ namespace {
 constexpr double readingPart = 0.3;
 
 void tellLoss(ProcessingRun& run, const LostEnd& loss) {
-  run.warn(loss.words());
-  run.outcome.isPartly = true;
+  run.keepPart(loss.words());
+  run.mended(loss.words(), "made a whole movie of what is there");
 }
 
 /// Of each track. Behind the end of a movie that is cut there may be fragments that nobody knows of.
@@ -77,6 +77,7 @@ void join(ProcessingRun& run, WatchedFiles& files) {
                     [&](double part) { tell(readingPart + part * (1 - readingPart)); });
   });
   for (const std::string& note : notes) run.warn(note);
+  run.mended(std::string(inFragments), "joined the fragments to one plain movie");
   if (loss) tellLoss(run, *loss);
 }
 
@@ -94,7 +95,11 @@ void keepWhatIsThere(ProcessingRun& run, WatchedFiles& files) {
     writeCutMovie(*source, target, *std::move(movie),
                   [&](double part) { tellProgress(run, part, "Keeping what is there"); });
   });
-  if (loss) tellLoss(run, *loss);
+  if (loss) {
+    tellLoss(run, *loss);
+  } else {
+    run.mended("the file promises more media than it holds, though nothing is missing", "corrected the promised size");
+  }
 }
 
 /// True for a failure that trying again may mend, or that must end the run.
@@ -116,7 +121,7 @@ void FragmentsStep::run(ProcessingRun& run) {
     // What cannot be read looks as if it were not there.
     files.requireReadable();
     if (endsRun(error)) throw;
-    run.warn((isInPieces ? "The movie stays in fragments: " : "The movie stays cut off: ") + error.description());
+    run.leave((isInPieces ? "The movie stays in fragments: " : "The movie stays cut off: ") + error.description());
   }
 }
 

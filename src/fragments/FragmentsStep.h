@@ -1,8 +1,14 @@
 #pragma once
 
+#include <string_view>
+
 #include "pipeline/ProcessingStep.h"
 
 namespace tarn {
+
+/// What is wrong with a movie in fragments, for people.
+inline constexpr std::string_view inFragments =
+    "the movie is in fragments, which many players and libraries do not take";
 
 /// Makes a plain movie of one in fragments, and of a plain one that broke off one that ends well, ahead of the steps
 /// that know whole plain files alone; does nothing to any other file. It enters no stage of its own: cut off, it starts

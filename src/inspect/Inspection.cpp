@@ -4,12 +4,14 @@
 
 #include <algorithm>
 
+#include "fragments/FragmentsStep.h"
 #include "inspect/detail/MovieFacts.h"
 #include "inspect/detail/RepairForecast.h"
 #include "inspect/detail/VideoFacts.h"
 #include "kind/Kind.h"
 #include "mp4/MP4BoxUtils.h"
-#include "presentation/Presentation.h"
+#include "presentation/Timeline.h"
+#include "presentation/TrackWords.h"
 
 namespace tarn {
 namespace {
@@ -18,48 +20,39 @@ auto countBoxes(const Inspection& inspection, std::string_view type) {
   return std::ranges::count(inspection.boxes, type, &TopLevelBox::type);
 }
 
+/// "index (moov)": what people call a box.
+std::string boxWords(const std::string& type) {
+  if (type == "moov") return "index (moov)";
+  if (type == "mdat") return "media (mdat)";
+  return fmt::format("\"{}\" box", type);
+}
+
 void listFileProblems(Inspection& inspection) {
   auto add = [&](std::string words, Problem::Of of = Problem::Of::file) {
     inspection.problems.push_back({of, std::move(words)});
   };
   for (const TopLevelBox& box : inspection.boxes) {
     if (box.missingBytes == 0) continue;
-    add(fmt::format("the {} at {} overruns the file by {} bytes", box.type, box.offset, box.missingBytes),
+    add(fmt::format("the file ends {} bytes ahead of the end that its {} promises", box.missingBytes,
+                    boxWords(box.type)),
         box.type == "mdat" ? Problem::Of::samples : Problem::Of::file);
   }
-  if (countBoxes(inspection, "moov") > 1) add("there are several moov boxes; the first one counts");
+  if (countBoxes(inspection, "moov") > 1) add("the file has several indexes (moov), of which players read the first");
   for (const TrackFacts& track : inspection.tracks) {
-    if (track.lacksDuration) add(fmt::format("the mdhd of track {} does not tell how long it is", track.id));
+    if (track.lacksDuration) add(fmt::format("track {} does not say how long it is", track.id));
   }
   if (!inspection.video) return;
   if (const int64_t missing = inspection.video->missingSamples; missing > 0) {
-    add(fmt::format("{} picture{} behind the end of the file", missing, missing == 1 ? " ends" : "s end"),
-        Problem::Of::samples);
+    add(fmt::format("{} picture{} not in the file", missing, missing == 1 ? " is" : "s are"), Problem::Of::samples);
   }
-  if (inspection.video->problem) add("the sample table of the video: " + *inspection.video->problem);
-}
-
-std::string damageText(EditListDamage damage) {
-  switch (damage) {
-    case EditListDamage::none:
-      return "is whole";
-    case EditListDamage::showsNothing:
-      return "shows nothing of it";
-    case EditListDamage::mediaTimeBelowMinusOne:
-      return "has a media time below -1";
-    case EditListDamage::liesBehindMedia:
-      return "lies behind its media";
-  }
-  return "";
+  if (inspection.video->problem) add("the list of the video's pictures cannot be read: " + *inspection.video->problem);
 }
 
 /// What the tables and edit lists tell of damage.
 void listPresentationProblems(const Presentation& presentation, Inspection& inspection) {
   for (const TrackPresentation& track : presentation.tracks()) {
     if (track.damage == EditListDamage::none) continue;
-    inspection.problems.push_back({Problem::Of::editLists,
-                                   fmt::format("the edit list of track {} {}", track.trackID, damageText(track.damage)),
-                                   track.trackID});
+    inspection.problems.push_back({Problem::Of::editLists, editListWords(presentation, track)});
   }
   const TrackPresentation* sound = presentation.first("soun");
   if (!sound) return;
@@ -73,34 +66,16 @@ void listPresentationProblems(const Presentation& presentation, Inspection& insp
 void readPresentation(FileManager& files, Inspection& inspection) {
   if (!inspection.hasMovie) return;
   if (isFragmented(files, inspection.file)) {
-    inspection.problems.push_back({Problem::Of::samples, "it is in fragments: its moov does not list all samples"});
+    inspection.problems.push_back({Problem::Of::samples, std::string(inFragments)});
     return;
   }
   try {
-    listPresentationProblems(Presentation::read(files, inspection.file), inspection);
+    const auto presentation = Presentation::read(files, inspection.file);
+    listPresentationProblems(presentation, inspection);
+    inspection.summary.before = inspection.summary.after = timelineOf(presentation);
     inspection.isComparable = true;
   } catch (const Error& failure) {
-    inspection.problems.push_back({Problem::Of::file, "its tables cannot be read: " + failure.description()});
-  }
-}
-
-/// A step that changes the file does so for a reason, which is a problem of the file.
-void nameWhatIsMended(Inspection& inspection) {
-  auto name = [&](bool changes, Problem::Of of, const std::string& reason) {
-    if (changes && std::ranges::count(inspection.problems, of, &Problem::of) == 0) {
-      inspection.problems.push_back({of, reason});
-    }
-  };
-  name(inspection.remux.changesFile, Problem::Of::video, inspection.remux.reason);
-  name(inspection.audio.replacesSound(), Problem::Of::sound, inspection.audio.reason);
-  if (inspection.syncFix.kind != SyncForecast::Kind::writes) return;
-  for (const auto& [trackID, list] : inspection.syncFix.order.tracks) {
-    const auto isOfList = [id = trackID](const Problem& problem) {
-      return problem.of == Problem::Of::editLists && problem.trackID == id;
-    };
-    if (std::ranges::any_of(inspection.problems, isOfList)) continue;
-    inspection.problems.push_back(
-        {Problem::Of::editLists, fmt::format("track {} needs an edit list: {}", trackID, list.reason), trackID});
+    inspection.problems.push_back({Problem::Of::file, "its index cannot be read: " + failure.description()});
   }
 }
 
@@ -132,7 +107,7 @@ Inspection inspect(FileManager& files, const Path& path) {
   tellKind(files, inspection);
   readPresentation(files, inspection);
   if (!inspection.refusal) forecastRepair(files, inspection);
-  nameWhatIsMended(inspection);
+  for (const Problem& problem : inspection.problems) inspection.summary.wrong.push_back(problem.words);
   inspection.verdict = verdictOn(inspection);
   return inspection;
 }

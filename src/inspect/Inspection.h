@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/summary.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -131,7 +133,6 @@ struct AudioForecast {
 
   Kind kind = Kind::notReached;
   std::string reason;
-  std::string codec = {};  ///< tag of the first sample entry; empty where it cannot be read
   std::optional<AudioFindings> findings = {};
   std::vector<SoundPlace> gaps = {};  ///< the first ones; the findings tell how many there are
   std::vector<SoundPlace> overlaps = {};
@@ -171,6 +172,8 @@ struct Inspection {
   /// What the steps together would do to the presentation; the repair then leaves the file as it is. Sound that they
   /// make anew is not looked at: it is made by the repair itself.
   std::vector<std::string> harms = {};
+  /// As a run sums itself up; `done` and `after` are those of the trial.
+  RepairSummary summary = {};
   bool isComparable = false;  ///< what the file shows can be read; else there are no harms, and nothing to compare
   bool changesFile = false;   ///< the repair's result differs from the file; each of its changes mends a problem
   Verdict verdict = {};

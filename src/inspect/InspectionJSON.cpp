@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "platform/JSObject.h"
+#include "inspect/SummaryJSON.h"
 
 namespace tarn {
 namespace {
@@ -197,6 +197,20 @@ const char* kindText(AudioForecast::Kind kind) {
   return "";
 }
 
+const char* kindText(RepairDecision::Kind kind) {
+  switch (kind) {
+    case RepairDecision::Kind::skip:
+      return "skip";
+    case RepairDecision::Kind::editListOnly:
+      return "editListOnly";
+    case RepairDecision::Kind::fastPath:
+      return "fastPath";
+    case RepairDecision::Kind::fullNormalize:
+      return "fullNormalize";
+  }
+  return "";
+}
+
 JSObject placeJSON(const SoundPlace& place) {
   return {{"atMilliseconds", place.atSeconds * 1000}, {"lengthMilliseconds", place.milliseconds}};
 }
@@ -206,13 +220,13 @@ JSObject audioJSON(const AudioForecast& forecast) {
   if (!forecast.findings) return object;
   const AudioAnalysisResult& analysis = forecast.findings->analysis;
   const AudioConfigCheck& config = forecast.findings->config;
-  object.set("decision", forecast.findings->decision.description());
+  object.set("decision", kindText(forecast.findings->decision.kind));
   object.set("classification", std::string(text(analysis.gapType)));
   object.set("aacType", std::string(text(analysis.aacType)));
   object.set("objectType", config.aacObjectType);
   object.set("rate", config.sampleRate);
   object.set("channels", config.channelCount);
-  object.set("whyNotReusable", orNull(config.reason));
+  object.set("packetsUsable", config.matchesPassthroughTarget);
   object.set("initialOffsetMilliseconds", analysis.initialOffsetMs);
   object.set("driftMilliseconds", analysis.timelineDriftMs);
   object.set("gapCount", analysis.internalGapCount);
@@ -236,7 +250,9 @@ JSObject syncFixJSON(const SyncForecast& forecast) {
 }  // namespace
 
 std::string inspectionJSON(const Inspection& inspection) {
-  JSObject object{{"verdict", inspection.verdict.text},
+  JSObject object{{"schema", 1},
+                  {"result", "inspected"},
+                  {"verdict", inspection.verdict.text},
                   {"verdictKind", kindText(inspection.verdict.kind)},
                   {"file", inspection.file.string()},
                   {"size", number(inspection.size)},
@@ -246,7 +262,9 @@ std::string inspectionJSON(const Inspection& inspection) {
   if (inspection.video) object.set("video", videoJSON(*inspection.video));
   if (inspection.sync) object.set("sync", syncJSON(*inspection.sync));
   if (inspection.syncProblem) object.set("syncProblem", *inspection.syncProblem);
-  object.set("problems", arrayOf(inspection.problems, [](const Problem& problem) { return JSValue(problem.words); }));
+  object.set("problems", arrayOf(inspection.problems, [&](const Problem& problem) {
+               return JSObject{{"words", problem.words}, {"mended", isMended(problem, inspection)}};
+             }));
   object.set("fragments",
              JSObject{{"does", kindText(inspection.fragments.kind)}, {"reason", inspection.fragments.reason}});
   object.set("remux", JSObject{{"does", kindText(inspection.remux.kind)},
@@ -260,6 +278,7 @@ std::string inspectionJSON(const Inspection& inspection) {
   object.set("comparable", inspection.isComparable);
   object.set("harms", texts(inspection.harms));
   object.set("changesFile", inspection.changesFile);
+  object.set("summary", summaryJSON(inspection.summary));
   return object.json();
 }
 

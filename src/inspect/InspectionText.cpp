@@ -150,105 +150,145 @@ void writeSync(Writer& out, const Inspection& inspection) {
            sync.syncOffsetSeconds < 0 ? "ahead of" : "after");
 }
 
-std::string fragmentsText(const FragmentsForecast& forecast) {
-  using Kind = FragmentsForecast::Kind;
-  switch (forecast.kind) {
-    case Kind::nothing:
-      return "";
-    case Kind::joins:
-      return "makes a plain movie of the fragments";
-    case Kind::keepsPart:
-      return "keeps what is there";
-    case Kind::correctsSize:
-      return "corrects the size of the mdat";
-    case Kind::leavesAlone:
-      return "leaves the movie as it is";
-    case Kind::refuses:
-      return "refuses the file";
-  }
-  return "";
-}
-
+/// What a repair does to the video, as the end of "the video".
 std::string remuxText(const Inspection& inspection) {
   const RemuxForecast& remux = inspection.remux;
   const std::string tag = remux.entries.empty() ? "" : remux.entries.front().tag;
-  const VideoCodec* codec = codecOfTag(tag);
   switch (remux.kind) {
     case RemuxForecast::Kind::skipped:
     case RemuxForecast::Kind::leavesAlone:
-      return "leaves the video alone";
+      return "stays as it is";
     case RemuxForecast::Kind::changesTag:
-      return "changes the tag to " + tag;
+      return fmt::format("gets the tag {}", tag);
     case RemuxForecast::Kind::rebuilds:
-      return fmt::format("rebuilds {} under the tag {}{}", codec != nullptr ? codec->configBox : "", tag,
-                         remux.changesFile ? "" : ", byte for byte as it is");
+      return fmt::format("gets a new sample entry under the tag {}", tag);
     case RemuxForecast::Kind::splits:
-      return fmt::format("writes {} sample entries", remux.entries.size());
+      return fmt::format("gets {} new sample entries", remux.entries.size());
     case RemuxForecast::Kind::refuses:
-      return "refuses the file";
+      return "cannot be repaired";
   }
   return "";
 }
 
-std::string syncFixText(const Inspection& inspection) {
-  switch (inspection.syncFix.kind) {
+std::string fragmentsText(FragmentsForecast::Kind kind) {
+  using Kind = FragmentsForecast::Kind;
+  switch (kind) {
+    case Kind::nothing:
+      return "";
+    case Kind::joins:
+      return "becomes a plain movie";
+    case Kind::keepsPart:
+      return "becomes a whole movie of what is there";
+    case Kind::correctsSize:
+      return "gets the right size of its mdat";
+    case Kind::leavesAlone:
+      return "stays as it is";
+    case Kind::refuses:
+      return "cannot be repaired";
+  }
+  return "";
+}
+
+std::string syncFixText(SyncForecast::Kind kind) {
+  switch (kind) {
     case SyncForecast::Kind::notReached:
-      return "is not reached";
+      return "are not looked at";
     case SyncForecast::Kind::nothing:
-      return "changes nothing";
+      return "stay as they are";
     case SyncForecast::Kind::writes:
-      return "writes edit lists";
+      return "become new ones";
     case SyncForecast::Kind::fails:
-      return "fails, which leaves the edit lists as they are";
+      return "cannot be written and stay as they are";
   }
   return "";
 }
 
-void writeOrder(Writer& out, const SyncFixOrder& order) {
-  for (const auto& [trackID, list] : order.tracks) {
+std::string because(const std::string& reason) {
+  return reason.empty() ? "" : ": " + reason;
+}
+
+void writeLists(Writer& out, const Inspection& inspection) {
+  out.line("the edit lists {}{}", syncFixText(inspection.syncFix.kind), because(inspection.syncFix.reason));
+  if (inspection.syncFix.kind != SyncForecast::Kind::writes) return;
+  for (const auto& [trackID, list] : inspection.syncFix.order.tracks) {
     out.line("  edits of track {}: {}, since {}", trackID, rowsText(list.entries), list.reason);
   }
 }
 
-void writeRepair(Writer& out, const Inspection& inspection) {
-  out.heading("Repair");
-  if (inspection.refusal)
-    return out.line("it fails, since there is nothing that a player could show. The file stays as it is.");
+void writeSteps(Writer& out, const Inspection& inspection) {
+  out.heading("A repair, part by part");
+  if (inspection.refusal) return out.line("nothing is done: a player could show nothing of the file");
   const FragmentsForecast& fragments = inspection.fragments;
   if (fragments.kind != FragmentsForecast::Kind::nothing) {
-    out.line("the fragments step {}: {}", fragmentsText(fragments), fragments.reason);
+    out.line("the movie {}{}", fragmentsText(fragments.kind), because(fragments.reason));
   }
   const RemuxForecast& remux = inspection.remux;
-  out.line("the remux step {}: {}", remuxText(inspection), remux.reason);
+  out.line("the video {}{}", remuxText(inspection), because(remux.reason));
   if (remux.kind != RemuxForecast::Kind::leavesAlone) writeEntries(out, remux.entries, "  ");
   for (const std::string& loss : remux.losses) out.line("  lost: {}", loss);
-  out.line("the audio step {}: {}", audioStepText(inspection.audio), inspection.audio.reason);
-  for (const std::string& line : audioConsequences(inspection.audio)) out.line("  {}", line);
-  out.line("the sync step {}: {}", syncFixText(inspection), inspection.syncFix.reason);
-  if (inspection.syncFix.kind == SyncForecast::Kind::writes) writeOrder(out, inspection.syncFix.order);
+  out.line("the sound {}{}", audioStepText(inspection.audio), because(inspection.audio.reason));
+  writeLists(out, inspection);
+}
+
+std::string behindText(std::optional<double> seconds) {
+  if (!seconds) return "unknown";
+  const double milliseconds = std::round(*seconds * 1000);
+  if (milliseconds == 0) return "level with the picture";
+  return fmt::format("{:.3f} s {} the picture", std::abs(milliseconds) / 1000, milliseconds > 0 ? "after" : "ahead of");
+}
+
+void writeSoundAgainstPicture(Writer& out, const RepairSummary& summary, bool changesFile) {
+  const auto line = [&](const char* when, const std::optional<RepairSummary::Timeline>& timeline) {
+    if (!timeline || !timeline->soundBehindAtStart) return;
+    out.line("{}the sound starts {} and ends {}", when, behindText(timeline->soundBehindAtStart),
+             behindText(timeline->soundBehindAtEnd));
+  };
+  line("", summary.before);
+  if (changesFile) line("after a repair ", summary.after);
+}
+
+/// What a repair did on trial, and what it does not do.
+void writeRepair(Writer& out, const Inspection& inspection) {
+  const bool isRefused = inspection.refusal || inspection.remux.kind == RemuxForecast::Kind::refuses ||
+                         inspection.fragments.kind == FragmentsForecast::Kind::refuses;
+  out.heading("A repair, on trial");
+  if (isRefused) return out.line("it failed, and the file stays as it is");
+  for (const std::string& done : inspection.summary.done) out.line("{}", done);
   for (const std::string& warning : inspection.warnings) {
-    const bool isTold = std::ranges::find(remux.losses, warning) != remux.losses.end() || warning == fragments.reason;
-    if (!isTold) out.line("warning: {}", warning);
+    if (std::ranges::count(inspection.problems, warning, &Problem::words) == 0) out.line("note: {}", warning);
   }
-  for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file is kept: {}", harm);
-  if (inspection.changesFile && inspection.isComparable) {
-    const bool isPart = fragments.kind == FragmentsForecast::Kind::keepsPart;
-    out.line("compared with {}: nothing is hidden, revealed or moved{}", isPart ? "what is there" : "the file",
-             inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
+  for (const std::string& harm : inspection.harms) out.line("the result would do harm, so the file stays: {}", harm);
+  if (!inspection.changesFile) return out.line("it changed nothing: the result is the file, byte for byte");
+  if (!inspection.isComparable) return;
+  const bool isPart = inspection.fragments.kind == FragmentsForecast::Kind::keepsPart;
+  out.line("compared with {}: nothing is hidden, revealed or moved{}", isPart ? "what is there" : "the file",
+           inspection.audio.replacesSound() ? "; the repair compares the new sound when it is made" : "");
+}
+
+void writeVerdict(Writer& out, const Inspection& inspection) {
+  out.heading("What is wrong");
+  if (inspection.problems.empty()) out.line("nothing");
+  for (const Problem& problem : inspection.problems) {
+    out.line("{}{}", problem.words, isMended(problem, inspection) ? "" : " (a repair leaves it)");
   }
-  if (remux.kind == RemuxForecast::Kind::refuses || fragments.kind == FragmentsForecast::Kind::refuses) {
-    out.line("so the repair fails. The file stays as it is.");
-  } else {
-    out.line("{}",
-             inspection.changesFile ? "the result differs from the file" : "the result is the file, byte for byte");
-  }
+  writeRepair(out, inspection);
 }
 
 }  // namespace
 
+std::string inspectionBrief(const Inspection& inspection) {
+  Writer out;
+  writeVerdict(out, inspection);
+  return fmt::format("{}\n{}: {} bytes\n", printable(inspection.verdict.text), printable(inspection.file.string()),
+                     inspection.size) +
+         std::move(out).take();
+}
+
 std::string inspectionText(const Inspection& inspection) {
   Writer out;
-  writeBoxes(out, inspection);
+  out.heading("Sound against picture");
+  writeSoundAgainstPicture(out, inspection.summary, inspection.changesFile);
+  writeSteps(out, inspection);
   writeTracks(out, inspection);
   writeVideo(out, inspection);
   if (inspection.audio.findings) {
@@ -256,15 +296,8 @@ std::string inspectionText(const Inspection& inspection) {
     for (const std::string& line : soundLines(inspection.audio)) out.line("{}", line);
   }
   writeSync(out, inspection);
-  out.heading("Problems");
-  if (inspection.problems.empty()) out.line("none");
-  for (const Problem& problem : inspection.problems) {
-    out.line("{}{}", problem.words, isMended(problem, inspection) ? "" : " (a repair leaves it)");
-  }
-  writeRepair(out, inspection);
-  return fmt::format("{}\n{}: {} bytes\n", printable(inspection.verdict.text), inspection.file.string(),
-                     inspection.size) +
-         std::move(out).take();
+  writeBoxes(out, inspection);
+  return inspectionBrief(inspection) + std::move(out).take();
 }
 
 }  // namespace tarn

@@ -6,7 +6,10 @@
 
 namespace tarn {
 
-/// An inspection for people: the verdict first, then the facts, several lines.
+/// An inspection for people, several lines: the verdict, what is wrong and what a repair does.
+std::string inspectionBrief(const Inspection& inspection);
+
+/// The same, and all other facts behind it.
 std::string inspectionText(const Inspection& inspection);
 
 }  // namespace tarn

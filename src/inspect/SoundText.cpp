@@ -4,9 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <span>
 #include <string_view>
+
+#include "audio/SoundWords.h"
 
 namespace tarn {
 namespace {
@@ -25,33 +26,12 @@ void listPlaces(std::vector<std::string>& lines, const std::vector<SoundPlace>& 
 
 std::string codecLine(const AudioForecast& forecast) {
   const AudioConfigCheck& config = forecast.findings->config;
-  const std::string line = fmt::format("{}, {} Hz, {} channel{}", codecName(forecast), config.sampleRate,
+  const std::string line = fmt::format("{}, {} Hz, {} channel{}", codecName(*forecast.findings), config.sampleRate,
                                        config.channelCount, config.channelCount == 1 ? "" : "s");
-  if (config.reason) return line + ": " + *config.reason;
-  return config.isAAC ? line + ": its packets can be used as they are" : line;
+  return config.matchesPassthroughTarget ? line + ": its packets can be used as they are" : line;
 }
 
 }  // namespace
-
-std::string codecName(const AudioForecast& forecast) {
-  static const std::map<std::string, const char*> names = {
-      {"ac-3", "AC-3"}, {"ec-3", "E-AC-3"}, {".mp3", "MP3"}, {"alac", "ALAC"}, {"fLaC", "FLAC"},
-      {"sowt", "PCM"},  {"twos", "PCM"},    {"lpcm", "PCM"}, {"ipcm", "PCM"},  {"fpcm", "PCM"},
-      {"in24", "PCM"},  {"in32", "PCM"},    {"fl32", "PCM"}, {"raw ", "PCM"}};
-  if (const auto name = names.find(forecast.codec); name != names.end()) return name->second;
-  if (forecast.codec != "mp4a") return forecast.codec.empty() ? "of an unknown codec" : forecast.codec;
-  const int64_t objectType = forecast.findings->config.aacObjectType;
-  switch (objectType) {
-    case 2:
-    case 5:
-    case 29:
-      return std::string(text(forecast.findings->analysis.aacType));
-    case 34:
-      return "MP3";
-    default:
-      return fmt::format("audio of object type {}", objectType);
-  }
-}
 
 std::vector<std::string> soundLines(const AudioForecast& forecast) {
   const AudioFindings& findings = *forecast.findings;
@@ -73,26 +53,19 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
 std::string audioStepText(const AudioForecast& forecast) {
   switch (forecast.kind) {
     case AudioForecast::Kind::notReached:
-      return "is not reached";
     case AudioForecast::Kind::skipped:
     case AudioForecast::Kind::noSound:
-      return "is passed over";
+      return "is not looked at";
     case AudioForecast::Kind::leavesAlone:
     case AudioForecast::Kind::leavesExtremeDrift:
-      return "leaves the sound alone";
     case AudioForecast::Kind::leavesToEditList:
-      return "leaves the sound to the edit list (decision editListOnly)";
+      return "stays as it is";
     case AudioForecast::Kind::takesFastPath:
-      return "fills the gaps with silent packets without decoding (decision fastPath)";
+      return "gets silent packets in its gaps, and each packet stays within its own length of where it was";
     case AudioForecast::Kind::transcodes:
-      return "decodes and encodes the sound (decision fullNormalize)";
+      return "is decoded and encoded anew";
   }
   return "";
-}
-
-std::vector<std::string> audioConsequences(const AudioForecast& forecast) {
-  if (forecast.kind != AudioForecast::Kind::takesFastPath) return {};
-  return {"each packet stays within its own length of where it was"};
 }
 
 }  // namespace tarn

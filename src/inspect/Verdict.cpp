@@ -85,10 +85,4 @@ Verdict verdictOn(const Inspection& inspection) {
   return {Kind::nothingToRepair, "Nothing to repair"};
 }
 
-std::string clockText(double seconds) {
-  const auto whole = static_cast<int64_t>(std::max(seconds, 0.0));
-  if (whole < 3600) return fmt::format("{}:{:02}", whole / 60, whole % 60);
-  return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
-}
-
 }  // namespace tarn

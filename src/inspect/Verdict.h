@@ -22,7 +22,6 @@ struct Problem {
 
   Of of = Of::file;
   std::string words;
-  uint32_t trackID = 0;  ///< whose edit list it is about
 };
 
 /// What to make of the file, at a glance.
@@ -38,8 +37,5 @@ Verdict verdictOn(const Inspection& inspection);
 
 /// Whether a step of the repair mends it.
 bool isMended(const Problem& problem, const Inspection& inspection);
-
-/// "0:01", "1:02:03".
-std::string clockText(double seconds);
 
 }  // namespace tarn

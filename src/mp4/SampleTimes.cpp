@@ -72,6 +72,17 @@ void SampleTimes::readOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
   largestOffset_ = largest.offset;
 }
 
+std::vector<SampleTimes::Run> SampleTimes::runs() const {
+  std::vector<Run> runs;
+  runs.reserve(deltas_.size());
+  for (size_t i = 0; i < deltas_.size(); ++i) {
+    const auto& [time, first, delta] = deltas_[i];
+    const uint32_t end = i + 1 < deltas_.size() ? deltas_[i + 1].firstSample : sampleCount_;
+    runs.push_back({time, first, end - first, delta});
+  }
+  return runs;
+}
+
 uint32_t SampleTimes::firstDecodedFrom(int64_t time) const {
   auto from = std::ranges::lower_bound(deltas_, time, {}, &DeltaRun::firstTime);
   if (from == deltas_.begin()) return 0;

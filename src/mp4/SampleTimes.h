@@ -27,6 +27,15 @@ class SampleTimes {
   /// for decode times beyond 2^60, and a ByteArrayError where a box ends before its count does.
   SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t sampleCount);
 
+  /// Samples in a row with one delta.
+  struct Run {
+    int64_t firstTime = 0;  ///< of decoding
+    uint32_t first = 0;
+    uint32_t count = 0;
+    uint32_t delta = 0;
+  };
+  std::vector<Run> runs() const;
+
   /// The sum of all deltas.
   int64_t duration() const { return duration_; }
   int64_t smallestOffset() const { return smallestOffset_; }

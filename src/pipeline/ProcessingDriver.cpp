@@ -48,7 +48,9 @@ void ProcessingDriver::continueProcessing(const ProcessingState& state,
   ProcessingRun run(files, clock_, names_, listener_, state, cancellationToken);
   try {
     cancellationToken->throwIfCancelled();
-    runSteps(run, layers, findStart(run, layers));
+    const ProcessingStage start = findStart(run, layers);
+    lookAhead(run, layers);
+    runSteps(run, layers, start);
     finish(run);
   } catch (const std::exception& failure) {
     // A run that was asked to stop is cancelled, whatever error a worker makes of the stop.
@@ -90,12 +92,27 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
     }
   }
   run.state.tempFiles.clear();
+  if (target == ProcessingStage::downloaded) run.startOver();
   run.state.stage = target;
   run.state.lastUpdated = clock_.now();
   run.saveState();
   ProcessingStage start = nextStage(target).value_or(target);
   log("Restarting from: {}", description(start));
   return start;
+}
+
+/// The source is under the file's name until the run is done. Only a run that was cut off while it put its result there
+/// does not know any more what the source showed.
+void ProcessingDriver::lookAhead(ProcessingRun& run, RunLayers& layers) {
+  const bool isSource = run.state.done.empty() || layers.areChanged();
+  if (isSource && steps_.readTimeline) run.outcome.summary.before = steps_.readTimeline(files_, run.fileURL);
+}
+
+void ProcessingDriver::summarize(ProcessingRun& run) {
+  RepairSummary& summary = run.outcome.summary;
+  summary.wrong = run.state.wrong;
+  summary.done = run.state.done;
+  if (steps_.readTimeline) summary.after = steps_.readTimeline(run.files, run.fileURL);
 }
 
 void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, ProcessingStage startStage) {
@@ -118,6 +135,7 @@ void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, Processin
   } else if (isDue(steps_.sync)) {
     steps_.sync->run(run);
   }
+  summarize(run);
   run.token->throwIfCancelled();
   layers.finish(*run.token);
   if (steps_.last) steps_.last->run(run);

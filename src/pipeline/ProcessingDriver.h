@@ -30,6 +30,8 @@ class ProcessingDriver {
   ProcessingStage findStart(ProcessingRun& run, RunLayers& layers);
   ProcessingStage rollBack(ProcessingRun& run, ProcessingStage target);
   void runSteps(ProcessingRun& run, RunLayers& layers, ProcessingStage startStage);
+  void lookAhead(ProcessingRun& run, RunLayers& layers);
+  void summarize(ProcessingRun& run);
   void finish(ProcessingRun& run);
   void fail(ProcessingRun& run, const std::exception_ptr& failure);
   void deleteFiles(const ProcessingRun& run, bool wasTakenAway);

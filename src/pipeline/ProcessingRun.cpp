@@ -1,8 +1,18 @@
 #include "pipeline/ProcessingRun.h"
 
+#include <algorithm>
+
 #include "platform/Log.h"
 
 namespace tarn {
+namespace {
+
+void addOnce(std::vector<std::string>& sentences, const std::string& sentence) {
+  if (sentence.empty() || std::ranges::find(sentences, sentence) != sentences.end()) return;
+  sentences.push_back(sentence);
+}
+
+}  // namespace
 
 ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, NamesInTheMaking& namesInTheMaking,
                              RunListener& listener, ProcessingState record,
@@ -14,7 +24,11 @@ ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, Names
       state(std::move(record)),
       outcome{.id = state.downloadId},
       clock_(clock),
-      listener_(listener) {}
+      listener_(listener) {
+  if (!state.lostEnd) return;
+  outcome.isPartly = true;
+  outcome.leftAlone.push_back(*state.lostEnd);
+}
 
 void ProcessingRun::updateProcessingStage(ProcessingStage stage) {
   state.stage = stage;
@@ -33,6 +47,30 @@ void ProcessingRun::reportProgress(double progress, const std::string& stage) {
 void ProcessingRun::warn(const std::string& words) {
   log("Warning: {}", words);
   outcome.leftAlone.push_back(words);
+}
+
+void ProcessingRun::leave(const std::string& words) {
+  warn(words);
+  addOnce(state.wrong, words);
+}
+
+void ProcessingRun::keepPart(const std::string& whatIsMissing) {
+  warn(whatIsMissing);
+  outcome.isPartly = true;
+  state.lostEnd = whatIsMissing;
+}
+
+void ProcessingRun::startOver() {
+  state.wrong.clear();
+  state.done.clear();
+  state.lostEnd.reset();
+  outcome.isPartly = false;
+  outcome.leftAlone.clear();
+}
+
+void ProcessingRun::mended(const std::string& wrong, const std::string& done) {
+  addOnce(state.wrong, wrong);
+  addOnce(state.done, done);
 }
 
 }  // namespace tarn

@@ -31,6 +31,8 @@ struct ProcessingSteps {
   ProcessingStep* last = nullptr;
   /// Called behind the `fragments` step: looks at the file and turns off what of the record it does not need.
   std::function<void(FileManager& files, ProcessingState& record)> deriveFlags = {};
+  /// Called ahead of the steps and behind them, for the summary of the run: what a player shows of a file.
+  std::function<std::optional<RepairSummary::Timeline>(FileManager& files, const Path& file)> readTimeline = {};
 };
 
 }  // namespace tarn

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +27,7 @@ struct RunOutcome {
   bool isRefused = false;                   ///< a failure: it is no video, and the words say what to do instead
   bool isPartly = false;                    ///< a part of the video is missing, as `leftAlone` says
   RepairSummary summary = {};               ///< of a run that came to its last step
+  std::optional<uint64_t> size = {};        ///< of a saved video, in bytes
 
   static RunOutcome failed(int64_t id, Where where, const std::exception_ptr& failure);
 
@@ -37,8 +37,5 @@ struct RunOutcome {
   /// True if the run has come to its end: its stored record has no use any more. A save that failed is not tried again.
   bool isFinal() const { return kind == Kind::saved || (kind == Kind::failed && where == Where::saving); }
 };
-
-/// Takes the outcome of each download, on any thread. It must not call back.
-using OutcomeSink = std::function<void(const RunOutcome&)>;
 
 }  // namespace tarn

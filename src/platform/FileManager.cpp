@@ -106,7 +106,7 @@ Bytes readFile(FileManager& files, const Path& path) {
 
 void writeFileAtomically(FileManager& files, const Path& target, ByteView bytes) {
   TempFile sibling(files, hiddenSibling(target));
-  const auto handle = files.open(sibling.path(), OpenMode::exclusive);
+  const auto handle = files.open(sibling.path(), OpenMode::exclusivePrivate);
   handle->write(bytes);
   handle->close();
   files.replaceItem(target, sibling.path());

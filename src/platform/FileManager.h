@@ -69,11 +69,16 @@ struct FileAttributes {
 };
 
 enum class OpenMode {
-  reading,    ///< the file must exist
-  updating,   ///< read and write; the file must exist
-  creating,   ///< read and write; the file is made, and emptied when it exists
-  exclusive,  ///< read and write; the file is made, and must not exist
+  reading,           ///< the file must exist
+  updating,          ///< read and write; the file must exist
+  creating,          ///< read and write; the file is made, and emptied when it exists
+  exclusive,         ///< read and write; the file is made, and must not exist
+  exclusivePrivate,  ///< the same, and nobody but its owner may read or write it
 };
+
+inline bool isExclusive(OpenMode mode) {
+  return mode == OpenMode::exclusive || mode == OpenMode::exclusivePrivate;
+}
 
 /// The file system, as the whole system sees it: nothing else opens, lists, moves or deletes a file. Operations throw
 /// PosixError when the system refuses; those that answer with an optional or a bool do not. Thread-safe.
@@ -162,7 +167,7 @@ bool removeIfExists(FileManager& files, const Path& path) noexcept;
 Bytes readFile(FileManager& files, const Path& path);
 
 /// Replaces the content of `target` in one step (write a hidden sibling, flush, replaceItem). On failure `target` is
-/// as it was and nothing is left behind.
+/// as it was and nothing is left behind. The file is for its owner alone.
 void writeFileAtomically(FileManager& files, const Path& target, ByteView bytes);
 
 /// A file URL's absolute text, "file:///a%20b.mp4": every byte outside the unreserved set of RFC 3986 and "/" is

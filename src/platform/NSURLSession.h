@@ -69,10 +69,12 @@ class NSURLSession {
  public:
   virtual ~NSURLSession() = default;
 
-  /// Makes a task, with its record on stable storage; http and https only. Throws URLError for a URL that cannot be
-  /// fetched, PosixError when the record cannot be written.
+  /// Makes a task, with its record on stable storage; http and https only. The options are kept with the task, and what
+  /// they give for the URL's origin goes nowhere else. Throws URLError for a URL that cannot be fetched or options that
+  /// cannot be taken, PosixError when the record cannot be written.
   virtual std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
-                                                                 const std::string& taskDescription) = 0;
+                                                                 const std::string& taskDescription,
+                                                                 const TransferOptions& options = {}) = 0;
 
   /// The tasks of this session that have not had their last event, those of an earlier process included.
   virtual std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() = 0;

@@ -1,6 +1,7 @@
 #include "platform/URL.h"
 
 #include <curl/curl.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <memory>
@@ -9,6 +10,13 @@ namespace tarn {
 namespace {
 
 using CURLUPointer = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+
+std::optional<std::string> partOf(const CURLUPointer& url, CURLUPart part, unsigned flags = 0) {
+  char* text = nullptr;
+  if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) return std::nullopt;
+  const std::unique_ptr<char, decltype(&curl_free)> owned(text, curl_free);
+  return std::string(text);
+}
 
 bool isBlankOrControl(char c) {
   return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F;
@@ -104,16 +112,55 @@ std::optional<URL> URL::parse(std::string_view text) {
   auto scheme = schemeOf(text);
   // The transfer's own parser has the last word on host and port. It forgives a missing host, "http:///name".
   if (!scheme || text.substr(scheme->size() + 3).starts_with('/')) return std::nullopt;
-  URL url{.text = std::string(text), .scheme = std::move(*scheme), .path = {}};
+  const std::string whole(text);
   const CURLUPointer parts(curl_url(), curl_url_cleanup);
-  char* path = nullptr;
-  if (!parts || curl_url_set(parts.get(), CURLUPART_URL, url.text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
-      curl_url_get(parts.get(), CURLUPART_PATH, &path, 0) != CURLUE_OK) {
+  if (!parts || curl_url_set(parts.get(), CURLUPART_URL, whole.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) {
     return std::nullopt;
   }
-  const std::unique_ptr<char, decltype(&curl_free)> owned(path, curl_free);
-  url.path = path;
-  return url;
+  auto path = partOf(parts, CURLUPART_PATH);
+  const auto host = partOf(parts, CURLUPART_HOST);
+  auto port = partOf(parts, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+  if (!path || !host || !port) return std::nullopt;
+  return URL{.text = whole,
+             .scheme = std::move(*scheme),
+             .host = lowerCased(*host),
+             .port = std::move(*port),
+             .path = std::move(*path)};
+}
+
+std::string encodedURL(std::string_view text) {
+  const size_t scheme = text.find("://");
+  const size_t place = scheme == std::string_view::npos ? scheme : text.find_first_of("/?#", scheme + 3);
+  std::string encoded(text.substr(0, place));
+  for (size_t i = encoded.size(); i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool isEscape =
+        byte == '%' && percentDecode(text.substr(i, 3)).value_or("%").size() == 1 && text.size() - i > 2;
+    const bool mayStand = std::string_view("\"<>\\^`{|} %").find(text[i]) == std::string_view::npos && byte < 0x80;
+    if (mayStand || isEscape) {
+      encoded += text[i];
+    } else {
+      encoded += fmt::format("%{:02X}", byte);
+    }
+  }
+  return encoded;
+}
+
+std::optional<std::string> resolvedURL(const std::string& base, const std::string& reference) {
+  const CURLUPointer url(curl_url(), curl_url_cleanup);
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  constexpr unsigned flags = CURLU_URLENCODE | CURLU_NON_SUPPORT_SCHEME;
+  if (curl_url_set(url.get(), CURLUPART_URL, reference.c_str(), flags) != CURLUE_OK) return std::nullopt;
+  return partOf(url, CURLUPART_URL);
+}
+
+std::optional<Credentials> credentialsOf(const std::string& url) {
+  const CURLUPointer parts(curl_url(), curl_url_cleanup);
+  if (!parts || curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  auto user = partOf(parts, CURLUPART_USER, CURLU_URLDECODE);
+  auto password = partOf(parts, CURLUPART_PASSWORD, CURLU_URLDECODE);
+  if (!user && !password) return std::nullopt;
+  return Credentials{.user = user.value_or(""), .password = password.value_or("")};
 }
 
 std::string URL::lastPathComponent() const {

@@ -10,15 +10,35 @@ namespace tarn {
 struct URL {
   std::string text;    ///< absolute text, as given
   std::string scheme;  ///< lower case
+  std::string host;    ///< lower case
+  std::string port;    ///< digits; the scheme's own if the text has none
   std::string path;    ///< percent-encoded, without query and fragment
 
   /// Parses an absolute http or https URL with a host; nothing for any other text, for control characters or blanks.
   static std::optional<URL> parse(std::string_view text);
 
+  /// Whom a client speaks to: scheme, host and port.
+  std::string origin() const { return scheme + "://" + host + ":" + port; }
+
   /// The last part of the path, percent-decoded, or as it stands where an escape is broken; empty when the path ends in
   /// "/". It may hold any byte, "/" included.
   std::string lastPathComponent() const;
 };
+
+/// A URL as people write it: what may not stand in the path, the query and the fragment of a URL (RFC 3986) is
+/// percent-encoded: blanks, quotes, "%" without two digits, bytes beyond ASCII. Control characters stay, and so does
+/// text that has no "://".
+std::string encodedURL(std::string_view text);
+
+/// The URL of a reference (RFC 3986 5), as a Location field has one; nothing if it does not parse. Any scheme.
+std::optional<std::string> resolvedURL(const std::string& base, const std::string& reference);
+
+/// The user name and password of a URL, decoded; nothing if it has none.
+struct Credentials {
+  std::string user;
+  std::string password;
+};
+std::optional<Credentials> credentialsOf(const std::string& url);
 
 /// The text with what must stay between the user and the server taken out of every http and https URL in it: the user
 /// name and password, and the values of parameters whose name is, or ends in the word, token, key, sig, signature or

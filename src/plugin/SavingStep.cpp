@@ -19,6 +19,7 @@ void SavingStep::run(ProcessingRun& run) {
     std::string assetId = SimpleMediaSaver::saveVideo(photos_, clock_, run.fileURL, run.state.filename, album);
     log("Video saved successfully, asset ID: {}", assetId);
     run.outcome.setSaved(assetId);
+    if (const auto facts = run.files.attributes(run.fileURL)) run.outcome.size = facts->size;
   } catch (const Error& error) {
     log("ERROR saving to Photos: {}", error.description());
     run.outcome.setFailed(RunOutcome::Where::saving, std::current_exception());

@@ -14,9 +14,9 @@ constexpr const char* downloadComplete = "downloadComplete";
 }  // namespace
 
 std::shared_ptr<TarnBridge> TarnBridge::create(const Platform& platform, const ProcessingSteps& steps,
-                                               OutcomeSink outcomes) {
+                                               DownloadListener* listener) {
   // NOLINTNEXTLINE: the constructor is private
-  std::shared_ptr<TarnBridge> plugin(new TarnBridge(platform, steps, std::move(outcomes)));
+  std::shared_ptr<TarnBridge> plugin(new TarnBridge(platform, steps, listener));
   plugin->watcher_ = std::make_unique<ProgressWatcher>(platform.dispatch, [weak = plugin->weak_from_this()] {
     auto self = weak.lock();
     return self && self->sendProgress();
@@ -24,8 +24,8 @@ std::shared_ptr<TarnBridge> TarnBridge::create(const Platform& platform, const P
   return plugin;
 }
 
-TarnBridge::TarnBridge(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes)
-    : platform_(platform), steps_(steps), outcomes_(std::move(outcomes)) {}
+TarnBridge::TarnBridge(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener)
+    : platform_(platform), steps_(steps), listener_(listener) {}
 
 TarnBridge::~TarnBridge() = default;
 
@@ -73,7 +73,7 @@ void TarnBridge::load() {
 
 DownloadManager& TarnBridge::downloadManager() {
   std::lock_guard guard(downloadManagerMutex_);
-  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_, weak_from_this(), outcomes_);
+  if (!downloadManager_) downloadManager_ = DownloadManager::create(platform_, steps_, weak_from_this(), listener_);
   return *downloadManager_;
 }
 
@@ -91,7 +91,16 @@ void TarnBridge::saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPoint
   if (!call->getString("url")) return call->reject("Must provide the data path");
   if (!call->getString("album")) return call->reject("Must provide the album");
   if (!call->getString("filename")) return call->reject("Must provide filename");
-  checkAuthorization([self = shared_from_this(), id, call] { self->startSaving(id, call); },
+  save({.url = *call->getString("url"),
+        .album = call->getString("album"),
+        .filename = call->getString("filename"),
+        .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
+        .skipAudioFix = call->getBool("skipAudioFix").value_or(false)},
+       id, call);
+}
+
+void TarnBridge::save(const DownloadRequest& request, std::optional<int64_t> id, const CAPPluginCallPointer& call) {
+  checkAuthorization([self = shared_from_this(), request, id, call] { self->startSaving(request, id, call); },
                      [call] { call->reject("Access to photos not allowed by user"); });
 }
 
@@ -108,12 +117,8 @@ void TarnBridge::checkAuthorization(const std::function<void()>& allowed, const 
                                         });
 }
 
-void TarnBridge::startSaving(std::optional<int64_t> id, const CAPPluginCallPointer& call) {
-  const DownloadRequest request{.url = *call->getString("url"),
-                                .album = call->getString("album"),
-                                .filename = call->getString("filename"),
-                                .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
-                                .skipAudioFix = call->getBool("skipAudioFix").value_or(false)};
+void TarnBridge::startSaving(const DownloadRequest& request, std::optional<int64_t> id,
+                             const CAPPluginCallPointer& call) {
   const auto task = downloadManager().startDownloadFileBy(request, shared_from_this(), id);
   if (!task) return call->reject("Invalid download URL.");
   task->update([weak = weak_from_this()](DownloadTask::Snapshot& fields) {
@@ -123,6 +128,12 @@ void TarnBridge::startSaving(std::optional<int64_t> id, const CAPPluginCallPoint
   });
   watcher_->startCheckingProgress();
   call->resolve(TaskPayload(*task).summary());
+}
+
+DownloadTaskPointer TarnBridge::takeIn(const Path& file, const DownloadRequest& request) {
+  auto task = downloadManager().takeIn(file, request, shared_from_this());
+  if (task) watcher_->startCheckingProgress();
+  return task;
 }
 
 void TarnBridge::cancel(const CAPPluginCallPointer& call) {

@@ -24,9 +24,9 @@ class TarnBridge : public CAPPlugin,
                    public UIApplicationObserver,
                    public std::enable_shared_from_this<TarnBridge> {
  public:
-  /// `outcomes` hears how each download ends, ahead of any event. The platform and the steps must outlive the plug-in.
+  /// The platform, the steps and the listener, if there is one, must outlive the plug-in.
   static std::shared_ptr<TarnBridge> create(const Platform& platform, const ProcessingSteps& steps,
-                                            OutcomeSink outcomes = {});
+                                            DownloadListener* listener = nullptr);
   ~TarnBridge() override;
 
   const std::string& identifier() const override;
@@ -45,6 +45,13 @@ class TarnBridge : public CAPPlugin,
   /// The command saveVideo, for the host: the download gets `id`, if that is free and above 0. A page chooses none.
   void saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call);
 
+  /// Has a file of this machine repaired and saved as if it had been downloaded, for the host; it is moved away. Null
+  /// when new downloads are blocked.
+  DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request);
+
+  /// Begins a download as saveVideo does, and answers the call like it.
+  void save(const DownloadRequest& request, std::optional<int64_t> id, const CAPPluginCallPointer& call);
+
   void appDidEnterBackground() override;
   void appWillEnterForeground() override;
   void appWillTerminate() override;
@@ -57,7 +64,7 @@ class TarnBridge : public CAPPlugin,
   Handler handler(const std::string& method) override;
 
  private:
-  TarnBridge(const Platform& platform, const ProcessingSteps& steps, OutcomeSink outcomes);
+  TarnBridge(const Platform& platform, const ProcessingSteps& steps, DownloadListener* listener);
 
   void getActiveDownloads(const CAPPluginCallPointer& call);
   void saveVideo(const CAPPluginCallPointer& call);
@@ -68,14 +75,14 @@ class TarnBridge : public CAPPlugin,
   void getDownloadLimit(const CAPPluginCallPointer& call);
 
   void checkAuthorization(const std::function<void()>& allowed, const std::function<void()>& notAllowed);
-  void startSaving(std::optional<int64_t> id, const CAPPluginCallPointer& call);
+  void startSaving(const DownloadRequest& request, std::optional<int64_t> id, const CAPPluginCallPointer& call);
   void handleDownloadComplete(const DownloadTaskPointer& download);
   void checkAndUpdateDownloadStates();
   bool sendProgress();
 
   Platform platform_;
   ProcessingSteps steps_;
-  OutcomeSink outcomes_;
+  DownloadListener* const listener_;
   std::mutex downloadManagerMutex_;  ///< held while the engine is made, ahead of all of its locks
   std::shared_ptr<DownloadManager> downloadManager_;
   std::unique_ptr<ProgressWatcher> watcher_;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "presentation/TrackWords.h"
 #include "presentation/detail/LaidEdit.h"
 
 namespace tarn {
@@ -25,13 +26,8 @@ struct TrackWords {
   TrackWords(const TrackChange& change, const Presentation& before) {
     bool isVideo = change.handler == "vide";
     one = isVideo ? "picture" : "packet";
-    track = isVideo                    ? "video"
-            : change.handler == "soun" ? "sound"
-            : change.handler == "text" || change.handler == "sbtl" || change.handler == "subt"
-                ? "text"
-                : fmt::format("\"{}\" track", change.handler);
+    track = trackWords(before, change.handler, change.trackID);
     auto alike = std::ranges::count(before.tracks(), change.handler, &TrackPresentation::handler);
-    if (alike > 1) track += fmt::format(" (track {})", change.trackID);
     if (isVideo && alike > 1) among = fmt::format(" of track {}", change.trackID);
     if (!isVideo) among = " of the " + track;
   }

@@ -22,7 +22,7 @@ bool isSoundAlone(FileManager& files, const Path& path) {
 
 std::optional<std::string> whyTheVideoIsLeftAlone(FileManager& files, const Path& path) {
   try {
-    if (isFragmented(files, path)) return "it is fragmented: its moov does not list all samples";
+    if (isFragmented(files, path)) return "it is in fragments";
     if (isSoundAlone(files, path)) return std::nullopt;
     if (auto tag = detectHEVCTag(files, path)) {
       if (isEncryptedVideo(*tag)) return fmt::format("the video is encrypted ({})", *tag);

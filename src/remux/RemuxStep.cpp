@@ -1,5 +1,7 @@
 #include "remux/RemuxStep.h"
 
+#include <fmt/format.h>
+
 #include <optional>
 #include <string>
 
@@ -31,6 +33,7 @@ void rewrite(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec,
   const RewriteCheck check = before ? requireHarmless(run.files, *before, nothing) : RewriteCheck();
   remuxWithParameterExtraction(run.files, run.fileURL, codec, run.token.get(), timings, &plan, check);
   for (const std::string& loss : plan.losses) run.warn(loss);
+  run.mended(plan.reason, plan.remedy);
 }
 
 void follow(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, RemuxTimings& timings) {
@@ -39,11 +42,12 @@ void follow(ProcessingRun& run, const VideoPlan& plan, const VideoCodec& codec, 
       log("The video is left alone: {}", plan.reason);
       break;
     case VideoPlan::Kind::cannot:
-      run.warn("the video is left as it is: " + plan.reason);
+      run.leave("the video is left as it is: " + plan.reason);
       break;
     case VideoPlan::Kind::changesTags:
       log("The tag is repaired: {}", plan.reason);
       changeTags(run.files, run.fileURL, plan);
+      run.mended(plan.reason, plan.remedy);
       break;
     case VideoPlan::Kind::rebuilds:
     case VideoPlan::Kind::splits:
@@ -90,7 +94,9 @@ void RemuxStep::remux(ProcessingRun& run, const VideoCodec& codec, const std::st
   } catch (const Error& error) {
     log("ERROR during {} remuxing: {}", codec.name, error.description());
     if (!isOfTheFile(error)) throw;
-    run.warn("the video is left as it is: " + error.description());
+    const bool isHarm = dynamic_cast<const RefusedResult*>(&error) != nullptr;
+    run.leave(fmt::format("the video is left as it is: {} ({})",
+                          isHarm ? "a repair would do harm" : "its index is damaged", error.description()));
     return;
   }
   run.timings.hevcRemuxTotal = run.timer.stop();

@@ -140,11 +140,11 @@ class Planner {
     plan_.hasWholeEntries = true;
     plan_.newTag = codec_.tag;
     plan_.kind = plan_.tagOffsets.empty() ? Kind::leavesAlone : Kind::changesTags;
-    const std::string_view who = entries_.size() == 1 ? "the sample entry holds" : "the sample entries hold";
-    plan_.reason = fmt::format("{} all parameter sets", who);
-    if (plan_.kind == Kind::changesTags) {
-      plan_.reason += fmt::format(", so {} becomes {} in the file itself", codec_.inBandTag, codec_.tag);
-    }
+    plan_.reason = "the file's header holds all that a decoder needs";
+    if (plan_.kind == Kind::leavesAlone) return;
+    plan_.reason = fmt::format("the video has the tag \"{}\", which many players refuse though nothing is missing",
+                               codec_.inBandTag);
+    plan_.remedy = fmt::format("changed the tag to \"{}\"", codec_.tag);
   }
 
   void replaceEntries() {
@@ -154,14 +154,14 @@ class Planner {
     }
     if (plan_.segments.empty()) missing = "no samples";
     if (!missing.empty()) {
-      return giveUp(fmt::format("neither the sample entry nor the sync samples hold its parameter sets ({})", missing));
+      return giveUp(fmt::format("neither the file's header nor its pictures hold what a decoder needs ({})", missing));
     }
     if (!foreign_.empty()) return giveUp(foreign_);
     bool areOneLength = std::ranges::all_of(
         inUse_, [&](const VideoEntry* entry) { return nalLengthSize(*entry) == plan_.nalLengthSize; });
     if (!areOneLength) return giveUp("the sample entries state different sizes of NAL lengths");
     plan_.kind = plan_.segments.size() > 1 || entries_.size() > 1 ? Kind::splits : Kind::rebuilds;
-    plan_.reason = whyReplaced();
+    tellWhyReplaced();
     plan_.hasWholeEntries = std::ranges::all_of(inUse_, [&](const VideoEntry* entry) { return isComplete(*entry); });
     for (const VideoEntry* entry : inUse_) {
       for (const std::string& other : entry->others) {
@@ -172,14 +172,24 @@ class Planner {
 
   void giveUp(const std::string& reason) { plan_ = {.kind = Kind::cannot, .reason = reason}; }
 
-  std::string whyReplaced() const {
-    if (plan_.segments.size() > 1 && changesPictureSize()) return "the picture size changes in mid-stream";
-    if (plan_.segments.size() > 1) return "identifiers of parameter sets come again with other content";
+  void tellWhyReplaced() {
+    const bool isOfSizes = plan_.segments.size() > 1 && changesPictureSize();
+    plan_.reason = isOfSizes ? "the picture size changes on the way, and the file's header holds one only"
+                   : plan_.segments.size() > 1 ? "the decoder's parameter sets change on the way under the same numbers"
+                                               : whyRebuilt();
+    plan_.remedy = plan_.kind == Kind::splits
+                       ? fmt::format("gave each part of the video its parameter sets in the file's header ({} entries)",
+                                     plan_.segments.size())
+                       : fmt::format("put the parameter sets into the file's header, under the tag \"{}\"", codec_.tag);
+  }
+
+  std::string whyRebuilt() const {
     for (const VideoEntry* entry : inUse_) {
       std::string missing = missingKinds(entry->sets, codec_.nal);
-      if (!missing.empty()) return fmt::format("the sample entry has {}; the samples have them", missing);
+      if (missing.empty()) continue;
+      return fmt::format("the decoder's parameter sets stand only in the bitstream: the file's header has {}", missing);
     }
-    return "the samples carry other parameter sets than the sample entry";
+    return "the file's header holds other parameter sets than the pictures need";
   }
 
   bool changesPictureSize() const {
@@ -217,7 +227,7 @@ std::optional<VideoPlan> planFor(FileHandle& file) {
   if (entries.empty()) throw MP4RemuxError::corruptedMP4("No sample entry can be read");
   VideoPlan plan = Planner(file, *codec, std::move(entries), *stbl).make();
   if (!plan.segments.empty() && scanAround(file, *moov).isMdatCut()) {
-    return VideoPlan{.kind = Kind::cannot, .reason = plan.reason + ", but the file is cut off in its media"};
+    return VideoPlan{.kind = Kind::cannot, .reason = plan.reason + ", and the file is cut off in its media"};
   }
   return plan;
 }

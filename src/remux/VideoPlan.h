@@ -21,7 +21,8 @@ struct VideoPlan {
     cannot,       ///< something is missing, and nowhere to be found
   };
   Kind kind = Kind::leavesAlone;
-  std::string reason = {};                          ///< in words for people
+  std::string reason = {};                          ///< for people: what is wrong, or of leavesAlone why nothing is
+  std::string remedy = {};                          ///< what following the plan does about it: "changed the tag to ..."
   bool hasWholeEntries = false;                     ///< each sample entry in use holds complete sets
   std::vector<std::string> losses = {};             ///< what the new entries do not take over, likewise
   std::vector<uint64_t> tagOffsets = {};            ///< of changesTags: where the tags are in the file

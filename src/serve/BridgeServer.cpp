@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
@@ -19,7 +20,11 @@
 #include "platform/Log.h"
 #include "platform/UTF8.h"
 #include "serve/HomeToken.h"
+#include "serve/detail/HostDesk.h"
+#include "serve/detail/HostRoutes.h"
 #include "serve/detail/HostScript.h"
+#include "serve/detail/LocalDrop.h"
+#include "serve/detail/RequestBody.h"
 #include "serve/detail/RequestCheck.h"
 #include "serve/detail/ServerParts.h"
 #include "serve/detail/Site.h"
@@ -91,13 +96,24 @@ RequestHead headOf(const Request& request) {
 
 /// What to say to a request that could not be read; nothing when nobody listens any more.
 std::optional<SiteAnswer> answerToUnreadable(error_code failure) {
-  if (failure == http::error::body_limit) return SiteAnswer::words(413, "A request has no body here.");
   if (failure == http::error::header_limit || failure == http::error::buffer_overflow) {
     return SiteAnswer::words(431, "The request's head is too large.");
   }
   const bool isGone = failure == http::error::end_of_stream || failure == http::error::partial_message;
   if (isGone || failure.category() != http::make_error_code(http::error::bad_target).category()) return std::nullopt;
   return SiteAnswer::words(400, "The request cannot be read.");
+}
+
+SiteAnswer answerOf(const Refusal& refusal) {
+  SiteAnswer answer = SiteAnswer::words(refusal.status, refusal.words);
+  if (!refusal.location.empty()) answer.fields.emplace_back("Location", refusal.location);
+  return answer;
+}
+
+HostFacts factsOf(const CAPPlugin& host, const Path& logFile) {
+  HostFacts facts{.name = host.jsName(), .log = logFile.string()};
+  for (const CAPPluginMethod& method : host.pluginMethods()) facts.methods.push_back(method.name);
+  return facts;
 }
 
 /// Nothing when the socket's parameters are not as a page sends them.
@@ -150,17 +166,23 @@ Acceptors openAcceptors(asio::io_context& context, uint16_t port) {
 
 class BridgeServer::Core {
  public:
-  Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings, LifeHandler onLife)
+  Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, CAPPlugin& host, const Settings& settings,
+       LifeHandler onLife)
       : onLife_(std::move(onLife)),
-        site_(files, photos, plugin, settings.webFolder, pageKey(settings.token)),
+        hostName_(host.jsName()),
+        site_(files, photos, settings.webFolder,
+              hostScript(plugin, pageKey(settings.token), factsOf(host, settings.logFile))),
         acceptors_(openAcceptors(context_, settings.port)),
         lifeTimer_(context_),
         check_(acceptors_.v4.local_endpoint().port(), settings.token),
         hub_(plugin.jsName(), makeUUID(), steady_clock::now(),
              [this](const std::string& page, PageCommand command) { commands_.run(page, std::move(command)); }),
-        commands_({&plugin}, mailbox_, [this](const std::string& page, const std::string& id, const auto& answer) {
-          hub_.answer(page, id, answer);
-        }) {
+        commands_({&plugin}, mailbox_,
+                  [this](const std::string& page, const std::string& id, const auto& answer) {
+                    hub_.answer(page, id, answer);
+                  }),
+        desk_(host, files, mailbox_, context_),
+        drop_(files, settings.localFolder) {
     asio::co_spawn(context_, listen(acceptors_.v4), logFailure);
     if (acceptors_.v6.is_open()) asio::co_spawn(context_, listen(acceptors_.v6), logFailure);
     asio::post(context_, [this] { updateLife(); });
@@ -187,6 +209,7 @@ class BridgeServer::Core {
     acceptors_.v4.close(ignored);
     acceptors_.v6.close(ignored);
     lifeTimer_.cancel();
+    desk_.stop();
     for (const auto& close : live_) close();
   }
 
@@ -212,7 +235,7 @@ class BridgeServer::Core {
     beast::flat_buffer buffer(largestHead);
     http::request_parser<http::empty_body> parser;
     parser.header_limit(largestHead);
-    parser.body_limit(0);
+    parser.body_limit(boost::none);  // no body is read by the parser
     stream.expires_after(headTime);
     const auto [failure, count] = co_await http::async_read_header(stream, buffer, parser, quietly);
     if (failure) {
@@ -224,7 +247,10 @@ class BridgeServer::Core {
     const auto target = RequestTarget::parse(head.target);
     const auto inside = target ? check_.inside(*target) : std::nullopt;
     const bool isSocket = inside && inside->path == "/bridge/socket";
-    auto refusal = refuse(head, target, isSocket, parser.chunked() || buffer.size() > 0);
+    auto refusal = refuse(head, target, isSocket);
+    const RequestBody body{
+        .length = lengthOf(parser), .isChunked = parser.chunked(), .arrived = static_cast<size_t>(buffer.size())};
+    if (!refusal) refusal = refuseBody(head, body);
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
       co_await send(stream, *refusal);
@@ -234,21 +260,32 @@ class BridgeServer::Core {
       const Request request = parser.release();
       const auto greeting = parseGreeting(*target);
       co_await talk(*page, request, *greeting);
-    } else {
+    } else if (head.method == "GET") {
       SiteAnswer answer = co_await answerTo(head, *target);
       co_await send(stream, answer);
+    } else {
+      auto changing = head.method == "PUT" ? takeIn(stream, buffer, *inside, *body.length)
+                                           : change(stream, buffer, *inside, static_cast<size_t>(*body.length));
+      auto answer = co_await std::move(changing);
+      if (answer) co_await send(stream, *answer);
     }
   }
 
-  std::optional<SiteAnswer> refuse(const RequestHead& head, const std::optional<RequestTarget>& target, bool isSocket,
-                                   bool hasMore) const {
+  static std::optional<uint64_t> lengthOf(const http::request_parser<http::empty_body>& parser) {
+    const auto length = parser.content_length();
+    return length ? std::optional<uint64_t>(*length) : std::nullopt;
+  }
+
+  std::optional<SiteAnswer> refuse(const RequestHead& head, const std::optional<RequestTarget>& target,
+                                   bool isSocket) const {
     if (!target) return SiteAnswer::words(400, "The request's target cannot be read.");
-    if (const auto refusal = check_.refuse(head, *target, isSocket)) {
-      SiteAnswer answer = SiteAnswer::words(refusal->status, refusal->words);
-      if (refusal->status == 405) answer.fields.emplace_back("Allow", "GET");
+    const auto inside = check_.inside(*target);
+    const auto methods = inside ? HostRoutes::allowedMethods(inside->path) : std::vector<std::string_view>{"GET"};
+    if (const auto refusal = check_.refuse(head, *target, isSocket, methods)) {
+      SiteAnswer answer = answerOf(*refusal);
+      if (refusal->status == 405) answer.fields.emplace_back("Allow", fmt::format("{}", fmt::join(methods, ", ")));
       return answer;
     }
-    if (hasMore) return SiteAnswer::words(413, "A request has no body here, and nothing behind it.");
     if (!isSocket) return std::nullopt;
     if (!beast::iequals(head.field("upgrade").value_or(""), "websocket")) {
       SiteAnswer answer = SiteAnswer::words(426, "This is the address of the WebSocket.");
@@ -259,11 +296,72 @@ class BridgeServer::Core {
     return std::nullopt;
   }
 
+  std::optional<SiteAnswer> refuseBody(const RequestHead& head, const RequestBody& body) const {
+    auto refusal = body.refuse(head);
+    if (!refusal && head.method == "PUT") refusal = drop_.refuse(*body.length);
+    return refusal ? std::optional(answerOf(*refusal)) : std::nullopt;
+  }
+
+  /// Does what a page asks the host to do, and tells all pages.
+  asio::awaitable<std::optional<SiteAnswer>> change(beast::tcp_stream& stream, beast::flat_buffer& buffer,
+                                                    RequestTarget target, size_t size) {
+    std::string body = beast::buffers_to_string(buffer.cdata());
+    const size_t arrived = body.size();
+    body.resize(size);
+    const auto rest = asio::buffer(body) + arrived;
+    stream.expires_after(headTime);
+    const auto [failure, count] = co_await asio::async_read(stream, rest, quietly);
+    if (failure) co_return std::nullopt;
+    stream.expires_never();
+    auto call = HostRoutes::callFor("POST", target.path, body);
+    if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
+    auto& hostCall = std::get<HostCall>(call);
+    const std::string what(HostRoutes::changedBy(hostCall.method));
+    auto answering = desk_.answer(std::move(hostCall));
+    SiteAnswer answer = co_await std::move(answering);
+    if (answer.status == 200) tellChange(what);
+    co_return answer;
+  }
+
+  void tellChange(const std::string& what) { hub_.sendEventOf(hostName_, "changed", {{"what", what}}); }
+
+  /// Takes a file of the browser's machine in and gives it to the host.
+  asio::awaitable<std::optional<SiteAnswer>> takeIn(beast::tcp_stream& stream, beast::flat_buffer& buffer,
+                                                    RequestTarget target, uint64_t size) {
+    std::optional<Path> file;
+    try {
+      auto receiving = drop_.receive(stream, buffer, size);
+      file = co_await std::move(receiving);
+    } catch (const Error& failure) {
+      log("A file of a page cannot be kept: {}", failure.description());
+      co_return SiteAnswer::words(507, "The file cannot be kept; the log says why.");
+    }
+    if (!file) co_return std::nullopt;
+    stream.expires_never();
+    auto answering = desk_.answer({.method = "importLocal",
+                                   .options = {{"path", file->string()},
+                                               {"filename", target.parameter("filename")},
+                                               {"album", target.parameter("album")}}});
+    SiteAnswer answer = co_await std::move(answering);
+    if (answer.status == 200) {
+      tellChange("downloads");
+    } else {
+      drop_.discard(*file);
+    }
+    co_return answer;
+  }
+
   asio::awaitable<SiteAnswer> answerTo(const RequestHead& head, const RequestTarget& target) {
     const Door door = RequestCheck::door(target);
     if (door == Door::entry) co_return letIn(contentType("index.html"), entryPage(check_.base()));
     if (door == Door::rejoin) co_return rejoin(target);
     const RequestTarget inside = *check_.inside(target);
+    if (HostRoutes::isAsked(inside.path)) {
+      auto call = HostRoutes::callFor("GET", inside.path, {});
+      if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
+      auto answering = desk_.answer(std::move(std::get<HostCall>(call)));
+      co_return co_await std::move(answering);
+    }
     auto work = read(head, inside);
     if (!Site::asksLibrary(inside)) co_return co_await std::move(work);
     co_return co_await asio::co_spawn(libraryPool_, std::move(work), asio::use_awaitable);
@@ -359,6 +457,7 @@ class BridgeServer::Core {
   }
 
   const LifeHandler onLife_;
+  const std::string hostName_;
   const Site site_;
   asio::thread_pool libraryPool_{1};
 
@@ -370,6 +469,8 @@ class BridgeServer::Core {
   const RequestCheck check_;
   PageHub hub_;
   CommandWorker commands_;
+  HostDesk desk_;
+  LocalDrop drop_;
   LiveConnections live_;
   bool isActive_ = true;
   bool isStopping_ = false;
@@ -377,9 +478,9 @@ class BridgeServer::Core {
   std::thread thread_;
 };
 
-BridgeServer::BridgeServer(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, const Settings& settings,
-                           LifeHandler onLife)
-    : core_(std::make_unique<Core>(files, photos, plugin, settings, std::move(onLife))) {}
+BridgeServer::BridgeServer(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, CAPPlugin& host,
+                           const Settings& settings, LifeHandler onLife)
+    : core_(std::make_unique<Core>(files, photos, plugin, host, settings, std::move(onLife))) {}
 
 BridgeServer::~BridgeServer() = default;
 

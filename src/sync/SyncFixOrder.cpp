@@ -1,8 +1,11 @@
 #include "sync/SyncFixOrder.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "mp4/BoxLayout.h"
+#include "presentation/TrackWords.h"
 #include "sync/detail/TimeArithmetic.h"
 
 namespace tarn {
@@ -22,18 +25,12 @@ PlannedEditList wholeMedia(const TrackPresentation& track, uint32_t movieTimesca
   return list;
 }
 
-std::string reasonOf(EditListDamage damage) {
-  switch (damage) {
-    case EditListDamage::none:
-      return "it has none, and its first picture is not at 0";
-    case EditListDamage::showsNothing:
-      return "the old one shows nothing of the track";
-    case EditListDamage::mediaTimeBelowMinusOne:
-      return "the old one has a media time below -1";
-    case EditListDamage::liesBehindMedia:
-      return "the old one lies behind the media";
-  }
-  return "";
+/// What a new list does, for people.
+std::string remedyOf(const Presentation& movie, const TrackPresentation& track, const PlannedEditList& list) {
+  if (track.damage == EditListDamage::none) return "wrote an edit list that says so";
+  const std::string name = trackWords(movie, track.handler, track.trackID);
+  return list.entries.empty() ? fmt::format("removed it, so that all of the {} is shown", name)
+                              : fmt::format("wrote an edit list that shows all of the {}", name);
 }
 
 /// The list that a track needs; nothing if its own says the truth.
@@ -46,7 +43,8 @@ std::optional<PlannedEditList> neededList(const Presentation& movie, const Track
   PlannedEditList list = wholeMedia(track, movie.movieTimescale());
   // From 0 on without a list, as with one.
   if (!isDamaged && list.entries.size() < 2) return std::nullopt;
-  list.reason = reasonOf(track.damage);
+  list.reason = editListWords(movie, track);
+  list.remedy = remedyOf(movie, track, list);
   return list;
 }
 

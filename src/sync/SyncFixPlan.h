@@ -24,7 +24,8 @@ struct SyncFixFacts {
 struct PlannedEditList {
   std::vector<EditListEntry> entries = {};
   int64_t trackDuration = 0;  ///< of the track with the list, movie timescale
-  std::string reason = {};    ///< why the track needs it
+  std::string reason = {};    ///< why the track needs it, for people
+  std::string remedy = {};    ///< what it does, likewise; of an order alone
 };
 
 /// What the sync rules make of a file.

@@ -16,16 +16,20 @@ bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
   const SyncFixOrder order = orderSyncFix(presentation);
   timings.analyzeSync = timer.stop();
   if (!order.isNeeded()) return false;
-  for (const auto& track : order.tracks) log("Track {} needs another edit list: {}", track.trackID, track.list.reason);
+  for (const auto& track : order.tracks)
+    log("Track {} needs another edit list, since {}", track.trackID, track.list.reason);
   const AnnouncedChange announced;
-  return MP4AVSyncFixer::fix(run.files, run.fileURL, run.token.get(), &timings, run.originalSyncInfo,
-                             run.audioWasTranscoded, &run.names, &order,
-                             requireHarmless(run.files, presentation, announced));
+  const bool isFixed = MP4AVSyncFixer::fix(run.files, run.fileURL, run.token.get(), &timings, run.originalSyncInfo,
+                                           run.audioWasTranscoded, &run.names, &order,
+                                           requireHarmless(run.files, presentation, announced));
+  if (!isFixed) return false;
+  for (const auto& track : order.tracks) run.mended(track.list.reason, track.list.remedy);
+  return true;
 }
 
 void fix(ProcessingRun& run) {
   if (isFragmented(run.files, run.fileURL)) {
-    run.warn("The movie is fragmented: its edit lists are left as they are");
+    run.leave("The movie is in fragments: its edit lists are left as they are");
     return;
   }
   TimingHelper timer;
@@ -44,7 +48,7 @@ void SyncStep::run(ProcessingRun& run) {
   try {
     fix(run);
   } catch (const RefusedResult& refusal) {
-    run.warn("The edit lists are left as they are, for new ones would do harm: " + refusal.description());
+    run.leave("The edit lists are left as they are, for new ones would do harm: " + refusal.description());
   } catch (const std::exception& failure) {
     log("A/V sync fix error (non-critical): {}", failure.what());
   }

@@ -85,7 +85,7 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
 
     std::ofstream(file, std::ios::binary) << content;
     const TarnResult repaired = runTarn(home_, {"repair", file, "-o", out});
-    EXPECT_EQ(repaired.exitCode, 1) << words;
+    EXPECT_EQ(repaired.exitCode, 4) << words;
     EXPECT_THAT(repaired.errors, HasSubstr("it is " + words));
     EXPECT_FALSE(std::filesystem::exists(out));
     const TarnResult inspected = runTarn(home_, {"inspect", file});

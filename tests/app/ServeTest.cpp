@@ -20,6 +20,7 @@
 #include "platform/host/PosixFileManager.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
+#include "support/RawHTTP.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
@@ -39,19 +40,6 @@ Bytes video() {
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
   std::ranges::copy(std::string_view("OggS\0", 5), bytes.begin());  // a container is taken as it comes
   return bytes;
-}
-
-/// Sends a text to a loopback address, byte by byte as it stands, and reads the answer to its end.
-std::string askServer(uint16_t port, const std::string& request,
-                      const asio::ip::address& address = asio::ip::address_v4::loopback()) {
-  asio::io_context context;
-  tcp::socket socket(context);
-  socket.connect({address, port});
-  error_code ended;
-  asio::write(socket, asio::buffer(request), ended);
-  std::string answer;
-  asio::read(socket, asio::dynamic_buffer(answer), ended);
-  return answer;
 }
 
 /// The WebSocket of a page, each operation waited for; its end drops the connection without a word.
@@ -100,21 +88,6 @@ class PageClient {
   asio::io_context context_;
   websocket::stream<tcp::socket> stream_{context_};
 };
-
-std::string between(const std::string& text, const std::string& before, const std::string& after) {
-  const size_t start = text.find(before);
-  if (start == std::string::npos) return {};
-  const size_t from = start + before.size();
-  return text.substr(from, text.find(after, from) - from);
-}
-
-std::string bodyOf(const std::string& answer) {
-  return answer.substr(answer.find("\r\n\r\n") + 4);
-}
-
-int statusOf(const std::string& answer) {
-  return answer.size() > 12 ? std::stoi(answer.substr(9, 3)) : 0;
-}
 
 /// A real `tarn serve` with a home and a built page of its own.
 class ServeTest : public testing::Test {
@@ -185,6 +158,7 @@ TEST_F(ServeTest, RefusesWhoMayNotAsk) {
   const std::string upgrade =
       "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
       "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+  const std::string json = "Content-Type: application/json\r\n";
   const std::string entry = "/?token=" + token_;
   const std::string secret = cookie_.substr(cookie_.find('=') + 1);
   const std::string alive = base_ + "bridge/alive";
@@ -223,12 +197,29 @@ TEST_F(ServeTest, RefusesWhoMayNotAsk) {
       {200, entry, host + click + "document\r\n"},
       {403, entry, host + click + "iframe\r\n"},
       {403, base_, own + click + "document\r\n"},
-      {405, "POST " + base_ + "bridge/saveVideo", own},
+      {308, albums, "Host: localhost:" + port + "\r\n"},
+      {421, albums, "Host: localhost:" + std::to_string(port_ + 1) + "\r\n" + cookie},
+      {405, "POST " + base_ + "bridge/saveVideo", own + origin},
       {405, "HEAD " + albums, own},
       {404, base_ + "bridge/saveVideo", own},
       {404, base_ + "../outside.js", own},
       {400, "http://" + host_ + albums, own},
-      {413, "POST " + albums, own + "Content-Length: 2000000\r\n\r\n" + std::string(2'000'000, 'b')},
+      // What changes something comes from a page of this origin, and is small.
+      {403, "POST " + base_ + "history", own + json + "Content-Length: 2\r\n\r\n{}"},
+      {403, "POST " + base_ + "history", host + origin + json + "Content-Length: 2\r\n\r\n{}"},
+      {403, "PUT " + base_ + "local", own + "Content-Length: 2\r\n\r\n{}"},
+      {405, "DELETE " + base_ + "history", own + origin},
+      {405, "PUT " + base_ + "history", own + origin + "Content-Length: 2\r\n\r\n{}"},
+      {405, base_ + "local", own},
+      {411, "POST " + base_ + "history", own + origin + json},
+      {411, "POST " + base_ + "history", own + origin + json + "Transfer-Encoding: chunked\r\n\r\n0\r\n"},
+      {411, "PUT " + base_ + "local", own + origin},
+      {413, "POST " + base_ + "history", own + origin + json + "Content-Length: 1\r\n\r\n{}"},
+      {413, "POST " + base_ + "history", own + origin + json + "Content-Length: 4097\r\n\r\n" + std::string(4097, ' ')},
+      {415, "POST " + base_ + "history", own + origin + "Content-Type: text/plain\r\nContent-Length: 2\r\n\r\n{}"},
+      {507, "PUT " + base_ + "local?filename=a.mp4&album=A", own + origin + "Content-Length: 9000000000000000000\r\n"},
+      {413, "POST " + base_ + "history",
+       own + origin + json + "Content-Length: 2000000\r\n\r\n" + std::string(2'000'000, 'b')},
       {413, albums, own + "Transfer-Encoding: chunked\r\n\r\n1\r\nb\r\n0\r\n"},
       {413, albums, own + "\r\nGET /albums HTTP/1.1\r\n" + own},
       {431, base_, own + "X: " + std::string(20'000, 'x') + "\r\n"},
@@ -296,7 +287,7 @@ TEST_F(ServeTest, NobodyElseCanHaveThePortOnTheOtherLoopback) {
   const std::string answer =
       askServer(port_, "GET /?token=" + token_ + " HTTP/1.1\r\nHost: [::1]:" + std::to_string(port_) + "\r\n\r\n",
                 asio::ip::address_v6::loopback());
-  EXPECT_EQ(statusOf(answer), 421) << answer;
+  EXPECT_EQ(between(answer, "Location: ", "\r\n"), "http://" + host_ + "/?token=" + token_) << answer;
 
   // A port whose other half is taken is not had at all.
   const std::string taken = std::to_string(other.local_endpoint().port());

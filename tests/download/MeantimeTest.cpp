@@ -64,8 +64,9 @@ class MeantimeTransfers : public NSURLSessionService {
     Session(std::unique_ptr<NSURLSession> base, MeantimeTransfers& service)
         : base_(std::move(base)), service_(service) {}
 
-    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& text) override {
-      auto task = base_->downloadTask(url, text);
+    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& text,
+                                                           const TransferOptions& options) override {
+      auto task = base_->downloadTask(url, text, options);
       std::exchange(service_.atTheNextStart, [] {})();
       return task;
     }

@@ -1,7 +1,11 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "audio/SilentAACSampleCache.h"
+#include "audio/SoundWords.h"
 #include "inspect/SoundText.h"
 #include "inspect/detail/SoundForecast.h"
 #include "support/FileTest.h"
@@ -37,12 +41,12 @@ class SoundInspect : public FileTest {
  protected:
   /// How the sound is, what is done about it and what that does, what counts as a problem, and what the step warns of.
   std::string told() {
-    std::vector<std::string> problems;
-    const AudioForecast audio = forecastAudioStep(files_, file_, true, problems);
+    const AudioForecast audio = forecastAudioStep(files_, file_, true);
     if (!audio.findings) return audioStepText(audio);
     auto lines = soundLines(audio);
     lines.push_back(audioStepText(audio));
-    for (const auto& more : {audioConsequences(audio), problems}) lines.insert(lines.end(), more.begin(), more.end());
+    std::ranges::copy(wrongWithSound(*audio.findings), std::back_inserter(lines));
+    if (audio.replacesSound()) lines.push_back("done: " + doneToSound(audio));
     for (const std::string& warning : soundWarnings(audio)) lines.push_back("warning: " + warning);
     return fmt::format("{}", fmt::join(lines, "\n"));
   }
@@ -60,30 +64,30 @@ TEST_F(SoundInspect, TellsWhatIsWrongAndWhatIsDone) {
   late.edits = {{101, -1}, {10000, 0}};
   overlapping.ctts = {{200, 0}, {tenSeconds - 200, -4800}};
   const std::string usable = "AAC-LC, 48000 Hz, 2 channels: its packets can be used as they are\n";
-  const std::string left = "\nleaves the sound alone",
-                    list = "\nleaves the sound to the edit list (decision editListOnly)";
+  const std::string left = "\nstays as it is";
   const std::string undecodable = "The sound stays as it is: its packets cannot be decoded";
-  const std::string decoded = "\ndecodes and encodes the sound (decision fullNormalize)";
+  const std::string decoded = "\nis decoded and encoded anew";
   const std::pair<SyntheticTrack, std::string> rows[] = {
       {sound(tenSeconds), usable + "it is whole" + left},
-      {sound(tenSeconds, {65}), usable + "a gap of 65.0 ms at 2.133 s" + decoded + "\n65 ms of sound missing at 0:02"},
+      {sound(tenSeconds, {65}),
+       usable + "a gap of 65.0 ms at 2.133 s" + decoded +
+           "\nthe sound has a gap of 65 ms at 0:02\ndone: filled the gap with silence and encoded the sound anew"},
       {sound(200'000, {100, 40, 250}), usable + R"(a gap of 100.0 ms at 2.133 s
 a gap of 250.0 ms at 6.540 s
-fills the gaps with silent packets without decoding (decision fastPath)
-each packet stays within its own length of where it was
-350 ms of sound missing in 2 places, first at 0:02)"},
+gets silent packets in its gaps, and each packet stays within its own length of where it was
+the sound has 2 gaps, 350 ms in all, the first at 0:02
+done: filled the gaps with silence)"},
       {overlapping,
-       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\n100 ms of sound laid over other sound at 0:04"},
+       usable + "an overlap of 100.0 ms at 4.167 s" + left + "\nthe sound has an overlap of 100 ms at 0:04"},
       {drifting, usable + "its track and its packets differ in length by 107.3 ms" + decoded +
-                     "\nthe sound drifts: its track and its packets differ in length by 107 ms"},
-      {late, usable + "it starts 101.0 ms after the picture" + list},
-      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000),
-       "AAC-LC, 48000 Hz, 1 channel: Channel count 1 != target 2\nit is whole" + left},
+                     "\nthe sound drifts: its track and what it holds differ in length by 107 ms"
+                     "\ndone: took the drift out and encoded the sound anew"},
+      {late, usable + "it starts 101.0 ms after the picture" + left},
+      {coded(aacSampleEntry(48000, 1, {0x11, 0x88}), 48000), "AAC-LC, 48000 Hz, 1 channel\nit is whole" + left},
       {coded(aacSampleEntry(24000, 2, {0x13, 0x10}), 24000),
        "AAC-LC, 24000 Hz, 2 channels: its packets can be used as they are\nit is whole" + left},
       {coded(audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {})), 48000),
-       "MP3, 48000 Hz, 2 channels: Non-AAC-LC codec (object type 34) requires full normalize\nit is whole" + left +
-           "\n" + undecodable + "\nwarning: " + undecodable},
+       "MP3, 48000 Hz, 2 channels\nit is whole" + left + "\n" + undecodable + "\nwarning: " + undecodable},
   };
   for (const auto& [audio, expected] : rows) EXPECT_EQ(told(audio), expected);
 }
@@ -92,13 +96,13 @@ TEST_F(SoundInspect, SeesTracksThatAreMissingForeignOrWide) {
   const std::string inputs = "-f lavfi -i sine=r=44100 -f lavfi -i testsrc2=s=64x48:r=25 -c:v libx264 -ac 2 -t 2 ";
   const auto make = [&](const std::string& more) { write(readFile(files_, madeByFFmpeg(words(inputs + more)))); };
   make("-an");
-  EXPECT_EQ(told(), "is passed over");
+  EXPECT_EQ(told(), "is not looked at");
   make("-vn -c:a libopus");
-  EXPECT_TRUE(told().ends_with("it is whole\nleaves the sound alone")) << told();
+  EXPECT_TRUE(told().ends_with("it is whole\nstays as it is")) << told();
   make("-c:a ac3 -ac 6");
-  EXPECT_TRUE(told().ends_with(R"(decodes and encodes the sound (decision fullNormalize)
-the sound is AC-3, which many players do not take, and is encoded anew as AAC
-of the sound's 6 channels two remain
+  EXPECT_TRUE(told().ends_with(R"(is decoded and encoded anew
+the sound is AC-3, which many players do not take
+done: converted the sound to AAC
 warning: of the sound's 6 channels two remain)"))
       << told();
 }

@@ -2,6 +2,7 @@
 
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingGate.h"
+#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ScriptedStep.h"
@@ -24,6 +25,7 @@ class Engine : public RunListener {
     const char* const names[] = {"saved", "failed", "cancelled"};
     notes_.push_back(names[static_cast<size_t>(run.outcome.kind)]);
     if (!run.outcome.words.empty()) notes_.push_back(run.outcome.words);
+    if (run.outcome.isDiskFull) notes_.emplace_back("(no room)");
     return gate_.endRun(run.token, run.outcome, [](int64_t) { return true; }).wasTakenAway;
   }
 
@@ -48,20 +50,30 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
     ScriptedStep sync({syncFixing, syncFixed}, notes_, disturb);
     ScriptedStep last({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage) {
       result_ = textOf(readFile(files_, run.fileURL));
+      outcome_ = run.outcome;
       if (isSaved_) return run.outcome.setSaved();
       const Error failure("Test", -1, "the album is full");
       run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
     });
-    ProcessingDriver driver(files_, clock_, store_, names_, engine_,
+    ProcessingDriver driver(faulty_, clock_, store_, names_, engine_,
                             {.fragments = fragments_,
                              .remux = &remux,
                              .audio = &audio,
                              .sync = &sync,
                              .last = &last,
-                             .deriveFlags = deriveFlags_},
+                             .deriveFlags = deriveFlags_,
+                             .readTimeline = lengthOf},
                             RunFiles::layered);
     driver.continueProcessing(state_, admit(state_).token);
     return joinedWords(notes_);
+  }
+
+  /// Stands for what a file shows: its length.
+  static RepairSummary::Timeline lengthOf(FileManager& files, const Path& file) {
+    return {.video = {{0, static_cast<double>(readFile(files, file).size())}}};
+  }
+  static double shown(const std::optional<RepairSummary::Timeline>& timeline) {
+    return timeline ? timeline->video.front().end : -1;
   }
 
   /// What a worker does: a file beside the video is written and takes its place.
@@ -79,6 +91,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
     return gate_.resume(id, [](const ProcessingState&) { return true; });
   }
 
+  FaultyFileManager faulty_{files_};
   ManualClock clock_;
   ProcessingStateManager store_{defaults_, files_, clock_};
   ProcessingGate gate_{store_};
@@ -94,6 +107,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                          .needsAudioTranscode = true};
   const Path recipe_ = home_ / "Documents/7.recipe", side_ = home_ / "Documents/7.side";
   bool isSaved_ = true;
+  RunOutcome outcome_;                           ///< as the last step found it
   std::string result_;                           ///< the video on the disk, as the last step found it
   std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
   ProcessingStep* fragments_ = nullptr;
@@ -231,6 +245,8 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     disturb_ = [](ProcessingRun& run) {
       run.state.addTempFile(run.fileURL.parent_path() / "x.m4a");
       run.files.open(run.state.tempFiles.front(), OpenMode::exclusive)->write(bytesOf("sound"));
+      for (int i = 0; i < 2; ++i) run.mended("a gap", "filled it");
+      run.keepPart("the end is missing");
       run.saveState();
       rewrite(run);
       run.token->cancel();
@@ -244,9 +260,29 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     disturb_ = {};
     EXPECT_EQ(run(), (damaged.empty() ? "" : remuxStages) + fromAudio + savedEnding);
     EXPECT_EQ(result_, damaged.empty() ? "repaired" : "video");
+    using Sentences = std::vector<std::string>;
+    const RepairSummary& summary = outcome_.summary;
+    EXPECT_EQ(summary.wrong, damaged.empty() ? Sentences{"a gap"} : Sentences());
+    EXPECT_EQ(summary.done, damaged.empty() ? Sentences{"filled it"} : Sentences());
+    EXPECT_EQ(outcome_.leftAlone, damaged.empty() ? Sentences{"the end is missing"} : Sentences());
+    EXPECT_EQ(outcome_.isPartly, damaged.empty());
+    EXPECT_EQ(shown(summary.before), 5) << "the source, as it was";
+    EXPECT_EQ(shown(summary.after), damaged.empty() ? 8 : 5);
     EXPECT_TRUE(lines_.contains("Cleaned up temp file: x.m4a"));
     EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
   }
+}
+
+TEST_F(ProcessingDriverTest, AFullDiskIsSeenThoughTheWorkerMakesAnotherFailureOfIt) {
+  disturb_ = [&](ProcessingRun& run) {
+    faulty_.arm({.errnum = ENOSPC, .lasting = true, .among = {FileOperation::write}});
+    try {
+      rewrite(run);
+    } catch (const Error&) {
+      throw Error("Worker", -1, "cannot write");
+    }
+  };
+  EXPECT_EQ(run(), remuxStages + "transcodingPass1 transcodingPass2 failed cannot write (no room)");
 }
 
 // A record may have lost the names of its temp files; and the video may be called like one of them.

@@ -108,7 +108,7 @@ void EngineDriver::openProcess(Dispatch& dispatch) {
   ProcessingStateManager store(defaults_, disk_, clock_);
   removeLeftovers(disk_, store);
   plugin_ = TarnBridge::create({disk_, defaults_, clock_, dispatch, *application_, photos_, transfers_},
-                               {.last = &step_}, [this](const RunOutcome& outcome) { ended(outcome); });
+                               {.last = &step_}, this);
   plugin_->setEventListener([this](const std::string& name, const JSObject& data) { hear(name, data); });
   plugin_->load();
 }
@@ -338,6 +338,7 @@ void EngineDriver::lookAtRest() {
     require(!told.asFailed || mayBeMissing, "nothing fails by itself", download.id);
     require(times == 1 || mayBeMissing, "every video is saved", download.id);
     require(download.mayStayUntold || told.asSaved || told.asFailed, "every end is told", download.id);
+    require(!isOpen(download.id) || download.mayBeLost, "the listener hears of each end", download.id);
   }
   require(application_->held() == 0, "background time is given back");
   auto left = disk_.contentsOfDirectory(disk_.documentsDirectory(true));

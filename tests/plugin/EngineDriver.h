@@ -55,7 +55,7 @@ std::vector<ModelStep> drawSteps(uint32_t seed, size_t count);
 
 /// The real engine with its plug-in on a platform in memory, what happens to it, and what it owes to each download. It
 /// may be called from several threads.
-class EngineDriver {
+class EngineDriver : protected DownloadListener {
  public:
   EngineDriver(const EngineDriver&) = delete;
   EngineDriver& operator=(const EngineDriver&) = delete;
@@ -80,7 +80,7 @@ class EngineDriver {
   };
 
   EngineDriver();
-  virtual ~EngineDriver();
+  ~EngineDriver() override;
 
   void openProcess(Dispatch& dispatch);
   virtual void startProcess() = 0;
@@ -93,7 +93,10 @@ class EngineDriver {
   virtual void cancel(uint64_t number, int64_t id) = 0;
   virtual void cancelEverything(const std::string& method) = 0;
   virtual void heard(int64_t /*id*/, bool /*isSaved*/) {}
-  virtual void ended(const RunOutcome& /*outcome*/) {}
+  void began(int64_t /*id*/, const DownloadRequest& /*request*/) noexcept override {}
+  void ended(const RunOutcome& /*outcome*/) noexcept override {}
+  /// The listener heard of its begin, and of no end.
+  virtual bool isOpen(int64_t /*id*/) { return false; }
   virtual void letTimePass() = 0;
   virtual bool isLate(int round) = 0;
 

@@ -107,6 +107,15 @@ void EngineModel::heard(int64_t id, bool isSaved) {
   require(isSaved == isSavedToo, "an outcome says what the page is told", id);
 }
 
+void EngineModel::began(int64_t id, const DownloadRequest&) noexcept {
+  require(begun_.insert(id).second, "a download begins once", id);
+}
+
+void EngineModel::ended(const RunOutcome& outcome) noexcept {
+  begun_.erase(outcome.id);
+  if (outcome.kind != RunOutcome::Kind::cancelled) outcomes_.insert_or_assign(outcome.id, outcome);
+}
+
 void EngineModel::look() {
   std::set<uint64_t> sizes;  // no two downloads have the same
   for (const PHAsset& asset : photos_.fetchAllAssets())

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,9 @@ class EngineModel : private EngineDriver {
   void cancel(uint64_t number, int64_t id) override;
   void cancelEverything(const std::string& method) override;
   void heard(int64_t id, bool isSaved) override;
-  void ended(const RunOutcome& outcome) override { outcomes_.insert_or_assign(outcome.id, outcome); }
+  void began(int64_t id, const DownloadRequest& request) noexcept override;
+  void ended(const RunOutcome& outcome) noexcept override;
+  bool isOpen(int64_t id) override { return begun_.contains(id); }
   void letTimePass() override;
   bool isLate(int round) override { return round == 100; }
   void look();
@@ -39,6 +42,7 @@ class EngineModel : private EngineDriver {
   const std::vector<ModelStep>& steps_;
   size_t next_ = 0;
   std::map<int64_t, RunOutcome> outcomes_;  ///< that this process has told, the last of each download
+  std::set<int64_t> begun_;                 ///< downloads of which the listener has not heard the end
 };
 
 }  // namespace tarn::test

@@ -85,7 +85,7 @@ class RepairProperties : public testing::Test {
   int repair(const Path& from, const Path& to, bool byProgram = false) {
     if (byProgram) return runTarn(place_ / "home", {"repair", from.string(), "-o", to.string()}).exitCode;
     const RepairReport report = repairFile(from, to);
-    return report.kind != RepairReport::Kind::repaired ? 1 : report.isPartly ? 5 : 0;
+    return !report.isThere() ? 1 : report.isPartly ? 5 : 0;
   }
 
   /// A movie and what it shows: itself before its damage.

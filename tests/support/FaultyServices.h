@@ -147,10 +147,10 @@ class FaultyURLSessionService : public NSURLSessionService {
    public:
     Session(std::unique_ptr<NSURLSession> base, FaultyCalls& calls) : base_(std::move(base)), calls_(calls) {}
 
-    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
-                                                           const std::string& taskDescription) override {
+    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& taskDescription,
+                                                           const TransferOptions& options) override {
       calls_.throwIfNextFails();
-      auto task = base_->downloadTask(url, taskDescription);
+      auto task = base_->downloadTask(url, taskDescription, options);
       calls_.throwIfNextFails();  // the flush of its record failed, and the record stays
       return task;
     }

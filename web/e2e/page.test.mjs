@@ -2,88 +2,14 @@
 
 import assert from 'node:assert/strict';
 import { rmSync } from 'node:fs';
-import { after, afterEach, before, beforeEach, test } from 'node:test';
+import { test } from 'node:test';
 
 import { readDefinitions } from '../plugin/api-docs.mjs';
-import {
-  MediaServer,
-  Tarn,
-  call,
-  keepEvents,
-  launchBrowser,
-  makeClip,
-  pause,
-  temporaryFolder,
-  until,
-  videoTag,
-} from './support.mjs';
+import { act, inPhase, open, row, save, setStage, stage } from './stage.mjs';
+import { call, keepEvents, pause, until, videoTag } from './support.mjs';
 
-const folder = temporaryFolder();
-let media;
-let browser;
-let tarn;
-let context;
-let faults; // of the pages: errors of their scripts, violations of their policy
+setStage();
 
-before(async () => {
-  media = await new MediaServer().start(makeClip(folder));
-  browser = await launchBrowser();
-});
-after(async () => {
-  await browser.close();
-  await media.stop();
-  rmSync(folder, { recursive: true });
-});
-
-beforeEach(async () => {
-  media.requests.length = 0;
-  tarn = await new Tarn().start();
-  context = await browser.newContext();
-  faults = [];
-});
-afterEach(async () => {
-  await context.close();
-  await tarn.stop();
-  assert.deepEqual(faults, []);
-});
-
-/** Lets a test kill the page's WebSockets and keep new ones from being opened for a while. */
-function canBeCutOff() {
-  const sockets = [];
-  let offUntil = 0;
-  window.WebSocket = class extends WebSocket {
-    constructor(url) {
-      super(performance.now() < offUntil ? `ws://${location.host}/` : url);
-      sockets.push(this);
-    }
-  };
-  window.cutOff = (milliseconds) => {
-    offUntil = performance.now() + milliseconds;
-    for (const socket of sockets) socket.close();
-  };
-}
-
-async function open(address = tarn.entry) {
-  const page = await context.newPage();
-  page.setDefaultTimeout(15000);
-  await page.addInitScript(canBeCutOff);
-  page.on('pageerror', (error) => faults.push(error.message));
-  page.on('console', (line) => line.text().includes('Content Security Policy') && faults.push(line.text()));
-  await page.goto(address);
-  await page.waitForSelector('html[data-tarn-connection=live]');
-  return page;
-}
-
-async function save(page, url, { album = 'Trips', filename = 'clip.mp4' } = {}) {
-  await page.fill('#url', url);
-  await page.fill('#album', album);
-  await page.fill('#filename', filename);
-  await page.click('button[type=submit]');
-}
-
-const row = (page, filename) => page.locator('.download', { hasText: filename });
-const inPhase = (page, filename, phase) =>
-  page.waitForSelector(`.download[data-phase=${phase}]:has-text("${filename}")`);
 const held = async (page) => Object.values(await call(page, 'getActiveDownloads'));
 
 test('a save with the keyboard alone, from the form to the playing video', async () => {
@@ -92,9 +18,9 @@ test('a save with the keyboard alone, from the form to the playing video', async
   await page.focus('#url');
   await page.keyboard.press('Enter');
   assert.match(await page.textContent('#url-error'), /Paste the address/);
-  assert.equal(await page.getAttribute('#album', 'aria-invalid'), 'true');
+  assert.equal(await page.getAttribute('#url', 'aria-invalid'), 'true');
   await page.keyboard.type('ftp://127.0.0.1/clip%20one.mp4');
-  assert.equal(await page.inputValue('#filename'), 'clip one.mp4');
+  assert.equal(await page.getAttribute('#filename', 'placeholder'), 'clip one.mp4');
   await page.keyboard.press('Tab');
   await page.keyboard.type('Trips');
   await page.keyboard.press('Enter');
@@ -104,7 +30,7 @@ test('a save with the keyboard alone, from the form to the playing video', async
   assert.equal(await page.evaluate(() => document.activeElement.id), 'url');
 
   await page.keyboard.press('Control+A');
-  await page.keyboard.type(media.address('clip%20one.mp4', 2));
+  await page.keyboard.type(stage.media.address('clip%20one.mp4', 2));
   await page.keyboard.press('Enter');
   await until('a bar that moves', () => page.evaluate(() => document.querySelector('.download progress')?.value > 0));
   await inPhase(page, 'clip one.mp4', 'saved');
@@ -118,18 +44,18 @@ test('a save with the keyboard alone, from the form to the playing video', async
   assert.deepEqual(await video.evaluate((element) => [element.videoWidth, element.videoHeight]), [320, 180]);
   assert.ok(Math.abs((await video.evaluate((element) => element.duration)) - 3) < 0.2);
 
-  assert.deepEqual(tarn.savedFiles().map(videoTag), ['avc1'], 'it was repaired on its way');
+  assert.deepEqual(stage.tarn.savedFiles().map(videoTag), ['avc1'], 'it was repaired on its way');
 
-  const elsewhere = media.address('elsewhere');
+  const elsewhere = stage.media.address('elsewhere');
   await page.goto(elsewhere).catch(() => {}); // it is a download
-  assert.ok(media.requests.length > 1);
-  assert.ok(media.requests.every(({ cookie }) => cookie === undefined), 'another port of this machine gets no cookie');
+  assert.ok(stage.media.requests.length > 1);
+  assert.ok(stage.media.requests.every(({ cookie }) => cookie === undefined), 'another port of this machine gets no cookie');
 });
 
 test('progress comes once a second, to all pages alike, and again to one that was cut off', async () => {
   const pages = [await open(), await open()];
   for (const page of pages) await keepEvents(page);
-  await save(pages[0], media.address('clip.mp4', 6));
+  await save(pages[0], stage.media.address('clip.mp4', 6));
   await inPhase(pages[1], 'clip.mp4', 'loading');
   await pages[1].evaluate(() => window.cutOff(2500));
   await pages[1].waitForSelector('html[data-tarn-connection=reconnecting]');
@@ -162,7 +88,7 @@ test('the engine has the methods of definitions.ts, and answers and refuses in i
   assert.deepEqual(engine.map(({ name }) => name).sort(), declared.map(({ name }) => name).sort());
   for (const method of engine) assert.equal(method.rtype, 'promise', method.name);
 
-  const url = media.address('clip.mp4');
+  const url = stage.media.address('clip.mp4');
   const cases = [
     ['saveVideo', { url, album: 7, filename: 'a.mp4' }, 'Must provide the album'],
     ['saveVideo', { url: '\ud800', album: 'Trips', filename: 'a.mp4' }, 'Invalid download URL.'],
@@ -180,7 +106,7 @@ test('the engine has the methods of definitions.ts, and answers and refuses in i
 
 test('a page that is closed in mid-download and opened again shows it, and its end', async () => {
   const first = await open();
-  await save(first, media.address('clip.mp4', 5));
+  await save(first, stage.media.address('clip.mp4', 5));
   await inPhase(first, 'clip.mp4', 'loading');
   await first.close();
   await pause(1000);
@@ -188,30 +114,30 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   await inPhase(second, 'clip.mp4', 'loading');
   assert.match(await row(second, 'clip.mp4').textContent(), / of .*MB/);
   await inPhase(second, 'clip.mp4', 'saved');
-  await second.waitForSelector('.album:has-text("Trips") video');
-  assert.equal(media.requests.length, 1);
+  await second.waitForSelector('.album:has-text("Trips") .video:has-text("clip.mp4")');
+  assert.equal(stage.media.requests.length, 1);
 });
 
 test('a video that cannot be fetched is shown as not saved, and can be tried again', async () => {
   const page = await open();
-  media.isMissing = true;
-  await save(page, media.address('clip.mp4'));
+  stage.media.isMissing = true;
+  await save(page, stage.media.address('clip.mp4'));
   await inPhase(page, 'clip.mp4', 'failed');
-  media.isMissing = false;
-  await row(page, 'clip.mp4').locator('button[data-action=again]').click();
+  stage.media.isMissing = false;
+  await act(page, 'clip.mp4', 'again');
   await inPhase(page, 'clip.mp4', 'saved');
   assert.equal(await page.locator('.download').count(), 1);
-  await row(page, 'clip.mp4').locator('button[data-action=dismiss]').click();
+  await act(page, 'clip.mp4', 'dismiss');
   await page.waitForSelector('#downloads-empty');
 });
 
 test('the application is in the background while no page can be seen', async () => {
-  const count = (words) => tarn.log().split(words).length - 1;
+  const count = (words) => stage.tarn.log().split(words).length - 1;
   const inBackground = () => count('App entered background - downloads continue in background');
   const inForeground = () => count('App entering foreground - checking download and processing status');
   // A tab that Playwright does not hold: it makes those that it holds believe that they are always seen.
-  const chromium = await browser.newBrowserCDPSession();
-  const { targetId } = await chromium.send('Target.createTarget', { url: tarn.entry });
+  const chromium = await stage.browser.newBrowserCDPSession();
+  const { targetId } = await chromium.send('Target.createTarget', { url: stage.tarn.entry });
   const { windowId } = await chromium.send('Browser.getWindowForTarget', { targetId });
   await pause(1500);
   const hidden = inBackground();
@@ -234,62 +160,63 @@ test('cancel, cancel all and the limit', async () => {
   await page.locator('#limit-fewer').dblclick();
   await until('the limit', async () => (await call(page, 'getDownloadLimit')).limit === 1);
   assert.equal(await page.textContent('#limit'), '1');
-  await save(page, media.address('one.mp4', 20), { filename: 'one.mp4' });
+  await save(page, stage.media.address('one.mp4', 20), { filename: 'one.mp4' });
   await inPhase(page, 'one.mp4', 'loading');
-  await save(page, media.address('two.mp4', 20), { filename: 'two.mp4' });
+  await save(page, stage.media.address('two.mp4', 20), { filename: 'two.mp4' });
   await inPhase(page, 'two.mp4', 'waiting');
-  await row(page, 'one.mp4').locator('button[data-action=cancel]').click();
+  await act(page, 'one.mp4', 'cancel');
   await inPhase(page, 'two.mp4', 'loading');
   assert.equal(await row(page, 'one.mp4').count(), 0);
-  await until('the first transfer to end', () => media.requests[0].closed);
-  assert.ok(media.requests[0].sent < media.size);
+  await until('the first transfer to end', () => stage.media.requests[0].closed);
+  assert.ok(stage.media.requests[0].sent < stage.media.size);
 
   await page.click('#cancel-all');
   await page.click('dialog button[value=cancel-all]');
   await until('an empty list', async () => (await page.locator('.download').count()) === 0);
   assert.equal(
-    await call(page, 'saveVideo', { url: media.address('x'), album: 'Trips', filename: 'x.mp4' }),
+    await call(page, 'saveVideo', { url: stage.media.address('x'), album: 'Trips', filename: 'x.mp4' }),
     'Invalid download URL.',
   );
   await until('the engine to forget them', async () => (await held(page)).length === 0);
-  await save(page, media.address('three.mp4'), { filename: 'three.mp4' });
+  await save(page, stage.media.address('three.mp4'), { filename: 'three.mp4' });
   await inPhase(page, 'three.mp4', 'saved');
 });
 
 test('the host is killed and started again: the page reconnects and the download goes on', async () => {
   const page = await open();
-  const [{ name, path }] = await context.cookies();
-  await save(page, media.address('clip.mp4', 6));
-  await until('some bytes', () => media.requests[0]?.sent > media.size / 3);
-  tarn.process.kill('SIGSTOP');
-  const given = call(page, 'saveVideo', { url: media.address('two.mp4'), album: 'Trips', filename: 'two.mp4' });
+  const [{ name, path }] = await stage.context.cookies();
+  await save(page, stage.media.address('clip.mp4', 6));
+  await until('some bytes', () => stage.media.requests[0]?.sent > stage.media.size / 3);
+  stage.tarn.process.kill('SIGSTOP');
+  const given = call(page, 'saveVideo', { url: stage.media.address('two.mp4'), album: 'Trips', filename: 'two.mp4' });
   await pause(500); // so that it is on its way to a process that cannot answer
-  await tarn.end('SIGKILL');
+  await stage.tarn.end('SIGKILL');
   await page.waitForSelector('html[data-tarn-connection=reconnecting]');
   assert.ok(await page.isVisible('#connection-note'));
   const waiting = call(page, 'getDownloadLimit');
   await pause(1000);
-  await tarn.start();
+  await stage.tarn.start();
   await page.waitForSelector('html[data-tarn-connection=live]');
   assert.deepEqual(await waiting, { limit: 3, queued: 0 }, 'a command that was given meanwhile');
   assert.match(await given, /started anew/, 'a command that may have been run is not run again');
   await inPhase(page, 'clip.mp4', 'saved');
+  await page.click('.album:has-text("Trips") .poster');
   const video = page.locator('.album:has-text("Trips") video');
   await until('its picture', () => video.evaluate((element) => element.videoWidth > 0));
-  const cookies = (await context.cookies()).filter((cookie) => cookie.name === name);
+  const cookies = (await stage.context.cookies()).filter((cookie) => cookie.name === name);
   assert.equal(new URL(page.url()).pathname, cookies.find((cookie) => cookie.path !== path).path, 'the page has moved');
   await page.reload();
   await page.waitForSelector('html[data-tarn-connection=live]');
-  const [, second, ...others] = media.requests;
+  const [, second, ...others] = stage.media.requests;
   assert.match(second.range, /^bytes=[1-9]/, 'not from the start again');
   assert.deepEqual(others, []);
 });
 
 test('a page whose token has become worthless says so', async () => {
   const page = await open();
-  await tarn.end('SIGKILL');
-  rmSync(`${tarn.home}/token`);
-  await tarn.start();
+  await stage.tarn.end('SIGKILL');
+  rmSync(`${stage.tarn.home}/token`);
+  await stage.tarn.start();
   await page.waitForSelector('html[data-tarn-connection=refused]');
   assert.match(await page.textContent('#connection-note'), /no longer valid/);
   assert.match(await call(page, 'getDownloadLimit'), /no longer valid/);

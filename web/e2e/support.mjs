@@ -46,7 +46,7 @@ export function videoTag(file) {
   return execFileSync('ffprobe', ['-v', 'error', ...wanted, file], { encoding: 'utf8' }).trim();
 }
 
-/** Serves one file under every path, with ranges; `?rate=` in the address gives the bytes a second. */
+/** Serves one file under every path but /login, a web page, with ranges; `?rate=` in the address gives the bytes a second. */
 export class MediaServer {
   isMissing = false; // it has no such file just now
   requests = []; // {range, cookie, sent, closed}
@@ -75,6 +75,9 @@ export class MediaServer {
     this.requests.push(seen);
     answer.on('close', () => (seen.closed = true));
     if (this.isMissing) return answer.writeHead(404).end('nothing here');
+    if (asked.url.startsWith('/login')) {
+      return answer.writeHead(200, { 'Content-Type': 'text/html' }).end('<!doctype html><title>Sign in</title><p>Who?');
+    }
     const from = Number(/^bytes=(\d+)-/.exec(range ?? '')?.[1] ?? 0);
     const part = { 'Content-Range': `bytes ${from}-${bytes.length - 1}/${bytes.length}` };
     answer.writeHead(from > 0 ? 206 : 200, {
@@ -123,6 +126,12 @@ export class Tarn {
   async stop() {
     await this.end('SIGINT');
     rmSync(this.home, { recursive: true, force: true });
+  }
+
+  /** Ends in order, and starts again at the same port. */
+  async restart() {
+    await this.end('SIGTERM');
+    await this.start();
   }
 
   log() {

@@ -1,8 +1,9 @@
 // The native side of the bridge, in a browser over `tarn serve`. The host puts this script into the page's head in
-// front of everything else, with two lines before it: `const tarnPlugins = [{name, methods: [{name, rtype}]}]`, the
-// plug-ins and the methods that the engine has, and `const tarnPageKey`, with which the page proves to a host that was
-// started anew that it is one of its pages. The page's own bundle finds what it would find in the app:
-// window.Capacitor with PluginHeaders, nativePromise and nativeCallback.
+// front of everything else, with three lines before it: `const tarnPlugins = [{name, methods: [{name, rtype}]}]`, the
+// plug-ins and the methods that the engine has; `const tarnPageKey`, with which the page proves to a host that was
+// started anew that it is one of its pages; and `const tarnHostFacts = {name, methods, log}`, what the host offers
+// beside the bridge. The page's own bundle finds what it would find in the app: window.Capacitor with PluginHeaders,
+// nativePromise and nativeCallback; and window.tarnHost, which no app has.
 //
 // One WebSocket carries all of it. A command that has not been answered is sent again after each reconnect under the
 // same id, and the host answers it once; events that were missed come again, found by the number of the last one seen.
@@ -225,6 +226,13 @@
       return Promise.resolve();
     },
   };
+
+  // The page asks the host by HTTP, relative to its own address; what other pages change comes as an event.
+  window.tarnHost = Object.freeze({
+    methods: tarnHostFacts.methods,
+    log: tarnHostFacts.log,
+    onChange: (callback) => void addListener(tarnHostFacts.name, { eventName: 'changed' }, ({ what }) => callback(what)),
+  });
 
   document.addEventListener('visibilitychange', () => {
     sendVisibility();

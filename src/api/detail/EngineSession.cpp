@@ -31,6 +31,15 @@ void EngineSession::join() {
   }
 }
 
+bool EngineSession::joinRunning() {
+  mayLead_ = false;
+  if (!files_.fileExists(home_)) return false;
+  auto other = SocketClient::connect(home_);
+  if (!other) return false;
+  take(nullptr, std::move(other));
+  return other_->isLetIn(patience);
+}
+
 /// False while the owner starts or leaves: the home has a lock without a socket, or a socket without a listener.
 bool EngineSession::tryToJoin() {
   try {
@@ -70,10 +79,12 @@ EngineClient::Answer EngineSession::call(const std::string& plugin, const std::s
     try {
       return client().call(plugin, method, options);
     } catch (const EngineLost&) {
+      if (!mayLead_) throw;
       join();
       if (isInterrupted()) throw EngineInterrupted();
       hasChanged_ = true;
-      if (method == "saveVideo") throw;
+      const bool isRetry = valueAt<std::string>(options, "action", "").starts_with("retry");
+      if (method == "saveVideo" || isRetry) throw;
     }
   }
 }
@@ -83,6 +94,7 @@ std::optional<EngineClient::Event> EngineSession::nextEvent(std::optional<std::c
   try {
     return client().nextEvent(timeout);
   } catch (const EngineLost&) {
+    if (!mayLead_) throw;
     join();
     return Event{Engine::changed, {}};
   }

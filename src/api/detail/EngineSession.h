@@ -23,6 +23,10 @@ class EngineSession : public EngineClient {
   /// in.
   void join();
 
+  /// Joins the engine that another process runs there; false if none does, or it lets nobody in. When that ends, calls
+  /// throw EngineLost.
+  bool joinRunning();
+
   using EngineClient::call;
   /// A call whose engine is lost is made again, but for one that must not run twice: that throws EngineLost.
   Answer call(const std::string& plugin, const std::string& method, JSObject options) override;
@@ -53,6 +57,7 @@ class EngineSession : public EngineClient {
   std::unique_ptr<OwnEngine> own_;
   bool isInterrupted_ = false;
   std::stop_source stop_;
+  bool mayLead_ = true;  ///< or else it only asks an engine that runs
 
   bool hasChanged_ = false;  ///< which nextEvent() has not told yet
 };

@@ -96,18 +96,18 @@ bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, co
     swap.swap(newAudio, fixed);
     return true;
   } catch (const RefusedResult& refusal) {
-    run.warn("The sound is left as it is, for new sound would do harm: " + refusal.description());
+    run.leave("The sound is left as it is, for new sound would do harm: " + refusal.description());
     return false;
   } catch (const AudioTrackReplacerError& failure) {
     if (failure.kind() != AudioTrackReplacerError::Case::corruptedMP4) throw;
-    run.warn("The sound is left as it is, for no track can be put into this file: " + failure.description());
+    run.leave("The sound is left as it is, for no track can be put into this file: " + failure.description());
     return false;
   }
 }
 
 }  // namespace
 
-void replaceAudio(ProcessingRun& run, unsigned workers) {
+void replaceAudio(ProcessingRun& run, const std::string& done, unsigned workers) {
   logLine("Audio analysis: transcoding needed");
   logLine("Starting audio transcoding...");
   run.timer.start();
@@ -136,8 +136,10 @@ void replaceAudio(ProcessingRun& run, unsigned workers) {
   run.updateProcessingStage(ProcessingStage::transcoded);
   timer.start();
   makeFixedFile(run, fixed);
+  run.mended("", done);  // a run that is cut off behind the swap goes on from this record
   run.updateProcessingStage(ProcessingStage::audioReplacing);
   run.audioWasTranscoded = trySwap(run, swap, newAudio, fixed);
+  if (!run.audioWasTranscoded) std::erase(run.state.done, done);
   timings.trackReplacement = timer.stop();
   run.token->throwIfCancelled();
 

@@ -1,11 +1,14 @@
 #include "download/detail/DownloadNews.h"
 
-#include <utility>
-
 namespace tarn {
 
-DownloadNews::DownloadNews(const DownloadRegistry& registry, const EnginePosts& posts, OutcomeSink outcomes)
-    : registry_(registry), posts_(posts), outcomes_(outcomes ? std::move(outcomes) : [](const RunOutcome&) {}) {}
+void DownloadNews::began(const DownloadTask& download) {
+  if (listener_) listener_->began(download.id, download.request);
+}
+
+void DownloadNews::ended(const RunOutcome& outcome) {
+  if (listener_) listener_->ended(outcome);
+}
 
 void DownloadNews::showProgress(int64_t id, double progress, const std::string& stage) {
   const DownloadTaskPointer download = registry_.find(id);
@@ -21,7 +24,7 @@ void DownloadNews::showProgress(int64_t id, double progress, const std::string& 
 
 void DownloadNews::fail(const DownloadTaskPointer& download, RunOutcome::Where where,
                         const std::exception_ptr& failure) {
-  keep(RunOutcome::failed(download->id, where, failure));
+  ended(RunOutcome::failed(download->id, where, failure));
   download->fail(failure);
 }
 

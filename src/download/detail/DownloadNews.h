@@ -4,26 +4,30 @@
 #include <exception>
 #include <string>
 
+#include "download/DownloadListener.h"
 #include "download/detail/DownloadRegistry.h"
 #include "download/detail/EnginePosts.h"
-#include "pipeline/RunOutcome.h"
 
 namespace tarn {
 
-/// Tells how downloads go: at once the task and whoever keeps the outcomes, later (on the main queue) the delegate or
+/// Tells how downloads go: at once the task and the listener, later (on the main queue) the delegate or
 /// the task's completion handler. May be called on any thread, under no lock.
 class DownloadNews {
  public:
-  /// Both references must outlive it.
-  DownloadNews(const DownloadRegistry& registry, const EnginePosts& posts, OutcomeSink outcomes);
+  /// All must outlive it; there may be no listener.
+  DownloadNews(const DownloadRegistry& registry, const EnginePosts& posts, DownloadListener* listener)
+      : registry_(registry), posts_(posts), listener_(listener) {}
+
+  /// Tells the listener of a download that was taken. Comes ahead of all else that is done about it.
+  void began(const DownloadTask& download);
 
   /// The progress of a download's run, with the text that the page shows for it.
   void showProgress(int64_t id, double progress, const std::string& stage);
 
-  /// Hands the outcome to whoever keeps it. Comes ahead of all else that tells of the same end.
-  void keep(const RunOutcome& outcome) { outcomes_(outcome); }
+  /// Tells the listener how a download ended. Comes ahead of all else that tells of the same end.
+  void ended(const RunOutcome& outcome);
 
-  /// Keeps the outcome of a download that failed outside of a run, and marks its task as failed.
+  /// Tells the listener of a download that failed outside of a run, and marks its task as failed.
   void fail(const DownloadTaskPointer& download, RunOutcome::Where where, const std::exception_ptr& failure);
 
   /// Tells of the end of a download, unless somebody has done so: of one whose file was taken as far as the last step,
@@ -38,7 +42,7 @@ class DownloadNews {
  private:
   const DownloadRegistry& registry_;
   const EnginePosts& posts_;
-  const OutcomeSink outcomes_;
+  DownloadListener* const listener_;
 };
 
 }  // namespace tarn

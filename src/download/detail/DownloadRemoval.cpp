@@ -11,6 +11,12 @@ namespace {
 constexpr std::chrono::milliseconds cancelAllCooldown{500};
 constexpr std::chrono::seconds maxAge{86400};
 
+/// False for a download that has ended, and whose end was told.
+bool isUnderWay(const DownloadTask& task) {
+  const DownloadStatus status = task.status();
+  return isActive(status) || status == DownloadStatus::paused || status == DownloadStatus::unknown;
+}
+
 }  // namespace
 
 DownloadRemoval::DownloadRemoval(EngineState& engine, DownloadStarter& starter)
@@ -21,6 +27,7 @@ DownloadRemoval::DownloadRemoval(EngineState& engine, DownloadStarter& starter)
 void DownloadRemoval::cancel(int64_t id) {
   const auto task = engine_.registry.find(id);
   if (!task) return;
+  if (isUnderWay(*task)) tellCancelled(id);
   engine_.queue.remove(id);
   task->cancel();
   starter_.cancelTransfer(id);
@@ -31,6 +38,10 @@ void DownloadRemoval::cancel(int64_t id) {
   engine_.registry.removeDelegate(id);
   remove(id);
   if (engine_.queue.releaseSlot(id)) starter_.startNext();
+}
+
+void DownloadRemoval::tellCancelled(int64_t id) {
+  engine_.news.ended({.id = id, .kind = RunOutcome::Kind::cancelled});
 }
 
 void DownloadRemoval::deleteFiles(const ProcessingGate::TakenAway& taken) {
@@ -64,7 +75,10 @@ void DownloadRemoval::clearAll() {
 /// them any more.
 void DownloadRemoval::wipeLater() {
   const auto tasks = engine_.registry.all();
-  for (const auto& task : tasks) task->claimNotification();
+  for (const auto& task : tasks) {
+    task->claimNotification();
+    if (isUnderWay(*task)) tellCancelled(task->id);
+  }
   engine_.posts.post(*downloadsQueue_, [this, tasks] { wipe(tasks); });
 }
 

@@ -35,6 +35,7 @@ class DownloadRemoval {
   void cleanUp();
 
  private:
+  void tellCancelled(int64_t id);
   void deleteFiles(const ProcessingGate::TakenAway& taken);
   void wipeLater();
   void wipe(const std::vector<DownloadTaskPointer>& tasks);

@@ -133,10 +133,21 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   // as waiting is started again.
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
   log("task id {}, skipVideoFix: {}, skipAudioFix: {}", id, request.skipVideoFix, request.skipAudioFix);
+  engine_.news.began(*task);
   engine_.registry.insert(task);
   storeAhead(task);
   startOrQueue({.task = task, .delegate = delegate});
   engine_.taskStore.persist();
+  return task;
+}
+
+DownloadTaskPointer DownloadStarter::takeWithoutTransfer(const DownloadRequest& request,
+                                                         const DelegatePointer& delegate) {
+  const auto task = std::make_shared<DownloadTask>(engine_.platform.files, makeId(std::nullopt), request);
+  task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::processing; });
+  engine_.news.began(*task);
+  engine_.registry.insert(task);
+  engine_.registry.setDelegate(task->id, delegate);
   return task;
 }
 
@@ -156,7 +167,7 @@ void DownloadStarter::startOrQueue(const PendingDownload& download) {
 /// Throws Error.
 DownloadTask::Transfer DownloadStarter::makeTransfer(const DownloadTask& task) {
   const NotedDownload note{.id = task.id, .request = task.request};
-  auto transfer = session().downloadTask(task.request.url, note.text());
+  auto transfer = session().downloadTask(task.request.url, note.text(), task.request.transfer);
   engine_.registry.mapTransfer(transfer->taskIdentifier(), task.id);
   return transfer;
 }

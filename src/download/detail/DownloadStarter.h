@@ -36,6 +36,9 @@ class DownloadStarter {
   DownloadTaskPointer start(const DownloadRequest& request, const DelegatePointer& delegate,
                             std::optional<int64_t> wantedId);
 
+  /// A download that needs no transfer and no slot, since its file is there: in the registry, and not stored yet.
+  DownloadTaskPointer takeWithoutTransfer(const DownloadRequest& request, const DelegatePointer& delegate);
+
   /// Starts a download that stands in no line, or puts it at the end of the line if no slot is free.
   void startOrQueue(const PendingDownload& download);
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <utility>
-
 #include "download/DocumentsSweep.h"
 #include "download/detail/DownloadNews.h"
 #include "download/detail/DownloadQueue.h"
@@ -22,8 +20,8 @@ namespace tarn {
 /// gate's, the store's, the registry's and a task's may be taken. These call nobody but the stored values, and the
 /// registry takes a task's.
 struct EngineState {
-  EngineState(const Platform& services, OutcomeSink outcomes)
-      : platform(services), posts(services.dispatch), news(registry, posts, std::move(outcomes)) {}
+  EngineState(const Platform& services, DownloadListener* listener)
+      : platform(services), posts(services.dispatch), news(registry, posts, listener) {}
 
   const Platform platform;
   EnginePosts posts;

@@ -52,7 +52,8 @@ bool ProcessingLine::ended(const ProcessingRun& run) {
   using enum RunOutcome::Kind;
   const RunOutcome& outcome = run.outcome;
   const DownloadTaskPointer download = engine_.registry.find(outcome.id);
-  engine_.news.keep(outcome);
+  // A run that was asked to stop is taken up again, unless its download was cancelled, which then was told.
+  if (outcome.kind != cancelled) engine_.news.ended(outcome);
   if (download) showOutcome(run, download);
   const auto isKnown = [this](int64_t id) { return engine_.registry.contains(id); };
   const auto next = engine_.gate.endRun(run.token, outcome, isKnown);

@@ -85,8 +85,12 @@ void TransferEvents::urlSessionDidFinishDownloading(const TaskPointer& transfer,
     return;
   }
   log("Download completed, starting post-processing for {}", task->id);
+  handOver(task, requestOf(*task, *transfer), location);
+}
+
+void TransferEvents::handOver(const DownloadTaskPointer& task, const DownloadRequest& request, const Path& location) {
   const ProcessingGate::HandOver handOver(engine_.gate, task->id);
-  const auto record = takeFile(task, transfer, location);
+  const auto record = takeFile(task, request, location);
   if (!record) return;
   task->update([](DownloadTask::Snapshot& fields) {
     if (!fields.isEnded()) fields.status = DownloadStatus::processing;
@@ -97,7 +101,7 @@ void TransferEvents::urlSessionDidFinishDownloading(const TaskPointer& transfer,
 
 /// Moves the file into Documents and stores the record of its run. Returns nothing if that fails; the task and its
 /// outcome then say so.
-std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointer& task, const TaskPointer& transfer,
+std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointer& task, const DownloadRequest& request,
                                                         const Path& location) {
   FileManager& files = engine_.platform.files;
   try {
@@ -110,8 +114,7 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
       return std::nullopt;
     }
     moveIntoPlace(location, hold.path());
-    const ProcessingState record =
-        makeFirstRecord(files, engine_.platform.clock, task->id, hold.path(), requestOf(*task, *transfer));
+    const ProcessingState record = makeFirstRecord(files, engine_.platform.clock, task->id, hold.path(), request);
     engine_.store.saveState(record);
     return record;
   } catch (const std::exception&) {

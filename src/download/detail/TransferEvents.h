@@ -10,8 +10,8 @@
 
 namespace tarn {
 
-/// Hears what becomes of transfers, and hands their files over to the pipeline. All runs on the session's delegate
-/// queue, one event at a time: it has a thread of its own, so an event may wait for a name and look into a whole file.
+/// Hears what becomes of transfers, and hands their files over to the pipeline. Events come on the session's delegate
+/// queue, one at a time: it has a thread of its own, so an event may wait for a name and look into a whole file.
 class TransferEvents : public NSURLSessionDownloadDelegate {
  public:
   /// All must outlive it.
@@ -23,10 +23,13 @@ class TransferEvents : public NSURLSessionDownloadDelegate {
   void urlSessionDidFinishDownloading(const TaskPointer& transfer, const Path& location) override;
   void urlSessionDidComplete(const TaskPointer& transfer, const std::optional<Error>& error) override;
 
+  /// Hands a file over that no transfer has brought. From any thread; may wait for a name and look into the whole file.
+  void handOver(const DownloadTaskPointer& task, const DownloadRequest& request, const Path& location);
+
  private:
   DownloadRegistry::Match findTask(const TaskPointer& transfer);
   bool wasHandedOver(const DownloadTask& task);
-  std::optional<ProcessingState> takeFile(const DownloadTaskPointer& task, const TaskPointer& transfer,
+  std::optional<ProcessingState> takeFile(const DownloadTaskPointer& task, const DownloadRequest& request,
                                           const Path& location);
   NamesInTheMaking::Hold holdDestination(const DownloadTask& task);
   void moveIntoPlace(const Path& location, const Path& destination);

@@ -63,7 +63,7 @@ TrackFacts readTrack(FileHandle& file, const MP4BoxInfo& trak) {
 std::string whereTheBoxesEnd(const BoxWalkStop& stop, uint64_t fileSize) {
   const uint64_t left = fileSize - std::min(fileSize, stop.offset);
   if (stop.reason == BoxWalkStop::Reason::badSize) {
-    return fmt::format("the box at {} has a size that cannot be ({}); {} bytes are no boxes", stop.offset, stop.size,
+    return fmt::format("the box at {} has an impossible size ({}); {} bytes are no boxes", stop.offset, stop.size,
                        left);
   }
   return fmt::format("{} bytes at the end, from {} on, are no box", left, stop.offset);

@@ -6,8 +6,10 @@
 #include <iterator>
 #include <memory>
 
+#include "audio/SoundWords.h"
 #include "download/FirstRecord.h"
 #include "fragments/FragmentsStep.h"
+#include "inspect/detail/MovieFacts.h"
 #include "inspect/detail/SoundForecast.h"
 #include "inspect/detail/VideoFacts.h"
 #include "mp4/MP4BoxUtils.h"
@@ -17,6 +19,7 @@
 #include "platform/memory/InMemoryFileManager.h"
 #include "presentation/Presentation.h"
 #include "presentation/RepairHarms.h"
+#include "presentation/Timeline.h"
 #include "remux/LeftAlone.h"
 #include "remux/RemuxStep.h"
 #include "remux/VideoPlan.h"
@@ -47,9 +50,22 @@ class TrialRun {
     inspection_.harms = harmsOfRepair(files_, path_, trial_, path_, false);
     inspection_.changesFile = inspection_.harms.empty() &&
                               (files_.isChanged(path_) || trial_.isChanged(path_) || inspection_.audio.replacesSound());
+    if (!inspection_.changesFile) return;
+    inspection_.summary.done = run_.state.done;
+    const SoundHoles holes = inspection_.audio.replacesSound() ? SoundHoles::filled : SoundHoles::shown;
+    inspection_.summary.after = readTimeline(trial_, path_, holes);
   }
 
  private:
+  /// Takes over what a run has found wrong since the last time.
+  void listProblems(const ProcessingRun& run, Problem::Of of) {
+    for (const std::string& words : run.state.wrong) {
+      if (std::ranges::count(inspection_.problems, words, &Problem::words) == 0) {
+        inspection_.problems.push_back({of, words});
+      }
+    }
+  }
+
   /// Runs the fragments step on a trial of its own: what the others do is told by how they change its result. Returns
   /// the record behind it.
   ProcessingState makePlain() {
@@ -65,12 +81,14 @@ class TrialRun {
       return run.state;
     }
     inspection_.warnings = run.outcome.leftAlone;
+    listProblems(run, Problem::Of::samples);
     const std::string said = fmt::format("{}", fmt::join(inspection_.warnings, "; "));
     if (run.outcome.isPartly) {
       forecast = {FragmentsForecast::Kind::keepsPart, said};
     } else if (files_.isChanged(path_)) {
-      forecast = isInPieces ? FragmentsForecast{FragmentsForecast::Kind::joins, "its moov does not list all samples"}
-                            : FragmentsForecast{FragmentsForecast::Kind::correctsSize, "all samples are in the file"};
+      forecast = isInPieces ? FragmentsForecast{FragmentsForecast::Kind::joins, "its index does not list all samples"}
+                            : FragmentsForecast{FragmentsForecast::Kind::correctsSize, "nothing of it is missing"};
+      if (isInPieces) readPlainMovie();
     } else if (!said.empty()) {
       forecast = {FragmentsForecast::Kind::leavesAlone, said};
     }
@@ -79,8 +97,15 @@ class TrialRun {
     return record;
   }
 
+  /// A movie in fragments has its samples beside its tracks; people want to know the tracks with their samples.
+  void readPlainMovie() {
+    const auto movie = files_.open(path_, OpenMode::reading);
+    inspection_.tracks = readTracks(*movie);
+    inspection_.video = readVideo(*movie);
+  }
+
   void refuse() {
-    const std::string words = "the fragments step ends the repair";
+    const std::string words = "the repair has ended ahead of it";
     inspection_.remux.reason = words;
     inspection_.audio.reason = words;
     inspection_.syncFix = {SyncForecast::Kind::notReached, words};
@@ -104,22 +129,19 @@ class TrialRun {
       return;
     }
     forecast.changesFile = trial_.isChanged(path_);
+    listProblems(run_, Problem::Of::video);
     auto result = trial_.open(path_, OpenMode::reading);
     if (auto video = readVideo(*result, false)) forecast.entries = std::move(video->entries);
     tellWhatWasDone(forecast);
     const std::optional<VideoPlan>& plan = step.plan();
     if (plan) forecast.reason = plan->reason;
     if (plan && forecast.changesFile) forecast.losses = plan->losses;
-    if (!forecast.changesFile && !run_.outcome.leftAlone.empty()) leaveBroken(forecast);
+    if (!forecast.changesFile && !run_.outcome.leftAlone.empty()) {
+      forecast.reason = fmt::format("{}", fmt::join(run_.outcome.leftAlone, "; "));
+    }
     if (inspection_.video && trial_.isReplaced(path_)) {
       listLosses(*result, forecast);
     }
-  }
-
-  /// The step warns only of what it would mend and cannot.
-  void leaveBroken(RemuxForecast& forecast) {
-    forecast.reason = fmt::format("{}", fmt::join(run_.outcome.leftAlone, "; "));
-    inspection_.problems.push_back({Problem::Of::video, forecast.reason});
   }
 
   void tellWhatWasDone(RemuxForecast& forecast) {
@@ -170,25 +192,27 @@ class TrialRun {
   void decideOnAudio() {
     AudioForecast& forecast = inspection_.audio;
     if (!isRepaired()) {
-      forecast.reason = "the remux step ends the repair";
+      forecast.reason = "the repair has ended ahead of it";
       return;
     }
-    std::vector<std::string> problems;
-    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode, problems);
-    for (std::string& words : problems) inspection_.problems.push_back({Problem::Of::sound, std::move(words)});
+    forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode);
     for (const std::string& words : soundWarnings(forecast)) run_.warn(words);
-    if (forecast.findings) run_.originalSyncInfo = forecast.findings->originalSyncInfo;
+    if (!forecast.findings) return;
+    run_.originalSyncInfo = forecast.findings->originalSyncInfo;
+    for (const std::string& words : wrongWithSound(*forecast.findings)) run_.mended(words, "");
+    if (forecast.replacesSound()) run_.mended("", doneToSound(forecast));
+    listProblems(run_, Problem::Of::sound);
   }
 
   void fixSync() {
     using Kind = SyncForecast::Kind;
     SyncForecast& forecast = inspection_.syncFix;
     if (!isRepaired()) {
-      forecast = {Kind::notReached, "the remux step ends the repair"};
+      forecast = {Kind::notReached, "the repair has ended ahead of it"};
       return;
     }
     if (run_.state.skipAVSync) {
-      forecast = {Kind::nothing, "the movie is fragmented"};
+      forecast = {Kind::nothing, "the movie is in fragments"};
       return;
     }
     const std::vector<std::string>& warnings = run_.outcome.leftAlone;
@@ -196,12 +220,13 @@ class TrialRun {
     try {
       forecast.order = neededLists();
       SyncStep().run(run_);
+      listProblems(run_, Problem::Of::editLists);
       const bool isDone = !neededLists().isNeeded();
       if (!forecast.order.isNeeded()) {
         forecast = {Kind::nothing, "no track needs another edit list"};
       } else if (isDone) {
         forecast.kind = Kind::writes;
-        forecast.reason = "an edit list is damaged, or missing where one is needed";
+        forecast.reason = "some are damaged, or missing where one is needed";
       } else {
         forecast.kind = Kind::fails;
         forecast.reason = warnings.size() > before ? warnings.back() : "the edit lists cannot be written";

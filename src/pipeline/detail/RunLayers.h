@@ -37,6 +37,9 @@ class RunLayers {
     removeRecipeFiles(base_, record_);
   }
 
+  /// True if what the steps have done is not in the base's files.
+  bool areChanged() { return layers_ && layers_->isChanged(record_.fileURL); }
+
   /// Files that the steps have made and that are there still.
   std::set<Path> newNames() { return layers_ ? layers_->newNames() : std::set<Path>(); }
 

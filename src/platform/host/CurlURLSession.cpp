@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "platform/TransferRules.h"
 #include "platform/URL.h"
 #include "platform/host/DelegateQueue.h"
 #include "platform/host/Transfer.h"
@@ -40,10 +41,11 @@ class CurlURLSession : public NSURLSession {
     delegateQueue_->close();
   }
 
-  std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
-                                                         const std::string& taskDescription) override {
+  std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& taskDescription,
+                                                         const TransferOptions& options) override {
     if (!URL::parse(url)) throw URLError(CURLE_URL_MALFORMAT, fmt::format("not an http or https URL: {}", url));
-    const auto record = store_->add(*identifier_, url, taskDescription);
+    if (const auto why = whyRefused(options)) throw URLError(CURLE_BAD_FUNCTION_ARGUMENT, *why);
+    const auto record = store_->add(*identifier_, url, taskDescription, options);
     return remember(std::make_shared<Transfer>(record, Transfer::Phase::suspended, 0, loop_));
   }
 
@@ -86,7 +88,7 @@ CurlURLSessionService::CurlURLSessionService(FileManager& files, Dispatch& dispa
     : files_(files),
       dispatch_(dispatch),
       options_(withUserAgent(std::move(options))),
-      store_(std::make_shared<TransferStore>(files, std::move(transfersDirectory))) {}
+      store_(std::make_shared<TransferStore>(files, std::move(transfersDirectory), options_.keepsOptions)) {}
 
 std::unique_ptr<NSURLSession> CurlURLSessionService::makeBackgroundSession(
     const std::string& identifier, std::weak_ptr<NSURLSessionDownloadDelegate> delegate) {

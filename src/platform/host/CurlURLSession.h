@@ -22,6 +22,7 @@ struct CurlURLSessionOptions {
   std::chrono::milliseconds stallTime{30'000};     ///< silence of a server, connecting included, that ends a try
   std::chrono::milliseconds reportInterval{100};   ///< between two didWriteData of one task
   std::string userAgent;                           ///< empty: "tarn/<version>"
+  std::chrono::seconds keepsOptions = std::chrono::days(30);  ///< headers and cookies of a stored transfer
 };
 
 /// Sessions over libcurl. Each has one thread for all of its transfers, which sleeps while nothing is to be done, and a

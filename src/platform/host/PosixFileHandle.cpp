@@ -31,6 +31,7 @@ int openFlags(OpenMode mode) {
     case OpenMode::creating:
       return common | O_RDWR | O_CREAT | O_TRUNC;
     case OpenMode::exclusive:
+    case OpenMode::exclusivePrivate:
       return common | O_RDWR | O_CREAT | O_EXCL;
   }
   return common | O_RDONLY;
@@ -48,7 +49,8 @@ bool blocksMatch(uint64_t from, uint64_t to) {
 
 PosixFileHandle::PosixFileHandle(const Path& path, OpenMode mode) : name_(path.native()) {
   const char* const name = nativeName(path);
-  descriptor_ = repeatInterrupted([&] { return ::open(name, openFlags(mode), 0666); });
+  const mode_t permissions = mode == OpenMode::exclusivePrivate ? 0600 : 0666;
+  descriptor_ = repeatInterrupted([&] { return ::open(name, openFlags(mode), permissions); });
   if (descriptor_ < 0) fail(errno, "open");
   struct stat facts {};
   const int errnum = ::fstat(descriptor_, &facts) != 0 ? errno

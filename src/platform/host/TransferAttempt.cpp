@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <new>
 #include <utility>
 
 #include "platform/UTF8.h"
@@ -13,18 +12,8 @@
 namespace tarn {
 namespace {
 
-constexpr long bufferSize = 512L * 1024;  // fewer and larger writes than with 16 KiB, the default of libcurl
-constexpr long maximumRedirects = 20;
-constexpr const char* noCoding = "identity";
-constexpr size_t longestCoding = 40;  // in a message
-constexpr const char* protocols = "http,https";
-
-std::string headerText(CURL* easy, const char* name) {
-  curl_header* header = nullptr;
-  constexpr int lastRequest = -1;
-  const CURLHcode found = curl_easy_header(easy, name, 0, CURLH_HEADER, lastRequest, &header);
-  return found == CURLHE_OK ? header->value : std::string();
-}
+constexpr size_t longestCoding = 40;              // in a message
+constexpr size_t largestRedirectBody = 64 << 10;  // beyond that a new connection costs less
 
 /// Whether a body is in a coding (RFC 9110 8.4.1). Some servers put other words there and send the file as it is.
 bool isEncoded(std::string_view contentEncoding) {
@@ -40,19 +29,11 @@ URLError statusError(int status) {
 
 }  // namespace
 
-void TransferAttempt::EasyDeleter::operator()(void* easy) const {
-  curl_easy_cleanup(easy);
-}
-void TransferAttempt::ListDeleter::operator()(void* list) const {
-  curl_slist_free_all(static_cast<curl_slist*>(list));
-}
-
 TransferAttempt::TransferAttempt(FileManager& files, TransferStore& store, TransferRecord& record,
                                  const std::string& userAgent, Progress progress)
-    : files_(files), store_(store), record_(record), progress_(std::move(progress)), easy_(curl_easy_init()) {
-  if (!easy_) throw std::bad_alloc();
+    : files_(files), store_(store), record_(record), progress_(std::move(progress)), request_(record, userAgent) {
   openPart();
-  prepare(userAgent);
+  prepare();
 }
 
 TransferAttempt::~TransferAttempt() = default;
@@ -68,33 +49,15 @@ void TransferAttempt::openPart() {
   asked_ = {position_, record_.validator, record_.expectedSize, record_.isPage};
 }
 
-void TransferAttempt::prepare(const std::string& userAgent) {
-  CURL* easy = easy_.get();
-  curl_easy_setopt(easy, CURLOPT_URL, record_.url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, protocols);
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, protocols);
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, maximumRedirects);
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, bufferSize);
-  curl_easy_setopt(easy, CURLOPT_USERAGENT, userAgent.c_str());
-  // No coding is wanted. Said in this way, libcurl decodes one that comes all the same.
-  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, noCoding);
-  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, record_.isTakenAsItIs ? 0L : 1L);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
+void TransferAttempt::prepare() {
+  CURL* easy = request_.easy();
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, curlText_.data());
   static_assert(CURL_ERROR_SIZE <= std::tuple_size_v<decltype(curlText_)>);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &TransferAttempt::onBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &TransferAttempt::onHeader);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-  if (asked_.offset == 0) return;
-
-  // Set as plain headers, since libcurl's own resuming has rules of its own for what the server may answer.
-  curl_slist* headers = curl_slist_append(nullptr, fmt::format("Range: bytes={}-", asked_.offset).c_str());
-  headers = curl_slist_append(headers, fmt::format("If-Range: {}", asked_.validator).c_str());
-  headers_.reset(headers);
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  request_.ask(asked_);
 }
 
 size_t TransferAttempt::onHeader(char*, size_t one, size_t count, void* attempt) {
@@ -107,10 +70,11 @@ size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* atte
   return static_cast<TransferAttempt*>(attempt)->take(piece) ? piece.size() : CURL_WRITEFUNC_ERROR;
 }
 
-/// False ends the exchange. Called for the last response only: libcurl keeps the bodies of redirects to itself.
+/// False ends the exchange.
 bool TransferAttempt::take(ByteView piece) {
   lastHeard_ = Clock::now();
   try {
+    if (!use_ && request_.redirection()) return (passedOver_ += piece.size()) <= largestRedirectBody;
     if (!use_) decide();
     if (use_ != BodyUse::append && use_ != BodyUse::replace) return false;
     isOverlong_ = record_.expectedSize && piece.size() > *record_.expectedSize - position_;
@@ -126,7 +90,7 @@ bool TransferAttempt::take(ByteView piece) {
 }
 
 ResponseHead TransferAttempt::responseHead() const {
-  CURL* easy = easy_.get();
+  CURL* easy = request_.easy();
   long status = 0;
   curl_off_t length = -1;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
@@ -134,15 +98,15 @@ ResponseHead TransferAttempt::responseHead() const {
 
   ResponseHead head;
   head.status = static_cast<int>(status);
-  const std::string type = lowered(headerText(easy, "Content-Type"));
+  const std::string type = lowered(request_.header("Content-Type"));
   head.isPage = type.starts_with("text/html") || type.starts_with("application/xhtml");
   // Size, range and version are those of the coded bytes, of which the part has none: it cannot be continued.
-  if (isEncoded(headerText(easy, "Content-Encoding"))) return head;
+  if (isEncoded(request_.header("Content-Encoding"))) return head;
   if (length >= 0) head.contentLength = static_cast<uint64_t>(length);
-  head.contentRange = ContentRange::parse(headerText(easy, "Content-Range"));
-  head.etag = headerText(easy, "ETag");
-  head.lastModified = headerText(easy, "Last-Modified");
-  head.date = headerText(easy, "Date");
+  head.contentRange = ContentRange::parse(request_.header("Content-Range"));
+  head.etag = request_.header("ETag");
+  head.lastModified = request_.header("Last-Modified");
+  head.date = request_.header("Date");
   return head;
 }
 
@@ -150,7 +114,7 @@ ResponseHead TransferAttempt::responseHead() const {
 /// another version than its own.
 void TransferAttempt::decide() {
   const ResponseHead head = responseHead();
-  const std::string codings = headerText(easy_.get(), "Content-Encoding");
+  const std::string codings = request_.header("Content-Encoding");
   const bool isCoded = isEncoded(codings);
   use_ = bodyUse(head, asked_);
   const bool takesBody = use_ == BodyUse::append || use_ == BodyUse::replace;
@@ -181,14 +145,28 @@ void TransferAttempt::emptyPart() {
 }
 
 TransferAttempt::Outcome TransferAttempt::finish(int code) {
+  if (!use_ && (code == CURLE_OK || code == CURLE_WRITE_ERROR)) {
+    if (const auto url = request_.redirection()) return follow(*url);
+  }
   try {
     if (!use_ && (code == CURLE_OK || code == CURLE_BAD_CONTENT_ENCODING)) decide();  // no body came through
   } catch (const Error& failure) {
     fileFailure_ = failure;
   }
   if (fileFailure_) return {End::final, fileFailure_};
-  if (!use_) return curlFailure(code);
+  return use_ ? judge(code) : curlFailure(code);
+}
 
+TransferAttempt::Outcome TransferAttempt::follow(const std::string& url) {
+  if (!request_.follow(url)) {
+    return {End::final, URLError(CURLE_TOO_MANY_REDIRECTS, "the server sent the transfer from place to place")};
+  }
+  passedOver_ = 0;
+  lastHeard_ = Clock::now();
+  return {End::redirected};
+}
+
+TransferAttempt::Outcome TransferAttempt::judge(int code) const {
   const int status = responseHead().status;
   switch (*use_) {
     case BodyUse::alreadyWhole:
@@ -219,7 +197,7 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
   if (isOverlong_) return transient(URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced"));
   if (code == CURLE_BAD_CONTENT_ENCODING) {
     if (record_.isTakenAsItIs) return transient(URLError(code, "the server sent an unknown coding"));
-    const std::string coding = plainLine(headerText(easy_.get(), "Content-Encoding"), longestCoding);
+    const std::string coding = plainLine(request_.header("Content-Encoding"), longestCoding);
     return {End::final, URLError(code, fmt::format("the server sent the file in a coding that cannot be undone "
                                                    "(\"{}\"); give another address of it",
                                                    coding))};
@@ -234,7 +212,7 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
 
 TransferAttempt::Outcome TransferAttempt::curlFailure(int code) const {
   long systemError = 0;
-  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &systemError);
+  curl_easy_getinfo(request_.easy(), CURLINFO_OS_ERRNO, &systemError);
   const char* text = curlText_.front() != '\0' ? curlText_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
   const TransferFailure failure{.code = code, .systemError = static_cast<int>(systemError), .text = text};
   return {failure.isTransient() ? End::transient : End::final, failure.error(), failure.why()};

@@ -9,12 +9,13 @@
 
 #include "platform/Error.h"
 #include "platform/host/RangeRules.h"
+#include "platform/host/TransferRequest.h"
 #include "platform/host/TransferStore.h"
 
 namespace tarn {
 
 /// One HTTP exchange for a transfer: asks for what its partial file lacks, holds the answer against what was asked, and
-/// writes the body straight to the part. Redirects are followed, over http and https only. Belongs to one thread.
+/// writes the body straight to the part. Belongs to one thread.
 class TransferAttempt {
  public:
   using Clock = std::chrono::steady_clock;
@@ -23,9 +24,10 @@ class TransferAttempt {
   using Progress = std::function<void(uint64_t received, std::optional<uint64_t> expected)>;
 
   enum class End {
-    whole,      ///< the part is the whole file
-    transient,  ///< worth another try
-    final,      ///< there will be no file
+    redirected,  ///< the request has been turned to where the server sent it: carry it out again
+    whole,       ///< the part is the whole file
+    transient,   ///< worth another try
+    final,       ///< there will be no file
   };
   struct Outcome {
     End end;
@@ -42,7 +44,7 @@ class TransferAttempt {
   TransferAttempt& operator=(const TransferAttempt&) = delete;
 
   /// The request, as libcurl's easy handle (CURL*). It must have left its multi handle before the attempt is destroyed.
-  void* easy() const { return easy_.get(); }
+  void* easy() const { return request_.easy(); }
 
   /// Judges the exchange after libcurl has ended it with `code` (CURLcode).
   Outcome finish(int code);
@@ -55,19 +57,14 @@ class TransferAttempt {
   Clock::time_point lastHeard() const { return lastHeard_; }
 
  private:
-  struct EasyDeleter {
-    void operator()(void* easy) const;
-  };
-  struct ListDeleter {
-    void operator()(void* list) const;
-  };
-
   void openPart();
-  void prepare(const std::string& userAgent);
+  void prepare();
   ResponseHead responseHead() const;
   void decide();
   void emptyPart();
   bool take(ByteView piece);
+  Outcome follow(const std::string& url);
+  Outcome judge(int code) const;
   Outcome judgeBody(int code) const;
   Outcome curlFailure(int code) const;
   static Outcome transient(URLError error);
@@ -89,8 +86,8 @@ class TransferAttempt {
   std::optional<Error> fileFailure_;
   Clock::time_point lastHeard_ = Clock::now();
   std::array<char, 256> curlText_{};  ///< libcurl's words on a failure
-  std::unique_ptr<void, ListDeleter> headers_;
-  std::unique_ptr<void, EasyDeleter> easy_;
+  size_t passedOver_ = 0;             ///< bytes of a redirect's body
+  TransferRequest request_;
 };
 
 }  // namespace tarn

@@ -205,12 +205,18 @@ void TransferLoop::endStalledAttempts() {
 
 void TransferLoop::endAttempt(Job& job, int code) {
   detach(job);
+  const auto outcome = job.attempt->finish(code);
+  if (outcome.end == TransferAttempt::End::redirected) {
+    curl_multi_add_handle(multi_.get(), job.attempt->easy());
+    return;
+  }
   const auto attempt = std::exchange(job.attempt, nullptr);
-  const auto outcome = attempt->finish(code);
   job.tries = attempt->hasProgressed() ? 1 : job.tries + 1;
   if (attempt->hasStartedOver()) ++job.startOvers;
 
   switch (outcome.end) {
+    case TransferAttempt::End::redirected:
+      return;
     case TransferAttempt::End::whole:
       return finish(job);
     case TransferAttempt::End::transient:
@@ -222,13 +228,13 @@ void TransferLoop::endAttempt(Job& job, int code) {
 
 void TransferLoop::retryOrFail(Job& job, const TransferAttempt::Outcome& outcome) {
   const Error& error = *outcome.error;
-  if (job.tries >= options_.maximumTries || job.startOvers >= options_.maximumTries) return fail(job, error);
+  const int maximumTries = job.record.options.retries.value_or(options_.maximumTries - 1) + 1;
+  if (job.tries >= maximumTries || job.startOvers >= maximumTries) return fail(job, error);
   auto pause = options_.initialPause;
   for (int i = 1; i < job.tries && pause < options_.maximumPause; ++i) pause *= 2;
   pause = std::min(pause, options_.maximumPause);
   job.nextTry = Clock::now() + pause;
-  job.transfer->setNextTry(
-      {{.number = job.tries, .most = options_.maximumTries - 1, .time = job.nextTry, .why = outcome.why}});
+  job.transfer->setNextTry({{.number = job.tries, .most = maximumTries - 1, .time = job.nextTry, .why = outcome.why}});
   log("Transfer {} tries again in {} ms: {}", job.record.taskIdentifier, pause.count(), error.description());
 }
 

@@ -3,8 +3,10 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "platform/Clock.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
+#include "platform/TransferRules.h"
 
 namespace tarn {
 namespace {
@@ -22,6 +24,10 @@ std::string encode(const TransferRecord& record) {
   if (record.isPage) document["isPage"] = true;
   if (record.isTakenAsItIs) document["isTakenAsItIs"] = true;
   if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
+  if (record.options != TransferOptions()) {
+    document["options"] = json::parse(objectOf(record.options).json());
+    document["optionsSince"] = record.optionsSince;
+  }
   return document.dump();
 }
 
@@ -37,6 +43,10 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   record.isPage = document.value("isPage", false);
   record.started = document.value("started", true);  // records of an older version were all started
   document.at("complete").get_to(record.complete);
+  if (document.contains("options")) {
+    record.options = transferOptions(JSObject::parse(document.at("options").dump()).value_or(JSObject()));
+    record.optionsSince = document.value("optionsSince", int64_t{0});
+  }
   if (document.contains("expectedSize")) record.expectedSize = document.at("expectedSize").get_ref<const uint64_t&>();
   return record;
 }
@@ -53,7 +63,8 @@ std::optional<int64_t> identifierOfRecord(const std::string& name) {
 
 }  // namespace
 
-TransferStore::TransferStore(FileManager& files, Path directory) : files_(files), directory_(std::move(directory)) {}
+TransferStore::TransferStore(FileManager& files, Path directory, std::chrono::seconds keepsOptions)
+    : files_(files), directory_(std::move(directory)), keepsOptions_(keepsOptions) {}
 
 Path TransferStore::recordFile(int64_t taskIdentifier) const {
   return directory_ / fmt::format("{}{}", taskIdentifier, recordSuffix);
@@ -68,15 +79,18 @@ Path TransferStore::deliveryFile(int64_t taskIdentifier) const {
 }
 
 TransferRecord TransferStore::add(const std::string& session, const std::string& url,
-                                  const std::string& taskDescription) {
+                                  const std::string& taskDescription, const TransferOptions& options) {
   std::lock_guard guard(mutex_);
   load();
+  forgetOldOptions();
   files_.createDirectory(directory_);
   TransferRecord record;
   record.taskIdentifier = ++lastIdentifier_;
   record.session = session;
   record.url = url;
   record.taskDescription = taskDescription;
+  record.options = options;
+  record.optionsSince = secondsSince1970(std::chrono::system_clock::now());
   write(record);
   records_[record.taskIdentifier] = record;
   return record;
@@ -88,6 +102,7 @@ void TransferStore::save(const TransferRecord& record) {
   if (known == records_.end()) return;
   TransferRecord next = record;
   next.taskDescription = known->second.taskDescription;
+  next.options = known->second.options;
   write(next);
   known->second = std::move(next);
 }
@@ -161,12 +176,32 @@ void TransferStore::load() {
   for (const auto& name : names) {
     if (const auto identifier = identifierOfRecord(name)) loadRecord(*identifier);
   }
+  forgetOldOptions();
   for (const auto& name : names) {
     const auto identifier = identifierOfRecord(Path(name).stem().string() + std::string(recordSuffix));
     const bool isPart = name.ends_with(partSuffix) && identifier && records_.contains(*identifier);
     const bool isRecord = name.ends_with(recordSuffix) && identifier && records_.contains(*identifier);
     const auto facts = files_.attributes(directory_ / name);
     if (!isPart && !isRecord && facts && !facts->isDirectory) removeIfExists(files_, directory_ / name);
+  }
+}
+
+/// A rate and the like are no secrets, and stay.
+void TransferStore::forgetOldOptions() {
+  const int64_t oldest = secondsSince1970(std::chrono::system_clock::now() - keepsOptions_);
+  for (auto& [identifier, record] : records_) {
+    TransferRecord next = record;
+    next.options.headers.clear();
+    next.options.cookies.clear();
+    next.options.referer.reset();
+    if (record.optionsSince > oldest || next.options == record.options) continue;
+    try {
+      write(next);
+      record = std::move(next);
+      log("Transfer {} is so old that its headers and cookies are forgotten", identifier);
+    } catch (const Error& failure) {
+      log("Could not forget the headers of transfer {}: {}", identifier, failure.description());
+    }
   }
 }
 

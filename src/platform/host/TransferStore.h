@@ -1,5 +1,8 @@
 #pragma once
 
+#include <tarn/transfer.h>
+
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -17,6 +20,8 @@ struct TransferRecord {
   std::string session;  ///< identifier of the session that it belongs to
   std::string url;
   std::string taskDescription;
+  TransferOptions options;
+  int64_t optionsSince = 0;              ///< seconds since 1970 at which they were stored
   std::string validator;                 ///< version of the bytes in the partial file, for If-Range; empty: none
   std::optional<uint64_t> expectedSize;  ///< size of the whole file in bytes, once told
   bool isPage = false;                   ///< the server called the bytes a web page
@@ -30,17 +35,19 @@ struct TransferRecord {
 /// The records of all transfers, with the places of their files: `<taskIdentifier>.json`, and beside it
 /// `<taskIdentifier>.part` with the bytes fetched so far. The directory is read at the first use, and what belongs to
 /// no record is swept then. A record is written before its partial file is made and removed before it, so that a part
-/// without a record is nobody's. Thread-safe.
+/// without a record is nobody's. Only its owner can read a record. Headers, cookies and the referrer are forgotten once
+/// they are older than `keepsOptions`: at the first use, and whenever a record is made. Thread-safe.
 class TransferStore {
  public:
-  TransferStore(FileManager& files, Path directory);
+  TransferStore(FileManager& files, Path directory, std::chrono::seconds keepsOptions);
 
   /// Makes a record, on stable storage. Its identifier is larger than any that was stored when this process began.
   /// Throws PosixError, and URLError for text that is not UTF-8.
-  TransferRecord add(const std::string& session, const std::string& url, const std::string& taskDescription);
+  TransferRecord add(const std::string& session, const std::string& url, const std::string& taskDescription,
+                     const TransferOptions& options);
 
-  /// Replaces a record, on stable storage; the description stays. One that has been removed stays removed. Throws
-  /// PosixError.
+  /// Replaces a record, on stable storage; description and options stay. One that has been removed stays removed.
+  /// Throws PosixError.
   void save(const TransferRecord& record);
 
   /// Throws PosixError, and URLError for text that is not UTF-8.
@@ -69,11 +76,13 @@ class TransferStore {
  private:
   Path recordFile(int64_t taskIdentifier) const;
   void load();
+  void forgetOldOptions();
   void loadRecord(int64_t taskIdentifier);
   void write(const TransferRecord& record);
 
   FileManager& files_;
   const Path directory_;
+  const std::chrono::seconds keepsOptions_;
   std::mutex mutex_;
   bool loaded_ = false;
   int64_t lastIdentifier_ = 0;

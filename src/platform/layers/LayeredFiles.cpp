@@ -323,8 +323,8 @@ std::unique_ptr<FileHandle> LayeredFiles::open(const Path& path, OpenMode mode) 
     files_.erase(path);
     return base().open(path, mode);
   }
-  const bool makesFile = mode == OpenMode::creating || mode == OpenMode::exclusive;
-  FilePointer file = makesFile ? make(path, mode == OpenMode::exclusive) : find(path);
+  const bool makesFile = mode == OpenMode::creating || isExclusive(mode);
+  FilePointer file = makesFile ? make(path, isExclusive(mode)) : find(path);
   return std::make_unique<Handle>(*this, std::move(file), mode != OpenMode::reading);
 }
 

@@ -235,12 +235,12 @@ InMemoryFileManager::~InMemoryFileManager() = default;
 
 std::unique_ptr<FileHandle> InMemoryFileManager::open(const Path& path, OpenMode mode) {
   std::lock_guard guard(disk_->mutex);
-  const bool mayMake = mode == OpenMode::creating || mode == OpenMode::exclusive;
+  const bool mayMake = mode == OpenMode::creating || isExclusive(mode);
   NodePointer node = disk_->find(path).node;
   if (!node && mayMake) {
     const NodePointer directory = disk_->directoryForNew(path);
     node = directory->entries[Disk::nameOf(path)] = disk_->makeNode(false);
-  } else if (node && mode == OpenMode::exclusive) {
+  } else if (node && isExclusive(mode)) {
     fail(EEXIST, path);
   } else {
     node = disk_->getFile(path);

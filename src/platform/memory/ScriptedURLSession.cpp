@@ -14,9 +14,10 @@ namespace tarn {
 using State = NSURLSessionTaskState;
 
 ScriptedDownloadTask::ScriptedDownloadTask(int64_t taskIdentifier, std::string url, std::string taskDescription,
-                                           State state)
+                                           TransferOptions options, State state)
     : taskIdentifier_(taskIdentifier),
       url_(std::move(url)),
+      options_(std::move(options)),
       taskDescription_(std::move(taskDescription)),
       state_(state) {}
 
@@ -75,10 +76,10 @@ class ScriptedURLSessionService::Session : public NSURLSession {
     service_.delegate_.reset();
   }
 
-  std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url,
-                                                         const std::string& taskDescription) override {
+  std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& taskDescription,
+                                                         const TransferOptions& options) override {
     if (!URL::parse(url)) throw URLError(-1, "not an http or https URL: " + url);
-    return service_.make(url, taskDescription);
+    return service_.make(url, taskDescription, options);
   }
 
   std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override {
@@ -102,7 +103,7 @@ std::unique_ptr<NSURLSession> ScriptedURLSessionService::makeBackgroundSession(
   for (auto& task : tasks_) {
     const State state = task->state() == State::suspended ? State::suspended : State::running;
     task = std::make_shared<ScriptedDownloadTask>(task->taskIdentifier(), task->originalRequestURL(),
-                                                  task->taskDescription(), state);
+                                                  task->taskDescription(), task->options(), state);
   }
   return std::make_unique<Session>(*this);
 }
@@ -129,10 +130,11 @@ ScriptedURLSessionService::TaskPointer ScriptedURLSessionService::task(const std
 }
 
 ScriptedURLSessionService::TaskPointer ScriptedURLSessionService::make(const std::string& url,
-                                                                       const std::string& taskDescription) {
+                                                                       const std::string& taskDescription,
+                                                                       const TransferOptions& options) {
   std::lock_guard guard(mutex_);
   return tasks_.emplace_back(
-      std::make_shared<ScriptedDownloadTask>(++lastIdentifier_, url, taskDescription, State::suspended));
+      std::make_shared<ScriptedDownloadTask>(++lastIdentifier_, url, taskDescription, options, State::suspended));
 }
 
 void ScriptedURLSessionService::call(const std::function<void(NSURLSessionDownloadDelegate&)>& event) {

@@ -17,12 +17,13 @@ namespace tarn {
 /// A transfer that does nothing by itself: its events are fired through the service below.
 class ScriptedDownloadTask : public NSURLSessionDownloadTask {
  public:
-  ScriptedDownloadTask(int64_t taskIdentifier, std::string url, std::string taskDescription,
+  ScriptedDownloadTask(int64_t taskIdentifier, std::string url, std::string taskDescription, TransferOptions options,
                        NSURLSessionTaskState state);
 
   int64_t taskIdentifier() const override { return taskIdentifier_; }
   std::string originalRequestURL() const override { return url_; }
   std::string taskDescription() const override;
+  const TransferOptions& options() const { return options_; }
   NSURLSessionTaskState state() const override;
   double fractionCompleted() const override;
   TransferState transferState() const override;
@@ -39,6 +40,7 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
 
   const int64_t taskIdentifier_;
   const std::string url_;
+  const TransferOptions options_;
   mutable std::mutex mutex_;
   std::string taskDescription_;
   NSURLSessionTaskState state_;
@@ -86,7 +88,7 @@ class ScriptedURLSessionService : public NSURLSessionService {
  private:
   class Session;
 
-  TaskPointer make(const std::string& url, const std::string& taskDescription);
+  TaskPointer make(const std::string& url, const std::string& taskDescription, const TransferOptions& options);
   void handOver(const TaskPointer& task, const Path& location);
   void end(const TaskPointer& task, const std::optional<Error>& error);
   void call(const std::function<void(NSURLSessionDownloadDelegate&)>& event);

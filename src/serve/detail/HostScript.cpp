@@ -49,15 +49,17 @@ size_t startOfHead(std::string_view html) {
 
 }  // namespace
 
-std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey) {
+std::string hostScript(const CAPBridgedPlugin& plugin, const std::string& pageKey, const HostFacts& host) {
   JSValue::Array methods;
   for (const CAPPluginMethod& method : plugin.pluginMethods()) {
     methods.emplace_back(methodEntry(method.name, method.returnType));
   }
   for (const auto& [name, returnType] : bridgeMethods) methods.emplace_back(methodEntry(name, returnType));
   const JSObject table{{"name", plugin.jsName()}, {"methods", std::move(methods)}};
-  return fmt::format("const tarnPlugins = [{}];\nconst tarnPageKey = \"{}\";\n{}", table.json(), pageKey,
-                     nativeScript());
+  const JSObject facts{
+      {"name", host.name}, {"methods", JSValue::Array(host.methods.begin(), host.methods.end())}, {"log", host.log}};
+  return fmt::format("const tarnPlugins = [{}];\nconst tarnPageKey = \"{}\";\nconst tarnHostFacts = {};\n{}",
+                     table.json(), pageKey, facts.json(), nativeScript());
 }
 
 std::string withHostScript(std::string_view html) {

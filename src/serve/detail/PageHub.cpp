@@ -55,8 +55,8 @@ void PageHub::answer(const std::string& page, const std::string& id, const CAPPl
   if (found != sessions_.end()) found->second.answer(id, std::make_shared<std::string>(answerText(id, answer)));
 }
 
-void PageHub::sendEvent(const std::string& event, const JSObject& data) {
-  auto text = std::make_shared<std::string>(eventText(ring_.nextNumber(), plugin_, event, data));
+void PageHub::sendEventOf(const std::string& plugin, const std::string& event, const JSObject& data) {
+  auto text = std::make_shared<std::string>(eventText(ring_.nextNumber(), plugin, event, data));
   ring_.add(text);
   for (auto& [page, session] : sessions_) session.send(text);
 }

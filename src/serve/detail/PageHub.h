@@ -48,7 +48,9 @@ class PageHub {
   void receive(const std::string& page, const PageConnection& connection, std::string_view text);
 
   void answer(const std::string& page, const std::string& id, const CAPPluginCall::Answer& answer);
-  void sendEvent(const std::string& event, const JSObject& data);
+  void sendEvent(const std::string& event, const JSObject& data) { sendEventOf(plugin_, event, data); }
+  /// The same of another plug-in.
+  void sendEventOf(const std::string& plugin, const std::string& event, const JSObject& data);
 
   PagePresence& presence() { return presence_; }
 

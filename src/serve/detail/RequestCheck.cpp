@@ -9,9 +9,10 @@ namespace tarn {
 
 RequestCheck::RequestCheck(uint16_t port, std::string token)
     : token_(std::move(token)),
-      host_("127.0.0.1:" + std::to_string(port)),
+      port_(std::to_string(port)),
+      host_("127.0.0.1:" + port_),
       origin_("http://" + host_),
-      cookieName_("tarn-" + std::to_string(port)),
+      cookieName_("tarn-" + port_),
       secret_(randomHex(32)),
       base_("/" + randomHex(16) + "/"),
       challenge_(randomHex(32)),
@@ -31,12 +32,13 @@ std::optional<RequestTarget> RequestCheck::inside(const RequestTarget& target) c
   return RequestTarget{.path = target.path.substr(base_.size() - 1), .query = target.query};
 }
 
-std::optional<Refusal> RequestCheck::refuse(const RequestHead& head, const RequestTarget& target, bool isSocket) const {
-  const auto hosts = head.allFields("host");
-  if (hosts.size() != 1 || hosts.front() != host_) return Refusal{421, "This is " + host_ + " and no other host."};
-
+std::optional<Refusal> RequestCheck::refuse(const RequestHead& head, const RequestTarget& target, bool isSocket,
+                                            const std::vector<std::string_view>& methods) const {
+  if (auto refusal = refuseHost(head)) return refusal;
+  const bool isReading = head.method == "GET" || head.method == "HEAD";
+  const bool needsOrigin = isSocket || !isReading;
   const auto origins = head.allFields("origin");
-  if ((isSocket && origins.empty()) || origins.size() > 1 || (origins.size() == 1 && origins.front() != origin_)) {
+  if ((needsOrigin && origins.empty()) || origins.size() > 1 || (origins.size() == 1 && origins.front() != origin_)) {
     return Refusal{403, "Pages of other origins may not ask here."};
   }
   const std::string_view site = head.field("sec-fetch-site").value_or("none");
@@ -48,8 +50,19 @@ std::optional<Refusal> RequestCheck::refuse(const RequestHead& head, const Reque
   if (!isKnown(head, target)) {
     return Refusal{403, "This browser is not let in yet. Open the address that `tarn serve` has printed."};
   }
-  if (head.method != "GET") return Refusal{405, "Only GET is answered here."};
+  if (std::ranges::find(methods, head.method) == methods.end()) {
+    return Refusal{405, "This is not what can be done here."};
+  }
   return std::nullopt;
+}
+
+std::optional<Refusal> RequestCheck::refuseHost(const RequestHead& head) const {
+  const auto hosts = head.allFields("host");
+  if (hosts.size() == 1 && hosts.front() == host_) return std::nullopt;
+  if (hosts.size() == 1 && (hosts.front() == "localhost:" + port_ || hosts.front() == "[::1]:" + port_)) {
+    return Refusal{308, "This is " + host_ + ".", origin_ + head.target};
+  }
+  return Refusal{421, "This is " + host_ + " and no other host."};
 }
 
 bool RequestCheck::isKnown(const RequestHead& head, const RequestTarget& target) const {

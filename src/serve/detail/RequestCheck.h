@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "serve/detail/RequestHead.h"
 
@@ -12,6 +14,7 @@ namespace tarn {
 struct Refusal {
   int status;
   std::string words;
+  std::string location = {};  ///< of a 308
 };
 
 /// What a request asks for.
@@ -49,13 +52,18 @@ class RequestCheck {
   /// The target as seen from the path of this start, "/" and what follows; nothing when it is elsewhere.
   std::optional<RequestTarget> inside(const RequestTarget& target) const;
 
-  /// Nothing when the request is good. `isSocket` asks for the field Origin, which a browser never leaves out there.
-  std::optional<Refusal> refuse(const RequestHead& head, const RequestTarget& target, bool isSocket) const;
+  /// Nothing when the request is good: then its method is one of `methods`. `isSocket`, and a method that may change
+  /// something, asks for the field Origin, which a browser never leaves out there. Other names of this host are sent to
+  /// its one name.
+  std::optional<Refusal> refuse(const RequestHead& head, const RequestTarget& target, bool isSocket,
+                                const std::vector<std::string_view>& methods) const;
 
  private:
+  std::optional<Refusal> refuseHost(const RequestHead& head) const;
   bool isKnown(const RequestHead& head, const RequestTarget& target) const;
 
   const std::string token_;
+  const std::string port_;
   const std::string host_;
   const std::string origin_;
   const std::string cookieName_;

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <optional>
 #include <utility>
 
+#include "platform/UTF8.h"
 #include "serve/detail/ByteRange.h"
 #include "serve/detail/HostScript.h"
 
@@ -26,6 +28,20 @@ JSObject assetEntry(const PHAsset& asset) {
           {"bytes", static_cast<int64_t>(asset.size)},
           {"created", created.count()},
           {"video", std::string(videos.substr(1)) + asset.localIdentifier}};
+}
+
+/// The field that has a browser keep a file under its name (RFC 6266 4.1), without what could break the field or
+/// mislead who reads it.
+std::string attachment(const std::string& filename) {
+  constexpr size_t longestName = 255;
+  std::string plain, encoded;
+  for (const char c : plainLine(filename, longestName)) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isAlphanumeric = byte < 0x80 && std::isalnum(byte) != 0;
+    plain += isAlphanumeric || std::string_view(" .-_()").find(c) != std::string_view::npos ? c : '_';
+    encoded += isAlphanumeric || c == '.' || c == '-' || c == '_' ? std::string(1, c) : fmt::format("%{:02X}", byte);
+  }
+  return fmt::format("attachment; filename=\"{}\"; filename*=UTF-8''{}", plain, encoded);
 }
 
 }  // namespace
@@ -48,9 +64,8 @@ const std::vector<std::pair<std::string, std::string>>& commonFields() {
   return fields;
 }
 
-Site::Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder,
-           std::string pageKey)
-    : files_(files), photos_(photos), plugin_(plugin), folder_(folder), pageKey_(std::move(pageKey)) {}
+Site::Site(FileManager& files, PHPhotoLibrary& photos, const Path& folder, std::string script)
+    : files_(files), photos_(photos), folder_(folder), script_(std::move(script)) {}
 
 bool Site::asksLibrary(const RequestTarget& target) {
   return target.path == "/albums" || target.path.starts_with(videos);
@@ -61,7 +76,9 @@ SiteAnswer Site::answer(const RequestHead& head, const RequestTarget& target) co
   if (target.path == "/bridge/native.js") return script();
   if (target.path == "/bridge/alive") return {.status = 204};
   if (target.path == "/albums") return albums();
-  if (target.path.starts_with(videos)) return video(head, target.path.substr(videos.size()));
+  if (target.path.starts_with(videos)) {
+    return video(head, target.path.substr(videos.size()), target.query.contains("download"));
+  }
   return pageFile(target);
 }
 
@@ -70,7 +87,7 @@ SiteAnswer Site::index() const {
 }
 
 SiteAnswer Site::script() const {
-  return typed(contentType("native.js"), hostScript(plugin_, pageKey_));
+  return typed(contentType("native.js"), script_);
 }
 
 SiteAnswer Site::albums() const {
@@ -83,7 +100,7 @@ SiteAnswer Site::albums() const {
   return typed("application/json", JSObject{{"albums", std::move(albums)}}.json());
 }
 
-SiteAnswer Site::video(const RequestHead& head, const std::string& id) const {
+SiteAnswer Site::video(const RequestHead& head, const std::string& id, bool isDownload) const {
   const auto assets = photos_.fetchAllAssets();
   const auto asset = std::ranges::find(assets, id, &PHAsset::localIdentifier);
   if (asset == assets.end() || !files_.fileExists(asset->path))
@@ -101,6 +118,7 @@ SiteAnswer Site::video(const RequestHead& head, const std::string& id) const {
   SiteAnswer answer{.fields = {{"Content-Type", videoContentType(asset->filename)}, {"Accept-Ranges", "bytes"}},
                     .file = std::move(file),
                     .count = range.count};
+  if (isDownload) answer.fields.emplace_back("Content-Disposition", attachment(asset->filename));
   if (range.kind == ByteRange::Kind::part) {
     answer.status = 206;
     answer.fields.emplace_back("Content-Range",

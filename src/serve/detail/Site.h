@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Capacitor.h"
+#include "platform/FileManager.h"
 #include "platform/PHPhotoLibrary.h"
 #include "serve/detail/RequestHead.h"
 #include "serve/detail/ServedFolder.h"
@@ -34,9 +34,8 @@ const std::vector<std::pair<std::string, std::string>>& commonFields();
 /// below which path it is served, so what it tells of places is relative. Thread-safe.
 class Site {
  public:
-  /// The first three must outlive the site. Throws Error when the folder holds no page.
-  Site(FileManager& files, PHPhotoLibrary& photos, const CAPBridgedPlugin& plugin, const Path& folder,
-       std::string pageKey);
+  /// The first two must outlive the site; `script` is the host's own. Throws Error when the folder holds no page.
+  Site(FileManager& files, PHPhotoLibrary& photos, const Path& folder, std::string script);
 
   /// Whether an answer has to wait for the photo library, which a save may hold for long.
   static bool asksLibrary(const RequestTarget& target);
@@ -48,14 +47,13 @@ class Site {
   SiteAnswer index() const;
   SiteAnswer script() const;
   SiteAnswer albums() const;
-  SiteAnswer video(const RequestHead& head, const std::string& id) const;
+  SiteAnswer video(const RequestHead& head, const std::string& id, bool isDownload) const;
   SiteAnswer pageFile(const RequestTarget& target) const;
 
   FileManager& files_;
   PHPhotoLibrary& photos_;
-  const CAPBridgedPlugin& plugin_;
   const ServedFolder folder_;
-  const std::string pageKey_;
+  const std::string script_;
 };
 
 }  // namespace tarn

@@ -1,16 +1,7 @@
 import { byId, find, fromTemplate, putAt, setText } from './dom.js';
-import { bytesText, countText, momentText } from './text.js';
-
-/** A video of the photo library, as the host lists it. */
-export interface Asset {
-  id: string;
-  filename: string;
-  bytes: number;
-  /** Unix seconds. */
-  created: number;
-  /** Where its file can be played from. */
-  video: string;
-}
+import { VideoCard } from './video-card.js';
+import type { Asset, VideoAction } from './video-card.js';
+import { countText } from './text.js';
 
 interface Album {
   title: string;
@@ -20,21 +11,13 @@ interface Album {
 /** The albums with their videos, newest first, playable in place. */
 export class Albums {
   private readonly container = byId('albums', HTMLElement);
-  private readonly cards = new Map<string, HTMLElement>(); // kept over refreshes, so that a playing video goes on
+  private readonly cards = new Map<string, VideoCard>(); // kept over refreshes, so that a playing video goes on
   private albums: Album[] = [];
-  // The first picture of a video is only fetched when its card comes near.
-  private readonly nearby = new IntersectionObserver(
-    (entries) => {
-      for (const { target, isIntersecting } of entries) {
-        if (!isIntersecting || !(target instanceof HTMLVideoElement)) continue;
-        target.preload = 'metadata';
-        this.nearby.unobserve(target);
-      }
-    },
-    { rootMargin: '200px' },
-  );
 
-  constructor(private readonly onChange: (titles: string[]) => void) {
+  constructor(
+    private readonly onChange: (titles: string[]) => void,
+    private readonly onAction: (action: VideoAction, asset: Asset, album: string) => void,
+  ) {
     this.container.addEventListener('play', ({ target }) => this.pauseOthers(target), { capture: true });
   }
 
@@ -56,24 +39,22 @@ export class Albums {
       .find((asset) => asset.filename === filename && asset.created >= since);
   }
 
+  has(assetId: string): boolean {
+    return this.albums.some(({ assets }) => assets.some(({ id }) => id === assetId));
+  }
+
   play(assetId: string): void {
-    const card = this.cards.get(assetId);
-    if (!card) return;
-    const video = find(card, 'video', HTMLVideoElement);
-    card.scrollIntoView({ block: 'center' });
-    video.focus({ preventScroll: true });
-    void video.play().catch(() => undefined); // it then shows by itself that it cannot be played
+    this.cards.get(assetId)?.play();
   }
 
   private show(): void {
     byId('albums-part', HTMLElement).hidden = false;
-    byId('albums-empty', HTMLElement).hidden = this.albums.length > 0;
+    const filled = this.albums.filter(({ assets }) => assets.length > 0);
+    byId('albums-empty', HTMLElement).hidden = filled.length > 0;
     const sections = new Map(
       [...this.container.children].map((child) => [(child as HTMLElement).dataset.title, child]),
     );
-    const shown = this.albums.map((album) =>
-      this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')),
-    );
+    const shown = filled.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')));
     for (const section of sections.values()) {
       if (!shown.includes(section)) section.remove();
     }
@@ -85,7 +66,7 @@ export class Albums {
     setText(find(section, '.album-title', HTMLElement), title);
     setText(find(section, '.album-count', HTMLElement), countText(assets.length, 'video', 'videos'));
     const list = find(section, '.videos', HTMLElement);
-    const cards = assets.map((asset) => this.cards.get(asset.id) ?? this.makeCard(asset));
+    const cards = assets.map((asset) => this.showCard(asset, title));
     for (const old of [...list.children]) {
       if (!cards.includes(old as HTMLElement)) old.remove();
     }
@@ -93,18 +74,14 @@ export class Albums {
     return section;
   }
 
-  private makeCard(asset: Asset): HTMLElement {
-    const card = fromTemplate('video-card');
-    const video = find(card, 'video', HTMLVideoElement);
-    video.src = asset.video;
-    video.setAttribute('aria-label', asset.filename);
-    this.nearby.observe(video);
-    const name = find(card, '.video-name', HTMLElement);
-    setText(name, asset.filename);
-    name.title = asset.filename;
-    setText(find(card, '.video-facts', HTMLElement), `${bytesText(asset.bytes)} · ${momentText(asset.created)}`);
-    this.cards.set(asset.id, card);
-    return card;
+  private showCard(asset: Asset, album: string): HTMLElement {
+    let card = this.cards.get(asset.id);
+    if (!card) {
+      card = new VideoCard((action) => this.onAction(action, card!.asset, card!.album));
+      this.cards.set(asset.id, card);
+    }
+    card.show(asset, album);
+    return card.element;
   }
 
   private pauseOthers(playing: EventTarget | null): void {

@@ -50,7 +50,7 @@ const coolDown = 600;
 /** Events come once a second; a download that none told of for so long is asked for. */
 const silence = 2500;
 
-export function isActive({ phase }: Download): boolean {
+export function isActive({ phase }: { phase: Phase }): boolean {
   return phase === 'waiting' || phase === 'loading' || phase === 'processing';
 }
 
@@ -120,6 +120,11 @@ export class Downloads {
   /** Takes away one that has ended, from the engine too if that still has it. */
   async dismiss(id: number): Promise<void> {
     if (this.held.has(id)) await TarnBridge.cancel({ id });
+    this.forget([id]);
+  }
+
+  /** The host has begun it anew, as another one. */
+  replaced(id: number): void {
     this.forget([id]);
   }
 

@@ -9,7 +9,7 @@ type FieldName = 'url' | 'album' | 'filename';
 const missing: Record<FieldName, string> = {
   url: 'Paste the address of a video.',
   album: 'Name the album that the video goes into. It is made when there is none.',
-  filename: 'Give the file a name, for example holiday.mp4.',
+  filename: 'Give the file a name, for example holiday.mp4.', // where the address tells none
 };
 
 /** The engine's words for what it refuses, with the field that they are about and what helps. */
@@ -26,6 +26,9 @@ const refusals: Record<string, { field?: FieldName; hint: string }> = {
   },
 };
 
+/** The album of who has not named one yet. */
+const firstAlbum = 'Tarn';
+
 /** The form that starts a download. */
 export class SaveForm {
   private readonly form = byId('save', HTMLFormElement);
@@ -35,15 +38,11 @@ export class SaveForm {
     album: byId('album', HTMLInputElement),
     filename: byId('filename', HTMLInputElement),
   };
-  private isFilenameOwn = false; // the person has typed it; else it follows the address
 
   constructor(private readonly save: (options: SaveVideoOptions) => Promise<void>) {
     const { url, album, filename } = this.fields;
-    album.value = lastAlbum() ?? '';
-    url.addEventListener('input', () => {
-      if (!this.isFilenameOwn) filename.value = suggestedFilename(url.value);
-    });
-    filename.addEventListener('input', () => (this.isFilenameOwn = filename.value !== ''));
+    album.value = lastAlbum() ?? firstAlbum;
+    url.addEventListener('input', () => (filename.placeholder = suggestedFilename(url.value)));
     for (const name of Object.keys(this.fields) as FieldName[]) {
       this.fields[name].addEventListener('input', () => this.showError(name, ''));
     }
@@ -57,27 +56,29 @@ export class SaveForm {
   offerAlbums(titles: string[]): void {
     const options = titles.map((title) => Object.assign(document.createElement('option'), { value: title }));
     byId('album-titles', HTMLDataListElement).replaceChildren(...options);
-    if (this.fields.album.value === '' && document.activeElement !== this.fields.album) {
-      this.fields.album.value = titles[0] ?? '';
-    }
+  }
+
+  /** The album that is named now. */
+  album(): string {
+    return this.fields.album.value.trim() || firstAlbum;
   }
 
   private async send(): Promise<void> {
     if (this.submit.disabled || !this.isFilledIn()) return;
-    const { url, album, filename } = this.fields;
+    const { url, filename } = this.fields;
     this.submit.disabled = true;
     try {
       await this.save({
         url: url.value.trim(),
-        album: album.value.trim(),
-        filename: filename.value.trim(),
+        album: this.album(),
+        filename: filename.value.trim() || suggestedFilename(url.value),
         skipVideoFix: byId('skip-video', HTMLInputElement).checked,
         skipAudioFix: byId('skip-audio', HTMLInputElement).checked,
       });
       this.showError('form', '');
       url.value = '';
       filename.value = '';
-      this.isFilenameOwn = false;
+      filename.placeholder = '';
       url.focus();
     } catch (error) {
       this.showRefusal(messageOf(error));
@@ -87,10 +88,11 @@ export class SaveForm {
   }
 
   private isFilledIn(): boolean {
-    const empty = (Object.keys(this.fields) as FieldName[]).filter((name) => this.fields[name].value.trim() === '');
-    for (const name of empty) this.showError(name, missing[name]);
-    if (empty[0]) this.fields[empty[0]].focus();
-    return empty.length === 0;
+    const { url } = this.fields;
+    if (url.value.trim() !== '') return true;
+    this.showError('url', missing.url);
+    url.focus();
+    return false;
   }
 
   private showRefusal(words: string): void {

@@ -1,9 +1,12 @@
+import { actionsFor } from './cards.js';
+import type { Card, CardAction } from './cards.js';
 import { isActive } from './downloads.js';
 import type { Download, Phase } from './downloads.js';
 import { byId, find, fromTemplate, putAt, setText } from './dom.js';
-import { bytesText, timeLeftText } from './text.js';
-
-export type RowAction = 'cancel' | 'dismiss' | 'again' | 'watch';
+import { logPath } from './host.js';
+import type { HistoryEntry, Transfer } from './host.js';
+import { RepairReport } from './repair-report.js';
+import { bytesText, secondsText, sentence, timeLeftText } from './text.js';
 
 const phaseWords: Record<Phase, string> = {
   waiting: 'Waiting',
@@ -14,44 +17,57 @@ const phaseWords: Record<Phase, string> = {
   vanished: 'Ended',
 };
 
-const actionWords: Record<RowAction, string> = {
+const actionWords: Record<CardAction, string> = {
   watch: 'Watch',
+  asItCame: 'Save as it came',
   again: 'Try again',
+  pause: 'Pause',
+  resume: 'Go on',
   cancel: 'Cancel',
   dismiss: 'Dismiss',
 };
 
+interface Row {
+  element: HTMLElement;
+  report: RepairReport;
+}
+
 /** The list of downloads: one row for each, changed in place so that focus and screen readers keep their position. */
 export class Rows {
   private readonly list = byId('downloads', HTMLOListElement);
-  private readonly rows = new Map<number, HTMLElement>();
+  private readonly rows = new Map<number, Row>();
 
-  constructor(onAction: (action: RowAction, id: number) => void) {
+  constructor(
+    onAction: (action: CardAction, id: number) => void,
+    private readonly isPlayable: (assetId: string) => boolean,
+  ) {
     this.list.addEventListener('click', ({ target }) => {
       const button = target instanceof Element ? target.closest('button[data-action]') : null;
-      const row = button?.closest('li');
-      if (button instanceof HTMLElement && row) onAction(button.dataset.action as RowAction, Number(row.dataset.id));
+      const row = button?.closest<HTMLElement>('li.download');
+      if (button instanceof HTMLElement && row) onAction(button.dataset.action as CardAction, Number(row.dataset.id));
     });
   }
 
-  show(downloads: Download[]): void {
-    const shown = new Set(downloads.map(({ id }) => id));
-    for (const [id, row] of this.rows) {
-      if (!shown.has(id)) this.remove(id, row);
+  show(cards: Card[]): void {
+    const shown = new Set(cards.map(({ id }) => id));
+    for (const [id, { element }] of this.rows) {
+      if (!shown.has(id)) this.remove(id, element);
     }
     const focused = document.activeElement;
-    downloads.forEach((download, index) => {
-      const row = this.rows.get(download.id) ?? this.add(download.id);
-      update(row, download);
-      putAt(this.list, index, row);
+    cards.forEach((card, index) => {
+      const row = this.rows.get(card.id) ?? this.add(card.id);
+      const isPlayable = card.assetId !== undefined && this.isPlayable(card.assetId);
+      update(row, card, actionsFor(card, isPlayable));
+      putAt(this.list, index, row.element);
     });
     // A row that moves loses the focus.
     if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
   }
 
-  private add(id: number): HTMLElement {
-    const row = fromTemplate('download-row');
-    row.dataset.id = String(id);
+  private add(id: number): Row {
+    const element = fromTemplate('download-row');
+    element.dataset.id = String(id);
+    const row = { element, report: new RepairReport(find(element, '.download-report', HTMLElement)) };
     this.rows.set(id, row);
     return row;
   }
@@ -67,67 +83,102 @@ export class Rows {
   }
 }
 
-function update(row: HTMLElement, download: Download): void {
-  const name = download.filename ?? `Download ${download.id}`;
-  row.dataset.phase = download.phase;
+function update({ element: row, report }: Row, card: Card, actions: Set<CardAction>): void {
+  const { name } = card;
+  row.dataset.phase = card.phase;
+  row.dataset.paused = String(card.transfer?.paused ?? false);
   setText(find(row, '.download-name', HTMLElement), name);
-  setText(find(row, '.download-state', HTMLElement), phaseWords[download.phase]);
-  setText(find(row, '.download-detail', HTMLElement), detail(download));
+  setText(find(row, '.download-state', HTMLElement), stateWords(card));
+  setText(find(row, '.download-detail', HTMLElement), detail(card));
+  showReason(row, card);
+  report.show(card.phase === 'saved' ? card.entry?.summary : undefined, name);
 
   const bar = find(row, 'progress', HTMLProgressElement);
-  bar.hidden = !isActive(download);
+  bar.hidden = !isActive(card);
   bar.setAttribute('aria-label', `Progress of ${name}`);
-  const done = fraction(download);
+  const done = fraction(card);
   if (done === undefined) bar.removeAttribute('value');
   else bar.value = done;
 
-  const offered: Record<RowAction, boolean> = {
-    cancel: isActive(download),
-    dismiss: !isActive(download),
-    again: download.phase === 'failed' && download.options !== undefined,
-    watch: download.phase === 'saved' && download.assetId !== undefined,
-  };
   for (const button of row.querySelectorAll<HTMLElement>('button[data-action]')) {
-    const action = button.dataset.action as RowAction;
-    button.hidden = !offered[action];
+    const action = button.dataset.action as CardAction;
+    button.hidden = !actions.has(action);
     button.setAttribute('aria-label', `${actionWords[action]}: ${name}`);
   }
 }
 
-/** Of the bar; undefined when it is not known how far it is. */
-function fraction({ phase, bytes, total, percent }: Download): number | undefined {
-  if (phase === 'waiting') return 0;
-  if (phase === 'loading') return total > 0 ? Math.min(1, bytes / total) : undefined;
-  return percent > 0 ? percent / 100 : undefined;
+function stateWords({ phase, entry, transfer }: Card): string {
+  if (transfer?.paused) return 'Paused';
+  if (phase !== 'saved' || !entry) return phaseWords[phase];
+  if (entry.partly) return 'Saved in part';
+  if (!entry.summary) return phaseWords.saved;
+  return entry.summary.done.length > 0 ? 'Repaired and saved' : 'Saved as it came';
 }
 
-function detail(download: Download): string {
-  const album = download.options?.album;
-  switch (download.phase) {
+/** Why it failed or is not whole, what helps, and where more stands. */
+function showReason(row: HTMLElement, { phase, entry }: Card): void {
+  const line = find(row, '.download-reason', HTMLElement);
+  const isTold = entry !== undefined && (phase === 'failed' || (phase === 'saved' && entry.partly === true));
+  const words = isTold ? [entry.reason, entry.advice].filter(isSaid).map(sentence).join(' ') : '';
+  line.hidden = words === '';
+  setText(line, words);
+}
+
+function isSaid(words: string | undefined): words is string {
+  return words !== undefined && words !== '';
+}
+
+/** Of the bar; undefined when it is not known how far it is. */
+function fraction({ phase, download, transfer }: Card): number | undefined {
+  if (phase === 'waiting') return 0;
+  const total = transfer?.expected ?? download?.total ?? 0;
+  const bytes = Math.max(transfer?.received ?? 0, download?.bytes ?? 0);
+  if (phase === 'loading') return total > 0 ? Math.min(1, bytes / total) : undefined;
+  return download && download.percent > 0 ? download.percent / 100 : undefined;
+}
+
+function detail(card: Card): string {
+  const { phase, album, download, entry, transfer } = card;
+  switch (phase) {
     case 'waiting':
       return 'Starts when another one is done';
     case 'loading':
-      return transferDetail(download);
+      return transferDetail(download, transfer);
     case 'processing':
       return processingDetail(download);
     case 'saved':
       return album === undefined ? 'In its album' : `In the album ${album}`;
     case 'failed':
-      return 'The video could not be fetched or saved. What happened stands in the log.';
+      return failureDetail(entry);
     case 'vanished':
       return 'It was cancelled, or it ended while this page was away.';
   }
 }
 
-function transferDetail({ bytes, total, rate }: Download): string {
-  if (bytes <= 0 && total <= 0) return 'Starting …';
+function failureDetail(entry: HistoryEntry | undefined): string {
+  if (!entry) return 'The video could not be fetched or saved. What happened stands in the log.';
+  const log = logPath();
+  const from = isSaid(entry.url) ? `From ${entry.url}. ` : '';
+  return log === undefined ? from : `${from}More stands in the log: ${log}`;
+}
+
+function transferDetail(download?: Download, transfer?: Transfer): string {
+  if (transfer?.retry) {
+    const { number, most, seconds, why } = transfer.retry;
+    return `Retrying in ${secondsText(Math.max(1, Math.ceil(seconds)))} (${number} of ${most}): ${why}`;
+  }
+  const bytes = Math.max(transfer?.received ?? 0, download?.bytes ?? 0);
+  const total = transfer?.expected ?? download?.total ?? 0;
+  const rate = transfer?.paused ? 0 : (download?.rate ?? 0);
+  if (bytes <= 0 && total <= 0) return transfer?.paused ? 'Goes on when you say so' : 'Starting …';
   const parts = [total > 0 ? `${bytesText(bytes)} of ${bytesText(total)}` : bytesText(bytes)];
   if (rate > 0) parts.push(`${bytesText(rate)}/s`);
   if (rate > 0 && total > bytes) parts.push(timeLeftText((total - bytes) / rate));
   return parts.join(' · ');
 }
 
-function processingDetail({ stage, percent }: Download): string {
+function processingDetail(download?: Download): string {
+  const { stage = '', percent = 0 } = download ?? {};
   if (stage === '') return 'Repairing and saving';
   return percent > 0 ? `${stage} · ${percent} %` : stage;
 }

@@ -18,6 +18,21 @@ export function timeLeftText(seconds: number): string {
   return `${(seconds / 3600).toFixed(1)}${joined}h left`;
 }
 
+/** A length or a moment in a video. */
+export function secondsText(seconds: number): string {
+  if (seconds >= 100) {
+    const whole = Math.round(seconds);
+    return `${Math.floor(whole / 60)}:${String(whole % 60).padStart(2, '0')}${joined}min`;
+  }
+  return `${Number(seconds.toFixed(2))}${joined}s`;
+}
+
+/** Words as a whole sentence. */
+export function sentence(words: string): string {
+  const whole = words.charAt(0).toUpperCase() + words.slice(1);
+  return /[.!?]$/.test(whole) ? whole : `${whole}.`;
+}
+
 export function countText(count: number, one: string, many: string): string {
   return count === 1 ? `1 ${one}` : `${count} ${many}`;
 }

@@ -1,0 +1,148 @@
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "app/CommandEngine.h"
+#include "app/Commands.h"
+#include "app/DownloadIds.h"
+#include "app/Output.h"
+#include "app/ProgressPrinter.h"
+#include "engine/History.h"
+#include "engine/Home.h"
+
+namespace tarn {
+namespace {
+
+using State = HistoryEntry::State;
+
+/// The downloads of a home, as its history has them, and those under way as the engine has them, if one runs. Asks
+/// nobody to begin.
+class Downloads {
+ public:
+  explicit Downloads(const GlobalOptions& global)
+      : global_(global), entries_(History::read(homeDirectory(global.home))) {
+    for (const HistoryEntry& entry : entries_) ids_.push_back(entry.id);
+    try {
+      Engine engine(engineOptions(global));
+      hasEngine_ = engine.openRunning();
+      if (!hasEngine_) return;
+      for (Engine::Download& download : engine.downloads()) live_.emplace(download.id, std::move(download));
+    } catch (const EngineLost&) {
+      hasEngine_ = false;
+    }
+  }
+
+  void print() const {
+    if (global_.json) {
+      for (const HistoryEntry& entry : entries_) printJSON(entry.json());
+      return;
+    }
+    if (entries_.empty()) return printLine("There are no downloads yet: `tarn save URL` begins one.");
+    printGroup("Under way", State::pending);
+    printGroup("Failed", State::failed);
+    printGroup("Cancelled", State::cancelled);
+    printGroup("Saved", State::saved);
+  }
+
+ private:
+  void printGroup(const char* title, State state) const {
+    bool isFirst = true;
+    for (const HistoryEntry& entry : entries_) {
+      if (entry.state != state) continue;
+      if (std::exchange(isFirst, false)) printLine(title);
+      printEntry(entry);
+    }
+  }
+
+  void printEntry(const HistoryEntry& entry) const {
+    const std::string id = shortId(entry.id, ids_);
+    printLine(fmt::format("  {}  {}  in {}  {}", id, entry.filename, entry.album, whenAndHow(entry)));
+    const auto detail = [](const std::string& text) { printLine("        " + text); };
+    if (entry.state != State::saved && !entry.url.empty()) detail("from " + entry.url);
+    if (!entry.reason.empty()) detail(entry.reason + ".");
+    if (!entry.advice.empty()) detail(entry.advice);
+    if (entry.mayTryAgain) detail(fmt::format("To try again: tarn retry {}", id));
+    if (entry.maySaveAsItCame) detail(fmt::format("To save it without the repair: tarn retry {} --as-it-came", id));
+  }
+
+  std::string whenAndHow(const HistoryEntry& entry) const {
+    if (entry.state == State::pending) return progress(entry.id);
+    const std::string size = entry.size ? byteText(static_cast<double>(*entry.size)) + "  " : "";
+    const std::string partly = entry.isPartly ? "a part is missing  " : "";
+    return size + partly + valueAt<std::string>(entry.json(), "ended", "");
+  }
+
+  std::string progress(int64_t id) const {
+    if (!hasEngine_) return "nobody works on it now: `tarn resume` goes on";
+    const auto download = live_.find(id);
+    if (download == live_.end() || download->second.status == "STATUS_PENDING") return "waiting for its turn";
+    if (download->second.status == "STATUS_PROCESSING") return "being repaired";
+    const JSObject task = JSObject::parse(download->second.json).value_or(JSObject());
+    return byteText(static_cast<double>(valueAt<int64_t>(task, "bytesDownloaded", 0)));
+  }
+
+  const GlobalOptions& global_;
+  const std::vector<HistoryEntry> entries_;
+  std::vector<int64_t> ids_;
+  bool hasEngine_ = false;
+  std::map<int64_t, Engine::Download> live_;
+};
+
+int clearCommand(const GlobalOptions& global) {
+  CommandEngine command(global);
+  command.engine().clearHistory();
+  return command.leave(ExitCode::done);
+}
+
+/// Does something to downloads, which are named by their ids or endings of them. Nothing is done if one is not known.
+int changeCommand(const GlobalOptions& global, const std::vector<std::string>& names, const char* what,
+                  void (Engine::*change)(int64_t id)) {
+  CommandEngine command(global);
+  Engine& engine = command.engine();
+  std::vector<int64_t> ids, wanted;
+  for (const auto& entry : engine.history()) ids.push_back(entry.id);
+  for (const std::string& name : names) wanted.push_back(idNamed(name, ids));
+  int code = ExitCode::done;
+  for (const int64_t id : wanted) {
+    try {
+      (engine.*change)(id);
+      if (global.json) printJSON({{"result", what}, {"id", id}});
+    } catch (const EngineRefused& refusal) {
+      if (global.json) printJSON({{"result", "failed"}, {"id", id}, {"error", refusal.description()}});
+      printFailure(fmt::format("{}: {}.", shortId(id, ids), refusal.description()));
+      code = ExitCode::failed;
+    }
+  }
+  return command.leave(code);
+}
+
+void addChange(CommandTable& table, const char* name, const char* help, const char* what,
+               void (Engine::*change)(int64_t id)) {
+  const auto ids = std::make_shared<std::vector<std::string>>();
+  CLI::App* command = table.app.add_subcommand(name, help);
+  command->add_option("ID", *ids, "From `tarn downloads`: a number, or its last digits")->required();
+  command->callback([&table, ids, what, change] {
+    table.chosen = [&table, ids, what, change] { return changeCommand(table.global, *ids, what, change); };
+  });
+}
+
+}  // namespace
+
+void addDownloadsCommands(CommandTable& table) {
+  const auto clears = std::make_shared<bool>(false);
+  CLI::App* downloads = table.app.add_subcommand("downloads", "List the downloads: under way, failed and why, saved");
+  downloads->add_flag("--clear", *clears, "Forget those that have ended; the videos stay");
+  downloads->callback([&table, clears] {
+    table.chosen = [&table, clears] {
+      if (*clears) return clearCommand(table.global);
+      Downloads(table.global).print();
+      return static_cast<int>(ExitCode::done);
+    };
+  });
+  addChange(table, "cancel", "Stop downloads and drop what they have fetched", "cancelled", &Engine::cancel);
+}
+
+}  // namespace tarn

@@ -1,0 +1,167 @@
+#include "app/RepairResults.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <cerrno>
+
+#include "app/Commands.h"
+#include "app/Output.h"
+#include "app/ProgressPrinter.h"
+#include "platform/host/PosixCalls.h"
+#include "platform/host/PosixFileManager.h"
+
+namespace tarn {
+namespace {
+
+using Kind = RepairReport::Kind;
+
+JSValue::Array arrayOf(const std::vector<std::string>& words) {
+  return {words.begin(), words.end()};
+}
+
+JSValue nullIfEmpty(const std::string& words) {
+  return words.empty() ? JSValue() : JSValue(words);
+}
+
+std::string absoluteName(const Path& path) {
+  return path.empty() ? "" : absolutePath(path).string();
+}
+
+/// As it comes back from a line of the report.
+std::string asReadBack(const std::string& text) {
+  const auto object = JSObject::parse(JSObject{{"text", text}}.json());
+  return object ? valueAt<std::string>(*object, "text", "") : text;
+}
+
+}  // namespace
+
+RepairEnd endOf(const RepairedFile& result) {
+  if (result.wasDone) return RepairEnd::skipped;
+  switch (result.report.kind) {
+    case Kind::repaired:
+      return result.report.isPartly ? RepairEnd::partly : RepairEnd::repaired;
+    case Kind::unchanged:
+      return RepairEnd::unchanged;
+    case Kind::refused:
+      return RepairEnd::refused;
+    case Kind::failed:
+      return RepairEnd::failed;
+    case Kind::cancelled:
+      break;
+  }
+  return RepairEnd::interrupted;
+}
+
+const char* wordOf(RepairEnd end) {
+  constexpr std::array words{"repaired", "unchanged", "partly", "refused", "failed", "interrupted", "skipped"};
+  return words[static_cast<size_t>(end)];
+}
+
+int exitCodeOf(const RepairedFile& result) {
+  switch (endOf(result)) {
+    case RepairEnd::repaired:
+    case RepairEnd::unchanged:
+    case RepairEnd::skipped:
+      return ExitCode::done;
+    case RepairEnd::partly:
+      return ExitCode::partly;
+    case RepairEnd::refused:
+      return ExitCode::refused;
+    case RepairEnd::interrupted:
+      return ExitCode::interrupted;
+    case RepairEnd::failed:
+      break;
+  }
+  return result.report.mayTryAgain ? ExitCode::mayTryAgain : ExitCode::failed;
+}
+
+JSObject reportObject(const RepairedFile& result) {
+  const RepairReport& report = result.report;
+  const RepairEnd end = endOf(result);
+  return {{"result", wordOf(end)},
+          {"input", absoluteName(result.file.input)},
+          {"output", absoluteName(result.file.output)},
+          {"inputSize", static_cast<int64_t>(report.inputSize)},
+          {"outputSize", static_cast<int64_t>(report.outputSize)},
+          {"seconds", result.seconds},
+          {"wrong", arrayOf(report.summary.wrong)},
+          {"done", arrayOf(report.summary.done)},
+          {"note", report.note ? JSValue(*report.note) : JSValue()},
+          {"warnings", arrayOf(report.warnings)},
+          {"reason", end == RepairEnd::skipped ? JSValue("the output is there, and is not older than the input")
+                                               : nullIfEmpty(report.failure)},
+          {"advice", nullIfEmpty(report.advice)},
+          {"mayTryAgain", report.mayTryAgain}};
+}
+
+RepairReportFile::RepairReportFile(const Path& path)
+    : path_(path), file_(::open(nativeName(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666)) {
+  if (!file_.isOpen()) throw PosixError(errno, "write the report " + path.string());
+  if (!std::filesystem::is_regular_file(path)) return;
+  PosixFileManager disk("");
+  const Bytes bytes = readFile(disk, path);
+  std::string_view text = textOf(bytes);
+  if (!text.empty() && !text.ends_with('\n')) write("\n");
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    if (const auto object = JSObject::parse(line)) known_.insert(valueAt<std::string>(*object, "input", ""));
+  }
+}
+
+bool RepairReportFile::knows(const Path& input) const {
+  return known_.contains(asReadBack(absoluteName(input)));
+}
+
+void RepairReportFile::append(const RepairedFile& result) {
+  JSObject line{{"schema", jsonSchema}};
+  const JSObject facts = reportObject(result);
+  for (const auto& [key, value] : facts.members()) line.set(key, value);
+  write(line.json() + "\n");
+}
+
+/// In one call, so that a kill leaves no half of a line.
+void RepairReportFile::write(const std::string& text) {
+  for (size_t at = 0; at < text.size();) {
+    const ssize_t written = repeatInterrupted([&] { return ::write(*file_, text.data() + at, text.size() - at); });
+    if (written < 0) throw PosixError(errno, "write the report " + path_.string());
+    at += static_cast<size_t>(written);
+  }
+}
+
+void RepairTotals::add(const RepairedFile& result) {
+  Row& row = rows_[static_cast<size_t>(endOf(result))];
+  ++row.files;
+  row.before += result.report.inputSize;
+  row.after += result.report.outputSize;
+}
+
+size_t RepairTotals::files() const {
+  size_t files = 0;
+  for (const Row& row : rows_) files += row.files;
+  return files;
+}
+
+std::vector<std::string> RepairTotals::table() const {
+  std::vector<std::string> lines;
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    const Row& row = rows_[i];
+    if (row.files == 0) continue;
+    std::string line = fmt::format("  {:<12}{:>7}", wordOf(static_cast<RepairEnd>(i)), row.files);
+    if (row.before > 0) line += fmt::format("{:>12}", byteText(static_cast<double>(row.before)));
+    if (row.after > 0) line += " -> " + byteText(static_cast<double>(row.after));
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+JSObject RepairTotals::object() const {
+  JSObject numbers;
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    numbers.set(wordOf(static_cast<RepairEnd>(i)), static_cast<int64_t>(rows_[i].files));
+  }
+  return numbers;
+}
+
+}  // namespace tarn

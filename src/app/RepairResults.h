@@ -1,0 +1,68 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "app/RepairBatch.h"
+#include "platform/JSObject.h"
+#include "platform/host/Descriptor.h"
+
+namespace tarn {
+
+/// How a repair ended, in the words of the report, the table and the JSON lines.
+enum class RepairEnd { repaired, unchanged, partly, refused, failed, interrupted, skipped };
+
+RepairEnd endOf(const RepairedFile& result);
+const char* wordOf(RepairEnd end);
+int exitCodeOf(const RepairedFile& result);
+
+/// One file as a JSON object: input, output, result, inputSize, outputSize (bytes), seconds, wrong and done
+/// (sentences), note, warnings, and of a failure reason, advice, mayTryAgain.
+JSObject reportObject(const RepairedFile& result);
+
+/// The file that tells what became of each input: one object a line, appended as each is done. The last line about an
+/// input counts.
+class RepairReportFile {
+ public:
+  /// Opens the file or makes it, and closes a last line that a killed process has left open. Throws PosixError.
+  explicit RepairReportFile(const Path& path);
+
+  /// An earlier run has told of this input.
+  bool knows(const Path& input) const;
+
+  /// Throws PosixError.
+  void append(const RepairedFile& result);
+
+ private:
+  void write(const std::string& text);
+
+  const Path path_;
+  Descriptor file_;
+  std::set<std::string> known_;  ///< inputs
+};
+
+/// The numbers of a batch.
+class RepairTotals {
+ public:
+  void add(const RepairedFile& result);
+
+  size_t files() const;
+  size_t of(RepairEnd end) const { return rows_[static_cast<size_t>(end)].files; }
+
+  /// One row for each end that there was, each a line without its end.
+  std::vector<std::string> table() const;
+  JSObject object() const;
+
+ private:
+  struct Row {
+    size_t files = 0;
+    uint64_t before = 0;  ///< bytes
+    uint64_t after = 0;
+  };
+
+  std::array<Row, 7> rows_ = {};
+};
+
+}  // namespace tarn

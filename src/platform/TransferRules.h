@@ -1,0 +1,27 @@
+#pragma once
+
+#include <tarn/transfer.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/JSObject.h"
+
+namespace tarn {
+
+/// Why these options cannot be taken, in words for people that hold nothing of the contents; nothing if they can.
+/// Refused are headers that the engine sets itself or that are none (RFC 9110 5.5), line ends and NUL anywhere, cookies
+/// in another format, and what is too large to be kept.
+std::optional<std::string> whyRefused(const TransferOptions& options);
+
+/// The cookies, a line each, without comments; only those of the URL's host (RFC 6265 5.1.3) if a URL is given.
+std::vector<std::string> cookieLines(std::string_view cookies, std::string_view url = {});
+
+/// As the options are stored and sent: keys as their members, those that are not set left out.
+JSObject objectOf(const TransferOptions& options);
+/// Values of another type count as not set.
+TransferOptions transferOptions(const JSObject& object);
+
+}  // namespace tarn

@@ -1,0 +1,88 @@
+#include "serve/detail/HostDesk.h"
+
+#include <chrono>
+#include <utility>
+
+#include "platform/Error.h"
+
+namespace tarn {
+
+namespace asio = boost::asio;
+
+namespace {
+
+constexpr std::chrono::seconds answerTime{60};
+
+SiteAnswer rejection(int status, std::string words) {
+  return {.status = status,
+          .fields = {{"Content-Type", "application/json"}},
+          .text = JSObject{{"message", std::move(words)}}.json()};
+}
+
+/// Of a picture that the host has made; never a type that a browser would run.
+std::string pictureType(const Path& file) {
+  const std::string type = contentType(file);
+  return type == "image/png" || type == "image/webp" ? type : "image/jpeg";
+}
+
+}  // namespace
+
+HostDesk::~HostDesk() {
+  pool_.stop();
+  pool_.join();
+}
+
+void HostDesk::stop() {
+  isStopped_ = true;
+  for (const auto& wait : waits_) wait->timer->cancel();
+}
+
+asio::awaitable<SiteAnswer> HostDesk::answer(HostCall call) {
+  if (isStopped_) co_return rejection(504, "The host is ending.");
+  const bool isPoster = call.method == "getPoster";
+  asio::steady_timer timer(context_, answerTime);
+  const auto wait = std::make_shared<Wait>(Wait{.timer = &timer});
+  const auto place = waits_.insert(waits_.end(), wait);
+  run(std::move(call), wait);
+  co_await timer.async_wait(quietly);
+  wait->timer = nullptr;
+  waits_.erase(place);
+  if (!wait->answer) co_return rejection(504, "The host does not answer.");
+  const CAPPluginCall::Answer& answer = *wait->answer;
+  if (!answer.resolved) co_return rejection(answer.message == "not implemented" ? 404 : 409, answer.message);
+  if (isPoster) co_return poster(answer);
+  co_return SiteAnswer{.fields = {{"Content-Type", "application/json"}}, .text = answer.data.json()};
+}
+
+void HostDesk::run(HostCall call, const std::shared_ptr<Wait>& wait) {
+  auto done = [mailbox = mailbox_, wait](const CAPPluginCall::Answer& given) {
+    mailbox->post([wait, given] {
+      wait->answer = given;
+      if (wait->timer) wait->timer->cancel();
+    });
+  };
+  auto asked = std::make_shared<CAPPluginCall>(std::move(call.method), std::move(call.options), std::move(done));
+  asio::post(pool_, [&host = host_, asked] {
+    try {
+      host.call(asked);
+    } catch (const std::exception& failure) {
+      log("{} failed: {}", asked->method(), failure.what());
+      asked->reject("The command failed");
+    }
+  });
+}
+
+SiteAnswer HostDesk::poster(const CAPPluginCall::Answer& answer) const {
+  const auto* path = valueAt<std::string>(answer.data, "path");
+  if (!path) return rejection(404, "There is no picture of it.");
+  try {
+    auto file = files_.open(*path, OpenMode::reading);
+    const uint64_t size = file->seekToEnd();
+    file->seek(0);
+    return {.fields = {{"Content-Type", pictureType(*path)}}, .file = std::move(file), .count = size};
+  } catch (const PosixError&) {
+    return rejection(404, "There is no picture of it.");
+  }
+}
+
+}  // namespace tarn

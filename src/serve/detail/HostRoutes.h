@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/JSObject.h"
+#include "serve/detail/RequestCheck.h"
+
+namespace tarn {
+
+/// A method of the host's plug-in, with the options that a request gives it.
+struct HostCall {
+  std::string method;
+  JSObject options = {};
+};
+
+/// What a page can ask and tell the host beside the bridge: each route with the method that stands behind it. Paths are
+/// as seen from the base.
+class HostRoutes {
+ public:
+  /// The most bytes of a request's body.
+  static constexpr size_t largestBody = 4 << 10;
+
+  /// Where a file of the browser's machine is handed in, by PUT.
+  static constexpr std::string_view local = "/local";
+
+  /// Which HTTP methods a path takes. That of any other file takes GET alone.
+  static std::vector<std::string_view> allowedMethods(std::string_view path);
+
+  /// Whether a GET at this path is answered by the plug-in.
+  static bool isAsked(std::string_view path);
+
+  /// What a request calls. Refused are an identifier or a body that is none; unknown keys of the body are dropped.
+  static std::variant<HostCall, Refusal> callFor(std::string_view httpMethod, std::string_view path,
+                                                 std::string_view body);
+
+  /// What a call of this method has changed: "library", "downloads" or "history"; nothing for a question.
+  static std::string_view changedBy(std::string_view method);
+};
+
+}  // namespace tarn

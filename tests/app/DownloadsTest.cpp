@@ -1,0 +1,127 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "support/DamagedMovies.h"
+#include "support/Eventually.h"
+#include "support/FaultServer.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+// What the history of a home tells, and what can be done from it.
+
+namespace tarn::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+const Bytes& recording() {
+  return damagedMovie("avc3 with avcC");
+}
+
+class DownloadsTest : public testing::Test {
+ protected:
+  std::vector<std::string> save(const std::string& query = "") const {
+    return {"save", server_.url("/clip.mp4" + query), "--album", "Trips"};
+  }
+  std::unique_ptr<ChildProgram> start(const std::vector<std::string>& arguments) {
+    return std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
+  }
+  /// A save whose transfer is held in its middle.
+  std::unique_ptr<ChildProgram> startHeldSave() {
+    server_.serve("/clip.mp4", ServedFile::of(recording()), {{.stallAfter = 1000}});
+    const size_t before = server_.requests().size();
+    auto tarn = start(save());
+    EXPECT_TRUE(eventually([&] { return server_.requests().size() > before; }));
+    EXPECT_TRUE(eventually([&] { return listed().find("1.0 KB") != std::string::npos; })) << listed();
+    return tarn;
+  }
+  std::string listed() { return runTarn(home_, {"downloads"}).output; }
+  /// The one row there is, as JSON.
+  std::string row() {
+    const auto result = runTarn(home_, {"downloads", "--json"});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_EQ(std::ranges::count(result.output, '\n'), 1) << result.output;
+    return result.output;
+  }
+  std::string id() {
+    const std::string text = row();
+    const size_t start = text.find("\"id\":") + 5;
+    return text.substr(start, text.find(',', start) - start);
+  }
+
+  TempDirectory place_;
+  const Path home_ = place_ / "home";
+  FaultServer server_;
+};
+
+TEST_F(DownloadsTest, AFailedSaveIsListedWithItsReason) {
+  EXPECT_EQ(runTarn(home_, {"downloads"}).exitCode, 0) << "there need not be a home";
+  EXPECT_FALSE(std::filesystem::exists(home_));
+  EXPECT_NE(runTarn(home_, save("?part=private&token=letmein")).exitCode, 0);
+  const std::string failed = row();
+  EXPECT_THAT(failed, HasSubstr("\"state\":\"failed\""));
+  EXPECT_THAT(failed, HasSubstr("HTTP status 404"));
+  EXPECT_THAT(failed, HasSubstr("\"url\":\"" + server_.url("/clip.mp4") + "\""));
+  EXPECT_THAT(listed(), HasSubstr("HTTP status 404"));
+  for (const char* secret : {"private", "letmein"}) EXPECT_THAT(failed + listed(), Not(HasSubstr(secret)));
+  EXPECT_THAT(contentOf(home_ / "log/tarn.log"), Not(HasSubstr("letmein")));
+  EXPECT_THAT(contentOf(home_ / "history.sqlite"), HasSubstr("letmein"));
+
+  EXPECT_EQ(runTarn(home_, {"downloads", "--clear"}).exitCode, 0);
+  EXPECT_THAT(listed(), HasSubstr("no downloads"));
+}
+
+TEST_F(DownloadsTest, AKillForgetsNothing) {
+  startHeldSave()->signal(SIGKILL);
+  const size_t asked = server_.requests().size();
+  EXPECT_TRUE(eventually([&] { return listed().find("nobody works on it") != std::string::npos; })) << listed();
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"pending\""));
+  EXPECT_EQ(server_.requests().size(), asked) << "a command that only reads begins nothing";
+  EXPECT_EQ(runTarn(home_, {"resume"}).exitCode, 0);
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
+}
+
+TEST_F(DownloadsTest, WhatAKilledEngineHasLostHasFailedOnceTheStoresAreRead) {
+  {
+    auto tarn = startHeldSave();
+    tarn->signal(SIGKILL);
+    tarn->wait();
+  }
+  const Path records = home_ / "Defaults/com.sorrel.capacitor.downloader.processingStates";
+  std::filesystem::remove_all(home_ / "Transfers");
+  std::filesystem::remove_all(home_ / "Defaults");
+  std::filesystem::create_directories(records);  // no file
+  runTarn(home_, {"resume"});
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"pending\"")) << "nobody can tell";
+  std::filesystem::remove_all(home_ / "Defaults");
+  runTarn(home_, {"resume"});
+  EXPECT_THAT(row(), HasSubstr("the engine ended before the download did"));
+}
+
+TEST_F(DownloadsTest, ACancelledOneIsToldAsCancelled) {
+  const auto tarn = startHeldSave();
+  EXPECT_EQ(runTarn(home_, {"cancel", id()}).exitCode, 0);
+  EXPECT_NE(tarn->wait(), 0);
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"cancelled\""));
+  EXPECT_EQ(leftIn(home_), "");
+}
+
+TEST_F(DownloadsTest, ADamagedHistoryStopsNoCommandAndIsTold) {
+  server_.serve("/clip.mp4", ServedFile::of(recording()));
+  std::filesystem::create_directory(home_);
+  std::ofstream(home_ / "history.sqlite") << std::string(5000, 'x');
+  const auto result = runTarn(home_, save());
+  EXPECT_EQ(result.exitCode, 0) << result.errors;
+  EXPECT_THAT(result.errors, HasSubstr("put aside as " + (home_ / "history.sqlite.damaged").string()));
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
+  EXPECT_EQ(runTarn(home_, {"resume"}).exitCode, 0);
+}
+
+}  // namespace
+}  // namespace tarn::test

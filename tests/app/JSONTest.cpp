@@ -1,0 +1,111 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "platform/JSObject.h"
+#include "support/DamagedMovies.h"
+#include "support/FaultServer.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+/// Reads one JSON line from each line of its input; prints those that the schema does not permit.
+constexpr const char* validator = R"(
+import json, sys
+try:
+    from jsonschema import Draft202012Validator
+except ImportError:
+    sys.exit("the package python3-jsonschema is missing")
+check = Draft202012Validator(json.load(open(sys.argv[1])))
+for line in open(sys.argv[2]):
+    for error in check.iter_errors(json.loads(line)):
+        parts = [p.message for p in sorted(error.context or [error], key=lambda p: -len(p.absolute_path))]
+        print(line.strip()[:400], "\n   ", "; ".join(parts)[:600])
+)";
+
+class JSONTest : public testing::Test {
+ protected:
+  /// Runs a command with --json and keeps its lines. The result that each tells, in order.
+  std::string run(std::vector<std::string> arguments, int exitCode = 0) {
+    arguments.emplace_back("--json");
+    const TarnResult ended = runTarn(home_, arguments);
+    EXPECT_EQ(ended.exitCode, exitCode) << arguments.front() << ": " << ended.output << ended.errors;
+    lines_ += ended.output;
+    std::istringstream lines(ended.output);
+    std::string results;
+    for (std::string line; std::getline(lines, line);) {
+      const auto object = JSObject::parse(line);
+      if (!object) {
+        ADD_FAILURE() << "no JSON: " << line;
+        continue;
+      }
+      const std::string result = valueAt<std::string>(*object, "result", "");
+      if (!result.empty()) results += (results.empty() ? "" : " ") + result;
+    }
+    return results;
+  }
+
+  std::string put(const std::string& name, const Bytes& bytes) {
+    const Path file = place_ / name;
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return file;
+  }
+
+  /// What of all the lines the schema does not permit.
+  std::string violations() const {
+    const Path script = place_ / "validate.py", all = place_ / "lines";
+    std::ofstream(script) << validator;
+    std::ofstream(all) << lines_;
+    // The machine's own Python has the package; one that comes first in PATH may not.
+    ChildProgram program(
+        {"sh", "-c", "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"",
+         "sh", script, JSON_SCHEMA, all},
+        place_.path());
+    const int code = program.wait();
+    return code == 0 ? program.output() : program.output() + program.errors();
+  }
+
+  TempDirectory place_;
+  const Path home_ = place_ / "home";
+  FaultServer server_;
+  std::string lines_;
+};
+
+TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
+  std::vector<std::string> all{"inspect"};
+  for (const DamagedMovie& movie : damagedMovies()) {
+    const std::string file = put(std::string(movie.name) + ".mp4", movie.bytes);
+    all.push_back(file);
+  }
+  run(all, 1);
+  const std::string good = put("good.mp4", damagedMovie("avc1")), bad = put("bad.mp4", damagedMovie("avc3 with avcC"));
+  const std::string page = put("page.mp4", {'<', 'h', 't', 'm', 'l', '>'}), out = place_ / "out.mp4";
+  EXPECT_EQ(run({"inspect", good}), "inspected");
+  EXPECT_EQ(run({"inspect", bad}, 3), "inspected");
+  EXPECT_EQ(run({"inspect", page}, 4), "inspected");
+  EXPECT_EQ(run({"inspect", "/nowhere", good}, 1), "failed inspected");
+  EXPECT_EQ(run({"inspect", "--plot", "a.svg", good, bad}, 2), "usage");
+
+  EXPECT_EQ(run({"repair", bad, "-o", out}), "repaired");
+  EXPECT_EQ(run({"repair", put("cut.mp4", damagedMovie("cut off")), "-o", out}, 5), "partly");
+  run({"repair", place_ / "none.mp4", "-o", out}, 1);
+
+  server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
+  EXPECT_EQ(run({"save", server_.url("/clip.mp4"), "--album", "Trips"}), "saved");
+  EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
+  run({"library"});
+  run({"resume"});
+  EXPECT_EQ(violations(), "");
+
+  // The validator is there, and sees a member that nobody has described.
+  lines_ = R"({"schema":1,"result":"saved","id":1,"path":"/a","surprise":true})";
+  EXPECT_THAT(violations(), testing::HasSubstr("surprise"));
+}
+
+}  // namespace
+}  // namespace tarn::test

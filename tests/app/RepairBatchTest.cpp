@@ -1,0 +1,298 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "app/Commands.h"
+#include "app/RepairBatch.h"
+#include "app/RepairPlan.h"
+#include "platform/JSObject.h"
+#include "platform/host/Descriptor.h"
+#include "support/DamagedMovies.h"
+#include "support/FailureOf.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+// The repair of many files, and of files in place.
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+void write(const Path& path, std::string_view content) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string_view broken() {
+  return textOf(damagedMovie("avc3 with avcC"));
+}
+
+std::string_view healthy() {
+  return textOf(damagedMovie("avc1"));
+}
+
+struct stat factsOf(const Path& path) {
+  struct stat facts {};
+  EXPECT_EQ(::lstat(path.c_str(), &facts), 0) << path;
+  return facts;
+}
+
+/// All names below a directory, hidden ones too.
+std::set<std::string> namesBelow(const Path& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    if (!entry.is_directory() || entry.path().filename().native().starts_with('.')) {
+      names.insert(entry.path().lexically_relative(directory));
+    }
+  }
+  return names;
+}
+
+class RepairBatchTest : public testing::Test {
+ protected:
+  TarnResult repair(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "repair");
+    return runTarn(place_ / "home", arguments);
+  }
+
+  TempDirectory place_;
+  const Path in_ = place_ / "in";
+  const Path out_ = place_ / "out";
+};
+
+TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
+  for (const char* name : {"a.mp4", "sub/a.MOV", "sub/b.m4a", "sub/notes.txt", "sub/b.m4a.orig", ".hidden.mp4",
+                           ".trash/c.mp4", "done/old.mp4", "other/a.mp4"}) {
+    write(in_ / name, "x");
+  }
+  fs::create_symlink(in_ / "a.mp4", in_ / "link.mp4");
+  fs::create_directory_symlink(in_ / "other", in_ / "sub" / "linked");
+  const auto planned = [&](const std::vector<Path>& inputs, const RepairTarget& target, bool isRecursive = false) {
+    std::string text;
+    const std::string failure = failureOf([&] {
+      for (const auto& [input, output] : planRepairs(inputs, target, isRecursive).files) {
+        text += input.lexically_relative(place_.path()).string() + ">" +
+                output.lexically_relative(place_.path()).string() + " ";
+      }
+    });
+    return failure.empty() ? text : failure;
+  };
+  EXPECT_EQ(planned({in_}, {.directory = in_ / "done"}, true),
+            "in/a.mp4>in/done/a.mp4 in/other/a.mp4>in/done/other/a.mp4 in/sub/a.MOV>in/done/sub/a.MOV "
+            "in/sub/b.m4a>in/done/sub/b.m4a ");
+  EXPECT_EQ(planned({in_ / "sub", in_ / "a.mp4", in_ / "sub/../a.mp4", in_ / "sub/a.MOV"}, {}, true),
+            "in/sub/a.MOV>in/sub/a.MOV in/sub/b.m4a>in/sub/b.m4a in/a.mp4>in/a.mp4 ");
+  EXPECT_EQ(planned({in_ / "a.mp4", in_ / "sub/notes.txt"}, {.directory = in_, .suffix = ".new"}),
+            "in/a.mp4>in/a.new.mp4 in/sub/notes.txt>in/notes.new.txt ");
+
+  const Path one = in_ / "a.mp4", other = in_ / "other/a.mp4", mov = in_ / "sub/a.MOV";
+  EXPECT_THAT(planned({one, other}, {.directory = out_}), HasSubstr("would both become"));
+  EXPECT_THAT(planned({one}, {.directory = in_}), HasSubstr("would be written over"));
+  EXPECT_THAT(planned({one, other}, {.directory = in_ / "sub/linked"}), HasSubstr("would both become"));
+  EXPECT_THAT(planned({mov, one}, {.file = out_}), HasSubstr("several files"));
+  EXPECT_THAT(planned({in_}, {.directory = out_}), HasSubstr("--recursive"));
+  EXPECT_THAT(planned({in_}, {.directory = in_}, true), HasSubstr("both read and written"));
+
+  EXPECT_THAT(pathsInList("a b\r\n\n-c\nd", false), ElementsAre("a b", "-c", "d"));
+  EXPECT_THAT(pathsInList(std::string_view("a\nb\0c", 5), true), ElementsAre("a\nb", "c"));
+  for (unsigned cores : {1U, 2U, 6U, 64U}) {
+    for (unsigned jobs : {1U, 3U, 200U}) {
+      const Shares shares = sharesOf(cores, jobs, 100);
+      EXPECT_LE(shares.jobs * shares.workers, cores);
+      EXPECT_LE(shares.jobs, jobs);
+    }
+  }
+}
+
+/// A run of `tarn` whose standard output is read line by line. It waits where nobody reads, so that it can be killed at
+/// a place that no clock decides.
+class SlowlyRead {
+ public:
+  SlowlyRead(const TempDirectory& place, const std::vector<std::string>& arguments) {
+    const Path pipe = place / "pipe";
+    fs::remove(pipe);
+    EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    std::vector<std::string> command{"/bin/sh", "-c", "out=$0; exec \"$@\" > \"$out\"", pipe.string()};
+    std::ranges::copy(tarnCommand(place / "home", arguments), std::back_inserter(command));
+    tarn_.emplace(command, place.path());
+    pipe_ = Descriptor(::open(pipe.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_GT(::fcntl(*pipe_, F_SETPIPE_SZ, 4096), 0);
+  }
+
+  void killBehindLine(int number) {
+    char read = 0;
+    for (int lines = 0; lines < number;) {
+      ASSERT_EQ(::read(*pipe_, &read, 1), 1) << "it ended at line " << lines;
+      if (read == '\n') ++lines;
+    }
+    tarn_->signal(SIGKILL);
+    EXPECT_EQ(tarn_->wait(), killedBySIGKILL);
+  }
+
+ private:
+  std::optional<ChildProgram> tarn_;
+  Descriptor pipe_;
+};
+
+TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
+  constexpr int count = 200;
+  std::map<std::string, std::string_view> files;
+  for (int i = 0; i < count; ++i) {
+    const std::string name = fmt::format("{}/{}/clip{}.mp4", i % 3, i % 7, i == 1 ? 0 : i);  // two of one name
+    files[name] = i % 10 == 9  ? std::string_view("<html><title>Sign in</title></html>")
+                  : i % 2 == 0 ? broken()
+                               : healthy();
+    write(in_ / name, files[name]);
+    ::chmod((in_ / name).c_str(), i % 2 == 0 ? 0640 : 0604);
+    const timespec times[]{{1'000'000 + i, 5}, {1'000'000 + i, 123'456'789}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (in_ / name).c_str(), times, 0), 0);
+  }
+  ASSERT_EQ(files.size(), count);
+  const Path alone = place_ / "alone.mp4", one = in_ / "0" / "0" / "clip0.mp4", report = place_ / "report.jsonl";
+  ASSERT_EQ(repair({one.string(), "-o", alone.string()}).exitCode, 0);
+  const std::string mended = contentOf(alone);
+  ASSERT_NE(mended, broken());
+
+  const std::vector<std::string> command{"repair",      "--recursive", in_.string(), "--output-dir",
+                                         out_.string(), "--skip-done", "--report",   report.string()};
+  SlowlyRead(place_, command).killBehindLine(30);
+  std::ofstream(report, std::ios::app) << "{\"input\":\"/half a li";
+  SlowlyRead(place_, command).killBehindLine(60);
+  fs::create_directory(out_ / "0" / "0" / ".tarn-repair-of-a-dead-process");
+  const TarnResult finished = repair({command.begin() + 1, command.end()});
+  EXPECT_EQ(finished.exitCode, 1) << finished.errors;
+  EXPECT_THAT(finished.output, HasSubstr("200 of 200 files in"));
+  EXPECT_EQ(std::ranges::count(finished.errors, '\n'), 20) << finished.errors;
+
+  std::map<std::string, std::multiset<std::string>> told;
+  std::istringstream lines(contentOf(report));
+  for (std::string line; std::getline(lines, line);) {
+    const auto object = JSObject::parse(line);
+    if (object) told[valueAt<std::string>(*object, "input", "")].insert(valueAt<std::string>(*object, "result", ""));
+  }
+  EXPECT_EQ(told.size(), count);
+  std::set<std::string> expected;
+  for (const auto& [name, content] : files) {
+    const auto& results = told[(in_ / name).string()];
+    if (content.starts_with('<')) {
+      EXPECT_EQ(results.count("refused"), results.size()) << name;
+      continue;
+    }
+    expected.insert(name);
+    EXPECT_EQ(results.size(), 1U) << name;
+    // A kill may have come between the file and its line.
+    EXPECT_TRUE(results.contains(content == broken() ? "repaired" : "unchanged") || results.contains("skipped"))
+        << name;
+    EXPECT_TRUE(contentOf(out_ / name) == (content == broken() ? mended : content)) << name;
+    const struct stat before = factsOf(in_ / name), after = factsOf(out_ / name);
+    EXPECT_EQ(after.st_mode, before.st_mode) << name;
+    EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec) << name;
+    EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec) << name;
+  }
+  EXPECT_EQ(namesBelow(out_), expected);
+}
+
+TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
+  const Path file = in_ / "a.mp4", original = in_ / "a.mp4.orig", good = in_ / "b.mp4";
+  write(file, broken());
+  write(good, healthy());
+  ::chmod(file.c_str(), 0751);
+  const bool hasAttributes = ::setxattr(file.c_str(), "user.place", "here", 4, 0) == 0;
+  const bool isRoot = ::geteuid() == 0 && ::chown(file.c_str(), 1234, 5678) == 0;
+  const struct stat before = factsOf(file), ofGood = factsOf(good);
+  const TarnResult result = repair({"--in-place", "--recursive", in_.string()});
+  EXPECT_EQ(result.exitCode, 0) << result.errors;
+  EXPECT_EQ(result.output.find("Warning"), std::string::npos) << result.output;
+  EXPECT_EQ(contentOf(original), broken());
+  EXPECT_EQ(factsOf(original).st_ino, before.st_ino);
+  const struct stat after = factsOf(file);
+  EXPECT_EQ(after.st_mode, before.st_mode);
+  EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+  if (isRoot) EXPECT_EQ(std::pair(after.st_uid, after.st_gid), std::pair(1234U, 5678U));
+  if (hasAttributes) {
+    std::string value(4, '\0');
+    EXPECT_EQ(::getxattr(file.c_str(), "user.place", value.data(), value.size()), 4);
+    EXPECT_EQ(value, "here");
+  }
+  EXPECT_EQ(factsOf(good).st_ino, ofGood.st_ino);
+  EXPECT_EQ(factsOf(good).st_ctim.tv_nsec, ofGood.st_ctim.tv_nsec);
+  EXPECT_EQ(namesBelow(in_), (std::set<std::string>{"a.mp4", "a.mp4.orig", "b.mp4"}));
+
+  // What is repaired stays. Another broken file of the name does not cost the one that is kept.
+  const std::string mended = contentOf(file);
+  EXPECT_EQ(repair({"--in-place", file.string()}).exitCode, 0);
+  EXPECT_EQ(contentOf(file), mended);
+  fs::remove(file);
+  write(file, broken());
+  const TarnResult refused = repair({"--in-place", file.string()});
+  EXPECT_EQ(refused.exitCode, 4);
+  EXPECT_THAT(refused.errors, HasSubstr("a.mp4.orig is there already"));
+  EXPECT_EQ(contentOf(file), broken());
+  EXPECT_EQ(repair({"--in-place", "--no-backup", file.string()}).exitCode, 0);
+  EXPECT_EQ(contentOf(file), mended);
+
+  // A kill between the link and the new file.
+  fs::remove(original);
+  fs::remove(file);
+  write(file, broken());
+  fs::create_hard_link(file, original);
+  EXPECT_EQ(repair({"--in-place", "--skip-done", file.string()}).exitCode, 0);
+  EXPECT_EQ(contentOf(file), mended);
+  EXPECT_EQ(contentOf(original), broken());
+}
+
+TEST_F(RepairBatchTest, InPlaceLinksAreRefused) {
+  const Path file = in_ / "a.mp4", soft = in_ / "soft.mp4", hard = in_ / "hard.mp4";
+  write(file, broken());
+  fs::create_symlink(file, soft);
+  EXPECT_EQ(repair({"--in-place", soft.string()}).exitCode, 4);
+  fs::create_hard_link(file, hard);
+  for (const Path& name : {file, hard}) EXPECT_EQ(repair({"--in-place", name.string()}).exitCode, 4);
+  EXPECT_EQ(contentOf(file), broken());
+  EXPECT_TRUE(fs::is_symlink(soft));
+  EXPECT_EQ(namesBelow(in_), (std::set<std::string>{"a.mp4", "hard.mp4", "soft.mp4"}));
+}
+
+TEST_F(RepairBatchTest, StandardInputAndOutput) {
+  const Path file = in_ / "a.mp4", result = place_ / "result.mp4", scratch = place_ / "scratch";
+  write(file, textOf(damagedMovie("AC-3 sound")));
+  fs::create_directory(scratch);
+  ASSERT_EQ(repair({file.string(), "-o", result.string()}).exitCode, 0);
+  const auto sh = [&](const std::string& script) {
+    ChildProgram shell(
+        {"/bin/sh", "-c", script, tarnCommand(place_.path(), {}).front(), file.string(), scratch.string()},
+        place_.path());
+    const int code = shell.wait();
+    return TarnResult{code, shell.output(), shell.errors()};
+  };
+  const TarnResult piped = sh("cat \"$1\" | \"$0\" repair - --scratch \"$2\" -o - | cat");
+  EXPECT_TRUE(piped.output == contentOf(result)) << piped.errors;
+  EXPECT_TRUE(fs::is_empty(scratch));
+  const TarnResult none = sh("echo '<html>' | \"$0\" repair - -o -");
+  EXPECT_EQ(none.exitCode, 4);
+  EXPECT_EQ(none.output, "");
+  const TarnResult listed = sh("printf '%s\\0' \"$1\" | \"$0\" repair --files-from - -0 --in-place --json");
+  EXPECT_EQ(listed.exitCode, 0) << listed.errors;
+  EXPECT_TRUE(contentOf(file) == contentOf(result));
+  EXPECT_THAT(listed.output, HasSubstr("\"ends\":{\"repaired\":1,"));
+  EXPECT_EQ(sh("\"$0\" repair - --in-place").exitCode, 2);
+  EXPECT_EQ(sh("\"$0\" repair - -o - --json").exitCode, 2);
+}
+
+}  // namespace
+}  // namespace tarn::test

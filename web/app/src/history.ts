@@ -1,0 +1,37 @@
+import { clearHistory, offers, readHistory } from './host.js';
+import type { HistoryEntry } from './host.js';
+
+/** How the downloads of this home ended, as its host remembers it. Empty where no host does. */
+export class History {
+  private entries = new Map<number, HistoryEntry>();
+
+  constructor(private readonly onChange: () => void) {}
+
+  get isKept(): boolean {
+    return offers('getHistory');
+  }
+
+  entry(id: number): HistoryEntry | undefined {
+    return this.entries.get(id);
+  }
+
+  /** Newest first. */
+  all(): HistoryEntry[] {
+    return [...this.entries.values()];
+  }
+
+  /** What was known stays when the host cannot be asked: the connection's own notice tells of that. */
+  async refresh(): Promise<void> {
+    if (!this.isKept) return;
+    const entries = await readHistory().catch(() => undefined);
+    if (!entries) return;
+    this.entries = new Map(entries.map((entry) => [entry.id, entry]));
+    this.onChange();
+  }
+
+  async clear(which: true | number): Promise<void> {
+    if (!this.isKept) return;
+    await clearHistory(which);
+    await this.refresh();
+  }
+}

@@ -1,0 +1,72 @@
+/** What can be chosen: something to do, or a file to keep. */
+export type MenuItem =
+  | { words: string; choose: () => void }
+  | { words: string; href: string; filename: string };
+
+let close: (() => void) | undefined;
+
+/** Opens a menu under its button; arrow keys go through it, Escape and Tab close it. A second call closes it too. */
+export function openMenu(button: HTMLButtonElement, label: string, items: MenuItem[]): void {
+  const wasOpen = button.getAttribute('aria-expanded') === 'true';
+  close?.();
+  if (wasOpen) return;
+  const menu = document.createElement('div');
+  menu.className = 'menu';
+  menu.setAttribute('role', 'menu');
+  menu.setAttribute('aria-label', label);
+  const entries = items.map(entryOf);
+  menu.append(...entries);
+  button.after(menu);
+  button.setAttribute('aria-expanded', 'true');
+
+  const away = ({ target }: Event) => {
+    if (target instanceof Node && !menu.contains(target) && !button.contains(target)) close?.();
+  };
+  close = () => {
+    close = undefined;
+    document.removeEventListener('pointerdown', away);
+    button.setAttribute('aria-expanded', 'false');
+    menu.remove();
+  };
+  document.addEventListener('pointerdown', away);
+  menu.addEventListener('keydown', (event) => moveIn(menu, entries, button, event));
+  menu.addEventListener('click', () => {
+    close?.();
+    button.focus(); // what is chosen may take the focus elsewhere, later
+  });
+  entries[0]?.focus();
+}
+
+function entryOf(item: MenuItem): HTMLElement {
+  const entry = document.createElement('href' in item ? 'a' : 'button');
+  entry.textContent = item.words;
+  entry.setAttribute('role', 'menuitem');
+  entry.tabIndex = -1;
+  if (entry instanceof HTMLAnchorElement && 'href' in item) {
+    entry.href = item.href;
+    entry.download = item.filename;
+  } else if (entry instanceof HTMLButtonElement && 'choose' in item) {
+    entry.type = 'button';
+    entry.addEventListener('click', () => queueMicrotask(item.choose));
+  }
+  return entry;
+}
+
+function moveIn(menu: HTMLElement, entries: HTMLElement[], button: HTMLElement, event: KeyboardEvent): void {
+  const at = entries.indexOf(document.activeElement as HTMLElement);
+  const places: Record<string, number> = {
+    ArrowDown: (at + 1) % entries.length,
+    ArrowUp: (at + entries.length - 1) % entries.length,
+    Home: 0,
+    End: entries.length - 1,
+  };
+  const place = places[event.key];
+  if (place !== undefined) {
+    event.preventDefault();
+    entries[place]?.focus();
+  } else if (event.key === 'Escape' || event.key === 'Tab') {
+    if (event.key === 'Escape') event.preventDefault();
+    if (menu.isConnected) close?.();
+    button.focus();
+  }
+}

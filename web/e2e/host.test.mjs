@@ -1,0 +1,179 @@
+// What the page shows and does beside the bridge, in a real browser over the real `tarn serve`.
+
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { basename } from 'node:path';
+import { test } from 'node:test';
+
+import { act, inPhase, open, row, save, setStage, stage } from './stage.mjs';
+import { until } from './support.mjs';
+
+const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
+
+setStage();
+
+/** Nothing that axe finds, and nothing that is wider than the window, narrow and wide, in light and in dark. */
+async function looksRight(page) {
+  for (const colorScheme of ['light', 'dark']) {
+    await page.emulateMedia({ colorScheme });
+    for (const width of [390, 1280]) {
+      await page.setViewportSize({ width, height: 900 });
+      await page.evaluate(axe);
+      const found = await page.evaluate(async () => (await window.axe.run()).violations);
+      const words = found.map(({ id, nodes }) => `${id}: ${nodes.map(({ html }) => html).join('\n')}`);
+      assert.deepEqual(words, [], `${colorScheme}, ${width} pixels`);
+      assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `fits into ${width}`);
+    }
+  }
+}
+
+const video = (page, filename) => page.locator('.video', { hasText: filename });
+const text = (page, selector) => page.locator(selector).textContent();
+
+test('a failure says why and what helps, over reload and restart, until it is dismissed', async () => {
+  const page = await open();
+  await save(page, stage.media.address('login'), { filename: 'lecture.mp4' });
+  await inPhase(page, 'lecture.mp4', 'failed');
+  const isTold = async () => {
+    const words = await row(page, 'lecture.mp4').textContent();
+    assert.match(words, /web page \("Sign in"\)/, 'the reason');
+    assert.match(words, /127\.0\.0\.1:\d+\/login/, 'the address');
+    assert.match(words, /tarn\.log/, 'where the log is');
+    assert.ok(!(await page.isVisible('#downloads-empty')));
+  };
+  await until('the reason', () => page.isVisible('.download-reason'));
+  await isTold();
+  await page.reload();
+  await inPhase(page, 'lecture.mp4', 'failed');
+  await isTold();
+  await stage.tarn.restart();
+  const later = await open();
+  await inPhase(later, 'lecture.mp4', 'failed');
+  await page.waitForSelector('html[data-tarn-connection=live]');
+  await inPhase(page, 'lecture.mp4', 'failed');
+  await isTold();
+  await looksRight(page);
+
+  await act(page, 'lecture.mp4', 'dismiss');
+  for (const each of [page, later]) await each.waitForSelector('#downloads-empty');
+  await page.reload();
+  await page.waitForSelector('html[data-tarn-connection=live]');
+  await page.waitForSelector('#downloads-empty');
+});
+
+test('a failed download is tried again after a restart, from a browser that did not start it', async () => {
+  const first = await open();
+  stage.media.isMissing = true;
+  await save(first, stage.media.address('clip.mp4'));
+  await inPhase(first, 'clip.mp4', 'failed');
+  stage.media.isMissing = false;
+  await stage.tarn.restart();
+  await stage.context.close();
+  stage.context = await stage.browser.newContext();
+  const page = await open();
+  await act(page, 'clip.mp4', 'again');
+  await inPhase(page, 'clip.mp4', 'saved');
+  assert.equal(await page.locator('.download').count(), 1);
+});
+
+test('a saved video tells what was wrong and what was done, with picture and sound before and after', async () => {
+  const page = await open();
+  await save(page, stage.media.address('late.mp4'));
+  await inPhase(page, 'clip.mp4', 'saved');
+  await until('the state', async () => /Repaired and saved/.test(await row(page, 'clip.mp4').textContent()));
+  await page.click('.download-report summary');
+  assert.ok((await page.locator('.download-report li').count()) >= 2);
+  assert.match(await text(page, '.download-report'), /What was wrong.*What was done.*Sound against picture: before, /s);
+  const lanes = await page.locator('.plot svg').evaluateAll((all) => all.map((lane) => lane.querySelectorAll('rect').length));
+  assert.equal(lanes.length, 4);
+  assert.ok(lanes.every((bars) => bars > 0));
+  await looksRight(page);
+
+  await page.click('summary:has-text("Repair"):visible >> nth=0');
+  await page.check('#skip-video');
+  await save(page, stage.media.address('other.mp4'), { filename: 'other.mp4' });
+  await inPhase(page, 'other.mp4', 'saved');
+  await until('the state', async () => /Saved as it came/.test(await row(page, 'other.mp4').textContent()));
+  if (process.env.TARN_SCREENSHOT) await page.screenshot({ path: process.env.TARN_SCREENSHOT });
+});
+
+test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {
+  const page = await open();
+  await save(page, stage.media.address('clip.mp4', 4));
+  await row(page, 'clip.mp4').locator('button[data-action=pause]').click();
+  await until('the pause', async () => /Paused/.test(await row(page, 'clip.mp4').textContent()));
+  await until('the transfer to end', () => stage.media.requests[0].closed);
+  await act(page, 'clip.mp4', 'resume');
+  await inPhase(page, 'clip.mp4', 'saved');
+  assert.match(stage.media.requests[1].range, /^bytes=[1-9]/, 'not from the start again');
+
+  await save(page, 'http://127.0.0.1:1/none.mp4', { filename: 'none.mp4' });
+  await until('the line', async () =>
+    /Retrying in \d+\ss \(\d of \d\): .*refused/i.test(await row(page, 'none.mp4').textContent()),
+  );
+  await act(page, 'none.mp4', 'cancel');
+  await until('its row to go', async () => (await row(page, 'none.mp4').count()) === 0);
+});
+
+test('videos are renamed, moved, removed and brought back with the keyboard, and another page sees it', async () => {
+  const page = await open();
+  const other = await open();
+  await save(page, stage.media.address('clip.mp4'));
+  const poster = video(page, 'clip.mp4').locator('.poster');
+  await until('its picture', () => poster.locator('img').evaluateAll(([image]) => image?.naturalWidth > 0));
+
+  await poster.focus();
+  await page.keyboard.press('Tab');
+  await page.keyboard.press('Enter');
+  await page.keyboard.press('ArrowDown');
+  await page.keyboard.press('Enter');
+  await page.keyboard.type('renamed');
+  await page.keyboard.press('Tab');
+  await page.keyboard.type('Sea');
+  await page.keyboard.press('Enter');
+  for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
+  assert.deepEqual(stage.tarn.savedFiles().map((path) => basename(path)), ['renamed.mp4']);
+  assert.equal(await page.locator('.album:has-text("Trips")').count(), 0);
+
+  const kept = page.waitForEvent('download');
+  await page.click('.menu-button');
+  await looksRight(page);
+  await page.click('text=Download >> visible=true >> nth=-1');
+  assert.equal((await kept).suggestedFilename(), 'renamed.mp4');
+
+  await page.focus('.menu-button');
+  for (const key of ['Enter', 'End', 'Enter']) await page.keyboard.press(key);
+  await until('the way back', () => page.evaluate(() => document.activeElement.dataset.action === 'undo'));
+  for (const each of [page, other]) await until('no video', async () => (await each.locator('.video').count()) === 0);
+  assert.deepEqual(stage.tarn.savedFiles(), []);
+  await page.keyboard.press('Enter');
+  for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
+  assert.ok(!(await page.isVisible('#undo')));
+
+  // From one video to what follows: its picture, its menu, nothing else.
+  await page.focus('.poster');
+  await page.keyboard.press('Tab');
+  await page.keyboard.press('Tab');
+  assert.ok(await page.evaluate(() => !document.querySelector('.video').contains(document.activeElement)));
+});
+
+test('a file of this machine is dragged in, repaired and kept; what is no video is refused', async () => {
+  const page = await open();
+  await page.fill('#album', 'Mine');
+  const drop = async (name, content) => {
+    const dragged = await page.evaluateHandle(
+      ([filename, bytes]) => {
+        const transfer = new DataTransfer();
+        transfer.items.add(new File([Uint8Array.from(atob(bytes), (c) => c.charCodeAt(0))], filename));
+        return transfer;
+      },
+      [name, content.toString('base64')],
+    );
+    for (const type of ['dragenter', 'dragover', 'drop']) await page.dispatchEvent('body', type, { dataTransfer: dragged });
+  };
+  await drop('notes.mp4', Buffer.from('no video at all'));
+  await until('the refusal', async () => /notes\.mp4: .*(not|no) /.test((await text(page, '#drop-words')) ?? ''));
+  await drop('mine.mp4', readFileSync(stage.clip));
+  await page.waitForSelector('.album:has-text("Mine") .video:has-text("mine.mp4")');
+  await until('its report', async () => /Repaired and saved/.test(await row(page, 'mine.mp4').textContent()));
+});
