@@ -38,6 +38,7 @@ set_target_properties(libtarn PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
   LINK_DEPENDS ${PROJECT_BINARY_DIR}/exports.map)
 tarn_library(libtarn tarn)
+add_dependencies(libtarn tarn-poster)
 
 if(TARN_STATIC_LIBRARY)
   add_library(libtarn_static STATIC)

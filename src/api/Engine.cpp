@@ -84,14 +84,6 @@ Engine::StoredWork Engine::storedWork() {
   return session_->storedWork();
 }
 
-std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {
-  return session_->history(limit);
-}
-
-void Engine::clearHistory(std::optional<int64_t> id) {
-  session_->clearHistory(id);
-}
-
 std::vector<LibraryAlbum> Engine::library(const std::optional<std::string>& album) {
   return session_->library(album);
 }
@@ -105,6 +97,18 @@ std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
   if (!answer.resolved) throw EngineRefused(answer.message);
   if (answer.data.empty()) return std::nullopt;
   return libraryAssetOf(answer.data);
+}
+
+std::optional<std::filesystem::path> Engine::poster(const std::string& assetId) {
+  return session_->poster(assetId);
+}
+
+std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {
+  return session_->history(limit);
+}
+
+void Engine::clearHistory(std::optional<int64_t> id) {
+  session_->clearHistory(id);
 }
 
 void Engine::takeUpStoredRun() {

@@ -65,6 +65,11 @@ TransferState transferState(const JSObject& object) {
   return state;
 }
 
+JSObject resolved(EngineClient::Answer answer) {
+  if (!answer.resolved) throw EngineRefused(answer.message);
+  return std::move(answer.data);
+}
+
 std::optional<Path> pathIn(const EngineClient::Answer& answer) {
   const auto* path = valueAt<std::string>(answer.data, "path");
   return path ? std::optional<Path>(*path) : std::nullopt;
@@ -150,7 +155,7 @@ std::vector<LibraryAlbum> EngineClient::library(const std::optional<std::string>
   JSObject options;
   if (album) options.set("album", *album);
   std::vector<LibraryAlbum> albums;
-  for (const JSObject& each : arrayAt<JSObject>(call(HostPlugin::name(), "getLibrary", options).data, "albums")) {
+  for (const JSObject& each : arrayAt<JSObject>(resolved(call(HostPlugin::name(), "getLibrary", options)), "albums")) {
     albums.push_back(libraryAlbumOf(each));
   }
   return albums;
@@ -158,7 +163,7 @@ std::vector<LibraryAlbum> EngineClient::library(const std::optional<std::string>
 
 std::vector<LibraryAsset> EngineClient::removedAssets() {
   std::vector<LibraryAsset> assets;
-  for (const JSObject& asset : arrayAt<JSObject>(call(HostPlugin::name(), "getLibrary", {}).data, "removed")) {
+  for (const JSObject& asset : arrayAt<JSObject>(resolved(call(HostPlugin::name(), "getLibrary", {})), "removed")) {
     assets.push_back(libraryAssetOf(asset));
   }
   return assets;
@@ -166,6 +171,10 @@ std::vector<LibraryAsset> EngineClient::removedAssets() {
 
 EngineClient::Answer EngineClient::changeAsset(const AssetChange& change) {
   return call(HostPlugin::name(), "changeAsset", jsonOf(change));
+}
+
+std::optional<Path> EngineClient::poster(const std::string& assetId) {
+  return pathIn(call(HostPlugin::name(), "getPoster", {{"assetId", assetId}}));
 }
 
 void EngineClient::takeUpStoredRun() {

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -242,8 +243,17 @@ bool showOnDesktop(const Path& path) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  // This process waits for its interrupts on a thread; a player must hear its own.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
   pid_t child = 0;
-  const int code = posix_spawnp(&child, arguments[0], &actions, nullptr, const_cast<char* const*>(arguments), environ);
+  const int code =
+      posix_spawnp(&child, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   int status = 0;
   return code == 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;

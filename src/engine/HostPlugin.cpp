@@ -79,11 +79,11 @@ const std::string& HostPlugin::name() {
 
 const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
   static const std::vector<CAPPluginMethod> methods = {
-      {"saveVideo", "promise"},       {"getOutcome", "promise"},      {"getAsset", "promise"},
-      {"getStoredWork", "promise"},   {"getTransfers", "promise"},    {"changeDownload", "promise"},
-      {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},      {"clearHistory", "promise"},
-      {"importLocal", "promise"},     {"takeUpStoredRun", "promise"}, {"getLibrary", "promise"},
-      {"changeAsset", "promise"},     {"getPoster", "promise"},
+      {"saveVideo", "promise"},       {"getOutcome", "promise"},   {"getAsset", "promise"},
+      {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
+      {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
+      {"importLocal", "promise"},     {"getLibrary", "promise"},   {"changeAsset", "promise"},
+      {"getPoster", "promise"},
   };
   return methods;
 }
@@ -213,11 +213,13 @@ void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {
 }
 
 void HostPlugin::getLibrary(const CAPPluginCallPointer& call) {
-  Library library(host_.photos());
-  const auto album = call->getString("album");
-  JSObject answer{{"albums", jsonArrayOf(library.albums(album))}};
-  if (!album) answer.set("removed", jsonArrayOf(library.removed()));
-  call->resolve(std::move(answer));
+  orReject(call, [&] {
+    Library library(host_.photos());
+    const auto album = call->getString("album");
+    JSObject answer{{"albums", jsonArrayOf(library.albums(album))}};
+    if (!album) answer.set("removed", jsonArrayOf(library.removed()));
+    call->resolve(std::move(answer));
+  });
 }
 
 void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
@@ -231,12 +233,14 @@ void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
 }
 
 void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
-  const auto assetId = call->getString("assetId");
-  const auto assets = host_.photos().fetchAllAssets();
-  const auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
-  if (asset == assets.end()) return call->resolve();
-  host_.posters().tell(asset->localIdentifier, asset->path, [call](const std::optional<Path>& poster) {
-    call->resolve(poster ? JSObject{{"path", poster->string()}} : JSObject());
+  orReject(call, [&] {
+    const auto assetId = call->getString("assetId");
+    const auto assets = host_.photos().fetchAllAssets();
+    const auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
+    if (asset == assets.end()) return call->resolve();
+    host_.posters().tell(asset->localIdentifier, asset->path, [call](const std::optional<Path>& poster) {
+      call->resolve(poster ? JSObject{{"path", poster->string()}} : JSObject());
+    });
   });
 }
 

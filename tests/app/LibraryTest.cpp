@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tarn/engine.h>
 
 #include <csignal>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "support/DamagedMovies.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
+#include "support/MediaMaker.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
@@ -141,13 +143,32 @@ TEST_F(LibraryTest, OpenPrintsThePathWithoutADesktop) {
 
 // The engine of the home makes the change, whichever process that is.
 TEST_F(LibraryTest, ChangesGoThroughTheEngineOfAnotherProcess) {
-  keep("Trips", "clip.mp4", "first");
+  keep("Trips", "clip.mp4", contentOf(encodedVideo({})));
   fs::create_directories(place_ / "web");
   std::ofstream(place_ / "web/index.html") << "<!doctype html>";
   ChildProgram server(tarnCommand(home_, {"serve", "--web", place_ / "web"}), place_.path());
   ASSERT_TRUE(eventually([&] { return server.output().find("token") != std::string::npos; })) << server.errors();
   expectDone({"rename", "clip.mp4", "sea.mp4"}, {"Trips/sea.mp4"});
   expectDone({"remove", "sea.mp4"}, {});
+
+  // An application uses it too, and the engine finds the program for posters by itself.
+  {
+    Engine engine({.home = home_});
+    engine.open();
+    ASSERT_EQ(engine.removedAssets().size(), 1u);
+    const std::string id = engine.removedAssets()[0].assetId;
+    EXPECT_TRUE(engine.library().empty());
+    EXPECT_EQ(engine.changeAsset({.assetId = id, .action = AssetChange::Action::restore})->filename, "sea.mp4");
+    EXPECT_EQ(engine.library("Trips").at(0).assets.at(0).path, home_ / "Photos/Trips/sea.mp4");
+    EXPECT_TRUE(engine.library("Trip").empty());
+    EXPECT_THROW(engine.changeAsset({.assetId = "none"}), EngineRefused);
+    const auto poster = engine.poster(id);
+    ASSERT_TRUE(poster);
+    EXPECT_EQ(contentOf(*poster).substr(0, 2), "\xFF\xD8");
+    EXPECT_FALSE(engine.changeAsset({.assetId = id, .action = AssetChange::Action::erase}));
+    EXPECT_FALSE(fs::exists(*poster));
+    EXPECT_FALSE(engine.poster(id));
+  }
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(), 130);
 }
