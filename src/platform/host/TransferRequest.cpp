@@ -47,7 +47,7 @@ TransferRequest::TransferRequest(const TransferRecord& record, const std::string
   setRate();
 }
 
-/// Pieces are so small that a slow rate is no silence.
+/// Pieces are so small that a slow rate is no silence. libcurl 7.88 lets short files pass faster than the rate.
 void TransferRequest::setRate() {
   const auto& rate = record_.options.bytesPerSecond;
   const auto most = rate ? static_cast<curl_off_t>(*rate) : 0;
