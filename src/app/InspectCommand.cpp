@@ -115,7 +115,7 @@ int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments)
     if (global.json) {
       printJSON(*JSObject::parse(inspection.json));
     } else {
-      printLine(arguments.isFull ? inspection.text : inspection.brief);
+      printText(arguments.isFull ? inspection.text : inspection.brief);
     }
     return exitCodeOf(inspection);
   } catch (const std::exception& failure) {

@@ -109,14 +109,14 @@ class Resume {
   }
 
   Engine::Outcome failure(int64_t id) {
-    Engine::Outcome outcome = engine_.outcome(id);
+    Engine::Outcome outcome = outcomeOf(engine_, id);
     if (!outcome.failure) outcome.failure = "the reason is in the log";
     return outcome;
   }
 
   void takeSaved(int64_t id) {
     if (codes_.contains(id)) return;
-    Engine::Outcome outcome = engine_.outcome(id);
+    Engine::Outcome outcome = outcomeOf(engine_, id);
     outcome.failure.reset();
     codes_[id] = outcome.isPartly ? ExitCode::partly : ExitCode::done;
     const auto path = engine_.assetPath(outcome.assetId.value_or(""));

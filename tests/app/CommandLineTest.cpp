@@ -82,7 +82,7 @@ TEST_F(CommandLineTest, NamesFromOutsideCannotSteerATerminal) {
       const TarnResult result = run(arguments);
       const std::string all = result.output + result.errors;
       EXPECT_NE(all, "") << command[0];
-      for (const char* raw : {"\x1b", "\x07", "\xC2\x9B", "\xE2\x80\xAE"}) {
+      for (const char* raw : {"\x1b", "\x07", "\xC2\x9B", "\xE2\x80\xAE", ".mp4\nb"}) {
         EXPECT_THAT(all, Not(HasSubstr(raw))) << command[0];
       }
     }
