@@ -79,7 +79,8 @@ int exitCodeOf(const RepairedFile& result) {
 JSObject reportObject(const RepairedFile& result) {
   const RepairReport& report = result.report;
   const RepairEnd end = endOf(result);
-  return {{"result", wordOf(end)},
+  return {{"schema", jsonSchema},
+          {"result", wordOf(end)},
           {"input", absoluteName(result.file.input)},
           {"output", absoluteName(result.file.output)},
           {"inputSize", static_cast<int64_t>(report.inputSize)},
