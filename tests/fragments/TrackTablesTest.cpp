@@ -296,7 +296,7 @@ TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
       {fullBox("ctts", {2, 4, 10}), "The ctts promises 2 entries and holds 8 bytes"},
       {fullBox("stss", {2, 4}), "The stss promises 2 entries and holds 4 bytes"},
       {fullBox("stsc", {2, 3, 1, 1, 1, 1, 1}),
-       "stsc rows are out of order: row 1 begins at chunk 3 and what follows it at chunk 1"},
+       "stsc entries are out of order: entry 1 begins at chunk 3 and what follows it at chunk 1"},
       {box("sbgp", {values({0, 1, 2, 1, 1})}), "An sbgp of 28 bytes promises 2 entries"},
       {box("sgpd", {values({0x01000000, 1, 4, 9})}), "An sgpd ends ahead of its groups"},
   };
