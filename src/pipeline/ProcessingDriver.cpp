@@ -121,8 +121,10 @@ void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, Processin
   if (run.state.needsRemuxing && isDue(steps_.fragments)) {
     steps_.fragments->run(run);
     // Also if the step has done nothing: a run that was cut off behind it has not stored the flags.
-    if (steps_.deriveFlags) steps_.deriveFlags(run.files, run.state);
-    run.saveState();
+    if (steps_.deriveFlags && !run.state.areFlagsFinal) {
+      steps_.deriveFlags(run.files, run.state);
+      run.saveState();
+    }
   }
   if (run.state.needsRemuxing && isDue(steps_.remux)) {
     steps_.remux->run(run);

@@ -194,6 +194,9 @@ TEST_F(ProcessingDriverTest, FlagsAreDerivedBehindTheFragmentsStep) {
   state_.needsRemuxing = true;
   state_.stage = remuxed;
   EXPECT_EQ(run(), fromAudio + savedEnding);
+  state_.stage = downloaded;
+  state_.areFlagsFinal = true;
+  EXPECT_EQ(run(), "joined " + remuxStages + fromAudio + savedEnding);
 }
 
 TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {
