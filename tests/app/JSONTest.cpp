@@ -106,6 +106,15 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
   run({"downloads"});
   run({"library"});
+  EXPECT_EQ(run({"library", "rename", "clip.mp4", "sea"}), "renamed");
+  EXPECT_EQ(run({"library", "move", "sea.mp4", "--to", "Home"}), "moved");
+  EXPECT_EQ(run({"library", "export", place_ / "out", "sea.mp4"}), "exported");
+  EXPECT_EQ(run({"library", "export", place_ / "out", "sea.mp4"}, 1), "failed");
+  EXPECT_EQ(run({"library", "open", "sea.mp4"}), "found");
+  EXPECT_EQ(run({"library", "remove", "sea.mp4"}), "removed");
+  run({"library", "--removed"});
+  EXPECT_EQ(run({"library", "restore", "sea.mp4"}), "restored");
+  EXPECT_EQ(run({"library", "remove", "--now", "sea.mp4"}), "erased");
   run({"resume"});
   run({"cancel", "123"}, 1);
   run({"sav"}, 2);

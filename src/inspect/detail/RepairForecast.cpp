@@ -93,7 +93,7 @@ class TrialRun {
       forecast = {FragmentsForecast::Kind::leavesAlone, said};
     }
     ProcessingState record = run.state;
-    deriveFlags(files_, record);
+    if (!record.areFlagsFinal) deriveFlags(files_, record);
     return record;
   }
 
