@@ -23,6 +23,10 @@ class Resume {
 
   int run() {
     try {
+      for (const auto& entry : engine_.history()) {
+        names_[entry.id] = entry.filename;
+        urls_[entry.id] = entry.url;
+      }
       finishAll();
       if (!engine_.isInterrupted()) return report();
     } catch (const EngineInterrupted&) {
@@ -138,6 +142,7 @@ class Resume {
 
   JSObject resultOf(int64_t id, const Engine::Outcome& outcome) {
     JSObject result{{"result", ""}, {"id", id}, {"filename", names_[id]}};
+    if (!urls_[id].empty()) result.set("url", urls_[id]);
     addTo(result, outcome);
     return result;
   }
@@ -145,7 +150,8 @@ class Resume {
   std::string nameOf(int64_t id) {
     const std::string& name = names_[id];
     const bool hasName = !name.empty() && name != std::to_string(id);
-    return hasName ? name : fmt::format("Download {}", id);
+    const std::string from = urls_[id].empty() ? "" : " from " + urls_[id];
+    return (hasName ? name : fmt::format("Download {}", id)) + from;
   }
 
   void show(const Engine::Download& download) {
@@ -185,6 +191,7 @@ class Resume {
   bool wasIdle_ = false;
   std::map<int64_t, int> codes_;  ///< of those that have ended
   std::map<int64_t, std::string> names_;
+  std::map<int64_t, std::string> urls_;  ///< without what is secret in them
   std::set<int64_t> shown_;
   VanishedWork vanished_;
   std::map<int64_t, int> looksAtSaved_;

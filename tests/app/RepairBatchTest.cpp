@@ -223,7 +223,9 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   const struct stat after = factsOf(file);
   EXPECT_EQ(after.st_mode, before.st_mode);
   EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
-  if (isRoot) EXPECT_EQ(std::pair(after.st_uid, after.st_gid), std::pair(1234U, 5678U));
+  if (isRoot) {
+    EXPECT_EQ(std::pair(after.st_uid, after.st_gid), std::pair(1234U, 5678U));
+  }
   if (hasAttributes) {
     std::string value(4, '\0');
     EXPECT_EQ(::getxattr(file.c_str(), "user.place", value.data(), value.size()), 4);

@@ -87,6 +87,17 @@ TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
   }
 }
 
+TEST_F(SaveTest, AResumeThatFailsNamesTheVideoAndSaysWhatToDo) {
+  auto tarn = startHeldSave({.status = 410});
+  tarn->signal(SIGKILL);
+  tarn->wait();
+  const auto result = runTarn(home_, {"resume"});
+  EXPECT_EQ(result.exitCode, 1);
+  const std::string start = "tarn: clip.mp4 from " + server_.url("/clip.mp4") + " was not saved: ";
+  EXPECT_NE(result.errors.find(start), std::string::npos) << result.errors;
+  EXPECT_NE(result.errors.find("Check the address"), std::string::npos) << result.errors;
+}
+
 TEST_F(SaveTest, AnInterruptKeepsTheTransferAndLeavesWith130) {
   for (int number : {SIGTERM, SIGINT}) {
     auto tarn = startHeldSave();

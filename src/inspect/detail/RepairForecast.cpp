@@ -94,7 +94,7 @@ class TrialRun {
     }
     ProcessingState record = run.state;
     record.lostEnd.reset();  // told already
-    deriveFlags(files_, record);
+    if (!record.areFlagsFinal) deriveFlags(files_, record);
     return record;
   }
 
