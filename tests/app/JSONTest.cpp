@@ -106,7 +106,11 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
   server_.serve("/gap.mp4", ServedFile::of(damagedMovie("a gap in the sound")));
   EXPECT_EQ(run({"save", server_.url("/gap.mp4"), "--album", "Trips"}), "saved");
+  const size_t ahead = lines_.size();
   run({"downloads"});
+  EXPECT_THAT(lines_.substr(ahead),
+              testing::HasSubstr(R"("done":["filled the gap with silence and encoded the sound anew"])"))
+      << "a download sums itself up as a repair does";
   run({"library"});
   EXPECT_EQ(run({"library", "rename", "clip.mp4", "sea"}), "renamed");
   EXPECT_EQ(run({"library", "move", "sea.mp4", "--to", "Home"}), "moved");
