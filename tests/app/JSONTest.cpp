@@ -97,14 +97,20 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   EXPECT_EQ(run({"repair", page, "-o", out}, 4), "refused");
   EXPECT_EQ(run({"repair", place_ / "none.mp4", "-o", out}, 1), "failed");
   const std::string report = place_ / "report.jsonl";
-  EXPECT_EQ(run({"repair", good, bad, page, "--output-dir", place_ / "outs", "--report", report}, 1),
+  EXPECT_EQ(run({"repair", good, bad, page, "--jobs", "1", "--output-dir", place_ / "outs", "--report", report}, 1),
             "unchanged repaired refused failed");
   lines_ += contentOf(report);
 
   server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
   EXPECT_EQ(run({"save", server_.url("/clip.mp4"), "--album", "Trips"}), "saved");
   EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
+  server_.serve("/gap.mp4", ServedFile::of(damagedMovie("a gap in the sound")));
+  EXPECT_EQ(run({"save", server_.url("/gap.mp4"), "--album", "Trips"}), "saved");
+  const size_t ahead = lines_.size();
   run({"downloads"});
+  EXPECT_THAT(lines_.substr(ahead),
+              testing::HasSubstr(R"("done":["filled the gap with silence and encoded the sound anew"])"))
+      << "a download sums itself up as a repair does";
   run({"library"});
   EXPECT_EQ(run({"library", "rename", "clip.mp4", "sea"}), "renamed");
   EXPECT_EQ(run({"library", "move", "sea.mp4", "--to", "Home"}), "moved");
@@ -116,7 +122,7 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   EXPECT_EQ(run({"library", "restore", "sea.mp4"}), "restored");
   EXPECT_EQ(run({"library", "remove", "--now", "sea.mp4"}), "erased");
   run({"resume"});
-  run({"cancel", "123"}, 1);
+  run({"cancel", "none"}, 1);
   run({"sav"}, 2);
   EXPECT_EQ(violations(), "");
 

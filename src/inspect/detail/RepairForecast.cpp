@@ -93,6 +93,7 @@ class TrialRun {
       forecast = {FragmentsForecast::Kind::leavesAlone, said};
     }
     ProcessingState record = run.state;
+    record.lostEnd.reset();  // told already
     if (!record.areFlagsFinal) deriveFlags(files_, record);
     return record;
   }
