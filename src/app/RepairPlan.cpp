@@ -104,7 +104,7 @@ class Planner {
       throw UsageError(fmt::format("{} and {} would both become {}.", inputs_.at(other->second).string(),
                                    input.string(), output.string()));
     }
-    plan_.files.push_back({input, output});
+    plan_.files.push_back({input, output, target_.isInPlace()});
   }
 
   const RepairTarget& target_;
@@ -135,7 +135,7 @@ std::vector<Path> pathsInList(std::string_view list, bool endsWithZeros) {
 }
 
 bool isDone(const PlannedRepair& repair) {
-  const Path before = repair.isInPlace() ? originalOf(repair.input) : repair.input;
+  const Path before = repair.isInPlace ? originalOf(repair.input) : repair.input;
   if (isSame(before, repair.output)) return false;  // linked, and not repaired yet
   std::error_code none;
   const auto written = fs::last_write_time(repair.output, none);

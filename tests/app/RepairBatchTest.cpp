@@ -88,8 +88,8 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   const auto planned = [&](const std::vector<Path>& inputs, const RepairTarget& target, bool isRecursive = false) {
     std::string text;
     const std::string failure = failureOf([&] {
-      for (const auto& [input, output] : planRepairs(inputs, target, isRecursive).files) {
-        text += input.lexically_relative(place_.path()).string() + ">" +
+      for (const auto& [input, output, isInPlace] : planRepairs(inputs, target, isRecursive).files) {
+        text += input.lexically_relative(place_.path()).string() + (isInPlace ? "=" : ">") +
                 output.lexically_relative(place_.path()).string() + " ";
       }
     });
@@ -99,7 +99,7 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
             "in/a.mp4>in/done/a.mp4 in/other/a.mp4>in/done/other/a.mp4 in/sub/a.MOV>in/done/sub/a.MOV "
             "in/sub/b.m4a>in/done/sub/b.m4a ");
   EXPECT_EQ(planned({in_ / "sub", in_ / "a.mp4", in_ / "sub/../a.mp4", in_ / "sub/a.MOV"}, {}, true),
-            "in/sub/a.MOV>in/sub/a.MOV in/sub/b.m4a>in/sub/b.m4a in/a.mp4>in/a.mp4 ");
+            "in/sub/a.MOV=in/sub/a.MOV in/sub/b.m4a=in/sub/b.m4a in/a.mp4=in/a.mp4 ");
   EXPECT_EQ(planned({in_ / "a.mp4", in_ / "sub/notes.txt"}, {.directory = in_, .suffix = ".new"}),
             "in/a.mp4>in/a.new.mp4 in/sub/notes.txt>in/notes.new.txt ");
 
