@@ -63,15 +63,19 @@ class DownloadsTest : public testing::Test {
 TEST_F(DownloadsTest, AFailedSaveIsRetriedFromTheHistoryUntilItSucceeds) {
   EXPECT_EQ(runTarn(home_, {"downloads"}).exitCode, 0) << "there need not be a home";
   EXPECT_FALSE(std::filesystem::exists(home_));
-  EXPECT_NE(runTarn(home_, save("?part=private&token=letmein")).exitCode, 0);
+  auto asked = save("?part=private&token=letmein");
+  asked.insert(asked.end(), {"--header", "X-Key: hush"});
+  EXPECT_NE(runTarn(home_, asked).exitCode, 0);
   const std::string failed = row();
   EXPECT_THAT(failed, HasSubstr("\"state\":\"failed\""));
   EXPECT_THAT(failed, HasSubstr("HTTP status 404"));
   EXPECT_THAT(failed, HasSubstr("\"url\":\"" + server_.url("/clip.mp4") + "\""));
   EXPECT_THAT(listed(), HasSubstr("HTTP status 404"));
-  for (const char* secret : {"private", "letmein"}) EXPECT_THAT(failed + listed(), Not(HasSubstr(secret)));
-  EXPECT_THAT(contentOf(home_ / "log/tarn.log"), Not(HasSubstr("letmein")));
-  EXPECT_THAT(contentOf(home_ / "history.sqlite"), HasSubstr("letmein"));
+  for (const char* secret : {"private", "letmein", "hush"}) EXPECT_THAT(failed + listed(), Not(HasSubstr(secret)));
+  for (const char* secret : {"letmein", "hush"}) {
+    EXPECT_THAT(contentOf(home_ / "log/tarn.log"), Not(HasSubstr(secret)));
+    EXPECT_THAT(contentOf(home_ / "history.sqlite"), HasSubstr(secret));
+  }
 
   EXPECT_NE(runTarn(home_, {"retry", id()}).exitCode, 0);
   EXPECT_THAT(row(), HasSubstr("\"state\":\"failed\"")) << "a retry takes the place of the row";
@@ -84,7 +88,10 @@ TEST_F(DownloadsTest, AFailedSaveIsRetriedFromTheHistoryUntilItSucceeds) {
   const std::string saved = row();
   EXPECT_THAT(saved, HasSubstr("\"state\":\"saved\""));
   EXPECT_THAT(saved, HasSubstr("\"size\":" + std::to_string(recording().size())));
-  EXPECT_THAT(contentOf(home_ / "history.sqlite"), Not(HasSubstr("letmein")));
+  EXPECT_EQ(server_.requests().back().header("x-key"), "hush");
+  for (const char* secret : {"letmein", "hush"}) {
+    EXPECT_THAT(contentOf(home_ / "history.sqlite"), Not(HasSubstr(secret)));
+  }
   EXPECT_EQ(leftIn(home_), "");
 
   const auto again = runTarn(home_, {"retry", id()});
