@@ -88,6 +88,8 @@ CommandLine::CommandLine()
   addResumeCommand(table_);
   addRepairCommand(table_);
   addInspectCommand(table_);
+  addDownloadsCommands(table_);
+  addRetryCommand(table_);
   addLibraryCommands(table_);
   addServeCommand(table_);
   addDemoCommand(table_);
