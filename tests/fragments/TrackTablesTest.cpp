@@ -325,7 +325,9 @@ TEST(TrackTables, LeaveNoWordsOfSamplesThatAreGone) {
     tables.writeTo(stbl);
     const MovieBox* left = stbl.find({textOf(ByteView(each.before).subspan(4, 4))});
     ASSERT_EQ(left != nullptr, !each.after.empty());
-    if (left) EXPECT_EQ(left->plainBytes(), each.after);
+    if (left) {
+      EXPECT_EQ(left->plainBytes(), each.after);
+    }
   }
 }
 
