@@ -134,8 +134,8 @@ std::string CommandLine::whatIsWrong(const CLI::Error& error) const {
     if (isOption(argument)) {
       return unknown("option", argument.substr(0, argument.find('=')), optionsOf(&command), help);
     }
-    const bool lacksCommand = command.get_require_subcommand_min() > 0;
-    if (argument != "--" && lacksCommand) return unknown("command", argument, commandsOf(command), help);
+    const bool takesCommand = !commandsOf(command).empty();
+    if (argument != "--" && takesCommand) return unknown("command", argument, commandsOf(command), help);
   }
   std::string words = error.what();
   if (words.starts_with("A subcommand is required")) words = "Which command?";

@@ -29,6 +29,7 @@ TEST_F(CommandLineTest, AMistypedWordIsAnsweredWithTheNearestOne) {
       {"sav http://127.0.0.1/x --album a", R"(There is no command "sav". Did you mean "save"?)"},
       {"resumee", R"(There is no command "resumee". Did you mean "resume"?)"},
       {"lib", R"(There is no command "lib". Did you mean "library"?)"},
+      {"library remov", R"(There is no command "remov". Did you mean "remove"?)"},
       {"fly", R"(There is no command "fly". `tarn --help` lists all.)"},
       {"save --albm Trips http://127.0.0.1/x", R"(There is no option "--albm". Did you mean "--album"?)"},
       {"save --ablum=Trips http://127.0.0.1/x", R"(There is no option "--ablum". Did you mean "--album"?)"},
