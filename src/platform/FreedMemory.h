@@ -2,8 +2,8 @@
 
 namespace tarn {
 
-/// Lets the allocator give back to the system what it holds of freed memory. Worth it behind work that took tens of MiB
-/// in millions of pieces: it would keep them, and large blocks are not made of them.
+/// Lets the allocator give back to the system what it holds of freed memory. Worth it between two pieces of work that
+/// take tens of MiB each: what the first one has freed is of no use to the second one if it lies in small pieces.
 void giveBackFreedMemory();
 
 }  // namespace tarn
