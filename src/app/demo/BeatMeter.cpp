@@ -15,7 +15,7 @@ namespace {
 constexpr double rate = 48000;
 constexpr int loud = 9000;               // of 32767
 constexpr int white = 200;               // of 255: what the darkest spot of a flash is above
-constexpr double longestDistance = 1.0;  // seconds, between a flash and its beep
+constexpr double longestDistance = 0.5;  // seconds, between a flash and its beep
 
 std::vector<double> beeps(FileManager& files, const Path& clip, const Path& scratch) {
   const TempFile pcm(files, scratch / "sound.pcm");
@@ -29,7 +29,7 @@ std::vector<double> beeps(FileManager& files, const Path& clip, const Path& scra
   for (size_t i = 0; i < samples.size(); ++i) {
     if (std::abs(int{samples[i]}) < loud) continue;
     const double time = static_cast<double>(i) / rate;
-    if (time > last + longestDistance / 4) found.push_back(time);
+    if (time > last + longestDistance / 2) found.push_back(time);
     last = time;
   }
   return found;

@@ -17,7 +17,7 @@ struct DecodedPictures {
 std::optional<DecodedPictures> decodePictures(FileManager& files, const Path& clip, const Path& scratch);
 
 /// How much later than this flash its beep is heard by a player that plays one packet of the sound behind the other,
-/// as many do, in seconds; nothing if there is no beep within a second. Throws Error.
+/// as many do, in seconds; nothing if there is no beep within half a second. Throws Error.
 std::optional<double> beepBehind(FileManager& files, const Path& clip, double flash, const Path& scratch);
 
 }  // namespace tarn

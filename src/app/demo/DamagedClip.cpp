@@ -14,7 +14,7 @@ namespace tarn {
 namespace {
 
 constexpr double secondsPerPacket = 1024 / 48000.0;
-constexpr int lostPackets = 24;
+constexpr int lostPackets = 18;
 
 void makeClip(const Path& clip) {
   runFFmpeg(

@@ -89,12 +89,15 @@ std::string verdictOn(const std::optional<DecodedPictures>& pictures) {
   return pictures ? fmt::format("{}, no complaint", pictures->count) : "none";
 }
 
-std::string behind(const std::optional<double>& seconds) {
-  return seconds ? fmt::format("{:.2f} s", std::abs(*seconds) < 0.005 ? 0 : *seconds) : "no beep";
+std::string timeOf(const std::optional<double>& seconds) {
+  constexpr double nothing = 0.005;
+  if (!seconds) return "not at all";
+  if (std::abs(*seconds) < nothing) return "in time";
+  return fmt::format("{:.2f} s {}", std::abs(*seconds), *seconds < 0 ? "early" : "late");
 }
 
 void prove(FileManager& files, const Path& before, const Path& after, const Path& scratch) {
-  printRow("Proof, by another program's decoder:", "before", "after");
+  printLine(fmt::format("{:<40}{:<18}{}", "Proof, by another program's decoder:", "before", "after"));
   const auto pictures = decodePictures(files, after, scratch);
   if (!pictures) throw Error("Demo", -1, "The pictures of the result cannot be decoded");
   printRow("pictures that it shows", verdictOn(decodePictures(files, before, scratch)), verdictOn(pictures));
@@ -102,8 +105,8 @@ void prove(FileManager& files, const Path& before, const Path& after, const Path
     const auto flash =
         std::ranges::find_if(pictures->flashes, [&](double time) { return std::abs(time - second) < 0.3; });
     if (flash == pictures->flashes.end()) throw Error("Demo", -1, "A flash is missing in the result");
-    printRow(fmt::format("sound behind the picture at {} s", second),
-             behind(beepBehind(files, before, *flash, scratch)), behind(beepBehind(files, after, *flash, scratch)));
+    printRow(fmt::format("the beep with the flash at {} s comes", second),
+             timeOf(beepBehind(files, before, *flash, scratch)), timeOf(beepBehind(files, after, *flash, scratch)));
   }
   const KeptPictures kept = keptPictures(files, before, after);
   printLine(fmt::format("  coded pictures kept byte for byte: {} of {}", kept.kept, kept.all));
