@@ -117,7 +117,7 @@ int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments)
     } else {
       std::string text = arguments.isFull ? inspection.text : inspection.brief;
       text.pop_back();  // its last line's end
-      printLine(text);
+      printText(text);
     }
     return exitCodeOf(inspection);
   } catch (const std::exception& failure) {

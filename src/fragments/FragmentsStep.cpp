@@ -13,6 +13,7 @@
 #include "fragments/PlainMovie.h"
 #include "fragments/detail/ResultProof.h"
 #include "pipeline/RunTempFile.h"
+#include "platform/FreedMemory.h"
 #include "platform/Log.h"
 #include "platform/ReadWatch.h"
 #include "presentation/Presentation.h"
@@ -79,11 +80,12 @@ void join(ProcessingRun& run, WatchedFiles& files) {
     writePlainMovie(*source, target, std::move(plain),
                     [&](double part) { tell(readingPart + part * (1 - readingPart)); });
   };
-  replaceFile(run, files, *source, std::move(sums), write, [&] {
+  const auto tellOfIt = [&] {
     for (const std::string& note : notes) run.warn(note);
     run.mended(std::string(inFragments), "joined the fragments to one plain movie");
     if (loss) tellLoss(run, *loss);
-  });
+  };
+  replaceFile(run, files, *source, std::move(sums), write, tellOfIt);
 }
 
 /// Keeps what is there of a plain movie that broke off.
@@ -121,6 +123,7 @@ void FragmentsStep::run(ProcessingRun& run) {
   WatchedFiles files(run.files);
   try {
     isInPieces ? join(run, files) : keepWhatIsThere(run, files);
+    if (isInPieces) giveBackFreedMemory();
   } catch (const Error& error) {
     // What cannot be read looks as if it were not there.
     files.requireReadable();

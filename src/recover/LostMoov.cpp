@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "fragments/MovieTimes.h"
 #include "fragments/PlainMovie.h"
 #include "media/DecodeCheck.h"
 #include "mp4/BoxLayout.h"
@@ -171,10 +172,23 @@ class Rebuilding {
     constexpr double largestStretch = 0.25;
     RecordedPictures& pictures = recorder_.pictures;
     if (pictures.areSteady() || !recorder_.sound || found_.pictures.size() < 2) return;
-    const double sound = found_.secondsOfSound(*recorder_.sound);
+    const double sound = found_.secondsOfSound(*recorder_.sound) - secondsOfHiddenSound();
     if (std::abs(sound - secondsOfPictures()) > largestStretch * secondsOfPictures()) return;
     pictures.ticks = static_cast<uint64_t>(std::llround(sound * pictures.timescale));
     pictures.count = found_.pictures.size();
+  }
+
+  /// What the recorder's edit list hides of the beginning of its sound.
+  double secondsOfHiddenSound() const {
+    size_t left = recorder_.sound->trak;
+    for (const MovieBox& box : recorder_.moov.children) {
+      if (box.type != "trak" || left-- > 0) continue;
+      const std::vector<EditListEntry> entries = editListOf(box);
+      const auto media = std::ranges::find_if_not(entries, &EditListEntry::isEmpty);
+      if (media == entries.end() || media->mediaTime < 0) return 0;
+      return static_cast<double>(media->mediaTime) / recorder_.sound->timescale;
+    }
+    return 0;
   }
 
   std::vector<std::string> notes() const {

@@ -194,6 +194,34 @@ TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
   EXPECT_EQ(mode(open), perms(0755));
 }
 
+TEST_F(SaveTest, TheLogOfTheUsualHomeIsAmongTheStateOfPrograms) {
+  const std::string place = place_.path().string();
+  std::ofstream(place_ / "file") << "no directory";
+  using Words = std::vector<std::string>;
+  const std::tuple<const char*, Words, Words, std::string> rows[] = {
+      {"by the XDG places", {"XDG_DATA_HOME=" + place + "/a", "XDG_STATE_HOME=" + place + "/b"}, {}, "b/tarn/tarn.log"},
+      {"else in the user's directory", {"HOME=" + place + "/c"}, {}, "c/.local/state/tarn/tarn.log"},
+      {"also if it is named",
+       {"HOME=" + place + "/d"},
+       {"--home", place + "/d/.local/share/tarn/"},
+       "d/.local/state/tarn/tarn.log"},
+      {"a home of one's own has its own", {"HOME=" + place + "/e"}, {"--home", place + "/own"}, "own/log/tarn.log"},
+      {"where state cannot be kept",
+       {"XDG_DATA_HOME=" + place + "/f", "XDG_STATE_HOME=" + place + "/file"},
+       {},
+       "f/tarn/log/tarn.log"},
+  };
+  for (const auto& [name, settings, home, log] : rows) {
+    Words command{"/usr/bin/env", "-i"};
+    for (const Words& more : {settings, {tarnCommand(home_, {}).front()}, home, {"resume"}}) {
+      command.insert(command.end(), more.begin(), more.end());
+    }
+    ChildProgram tarn(command, place_.path());
+    EXPECT_EQ(tarn.wait(), 0) << name << tarn.errors();
+    EXPECT_GT(contentOf(place_ / log).size(), 0U) << name;
+  }
+}
+
 TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {
   const std::pair<const char*, int> rows[] = {{"serve --json", 2},
                                               {"demo --json", 2},

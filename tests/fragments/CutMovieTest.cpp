@@ -387,7 +387,6 @@ TEST_F(CutMovieTest, TakesNoFileThatCannotBeReadForAHealthyOne) {
 
 /// A run that is killed behind the step, or amid it, finds a file of which nothing is missing.
 TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
-  struct Killed {};
   const Bytes cut = firstBytes(shortClip(), 0.6);
   ASSERT_EQ(runStep(cut), "");
   const RunOutcome undisturbed = outcome_;
@@ -405,7 +404,7 @@ TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
     recorder.record.fileURL = write(cut);
     try {
       rerun(faulty, recorder);
-    } catch (const Killed&) {
+    } catch (const Error&) {
     }
     const auto stored = decodeProcessingStates(encodeProcessingStates({{0, recorder.record}})).states;
     recorder.record = stored.at(0);
@@ -415,7 +414,7 @@ TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
     EXPECT_EQ(written(), kept);
   };
   for (const auto effect : {Fault::Effect::none, Fault::Effect::whole}) {
-    EXPECT_GT(faulty.sweep({.effect = effect, .among = changes, .strike = [] { throw Killed(); }}, runKilled), 3U);
+    EXPECT_GT(faulty.sweep({.lasting = true, .effect = effect, .among = changes}, runKilled), 3U);
   }
 }
 

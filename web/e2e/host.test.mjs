@@ -36,7 +36,7 @@ test('a failure says why and what helps, over reload and restart, until it is di
   await inPhase(page, 'lecture.mp4', 'failed');
   const isTold = async () => {
     const words = await row(page, 'lecture.mp4').textContent();
-    assert.match(words, /web page \("Sign in"\)/, 'the reason');
+    assert.match(words, /lecture\.mp4 is a web page \("Sign in"\): the address needs a login\./, 'the reason');
     assert.match(words, /127\.0\.0\.1:\d+\/login/, 'the address');
     assert.match(words, /tarn\.log/, 'where the log is');
     assert.ok(!(await page.isVisible('#downloads-empty')));

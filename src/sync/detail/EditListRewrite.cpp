@@ -5,6 +5,7 @@
 #include "movie/MovieError.h"
 #include "movie/MovieRewrite.h"
 #include "movie/TrackFields.h"
+#include "platform/FreedMemory.h"
 #include "platform/Log.h"
 #include "platform/OpenFile.h"
 #include "platform/TempFile.h"
@@ -70,7 +71,9 @@ bool rewriteMoov(FileManager& files, const Path& fileURL, const BoxHeader& moovB
   const auto copied = rewriteMovie(*source, *draft, layout, moovBox, edited->bytes, rules, quiet);
   draft.reset();
   source.reset();
-  edited.reset();  // the check needs as much memory again
+  // The check needs as much memory again.
+  edited.reset();
+  giveBackFreedMemory();
   if (check) check(target, copied);
   files.replaceItem(fileURL, target);
   log("MP4AVSyncFixer: Moov rewritten with both edts (total size delta: {})", growth);
