@@ -63,8 +63,9 @@ class JSONTest : public testing::Test {
     std::ofstream(all) << lines_;
     // The machine's own Python has the package; one that comes first in PATH may not.
     ChildProgram program(
-        {"/bin/sh", "-c", "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"",
-         "sh", script, JSON_SCHEMA, all},
+        {"/bin/sh", "-c",
+         "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"", "sh",
+         script, JSON_SCHEMA, all},
         place_.path());
     const int code = program.wait();
     return code == 0 ? program.output() : program.output() + program.errors();
