@@ -93,7 +93,6 @@ test('a saved video tells what was wrong and what was done, with picture and sou
   await save(page, stage.media.address('other.mp4'), { filename: 'other.mp4' });
   await inPhase(page, 'other.mp4', 'saved');
   await until('the state', async () => /Saved as it came/.test(await row(page, 'other.mp4').textContent()));
-  if (process.env.TARN_SCREENSHOT) await page.screenshot({ path: process.env.TARN_SCREENSHOT });
 });
 
 test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {
