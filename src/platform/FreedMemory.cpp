@@ -14,4 +14,11 @@ void giveBackFreedMemory() {
 #endif
 }
 
+void giveBackLargeBlocks() {
+#ifdef __GLIBC__
+  constexpr int large = 1 << 20;
+  mallopt(M_MMAP_THRESHOLD, large);
+#endif
+}
+
 }  // namespace tarn
