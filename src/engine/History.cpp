@@ -73,7 +73,7 @@ void add(HistoryTable& table, int64_t id, const DownloadRequest& request, Date n
              .album = request.album.value_or(""),
              .url = shownURL(request.url),
              .started = now},
-            request.url.empty() ? "" : NotedDownload{.id = id, .request = request}.text());
+            request.url.empty() ? "" : NotedDownload{.id = id, .request = request}.fullText());
 }
 
 }  // namespace
