@@ -15,7 +15,7 @@ list(REMOVE_ITEM rooms tarn_app)
 get_property(libraries GLOBAL PROPERTY TARN_LIBRARIES)
 list(REMOVE_DUPLICATES libraries)
 list(REMOVE_ITEM libraries Boost::headers nlohmann_json::nlohmann_json CLI11::CLI11)
-set(public_headers tarn.h inspect.h repair.h engine.h transfer.h summary.h avsync.h hevc.h export.h)
+set(public_headers tarn.h inspect.h repair.h engine.h library.h transfer.h summary.h avsync.h hevc.h export.h)
 list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/include/tarn/)
 
 # tarn_library(<target> <name in the package>): what both have in common.
@@ -38,6 +38,7 @@ set_target_properties(libtarn PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
   LINK_DEPENDS ${PROJECT_BINARY_DIR}/exports.map)
 tarn_library(libtarn tarn)
+add_dependencies(libtarn tarn-poster)
 
 if(TARN_STATIC_LIBRARY)
   add_library(libtarn_static STATIC)

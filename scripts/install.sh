@@ -21,7 +21,7 @@ nm -DC --defined-only "$lib/libtarn.so" | cut -c18- | grep -v '^A ' | sed 's/@@.
 diff -u src/api/exports.txt "$place/exports.txt" || fail "src/api/exports.txt lists other names"
 version=$(sed -n 's/.*STRING "\(.*\)"/\1/p' "$prefix/include/tarn/version.h")
 readelf -d "$lib/libtarn.so" | grep -q "SONAME.*\[libtarn.so.${version%.*}\]" || fail "its name lacks major and minor"
-for file in "$lib/libtarn.so" "$prefix/bin/tarn"; do
+for file in "$lib/libtarn.so" "$prefix/bin/tarn" "$prefix/libexec/tarn/tarn-poster"; do
   ! grep -qF "$PWD" "$file" || fail "$file holds the path of the build"
 done
 [ "$("$prefix/bin/tarn" --version)" = "tarn $version" ] || fail "the command has another version"
@@ -58,6 +58,8 @@ ffmpeg -v error -f lavfi -i testsrc2=size=320x180:rate=25:duration=2 -f lavfi -i
 "$prefix/bin/tarn" repair "$place/clip.mp4" -o "$place/expected.mp4" >/dev/null 2>&1
 [ "$(ffprobe -v error -select_streams v -show_entries stream=codec_tag_string -of csv=p=0 "$place/expected.mp4")" = avc1 ] ||
   fail "the installed command does not repair"
+"$prefix/libexec/tarn/tarn-poster" <"$place/clip.mp4" | ffprobe -v error -show_entries stream=codec_name -of csv=p=0 - |
+  grep -qx mjpeg || fail "the installed program makes no poster"
 for program in OFF/repair ON/repair by-pkg-config by-pkg-config-static; do
   "$place/$program" "$place/clip.mp4" "$place/out.mp4" >"$place/out.txt" 2>"$place/progress.txt" || fail "$program: $(cat "$place/out.txt")"
   head -n 1 "$place/out.txt" | grep -qx "libtarn $version" || fail "$program is another version"

@@ -3,7 +3,7 @@
 
 tarn_packages="g++ cmake ninja-build ccache pkg-config ffmpeg
   libavcodec-dev libavutil-dev libboost1.81-dev libcli11-dev libcurl4-openssl-dev libfmt-dev libgtest-dev libgmock-dev libmagic-dev libsqlite3-dev libssl-dev
-  libswresample-dev nlohmann-json3-dev"
+  libswresample-dev libswscale-dev nlohmann-json3-dev"
 
 tell() { printf '%s\n' "$*" >&2; }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tarn/library.h>
 #include <tarn/tarn.h>
 #include <tarn/transfer.h>
 
@@ -167,6 +168,16 @@ class TARN_API Engine {
   std::optional<std::filesystem::path> savedSince(std::chrono::system_clock::time_point start, const std::string& album,
                                                   const std::string& filename);
   StoredWork storedWork();
+  /// The albums, oldest first, without those that hold nothing; with a title only those of this title. Throws
+  /// EngineRefused if they cannot be read, as does the next.
+  std::vector<LibraryAlbum> library(const std::optional<std::string>& album = std::nullopt);
+  /// The videos that can be restored, the one removed last first.
+  std::vector<LibraryAsset> removedAssets();
+  /// Returns the video as it is now; nothing if it is removed or erased. Throws EngineRefused, with the reason.
+  std::optional<LibraryAsset> changeAsset(const AssetChange& change);
+  /// A JPEG of a video's first picture, no edge longer than 480 pixels; it goes with the video. Nothing if none can be
+  /// made: only AVC and HEVC have one, and the program tarn-poster must be installed. Takes ten seconds at most.
+  std::optional<std::filesystem::path> poster(const std::string& assetId);
 
   /// The downloads of the home, the newest first: those that have not ended, and the 1,000 that ended last.
   std::vector<HistoryEntry> history(std::optional<int64_t> limit = std::nullopt);

@@ -3,6 +3,7 @@
 #include "api/FileNames.h"
 #include "api/detail/DefaultLog.h"
 #include "api/detail/EngineSession.h"
+#include "engine/LibraryJSON.h"
 #include "platform/TransferRules.h"
 
 namespace tarn {
@@ -87,6 +88,25 @@ std::optional<std::filesystem::path> Engine::savedSince(std::chrono::system_cloc
 
 Engine::StoredWork Engine::storedWork() {
   return session_->storedWork();
+}
+
+std::vector<LibraryAlbum> Engine::library(const std::optional<std::string>& album) {
+  return session_->library(album);
+}
+
+std::vector<LibraryAsset> Engine::removedAssets() {
+  return session_->removedAssets();
+}
+
+std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
+  const auto answer = session_->changeAsset(change);
+  if (!answer.resolved) throw EngineRefused(answer.message);
+  if (answer.data.empty()) return std::nullopt;
+  return libraryAssetOf(answer.data);
+}
+
+std::optional<std::filesystem::path> Engine::poster(const std::string& assetId) {
+  return session_->poster(assetId);
 }
 
 std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) {

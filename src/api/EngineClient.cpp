@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "engine/HostPlugin.h"
+#include "engine/LibraryJSON.h"
 
 namespace tarn {
 namespace {
@@ -62,6 +63,11 @@ TransferState transferState(const JSObject& object) {
                    .why = valueAt<std::string>(*retry, "why", "")};
   }
   return state;
+}
+
+JSObject resolved(EngineClient::Answer answer) {
+  if (!answer.resolved) throw EngineRefused(answer.message);
+  return std::move(answer.data);
 }
 
 std::optional<Path> pathIn(const EngineClient::Answer& answer) {
@@ -143,6 +149,32 @@ std::vector<EngineClient::HistoryEntry> EngineClient::history(const std::optiona
 void EngineClient::clearHistory(const std::optional<int64_t>& id) {
   const Answer answer = call(HostPlugin::name(), "clearHistory", id ? JSObject{{"id", *id}} : JSObject());
   if (!answer.resolved) throw EngineRefused(answer.message);
+}
+
+std::vector<LibraryAlbum> EngineClient::library(const std::optional<std::string>& album) {
+  JSObject options;
+  if (album) options.set("album", *album);
+  std::vector<LibraryAlbum> albums;
+  for (const JSObject& each : arrayAt<JSObject>(resolved(call(HostPlugin::name(), "getLibrary", options)), "albums")) {
+    albums.push_back(libraryAlbumOf(each));
+  }
+  return albums;
+}
+
+std::vector<LibraryAsset> EngineClient::removedAssets() {
+  std::vector<LibraryAsset> assets;
+  for (const JSObject& asset : arrayAt<JSObject>(resolved(call(HostPlugin::name(), "getLibrary", {})), "removed")) {
+    assets.push_back(libraryAssetOf(asset));
+  }
+  return assets;
+}
+
+EngineClient::Answer EngineClient::changeAsset(const AssetChange& change) {
+  return call(HostPlugin::name(), "changeAsset", jsonOf(change));
+}
+
+std::optional<Path> EngineClient::poster(const std::string& assetId) {
+  return pathIn(call(HostPlugin::name(), "getPoster", {{"assetId", assetId}}));
 }
 
 void EngineClient::takeUpStoredRun() {

@@ -125,19 +125,15 @@ int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments)
   }
 }
 
-/// What of the arguments cannot be, if anything: a plot of several files, or one that would replace a video.
-std::string misuse(const InspectArguments& arguments) {
-  if (arguments.plot.empty()) return "";
-  if (arguments.files.size() > 1) return "--plot draws one file; name one FILE alone";
-  return arguments.plot.ends_with(".svg") ? "" : "the name for --plot must end with .svg";
+/// Throws UsageError for a plot of several files, and for one that might replace a video.
+void requirePossible(const InspectArguments& arguments) {
+  if (arguments.plot.empty()) return;
+  if (arguments.files.size() > 1) throw UsageError("--plot draws one file; name one FILE alone.");
+  if (!arguments.plot.ends_with(".svg")) throw UsageError("The name for --plot must end with .svg.");
 }
 
 int inspectCommand(const GlobalOptions& global, const InspectArguments& arguments) {
-  if (const std::string words = misuse(arguments); !words.empty()) {
-    if (global.json) printJSON({{"result", "usage"}, {"error", words}});
-    printFailure(words);
-    return ExitCode::usage;
-  }
+  requirePossible(arguments);
   if (arguments.files.size() == 1) return inspectAlone(global, arguments);
   if (!arguments.isFull || global.json) return inspectMany(global, arguments.files);
   int code = ExitCode::done;

@@ -1,13 +1,30 @@
+#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <tarn/library.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <memory>
+#include <set>
 
+#include "app/CommandEngine.h"
 #include "app/Commands.h"
+#include "app/Interrupt.h"
+#include "app/LibraryExport.h"
+#include "app/LibraryNames.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
 #include "engine/Home.h"
+#include "engine/Library.h"
+#include "engine/LibraryJSON.h"
+#include "platform/SafeName.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
@@ -15,50 +32,301 @@
 namespace tarn {
 namespace {
 
-std::string dateText(Date date) {
-  return fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(date)));
+constexpr const char* videoHelp = "Its path, \"Album/file name\", its file name or its assetId";
+
+struct LibraryOptions {
+  std::optional<std::string> album = {};
+  std::string video = {};
+  std::vector<std::string> names = {};
+  std::string to = {};
+  bool removed = false;  ///< lists what can be restored
+  bool forGood = false;
+  bool force = false;
+};
+
+/// The library as it stands on the disk: whoever lists it need not be the engine, nor wait for it.
+class StoredLibrary {
+ public:
+  explicit StoredLibrary(const GlobalOptions& global)
+      : home_(homeDirectory(global.home)),
+        files_(home_),
+        photos_(files_, dispatch_, root(), SQLitePhotoLibrary::Access::readOnly),
+        library_(photos_) {}
+
+  Path root() const { return home_ / "Photos"; }
+  PosixFileManager& files() { return files_; }
+  Library& library() { return library_; }
+
+  /// The albums, or the one that is asked for. Throws Error when there is none of this title.
+  std::vector<LibraryAlbum> albums(const std::optional<std::string>& title) {
+    if (title && !library_.hasAlbum(*title)) {
+      throw Error("Library", -1, fmt::format("There is no album \"{}\". `tarn library` lists all.", *title));
+    }
+    return library_.albums(title);
+  }
+
+ private:
+  const Path home_;
+  PosixFileManager files_;
+  AsioDispatch dispatch_;
+  SQLitePhotoLibrary photos_;
+  Library library_;
+};
+
+JSObject assetObject(const std::string& album, const LibraryAsset& asset) {
+  JSObject object = jsonOf(asset);
+  if (!album.empty()) object.set("album", album);
+  return object;
 }
 
-void printAlbum(const GlobalOptions& global, PHPhotoLibrary& photos, const PHAssetCollection& album) {
-  const auto assets = photos.fetchAssets(album, std::nullopt);
-  if (!global.json) printLine(fmt::format("{} ({})", album.title, assets.size()));
-  for (const PHAsset& asset : assets) {
+void printAlbum(const GlobalOptions& global, const LibraryAlbum& album) {
+  if (!global.json) printLine(fmt::format("{} ({})", album.title, album.assets.size()));
+  for (const LibraryAsset& asset : album.assets) {
     if (global.json) {
-      printJSON({{"album", album.title},
-                 {"assetId", asset.localIdentifier},
-                 {"filename", asset.filename},
-                 {"size", static_cast<int64_t>(asset.size)},
-                 {"created", dateText(asset.creationDate)},
-                 {"path", asset.path.string()}});
+      printJSON(assetObject(album.title, asset));
     } else {
-      printLine(fmt::format("  {}  {}  {}", dateText(asset.creationDate), byteText(static_cast<double>(asset.size)),
-                            asset.path.string()));
+      printLine(fmt::format("  {:%FT%TZ}  {}  {}", fmt::gmtime(std::chrono::system_clock::to_time_t(asset.created)),
+                            byteText(static_cast<double>(asset.size)), asset.path.string()));
     }
   }
 }
 
-int libraryCommand(const GlobalOptions& global, const std::optional<std::string>& album) {
-  const Path home = homeDirectory(global.home);
-  PosixFileManager files(home);
-  AsioDispatch dispatch;
-  SQLitePhotoLibrary photos(files, dispatch, home / "Photos", SQLitePhotoLibrary::Access::readOnly);
-  const auto albums = photos.fetchAssetCollections(album);
-  if (album && albums.empty()) {
-    printFailure(fmt::format("There is no album \"{}\". `tarn library` lists all.", *album));
-    return ExitCode::failed;
+int listCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  StoredLibrary stored(global);
+  if (options.removed) {
+    const auto removed = stored.library().removed();
+    for (const LibraryAsset& asset : removed) {
+      global.json ? printJSON(assetObject("", asset))
+                  : printLine(fmt::format("{}  {}  {}", asset.assetId, byteText(static_cast<double>(asset.size)),
+                                          asset.filename));
+    }
+    if (removed.empty() && !global.json) printNote("No removed video is left to be restored.");
+    return ExitCode::done;
   }
-  for (const PHAssetCollection& collection : albums) printAlbum(global, photos, collection);
+  const auto albums = stored.albums(options.album);
+  for (const LibraryAlbum& album : albums) printAlbum(global, album);
+  if (albums.empty() && !global.json) {
+    printNote(fmt::format("{} no videos. `tarn save URL` puts one into an album.",
+                          options.album ? "The album has" : "The library has"));
+  }
+  return ExitCode::done;
+}
+
+/// Does the same to all that are named, by the engine of the home, so that nobody else changes the library meanwhile.
+class ChangeCommand {
+ public:
+  ChangeCommand(const GlobalOptions& global, const LibraryOptions& options) : global_(global), options_(options) {}
+
+  int run(AssetChange::Action action) {
+    CommandEngine command(global_);
+    return command.leave(changeAll(command.engine(), action));
+  }
+
+ private:
+  int changeAll(Engine& engine, AssetChange::Action action) {
+    auto names = options_.names;
+    if (!options_.video.empty()) names.push_back(options_.video);
+    for (const LibraryAsset& asset : videosNamed(candidates(engine, action), names)) {
+      AssetChange change{.assetId = asset.assetId, .action = action};
+      change.filename = change.album = options_.to;
+      report(asset, action, engine.changeAsset(change));
+    }
+    return ExitCode::done;
+  }
+
+  /// What can be named: the albums, and what was removed where that helps.
+  static std::vector<LibraryAlbum> candidates(Engine& engine, AssetChange::Action action) {
+    std::vector<LibraryAlbum> albums;
+    if (action != AssetChange::Action::restore) albums = engine.library();
+    if (action == AssetChange::Action::restore || action == AssetChange::Action::erase) {
+      albums.push_back({"removed", engine.removedAssets()});
+    }
+    return albums;
+  }
+
+  void report(const LibraryAsset& before, AssetChange::Action action, const std::optional<LibraryAsset>& after) {
+    using enum AssetChange::Action;
+    const bool isGone = action == remove || action == erase;
+    if (global_.json) {
+      JSObject object = jsonOf(after.value_or(before));
+      object.set("result", isGone ? "removed" : "changed");
+      if (isGone) object.set("path", JSValue());
+      printJSON(object);
+    } else if (action == remove) {
+      printLine(fmt::format("{} is removed. For 24 hours `tarn library restore {}` brings it back.", before.filename,
+                            before.assetId));
+    } else if (action == erase) {
+      printLine(fmt::format("{} is removed for good.", before.filename));
+    } else {
+      printPath(after ? after->path : before.path);
+    }
+  }
+
+  const GlobalOptions& global_;
+  const LibraryOptions& options_;
+};
+
+/// Copies videos into a folder: those that are named, an album, or all albums, each into a folder of its own then.
+class ExportCommand {
+ public:
+  ExportCommand(const GlobalOptions& global, const LibraryOptions& options)
+      : global_(global), options_(options), stored_(global), watcher_([this] {
+          isStopped_ = true;
+          return true;
+        }) {}
+
+  int run() {
+    const Path target = absolutePath(options_.to);
+    const auto albums = stored_.albums(options_.album);
+    int code = ExitCode::done;
+    if (!options_.names.empty()) {
+      code = exportAll({"", videosNamed(albums, options_.names)}, target);
+    } else {
+      for (const LibraryAlbum& album : albums) {
+        const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
+        code = std::max(code, exportAll(album, folder));
+      }
+    }
+    if (!isStopped_) return code;
+    printFailure("Interrupted; the copies that are there are whole.");
+    return ExitCode::interrupted;
+  }
+
+ private:
+  int exportAll(const LibraryAlbum& album, const Path& folder) {
+    stored_.files().createDirectory(folder);
+    std::set<std::string> taken;  // two videos of one name, of two albums
+    int code = ExitCode::done;
+    for (const LibraryAsset& asset : album.assets) {
+      const std::string name = uniqueName(asset.filename, NameKind::file, taken);
+      taken.insert(name);
+      try {
+        const auto isStopped = [this] { return isStopped_.load(); };
+        if (!exportFile(stored_.files(), asset.path, folder / name, options_.force, isStopped)) return code;
+        if (global_.json) {
+          printJSON({{"result", "exported"}, {"assetId", asset.assetId}, {"path", (folder / name).string()}});
+        } else {
+          printPath(folder / name);
+        }
+      } catch (const Error& error) {
+        if (global_.json) {
+          printJSON({{"result", "failed"}, {"assetId", asset.assetId}, {"error", error.description()}});
+        }
+        printFailure(error.description() + ".");
+        code = ExitCode::failed;
+      }
+    }
+    return code;
+  }
+
+  const GlobalOptions& global_;
+  const LibraryOptions& options_;
+  StoredLibrary stored_;
+  std::atomic<bool> isStopped_ = false;
+  InterruptWatcher watcher_;
+};
+
+bool hasDesktop() {
+  const auto isSet = [](const char* name) {
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
+    return value && *value;
+  };
+  return isSet("DISPLAY") || isSet("WAYLAND_DISPLAY");
+}
+
+/// Shows a file or a folder in the program that the desktop has for it; false without one.
+bool showOnDesktop(const Path& path) {
+  if (!hasDesktop()) return false;
+  const std::string text = path.string();
+  const char* const arguments[] = {"xdg-open", text.c_str(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  // This process waits for its interrupts on a thread; a player must hear its own.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  pid_t child = 0;
+  const int code =
+      posix_spawnp(&child, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  int status = 0;
+  return code == 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  StoredLibrary stored(global);
+  Path path = stored.root();
+  if (!options.video.empty()) path = videoNamed(stored.albums({}), options.video).path;
+  if (!stored.files().fileExists(path)) {
+    throw Error("Library", -1, "The library has no videos yet. `tarn save URL` puts one into an album.");
+  }
+  const bool isShown = !global.json && showOnDesktop(path);
+  if (global.json) printJSON({{"path", path.string()}});
+  if (!global.json && !isShown) printPath(path);
   return ExitCode::done;
 }
 
 }  // namespace
 
 void addLibraryCommands(CommandTable& table) {
-  const auto album = std::make_shared<std::optional<std::string>>();
-  CLI::App* library = table.app.add_subcommand("library", "List the albums and what is in them");
-  library->add_option("--album", *album, "Only this album");
-  library->callback(
-      [&table, album] { table.chosen = [&table, album] { return libraryCommand(table.global, *album); }; });
+  const auto options = std::make_shared<LibraryOptions>();
+  CLI::App* library = table.app.add_subcommand("library", "List the albums and what is in them, and change them");
+  library->require_subcommand(0, 1);
+  // The callback of `library` itself comes behind that of its command.
+  const auto choose = [&table, options](CLI::App* command, auto run) {
+    command->callback([&table, options, run, command] {
+      if (!command->get_subcommands().empty()) return;
+      table.chosen = [&table, options, run] { return run(table.global, *options); };
+    });
+  };
+  const auto addList = [&](CLI::App* command) {
+    command->add_option("--album", options->album, "Only this album");
+    command->add_flag("--removed", options->removed, "What was removed and can be restored");
+    choose(command, listCommand);
+  };
+  const auto addNames = [&](CLI::App* command) { return command->add_option("VIDEO", options->names, videoHelp); };
+  const auto addChange = [&](CLI::App* command, AssetChange::Action action) {
+    choose(command, [action](const GlobalOptions& global, const LibraryOptions& given) {
+      const bool erases = action == AssetChange::Action::remove && given.forGood;
+      return ChangeCommand(global, given).run(erases ? AssetChange::Action::erase : action);
+    });
+  };
+
+  CLI::App* list = library->add_subcommand("list", "List them");
+  addList(library);
+  addList(list);
+  CLI::App* remove = library->add_subcommand("remove", "Remove videos; for 24 hours they can be restored");
+  addNames(remove)->required();
+  remove->add_flag("--now", options->forGood, "For good, and free their space at once");
+  addChange(remove, AssetChange::Action::remove);
+  CLI::App* restore = library->add_subcommand("restore", "Put removed videos back into their albums");
+  addNames(restore)->required();
+  addChange(restore, AssetChange::Action::restore);
+  CLI::App* rename = library->add_subcommand("rename", "Give a video another file name");
+  rename->add_option("VIDEO", options->video, videoHelp)->required();
+  rename->add_option("NAME", options->to, "The new one; without an ending it keeps that of before")->required();
+  addChange(rename, AssetChange::Action::rename);
+  CLI::App* move = library->add_subcommand("move", "Move videos to another album");
+  addNames(move)->required();
+  move->add_option("--to", options->to, "The album; it is made if there is none of this name")->required();
+  addChange(move, AssetChange::Action::move);
+
+  CLI::App* exported = library->add_subcommand("export", "Copy videos into a folder: those named, an album, or all");
+  exported->add_option("DIR", options->to, "The folder; it is made if it is missing")->required();
+  addNames(exported);
+  exported->add_option("--album", options->album, "All of this album");
+  exported->add_flag("--force", options->force, "Replace files that are there");
+  choose(exported,
+         [](const GlobalOptions& global, const LibraryOptions& given) { return ExportCommand(global, given).run(); });
+  CLI::App* open = library->add_subcommand("open", "Open a video, or the folder of the albums");
+  open->add_option("VIDEO", options->video, videoHelp);
+  choose(open, openCommand);
 }
 
 }  // namespace tarn

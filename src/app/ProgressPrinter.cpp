@@ -134,18 +134,33 @@ void ProgressPrinter::draw() {
 }
 
 std::string ProgressPrinter::lineOf(size_t columns) const {
-  std::string line = head_;
-  for (const auto& [key, shown] : work_) {
-    if (!line.empty()) line += " | ";
-    if (!shown.name.empty()) line += escaped(shown.name) + " ";
-    line += escaped(shown.line.text);
-  }
-  const size_t used = columnsOf(line);
+  if (work_.size() > 1 || !head_.empty()) return sharedLine(columns);
+  const ProgressLine& line = work_.begin()->second.line;
+  const std::string text = escaped(line.text);
+  const size_t used = columnsOf(text);
   constexpr size_t brackets = 3;
-  const auto fraction = work_.size() == 1 ? work_.begin()->second.line.fraction : std::nullopt;
-  if (fraction && used + brackets + narrowestBar <= columns) {
-    line = bar(*fraction, std::min(columns - used - brackets, widestBar)) + line;
+  const bool hasRoom = used + brackets + narrowestBar <= columns;
+  if (!line.fraction || !hasRoom) return cutToColumns(text, columns);
+  return bar(*line.fraction, std::min(columns - used - brackets, widestBar)) + text;
+}
+
+/// All work has an equal part of the line; what finds no place is counted.
+std::string ProgressPrinter::sharedLine(size_t columns) const {
+  constexpr std::string_view parting = " | ";
+  constexpr size_t narrowest = 28;  // of a part, in columns
+  constexpr size_t narrowestName = 8;
+  std::string line = cutToColumns(head_, columns);
+  const size_t room = columns - columnsOf(line);
+  const size_t count = std::clamp<size_t>(room / narrowest, 1, work_.size());
+  const size_t share = room / count;
+  const size_t width = share - std::min(share, parting.size());
+  size_t shownCount = 0;
+  for (const auto& [key, shown] : work_) {
+    if (shownCount++ == count) break;
+    const std::string name = cutToColumns(escaped(shown.name), std::max(width / 3, narrowestName));
+    line += std::string(line.empty() ? "" : parting) + cutToColumns(name + " " + escaped(shown.line.text), width);
   }
+  if (count < work_.size()) line += fmt::format(" +{}", work_.size() - count);
   return cutToColumns(line, columns);
 }
 

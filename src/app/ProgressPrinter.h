@@ -73,6 +73,7 @@ class ProgressPrinter {
   void printPlain(Shown& shown, bool isOther) const;
   void draw();
   std::string lineOf(size_t columns) const;
+  std::string sharedLine(size_t columns) const;
 
   const bool isTerminal_;
   std::map<int64_t, Shown> work_;

@@ -79,7 +79,8 @@ int exitCodeOf(const RepairedFile& result) {
 JSObject reportObject(const RepairedFile& result) {
   const RepairReport& report = result.report;
   const RepairEnd end = endOf(result);
-  return {{"result", wordOf(end)},
+  return {{"schema", jsonSchema},
+          {"result", wordOf(end)},
           {"input", absoluteName(result.file.input)},
           {"output", absoluteName(result.file.output)},
           {"inputSize", static_cast<int64_t>(report.inputSize)},
@@ -116,7 +117,8 @@ bool RepairReportFile::knows(const Path& input) const {
 
 void RepairReportFile::append(const RepairedFile& result) {
   JSObject line{{"schema", jsonSchema}};
-  for (const auto& [key, value] : reportObject(result).members()) line.set(key, value);
+  const JSObject facts = reportObject(result);
+  for (const auto& [key, value] : facts.members()) line.set(key, value);
   write(line.json() + "\n");
 }
 

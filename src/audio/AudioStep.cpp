@@ -91,7 +91,7 @@ void AudioStep::run(ProcessingRun& run) {
       break;
   }
   if (hasExtremeDrift(findings.analysis)) return leaveExtremeDriftAlone(run, findings);
-  replaceAudio(run, workers_, doneByEncoding(findings));
+  replaceAudio(run, doneByEncoding(findings), workers_);
 }
 
 }  // namespace tarn

@@ -101,10 +101,8 @@ std::string whyEncoded(const AudioFindings& findings) {
   if (!findings.config.matchesPassthroughTarget) {
     return "silent packets can only be put into stereo AAC-LC of 24, 44.1 or 48 kHz";
   }
-  if (drifts(findings.analysis) || findings.analysis.driftRate() >= RepairDecision::tooHighDriftRate) {
-    return fmt::format("silent packets alone cannot mend a drift of {:.1f} ms a minute", findings.analysis.driftRate());
-  }
-  return "silent packets alone cannot mend it";
+  if (drifts(findings.analysis)) return "silent packets cannot take a drift out";
+  return "more is missing than silent packets are used for";
 }
 
 std::string extremeDriftWords(const AudioFindings& findings) {

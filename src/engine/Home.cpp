@@ -43,11 +43,11 @@ std::optional<Path> userPlace(const char* variable, const char* otherwise) {
   return std::nullopt;
 }
 
+}  // namespace
+
 std::optional<Path> defaultHome() {
   return userPlace("XDG_DATA_HOME", ".local/share");
 }
-
-}  // namespace
 
 Path homeDirectory(const std::optional<std::string>& given) {
   if (given) return absolutePath(*given).lexically_normal();

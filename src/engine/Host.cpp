@@ -4,6 +4,8 @@
 
 #include "download/DocumentsSweep.h"
 #include "download/DownloadRequest.h"
+#include "engine/AlbumsLink.h"
+#include "engine/PosterProgram.h"
 #include "kind/Kind.h"
 #include "platform/Log.h"
 #include "platform/Platform.h"
@@ -19,7 +21,8 @@ MediaCheck checkOfMedia(FileManager& files) {
 }  // namespace
 
 Host::Host(FileManager& files, const HostOptions& options)
-    : lock_(options.home),
+    : home_(options.home),
+      lock_(options.home),
       log_(options.keepsLog ? LogFile::ofHome(options.home) : nullptr),
       files_(files),
       history_(files_, clock_, options.home),
@@ -28,9 +31,11 @@ Host::Host(FileManager& files, const HostOptions& options)
       defaults_(files_, options.home / "Defaults"),
       store_(defaults_, files_, clock_),
       photos_(files_, dispatch_, options.home / "Photos", SQLitePhotoLibrary::Access::readWrite, checkOfMedia(files)),
+      posters_(files_, options.home / "Posters", posterProgram()),
       transfers_(files_, dispatch_, options.home / "Transfers"),
       savingStep_(photos_, clock_) {
   removeLeftovers(files_, store_);
+  sweepPosters();
   for (const char* directory : {"", "Defaults", "Documents"}) removeAbandonedSiblings(files_, options.home / directory);
   Platform platform{.files = files_,
                     .defaults = defaults_,
@@ -59,6 +64,7 @@ void Host::began(int64_t id, const DownloadRequest& request) noexcept {
 void Host::ended(const RunOutcome& outcome) noexcept {
   outcomes_.keep(outcome);
   history_.ended(outcome);
+  if (outcome.kind == RunOutcome::Kind::saved) showAlbums();
 }
 
 void Host::start() {
@@ -110,6 +116,24 @@ void Host::takeUpStoredRun() {
   if (!isActive && hasBackgroundLimit_) return;
   application_.enterForeground();
   if (!isActive) application_.enterBackground();
+}
+
+void Host::sweepPosters() {
+  std::set<std::string> ids;
+  for (const PHAsset& asset : photos_.fetchAllAssets()) ids.insert(asset.localIdentifier);
+  for (const PHAsset& asset : photos_.fetchDeletedAssets()) ids.insert(asset.localIdentifier);
+  posters_.keepOnly(ids);
+}
+
+/// Makes the link to the albums of the default home once: one that the user has removed does not come back.
+void Host::showAlbums() {
+  constexpr const char* key = "Tarn_AlbumsLinked";
+  try {
+    if (home_ != defaultHome() || defaults_.integer(key) != 0) return;
+    if (linkAlbums(home_ / "Photos")) defaults_.setInteger(key, 1);
+  } catch (const Error& error) {
+    log("The link to the albums was not noted: {}", error.description());
+  }
 }
 
 std::vector<int64_t> Host::pendingRuns() {

@@ -11,6 +11,7 @@
 #include "engine/HostPlugin.h"
 #include "engine/LocalImport.h"
 #include "engine/Outcomes.h"
+#include "engine/PosterMaker.h"
 #include "engine/RepairSteps.h"
 #include "pipeline/ProcessingStateManager.h"
 #include "platform/host/AsioDispatch.h"
@@ -76,12 +77,18 @@ class Host : private DownloadListener {
   HostPlugin& hostPlugin() { return hostPlugin_; }
   HostApplication& application() { return application_; }
   SQLitePhotoLibrary& photos() { return photos_; }
+  PosterMaker& posters() { return posters_; }
+  /// Removes the posters of assets that are gone.
+  void sweepPosters();
   const Outcomes& outcomes() const { return outcomes_; }
   History& history() { return history_; }
   /// The file to which the log goes; none if it goes elsewhere.
   std::optional<Path> logFile() const { return log_ ? std::optional(log_->path()) : std::nullopt; }
 
  private:
+  void showAlbums();
+
+  const Path home_;
   HomeLock lock_;
   Outcomes outcomes_;
   std::unique_ptr<LogFile> log_;
@@ -95,6 +102,7 @@ class Host : private DownloadListener {
   UserDefaults defaults_;
   ProcessingStateManager store_;
   SQLitePhotoLibrary photos_;
+  PosterMaker posters_;
   CurlURLSessionService transfers_;
   RepairSteps steps_;
   SavingStep savingStep_;

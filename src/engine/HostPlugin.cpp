@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "engine/Host.h"
+#include "engine/Library.h"
+#include "engine/LibraryJSON.h"
 #include "inspect/FailureAdvice.h"
 #include "platform/Clock.h"
 #include "platform/TransferRules.h"
@@ -82,14 +84,15 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
       {"saveVideo", "promise"},       {"getOutcome", "promise"},   {"getAsset", "promise"},
       {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
       {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
-      {"importLocal", "promise"},
+      {"importLocal", "promise"},     {"getLibrary", "promise"},   {"changeAsset", "promise"},
+      {"getPoster", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 10> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 13> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
@@ -100,6 +103,9 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"getHistory", &HostPlugin::getHistory},
       {"clearHistory", &HostPlugin::clearHistory},
       {"importLocal", &HostPlugin::importLocal},
+      {"getLibrary", &HostPlugin::getLibrary},
+      {"changeAsset", &HostPlugin::changeAsset},
+      {"getPoster", &HostPlugin::getPoster},
   }};
   for (const auto& [name, member] : handlers) {
     if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
@@ -212,6 +218,38 @@ void HostPlugin::importLocal(const CAPPluginCallPointer& call) {
 void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {
   host_.takeUpStoredRun();
   call->resolve();
+}
+
+void HostPlugin::getLibrary(const CAPPluginCallPointer& call) {
+  orReject(call, [&] {
+    Library library(host_.photos());
+    const auto album = call->getString("album");
+    JSObject answer{{"albums", jsonArrayOf(library.albums(album))}};
+    if (!album) answer.set("removed", jsonArrayOf(library.removed()));
+    call->resolve(std::move(answer));
+  });
+}
+
+void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
+  const auto change = assetChangeOf(*call);
+  if (!change) return call->reject("An asset and an action are needed");
+  orReject(call, [&] {
+    const auto asset = Library(host_.photos()).change(*change);
+    if (change->action == AssetChange::Action::erase) host_.sweepPosters();
+    call->resolve(asset ? jsonOf(*asset) : JSObject());
+  });
+}
+
+void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
+  orReject(call, [&] {
+    const auto assetId = call->getString("assetId");
+    const auto assets = host_.photos().fetchAllAssets();
+    const auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
+    if (asset == assets.end()) return call->resolve();
+    host_.posters().tell(asset->localIdentifier, asset->path, [call](const std::optional<Path>& poster) {
+      call->resolve(poster ? JSObject{{"path", poster->string()}} : JSObject());
+    });
+  });
 }
 
 }  // namespace tarn

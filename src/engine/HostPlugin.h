@@ -33,6 +33,12 @@ class Host;
 /// - importLocal {path, filename, album}: has a file of this machine, which is moved away, repaired and put into an
 ///   album like a download that has arrived; `id` of that.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
+/// - getLibrary {album?}: `albums` of {title, assets: [{assetId, filename, size, created, path}]}, without empty ones;
+///   `removed`, the assets that can be restored, if no album is given.
+/// - changeAsset {assetId, action, filename?, album?}: "remove", "erase", "restore", "rename" to a filename or "move"
+/// to
+///   an album. Answers with the asset as getLibrary tells it, or with nothing if it is removed.
+/// - getPoster {assetId}: the `path` of a JPEG of it, absent if none can be made. It may take some seconds.
 class HostPlugin : public CAPPlugin {
  public:
   /// The host must outlive the plug-in.
@@ -58,6 +64,9 @@ class HostPlugin : public CAPPlugin {
   void changeDownload(const CAPPluginCallPointer& call);
   void importLocal(const CAPPluginCallPointer& call);
   void takeUpStoredRun(const CAPPluginCallPointer& call);
+  void getLibrary(const CAPPluginCallPointer& call);
+  void changeAsset(const CAPPluginCallPointer& call);
+  void getPoster(const CAPPluginCallPointer& call);
 
   void pause(int64_t id, const CAPPluginCallPointer& call);
   void resume(int64_t id, const CAPPluginCallPointer& call);

@@ -100,6 +100,7 @@ class SingleRepair {
  private:
   void openSource();
   void rebuild();
+  void tellOfRebuilding(RepairSummary& summary) const;
   void runSteps();
   void append(const std::string& sentence);
 
@@ -115,6 +116,7 @@ class SingleRepair {
   const Path video_ = work_.path() / "Documents" / "video.mp4";
   const std::optional<FileAttributes> facts_ = disk_.attributes(request_.input);
   Path source_ = request_.input;
+  std::string rebuilt_;                   ///< what was done about a lost index, for people
   std::optional<std::string> brokenOff_;  ///< of a movie that was rebuilt, why its end is lost
   RepairResult result_;
 };
@@ -132,12 +134,21 @@ RepairResult SingleRepair::run() {
   RunOutcome& outcome = result_.outcome;
   if (outcome.failure && isOfTheFile(outcome.failure)) outcome.isRefused = true;
   if (outcome.kind != RunOutcome::Kind::saved) return result_;
+  if (!rebuilt_.empty()) tellOfRebuilding(outcome.summary);
   if (brokenOff_) {
     outcome.isPartly = true;
     outcome.leftAlone.insert(outcome.leftAlone.begin(), *brokenOff_);
   }
   if (const auto written = disk_.attributes(place_)) result_.outputSize = written->size;
   return result_;
+}
+
+/// The steps have seen the movie as it was rebuilt; nobody knows what the lost one showed.
+void SingleRepair::tellOfRebuilding(RepairSummary& summary) const {
+  if (brokenOff_) summary.wrong.insert(summary.wrong.begin(), *brokenOff_);
+  summary.wrong.insert(summary.wrong.begin(), "the movie's index (moov) is lost");
+  summary.done.insert(summary.done.begin(), rebuilt_);
+  summary.before.reset();
 }
 
 void SingleRepair::openSource() {
@@ -161,6 +172,7 @@ void SingleRepair::rebuild() {
   files_.copyItem(source_, video_);
   append(fmt::format("The index of the movie was lost; it was rebuilt from the media: {} pictures, {:.1f} s.",
                      rebuilt.pictures, rebuilt.seconds));
+  rebuilt_ = fmt::format("rebuilt it from the media: {} pictures, {:.1f} s", rebuilt.pictures, rebuilt.seconds);
   brokenOff_ = rebuilt.brokenOff;
 }
 

@@ -24,9 +24,8 @@ namespace {
 constexpr double readingPart = 0.3;
 
 void tellLoss(ProcessingRun& run, const LostEnd& loss) {
-  run.warn(loss.words());
+  run.keepPart(loss.words());
   run.mended(loss.words(), "made a whole movie of what is there");
-  run.outcome.isPartly = true;
 }
 
 /// Of each track. Behind the end of a movie that is cut there may be fragments that nobody knows of.

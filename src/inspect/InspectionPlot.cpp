@@ -48,13 +48,13 @@ std::string escapedText(std::string_view text) {
 }
 
 /// Where the edits of a list begin and end on the movie's timeline, in seconds.
-std::vector<double> editEnds(const std::vector<EditListEntry>& rows, uint32_t movieTimescale) {
+std::vector<double> editEnds(const std::vector<EditListEntry>& entries, uint32_t movieTimescale) {
   std::vector<double> ends;
-  if (rows.empty() || movieTimescale == 0) return ends;
+  if (entries.empty() || movieTimescale == 0) return ends;
   double time = 0;
   ends.push_back(time);
-  for (const EditListEntry& row : rows) {
-    time += static_cast<double>(row.duration) / movieTimescale;
+  for (const EditListEntry& entry : entries) {
+    time += static_cast<double>(entry.duration) / movieTimescale;
     ends.push_back(time);
   }
   return ends;
@@ -144,14 +144,14 @@ class Drawing {
   void edits(std::string_view handler, bool isAfter) {
     if (!inspection_.sync) return;
     const bool isVideo = handler == "vide";
-    std::vector<EditListEntry> rows = isVideo ? inspection_.sync->videoEditList : inspection_.sync->audioEditList;
+    std::vector<EditListEntry> entries = isVideo ? inspection_.sync->videoEditList : inspection_.sync->audioEditList;
     const auto track = std::ranges::find(inspection_.tracks, handler, &TrackFacts::handler);
     if (isAfter && track != inspection_.tracks.end()) {
       const auto& order = inspection_.syncFix.order.tracks;
       const auto list = std::ranges::find(order, track->id, &SyncFixOrder::Track::trackID);
-      if (list != order.end()) rows = list->list.entries;
+      if (list != order.end()) entries = list->list.entries;
     }
-    for (double end : editEnds(rows, inspection_.sync->movieTimescale)) {
+    for (double end : editEnds(entries, inspection_.sync->movieTimescale)) {
       put(R"(<line x1="{0:.1f}" y1="{1:.1f}" x2="{0:.1f}" y2="{2:.1f}" class="edit"><title>an edit meets the next at {3:.3f} s</title></line>)",
           at(end), y_ - 4, y_ + barHeight + 4, end);
     }

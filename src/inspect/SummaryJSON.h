@@ -10,7 +10,4 @@ namespace tarn {
 /// soundBehindAtEnd?}, after?: the same}; times are seconds, to the millisecond.
 JSObject summaryJSON(const RepairSummary& summary);
 
-/// The summary of such an object. What is missing, or of another type, is left out.
-RepairSummary summaryFromJSON(const JSObject& object);
-
 }  // namespace tarn

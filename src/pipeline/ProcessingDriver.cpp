@@ -92,11 +92,7 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
     }
   }
   run.state.tempFiles.clear();
-  if (target == ProcessingStage::downloaded) {
-    // All steps work on the source again.
-    run.state.wrong.clear();
-    run.state.done.clear();
-  }
+  if (target == ProcessingStage::downloaded) run.startOver();
   run.state.stage = target;
   run.state.lastUpdated = clock_.now();
   run.saveState();

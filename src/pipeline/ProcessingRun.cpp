@@ -24,7 +24,11 @@ ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, Names
       state(std::move(record)),
       outcome{.id = state.downloadId},
       clock_(clock),
-      listener_(listener) {}
+      listener_(listener) {
+  if (!state.lostEnd) return;
+  outcome.isPartly = true;
+  outcome.leftAlone.push_back(*state.lostEnd);
+}
 
 void ProcessingRun::updateProcessingStage(ProcessingStage stage) {
   state.stage = stage;
@@ -48,6 +52,20 @@ void ProcessingRun::warn(const std::string& words) {
 void ProcessingRun::leave(const std::string& words) {
   warn(words);
   addOnce(state.wrong, words);
+}
+
+void ProcessingRun::keepPart(const std::string& whatIsMissing) {
+  warn(whatIsMissing);
+  outcome.isPartly = true;
+  state.lostEnd = whatIsMissing;
+}
+
+void ProcessingRun::startOver() {
+  state.wrong.clear();
+  state.done.clear();
+  state.lostEnd.reset();
+  outcome.isPartly = false;
+  outcome.leftAlone.clear();
 }
 
 void ProcessingRun::mended(const std::string& wrong, const std::string& done) {

@@ -49,10 +49,16 @@ class ProcessingRun {
   /// Something is wrong with the file and stays so; warns of it.
   void leave(const std::string& words);
 
+  /// The run keeps a part of the video; warns of what is missing.
+  void keepPart(const std::string& whatIsMissing);
+
   /// The run mends something: what was wrong, and what is done about it. Sentences for people, without a stop; either
   /// may be empty. The record keeps them from its next checkpoint on, so a pass that repeats one that was cut off may
   /// say them again.
   void mended(const std::string& wrong, const std::string& done);
+
+  /// Forgets what was found and mended: all steps work on the source again.
+  void startOver();
 
  private:
   const Clock& clock_;

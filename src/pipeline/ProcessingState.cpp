@@ -51,6 +51,7 @@ Json encode(const ProcessingState& state) {
   object["needsAudioTranscode"] = state.needsAudioTranscode;
   object["skipAVSync"] = state.skipAVSync;
   setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
+  setIfPresent(object, "lostEnd", state.lostEnd);
   if (!state.wrong.empty()) object["wrong"] = state.wrong;
   if (!state.done.empty()) object["done"] = state.done;
   return object;
@@ -86,6 +87,7 @@ ProcessingState decode(const Json& object) {
   state.needsAudioTranscode = object.at("needsAudioTranscode").get<bool>();
   state.skipAVSync = object.at("skipAVSync").get<bool>();
   state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
+  state.lostEnd = optionalValue<std::string>(object, "lostEnd");
   state.wrong = optionalValue<std::vector<std::string>>(object, "wrong").value_or(std::vector<std::string>());
   state.done = optionalValue<std::vector<std::string>>(object, "done").value_or(std::vector<std::string>());
   return state;

@@ -27,6 +27,7 @@ struct ProcessingState {
   bool needsAudioTranscode = false;
   bool skipAVSync = false;
   std::optional<double> videoFirstPTS = {};  ///< seconds
+  std::optional<std::string> lostEnd = {};   ///< what of the video is missing, for people, if a part of it is
   std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: a sentence a fault
   std::vector<std::string> done = {};        ///< what they did about it, likewise
 

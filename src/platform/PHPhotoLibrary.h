@@ -19,12 +19,12 @@ struct PHObjectPlaceholder {
   std::string localIdentifier;
 };
 
-/// A request to create an asset, valid inside its change block only.
+/// A request to create or change an asset, valid inside its change block only.
 class PHAssetChangeRequest {
  public:
   virtual ~PHAssetChangeRequest() = default;
   virtual void setCreationDate(Date date) = 0;
-  /// The file name under which people find the asset; without one it is the source's.
+  /// The file name under which people find the asset, in all its albums; a new asset has its source's without one.
   virtual void setFilename(const std::string& filename) = 0;
   virtual std::optional<PHObjectPlaceholder> placeholderForCreatedAsset() = 0;
 };
@@ -45,6 +45,21 @@ class PHChangeBlock {
   /// Asks to add assets, made in this block or earlier, to an album. An asset that the album holds already stays in it
   /// once. False when there is no such album: nothing is added.
   virtual bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) = 0;
+
+  /// Asks to take assets out of an album; one that it does not hold is passed over. False when there is no such album.
+  virtual bool removeAssets(const std::string& collectionIdentifier,
+                            const std::vector<PHObjectPlaceholder>& assets) = 0;
+
+  /// Asks to change an asset. Null when there is none, or it is deleted. The request belongs to the block.
+  virtual PHAssetChangeRequest* changeRequestForAsset(const std::string& localIdentifier) = 0;
+
+  /// Asks to delete assets: they leave all albums, and for a day at least they can be recovered. One that is deleted
+  /// already stays so.
+  virtual void deleteAssets(const std::vector<PHObjectPlaceholder>& assets) = 0;
+  /// Asks to put deleted assets back into the albums that they left. One that is not deleted stays as it is.
+  virtual void recoverAssets(const std::vector<PHObjectPlaceholder>& assets) = 0;
+  /// Asks to delete assets, or those that are deleted, for good.
+  virtual void expungeAssets(const std::vector<PHObjectPlaceholder>& assets) = 0;
 };
 
 struct PHAssetCollection {
@@ -79,14 +94,18 @@ class PHPhotoLibrary {
   /// Albums with exactly this title, oldest first; with no title, all albums.
   virtual std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) = 0;
   virtual std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) = 0;
+  /// The albums that hold an asset, in the order in which it joined them.
+  virtual std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) = 0;
 
   /// Assets of an album, in the order in which they joined it; with an asset's identifier only that one, if the album
   /// holds it.
   virtual std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                            const std::optional<std::string>& localIdentifier) = 0;
 
-  /// All assets of the library, oldest first.
+  /// All assets of the library, oldest first, without the deleted ones.
   virtual std::vector<PHAsset> fetchAllAssets() = 0;
+  /// The deleted assets that can be recovered, the one deleted last first. Their files are outside any album.
+  virtual std::vector<PHAsset> fetchDeletedAssets() = 0;
 };
 
 }  // namespace tarn

@@ -142,8 +142,8 @@ class Planner {
     plan_.kind = plan_.tagOffsets.empty() ? Kind::leavesAlone : Kind::changesTags;
     plan_.reason = "the file's header holds all that a decoder needs";
     if (plan_.kind == Kind::leavesAlone) return;
-    plan_.reason = fmt::format("the video has the tag \"{}\", which many players refuse, although {}", codec_.inBandTag,
-                               plan_.reason);
+    plan_.reason = fmt::format("the video has the tag \"{}\", which many players refuse though nothing is missing",
+                               codec_.inBandTag);
     plan_.remedy = fmt::format("changed the tag to \"{}\"", codec_.tag);
   }
 

@@ -313,7 +313,7 @@ class BridgeServer::Core {
     const auto [failure, count] = co_await asio::async_read(stream, rest, quietly);
     if (failure) co_return std::nullopt;
     stream.expires_never();
-    auto call = HostRoutes::callFor("POST", target.path, body);
+    auto call = HostRoutes::callFor("POST", target, body);
     if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
     auto& hostCall = std::get<HostCall>(call);
     const std::string what(HostRoutes::changedBy(hostCall.method));
@@ -357,7 +357,7 @@ class BridgeServer::Core {
     if (door == Door::rejoin) co_return rejoin(target);
     const RequestTarget inside = *check_.inside(target);
     if (HostRoutes::isAsked(inside.path)) {
-      auto call = HostRoutes::callFor("GET", inside.path, {});
+      auto call = HostRoutes::callFor("GET", inside, {});
       if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
       auto answering = desk_.answer(std::move(std::get<HostCall>(call)));
       co_return co_await std::move(answering);

@@ -93,13 +93,22 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
 
   EXPECT_EQ(run({"repair", bad, "-o", out}), "repaired");
   EXPECT_EQ(run({"repair", put("cut.mp4", damagedMovie("cut off")), "-o", out}, 5), "partly");
-  run({"repair", place_ / "none.mp4", "-o", out}, 1);
+  EXPECT_EQ(run({"repair", good, "-o", out}), "unchanged");
+  EXPECT_EQ(run({"repair", page, "-o", out}, 4), "refused");
+  EXPECT_EQ(run({"repair", place_ / "none.mp4", "-o", out}, 1), "failed");
+  const std::string report = place_ / "report.jsonl";
+  EXPECT_EQ(run({"repair", good, bad, page, "--output-dir", place_ / "outs", "--report", report}, 1),
+            "unchanged repaired refused failed");
+  lines_ += contentOf(report);
 
   server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
   EXPECT_EQ(run({"save", server_.url("/clip.mp4"), "--album", "Trips"}), "saved");
   EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
+  run({"downloads"});
   run({"library"});
   run({"resume"});
+  run({"cancel", "123"}, 1);
+  run({"sav"}, 2);
   EXPECT_EQ(violations(), "");
 
   // The validator is there, and sees a member that nobody has described.

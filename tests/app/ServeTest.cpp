@@ -216,7 +216,7 @@ TEST_F(ServeTest, RefusesWhoMayNotAsk) {
       {411, "PUT " + base_ + "local", own + origin},
       {413, "POST " + base_ + "history", own + origin + json + "Content-Length: 1\r\n\r\n{}"},
       {413, "POST " + base_ + "history", own + origin + json + "Content-Length: 4097\r\n\r\n" + std::string(4097, ' ')},
-      {415, "POST " + base_ + "history", own + origin + "Content-Type: text/plain\r\nContent-Length: 2\r\n\r\n{}"},
+      {415, "POST " + base_ + "history", own + origin + "Content-Type: text/plain\r\nContent-Length: 4\r\n\r\n{}"},
       {507, "PUT " + base_ + "local?filename=a.mp4&album=A", own + origin + "Content-Length: 9000000000000000000\r\n"},
       {413, "POST " + base_ + "history",
        own + origin + json + "Content-Length: 2000000\r\n\r\n" + std::string(2'000'000, 'b')},

@@ -36,7 +36,7 @@ class AudioReplacement : public testing::Test {
     writeFileAtomically(files_, file_, readFile(files_, source));
     ProcessingRun run = recorder_.runOn(files, file_);
     run.originalSyncInfo = MP4AVSyncFixer::readOriginalSyncInfo(files, file_);
-    replaceAudio(run, "mended");
+    replaceAudio(run, "mended", 0);
     warnings_ = run.outcome.leftAlone;
     EXPECT_TRUE(run.state.tempFiles.empty());
     EXPECT_EQ(files_.contentsOfDirectory(directory_.path()), std::vector<std::string>{"clip.mp4"});
@@ -127,7 +127,7 @@ TEST_F(AudioReplacement, EndsInTheMiddleOfItsWorkWhenItIsCancelled) {
   const Path clip = flashBeepClip(0);
   writeFileAtomically(files_, file_, readFile(files_, clip));
   ProcessingRun run = recorder_.runOn(files_, file_);
-  EXPECT_THROW(replaceAudio(run, "mended"), CancellationError);
+  EXPECT_THROW(replaceAudio(run, "mended", 0), CancellationError);
   EXPECT_EQ(recorder_.progress.find("complete"), std::string::npos) << "it went on to its end";
   EXPECT_EQ(readFile(files_, file_), readFile(files_, clip));
 }

@@ -179,6 +179,64 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   EXPECT_EQ(odd.verdict.text, "Left alone: " + odd.problems[0].words + "; and 1 more problem");
 }
 
+TEST_F(InspectTest, TellsTheVerdictByItsExitCodeAndManyFilesInATable) {
+  const auto put = [&](const std::string& name, const Bytes& bytes) {
+    const Path file = directory_ / name;
+    files_.open(file, OpenMode::exclusive)->write(bytes);
+    return file.string();
+  };
+  const auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "inspect");
+    return runTarn(directory_ / "home", arguments);
+  };
+  const std::string healthy = put("good.mp4", damagedMovie("avc1")),
+                    gap = put("gap.mp4", damagedMovie("a gap in the sound"));
+  const std::string page = put("page.mp4", bytesOf("<html><title>Sign in</title>")),
+                    cut = put("cut.mp4", damagedMovie("no moov"));
+  const std::pair<std::string, int> rows[] = {
+      {healthy, 0}, {gap, 3}, {page, 4}, {cut, 4}, {directory_ / "none.mp4", 1}};
+  for (const auto& [file, exitCode] : rows) EXPECT_EQ(run({file}).exitCode, exitCode) << file;
+  EXPECT_EQ(run({healthy, healthy}).exitCode, 0);
+
+  const TarnResult table = run({healthy, gap, page, directory_ / "none.mp4"});
+  EXPECT_EQ(table.exitCode, 1);
+  EXPECT_THAT(table.output,
+              testing::AllOf(testing::HasSubstr("gap.mp4   repairable  the sound has a gap of 427 ms at 0:00\n"),
+                             testing::HasSubstr("page.mp4  broken      it is a web page"),
+                             testing::HasSubstr("good.mp4  healthy\n"),
+                             testing::HasSubstr("4 files: 1 healthy, 1 repairable, 1 broken, 1 unreadable")));
+  EXPECT_THAT(run({gap}).output, testing::Not(testing::HasSubstr("Boxes")));
+  EXPECT_THAT(run({"--full", gap}).output, testing::HasSubstr("Boxes"));
+
+  // A movie in fragments is told with the samples that its fragments hold.
+  const Inspection joined = inspectBytes(damagedMovie("fragments"));
+  for (const TrackFacts& track : joined.tracks) EXPECT_GT(track.samples.value_or(0), 10U) << track.handler;
+}
+
+/// What a reader of XML finds in the drawing, whatever the file is called.
+TEST_F(InspectTest, DrawsThePlot) {
+  const Path file = directory_ / "a<b>&\"\x1B\xFF.mp4", plot = directory_ / "plot.svg";
+  files_.open(file, OpenMode::exclusive)->write(damagedMovie("a gap in the sound"));
+  const auto draw = [&](const Path& place) {
+    return runTarn(directory_ / "home", {"inspect", file.string(), "--plot", place.string()}).exitCode;
+  };
+  EXPECT_EQ(draw(plot), 3);
+  EXPECT_EQ(draw(file), 2) << "a video must not be replaced";
+  constexpr const char* reader = R"(
+import sys, xml.etree.ElementTree as tree
+counts = {}
+for element in tree.parse(sys.argv[1]).getroot().iter():
+    name = element.get("class") or ""
+    counts[name] = counts.get(name, 0) + 1
+    if name == "title": print(element.text)
+print(*("%s %d" % (name, counts.get(name, 0)) for name in ("video", "audio", "hole")))
+)";
+  ChildProgram python({"python3", "-c", reader, plot.string()}, directory_);
+  EXPECT_EQ(python.wait(), 0) << python.errors();
+  // Before: sound, hole, sound; after: sound.
+  EXPECT_EQ(python.output(), "a<b>&\".mp4\nvideo 2 audio 3 hole 1\n");
+}
+
 /// Whatever bytes of the tables are wrong: there is an answer, the source stays, the step does as was said, and names a
 /// problem for each change.
 TEST_F(InspectTest, AnswersForAnyDamage) {

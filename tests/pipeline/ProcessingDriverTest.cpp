@@ -50,7 +50,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
     ScriptedStep sync({syncFixing, syncFixed}, notes_, disturb);
     ScriptedStep last({savingToPhotos}, notes_, [this](ProcessingRun& run, ProcessingStage) {
       result_ = textOf(readFile(files_, run.fileURL));
-      summary_ = run.outcome.summary;
+      outcome_ = run.outcome;
       if (isSaved_) return run.outcome.setSaved();
       const Error failure("Test", -1, "the album is full");
       run.outcome.setFailed(RunOutcome::Where::saving, std::make_exception_ptr(failure));
@@ -107,7 +107,7 @@ class ProcessingDriverTest : public testing::Test, protected TestHome {
                          .needsAudioTranscode = true};
   const Path recipe_ = home_ / "Documents/7.recipe", side_ = home_ / "Documents/7.side";
   bool isSaved_ = true;
-  RepairSummary summary_;                        ///< as the last step found it
+  RunOutcome outcome_;                           ///< as the last step found it
   std::string result_;                           ///< the video on the disk, as the last step found it
   std::function<void(ProcessingRun&)> disturb_;  ///< happens in transcodingPass2
   ProcessingStep* fragments_ = nullptr;
@@ -245,8 +245,8 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     disturb_ = [](ProcessingRun& run) {
       run.state.addTempFile(run.fileURL.parent_path() / "x.m4a");
       run.files.open(run.state.tempFiles.front(), OpenMode::exclusive)->write(bytesOf("sound"));
-      run.mended("a gap", "filled it");
-      run.mended("a gap", "filled it");
+      for (int i = 0; i < 2; ++i) run.mended("a gap", "filled it");
+      run.keepPart("the end is missing");
       run.saveState();
       rewrite(run);
       run.token->cancel();
@@ -261,10 +261,13 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     EXPECT_EQ(run(), (damaged.empty() ? "" : remuxStages) + fromAudio + savedEnding);
     EXPECT_EQ(result_, damaged.empty() ? "repaired" : "video");
     using Sentences = std::vector<std::string>;
-    EXPECT_EQ(summary_.wrong, damaged.empty() ? Sentences{"a gap"} : Sentences());
-    EXPECT_EQ(summary_.done, damaged.empty() ? Sentences{"filled it"} : Sentences());
-    EXPECT_EQ(shown(summary_.before), 5) << "the source, as it was";
-    EXPECT_EQ(shown(summary_.after), damaged.empty() ? 8 : 5);
+    const RepairSummary& summary = outcome_.summary;
+    EXPECT_EQ(summary.wrong, damaged.empty() ? Sentences{"a gap"} : Sentences());
+    EXPECT_EQ(summary.done, damaged.empty() ? Sentences{"filled it"} : Sentences());
+    EXPECT_EQ(outcome_.leftAlone, damaged.empty() ? Sentences{"the end is missing"} : Sentences());
+    EXPECT_EQ(outcome_.isPartly, damaged.empty());
+    EXPECT_EQ(shown(summary.before), 5) << "the source, as it was";
+    EXPECT_EQ(shown(summary.after), damaged.empty() ? 8 : 5);
     EXPECT_TRUE(lines_.contains("Cleaned up temp file: x.m4a"));
     EXPECT_TRUE(files_.contentsOfDirectory(home_ / "Documents").empty());
   }

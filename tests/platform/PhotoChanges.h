@@ -1,5 +1,8 @@
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +34,16 @@ inline std::string contents(PHPhotoLibrary& library) {
   return text + "all:" + names(library.fetchAllAssets());
 }
 
+/// Works on a catalogue behind the library's back, and then, before it is closed, does that.
+inline void executeSQL(
+    const Path& root, const std::string& sql, void (*then)() = [] {}) {
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open((root / ".catalogue.sqlite").c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+  then();
+  sqlite3_close(database);
+}
+
 // Changes of one thing each; they return the identifier of what they made.
 
 inline std::string makeAsset(PHPhotoLibrary& library, const Path& source,
@@ -49,6 +62,23 @@ inline std::string makeAlbum(PHPhotoLibrary& library, const std::string& title) 
   library.performChangesAndWait(
       [&](PHChangeBlock& change) { identifier = change.creationRequestForAssetCollection(title)->localIdentifier; });
   return identifier;
+}
+
+inline void change(PHPhotoLibrary& library, void (PHChangeBlock::*request)(const std::vector<PHObjectPlaceholder>&),
+                   const std::string& asset) {
+  library.performChangesAndWait([&](PHChangeBlock& block) { (block.*request)({{asset}}); });
+}
+
+inline void rename(PHPhotoLibrary& library, const std::string& asset, const std::string& filename) {
+  library.performChangesAndWait(
+      [&](PHChangeBlock& block) { block.changeRequestForAsset(asset)->setFilename(filename); });
+}
+
+inline void move(PHPhotoLibrary& library, const std::string& asset, const std::string& from, const std::string& to) {
+  library.performChangesAndWait([&](PHChangeBlock& block) {
+    EXPECT_TRUE(block.removeAssets(from, {{asset}}));
+    EXPECT_TRUE(block.addAssets(to, {{asset}}));
+  });
 }
 
 /// False when there is no such album.

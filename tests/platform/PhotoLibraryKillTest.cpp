@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "support/FaultyFileManager.h"
+#include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -47,18 +47,14 @@ bool isKilled(const std::function<void()>& work) {
   return WIFSIGNALED(status);
 }
 
-void die() {
-  kill(getpid(), SIGKILL);
+/// In memory, if that is there: no power is cut here, and a disk would take its time for each flush.
+Path fastDirectory() {
+  const Path memory = "/dev/shm";
+  return std::filesystem::exists(memory) ? memory : std::filesystem::temp_directory_path();
 }
 
-/// Works on a catalogue behind the library's back, and then, before it is closed, does that.
-void execute(
-    const Path& root, const std::string& sql, void (*then)() = [] {}) {
-  sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open((root / ".catalogue.sqlite").c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-  then();
-  sqlite3_close(database);
+void die() {
+  kill(getpid(), SIGKILL);
 }
 
 class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
@@ -100,7 +96,30 @@ class PhotoLibraryKillTest : public testing::TestWithParam<bool> {
                   UnorderedElementsAre(".catalogue.sqlite", "Trips/clip.mp4", "Trips/note", "Trips/clip 2.mp4"));
     }
 
-    TempDirectory directory;
+    /// The asset at the one place or the other, at the other if that is sure, or gone or deleted if that is empty.
+    void expectOnce(const std::string& asset, const std::string& before, const std::string& after, bool isAfter) {
+      const auto library = open();
+      const auto assets = library->fetchAllAssets();
+      const auto deleted = library->fetchDeletedAssets();
+      std::vector<std::string> expected{".catalogue.sqlite", "Trips/clip.mp4", "Trips/note"};
+      if (!assets.empty()) {
+        const std::string place = assets[0].path.lexically_relative(root);
+        EXPECT_TRUE(place == after || (place == before && !isAfter)) << place;
+        EXPECT_EQ(contentOf(root / place), "video");
+        expected.push_back(place);
+      } else if (after.empty() || !isAfter) {
+        EXPECT_TRUE(after.empty() || deleted.size() == 1) << "lost";
+      } else {
+        ADD_FAILURE() << "lost";
+      }
+      EXPECT_EQ(std::filesystem::exists(root / ".assets" / asset), assets.size() + deleted.size() == 1);
+      EXPECT_THAT(filesBeside(asset), testing::UnorderedElementsAreArray(expected));
+      if (deleted.empty()) return;
+      change(*library, &PHChangeBlock::recoverAssets, asset);
+      EXPECT_EQ(contentOf(root / before), "video") << "it can be recovered";
+    }
+
+    TempDirectory directory{fastDirectory()};
     const Path root = directory / "Photos";
     const Path source = directory / "clip.mp4";
     ManualDispatch dispatch;
@@ -160,13 +179,81 @@ TEST_P(PhotoLibraryKillTest, AFailureAtAnyMomentLeavesNothingOfItsChange) {
   }
 }
 
+/// An asset in one album, under the name of its own, and what is done with it.
+struct Handling {
+  std::string name;
+  std::string after;  ///< the place in the end; empty for an asset that is gone
+  std::function<void(PHPhotoLibrary& library, const std::string& asset)> work;
+};
+
+const std::vector<Handling>& handlings() {
+  const auto album = [](PHPhotoLibrary& library, const char* title) {
+    return library.fetchAssetCollections(title).at(0).localIdentifier;
+  };
+  static const std::vector<Handling> all = {
+      {"renamed", "Trips/other.mp4", [](auto& library, auto& asset) { rename(library, asset, "other.mp4"); }},
+      {"moved", "Home/clip.mp4",
+       [album](auto& library, auto& asset) { move(library, asset, album(library, "Trips"), album(library, "Home")); }},
+      {"expunged", "",
+       [](auto& library, auto& asset) {
+         change(library, &PHChangeBlock::deleteAssets, asset);
+         change(library, &PHChangeBlock::expungeAssets, asset);
+       }},
+      {"recovered", "Trips/clip 2.mp4",
+       [](auto& library, auto& asset) {
+         change(library, &PHChangeBlock::deleteAssets, asset);
+         change(library, &PHChangeBlock::recoverAssets, asset);
+       }},
+  };
+  return all;
+}
+
+// At every moment a real kill or a failure: then the asset is where it was or where it shall be, once and whole, and no
+// file belongs to nobody.
+TEST_P(PhotoLibraryKillTest, AKillOrAFailureLeavesAnAssetWhereItWasOrWhereItShallBe) {
+  for (const Handling& handling : handlings()) {
+    size_t moment = 1;
+    for (bool finished = false; !finished && !HasFailure(); ++moment) {
+      for (const bool kills : {true, false}) {
+        SCOPED_TRACE(fmt::format("{} {} {}", handling.name, kills ? "killed" : "failed", moment));
+        Home home(GetParam());
+        std::string asset;
+        {
+          const auto library = home.open();
+          makeAlbum(*library, "Home");
+          save(*library, home.source);
+          asset = library->fetchAllAssets()[0].localIdentifier;
+        }
+        bool isDone = false;
+        if (kills) {
+          home.files.arm(at(moment, die));
+          isDone = finished = !isKilled([&] { handling.work(*home.open(), asset); });
+          home.files.disarm();
+        } else {
+          const auto library = home.open();
+          home.files.arm(at(moment));
+          try {
+            handling.work(*library, asset);
+            isDone = true;
+          } catch (const PosixError&) {
+            isDone = false;
+          }
+          home.files.disarm();
+        }
+        home.expectOnce(asset, "Trips/clip 2.mp4", handling.after, isDone);
+      }
+    }
+    EXPECT_GT(moment, 4u) << handling.name;
+  }
+}
+
 // What stands under a name that an unfinished change had meant to use is the user's when it is another file.
 TEST_P(PhotoLibraryKillTest, AFileOfTheUserUnderAnIntendedNameStays) {
   Home home(GetParam());
   home.open().reset();
   const auto own = home.files.attributes(home.root / "Trips/note").value();
-  execute(home.root,
-          fmt::format("INSERT INTO intended_links VALUES ('Trips', 'clip.mp4', {}, {})", own.device, own.inode));
+  executeSQL(home.root,
+             fmt::format("INSERT INTO intended_links VALUES ('Trips', 'clip.mp4', {}, {})", own.device, own.inode));
   save(*home.open(), home.source);
   home.expectSavedOnce(*home.open());
 }
@@ -177,10 +264,10 @@ TEST_P(PhotoLibraryKillTest, AReaderAfterAKillInMidCommitSeesTheLastCommit) {
   save(*home.open(), home.source);
   EXPECT_TRUE(isKilled([&] {
     // A tiny cache makes SQLite write into the file before the commit.
-    execute(home.root,
-            "PRAGMA cache_size = 1; BEGIN; DELETE FROM entries; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
-            "SELECT i + 1 FROM n WHERE i < 5000) INSERT INTO albums SELECT NULL, i, 'junk', i FROM n;",
-            die);
+    executeSQL(home.root,
+               "PRAGMA cache_size = 1; BEGIN; DELETE FROM entries; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
+               "SELECT i + 1 FROM n WHERE i < 5000) INSERT INTO albums SELECT NULL, i, 'junk', i FROM n;",
+               die);
   }));
   ASSERT_GT(std::filesystem::file_size(home.root / ".catalogue.sqlite-journal"), 0u);
   home.expectSavedOnce(*home.open(Home::Access::readOnly));

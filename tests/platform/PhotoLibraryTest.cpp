@@ -74,6 +74,45 @@ TEST_P(PhotoLibraryTest, FetchesGiveWhatChangesMadeInTheOrderInWhichItCame) {
   EXPECT_TRUE(assets[0].path.native().ends_with("Trips/named.mp4")) << assets[0].path;
 }
 
+TEST_P(PhotoLibraryTest, AssetsAreRenamedMovedDeletedAndRecovered) {
+  const std::string a = makeAsset(*library_, put("a.mp4", "a"));
+  const std::string b = makeAsset(*library_, put("b.mp4", "b"));
+  const auto trips = makeAlbum(*library_, "Trips");
+  const auto home = makeAlbum(*library_, "Home");
+  join(*library_, trips, {{a}, {b}});
+  const auto expectContents = [&](const std::string& expected) { EXPECT_EQ(contents(*library_), expected); };
+
+  rename(*library_, a, "up/../c.mp4");
+  expectContents("Trips: up_.._c.mp4 b.mp4\nHome:\nall: up_.._c.mp4 b.mp4\n");
+  move(*library_, b, trips, home);
+  expectContents("Trips: up_.._c.mp4\nHome: b.mp4\nall: up_.._c.mp4 b.mp4\n");
+  EXPECT_EQ(library_->fetchAssetCollectionsContaining(b).at(0).title, "Home");
+  join(*library_, trips, {{b}});
+
+  change(*library_, &PHChangeBlock::deleteAssets, a);
+  expectContents("Trips: b.mp4\nHome: b.mp4\nall: b.mp4\n");
+  EXPECT_EQ(library_->fetchDeletedAssets().at(0).localIdentifier, a);
+  EXPECT_TRUE(library_->fetchAssetCollectionsContaining(a).empty());
+  EXPECT_THROW(join(*library_, home, {{a}}), PHPhotosError);
+  library_->performChangesAndWait([&](PHChangeBlock& block) {
+    EXPECT_EQ(block.changeRequestForAsset(a), nullptr);
+    EXPECT_EQ(block.changeRequestForAsset("unknown"), nullptr);
+    EXPECT_FALSE(block.removeAssets("unknown", {{b}}));
+    block.recoverAssets({{b}});  // it is not deleted
+  });
+  EXPECT_NE(makeAsset(*library_, files_.documentsDirectory(true) / "a.mp4"), a) << "a deleted asset is no answer";
+
+  change(*library_, &PHChangeBlock::recoverAssets, a);
+  expectContents("Trips: up_.._c.mp4 b.mp4\nHome: b.mp4\nall: up_.._c.mp4 b.mp4 a.mp4\n");
+  EXPECT_TRUE(library_->fetchDeletedAssets().empty());
+  change(*library_, &PHChangeBlock::deleteAssets, a);
+  change(*library_, &PHChangeBlock::expungeAssets, a);
+  change(*library_, &PHChangeBlock::expungeAssets, b);
+  expectContents("Trips:\nHome:\nall: a.mp4\n");
+  EXPECT_TRUE(library_->fetchDeletedAssets().empty());
+  EXPECT_THROW(change(*library_, &PHChangeBlock::recoverAssets, a), PHPhotosError);
+}
+
 TEST_P(PhotoLibraryTest, ASourceIsTakenOnceAndAnotherFileOfTheSameNameAnew) {
   const Path source = put("clip.mp4", "first");
   const std::string asset = makeAsset(*library_, source);
@@ -174,6 +213,94 @@ TEST_F(PhotoDirectoryTest, AReaderSeesWhatIsCommittedAndWritesNothing) {
   EXPECT_EQ(reader->fetchAllAssets().at(0).path, root_ / ".assets" / asset);
   EXPECT_THROW(makeAsset(*reader, put("other.mp4", "video")), PHPhotosError);
   EXPECT_TRUE(files_.fileExists(root_ / ".assets/stray"));
+}
+
+TEST_F(PhotoDirectoryTest, NamesInTheAlbumsFollowAndFilesOfTheUserStay) {
+  const auto library = open();
+  const auto first = makeAsset(*library, put("1.mp4", "first"), "clip.mp4");
+  const auto second = makeAsset(*library, put("2.mp4", "second"), "clip.mp4");
+  const auto trips = makeAlbum(*library, "Trips");
+  join(*library, trips, {{first}, {second}});
+  const auto expectNames = [&](const std::set<std::string>& names) {
+    const auto found = files_.contentsOfDirectory(root_ / "Trips");
+    EXPECT_EQ(std::set<std::string>(found.begin(), found.end()), names);
+    EXPECT_EQ(files_.contentsOfDirectory(root_ / ".assets").size(), library->fetchAllAssets().size() + 1);
+  };
+  const auto third = makeAsset(*library, put("3.mp4", "third"));
+  change(*library, &PHChangeBlock::deleteAssets, third);
+
+  rename(*library, second, "clip.mp4");
+  expectNames({"clip.mp4", "clip 2.mp4"});  // the name that it has is the best there is
+  rename(*library, second, "other.mp4");
+  expectNames({"clip.mp4", "other.mp4"});
+  rename(*library, second, "clip.mp4");
+  rename(*library, first, "a.mp4");
+  expectNames({"a.mp4", "clip 2.mp4"});
+
+  // An editor has put another file in the place of the asset's, and the user a file under its next name.
+  files_.removeItem(root_ / "Trips/a.mp4");
+  putInRoot("Trips/a.mp4", "edited");
+  putInRoot("Trips/b.mp4", "the user's");
+  rename(*library, first, "b.mp4");
+  expectNames({"a.mp4", "b.mp4", "b 2.mp4", "clip 2.mp4"});
+  EXPECT_EQ(textOf(readFile(files_, root_ / "Trips/a.mp4")), "edited");
+  EXPECT_EQ(textOf(readFile(files_, root_ / "Trips/b 2.mp4")), "first");
+
+  // Somebody takes the file out of the folder: the asset keeps its own.
+  files_.removeItem(root_ / "Trips/b 2.mp4");
+  EXPECT_EQ(library->fetchAllAssets()[0].path, root_ / ".assets" / first);
+  change(*library, &PHChangeBlock::expungeAssets, third);
+  const auto fourth = makeAsset(*library, put("4.mp4", "fourth"));
+  change(*library, &PHChangeBlock::deleteAssets, fourth);
+  expectNames({"a.mp4", "b.mp4", "clip 2.mp4"});
+}
+
+TEST_F(PhotoDirectoryTest, ADeletedAssetKeepsItsPlaceForADay) {
+  auto library = open();
+  const auto trips = makeAlbum(*library, "Trips");
+  const auto first = makeAsset(*library, put("clip.mp4", "first"));
+  join(*library, trips, {{first}});
+  change(*library, &PHChangeBlock::deleteAssets, first);
+  EXPECT_FALSE(files_.fileExists(root_ / "Trips/clip.mp4"));
+  library = open();
+  const auto second = makeAsset(*library, put("clip.mp4", "second"));
+  join(*library, trips, {{second}});
+  change(*library, &PHChangeBlock::recoverAssets, first);
+  const auto assets = library->fetchAssets({trips, "Trips"}, std::nullopt);
+  ASSERT_EQ(assets.size(), 2u);
+  EXPECT_EQ(assets[0].localIdentifier, first) << "it has its old place in the order";
+  EXPECT_EQ(assets[0].path, root_ / "Trips/clip 2.mp4");
+
+  for (const bool isOpenedAnew : {true, false}) {
+    const auto old = isOpenedAnew ? first : second;
+    change(*library, &PHChangeBlock::deleteAssets, old);
+    executeSQL(root_,
+               "UPDATE assets SET deletion_date = deletion_date - 86400000000000 "
+               "WHERE deletion_date IS NOT NULL");
+    isOpenedAnew ? (library = open()).get() : (makeAlbum(*library, "Other"), nullptr);
+    EXPECT_TRUE(library->fetchDeletedAssets().empty());
+    EXPECT_FALSE(files_.fileExists(root_ / ".assets" / old));
+  }
+}
+
+// A catalogue of the first version, in which nothing could be deleted.
+TEST_F(PhotoDirectoryTest, AnOlderCatalogueIsReadAsItIsAndBroughtUpToDate) {
+  std::string asset;
+  {
+    const auto library = open();
+    asset = makeAsset(*library, put("clip.mp4", "video"));
+    join(*library, makeAlbum(*library, "Trips"), {{asset}});
+  }
+  executeSQL(root_,
+             "DROP TABLE deleted_entries; ALTER TABLE assets DROP COLUMN deletion_date; PRAGMA user_version = 1");
+  EXPECT_EQ(contents(*open(Access::readOnly)), "Trips: clip.mp4\nall: clip.mp4\n");
+  EXPECT_TRUE(open(Access::readOnly)->fetchDeletedAssets().empty());
+  const auto library = open();
+  EXPECT_EQ(contents(*library), "Trips: clip.mp4\nall: clip.mp4\n");
+  change(*library, &PHChangeBlock::deleteAssets, asset);
+  EXPECT_EQ(contents(*open(Access::readOnly)), "Trips:\nall:\n");
+  change(*library, &PHChangeBlock::recoverAssets, asset);
+  EXPECT_EQ(contents(*library), "Trips: clip.mp4\nall: clip.mp4\n");
 }
 
 TEST_F(PhotoDirectoryTest, ADamagedCatalogueIsRefusedAndNoFileIsLost) {

@@ -103,7 +103,9 @@ TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
       for (const char* key : {"action", "assetId", "filename", "album"}) {
         if (const auto text = call->getString(key)) called += std::string(" ") + key + "=" + *text;
       }
-      if (const auto id = call->getInt("id")) called += " id=" + std::to_string(*id);
+      for (const char* key : {"id", "limit"}) {
+        if (const auto number = call->getInt(key)) called += std::string(" ") + key + "=" + std::to_string(*number);
+      }
       call->resolve({{"done", true}});
     });
   }
@@ -117,6 +119,8 @@ TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
   };
   const Row rows[] = {
       {"GET", "history", "", 200, "getHistory"},
+      {"GET", "history?limit=5&id=7", "", 200, "getHistory limit=5"},
+      {"GET", "history?limit=5x", "", 400, ""},
       {"GET", "downloads", "", 200, "getTransfers"},
       {"POST", "library/A%2FB", R"({"action":"rename","filename":"b.mp4","path":"/etc/passwd"})", 200,
        "changeAsset action=rename assetId=A/B filename=b.mp4"},

@@ -79,6 +79,11 @@ class FaultyPhotoLibrary : public PHPhotoLibrary {
     calls_.throwIfNextFails();
     return base_.fetchAllAssets();
   }
+  // The engine asks for none of these.
+  std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& asset) override {
+    return base_.fetchAssetCollectionsContaining(asset);
+  }
+  std::vector<PHAsset> fetchDeletedAssets() override { return base_.fetchDeletedAssets(); }
 
  private:
   /// A request that makes no asset.
@@ -102,6 +107,15 @@ class FaultyPhotoLibrary : public PHPhotoLibrary {
     bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override {
       return !calls_.nextFails() && base_.addAssets(collectionIdentifier, assets);
     }
+    bool removeAssets(const std::string& collection, const std::vector<PHObjectPlaceholder>& assets) override {
+      return base_.removeAssets(collection, assets);
+    }
+    PHAssetChangeRequest* changeRequestForAsset(const std::string& asset) override {
+      return base_.changeRequestForAsset(asset);
+    }
+    void deleteAssets(const std::vector<PHObjectPlaceholder>& assets) override { base_.deleteAssets(assets); }
+    void recoverAssets(const std::vector<PHObjectPlaceholder>& assets) override { base_.recoverAssets(assets); }
+    void expungeAssets(const std::vector<PHObjectPlaceholder>& assets) override { base_.expungeAssets(assets); }
 
    private:
     PHChangeBlock& base_;

@@ -5,7 +5,7 @@ import { readFileSync } from 'node:fs';
 import { basename } from 'node:path';
 import { test } from 'node:test';
 
-import { act, inPhase, open, row, save, setStage, stage } from './stage.mjs';
+import { act, changeBrowser, inPhase, open, row, save, setStage, stage } from './stage.mjs';
 import { until } from './support.mjs';
 
 const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
@@ -15,7 +15,7 @@ setStage();
 /** Nothing that axe finds, and nothing that is wider than the window, narrow and wide, in light and in dark. */
 async function looksRight(page) {
   for (const colorScheme of ['light', 'dark']) {
-    await page.emulateMedia({ colorScheme });
+    await page.emulateMedia({ colorScheme, reducedMotion: 'reduce' }); // no colour is on its way
     for (const width of [390, 1280]) {
       await page.setViewportSize({ width, height: 900 });
       await page.evaluate(axe);
@@ -68,8 +68,7 @@ test('a failed download is tried again after a restart, from a browser that did 
   await inPhase(first, 'clip.mp4', 'failed');
   stage.media.isMissing = false;
   await stage.tarn.restart();
-  await stage.context.close();
-  stage.context = await stage.browser.newContext();
+  await changeBrowser();
   const page = await open();
   await act(page, 'clip.mp4', 'again');
   await inPhase(page, 'clip.mp4', 'saved');

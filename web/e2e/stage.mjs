@@ -23,12 +23,24 @@ function canBeCutOff() {
   };
 }
 
-/** Filled anew before each test: media, browser, tarn, context. */
+/**
+ * Filled anew before each test: media, browser, tarn, context; and faults of the pages, which are errors of their
+ * scripts and violations of their policy.
+ */
 export const stage = {};
+
+/** A browser that knows nothing of the one before. */
+export async function changeBrowser() {
+  await stage.context?.close();
+  stage.context = await stage.browser.newContext();
+  stage.context.on('page', (page) => {
+    page.on('pageerror', (error) => stage.faults.push(error.message));
+    page.on('console', (line) => line.text().includes('Content Security Policy') && stage.faults.push(line.text()));
+  });
+}
 
 export function setStage() {
   const folder = temporaryFolder();
-  let faults; // of the pages: errors of their scripts, violations of their policy
 
   before(async () => {
     stage.clip = makeClip(folder);
@@ -43,17 +55,13 @@ export function setStage() {
   beforeEach(async () => {
     stage.media.requests.length = 0;
     stage.tarn = await new Tarn().start();
-    stage.context = await stage.browser.newContext();
-    faults = [];
-    stage.context.on('page', (page) => {
-      page.on('pageerror', (error) => faults.push(error.message));
-      page.on('console', (line) => line.text().includes('Content Security Policy') && faults.push(line.text()));
-    });
+    stage.faults = [];
+    await changeBrowser();
   });
   afterEach(async () => {
     await stage.context.close();
     await stage.tarn.stop();
-    assert.deepEqual(faults, []);
+    assert.deepEqual(stage.faults, []);
   });
 }
 

@@ -107,7 +107,7 @@ bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, co
 
 }  // namespace
 
-void replaceAudio(ProcessingRun& run, unsigned workers, const std::string& done) {
+void replaceAudio(ProcessingRun& run, const std::string& done, unsigned workers) {
   logLine("Audio analysis: transcoding needed");
   logLine("Starting audio transcoding...");
   run.timer.start();

@@ -12,6 +12,6 @@ namespace tarn {
 /// `done` says for people what that mends.
 /// Throws AudioTranscoderError, AudioTrackReplacerError, CancellationError, and failures of the file layer; until the
 /// swap the file is as it was. `workers`: see TranscodeConfig.
-void replaceAudio(ProcessingRun& run, unsigned workers, const std::string& done);
+void replaceAudio(ProcessingRun& run, const std::string& done, unsigned workers);
 
 }  // namespace tarn

@@ -28,13 +28,14 @@ struct AlbumRecord {
 
 /// An asset's place in an album.
 struct EntryRecord {
-  std::string album;  ///< identifier
-  std::string asset;  ///< identifier
-  std::string name;   ///< its file's name in the album's folder: safe, and of no other entry there
+  std::string album;     ///< identifier
+  std::string asset;     ///< identifier
+  std::string name;      ///< its file's name in the album's folder: safe, and of no other entry there
+  int64_t position = 0;  ///< in the order of all entries; 0 for one that comes behind all others
 };
 
-/// A file that is about to get a name in an album's folder, written down beforehand, so that a kill in between leaves
-/// nothing that could not be told from a file of the user's own.
+/// A file that is about to get a name in an album's folder, or about to lose it, written down beforehand, so that a
+/// kill in between leaves nothing that could not be told from a file of the user's own.
 struct IntendedLink {
   std::string folder;
   std::string name;
@@ -49,10 +50,24 @@ struct PlacedAsset {
   std::string name;
 };
 
+/// What one change does to the rows.
+struct CatalogueChange {
+  std::vector<AssetRecord> newAssets = {};
+  std::vector<AlbumRecord> newAlbums = {};
+  std::vector<AssetRecord> changedAssets = {};  ///< their names and dates
+  std::vector<EntryRecord> goneEntries = {};
+  std::vector<IntendedLink> goneLinks = {};  ///< the files of the gone entries
+  std::vector<EntryRecord> newEntries = {};
+  std::vector<std::string> deletedAssets = {};
+  Date deletionDate = {};
+  std::vector<std::string> recoveredAssets = {};
+  std::vector<std::string> expungedAssets = {};
+};
+
 /// The rows of the photo library, in SQLite. Operations throw SQLiteError. Not thread-safe.
 class PhotoCatalogue {
  public:
-  /// Opens the catalogue for reading and writing, and makes it when it is missing.
+  /// Opens the catalogue for reading and writing; makes it when it is missing, and brings an older one up to date.
   static PhotoCatalogue openOrMake(const Path& path);
 
   /// Opens an existing file for reading; nothing when its maker was killed before the first commit.
@@ -63,32 +78,48 @@ class PhotoCatalogue {
   std::optional<AlbumRecord> album(const std::string& identifier);
   std::set<std::string> folders();
 
+  /// The albums that hold an asset, in the order in which it joined them.
+  std::vector<AlbumRecord> albumsHolding(const std::string& asset);
+
   std::optional<AssetRecord> asset(const std::string& identifier);
+  bool isDeleted(const std::string& asset);
+  /// Of all assets, the deleted ones too.
   std::set<std::string> assetIdentifiers();
-  /// Assets whose source had this inode, oldest first.
+  /// Assets, but for deleted ones, whose source had this inode, oldest first.
   std::vector<AssetRecord> assetsFromInode(uint64_t inode);
 
-  bool holdsEntry(const std::string& album, const std::string& asset);
+  /// The places of an asset, in the order in which it got them.
+  std::vector<EntryRecord> entries(const std::string& asset);
+  /// Those that a deleted asset had.
+  std::vector<EntryRecord> deletedEntries(const std::string& asset);
   /// The names of an album's entries.
   std::set<std::string> entryNames(const std::string& album);
 
   std::vector<PlacedAsset> assetsInAlbum(const std::string& album, const std::optional<std::string>& asset);
   std::vector<PlacedAsset> allAssets();
+  /// The deleted assets, the one deleted last first.
+  std::vector<PlacedAsset> deletedAssets();
+  std::vector<std::string> assetsDeletedBefore(Date date);
 
   /// Writes the links down. Durable when this returns.
   void intend(const std::vector<IntendedLink>& links);
   std::vector<IntendedLink> intendedLinks();
   void forgetIntendedLinks();
 
-  /// Adds the rows and forgets the intended links that are entries now: all of it or nothing. Durable when this
-  /// returns.
-  void add(const std::vector<AssetRecord>& assets, const std::vector<AlbumRecord>& albums,
-           const std::vector<EntryRecord>& entries);
+  /// Changes the rows, forgets the intended links that are entries now, and writes down the links that must go: all of
+  /// it or nothing. Durable when this returns.
+  void commit(const CatalogueChange& change);
 
  private:
-  explicit PhotoCatalogue(SQLiteDatabase database) : database_(std::move(database)) {}
+  PhotoCatalogue(SQLiteDatabase database, int64_t version) : database_(std::move(database)), version_(version) {}
+
+  std::vector<EntryRecord> entriesIn(const std::string& table, const std::string& asset);
+  void insertNew(const CatalogueChange& change);
+  void markDeleted(const std::vector<std::string>& assets, Date date);
+  void expunge(const std::string& asset);
 
   SQLiteDatabase database_;
+  int64_t version_;  ///< an older one only for reading
 };
 
 }  // namespace tarn

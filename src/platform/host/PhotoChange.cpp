@@ -1,25 +1,30 @@
 #include "platform/host/PhotoChange.h"
 
 #include <algorithm>
-#include <map>
-#include <set>
 #include <utility>
 
 #include "platform/PhotoAuthorization.h"
 #include "platform/SafeName.h"
 
 namespace tarn {
+
 class PhotoChange::AssetRequest : public PHAssetChangeRequest {
  public:
-  /// Without a source the request stands for an asset that exists already, which stays as it is.
-  AssetRequest(AssetRecord asset, std::optional<Path> source) : asset_(std::move(asset)), source_(std::move(source)) {}
+  enum class Kind {
+    made,     ///< for a new asset
+    known,    ///< stands for an asset that was made before, which stays as it is
+    changed,  ///< for an asset that was made before
+  };
+
+  AssetRequest(AssetRecord asset, Kind kind, Path source = {})
+      : asset_(std::move(asset)), kind_(kind), source_(std::move(source)) {}
 
   void setCreationDate(Date date) override {
-    if (source_) asset_.creationDate = date;
+    if (kind_ != Kind::known) asset_.creationDate = date;
   }
 
   void setFilename(const std::string& filename) override {
-    if (source_) asset_.filename = safeName(filename, NameKind::file);
+    if (kind_ != Kind::known) asset_.filename = safeName(filename, NameKind::file);
   }
 
   std::optional<PHObjectPlaceholder> placeholderForCreatedAsset() override {
@@ -27,11 +32,13 @@ class PhotoChange::AssetRequest : public PHAssetChangeRequest {
   }
 
   AssetRecord& asset() { return asset_; }
-  const std::optional<Path>& source() const { return source_; }
+  Kind kind() const { return kind_; }
+  const Path& source() const { return source_; }
 
  private:
   AssetRecord asset_;
-  const std::optional<Path> source_;
+  const Kind kind_;
+  const Path source_;
 };
 
 PhotoChange::PhotoChange(FileManager& fileManager, PhotoFiles& files, PhotoCatalogue& catalogue,
@@ -44,61 +51,104 @@ PHAssetChangeRequest* PhotoChange::creationRequestForAssetFromVideo(const Path& 
   const auto facts = fileManager_.attributes(fileURL);
   if (!facts || facts->isDirectory) return nullptr;
   for (const auto& request : requests_) {
-    if (request->asset().source == *facts) return request.get();
+    if (request->kind() != AssetRequest::Kind::changed && request->asset().source == *facts) return request.get();
   }
   for (AssetRecord& asset : catalogue_.assetsFromInode(facts->inode)) {
     if (!files_.isSourceOf(*facts, asset)) continue;
-    return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(asset), std::nullopt)).get();
+    return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(asset), AssetRequest::Kind::known)).get();
   }
   AssetRecord asset{.identifier = makeUUID(),
                     .filename = safeName(fileURL.filename().native(), NameKind::file),
                     .creationDate = dateFromNanoseconds(facts->modificationTime),
                     .size = facts->size,
                     .source = *facts};
-  return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(asset), fileURL)).get();
+  return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(asset), AssetRequest::Kind::made, fileURL))
+      .get();
 }
 
 std::optional<PHObjectPlaceholder> PhotoChange::creationRequestForAssetCollection(const std::string& title) {
   std::set<std::string> taken = catalogue_.folders();
   taken.merge(files_.namesNoFolderCanHave());
-  for (const AlbumRecord& album : albums_) taken.insert(album.folder);
+  for (const AlbumRecord& album : change_.newAlbums) taken.insert(album.folder);
   const std::string folder = uniqueName(safeName(title, NameKind::directory), NameKind::directory, taken);
-  albums_.push_back({makeUUID(), title, folder});
-  return PHObjectPlaceholder{albums_.back().identifier};
+  change_.newAlbums.push_back({makeUUID(), title, folder});
+  return PHObjectPlaceholder{change_.newAlbums.back().identifier};
 }
 
 bool PhotoChange::addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) {
   const auto album = findAlbum(collectionIdentifier);
   if (!album) return false;
   for (const PHObjectPlaceholder& placeholder : assets) {
-    const auto asset = findAsset(placeholder.localIdentifier);
-    if (!asset) throw PHPhotosError(PHPhotosError::invalidChange, "No asset " + placeholder.localIdentifier);
-    if (isAdded(album->identifier, asset->identifier)) continue;
-    if (catalogue_.holdsEntry(album->identifier, asset->identifier)) continue;
-    additions_.push_back({album->identifier, asset->identifier});
+    const Place place{album->identifier, assetOf(placeholder).identifier};
+    if (catalogue_.isDeleted(place.asset)) {
+      throw PHPhotosError(PHPhotosError::invalidChange, "Asset " + place.asset + " is deleted");
+    }
+    if (std::ranges::count(additions_, place) > 0) continue;
+    if (std::ranges::count(catalogue_.entries(place.asset), place.album, &EntryRecord::album) > 0) continue;
+    additions_.push_back(place);
   }
   return true;
 }
 
-void PhotoChange::apply() {
+bool PhotoChange::removeAssets(const std::string& collectionIdentifier,
+                               const std::vector<PHObjectPlaceholder>& assets) {
+  const auto album = findAlbum(collectionIdentifier);
+  if (!album) return false;
+  for (const PHObjectPlaceholder& placeholder : assets) {
+    removals_.push_back({album->identifier, placeholder.localIdentifier});
+  }
+  return true;
+}
+
+PHAssetChangeRequest* PhotoChange::changeRequestForAsset(const std::string& localIdentifier) {
+  auto asset = catalogue_.asset(localIdentifier);
+  if (!asset || catalogue_.isDeleted(localIdentifier)) return nullptr;
+  return requests_.emplace_back(std::make_unique<AssetRequest>(std::move(*asset), AssetRequest::Kind::changed)).get();
+}
+
+void PhotoChange::deleteAssets(const std::vector<PHObjectPlaceholder>& assets) {
+  for (const PHObjectPlaceholder& asset : assets) {
+    const std::string identifier = assetOf(asset).identifier;
+    if (!catalogue_.isDeleted(identifier)) change_.deletedAssets.push_back(identifier);
+  }
+}
+
+void PhotoChange::recoverAssets(const std::vector<PHObjectPlaceholder>& assets) {
+  for (const PHObjectPlaceholder& asset : assets) {
+    const std::string identifier = assetOf(asset).identifier;
+    if (catalogue_.isDeleted(identifier)) change_.recoveredAssets.push_back(identifier);
+  }
+}
+
+void PhotoChange::expungeAssets(const std::vector<PHObjectPlaceholder>& assets) {
+  for (const PHObjectPlaceholder& asset : assets) change_.expungedAssets.push_back(assetOf(asset).identifier);
+}
+
+bool PhotoChange::apply(Date now) {
+  takeNewAssets();
+  makeEntries();
+  placeEntries();
+  change_.deletionDate = now;
+  catalogue_.commit(change_);
+  return !change_.goneLinks.empty() || !change_.expungedAssets.empty();
+}
+
+void PhotoChange::takeNewAssets() {
+  const auto isNew = [](const auto& request) { return request->kind() == AssetRequest::Kind::made; };
   for (const auto& request : requests_) {
-    if (!request->source() || !mediaCheck_) continue;
-    const auto refusal = mediaCheck_(*request->source(), request->asset().filename);
+    if (!isNew(request) || !mediaCheck_) continue;
+    const auto refusal = mediaCheck_(request->source(), request->asset().filename);
     if (refusal) throw PHPhotosError(PHPhotosError::invalidResource, *refusal);
   }
-  std::vector<AssetRecord> assets;
   for (const auto& request : requests_) {
-    if (!request->source()) continue;
-    request->asset().size = files_.takeAsset(*request->source(), request->asset().identifier);
-    assets.push_back(request->asset());
+    if (!isNew(request)) continue;
+    request->asset().size = files_.takeAsset(request->source(), request->asset().identifier);
+    change_.newAssets.push_back(request->asset());
   }
-  const auto entries = makeEntries();
-  placeEntries(entries);
-  catalogue_.add(assets, albums_, entries);
 }
 
 std::optional<AlbumRecord> PhotoChange::findAlbum(const std::string& identifier) {
-  for (const AlbumRecord& album : albums_) {
+  for (const AlbumRecord& album : change_.newAlbums) {
     if (album.identifier == identifier) return album;
   }
   return catalogue_.album(identifier);
@@ -106,39 +156,87 @@ std::optional<AlbumRecord> PhotoChange::findAlbum(const std::string& identifier)
 
 std::optional<AssetRecord> PhotoChange::findAsset(const std::string& identifier) {
   for (const auto& request : requests_) {
-    if (request->asset().identifier == identifier) return request->asset();
+    if (request->kind() != AssetRequest::Kind::known && request->asset().identifier == identifier) {
+      return request->asset();
+    }
   }
   return catalogue_.asset(identifier);
 }
 
-bool PhotoChange::isAdded(const std::string& album, const std::string& asset) const {
-  return std::any_of(additions_.begin(), additions_.end(),
-                     [&](const Addition& addition) { return addition.album == album && addition.asset == asset; });
+AssetRecord PhotoChange::assetOf(const PHObjectPlaceholder& placeholder) {
+  const auto asset = findAsset(placeholder.localIdentifier);
+  if (!asset) throw PHPhotosError(PHPhotosError::invalidChange, "No asset " + placeholder.localIdentifier);
+  return *asset;
 }
 
-std::vector<EntryRecord> PhotoChange::makeEntries() {
-  std::map<std::string, std::set<std::string>> taken;  // by album
-  std::vector<EntryRecord> entries;
-  for (const Addition& addition : additions_) {
-    auto [names, isNew] = taken.try_emplace(addition.album);
-    if (isNew) {
-      names->second = catalogue_.entryNames(addition.album);
-      names->second.merge(files_.namesInFolder(findAlbum(addition.album).value().folder));
+// Names are asked for now, since the block may have set one after it added the asset.
+void PhotoChange::makeEntries() {
+  for (const auto& [album, asset] : removals_) {
+    for (const EntryRecord& entry : catalogue_.entries(asset)) {
+      if (entry.album == album) addGone(entry);
     }
-    // Asked for now, since the block may have set the file's name after it added the asset.
-    const std::string wanted = findAsset(addition.asset).value().filename;
-    const std::string name = uniqueName(wanted, NameKind::file, names->second);
-    names->second.insert(name);
-    entries.push_back({addition.album, addition.asset, name});
   }
-  return entries;
+  for (const auto* leaving : {&change_.deletedAssets, &change_.expungedAssets}) {
+    for (const std::string& asset : *leaving) {
+      for (const EntryRecord& entry : catalogue_.entries(asset)) addGone(entry);
+    }
+  }
+  for (const auto& request : requests_) {
+    if (request->kind() == AssetRequest::Kind::changed) renameEntries(request->asset());
+  }
+  for (const std::string& asset : change_.recoveredAssets) {
+    for (const EntryRecord& entry : catalogue_.deletedEntries(asset)) addNew(entry.name, entry);
+  }
+  for (const auto& [album, asset] : additions_) addNew(findAsset(asset).value().filename, {album, asset, {}});
 }
 
-void PhotoChange::placeEntries(const std::vector<EntryRecord>& entries) {
-  if (entries.empty()) return;
+/// Gives an asset its new name in all albums in which it stays.
+void PhotoChange::renameEntries(const AssetRecord& asset) {
+  change_.changedAssets.push_back(asset);
+  const auto before = catalogue_.asset(asset.identifier);
+  if (before && before->filename == asset.filename) return;
+  for (const EntryRecord& entry : catalogue_.entries(asset.identifier)) {
+    const bool isGone = std::ranges::any_of(change_.goneEntries, [&](const EntryRecord& gone) {
+      return gone.album == entry.album && gone.asset == entry.asset;
+    });
+    if (isGone) continue;
+    std::set<std::string> taken = namesTaken(entry.album);
+    taken.erase(entry.name);
+    if (uniqueName(asset.filename, NameKind::file, taken) == entry.name) continue;
+    addGone(entry);
+    addNew(asset.filename, entry);
+  }
+}
+
+void PhotoChange::addGone(const EntryRecord& entry) {
+  change_.goneEntries.push_back(entry);
+  const auto link = files_.linkOf(entry.asset, findAlbum(entry.album).value().folder, entry.name);
+  if (link) change_.goneLinks.push_back(*link);
+}
+
+/// Adds an entry under the name that is wanted, or one like it.
+void PhotoChange::addNew(const std::string& wanted, EntryRecord entry) {
+  std::set<std::string>& taken = namesTaken(entry.album);
+  entry.name = uniqueName(wanted, NameKind::file, taken);
+  taken.insert(entry.name);
+  change_.newEntries.push_back(std::move(entry));
+}
+
+/// The names that no new entry of an album can have, those of its gone entries too: their files are still there.
+std::set<std::string>& PhotoChange::namesTaken(const std::string& album) {
+  const auto [names, isNew] = namesTaken_.try_emplace(album);
+  if (isNew) {
+    names->second = catalogue_.entryNames(album);
+    names->second.merge(files_.namesInFolder(findAlbum(album).value().folder));
+  }
+  return names->second;
+}
+
+void PhotoChange::placeEntries() {
+  if (change_.newEntries.empty()) return;
   std::vector<PhotoFiles::StagedFile> staged;
   std::vector<IntendedLink> links;
-  for (const EntryRecord& entry : entries) {
+  for (const EntryRecord& entry : change_.newEntries) {
     staged.push_back(files_.stage(entry.asset, findAlbum(entry.album).value().folder, entry.name));
     links.push_back(staged.back().link);
   }

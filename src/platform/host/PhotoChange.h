@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,31 +27,45 @@ class PhotoChange : public PHChangeBlock {
   std::optional<PHObjectPlaceholder> creationRequestForAssetCollection(const std::string& title) override;
   /// Throws PHPhotosError for an asset that does not exist.
   bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override;
+  bool removeAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override;
+  PHAssetChangeRequest* changeRequestForAsset(const std::string& localIdentifier) override;
+  /// These throw PHPhotosError for an asset that does not exist.
+  void deleteAssets(const std::vector<PHObjectPlaceholder>& assets) override;
+  void recoverAssets(const std::vector<PHObjectPlaceholder>& assets) override;
+  void expungeAssets(const std::vector<PHObjectPlaceholder>& assets) override;
 
-  /// Makes the files and commits the rows. When it throws, files without rows may be left. Throws PHPhotosError for a
-  /// file that the check refuses.
-  void apply();
+  /// Makes the files and commits the rows; `now` is the date of a deletion. When it throws, files without rows may be
+  /// left. Throws PHPhotosError for a file that the check refuses. Returns whether files must go whose rows are gone.
+  bool apply(Date now);
 
  private:
   class AssetRequest;
-  struct Addition {
+  struct Place {
     std::string album;  // identifiers
     std::string asset;
+    bool operator==(const Place&) const = default;
   };
 
   std::optional<AlbumRecord> findAlbum(const std::string& identifier);
   std::optional<AssetRecord> findAsset(const std::string& identifier);
-  bool isAdded(const std::string& album, const std::string& asset) const;
-  std::vector<EntryRecord> makeEntries();
-  void placeEntries(const std::vector<EntryRecord>& entries);
+  AssetRecord assetOf(const PHObjectPlaceholder& placeholder);
+  void takeNewAssets();
+  void addGone(const EntryRecord& entry);
+  void addNew(const std::string& wanted, EntryRecord entry);
+  std::set<std::string>& namesTaken(const std::string& album);
+  void renameEntries(const AssetRecord& asset);
+  void makeEntries();
+  void placeEntries();
 
   FileManager& fileManager_;
   PhotoFiles& files_;
   PhotoCatalogue& catalogue_;
   const MediaCheck& mediaCheck_;
   std::vector<std::unique_ptr<AssetRequest>> requests_;
-  std::vector<AlbumRecord> albums_;
-  std::vector<Addition> additions_;
+  std::vector<Place> additions_;
+  std::vector<Place> removals_;
+  CatalogueChange change_;
+  std::map<std::string, std::set<std::string>> namesTaken_;  // by album
 };
 
 }  // namespace tarn

@@ -29,6 +29,14 @@ void PhotoFiles::makeDirectories() {
   files_.createDirectory(assets_);
 }
 
+Path PhotoFiles::placeOf(const PlacedAsset& placed) {
+  if (!placed.folder.empty()) {
+    Path path = pathInAlbum(placed.folder, placed.name);
+    if (files_.fileExists(path)) return path;
+  }
+  return assetPath(placed.asset.identifier);
+}
+
 std::set<std::string> PhotoFiles::namesNoFolderCanHave() {
   std::set<std::string> names;
   for (std::string& name : files_.contentsOfDirectory(root_)) {
@@ -79,6 +87,30 @@ void PhotoFiles::place(const StagedFile& staged) {
   files_.createDirectory(folder);
   files_.moveItem(staged.path, folder / staged.link.name);
   files_.synchronizeDirectory(folder);
+}
+
+std::optional<IntendedLink> PhotoFiles::linkOf(const std::string& assetIdentifier, const std::string& folder,
+                                               const std::string& name) {
+  const Path path = pathInAlbum(folder, name);
+  const auto facts = files_.attributes(path);
+  const auto own = files_.attributes(assetPath(assetIdentifier));
+  if (!facts || !own || facts->isDirectory) return std::nullopt;
+  // Where the file system makes no second names, it is a copy.
+  const bool isOurs =
+      sameFile(*facts, *own) || (facts->size == own->size && haveSameBytes(path, assetPath(assetIdentifier)));
+  if (!isOurs) return std::nullopt;
+  return IntendedLink{folder, name, facts->device, facts->inode};
+}
+
+bool PhotoFiles::haveSameBytes(const Path& one, const Path& other) {
+  constexpr size_t pieceSize = 1 << 20;
+  const auto first = files_.open(one, OpenMode::reading);
+  const auto second = files_.open(other, OpenMode::reading);
+  for (;;) {
+    const Bytes piece = first->read(pieceSize);
+    if (piece != second->read(pieceSize)) return false;
+    if (piece.empty()) return true;
+  }
 }
 
 void PhotoFiles::removeAbandoned(const IntendedLink& link) {

@@ -23,6 +23,10 @@ class PhotoFiles {
   Path assetPath(const std::string& identifier) const { return assets_ / identifier; }
   Path pathInAlbum(const std::string& folder, const std::string& name) const { return root_ / folder / name; }
 
+  /// Where people find an asset: in the folder of an album, or its own file if it is in none, or if somebody has taken
+  /// it out of the folder.
+  Path placeOf(const PlacedAsset& placed);
+
   /// Names that an album's folder cannot have: those of other things than directories.
   std::set<std::string> namesNoFolderCanHave();
 
@@ -49,14 +53,20 @@ class PhotoFiles {
   /// Gives the file its name in the album's folder, durably.
   void place(const StagedFile& staged);
 
-  /// Removes from an album's folder what a change put there that was not finished. A file under that name that is not
-  /// the one written down is the user's, and stays.
+  /// What stands for an asset in an album's folder. Nothing if nothing does, or a file that somebody else has put
+  /// there: one of other bytes.
+  std::optional<IntendedLink> linkOf(const std::string& assetIdentifier, const std::string& folder,
+                                     const std::string& name);
+
+  /// Removes from an album's folder what a change put there that was not finished, or left there. A file under that
+  /// name that is not the one written down is the user's, and stays.
   void removeAbandoned(const IntendedLink& link);
 
   /// Removes from .assets all that none of the identifiers names.
   void removeAssetsExcept(const std::set<std::string>& identifiers);
 
  private:
+  bool haveSameBytes(const Path& one, const Path& other);
   void linkOrCopy(const Path& from, const Path& to);
 
   FileManager& files_;

@@ -10,16 +10,19 @@ namespace tarn {
 namespace {
 
 constexpr const char* catalogueName = ".catalogue.sqlite";
+constexpr std::chrono::hours keptWhenDeleted{24};
 
-PHAssetCollection collectionOf(const AlbumRecord& album) {
-  return {album.identifier, album.title};
+std::vector<PHAssetCollection> collectionsOf(const std::vector<AlbumRecord>& albums) {
+  std::vector<PHAssetCollection> collections;
+  for (const AlbumRecord& album : albums) collections.push_back({album.identifier, album.title});
+  return collections;
 }
 
-std::vector<PHAsset> assetsOf(const std::vector<PlacedAsset>& placed, const PhotoFiles& files) {
+std::vector<PHAsset> assetsOf(const std::vector<PlacedAsset>& placed, PhotoFiles& files) {
   std::vector<PHAsset> assets;
-  for (const auto& [asset, folder, name] : placed) {
-    Path path = folder.empty() ? files.assetPath(asset.identifier) : files.pathInAlbum(folder, name);
-    assets.push_back({asset.identifier, asset.filename, asset.creationDate, asset.size, std::move(path)});
+  for (const PlacedAsset& each : placed) {
+    const AssetRecord& asset = each.asset;
+    assets.push_back({asset.identifier, asset.filename, asset.creationDate, asset.size, files.placeOf(each)});
   }
   return assets;
 }
@@ -37,6 +40,7 @@ SQLitePhotoLibrary::SQLitePhotoLibrary(FileManager& files, Dispatch& dispatch, c
   if (access == Access::readWrite) {
     files_->makeDirectories();
     catalogue_ = std::make_unique<PhotoCatalogue>(PhotoCatalogue::openOrMake(catalogue));
+    expungeOldDeletions();
     clearUp();
   } else if (files.fileExists(catalogue)) {
     if (auto opened = PhotoCatalogue::openForReading(catalogue)) {
@@ -61,34 +65,37 @@ void SQLitePhotoLibrary::performChangesAndWait(const std::function<void(PHChange
     throw PHPhotosError(PHPhotosError::readOnly, "The photo library is open for reading only");
   }
   std::lock_guard guard(mutex_);
+  tryToClearUp(isUnclear_);
   PhotoChange change(fileManager_, *files_, *catalogue_, mediaCheck_);
   block(change);
+  bool isClear = false;
   try {
-    change.apply();
+    isClear = !change.apply(std::chrono::system_clock::now());
   } catch (...) {
     const auto failure = std::current_exception();
-    try {
-      clearUp();
-    } catch (...) {  // what is left is cleared up when the library is opened next
-      log("WARNING: Photo library could not be cleared up: {}", describe(std::current_exception()));
-    }
+    tryToClearUp(true);
     std::rethrow_exception(failure);
   }
+  tryToClearUp(!isClear);
 }
 
 std::vector<PHAssetCollection> SQLitePhotoLibrary::fetchAssetCollections(const std::optional<std::string>& title) {
   std::lock_guard guard(mutex_);
-  std::vector<PHAssetCollection> collections;
-  if (!catalogue_) return collections;
-  for (const AlbumRecord& album : catalogue_->albums(title)) collections.push_back(collectionOf(album));
-  return collections;
+  if (!catalogue_) return {};
+  return collectionsOf(catalogue_->albums(title));
 }
 
 std::optional<PHAssetCollection> SQLitePhotoLibrary::fetchAssetCollection(const std::string& localIdentifier) {
   std::lock_guard guard(mutex_);
   const auto album = catalogue_ ? catalogue_->album(localIdentifier) : std::nullopt;
   if (!album) return std::nullopt;
-  return collectionOf(*album);
+  return PHAssetCollection{album->identifier, album->title};
+}
+
+std::vector<PHAssetCollection> SQLitePhotoLibrary::fetchAssetCollectionsContaining(const std::string& assetIdentifier) {
+  std::lock_guard guard(mutex_);
+  if (!catalogue_) return {};
+  return collectionsOf(catalogue_->albumsHolding(assetIdentifier));
 }
 
 std::vector<PHAsset> SQLitePhotoLibrary::fetchAssets(const PHAssetCollection& collection,
@@ -102,6 +109,31 @@ std::vector<PHAsset> SQLitePhotoLibrary::fetchAllAssets() {
   std::lock_guard guard(mutex_);
   if (!catalogue_) return {};
   return assetsOf(catalogue_->allAssets(), *files_);
+}
+
+std::vector<PHAsset> SQLitePhotoLibrary::fetchDeletedAssets() {
+  std::lock_guard guard(mutex_);
+  if (!catalogue_) return {};
+  return assetsOf(catalogue_->deletedAssets(), *files_);
+}
+
+/// Returns whether their files must go.
+bool SQLitePhotoLibrary::expungeOldDeletions() {
+  const auto old = catalogue_->assetsDeletedBefore(std::chrono::system_clock::now() - keptWhenDeleted);
+  if (!old.empty()) catalogue_->commit({.expungedAssets = old});
+  return !old.empty();
+}
+
+/// What is left is cleared up ahead of the next change, or when the library is opened next.
+void SQLitePhotoLibrary::tryToClearUp(bool isNeeded) {
+  try {
+    isUnclear_ = expungeOldDeletions() || isNeeded;
+    if (isUnclear_) clearUp();
+    isUnclear_ = false;
+  } catch (...) {
+    isUnclear_ = true;
+    log("WARNING: Photo library could not be cleared up: {}", describe(std::current_exception()));
+  }
 }
 
 // The names in the albums go first, while .assets still holds the files that they are known by.

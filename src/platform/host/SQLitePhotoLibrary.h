@@ -21,10 +21,14 @@ class PhotoFiles;
 /// each asset's file once, `<root>/.catalogue.sqlite` the rows.
 ///
 /// A change is made in this order, each step durable before the next: the asset's file; the note of the names that
-/// album folders are about to get; those names; the rows, in one transaction that also drops the note. What a failure
-/// or a kill leaves behind before the last step has no row: a failed change clears it up at once, a killed one is
-/// cleared up when the library is opened. A file in an album's folder that the library did not put there is never
-/// touched. One process at a time may have the library open for writing.
+/// album folders are about to get; those names; the rows, in one transaction that also drops the note, or notes the
+/// names that album folders are about to lose; those names go. What a failure or a kill leaves behind has no row: a
+/// failed change clears it up at once, a killed one is cleared up when the library is opened. A file in an album's
+/// folder that the library did not put there is never touched. One process at a time may have the library open for
+/// writing.
+///
+/// A deleted asset keeps its file and its row for 24 hours. It goes for good with the next change, or when the library
+/// is opened next.
 ///
 /// A change block runs on the caller's thread and must not call the library.
 class SQLitePhotoLibrary : public PHPhotoLibrary {
@@ -47,12 +51,16 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
   void performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) override;
   std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) override;
   std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) override;
+  std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) override;
   std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                    const std::optional<std::string>& localIdentifier) override;
   std::vector<PHAsset> fetchAllAssets() override;
+  std::vector<PHAsset> fetchDeletedAssets() override;
 
  private:
+  bool expungeOldDeletions();
   void clearUp();
+  void tryToClearUp(bool isNeeded);
 
   FileManager& fileManager_;
   Dispatch& dispatch_;
@@ -62,6 +70,7 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
 
   std::mutex mutex_;  // one change or fetch at a time
   const std::unique_ptr<PhotoFiles> files_;
+  bool isUnclear_ = false;                     // what has no row could not be cleared up
   std::unique_ptr<PhotoCatalogue> catalogue_;  // null when there is none to read
 };
 

@@ -52,10 +52,41 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     if (!album || failures_.noAlbumChangeRequest) return false;
     for (const PHObjectPlaceholder& placeholder : assets) {
       const std::string& identifier = placeholder.localIdentifier;
-      if (!findAsset(identifier)) throw PHPhotosError(PHPhotosError::invalidChange, "No asset " + identifier);
-      if (!std::count(album->assets.begin(), album->assets.end(), identifier)) album->assets.push_back(identifier);
+      if (assetOf(identifier).isDeleted) {
+        throw PHPhotosError(PHPhotosError::invalidChange, "Asset " + identifier + " is deleted");
+      }
+      if (!album->holds(identifier)) album->assets.push_back(identifier);
     }
     return true;
+  }
+
+  bool removeAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) override {
+    auto* const album = find(content_.albums, [&](const Album& candidate) {
+      return candidate.collection.localIdentifier == collectionIdentifier;
+    });
+    if (!album) return false;
+    for (const PHObjectPlaceholder& placeholder : assets) std::erase(album->assets, placeholder.localIdentifier);
+    return true;
+  }
+
+  PHAssetChangeRequest* changeRequestForAsset(const std::string& localIdentifier) override {
+    const Asset* const asset = findAsset(localIdentifier);
+    return asset && !asset->isDeleted ? add(localIdentifier, true) : nullptr;
+  }
+
+  void deleteAssets(const std::vector<PHObjectPlaceholder>& assets) override {
+    for (const PHObjectPlaceholder& asset : assets) assetOf(asset.localIdentifier).isDeleted = true;
+  }
+  void recoverAssets(const std::vector<PHObjectPlaceholder>& assets) override {
+    for (const PHObjectPlaceholder& asset : assets) assetOf(asset.localIdentifier).isDeleted = false;
+  }
+  void expungeAssets(const std::vector<PHObjectPlaceholder>& assets) override {
+    for (const PHObjectPlaceholder& asset : assets) {
+      assetOf(asset.localIdentifier);
+      for (Album& album : content_.albums) std::erase(album.assets, asset.localIdentifier);
+      std::erase_if(content_.assets,
+                    [&](const Asset& each) { return each.asset.localIdentifier == asset.localIdentifier; });
+    }
   }
 
   Content takeContent() { return std::move(content_); }
@@ -63,14 +94,14 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
  private:
   class Request : public PHAssetChangeRequest {
    public:
-    Request(Change& change, std::optional<std::string> identifier, bool isNew)
-        : change_(change), identifier_(std::move(identifier)), isNew_(isNew) {}
+    Request(Change& change, std::optional<std::string> identifier, bool mayChange)
+        : change_(change), identifier_(std::move(identifier)), mayChange_(mayChange) {}
 
     void setCreationDate(Date date) override {
-      if (isNew_) change_.findAsset(*identifier_)->asset.creationDate = date;
+      if (mayChange_) change_.findAsset(*identifier_)->asset.creationDate = date;
     }
     void setFilename(const std::string& filename) override {
-      if (isNew_) change_.findAsset(*identifier_)->asset.filename = safeName(filename, NameKind::file);
+      if (mayChange_) change_.findAsset(*identifier_)->asset.filename = safeName(filename, NameKind::file);
     }
     std::optional<PHObjectPlaceholder> placeholderForCreatedAsset() override {
       if (!identifier_) return std::nullopt;
@@ -80,11 +111,11 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
    private:
     Change& change_;
     const std::optional<std::string> identifier_;
-    const bool isNew_;
+    const bool mayChange_;
   };
 
   static bool isSource(const FileAttributes& facts, const Asset& asset) {
-    return facts.device == asset.source.device && facts.inode == asset.source.inode &&
+    return !asset.isDeleted && facts.device == asset.source.device && facts.inode == asset.source.inode &&
            facts.size == asset.source.size && facts.changeTime == asset.source.changeTime;
   }
 
@@ -92,8 +123,14 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     return find(content_.assets, [&](const Asset& asset) { return asset.asset.localIdentifier == identifier; });
   }
 
-  PHAssetChangeRequest* add(std::optional<std::string> identifier, bool isNew) {
-    return requests_.emplace_back(std::make_unique<Request>(*this, std::move(identifier), isNew)).get();
+  Asset& assetOf(const std::string& identifier) {
+    Asset* const asset = findAsset(identifier);
+    if (!asset) throw PHPhotosError(PHPhotosError::invalidChange, "No asset " + identifier);
+    return *asset;
+  }
+
+  PHAssetChangeRequest* add(std::optional<std::string> identifier, bool mayChange) {
+    return requests_.emplace_back(std::make_unique<Request>(*this, std::move(identifier), mayChange)).get();
   }
 
   FileManager& files_;
@@ -155,21 +192,46 @@ std::vector<PHAsset> InMemoryPhotoLibrary::fetchAssets(const PHAssetCollection& 
     if (localIdentifier && identifier != *localIdentifier) continue;
     const auto* asset =
         find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == identifier; });
-    assets.push_back(placed(*asset, album));
+    if (!asset->isDeleted) assets.push_back(placed(*asset, album));
   }
   return assets;
+}
+
+std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollectionsContaining(
+    const std::string& assetIdentifier) {
+  std::lock_guard guard(mutex_);
+  std::vector<PHAssetCollection> collections;
+  const auto* asset =
+      find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == assetIdentifier; });
+  if (!asset || asset->isDeleted) return collections;
+  for (const Album& album : content_.albums) {
+    if (album.holds(assetIdentifier)) collections.push_back(album.collection);
+  }
+  return collections;
 }
 
 std::vector<PHAsset> InMemoryPhotoLibrary::fetchAllAssets() {
   std::lock_guard guard(mutex_);
   std::vector<PHAsset> assets;
   for (const Asset& asset : content_.assets) {
-    const auto* album = find(content_.albums, [&](const Album& each) {
-      return std::count(each.assets.begin(), each.assets.end(), asset.asset.localIdentifier) > 0;
-    });
-    assets.push_back(placed(asset, album));
+    if (asset.isDeleted) continue;
+    assets.push_back(placed(
+        asset, find(content_.albums, [&](const Album& each) { return each.holds(asset.asset.localIdentifier); })));
   }
   return assets;
+}
+
+std::vector<PHAsset> InMemoryPhotoLibrary::fetchDeletedAssets() {
+  std::lock_guard guard(mutex_);
+  std::vector<PHAsset> assets;
+  for (const Asset& asset : content_.assets) {
+    if (asset.isDeleted) assets.push_back(placed(asset, nullptr));
+  }
+  return assets;
+}
+
+bool InMemoryPhotoLibrary::Album::holds(const std::string& asset) const {
+  return std::count(assets.begin(), assets.end(), asset) > 0;
 }
 
 PHAsset InMemoryPhotoLibrary::placed(const Asset& asset, const Album* album) const {

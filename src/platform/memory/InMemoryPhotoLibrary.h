@@ -35,19 +35,23 @@ class InMemoryPhotoLibrary : public PHPhotoLibrary {
   void performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) override;
   std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) override;
   std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) override;
+  std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) override;
   std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                    const std::optional<std::string>& localIdentifier) override;
   std::vector<PHAsset> fetchAllAssets() override;
+  std::vector<PHAsset> fetchDeletedAssets() override;
 
  private:
   class Change;
   struct Album {
     PHAssetCollection collection;
     std::vector<std::string> assets;  ///< identifiers, in the order in which they joined
+    bool holds(const std::string& asset) const;
   };
   struct Asset {
     PHAsset asset;
     FileAttributes source;
+    bool isDeleted = false;  ///< it stays in the lists of its albums
   };
   struct Content {
     std::vector<Asset> assets;

@@ -20,6 +20,7 @@ struct Route {
   std::string_view method;
   Id id = Id::none;
   std::string_view idKey = {};
+  std::string_view numberKey = {};                 ///< what may stand in the query
   std::span<const std::string_view> actions = {};  ///< one of them the body must hold as `action`
   std::span<const std::string_view> texts = {};    ///< what else it may hold
   std::string_view changed = {};
@@ -30,7 +31,7 @@ constexpr std::array<std::string_view, 2> assetTexts{"filename", "album"};
 constexpr std::array<std::string_view, 5> downloadActions{"pause", "resume", "cancel", "retry", "retryAsItCame"};
 
 constexpr std::array<Route, 6> routes{{
-    {.httpMethod = "GET", .path = "/history", .method = "getHistory"},
+    {.httpMethod = "GET", .path = "/history", .method = "getHistory", .numberKey = "limit"},
     {.httpMethod = "GET", .path = "/downloads", .method = "getTransfers"},
     {.httpMethod = "GET", .path = "/posters/", .method = "getPoster", .id = Id::text, .idKey = "assetId"},
     {.httpMethod = "POST",
@@ -55,14 +56,19 @@ bool isAt(const Route& route, std::string_view path) {
   return route.path.ends_with('/') ? path.starts_with(route.path) : path == route.path;
 }
 
+std::optional<int64_t> numberIn(std::string_view text) {
+  int64_t number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isNumber = result.ec == std::errc() && result.ptr == text.data() + text.size();
+  return isNumber ? std::optional(number) : std::nullopt;
+}
+
 std::optional<JSValue> idIn(const Route& route, std::string_view path) {
   const auto text = percentDecode(path.substr(route.path.size()));
   if (!text || text->empty()) return std::nullopt;
   if (route.id == Id::text) return JSValue(*text);
-  int64_t number = 0;
-  const auto result = std::from_chars(text->data(), text->data() + text->size(), number);
-  const bool isNumber = result.ec == std::errc() && result.ptr == text->data() + text->size();
-  return isNumber ? std::optional(JSValue(number)) : std::nullopt;
+  const auto number = numberIn(*text);
+  return number ? std::optional(JSValue(*number)) : std::nullopt;
 }
 
 /// The options of clearHistory: `clear` is true for all, or the id of one entry.
@@ -93,8 +99,9 @@ bool HostRoutes::isAsked(std::string_view path) {
                              [&](const Route& route) { return route.httpMethod == "GET" && isAt(route, path); });
 }
 
-std::variant<HostCall, Refusal> HostRoutes::callFor(std::string_view httpMethod, std::string_view path,
+std::variant<HostCall, Refusal> HostRoutes::callFor(std::string_view httpMethod, const RequestTarget& target,
                                                     std::string_view body) {
+  const std::string& path = target.path;
   const auto route = std::ranges::find_if(
       routes, [&](const Route& candidate) { return candidate.httpMethod == httpMethod && isAt(candidate, path); });
   if (route == routes.end()) return Refusal{404, "There is nothing here."};
@@ -103,6 +110,11 @@ std::variant<HostCall, Refusal> HostRoutes::callFor(std::string_view httpMethod,
     auto id = idIn(*route, path);
     if (!id) return Refusal{404, "The address names no such thing."};
     call.options.set(std::string(route->idKey), std::move(*id));
+  }
+  if (!route->numberKey.empty() && target.query.contains(std::string(route->numberKey))) {
+    const auto number = numberIn(target.parameter(std::string(route->numberKey)));
+    if (!number) return Refusal{400, "\"" + std::string(route->numberKey) + "\" must be a number."};
+    call.options.set(std::string(route->numberKey), *number);
   }
   if (httpMethod == "GET") return call;
   const auto given = JSObject::parse(body);

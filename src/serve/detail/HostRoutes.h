@@ -32,8 +32,8 @@ class HostRoutes {
   /// Whether a GET at this path is answered by the plug-in.
   static bool isAsked(std::string_view path);
 
-  /// What a request calls. Refused are an identifier or a body that is none; unknown keys of the body are dropped.
-  static std::variant<HostCall, Refusal> callFor(std::string_view httpMethod, std::string_view path,
+  /// What a request calls. Refused are a number, an identifier or a body that is none; what else is given is dropped.
+  static std::variant<HostCall, Refusal> callFor(std::string_view httpMethod, const RequestTarget& target,
                                                  std::string_view body);
 
   /// What a call of this method has changed: "library", "downloads" or "history"; nothing for a question.

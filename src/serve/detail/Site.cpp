@@ -27,6 +27,7 @@ JSObject assetEntry(const PHAsset& asset) {
           {"filename", asset.filename},
           {"bytes", static_cast<int64_t>(asset.size)},
           {"created", created.count()},
+          {"path", asset.path.string()},
           {"video", std::string(videos.substr(1)) + asset.localIdentifier}};
 }
 

@@ -1,9 +1,13 @@
 import { clearHistory, offers, readHistory } from './host.js';
 import type { HistoryEntry } from './host.js';
 
+/** So many are shown at first, and more at each wish. */
+const page = 25;
+
 /** How the downloads of this home ended, as its host remembers it. Empty where no host does. */
 export class History {
   private entries = new Map<number, HistoryEntry>();
+  private limit = page;
 
   constructor(private readonly onChange: () => void) {}
 
@@ -23,10 +27,20 @@ export class History {
   /** What was known stays when the host cannot be asked: the connection's own notice tells of that. */
   async refresh(): Promise<void> {
     if (!this.isKept) return;
-    const entries = await readHistory().catch(() => undefined);
+    const entries = await readHistory(this.limit).catch(() => undefined);
     if (!entries) return;
     this.entries = new Map(entries.map((entry) => [entry.id, entry]));
     this.onChange();
+  }
+
+  /** Whether the host may remember more than what is known here. */
+  mayHaveMore(): boolean {
+    return this.entries.size >= this.limit;
+  }
+
+  async showMore(): Promise<void> {
+    this.limit += page;
+    await this.refresh();
   }
 
   async clear(which: true | number): Promise<void> {

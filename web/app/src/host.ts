@@ -110,8 +110,8 @@ function tell<Answer>(path: string, change: object): Promise<Answer> {
 }
 
 /** Newest first. */
-export async function readHistory(): Promise<HistoryEntry[]> {
-  return (await ask<{ entries: HistoryEntry[] }>('history')).entries;
+export async function readHistory(limit: number): Promise<HistoryEntry[]> {
+  return (await ask<{ entries: HistoryEntry[] }>(`history?limit=${limit}`)).entries;
 }
 
 export async function readTransfers(): Promise<Map<number, Transfer>> {

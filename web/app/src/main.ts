@@ -21,9 +21,6 @@ const clearEnded = byId('clear-ended', HTMLButtonElement);
 const showOlder = byId('show-older', HTMLButtonElement);
 const confirmation = byId('confirm-cancel-all', HTMLDialogElement);
 
-/** So many that have ended are shown at first, and more at each wish. */
-const page = 25;
-
 const limit = new Limit(showProblem);
 const history = new History(show);
 const changes = new VideoChanges(() => albums.refresh().then(show), attempt);
@@ -45,7 +42,6 @@ const form = new SaveForm(async (options) => {
 });
 let transfers = new Map<number, Transfer>();
 let cards: Card[] = [];
-let endedShown = page;
 
 /** Does something that the engine may refuse, and then shows why; it stays to be read until the next attempt. */
 async function attempt(action: () => Promise<void>): Promise<void> {
@@ -61,12 +57,11 @@ function showProblem(error: unknown): void {
 function show(): void {
   cards = cardsOf(downloads.all(), history.all(), transfers);
   const active = cards.filter(isActive);
-  const shown = cards.slice(0, active.length + endedShown);
-  rows.show(shown);
+  rows.show(cards);
   byId('downloads-empty', HTMLElement).hidden = cards.length > 0;
   cancelAll.hidden = active.length === 0;
   clearEnded.hidden = active.length === cards.length;
-  showOlder.hidden = shown.length === cards.length;
+  showOlder.hidden = !history.mayHaveMore();
   setText(byId('downloads-count', HTMLElement), active.length > 0 ? String(active.length) : '');
   document.title = active.length > 0 ? `(${active.length}) Tarn` : 'Tarn';
 }
@@ -149,10 +144,7 @@ clearEnded.addEventListener('click', () => {
     await history.clear(true);
   });
 });
-showOlder.addEventListener('click', () => {
-  endedShown += page;
-  show();
-});
+showOlder.addEventListener('click', () => void history.showMore());
 
 /** Makes up for what this page may have missed. */
 function refresh(): void {

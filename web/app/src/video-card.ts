@@ -11,6 +11,8 @@ export interface Asset {
   bytes: number;
   /** Unix seconds. */
   created: number;
+  /** Where its file lies on the host's machine. */
+  path?: string;
   /** Where its file can be played from. */
   video: string;
 }

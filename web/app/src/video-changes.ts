@@ -42,6 +42,7 @@ export class VideoChanges {
     this.edited = { asset, album };
     this.filename.value = asset.filename;
     this.album.value = album;
+    setText(byId('edit-path', HTMLElement), asset.path ?? '');
     this.showError('');
     this.dialog.showModal();
     this.filename.focus();

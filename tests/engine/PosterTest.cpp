@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <future>
+#include <numeric>
+
+#include "engine/PosterMaker.h"
+#include "engine/PosterProgram.h"
+#include "platform/Error.h"
+#include "platform/host/PosixFileManager.h"
+#include "support/MediaMaker.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class PosterTest : public testing::Test {
+ protected:
+  static constexpr auto promptly = [] { return false; };
+
+  static std::optional<Bytes> poster(const Path& video) {
+    return runPosterProgram(POSTER_PROGRAM, video, std::chrono::seconds(60), promptly);
+  }
+
+  Path put(const std::string& name, std::string_view content) {
+    std::ofstream(place_ / name, std::ios::binary) << content;
+    return place_ / name;
+  }
+
+  /// A picture as ffmpeg shows it, upright, in this size: a byte a pixel.
+  static std::string pixels(const Path& file, const std::string& size) {
+    return runProcess({"ffmpeg", "-v", "error", "-i", file, "-frames:v", "1", "-vf", "scale=" + size + ":flags=area",
+                       "-f", "rawvideo", "-pix_fmt", "gray", "-"})
+        .output;
+  }
+
+  TempDirectory place_;
+};
+
+/// The mean difference of two pictures, of 255.
+double difference(const std::string& one, const std::string& other) {
+  if (one.empty() || one.size() != other.size()) return 255;
+  double sum = 0;
+  for (size_t i = 0; i < one.size(); ++i) {
+    sum += std::abs(static_cast<uint8_t>(one[i]) - static_cast<uint8_t>(other[i]));
+  }
+  return sum / static_cast<double>(one.size());
+}
+
+// ffmpeg is the judge: it shows the same picture, of the same size, turned and stretched as the file says.
+TEST_F(PosterTest, IsTheFirstPictureAsPlayersShowIt) {
+  const auto turned = [&](const Path& video, const std::string& degrees) {
+    return madeByFFmpeg(words("-i " + video.string() + " -c copy -metadata:s:v rotate=" + degrees));
+  };
+  const Path avc = encodedVideo({.size = "640x360"});
+  const auto hevc = [](const char* format) {
+    return encodedVideo({.codec = "libx265", .pixelFormat = format, .size = "640x360", .more = words("-tag:v hvc1")});
+  };
+  const std::tuple<const char*, Path, std::string> rows[] = {
+      {"AVC", avc, "480x270"},
+      {"HEVC", hevc("yuv420p"), "480x270"},
+      {"HEVC of 10 bits", hevc("yuv420p10le"), "480x270"},
+      {"a quarter left", turned(avc, "90"), "270x480"},
+      {"a quarter right", turned(avc, "270"), "270x480"},
+      {"upside down", turned(avc, "180"), "480x270"},
+      {"small", encodedVideo({.size = "192x144"}), "192x144"},
+      {"wide pixels", encodedVideo({.size = "320x240", .more = words("-vf setsar=4/3")}), "427x240"},
+      {"parameter sets in the samples",
+       encodedVideo({.size = "640x360", .more = words("-tag:v avc3 -bsf:v dump_extra")}), "480x270"},
+  };
+  for (const auto& [name, video, size] : rows) {
+    SCOPED_TRACE(name);
+    const auto jpeg = poster(video);
+    ASSERT_TRUE(jpeg);
+    const Path file = put("poster.jpg", textOf(*jpeg));
+    EXPECT_EQ(probeVideo(file, "width") + "x" + probeVideo(file, "height"), size);
+    EXPECT_LT(difference(pixels(file, size), pixels(video, size)), 6);
+  }
+}
+
+TEST_F(PosterTest, OfWhatHoldsNoPictureThereIsNone) {
+  const std::string movie = contentOf(encodedVideo({.size = "640x360"}));
+  std::string noise(200'000, 0);
+  for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>(i * 2654435761U >> 13);
+  std::string deaf = movie;  // a movie whose media are noise
+  const size_t media = deaf.find("mdat") + 4;
+  deaf.replace(media, noise.size(), noise, 0, std::min(noise.size(), deaf.size() - media));
+  const std::pair<const char*, std::string> rows[] = {
+      {"empty", ""},
+      {"noise", noise},
+      {"cut", movie.substr(0, 300)},
+      {"no media", deaf.substr(0, media)},
+      {"noise for media", deaf},
+  };
+  for (const auto& [name, content] : rows) {
+    const auto jpeg = poster(put("clip.mp4", content));
+    EXPECT_TRUE(!jpeg || std::string_view(name) == "noise for media") << name;
+  }
+  EXPECT_FALSE(poster(madeByFFmpeg(words("-f lavfi -i sine=duration=1 -c:a aac"))));
+}
+
+// A program that hangs is ended, with all that it holds.
+TEST_F(PosterTest, AProgramThatHangsOrTalksTooMuchIsEnded) {
+  const Path video = put("clip.mp4", "x");
+  const auto run = [&](const std::string& script) {
+    const Path program = put("program", "#!/bin/sh\n" + script + "\n");
+    fs::permissions(program, fs::perms::owner_all);
+    return runPosterProgram(program, video, std::chrono::milliseconds(500), promptly);
+  };
+  EXPECT_FALSE(run("sleep 1000"));
+  EXPECT_FALSE(run("yes"));
+  EXPECT_FALSE(run("printf '\\377\\330 not whole'"));
+  EXPECT_TRUE(run("printf '\\377\\330 whole \\377\\331'"));
+  EXPECT_FALSE(runPosterProgram(POSTER_PROGRAM, video, std::chrono::seconds(60), [] { return true; }));
+  EXPECT_THROW(runPosterProgram(place_ / "missing", video, std::chrono::seconds(1), promptly), Error);
+
+  // What it has: no variable, no open file but three, no more.
+  ::setenv("SECRET", "x", 1);
+  run("(env; ls /proc/self/fd; pwd) > " + (place_ / "seen").string());
+  const std::string seen = contentOf(place_ / "seen");
+  EXPECT_EQ(seen.find("SECRET"), std::string::npos);
+  EXPECT_EQ(seen.find("HOME"), std::string::npos);
+  EXPECT_NE(seen.find("0\n1\n2\n3\n"), std::string::npos) << "the fourth is the folder that is listed: " << seen;
+  EXPECT_EQ(seen.find("0\n1\n2\n3\n4\n"), std::string::npos) << seen;
+}
+
+TEST_F(PosterTest, PostersAreKeptForTheOwnerUntilTheirAssetsGo) {
+  PosixFileManager files(place_.path());
+  const Path program = put("program", "#!/bin/sh\necho >> " + (place_ / "runs").string() +
+                                          "\nif read line; then printf '\\377\\330 whole \\377\\331'; fi\n");
+  fs::permissions(program, fs::perms::owner_all);
+  const auto tell = [](PosterMaker& maker, const std::string& id, const Path& video) {
+    std::promise<std::optional<Path>> answer;
+    maker.tell(id, video, [&answer](const std::optional<Path>& poster) { answer.set_value(poster); });
+    return answer.get_future().get();
+  };
+  PosterMaker maker(files, place_ / "Posters", program);
+  const Path good = put("good.mp4", "a line\n");
+  const Path bad = put("bad.mp4", "");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(tell(maker, "A", good), place_ / "Posters/A.jpg");
+    EXPECT_EQ(tell(maker, "B", bad), std::nullopt);
+  }
+  EXPECT_EQ(contentOf(place_ / "runs"), "\n\n") << "once each";
+  struct stat facts {};
+  ASSERT_EQ(::stat((place_ / "Posters/A.jpg").c_str(), &facts), 0);
+  EXPECT_EQ(facts.st_mode & 0777, 0600U);
+  maker.keepOnly({"A"});
+  EXPECT_TRUE(fs::exists(place_ / "Posters/A.jpg"));
+  maker.keepOnly({"B"});
+  EXPECT_FALSE(fs::exists(place_ / "Posters/A.jpg"));
+}
+
+}  // namespace
+}  // namespace tarn::test
