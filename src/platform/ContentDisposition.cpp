@@ -30,7 +30,7 @@ std::string takeQuoted(std::string_view& rest) {
 
 struct Parameter {
   std::string name;  ///< lower case
-  std::string value;
+  std::string value = {};
 };
 
 /// The next parameter of `rest`, which begins behind a ";"; takes it away from there. Nothing if there is none.

@@ -131,12 +131,11 @@ TEST_F(TransferOptionsTest, RetriesAndTheRateAreTheUsers) {
 }
 
 TEST_F(TransferOptionsTest, TheNameThatTheServerGivesIsKeptOverARestart) {
-  home_.serve("/file", file_, {}, {.disposition = "attachment; filename=\"../a b.mp4\"", .stallAfter = half});
+  home_.serve("/file", file_, {{.disposition = "attachment; filename=\"../a b.mp4\"", .stallAfter = half}});
   harness_.start();
   const auto task = download(home_.url("/file"), {});
   ASSERT_TRUE(eventually([&] { return harness_.listener->heard(task->taskIdentifier()).reports() > 0; }));
   harness_.stop();
-  home_.release();
   harness_.start();
   EXPECT_EQ(harness_.listener->waitForEnd(task->taskIdentifier()).task->suggestedFilename(), "a b.mp4");
 }

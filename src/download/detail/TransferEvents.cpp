@@ -108,7 +108,6 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
                                                         const Path& location) {
   FileManager& files = engine_.platform.files;
   try {
-    const DownloadRequest request = requestOf(*task, *transfer);
     if (request.filename != task->request.filename) {
       task->update([&](DownloadTask::Snapshot& fields) { fields.serversName = request.filename; });
     }
