@@ -4,6 +4,7 @@
 #include "api/detail/DefaultLog.h"
 #include "api/detail/EngineSession.h"
 #include "engine/LibraryJSON.h"
+#include "platform/TransferRules.h"
 
 namespace tarn {
 
@@ -26,11 +27,16 @@ int64_t Engine::save(const SaveRequest& request) {
   if (const auto why = whyNoAlbum(request.album)) throw EngineRefused(*why);
   const auto why = request.filename ? whyNoFilename(*request.filename) : std::nullopt;
   if (why) throw EngineRefused(*why);
+  TransferOptions transfer = request.transfer;
+  transfer.cookies = cookiesFor(request.url, transfer.cookies);
+  if (const auto whyNot = whyRefused(transfer)) throw EngineRefused(*whyNot);
   JSObject options{{"url", request.url},
                    {"album", request.album},
                    {"filename", request.filename.value_or(defaultFilename(request.url))},
                    {"skipVideoFix", request.skipVideoFix},
-                   {"skipAudioFix", request.skipAudioFix}};
+                   {"skipAudioFix", request.skipAudioFix},
+                   {"takesServersName", !request.filename},
+                   {"transfer", objectOf(transfer)}};
   if (request.id) options.set("id", *request.id);
   const auto answer = session_->saveVideo(std::move(options));
   if (!answer.resolved) throw EngineRefused(answer.message);

@@ -1,32 +1,14 @@
 #include "api/FileNames.h"
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 #include <string_view>
 
+#include "platform/SafeName.h"
 #include "platform/URL.h"
 #include "platform/UTF8.h"
 
 namespace tarn {
 namespace {
-
-constexpr size_t longestName = 200;
-
-std::string_view videoEnding(std::string_view name) {
-  for (std::string_view ending : std::array<std::string_view, 3>{".mp4", ".mov", ".m4v"}) {
-    if (name.size() <= ending.size()) continue;
-    std::string_view tail = name.substr(name.size() - ending.size());
-    bool isSame = std::ranges::equal(tail, ending, {}, [](char c) { return std::tolower(static_cast<uint8_t>(c)); });
-    if (isSame) return tail;
-  }
-  return {};
-}
-
-bool isUnsafe(char c) {
-  auto byte = static_cast<uint8_t>(c);
-  return byte < 0x20 || byte == 0x7F || c == '/' || c == '\\';
-}
 
 constexpr size_t longestEntry = 255;  // bytes, of a name in a directory
 
@@ -37,15 +19,8 @@ bool hasControl(std::string_view text) {
 }  // namespace
 
 std::string defaultFilename(const std::string& url) {
-  auto parsed = URL::parse(url);
-  std::string name = parsed ? parsed->lastPathComponent() : "";
-  std::ranges::replace_if(name, isUnsafe, '_');
-  name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
-  std::string ending(videoEnding(name));
-  name.resize(name.size() - ending.size());
-  if (name.empty()) return "video.mp4";
-  if (ending.empty()) ending = ".mp4";
-  return std::string(cutUTF8(name, longestName - ending.size())) + ending;
+  const auto parsed = URL::parse(encodedURL(url));
+  return videoName(parsed ? parsed->lastPathComponent() : "");
 }
 
 std::optional<std::string> whyNoFilename(const std::string& name) {

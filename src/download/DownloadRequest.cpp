@@ -1,17 +1,27 @@
 #include "download/DownloadRequest.h"
 
-#include "platform/JSObject.h"
+#include "platform/TransferRules.h"
 
 namespace tarn {
 
-std::string NotedDownload::text() const {
+JSObject NotedDownload::object() const {
   JSObject object{
       {"id", id}, {"skipVideoFix", request.skipVideoFix}, {"skipAudioFix", request.skipAudioFix}, {"url", request.url}};
   if (request.album) object.set("album", *request.album);
   if (request.filename) object.set("filename", *request.filename);
   if (request.takesServersName) object.set("takesServersName", true);
   if (isPaused) object.set("isPaused", true);
-  return object.json();
+  return object;
+}
+
+std::string NotedDownload::text() const {
+  return object().json();
+}
+
+std::string NotedDownload::fullText() const {
+  JSObject full = object();
+  if (request.transfer != TransferOptions()) full.set("transfer", objectOf(request.transfer));
+  return full.json();
 }
 
 std::optional<NotedDownload> NotedDownload::parse(const std::string& text) {
@@ -27,7 +37,8 @@ std::optional<NotedDownload> NotedDownload::parse(const std::string& text) {
                                    .filename = optionalAt<std::string>(*object, "filename"),
                                    .skipVideoFix = *skipVideoFix,
                                    .skipAudioFix = *skipAudioFix,
-                                   .takesServersName = valueAt(*object, "takesServersName", false)},
+                                   .takesServersName = valueAt(*object, "takesServersName", false),
+                                   .transfer = transferOptions(valueAt(*object, "transfer", JSObject()))},
                        .isPaused = valueAt(*object, "isPaused", false)};
 }
 

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/JSObject.h"
+
 namespace tarn {
 
 /// What a page asks for: one video, its place, and what to leave out of the repair. It stays the same from the call to
@@ -17,7 +19,7 @@ struct DownloadRequest {
   bool skipVideoFix = false;                 ///< the file stays as it comes
   bool skipAudioFix = false;                 ///< sound and timing stay as they come
   bool takesServersName = false;             ///< `filename` is for a server that gives none
-  TransferOptions transfer = {};             ///< kept by the transfer itself, not by the note
+  TransferOptions transfer = {};
 
   bool operator==(const DownloadRequest&) const = default;
 
@@ -36,13 +38,18 @@ struct NotedDownload {
   DownloadRequest request;
   bool isPaused = false;  ///< it waits for its user
 
-  /// The text that is stored with the transfer: a JSON object.
+  /// The text that is stored with the transfer: a JSON object. The transfer keeps the request's options itself.
   std::string text() const;
+  /// The same with the options of the transfer, which are secrets.
+  std::string fullText() const;
   /// Returns nothing if the text is no note. A note may lack `url`, `album` and `filename`, as those of older versions
   /// do; these are then empty.
   static std::optional<NotedDownload> parse(const std::string& text);
 
   bool operator==(const NotedDownload&) const = default;
+
+ private:
+  JSObject object() const;
 };
 
 }  // namespace tarn

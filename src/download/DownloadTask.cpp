@@ -101,6 +101,11 @@ bool DownloadTask::isPaused() const {
   return fields_.isPaused;
 }
 
+std::optional<std::string> DownloadTask::filename() const {
+  std::lock_guard guard(mutex_);
+  return fields_.serversName ? fields_.serversName : request.filename;
+}
+
 bool DownloadTask::claimNotification() {
   std::lock_guard guard(mutex_);
   return !std::exchange(fields_.notificationSent, true);

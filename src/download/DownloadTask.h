@@ -73,13 +73,14 @@ class DownloadTask {
   struct Snapshot {
     DownloadStatus status = DownloadStatus::unknown;
     DownloadReason reason;
-    std::optional<Path> location;        ///< file that cancel() and cleanup() delete
-    std::optional<std::string> assetId;  ///< photo library identifier of the saved video
-    double progress = 0;                 ///< fraction of the transfer done
-    double processingProgress = 0;       ///< fraction of the processing done
-    std::string processingStage;         ///< text for the page
-    bool isPaused = false;               ///< by its user; the status stays
-    bool notificationSent = false;       ///< the page's completion event has been arranged
+    std::optional<std::string> serversName;  ///< in place of the request's filename
+    std::optional<Path> location;            ///< file that cancel() and cleanup() delete
+    std::optional<std::string> assetId;      ///< photo library identifier of the saved video
+    double progress = 0;                     ///< fraction of the transfer done
+    double processingProgress = 0;           ///< fraction of the processing done
+    std::string processingStage;             ///< text for the page
+    bool isPaused = false;                   ///< by its user; the status stays
+    bool notificationSent = false;           ///< the page's completion event has been arranged
     Transfer downloadTask;
     std::optional<Bytes> resumeData;
     int64_t totalBytes = 0;  ///< expected size as the transfer tells it; -1 while it is not known
@@ -96,6 +97,8 @@ class DownloadTask {
   DownloadStatus status() const;
   bool isEnded() const;
   bool isPaused() const;
+  /// The request's, or the one that the server has given in its place.
+  std::optional<std::string> filename() const;
 
   /// Changes fields under the mutex; the change must call nobody.
   template <typename Change>

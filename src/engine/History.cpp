@@ -38,20 +38,9 @@ std::string withShownURL(std::string words, const std::string& url) {
   return words;
 }
 
-/// A request as a row keeps it: what a transfer's note holds, and how the video is asked for.
-std::string textOf(int64_t id, const DownloadRequest& request) {
-  JSObject object = JSObject::parse(NotedDownload{.id = id, .request = request}.text()).value_or(JSObject());
-  if (request.transfer != TransferOptions()) object.set("transfer", objectOf(request.transfer));
-  return object.json();
-}
-
 std::optional<DownloadRequest> requestOf(const std::string& text) {
   auto noted = NotedDownload::parse(text);
   if (!noted) return std::nullopt;
-  const JSObject object = JSObject::parse(text).value_or(JSObject());
-  if (const auto* const transfer = valueAt<JSObject>(object, "transfer")) {
-    noted->request.transfer = transferOptions(*transfer);
-  }
   return std::move(noted->request);
 }
 
@@ -98,7 +87,7 @@ void add(HistoryTable& table, int64_t id, const DownloadRequest& request, Date n
              .album = request.album.value_or(""),
              .url = shownURL(request.url),
              .started = now},
-            request.url.empty() ? "" : textOf(id, request));
+            request.url.empty() ? "" : NotedDownload{.id = id, .request = request}.fullText());
 }
 
 }  // namespace

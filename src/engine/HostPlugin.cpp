@@ -13,6 +13,7 @@
 #include "inspect/FailureAdvice.h"
 #include "platform/Clock.h"
 #include "platform/TransferRules.h"
+#include "platform/URL.h"
 
 namespace tarn {
 namespace {
@@ -100,7 +101,13 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
 }
 
 void HostPlugin::saveVideo(const CAPPluginCallPointer& call) {
-  host_.plugin().saveVideoAs(call->getInt("id"), call);
+  auto request = TarnBridge::requestOf(call);
+  if (!request) return;
+  request->url = encodedURL(request->url);
+  request->takesServersName = call->getBool("takesServersName").value_or(false);
+  request->transfer = transferOptions(call->getObject("transfer").value_or(JSObject()));
+  if (const auto why = whyRefused(request->transfer)) return call->reject(*why);
+  host_.plugin().save(*request, call->getInt("id"), call);
 }
 
 void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {

@@ -13,7 +13,9 @@ class Host;
 /// What only the host of an engine knows, as methods of a plug-in, for the other commands of a home. Of some a page
 /// hears by way of HTTP.
 ///
-/// - saveVideo {id, ...}: the bridge's, under an id of the caller's choice if that is free.
+/// - saveVideo {id, takesServersName, transfer, ...}: the bridge's, under an id of the caller's choice if that is free.
+///   The URL may have blanks. `filename` may stand in for the name that the server gives. `transfer` has the members of
+///   TransferOptions.
 /// - getOutcome {id}: how a download has ended in this process. Of a failure: `failure` in words, `advice` (a
 /// sentence),
 ///   `isRefused`, `mayTryAgain`, `maySaveAsItCame`. Of a saved video: `assetId`, `isPartly`, `leftAlone` (what was left

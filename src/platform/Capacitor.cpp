@@ -47,6 +47,10 @@ std::optional<bool> CAPPluginCall::getBool(std::string_view key) const {
   return flag ? std::optional(*flag) : std::nullopt;
 }
 
+std::optional<JSObject> CAPPluginCall::getObject(std::string_view key) const {
+  return optionalAt<JSObject>(state_->options, key);
+}
+
 std::optional<int64_t> CAPPluginCall::getInt(std::string_view key) const {
   const JSValue* const value = state_->options.find(key);
   if (!value) return std::nullopt;

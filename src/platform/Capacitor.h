@@ -34,6 +34,7 @@ class CAPPluginCall {
   std::optional<std::string> getString(std::string_view key) const;
   std::optional<bool> getBool(std::string_view key) const;
   std::optional<int64_t> getInt(std::string_view key) const;
+  std::optional<JSObject> getObject(std::string_view key) const;
 
   void resolve(JSObject data = {});
   void reject(std::string message);

@@ -33,6 +33,8 @@ class NSURLSessionDownloadTask {
   virtual TransferState transferState() const = 0;
   /// Replaces the owner's text, on stable storage when this returns. Throws PosixError.
   virtual void setTaskDescription(const std::string& text) = 0;
+  /// The name that the server gives the file, once it has answered; a stranger's text, on one line and without a path.
+  virtual std::optional<std::string> suggestedFilename() const = 0;
   /// Starts the transfer, or lets it go on; does nothing while it runs and after its end.
   virtual void resume() = 0;
   /// Stops the transfer and keeps what it has fetched; the next process finds it suspended. Does nothing once the whole

@@ -1,6 +1,8 @@
 #include "platform/SafeName.h"
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 
 #include "platform/UTF8.h"
 
@@ -26,6 +28,23 @@ std::string withSuffix(std::string_view name, NameKind kind, const std::string& 
          std::string(tail);
 }
 
+constexpr size_t longestVideoName = 200;
+
+std::string_view videoEnding(std::string_view name) {
+  for (std::string_view ending : std::array<std::string_view, 3>{".mp4", ".mov", ".m4v"}) {
+    if (name.size() <= ending.size()) continue;
+    std::string_view tail = name.substr(name.size() - ending.size());
+    bool isSame = std::ranges::equal(tail, ending, {}, [](char c) { return std::tolower(static_cast<uint8_t>(c)); });
+    if (isSame) return tail;
+  }
+  return {};
+}
+
+bool isUnsafe(char c) {
+  auto byte = static_cast<uint8_t>(c);
+  return byte < 0x20 || byte == 0x7F || c == '/' || c == '\\';
+}
+
 }  // namespace
 
 std::string safeName(std::string_view text, NameKind kind) {
@@ -40,6 +59,16 @@ std::string safeName(std::string_view text, NameKind kind) {
   }
   if (name.front() == '.') name.front() = '_';
   return withSuffix(name, kind, "");
+}
+
+std::string videoName(std::string text) {
+  std::ranges::replace_if(text, isUnsafe, '_');
+  text.erase(0, std::min(text.find_first_not_of('.'), text.size()));
+  std::string ending(videoEnding(text));
+  text.resize(text.size() - ending.size());
+  if (text.empty()) return "video.mp4";
+  if (ending.empty()) ending = ".mp4";
+  return std::string(cutUTF8(text, longestVideoName - ending.size())) + ending;
 }
 
 std::string uniqueName(const std::string& name, NameKind kind, const std::set<std::string>& taken) {

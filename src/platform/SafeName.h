@@ -13,6 +13,11 @@ enum class NameKind { file, directory };
 /// character; a file keeps its ending. An empty text gives "video.mp4" or "Untitled".
 std::string safeName(std::string_view text, NameKind kind);
 
+/// The name under which a video is saved to which nobody has given one, out of a part of its URL or a name that its
+/// server gives: one safe directory entry of at most 200 bytes, with ".mp4" when it lacks a video ending; "video.mp4"
+/// for nothing.
+std::string videoName(std::string text);
+
 /// The first of "clip.mp4", "clip 2.mp4", "clip 3.mp4", ... that is not taken. `name` must be safe already.
 std::string uniqueName(const std::string& name, NameKind kind, const std::set<std::string>& taken);
 

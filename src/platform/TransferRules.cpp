@@ -79,7 +79,7 @@ bool isComment(std::string_view line) {
 /// Seven fields; an empty value may be left out with its tab.
 bool isCookie(std::string_view line) {
   const auto tabs = std::ranges::count(line, '\t');
-  return isOneLine(line) && (tabs == 6 || tabs == 5) && line.front() != '\t';
+  return !line.empty() && line.front() != '\t' && isOneLine(line) && (tabs == 6 || tabs == 5);
 }
 
 bool isCookieOf(std::string_view line, const std::string& host) {
@@ -124,13 +124,24 @@ std::optional<std::string> whyRefused(const TransferOptions& options) {
   return std::nullopt;
 }
 
-std::vector<std::string> cookieLines(std::string_view cookies, std::string_view url) {
-  const auto parsed = URL::parse(url);
+std::vector<std::string> cookieLines(std::string_view cookies) {
   std::vector<std::string> lines;
   for (const std::string_view line : linesOf(cookies)) {
-    if (!isComment(line) && (!parsed || isCookieOf(line, parsed->host))) lines.emplace_back(line);
+    if (!isComment(line)) lines.emplace_back(line);
   }
   return lines;
+}
+
+std::string cookiesFor(std::string_view url, std::string_view cookies) {
+  const auto parsed = URL::parse(encodedURL(url));
+  std::string kept;
+  for (const std::string_view line : linesOf(cookies)) {
+    const bool isOthers = parsed && isCookie(line) && !isCookieOf(line, parsed->host);
+    if (!isComment(line) && !isOthers) kept += line;
+    kept += '\n';
+  }
+  kept.erase(kept.find_last_not_of('\n') + 1);
+  return kept;
 }
 
 JSObject objectOf(const TransferOptions& options) {

@@ -16,8 +16,11 @@ namespace tarn {
 /// in another format, and what is too large to be kept.
 std::optional<std::string> whyRefused(const TransferOptions& options);
 
-/// The cookies, a line each, without comments; only those of the URL's host (RFC 6265 5.1.3) if a URL is given.
-std::vector<std::string> cookieLines(std::string_view cookies, std::string_view url = {});
+/// The cookies, a line each, without comments.
+std::vector<std::string> cookieLines(std::string_view cookies);
+
+/// The text without the cookies that no host of this URL gets (RFC 6265 5.1.3). Each line keeps its number.
+std::string cookiesFor(std::string_view url, std::string_view cookies);
 
 /// As the options are stored and sent: keys as their members, those that are not set left out.
 JSObject objectOf(const TransferOptions& options);

@@ -50,12 +50,21 @@ std::string lowerCased(std::string_view text) {
   return result;
 }
 
+/// The last word of a name: of "api_key", "api-key", "api.key" and "apiKey" it is "key". In small letters.
+std::string lastWord(std::string_view name) {
+  size_t start = name.find_last_of("-_.") + 1;
+  for (size_t i = start + 1; i < name.size(); ++i) {
+    const bool isCapital = name[i] >= 'A' && name[i] <= 'Z';
+    if (isCapital && name[i - 1] >= 'a' && name[i - 1] <= 'z') start = i;
+  }
+  return lowerCased(name.substr(start));
+}
+
 bool isSecretName(std::string_view name) {
-  const std::string whole = lowerCased(percentDecode(name).value_or(std::string(name)));
-  const size_t start = whole.find_last_of("-_.");
-  const std::string word = start == std::string::npos ? whole : whole.substr(start + 1);
-  constexpr std::string_view secrets[] = {"token", "key", "sig", "signature", "password"};
-  return std::find(std::begin(secrets), std::end(secrets), word) != std::end(secrets);
+  constexpr std::string_view secrets[] = {"token", "key",    "sig",  "signature", "password", "passwd",     "pass",
+                                          "pwd",   "secret", "auth", "session",   "sid",      "credential", "jwt"};
+  const std::string word = lastWord(percentDecode(name).value_or(std::string(name)));
+  return std::ranges::find(secrets, word) != std::end(secrets);
 }
 
 /// A query or a fragment, with the character that begins it.
@@ -129,13 +138,14 @@ std::optional<URL> URL::parse(std::string_view text) {
 }
 
 std::string encodedURL(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  text = text.substr(0, text.find_last_not_of(' ') + 1);
   const size_t scheme = text.find("://");
   const size_t place = scheme == std::string_view::npos ? scheme : text.find_first_of("/?#", scheme + 3);
   std::string encoded(text.substr(0, place));
   for (size_t i = encoded.size(); i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    const bool isEscape =
-        byte == '%' && percentDecode(text.substr(i, 3)).value_or("%").size() == 1 && text.size() - i > 2;
+    const bool isEscape = byte == '%' && text.size() - i > 2 && percentDecode(text.substr(i, 3));
     const bool mayStand = std::string_view("\"<>\\^`{|} %").find(text[i]) == std::string_view::npos && byte < 0x80;
     if (mayStand || isEscape) {
       encoded += text[i];

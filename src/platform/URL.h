@@ -26,8 +26,8 @@ struct URL {
 };
 
 /// A URL as people write it: what may not stand in the path, the query and the fragment of a URL (RFC 3986) is
-/// percent-encoded: blanks, quotes, "%" without two digits, bytes beyond ASCII. Control characters stay, and so does
-/// text that has no "://".
+/// percent-encoded: blanks, quotes, "%" without two digits, bytes beyond ASCII; blanks around it are left out. Control
+/// characters stay, and so does what stands ahead of the path.
 std::string encodedURL(std::string_view text);
 
 /// The URL of a reference (RFC 3986 5), as a Location field has one; nothing if it does not parse. Any scheme.
@@ -41,8 +41,8 @@ struct Credentials {
 std::optional<Credentials> credentialsOf(const std::string& url);
 
 /// The text with what must stay between the user and the server taken out of every http and https URL in it: the user
-/// name and password, and the values of parameters whose name is, or ends in the word, token, key, sig, signature or
-/// password. "***" takes their place.
+/// name and password, and the values of parameters whose name is, or ends in, a word like token, key, sig, password,
+/// auth or session. "***" takes their place.
 std::string withoutSecrets(std::string_view text);
 
 /// Percent-decodes; nothing for a broken escape.

@@ -84,19 +84,23 @@ Path TarnBridge::getDocumentsDirectory() {
 // --- Commands ---
 
 void TarnBridge::saveVideo(const CAPPluginCallPointer& call) {
-  saveVideoAs(std::nullopt, call);
+  if (const auto request = requestOf(call)) save(*request, std::nullopt, call);
 }
 
-void TarnBridge::saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call) {
-  if (!call->getString("url")) return call->reject("Must provide the data path");
-  if (!call->getString("album")) return call->reject("Must provide the album");
-  if (!call->getString("filename")) return call->reject("Must provide filename");
-  save({.url = *call->getString("url"),
-        .album = call->getString("album"),
-        .filename = call->getString("filename"),
-        .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
-        .skipAudioFix = call->getBool("skipAudioFix").value_or(false)},
-       id, call);
+std::optional<DownloadRequest> TarnBridge::requestOf(const CAPPluginCallPointer& call) {
+  const char* const missing = !call->getString("url")        ? "Must provide the data path"
+                              : !call->getString("album")    ? "Must provide the album"
+                              : !call->getString("filename") ? "Must provide filename"
+                                                             : nullptr;
+  if (missing) {
+    call->reject(missing);
+    return std::nullopt;
+  }
+  return DownloadRequest{.url = *call->getString("url"),
+                         .album = call->getString("album"),
+                         .filename = call->getString("filename"),
+                         .skipVideoFix = call->getBool("skipVideoFix").value_or(false),
+                         .skipAudioFix = call->getBool("skipAudioFix").value_or(false)};
 }
 
 void TarnBridge::save(const DownloadRequest& request, std::optional<int64_t> id, const CAPPluginCallPointer& call) {

@@ -42,14 +42,14 @@ class TarnBridge : public CAPPlugin,
 
   Path getDocumentsDirectory();
 
-  /// The command saveVideo, for the host: the download gets `id`, if that is free and above 0. A page chooses none.
-  void saveVideoAs(std::optional<int64_t> id, const CAPPluginCallPointer& call);
+  /// What a call of saveVideo asks for; nothing if it lacks something, and was rejected for that.
+  static std::optional<DownloadRequest> requestOf(const CAPPluginCallPointer& call);
 
   /// Has a file of this machine repaired and saved as if it had been downloaded, for the host; it is moved away. Null
   /// when new downloads are blocked.
   DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request);
 
-  /// Begins a download as saveVideo does, and answers the call like it.
+  /// Begins a download as saveVideo does, and answers the call like it. It gets `id`, if that is free and above 0.
   void save(const DownloadRequest& request, std::optional<int64_t> id, const CAPPluginCallPointer& call);
 
   void appDidEnterBackground() override;

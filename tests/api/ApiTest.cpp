@@ -144,6 +144,50 @@ TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
   EXPECT_EQ(leftIn(place / "home"), "");
 }
 
+TEST(ApiTest, AVideoIsAskedForWithHeadersPausedOverARestartAndSavedUnderItsServersName) {
+  const TempDirectory place;
+  FaultServer server;
+  const std::string bytes = contentOf(recording());
+  server.serve("/my%20clip", ServedFile::of(Bytes(bytes.begin(), bytes.end())), {{.stallAfter = 1000}},
+               {.disposition = "attachment; filename*=UTF-8''M%C3%A4rz.mov"});
+  int64_t id = 0;
+  {
+    Engine engine({.home = place / "home"});
+    engine.open();
+    SaveRequest request{.url = server.url("/my clip"), .album = "Trips"};
+    request.transfer.headers = {"X-Key: a\r\nX-Other: b"};
+    EXPECT_THROW(engine.save(request), EngineRefused);
+    request.transfer.headers = {"X-Key: seCret"};
+    request.transfer.cookies = "127.0.0.1\tFALSE\t/\tFALSE\t0\tsid\tseCret2\nh.org\tFALSE\t/\tFALSE\t0\tsid\tother";
+    id = engine.save(request);
+    while (engine.transfers()[id].received < 1000) engine.nextEvent(std::chrono::milliseconds(5));
+    EXPECT_EQ(engine.transfers()[id].expected, bytes.size());
+    engine.pause(id);
+    EXPECT_THROW(engine.pause(id + 1), EngineRefused);
+    EXPECT_FALSE(engine.storedWork().hasTransfers) << "nothing goes on by itself";
+  }
+  Engine engine({.home = place / "home"});
+  engine.open();
+  EXPECT_TRUE(engine.transfers()[id].isPaused);
+  EXPECT_EQ(engine.transfers()[id].received, 1000U);
+  EXPECT_EQ(engine.downloads().at(0).status, "STATUS_RUNNING");
+  engine.resume(id);
+  EXPECT_THROW(engine.resume(id), EngineRefused);
+  while (const auto event = engine.nextEvent()) {
+    if (event->name != "downloadComplete") continue;
+    EXPECT_THAT(event->data, HasSubstr("M\xC3\xA4rz.mov"));
+    break;
+  }
+  const auto outcome = engine.outcome(id);
+  ASSERT_TRUE(outcome.assetId) << outcome.failure.value_or("");
+  EXPECT_EQ(engine.assetPath(*outcome.assetId, "Trips"), place / "home/Photos/Trips/M\xC3\xA4rz.mov");
+  ASSERT_EQ(server.requests().size(), 2U);
+  EXPECT_EQ(server.requests()[1].header("range"), "bytes=1000-");
+  EXPECT_EQ(server.requests()[1].header("x-key"), "seCret");
+  EXPECT_EQ(server.requests()[1].header("cookie"), "sid=seCret2");
+  EXPECT_EQ(contentOf(place / "home/log/tarn.log").find("seCret"), std::string::npos);
+}
+
 TEST(ApiTest, TheLogOfAnEngineComesAheadOfWhereElseItGoesHoweverTheyAreMade) {
   const TempDirectory place;
   std::vector<std::string> lines;

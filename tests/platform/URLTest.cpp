@@ -47,6 +47,8 @@ TEST(URL, losesItsSecretsInTextsAndNothingElse) {
        "https://h/?KEY=***&sig=***&Signature=***&password=***&%74oken=***&monkey=6&keys=7"},
       {"https://h/a?X-Amz-Signature=1&access_token=2&key#api.key=3",
        "https://h/a?X-Amz-Signature=***&access_token=***&key#api.key=***"},
+      {"http://h/?accessToken=1&user_pass=2&SID=3&bypass=4&sessions=5",
+       "http://h/?accessToken=***&user_pass=***&SID=***&bypass=4&sessions=5"},
       {"from \"http://a:b@h/1\" to http://c:d@h/2, then", "from \"http://***@h/1\" to http://***@h/2, then"},
       {"ftp://a:b@h?token=1 :// http:// https://", "ftp://a:b@h?token=1 :// http:// https://"},
       {"token=1 mail@h", "token=1 mail@h"},

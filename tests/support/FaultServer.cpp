@@ -84,6 +84,7 @@ std::string headOf(const ServedFile& file, const Selection& selection, const Rep
       {"ETag", reply.omitsValidators ? "" : file.etag},
       {"Last-Modified", reply.omitsValidators ? "" : lastModified},
       {"Content-Range", selection.contentRange},
+      {"Content-Disposition", reply.disposition},
       {"Content-Encoding", reply.contentEncoding},
       {"Transfer-Encoding", reply.chunked ? "chunked" : ""},
       {"Connection", reply.omitsLength ? "close" : ""},

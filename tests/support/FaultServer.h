@@ -34,6 +34,7 @@ struct Reply {
   bool omitsLength = false;                      ///< no Content-Length; the end of the connection ends the body
   bool chunked = false;                          ///< chunked coding
   std::string contentType = "video/mp4";         ///< Content-Type field
+  std::string disposition = {};                  ///< Content-Disposition field
   std::string contentEncoding = {};              ///< Content-Encoding field; the file is taken to be in that coding
   std::optional<uint64_t> closeAfter = {};       ///< closes the connection after that many bytes of the body
   std::optional<uint64_t> stallAfter = {};       ///< falls silent after that many bytes of the body, until the client

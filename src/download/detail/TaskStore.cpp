@@ -1,6 +1,7 @@
 #include "download/detail/TaskStore.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "platform/Error.h"
 #include "platform/Log.h"
@@ -66,7 +67,9 @@ void TaskStore::persist() {
   std::lock_guard guard(mutex_);
   std::vector<DownloadTaskData> tasks;
   for (const DownloadTaskPointer& task : registry_.all()) {
-    tasks.push_back({.id = task->id, .request = task->request, .status = std::string(rawValue(task->status()))});
+    DownloadRequest request = task->request;
+    request.filename = task->filename();
+    tasks.push_back({.id = task->id, .request = std::move(request), .status = std::string(rawValue(task->status()))});
   }
   try {
     defaults_.setData(downloadsKey, encodeDownloadTasks(tasks));

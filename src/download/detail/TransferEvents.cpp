@@ -5,6 +5,7 @@
 
 #include "download/FirstRecord.h"
 #include "platform/Log.h"
+#include "platform/SafeName.h"
 
 namespace tarn {
 namespace {
@@ -26,11 +27,13 @@ Path withId(const Path& file, int64_t id) {
   return file.parent_path() / name;
 }
 
-/// What was asked for. The flags are those of the transfer's note, if it has one: a task of an earlier process may have
-/// come back without them.
+/// What was asked for, with the name that the server gives if the request has none of its own. The flags are those of
+/// the transfer's note, if it has one: a task of an earlier process may have come back without them.
 DownloadRequest requestOf(const DownloadTask& task, const NSURLSessionDownloadTask& transfer) {
   DownloadRequest request = task.request;
   if (const auto note = NotedDownload::parse(transfer.taskDescription())) request.takeFlagsOf(note->request);
+  const auto serversName = request.takesServersName ? transfer.suggestedFilename() : std::nullopt;
+  if (serversName) request.filename = videoName(*serversName);
   return request;
 }
 
@@ -105,7 +108,10 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
                                                         const Path& location) {
   FileManager& files = engine_.platform.files;
   try {
-    const auto hold = holdDestination(*task);
+    if (request.filename != task->request.filename) {
+      task->update([&](DownloadTask::Snapshot& fields) { fields.serversName = request.filename; });
+    }
+    const auto hold = holdDestination(task->id, request);
     log("Download finished for url {} moving to {}", location.string(), hold.path().string());
     if (!files.fileExists(location)) {
       // The page hears of this one with the transfer's last event.
@@ -127,17 +133,17 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
 
 /// Holds the place for the task's file. If another download's pending file is there, or nobody can tell which files are
 /// pending, the new file gets its download's id in its name.
-NamesInTheMaking::Hold TransferEvents::holdDestination(const DownloadTask& task) {
-  const Path destination = engine_.platform.files.documentsDirectory(true) / checkedFilename(task.request);
-  const auto anothers = engine_.store.filesInUse(task.id);
+NamesInTheMaking::Hold TransferEvents::holdDestination(int64_t id, const DownloadRequest& request) {
+  const Path destination = engine_.platform.files.documentsDirectory(true) / checkedFilename(request);
+  const auto anothers = engine_.store.filesInUse(id);
   // A run whose record could not be stored counts too.
   const auto isAnothersRun = [&](const ProcessingState& run) {
-    return run.downloadId != task.id && run.fileURL == destination;
+    return run.downloadId != id && run.fileURL == destination;
   };
   if (anothers && !anothers->contains(destination) && std::ranges::none_of(engine_.gate.runsInHand(), isAnothersRun)) {
     if (auto hold = engine_.names.tryHold(destination)) return std::move(*hold);
   }
-  return engine_.names.hold(withId(destination, task.id));
+  return engine_.names.hold(withId(destination, id));
 }
 
 void TransferEvents::moveIntoPlace(const Path& location, const Path& destination) {

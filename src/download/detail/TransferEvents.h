@@ -31,7 +31,7 @@ class TransferEvents : public NSURLSessionDownloadDelegate {
   bool wasHandedOver(const DownloadTask& task);
   std::optional<ProcessingState> takeFile(const DownloadTaskPointer& task, const DownloadRequest& request,
                                           const Path& location);
-  NamesInTheMaking::Hold holdDestination(const DownloadTask& task);
+  NamesInTheMaking::Hold holdDestination(int64_t id, const DownloadRequest& request);
   void moveIntoPlace(const Path& location, const Path& destination);
   void failHandOver(const DownloadTaskPointer& task, const std::exception_ptr& failure);
 

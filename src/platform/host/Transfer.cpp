@@ -17,6 +17,7 @@ Transfer::Transfer(const TransferRecord& record, Phase phase, uint64_t received,
       url_(record.url),
       owner_(std::move(owner)),
       taskDescription_(record.taskDescription),
+      suggestedFilename_(record.suggestedFilename),
       phase_(phase),
       received_(static_cast<int64_t>(received)),
       expected_(countOf(record.expectedSize)),
@@ -31,6 +32,16 @@ void Transfer::setTaskDescription(const std::string& text) {
   if (const auto owner = owner_.lock()) owner->describe(taskIdentifier_, text);
   std::lock_guard guard(mutex_);
   taskDescription_ = text;
+}
+
+std::optional<std::string> Transfer::suggestedFilename() const {
+  std::lock_guard guard(mutex_);
+  return suggestedFilename_.empty() ? std::nullopt : std::optional(suggestedFilename_);
+}
+
+void Transfer::setSuggestedFilename(const std::string& name) {
+  std::lock_guard guard(mutex_);
+  suggestedFilename_ = name;
 }
 
 Transfer::Phase Transfer::phase() const {

@@ -58,6 +58,7 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
   double fractionCompleted() const override;
   TransferState transferState() const override;
   void setTaskDescription(const std::string& text) override;
+  std::optional<std::string> suggestedFilename() const override;
   void resume() override;
   void suspend() override;
   void cancel() override;
@@ -68,6 +69,8 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
   bool advance(Phase from, Phase to);
 
   void setProgress(uint64_t received, std::optional<uint64_t> expected);
+
+  void setSuggestedFilename(const std::string& name);
 
   /// The next try, and why the last one has failed.
   struct NextTry {
@@ -92,6 +95,7 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
 
   mutable std::mutex mutex_;
   std::string taskDescription_;
+  std::string suggestedFilename_;
   Phase phase_;
   int64_t received_;
   int64_t expected_;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/ContentDisposition.h"
 #include "platform/UTF8.h"
 #include "platform/host/TransferFailure.h"
 
@@ -130,6 +131,8 @@ void TransferAttempt::decide() {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
   }
+  const auto name = takesBody ? filenameOfDisposition(request_.header("Content-Disposition")) : std::nullopt;
+  if (name) record_.suggestedFilename = *name;
   if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded;
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
 }

@@ -250,6 +250,7 @@ void TransferLoop::fail(Job& job, const Error& error) {
 
 /// The job is gone when this returns.
 void TransferLoop::finish(Job& job) {
+  job.transfer->setSuggestedFilename(job.record.suggestedFilename);
   if (!job.transfer->advance(Phase::running, Phase::whole)) {  // a suspension or a cancellation is on its way
     jobs_.erase(job.transfer->taskIdentifier());
     return;

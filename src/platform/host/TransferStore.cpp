@@ -21,6 +21,7 @@ std::string encode(const TransferRecord& record) {
   json document = {
       {"session", record.session},     {"url", record.url},         {"taskDescription", record.taskDescription},
       {"validator", record.validator}, {"started", record.started}, {"complete", record.complete}};
+  if (!record.suggestedFilename.empty()) document["suggestedFilename"] = record.suggestedFilename;
   if (record.isPage) document["isPage"] = true;
   if (record.isTakenAsItIs) document["isTakenAsItIs"] = true;
   if (record.expectedSize) document["expectedSize"] = *record.expectedSize;
@@ -39,6 +40,7 @@ TransferRecord decode(int64_t taskIdentifier, ByteView bytes) {
   document.at("url").get_to(record.url);
   document.at("taskDescription").get_to(record.taskDescription);
   document.at("validator").get_to(record.validator);
+  record.suggestedFilename = document.value("suggestedFilename", "");
   record.isTakenAsItIs = document.value("isTakenAsItIs", false);
   record.isPage = document.value("isPage", false);
   record.started = document.value("started", true);  // records of an older version were all started

@@ -24,6 +24,7 @@ struct TransferRecord {
   int64_t optionsSince = 0;              ///< seconds since 1970 at which they were stored
   std::string validator;                 ///< version of the bytes in the partial file, for If-Range; empty: none
   std::optional<uint64_t> expectedSize;  ///< size of the whole file in bytes, once told
+  std::string suggestedFilename;         ///< by the server; empty: none
   bool isPage = false;                   ///< the server called the bytes a web page
   bool isTakenAsItIs = false;            ///< the server names a coding that is none
   bool started = false;                  ///< it was resumed: the next process goes on with it

@@ -48,6 +48,11 @@ void ScriptedDownloadTask::setTaskDescription(const std::string& text) {
   taskDescription_ = text;
 }
 
+std::optional<std::string> ScriptedDownloadTask::suggestedFilename() const {
+  std::lock_guard guard(mutex_);
+  return suggestedFilename_;
+}
+
 void ScriptedDownloadTask::resume() {
   std::lock_guard guard(mutex_);
   if (state_ == State::suspended) state_ = State::running;
@@ -147,6 +152,12 @@ void ScriptedURLSessionService::call(const std::function<void(NSURLSessionDownlo
   } else {
     event(*delegate);
   }
+}
+
+void ScriptedURLSessionService::suggest(const std::string& url, const std::string& filename) {
+  const auto named = task(url);
+  std::lock_guard guard(named->mutex_);
+  named->suggestedFilename_ = filename;
 }
 
 void ScriptedURLSessionService::writeData(const std::string& url, int64_t total, int64_t expected) {

@@ -28,6 +28,7 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
   double fractionCompleted() const override;
   TransferState transferState() const override;
   void setTaskDescription(const std::string& text) override;
+  std::optional<std::string> suggestedFilename() const override;
   void resume() override;
   void suspend() override;
   void cancel() override;
@@ -43,6 +44,7 @@ class ScriptedDownloadTask : public NSURLSessionDownloadTask {
   const TransferOptions options_;
   mutable std::mutex mutex_;
   std::string taskDescription_;
+  std::optional<std::string> suggestedFilename_;
   NSURLSessionTaskState state_;
   int64_t received_ = 0;   ///< bytes
   int64_t expected_ = -1;  ///< bytes; -1 while not known
@@ -70,6 +72,9 @@ class ScriptedURLSessionService : public NSURLSessionService {
 
   /// The transfer of a URL; throws std::out_of_range when there is none, so that a test fails with its name.
   TaskPointer task(const std::string& url) const;
+
+  /// The server gives the file a name.
+  void suggest(const std::string& url, const std::string& filename);
 
   void writeData(const std::string& url, int64_t total, int64_t expected);
 

@@ -21,7 +21,7 @@ JSObject TaskPayload::failure() const {
 
 JSObject TaskPayload::summary() const {
   JSObject payload{{"status", text(pageText(fields_.status))}, {"reason", text(fields_.reason.description())}};
-  if (task_.request.filename) payload.set("filename", *task_.request.filename);
+  if (const auto filename = task_.filename()) payload.set("filename", *filename);
   payload.set("id", task_.id);
   return payload;
 }
@@ -35,7 +35,7 @@ JSObject TaskPayload::completion() const {
 JSObject TaskPayload::withBytes() const {
   JSObject payload{
       {"id", task_.id}, {"status", text(pageText(fields_.status))}, {"reason", text(fields_.reason.description())}};
-  if (task_.request.filename) payload.set("filename", *task_.request.filename);
+  if (const auto filename = task_.filename()) payload.set("filename", *filename);
   payload.set("bytesDownloaded", fields_.bytesDownloaded);
   payload.set("totalBytes", fields_.totalBytes);
   return payload;
