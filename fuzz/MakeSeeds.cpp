@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -67,9 +68,35 @@ void fragments() {
        {"frag_keyframe", "frag_keyframe+empty_moov+default_base_moof", "frag_every_frame+delay_moov"}) {
     Bytes file = movie("libx264", sound + "-movflags " + flags);
     add("fragments_fuzzer", file);
+    add("kind_fuzzer", file);
     file.resize(file.size() * 3 / 4);
     add("fragments_fuzzer", file);
   }
+}
+
+/// What a lost index is rebuilt from: pictures behind the configuration of their track, and sound without a table.
+void media() {
+  const std::string sound = "-f lavfi -i sine=r=48000 -c:a aac -b:a 16k ";
+  for (const bool isHEVC : {false, true}) {
+    const BoxEditor boxes(movie(isHEVC ? "libx265" : "libx264", sound));
+    const Bytes config =
+        boxes.get(isHEVC ? "moov/trak/mdia/minf/stbl/stsd/hev1/hvcC" : "moov/trak/mdia/minf/stbl/stsd/avc1/avcC");
+    Bytes seed{static_cast<uint8_t>(isHEVC), 0, static_cast<uint8_t>(config.size() - 8)};
+    seed.insert(seed.end(), config.begin() + 8, config.end());
+    // The lengths of these units fit two bytes.
+    const Bytes mdat = boxes.get("mdat");
+    for (size_t at = 8; at + 4 < mdat.size() && mdat[at] == 0 && mdat[at + 1] == 0;) {
+      const size_t end = std::min(at + 4 + (size_t{mdat[at + 2]} << 8 | mdat[at + 3]), mdat.size());
+      seed.insert(seed.end(), mdat.begin() + static_cast<ptrdiff_t>(at + 2),
+                  mdat.begin() + static_cast<ptrdiff_t>(end));
+      at = end;
+    }
+    add("picture_fuzzer", seed);
+  }
+  const Path stream = madeByFFmpeg(words("-f lavfi -i sine=r=48000:d=0.2 -c:a aac -b:a 16k"), ".m4a");
+  PosixFileManager files(stream.parent_path());
+  const Bytes packets = BoxEditor(readFile(files, stream)).get("mdat");
+  add("aac_block_fuzzer", joined({Bytes{6}, Bytes(packets.begin() + 8, packets.end())}));
 }
 
 void parameterSets() {
@@ -102,6 +129,7 @@ int main(int count, char** arguments) {
   tarn::test::place = arguments[1];
   tarn::test::movies();
   tarn::test::fragments();
+  tarn::test::media();
   tarn::test::parameterSets();
   tarn::test::documents();
   return 0;

@@ -115,18 +115,18 @@ class TARN_API Engine {
 
     int64_t id = 0;
     State state = State::pending;
-    std::string filename;
-    std::string album;
-    std::string url;               ///< scheme, host and path
-    std::string started, ended;    ///< ISO 8601 in UTC; no end while it is pending
-    std::string reason;            ///< why it failed, or what a saved one lacks, in words without a stop
-    std::string advice;            ///< what somebody can do about a failure: a sentence, or nothing
-    bool mayTryAgain = false;      ///< retry() is possible, and may help
-    bool maySaveAsItCame = false;  ///< likewise without a repair
-    bool isPartly = false;         ///< saved, and a part of the video is missing
-    std::optional<uint64_t> size;  ///< of a saved video, in bytes
-    std::optional<std::string> assetId;
-    std::string json;  ///< all that is known of it, what was repaired too: docs/json.md
+    std::string filename = {};
+    std::string album = {};
+    std::string url = {};                  ///< scheme, host and path
+    std::string started = {}, ended = {};  ///< ISO 8601 in UTC; no end while it is pending
+    std::string reason = {};               ///< why it failed, or what a saved one lacks, in words without a stop
+    std::string advice = {};               ///< what somebody can do about a failure: a sentence, or nothing
+    bool mayTryAgain = false;              ///< retry() is possible, and may help
+    bool maySaveAsItCame = false;          ///< likewise without a repair
+    bool isPartly = false;                 ///< saved, and a part of the video is missing
+    std::optional<uint64_t> size = {};     ///< of a saved video, in bytes
+    std::optional<std::string> assetId = {};
+    std::string json = {};  ///< all that is known of it, what was repaired too: docs/json.md
   };
 
   struct Answer {
@@ -184,6 +184,11 @@ class TARN_API Engine {
   /// Removes a download that has ended from the history, or all of them; with it goes what was kept for a retry. Throws
   /// EngineRefused for one that has not ended, or is not there.
   void clearHistory(std::optional<int64_t> id = std::nullopt);
+  /// Asks once more for a download that has failed or was cancelled, with the same album and name; `asItCame` without
+  /// any repair. Returns the id of the new download, which takes the place of the old one in the history. Throws
+  /// EngineRefused if it has not ended, was saved, or the history does not keep the request any more: that goes 30 days
+  /// after it was made. Throws EngineLost.
+  int64_t retry(int64_t id, bool asItCame = false);
   /// Has the next stored repair taken up if none is active, and what has ended told again.
   void takeUpStoredRun();
   /// Waits, ten seconds at most, until the engine has let go of a download that has ended.

@@ -44,7 +44,7 @@ int64_t Engine::save(const SaveRequest& request) {
 }
 
 void Engine::cancel(int64_t id) {
-  session_->call("cancel", {{"id", id}});
+  session_->changeDownload(id, "cancel");
 }
 
 void Engine::pause(int64_t id) {
@@ -115,6 +115,10 @@ std::vector<Engine::HistoryEntry> Engine::history(std::optional<int64_t> limit) 
 
 void Engine::clearHistory(std::optional<int64_t> id) {
   session_->clearHistory(id);
+}
+
+int64_t Engine::retry(int64_t id, bool asItCame) {
+  return session_->changeDownload(id, asItCame ? "retryAsItCame" : "retry");
 }
 
 void Engine::takeUpStoredRun() {

@@ -89,9 +89,10 @@ JSObject EngineClient::downloads() {
   return call("getActiveDownloads").data;
 }
 
-void EngineClient::changeDownload(int64_t id, const std::string& action) {
+int64_t EngineClient::changeDownload(int64_t id, const std::string& action) {
   const Answer answer = call(HostPlugin::name(), "changeDownload", {{"id", id}, {"action", action}});
   if (!answer.resolved) throw EngineRefused(answer.message);
+  return valueAt<int64_t>(answer.data, "id", 0);
 }
 
 std::map<int64_t, TransferState> EngineClient::transfers() {

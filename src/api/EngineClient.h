@@ -49,7 +49,7 @@ class EngineClient {
   /// The downloads that the engine has, by their ids.
   JSObject downloads();
   /// Throws EngineRefused.
-  void changeDownload(int64_t id, const std::string& action);
+  int64_t changeDownload(int64_t id, const std::string& action);
   std::map<int64_t, TransferState> transfers();
   Outcome outcome(int64_t id);
   /// Where an asset stands in an album, or in any.

@@ -88,6 +88,8 @@ CommandLine::CommandLine()
   addResumeCommand(table_);
   addRepairCommand(table_);
   addInspectCommand(table_);
+  addDownloadsCommands(table_);
+  addRetryCommand(table_);
   addLibraryCommands(table_);
   addServeCommand(table_);
   addDemoCommand(table_);
@@ -132,8 +134,8 @@ std::string CommandLine::whatIsWrong(const CLI::Error& error) const {
     if (isOption(argument)) {
       return unknown("option", argument.substr(0, argument.find('=')), optionsOf(&command), help);
     }
-    const bool lacksCommand = command.get_require_subcommand_min() > 0;
-    if (argument != "--" && lacksCommand) return unknown("command", argument, commandsOf(command), help);
+    const bool takesCommand = !commandsOf(command).empty();
+    if (argument != "--" && takesCommand) return unknown("command", argument, commandsOf(command), help);
   }
   std::string words = error.what();
   if (words.starts_with("A subcommand is required")) words = "Which command?";

@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -53,9 +54,13 @@ void addResumeCommand(CommandTable& table);
 void addRepairCommand(CommandTable& table);
 void addInspectCommand(CommandTable& table);
 void addLibraryCommands(CommandTable& table);
-/// `downloads` and `cancel`.
+/// `downloads`, `cancel` and `pause`.
 void addDownloadsCommands(CommandTable& table);
+void addRetryCommand(CommandTable& table);
 void addServeCommand(CommandTable& table);
 void addDemoCommand(CommandTable& table);
+
+/// Lets paused downloads go on, which are named as in `tarn downloads`. Returns the exit code.
+int resumeDownloads(const GlobalOptions& global, const std::vector<std::string>& ids);
 
 }  // namespace tarn

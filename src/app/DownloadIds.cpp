@@ -28,8 +28,8 @@ int64_t idNamed(const std::string& text, const std::vector<int64_t>& ids) {
   }
   if (found.size() == 1) return found.front();
   throw Error("Downloads", -1,
-              found.empty() ? fmt::format("There is no download {}; `tarn downloads` lists all", text)
-                            : fmt::format("{} downloads end in {}; give more of the number", found.size(), text));
+              found.empty() ? fmt::format("There is no download {}; `tarn downloads` lists all.", text)
+                            : fmt::format("{} downloads end in {}; give more of the number.", found.size(), text));
 }
 
 }  // namespace tarn

@@ -12,6 +12,7 @@
 #include "app/ProgressPrinter.h"
 #include "engine/History.h"
 #include "engine/Home.h"
+#include "platform/TransferRules.h"
 
 namespace tarn {
 namespace {
@@ -30,6 +31,7 @@ class Downloads {
       hasEngine_ = engine.openRunning();
       if (!hasEngine_) return;
       for (Engine::Download& download : engine.downloads()) live_.emplace(download.id, std::move(download));
+      transfers_ = engine.transfers();
     } catch (const EngineLost&) {
       hasEngine_ = false;
     }
@@ -37,7 +39,7 @@ class Downloads {
 
   void print() const {
     if (global_.json) {
-      for (const HistoryEntry& entry : entries_) printJSON(entry.json());
+      for (const HistoryEntry& entry : entries_) printJSON(jsonOf(entry));
       return;
     }
     if (entries_.empty()) return printLine("There are no downloads yet: `tarn save URL` begins one.");
@@ -68,6 +70,13 @@ class Downloads {
     if (entry.maySaveAsItCame) detail(fmt::format("To save it without the repair: tarn retry {} --as-it-came", id));
   }
 
+  JSObject jsonOf(const HistoryEntry& entry) const {
+    JSObject object = entry.json();
+    const auto transfer = transfers_.find(entry.id);
+    if (transfer != transfers_.end()) object.set("transfer", objectOf(transfer->second));
+    return object;
+  }
+
   std::string whenAndHow(const HistoryEntry& entry) const {
     if (entry.state == State::pending) return progress(entry.id);
     const std::string size = entry.size ? byteText(static_cast<double>(*entry.size)) + "  " : "";
@@ -77,11 +86,26 @@ class Downloads {
 
   std::string progress(int64_t id) const {
     if (!hasEngine_) return "nobody works on it now: `tarn resume` goes on";
+    const auto transfer = transfers_.find(id);
     const auto download = live_.find(id);
-    if (download == live_.end() || download->second.status == "STATUS_PENDING") return "waiting for its turn";
-    if (download->second.status == "STATUS_PROCESSING") return "being repaired";
-    const JSObject task = JSObject::parse(download->second.json).value_or(JSObject());
-    return byteText(static_cast<double>(valueAt<int64_t>(task, "bytesDownloaded", 0)));
+    if (download != live_.end() && download->second.status == "STATUS_PROCESSING") return "being repaired";
+    if (transfer == transfers_.end()) return "waiting";
+    const TransferState& state = transfer->second;
+    const std::string done = doneText(state);
+    if (state.isPaused) return fmt::format("paused at {}: `tarn resume {}` goes on", done, shortId(id, ids_));
+    if (const auto& retry = state.retry) {
+      return fmt::format("{}; retrying in {:.0f} s ({} of {}): {}", done,
+                         std::chrono::duration<double>(retry->in).count(), retry->number, retry->most, retry->why);
+    }
+    const bool isWaiting = download != live_.end() && download->second.status == "STATUS_PENDING";
+    return isWaiting ? "waiting for its turn" : done;
+  }
+
+  static std::string doneText(const TransferState& state) {
+    const auto received = static_cast<double>(state.received);
+    if (!state.expected || *state.expected == 0) return byteText(received);
+    const auto expected = static_cast<double>(*state.expected);
+    return fmt::format("{} of {} ({:.0f} %)", byteText(received), byteText(expected), 100 * received / expected);
   }
 
   const GlobalOptions& global_;
@@ -89,6 +113,7 @@ class Downloads {
   std::vector<int64_t> ids_;
   bool hasEngine_ = false;
   std::map<int64_t, Engine::Download> live_;
+  std::map<int64_t, TransferState> transfers_;
 };
 
 int clearCommand(const GlobalOptions& global) {
@@ -102,12 +127,15 @@ int changeCommand(const GlobalOptions& global, const std::vector<std::string>& n
                   void (Engine::*change)(int64_t id)) {
   CommandEngine command(global);
   Engine& engine = command.engine();
+  const auto entries = engine.history();
   std::vector<int64_t> ids, wanted;
-  for (const auto& entry : engine.history()) ids.push_back(entry.id);
+  for (const auto& entry : entries) ids.push_back(entry.id);
   for (const std::string& name : names) wanted.push_back(idNamed(name, ids));
   int code = ExitCode::done;
   for (const int64_t id : wanted) {
     try {
+      const auto entry = std::ranges::find(entries, id, &Engine::HistoryEntry::id);
+      if (entry->state != Engine::HistoryEntry::State::pending) throw EngineRefused("The download has ended");
       (engine.*change)(id);
       if (global.json) printJSON({{"result", what}, {"id", id}});
     } catch (const EngineRefused& refusal) {
@@ -131,6 +159,10 @@ void addChange(CommandTable& table, const char* name, const char* help, const ch
 
 }  // namespace
 
+int resumeDownloads(const GlobalOptions& global, const std::vector<std::string>& ids) {
+  return changeCommand(global, ids, "resumed", &Engine::resume);
+}
+
 void addDownloadsCommands(CommandTable& table) {
   const auto clears = std::make_shared<bool>(false);
   CLI::App* downloads = table.app.add_subcommand("downloads", "List the downloads: under way, failed and why, saved");
@@ -143,6 +175,8 @@ void addDownloadsCommands(CommandTable& table) {
     };
   });
   addChange(table, "cancel", "Stop downloads and drop what they have fetched", "cancelled", &Engine::cancel);
+  addChange(table, "pause", "Stop downloads and keep what they have fetched, until `tarn resume ID`", "paused",
+            &Engine::pause);
 }
 
 }  // namespace tarn

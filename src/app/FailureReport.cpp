@@ -2,11 +2,33 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "app/Commands.h"
 #include "app/Output.h"
 #include "platform/URL.h"
 
 namespace tarn {
+
+Engine::Outcome outcomeOf(Engine& engine, int64_t id) {
+  using State = Engine::HistoryEntry::State;
+  Engine::Outcome outcome = engine.outcome(id);
+  if (outcome.failure || outcome.assetId) return outcome;
+  const auto history = engine.history();
+  const auto entry = std::ranges::find(history, id, &Engine::HistoryEntry::id);
+  if (entry == history.end() || entry->state == State::pending) return outcome;
+  if (entry->state == State::saved) {
+    outcome.assetId = entry->assetId;
+    outcome.isPartly = entry->isPartly;
+  } else {
+    const bool isCancelled = entry->state == State::cancelled;
+    outcome.failure = isCancelled ? "somebody cancelled the download" : entry->reason;
+    outcome.advice = entry->advice;
+    outcome.mayTryAgain = entry->mayTryAgain && !isCancelled;
+    outcome.maySaveAsItCame = entry->maySaveAsItCame;
+  }
+  return outcome;
+}
 
 int exitCodeOf(const Engine::Outcome& failure) {
   if (failure.isRefused) return ExitCode::refused;

@@ -2,11 +2,15 @@
 
 #include <tarn/engine.h>
 
+#include <cstdint>
 #include <string>
 
 #include "platform/JSObject.h"
 
 namespace tarn {
+
+/// How a download has ended, in the process of this engine or of an earlier one.
+Engine::Outcome outcomeOf(Engine& engine, int64_t id);
 
 /// The exit code of a download that failed.
 int exitCodeOf(const Engine::Outcome& failure);

@@ -115,7 +115,9 @@ int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments)
     if (global.json) {
       printJSON(*JSObject::parse(inspection.json));
     } else {
-      printLine(arguments.isFull ? inspection.text : inspection.brief);
+      std::string text = arguments.isFull ? inspection.text : inspection.brief;
+      text.pop_back();  // its last line's end
+      printText(text);
     }
     return exitCodeOf(inspection);
   } catch (const std::exception& failure) {

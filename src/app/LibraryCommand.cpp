@@ -73,9 +73,10 @@ class StoredLibrary {
   Library library_;
 };
 
-JSObject assetObject(const std::string& album, const LibraryAsset& asset) {
+/// A video of an album, or one that was removed.
+JSObject assetObject(const std::optional<std::string>& album, const LibraryAsset& asset) {
   JSObject object = jsonOf(asset);
-  if (!album.empty()) object.set("album", album);
+  album ? object.set("album", *album) : object.set("removed", true);
   return object;
 }
 
@@ -96,7 +97,7 @@ int listCommand(const GlobalOptions& global, const LibraryOptions& options) {
   if (options.removed) {
     const auto removed = stored.library().removed();
     for (const LibraryAsset& asset : removed) {
-      global.json ? printJSON(assetObject("", asset))
+      global.json ? printJSON(assetObject(std::nullopt, asset))
                   : printLine(fmt::format("{}  {}  {}", asset.assetId, byteText(static_cast<double>(asset.size)),
                                           asset.filename));
     }
@@ -110,6 +111,23 @@ int listCommand(const GlobalOptions& global, const LibraryOptions& options) {
                           options.album ? "The album has" : "The library has"));
   }
   return ExitCode::done;
+}
+
+const char* resultOf(AssetChange::Action action) {
+  using enum AssetChange::Action;
+  switch (action) {
+    case remove:
+      return "removed";
+    case erase:
+      return "erased";
+    case restore:
+      return "restored";
+    case rename:
+      return "renamed";
+    case move:
+      return "moved";
+  }
+  return "";
 }
 
 /// Does the same to all that are named, by the engine of the home, so that nobody else changes the library meanwhile.
@@ -148,9 +166,11 @@ class ChangeCommand {
     using enum AssetChange::Action;
     const bool isGone = action == remove || action == erase;
     if (global_.json) {
-      JSObject object = jsonOf(after.value_or(before));
-      object.set("result", isGone ? "removed" : "changed");
-      if (isGone) object.set("path", JSValue());
+      const JSObject asset = jsonOf(after.value_or(before));
+      JSObject object{{"result", resultOf(action)}};
+      for (const auto& [name, value] : asset.members()) {
+        if (!isGone || name != "path") object.set(name, value);
+      }
       printJSON(object);
     } else if (action == remove) {
       printLine(fmt::format("{} is removed. For 24 hours `tarn library restore {}` brings it back.", before.filename,
@@ -267,7 +287,7 @@ int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
     throw Error("Library", -1, "The library has no videos yet. `tarn save URL` puts one into an album.");
   }
   const bool isShown = !global.json && showOnDesktop(path);
-  if (global.json) printJSON({{"path", path.string()}});
+  if (global.json) printJSON({{"result", "found"}, {"path", path.string()}});
   if (!global.json && !isShown) printPath(path);
   return ExitCode::done;
 }

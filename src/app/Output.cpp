@@ -62,7 +62,11 @@ void printJSON(const JSObject& object) {
   write(escapedJSON(JSObject(std::move(members)).json()));
 }
 
-void printLine(const std::string& text) {
+void printLine(const std::string& line) {
+  write(escaped(line));
+}
+
+void printText(const std::string& text) {
   write(escapedLines(text));
 }
 

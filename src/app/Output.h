@@ -24,8 +24,11 @@ bool isQuiet();
 /// Writes one JSON object as a line to standard output, with the number of the schema as its first member.
 void printJSON(const JSObject& object);
 
-/// Writes text of one line or more to standard output.
-void printLine(const std::string& text);
+/// Writes a line to standard output; a line end in it is escaped too.
+void printLine(const std::string& line);
+
+/// Writes text of one line or more, whose line ends are its own, to standard output.
+void printText(const std::string& text);
 
 /// Writes the path of a result as a line to standard output: to a terminal escaped, to a script as it is.
 void printPath(const std::filesystem::path& path);

@@ -18,7 +18,7 @@ constexpr unsigned mostJobsUnasked = 4;
 
 RepairReport repair(const PlannedRepair& file, const BatchRules& rules, const RepairProgressSink& progress,
                     const std::stop_token& cancel) {
-  if (file.isInPlace()) return repairInPlace(file.input, rules.original, rules.options, progress, cancel);
+  if (file.isInPlace) return repairInPlace(file.input, rules.original, rules.options, progress, cancel);
   return repairFile(file.input, file.output, rules.options, progress, cancel);
 }
 

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -11,10 +12,11 @@
 #include "app/Interrupt.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
+#include "app/RepairArguments.h"
 #include "app/RepairBatch.h"
 #include "app/RepairPlan.h"
-#include "app/RepairResults.h"
 #include "app/RepairStreams.h"
+#include "app/RepairTeller.h"
 #include "pipeline/CancellationToken.h"
 #include "platform/host/PosixFileManager.h"
 
@@ -23,49 +25,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* stream = "-";
-
-struct RepairArguments {
-  std::vector<std::string> inputs;
-  std::optional<std::string> filesFrom;
-  bool listEndsWithZeros = false;
-  std::optional<std::string> output;
-  std::optional<std::string> outputDirectory;
-  std::string suffix;
-  bool isInPlace = false;
-  bool lacksBackup = false;
-  bool isRecursive = false;
-  bool skipsDone = false;
-  std::optional<unsigned> jobs;
-  std::optional<std::string> report;
-  RepairOptions options;
-
-  bool readsStream() const { return inputs.size() == 1 && inputs.front() == stream; }
-  bool writesStream() const { return output == stream; }
-  /// One file that is named: its result is told as that of other commands.
-  bool isSingle() const {
-    std::error_code ignored;
-    return inputs.size() == 1 && !filesFrom && !fs::is_directory(inputs.front(), ignored);
-  }
-};
-
 void requireSense(const GlobalOptions& global, const RepairArguments& given) {
   if (!given.output && !given.outputDirectory && !given.isInPlace) {
-    throw UsageError("say where the result goes: -o OUT, --output-dir DIR or --in-place");
+    throw UsageError("Say where the result goes: -o OUT, --output-dir DIR or --in-place.");
   }
-  if (given.inputs.empty() && !given.filesFrom) throw UsageError("name a file to repair, or --files-from FILE");
+  if (given.inputs.empty() && !given.filesFrom) throw UsageError("Name a file to repair, or --files-from FILE.");
   for (const std::string& input : given.inputs) {
-    if (input == stream && !(given.isSingle() && given.output)) {
-      throw UsageError("standard input (-) must be the only input, and needs -o OUT");
+    if (input == RepairArguments::stream && !(given.isSingle() && given.output)) {
+      throw UsageError("Standard input (-) must be the only input, and needs -o OUT.");
     }
   }
   if (!given.writesStream()) return;
-  if (global.json) throw UsageError("--json and -o - both write to standard output");
-  if (isTerminal(STDOUT_FILENO)) throw UsageError("standard output is a terminal; send it to a file");
+  if (global.json) throw UsageError("--json and -o - both write to standard output.");
+  if (isTerminal(STDOUT_FILENO)) throw UsageError("Standard output is a terminal; send it to a file.");
 }
 
 std::string listOf(const std::string& file) {
-  if (file == stream) return {std::istreambuf_iterator<char>(std::cin), {}};
+  if (file == RepairArguments::stream) return {std::istreambuf_iterator<char>(std::cin), {}};
   PosixFileManager disk("");
   const Bytes bytes = readFile(disk, file);
   return std::string(textOf(bytes));
@@ -85,114 +61,6 @@ void sweep(const RepairArguments& given, const RepairPlan& plan) {
   for (const PlannedRepair& file : plan.files) places.insert(absolutePath(file.output).parent_path());
   if (given.options.scratch) places.insert(*given.options.scratch);
   for (const Path& place : places) PrivateHome::sweep(place);
-}
-
-/// Tells of each file as it is done, and at the end of all.
-class RepairTeller {
- public:
-  RepairTeller(const GlobalOptions& global, const RepairArguments& given, size_t files)
-      : global_(global), given_(given), files_(files) {
-    if (given.report) report_.emplace(*given.report);
-  }
-
-  void tell(const RepairedFile& result);
-  int tellAll(bool wasInterrupted, double seconds) const;
-
- private:
-  std::string nameOf(const RepairedFile& result) const {
-    return given_.readsStream() ? "Standard input" : result.file.input.string();
-  }
-  void tellInJSON(const RepairedFile& result) const;
-  void tellFailure(const RepairedFile& result) const;
-  void tellResult(const RepairedFile& result) const;
-
-  const GlobalOptions& global_;
-  const RepairArguments& given_;
-  const size_t files_;
-  std::optional<RepairReportFile> report_;
-  RepairTotals totals_;
-  int code_ = ExitCode::done;  ///< of the last file
-};
-
-void RepairTeller::tell(const RepairedFile& result) {
-  totals_.add(result);
-  code_ = exitCodeOf(result);
-  const bool isKnown = result.wasDone && report_ && report_->knows(result.file.input);
-  if (report_ && !isKnown && endOf(result) != RepairEnd::interrupted) report_->append(result);
-  if (global_.json) return tellInJSON(result);
-  result.report.isThere() || result.wasDone ? tellResult(result) : tellFailure(result);
-}
-
-void RepairTeller::tellInJSON(const RepairedFile& result) const {
-  JSObject object = reportObject(result);
-  object.set("input", given_.readsStream() ? stream : result.file.input.string());
-  if (result.report.isThere()) object.set("path", result.report.output.string());
-  if (!result.report.failure.empty()) object.set("error", result.report.failure);
-  printJSON(object);
-  if (!result.report.isThere() && !result.wasDone) tellFailure(result);
-}
-
-void RepairTeller::tellFailure(const RepairedFile& result) const {
-  const RepairReport& report = result.report;
-  if (report.kind == RepairReport::Kind::cancelled) {
-    if (given_.isSingle()) printFailure(fmt::format("Interrupted; {} was not written.", result.file.output.string()));
-    return;
-  }
-  if (result.neverBegan) return printFailure(report.failure);
-  const std::string name = nameOf(result);
-  std::string words = fmt::format("{} was not repaired: {}.", name, report.failure);
-  if (!report.advice.empty()) {
-    words += " " + report.advice;
-  } else if (report.kind != RepairReport::Kind::refused) {
-    words += fmt::format(" `tarn inspect {}` tells more.", name);
-  }
-  printFailure(words);
-}
-
-/// Of one file, notes and its path; of many, a line about each.
-void RepairTeller::tellResult(const RepairedFile& result) const {
-  std::vector<std::string> notes;
-  if (result.report.note) notes.push_back(*result.report.note);
-  for (const std::string& warning : result.report.warnings) notes.push_back("Warning: " + warning);
-  const Path output = absolutePath(result.file.output);
-  if (given_.isSingle()) {
-    if (result.wasDone) notes.emplace_back("The result is there and not older than the file; nothing was done.");
-    for (const std::string& note : notes) {
-      if (given_.writesStream()) {
-        printNote(note);
-      } else if (!isQuiet()) {
-        printLine(note);
-      }
-    }
-    if (!given_.writesStream()) printPath(output);
-    return;
-  }
-  if (isQuiet()) return printPath(output);
-  printLine(fmt::format("[{}/{}] {:<10} {}", totals_.files(), files_, wordOf(endOf(result)), output.string()));
-  for (const std::string& note : notes) printLine("    " + note);
-}
-
-int RepairTeller::tellAll(bool wasInterrupted, double seconds) const {
-  if (given_.isSingle()) return wasInterrupted ? ExitCode::interrupted : code_;
-  const size_t notDone = totals_.of(RepairEnd::partly) + totals_.of(RepairEnd::refused) + totals_.of(RepairEnd::failed);
-  if (global_.json) {
-    printJSON({{"result", wasInterrupted ? "interrupted"
-                          : notDone == 0 ? "done"
-                                         : "failed"},
-               {"files", static_cast<int64_t>(files_)},
-               {"seconds", seconds},
-               {"ends", totals_.object()}});
-  } else if (!isQuiet()) {
-    printLine(fmt::format("{} of {} files in {:.1f} s:", totals_.files() - totals_.of(RepairEnd::interrupted), files_,
-                          seconds));
-    for (const std::string& line : totals_.table()) printLine(line);
-    if (given_.report) printLine("The report is in " + *given_.report);
-  }
-  if (wasInterrupted) {
-    printFailure("Interrupted; the same command with --skip-done goes on.");
-    return ExitCode::interrupted;
-  }
-  return notDone == 0 ? ExitCode::done : ExitCode::failed;
 }
 
 RepairTarget targetOf(const RepairArguments& given) {

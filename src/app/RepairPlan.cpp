@@ -43,11 +43,11 @@ class Planner {
   void add(const Path& input) {
     std::error_code ignored;
     if (!fs::is_directory(input, ignored)) return plan(input, input.filename());
-    if (!isRecursive_) throw UsageError(fmt::format("{} is a directory; add --recursive", input.string()));
-    if (target_.file) throw UsageError("a directory needs --output-dir or --in-place");
+    if (!isRecursive_) throw UsageError(fmt::format("{} is a directory; add --recursive.", input.string()));
+    if (target_.file) throw UsageError("A directory needs --output-dir or --in-place.");
     if (target_.directory && isSame(input, *target_.directory)) {
       throw UsageError(
-          fmt::format("{} is both read and written; name another directory, or use --in-place", input.string()));
+          fmt::format("{} is both read and written; name another directory, or use --in-place.", input.string()));
     }
     addDirectory(input, "");
   }
@@ -57,7 +57,7 @@ class Planner {
       for (const auto& [output, input] : inputOf_) {
         if (!inputs_.contains(output)) continue;
         throw UsageError(
-            fmt::format("{} would be written over; name another directory, or a --suffix", output.string()));
+            fmt::format("{} would be written over; name another directory, or a --suffix.", output.string()));
       }
     }
     return std::move(plan_);
@@ -98,13 +98,13 @@ class Planner {
     const Path output = outputOf(input, name);
     const Path plainInput = plainName(input);
     if (!inputs_.insert({plainInput, input}).second) return;
-    if (target_.file && !plan_.files.empty()) throw UsageError("several files need --output-dir or --in-place");
+    if (target_.file && !plan_.files.empty()) throw UsageError("Several files need --output-dir or --in-place.");
     const auto [other, isNew] = inputOf_.insert({plainName(output), plainInput});
     if (!isNew) {
-      throw UsageError(fmt::format("{} and {} would both become {}", inputs_.at(other->second).string(), input.string(),
-                                   output.string()));
+      throw UsageError(fmt::format("{} and {} would both become {}.", inputs_.at(other->second).string(),
+                                   input.string(), output.string()));
     }
-    plan_.files.push_back({input, output});
+    plan_.files.push_back({input, output, target_.isInPlace()});
   }
 
   const RepairTarget& target_;
@@ -135,7 +135,7 @@ std::vector<Path> pathsInList(std::string_view list, bool endsWithZeros) {
 }
 
 bool isDone(const PlannedRepair& repair) {
-  const Path before = repair.isInPlace() ? originalOf(repair.input) : repair.input;
+  const Path before = repair.isInPlace ? originalOf(repair.input) : repair.input;
   if (isSame(before, repair.output)) return false;  // linked, and not repaired yet
   std::error_code none;
   const auto written = fs::last_write_time(repair.output, none);

@@ -20,9 +20,8 @@ struct RepairTarget {
 
 struct PlannedRepair {
   Path input;
-  Path output;  ///< the input itself: in place
-
-  bool isInPlace() const { return input == output; }
+  Path output;             ///< in place: the input
+  bool isInPlace = false;  ///< asked for, and not by chance
 };
 
 /// Which inputs become which outputs.

@@ -115,10 +115,9 @@ bool RepairReportFile::knows(const Path& input) const {
   return known_.contains(asReadBack(absoluteName(input)));
 }
 
-void RepairReportFile::append(const RepairedFile& result) {
+void RepairReportFile::append(const JSObject& file) {
   JSObject line{{"schema", jsonSchema}};
-  const JSObject facts = reportObject(result);
-  for (const auto& [key, value] : facts.members()) line.set(key, value);
+  for (const auto& [key, value] : file.members()) line.set(key, value);
   write(line.json() + "\n");
 }
 

@@ -32,8 +32,8 @@ class RepairReportFile {
   /// An earlier run has told of this input.
   bool knows(const Path& input) const;
 
-  /// Throws PosixError.
-  void append(const RepairedFile& result);
+  /// Of what reportObject() returns. Throws PosixError.
+  void append(const JSObject& file);
 
  private:
   void write(const std::string& text);

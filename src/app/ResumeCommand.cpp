@@ -23,6 +23,10 @@ class Resume {
 
   int run() {
     try {
+      for (const auto& entry : engine_.history()) {
+        names_[entry.id] = entry.filename;
+        urls_[entry.id] = entry.url;
+      }
       finishAll();
       if (!engine_.isInterrupted()) return report();
     } catch (const EngineInterrupted&) {
@@ -50,11 +54,16 @@ class Resume {
   /// Takes the outcomes that are there; true while any download is active.
   bool look() {
     bool isActive = false;
+    const auto transfers = engine_.transfers();
     const auto downloads = engine_.downloads();
     stored_ = engine_.storedWork();
     for (const Engine::Download& download : downloads) {
       const int64_t id = download.id;
       names_[id] = download.filename;
+      if (const auto transfer = transfers.find(id); transfer != transfers.end() && transfer->second.isPaused) {
+        if (shown_.insert(id).second) printNote(download.filename + " is paused: name it to let it go on");
+        continue;
+      }
       const std::string& status = download.status;
       if (status == "STATUS_SUCCESSFUL" && isStillTelling(id)) {
         isActive = true;
@@ -105,14 +114,14 @@ class Resume {
   }
 
   Engine::Outcome failure(int64_t id) {
-    Engine::Outcome outcome = engine_.outcome(id);
+    Engine::Outcome outcome = outcomeOf(engine_, id);
     if (!outcome.failure) outcome.failure = "the reason is in the log";
     return outcome;
   }
 
   void takeSaved(int64_t id) {
     if (codes_.contains(id)) return;
-    Engine::Outcome outcome = engine_.outcome(id);
+    Engine::Outcome outcome = outcomeOf(engine_, id);
     outcome.failure.reset();
     codes_[id] = outcome.isPartly ? ExitCode::partly : ExitCode::done;
     const auto path = engine_.assetPath(outcome.assetId.value_or(""));
@@ -138,6 +147,7 @@ class Resume {
 
   JSObject resultOf(int64_t id, const Engine::Outcome& outcome) {
     JSObject result{{"result", ""}, {"id", id}, {"filename", names_[id]}};
+    if (!urls_[id].empty()) result.set("url", urls_[id]);
     addTo(result, outcome);
     return result;
   }
@@ -145,7 +155,8 @@ class Resume {
   std::string nameOf(int64_t id) {
     const std::string& name = names_[id];
     const bool hasName = !name.empty() && name != std::to_string(id);
-    return hasName ? name : fmt::format("Download {}", id);
+    const std::string from = urls_[id].empty() ? "" : " from " + urls_[id];
+    return (hasName ? name : fmt::format("Download {}", id)) + from;
   }
 
   void show(const Engine::Download& download) {
@@ -185,6 +196,7 @@ class Resume {
   bool wasIdle_ = false;
   std::map<int64_t, int> codes_;  ///< of those that have ended
   std::map<int64_t, std::string> names_;
+  std::map<int64_t, std::string> urls_;  ///< without what is secret in them
   std::set<int64_t> shown_;
   VanishedWork vanished_;
   std::map<int64_t, int> looksAtSaved_;
@@ -199,8 +211,13 @@ int resumeCommand(const GlobalOptions& global) {
 }  // namespace
 
 void addResumeCommand(CommandTable& table) {
-  table.app.add_subcommand("resume", "Finish what was interrupted")->callback([&table] {
-    table.chosen = [&table] { return resumeCommand(table.global); };
+  const auto ids = std::make_shared<std::vector<std::string>>();
+  CLI::App* resume = table.app.add_subcommand("resume", "Finish what was interrupted, or let paused downloads go on");
+  resume->add_option("ID", *ids, "A paused download of `tarn downloads`: a number, or its last digits");
+  resume->callback([&table, ids] {
+    table.chosen = [&table, ids] {
+      return ids->empty() ? resumeCommand(table.global) : resumeDownloads(table.global, *ids);
+    };
   });
 }
 

@@ -146,7 +146,7 @@ void Saves::takeEnd(const JSObject& data) {
   const auto id = valueAt<int64_t>(data, "id", 0);
   if (!open_.contains(id)) return;
   if (global_.json) printJSON({{"event", "downloadComplete"}, {"data", data}});
-  Engine::Outcome outcome = engine_.outcome(id);
+  Engine::Outcome outcome = outcomeOf(engine_, id);
   if (valueAt<std::string>(data, "status", "") == "STATUS_SUCCESSFUL") {
     outcome.failure.reset();
     outcome.assetId = valueAt<std::string>(data, "assetId", "");
@@ -171,7 +171,7 @@ void Saves::look() {
   for (const auto& [id, status] : ended) {
     engine_.cancel(id);
     const bool hasFailed = status == "STATUS_FAILED";
-    Engine::Outcome outcome = hasFailed ? engine_.outcome(id) : failureOf(VanishedWork::words(status));
+    Engine::Outcome outcome = hasFailed ? outcomeOf(engine_, id) : failureOf(VanishedWork::words(status));
     if (!outcome.failure) outcome = failureOf("the reason is in the log", false);
     end(id, std::move(outcome));
   }
@@ -212,7 +212,7 @@ void Saves::endTheGone() {
     if (save.isGone) gone.push_back(id);
   }
   for (const int64_t id : gone) {
-    Engine::Outcome outcome = engine_.outcome(id);
+    Engine::Outcome outcome = outcomeOf(engine_, id);
     const bool isKnown = outcome.assetId || outcome.failure;
     if (!isKnown && hasOtherEngine_ && savedSinceStart(open_.at(id))) {
       outcome.assetId = "";

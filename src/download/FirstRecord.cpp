@@ -74,6 +74,7 @@ ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t 
 
 void deriveFlags(FileManager& files, ProcessingState& record) {
   const Path& path = record.fileURL;
+  record.areFlagsFinal = true;
   if (isInFragments(files, path)) {
     logLine("The movie is in fragments - it is kept as it came");
     record.needsRemuxing = false;

@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <set>
 
+#include "inspect/FailureAdvice.h"
+#include "inspect/SummaryJSON.h"
 #include "platform/Log.h"
+#include "platform/TransferRules.h"
 
 namespace tarn {
 namespace {
@@ -35,6 +38,12 @@ std::string withShownURL(std::string words, const std::string& url) {
   return words;
 }
 
+std::optional<DownloadRequest> requestOf(const std::string& text) {
+  auto noted = NotedDownload::parse(text);
+  if (!noted) return std::nullopt;
+  return std::move(noted->request);
+}
+
 HistoryEntry entryOf(const RunOutcome& outcome, Date now) {
   HistoryEntry entry{.id = outcome.id, .ended = now};
   switch (outcome.kind) {
@@ -42,14 +51,19 @@ HistoryEntry entryOf(const RunOutcome& outcome, Date now) {
       entry.state = HistoryEntry::State::saved;
       if (outcome.isPartly) entry.reason = fmt::format("{}", fmt::join(outcome.leftAlone, "; "));
       entry.isPartly = outcome.isPartly;
+      entry.summary = summaryJSON(outcome.summary).json();
       entry.size = outcome.size;
       entry.assetId = outcome.assetId;
       break;
-    case RunOutcome::Kind::failed:
+    case RunOutcome::Kind::failed: {
+      const FailureAdvice advice = adviceFor(outcome);
       entry.state = HistoryEntry::State::failed;
       entry.reason = outcome.words;
-      entry.mayTryAgain = !outcome.isRefused;
+      entry.advice = advice.words;
+      entry.mayTryAgain = advice.mayTryAgain;
+      entry.maySaveAsItCame = advice.maySaveAsItCame;
       break;
+    }
     case RunOutcome::Kind::cancelled:
       entry.state = HistoryEntry::State::cancelled;
       entry.mayTryAgain = true;
@@ -85,8 +99,16 @@ History::History(FileManager& files, const Clock& clock, const Path& home)
 }
 
 std::vector<HistoryEntry> History::read(const Path& home) {
-  auto table = HistoryTable::openForReading(home / fileName);
-  return table ? table->entries(std::nullopt) : std::vector<HistoryEntry>();
+  const Path path = home / fileName;
+  try {
+    auto table = HistoryTable::openForReading(path);
+    return table ? table->entries(std::nullopt) : std::vector<HistoryEntry>();
+  } catch (const SQLiteError& error) {
+    const char* const next = isDamage(error) ? ". The next save or `tarn resume` puts it aside." : ".";
+    throw Error(
+        "History", error.code(),
+        fmt::format("The history of downloads ({}) cannot be read: {}{}", path.string(), error.description(), next));
+  }
 }
 
 std::optional<std::string> History::problem() const {
@@ -175,8 +197,8 @@ void History::began(int64_t id, const DownloadRequest& request) noexcept {
 void History::ended(const RunOutcome& outcome) noexcept {
   use([&](HistoryTable& table) {
     HistoryEntry entry = entryOf(outcome, clock_.now());
-    const auto noted = NotedDownload::parse(table.request(outcome.id));
-    if (noted) entry.reason = withShownURL(std::move(entry.reason), noted->request.url);
+    const auto request = requestOf(table.request(outcome.id));
+    if (request) entry.reason = withShownURL(std::move(entry.reason), request->url);
     table.end(entry);
   });
 }
@@ -216,9 +238,7 @@ std::optional<HistoryEntry> History::entry(int64_t id) {
 std::optional<DownloadRequest> History::request(int64_t id) {
   std::string text;
   use([&](HistoryTable& table) { text = table.request(id); });
-  auto noted = NotedDownload::parse(text);
-  if (!noted) return std::nullopt;
-  return std::move(noted->request);
+  return requestOf(text);
 }
 
 void History::clear(const std::optional<int64_t>& id) {

@@ -23,7 +23,7 @@ class History : public DownloadListener {
 
   History(FileManager& files, const Clock& clock, const Path& home);
 
-  /// The rows of a home that another process may be changing, the newest first. Throws SQLiteError when they cannot be
+  /// The rows of a home that another process may be changing, the newest first. Throws Error when they cannot be
   /// read.
   static std::vector<HistoryEntry> read(const Path& home);
 

@@ -119,10 +119,14 @@ void Host::takeUpStoredRun() {
 }
 
 void Host::sweepPosters() {
-  std::set<std::string> ids;
-  for (const PHAsset& asset : photos_.fetchAllAssets()) ids.insert(asset.localIdentifier);
-  for (const PHAsset& asset : photos_.fetchDeletedAssets()) ids.insert(asset.localIdentifier);
-  posters_.keepOnly(ids);
+  try {
+    std::set<std::string> ids;
+    for (const PHAsset& asset : photos_.fetchAllAssets()) ids.insert(asset.localIdentifier);
+    for (const PHAsset& asset : photos_.fetchDeletedAssets()) ids.insert(asset.localIdentifier);
+    posters_.keepOnly(ids);
+  } catch (const Error& error) {
+    log("The posters were not looked through: {}", error.description());
+  }
 }
 
 /// Makes the link to the albums of the default home once: one that the user has removed does not come back.

@@ -28,19 +28,6 @@ std::vector<PHAsset> assetsOf(PHPhotoLibrary& photos, const std::optional<std::s
   return assets;
 }
 
-JSObject objectOf(const TransferState& state) {
-  JSObject object{{"received", static_cast<int64_t>(state.received)}};
-  if (state.expected) object.set("expected", static_cast<int64_t>(*state.expected));
-  object.set("paused", state.isPaused);
-  if (const auto& retry = state.retry) {
-    object.set("retry", JSObject{{"number", retry->number},
-                                 {"most", retry->most},
-                                 {"seconds", std::chrono::duration<double>(retry->in).count()},
-                                 {"why", retry->why}});
-  }
-  return object;
-}
-
 /// Rejects the call with the words of a failure.
 template <typename Work>
 void orReject(const CAPPluginCallPointer& call, const Work& work) {
@@ -184,9 +171,12 @@ void HostPlugin::getTransfers(const CAPPluginCallPointer& call) {
 
 void HostPlugin::changeDownload(const CAPPluginCallPointer& call) {
   using Action = void (HostPlugin::*)(int64_t id, const CAPPluginCallPointer& call);
-  static constexpr std::array<std::pair<std::string_view, Action>, 2> actions{{
+  static constexpr std::array<std::pair<std::string_view, Action>, 5> actions{{
       {"pause", &HostPlugin::pause},
       {"resume", &HostPlugin::resume},
+      {"cancel", &HostPlugin::cancel},
+      {"retry", &HostPlugin::retry},
+      {"retryAsItCame", &HostPlugin::retryAsItCame},
   }};
   const auto id = call->getInt("id");
   if (!id) return call->reject("No such download");
@@ -213,6 +203,18 @@ void HostPlugin::importLocal(const CAPPluginCallPointer& call) {
   const auto album = call->getString("album");
   if (!path || !filename || !album || album->empty()) return call->reject("A path, a filename and an album are needed");
   orReject(call, [&] { call->resolve({{"id", host_.importLocal(*path, *filename, *album)}}); });
+}
+
+void HostPlugin::cancel(int64_t id, const CAPPluginCallPointer& call) {
+  actions_.cancel(id, call);
+}
+
+void HostPlugin::retry(int64_t id, const CAPPluginCallPointer& call) {
+  actions_.retry(id, false, call);
+}
+
+void HostPlugin::retryAsItCame(int64_t id, const CAPPluginCallPointer& call) {
+  actions_.retry(id, true, call);
 }
 
 void HostPlugin::takeUpStoredRun(const CAPPluginCallPointer& call) {

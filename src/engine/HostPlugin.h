@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/HistoryActions.h"
 #include "platform/Capacitor.h"
 
 namespace tarn {
@@ -29,7 +30,10 @@ class Host;
 /// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`
 ///   of them where the server has told, `paused`, and while another try is due `retry`: its `number`, how many there
 ///   are at `most`, the `seconds` until it comes, and `why` the last one failed.
-/// - changeDownload {id, action}: "pause" stops a transfer and keeps what it has fetched, "resume" lets it go on.
+/// - changeDownload {id, action}: "pause" stops a transfer and keeps what it has fetched, "resume" lets it go on,
+///   "cancel" stops a download and drops what it has fetched; "retry" asks once more for one that failed or was
+///   cancelled, "retryAsItCame" without any repair, and answers with the `id` of the new download, which takes the
+///   place of the old one in the history.
 /// - importLocal {path, filename, album}: has a file of this machine, which is moved away, repaired and put into an
 ///   album like a download that has arrived; `id` of that.
 /// - takeUpStoredRun {}: has the next stored run taken up, if none is active.
@@ -42,7 +46,7 @@ class Host;
 class HostPlugin : public CAPPlugin {
  public:
   /// The host must outlive the plug-in.
-  explicit HostPlugin(Host& host) : host_(host) {}
+  explicit HostPlugin(Host& host) : host_(host), actions_(host) {}
 
   static const std::string& name();
 
@@ -70,8 +74,12 @@ class HostPlugin : public CAPPlugin {
 
   void pause(int64_t id, const CAPPluginCallPointer& call);
   void resume(int64_t id, const CAPPluginCallPointer& call);
+  void cancel(int64_t id, const CAPPluginCallPointer& call);
+  void retry(int64_t id, const CAPPluginCallPointer& call);
+  void retryAsItCame(int64_t id, const CAPPluginCallPointer& call);
 
   Host& host_;
+  HistoryActions actions_;
 };
 
 }  // namespace tarn

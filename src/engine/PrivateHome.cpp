@@ -8,24 +8,28 @@
 #include <utility>
 
 #include "platform/Error.h"
+#include "platform/host/PosixCalls.h"
 
 namespace tarn {
 namespace {
 
 constexpr const char* prefix = ".tarn-repair-";
 
-/// The lock of a directory, if it can be had. Whoever holds it owns the directory; it goes with the process.
-Descriptor lockDirectory(const Path& path, int flags) {
-  Descriptor lock(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
-  if (lock.isOpen() && flock(*lock, LOCK_EX | flags) != 0) lock = Descriptor();
-  return lock;
+Descriptor openDirectory(const Path& path) {
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
 }
 
-/// False for a directory that was removed between being made and being locked.
-bool isStillNamed(const Descriptor& lock, const Path& path) {
+/// Whoever has the lock owns the directory; it goes with the process. False if another has it, or the file system knows
+/// no locks.
+bool lock(const Descriptor& directory, int flags) {
+  return repeatInterrupted([&] { return ::flock(*directory, LOCK_EX | flags); }) == 0;
+}
+
+/// False for a directory that was removed between being opened and being locked.
+bool isStillNamed(const Descriptor& directory, const Path& path) {
   struct stat named {};
   struct stat opened {};
-  return ::stat(path.c_str(), &named) == 0 && ::fstat(*lock, &opened) == 0 && named.st_ino == opened.st_ino;
+  return ::stat(path.c_str(), &named) == 0 && ::fstat(*directory, &opened) == 0 && named.st_ino == opened.st_ino;
 }
 
 }  // namespace
@@ -44,9 +48,10 @@ void PrivateHome::make() {
   sweep(place_);
   for (;;) {
     if (::mkdir(path_.c_str(), 0700) != 0) throw PosixError(errno, "make a directory in " + place_.string());
-    lock_ = lockDirectory(path_, 0);
-    // Where the file system knows no locks, nobody can take the directory for abandoned either.
-    if (!lock_.isOpen() || isStillNamed(lock_, path_)) break;
+    lock_ = openDirectory(path_);
+    if (!lock_.isOpen() && errno != ENOENT) throw PosixError(errno, "open " + path_.string());
+    // Until it is locked, a sweep may take it for abandoned. Where the file system knows no locks, none can.
+    if (lock_.isOpen() && (!lock(lock_, 0) || isStillNamed(lock_, path_))) break;
   }
   isMade_ = true;
 }
@@ -56,8 +61,9 @@ void PrivateHome::sweep(const Path& place) {
   std::filesystem::directory_iterator entry(place, ignored);
   for (; entry != std::filesystem::directory_iterator(); entry.increment(ignored)) {
     if (!entry->path().filename().native().starts_with(prefix)) continue;
-    const Descriptor lock = lockDirectory(entry->path(), LOCK_NB);
-    if (lock.isOpen()) std::filesystem::remove_all(entry->path(), ignored);
+    const Descriptor directory = openDirectory(entry->path());
+    if (!directory.isOpen() || !lock(directory, LOCK_NB) || !isStillNamed(directory, entry->path())) continue;
+    std::filesystem::remove_all(entry->path(), ignored);
   }
 }
 

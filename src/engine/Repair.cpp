@@ -117,6 +117,7 @@ class SingleRepair {
   const std::optional<FileAttributes> facts_ = disk_.attributes(request_.input);
   Path source_ = request_.input;
   std::string rebuilt_;                   ///< what was done about a lost index, for people
+  std::vector<std::string> unbuilt_;      ///< what of it could not be, for people
   std::optional<std::string> brokenOff_;  ///< of a movie that was rebuilt, why its end is lost
   RepairResult result_;
 };
@@ -135,6 +136,7 @@ RepairResult SingleRepair::run() {
   if (outcome.failure && isOfTheFile(outcome.failure)) outcome.isRefused = true;
   if (outcome.kind != RunOutcome::Kind::saved) return result_;
   if (!rebuilt_.empty()) tellOfRebuilding(outcome.summary);
+  for (const std::string& words : unbuilt_) outcome.leftAlone.push_back(words);
   if (brokenOff_) {
     outcome.isPartly = true;
     outcome.leftAlone.insert(outcome.leftAlone.begin(), *brokenOff_);
@@ -174,6 +176,7 @@ void SingleRepair::rebuild() {
                      rebuilt.pictures, rebuilt.seconds));
   rebuilt_ = fmt::format("rebuilt it from the media: {} pictures, {:.1f} s", rebuilt.pictures, rebuilt.seconds);
   brokenOff_ = rebuilt.brokenOff;
+  unbuilt_ = rebuilt.notes;
 }
 
 void SingleRepair::runSteps() {

@@ -123,6 +123,7 @@ class Finder {
   /// Returns true if samples are missing.
   bool readTables(uint64_t mediaEnd) {
     bool areAnyMissing = false;
+    movie_.tables.reserve(movie_.moov.children.size());  // growing would copy the tables
     for (const MovieBox& trak : movie_.moov.children) {
       if (!isTrack(trak)) continue;
       const MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});

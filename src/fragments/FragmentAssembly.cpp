@@ -75,6 +75,7 @@ class Assembly {
 PlainMovie assemblePlainMovie(FragmentedMovie movie) {
   Assembly(movie).fitMoov();
   PlainMovie plain{.ftyp = std::move(movie.ahead), .moov = std::move(movie.moov), .tables = {}};
+  plain.tables.reserve(movie.tracks.size());  // growing would copy the tables
   for (FragmentTrack& track : movie.tracks) plain.tables.push_back(std::move(track.tables()));
   return plain;
 }

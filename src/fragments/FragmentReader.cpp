@@ -181,7 +181,8 @@ class Reader {
 
   void keep(const BoxHeader& box) {
     if (movie_.ahead.size() + box.size > mostKeptBytes || namesPlaces(box)) {
-      movie_.notes.push_back(fmt::format("The {} at {} ({} bytes) is left out", box.type, box.offset, box.size));
+      if (!firstLeftOut_) firstLeftOut_ = box;
+      ++leftOut_;
     } else {
       movie_.ahead = joined(std::move(movie_.ahead), readBox(file_, box));
     }
@@ -300,6 +301,12 @@ class Reader {
       movie_.notes.push_back(fmt::format("{} event message{} (emsg) {} left out", messages_, messages_ == 1 ? "" : "s",
                                          messages_ == 1 ? "is" : "are"));
     }
+    if (firstLeftOut_) {
+      const std::string first =
+          fmt::format("The {} at {} ({} bytes)", firstLeftOut_->type, firstLeftOut_->offset, firstLeftOut_->size);
+      movie_.notes.push_back(leftOut_ == 1 ? first + " is left out"
+                                           : fmt::format("{} and {} more boxes are left out", first, leftOut_ - 1));
+    }
     uint64_t samples = 0;
     for (const FragmentTrack& track : movie_.tracks) {
       track.finish();
@@ -324,6 +331,8 @@ class Reader {
   uint64_t moovPlace_ = 0;
   bool hasFileType_ = false;
   uint64_t messages_ = 0;
+  std::optional<BoxHeader> firstLeftOut_;
+  uint64_t leftOut_ = 0;
   uint64_t bytesUsed_ = 0;
   uint64_t emptySamples_ = 0;
   double told_ = 0;

@@ -2,15 +2,15 @@
 
 #include <string>
 
-#include "platform/Error.h"
+#include "pipeline/RefusedInput.h"
 
 namespace tarn {
 
 /// A movie in fragments, or one that broke off, that cannot become a whole plain one, because of what it is: trying
 /// again does not help, and nothing was written.
-class FragmentsError : public Error {
+class FragmentsError : public RefusedInput {
  public:
-  explicit FragmentsError(const std::string& words) : Error("Fragments", -1, words) {}
+  explicit FragmentsError(const std::string& words) : RefusedInput("Fragments", -1, words) {}
 
   static FragmentsError ofCutMoov() {
     return FragmentsError(

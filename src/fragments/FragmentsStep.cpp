@@ -13,6 +13,7 @@
 #include "fragments/PlainMovie.h"
 #include "fragments/detail/ResultProof.h"
 #include "pipeline/RunTempFile.h"
+#include "platform/FreedMemory.h"
 #include "platform/Log.h"
 #include "platform/ReadWatch.h"
 #include "presentation/Presentation.h"
@@ -42,10 +43,11 @@ void tellProgress(ProcessingRun& run, double part, const char* words) {
   run.reportProgress(part, words);
 }
 
-/// Writes a new file and puts it in the place of the run's, once it is known to hold what `sums` say.
+/// Writes a new file and puts it in the place of the run's, once it is known to hold what `sums` say. `tell` tells of
+/// it and is stored ahead of that: a run that is cut off behind the change finds nothing to do here.
 void replaceFile(ProcessingRun& run, WatchedFiles& files, FileHandle& source,
                  const std::optional<std::vector<TrackSums>>& sums,
-                 const std::function<void(FileHandle& target)>& write) {
+                 const std::function<void(FileHandle& target)>& write, const std::function<void()>& tell) {
   const RunTempFile result(run, files.temporaryDirectory() / (makeUUID() + ".mp4"));
   const auto target = files.open(result.path(), OpenMode::exclusive);
   write(*target);
@@ -54,6 +56,8 @@ void replaceFile(ProcessingRun& run, WatchedFiles& files, FileHandle& source,
   source.close();
   if (sums) requireSums(files, result.path(), *sums);
   files.requireReadable();
+  tell();
+  run.saveState();
   files.replaceItem(run.fileURL, result.path());
 }
 
@@ -72,13 +76,16 @@ void join(ProcessingRun& run, WatchedFiles& files) {
     loss = cutToCommonEnd(plain.moov, plain.tables, missing);
     sums = sumsOf(plain.moov, plain.tables);
   }
-  replaceFile(run, files, *source, std::move(sums), [&](FileHandle& target) {
+  const auto write = [&](FileHandle& target) {
     writePlainMovie(*source, target, std::move(plain),
                     [&](double part) { tell(readingPart + part * (1 - readingPart)); });
-  });
-  for (const std::string& note : notes) run.warn(note);
-  run.mended(std::string(inFragments), "joined the fragments to one plain movie");
-  if (loss) tellLoss(run, *loss);
+  };
+  const auto tellOfIt = [&] {
+    for (const std::string& note : notes) run.warn(note);
+    run.mended(std::string(inFragments), "joined the fragments to one plain movie");
+    if (loss) tellLoss(run, *loss);
+  };
+  replaceFile(run, files, *source, std::move(sums), write, tellOfIt);
 }
 
 /// Keeps what is there of a plain movie that broke off.
@@ -91,15 +98,14 @@ void keepWhatIsThere(ProcessingRun& run, WatchedFiles& files) {
   std::optional<std::vector<TrackSums>> sums;
   if (loss) sums = sumsOf(movie->moov, movie->tables);
   logLine(loss ? loss->words() : "The size of the last mdat is wrong, and all samples are there");
-  replaceFile(run, files, *source, sums, [&](FileHandle& target) {
+  const auto write = [&](FileHandle& target) {
     writeCutMovie(*source, target, *std::move(movie),
                   [&](double part) { tellProgress(run, part, "Keeping what is there"); });
-  });
-  if (loss) {
-    tellLoss(run, *loss);
-  } else {
+  };
+  replaceFile(run, files, *source, sums, write, [&] {
+    if (loss) return tellLoss(run, *loss);
     run.mended("the file promises more media than it holds, though nothing is missing", "corrected the promised size");
-  }
+  });
 }
 
 /// True for a failure that trying again may mend, or that must end the run.
@@ -117,6 +123,7 @@ void FragmentsStep::run(ProcessingRun& run) {
   WatchedFiles files(run.files);
   try {
     isInPieces ? join(run, files) : keepWhatIsThere(run, files);
+    if (isInPieces) giveBackFreedMemory();
   } catch (const Error& error) {
     // What cannot be read looks as if it were not there.
     files.requireReadable();

@@ -97,17 +97,17 @@ Bytes mdatHeader(uint64_t mediaSize) {
   return header;
 }
 
-/// Gives the movie its tables, with the places that the chunks have in the file.
+/// Gives the movie its tables, with the places that the chunks have in the file. There may be millions of samples: each
+/// table is built once.
 void placeMedia(PlainMovie& movie, const Media& media) {
-  // No chunk begins behind 4 GiB of media, so the size of the moov is known ahead of the places.
   moveChunks(movie, [&](uint64_t offset) { return media.newPlace(offset); });
   putTables(movie.moov, movie.tables);
   const uint64_t ahead = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
   const bool isLong = ahead + media.size() > std::numeric_limits<uint32_t>::max();
-  if (isLong) putTables(movie.moov, movie.tables, true);
+  putChunkOffsets(movie.moov, movie.tables, isLong);
   const uint64_t begin = movie.ftyp.size() + movie.moov.size() + layout::longBoxHeaderSize;
   moveChunks(movie, [&](uint64_t offset) { return begin + offset; });
-  putTables(movie.moov, movie.tables, isLong);
+  putChunkOffsets(movie.moov, movie.tables, isLong);
 }
 
 /// Copies ranges of the source, one behind the other.
@@ -185,7 +185,7 @@ void writePlainMovie(FileHandle& source, FileHandle& target, PlainMovie movie,
   placeMedia(movie, media);
   movie.tables.clear();
   target.write(movie.ftyp);
-  target.write(movie.moov.bytes());
+  movie.moov.writeTo(target);
   movie.moov = {};
   target.write(mdatHeader(media.size()));
   RangeCopy(source, target, media, poll).copyAll();

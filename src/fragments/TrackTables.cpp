@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "fragments/detail/OtherTables.h"
+#include "fragments/detail/TableBoxes.h"
 #include "movie/MovieError.h"
 #include "mp4/BoxLayout.h"
 #include "mp4/DataExtensions.h"
@@ -77,37 +79,6 @@ Runs<T> readRuns(const Table& table, uint64_t samples) {
   }
   runs.truncate(samples);
   return runs;
-}
-
-template <typename T>
-MovieBox runBox(std::string_view type, uint8_t version, const Runs<T>& runs) {
-  Bytes contents;
-  contents.reserve(layout::tableHeaderSize + runs.runCount() * layout::runEntrySize);
-  ByteWriter writer(contents);
-  writer.uint32(static_cast<uint32_t>(layout::versionWord(version)));
-  writer.uint32(static_cast<uint32_t>(runs.runCount()));
-  for (const auto& run : runs) writer.uint32(run.count).uint32(static_cast<uint32_t>(run.value));
-  return MovieBox::of(type, std::move(contents));
-}
-
-MovieBox stssBox(const Runs<bool>& syncs) {
-  Bytes numbers;
-  ByteWriter writer(numbers);
-  uint64_t number = 1;
-  for (const auto& run : syncs) {
-    for (uint64_t i = 0; run.value && i < run.count; ++i) writer.uint32(static_cast<uint32_t>(number + i));
-    number += run.count;
-  }
-  Bytes contents;
-  ByteWriter(contents).uint32(0).uint32(static_cast<uint32_t>(numbers.size() / layout::syncEntrySize)).bytes(numbers);
-  return MovieBox::of("stss", std::move(contents));
-}
-
-MovieBox sdtpBox(const Runs<uint8_t>& dependencies) {
-  Bytes contents;
-  ByteWriter(contents).uint32(0);
-  for (const auto& run : dependencies) contents.insert(contents.end(), run.count, run.value);
-  return MovieBox::of("sdtp", std::move(contents));
 }
 
 /// Puts a box in the place of those of either type, or removes them.
@@ -425,45 +396,18 @@ uint64_t TrackTables::endOfLastChunk() const {
   return end;
 }
 
-MovieBox TrackTables::sizeBox() const {
-  const bool haveOneSize = sizes_.runCount() == 1 && sizes_.last() > 0;
-  const bool fit = std::ranges::all_of(sizes_, [&](const auto& run) { return run.value >> compactBits_ == 0; });
-  const bool isCompact = compactBits_ > 0 && fit;
-  const auto count = static_cast<uint32_t>(sizes_.size());
-  const std::string_view type = isCompact ? "stz2" : "stsz";
-  Bytes contents;
-  ByteWriter writer(contents);
-  writer.uint32(0).uint32(isCompact ? compactBits_ : haveOneSize ? sizes_.last() : 0).uint32(count);
-  if (!isCompact && haveOneSize) return MovieBox::of(type, std::move(contents));
-  bool isLowHalf = false;
-  for (const auto& run : sizes_) {
-    for (uint32_t i = 0; i < run.count; ++i, isLowHalf = !isLowHalf) {
-      if (!isCompact) {
-        writer.uint32(run.value);
-      } else if (compactBits_ == 16) {
-        writer.uint16(static_cast<uint16_t>(run.value));
-      } else if (compactBits_ == 8) {
-        writer.uint8(static_cast<uint8_t>(run.value));
-      } else if (isLowHalf) {
-        contents.back() = static_cast<uint8_t>(contents.back() | run.value);
-      } else {
-        writer.uint8(static_cast<uint8_t>(run.value << 4));
-      }
-    }
-  }
-  return MovieBox::of(type, std::move(contents));
+void TrackTables::writeOffsetsTo(MovieBox& stbl, bool areLong) const {
+  place(stbl, "stco", "co64", chunkOffsetBox(chunkOffsets_, areLong));
 }
 
-void TrackTables::writeTo(MovieBox& stbl, bool hasLongOffsets) const {
+void TrackTables::writeTo(MovieBox& stbl) const {
   std::vector<SampleToChunkEntry> entries;
   uint32_t chunk = 1;
   for (const auto& run : chunkKinds_) {
     entries.push_back({chunk, run.value.samples, run.value.description});
     chunk += run.count;
   }
-  const bool isLong = hasLongOffsets || std::ranges::any_of(chunkOffsets_, needs64Bits) ||
-                      (stbl.find({"co64"}) && !stbl.find({"stco"}));
-  const std::vector<uint64_t> places(chunkOffsets_.begin(), chunkOffsets_.end());
+  const bool areLong = std::ranges::any_of(chunkOffsets_, needs64Bits) || (stbl.find({"co64"}) && !stbl.find({"stco"}));
   const bool isShifted = std::ranges::any_of(offsets_, isOtherThanZero<Runs<int32_t>::Run>);
   const bool hasUnsynced = std::ranges::any_of(syncs_, [](const auto& run) { return !run.value; });
   const bool haveDependencies = std::ranges::any_of(dependencies_, isOtherThanZero<Runs<uint8_t>::Run>);
@@ -475,19 +419,33 @@ void TrackTables::writeTo(MovieBox& stbl, bool hasLongOffsets) const {
   placeIf(hasUnsynced, "stss", [&] { return stssBox(syncs_); });
   placeIf(haveDependencies, "sdtp", [&] { return sdtpBox(dependencies_); });
   place(stbl, "stsc", "stsc", MovieBox::of(buildStscBox(entries)));
-  place(stbl, "stsz", "stz2", sizeBox());
-  place(stbl, "stco", "co64", MovieBox::of(buildChunkOffsetBox(places, isLong)));
+  place(stbl, "stsz", "stz2", sizeBox(sizes_, compactBits_));
+  writeOffsetsTo(stbl, areLong);
   groups_.writeTo(stbl);
+  fitOtherTables(stbl, sampleCount());
 }
 
-void putTables(MovieBox& moov, const std::vector<TrackTables>& tables, bool hasLongOffsets) {
+namespace {
+
+/// Calls with each `trak`'s sample table and the tables of the same index.
+void forEachTable(MovieBox& moov, const std::vector<TrackTables>& tables, const auto& use) {
   size_t index = 0;
   for (MovieBox& trak : moov.children) {
     if (trak.type != "trak") continue;
     MovieBox* stbl = trak.find({"mdia", "minf", "stbl"});
     if (!stbl) throw MovieError::damaged("A track has no sample table");
-    tables.at(index++).writeTo(*stbl, hasLongOffsets);
+    use(tables.at(index++), *stbl);
   }
+}
+
+}  // namespace
+
+void putTables(MovieBox& moov, const std::vector<TrackTables>& tables) {
+  forEachTable(moov, tables, [](const TrackTables& own, MovieBox& stbl) { own.writeTo(stbl); });
+}
+
+void putChunkOffsets(MovieBox& moov, const std::vector<TrackTables>& tables, bool areLong) {
+  forEachTable(moov, tables, [&](const TrackTables& own, MovieBox& stbl) { own.writeOffsetsTo(stbl, areLong); });
 }
 
 }  // namespace tarn

@@ -83,9 +83,12 @@ class TrackTables {
 
   /// Puts `stts`, `ctts`, `stsz`, `stsc`, `stco` or `co64`, `stss`, `sdtp`, `sbgp` and grown `sgpd` boxes into an
   /// `stbl`, in the place of those that are there; a box of a kind that no sample needs goes. An `stz2` stays one if it
-  /// can, and a `co64` stays one. Other boxes stay. `hasLongOffsets` asks for a `co64`; there is one anyway if an
-  /// offset does not fit an `stco`. Throws an Error for a table that does not fit its box.
-  void writeTo(MovieBox& stbl, bool hasLongOffsets = false) const;
+  /// can, and a `co64` stays one; there is one also if an offset does not fit an `stco`. An `stdp`, `padb`
+  /// or `subs` says no more of samples that are gone. Other boxes stay. Throws an Error for a table that does not fit
+  /// its box.
+  void writeTo(MovieBox& stbl) const;
+  /// Puts the places of the chunks alone, as `co64` or as `stco`, which must be able to hold them.
+  void writeOffsetsTo(MovieBox& stbl, bool areLong) const;
 
  private:
   struct ChunkKind {
@@ -98,7 +101,6 @@ class TrackTables {
   void readSizes(const MovieBox& stbl);
   void readChunks(const MovieBox& stbl);
   void readFlags(const MovieBox& stbl);
-  MovieBox sizeBox() const;
   /// Calls `visit(chunk, offset, size, samples)` with samples of one size in a row, until it returns false.
   template <typename Visit>
   void visitSamples(Visit visit) const;
@@ -122,6 +124,8 @@ class TrackTables {
 
 /// Writes the tables of each `trak` of a `moov`, in order, as TrackTables::writeTo does. Throws MovieError: damaged for
 /// a track without an `stbl`.
-void putTables(MovieBox& moov, const std::vector<TrackTables>& tables, bool hasLongOffsets = false);
+void putTables(MovieBox& moov, const std::vector<TrackTables>& tables);
+/// The same of the places of the chunks alone, as TrackTables::writeOffsetsTo does.
+void putChunkOffsets(MovieBox& moov, const std::vector<TrackTables>& tables, bool areLong);
 
 }  // namespace tarn

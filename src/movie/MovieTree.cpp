@@ -157,6 +157,15 @@ Bytes MovieBox::bytes() const {
   return target;
 }
 
+void MovieBox::writeTo(FileHandle& target) const {
+  Bytes header = head;
+  const bool isZero = layout::load(header.data(), layout::boxSize) == 0;
+  if (!isCut && !isZero) storeSize(header.data(), header.size(), size(), type);
+  target.write(header);
+  for (const MovieBox& child : children) child.writeTo(target);
+  target.write(contents);
+}
+
 Bytes MovieBox::plainBytes() const {
   Bytes bytes;
   bytes.reserve(layout::boxHeaderSize + contents.size());

@@ -11,6 +11,7 @@
 
 #include "movie/EditRules.h"
 #include "platform/Bytes.h"
+#include "platform/FileManager.h"
 
 namespace tarn {
 
@@ -65,6 +66,8 @@ struct MovieBox {
 
   /// The box as bytes. Throws MovieError: doesNotFit.
   Bytes bytes() const;
+  /// Writes the same, without a second copy of it in memory.
+  void writeTo(FileHandle& target) const;
   /// The same of a box without children, with an 8-byte header: what the fields of `layout` count from.
   Bytes plainBytes() const;
 

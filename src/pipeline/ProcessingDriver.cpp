@@ -70,7 +70,10 @@ void ProcessingDriver::continueProcessing(const ProcessingState& state,
 
 ProcessingStage ProcessingDriver::findStart(ProcessingRun& run, RunLayers& layers) {
   ProcessingStage stage = run.state.stage;
-  if (!layers.takeUp()) return rollBack(run, ProcessingStage::downloaded);
+  if (!layers.takeUp()) {
+    run.startOver();
+    return rollBack(run, ProcessingStage::downloaded);
+  }
   if (wasAudioSwapped(run, layers)) return rollBack(run, ProcessingStage::audioReplaced);
   // The transcoded audio is a temp file of the interrupted step: from here on the step is done again as a whole.
   if (stage == ProcessingStage::transcoded || stage == ProcessingStage::audioReplacing) {
@@ -92,7 +95,6 @@ ProcessingStage ProcessingDriver::rollBack(ProcessingRun& run, ProcessingStage t
     }
   }
   run.state.tempFiles.clear();
-  if (target == ProcessingStage::downloaded) run.startOver();
   run.state.stage = target;
   run.state.lastUpdated = clock_.now();
   run.saveState();
@@ -121,8 +123,10 @@ void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, Processin
   if (run.state.needsRemuxing && isDue(steps_.fragments)) {
     steps_.fragments->run(run);
     // Also if the step has done nothing: a run that was cut off behind it has not stored the flags.
-    if (steps_.deriveFlags) steps_.deriveFlags(run.files, run.state);
-    run.saveState();
+    if (steps_.deriveFlags && !run.state.areFlagsFinal) {
+      steps_.deriveFlags(run.files, run.state);
+      run.saveState();
+    }
   }
   if (run.state.needsRemuxing && isDue(steps_.remux)) {
     steps_.remux->run(run);

@@ -55,7 +55,8 @@ void ProcessingRun::leave(const std::string& words) {
 }
 
 void ProcessingRun::keepPart(const std::string& whatIsMissing) {
-  warn(whatIsMissing);
+  // A pass that was cut off ahead of the change has stored it.
+  if (state.lostEnd != whatIsMissing) warn(whatIsMissing);
   outcome.isPartly = true;
   state.lostEnd = whatIsMissing;
 }

@@ -50,6 +50,7 @@ Json encode(const ProcessingState& state) {
   object["needsRemuxing"] = state.needsRemuxing;
   object["needsAudioTranscode"] = state.needsAudioTranscode;
   object["skipAVSync"] = state.skipAVSync;
+  if (state.areFlagsFinal) object["areFlagsFinal"] = true;
   setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
   setIfPresent(object, "lostEnd", state.lostEnd);
   if (!state.wrong.empty()) object["wrong"] = state.wrong;
@@ -86,6 +87,7 @@ ProcessingState decode(const Json& object) {
   state.needsRemuxing = object.at("needsRemuxing").get<bool>();
   state.needsAudioTranscode = object.at("needsAudioTranscode").get<bool>();
   state.skipAVSync = object.at("skipAVSync").get<bool>();
+  state.areFlagsFinal = optionalValue<bool>(object, "areFlagsFinal").value_or(false);
   state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
   state.lostEnd = optionalValue<std::string>(object, "lostEnd");
   state.wrong = optionalValue<std::vector<std::string>>(object, "wrong").value_or(std::vector<std::string>());

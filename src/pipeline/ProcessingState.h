@@ -26,6 +26,7 @@ struct ProcessingState {
   bool needsRemuxing = false;
   bool needsAudioTranscode = false;
   bool skipAVSync = false;
+  bool areFlagsFinal = false;                ///< the three above were told from a file as the steps can work on it
   std::optional<double> videoFirstPTS = {};  ///< seconds
   std::optional<std::string> lostEnd = {};   ///< what of the video is missing, for people, if a part of it is
   std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: a sentence a fault

@@ -29,7 +29,8 @@ struct ProcessingSteps {
   ProcessingStep* audio = nullptr;
   ProcessingStep* sync = nullptr;
   ProcessingStep* last = nullptr;
-  /// Called behind the `fragments` step: looks at the file and turns off what of the record it does not need.
+  /// Called behind the `fragments` step for a record whose flags are not final: looks at the file and turns off what of
+  /// the record it does not need.
   std::function<void(FileManager& files, ProcessingState& record)> deriveFlags = {};
   /// Called ahead of the steps and behind them, for the summary of the run: what a player shows of a file.
   std::function<std::optional<RepairSummary::Timeline>(FileManager& files, const Path& file)> readTimeline = {};

@@ -1,6 +1,6 @@
 #include "pipeline/RunOutcome.h"
 
-#include "platform/Error.h"
+#include "pipeline/RefusedInput.h"
 #include "platform/PhotoAuthorization.h"
 #include "platform/URL.h"
 
@@ -20,6 +20,8 @@ bool isOfFullDisk(const std::exception_ptr& reason) {
 bool isRefusal(const std::exception_ptr& reason) {
   try {
     std::rethrow_exception(reason);
+  } catch (const RefusedInput&) {
+    return true;
   } catch (const PHPhotosError& error) {
     return error.code() == PHPhotosError::invalidResource;
   } catch (...) {

@@ -155,6 +155,19 @@ JSObject objectOf(const TransferOptions& options) {
   return object;
 }
 
+JSObject objectOf(const TransferState& state) {
+  JSObject object{{"received", static_cast<int64_t>(state.received)}};
+  if (state.expected) object.set("expected", static_cast<int64_t>(*state.expected));
+  object.set("paused", state.isPaused);
+  if (const auto& retry = state.retry) {
+    object.set("retry", JSObject{{"number", retry->number},
+                                 {"most", retry->most},
+                                 {"seconds", std::chrono::duration<double>(retry->in).count()},
+                                 {"why", retry->why}});
+  }
+  return object;
+}
+
 TransferOptions transferOptions(const JSObject& object) {
   TransferOptions options{.cookies = valueAt<std::string>(object, "cookies", ""),
                           .referer = optionalAt<std::string>(object, "referer"),

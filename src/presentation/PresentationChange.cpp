@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "presentation/Harms.h"
 #include "presentation/detail/LaidEdit.h"
@@ -80,65 +81,78 @@ bool showTheSame(const Side& before, const Side& after) {
          before.track.times == after.track.times;
 }
 
-/// What is shown of one picture.
-struct PictureShowing {
+/// How what is shown of one picture changes. There may be millions of them.
+struct PictureChange {
   static constexpr MovieTime nowhere = MovieTime::min();
 
-  MovieTime start = nowhere;  ///< in the first edit that shows it, as if that edit had no start
-  MovieTime length{0};        ///< in all edits together
+  MovieTime start = nowhere;  ///< in the first edit that shows it, as if that edit had no start; then how it moves
+  MovieTime longer{0};        ///< how much longer it is shown, in all edits together
 
   bool isShown() const { return start != nowhere; }
 };
 
-/// By sample number. Linear in the pictures and the edits, however often edits repeat the media.
-std::vector<PictureShowing> showingsOf(const Side& side) {
+/// Calls `start(sample, time)` once for each picture that is shown, with its time in the first edit that shows it, as
+/// if that edit had no start, and `add(sample, length)` for each length that it is shown, once or more often. Linear in
+/// the pictures and the edits, however often edits repeat the media.
+void forEachShowing(const Side& side, const auto& start, const auto& add) {
   const TrackPresentation& track = side.track;
-  std::vector<PictureShowing> showings(track.sampleCount());
   SampleOrder order(track.times, track.sampleCount(), track.handler);
   PlaceSet placed;
-  std::vector<double> stretch(order.count() + 1);  // how much longer a whole picture lasts, from this place on
-  auto at = [&](uint32_t place) -> PictureShowing& { return showings[order.sample(place)]; };
+  std::vector<std::pair<uint32_t, double>> stretch;  // how much longer a whole picture lasts, from this place on
   MovieTime tick = tickOf(side.movie.movieTimescale());
   for (const LaidEdit& edit : laidEdits(track.edits, side.movie.movieTimescale(), track.timescale)) {
     EditShowing showing = showingOf(order, edit, tick);
     auto [first, end] = showing.shown;
     for (PlaceRange range : placed.add(showing.shown)) {
       for (uint32_t place = range.first; place < range.end; ++place) {
-        at(place).start = edit.holds() ? edit.start : edit.at(order.start(place));
+        start(order.sample(place), edit.holds() ? edit.start : edit.at(order.start(place)));
       }
     }
     if (end - first < 2) {
-      if (first < end) at(first).length += showing.to - showing.from;
+      if (first < end) add(order.sample(first), showing.to - showing.from);
       continue;
     }
     // The first and the last one may be cut off, those between are whole.
-    at(first).length += edit.at(order.end(first)) - showing.from;
-    at(end - 1).length += showing.to - edit.at(order.start(end - 1));
-    stretch[first + 1] += static_cast<double>(layout::normalRate) / edit.rate;
-    stretch[end - 1] -= static_cast<double>(layout::normalRate) / edit.rate;
+    add(order.sample(first), edit.at(order.end(first)) - showing.from);
+    add(order.sample(end - 1), showing.to - edit.at(order.start(end - 1)));
+    const double rate = static_cast<double>(layout::normalRate) / edit.rate;
+    stretch.emplace_back(first + 1, rate);
+    stretch.emplace_back(end - 1, -rate);
   }
+  std::ranges::stable_sort(stretch, {}, &std::pair<uint32_t, double>::first);
   double sum = 0;
+  auto next = stretch.begin();
   for (uint32_t place = 0; place < order.count(); ++place) {
-    sum += stretch[place];
+    for (; next != stretch.end() && next->first == place; ++next) sum += next->second;
     MovieTime length = movieTime(order.end(place) - order.start(place), track.timescale);
-    at(place).length += MovieTime(std::llround(static_cast<double>(length.count()) * sum));
+    add(order.sample(place), MovieTime(std::llround(static_cast<double>(length.count()) * sum)));
   }
-  return showings;
 }
 
 void comparePictures(const Side& before, const Side& after, TrackChange& change) {
   constexpr MovieTime rounded{2};
-  std::vector<PictureShowing> old = showingsOf(before);
-  std::vector<PictureShowing> young = showingsOf(after);
+  const uint32_t count = std::min(before.track.sampleCount(), after.track.sampleCount());
+  std::vector<PictureChange> pictures(std::max(before.track.sampleCount(), after.track.sampleCount()));
+  std::vector<bool> areShown(pictures.size());
+  forEachShowing(
+      before, [&](uint32_t sample, MovieTime start) { pictures[sample].start = start; },
+      [&](uint32_t sample, MovieTime length) { pictures[sample].longer -= length; });
+  forEachShowing(
+      after,
+      [&](uint32_t sample, MovieTime start) {
+        areShown[sample] = true;
+        if (pictures[sample].isShown()) pictures[sample].start = start - pictures[sample].start;
+      },
+      [&](uint32_t sample, MovieTime length) { pictures[sample].longer += length; });
   std::vector<MovieTime> moves;
-  for (size_t i = 0; i < std::min(old.size(), young.size()); ++i) {
-    if (old[i].isShown() && young[i].isShown()) {
-      moves.push_back(young[i].start - old[i].start);
-      MovieTime more = young[i].length - old[i].length;
-      if (more < -rounded) change.hidden -= more;
-      if (more > rounded) change.revealed += more;
-    } else if (old[i].isShown() != young[i].isShown()) {
-      ++(old[i].isShown() ? change.samplesHidden : change.samplesRevealed);
+  for (uint32_t i = 0; i < count; ++i) {
+    const PictureChange& picture = pictures[i];
+    if (picture.isShown() && areShown[i]) {
+      moves.push_back(picture.start);
+      if (picture.longer < -rounded) change.hidden -= picture.longer;
+      if (picture.longer > rounded) change.revealed += picture.longer;
+    } else if (picture.isShown() != areShown[i]) {
+      ++(picture.isShown() ? change.samplesHidden : change.samplesRevealed);
     }
   }
   if (moves.empty()) return;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "fragments/MovieTimes.h"
 #include "fragments/PlainMovie.h"
 #include "media/DecodeCheck.h"
 #include "mp4/BoxLayout.h"
@@ -103,12 +104,14 @@ class Rebuilding {
     if (!found_.pictures.empty() && !found_.pictures.front().isSync) throw broken("the first picture needs others");
     decode();
     if (found_.isBroken()) found_.dropPicturesBehindHole();
+    fitPicturesToSound();
     requireWhole();
   }
 
   RebuiltMovie write(FileHandle& target) {
     RebuiltMovie result{.pictures = found_.pictures.size(), .seconds = secondsOfPictures()};
     if (found_.isBroken()) result.brokenOff = words("what lies behind is lost");
+    result.notes = notes();
     writePlainMovie(file_, target, rebuiltMovie(std::move(recorder_), found_),
                     [this](double part) { poll_(decoded + (1 - decoded) * part); });
     return result;
@@ -162,6 +165,44 @@ class Rebuilding {
       if (i % 64 == 0) poll_(std::min(walked + (decoded - walked) * static_cast<double>(bytesDecoded_) / all, decoded));
     }
     if (!check.finish()) found_.breakAt(samples[static_cast<size_t>(check.goodSamples())].offset);
+  }
+
+  /// Nobody knows how long each picture of a recorder lasted that varies it; together they last as long as the sound.
+  void fitPicturesToSound() {
+    constexpr double largestStretch = 0.25;
+    RecordedPictures& pictures = recorder_.pictures;
+    if (pictures.areSteady() || !recorder_.sound || found_.pictures.size() < 2) return;
+    const double sound = found_.secondsOfSound(*recorder_.sound) - secondsOfHiddenSound();
+    if (std::abs(sound - secondsOfPictures()) > largestStretch * secondsOfPictures()) return;
+    pictures.ticks = static_cast<uint64_t>(std::llround(sound * pictures.timescale));
+    pictures.count = found_.pictures.size();
+  }
+
+  /// What the recorder's edit list hides of the beginning of its sound.
+  double secondsOfHiddenSound() const {
+    size_t left = recorder_.sound->trak;
+    for (const MovieBox& box : recorder_.moov.children) {
+      if (box.type != "trak" || left-- > 0) continue;
+      const std::vector<EditListEntry> entries = editListOf(box);
+      const auto media = std::ranges::find_if_not(entries, &EditListEntry::isEmpty);
+      if (media == entries.end() || media->mediaTime < 0) return 0;
+      return static_cast<double>(media->mediaTime) / recorder_.sound->timescale;
+    }
+    return 0;
+  }
+
+  std::vector<std::string> notes() const {
+    std::vector<std::string> notes;
+    if (!recorder_.pictures.areSteady()) {
+      notes.push_back(
+          fmt::format("How long each picture was shown is lost, since this recorder varies it: all are now "
+                      "shown for {:.1f} ms",
+                      recorder_.pictures.seconds(1) * 1000));
+    }
+    for (const OtherTrack& other : recorder_.others) {
+      notes.push_back(fmt::format("The track of the kind \"{}\" is lost: it cannot be rebuilt", other.handler));
+    }
+    return notes;
   }
 
   /// What was found must be the movie's beginning, and not what a wrong recorder takes for one.

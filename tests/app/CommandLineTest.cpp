@@ -29,6 +29,7 @@ TEST_F(CommandLineTest, AMistypedWordIsAnsweredWithTheNearestOne) {
       {"sav http://127.0.0.1/x --album a", R"(There is no command "sav". Did you mean "save"?)"},
       {"resumee", R"(There is no command "resumee". Did you mean "resume"?)"},
       {"lib", R"(There is no command "lib". Did you mean "library"?)"},
+      {"library remov", R"(There is no command "remov". Did you mean "remove"?)"},
       {"fly", R"(There is no command "fly". `tarn --help` lists all.)"},
       {"save --albm Trips http://127.0.0.1/x", R"(There is no option "--albm". Did you mean "--album"?)"},
       {"save --ablum=Trips http://127.0.0.1/x", R"(There is no option "--ablum". Did you mean "--album"?)"},
@@ -82,7 +83,7 @@ TEST_F(CommandLineTest, NamesFromOutsideCannotSteerATerminal) {
       const TarnResult result = run(arguments);
       const std::string all = result.output + result.errors;
       EXPECT_NE(all, "") << command[0];
-      for (const char* raw : {"\x1b", "\x07", "\xC2\x9B", "\xE2\x80\xAE"}) {
+      for (const char* raw : {"\x1b", "\x07", "\xC2\x9B", "\xE2\x80\xAE", ".mp4\nb"}) {
         EXPECT_THAT(all, Not(HasSubstr(raw))) << command[0];
       }
     }

@@ -60,21 +60,53 @@ class DownloadsTest : public testing::Test {
   FaultServer server_;
 };
 
-TEST_F(DownloadsTest, AFailedSaveIsListedWithItsReason) {
+TEST_F(DownloadsTest, AFailedSaveIsRetriedFromTheHistoryUntilItSucceeds) {
   EXPECT_EQ(runTarn(home_, {"downloads"}).exitCode, 0) << "there need not be a home";
   EXPECT_FALSE(std::filesystem::exists(home_));
-  EXPECT_NE(runTarn(home_, save("?part=private&token=letmein")).exitCode, 0);
+  auto asked = save("?part=private&token=letmein");
+  asked.insert(asked.end(), {"--header", "X-Key: hush"});
+  EXPECT_NE(runTarn(home_, asked).exitCode, 0);
   const std::string failed = row();
   EXPECT_THAT(failed, HasSubstr("\"state\":\"failed\""));
   EXPECT_THAT(failed, HasSubstr("HTTP status 404"));
   EXPECT_THAT(failed, HasSubstr("\"url\":\"" + server_.url("/clip.mp4") + "\""));
   EXPECT_THAT(listed(), HasSubstr("HTTP status 404"));
-  for (const char* secret : {"private", "letmein"}) EXPECT_THAT(failed + listed(), Not(HasSubstr(secret)));
-  EXPECT_THAT(contentOf(home_ / "log/tarn.log"), Not(HasSubstr("letmein")));
-  EXPECT_THAT(contentOf(home_ / "history.sqlite"), HasSubstr("letmein"));
+  for (const char* secret : {"private", "letmein", "hush"}) EXPECT_THAT(failed + listed(), Not(HasSubstr(secret)));
+  for (const char* secret : {"letmein", "hush"}) {
+    EXPECT_THAT(contentOf(home_ / "log/tarn.log"), Not(HasSubstr(secret)));
+    EXPECT_THAT(contentOf(home_ / "history.sqlite"), HasSubstr(secret));
+  }
 
+  EXPECT_NE(runTarn(home_, {"retry", id()}).exitCode, 0);
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"failed\"")) << "a retry takes the place of the row";
+
+  server_.serve("/clip.mp4?part=private&token=letmein", ServedFile::of(recording()));
+  const std::string whole = id();
+  const auto retried = runTarn(home_, {"retry", whole.substr(whole.size() - 4)});
+  EXPECT_EQ(retried.exitCode, 0) << retried.errors;
+  EXPECT_EQ(retried.lastLine(), (home_ / "Photos/Trips/clip.mp4").string());
+  const std::string saved = row();
+  EXPECT_THAT(saved, HasSubstr("\"state\":\"saved\""));
+  EXPECT_THAT(saved, HasSubstr("\"size\":" + std::to_string(recording().size())));
+  EXPECT_EQ(server_.requests().back().header("x-key"), "hush");
+  for (const char* secret : {"letmein", "hush"}) {
+    EXPECT_THAT(contentOf(home_ / "history.sqlite"), Not(HasSubstr(secret)));
+  }
+  EXPECT_EQ(leftIn(home_), "");
+
+  const auto again = runTarn(home_, {"retry", id()});
+  EXPECT_EQ(again.exitCode, 1);
+  EXPECT_THAT(again.errors, HasSubstr("was saved"));
   EXPECT_EQ(runTarn(home_, {"downloads", "--clear"}).exitCode, 0);
   EXPECT_THAT(listed(), HasSubstr("no downloads"));
+  EXPECT_EQ(savedFiles(home_).size(), 1U);
+}
+
+TEST_F(DownloadsTest, ARetryAsItCameLeavesTheRepairOut) {
+  EXPECT_NE(runTarn(home_, save()).exitCode, 0);
+  server_.serve("/clip.mp4", ServedFile::of(recording()));
+  EXPECT_EQ(runTarn(home_, {"retry", id(), "--as-it-came"}).exitCode, 0);
+  EXPECT_EQ(contentOf(home_ / "Photos/Trips/clip.mp4"), textOf(recording()));
 }
 
 TEST_F(DownloadsTest, AKillForgetsNothing) {
@@ -102,13 +134,29 @@ TEST_F(DownloadsTest, WhatAKilledEngineHasLostHasFailedOnceTheStoresAreRead) {
   std::filesystem::remove_all(home_ / "Defaults");
   runTarn(home_, {"resume"});
   EXPECT_THAT(row(), HasSubstr("the engine ended before the download did"));
+  EXPECT_EQ(runTarn(home_, {"retry", id()}).exitCode, 0);
+  EXPECT_EQ(savedFiles(home_).size(), 1U);
 }
 
-TEST_F(DownloadsTest, ACancelledOneIsToldAsCancelled) {
+TEST_F(DownloadsTest, ADownloadOfAnotherProcessIsPausedAndGoesOn) {
+  const auto tarn = startHeldSave();
+  EXPECT_EQ(runTarn(home_, {"pause", id()}).exitCode, 0);
+  EXPECT_THAT(listed(), HasSubstr("paused at"));
+  EXPECT_EQ(runTarn(home_, {"retry", id()}).exitCode, 1) << "it has not ended";
+  EXPECT_THAT(runTarn(home_, {"resume"}).errors, HasSubstr("is paused")) << "and is not waited for";
+  EXPECT_EQ(runTarn(home_, {"cancel", "12345678"}).exitCode, 1) << "there is none";
+  EXPECT_EQ(runTarn(home_, {"resume", id()}).exitCode, 0);
+  EXPECT_EQ(tarn->wait(), 0) << tarn->errors();
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
+}
+
+TEST_F(DownloadsTest, ACancelledOneIsToldAsCancelledAndMayBeTriedAgain) {
   const auto tarn = startHeldSave();
   EXPECT_EQ(runTarn(home_, {"cancel", id()}).exitCode, 0);
   EXPECT_NE(tarn->wait(), 0);
   EXPECT_THAT(row(), HasSubstr("\"state\":\"cancelled\""));
+  EXPECT_EQ(runTarn(home_, {"retry", id()}).exitCode, 0);
+  EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
   EXPECT_EQ(leftIn(home_), "");
 }
 
@@ -116,6 +164,9 @@ TEST_F(DownloadsTest, ADamagedHistoryStopsNoCommandAndIsTold) {
   server_.serve("/clip.mp4", ServedFile::of(recording()));
   std::filesystem::create_directory(home_);
   std::ofstream(home_ / "history.sqlite") << std::string(5000, 'x');
+  const auto unread = runTarn(home_, {"downloads"});
+  EXPECT_EQ(unread.exitCode, 1);
+  EXPECT_THAT(unread.errors, HasSubstr("puts it aside"));
   const auto result = runTarn(home_, save());
   EXPECT_EQ(result.exitCode, 0) << result.errors;
   EXPECT_THAT(result.errors, HasSubstr("put aside as " + (home_ / "history.sqlite.damaged").string()));

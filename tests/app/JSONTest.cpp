@@ -63,8 +63,9 @@ class JSONTest : public testing::Test {
     std::ofstream(all) << lines_;
     // The machine's own Python has the package; one that comes first in PATH may not.
     ChildProgram program(
-        {"sh", "-c", "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"",
-         "sh", script, JSON_SCHEMA, all},
+        {"/bin/sh", "-c",
+         "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"", "sh",
+         script, JSON_SCHEMA, all},
         place_.path());
     const int code = program.wait();
     return code == 0 ? program.output() : program.output() + program.errors();
@@ -97,17 +98,32 @@ TEST_F(JSONTest, EachLineOfEachCommandIsWhatTheSchemaSays) {
   EXPECT_EQ(run({"repair", page, "-o", out}, 4), "refused");
   EXPECT_EQ(run({"repair", place_ / "none.mp4", "-o", out}, 1), "failed");
   const std::string report = place_ / "report.jsonl";
-  EXPECT_EQ(run({"repair", good, bad, page, "--output-dir", place_ / "outs", "--report", report}, 1),
+  EXPECT_EQ(run({"repair", good, bad, page, "--jobs", "1", "--output-dir", place_ / "outs", "--report", report}, 1),
             "unchanged repaired refused failed");
   lines_ += contentOf(report);
 
   server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
   EXPECT_EQ(run({"save", server_.url("/clip.mp4"), "--album", "Trips"}), "saved");
   EXPECT_EQ(run({"save", server_.url("/none.mp4"), "--album", "Trips"}, 1), "failed");
+  server_.serve("/gap.mp4", ServedFile::of(damagedMovie("a gap in the sound")));
+  EXPECT_EQ(run({"save", server_.url("/gap.mp4"), "--album", "Trips"}), "saved");
+  const size_t ahead = lines_.size();
   run({"downloads"});
+  EXPECT_THAT(lines_.substr(ahead),
+              testing::HasSubstr(R"("done":["filled the gap with silence and encoded the sound anew"])"))
+      << "a download sums itself up as a repair does";
   run({"library"});
+  EXPECT_EQ(run({"library", "rename", "clip.mp4", "sea"}), "renamed");
+  EXPECT_EQ(run({"library", "move", "sea.mp4", "--to", "Home"}), "moved");
+  EXPECT_EQ(run({"library", "export", place_ / "out", "sea.mp4"}), "exported");
+  EXPECT_EQ(run({"library", "export", place_ / "out", "sea.mp4"}, 1), "failed");
+  EXPECT_EQ(run({"library", "open", "sea.mp4"}), "found");
+  EXPECT_EQ(run({"library", "remove", "sea.mp4"}), "removed");
+  run({"library", "--removed"});
+  EXPECT_EQ(run({"library", "restore", "sea.mp4"}), "restored");
+  EXPECT_EQ(run({"library", "remove", "--now", "sea.mp4"}), "erased");
   run({"resume"});
-  run({"cancel", "123"}, 1);
+  run({"cancel", "none"}, 1);
   run({"sav"}, 2);
   EXPECT_EQ(violations(), "");
 

@@ -7,16 +7,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "app/Commands.h"
 #include "app/RepairBatch.h"
 #include "app/RepairPlan.h"
+#include "engine/PrivateHome.h"
 #include "platform/JSObject.h"
 #include "platform/host/Descriptor.h"
 #include "support/DamagedMovies.h"
@@ -85,8 +88,8 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   const auto planned = [&](const std::vector<Path>& inputs, const RepairTarget& target, bool isRecursive = false) {
     std::string text;
     const std::string failure = failureOf([&] {
-      for (const auto& [input, output] : planRepairs(inputs, target, isRecursive).files) {
-        text += input.lexically_relative(place_.path()).string() + ">" +
+      for (const auto& [input, output, isInPlace] : planRepairs(inputs, target, isRecursive).files) {
+        text += input.lexically_relative(place_.path()).string() + (isInPlace ? "=" : ">") +
                 output.lexically_relative(place_.path()).string() + " ";
       }
     });
@@ -96,7 +99,7 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
             "in/a.mp4>in/done/a.mp4 in/other/a.mp4>in/done/other/a.mp4 in/sub/a.MOV>in/done/sub/a.MOV "
             "in/sub/b.m4a>in/done/sub/b.m4a ");
   EXPECT_EQ(planned({in_ / "sub", in_ / "a.mp4", in_ / "sub/../a.mp4", in_ / "sub/a.MOV"}, {}, true),
-            "in/sub/a.MOV>in/sub/a.MOV in/sub/b.m4a>in/sub/b.m4a in/a.mp4>in/a.mp4 ");
+            "in/sub/a.MOV=in/sub/a.MOV in/sub/b.m4a=in/sub/b.m4a in/a.mp4=in/a.mp4 ");
   EXPECT_EQ(planned({in_ / "a.mp4", in_ / "sub/notes.txt"}, {.directory = in_, .suffix = ".new"}),
             "in/a.mp4>in/a.new.mp4 in/sub/notes.txt>in/notes.new.txt ");
 
@@ -104,7 +107,7 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   EXPECT_THAT(planned({one, other}, {.directory = out_}), HasSubstr("would both become"));
   EXPECT_THAT(planned({one}, {.directory = in_}), HasSubstr("would be written over"));
   EXPECT_THAT(planned({one, other}, {.directory = in_ / "sub/linked"}), HasSubstr("would both become"));
-  EXPECT_THAT(planned({mov, one}, {.file = out_}), HasSubstr("several files"));
+  EXPECT_THAT(planned({mov, one}, {.file = out_}), HasSubstr("Several files"));
   EXPECT_THAT(planned({in_}, {.directory = out_}), HasSubstr("--recursive"));
   EXPECT_THAT(planned({in_}, {.directory = in_}, true), HasSubstr("both read and written"));
 
@@ -207,6 +210,25 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   EXPECT_EQ(namesBelow(out_), expected);
 }
 
+// A sweep may come between the making and the locking of a directory.
+TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
+  std::atomic<int> gone = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
+        for (int made = 0; made < 500; ++made) {
+          PrivateHome home(place_.path());
+          home.make();
+          if (!fs::is_directory(home.path())) ++gone;
+        }
+      });
+    }
+  }
+  EXPECT_EQ(gone, 0);
+  EXPECT_TRUE(fs::is_empty(place_.path()));
+}
+
 TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   const Path file = in_ / "a.mp4", original = in_ / "a.mp4.orig", good = in_ / "b.mp4";
   write(file, broken());
@@ -223,7 +245,9 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   const struct stat after = factsOf(file);
   EXPECT_EQ(after.st_mode, before.st_mode);
   EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
-  if (isRoot) EXPECT_EQ(std::pair(after.st_uid, after.st_gid), std::pair(1234U, 5678U));
+  if (isRoot) {
+    EXPECT_EQ(std::pair(after.st_uid, after.st_gid), std::pair(1234U, 5678U));
+  }
   if (hasAttributes) {
     std::string value(4, '\0');
     EXPECT_EQ(::getxattr(file.c_str(), "user.place", value.data(), value.size()), 4);

@@ -63,8 +63,8 @@ class RepairTest : public testing::Test {
 };
 
 TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
-  for (const auto& [name, words] : {std::pair("no sets anywhere", "neither the sample entry nor the sync samples"),
-                                    std::pair("encv", "encrypted")}) {
+  for (const auto& [name, words] :
+       {std::pair("no sets anywhere", "neither the file's header nor its pictures"), std::pair("encv", "encrypted")}) {
     write(damagedMovie(name));
     std::ofstream(out_) << "old";
     auto left = repair(in_, out_);

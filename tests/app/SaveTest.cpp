@@ -87,6 +87,17 @@ TEST_F(SaveTest, AKillInMidDownloadLosesNothingAndSplicesNothing) {
   }
 }
 
+TEST_F(SaveTest, AResumeThatFailsNamesTheVideoAndSaysWhatToDo) {
+  auto tarn = startHeldSave({.status = 410});
+  tarn->signal(SIGKILL);
+  tarn->wait();
+  const auto result = runTarn(home_, {"resume"});
+  EXPECT_EQ(result.exitCode, 1);
+  const std::string start = "tarn: clip.mp4 from " + server_.url("/clip.mp4") + " was not saved: ";
+  EXPECT_NE(result.errors.find(start), std::string::npos) << result.errors;
+  EXPECT_NE(result.errors.find("Check the address"), std::string::npos) << result.errors;
+}
+
 TEST_F(SaveTest, AnInterruptKeepsTheTransferAndLeavesWith130) {
   for (int number : {SIGTERM, SIGINT}) {
     auto tarn = startHeldSave();
@@ -181,6 +192,34 @@ TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
   EXPECT_EQ(mode(home_), perms(0700));
   EXPECT_EQ(mode(saved_), perms(0600));
   EXPECT_EQ(mode(open), perms(0755));
+}
+
+TEST_F(SaveTest, TheLogOfTheUsualHomeIsAmongTheStateOfPrograms) {
+  const std::string place = place_.path().string();
+  std::ofstream(place_ / "file") << "no directory";
+  using Words = std::vector<std::string>;
+  const std::tuple<const char*, Words, Words, std::string> rows[] = {
+      {"by the XDG places", {"XDG_DATA_HOME=" + place + "/a", "XDG_STATE_HOME=" + place + "/b"}, {}, "b/tarn/tarn.log"},
+      {"else in the user's directory", {"HOME=" + place + "/c"}, {}, "c/.local/state/tarn/tarn.log"},
+      {"also if it is named",
+       {"HOME=" + place + "/d"},
+       {"--home", place + "/d/.local/share/tarn/"},
+       "d/.local/state/tarn/tarn.log"},
+      {"a home of one's own has its own", {"HOME=" + place + "/e"}, {"--home", place + "/own"}, "own/log/tarn.log"},
+      {"where state cannot be kept",
+       {"XDG_DATA_HOME=" + place + "/f", "XDG_STATE_HOME=" + place + "/file"},
+       {},
+       "f/tarn/log/tarn.log"},
+  };
+  for (const auto& [name, settings, home, log] : rows) {
+    Words command{"/usr/bin/env", "-i"};
+    for (const Words& more : {settings, {tarnCommand(home_, {}).front()}, home, {"resume"}}) {
+      command.insert(command.end(), more.begin(), more.end());
+    }
+    ChildProgram tarn(command, place_.path());
+    EXPECT_EQ(tarn.wait(), 0) << name << tarn.errors();
+    EXPECT_GT(contentOf(place_ / log).size(), 0U) << name;
+  }
 }
 
 TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {

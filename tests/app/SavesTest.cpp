@@ -168,7 +168,9 @@ TEST_F(SavesTest, ATerminalHearsOfRetriesWithinItsWidth) {
     output.erase(0, at + redrawn.size());
     at = output.find(redrawn);
     const std::string line = output.substr(0, at);
-    if (line.find('\n') == std::string::npos) EXPECT_LT(columnsOf(line), columns) << line;
+    if (line.find('\n') == std::string::npos) {
+      EXPECT_LT(columnsOf(line), columns) << line;
+    }
   }
   EXPECT_GE(lines, 2U);
 }

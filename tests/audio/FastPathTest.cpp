@@ -213,7 +213,7 @@ TEST_F(FastPath, WritesOnlyWhatIsWholeAndWhatTheBoxesCanSay) {
       {{Bytes(20001), {10000, 10001}, 2, int64_t{1} << 32, 0, 48000, 1024},
        "The duration 4294967296 does not fit 32 bits"},
       {{Bytes(20001), {10000, 10001}, 2, 2048, 0, 48000, int64_t{1} << 32},
-       "Validation failed: The sample times do not fit a row of 32 bits"},
+       "Validation failed: The sample times do not fit an entry of 32 bits"},
   };
   for (auto [result, failure] : rows) {
     result.sampleRate = 48000;

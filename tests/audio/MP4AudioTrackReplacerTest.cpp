@@ -219,7 +219,7 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
        movie({mvhd(1), track("soun", 1, 1, {fullBox("stco", {1, 101})})})},
       {"Corrupted MP4: No track_ID is left behind the video's", movie({mvhd(1), track("vide", 0xFFFFFFFE, 1)})},
       {"Corrupted MP4: stts duration does not fit 64 bits", good, sound({2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})},
-      {"Corrupted MP4: stts does not fit a row of 32 bits", good, sound({2, UINT32_MAX, 8, 1, 8})},
+      {"Corrupted MP4: stts does not fit an entry of 32 bits", good, sound({2, UINT32_MAX, 8, 1, 8})},
       {"Corrupted MP4: The media do not fit a file", good, withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"), "soun")},
       {"Write error: Failed to read audio mdat", good, withMdat(boxClaiming(900, "mdat", {Bytes(20)}), "soun")},
       {"Corrupted MP4: An item lies in no mdat box",

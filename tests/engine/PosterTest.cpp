@@ -1,8 +1,16 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <fstream>
 #include <future>
 #include <numeric>
@@ -11,6 +19,7 @@
 #include "engine/PosterProgram.h"
 #include "platform/Error.h"
 #include "platform/host/PosixFileManager.h"
+#include "poster/Confinement.h"
 #include "support/MediaMaker.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
@@ -128,6 +137,39 @@ TEST_F(PosterTest, AProgramThatHangsOrTalksTooMuchIsEnded) {
   EXPECT_EQ(seen.find("HOME"), std::string::npos);
   EXPECT_NE(seen.find("0\n1\n2\n3\n"), std::string::npos) << "the fourth is the folder that is listed: " << seen;
   EXPECT_EQ(seen.find("0\n1\n2\n3\n4\n"), std::string::npos) << seen;
+}
+
+// What a video could do with a decoder that it has taken over.
+TEST_F(PosterTest, AConfinedProcessReadsWhatIsOpenAndNothingElse) {
+  const int file = ::open(put("open", "x").c_str(), O_RDONLY | O_CLOEXEC);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    confineProcess();
+    const auto isRefused = [](auto result) { return result == decltype(result)(-1) && errno == EPERM; };
+    char byte = 0;
+    char* const none[] = {nullptr};
+    const bool results[] = {
+        ::read(file, &byte, 1) == 1,
+        isRefused(::open("/etc/passwd", O_RDONLY)),
+        isRefused(::socket(AF_INET, SOCK_STREAM, 0)),
+        isRefused(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0)),
+        isRefused(::execve("/bin/true", none, none)),
+        isRefused(::kill(::getppid(), 0)),
+        isRefused(reinterpret_cast<intptr_t>(
+            ::mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))),
+        ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) != MAP_FAILED,
+    };
+    int code = 100;
+    for (int i = 0; i < static_cast<int>(std::size(results)); ++i) {
+      if (!results[i]) code = i;
+    }
+    ::_exit(code);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ::close(file);
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 100) << "the number of the last one that was otherwise";
 }
 
 TEST_F(PosterTest, PostersAreKeptForTheOwnerUntilTheirAssetsGo) {

@@ -138,9 +138,15 @@ class CutMovieTest : public FileTest {
   std::string runStep(const Bytes& bytes) {
     RunRecorder recorder;
     ProcessingRun run = recorder.runOn(files_, write(bytes));
-    const std::string failure = failureOf([&] { FragmentsStep().run(run); });
     outcome_ = run.outcome;
-    return failure;
+    try {
+      FragmentsStep().run(run);
+      outcome_ = run.outcome;
+    } catch (const Error& failure) {
+      outcome_.setFailed(RunOutcome::Where::repair, std::current_exception());
+      return failure.description();
+    }
+    return "";
   }
 
   void expectFirst(const Samples& left, const Samples& all, size_t count) {
@@ -280,6 +286,7 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
     SCOPED_TRACE(size);
     const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
     EXPECT_EQ(runStep(cut), said);
+    EXPECT_TRUE(outcome_.isRefused);
     EXPECT_EQ(written(), cut);
     EXPECT_TRUE(isCutOff(files_, file_));
   }
@@ -376,6 +383,39 @@ TEST_F(CutMovieTest, TakesNoFileThatCannotBeReadForAHealthyOne) {
     EXPECT_NE(failure.empty(), faulty.fired()) << failure;
   });
   EXPECT_GT(reads, 3U);
+}
+
+/// A run that is killed behind the step, or amid it, finds a file of which nothing is missing.
+TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
+  const Bytes cut = firstBytes(shortClip(), 0.6);
+  ASSERT_EQ(runStep(cut), "");
+  const RunOutcome undisturbed = outcome_;
+  ASSERT_EQ(undisturbed.leftAlone.size(), 1u);
+  const Bytes kept = written();
+  const auto rerun = [&](FileManager& files, RunRecorder& recorder) {
+    ProcessingRun run = recorder.goOn(files);
+    FragmentsStep().run(run);
+    outcome_ = run.outcome;
+  };
+  FaultyFileManager faulty(files_);
+  const auto runKilled = [&](uint64_t call) {
+    SCOPED_TRACE(call);
+    RunRecorder recorder;
+    recorder.record.fileURL = write(cut);
+    try {
+      rerun(faulty, recorder);
+    } catch (const Error&) {
+    }
+    const auto stored = decodeProcessingStates(encodeProcessingStates({{0, recorder.record}})).states;
+    recorder.record = stored.at(0);
+    rerun(files_, recorder);
+    EXPECT_TRUE(outcome_.isPartly);
+    EXPECT_EQ(outcome_.leftAlone, undisturbed.leftAlone);
+    EXPECT_EQ(written(), kept);
+  };
+  for (const auto effect : {Fault::Effect::none, Fault::Effect::whole}) {
+    EXPECT_GT(faulty.sweep({.lasting = true, .effect = effect, .among = changes}, runKilled), 3U);
+  }
 }
 
 /// Chunks that share bytes let a few bytes promise any number of samples.

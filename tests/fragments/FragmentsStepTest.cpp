@@ -415,6 +415,21 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   EXPECT_FALSE(isPartly_);
 }
 
+TEST_F(FragmentsTest, WhatIsTooLargeToKeepIsToldOnce) {
+  const Bytes large = box("abcd", {Bytes(16 << 20)});
+  const Bytes movie = movieOf(beginning(), joined({simpleFragment(0, 2), large, large, large}));
+  const std::string first = fmt::format("The abcd at {} (16777224 bytes)", movie.size() - 3 * large.size());
+  EXPECT_EQ(join(movie), first + " and 2 more boxes are left out");
+  EXPECT_EQ(join(movieOf(beginning(), joined({simpleFragment(0, 2), large}))), first + " is left out");
+}
+
+TEST_F(FragmentsTest, SyncSamplesOfTheMoovMayStandInAnyOrder) {
+  BoxEditor start(beginning({.samples = 3}));
+  start.insert(sampleTable, start.at(sampleTable + "/stts").offset, fullBox("stss", {2, 3, 1}));
+  EXPECT_EQ(join(movieOf(start.bytes, simpleFragment(30, 2))), "");
+  EXPECT_EQ(BoxEditor(written()).get(sampleTable + "/stss"), fullBox("stss", {3, 1, 3, 4}));
+}
+
 /// A box whose header cannot be read is not the end of the movie.
 TEST_F(FragmentsTest, AReadThatFailsEndsTheRunAndCostsNoSample) {
   const Bytes whole = joined({beginning(), simpleFragment(0, 2), simpleFragment(20, 2), simpleFragment(40, 2)});

@@ -283,6 +283,54 @@ TEST(TrackTables, KeepTheFormOfTheirBoxesWhileItHoldsThem) {
   }
 }
 
+TEST(TrackTables, LeaveNoWordsOfSamplesThatAreGone) {
+  // Of four samples. The sub-samples are those of samples 1, 3 and 4.
+  const std::string priorities = "0001 0002 0003 0004", padding = "12 34";
+  const std::string one = "00000001 0001 0005 00 00 00000000", three = "00000002 0000", four = "00000001 0000";
+  const std::string longOnes = "00000003 0001 00010000 00 00 00000000";
+  const auto stdp = [](const std::string& rows) { return box("stdp", {values({0}), bytesFrom(rows)}); };
+  const auto padb = [](uint32_t count, const std::string& rows) {
+    return box("padb", {values({0, count}), bytesFrom(rows)});
+  };
+  const auto subs = [](uint32_t count, const std::string& rows, uint32_t version = 0) {
+    return box("subs", {values({version << 24 | 1, count}), bytesFrom(rows)});
+  };
+  struct Case {
+    Bytes before;
+    uint64_t samples;
+    Bytes after;  ///< empty: it is gone
+  };
+  const Case cases[] = {
+      {stdp(priorities), 4, stdp(priorities)},
+      {stdp(priorities), 3, stdp("0001 0002 0003")},
+      {stdp(priorities), 5, {}},
+      {padb(4, padding), 4, padb(4, padding)},
+      {padb(4, padding), 3, padb(3, "12 30")},
+      {padb(4, padding), 2, padb(2, "12")},
+      {padb(4, padding), 5, {}},
+      {subs(3, one + three + four), 5, subs(3, one + three + four)},
+      {subs(3, one + three + four), 3, subs(2, one + three)},
+      {subs(3, one + three + four), 2, subs(1, one)},
+      {subs(1, longOnes, 1), 3, subs(1, longOnes, 1)},
+      {subs(1, longOnes, 1), 2, {}},
+      {subs(3, one + "00000001 FFFF"), 4, subs(1, one)},
+      {box("subs", {values({0})}), 4, {}},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(&each - cases);
+    MovieBox stbl = handMade({each.before});
+    TrackTables tables = TrackTables::read(stbl);
+    tables.truncate(each.samples);
+    while (tables.sampleCount() < each.samples) tables.append({.offset = 1000});
+    tables.writeTo(stbl);
+    const MovieBox* left = stbl.find({textOf(ByteView(each.before).subspan(4, 4))});
+    ASSERT_EQ(left != nullptr, !each.after.empty());
+    if (left) {
+      EXPECT_EQ(left->plainBytes(), each.after);
+    }
+  }
+}
+
 TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
   const std::pair<Bytes, std::string> cases[] = {
       {fullBox("stsz", {0, 5, 5, 6, 7, 8}), "The stsz promises 5 entries and holds 16 bytes"},
@@ -296,7 +344,7 @@ TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
       {fullBox("ctts", {2, 4, 10}), "The ctts promises 2 entries and holds 8 bytes"},
       {fullBox("stss", {2, 4}), "The stss promises 2 entries and holds 4 bytes"},
       {fullBox("stsc", {2, 3, 1, 1, 1, 1, 1}),
-       "stsc rows are out of order: row 1 begins at chunk 3 and what follows it at chunk 1"},
+       "stsc entries are out of order: entry 1 begins at chunk 3 and what follows it at chunk 1"},
       {box("sbgp", {values({0, 1, 2, 1, 1})}), "An sbgp of 28 bytes promises 2 entries"},
       {box("sgpd", {values({0x01000000, 1, 4, 9})}), "An sgpd ends ahead of its groups"},
   };

@@ -79,6 +79,13 @@ TEST_F(KindTest, MediaOfFFmpeg) {
       {sound + "-c:a aac"s, ".aac", What::audio},
       {sound, ".wav", What::audio},
       {sound, ".aiff", What::audio},
+      {sound + "-c:a mp2"s, ".mp2", What::audio},
+      {sound + "-c:a mp2 -ar 22050 -b:a 64k"s, ".mp2", What::audio},
+      {sound + "-c:a ac3"s, ".ac3", What::audio},
+      {sound + "-c:a ac3 -ar 44100"s, ".ac3", What::audio},
+      {sound + "-c:a eac3"s, ".eac3", What::audio},
+      {sound, ".au", What::audio},
+      {sound, ".w64", What::audio},
       {pictures + "-frames:v 1"s, ".jpg", What::picture},
       {pictures + "-frames:v 1"s, ".png", What::picture},
       {pictures + "-frames:v 1"s, ".webp", What::picture},
@@ -136,6 +143,9 @@ TEST_F(KindTest, Movies) {
     const Kind kind = kindOfBytes(content);
     EXPECT_EQ(kind.what, what) << name << ": " << kind.words;
   }
+  // The long size of an mdat is what a recorder writes last.
+  const Bytes unfinished = joined({type, values({1}), bytesFrom("'mdat'"), values({0, 0}), Bytes(100)});
+  EXPECT_EQ(kindOfBytes(unfinished).words, "a movie without its end");
 }
 
 // Every start of a movie has a kind, and is media only from where its whole `moov` is there.

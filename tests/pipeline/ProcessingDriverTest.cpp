@@ -194,6 +194,37 @@ TEST_F(ProcessingDriverTest, FlagsAreDerivedBehindTheFragmentsStep) {
   state_.needsRemuxing = true;
   state_.stage = remuxed;
   EXPECT_EQ(run(), fromAudio + savedEnding);
+  state_.stage = downloaded;
+  state_.areFlagsFinal = true;
+  EXPECT_EQ(run(), "joined " + remuxStages + fromAudio + savedEnding);
+}
+
+/// Keeps a part of the video, and is cut off when the next step has begun.
+class CuttingStep : public ProcessingStep {
+ public:
+  ProcessingStage gateStage() const override { return remuxing; }
+  void run(ProcessingRun& run) override {
+    if (textOf(readFile(run.files, run.fileURL)) == "plain") return;
+    run.keepPart("2 s are missing");
+    const Path made = run.fileURL.parent_path() / "made.mp4";
+    run.files.open(made, OpenMode::exclusive)->write(bytesOf("plain"));
+    run.files.replaceItem(run.fileURL, made);
+    run.updateProcessingStage(remuxing);
+    run.token->cancel();
+    run.token->throwIfCancelled();
+  }
+};
+
+TEST_F(ProcessingDriverTest, WhatIsMissingIsToldBehindAKill) {
+  CuttingStep step;
+  fragments_ = &step;
+  EXPECT_EQ(run(), "cancelled");
+  state_ = store_.loadState(7).value();
+  EXPECT_EQ(state_.stage, remuxing);
+  EXPECT_EQ(run(), remuxStages + fromAudio + savedEnding);
+  EXPECT_EQ(result_, "plain");
+  EXPECT_TRUE(outcome_.isPartly);
+  EXPECT_EQ(outcome_.leftAlone, std::vector<std::string>{"2 s are missing"});
 }
 
 TEST_F(ProcessingDriverTest, EachEndingLeavesWhatTheNextRunNeeds) {

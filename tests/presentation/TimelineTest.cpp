@@ -50,7 +50,7 @@ TEST_F(TimelineTest, TellsWhereThereArePicturesAndSound) {
   EXPECT_EQ(told(pictures(), gap, SoundHoles::filled), "0.00-10.00 | 0.00-10.50 | 0.00 0.50");
   // A packet that is a little late is no hole, nor is what recorders add to the first one, nor a long last one.
   EXPECT_EQ(told(pictures(), sound({{1, 12000}, {200, 1000}, {1, 3000}, {287, 1000}, {1, 26000}})),
-            "0.00-10.00 | 0.00-10.54 | 0.00 0.54");
+            "0.00-10.00 | 0.00-10.56 | 0.00 0.56");
   // What edit lists delay, cut out and leave empty.
   EXPECT_EQ(told(pictures({{500, -1}, {10000, 0}}),
                  sound({{500, 1000}}, {{1000, -1}, {2000, 0}, {1000, -1}, {3000, 200000}})),

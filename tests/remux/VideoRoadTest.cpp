@@ -141,7 +141,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const auto avc3 = [](const Bytes& record) { return visualSampleEntry("avc3", {record}); };
   const Bytes none = of({slice}), noneAVC = of({avcSlice}), full = of(h.with(slice)), other = of(large.with(slice));
   const Bytes fullAVC = of(a.with(avcSlice)), otherAVC = of(largeAVC.with(avcSlice));
-  const std::string same = "same", tag = "tag", lacks = "neither the sample entry nor the sync samples hold";
+  const std::string same = "same", tag = "tag", lacks = "neither the file's header nor its pictures hold";
   const std::string one = "hvc1 0x0 1/1/1 2/1/1 ", oneAVC = "avc1 0x0 1/1/1 2/1/1 ";
   const std::string sizes = "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ";
   const std::string twoAlike = "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ";
@@ -160,8 +160,13 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"one kind that hvcC has", {hvc1(hvcC(h))}, {of({h.pps, slice}), none}, same},
       {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, one, "112 "},
       {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
-      {"nothing anywhere", {hev1({})}, {none, none}, same, "", lacks + " its parameter sets (no VPS, no SPS, no PPS)"},
-      {"no samples", {hev1({})}, {}, same, "", lacks + " its parameter sets (no samples)"},
+      {"nothing anywhere",
+       {hev1({})},
+       {none, none},
+       same,
+       "",
+       lacks + " what a decoder needs (no VPS, no SPS, no PPS)"},
+      {"no samples", {hev1({})}, {}, same, "", lacks + " what a decoder needs (no samples)"},
       {"no samples under a whole entry", {hvc1(hvcC(h))}, {}, same},
       {"no VPS", {hvc1(hvcC({}, {h.sps}, {h.pps}))}, {of({h.sps, h.pps, slice})}, same, "", "(no VPS)"},
       {"a change behind hvcC", {hvc1(hvcC(h))}, {none, other, none}, sizes, "111 111 "},

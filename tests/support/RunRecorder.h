@@ -19,9 +19,13 @@ class RunRecorder : public RunListener {
 
   /// A run from the start. This must outlive it.
   ProcessingRun runOn(FileManager& files, const Path& file) {
-    stages.clear();
     record = {};
     record.fileURL = file;
+    return goOn(files);
+  }
+  /// One that takes up the record.
+  ProcessingRun goOn(FileManager& files) {
+    stages.clear();
     return ProcessingRun(files, clock_, names_, *this, record, token);
   }
 

@@ -36,7 +36,7 @@ test('a failure says why and what helps, over reload and restart, until it is di
   await inPhase(page, 'lecture.mp4', 'failed');
   const isTold = async () => {
     const words = await row(page, 'lecture.mp4').textContent();
-    assert.match(words, /web page \("Sign in"\)/, 'the reason');
+    assert.match(words, /lecture\.mp4 is a web page \("Sign in"\): the address needs a login\./, 'the reason');
     assert.match(words, /127\.0\.0\.1:\d+\/login/, 'the address');
     assert.match(words, /tarn\.log/, 'where the log is');
     assert.ok(!(await page.isVisible('#downloads-empty')));
@@ -93,7 +93,6 @@ test('a saved video tells what was wrong and what was done, with picture and sou
   await save(page, stage.media.address('other.mp4'), { filename: 'other.mp4' });
   await inPhase(page, 'other.mp4', 'saved');
   await until('the state', async () => /Saved as it came/.test(await row(page, 'other.mp4').textContent()));
-  if (process.env.TARN_SCREENSHOT) await page.screenshot({ path: process.env.TARN_SCREENSHOT });
 });
 
 test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {

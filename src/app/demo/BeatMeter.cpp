@@ -14,12 +14,12 @@ namespace {
 
 constexpr double rate = 48000;
 constexpr int loud = 9000;               // of 32767
+constexpr int white = 200;               // of 255: what the darkest spot of a flash is above
 constexpr double longestDistance = 0.5;  // seconds, between a flash and its beep
 
-std::vector<double> beeps(FileManager& files, const Path& clip, Listening listening, const Path& scratch) {
+std::vector<double> beeps(FileManager& files, const Path& clip, const Path& scratch) {
   const TempFile pcm(files, scratch / "sound.pcm");
-  const char* filter = listening == Listening::byTimestamps ? "aresample=async=1:first_pts=0" : "asetpts=N/SR/TB";
-  runFFmpeg({"-copyts", "-i", clip.string(), "-map", "0:a:0", "-af", filter, "-ac", "1", "-ar", "48000", "-f", "s16le",
+  runFFmpeg({"-i", clip.string(), "-map", "0:a:0", "-af", "asetpts=N/SR/TB", "-ac", "1", "-ar", "48000", "-f", "s16le",
              pcm.path().string()});
   const Bytes bytes = readFile(files, pcm.path());
   std::vector<int16_t> samples(bytes.size() / sizeof(int16_t));
@@ -37,34 +37,36 @@ std::vector<double> beeps(FileManager& files, const Path& clip, Listening listen
 
 }  // namespace
 
-std::vector<double> flashTimes(FileManager& files, const Path& clip, const Path& scratch) {
+std::optional<DecodedPictures> decodePictures(FileManager& files, const Path& clip, const Path& scratch) {
   const TempFile levels(files, scratch / "levels.txt");
-  runFFmpeg({"-copyts", "-i", clip.string(), "-map", "0:v:0", "-vf",
-             "signalstats,metadata=print:key=lavfi.signalstats.YMIN:file=" + levels.path().string(), "-f", "null",
-             "-"});
+  try {
+    runFFmpeg({"-xerror", "-err_detect", "explode", "-copyts", "-i", clip.string(), "-map", "0:v:0", "-vf",
+               "signalstats,metadata=print:key=lavfi.signalstats.YMIN:file=" + levels.path().string(), "-f", "null",
+               "-"});
+  } catch (const FFmpegFailed&) {
+    return std::nullopt;
+  }
   const Bytes text = readFile(files, levels.path());
   std::istringstream lines{std::string(textOf(text))};
-  std::vector<double> found;
+  DecodedPictures pictures;
   double time = 0;
   for (std::string line; std::getline(lines, line);) {
-    if (const size_t at = line.find("pts_time:"); at != std::string::npos) time = std::stod(line.substr(at + 9));
-    if (const size_t at = line.find("YMIN="); at != std::string::npos && std::stod(line.substr(at + 5)) > 200) {
-      found.push_back(time);
+    if (const size_t at = line.find("pts_time:"); at != std::string::npos) {
+      time = std::stod(line.substr(at + 9));
+      ++pictures.count;
+    }
+    if (const size_t at = line.find("YMIN="); at != std::string::npos && std::stod(line.substr(at + 5)) > white) {
+      pictures.flashes.push_back(time);
     }
   }
-  return found;
+  return pictures;
 }
 
-std::vector<Beat> measureBeats(FileManager& files, const Path& clip, const std::vector<double>& flashes,
-                               Listening listening, const Path& scratch) {
-  const std::vector<double> heard = beeps(files, clip, listening, scratch);
-  std::vector<Beat> beats;
-  for (double flash : flashes) {
-    const auto nearest = std::ranges::min_element(heard, {}, [&](double beep) { return std::abs(beep - flash); });
-    const bool isNear = nearest != heard.end() && std::abs(*nearest - flash) < longestDistance;
-    beats.push_back({flash, isNear ? std::optional(*nearest - flash) : std::nullopt});
-  }
-  return beats;
+std::optional<double> beepBehind(FileManager& files, const Path& clip, double flash, const Path& scratch) {
+  const std::vector<double> heard = beeps(files, clip, scratch);
+  const auto nearest = std::ranges::min_element(heard, {}, [&](double beep) { return std::abs(beep - flash); });
+  if (nearest == heard.end() || std::abs(*nearest - flash) > longestDistance) return std::nullopt;
+  return *nearest - flash;
 }
 
 }  // namespace tarn

@@ -7,24 +7,17 @@
 
 namespace tarn {
 
-/// A flash, and how much later its beep is heard, both in seconds.
-struct Beat {
-  double flash = 0;
-  std::optional<double> beepAfter;  ///< nothing where there is none within half a second
+/// What a decoder makes of the pictures of a clip.
+struct DecodedPictures {
+  size_t count = 0;
+  std::vector<double> flashes = {};  ///< times of white pictures, in seconds
 };
 
-/// How a player deals with the times of the sound.
-enum class Listening {
-  byTimestamps,   ///< each packet when its time has come
-  packetsInARow,  ///< one behind the other from the first one on, as many do
-};
+/// Nothing if the decoder refuses or complains. `scratch` is a directory for files on the way. Throws Error.
+std::optional<DecodedPictures> decodePictures(FileManager& files, const Path& clip, const Path& scratch);
 
-/// Times of a clip's white pictures, in seconds. `scratch` is a directory for files on the way. Throws Error, also for
-/// a clip whose pictures ffmpeg cannot decode.
-std::vector<double> flashTimes(FileManager& files, const Path& clip, const Path& scratch);
-
-/// The beeps of a clip beside these flashes, as ffmpeg's decoder plays its sound. Throws Error.
-std::vector<Beat> measureBeats(FileManager& files, const Path& clip, const std::vector<double>& flashes,
-                               Listening listening, const Path& scratch);
+/// How much later than this flash its beep is heard by a player that plays one packet of the sound behind the other,
+/// as many do, in seconds; nothing if there is no beep within half a second. Throws Error.
+std::optional<double> beepBehind(FileManager& files, const Path& clip, double flash, const Path& scratch);
 
 }  // namespace tarn

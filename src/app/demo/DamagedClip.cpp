@@ -14,7 +14,7 @@ namespace tarn {
 namespace {
 
 constexpr double secondsPerPacket = 1024 / 48000.0;
-constexpr int lostPackets = 24;
+constexpr int lostPackets = 18;
 
 void makeClip(const Path& clip) {
   runFFmpeg(
@@ -26,14 +26,11 @@ void makeClip(const Path& clip) {
        clip.string()});
 }
 
-/// The packets from half a second ahead of the hole's second on are lost, each of the others takes a little longer than
-/// it is, and all come later than they should.
+/// The packets from half a second ahead of the hole's second on are lost.
 void damageSound(const Path& clip, const Path& damaged) {
   const int first = static_cast<int>((clipHoleSecond - 0.5) / secondsPerPacket);
-  runFFmpeg({"-i", clip.string(), "-itsoffset", "0.3", "-i", clip.string(), "-map", "0:v", "-map", "1:a", "-c", "copy",
-             "-tag:v", "avc3", "-bsf:a",
-             fmt::format("noise=drop='between(n,{},{})',setts=ts='TS*1.0005'", first, first + lostPackets - 1),
-             damaged.string()});
+  runFFmpeg({"-i", clip.string(), "-c", "copy", "-tag:v", "avc3", "-bsf:a",
+             fmt::format("noise=drop='between(n,{},{})'", first, first + lostPackets - 1), damaged.string()});
 }
 
 /// As some encoders leave it: the configuration box is gone.

@@ -9,7 +9,7 @@ inline constexpr int clipSeconds = 20;
 inline constexpr int clipHoleSecond = 8;
 
 /// Makes a recording with ffmpeg in which a white picture and a beep come together each second, and damages it: its
-/// parameter sets stand in the samples alone, its sound starts late, has a hole, and drifts. Throws Error.
+/// parameter sets stand in the samples alone, and its sound has a hole. Throws Error.
 void makeDamagedClip(FileManager& files, const Path& clip);
 
 }  // namespace tarn

@@ -8,12 +8,13 @@
 
 #include <cerrno>
 
-#include "platform/Error.h"
-
 namespace tarn {
 
+FFmpegFailed::FFmpegFailed(int code)
+    : Error("Demo", code, fmt::format("ffmpeg failed on the recording (exit code {})", code)) {}
+
 void runFFmpeg(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command{"ffmpeg", "-hide_banner", "-loglevel", "fatal", "-y"};
+  std::vector<std::string> command{"ffmpeg", "-y"};
   command.insert(command.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   argv.reserve(command.size() + 1);
@@ -21,7 +22,9 @@ void runFFmpeg(const std::vector<std::string>& arguments) {
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_RDWR, 0);
+  }
   pid_t child = 0;
   const int failure = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
@@ -31,7 +34,7 @@ void runFFmpeg(const std::vector<std::string>& arguments) {
     if (errno != EINTR) throw PosixError(errno, command.front());
   }
   const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (code != 0) throw Error("Demo", code, fmt::format("ffmpeg failed on the recording (exit code {})", code));
+  if (code != 0) throw FFmpegFailed(code);
 }
 
 }  // namespace tarn

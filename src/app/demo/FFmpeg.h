@@ -3,10 +3,18 @@
 #include <string>
 #include <vector>
 
+#include "platform/Error.h"
+
 namespace tarn {
 
-/// Runs ffmpeg with these arguments behind those that keep it quiet, without standard input, and waits for it. Throws
-/// Error when it cannot be started or fails.
+/// It ran, and ended with an error.
+class FFmpegFailed : public Error {
+ public:
+  explicit FFmpegFailed(int code);
+};
+
+/// Runs ffmpeg with these arguments, without its standard input, output and errors, and waits for it. Throws PosixError
+/// if it cannot be started, FFmpegFailed.
 void runFFmpeg(const std::vector<std::string>& arguments);
 
 }  // namespace tarn

@@ -66,10 +66,12 @@ void FragmentTrack::readSyncs(const MovieBox& stbl) {
   syncs_.append(box == nullptr, samplesInMoov_);
   if (!box) return;
   const Bytes stss = box->plainBytes();
-  const TableEntries rows(stss, layout::syncEntrySize, TableEntries::HugeCount::isCut);
+  const TableEntries entries(stss, layout::syncEntrySize, TableEntries::HugeCount::isCut);
+  std::vector<uint32_t> numbers(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) numbers[i] = layout::load32(entries.entry(i), layout::syncSampleNumber);
+  std::ranges::sort(numbers);
   syncs_.truncate(0);
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const uint32_t number = layout::load32(rows.entry(i), layout::syncSampleNumber);
+  for (const uint32_t number : numbers) {
     if (number <= syncs_.size() || number > samplesInMoov_) continue;
     syncs_.append(false, number - 1 - syncs_.size());
     syncs_.append(true);

@@ -93,7 +93,8 @@ class TrialRun {
       forecast = {FragmentsForecast::Kind::leavesAlone, said};
     }
     ProcessingState record = run.state;
-    deriveFlags(files_, record);
+    record.lostEnd.reset();  // told already
+    if (!record.areFlagsFinal) deriveFlags(files_, record);
     return record;
   }
 

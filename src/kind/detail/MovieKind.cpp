@@ -51,6 +51,8 @@ TopLevel readTopLevel(FileHandle& file, uint64_t fileSize) {
     if (box->type == "moov" && !level.moov) level.moov = box;
     if (level.moov && level.hasFragments) break;
   }
+  // A recorder that dies leaves a size that it meant to write at the end.
+  if (walker.stop().type == "mdat") level.hasMedia = level.isCut = true;
   return level;
 }
 

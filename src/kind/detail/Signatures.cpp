@@ -45,6 +45,8 @@ constexpr Signature signatures[] = {
     {"FORM"sv, What::audio, "an AIFF file", 8, "AIFF"sv},
     {"FORM"sv, What::audio, "an AIFF file", 8, "AIFC"sv},
     {"#!AMR"sv, What::audio, "an AMR file"},
+    {".snd\0\0"sv, What::audio, "an AU sound file"},
+    {"riff\x2E\x91\xCF\x11\xA5\xD6\x28\xDB\x04\xC1\0\0"sv, What::audio, "a Wave64 sound file"},
     {"\xFF\xD8\xFF"sv, What::picture, "a JPEG picture"},
     {"\x89PNG\r\n\x1A\n"sv, What::picture, "a PNG picture"},
     {"GIF87a"sv, What::picture, "a GIF picture"},
@@ -92,23 +94,40 @@ std::optional<Kind> ebmlKind(ByteView head) {
   return std::nullopt;
 }
 
-/// Bytes of the frame that begins at `place`; 0 when none does. Of ADTS (ISO/IEC 14496-3 1.A.2.2) and of MPEG audio
-/// (ISO/IEC 11172-3 2.4.1.3), layer III.
+/// Bytes of a frame of AC-3 or E-AC-3 (ETSI TS 102 366 4.4.1, E.1.3.1); 0 when it is none.
+size_t ac3FrameSize(const uint8_t* frame) {
+  constexpr std::array<size_t, 19> rates{32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
+                                         192, 224, 256, 320, 384, 448, 512, 576, 640};
+  const int version = frame[5] >> 3;
+  if (version > 10 && version <= 16) return 2 * ((size_t(frame[2] & 7) << 8 | frame[3]) + 1);
+  const size_t frequency = frame[4] >> 6, code = frame[4] & 0x3F;
+  if (version > 10 || frequency == 3 || code / 2 >= rates.size()) return 0;
+  const size_t rate = rates[code / 2];
+  if (frequency == 1) return 2 * (rate * 96'000 / 44'100 + code % 2);
+  return rate * (frequency == 0 ? 4 : 6);
+}
+
+/// Bytes of the frame that begins at `place`; 0 when none does. Of ADTS (ISO/IEC 14496-3 1.A.2.2), of AC-3, and of MPEG
+/// audio (ISO/IEC 11172-3 2.4.1.3), layers II and III.
 size_t soundFrameSize(ByteView head, size_t place) {
-  if (place > head.size() || head.size() - place < 7 || head[place] != 0xFF) return 0;
+  if (place > head.size() || head.size() - place < 7) return 0;
   const uint8_t* frame = head.data() + place;
+  if (frame[0] == 0x0B && frame[1] == 0x77) return ac3FrameSize(frame);
+  if (frame[0] != 0xFF) return 0;
   if ((frame[1] & 0xF6) == 0xF0) return size_t(frame[3] & 3) << 11 | size_t(frame[4]) << 3 | size_t(frame[5]) >> 5;
-  if ((frame[1] & 0xE6) != 0xE2) return 0;
+  const int layer = 4 - (frame[1] >> 1 & 3);
+  if ((frame[1] & 0xE0) != 0xE0 || (layer != 2 && layer != 3)) return 0;
   constexpr std::array<size_t, 15> rates1{0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
+  constexpr std::array<size_t, 15> ratesOfLayer2{0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
   constexpr std::array<size_t, 15> rates2{0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
   constexpr std::array<size_t, 3> frequencies{44'100, 48'000, 32'000};
   const size_t version = frame[1] >> 3 & 3;  // 3 is MPEG-1, 2 MPEG-2, 0 MPEG-2.5
   const size_t rate = frame[2] >> 4;
   const size_t frequency = frame[2] >> 2 & 3;
   if (version == 1 || rate == 0 || rate == 15 || frequency == 3) return 0;
-  const size_t bits = (version == 3 ? rates1 : rates2)[rate] * 1000;
+  const size_t bits = (version != 3 ? rates2 : layer == 2 ? ratesOfLayer2 : rates1)[rate] * 1000;
   const size_t divisor = version == 3 ? 1 : version == 2 ? 2 : 4;
-  const size_t bytesOfBits = version == 3 ? 144 : 72;
+  const size_t bytesOfBits = version == 3 || layer == 2 ? 144 : 72;
   return bytesOfBits * bits * divisor / frequencies[frequency] + (frame[2] >> 1 & 1);
 }
 
@@ -119,8 +138,11 @@ std::optional<Kind> soundStreamKind(ByteView head) {
     if (size < 7) return std::nullopt;
     place += size;
   }
-  const bool isADTS = (head[1] & 0xF6) == 0xF0;
-  return Kind{What::audio, isADTS ? "an AAC stream" : "an MP3 file", ""};
+  const char* words = head[0] == 0x0B            ? "an AC-3 file"
+                      : (head[1] & 0xF6) == 0xF0 ? "an AAC stream"
+                      : (head[1] >> 1 & 3) == 2  ? "an MP2 file"
+                                                 : "an MP3 file";
+  return Kind{What::audio, words, ""};
 }
 
 std::string adviceFor(What what) {

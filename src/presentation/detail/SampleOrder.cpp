@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <utility>
 
 namespace tarn {
 
@@ -11,12 +12,16 @@ SampleOrder::SampleOrder(const SampleTimes& times, uint32_t sampleCount, std::st
   if (!holdsPictures_) return;
   pictures_.reserve(sampleCount);
   for (SampleTimes::Cursor cursor(times, 0); cursor.sample() < sampleCount; cursor.advance()) {
-    SampleTime time = cursor.time();
-    pictures_.push_back({time.compositionTime, time.compositionTime + time.delta, cursor.sample()});
+    pictures_.push_back({cursor.time().compositionTime, cursor.sample()});
   }
-  std::ranges::stable_sort(pictures_, {}, &Picture::start);
-  for (size_t i = 0; i + 1 < pictures_.size(); ++i) pictures_[i].end = pictures_[i + 1].start;
-  std::erase_if(pictures_, [](const Picture& picture) { return picture.end <= picture.start; });
+  if (pictures_.empty()) return;
+  std::ranges::sort(pictures_, {}, [](const Picture& picture) { return std::pair(picture.start, picture.sample); });
+  picturesEnd_ = pictures_.back().start + SampleTimes::Cursor(times, pictures_.back().sample).time().delta;
+  size_t kept = 0;
+  for (uint32_t i = 0; i < pictures_.size(); ++i) {
+    if (end(i) > start(i)) pictures_[kept++] = pictures_[i];
+  }
+  pictures_.resize(kept);
 }
 
 int64_t SampleOrder::start(uint32_t place) const {
@@ -24,14 +29,14 @@ int64_t SampleOrder::start(uint32_t place) const {
 }
 
 int64_t SampleOrder::end(uint32_t place) const {
-  if (holdsPictures_) return pictures_[place].end;
+  if (holdsPictures_) return place + 1 < pictures_.size() ? pictures_[place + 1].start : picturesEnd_;
   SampleTime time = SampleTimes::Cursor(times_, place).time();
   return time.decodeTime + time.delta;
 }
 
 int64_t SampleOrder::mediaEnd() const {
   if (!holdsPictures_) return times_.duration();
-  return pictures_.empty() ? 0 : pictures_.back().end;
+  return picturesEnd_;
 }
 
 uint32_t SampleOrder::countWithLength(PlaceRange range) const {
@@ -45,7 +50,10 @@ uint32_t SampleOrder::firstFrom(int64_t time) const {
 
 uint32_t SampleOrder::firstEndingBehind(int64_t time) const {
   if (holdsPictures_) {
-    return static_cast<uint32_t>(std::ranges::upper_bound(pictures_, time, {}, &Picture::end) - pictures_.begin());
+    const auto next = std::ranges::upper_bound(pictures_, time, {}, &Picture::start);
+    const auto place = static_cast<uint32_t>(next - pictures_.begin());
+    const bool isBehindAll = next == pictures_.end() && time >= picturesEnd_;
+    return place == 0 || isBehindAll ? place : place - 1;
   }
   if (time >= times_.duration()) return sampleCount_;
   // A sample ends where the next one begins.

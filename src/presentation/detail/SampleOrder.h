@@ -45,9 +45,9 @@ class SampleOrder {
   uint32_t firstEndingBehind(int64_t time) const;
 
  private:
+  /// It lasts until the next one begins.
   struct Picture {
     int64_t start;
-    int64_t end;
     uint32_t sample;
   };
 
@@ -55,6 +55,7 @@ class SampleOrder {
   uint32_t sampleCount_;
   bool holdsPictures_;
   std::vector<Picture> pictures_;
+  int64_t picturesEnd_ = 0;  ///< of the last one
 };
 
 /// What one edit shows of an order.

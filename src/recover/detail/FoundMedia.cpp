@@ -47,7 +47,7 @@ uint64_t FoundMedia::soundSamples(const RecordedSound& recorded) const {
 }
 
 double FoundMedia::secondsOfPictures(const RecordedPictures& recorded) const {
-  return static_cast<double>(pictures.size()) * recorded.duration / recorded.timescale;
+  return recorded.seconds(pictures.size());
 }
 
 double FoundMedia::secondsOfSound(const RecordedSound& recorded) const {
@@ -79,7 +79,7 @@ std::vector<int64_t> compositionTimes(const std::vector<FoundPicture>& pictures,
   std::ranges::stable_sort(shown, {}, [&](size_t index) { return pictures[index].order; });
   std::vector<int64_t> times(pictures.size());
   for (size_t place = 0; place < shown.size(); ++place) {
-    times[shown[place]] = recorded.firstCompositionTime + static_cast<int64_t>(place) * recorded.duration;
+    times[shown[place]] = recorded.firstCompositionTime + recorded.timeOf(place);
   }
   return times;
 }

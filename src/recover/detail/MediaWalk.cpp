@@ -8,6 +8,8 @@ namespace {
 
 constexpr uint64_t pollDistance = 1 << 20;
 constexpr uint64_t largestSample = std::numeric_limits<uint32_t>::max();
+/// 19 hours of 60 pictures a second: each takes memory.
+constexpr size_t mostPictures = 1 << 22;
 
 }  // namespace
 
@@ -24,7 +26,7 @@ FoundMedia MediaWalk::run(const std::function<void(uint64_t)>& poll) {
   bool goesOn = true;
   while (goesOn && at_ < bytes_.end()) {
     const auto unit = unitAt(at_);
-    goesOn = unit ? takeUnit(*unit) : takeSound();
+    goesOn = unit ? takeUnit(*unit) : takeSound() || takeOther();
     if (at_ - told >= pollDistance) poll(told = at_);
   }
   finish();
@@ -79,6 +81,7 @@ bool MediaWalk::takeUnit(const Unit& unit) {
 bool MediaWalk::takeSlice(const Unit& unit) {
   const auto order = unit.is.isFirst ? reader_->order(unit.is) : std::nullopt;
   if (order) {
+    if (found_.pictures.size() == mostPictures) return false;
     const uint64_t begin = open_ && open_->units ? *open_->units : at_;
     if (open_ && open_->picture.slices > 0) close(begin);
     if (!open_) open(begin);
@@ -93,13 +96,38 @@ bool MediaWalk::takeSlice(const Unit& unit) {
 }
 
 bool MediaWalk::takeSound() {
-  if (!recorder_.sound || (open_ && (open_->picture.slices == 0 || open_->units))) return false;
+  if (!recorder_.sound || (open_ && (open_->picture.slices == 0 || open_->units)) || !mayHoldMoreSound()) return false;
   const auto size = recorder_.sound->isPCM ? pieceSize() : packetSize();
   if (!size) return false;
   if (open_) close(at_);
   found_.sound.push_back({.offset = at_, .size = *size});
   at_ += *size;
   return true;
+}
+
+/// A few bytes may pass for a packet: no recorder runs ahead of its pictures with any number of them.
+bool MediaWalk::mayHoldMoreSound() const {
+  const bool isOfTheRecorder = recorder_.longestPiece == 0;
+  if (isOfTheRecorder || recorder_.sound->isPCM) return true;
+  constexpr double slack = 1.25, seconds = 10;
+  return found_.secondsOfSound(*recorder_.sound) <=
+         slack * found_.secondsOfPictures(recorder_.pictures) + recorder_.longestPiece + seconds;
+}
+
+/// What belongs to neither is as long as such a piece of the healthy movie, with a picture, sound or the end behind it.
+bool MediaWalk::takeOther() {
+  if (open_ && (open_->picture.slices == 0 || open_->units)) return false;
+  const uint64_t begin = at_, rest = bytes_.end() - at_;
+  for (const uint64_t piece : recorder_.otherPieces) {
+    if (piece > rest) break;
+    at_ = begin + piece;
+    const bool isKnownBehind = piece == rest || unitAt(at_) || (packets_ && packetSize());
+    if (!isKnownBehind) continue;
+    if (open_) close(begin);
+    return true;
+  }
+  at_ = begin;
+  return false;
 }
 
 std::optional<uint32_t> MediaWalk::packetSize() {

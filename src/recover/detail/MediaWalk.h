@@ -38,6 +38,8 @@ class MediaWalk {
   bool takeUnit(const Unit& unit);
   bool takeSlice(const Unit& unit);
   bool takeSound();
+  bool takeOther();
+  bool mayHoldMoreSound() const;
   std::optional<uint32_t> packetSize();
   std::optional<uint32_t> pieceSize();
   void open(uint64_t offset) { open_ = OpenPicture{.picture = {.offset = offset}, .units = std::nullopt}; }

@@ -20,10 +20,11 @@ TrackTables pictureTables(const FoundMedia& found, const RecordedPictures& recor
   TrackTables tables;
   for (size_t i = 0; i < found.pictures.size(); ++i) {
     const FoundPicture& picture = found.pictures[i];
+    const int64_t time = recorded.timeOf(i);
     tables.append({.offset = picture.offset,
                    .size = picture.size,
-                   .duration = recorded.duration,
-                   .compositionOffset = times[i] - static_cast<int64_t>(i) * recorded.duration,
+                   .duration = static_cast<uint32_t>(recorded.timeOf(i + 1) - time),
+                   .compositionOffset = times[i] - time,
                    .isSync = picture.isSync});
   }
   return tables;
@@ -72,6 +73,20 @@ void forgetHowItCameAbout(MovieBox& box, std::string_view timeHeaderType) {
   for (size_t i = begin; i < end; ++i) timeHeader->contents[i] = 0;
 }
 
+/// Removes tracks that are not rebuilt, and what refers to them.
+void dropOthers(PlainMovie& movie, const std::vector<OtherTrack>& others) {
+  if (others.empty()) return;
+  size_t trak = 0, table = 0;
+  const auto isOther = [&](size_t index) {
+    return std::ranges::find(others, index, &OtherTrack::trak) != others.end();
+  };
+  std::erase_if(movie.moov.children, [&](const MovieBox& box) { return box.type == "trak" && isOther(trak++); });
+  std::erase_if(movie.tables, [&](const TrackTables&) { return isOther(table++); });
+  for (MovieBox& box : movie.moov.children) {
+    if (box.type == "trak") box.removeAll("tref");
+  }
+}
+
 }  // namespace
 
 PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
@@ -98,6 +113,7 @@ PlainMovie rebuiltMovie(Recorder recorder, const FoundMedia& found) {
     longest = std::max(longest, shown);
   }
   storeDuration(mvhd, headerDurationField, longest);
+  dropOthers(movie, recorder.others);
   return movie;
 }
 

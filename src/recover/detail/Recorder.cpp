@@ -109,7 +109,9 @@ class RecorderReader {
     const std::string handler(handlerOf(trak));
     const bool isPictures = handler == "vide";
     if (!isPictures && handler != "soun") {
-      throw unfit(fmt::format("it has a track that is neither pictures nor sound (\"{}\")", shown(handler)));
+      recorder_.others.push_back({index, shown(handler)});
+      otherTables_.push_back(std::move(tables));
+      return;
     }
     if (isPictures ? recorder_.pictures.codec != nullptr : recorder_.sound.has_value()) {
       throw unfit(fmt::format("it has two tracks of {}", isPictures ? "pictures" : "sound"));
@@ -142,11 +144,16 @@ class RecorderReader {
     if (pictures.codec == nullptr)
       throw unfit(fmt::format("its pictures are neither AVC nor HEVC (\"{}\")", shown(tag)));
     readConfiguration(stsd);
-    const auto duration = constantDuration(trak);
-    if (!duration) throw unfit("its pictures do not all last equally long");
     pictures.trak = index;
     pictures.timescale = timescale;
-    pictures.duration = *duration;
+    if (const auto duration = constantDuration(trak)) {
+      pictures.ticks = *duration;
+    } else {
+      // The last one may last any time.
+      pictures.count = std::max<uint64_t>(pictures_.tables.sampleCount(), 2) - 1;
+      pictures.ticks = pictures_.tables.decodeTime(pictures.count);
+      if (pictures.ticks < pictures.count || pictures.areSteady()) throw unfit("its pictures last no time");
+    }
     pictures.firstCompositionTime = pictures_.tables.composition().start;
   }
 
@@ -216,35 +223,45 @@ class RecorderReader {
     sound.blockSize = sound_.samples->sizeOf(0);
   }
 
-  /// How long the pieces of PCM are that lie between pictures.
+  enum class Of { pictures, sound, others };
+  struct Chunk {
+    uint64_t offset;
+    uint64_t size;
+    Of what;
+  };
+
+  /// How long the pieces are that lie between pictures, and can be known by nothing else.
   void readPieces() {
-    if (!recorder_.sound || !recorder_.sound->isPCM) return;
-    struct Chunk {
-      uint64_t offset;
-      uint64_t size;
-      bool isSound;
-    };
     std::vector<Chunk> chunks;
-    for (const bool isSound : {false, true}) {
-      (isSound ? sound_ : pictures_).tables.forEachChunk([&](uint64_t offset, uint64_t size) {
-        chunks.push_back({offset, size, isSound});
-      });
-    }
+    const auto add = [&](const TrackTables& tables, Of what) {
+      tables.forEachChunk([&](uint64_t offset, uint64_t size) { chunks.push_back({offset, size, what}); });
+    };
+    add(pictures_.tables, Of::pictures);
+    add(sound_.tables, Of::sound);
+    for (const TrackTables& tables : otherTables_) add(tables, Of::others);
     std::ranges::sort(chunks, {}, &Chunk::offset);
-    std::vector<uint64_t>& pieces = recorder_.sound->pieces;
+    if (recorder_.sound && recorder_.sound->isPCM) recorder_.sound->pieces = piecesOf(chunks, Of::sound);
+    recorder_.otherPieces = piecesOf(chunks, Of::others);
+  }
+
+  static std::vector<uint64_t> piecesOf(const std::vector<Chunk>& chunks, Of what) {
+    std::vector<uint64_t> pieces;
     for (size_t i = 0; i < chunks.size(); ++i) {
-      if (!chunks[i].isSound) continue;
+      if (chunks[i].what != what) continue;
       uint64_t size = chunks[i].size;
-      while (i + 1 < chunks.size() && chunks[i + 1].isSound &&
+      while (i + 1 < chunks.size() && chunks[i + 1].what == what &&
              chunks[i + 1].offset == chunks[i].offset + chunks[i].size) {
         size += chunks[++i].size;
       }
-      pieces.push_back(size);
+      if (size > 0) pieces.push_back(size);
     }
     std::ranges::sort(pieces);
     pieces.erase(std::unique(pieces.begin(), pieces.end()), pieces.end());
     constexpr size_t mostPieces = 1000;
-    if (pieces.size() > mostPieces || pieces.back() >> 31 != 0) throw unfit("its sound lies in no pattern");
+    if (pieces.size() > mostPieces || (!pieces.empty() && pieces.back() >> 31 != 0)) {
+      throw unfit(fmt::format("its {} no pattern", what == Of::sound ? "sound lies in" : "other tracks lie in"));
+    }
+    return pieces;
   }
 
   /// Holds what a walk finds against the tables.
@@ -301,7 +318,7 @@ class RecorderReader {
   /// The longest row of samples of one track, in seconds.
   double longestPieceIn(const FoundMedia& found) const {
     const RecordedSound& sound = *recorder_.sound;
-    const double picture = static_cast<double>(recorder_.pictures.duration) / recorder_.pictures.timescale;
+    const double picture = recorder_.pictures.seconds(1);
     double longest = 0;
     double row = 0;
     bool isSoundRow = false;
@@ -332,10 +349,19 @@ class RecorderReader {
   Recorder recorder_;
   Places pictures_;
   Places sound_;
+  std::vector<TrackTables> otherTables_;
   uint64_t largestPicture_ = 0;
 };
 
 }  // namespace
+
+int64_t RecordedPictures::timeOf(uint64_t picture) const {
+  return static_cast<int64_t>(Int128{picture} * ticks / count);
+}
+
+double RecordedPictures::seconds(uint64_t pictures) const {
+  return static_cast<double>(pictures) * static_cast<double>(ticks) / static_cast<double>(count) / timescale;
+}
 
 uint64_t RecordedSound::timeOf(uint64_t sample) const {
   return static_cast<uint64_t>(Int128{sample} * framesInSample * timescale / rate);

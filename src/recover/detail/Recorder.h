@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "movie/MovieTree.h"
@@ -20,9 +21,21 @@ struct RecordedPictures {
   Bytes configuration;    ///< contents of its `avcC` or `hvcC`
   size_t prefixSize = 4;  ///< of the units' lengths, bytes
   uint32_t timescale = 0;
-  uint32_t duration = 0;                ///< of each picture, track timescale
+  uint64_t ticks = 0;                   ///< that `count` pictures last, track timescale
+  uint64_t count = 1;                   ///< 1 if all last equally long
   int64_t firstCompositionTime = 0;     ///< of the picture that is shown first, track timescale
   std::optional<uint32_t> slices = {};  ///< of each picture, where all have as many
+
+  bool areSteady() const { return count == 1; }
+  /// When a picture begins, counted from 0 in decode order, track timescale.
+  int64_t timeOf(uint64_t picture) const;
+  double seconds(uint64_t pictures) const;
+};
+
+/// A track that is neither pictures nor sound.
+struct OtherTrack {
+  size_t trak = 0;
+  std::string handler;  ///< to stand in a sentence
 };
 
 /// How a recorder writes sound.
@@ -47,8 +60,10 @@ struct Recorder {
   MovieBox moov;  ///< with the tables of the healthy movie
   RecordedPictures pictures;
   std::optional<RecordedSound> sound;
-  uint64_t firstSample = 0;  ///< how far behind the header of the `mdat` the first sample begins, bytes
-  double longestPiece = 0;   ///< of one track between two of the other, seconds
+  std::vector<OtherTrack> others;     ///< that have samples
+  std::vector<uint64_t> otherPieces;  ///< how long in bytes what they hold between the samples is, ascending
+  uint64_t firstSample = 0;           ///< how far behind the header of the `mdat` the first sample begins, bytes
+  double longestPiece = 0;            ///< of one track between two of the other, seconds
 
   /// Reads the movie, walks its own media and holds what was found against its tables, so that a recorder whose media
   /// cannot be walked is known. Throws LostMoovError for a movie that cannot serve, PosixError.

@@ -1,5 +1,6 @@
 import type { Summary } from './host.js';
 import { plotOf, soundWords } from './plot.js';
+import { sentence } from './text.js';
 
 /** What was wrong with a video, what was done, and sound against picture before and after, to be opened. */
 export class RepairReport {
@@ -32,8 +33,8 @@ function report(summary: Summary, name: string): HTMLElement {
 function list(title: string, sentences: string[]): HTMLElement[] {
   if (sentences.length === 0) return [];
   const items = document.createElement('ul');
-  for (const sentence of sentences) {
-    items.append(Object.assign(document.createElement('li'), { textContent: `${sentence}.` }));
+  for (const words of sentences) {
+    items.append(Object.assign(document.createElement('li'), { textContent: sentence(words) }));
   }
   return [Object.assign(document.createElement('h3'), { textContent: title }), items];
 }

@@ -116,10 +116,11 @@ function stateWords({ phase, entry, transfer }: Card): string {
 }
 
 /** Why it failed or is not whole, what helps, and where more stands. */
-function showReason(row: HTMLElement, { phase, entry }: Card): void {
+function showReason(row: HTMLElement, { phase, entry, name }: Card): void {
   const line = find(row, '.download-reason', HTMLElement);
   const isTold = entry !== undefined && (phase === 'failed' || (phase === 'saved' && entry.partly === true));
-  const words = isTold ? [entry.reason, entry.advice].filter(isSaid).map(sentence).join(' ') : '';
+  const sentences = isTold ? [entry.reason, entry.advice].filter(isSaid) : [];
+  const words = sentences.map((said) => sentence(said, name)).join(' ');
   line.hidden = words === '';
   setText(line, words);
 }

@@ -27,9 +27,9 @@ export function secondsText(seconds: number): string {
   return `${Number(seconds.toFixed(2))}${joined}s`;
 }
 
-/** Words as a whole sentence. */
-export function sentence(words: string): string {
-  const whole = words.charAt(0).toUpperCase() + words.slice(1);
+/** Words as a whole sentence. A file's name at the start stays as it is. */
+export function sentence(words: string, name?: string): string {
+  const whole = name !== undefined && words.startsWith(name) ? words : words.charAt(0).toUpperCase() + words.slice(1);
   return /[.!?]$/.test(whole) ? whole : `${whole}.`;
 }
 
