@@ -116,6 +116,14 @@ TEST_F(TransferOptionsTest, OldSecretsAreForgotten) {
   EXPECT_EQ(home_.requests().back().header("user-agent"), "own agent");
 }
 
+TEST_F(TransferOptionsTest, TheRateIsTheUsers) {
+  home_.serve("/file", file_);
+  harness_.start();
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(fetch(home_.url("/file"), {.bytesPerSecond = 300'000}).file, video(1));
+  EXPECT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(700));
+}
+
 TEST_F(TransferOptionsTest, RetriesAreTheUsers) {
   home_.serve("/busy", file_, {}, {.status = 503});
   harness_.start();

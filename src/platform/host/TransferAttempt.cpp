@@ -68,7 +68,27 @@ size_t TransferAttempt::onHeader(char*, size_t one, size_t count, void* attempt)
 
 size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* attempt) {
   const ByteView piece(reinterpret_cast<const uint8_t*>(bytes), one * count);
-  return static_cast<TransferAttempt*>(attempt)->take(piece) ? piece.size() : CURL_WRITEFUNC_ERROR;
+  auto* const self = static_cast<TransferAttempt*>(attempt);
+  if (self->holdBack()) return CURL_WRITEFUNC_PAUSE;
+  return self->take(piece) ? piece.size() : CURL_WRITEFUNC_ERROR;
+}
+
+/// True while more bytes have come than the rate allows by now; libcurl then keeps the piece.
+bool TransferAttempt::holdBack() {
+  const auto& rate = record_.options.bytesPerSecond;
+  if (!rate) return false;
+  const auto now = Clock::now();
+  if (!bodyBegan_) bodyBegan_ = now;
+  const std::chrono::duration<double> allowed(static_cast<double>(position_ - base_) / static_cast<double>(*rate));
+  const auto due = *bodyBegan_ + std::chrono::ceil<std::chrono::milliseconds>(allowed);
+  if (due <= now) return false;
+  heldUntil_ = due;
+  return true;
+}
+
+void TransferAttempt::goOn() {
+  heldUntil_.reset();
+  curl_easy_pause(request_.easy(), CURLPAUSE_CONT);
 }
 
 /// False ends the exchange.

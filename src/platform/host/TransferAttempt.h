@@ -49,6 +49,12 @@ class TransferAttempt {
   /// Judges the exchange after libcurl has ended it with `code` (CURLcode).
   Outcome finish(int code);
 
+  /// When a body goes on that came faster than its rate; nothing while none waits. libcurl's own limit does not hold
+  /// (7.88).
+  std::optional<Clock::time_point> heldUntil() const { return heldUntil_; }
+  /// Lets it go on.
+  void goOn();
+
   /// Bytes were thrown away, because they could not be continued.
   bool hasStartedOver() const { return hasStartedOver_; }
   /// The part has grown.
@@ -62,6 +68,7 @@ class TransferAttempt {
   ResponseHead responseHead() const;
   void decide();
   void emptyPart();
+  bool holdBack();
   bool take(ByteView piece);
   Outcome follow(const std::string& url);
   Outcome judge(int code) const;
@@ -86,7 +93,9 @@ class TransferAttempt {
   std::optional<Error> fileFailure_;
   Clock::time_point lastHeard_ = Clock::now();
   std::array<char, 256> curlText_{};  ///< libcurl's words on a failure
-  size_t passedOver_ = 0;             ///< bytes of a redirect's body
+  std::optional<Clock::time_point> bodyBegan_;
+  std::optional<Clock::time_point> heldUntil_;
+  size_t passedOver_ = 0;  ///< bytes of a redirect's body
   TransferRequest request_;
 };
 

@@ -87,6 +87,7 @@ void TransferLoop::run() {
   blockPipeSignal();
   while (obeyCommands()) {
     startDueJobs();
+    letHeldGoOn();
     int running = 0;
     curl_multi_perform(multi_.get(), &running);
     endFinishedAttempts();
@@ -163,6 +164,14 @@ void TransferLoop::startDueJobs() {
   for (auto next = jobs_.begin(); next != jobs_.end();) {
     Job& job = next++->second;  // a job that cannot start leaves the map
     if (!job.attempt && job.nextTry <= now) startAttempt(job);
+  }
+}
+
+void TransferLoop::letHeldGoOn() {
+  const auto now = Clock::now();
+  for (auto& [identifier, job] : jobs_) {
+    const auto until = job.attempt ? job.attempt->heldUntil() : std::nullopt;
+    if (until && *until <= now) job.attempt->goOn();
   }
 }
 
@@ -277,7 +286,8 @@ int TransferLoop::millisecondsToNextDeadline() const {
   milliseconds wait(std::numeric_limits<int>::max());
   const auto now = Clock::now();
   for (const auto& [identifier, job] : jobs_) {
-    const auto deadline = job.attempt ? job.attempt->lastHeard() + options_.stallTime : job.nextTry;
+    auto deadline = job.attempt ? job.attempt->lastHeard() + options_.stallTime : job.nextTry;
+    if (const auto until = job.attempt ? job.attempt->heldUntil() : std::nullopt) deadline = std::min(deadline, *until);
     wait = std::clamp(std::chrono::ceil<milliseconds>(deadline - now), milliseconds(0), wait);
   }
   return static_cast<int>(wait.count());

@@ -65,6 +65,7 @@ class TransferLoop : public TransferOwner {
   void drop(const std::shared_ptr<Transfer>& transfer);
   void endJob(int64_t taskIdentifier);
   void startDueJobs();
+  void letHeldGoOn();
   void startAttempt(Job& job);
   void detach(Job& job);
   void endFinishedAttempts();

@@ -44,15 +44,14 @@ TransferRequest::TransferRequest(const TransferRecord& record, const std::string
   curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, record.isTakenAsItIs ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
-  setRate();
+  setBuffer();
 }
 
-/// Pieces are so small that a slow rate is no silence. libcurl 7.88 lets short files pass faster than the rate.
-void TransferRequest::setRate() {
+/// Pieces are so small that a slow rate is no silence.
+void TransferRequest::setBuffer() {
   const auto& rate = record_.options.bytesPerSecond;
   const auto most = rate ? static_cast<curl_off_t>(*rate) : 0;
   const curl_off_t buffer = rate ? std::clamp(most / 4, smallestBuffer, largestBuffer) : largestBuffer;
-  curl_easy_setopt(easy_.get(), CURLOPT_MAX_RECV_SPEED_LARGE, most);
   curl_easy_setopt(easy_.get(), CURLOPT_BUFFERSIZE, static_cast<long>(buffer));
 }
 

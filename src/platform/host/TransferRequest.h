@@ -44,7 +44,7 @@ class TransferRequest {
   void aimAt(const std::string& url);
   void setHeaders(bool isAtHome);
   void setCookies(bool isAtHome);
-  void setRate();
+  void setBuffer();
 
   const TransferRecord& record_;
   const std::optional<URL> home_;
