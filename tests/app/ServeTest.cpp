@@ -333,10 +333,12 @@ TEST_F(ServeTest, ASavedVideoIsListedAndPlayedInParts) {
   EXPECT_NE(complete.find("STATUS_SUCCESSFUL"), std::string::npos) << complete;
   const std::string id = between(complete, R"("assetId":")", "\"");
 
-  EXPECT_THAT(bodyOf(get("albums")),
-              testing::MatchesRegex(R"(\{"albums":\[\{"title":"Trips","assets":\[\{"id":")" + id +
-                                    R"(","filename":"clip.html","bytes":3000000,"created":1[0-9.]+,"video":"videos/)" +
-                                    id + R"("\}\]\}\]\})"));
+  EXPECT_THAT(
+      bodyOf(get("albums")),
+      testing::MatchesRegex(
+          R"(\{"albums":\[\{"title":"Trips","assets":\[\{"id":")" + id +
+          R"(","filename":"clip.html","bytes":3000000,"created":1[0-9.]+,"path":"/.*/home/Photos/Trips/clip.html","video":"videos/)" +
+          id + R"("\}\]\}\]\})"));
 
   const Bytes bytes = video();
   const std::string content(bytes.begin(), bytes.end());

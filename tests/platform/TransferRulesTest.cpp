@@ -46,7 +46,7 @@ TEST(TransferRulesTest, WhatWouldHarmTheExchangeIsRefusedInWordsWithoutIt) {
                               .retries = 0};
   EXPECT_EQ(whyRefused(taken), std::nullopt);
   EXPECT_EQ(transferOptions(*JSObject::parse(objectOf(taken).json())), taken);
-  EXPECT_TRUE(objectOf({}).empty());
+  EXPECT_TRUE(objectOf(TransferOptions()).empty());
 }
 
 TEST(TransferRulesTest, OnlyTheCookiesOfTheHostAreKeptAndEachOnItsLine) {
