@@ -10,7 +10,6 @@
 #include "inspect/FailureAdvice.h"
 #include "inspect/SummaryJSON.h"
 #include "platform/Log.h"
-#include "platform/TransferRules.h"
 
 namespace tarn {
 namespace {
@@ -51,6 +50,7 @@ HistoryEntry entryOf(const RunOutcome& outcome, Date now) {
       entry.state = HistoryEntry::State::saved;
       if (outcome.isPartly) entry.reason = fmt::format("{}", fmt::join(outcome.leftAlone, "; "));
       entry.isPartly = outcome.isPartly;
+      entry.filename = outcome.filename;
       entry.summary = summaryJSON(outcome.summary).json();
       entry.size = outcome.size;
       entry.assetId = outcome.assetId;

@@ -141,14 +141,15 @@ void HistoryTable::end(const HistoryEntry& entry) {
   if (entry.state == saved) among = "'pending', 'failed', 'cancelled', 'saved'";
   SQLiteStatement update(database_, fmt::format("UPDATE downloads SET state = ?, ended = ?, reason = ?, advice = ?, "
                                                 "may_try_again = ?, may_save_as_it_came = ?, is_partly = ?, "
-                                                "summary = ?, size = ?, asset_id = ?, request = iif(?, '', request) "
+                                                "summary = ?, size = ?, asset_id = ?, request = iif(?, '', request), "
+                                                "filename = coalesce(nullif(?, ''), filename) "
                                                 "WHERE id = ? AND state IN ({})",
                                                 among));
   update.bind(textOf(entry.state)).bind(nanosecondsSince1970(entry.ended.value_or(Date())));
   update.bind(entry.reason).bind(entry.advice).bind(int64_t{entry.mayTryAgain}).bind(int64_t{entry.maySaveAsItCame});
   update.bind(int64_t{entry.isPartly}).bind(entry.summary);
   update.bind(entry.size ? static_cast<int64_t>(*entry.size) : -1).bind(entry.assetId.value_or(""));
-  update.bind(int64_t{entry.state == saved}).bind(entry.id).step();
+  update.bind(int64_t{entry.state == saved}).bind(entry.filename).bind(entry.id).step();
 }
 
 void HistoryTable::revive(int64_t id) {

@@ -31,8 +31,9 @@ class HistoryTable {
   /// Adds a row, in place of one of this id.
   void add(const HistoryEntry& entry, const std::string& request);
 
-  /// Writes the end of a download into its row. Once it is told as saved it stays so and its request goes; a failure
-  /// does not change one that was cancelled, and that it was cancelled changes only one that has not ended.
+  /// Writes the end of a download into its row, and its file name if that is known now. Once it is told as saved it
+  /// stays so and its request goes; a failure does not change one that was cancelled, and that it was cancelled changes
+  /// only one that has not ended.
   void end(const HistoryEntry& entry);
 
   /// Makes the row of a download that was cancelled pending again.

@@ -28,6 +28,7 @@ struct RunOutcome {
   bool isPartly = false;                    ///< a part of the video is missing, as `leftAlone` says
   RepairSummary summary = {};               ///< of a run that came to its last step
   std::optional<uint64_t> size = {};        ///< of a saved video, in bytes
+  std::string filename = {};                ///< of a saved video: the server may have given it
 
   static RunOutcome failed(int64_t id, Where where, const std::exception_ptr& failure);
 

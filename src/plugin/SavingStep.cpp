@@ -19,6 +19,7 @@ void SavingStep::run(ProcessingRun& run) {
     std::string assetId = SimpleMediaSaver::saveVideo(photos_, clock_, run.fileURL, run.state.filename, album);
     log("Video saved successfully, asset ID: {}", assetId);
     run.outcome.setSaved(assetId);
+    run.outcome.filename = run.state.filename;
     if (const auto facts = run.files.attributes(run.fileURL)) run.outcome.size = facts->size;
   } catch (const Error& error) {
     log("ERROR saving to Photos: {}", error.description());

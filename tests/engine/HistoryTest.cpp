@@ -91,7 +91,7 @@ TEST_F(HistoryTest, ARequestIsKeptForARetryAndNoLonger) {
 }
 
 TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesBehindIt) {
-  const RunOutcome saved{.id = 1, .kind = Kind::saved, .assetId = "A", .size = 5};
+  const RunOutcome saved{.id = 1, .kind = Kind::saved, .assetId = "A", .size = 5, .filename = "by the server.mp4"};
   const RunOutcome cancelled{.id = 1, .kind = Kind::cancelled};
   const RunOutcome failed = failure(1);
   const std::tuple<const char*, std::vector<RunOutcome>, State> rows[] = {
@@ -109,6 +109,7 @@ TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesBehindIt) {
     for (const RunOutcome& outcome : outcomes) history.ended(outcome);
     EXPECT_EQ(history.entry(1)->state, state);
     EXPECT_EQ(history.entry(1)->assetId.has_value(), state == State::saved);
+    EXPECT_EQ(history.entry(1)->filename, state == State::saved ? "by the server.mp4" : "a.mp4");
     history.clear(1);
     EXPECT_FALSE(history.entry(1));
   }
