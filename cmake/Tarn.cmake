@@ -6,6 +6,9 @@ pkg_check_modules(libav REQUIRED IMPORTED_TARGET libavcodec libswresample libavu
 
 add_library(tarn_options INTERFACE)
 target_compile_options(tarn_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+  target_compile_options(tarn_options INTERFACE -Wno-sign-conversion)  # GCC's -Wconversion is without it
+endif()
 target_include_directories(tarn_options INTERFACE
   ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/include ${CMAKE_BINARY_DIR}/include)
 configure_file(${CMAKE_SOURCE_DIR}/include/tarn/version.h.in ${CMAKE_BINARY_DIR}/include/tarn/version.h @ONLY)
