@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "movie/MovieRewrite.h"
 #include "mp4/DataExtensions.h"
 #include "parameters/HEVCConfigurationBox.h"
 #include "platform/ForwardingFileManager.h"
@@ -121,7 +122,8 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   EXPECT_EQ(record.arrays.at(2).nalUnits.size(), 2u);
 }
 
-/// A file system that copies of a box of gigabytes the header alone, so that a test can afford one.
+/// A file system that copies of a whole piece of megabytes the beginning alone, so that a test can afford gigabytes.
+/// What a clip holds is shorter than such a piece and stands at its beginning or behind all of them.
 struct SparseFiles : ForwardingFileManager {
   using ForwardingFileManager::ForwardingFileManager;
   std::optional<uint64_t> freeSpace(const Path&) override { return std::nullopt; }
@@ -132,7 +134,8 @@ struct SparseFiles : ForwardingFileManager {
   struct Handle : ForwardingFileHandle {
     using ForwardingFileHandle::ForwardingFileHandle;
     uint64_t copyRange(FileHandle& target, uint64_t count) override {
-      uint64_t hole = count > uint64_t{1} << 30 ? count - 8 : 0;
+      constexpr uint64_t beginning = 65'536;
+      const uint64_t hole = count >= rewritePieceSize ? count - beginning : 0;
       uint64_t copied = ForwardingFileHandle::copyRange(target, count - hole);
       seek(offset() + hole);
       target.seek(target.offset() + hole);
