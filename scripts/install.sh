@@ -24,7 +24,7 @@ readelf -d "$lib/libtarn.so" | grep -q "SONAME.*\[libtarn.so.${version%.*}\]" ||
 for file in "$lib/libtarn.so" "$prefix/bin/tarn" "$prefix/libexec/tarn/tarn-poster"; do
   ! grep -qF "$PWD" "$file" || fail "$file holds the path of the build"
 done
-[ "$("$prefix/bin/tarn" --version)" = "tarn $version" ] || fail "the command has another version"
+"$prefix/bin/tarn" --version | head -n 1 | grep -q "^tarn $version\(,\|$\)" || fail "the command has another version"
 for package in web/package.json web/plugin/package.json; do
   grep -q "\"version\": \"$version\"" $package || fail "$package has another version"
 done
