@@ -182,7 +182,7 @@ void HostPlugin::changeDownload(const CAPPluginCallPointer& call) {
   if (!id) return call->reject("No such download");
   const auto wanted = call->getString("action");
   for (const auto& [name, action] : actions) {
-    if (name == wanted) return orReject(call, [&] { (this->*action)(*id, call); });
+    if (name == wanted) return orReject(call, [&, action = action] { (this->*action)(*id, call); });
   }
   call->reject("No such action");
 }

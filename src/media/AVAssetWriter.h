@@ -58,8 +58,8 @@ enum class AVAssetWriterStatus { unknown = 0, writing = 1, completed = 2, failed
 /// Memory stays flat. Calls come from one thread.
 class AVAssetWriter {
  public:
-  /// Makes the file, which must not exist. Throws PosixError when that fails. At most `workers` threads encode; 0 means as
-  /// many as cores, at most 4.
+  /// Makes the file, which must not exist. Throws PosixError when that fails. At most `workers` threads encode; 0 means
+  /// as many as cores, at most 4.
   AVAssetWriter(FileManager& files, const Path& outputURL, AVFileType fileType, unsigned workers = 0);
   /// A writer that has not finished is cancelled.
   ~AVAssetWriter();
