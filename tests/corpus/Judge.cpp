@@ -64,8 +64,8 @@ void compareCells(const Heard& heard, const Heard& other, double shift, const st
   int64_t last = INT64_MIN;
   for (int64_t cell : heard.cells) {
     const int64_t own = cell + std::llround(shift * 200);
-    const bool isMatched = std::ranges::any_of(std::views::iota(own - 2, own + 3),
-                                               [&](int64_t near) { return other.cells.contains(near); });
+    const auto near = other.cells.lower_bound(own - 2);
+    const bool isMatched = near != other.cells.end() && *near <= own + 2;
     length = isMatched || own < 0 ? 0 : last == INT64_MIN || own - last > 4 ? 1 : length + 1;
     last = own;
     if (length == 8) words.push_back(fmt::format("{} at {:.2f} s", what, double(own) / 200));

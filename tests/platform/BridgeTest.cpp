@@ -71,7 +71,7 @@ class TalkingPlugin : public CAPPlugin {
 
  private:
   const std::string name_ = "Talking";
-  const std::vector<CAPPluginMethod> methods_;
+  const std::vector<CAPPluginMethod> methods_ = {};
 };
 
 TEST(CAPPlugin, deliversEventsToThePresentListenerOnly) {
