@@ -69,7 +69,7 @@ TEST_F(Damage, InSizesCountsAndTablesIsRefusedOrCostsNoSample) {
       damage(damaged);
       damage(twin);
       write(damaged);
-      if (failureOf([&] { repair(isHEVC); }).empty()) {
+      if (failureOf([&, isHEVC = isHEVC] { repair(isHEVC); }).empty()) {
         writeFileAtomically(files_, elsewhere / "twin.mp4", twin);
         EXPECT_EQ(sampleHashes(file_), sampleHashes(elsewhere / "twin.mp4")) << what;
         ++repaired;
