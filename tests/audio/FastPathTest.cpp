@@ -217,7 +217,7 @@ TEST_F(FastPath, WritesOnlyWhatIsWholeAndWhatTheBoxesCanSay) {
   };
   for (auto [result, failure] : rows) {
     result.sampleRate = 48000;
-    const auto said = failureOf([&] {
+    const auto said = failureOf([&, result = result] {
       Builder::validate(result);
       writeFastPathAudioToM4A(files_, result, file_);
     });

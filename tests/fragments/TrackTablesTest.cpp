@@ -349,7 +349,7 @@ TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
       {box("sgpd", {values({0x01000000, 1, 4, 9})}), "An sgpd ends ahead of its groups"},
   };
   for (const auto& [damaged, words] : cases) {
-    EXPECT_EQ(failureOf([&] { TrackTables::read(handMade({damaged})); }), words);
+    EXPECT_EQ(failureOf([&, damaged = damaged] { TrackTables::read(handMade({damaged})); }), words);
   }
   MovieBox huge = handMade(
       {fullBox("stsz", {1, 0xFFFFFFFF}), fullBox("stts", {1, 0xFFFFFFFF, 10}), fullBox("stsc", {1, 1, 0xFFFFFFFF, 1})});

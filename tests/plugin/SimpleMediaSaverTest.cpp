@@ -62,7 +62,7 @@ TEST_F(SimpleMediaSaverTest, EveryFailureSaysWhatIsMissingAndLeavesWhatWasDone) 
     SCOPED_TRACE(error);
     InMemoryPhotoLibrary library(files_, dispatch_);
     library.setFailures(failures);
-    EXPECT_EQ(failureOf([&] { save(library, source); }), error);
+    EXPECT_EQ(failureOf([&, source = source] { save(library, source); }), error);
     EXPECT_EQ(library.fetchAllAssets().size(), assets);
     const auto made = library.fetchAssetCollections("Trips");
     EXPECT_EQ(made.size(), albums);

@@ -60,7 +60,7 @@ TEST_F(Stripper, SaysWhatItCannotDoAndLeavesNothing) {
       {joined({moov, boxClaiming(100, "mdat", {Bytes(20)})}), "ioError: Read failed"},
       {boxClaiming(5000, "moov", {Bytes(20)}), "ioError: Cannot read moov"}};
   for (const auto& [file, failure] : rows) {
-    EXPECT_EQ(failureOf([&] { strip(write(file)); }), failure);
+    EXPECT_EQ(failureOf([&, file = file] { strip(write(file)); }), failure);
     EXPECT_FALSE(files_.fileExists(output_));
   }
   EXPECT_EQ(failureOf([&] { strip(directory_ / "none"); }), "fileNotFound");
