@@ -22,7 +22,7 @@ void transferRecords(ByteView document) {
   InMemoryFileManager files;
   files.createDirectory("/home/Transfers");
   writeFileAtomically(files, "/home/Transfers/7.json", document);
-  TransferStore(files, "/home/Transfers").records("downloads");
+  TransferStore(files, "/home/Transfers", std::chrono::hours(720)).records("downloads");
 }
 
 }  // namespace
@@ -34,7 +34,7 @@ void run(Input input) {
       document, [](ByteView given) { return decodeProcessingStates(given).states; }, encodeProcessingStates);
   roundTrip(document, decodeDownloadTasks, encodeDownloadTasks);
   transferRecords(document);
-  if (auto note = NotedDownload::parse(text)) require(NotedDownload::parse(note->text()) == note);
+  if (auto note = NotedDownload::parse(text)) require(NotedDownload::parse(note->fullText()) == note);
   if (auto url = URL::parse(text)) url->lastPathComponent();
   pathFromFileURL(text);
   const std::string name = safeName(text, NameKind::file);
