@@ -25,7 +25,7 @@ struct Audio {
     double time;  ///< in seconds
     size_t first;
     size_t count;
-    double end(double rate) const { return time + double(count) / rate; }
+    double end(double framesPerSecond) const { return time + double(count) / framesPerSecond; }
   };
   double rate = 0;
   std::vector<Frame> frames;

@@ -43,9 +43,10 @@ Bytes made(const Recording& recording) {
   PosixFileManager files(file.parent_path());
   Bytes bytes = readFile(files, file);
   if (recording.hiddenBox) {
-    const auto type = std::ranges::search(bytes, bytesOf(recording.hiddenBox));
-    EXPECT_FALSE(type.empty());
-    if (!type.empty()) std::ranges::copy(bytesOf("free"), type.begin());
+    const Bytes hidden = bytesOf(recording.hiddenBox);
+    const auto type = std::search(bytes.begin(), bytes.end(), hidden.begin(), hidden.end());
+    EXPECT_NE(type, bytes.end());
+    if (type != bytes.end()) std::ranges::copy(bytesOf("free"), type);
   }
   return bytes;
 }

@@ -255,7 +255,7 @@ class RepairProperties : public testing::Test {
     EXPECT_TRUE(hasNewMedia ? before.size() < after.size() : before.size() == after.size());
     auto place = after.begin();
     for (const auto& [type, box] : before) {
-      place = std::find_if(place, after.end(), [&](const auto& other) {
+      place = std::find_if(place, after.end(), [&, type = type, box = box](const auto& other) {
         return other.first == type && (type == "moov" || std::ranges::equal(other.second, box));
       });
       ASSERT_NE(place, after.end()) << type;
