@@ -43,7 +43,7 @@ Bytes made(const Recording& recording) {
   PosixFileManager files(file.parent_path());
   Bytes bytes = readFile(files, file);
   if (recording.hiddenBox) {
-    const Bytes hidden = bytesOf(recording.hiddenBox);
+    const ByteView hidden = bytesOf(recording.hiddenBox);
     const auto type = std::search(bytes.begin(), bytes.end(), hidden.begin(), hidden.end());
     EXPECT_NE(type, bytes.end());
     if (type != bytes.end()) std::ranges::copy(bytesOf("free"), type);

@@ -86,7 +86,7 @@ const Worker workers[] = {
 
 /// The file without its `moov`.
 Bytes withoutMoov(Bytes file) {
-  const Bytes moov = bytesOf("moov");
+  const ByteView moov = bytesOf("moov");
   const auto begin = std::search(file.begin(), file.end(), moov.begin(), moov.end()) - 4;
   const uint32_t size = *readUInt32(file, static_cast<size_t>(begin - file.begin()));
   file.erase(begin, size == 0 ? file.end() : begin + size);
