@@ -19,7 +19,8 @@ CMFormatDescriptionPointer describe(const Bytes& stsd) {
 
 /// An `mp4a` of QuickTime's version 1 or 2 that keeps its `esds` in a `wave`.
 Bytes quickTimeEntry(uint32_t version, double rate, uint32_t channels, const Bytes& esds) {
-  Bytes fields = values({0, 1, version << 16, 0, channels << 16 | 16, 0, static_cast<uint32_t>(rate) << 16});
+  const uint32_t wholeRate = rate > 0 && rate < 65536 ? static_cast<uint32_t>(rate) : 0;
+  Bytes fields = values({0, 1, version << 16, 0, channels << 16 | 16, 0, wholeRate << 16});
   if (version == 1) fields = joined({fields, values({1024, 0, 0, 2})});
   if (version == 2) {
     fields = values({0, 1, 2 << 16, 0, 3 << 16 | 16, 0xFFFE0000, 0x10000, 72});

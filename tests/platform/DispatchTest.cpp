@@ -34,9 +34,9 @@ TEST(AsioDispatch, ASerialQueueRunsItsWorkOneAtATimeInOrder) {
 }
 
 TEST(AsioDispatch, BlockedWorkHoldsUpNeitherTheMainQueueNorAQueueWithAThreadOfItsOwn) {
-  AsioDispatch dispatch;
   std::latch blocked(8);
   std::latch release(1);
+  AsioDispatch dispatch;
   for (int i = 0; i < 8; ++i) {
     dispatch.globalQueue(QualityOfService::background).async([&] {
       blocked.count_down();
