@@ -26,7 +26,7 @@ std::vector<std::string_view> fieldsOf(std::string_view line) {
 }  // namespace
 
 void checkItem(const SaveItem& item, const std::string& place) {
-  if (!URL::parse(item.url)) throw UsageError(place + "\"" + item.url + "\" is no http or https URL.");
+  if (!URL::parse(encodedURL(item.url))) throw UsageError(place + "\"" + item.url + "\" is no http or https URL.");
   if (const auto why = whyNoAlbum(item.album)) throw UsageError(place + *why);
   if (!item.filename) return;
   if (const auto why = whyNoFilename(*item.filename)) throw UsageError(place + *why);

@@ -192,6 +192,7 @@ TEST(SaveList, SaysWhichLineIsWrong) {
       {"", ""},
       {"\xEF\xBB\xBF# x\n \t\nhttp://a/b\r\n", "http://a/b|Tarn|- "},
       {"http://a/b\t\tc.mp4\nhttps://d/e\tTrips\t\n", "http://a/b|Tarn|c.mp4 https://d/e|Trips|- "},
+      {"http://a/my clip.mp4\n", "http://a/my clip.mp4|Tarn|- "},
       {"http://a/b\n\nftp://a/c\n", "Line 3 of LIST: \"ftp://a/c\" is no http or https URL."},
       {"http://a/b\tx\ty\tz", "Line 1 of LIST: it has more than URL, album and name, parted by tabs."},
       {"http://a/b\tx\ty/z", "Line 1 of LIST: The file name \"y/z\" has a \"/\". Give a name alone."},
