@@ -23,6 +23,9 @@
 namespace tarn::test {
 namespace {
 
+/// A sanitized program needs more addresses than the one for posters may have.
+constexpr bool hasPosters = HAS_POSTERS;
+
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
@@ -163,10 +166,12 @@ TEST_F(LibraryTest, ChangesGoThroughTheEngineOfAnotherProcess) {
     EXPECT_TRUE(engine.library("Trip").empty());
     EXPECT_THROW(engine.changeAsset({.assetId = "none"}), EngineRefused);
     const auto poster = engine.poster(id);
-    ASSERT_TRUE(poster);
-    EXPECT_EQ(contentOf(*poster).substr(0, 2), "\xFF\xD8");
+    ASSERT_EQ(poster.has_value(), hasPosters);
+    if (poster) {
+      EXPECT_EQ(contentOf(*poster).substr(0, 2), "\xFF\xD8");
+    }
     EXPECT_FALSE(engine.changeAsset({.assetId = id, .action = AssetChange::Action::erase}));
-    EXPECT_FALSE(fs::exists(*poster));
+    EXPECT_FALSE(poster && fs::exists(*poster));
     EXPECT_FALSE(engine.poster(id));
   }
   server.signal(SIGTERM);
