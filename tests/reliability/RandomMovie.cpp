@@ -94,11 +94,12 @@ class Drawing {
       }
       tell("late by {} s", late);
     }
-    const auto options =
-        fmt::format("-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}",
-                    isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1", pick({1000, 600, 90000, 44100, 30}),
-                    pick({90000, 30000}), oneIn(4) ? " -movflags negative_cts_offsets" : "",
-                    !isHealthy_ && oneIn(6) ? " -use_editlist 0" : "");
+    const bool lacksList = !isHealthy_ && oneIn(6), hasNegativeOffsets = oneIn(4);
+    const int videoTimescale = pick({90000, 30000}), movieTimescale = pick({1000, 600, 90000, 44100, 30});
+    const auto tag = isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1";
+    const auto options = fmt::format(
+        "-c copy -tag:v {} -movie_timescale {} -video_track_timescale {}{}{}", tag, movieTimescale, videoTimescale,
+        hasNegativeOffsets ? " -movflags negative_cts_offsets" : "", lacksList ? " -use_editlist 0" : "");
     tell("{}", options);
     for (const auto& word : words(options + " " + file.string())) command.push_back(word);
     const auto muxed = runProcess(command);
@@ -218,7 +219,16 @@ class Drawing {
     }
   }
 
-  Bytes unknownBox() { return box(fmt::format("z{:03}", below(1000)), {randomBytes(below(40))}); }
+  /// Each draw is a statement: compilers evaluate the arguments of a call in orders of their own.
+  Bytes unknownBox() {
+    const Bytes contents = randomBytes(below(40));
+    return box(fmt::format("z{:03}", below(1000)), {contents});
+  }
+
+  void addUnknownBox(std::vector<BoxTree>& children) {
+    const Bytes added = unknownBox();
+    children.emplace(children.begin() + below(children.size() + 1), added);
+  }
 
   void scatterUnknownBoxes() {
     for (const char* handler : {"vide", "soun"}) {
@@ -230,11 +240,10 @@ class Drawing {
       // The innermost first, so that the others stay where they are.
       for (auto place = std::rbegin(places); place != std::rend(places); ++place) {
         std::vector<BoxTree>& children = (*place)->children;
-        if (oneIn(3)) children.emplace(children.begin() + below(children.size() + 1), unknownBox());
+        if (oneIn(3)) addUnknownBox(children);
       }
     }
-    for (int i = 0; i < 2; ++i)
-      moov_.children.emplace(moov_.children.begin() + below(moov_.children.size() + 1), unknownBox());
+    for (int i = 0; i < 2; ++i) addUnknownBox(moov_.children);
   }
 
   /// The moov is ahead of the media, behind them or between two parts of them; what stands last may have no size.
@@ -248,7 +257,10 @@ class Drawing {
     const auto moov = isMoovLast ? pick({Kind::moov, Kind::openMoov}) : Kind::moov;
     pieces_ = {{moov}, {mdat, {}, begin}};
     if (isMoovLast) std::swap(pieces_[0], pieces_[1]);
-    for (int i = 0; i < 2; ++i) pieces_.insert(pieces_.begin() + below(2), {Kind::raw, unknownBox()});
+    for (int i = 0; i < 2; ++i) {
+      const Bytes added = unknownBox();
+      pieces_.insert(pieces_.begin() + below(2), {Kind::raw, added});
+    }
     if (begin > 0) pieces_.insert(pieces_.begin(), {Kind::mdat, {}, 0, begin});
     pieces_.insert(pieces_.begin(), {Kind::raw, layout_->ftyp});
     tell("moov {} of kind {}, mdat of kind {}", place, static_cast<int>(moov), static_cast<int>(mdat));
