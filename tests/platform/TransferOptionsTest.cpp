@@ -124,6 +124,16 @@ TEST_F(TransferOptionsTest, TheRateIsTheUsers) {
   EXPECT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(700));
 }
 
+// The server says nothing behind the piece that waits for its time.
+TEST_F(TransferOptionsTest, APieceThatHadToWaitAndCannotBeWrittenEndsTheTransfer) {
+  home_.serve("/file", file_, {}, {.stallAfter = 1200});
+  harness_.start();
+  const auto task = harness_.session->downloadTask(home_.url("/file"), "", {.bytesPerSecond = 1024});
+  harness_.files.arm({.call = 3, .errnum = ENOSPC, .lasting = true, .among = {FileOperation::write}});
+  task->resume();
+  EXPECT_EQ(harness_.listener->waitForEnd(task->taskIdentifier()).code(), ENOSPC);
+}
+
 TEST_F(TransferOptionsTest, RetriesAreTheUsers) {
   home_.serve("/busy", file_, {}, {.status = 503});
   harness_.start();

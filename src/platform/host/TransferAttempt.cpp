@@ -86,9 +86,9 @@ bool TransferAttempt::holdBack() {
   return true;
 }
 
-void TransferAttempt::goOn() {
+int TransferAttempt::goOn() {
   heldUntil_.reset();
-  curl_easy_pause(request_.easy(), CURLPAUSE_CONT);
+  return curl_easy_pause(request_.easy(), CURLPAUSE_CONT);
 }
 
 /// False ends the exchange.

@@ -52,8 +52,9 @@ class TransferAttempt {
   /// When a body goes on that came faster than its rate; nothing while none waits. libcurl's own limit does not hold
   /// (7.88).
   std::optional<Clock::time_point> heldUntil() const { return heldUntil_; }
-  /// Lets it go on.
-  void goOn();
+  /// Lets it go on. Returns libcurl's code (CURLcode): not 0 if the exchange ends here, since libcurl itself then would
+  /// only pass over the piece that waited.
+  int goOn();
 
   /// Bytes were thrown away, because they could not be continued.
   bool hasStartedOver() const { return hasStartedOver_; }

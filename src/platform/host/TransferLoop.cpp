@@ -169,9 +169,11 @@ void TransferLoop::startDueJobs() {
 
 void TransferLoop::letHeldGoOn() {
   const auto now = Clock::now();
-  for (auto& [identifier, job] : jobs_) {
+  for (auto next = jobs_.begin(); next != jobs_.end();) {
+    Job& job = next++->second;  // a job that ends leaves the map
     const auto until = job.attempt ? job.attempt->heldUntil() : std::nullopt;
-    if (until && *until <= now) job.attempt->goOn();
+    if (!until || *until > now) continue;
+    if (const int code = job.attempt->goOn()) endAttempt(job, code);
   }
 }
 
