@@ -89,7 +89,8 @@ TEST_P(PhotoLibraryTest, AssetsAreRenamedMovedDeletedAndRecovered) {
   EXPECT_EQ(library_->fetchAssetCollectionsContaining(b).at(0).title, "Home");
   join(*library_, trips, {{b}});
 
-  change(*library_, &PHChangeBlock::deleteAssets, a);
+  library_->performChangesAndWait([&](PHChangeBlock& block) { block.deleteAssets({{a}, {b}, {a}}); });
+  library_->performChangesAndWait([&](PHChangeBlock& block) { block.recoverAssets({{b}, {b}}); });
   expectContents("Trips: b.mp4\nHome: b.mp4\nall: b.mp4\n");
   EXPECT_EQ(library_->fetchDeletedAssets().at(0).localIdentifier, a);
   EXPECT_TRUE(library_->fetchAssetCollectionsContaining(a).empty());

@@ -244,12 +244,10 @@ std::vector<PlacedAsset> PhotoCatalogue::deletedAssets() {
   return placedAssets(rows);
 }
 
-std::vector<std::string> PhotoCatalogue::assetsDeletedBefore(Date date) {
+std::set<std::string> PhotoCatalogue::assetsDeletedBefore(Date date) {
   SQLiteStatement rows(database_, "SELECT identifier FROM assets WHERE deletion_date < ?");
   rows.bind(nanosecondsSince1970(date));
-  std::vector<std::string> identifiers;
-  while (rows.step()) identifiers.push_back(rows.text(0));
-  return identifiers;
+  return texts(rows);
 }
 
 void PhotoCatalogue::intend(const std::vector<IntendedLink>& links) {
@@ -314,7 +312,7 @@ void PhotoCatalogue::insertNew(const CatalogueChange& change) {
   }
 }
 
-void PhotoCatalogue::markDeleted(const std::vector<std::string>& assets, Date date) {
+void PhotoCatalogue::markDeleted(const std::set<std::string>& assets, Date date) {
   for (const std::string& asset : assets) {
     SQLiteStatement keep(
         database_, "INSERT INTO deleted_entries SELECT position, album, asset, name FROM entries WHERE asset = ?");

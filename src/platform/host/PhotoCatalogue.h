@@ -58,10 +58,10 @@ struct CatalogueChange {
   std::vector<EntryRecord> goneEntries = {};
   std::vector<IntendedLink> goneLinks = {};  ///< the files of the gone entries
   std::vector<EntryRecord> newEntries = {};
-  std::vector<std::string> deletedAssets = {};
+  std::set<std::string> deletedAssets = {};
   Date deletionDate = {};
-  std::vector<std::string> recoveredAssets = {};
-  std::vector<std::string> expungedAssets = {};
+  std::vector<std::string> recoveredAssets = {};  ///< in the order in which they get their names back
+  std::set<std::string> expungedAssets = {};
 };
 
 /// The rows of the photo library, in SQLite. Operations throw SQLiteError. Not thread-safe.
@@ -99,7 +99,7 @@ class PhotoCatalogue {
   std::vector<PlacedAsset> allAssets();
   /// The deleted assets, the one deleted last first.
   std::vector<PlacedAsset> deletedAssets();
-  std::vector<std::string> assetsDeletedBefore(Date date);
+  std::set<std::string> assetsDeletedBefore(Date date);
 
   /// Writes the links down. Durable when this returns.
   void intend(const std::vector<IntendedLink>& links);
@@ -115,7 +115,7 @@ class PhotoCatalogue {
 
   std::vector<EntryRecord> entriesIn(const std::string& table, const std::string& asset);
   void insertNew(const CatalogueChange& change);
-  void markDeleted(const std::vector<std::string>& assets, Date date);
+  void markDeleted(const std::set<std::string>& assets, Date date);
   void expunge(const std::string& asset);
 
   SQLiteDatabase database_;

@@ -109,19 +109,20 @@ PHAssetChangeRequest* PhotoChange::changeRequestForAsset(const std::string& loca
 void PhotoChange::deleteAssets(const std::vector<PHObjectPlaceholder>& assets) {
   for (const PHObjectPlaceholder& asset : assets) {
     const std::string identifier = assetOf(asset).identifier;
-    if (!catalogue_.isDeleted(identifier)) change_.deletedAssets.push_back(identifier);
+    if (!catalogue_.isDeleted(identifier)) change_.deletedAssets.insert(identifier);
   }
 }
 
 void PhotoChange::recoverAssets(const std::vector<PHObjectPlaceholder>& assets) {
   for (const PHObjectPlaceholder& asset : assets) {
     const std::string identifier = assetOf(asset).identifier;
-    if (catalogue_.isDeleted(identifier)) change_.recoveredAssets.push_back(identifier);
+    const bool isNew = std::ranges::count(change_.recoveredAssets, identifier) == 0;
+    if (isNew && catalogue_.isDeleted(identifier)) change_.recoveredAssets.push_back(identifier);
   }
 }
 
 void PhotoChange::expungeAssets(const std::vector<PHObjectPlaceholder>& assets) {
-  for (const PHObjectPlaceholder& asset : assets) change_.expungedAssets.push_back(assetOf(asset).identifier);
+  for (const PHObjectPlaceholder& asset : assets) change_.expungedAssets.insert(assetOf(asset).identifier);
 }
 
 bool PhotoChange::apply(Date now) {
