@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/UTF8.h"
+
 namespace tarn {
 namespace {
 
@@ -22,33 +24,22 @@ bool isBlankOrControl(char c) {
   return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F;
 }
 
-char lowerCase(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 std::optional<std::string> schemeOf(std::string_view text) {
   const size_t end = text.find("://");
   if (end == std::string_view::npos) return std::nullopt;
-  std::string scheme(text.substr(0, end));
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(), lowerCase);
+  std::string scheme = lowered(text.substr(0, end));
   if (scheme != "http" && scheme != "https") return std::nullopt;
   return scheme;
 }
 
 std::optional<int> hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
-  c = lowerCase(c);
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return std::nullopt;
 }
 
 constexpr std::string_view hidden = "***";
-
-std::string lowerCased(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lowerCase);
-  return result;
-}
 
 /// The last word of a name: of "api_key", "api-key", "api.key" and "apiKey" it is "key". In small letters.
 std::string lastWord(std::string_view name) {
@@ -57,7 +48,7 @@ std::string lastWord(std::string_view name) {
     const bool isCapital = name[i] >= 'A' && name[i] <= 'Z';
     if (isCapital && name[i - 1] >= 'a' && name[i - 1] <= 'z') start = i;
   }
-  return lowerCased(name.substr(start));
+  return lowered(name.substr(start));
 }
 
 bool isSecretName(std::string_view name) {
@@ -104,7 +95,7 @@ std::string withoutSecrets(std::string_view text) {
     const size_t slashes = text.find("://", from);
     if (slashes == std::string_view::npos) return result.append(text);
     const std::string_view ahead = text.substr(0, slashes);
-    const std::string scheme = lowerCased(ahead.substr(ahead.size() - std::min<size_t>(ahead.size(), 5)));
+    const std::string scheme = lowered(ahead.substr(ahead.size() - std::min<size_t>(ahead.size(), 5)));
     const size_t length = scheme == "https" ? 5 : (scheme.ends_with("http") ? 4 : 0);
     from = slashes + 3;
     if (length == 0) continue;
@@ -132,7 +123,7 @@ std::optional<URL> URL::parse(std::string_view text) {
   if (!path || !host || !port) return std::nullopt;
   return URL{.text = whole,
              .scheme = std::move(*scheme),
-             .host = lowerCased(*host),
+             .host = lowered(*host),
              .port = std::move(*port),
              .path = std::move(*path)};
 }
