@@ -121,7 +121,8 @@ Owned<AVFrame> scaled(const AVFrame& frame, const KeyPictures& pictures, int lon
   const int isFullRange = frame.color_range == AVCOL_RANGE_JPEG ? 1 : 0;
   sws_setColorspaceDetails(scaler.get(), sws_getCoefficients(space), isFullRange, sws_getCoefficients(SWS_CS_DEFAULT),
                            1, 0, 1 << 16, 1 << 16);
-  sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, small->data, small->linesize);
+  const int lines = sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, small->data, small->linesize);
+  if (lines <= 0) throw failure("the picture cannot be scaled");
   return small;
 }
 
