@@ -192,11 +192,12 @@ void TransferStore::load() {
 void TransferStore::forgetOldOptions() {
   const int64_t oldest = secondsSince1970(std::chrono::system_clock::now() - keepsOptions_);
   for (auto& [identifier, record] : records_) {
+    if (record.optionsSince > oldest) continue;
     TransferRecord next = record;
     next.options.headers.clear();
     next.options.cookies.clear();
     next.options.referer.reset();
-    if (record.optionsSince > oldest || next.options == record.options) continue;
+    if (next.options == record.options) continue;
     try {
       write(next);
       record = std::move(next);
