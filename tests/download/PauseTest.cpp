@@ -82,6 +82,12 @@ TEST_F(PauseTest, OnlyATransferThatIsNotOverCanBePaused) {
   transfers_.deliverCancellations();
   EXPECT_TRUE(transfers_.tasks().empty()) << "a paused one can be cancelled";
 
+  const int64_t ending = save("c.mp4")->id;
+  const auto transfer = transfers_.task(url("c.mp4"));
+  transfer->cancel();
+  EXPECT_FALSE(engine_->pauseDownloadFileBy(ending));
+  EXPECT_FALSE(NotedDownload::parse(transfer->taskDescription()).value().isPaused) << "nor for the next process";
+
   const int64_t other = save("b.mp4")->id;
   dispatch_.hold(worker());
   finish("b.mp4");

@@ -54,6 +54,7 @@ bool TransferPauses::pause(int64_t id) {
   noted->transfer->suspend();
   if (noted->transfer->state() != NSURLSessionTaskState::suspended) {  // its end has come first
     task->update([](DownloadTask::Snapshot& fields) { fields.isPaused = false; });
+    notePause(*noted, false);
     return false;
   }
   log("Download {} is paused", id);
