@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -6,6 +7,8 @@
 #include <fstream>
 
 #include "engine/KeptAttributes.h"
+#include "engine/PrivateHome.h"
+#include "platform/Error.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -26,7 +29,7 @@ class OrdinaryUser {
   const bool isChanged_;
 };
 
-TEST(KeptAttributesTest, AFileThatItsOwnerMayOnlyReadKeepsThemToo) {
+TEST(PlacingTest, AFileThatItsOwnerMayOnlyReadKeepsItsAttributesToo) {
   const TempDirectory place;
   if (::geteuid() == 0) {
     ASSERT_EQ(::chown(place.path().c_str(), OrdinaryUser::nobody, static_cast<gid_t>(-1)), 0);
@@ -44,6 +47,20 @@ TEST(KeptAttributesTest, AFileThatItsOwnerMayOnlyReadKeepsThemToo) {
   struct stat facts {};
   ASSERT_EQ(::stat(target.c_str(), &facts), 0);
   EXPECT_EQ(facts.st_mode & 07777, 0440U);
+}
+
+TEST(PlacingTest, AHomeThatCannotBeOpenedLeavesNothing) {
+  const TempDirectory place;
+  {
+    PrivateHome home(place.path());
+    rlimit usual{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none{0, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_THROW(home.make(), PosixError);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(place.path()));
 }
 
 }  // namespace
