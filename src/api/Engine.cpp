@@ -3,7 +3,6 @@
 #include "api/FileNames.h"
 #include "api/detail/DefaultLog.h"
 #include "api/detail/EngineSession.h"
-#include "engine/LibraryJSON.h"
 #include "platform/TransferRules.h"
 
 namespace tarn {
@@ -99,10 +98,7 @@ std::vector<LibraryAsset> Engine::removedAssets() {
 }
 
 std::optional<LibraryAsset> Engine::changeAsset(const AssetChange& change) {
-  const auto answer = session_->changeAsset(change);
-  if (!answer.resolved) throw EngineRefused(answer.message);
-  if (answer.data.empty()) return std::nullopt;
-  return libraryAssetOf(answer.data);
+  return session_->changeAsset(change);
 }
 
 std::optional<std::filesystem::path> Engine::poster(const std::string& assetId) {

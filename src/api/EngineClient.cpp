@@ -3,6 +3,7 @@
 #include <thread>
 #include <utility>
 
+#include "engine/HistoryEntry.h"
 #include "engine/HostPlugin.h"
 #include "engine/LibraryJSON.h"
 
@@ -23,11 +24,8 @@ std::vector<T> arrayAt(const JSObject& object, std::string_view key) {
 }
 
 Engine::HistoryEntry historyEntry(const JSObject& object) {
-  using enum Engine::HistoryEntry::State;
-  constexpr std::pair<std::string_view, Engine::HistoryEntry::State> states[] = {
-      {"pending", pending}, {"saved", saved}, {"failed", failed}, {"cancelled", cancelled}};
   Engine::HistoryEntry entry{.id = valueAt<int64_t>(object, "id", 0),
-                             .state = failed,
+                             .state = historyState(valueAt<std::string>(object, "state", "")),
                              .filename = valueAt<std::string>(object, "filename", ""),
                              .album = valueAt<std::string>(object, "album", ""),
                              .url = valueAt<std::string>(object, "url", ""),
@@ -41,10 +39,6 @@ Engine::HistoryEntry historyEntry(const JSObject& object) {
                              .size = {},
                              .assetId = optionalAt<std::string>(object, "assetId"),
                              .json = object.json()};
-  const auto state = valueAt<std::string>(object, "state", "");
-  for (const auto& [text, value] : states) {
-    if (text == state) entry.state = value;
-  }
   if (const auto* const size = valueAt<int64_t>(object, "size")) entry.size = static_cast<uint64_t>(*size);
   return entry;
 }
@@ -90,9 +84,8 @@ JSObject EngineClient::downloads() {
 }
 
 int64_t EngineClient::changeDownload(int64_t id, const std::string& action) {
-  const Answer answer = call(HostPlugin::name(), "changeDownload", {{"id", id}, {"action", action}});
-  if (!answer.resolved) throw EngineRefused(answer.message);
-  return valueAt<int64_t>(answer.data, "id", 0);
+  const JSObject options{{"id", id}, {"action", action}};
+  return valueAt<int64_t>(resolved(call(HostPlugin::name(), "changeDownload", options)), "id", 0);
 }
 
 std::map<int64_t, TransferState> EngineClient::transfers() {
@@ -148,8 +141,7 @@ std::vector<EngineClient::HistoryEntry> EngineClient::history(const std::optiona
 }
 
 void EngineClient::clearHistory(const std::optional<int64_t>& id) {
-  const Answer answer = call(HostPlugin::name(), "clearHistory", id ? JSObject{{"id", *id}} : JSObject());
-  if (!answer.resolved) throw EngineRefused(answer.message);
+  resolved(call(HostPlugin::name(), "clearHistory", id ? JSObject{{"id", *id}} : JSObject()));
 }
 
 std::vector<LibraryAlbum> EngineClient::library(const std::optional<std::string>& album) {
@@ -170,8 +162,9 @@ std::vector<LibraryAsset> EngineClient::removedAssets() {
   return assets;
 }
 
-EngineClient::Answer EngineClient::changeAsset(const AssetChange& change) {
-  return call(HostPlugin::name(), "changeAsset", jsonOf(change));
+std::optional<LibraryAsset> EngineClient::changeAsset(const AssetChange& change) {
+  const JSObject asset = resolved(call(HostPlugin::name(), "changeAsset", jsonOf(change)));
+  return asset.empty() ? std::nullopt : std::optional(libraryAssetOf(asset));
 }
 
 std::optional<Path> EngineClient::poster(const std::string& assetId) {

@@ -57,12 +57,12 @@ class EngineClient {
   /// Where the newest video stands that an album got under this name since then.
   std::optional<Path> savedSince(Date start, const std::string& album, const std::string& filename);
   StoredWork storedWork();
+  /// This and what follows throw EngineRefused where Engine says so.
   std::vector<LibraryAlbum> library(const std::optional<std::string>& album);
   std::vector<LibraryAsset> removedAssets();
-  Answer changeAsset(const AssetChange& change);
+  std::optional<LibraryAsset> changeAsset(const AssetChange& change);
   std::optional<Path> poster(const std::string& assetId);
   std::vector<HistoryEntry> history(const std::optional<int64_t>& limit);
-  /// Throws EngineRefused.
   void clearHistory(const std::optional<int64_t>& id);
   /// Has the next stored run taken up, if none is active, and what has ended told again.
   void takeUpStoredRun();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarn/engine.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,7 +14,7 @@ namespace tarn {
 
 /// What the history of a home tells of one download.
 struct HistoryEntry {
-  enum class State { pending, saved, failed, cancelled };
+  using State = Engine::HistoryEntry::State;
 
   int64_t id = 0;
   State state = State::pending;

@@ -17,9 +17,8 @@ class Host;
 ///   The URL may have blanks. `filename` may stand in for the name that the server gives. `transfer` has the members of
 ///   TransferOptions.
 /// - getOutcome {id}: how a download has ended in this process. Of a failure: `failure` in words, `advice` (a
-/// sentence),
-///   `isRefused`, `mayTryAgain`, `maySaveAsItCame`. Of a saved video: `assetId`, `isPartly`, `leftAlone` (what was left
-///   as it was or is lost, and why). What does not apply is absent.
+///   sentence), `isRefused`, `mayTryAgain`, `maySaveAsItCame`. Of a saved video: `assetId`, `isPartly`, `leftAlone`
+///   (what was left as it was or is lost, and why). What does not apply is absent.
 /// - getAsset {album, assetId}: the `path` of an asset, absent when there is none. Without an album, in any. With
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
@@ -40,8 +39,7 @@ class Host;
 /// - getLibrary {album?}: `albums` of {title, assets: [{assetId, filename, size, created, path}]}, without empty ones;
 ///   `removed`, the assets that can be restored, if no album is given.
 /// - changeAsset {assetId, action, filename?, album?}: "remove", "erase", "restore", "rename" to a filename or "move"
-/// to
-///   an album. Answers with the asset as getLibrary tells it, or with nothing if it is removed.
+///   to an album. Answers with the asset as getLibrary tells it, or with nothing if it is removed.
 /// - getPoster {assetId}: the `path` of a JPEG of it, absent if none can be made. It may take some seconds.
 class HostPlugin : public CAPPlugin {
  public:

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 
 #include "engine/RepairRefusal.h"
 #include "platform/host/PosixCalls.h"
@@ -47,9 +48,9 @@ void keepOriginal(const Path& file) {
   }
   if (failure == EPERM || failure == EOPNOTSUPP || failure == ENOSYS || failure == EMLINK) {
     throw RepairRefusal(
-        fmt::format("this file system has no hard links, so {} cannot be kept; repair with "
+        fmt::format("no hard link to it can be made ({}), so {} cannot be kept; repair with "
                     "`--no-backup`, or write the result elsewhere with `--output-dir`",
-                    original.filename().string()));
+                    std::generic_category().message(failure), original.filename().string()));
   }
   throw PosixError(failure, "link " + original.string());
 }

@@ -12,7 +12,7 @@ Path originalOf(const Path& file);
 void requireReplaceable(const Path& file);
 
 /// Links NAME.orig to the file, unless a repair that was killed has done so. Throws RepairRefusal if another file has
-/// that name or the file system knows no hard links, PosixError.
+/// that name or no hard link can be made, PosixError.
 void keepOriginal(const Path& file);
 
 /// NAME.orig leads to the file itself: it was linked, and nothing has taken the file's place yet.

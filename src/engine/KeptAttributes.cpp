@@ -71,14 +71,16 @@ std::vector<std::string> keepAttributes(const Path& source, const Path& target) 
   const struct stat facts = factsOf(from);
   std::vector<std::string> missing;
   keepOwner(to, facts, missing);
-  // Without its owner the file must not run as somebody else.
-  if (::fchmod(*to, facts.st_mode & (missing.empty() ? allOfMode : permissions)) != 0) {
-    missing.push_back(refused("mode"));
-  }
+  const bool isOwned = missing.empty();
+  // Ahead of the mode: a file that may not be written takes none.
   const std::string names = extendedAttributes(from);
   for (size_t at = 0; at < names.size(); at += std::string_view(names.c_str() + at).size() + 1) {
     const char* name = names.c_str() + at;
     if (!copyExtendedAttribute(from, to, name)) missing.push_back(refused(name));
+  }
+  // Without its owner the file must not run as somebody else.
+  if (::fchmod(*to, facts.st_mode & (isOwned ? allOfMode : permissions)) != 0) {
+    missing.push_back(refused("mode"));
   }
   const std::array<timespec, 2> times{facts.st_atim, facts.st_mtim};
   if (::futimens(*to, times.data()) != 0) missing.push_back(refused("time of the last change"));

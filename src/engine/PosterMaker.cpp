@@ -1,16 +1,10 @@
 #include "engine/PosterMaker.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
 #include "engine/PosterProgram.h"
 #include "platform/Error.h"
 #include "platform/Log.h"
-#include "platform/host/Descriptor.h"
 
 namespace tarn {
 namespace {
@@ -48,8 +42,9 @@ void PosterMaker::work(const std::stop_token& stop) {
   while (changed_.wait(guard, stop, [this] { return !requests_.empty(); }) && !stop.stop_requested()) {
     const Request request = std::move(requests_.front());
     requests_.pop_front();
+    const bool hasNone = hasNone_.contains(request.assetId);
     guard.unlock();
-    const auto poster = make(request, stop);
+    const auto poster = hasNone ? std::nullopt : make(request, stop);
     guard.lock();
     if (!poster && !stop.stop_requested()) hasNone_.insert(request.assetId);
     guard.unlock();
@@ -64,27 +59,12 @@ std::optional<Path> PosterMaker::make(const Request& request, const std::stop_to
   try {
     const auto bytes = runPosterProgram(*program_, request.video, timeLimit, [&stop] { return stop.stop_requested(); });
     if (!bytes) return std::nullopt;
-    store(request.assetId, *bytes);
+    files_.createDirectory(directory_);
+    writeFileAtomically(files_, poster, *bytes);
     return poster;
   } catch (const Error& error) {
     log("No poster of {}: {}", request.assetId, error.description());
     return std::nullopt;
-  }
-}
-
-/// For the owner alone, and whole or not at all.
-void PosterMaker::store(const std::string& assetId, ByteView poster) {
-  files_.createDirectory(directory_);
-  const Path made = hiddenSibling(place(assetId));
-  const Descriptor file(::open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  const bool isWritten = file.isOpen() && ::write(*file, poster.data(), poster.size()) == std::ssize(poster);
-  const int error = errno;
-  try {
-    if (!isWritten) throw PosixError(error, "write " + made.string());
-    files_.replaceItem(place(assetId), made);
-  } catch (const Error&) {
-    removeIfExists(files_, made);
-    throw;
   }
 }
 

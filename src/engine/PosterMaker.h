@@ -45,7 +45,6 @@ class PosterMaker {
   Path place(const std::string& assetId) const { return directory_ / (assetId + ".jpg"); }
   void work(const std::stop_token& stop);
   std::optional<Path> make(const Request& request, const std::stop_token& stop);
-  void store(const std::string& assetId, ByteView poster);
 
   FileManager& files_;
   const Path directory_;

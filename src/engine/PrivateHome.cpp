@@ -37,7 +37,6 @@ bool isStillNamed(const Descriptor& directory, const Path& path) {
 PrivateHome::PrivateHome(Path place) : place_(std::move(place)), path_(place_ / (prefix + makeUUID())) {}
 
 PrivateHome::~PrivateHome() {
-  if (!isMade_) return;
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }

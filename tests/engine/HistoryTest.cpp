@@ -134,8 +134,10 @@ TEST_F(HistoryTest, BehindAStartWhatTheEngineDoesNotKnowHasFailed) {
 
 TEST_F(HistoryTest, ADamagedFileIsPutAsideAndToldAndStopsNothing) {
   {
-    History whole = open();
-    for (int64_t id = 1; id <= 300; ++id) whole.began(id, request("a.mp4"));
+    auto table = HistoryTable::openOrMake(file_);
+    SQLiteTransaction transaction(table.database());
+    for (int64_t id = 1; id <= 300; ++id) table.add({.id = id, .started = clock_.now()}, std::string(300, 'r'));
+    transaction.commit();
   }
   const std::string whole = contentOf(file_);
   std::string overwritten = whole;

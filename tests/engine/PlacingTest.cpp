@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "engine/KeptAttributes.h"
+#include "engine/PrivateHome.h"
+#include "platform/Error.h"
+#include "support/TempDirectory.h"
+
+namespace tarn::test {
+namespace {
+
+/// Takes root its rights over files for a while: it then works as an ordinary user does.
+class OrdinaryUser {
+ public:
+  static constexpr uid_t nobody = 65534;
+  OrdinaryUser() : isChanged_(::geteuid() == 0 && ::seteuid(nobody) == 0) {}
+  ~OrdinaryUser() {
+    if (isChanged_ && ::seteuid(0) != 0) ADD_FAILURE() << "root is lost";
+  }
+  OrdinaryUser(const OrdinaryUser&) = delete;
+  OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+
+ private:
+  const bool isChanged_;
+};
+
+TEST(PlacingTest, AFileThatItsOwnerMayOnlyReadKeepsItsAttributesToo) {
+  const TempDirectory place;
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(place.path().c_str(), OrdinaryUser::nobody, static_cast<gid_t>(-1)), 0);
+  }
+  const OrdinaryUser user;
+  const Path source = place / "source", target = place / "target";
+  std::ofstream(source) << "x";
+  std::ofstream(target) << "y";
+  if (::setxattr(source.c_str(), "user.place", "here", 4, 0) != 0) GTEST_SKIP() << "no extended attributes here";
+  ASSERT_EQ(::chmod(source.c_str(), 0440), 0);
+  EXPECT_EQ(keepAttributes(source, target), std::vector<std::string>());
+  std::string value(4, '\0');
+  EXPECT_EQ(::getxattr(target.c_str(), "user.place", value.data(), value.size()), 4);
+  EXPECT_EQ(value, "here");
+  struct stat facts {};
+  ASSERT_EQ(::stat(target.c_str(), &facts), 0);
+  EXPECT_EQ(facts.st_mode & 07777, 0440U);
+}
+
+TEST(PlacingTest, AHomeThatCannotBeOpenedLeavesNothing) {
+  const TempDirectory place;
+  {
+    PrivateHome home(place.path());
+    rlimit usual{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none{0, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_THROW(home.make(), PosixError);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(place.path()));
+}
+
+}  // namespace
+}  // namespace tarn::test
