@@ -412,7 +412,7 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   EXPECT_EQ(result.get(sampleTable + "/sgpd"), local);
   EXPECT_EQ(result.get(sampleTable + "/sbgp"),
             box("sbgp", {values({0}), bytesFrom("'roll'"), values({3, 1, 1, 1, 0, 1, 1})}));
-  EXPECT_FALSE(isPartly_);
+  EXPECT_FALSE(outcome_.isPartly);
 }
 
 TEST_F(FragmentsTest, WhatIsTooLargeToKeepIsToldOnce) {
