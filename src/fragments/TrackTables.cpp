@@ -397,7 +397,8 @@ uint64_t TrackTables::endOfLastChunk() const {
 }
 
 void TrackTables::writeOffsetsTo(MovieBox& stbl, bool areLong) const {
-  place(stbl, "stco", "co64", chunkOffsetBox(chunkOffsets_, areLong));
+  const bool stayLong = stbl.find({"co64"}) && !stbl.find({"stco"});
+  place(stbl, "stco", "co64", chunkOffsetBox(chunkOffsets_, areLong || stayLong));
 }
 
 void TrackTables::writeTo(MovieBox& stbl) const {
@@ -407,7 +408,6 @@ void TrackTables::writeTo(MovieBox& stbl) const {
     entries.push_back({chunk, run.value.samples, run.value.description});
     chunk += run.count;
   }
-  const bool areLong = std::ranges::any_of(chunkOffsets_, needs64Bits) || (stbl.find({"co64"}) && !stbl.find({"stco"}));
   const bool isShifted = std::ranges::any_of(offsets_, isOtherThanZero<Runs<int32_t>::Run>);
   const bool hasUnsynced = std::ranges::any_of(syncs_, [](const auto& run) { return !run.value; });
   const bool haveDependencies = std::ranges::any_of(dependencies_, isOtherThanZero<Runs<uint8_t>::Run>);
@@ -420,7 +420,7 @@ void TrackTables::writeTo(MovieBox& stbl) const {
   placeIf(haveDependencies, "sdtp", [&] { return sdtpBox(dependencies_); });
   place(stbl, "stsc", "stsc", MovieBox::of(buildStscBox(entries)));
   place(stbl, "stsz", "stz2", sizeBox(sizes_, compactBits_));
-  writeOffsetsTo(stbl, areLong);
+  writeOffsetsTo(stbl, std::ranges::any_of(chunkOffsets_, needs64Bits));
   groups_.writeTo(stbl);
   fitOtherTables(stbl, sampleCount());
 }

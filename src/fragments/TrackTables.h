@@ -87,7 +87,8 @@ class TrackTables {
   /// or `subs` says no more of samples that are gone. Other boxes stay. Throws an Error for a table that does not fit
   /// its box.
   void writeTo(MovieBox& stbl) const;
-  /// Puts the places of the chunks alone, as `co64` or as `stco`, which must be able to hold them.
+  /// Puts the places of the chunks alone: as `co64` if they are long or there is one, else as `stco`, which must be
+  /// able to hold them.
   void writeOffsetsTo(MovieBox& stbl, bool areLong) const;
 
  private:

@@ -32,6 +32,14 @@ void storeSize(uint8_t* head, size_t headSize, uint64_t size, std::string_view t
   layout::store(head, layout::boxSize, size);
 }
 
+/// The head of a box with the size that it has now, unless that reaches to the end anyway.
+Bytes sizedHead(const MovieBox& box) {
+  Bytes head = box.head;
+  const bool isZero = layout::load(head.data(), layout::boxSize) == 0;
+  if (!box.isCut && !isZero) storeSize(head.data(), head.size(), box.size(), box.type);
+  return head;
+}
+
 class Parser {
  public:
   Parser(ByteView moov, const EditRules& rules) : moov_(moov), rules_(rules) {}
@@ -158,10 +166,7 @@ Bytes MovieBox::bytes() const {
 }
 
 void MovieBox::writeTo(FileHandle& target) const {
-  Bytes header = head;
-  const bool isZero = layout::load(header.data(), layout::boxSize) == 0;
-  if (!isCut && !isZero) storeSize(header.data(), header.size(), size(), type);
-  target.write(header);
+  target.write(sizedHead(*this));
   for (const MovieBox& child : children) child.writeTo(target);
   target.write(contents);
 }
@@ -175,12 +180,10 @@ Bytes MovieBox::plainBytes() const {
 }
 
 void MovieBox::appendTo(Bytes& target) const {
-  const size_t begin = target.size();
-  target.insert(target.end(), head.begin(), head.end());
+  const Bytes header = sizedHead(*this);
+  target.insert(target.end(), header.begin(), header.end());
   for (const MovieBox& child : children) child.appendTo(target);
   target.insert(target.end(), contents.begin(), contents.end());
-  const bool isZero = layout::load(head.data(), layout::boxSize) == 0;
-  if (!isCut && !isZero) storeSize(target.data() + begin, head.size(), target.size() - begin, type);
 }
 
 }  // namespace tarn

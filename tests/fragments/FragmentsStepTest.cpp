@@ -412,7 +412,7 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   EXPECT_EQ(result.get(sampleTable + "/sgpd"), local);
   EXPECT_EQ(result.get(sampleTable + "/sbgp"),
             box("sbgp", {values({0}), bytesFrom("'roll'"), values({3, 1, 1, 1, 0, 1, 1})}));
-  EXPECT_FALSE(isPartly_);
+  EXPECT_FALSE(outcome_.isPartly);
 }
 
 TEST_F(FragmentsTest, WhatIsTooLargeToKeepIsToldOnce) {
@@ -428,6 +428,21 @@ TEST_F(FragmentsTest, SyncSamplesOfTheMoovMayStandInAnyOrder) {
   start.insert(sampleTable, start.at(sampleTable + "/stts").offset, fullBox("stss", {2, 3, 1}));
   EXPECT_EQ(join(movieOf(start.bytes, simpleFragment(30, 2))), "");
   EXPECT_EQ(BoxEditor(written()).get(sampleTable + "/stss"), fullBox("stss", {3, 1, 3, 4}));
+}
+
+TEST_F(FragmentsTest, LongPlacesOfTheMoovStayLong) {
+  BoxEditor start(beginning({.samples = 3}));
+  const Bytes fragments = simpleFragment(30, 2);
+  EXPECT_EQ(join(movieOf(start.bytes, fragments)), "");
+  const std::string samples = samplesOf(files_, file_);
+  const auto stco = start.all(sampleTable + "/stco").front();
+  ASSERT_EQ(start.field(stco.offset + 12), 1U);
+  start.replace(stco, fullBox("co64", {1, 0, start.field(stco.offset + 16)}));
+  EXPECT_EQ(join(movieOf(start.bytes, fragments)), "");
+  EXPECT_EQ(samplesOf(files_, file_), samples);
+  const BoxEditor result(written());
+  EXPECT_EQ(result.all(sampleTable + "/co64").size(), 1U);
+  EXPECT_EQ(result.all("moov/trak/mdia/minf/stbl/stco").size(), 1U) << "the sound's";
 }
 
 /// A box whose header cannot be read is not the end of the movie.

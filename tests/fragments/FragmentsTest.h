@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <exception>
 #include <string>
 
-#include "fragments/FragmentsError.h"
 #include "fragments/FragmentsStep.h"
 #include "support/FileTest.h"
 #include "support/RunRecorder.h"
@@ -15,25 +15,33 @@ namespace tarn::test {
 /// Runs the step on files and tells what became of them.
 class FragmentsTest : public FileTest {
  protected:
-  /// Returns what the step warns of, or how it fails, and leaves the file in the place of the one that was written.
-  std::string join(const Bytes& movie) {
-    write(movie);
+  /// Runs the step on such a file, and leaves the result in its place. Returns how the step fails, in words.
+  std::string runStep(const Bytes& bytes) {
     RunRecorder recorder;
-    ProcessingRun run = recorder.runOn(files_, file_);
-    isPartly_ = false;
+    ProcessingRun run = recorder.runOn(files_, write(bytes));
+    std::string failure;
     try {
       FragmentsStep().run(run);
-    } catch (const FragmentsError& refusal) {
-      EXPECT_EQ(written(), movie);
-      return "refused: " + refusal.description();
+    } catch (const Error& error) {
+      run.outcome.setFailed(RunOutcome::Where::repair, std::current_exception());
+      failure = error.description();
     }
     EXPECT_TRUE(run.state.tempFiles.empty());
     EXPECT_TRUE(files_.contentsOfDirectory(files_.temporaryDirectory()).empty());
-    isPartly_ = run.outcome.isPartly;
-    return fmt::format("{}", fmt::join(run.outcome.leftAlone, "; "));
+    outcome_ = run.outcome;
+    return failure;
   }
 
-  bool isPartly_ = false;
+  /// The same for a movie that the step joins or refuses. Returns what it warns of, or its refusal.
+  std::string join(const Bytes& movie) {
+    const std::string refusal = runStep(movie);
+    if (refusal.empty()) return fmt::format("{}", fmt::join(outcome_.leftAlone, "; "));
+    EXPECT_TRUE(outcome_.isRefused);
+    EXPECT_EQ(written(), movie);
+    return "refused: " + refusal;
+  }
+
+  RunOutcome outcome_;  ///< of the last run
 };
 
 }  // namespace tarn::test

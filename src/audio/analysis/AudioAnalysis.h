@@ -114,7 +114,7 @@ struct AudioConfigCheck {
   bool isPlayableAAC() const { return isStable && isAAC; }
 };
 
-/// One change to an entry of compressed samples.
+/// One change to a sequence of compressed samples.
 struct AudioAction {
   enum class Kind { insertSilence, dropSamples };
 

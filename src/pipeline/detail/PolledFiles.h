@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <memory>
 
 #include "pipeline/CancellationToken.h"
@@ -63,7 +62,7 @@ class PolledFiles : public ForwardingFileManager {
     const std::shared_ptr<CancellationToken> token_;
   };
 
-  void noting(const std::function<void()>& write) {
+  void noting(const auto& write) {
     try {
       write();
     } catch (const Error& failure) {
