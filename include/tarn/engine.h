@@ -176,7 +176,7 @@ class TARN_API Engine {
   /// Returns the video as it is now; nothing if it is removed or erased. Throws EngineRefused, with the reason.
   std::optional<LibraryAsset> changeAsset(const AssetChange& change);
   /// A JPEG of a video's first picture, no edge longer than 480 pixels; it goes with the video. Nothing if none can be
-  /// made: only AVC and HEVC have one, and the program tarn-poster must be installed. Takes ten seconds at most.
+  /// made: only AVC and HEVC have one, and tarn-poster must be installed. One at a time, each ten seconds at most.
   std::optional<std::filesystem::path> poster(const std::string& assetId);
 
   /// The downloads of the home, the newest first: those that have not ended, and the 1,000 that ended last.

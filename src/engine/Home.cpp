@@ -32,10 +32,6 @@ std::string timestamp() {
   return fmt::format("{}.{:03}Z", text, now.tv_nsec / 1'000'000);
 }
 
-}  // namespace
-
-namespace {
-
 /// A place of the user's for `tarn`, by the XDG Base Directory Specification.
 std::optional<Path> userPlace(const char* variable, const char* otherwise) {
   if (auto place = environment(variable)) return Path(*place) / "tarn";
@@ -43,10 +39,15 @@ std::optional<Path> userPlace(const char* variable, const char* otherwise) {
   return std::nullopt;
 }
 
-}  // namespace
-
 std::optional<Path> defaultHome() {
   return userPlace("XDG_DATA_HOME", ".local/share");
+}
+
+}  // namespace
+
+bool isDefaultHome(const Path& home) {
+  const auto usual = defaultHome();
+  return usual && (home / "").lexically_normal() == (*usual / "").lexically_normal();
 }
 
 Path homeDirectory(const std::optional<std::string>& given) {
@@ -57,10 +58,8 @@ Path homeDirectory(const std::optional<std::string>& given) {
 }
 
 Path logFileOf(const Path& home) {
-  const auto usual = defaultHome();
   const auto state = userPlace("XDG_STATE_HOME", ".local/state");
-  const bool isUsual = usual && (home / "").lexically_normal() == (*usual / "").lexically_normal();
-  return isUsual && state && state->is_absolute() ? *state / "tarn.log" : home / "log/tarn.log";
+  return isDefaultHome(home) && state && state->is_absolute() ? *state / "tarn.log" : home / "log/tarn.log";
 }
 
 namespace {

@@ -15,8 +15,8 @@ namespace tarn {
 /// ~/.local/share/tarn. Absolute. Throws Error when none of these can be told.
 Path homeDirectory(const std::optional<std::string>& given);
 
-/// The one that is used unless the user names another: $XDG_DATA_HOME/tarn, else ~/.local/share/tarn.
-std::optional<Path> defaultHome();
+/// Whether it is the one that is used unless the user names another: $XDG_DATA_HOME/tarn, else ~/.local/share/tarn.
+bool isDefaultHome(const Path& home);
 
 /// Another process owns the home.
 class HomeInUse : public Error {

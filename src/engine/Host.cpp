@@ -133,7 +133,7 @@ void Host::sweepPosters() {
 void Host::showAlbums() {
   constexpr const char* key = "Tarn_AlbumsLinked";
   try {
-    if (home_ != defaultHome() || defaults_.integer(key) != 0) return;
+    if (!isDefaultHome(home_) || defaults_.integer(key) != 0) return;
     if (linkAlbums(home_ / "Photos")) defaults_.setInteger(key, 1);
   } catch (const Error& error) {
     log("The link to the albums was not noted: {}", error.description());
