@@ -16,6 +16,7 @@
 
 #include "app/CommandEngine.h"
 #include "app/Commands.h"
+#include "app/FailureReport.h"
 #include "app/Interrupt.h"
 #include "app/LibraryExport.h"
 #include "app/LibraryNames.h"
@@ -205,11 +206,11 @@ class ExportCommand {
       for (const LibraryAlbum& album : albums) {
         const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
         code = std::max(code, exportAll(album, folder));
+        if (isStopped_) break;
       }
     }
     if (!isStopped_) return code;
-    printFailure("Interrupted; the copies that are there are whole.");
-    return ExitCode::interrupted;
+    return reportInterrupt(global_, "the copies that are there are whole.");
   }
 
  private:

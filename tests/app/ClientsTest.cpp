@@ -238,17 +238,22 @@ TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
   const HomeLock lock(home_);
   asio::io_context context;
   local::acceptor listener(context, (home_ / ".socket").string());
-  const Child client = start({"resume"});
-  {
-    local::socket engine = listener.accept();
-    asio::write(engine, asio::buffer(std::string(R"({"protocol":1})") + "\n"));
-    std::string received;
-    asio::read_until(engine, asio::dynamic_buffer(received), '\n');
+  for (const auto& command : {std::vector<std::string>{"resume"}, {"library", "remove", "clip.mp4"}}) {
+    auto arguments = command;
+    arguments.emplace_back("--json");
+    const Child client = start(arguments);
+    {
+      local::socket engine = listener.accept();
+      asio::write(engine, asio::buffer(std::string(R"({"protocol":1})") + "\n"));
+      std::string received;
+      asio::read_until(engine, asio::dynamic_buffer(received), '\n');
+    }
+    const local::socket next = listener.accept();  // another engine, which lets nobody in
+    client->signal(SIGINT);
+    EXPECT_EQ(client->wait(), 130);
+    EXPECT_THAT(client->errors(), HasSubstr("Interrupted; what has been done is kept."));
+    EXPECT_THAT(client->output(), HasSubstr(R"("result":"interrupted")"));
   }
-  const local::socket next = listener.accept();  // another engine, which lets nobody in
-  client->signal(SIGINT);
-  EXPECT_EQ(client->wait(), 130);
-  EXPECT_THAT(client->errors(), HasSubstr("Interrupted; what has been done is kept."));
 }
 
 TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {
