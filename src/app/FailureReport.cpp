@@ -1,6 +1,7 @@
 #include "app/FailureReport.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -56,6 +57,10 @@ int reportInterrupt(const GlobalOptions& global, const std::string& words) {
   if (global.json) printJSON({{"result", "interrupted"}});
   printFailure("Interrupted; " + words);
   return ExitCode::interrupted;
+}
+
+InterruptWatcher endAtInterrupt(const GlobalOptions& global) {
+  return InterruptWatcher([&global]() -> bool { ::_exit(reportInterrupt(global, "nothing was changed.")); });
 }
 
 void printWarnings(const Engine::Outcome& saved, const std::string& name) {

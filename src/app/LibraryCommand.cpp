@@ -94,6 +94,7 @@ void printAlbum(const GlobalOptions& global, const LibraryAlbum& album) {
 }
 
 int listCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  const InterruptWatcher watcher = endAtInterrupt(global);
   StoredLibrary stored(global);
   if (options.removed) {
     const auto removed = stored.library().removed();
@@ -281,6 +282,7 @@ bool showOnDesktop(const Path& path) {
 }
 
 int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  const InterruptWatcher watcher = endAtInterrupt(global);
   StoredLibrary stored(global);
   Path path = stored.root();
   if (!options.video.empty()) path = videoNamed(stored.albums({}), options.video).path;

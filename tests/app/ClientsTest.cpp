@@ -256,6 +256,28 @@ TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
   }
 }
 
+TEST_F(ClientsTest, AnInterruptEndsACommandThatOnlyReads) {
+  std::filesystem::create_directory(home_);
+  const HomeLock lock(home_);
+  asio::io_context context;
+  local::acceptor listener(context, (home_ / ".socket").string());
+  const Child downloads = start({"downloads"});
+  const local::socket engine = listener.accept();  // one that does not answer
+  downloads->signal(SIGINT);
+  EXPECT_EQ(downloads->wait(), 130);
+  EXPECT_THAT(downloads->errors(), HasSubstr("Interrupted; nothing was changed."));
+
+  const Path clip = place_ / "clip.mp4";
+  std::ofstream(clip, std::ios::binary) << textOf(recording());
+  std::vector<std::string> many(20'000, clip);
+  many.insert(many.begin(), {"inspect", "--json"});
+  const Child inspect = start(many);
+  EXPECT_TRUE(eventually([&] { return !inspect->output().empty(); }));
+  inspect->signal(SIGTERM);
+  EXPECT_EQ(inspect->wait(), 130);
+  EXPECT_THAT(inspect->output(), HasSubstr(R"("result":"interrupted")"));
+}
+
 TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {
   FaultServer server;
   server.serve("/clip.mp4", ServedFile::of(recording()));
