@@ -1,6 +1,7 @@
 #include "app/CommandLine.h"
 
 #include <fmt/format.h>
+#include <tarn/engine.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/FailureReport.h"
 #include "app/Nearest.h"
 #include "app/Output.h"
 #include "app/Versions.h"
@@ -111,6 +113,8 @@ int CommandLine::run(int argc, const char* const* argv) {
   if (backgroundLimit_->count() > 0) global_.backgroundLimit = std::chrono::seconds(backgroundSeconds_);
   try {
     return table_.chosen();
+  } catch (const EngineInterrupted&) {
+    return reportInterrupt(global_, "what has been done is kept.");
   } catch (const std::exception& error) {
     const bool isUsage = dynamic_cast<const UsageError*>(&error);
     if (global_.json) printJSON({{"result", isUsage ? "usage" : "failed"}, {"error", error.what()}});

@@ -8,6 +8,7 @@
 #include "app/CommandEngine.h"
 #include "app/Commands.h"
 #include "app/DownloadIds.h"
+#include "app/FailureReport.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
 #include "engine/History.h"
@@ -116,6 +117,12 @@ class Downloads {
   std::map<int64_t, TransferState> transfers_;
 };
 
+int listCommand(const GlobalOptions& global) {
+  const InterruptWatcher watcher = endAtInterrupt(global);
+  Downloads(global).print();
+  return ExitCode::done;
+}
+
 int clearCommand(const GlobalOptions& global) {
   CommandEngine command(global);
   command.engine().clearHistory();
@@ -168,11 +175,7 @@ void addDownloadsCommands(CommandTable& table) {
   CLI::App* downloads = table.app.add_subcommand("downloads", "List the downloads: under way, failed and why, saved");
   downloads->add_flag("--clear", *clears, "Forget those that have ended; the videos stay");
   downloads->callback([&table, clears] {
-    table.chosen = [&table, clears] {
-      if (*clears) return clearCommand(table.global);
-      Downloads(table.global).print();
-      return static_cast<int>(ExitCode::done);
-    };
+    table.chosen = [&table, clears] { return *clears ? clearCommand(table.global) : listCommand(table.global); };
   });
   addChange(table, "cancel", "Stop downloads and drop what they have fetched", "cancelled", &Engine::cancel);
   addChange(table, "pause", "Stop downloads and keep what they have fetched, until `tarn resume ID`", "paused",

@@ -1,10 +1,10 @@
 #include "app/FailureReport.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 
-#include "app/Commands.h"
 #include "app/Output.h"
 #include "platform/URL.h"
 
@@ -51,6 +51,16 @@ void addTo(JSObject& object, const Engine::Outcome& outcome) {
   if (!outcome.advice.empty()) object.set("advice", outcome.advice);
   object.set("mayTryAgain", outcome.mayTryAgain);
   object.set("maySaveAsItCame", outcome.maySaveAsItCame);
+}
+
+int reportInterrupt(const GlobalOptions& global, const std::string& words) {
+  if (global.json) printJSON({{"result", "interrupted"}});
+  printFailure("Interrupted; " + words);
+  return ExitCode::interrupted;
+}
+
+InterruptWatcher endAtInterrupt(const GlobalOptions& global) {
+  return InterruptWatcher([&global]() -> bool { ::_exit(reportInterrupt(global, "nothing was changed.")); });
 }
 
 void printWarnings(const Engine::Outcome& saved, const std::string& name) {

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "app/Commands.h"
+#include "app/FailureReport.h"
 #include "app/Output.h"
+#include "app/Terminal.h"
 
 namespace tarn {
 namespace {
@@ -86,7 +88,7 @@ Line inspectOne(const GlobalOptions& global, const std::string& file) {
 
 void printTable(const std::vector<Line>& lines) {
   size_t nameWidth = 0;
-  for (const Line& line : lines) nameWidth = std::max(nameWidth, std::min<size_t>(line.file.size(), 48));
+  for (const Line& line : lines) nameWidth = std::max(nameWidth, std::min<size_t>(columnsOf(line.file), 48));
   for (const Line& line : lines) {
     const std::string row = fmt::format("{:<{}}  {:<10}  {}", line.file, nameWidth, line.verdict, line.words);
     printLine(row.substr(0, row.find_last_not_of(' ') + 1));
@@ -136,6 +138,7 @@ void requirePossible(const InspectArguments& arguments) {
 
 int inspectCommand(const GlobalOptions& global, const InspectArguments& arguments) {
   requirePossible(arguments);
+  const InterruptWatcher watcher = endAtInterrupt(global);
   if (arguments.files.size() == 1) return inspectAlone(global, arguments);
   if (!arguments.isFull || global.json) return inspectMany(global, arguments.files);
   int code = ExitCode::done;

@@ -16,6 +16,7 @@
 
 #include "app/CommandEngine.h"
 #include "app/Commands.h"
+#include "app/FailureReport.h"
 #include "app/Interrupt.h"
 #include "app/LibraryExport.h"
 #include "app/LibraryNames.h"
@@ -93,6 +94,7 @@ void printAlbum(const GlobalOptions& global, const LibraryAlbum& album) {
 }
 
 int listCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  const InterruptWatcher watcher = endAtInterrupt(global);
   StoredLibrary stored(global);
   if (options.removed) {
     const auto removed = stored.library().removed();
@@ -205,11 +207,11 @@ class ExportCommand {
       for (const LibraryAlbum& album : albums) {
         const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
         code = std::max(code, exportAll(album, folder));
+        if (isStopped_) break;
       }
     }
     if (!isStopped_) return code;
-    printFailure("Interrupted; the copies that are there are whole.");
-    return ExitCode::interrupted;
+    return reportInterrupt(global_, "the copies that are there are whole.");
   }
 
  private:
@@ -280,6 +282,7 @@ bool showOnDesktop(const Path& path) {
 }
 
 int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
+  const InterruptWatcher watcher = endAtInterrupt(global);
   StoredLibrary stored(global);
   Path path = stored.root();
   if (!options.video.empty()) path = videoNamed(stored.albums({}), options.video).path;

@@ -2,13 +2,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <iostream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <thread>
 
 #include "app/Commands.h"
+#include "app/FailureReport.h"
 #include "app/Interrupt.h"
 #include "app/Output.h"
 #include "app/ProgressPrinter.h"
@@ -17,6 +16,7 @@
 #include "app/RepairPlan.h"
 #include "app/RepairStreams.h"
 #include "app/RepairTeller.h"
+#include "app/TransferArguments.h"
 #include "pipeline/CancellationToken.h"
 #include "platform/host/PosixFileManager.h"
 
@@ -40,17 +40,10 @@ void requireSense(const GlobalOptions& global, const RepairArguments& given) {
   if (isTerminal(STDOUT_FILENO)) throw UsageError("Standard output is a terminal; send it to a file.");
 }
 
-std::string listOf(const std::string& file) {
-  if (file == RepairArguments::stream) return {std::istreambuf_iterator<char>(std::cin), {}};
-  PosixFileManager disk("");
-  const Bytes bytes = readFile(disk, file);
-  return std::string(textOf(bytes));
-}
-
 std::vector<Path> inputsOf(const RepairArguments& given) {
   std::vector<Path> inputs(given.inputs.begin(), given.inputs.end());
   if (!given.filesFrom) return inputs;
-  const auto listed = pathsInList(listOf(*given.filesFrom), given.listEndsWithZeros);
+  const auto listed = pathsInList(readUserFile(*given.filesFrom), given.listEndsWithZeros);
   inputs.insert(inputs.end(), listed.begin(), listed.end());
   return inputs;
 }
@@ -110,9 +103,9 @@ int repairAll(const GlobalOptions& global, const RepairArguments& given, const s
                         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
 }
 
-int repairStreams(const GlobalOptions& global, const RepairArguments& given, const std::stop_token& cancel) {
+int repairStreams(const GlobalOptions& global, const RepairArguments& given, std::vector<Path> inputs,
+                  const std::stop_token& cancel) {
   RepairStreams streams(given.options.scratch ? Path(*given.options.scratch) : fs::temp_directory_path());
-  std::vector<Path> inputs = inputsOf(given);
   RepairTarget target = targetOf(given);
   try {
     if (given.readsStream()) inputs = {streams.readInput(cancel)};
@@ -122,17 +115,17 @@ int repairStreams(const GlobalOptions& global, const RepairArguments& given, con
     if (given.writesStream() && isWritten) streams.writeOutput();
     return code;
   } catch (const CancellationError&) {
-    printFailure("Interrupted; nothing was written.");
-    return ExitCode::interrupted;
+    return reportInterrupt(global, "nothing was written.");
   }
 }
 
 int repairCommand(const GlobalOptions& global, const RepairArguments& given) {
   requireSense(global, given);
+  const std::vector<Path> inputs = inputsOf(given);  // ahead of the watcher: reading a list has one of its own
   std::stop_source cancel;
   const InterruptWatcher watcher([&cancel] { return cancel.request_stop(); });
-  if (given.readsStream() || given.writesStream()) return repairStreams(global, given, cancel.get_token());
-  return repairAll(global, given, inputsOf(given), targetOf(given), cancel.get_token());
+  if (given.readsStream() || given.writesStream()) return repairStreams(global, given, inputs, cancel.get_token());
+  return repairAll(global, given, inputs, targetOf(given), cancel.get_token());
 }
 
 void addPlaces(CLI::App& repair, RepairArguments& given) {

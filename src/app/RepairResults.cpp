@@ -34,6 +34,13 @@ std::string asReadBack(const std::string& text) {
   return object ? valueAt<std::string>(*object, "text", "") : text;
 }
 
+/// The name may be that of a video by mistake, behind whose bytes nothing must be put.
+void requireReport(FileManager& disk, const Path& path) {
+  const Bytes first = disk.open(path, OpenMode::reading)->read(1);
+  if (first.empty() || first.front() == '{') return;
+  throw UsageError(fmt::format("{} is no report of a repair; name another file for --report.", path.string()));
+}
+
 }  // namespace
 
 RepairEnd endOf(const RepairedFile& result) {
@@ -101,6 +108,7 @@ RepairReportFile::RepairReportFile(const Path& path)
   if (!file_.isOpen()) throw PosixError(errno, "write the report " + path.string());
   if (!std::filesystem::is_regular_file(path)) return;
   PosixFileManager disk("");
+  requireReport(disk, path);
   const Bytes bytes = readFile(disk, path);
   std::string_view text = textOf(bytes);
   if (!text.empty() && !text.ends_with('\n')) write("\n");

@@ -26,7 +26,8 @@ JSObject reportObject(const RepairedFile& result);
 /// input counts.
 class RepairReportFile {
  public:
-  /// Opens the file or makes it, and closes a last line that a killed process has left open. Throws PosixError.
+  /// Opens the file or makes it, and closes a last line that a killed process has left open. Throws PosixError, and
+  /// UsageError for a file that is no report.
   explicit RepairReportFile(const Path& path);
 
   /// An earlier run has told of this input.

@@ -51,7 +51,7 @@ void RepairTeller::tellFailure(const RepairedFile& result) const {
   std::string words = fmt::format("{} was not repaired: {}.", name, report.failure);
   if (!report.advice.empty()) {
     words += " " + report.advice;
-  } else if (report.kind != RepairReport::Kind::refused) {
+  } else if (report.kind != RepairReport::Kind::refused && !given_.readsStream()) {
     words += fmt::format(" `tarn inspect {}` tells more.", name);
   }
   printFailure(words);

@@ -32,8 +32,7 @@ class Resume {
     } catch (const EngineInterrupted&) {
       // An interrupt ends every wait.
     }
-    printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
-    return ExitCode::interrupted;
+    return reportInterrupt(global_);
   }
 
  private:

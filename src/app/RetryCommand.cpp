@@ -25,18 +25,18 @@ class Retry {
   int run(const std::vector<std::string>& names, bool asItCame) {
     try {
       start(names, asItCame);
-      while (!waiting_.empty() && !engine_.isInterrupted()) {
+      for (auto nextLook = Clock::now(); !waiting_.empty() && !engine_.isInterrupted();) {
         if (const auto event = engine_.nextEvent(pause)) show(*event);
+        if (Clock::now() < nextLook) continue;
         look();
+        nextLook = Clock::now() + pause;
       }
       if (!engine_.isInterrupted()) return code_;
     } catch (const EngineInterrupted&) {
       // An interrupt ends every wait.
     }
     printer_.hide();
-    if (global_.json) printJSON({{"result", "interrupted"}});
-    printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
-    return ExitCode::interrupted;
+    return reportInterrupt(global_);
   }
 
  private:
@@ -135,6 +135,7 @@ class Retry {
     code_ = ended_++ == 0 ? code : (code == code_ && code == ExitCode::done ? ExitCode::done : ExitCode::failed);
   }
 
+  using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds pause{300};
 
   const GlobalOptions& global_;

@@ -1,13 +1,10 @@
 #include "app/SaveCommand.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <utility>
 
 #include "app/CommandEngine.h"
-#include "app/Interrupt.h"
 #include "app/Saves.h"
 #include "app/TransferArguments.h"
 
@@ -48,14 +45,8 @@ int saveAll(const GlobalOptions& global, const std::vector<SaveItem>& items, Sav
 
 int saveCommand(const GlobalOptions& global, const SaveArguments& given) {
   SaveOptions options = given.options;
-  std::vector<SaveItem> items;
-  {
-    // Standard input may be long in coming.
-    const InterruptWatcher reading([]() -> bool { ::_exit(ExitCode::interrupted); });
-    options.transfer = given.transfer.options();
-    items = itemsOf(given);
-  }
-  return saveAll(global, items, std::move(options));
+  options.transfer = given.transfer.options();
+  return saveAll(global, itemsOf(given), std::move(options));
 }
 
 }  // namespace

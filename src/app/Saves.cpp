@@ -51,9 +51,7 @@ int Saves::run() {
     // An interrupt ends every wait.
   }
   printer_.hide();
-  if (global_.json) printJSON({{"result", "interrupted"}});
-  printFailure("Interrupted; what has been done is kept. `tarn resume` goes on with it.");
-  return ExitCode::interrupted;
+  return reportInterrupt(global_);
 }
 
 /// Starts a download under an id of its own choice. If the engine ends before it answers, that tells whether the next

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "app/Commands.h"
+#include "app/Interrupt.h"
 #include "platform/host/Descriptor.h"
 
 namespace tarn {
@@ -110,6 +111,8 @@ std::string readUserFile(const std::string& name) {
   constexpr size_t piece = 64 << 10;
   const Descriptor file(name == "-" ? ::dup(STDIN_FILENO) : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.isOpen()) throw unreadable(name);
+  // Standard input may be long in coming.
+  const InterruptWatcher watcher([]() -> bool { ::_exit(ExitCode::interrupted); });
   std::string text;
   for (ssize_t got = 1; got != 0;) {
     const size_t size = text.size();

@@ -34,7 +34,7 @@ class TransferArguments {
 uint64_t parseRate(std::string_view text);
 
 /// The text of a file that the user has written, or of standard input for "-". Throws UsageError if it is too large for
-/// that, or cannot be read.
+/// that, or cannot be read. An interrupt meanwhile ends the process.
 std::string readUserFile(const std::string& name);
 
 /// The lines of a text, without their ends, of whichever system.

@@ -157,7 +157,7 @@ void SingleRepair::openSource() {
   if (request_.output == request_.input) requireReplaceable(request_.input);
   const Kind kind = kindOf(disk_, request_.input);
   const bool mayBeRebuilt = request_.like && kind.what == Kind::What::lacksMoov;
-  if (!kind.isMedia() && !mayBeRebuilt) throw RepairRefusal(kind.sentence("it"));
+  if (!kind.isMedia() && !mayBeRebuilt) throw RepairRefusal(kind.sentence("it", NamedBy::path));
   if (request_.like) return rebuild();
   files_.layOver(video_, request_.input);
 }

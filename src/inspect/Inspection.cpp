@@ -82,7 +82,7 @@ void readPresentation(FileManager& files, Inspection& inspection) {
 /// What the file is, where that is not a movie with samples: no player shows it, or nothing in it is repaired.
 void tellKind(FileManager& files, Inspection& inspection) {
   const Kind kind = kindOf(files, inspection.file);
-  const std::string words = kind.sentence("it");
+  const std::string words = kind.sentence("it", NamedBy::path);
   if (!kind.isMedia()) inspection.refusal = words;
   if (!inspection.hasMovie && kind.what != Kind::What::lacksMoov) {
     inspection.boxes.clear();

@@ -23,7 +23,7 @@ Kind unknownKind(ByteView head) {
   }
   const std::string words = magicWords(head);
   return {Kind::What::unknown, words.empty() ? "no video" : fmt::format("no video ({})", words),
-          "give the address of the video itself"};
+          Kind::adviseVideoItself};
 }
 
 Kind kindOfFile(FileHandle& file) {
@@ -42,19 +42,22 @@ bool Kind::isMedia() const {
          what == What::otherContainer;
 }
 
-std::string Kind::sentence(std::string_view name) const {
+std::string Kind::sentence(std::string_view name, NamedBy namedBy) const {
   const std::string plain = plainLine(name, longestName);
-  return advice.empty() ? fmt::format("{} is {}", plain, words) : fmt::format("{} is {}: {}", plain, words, advice);
+  if (advice.empty()) return fmt::format("{} is {}", plain, words);
+  const bool hasNoAddress = namedBy == NamedBy::path && advice == adviseVideoItself;
+  return fmt::format("{} is {}: {}", plain, words, hasNoAddress ? "give the video itself" : advice);
 }
 
 Kind kindOf(FileManager& files, const Path& path) {
   return readWatched(ReadWatch(files.open(path, OpenMode::reading)), kindOfFile);
 }
 
-std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name) {
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name,
+                                            NamedBy namedBy) {
   const Kind kind = kindOf(files, path);
   if (kind.isMedia()) return std::nullopt;
-  return kind.sentence(name);
+  return kind.sentence(name, namedBy);
 }
 
 }  // namespace tarn

@@ -8,6 +8,9 @@
 
 namespace tarn {
 
+/// How the user has named a file, which the advice speaks of.
+enum class NamedBy { address, path };
+
 /// What a file is, told from its first bytes and from its boxes.
 struct Kind {
   enum class What {
@@ -29,11 +32,14 @@ struct Kind {
   std::string words;   ///< what it is, to stand behind "NAME is ": `a web page ("Sign in")`
   std::string advice;  ///< what to try, to stand behind a colon: "the address needs a login"; empty if there is none
 
+  /// The advice about what is not itself the video.
+  static constexpr const char* adviseVideoItself = "give the address of the video itself";
+
   /// A player could show it: a movie with samples, sound, another container.
   bool isMedia() const;
 
   /// `NAME is a web page ("Sign in"): the address needs a login`.
-  std::string sentence(std::string_view name) const;
+  std::string sentence(std::string_view name, NamedBy namedBy) const;
 };
 
 /// Looks at a file: its first 64 KiB, and the headers of its boxes. Throws PosixError if it cannot be read.
@@ -41,6 +47,7 @@ Kind kindOf(FileManager& files, const Path& path);
 
 /// Why no player could show a file, as a sentence for people without its stop, in which it is called by this name;
 /// nothing if one could. Throws PosixError.
-std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name);
+std::optional<std::string> whyNoPlayerShows(FileManager& files, const Path& path, std::string_view name,
+                                            NamedBy namedBy = NamedBy::address);
 
 }  // namespace tarn

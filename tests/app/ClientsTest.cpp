@@ -238,17 +238,44 @@ TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
   const HomeLock lock(home_);
   asio::io_context context;
   local::acceptor listener(context, (home_ / ".socket").string());
-  const Child client = start({"resume"});
-  {
-    local::socket engine = listener.accept();
-    asio::write(engine, asio::buffer(std::string(R"({"protocol":1})") + "\n"));
-    std::string received;
-    asio::read_until(engine, asio::dynamic_buffer(received), '\n');
+  for (const auto& command : {std::vector<std::string>{"resume"}, {"library", "remove", "clip.mp4"}}) {
+    auto arguments = command;
+    arguments.emplace_back("--json");
+    const Child client = start(arguments);
+    {
+      local::socket engine = listener.accept();
+      asio::write(engine, asio::buffer(std::string(R"({"protocol":1})") + "\n"));
+      std::string received;
+      asio::read_until(engine, asio::dynamic_buffer(received), '\n');
+    }
+    const local::socket next = listener.accept();  // another engine, which lets nobody in
+    client->signal(SIGINT);
+    EXPECT_EQ(client->wait(), 130);
+    EXPECT_THAT(client->errors(), HasSubstr("Interrupted; what has been done is kept."));
+    EXPECT_THAT(client->output(), HasSubstr(R"("result":"interrupted")"));
   }
-  const local::socket next = listener.accept();  // another engine, which lets nobody in
-  client->signal(SIGINT);
-  EXPECT_EQ(client->wait(), 130);
-  EXPECT_THAT(client->errors(), HasSubstr("Interrupted; what has been done is kept."));
+}
+
+TEST_F(ClientsTest, AnInterruptEndsACommandThatOnlyReads) {
+  std::filesystem::create_directory(home_);
+  const HomeLock lock(home_);
+  asio::io_context context;
+  local::acceptor listener(context, (home_ / ".socket").string());
+  const Child downloads = start({"downloads"});
+  const local::socket engine = listener.accept();  // one that does not answer
+  downloads->signal(SIGINT);
+  EXPECT_EQ(downloads->wait(), 130);
+  EXPECT_THAT(downloads->errors(), HasSubstr("Interrupted; nothing was changed."));
+
+  const Path clip = place_ / "clip.mp4";
+  std::ofstream(clip, std::ios::binary) << textOf(recording());
+  std::vector<std::string> many(20'000, clip);
+  many.insert(many.begin(), {"inspect", "--json"});
+  const Child inspect = start(many);
+  EXPECT_TRUE(eventually([&] { return !inspect->output().empty(); }));
+  inspect->signal(SIGTERM);
+  EXPECT_EQ(inspect->wait(), 130);
+  EXPECT_THAT(inspect->output(), HasSubstr(R"("result":"interrupted")"));
 }
 
 TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "support/DamagedMovies.h"
 #include "support/FaultServer.h"
@@ -84,12 +85,13 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
     EXPECT_EQ(leftIn(home_), "");
 
     std::ofstream(file, std::ios::binary) << content;
+    const std::string local = std::regex_replace(words, std::regex("address of the "), "");
     const TarnResult repaired = runTarn(home_, {"repair", file, "-o", out});
     EXPECT_EQ(repaired.exitCode, 4) << words;
-    EXPECT_THAT(repaired.errors, HasSubstr("it is " + words));
+    EXPECT_THAT(repaired.errors, HasSubstr("it is " + local));
     EXPECT_FALSE(std::filesystem::exists(out));
     const TarnResult inspected = runTarn(home_, {"inspect", file});
-    EXPECT_THAT(inspected.output, testing::StartsWith("Broken: it is " + words + "\n"));
+    EXPECT_THAT(inspected.output, testing::StartsWith("Broken: it is " + local + "\n"));
   }
 }
 

@@ -292,6 +292,15 @@ TEST_F(RepairBatchTest, InPlaceLinksAreRefused) {
   EXPECT_EQ(namesBelow(in_), (std::set<std::string>{"a.mp4", "hard.mp4", "soft.mp4"}));
 }
 
+TEST_F(RepairBatchTest, NothingIsPutBehindAVideoThatIsNamedAsTheReport) {
+  const Path file = in_ / "a.mp4", forgotten = in_ / "b.mp4";
+  write(file, broken());
+  write(forgotten, healthy());
+  EXPECT_EQ(repair({"--in-place", "--report", forgotten.string(), file.string()}).exitCode, 2);
+  EXPECT_EQ(contentOf(forgotten), healthy());
+  EXPECT_EQ(contentOf(file), broken());
+}
+
 TEST_F(RepairBatchTest, StandardInputAndOutput) {
   const Path file = in_ / "a.mp4", result = place_ / "result.mp4", scratch = place_ / "scratch";
   write(file, textOf(damagedMovie("AC-3 sound")));

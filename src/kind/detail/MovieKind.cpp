@@ -126,7 +126,7 @@ std::optional<Kind> movieKind(FileHandle& file, ByteView head) {
   if (level.moov) return kindOfMoov(file, level, fileSize);  // boxes of any type may stand ahead of it
   if (!beginsWithBox(head, fileSize)) return std::nullopt;
   if (const char* words = pictureOfBrand(head)) {
-    return Kind{What::picture, words, "give the address of the video itself"};
+    return Kind{What::picture, words, Kind::adviseVideoItself};
   }
   return withoutMoov(level);
 }

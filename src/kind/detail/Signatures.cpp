@@ -147,7 +147,7 @@ std::optional<Kind> soundStreamKind(ByteView head) {
 
 std::string adviceFor(What what) {
   if (what == What::archive) return "unpack it first";
-  if (what == What::picture || what == What::unknown) return "give the address of the video itself";
+  if (what == What::picture || what == What::unknown) return Kind::adviseVideoItself;
   return "";
 }
 

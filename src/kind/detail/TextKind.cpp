@@ -15,7 +15,7 @@ namespace {
 using What = Kind::What;
 
 constexpr size_t longestTitle = 60;
-constexpr const char* theVideoItself = "give the address of the video itself";
+constexpr const char* theVideoItself = Kind::adviseVideoItself;
 
 void skipBlanks(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
