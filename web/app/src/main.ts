@@ -174,7 +174,7 @@ onHostChange((what) => {
   else refresh();
 });
 setInterval(() => {
-  if (downloads.isAnySilent()) refresh();
+  if (downloads.isAnySilent()) downloads.refresh().catch(showProblem); // the history is read once it has ended
   if (offers('getTransfers') && cards.some(({ phase }) => phase === 'loading')) void refreshTransfers();
 }, 1000);
 document.addEventListener('visibilitychange', () => {
