@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "audio/SoundWords.h"
+#include "inspect/SoundText.h"
 #include "platform/UTF8.h"
 
 namespace tarn {
@@ -122,7 +123,7 @@ class Drawing {
     edits("soun", isAfter);
     if (!isAfter) soundFaults();
     y_ += barHeight + 18;
-    text(left, y_, "", distanceText(*timeline));
+    text(left, y_, "", soundAgainstPicture(*timeline).value_or(""));
     y_ += 34;
   }
 
@@ -169,18 +170,13 @@ class Drawing {
         lengthText(inspection_.audio.findings->analysis.timelineDriftMs));
   }
 
-  static std::string distanceText(const Timeline& timeline) {
-    if (!timeline.soundBehindAtStart || !timeline.soundBehindAtEnd) return "";
-    return fmt::format("the sound is behind the picture by {:.3f} s at the start and {:.3f} s at the end",
-                       *timeline.soundBehindAtStart + 0.0, *timeline.soundBehindAtEnd + 0.0);
-  }
-
   void axis() {
     // A step of 1, 2 or 5 of a power of ten, so that there are at most ten.
-    double step = std::pow(10, std::floor(std::log10(std::max(end_, 0.01) / 10)));
+    const double power = std::pow(10, std::floor(std::log10(std::max(end_, 0.01) / 10)));
+    double step = power;
     for (double factor : {2.0, 5.0, 10.0}) {
       if (end_ / step <= 10) break;
-      step = std::pow(10, std::floor(std::log10(std::max(end_, 0.01) / 10))) * factor;
+      step = power * factor;
     }
     put(R"(<line x1="{}" y1="{:.1f}" x2="{}" y2="{:.1f}" class="axis"/>)", left, y_, right, y_);
     for (int i = 0; i * step <= end_ * 1.0001; ++i) {

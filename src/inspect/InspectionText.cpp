@@ -230,21 +230,15 @@ void writeSteps(Writer& out, const Inspection& inspection) {
   writeLists(out, inspection);
 }
 
-std::string behindText(std::optional<double> seconds) {
-  if (!seconds) return "unknown";
-  const double milliseconds = std::round(*seconds * 1000);
-  if (milliseconds == 0) return "level with the picture";
-  return fmt::format("{:.3f} s {} the picture", std::abs(milliseconds) / 1000, milliseconds > 0 ? "after" : "ahead of");
-}
-
 void writeSoundAgainstPicture(Writer& out, const RepairSummary& summary, bool changesFile) {
-  const auto line = [&](const char* when, const std::optional<RepairSummary::Timeline>& timeline) {
-    if (!timeline || !timeline->soundBehindAtStart) return;
-    out.line("{}the sound starts {} and ends {}", when, behindText(timeline->soundBehindAtStart),
-             behindText(timeline->soundBehindAtEnd));
+  const auto told = [](const std::optional<RepairSummary::Timeline>& timeline) {
+    return timeline ? soundAgainstPicture(*timeline) : std::nullopt;
   };
-  line("", summary.before);
-  if (changesFile) line("after a repair ", summary.after);
+  const auto before = told(summary.before), after = changesFile ? told(summary.after) : std::nullopt;
+  if (!before && !after) return;
+  out.heading("Sound against picture");
+  if (before) out.line("{}", *before);
+  if (after) out.line("after a repair {}", *after);
 }
 
 /// What a repair did on trial, and what it does not do.
@@ -286,7 +280,6 @@ std::string inspectionBrief(const Inspection& inspection) {
 
 std::string inspectionText(const Inspection& inspection) {
   Writer out;
-  out.heading("Sound against picture");
   writeSoundAgainstPicture(out, inspection.summary, inspection.changesFile);
   writeSteps(out, inspection);
   writeTracks(out, inspection);

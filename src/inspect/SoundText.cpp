@@ -31,6 +31,12 @@ std::string codecLine(const AudioForecast& forecast) {
   return config.matchesPassthroughTarget ? line + ": its packets can be used as they are" : line;
 }
 
+std::string placeText(double secondsBehind) {
+  const double milliseconds = std::round(secondsBehind * 1000);
+  if (milliseconds == 0) return "level with the picture";
+  return fmt::format("{:.3f} s {} the picture", std::abs(milliseconds) / 1000, milliseconds > 0 ? "after" : "ahead of");
+}
+
 }  // namespace
 
 std::vector<std::string> soundLines(const AudioForecast& forecast) {
@@ -48,6 +54,12 @@ std::vector<std::string> soundLines(const AudioForecast& forecast) {
   }
   if (lines.size() == 1) lines.emplace_back("it is whole");
   return lines;
+}
+
+std::optional<std::string> soundAgainstPicture(const RepairSummary::Timeline& timeline) {
+  if (!timeline.soundBehindAtStart || !timeline.soundBehindAtEnd) return std::nullopt;
+  return fmt::format("the sound starts {} and ends {}", placeText(*timeline.soundBehindAtStart),
+                     placeText(*timeline.soundBehindAtEnd));
 }
 
 std::string audioStepText(const AudioForecast& forecast) {

@@ -27,8 +27,7 @@ class BridgeServer {
   /// Told, on the server's thread, when the pages send the application to the foreground (true) or the background.
   using LifeHandler = std::function<void(bool isActive)>;
 
-  /// All but the settings must outlive the server. Throws Error when the page is missing, std::system_error when the
-  /// port is taken.
+  /// All but the settings must outlive the server. Throws Error when the page is missing or the port is taken.
   BridgeServer(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, CAPPlugin& host, const Settings& settings,
                LifeHandler onLife);
   /// Cuts all pages off. A command that has begun is waited for; its answer, if it comes later, is dropped.

@@ -10,6 +10,7 @@
 #include "engine/Repair.h"
 #include "fragments/FragmentsStep.h"
 #include "inspect/InspectionJSON.h"
+#include "inspect/InspectionPlot.h"
 #include "inspect/InspectionText.h"
 #include "platform/Capacitor.h"
 #include "remux/RemuxStep.h"
@@ -235,6 +236,16 @@ print(counts["video"], counts["audio"], counts["hole"] > 0, counts["edit"] > 0)
   EXPECT_EQ(python.wait(), 0) << python.errors();
   // Before: sound, hole, sound; after: sound.
   EXPECT_EQ(python.output(), "a<b>&\".mp4\n2 3 True True\n");
+}
+
+TEST_F(InspectTest, TellsHowTheSoundLiesToThePictureWhereTheFileTellsIt) {
+  Inspection inspection;
+  EXPECT_THAT(inspectionText(inspection), testing::Not(testing::HasSubstr("Sound against picture")));
+  inspection.summary.before = {
+      .video = {{0, 2}}, .audio = {{0, 1.96}}, .soundBehindAtStart = 0, .soundBehindAtEnd = -0.04};
+  const auto told = testing::HasSubstr("the sound starts level with the picture and ends 0.040 s ahead of the picture");
+  EXPECT_THAT(inspectionText(inspection), told);
+  EXPECT_THAT(inspectionPlot(inspection), told);
 }
 
 /// Whatever bytes of the tables are wrong: there is an answer, the source stays, the step does as was said, and names a

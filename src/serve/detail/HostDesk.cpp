@@ -14,9 +14,7 @@ namespace {
 constexpr std::chrono::seconds answerTime{60};
 
 SiteAnswer rejection(int status, std::string words) {
-  return {.status = status,
-          .fields = {{"Content-Type", "application/json"}},
-          .text = JSObject{{"message", std::move(words)}}.json()};
+  return SiteAnswer::json({{"message", std::move(words)}}, status);
 }
 
 /// Of a picture that the host has made; never a type that a browser would run.
@@ -51,7 +49,7 @@ asio::awaitable<SiteAnswer> HostDesk::answer(HostCall call) {
   const CAPPluginCall::Answer& answer = *wait->answer;
   if (!answer.resolved) co_return rejection(answer.message == "not implemented" ? 404 : 409, answer.message);
   if (isPoster) co_return poster(answer);
-  co_return SiteAnswer{.fields = {{"Content-Type", "application/json"}}, .text = answer.data.json()};
+  co_return SiteAnswer::json(answer.data);
 }
 
 void HostDesk::run(HostCall call, const std::shared_ptr<Wait>& wait) {
@@ -76,10 +74,7 @@ SiteAnswer HostDesk::poster(const CAPPluginCall::Answer& answer) const {
   const auto* path = valueAt<std::string>(answer.data, "path");
   if (!path) return rejection(404, "There is no picture of it.");
   try {
-    auto file = files_.open(*path, OpenMode::reading);
-    const uint64_t size = file->seekToEnd();
-    file->seek(0);
-    return {.fields = {{"Content-Type", pictureType(*path)}}, .file = std::move(file), .count = size};
+    return SiteAnswer::whole(files_, *path, pictureType(*path));
   } catch (const PosixError&) {
     return rejection(404, "There is no picture of it.");
   }

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <utility>
 
+#include "platform/TempFile.h"
+
 namespace tarn {
 
 namespace asio = boost::asio;
@@ -50,19 +52,14 @@ asio::awaitable<std::optional<Path>> LocalDrop::receive(beast::tcp_stream& strea
   const Busy busy(isBusy_);
   files_.createDirectory(folder_);
   const Path path = folder_ / makeUUID();
-  auto file = files_.open(path, OpenMode::exclusive);
-  std::exception_ptr failure;
-  bool isWhole = false;
-  try {
-    auto filling = fill(stream, buffer, *file, size);
-    isWhole = co_await std::move(filling);
-    file->close();
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  if (!isWhole || failure) discard(path);
-  if (failure) std::rethrow_exception(failure);
-  co_return isWhole ? std::optional(path) : std::nullopt;
+  const auto file = files_.open(path, OpenMode::exclusive);
+  TempFile made(files_, path);
+  auto filling = fill(stream, buffer, *file, size);
+  const bool isWhole = co_await std::move(filling);
+  if (!isWhole) co_return std::nullopt;
+  file->close();
+  made.keep();
+  co_return path;
 }
 
 asio::awaitable<bool> LocalDrop::fill(beast::tcp_stream& stream, beast::flat_buffer& buffer, FileHandle& file,

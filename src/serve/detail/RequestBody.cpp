@@ -1,5 +1,7 @@
 #include "serve/detail/RequestBody.h"
 
+#include <algorithm>
+
 #include "platform/UTF8.h"
 #include "serve/detail/HostRoutes.h"
 

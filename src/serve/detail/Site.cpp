@@ -51,6 +51,17 @@ SiteAnswer SiteAnswer::words(int status, std::string words) {
   return {.status = status, .fields = {{"Content-Type", "text/plain; charset=utf-8"}}, .text = std::move(words) + "\n"};
 }
 
+SiteAnswer SiteAnswer::json(const JSObject& object, int status) {
+  return {.status = status, .fields = {{"Content-Type", "application/json"}}, .text = object.json()};
+}
+
+SiteAnswer SiteAnswer::whole(FileManager& files, const Path& path, std::string type) {
+  auto file = files.open(path, OpenMode::reading);
+  const uint64_t size = file->seekToEnd();
+  file->seek(0);
+  return {.fields = {{"Content-Type", std::move(type)}}, .file = std::move(file), .count = size};
+}
+
 const std::vector<std::pair<std::string, std::string>>& commonFields() {
   static const std::vector<std::pair<std::string, std::string>> fields{
       {"Content-Security-Policy",
@@ -98,7 +109,7 @@ SiteAnswer Site::albums() const {
     for (const PHAsset& asset : photos_.fetchAssets(album, std::nullopt)) assets.emplace_back(assetEntry(asset));
     albums.emplace_back(JSObject{{"title", album.title}, {"assets", std::move(assets)}});
   }
-  return typed("application/json", JSObject{{"albums", std::move(albums)}}.json());
+  return SiteAnswer::json({{"albums", std::move(albums)}});
 }
 
 SiteAnswer Site::video(const RequestHead& head, const std::string& id, bool isDownload) const {
@@ -132,10 +143,7 @@ SiteAnswer Site::pageFile(const RequestTarget& target) const {
   const auto path = folder_.find(target.path);
   if (!path && target.path == "/favicon.ico") return {.status = 204};
   if (!path) return SiteAnswer::words(404, "There is nothing here.");
-  auto file = files_.open(*path, OpenMode::reading);
-  const uint64_t size = file->seekToEnd();
-  file->seek(0);
-  return {.fields = {{"Content-Type", contentType(*path)}}, .file = std::move(file), .count = size};
+  return SiteAnswer::whole(files_, *path, contentType(*path));
 }
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/FileManager.h"
+#include "platform/JSObject.h"
 #include "platform/PHPhotoLibrary.h"
 #include "serve/detail/RequestHead.h"
 #include "serve/detail/ServedFolder.h"
@@ -24,6 +25,9 @@ struct SiteAnswer {
   uint64_t length() const { return file ? count : text.size(); }
 
   static SiteAnswer words(int status, std::string words);
+  static SiteAnswer json(const JSObject& object, int status = 200);
+  /// A whole file. Throws PosixError.
+  static SiteAnswer whole(FileManager& files, const Path& path, std::string type);
 };
 
 /// The fields of every answer: nothing is stored, sniffed, framed or told to others, and a page runs only scripts of

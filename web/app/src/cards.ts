@@ -3,14 +3,7 @@ import type { Download, Phase } from './downloads.js';
 import { offers } from './host.js';
 import type { HistoryEntry, Transfer } from './host.js';
 
-export type CardAction =
-  | 'watch'
-  | 'asItCame'
-  | 'again'
-  | 'pause'
-  | 'resume'
-  | 'cancel'
-  | 'dismiss';
+export type CardAction = 'watch' | 'asItCame' | 'again' | 'pause' | 'resume' | 'cancel' | 'dismiss';
 
 /** One download as the page shows it: what the bridge tells of it, and what the host remembers or adds. */
 export interface Card {
@@ -30,19 +23,12 @@ const phases: Partial<Record<HistoryEntry['state'], Phase>> = { pending: 'waitin
 export function cardsOf(downloads: Download[], history: HistoryEntry[], transfers: Map<number, Transfer>): Card[] {
   const entries = new Map(history.map((entry) => [entry.id, entry]));
   const known = new Set(downloads.map(({ id }) => id));
-  const active: Card[] = [];
-  const ended: Card[] = [];
-  for (const download of downloads) {
-    const card = cardOf(download, entries.get(download.id), transfers.get(download.id));
-    if (card) (isActive(card) ? active : ended).push(card);
-  }
-  for (const entry of history) {
-    if (known.has(entry.id)) continue;
-    const card = cardOf(undefined, entry, transfers.get(entry.id));
-    if (card) (isActive(card) ? active : ended).push(card);
-  }
-  ended.sort((a, b) => b.id - a.id);
-  return [...active, ...ended];
+  const cards = [
+    ...downloads.map((download) => cardOf(download, entries.get(download.id), transfers.get(download.id))),
+    ...history.filter(({ id }) => !known.has(id)).map((entry) => cardOf(undefined, entry, transfers.get(entry.id))),
+  ].filter((card) => card !== undefined);
+  const ended = cards.filter((card) => !isActive(card)).sort((a, b) => b.id - a.id);
+  return [...cards.filter(isActive), ...ended];
 }
 
 /** Nothing for one that was cancelled: whoever did it knows. */
@@ -65,9 +51,10 @@ function cardOf(download?: Download, entry?: HistoryEntry, transfer?: Transfer):
 }
 
 /** What a person can do about it. */
-export function actionsFor({ phase, entry, download, transfer, assetId }: Card, isPlayable: boolean): Set<CardAction> {
+export function actionsFor(card: Card, isPlayable: boolean): Set<CardAction> {
+  const { phase, entry, download, transfer, assetId } = card;
   const actions = new Set<CardAction>();
-  if (phase === 'waiting' || phase === 'loading' || phase === 'processing') {
+  if (isActive(card)) {
     if (transfer && offers('changeDownload')) actions.add(transfer.paused ? 'resume' : 'pause');
     return actions.add('cancel');
   }

@@ -1,12 +1,13 @@
 import { announce, byId, setText } from './dom.js';
 import { handIn, offers } from './host.js';
-import { messageOf } from './text.js';
+import { messageOf, sentence } from './text.js';
 
 /** Takes files of this machine, dragged over the page or chosen, and hands them to the host one after another. */
 export class Drop {
   private readonly words = byId('drop-words', HTMLElement);
   private readonly files = byId('drop-files', HTMLInputElement);
   private queue: Promise<void> = Promise.resolve();
+  private failures: string[] = []; // of the latest drop: they stay to be read
   private depth = 0; // elements under the pointer that a drag has entered and not left
 
   constructor(
@@ -42,6 +43,7 @@ export class Drop {
 
   private take(files: File[]): void {
     const album = this.albumName();
+    this.failures = [];
     for (const file of files) this.queue = this.queue.then(() => this.handIn(file, album));
   }
 
@@ -54,12 +56,16 @@ export class Drop {
       announce(`${file.name}: taken in`);
       await this.onTaken();
     } catch (error) {
-      this.show(`${file.name}: ${messageOf(error)}`);
-      announce(`${file.name}: ${messageOf(error)}`);
+      const words = sentence(`${file.name}: ${messageOf(error)}`, file.name);
+      this.failures.push(words);
+      this.show('');
+      announce(words);
     }
   }
 
-  private show(words: string): void {
+  /** How far it is, behind what has failed. */
+  private show(progress: string): void {
+    const words = [...this.failures, progress].join(' ').trim();
     setText(this.words, words);
     this.words.hidden = words === '';
   }

@@ -2,7 +2,7 @@ import type { SaveVideoOptions } from 'tarn-bridge';
 
 import { announce, byId, find, setText } from './dom.js';
 import { lastAlbum } from './memory.js';
-import { messageOf, suggestedFilename } from './text.js';
+import { messageOf, sentence, suggestedFilename } from './text.js';
 
 type FieldName = 'url' | 'album' | 'filename';
 
@@ -97,8 +97,8 @@ export class SaveForm {
 
   private showRefusal(words: string): void {
     const known = refusals[words];
-    const sentence = /[.!?]$/.test(words) ? words : `${words}.`;
-    this.showError(known?.field ?? 'form', known ? `${sentence} ${known.hint}` : sentence);
+    const told = sentence(words);
+    this.showError(known?.field ?? 'form', known ? `${told} ${known.hint}` : told);
     if (known?.field) this.fields[known.field].focus();
   }
 

@@ -152,6 +152,12 @@ function refresh(): void {
   void history.refresh();
 }
 
+function refreshAll(): void {
+  refresh();
+  limit.refresh().catch(showProblem);
+  void albums.refresh().then(show);
+}
+
 async function refreshTransfers(): Promise<void> {
   transfers = await readTransfers().catch(() => new Map<number, Transfer>());
   show();
@@ -165,20 +171,16 @@ new Drop(
 followConnection((epochChanged) => {
   problem.hidden = true;
   if (epochChanged) downloads.expectSilence();
-  refresh();
-  limit.refresh().catch(showProblem);
-  void albums.refresh().then(show);
+  refreshAll();
 });
 onHostChange((what) => {
   if (what === 'library') void albums.refresh().then(show);
   else refresh();
 });
 setInterval(() => {
-  if (downloads.isAnySilent()) refresh();
+  if (downloads.isAnySilent()) downloads.refresh().catch(showProblem); // the history is read once it has ended
   if (offers('getTransfers') && cards.some(({ phase }) => phase === 'loading')) void refreshTransfers();
 }, 1000);
 document.addEventListener('visibilitychange', () => {
-  if (document.visibilityState !== 'visible') return;
-  refresh();
-  limit.refresh().catch(showProblem);
+  if (document.visibilityState === 'visible') refreshAll();
 });

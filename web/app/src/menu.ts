@@ -14,7 +14,11 @@ export function openMenu(button: HTMLButtonElement, label: string, items: MenuIt
   menu.className = 'menu';
   menu.setAttribute('role', 'menu');
   menu.setAttribute('aria-label', label);
-  const entries = items.map(entryOf);
+  const leave = () => {
+    close?.();
+    button.focus();
+  };
+  const entries = items.map((item) => entryOf(item, leave));
   menu.append(...entries);
   button.after(menu);
   button.setAttribute('aria-expanded', 'true');
@@ -29,15 +33,11 @@ export function openMenu(button: HTMLButtonElement, label: string, items: MenuIt
     menu.remove();
   };
   document.addEventListener('pointerdown', away);
-  menu.addEventListener('keydown', (event) => moveIn(menu, entries, button, event));
-  menu.addEventListener('click', () => {
-    close?.();
-    button.focus(); // what is chosen may take the focus elsewhere, later
-  });
+  menu.addEventListener('keydown', (event) => moveIn(entries, leave, event));
   entries[0]?.focus();
 }
 
-function entryOf(item: MenuItem): HTMLElement {
+function entryOf(item: MenuItem, leave: () => void): HTMLElement {
   const entry = document.createElement('href' in item ? 'a' : 'button');
   entry.textContent = item.words;
   entry.setAttribute('role', 'menuitem');
@@ -45,14 +45,17 @@ function entryOf(item: MenuItem): HTMLElement {
   if (entry instanceof HTMLAnchorElement && 'href' in item) {
     entry.href = item.href;
     entry.download = item.filename;
-  } else if (entry instanceof HTMLButtonElement && 'choose' in item) {
+  } else if (entry instanceof HTMLButtonElement) {
     entry.type = 'button';
-    entry.addEventListener('click', () => queueMicrotask(item.choose));
   }
+  entry.addEventListener('click', () => {
+    leave(); // a dialog gives the focus back to what had it before
+    if ('choose' in item) item.choose();
+  });
   return entry;
 }
 
-function moveIn(menu: HTMLElement, entries: HTMLElement[], button: HTMLElement, event: KeyboardEvent): void {
+function moveIn(entries: HTMLElement[], leave: () => void, event: KeyboardEvent): void {
   const at = entries.indexOf(document.activeElement as HTMLElement);
   const places: Record<string, number> = {
     ArrowDown: (at + 1) % entries.length,
@@ -66,7 +69,6 @@ function moveIn(menu: HTMLElement, entries: HTMLElement[], button: HTMLElement, 
     entries[place]?.focus();
   } else if (event.key === 'Escape' || event.key === 'Tab') {
     if (event.key === 'Escape') event.preventDefault();
-    if (menu.isConnected) close?.();
-    button.focus();
+    leave();
   }
 }

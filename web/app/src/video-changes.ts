@@ -74,6 +74,7 @@ export class VideoChanges {
     if (filename === '' || title === '') return this.showError('A name and an album are needed.');
     try {
       if (filename !== asset.filename) await changeAsset(asset.id, { action: 'rename', filename });
+      this.edited = { asset: { ...asset, filename }, album }; // where the move fails, the next attempt is one to move
       if (title !== album) await changeAsset(asset.id, { action: 'move', album: title });
       this.dialog.close();
     } catch (error) {
