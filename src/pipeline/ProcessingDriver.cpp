@@ -124,6 +124,7 @@ void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, Processin
     steps_.fragments->run(run);
     // Also if the step has done nothing: a run that was cut off behind it has not stored the flags.
     if (steps_.deriveFlags && !run.state.areFlagsFinal) {
+      run.state.keepAskedFlags();
       steps_.deriveFlags(run.files, run.state);
       run.saveState();
     }

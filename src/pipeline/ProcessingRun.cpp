@@ -65,6 +65,7 @@ void ProcessingRun::startOver() {
   state.wrong.clear();
   state.done.clear();
   state.lostEnd.reset();
+  state.restoreAskedFlags();
   outcome.isPartly = false;
   outcome.leftAlone.clear();
 }

@@ -57,7 +57,7 @@ class ProcessingRun {
   /// say them again.
   void mended(const std::string& wrong, const std::string& done);
 
-  /// Forgets what was found and mended: all steps work on the source again.
+  /// Forgets what was found and mended: all steps work on the source again, as the request asks for.
   void startOver();
 
  private:

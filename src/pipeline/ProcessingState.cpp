@@ -51,6 +51,7 @@ Json encode(const ProcessingState& state) {
   object["needsAudioTranscode"] = state.needsAudioTranscode;
   object["skipAVSync"] = state.skipAVSync;
   if (state.areFlagsFinal) object["areFlagsFinal"] = true;
+  setIfPresent(object, "askedFlags", state.askedFlags);
   setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
   setIfPresent(object, "lostEnd", state.lostEnd);
   if (!state.wrong.empty()) object["wrong"] = state.wrong;
@@ -88,6 +89,7 @@ ProcessingState decode(const Json& object) {
   state.needsAudioTranscode = object.at("needsAudioTranscode").get<bool>();
   state.skipAVSync = object.at("skipAVSync").get<bool>();
   state.areFlagsFinal = optionalValue<bool>(object, "areFlagsFinal").value_or(false);
+  state.askedFlags = optionalValue<std::array<bool, 3>>(object, "askedFlags");
   state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
   state.lostEnd = optionalValue<std::string>(object, "lostEnd");
   state.wrong = optionalValue<std::vector<std::string>>(object, "wrong").value_or(std::vector<std::string>());
@@ -103,6 +105,19 @@ void ProcessingState::removeTempFile(const Path& path) {
 
 void ProcessingState::addTempFile(const Path& path) {
   if (std::ranges::find(tempFiles, path) == tempFiles.end()) tempFiles.push_back(path);
+}
+
+void ProcessingState::keepAskedFlags() {
+  askedFlags = {needsRemuxing, needsAudioTranscode, skipAVSync};
+}
+
+void ProcessingState::restoreAskedFlags() {
+  if (!askedFlags) return;
+  needsRemuxing = askedFlags->at(0);
+  needsAudioTranscode = askedFlags->at(1);
+  skipAVSync = askedFlags->at(2);
+  askedFlags.reset();
+  areFlagsFinal = false;
 }
 
 Bytes encodeProcessingStates(const ProcessingStates& states) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -26,7 +27,9 @@ struct ProcessingState {
   bool needsRemuxing = false;
   bool needsAudioTranscode = false;
   bool skipAVSync = false;
-  bool areFlagsFinal = false;                ///< the three above were told from a file as the steps can work on it
+  bool areFlagsFinal = false;  ///< the three above were told from a file as the steps can work on it
+  /// The three as the request has them, if a step has made the file that they were told from.
+  std::optional<std::array<bool, 3>> askedFlags = {};
   std::optional<double> videoFirstPTS = {};  ///< seconds
   std::optional<std::string> lostEnd = {};   ///< what of the video is missing, for people, if a part of it is
   std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: a sentence a fault
@@ -34,6 +37,10 @@ struct ProcessingState {
 
   void removeTempFile(const Path& path);
   void addTempFile(const Path& path);
+
+  /// Ahead of a change of the flags, and when what they were told from is lost.
+  void keepAskedFlags();
+  void restoreAskedFlags();
 };
 
 using ProcessingStates = std::map<int64_t, ProcessingState>;

@@ -199,6 +199,28 @@ TEST_F(ProcessingDriverTest, FlagsAreDerivedBehindTheFragmentsStep) {
   EXPECT_EQ(run(), "joined " + remuxStages + fromAudio + savedEnding);
 }
 
+TEST_F(ProcessingDriverTest, ARunThatStartsOverAsksForAllThatTheRequestDid) {
+  JoiningStep step(notes_);
+  fragments_ = &step;
+  deriveFlags_ = [](FileManager&, ProcessingState& record) {
+    record.areFlagsFinal = true;
+    record.needsRemuxing = false;
+    record.skipAVSync = true;
+  };
+  disturb_ = [](ProcessingRun& run) {
+    rewrite(run);
+    run.token->cancel();
+    run.token->throwIfCancelled();
+  };
+  const std::string stopped = "transcodingPass1 transcodingPass2 cancelled";
+  EXPECT_EQ(run(), "joined " + stopped);
+  state_ = store_.loadState(7).value();
+  EXPECT_EQ(run(), stopped) << "what was joined is there still";
+  files_.open(recipe_, OpenMode::updating)->truncate(1);
+  state_ = store_.loadState(7).value();
+  EXPECT_EQ(run(), "joined " + stopped);
+}
+
 /// Keeps a part of the video, and is cut off when the next step has begun.
 class CuttingStep : public ProcessingStep {
  public:

@@ -42,7 +42,7 @@ class ProcessingStateTest : public testing::Test, protected TestHome {
 const std::string document =
     R"([1800000000,{"downloadId":1800000000,"filename":"clip.mp4","album":"Trips",)"
     R"("fileURL":"file:///home/a%20b/%C3%A9.mp4","stage":"syncFixing","tempFiles":["file:///tmp/x.m4a"],)"
-    R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false,)"
+    R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false,"askedFlags":[true,true,false],)"
     R"("lostEnd":"2 s","wrong":["a gap","a tag"],"done":["filled it"]}])";
 
 TEST_F(ProcessingStateTest, StoredDocumentIsAFlatArrayOfIdsAndRecords) {
@@ -54,6 +54,7 @@ TEST_F(ProcessingStateTest, StoredDocumentIsAFlatArrayOfIdsAndRecords) {
                     .tempFiles = {"/tmp/x.m4a"},
                     .lastUpdated = Date(std::chrono::seconds(978307200) + std::chrono::milliseconds(1500)),
                     .needsRemuxing = true,
+                    .askedFlags = {{true, true, false}},
                     .lostEnd = "2 s",
                     .wrong = {"a gap", "a tag"},
                     .done = {"filled it"}});
