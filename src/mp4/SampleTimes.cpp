@@ -10,7 +10,7 @@ namespace tarn {
 namespace {
 
 /// The entries of an `stts` or `ctts`: count and value, count and value.
-std::vector<uint32_t> readRows(FileHandle& file, const MP4BoxInfo& box) {
+std::vector<uint32_t> readEntries(FileHandle& file, const MP4BoxInfo& box) {
   TableBox table(file, box, TableBox::oneField);
   return table.entries<uint32_t>(uint64_t{table.field()} * 2);
 }
@@ -30,7 +30,7 @@ SampleTimes::SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t samp
 }
 
 void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
-  auto entries = readRows(file, requireTableBox(file, stbl, "stts"));
+  auto entries = readEntries(file, requireTableBox(file, stbl, "stts"));
   deltas_.reserve(std::min<size_t>(entries.size() / 2, sampleCount_));
   uint32_t sample = 0;
   int64_t time = 0;
@@ -58,7 +58,7 @@ void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
 void SampleTimes::readOffsets(FileHandle& file, const MP4BoxInfo& stbl) {
   uint32_t sample = 0;
   if (auto ctts = MP4BoxUtils::findChildBox(file, stbl, "ctts")) {
-    auto entries = readRows(file, *ctts);
+    auto entries = readEntries(file, *ctts);
     offsets_.reserve(std::min<size_t>(entries.size() / 2, sampleCount_) + 1);
     for (size_t i = 0; i < entries.size() && sample < sampleCount_; i += 2) {
       if (entries[i] == 0) continue;

@@ -38,7 +38,7 @@ ByteView tableBox(const uint8_t* buffer, int32_t length, uint32_t type) {
 }
 
 /// The entries of such a table.
-TableEntries tableRows(const uint8_t* buffer, int32_t length, uint32_t type, size_t entrySize) {
+TableEntries tableEntries(const uint8_t* buffer, int32_t length, uint32_t type, size_t entrySize) {
   return {tableBox(buffer, length, type), entrySize, TableEntries::HugeCount::isNone};
 }
 
@@ -187,9 +187,9 @@ AVSyncCrossTrackAnalysis avsync_analyze_cross_track(const AVSyncTrackTiming* vid
 int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, const uint8_t* stss, int32_t stss_length,
                            int64_t threshold, AVSyncGap* gaps, int32_t max_gaps, AVSyncGapSummary* summary) {
   AVSyncGapSummary found{};
-  auto table = tableRows(stts, stts_length, sttsType, layout::runEntrySize);
+  auto table = tableEntries(stts, stts_length, sttsType, layout::runEntrySize);
   if (gaps != nullptr && max_gaps >= 1) {
-    auto syncSamples = tableRows(stss, stss_length, layout::fourCC("stss"), layout::syncEntrySize);
+    auto syncSamples = tableEntries(stss, stss_length, layout::fourCC("stss"), layout::syncEntrySize);
     found.nominal_delta = nominalDelta(table);
     int64_t limit = threshold >= 1 ? threshold : 2 * found.nominal_delta;
     int64_t time = 0;
@@ -319,7 +319,7 @@ int64_t avsync_parse_stts_first_dts(const uint8_t* /*buffer*/, int32_t /*length*
 void avsync_parse_ctts(const uint8_t* buffer, int32_t length, int64_t* first_offset, int64_t* min_offset) {
   int64_t first = 0;
   int64_t smallest = 0;
-  auto table = tableRows(buffer, length, cttsType, layout::runEntrySize);
+  auto table = tableEntries(buffer, length, cttsType, layout::runEntrySize);
   for (size_t i = 0; i < table.size(); ++i) {
     int64_t offset = layout::loadSigned(table.entry(i), layout::runValue);
     if (i == 0) first = smallest = offset;
@@ -381,7 +381,7 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
   if (info != nullptr) *info = {1, shift, entryCount, static_cast<uint32_t>(size)};
 
   storeTableHeader(out, static_cast<uint32_t>(size), cttsType, 1, entryCount);
-  auto table = tableRows(buffer, length, cttsType, layout::runEntrySize);
+  auto table = tableEntries(buffer, length, cttsType, layout::runEntrySize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
     uint32_t offset = layout::load32(table.entry(i), layout::runValue) - static_cast<uint32_t>(shift);
@@ -392,7 +392,7 @@ int32_t avsync_convert_ctts_v0_to_v1(const uint8_t* buffer, int32_t length, int6
 
 int32_t avsync_split_stts_size(const uint8_t* buffer, int32_t length, uint32_t max_delta) {
   if (max_delta == 0 || !isBox(buffer, length, sttsType, layout::tableHeaderSize)) return -1;
-  auto table = tableRows(buffer, length, sttsType, layout::runEntrySize);
+  auto table = tableEntries(buffer, length, sttsType, layout::runEntrySize);
   uint64_t entries = 0;
   for (size_t i = 0; i < table.size(); ++i) {
     uint64_t samples = layout::load(table.entry(i), layout::runSampleCount);
@@ -410,7 +410,7 @@ int32_t avsync_split_stts_entries(const uint8_t* buffer, int32_t length, uint32_
   auto entries = (static_cast<size_t>(size) - layout::tableHeaderSize) / layout::runEntrySize;
   storeTableHeader(out, static_cast<uint32_t>(size), sttsType, 0, static_cast<uint32_t>(entries));
 
-  auto table = tableRows(buffer, length, sttsType, layout::runEntrySize);
+  auto table = tableEntries(buffer, length, sttsType, layout::runEntrySize);
   uint8_t* place = out + layout::tableHeaderSize;
   for (size_t i = 0; i < table.size(); ++i) {
     uint32_t samples = layout::load32(table.entry(i), layout::runSampleCount);

@@ -51,10 +51,10 @@ void chooseStarts(const SyncFixFacts& facts, SyncFixPlan& plan) {
 }
 
 void decideOffset(const SyncFixFacts& facts, SyncFixPlan& plan) {
-  const auto* sourceRows = facts.original ? &facts.original->audioEditList : nullptr;
-  if (sourceRows && !sourceRows->empty() && sourceRows->front().mediaTime == emptyEdit) {
+  const auto* sourceEntries = facts.original ? &facts.original->audioEditList : nullptr;
+  if (sourceEntries && !sourceEntries->empty() && sourceEntries->front().mediaTime == emptyEdit) {
     plan.offsetRule = SyncFixPlan::OffsetRule::sourceEmptyEdit;
-    plan.syncOffset = sourceRows->front().duration;
+    plan.syncOffset = sourceEntries->front().duration;
     return;
   }
   auto tolerance = static_cast<int64_t>(facts.movieTimescale * syncToleranceMilliseconds / 1000.0);

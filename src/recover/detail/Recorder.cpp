@@ -47,12 +47,12 @@ Bytes boxOf(const MovieBox& trak, std::string_view type) {
 /// How long each sample lasts, track timescale; the last one may last otherwise. Nothing if they differ.
 std::optional<uint32_t> constantDuration(const MovieBox& trak) {
   const Bytes box = boxOf(trak, "stts");
-  const TableEntries rows(box, layout::runEntrySize, TableEntries::HugeCount::isCut);
+  const TableEntries entries(box, layout::runEntrySize, TableEntries::HugeCount::isCut);
   std::optional<uint32_t> duration;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const uint32_t delta = layout::load32(rows.entry(i), layout::runValue);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const uint32_t delta = layout::load32(entries.entry(i), layout::runValue);
     const bool isLastSample =
-        i > 0 && i + 1 == rows.size() && layout::load32(rows.entry(i), layout::runSampleCount) == 1;
+        i > 0 && i + 1 == entries.size() && layout::load32(entries.entry(i), layout::runSampleCount) == 1;
     if (duration && delta != *duration && !isLastSample) return std::nullopt;
     if (!duration) duration = delta;
   }
