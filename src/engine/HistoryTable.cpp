@@ -135,10 +135,10 @@ void HistoryTable::add(const HistoryEntry& entry, const std::string& request) {
 }
 
 void HistoryTable::end(const HistoryEntry& entry) {
-  using enum HistoryEntry::State;
+  using State = HistoryEntry::State;
   const char* among = "'pending'";
-  if (entry.state == failed) among = "'pending', 'failed'";
-  if (entry.state == saved) among = "'pending', 'failed', 'cancelled', 'saved'";
+  if (entry.state == State::failed) among = "'pending', 'failed'";
+  if (entry.state == State::saved) among = "'pending', 'failed', 'cancelled', 'saved'";
   SQLiteStatement update(database_, fmt::format("UPDATE downloads SET state = ?, ended = ?, reason = ?, advice = ?, "
                                                 "may_try_again = ?, may_save_as_it_came = ?, is_partly = ?, "
                                                 "summary = ?, size = ?, asset_id = ?, request = iif(?, '', request), "
@@ -149,7 +149,7 @@ void HistoryTable::end(const HistoryEntry& entry) {
   update.bind(entry.reason).bind(entry.advice).bind(int64_t{entry.mayTryAgain}).bind(int64_t{entry.maySaveAsItCame});
   update.bind(int64_t{entry.isPartly}).bind(entry.summary);
   update.bind(entry.size ? static_cast<int64_t>(*entry.size) : -1).bind(entry.assetId.value_or(""));
-  update.bind(int64_t{entry.state == saved}).bind(entry.filename).bind(entry.id).step();
+  update.bind(int64_t{entry.state == State::saved}).bind(entry.filename).bind(entry.id).step();
 }
 
 void HistoryTable::revive(int64_t id) {
