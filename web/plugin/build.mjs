@@ -1,7 +1,7 @@
 // Makes what the package holds: the modules for import and for require, the script for a page without a bundler,
 // docs.json, host/native.js and LICENSE. `npm pack` and `npm ci` run it; it fetches the tools when there are none.
 
-import { execFileSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import { copyFileSync, existsSync, mkdirSync, rmSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -10,10 +10,15 @@ const web = fileURLToPath(new URL('..', import.meta.url));
 const plugin = join(web, 'plugin');
 const modules = join(web, 'node_modules');
 
-/** Runs a command in a folder. What the npm that has started this was told to leave out or not to do is not passed on. */
-function run(folder, ...command) {
+/**
+ * Runs a command in a folder; its failure is the end, in its own words. What the npm that has started this was told to
+ * leave out or not to do is not passed on.
+ */
+function run(folder, command, ...args) {
   const { npm_config_dry_run, npm_config_workspace, npm_config_omit, ...env } = process.env;
-  execFileSync(command[0], command.slice(1), { cwd: folder, env, stdio: ['ignore', 2, 2] });
+  const { error, status } = spawnSync(command, args, { cwd: folder, env, stdio: ['ignore', 2, 2] });
+  if (error) throw error;
+  if (status !== 0) process.exit(1);
 }
 
 const tools = ['@capacitor/core', '@capacitor/docgen', 'esbuild', 'typescript'];
