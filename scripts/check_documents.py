@@ -14,7 +14,7 @@ from pathlib import Path
 
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)|<img[^>]*src=\"([^\"]+)\"")
 CODE = re.compile(r"`([^`\n]+)`")
-NAME = re.compile(r"[A-Za-z_]\w*(?:(?:::|\.)~?\w+)+(?:\(\))?|[a-z_]\w*\(\)|[A-Z][a-z]+(?:[A-Z][A-Za-z]*)+(?:\(\))?")
+NAME = re.compile(r"[A-Za-z_]\w*(?:(?:::|\.)~?\w+)+(?:\(\))?|[a-z_]\w*\(\)|[A-Za-z][a-z]+(?:[A-Z][A-Za-z]*)+(?:\(\))?")
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]+")
 ENDINGS = {".h", ".cpp", ".c", ".md", ".json", ".sh", ".py", ".txt", ".cmake", ".js", ".mjs", ".ts", ".in", ".gz"}
 ROOM_OF_TABLE = re.compile(r"^\| (\d+) \| (`[^|]+`) \|", re.M)
