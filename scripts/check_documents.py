@@ -18,8 +18,8 @@ NAME = re.compile(r"[A-Za-z_]\w*(?:(?:::|\.)~?\w+)+(?:\(\))?|[a-z_]\w*\(\)|[A-Za
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]+")
 ENDINGS = {".h", ".cpp", ".c", ".md", ".json", ".sh", ".py", ".txt", ".cmake", ".js", ".mjs", ".ts", ".in", ".gz"}
 ROOM_OF_TABLE = re.compile(r"^\| (\d+) \| (`[^|]+`) \|", re.M)
-# Names that the documents quote and the tree does not have: places of installed files and of addresses.
-FOREIGN = {"bridge/native.js"}
+# Names that the documents quote and the tree does not have: what is made, and paths of addresses.
+FOREIGN = {"bridge/native.js", "docs/api/"}
 
 
 def slug(heading):
