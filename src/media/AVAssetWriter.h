@@ -34,7 +34,7 @@ class AVAssetWriterInput {
   /// True while the encoders keep up; also true once the writer has failed, so that nobody waits for ever.
   bool isReadyForMoreMediaData() const;
 
-  /// Puts the buffer's frames behind those that came before, whatever its time says. False when the writer has failed
+  /// Puts the buffer's frames behind those that came before, whatever its time says. False if the writer has failed
   /// or is not writing; it may be called while not ready, and then waits for room.
   bool appendSampleBuffer(const CMSampleBuffer& buffer);
 
@@ -72,7 +72,7 @@ class AVAssetWriter {
   /// The input must be one that can be added.
   void addInput(const std::shared_ptr<AVAssetWriterInput>& input);
 
-  /// False when that fails: see `error`.
+  /// False if that fails: see `error`.
   bool startWriting();
   /// Of no effect: frames are counted from the first one on, so media time 0 is where the session starts.
   void startSessionAtSourceTime(const CMTime& time);

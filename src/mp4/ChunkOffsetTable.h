@@ -22,7 +22,7 @@ struct MediaMove {
   uint64_t newBegin = 0;
 };
 
-/// Where an offset is after the moves, which are ascending and do not overlap; nothing when it lies in none of them.
+/// Where an offset is after the moves, which are ascending and do not overlap; nothing if it is in none of them.
 /// The end of a stretch belongs to it, for a chunk without a byte.
 std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves);
 
@@ -41,7 +41,7 @@ class ChunkOffsetTable {
 
   /// A whole `stco` or `co64` after its chunks moved, each with the stretch that holds it. An `stco` becomes a `co64`
   /// as soon as one new value does not fit 32 bits; the entries that were missing then stay missing. `moves` are
-  /// ascending and do not overlap; their new ends fit 64 bits. Nothing when a chunk lies in none of them.
+  /// ascending and do not overlap; their new ends fit 64 bits. Nothing if a chunk is in none of them.
   struct Moved {
     Bytes box;
     bool isPromoted = false;

@@ -30,7 +30,7 @@ class ParameterScan {
  public:
   /// Which sets are taken, and what the log hears.
   enum class Purpose {
-    extraction,  ///< all; the log hears of sets and of damage
+    extraction,  ///< all; the log is told of sets and of damage
     segments,    ///< all
     plan,        ///< those that a decoder can read and a sample entry can hold
   };
@@ -84,7 +84,7 @@ class ParameterScan {
       const std::function<const ParameterSets&(const SampleInfo& sample)>& entrySets) const;
 
  private:
-  /// What a sample carries: the numbers of its distinct sets, those ahead of the first slice in front.
+  /// What a sample carries: the numbers of its distinct sets, those before the first slice in front.
   struct Carried {
     std::vector<uint32_t> sets;
     size_t aheadOfSlices = 0;

@@ -33,7 +33,7 @@ std::string_view description(ProcessingStage stage);
 /// The stage that follows; nothing if the stage is final.
 std::optional<ProcessingStage> nextStage(ProcessingStage stage);
 
-/// True when work can go on after this stage without repeating anything.
+/// True if work can go on after this stage without repeating anything.
 bool isCleanCheckpoint(ProcessingStage stage);
 
 /// The checkpoint that an interrupted step goes back to; any other stage itself.

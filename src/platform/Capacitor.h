@@ -30,7 +30,7 @@ class CAPPluginCall {
 
   const std::string& method() const;
 
-  /// The option of this key; nothing when it is absent or of another type. getInt takes whole numbers only.
+  /// The option of this key; nothing if it is absent or of another type. getInt takes whole numbers only.
   std::optional<std::string> getString(std::string_view key) const;
   std::optional<bool> getBool(std::string_view key) const;
   std::optional<int64_t> getInt(std::string_view key) const;

@@ -27,7 +27,7 @@ JSObject objectOf(const TransferOptions& options);
 /// Values of another type count as not set.
 TransferOptions transferOptions(const JSObject& object);
 
-/// Where a transfer stands, for pages and commands.
+/// How far a transfer is, for pages and commands.
 JSObject objectOf(const TransferState& state);
 
 }  // namespace tarn

@@ -7,7 +7,7 @@
 
 namespace tarn {
 
-/// Bytes of the UTF-8 character at the start of a text, 1 to 4; 0 when there is none. Overlong forms, surrogates and
+/// Bytes of the UTF-8 character at the start of a text, 1 to 4; 0 if there is none. Overlong forms, surrogates and
 /// values above U+10FFFF are no characters (RFC 3629 4).
 size_t characterLength(std::string_view text);
 

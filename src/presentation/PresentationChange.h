@@ -16,10 +16,10 @@ struct AnnouncedChange {
   /// The track whose samples are made anew (encoded, or laid out anew): of it only the shown ranges and what of the
   /// media they show are compared.
   std::optional<uint32_t> remadeTrack = {};
-  /// Packets of the remade track are the source's, so that they may lie up to this long off their place.
+  /// Packets of the remade track are the source's, so that they may be up to this long off their place.
   MovieTime packetLength{0};
-  /// False where each step has already proved the bytes of its own result: of the samples that are kept the sizes are
-  /// compared then, and nothing of where they lie.
+  /// False if each step has already proved the bytes of its own result: of the samples that are kept the sizes are
+  /// compared then, and nothing of where they are.
   bool comparesBytes = true;
 };
 
@@ -65,7 +65,7 @@ PresentationChange comparePresentations(const Presentation& before, const Presen
                                         const AnnouncedChange& announced = {});
 
 /// The check of a step: compares `before` with the result of a worker, and throws RefusedResult with all harms in its
-/// words where there is one, or where the result cannot be read. The file manager and `before` must outlive it.
+/// words if there is one, or where the result cannot be read. The file manager and `before` must outlive it.
 RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced);
 
 }  // namespace tarn

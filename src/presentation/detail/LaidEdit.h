@@ -36,7 +36,7 @@ class LaidEdit {
 
   /// Shows what is at `mediaStart` all along.
   bool holds() const { return rate == 0; }
-  /// Where a time of the media lies, as if the edit had neither start nor end. Not for one that holds.
+  /// Where a time of the media is, as if the edit had neither start nor end. Not for one that holds.
   MovieTime at(int64_t mediaTime) const { return start + movieTime(mediaTime - mediaStart, timescale_, rate); }
 
  private:
