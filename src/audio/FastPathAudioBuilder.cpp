@@ -68,7 +68,7 @@ class PacketWriter {
     result_.sampleSizes.reserve(table_.sampleCount() + silent);
   }
 
-  /// As many whole packets as these ticks hold, with what the last insertion left; the rest is left to the next.
+  /// How many whole packets these ticks and the rest of the last insertion hold; the new rest is left to the next one.
   void appendSilence(int64_t ticks) {
     if (result_.sampleDelta <= 0) return;
     ticks = requireSum(ticks, carry_);

@@ -42,7 +42,8 @@ class AVAsset {
   /// that is missing, cannot be read, or has no `moov` has no tracks.
   std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
 
-  /// Of the `mvhd`, or of the longest track where that is shorter or missing; zero where neither can be read.
+  /// The duration of the `mvhd`, or that of the longest track if the first is shorter or missing; zero if neither can
+  /// be read.
   CMTime duration() const;
 
   /// The samples of one of the asset's tracks, by the file's own sample table and edit list, in decode order. Edits are

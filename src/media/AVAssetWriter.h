@@ -28,7 +28,7 @@ class AVAssetWriterInput {
   explicit AVAssetWriterInput(const AACOutputSettings& settings);
   ~AVAssetWriterInput();
 
-  /// Of no effect: a source that cannot wait is not served better than one that can.
+  /// Has no effect: a source that cannot wait is not served better than one that can.
   bool expectsMediaDataInRealTime = false;
 
   /// True while the encoders keep up; also true once the writer has failed, so that nobody waits for ever.
@@ -74,7 +74,7 @@ class AVAssetWriter {
 
   /// False if that fails: see `error`.
   bool startWriting();
-  /// Of no effect: frames are counted from the first one on, so media time 0 is where the session starts.
+  /// Has no effect: frames are counted from the first one on, so media time 0 is where the session starts.
   void startSessionAtSourceTime(const CMTime& time);
 
   /// Encodes what is left, writes the boxes, flushes and closes the file, then calls the handler on a thread of its

@@ -49,7 +49,7 @@ AudioStreamBasicDescription interleavedPCM16(double sampleRate, uint32_t channel
 struct CMFormatDescription {
   std::string codec;                                             ///< type of the sample entry ("mp4a"), or "lpcm"
   std::optional<AudioStreamBasicDescription> streamDescription;  ///< of audio whose entry can be read
-  /// Of AAC the AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1), if there is one; of Opus, FLAC and ALAC the contents
+  /// For AAC the AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1), if there is one; of Opus, FLAC and ALAC the contents
   /// of the entry's `dOps`, `dfLa` or `alac`.
   Bytes magicCookie;
   /// objectTypeIndication of the DecoderConfigDescriptor (ISO/IEC 14496-1 7.2.6.6): 0x40 for AAC, 0x69 and 0x6B for

@@ -31,7 +31,7 @@ struct CMSampleBuffer {
   CMFormatDescriptionPointer formatDescription;
   CMBlockBufferPointer dataBuffer;  ///< none for a compressed sample: its source gives the bytes when asked
 
-  /// Of a compressed sample: its place in the track, 0-based, in decode order; -1 for PCM.
+  /// The place of a compressed sample in its track, 0-based, in decode order; -1 for PCM.
   int64_t sampleIndex = -1;
 
   /// How much of the sample is outside its edit (ISO/IEC 14496-12 8.6.6), before its start and past its end; a

@@ -30,7 +30,8 @@ std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> mov
 /// or the buffer holds is corrected as far as they go.
 class ChunkOffsetTable {
  public:
-  // In a `moov` in memory. Tables keep their kind and their length, so nothing else in the buffer moves. Never fails.
+  // These work on a `moov` in memory. Tables keep their kind and their length, so nothing else in the buffer moves.
+  // Never fails.
 
   /// All tables of all tracks; `moov` begins with the box's 8-byte header. A 32-bit entry whose new value does not fit
   /// is clamped, which the log tells of; a 64-bit entry wraps.

@@ -49,7 +49,7 @@ class SampleLocations {
    public:
     explicit Cursor(const SampleLocations& locations);
 
-    /// Of the next sample; it may be past the end of the file.
+    /// Where the next sample begins; that may be past the end of the file.
     uint64_t offset() const { return offset_; }
     /// How many samples, the next one included, are left in its chunk; 0 after the last one.
     uint32_t leftInChunk() const { return left_; }

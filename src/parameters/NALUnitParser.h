@@ -14,7 +14,7 @@
 
 namespace tarn {
 
-/// The failures of a scan for parameter sets. A damaged sample is none: it is passed over.
+/// The failures of a scan for parameter sets. A damaged sample is no failure: it is skipped.
 class NALUnitParserError : public Error {
  public:
   enum class Case {

@@ -35,7 +35,7 @@ class ParameterScan {
     plan,        ///< those that a decoder can read and a sample entry can hold
   };
 
-  /// Of a track whose sample table has been parsed; and of samples that the caller has, without a table.
+  /// Scans a track whose sample table has been parsed, or samples that the caller has without a table.
   ParameterScan(const VideoCodec& codec, Purpose purpose, MP4SampleTableParser table);
   ParameterScan(const VideoCodec& codec, Purpose purpose, std::vector<SampleInfo> syncSamples);
 

@@ -20,7 +20,7 @@ struct StreamUnit {
   };
   Role role = Role::slice;
 
-  // Of a slice alone.
+  // The rest is told of slices only.
   bool isFirst = false;      ///< of its picture, or of the second field of one
   bool isSync = false;       ///< decoding may begin here: IDR of AVC, IRAP of HEVC
   bool startsOrder = false;  ///< the order counts anew: what came before is shown before

@@ -89,7 +89,7 @@ class ProcessingGate {
   };
   TakenAway cancel(int64_t id);
   TakenAway cancelAll();
-  /// As cancelAll, and the gate is free at once.
+  /// Does the same as cancelAll, and frees the gate at once.
   TakenAway clear();
 
   /// Background time is over: asks the active run to stop, stores its record as it stands and returns it.

@@ -23,7 +23,7 @@ enum class ProcessingStage {
   failed,
 };
 
-/// The stored text of a stage; and the stage of a stored text, nothing if the text is none of them.
+/// The stored text of a stage; the stage of a stored text, or nothing for any other text.
 std::string_view rawValue(ProcessingStage stage);
 std::optional<ProcessingStage> processingStage(std::string_view rawValue);
 

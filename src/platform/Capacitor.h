@@ -74,8 +74,8 @@ class CAPPlugin : public CAPBridgedPlugin {
   /// with the bridge's own words, "not implemented".
   void call(const CAPPluginCallPointer& call);
 
-  /// Who hears events from now on; an empty listener drops them. Returns when no event is being delivered to the last
-  /// one any more, but for a delivery on the calling thread itself: a listener may replace itself.
+  /// Sets who receives events from now on; an empty listener drops them. Returns when no event is being delivered to
+  /// the last one any more, but for a delivery on the calling thread itself: a listener may replace itself.
   void setEventListener(EventListener listener);
 
   CAPPlugin();

@@ -20,7 +20,7 @@ class JSObject {
 
   JSObject();
   JSObject(std::initializer_list<Member> members);
-  /// Of members with the same key the last one holds, at the place of the first.
+  /// If several members have the same key, the last value counts, at the place of the first.
   explicit JSObject(std::vector<Member> members);
   JSObject(const JSObject&);
   JSObject(JSObject&&) noexcept;

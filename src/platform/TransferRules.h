@@ -22,7 +22,7 @@ std::vector<std::string> cookieLines(std::string_view cookies);
 /// The text without the cookies that no host of this URL gets (RFC 6265 5.1.3). Each line keeps its number.
 std::string cookiesFor(std::string_view url, std::string_view cookies);
 
-/// As the options are stored and sent: keys as their members, those that are not set left out.
+/// The options as they are stored and sent: keys are named as the members, and what is not set is left out.
 JSObject objectOf(const TransferOptions& options);
 /// Values of another type count as not set.
 TransferOptions transferOptions(const JSObject& object);

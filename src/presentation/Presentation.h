@@ -46,9 +46,9 @@ struct TrackPresentation {
   SampleTimes times;
   SampleLocations locations;
 
-  /// Those that have a chunk; of a truncated file some may be past its end.
+  /// Counts the samples that have a chunk; of a truncated file some may be past its end.
   uint32_t sampleCount() const { return samplesShown + samplesHidden; }
-  /// From the decoding time of a sample to that of the next; 0 for one that is not there.
+  /// The time from the decoding of a sample to that of the next; 0 for a sample that is not there.
   MovieTime sampleLength(uint32_t sample) const;
 };
 

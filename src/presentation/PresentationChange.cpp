@@ -52,7 +52,7 @@ class ByteMap {
   const CopiedRange* last_ = nullptr;
 };
 
-/// Of the samples that both tracks have, those whose bytes are not known to be the same. What is past the end of
+/// Counts those samples of both tracks whose bytes are not known to be the same. What is past the end of
 /// the old file has no bytes to compare. Samples of one size count together, as many as follow each other.
 uint32_t countChanged(const SampleLocations& before, const SampleLocations& after, uint32_t count, SharedBytes shared,
                       bool comparesBytes) {

@@ -36,12 +36,12 @@ struct TrackChange {
   uint32_t samplesChanged = 0;  ///< whose bytes are not known to be the same
   MovieTime shift{0};           ///< by which the track as a whole moved: the median of its samples; later is above 0
   MovieTime largestMove{0};     ///< of a sample against `shift`; absolute
-  /// Of the shown time, how much is not shown any more; in a video track that of the pictures shown in both. Where the
-  /// media of a remade track end up to a packet earlier or later than the old ones, that does not count, nor does it in
+  /// How much of the shown time is not shown any more; in a video track only pictures count that both show. If the
+  /// media of a remade track end up to a packet earlier or later than the old ones, that counts neither here nor in
   /// `revealed`.
   MovieTime hidden{0};
   MovieTime revealed{0};
-  bool isDescribedOtherwise = false;  ///< enabled, matrix or handler are others
+  bool isDescribedOtherwise = false;  ///< enabled, matrix or handler differ
   bool hasDamagedList = false;        ///< the new edit list is damaged, and the old one was not
 };
 

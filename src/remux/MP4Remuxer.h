@@ -135,7 +135,7 @@ class MP4Remuxer {
   /// offset box, and what follows a damaged child, is left out.
   static Bytes replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteView newStsc, ByteView newChunkOffset);
 
-  /// As updateParentBoxSizes, from the box around the `stbl` up.
+  /// Does the same as updateParentBoxSizes, from the box around the `stbl` up.
   static void updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset);
 
   // --- Rewrite ---

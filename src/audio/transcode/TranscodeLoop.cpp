@@ -135,7 +135,7 @@ void TranscodeLoop::insertSilence(const Entries& entries, int16_t lastValue, int
   state_.currentBufferNeedsFadeIn = state_.config.enableFadeSmoothing;
 }
 
-/// As much of a silence as fits under the cap.
+/// How much of a silence fits under the cap.
 int64_t TranscodeLoop::limitedSilence(int64_t frames) {
   if (!plan_.cap) return frames;
   const int64_t room = std::max<int64_t>(framesUnderCap(), 0);

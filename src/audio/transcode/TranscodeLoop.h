@@ -41,7 +41,7 @@ class TranscodeLoop {
   const AudioTranscodingState& state() const { return state_; }
 
  private:
-  /// What of the plan concerns one buffer.
+  /// The part of the plan that concerns one buffer.
   struct Entries {
     int64_t gaps = 0;
     double gapSeconds = 0;

@@ -24,7 +24,7 @@ class DownloadRegistry {
 
   DownloadTaskPointer find(int64_t id) const;
   bool contains(int64_t id) const { return find(id) != nullptr; }
-  /// By id, the oldest first.
+  /// All tasks by their ids, the oldest first.
   std::vector<DownloadTaskPointer> all() const;
 
   /// Sets who is told of a task, if the task is there.

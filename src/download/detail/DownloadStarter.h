@@ -24,7 +24,7 @@ class DownloadStarter {
   explicit DownloadStarter(EngineState& engine)
       : engine_(engine), sessionIdentifier_(engine.platform.application.bundleIdentifier() + ".downloads") {}
 
-  /// Who hears the session's events. Set once, before anything is started.
+  /// Sets who receives the session's events; once, before anything is started.
   void setSessionDelegate(std::weak_ptr<NSURLSessionDownloadDelegate> delegate) { sessionDelegate_ = delegate; }
 
   /// Brings back the tasks of the last process and goes on with them; `delegate` is told of those that are under way.

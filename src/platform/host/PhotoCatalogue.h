@@ -83,7 +83,7 @@ class PhotoCatalogue {
 
   std::optional<AssetRecord> asset(const std::string& identifier);
   bool isDeleted(const std::string& asset);
-  /// Of all assets, the deleted ones too.
+  /// The identifiers of all assets, the deleted ones too.
   std::set<std::string> assetIdentifiers();
   /// Assets, but for deleted ones, whose source had this inode, oldest first.
   std::vector<AssetRecord> assetsFromInode(uint64_t inode);

@@ -13,7 +13,7 @@ namespace tarn {
 
 class Transfer;
 
-/// Who does the work of a transfer. Thread-safe.
+/// Does the work of a transfer. Thread-safe.
 class TransferOwner {
  public:
   virtual ~TransferOwner() = default;

@@ -29,7 +29,7 @@ class ManualDispatch : public Dispatch {
   /// run. Delayed work waits for advance().
   size_t runUntilIdle();
 
-  /// As runUntilIdle, but at most one piece: false if there was none.
+  /// Runs at most one piece of work, as runUntilIdle does; false if there was none.
   bool runNext();
 
   /// Runs one piece of work of those that may begin now: the first of each serial queue, and all of the others.

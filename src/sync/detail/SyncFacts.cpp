@@ -92,7 +92,7 @@ EditListStart startOf(const std::vector<EditListEntry>& entries) {
   return start;
 }
 
-/// Of the first tracks, what of their edit lists counts: a damaged one counts as none.
+/// Which edit lists of the first tracks are damaged, and so count as absent.
 struct DamagedLists {
   bool video = false;
   bool audio = false;
