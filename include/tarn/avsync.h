@@ -118,7 +118,7 @@ TARN_API int32_t avsync_detect_gaps(const uint8_t* stts, int32_t stts_length, co
 TARN_API int32_t avsync_build_video_elst(const AVSyncVideoTiming* video, AVSyncElstEntry* entries,
                                          int32_t allow_empty_edit);
 
-/** An empty edit of empty_duration (movie timescale), when there is one, and the media from media_time (track
+/** An empty edit of empty_duration (movie timescale), if that is above 0, and the media from media_time (track
  * timescale) on; a media_time below -1 is more empty time. max_entries must be at least 2. */
 TARN_API int32_t avsync_build_track_elst(const AVSyncTrackTiming* track, int64_t empty_duration, int64_t media_time,
                                          AVSyncElstEntry* entries, int32_t max_entries);
@@ -132,14 +132,14 @@ TARN_API int32_t avsync_build_multi_edit_elst(const AVSyncGap* gaps, int32_t gap
 
 /** The size that avsync_write_elst_box needs; 0 for no entries. */
 TARN_API int32_t avsync_elst_box_size(const AVSyncElstEntry* entries, int32_t count);
-/** Writes the elst of so many entries, at least one. */
+/** Writes the elst of `count` entries, at least one. */
 TARN_API int32_t avsync_write_elst_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
 /** An edts that holds the elst. */
 TARN_API int32_t avsync_write_edts_box(const AVSyncElstEntry* entries, int32_t count, uint8_t* out, int32_t capacity);
 
 /* ---- Reading boxes ---- */
 
-/** Entries that lie whole within the length, at most max_entries; 0 when invalid. */
+/** Reads the entries that are whole within the length, at most max_entries; 0 when invalid. */
 TARN_API int32_t avsync_parse_elst_box(const uint8_t* buffer, int32_t length, AVSyncElstEntry* entries,
                                        int32_t max_entries);
 

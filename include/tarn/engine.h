@@ -27,7 +27,7 @@ class TARN_API EngineLost : public Error {
   explicit EngineLost(std::string description) : Error("Engine", -1, std::move(description)) {}
 };
 
-/// An interrupt has come ahead of the answer.
+/// An interrupt has come before the answer.
 class TARN_API EngineInterrupted : public Error {
  public:
   /// It has one description: "interrupted".
@@ -150,8 +150,8 @@ class TARN_API Engine {
   Engine(const Engine&) = delete;             ///< it has one owner
   Engine& operator=(const Engine&) = delete;  ///< likewise
 
-  /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Comes ahead of
-  /// all functions below. Returns also after an interrupt. Throws Error.
+  /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Call it
+  /// before the functions below. Returns also after an interrupt. Throws Error.
   void open();
 
   /// Joins the engine of the home if a process runs one. Returns whether it does; nothing is started or made else.
@@ -173,10 +173,10 @@ class TARN_API Engine {
   std::vector<Download> downloads();
   /// How a download ended, as far as the process of the engine has seen it.
   Outcome outcome(int64_t id);
-  /// Where an asset stands, in an album or in any; nothing if it is not there.
+  /// The path of an asset, in this album or in any; nothing if it is not there.
   std::optional<std::filesystem::path> assetPath(const std::string& assetId,
                                                  const std::optional<std::string>& album = std::nullopt);
-  /// Where the newest video stands that an album got under this name since then (whole seconds).
+  /// The path of the newest video that an album got under this name since then (whole seconds); nothing without one.
   std::optional<std::filesystem::path> savedSince(std::chrono::system_clock::time_point start, const std::string& album,
                                                   const std::string& filename);
   /// What the home holds for this and later processes.

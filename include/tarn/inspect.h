@@ -52,7 +52,7 @@ struct FileInspection {
   std::vector<std::string> harms;     ///< what a repair would harm; it then leaves the file as it is
   RepairSummary summary;              ///< what is wrong, and what a repair did about it on trial
   std::string brief;                  ///< verdict, problems and repair, for people: several lines, the verdict first
-  std::string text;                   ///< the same, and all other facts behind it
+  std::string text;                   ///< the same, followed by all other facts
   std::string json;                   ///< all as one JSON object, in one line (docs/json.md)
   std::string plot;                   ///< picture and sound before and after on one timeline, as an SVG document
 };

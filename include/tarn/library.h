@@ -13,7 +13,7 @@ namespace tarn {
 /// A video of the library.
 struct LibraryAsset {
   std::string assetId;                                 ///< names it for good, whatever album and name it has
-  std::string filename;                                ///< under which it stands in the album
+  std::string filename;                                ///< in the album
   uint64_t size = 0;                                   ///< bytes
   std::chrono::system_clock::time_point created = {};  ///< when it was saved
   std::filesystem::path path = {};                     ///< absolute: in the album, or the library's own file

@@ -44,7 +44,7 @@ struct RepairReport {
   uint64_t outputSize = 0;                 ///< bytes; 0 if nothing was written
   std::string failure = {};                ///< why it failed or was refused, in words for people, without a stop
   std::string advice = {};                 ///< of a failure: what to try, as a sentence; empty if that is not known
-  bool mayTryAgain = false;                ///< of a failure: the same again may work, as behind a full disk
+  bool mayTryAgain = false;                ///< of a failure: the same again may work, as after a full disk
   std::optional<std::string> note = {};    ///< what was not looked at, and why, as a sentence
   std::vector<std::string> warnings = {};  ///< what was left as it was, or is lost, and why; each without a stop
   bool isPartly = false;                   ///< repaired, and a part of the video is missing, as the first warning says

@@ -18,7 +18,7 @@ struct RepairSummary {
   /// Where a player shows pictures, and where it plays sound.
   struct Timeline {
     std::vector<Span> video = {};  ///< where there are pictures
-    std::vector<Span> audio = {};  ///< where there is sound; what lies between two is silent
+    std::vector<Span> audio = {};  ///< where there is sound; between two it is silent
     /// Seconds that the sound is behind the picture where both begin; below 0 it is ahead. Absent if the file does not
     /// tell.
     std::optional<double> soundBehindAtStart = {};

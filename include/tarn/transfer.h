@@ -18,19 +18,19 @@ struct TransferOptions {
   std::string cookies = {};                     ///< in the Netscape format, a cookie a line
   std::optional<std::string> referer = {};      ///< the page that leads to the video
   std::optional<std::string> userAgent = {};    ///< else tarn's own
-  std::optional<uint64_t> bytesPerSecond = {};  ///< at most so many
+  std::optional<uint64_t> bytesPerSecond = {};  ///< at most
   std::optional<int> retries = {};              ///< in a row without a new byte; else 5
 
   /// Whether all of it is the same.
   bool operator==(const TransferOptions&) const = default;
 };
 
-/// Where the transfer of a download stands.
+/// How far the transfer of a download is.
 struct TransferState {
   /// Another try that is due, since the last one failed.
   struct Retry {
     int number = 0;                   ///< of the try that comes, from 1
-    int most = 0;                     ///< so many tries are made in a row without a new byte
+    int most = 0;                     ///< tries in a row without a new byte
     std::chrono::milliseconds in{0};  ///< until it begins
     std::string why = {};             ///< the last one failed, in words without a stop
   };
