@@ -23,21 +23,25 @@ class EngineSession;
 /// whether the call was carried out can be asked there.
 class TARN_API EngineLost : public Error {
  public:
+  /// The description says whose answer is missing.
   explicit EngineLost(std::string description) : Error("Engine", -1, std::move(description)) {}
 };
 
-/// An interrupt has come ahead of the answer.
+/// An interrupt has come before the answer.
 class TARN_API EngineInterrupted : public Error {
  public:
+  /// It has one description: "interrupted".
   EngineInterrupted() : Error("Engine", -1, "interrupted") {}
 };
 
 /// The engine does not take a command; its words say why.
 class TARN_API EngineRefused : public Error {
  public:
+  /// The description says why.
   explicit EngineRefused(std::string description) : Error("Engine", -1, std::move(description)) {}
 };
 
+/// Which home an Engine serves, and how.
 struct EngineOptions {
   /// Where everything is kept; else TARN_HOME, else $XDG_DATA_HOME/tarn, else ~/.local/share/tarn. A home that is not
   /// there is made for its owner alone; in such a home all files of this process are (it sets the umask).
@@ -46,7 +50,8 @@ struct EngineOptions {
   std::optional<std::chrono::seconds> backgroundLimit = {};
   /// While this process has the engine, the log goes to log/tarn.log in the home; else it goes where setLog() says.
   bool keepsLog = true;
-  /// Hears what goes wrong beside the work, in words for people. Called by the engine's functions.
+  /// Receives what goes wrong beside the work, in words for people. Called by the functions of the Engine, on the
+  /// thread that calls them.
   std::function<void(const std::string& words)> warn = {};
 };
 
@@ -55,10 +60,10 @@ struct SaveRequest {
   std::string url;                           ///< http or https
   std::string album;                         ///< it is made if there is none of this name
   std::optional<std::string> filename = {};  ///< in the album; else the last part of the URL
-  bool skipVideoFix = false;
-  bool skipAudioFix = false;
-  std::optional<int64_t> id = {};  ///< for the download, if it is free; else the engine chooses one
-  TransferOptions transfer = {};
+  bool skipVideoFix = false;                 ///< saves the file as it comes
+  bool skipAudioFix = false;                 ///< leaves sound and timing as they come
+  std::optional<int64_t> id = {};            ///< for the download, if it is free; else the engine chooses one
+  TransferOptions transfer = {};             ///< what the server is told beside the URL
 };
 
 /// The download engine of a home. A home has one engine at a time: that of the process which came first. An Engine
@@ -72,16 +77,16 @@ class TARN_API Engine {
  public:
   /// A download that is not over; of one that is, until the engine lets go of it.
   struct Download {
-    int64_t id = 0;
-    std::string status;  ///< STATUS_PENDING, _RUNNING, _PROCESSING, _SUCCESSFUL, _FAILED, _CANCELLED
-    std::string filename;
-    std::string json;  ///< all that is known of it: a DownloadEntry of web/plugin/README.md
+    int64_t id = 0;        ///< as save() returned it
+    std::string status;    ///< STATUS_PENDING, _RUNNING, _PROCESSING, _SUCCESSFUL, _FAILED, _CANCELLED
+    std::string filename;  ///< in the album
+    std::string json;      ///< all that is known of it: a DownloadEntry of web/plugin/README.md
   };
 
   /// What a page would hear: "downloadProgress", "downloadComplete", or `changed`.
   struct Event {
-    std::string name;
-    std::string data;  ///< one JSON object
+    std::string name;  ///< what has happened
+    std::string data;  ///< one JSON object: web/plugin/README.md has each
   };
   /// The name of the event that no engine sends: from now on another one answers, which knows what was stored.
   static constexpr const char* changed = "engineChanged";
@@ -111,38 +116,42 @@ class TARN_API Engine {
 
   /// One download as the history of the home tells of it.
   struct HistoryEntry {
+    /// How far it is.
     enum class State { pending, saved, failed, cancelled };
 
-    int64_t id = 0;
-    State state = State::pending;
-    std::string filename = {};
-    std::string album = {};
-    std::string url = {};                  ///< scheme, host and path
-    std::string started = {}, ended = {};  ///< ISO 8601 in UTC; no end while it is pending
-    std::string reason = {};               ///< why it failed, or what a saved one lacks, in words without a stop
-    std::string advice = {};               ///< what somebody can do about a failure: a sentence, or nothing
-    bool mayTryAgain = false;              ///< retry() is possible, and may help
-    bool maySaveAsItCame = false;          ///< likewise without a repair
-    bool isPartly = false;                 ///< saved, and a part of the video is missing
-    std::optional<uint64_t> size = {};     ///< of a saved video, in bytes
-    std::optional<std::string> assetId = {};
-    std::string json = {};  ///< all that is known of it, what was repaired too: docs/json.md
+    int64_t id = 0;                           ///< as save() or retry() returned it
+    State state = State::pending;             ///< how far it is
+    std::string filename = {};                ///< in the album
+    std::string album = {};                   ///< its title
+    std::string url = {};                     ///< scheme, host and path
+    std::string started = {};                 ///< ISO 8601 in UTC
+    std::string ended = {};                   ///< likewise; empty while it is pending
+    std::string reason = {};                  ///< why it failed, or what a saved one lacks, in words without a stop
+    std::string advice = {};                  ///< what somebody can do about a failure: a sentence, or nothing
+    bool mayTryAgain = false;                 ///< retry() is possible, and may help
+    bool maySaveAsItCame = false;             ///< likewise without a repair
+    bool isPartly = false;                    ///< saved, and a part of the video is missing
+    std::optional<uint64_t> size = {};        ///< of a saved video, in bytes
+    std::optional<std::string> assetId = {};  ///< of a saved video
+    std::string json = {};                    ///< all that is known of it, what was repaired too: docs/json.md
   };
 
+  /// The answer of call().
   struct Answer {
-    bool isResolved = false;
-    std::string data;     ///< of a resolved call, one JSON object
-    std::string message;  ///< of a rejected one
+    bool isResolved = false;  ///< or else it is rejected
+    std::string data;         ///< of a resolved call, one JSON object
+    std::string message;      ///< of a rejected one
   };
 
+  /// Asks for nothing yet: see open() and openRunning(). Throws Error if there is no home.
   explicit Engine(EngineOptions options = {});
   /// Ends the engine if it is this process's: the active repair ends at its next check, and all stays stored.
   ~Engine();
-  Engine(const Engine&) = delete;
-  Engine& operator=(const Engine&) = delete;
+  Engine(const Engine&) = delete;             ///< it has one owner
+  Engine& operator=(const Engine&) = delete;  ///< likewise
 
-  /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Comes ahead of
-  /// all functions below. Returns also after an interrupt. Throws Error.
+  /// Joins the engine of the home or becomes it; waits up to 30 seconds for one that starts or leaves. Call it
+  /// before the functions below. Returns also after an interrupt. Throws Error.
   void open();
 
   /// Joins the engine of the home if a process runs one. Returns whether it does; nothing is started or made else.
@@ -151,6 +160,7 @@ class TARN_API Engine {
   /// Begins a download, and returns its id. Throws EngineRefused for what is no URL, a name that no file can
   /// have and an album without a name, EngineLost.
   int64_t save(const SaveRequest& request);
+  /// Ends a download and drops what it has fetched; does nothing to one that has ended or is not there.
   void cancel(int64_t id);
   /// Stops the transfer of a download and keeps what it has fetched, until resume(), over a restart too. The download
   /// leaves its place to others that wait; its status stays. Throws EngineRefused if it has no transfer.
@@ -159,17 +169,20 @@ class TARN_API Engine {
   void resume(int64_t id);
   /// Where the transfers stand of the downloads that wait or download, by their ids.
   std::map<int64_t, TransferState> transfers();
+  /// The downloads that the engine has at this moment.
   std::vector<Download> downloads();
+  /// How a download ended, as far as the process of the engine has seen it.
   Outcome outcome(int64_t id);
-  /// Where an asset stands, in an album or in any; nothing if it is not there.
+  /// The path of an asset, in this album or in any; nothing if it is not there.
   std::optional<std::filesystem::path> assetPath(const std::string& assetId,
                                                  const std::optional<std::string>& album = std::nullopt);
-  /// Where the newest video stands that an album got under this name since then (whole seconds).
+  /// The path of the newest video that an album got under this name since then (whole seconds); nothing without one.
   std::optional<std::filesystem::path> savedSince(std::chrono::system_clock::time_point start, const std::string& album,
                                                   const std::string& filename);
+  /// What the home holds for this and later processes.
   StoredWork storedWork();
-  /// The albums, oldest first, without those that hold nothing; with a title only those of this title. Throws
-  /// EngineRefused if they cannot be read, as does the next.
+  /// The albums, oldest first, without those that hold nothing; with a title only that one. Throws EngineRefused if
+  /// they cannot be read, as does removedAssets().
   std::vector<LibraryAlbum> library(const std::optional<std::string>& album = std::nullopt);
   /// The videos that can be restored, the one removed last first.
   std::vector<LibraryAsset> removedAssets();
@@ -189,7 +202,7 @@ class TARN_API Engine {
   /// EngineRefused if it has not ended, was saved, or the history does not keep the request any more: that goes 30 days
   /// after it was made. Throws EngineLost.
   int64_t retry(int64_t id, bool asItCame = false);
-  /// Has the next stored repair taken up if none is active, and what has ended told again.
+  /// Has the engine go on with the next stored repair if none is active, and tell again what has ended.
   void takeUpStoredRun();
   /// Waits, ten seconds at most, until the engine has let go of a download that has ended.
   void waitUntilGone(int64_t id);
@@ -198,12 +211,14 @@ class TARN_API Engine {
   /// EngineLost for one that may not run twice.
   Answer call(const std::string& method, const std::string& options = "{}");
 
-  /// Waits for the next event; nothing if none comes in time, or after an interrupt.
+  /// Waits for the next event. Returns nothing if none comes in time, or after an interrupt; without a limit of time it
+  /// waits for as long as it takes.
   std::optional<Event> nextEvent(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
 
   /// Ends all waits, now and later. Ends this process's engine too, but for one that other processes use: a second call
   /// ends that. Returns whether there is no engine left to wait for. From any thread.
   bool interrupt();
+  /// True after interrupt(). From any thread.
   bool isInterrupted() const;
   /// True while other processes use this process's engine. From any thread.
   bool isShared() const;

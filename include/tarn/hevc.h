@@ -1,6 +1,12 @@
 #ifndef TARN_HEVC_H
 #define TARN_HEVC_H
 
+/**
+ * @file
+ * The sequence parameter set of HEVC. Usable from C. Nothing here allocates, throws, logs or keeps state; both
+ * functions may run on any thread at once.
+ */
+
 #include <stddef.h>
 #include <stdint.h>
 #include <tarn/export.h>

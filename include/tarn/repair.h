@@ -29,21 +29,22 @@ struct RepairOptions {
 
 /// How a repair ended.
 struct RepairReport {
+  /// What came of it.
   enum class Kind {
-    repaired,
+    repaired,   ///< the output differs from the input
     unchanged,  ///< there was nothing to repair, or nothing that could be: the output is the input, byte for byte
     refused,    ///< nothing was written: it is no video, is beyond repair, or must not be replaced
     failed,     ///< nothing was written
     cancelled,  ///< likewise
   };
 
-  Kind kind = Kind::failed;
-  std::filesystem::path output = {};  ///< absolute
-  uint64_t inputSize = 0;             ///< bytes, as is the other one, which is 0 if nothing was written
-  uint64_t outputSize = 0;
+  Kind kind = Kind::failed;                ///< how it ended
+  std::filesystem::path output = {};       ///< absolute
+  uint64_t inputSize = 0;                  ///< bytes
+  uint64_t outputSize = 0;                 ///< bytes; 0 if nothing was written
   std::string failure = {};                ///< why it failed or was refused, in words for people, without a stop
   std::string advice = {};                 ///< of a failure: what to try, as a sentence; empty if that is not known
-  bool mayTryAgain = false;                ///< of a failure: the same again may work, as behind a full disk
+  bool mayTryAgain = false;                ///< of a failure: the same again may work, as after a full disk
   std::optional<std::string> note = {};    ///< what was not looked at, and why, as a sentence
   std::vector<std::string> warnings = {};  ///< what was left as it was, or is lost, and why; each without a stop
   bool isPartly = false;                   ///< repaired, and a part of the video is missing, as the first warning says
@@ -53,7 +54,7 @@ struct RepairReport {
   bool isThere() const { return kind == Kind::repaired || kind == Kind::unchanged; }
 };
 
-/// How far a stage that takes long has come, from 0 to 1.
+/// Receives how far a stage that takes long has come, from 0 to 1. It must not throw.
 using RepairProgressSink = std::function<void(std::string_view stage, double done)>;
 
 /// Repairs `input`, which is never changed, into `output`, which appears whole or not at all and replaces what is
@@ -61,9 +62,10 @@ using RepairProgressSink = std::function<void(std::string_view stage, double don
 /// beside the output or in the scratch directory; they go in any case. The output gets the owner, the mode, the time of
 /// the last change and the extended attributes of the input; a warning says what the system did not permit of that.
 ///
-/// `progress` is called on the calling thread. `cancel` ends the repair at its next check, from any thread. Throws
-/// Error if nothing was tried: the input is no file, the output has no directory or is the input. Several repairs may
-/// run at once, on threads of their own, if their outputs differ.
+/// `progress` is called on the calling thread. `cancel` ends the repair at its next check, from any thread; the report
+/// then says `cancelled`. Throws Error if nothing was tried: the input or `like` is no file, the output has no
+/// directory, is the input or is no regular file. What fails later is in the report. Several repairs may run at once,
+/// on threads of their own, if their outputs differ.
 TARN_API RepairReport repairFile(const std::filesystem::path& input, const std::filesystem::path& output,
                                  const RepairOptions& options = {}, const RepairProgressSink& progress = {},
                                  std::stop_token cancel = {});
@@ -75,7 +77,7 @@ enum class Original {
 };
 
 /// Repairs a file in place: the result takes its name in one step. A file that needs nothing is not touched. A symbolic
-/// link is refused, and a file with several hard links. All else as above.
+/// link is refused, and a file with several hard links. All else is as with repairFile().
 TARN_API RepairReport repairInPlace(const std::filesystem::path& file, Original original = Original::isKept,
                                     const RepairOptions& options = {}, const RepairProgressSink& progress = {},
                                     std::stop_token cancel = {});

@@ -12,21 +12,23 @@ namespace tarn {
 struct RepairSummary {
   /// What a player shows, on the video's own clock, in seconds.
   struct Span {
-    double start = 0;
-    double end = 0;
+    double start = 0;  ///< seconds
+    double end = 0;    ///< seconds
   };
+  /// Where a player shows pictures, and where it plays sound.
   struct Timeline {
     std::vector<Span> video = {};  ///< where there are pictures
-    std::vector<Span> audio = {};  ///< where there is sound; what lies between two is silent
-    /// How far the sound is behind the picture where both begin and where they end, as far as the file tells.
+    std::vector<Span> audio = {};  ///< where there is sound; between two it is silent
+    /// Seconds that the sound is behind the picture where both begin; below 0 it is ahead. Absent if the file does not
+    /// tell.
     std::optional<double> soundBehindAtStart = {};
-    std::optional<double> soundBehindAtEnd = {};
+    std::optional<double> soundBehindAtEnd = {};  ///< the same where both end
   };
 
   std::vector<std::string> wrong = {};  ///< a sentence a fault; empty for a video that needed nothing
   std::vector<std::string> done = {};   ///< a sentence a change
-  std::optional<Timeline> before = {};
-  std::optional<Timeline> after = {};
+  std::optional<Timeline> before = {};  ///< of the file of before; absent if its tables do not tell
+  std::optional<Timeline> after = {};   ///< of the result; absent if there is none, or its tables do not tell
 };
 
 }  // namespace tarn

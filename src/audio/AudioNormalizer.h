@@ -21,7 +21,7 @@ class AudioNormalizer {
 
   const AudioNormalizerConfig& config() const { return config_; }
   const AVAudioFormat& pcmFormat() const { return pcmFormat_; }
-  /// The same format as sample buffers name it; null when there is no such format.
+  /// The same format as sample buffers name it; null if there is no such format.
   const CMFormatDescriptionPointer& formatDescription() const { return formatDescription_; }
 
  private:

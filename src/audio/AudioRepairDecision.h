@@ -22,7 +22,7 @@ struct AudioFindings {
   int64_t packetTicks = 0;                           ///< for the fast path: length of a packet, track timescale
   RepairDecision decision;
 
-  std::string codec;  ///< tag of the first sample entry; empty where it cannot be read
+  std::string codec;  ///< tag of the first sample entry; empty if it cannot be read
 
   // Words for people, each a sentence without its stop.
   std::optional<std::string> lostChannels;  ///< channels that get lost where it is encoded

@@ -28,7 +28,7 @@ void leaveToEditList(ProcessingRun& run, const AudioAnalysisResult& analysis) {
   run.updateProcessingStage(ProcessingStage::audioReplaced);
 }
 
-/// False when the fast path failed: the file is as it was.
+/// False if the fast path failed: the file is as it was.
 bool takeFastPath(ProcessingRun& run, const AudioFindings& findings) {
   logLine("Audio analysis: using fast path (compressed sample copy + silence insertion)");
   log("  Actions: {}", findings.actions.size());

@@ -66,7 +66,7 @@ class AudioTranscoder {
 
   // Making it anew.
 
-  /// `originalAudioEmptyEditDelay` and the two values behind it are those of SourceTiming; the picture's PTS is unused.
+  /// `originalAudioEmptyEditDelay` and the two values after it are those of SourceTiming; the picture's PTS is unused.
   static void transcodeAudio(FileManager& files, const Path& inputURL, const Path& outputURL,
                              const std::optional<CMTime>& /*videoFirstPTS*/, double originalAudioEmptyEditDelay,
                              const std::optional<double>& originalAudioMediaDurationSeconds, double syncOffsetSeconds,

@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// A decoded buffer that is held back until the next one has come, as a gap ahead of that changes how this one ends.
+/// A decoded buffer that is held back until the next one has come, as a gap before that changes how this one ends.
 struct PendingAudioBuffer {
   AVAudioPCMBuffer pcmBuffer;
   CMTime outputPTS;            ///< its time in the source, counted from the first; for the log only
@@ -35,7 +35,7 @@ struct AudioTranscodingState {
   int64_t gapsDetected = 0;           ///< gaps dealt with
   int64_t overlapsDetected = 0;       ///< overlaps cut
   std::optional<PendingAudioBuffer> pendingBuffer;
-  bool currentBufferNeedsFadeIn = false;  ///< the next buffer to be held back comes behind silence
+  bool currentBufferNeedsFadeIn = false;  ///< the next buffer to be held back comes after silence
 
   double outputSeconds() const { return outputPTS.seconds(); }
 };

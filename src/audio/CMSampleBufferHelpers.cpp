@@ -30,7 +30,7 @@ int16_t clamped(int64_t value) {
   return static_cast<int16_t>(std::clamp(value, smallestSample, largestSample));
 }
 
-/// The number of samples in a block of so many frames; nothing if that is none, or more than a block holds.
+/// The number of samples in a block of this many frames; nothing if that is none, or more than a block holds.
 std::optional<size_t> samplesInBlock(int64_t frames, int64_t channels) {
   constexpr int64_t most = std::numeric_limits<int32_t>::max() / int64_t{sizeof(int16_t)};
   auto samples = checkedMultiply(frames, channels);

@@ -14,21 +14,21 @@ namespace tarn {
 /// Makers of PCM sample buffers and of PCM buffers, 16-bit signed, interleaved, in host byte order, at rates in Hz. A
 /// maker that cannot make gives nothing and says why in the log.
 
-/// Null when there is no such format.
+/// Null if there is no such format.
 CMFormatDescriptionPointer createPCMFormatDescription(double sampleRate, int channels);
 
-/// So many frames of digital zero.
+/// This many frames of digital zero.
 std::optional<CMSampleBuffer> makeSilenceSampleBuffer(int64_t frames, const CMTime& pts,
                                                       const CMFormatDescriptionPointer& formatDesc, int channels,
                                                       double sampleRate);
 
-/// How a silence leads from the audio ahead of it to the audio behind it.
+/// How a silence leads from the audio before it to the audio after it.
 struct SilenceShape {
   int64_t rampFrames = 0;  ///< of the way down to silence and of the way up; each at most half of the frames
   bool useComfortNoise = false;
   double noiseLevel = 0;        ///< amplitude of the noise, relative to full scale
   int16_t lastSampleValue = 0;  ///< where the audio ahead left off; 0 for a head of digital zero
-  int16_t nextSampleValue = 0;  ///< where the audio behind goes on; 0 for a tail of digital zero
+  int16_t nextSampleValue = 0;  ///< where the audio after it goes on; 0 for a tail of digital zero
 };
 
 /// Silence of that shape: half a cosine down from the last value, noise with a stream of its own for each channel, half

@@ -22,7 +22,7 @@ using BuildResult = FastPathAudioBuilder::BuildResult;
 constexpr uint32_t unusuallyLargeSample = 10000;
 constexpr int64_t mostSilentSamples = 1 << 20;
 constexpr int64_t pcmSamplesPerPacket = 1024;
-constexpr int64_t minuteInToleratedDrifts = 6000;  // a minute is so many times 10 ms
+constexpr int64_t minuteInToleratedDrifts = 6000;  // a minute is this many times 10 ms
 
 struct AudioTrackInfo {
   MP4BoxInfo trakBox;
@@ -68,7 +68,7 @@ class PacketWriter {
     result_.sampleSizes.reserve(table_.sampleCount() + silent);
   }
 
-  /// As many whole packets as these ticks hold, with what the last insertion left; the rest is left to the next.
+  /// How many whole packets these ticks and the rest of the last insertion hold; the new rest is left to the next one.
   void appendSilence(int64_t ticks) {
     if (result_.sampleDelta <= 0) return;
     ticks = requireSum(ticks, carry_);
@@ -85,7 +85,7 @@ class PacketWriter {
     result_.silentSamplesInserted += count;
   }
 
-  /// The source's samples from `begin` up to `end`. Those that lie side by side are read at once.
+  /// The source's samples from `begin` up to `end`. Those that are side by side are read at once.
   void appendSamples(int64_t begin, int64_t end) {
     while (begin < end) {
       const uint64_t offset = table_.sampleInfo(begin).fileOffset;
@@ -109,7 +109,7 @@ class PacketWriter {
       file_.seek(offset);
       got = file_.readInto(std::span(result_.audioData).subspan(place));
     } catch (const PosixError&) {
-      throw unreadable(begin);  // or one behind it: all that is known is that the run cannot be read
+      throw unreadable(begin);  // or one after it: all that is known is that the run cannot be read
     }
     for (int64_t i = begin; i < end; ++i) {
       const uint32_t sampleSize = table_.sampleSize(static_cast<size_t>(i));

@@ -57,8 +57,8 @@ class FastPathAudioBuilder {
 
   /// The actions, ready for one walk over the samples.
   struct ActionMap {
-    std::map<int64_t, AudioAction> insertions;  ///< by the 0-based index of the sample that they go ahead of
-    std::optional<AudioAction> trailing;        ///< all that go behind the last sample
+    std::map<int64_t, AudioAction> insertions;  ///< by the 0-based index of the sample that they go before
+    std::optional<AudioAction> trailing;        ///< all that go after the last sample
     int64_t silentSampleCount = 0;              ///< forecast
   };
 
@@ -82,12 +82,12 @@ class FastPathAudioBuilder {
   /// Throws FastPathError::validationFailed for a result that is not whole.
   static void validate(const BuildResult& result);
 
-  /// Sums up actions at one place. Throws FastPathError::validationFailed where a sum does not fit 64 bits.
+  /// Sums up actions at one place. Throws FastPathError::validationFailed if a sum does not fit 64 bits.
   static ActionMap prepareActionMap(std::span<const AudioAction> actions, int64_t originalSampleCount,
                                     int64_t sampleDelta);
 
   /// The tables for a file in which each packet is a chunk, and an `mdat` with an 8-byte header at `mdatOffset` holds
-  /// nothing but the packets. Throws FastPathError::validationFailed where a field cannot hold its value.
+  /// nothing but the packets. Throws FastPathError::validationFailed if a field cannot hold its value.
   static SampleTableBoxes buildSampleTableBoxes(const BuildResult& result, uint64_t mdatOffset);
 
  private:

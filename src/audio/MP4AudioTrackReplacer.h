@@ -13,10 +13,10 @@ class MP4AudioTrackReplacer {
   enum class EditList { dropped, kept };
 
   /// Writes `outputURL`, which is replaced: the source with all of its boxes in their order, but for the media of its
-  /// first audio track, which are now those of `newAudioM4A`. Their `mdat` boxes go behind the `moov`; the old packets
+  /// first audio track, which are now those of `newAudioM4A`. Their `mdat` boxes go after the `moov`; the old packets
   /// stay where they are, unused. Of the `trak` only what describes the media is new: clock, sample table, data
   /// references, duration. Its edit list is kept in the clock of the new media, or dropped; one of the new audio is
-  /// never looked at. A source without audio gets the track of `newAudioM4A` behind its own, with the next free
+  /// never looked at. A source without audio gets the track of `newAudioM4A` after its own, with the next free
   /// track_ID; a source without `ftyp` gets one. `check` is called with the finished file. The inputs are not changed.
   /// Throws AudioTrackReplacerError, failures of the file layer, and what `check` throws; then the output, or a part of
   /// it, may be there, for the caller to delete.

@@ -22,7 +22,7 @@ std::string doneByEncoding(const AudioFindings& findings);
 /// Why it is encoded anew, and not repaired by silent packets.
 std::string whyEncoded(const AudioFindings& findings);
 
-/// That drift like this one is left alone.
+/// Says that drift like this one is left alone.
 std::string extremeDriftWords(const AudioFindings& findings);
 
 /// "45 ms", "1.0 s".

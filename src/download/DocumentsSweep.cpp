@@ -83,7 +83,7 @@ void removeLeftovers(FileManager& files, ProcessingStateManager& store) {
     const auto inUse = store.filesInUse();
     const auto pending = store.allPendingStates();
     if (!inUse || !pending) return;
-    // Whose recipe a record needs that was set aside is not known.
+    // Nobody knows which recipes the records need that were set aside.
     const bool areRecipesKnown = store.problems().empty();
     const auto isOrphan = [&](const std::string& name) {
       if (isStepTempName(name)) return !inUse->contains(documents / name);

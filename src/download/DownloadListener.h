@@ -7,7 +7,7 @@
 
 namespace tarn {
 
-/// Hears of every download that the engine takes, and how it ends, ahead of everybody else. Called on any thread, under
+/// Is told of every download that the engine takes, and how it ends, before everybody else. Called on any thread, under
 /// no lock; it must not call the engine, and returns soon.
 class DownloadListener {
  public:

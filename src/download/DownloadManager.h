@@ -21,21 +21,21 @@ class DownloadManager {
   using DelegatePointer = std::shared_ptr<DownloadManagerDelegate>;
 
   /// Makes the engine with the tasks of the last process; those that were waiting go back into the line. The delegate
-  /// hears of those that are under way. The platform, the steps and the listener, if there is one, must outlive it.
+  /// is told of those that are under way. The platform, the steps and the listener, if there is one, must outlive it.
   /// Throws PosixError when the stored tasks cannot be read.
   static std::shared_ptr<DownloadManager> create(const Platform& platform, const ProcessingSteps& steps,
                                                  const std::weak_ptr<DownloadManagerDelegate>& delegate = {},
                                                  DownloadListener* listener = nullptr);
   ~DownloadManager();
 
-  /// Starts a download, or puts it into the line. Null when the URL does not parse or new downloads are blocked. A
-  /// transfer that cannot even be started fails the task, and the delegate hears of it. The download gets `wantedId`,
+  /// Starts a download, or puts it into the line. Null if the URL does not parse or new downloads are blocked. A
+  /// transfer that cannot even be started fails the task, and the delegate is told of it. The download gets `wantedId`,
   /// if that is free and above 0.
   DownloadTaskPointer startDownloadFileBy(const DownloadRequest& request, const DelegatePointer& delegate,
                                           std::optional<int64_t> wantedId = std::nullopt);
 
   /// Has a file of this machine repaired and saved, as if a transfer had brought it; it is moved away. May look into
-  /// the whole file. The delegate hears of all that comes, of a hand-over that fails too. Null when new downloads are
+  /// the whole file. The delegate is told of all that comes, of a hand-over that fails too. Null if new downloads are
   /// blocked.
   DownloadTaskPointer takeIn(const Path& file, const DownloadRequest& request, const DelegatePointer& delegate);
 
@@ -47,7 +47,7 @@ class DownloadManager {
   /// than until its next check.
   void clearAllStates();
 
-  /// Where the transfers stand of the downloads that wait or download, by their ids.
+  /// How far the transfers of the downloads are that wait or download, by their ids.
   std::map<int64_t, TransferState> getTransferStates();
   /// Stops the transfer of a download and keeps what it has fetched, over a restart too. The download leaves its place,
   /// in the line or among those that run, to others; its status stays. False if it has no transfer that can be paused.

@@ -130,7 +130,7 @@ class DownloadTask {
 
 using DownloadTaskPointer = std::shared_ptr<DownloadTask>;
 
-/// Who hears of a task's progress and end. All calls come on the main queue.
+/// Is told of a task's progress and end. All calls come on the main queue.
 class DownloadManagerDelegate {
  public:
   virtual ~DownloadManagerDelegate() = default;

@@ -10,7 +10,7 @@
 namespace tarn {
 
 /// Looks at the codec and the audio of the file at `path` and makes the record with which the run of download `id`
-/// begins: its flags steer the whole run. The record bears the name that was requested, else that of the file. A codec
+/// begins: its flags steer the whole run. The record has the name that was requested, else that of the file. A codec
 /// that cannot be detected is no failure. The record of a movie in fragments, or of one that broke off, asks for all
 /// that the request lets it: what the movie needs shows when it is a whole plain one.
 ProcessingState makeFirstRecord(FileManager& files, const Clock& clock, int64_t id, const Path& path,

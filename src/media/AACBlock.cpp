@@ -122,7 +122,7 @@ class BlockParser {
     }
   }
 
-  /// A count in so many bits, which goes on in 8 more where all are set.
+  /// A count in this many bits, which goes on in 8 more where all are set.
   size_t readCount(unsigned bits) {
     const uint32_t count = bits_.read(bits);
     const uint32_t most = (1U << bits) - 1;

@@ -24,7 +24,7 @@ class AACBlockReader {
   /// For a core rate in Hz, and packets of 1024 PCM frames. Throws Error for a rate without bands (4.5.4).
   explicit AACBlockReader(uint32_t sampleRate);
 
-  /// The packet at the front of the bytes. Returns nothing if there is none: they end ahead of it, a value is one that
+  /// The packet at the front of the bytes. Returns nothing if there is none: they end before it, a value is one that
   /// AAC-LC rules out, or it holds a coupling channel.
   std::optional<AACBlock> read(ByteView bytes) const;
 

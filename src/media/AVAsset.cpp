@@ -103,7 +103,7 @@ std::vector<AVAssetTrack> readTracks(FileHandle& file, AVMediaType mediaType) {
   return tracks;
 }
 
-/// 0 where it cannot be read. Moves the file's position, which must be its start.
+/// 0 if it cannot be read. Moves the file's position, which must be its start.
 uint32_t movieTimescaleOf(FileHandle& file) {
   auto moov = findMovie(file);
   auto movie = moov ? readTimeHeader(file, *moov, "mvhd") : std::nullopt;

@@ -17,12 +17,12 @@ enum class AVMediaType { video, audio };
 
 /// One track of an asset, as its headers describe it.
 struct AVAssetTrack {
-  uint32_t trackID = 0;  ///< 0 where the `tkhd` is missing or damaged
+  uint32_t trackID = 0;  ///< 0 if the `tkhd` is missing or damaged
   AVMediaType mediaType = AVMediaType::video;
-  uint32_t naturalTimeScale = 0;  ///< ticks per second of the media's clock; 0 where the `mdhd` is missing or damaged
-  MP4BoxInfo trak;                ///< where the track's box lies in the file
+  uint32_t naturalTimeScale = 0;  ///< ticks per second of the media's clock; 0 if the `mdhd` is missing or damaged
+  MP4BoxInfo trak;                ///< where the track's box is in the file
 
-  /// One for each sample entry, in `stsd` order. Empty where the `stsd` cannot be read.
+  /// One for each sample entry, in `stsd` order. Empty if the `stsd` cannot be read.
   std::vector<CMFormatDescriptionPointer> formatDescriptions;
 
   /// Start: the leading empty edits. Duration: the sum of the other edits; without edits that of the `mdhd`
@@ -42,7 +42,8 @@ class AVAsset {
   /// that is missing, cannot be read, or has no `moov` has no tracks.
   std::vector<AVAssetTrack> tracks(AVMediaType withMediaType) const;
 
-  /// Of the `mvhd`, or of the longest track where that is shorter or missing; zero where neither can be read.
+  /// The duration of the `mvhd`, or that of the longest track if the first is shorter or missing; zero if neither can
+  /// be read.
   CMTime duration() const;
 
   /// The samples of one of the asset's tracks, by the file's own sample table and edit list, in decode order. Edits are
@@ -56,10 +57,10 @@ class AVAsset {
   /// One of the asset's tracks as if it had no edit list; its duration is that of the sample table. Throws as above.
   AVAssetTrack withoutEditList(const AVAssetTrack& track) const;
 
-  /// How many of the track's samples do not lie whole in the file. Throws as above.
+  /// How many of the track's samples are not whole in the file. Throws as above.
   int64_t samplesOutsideFile(const AVAssetTrack& track) const;
 
-  /// What the track's edit list shows of its media, in order; all of it where there is no list, and where the list is
+  /// What the track's edit list shows of its media, in order; all of it if there is no list, and where the list is
   /// damaged: where no entry reaches the media, or one has a media time below -1. Throws as above.
   std::vector<MediaEdit> shownMedia(const AVAssetTrack& track) const;
 

@@ -48,7 +48,7 @@ class AVAssetReader {
   /// The output must be one that can be added.
   void addOutput(std::shared_ptr<AVAssetReaderTrackOutput> output);
 
-  /// Opens the samples of all outputs. False when that fails, or at a second call: see `error`.
+  /// Opens the samples of all outputs. False if that fails, or at a second call: see `error`.
   bool startReading();
   /// Ends all outputs and lets go of the file.
   void cancelReading();

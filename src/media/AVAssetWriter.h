@@ -28,13 +28,13 @@ class AVAssetWriterInput {
   explicit AVAssetWriterInput(const AACOutputSettings& settings);
   ~AVAssetWriterInput();
 
-  /// Of no effect: a source that cannot wait is not served better than one that can.
+  /// Has no effect: a source that cannot wait is not served better than one that can.
   bool expectsMediaDataInRealTime = false;
 
   /// True while the encoders keep up; also true once the writer has failed, so that nobody waits for ever.
   bool isReadyForMoreMediaData() const;
 
-  /// Puts the buffer's frames behind those that came before, whatever its time says. False when the writer has failed
+  /// Puts the buffer's frames behind those that came before, whatever its time says. False if the writer has failed
   /// or is not writing; it may be called while not ready, and then waits for room.
   bool appendSampleBuffer(const CMSampleBuffer& buffer);
 
@@ -72,9 +72,9 @@ class AVAssetWriter {
   /// The input must be one that can be added.
   void addInput(const std::shared_ptr<AVAssetWriterInput>& input);
 
-  /// False when that fails: see `error`.
+  /// False if that fails: see `error`.
   bool startWriting();
-  /// Of no effect: frames are counted from the first one on, so media time 0 is where the session starts.
+  /// Has no effect: frames are counted from the first one on, so media time 0 is where the session starts.
   void startSessionAtSourceTime(const CMTime& time);
 
   /// Encodes what is left, writes the boxes, flushes and closes the file, then calls the handler on a thread of its

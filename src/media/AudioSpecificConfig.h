@@ -22,8 +22,8 @@ bool indicatesMPEGAudio(uint8_t objectTypeIndication);
 struct AudioSpecificConfig {
   int audioObjectType = 0;  ///< of the core coder; 2 for AAC-LC, also where it is announced under 5 (SBR) or 29 (PS)
   uint32_t sampleRate = 0;  ///< Hz
-  uint32_t channels = 0;    ///< 0 where a program config element tells
-  uint32_t framesPerPacket = 0;  ///< PCM frames of the core coder; 0 where packets are not those of AAC
+  uint32_t channels = 0;    ///< 0 if a program config element tells
+  uint32_t framesPerPacket = 0;  ///< PCM frames of the core coder; 0 if packets are not those of AAC
 };
 
 /// The first five bits: the object type that is announced, which is that of SBR or PS where the core has another one.

@@ -27,8 +27,8 @@ struct AudioStreamBasicDescription {
   double mSampleRate = 0;  ///< Hz
   uint32_t mFormatID = 0;
   uint32_t mFormatFlags = 0;
-  uint32_t mBytesPerPacket = 0;   ///< 0 where packets differ in size
-  uint32_t mFramesPerPacket = 0;  ///< 0 where packets differ in length
+  uint32_t mBytesPerPacket = 0;   ///< 0 if packets differ in size
+  uint32_t mFramesPerPacket = 0;  ///< 0 if packets differ in length
   uint32_t mBytesPerFrame = 0;    ///< 0 for compressed audio
   uint32_t mChannelsPerFrame = 0;
   uint32_t mBitsPerChannel = 0;  ///< 0 for compressed audio
@@ -49,7 +49,7 @@ AudioStreamBasicDescription interleavedPCM16(double sampleRate, uint32_t channel
 struct CMFormatDescription {
   std::string codec;                                             ///< type of the sample entry ("mp4a"), or "lpcm"
   std::optional<AudioStreamBasicDescription> streamDescription;  ///< of audio whose entry can be read
-  /// Of AAC the AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1), where there is one; of Opus, FLAC and ALAC the contents
+  /// For AAC the AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1), if there is one; of Opus, FLAC and ALAC the contents
   /// of the entry's `dOps`, `dfLa` or `alac`.
   Bytes magicCookie;
   /// objectTypeIndication of the DecoderConfigDescriptor (ISO/IEC 14496-1 7.2.6.6): 0x40 for AAC, 0x69 and 0x6B for
@@ -64,7 +64,7 @@ inline const AudioStreamBasicDescription* CMAudioFormatDescriptionGetStreamBasic
   return description.streamDescription ? &*description.streamDescription : nullptr;
 }
 
-/// Empty where there is none.
+/// Empty if there is none.
 inline ByteView CMAudioFormatDescriptionGetMagicCookie(const CMFormatDescription& description) {
   return description.magicCookie;
 }

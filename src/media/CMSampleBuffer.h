@@ -31,12 +31,12 @@ struct CMSampleBuffer {
   CMFormatDescriptionPointer formatDescription;
   CMBlockBufferPointer dataBuffer;  ///< none for a compressed sample: its source gives the bytes when asked
 
-  /// Of a compressed sample: its place in the track, 0-based, in decode order; -1 for PCM.
+  /// The place of a compressed sample in its track, 0-based, in decode order; -1 for PCM.
   int64_t sampleIndex = -1;
 
-  /// How much of the sample lies outside its edit (ISO/IEC 14496-12 8.6.6), ahead of its start and behind its end; a
+  /// How much of the sample is outside its edit (ISO/IEC 14496-12 8.6.6), before its start and past its end; a
   /// decoder drops that much of what it decodes. A sample ends with its `stts` delta, but an AAC packet with its coded
-  /// length at the latest, so that a gap behind it counts as none of it.
+  /// length at the latest, so that a gap after it counts as none of it.
   CMTime trimDurationAtStart = CMTime::zero();
   CMTime trimDurationAtEnd = CMTime::zero();
 };
@@ -51,7 +51,7 @@ class SampleBufferSource {
 };
 
 /// The compressed samples of one track on its presentation timeline. `next` touches no media data; where a sample is
-/// due that does not lie whole in the file the stream breaks off.
+/// due that is not whole in the file the stream breaks off.
 class CompressedSampleSource : public SampleBufferSource {
  public:
   /// The bytes of a sample of the track, delivered by `next` or not, by its 0-based index. Throws Error when they are

@@ -27,7 +27,7 @@ class DecodeCheck {
   /// Ends the stream: the last samples may be judged only now. Returns what `take` returns.
   bool finish();
 
-  /// How many samples, from the first on, are known to be good: after a complaint, those ahead of the first one that
+  /// How many samples, from the first on, are known to be good: after a complaint, those before the first one that
   /// had not come out until then, and never the one that was taken last; without one, all that were taken.
   uint64_t goodSamples() const;
 

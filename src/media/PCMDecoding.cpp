@@ -130,7 +130,7 @@ void PCMSource::decodeNext() {
   decode(*sample, endsStretch);
 }
 
-/// The packet read ahead; reads the one behind it.
+/// The packet read ahead; reads the one after it.
 std::optional<CMSampleBuffer> PCMSource::takeUpcoming() {
   auto sample = std::exchange(upcoming_, std::nullopt);
   if (failure_) return sample;
@@ -165,7 +165,7 @@ void PCMSource::prepareDecoder(const CMSampleBuffer& sample) {
   }
 }
 
-/// `endsStretch`: the packet behind it in the track does not follow.
+/// `endsStretch`: the packet after it in the track does not follow.
 void PCMSource::decode(const CMSampleBuffer& sample, bool endsStretch) {
   CMTime shownEnd = sample.duration - sample.trimDurationAtEnd;
   int64_t decoded = 0;
@@ -184,7 +184,7 @@ void PCMSource::decode(const CMSampleBuffer& sample, bool endsStretch) {
   endOfPackets_ = std::max(endOfPackets_, framesIn(sample.presentationTimeStamp + shownEnd, rate()));
 }
 
-/// Puts out what is shown of a frame that begins so many samples behind the start of its packet, of which those from
+/// Puts out what is shown of a frame that begins this many samples after the start of its packet, of which those from
 /// `limit` on are not shown.
 void PCMSource::place(const AVFrame& frame, const CMSampleBuffer& sample, int64_t offset, int64_t limit) {
   int64_t first =
@@ -236,7 +236,7 @@ bool PCMSource::isJitter(int64_t difference, const CMSampleBuffer& sample) const
   return 2 * std::abs(next) < std::abs(difference);
 }
 
-/// Begins an overlap: what comes next starts there, or behind what cannot be taken back any more.
+/// Begins an overlap: what comes next starts there, or after what cannot be taken back any more.
 void PCMSource::cutBackTo(int64_t start) {
   isCutting_ = true;
   resampler_.flush();

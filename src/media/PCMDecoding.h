@@ -25,12 +25,12 @@ struct PCMOutputSettings {
 /// True for a format that can be decoded: AAC, and what else libavcodec knows by this sample entry.
 bool canDecode(const CMFormatDescription& description);
 
-/// How many channels come out of a track's first packets; 0 where none of the first 32 can be read and decoded.
+/// How many channels come out of a track's first packets; 0 if none of the first 32 can be read and decoded.
 int decodedChannels(CompressedSampleSource& samples);
 
 /// Decodes a track: buffers of 8192 frames, fewer where the timeline breaks and at the end. It begins with the first
-/// packet, wherever on the timeline that lies, but at time 0 for a track that does not follow its edit list. Times are
-/// at the timescale of the output rate. The start and the end of an edit are exact: packets ahead of it are decoded and
+/// packet, wherever on the timeline that is, but at time 0 for a track that does not follow its edit list. Times are
+/// at the timescale of the output rate. The start and the end of an edit are exact: packets before it are decoded and
 /// dropped. A packet that does not decode leaves its length as a gap, which silence fills with either setting. Memory
 /// stays flat however long a gap is. Owns the samples. Throws Error for settings that it does not take and for a track
 /// without a format that can be decoded; the source throws where packets cannot be read and at a gap of more than a

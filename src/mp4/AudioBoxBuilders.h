@@ -15,7 +15,7 @@ namespace tarn {
 /// 44100 and 48000 Hz is told in the log and becomes 48000.
 Bytes audioSpecificConfig(int64_t sampleRate, int channels = 2);
 
-/// True where these boxes can say what a stream is: the rates above, 1 or 2 channels.
+/// True if these boxes can say what a stream is: the rates above, 1 or 2 channels.
 bool canBeDescribed(int64_t sampleRate, int channels);
 
 Bytes buildEsdsBox(int64_t sampleRate, int channels = 2);

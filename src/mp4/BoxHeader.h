@@ -5,12 +5,12 @@
 
 namespace tarn {
 
-/// Where one box lies in a file or buffer (ISO/IEC 14496-12 4.2). Offset and size come from a walker, so their sum
+/// Where one box is in a file or buffer (ISO/IEC 14496-12 4.2). Offset and size come from a walker, so their sum
 /// never overflows.
 struct BoxHeader {
   uint64_t offset = 0;  ///< of the box's first byte
   uint64_t size = 0;    ///< whole box in bytes, header included; for a size field of 0 what the walker's policy says
-  std::string type;     ///< four-character code; empty where the four bytes cannot be decoded
+  std::string type;     ///< four-character code; empty if the four bytes cannot be decoded
   int headerSize = 8;   ///< 8, or 16 when the 64-bit size was read
 
   uint64_t contentOffset() const { return offset + static_cast<uint64_t>(headerSize); }

@@ -7,7 +7,7 @@
 
 namespace tarn::layout {
 
-// Where the fields of boxes lie (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the box's first
+// Where the fields of boxes are (ISO/IEC 14496-12), for readers and writers alike. Offsets count from the box's first
 // byte, entry fields from the entry's first byte; boxes have 8-byte headers.
 
 /// A big-endian field: place and width in bytes.
@@ -21,7 +21,7 @@ struct Field {
 inline constexpr Field boxSize{0, 4};
 inline constexpr Field boxType{4, 4};
 inline constexpr size_t boxHeaderSize = 8;
-inline constexpr Field longBoxSize{8, 8};  ///< there where the size field is 1 (4.2)
+inline constexpr Field longBoxSize{8, 8};  ///< present if the size field is 1 (4.2)
 inline constexpr size_t longBoxHeaderSize = 16;
 
 inline constexpr Field version{8, 1};
@@ -36,7 +36,7 @@ inline constexpr size_t fullBoxHeaderSize = 12;
 inline constexpr Field entryCount{12, 4};
 inline constexpr size_t tableHeaderSize = 16;
 
-/// stsz and stz2 (8.7.3): the count of samples stands behind another field.
+/// stsz and stz2 (8.7.3): the count of samples comes after another field.
 inline constexpr Field sampleCount{16, 4};
 
 /// elst entry (8.6.6.2).
@@ -54,7 +54,7 @@ inline constexpr const EditRow& editEntry(bool is64Bit) {
 inline constexpr int64_t emptyEdit = -1;        ///< as a media time: nothing is shown
 inline constexpr int32_t normalRate = 0x10000;  ///< 1 in 16.16 fixed point
 
-/// ctts and stts entry (8.6.1): so many samples with this offset or delta.
+/// ctts and stts entry (8.6.1): this many samples with this offset or delta.
 inline constexpr size_t runEntrySize = 8;
 inline constexpr Field runSampleCount{0, 4};
 inline constexpr Field runValue{4, 4};
@@ -144,7 +144,7 @@ inline int64_t loadSigned(const uint8_t* base, const Field& field) {
   return static_cast<int64_t>(load(base, field) << unused) >> unused;
 }
 
-/// The field of a box that begins at `base`; nothing when its bytes do not all lie in the data.
+/// The field of a box that begins at `base`; nothing if its bytes are not all in the data.
 inline std::optional<uint64_t> loadWithin(std::span<const uint8_t> data, const Field& field, size_t base = 0) {
   if (base > data.size() || data.size() - base < field.end()) return std::nullopt;
   return load(data.data() + base, field);

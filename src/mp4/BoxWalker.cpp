@@ -87,7 +87,7 @@ struct BufferSource {
   std::optional<uint64_t> end() { return data.size(); }
 };
 
-/// One box header, and what the policy says to it. `levelEnd` lies behind `position`.
+/// One box header, and what the policy says to it. `levelEnd` is after `position`.
 template <typename Source>
 class HeaderStep {
  public:

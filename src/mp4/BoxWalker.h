@@ -32,7 +32,7 @@ struct BoxWalkPolicy {
     utf8,        ///< anything but UTF-8 reads as the empty text
     namedOrEnd,  ///< as utf8; anything but four characters after trimming white space ends the walk
   };
-  enum class Overrun { isYielded, endsWalk };  ///< a box that ends behind its level
+  enum class Overrun { isYielded, endsWalk };  ///< a box that ends past the end of its level
 
   EndRule end = EndRule::headerInside;
   SizeZero sizeZero = SizeZero::endsWalk;
@@ -86,7 +86,7 @@ struct BoxWalkStop {
   std::string type;     ///< as decoded, for the last three
 };
 
-/// Walks boxes of a file, one level, from `start` on; a box may begin anywhere ahead of `limit`. Each step reads one
+/// Walks boxes of a file, one level, from `start` on; a box may begin anywhere before `limit`. Each step reads one
 /// header and moves the file's position. Never throws for what the file holds or for a failing read. The policy must
 /// outlive the walker, here and below.
 class FileBoxWalker {
@@ -106,7 +106,7 @@ class FileBoxWalker {
 };
 
 /// Walks boxes of a buffer that must outlive it, from `start` to `end` (capped at the buffer's end), in pre-order
-/// through the policy's containers. Damage ends its level alone; the walk goes on behind the container.
+/// through the policy's containers. Damage ends its level alone; the walk goes on after the container.
 class BufferBoxWalker {
  public:
   BufferBoxWalker(ByteView data, size_t start, size_t end, const BoxWalkPolicy& policy);

@@ -43,7 +43,7 @@ struct ByteArray {
   /// Text of `count` bytes; bytes that are not UTF-8 give the empty text. Box types are read with this rule.
   std::string readUTF8Bytes(size_t count);
 
-  /// Sets the position behind the version and flags with which a full box begins (ISO/IEC 14496-12 4.2). Throws
+  /// Sets the position after the version and flags with which a full box begins (ISO/IEC 14496-12 4.2). Throws
   /// ByteArrayError::invalidOffset when the data are shorter than those 4 bytes.
   void skipVersionAndFlags();
 

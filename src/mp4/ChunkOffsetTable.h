@@ -22,7 +22,7 @@ struct MediaMove {
   uint64_t newBegin = 0;
 };
 
-/// Where an offset is after the moves, which are ascending and do not overlap; nothing when it lies in none of them.
+/// Where an offset is after the moves, which are ascending and do not overlap; nothing if it is in none of them.
 /// The end of a stretch belongs to it, for a chunk without a byte.
 std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> moves);
 
@@ -30,7 +30,8 @@ std::optional<uint64_t> newPlace(uint64_t offset, std::span<const MediaMove> mov
 /// or the buffer holds is corrected as far as they go.
 class ChunkOffsetTable {
  public:
-  // In a `moov` in memory. Tables keep their kind and their length, so nothing else in the buffer moves. Never fails.
+  // These work on a `moov` in memory. Tables keep their kind and their length, so nothing else in the buffer moves.
+  // Never fails.
 
   /// All tables of all tracks; `moov` begins with the box's 8-byte header. A 32-bit entry whose new value does not fit
   /// is clamped, which the log tells of; a 64-bit entry wraps.
@@ -41,7 +42,7 @@ class ChunkOffsetTable {
 
   /// A whole `stco` or `co64` after its chunks moved, each with the stretch that holds it. An `stco` becomes a `co64`
   /// as soon as one new value does not fit 32 bits; the entries that were missing then stay missing. `moves` are
-  /// ascending and do not overlap; their new ends fit 64 bits. Nothing when a chunk lies in none of them.
+  /// ascending and do not overlap; their new ends fit 64 bits. Nothing if a chunk is in none of them.
   struct Moved {
     Bytes box;
     bool isPromoted = false;

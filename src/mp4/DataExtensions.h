@@ -34,18 +34,18 @@ constexpr std::array<uint8_t, 8> bigEndianBytes(uint64_t value) {
           static_cast<uint8_t>(value >> 8),  static_cast<uint8_t>(value)};
 }
 
-/// The value at an offset; nothing when its bytes do not all lie in the data.
+/// The value at an offset; nothing if its bytes are not all in the data.
 std::optional<uint32_t> readUInt32(ByteView data, size_t at);
 std::optional<uint64_t> readUInt64(ByteView data, size_t at);
 
-/// Overwrites the bytes at an offset; does nothing when they do not all lie in the data.
+/// Overwrites the bytes at an offset; does nothing if they are not all in the data.
 void writeUInt32(std::span<uint8_t> data, uint32_t value, size_t at);
 void writeUInt64(std::span<uint8_t> data, uint64_t value, size_t at);
 
 /// Text of bytes that must be UTF-8; the empty text when they are not.
 std::string decodeUTF8(ByteView bytes);
 
-/// Text of bytes that must be ASCII; nothing when they are not.
+/// Text of bytes that must be ASCII; nothing if they are not.
 std::optional<std::string> decodeASCII(ByteView bytes);
 
 /// Appends to a buffer: how boxes are put together.

@@ -56,7 +56,7 @@ class EditListEntries {
 /// The same as a list.
 std::vector<EditListEntry> readEditList(ByteView elst, const EditListRules& rules);
 
-/// The entries of a track's edit list; none where it has no list. Moves the file's position. Throws an
+/// The entries of a track's edit list; none if it has no list. Moves the file's position. Throws an
 /// Error of the domain "SampleTable" or a ByteArrayError where the box ends before its count does.
 std::vector<EditListEntry> readEditList(FileHandle& file, const MP4BoxInfo& trak);
 

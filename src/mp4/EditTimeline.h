@@ -50,7 +50,7 @@ enum class EditListDamage {
   none,
   showsNothing,  ///< no entry shows anything of the track's media
   mediaTimeBelowMinusOne,
-  liesBehindMedia,  ///< every entry that is not empty begins at or behind the end of the media
+  liesBehindMedia,  ///< every entry that is not empty begins at or past the end of the media
 };
 
 /// What the entries themselves tell of damage; none for a list without entries.

@@ -14,7 +14,7 @@ namespace {
 
 using layout::Field;
 
-/// What a `meta` has ahead of its children: version and flags, but in files of the older format, where a child's size
+/// What a `meta` has before its children: version and flags, but in files of the older format, where a child's size
 /// stands there.
 size_t metaHeaderSize(const BoxHeader& meta, uint32_t firstWord) {
   return static_cast<size_t>(meta.headerSize) + (firstWord == 0 ? layout::versionAndFlags.width : 0);
@@ -87,7 +87,7 @@ class ItemTable {
     return true;
   }
 
-  /// By how much an extent moves; nothing when it lies in none of the moves.
+  /// By how much an extent moves; nothing if it is in none of the moves.
   std::optional<int64_t> shiftOf(uint64_t base, uint64_t offset) const {
     const auto place = checkedAdd(base, offset);
     const auto moved = place ? newPlace(*place, moves_) : std::nullopt;

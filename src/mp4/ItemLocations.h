@@ -9,12 +9,12 @@
 
 namespace tarn {
 
-// Items of a `meta` box (ISO/IEC 14496-12 8.11.3) say where they lie in the file, as chunks do, and move with it. Only
-// those of construction method 0 that lie in this file are looked at.
+// Items of a `meta` box (ISO/IEC 14496-12 8.11.3) say where they are in the file, as chunks do, and move with it. Only
+// those of construction method 0 that are in this file are looked at.
 
 /// Corrects the items of an `iloc`, given without its header, after the file's bytes moved. Its length stays: a common
-/// move of all extents goes into the base offset, where there is one. A box that ends ahead of its items is corrected
-/// as far as it goes. False where an item lies in none of the moves, or its new place does not fit its field; a part of
+/// move of all extents goes into the base offset, if there is one. A box that ends before its items is corrected
+/// as far as it goes. False if an item is in none of the moves, or its new place does not fit its field; a part of
 /// the items may be corrected then.
 bool moveItems(std::span<uint8_t> ilocContents, std::span<const MediaMove> moves);
 

@@ -23,14 +23,14 @@ std::string_view handlerTypeText(MP4TrackType type);
 /// state; a FileHandle's position is moved unless an operation says otherwise.
 class MP4BoxUtils {
  public:
-  /// Top-level search from the file's position on. A box that begins `maxSearch` bytes or more behind that position is
+  /// Top-level search from the file's position on. A box that begins `maxSearch` bytes or more after that position is
   /// not found.
   static std::optional<MP4BoxInfo> findBox(FileHandle& file, std::string_view type, uint64_t maxSearch);
 
-  /// So many headers are read at most where a whole file is searched: far more than a file has, and read in a moment.
+  /// This many headers are read at most where a whole file is searched: far more than a file has, and read in a moment.
   static constexpr size_t mostTopLevelHeaders = 100'000;
 
-  /// Search over the top level of the whole file, wherever the box lies. Returns nothing behind `mostTopLevelHeaders`
+  /// Search over the top level of the whole file, wherever the box is. Returns nothing after `mostTopLevelHeaders`
   /// other boxes.
   static std::optional<MP4BoxInfo> findTopLevelBox(FileHandle& file, std::string_view type);
 

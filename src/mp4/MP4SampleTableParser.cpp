@@ -16,7 +16,7 @@
 namespace tarn {
 namespace {
 
-/// A list with an element for each sample has at most so many: 77 hours of 60 pictures a second.
+/// A list with an element for each sample has at most this many: 77 hours of 60 pictures a second.
 constexpr uint32_t mostListedSamples = 1 << 24;
 
 SampleSizes parseStsz(FileHandle& file, const MP4BoxInfo& stbl) {
@@ -112,7 +112,7 @@ bool MP4SampleTableParser::isSync(size_t index) const {
   return syncSamples_.empty() || std::ranges::binary_search(syncSamples_, index + 1);
 }
 
-/// The last chunk that begins at or ahead of a sample. Throws for a sample that does not exist.
+/// The last chunk that begins at or before a sample. Throws for a sample that does not exist.
 std::optional<size_t> MP4SampleTableParser::chunkAtOrAhead(int64_t index) const {
   if (index < 0 || index >= sampleCount()) {
     throw sampleTableError("Sample index out of range");

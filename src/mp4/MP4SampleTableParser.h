@@ -24,7 +24,7 @@ struct SampleToChunkEntry {
   bool operator==(const SampleToChunkEntry&) const = default;
 };
 
-/// Where one sample lies.
+/// Where one sample is.
 struct SampleInfo {
   int64_t index = 0;        ///< 0-based
   uint64_t fileOffset = 0;  ///< of its first byte
@@ -47,14 +47,14 @@ struct SampleDescriptionSegment {
 class MP4SampleTableParser {
  public:
   /// Reads `stsz` or else `stz2`, `stsc`, `stco` or else `co64`, and `stss` among the box's children; of an `stss` the
-  /// numbers behind the last sample are left out. To be called once. Moves the file's position.
+  /// numbers after the last sample are left out. To be called once. Moves the file's position.
   void parseSampleTable(FileHandle& file, const MP4BoxInfo& stbl);
 
   /// One sample. Throws "Sample index out of range", "Sample offset out of range", and "Could not compute offset for
-  /// sample <index>" where there is no chunk.
+  /// sample <index>" if there is no chunk.
   SampleInfo sampleInfo(int64_t index) const;
 
-  /// All samples in order; the sync samples in order, which are all where there is no `stss`. Both throw as above, and
+  /// All samples in order; the sync samples in order, which are all if there is no `stss`. Both throw as above, and
   /// for more samples than a list of them should hold.
   std::vector<SampleInfo> allSamples() const;
   std::vector<SampleInfo> syncSamplesOnly() const;
@@ -67,7 +67,7 @@ class MP4SampleTableParser {
   std::optional<uint32_t> sampleDescriptionIndex(int64_t index) const;
 
   /// Whole `stsc` and `stco` or `co64` boxes for a layout in which each sample is a chunk of its own, offsets as in the
-  /// file read. Segments must be sorted; a sample outside all of them gets description 1. Throw where there are no
+  /// file read. Segments must be sorted; a sample outside all of them gets description 1. Throw if there are no
   /// samples, and where the box would not fit its size field.
   Bytes rebuildStscBox(std::span<const SampleDescriptionSegment> segments) const;
   /// The box is a `co64` as soon as one offset does not fit 32 bits, as it is or after the shift that comes when the
@@ -76,7 +76,7 @@ class MP4SampleTableParser {
 
   uint32_t sampleCount() const { return sampleCount_; }
   uint32_t sampleSize(size_t index) const { return fixedSize_ != 0 ? fixedSize_ : sampleSizes_[index]; }
-  /// The bytes of the first so many samples.
+  /// The bytes of the first `count` samples.
   uint64_t sizeOfFirst(size_t count) const {
     return fixedSize_ != 0 ? uint64_t{fixedSize_} * count : cumulativeSampleSizes_[count];
   }
@@ -94,12 +94,12 @@ class MP4SampleTableParser {
   bool isSync(size_t index) const;
 
   uint32_t sampleCount_ = 0;
-  uint32_t fixedSize_ = 0;             // of each sample; 0 where they differ
-  std::vector<uint32_t> sampleSizes_;  // empty where all are equal: 20 bytes may promise billions of samples
+  uint32_t fixedSize_ = 0;             // of each sample; 0 if they differ
+  std::vector<uint32_t> sampleSizes_;  // empty if all are equal: 20 bytes may promise billions of samples
   std::vector<uint64_t> chunkOffsets_;
   std::vector<SampleToChunkEntry> sampleToChunk_;
   std::vector<uint32_t> syncSamples_;
-  std::vector<uint64_t> cumulativeSampleSizes_;  // element i is the sum of the first i sizes; empty where all are equal
+  std::vector<uint64_t> cumulativeSampleSizes_;  // element i is the sum of the first i sizes; empty if all are equal
   std::vector<int64_t> chunkStartSampleIndex_;
   std::vector<int64_t> samplesInChunk_;
 };

@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// Where one sample's bytes lie in the file.
+/// Where one sample's bytes are in the file.
 struct SampleLocation {
   uint64_t offset = 0;
   uint32_t size = 0;
@@ -33,11 +33,11 @@ class SampleLocations {
   bool haveOneSize() const { return sizes_.fixedSize != 0; }
   uint64_t fileSize() const { return fileSize_; }
 
-  /// How many samples, from the first on, have a chunk and lie whole in the file.
+  /// How many samples, from the first on, have a chunk and are whole in the file.
   uint32_t countInFile() const { return countInFile_; }
 
-  /// The place of a sample, 0-based; quick for one at or behind the last one asked for. Throws sampleTableError for a
-  /// sample that does not exist, has no chunk, or does not lie whole in the file.
+  /// The place of a sample, 0-based; quick for one at or after the last one asked for. Throws sampleTableError for a
+  /// sample that does not exist, has no chunk, or is not whole in the file.
   SampleLocation locate(uint32_t sample);
 
   /// Chunks in a row that hold samples, and what describes them; never empty runs.
@@ -49,11 +49,11 @@ class SampleLocations {
    public:
     explicit Cursor(const SampleLocations& locations);
 
-    /// Of the next sample; it may lie behind the end of the file.
+    /// Where the next sample begins; that may be past the end of the file.
     uint64_t offset() const { return offset_; }
-    /// How many samples, the next one included, are left in its chunk; 0 behind the last one.
+    /// How many samples, the next one included, are left in its chunk; 0 after the last one.
     uint32_t leftInChunk() const { return left_; }
-    /// Steps over at most so many as are left in the chunk; samples of different sizes one at a time.
+    /// Steps over at most this many as are left in the chunk; samples of different sizes one at a time.
     void advance(uint32_t samples);
 
    private:

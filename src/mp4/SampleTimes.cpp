@@ -36,7 +36,7 @@ void SampleTimes::readDeltas(FileHandle& file, const MP4BoxInfo& stbl) {
   int64_t time = 0;
   uint32_t delta = 0;
   auto advance = [&](uint32_t samples) {
-    // 32 bits times 32 bits on top of 60: no overflow ahead of the test.
+    // 32 bits times 32 bits on top of 60: no overflow before the test.
     auto length = uint64_t{samples} * delta;
     if (length > static_cast<uint64_t>(MediaEdit::latestTime - time)) {
       throw sampleTableError("stts reaches out of range");
@@ -86,7 +86,7 @@ std::vector<SampleTimes::Run> SampleTimes::runs() const {
 uint32_t SampleTimes::firstDecodedFrom(int64_t time) const {
   auto from = std::ranges::lower_bound(deltas_, time, {}, &DeltaRun::firstTime);
   if (from == deltas_.begin()) return 0;
-  // The last run that begins ahead of the time; where its delta is 0 none of its samples comes late enough.
+  // The last run that begins before the time; where its delta is 0 none of its samples comes late enough.
   const DeltaRun& run = *std::prev(from);
   uint64_t behind = from == deltas_.end() ? sampleCount_ : from->firstSample;
   if (run.delta == 0) return static_cast<uint32_t>(behind);

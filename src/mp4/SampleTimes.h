@@ -21,9 +21,9 @@ struct SampleTime {
 /// samples. Composition offsets are signed in either version, as files use them.
 class SampleTimes {
  public:
-  /// Reads the boxes of the `stbl` of a track of so many samples. Entries behind the last sample are dropped; samples
-  /// behind the last entry of the `stts` keep its delta, those behind the last entry of the `ctts` have no offset.
-  /// Moves the file's position. Throws an Error of the domain "SampleTable" where there is no entry for any sample and
+  /// Reads the boxes of the `stbl` of a track of this many samples. Entries after the last sample are dropped; samples
+  /// after the last entry of the `stts` keep its delta, those after the last entry of the `ctts` have no offset.
+  /// Moves the file's position. Throws an Error of the domain "SampleTable" if there is no entry for any sample and
   /// for decode times beyond 2^60, and a ByteArrayError where a box ends before its count does.
   SampleTimes(FileHandle& file, const MP4BoxInfo& stbl, uint32_t sampleCount);
 
@@ -42,11 +42,11 @@ class SampleTimes {
   int64_t largestOffset() const { return largestOffset_; }
 
   /// The first sample, 0-based, that is decoded at this time or later, and the first whose delta reaches to this time
-  /// or beyond; the number of samples where there is none.
+  /// or beyond; the number of samples if there is none.
   uint32_t firstDecodedFrom(int64_t time) const;
   uint32_t firstReaching(int64_t time) const;
 
-  /// How many of the samples from `first` on and ahead of `end` have a delta of 0.
+  /// How many of the samples from `first` on and before `end` have a delta of 0.
   uint32_t countWithoutLength(uint32_t first, uint32_t end) const;
 
   bool operator==(const SampleTimes&) const = default;

@@ -22,7 +22,7 @@ namespace tarn {
 /// ByteArrayError where the box or the file ends before what it must hold. The file must outlive it.
 class TableBox {
  public:
-  /// Bytes of version and flags with one or two fields of 32 bits behind them.
+  /// Bytes of version and flags with one or two fields of 32 bits after them.
   static constexpr size_t oneField = 8;
   static constexpr size_t twoFields = 12;
 

@@ -9,14 +9,14 @@
 
 namespace tarn {
 
-/// The entries of a full box that holds a count and then the entries (`elst`, `stts`, `ctts`, `stss`): those that lie
+/// The entries of a full box that holds a count and then the entries (`elst`, `stts`, `ctts`, `stss`): those that are
 /// whole within the box. Keeps no copy.
 class TableEntries {
  public:
   /// What a count of 2^31 or more means: the entries that are there, or none.
   enum class HugeCount { isCut, isNone };
 
-  /// `box` has an 8-byte header. One that ends ahead of its entries has none.
+  /// `box` has an 8-byte header. One that ends before its entries has none.
   TableEntries(ByteView box, size_t entrySize, HugeCount hugeCount) : entrySize_(entrySize) {
     if (box.size() < layout::tableHeaderSize) return;
     const uint32_t claimed = layout::load32(box.data(), layout::entryCount);

@@ -25,11 +25,11 @@ struct AVCDecoderConfigurationRecord {
   uint8_t bitDepthChromaMinus8 = 0;
   std::vector<Bytes> spsExtensionArray;
 
-  /// True when there is at least one SPS and one PPS that is not empty.
+  /// True if there is at least one SPS and one PPS that is not empty.
   bool hasAllParameterSets() const;
 };
 
-/// Reads the contents of an `avcC` box, header not included. Reserved bits, the version and bytes behind the record are
+/// Reads the contents of an `avcC` box, header not included. Reserved bits, the version and bytes after the record are
 /// not judged; the last four fields may be missing or damaged. Throws ConfigurationBoxError when the contents end too
 /// early.
 AVCDecoderConfigurationRecord readAvcC(ByteView contents);

@@ -36,11 +36,11 @@ struct HEVCDecoderConfigurationRecord {
   uint8_t lengthSizeMinusOne = 3;
   std::vector<Array> arrays;
 
-  /// True when there is at least one VPS, one SPS and one PPS that is not empty.
+  /// True if there is at least one VPS, one SPS and one PPS that is not empty.
   bool hasAllParameterSets() const;
 };
 
-/// Reads the contents of an `hvcC` box, header not included. Reserved bits, the version and bytes behind the last array
+/// Reads the contents of an `hvcC` box, header not included. Reserved bits, the version and bytes after the last array
 /// are not judged. Throws ConfigurationBoxError when the contents end too early.
 HEVCDecoderConfigurationRecord readHvcC(ByteView contents);
 
@@ -54,7 +54,7 @@ class HEVCConfigurationBox {
   HEVCConfigurationBox(std::vector<Bytes> vpsArray, std::vector<Bytes> spsArray, std::vector<Bytes> ppsArray,
                        const std::vector<Bytes>& spsRbspArray, int nalLengthSize, bool isCollectionComplete);
 
-  /// The whole box, and its contents alone. Both throw ConfigurationBoxError where a count, a length or the number of
+  /// The whole box, and its contents alone. Both throw ConfigurationBoxError if a count, a length or the number of
   /// temporal layers does not fit its field. A bit depth of 16 is written with the low three bits of its difference
   /// to 8, the field's width.
   Bytes buildHvcCBox() const;

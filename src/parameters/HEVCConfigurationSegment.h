@@ -33,8 +33,8 @@ using AVCConfigurationSegment = ConfigurationSegment;
 ///
 /// `syncSamples` are the track's sync samples in order, `nalLengthSize` is that of the samples' length prefixes in
 /// bytes, `totalSampleCount` counts all samples of the track, `ofSampleEntry` are the sets in force at the start.
-/// Throws an Error of the domain "HEVCConfigurationSegment" ("AVCConfigurationSegment") where there is no sync sample,
-/// and where the segments hold more than any real stream has. A damaged sample is no failure: what stands ahead of the
+/// Throws an Error of the domain "HEVCConfigurationSegment" ("AVCConfigurationSegment") if there is no sync sample,
+/// and where the segments hold more than any real stream has. A damaged sample is no failure: what comes before the
 /// damage counts.
 std::vector<ConfigurationSegment> detectSegments(FileHandle& file, std::span<const SampleInfo> syncSamples,
                                                  int nalLengthSize, int64_t totalSampleCount,

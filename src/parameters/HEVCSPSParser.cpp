@@ -12,7 +12,7 @@ constexpr size_t nalHeaderSize = 2;
 constexpr size_t generalProfileBits = 88;  // profile space to the last constraint bit
 constexpr uint32_t largestDimension = 16384;
 
-/// The bits behind the NAL header. Reading never leaves them.
+/// The bits after the NAL header. Reading never leaves them.
 class SPSBits {
  public:
   SPSBits(const uint8_t* data, size_t size) : bytes_(data + nalHeaderSize), count_((size - nalHeaderSize) * 8) {}

@@ -24,7 +24,7 @@ inline constexpr uint8_t pps = 8;
 enum class ParameterSetKind { vps, sps, pps };
 
 /// The identifier of a parameter set (ITU-T H.265 7.3.2.1 to 7.3.2.3, ITU-T H.264 7.3.2.1.1, 7.3.2.2), from its bytes
-/// behind the NAL header and without emulation prevention. Bits that are missing count as 0.
+/// after the NAL header and without emulation prevention. Bits that are missing count as 0.
 uint32_t parseHEVCParameterSetID(ParameterSetKind kind, ByteView payload);
 uint32_t parseAVCParameterSetID(ParameterSetKind kind, ByteView payload);
 
@@ -36,10 +36,10 @@ struct NALCodec {
   uint8_t typeMask;
   uint8_t firstSliceType;  ///< both inclusive
   uint8_t lastSliceType;
-  std::optional<uint8_t> vpsType;  ///< absent where the codec has no VPS
+  std::optional<uint8_t> vpsType;  ///< absent if the codec has no VPS
   uint8_t spsType;
   uint8_t ppsType;
-  bool hasSetsBehindSlices;  ///< encoders put parameter sets behind a slice too
+  bool hasSetsBehindSlices;  ///< encoders put parameter sets after a slice too
   uint32_t (*identifier)(ParameterSetKind kind, ByteView payload);
 
   uint8_t type(uint8_t firstByte) const { return static_cast<uint8_t>(firstByte >> typeShift & typeMask); }

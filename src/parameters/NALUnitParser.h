@@ -14,7 +14,7 @@
 
 namespace tarn {
 
-/// The failures of a scan for parameter sets. A damaged sample is none: it is passed over.
+/// The failures of a scan for parameter sets. A damaged sample is no failure: it is skipped.
 class NALUnitParserError : public Error {
  public:
   enum class Case {
@@ -39,23 +39,23 @@ class NALUnitParser {
  public:
   /// Throws MP4RemuxError (fileNotFound; ioError for a file that cannot be opened; corruptedMP4 without a `moov` or
   /// a video track with an `stbl`), NALUnitParserError, and what the sample table
-  /// parser throws. HEVC needs VPS, SPS and PPS ahead of the first slice; AVC needs SPS and PPS. Sets
+  /// parser throws. HEVC needs VPS, SPS and PPS before the first slice; AVC needs SPS and PPS. Sets
   /// that no sample entry can hold, for their length, do not count.
   static ExtractedParameterSets extractParameterSets(FileManager& files, const Path& fileURL);
   static ExtractedParameterSets extractAVCParameterSets(FileManager& files, const Path& fileURL);
 
   /// The coded size of an HEVC SPS, conformance window not applied: a NAL unit with header and without emulation
-  /// prevention. Nothing when it cannot be read.
+  /// prevention. Nothing if it cannot be read.
   static std::optional<PictureSize> parseSPSResolution(ByteView cleanedSPS);
 
-  /// The size of the pictures that are shown, conformance window applied; of such a unit. Nothing when it cannot be
+  /// The size of the pictures that are shown, conformance window applied; of such a unit. Nothing if it cannot be
   /// read.
   static std::optional<PictureSize> parseShownSize(ByteView cleanedSPS);
 
   /// The `stbl` of the first video track.
   static std::optional<MP4BoxInfo> findVideoTrackStbl(FileHandle& file, const MP4BoxInfo& moov);
 
-  /// So many of a track's first sync samples are asked for the size of the length prefix.
+  /// This many of a track's first sync samples are asked for the size of the length prefix.
   static constexpr size_t votingSamples = 3;
 
   /// The size of the NAL length prefix, 4 or 2 bytes, by vote of the samples; 4 with equal votes and without any. A

@@ -30,12 +30,12 @@ class ParameterScan {
  public:
   /// Which sets are taken, and what the log hears.
   enum class Purpose {
-    extraction,  ///< all; the log hears of sets and of damage
+    extraction,  ///< all; the log is told of sets and of damage
     segments,    ///< all
     plan,        ///< those that a decoder can read and a sample entry can hold
   };
 
-  /// Of a track whose sample table has been parsed; and of samples that the caller has, without a table.
+  /// Scans a track whose sample table has been parsed, or samples that the caller has without a table.
   ParameterScan(const VideoCodec& codec, Purpose purpose, MP4SampleTableParser table);
   ParameterScan(const VideoCodec& codec, Purpose purpose, std::vector<SampleInfo> syncSamples);
 
@@ -84,7 +84,7 @@ class ParameterScan {
       const std::function<const ParameterSets&(const SampleInfo& sample)>& entrySets) const;
 
  private:
-  /// What a sample carries: the numbers of its distinct sets, those ahead of the first slice in front.
+  /// What a sample carries: the numbers of its distinct sets, those before the first slice in front.
   struct Carried {
     std::vector<uint32_t> sets;
     size_t aheadOfSlices = 0;

@@ -14,20 +14,20 @@ namespace tarn {
 /// header, ITU-T H.264 7.3.3, ITU-T H.265 7.3.6.1).
 struct StreamUnit {
   enum class Role {
-    ahead,   ///< stands ahead of the slices of its picture: parameter sets, SEI, a delimiter
+    ahead,   ///< comes before the slices of its picture: parameter sets, SEI, a delimiter
     slice,   ///< holds a part of the picture
-    behind,  ///< stands behind them
+    behind,  ///< comes after them
   };
   Role role = Role::slice;
 
-  // Of a slice alone.
+  // The rest is told of slices only.
   bool isFirst = false;      ///< of its picture, or of the second field of one
   bool isSync = false;       ///< decoding may begin here: IDR of AVC, IRAP of HEVC
   bool startsOrder = false;  ///< the order counts anew: what came before is shown before
   bool isReference = false;  ///< others may be predicted from it; in HEVC, it counts as the previous one for the order
   bool isField = false;
   bool isBottom = false;      ///< the bottom field
-  bool resetsOrder = false;   ///< the order counts anew behind it (memory_management_control_operation 5)
+  bool resetsOrder = false;   ///< the order counts anew after it (memory_management_control_operation 5)
   uint32_t frameNumber = 0;   ///< frame_num
   uint32_t orderLSB = 0;      ///< pic_order_cnt_lsb
   int32_t deltaOfBottom = 0;  ///< delta_pic_order_cnt_bottom

@@ -29,7 +29,7 @@ struct VideoCodec {
   std::string_view tag;        ///< of a sample entry whose box holds all parameter sets
   std::string_view inBandTag;  ///< of one whose samples may hold them
   std::string_view configBox;
-  std::string_view olderConfigBox;  ///< the same under a name of before; empty if there is none
+  std::string_view olderConfigBox;  ///< its older name; empty if there is none
   bool mayBeEncrypted;              ///< the repair takes encrypted sample entries (ISO/IEC 14496-12 8.12)
   bool hasTagRepair;                ///< a remux first tries the repair without a rewrite
   const NALCodec& nal;

@@ -122,7 +122,7 @@ void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, Processin
   const auto isDue = [&](const ProcessingStep* step) { return step && startStage <= step->gateStage(); };
   if (run.state.needsRemuxing && isDue(steps_.fragments)) {
     steps_.fragments->run(run);
-    // Also if the step has done nothing: a run that was cut off behind it has not stored the flags.
+    // Also if the step has done nothing: a run that was cut off after it has not stored the flags.
     if (steps_.deriveFlags && !run.state.areFlagsFinal) {
       run.state.keepAskedFlags();
       steps_.deriveFlags(run.files, run.state);

@@ -12,7 +12,7 @@ class RunLayers;
 /// How a run works on its file. The last step finds a real file under its name either way.
 enum class RunFiles {
   plain,    ///< on the driver's files
-  layered,  ///< in layers over them: a changed file is written once, ahead of the last step; a recipe survives a kill
+  layered,  ///< in layers over them: a changed file is written once, before the last step; a recipe survives a kill
 };
 
 /// Takes one file from its checkpoint to its place: decides where to start after an interruption, runs the steps that

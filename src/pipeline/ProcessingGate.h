@@ -78,7 +78,7 @@ class ProcessingGate {
   /// and takes the next known run off the line, in one step.
   Next endRun(const Token& token, const RunOutcome& outcome, const IsKnown& isKnown);
 
-  /// Stores a run's record if the run is current and was not taken away; true when stored.
+  /// Stores a run's record if the run is current and was not taken away; true if stored.
   bool saveRecord(const CancellationToken& token, const ProcessingState& state);
 
   /// What the page has taken away for good: out of the gate and out of the store, in one step.
@@ -89,7 +89,7 @@ class ProcessingGate {
   };
   TakenAway cancel(int64_t id);
   TakenAway cancelAll();
-  /// As cancelAll, and the gate is free at once.
+  /// Does the same as cancelAll, and frees the gate at once.
   TakenAway clear();
 
   /// Background time is over: asks the active run to stop, stores its record as it stands and returns it.

@@ -55,7 +55,7 @@ void ProcessingRun::leave(const std::string& words) {
 }
 
 void ProcessingRun::keepPart(const std::string& whatIsMissing) {
-  // A pass that was cut off ahead of the change has stored it.
+  // A pass that was cut off before the change has stored it.
   if (state.lostEnd != whatIsMissing) warn(whatIsMissing);
   outcome.isPartly = true;
   state.lostEnd = whatIsMissing;

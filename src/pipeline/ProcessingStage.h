@@ -23,7 +23,7 @@ enum class ProcessingStage {
   failed,
 };
 
-/// The stored text of a stage; and the stage of a stored text, nothing if the text is none of them.
+/// The stored text of a stage; the stage of a stored text, or nothing for any other text.
 std::string_view rawValue(ProcessingStage stage);
 std::optional<ProcessingStage> processingStage(std::string_view rawValue);
 
@@ -33,7 +33,7 @@ std::string_view description(ProcessingStage stage);
 /// The stage that follows; nothing if the stage is final.
 std::optional<ProcessingStage> nextStage(ProcessingStage stage);
 
-/// True when work can go on after this stage without repeating anything.
+/// True if work can go on after this stage without repeating anything.
 bool isCleanCheckpoint(ProcessingStage stage);
 
 /// The checkpoint that an interrupted step goes back to; any other stage itself.

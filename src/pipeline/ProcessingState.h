@@ -38,7 +38,7 @@ struct ProcessingState {
   void removeTempFile(const Path& path);
   void addTempFile(const Path& path);
 
-  /// Ahead of a change of the flags, and when what they were told from is lost.
+  /// Before a change of the flags, and when what they were told from is lost.
   void keepAskedFlags();
   void restoreAskedFlags();
 };

@@ -11,7 +11,7 @@ class ProcessingStep {
  public:
   virtual ~ProcessingStep() = default;
 
-  /// The stage that the step enters first: the step is passed over when a run starts behind it.
+  /// The stage that the step enters first: the step is passed over when a run starts after it.
   virtual ProcessingStage gateStage() const = 0;
 
   /// Works on run.fileURL in place and enters its stages. What it throws ends the run: as cancelled for a
@@ -29,10 +29,10 @@ struct ProcessingSteps {
   ProcessingStep* audio = nullptr;
   ProcessingStep* sync = nullptr;
   ProcessingStep* last = nullptr;
-  /// Called behind the `fragments` step for a record whose flags are not final: looks at the file and turns off what of
+  /// Called after the `fragments` step for a record whose flags are not final: looks at the file and turns off what of
   /// the record it does not need.
   std::function<void(FileManager& files, ProcessingState& record)> deriveFlags = {};
-  /// Called ahead of the steps and behind them, for the summary of the run: what a player shows of a file.
+  /// Called before the steps and after them, for the summary of the run: what a player shows of a file.
   std::function<std::optional<RepairSummary::Timeline>(FileManager& files, const Path& file)> readTimeline = {};
 };
 

@@ -16,7 +16,7 @@ class RunListener {
  public:
   virtual ~RunListener() = default;
 
-  /// Stores the run's record, if the run is still the current one and the page did not cancel it; true when stored.
+  /// Stores the run's record, if the run is still the current one and the page did not cancel it; true if stored.
   virtual bool saveRecord(const CancellationToken& /*token*/, const ProcessingState& /*record*/) { return false; }
 
   /// The progress, from 0 to 1, of the run of this download, with the text that the page shows for it.

@@ -30,7 +30,7 @@ class CAPPluginCall {
 
   const std::string& method() const;
 
-  /// The option of this key; nothing when it is absent or of another type. getInt takes whole numbers only.
+  /// The option of this key; nothing if it is absent or of another type. getInt takes whole numbers only.
   std::optional<std::string> getString(std::string_view key) const;
   std::optional<bool> getBool(std::string_view key) const;
   std::optional<int64_t> getInt(std::string_view key) const;
@@ -74,8 +74,8 @@ class CAPPlugin : public CAPBridgedPlugin {
   /// with the bridge's own words, "not implemented".
   void call(const CAPPluginCallPointer& call);
 
-  /// Who hears events from now on; an empty listener drops them. Returns when no event is being delivered to the last
-  /// one any more, but for a delivery on the calling thread itself: a listener may replace itself.
+  /// Sets who receives events from now on; an empty listener drops them. Returns when no event is being delivered to
+  /// the last one any more, but for a delivery on the calling thread itself: a listener may replace itself.
   void setEventListener(EventListener listener);
 
   CAPPlugin();

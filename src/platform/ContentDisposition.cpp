@@ -33,7 +33,7 @@ struct Parameter {
   std::string value = {};
 };
 
-/// The next parameter of `rest`, which begins behind a ";"; takes it away from there. Nothing if there is none.
+/// The next parameter of `rest`, which begins after a ";"; takes it away from there. Nothing if there is none.
 std::optional<Parameter> takeParameter(std::string_view& rest) {
   const size_t equals = rest.find_first_of("=;");
   if (equals == std::string_view::npos) return std::nullopt;

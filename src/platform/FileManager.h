@@ -31,7 +31,7 @@ class FileHandle {
   /// Writes all bytes at the position and advances. After a failure the file may hold a part of them.
   virtual void write(ByteView bytes) = 0;
 
-  /// Moves the position, counted from the start of the file. A position behind the end is allowed; reading there
+  /// Moves the position, counted from the start of the file. A position past the end is allowed; reading there
   /// gives nothing.
   virtual void seek(uint64_t offset) = 0;
 
@@ -91,10 +91,10 @@ class FileManager {
 
   virtual std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) = 0;
 
-  /// True when the path leads to anything, a directory included.
+  /// True if the path leads to anything, a directory included.
   virtual bool fileExists(const Path& path) = 0;
 
-  /// Facts about what stands at the path, following links; nothing when there is none or it cannot be asked.
+  /// Facts about what is at the path, following links; nothing if there is none or it cannot be asked.
   virtual std::optional<FileAttributes> attributes(const Path& path) = 0;
 
   /// Names (no paths) of a directory's entries, in no fixed order.
@@ -121,15 +121,15 @@ class FileManager {
 
   /// Puts `source` in the place of `target`, whether or not `target` exists, in one step: at any moment, a power cut
   /// included, `target` is the old file or the new one, whole. Flushes `source`, renames it over `target`, flushes the
-  /// directory. Where the two lie on different file systems, `source` is first copied to a hidden sibling of `target`.
+  /// directory. Where the two are on different file systems, `source` is first copied to a hidden sibling of `target`.
   /// On failure `target` is as it was, and `source` still there; only where the last flush, that of the directory,
-  /// fails, the new file stands at `target` already, and a power cut may bring the old one back.
+  /// fails, the new file is at `target` already, and a power cut may bring the old one back.
   virtual void replaceItem(const Path& target, const Path& source) = 0;
 
   /// Flushes a directory, so that names made or removed in it survive a power cut.
   virtual void synchronizeDirectory(const Path& path) = 0;
 
-  /// Bytes free for this user on the file system that holds `path`; nothing when it cannot be found.
+  /// Bytes free for this user on the file system that holds `path`; nothing if it cannot be found.
   virtual std::optional<uint64_t> freeSpace(const Path& path) = 0;
 
   /// The directory for the videos in work, made on demand with `create`; throws ENOENT when it is missing without.
@@ -160,7 +160,7 @@ size_t removeAbandonedSiblings(FileManager& files, const Path& directory) noexce
 /// any kind.
 uint64_t copyByReading(FileHandle& source, FileHandle& target, uint64_t count);
 
-/// Deletes what stands at `path`; true when something was there and is gone. Never throws.
+/// Deletes what is at `path`; true if something was there and is gone. Never throws.
 bool removeIfExists(FileManager& files, const Path& path) noexcept;
 
 /// The whole content of a file.

@@ -20,7 +20,7 @@ class JSObject {
 
   JSObject();
   JSObject(std::initializer_list<Member> members);
-  /// Of members with the same key the last one holds, at the place of the first.
+  /// If several members have the same key, the last value counts, at the place of the first.
   explicit JSObject(std::vector<Member> members);
   JSObject(const JSObject&);
   JSObject(JSObject&&) noexcept;
@@ -29,7 +29,7 @@ class JSObject {
   ~JSObject();
 
   void set(std::string key, JSValue value);
-  /// Null when the key is absent. Valid until the object changes.
+  /// Null if the key is absent. Valid until the object changes.
   const JSValue* find(std::string_view key) const;
   const std::vector<Member>& members() const { return members_; }
   bool empty() const;
@@ -70,7 +70,7 @@ class JSValue {
   Storage storage_;
 };
 
-/// The value at a key; null when it is absent or of another type. Valid until the object changes.
+/// The value at a key; null if it is absent or of another type. Valid until the object changes.
 template <typename T>
 const T* valueAt(const JSObject& object, std::string_view key) {
   const JSValue* value = object.find(key);

@@ -13,7 +13,7 @@ namespace tarn {
 /// before. Thread-safe.
 LogSink setLogSink(LogSink sink);
 
-/// Takes the log while it lives, ahead of the sink and of those that were made before it. Thread-safe.
+/// Takes the log while it lives, before the sink and of those that were made before it. Thread-safe.
 class LogDetour {
  public:
   explicit LogDetour(LogSink sink);

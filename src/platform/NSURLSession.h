@@ -57,7 +57,7 @@ class NSURLSessionDownloadDelegate {
   virtual void urlSessionDidWriteData(const TaskPointer& task, int64_t bytesWritten, int64_t totalBytesWritten,
                                       int64_t totalBytesExpectedToWrite) = 0;
 
-  /// The whole file stands at `location`, which is gone when this returns unless it was moved away. When the process
+  /// The whole file is at `location`, which is gone when this returns unless it was moved away. When the process
   /// dies before this returns, the next one hears it again, with the whole file at `location`.
   virtual void urlSessionDidFinishDownloading(const TaskPointer& task, const Path& location) = 0;
 

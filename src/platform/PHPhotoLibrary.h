@@ -34,23 +34,23 @@ class PHChangeBlock {
  public:
   virtual ~PHChangeBlock() = default;
 
-  /// Asks for an asset from a video file. The file stays in place. Null when no request can be made (the file does not
+  /// Asks for an asset from a video file. The file stays in place. Null if no request can be made (the file does not
   /// exist). A source that an asset was made from before, by device, inode, size and change time, answers with that
   /// asset. The request belongs to the block.
   virtual PHAssetChangeRequest* creationRequestForAssetFromVideo(const Path& fileURL) = 0;
 
-  /// Asks for an album. Two albums may bear the same title. Nothing when no request can be made.
+  /// Asks for an album. Two albums may have the same title. Nothing if no request can be made.
   virtual std::optional<PHObjectPlaceholder> creationRequestForAssetCollection(const std::string& title) = 0;
 
   /// Asks to add assets, made in this block or earlier, to an album. An asset that the album holds already stays in it
-  /// once. False when there is no such album: nothing is added.
+  /// once. False if there is no such album: nothing is added.
   virtual bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) = 0;
 
-  /// Asks to take assets out of an album; one that it does not hold is passed over. False when there is no such album.
+  /// Asks to take assets out of an album; one that it does not hold is passed over. False if there is no such album.
   virtual bool removeAssets(const std::string& collectionIdentifier,
                             const std::vector<PHObjectPlaceholder>& assets) = 0;
 
-  /// Asks to change an asset. Null when there is none, or it is deleted. The request belongs to the block.
+  /// Asks to change an asset. Null if there is none, or it is deleted. The request belongs to the block.
   virtual PHAssetChangeRequest* changeRequestForAsset(const std::string& localIdentifier) = 0;
 
   /// Asks to delete assets: they leave all albums, and for a day at least they can be recovered. One that is deleted

@@ -18,7 +18,7 @@ class PHPhotosError : public Error {
   PHPhotosError(int code, std::string description) : Error("PHPhotosErrorDomain", code, std::move(description)) {}
 };
 
-/// Who may use the photo library: a setting, with the user's answer written beforehand. Thread-safe.
+/// Says who may use the photo library: a setting, with the user's answer written beforehand. Thread-safe.
 class PhotoAuthorization {
  public:
   PHAuthorizationStatus status() const;

@@ -22,12 +22,12 @@ std::vector<std::string> cookieLines(std::string_view cookies);
 /// The text without the cookies that no host of this URL gets (RFC 6265 5.1.3). Each line keeps its number.
 std::string cookiesFor(std::string_view url, std::string_view cookies);
 
-/// As the options are stored and sent: keys as their members, those that are not set left out.
+/// The options as they are stored and sent: keys are named as the members, and what is not set is left out.
 JSObject objectOf(const TransferOptions& options);
 /// Values of another type count as not set.
 TransferOptions transferOptions(const JSObject& object);
 
-/// Where a transfer stands, for pages and commands.
+/// How far a transfer is, for pages and commands.
 JSObject objectOf(const TransferState& state);
 
 }  // namespace tarn

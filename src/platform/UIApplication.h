@@ -12,7 +12,7 @@ enum class UIApplicationState { active = 0, inactive = 1, background = 2 };
 using UIBackgroundTaskIdentifier = uint64_t;
 inline constexpr UIBackgroundTaskIdentifier UIBackgroundTaskInvalid = 0;
 
-/// Whoever hears of the application's life. All calls come on the main queue.
+/// Is told of the application's life. All calls come on the main queue.
 class UIApplicationObserver {
  public:
   virtual ~UIApplicationObserver() = default;

@@ -20,14 +20,14 @@ struct URL {
   /// Whom a client speaks to: scheme, host and port.
   std::string origin() const { return scheme + "://" + host + ":" + port; }
 
-  /// The last part of the path, percent-decoded, or as it stands where an escape is broken; empty when the path ends in
+  /// The last part of the path, percent-decoded, or as it stands where an escape is broken; empty if the path ends in
   /// "/". It may hold any byte, "/" included.
   std::string lastPathComponent() const;
 };
 
-/// A URL as people write it: what may not stand in the path, the query and the fragment of a URL (RFC 3986) is
+/// A URL as people write it: what may not be in the path, the query and the fragment of a URL (RFC 3986) is
 /// percent-encoded: blanks, quotes, "%" without two digits, bytes beyond ASCII; blanks around it are left out. Control
-/// characters stay, and so does what stands ahead of the path.
+/// characters stay, and so does what comes before the path.
 std::string encodedURL(std::string_view text);
 
 /// The URL of a reference (RFC 3986 5), as a Location field has one; nothing if it does not parse. Any scheme.

@@ -7,11 +7,11 @@
 
 namespace tarn {
 
-/// Bytes of the UTF-8 character at the start of a text, 1 to 4; 0 when there is none. Overlong forms, surrogates and
+/// Bytes of the UTF-8 character at the start of a text, 1 to 4; 0 if there is none. Overlong forms, surrogates and
 /// values above U+10FFFF are no characters (RFC 3629 4).
 size_t characterLength(std::string_view text);
 
-/// The number of the character that these bytes are, all of them; of a byte that is none, that byte.
+/// The number of the character that all these bytes make; for a byte that makes none, that byte.
 uint32_t characterNumber(std::string_view character);
 
 /// True for the empty text too.

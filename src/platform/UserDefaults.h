@@ -18,13 +18,13 @@ class UserDefaults {
   /// The directory is made at the first write.
   UserDefaults(FileManager& files, Path directory) : files_(files), directory_(std::move(directory)) {}
 
-  /// The stored value; nothing when there is none. Throws PosixError when there is one that cannot be read.
+  /// The stored value; nothing if there is none. Throws PosixError when there is one that cannot be read.
   std::optional<Bytes> data(const std::string& key);
 
   /// Stores a value on stable storage. Throws PosixError; the old value then stands.
   void setData(const std::string& key, ByteView value);
 
-  /// The stored number; 0 when there is none, or it cannot be read or is no number.
+  /// The stored number; 0 if there is none, or it cannot be read or is no number.
   int64_t integer(const std::string& key);
   void setInteger(const std::string& key, int64_t value);
 

@@ -83,7 +83,7 @@ class TarnBridge : public CAPPlugin,
   Platform platform_;
   ProcessingSteps steps_;
   DownloadListener* const listener_;
-  std::mutex downloadManagerMutex_;  ///< held while the engine is made, ahead of all of its locks
+  std::mutex downloadManagerMutex_;  ///< held while the engine is made, before all of its locks
   std::shared_ptr<DownloadManager> downloadManager_;
   std::unique_ptr<ProgressWatcher> watcher_;
 };

@@ -50,8 +50,8 @@ void readDescriptions(FileHandle& file, const MP4BoxInfo& stbl, TrackPresentatio
   if (auto entry = entries.next()) track.codec = entry->type;
 }
 
-/// Shows the media as it is: media time is movie time. It begins a whole number of seconds ahead of 0 where pictures
-/// are composed ahead of 0, so that both times are exact.
+/// Shows the media as it is: media time is movie time. It begins a whole number of seconds before 0 if pictures
+/// are composed before 0, so that both times are exact.
 PresentedEdit wholeMedia(uint32_t movieTimescale, const TrackPresentation& track) {
   int64_t seconds = track.mediaStart() < 0 ? -track.mediaStart() / track.timescale + 1 : 0;
   int64_t mediaStart = -seconds * track.timescale;

@@ -20,8 +20,8 @@ using MovieTime = std::chrono::nanoseconds;
 /// One track: its tables, and how its edit list lays them on the movie's timeline. Memory is that of the tables.
 struct TrackPresentation {
   uint32_t trackID = 0;
-  std::string handler = {};         ///< handler_type, as "vide"; empty where it cannot be read
-  std::string codec = {};           ///< tag of the first sample entry; empty where it cannot be read
+  std::string handler = {};         ///< handler_type, as "vide"; empty if it cannot be read
+  std::string codec = {};           ///< tag of the first sample entry; empty if it cannot be read
   uint32_t timescale = 0;           ///< of the `mdhd`; never 0
   bool isEnabled = true;            ///< track_enabled of the `tkhd`
   std::string matrix = {};          ///< of the `tkhd`, its 36 bytes
@@ -46,21 +46,21 @@ struct TrackPresentation {
   SampleTimes times;
   SampleLocations locations;
 
-  /// Those that have a chunk; of a truncated file some may lie behind its end.
+  /// Counts the samples that have a chunk; of a truncated file some may be past its end.
   uint32_t sampleCount() const { return samplesShown + samplesHidden; }
-  /// From the decoding time of a sample to that of the next; 0 for one that is not there.
+  /// The time from the decoding of a sample to that of the next; 0 for a sample that is not there.
   MovieTime sampleLength(uint32_t sample) const;
 };
 
 /// What a player shows of a movie and when, worked out from its tables and edit lists alone: nothing is decoded, no
 /// media is read. A picture's media interval runs from its composition time to that of the next picture in order of
-/// composition, any other sample's from its decoding time to the next one's. What of an interval lies inside an edit is
+/// composition, any other sample's from its decoding time to the next one's. What of an interval is inside an edit is
 /// shown; of a picture no part that is at most one tick of the movie and less than half of the interval. A sample
 /// without an interval is hidden: of pictures with one composition time all but the last in decode order. Serves one
 /// thread.
 class Presentation {
  public:
-  /// Reads the file's first `moov`, wherever it lies. Throws an Error of the domain "Presentation" where there is no
+  /// Reads the file's first `moov`, wherever it is. Throws an Error of the domain "Presentation" if there is no
   /// `moov` or no movie timescale, where the movie is fragmented, or where a track's tables cannot be read, promise
   /// more samples of one size than a file of this size has bytes, or name more than 8 million pictures; PosixError
   /// where the file cannot be read. Tracks of any handler are read; one without samples is kept, with none shown.
@@ -79,7 +79,7 @@ class Presentation {
   /// One tick of the movie.
   MovieTime tick() const;
 
-  /// The first track of this handler; null where there is none.
+  /// The first track of this handler; null if there is none.
   const TrackPresentation* first(std::string_view handler) const;
 
  private:

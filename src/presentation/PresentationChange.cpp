@@ -52,7 +52,7 @@ class ByteMap {
   const CopiedRange* last_ = nullptr;
 };
 
-/// Of the samples that both tracks have, those whose bytes are not known to be the same. What lies behind the end of
+/// Counts those samples of both tracks whose bytes are not known to be the same. What is past the end of
 /// the old file has no bytes to compare. Samples of one size count together, as many as follow each other.
 uint32_t countChanged(const SampleLocations& before, const SampleLocations& after, uint32_t count, SharedBytes shared,
                       bool comparesBytes) {
@@ -191,7 +191,7 @@ void compareInTime(const Side& before, const Side& after, TrackChange& change) {
   change.largestMove = map.largestMove;
   change.hidden = map.hidden;
   change.revealed = map.revealed;
-  // An encoder cuts its last packet; the source's last one may reach over a gap behind it.
+  // An encoder cuts its last packet; the source's last one may reach over a gap after it.
   MovieTime packet{0};
   if (change.isRemade) {
     packet = std::max(before.track.sampleLength(before.track.sampleCount() - 1), after.track.sampleLength(0));
@@ -221,7 +221,7 @@ void compareSamples(const Side& before, const Side& after, SharedBytes shared, b
   change.samplesChanged = countChanged(before.track.locations, after.track.locations, common, shared, comparesBytes);
 }
 
-/// The new track of each old one, null where there is none.
+/// The new track of each old one, null if there is none.
 std::vector<const TrackPresentation*> pairTracks(const Presentation& before, const Presentation& after) {
   std::vector<const TrackPresentation*> left;
   for (const TrackPresentation& track : after.tracks()) left.push_back(&track);

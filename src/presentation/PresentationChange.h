@@ -16,10 +16,10 @@ struct AnnouncedChange {
   /// The track whose samples are made anew (encoded, or laid out anew): of it only the shown ranges and what of the
   /// media they show are compared.
   std::optional<uint32_t> remadeTrack = {};
-  /// Packets of the remade track are the source's, so that they may lie up to this long off their place.
+  /// Packets of the remade track are the source's, so that they may be up to this long off their place.
   MovieTime packetLength{0};
-  /// False where each step has already proved the bytes of its own result: of the samples that are kept the sizes are
-  /// compared then, and nothing of where they lie.
+  /// False if each step has already proved the bytes of its own result: of the samples that are kept the sizes are
+  /// compared then, and nothing of where they are.
   bool comparesBytes = true;
 };
 
@@ -36,12 +36,12 @@ struct TrackChange {
   uint32_t samplesChanged = 0;  ///< whose bytes are not known to be the same
   MovieTime shift{0};           ///< by which the track as a whole moved: the median of its samples; later is above 0
   MovieTime largestMove{0};     ///< of a sample against `shift`; absolute
-  /// Of the shown time, how much is not shown any more; in a video track that of the pictures shown in both. Where the
-  /// media of a remade track end up to a packet earlier or later than the old ones, that does not count, nor does it in
+  /// How much of the shown time is not shown any more; in a video track only pictures count that both show. If the
+  /// media of a remade track end up to a packet earlier or later than the old ones, that counts neither here nor in
   /// `revealed`.
   MovieTime hidden{0};
   MovieTime revealed{0};
-  bool isDescribedOtherwise = false;  ///< enabled, matrix or handler are others
+  bool isDescribedOtherwise = false;  ///< enabled, matrix or handler differ
   bool hasDamagedList = false;        ///< the new edit list is damaged, and the old one was not
 };
 
@@ -65,7 +65,7 @@ PresentationChange comparePresentations(const Presentation& before, const Presen
                                         const AnnouncedChange& announced = {});
 
 /// The check of a step: compares `before` with the result of a worker, and throws RefusedResult with all harms in its
-/// words where there is one, or where the result cannot be read. The file manager and `before` must outlive it.
+/// words if there is one, or where the result cannot be read. The file manager and `before` must outlive it.
 RewriteCheck requireHarmless(FileManager& files, const Presentation& before, const AnnouncedChange& announced);
 
 }  // namespace tarn

@@ -5,7 +5,7 @@
 namespace tarn {
 namespace {
 
-/// The sound, if it was replaced, with packets that lie up to one packet off their place. Each step has compared the
+/// The sound, if it was replaced, with packets that are up to one packet off their place. Each step has compared the
 /// bytes of its own result.
 AnnouncedChange announcedByRepair(const Presentation& source, bool soundWasReplaced) {
   AnnouncedChange announced{.comparesBytes = false};

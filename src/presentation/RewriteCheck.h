@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// A worker calls this with its finished temp file, ahead of the replacement of the file that it rewrites. `copied`
+/// A worker calls this with its finished temp file, before the replacement of the file that it rewrites. `copied`
 /// says which bytes it took over; ranges are sorted by `from` and do not overlap. It throws RefusedResult, or any other
 /// error, to keep the old file: the worker then removes its temp file and passes the error on. May be empty.
 using RewriteCheck = std::function<void(const Path& result, std::span<const CopiedRange> copied)>;

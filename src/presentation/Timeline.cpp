@@ -17,7 +17,7 @@ constexpr double joint = 0.002;           // seconds between two spans that are 
 constexpr double shortestHole = 0.064;    // seconds; less than three packets are nobody's hole
 constexpr double longestFirst = 0.25;     // seconds that recorders add to the first packet
 
-/// Ticks of the media, from `start` on and ahead of `end`.
+/// Ticks of the media, from `start` on and before `end`.
 struct MediaRange {
   int64_t start = 0;
   int64_t end = 0;

@@ -8,7 +8,7 @@
 
 namespace tarn {
 
-/// What people call a track, to stand behind "the": "video", "sound", "text", "\"tmcd\" track"; with its number if the
+/// What people call a track, to come after "the": "video", "sound", "text", "\"tmcd\" track"; with its number if the
 /// movie has several tracks of its handler.
 std::string trackWords(const Presentation& movie, std::string_view handler, uint32_t trackID);
 

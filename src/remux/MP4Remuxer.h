@@ -40,7 +40,7 @@ class MP4Remuxer {
 
   // --- Codec tag (ISO/IEC 14496-12 8.5.2, 14496-15) ---
 
-  /// The four-character code of the video track's first sample entry, whatever the codec; nothing when the way to it
+  /// The four-character code of the video track's first sample entry, whatever the codec; nothing if the way to it
   /// is broken. Throws fileNotFound, and ioError when the file cannot be opened.
   static std::optional<std::string> detectHEVCTag(FileManager& files, const Path& fileURL);
 
@@ -48,7 +48,7 @@ class MP4Remuxer {
   static std::optional<std::string> readVideoCodecFromStsd(FileHandle& file, const MP4BoxInfo& stsd);
 
   /// The repair without a rewrite: a first sample entry "avc3" that holds an `avcC` with at least one SPS and one PPS
-  /// that a decoder can read becomes "avc1", 4 bytes in the file itself, flushed. True when the entry needs nothing
+  /// that a decoder can read becomes "avc1", 4 bytes in the file itself, flushed. True if the entry needs nothing
   /// more; false for HEVC and when there is no such `avcC`. Throws fileNotFound, ioError, corruptedMP4 and, for another
   /// codec, unsupportedFormat. `codecTag` is what the caller found; the tag is read again.
   static bool remuxAVCTag(FileManager& files, const Path& fileURL, std::string_view codecTag);
@@ -61,7 +61,7 @@ class MP4Remuxer {
   /// below. For AVC the tag repair is tried first and is all, unless the samples carry other sets than the entry. A
   /// caller who has a plan of the kind rebuilds or splits hands it over: its sets are then used, nothing is scanned and
   /// no tag repair is tried. An empty `timings` becomes a record of zeros and is filled. The token, which may be null,
-  /// is looked at before the scan, before the `moov` is edited and, where there is one entry, before the file is
+  /// is looked at before the scan, before the `moov` is edited and, if there is one entry, before the file is
   /// written. A new `moov` that is byte for byte the old one is not written. `check` is called as RewriteCheck says.
   ///
   /// Throws CancellationError; MP4RemuxError: fileNotFound, writeError where the temporary directory's file system has
@@ -77,7 +77,7 @@ class MP4Remuxer {
                                               const RewriteCheck& check = {});
 
   /// The `moov` with the box as the first child of the video track's first sample entry, and the entry's tag "hvc1"
-  /// ("encv" stays; its `frma` says "hvc1") or "avc1". Older configuration boxes and what stands behind a damaged child
+  /// ("encv" stays; its `frma` says "hvc1") or "avc1". Older configuration boxes and what follows a damaged child
   /// are left out. Throws ByteArrayError, corruptedMP4 and unsupportedFormat. `moov` has an 8-byte header, here and
   /// below.
   static Bytes injectHvcCBoxIntoMoov(ByteView moovData, ByteView hvcCBox);
@@ -87,7 +87,7 @@ class MP4Remuxer {
   static size_t findStsdOffsetInTrak(ByteView moovData, size_t trakOffset);
 
   /// Adds the change to the sizes of the boxes from the `stsd` of a `trak` up to the `moov`. To be called when the
-  /// bytes behind the `stsd` header have been changed already. Throws corruptedMP4 where a size does not fit 32 bits.
+  /// bytes after the `stsd` header have been changed already. Throws corruptedMP4 if a size does not fit 32 bits.
   static void updateParentBoxSizes(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset);
 
   /// A `sinf` box whose `frma` names the codec, a four-character code (ISO/IEC 14496-12 8.12.2); its length stays.
@@ -100,7 +100,7 @@ class MP4Remuxer {
   /// its segment's entry. Segments that are not given are found in the stream, with the sets of the sample entry in
   /// force at the start. Given ones are those of a plan: segments whose entries would be alike share one, and HEVC
   /// entries state the size that is shown; that of segments which are found is the coded one. Only `stsd`, `stsc` and
-  /// the chunk offsets of the track change; the size in `tkhd` stays. `moovData` is the whole `moov` that stands at
+  /// the chunk offsets of the track change; the size in `tkhd` stays. `moovData` is the whole `moov` that is at
   /// `moovBox` in the file, `fileHandle` the file open for reading, which is closed before the file is replaced. A
   /// `moov` that stays the same is not written. Fills `timings`. Throws MP4RemuxError, ByteArrayError,
   /// ConfigurationBoxError, PosixError, VisualSampleEntryBuilderError, and what the sample table parser and the
@@ -116,7 +116,7 @@ class MP4Remuxer {
                                                 const std::vector<ConfigurationSegment>& segments = {},
                                                 const RewriteCheck& check = {});
 
-  /// A box inside a buffer, in bytes; it lies in the buffer whole.
+  /// A box inside a buffer, in bytes; it is in the buffer whole.
   struct BoxRange {
     size_t offset = 0;
     size_t size = 0;
@@ -132,17 +132,17 @@ class MP4Remuxer {
                                             ByteView newStscBox, ByteView newChunkOffsetBox);
 
   /// The `stbl` with the new boxes in the places of the old; all other children stay where they are, but a second chunk
-  /// offset box, and what stands behind a damaged child, is left out.
+  /// offset box, and what follows a damaged child, is left out.
   static Bytes replaceBoxesInStbl(ByteView stblData, ByteView newStsd, ByteView newStsc, ByteView newChunkOffset);
 
-  /// As updateParentBoxSizes, from the box around the `stbl` up.
+  /// Does the same as updateParentBoxSizes, from the box around the `stbl` up.
   static void updateParentBoxSizesForStbl(std::span<uint8_t> moovData, int64_t sizeDelta, size_t videoTrakOffset);
 
   // --- Rewrite ---
 
   /// Writes the file anew in the temporary directory, its top-level boxes in their order and `newMoovData` in the place
   /// of the `moov` at `moovBox`, and replaces it in one step. Chunk offsets in `newMoovData`, which are those of the
-  /// source, are corrected for media that move. Bytes behind the last whole box are copied as they are. `fileHandle` is
+  /// source, are corrected for media that move. Bytes after the last whole box are copied as they are. `fileHandle` is
   /// the source, open for reading; it is closed before the replace. `check` is called with the finished file. On
   /// failure the source is as it was and no temporary file is left. Throws writeError, corruptedMP4, ioError,
   /// PosixError, and what the check throws.

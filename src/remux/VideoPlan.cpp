@@ -77,7 +77,7 @@ class Planner {
     return std::nullopt;
   }
 
-  /// Of another codec: its samples are not looked at.
+  /// True if the entry is of another codec: its samples are not looked at.
   bool isForeign(const VideoEntry& entry) const { return !codec_.accepts(entry.tag); }
   bool isComplete(const VideoEntry& entry) const { return tarn::isComplete(entry.sets, codec_.nal); }
   bool areComplete() const {
@@ -90,7 +90,7 @@ class Planner {
     return isComplete(entry) ? entry.nalLengthSize : plan_.nalLengthSize;
   }
 
-  /// That of the first whole entry, else what the samples vote for.
+  /// The length size of the first complete entry, else the one that most samples fit.
   int findNALLengthSize() {
     for (const VideoEntry* entry : inUse_) {
       if (isComplete(*entry)) return entry->nalLengthSize;

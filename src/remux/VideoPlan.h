@@ -33,7 +33,7 @@ struct VideoPlan {
 
 /// Makes the plan for the first video track. Returns nothing if its first sample entry has a tag other than "hev1",
 /// "hvc1", "avc1" and "avc3". Reads the tables, and of each sync sample the front as far as the first slice. Throws
-/// MP4RemuxError (fileNotFound, ioError; corruptedMP4 where there is no way to the sample entries), NALUnitParserError,
+/// MP4RemuxError (fileNotFound, ioError; corruptedMP4 if there is no way to the sample entries), NALUnitParserError,
 /// what the sample table parser throws, and PosixError.
 std::optional<VideoPlan> planVideo(FileManager& files, const Path& path);
 

@@ -27,9 +27,9 @@ class VisualSampleEntryBuilder {
   /// an entry on the way runs over the data.
   static Bytes extractSampleEntry(ByteView stsdData, int64_t entryIndex);
 
-  /// The entry with this configuration box, a whole `hvcC` or `avcC`, behind its other children and with the target
+  /// The entry with this configuration box, a whole `hvcC` or `avcC`, after its other children and with the target
   /// tag, a four-character code; "encv" stays, and its `frma` gets the target. With a size, width and height are set
-  /// and a `clap` of that size (12.1.4) stands last in place of any older one; a size that the 16-bit fields cannot
+  /// and a `clap` of that size (12.1.4) comes last in place of any older one; a size that the 16-bit fields cannot
   /// hold is left out. Children from the first damaged one on are lost, and so is a last one of 8 bytes. Throws
   /// VisualSampleEntryBuilderError for an entry of fewer than 86 bytes and for a result of more than 32 bits.
   static Bytes cloneEntry(ByteView originalEntry, ByteView configBox, const VideoCodec& codec,

@@ -24,13 +24,13 @@ namespace {
 
 // Boxes in buffers of C callers: a pointer, which may be null, and a length, which may be negative.
 
-/// True when the buffer holds at least `minimum` bytes of a box of this type.
+/// True if the buffer holds at least `minimum` bytes of a box of this type.
 bool isBox(const uint8_t* buffer, int32_t length, uint32_t type, size_t minimum) {
   return buffer != nullptr && length >= 0 && static_cast<size_t>(length) >= minimum &&
          layout::load32(buffer, layout::boxType) == type;
 }
 
-/// The bytes of a box of this type; none when the buffer does not hold at least the 16 bytes ahead of a table's
+/// The bytes of a box of this type; none if the buffer does not hold at least the 16 bytes before a table's
 /// entries.
 ByteView tableBox(const uint8_t* buffer, int32_t length, uint32_t type) {
   if (!isBox(buffer, length, type, layout::tableHeaderSize)) return {};
@@ -42,7 +42,7 @@ TableEntries tableEntries(const uint8_t* buffer, int32_t length, uint32_t type, 
   return {tableBox(buffer, length, type), entrySize, TableEntries::HugeCount::isNone};
 }
 
-/// Writes the 16 bytes ahead of a table's entries.
+/// Writes the 16 bytes before a table's entries.
 void storeTableHeader(uint8_t* out, uint32_t size, uint32_t type, uint8_t version, uint32_t entryCount) {
   layout::store(out, layout::boxSize, size);
   layout::store(out, layout::boxType, type);
@@ -76,7 +76,7 @@ int64_t nominalDelta(const TableEntries& stts) {
   return best.delta;
 }
 
-/// True when the ascending table lists this 1-based sample number.
+/// True if the ascending table lists this 1-based sample number.
 bool listsSample(const TableEntries& stss, int64_t number) {
   for (size_t i = 0; i < stss.size(); ++i) {
     int64_t listed = layout::load32(stss.entry(i), layout::syncSampleNumber);
@@ -124,7 +124,7 @@ uint32_t timescaleOf(const uint8_t* buffer, int32_t length, uint32_t type, size_
   return clock ? clock->timescale : 0;
 }
 
-/// A table box's size for so many 8-byte entries; -1 when it does not fit the result.
+/// A table box's size for this many 8-byte entries; -1 when it does not fit the result.
 int32_t runTableSize(uint64_t entries) {
   constexpr uint64_t limit = std::numeric_limits<int32_t>::max();
   if (entries > (limit - layout::tableHeaderSize) / layout::runEntrySize) return -1;

@@ -25,7 +25,7 @@ struct MoovEdits {
   int64_t audioTrackDuration = 0;          ///< likewise
   std::optional<Bytes> convertedCttsData;  ///< a whole `ctts` that takes the place of the one below
   uint64_t originalCttsOffset = 0;         ///< in the file
-  uint64_t originalCttsSize = 0;           ///< bytes; 0 when there is none
+  uint64_t originalCttsSize = 0;           ///< bytes; 0 if there is none
 };
 
 /// Finds out where a file's tracks start, and writes edit lists (ISO/IEC 14496-12 8.6.6) that make them start together
@@ -37,13 +37,13 @@ class MP4AVSyncFixer {
   /// audio has no audio entries, 48000 and 2112.
   static OriginalSyncInfo readOriginalSyncInfo(FileManager& files, const Path& fileURL);
 
-  /// Fixes a file in place. True when its `moov` was rewritten, false when nothing had to be done.
+  /// Fixes a file in place. True if its `moov` was rewritten, false if nothing had to be done.
   /// `token` (may be null) is asked at the start and before the rewrite; a set one throws CancellationError.
   /// `timings` (may be null) is filled. `original` comes from readOriginalSyncInfo on the file as it was before any
   /// repair. `audioWasTranscoded` says that the audio track is not the source's any more. `names` (may be null) holds
   /// the temp file's name while it is written. With an `order` (may be null) the file gets exactly the lists that it
   /// holds; nothing is worked out from the file or from `original`, and a file without audio counts too. `check` is
-  /// called ahead of the replacement, and keeps the file as it was if it throws.
+  /// called before the replacement, and keeps the file as it was if it throws.
   static bool fix(FileManager& files, const Path& fileURL, const CancellationToken* token, AVSyncTimings* timings,
                   const std::optional<OriginalSyncInfo>& original, bool audioWasTranscoded,
                   NamesInTheMaking* names = nullptr, const SyncFixOrder* order = nullptr,
@@ -70,17 +70,17 @@ class MP4AVSyncFixer {
 
   static TrackTimingInfo parseVideoTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox);
 
-  /// Nothing when there is no audio track, or none with a timescale. Priming counts for replaced audio alone.
+  /// Nothing if there is no audio track, or none with a timescale. Priming counts for replaced audio alone.
   static std::optional<AudioTrackTimingInfo> parseAudioTrackInfo(FileHandle& file, const MP4BoxInfo& moovBox,
                                                                  bool audioWasTranscoded);
 
-  /// The track's edit list, video or audio, at most 16 entries; empty when there is none.
+  /// The track's edit list, video or audio, at most 16 entries; empty if there is none.
   static std::vector<EditListEntry> parseVideoEditList(FileHandle& file, const MP4BoxInfo& moovBox, MP4TrackType type);
 
   /// The format of the first sample entry; "unknown" when it cannot be read.
   static std::string parseAudioCodec(FileHandle& file, const MP4BoxInfo& mdiaBox);
 
-  /// The duration of a whole `mdhd`, track timescale; 0 when it is cut short, or says that it is not known (all bits
+  /// The duration of a whole `mdhd`, track timescale; 0 if it is cut short, or says that it is not known (all bits
   /// set).
   static int64_t parseMdhdDuration(ByteView mdhd);
 

@@ -33,7 +33,7 @@ std::string remedyOf(const Presentation& movie, const TrackPresentation& track, 
                               : fmt::format("wrote an edit list that shows all of the {}", name);
 }
 
-/// The list that a track needs; nothing if its own says the truth.
+/// The list that a track needs; nothing if its own is right.
 std::optional<PlannedEditList> neededList(const Presentation& movie, const TrackPresentation& track) {
   if (track.sampleCount() == 0) return std::nullopt;
   const bool isDamaged = track.damage != EditListDamage::none;
@@ -41,7 +41,7 @@ std::optional<PlannedEditList> neededList(const Presentation& movie, const Track
                          movie.first(handlerTypeText(MP4TrackType::audio)) && track.firstCompositionTime != 0;
   if (!isDamaged && !lacksList) return std::nullopt;
   PlannedEditList list = wholeMedia(track, movie.movieTimescale());
-  // From 0 on without a list, as with one.
+  // Without a list the track is shown from 0 on, as it would be with this one.
   if (!isDamaged && list.entries.size() < 2) return std::nullopt;
   list.reason = editListWords(movie, track);
   list.remedy = remedyOf(movie, track, list);

@@ -25,7 +25,7 @@ struct SyncFixOrder {
 /// damaged gets one that shows its whole media in place, and so does the first video track when it has no list, sound
 /// beside it and a first picture that is not at 0. Where a list cannot say so (media from below 0 on, an offset that
 /// the ticks of the movie miss by more than a millisecond), the track is left without a list, which says the same. A
-/// movie without a video track is left alone. No side effects. Throws AVSyncError::analysisError where a time leaves 64
+/// movie without a video track is left alone. No side effects. Throws AVSyncError::analysisError if a time leaves 64
 /// bits.
 SyncFixOrder orderSyncFix(const Presentation& presentation);
 

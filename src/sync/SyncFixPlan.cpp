@@ -63,7 +63,7 @@ void decideOffset(const SyncFixFacts& facts, SyncFixPlan& plan) {
   plan.syncOffset = isAbove ? plan.measuredOffset : 0;
 }
 
-/// The media from `mediaTime` on, behind so much empty time.
+/// The media from `mediaTime` on, after so much empty time.
 PlannedEditList editList(int64_t emptyDuration, int64_t playable, int64_t mediaTime, std::string reason) {
   PlannedEditList list{.entries = {}, .trackDuration = playable, .reason = std::move(reason)};
   if (emptyDuration > 0) {

@@ -39,7 +39,7 @@ struct SyncFixPlan {
 
   AVSyncCrossTrackAnalysis analysis{};
   int64_t measuredOffset = 0;  ///< audio start minus video start before `offsetRule`, movie timescale
-  int64_t syncOffset = 0;      ///< the same behind it
+  int64_t syncOffset = 0;      ///< the same after it
   OffsetRule offsetRule = OffsetRule::withinTolerance;
   int64_t audioMediaTime = 0;  ///< where the audio's edit starts, audio timescale
   int64_t videoPlayable = 0;   ///< movie timescale
@@ -53,7 +53,7 @@ struct SyncFixPlan {
 /// Largest offset between the tracks that is let go, in milliseconds.
 inline constexpr double syncToleranceMilliseconds = 50.0;
 
-/// Decides which edit list each track needs. No side effects. Throws AVSyncError::analysisError where a time leaves 64
+/// Decides which edit list each track needs. No side effects. Throws AVSyncError::analysisError if a time leaves 64
 /// bits.
 SyncFixPlan planSyncFix(const SyncFixFacts& facts);
 

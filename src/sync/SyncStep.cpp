@@ -9,7 +9,7 @@
 namespace tarn {
 namespace {
 
-/// Puts the edit lists right that do not say the truth; false when there are none.
+/// Writes the edit lists that are wrong anew; false if there are none.
 bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
   TimingHelper timer;
   const auto presentation = Presentation::read(run.files, run.fileURL);

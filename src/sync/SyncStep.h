@@ -4,7 +4,7 @@
 
 namespace tarn {
 
-/// Writes new edit lists where a track's own list is damaged or missing; lists that say the truth stay, and so does the
+/// Writes new edit lists where a track's own list is damaged or missing; lists that are right stay, and so does the
 /// whole file then. A failure ends nothing: the file is as it was, and the run goes on.
 class SyncStep : public ProcessingStep {
  public:

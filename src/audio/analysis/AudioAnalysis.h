@@ -31,10 +31,10 @@ std::string_view text(GapType type);
 
 /// A forward jump of the presentation time.
 struct AudioGap {
-  CMTime position;  ///< where the audio ahead of it ends
+  CMTime position;  ///< where the audio before it ends
   CMTime duration;
-  int64_t frameIndex = 0;    ///< of the compressed buffer behind it, 0-based
-  int64_t sampleOffset = 0;  ///< PCM samples ahead of that buffer, at the source's actual rate
+  int64_t frameIndex = 0;    ///< of the compressed buffer after it, 0-based
+  int64_t sampleOffset = 0;  ///< PCM samples before that buffer, at the source's actual rate
 };
 
 /// A backward jump of the presentation time.

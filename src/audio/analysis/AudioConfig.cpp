@@ -26,7 +26,7 @@ std::optional<uint32_t> firstDeltaOf(FileHandle& file, const MP4BoxInfo& minf) {
 
 int64_t objectType(const CMFormatDescription& description) {
   if (const auto type = announcedObjectType(CMAudioFormatDescriptionGetMagicCookie(description))) return *type;
-  // MPEG audio bears the same tag as AAC and has no configuration either; its packets must not pass as AAC.
+  // MPEG audio has the same tag as AAC and has no configuration either; its packets must not pass as AAC.
   return indicatesMPEGAudio(description.objectTypeIndication) ? objectTypeLayer3 : objectTypeLC;
 }
 

@@ -12,7 +12,7 @@ struct AudioTimingInfo {
   int64_t sampleDelta = 1024;  ///< of the first `stts` entry
 };
 
-/// From the boxes; the defaults where they cannot be read. Never fails.
+/// Reads the boxes; returns the defaults if they cannot be read. Never fails.
 AudioTimingInfo parseAudioTimingInfo(FileManager& files, const Path& fileURL);
 
 /// Never fails: what cannot be read does not match, and says why.

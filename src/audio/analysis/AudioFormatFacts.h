@@ -25,7 +25,7 @@ struct PacketCount {
 };
 PacketCount countSamples(const CMSampleBuffer& buffer, AACType aacType);
 
-/// Of the first description that names any; 2 where none does.
+/// The channels of the first description that names any; 2 if none does.
 int64_t getSourceChannelCount(FileManager& files, const Path& fileURL);
 
 }  // namespace tarn

@@ -58,7 +58,7 @@ struct QuickCrossTrackResult {
   std::string description() const;
 };
 
-/// For each compressed buffer the PCM samples ahead of it, and its time.
+/// For each compressed buffer the PCM samples before it, and its time.
 struct PTSMap {
   std::vector<int64_t> offsets;
   std::vector<CMTime> times;

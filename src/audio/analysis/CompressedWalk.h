@@ -16,7 +16,7 @@ class CompressedWalk {
   CompressedWalk(const AVAsset& asset, const AVAssetTrack& track)
       : reader_(asset), output_(std::make_shared<AVAssetReaderTrackOutput>(track)) {}
 
-  /// Adds the output to the reader; false when it cannot be added.
+  /// Adds the output to the reader; false if it cannot be added.
   bool addOutput() {
     if (!reader_.canAddOutput(*output_)) return false;
     reader_.addOutput(output_);
@@ -39,7 +39,7 @@ inline bool isStated(const CMTime& time) {
   return time.isValid() && !time.isIndefinite();
 }
 
-/// Where a buffer ends: its stated duration behind its time, or else so many frames at this rate in Hz.
+/// Where a buffer ends: its stated duration after its time, or else this many frames at this rate in Hz.
 inline CMTime endOf(const CMSampleBuffer& buffer, int64_t frames, double rate) {
   const CMTime length = isStated(buffer.duration) ? buffer.duration : CMTime::make(frames, frameTimescale(rate));
   return buffer.presentationTimeStamp + length;

@@ -23,7 +23,7 @@ class ShownMedia {
     if (edits_.size() > mostEdits) edits_ = {MediaEdit{}};
   }
 
-  /// When a stretch of media is first shown, or what of it is; nothing if none of it is.
+  /// When the first part of a stretch of media is shown; nothing if no part of it is.
   std::optional<CMTime> timeOf(int64_t start, int64_t end) const {
     for (const MediaEdit& edit : edits_) {
       const int64_t from = std::max(start, edit.mediaStart);

@@ -121,7 +121,7 @@ void tellOfAudioGaps(const std::vector<TimelineGap>& gaps) {
       real.size(), totalSeconds(real));
 }
 
-/// Sorts the actions and counts the silence of each into the places of those behind it.
+/// Sorts the actions and counts the silence of each into the places of those after it.
 std::vector<SilenceAction> placed(std::vector<SilenceAction> actions, double sampleRate) {
   constexpr int64_t packet = 1024;
   std::ranges::stable_sort(actions, Earlier(), &SilenceAction::videoPTS);

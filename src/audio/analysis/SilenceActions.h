@@ -10,7 +10,7 @@
 namespace tarn {
 
 /// Where silence is missing, by the two timelines side by side. `syncOffsetSeconds` is that of the source, positive
-/// when its audio is delayed; 0 when it is not known. Gaps of both tracks match that lie no further apart than the
+/// when its audio is delayed; 0 if it is not known. Gaps of both tracks match that are no further apart than the
 /// tolerance.
 std::vector<SilenceAction> detectSilenceActions(const VideoTimeline& videoTimeline, const AudioCoverage& audioCoverage,
                                                 double sampleRate, double syncOffsetSeconds,

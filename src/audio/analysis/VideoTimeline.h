@@ -11,7 +11,7 @@ namespace tarn {
 /// second. Throws AudioTranscoderError, and the failure of a file that cannot be opened.
 VideoTimeline buildVideoTimeline(const AVAsset& asset, const AVAssetTrack& videoTrack, double gapThresholdSeconds);
 
-/// Sorts the gaps and joins those that lie no further apart than the tolerance, in seconds.
+/// Sorts the gaps and joins those that are no further apart than the tolerance, in seconds.
 std::vector<TimelineGap> mergeOverlappingGaps(std::vector<TimelineGap> gaps, double toleranceSeconds);
 
 }  // namespace tarn

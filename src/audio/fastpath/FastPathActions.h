@@ -15,8 +15,8 @@ struct FastPathLayout {
   int64_t packetTicks = 0;           ///< length of each packet, in the track's timescale
 };
 
-/// A gap counts from half a packet on. Nothing if some packet would come to lie more than a packet's length off its
-/// place, or if a packet is no whole number of ticks long. Throws Error where the tables cannot be read.
+/// A gap counts from half a packet on. Nothing if some packet would come to be more than a packet's length off its
+/// place, or if a packet is no whole number of ticks long. Throws Error if the tables cannot be read.
 std::optional<FastPathLayout> layOutForFastPath(const AVAsset& asset, const AVAssetTrack& audioTrack);
 
 }  // namespace tarn

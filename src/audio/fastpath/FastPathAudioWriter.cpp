@@ -15,7 +15,7 @@ Bytes moovFor(const FastPathAudioBuilder::BuildResult& buildResult, uint64_t mda
   return buildAudioMoovBox(buildResult, tables.stsz, tables.stts, tables.stsc, tables.stco);
 }
 
-/// All that stands ahead of the packets. The `moov` is as long wherever they lie, as long as 32 bits can name the
+/// All that comes before the packets. The `moov` is as long wherever they are, as long as 32 bits can name the
 /// place.
 Bytes boxesAhead(const FastPathAudioBuilder::BuildResult& buildResult) {
   Bytes boxes = buildFtypBox();

@@ -5,7 +5,7 @@
 namespace tarn {
 
 /// The `moov` of an M4A with one AAC-LC stereo track, from whole boxes of its sample table. The movie's timescale is
-/// the track's. Throws an Error where a value or a size does not fit its field.
+/// the track's. Throws an Error if a value or a size does not fit its field.
 Bytes buildAudioMoovBox(const FastPathAudioBuilder::BuildResult& buildResult, ByteView stsz, ByteView stts,
                         ByteView stsc, ByteView stco);
 

@@ -89,7 +89,7 @@ void makeFixedFile(ProcessingRun& run, const Path& fixed) {
   run.files.synchronizeDirectory(fixed.parent_path());
 }
 
-/// False where the new audio would harm or the file's boxes take no new track: the file is as it was, and the user is
+/// False if the new audio would harm or the file's boxes take no new track: the file is as it was, and the user is
 /// told.
 bool trySwap(ProcessingRun& run, const AudioSwap& swap, const Path& newAudio, const Path& fixed) {
   try {
@@ -136,7 +136,7 @@ void replaceAudio(ProcessingRun& run, const std::string& done, unsigned workers)
   run.updateProcessingStage(ProcessingStage::transcoded);
   timer.start();
   makeFixedFile(run, fixed);
-  run.mended("", done);  // a run that is cut off behind the swap goes on from this record
+  run.mended("", done);  // a run that is cut off after the swap goes on from this record
   run.updateProcessingStage(ProcessingStage::audioReplacing);
   run.audioWasTranscoded = trySwap(run, swap, newAudio, fixed);
   if (!run.audioWasTranscoded) std::erase(run.state.done, done);

@@ -33,8 +33,8 @@ Bytes createDefaultFtyp() {
   return ftyp;
 }
 
-/// Where the bytes of the inputs go: what is ahead of the `moov` stays, the new media come behind it, and the rest of
-/// the source behind them.
+/// Where the bytes of the inputs go: what is before the `moov` stays, the new media come after it, and the rest of
+/// the source after them.
 struct Places {
   Places(uint64_t ftypSize, uint64_t moovSize, const ReplacerInput& original, const ReplacerInput& newAudio) {
     const BoxHeader& moov = original.moovBox();
@@ -43,7 +43,7 @@ struct Places {
     const MediaMove& last = audioMoves.back();
     const uint64_t at = requireSum(last.newBegin, last.end - last.begin);
     requireSum(at, original.layout().fileSize);
-    // Also what a damaged file says to lie behind its end.
+    // Also what a damaged file says to be past its end.
     sourceMoves = {{0, moov.offset, ftypSize}, {moov.end(), farthestOffset - at, at}};
     // And chunks in the moov: there are none, and who says so will not be believed in the result either.
     chunkMoves = {sourceMoves.front(), {moov.offset + 1, moov.end() - 1, ftypSize + moov.offset}, sourceMoves.back()};

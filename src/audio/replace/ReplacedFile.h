@@ -19,7 +19,7 @@ struct Patch {
 std::vector<Patch> makePatches(const ReplacedMovie& movie, const ReplacerInput& original,
                                const ReplacerInput& newAudio);
 
-/// Writes the source with its patches, and the media of `newAudio` behind the `moov`; returns what it copied of the
+/// Writes the source with its patches, and the media of `newAudio` after the `moov`; returns what it copied of the
 /// source. Throws AudioTrackReplacerError and PosixError.
 std::vector<CopiedRange> writeReplacedFile(const ReplacerInput& original, const ReplacerInput& newAudio,
                                            const std::vector<Patch>& patches, FileHandle& output);

@@ -28,7 +28,7 @@ struct SampleRuns {
   uint64_t totalDuration = 0;
 };
 
-/// Nothing for a table that ends ahead of its entries.
+/// Nothing for a table that ends before its entries.
 std::optional<SampleRuns> sumRuns(ByteView stts) {
   const TableEntries entries(stts, layout::runEntrySize, TableEntries::HugeCount::isCut);
   SampleRuns runs{.entries = layout::load(stts.data(), layout::entryCount)};

@@ -12,7 +12,7 @@ class NoiseTable {
  public:
   static constexpr size_t size = 4096;
 
-  /// From the system's random generator.
+  /// Fills the table from the system's random generator.
   NoiseTable();
   /// The same values for the same seed.
   explicit NoiseTable(uint64_t seed);

@@ -51,7 +51,7 @@ AVAssetTrack withoutEditList(const AVAsset& asset, const AVAssetTrack& audioTrac
   }
 }
 
-/// As they come out of the decoder, which may be more than a sample entry says, or fewer.
+/// How many channels come out of the decoder, which may be more or fewer than a sample entry says.
 std::optional<int64_t> channelsOf(const AVAsset& asset, const AVAssetTrack& audioTrack) {
   try {
     const int channels = decodedChannels(*asset.compressedSamples(audioTrack));

@@ -78,7 +78,7 @@ TranscodeLoop::Entries TranscodeLoop::takeEntries(int64_t frames) {
   return taken;
 }
 
-/// Writes the buffer held back, unless the cap lies ahead of it, and gives the value at which it ends.
+/// Writes the buffer held back, unless the cap is before it, and gives the value at which it ends.
 int16_t TranscodeLoop::settlePending(const Entries& entries) {
   AVAudioPCMBuffer pending = std::exchange(state_.pendingBuffer, std::nullopt)->pcmBuffer;
   if (!fitUnderCap(pending, "pending")) return 0;
@@ -93,7 +93,7 @@ int64_t TranscodeLoop::framesUnderCap() const {
   return nearestFrame(state_.config.sampleRate * (*plan_.cap - state_.outputSeconds()));
 }
 
-/// Cuts a buffer off at the cap; false when nothing of it lies ahead of the cap.
+/// Cuts a buffer off at the cap; false if nothing of it is before the cap.
 bool TranscodeLoop::fitUnderCap(AVAudioPCMBuffer& buffer, const char* name) {
   if (!plan_.cap) return true;
   const double cap = *plan_.cap;
@@ -135,7 +135,7 @@ void TranscodeLoop::insertSilence(const Entries& entries, int16_t lastValue, int
   state_.currentBufferNeedsFadeIn = state_.config.enableFadeSmoothing;
 }
 
-/// As much of a silence as fits under the cap.
+/// How much of a silence fits under the cap.
 int64_t TranscodeLoop::limitedSilence(int64_t frames) {
   if (!plan_.cap) return frames;
   const int64_t room = std::max<int64_t>(framesUnderCap(), 0);

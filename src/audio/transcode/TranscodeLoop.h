@@ -22,7 +22,7 @@ class PCMSink {
 
 /// The second pass between decoder and encoder: decoded buffers go in, and what comes out has the plan's silences put
 /// in and its overlaps cut, and ends at the cap. The output runs without a break from time zero: a buffer starts where
-/// the one before ended, whatever its time in the source. One buffer is always held back, as a gap ahead of the next
+/// the one before ended, whatever its time in the source. One buffer is always held back, as a gap before the next
 /// one fades it out. Serves one thread; the references must outlive it.
 class TranscodeLoop {
  public:
@@ -41,7 +41,7 @@ class TranscodeLoop {
   const AudioTranscodingState& state() const { return state_; }
 
  private:
-  /// What of the plan concerns one buffer.
+  /// The part of the plan that concerns one buffer.
   struct Entries {
     int64_t gaps = 0;
     double gapSeconds = 0;

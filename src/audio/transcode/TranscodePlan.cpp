@@ -20,7 +20,7 @@ namespace {
 
 constexpr double gapThresholdSeconds = 0.5;
 constexpr double leastEmptyEdit = 0.01;
-constexpr double longestEndSilence = 60;  // seconds, behind the last packet of the media
+constexpr double longestEndSilence = 60;  // seconds, after the last packet of the media
 
 AudioGap gapOf(const SilenceAction& action) {
   return {.position = action.videoPTS, .duration = action.duration, .sampleOffset = action.audioSampleOffset};
@@ -134,7 +134,7 @@ TranscodePlan analyzeTimelines(const AVAsset& asset, const AVAssetTrack& audioTr
 
 TranscodePlan planWholeMedia(const AVAssetTrack& audioTrack, double shownMediaEnd, const TranscodeConfig& config) {
   TranscodePlan plan{.keepsTimeline = true, .sourceSeconds = audioTrack.timeRange.duration.seconds()};
-  // The fade at the cap lies behind what is shown.
+  // The fade at the cap is after what is shown.
   const double wanted = shownMediaEnd + config.fadeDurationMs / 1000;
   plan.cap = std::clamp(wanted, 0.0, std::max(plan.sourceSeconds, 0.0));
   plan.largestPad = wholeFrames(config.sampleRate * longestEndSilence);

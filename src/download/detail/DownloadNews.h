@@ -18,13 +18,13 @@ class DownloadNews {
   DownloadNews(const DownloadRegistry& registry, const EnginePosts& posts, DownloadListener* listener)
       : registry_(registry), posts_(posts), listener_(listener) {}
 
-  /// Tells the listener of a download that was taken. Comes ahead of all else that is done about it.
+  /// Tells the listener of a download that was taken. Comes before all else that is done about it.
   void began(const DownloadTask& download);
 
   /// The progress of a download's run, with the text that the page shows for it.
   void showProgress(int64_t id, double progress, const std::string& stage);
 
-  /// Tells the listener how a download ended. Comes ahead of all else that tells of the same end.
+  /// Tells the listener how a download ended. Comes before all else that tells of the same end.
   void ended(const RunOutcome& outcome);
 
   /// Tells the listener of a download that failed outside of a run, and marks its task as failed.

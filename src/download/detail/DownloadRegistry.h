@@ -12,7 +12,7 @@
 
 namespace tarn {
 
-/// Every task that the engine holds, who hears about each, and which transfer belongs to which: three maps under one
+/// Every task that the engine holds, who is told about each, and which transfer belongs to which: three maps under one
 /// lock. It may be used while another lock is held; under its own only tasks are used. Thread-safe.
 class DownloadRegistry {
  public:
@@ -24,10 +24,10 @@ class DownloadRegistry {
 
   DownloadTaskPointer find(int64_t id) const;
   bool contains(int64_t id) const { return find(id) != nullptr; }
-  /// By id, the oldest first.
+  /// All tasks by their ids, the oldest first.
   std::vector<DownloadTaskPointer> all() const;
 
-  /// Sets who hears of a task, if the task is there.
+  /// Sets who is told of a task, if the task is there.
   void setDelegate(int64_t id, const std::weak_ptr<DownloadManagerDelegate>& delegate);
   void removeDelegate(int64_t id);
   DelegatePointer delegate(int64_t id) const;

@@ -71,7 +71,7 @@ void DownloadRemoval::clearAll() {
   wipeLater();
 }
 
-/// Removes, later, the tasks that exist now: not a download that is started after the call. The page hears of none of
+/// Removes, later, the tasks that exist now: not a download that is started after the call. The page is told of none of
 /// them any more.
 void DownloadRemoval::wipeLater() {
   const auto tasks = engine_.registry.all();

@@ -51,7 +51,7 @@ void DownloadStarter::takeUpStoredTransfers() {
 void DownloadStarter::takeUp(const NotedTransfer& stored) {
   const DownloadTask::Transfer& transfer = stored.transfer;
   const int64_t id = stored.note.id;
-  if (stored.note.isPaused) transfer->suspend();  // a kill may have come ahead of that
+  if (stored.note.isPaused) transfer->suspend();  // a kill may have come before that
   const bool isWaiting = transfer->state() == NSURLSessionTaskState::suspended;
   const bool isPaused = isWaiting && stored.note.isPaused;
   if (isWaiting) engine_.registry.mapTransfer(transfer->taskIdentifier(), id);

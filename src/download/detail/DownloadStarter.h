@@ -24,14 +24,14 @@ class DownloadStarter {
   explicit DownloadStarter(EngineState& engine)
       : engine_(engine), sessionIdentifier_(engine.platform.application.bundleIdentifier() + ".downloads") {}
 
-  /// Who hears the session's events. Set once, before anything is started.
+  /// Sets who receives the session's events; once, before anything is started.
   void setSessionDelegate(std::weak_ptr<NSURLSessionDownloadDelegate> delegate) { sessionDelegate_ = delegate; }
 
-  /// Brings back the tasks of the last process and goes on with them; `delegate` hears of those that are under way.
+  /// Brings back the tasks of the last process and goes on with them; `delegate` is told of those that are under way.
   /// Throws PosixError when the stored list cannot be read.
   void load(const std::weak_ptr<DownloadManagerDelegate>& delegate);
 
-  /// Starts a download, or puts it into the line. Null when the URL does not parse. It gets `wantedId`, if that is free
+  /// Starts a download, or puts it into the line. Null if the URL does not parse. It gets `wantedId`, if that is free
   /// and above 0.
   DownloadTaskPointer start(const DownloadRequest& request, const DelegatePointer& delegate,
                             std::optional<int64_t> wantedId);
@@ -39,7 +39,7 @@ class DownloadStarter {
   /// A download that needs no transfer and no slot, since its file is there: in the registry, and not stored yet.
   DownloadTaskPointer takeWithoutTransfer(const DownloadRequest& request, const DelegatePointer& delegate);
 
-  /// Starts a download that stands in no line, or puts it at the end of the line if no slot is free.
+  /// Starts a download that is in no line, or puts it at the end of the line if no slot is free.
   void startOrQueue(const PendingDownload& download);
 
   /// Starts downloads of the line while slots are free.

@@ -59,7 +59,7 @@ bool ProcessingLine::ended(const ProcessingRun& run) {
   const auto next = engine_.gate.endRun(run.token, outcome, isKnown);
   backgroundTime_.end(outcome.id);
   if (outcome.kind != cancelled) starter_.releaseSlot(outcome.id);
-  // Nobody hears of a download that is out of the registry.
+  // Nobody is told of a download that is out of the registry.
   if (download && !next.wasTakenAway) {
     if (outcome.isFinal()) engine_.news.tellFinished(download, run.fileURL);
     if (!outcome.isFinal() && outcome.kind == failed) engine_.news.tellFailed(download);

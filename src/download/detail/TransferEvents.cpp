@@ -114,7 +114,7 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
     const auto hold = holdDestination(task->id, request);
     log("Download finished for url {} moving to {}", location.string(), hold.path().string());
     if (!files.fileExists(location)) {
-      // The page hears of this one with the transfer's last event.
+      // The page is told of this one with the transfer's last event.
       log("Source file does not exist {}", location.string());
       failHandOver(task, std::make_exception_ptr(Error("FileNotFound", 404, "Downloaded file not found")));
       return std::nullopt;

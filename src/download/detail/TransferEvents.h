@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// Hears what becomes of transfers, and hands their files over to the pipeline. Events come on the session's delegate
+/// Is told what becomes of transfers, and hands their files over to the pipeline. Events come on the session's delegate
 /// queue, one at a time: it has a thread of its own, so an event may wait for a name and look into a whole file.
 class TransferEvents : public NSURLSessionDownloadDelegate {
  public:

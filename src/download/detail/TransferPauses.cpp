@@ -12,7 +12,7 @@ bool isUnderWay(const DownloadTask::Snapshot& fields) {
   return fields.status == DownloadStatus::queued || fields.status == DownloadStatus::downloading;
 }
 
-/// On stable storage ahead of what it tells. Throws PosixError.
+/// On stable storage before what it tells. Throws PosixError.
 void notePause(DownloadStarter::NotedTransfer& noted, bool isPaused) {
   noted.note.isPaused = isPaused;
   noted.transfer->setTaskDescription(noted.note.text());

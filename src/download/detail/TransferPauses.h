@@ -9,9 +9,9 @@
 
 namespace tarn {
 
-/// Tells where the transfers stand, and pauses them and lets them go on for their user. A paused download keeps its
-/// status and stands in no line and in no slot. The transfer's note keeps the pause over a restart. Thread-safe; one
-/// pause or resume at a time, ahead of all other locks.
+/// Tells how far the transfers are, and pauses them and lets them go on for their user. A paused download keeps its
+/// status and is in no line and in no slot. The transfer's note keeps the pause over a restart. Thread-safe; one
+/// pause or resume at a time, before all other locks.
 class TransferPauses {
  public:
   TransferPauses(EngineState& engine, DownloadStarter& starter) : engine_(engine), starter_(starter) {}

@@ -12,8 +12,8 @@ namespace tarn {
 /// word is greater than a shorter one, so that the number of words of each length says which bits are a word.
 struct AACCode {
   std::array<uint8_t, 19> wordsOfLength;  ///< element i: those of i + 1 bits
-  /// What stands behind each word, in the order of the words: '0' to '4' sign bits; 'a', 'b' and 'c': one sign bit and
-  /// an escape, two and one, two and two. Empty if nothing stands behind any.
+  /// What follows each word, in the order of the words: '0' to '4' sign bits; 'a', 'b' and 'c': one sign bit and
+  /// an escape, two and one, two and two. Empty if nothing comes after any.
   std::string_view behind = {};
 };
 
@@ -23,7 +23,7 @@ extern const AACCode scaleFactorCode;
 /// What each word of the latter means, in the order of the words.
 extern const std::array<int8_t, 121> scaleFactorSteps;
 
-/// The widths of a spectrum's scale factor bands: so many bands that are so wide.
+/// The widths of a spectrum's scale factor bands: this many bands that are so wide.
 struct AACBandRun {
   uint8_t width;
   uint8_t count;

@@ -77,7 +77,7 @@ Bytes extradataOf(const CMFormatDescription& format, AVCodecID codec) {
     case AV_CODEC_ID_OPUS:
       return opusHeader(cookie);
     case AV_CODEC_ID_FLAC: {
-      // Version and flags, then the STREAMINFO block behind its own header.
+      // Version and flags, then the STREAMINFO block after its own header.
       constexpr size_t streamInfo = 8;
       constexpr size_t streamInfoSize = 34;
       if (cookie.size() < streamInfo + streamInfoSize) return {};
@@ -179,7 +179,7 @@ void AudioDecoder::send(ByteView packet) {
 const AVFrame* AudioDecoder::receive() {
   while (avcodec_receive_frame(context_.get(), frame_.get()) == 0) {
     if (frame_->nb_samples <= 0 || frame_->sample_rate < lowestRate || frame_->sample_rate > highestRate) continue;
-    // A packet of AAC is one frame; what a damaged one has behind it is none.
+    // A packet of AAC is one frame; what a damaged one has after it is none.
     if (context_->codec_id == AV_CODEC_ID_AAC && framesOfPacket_ > 0) continue;
     ++framesOfPacket_;
     return frame_.get();

@@ -23,13 +23,13 @@ class AudioDecoder {
   /// Takes one packet. A packet that does not decode gives no frames.
   void send(ByteView packet);
 
-  /// The next frame of the packet sent last; null when there is none left. Valid until the next call.
+  /// The next frame of the packet sent last; null if there is none left. Valid until the next call.
   const AVFrame* receive();
 
   /// Forgets what came before: the next packet comes from elsewhere.
   void flush();
 
-  /// How many packets ahead of one have to be decoded so that it comes out right.
+  /// How many packets before one have to be decoded so that it comes out right.
   int64_t prerollPackets() const { return prerollPackets_; }
 
  private:

@@ -12,7 +12,7 @@ constexpr double responseTime = 0.12;          // seconds in which a difference 
 constexpr double mostCorrection = 0.025;
 constexpr double longestStep = 0.1;  // seconds between two looks that count
 
-/// What of a difference lies beyond the dead zone.
+/// The part of a difference that is beyond the dead zone.
 double beyond(double difference, double deadZone) {
   return std::copysign(std::max(std::abs(difference) - deadZone, 0.0), difference);
 }

@@ -10,8 +10,8 @@ class DriftControl {
  public:
   explicit DriftControl(int64_t sampleRate) : sampleRate_(static_cast<double>(sampleRate)) {}
 
-  /// For audio that should start `difference` frames behind where it would: the frames by which the next second is to
-  /// be longer (shorter below 0), within 2.5 %. 0 for as long as no difference was beyond half a millisecond or
+  /// For audio that should start `difference` frames later than it would: the frames by which the next second is to be
+  /// longer (shorter below 0), within 2.5 %. 0 for as long as no difference was beyond half a millisecond or
   /// `tick`, the step of the timeline, whichever is more. `position` in frames tells how much time has passed.
   int correction(int64_t difference, int64_t tick, int64_t position);
 

@@ -23,7 +23,7 @@ class M4AFile {
   /// Throws PosixError. Flushes now and then, so that no flush takes long, the last one included.
   void append(const std::vector<Bytes>& packets);
 
-  /// Writes the boxes of a track of so many PCM frames, flushes and closes. Throws PosixError, and Error for a file
+  /// Writes the boxes of a track of this many PCM frames, flushes and closes. Throws PosixError, and Error for a file
   /// that its boxes cannot describe.
   void finish(const AACOutputSettings& settings, int64_t frames);
 

@@ -22,7 +22,7 @@ class PCMOutput {
   /// Where the next frame goes.
   int64_t end() const { return end_; }
 
-  /// Room for so many frames behind the last, and how many of them count. The room is valid until the next call.
+  /// Room for this many frames after the last, and how many of them count. The room is valid until the next call.
   uint8_t* room(int frames);
   void advance(int frames);
 
@@ -34,7 +34,7 @@ class PCMOutput {
 
   void appendSilence(int64_t frames);
 
-  /// Takes back so many of the last frames, or those of them that are still held back.
+  /// Takes back this many of the last frames, or those of them that are still held back.
   void takeBack(int64_t frames);
 
   /// Lets go of all.
@@ -44,7 +44,7 @@ class PCMOutput {
   std::optional<CMSampleBuffer> next();
 
  private:
-  /// PCM, or silence where there is no data.
+  /// PCM, or silence if there is no data.
   struct Run {
     int64_t start;
     int64_t frames;
@@ -55,7 +55,7 @@ class PCMOutput {
   /// At least as long as a packet: AAC with SBR at 8 kHz has the longest.
   int64_t heldBack() const { return sampleRate_ * 3 / 10; }
   int64_t fadeLength() const { return sampleRate_ / 200; }
-  /// Lets go of so many of the first frames, in buffers.
+  /// Lets go of this many of the first frames, in buffers.
   void cut(int64_t frames);
   void cutBuffer(int64_t frames);
   /// Multiplies the sample values of the frame that begins at this byte.

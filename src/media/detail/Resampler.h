@@ -24,7 +24,7 @@ class Resampler {
   /// stretch in work, as a flush does.
   bool takes(const AVFrame& frame);
 
-  /// Puts samples of a frame that it takes, from the `first` on, behind what the output has; some may stay inside for
+  /// Puts samples of a frame that it takes, from the `first` on, after what the output has; some may stay inside for
   /// later. Throws an Error of the domain "PCMDecoding" when that fails.
   void convert(const AVFrame& frame, int first, int count);
 
@@ -34,7 +34,7 @@ class Resampler {
   /// How many output frames those inside will make.
   int64_t delay() const;
 
-  /// From here on makes so many output frames more out of a second (fewer below 0), for a second or until told
+  /// From here on makes this many output frames more out of a second (fewer below 0), for a second or until told
   /// otherwise.
   void compensate(int frames);
 

@@ -105,7 +105,7 @@ std::optional<EntryFields> parseFields(ByteView entry, uint8_t descriptionVersio
     if (entry.size() < layout::audioEntrySizeVersion2) return std::nullopt;
     EntryFields fields{.children = entry.subspan(layout::audioEntrySizeVersion2)};
     auto rate = std::bit_cast<double>(layout::load(entry.data(), layout::audioRateVersion2));
-    // A rate that is no number is none.
+    // A rate that is not a number counts as missing.
     if (rate > 0 && rate <= std::numeric_limits<int32_t>::max()) fields.sampleRate = rate;
     fields.channels = layout::load32(entry.data(), layout::audioChannelsVersion2);
     return fields;

@@ -11,7 +11,7 @@
 namespace tarn {
 namespace {
 
-/// Edits may show the same media many times over, so a small file could make an endless stream. So many samples are
+/// Edits may show the same media many times over, so a small file could make an endless stream. This many samples are
 /// walked at most, or all of the track once where it has more.
 constexpr uint64_t mostSamplesWalked = 1 << 26;
 
@@ -49,7 +49,7 @@ SampleTableSource::SampleRange SampleTableSource::rangeOf(const MediaEdit& edit)
   uint32_t first = times.firstReaching(edit.mediaStart - times.largestOffset());
   uint32_t end = times.firstDecodedFrom(edit.mediaEnd - times.smallestOffset());
   if (first >= end) return {first, first};
-  // A table may promise samples without end. The first that is missing ends the stream, so none behind it is walked.
+  // A table may promise samples without end. The first that is missing ends the stream, so none after it is walked.
   uint32_t missing = tables_.locations.countInFile();
   return {std::min(first, missing), end > missing ? missing + 1 : end};
 }

@@ -121,7 +121,7 @@ void SegmentedAACEncoder::work() {
   }
 }
 
-/// Nothing when the work was stopped.
+/// Nothing if the work was stopped.
 std::optional<std::vector<Bytes>> SegmentedAACEncoder::encode(const Segment& segment) const {
   AACEncoder encoder(settings_);
   const size_t first = segment.warmUp + 1;  // packet 0 is priming

@@ -18,14 +18,14 @@
 namespace tarn {
 
 /// Encodes a stream of PCM on several threads: in segments of about 45 s, each by an encoder of its own that has heard
-/// the 64 packets ahead of it and some behind it. The packets are those of the stream without priming: packet n holds
+/// the 64 packets before it and some after it. The packets are those of the stream without priming: packet n holds
 /// the frames from n * 1024 on. They do not depend on the number of workers. Calls come from one thread; `failure`,
 /// `hasRoom` and `cancel` from any.
 class SegmentedAACEncoder {
  public:
   static constexpr size_t packetsPerSegment = 2100;
   static constexpr size_t warmUpPackets = 64;
-  /// The encoder looks ahead: a packet comes out when so many more have gone in.
+  /// The encoder looks ahead: a packet comes out when this many more have gone in.
   static constexpr size_t lookAheadPackets = 4;
   static constexpr size_t mostWaitingSegments = 1;
 
@@ -43,7 +43,7 @@ class SegmentedAACEncoder {
   /// False while the workers are behind; true after a failure.
   bool hasRoom() const;
 
-  /// Interleaved PCM. Waits for room where there is none; does nothing after a failure.
+  /// Interleaved PCM. Waits for room if there is none; does nothing after a failure.
   void append(std::span<const int16_t> samples);
 
   /// Waits until the sink has everything, or something has failed.
@@ -55,12 +55,12 @@ class SegmentedAACEncoder {
   std::optional<Error> failure() const;
 
  private:
-  /// PCM of one segment, with what its encoder hears ahead and behind.
+  /// PCM of one segment, with what its encoder hears before and after.
   struct Segment {
     size_t index = 0;
     std::vector<int16_t> samples;
     size_t warmUp = 0;   ///< packets
-    size_t packets = 0;  ///< behind the warm-up
+    size_t packets = 0;  ///< after the warm-up
     bool isLast = false;
   };
 

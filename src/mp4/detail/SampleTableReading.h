@@ -11,13 +11,13 @@
 
 namespace tarn {
 
-// The boxes of a sample table that tell where the samples lie (ISO/IEC 14496-12 8.7), read as the file has them. Each
+// The boxes of a sample table that tell where the samples are (ISO/IEC 14496-12 8.7), read as the file has them. Each
 // takes the `stbl`, moves the file's position, and throws an Error of the domain "SampleTable" or a ByteArrayError.
 
 struct SampleSizes {
-  uint32_t fixedSize = 0;       ///< bytes of each sample; 0 where they differ
+  uint32_t fixedSize = 0;       ///< bytes of each sample; 0 if they differ
   uint32_t count = 0;           ///< samples of the track
-  std::vector<uint32_t> sizes;  ///< bytes of each; empty where they are all equal
+  std::vector<uint32_t> sizes;  ///< bytes of each; empty if they are all equal
 };
 SampleSizes readSampleSizes(FileHandle& file, const MP4BoxInfo& stbl);
 
@@ -41,7 +41,7 @@ struct ChunkRun {
   uint32_t sampleDescriptionIndex = 0;  ///< 1-based
 };
 
-/// The entries of an `stsc` over so many chunks. Chunks are counted as the entries are walked, whatever the first
+/// The entries of an `stsc` over this many chunks. Chunks are counted as the entries are walked, whatever the first
 /// entry's number. Entries that describe no chunk that exists are left out. Throws where entries are out of order or
 /// promise more samples than 63 bits hold.
 std::vector<ChunkRun> chunkRuns(std::span<const SampleToChunkEntry> entries, uint64_t chunkCount);

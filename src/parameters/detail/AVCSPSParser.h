@@ -19,7 +19,7 @@ struct AVCSPSInfo {
   bool framesOnly = true;        ///< frame_mbs_only_flag
   uint32_t macroblocks = 0;      ///< of a frame; 0 if the size is not allowed
   PictureSize size;              ///< cropped, in samples; the unit of a crop offset is that of 7.4.2.1.1
-  size_t bitsAheadOfVUI = 0;     ///< so many bits say everything but vui_parameters_present_flag and what follows it
+  size_t bitsAheadOfVUI = 0;     ///< this many bits say everything but vui_parameters_present_flag and what follows it
   bool isPlausible = false;      ///< it is whole, and each value is one that the standard allows
 };
 
@@ -27,7 +27,7 @@ struct AVCSPSInfo {
 /// missing count as 0.
 AVCSPSInfo readAVCSPS(ByteView spsRbsp);
 
-/// True where two such sets differ in their usability information (VUI) at most.
+/// True if two such sets differ in their usability information (VUI) at most.
 bool differInVUIAtMost(ByteView spsRbsp, ByteView otherRbsp);
 
 /// Profiles whose set states chroma format and bit depths.

@@ -22,7 +22,7 @@ class ConfigurationBoxError : public Error {
 /// The lengthSizeMinusOne for a NAL length of 1, 2 or 4 bytes; any other throws ConfigurationBoxError.
 uint8_t lengthSizeField(int nalLengthSize);
 
-/// True when one of the units has bytes.
+/// True if one of the units has bytes.
 bool holdsUnit(const std::vector<Bytes>& units);
 
 /// RecordWriter and RecordReader have the same operations, so that the layout of a record is one function template
@@ -105,7 +105,7 @@ class RecordReader {
     try {
       describe();
     } catch (const ConfigurationBoxError&) {
-      // Other bytes stand behind the record.
+      // Other bytes come after the record.
     }
   }
 

@@ -12,7 +12,7 @@ class OrderCount {
     lsb_ = lsb;
   }
 
-  /// The count whose lower bits, so many, are these: the one nearest to the previous picture's.
+  /// The count whose lowest `bits` are these: the one nearest to the previous picture's.
   int64_t next(uint32_t lsb, unsigned bits) const {
     const int64_t range = int64_t{1} << bits;
     const int64_t step = int64_t{lsb} - lsb_;

@@ -28,9 +28,9 @@ struct PSKey {
 /// How a codec's parameter sets are collected.
 struct ParameterSetRules {
   const NALCodec& codec;
-  /// The size that an SPS of `ParameterSets::spsRbspArray` states; null where nobody asks.
+  /// The size that an SPS of `ParameterSets::spsRbspArray` states; null if nobody asks.
   std::optional<PictureSize> (*pictureSize)(ByteView spsRbsp);
-  /// False for a set, without emulation prevention, that no decoder can read; null where all are taken.
+  /// False for a set, without emulation prevention, that no decoder can read; null if all are taken.
   bool (*isReadable)(ParameterSetKind kind, ByteView cleanedNAL);
   /// Tells the log of a set that was added, the `count`-th of its kind; `size` is that of an SPS. Null for silence.
   void (*report)(ParameterSetKind kind, size_t bytes, const std::optional<PictureSize>& size, size_t count);
@@ -59,7 +59,7 @@ class ParameterSetCollector {
   /// The same for each of some sets.
   void addAll(const ParameterSets& sets);
 
-  /// So many units were left out, since no decoder can read them or no sample entry can hold them.
+  /// This many units were left out, since no decoder can read them or no sample entry can hold them.
   size_t unreadable() const { return unreadable_; }
 
   const ParameterSets& sets() const { return sets_; }

@@ -41,7 +41,7 @@ class SampleFront {
 /// How a walk over a sample's NAL units behaves.
 struct NALWalkRules {
   const NALCodec& codec;
-  bool stopsAtSlice;  ///< parameter sets behind the first slice are not looked for
+  bool stopsAtSlice;  ///< parameter sets after the first slice are not looked for
   bool logsDamage;
 };
 
@@ -56,7 +56,7 @@ class ParameterSetWalk {
 
   struct Unit {
     Bytes bytes;                 ///< as stored, header and emulation prevention bytes included
-    bool isBehindSlice = false;  ///< a slice of the sample is ahead of it
+    bool isBehindSlice = false;  ///< a slice of the sample is before it
   };
 
   /// `nalLengthSize` is 1, 2 or 4 bytes; with any other there is no unit. The walk begins at `position` in the sample.

@@ -5,7 +5,7 @@ namespace tarn {
 Bytes removeEmulationPrevention(ByteView nalUnit) {
   Bytes rbsp;
   rbsp.reserve(nalUnit.size());
-  size_t zeros = 0;  // directly ahead of the byte, those already followed by a dropped 03 not counted
+  size_t zeros = 0;  // directly before the byte, those already followed by a dropped 03 not counted
   for (size_t i = 0; i < nalUnit.size(); ++i) {
     bool prevents = zeros >= 2 && nalUnit[i] == 3 && i + 1 < nalUnit.size() && nalUnit[i + 1] < 4;
     zeros = !prevents && nalUnit[i] == 0 ? zeros + 1 : 0;
@@ -34,7 +34,7 @@ void skipBits(BitReader& bits, uint64_t count) {
 }
 
 bool isDelimiter(ByteView payload) {
-  constexpr uint8_t stopBit = 0x10;  // behind 3 bits of the kind of picture
+  constexpr uint8_t stopBit = 0x10;  // after 3 bits of the kind of picture
   return payload.size() == 1 && (payload[0] & 0x1F) == stopBit;
 }
 

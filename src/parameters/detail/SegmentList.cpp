@@ -85,7 +85,7 @@ void SegmentList::putInForce(int64_t sampleIndex, const ParameterSets& sets) {
     segments_.back().sets = sets;
     return;
   }
-  // The samples ahead of the first sync sample have its configuration.
+  // The samples before the first sync sample have its configuration.
   int64_t start = segments_.empty() ? 0 : sampleIndex;
   closeLast(start - 1);
   segments_.push_back({.startSampleIndex = start, .firstSyncSampleIndex = sampleIndex, .sets = sets});

@@ -26,7 +26,7 @@ struct SegmentRules {
 /// Puts segments together, one sync sample after the other, from the sets in force: a sample that carries none, or some
 /// of those in force, goes on with them; one that carries some kinds alone puts these in the places of the same
 /// identifiers; one that carries each kind puts its sets in the place of all. Where compatible sets are joined, the
-/// first segments take the kinds that they lack from the segment behind them.
+/// first segments take the kinds that they lack from the segment after them.
 class SegmentList {
  public:
   /// Bounds memory where a damaged sample table leads from one set to another at every sample: the bytes of all units,
@@ -41,7 +41,7 @@ class SegmentList {
   /// The next sync sample, with the sets that it carries.
   void addSyncSample(int64_t sampleIndex, const ParameterSets& carried);
 
-  /// The segments; they cover all samples. Throws an Error of the rules' domain where there is no sync sample.
+  /// The segments; they cover all samples. Throws an Error of the rules' domain if there is no sync sample.
   std::vector<ConfigurationSegment> finish(int64_t totalSampleCount) &&;
 
   /// The failure of a list that grows beyond `mostBytes`.

@@ -28,7 +28,7 @@ PPSIdentifiers readPPS(ByteView payload) {
   return ids;
 }
 
-/// vps_reserved_0xffff_16bits (ITU-T H.265 7.3.2.1), behind 16 bits of fields.
+/// vps_reserved_0xffff_16bits (ITU-T H.265 7.3.2.1), after 16 bits of fields.
 bool isReadableVPS(ByteView payload) {
   return payload.size() > 4 && payload[2] == 0xFF && payload[3] == 0xFF;
 }

@@ -10,7 +10,7 @@ namespace tarn {
 extern const ParameterSetRules hevcReadableSets;
 extern const ParameterSetRules avcReadableSets;
 
-/// The older sets with the newer ones in the places of those with the same identifier, and behind them.
+/// The older sets with the newer ones in the places of those with the same identifier, and after them.
 ParameterSets merged(const ParameterSets& older, const ParameterSets& newer, const ParameterSetRules& rules);
 
 /// True if one sample entry can hold both: no identifier has two contents, and all pictures have one size.

@@ -43,7 +43,7 @@ class AsioDispatch::Core {
     return add(thread.get_executor());
   }
 
-  /// Counts work that is about to run; false when it must be dropped.
+  /// Counts work that is about to run; false if it must be dropped.
   bool begin() {
     std::lock_guard guard(mutex_);
     if (stopping_) return false;

@@ -31,7 +31,7 @@ struct EntryRecord {
   std::string album;     ///< identifier
   std::string asset;     ///< identifier
   std::string name;      ///< its file's name in the album's folder: safe, and of no other entry there
-  int64_t position = 0;  ///< in the order of all entries; 0 for one that comes behind all others
+  int64_t position = 0;  ///< in the order of all entries; 0 for one that comes after all others
 };
 
 /// A file that is about to get a name in an album's folder, or about to lose it, written down beforehand, so that a
@@ -46,7 +46,7 @@ struct IntendedLink {
 /// An asset with the place where people find it: its first album, or the one asked for.
 struct PlacedAsset {
   AssetRecord asset;
-  std::string folder;  ///< empty when it is in no album
+  std::string folder;  ///< empty if it is in no album
   std::string name;
 };
 
@@ -70,7 +70,7 @@ class PhotoCatalogue {
   /// Opens the catalogue for reading and writing; makes it when it is missing, and brings an older one up to date.
   static PhotoCatalogue openOrMake(const Path& path);
 
-  /// Opens an existing file for reading; nothing when its maker was killed before the first commit.
+  /// Opens an existing file for reading; nothing if its maker was killed before the first commit.
   static std::optional<PhotoCatalogue> openForReading(const Path& path);
 
   /// Albums, oldest first; with a title only those of exactly this title.
@@ -83,7 +83,7 @@ class PhotoCatalogue {
 
   std::optional<AssetRecord> asset(const std::string& identifier);
   bool isDeleted(const std::string& asset);
-  /// Of all assets, the deleted ones too.
+  /// The identifiers of all assets, the deleted ones too.
   std::set<std::string> assetIdentifiers();
   /// Assets, but for deleted ones, whose source had this inode, oldest first.
   std::vector<AssetRecord> assetsFromInode(uint64_t inode);

@@ -11,7 +11,7 @@ namespace tarn {
 /// The files of the photo library, all on one file system:
 ///
 ///     <root>/.assets/<identifier>      each asset's file; whatever has no row there is a leftover
-///     <root>/<folder>/<name>           a second name of it for each album; the user's own files may stand there too
+///     <root>/<folder>/<name>           a second name of it for each album; the user's own files may be there too
 ///
 /// Not thread-safe.
 class PhotoFiles {

@@ -37,7 +37,7 @@ int openFlags(OpenMode mode) {
   return common | O_RDONLY;
 }
 
-/// True where the bytes lie at the same place of a block in both files. Only then can a file system share extents;
+/// True if the bytes are at the same place of a block in both files. Only then can a file system share extents;
 /// where they do not, the kernel copies in pieces of pages, and both the copy and its flush take longer than by
 /// reading.
 bool blocksMatch(uint64_t from, uint64_t to) {

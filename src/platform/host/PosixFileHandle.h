@@ -26,7 +26,7 @@ class PosixFileHandle : public FileHandle {
   void synchronize() override;
   void close() override;
 
-  /// Makes this empty file share all extents of `source`. False where the file system cannot.
+  /// Makes this empty file share all extents of `source`. False if the file system cannot.
   bool cloneFrom(const PosixFileHandle& source);
 
  private:

@@ -192,7 +192,7 @@ void PosixFileManager::synchronizeDirectory(const Path& path) {
 }
 
 std::optional<uint64_t> PosixFileManager::freeSpace(const Path& path) {
-  // A path that does not exist yet will lie on the file system of the first directory above it that does.
+  // A path that does not exist yet will be on the file system of the first directory above it that does.
   Path existing = path;
   while (!fileExists(existing) && directoryOf(existing) != existing) existing = directoryOf(existing);
   struct statvfs facts {};

@@ -38,13 +38,13 @@ struct ResponseHead {
 /// What was asked for: the bytes from `offset` on, if the file is still of the version that `validator` names.
 struct ResumePoint {
   uint64_t offset = 0;                   ///< bytes already there; 0 asks for the whole file
-  std::string validator;                 ///< as ResponseHead::validator; never empty where `offset` is not 0
+  std::string validator;                 ///< as ResponseHead::validator; never empty if `offset` is not 0
   std::optional<uint64_t> expectedSize;  ///< size of the whole file as told before
   bool isPage = false;                   ///< the bytes already there came as a web page
 };
 
 enum class BodyUse {
-  append,        ///< the body goes behind the bytes that are there
+  append,        ///< the body goes after the bytes that are there
   replace,       ///< the body is the whole file; bytes already there belong to nothing
   alreadyWhole,  ///< no body; the bytes already there are the whole file
   startOver,     ///< the bytes already there cannot be continued safely: ask again, for the whole file

@@ -49,7 +49,7 @@ class SQLiteStatement {
   SQLiteStatement& bind(int64_t value);
   SQLiteStatement& bind(uint64_t value) { return bind(static_cast<int64_t>(value)); }  ///< bit by bit
 
-  /// Moves to the next row; false when there is none.
+  /// Moves to the next row; false if there is none.
   bool step();
 
   /// Columns of the row, counted from 0. NULL reads as an empty text and as 0.

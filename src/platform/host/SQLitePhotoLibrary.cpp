@@ -124,7 +124,7 @@ bool SQLitePhotoLibrary::expungeOldDeletions() {
   return !old.empty();
 }
 
-/// What is left is cleared up ahead of the next change, or when the library is opened next.
+/// What is left is cleared up before the next change, or when the library is opened next.
 void SQLitePhotoLibrary::tryToClearUp(bool isNeeded) {
   try {
     isUnclear_ = expungeOldDeletions() || isNeeded;

@@ -71,7 +71,7 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
   std::mutex mutex_;  // one change or fetch at a time
   const std::unique_ptr<PhotoFiles> files_;
   bool isUnclear_ = false;                     // what has no row could not be cleared up
-  std::unique_ptr<PhotoCatalogue> catalogue_;  // null when there is none to read
+  std::unique_ptr<PhotoCatalogue> catalogue_;  // null if there is none to read
 };
 
 }  // namespace tarn

@@ -13,7 +13,7 @@ namespace tarn {
 
 class Transfer;
 
-/// Who does the work of a transfer. Thread-safe.
+/// Does the work of a transfer. Thread-safe.
 class TransferOwner {
  public:
   virtual ~TransferOwner() = default;
@@ -82,7 +82,7 @@ class Transfer final : public NSURLSessionDownloadTask, public std::enable_share
   /// Nothing while a try is under way.
   void setNextTry(std::optional<NextTry> next);
 
-  /// True when a report has to be put on its way; false while one that has been is not yet taken.
+  /// True if a report has to be put on its way; false while one that has been is not yet taken.
   bool wantsReport();
 
   /// The counts to report now; the report on its way counts as taken.

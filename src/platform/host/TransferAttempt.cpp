@@ -39,7 +39,7 @@ TransferAttempt::TransferAttempt(FileManager& files, TransferStore& store, Trans
 
 TransferAttempt::~TransferAttempt() = default;
 
-/// What an earlier attempt or process has left is used as far as it lies on the disk, whatever it was thought to be.
+/// What an earlier attempt or process has left is used as far as it is on the disk, whatever it was thought to be.
 void TransferAttempt::openPart() {
   const Path path = store_.partFile(record_.taskIdentifier);
   part_ = files_.open(path, files_.fileExists(path) ? OpenMode::updating : OpenMode::creating);

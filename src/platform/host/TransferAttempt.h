@@ -31,7 +31,7 @@ class TransferAttempt {
   };
   struct Outcome {
     End end;
-    std::optional<Error> error = {};  ///< URLError or PosixError; nothing where whole
+    std::optional<Error> error = {};  ///< URLError or PosixError; nothing if whole
     std::string why = {};             ///< of a transient failure, in words for people
   };
 

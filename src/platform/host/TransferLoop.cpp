@@ -98,7 +98,7 @@ void TransferLoop::run() {
   jobs_.clear();
 }
 
-/// False when the loop is to stop.
+/// False if the loop is to stop.
 bool TransferLoop::obeyCommands() {
   std::vector<Command> commands;
   {
@@ -116,7 +116,7 @@ bool TransferLoop::obeyCommands() {
 
 void TransferLoop::take(const std::shared_ptr<Transfer>& transfer) {
   auto record = store_->record(transfer->taskIdentifier());
-  // Meanwhile it may have been cancelled, or have come to its end ahead of a suspension that this start follows.
+  // Meanwhile it may have been cancelled, or have come to its end before a suspension that this start follows.
   if (!record || transfer->phase() != Phase::running) return;
   Job& job = jobs_[transfer->taskIdentifier()];
   job.transfer = transfer;

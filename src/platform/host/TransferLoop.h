@@ -24,7 +24,7 @@ class TransferLoop : public TransferOwner {
 
   ~TransferLoop() override;
 
-  /// Ends the thread and the attempts that run; transfers stay as they lie in the store. A second call does nothing.
+  /// Ends the thread and the attempts that run; transfers stay as they are in the store. A second call does nothing.
   void stop();
 
   void start(std::shared_ptr<Transfer> transfer) override;

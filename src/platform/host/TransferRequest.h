@@ -21,10 +21,10 @@ class TransferRequest {
   /// CURL*
   void* easy() const { return easy_.get(); }
 
-  /// Asks for the bytes from there on. Comes ahead of the first exchange.
+  /// Asks for the bytes from there on. Comes before the first exchange.
   void ask(const ResumePoint& from);
 
-  /// A field of the last response; empty when it was not sent.
+  /// A field of the last response; empty if it was not sent.
   std::string header(const char* name) const;
 
   /// Where the last response sends the request.

@@ -26,7 +26,7 @@ struct TransferRecord {
   std::optional<uint64_t> expectedSize;  ///< size of the whole file in bytes, once told
   std::string suggestedFilename;         ///< by the server; empty: none
   bool isPage = false;                   ///< the server called the bytes a web page
-  bool isTakenAsItIs = false;            ///< the server names a coding that is none
+  bool isTakenAsItIs = false;            ///< the server names an unknown coding and sends the file as it is
   bool started = false;                  ///< it was resumed: the next process goes on with it
   bool complete = false;                 ///< the partial file is whole and on stable storage
 

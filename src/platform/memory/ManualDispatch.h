@@ -29,11 +29,11 @@ class ManualDispatch : public Dispatch {
   /// run. Delayed work waits for advance().
   size_t runUntilIdle();
 
-  /// As runUntilIdle, but at most one piece: false when there was none.
+  /// Runs at most one piece of work, as runUntilIdle does; false if there was none.
   bool runNext();
 
   /// Runs one piece of work of those that may begin now: the first of each serial queue, and all of the others.
-  /// `choose` gets their number, and names one. False when there is none.
+  /// `choose` gets their number, and names one. False if there is none.
   bool runOne(const std::function<size_t(size_t)>& choose);
 
   /// Runs until idle, lets the time pass, and runs delayed work as it becomes due, with all that follows from it.

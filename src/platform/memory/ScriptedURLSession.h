@@ -84,7 +84,7 @@ class ScriptedURLSessionService : public NSURLSessionService {
   /// Hands over a file that is not there.
   void finishWithoutFile(const std::string& url);
 
-  /// The last event of a task. A task that has been cancelled hears of that in place of `error`.
+  /// The last event of a task. A task that has been cancelled is told of that in place of `error`.
   void complete(const std::string& url, const std::optional<Error>& error = std::nullopt);
 
   /// The last event of every task that has been cancelled since the last call; the real service sends it late, too.

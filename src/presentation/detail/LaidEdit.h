@@ -15,7 +15,7 @@ MovieTime movieTime(int64_t ticks, uint32_t timescale, int32_t rate = layout::no
 /// One tick of a movie, and a microsecond for what was rounded.
 MovieTime tickOf(uint32_t movieTimescale);
 
-/// What of the media a length of the movie covers, the other way round than movieTicks; cut at 2^60.
+/// How much of the media a length of the movie covers, the reverse of movieTicks; cut at 2^60.
 struct Ticks {
   int64_t whole;    ///< rounded down
   int64_t touched;  ///< rounded up
@@ -36,7 +36,7 @@ class LaidEdit {
 
   /// Shows what is at `mediaStart` all along.
   bool holds() const { return rate == 0; }
-  /// Where a time of the media lies, as if the edit had neither start nor end. Not for one that holds.
+  /// Where a time of the media is, as if the edit had neither start nor end. Not for one that holds.
   MovieTime at(int64_t mediaTime) const { return start + movieTime(mediaTime - mediaStart, timescale_, rate); }
 
  private:

@@ -12,7 +12,7 @@
 namespace tarn {
 namespace {
 
-/// Of a file with more boxes the metadata are looked at up to here.
+/// In a file with more boxes than this, only the metadata up to here are looked at.
 constexpr uint32_t mostBoxes = 1 << 16;
 
 constexpr std::string_view containers[] = {"moov", "trak", "udta", "meta", "ilst"};

@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// Places in a SampleOrder, from `first` on and ahead of `end`.
+/// Places in a SampleOrder, from `first` on and before `end`.
 struct PlaceRange {
   uint32_t first = 0;
   uint32_t end = 0;

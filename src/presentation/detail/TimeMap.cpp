@@ -73,7 +73,7 @@ class ActiveRanges {
   }
   /// The first of them in the movie.
   const MappedRange* first() const { return active_.empty() ? nullptr : &map_.ranges[*active_.begin()]; }
-  /// Of the movie's time, what shows a length of the media from here on.
+  /// How much of the movie's time shows a length of the media from here on.
   MovieTime shown(MovieTime length) const {
     return MovieTime(std::llround(static_cast<double>(length.count()) * stretch_));
   }

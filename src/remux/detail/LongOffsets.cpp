@@ -37,7 +37,7 @@ std::optional<uint64_t> farthestChunk(MovieBox& child) {
   return offsets.empty() ? std::nullopt : std::optional(std::ranges::max(offsets));
 }
 
-/// Of each child, so that no table is read again and again.
+/// The farthest chunk of each child, so that no table is read again and again.
 using FarthestChunks = std::vector<std::optional<uint64_t>>;
 
 /// Widens the first table that needs it; false if none does.

@@ -24,7 +24,7 @@ std::unique_ptr<FileHandle> openFile(FileManager& files, const Path& path, OpenM
 MP4RemuxError remuxError(const MovieError& error);
 
 /// The top level of the file. Moves the file's position. Throws MP4RemuxError: ioError for a box header that cannot be
-/// read, corruptedMP4 if the boxes end ahead of the end of the `moov`.
+/// read, corruptedMP4 if the boxes end before the end of the `moov`.
 MediaLayout scanAround(FileHandle& file, const BoxHeader& moov);
 
 /// The whole `moov`, fit to be edited in memory. One that reaches to the end of the file gets its size written out.

@@ -85,14 +85,14 @@ struct Work {
   RemuxTimings& timings;
   const VideoCodec& codec;
   const CodecWords& words;
-  const VideoPlan* plan;  ///< null where the worker scans the stream for itself
+  const VideoPlan* plan;  ///< null if the worker scans the stream for itself
   const RewriteCheck& check;
 };
 
 /// What the new sample entries must hold.
 struct Contents {
   ExtractedParameterSets extracted = {};            ///< of one entry
-  std::vector<ConfigurationSegment> segments = {};  ///< of several; empty where they are still to be found
+  std::vector<ConfigurationSegment> segments = {};  ///< of several; empty if they are still to be found
   std::optional<ParameterScan> scan = {};           ///< in this one
   bool areSeveral = false;
 };
@@ -134,7 +134,7 @@ Bytes buildMoov(const Work& work, const Moov& moov, const ExtractedParameterSets
   return newMoov;
 }
 
-/// True where the first sample entry says what it must, now that its tag does.
+/// True if the first sample entry says what it must, now that its tag does.
 bool repairTag(const Work& work) {
   log("{}Attempting Phase 1 first...", work.words.prefix);
   bool isDone = remuxAVCTag(work.files, work.fileURL);

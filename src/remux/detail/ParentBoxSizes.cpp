@@ -28,7 +28,7 @@ std::optional<size_t> findFirstBox(ByteView moov, std::string_view type, size_t 
   return std::nullopt;
 }
 
-/// The boxes from a `trak` down to the first of this type, each the first of its type behind the header of the one
+/// The boxes from a `trak` down to the first of this type, each the first of its type after the header of the one
 /// above.
 std::vector<PathBox> pathTo(std::string_view last, ByteView moov, size_t trak) {
   std::vector<PathBox> path = {{"trak", trak}};
@@ -62,7 +62,7 @@ void changeSizes(std::span<uint8_t> moov, int64_t delta, size_t trak, std::strin
   uint32_t trakSize = readUInt32(moov, trak).value_or(0);
   log("Video trak boundaries{}: offset {}, end {}, size {} (adjusted by {})", purpose, trak,
       static_cast<int64_t>(trak) + trakSize + delta, trakSize, delta);
-  // The way is looked up before a size changes: all these boxes begin ahead of what grew or shrank.
+  // The way is looked up before a size changes: all these boxes begin before what grew or shrank.
   auto path = pathTo(innermost, moov, trak);
   for (auto box = path.rbegin(); box != path.rend(); ++box) {
     auto [before, after] = changeSize(moov, box->offset, delta);

@@ -83,7 +83,7 @@ void logOldConfigBoxes(ByteView moov, const Entry& entry, const VideoCodec& code
   if (stop.reason == Reason::overrun) logLine("Child box extends beyond boundary during scan, stopping");
 }
 
-/// The second walk: appends the children that stay. What stands behind the first damaged one is dropped.
+/// The second walk: appends the children that stay. What follows the first damaged one is dropped.
 void copyChildren(ByteView moov, const Entry& entry, const VideoCodec& codec, Bytes& target) {
   const CodecWords& words = wordsFor(codec);
   BufferBoxWalker walker(moov, entry.children(), entry.end(), boxwalk::sampleEntryChildren);

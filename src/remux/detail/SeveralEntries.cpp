@@ -109,7 +109,7 @@ class Redescription {
 
   int64_t descriptionOf(int64_t sample) const { return table_.sampleDescriptionIndex(sample).value_or(1); }
 
-  /// The sets in the configuration box of an entry, 1-based; none where it has no complete ones.
+  /// The sets in the configuration box of an entry, 1-based; none if it has no complete ones.
   ParameterSets setsOfEntry(int64_t description) {
     auto stsd = MP4BoxUtils::findChildBox(file_, stblInFile(), "stsd");
     auto entries = stsd ? readVideoEntries(file_, *stsd, codec_) : std::vector<VideoEntry>();

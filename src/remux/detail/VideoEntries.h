@@ -16,10 +16,9 @@ namespace tarn {
 struct VideoEntry {
   uint64_t offset = 0;  ///< of the entry in the file
   std::string tag;
-  ParameterSets sets =
-      {};                  ///< those that a decoder can read; none where there is no configuration box or it is damaged
-  bool hasRecord = false;  ///< a configuration box can be read
-  int nalLengthSize = 4;   ///< as the record states it, in bytes
+  ParameterSets sets = {};  ///< those that a decoder can read; none if there is no configuration box or it is damaged
+  bool hasRecord = false;   ///< a configuration box can be read
+  int nalLengthSize = 4;    ///< as the record states it, in bytes
   /// What else the record holds, in words ("1 SEI message"); a rebuilt record has no place for it.
   std::vector<std::string> others = {};
 };

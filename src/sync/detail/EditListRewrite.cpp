@@ -16,7 +16,7 @@ namespace {
 
 constexpr const EditRules& rules = edit::syncing;
 
-/// Chunk offsets follow the media that stand behind the `moov`.
+/// Chunk offsets follow the media that come after the `moov`.
 void followMedia(Bytes& moov, const BoxHeader& moovBox, const MediaLayout& layout, int64_t growth) {
   const ChunkOffsetShift shift = layout.shift(moovBox, growth, rules);
   if (shift.delta == 0) return;

@@ -9,7 +9,7 @@
 
 namespace tarn {
 
-/// Lets `edit` change the `moov` that stands at `moovBox`, moves the chunk offsets of all tracks if the media move, and
+/// Lets `edit` change the `moov` that is at `moovBox`, moves the chunk offsets of all tracks if the media move, and
 /// puts it into the file. Returns false, and writes nothing, if the `moov` stays as it is. `names` (may be null) holds
 /// the temp file's name. Throws AVSyncError, failures of the file layer, and what `edit` and `check` throw; the file is
 /// then as it was.

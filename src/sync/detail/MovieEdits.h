@@ -17,7 +17,7 @@ Bytes edtsOf(const std::vector<EditListEntry>& entries);
 // Edits of a `moov` that requireEditable lets through. A header that is missing or too short is passed over; what
 // cannot be expressed throws MovieError, a track that is not there AVSyncError::fixError.
 
-/// Replaces the track's first `edts`, or puts one behind its `tkhd`; an empty one removes it.
+/// Replaces the track's first `edts`, or puts one after its `tkhd`; an empty one removes it.
 void putEditList(MovieBox& trak, ByteView edts);
 
 /// All that `edits` asks for. The boxes are those of the file that the `moov` was read from.

@@ -26,7 +26,7 @@ constexpr uint32_t defaultAudioTimescale = 48000;
 constexpr int64_t defaultAudioDelay = 2112;
 
 /// A box of at most `limit` bytes as the timing-box primitives take it, with an 8-byte header whatever the file has;
-/// nothing when it cannot be read.
+/// nothing if it cannot be read.
 std::optional<Bytes> readBox(FileHandle& file, const MP4BoxInfo& box, uint64_t limit) {
   const uint64_t start = box.contentOffset() - layout::boxHeaderSize;
   file.seek(start);
@@ -92,7 +92,7 @@ EditListStart startOf(const std::vector<EditListEntry>& entries) {
   return start;
 }
 
-/// Of the first tracks, what of their edit lists counts: a damaged one counts as none.
+/// Which edit lists of the first tracks are damaged, and so count as absent.
 struct DamagedLists {
   bool video = false;
   bool audio = false;

@@ -12,7 +12,7 @@ constexpr int64_t wrappingSubtract(int64_t a, int64_t b) {
   return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
-// Arithmetic on time values that come from a file. Each throws AVSyncError::analysisError where the true result lies
+// Arithmetic on time values that come from a file. Each throws AVSyncError::analysisError if the true result is
 // outside 64 bits.
 
 int64_t addTimes(int64_t a, int64_t b);

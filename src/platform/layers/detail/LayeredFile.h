@@ -17,7 +17,7 @@ struct ByteStore {
 };
 using ByteStorePointer = std::shared_ptr<ByteStore>;
 
-/// A file as a list of extents, one behind the other without gaps. Each is a part of a store. Extents that continue
+/// A file as a list of extents, one after the other without gaps. Each is a part of a store. Extents that continue
 /// each other are one, so memory grows with the number of changes, not with the bytes. Not thread-safe.
 class LayeredFile {
  public:
@@ -48,7 +48,7 @@ class LayeredFile {
   /// The extents of a part of the file, cut to it, as far as the file goes.
   std::vector<Extent> parts(uint64_t at, uint64_t count) const;
 
-  /// Puts an extent over what is at `at`. Zeros fill the gap behind the end. Throws PosixError (EFBIG).
+  /// Puts an extent over what is at `at`. Zeros fill the gap past the end. Throws PosixError (EFBIG).
   void put(uint64_t at, Extent extent);
 
   /// Cuts the file, or extends it with zeros. Throws PosixError (EFBIG).
@@ -57,7 +57,7 @@ class LayeredFile {
  private:
   /// Makes an extent begin at `at`, or returns the end if the file ends there.
   Extents::iterator split(uint64_t at);
-  /// Joins an extent with the one ahead of it, if it continues that one.
+  /// Joins an extent with the one before it, if it continues that one.
   void join(Extents::iterator extent);
 
   Extents extents_;
