@@ -13,6 +13,7 @@ target_include_directories(tarn_options INTERFACE
   ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/include ${CMAKE_BINARY_DIR}/include)
 configure_file(${CMAKE_SOURCE_DIR}/include/tarn/version.h.in ${CMAKE_BINARY_DIR}/include/tarn/version.h @ONLY)
 if(TARN_SANITIZE)
+  target_compile_definitions(tarn_options INTERFACE TARN_SANITIZED)
   target_compile_options(tarn_options INTERFACE -fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer -g1)
   # GCC warns of sizes that sanitized code cannot have (size() - 1 as 2^64 - 2); the plain build keeps these errors.
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)

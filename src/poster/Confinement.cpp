@@ -31,7 +31,7 @@ constexpr uint32_t architecture = 0;
 #endif
 
 // A sanitizer maps far more memory than is used.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TARN_SANITIZED
 constexpr bool limitsMemory = false;
 #else
 constexpr bool limitsMemory = true;

@@ -50,6 +50,9 @@ TEST(PlacingTest, AFileThatItsOwnerMayOnlyReadKeepsItsAttributesToo) {
 }
 
 TEST(PlacingTest, AHomeThatCannotBeOpenedLeavesNothing) {
+#ifdef TARN_SANITIZED
+  GTEST_SKIP() << "a sanitizer cannot check types without free descriptors";
+#endif
   const TempDirectory place;
   {
     PrivateHome home(place.path());

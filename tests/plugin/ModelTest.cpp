@@ -10,7 +10,7 @@
 namespace tarn::test {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef TARN_SANITIZED
 constexpr uint32_t usualSeeds = 100;
 #else
 constexpr uint32_t usualSeeds = 2000;

@@ -39,7 +39,8 @@ export async function changeBrowser() {
   });
 }
 
-export function setStage() {
+/** @param options for `tarn serve` */
+export function setStage(...options) {
   const folder = temporaryFolder();
 
   before(async () => {
@@ -54,7 +55,7 @@ export function setStage() {
   });
   beforeEach(async () => {
     stage.media.requests.length = 0;
-    stage.tarn = await new Tarn().start();
+    stage.tarn = await new Tarn(options).start();
     stage.faults = [];
     await changeBrowser();
   });

@@ -103,8 +103,13 @@ export class Tarn {
   home = temporaryFolder();
   port = 0;
 
+  /** @param options for `tarn serve`, beside home and port */
+  constructor(options) {
+    this.options = options;
+  }
+
   async start() {
-    const args = ['--home', this.home, 'serve', '--port', String(this.port)];
+    const args = ['--home', this.home, 'serve', '--port', String(this.port), ...this.options];
     this.process = spawn(binary, args, { stdio: ['ignore', 'pipe', 'pipe'] });
     let errors = '';
     this.process.stderr.on('data', (text) => (errors += text));

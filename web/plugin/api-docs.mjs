@@ -52,9 +52,10 @@ export function readDefinitions() {
         type: member.type.getText(source),
         doc: flat(docOf(member, source)),
       }));
-      const indexed = node.members.find(ts.isIndexSignatureDeclaration);
       const base = node.heritageClauses?.[0].types[0].getText(source);
-      types.push({ name: node.name.text, doc: docOf(node, source), fields, base, indexed: indexed?.getText(source) });
+      types.push({ name: node.name.text, doc: docOf(node, source), fields, base });
+    } else if (ts.isTypeAliasDeclaration(node) && !ts.isUnionTypeNode(node.type)) {
+      types.push({ name: node.name.text, doc: docOf(node, source), text: node.type.getText(source) });
     } else if (ts.isTypeAliasDeclaration(node)) {
       const values = node.type.types.map((member) => ({
         value: member.getText(source).slice(1, -1),
@@ -76,7 +77,7 @@ function markdown({ methods, types }) {
   lines.push('### Types', '');
   for (const type of types) {
     lines.push(`#### ${type.name}`, '', type.doc, '');
-    if (type.indexed) lines.push('```ts', type.indexed, '```', '');
+    if (type.text) lines.push('```ts', type.text, '```', '');
     if (type.base) lines.push(`All of \`${type.base}\`, and:`, '');
     if (type.fields?.length) lines.push('| Field | Type | |', '|---|---|---|');
     for (const field of type.fields ?? []) {

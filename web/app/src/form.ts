@@ -1,4 +1,5 @@
-import type { SaveVideoOptions } from 'tarn-bridge';
+import { rejectionCode } from 'tarn-bridge';
+import type { RejectionCode, SaveVideoOptions } from 'tarn-bridge';
 
 import { announce, byId, find, setText } from './dom.js';
 import { lastAlbum } from './memory.js';
@@ -12,16 +13,16 @@ const missing: Record<FieldName, string> = {
   filename: 'Give the file a name, for example holiday.mp4.', // where the address tells none
 };
 
-/** The engine's words for what it refuses, with the field that they are about and what helps. */
-const refusals: Record<string, { field?: FieldName; hint: string }> = {
-  'Must provide the data path': { field: 'url', hint: missing.url },
-  'Must provide the album': { field: 'album', hint: missing.album },
-  'Must provide filename': { field: 'filename', hint: missing.filename },
-  'Invalid download URL.': {
+/** The field that a refusal is about, and what helps. */
+const refusals: Partial<Record<RejectionCode, { field?: FieldName; hint: string }>> = {
+  MISSING_URL: { field: 'url', hint: missing.url },
+  MISSING_ALBUM: { field: 'album', hint: missing.album },
+  MISSING_FILENAME: { field: 'filename', hint: missing.filename },
+  INVALID_URL: {
     field: 'url',
     hint: 'A whole address is needed, without blanks, that begins with https:// or http://.',
   },
-  'Access to photos not allowed by user': {
+  PHOTOS_NOT_ALLOWED: {
     hint: 'Allow this application to use the photo library in the settings of the system, then try again.',
   },
 };
@@ -81,7 +82,7 @@ export class SaveForm {
       filename.placeholder = '';
       url.focus();
     } catch (error) {
-      this.showRefusal(messageOf(error));
+      this.showRefusal(error);
     } finally {
       this.submit.disabled = false;
     }
@@ -95,9 +96,10 @@ export class SaveForm {
     return false;
   }
 
-  private showRefusal(words: string): void {
-    const known = refusals[words];
-    const told = sentence(words);
+  private showRefusal(error: unknown): void {
+    const code = rejectionCode(error);
+    const known = code && refusals[code];
+    const told = sentence(messageOf(error));
     this.showError(known?.field ?? 'form', known ? `${told} ${known.hint}` : told);
     if (known?.field) this.fields[known.field].focus();
   }

@@ -3,8 +3,8 @@ import type { PluginListenerHandle } from '@capacitor/core';
 /**
  * Fetches videos by URL in the background, repairs their MP4 structure and keeps them in albums of the photo library.
  *
- * A rejected promise is an error whose message is one of the texts named with the method, or the host's own words for a
- * command that it cannot carry.
+ * A rejected promise is an error whose message is one of the texts named with the method, and whose `code` is the
+ * `RejectionCode` of that text; or one with the host's own words for a command that it cannot carry, without a code.
  */
 export interface TarnBridgePlugin {
   /**
@@ -118,6 +118,25 @@ export type DownloadReason =
   /** There is such a file already. */
   | 'ERROR_FILE_ALREADY_EXISTS';
 
+/** Why a command was refused: the `code` of the error, for each text that the engine rejects with. */
+export type RejectionCode =
+  /** "Must provide the data path": `url` is absent. */
+  | 'MISSING_URL'
+  /** "Must provide the album": `album` is absent. */
+  | 'MISSING_ALBUM'
+  /** "Must provide filename": `filename` is absent. */
+  | 'MISSING_FILENAME'
+  /** "Access to photos not allowed by user": people allow it in the settings of the system. */
+  | 'PHOTOS_NOT_ALLOWED'
+  /** "Invalid download URL.": no absolute http or https address, or all downloads were cancelled just now. */
+  | 'INVALID_URL'
+  /** "No such download": `id` is absent or not a whole number. */
+  | 'MISSING_ID'
+  /** "limit is required": `limit` is absent or not a whole number. */
+  | 'MISSING_LIMIT'
+  /** The engine has no such command, or there is none behind this page. */
+  | 'UNIMPLEMENTED';
+
 /** What `saveVideo` needs to know. */
 export interface SaveVideoOptions {
   /** Absolute http or https address of the video. */
@@ -145,9 +164,7 @@ export interface DownloadSummary {
 }
 
 /** One entry for each download, under its id as decimal text. */
-export interface Downloads {
-  [id: string]: DownloadEntry;
-}
+export type Downloads = Record<string, DownloadEntry>;
 
 /** One download with its byte counts. */
 export interface DownloadEntry {
@@ -166,9 +183,7 @@ export interface DownloadEntry {
 }
 
 /** The data of `downloadProgress`: one entry for each download that it tells of, under its id as decimal text. */
-export interface DownloadProgress {
-  [id: string]: ProgressEntry | StageUpdate;
-}
+export type DownloadProgress = Record<string, ProgressEntry | StageUpdate>;
 
 /** The entry that comes once a second. */
 export interface ProgressEntry extends DownloadEntry {
