@@ -76,7 +76,7 @@ def faults_of_code(tree, document, text):
                 yield f"there is no option {option}"
         top = code.split("/")[0]
         if is_path(code) and (Path(top).exists() or Path("src", top).exists() or Path(code).suffix in ENDINGS):
-            if not tree.has(code, document) and top not in ("build", "..") and code not in FOREIGN:
+            if not tree.has(code, document) and top not in ("build", "dist", "..") and code not in FOREIGN:
                 yield f"there is no {code}"
         elif NAME.fullmatch(code):
             for part in re.findall(r"\w+", code):
