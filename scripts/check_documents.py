@@ -3,6 +3,7 @@
 
 - A link leads to a file or a heading that is there.
 - A path, a class, a function or an option that is named in `code`, and a class in a drawing, is in the tree.
+- CONTRIBUTING.md lists each part of ./check.
 - The drawing of the floors in docs/architecture.md, and the table beside it, name each room of src/floors.txt on its
   floor, and no other.
 """
@@ -93,6 +94,13 @@ def faults_of_drawings(tree, text):
                     yield f"nothing is called {name}, which a drawing names"
 
 
+def faults_of_parts(text):
+    for parts in re.findall(r"^    ([a-z| ]+)\) ", Path("check").read_text(), re.M):
+        for part in parts.split(" | "):
+            if f"`./check {part}`" not in text:
+                yield f"lacks `./check {part}`"
+
+
 def faults_of_floors(document):
     floors = {}
     for line in Path("src/floors.txt").read_text().splitlines():
@@ -122,6 +130,8 @@ def main():
                  *faults_of_drawings(tree, text)]
         if document.name == "architecture.md":
             found += faults_of_floors(document)
+        if document.name == "CONTRIBUTING.md":
+            found += faults_of_parts(text)
         faults += [f"{document}: {fault}" for fault in found]
     print("\n".join(faults) if faults else f"{len(tree.documents)} documents agree with the tree", file=sys.stderr)
     return bool(faults)
