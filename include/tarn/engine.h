@@ -96,7 +96,7 @@ class TARN_API Engine {
     std::optional<std::string> failure = {};  ///< in words
     std::optional<std::string> assetId = {};  ///< of the video in the library
     std::string advice = {};                  ///< of a failure: what to do about it, a sentence or nothing
-    bool isRefused = false;        ///< of a failure: the file is no video, and the words say what to do instead
+    bool isRefused = false;        ///< of a failure: the file is not a video, and the words say what to do instead
     bool mayTryAgain = false;      ///< of a failure: the same again may work, now or later
     bool maySaveAsItCame = false;  ///< of a failure: a repair failed that the file can do without
     bool isPartly = false;         ///< saved, and a part of the video is missing, as `leftAlone` says
@@ -198,7 +198,7 @@ class TARN_API Engine {
   /// EngineRefused for one that has not ended, or is not there.
   void clearHistory(std::optional<int64_t> id = std::nullopt);
   /// Asks once more for a download that has failed or was cancelled, with the same album and name; `asItCame` without
-  /// any repair. Returns the id of the new download, which takes the place of the old one in the history. Throws
+  /// any repair. Returns the id of the new download, which replaces the old one in the history. Throws
   /// EngineRefused if it has not ended, was saved, or the history does not keep the request any more: that goes 30 days
   /// after it was made. Throws EngineLost.
   int64_t retry(int64_t id, bool asItCame = false);

@@ -46,7 +46,7 @@ class PHChangeBlock {
   /// once. False if there is no such album: nothing is added.
   virtual bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) = 0;
 
-  /// Asks to take assets out of an album; one that it does not hold is passed over. False if there is no such album.
+  /// Asks to take assets out of an album; one that it does not hold is skipped. False if there is no such album.
   virtual bool removeAssets(const std::string& collectionIdentifier,
                             const std::vector<PHObjectPlaceholder>& assets) = 0;
 

@@ -17,7 +17,7 @@ auto* find(Range& range, Predicate predicate) {
 
 }  // namespace
 
-/// A change at work on a copy of the content, which takes the place of the content when all has gone well.
+/// A change at work on a copy of the content, which replaces the content when all has gone well.
 class InMemoryPhotoLibrary::Change : public PHChangeBlock {
  public:
   Change(FileManager& files, const Failures& failures, Content content)
