@@ -1,12 +1,12 @@
 // What the page shows and does beside the bridge, in a real browser over the real `tarn serve`.
 
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
-import { basename } from 'node:path';
+import { existsSync, readFileSync, writeFileSync } from 'node:fs';
+import { basename, join } from 'node:path';
 import { test } from 'node:test';
 
 import { act, changeBrowser, inPhase, open, row, save, setStage, stage } from './stage.mjs';
-import { until } from './support.mjs';
+import { makeClipWithHole, until } from './support.mjs';
 
 const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
 
@@ -93,6 +93,58 @@ test('a saved video tells what was wrong and what was done, with picture and sou
   await save(page, stage.media.address('other.mp4'), { filename: 'other.mp4' });
   await inPhase(page, 'other.mp4', 'saved');
   await until('the state', async () => /Saved as it came/.test(await row(page, 'other.mp4').textContent()));
+});
+
+test('what is too large once repaired is saved as it came', async () => {
+  const came = readFileSync(makeClipWithHole(stage.folder, stage.clip));
+  stage.media.other = came;
+  stage.tarn.largestFile = Math.ceil(came.length / 1024);
+  await stage.tarn.restart();
+  const page = await open();
+  await save(page, stage.media.address('hole.mp4'), { filename: 'hole.mp4' });
+  await inPhase(page, 'hole.mp4', 'failed');
+  await until('the reason', async () => /no file as large as the repaired one/.test(await row(page, 'hole.mp4').textContent()));
+  assert.deepEqual(stage.tarn.savedFiles(), []);
+  await act(page, 'hole.mp4', 'asItCame');
+  await inPhase(page, 'hole.mp4', 'saved');
+  assert.equal(await page.locator('.download').count(), 1);
+  const [saved] = stage.tarn.savedFiles();
+  assert.ok(readFileSync(saved).equals(came), 'byte for byte');
+});
+
+test('a name that is left open is the one that the server tells', async () => {
+  const page = await open();
+  await save(page, stage.media.address('get video.php?name=Sea 1.mp4'), { filename: '' });
+  await inPhase(page, 'Sea 1.mp4', 'saved');
+  await save(page, stage.media.address('get.php?name=other.mp4'), { filename: 'mine.mp4' });
+  await inPhase(page, 'mine.mp4', 'saved');
+  assert.deepEqual(stage.tarn.savedFiles().map((path) => basename(path)), ['Sea 1.mp4', 'mine.mp4']);
+});
+
+test('the folder of a video opens on the desktop, with a program that nobody waits for', async () => {
+  const page = await open();
+  await save(page, stage.media.address('clip.mp4'));
+  await page.waitForSelector('.video');
+  const choose = async () => {
+    await page.click('.menu-button');
+    await page.click('[role=menuitem]:has-text("Open its folder")');
+  };
+  const folder = join(stage.tarn.home, 'Photos/Trips');
+  await choose();
+  await until('why not', async () => (await text(page, '#problem')).endsWith(`can open the folder. The video is in ${folder}`));
+
+  const told = join(stage.tarn.programs, 'told');
+  const script = `#!/bin/sh\n{ echo "$$ $1"; /bin/ls -l /proc/$$/fd; } >${told}.new; /bin/mv ${told}.new ${told}; exec /bin/sleep 60\n`;
+  writeFileSync(join(stage.tarn.programs, 'xdg-open'), script, { mode: 0o755 });
+  await choose();
+  await until('the program', () => existsSync(told));
+  const [, id, opened, descriptors] = /^(\d+) (.*)\n([^]*)$/.exec(readFileSync(told, 'utf8'));
+  assert.equal(opened, folder);
+  assert.doesNotMatch(descriptors, new RegExp(`socket:|pipe:|${stage.tarn.home}`));
+  assert.equal(await page.evaluate(async () => (await fetch('history?limit=1')).status), 200);
+  assert.ok(existsSync(`/proc/${id}`), 'it is still there');
+  await until('the end of the notice', async () => !(await page.isVisible('#problem')));
+  process.kill(Number(id));
 });
 
 test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {

@@ -102,6 +102,8 @@ test('the engine has the methods of definitions.ts, and answers and refuses in i
   ];
   for (const [method, options, expected] of cases)
     assert.deepEqual(await call(page, method, options), expected, method);
+  const chosen = await call(page, 'saveVideo', { url, album: 'Trips', filename: 'a.mp4', id: 7 });
+  assert.ok(chosen.id > 7, 'a page does not choose the number of a download');
 });
 
 test('a page that is closed in mid-download and opened again shows it, and its end', async () => {

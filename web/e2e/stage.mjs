@@ -43,6 +43,7 @@ export function setStage() {
   const folder = temporaryFolder();
 
   before(async () => {
+    stage.folder = folder;
     stage.clip = makeClip(folder);
     stage.media = await new MediaServer().start(stage.clip);
     stage.browser = await launchBrowser();
@@ -54,6 +55,7 @@ export function setStage() {
   });
   beforeEach(async () => {
     stage.media.requests.length = 0;
+    stage.media.other = undefined;
     stage.tarn = await new Tarn().start();
     stage.faults = [];
     await changeBrowser();

@@ -8,7 +8,7 @@ import type { Download } from './downloads.js';
 import { Drop } from './drop.js';
 import { SaveForm } from './form.js';
 import { History } from './history.js';
-import { changeDownload, offers, onHostChange, readTransfers } from './host.js';
+import { changeDownload, offers, onHostChange, openFolder, readTransfers } from './host.js';
 import type { DownloadAction, Transfer } from './host.js';
 import { Limit } from './limit.js';
 import { Rows } from './rows.js';
@@ -28,7 +28,7 @@ const albums: Albums = new Albums(
   (titles) => form.offerAlbums(titles),
   (action, asset, album) => {
     if (action === 'edit') changes.edit(asset, album);
-    else void attempt(() => changes.remove(asset));
+    else void attempt(() => (action === 'open' ? openFolder(asset.id) : changes.remove(asset)));
   },
 );
 const rows = new Rows(
@@ -36,15 +36,15 @@ const rows = new Rows(
   (assetId) => albums.has(assetId),
 );
 const downloads: Downloads = new Downloads(show, (download) => void settle(download));
-const form = new SaveForm(async (options) => {
-  await downloads.start(options);
+const form = new SaveForm(async (options, isNamed) => {
+  await downloads.start(options, isNamed);
   announce(`${options.filename}: started`);
 });
 let transfers = new Map<number, Transfer>();
 let cards: Card[] = [];
 
 /** Does something that the engine may refuse, and then shows why; it stays to be read until the next attempt. */
-async function attempt(action: () => Promise<void>): Promise<void> {
+async function attempt(action: () => Promise<unknown>): Promise<void> {
   problem.hidden = true;
   await action().catch(showProblem);
 }
@@ -101,7 +101,7 @@ async function tell({ id, name }: Card, action: DownloadAction): Promise<void> {
 /** Where no host remembers it, with what this page remembers. */
 async function startAgain({ id, download }: Card): Promise<void> {
   if (!download?.options) return;
-  await downloads.start(download.options);
+  await downloads.start(download.options, true);
   await downloads.dismiss(id);
 }
 
