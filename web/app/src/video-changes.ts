@@ -46,8 +46,9 @@ export class VideoChanges {
     this.showError('');
     this.dialog.showModal();
     this.filename.focus();
-    // The name is what people change, not its ending.
-    this.filename.setSelectionRange(0, Math.max(asset.filename.lastIndexOf('.'), 0) || asset.filename.length);
+    // The name is what people change, not its ending. Of a long one its beginning is seen.
+    const end = Math.max(asset.filename.lastIndexOf('.'), 0) || asset.filename.length;
+    this.filename.setSelectionRange(0, end, 'backward');
   }
 
   private async restore(): Promise<void> {
