@@ -174,9 +174,9 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
 
   await poster.focus();
   await page.keyboard.press('Tab');
-  for (const key of ['Enter', 'ArrowDown', 'Enter', 'Escape']) await page.keyboard.press(key);
+  for (const key of ['Enter', 'ArrowDown', 'ArrowDown', 'Enter', 'Escape']) await page.keyboard.press(key);
   assert.ok(await page.evaluate(() => document.activeElement.matches('.menu-button')), 'back at the menu');
-  for (const key of ['Enter', 'ArrowDown', 'Enter']) await page.keyboard.press(key);
+  for (const key of ['Enter', 'ArrowDown', 'ArrowDown', 'Enter']) await page.keyboard.press(key);
   await page.keyboard.type('renamed');
   await page.keyboard.press('Tab');
   await page.keyboard.type('Sea');
@@ -184,6 +184,9 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
   for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
   assert.deepEqual(stage.tarn.savedFiles().map((path) => basename(path)), ['renamed.mp4']);
   assert.equal(await page.locator('.album:has-text("Trips")').count(), 0);
+  const isAtMenu = () => page.evaluate(() => document.activeElement.matches('.menu-button[aria-label$=" renamed.mp4"]'));
+  await until('the menu to have the focus again', isAtMenu);
+  assert.match(await row(page, 'clip.mp4').textContent(), /In the album Sea/);
 
   const kept = page.waitForEvent('download');
   await page.click('.menu-button');
@@ -191,14 +194,28 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
   await page.click('text=Download >> visible=true >> nth=-1');
   assert.equal((await kept).suggestedFilename(), 'renamed.mp4');
 
+  await other.focus('.poster');
   await page.focus('.menu-button');
   for (const key of ['Enter', 'End', 'Enter']) await page.keyboard.press(key);
   await until('the way back', () => page.evaluate(() => document.activeElement.dataset.action === 'undo'));
   for (const each of [page, other]) await until('no video', async () => (await each.locator('.video').count()) === 0);
   assert.deepEqual(stage.tarn.savedFiles(), []);
+  assert.equal(await other.evaluate(() => document.activeElement.id), 'albums-title', 'not at the top of the page');
   await page.keyboard.press('Enter');
   for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
   assert.ok(!(await page.isVisible('#undo')));
+  await until('the video that is back to have the focus', isAtMenu);
+
+  await other.click('.menu-button');
+  await other.click('text=Rename or move');
+  await page.click('.menu-button');
+  await page.click('[role=menuitem]:has-text("Remove")');
+  await other.waitForSelector('.video', { state: 'detached' });
+  await other.fill('#edit-filename', 'too late.mp4');
+  await other.keyboard.press('Enter');
+  await until('the words', async () => /removed/.test(await text(other, '#edit-error')));
+  await page.click('[data-action=undo]');
+  await other.waitForSelector('.video:has-text("renamed.mp4")');
 
   // From one video to what follows: its picture, its menu, nothing else.
   await page.focus('.poster');

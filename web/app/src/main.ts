@@ -23,7 +23,11 @@ const confirmation = byId('confirm-cancel-all', HTMLDialogElement);
 
 const limit = new Limit(showProblem);
 const history = new History(show);
-const changes = new VideoChanges(() => albums.refresh().then(show), attempt);
+const changes = new VideoChanges(
+  () => albums.refresh().then(show),
+  (assetId) => albums.focus(assetId),
+  attempt,
+);
 const albums: Albums = new Albums(
   (titles) => form.offerAlbums(titles),
   (action, asset, album) => {
@@ -33,7 +37,7 @@ const albums: Albums = new Albums(
 );
 const rows = new Rows(
   (action, id) => void attempt(() => act(action, id)),
-  (assetId) => albums.has(assetId),
+  (assetId) => albums.albumOf(assetId),
 );
 const downloads: Downloads = new Downloads(show, (download) => void settle(download));
 const form = new SaveForm(async (options, isNamed) => {

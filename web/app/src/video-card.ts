@@ -56,6 +56,11 @@ export class VideoCard {
     if (isNew) fetchPoster(asset.id, this.poster);
   }
 
+  /** Where it was left for its menu. */
+  focus(): void {
+    this.more.focus();
+  }
+
   play(): void {
     const video = this.screen.querySelector('video') ?? this.makePlayer();
     this.element.scrollIntoView({ block: 'center' });
