@@ -73,6 +73,8 @@ test('a failed download is tried again after a restart, from a browser that did 
   await act(page, 'clip.mp4', 'again');
   await inPhase(page, 'clip.mp4', 'saved');
   assert.equal(await page.locator('.download').count(), 1);
+  await act(page, 'clip.mp4', 'dismiss');
+  await page.waitForSelector('#downloads-empty');
 });
 
 test('a saved video tells what was wrong and what was done, with picture and sound before and after', async () => {
@@ -150,11 +152,15 @@ test('the folder of a video opens on the desktop, with a program that nobody wai
 test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {
   const page = await open();
   await save(page, stage.media.address('clip.mp4', 4));
-  await row(page, 'clip.mp4').locator('button[data-action=pause]').click();
+  const focused = () => page.evaluate(() => document.activeElement.dataset.action ?? document.activeElement.id);
+  await page.waitForSelector('button[data-action=pause]:visible');
+  await page.press('button[data-action=pause]', 'Enter');
   await until('the pause', async () => /Paused/.test(await row(page, 'clip.mp4').textContent()));
   await until('the transfer to end', () => stage.media.requests[0].closed);
-  await act(page, 'clip.mp4', 'resume');
+  assert.equal(await focused(), 'resume', 'where the way on is');
+  await page.keyboard.press('Enter');
   await inPhase(page, 'clip.mp4', 'saved');
+  await until('a button of the row to have the focus', async () => ['watch', 'dismiss'].includes(await focused()));
   assert.match(stage.media.requests[1].range, /^bytes=[1-9]/, 'not from the start again');
 
   await save(page, 'http://127.0.0.1:1/none.mp4', { filename: 'none.mp4' });
@@ -163,6 +169,9 @@ test('a transfer is paused and goes on; one that nobody answers says when it tri
   );
   await act(page, 'none.mp4', 'cancel');
   await until('its row to go', async () => (await row(page, 'none.mp4').count()) === 0);
+  await page.press('#clear-ended', 'Enter');
+  await page.waitForSelector('#downloads-empty');
+  assert.equal(await focused(), 'downloads-title');
 });
 
 test('videos are renamed, moved, removed and brought back with the keyboard, and another page sees it', async () => {

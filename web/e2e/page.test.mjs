@@ -120,19 +120,6 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   assert.equal(stage.media.requests.length, 1);
 });
 
-test('a video that cannot be fetched is shown as not saved, and can be tried again', async () => {
-  const page = await open();
-  stage.media.isMissing = true;
-  await save(page, stage.media.address('clip.mp4'));
-  await inPhase(page, 'clip.mp4', 'failed');
-  stage.media.isMissing = false;
-  await act(page, 'clip.mp4', 'again');
-  await inPhase(page, 'clip.mp4', 'saved');
-  assert.equal(await page.locator('.download').count(), 1);
-  await act(page, 'clip.mp4', 'dismiss');
-  await page.waitForSelector('#downloads-empty');
-});
-
 test('the application is in the background while no page can be seen', async () => {
   const count = (words) => stage.tarn.log().split(words).length - 1;
   const inBackground = () => count('App entered background - downloads continue in background');

@@ -32,6 +32,13 @@ export function keepFocus(work: () => void): void {
   if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
 }
 
+/** Hides a button or shows it. Whoever was at one that goes is led to `rest`. */
+export function hide(button: HTMLElement, isHidden: boolean, rest: HTMLElement | null): void {
+  const hasFocus = button === document.activeElement;
+  button.hidden = isHidden;
+  if (isHidden && hasFocus) rest?.focus({ preventScroll: true });
+}
+
 /** Removes an item of a list. Whoever was in it goes on in its neighbour, not at the top of the page, or else in `rest`. */
 export function removeItem(item: Element, rest: HTMLElement): void {
   if (item.contains(document.activeElement)) {

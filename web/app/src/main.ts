@@ -2,7 +2,7 @@ import { Albums } from './albums.js';
 import { cardsOf } from './cards.js';
 import type { Card, CardAction } from './cards.js';
 import { followConnection } from './connection.js';
-import { announce, byId, setText } from './dom.js';
+import { announce, byId, hide, setText } from './dom.js';
 import { Downloads, isActive } from './downloads.js';
 import type { Download } from './downloads.js';
 import { Drop } from './drop.js';
@@ -16,6 +16,7 @@ import { countText, messageOf } from './text.js';
 import { VideoChanges } from './video-changes.js';
 
 const problem = byId('problem', HTMLElement);
+const downloadsTitle = byId('downloads-title', HTMLElement);
 const cancelAll = byId('cancel-all', HTMLButtonElement);
 const clearEnded = byId('clear-ended', HTMLButtonElement);
 const showOlder = byId('show-older', HTMLButtonElement);
@@ -63,9 +64,9 @@ function show(): void {
   const active = cards.filter(isActive);
   rows.show(cards);
   byId('downloads-empty', HTMLElement).hidden = cards.length > 0;
-  cancelAll.hidden = active.length === 0;
-  clearEnded.hidden = active.length === cards.length;
-  showOlder.hidden = !history.mayHaveMore();
+  hide(cancelAll, active.length === 0, downloadsTitle);
+  hide(clearEnded, active.length === cards.length, downloadsTitle);
+  hide(showOlder, !history.mayHaveMore(), downloadsTitle);
   setText(byId('downloads-count', HTMLElement), active.length > 0 ? String(active.length) : '');
   document.title = active.length > 0 ? `(${active.length}) Tarn` : 'Tarn';
 }

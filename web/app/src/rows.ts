@@ -2,7 +2,7 @@ import { actionsFor } from './cards.js';
 import type { Card, CardAction } from './cards.js';
 import { isActive } from './downloads.js';
 import type { Download, Phase } from './downloads.js';
-import { byId, find, fromTemplate, keepFocus, putAt, removeItem, setText } from './dom.js';
+import { byId, find, fromTemplate, hide, keepFocus, putAt, removeItem, setText } from './dom.js';
 import { logPath } from './host.js';
 import type { HistoryEntry, Transfer } from './host.js';
 import { RepairReport } from './repair-report.js';
@@ -92,10 +92,17 @@ function update({ element: row, report }: Row, card: Card, album: string | undef
   if (done === undefined) bar.removeAttribute('value');
   else bar.value = done;
 
-  for (const button of row.querySelectorAll<HTMLElement>('button[data-action]')) {
-    const action = button.dataset.action as CardAction;
-    button.hidden = !actions.has(action);
-    button.setAttribute('aria-label', `${actionWords[action]}: ${name}`);
+  showActions(row, name, actions);
+}
+
+function showActions(row: HTMLElement, name: string, actions: Set<CardAction>): void {
+  const buttons = [...row.querySelectorAll<HTMLElement>('button[data-action]')];
+  const isOffered = (button: HTMLElement) => actions.has(button.dataset.action as CardAction);
+  for (const button of buttons.filter(isOffered)) button.hidden = false;
+  const first = buttons.find(isOffered) ?? null;
+  for (const button of buttons) {
+    hide(button, !isOffered(button), first);
+    button.setAttribute('aria-label', `${actionWords[button.dataset.action as CardAction]}: ${name}`);
   }
 }
 
