@@ -1,16 +1,10 @@
-#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <tarn/library.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <set>
 
@@ -27,6 +21,7 @@
 #include "engine/LibraryJSON.h"
 #include "platform/SafeName.h"
 #include "platform/host/AsioDispatch.h"
+#include "platform/host/Desktop.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 
@@ -247,39 +242,6 @@ class ExportCommand {
   std::atomic<bool> isStopped_ = false;
   InterruptWatcher watcher_;
 };
-
-bool hasDesktop() {
-  const auto isSet = [](const char* name) {
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
-    return value && *value;
-  };
-  return isSet("DISPLAY") || isSet("WAYLAND_DISPLAY");
-}
-
-/// Shows a file or a folder in the program that the desktop has for it; false without one.
-bool showOnDesktop(const Path& path) {
-  if (!hasDesktop()) return false;
-  const std::string text = path.string();
-  const char* const arguments[] = {"xdg-open", text.c_str(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  // This process waits for its interrupts on a thread; a player must hear its own.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  pid_t child = 0;
-  const int code =
-      posix_spawnp(&child, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  return code == 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
   const InterruptWatcher watcher = endAtInterrupt(global);

@@ -14,6 +14,7 @@
 #include "platform/Clock.h"
 #include "platform/TransferRules.h"
 #include "platform/URL.h"
+#include "platform/host/Desktop.h"
 
 namespace tarn {
 namespace {
@@ -72,14 +73,14 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
       {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
       {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
       {"importLocal", "promise"},     {"getLibrary", "promise"},   {"changeAsset", "promise"},
-      {"getPoster", "promise"},
+      {"showAsset", "promise"},       {"getPage", "promise"},      {"getPoster", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 13> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 15> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
@@ -92,6 +93,8 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"importLocal", &HostPlugin::importLocal},
       {"getLibrary", &HostPlugin::getLibrary},
       {"changeAsset", &HostPlugin::changeAsset},
+      {"showAsset", &HostPlugin::showAsset},
+      {"getPage", &HostPlugin::getPage},
       {"getPoster", &HostPlugin::getPoster},
   }};
   for (const auto& [name, member] : handlers) {
@@ -242,16 +245,42 @@ void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
   });
 }
 
+void HostPlugin::showAsset(const CAPPluginCallPointer& call) {
+  orReject(call, [&] {
+    const auto asset = assetNamed(*call);
+    if (!asset) return call->reject("No such video");
+    const Path folder = asset->path.parent_path();
+    showOnDesktop(folder, [call, folder](bool isShown) {
+      if (isShown) return call->resolve();
+      call->reject("No program here can open the folder. The video is in " + folder.string());
+    });
+  });
+}
+
+void HostPlugin::setPage(const std::string& address) {
+  std::lock_guard guard(mutex_);
+  page_ = address;
+}
+
+void HostPlugin::getPage(const CAPPluginCallPointer& call) {
+  std::lock_guard guard(mutex_);
+  call->resolve(page_ ? JSObject{{"address", *page_}} : JSObject());
+}
+
 void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
   orReject(call, [&] {
-    const auto assetId = call->getString("assetId");
-    const auto assets = host_.photos().fetchAllAssets();
-    const auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
-    if (asset == assets.end()) return call->resolve();
+    const auto asset = assetNamed(*call);
+    if (!asset) return call->resolve();
     host_.posters().tell(asset->localIdentifier, asset->path, [call](const std::optional<Path>& poster) {
       call->resolve(poster ? JSObject{{"path", poster->string()}} : JSObject());
     });
   });
+}
+
+std::optional<PHAsset> HostPlugin::assetNamed(const CAPPluginCall& call) {
+  const auto assets = host_.photos().fetchAllAssets();
+  const auto asset = std::ranges::find(assets, call.getString("assetId"), &PHAsset::localIdentifier);
+  return asset == assets.end() ? std::nullopt : std::optional(*asset);
 }
 
 }  // namespace tarn

@@ -248,8 +248,10 @@ class BridgeServer::Core {
     const auto inside = target ? check_.inside(*target) : std::nullopt;
     const bool isSocket = inside && inside->path == "/bridge/socket";
     auto refusal = refuse(head, target, isSocket);
-    const RequestBody body{
-        .length = lengthOf(parser), .isChunked = parser.chunked(), .arrived = static_cast<size_t>(buffer.size())};
+    const RequestBody body{.length = lengthOf(parser),
+                           .isChunked = parser.chunked(),
+                           .arrived = static_cast<size_t>(buffer.size()),
+                           .largest = inside ? HostRoutes::largestBody(inside->path) : 0};
     if (!refusal) refusal = refuseBody(head, body);
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
@@ -319,7 +321,7 @@ class BridgeServer::Core {
     const std::string what(HostRoutes::changedBy(hostCall.method));
     auto answering = desk_.answer(std::move(hostCall));
     SiteAnswer answer = co_await std::move(answering);
-    if (answer.status == 200) tellChange(what);
+    if (answer.status == 200 && !what.empty()) tellChange(what);
     co_return answer;
   }
 
