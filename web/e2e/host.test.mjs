@@ -209,6 +209,7 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
   await until('the way back', () => page.evaluate(() => document.activeElement.dataset.action === 'undo'));
   for (const each of [page, other]) await until('no video', async () => (await each.locator('.video').count()) === 0);
   assert.deepEqual(stage.tarn.savedFiles(), []);
+  await looksRight(page);
   assert.equal(await other.evaluate(() => document.activeElement.id), 'albums-title', 'not at the top of the page');
   await page.keyboard.press('Enter');
   for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
