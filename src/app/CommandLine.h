@@ -7,6 +7,7 @@
 namespace CLI {
 class Error;
 class Option;
+class Success;
 }  // namespace CLI
 
 namespace tarn {
@@ -26,6 +27,7 @@ class CommandLine {
   int run(int argc, const char* const* argv);
 
  private:
+  int tell(const CLI::Success& help) const;
   int refuse(const CLI::Error& error, bool isJSON) const;
   std::string whatIsWrong(const CLI::Error& error) const;
 
