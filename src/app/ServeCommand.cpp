@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
@@ -16,8 +18,9 @@ namespace tarn {
 namespace {
 
 struct ServeOptions {
-  uint16_t port = 0;                          ///< 0: any that is free
-  std::optional<std::string> webFolder = {};  ///< a built page; else the program's own
+  uint16_t port = 0;                            ///< 0: any that is free
+  std::optional<std::string> webFolder = {};    ///< a built page; else the program's own
+  std::optional<std::string> addressFile = {};  ///< takes the address; else it is printed
 };
 
 /// Has stored runs taken up, whichever process left them, or whatever kept them from going on. The engine starts one
@@ -38,6 +41,26 @@ class StoredRuns {
  private:
   Host& host_;
   std::chrono::steady_clock::time_point lastLook_ = std::chrono::steady_clock::now();
+};
+
+/// Tells the address, which is a secret: whoever knows it is let in. A file with it is there while the server is.
+class ToldAddress {
+ public:
+  ToldAddress(const std::string& address, const std::optional<std::string>& file) : file_(file) {
+    if (file_) {
+      storeSecret(*file_, address + "\n");
+    } else {
+      printLine(address);
+    }
+  }
+  ~ToldAddress() {
+    if (file_) ::unlink(file_->c_str());
+  }
+  ToldAddress(const ToldAddress&) = delete;
+  ToldAddress& operator=(const ToldAddress&) = delete;
+
+ private:
+  const std::optional<std::string> file_;
 };
 
 /// The page that stands beside this program: where both are installed, or where both were built.
@@ -69,7 +92,7 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
                        .localFolder = home / "Local",
                        .logFile = host.logFile().value_or(Path())},
                       [&host](bool isActive) { host.setActive(isActive); });
-  printLine(server.entryAddress());
+  const ToldAddress told(server.entryAddress(), options.addressFile);
   while (!client.isInterrupted()) {
     if (const auto event = client.nextEvent(StoredRuns::pause)) server.sendEvent(event->name, event->data);
     storedRuns.look();
@@ -85,7 +108,11 @@ void addServeCommand(CommandTable& table) {
   CLI::App* serve =
       table.app.add_subcommand("serve", "Show a page on this machine that drives it all; prints its address");
   serve->add_option("--port", options->port, "The port on 127.0.0.1 (else any that is free)");
-  serve->add_option("--web", options->webFolder, "The folder of the built page");
+  serve->add_option("--web", options->webFolder, "The folder of the built page")->type_name("DIR");
+  serve
+      ->add_option("--address-file", options->addressFile,
+                   "Write the address, which lets its reader in, into this file for you alone, and print nothing")
+      ->type_name("FILE");
   serve->excludes(table.app.get_option("--json"));
   serve->callback(
       [&table, options] { table.chosen = [&table, options] { return serveCommand(table.global, *options); }; });
