@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/CommandTree.h"
 #include "app/FailureReport.h"
 #include "app/Nearest.h"
 #include "app/Output.h"
@@ -21,15 +22,11 @@ namespace {
 
 constexpr int64_t longestBackground = 365L * 24 * 60 * 60;  // seconds
 
-constexpr const char* exitCodes = R"(Exit codes:
-    0  done
-    1  failed, and the same again fails too; of several files: not all are done
-    2  wrong usage
-    3  inspect: a repair would mend the file
-    4  refused: no video, or beyond repair
-    5  kept, and a part of the video is missing
-   75  failed, and trying again may help: the network, a full disk, a busy server
-  130  interrupted; what has been done is kept)";
+std::string footer() {
+  std::string text = "An argument behind `--` is no option. NO_COLOR keeps colours away.\n\nExit codes:";
+  for (const auto& [code, words] : exitCodes) text += fmt::format("\n{:>5}  {}", code, words);
+  return text;
+}
 
 /// The commands of all levels that the arguments have named, the innermost last.
 const CLI::App& innermost(const CLI::App& app) {
@@ -49,8 +46,8 @@ std::vector<std::string> commandsOf(const CLI::App& app) {
 std::vector<std::string> optionsOf(const CLI::App* app) {
   std::vector<std::string> names;
   for (; app; app = app->get_parent()) {
-    for (const CLI::Option* option : app->get_options()) {
-      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    for (const CommandOption& option : factsOf(*app).options()) {
+      if (!option.names.empty() && option.names.back().starts_with("--")) names.push_back(option.names.back());
     }
   }
   return names;
@@ -80,7 +77,8 @@ CommandLine::CommandLine()
   app.require_subcommand(1);
   app.set_version_flag("--version", versionText, "Show the version, the commit and the libraries");
   app.fallthrough();
-  app.add_option("--home", global_.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)");
+  app.add_option("--home", global_.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)")
+      ->type_name("DIR");
   CLI::Option* const verbose = app.add_flag("--verbose", global_.verbose, "Send the log to standard error");
   app.add_flag("--quiet", global_.quiet, "Say nothing but results and failures")->excludes(verbose);
   app.add_flag("--json", global_.json, "One JSON object a line for every event and result");
@@ -96,7 +94,8 @@ CommandLine::CommandLine()
   addLibraryCommands(table_);
   addServeCommand(table_);
   addDemoCommand(table_);
-  app.footer(std::string("An argument behind `--` is no option. NO_COLOR keeps colours away.\n\n") + exitCodes);
+  addCompletionCommand(table_);
+  app.footer(footer());
 }
 
 CommandLine::~CommandLine() = default;

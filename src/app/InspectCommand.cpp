@@ -169,10 +169,13 @@ void addInspectCommand(CommandTable& table) {
   const auto given = std::make_shared<InspectArguments>();
   CLI::App* inspect =
       table.app.add_subcommand("inspect", "Tell what is wrong with a file and what a repair would do about it");
-  inspect->add_option("FILE", given->files, "Files are not changed; several are told in a table")->required();
+  inspect->add_option("FILE", given->files, "Files are not changed; several are told in a table")
+      ->required()
+      ->type_name("");
   inspect->add_flag("--full", given->isFull,
                     "Tell all details: parts of the repair, tracks, tables, edit lists, boxes");
-  inspect->add_option("--plot", given->plot, "Draw picture and sound, before and after a repair, into this SVG file");
+  inspect->add_option("--plot", given->plot, "Draw picture and sound, before and after a repair, into this SVG file")
+      ->type_name("FILE");
   inspect->footer(
       "Exit codes: 0 nothing to do, 3 repairable, 4 beyond repair or no video, 1 the file cannot be opened.\n"
       "Of several files: 1 if any is not 0.");

@@ -305,7 +305,7 @@ void addLibraryCommands(CommandTable& table) {
   addChange(move, AssetChange::Action::move);
 
   CLI::App* exported = library->add_subcommand("export", "Copy videos into a folder: those named, an album, or all");
-  exported->add_option("DIR", options->to, "The folder; it is made if it is missing")->required();
+  exported->add_option("DIR", options->to, "The folder; it is made if it is missing")->required()->type_name("");
   addNames(exported);
   exported->add_option("--album", options->album, "All of this album");
   exported->add_flag("--force", options->force, "Replace files that are there");
