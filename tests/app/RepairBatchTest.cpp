@@ -176,7 +176,6 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   SlowlyRead(place_, command).killBehindLine(30);
   std::ofstream(report, std::ios::app) << "{\"input\":\"/half a li";
   SlowlyRead(place_, command).killBehindLine(60);
-  fs::create_directory(out_ / "0" / "0" / ".tarn-repair-of-a-dead-process");
   const TarnResult finished = repair({command.begin() + 1, command.end()});
   EXPECT_EQ(finished.exitCode, 1) << finished.errors;
   EXPECT_THAT(finished.output, HasSubstr("200 of 200 files in"));
@@ -220,6 +219,7 @@ TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
         for (int made = 0; made < 500; ++made) {
           PrivateHome home(place_.path());
           home.make();
+          PrivateHome::sweep(place_.path());
           if (!fs::is_directory(home.path())) ++gone;
         }
       });
