@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
+#include "app/CommandTree.h"
 #include "app/FailureReport.h"
 #include "app/Nearest.h"
 #include "app/Output.h"
@@ -20,15 +22,11 @@ namespace {
 
 constexpr int64_t longestBackground = 365L * 24 * 60 * 60;  // seconds
 
-constexpr const char* exitCodes = R"(Exit codes:
-    0  done
-    1  failed, and the same again fails too; of several files: not all are done
-    2  wrong usage
-    3  inspect: a repair would mend the file
-    4  refused: no video, or beyond repair
-    5  kept, and a part of the video is missing
-   75  failed, and trying again may help: the network, a full disk, a busy server
-  130  interrupted; what has been done is kept)";
+std::string footer() {
+  std::string text = "An argument behind `--` is no option. NO_COLOR keeps colours away.\n\nExit codes:";
+  for (const auto& [code, words] : exitCodes) text += fmt::format("\n{:>5}  {}", code, words);
+  return text;
+}
 
 /// The commands of all levels that the arguments have named, the innermost last.
 const CLI::App& innermost(const CLI::App& app) {
@@ -48,8 +46,8 @@ std::vector<std::string> commandsOf(const CLI::App& app) {
 std::vector<std::string> optionsOf(const CLI::App* app) {
   std::vector<std::string> names;
   for (; app; app = app->get_parent()) {
-    for (const CLI::Option* option : app->get_options()) {
-      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    for (const CommandOption& option : factsOf(*app).options()) {
+      if (!option.names.empty() && option.names.back().starts_with("--")) names.push_back(option.names.back());
     }
   }
   return names;
@@ -79,7 +77,8 @@ CommandLine::CommandLine()
   app.require_subcommand(1);
   app.set_version_flag("--version", versionText, "Show the version, the commit and the libraries");
   app.fallthrough();
-  app.add_option("--home", global_.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)");
+  app.add_option("--home", global_.home, "Where everything is kept (else TARN_HOME, else $XDG_DATA_HOME/tarn)")
+      ->type_name("DIR");
   CLI::Option* const verbose = app.add_flag("--verbose", global_.verbose, "Send the log to standard error");
   app.add_flag("--quiet", global_.quiet, "Say nothing but results and failures")->excludes(verbose);
   app.add_flag("--json", global_.json, "One JSON object a line for every event and result");
@@ -95,7 +94,8 @@ CommandLine::CommandLine()
   addLibraryCommands(table_);
   addServeCommand(table_);
   addDemoCommand(table_);
-  app.footer(std::string("An argument behind `--` is no option. NO_COLOR keeps colours away.\n\n") + exitCodes);
+  addCompletionCommand(table_);
+  app.footer(footer());
 }
 
 CommandLine::~CommandLine() = default;
@@ -104,7 +104,7 @@ int CommandLine::run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::Success& help) {
-    return app_->exit(help);
+    return tell(help);
   } catch (const CLI::ParseError& error) {
     return refuse(error, asksForJSON(argc, argv));
   }
@@ -112,15 +112,33 @@ int CommandLine::run(int argc, const char* const* argv) {
   setQuiet(global_.quiet);
   if (backgroundLimit_->count() > 0) global_.backgroundLimit = std::chrono::seconds(backgroundSeconds_);
   try {
-    return table_.chosen();
+    const int code = table_.chosen();
+    if (code < ExitCode::mayTryAgain && code != ExitCode::failed) requireWritten();
+    return code;
   } catch (const EngineInterrupted&) {
     return reportInterrupt(global_, "what has been done is kept.");
-  } catch (const std::exception& error) {
-    const bool isUsage = dynamic_cast<const UsageError*>(&error);
-    if (global_.json) printJSON({{"result", isUsage ? "usage" : "failed"}, {"error", error.what()}});
+  } catch (const UsageError& error) {
+    if (global_.json) printJSON({{"result", "usage"}, {"error", error.what()}});
     printFailure(error.what());
-    return isUsage ? ExitCode::usage : ExitCode::failed;
+    return ExitCode::usage;
+  } catch (const std::exception&) {
+    return reportFailure(global_, std::current_exception());
   }
+}
+
+/// Prints a help text or the version.
+int CommandLine::tell(const CLI::Success& help) const {
+  std::ostringstream text, none;
+  const int code = app_->exit(help, text, none);
+  std::string lines = text.str();
+  if (lines.ends_with('\n')) lines.pop_back();
+  printText(lines);
+  try {
+    requireWritten();
+  } catch (const Error&) {
+    return reportFailure(global_, std::current_exception());
+  }
+  return code;
 }
 
 int CommandLine::refuse(const CLI::Error& error, bool isJSON) const {

@@ -59,6 +59,7 @@ void addDownloadsCommands(CommandTable& table);
 void addRetryCommand(CommandTable& table);
 void addServeCommand(CommandTable& table);
 void addDemoCommand(CommandTable& table);
+void addCompletionCommand(CommandTable& table);
 
 /// Lets paused downloads go on, which are named as in `tarn downloads`. Returns the exit code.
 int resumeDownloads(const GlobalOptions& global, const std::vector<std::string>& ids);

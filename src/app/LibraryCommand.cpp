@@ -1,4 +1,3 @@
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <tarn/library.h>
 
@@ -19,6 +18,7 @@
 #include "engine/Home.h"
 #include "engine/Library.h"
 #include "engine/LibraryJSON.h"
+#include "platform/DateText.h"
 #include "platform/SafeName.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/Desktop.h"
@@ -82,8 +82,8 @@ void printAlbum(const GlobalOptions& global, const LibraryAlbum& album) {
     if (global.json) {
       printJSON(assetObject(album.title, asset));
     } else {
-      printLine(fmt::format("  {:%FT%TZ}  {}  {}", fmt::gmtime(std::chrono::system_clock::to_time_t(asset.created)),
-                            byteText(static_cast<double>(asset.size)), asset.path.string()));
+      printLine(fmt::format("  {}  {}  {}", dateText(asset.created), byteText(static_cast<double>(asset.size)),
+                            asset.path.string()));
     }
   }
 }
@@ -194,10 +194,14 @@ class ExportCommand {
 
   int run() {
     const Path target = absolutePath(options_.to);
-    const auto albums = stored_.albums(options_.album);
+    auto albums = stored_.albums(options_.album);
+    if (!options_.names.empty()) albums = {LibraryAlbum{.title = "", .assets = videosNamed(albums, options_.names)}};
+    size_t videos = 0;
+    for (const LibraryAlbum& album : albums) videos += album.assets.size();
+    isSeveral_ = videos > 1;
     int code = ExitCode::done;
     if (!options_.names.empty()) {
-      code = exportAll({"", videosNamed(albums, options_.names)}, target);
+      code = exportAll(albums.front(), target);
     } else {
       for (const LibraryAlbum& album : albums) {
         const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
@@ -225,12 +229,9 @@ class ExportCommand {
         } else {
           printPath(folder / name);
         }
-      } catch (const Error& error) {
-        if (global_.json) {
-          printJSON({{"result", "failed"}, {"assetId", asset.assetId}, {"error", error.description()}});
-        }
-        printFailure(error.description() + ".");
-        code = ExitCode::failed;
+      } catch (const Error&) {
+        const int failure = reportFailure(global_, std::current_exception(), {{"assetId", asset.assetId}});
+        code = isSeveral_ ? ExitCode::failed : failure;
       }
     }
     return code;
@@ -239,6 +240,7 @@ class ExportCommand {
   const GlobalOptions& global_;
   const LibraryOptions& options_;
   StoredLibrary stored_;
+  bool isSeveral_ = false;  ///< videos are to be copied
   std::atomic<bool> isStopped_ = false;
   InterruptWatcher watcher_;
 };
@@ -303,7 +305,7 @@ void addLibraryCommands(CommandTable& table) {
   addChange(move, AssetChange::Action::move);
 
   CLI::App* exported = library->add_subcommand("export", "Copy videos into a folder: those named, an album, or all");
-  exported->add_option("DIR", options->to, "The folder; it is made if it is missing")->required();
+  exported->add_option("DIR", options->to, "The folder; it is made if it is missing")->required()->type_name("");
   addNames(exported);
   exported->add_option("--album", options->album, "All of this album");
   exported->add_flag("--force", options->force, "Replace files that are there");

@@ -130,22 +130,26 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& given) {
 }
 
 void addPlaces(CLI::App& repair, RepairArguments& given) {
-  repair.add_option("IN", given.inputs, "The files to repair, or directories (--recursive); - is standard input");
-  repair.add_option("--files-from", given.filesFrom, "More of them, one a line; - is standard input");
+  repair.add_option("IN", given.inputs, "The files to repair, or directories (--recursive); - is standard input")
+      ->type_name("FILE");
+  repair.add_option("--files-from", given.filesFrom, "More of them, one a line; - is standard input")
+      ->type_name("FILE");
   repair.add_flag("-0,--null", given.listEndsWithZeros,
                   "In that list a zero stands behind each, as `find -print0` writes it");
   repair.add_flag("-r,--recursive", given.isRecursive,
                   "Recordings in directories and below them, told by their endings");
   auto* const places = repair.add_option_group("places", "Where the results go; each appears whole or not at all");
-  places->add_option("-o,--output", given.output, "The result of one file; - is standard output");
-  auto* const directory = places->add_option("--output-dir", given.outputDirectory, "Results go below this directory");
+  places->add_option("-o,--output", given.output, "The result of one file; - is standard output")->type_name("FILE");
+  auto* const directory =
+      places->add_option("--output-dir", given.outputDirectory, "Results go below this directory")->type_name("DIR");
   auto* const inPlace =
       places->add_flag("--in-place", given.isInPlace, "Results replace their files; NAME.orig is the old one");
   places->require_option(1);
   repair.add_option("--suffix", given.suffix, "Put ahead of the ending of each name")->needs(directory);
   repair.add_flag("--no-backup", given.lacksBackup, "Keep no NAME.orig")->needs(inPlace);
   repair.add_option("--scratch", given.options.scratch, "Directory for all new bytes but the results")
-      ->check(CLI::ExistingDirectory);
+      ->check(CLI::ExistingDirectory.description(""))
+      ->type_name("DIR");
 }
 
 }  // namespace
@@ -157,11 +161,13 @@ void addRepairCommand(CommandTable& table) {
   repair->add_option("--jobs", given->jobs, "Files at a time (else as many as cores, at most 4)")
       ->check(CLI::Range(1U, 1024U));
   repair->add_flag("--skip-done", given->skipsDone, "Pass over files whose result is there and not older");
-  repair->add_option("--report", given->report, "Append a JSON line for each file to this file");
+  repair->add_option("--report", given->report, "Append a JSON line for each file to this file")->type_name("FILE");
   repair->add_flag("--skip-video-fix", given->options.skipVideoFix, "Only copy the file");
   repair->add_flag("--skip-audio-fix", given->options.skipAudioFix, "Leave sound and timing as they are");
-  repair->add_option("--like", given->options.like,
-                     "A healthy recording of the same device, for files whose moov is lost");
+  repair
+      ->add_option("--like", given->options.like,
+                   "A healthy recording of the same device, for files whose moov is lost")
+      ->type_name("FILE");
   repair->callback([&table, given] { table.chosen = [&table, given] { return repairCommand(table.global, *given); }; });
 }
 

@@ -63,7 +63,7 @@ void addSaveCommand(CommandTable& table) {
           "-i,--input", given->list,
           "A list of URLs, \"-\" for standard input: a line each, with album and file name behind it, parted by "
           "tabs; # begins a comment")
-      ->type_name("LIST");
+      ->type_name("FILE");
   save->add_option("--album", given->album, "The album; it is made when there is none of this name")
       ->capture_default_str();
   save->add_option("--filename", given->filename,

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
@@ -17,8 +19,9 @@ namespace tarn {
 namespace {
 
 struct ServeOptions {
-  uint16_t port = 0;                          ///< 0: any that is free
-  std::optional<std::string> webFolder = {};  ///< a built page; else the program's own
+  uint16_t port = 0;                            ///< 0: any that is free
+  std::optional<std::string> webFolder = {};    ///< a built page; else the program's own
+  std::optional<std::string> addressFile = {};  ///< takes the address; else it is printed
 };
 
 /// Has stored runs taken up, whichever process left them, or whatever kept them from going on. The engine starts one
@@ -41,6 +44,26 @@ class StoredRuns {
   std::chrono::steady_clock::time_point lastLook_ = std::chrono::steady_clock::now();
 };
 
+/// Tells the address, which is a secret: whoever knows it is let in. A file with it is there while the server is.
+class ToldAddress {
+ public:
+  ToldAddress(const std::string& address, const std::optional<std::string>& file) : file_(file) {
+    if (file_) {
+      storeSecret(*file_, address + "\n");
+    } else {
+      printLine(address);
+    }
+  }
+  ~ToldAddress() {
+    if (file_) ::unlink(file_->c_str());
+  }
+  ToldAddress(const ToldAddress&) = delete;
+  ToldAddress& operator=(const ToldAddress&) = delete;
+
+ private:
+  const std::optional<std::string> file_;
+};
+
 /// The page that stands beside this program: where both are installed, or where both were built.
 Path ownPage() {
   const Path here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -50,10 +73,11 @@ Path ownPage() {
   return std::filesystem::exists(installed / "index.html", ignored) ? installed : built;
 }
 
-/// Tells of the page that another process serves in this home; rethrows the failure where none does.
+/// Tells of the page that another process serves in this home. Rethrows the failure if none does, or if the address shall
+/// not be printed.
 int tellOfOther(const Path& home, const ServeOptions& options, const HomeInUse& failure) {
   const auto address = servedPage(home);
-  if (!address) throw failure;
+  if (!address || options.addressFile) throw failure;
   const bool isOtherwise = options.port != 0 || options.webFolder;
   printFailure(std::string("Another tarn serves this home already; this is the address of its page.") +
                (isOtherwise ? " --port and --web change nothing about it." : ""));
@@ -81,7 +105,7 @@ int serve(const GlobalOptions& global, const ServeOptions& options, const Path& 
                        .logFile = host.logFile().value_or(Path())},
                       [&host](bool isActive) { host.setActive(isActive); });
   host.hostPlugin().setPage(server.entryAddress());
-  printLine(server.entryAddress());
+  const ToldAddress told(server.entryAddress(), options.addressFile);
   while (!client.isInterrupted()) {
     if (const auto event = client.nextEvent(StoredRuns::pause)) server.sendEvent(event->name, event->data);
     storedRuns.look();
@@ -106,7 +130,11 @@ void addServeCommand(CommandTable& table) {
   CLI::App* serve =
       table.app.add_subcommand("serve", "Show a page on this machine that drives it all; prints its address");
   serve->add_option("--port", options->port, "The port on 127.0.0.1 (else any that is free)");
-  serve->add_option("--web", options->webFolder, "The folder of the built page");
+  serve->add_option("--web", options->webFolder, "The folder of the built page")->type_name("DIR");
+  serve
+      ->add_option("--address-file", options->addressFile,
+                   "Write the address, which lets its reader in, into this file for you alone, and print nothing")
+      ->type_name("FILE");
   serve->excludes(table.app.get_option("--json"));
   serve->callback(
       [&table, options] { table.chosen = [&table, options] { return serveCommand(table.global, *options); }; });

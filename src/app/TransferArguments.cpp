@@ -68,7 +68,7 @@ UsageError unreadable(const std::string& name) {
 void TransferArguments::addTo(CLI::App& command) {
   command.add_option("--header", headers_, "A header for the server, \"Name: value\"; @FILE reads them from a file")
       ->allow_extra_args(false);
-  command.add_option("--cookie-file", cookieFile_, "A file of cookies in the Netscape format");
+  command.add_option("--cookie-file", cookieFile_, "A file of cookies in the Netscape format")->type_name("FILE");
   command.add_option("--referer", referer_, "The page that leads to the video");
   command.add_option("--user-agent", userAgent_, "The name of the browser for the server (else tarn's own)");
   command.add_option("--limit-rate", rate_, "Bytes a second at most, as 500K or 2M");

@@ -19,23 +19,29 @@
 namespace tarn {
 namespace {
 
-/// The assets of an album, or all.
-std::vector<PHAsset> assetsOf(PHPhotoLibrary& photos, const std::optional<std::string>& album) {
-  if (!album) return photos.fetchAllAssets();
+/// The assets of an album, or all; with an identifier that one alone.
+std::vector<PHAsset> assetsFor(PHPhotoLibrary& photos, const std::optional<std::string>& album,
+                               const std::optional<std::string>& assetId) {
+  if (!album && !assetId) return photos.fetchAllAssets();
   std::vector<PHAsset> assets;
+  if (!album) {
+    if (auto asset = photos.fetchAsset(*assetId)) assets.push_back(std::move(*asset));
+    return assets;
+  }
   for (const PHAssetCollection& collection : photos.fetchAssetCollections(*album)) {
-    std::ranges::move(photos.fetchAssets(collection, std::nullopt), std::back_inserter(assets));
+    std::ranges::move(photos.fetchAssets(collection, assetId), std::back_inserter(assets));
   }
   return assets;
 }
 
-/// Rejects the call with the words of a failure.
+/// Rejects the call with the words of a failure, and if the same may work later, with advice.
 template <typename Work>
 void orReject(const CAPPluginCallPointer& call, const Work& work) {
   try {
     work();
   } catch (const Error& failure) {
-    call->reject(failure.description());
+    const auto advice = adviceFor(RunOutcome::failed(0, RunOutcome::Where::start, std::current_exception()));
+    call->reject(failure.description(), advice.mayTryAgain ? JSObject{{"advice", advice.words}} : JSObject());
   }
 }
 
@@ -121,12 +127,11 @@ void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {
-  const auto assetId = call->getString("assetId");
+  const auto assets = assetsFor(host_.photos(), call->getString("album"), call->getString("assetId"));
   const auto filename = call->getString("filename");
   const int64_t since = call->getInt("since").value_or(0);
-  const auto assets = assetsOf(host_.photos(), call->getString("album"));
   const auto found = std::find_if(assets.rbegin(), assets.rend(), [&](const PHAsset& asset) {
-    if (assetId) return asset.localIdentifier == *assetId;
+    if (call->getString("assetId")) return true;
     return asset.filename == filename && secondsSince1970(asset.creationDate) >= since;
   });
   JSObject answer;
@@ -148,7 +153,7 @@ void HostPlugin::getHistory(const CAPPluginCallPointer& call) {
   const auto limit = call->getInt("limit");
   if (limit && *limit < 0) return call->reject("limit is a number from 0 on");
   JSValue::Array entries;
-  for (const HistoryEntry& entry : host_.history().entries(limit)) entries.emplace_back(entry.json());
+  for (const HistoryEntry& entry : host_.history().entries(limit)) entries.emplace_back(jsonOf(entry));
   JSObject answer{{"entries", std::move(entries)}};
   if (const auto log = host_.logFile()) answer.set("log", log->string());
   if (const auto problem = host_.history().problem()) answer.set("problem", *problem);
@@ -160,7 +165,7 @@ void HostPlugin::clearHistory(const CAPPluginCallPointer& call) {
   const auto entry = id ? host_.history().entry(*id) : std::nullopt;
   if (id && !entry) return call->reject("No such download");
   if (entry && entry->state == HistoryEntry::State::pending) return call->reject("The download has not ended");
-  host_.history().clear(id);
+  if (!host_.history().clear(id)) return call->reject("The history cannot be changed just now; the log says why");
   call->resolve();
 }
 
@@ -278,9 +283,7 @@ void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
 }
 
 std::optional<PHAsset> HostPlugin::assetNamed(const CAPPluginCall& call) {
-  const auto assets = host_.photos().fetchAllAssets();
-  const auto asset = std::ranges::find(assets, call.getString("assetId"), &PHAsset::localIdentifier);
-  return asset == assets.end() ? std::nullopt : std::optional(*asset);
+  return host_.photos().fetchAsset(call.getString("assetId").value_or(""));
 }
 
 }  // namespace tarn

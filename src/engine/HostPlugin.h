@@ -26,7 +26,7 @@ class Host;
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
 ///   in words, and `notices` of what harms no download.
-/// - getHistory {limit}: `entries`, as HistoryEntry::json() has them, the newest first; `problem`, in words, if
+/// - getHistory {limit}: `entries`, as jsonOf() has them, the newest first; `problem`, in words, if
 ///   there is one; `log`, the path of the log. All entries without a limit.
 /// - clearHistory {id}: removes a download that has ended from the history; without an id all of them.
 /// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`

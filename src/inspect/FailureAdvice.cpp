@@ -62,7 +62,9 @@ FailureAdvice ofTransfer(int code) {
                                         CURLE_AGAIN};
   if (code >= 400) return ofStatus(code);
   if (isOneOf(code, certificate)) {
-    return {"The server cannot prove who it is: check the address, and the clock of this machine."};
+    return {
+        "The server cannot prove who it is: check the address, and the clock of this machine. If you know better, "
+        "name the file of its certificate in SSL_CERT_FILE."};
   }
   if (isOneOf(code, network)) return tryAgain("Check the network, then try again.");
   switch (code) {

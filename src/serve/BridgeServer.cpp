@@ -252,7 +252,7 @@ class BridgeServer::Core {
                            .isChunked = parser.chunked(),
                            .arrived = static_cast<size_t>(buffer.size()),
                            .largest = inside ? HostRoutes::largestBody(inside->path) : 0};
-    if (!refusal) refusal = refuseBody(head, body);
+    if (!refusal) refusal = refuseBody(head, body, inside);
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
       co_await send(stream, *refusal);
@@ -298,8 +298,10 @@ class BridgeServer::Core {
     return std::nullopt;
   }
 
-  std::optional<SiteAnswer> refuseBody(const RequestHead& head, const RequestBody& body) const {
+  std::optional<SiteAnswer> refuseBody(const RequestHead& head, const RequestBody& body,
+                                       const std::optional<RequestTarget>& inside) const {
     auto refusal = body.refuse(head);
+    if (!refusal && head.method == "PUT") refusal = HostRoutes::refuseLocal(*inside);
     if (!refusal && head.method == "PUT") refusal = drop_.refuse(*body.length);
     return refusal ? std::optional(answerOf(*refusal)) : std::nullopt;
   }

@@ -41,26 +41,26 @@ std::string hex(ByteView bytes) {
   return text;
 }
 
-void store(const Path& path, const std::string& token) {
-  const Path fresh = hiddenSibling(path);
-  const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!file.isOpen()) throw PosixError(errno, fresh.string());
-  if (::write(*file, token.data(), token.size()) != static_cast<ssize_t>(token.size()) || ::fsync(*file) != 0 ||
-      ::rename(fresh.c_str(), path.c_str()) != 0) {
-    const int failure = errno;
-    ::unlink(fresh.c_str());
-    throw PosixError(failure, path.string());
-  }
-}
-
 }  // namespace
 
 std::string homeToken(const Path& home) {
   const Path path = home / "token";
   if (auto stored = storedToken(path)) return *stored;
   std::string token = randomHex(tokenBytes);
-  store(path, token);
+  storeSecret(path, token);
   return token;
+}
+
+void storeSecret(const Path& path, const std::string& secret) {
+  const Path fresh = hiddenSibling(path);
+  const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!file.isOpen()) throw PosixError(errno, fresh.string());
+  if (::write(*file, secret.data(), secret.size()) != static_cast<ssize_t>(secret.size()) || ::fsync(*file) != 0 ||
+      ::rename(fresh.c_str(), path.c_str()) != 0) {
+    const int failure = errno;
+    ::unlink(fresh.c_str());
+    throw PosixError(failure, path.string());
+  }
 }
 
 std::string randomHex(size_t count) {

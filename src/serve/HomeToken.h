@@ -12,6 +12,10 @@ namespace tarn {
 /// others can read, or that holds anything else, is replaced. The caller owns the home. Throws PosixError.
 std::string homeToken(const Path& home);
 
+/// Writes a secret into a file that only its owner may read, whole or not at all; what was there is replaced. Throws
+/// PosixError.
+void storeSecret(const Path& path, const std::string& secret);
+
 /// `count` random bytes as hexadecimal digits. Throws PosixError.
 std::string randomHex(size_t count);
 

@@ -33,6 +33,7 @@ TEST_F(CommandLineTest, AMistypedWordIsAnsweredWithTheNearestOne) {
       {"fly", R"(There is no command "fly". `tarn --help` lists all.)"},
       {"save --albm Trips http://127.0.0.1/x", R"(There is no option "--albm". Did you mean "--album"?)"},
       {"save --ablum=Trips http://127.0.0.1/x", R"(There is no option "--ablum". Did you mean "--album"?)"},
+      {"repair --outptu x y", R"(There is no option "--outptu". Did you mean "--output"?)"},
       {"library --hoem x", R"(There is no option "--hoem". Did you mean "--home"?)"},
       {"--versoin", R"(There is no option "--versoin". Did you mean "--version"?)"},
       {"", "Which command? `tarn --help` tells more."},

@@ -231,6 +231,10 @@ TEST_F(HostRequestsTest, AFileOfTheBrowsersMachineIsTakenInWholeOrNotAtAll) {
   half.close();
   ASSERT_TRUE(eventually(isEmpty));
 
+  const std::string nothing = askServer(port_, headOf("PUT", "local?filename=a.mp4&album=", content.size()));
+  EXPECT_EQ(statusOf(nothing), 400) << "before any of its bytes are asked for";
+  EXPECT_THAT(nothing, HasSubstr("album"));
+
   isWanted = false;
   EXPECT_THAT(send("PUT", target, content), HasSubstr("It is no video"));
   EXPECT_TRUE(isEmpty());

@@ -210,6 +210,12 @@ std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollectionsContai
   return collections;
 }
 
+std::optional<PHAsset> InMemoryPhotoLibrary::fetchAsset(const std::string& localIdentifier) {
+  auto assets = fetchAllAssets();
+  const auto found = std::ranges::find(assets, localIdentifier, &PHAsset::localIdentifier);
+  return found == assets.end() ? std::nullopt : std::optional(std::move(*found));
+}
+
 std::vector<PHAsset> InMemoryPhotoLibrary::fetchAllAssets() {
   std::lock_guard guard(mutex_);
   std::vector<PHAsset> assets;

@@ -134,6 +134,11 @@ std::vector<std::string_view> HostRoutes::allowedMethods(std::string_view path) 
   return methods;
 }
 
+std::optional<Refusal> HostRoutes::refuseLocal(const RequestTarget& target) {
+  if (!target.parameter("album").empty()) return std::nullopt;
+  return Refusal{400, "\"album\" must name the album for the video."};
+}
+
 bool HostRoutes::isAsked(std::string_view path) {
   return std::ranges::any_of(routes,
                              [&](const Route& route) { return route.httpMethod == "GET" && isAt(route, path); });

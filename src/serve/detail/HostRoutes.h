@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -22,6 +23,9 @@ class HostRoutes {
  public:
   /// Where a file of the browser's machine is handed in, by PUT.
   static constexpr std::string_view local = "/local";
+
+  /// Why a file of the browser's machine is not taken at this address; nothing if it is.
+  static std::optional<Refusal> refuseLocal(const RequestTarget& target);
 
   /// Which HTTP methods a path takes. That of any other file takes GET alone.
   static std::vector<std::string_view> allowedMethods(std::string_view path);

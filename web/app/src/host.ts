@@ -51,6 +51,7 @@ export interface HistoryEntry {
   ended?: string;
   reason?: string;
   advice?: string;
+  refused?: boolean;
   mayTryAgain?: boolean;
   maySaveAsItCame?: boolean;
   partly?: boolean;
