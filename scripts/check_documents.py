@@ -3,6 +3,7 @@
 
 - A link leads to a file or a heading that is there.
 - A path, a class, a function or an option that is named in `code`, and a class in a drawing, is in the tree.
+- CONTRIBUTING.md lists each part of ./check.
 - The drawing of the floors in docs/architecture.md, and the table beside it, name each room of src/floors.txt on its
   floor, and no other.
 """
@@ -76,7 +77,7 @@ def faults_of_code(tree, document, text):
                 yield f"there is no option {option}"
         top = code.split("/")[0]
         if is_path(code) and (Path(top).exists() or Path("src", top).exists() or Path(code).suffix in ENDINGS):
-            if not tree.has(code, document) and top not in ("build", "..") and code not in FOREIGN:
+            if not tree.has(code, document) and top not in ("build", "dist", "..") and code not in FOREIGN:
                 yield f"there is no {code}"
         elif NAME.fullmatch(code):
             for part in re.findall(r"\w+", code):
@@ -91,6 +92,13 @@ def faults_of_drawings(tree, text):
             for name in re.findall(r"\b[A-Z]\w*[a-z]\w*[A-Z]\w*", label):
                 if name not in tree.words:
                     yield f"nothing is called {name}, which a drawing names"
+
+
+def faults_of_parts(text):
+    for parts in re.findall(r"^    ([a-z| ]+)\) ", Path("check").read_text(), re.M):
+        for part in parts.split(" | "):
+            if f"`./check {part}`" not in text:
+                yield f"lacks `./check {part}`"
 
 
 def faults_of_floors(document):
@@ -122,6 +130,8 @@ def main():
                  *faults_of_drawings(tree, text)]
         if document.name == "architecture.md":
             found += faults_of_floors(document)
+        if document.name == "CONTRIBUTING.md":
+            found += faults_of_parts(text)
         faults += [f"{document}: {fault}" for fault in found]
     print("\n".join(faults) if faults else f"{len(tree.documents)} documents agree with the tree", file=sys.stderr)
     return bool(faults)

@@ -38,7 +38,14 @@ class TARN_API EngineInterrupted : public Error {
 class TARN_API EngineRefused : public Error {
  public:
   /// The description says why.
-  explicit EngineRefused(std::string description) : Error("Engine", -1, std::move(description)) {}
+  explicit EngineRefused(std::string description, std::string advice = "")
+      : Error("Engine", -1, std::move(description)), advice_(std::move(advice)) {}
+
+  /// If the same may work later, what to do first, as a sentence; else empty.
+  const std::string& advice() const { return advice_; }
+
+ private:
+  std::string advice_;
 };
 
 /// Which home an Engine serves, and how.
@@ -96,7 +103,7 @@ class TARN_API Engine {
     std::optional<std::string> failure = {};  ///< in words
     std::optional<std::string> assetId = {};  ///< of the video in the library
     std::string advice = {};                  ///< of a failure: what to do about it, a sentence or nothing
-    bool isRefused = false;        ///< of a failure: the file is no video, and the words say what to do instead
+    bool isRefused = false;        ///< of a failure: the file is not a video, and the words say what to do instead
     bool mayTryAgain = false;      ///< of a failure: the same again may work, now or later
     bool maySaveAsItCame = false;  ///< of a failure: a repair failed that the file can do without
     bool isPartly = false;         ///< saved, and a part of the video is missing, as `leftAlone` says
@@ -119,21 +126,22 @@ class TARN_API Engine {
     /// How far it is.
     enum class State { pending, saved, failed, cancelled };
 
-    int64_t id = 0;                           ///< as save() or retry() returned it
-    State state = State::pending;             ///< how far it is
-    std::string filename = {};                ///< in the album
-    std::string album = {};                   ///< its title
-    std::string url = {};                     ///< scheme, host and path
-    std::string started = {};                 ///< ISO 8601 in UTC
-    std::string ended = {};                   ///< likewise; empty while it is pending
+    int64_t id = 0;                                      ///< as save() or retry() returned it
+    State state = State::pending;                        ///< how far it is
+    std::string filename = {};                           ///< in the album
+    std::string album = {};                              ///< its title
+    std::string url = {};                                ///< scheme, host and path: what else it had may be secret
+    std::chrono::system_clock::time_point started = {};  ///< when it was asked for
+    std::optional<std::chrono::system_clock::time_point> ended = {};  ///< none while it is pending
     std::string reason = {};                  ///< why it failed, or what a saved one lacks, in words without a stop
     std::string advice = {};                  ///< what somebody can do about a failure: a sentence, or nothing
+    bool isRefused = false;                   ///< failed: the file is no video, and the reason says what to do instead
     bool mayTryAgain = false;                 ///< retry() is possible, and may help
     bool maySaveAsItCame = false;             ///< likewise without a repair
     bool isPartly = false;                    ///< saved, and a part of the video is missing
+    std::string summary = {};                 ///< what was repaired, as JSON (docs/json.md); empty if nobody knows
     std::optional<uint64_t> size = {};        ///< of a saved video, in bytes
     std::optional<std::string> assetId = {};  ///< of a saved video
-    std::string json = {};                    ///< all that is known of it, what was repaired too: docs/json.md
   };
 
   /// The answer of call().
@@ -198,7 +206,7 @@ class TARN_API Engine {
   /// EngineRefused for one that has not ended, or is not there.
   void clearHistory(std::optional<int64_t> id = std::nullopt);
   /// Asks once more for a download that has failed or was cancelled, with the same album and name; `asItCame` without
-  /// any repair. Returns the id of the new download, which takes the place of the old one in the history. Throws
+  /// any repair. Returns the id of the new download, which replaces the old one in the history. Throws
   /// EngineRefused if it has not ended, was saved, or the history does not keep the request any more: that goes 30 days
   /// after it was made. Throws EngineLost.
   int64_t retry(int64_t id, bool asItCame = false);

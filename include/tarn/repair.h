@@ -33,7 +33,7 @@ struct RepairReport {
   enum class Kind {
     repaired,   ///< the output differs from the input
     unchanged,  ///< there was nothing to repair, or nothing that could be: the output is the input, byte for byte
-    refused,    ///< nothing was written: it is no video, is beyond repair, or must not be replaced
+    refused,    ///< nothing was written: it is not a video, is beyond repair, or must not be replaced
     failed,     ///< nothing was written
     cancelled,  ///< likewise
   };

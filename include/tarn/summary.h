@@ -25,8 +25,8 @@ struct RepairSummary {
     std::optional<double> soundBehindAtEnd = {};  ///< the same where both end
   };
 
-  std::vector<std::string> wrong = {};  ///< a sentence a fault; empty for a video that needed nothing
-  std::vector<std::string> done = {};   ///< a sentence a change
+  std::vector<std::string> wrong = {};  ///< one sentence for each fault; empty for a video that needed nothing
+  std::vector<std::string> done = {};   ///< one sentence for each change
   std::optional<Timeline> before = {};  ///< of the file of before; absent if its tables do not tell
   std::optional<Timeline> after = {};   ///< of the result; absent if there is none, or its tables do not tell
 };

@@ -23,26 +23,6 @@ std::vector<T> arrayAt(const JSObject& object, std::string_view key) {
   return values;
 }
 
-Engine::HistoryEntry historyEntry(const JSObject& object) {
-  Engine::HistoryEntry entry{.id = valueAt<int64_t>(object, "id", 0),
-                             .state = historyState(valueAt<std::string>(object, "state", "")),
-                             .filename = valueAt<std::string>(object, "filename", ""),
-                             .album = valueAt<std::string>(object, "album", ""),
-                             .url = valueAt<std::string>(object, "url", ""),
-                             .started = valueAt<std::string>(object, "started", ""),
-                             .ended = valueAt<std::string>(object, "ended", ""),
-                             .reason = valueAt<std::string>(object, "reason", ""),
-                             .advice = valueAt<std::string>(object, "advice", ""),
-                             .mayTryAgain = valueAt(object, "mayTryAgain", false),
-                             .maySaveAsItCame = valueAt(object, "maySaveAsItCame", false),
-                             .isPartly = valueAt(object, "partly", false),
-                             .size = {},
-                             .assetId = optionalAt<std::string>(object, "assetId"),
-                             .json = object.json()};
-  if (const auto* const size = valueAt<int64_t>(object, "size")) entry.size = static_cast<uint64_t>(*size);
-  return entry;
-}
-
 TransferState transferState(const JSObject& object) {
   TransferState state{.received = static_cast<uint64_t>(valueAt<int64_t>(object, "received", 0)),
                       .isPaused = valueAt(object, "paused", false)};
@@ -60,7 +40,7 @@ TransferState transferState(const JSObject& object) {
 }
 
 JSObject resolved(EngineClient::Answer answer) {
-  if (!answer.resolved) throw EngineRefused(answer.message);
+  if (!answer.resolved) throw EngineRefused(answer.message, valueAt<std::string>(answer.data, "advice", ""));
   return std::move(answer.data);
 }
 
@@ -136,7 +116,7 @@ EngineClient::StoredWork EngineClient::storedWork() {
 std::vector<EngineClient::HistoryEntry> EngineClient::history(const std::optional<int64_t>& limit) {
   const Answer answer = call(HostPlugin::name(), "getHistory", limit ? JSObject{{"limit", *limit}} : JSObject());
   std::vector<HistoryEntry> entries;
-  for (const JSObject& entry : arrayAt<JSObject>(answer.data, "entries")) entries.push_back(historyEntry(entry));
+  for (const JSObject& entry : arrayAt<JSObject>(answer.data, "entries")) entries.push_back(historyEntryOf(entry));
   return entries;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -103,7 +104,7 @@ int CommandLine::run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::Success& help) {
-    return app_->exit(help);
+    return tell(help);
   } catch (const CLI::ParseError& error) {
     return refuse(error, asksForJSON(argc, argv));
   }
@@ -111,15 +112,33 @@ int CommandLine::run(int argc, const char* const* argv) {
   setQuiet(global_.quiet);
   if (backgroundLimit_->count() > 0) global_.backgroundLimit = std::chrono::seconds(backgroundSeconds_);
   try {
-    return table_.chosen();
+    const int code = table_.chosen();
+    if (code < ExitCode::mayTryAgain && code != ExitCode::failed) requireWritten();
+    return code;
   } catch (const EngineInterrupted&) {
     return reportInterrupt(global_, "what has been done is kept.");
-  } catch (const std::exception& error) {
-    const bool isUsage = dynamic_cast<const UsageError*>(&error);
-    if (global_.json) printJSON({{"result", isUsage ? "usage" : "failed"}, {"error", error.what()}});
+  } catch (const UsageError& error) {
+    if (global_.json) printJSON({{"result", "usage"}, {"error", error.what()}});
     printFailure(error.what());
-    return isUsage ? ExitCode::usage : ExitCode::failed;
+    return ExitCode::usage;
+  } catch (const std::exception&) {
+    return reportFailure(global_, std::current_exception());
   }
+}
+
+/// Prints a help text or the version.
+int CommandLine::tell(const CLI::Success& help) const {
+  std::ostringstream text, none;
+  const int code = app_->exit(help, text, none);
+  std::string lines = text.str();
+  if (lines.ends_with('\n')) lines.pop_back();
+  printText(lines);
+  try {
+    requireWritten();
+  } catch (const Error&) {
+    return reportFailure(global_, std::current_exception());
+  }
+  return code;
 }
 
 int CommandLine::refuse(const CLI::Error& error, bool isJSON) const {

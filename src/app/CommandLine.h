@@ -8,6 +8,7 @@
 namespace CLI {
 class Error;
 class Option;
+class Success;
 }  // namespace CLI
 
 namespace tarn {
@@ -39,6 +40,7 @@ class CommandLine {
   int run(int argc, const char* const* argv);
 
  private:
+  int tell(const CLI::Success& help) const;
   int refuse(const CLI::Error& error, bool isJSON) const;
   std::string whatIsWrong(const CLI::Error& error) const;
 

@@ -10,9 +10,9 @@ namespace tarn {
 
 std::string shortId(int64_t id, const std::vector<int64_t>& ids) {
   constexpr size_t shortest = 4;
-  const std::string whole = std::to_string(id);
+  std::string whole = std::to_string(id);
   for (size_t length = shortest; length < whole.size(); ++length) {
-    const std::string ending = whole.substr(whole.size() - length);
+    std::string ending = whole.substr(whole.size() - length);
     const auto hasIt = [&](int64_t other) { return std::to_string(other).ends_with(ending); };
     if (std::ranges::count_if(ids, hasIt) <= 1) return ending;
   }

@@ -13,6 +13,7 @@
 #include "app/ProgressPrinter.h"
 #include "engine/History.h"
 #include "engine/Home.h"
+#include "platform/DateText.h"
 #include "platform/TransferRules.h"
 
 namespace tarn {
@@ -72,7 +73,7 @@ class Downloads {
   }
 
   JSObject jsonOf(const HistoryEntry& entry) const {
-    JSObject object = entry.json();
+    JSObject object = tarn::jsonOf(entry);
     const auto transfer = transfers_.find(entry.id);
     if (transfer != transfers_.end()) object.set("transfer", objectOf(transfer->second));
     return object;
@@ -82,7 +83,7 @@ class Downloads {
     if (entry.state == State::pending) return progress(entry.id);
     const std::string size = entry.size ? byteText(static_cast<double>(*entry.size)) + "  " : "";
     const std::string partly = entry.isPartly ? "a part is missing  " : "";
-    return size + partly + valueAt<std::string>(entry.json(), "ended", "");
+    return size + partly + (entry.ended ? dateText(*entry.ended) : "");
   }
 
   std::string progress(int64_t id) const {
@@ -145,10 +146,13 @@ int changeCommand(const GlobalOptions& global, const std::vector<std::string>& n
       if (entry->state != Engine::HistoryEntry::State::pending) throw EngineRefused("The download has ended");
       (engine.*change)(id);
       if (global.json) printJSON({{"result", what}, {"id", id}});
-    } catch (const EngineRefused& refusal) {
-      if (global.json) printJSON({{"result", "failed"}, {"id", id}, {"error", refusal.description()}});
-      printFailure(fmt::format("{}: {}.", shortId(id, ids), refusal.description()));
-      code = ExitCode::failed;
+    } catch (const EngineRefused&) {
+      const Engine::Outcome failure = failureOf(std::current_exception());
+      JSObject result{{"result", ""}, {"id", id}};
+      addTo(result, failure);
+      if (global.json) printJSON(result);
+      printFailure(fmt::format("{}: {}", shortId(id, ids), sentencesOf(failure)));
+      code = wanted.size() > 1 ? ExitCode::failed : exitCodeOf(failure);
     }
   }
   return command.leave(code);

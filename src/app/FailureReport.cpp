@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "app/Output.h"
+#include "inspect/FailureAdvice.h"
 #include "platform/URL.h"
 
 namespace tarn {
@@ -24,10 +25,27 @@ Engine::Outcome outcomeOf(Engine& engine, int64_t id) {
     const bool isCancelled = entry->state == State::cancelled;
     outcome.failure = isCancelled ? "somebody cancelled the download" : entry->reason;
     outcome.advice = entry->advice;
+    outcome.isRefused = entry->isRefused;
     outcome.mayTryAgain = entry->mayTryAgain && !isCancelled;
     outcome.maySaveAsItCame = entry->maySaveAsItCame;
   }
   return outcome;
+}
+
+Engine::Outcome failureOf(const std::exception_ptr& reason) {
+  const RunOutcome outcome = RunOutcome::failed(0, RunOutcome::Where::start, reason);
+  const FailureAdvice advice = adviceFor(outcome);
+  Engine::Outcome failure{.failure = outcome.words};
+  if (advice.mayTryAgain) failure.advice = advice.words;
+  failure.mayTryAgain = advice.mayTryAgain;
+  try {
+    std::rethrow_exception(reason);
+  } catch (const EngineRefused& refusal) {
+    failure.advice = refusal.advice();
+    failure.mayTryAgain = !refusal.advice().empty();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the outcome has its words
+  }
+  return failure;
 }
 
 int exitCodeOf(const Engine::Outcome& failure) {
@@ -36,7 +54,8 @@ int exitCodeOf(const Engine::Outcome& failure) {
 }
 
 std::string sentencesOf(const Engine::Outcome& failure) {
-  const std::string words = failure.failure.value_or("the reason is in the log") + ".";
+  std::string words = failure.failure.value_or("the reason is in the log");
+  if (!words.ends_with('.')) words += ".";
   return failure.advice.empty() ? words : words + " " + failure.advice;
 }
 
@@ -51,6 +70,20 @@ void addTo(JSObject& object, const Engine::Outcome& outcome) {
   if (!outcome.advice.empty()) object.set("advice", outcome.advice);
   object.set("mayTryAgain", outcome.mayTryAgain);
   object.set("maySaveAsItCame", outcome.maySaveAsItCame);
+}
+
+int reportFailure(const GlobalOptions& global, const std::exception_ptr& reason, const JSObject& about) {
+  const Engine::Outcome failure = failureOf(reason);
+  if (global.json) {
+    JSObject object{{"result", "failed"}};
+    for (const auto& [name, value] : about.members()) object.set(name, value);
+    object.set("error", *failure.failure);
+    if (!failure.advice.empty()) object.set("advice", failure.advice);
+    object.set("mayTryAgain", failure.mayTryAgain);
+    printJSON(object);
+  }
+  printFailure(sentencesOf(failure));
+  return exitCodeOf(failure);
 }
 
 int reportInterrupt(const GlobalOptions& global, const std::string& words) {

@@ -14,7 +14,10 @@ namespace tarn {
 /// How a download has ended, in the process of this engine or of an earlier one.
 Engine::Outcome outcomeOf(Engine& engine, int64_t id);
 
-/// The exit code of a download that failed.
+/// What has ended a command, or a part of it.
+Engine::Outcome failureOf(const std::exception_ptr& reason);
+
+/// The exit code of a download or a command that failed.
 int exitCodeOf(const Engine::Outcome& failure);
 
 /// "words. Advice." of a download that failed.
@@ -23,6 +26,10 @@ std::string sentencesOf(const Engine::Outcome& failure);
 /// Adds to the object of a download what became of it: `result`, and of a failure `error`, `advice`, `mayTryAgain` and
 /// `maySaveAsItCame`, of a saved video what was left as it was or is lost (`warnings`).
 void addTo(JSObject& object, const Engine::Outcome& outcome);
+
+/// Says what has ended a command, or its work on what `about` names: as an object too, with --json. Returns the exit
+/// code.
+int reportFailure(const GlobalOptions& global, const std::exception_ptr& reason, const JSObject& about = {});
 
 /// Says that an interrupt has ended the command, and what becomes of its work. Returns the exit code.
 int reportInterrupt(const GlobalOptions& global,

@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -11,6 +10,9 @@
 #include "app/FailureReport.h"
 #include "app/Output.h"
 #include "app/Terminal.h"
+#include "platform/Error.h"
+#include "platform/TempFile.h"
+#include "platform/host/PosixFileManager.h"
 
 namespace tarn {
 namespace {
@@ -67,11 +69,21 @@ Line lineOf(const std::string& file, const FileInspection& inspection) {
   return {file, verdictWord(inspection.verdict), shortWords(inspection.problems), exitCodeOf(inspection)};
 }
 
+/// The plot appears whole or not at all; a link of this name stays one.
 void writePlot(const std::string& place, const std::string& plot) {
-  std::ofstream out(place, std::ios::binary | std::ios::trunc);
-  out << plot;
-  out.close();
-  if (!out) throw Error("Inspect", -1, fmt::format("the plot cannot be written to {}", place));
+  std::error_code none;
+  const Path target = std::filesystem::weakly_canonical(absolutePath(place), none);
+  PosixFileManager disk("");
+  try {
+    TempFile made(disk, hiddenSibling(target));
+    const auto file = disk.open(made.path(), OpenMode::exclusive);
+    file->write(bytesOf(plot));
+    file->close();
+    disk.replaceItem(target, made.path());
+    made.keep();
+  } catch (const PosixError& failure) {
+    throw PosixError(failure.code(), "write the plot " + place);
+  }
 }
 
 /// Inspects one file of many, and prints its JSON object if that is asked for.
@@ -81,7 +93,10 @@ Line inspectOne(const GlobalOptions& global, const std::string& file) {
     if (global.json) printJSON(*JSObject::parse(inspection.json));
     return lineOf(file, inspection);
   } catch (const std::exception& failure) {
-    if (global.json) printJSON({{"result", "failed"}, {"file", file}, {"error", failure.what()}});
+    const bool mayTryAgain = failureOf(std::current_exception()).mayTryAgain;
+    if (global.json) {
+      printJSON({{"result", "failed"}, {"file", file}, {"error", failure.what()}, {"mayTryAgain", mayTryAgain}});
+    }
     return {file, "unreadable", failure.what(), ExitCode::failed};
   }
 }
@@ -122,10 +137,8 @@ int inspectAlone(const GlobalOptions& global, const InspectArguments& arguments)
       printText(text);
     }
     return exitCodeOf(inspection);
-  } catch (const std::exception& failure) {
-    if (global.json) printJSON({{"result", "failed"}, {"file", file}, {"error", failure.what()}});
-    printFailure(failure.what());
-    return ExitCode::failed;
+  } catch (const std::exception&) {
+    return reportFailure(global, std::current_exception(), {{"file", file}});
   }
 }
 

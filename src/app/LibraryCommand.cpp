@@ -1,16 +1,9 @@
-#include <fcntl.h>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <tarn/library.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <set>
 
@@ -25,8 +18,10 @@
 #include "engine/Home.h"
 #include "engine/Library.h"
 #include "engine/LibraryJSON.h"
+#include "platform/DateText.h"
 #include "platform/SafeName.h"
 #include "platform/host/AsioDispatch.h"
+#include "platform/host/Desktop.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 
@@ -87,8 +82,8 @@ void printAlbum(const GlobalOptions& global, const LibraryAlbum& album) {
     if (global.json) {
       printJSON(assetObject(album.title, asset));
     } else {
-      printLine(fmt::format("  {:%FT%TZ}  {}  {}", fmt::gmtime(std::chrono::system_clock::to_time_t(asset.created)),
-                            byteText(static_cast<double>(asset.size)), asset.path.string()));
+      printLine(fmt::format("  {}  {}  {}", dateText(asset.created), byteText(static_cast<double>(asset.size)),
+                            asset.path.string()));
     }
   }
 }
@@ -199,10 +194,14 @@ class ExportCommand {
 
   int run() {
     const Path target = absolutePath(options_.to);
-    const auto albums = stored_.albums(options_.album);
+    auto albums = stored_.albums(options_.album);
+    if (!options_.names.empty()) albums = {LibraryAlbum{.title = "", .assets = videosNamed(albums, options_.names)}};
+    size_t videos = 0;
+    for (const LibraryAlbum& album : albums) videos += album.assets.size();
+    isSeveral_ = videos > 1;
     int code = ExitCode::done;
     if (!options_.names.empty()) {
-      code = exportAll({"", videosNamed(albums, options_.names)}, target);
+      code = exportAll(albums.front(), target);
     } else {
       for (const LibraryAlbum& album : albums) {
         const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
@@ -230,12 +229,9 @@ class ExportCommand {
         } else {
           printPath(folder / name);
         }
-      } catch (const Error& error) {
-        if (global_.json) {
-          printJSON({{"result", "failed"}, {"assetId", asset.assetId}, {"error", error.description()}});
-        }
-        printFailure(error.description() + ".");
-        code = ExitCode::failed;
+      } catch (const Error&) {
+        const int failure = reportFailure(global_, std::current_exception(), {{"assetId", asset.assetId}});
+        code = isSeveral_ ? ExitCode::failed : failure;
       }
     }
     return code;
@@ -244,42 +240,10 @@ class ExportCommand {
   const GlobalOptions& global_;
   const LibraryOptions& options_;
   StoredLibrary stored_;
+  bool isSeveral_ = false;  ///< videos are to be copied
   std::atomic<bool> isStopped_ = false;
   InterruptWatcher watcher_;
 };
-
-bool hasDesktop() {
-  const auto isSet = [](const char* name) {
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
-    return value && *value;
-  };
-  return isSet("DISPLAY") || isSet("WAYLAND_DISPLAY");
-}
-
-/// Shows a file or a folder in the program that the desktop has for it; false without one.
-bool showOnDesktop(const Path& path) {
-  if (!hasDesktop()) return false;
-  const std::string text = path.string();
-  const char* const arguments[] = {"xdg-open", text.c_str(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  // This process waits for its interrupts on a thread; a player must hear its own.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  pid_t child = 0;
-  const int code =
-      posix_spawnp(&child, arguments[0], &actions, &attributes, const_cast<char* const*>(arguments), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  return code == 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 int openCommand(const GlobalOptions& global, const LibraryOptions& options) {
   const InterruptWatcher watcher = endAtInterrupt(global);

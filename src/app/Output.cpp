@@ -4,10 +4,12 @@
 #include <tarn/tarn.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
+#include "platform/Error.h"
 #include "platform/URL.h"
 #include "platform/UTF8.h"
 
@@ -15,6 +17,7 @@ namespace tarn {
 namespace {
 
 bool quiet = false;
+int outputError = 0;
 
 std::string environment(const char* name) {
   const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
@@ -34,8 +37,10 @@ std::string escapedLines(std::string_view text) {
 }
 
 void write(const std::string& text) {
-  fmt::print("{}\n", text);
-  std::fflush(stdout);
+  const std::string line = text + "\n";
+  errno = 0;
+  const bool isWritten = std::fwrite(line.data(), 1, line.size(), stdout) == line.size() && std::fflush(stdout) == 0;
+  if (!isWritten && outputError == 0) outputError = errno == 0 ? EIO : errno;
 }
 
 }  // namespace
@@ -82,6 +87,10 @@ void printFailure(const std::string& line) {
   const bool isRed = takesColours(STDERR_FILENO);
   fmt::print(stderr, "{}tarn:{} {}\n", isRed ? "\033[1;31m" : "", isRed ? "\033[0m" : "",
              escaped(withoutSecrets(line)));
+}
+
+void requireWritten() {
+  if (outputError != 0) throw PosixError(outputError, "write to standard output");
 }
 
 bool isTerminal(int stream) {

@@ -33,6 +33,9 @@ void printText(const std::string& text);
 /// Writes the path of a result as a line to standard output: to a terminal escaped, to a script as it is.
 void printPath(const std::filesystem::path& path);
 
+/// Throws PosixError if something that was printed so far has not reached standard output: its disk is full.
+void requireWritten();
+
 /// Writes a line that is neither a result nor a failure to standard error, unless the command is quiet.
 void printNote(const std::string& line);
 

@@ -53,12 +53,11 @@ class Planner {
   }
 
   RepairPlan finished() && {
-    if (target_.directory) {
-      for (const auto& [output, input] : inputOf_) {
-        if (!inputs_.contains(output)) continue;
-        throw UsageError(
-            fmt::format("{} would be written over; name another directory, or a --suffix.", output.string()));
-      }
+    for (const PlannedRepair& file : plan_.files) {
+      const bool isInput = inputs_.contains(plainName(file.output)) || isSame(file.input, file.output);
+      if (target_.isInPlace() || !isInput) continue;
+      throw UsageError(fmt::format("{} would be written over; name another {}, or use --in-place.",
+                                   file.output.string(), target_.file ? "file" : "directory or a --suffix"));
     }
     return std::move(plan_);
   }

@@ -49,8 +49,8 @@ class Retry {
       const Entry& entry = *std::ranges::find(entries, id, &Entry::id);
       try {
         waiting_.push_back(engine_.retry(id, asItCame));
-      } catch (const EngineRefused& refusal) {
-        fail(entry, {.failure = refusal.description()});
+      } catch (const EngineRefused&) {
+        fail(entry, failureOf(std::current_exception()));
       } catch (const EngineLost&) {
         fail(entry, {.failure = "its engine ended ahead of the answer", .advice = "Look at `tarn downloads`."});
       }
@@ -97,6 +97,7 @@ class Retry {
     if (entry.state == Entry::State::failed) {
       outcome.failure = entry.reason;
       outcome.advice = entry.advice;
+      outcome.isRefused = entry.isRefused;
       outcome.mayTryAgain = entry.mayTryAgain;
       outcome.maySaveAsItCame = entry.maySaveAsItCame;
       return fail(entry, outcome);

@@ -41,9 +41,10 @@ Saves::Saves(const GlobalOptions& global, Engine& engine, const std::vector<Save
 
 int Saves::run() {
   try {
+    size_t number = 0;
     for (const SaveItem& item : items_) {
       if (engine_.isInterrupted()) break;
-      start({.item = item, .filename = item.filename.value_or(defaultFilename(item.url))});
+      start({.item = item, .number = ++number, .filename = item.filename.value_or(defaultFilename(item.url))});
     }
     follow();
     if (!engine_.isInterrupted()) return exitCode();
@@ -67,8 +68,8 @@ void Saves::start(Save save) {
                          .skipAudioFix = options_.skipAudioFix,
                          .id = id,
                          .transfer = options_.transfer});
-    } catch (const EngineRefused& refusal) {
-      return reportFailure(id, save, failureOf(refusal.description(), false));
+    } catch (const EngineRefused&) {
+      return reportFailure(id, save, failureOf(std::current_exception()));
     } catch (const EngineLost&) {
       if (!download(id)) continue;
     }
@@ -245,7 +246,11 @@ std::optional<std::filesystem::path> Saves::savedSinceStart(const Save& save) {
 }
 
 JSObject Saves::resultOf(int64_t id, const Save& save, const Engine::Outcome& outcome) const {
-  JSObject result{{"result", ""}, {"id", id}, {"url", withoutSecrets(save.item.url)}, {"album", save.item.album}};
+  JSObject result{{"result", ""},
+                  {"id", id},
+                  {"number", static_cast<int64_t>(save.number)},
+                  {"url", withoutSecrets(encodedURL(save.item.url))},
+                  {"album", save.item.album}};
   addTo(result, outcome);
   return result;
 }
@@ -265,7 +270,9 @@ void Saves::reportSaved(int64_t id, const Save& save, const Engine::Outcome& out
 void Saves::reportFailure(int64_t id, const Save& save, const Engine::Outcome& failure) {
   codes_.push_back(exitCodeOf(failure));
   if (global_.json) printJSON(resultOf(id, save, failure));
-  const std::string name = items_.size() > 1 ? save.item.url : "The video";
+  const std::string name =
+      items_.size() > 1 ? fmt::format("Video {} of {}, from {},", save.number, items_.size(), encodedURL(save.item.url))
+                        : "The video";
   printFailure(fmt::format("{} was not saved: {}", name, sentencesOf(failure)));
 }
 

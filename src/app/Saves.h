@@ -38,6 +38,7 @@ class Saves {
  private:
   struct Save {
     SaveItem item;
+    size_t number;         ///< in the order in which the user gave them, from 1
     std::string filename;  ///< that the user gave, or that the URL has
     std::string key = {};  ///< the id as the events have it
     bool isGone = false;   ///< from the engine's list

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "api/OwnEngine.h"
+#include "api/ServedPage.h"
 #include "app/CommandEngine.h"
 #include "app/Commands.h"
 #include "app/Interrupt.h"
@@ -72,8 +73,19 @@ Path ownPage() {
   return std::filesystem::exists(installed / "index.html", ignored) ? installed : built;
 }
 
-int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
-  const Path home = homeDirectory(global.home);
+/// Tells of the page that another process serves in this home. Rethrows the failure if none does, or if the address
+/// shall not be printed.
+int tellOfOther(const Path& home, const ServeOptions& options, const HomeInUse& failure) {
+  const auto address = servedPage(home);
+  if (!address || options.addressFile) throw failure;
+  const bool isOtherwise = options.port != 0 || options.webFolder;
+  printFailure(std::string("Another tarn serves this home already; this is the address of its page.") +
+               (isOtherwise ? " --port and --web change nothing about it." : ""));
+  printLine(*address);
+  return ExitCode::done;
+}
+
+int serve(const GlobalOptions& global, const ServeOptions& options, const Path& home) {
   PosixFileManager files(home);
   OwnEngine engine(home, files, engineOptions(global));
   Host& host = engine.host();
@@ -92,6 +104,7 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
                        .localFolder = home / "Local",
                        .logFile = host.logFile().value_or(Path())},
                       [&host](bool isActive) { host.setActive(isActive); });
+  host.hostPlugin().setPage(server.entryAddress());
   const ToldAddress told(server.entryAddress(), options.addressFile);
   while (!client.isInterrupted()) {
     if (const auto event = client.nextEvent(StoredRuns::pause)) server.sendEvent(event->name, event->data);
@@ -99,6 +112,15 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   }
   printFailure("Interrupted; what has been done is kept. The next start goes on with it.");
   return ExitCode::interrupted;
+}
+
+int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
+  const Path home = homeDirectory(global.home);
+  try {
+    return serve(global, options, home);
+  } catch (const HomeInUse& failure) {
+    return tellOfOther(home, options, failure);
+  }
 }
 
 }  // namespace

@@ -6,7 +6,7 @@ namespace tarn {
 
 /// Decides what a file's audio needs, and sees that it happens: nothing, an edit list that the sync step writes, a new
 /// track of the same packets, or a decode and encode with the new track in the place of the old one. Files without
-/// audio are passed over. Leaves the source's sync facts, and whether the track was replaced, to the sync step.
+/// audio are skipped. Leaves the source's sync facts, and whether the track was replaced, to the sync step.
 class AudioStep : public ProcessingStep {
  public:
   /// `workers`: see TranscodeConfig.

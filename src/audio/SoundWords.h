@@ -12,7 +12,7 @@ namespace tarn {
 /// What people call its codec: "AC-3".
 std::string codecName(const AudioFindings& findings);
 
-/// What is wrong with it, a sentence a fault; empty for sound that needs nothing.
+/// What is wrong with it, one sentence for each fault; empty for sound that needs nothing.
 std::vector<std::string> wrongWithSound(const AudioFindings& findings);
 
 /// What a repair does about that: with silent packets, or by encoding it anew.

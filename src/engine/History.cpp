@@ -60,6 +60,7 @@ HistoryEntry entryOf(const RunOutcome& outcome, Date now) {
       entry.state = HistoryEntry::State::failed;
       entry.reason = outcome.words;
       entry.advice = advice.words;
+      entry.isRefused = outcome.isRefused;
       entry.mayTryAgain = advice.mayTryAgain;
       entry.maySaveAsItCame = advice.maySaveAsItCame;
       break;
@@ -163,29 +164,31 @@ void History::removeOld(bool inAnyCase) {
   for (const char* ending : {"", journalEnding}) removeIfExists(files_, withEnding(aside_, ending));
 }
 
-/// Does the work in one transaction. A file that turns out to be damaged is put aside, and the work done on a new one.
+/// Does the work in one transaction, and returns whether it did. A file that turns out to be damaged is put aside, and
+/// the work done on a new one.
 template <typename Work>
-void History::use(Work&& work) noexcept {
+bool History::use(Work&& work) noexcept {
   std::lock_guard guard(mutex_);
   for (const bool mayPutAside : {true, false}) {
-    if (!table_) return;
+    if (!table_) return false;
     try {
       SQLiteTransaction transaction(table_->database());
       work(*table_);
       table_->tidy(clock_.now() - longest, most);
       transaction.commit();
-      return;
+      return true;
     } catch (const SQLiteError& error) {
       log("ERROR in the history: {}", error.description());
-      if (!mayPutAside || !isDamage(error)) return;
+      if (!mayPutAside || !isDamage(error)) return false;
     } catch (const std::exception& error) {
       log("ERROR in the history: {}", error.what());
-      return;
+      return false;
     }
     table_.reset();
     putAside();
     open();
   }
+  return false;
 }
 
 // --- What happens ---
@@ -241,11 +244,12 @@ std::optional<DownloadRequest> History::request(int64_t id) {
   return requestOf(text);
 }
 
-void History::clear(const std::optional<int64_t>& id) {
-  use([&](HistoryTable& table) { table.remove(id); });
-  if (id) return;
+bool History::clear(const std::optional<int64_t>& id) {
+  const bool isDone = use([&](HistoryTable& table) { table.remove(id); });
+  if (id) return isDone;
   std::lock_guard guard(mutex_);
   removeOld(true);
+  return isDone;
 }
 
 }  // namespace tarn

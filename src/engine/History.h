@@ -7,6 +7,7 @@
 
 #include "download/DownloadListener.h"
 #include "engine/HistoryTable.h"
+#include "platform/Clock.h"
 
 namespace tarn {
 
@@ -47,12 +48,12 @@ class History : public DownloadListener {
   /// What was asked for, if the history still keeps it.
   std::optional<DownloadRequest> request(int64_t id);
 
-  /// Removes what has ended: one row, or all with what was put aside.
-  void clear(const std::optional<int64_t>& id);
+  /// Removes what has ended: one row, or all with what was put aside. False if that cannot be written.
+  bool clear(const std::optional<int64_t>& id);
 
  private:
   template <typename Work>
-  void use(Work&& work) noexcept;
+  bool use(Work&& work) noexcept;
   void open() noexcept;
   void putAside();
   void removeOld(bool inAnyCase);

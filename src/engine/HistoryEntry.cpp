@@ -1,20 +1,15 @@
 #include "engine/HistoryEntry.h"
 
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <array>
 
+#include "platform/DateText.h"
 #include "platform/URL.h"
 
 namespace tarn {
 namespace {
 
 constexpr std::array<std::string_view, 4> stateTexts{"pending", "saved", "failed", "cancelled"};
-
-std::string dateText(Date date) {
-  return fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(date)));
-}
 
 }  // namespace
 
@@ -29,19 +24,44 @@ HistoryEntry::State historyState(std::string_view text) {
   return HistoryEntry::State::failed;
 }
 
-JSObject HistoryEntry::json() const {
-  JSObject object{{"id", id},   {"state", std::string(textOf(state))}, {"filename", filename}, {"album", album},
-                  {"url", url}, {"started", dateText(started)}};
-  if (ended) object.set("ended", dateText(*ended));
-  if (!reason.empty()) object.set("reason", reason);
-  if (!advice.empty()) object.set("advice", advice);
-  object.set("mayTryAgain", mayTryAgain);
-  object.set("maySaveAsItCame", maySaveAsItCame);
-  object.set("partly", isPartly);
-  if (size) object.set("size", static_cast<int64_t>(*size));
-  if (assetId) object.set("assetId", *assetId);
-  if (auto told = JSObject::parse(summary)) object.set("summary", std::move(*told));
+JSObject jsonOf(const HistoryEntry& entry) {
+  JSObject object{{"id", entry.id},
+                  {"state", std::string(textOf(entry.state))},
+                  {"filename", entry.filename},
+                  {"album", entry.album},
+                  {"url", entry.url},
+                  {"started", dateText(entry.started)}};
+  if (entry.ended) object.set("ended", dateText(*entry.ended));
+  if (!entry.reason.empty()) object.set("reason", entry.reason);
+  if (!entry.advice.empty()) object.set("advice", entry.advice);
+  object.set("refused", entry.isRefused);
+  object.set("mayTryAgain", entry.mayTryAgain);
+  object.set("maySaveAsItCame", entry.maySaveAsItCame);
+  object.set("partly", entry.isPartly);
+  if (entry.size) object.set("size", static_cast<int64_t>(*entry.size));
+  if (entry.assetId) object.set("assetId", *entry.assetId);
+  if (auto summary = JSObject::parse(entry.summary)) object.set("summary", std::move(*summary));
   return object;
+}
+
+HistoryEntry historyEntryOf(const JSObject& object) {
+  HistoryEntry entry{.id = valueAt<int64_t>(object, "id", 0),
+                     .state = historyState(valueAt<std::string>(object, "state", "")),
+                     .filename = valueAt<std::string>(object, "filename", ""),
+                     .album = valueAt<std::string>(object, "album", ""),
+                     .url = valueAt<std::string>(object, "url", ""),
+                     .started = dateOfText(valueAt<std::string>(object, "started", "")),
+                     .reason = valueAt<std::string>(object, "reason", ""),
+                     .advice = valueAt<std::string>(object, "advice", ""),
+                     .isRefused = valueAt(object, "refused", false),
+                     .mayTryAgain = valueAt(object, "mayTryAgain", false),
+                     .maySaveAsItCame = valueAt(object, "maySaveAsItCame", false),
+                     .isPartly = valueAt(object, "partly", false),
+                     .assetId = optionalAt<std::string>(object, "assetId")};
+  if (const auto* const ended = valueAt<std::string>(object, "ended")) entry.ended = dateOfText(*ended);
+  if (const auto* const summary = valueAt<JSObject>(object, "summary")) entry.summary = summary->json();
+  if (const auto* const size = valueAt<int64_t>(object, "size")) entry.size = static_cast<uint64_t>(*size);
+  return entry;
 }
 
 std::string shownURL(const std::string& url) {

@@ -10,7 +10,7 @@
 namespace tarn {
 namespace {
 
-constexpr int64_t schemaVersion = 1;
+constexpr int64_t schemaVersion = 2;
 
 // Numbers give the order in which downloads began. Dates are nanoseconds since 1970. What a row does not have is an
 // empty text, the date 0 or the size -1.
@@ -32,13 +32,17 @@ CREATE TABLE downloads (
   summary TEXT NOT NULL DEFAULT '',
   size INTEGER NOT NULL DEFAULT -1,
   asset_id TEXT NOT NULL DEFAULT '',
-  request TEXT NOT NULL
+  request TEXT NOT NULL,
+  is_refused INTEGER NOT NULL DEFAULT 0
 );
 )";
 
+// What makes the tables of version 1 those of version 2.
+constexpr const char* changes = "ALTER TABLE downloads ADD COLUMN is_refused INTEGER NOT NULL DEFAULT 0";
+
 constexpr const char* columns =
     "id, state, filename, album, url, started, ended, reason, advice, may_try_again AND request != '', "
-    "may_save_as_it_came AND request != '', is_partly, summary, size, asset_id";
+    "may_save_as_it_came AND request != '', is_partly, summary, size, asset_id, ";
 
 HistoryEntry entryOf(const SQLiteStatement& row) {
   HistoryEntry entry{.id = row.integer(0),
@@ -49,6 +53,7 @@ HistoryEntry entryOf(const SQLiteStatement& row) {
                      .started = dateFromNanoseconds(row.integer(5)),
                      .reason = row.text(7),
                      .advice = row.text(8),
+                     .isRefused = row.integer(15) != 0,
                      .mayTryAgain = row.integer(9) != 0,
                      .maySaveAsItCame = row.integer(10) != 0,
                      .isPartly = row.integer(11) != 0,
@@ -65,9 +70,16 @@ int64_t versionOf(SQLiteDatabase& database) {
   return version.integer(0);
 }
 
-void checkVersion(SQLiteDatabase& database) {
-  const int64_t version = versionOf(database);
-  if (version != schemaVersion) throw SQLiteError(-1, fmt::format("the history has the unknown version {}", version));
+void checkVersion(int64_t version) {
+  if (version >= 1 && version <= schemaVersion) return;
+  throw SQLiteError(-1, fmt::format("the history has the unknown version {}", version));
+}
+
+void setUp(SQLiteDatabase& database, const char* tables) {
+  SQLiteTransaction transaction(database);
+  database.execute(tables);
+  database.execute(fmt::format("PRAGMA user_version = {}", schemaVersion).c_str());
+  transaction.commit();
 }
 
 void checkPages(SQLiteDatabase& database) {
@@ -83,32 +95,32 @@ void makePrivate(const Path& path) {
 
 }  // namespace
 
+HistoryTable::HistoryTable(SQLiteDatabase database, int64_t version)
+    : database_(std::move(database)), columns_(fmt::format("{}{}", columns, version == 1 ? "0" : "is_refused")) {}
+
 HistoryTable HistoryTable::openOrMake(const Path& path) {
   makePrivate(path);
   SQLiteDatabase database(path, SQLiteDatabase::Mode::writing);
   database.execute("PRAGMA secure_delete = ON");
   checkPages(database);
-  if (versionOf(database) == 0) {
-    SQLiteTransaction transaction(database);
-    database.execute(schema);
-    database.execute(fmt::format("PRAGMA user_version = {}", schemaVersion).c_str());
-    transaction.commit();
-  }
-  checkVersion(database);
-  return HistoryTable(std::move(database));
+  if (versionOf(database) == 0) setUp(database, schema);
+  if (versionOf(database) == 1) setUp(database, changes);
+  checkVersion(versionOf(database));
+  return HistoryTable(std::move(database), schemaVersion);
 }
 
 std::optional<HistoryTable> HistoryTable::openForReading(const Path& path) {
   std::error_code ignored;
   if (!std::filesystem::exists(path, ignored)) return std::nullopt;
   SQLiteDatabase database(path, SQLiteDatabase::Mode::reading);
-  if (versionOf(database) == 0) return std::nullopt;
-  checkVersion(database);
-  return HistoryTable(std::move(database));
+  const int64_t version = versionOf(database);
+  if (version == 0) return std::nullopt;
+  checkVersion(version);
+  return HistoryTable(std::move(database), version);
 }
 
 std::vector<HistoryEntry> HistoryTable::entries(const std::optional<int64_t>& limit) {
-  SQLiteStatement rows(database_, fmt::format("SELECT {} FROM downloads ORDER BY number DESC LIMIT ?", columns));
+  SQLiteStatement rows(database_, fmt::format("SELECT {} FROM downloads ORDER BY number DESC LIMIT ?", columns_));
   rows.bind(limit.value_or(-1));
   std::vector<HistoryEntry> entries;
   while (rows.step()) entries.push_back(entryOf(rows));
@@ -116,7 +128,7 @@ std::vector<HistoryEntry> HistoryTable::entries(const std::optional<int64_t>& li
 }
 
 std::optional<HistoryEntry> HistoryTable::entry(int64_t id) {
-  SQLiteStatement row(database_, fmt::format("SELECT {} FROM downloads WHERE id = ?", columns));
+  SQLiteStatement row(database_, fmt::format("SELECT {} FROM downloads WHERE id = ?", columns_));
   if (!row.bind(id).step()) return std::nullopt;
   return entryOf(row);
 }
@@ -141,7 +153,8 @@ void HistoryTable::end(const HistoryEntry& entry) {
   if (entry.state == State::saved) among = "'pending', 'failed', 'cancelled', 'saved'";
   SQLiteStatement update(database_, fmt::format("UPDATE downloads SET state = ?, ended = ?, reason = ?, advice = ?, "
                                                 "may_try_again = ?, may_save_as_it_came = ?, is_partly = ?, "
-                                                "summary = ?, size = ?, asset_id = ?, request = iif(?, '', request), "
+                                                "summary = ?, size = ?, asset_id = ?, is_refused = ?, "
+                                                "request = iif(?, '', request), "
                                                 "filename = coalesce(nullif(?, ''), filename) "
                                                 "WHERE id = ? AND state IN ({})",
                                                 among));
@@ -149,13 +162,15 @@ void HistoryTable::end(const HistoryEntry& entry) {
   update.bind(entry.reason).bind(entry.advice).bind(int64_t{entry.mayTryAgain}).bind(int64_t{entry.maySaveAsItCame});
   update.bind(int64_t{entry.isPartly}).bind(entry.summary);
   update.bind(entry.size ? static_cast<int64_t>(*entry.size) : -1).bind(entry.assetId.value_or(""));
+  update.bind(int64_t{entry.isRefused});
   update.bind(int64_t{entry.state == State::saved}).bind(entry.filename).bind(entry.id).step();
 }
 
 void HistoryTable::revive(int64_t id) {
-  SQLiteStatement update(database_,
-                         "UPDATE downloads SET state = 'pending', ended = 0, reason = '', advice = '', "
-                         "may_try_again = 0, may_save_as_it_came = 0 WHERE id = ? AND state = 'cancelled'");
+  SQLiteStatement update(
+      database_,
+      "UPDATE downloads SET state = 'pending', ended = 0, reason = '', advice = '', "
+      "is_refused = 0, may_try_again = 0, may_save_as_it_came = 0 WHERE id = ? AND state = 'cancelled'");
   update.bind(id).step();
 }
 

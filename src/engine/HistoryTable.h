@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "engine/HistoryEntry.h"
+#include "platform/Clock.h"
 #include "platform/FileManager.h"
 #include "platform/host/SQLite.h"
 
@@ -15,11 +16,13 @@ namespace tarn {
 /// second file, as it would in a write-ahead log. Operations throw SQLiteError. Not thread-safe.
 class HistoryTable {
  public:
-  /// Opens the file for reading and writing, and makes it when it is missing, for its owner alone. Throws SQLiteError
-  /// with SQLITE_CORRUPT or SQLITE_NOTADB for a damaged one.
+  /// Opens the file for reading and writing, and makes it when it is missing, for its owner alone. An older
+  /// version of its tables is made the present one. Throws SQLiteError with SQLITE_CORRUPT or SQLITE_NOTADB for a
+  /// damaged one.
   static HistoryTable openOrMake(const Path& path);
 
-  /// Opens an existing file for reading; nothing when there is none, or its maker was killed before the first commit.
+  /// Opens an existing file for reading, one of an older version too; nothing when there is none, or its maker was
+  /// killed before the first commit.
   static std::optional<HistoryTable> openForReading(const Path& path);
 
   /// The newest first; all without a limit.
@@ -49,9 +52,10 @@ class HistoryTable {
   SQLiteDatabase& database() { return database_; }
 
  private:
-  explicit HistoryTable(SQLiteDatabase database) : database_(std::move(database)) {}
+  HistoryTable(SQLiteDatabase database, int64_t version);
 
   SQLiteDatabase database_;
+  std::string columns_;  ///< of an entry, as this version of the tables has them
 };
 
 }  // namespace tarn

@@ -14,27 +14,34 @@
 #include "platform/Clock.h"
 #include "platform/TransferRules.h"
 #include "platform/URL.h"
+#include "platform/host/Desktop.h"
 
 namespace tarn {
 namespace {
 
-/// The assets of an album, or all.
-std::vector<PHAsset> assetsOf(PHPhotoLibrary& photos, const std::optional<std::string>& album) {
-  if (!album) return photos.fetchAllAssets();
+/// The assets of an album, or all; with an identifier that one alone.
+std::vector<PHAsset> assetsFor(PHPhotoLibrary& photos, const std::optional<std::string>& album,
+                               const std::optional<std::string>& assetId) {
+  if (!album && !assetId) return photos.fetchAllAssets();
   std::vector<PHAsset> assets;
+  if (!album) {
+    if (auto asset = photos.fetchAsset(*assetId)) assets.push_back(std::move(*asset));
+    return assets;
+  }
   for (const PHAssetCollection& collection : photos.fetchAssetCollections(*album)) {
-    std::ranges::move(photos.fetchAssets(collection, std::nullopt), std::back_inserter(assets));
+    std::ranges::move(photos.fetchAssets(collection, assetId), std::back_inserter(assets));
   }
   return assets;
 }
 
-/// Rejects the call with the words of a failure.
+/// Rejects the call with the words of a failure, and if the same may work later, with advice.
 template <typename Work>
 void orReject(const CAPPluginCallPointer& call, const Work& work) {
   try {
     work();
   } catch (const Error& failure) {
-    call->reject(failure.description());
+    const auto advice = adviceFor(RunOutcome::failed(0, RunOutcome::Where::start, std::current_exception()));
+    call->reject(failure.description(), advice.mayTryAgain ? JSObject{{"advice", advice.words}} : JSObject());
   }
 }
 
@@ -72,14 +79,14 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
       {"getStoredWork", "promise"},   {"getTransfers", "promise"}, {"changeDownload", "promise"},
       {"takeUpStoredRun", "promise"}, {"getHistory", "promise"},   {"clearHistory", "promise"},
       {"importLocal", "promise"},     {"getLibrary", "promise"},   {"changeAsset", "promise"},
-      {"getPoster", "promise"},
+      {"showAsset", "promise"},       {"getPage", "promise"},      {"getPoster", "promise"},
   };
   return methods;
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
   using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 13> handlers{{
+  static constexpr std::array<std::pair<std::string_view, Member>, 15> handlers{{
       {"saveVideo", &HostPlugin::saveVideo},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
@@ -92,6 +99,8 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"importLocal", &HostPlugin::importLocal},
       {"getLibrary", &HostPlugin::getLibrary},
       {"changeAsset", &HostPlugin::changeAsset},
+      {"showAsset", &HostPlugin::showAsset},
+      {"getPage", &HostPlugin::getPage},
       {"getPoster", &HostPlugin::getPoster},
   }};
   for (const auto& [name, member] : handlers) {
@@ -118,12 +127,11 @@ void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {
-  const auto assetId = call->getString("assetId");
+  const auto assets = assetsFor(host_.photos(), call->getString("album"), call->getString("assetId"));
   const auto filename = call->getString("filename");
   const int64_t since = call->getInt("since").value_or(0);
-  const auto assets = assetsOf(host_.photos(), call->getString("album"));
   const auto found = std::find_if(assets.rbegin(), assets.rend(), [&](const PHAsset& asset) {
-    if (assetId) return asset.localIdentifier == *assetId;
+    if (call->getString("assetId")) return true;
     return asset.filename == filename && secondsSince1970(asset.creationDate) >= since;
   });
   JSObject answer;
@@ -145,7 +153,7 @@ void HostPlugin::getHistory(const CAPPluginCallPointer& call) {
   const auto limit = call->getInt("limit");
   if (limit && *limit < 0) return call->reject("limit is a number from 0 on");
   JSValue::Array entries;
-  for (const HistoryEntry& entry : host_.history().entries(limit)) entries.emplace_back(entry.json());
+  for (const HistoryEntry& entry : host_.history().entries(limit)) entries.emplace_back(jsonOf(entry));
   JSObject answer{{"entries", std::move(entries)}};
   if (const auto log = host_.logFile()) answer.set("log", log->string());
   if (const auto problem = host_.history().problem()) answer.set("problem", *problem);
@@ -157,7 +165,7 @@ void HostPlugin::clearHistory(const CAPPluginCallPointer& call) {
   const auto entry = id ? host_.history().entry(*id) : std::nullopt;
   if (id && !entry) return call->reject("No such download");
   if (entry && entry->state == HistoryEntry::State::pending) return call->reject("The download has not ended");
-  host_.history().clear(id);
+  if (!host_.history().clear(id)) return call->reject("The history cannot be changed just now; the log says why");
   call->resolve();
 }
 
@@ -242,16 +250,40 @@ void HostPlugin::changeAsset(const CAPPluginCallPointer& call) {
   });
 }
 
+void HostPlugin::showAsset(const CAPPluginCallPointer& call) {
+  orReject(call, [&] {
+    const auto asset = assetNamed(*call);
+    if (!asset) return call->reject("No such video");
+    const Path folder = asset->path.parent_path();
+    showOnDesktop(folder, [call, folder](bool isShown) {
+      if (isShown) return call->resolve();
+      call->reject("No program here can open the folder. The video is in " + folder.string());
+    });
+  });
+}
+
+void HostPlugin::setPage(const std::string& address) {
+  std::lock_guard guard(mutex_);
+  page_ = address;
+}
+
+void HostPlugin::getPage(const CAPPluginCallPointer& call) {
+  std::lock_guard guard(mutex_);
+  call->resolve(page_ ? JSObject{{"address", *page_}} : JSObject());
+}
+
 void HostPlugin::getPoster(const CAPPluginCallPointer& call) {
   orReject(call, [&] {
-    const auto assetId = call->getString("assetId");
-    const auto assets = host_.photos().fetchAllAssets();
-    const auto asset = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
-    if (asset == assets.end()) return call->resolve();
+    const auto asset = assetNamed(*call);
+    if (!asset) return call->resolve();
     host_.posters().tell(asset->localIdentifier, asset->path, [call](const std::optional<Path>& poster) {
       call->resolve(poster ? JSObject{{"path", poster->string()}} : JSObject());
     });
   });
+}
+
+std::optional<PHAsset> HostPlugin::assetNamed(const CAPPluginCall& call) {
+  return host_.photos().fetchAsset(call.getString("assetId").value_or(""));
 }
 
 }  // namespace tarn

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "engine/HistoryActions.h"
 #include "platform/Capacitor.h"
+#include "platform/PHPhotoLibrary.h"
 
 namespace tarn {
 
@@ -23,7 +26,7 @@ class Host;
 ///   {filename, since} in place of its identifier, the newest of this name made since then (whole seconds since 1970).
 /// - getStoredWork {}: `runs`, `records` and `transfers`, ids of downloads; `hasTransfers`, `isProcessing`; `problems`
 ///   in words, and `notices` of what harms no download.
-/// - getHistory {limit}: `entries`, as HistoryEntry::json() has them, the newest first; `problem`, in words, if
+/// - getHistory {limit}: `entries`, as jsonOf() has them, the newest first; `problem`, in words, if
 ///   there is one; `log`, the path of the log. All entries without a limit.
 /// - clearHistory {id}: removes a download that has ended from the history; without an id all of them.
 /// - getTransfers {}: `transfers`, of the downloads that wait or download, by their ids: `received` bytes, `expected`
@@ -40,6 +43,8 @@ class Host;
 ///   `removed`, the assets that can be restored, if no album is given.
 /// - changeAsset {assetId, action, filename?, album?}: "remove", "erase", "restore", "rename" to a filename or "move"
 ///   to an album. Answers with the asset as getLibrary tells it, or with nothing if it is removed.
+/// - showAsset {assetId}: opens the folder of an asset on this machine's desktop. Without one the words name the path.
+/// - getPage {}: the `address` of the page that this process serves, which lets a browser in; absent if it serves none.
 /// - getPoster {assetId}: the `path` of a JPEG of it, absent if none can be made. It may take some seconds.
 class HostPlugin : public CAPPlugin {
  public:
@@ -47,6 +52,9 @@ class HostPlugin : public CAPPlugin {
   explicit HostPlugin(Host& host) : host_(host), actions_(host) {}
 
   static const std::string& name();
+
+  /// What getPage tells from now on. From any thread.
+  void setPage(const std::string& address);
 
   const std::string& identifier() const override { return name(); }
   const std::string& jsName() const override { return name(); }
@@ -68,6 +76,8 @@ class HostPlugin : public CAPPlugin {
   void takeUpStoredRun(const CAPPluginCallPointer& call);
   void getLibrary(const CAPPluginCallPointer& call);
   void changeAsset(const CAPPluginCallPointer& call);
+  void showAsset(const CAPPluginCallPointer& call);
+  void getPage(const CAPPluginCallPointer& call);
   void getPoster(const CAPPluginCallPointer& call);
 
   void pause(int64_t id, const CAPPluginCallPointer& call);
@@ -76,8 +86,13 @@ class HostPlugin : public CAPPlugin {
   void retry(int64_t id, const CAPPluginCallPointer& call);
   void retryAsItCame(int64_t id, const CAPPluginCallPointer& call);
 
+  /// The asset of the call's `assetId`.
+  std::optional<PHAsset> assetNamed(const CAPPluginCall& call);
+
   Host& host_;
   HistoryActions actions_;
+  std::mutex mutex_;
+  std::optional<std::string> page_;  ///< its address
 };
 
 }  // namespace tarn

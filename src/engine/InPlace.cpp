@@ -19,6 +19,10 @@ struct stat factsAt(const Path& path) {
   return facts;
 }
 
+std::string nameIsTaken(const Path& original) {
+  return fmt::format("{} is there already; move it away, or repair with `--no-backup`", original.filename().string());
+}
+
 }  // namespace
 
 Path originalOf(const Path& file) {
@@ -42,10 +46,7 @@ void keepOriginal(const Path& file) {
   if (::link(nativeName(file), nativeName(original)) == 0) return;
   const int failure = errno;
   if (failure == EEXIST && isOriginalItself(file)) return;
-  if (failure == EEXIST) {
-    throw RepairRefusal(
-        fmt::format("{} is there already; move it away, or repair with `--no-backup`", original.filename().string()));
-  }
+  if (failure == EEXIST) throw RepairRefusal(nameIsTaken(original));
   if (failure == EPERM || failure == EOPNOTSUPP || failure == ENOSYS || failure == EMLINK) {
     throw RepairRefusal(
         fmt::format("no hard link to it can be made ({}), so {} cannot be kept; repair with "
@@ -53,6 +54,13 @@ void keepOriginal(const Path& file) {
                     std::generic_category().message(failure), original.filename().string()));
   }
   throw PosixError(failure, "link " + original.string());
+}
+
+std::optional<std::string> whyNotKept(const Path& file) {
+  const Path original = originalOf(file);
+  struct stat other {};
+  if (::lstat(nativeName(original), &other) != 0 || isOriginalItself(file)) return std::nullopt;
+  return nameIsTaken(original);
 }
 
 bool isOriginalItself(const Path& file) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "platform/FileManager.h"
 
 namespace tarn {
@@ -14,6 +17,9 @@ void requireReplaceable(const Path& file);
 /// Links NAME.orig to the file, unless a repair that was killed has done so. Throws RepairRefusal if another file has
 /// that name or no hard link can be made, PosixError.
 void keepOriginal(const Path& file);
+
+/// Why a file cannot be kept under the name NAME.orig: another file has it. Nothing if none has.
+std::optional<std::string> whyNotKept(const Path& file);
 
 /// NAME.orig leads to the file itself: it was linked, and nothing has taken the file's place yet.
 bool isOriginalItself(const Path& file);

@@ -69,10 +69,8 @@ void Library::ask(void (PHChangeBlock::*request)(const std::vector<PHObjectPlace
 }
 
 std::optional<LibraryAsset> Library::find(const std::string& assetId) {
-  const auto assets = photos_.fetchAllAssets();
-  const auto found = std::ranges::find(assets, assetId, &PHAsset::localIdentifier);
-  if (found == assets.end()) return std::nullopt;
-  return assetOf(*found);
+  const auto asset = photos_.fetchAsset(assetId);
+  return asset ? std::optional(assetOf(*asset)) : std::nullopt;
 }
 
 void Library::rename(const std::string& assetId, const std::string& filename) {

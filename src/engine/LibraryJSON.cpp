@@ -1,13 +1,11 @@
 #include "engine/LibraryJSON.h"
 
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <string_view>
 #include <utility>
+
+#include "platform/DateText.h"
 
 namespace tarn {
 namespace {
@@ -21,18 +19,6 @@ constexpr std::array<std::pair<std::string_view, Action>, 5> actions{{
     {"rename", Action::rename},
     {"move", Action::move},
 }};
-
-constexpr const char* dateForm = "%Y-%m-%dT%H:%M:%SZ";
-
-std::string dateText(std::chrono::system_clock::time_point date) {
-  return fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(date)));
-}
-
-std::chrono::system_clock::time_point dateOf(const std::string& text) {
-  std::tm parts{};
-  if (::strptime(text.c_str(), dateForm, &parts) == nullptr) return {};
-  return std::chrono::system_clock::from_time_t(::timegm(&parts));
-}
 
 }  // namespace
 
@@ -48,7 +34,7 @@ LibraryAsset libraryAssetOf(const JSObject& object) {
   return {.assetId = valueAt<std::string>(object, "assetId", ""),
           .filename = valueAt<std::string>(object, "filename", ""),
           .size = static_cast<uint64_t>(valueAt<int64_t>(object, "size", 0)),
-          .created = dateOf(valueAt<std::string>(object, "created", "")),
+          .created = dateOfText(valueAt<std::string>(object, "created", "")),
           .path = valueAt<std::string>(object, "path", "")};
 }
 

@@ -11,6 +11,7 @@
 #include "engine/RepairRefusal.h"
 #include "engine/RepairSteps.h"
 #include "fragments/FragmentsError.h"
+#include "inspect/Inspection.h"
 #include "kind/Kind.h"
 #include "pipeline/ProcessingDriver.h"
 #include "pipeline/ProcessingStateManager.h"
@@ -99,6 +100,7 @@ class SingleRepair {
 
  private:
   void openSource();
+  void requireNameForOriginal() const;
   void rebuild();
   void tellOfRebuilding(RepairSummary& summary) const;
   void runSteps();
@@ -158,8 +160,18 @@ void SingleRepair::openSource() {
   const Kind kind = kindOf(disk_, request_.input);
   const bool mayBeRebuilt = request_.like && kind.what == Kind::What::lacksMoov;
   if (!kind.isMedia() && !mayBeRebuilt) throw RepairRefusal(kind.sentence("it", NamedBy::path));
+  requireNameForOriginal();
   if (request_.like) return rebuild();
   files_.layOver(video_, request_.input);
+}
+
+/// Refuses ahead of all work, unless the file may need no repair: nothing takes its place then.
+void SingleRepair::requireNameForOriginal() const {
+  if (request_.output != request_.input || !request_.keepsOriginal) return;
+  const auto why = whyNotKept(request_.input);
+  const bool isWholeRepair = !request_.skipVideoFix && !request_.skipAudioFix && !request_.like;
+  PosixFileManager disk("");
+  if (why && isWholeRepair && inspect(disk, request_.input).changesFile) throw RepairRefusal(*why);
 }
 
 /// Makes a movie of the input, whose `moov` is lost.

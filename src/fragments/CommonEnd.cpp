@@ -180,7 +180,8 @@ class EndingTrack {
     for (const PresentedEdit& edit : presented()) {
       const double length = std::min(time - seconds(edit.movieStart), seconds(edit.movieDuration));
       if (!edit.mediaStart || length <= 0) continue;
-      const double media = std::clamp<double>(length * speed(edit) * timescale_, 1, MediaEdit::latestTime);
+      const double media =
+          std::clamp(length * speed(edit) * timescale_, 1.0, static_cast<double>(MediaEdit::latestTime));
       end = std::max(end, *edit.mediaStart + static_cast<int64_t>(std::llround(media)));
     }
     return end;

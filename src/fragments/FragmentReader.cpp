@@ -235,6 +235,7 @@ class Reader {
     }
     if (track.missing > 0) movie_.isCut = true;
     track.appendGroups(firstSample, fragment);
+    track.leaveOut(fragment.others);
     return place;
   }
 

@@ -62,7 +62,9 @@ FailureAdvice ofTransfer(int code) {
                                         CURLE_AGAIN};
   if (code >= 400) return ofStatus(code);
   if (isOneOf(code, certificate)) {
-    return {"The server cannot prove who it is: check the address, and the clock of this machine."};
+    return {
+        "The server cannot prove who it is: check the address, and the clock of this machine. If you know better, "
+        "name the file of its certificate in SSL_CERT_FILE."};
   }
   if (isOneOf(code, network)) return tryAgain("Check the network, then try again.");
   switch (code) {
@@ -88,10 +90,17 @@ FailureAdvice ofTransfer(int code) {
   }
 }
 
-FailureAdvice ofSystem(int number) {
+FailureAdvice tooLarge(Where where) {
+  if (where != Where::repair) return {"The file system takes no file of this size: use a home on another one."};
+  return {.words = "The file system takes no file as large as the repaired one would be: use a home on another one.",
+          .maySaveAsItCame = true};
+}
+
+FailureAdvice ofSystem(int number, Where where) {
   constexpr std::array<int, 4> rights{EACCES, EPERM, EROFS, ENOTDIR};
   constexpr std::array<int, 7> busy{EMFILE, ENFILE, ENOMEM, EAGAIN, EBUSY, ETXTBSY, ENOBUFS};
   if (number == ENOSPC || number == EDQUOT) return fullDisk();
+  if (number == EFBIG) return tooLarge(where);
   if (number == ENAMETOOLONG) return {"Give a shorter name with `--filename`."};
   if (isOneOf(number, rights)) return {"Check who may write there, the home directory included."};
   if (isOneOf(number, busy)) return tryAgain("The machine is busy: try again later.");
@@ -139,7 +148,7 @@ FailureAdvice ofRepair(const Error& error) {
 FailureAdvice ofError(const Error& error, Where where) {
   const std::string& domain = error.domain();
   if (domain == "NSURLErrorDomain") return ofTransfer(error.code());
-  if (domain == "NSPOSIXErrorDomain") return ofSystem(error.code());
+  if (domain == "NSPOSIXErrorDomain") return ofSystem(error.code(), where);
   if (domain == "SQLite") return ofLibrary(error.code());
   if (domain == "TarnFetch") return ofRequest(where);
   if (where == Where::repair) return ofRepair(error);

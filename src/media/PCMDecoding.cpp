@@ -32,7 +32,7 @@ int64_t rescale(int64_t count, int64_t from, int64_t to) {
   return static_cast<int64_t>(rounded);
 }
 
-/// 0 for a time that is no number.
+/// 0 for a time that is not a number.
 int64_t framesIn(const CMTime& time, int64_t rate) {
   return time.isNumeric() && time.timescale > 0 ? rescale(time.value, time.timescale, rate) : 0;
 }

@@ -16,7 +16,7 @@ struct PCMOutputSettings {
   /// track, if that is more) away from the end of what has been given out, silence fills the gap, or what was given out
   /// is cut back to there, as of an overlap the later packet stays (with a fade of 5 ms before and after it, so that it
   /// does not click), unless it is less than 10 ms and gone with the next packet. A lesser difference above 0.5 ms, or
-  /// above a tick of the track where that is more, is followed by resampling within 2.5 %. The end is that of the last
+  /// above a tick of the track if that is more, is followed by resampling within 2.5 %. The end is that of the last
   /// packet. A track without gaps comes out as a plain decode. False: packets only, back to back; times jump where the
   /// timeline breaks by more than 4 ms.
   bool keepsTimeline = true;

@@ -21,7 +21,7 @@ struct SampleLocation {
 class SampleLocations {
  public:
   /// Reads `stsz` or else `stz2`, `stsc`, and `stco` or else `co64` of the `stbl`. Moves the file's position. Throws an
-  /// Error of the domain "SampleTable" or a ByteArrayError where they cannot be read.
+  /// Error of the domain "SampleTable" or a ByteArrayError if they cannot be read.
   SampleLocations(FileHandle& file, const MP4BoxInfo& stbl);
 
   /// Samples that the `stsz` promises, and how many of them, from the first on, have a chunk.

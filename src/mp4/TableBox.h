@@ -32,8 +32,8 @@ class TableBox {
   uint8_t version() const { return fields_.front(); }
   uint32_t field() { return cursor_->readUInt32(); }
 
-  /// The next `count` big-endian values in the box. The count is held against the bytes that are there before memory is
-  /// taken for it.
+  /// The next `count` big-endian values in the box. The count is compared with the bytes that are there before memory
+  /// is taken for it.
   template <typename T>
   std::vector<T> entries(uint64_t count) {
     if (count > left_ / sizeof(T)) throw tooShortFor(count, sizeof(T));

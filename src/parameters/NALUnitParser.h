@@ -64,7 +64,7 @@ class NALUnitParser {
   static int detectAVCNALLengthSize(FileHandle& file, std::span<const SampleInfo> samples);
 
   /// The distinct parameter sets at the front of the samples. Throws NALUnitParserError::tooManyParameterSets alone: a
-  /// damaged sample is passed over, and what was found before the damage counts.
+  /// damaged sample is skipped, and what was found before the damage counts.
   static HEVCParameterSets scanSamplesForParameterSets(FileHandle& file, std::span<const SampleInfo> samples,
                                                        int nalLengthSize);
   static AVCParameterSets scanSamplesForAVCParameterSets(FileHandle& file, std::span<const SampleInfo> samples,

@@ -25,7 +25,7 @@ struct ScanUse;
 /// many samples carry is kept once.
 ///
 /// The constructors throw what the sample table parser throws. Reading throws NALUnitParserError::tooManyParameterSets
-/// alone: a damaged sample is passed over, and what was found before the damage counts.
+/// alone: a damaged sample is skipped, and what was found before the damage counts.
 class ParameterScan {
  public:
   /// Which sets are taken, and what the log hears.

@@ -118,7 +118,7 @@ void ProcessingDriver::summarize(ProcessingRun& run) {
 }
 
 void ProcessingDriver::runSteps(ProcessingRun& run, RunLayers& layers, ProcessingStage startStage) {
-  // A step that is not built in is passed over.
+  // A step that is not built in is skipped.
   const auto isDue = [&](const ProcessingStep* step) { return step && startStage <= step->gateStage(); };
   if (run.state.needsRemuxing && isDue(steps_.fragments)) {
     steps_.fragments->run(run);

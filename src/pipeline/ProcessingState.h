@@ -31,8 +31,8 @@ struct ProcessingState {
   /// The three as the request has them, if a step has made the file that they were told from.
   std::optional<std::array<bool, 3>> askedFlags = {};
   std::optional<double> videoFirstPTS = {};  ///< seconds
-  std::optional<std::string> lostEnd = {};   ///< what of the video is missing, for people, if a part of it is
-  std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: a sentence a fault
+  std::optional<std::string> lostEnd = {};   ///< which part of the video is missing, for people, if a part of it is
+  std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: one sentence for each fault
   std::vector<std::string> done = {};        ///< what they did about it, likewise
 
   void removeTempFile(const Path& path);
@@ -49,7 +49,7 @@ using ProcessingStates = std::map<int64_t, ProcessingState>;
 /// 2001-01-01 UTC, files are file URLs.
 Bytes encodeProcessingStates(const ProcessingStates& states);
 
-/// What a document holds: its records, and each part that is no record, with the reason.
+/// What a document holds: its records, and each part that is not a record, with the reason.
 struct DecodedStates {
   struct Undecodable {
     std::string text;  ///< as it stands in the document

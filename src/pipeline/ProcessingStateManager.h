@@ -19,7 +19,7 @@ namespace tarn {
 /// the store's lock for its whole length. In memory the store keeps only changes that could not be stored: storage
 /// failures are logged and never raised, and the next write, or the next look at what is pending, stores these changes
 /// too. A document that cannot be read is left alone. A record that does not decode is set aside under a key of its own
-/// before a save drops it, and stays there with its files; a document that is no list of records as well. Under its
+/// before a save drops it, and stays there with its files; a document that is not a list of records as well. Under its
 /// lock the store uses the stored values and files, and calls nobody else. Thread-safe.
 class ProcessingStateManager {
  public:

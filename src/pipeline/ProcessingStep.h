@@ -11,7 +11,7 @@ class ProcessingStep {
  public:
   virtual ~ProcessingStep() = default;
 
-  /// The stage that the step enters first: the step is passed over when a run starts after it.
+  /// The stage that the step enters first: the step is skipped when a run starts after it.
   virtual ProcessingStage gateStage() const = 0;
 
   /// Works on run.fileURL in place and enters its stages. What it throws ends the run: as cancelled for a
@@ -19,7 +19,7 @@ class ProcessingStep {
   virtual void run(ProcessingRun& run) = 0;
 };
 
-/// The steps of the pipeline in their order. A step that is null is not built in: its gate is passed over. The last
+/// The steps of the pipeline in their order. A step that is null is not built in: its gate is skipped. The last
 /// step brings the result to its place; it always runs, and sets the outcome of the run.
 struct ProcessingSteps {
   /// Makes another kind of file of one that the other steps cannot work on. The record of such a file asks for all of

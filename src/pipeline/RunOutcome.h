@@ -24,7 +24,7 @@ struct RunOutcome {
   std::optional<std::string> assetId = {};  ///< of a video that the photo library took
   std::vector<std::string> leftAlone = {};  ///< what the run could not mend without harm and left as it was, and why
   bool isDiskFull = false;                  ///< a failure: there was no room for what was to be written
-  bool isRefused = false;                   ///< a failure: it is no video, and the words say what to do instead
+  bool isRefused = false;                   ///< a failure: it is not a video, and the words say what to do instead
   bool isPartly = false;                    ///< a part of the video is missing, as `leftAlone` says
   RepairSummary summary = {};               ///< of a run that came to its last step
   std::optional<uint64_t> size = {};        ///< of a saved video, in bytes

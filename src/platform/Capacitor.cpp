@@ -67,8 +67,8 @@ void CAPPluginCall::resolve(JSObject data) {
   state_->answer({.resolved = true, .data = std::move(data), .message = {}});
 }
 
-void CAPPluginCall::reject(std::string message) {
-  state_->answer({.resolved = false, .data = {}, .message = std::move(message)});
+void CAPPluginCall::reject(std::string message, JSObject data) {
+  state_->answer({.resolved = false, .data = std::move(data), .message = std::move(message)});
 }
 
 struct CAPPlugin::Listener {

@@ -18,7 +18,7 @@ class CAPPluginCall {
  public:
   struct Answer {
     bool resolved = false;
-    JSObject data;        ///< of a resolved call
+    JSObject data;        ///< of a resolved call; of a rejected one what a program can know beside the words
     std::string message;  ///< of a rejected one
   };
   using AnswerHandler = std::function<void(const Answer&)>;
@@ -37,7 +37,7 @@ class CAPPluginCall {
   std::optional<JSObject> getObject(std::string_view key) const;
 
   void resolve(JSObject data = {});
-  void reject(std::string message);
+  void reject(std::string message, JSObject data = {});
 
  private:
   struct State;

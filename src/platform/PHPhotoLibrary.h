@@ -46,7 +46,7 @@ class PHChangeBlock {
   /// once. False if there is no such album: nothing is added.
   virtual bool addAssets(const std::string& collectionIdentifier, const std::vector<PHObjectPlaceholder>& assets) = 0;
 
-  /// Asks to take assets out of an album; one that it does not hold is passed over. False if there is no such album.
+  /// Asks to take assets out of an album; one that it does not hold is skipped. False if there is no such album.
   virtual bool removeAssets(const std::string& collectionIdentifier,
                             const std::vector<PHObjectPlaceholder>& assets) = 0;
 
@@ -102,6 +102,8 @@ class PHPhotoLibrary {
   virtual std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                            const std::optional<std::string>& localIdentifier) = 0;
 
+  /// One asset of the library; nothing if there is none, or it is deleted.
+  virtual std::optional<PHAsset> fetchAsset(const std::string& localIdentifier) = 0;
   /// All assets of the library, oldest first, without the deleted ones.
   virtual std::vector<PHAsset> fetchAllAssets() = 0;
   /// The deleted assets that can be recovered, the one deleted last first. Their files are outside any album.

@@ -20,14 +20,6 @@ size_t endingOffset(std::string_view name, NameKind kind) {
   return hasEnding ? dot : name.size();
 }
 
-/// Puts `suffix` before the ending and cuts what stands before it so that the whole fits.
-std::string withSuffix(std::string_view name, NameKind kind, const std::string& suffix) {
-  const size_t ending = endingOffset(name, kind);
-  const std::string_view tail = name.substr(ending);
-  return std::string(cutUTF8(name.substr(0, ending), longestName - tail.size() - suffix.size())) + suffix +
-         std::string(tail);
-}
-
 constexpr size_t longestVideoName = 200;
 
 std::string_view videoEnding(std::string_view name) {
@@ -46,6 +38,13 @@ bool isUnsafe(char c) {
 }
 
 }  // namespace
+
+std::string withSuffix(std::string_view name, NameKind kind, const std::string& suffix) {
+  const size_t ending = endingOffset(name, kind);
+  const std::string_view tail = name.substr(ending);
+  return std::string(cutUTF8(name.substr(0, ending), longestName - tail.size() - suffix.size())) + suffix +
+         std::string(tail);
+}
 
 std::string safeName(std::string_view text, NameKind kind) {
   if (text.empty()) return kind == NameKind::file ? "video.mp4" : "Untitled";

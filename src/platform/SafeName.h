@@ -18,6 +18,10 @@ std::string safeName(std::string_view text, NameKind kind);
 /// for nothing.
 std::string videoName(std::string text);
 
+/// The name with `suffix` before its ending: "clip.mp4" and "-7" give "clip-7.mp4". What stands before it is cut at a
+/// character so that the whole has at most 255 bytes. `name` must be safe already.
+std::string withSuffix(std::string_view name, NameKind kind, const std::string& suffix);
+
 /// The first of "clip.mp4", "clip 2.mp4", "clip 3.mp4", ... that is not taken. `name` must be safe already.
 std::string uniqueName(const std::string& name, NameKind kind, const std::set<std::string>& taken);
 

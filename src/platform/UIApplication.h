@@ -38,7 +38,7 @@ class UIApplication {
   /// Gives the time back; the handler will not run any more. An unknown identifier is ignored.
   virtual void endBackgroundTask(UIBackgroundTaskIdentifier identifier) = 0;
 
-  /// Adds an observer for the three notifications. It is held weakly and passed over once it is gone.
+  /// Adds an observer for the three notifications. It is held weakly and skipped once it is gone.
   virtual void addObserver(std::weak_ptr<UIApplicationObserver> observer) = 0;
 };
 

@@ -41,33 +41,16 @@ std::optional<int> hexDigit(char c) {
 
 constexpr std::string_view hidden = "***";
 
-/// The last word of a name: of "api_key", "api-key", "api.key" and "apiKey" it is "key". In small letters.
-std::string lastWord(std::string_view name) {
-  size_t start = name.find_last_of("-_.") + 1;
-  for (size_t i = start + 1; i < name.size(); ++i) {
-    const bool isCapital = name[i] >= 'A' && name[i] <= 'Z';
-    if (isCapital && name[i - 1] >= 'a' && name[i - 1] <= 'z') start = i;
-  }
-  return lowered(name.substr(start));
-}
-
-bool isSecretName(std::string_view name) {
-  constexpr std::string_view secrets[] = {"token", "key",    "sig",  "signature", "password", "passwd",     "pass",
-                                          "pwd",   "secret", "auth", "session",   "sid",      "credential", "jwt"};
-  const std::string word = lastWord(percentDecode(name).value_or(std::string(name)));
-  return std::ranges::find(secrets, word) != std::end(secrets);
-}
-
-/// A query or a fragment, with the character that begins it.
-std::string parametersWithoutSecrets(std::string_view text) {
+/// A query or a fragment, with the character that begins it: its names stay, and what has none is a value.
+std::string withoutValues(std::string_view text) {
   std::string result;
   while (!text.empty()) {
     const std::string_view parameter = text.substr(0, text.find_first_of("?#&", 1));
     text.remove_prefix(parameter.size());
     const size_t equals = parameter.find('=');
-    const bool isSecret = equals != std::string_view::npos && isSecretName(parameter.substr(1, equals - 1));
-    result += isSecret ? parameter.substr(0, equals + 1) : parameter;
-    if (isSecret) result += hidden;
+    const bool hasValue = parameter.size() > (equals == std::string_view::npos ? 1 : equals + 1);
+    result += parameter.substr(0, equals == std::string_view::npos ? 1 : equals + 1);
+    if (hasValue) result += hidden;
   }
   return result;
 }
@@ -84,7 +67,7 @@ std::string urlWithoutSecrets(std::string_view url, size_t start) {
   }
   const std::string_view place = url.substr(0, url.find_first_of("?#"));
   result += place;
-  return result + parametersWithoutSecrets(url.substr(place.size()));
+  return result + withoutValues(url.substr(place.size()));
 }
 
 }  // namespace
@@ -99,7 +82,8 @@ std::string withoutSecrets(std::string_view text) {
     const size_t length = scheme == "https" ? 5 : (scheme.ends_with("http") ? 4 : 0);
     from = slashes + 3;
     if (length == 0) continue;
-    const size_t end = std::min(text.find_first_of(" \t\r\n\"<>", from), text.size());
+    const std::string_view url = text.substr(0, text.find_first_of(" \t\r\n\"<>", from));
+    const size_t end = std::max(url.find_last_not_of(".,;:!)'") + 1, from);
     const size_t begin = slashes - length;
     result.append(text.substr(0, begin)).append(urlWithoutSecrets(text.substr(begin, end - begin), length + 3));
     text.remove_prefix(end);

@@ -40,9 +40,9 @@ struct Credentials {
 };
 std::optional<Credentials> credentialsOf(const std::string& url);
 
-/// The text with what must stay between the user and the server taken out of every http and https URL in it: the user
-/// name and password, and the values of parameters whose name is, or ends in, a word like token, key, sig, password,
-/// auth or session. "***" takes their place.
+/// The text with what may have to stay between the user and the server taken out of every http and https URL in it: the
+/// user name and password, and each value of the query and the fragment, whatever its name; "***" takes their place.
+/// Punctuation at the end of a URL counts as the text's.
 std::string withoutSecrets(std::string_view text);
 
 /// Percent-decodes; nothing for a broken escape.

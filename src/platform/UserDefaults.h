@@ -24,7 +24,7 @@ class UserDefaults {
   /// Stores a value on stable storage. Throws PosixError; the old value then stands.
   void setData(const std::string& key, ByteView value);
 
-  /// The stored number; 0 if there is none, or it cannot be read or is no number.
+  /// The stored number; 0 if there is none, or it cannot be read or is not a number.
   int64_t integer(const std::string& key);
   void setInteger(const std::string& key, int64_t value);
 

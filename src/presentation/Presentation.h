@@ -29,8 +29,8 @@ struct TrackPresentation {
 
   bool hasEditList = false;  ///< with at least one entry, damaged or not
   EditListDamage damage = EditListDamage::none;
-  /// The edits in force: those of the list; without a list, or where it is damaged, one that shows the media as it is
-  /// (media time is movie time, from the smallest composition time on where that is below 0).
+  /// The edits in force: those of the list; without a list, or if it is damaged, one that shows the media as it is
+  /// (media time is movie time, from the smallest composition time on if that is below 0).
   std::vector<PresentedEdit> edits = {};
 
   int64_t firstCompositionTime = 0;     ///< of the first sample in decode order, track timescale
@@ -63,7 +63,7 @@ class Presentation {
   /// Reads the file's first `moov`, wherever it is. Throws an Error of the domain "Presentation" if there is no
   /// `moov` or no movie timescale, where the movie is fragmented, or where a track's tables cannot be read, promise
   /// more samples of one size than a file of this size has bytes, or name more than 8 million pictures; PosixError
-  /// where the file cannot be read. Tracks of any handler are read; one without samples is kept, with none shown.
+  /// if the file cannot be read. Tracks of any handler are read; one without samples is kept, with none shown.
   static Presentation read(FileManager& files, const Path& path);
   /// The same; returns nothing if the movie's boxes do not say what it shows, so that no result can be compared with
   /// it. `consequence` begins the line that the log then gets. Throws PosixError.
@@ -92,7 +92,7 @@ class Presentation {
 
 /// True for a file whose `moov` holds an `mvex`, or which has a `moof` beside it: its `moov` does not list all samples
 /// (ISO/IEC 14496-12 8.8). Boxes are looked for over the whole file, but for no more than a million headers. Throws
-/// PosixError where it cannot be read.
+/// PosixError if it cannot be read.
 bool isFragmented(FileManager& files, const Path& path);
 
 }  // namespace tarn

@@ -30,7 +30,7 @@ struct TrackChange {
   bool isLost = false;  ///< nothing below counts then
   bool isRemade = false;
   uint32_t samplesHidden = 0;    ///< shown before and not after
-  uint32_t samplesRevealed = 0;  ///< the other way round
+  uint32_t samplesRevealed = 0;  ///< the reverse
   uint32_t samplesMissing = 0;  ///< of the old file's, not in the new one; of a remade track, not whole in the new file
   uint32_t samplesAdded = 0;
   uint32_t samplesChanged = 0;  ///< whose bytes are not known to be the same

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -174,8 +175,12 @@ class Rebuilding {
     if (pictures.areSteady() || !recorder_.sound || found_.pictures.size() < 2) return;
     const double sound = found_.secondsOfSound(*recorder_.sound) - secondsOfHiddenSound();
     if (std::abs(sound - secondsOfPictures()) > largestStretch * secondsOfPictures()) return;
-    pictures.ticks = static_cast<uint64_t>(std::llround(sound * pictures.timescale));
-    pictures.count = found_.pictures.size();
+    const auto ticks = static_cast<uint64_t>(std::llround(sound * pictures.timescale));
+    const uint64_t count = found_.pictures.size();
+    // A picture lasts a tick at least, and what 32 bits can hold at most.
+    if (ticks < count || ticks / count >= std::numeric_limits<uint32_t>::max()) return;
+    pictures.ticks = ticks;
+    pictures.count = count;
   }
 
   /// What the recorder's edit list hides of the beginning of its sound.

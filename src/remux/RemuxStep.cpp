@@ -96,7 +96,7 @@ void RemuxStep::remux(ProcessingRun& run, const VideoCodec& codec, const std::st
     if (!isOfTheFile(error)) throw;
     const bool isHarm = dynamic_cast<const RefusedResult*>(&error) != nullptr;
     run.leave(fmt::format("the video is left as it is: {} ({})",
-                          isHarm ? "a repair would do harm" : "its index is damaged", error.description()));
+                          isHarm ? "a repair would do harm" : "its index cannot be rewritten", error.description()));
     return;
   }
   run.timings.hevcRemuxTotal = run.timer.stop();

@@ -248,9 +248,11 @@ class BridgeServer::Core {
     const auto inside = target ? check_.inside(*target) : std::nullopt;
     const bool isSocket = inside && inside->path == "/bridge/socket";
     auto refusal = refuse(head, target, isSocket);
-    const RequestBody body{
-        .length = lengthOf(parser), .isChunked = parser.chunked(), .arrived = static_cast<size_t>(buffer.size())};
-    if (!refusal) refusal = refuseBody(head, body);
+    const RequestBody body{.length = lengthOf(parser),
+                           .isChunked = parser.chunked(),
+                           .arrived = static_cast<size_t>(buffer.size()),
+                           .largest = inside ? HostRoutes::largestBody(inside->path) : 0};
+    if (!refusal) refusal = refuseBody(head, body, inside);
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
       co_await send(stream, *refusal);
@@ -296,8 +298,10 @@ class BridgeServer::Core {
     return std::nullopt;
   }
 
-  std::optional<SiteAnswer> refuseBody(const RequestHead& head, const RequestBody& body) const {
+  std::optional<SiteAnswer> refuseBody(const RequestHead& head, const RequestBody& body,
+                                       const std::optional<RequestTarget>& inside) const {
     auto refusal = body.refuse(head);
+    if (!refusal && head.method == "PUT") refusal = HostRoutes::refuseLocal(*inside);
     if (!refusal && head.method == "PUT") refusal = drop_.refuse(*body.length);
     return refusal ? std::optional(answerOf(*refusal)) : std::nullopt;
   }
@@ -319,7 +323,7 @@ class BridgeServer::Core {
     const std::string what(HostRoutes::changedBy(hostCall.method));
     auto answering = desk_.answer(std::move(hostCall));
     SiteAnswer answer = co_await std::move(answering);
-    if (answer.status == 200) tellChange(what);
+    if (answer.status == 200 && !what.empty()) tellChange(what);
     co_return answer;
   }
 

@@ -23,7 +23,7 @@ struct MoovEdits {
   std::optional<Bytes> audioEdtsData;      ///< likewise
   int64_t videoTrackDuration = 0;          ///< movie timescale; 0 or less leaves the `tkhd` alone
   int64_t audioTrackDuration = 0;          ///< likewise
-  std::optional<Bytes> convertedCttsData;  ///< a whole `ctts` that takes the place of the one below
+  std::optional<Bytes> convertedCttsData;  ///< a whole `ctts` that replaces the one below
   uint64_t originalCttsOffset = 0;         ///< in the file
   uint64_t originalCttsSize = 0;           ///< bytes; 0 if there is none
 };

@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 
+#include "support/Eventually.h"
 #include "support/MediaMaker.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
@@ -38,6 +41,25 @@ TEST(DemoTest, SaysInAFewLinesWhatWasRepairedProvesItAndLeavesTheResultAlone) {
   const Path result = place / "here" / "tarn-demo.mp4";
   EXPECT_THAT(output, HasSubstr("Open it: xdg-open '" + result.string() + "'"));
   EXPECT_EQ(decoderComplaints(result), "");
+  EXPECT_TRUE(fs::is_empty(place / "tmp"));
+}
+
+TEST(DemoTest, AnInterruptEndsItsProgramsToo) {
+  const TempDirectory place;
+  fs::create_directories(place / "tmp");
+  fs::create_directory(place / "bin");
+  const Path fake = place / "bin/ffmpeg", id = place / "id";
+  std::ofstream(fake) << "#!/bin/sh\necho $$ >'" << id.native() << ".new'; mv '" << id.native() << ".new' '"
+                      << id.native() << "'; exec sleep 1000\n";
+  fs::permissions(fake, fs::perms::owner_all);
+  ChildProgram demo({"/bin/sh", "-c", "PATH=\"$1/bin:$PATH\" TMPDIR=\"$1/tmp\" exec \"$0\" demo",
+                     tarnCommand(place.path(), {}).front(), place.path().string()},
+                    place.path());
+  ASSERT_TRUE(eventually([&] { return fs::exists(id); }));
+  demo.signal(SIGINT);
+  EXPECT_EQ(demo.wait(), 130) << demo.errors();
+  const std::string number = contentOf(id), facts = contentOf("/proc/" + number.substr(0, number.find('\n')) + "/stat");
+  EXPECT_TRUE(facts.empty() || facts.find(") Z ") != std::string::npos) << facts;
   EXPECT_TRUE(fs::is_empty(place / "tmp"));
 }
 

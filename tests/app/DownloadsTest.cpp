@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "app/FailureReport.h"
 #include "support/DamagedMovies.h"
 #include "support/Eventually.h"
 #include "support/FaultServer.h"
@@ -158,6 +159,16 @@ TEST_F(DownloadsTest, ACancelledOneIsToldAsCancelledAndMayBeTriedAgain) {
   EXPECT_EQ(runTarn(home_, {"retry", id()}).exitCode, 0);
   EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
   EXPECT_EQ(leftIn(home_), "");
+}
+
+TEST_F(DownloadsTest, ARefusalStaysOneWhenTheEngineThatRefusedIsGone) {
+  const std::string page = "<!DOCTYPE html><html><body>Log in first</body></html>";
+  server_.serve("/clip.mp4", ServedFile::of({page.begin(), page.end()}));
+  EXPECT_EQ(runTarn(home_, save()).exitCode, ExitCode::refused);
+  EXPECT_THAT(row(), HasSubstr("\"refused\":true"));
+  Engine engine({.home = home_});
+  engine.open();
+  EXPECT_EQ(exitCodeOf(outcomeOf(engine, std::stoll(id()))), ExitCode::refused);
 }
 
 TEST_F(DownloadsTest, ADamagedHistoryStopsNoCommandAndIsTold) {

@@ -158,7 +158,8 @@ TEST_F(RepairTest, RefusesEndsThatAreNotSafe) {
                                         {in_, place_ / "missing" / "fixed.mp4"}};
   for (const auto& [in, out] : rows) {
     auto result = repair(in, out);
-    EXPECT_EQ(result.exitCode, 1) << in << " " << out;
+    std::error_code none;
+    EXPECT_EQ(result.exitCode, fs::equivalent(in, out, none) ? 2 : 1) << in << " " << out;
     EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1) << result.errors;
     EXPECT_EQ(contentOf(in_), source_);
     EXPECT_EQ(filesBesideOut(), 0u);

@@ -273,6 +273,22 @@ TEST_F(ServeTest, TheLinkLetsABrowserIn) {
   EXPECT_NE(unbuilt.errors.find("The page is not built"), std::string::npos) << unbuilt.errors;
 }
 
+TEST_F(ServeTest, ASecondOneTellsTheAddressOfTheFirst) {
+  const auto second = runTarn(home_, {"serve", "--port", "1"});
+  EXPECT_EQ(second.exitCode, 0) << second.errors;
+  EXPECT_EQ(second.output, server_->output());
+  EXPECT_NE(second.errors.find("--port and --web change nothing"), std::string::npos) << second.errors;
+  FaultServer source;
+  source.serve("/held", ServedFile::of(video()), {{.stallAfter = 1000}});
+  const Path other = place_ / "other";
+  const ChildProgram save(tarnCommand(other, {"save", source.url("/held"), "--album", "Trips"}), place_.path());
+  ASSERT_TRUE(eventually([&] { return !source.requests().empty(); }));
+  const auto none = runTarn(other, {"serve"});
+  EXPECT_NE(none.exitCode, 0);
+  EXPECT_EQ(none.output, "");
+  EXPECT_NE(none.errors.find("Another tarn works in"), std::string::npos) << none.errors;
+}
+
 TEST_F(ServeTest, NobodyElseCanHaveThePortOnTheOtherLoopback) {
   asio::io_context context;
   error_code failure;

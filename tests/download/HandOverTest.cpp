@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "download/EngineTest.h"
+#include "platform/UTF8.h"
 
 namespace tarn::test {
 namespace {
@@ -38,6 +41,22 @@ TEST_F(EngineTest, ANewcomerNeverReplacesAnotherDownloadsPendingFile) {
   EXPECT_EQ(contents(), "content of clip.mp4 content of other.mp4");
   EXPECT_TRUE(documents().empty());
 
+  for (const std::string& tail : {std::string(".mp4"), "." + std::string(40, 'e')}) {
+    std::string longest = "x";
+    while (longest.size() + 2 + tail.size() <= 255) longest += "\u00e9";
+    longest = std::string(255 - longest.size() - tail.size(), 'y') + longest + tail;
+    dispatch_.hold(worker());
+    saveAs(longest, "long.mp4");
+    const auto second = saveAs(longest, "longer.mp4");
+    finish("long.mp4");
+    finish("longer.mp4");
+    EXPECT_NE(second->status(), DownloadStatus::failed) << "its added id must fit";
+    EXPECT_TRUE(std::ranges::all_of(documents(), isUTF8));
+    dispatch_.release(worker());
+    settle();
+    EXPECT_EQ(second->status(), DownloadStatus::completed);
+  }
+
   // What nobody waits for any more is replaced.
   put("third.mp4", "left behind");
   save("third.mp4");
@@ -52,6 +71,13 @@ TEST_F(EngineTest, ATransferThatEndsWithoutItsFileFails) {
   settle();
   EXPECT_EQ(task->status(), DownloadStatus::failed);
   EXPECT_EQ(heard(), "failed 1800000000");
+}
+
+TEST_F(EngineTest, AFileThatIsGoneWhenItIsTakenInIsToldToHaveFailed) {
+  const auto task = engine_->takeIn(home_ / "gone.mp4", {.url = "", .album = "Trips", .filename = "a.mp4"}, delegate_);
+  settle();
+  EXPECT_EQ(task->status(), DownloadStatus::failed);
+  EXPECT_EQ(heard(), "failed " + std::to_string(task->id));
 }
 
 TEST_F(EngineTest, TheEndOfATransferTellsNothingOfARunWhoseRecordCannotBeRead) {

@@ -73,7 +73,7 @@ TEST_F(HistoryTest, ARequestIsKeptForARetryAndNoLonger) {
     const auto entry = history.entry(1);
     EXPECT_EQ(entry->state, State::failed);
     EXPECT_EQ(history.request(1), request("a.mp4"));
-    const std::string told = entry->json().json();
+    const std::string told = jsonOf(*entry).json();
     for (const char* secret : {"user", "pass", "ticket", "sesame", "there"}) {
       EXPECT_EQ(told.find(secret), std::string::npos) << told;
     }
@@ -132,6 +132,46 @@ TEST_F(HistoryTest, BehindAStartWhatTheEngineDoesNotKnowHasFailed) {
   EXPECT_EQ(history.request(9), request("old.mp4")) << "of an older version, which kept no history";
 }
 
+TEST_F(HistoryTest, WhatAnOlderVersionNotedIsReadAndTakenOver) {
+  {
+    SQLiteDatabase old(file_, SQLiteDatabase::Mode::writing);
+    old.execute(
+        "CREATE TABLE downloads (number INTEGER PRIMARY KEY AUTOINCREMENT, id INTEGER NOT NULL UNIQUE, "
+        "state TEXT NOT NULL, filename TEXT NOT NULL, album TEXT NOT NULL, url TEXT NOT NULL, "
+        "started INTEGER NOT NULL, ended INTEGER NOT NULL DEFAULT 0, reason TEXT NOT NULL DEFAULT '', "
+        "advice TEXT NOT NULL DEFAULT '', may_try_again INTEGER NOT NULL DEFAULT 0, "
+        "may_save_as_it_came INTEGER NOT NULL DEFAULT 0, is_partly INTEGER NOT NULL DEFAULT 0, "
+        "summary TEXT NOT NULL DEFAULT '', size INTEGER NOT NULL DEFAULT -1, asset_id TEXT NOT NULL DEFAULT '', "
+        "request TEXT NOT NULL)");
+    old.execute(
+        "INSERT INTO downloads (id, state, filename, album, url, started, ended, reason, request) "
+        "VALUES (1, 'failed', 'a.mp4', 'Trips', 'http://host/a.mp4', 5000000000, 6000000000, 'gone', '')");
+    old.execute("PRAGMA user_version = 1");
+  }
+  const auto check = [](const std::vector<HistoryEntry>& entries) {
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_EQ(jsonOf(entries[0]).json(),
+              R"({"id":1,"state":"failed","filename":"a.mp4","album":"Trips","url":"http://host/a.mp4",)"
+              R"("started":"1970-01-01T00:00:05Z","ended":"1970-01-01T00:00:06Z","reason":"gone","refused":false,)"
+              R"("mayTryAgain":false,"maySaveAsItCame":false,"partly":false})");
+    EXPECT_EQ(jsonOf(historyEntryOf(jsonOf(entries[0]))).json(), jsonOf(entries[0]).json());
+  };
+  const std::string before = contentOf(file_);
+  check(History::read(place_.path()));
+  EXPECT_EQ(contentOf(file_), before) << "who only reads changes nothing";
+  History history = open();
+  EXPECT_EQ(history.problem(), std::nullopt);
+  check(history.entries());
+  history.began(1, request("a.mp4"));
+  RunOutcome refused = failure(1);
+  refused.isRefused = true;
+  history.ended(refused);
+  for (const HistoryEntry& entry : {*open().entry(1), History::read(place_.path()).front()}) {
+    EXPECT_TRUE(entry.isRefused);
+    EXPECT_TRUE(historyEntryOf(jsonOf(entry)).isRefused);
+  }
+}
+
 TEST_F(HistoryTest, ADamagedFileIsPutAsideAndToldAndStopsNothing) {
   {
     auto table = HistoryTable::openOrMake(file_);
@@ -165,6 +205,7 @@ TEST_F(HistoryTest, ADamagedFileIsPutAsideAndToldAndStopsNothing) {
   History none = this->open();
   none.began(9, request("d.mp4"));
   EXPECT_TRUE(none.problem());
+  EXPECT_FALSE(none.clear(std::nullopt)) << "it says so if it cannot";
   EXPECT_TRUE(none.entries().empty());
   EXPECT_TRUE(std::filesystem::is_directory(file_)) << "what is no history is left alone";
 }

@@ -38,6 +38,8 @@ TEST(FailureAdvice, IsThatOfTheKindOnWhicheverWayTheFailureCame) {
   EXPECT_TRUE(sound.starts_with("as it came ") && sound.find("--skip-audio-fix") != std::string::npos) << sound;
   const auto video = adviceFor(Where::repair, MP4RemuxError::writeError("copy"));
   EXPECT_TRUE(video.starts_with("as it came ") && video.find("--skip-video-fix") != std::string::npos) << video;
+  EXPECT_TRUE(adviceFor(Where::repair, PosixError(EFBIG, "write")).starts_with("as it came "));
+  EXPECT_TRUE(adviceFor(Where::transfer, PosixError(EFBIG, "write")).starts_with("The file system "));
   EXPECT_EQ(adviceFor(Where::transfer, std::runtime_error("?")), "");
 }
 

@@ -95,16 +95,21 @@ class HostRequestsTest : public testing::Test {
 TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
   std::mutex mutex;
   std::string called;
-  for (const char* method : {"getHistory", "getTransfers", "changeAsset", "changeDownload", "clearHistory"}) {
+  for (const char* method :
+       {"getHistory", "getTransfers", "changeAsset", "showAsset", "saveVideo", "changeDownload", "clearHistory"}) {
     host_.on(method, [&, method](const CAPPluginCallPointer& call) {
       std::lock_guard guard(mutex);
       called = method;
-      for (const char* key : {"action", "assetId", "filename", "album"}) {
+      for (const char* key : {"action", "assetId", "filename", "album", "url", "path"}) {
         if (const auto text = call->getString(key)) called += std::string(" ") + key + "=" + *text;
       }
       for (const char* key : {"id", "limit"}) {
         if (const auto number = call->getInt(key)) called += std::string(" ") + key + "=" + std::to_string(*number);
       }
+      for (const char* key : {"takesServersName", "skipAudioFix"}) {
+        if (call->getBool(key)) called += std::string(" ") + key;
+      }
+      if (call->getObject("transfer")) called += " transfer";
       call->resolve({{"done", true}});
     });
   }
@@ -124,6 +129,12 @@ TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
       {"POST", "library/A%2FB", R"({"action":"rename","filename":"b.mp4","path":"/etc/passwd"})", 200,
        "changeAsset action=rename assetId=A/B filename=b.mp4"},
       {"POST", "library/A", R"({"action":"move","album":"Sea"})", 200, "changeAsset action=move assetId=A album=Sea"},
+      {"POST", "library/A", R"({"action":"open","path":"/etc"})", 200, "showAsset action=open assetId=A"},
+      {"POST", "downloads",
+       R"({"url":"http://a/b","album":"Sea","filename":"b.mp4","takesServersName":true,"id":7,)"
+       R"("transfer":{"headers":["A: b"]}})",
+       200, "saveVideo filename=b.mp4 album=Sea url=http://a/b takesServersName"},
+      {"POST", "downloads", R"({"url":"http://a/b","skipAudioFix":1})", 400, ""},
       {"POST", "downloads/12", R"({"action":"retryAsItCame"})", 200, "changeDownload action=retryAsItCame id=12"},
       {"POST", "history", R"({"clear":true})", 200, "clearHistory"},
       {"POST", "history", R"({"clear":12})", 200, "clearHistory id=12"},
@@ -146,6 +157,9 @@ TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
       EXPECT_EQ(bodyOf(answer), R"({"done":true})");
     }
   }
+  EXPECT_EQ(statusOf(send("POST", "downloads", R"({"url":")" + std::string(60'000, 'u') + "\"}")), 200);
+  EXPECT_EQ(statusOf(send("POST", "library/A", R"({"action":"rename","filename":")" + std::string(5'000, 'u') + "\"}")),
+            413);
   EXPECT_THAT(get("bridge/native.js"), HasSubstr(R"("methods":["getHistory","getTransfers",)"));
 }
 
@@ -216,6 +230,10 @@ TEST_F(HostRequestsTest, AFileOfTheBrowsersMachineIsTakenInWholeOrNotAtAll) {
   EXPECT_EQ(statusOf(send("PUT", target, "x")), 409) << "one at a time";
   half.close();
   ASSERT_TRUE(eventually(isEmpty));
+
+  const std::string nothing = askServer(port_, headOf("PUT", "local?filename=a.mp4&album=", content.size()));
+  EXPECT_EQ(statusOf(nothing), 400) << "before any of its bytes are asked for";
+  EXPECT_THAT(nothing, HasSubstr("album"));
 
   isWanted = false;
   EXPECT_THAT(send("PUT", target, content), HasSubstr("It is no video"));

@@ -80,6 +80,7 @@ class FaultyPhotoLibrary : public PHPhotoLibrary {
     return base_.fetchAllAssets();
   }
   // The engine asks for none of these.
+  std::optional<PHAsset> fetchAsset(const std::string& asset) override { return base_.fetchAsset(asset); }
   std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& asset) override {
     return base_.fetchAssetCollectionsContaining(asset);
   }

@@ -1,12 +1,12 @@
 // What the page shows and does beside the bridge, in a real browser over the real `tarn serve`.
 
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
-import { basename } from 'node:path';
+import { existsSync, readFileSync, writeFileSync } from 'node:fs';
+import { basename, join } from 'node:path';
 import { test } from 'node:test';
 
 import { act, changeBrowser, inPhase, open, row, save, setStage, stage } from './stage.mjs';
-import { until } from './support.mjs';
+import { makeClipWithHole, until } from './support.mjs';
 
 const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
 
@@ -73,6 +73,8 @@ test('a failed download is tried again after a restart, from a browser that did 
   await act(page, 'clip.mp4', 'again');
   await inPhase(page, 'clip.mp4', 'saved');
   assert.equal(await page.locator('.download').count(), 1);
+  await act(page, 'clip.mp4', 'dismiss');
+  await page.waitForSelector('#downloads-empty');
 });
 
 test('a saved video tells what was wrong and what was done, with picture and sound before and after', async () => {
@@ -95,14 +97,70 @@ test('a saved video tells what was wrong and what was done, with picture and sou
   await until('the state', async () => /Saved as it came/.test(await row(page, 'other.mp4').textContent()));
 });
 
+test('what is too large once repaired is saved as it came', async () => {
+  const came = readFileSync(makeClipWithHole(stage.folder, stage.clip));
+  stage.media.other = came;
+  stage.tarn.largestFile = Math.ceil(came.length / 1024);
+  await stage.tarn.restart();
+  const page = await open();
+  await save(page, stage.media.address('hole.mp4'), { filename: 'hole.mp4' });
+  await inPhase(page, 'hole.mp4', 'failed');
+  await until('the reason', async () => /no file as large as the repaired one/.test(await row(page, 'hole.mp4').textContent()));
+  assert.deepEqual(stage.tarn.savedFiles(), []);
+  await act(page, 'hole.mp4', 'asItCame');
+  await inPhase(page, 'hole.mp4', 'saved');
+  assert.equal(await page.locator('.download').count(), 1);
+  const [saved] = stage.tarn.savedFiles();
+  assert.ok(readFileSync(saved).equals(came), 'byte for byte');
+});
+
+test('a name that is left open is the one that the server tells', async () => {
+  const page = await open();
+  await save(page, stage.media.address('get video.php?name=Sea 1.mp4'), { filename: '' });
+  await inPhase(page, 'Sea 1.mp4', 'saved');
+  await save(page, stage.media.address('get.php?name=other.mp4'), { filename: 'mine.mp4' });
+  await inPhase(page, 'mine.mp4', 'saved');
+  assert.deepEqual(stage.tarn.savedFiles().map((path) => basename(path)), ['Sea 1.mp4', 'mine.mp4']);
+});
+
+test('the folder of a video opens on the desktop, with a program that nobody waits for', async () => {
+  const page = await open();
+  await save(page, stage.media.address('clip.mp4'));
+  await page.waitForSelector('.video');
+  const choose = async () => {
+    await page.click('.menu-button');
+    await page.click('[role=menuitem]:has-text("Open its folder")');
+  };
+  const folder = join(stage.tarn.home, 'Photos/Trips');
+  await choose();
+  await until('why not', async () => (await text(page, '#problem')).endsWith(`can open the folder. The video is in ${folder}`));
+
+  const told = join(stage.tarn.programs, 'told');
+  const script = `#!/bin/sh\n{ echo "$$ $1"; /bin/ls -l /proc/$$/fd; } >${told}.new; /bin/mv ${told}.new ${told}; exec /bin/sleep 60\n`;
+  writeFileSync(join(stage.tarn.programs, 'xdg-open'), script, { mode: 0o755 });
+  await choose();
+  await until('the program', () => existsSync(told));
+  const [, id, opened, descriptors] = /^(\d+) (.*)\n([^]*)$/.exec(readFileSync(told, 'utf8'));
+  assert.equal(opened, folder);
+  assert.doesNotMatch(descriptors, new RegExp(`socket:|pipe:|${stage.tarn.home}`));
+  assert.equal(await page.evaluate(async () => (await fetch('history?limit=1')).status), 200);
+  assert.ok(existsSync(`/proc/${id}`), 'it is still there');
+  await until('the end of the notice', async () => !(await page.isVisible('#problem')));
+  process.kill(Number(id));
+});
+
 test('a transfer is paused and goes on; one that nobody answers says when it tries again, and why', async () => {
   const page = await open();
   await save(page, stage.media.address('clip.mp4', 4));
-  await row(page, 'clip.mp4').locator('button[data-action=pause]').click();
+  const focused = () => page.evaluate(() => document.activeElement.dataset.action ?? document.activeElement.id);
+  await page.waitForSelector('button[data-action=pause]:visible');
+  await page.press('button[data-action=pause]', 'Enter');
   await until('the pause', async () => /Paused/.test(await row(page, 'clip.mp4').textContent()));
   await until('the transfer to end', () => stage.media.requests[0].closed);
-  await act(page, 'clip.mp4', 'resume');
+  assert.equal(await focused(), 'resume', 'where the way on is');
+  await page.keyboard.press('Enter');
   await inPhase(page, 'clip.mp4', 'saved');
+  await until('a button of the row to have the focus', async () => ['watch', 'dismiss'].includes(await focused()));
   assert.match(stage.media.requests[1].range, /^bytes=[1-9]/, 'not from the start again');
 
   await save(page, 'http://127.0.0.1:1/none.mp4', { filename: 'none.mp4' });
@@ -111,6 +169,9 @@ test('a transfer is paused and goes on; one that nobody answers says when it tri
   );
   await act(page, 'none.mp4', 'cancel');
   await until('its row to go', async () => (await row(page, 'none.mp4').count()) === 0);
+  await page.press('#clear-ended', 'Enter');
+  await page.waitForSelector('#downloads-empty');
+  assert.equal(await focused(), 'downloads-title');
 });
 
 test('videos are renamed, moved, removed and brought back with the keyboard, and another page sees it', async () => {
@@ -122,9 +183,9 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
 
   await poster.focus();
   await page.keyboard.press('Tab');
-  for (const key of ['Enter', 'ArrowDown', 'Enter', 'Escape']) await page.keyboard.press(key);
+  for (const key of ['Enter', 'ArrowDown', 'ArrowDown', 'Enter', 'Escape']) await page.keyboard.press(key);
   assert.ok(await page.evaluate(() => document.activeElement.matches('.menu-button')), 'back at the menu');
-  for (const key of ['Enter', 'ArrowDown', 'Enter']) await page.keyboard.press(key);
+  for (const key of ['Enter', 'ArrowDown', 'ArrowDown', 'Enter']) await page.keyboard.press(key);
   await page.keyboard.type('renamed');
   await page.keyboard.press('Tab');
   await page.keyboard.type('Sea');
@@ -132,6 +193,9 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
   for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
   assert.deepEqual(stage.tarn.savedFiles().map((path) => basename(path)), ['renamed.mp4']);
   assert.equal(await page.locator('.album:has-text("Trips")').count(), 0);
+  const isAtMenu = () => page.evaluate(() => document.activeElement.matches('.menu-button[aria-label$=" renamed.mp4"]'));
+  await until('the menu to have the focus again', isAtMenu);
+  assert.match(await row(page, 'clip.mp4').textContent(), /In the album Sea/);
 
   const kept = page.waitForEvent('download');
   await page.click('.menu-button');
@@ -139,14 +203,29 @@ test('videos are renamed, moved, removed and brought back with the keyboard, and
   await page.click('text=Download >> visible=true >> nth=-1');
   assert.equal((await kept).suggestedFilename(), 'renamed.mp4');
 
+  await other.focus('.poster');
   await page.focus('.menu-button');
   for (const key of ['Enter', 'End', 'Enter']) await page.keyboard.press(key);
   await until('the way back', () => page.evaluate(() => document.activeElement.dataset.action === 'undo'));
   for (const each of [page, other]) await until('no video', async () => (await each.locator('.video').count()) === 0);
   assert.deepEqual(stage.tarn.savedFiles(), []);
+  await looksRight(page);
+  assert.equal(await other.evaluate(() => document.activeElement.id), 'albums-title', 'not at the top of the page');
   await page.keyboard.press('Enter');
   for (const each of [page, other]) await each.waitForSelector('.album:has-text("Sea") .video:has-text("renamed.mp4")');
   assert.ok(!(await page.isVisible('#undo')));
+  await until('the video that is back to have the focus', isAtMenu);
+
+  await other.click('.menu-button');
+  await other.click('text=Rename or move');
+  await page.click('.menu-button');
+  await page.click('[role=menuitem]:has-text("Remove")');
+  await other.waitForSelector('.video', { state: 'detached' });
+  await other.fill('#edit-filename', 'too late.mp4');
+  await other.keyboard.press('Enter');
+  await until('the words', async () => /removed/.test(await text(other, '#edit-error')));
+  await page.click('[data-action=undo]');
+  await other.waitForSelector('.video:has-text("renamed.mp4")');
 
   // From one video to what follows: its picture, its menu, nothing else.
   await page.focus('.poster');

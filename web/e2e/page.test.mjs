@@ -102,6 +102,8 @@ test('the engine has the methods of definitions.ts, and answers and refuses in i
   ];
   for (const [method, options, expected] of cases)
     assert.deepEqual(await call(page, method, options), expected, method);
+  const chosen = await call(page, 'saveVideo', { url, album: 'Trips', filename: 'a.mp4', id: 7 });
+  assert.ok(chosen.id > 7, 'a page does not choose the number of a download');
 });
 
 test('a page that is closed in mid-download and opened again shows it, and its end', async () => {
@@ -116,19 +118,6 @@ test('a page that is closed in mid-download and opened again shows it, and its e
   await inPhase(second, 'clip.mp4', 'saved');
   await second.waitForSelector('.album:has-text("Trips") .video:has-text("clip.mp4")');
   assert.equal(stage.media.requests.length, 1);
-});
-
-test('a video that cannot be fetched is shown as not saved, and can be tried again', async () => {
-  const page = await open();
-  stage.media.isMissing = true;
-  await save(page, stage.media.address('clip.mp4'));
-  await inPhase(page, 'clip.mp4', 'failed');
-  stage.media.isMissing = false;
-  await act(page, 'clip.mp4', 'again');
-  await inPhase(page, 'clip.mp4', 'saved');
-  assert.equal(await page.locator('.download').count(), 1);
-  await act(page, 'clip.mp4', 'dismiss');
-  await page.waitForSelector('#downloads-empty');
 });
 
 test('the application is in the background while no page can be seen', async () => {

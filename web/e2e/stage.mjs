@@ -44,6 +44,7 @@ export function setStage(...options) {
   const folder = temporaryFolder();
 
   before(async () => {
+    stage.folder = folder;
     stage.clip = makeClip(folder);
     stage.media = await new MediaServer().start(stage.clip);
     stage.browser = await launchBrowser();
@@ -55,6 +56,7 @@ export function setStage(...options) {
   });
   beforeEach(async () => {
     stage.media.requests.length = 0;
+    stage.media.other = undefined;
     stage.tarn = await new Tarn(options).start();
     stage.faults = [];
     await changeBrowser();

@@ -6,7 +6,7 @@ import { execFileSync, spawn } from 'node:child_process';
 import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { createServer } from 'node:http';
 import { tmpdir } from 'node:os';
-import { join } from 'node:path';
+import { join, resolve } from 'node:path';
 import { setTimeout as pause } from 'node:timers/promises';
 import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
@@ -46,15 +46,27 @@ export function videoTag(file) {
   return execFileSync('ffprobe', ['-v', 'error', ...wanted, file], { encoding: 'utf8' }).trim();
 }
 
-/** Serves one file under every path but /login, a web page, with ranges; `?rate=` in the address gives the bytes a second. */
+/** The clip with a hole in its sound, which has to be encoded anew: the repaired file is larger. */
+export function makeClipWithHole(folder, clip) {
+  const file = join(folder, 'hole.mp4');
+  const sound = ['-c:a', 'ac3', '-b:a', '64k', '-af', 'aselect=not(between(t\\,1\\,2))'];
+  execFileSync('ffmpeg', ['-v', 'error', '-y', '-i', clip, '-c:v', 'copy', '-tag:v', 'avc3', ...sound, file]);
+  return file;
+}
+
+/**
+ * Serves one file under every path but /login, a web page, with ranges; `?rate=` in the address gives the bytes a
+ * second, `?name=` the name that it tells.
+ */
 export class MediaServer {
   isMissing = false; // it has no such file just now
+  other = undefined; // bytes that it serves in place of its file
   requests = []; // {range, cookie, sent, closed}
 
   async start(file) {
     const bytes = readFileSync(file);
     this.size = bytes.length;
-    this.server = createServer((asked, answer) => void this.#answer(asked, answer, bytes));
+    this.server = createServer((asked, answer) => void this.#answer(asked, answer, this.other ?? bytes));
     await new Promise((listening) => this.server.listen(0, '127.0.0.1', listening));
     return this;
   }
@@ -71,6 +83,7 @@ export class MediaServer {
 
   async #answer(asked, answer, bytes) {
     const { range, cookie } = asked.headers;
+    const query = new URL(asked.url, 'http://x').searchParams;
     const seen = { range, cookie, sent: 0, closed: false };
     this.requests.push(seen);
     answer.on('close', () => (seen.closed = true));
@@ -86,8 +99,9 @@ export class MediaServer {
       'Accept-Ranges': 'bytes',
       ETag: '"one"',
       ...(from > 0 ? part : {}),
+      ...(query.has('name') ? { 'Content-Disposition': `attachment; filename="${query.get('name')}"` } : {}),
     });
-    const rate = Number(new URL(asked.url, 'http://x').searchParams.get('rate') ?? Infinity);
+    const rate = Number(query.get('rate') ?? Infinity);
     const step = Math.min(bytes.length, Math.ceil(rate / 20));
     for (let at = from; at < bytes.length && !seen.closed; at += step) {
       answer.write(bytes.subarray(at, at + step));
@@ -98,10 +112,12 @@ export class MediaServer {
   }
 }
 
-/** `tarn serve` with a home of its own. */
+/** `tarn serve` with a home of its own, on a desktop whose programs are those of `programs`. */
 export class Tarn {
   home = temporaryFolder();
+  programs = temporaryFolder();
   port = 0;
+  largestFile = 'unlimited'; // in KiB, as its file system has it
 
   /** @param options for `tarn serve`, beside home and port */
   constructor(options) {
@@ -110,7 +126,11 @@ export class Tarn {
 
   async start() {
     const args = ['--home', this.home, 'serve', '--port', String(this.port), ...this.options];
-    this.process = spawn(binary, args, { stdio: ['ignore', 'pipe', 'pipe'] });
+    const limited = `trap '' XFSZ; ulimit -f ${this.largestFile}; exec "$@"`;
+    this.process = spawn('/bin/bash', ['-c', limited, 'bash', resolve(binary), ...args], {
+      stdio: ['ignore', 'pipe', 'pipe'],
+      env: { ...process.env, PATH: this.programs, DISPLAY: ':0' },
+    });
     let errors = '';
     this.process.stderr.on('data', (text) => (errors += text));
     this.entry = await new Promise((printed, failed) => {
@@ -123,14 +143,14 @@ export class Tarn {
   }
 
   async end(signal) {
-    const exited = new Promise((resolve) => this.process.once('exit', resolve));
+    const exited = new Promise((gone) => this.process.once('exit', gone));
     this.process.kill(signal);
     await exited;
   }
 
   async stop() {
     await this.end('SIGINT');
-    rmSync(this.home, { recursive: true, force: true });
+    for (const folder of [this.home, this.programs]) rmSync(folder, { recursive: true, force: true });
   }
 
   /** Ends in order, and starts again at the same port. */

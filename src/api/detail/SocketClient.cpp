@@ -58,7 +58,10 @@ EngineClient::Answer SocketClient::call(const std::string& plugin, const std::st
     if (const auto* data = valueAt<JSObject>(*message, "resolve"))
       return {.resolved = true, .data = *data, .message = {}};
     const auto* rejection = valueAt<JSObject>(*message, "reject");
-    return {.resolved = false, .data = {}, .message = rejection ? valueAt<std::string>(*rejection, "message", "") : ""};
+    if (!rejection) return {};
+    return {.resolved = false,
+            .data = valueAt(*rejection, "data", JSObject()),
+            .message = valueAt<std::string>(*rejection, "message", "")};
   }
 }
 

@@ -13,6 +13,7 @@
 #include "app/Output.h"
 #include "app/demo/BeatMeter.h"
 #include "app/demo/DamagedClip.h"
+#include "app/demo/FFmpeg.h"
 #include "app/demo/KeptPictures.h"
 #include "app/demo/LoopbackServer.h"
 #include "platform/Error.h"
@@ -137,8 +138,9 @@ std::string quoted(const Path& path) {
 
 int demoCommand(const GlobalOptions& global, bool keepsAll) {
   const DemoPlace place(keepsAll);
-  const InterruptWatcher watcher([&place]() -> bool {
-    place.remove();
+  const InterruptWatcher watcher([&]() -> bool {
+    endFFmpeg();
+    if (!keepsAll) place.remove();
     ::_exit(ExitCode::interrupted);
   });
   PosixFileManager files(place.path());

@@ -17,4 +17,8 @@ class FFmpegFailed : public Error {
 /// if it cannot be started, FFmpegFailed.
 void runFFmpeg(const std::vector<std::string>& arguments);
 
+/// Ends the ffmpeg that runs, and keeps another from being started: the process is about to end. Returns when it has
+/// ended. From any thread; from then on runFFmpeg() does not return.
+void endFFmpeg();
+
 }  // namespace tarn

@@ -6,7 +6,7 @@
 
 namespace tarn {
 
-/// A run of bytes that takes the place of some of the source's.
+/// A run of bytes that replaces some of the source's.
 struct Patch {
   uint64_t offset;
   uint64_t removed;

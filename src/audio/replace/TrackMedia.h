@@ -21,8 +21,8 @@ std::optional<Bytes> normalizeAudioStts(const MovieBox& stts);
 /// Puts the media of `newTrak` into `trak`: its clock, its sample table and its data references. All else of `trak`
 /// stays. The entries of its edit list (ISO/IEC 14496-12 8.6.6) stay if `keepsEditList`: media times go into the new
 /// clock, rounded to nearest, and the last entry is cut where it would show more than a packet of nothing; else there
-/// is no list. The `tkhd` duration is what the entries add up to, `mediaDuration` without any. Timescale and duration
-/// of the movie that `trak` is in.
+/// is not a list. The `tkhd` duration is what the entries add up to, `mediaDuration` without any. Timescale and
+/// duration of the movie that `trak` is in.
 void putMedia(MovieBox& trak, const MovieBox& newTrak, uint32_t movieTimescale, uint64_t mediaDuration,
               bool keepsEditList);
 

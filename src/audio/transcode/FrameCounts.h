@@ -7,7 +7,7 @@
 
 namespace tarn {
 
-/// A number of frames or ticks without its fraction, held within 2^62; what is no number counts as none.
+/// A number of frames or ticks without its fraction, held within 2^62; what is not a number counts as none.
 inline int64_t wholeFrames(double frames) {
   constexpr double most = 0x1p62;
   return std::isnan(frames) ? 0 : static_cast<int64_t>(std::clamp(frames, -most, most));

@@ -29,7 +29,7 @@ class TranscodeLoop {
   TranscodeLoop(const TranscodePlan& plan, const TranscodeConfig& config, const AudioNormalizer& normalizer,
                 PCMSink& sink);
 
-  /// The next decoded buffer. One that holds no PCM is passed over.
+  /// The next decoded buffer. One that holds no PCM is skipped.
   void process(const CMSampleBuffer& decoded);
 
   /// True once nothing more can come out: what else is decoded would be dropped.

@@ -43,7 +43,7 @@ class DownloadRegistry {
     bool isNew = false;  ///< found by id or URL just now: a transfer of an earlier process
   };
   /// Finds the task by the transfer's identifier. A transfer that this process has not begun belongs to the task that
-  /// its note names, else to the first of the same URL; tasks that wait or have a live transfer are passed over. A new
+  /// its note names, else to the first of the same URL; tasks that wait or have a live transfer are skipped. A new
   /// match is remembered.
   Match match(int64_t taskIdentifier, const std::string& url, std::optional<int64_t> notedId);
 

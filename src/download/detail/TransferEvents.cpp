@@ -21,10 +21,7 @@ std::string checkedFilename(const DownloadRequest& request) {
 }
 
 Path withId(const Path& file, int64_t id) {
-  Path name = file.stem();
-  name += "-" + std::to_string(id);
-  name += file.extension();
-  return file.parent_path() / name;
+  return file.parent_path() / withSuffix(file.filename().native(), NameKind::file, "-" + std::to_string(id));
 }
 
 /// What was asked for, with the name that the server gives if the request has none of its own. The flags are those of
@@ -114,9 +111,10 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
     const auto hold = holdDestination(task->id, request);
     log("Download finished for url {} moving to {}", location.string(), hold.path().string());
     if (!files.fileExists(location)) {
-      // The page is told of this one with the transfer's last event.
       log("Source file does not exist {}", location.string());
       failHandOver(task, std::make_exception_ptr(Error("FileNotFound", 404, "Downloaded file not found")));
+      // With a transfer the page hears of it by the transfer's last event.
+      if (!task->snapshot().downloadTask) engine_.news.tellFailed(task);
       return std::nullopt;
     }
     moveIntoPlace(location, hold.path());

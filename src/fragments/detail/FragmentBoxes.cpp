@@ -38,6 +38,19 @@ constexpr uint32_t entryFields[] = {hasDuration, hasSize, hasFlags, hasCompositi
 constexpr std::array<uint8_t, 16> encryptionUUID = {0xA2, 0x39, 0x4F, 0x52, 0x5A, 0x9B, 0x4F, 0x14,
                                                     0xA2, 0x44, 0x6C, 0x42, 0x7C, 0x64, 0x8D, 0xF4};
 
+/// Those of boxes that say when and where in a live stream a fragment belongs.
+constexpr std::array<std::array<uint8_t, 16>, 2> streamUUIDs = {
+    {{0x6D, 0x1D, 0x9B, 0x05, 0x42, 0xD5, 0x44, 0xE6, 0x80, 0xE2, 0x14, 0x1D, 0xAF, 0xF7, 0x57, 0xB2},
+     {0xD4, 0x80, 0x7E, 0xF2, 0xCA, 0x39, 0x46, 0x95, 0x8E, 0x54, 0x26, 0xCB, 0x9E, 0x46, 0xA7, 0x9F}}};
+
+bool isAboutFragments(std::string_view type, ByteView contents) {
+  constexpr std::array<std::string_view, 5> known{"tfhd", "tfdt", "trun", "free", "skip"};
+  if (std::ranges::find(known, type) != known.end()) return true;
+  return type == "uuid" && std::ranges::any_of(streamUUIDs, [&](const auto& uuid) {
+           return contents.size() >= uuid.size() && std::ranges::equal(contents.first(uuid.size()), uuid);
+         });
+}
+
 uint32_t flagsOf(uint32_t versionAndFlags) {
   return versionAndFlags & 0xFF'FFFF;
 }
@@ -97,7 +110,10 @@ TrackFragment parseTrackFragment(ByteView contents, const DefaultsOfTrack& defau
   forEachChild(contents, [&](const BoxHeader& box, ByteView child) {
     if (box.type == "tfdt") fragment.decodeTime = readDecodeTime(child);
     if (box.type == "trun") fragment.runs.emplace_back(child, *defaults);
-    if (box.type != "sgpd" && box.type != "sbgp") return;
+    if (box.type != "sgpd" && box.type != "sbgp") {
+      if (!isAboutFragments(box.type, child)) fragment.others.push_back(box.type);
+      return;
+    }
     if (box.headerSize != layout::boxHeaderSize)
       throw MovieError::damaged(fmt::format("a {} has a 64-bit size", box.type));
     auto& boxes = box.type == "sgpd" ? fragment.groupDescriptions : fragment.sampleGroups;

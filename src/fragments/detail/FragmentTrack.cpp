@@ -1,6 +1,7 @@
 #include "fragments/detail/FragmentTrack.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <limits>
@@ -174,6 +175,13 @@ void FragmentTrack::appendGroups(uint64_t first, const TrackFragment& fragment) 
   }
 }
 
+void FragmentTrack::leaveOut(const std::vector<std::string>& types) {
+  constexpr size_t mostTold = 8;
+  for (const std::string& type : types) {
+    if (leftOut_.size() < mostTold) leftOut_.insert("'" + type + "'");
+  }
+}
+
 std::vector<std::string> FragmentTrack::notes() const {
   std::vector<std::string> notes;
   if (gaps_ > 0) {
@@ -187,6 +195,10 @@ std::vector<std::string> FragmentTrack::notes() const {
   }
   if (!unknownGroups_.empty()) {
     notes.push_back(fmt::format("Sample groups of track {} of the kind {} are left out", trackID_, unknownGroups_));
+  }
+  if (!leftOut_.empty()) {
+    notes.push_back(fmt::format("What the fragments of track {} say of its samples in boxes of the kind {} is left out",
+                                trackID_, fmt::join(leftOut_, ", ")));
   }
   return notes;
 }

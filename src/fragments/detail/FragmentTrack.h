@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ class FragmentTrack {
   void append(const TrackSample& sample);
   /// Puts the samples from `first` on into the groups of a fragment.
   void appendGroups(uint64_t first, const TrackFragment& fragment);
+  /// Notes that boxes of these types say something of samples that the plain movie will not.
+  void leaveOut(const std::vector<std::string>& types);
   /// Forgets all but the first so many samples.
   void truncate(uint64_t samples);
   /// There is no further sample. Throws FragmentsError if a run went back that does not reach as far as what it
@@ -83,7 +86,8 @@ class FragmentTrack {
   uint64_t gaps_ = 0;
   uint64_t gapTicks_ = 0;
   uint64_t replaced_ = 0;
-  std::string unknownGroups_;  ///< types, with commas
+  std::string unknownGroups_;      ///< types, with commas
+  std::set<std::string> leftOut_;  ///< types of boxes
 };
 
 }  // namespace tarn

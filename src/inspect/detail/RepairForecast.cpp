@@ -29,6 +29,9 @@
 namespace tarn {
 namespace {
 
+/// Why a part of a repair does nothing that an earlier part ends.
+constexpr const char* failsBefore = "the repair fails before it comes to this";
+
 /// The repair of one file on trial, step by step.
 class TrialRun {
  public:
@@ -106,10 +109,9 @@ class TrialRun {
   }
 
   void refuse() {
-    const std::string words = "the repair has ended ahead of it";
-    inspection_.remux.reason = words;
-    inspection_.audio.reason = words;
-    inspection_.syncFix = {SyncForecast::Kind::notReached, words};
+    inspection_.remux.reason = failsBefore;
+    inspection_.audio.reason = failsBefore;
+    inspection_.syncFix = {SyncForecast::Kind::notReached, failsBefore};
     readSyncFacts();
   }
 
@@ -193,7 +195,7 @@ class TrialRun {
   void decideOnAudio() {
     AudioForecast& forecast = inspection_.audio;
     if (!isRepaired()) {
-      forecast.reason = "the repair has ended ahead of it";
+      forecast.reason = failsBefore;
       return;
     }
     forecast = forecastAudioStep(trial_, path_, run_.state.needsAudioTranscode);
@@ -209,7 +211,7 @@ class TrialRun {
     using Kind = SyncForecast::Kind;
     SyncForecast& forecast = inspection_.syncFix;
     if (!isRepaired()) {
-      forecast = {Kind::notReached, "the repair has ended ahead of it"};
+      forecast = {Kind::notReached, failsBefore};
       return;
     }
     if (run_.state.skipAVSync) {

@@ -32,9 +32,9 @@ class SampleTableSource : public CompressedSampleSource {
   SampleTableSource& operator=(const SampleTableSource&) = delete;
 
   std::optional<CMSampleBuffer> next() override;
-  /// A sample's size is held against the bytes that are there after its place before memory is taken for it. Throws an
+  /// A sample's size is compared with the bytes that are there after its place before memory is taken for it. Throws an
   /// Error of the domain "SampleTable" for one that does not exist or is not whole in the file as it was opened,
-  /// and PosixError where it cannot be read.
+  /// and PosixError if it cannot be read.
   Bytes data(int64_t sampleIndex) override;
 
  private:

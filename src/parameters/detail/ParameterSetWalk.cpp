@@ -25,7 +25,7 @@ ByteView SampleFront::load(uint64_t offset, size_t count) {
     longPiece_ = file_.read(count);
     return longPiece_;
   } catch (const PosixError&) {
-    // A sample that cannot be read is passed over like one that is damaged.
+    // A sample that cannot be read is skipped like one that is damaged.
     return {};
   }
 }

@@ -226,13 +226,15 @@ std::vector<PlacedAsset> PhotoCatalogue::assetsInAlbum(const std::string& album,
   return placedAssets(rows);
 }
 
-std::vector<PlacedAsset> PhotoCatalogue::allAssets() {
-  SQLiteStatement rows(database_,
-                       fmt::format("SELECT {}, albums.folder, entries.name FROM assets "
-                                   "LEFT JOIN entries ON entries.position = "
-                                   "(SELECT min(position) FROM entries WHERE asset = assets.identifier) "
-                                   "LEFT JOIN albums ON albums.identifier = entries.album {} ORDER BY assets.position",
-                                   assetColumns, version_ > firstVersion ? "WHERE deletion_date IS NULL" : ""));
+std::vector<PlacedAsset> PhotoCatalogue::allAssets(const std::optional<std::string>& identifier) {
+  SQLiteStatement rows(database_, fmt::format("SELECT {}, albums.folder, entries.name FROM assets "
+                                              "LEFT JOIN entries ON entries.position = "
+                                              "(SELECT min(position) FROM entries WHERE asset = assets.identifier) "
+                                              "LEFT JOIN albums ON albums.identifier = entries.album WHERE {} {} "
+                                              "ORDER BY assets.position",
+                                              assetColumns, version_ > firstVersion ? "deletion_date IS NULL" : "TRUE",
+                                              identifier ? "AND assets.identifier = ?" : ""));
+  if (identifier) rows.bind(*identifier);
   return placedAssets(rows);
 }
 

@@ -96,7 +96,8 @@ class PhotoCatalogue {
   std::set<std::string> entryNames(const std::string& album);
 
   std::vector<PlacedAsset> assetsInAlbum(const std::string& album, const std::optional<std::string>& asset);
-  std::vector<PlacedAsset> allAssets();
+  /// The assets that are not deleted, oldest first; with an identifier that one alone.
+  std::vector<PlacedAsset> allAssets(const std::optional<std::string>& identifier = std::nullopt);
   /// The deleted assets, the one deleted last first.
   std::vector<PlacedAsset> deletedAssets();
   std::set<std::string> assetsDeletedBefore(Date date);

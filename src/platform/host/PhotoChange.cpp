@@ -83,9 +83,8 @@ bool PhotoChange::addAssets(const std::string& collectionIdentifier, const std::
     if (catalogue_.isDeleted(place.asset)) {
       throw PHPhotosError(PHPhotosError::invalidChange, "Asset " + place.asset + " is deleted");
     }
-    if (std::ranges::count(additions_, place) > 0) continue;
-    if (std::ranges::count(catalogue_.entries(place.asset), place.album, &EntryRecord::album) > 0) continue;
-    additions_.push_back(place);
+    const bool isIn = entryAt(place) && std::ranges::count(removals_, place) == 0;
+    if (!isIn && std::ranges::count(additions_, place) == 0) additions_.push_back(place);
   }
   return true;
 }
@@ -95,7 +94,9 @@ bool PhotoChange::removeAssets(const std::string& collectionIdentifier,
   const auto album = findAlbum(collectionIdentifier);
   if (!album) return false;
   for (const PHObjectPlaceholder& placeholder : assets) {
-    removals_.push_back({album->identifier, placeholder.localIdentifier});
+    const Place place{album->identifier, placeholder.localIdentifier};
+    std::erase(additions_, place);
+    if (std::ranges::count(removals_, place) == 0) removals_.push_back(place);
   }
   return true;
 }
@@ -170,12 +171,17 @@ AssetRecord PhotoChange::assetOf(const PHObjectPlaceholder& placeholder) {
   return *asset;
 }
 
+std::optional<EntryRecord> PhotoChange::entryAt(const Place& place) {
+  const auto entries = catalogue_.entries(place.asset);
+  const auto entry = std::ranges::find(entries, place.album, &EntryRecord::album);
+  return entry == entries.end() ? std::nullopt : std::optional(*entry);
+}
+
 // Names are asked for now, since the block may have set one after it added the asset.
 void PhotoChange::makeEntries() {
-  for (const auto& [album, asset] : removals_) {
-    for (const EntryRecord& entry : catalogue_.entries(asset)) {
-      if (entry.album == album) addGone(entry);
-    }
+  for (const Place& place : removals_) {
+    const bool isAddedAgain = std::ranges::count(additions_, place) > 0;
+    if (const auto entry = isAddedAgain ? std::nullopt : entryAt(place)) addGone(*entry);
   }
   for (const auto* leaving : {&change_.deletedAssets, &change_.expungedAssets}) {
     for (const std::string& asset : *leaving) {
@@ -188,7 +194,28 @@ void PhotoChange::makeEntries() {
   for (const std::string& asset : change_.recoveredAssets) {
     for (const EntryRecord& entry : catalogue_.deletedEntries(asset)) addNew(entry.name, entry);
   }
-  for (const auto& [album, asset] : additions_) addNew(findAsset(asset).value().filename, {album, asset, {}});
+  for (const Place& place : additions_) {
+    const std::string name = findAsset(place.asset).value().filename;
+    const auto entry = entryAt(place);
+    entry ? addAgain(name, *entry) : addNew(name, {place.album, place.asset, {}});
+  }
+}
+
+/// Puts an entry that is in its album behind the others there. Its file stays, unless the asset has another name now.
+void PhotoChange::addAgain(const std::string& wanted, EntryRecord entry) {
+  const bool keepsName = keepsItsName(entry, wanted);
+  if (keepsName) change_.goneEntries.push_back(entry);
+  if (!keepsName) addGone(entry);
+  entry.position = 0;
+  if (!keepsName) return addNew(wanted, std::move(entry));
+  change_.newEntries.push_back(std::move(entry));
+}
+
+/// Whether an entry would get the name that it has.
+bool PhotoChange::keepsItsName(const EntryRecord& entry, const std::string& wanted) {
+  std::set<std::string> taken = namesTaken(entry.album);
+  taken.erase(entry.name);
+  return uniqueName(wanted, NameKind::file, taken) == entry.name;
 }
 
 /// Gives an asset its new name in all albums in which it stays.
@@ -197,13 +224,12 @@ void PhotoChange::renameEntries(const AssetRecord& asset) {
   const auto before = catalogue_.asset(asset.identifier);
   if (before && before->filename == asset.filename) return;
   for (const EntryRecord& entry : catalogue_.entries(asset.identifier)) {
+    const Place place{entry.album, entry.asset};
     const bool isGone = std::ranges::any_of(change_.goneEntries, [&](const EntryRecord& gone) {
-      return gone.album == entry.album && gone.asset == entry.asset;
+      return gone.album == place.album && gone.asset == place.asset;
     });
-    if (isGone) continue;
-    std::set<std::string> taken = namesTaken(entry.album);
-    taken.erase(entry.name);
-    if (uniqueName(asset.filename, NameKind::file, taken) == entry.name) continue;
+    const bool isAddedAgain = std::ranges::count(additions_, place) > 0;
+    if (isGone || isAddedAgain || keepsItsName(entry, asset.filename)) continue;
     addGone(entry);
     addNew(asset.filename, entry);
   }
@@ -220,6 +246,7 @@ void PhotoChange::addNew(const std::string& wanted, EntryRecord entry) {
   std::set<std::string>& taken = namesTaken(entry.album);
   entry.name = uniqueName(wanted, NameKind::file, taken);
   taken.insert(entry.name);
+  entriesToPlace_.push_back(entry);
   change_.newEntries.push_back(std::move(entry));
 }
 
@@ -234,10 +261,10 @@ std::set<std::string>& PhotoChange::namesTaken(const std::string& album) {
 }
 
 void PhotoChange::placeEntries() {
-  if (change_.newEntries.empty()) return;
+  if (entriesToPlace_.empty()) return;
   std::vector<PhotoFiles::StagedFile> staged;
   std::vector<IntendedLink> links;
-  for (const EntryRecord& entry : change_.newEntries) {
+  for (const EntryRecord& entry : entriesToPlace_) {
     staged.push_back(files_.stage(entry.asset, findAlbum(entry.album).value().folder, entry.name));
     links.push_back(staged.back().link);
   }

@@ -49,9 +49,12 @@ class PhotoChange : public PHChangeBlock {
   std::optional<AlbumRecord> findAlbum(const std::string& identifier);
   std::optional<AssetRecord> findAsset(const std::string& identifier);
   AssetRecord assetOf(const PHObjectPlaceholder& placeholder);
+  std::optional<EntryRecord> entryAt(const Place& place);
   void takeNewAssets();
   void addGone(const EntryRecord& entry);
   void addNew(const std::string& wanted, EntryRecord entry);
+  void addAgain(const std::string& wanted, EntryRecord entry);
+  bool keepsItsName(const EntryRecord& entry, const std::string& wanted);
   std::set<std::string>& namesTaken(const std::string& album);
   void renameEntries(const AssetRecord& asset);
   void makeEntries();
@@ -65,6 +68,7 @@ class PhotoChange : public PHChangeBlock {
   std::vector<Place> additions_;
   std::vector<Place> removals_;
   CatalogueChange change_;
+  std::vector<EntryRecord> entriesToPlace_;                  ///< the new ones that have no file yet
   std::map<std::string, std::set<std::string>> namesTaken_;  // by album
 };
 

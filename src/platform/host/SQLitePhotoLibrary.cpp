@@ -105,6 +105,13 @@ std::vector<PHAsset> SQLitePhotoLibrary::fetchAssets(const PHAssetCollection& co
   return assetsOf(catalogue_->assetsInAlbum(collection.localIdentifier, localIdentifier), *files_);
 }
 
+std::optional<PHAsset> SQLitePhotoLibrary::fetchAsset(const std::string& localIdentifier) {
+  std::lock_guard guard(mutex_);
+  if (!catalogue_) return std::nullopt;
+  auto assets = assetsOf(catalogue_->allAssets(localIdentifier), *files_);
+  return assets.empty() ? std::nullopt : std::optional(std::move(assets.front()));
+}
+
 std::vector<PHAsset> SQLitePhotoLibrary::fetchAllAssets() {
   std::lock_guard guard(mutex_);
   if (!catalogue_) return {};

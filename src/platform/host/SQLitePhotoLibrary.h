@@ -54,6 +54,7 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
   std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) override;
   std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                    const std::optional<std::string>& localIdentifier) override;
+  std::optional<PHAsset> fetchAsset(const std::string& localIdentifier) override;
   std::vector<PHAsset> fetchAllAssets() override;
   std::vector<PHAsset> fetchDeletedAssets() override;
 

@@ -234,10 +234,12 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
 }
 
 TransferAttempt::Outcome TransferAttempt::curlFailure(int code) const {
-  long systemError = 0;
+  long systemError = 0, verification = 0;
   curl_easy_getinfo(request_.easy(), CURLINFO_OS_ERRNO, &systemError);
+  curl_easy_getinfo(request_.easy(), CURLINFO_SSL_VERIFYRESULT, &verification);
   const char* text = curlText_.front() != '\0' ? curlText_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
-  const TransferFailure failure{.code = code, .systemError = static_cast<int>(systemError), .text = text};
+  const TransferFailure failure{
+      .code = code, .systemError = static_cast<int>(systemError), .verification = verification, .text = text};
   return {failure.isTransient() ? End::transient : End::final, failure.error(), failure.why()};
 }
 

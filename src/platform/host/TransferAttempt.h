@@ -53,7 +53,7 @@ class TransferAttempt {
   /// (7.88).
   std::optional<Clock::time_point> heldUntil() const { return heldUntil_; }
   /// Lets it go on. Returns libcurl's code (CURLcode): not 0 if the exchange ends here, since libcurl itself then would
-  /// only pass over the piece that waited.
+  /// only skip the piece that waited.
   int goOn();
 
   /// Bytes were thrown away, because they could not be continued.

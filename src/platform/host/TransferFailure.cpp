@@ -1,6 +1,7 @@
 #include "platform/host/TransferFailure.h"
 
 #include <curl/curl.h>
+#include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <array>
@@ -26,6 +27,26 @@ constexpr std::array<std::pair<int, std::string_view>, 11> transientFailures{{
     {CURLE_HTTP2_STREAM, "the connection broke off"},
 }};
 
+/// What is wrong with the server's certificate.
+std::string certificateWords(long verification) {
+  switch (verification) {
+    case X509_V_OK:
+      return "the server's certificate is for another name";
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+      return "the server's certificate has expired";
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return "the server's certificate is not valid yet";
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+      return "nobody whom this machine trusts has signed the server's certificate";
+    default:
+      return "the server's certificate cannot be trusted";
+  }
+}
+
 auto find(int code) {
   return std::ranges::find(transientFailures, code, [](const auto& failure) { return failure.first; });
 }
@@ -34,6 +55,11 @@ auto find(int code) {
 
 bool TransferFailure::isTransient() const {
   return find(code) != transientFailures.end();
+}
+
+URLError TransferFailure::error() const {
+  if (code != CURLE_PEER_FAILED_VERIFICATION) return {code, text};
+  return {code, certificateWords(verification) + " (" + text + ")"};
 }
 
 std::string TransferFailure::why() const {

@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <initializer_list>
 #include <new>
 
 #include "platform/TransferRules.h"
@@ -22,6 +24,19 @@ std::string lineOf(const std::string& header) {
   const size_t colon = header.find(':');
   const bool isEmpty = header.find_first_not_of(" \t", colon + 1) == std::string::npos;
   return isEmpty ? header.substr(0, colon) + ";" : header;
+}
+
+/// Authorities in the place of the system's, as other programs let a user name them.
+void setAuthorities(CURL* easy) {
+  const auto set = [easy](CURLoption option, std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+      const char* const path = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets the environment
+      if (path && *path) return curl_easy_setopt(easy, option, path);
+    }
+    return CURLE_OK;
+  };
+  set(CURLOPT_CAINFO, {"CURL_CA_BUNDLE", "SSL_CERT_FILE"});
+  set(CURLOPT_CAPATH, {"SSL_CERT_DIR"});
 }
 
 }  // namespace
@@ -44,6 +59,7 @@ TransferRequest::TransferRequest(const TransferRecord& record, const std::string
   curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, record.isTakenAsItIs ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
+  setAuthorities(easy);
   setBuffer();
 }
 

@@ -17,7 +17,7 @@ auto* find(Range& range, Predicate predicate) {
 
 }  // namespace
 
-/// A change at work on a copy of the content, which takes the place of the content when all has gone well.
+/// A change at work on a copy of the content, which replaces the content when all has gone well.
 class InMemoryPhotoLibrary::Change : public PHChangeBlock {
  public:
   Change(FileManager& files, const Failures& failures, Content content)
@@ -208,6 +208,12 @@ std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollectionsContai
     if (album.holds(assetIdentifier)) collections.push_back(album.collection);
   }
   return collections;
+}
+
+std::optional<PHAsset> InMemoryPhotoLibrary::fetchAsset(const std::string& localIdentifier) {
+  auto assets = fetchAllAssets();
+  const auto found = std::ranges::find(assets, localIdentifier, &PHAsset::localIdentifier);
+  return found == assets.end() ? std::nullopt : std::optional(std::move(*found));
 }
 
 std::vector<PHAsset> InMemoryPhotoLibrary::fetchAllAssets() {

@@ -24,6 +24,7 @@ ByteView ByteWindow::at(uint64_t offset, size_t count) {
     file_.seek(offset);
     buffer_ = file_.read(static_cast<size_t>(std::min<uint64_t>(std::max(count, pieceSize), end_ - offset)));
     start_ = offset;
+    work_ += buffer_.size();
   }
   const ByteView rest = ByteView(buffer_).subspan(static_cast<size_t>(offset - start_));
   return rest.first(std::min(count, rest.size()));
@@ -51,6 +52,7 @@ void ByteWindow::scanTo(uint64_t end) {
     size_t i = 0;
     while (i < starts && !(bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] < 3)) ++i;
     freeTo_ += i;
+    work_ += i;
     isHit_ = i < starts;
   }
 }

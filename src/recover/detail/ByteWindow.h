@@ -16,6 +16,9 @@ class ByteWindow {
 
   uint64_t end() const { return end_; }
 
+  /// How many bytes were read and searched so far, those that came more than once too.
+  uint64_t work() const { return work_; }
+
   /// Up to so many bytes, fewer at the end; valid until the next call.
   ByteView at(uint64_t offset, size_t count);
 
@@ -30,6 +33,7 @@ class ByteWindow {
   uint64_t end_;
   Bytes buffer_;
   uint64_t start_;  ///< of the buffer
+  uint64_t work_ = 0;
 
   // There is no start code from `freeFrom_` to `freeTo_`, and one at `freeTo_` if `isHit_`.
   uint64_t freeFrom_;

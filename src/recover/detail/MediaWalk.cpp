@@ -3,13 +3,23 @@
 #include <algorithm>
 #include <limits>
 
+#include "recover/LostMoov.h"
+
 namespace tarn {
 namespace {
 
 constexpr uint64_t pollDistance = 1 << 20;
+constexpr uint64_t pollCost = 64 << 20;
 constexpr uint64_t largestSample = std::numeric_limits<uint32_t>::max();
 /// 19 hours of 60 pictures a second: each takes memory.
 constexpr size_t mostPictures = 1 << 22;
+constexpr size_t mostSounds = 1 << 24;
+
+// What a walk may cost, as bytes that are read: much more than it costs with any recorder.
+constexpr uint64_t mostForAByte = 64;
+constexpr uint64_t mostInAnyCase = 256 << 20;
+constexpr uint64_t costOfNoUnit = 256;  // where one was looked for
+constexpr uint64_t costOfNoPacket = 8 << 10;
 
 }  // namespace
 
@@ -17,23 +27,41 @@ MediaWalk::MediaWalk(FileHandle& file, const Recorder& recorder, uint64_t begin,
     : recorder_(recorder),
       bytes_(file, begin, end),
       reader_(PictureReader::make(*recorder.pictures.codec, recorder.pictures.sets)),
+      begin_(begin),
       at_(begin) {
   if (recorder.sound && !recorder.sound->isPCM) packets_.emplace(recorder.sound->rate);
 }
 
 FoundMedia MediaWalk::run(const std::function<void(uint64_t)>& poll) {
-  uint64_t told = at_;
+  uint64_t told = at_, toldCost = 0;
   bool goesOn = true;
   while (goesOn && at_ < bytes_.end()) {
     const auto unit = unitAt(at_);
     goesOn = unit ? takeUnit(*unit) : takeSound() || takeOther();
-    if (at_ - told >= pollDistance) poll(told = at_);
+    if (at_ - told >= pollDistance || cost() - toldCost >= pollCost) {
+      poll(told = at_);
+      toldCost = cost();
+    }
   }
   finish();
   return std::move(found_);
 }
 
+/// A healthy movie may be made so that each byte is looked at again and again.
+void MediaWalk::look(uint64_t more) {
+  looked_ += more;
+  const uint64_t size = bytes_.end() - std::min(begin_, bytes_.end());
+  if (cost() <= mostInAnyCase + mostForAByte * size) return;
+  throw LostMoovError("The media cannot be told apart with this healthy movie: take one of the same recorder");
+}
+
 std::optional<MediaWalk::Unit> MediaWalk::unitAt(uint64_t offset) {
+  auto unit = readUnit(offset);
+  look(unit ? 0 : costOfNoUnit);
+  return unit;
+}
+
+std::optional<MediaWalk::Unit> MediaWalk::readUnit(uint64_t offset) {
   const size_t prefix = recorder_.pictures.prefixSize;
   const ByteView front = bytes_.at(offset, prefix + PictureReader::frontSize);
   if (front.size() <= prefix) return std::nullopt;
@@ -100,6 +128,7 @@ bool MediaWalk::takeSound() {
   const auto size = recorder_.sound->isPCM ? pieceSize() : packetSize();
   if (!size) return false;
   if (open_) close(at_);
+  if (found_.sound.size() == mostSounds) return false;
   found_.sound.push_back({.offset = at_, .size = *size});
   at_ += *size;
   return true;
@@ -132,8 +161,9 @@ bool MediaWalk::takeOther() {
 
 std::optional<uint32_t> MediaWalk::packetSize() {
   const auto block = packets_->read(bytes_.at(at_, AACBlockReader::longestBlock));
-  if (!block || block->elements != recorder_.sound->elements) return std::nullopt;
-  return static_cast<uint32_t>(block->size);
+  const bool isOne = block && block->elements == recorder_.sound->elements;
+  look(isOne ? 0 : costOfNoPacket);
+  return isOne ? std::optional(static_cast<uint32_t>(block->size)) : std::nullopt;
 }
 
 /// A piece of PCM is as long as one of the healthy movie's, with a picture or the end behind it. At the end a recorder

@@ -19,7 +19,8 @@ class MediaWalk {
   /// Of the bytes from `begin` to `end`. Throws Error if the recorder's parameter sets cannot be read.
   MediaWalk(FileHandle& file, const Recorder& recorder, uint64_t begin, uint64_t end);
 
-  /// `poll` hears where the walk is, at least every MiB, and may throw.
+  /// `poll` hears where the walk is, at least every MiB, and may throw. Throws LostMoovError if the recorder has the
+  /// walk look at the same bytes again and again.
   FoundMedia run(const std::function<void(uint64_t)>& poll);
 
  private:
@@ -34,11 +35,14 @@ class MediaWalk {
   };
 
   std::optional<Unit> unitAt(uint64_t offset);
+  std::optional<Unit> readUnit(uint64_t offset);
   bool isKnownSet(uint64_t offset, uint64_t size);
   bool takeUnit(const Unit& unit);
   bool takeSlice(const Unit& unit);
   bool takeSound();
   bool takeOther();
+  uint64_t cost() const { return bytes_.work() + looked_; }
+  void look(uint64_t more);
   bool mayHoldMoreSound() const;
   std::optional<uint32_t> packetSize();
   std::optional<uint32_t> pieceSize();
@@ -50,7 +54,9 @@ class MediaWalk {
   ByteWindow bytes_;
   std::unique_ptr<PictureReader> reader_;
   std::optional<AACBlockReader> packets_;
+  const uint64_t begin_;
   uint64_t at_;
+  uint64_t looked_ = 0;  ///< what it cost to look in vain, as bytes
   std::optional<OpenPicture> open_;
   FoundMedia found_;
 };

@@ -51,7 +51,9 @@ std::string helloText(const std::string& epoch, uint64_t lastNumber, Replay repl
 
 std::string answerText(const std::string& id, const CAPPluginCall::Answer& answer) {
   if (answer.resolved) return JSObject{{"id", id}, {"resolve", answer.data}}.json();
-  return JSObject{{"id", id}, {"reject", rejection(answer.message)}}.json();
+  JSObject rejected = rejection(answer.message);
+  if (!answer.data.empty()) rejected.set("data", answer.data);
+  return JSObject{{"id", id}, {"reject", std::move(rejected)}}.json();
 }
 
 std::string refusalText(const BadMessage& message) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "platform/UTF8.h"
-#include "serve/detail/HostRoutes.h"
 
 namespace tarn {
 namespace {
@@ -24,7 +23,7 @@ std::optional<Refusal> RequestBody::refuse(const RequestHead& head) const {
   if (!length || isChunked) return Refusal{411, "The request must say how long its body is."};
   if (arrived > *length) return Refusal{413, "There is more than the request's body."};
   if (head.method == "PUT") return std::nullopt;
-  if (*length > HostRoutes::largestBody) return Refusal{413, "The body is too large."};
+  if (*length > largest) return Refusal{413, "The body is too large."};
   if (!isJSON(head)) return Refusal{415, "The body must be application/json."};
   return std::nullopt;
 }

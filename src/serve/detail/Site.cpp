@@ -113,10 +113,8 @@ SiteAnswer Site::albums() const {
 }
 
 SiteAnswer Site::video(const RequestHead& head, const std::string& id, bool isDownload) const {
-  const auto assets = photos_.fetchAllAssets();
-  const auto asset = std::ranges::find(assets, id, &PHAsset::localIdentifier);
-  if (asset == assets.end() || !files_.fileExists(asset->path))
-    return SiteAnswer::words(404, "There is no such video.");
+  const auto asset = photos_.fetchAsset(id);
+  if (!asset || !files_.fileExists(asset->path)) return SiteAnswer::words(404, "There is no such video.");
   auto file = files_.open(asset->path, OpenMode::reading);
   const uint64_t size = file->seekToEnd();
   // Nothing that a condition could name is sent, so a conditional range never holds (RFC 9110 13.1.5).

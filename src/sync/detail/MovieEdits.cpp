@@ -91,6 +91,7 @@ void updateDuration(MovieBox& moov, MP4TrackType type, std::string_view name, in
 
 Bytes edtsOf(const std::vector<EditListEntry>& entries) {
   std::vector<AVSyncElstEntry> stored;
+  stored.reserve(entries.size());
   for (const EditListEntry& entry : entries) stored.push_back({entry.duration, entry.mediaTime, entry.mediaRate});
   std::array<uint8_t, 128> buffer{};
   const int32_t size = avsync_write_edts_box(stored.data(), static_cast<int32_t>(stored.size()), buffer.data(),

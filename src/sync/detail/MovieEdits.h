@@ -14,7 +14,7 @@ struct MoovEdits;
 /// A whole `edts` with these entries (ISO/IEC 14496-12 8.6.5), of which there are at most 5; empty without entries.
 Bytes edtsOf(const std::vector<EditListEntry>& entries);
 
-// Edits of a `moov` that requireEditable lets through. A header that is missing or too short is passed over; what
+// Edits of a `moov` that requireEditable lets through. A header that is missing or too short is skipped; what
 // cannot be expressed throws MovieError, a track that is not there AVSyncError::fixError.
 
 /// Replaces the track's first `edts`, or puts one after its `tkhd`; an empty one removes it.

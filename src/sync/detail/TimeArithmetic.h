@@ -31,7 +31,7 @@ struct ScaledTime {
 };
 bool isWithinMillisecond(const ScaledTime& a, const ScaledTime& b);
 
-/// Truncates towards zero. A value that is no number is out of range.
+/// Truncates towards zero. A value that is not a number is out of range.
 int64_t truncatedTime(double value);
 
 }  // namespace tarn

@@ -1,4 +1,4 @@
-import { byId, find, fromTemplate, putAt, setText } from './dom.js';
+import { byId, find, fromTemplate, keepFocus, putAt, removeItem, setText } from './dom.js';
 import { VideoCard } from './video-card.js';
 import type { Asset, VideoAction } from './video-card.js';
 import { countText } from './text.js';
@@ -11,6 +11,7 @@ interface Album {
 /** The albums with their videos, newest first, playable in place. */
 export class Albums {
   private readonly container = byId('albums', HTMLElement);
+  private readonly title = byId('albums-title', HTMLElement);
   private readonly cards = new Map<string, VideoCard>(); // kept over refreshes, so that a playing video goes on
   private albums: Album[] = [];
 
@@ -39,8 +40,14 @@ export class Albums {
       .find((asset) => asset.filename === filename && asset.created >= since);
   }
 
-  has(assetId: string): boolean {
-    return this.albums.some(({ assets }) => assets.some(({ id }) => id === assetId));
+  /** The title of the album that holds it. */
+  albumOf(assetId: string): string | undefined {
+    return this.albums.find(({ assets }) => assets.some(({ id }) => id === assetId))?.title;
+  }
+
+  /** Goes to a video, if it is there. */
+  focus(assetId: string): void {
+    if (this.albumOf(assetId) !== undefined) this.cards.get(assetId)?.focus();
   }
 
   play(assetId: string): void {
@@ -54,11 +61,13 @@ export class Albums {
     const sections = new Map(
       [...this.container.children].map((child) => [(child as HTMLElement).dataset.title, child]),
     );
-    const shown = filled.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')));
-    for (const section of sections.values()) {
-      if (!shown.includes(section)) section.remove();
-    }
-    shown.forEach((section, index) => putAt(this.container, index, section));
+    keepFocus(() => {
+      const shown = filled.map((album) => this.showAlbum(album, sections.get(album.title) ?? fromTemplate('album-section')));
+      for (const section of sections.values()) {
+        if (!shown.includes(section)) removeItem(section, this.title);
+      }
+      shown.forEach((section, index) => putAt(this.container, index, section));
+    });
   }
 
   private showAlbum({ title, assets }: Album, section: Element): Element {
@@ -67,8 +76,9 @@ export class Albums {
     setText(find(section, '.album-count', HTMLElement), countText(assets.length, 'video', 'videos'));
     const list = find(section, '.videos', HTMLElement);
     const cards = assets.map((asset) => this.showCard(asset, title));
+    const kept = new Set<Element>(cards);
     for (const old of [...list.children]) {
-      if (!cards.includes(old as HTMLElement)) old.remove();
+      if (!kept.has(old)) removeItem(old, this.title);
     }
     cards.forEach((card, index) => putAt(list, index, card));
     return section;

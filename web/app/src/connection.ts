@@ -20,6 +20,14 @@ const notes: Partial<Record<ConnectionState, string>> = {
   refused: 'The address of this page is no longer valid. Open the page again from where you got it.',
 };
 
+function currentState(): ConnectionState | undefined {
+  return document.documentElement.dataset.tarnConnection as ConnectionState | undefined;
+}
+
+export function isLive(): boolean {
+  return currentState() === 'live';
+}
+
 /** Shows where the connection to the engine stands, if the host tells; else it is taken as live. */
 export function followConnection(onLive: (epochChanged: boolean) => void): void {
   const show = ({ state, epochChanged }: Change) => {
@@ -34,7 +42,7 @@ export function followConnection(onLive: (epochChanged: boolean) => void): void 
     if (state === 'live') onLive(epochChanged);
   };
   window.addEventListener('tarnconnection', (event) => show((event as CustomEvent<Change>).detail));
-  const state = document.documentElement.dataset.tarnConnection as ConnectionState | undefined;
+  const state = currentState();
   if (state) show({ state, epochChanged: false });
   else onLive(false);
 }

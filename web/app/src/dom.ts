@@ -25,6 +25,29 @@ export function putAt(parent: Element, index: number, child: Element): void {
   if (place !== child) parent.insertBefore(child, place);
 }
 
+/** Does what may move elements; one that moves would lose the focus. */
+export function keepFocus(work: () => void): void {
+  const focused = document.activeElement;
+  work();
+  if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
+}
+
+/** Hides a button or shows it. Whoever was at one that goes is led to `rest`. */
+export function hide(button: HTMLElement, isHidden: boolean, rest: HTMLElement | null): void {
+  const hasFocus = button === document.activeElement;
+  button.hidden = isHidden;
+  if (isHidden && hasFocus) rest?.focus({ preventScroll: true });
+}
+
+/** Removes an item of a list. Whoever was in it goes on in its neighbour, not at the top of the page, or else in `rest`. */
+export function removeItem(item: Element, rest: HTMLElement): void {
+  if (item.contains(document.activeElement)) {
+    const neighbour = item.nextElementSibling ?? item.previousElementSibling;
+    (neighbour?.querySelector<HTMLElement>('button:not([hidden])') ?? rest).focus({ preventScroll: true });
+  }
+  item.remove();
+}
+
 export function setText(element: Element, text: string): void {
   if (element.textContent !== text) element.textContent = text;
 }

@@ -9,6 +9,8 @@ import type {
   StageUpdate,
 } from 'tarn-bridge';
 
+import { isLive } from './connection.js';
+import { offers, saveOnHost } from './host.js';
 import { recall, remember } from './memory.js';
 
 /** `vanished`: the engine has forgotten it, and the page did not hear how it ended. */
@@ -90,9 +92,14 @@ export class Downloads {
     });
   }
 
-  async start(options: SaveVideoOptions): Promise<void> {
+  /**
+   * Through the host, if there is one: it takes an address as people write it, and unless the file `isNamed`, the name
+   * that the server gives. The bridge keeps what is started while nobody answers.
+   */
+  async start(options: SaveVideoOptions, isNamed: boolean): Promise<void> {
     await this.readyForNew;
-    const summary = await TarnBridge.saveVideo(options);
+    const isOnHost = offers('saveVideo') && isLive();
+    const summary = await (isOnHost ? saveOnHost(options, !isNamed) : TarnBridge.saveVideo(options));
     remember(summary.id, options);
     this.forgotten.delete(summary.id);
     const download = this.entry(summary);

@@ -40,7 +40,7 @@ export class SaveForm {
     filename: byId('filename', HTMLInputElement),
   };
 
-  constructor(private readonly save: (options: SaveVideoOptions) => Promise<void>) {
+  constructor(private readonly save: (options: SaveVideoOptions, isNamed: boolean) => Promise<void>) {
     const { url, album, filename } = this.fields;
     album.value = lastAlbum() ?? firstAlbum;
     url.addEventListener('input', () => (filename.placeholder = suggestedFilename(url.value)));
@@ -69,13 +69,14 @@ export class SaveForm {
     const { url, filename } = this.fields;
     this.submit.disabled = true;
     try {
-      await this.save({
+      const options = {
         url: url.value.trim(),
         album: this.album(),
         filename: filename.value.trim() || suggestedFilename(url.value),
         skipVideoFix: byId('skip-video', HTMLInputElement).checked,
         skipAudioFix: byId('skip-audio', HTMLInputElement).checked,
-      });
+      };
+      await this.save(options, filename.value.trim() !== '');
       this.showError('form', '');
       url.value = '';
       filename.value = '';

@@ -1,13 +1,14 @@
 import { clearHistory, offers, readHistory } from './host.js';
 import type { HistoryEntry } from './host.js';
 
-/** So many are shown at first, and more at each wish. */
-const page = 25;
+/** So many are shown at first, so that the albums stay near, and so many more at each wish. */
+const first = 10;
+const more = 25;
 
 /** How the downloads of this home ended, as its host remembers it. Empty where no host does. */
 export class History {
   private entries = new Map<number, HistoryEntry>();
-  private limit = page;
+  private limit = first;
 
   constructor(private readonly onChange: () => void) {}
 
@@ -39,7 +40,7 @@ export class History {
   }
 
   async showMore(): Promise<void> {
-    this.limit += page;
+    this.limit += more;
     await this.refresh();
   }
 

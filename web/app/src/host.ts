@@ -1,3 +1,5 @@
+import type { DownloadSummary, SaveVideoOptions } from 'tarn-bridge';
+
 /**
  * What the host of this page offers beside the bridge, by HTTP. An app on a phone has no such host: the page then shows
  * what the bridge tells, and no buttons for the rest.
@@ -49,6 +51,7 @@ export interface HistoryEntry {
   ended?: string;
   reason?: string;
   advice?: string;
+  refused?: boolean;
   mayTryAgain?: boolean;
   maySaveAsItCame?: boolean;
   partly?: boolean;
@@ -121,6 +124,16 @@ export async function readTransfers(): Promise<Map<number, Transfer>> {
 
 export function changeDownload(id: number, action: DownloadAction): Promise<object> {
   return tell(`downloads/${id}`, { action });
+}
+
+/** The bridge's command, for an address as people write it; `filename` may give way to the name that the server gives. */
+export function saveOnHost(options: SaveVideoOptions, takesServersName: boolean): Promise<DownloadSummary> {
+  return tell('downloads', { ...options, takesServersName });
+}
+
+/** Opens the folder of a video on the host's desktop. */
+export function openFolder(id: string): Promise<object> {
+  return tell(`library/${encodeURIComponent(id)}`, { action: 'open' });
 }
 
 export function changeAsset(id: string, change: AssetChange): Promise<object> {

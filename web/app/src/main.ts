@@ -2,13 +2,13 @@ import { Albums } from './albums.js';
 import { cardsOf } from './cards.js';
 import type { Card, CardAction } from './cards.js';
 import { followConnection } from './connection.js';
-import { announce, byId, setText } from './dom.js';
+import { announce, byId, hide, setText } from './dom.js';
 import { Downloads, isActive } from './downloads.js';
 import type { Download } from './downloads.js';
 import { Drop } from './drop.js';
 import { SaveForm } from './form.js';
 import { History } from './history.js';
-import { changeDownload, offers, onHostChange, readTransfers } from './host.js';
+import { changeDownload, offers, onHostChange, openFolder, readTransfers } from './host.js';
 import type { DownloadAction, Transfer } from './host.js';
 import { Limit } from './limit.js';
 import { Rows } from './rows.js';
@@ -16,6 +16,7 @@ import { countText, messageOf } from './text.js';
 import { VideoChanges } from './video-changes.js';
 
 const problem = byId('problem', HTMLElement);
+const downloadsTitle = byId('downloads-title', HTMLElement);
 const cancelAll = byId('cancel-all', HTMLButtonElement);
 const clearEnded = byId('clear-ended', HTMLButtonElement);
 const showOlder = byId('show-older', HTMLButtonElement);
@@ -23,28 +24,32 @@ const confirmation = byId('confirm-cancel-all', HTMLDialogElement);
 
 const limit = new Limit(showProblem);
 const history = new History(show);
-const changes = new VideoChanges(() => albums.refresh().then(show), attempt);
+const changes = new VideoChanges(
+  () => albums.refresh().then(show),
+  (assetId) => albums.focus(assetId),
+  attempt,
+);
 const albums: Albums = new Albums(
   (titles) => form.offerAlbums(titles),
   (action, asset, album) => {
     if (action === 'edit') changes.edit(asset, album);
-    else void attempt(() => changes.remove(asset));
+    else void attempt(() => (action === 'open' ? openFolder(asset.id) : changes.remove(asset)));
   },
 );
 const rows = new Rows(
   (action, id) => void attempt(() => act(action, id)),
-  (assetId) => albums.has(assetId),
+  (assetId) => albums.albumOf(assetId),
 );
 const downloads: Downloads = new Downloads(show, (download) => void settle(download));
-const form = new SaveForm(async (options) => {
-  await downloads.start(options);
+const form = new SaveForm(async (options, isNamed) => {
+  await downloads.start(options, isNamed);
   announce(`${options.filename}: started`);
 });
 let transfers = new Map<number, Transfer>();
 let cards: Card[] = [];
 
 /** Does something that the engine may refuse, and then shows why; it stays to be read until the next attempt. */
-async function attempt(action: () => Promise<void>): Promise<void> {
+async function attempt(action: () => Promise<unknown>): Promise<void> {
   problem.hidden = true;
   await action().catch(showProblem);
 }
@@ -59,9 +64,9 @@ function show(): void {
   const active = cards.filter(isActive);
   rows.show(cards);
   byId('downloads-empty', HTMLElement).hidden = cards.length > 0;
-  cancelAll.hidden = active.length === 0;
-  clearEnded.hidden = active.length === cards.length;
-  showOlder.hidden = !history.mayHaveMore();
+  hide(cancelAll, active.length === 0, downloadsTitle);
+  hide(clearEnded, active.length === cards.length, downloadsTitle);
+  hide(showOlder, !history.mayHaveMore(), downloadsTitle);
   setText(byId('downloads-count', HTMLElement), active.length > 0 ? String(active.length) : '');
   document.title = active.length > 0 ? `(${active.length}) Tarn` : 'Tarn';
 }
@@ -101,7 +106,7 @@ async function tell({ id, name }: Card, action: DownloadAction): Promise<void> {
 /** Where no host remembers it, with what this page remembers. */
 async function startAgain({ id, download }: Card): Promise<void> {
   if (!download?.options) return;
-  await downloads.start(download.options);
+  await downloads.start(download.options, true);
   await downloads.dismiss(id);
 }
 

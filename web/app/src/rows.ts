@@ -2,7 +2,7 @@ import { actionsFor } from './cards.js';
 import type { Card, CardAction } from './cards.js';
 import { isActive } from './downloads.js';
 import type { Download, Phase } from './downloads.js';
-import { byId, find, fromTemplate, putAt, setText } from './dom.js';
+import { byId, find, fromTemplate, hide, keepFocus, putAt, removeItem, setText } from './dom.js';
 import { logPath } from './host.js';
 import type { HistoryEntry, Transfer } from './host.js';
 import { RepairReport } from './repair-report.js';
@@ -39,7 +39,7 @@ export class Rows {
 
   constructor(
     onAction: (action: CardAction, id: number) => void,
-    private readonly isPlayable: (assetId: string) => boolean,
+    private readonly albumOf: (assetId: string) => string | undefined,
   ) {
     this.list.addEventListener('click', ({ target }) => {
       const button = target instanceof Element ? target.closest('button[data-action]') : null;
@@ -51,17 +51,17 @@ export class Rows {
   show(cards: Card[]): void {
     const shown = new Set(cards.map(({ id }) => id));
     for (const [id, { element }] of this.rows) {
-      if (!shown.has(id)) this.remove(id, element);
+      if (shown.has(id)) continue;
+      removeItem(element, byId('downloads-title', HTMLElement));
+      this.rows.delete(id);
     }
-    const focused = document.activeElement;
-    cards.forEach((card, index) => {
-      const row = this.rows.get(card.id) ?? this.add(card.id);
-      const isPlayable = card.assetId !== undefined && this.isPlayable(card.assetId);
-      update(row, card, actionsFor(card, isPlayable));
-      putAt(this.list, index, row.element);
+    keepFocus(() => {
+      cards.forEach((card, index) => {
+        const row = this.rows.get(card.id) ?? this.add(card.id);
+        update(row, card, card.assetId === undefined ? undefined : this.albumOf(card.assetId));
+        putAt(this.list, index, row.element);
+      });
     });
-    // A row that moves loses the focus.
-    if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
   }
 
   private add(id: number): Row {
@@ -71,25 +71,17 @@ export class Rows {
     this.rows.set(id, row);
     return row;
   }
-
-  private remove(id: number, row: HTMLElement): void {
-    // Whoever was in this row goes on in its neighbour, not at the top of the page.
-    if (row.contains(document.activeElement)) {
-      const neighbour = row.nextElementSibling ?? row.previousElementSibling;
-      (neighbour?.querySelector<HTMLElement>('button:not([hidden])') ?? byId('downloads-title', HTMLElement)).focus();
-    }
-    row.remove();
-    this.rows.delete(id);
-  }
 }
 
-function update({ element: row, report }: Row, card: Card, actions: Set<CardAction>): void {
+/** `album` is the one that its video is in now, if that is known. */
+function update({ element: row, report }: Row, card: Card, album: string | undefined): void {
   const { name } = card;
+  const actions = actionsFor(card, album !== undefined);
   row.dataset.phase = card.phase;
   row.dataset.paused = String(card.transfer?.paused ?? false);
   setText(find(row, '.download-name', HTMLElement), name);
   setText(find(row, '.download-state', HTMLElement), stateWords(card));
-  setText(find(row, '.download-detail', HTMLElement), detail(card));
+  setText(find(row, '.download-detail', HTMLElement), detail(card, album));
   showReason(row, card);
   report.show(card.phase === 'saved' ? card.entry?.summary : undefined, name);
 
@@ -100,10 +92,17 @@ function update({ element: row, report }: Row, card: Card, actions: Set<CardActi
   if (done === undefined) bar.removeAttribute('value');
   else bar.value = done;
 
-  for (const button of row.querySelectorAll<HTMLElement>('button[data-action]')) {
-    const action = button.dataset.action as CardAction;
-    button.hidden = !actions.has(action);
-    button.setAttribute('aria-label', `${actionWords[action]}: ${name}`);
+  showActions(row, name, actions);
+}
+
+function showActions(row: HTMLElement, name: string, actions: Set<CardAction>): void {
+  const buttons = [...row.querySelectorAll<HTMLElement>('button[data-action]')];
+  const isOffered = (button: HTMLElement) => actions.has(button.dataset.action as CardAction);
+  for (const button of buttons.filter(isOffered)) button.hidden = false;
+  const first = buttons.find(isOffered) ?? null;
+  for (const button of buttons) {
+    hide(button, !isOffered(button), first);
+    button.setAttribute('aria-label', `${actionWords[button.dataset.action as CardAction]}: ${name}`);
   }
 }
 
@@ -138,7 +137,7 @@ function fraction({ phase, download, transfer }: Card): number | undefined {
   return download && download.percent > 0 ? download.percent / 100 : undefined;
 }
 
-function detail(card: Card): string {
+function detail(card: Card, albumNow: string | undefined): string {
   const { phase, album, download, entry, transfer } = card;
   switch (phase) {
     case 'waiting':
@@ -148,7 +147,8 @@ function detail(card: Card): string {
     case 'processing':
       return processingDetail(download);
     case 'saved':
-      return album === undefined ? 'In its album' : `In the album ${album}`;
+      if (albumNow !== undefined) return `In the album ${albumNow}`;
+      return album === undefined ? 'Saved into its album' : `Saved into the album ${album}`;
     case 'failed':
       return failureDetail(entry);
     case 'vanished':

@@ -17,7 +17,7 @@ export interface Asset {
   video: string;
 }
 
-export type VideoAction = 'edit' | 'remove';
+export type VideoAction = 'edit' | 'open' | 'remove';
 
 /** A video with two stops for the keyboard: its picture, which plays it, and a menu of all that can be done with it. */
 export class VideoCard {
@@ -35,6 +35,7 @@ export class VideoCard {
       const change = (words: string, action: VideoAction) => ({ words, choose: () => onAction(action) });
       openMenu(this.more, `Actions for ${this.asset.filename}`, [
         { words: 'Download', href: `${this.asset.video}?download`, filename: this.asset.filename },
+        ...(offers('showAsset') ? [change('Open its folder', 'open')] : []),
         ...(offers('changeAsset') ? [change('Rename or move …', 'edit'), change('Remove', 'remove')] : []),
       ]);
     });
@@ -53,6 +54,11 @@ export class VideoCard {
     name.title = filename;
     setText(find(this.element, '.video-facts', HTMLElement), `${bytesText(asset.bytes)} · ${momentText(asset.created)}`);
     if (isNew) fetchPoster(asset.id, this.poster);
+  }
+
+  /** Where it was left for its menu. */
+  focus(): void {
+    this.more.focus();
   }
 
   play(): void {

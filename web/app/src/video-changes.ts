@@ -16,6 +16,7 @@ export class VideoChanges {
 
   constructor(
     private readonly onChange: () => Promise<void>,
+    private readonly goTo: (assetId: string) => void,
     private readonly attempt: (action: () => Promise<void>) => Promise<void>,
   ) {
     this.undo.addEventListener('click', () => void this.attempt(() => this.restore()));
@@ -46,8 +47,9 @@ export class VideoChanges {
     this.showError('');
     this.dialog.showModal();
     this.filename.focus();
-    // The name is what people change, not its ending.
-    this.filename.setSelectionRange(0, Math.max(asset.filename.lastIndexOf('.'), 0) || asset.filename.length);
+    // The name is what people change, not its ending. Of a long one its beginning is seen.
+    const end = Math.max(asset.filename.lastIndexOf('.'), 0) || asset.filename.length;
+    this.filename.setSelectionRange(0, end, 'backward');
   }
 
   private async restore(): Promise<void> {
@@ -57,13 +59,14 @@ export class VideoChanges {
     this.forget();
     announce(`${asset.filename} is back.`);
     await this.onChange();
+    this.goTo(asset.id);
   }
 
   private forget(): void {
     this.removed = undefined;
     const hadFocus = this.bar.contains(document.activeElement);
     this.bar.hidden = true;
-    if (hadFocus) byId('albums-title', HTMLElement).focus();
+    if (hadFocus) byId('albums-title', HTMLElement).focus({ preventScroll: true });
   }
 
   private async save(): Promise<void> {

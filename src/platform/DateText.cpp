@@ -1,0 +1,19 @@
+#include "platform/DateText.h"
+
+#include <fmt/chrono.h>
+
+#include <ctime>
+
+namespace tarn {
+
+std::string dateText(Date date) {
+  return fmt::format("{:%FT%TZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(date)));
+}
+
+Date dateOfText(const std::string& text) {
+  std::tm parts{};
+  if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts) == nullptr) return {};
+  return std::chrono::system_clock::from_time_t(::timegm(&parts));
+}
+
+}  // namespace tarn
