@@ -73,8 +73,8 @@ Path ownPage() {
   return std::filesystem::exists(installed / "index.html", ignored) ? installed : built;
 }
 
-/// Tells of the page that another process serves in this home. Rethrows the failure if none does, or if the address shall
-/// not be printed.
+/// Tells of the page that another process serves in this home. Rethrows the failure if none does, or if the address
+/// shall not be printed.
 int tellOfOther(const Path& home, const ServeOptions& options, const HomeInUse& failure) {
   const auto address = servedPage(home);
   if (!address || options.addressFile) throw failure;

@@ -23,8 +23,12 @@
 namespace tarn::test {
 namespace {
 
-/// A sanitized program needs more addresses than the one for posters may have.
-constexpr bool hasPosters = HAS_POSTERS;
+/// A sanitizer makes calls of the kernel that the program for posters has given up.
+#ifdef TARN_SANITIZED
+constexpr bool mustHavePosters = false;
+#else
+constexpr bool mustHavePosters = true;
+#endif
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
@@ -166,7 +170,7 @@ TEST_F(LibraryTest, ChangesGoThroughTheEngineOfAnotherProcess) {
     EXPECT_TRUE(engine.library("Trip").empty());
     EXPECT_THROW(engine.changeAsset({.assetId = "none"}), EngineRefused);
     const auto poster = engine.poster(id);
-    ASSERT_EQ(poster.has_value(), hasPosters);
+    ASSERT_TRUE(poster || !mustHavePosters);
     if (poster) {
       EXPECT_EQ(contentOf(*poster).substr(0, 2), "\xFF\xD8");
     }
