@@ -47,6 +47,10 @@ if(TARN_STATIC_LIBRARY)
   endforeach()
   target_link_libraries(libtarn_static PRIVATE ${libraries} Threads::Threads fmt::fmt)
   tarn_library(libtarn_static static)
+  if(TARN_PACKAGES)  # which have no debug information, and so no path of the build
+    add_custom_command(TARGET libtarn_static POST_BUILD VERBATIM
+      COMMAND ${CMAKE_STRIP} --strip-debug --enable-deterministic-archives $<TARGET_FILE:libtarn_static>)
+  endif()
 endif()
 
 install(FILES ${public_headers} ${PROJECT_BINARY_DIR}/include/tarn/version.h

@@ -15,18 +15,24 @@ cmake --install "$build" --strip --prefix "$place/first" >"$place/install.txt"
 mv "$place/first" "$place/moved"
 prefix=$place/moved
 lib=$(dirname "$(find "$prefix" -name libtarn.so)")
+posters=("$prefix"/libexec/tarn*/tarn-poster)
+[ ${#posters[@]} -eq 2 ] || fail "the command and the library have no program each for posters"
 
 tell "... what the library shows"
 nm -DC --defined-only "$lib/libtarn.so" | cut -c18- | grep -v '^A ' | sed 's/@@.*//' | LC_ALL=C sort -u >"$place/exports.txt"
 diff -u src/api/exports.txt "$place/exports.txt" || fail "src/api/exports.txt lists other names"
 version=$(sed -n 's/.*STRING "\(.*\)"/\1/p' "$prefix/include/tarn/version.h")
 readelf -d "$lib/libtarn.so" | grep -q "SONAME.*\[libtarn.so.${version%.*}\]" || fail "its name lacks major and minor"
-for file in "$lib/libtarn.so" "$prefix/bin/tarn" "$prefix/libexec/tarn/tarn-poster"; do
+for file in "$lib/libtarn.so" "$prefix/bin/tarn" "${posters[@]}"; do
   ! grep -qF "$PWD" "$file" || fail "$file holds the path of the build"
 done
 "$prefix/bin/tarn" --version | head -n 1 | grep -q "^tarn $version\(,\|$\)" || fail "the command has another version"
 for package in web/package.json web/plugin/package.json; do
   grep -q "\"version\": \"$version\"" $package || fail "$package has another version"
+done
+for file in share/{bash-completion/completions/tarn,zsh/vendor-completions/_tarn,fish/vendor_completions.d/tarn.fish} \
+  lib/systemd/user/tarn.service; do
+  [ -s "$prefix/$file" ] || fail "$file is missing"
 done
 
 tell "... its headers"
@@ -58,8 +64,10 @@ ffmpeg -v error -f lavfi -i testsrc2=size=320x180:rate=25:duration=2 -f lavfi -i
 "$prefix/bin/tarn" repair "$place/clip.mp4" -o "$place/expected.mp4" >/dev/null 2>&1
 [ "$(ffprobe -v error -select_streams v -show_entries stream=codec_tag_string -of csv=p=0 "$place/expected.mp4")" = avc1 ] ||
   fail "the installed command does not repair"
-"$prefix/libexec/tarn/tarn-poster" <"$place/clip.mp4" | ffprobe -v error -show_entries stream=codec_name -of csv=p=0 - |
-  grep -qx mjpeg || fail "the installed program makes no poster"
+for poster in "${posters[@]}"; do
+  "$poster" <"$place/clip.mp4" | ffprobe -v error -show_entries stream=codec_name -of csv=p=0 - |
+    grep -qx mjpeg || fail "the installed program makes no poster"
+done
 for program in OFF/repair ON/repair by-pkg-config by-pkg-config-static; do
   "$place/$program" "$place/clip.mp4" "$place/out.mp4" >"$place/out.txt" 2>"$place/progress.txt" || fail "$program: $(cat "$place/out.txt")"
   head -n 1 "$place/out.txt" | grep -qx "libtarn $version" || fail "$program is another version"

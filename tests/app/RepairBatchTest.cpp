@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -176,7 +177,6 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   SlowlyRead(place_, command).killBehindLine(30);
   std::ofstream(report, std::ios::app) << "{\"input\":\"/half a li";
   SlowlyRead(place_, command).killBehindLine(60);
-  fs::create_directory(out_ / "0" / "0" / ".tarn-repair-of-a-dead-process");
   const TarnResult finished = repair({command.begin() + 1, command.end()});
   EXPECT_EQ(finished.exitCode, 1) << finished.errors;
   EXPECT_THAT(finished.output, HasSubstr("200 of 200 files in"));
@@ -210,6 +210,27 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   EXPECT_EQ(namesBelow(out_), expected);
 }
 
+TEST_F(RepairBatchTest, AResultIsDoneOnAFileSystemOfCoarserTimesToo) {
+  const Path input = in_ / "a.mp4", output = out_ / "a.mp4";
+  write(input, "x");
+  write(output, "y");
+  const auto isDoneAt = [&](timespec read, timespec written) {
+    for (const auto& [path, time] : {std::pair(input, read), std::pair(output, written)}) {
+      const std::array<timespec, 2> times{time, time};
+      EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
+    }
+    return isDone({input, output});
+  };
+  const timespec read{1'000'001, 123'456'789};
+  for (const timespec kept : {read, timespec{1'000'001, 123'456'700}, timespec{1'000'001, 0}, timespec{1'000'000, 0}}) {
+    EXPECT_TRUE(isDoneAt(read, kept)) << kept.tv_sec << " " << kept.tv_nsec;
+  }
+  for (const timespec older :
+       {timespec{1'000'001, 123'456'689}, timespec{1'000'000, 123'456'789}, timespec{999'999, 0}}) {
+    EXPECT_FALSE(isDoneAt(read, older)) << older.tv_sec << " " << older.tv_nsec;
+  }
+}
+
 // A sweep may come between the making and the locking of a directory.
 TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
   std::atomic<int> gone = 0;
@@ -220,6 +241,7 @@ TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
         for (int made = 0; made < 500; ++made) {
           PrivateHome home(place_.path());
           home.make();
+          PrivateHome::sweep(place_.path());
           if (!fs::is_directory(home.path())) ++gone;
         }
       });
