@@ -22,6 +22,7 @@ from sites import Mutant, Site, plain  # noqa: E402
 
 ROOMS = "sync,audio,remux,parameters,movie,presentation,download,pipeline"
 RESULTS = OUT / "results.jsonl"
+ROUNDS = (0.5, 1.5, 4, 20)  # seconds that a test may take
 
 
 def tell(text):
@@ -124,8 +125,8 @@ def build(options):
     kept = made.compile_all(by_file)
     with RESULTS.open("a") as file:
         for mutant in mutants:
-            if mutant.key not in kept:
-                file.write(json.dumps({**vars(mutant), "status": "uncompiled", "killers": []}) + "\n")
+            status = "open" if mutant.key in kept else "uncompiled"
+            file.write(json.dumps({**vars(mutant), "status": status, "killers": [], "asked": 0}) + "\n")
     programs = made.link_all()
     mutants = [vars(mutant) for mutant in mutants if mutant.key in kept]
     TRACED.unlink(missing_ok=True)
@@ -134,24 +135,37 @@ def build(options):
 
 
 def run(options):
+    """Quick tests for all mutants first, since most are caught by one; then slower ones for those that are left."""
     tests, _ = traced()
-    state = json.loads((OUT / "build.json").read_text())
-    mutants = [Mutant(**mutant) for mutant in state["mutants"]]
-    known = {} if options.survivors else results()
-    mutants = [mutant for mutant in mutants if mutant.key not in known or mutant.kind == "planted"]
+    mutants = [Mutant(**mutant) for mutant in json.loads((OUT / "build.json").read_text())["mutants"]]
+    mutants.sort(key=lambda mutant: (mutant.kind != "planted", mutant.key))
     with RESULTS.open("a") as file:
-        for at, mutant in enumerate(mutants, 1):
-            result = judge(mutant, tests, 2 if options.alone else 1)
-            file.write(json.dumps(result) + "\n")
-            file.flush()
-            tell(f"[{at}/{len(mutants)}] {result['status']} {result['seconds']} s  {mutant.file}:{mutant.line} "
-                 f"{mutant.before[:60]} => {mutant.after[:60]}")
+        for limit in ROUNDS:
+            known = results()
+            left = [mutant for mutant in mutants if known.get(mutant.key, {"status": "open"})["status"] == "open"]
+            tell(f"{len(left)} mutants against tests of up to {limit} s ...")
+            for mutant in left:
+                result = known.get(mutant.key, {"asked": 0, "killers": []})
+                result = ask(mutant, tests, result, limit, 2 if options.alone else 1)
+                file.write(json.dumps(result) + "\n")
+                file.flush()
+                tell(f"{result['status']}: {mutant.file}:{mutant.line}: {mutant.before[:60]} => {mutant.after[:60]}")
+
+
+def ask(mutant, tests, result, limit, enough):
+    """The result of tests that were not asked yet and take no longer than the limit."""
+    reaching = [test for test in tests if mutant.number in test.reaches]
+    due = [test for test in reaching if result["asked"] < test.seconds <= limit]
+    killers = result["killers"] + judge(mutant, due, enough - len(result["killers"]))
+    is_over = len(killers) >= enough or all(test.seconds <= limit for test in reaching)
+    status = "open" if not is_over else "caught" if killers else "survived" if reaching else "unreached"
+    return {**vars(mutant), "status": status, "killers": killers, "asked": limit}
 
 
 def report():
     tests, unfit = traced()
     named = equivalent()
-    found = [result for result in results().values() if result["status"] != "uncompiled"]
+    found = [result for result in results().values() if result["status"] not in ("open", "uncompiled")]
     rows = {}
     for result in found:
         room = "planted" if result["kind"] == "planted" else result["file"].split("/")[1]
@@ -185,7 +199,7 @@ def main():
     parser.add_argument("--count", type=int, default=200)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=2, help="compilers at a time")
-    parser.add_argument("--slowest", type=float, default=20, help="seconds; slower tests are not asked")
+    parser.add_argument("--slowest", type=float, default=ROUNDS[-1], help="seconds; slower tests are not asked")
     parser.add_argument("--tests", default="", help="only these programs: sync_tests,app_tests")
     parser.add_argument("--alone", action="store_true", help="go on to a second failure: which test alone catches it")
     parser.add_argument("--survivors", action="store_true", help="those that survived, instead of new ones")
