@@ -108,6 +108,10 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   EXPECT_THAT(planned({one, other}, {.directory = out_}), HasSubstr("would both become"));
   EXPECT_THAT(planned({one}, {.directory = in_}), HasSubstr("would be written over"));
   EXPECT_THAT(planned({one, other}, {.directory = in_ / "sub/linked"}), HasSubstr("would both become"));
+  fs::create_hard_link(one, in_ / "sub/hard.txt");
+  for (const Path& same : {one, in_ / "sub/../a.mp4", in_ / "link.mp4", in_ / "sub/hard.txt"}) {
+    EXPECT_THAT(planned({one}, {.file = same}), HasSubstr("would be written over; name another file"));
+  }
   EXPECT_THAT(planned({mov, one}, {.file = out_}), HasSubstr("Several files"));
   EXPECT_THAT(planned({in_}, {.directory = out_}), HasSubstr("--recursive"));
   EXPECT_THAT(planned({in_}, {.directory = in_}, true), HasSubstr("both read and written"));
@@ -289,8 +293,18 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   EXPECT_EQ(refused.exitCode, 4);
   EXPECT_THAT(refused.errors, HasSubstr("a.mp4.orig is there already"));
   EXPECT_EQ(contentOf(file), broken());
+  EXPECT_EQ(repair({file.string(), "-o", file.string()}).exitCode, 2) << "that is not the way to repair in place";
   EXPECT_EQ(repair({"--in-place", "--no-backup", file.string()}).exitCode, 0);
   EXPECT_EQ(contentOf(file), mended);
+  const Path sound = in_ / "c.mp4";
+  write(sound, textOf(damagedMovie("a gap in the sound")));
+  write(in_ / "c.mp4.orig", "another file");
+  const TarnResult early = repair({"--verbose", "--in-place", sound.string()});
+  EXPECT_EQ(early.exitCode, 4);
+  EXPECT_THAT(early.errors, HasSubstr("c.mp4.orig is there already"));
+  EXPECT_THAT(early.errors, testing::Not(HasSubstr("Starting transcoding"))) << "it is refused ahead of the work";
+  fs::remove(in_ / "c.mp4.orig");
+  EXPECT_THAT(repair({"--verbose", "--in-place", sound.string()}).errors, HasSubstr("Starting transcoding"));
 
   // A kill between the link and the new file.
   fs::remove(original);

@@ -404,12 +404,16 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   };
   const Bytes local = box("sgpd", {values({1U << 24}), bytesFrom("'roll'"), values({2, 1}), bytesFrom("FFFF")});
   const Bytes grouped = fragment([&](uint32_t media) {
-    return traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001), group("what", 1)});
+    const Bytes subs = fullBox("subs", {0});
+    const Bytes live = box("uuid", {bytesFrom("6D1D9B05 42D544E6 80E2141D AFF757B2"), numbered(20)});
+    return traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001), group("what", 1), subs, live,
+                 unknown, box("free")});
   });
   const Bytes movie = joined({start.bytes, box("styp"), box("sidx"), uuid, box("prft"), box("emsg"),
                               simpleFragment(0, 2), box("emsg"), grouped, grouped, box("mfra"), Bytes(50)});
   EXPECT_EQ(join(movie),
-            "2 event messages (emsg) are left out; Sample groups of track 2 of the kind 'what' are left out");
+            "2 event messages (emsg) are left out; Sample groups of track 2 of the kind 'what' are left out; What the "
+            "fragments of track 2 say of its samples in boxes of the kind 'abcd', 'subs' is left out");
   const BoxEditor result(written());
   std::vector<std::string> types;
   for (const auto& [type, bytes] : topLevel(result.bytes)) types.push_back(type);
