@@ -148,6 +148,23 @@ class ServeTest : public testing::Test {
   std::unique_ptr<ChildProgram> server_;
 };
 
+TEST_F(ServeTest, AnAddressInAFileIsForItsOwnerAloneAndForAsLongAsTheServerRuns) {
+  const Path file = place_ / "address";
+  std::ofstream(file) << "of a server that was killed";
+  std::filesystem::create_directory(place_ / "second");
+  ChildProgram second(tarnCommand(place_ / "second/home", {"serve", "--address-file", file}), place_ / "second");
+  ASSERT_TRUE(eventually([&] { return contentOf(file).ends_with('\n'); }));
+  const std::string port = between(contentOf(file), "http://127.0.0.1:", "/?token=");
+  const std::string entry = between(contentOf(file), port, "\n");
+  const std::string request = "GET " + entry + " HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\n\r\n";
+  EXPECT_TRUE(askServer(static_cast<uint16_t>(std::stoi(port)), request).starts_with("HTTP/1.1 200"));
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(second.output(), "");
+  second.signal(SIGTERM);
+  EXPECT_EQ(second.wait(), 130) << second.errors();
+  EXPECT_FALSE(std::filesystem::exists(file));
+}
+
 TEST_F(ServeTest, RefusesWhoMayNotAsk) {
   const std::string port = std::to_string(port_);
   const std::string host = "Host: " + host_ + "\r\n";
