@@ -9,6 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "app/Commands.h"
@@ -25,6 +27,34 @@ sigset_t interrupts() {
   return set;
 }
 
+constexpr int timeToEnd = 1000;  // ms
+
+/// Waits for nobody: neither for who does not read standard error nor for a thread that writes there.
+[[noreturn]] void endAtOnce(const std::string& lastWords) {
+  pollfd errors{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT) != 0) {
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, lastWords.data(), lastWords.size());
+  }
+  _exit(ExitCode::interrupted);
+}
+
+void watch(int signals, int stop, const std::function<bool()>& handler, const std::optional<std::string>& lastWords) {
+  std::array<pollfd, 2> sources{{{signals, POLLIN, 0}, {stop, POLLIN, 0}}};
+  bool isEnding = false;
+  int patience = -1;
+  for (;;) {
+    const int ready = poll(sources.data(), sources.size(), patience);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) endAtOnce(*lastWords);
+    if (ready < 0 || sources[1].revents != 0) return;
+    signalfd_siginfo info{};
+    if (read(signals, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
+    if (isEnding) _exit(ExitCode::interrupted);
+    isEnding = handler();
+    if (isEnding && lastWords && info.ssi_signo == SIGTERM) patience = timeToEnd;
+  }
+}
+
 }  // namespace
 
 void blockInterrupts() {
@@ -32,22 +62,13 @@ void blockInterrupts() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-InterruptWatcher::InterruptWatcher(std::function<bool()> handler) : stopEvent_(eventfd(0, EFD_CLOEXEC)) {
+InterruptWatcher::InterruptWatcher(std::function<bool()> handler, std::optional<std::string> lastWords)
+    : stopEvent_(eventfd(0, EFD_CLOEXEC)) {
   const sigset_t set = interrupts();
   signals_ = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
   if (!stopEvent_.isOpen() || !signals_.isOpen()) throw PosixError(errno, "wait for interrupts");
-  thread_ = std::thread([signals = *signals_, stop = *stopEvent_, handler = std::move(handler)] {
-    std::array<pollfd, 2> sources{{{signals, POLLIN, 0}, {stop, POLLIN, 0}}};
-    bool isEnding = false;
-    while (poll(sources.data(), sources.size(), -1) >= 0 || errno == EINTR) {
-      if (sources[1].revents != 0) break;
-      if (sources[0].revents == 0) continue;
-      signalfd_siginfo info{};
-      if (read(signals, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) break;
-      if (isEnding) _exit(ExitCode::interrupted);
-      isEnding = handler();
-    }
-  });
+  thread_ = std::thread([signals = *signals_, stop = *stopEvent_, handler = std::move(handler),
+                         lastWords = std::move(lastWords)] { watch(signals, stop, handler, lastWords); });
 }
 
 InterruptWatcher::~InterruptWatcher() {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "platform/host/Descriptor.h"
@@ -14,8 +16,9 @@ void blockInterrupts();
 /// process is about to end, a further one ends it at once with 130.
 class InterruptWatcher {
  public:
-  /// Throws PosixError when the system is out of descriptors.
-  explicit InterruptWatcher(std::function<bool()> handler);
+  /// With `lastWords`, for standard error, who sends SIGTERM need not wait: if the process has not ended a second
+  /// later, it says them and ends with 130 where it is. Throws PosixError when the system is out of descriptors.
+  explicit InterruptWatcher(std::function<bool()> handler, std::optional<std::string> lastWords = {});
   ~InterruptWatcher();
   InterruptWatcher(const InterruptWatcher&) = delete;
   InterruptWatcher& operator=(const InterruptWatcher&) = delete;

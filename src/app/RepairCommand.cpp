@@ -123,7 +123,8 @@ int repairCommand(const GlobalOptions& global, const RepairArguments& given) {
   requireSense(global, given);
   const std::vector<Path> inputs = inputsOf(given);  // ahead of the watcher: reading a list has one of its own
   std::stop_source cancel;
-  const InterruptWatcher watcher([&cancel] { return cancel.request_stop(); });
+  const InterruptWatcher watcher([&cancel] { return cancel.request_stop(); },
+                                 "tarn: Interrupted; each result is there whole, or not at all.\n");
   if (given.readsStream() || given.writesStream()) return repairStreams(global, given, inputs, cancel.get_token());
   return repairAll(global, given, inputs, targetOf(given), cancel.get_token());
 }

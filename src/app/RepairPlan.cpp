@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <map>
 #include <set>
 
@@ -34,6 +35,15 @@ Path plainName(const Path& path) {
   std::error_code failure;
   Path plain = fs::weakly_canonical(absolutePath(path), failure);
   return failure ? absolutePath(path).lexically_normal() : plain;
+}
+
+/// True of the same time, as file systems keep it that count in 100 ns, in whole seconds or in two of them.
+bool isCutOff(fs::file_time_type kept, fs::file_time_type whole) {
+  using namespace std::chrono;
+  using Tenths = duration<int64_t, std::ratio<1, 10'000'000>>;
+  using Pairs = duration<int64_t, std::ratio<2>>;
+  return kept == floor<Tenths>(whole) || kept == floor<microseconds>(whole) || kept == floor<milliseconds>(whole) ||
+         kept == floor<seconds>(whole) || kept == floor<Pairs>(whole);
 }
 
 class Planner {
@@ -140,7 +150,7 @@ bool isDone(const PlannedRepair& repair) {
   const auto written = fs::last_write_time(repair.output, none);
   if (none || !fs::is_regular_file(repair.output, none)) return false;
   const auto read = fs::last_write_time(before, none);
-  return !none && written >= read;
+  return !none && (written >= read || isCutOff(written, read));
 }
 
 }  // namespace tarn

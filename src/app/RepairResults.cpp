@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -106,21 +107,39 @@ JSObject reportObject(const RepairedFile& result) {
 RepairReportFile::RepairReportFile(const Path& path)
     : path_(path), file_(::open(nativeName(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666)) {
   if (!file_.isOpen()) throw PosixError(errno, "write the report " + path.string());
-  if (!std::filesystem::is_regular_file(path)) return;
+  isFile_ = std::filesystem::is_regular_file(path);
+  if (!isFile_) return;
   PosixFileManager disk("");
   requireReport(disk, path);
-  const Bytes bytes = readFile(disk, path);
-  std::string_view text = textOf(bytes);
-  if (!text.empty() && !text.ends_with('\n')) write("\n");
-  while (!text.empty()) {
-    const std::string_view line = text.substr(0, text.find('\n'));
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
-    if (const auto object = JSObject::parse(line)) known_.insert(valueAt<std::string>(*object, "input", ""));
-  }
+  if (!readOn()) write("\n");
 }
 
-bool RepairReportFile::knows(const Path& input) const {
-  return known_.contains(asReadBack(absoluteName(input)));
+bool RepairReportFile::knows(const Path& input) {
+  const std::string name = asReadBack(absoluteName(input));
+  if (!known_.contains(name) && isFile_) readOn();
+  return known_.contains(name);
+}
+
+/// Reads the lines that have come since. False if the last one lacks its end.
+bool RepairReportFile::readOn() {
+  std::string text;
+  std::array<char, 1 << 16> piece{};
+  for (;;) {
+    const off_t place = read_ + static_cast<off_t>(text.size());
+    const ssize_t count = repeatInterrupted([&] { return ::pread(*file_, piece.data(), piece.size(), place); });
+    if (count < 0) throw PosixError(errno, "read the report " + path_.string());
+    if (count == 0) return text.empty();
+    text.append(piece.data(), static_cast<size_t>(count));
+    const size_t end = text.rfind('\n') + 1;
+    std::string_view lines = std::string_view(text).substr(0, end);
+    while (!lines.empty()) {
+      const std::string_view line = lines.substr(0, lines.find('\n'));
+      lines.remove_prefix(line.size() + 1);
+      if (const auto object = JSObject::parse(line)) known_.insert(valueAt<std::string>(*object, "input", ""));
+    }
+    text.erase(0, end);
+    read_ += static_cast<off_t>(end);
+  }
 }
 
 void RepairReportFile::append(const JSObject& file) {

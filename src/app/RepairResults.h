@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstdint>
 #include <set>
@@ -23,24 +25,27 @@ int exitCodeOf(const RepairedFile& result);
 JSObject reportObject(const RepairedFile& result);
 
 /// The file that tells what became of each input: one object a line, appended as each is done. The last line about an
-/// input counts.
+/// input counts. Several processes of one machine may write one report.
 class RepairReportFile {
  public:
   /// Opens the file or makes it, and closes a last line that a killed process has left open. Throws PosixError, and
   /// UsageError for a file that is no report.
   explicit RepairReportFile(const Path& path);
 
-  /// An earlier run has told of this input.
-  bool knows(const Path& input) const;
+  /// An earlier run has told of this input, or one beside this one. Throws PosixError.
+  bool knows(const Path& input);
 
   /// Of what reportObject() returns. Throws PosixError.
   void append(const JSObject& file);
 
  private:
+  bool readOn();
   void write(const std::string& text);
 
   const Path path_;
   Descriptor file_;
+  bool isFile_ = false;          ///< and no pipe, of which nothing can be read again
+  off_t read_ = 0;               ///< the lines ahead of it are known
   std::set<std::string> known_;  ///< inputs
 };
 

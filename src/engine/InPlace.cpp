@@ -33,7 +33,9 @@ void requireReplaceable(const Path& file) {
   const struct stat facts = factsAt(file);
   if (S_ISLNK(facts.st_mode)) throw RepairRefusal("it is a symbolic link; name the file that it leads to");
   const nlink_t names = isOriginalItself(file) ? 2 : 1;
-  if (S_ISREG(facts.st_mode) && facts.st_nlink > names) {
+  // Another process that repairs it may have put a new file there in between.
+  const bool isStillThere = factsAt(file).st_ino == facts.st_ino;
+  if (S_ISREG(facts.st_mode) && facts.st_nlink > names && isStillThere) {
     throw RepairRefusal(
         fmt::format("it has {} names (hard links), and the others would keep the old file; write the "
                     "result elsewhere with `--output-dir`",

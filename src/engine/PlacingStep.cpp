@@ -8,9 +8,9 @@
 
 #include "engine/InPlace.h"
 #include "engine/KeptAttributes.h"
+#include "engine/RepairRefusal.h"
 #include "engine/SourceChanged.h"
 #include "platform/Log.h"
-#include "platform/TempFile.h"
 #include "platform/host/PosixFileManager.h"
 #include "presentation/RepairHarms.h"
 
@@ -47,14 +47,16 @@ void PlacingStep::place(ProcessingRun& run, const Path& taken) const {
   PosixFileManager disk(result_.made.parent_path());
   if (disk.attributes(source_.input) != source_.facts) throw SourceChanged();
   if (result_.replaces != Result::Replaces::inputThatIsKept) return disk.replaceItem(result_.place, result_.made);
-  keepOriginal(result_.place);
   try {
-    disk.replaceItem(result_.place, result_.made);
-  } catch (...) {
-    // The name must not stand in the way of the next try. It still leads to the file itself.
-    if (isOriginalItself(result_.place)) removeIfExists(disk, originalOf(result_.place));
+    keepOriginal(result_.place);
+  } catch (const RepairRefusal&) {
+    // Another process has repaired it meanwhile, and the name is that of its original.
+    if (disk.attributes(source_.input) != source_.facts) throw SourceChanged();
     throw;
   }
+  // If this fails, NAME.orig stays and leads to the file itself, which is in nobody's way. On a network folder a failed
+  // call may have done its work, and then it is all that is left of the original.
+  disk.replaceItem(result_.place, result_.made);
 }
 
 }  // namespace tarn

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
@@ -24,6 +23,7 @@
 #include "serve/detail/HostRoutes.h"
 #include "serve/detail/HostScript.h"
 #include "serve/detail/LocalDrop.h"
+#include "serve/detail/LoopbackPort.h"
 #include "serve/detail/RequestBody.h"
 #include "serve/detail/RequestCheck.h"
 #include "serve/detail/ServerParts.h"
@@ -53,7 +53,6 @@ constexpr std::chrono::seconds pieceTime{30};
 constexpr std::chrono::seconds idleTime{30};
 constexpr std::chrono::seconds drainTime{1};
 constexpr std::chrono::milliseconds acceptPause{100};
-constexpr int mostPortAttempts = 20;
 
 /// A page's WebSocket.
 class PageSocket : public QueuedConnection {
@@ -127,41 +126,6 @@ std::optional<PageGreeting> parseGreeting(const RequestTarget& target) {
   return isGood ? std::optional(std::move(greeting)) : std::nullopt;
 }
 
-/// One port of both loopback addresses: who has the other half of it could answer in this host's place.
-struct Acceptors {
-  tcp::acceptor v4;
-  tcp::acceptor v6;  ///< not open on a machine without IPv6
-
-  /// Throws system_error.
-  Acceptors(asio::io_context& context, uint16_t port)
-      : v4(context, {asio::ip::address_v4::loopback(), port}), v6(context) {
-    error_code missing;
-    v6.open(tcp::v6(), missing);
-    if (missing) return;
-    v6.set_option(asio::ip::v6_only(true));
-    v6.set_option(tcp::acceptor::reuse_address(true));
-    v6.bind({asio::ip::address_v6::loopback(), v4.local_endpoint().port()}, missing);
-    if (missing == asio::error::address_in_use) throw boost::system::system_error(missing);
-    if (missing) {
-      v6.close();
-      return;
-    }
-    v6.listen();
-  }
-};
-
-Acceptors openAcceptors(asio::io_context& context, uint16_t port) {
-  for (int attempt = 1;; ++attempt) {
-    try {
-      return {context, port};
-    } catch (const boost::system::system_error& failure) {
-      if (port == 0 && attempt < mostPortAttempts) continue;  // the other half of a free port was taken
-      throw Error("Serve", failure.code().value(),
-                  fmt::format("Port {} cannot be had: {}. Try another --port", port, failure.code().message()));
-    }
-  }
-}
-
 }  // namespace
 
 class BridgeServer::Core {
@@ -172,9 +136,9 @@ class BridgeServer::Core {
         hostName_(host.jsName()),
         site_(files, photos, settings.webFolder,
               hostScript(plugin, pageKey(settings.token), factsOf(host, settings.logFile))),
-        acceptors_(openAcceptors(context_, settings.port)),
+        port_(context_, settings.port),
         lifeTimer_(context_),
-        check_(acceptors_.v4.local_endpoint().port(), settings.token),
+        check_(port_.number(), settings.token),
         hub_(plugin.jsName(), makeUUID(), steady_clock::now(),
              [this](const std::string& page, PageCommand command) { commands_.run(page, std::move(command)); }),
         commands_({&plugin}, mailbox_,
@@ -183,8 +147,7 @@ class BridgeServer::Core {
                   }),
         desk_(host, files, mailbox_, context_),
         drop_(files, settings.localFolder) {
-    asio::co_spawn(context_, listen(acceptors_.v4), logFailure);
-    if (acceptors_.v6.is_open()) asio::co_spawn(context_, listen(acceptors_.v6), logFailure);
+    for (tcp::acceptor* acceptor : port_.acceptors()) asio::co_spawn(context_, listen(*acceptor), logFailure);
     asio::post(context_, [this] { updateLife(); });
     thread_ = std::thread([this] { context_.run(); });
   }
@@ -205,9 +168,7 @@ class BridgeServer::Core {
   /// Ends all that the thread waits for, so that its loop runs out of work.
   void stop() {
     isStopping_ = true;
-    error_code ignored;
-    acceptors_.v4.close(ignored);
-    acceptors_.v6.close(ignored);
+    port_.close();
     lifeTimer_.cancel();
     desk_.stop();
     for (const auto& close : live_) close();
@@ -262,15 +223,25 @@ class BridgeServer::Core {
       const Request request = parser.release();
       const auto greeting = parseGreeting(*target);
       co_await talk(*page, request, *greeting);
-    } else if (head.method == "GET") {
-      SiteAnswer answer = co_await answerTo(head, *target);
-      co_await send(stream, answer);
     } else {
-      auto changing = head.method == "PUT" ? takeIn(stream, buffer, *inside, *body.length)
-                                           : change(stream, buffer, *inside, static_cast<size_t>(*body.length));
-      auto answer = co_await std::move(changing);
+      auto answering = answerTo(head, *target, stream, buffer, body.length.value_or(0));
+      auto answer = co_await std::move(answering);
       if (answer) co_await send(stream, *answer);
     }
+  }
+
+  /// Nothing when the browser has gone.
+  asio::awaitable<std::optional<SiteAnswer>> answerTo(const RequestHead& head, const RequestTarget& target,
+                                                      beast::tcp_stream& stream, beast::flat_buffer& buffer,
+                                                      uint64_t bodySize) {
+    if (head.method == "GET") {
+      auto getting = get(head, target);
+      co_return co_await std::move(getting);
+    }
+    const RequestTarget inside = *check_.inside(target);
+    auto changing = head.method == "PUT" ? takeIn(stream, buffer, inside, bodySize)
+                                         : change(stream, buffer, inside, static_cast<size_t>(bodySize));
+    co_return co_await std::move(changing);
   }
 
   static std::optional<uint64_t> lengthOf(const http::request_parser<http::empty_body>& parser) {
@@ -355,7 +326,7 @@ class BridgeServer::Core {
     co_return answer;
   }
 
-  asio::awaitable<SiteAnswer> answerTo(const RequestHead& head, const RequestTarget& target) {
+  asio::awaitable<SiteAnswer> get(const RequestHead& head, const RequestTarget& target) {
     const Door door = RequestCheck::door(target);
     if (door == Door::entry) co_return letIn(contentType("index.html"), entryPage(check_.base()));
     if (door == Door::rejoin) co_return rejoin(target);
@@ -468,7 +439,7 @@ class BridgeServer::Core {
   // Used on the thread alone, but for posts to the context.
   asio::io_context context_{1};
   const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(context_);
-  Acceptors acceptors_;
+  LoopbackPort port_;
   asio::steady_timer lifeTimer_;
   const RequestCheck check_;
   PageHub hub_;

@@ -140,12 +140,25 @@ TEST_F(LibraryTest, ExportsCopyWholeFilesAndReplaceNoneUnasked) {
   EXPECT_EQ(contentOf(home_ / "Photos/Home/clip.mp4"), "second");
 }
 
-TEST_F(LibraryTest, OpenPrintsThePathWithoutADesktop) {
+TEST_F(LibraryTest, OpenShowsThePathOnTheDesktopOrPrintsIt) {
   keep("Trips", "clip.mp4", "first");
   ::unsetenv("DISPLAY");
   ::unsetenv("WAYLAND_DISPLAY");
   EXPECT_EQ(library({"open"}).lastLine(), home_ / "Photos");
   EXPECT_EQ(library({"open", "clip.mp4"}).lastLine(), home_ / "Photos/Trips/clip.mp4");
+
+  const Path program = place_ / "programs/xdg-open";
+  fs::create_directories(program.parent_path());
+  std::ofstream(program) << "#!/bin/sh\necho \"$1\" >'" << (place_ / "told").string() << "'\n";
+  fs::permissions(program, fs::perms::owner_all);
+  const std::string path = std::getenv("PATH");
+  ::setenv("DISPLAY", ":0", 1);
+  ::setenv("PATH", program.parent_path().c_str(), 1);
+  const auto shown = library({"open"});
+  ::setenv("PATH", path.c_str(), 1);
+  ::unsetenv("DISPLAY");
+  EXPECT_EQ(shown.output, "") << shown.errors;
+  EXPECT_EQ(contentOf(place_ / "told"), (home_ / "Photos").string() + "\n");
 }
 
 // The engine of the home makes the change, whichever process that is.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -107,6 +108,10 @@ TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   EXPECT_THAT(planned({one, other}, {.directory = out_}), HasSubstr("would both become"));
   EXPECT_THAT(planned({one}, {.directory = in_}), HasSubstr("would be written over"));
   EXPECT_THAT(planned({one, other}, {.directory = in_ / "sub/linked"}), HasSubstr("would both become"));
+  fs::create_hard_link(one, in_ / "sub/hard.txt");
+  for (const Path& same : {one, in_ / "sub/../a.mp4", in_ / "link.mp4", in_ / "sub/hard.txt"}) {
+    EXPECT_THAT(planned({one}, {.file = same}), HasSubstr("would be written over; name another file"));
+  }
   EXPECT_THAT(planned({mov, one}, {.file = out_}), HasSubstr("Several files"));
   EXPECT_THAT(planned({in_}, {.directory = out_}), HasSubstr("--recursive"));
   EXPECT_THAT(planned({in_}, {.directory = in_}, true), HasSubstr("both read and written"));
@@ -176,7 +181,6 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   SlowlyRead(place_, command).killBehindLine(30);
   std::ofstream(report, std::ios::app) << "{\"input\":\"/half a li";
   SlowlyRead(place_, command).killBehindLine(60);
-  fs::create_directory(out_ / "0" / "0" / ".tarn-repair-of-a-dead-process");
   const TarnResult finished = repair({command.begin() + 1, command.end()});
   EXPECT_EQ(finished.exitCode, 1) << finished.errors;
   EXPECT_THAT(finished.output, HasSubstr("200 of 200 files in"));
@@ -210,6 +214,27 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   EXPECT_EQ(namesBelow(out_), expected);
 }
 
+TEST_F(RepairBatchTest, AResultIsDoneOnAFileSystemOfCoarserTimesToo) {
+  const Path input = in_ / "a.mp4", output = out_ / "a.mp4";
+  write(input, "x");
+  write(output, "y");
+  const auto isDoneAt = [&](timespec read, timespec written) {
+    for (const auto& [path, time] : {std::pair(input, read), std::pair(output, written)}) {
+      const std::array<timespec, 2> times{time, time};
+      EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
+    }
+    return isDone({input, output});
+  };
+  const timespec read{1'000'001, 123'456'789};
+  for (const timespec kept : {read, timespec{1'000'001, 123'456'700}, timespec{1'000'001, 0}, timespec{1'000'000, 0}}) {
+    EXPECT_TRUE(isDoneAt(read, kept)) << kept.tv_sec << " " << kept.tv_nsec;
+  }
+  for (const timespec older :
+       {timespec{1'000'001, 123'456'689}, timespec{1'000'000, 123'456'789}, timespec{999'999, 0}}) {
+    EXPECT_FALSE(isDoneAt(read, older)) << older.tv_sec << " " << older.tv_nsec;
+  }
+}
+
 // A sweep may come between the making and the locking of a directory.
 TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
   std::atomic<int> gone = 0;
@@ -220,6 +245,7 @@ TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
         for (int made = 0; made < 500; ++made) {
           PrivateHome home(place_.path());
           home.make();
+          PrivateHome::sweep(place_.path());
           if (!fs::is_directory(home.path())) ++gone;
         }
       });
@@ -267,8 +293,18 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   EXPECT_EQ(refused.exitCode, 4);
   EXPECT_THAT(refused.errors, HasSubstr("a.mp4.orig is there already"));
   EXPECT_EQ(contentOf(file), broken());
+  EXPECT_EQ(repair({file.string(), "-o", file.string()}).exitCode, 2) << "that is not the way to repair in place";
   EXPECT_EQ(repair({"--in-place", "--no-backup", file.string()}).exitCode, 0);
   EXPECT_EQ(contentOf(file), mended);
+  const Path sound = in_ / "c.mp4";
+  write(sound, textOf(damagedMovie("a gap in the sound")));
+  write(in_ / "c.mp4.orig", "another file");
+  const TarnResult early = repair({"--verbose", "--in-place", sound.string()});
+  EXPECT_EQ(early.exitCode, 4);
+  EXPECT_THAT(early.errors, HasSubstr("c.mp4.orig is there already"));
+  EXPECT_THAT(early.errors, testing::Not(HasSubstr("Starting transcoding"))) << "it is refused ahead of the work";
+  fs::remove(in_ / "c.mp4.orig");
+  EXPECT_THAT(repair({"--verbose", "--in-place", sound.string()}).errors, HasSubstr("Starting transcoding"));
 
   // A kill between the link and the new file.
   fs::remove(original);

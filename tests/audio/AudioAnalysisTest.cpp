@@ -8,6 +8,7 @@
 #include "audio/AudioRepairDecision.h"
 #include "audio/AudioTranscoder.h"
 #include "audio/SilentAACSampleCache.h"
+#include "audio/SoundWords.h"
 #include "mp4/DataExtensions.h"
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
@@ -318,9 +319,17 @@ TEST_F(AudioAnalysis, SurvivesTracksOfGapsAloneAndAbsurdCounts) {
   endless.mediaDuration = INT64_MAX;
   clip_.write(syntheticMovie({endless}));
   EXPECT_EQ(gapsAlone().overlaps.back().framesToDrop, int64_t{1} << 62);
-  const SilenceAction silence{.videoPTS = CMTime::zero(), .duration = CMTime::make(INT64_MAX, 1)};
-  EXPECT_EQ(AudioTranscoder::convertToAudioActions(std::array{silence}, 48000, 1024)[0].durationTicks,
-            int64_t{1} << 62);
+  const SilenceAction silence{
+      .videoPTS = CMTime::zero(), .duration = CMTime::make(INT64_MAX, 1), .audioSampleOffset = 3 * 1024};
+  const AudioAction action = AudioTranscoder::convertToAudioActions(std::array{silence}, 48000, 1024).at(0);
+  EXPECT_EQ(action.durationTicks, int64_t{1} << 62);
+  EXPECT_EQ(action.insertBeforeSampleIndex, 3);
+}
+
+TEST_F(AudioAnalysis, TellsTimesAsPlayersShowThem) {
+  const std::pair<double, std::string> cases[] = {
+      {-1, "0:00"}, {61.9, "1:01"}, {3599.9, "59:59"}, {3600, "1:00:00"}, {3723, "1:02:03"}};
+  for (const auto& [seconds, text] : cases) EXPECT_EQ(clockText(seconds), text);
 }
 
 TEST_F(AudioAnalysis, IsNotMadeOfWhatCannotBeRead) {

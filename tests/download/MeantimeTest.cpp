@@ -1,13 +1,48 @@
 // What happens while the engine is in the middle of something else.
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "download/EngineTest.h"
-#include "support/MeantimeFiles.h"
+#include "platform/ForwardingFileManager.h"
+#include "support/FaultyServices.h"
 
 namespace tarn::test {
 namespace {
+
+/// Lets a test do something in the middle of an operation of the engine: once, just before the first change of a file
+/// of this name, or the first flush of such a directory, on the thread that makes it.
+class MeantimeFiles : public ForwardingFileManager {
+ public:
+  using ForwardingFileManager::ForwardingFileManager;
+
+  void beforeChangeOf(std::string name, std::function<void()> work) {
+    name_ = std::move(name);
+    work_ = std::move(work);
+  }
+
+  void removeItem(const Path& path) override {
+    happen(path);
+    base().removeItem(path);
+  }
+  void synchronizeDirectory(const Path& path) override {
+    happen(path);
+    base().synchronizeDirectory(path);
+  }
+  void replaceItem(const Path& target, const Path& source) override {
+    happen(target);
+    base().replaceItem(target, source);
+  }
+
+ private:
+  void happen(const Path& path) {
+    if (path.filename() == name_) std::exchange(work_, [] {})();
+  }
+
+  std::string name_;
+  std::function<void()> work_ = [] {};
+};
 
 class MeantimeTest : public EngineTest {
  protected:
@@ -46,38 +81,15 @@ TEST_F(MeantimeTest, AFileRunsOnceHoweverOftenTheForegroundComes) {
 }
 
 /// Lets a test do something in the middle of the start of a download: when its transfer is made.
-class MeantimeTransfers : public NSURLSessionService {
+class MeantimeTransfers : public ForwardingURLSessionService {
  public:
-  explicit MeantimeTransfers(NSURLSessionService& base) : base_(base) {}
-
-  std::unique_ptr<NSURLSession> makeBackgroundSession(const std::string& identifier,
-                                                      std::weak_ptr<NSURLSessionDownloadDelegate> delegate) override {
-    return std::make_unique<Session>(base_.makeBackgroundSession(identifier, std::move(delegate)), *this);
-  }
-  std::vector<std::string> storedTaskDescriptions() override { return base_.storedTaskDescriptions(); }
-
+  using ForwardingURLSessionService::ForwardingURLSessionService;
   std::function<void()> atTheNextStart = [] {};
 
  private:
-  class Session : public NSURLSession {
-   public:
-    Session(std::unique_ptr<NSURLSession> base, MeantimeTransfers& service)
-        : base_(std::move(base)), service_(service) {}
-
-    std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& text,
-                                                           const TransferOptions& options) override {
-      auto task = base_->downloadTask(url, text, options);
-      std::exchange(service_.atTheNextStart, [] {})();
-      return task;
-    }
-    std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override { return base_->allTasks(); }
-
-   private:
-    const std::unique_ptr<NSURLSession> base_;
-    MeantimeTransfers& service_;
-  };
-
-  NSURLSessionService& base_;
+  void transferIsMade() override {
+    std::exchange(atTheNextStart, [] {})();
+  }
 };
 
 TEST_F(MeantimeTest, ADownloadThatBeginsWhileAllAreCancelledKeepsNoSlot) {

@@ -86,6 +86,7 @@ TEST_F(PauseTest, OnlyATransferThatIsNotOverCanBePaused) {
   const auto transfer = transfers_.task(url("c.mp4"));
   transfer->cancel();
   EXPECT_FALSE(engine_->pauseDownloadFileBy(ending));
+  EXPECT_FALSE(task(ending)->isPaused());
   EXPECT_FALSE(NotedDownload::parse(transfer->taskDescription()).value().isPaused) << "nor for the next process";
 
   const int64_t other = save("b.mp4")->id;

@@ -43,21 +43,6 @@ TEST_F(EngineTest, WhatTheVersionBeforeHasStoredIsUnderstood) {
   EXPECT_TRUE(note.text().starts_with(R"({"id":7,"skipVideoFix":true,"skipAudioFix":false,)"));
 }
 
-TEST_F(EngineTest, WaitingDownloadsGoBackIntoTheLine) {
-  engine_->setMaxConcurrentDownloads(1);
-  save("a.mp4");
-  auto waiting = save("b.mp4", true)->id;
-  save("c.mp4");
-  restart();
-  const auto b = engine_->getDownloads()[1];
-  EXPECT_TRUE(b->id == waiting && b->request.skipVideoFix) << "with its flags";
-  EXPECT_EQ(engine_->getQueuedDownloadCount(), 1U) << "the first of them has the slot";
-  finish("a.mp4");
-  finish("b.mp4");
-  finish("c.mp4");
-  EXPECT_EQ(contents(), "content of a.mp4 content of b.mp4 content of c.mp4");
-}
-
 TEST_F(EngineTest, TheIdOfADownloadThatAKillHasHiddenIsNotGivenAgain) {
   engine_->setMaxConcurrentDownloads(1);
   save("a.mp4");

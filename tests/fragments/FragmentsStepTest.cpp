@@ -242,14 +242,17 @@ std::string editsOf(FileManager& files, const Path& path, MP4TrackType type) {
   return fmt::format("{}", fmt::join(entries, ", "));
 }
 
-/// Pictures of 10 ticks from `videoTime` on, composed 20 ticks later, and sound of 5 ticks (10 ms) from `soundTime` on.
-Bytes both(uint32_t videoTime, uint32_t soundTime, uint32_t pictures = 10, uint32_t packets = 10) {
-  return fragment([=](uint32_t media) {
+/// Ten pictures of 10 ticks from `videoTime` on, composed 20 ticks later, and ten packets of 5 ticks (10 ms) from
+/// `soundTime` on, composed so much later.
+Bytes both(uint32_t videoTime, uint32_t soundTime, int32_t soundOffset = 0) {
+  const auto run = [](uint32_t media, int32_t offset) {
     Bytes entries;
-    for (uint32_t i = 0; i < pictures; ++i) ByteWriter(entries).uint32(20);
-    const Bytes run = box("trun", {values({0x801, pictures, media}), entries});
-    return joined({traf({tfhd(0x20000, {1}), tfdt(videoTime), run}),
-                   traf({tfhd(0x20000, {2}), tfdt(soundTime), trun(0x1, {packets, media + 30})})});
+    for (int i = 0; i < 10; ++i) ByteWriter(entries).uint32(static_cast<uint32_t>(offset));
+    return box("trun", {values({0x1000801, 10, media}), entries});
+  };
+  return fragment([=](uint32_t media) {
+    return joined({traf({tfhd(0x20000, {1}), tfdt(videoTime), run(media, 20)}),
+                   traf({tfhd(0x20000, {2}), tfdt(soundTime), run(media + 30, soundOffset)})});
   });
 }
 
@@ -269,6 +272,12 @@ TEST_F(FragmentsTest, EditsShowTheSameAtTheSameTime) {
       {"no lists, both late", {}, both(1000, 500), "20 from -1, 100 from 20", "", 120},
       {"no lists, the sound late", {}, both(0, 500), "100 from 20", "980 from -1, 100 from 0", 1080},
       {"lists to the end", {{{toEnd, 20}}, {{toEnd, 2}}}, both(0, 0), "100 from 20", "96 from 2", 100},
+      {"sound is shown when it is decoded",
+       {{{toEnd, 20}}, {{toEnd, 2}}},
+       both(0, 0, -4),
+       "100 from 20",
+       "96 from 2",
+       100},
       {"lists from a late time on",
        {{{toEnd, 1020}}, {{toEnd, 502}}},
        both(1000, 500),
@@ -395,12 +404,16 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
   };
   const Bytes local = box("sgpd", {values({1U << 24}), bytesFrom("'roll'"), values({2, 1}), bytesFrom("FFFF")});
   const Bytes grouped = fragment([&](uint32_t media) {
-    return traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001), group("what", 1)});
+    const Bytes subs = fullBox("subs", {0});
+    const Bytes live = box("uuid", {bytesFrom("6D1D9B05 42D544E6 80E2141D AFF757B2"), numbered(20)});
+    return traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001), group("what", 1), subs, live,
+                 unknown, box("free")});
   });
   const Bytes movie = joined({start.bytes, box("styp"), box("sidx"), uuid, box("prft"), box("emsg"),
                               simpleFragment(0, 2), box("emsg"), grouped, grouped, box("mfra"), Bytes(50)});
   EXPECT_EQ(join(movie),
-            "2 event messages (emsg) are left out; Sample groups of track 2 of the kind 'what' are left out");
+            "2 event messages (emsg) are left out; Sample groups of track 2 of the kind 'what' are left out; What the "
+            "fragments of track 2 say of its samples in boxes of the kind 'abcd', 'subs' is left out");
   const BoxEditor result(written());
   std::vector<std::string> types;
   for (const auto& [type, bytes] : topLevel(result.bytes)) types.push_back(type);
@@ -428,21 +441,6 @@ TEST_F(FragmentsTest, SyncSamplesOfTheMoovMayStandInAnyOrder) {
   start.insert(sampleTable, start.at(sampleTable + "/stts").offset, fullBox("stss", {2, 3, 1}));
   EXPECT_EQ(join(movieOf(start.bytes, simpleFragment(30, 2))), "");
   EXPECT_EQ(BoxEditor(written()).get(sampleTable + "/stss"), fullBox("stss", {3, 1, 3, 4}));
-}
-
-TEST_F(FragmentsTest, LongPlacesOfTheMoovStayLong) {
-  BoxEditor start(beginning({.samples = 3}));
-  const Bytes fragments = simpleFragment(30, 2);
-  EXPECT_EQ(join(movieOf(start.bytes, fragments)), "");
-  const std::string samples = samplesOf(files_, file_);
-  const auto stco = start.all(sampleTable + "/stco").front();
-  ASSERT_EQ(start.field(stco.offset + 12), 1U);
-  start.replace(stco, fullBox("co64", {1, 0, start.field(stco.offset + 16)}));
-  EXPECT_EQ(join(movieOf(start.bytes, fragments)), "");
-  EXPECT_EQ(samplesOf(files_, file_), samples);
-  const BoxEditor result(written());
-  EXPECT_EQ(result.all(sampleTable + "/co64").size(), 1U);
-  EXPECT_EQ(result.all("moov/trak/mdia/minf/stbl/stco").size(), 1U) << "the sound's";
 }
 
 /// A box whose header cannot be read is not the end of the movie.

@@ -288,5 +288,20 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
   }
 }
 
+/// A moov may have a 64-bit size (ISO/IEC 14496-12 4.2), which a repair does not rewrite.
+TEST_F(InspectTest, WhatIsAllowedAndNotRewrittenIsNotCalledDamaged) {
+  BoxEditor movie(damagedMovie("avc3 without avcC"));
+  const auto moov = movie.at("moov");
+  ASSERT_EQ(moov.offset + moov.size, movie.bytes.size()) << "no chunk moves";
+  Bytes length(8);
+  for (size_t i = 0; i < 4; ++i) length[4 + i] = static_cast<uint8_t>((moov.size + 8) >> (24 - 8 * i));
+  movie.bytes.insert(movie.bytes.begin() + static_cast<std::ptrdiff_t>(moov.offset) + 8, length.begin(), length.end());
+  movie.setField(moov.offset, 1);
+  const Inspection inspection = inspectBytes(movie.bytes);
+  EXPECT_THAT(inspection.warnings, testing::Contains(testing::AllOf(testing::HasSubstr("its index cannot be rewritten"),
+                                                                    testing::HasSubstr("64-bit"),
+                                                                    testing::Not(testing::HasSubstr("damaged")))));
+}
+
 }  // namespace
 }  // namespace tarn::test

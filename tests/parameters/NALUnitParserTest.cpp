@@ -61,6 +61,9 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
     EXPECT_EQ(detect(file, samples_), size);
     EXPECT_EQ(file.offset(), 3u);
   }
+  // Of a track three samples vote: neither the first alone, nor all.
+  auto& file = lay({four, two, two, four, four});
+  EXPECT_EQ(ParameterScan(VideoCodec::hevc, ParameterScan::Purpose::plan, samples_).detectNALLengthSize(file), 2);
 }
 
 TEST_F(NALUnits, HEVCSetsAreCollectedOnceAndReusedIdentifiersNoticed) {

@@ -8,6 +8,7 @@
 #include "parameters/PictureReader.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
+#include "support/ParameterSetBuilder.h"
 
 namespace tarn {
 namespace {
@@ -119,6 +120,79 @@ TEST_F(PictureReaderTest, BytesThatAreNoUnitAreNotTakenForOne) {
     EXPECT_LT(slices, isHEVC ? 20 : 200);
     EXPECT_FALSE(reader->read({}));
   }
+}
+
+/// An AVC PPS, and the front of a slice under it and AVCSPS: of an IDR picture, or of a reference that P slices make
+/// up.
+Bytes avcPPS(uint32_t sliceGroupsMinus1 = 0) {
+  BitBuilder pps;
+  pps.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(sliceGroupsMinus1).ue(0).ue(0).bits(0, 3).se(0).se(0).se(0);
+  return pps.bits(0b100, 3).bits(1, 1).bytes();  // the deblocking is told
+}
+
+struct AVCSlice {
+  bool isIDR = false;
+  uint32_t lsb = 0;
+  uint32_t reorderings = 0;
+  std::vector<uint32_t> markings = {};
+  int32_t quantizer = 0;
+  uint32_t deblocking = 0;
+  int32_t offset = 6;
+  bool listsEnd = true;
+
+  Bytes bytes() const {
+    BitBuilder slice;
+    slice.bits(isIDR ? 0x65 : 0x41, 8).ue(0).ue(isIDR ? 7 : 5).ue(0).bits(0, 4);
+    if (isIDR) slice.ue(0);
+    slice.bits(lsb, 6);
+    if (!isIDR) slice.bits(0, 1).bits(reorderings > 0, 1);
+    for (uint32_t i = 0; i < reorderings; ++i) slice.ue(0).ue(0);
+    if (reorderings > 0 && listsEnd) slice.ue(3);
+    isIDR ? slice.bits(0, 2) : slice.bits(!markings.empty(), 1);
+    for (const uint32_t marking : markings) marking == 5 ? slice.ue(5) : slice.ue(marking).ue(0);
+    if (!markings.empty() && listsEnd) slice.ue(0);
+    slice.se(quantizer).ue(deblocking);
+    if (deblocking != 1) slice.se(offset).se(-offset);
+    return slice.bits(1, 1).bits(0x55, 8).bytes();
+  }
+};
+
+TEST_F(PictureReaderTest, ASliceIsOneWhereItsHeaderSaysWhatTheStandardAllows) {
+  ParameterSets sets;
+  sets.spsArray = {AVCSPS{}.bytes()};
+  sets.ppsArray = {avcPPS()};
+  const auto reader = PictureReader::make(VideoCodec::avc, sets);
+  const std::pair<AVCSlice, bool> cases[] = {
+      {{.isIDR = true}, true},
+      {{}, true},
+      {{.deblocking = 1, .offset = 7}, true},
+      {{.deblocking = 2}, true},
+      {{.deblocking = 3}, false},
+      {{.offset = 7}, false},
+      {{.offset = -7}, false},
+      {{.quantizer = 87}, true},
+      {{.quantizer = 88}, false},
+      {{.reorderings = 64}, true},
+      {{.reorderings = 65, .listsEnd = false}, false},
+      {{.markings = std::vector<uint32_t>(64, 1)}, true},
+      {{.markings = std::vector<uint32_t>(65, 1), .listsEnd = false}, false},
+      {{.markings = {7}}, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(reader->read(c.first.bytes()).has_value(), c.second) << "case " << &c - cases;
+  }
+  // The count begins anew with an IDR picture, and behind one that says so itself.
+  const auto orderOf = [&](const AVCSlice& slice) {
+    return reader->order(reader->read(slice.bytes()).value()).value();
+  };
+  EXPECT_EQ(orderOf({.isIDR = true}), (PictureOrder{1, 0}));
+  EXPECT_EQ(orderOf({.lsb = 20}), (PictureOrder{1, 20}));
+  EXPECT_EQ(orderOf({.lsb = 40, .markings = {5}}), (PictureOrder{2, 0}));
+  EXPECT_EQ(orderOf({.lsb = 4}), (PictureOrder{2, 4}));
+
+  sets.ppsArray = {avcPPS(1)};
+  EXPECT_EQ(failureOf([&] { PictureReader::make(VideoCodec::avc, sets); }),
+            "The pictures are divided into slice groups, which are not read");
 }
 
 TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {

@@ -202,9 +202,11 @@ TEST_F(ProcessingDriverTest, FlagsAreDerivedBehindTheFragmentsStep) {
 TEST_F(ProcessingDriverTest, ARunThatStartsOverAsksForAllThatTheRequestDid) {
   JoiningStep step(notes_);
   fragments_ = &step;
+  state_.needsAudioTranscode = false;
   deriveFlags_ = [](FileManager&, ProcessingState& record) {
     record.areFlagsFinal = true;
     record.needsRemuxing = false;
+    record.needsAudioTranscode = true;
     record.skipAVSync = true;
   };
   disturb_ = [](ProcessingRun& run) {
@@ -341,12 +343,13 @@ TEST_F(ProcessingDriverTest, AFullDiskIsSeenThoughTheWorkerMakesAnotherFailureOf
 // A record may have lost the names of its temp files; and the video may be called like one of them.
 TEST_F(ProcessingDriverTest, TheNamesInTheRecipeTellWhetherTheSoundWasSwapped) {
   state_.fileURL.replace_filename("clip_fixed.mp4");
-  for (const bool wasSwapped : {true, false}) {
-    SCOPED_TRACE(wasSwapped);
+  for (const std::string when : {"behind the swap", "ahead of it", "ahead of the new sound"}) {
+    SCOPED_TRACE(when);
+    const bool wasSwapped = when == "behind the swap", hasSound = when != "ahead of the new sound";
     state_.stage = downloaded;
     disturb_ = [&](ProcessingRun& run) {
-      const Path documents = run.fileURL.parent_path(), fixed = documents / "x_fixed.mp4";
-      run.files.open(documents / "x.m4a", OpenMode::exclusive)->write(bytesOf("sound"));
+      const Path documents = run.fileURL.parent_path(), fixed = documents / (hasSound ? "x_fixed.mp4" : "x.mp4");
+      if (hasSound) run.files.open(documents / "x.m4a", OpenMode::exclusive)->write(bytesOf("sound"));
       run.files.open(fixed, OpenMode::exclusive)->write(bytesOf("repaired"));
       run.files.synchronizeDirectory(documents);
       if (wasSwapped) run.files.replaceItem(run.fileURL, fixed);

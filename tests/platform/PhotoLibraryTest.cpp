@@ -80,7 +80,14 @@ TEST_P(PhotoLibraryTest, AssetsAreRenamedMovedDeletedAndRecovered) {
   const auto trips = makeAlbum(*library_, "Trips");
   const auto home = makeAlbum(*library_, "Home");
   join(*library_, trips, {{a}, {b}});
-  const auto expectContents = [&](const std::string& expected) { EXPECT_EQ(contents(*library_), expected); };
+  const auto expectContents = [&](const std::string& expected) {
+    EXPECT_EQ(contents(*library_), expected);
+    std::string one;
+    for (const std::string& asset : {a, b, std::string("unknown")}) {
+      if (const auto found = library_->fetchAsset(asset)) one += " " + found->filename;
+    }
+    EXPECT_TRUE(contents(*library_).find("all:" + one) != std::string::npos) << one;
+  };
 
   rename(*library_, a, "up/../c.mp4");
   expectContents("Trips: up_.._c.mp4 b.mp4\nHome:\nall: up_.._c.mp4 b.mp4\n");
@@ -88,6 +95,28 @@ TEST_P(PhotoLibraryTest, AssetsAreRenamedMovedDeletedAndRecovered) {
   expectContents("Trips: up_.._c.mp4\nHome: b.mp4\nall: up_.._c.mp4 b.mp4\n");
   EXPECT_EQ(library_->fetchAssetCollectionsContaining(b).at(0).title, "Home");
   join(*library_, trips, {{b}});
+  using Steps = std::vector<bool (PHChangeBlock::*)(const std::string&, const std::vector<PHObjectPlaceholder>&)>;
+  const auto add = &PHChangeBlock::addAssets;
+  const auto remove = &PHChangeBlock::removeAssets;
+  for (const auto& [steps, isIn] :
+       {std::pair(Steps{remove, add}, true), std::pair(Steps{add, remove}, false),
+        std::pair(Steps{add, remove, add, add}, true), std::pair(Steps{remove, remove}, false),
+        std::pair(Steps{add, remove, add, remove}, false), std::pair(Steps{add}, true)}) {
+    library_->performChangesAndWait([&, all = steps](PHChangeBlock& block) {
+      for (const auto step : all) EXPECT_TRUE((block.*step)(trips, {{a}}));
+    });
+    expectContents(isIn ? "Trips: b.mp4 up_.._c.mp4\nHome: b.mp4\nall: up_.._c.mp4 b.mp4\n"
+                        : "Trips: b.mp4\nHome: b.mp4\nall: up_.._c.mp4 b.mp4\n");
+    const auto placed = library_->fetchAsset(a)->path.native();
+    EXPECT_EQ(placed.ends_with("Trips/up_.._c.mp4"), isIn) << "it keeps its name: " << placed;
+  }
+  library_->performChangesAndWait([&](PHChangeBlock& block) {
+    block.removeAssets(trips, {{b}});
+    block.addAssets(trips, {{b}});
+    block.changeRequestForAsset(b)->setFilename("d.mp4");
+  });
+  expectContents("Trips: up_.._c.mp4 d.mp4\nHome: d.mp4\nall: up_.._c.mp4 d.mp4\n");
+  rename(*library_, b, "b.mp4");
 
   library_->performChangesAndWait([&](PHChangeBlock& block) { block.deleteAssets({{a}, {b}, {a}}); });
   library_->performChangesAndWait([&](PHChangeBlock& block) { block.recoverAssets({{b}, {b}}); });

@@ -7,14 +7,15 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "platform/memory/ScriptedURLSession.h"
-#include "plugin/CountedApplication.h"
 #include "plugin/SavingStep.h"
 #include "plugin/TarnBridgePlugin.h"
 #include "support/FaultyFileManager.h"
@@ -52,6 +53,33 @@ struct ModelStep {
 
 std::string text(const std::vector<ModelStep>& steps);
 std::vector<ModelStep> drawSteps(uint32_t seed, size_t count);
+
+/// Counts the background time that was given out and not given back.
+class CountedApplication : public HostApplication {
+ public:
+  using HostApplication::HostApplication;
+
+  UIBackgroundTaskIdentifier beginBackgroundTask(const std::string& name, std::function<void()> expiration) override {
+    const auto task = HostApplication::beginBackgroundTask(name, std::move(expiration));
+    std::lock_guard guard(mutex_);
+    if (task != UIBackgroundTaskInvalid) held_.insert(task);
+    return task;
+  }
+  void endBackgroundTask(UIBackgroundTaskIdentifier task) override {
+    HostApplication::endBackgroundTask(task);
+    std::lock_guard guard(mutex_);
+    held_.erase(task);
+  }
+
+  size_t held() {
+    std::lock_guard guard(mutex_);
+    return held_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::set<UIBackgroundTaskIdentifier> held_;
+};
 
 /// The real engine with its plug-in on a platform in memory, what happens to it, and what it owes to each download. It
 /// may be called from several threads.

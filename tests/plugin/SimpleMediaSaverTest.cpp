@@ -4,6 +4,7 @@
 #include "platform/memory/ManualDispatch.h"
 #include "plugin/SimpleMediaSaver.h"
 #include "support/FailureOf.h"
+#include "support/FaultyServices.h"
 #include "support/ManualClock.h"
 #include "support/TestHome.h"
 
@@ -41,34 +42,40 @@ TEST_F(SimpleMediaSaverTest, EveryFailureSaysWhatIsMissingAndLeavesWhatWasDone) 
     return "No placeholder for asset creation request, or no asset request (check if video exists at " +
            fileURLText(source) + ")";
   };
-  const Path missing = home_ / "missing.mp4";
-  struct Row {
-    std::string error;  ///< empty when the save succeeds
-    InMemoryPhotoLibrary::Failures failures;
-    size_t assets, albums;
-    Path source;
-  };
-  const Row rows[] = {
-      {noAsset(source_), {.noAssetPlaceholder = true}, 0, 0, source_},
-      {noAsset(missing), {}, 0, 0, missing},
-      {"The change was refused", {.failingChange = 1}, 0, 0, source_},
-      {"Failed to create album: The change was refused", {.failingChange = 2}, 1, 0, source_},
-      {"Failed to create album: Failed to create album", {.noAlbumPlaceholder = true}, 1, 0, source_},
-      {"Failed to create album: No created asset", {.createdAlbumNotFetched = true}, 1, 1, source_},
-      {"The change was refused", {.failingChange = 3}, 1, 1, source_},
-      {"", {.noAlbumChangeRequest = true}, 1, 1, source_},
-  };
-  for (const auto& [error, failures, assets, albums, source] : rows) {
-    SCOPED_TRACE(error);
+  const std::string fault = PosixError(EIO, "fault of a test").description(), noAlbum = "Failed to create album: ";
+  // Of each call to the library in its turn: how the save fails then, and how many assets and albums are there.
+  const std::tuple<std::string, size_t, size_t> rows[] = {{fault, 0, 0},
+                                                          {noAsset(source_), 0, 0},
+                                                          {noAsset(source_), 0, 0},
+                                                          {fault, 0, 0},
+                                                          {fault, 1, 0},
+                                                          {noAlbum + fault, 1, 0},
+                                                          {noAlbum + "Failed to create album", 1, 0},
+                                                          {noAlbum + fault, 1, 0},
+                                                          {noAlbum + fault, 1, 1},
+                                                          {noAlbum + "No created asset", 1, 1},
+                                                          {fault, 1, 1},
+                                                          {"", 1, 1},
+                                                          {fault, 1, 1}};
+  for (uint64_t call = 1; call <= std::size(rows); ++call) {
+    SCOPED_TRACE(call);
+    const auto& [error, assets, albums] = rows[call - 1];
     InMemoryPhotoLibrary library(files_, dispatch_);
-    library.setFailures(failures);
-    EXPECT_EQ(failureOf([&, source = source] { save(library, source); }), error);
+    FaultyCalls calls;
+    FaultyPhotoLibrary faulty(library, calls);
+    calls.arm(call, false);
+    EXPECT_EQ(failureOf([&] { save(faulty, source_); }), error);
     EXPECT_EQ(library.fetchAllAssets().size(), assets);
     const auto made = library.fetchAssetCollections("Trips");
     EXPECT_EQ(made.size(), albums);
     EXPECT_TRUE(made.empty() || library.fetchAssets(made[0], std::nullopt).empty());
-    EXPECT_FALSE(SimpleMediaSaver::checkIfFileExistsInAlbum(library, "any", "Trips"));
   }
+  InMemoryPhotoLibrary library(files_, dispatch_);
+  EXPECT_EQ(failureOf([&] { save(library, home_ / "missing.mp4"); }), noAsset(home_ / "missing.mp4"));
+  FaultyCalls calls;
+  FaultyPhotoLibrary withoutAlbum(library, calls);
+  calls.arm(3, false);
+  EXPECT_FALSE(SimpleMediaSaver::checkIfFileExistsInAlbum(withoutAlbum, "any", "Trips"));
 }
 
 }  // namespace

@@ -116,6 +116,15 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
          m.audio.edits.insert(m.audio.edits.begin(), {45, -1});
        },
        {}},
+      {"a movie of one picture moves",
+       [](Movie& m) {
+         m.video.edits = {{40, 80}};
+       },
+       [](Movie& m) {
+         m.video.edits = {{45, -1}, {40, 80}};
+         m.audio.edits.insert(m.audio.edits.begin(), {45, -1});
+       },
+       {}},
       {"a pause is lost",
        audioList({{200, 1000}, {100, -1}, {180, 11000}}),
        nothing,

@@ -231,6 +231,45 @@ TEST_F(LostMoovTest, SoundDoesNotRunAheadOfThePictures) {
   EXPECT_NE(said.find("8.0 s of pictures and 20."), std::string::npos) << said;
 }
 
+/// Another track whose pieces have a thousand lengths, and media in which each of them has to be tried.
+TEST_F(LostMoovTest, AHealthyMovieThatMakesTheWalkLookAtAllBytesAgainAndAgainIsRefused) {
+  const Path file = recording(8, 30, avc);
+  BoxEditor like(readFile(files_, recording(6, 200, avc)));
+  constexpr uint32_t lengths = 1000;
+  Bytes sizes, places;
+  for (uint32_t i = 1; i <= lengths; ++i) {
+    sizes = joined({sizes, values({i})});
+    places = joined({places, values({i * 2 * lengths})});
+  }
+  const auto moov = like.at("moov");
+  like.insert(
+      "moov", moov.end(),
+      trackBox("text", {fullBox("stsd", {0}), fullBox("stts", {1, lengths, 1}), fullBox("stsc", {1, 1, 1, 1}),
+                        box("stsz", {values({0, 0, lengths}), sizes}), box("stco", {values({0, lengths}), places})}));
+  writeFileAtomically(files_, directory_ / "odd.mp4", like.bytes);
+  const Packet first = ProbedMovie(file).media.at("video").front();
+  const Bytes whole = readFile(files_, file);
+  Bytes broken{0, 0, 0, 16, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 0, 0, 0, 0, 0, 0, 'm', 'd', 'a', 't'};
+  for (int i = 0; i < 100; ++i) {
+    broken.insert(broken.end(), whole.begin() + first.place, whole.begin() + first.place + first.size);
+    broken.insert(broken.end(), lengths, 0xFF);
+  }
+  EXPECT_NE(refusal(broken, directory_ / "odd.mp4").find("cannot be told apart"), std::string::npos);
+}
+
+/// Shorter pictures than a tick have no place in the tables.
+TEST_F(LostMoovTest, PicturesAreNotMadeShorterThanATick) {
+  BoxEditor like(readFile(files_, recording(6, 200, "-c:v libx264 -bf 0 -g 50 -c:a aac -ac 2")));
+  const std::string media = "moov/trak/mdia/";
+  like.setField(like.at(media + "mdhd").offset + 20, 25);
+  like.setField(like.at(media + "mdhd").offset + 24, 151);
+  like.replace(like.at(media + "minf/stbl/stts"), fullBox("stts", {3, 70, 1, 1, 2, 79, 1}));
+  writeFileAtomically(files_, directory_ / "odd.mp4", like.bytes);
+  const Path faster = recording(8, 30, "-c:v libx264 -bf 0 -g 50 -c:a aac -ac 2", "s=192x144:r=30");
+  const std::string words = refusal(withoutMoov(faster), directory_ / "odd.mp4");
+  EXPECT_NE(words.find("9.7 s of pictures and 8.0 s of sound"), std::string::npos) << words;
+}
+
 TEST_F(LostMoovTest, AWrongHealthyMovieIsRefused) {
   const Bytes brokenAVC = withoutMoov(recording(8, 30, avc)), brokenHEVC = withoutMoov(recording(8, 30, hevc));
   const std::string mono = "-c:v libx264 -bf 2 -g 50 -c:a aac -ac 1";

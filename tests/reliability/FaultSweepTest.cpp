@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/host/PosixFileManager.h"
 #include "reliability/WholeRun.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
+#include "support/ProbedMovie.h"
 
 namespace tarn::test {
 namespace {
@@ -39,9 +39,7 @@ const Recording recordings[] = {
 };
 
 Bytes made(const Recording& recording) {
-  const Path file = madeByFFmpeg(words(std::string(input) + recording.arguments + options));
-  PosixFileManager files(file.parent_path());
-  Bytes bytes = readFile(files, file);
+  Bytes bytes = contentsOf(madeByFFmpeg(words(std::string(input) + recording.arguments + options)));
   if (recording.hiddenBox) {
     const ByteView hidden = bytesOf(recording.hiddenBox);
     const auto type = std::search(bytes.begin(), bytes.end(), hidden.begin(), hidden.end());

@@ -230,7 +230,7 @@ class RepairProperties : public testing::Test {
     const Inspection promise = inspected(file);
     SCOPED_TRACE(inspectionText(promise));
     using Kind = FragmentsForecast::Kind;
-    const bool isRefused = !promise.hasMovie || promise.fragments.kind == Kind::refuses;
+    const bool isRefused = promise.refusal || !promise.hasMovie || promise.fragments.kind == Kind::refuses;
     const int code = repair(file, out);
     EXPECT_EQ(code, isRefused ? 1 : promise.fragments.kind == Kind::keepsPart ? 5 : 0);
     EXPECT_EQ(files_.fileExists(out), code != 1);

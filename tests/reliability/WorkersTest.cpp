@@ -122,8 +122,9 @@ TEST_P(WorkersTest, KeepEveryByteOfTheMediaInEveryLayout) {
   longOffsets.useLongOffsets();
   BoxEditor editor(intact_.moov);
   for (const std::string& parent : {std::string(sampleTable), std::string("moov/trak"), std::string("moov")}) {
-    editor.insert(parent, editor.at(parent).offset + 8, box("wxyz", {Bytes(20, 7)}));
+    editor.insert(parent, editor.at(parent).offset + 8, longBox("wxyz"));
     editor.insert(parent, editor.at(parent).end(), box("uuid", {Bytes(24, 9)}));
+    editor.insert(parent, editor.at(parent).end(), box("\xFF\xFE\xFD\xFC"));
   }
   odd.moov = editor.bytes;
   const auto chunks = intact_.chunks();

@@ -11,66 +11,8 @@ namespace tarn {
 namespace {
 
 using namespace test;
-using Kind = MovieLayout::Piece::Kind;
 
 class SeveralEntries : public RemuxTest {};
-
-TEST_F(SeveralEntries, AreMadeForEachSegmentOfRealStreams) {
-  const std::string sound = "-f lavfi -i sine=r=48000 -map 0 -map 1 -c:a aac", small = "192x144", large = "256x160";
-  const std::string one = "avc1 192x144 1/100/1 stco 1 ", two = "1/1/1 51/1/2 stco 100 ",
-                    three = "1/1/1 51/1/2 101/1/3 stco 150 ";
-  struct {
-    bool isHEVC;
-    std::vector<std::string> sizes;
-    std::string result;
-    bool isMoovAhead = true;
-    std::string more = "", secondParameters = "";
-    bool hasLongOffsets = false, keepsRecord = false;
-  } cases[] = {
-      {true, {small, large}, "hvc1 192x144 hvc1 256x160 " + two, false},
-      {true, {small, small}, "hvc1 192x144 hvc1 192x144 " + two, true, "", ":ctu=16"},
-      {true, {small, large, small}, "hvc1 192x144 hvc1 256x160 hvc1 192x144 " + three},
-      {true, {small, large}, "hvc1 192x144 hvc1 256x160 " + two, true, sound},
-      {true, {small, large}, "hvc1 192x144 hvc1 256x160 " + two, true, sound, "", true},
-      {false, {small, large}, "avc1 192x144 avc1 256x160 " + two, false},
-      {false, {small, large}, "avc1 192x144 avc1 256x160 " + two, true, "", ":sps-id=1"},
-      {false, {large, small, large}, "avc1 256x160 avc1 192x144 avc1 256x160 " + three},
-      {false, {small, large}, "avc1 192x144 avc1 256x160 " + two, true, sound},
-      {false, {small, large}, "avc1 192x144 avc1 256x160 " + two, true, "", "", false, true},
-      // One entry is enough where the size stays and no identifier comes again with other content.
-      {false, {small, small}, one, true, "", ":sps-id=1:ref=3"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    std::vector<VideoRecipe> parts;
-    std::string pictures;
-    for (const std::string& size : c.sizes) {
-      VideoRecipe part = inBand(c.isHEVC, size);
-      if (parts.size() == 1) part.parameters += c.secondParameters;
-      part.more = words(c.more);
-      pictures += pictureHashes(encodedVideo(part));
-      parts.push_back(part);
-    }
-    MovieLayout layout(readFile(files_, joinedVideo(parts)));
-    if (c.hasLongOffsets) layout.useLongOffsets();
-    Bytes whole =
-        c.isMoovAhead ? layout.moovAhead() : layout.build({{Kind::raw, layout.ftyp}, {Kind::mdat}, {Kind::moov}});
-    Bytes before = c.keepsRecord ? whole : withoutParameterSets(whole, c.isHEVC);
-    timings_.reset();
-    expectRepaired(c.isHEVC, before, sampleHashes(joinedVideo(parts)));
-    EXPECT_EQ(pictureHashes(file_), pictures);
-    EXPECT_EQ(std::ranges::count(pictures, '\n'), 50 * static_cast<ptrdiff_t>(parts.size()));
-    EXPECT_EQ(timings_->isMultipleSampleEntries, c.result != one);
-    EXPECT_EQ(describe(written()), c.result);
-    for (const std::string& kept : {sampleTable + "/stts",
-                                    sampleTable + "/ctts",
-                                    sampleTable + "/stss",
-                                    sampleTable + "/stsz",
-                                    {"moov/trak/tkhd"}}) {
-      EXPECT_EQ(BoxEditor(written()).get(kept), BoxEditor(before).get(kept)) << kept;
-    }
-  }
-}
 
 TEST_F(SeveralEntries, TakeThePlacesOfTheOldTables) {
   const Bytes stsd = box("stsd", {Bytes(9)}), stsc = box("stsc", {Bytes(5)}), co64 = box("co64", {Bytes(3)});

@@ -9,6 +9,7 @@
 #include "remux/RemuxFixture.h"
 #include "remux/RemuxStep.h"
 #include "support/ParameterSetBuilder.h"
+#include "support/ProbedMovie.h"
 #include "support/RunRecorder.h"
 
 namespace tarn {
@@ -16,7 +17,6 @@ namespace {
 
 using namespace test;
 using Units = std::vector<Bytes>;
-using Kind = MovieLayout::Piece::Kind;
 
 /// What a run warned of, a line each.
 std::string warningsOf(const ProcessingRun& run) {
@@ -360,9 +360,9 @@ TEST_F(VideoRoad, LeavesWhatItHasRepairedAloneWhateverCarriesTheSets) {
 /// Turns the parameter sets of some sync samples into filler data.
 void hideSets(Bytes& movie, const Path& like, bool isHEVC, const std::function<bool(size_t sync)>& isHidden) {
   size_t number = 0;
-  for (const auto& [index, offset] : syncSamples(like)) {
-    if (!isHidden(number++)) continue;
-    for (size_t at = offset;; at += 4 + *readUInt32(movie, at)) {
+  for (const Packet& packet : packetsOf(like, false).at("video")) {
+    if (packet.flags[0] != 'K' || !isHidden(number++)) continue;
+    for (size_t at = static_cast<size_t>(packet.place);; at += 4 + *readUInt32(movie, at)) {
       uint8_t& header = movie.at(at + 4);
       const int type = isHEVC ? header >> 1 & 63 : header & 31;
       const bool isSet = isHEVC ? type >= 32 && type <= 34 : type == 7 || type == 8;
@@ -409,54 +409,6 @@ TEST_F(VideoRoad, MendsRealStreamsThatChange) {
     EXPECT_EQ(decoderComplaints(file_), "");
     EXPECT_EQ(BoxEditor(written()).get("mdat"), BoxEditor(movie).get("mdat"));
   }
-}
-
-TEST_F(VideoRoad, StepsOverWhatIsOdd) {
-  const Path clip = encodedVideo(inBand(true));
-  MovieLayout layout(readFile(files_, clip));
-  layout.moov = withoutParameterSets(layout.moov, true);
-  BoxEditor beside(layout.moov), sync(layout.moov);
-  for (std::string parent : {sampleTable, {"moov/trak"}, {"moov"}}) {
-    beside.insert(parent, beside.at(parent).offset + 8, longBox("wxyz"));
-    beside.insert(parent, beside.at(parent).offset + 8, box("\xFF\xFE\xFD\xFC"));
-  }
-  const auto stss = sync.at(sampleTable + "/stss");
-  sync.setField(stss.end() - 4, 1000);
-  const Bytes junk = bytesFrom("'What was here before this movie, as a writer that is not tidy leaves it.'");
-  const std::pair<Bytes, Bytes> cases[] = {
-      {layout.moov, junk}, {layout.moov, Bytes(5, 9)}, {beside.bytes, {}}, {sync.bytes, junk}};
-  const std::string frames = frameHashes(clip);
-  for (const auto& [moov, tail] : cases) {
-    for (auto [first, second] : {std::pair(Kind::moov, Kind::mdat), {Kind::mdat, Kind::moov}}) {
-      layout.moov = moov;
-      EXPECT_EQ(follow(layout.build({{Kind::raw, layout.ftyp}, {first}, {second}, {Kind::raw, tail}})), "");
-      EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "hvc1");
-      EXPECT_EQ(frameHashes(file_), frames);
-      const Bytes result = written();
-      EXPECT_TRUE(std::ranges::equal(tail, ByteView(result).last(tail.size())));
-    }
-  }
-}
-
-TEST_F(VideoRoad, FindsAMoovFarBehind) {
-  BoxEditor movie(readFile(files_, encodedVideo({.codec = "libx264"})));
-  movie.rename(sampleTable + "/stsd/avc1", "avc3");
-  constexpr uint32_t gap = 300 << 20;
-  write(Bytes());
-  auto file = files_.open(file_, OpenMode::updating);
-  const size_t moov = movie.at("moov").offset;
-  file->write(ByteView(movie.bytes).first(moov));
-  file->write(boxClaiming(gap, "free"));
-  file->seek(moov + gap);
-  file->write(ByteView(movie.bytes).subspan(moov));
-  file->close();
-  FaultyFileManager counting(files_);
-  counting.arm({.call = UINT64_MAX, .among = {FileOperation::flush}});
-  RunRecorder recorder;
-  ProcessingRun run = recorder.runOn(counting, file_);
-  RemuxStep().run(run);
-  EXPECT_EQ(probeVideo(file_, "codec_tag_string"), "avc1");
-  EXPECT_EQ(counting.calls(), 1u) << "the tag is on the disk";
 }
 
 TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnowAndEndsWhereItIsCancelled) {

@@ -158,8 +158,6 @@ TEST_F(HostRequestsTest, EachRouteCallsItsMethodAndGivesItsAnswer) {
     }
   }
   EXPECT_EQ(statusOf(send("POST", "downloads", R"({"url":")" + std::string(60'000, 'u') + "\"}")), 200);
-  EXPECT_EQ(statusOf(send("POST", "library/A", R"({"action":"rename","filename":")" + std::string(5'000, 'u') + "\"}")),
-            413);
   EXPECT_THAT(get("bridge/native.js"), HasSubstr(R"("methods":["getHistory","getTransfers",)"));
 }
 

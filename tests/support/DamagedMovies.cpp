@@ -3,19 +3,14 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "platform/host/PosixFileManager.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
+#include "support/ProbedMovie.h"
 
 namespace tarn::test {
 namespace {
 
 const std::string stsd = sampleTable + "/stsd/";
-
-Bytes contents(const Path& file) {
-  PosixFileManager files{std::filesystem::temp_directory_path()};
-  return readFile(files, file);
-}
 
 VideoRecipe withLateSound(VideoRecipe recipe) {
   recipe.more = {"-itsoffset", "0.3",  "-f",  "lavfi", "-i", "sine=r=48000:d=2", "-map", "0", "-map",
@@ -26,7 +21,7 @@ VideoRecipe withLateSound(VideoRecipe recipe) {
 /// Two seconds with B-frames and sound of two channels; `more` is what else ffmpeg shall do.
 Bytes withSound(const std::string& more = "-c:a aac") {
   const std::string inputs = "-f lavfi -i sine=r=48000:d=2 -map 0:v -map 1:a -ac 2 ";
-  return contents(encodedVideo({.parameters = "b-adapt=0", .more = words(inputs + more)}));
+  return contentsOf(encodedVideo({.parameters = "b-adapt=0", .more = words(inputs + more)}));
 }
 
 Bytes cutOff(Bytes movie) {
@@ -69,23 +64,23 @@ Bytes withoutParameterSets(const Bytes& movie, bool isHEVC) {
 
 const std::vector<DamagedMovie>& damagedMovies() {
   static const std::vector<DamagedMovie> movies = [] {
-    const Bytes hevc = contents(encodedVideo(inBand(true)));
-    const Bytes avc = contents(encodedVideo(inBand(false)));
+    const Bytes hevc = contentsOf(encodedVideo(inBand(true)));
+    const Bytes avc = contentsOf(encodedVideo(inBand(false)));
     const auto ofTwoSizes = [](bool isHEVC) {
-      return contents(joinedVideo({inBand(isHEVC), inBand(isHEVC, "256x160")}));
+      return contentsOf(joinedVideo({inBand(isHEVC), inBand(isHEVC, "256x160")}));
     };
     return std::vector<DamagedMovie>{
         {"hev1 with an empty hvcC", withoutParameterSets(hevc, true)},
         {"avc3 without avcC", withoutParameterSets(avc, false)},
-        {"hev1 with late sound", withoutParameterSets(contents(encodedVideo(withLateSound(inBand(true)))), true)},
-        {"avc1 with late sound", contents(encodedVideo(withLateSound(inBand(false))))},
+        {"hev1 with late sound", withoutParameterSets(contentsOf(encodedVideo(withLateSound(inBand(true)))), true)},
+        {"avc1 with late sound", contentsOf(encodedVideo(withLateSound(inBand(false))))},
         {"HEVC of two sizes", ofTwoSizes(true)},
         {"AVC of two sizes", withoutParameterSets(ofTwoSizes(false), false)},
         {"avc3 with avcC", renamed(avc, "avc1", "avc3")},
         {"avc1", avc},
         {"overrunning child", withOverrunningChild(withoutParameterSets(hevc, true))},
         {"tail", joined({withoutParameterSets(hevc, true), Bytes(5, 7)})},
-        {"no sets anywhere", withoutParameterSets(contents(encodedVideo({})), false)},
+        {"no sets anywhere", withoutParameterSets(contentsOf(encodedVideo({})), false)},
         {"encv", renamed(hevc, "hev1", "encv")},
         {"no moov", box("ftyp", {Bytes(8)})},
         {"B-frames and sound", withSound()},

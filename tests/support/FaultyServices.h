@@ -128,41 +128,63 @@ class FaultyPhotoLibrary : public PHPhotoLibrary {
   FaultyCalls& calls_;
 };
 
-/// Transfers whose every call that may fail does. What becomes of a transfer on its way is up to who fires its events.
-class FaultyURLSessionService : public NSURLSessionService {
+/// Another service's transfers, and a look at each that is made.
+class ForwardingURLSessionService : public NSURLSessionService {
  public:
-  FaultyURLSessionService(NSURLSessionService& base, FaultyCalls& calls) : base_(base), calls_(calls) {}
+  explicit ForwardingURLSessionService(NSURLSessionService& base) : base_(base) {}
 
   std::unique_ptr<NSURLSession> makeBackgroundSession(const std::string& identifier,
                                                       std::weak_ptr<NSURLSessionDownloadDelegate> delegate) override {
-    calls_.throwIfNextFails();
-    return std::make_unique<Session>(base_.makeBackgroundSession(identifier, std::move(delegate)), calls_);
+    return std::make_unique<Session>(base_.makeBackgroundSession(identifier, std::move(delegate)), *this);
   }
-  std::vector<std::string> storedTaskDescriptions() override {
-    calls_.throwIfNextFails();
-    return base_.storedTaskDescriptions();
-  }
+  std::vector<std::string> storedTaskDescriptions() override { return base_.storedTaskDescriptions(); }
 
  private:
+  virtual void transferIsToBeMade() {}
+  virtual void transferIsMade() {}
+
   class Session : public NSURLSession {
    public:
-    Session(std::unique_ptr<NSURLSession> base, FaultyCalls& calls) : base_(std::move(base)), calls_(calls) {}
+    Session(std::unique_ptr<NSURLSession> base, ForwardingURLSessionService& service)
+        : base_(std::move(base)), service_(service) {}
 
     std::shared_ptr<NSURLSessionDownloadTask> downloadTask(const std::string& url, const std::string& taskDescription,
                                                            const TransferOptions& options) override {
-      calls_.throwIfNextFails();
+      service_.transferIsToBeMade();
       auto task = base_->downloadTask(url, taskDescription, options);
-      calls_.throwIfNextFails();  // the flush of its record failed, and the record stays
+      service_.transferIsMade();
       return task;
     }
     std::vector<std::shared_ptr<NSURLSessionDownloadTask>> allTasks() override { return base_->allTasks(); }
 
    private:
     const std::unique_ptr<NSURLSession> base_;
-    FaultyCalls& calls_;
+    ForwardingURLSessionService& service_;
   };
 
   NSURLSessionService& base_;
+};
+
+/// Transfers whose every call that may fail does. What becomes of a transfer on its way is up to who fires its events.
+class FaultyURLSessionService : public ForwardingURLSessionService {
+ public:
+  FaultyURLSessionService(NSURLSessionService& base, FaultyCalls& calls)
+      : ForwardingURLSessionService(base), calls_(calls) {}
+
+  std::unique_ptr<NSURLSession> makeBackgroundSession(const std::string& identifier,
+                                                      std::weak_ptr<NSURLSessionDownloadDelegate> delegate) override {
+    calls_.throwIfNextFails();
+    return ForwardingURLSessionService::makeBackgroundSession(identifier, std::move(delegate));
+  }
+  std::vector<std::string> storedTaskDescriptions() override {
+    calls_.throwIfNextFails();
+    return ForwardingURLSessionService::storedTaskDescriptions();
+  }
+
+ private:
+  void transferIsToBeMade() override { calls_.throwIfNextFails(); }
+  void transferIsMade() override { calls_.throwIfNextFails(); }  // the flush of its record failed, and the record stays
+
   FaultyCalls& calls_;
 };
 

@@ -24,13 +24,6 @@ class LogCapture {
   void clear() { lines_.clear(); }
   bool contains(std::string_view line) const { return std::ranges::find(lines_, line) != lines_.end(); }
 
-  /// Those of the lines that the log lacks.
-  std::vector<std::string_view> missing(std::initializer_list<std::string_view> lines) const {
-    std::vector<std::string_view> found(lines);
-    std::erase_if(found, [this](std::string_view line) { return contains(line); });
-    return found;
-  }
-
  private:
   std::vector<std::string> lines_;
 };

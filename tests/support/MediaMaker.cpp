@@ -141,14 +141,4 @@ std::string sampleHashes(const Path& file) {
   return hashes(file, "-map 0 -c copy");
 }
 
-std::vector<std::pair<size_t, size_t>> syncSamples(const Path& file) {
-  auto lines = probe(file, "packet=pos,flags");
-  std::vector<std::pair<size_t, size_t>> samples;
-  size_t index = 0;
-  for (std::string line; std::getline(lines, line); ++index) {
-    if (line.find(",K") != std::string::npos) samples.emplace_back(index, std::stoul(line));
-  }
-  return samples;
-}
-
 }  // namespace tarn::test

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/FileManager.h"
@@ -54,9 +53,6 @@ std::string frameHashes(const Path& file);
 /// One line for each decoded frame of the first video stream: size and hash, the frame being of the size that it was
 /// encoded with.
 std::string pictureHashes(const Path& file);
-
-/// Where the sync samples of the first video stream are: index among its samples, 0-based, and offset in the file.
-std::vector<std::pair<size_t, size_t>> syncSamples(const Path& file);
 
 /// One line for each sample of all streams: timestamps, size and hash of its bytes.
 std::string sampleHashes(const Path& file);

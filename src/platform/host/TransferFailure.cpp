@@ -31,6 +31,7 @@ constexpr std::array<std::pair<int, std::string_view>, 11> transientFailures{{
 std::string certificateWords(long verification) {
   switch (verification) {
     case X509_V_OK:
+    case X509_V_ERR_UNSPECIFIED:  // libcurl looks at the name first, and then at nothing else
       return "the server's certificate is for another name";
     case X509_V_ERR_CERT_HAS_EXPIRED:
       return "the server's certificate has expired";

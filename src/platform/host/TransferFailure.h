@@ -10,7 +10,7 @@ namespace tarn {
 struct TransferFailure {
   int code = 0;           ///< CURLcode
   int systemError = 0;    ///< errno of a connection that did not come about, or 0
-  long verification = 0;  ///< OpenSSL's X509_V_ code about the server's certificate; X509_V_OK for one of another name
+  long verification = 0;  ///< OpenSSL's X509_V_ code about the server's certificate
   std::string text = {};  ///< libcurl's words
 
   /// A failure of the way to the server, not of the request: worth another try.

@@ -20,13 +20,11 @@ auto* find(Range& range, Predicate predicate) {
 /// A change at work on a copy of the content, which replaces the content when all has gone well.
 class InMemoryPhotoLibrary::Change : public PHChangeBlock {
  public:
-  Change(FileManager& files, const Failures& failures, Content content)
-      : files_(files), failures_(failures), content_(std::move(content)) {}
+  Change(FileManager& files, Content content) : files_(files), content_(std::move(content)) {}
 
   PHAssetChangeRequest* creationRequestForAssetFromVideo(const Path& fileURL) override {
     const auto facts = files_.attributes(fileURL);
     if (!facts || facts->isDirectory) return nullptr;
-    if (failures_.noAssetPlaceholder) return add(std::nullopt, false);
     if (const auto* known = find(content_.assets, [&](const Asset& asset) { return isSource(*facts, asset); })) {
       return add(known->asset.localIdentifier, false);
     }
@@ -40,7 +38,6 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
   }
 
   std::optional<PHObjectPlaceholder> creationRequestForAssetCollection(const std::string& title) override {
-    if (failures_.noAlbumPlaceholder) return std::nullopt;
     content_.albums.push_back({{makeUUID(), title}, {}});
     return PHObjectPlaceholder{content_.albums.back().collection.localIdentifier};
   }
@@ -49,7 +46,7 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     auto* const album = find(content_.albums, [&](const Album& candidate) {
       return candidate.collection.localIdentifier == collectionIdentifier;
     });
-    if (!album || failures_.noAlbumChangeRequest) return false;
+    if (!album) return false;
     for (const PHObjectPlaceholder& placeholder : assets) {
       const std::string& identifier = placeholder.localIdentifier;
       if (assetOf(identifier).isDeleted) {
@@ -94,23 +91,22 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
  private:
   class Request : public PHAssetChangeRequest {
    public:
-    Request(Change& change, std::optional<std::string> identifier, bool mayChange)
+    Request(Change& change, std::string identifier, bool mayChange)
         : change_(change), identifier_(std::move(identifier)), mayChange_(mayChange) {}
 
     void setCreationDate(Date date) override {
-      if (mayChange_) change_.findAsset(*identifier_)->asset.creationDate = date;
+      if (mayChange_) change_.findAsset(identifier_)->asset.creationDate = date;
     }
     void setFilename(const std::string& filename) override {
-      if (mayChange_) change_.findAsset(*identifier_)->asset.filename = safeName(filename, NameKind::file);
+      if (mayChange_) change_.findAsset(identifier_)->asset.filename = safeName(filename, NameKind::file);
     }
     std::optional<PHObjectPlaceholder> placeholderForCreatedAsset() override {
-      if (!identifier_) return std::nullopt;
-      return PHObjectPlaceholder{*identifier_};
+      return PHObjectPlaceholder{identifier_};
     }
 
    private:
     Change& change_;
-    const std::optional<std::string> identifier_;
+    const std::string identifier_;
     const bool mayChange_;
   };
 
@@ -129,20 +125,14 @@ class InMemoryPhotoLibrary::Change : public PHChangeBlock {
     return *asset;
   }
 
-  PHAssetChangeRequest* add(std::optional<std::string> identifier, bool mayChange) {
+  PHAssetChangeRequest* add(std::string identifier, bool mayChange) {
     return requests_.emplace_back(std::make_unique<Request>(*this, std::move(identifier), mayChange)).get();
   }
 
   FileManager& files_;
-  const Failures& failures_;
   Content content_;
   std::vector<std::unique_ptr<Request>> requests_;
 };
-
-void InMemoryPhotoLibrary::setFailures(const Failures& failures) {
-  std::lock_guard guard(mutex_);
-  failures_ = failures;
-}
 
 PHAuthorizationStatus InMemoryPhotoLibrary::authorizationStatus(PHAccessLevel) {
   return authorization_.status();
@@ -155,11 +145,8 @@ void InMemoryPhotoLibrary::requestAuthorization(PHAccessLevel, AuthorizationHand
 void InMemoryPhotoLibrary::performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) {
   authorization_.require();
   std::lock_guard guard(mutex_);
-  Change change(files_, failures_, content_);
+  Change change(files_, content_);
   block(change);
-  if (++changes_ == failures_.failingChange) {
-    throw PHPhotosError(PHPhotosError::invalidChange, "The change was refused");
-  }
   content_ = change.takeContent();
 }
 
@@ -176,7 +163,7 @@ std::optional<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollection(cons
   std::lock_guard guard(mutex_);
   const auto* album = find(
       content_.albums, [&](const Album& candidate) { return candidate.collection.localIdentifier == localIdentifier; });
-  if (!album || failures_.createdAlbumNotFetched) return std::nullopt;
+  if (!album) return std::nullopt;
   return album->collection;
 }
 

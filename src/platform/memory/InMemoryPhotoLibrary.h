@@ -12,23 +12,14 @@
 
 namespace tarn {
 
-/// The photo library's twin in memory, with failures that can be set. It keeps names and sizes, not the bytes; paths
+/// The photo library's twin in memory. It keeps names and sizes, not the bytes; paths
 /// are "<album title>/<file name>" and lead to no file. Takes sources from any FileManager. A change block runs on the
 /// caller's thread and must not call the library.
 class InMemoryPhotoLibrary : public PHPhotoLibrary {
  public:
-  struct Failures {
-    size_t failingChange = 0;             ///< counted from 1; 0 for none
-    bool noAssetPlaceholder = false;      ///< requests for assets yield none, and make none
-    bool noAlbumPlaceholder = false;      ///< the same for albums
-    bool createdAlbumNotFetched = false;  ///< albums are not found by their identifiers
-    bool noAlbumChangeRequest = false;    ///< addAssets finds no album
-  };
-
   InMemoryPhotoLibrary(FileManager& files, Dispatch& dispatch) : files_(files), dispatch_(dispatch) {}
 
   PhotoAuthorization& authorization() { return authorization_; }
-  void setFailures(const Failures& failures);
 
   PHAuthorizationStatus authorizationStatus(PHAccessLevel level) override;
   void requestAuthorization(PHAccessLevel level, AuthorizationHandler handler) override;
@@ -66,8 +57,6 @@ class InMemoryPhotoLibrary : public PHPhotoLibrary {
   PhotoAuthorization authorization_;
 
   std::mutex mutex_;  // guards all below
-  Failures failures_;
-  size_t changes_ = 0;
   Content content_;
 };
 

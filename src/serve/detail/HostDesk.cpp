@@ -59,15 +59,8 @@ void HostDesk::run(HostCall call, const std::shared_ptr<Wait>& wait) {
       if (wait->timer) wait->timer->cancel();
     });
   };
-  auto asked = std::make_shared<CAPPluginCall>(std::move(call.method), std::move(call.options), std::move(done));
-  asio::post(pool_, [&host = host_, asked] {
-    try {
-      host.call(asked);
-    } catch (const std::exception& failure) {
-      log("{} failed: {}", asked->method(), failure.what());
-      asked->reject("The command failed");
-    }
-  });
+  callOn(pool_, host_,
+         std::make_shared<CAPPluginCall>(std::move(call.method), std::move(call.options), std::move(done)));
 }
 
 SiteAnswer HostDesk::poster(const CAPPluginCall::Answer& answer) const {

@@ -43,6 +43,17 @@ asio::awaitable<void> QueuedConnection::writeAll(std::shared_ptr<QueuedConnectio
   self->isWriting_ = false;
 }
 
+void callOn(asio::thread_pool& pool, CAPPlugin& plugin, const CAPPluginCallPointer& call) {
+  asio::post(pool, [&plugin, call] {
+    try {
+      plugin.call(call);
+    } catch (const std::exception& failure) {
+      log("{} failed: {}", call->method(), failure.what());
+      call->reject("The command failed");
+    }
+  });
+}
+
 CommandWorker::~CommandWorker() {
   pool_.stop();
   pool_.join();
@@ -55,14 +66,7 @@ void CommandWorker::run(const std::string& page, PageCommand command) {
   };
   auto call = std::make_shared<CAPPluginCall>(std::move(command.method), std::move(command.options), std::move(answer));
   if (plugin == plugins_.end()) return call->reject("not implemented");
-  asio::post(pool_, [target = *plugin, call] {
-    try {
-      target->call(call);
-    } catch (const std::exception& failure) {
-      log("{} failed: {}", call->method(), failure.what());
-      call->reject("The command failed");
-    }
-  });
+  callOn(pool_, **plugin, call);
 }
 
 }  // namespace tarn

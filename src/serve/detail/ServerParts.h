@@ -32,6 +32,9 @@ inline const auto quietly = boost::asio::as_tuple(boost::asio::use_awaitable);
 /// The end of a coroutine that nobody awaits.
 void logFailure(const std::exception_ptr& failure);
 
+/// Calls a plug-in on a thread of the pool. Its own faults are rejections too. It must outlive the pool.
+void callOn(boost::asio::thread_pool& pool, CAPPlugin& plugin, const CAPPluginCallPointer& call);
+
 /// Brings work to the server's thread from any other, for as long as the server lives.
 class Mailbox {
  public:

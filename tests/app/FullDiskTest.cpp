@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "app/Commands.h"
+#include "support/DamagedMovies.h"
+#include "support/FaultServer.h"
+#include "support/TarnProcess.h"
+#include "support/TempDirectory.h"
+
+// Commands on a disk that has no room left. It is a small file system in memory, in a name space of its own, so that
+// it goes with the last process there.
+
+namespace tarn::test {
+namespace {
+
+using testing::HasSubstr;
+
+class FullDiskTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directory(disk_);
+    write(file_, damagedMovie("avc3 with avcC"));
+    server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
+    const TarnResult probe = onDisk(64, "true");
+    if (probe.exitCode != 0) GTEST_SKIP() << "this machine forbids a file system of one's own: " << probe.errors;
+  }
+
+  static void write(const Path& path, const Bytes& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+
+  /// Runs lines of a shell script where $disk is a file system of so many KiB, $file a recording that can be repaired,
+  /// $url one that can be saved, and `fill` takes all room.
+  TarnResult onDisk(size_t kib, const std::string& lines) {
+    const Path script = place_ / "script";
+    std::ofstream(script) << "disk='" << disk_.native() << "'; file='" << file_.native() << "'; url='"
+                          << server_.url("/clip.mp4") << "'\n"
+                          << "fill() { cat /dev/zero >\"$disk/fill\" 2>/dev/null; }\n"
+                          << "tarn() { '" << tarnCommand(place_.path(), {}).front() << "' \"$@\"; }\n"
+                          << "mount -t tmpfs -o size=" << kib << "k tarn-test \"$disk\" || exit 99\n"
+                          << lines << "\n";
+    ChildProgram shell({"/bin/sh", "-c", "exec unshare -Urm /bin/sh \"$1\"", "sh", script}, place_.path());
+    const int code = shell.wait();
+    return {code, shell.output(), shell.errors()};
+  }
+
+  TempDirectory place_;
+  const Path disk_ = place_ / "disk";
+  const Path file_ = place_ / "clip.mp4";
+  FaultServer server_;
+};
+
+TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLater) {
+  const std::string list = "; code=$?; ls -A \"$disk\" | grep -v fill >&2; exit $code";
+  struct Row {
+    const char* name;
+    std::string lines;
+  };
+  const Row rows[] = {
+      {"save", "fill; tarn $json --home $disk/home save $url"},
+      {"repair", "fill; tarn $json repair $file -o $disk/out.mp4" + list},
+      {"repair --output-dir", "fill; tarn $json repair $file --output-dir $disk" + list},
+      {"repair --report", "fill; tarn $json repair $file -o $file.out --report $disk/report"},
+      {"repair -o -", "tarn repair $file -o - >/dev/full"},
+      {"inspect --plot", "fill; tarn $json inspect $file --plot $disk/plot.svg" + list},
+      {"library export",
+       "tarn --home $file.home$json save $url >&2; fill; "
+       "tarn $json --home $file.home$json library export $disk" +
+           list},
+      {"library rename",
+       "tarn --home $disk/home save $url >&2; fill; "
+       "tarn $json --home $disk/home library rename clip.mp4 other.mp4"},
+      {"library move",
+       "tarn --home $disk/home save $url >&2; fill; "
+       "tarn $json --home $disk/home library move clip.mp4 --to Other"},
+      {"downloads --clear",
+       "tarn --home $disk/home save $url >&2; fill; "
+       "tarn $json --home $disk/home downloads --clear"},
+  };
+  for (const Row& row : rows) {
+    for (const bool isJSON : {false, true}) {
+      SCOPED_TRACE(std::string(row.name) + (isJSON ? " --json" : ""));
+      const TarnResult result = onDisk(1000, (isJSON ? "json=--json\n" : "json=\n") + row.lines);
+      EXPECT_EQ(result.exitCode, ExitCode::mayTryAgain) << result.output << result.errors;
+      EXPECT_THAT(result.errors, HasSubstr("disk is full"));
+      EXPECT_THAT(result.errors, testing::Not(HasSubstr("\nout.mp4"))) << "nothing half is left";
+      EXPECT_THAT(result.errors, testing::Not(HasSubstr("\nplot.svg")));
+      if (isJSON && std::string(row.name) != "repair -o -") {
+        EXPECT_THAT(result.output, HasSubstr("\"mayTryAgain\":true"));
+      }
+    }
+  }
+}
+
+TEST_F(FullDiskTest, ASaveThatRunsOutOfRoomAnywhereMayBeTriedAgain) {
+  int code = ExitCode::mayTryAgain;
+  size_t room = 8;
+  for (; code != ExitCode::done && room < 2000; room += room < 400 ? 24 : 200) {
+    const TarnResult result = onDisk(room, "tarn --home $disk/home save $url");
+    code = result.exitCode;
+    if (code == ExitCode::done) break;
+    EXPECT_EQ(code, ExitCode::mayTryAgain) << room << " KiB: " << result.errors;
+  }
+  EXPECT_EQ(code, ExitCode::done);
+  EXPECT_GT(room, 100U) << "it had to fail before";
+}
+
+TEST_F(FullDiskTest, WhatDoesNotReachStandardOutputIsNoSuccess) {
+  for (const char* command :
+       {"inspect $file", "--json inspect $file", "inspect $kept $kept", "library", "--version", "repair --help",
+        "repair $file -o $file.out", "--json repair $file -o $file.out", "save $url", "downloads"}) {
+    const TarnResult result =
+        onDisk(64, "export TARN_HOME=$file.home; kept=$file.home/Photos/Tarn/clip.mp4; tarn save $url >&2; tarn " +
+                       std::string(command) + " >/dev/full");
+    EXPECT_EQ(result.exitCode, ExitCode::mayTryAgain) << command << "\n" << result.errors;
+    EXPECT_THAT(result.errors, HasSubstr("write to standard output: No space left on device")) << command;
+  }
+}
+
+}  // namespace
+}  // namespace tarn::test
