@@ -26,6 +26,7 @@ CommandOption optionOf(const CLI::Option& option) {
   for (const std::string& name : option.get_snames()) facts.names.push_back("-" + name);
   for (const std::string& name : option.get_lnames()) facts.names.push_back("--" + name);
   facts.description = option.get_description();
+  if (const std::string usual = option.get_default_str(); !usual.empty()) facts.description += " (else " + usual + ")";
   for (const std::string& name : namesOf(option.get_needs())) facts.description += "; needs " + name;
   for (const std::string& name : namesOf(option.get_excludes())) facts.description += "; excludes " + name;
   facts.isRequired = option.get_required();
@@ -45,6 +46,7 @@ CommandOption optionOf(const CLI::Option& option) {
 void add(CommandFacts& facts, const CLI::App& app, const std::string& group) {
   facts.groups.push_back({.description = group, .needsOne = !group.empty() && app.get_require_option_min() > 0});
   for (const CLI::Option* option : app.get_options()) {
+    if (!group.empty() && option == app.get_help_ptr()) continue;  // the command has it already
     (option->nonpositional() ? facts.groups.back().options : facts.arguments).push_back(optionOf(*option));
   }
 }
