@@ -138,6 +138,7 @@ def run(options):
     """Quick tests for all mutants first, since most are caught by one; then slower ones for those that are left."""
     tests, _ = traced()
     mutants = [Mutant(**mutant) for mutant in json.loads((OUT / "build.json").read_text())["mutants"]]
+    mutants = [mutant for mutant in mutants if name_of(vars(mutant)) not in equivalent()]
     mutants.sort(key=lambda mutant: (mutant.kind != "planted", mutant.key))
     with RESULTS.open("a") as file:
         for limit in ROUNDS:
@@ -165,7 +166,8 @@ def ask(mutant, tests, result, limit, enough):
 def report():
     tests, unfit = traced()
     named = equivalent()
-    found = [result for result in results().values() if result["status"] not in ("open", "uncompiled")]
+    found = [result for result in results().values()
+             if result["status"] not in ("open", "uncompiled") or name_of(result) in named]
     rows = {}
     for result in found:
         room = "planted" if result["kind"] == "planted" else result["file"].split("/")[1]
