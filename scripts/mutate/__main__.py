@@ -180,8 +180,10 @@ def report():
     left = [result for result in found if result["status"] != "caught" and name_of(result) not in named]
     for result in sorted(left, key=lambda result: (result["file"], result["line"])):
         print(f"{result['status']}: {result['file']}:{result['line']}: {result['before']} => {result['after']}")
+    unasked = sum(result["status"] == "open" and name_of(result) not in named for result in results().values())
+    print(f"{unasked} mutants were not held against all tests yet.")
     if unfit:
-        print("Not asked: " + ", ".join(unfit))
+        print("Tests that were not asked: " + ", ".join(unfit))
     write_tally(found, tests)
     return 1 if left else 0
 
