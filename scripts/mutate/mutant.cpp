@@ -1,5 +1,5 @@
-// What mutant.h needs, linked into each mutated program. With TARN_MUTANT_TRACE the bytes of the mutants that are reached
-// are a file, which programs that a test starts share with it.
+// What mutant.h needs, linked into each mutated program. With TARN_MUTANT_TRACE the bytes of the mutants that are
+// reached are a file, which programs that a test starts share with it.
 #include "mutant.h"
 
 #include <fcntl.h>
