@@ -138,6 +138,7 @@ def run(options):
     """Quick tests for all mutants first, since most are caught by one; then slower ones for those that are left."""
     tests, _ = traced()
     mutants = [Mutant(**mutant) for mutant in json.loads((OUT / "build.json").read_text())["mutants"]]
+    mutants = [mutant for mutant in mutants if name_of(vars(mutant)) not in equivalent()]
     mutants.sort(key=lambda mutant: (mutant.kind != "planted", mutant.key))
     with RESULTS.open("a") as file:
         for limit in ROUNDS:
@@ -165,7 +166,8 @@ def ask(mutant, tests, result, limit, enough):
 def report():
     tests, unfit = traced()
     named = equivalent()
-    found = [result for result in results().values() if result["status"] not in ("open", "uncompiled")]
+    found = [result for result in results().values()
+             if result["status"] not in ("open", "uncompiled") or name_of(result) in named]
     rows = {}
     for result in found:
         room = "planted" if result["kind"] == "planted" else result["file"].split("/")[1]
@@ -178,8 +180,10 @@ def report():
     left = [result for result in found if result["status"] != "caught" and name_of(result) not in named]
     for result in sorted(left, key=lambda result: (result["file"], result["line"])):
         print(f"{result['status']}: {result['file']}:{result['line']}: {result['before']} => {result['after']}")
+    unasked = sum(result["status"] == "open" and name_of(result) not in named for result in results().values())
+    print(f"{unasked} mutants were not held against all tests yet.")
     if unfit:
-        print("Not asked: " + ", ".join(unfit))
+        print("Tests that were not asked: " + ", ".join(unfit))
     write_tally(found, tests)
     return 1 if left else 0
 

@@ -133,7 +133,7 @@ Bytes avcPPS(uint32_t sliceGroupsMinus1 = 0) {
 struct AVCSlice {
   bool isIDR = false;
   uint32_t lsb = 0;
-  uint32_t reorderings = 0;
+  uint32_t reorderings = 0, reordering = 0;
   std::vector<uint32_t> markings = {};
   int32_t quantizer = 0;
   uint32_t deblocking = 0;
@@ -146,7 +146,7 @@ struct AVCSlice {
     if (isIDR) slice.ue(0);
     slice.bits(lsb, 6);
     if (!isIDR) slice.bits(0, 1).bits(reorderings > 0, 1);
-    for (uint32_t i = 0; i < reorderings; ++i) slice.ue(0).ue(0);
+    for (uint32_t i = 0; i < reorderings; ++i) slice.ue(reordering).ue(0);
     if (reorderings > 0 && listsEnd) slice.ue(3);
     isIDR ? slice.bits(0, 2) : slice.bits(!markings.empty(), 1);
     for (const uint32_t marking : markings) marking == 5 ? slice.ue(5) : slice.ue(marking).ue(0);
@@ -174,6 +174,7 @@ TEST_F(PictureReaderTest, ASliceIsOneWhereItsHeaderSaysWhatTheStandardAllows) {
       {{.quantizer = 88}, false},
       {{.reorderings = 64}, true},
       {{.reorderings = 65, .listsEnd = false}, false},
+      {{.reorderings = 1, .reordering = 4}, false},
       {{.markings = std::vector<uint32_t>(64, 1)}, true},
       {{.markings = std::vector<uint32_t>(65, 1), .listsEnd = false}, false},
       {{.markings = {7}}, false},
