@@ -91,8 +91,7 @@ LogSink fileSink(const Path& path) {
 
 }  // namespace
 
-HomeInUse::HomeInUse(const Path& home)
-    : Error("Home", -1, "Another tarn works in " + home.string() + ": wait for it, or use another --home") {}
+HomeInUse::HomeInUse(const Path& home) : Error("Home", EWOULDBLOCK, "Another tarn works in " + home.string()) {}
 
 HomeLock::HomeLock(const Path& home) {
   makeHome(home);

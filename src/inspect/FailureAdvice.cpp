@@ -41,7 +41,7 @@ FailureAdvice ofStatus(int status) {
       return {"Check the address: the server has no such file."};
     case 401:
     case 403:
-      return {"The address needs a login: pass on what a browser sends there, with `--header` or `--cookie-file`."};
+      return {"The address needs a login: pass on what a browser sends there (`tarn save --header`, `--cookie-file`)."};
     case 407:
       return {"The proxy needs a login: put it into the proxy's address."};
     default:
@@ -75,12 +75,12 @@ FailureAdvice ofTransfer(int code) {
     case CURLE_COULDNT_CONNECT:
       return tryAgain("Check the address, or try again later: nothing answers there.");
     case CURLE_TOO_MANY_REDIRECTS:
-      return {"The address leads in a circle: give that of the video itself, or a login with `--cookie-file`."};
+      return {"The address leads in a circle: give that of the video itself, or a login (`tarn save --cookie-file`)."};
     case CURLE_UNSUPPORTED_PROTOCOL:
     case CURLE_URL_MALFORMAT:
       return {"Give an http or https address."};
     case CURLE_WEIRD_SERVER_REPLY:
-      return {"Open the address in a browser: it may need a login (`--header`, `--cookie-file`), or be another one."};
+      return {"Open the address in a browser: it may need a login (`tarn save --cookie-file`), or be another one."};
     case CURLE_OUT_OF_MEMORY:
       return tryAgain("The memory is full: try again later.");
     case -1:
@@ -137,10 +137,10 @@ FailureAdvice ofRepair(const Error& error) {
   const auto* const remux = dynamic_cast<const MP4RemuxError*>(&error);
   if (remux && remux->code() == ENOSPC) return fullDisk();
   if (isOfSound(error)) {
-    return {.words = "The sound cannot be repaired: with `--skip-audio-fix` sound and timing stay as they came.",
+    return {.words = "The sound cannot be repaired: without that (`--skip-audio-fix`) it stays as it came.",
             .maySaveAsItCame = true};
   }
-  return {.words = "The video cannot be repaired: with `--skip-video-fix` the file stays as it came.",
+  return {.words = "The video cannot be repaired: without that (`--skip-video-fix`) it stays as it came.",
           .maySaveAsItCame = true};
 }
 
@@ -151,6 +151,7 @@ FailureAdvice ofError(const Error& error, Where where) {
   if (domain == "NSPOSIXErrorDomain") return ofSystem(error.code(), where);
   if (domain == "SQLite") return ofLibrary(error.code());
   if (domain == "TarnFetch") return ofRequest(where);
+  if (domain == "Home" && error.code() == EWOULDBLOCK) return tryAgain("Wait for it, or use another home (`--home`).");
   if (where == Where::repair) return ofRepair(error);
   return {};
 }

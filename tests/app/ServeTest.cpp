@@ -301,7 +301,7 @@ TEST_F(ServeTest, ASecondOneTellsTheAddressOfTheFirst) {
   const ChildProgram save(tarnCommand(other, {"save", source.url("/held"), "--album", "Trips"}), place_.path());
   ASSERT_TRUE(eventually([&] { return !source.requests().empty(); }));
   const auto none = runTarn(other, {"serve"});
-  EXPECT_NE(none.exitCode, 0);
+  EXPECT_EQ(none.exitCode, 75) << "it may work later";
   EXPECT_EQ(none.output, "");
   EXPECT_NE(none.errors.find("Another tarn works in"), std::string::npos) << none.errors;
 }

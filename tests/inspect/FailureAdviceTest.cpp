@@ -41,6 +41,7 @@ TEST(FailureAdvice, IsThatOfTheKindOnWhicheverWayTheFailureCame) {
   EXPECT_TRUE(adviceFor(Where::repair, PosixError(EFBIG, "write")).starts_with("as it came "));
   EXPECT_TRUE(adviceFor(Where::transfer, PosixError(EFBIG, "write")).starts_with("The file system "));
   EXPECT_EQ(adviceFor(Where::transfer, std::runtime_error("?")), "");
+  EXPECT_TRUE(adviceFor(Where::start, Error("Home", EWOULDBLOCK, "in use")).starts_with("again "));
 }
 
 }  // namespace
