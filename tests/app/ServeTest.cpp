@@ -152,7 +152,8 @@ TEST_F(ServeTest, AnAddressInAFileIsForItsOwnerAloneAndForAsLongAsTheServerRuns)
   const Path file = place_ / "address";
   std::ofstream(file) << "of a server that was killed";
   std::filesystem::create_directory(place_ / "second");
-  ChildProgram second(tarnCommand(place_ / "second/home", {"serve", "--address-file", file}), place_ / "second");
+  ChildProgram second(tarnCommand(place_ / "second/home", {"serve", "--web", place_ / "web", "--address-file", file}),
+                      place_ / "second");
   ASSERT_TRUE(eventually([&] { return contentOf(file).ends_with('\n'); }));
   const std::string port = between(contentOf(file), "http://127.0.0.1:", "/?token=");
   const std::string entry = between(contentOf(file), port, "\n");
