@@ -74,7 +74,7 @@ constexpr struct {
 
 constinit const AACCode scaleFactorCode{{1, 0, 1, 3, 2, 4, 3, 5, 4, 6, 6, 6, 5, 8, 4, 7, 3, 7, 46}};
 
-constinit const std::array<int8_t, 121> scaleFactorSteps = {
+constinit const std::array<int16_t, 121> scaleFactorSteps = {
     0,   -1,  1,   -2,  2,   -3,  3,   -4,  4,   -5,  5,   6,   -6,  7,   -7,  8,   -8,  9,   -9,  10,  -10,
     -11, 11,  12,  -12, 13,  -13, 14,  -14, 16,  15,  17,  18,  -15, -17, -16, 19,  -18, -19, 20,  -20, 21,
     -21, 22,  -22, 23,  -23, -25, 25,  -27, -24, -26, 24,  -28, 27,  29,  -30, -29, 26,  -31, -34, -33, -32,

@@ -21,7 +21,7 @@ struct AACCode {
 const AACCode& spectralCode(unsigned codebook);
 extern const AACCode scaleFactorCode;
 /// What each word of the latter means, in the order of the words.
-extern const std::array<int8_t, 121> scaleFactorSteps;
+extern const std::array<int16_t, 121> scaleFactorSteps;
 
 /// The widths of a spectrum's scale factor bands: this many bands that are so wide.
 struct AACBandRun {
