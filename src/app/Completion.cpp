@@ -62,7 +62,7 @@ void addBash(const CommandFacts& command, const CommandFacts& root, std::string&
     if (option.value == Value::none) continue;
     const std::string place = command.name.empty() ? "*" : quoted(command.name);
     std::vector<std::string> patterns;
-    for (const std::string& name : option.names) patterns.push_back(place + "' " + name + "'");
+    for (const std::string& name : option.names) patterns.push_back(fmt::format("{}' {}'", place, name));
     values += fmt::format("    {}) value={} ;;\n", fmt::join(patterns, "|"), quoted(bashValue(option)));
   }
   for (const CommandFacts& below : command.commands) addBash(below, root, places, values);

@@ -152,7 +152,7 @@ void Saves::takeEnd(const JSObject& data) {
   } else if (!outcome.failure) {
     outcome = failureOf("the reason is in the log", false);
   }
-  end(id, std::move(outcome));
+  end(id, outcome);
 }
 
 /// Looks for ends that no event tells: somebody has cancelled a download, or its engine has ended.
@@ -172,7 +172,7 @@ void Saves::look() {
     const bool hasFailed = status == "STATUS_FAILED";
     Engine::Outcome outcome = hasFailed ? outcomeOf(engine_, id) : failureOf(VanishedWork::words(status));
     if (!outcome.failure) outcome = failureOf("the reason is in the log", false);
-    end(id, std::move(outcome));
+    end(id, outcome);
   }
 }
 
@@ -219,11 +219,11 @@ void Saves::endTheGone() {
       outcome = hasOtherEngine_ ? failureOf("its engine ended, and the next one does not know it")
                                 : failureOf("somebody cancelled the download", false);
     }
-    end(id, std::move(outcome));
+    end(id, outcome);
   }
 }
 
-void Saves::end(int64_t id, Engine::Outcome outcome) {
+void Saves::end(int64_t id, const Engine::Outcome& outcome) {
   const auto node = open_.extract(id);
   const Save& save = node.mapped();
   printer_.remove(id);

@@ -57,7 +57,7 @@ class Saves {
   void lookAtTransfers();
   bool hasEnded(int64_t id, const std::string& status, const Engine::StoredWork& stored);
   void endTheGone();
-  void end(int64_t id, Engine::Outcome outcome);
+  void end(int64_t id, const Engine::Outcome& outcome);
   void reportSaved(int64_t id, const Save& save, const Engine::Outcome& outcome, const std::filesystem::path& path);
   void reportFailure(int64_t id, const Save& save, const Engine::Outcome& failure);
   std::optional<std::filesystem::path> pathOf(const Save& save, const Engine::Outcome& outcome);

@@ -61,7 +61,7 @@ std::optional<std::string> decodeExtended(std::string_view value) {
   const size_t second = first == std::string_view::npos ? first : value.find('\'', first + 1);
   if (second == std::string_view::npos) return std::nullopt;
   const std::string charset = lowered(value.substr(0, first));
-  const auto text = percentDecode(value.substr(second + 1));
+  auto text = percentDecode(value.substr(second + 1));
   if (!text) return std::nullopt;
   if (charset == "iso-8859-1") return fromLatin1(*text);
   if (charset == "utf-8" && isUTF8(*text)) return text;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "download/detail/EngineState.h"
@@ -25,7 +26,9 @@ class DownloadStarter {
       : engine_(engine), sessionIdentifier_(engine.platform.application.bundleIdentifier() + ".downloads") {}
 
   /// Sets who receives the session's events; once, before anything is started.
-  void setSessionDelegate(std::weak_ptr<NSURLSessionDownloadDelegate> delegate) { sessionDelegate_ = delegate; }
+  void setSessionDelegate(std::weak_ptr<NSURLSessionDownloadDelegate> delegate) {
+    sessionDelegate_ = std::move(delegate);
+  }
 
   /// Brings back the tasks of the last process and goes on with them; `delegate` is told of those that are under way.
   /// Throws PosixError when the stored list cannot be read.
