@@ -118,6 +118,7 @@ void printTable(const std::vector<Line>& lines) {
 
 int inspectMany(const GlobalOptions& global, const std::vector<std::string>& files) {
   std::vector<Line> lines;
+  lines.reserve(files.size());
   for (const std::string& file : files) lines.push_back(inspectOne(global, file));
   if (!global.json) printTable(lines);
   const bool areAllDone = std::ranges::all_of(lines, [](const Line& line) { return line.exitCode == ExitCode::done; });

@@ -27,7 +27,7 @@ std::shared_ptr<DownloadManager> DownloadManager::create(const Platform& platfor
                                                          const std::weak_ptr<DownloadManagerDelegate>& delegate,
                                                          DownloadListener* listener) {
   // NOLINTNEXTLINE: the constructor is private
-  const std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps, listener));
+  std::shared_ptr<DownloadManager> manager(new DownloadManager(platform, steps, listener));
   Parts& parts = *manager->parts_;
   parts.engine.posts.setEngine(manager);
   parts.starter.setSessionDelegate(std::shared_ptr<NSURLSessionDownloadDelegate>(manager, &parts.events));
@@ -53,7 +53,7 @@ DownloadTaskPointer DownloadManager::startDownloadFileBy(const DownloadRequest& 
 DownloadTaskPointer DownloadManager::takeIn(const Path& file, const DownloadRequest& request,
                                             const DelegatePointer& delegate) {
   if (parts_->removal.isBlocking()) return nullptr;
-  const DownloadTaskPointer task = parts_->starter.takeWithoutTransfer(request, delegate);
+  DownloadTaskPointer task = parts_->starter.takeWithoutTransfer(request, delegate);
   parts_->events.handOver(task, request, file);
   return task;
 }

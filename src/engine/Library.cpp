@@ -23,6 +23,7 @@ LibraryAsset assetOf(const PHAsset& asset) {
 
 std::vector<LibraryAsset> assetsOf(const std::vector<PHAsset>& assets) {
   std::vector<LibraryAsset> all;
+  all.reserve(assets.size());
   for (const PHAsset& asset : assets) all.push_back(assetOf(asset));
   return all;
 }

@@ -14,7 +14,7 @@
 namespace tarn {
 namespace {
 
-constexpr size_t headSize = 64 * 1024;
+constexpr size_t headSize = 64 << 10;
 constexpr size_t longestName = 120;
 
 Kind unknownKind(ByteView head) {
