@@ -360,7 +360,8 @@ TEST_F(VideoRoad, LeavesWhatItHasRepairedAloneWhateverCarriesTheSets) {
 /// Turns the parameter sets of some sync samples into filler data.
 void hideSets(Bytes& movie, const Path& like, bool isHEVC, const std::function<bool(size_t sync)>& isHidden) {
   size_t number = 0;
-  for (const Packet& packet : packetsOf(like, false).at("video")) {
+  const auto packets = packetsOf(like, false);
+  for (const Packet& packet : packets.at("video")) {
     if (packet.flags[0] != 'K' || !isHidden(number++)) continue;
     for (size_t at = static_cast<size_t>(packet.place);; at += 4 + *readUInt32(movie, at)) {
       uint8_t& header = movie.at(at + 4);
