@@ -4,7 +4,7 @@
 
 STEP is build, trace, run or report; without one, all four. Needs the plain build. Mutants are compiled into copies below
 build/mutate and chosen by the environment, so that one build serves them all. build/mutate/results.jsonl keeps what was
-found: the next call tries `count` others, and `run` goes on where it was cut off.
+found: the next call tries `count` of those that are not judged yet, and `run` goes on where it was cut off.
 """
 
 import argparse
@@ -22,6 +22,7 @@ from sites import Mutant, Site, plain  # noqa: E402
 
 ROOMS = "sync,audio,remux,parameters,movie,presentation,download,pipeline"
 RESULTS = OUT / "results.jsonl"
+BUILT = OUT / "build.json"
 ROUNDS = (0.5, 1.5, 4, 20)  # seconds that a test may take
 
 
@@ -30,11 +31,30 @@ def tell(text):
 
 
 def results():
-    """The last result for each mutant."""
-    if not RESULTS.exists():
-        return {}
-    found = [json.loads(line) for line in RESULTS.read_text().splitlines()]
-    return {result["key"]: result for result in found}
+    """The last result for each mutant. A kill may have left a half line."""
+    found = {}
+    for line in RESULTS.read_text().splitlines() if RESULTS.exists() else []:
+        try:
+            result = json.loads(line)
+        except json.JSONDecodeError:
+            continue
+        found[result["key"]] = result
+    return found
+
+
+def built():
+    """The programs and the mutants of the last build."""
+    if not BUILT.exists():
+        sys.exit("No build of mutants is complete: begin with the step build.")
+    made = json.loads(BUILT.read_text())
+    return made["programs"], [Mutant(**mutant) for mutant in made["mutants"]]
+
+
+def note_open(mutants):
+    """They are to be held against all tests."""
+    with RESULTS.open("a") as file:
+        for mutant in mutants:
+            file.write(json.dumps({**vars(mutant), "status": "open", "killers": [], "asked": 0}) + "\n")
 
 
 def equivalent():
@@ -60,6 +80,8 @@ def planted(path):
     """Changes that somebody chose: a file, what stands there once, and what is to stand there ("nothing": dropped)."""
     found = {}
     lines = [line for line in Path(path).read_text().splitlines() if line.strip() and not line.startswith("#")]
+    if len(lines) % 3 != 0:
+        sys.exit(f"{path}: three lines for each change")
     for file, before, after in zip(lines[::3], lines[1::3], lines[2::3]):
         before, after = before.strip(), after.strip()
         text = (ROOT / file).read_text()
@@ -78,8 +100,10 @@ def planted(path):
 
 def chosen(by_file, seed, count, known):
     """The sites with only those mutants that are tried now."""
+    named = equivalent()
     mutants = [mutant for sites in by_file.values() for site in sites for mutant, _ in site.changes]
-    mutants = [mutant for mutant in mutants if mutant.key not in known]
+    mutants = [mutant for mutant in mutants if mutant.key not in known
+               or known[mutant.key]["status"] == "open" and name_of(vars(mutant)) not in named]
     mutants.sort(key=lambda mutant: hashlib.sha1(f"{seed}|{mutant.key}".encode()).digest())
     keys = {mutant.key for mutant in mutants[:count]}
     return only(by_file, keys), len(mutants)
@@ -117,31 +141,44 @@ def sample(options, made):
 
 def build(options):
     made = Build(options.jobs)
+    for old in (BUILT, TRACED):  # which tell of other numbers
+        old.unlink(missing_ok=True)
     by_file = sample(options, made)
     mutants = [mutant for sites in by_file.values() for site in sites for mutant, _ in site.changes]
     for number, mutant in enumerate(mutants, 1):
         mutant.number = number
     tell(f"Building {len(mutants)} mutants in {len(by_file)} files ...")
     kept = made.compile_all(by_file)
+    note_open(mutant for mutant in mutants if mutant.key in kept)
     with RESULTS.open("a") as file:
         for mutant in mutants:
-            status = "open" if mutant.key in kept else "uncompiled"
-            file.write(json.dumps({**vars(mutant), "status": status, "killers": [], "asked": 0}) + "\n")
+            if mutant.key not in kept:
+                file.write(json.dumps({**vars(mutant), "status": "uncompiled", "killers": [], "asked": 0}) + "\n")
     programs = made.link_all()
     mutants = [vars(mutant) for mutant in mutants if mutant.key in kept]
-    TRACED.unlink(missing_ok=True)
-    (OUT / "build.json").write_text(json.dumps({"programs": programs, "mutants": mutants}))
+    BUILT.write_text(json.dumps({"programs": programs, "mutants": mutants}))
     tell(f"{len(mutants)} mutants are built, {len(made.uncompiled)} do not compile.")
+
+
+def trace_all(options):
+    programs, mutants = built()
+    asked = options.tests.split(",") if options.tests else []
+    tell("Running the tests once, unmutated ...")
+    trace([program for program in programs if not asked or Path(program).name in asked], options.slowest, tell)
+    known = results()  # other tests, or other times of them: who is not caught is asked about anew
+    note_open(mutant for mutant in mutants if known.get(mutant.key, {}).get("status") != "caught")
 
 
 def run(options):
     """Quick tests for all mutants first, since most are caught by one; then slower ones for those that are left."""
+    _, mutants = built()
+    if not TRACED.exists():
+        sys.exit("The tests were not traced yet: begin with the step trace.")
     tests, _ = traced()
-    mutants = [Mutant(**mutant) for mutant in json.loads((OUT / "build.json").read_text())["mutants"]]
     mutants = [mutant for mutant in mutants if name_of(vars(mutant)) not in equivalent()]
     mutants.sort(key=lambda mutant: (mutant.kind != "planted", mutant.key))
     with RESULTS.open("a") as file:
-        for limit in ROUNDS:
+        for limit in [limit for limit in ROUNDS if limit < options.slowest] + [options.slowest]:
             known = results()
             left = [mutant for mutant in mutants if known.get(mutant.key, {"status": "open"})["status"] == "open"]
             tell(f"{len(left)} mutants against tests of up to {limit} s ...")
@@ -160,7 +197,7 @@ def ask(mutant, tests, result, limit, enough):
     killers = result["killers"] + judge(mutant, due, enough - len(result["killers"]))
     is_over = len(killers) >= enough or all(test.seconds <= limit for test in reaching)
     status = "open" if not is_over else "caught" if killers else "survived" if reaching else "unreached"
-    return {**vars(mutant), "status": status, "killers": killers, "asked": limit}
+    return {**vars(mutant), "status": status, "killers": killers, "asked": limit, "alone": len(killers) == 1 < enough}
 
 
 def report():
@@ -178,6 +215,8 @@ def report():
     for room, row in rows.items():
         print(f"{room:14}{sum(row.values()):8}{row['caught']:8}{row['equivalent']:12}{row['survived']:10}{row['unreached']:11}")
     left = [result for result in found if result["status"] != "caught" and name_of(result) not in named]
+    left += [result for result in results().values()
+             if result["kind"] == "planted" and result["status"] == "uncompiled"]
     for result in sorted(left, key=lambda result: (result["file"], result["line"])):
         print(f"{result['status']}: {result['file']}:{result['line']}: {result['before']} => {result['after']}")
     unasked = sum(result["status"] == "open" and name_of(result) not in named for result in results().values())
@@ -191,7 +230,7 @@ def report():
 def write_tally(found, tests):
     """build/mutate/tests.txt: how many mutants each test catches, and how many it alone (known with --alone)."""
     caught = Counter(killer.split(" (")[0] for result in found for killer in result["killers"])
-    alone = Counter(result["killers"][0].split(" (")[0] for result in found if len(result["killers"]) == 1)
+    alone = Counter(result["killers"][0].split(" (")[0] for result in found if result.get("alone"))
     every = {str(test) for test in tests}
     lines = [f"{alone[test]:6} {caught[test]:6}  {test}" for test in sorted(every | set(caught))]
     (OUT / "tests.txt").write_text("\n".join([" alone caught  test", *lines, ""]))
@@ -215,11 +254,7 @@ def main():
         if step == "build":
             build(options)
         elif step == "trace":
-            programs = json.loads((OUT / "build.json").read_text())["programs"]
-            asked = options.tests.split(",") if options.tests else []
-            programs = [program for program in programs if not asked or Path(program).name in asked]
-            tell("Running the tests once, unmutated ...")
-            trace(programs, options.slowest, tell)
+            trace_all(options)
         elif step == "run":
             run(options)
         elif step == "report":

@@ -111,16 +111,23 @@ def traced():
 
 
 def judge(mutant, tests, enough):
-    """Runs these tests, quickest first, until `enough` of them have failed: which did. A failure counts when it comes
-    twice, a timeout at once."""
+    """Runs these tests, quickest first, until `enough` of them have failed: which did."""
     killers = []
     for test in sorted(tests, key=lambda test: test.seconds):
-        limit = test.seconds * 5 + 10
-        passed, _ = run(test, limit, TARN_MUTANT=str(mutant.number))
-        if passed is False:
-            passed, _ = run(test, limit, TARN_MUTANT=str(mutant.number))
-        if not passed:
-            killers.append(str(test) + (" (timeout)" if passed is None else ""))
-            if len(killers) >= enough:
-                break
+        if len(killers) >= enough:
+            break
+        if (how := failure(test, mutant)) is not None:
+            killers.append(str(test) + how)
     return killers
+
+
+def failure(test, mutant):
+    """What is to be said of the mutant's failure in the test; None if the test passes, or fails now without the mutant
+    too (a full disk, a busy machine). A failure counts when it comes twice, a timeout at once."""
+    limit = test.seconds * 5 + 10
+    passed, _ = run(test, limit, TARN_MUTANT=str(mutant.number))
+    if passed or not run(test, limit)[0]:
+        return None
+    if passed is False:
+        passed, _ = run(test, limit, TARN_MUTANT=str(mutant.number))
+    return None if passed else " (timeout)" if passed is None else ""
