@@ -55,7 +55,7 @@ class FullDiskTest : public testing::Test {
 };
 
 TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLater) {
-  const std::string list = "; code=$?; ls -A \"$disk\" | grep -v fill >&2; exit $code";
+  const std::string list = "; code=$?; find \"$disk\" -type f ! -name fill -printf 'left: %P\\n' >&2; exit $code";
   struct Row {
     const char* name;
     std::string lines;
@@ -83,13 +83,13 @@ TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLater) {
   };
   for (const Row& row : rows) {
     for (const bool isJSON : {false, true}) {
+      if (isJSON && row.lines.find("$json") == std::string::npos) continue;
       SCOPED_TRACE(std::string(row.name) + (isJSON ? " --json" : ""));
       const TarnResult result = onDisk(1000, (isJSON ? "json=--json\n" : "json=\n") + row.lines);
       EXPECT_EQ(result.exitCode, ExitCode::mayTryAgain) << result.output << result.errors;
       EXPECT_THAT(result.errors, HasSubstr("disk is full"));
-      EXPECT_THAT(result.errors, testing::Not(HasSubstr("\nout.mp4"))) << "nothing half is left";
-      EXPECT_THAT(result.errors, testing::Not(HasSubstr("\nplot.svg")));
-      if (isJSON && std::string(row.name) != "repair -o -") {
+      EXPECT_THAT(result.errors, testing::Not(HasSubstr("left: "))) << "nothing half is left";
+      if (isJSON) {
         EXPECT_THAT(result.output, HasSubstr("\"mayTryAgain\":true"));
       }
     }
@@ -99,7 +99,7 @@ TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLater) {
 TEST_F(FullDiskTest, ASaveThatRunsOutOfRoomAnywhereMayBeTriedAgain) {
   int code = ExitCode::mayTryAgain;
   size_t room = 8;
-  for (; code != ExitCode::done && room < 2000; room += room < 400 ? 24 : 200) {
+  for (; room < 2000; room += room < 400 ? 24 : 200) {
     const TarnResult result = onDisk(room, "tarn --home $disk/home save $url");
     code = result.exitCode;
     if (code == ExitCode::done) break;
