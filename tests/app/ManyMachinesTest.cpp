@@ -58,19 +58,28 @@ class ManyMachinesTest : public testing::Test {
     return command;
   }
 
-  /// The same on the machine of that number.
-  std::unique_ptr<ChildProgram> start(int machine, bool isHeld = false) {
+  /// Runs the command on the machine of that number.
+  std::unique_ptr<ChildProgram> startOn(int machine, const std::vector<std::string>& words) const {
     const Path bootId = place_ / fmt::format("boot-{}", machine);
     std::ofstream(bootId) << fmt::format("0b5ae5d1-5f9e-4c3b-8f0e-{:012x}\n", machine);
-    if (isHeld) std::ofstream(gate_) << "closed";
     std::vector<std::string> command{"/usr/bin/unshare", "--mount", "--uts"};
     if (::geteuid() != 0) command.insert(command.end(), {"--user", "--map-root-user"});
     const char* script =
         "hostname \"$0\" && mount --bind \"$1\" /proc/sys/kernel/random/boot_id && shift && exec \"$@\"";
     command.insert(command.end(), {"/bin/sh", "-c", script, fmt::format("machine-{}", machine), bootId.string()});
-    const auto repair = repairCommand(place_ / fmt::format("home-{}", machine), isHeld);
-    command.insert(command.end(), repair.begin(), repair.end());
+    command.insert(command.end(), words.begin(), words.end());
     return std::make_unique<ChildProgram>(command, place_.path());
+  }
+
+  /// Why there can be no machines here; empty if there can be.
+  std::string hindrance() const {
+    const auto trial = startOn(0, {"true"});
+    return trial->wait() == 0 ? "" : "name spaces are forbidden here: " + trial->errors();
+  }
+
+  std::unique_ptr<ChildProgram> start(int machine, bool isHeld = false) const {
+    if (isHeld) std::ofstream(gate_) << "closed";
+    return startOn(machine, repairCommand(place_ / fmt::format("home-{}", machine), isHeld));
   }
 
   void run(int machine) {
@@ -141,18 +150,6 @@ class ManyMachinesTest : public testing::Test {
   std::vector<std::string> places_{"--output-dir", out_.string()};
   std::map<std::string, std::string> files_;  ///< what each result must be
 };
-
-/// Why there can be no machines here; empty if there can be.
-std::string hindrance() {
-  const TempDirectory place;
-  std::ofstream(place / "boot") << "x";
-  std::vector<std::string> command{"/usr/bin/unshare", "--mount", "--uts"};
-  if (::geteuid() != 0) command.insert(command.end(), {"--user", "--map-root-user"});
-  const char* script = "hostname machine && mount --bind \"$0\" /proc/sys/kernel/random/boot_id";
-  command.insert(command.end(), {"/bin/sh", "-c", script, (place / "boot").string()});
-  ChildProgram trial(command, place.path());
-  return trial.wait() == 0 ? "" : "name spaces are forbidden here: " + trial.errors();
-}
 
 TEST_F(ManyMachinesTest, NoneTakesTheWorkOfAnotherForAbandoned) {
   if (const std::string why = hindrance(); !why.empty()) GTEST_SKIP() << why;
