@@ -12,7 +12,8 @@ std::string dateText(Date date) {
 
 Date dateOfText(const std::string& text) {
   std::tm parts{};
-  if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts) == nullptr) return {};
+  const char* const end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  if (end != text.c_str() + text.size()) return {};
   return std::chrono::system_clock::from_time_t(::timegm(&parts));
 }
 

@@ -208,7 +208,7 @@ class BridgeServer::Core {
     const auto target = RequestTarget::parse(head.target);
     const auto inside = target ? check_.inside(*target) : std::nullopt;
     const bool isSocket = inside && inside->path == "/bridge/socket";
-    auto refusal = refuse(head, target, isSocket);
+    auto refusal = refuse(head, target, inside, isSocket);
     const RequestBody body{.length = lengthOf(parser),
                            .isChunked = parser.chunked(),
                            .arrived = static_cast<size_t>(buffer.size()),
@@ -224,7 +224,7 @@ class BridgeServer::Core {
       const auto greeting = parseGreeting(*target);
       co_await talk(*page, request, *greeting);
     } else {
-      auto answering = answerTo(head, *target, stream, buffer, body.length.value_or(0));
+      auto answering = answerTo(head, *target, inside, stream, buffer, body.length.value_or(0));
       auto answer = co_await std::move(answering);
       if (answer) co_await send(stream, *answer);
     }
@@ -232,15 +232,15 @@ class BridgeServer::Core {
 
   /// Nothing when the browser has gone.
   asio::awaitable<std::optional<SiteAnswer>> answerTo(const RequestHead& head, const RequestTarget& target,
+                                                      const std::optional<RequestTarget>& inside,
                                                       beast::tcp_stream& stream, beast::flat_buffer& buffer,
                                                       uint64_t bodySize) {
     if (head.method == "GET") {
-      auto getting = get(head, target);
+      auto getting = get(head, target, inside);
       co_return co_await std::move(getting);
     }
-    const RequestTarget inside = *check_.inside(target);
-    auto changing = head.method == "PUT" ? takeIn(stream, buffer, inside, bodySize)
-                                         : change(stream, buffer, inside, static_cast<size_t>(bodySize));
+    auto changing = head.method == "PUT" ? takeIn(stream, buffer, *inside, bodySize)
+                                         : change(stream, buffer, *inside, static_cast<size_t>(bodySize));
     co_return co_await std::move(changing);
   }
 
@@ -250,9 +250,8 @@ class BridgeServer::Core {
   }
 
   std::optional<SiteAnswer> refuse(const RequestHead& head, const std::optional<RequestTarget>& target,
-                                   bool isSocket) const {
+                                   const std::optional<RequestTarget>& inside, bool isSocket) const {
     if (!target) return SiteAnswer::words(400, "The request's target cannot be read.");
-    const auto inside = check_.inside(*target);
     const auto methods = inside ? HostRoutes::allowedMethods(inside->path) : std::vector<std::string_view>{"GET"};
     if (const auto refusal = check_.refuse(head, *target, isSocket, methods)) {
       SiteAnswer answer = answerOf(*refusal);
@@ -326,19 +325,19 @@ class BridgeServer::Core {
     co_return answer;
   }
 
-  asio::awaitable<SiteAnswer> get(const RequestHead& head, const RequestTarget& target) {
+  asio::awaitable<SiteAnswer> get(const RequestHead& head, const RequestTarget& target,
+                                  const std::optional<RequestTarget>& inside) {
     const Door door = RequestCheck::door(target);
     if (door == Door::entry) co_return letIn(contentType("index.html"), entryPage(check_.base()));
     if (door == Door::rejoin) co_return rejoin(target);
-    const RequestTarget inside = *check_.inside(target);
-    if (HostRoutes::isAsked(inside.path)) {
-      auto call = HostRoutes::callFor("GET", inside, {});
+    if (HostRoutes::isAsked(inside->path)) {
+      auto call = HostRoutes::callFor("GET", *inside, {});
       if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
       auto answering = desk_.answer(std::move(std::get<HostCall>(call)));
       co_return co_await std::move(answering);
     }
-    auto work = read(head, inside);
-    if (!Site::asksLibrary(inside)) co_return co_await std::move(work);
+    auto work = read(head, *inside);
+    if (!Site::asksLibrary(*inside)) co_return co_await std::move(work);
     co_return co_await asio::co_spawn(libraryPool_, std::move(work), asio::use_awaitable);
   }
 

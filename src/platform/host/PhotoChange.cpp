@@ -202,13 +202,14 @@ void PhotoChange::makeEntries() {
 }
 
 /// Puts an entry that is in its album behind the others there. Its file stays, unless the asset has another name now.
-void PhotoChange::addAgain(const std::string& wanted, EntryRecord entry) {
-  const bool keepsName = keepsItsName(entry, wanted);
-  if (keepsName) change_.goneEntries.push_back(entry);
-  if (!keepsName) addGone(entry);
-  entry.position = 0;
-  if (!keepsName) return addNew(wanted, std::move(entry));
-  change_.newEntries.push_back(std::move(entry));
+void PhotoChange::addAgain(const std::string& wanted, const EntryRecord& entry) {
+  const EntryRecord last{.album = entry.album, .asset = entry.asset, .name = entry.name};
+  if (!keepsItsName(entry, wanted)) {
+    addGone(entry);
+    return addNew(wanted, last);
+  }
+  change_.goneEntries.push_back(entry);
+  change_.newEntries.push_back(last);
 }
 
 /// Whether an entry would get the name that it has.
@@ -224,11 +225,10 @@ void PhotoChange::renameEntries(const AssetRecord& asset) {
   const auto before = catalogue_.asset(asset.identifier);
   if (before && before->filename == asset.filename) return;
   for (const EntryRecord& entry : catalogue_.entries(asset.identifier)) {
-    const Place place{entry.album, entry.asset};
     const bool isGone = std::ranges::any_of(change_.goneEntries, [&](const EntryRecord& gone) {
-      return gone.album == place.album && gone.asset == place.asset;
+      return gone.album == entry.album && gone.asset == entry.asset;
     });
-    const bool isAddedAgain = std::ranges::count(additions_, place) > 0;
+    const bool isAddedAgain = std::ranges::count(additions_, Place{entry.album, entry.asset}) > 0;
     if (isGone || isAddedAgain || keepsItsName(entry, asset.filename)) continue;
     addGone(entry);
     addNew(asset.filename, entry);

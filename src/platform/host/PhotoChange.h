@@ -53,7 +53,7 @@ class PhotoChange : public PHChangeBlock {
   void takeNewAssets();
   void addGone(const EntryRecord& entry);
   void addNew(const std::string& wanted, EntryRecord entry);
-  void addAgain(const std::string& wanted, EntryRecord entry);
+  void addAgain(const std::string& wanted, const EntryRecord& entry);
   bool keepsItsName(const EntryRecord& entry, const std::string& wanted);
   std::set<std::string>& namesTaken(const std::string& album);
   void renameEntries(const AssetRecord& asset);

@@ -26,7 +26,8 @@ std::string lineOf(const std::string& header) {
   return isEmpty ? header.substr(0, colon) + ";" : header;
 }
 
-/// Authorities in the place of the system's, as other programs let a user name them.
+/// A file or a folder of authorities in the place of the system's, as other programs let a user name them. One that is
+/// not named stays the system's.
 void setAuthorities(CURL* easy) {
   const auto set = [easy](CURLoption option, std::initializer_list<const char*> names) {
     for (const char* name : names) {

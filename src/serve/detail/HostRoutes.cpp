@@ -26,7 +26,7 @@ struct Route {
   Names actions = {};               ///< one of them the body must hold as `action`, if there are any
   Names texts = {};                 ///< what else it may hold
   Names flags = {};
-  bool mayClear = false;  ///< it must hold `clear`
+  bool needsClear = false;  ///< it must hold `clear`
   std::string_view changed = {};
   size_t largestBody = 4 << 10;
 };
@@ -70,7 +70,7 @@ constexpr std::array<Route, 8> routes{{
      .idKey = "id",
      .actions = downloadActions,
      .changed = "downloads"},
-    {.httpMethod = "POST", .path = "/history", .method = "clearHistory", .mayClear = true, .changed = "history"},
+    {.httpMethod = "POST", .path = "/history", .method = "clearHistory", .needsClear = true, .changed = "history"},
 }};
 
 bool isAt(const Route& route, std::string_view path) {
@@ -101,7 +101,7 @@ std::optional<Refusal> takeBody(const Route& route, const JSObject& body, JSObje
   const auto refusal = [](std::string_view key, const char* words) {
     return Refusal{400, "\"" + std::string(key) + "\" " + words};
   };
-  if (route.mayClear) {  // true for all, or the id of one
+  if (route.needsClear) {  // true for all, or the id of one
     if (const auto* id = valueAt<int64_t>(body, "clear")) {
       options.set("id", *id);
     } else if (!valueAt(body, "clear", false)) {

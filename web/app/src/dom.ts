@@ -32,10 +32,10 @@ export function keepFocus(work: () => void): void {
   if (focused instanceof HTMLElement && focused !== document.activeElement) focused.focus({ preventScroll: true });
 }
 
-/** Hides a button or shows it. Whoever was at one that goes is led to `rest`. */
-export function hide(button: HTMLElement, isHidden: boolean, rest: HTMLElement | null): void {
-  const hasFocus = button === document.activeElement;
-  button.hidden = isHidden;
+/** Hides an element or shows it. Whoever was in one that goes is led to `rest`. */
+export function hide(element: HTMLElement, isHidden: boolean, rest: HTMLElement | null): void {
+  const hasFocus = element.contains(document.activeElement);
+  element.hidden = isHidden;
   if (isHidden && hasFocus) rest?.focus({ preventScroll: true });
 }
 

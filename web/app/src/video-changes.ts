@@ -1,4 +1,4 @@
-import { announce, byId, find, setText } from './dom.js';
+import { announce, byId, find, hide, setText } from './dom.js';
 import { changeAsset } from './host.js';
 import { messageOf } from './text.js';
 import type { Asset } from './video-card.js';
@@ -64,9 +64,7 @@ export class VideoChanges {
 
   private forget(): void {
     this.removed = undefined;
-    const hadFocus = this.bar.contains(document.activeElement);
-    this.bar.hidden = true;
-    if (hadFocus) byId('albums-title', HTMLElement).focus({ preventScroll: true });
+    hide(this.bar, true, byId('albums-title', HTMLElement));
   }
 
   private async save(): Promise<void> {
