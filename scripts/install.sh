@@ -9,8 +9,6 @@ place=$(mktemp -d)
 server=
 trap '[ -z "$server" ] || kill "$server" 2>/dev/null; rm -rf "$place"' EXIT
 
-fail() { tell "FAILED: $*" && exit 1; }
-
 cmake --install "$build" --strip --prefix "$place/first" >"$place/install.txt"
 mv "$place/first" "$place/moved"
 prefix=$place/moved

@@ -6,8 +6,6 @@ set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 source scripts/setup.sh
 
-fail() { tell "FAILED: $*" && exit 1; }
-
 # Debian 12 has Node.js 18, which is enough for all else.
 version=$(node --version 2>/dev/null || echo none)
 [ "$(printf 'v20.19\n%s\n' "$version" | sort -V | head -n 1)" = v20.19 ] ||

@@ -5,8 +5,6 @@ set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 source scripts/setup.sh
 
-fail() { tell "FAILED: $*" && exit 1; }
-
 [ "$(id -u)" -eq 0 ] || fail "only root can set up a fresh Debian"
 # shellcheck disable=SC2086
 install_missing $tarn_packages git scdoc lintian debootstrap

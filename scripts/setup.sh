@@ -6,6 +6,7 @@ tarn_packages="g++ cmake ninja-build ccache pkg-config ffmpeg
   libswresample-dev libswscale-dev nlohmann-json3-dev"
 
 tell() { printf '%s\n' "$*" >&2; }
+fail() { tell "FAILED: $*" && exit 1; }
 
 # install_missing PACKAGES...: installs those that are not there.
 install_missing() {

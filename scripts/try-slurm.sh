@@ -21,7 +21,6 @@ clean_up() {
   rm -rf "$place"
 }
 trap clean_up EXIT
-fail() { tell "FAILED: $*" && exit 1; }
 
 # start NAME COMMAND...: a daemon in the foreground, its output in NAME.log.
 start() {

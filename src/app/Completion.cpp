@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "app/Output.h"
+
 namespace tarn {
 namespace {
 
@@ -15,10 +17,6 @@ std::string replaced(std::string text, std::string_view from, std::string_view t
   for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
     text.replace(at, from.size(), to);
   return text;
-}
-
-std::string quoted(const std::string& text) {
-  return "'" + replaced(text, "'", "'\\''") + "'";
 }
 
 /// What may stand behind a command: its own options, and those of `tarn` itself.
@@ -55,15 +53,15 @@ void addBash(const CommandFacts& command, const CommandFacts& root, std::string&
     options.insert(options.end(), option.names.begin(), option.names.end());
   }
   std::vector<std::string> arguments;
-  for (const CommandOption& argument : command.arguments) arguments.push_back(quoted(bashValue(argument)));
-  places += fmt::format("    {}) commands='{}' options='{}' arguments=({}) ;;\n", quoted(command.name),
+  for (const CommandOption& argument : command.arguments) arguments.push_back(shellQuoted(bashValue(argument)));
+  places += fmt::format("    {}) commands='{}' options='{}' arguments=({}) ;;\n", shellQuoted(command.name),
                         fmt::join(commandNames(command), " "), fmt::join(options, " "), fmt::join(arguments, " "));
   for (const CommandOption& option : command.options()) {
     if (option.value == Value::none) continue;
-    const std::string place = command.name.empty() ? "*" : quoted(command.name);
+    const std::string place = command.name.empty() ? "*" : shellQuoted(command.name);
     std::vector<std::string> patterns;
     for (const std::string& name : option.names) patterns.push_back(fmt::format("{}' {}'", place, name));
-    values += fmt::format("    {}) value={} ;;\n", fmt::join(patterns, "|"), quoted(bashValue(option)));
+    values += fmt::format("    {}) value={} ;;\n", fmt::join(patterns, "|"), shellQuoted(bashValue(option)));
   }
   for (const CommandFacts& below : command.commands) addBash(below, root, places, values);
 }
@@ -130,7 +128,7 @@ std::string zshOption(const CommandOption& option) {
   std::string text;
   for (const std::string& name : option.names) {
     const char* const joined = option.value == Value::none ? "" : name.starts_with("--") ? "=" : "+";
-    text += " \\\n    " + quoted(fmt::format("{}{}{}[{}]{}", together, name, joined, help, value));
+    text += " \\\n    " + shellQuoted(fmt::format("{}{}{}[{}]{}", together, name, joined, help, value));
   }
   return text;
 }
@@ -148,8 +146,8 @@ void addZsh(const CommandFacts& command, const CommandFacts& root, std::string& 
   if (command.commands.empty()) {
     script += "  _arguments -s -S" + options;
     for (const CommandOption& argument : command.arguments) {
-      script += " \\\n    " +
-                quoted(fmt::format("{}:{}:{}", argument.isMany ? "*" : "", argument.placeholder, zshAction(argument)));
+      script += " \\\n    " + shellQuoted(fmt::format("{}:{}:{}", argument.isMany ? "*" : "", argument.placeholder,
+                                                      zshAction(argument)));
     }
     script += "\n}\n\n";
     return;
@@ -160,7 +158,7 @@ void addZsh(const CommandFacts& command, const CommandFacts& root, std::string& 
       "      local -a commands=(\n",
       options);
   for (const CommandFacts& below : command.commands) {
-    script += fmt::format("        {}\n", quoted(ownName(below) + ":" + replaced(below.description, ":", "\\:")));
+    script += fmt::format("        {}\n", shellQuoted(ownName(below) + ":" + replaced(below.description, ":", "\\:")));
   }
   script += "      )\n      _describe command commands ;;\n    words)\n      case $line[1] in\n";
   for (const CommandFacts& below : command.commands) {
@@ -187,13 +185,13 @@ std::string fishValue(const CommandOption& option) {
 /// `place` is the test of fish for the place where the words of the command may stand.
 void addFish(const CommandFacts& command, const std::string& place, std::string& script) {
   const std::string names = fmt::format("{}", fmt::join(commandNames(command), " "));
-  const std::string begin = "complete -c tarn" + (place.empty() ? "" : fmt::format(" -n {}", quoted(place)));
+  const std::string begin = "complete -c tarn" + (place.empty() ? "" : fmt::format(" -n {}", shellQuoted(place)));
   for (const CommandOption& option : command.options()) {
     script += begin;
     for (const std::string& name : option.names) {
       script += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
     }
-    script += fishValue(option) + " -d " + quoted(option.description) + "\n";
+    script += fishValue(option) + " -d " + shellQuoted(option.description) + "\n";
   }
   for (const CommandOption& argument : command.arguments) {
     if (argument.value != Value::text || !argument.choices.empty())
@@ -201,8 +199,8 @@ void addFish(const CommandFacts& command, const std::string& place, std::string&
   }
   const std::string none = (place.empty() ? "" : place + "; and ") + "not __fish_seen_subcommand_from " + names;
   for (const CommandFacts& below : command.commands) {
-    script +=
-        fmt::format("complete -c tarn -n {} -a {} -d {}\n", quoted(none), ownName(below), quoted(below.description));
+    script += fmt::format("complete -c tarn -n {} -a {} -d {}\n", shellQuoted(none), ownName(below),
+                          shellQuoted(below.description));
   }
   for (const CommandFacts& below : command.commands) {
     addFish(below, (place.empty() ? "" : place + "; and ") + "__fish_seen_subcommand_from " + ownName(below), script);

@@ -10,6 +10,15 @@
 #include "platform/URL.h"
 
 namespace tarn {
+namespace {
+
+void addWords(JSObject& object, const Engine::Outcome& failure) {
+  object.set("error", withoutSecrets(*failure.failure));
+  if (!failure.advice.empty()) object.set("advice", failure.advice);
+  object.set("mayTryAgain", failure.mayTryAgain);
+}
+
+}  // namespace
 
 Engine::Outcome outcomeOf(Engine& engine, int64_t id) {
   using State = Engine::HistoryEntry::State;
@@ -66,9 +75,7 @@ void addTo(JSObject& object, const Engine::Outcome& outcome) {
     return;
   }
   object.set("result", outcome.isRefused ? "refused" : "failed");
-  object.set("error", withoutSecrets(*outcome.failure));
-  if (!outcome.advice.empty()) object.set("advice", outcome.advice);
-  object.set("mayTryAgain", outcome.mayTryAgain);
+  addWords(object, outcome);
   object.set("maySaveAsItCame", outcome.maySaveAsItCame);
 }
 
@@ -77,9 +84,7 @@ int reportFailure(const GlobalOptions& global, const std::exception_ptr& reason,
   if (global.json) {
     JSObject object{{"result", "failed"}};
     for (const auto& [name, value] : about.members()) object.set(name, value);
-    object.set("error", *failure.failure);
-    if (!failure.advice.empty()) object.set("advice", failure.advice);
-    object.set("mayTryAgain", failure.mayTryAgain);
+    addWords(object, failure);
     printJSON(object);
   }
   printFailure(sentencesOf(failure));

@@ -71,10 +71,11 @@ Line lineOf(const std::string& file, const FileInspection& inspection) {
 
 /// The plot appears whole or not at all; a link of this name stays one.
 void writePlot(const std::string& place, const std::string& plot) {
-  std::error_code none;
-  const Path target = std::filesystem::weakly_canonical(absolutePath(place), none);
   PosixFileManager disk("");
   try {
+    std::error_code error;
+    const Path target = std::filesystem::weakly_canonical(absolutePath(place), error);
+    if (error) throw PosixError(error.value(), place);
     TempFile made(disk, hiddenSibling(target));
     const auto file = disk.open(made.path(), OpenMode::exclusive);
     file->write(bytesOf(plot));

@@ -200,14 +200,11 @@ class ExportCommand {
     for (const LibraryAlbum& album : albums) videos += album.assets.size();
     isSeveral_ = videos > 1;
     int code = ExitCode::done;
-    if (!options_.names.empty()) {
-      code = exportAll(albums.front(), target);
-    } else {
-      for (const LibraryAlbum& album : albums) {
-        const Path folder = options_.album ? target : target / safeName(album.title, NameKind::directory);
-        code = std::max(code, exportAll(album, folder));
-        if (isStopped_) break;
-      }
+    const bool isOneFolder = options_.album || !options_.names.empty();
+    for (const LibraryAlbum& album : albums) {
+      const Path folder = isOneFolder ? target : target / safeName(album.title, NameKind::directory);
+      code = std::max(code, exportAll(album, folder));
+      if (isStopped_) break;
     }
     if (!isStopped_) return code;
     return reportInterrupt(global_, "the copies that are there are whole.");

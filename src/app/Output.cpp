@@ -93,6 +93,12 @@ void requireWritten() {
   if (outputError != 0) throw PosixError(outputError, "write to standard output");
 }
 
+std::string shellQuoted(std::string_view text) {
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? "'\\''" : std::string(1, c);
+  return word + "'";
+}
+
 bool isTerminal(int stream) {
   return ::isatty(stream) == 1;
 }

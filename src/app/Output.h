@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "platform/JSObject.h"
 
@@ -41,6 +42,9 @@ void printNote(const std::string& line);
 
 /// Writes a line that tells of a failure to standard error, its URLs without their secrets.
 void printFailure(const std::string& line);
+
+/// The text as a word of a shell's command line.
+std::string shellQuoted(std::string_view text);
 
 /// Whether standard output or standard error (STDOUT_FILENO, STDERR_FILENO) is a terminal.
 bool isTerminal(int stream);

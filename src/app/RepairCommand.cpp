@@ -43,7 +43,8 @@ void requireSense(const GlobalOptions& global, const RepairArguments& given) {
 std::vector<Path> inputsOf(const RepairArguments& given) {
   std::vector<Path> inputs(given.inputs.begin(), given.inputs.end());
   if (!given.filesFrom) return inputs;
-  const auto listed = pathsInList(readUserFile(*given.filesFrom), given.listEndsWithZeros);
+  constexpr size_t longestList = 1 << 30;
+  const auto listed = pathsInList(readUserFile(*given.filesFrom, longestList), given.listEndsWithZeros);
   inputs.insert(inputs.end(), listed.begin(), listed.end());
   return inputs;
 }

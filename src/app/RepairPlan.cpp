@@ -63,9 +63,10 @@ class Planner {
   }
 
   RepairPlan finished() && {
-    for (const PlannedRepair& file : plan_.files) {
-      const bool isInput = inputs_.contains(plainName(file.output)) || isSame(file.input, file.output);
-      if (target_.isInPlace() || !isInput) continue;
+    if (target_.isInPlace()) return std::move(plan_);
+    for (const auto& [output, index] : fileOf_) {
+      const PlannedRepair& file = plan_.files[index];
+      if (!inputs_.contains(output) && !isSame(file.input, file.output)) continue;
       throw UsageError(fmt::format("{} would be written over; name another {}, or use --in-place.",
                                    file.output.string(), target_.file ? "file" : "directory or a --suffix"));
     }
@@ -106,11 +107,12 @@ class Planner {
   void plan(const Path& input, const Path& name) {
     const Path output = outputOf(input, name);
     const Path plainInput = plainName(input);
-    if (!inputs_.insert({plainInput, input}).second) return;
+    if (!inputs_.insert(plainInput).second) return;
     if (target_.file && !plan_.files.empty()) throw UsageError("Several files need --output-dir or --in-place.");
-    const auto [other, isNew] = inputOf_.insert({plainName(output), plainInput});
+    const Path plainOutput = target_.isInPlace() ? plainInput : plainName(output);
+    const auto [other, isNew] = fileOf_.insert({plainOutput, plan_.files.size()});
     if (!isNew) {
-      throw UsageError(fmt::format("{} and {} would both become {}.", inputs_.at(other->second).string(),
+      throw UsageError(fmt::format("{} and {} would both become {}.", plan_.files[other->second].input.string(),
                                    input.string(), output.string()));
     }
     plan_.files.push_back({input, output, target_.isInPlace()});
@@ -119,8 +121,8 @@ class Planner {
   const RepairTarget& target_;
   const bool isRecursive_;
   RepairPlan plan_;
-  std::map<Path, Path> inputs_;   ///< as they were given, by their plain names
-  std::map<Path, Path> inputOf_;  ///< by outputs, all of them plain names
+  std::set<Path> inputs_;          ///< by their plain names
+  std::map<Path, size_t> fileOf_;  ///< the place in the plan, by the plain names of the outputs
 };
 
 }  // namespace

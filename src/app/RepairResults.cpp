@@ -35,13 +35,6 @@ std::string asReadBack(const std::string& text) {
   return object ? valueAt<std::string>(*object, "text", "") : text;
 }
 
-/// The name may be that of a video by mistake, behind whose bytes nothing must be put.
-void requireReport(FileManager& disk, const Path& path) {
-  const Bytes first = disk.open(path, OpenMode::reading)->read(1);
-  if (first.empty() || first.front() == '{') return;
-  throw UsageError(fmt::format("{} is no report of a repair; name another file for --report.", path.string()));
-}
-
 }  // namespace
 
 RepairEnd endOf(const RepairedFile& result) {
@@ -108,10 +101,7 @@ RepairReportFile::RepairReportFile(const Path& path)
     : path_(path), file_(::open(nativeName(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666)) {
   if (!file_.isOpen()) throw PosixError(errno, "write the report " + path.string());
   isFile_ = std::filesystem::is_regular_file(path);
-  if (!isFile_) return;
-  PosixFileManager disk("");
-  requireReport(disk, path);
-  if (!readOn()) write("\n");
+  if (isFile_ && !readOn()) write("\n");
 }
 
 bool RepairReportFile::knows(const Path& input) {
@@ -129,6 +119,10 @@ bool RepairReportFile::readOn() {
     const ssize_t count = repeatInterrupted([&] { return ::pread(*file_, piece.data(), piece.size(), place); });
     if (count < 0) throw PosixError(errno, "read the report " + path_.string());
     if (count == 0) return text.empty();
+    // The name may be that of a video by mistake, behind whose bytes nothing must be put.
+    if (place == 0 && piece.front() != '{') {
+      throw UsageError(fmt::format("{} is no report of a repair; name another file for --report.", path_.string()));
+    }
     text.append(piece.data(), static_cast<size_t>(count));
     const size_t end = text.rfind('\n') + 1;
     std::string_view lines = std::string_view(text).substr(0, end);

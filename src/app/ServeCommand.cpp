@@ -75,9 +75,9 @@ Path ownPage() {
 
 /// Tells of the page that another process serves in this home. Rethrows the failure if none does, or if the address
 /// shall not be printed.
-int tellOfOther(const Path& home, const ServeOptions& options, const HomeInUse& failure) {
+int tellOfOther(const Path& home, const ServeOptions& options) {
   const auto address = servedPage(home);
-  if (!address || options.addressFile) throw failure;
+  if (!address || options.addressFile) throw;
   const bool isOtherwise = options.port != 0 || options.webFolder;
   printFailure(std::string("Another tarn serves this home already; this is the address of its page.") +
                (isOtherwise ? " --port and --web change nothing about it." : ""));
@@ -118,8 +118,8 @@ int serveCommand(const GlobalOptions& global, const ServeOptions& options) {
   const Path home = homeDirectory(global.home);
   try {
     return serve(global, options, home);
-  } catch (const HomeInUse& failure) {
-    return tellOfOther(home, options, failure);
+  } catch (const HomeInUse&) {
+    return tellOfOther(home, options);
   }
 }
 

@@ -106,8 +106,7 @@ uint64_t parseRate(std::string_view text) {
   return static_cast<uint64_t>(std::llround(rate));
 }
 
-std::string readUserFile(const std::string& name) {
-  constexpr size_t mostBytes = 16 << 20;
+std::string readUserFile(const std::string& name, size_t mostBytes) {
   constexpr size_t piece = 64 << 10;
   const Descriptor file(name == "-" ? ::dup(STDIN_FILENO) : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.isOpen()) throw unreadable(name);
@@ -120,7 +119,7 @@ std::string readUserFile(const std::string& name) {
     got = ::read(*file, text.data() + size, piece);
     if (got < 0 && errno != EINTR) throw unreadable(name);
     text.resize(size + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    if (text.size() > mostBytes) throw UsageError(fmt::format("{} is larger than 16 MiB.", name));
+    if (text.size() > mostBytes) throw UsageError(fmt::format("{} is larger than {} MiB.", name, mostBytes >> 20));
   }
   return text;
 }

@@ -35,7 +35,7 @@ uint64_t parseRate(std::string_view text);
 
 /// The text of a file that the user has written, or of standard input for "-". Throws UsageError if it is too large for
 /// that, or cannot be read. An interrupt meanwhile ends the process.
-std::string readUserFile(const std::string& name);
+std::string readUserFile(const std::string& name, size_t mostBytes = 16 << 20);
 
 /// The lines of a text, without their ends, of whichever system.
 std::vector<std::string_view> linesOf(std::string_view text);

@@ -354,7 +354,8 @@ TEST_F(RepairBatchTest, StandardInputAndOutput) {
   const TarnResult none = sh("echo '<html>' | \"$0\" repair - -o -");
   EXPECT_EQ(none.exitCode, 4);
   EXPECT_EQ(none.output, "");
-  const TarnResult listed = sh("printf '%s\\0' \"$1\" | \"$0\" repair --files-from - -0 --in-place --json");
+  const TarnResult listed =
+      sh("{ head -c 17000000 /dev/zero; printf '%s\\0' \"$1\"; } | \"$0\" repair --files-from - -0 --in-place --json");
   EXPECT_EQ(listed.exitCode, 0) << listed.errors;
   EXPECT_TRUE(contentOf(file) == contentOf(result));
   EXPECT_THAT(listed.output, HasSubstr("\"ends\":{\"repaired\":1,"));

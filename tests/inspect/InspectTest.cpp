@@ -219,10 +219,16 @@ TEST_F(InspectTest, DrawsThePlot) {
   const Path file = directory_ / "a<b>&\"\x1B\xFF.mp4", plot = directory_ / "plot.svg";
   files_.open(file, OpenMode::exclusive)->write(damagedMovie("a gap in the sound"));
   const auto draw = [&](const Path& place) {
-    return runTarn(directory_ / "home", {"inspect", file.string(), "--plot", place.string()}).exitCode;
+    return runTarn(directory_ / "home", {"inspect", file.string(), "--plot", place.string()});
   };
-  EXPECT_EQ(draw(plot), 3);
-  EXPECT_EQ(draw(file), 2) << "a video must not be replaced";
+  const Path link = directory_ / "link.svg", loop = directory_ / "loop.svg";
+  EXPECT_EQ(draw(plot).exitCode, 3);
+  std::filesystem::create_symlink(plot, link);
+  std::filesystem::create_symlink(loop, loop);
+  EXPECT_EQ(draw(link).exitCode, 3);
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_EQ(draw(file).exitCode, 2) << "a video must not be replaced";
+  EXPECT_THAT(draw(loop).errors, testing::HasSubstr("levels of symbolic links"));
   constexpr const char* reader = R"(
 import sys, xml.etree.ElementTree as tree
 counts = {}

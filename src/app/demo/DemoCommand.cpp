@@ -130,12 +130,6 @@ Path takenOut(FileManager& files, const Path& saved) {
   }
 }
 
-std::string quoted(const Path& path) {
-  std::string text = "'";
-  for (char c : path.native()) text += c == '\'' ? "'\\''" : std::string(1, c);
-  return text + "'";
-}
-
 int demoCommand(const GlobalOptions& global, bool keepsAll) {
   const DemoPlace place(keepsAll);
   const InterruptWatcher watcher([&]() -> bool {
@@ -155,7 +149,7 @@ int demoCommand(const GlobalOptions& global, bool keepsAll) {
   prove(files, place.source(), saved, place.path());
   const Path result = keepsAll || global.home ? saved : takenOut(files, saved);
   printLine("The repaired recording is " + result.string());
-  printLine("Open it: xdg-open " + quoted(result));
+  printLine("Open it: xdg-open " + shellQuoted(result.native()));
   if (keepsAll) printLine("The broken one is " + place.source().string());
   return ExitCode::done;
 }
