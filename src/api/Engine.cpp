@@ -37,9 +37,7 @@ int64_t Engine::save(const SaveRequest& request) {
                    {"takesServersName", !request.filename},
                    {"transfer", objectOf(transfer)}};
   if (request.id) options.set("id", *request.id);
-  const auto answer = session_->saveVideo(std::move(options));
-  if (!answer.resolved) throw EngineRefused(answer.message);
-  return valueAt<int64_t>(answer.data, "id", 0);
+  return session_->saveVideo(std::move(options));
 }
 
 void Engine::cancel(int64_t id) {

@@ -55,8 +55,8 @@ EngineClient::Answer EngineClient::call(const std::string& method, JSObject opti
   return call(bridge, method, std::move(options));
 }
 
-EngineClient::Answer EngineClient::saveVideo(JSObject options) {
-  return call(HostPlugin::name(), "saveVideo", std::move(options));
+int64_t EngineClient::saveVideo(JSObject options) {
+  return valueAt<int64_t>(resolved(call(HostPlugin::name(), "saveVideo", std::move(options))), "id", 0);
 }
 
 JSObject EngineClient::downloads() {

@@ -44,8 +44,8 @@ class EngineClient {
   /// A method of the bridge.
   Answer call(const std::string& method, JSObject options = {});
 
-  /// The command saveVideo; its options may choose the download's id.
-  Answer saveVideo(JSObject options);
+  /// The command saveVideo; its options may choose the download's id, which is returned. Throws EngineRefused.
+  int64_t saveVideo(JSObject options);
   /// The downloads that the engine has, by their ids.
   JSObject downloads();
   /// Throws EngineRefused.

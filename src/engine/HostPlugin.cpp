@@ -127,11 +127,12 @@ void HostPlugin::getOutcome(const CAPPluginCallPointer& call) {
 }
 
 void HostPlugin::getAsset(const CAPPluginCallPointer& call) {
-  const auto assets = assetsFor(host_.photos(), call->getString("album"), call->getString("assetId"));
+  const auto assetId = call->getString("assetId");
+  const auto assets = assetsFor(host_.photos(), call->getString("album"), assetId);
   const auto filename = call->getString("filename");
   const int64_t since = call->getInt("since").value_or(0);
   const auto found = std::find_if(assets.rbegin(), assets.rend(), [&](const PHAsset& asset) {
-    if (call->getString("assetId")) return true;
+    if (assetId) return true;
     return asset.filename == filename && secondsSince1970(asset.creationDate) >= since;
   });
   JSObject answer;
@@ -268,8 +269,10 @@ void HostPlugin::setPage(const std::string& address) {
 }
 
 void HostPlugin::getPage(const CAPPluginCallPointer& call) {
-  std::lock_guard guard(mutex_);
-  call->resolve(page_ ? JSObject{{"address", *page_}} : JSObject());
+  std::unique_lock guard(mutex_);
+  const auto page = page_;
+  guard.unlock();
+  call->resolve(page ? JSObject{{"address", *page}} : JSObject());
 }
 
 void HostPlugin::getPoster(const CAPPluginCallPointer& call) {

@@ -105,24 +105,14 @@ void removeIfAbandoned(const Path& home) {
   fs::remove_all(home, ignored);
 }
 
-/// The places that this process has swept. Once is enough; where many machines work, each look costs all of them.
-class SweptPlaces {
- public:
-  /// False if it was added before.
-  bool add(const Path& place) {
-    const std::lock_guard guard(mutex_);
-    return places_.insert(place).second;
-  }
-
-  static SweptPlaces& all() {
-    static SweptPlaces places;
-    return places;
-  }
-
- private:
-  std::mutex mutex_;
-  std::set<Path> places_;
-};
+/// Notes that this process sweeps a place; false if it has done so before. Once is enough; where many machines work,
+/// each look costs all of them.
+bool noteSweep(const Path& place) {
+  static std::mutex mutex;
+  static std::set<Path> places;
+  const std::lock_guard guard(mutex);
+  return places.insert(place).second;
+}
 
 }  // namespace
 
@@ -139,7 +129,7 @@ PrivateHome::~PrivateHome() {
 void PrivateHome::make() {
   const std::lock_guard guard(mutex_);
   if (isMade_) return;
-  if (SweptPlaces::all().add(place_)) sweep(place_);
+  if (noteSweep(place_)) sweep(place_);
   isBegun_ = true;
   for (int tries = 0;; ++tries) {
     if (::mkdir(all_.c_str(), 0700) != 0) {
@@ -160,7 +150,7 @@ void PrivateHome::make() {
 }
 
 void PrivateHome::sweep(const Path& place) {
-  SweptPlaces::all().add(place);
+  noteSweep(place);
   const Path all = directoryOfAll(place);
   if (!isSafe(all, place)) return;
   std::error_code failure;

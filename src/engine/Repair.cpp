@@ -51,7 +51,7 @@ class DiskWithHomes : public PosixFileManager {
   DiskWithHomes(PrivateHome& work, PrivateHome& result) : PosixFileManager(work.path()), homes_{&work, &result} {}
 
   std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
-    if (mode == OpenMode::creating || mode == OpenMode::exclusive) {
+    if (mode == OpenMode::creating || isExclusive(mode)) {
       for (PrivateHome* home : homes_) {
         if (path.parent_path() == home->path()) home->make();
       }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <set>
+#include <utility>
 
 #include "pipeline/detail/PolledFiles.h"
 #include "pipeline/detail/RunLayers.h"
@@ -35,7 +36,7 @@ ProcessingDriver::ProcessingDriver(FileManager& files, const Clock& clock, Proce
       store_(store),
       names_(names),
       listener_(listener),
-      steps_(steps),
+      steps_(std::move(steps)),
       runFiles_(runFiles) {}
 
 void ProcessingDriver::continueProcessing(const ProcessingState& state,

@@ -241,7 +241,7 @@ RebuiltMovie rebuildLostMoov(FileManager& files, const Path& broken, const Path&
   Rebuilding rebuilding(*source, Recorder::read(files, healthy), poll);
   rebuilding.find();
   const auto target = files.open(result, OpenMode::creating);
-  const RebuiltMovie rebuilt = rebuilding.write(*target);
+  RebuiltMovie rebuilt = rebuilding.write(*target);
   target->close();
   return rebuilt;
 }

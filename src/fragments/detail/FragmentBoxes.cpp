@@ -51,6 +51,12 @@ bool isAboutFragments(std::string_view type, ByteView contents) {
          });
 }
 
+/// Each type once, and not all of very many.
+void note(std::vector<std::string>& types, const std::string& type) {
+  constexpr size_t most = 8;
+  if (types.size() < most && std::ranges::find(types, type) == types.end()) types.push_back(type);
+}
+
 uint32_t flagsOf(uint32_t versionAndFlags) {
   return versionAndFlags & 0xFF'FFFF;
 }
@@ -111,7 +117,7 @@ TrackFragment parseTrackFragment(ByteView contents, const DefaultsOfTrack& defau
     if (box.type == "tfdt") fragment.decodeTime = readDecodeTime(child);
     if (box.type == "trun") fragment.runs.emplace_back(child, *defaults);
     if (box.type != "sgpd" && box.type != "sbgp") {
-      if (!isAboutFragments(box.type, child)) fragment.others.push_back(box.type);
+      if (!isAboutFragments(box.type, child)) note(fragment.others, box.type);
       return;
     }
     if (box.headerSize != layout::boxHeaderSize)

@@ -66,7 +66,7 @@ struct TrackFragment {
   std::vector<TrackRun> runs = {};
   std::vector<ByteView> groupDescriptions = {};  ///< each `sgpd`, a whole box with an 8-byte header
   std::vector<ByteView> sampleGroups = {};       ///< each `sbgp`, the same
-  std::vector<std::string> others = {};          ///< types of boxes that say something else of the samples
+  std::vector<std::string> others = {};          ///< some types of boxes that say something else of the samples
 };
 
 /// The defaults of a track. Throws if there is no such track.

@@ -126,7 +126,8 @@ class RecorderReader {
     const auto stbl = MP4BoxUtils::findDescendant(*file_, box, {"mdia", "minf", "stbl"});
     if (!stbl) throw unfit("a track has no sample table");
     Places& places = isPictures ? pictures_ : sound_;
-    places = {std::make_unique<SampleLocations>(*file_, *stbl), std::move(tables)};
+    places.samples = std::make_unique<SampleLocations>(*file_, *stbl);
+    places.tables = std::move(tables);
     if (places.samples->countInFile() != places.samples->count()) throw unfit("samples are missing at its end");
     if (isPictures) {
       readPictures(trak, index, stsd, static_cast<uint32_t>(timescale));
