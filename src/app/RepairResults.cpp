@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "app/Commands.h"
@@ -27,6 +28,12 @@ JSValue nullIfEmpty(const std::string& words) {
 
 std::string absoluteName(const Path& path) {
   return path.empty() ? "" : absolutePath(path).string();
+}
+
+/// Whether a line of the report with this result says that the result is there.
+bool isResultThere(std::string_view word) {
+  constexpr std::array ends{RepairEnd::repaired, RepairEnd::unchanged, RepairEnd::partly, RepairEnd::skipped};
+  return std::any_of(ends.begin(), ends.end(), [word](RepairEnd end) { return word == wordOf(end); });
 }
 
 /// As it comes back from a line of the report.
@@ -104,7 +111,7 @@ RepairReportFile::RepairReportFile(const Path& path)
   if (isFile_ && !readOn()) write("\n");
 }
 
-bool RepairReportFile::knows(const Path& input) {
+bool RepairReportFile::knowsResultOf(const Path& input) {
   const std::string name = asReadBack(absoluteName(input));
   if (!known_.contains(name) && isFile_) readOn();
   return known_.contains(name);
@@ -129,7 +136,10 @@ bool RepairReportFile::readOn() {
     while (!lines.empty()) {
       const std::string_view line = lines.substr(0, lines.find('\n'));
       lines.remove_prefix(line.size() + 1);
-      if (const auto object = JSObject::parse(line)) known_.insert(valueAt<std::string>(*object, "input", ""));
+      const auto object = JSObject::parse(line);
+      if (object && isResultThere(valueAt<std::string>(*object, "result", ""))) {
+        known_.insert(valueAt<std::string>(*object, "input", ""));
+      }
     }
     text.erase(0, end);
     read_ += static_cast<off_t>(end);

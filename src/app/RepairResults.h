@@ -25,15 +25,16 @@ int exitCodeOf(const RepairedFile& result);
 JSObject reportObject(const RepairedFile& result);
 
 /// The file that tells what became of each input: one object a line, appended as each is done. The last line about an
-/// input counts. Several processes of one machine may write one report.
+/// input counts, but `skipped` gives way to a line that tells how its result came about: of two processes that write
+/// one report, one can find the result of the other before the other has told of it.
 class RepairReportFile {
  public:
   /// Opens the file or makes it, and closes a last line that a killed process has left open. Throws PosixError, and
   /// UsageError for a file that is no report.
   explicit RepairReportFile(const Path& path);
 
-  /// An earlier run has told of this input, or one beside this one. Throws PosixError.
-  bool knows(const Path& input);
+  /// An earlier run, or one beside this one, has told that the result of this input is there. Throws PosixError.
+  bool knowsResultOf(const Path& input);
 
   /// Of what reportObject() returns. Throws PosixError.
   void append(const JSObject& file);
@@ -46,7 +47,7 @@ class RepairReportFile {
   Descriptor file_;
   bool isFile_ = false;          ///< and no pipe, of which nothing can be read again
   off_t read_ = 0;               ///< the lines ahead of it are known
-  std::set<std::string> known_;  ///< inputs
+  std::set<std::string> known_;  ///< inputs whose result is there
 };
 
 /// The numbers of a batch.

@@ -24,7 +24,7 @@ JSObject RepairTeller::objectOf(const RepairedFile& result) const {
 void RepairTeller::tell(const RepairedFile& result) {
   totals_.add(result);
   code_ = exitCodeOf(result);
-  const bool isKnown = result.wasDone && report_ && report_->knows(result.file.input);
+  const bool isKnown = result.wasDone && report_ && report_->knowsResultOf(result.file.input);
   if (report_ && !isKnown && endOf(result) != RepairEnd::interrupted) report_->append(objectOf(result));
   if (global_.json) return tellInJSON(result);
   result.report.isThere() || result.wasDone ? tellResult(result) : tellFailure(result);

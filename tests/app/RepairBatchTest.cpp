@@ -214,6 +214,21 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
   EXPECT_EQ(namesBelow(out_), expected);
 }
 
+TEST_F(RepairBatchTest, TheReportSaysOnceThatTheResultOfAFailedFileIsThere) {
+  const Path input = in_ / "a.mp4", report = place_ / "report.jsonl";
+  write(input, healthy());
+  write(out_ / "a.mp4", healthy());
+  write(report, fmt::format("{{\"result\":\"failed\",\"input\":\"{}\"}}\n", input.string()));
+  for (int run = 0; run < 2; ++run) {
+    const auto result =
+        repair({input.string(), "--output-dir", out_.string(), "--skip-done", "--report", report.string()});
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    const std::string lines = contentOf(report);
+    EXPECT_EQ(std::ranges::count(lines, '\n'), 2) << lines;
+    EXPECT_THAT(lines, HasSubstr("\"result\":\"skipped\""));
+  }
+}
+
 TEST_F(RepairBatchTest, AResultIsDoneOnAFileSystemOfCoarserTimesToo) {
   const Path input = in_ / "a.mp4", output = out_ / "a.mp4";
   write(input, "x");
