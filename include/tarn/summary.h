@@ -19,8 +19,8 @@ struct RepairSummary {
   struct Timeline {
     std::vector<Span> video = {};  ///< where there are pictures
     std::vector<Span> audio = {};  ///< where there is sound; between two it is silent
-    /// Seconds that the sound is behind the picture where both begin; below 0 it is ahead. Absent if the file does not
-    /// tell.
+    /// How many seconds the sound is later than the picture where both begin; below 0 it is earlier. Absent if the file
+    /// does not tell.
     std::optional<double> soundBehindAtStart = {};
     std::optional<double> soundBehindAtEnd = {};  ///< the same where both end
   };

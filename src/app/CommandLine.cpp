@@ -23,7 +23,7 @@ namespace {
 constexpr int64_t longestBackground = 365L * 24 * 60 * 60;  // seconds
 
 std::string footer() {
-  std::string text = "An argument behind `--` is no option. NO_COLOR keeps colours away.\n\nExit codes:";
+  std::string text = "An argument after `--` is no option. NO_COLOR keeps colours away.\n\nExit codes:";
   for (const auto& [code, words] : exitCodes) text += fmt::format("\n{:>5}  {}", code, words);
   return text;
 }

@@ -28,7 +28,7 @@ struct OptionGroup {
   std::vector<CommandOption> options = {};
 };
 
-/// A command with what may stand behind it. Of the outermost, `tarn` itself, the options may stand behind all commands.
+/// A command with what may stand after it. Of the outermost, `tarn` itself, the options may stand after all commands.
 struct CommandFacts {
   std::string name = {};  ///< "library remove"; that of the outermost is empty
   std::string description = {};

@@ -19,7 +19,7 @@ std::string replaced(std::string text, std::string_view from, std::string_view t
   return text;
 }
 
-/// What may stand behind a command: its own options, and those of `tarn` itself.
+/// What may stand after a command: its own options, and those of `tarn` itself.
 std::vector<CommandOption> optionsBehind(const CommandFacts& command, const CommandFacts& root) {
   std::vector<CommandOption> options = command.options();
   for (const CommandOption& option : root.options()) {
@@ -46,7 +46,7 @@ std::string bashValue(const CommandOption& option) {
   return option.value == Value::file ? "<file>" : option.value == Value::directory ? "<directory>" : "<text>";
 }
 
-/// One branch for each command: what may stand behind it, and what its options take.
+/// One branch for each command: what may stand after it, and what its options take.
 void addBash(const CommandFacts& command, const CommandFacts& root, std::string& places, std::string& values) {
   std::vector<std::string> options;
   for (const CommandOption& option : optionsBehind(command, root)) {
@@ -214,8 +214,8 @@ std::string bashCompletion(const CommandFacts& root) {
   std::string values;
   addBash(root, root, places, values);
   return fmt::format(
-             "# What may stand behind the command that $place names.\n_tarn_place() {{\n  case $place in\n{}"
-             "  esac\n}}\n\n# What the option takes behind that command.\n_tarn_value() {{\n"
+             "# What may stand after the command that $place names.\n_tarn_place() {{\n  case $place in\n{}"
+             "  esac\n}}\n\n# What the option takes after that command.\n_tarn_value() {{\n"
              "  case \"$place $1\" in\n{}  esac\n}}\n",
              places, values) +
          bashBody;

@@ -262,7 +262,7 @@ void addLibraryCommands(CommandTable& table) {
   const auto options = std::make_shared<LibraryOptions>();
   CLI::App* library = table.app.add_subcommand("library", "List the albums and what is in them, and change them");
   library->require_subcommand(0, 1);
-  // The callback of `library` itself comes behind that of its command.
+  // The callback of `library` itself comes after that of its command.
   const auto choose = [&table, options](CLI::App* command, auto run) {
     command->callback([&table, options, run, command] {
       if (!command->get_subcommands().empty()) return;

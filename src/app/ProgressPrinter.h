@@ -54,7 +54,7 @@ class ProgressPrinter {
   void show(const ProgressLine& line, const std::string& name = "", int64_t key = 0);
   void showStage(const std::string& stage, int64_t percent);
 
-  /// What stands ahead of all, as "3 of 12 done".
+  /// What stands before all, as "3 of 12 done".
   void setHead(const std::string& head) { head_ = head; }
   /// A piece of work that is over.
   void remove(int64_t key);

@@ -122,7 +122,7 @@ int repairStreams(const GlobalOptions& global, const RepairArguments& given, std
 
 int repairCommand(const GlobalOptions& global, const RepairArguments& given) {
   requireSense(global, given);
-  const std::vector<Path> inputs = inputsOf(given);  // ahead of the watcher: reading a list has one of its own
+  const std::vector<Path> inputs = inputsOf(given);  // before the watcher: reading a list has one of its own
   std::stop_source cancel;
   const InterruptWatcher watcher([&cancel] { return cancel.request_stop(); },
                                  "tarn: Interrupted; each result is there whole, or not at all.\n");
@@ -136,7 +136,7 @@ void addPlaces(CLI::App& repair, RepairArguments& given) {
   repair.add_option("--files-from", given.filesFrom, "More of them, one a line; - is standard input")
       ->type_name("FILE");
   repair.add_flag("-0,--null", given.listEndsWithZeros,
-                  "In that list a zero stands behind each, as `find -print0` writes it");
+                  "In that list a zero ends each path, as `find -print0` writes it");
   repair.add_flag("-r,--recursive", given.isRecursive,
                   "Recordings in directories and below them, told by their endings");
   auto* const places = repair.add_option_group("places", "Where the results go; each appears whole or not at all");
@@ -146,7 +146,7 @@ void addPlaces(CLI::App& repair, RepairArguments& given) {
   auto* const inPlace =
       places->add_flag("--in-place", given.isInPlace, "Results replace their files; NAME.orig is the old one");
   places->require_option(1);
-  repair.add_option("--suffix", given.suffix, "Put ahead of the ending of each name")->needs(directory);
+  repair.add_option("--suffix", given.suffix, "Put before the ending of each name")->needs(directory);
   repair.add_flag("--no-backup", given.lacksBackup, "Keep no NAME.orig")->needs(inPlace);
   repair.add_option("--scratch", given.options.scratch, "Directory for all new bytes but the results")
       ->check(CLI::ExistingDirectory.description(""))

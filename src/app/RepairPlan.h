@@ -13,7 +13,7 @@ namespace tarn {
 struct RepairTarget {
   std::optional<Path> file = {};
   std::optional<Path> directory = {};
-  std::string suffix = {};  ///< below a directory: ahead of the ending of each name
+  std::string suffix = {};  ///< below a directory: before the ending of each name
 
   bool isInPlace() const { return !file && !directory; }
 };
@@ -37,7 +37,7 @@ struct RepairPlan {
 /// changes nothing.
 RepairPlan planRepairs(const std::vector<Path>& inputs, const RepairTarget& target, bool isRecursive);
 
-/// The paths in a list of files: one a line, or with a zero behind each.
+/// The paths in a list of files: one a line, or with a zero after each.
 std::vector<Path> pathsInList(std::string_view list, bool endsWithZeros);
 
 /// True if the output of an earlier run is there, and is not older than its input: it gets the time of its input. In

@@ -126,7 +126,7 @@ bool RepairReportFile::readOn() {
     const ssize_t count = repeatInterrupted([&] { return ::pread(*file_, piece.data(), piece.size(), place); });
     if (count < 0) throw PosixError(errno, "read the report " + path_.string());
     if (count == 0) return text.empty();
-    // The name may be that of a video by mistake, behind whose bytes nothing must be put.
+    // The name may be that of a video by mistake, to whose bytes nothing must be appended.
     if (place == 0 && piece.front() != '{') {
       throw UsageError(fmt::format("{} is no report of a repair; name another file for --report.", path_.string()));
     }

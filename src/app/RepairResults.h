@@ -46,7 +46,7 @@ class RepairReportFile {
   const Path path_;
   Descriptor file_;
   bool isFile_ = false;          ///< and no pipe, of which nothing can be read again
-  off_t read_ = 0;               ///< the lines ahead of it are known
+  off_t read_ = 0;               ///< the lines before it are known
   std::set<std::string> known_;  ///< inputs whose result is there
 };
 

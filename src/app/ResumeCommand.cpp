@@ -79,7 +79,7 @@ class Resume {
   }
 
   /// True when the engine has let go of all that has ended, so that nothing of it is left in the stores, and no stored
-  /// transfer has yet to report; or after some looks, since what nothing stands behind may stay.
+  /// transfer has yet to report; or after some looks, since what belongs to nothing may stay.
   bool isEverythingGone() {
     const bool isGone = std::ranges::none_of(
         engine_.downloads(), [&](const Engine::Download& download) { return codes_.contains(download.id); });

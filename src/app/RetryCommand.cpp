@@ -52,7 +52,7 @@ class Retry {
       } catch (const EngineRefused&) {
         fail(entry, failureOf(std::current_exception()));
       } catch (const EngineLost&) {
-        fail(entry, {.failure = "its engine ended ahead of the answer", .advice = "Look at `tarn downloads`."});
+        fail(entry, {.failure = "its engine ended before the answer", .advice = "Look at `tarn downloads`."});
       }
     }
   }

@@ -61,7 +61,7 @@ void addSaveCommand(CommandTable& table) {
   save->add_option("URL", given->urls, "http or https URLs");
   save->add_option(
           "-i,--input", given->list,
-          "A list of URLs, \"-\" for standard input: a line each, with album and file name behind it, parted by "
+          "A list of URLs, \"-\" for standard input: a line each, with album and file name after it, parted by "
           "tabs; # begins a comment")
       ->type_name("FILE");
   save->add_option("--album", given->album, "The album; it is made when there is none of this name")

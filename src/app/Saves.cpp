@@ -79,7 +79,7 @@ void Saves::start(Save save) {
   }
 }
 
-/// No other command's: seconds, and behind them a number at random.
+/// No other command's: seconds, and after them a number at random.
 int64_t Saves::freshId() {
   constexpr int64_t range = 1'000'000;
   for (;;) {

@@ -6,7 +6,7 @@
 
 namespace tarn {
 
-/// How many columns the terminal has behind standard output or standard error (STDOUT_FILENO, STDERR_FILENO); else what
+/// How many columns the terminal of standard output or standard error has (STDOUT_FILENO, STDERR_FILENO); else what
 /// COLUMNS says, else 80.
 size_t terminalColumns(int stream);
 

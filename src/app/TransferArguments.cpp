@@ -72,7 +72,7 @@ void TransferArguments::addTo(CLI::App& command) {
   command.add_option("--referer", referer_, "The page that leads to the video");
   command.add_option("--user-agent", userAgent_, "The name of the browser for the server (else tarn's own)");
   command.add_option("--limit-rate", rate_, "Bytes a second at most, as 500K or 2M");
-  command.add_option("--retries", retries_, "Tries in a row without a new byte, behind the first (else 5)")
+  command.add_option("--retries", retries_, "Tries in a row without a new byte, after the first (else 5)")
       ->check(CLI::Range(0, mostRetries));
 }
 

@@ -9,7 +9,7 @@
 namespace tarn {
 
 /// Tells work that goes on from work that is gone. A stored download may say that it is under way although a kill has
-/// taken its transfer or its file: after some looks at which nothing stands behind it, it counts as vanished. One look
+/// taken its transfer or its file: after some looks that find nothing belonging to it, it counts as vanished. One look
 /// is not enough, since work changes hands.
 class VanishedWork {
  public:
@@ -19,7 +19,7 @@ class VanishedWork {
     resting,  ///< it does not say that it is under way
   };
 
-  /// What the stores say of a download with this status. They must have been read behind the status.
+  /// What the stores say of a download with this status. They must have been read after the status.
   State look(int64_t id, const std::string& status, const Engine::StoredWork& stored);
 
   /// Why a download of this status has vanished, in words.

@@ -34,7 +34,7 @@ class History : public DownloadListener {
   void began(int64_t id, const DownloadRequest& request) noexcept override;
   void ended(const RunOutcome& outcome) noexcept override;
 
-  /// What the engine knows of its downloads behind its start.
+  /// What the engine knows of its downloads once it has started.
   struct Known {
     std::vector<std::pair<int64_t, DownloadRequest>> underWay;
     std::vector<int64_t> saved;  ///< which nobody was told yet

@@ -50,7 +50,7 @@ Host::Host(FileManager& files, const HostOptions& options)
 Host::~Host() {
   interrupt();
   application_.terminate();
-  // The main queue is serial: behind this call the active run has been asked to stop, and stopping waits for it.
+  // The main queue is serial: after this call the active run has been asked to stop, and stopping waits for it.
   dispatch_.mainQueue().sync([] {});
   // The plug-in's watcher ends with it; a run that still goes on keeps the engine until it ends.
   plugin_.reset();

@@ -34,7 +34,7 @@ std::string refused(const std::string& what) {
   return fmt::format("{} ({})", what, std::generic_category().message(errno));
 }
 
-/// The names of all of them, each with a zero behind it; nothing if the file system knows none.
+/// The names of all of them, each with a zero after it; nothing if the file system knows none.
 std::string extendedAttributes(const Descriptor& file) {
   std::string names;
   const ssize_t size = ::flistxattr(*file, nullptr, 0);
@@ -72,7 +72,7 @@ std::vector<std::string> keepAttributes(const Path& source, const Path& target) 
   std::vector<std::string> missing;
   keepOwner(to, facts, missing);
   const bool isOwned = missing.empty();
-  // Ahead of the mode: a file that may not be written takes none.
+  // Before the mode: a file that may not be written takes none.
   const std::string names = extendedAttributes(from);
   for (size_t at = 0; at < names.size(); at += std::string_view(names.c_str() + at).size() + 1) {
     const char* name = names.c_str() + at;

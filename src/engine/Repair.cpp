@@ -165,7 +165,7 @@ void SingleRepair::openSource() {
   files_.layOver(video_, request_.input);
 }
 
-/// Refuses ahead of all work, unless the file may need no repair: nothing takes its place then.
+/// Refuses before all work, unless the file may need no repair: nothing takes its place then.
 void SingleRepair::requireNameForOriginal() const {
   if (request_.output != request_.input || !request_.keepsOriginal) return;
   const auto why = whyNotKept(request_.input);

@@ -38,7 +38,7 @@ class PictureOrder {
     for (size_t i = times_.size(); i-- > 0;) next_[i] = std::min(times_[i], next_[i + 1]);
   }
 
-  /// The longest prefix that is shown without a gap and ends at `limit` or ahead of it.
+  /// The longest prefix that is shown without a gap and ends at `limit` or before it.
   Prefix within(int64_t limit) const {
     Prefix best;
     int64_t latest = -never;
@@ -53,7 +53,7 @@ class PictureOrder {
 
  private:
   /// The time of the first picture that is missing between those that are there. Pictures come out of the decoder at
-  /// most 16 behind their place (ISO/IEC 14496-10 A.3.1, ISO/IEC 23008-2 A.4.2).
+  /// most 16 after their place (ISO/IEC 14496-10 A.3.1, ISO/IEC 23008-2 A.4.2).
   int64_t firstGap(const TrackTables& tables) const {
     constexpr size_t mostReordered = 16;
     const size_t looked = std::min(times_.size(), 2 * mostReordered);
@@ -174,7 +174,7 @@ class EndingTrack {
     return end;
   }
 
-  /// Where the media end, in ticks of the track, that are shown ahead of a time.
+  /// Where the media end, in ticks of the track, that are shown before a time.
   int64_t mediaAt(double time) const {
     int64_t end = 0;
     for (const PresentedEdit& edit : presented()) {
@@ -236,11 +236,10 @@ void requireMedia(const EndingTracks& tracks) {
     }
   }
   if (pictures > 0 && !hasPictures) {
-    throw FragmentsError(
-        fmt::format("The file ends ahead of the first of its {} pictures: download it again", pictures));
+    throw FragmentsError(fmt::format("The file ends before the first of its {} pictures: download it again", pictures));
   }
   if (pictures == 0 && packets > 0 && !hasSound) {
-    throw FragmentsError("The file ends ahead of the first packet of its sound: download it again");
+    throw FragmentsError("The file ends before the first packet of its sound: download it again");
   }
 }
 

@@ -10,7 +10,7 @@
 
 namespace tarn {
 
-/// Samples of a track that do not lie in the file, behind all that do and are in its tables.
+/// Samples of a track that do not lie in the file, after all that do and are in its tables.
 struct MissingSamples {
   uint64_t count = 0;
   std::optional<int64_t> firstTime = {};  ///< the smallest composition time of them, track timescale, if it is known

@@ -38,7 +38,7 @@ bool isSelfContained(const MovieBox& trak) {
   return true;
 }
 
-/// The samples of a track that end behind the end of the media, or lie behind one that does, leave its tables.
+/// The samples of a track that end past the end of the media, or lie after one that does, leave its tables.
 MissingSamples dropMissing(TrackTables& tables, bool isVideo, uint64_t mediaEnd) {
   MissingSamples missing;
   const uint64_t present = tables.samplesAheadOf(mediaEnd);
@@ -52,7 +52,7 @@ MissingSamples dropMissing(TrackTables& tables, bool isVideo, uint64_t mediaEnd)
   return missing;
 }
 
-/// True if a chunk lies whole in the file behind one that does not.
+/// True if a chunk lies whole in the file after one that does not.
 bool hasChunksBehindMissing(const TrackTables& tables, uint64_t fileSize) {
   bool isMissing = false, isFound = false;
   tables.forEachChunk([&](uint64_t offset, uint64_t size) {
@@ -88,7 +88,7 @@ class Finder {
  private:
   bool hasMedia() const { return movie_.layout.first("mdat").has_value(); }
 
-  /// A file of whole boxes did not break off: if samples lie behind its end, its tables are wrong.
+  /// A file of whole boxes did not break off: if samples lie past its end, its tables are wrong.
   bool hasBrokenOff() const {
     const auto mdat = movie_.layout.last("mdat");
     return !mdat || movie_.layout.isMdatCut() || movie_.layout.end < movie_.layout.fileSize || hasOpenSize(*mdat);
@@ -100,7 +100,7 @@ class Finder {
     return readUInt32(file_.read(sizeof(uint32_t)), 0) == 0u;
   }
 
-  /// The media are ahead of a `moov` that is cut off. It serves as it is if all its tracks are there; without those
+  /// The media stand before a `moov` that is cut off. It serves as it is if all its tracks are there; without those
   /// that are cut off if pictures are left.
   bool findCutMoov() {
     movie_.moov = MovieBox::parse(readMoov(file_, movie_.place, edit::syncing), edit::syncing);
@@ -134,7 +134,7 @@ class Finder {
       requireRoom(tables);
       if (tables.farthestEnd() <= mediaEnd) continue;
       if (!movie_.layout.isMdatCut() && hasChunksBehindMissing(tables, mediaEnd)) {
-        throw MovieError::damaged("Samples of a file that did not break off lie behind its end");
+        throw MovieError::damaged("Samples of a file that did not break off lie past its end");
       }
       missing_.back() = dropMissing(tables, handlerOf(trak) == "vide", hasMedia() ? mediaEnd : 0);
       areAnyMissing = true;

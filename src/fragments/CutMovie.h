@@ -12,7 +12,7 @@
 
 namespace tarn {
 
-/// A plain movie that broke off behind its `moov`, and what can be kept of it.
+/// A plain movie that broke off after its `moov`, and what can be kept of it.
 struct CutMovie {
   MediaLayout layout;               ///< of the file
   BoxHeader place;                  ///< of its `moov`
@@ -22,9 +22,9 @@ struct CutMovie {
   std::optional<LostEnd> loss;
 };
 
-/// Looks for samples that end behind the end of a file whose last box is cut, and for an `mdat` that is. Of a healthy
+/// Looks for samples that end past the end of a file whose last box is cut, and for an `mdat` that is. Of a healthy
 /// movie no more than its top-level boxes is read. Returns nothing for one, for a movie in fragments, for tables that
-/// cannot be read, and for samples behind the end with others behind them in the file. Throws FragmentsError for a
+/// cannot be read, and for samples after the end with others after them in the file. Throws FragmentsError for a
 /// movie of which nothing is left, or whose `moov` is cut off within its tracks; PosixError, but not for every read
 /// that fails: a ReadWatch tells.
 std::optional<CutMovie> findCut(FileHandle& file);

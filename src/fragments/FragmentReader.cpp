@@ -24,7 +24,7 @@ constexpr uint64_t mostKeptBytes = 16 << 20;
 /// Samples without a byte and without an entry: a few bytes could promise billions of them.
 constexpr uint64_t mostEmptySamples = 1 << 20;
 
-/// A recorder that makes its file longer ahead of the media leaves zeros. Media may end with a few, too.
+/// A recorder that makes its file longer before the media leaves zeros. Media may end with a few, too.
 constexpr uint64_t fewZeros = 64;
 constexpr uint64_t manyZeros = 4096;
 
@@ -113,7 +113,7 @@ class Reader {
     while (const auto box = walker.next()) {
       if (box->type != "trex") continue;
       const auto extends = parseTrackExtends(contents.subspan(box->contentOffset(), box->contentSize()));
-      if (!extends) throw MovieError::damaged("a trex ends ahead of its fields");
+      if (!extends) throw MovieError::damaged("a trex ends before its fields");
       const auto track = std::ranges::find(tracks, extends->trackID, &FragmentTrack::trackID);
       if (track != tracks.end()) track->defaults = extends->defaults;
     }
@@ -144,7 +144,7 @@ class Reader {
     }
     if (end == fileSize_ && !isMediaCut) return;
     const uint64_t content = endOfContent(file_, fileSize_);
-    // Fragments have begun here, or what stands ahead of them; an index (8.8.9) is the last box.
+    // Fragments have begun here, or what stands before them; an index (8.8.9) is the last box.
     if (content > end && !isIndexCut) movie_.isCut = true;
     dropZeros(end, content);
   }
@@ -208,7 +208,7 @@ class Reader {
 
   void readFragment(const BoxHeader& moof) try {
     if (moof.size > mostMoofBytes) throw MovieError::damaged(fmt::format("it has {} bytes", moof.size));
-    if (movie_.isCut) throw MovieError::damaged("samples ahead of it do not lie in the file");
+    if (movie_.isCut) throw MovieError::damaged("samples before it do not lie in the file");
     const Bytes bytes = readBox(file_, moof);
     const auto fragments = parseMovieFragment(bytes, [this](uint32_t id) { return trackOf(id).defaults; });
     uint64_t dataEnd = moof.offset;
@@ -242,7 +242,7 @@ class Reader {
   static uint64_t placeOf(uint64_t base, int64_t offset) {
     if (offset >= 0) return checkedAdd(base, static_cast<uint64_t>(offset)).value_or(UINT64_MAX);
     const auto back = static_cast<uint64_t>(-offset);
-    if (base < back) throw MovieError::damaged("samples lie ahead of the file");
+    if (base < back) throw MovieError::damaged("samples lie before the file's first byte");
     return base - back;
   }
 
@@ -284,7 +284,7 @@ class Reader {
     return count;
   }
 
-  /// Behind `end` are no boxes, behind `content` nothing but zeros.
+  /// There are no boxes after `end`, and after `content` nothing but zeros.
   void dropZeros(uint64_t end, uint64_t content) {
     if (fileSize_ - content < (end < fileSize_ ? fewZeros : manyZeros)) return;
     for (FragmentTrack& track : movie_.tracks) {

@@ -20,7 +20,7 @@ struct FragmentedMovie {
 };
 
 /// Gathers the samples of the `moov` and of all fragments; reads no media. A fragment that the end of the file cuts off
-/// is passed over, of the last whole one each track keeps the samples that lie in the file ahead of the first one that
+/// is passed over, of the last whole one each track keeps the samples that lie in the file before the first one that
 /// does not. `poll` hears the part that is read, from 0 to 1, and may throw. Throws FragmentsError for a movie that
 /// cannot become a plain one, MovieError for one that is damaged, PosixError.
 FragmentedMovie readFragmentedMovie(FileHandle& file, const std::function<void(double)>& poll);

@@ -29,7 +29,7 @@ void tellLoss(ProcessingRun& run, const LostEnd& loss) {
   run.mended(loss.words(), "made a whole movie of what is there");
 }
 
-/// Of each track. Behind the end of a movie that is cut there may be fragments that nobody knows of.
+/// Of each track. After the end of a movie that is cut there may be fragments that nobody knows of.
 std::vector<MissingSamples> missingFrom(const FragmentedMovie& movie) {
   std::vector<MissingSamples> missing;
   for (const FragmentTrack& track : movie.tracks) {
@@ -44,7 +44,7 @@ void tellProgress(ProcessingRun& run, double part, const char* words) {
 }
 
 /// Writes a new file and puts it in the place of the run's, once it is known to hold what `sums` say. `tell` tells of
-/// it and is stored ahead of that: a run that is cut off behind the change finds nothing to do here.
+/// it and is stored before that: a run that is cut off after the change finds nothing to do here.
 void replaceFile(ProcessingRun& run, WatchedFiles& files, FileHandle& source,
                  const std::optional<std::vector<TrackSums>>& sums,
                  const std::function<void(FileHandle& target)>& write, const std::function<void()>& tell) {

@@ -10,7 +10,7 @@ namespace tarn {
 inline constexpr std::string_view inFragments =
     "the movie is in fragments, which many players and libraries do not take";
 
-/// Makes a plain movie of one in fragments, and of a plain one that broke off one that ends well, ahead of the steps
+/// Makes a plain movie of one in fragments, and of a plain one that broke off one that ends well, before the steps
 /// that know whole plain files alone; does nothing to any other file. It enters no stage of its own: cut off, it starts
 /// over. A movie that cannot become a plain one because of what it is fails the run (FragmentsError). One that is
 /// damaged otherwise stays as it is, with a warning, and so does one whose result is not what its fragments say. Lack

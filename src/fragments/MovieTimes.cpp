@@ -49,7 +49,7 @@ MovieBox editBox(const std::vector<EditListEntry>& entries) {
 
 void storeDuration(MovieBox* header, const VersionedField& field, uint64_t ticks) {
   const auto old = field.load(header);
-  if (!old) throw MovieError::damaged("A header of the moov ends ahead of its duration");
+  if (!old) throw MovieError::damaged("A header of the moov ends before its duration");
   const bool isShort = header->contents.front() == 0;
   if (isShort && ticks >= uint32Max) widen(*header, field.version0);
   field.store(header, ticks);
@@ -63,7 +63,7 @@ std::vector<EditListEntry> editListOf(const MovieBox& trak) {
 void putEdits(MovieBox& trak, const std::vector<EditListEntry>& entries) {
   if (entries.empty()) return trak.removeAll("edts");
   if (!trak.find({"edts"})) {
-    // It stands behind the `tkhd`.
+    // It stands after the `tkhd`.
     const auto header = std::ranges::find(trak.children, "tkhd", &MovieBox::type);
     trak.children.insert(header == trak.children.end() ? header : header + 1, MovieBox::of("edts", {}));
   }

@@ -12,7 +12,7 @@ namespace tarn {
 // The times in the headers and edit lists of a `moov` that gets other samples.
 
 /// Stores a duration in an `mvhd`, `tkhd` or `mdhd`, which becomes one of version 1 if it must. Throws MovieError:
-/// damaged if the header is not there or ends ahead of its duration.
+/// damaged if the header is not there or ends before its duration.
 void storeDuration(MovieBox* header, const VersionedField& field, uint64_t ticks);
 
 /// The edits of a `trak`; none without a list.

@@ -22,7 +22,7 @@ using Case = MovieError::Case;
 constexpr size_t manyRanges = 1 << 16;
 constexpr uint64_t smallRange = 1 << 16;
 
-/// The parts of the source that chunks lie in: sorted, none touches another. They come to lie one behind the other.
+/// The parts of the source that chunks lie in: sorted, none touches another. They come to lie one after the other.
 class Media {
  public:
   explicit Media(const std::vector<TrackTables>& tables) {
@@ -110,7 +110,7 @@ void placeMedia(PlainMovie& movie, const Media& media) {
   putChunkOffsets(movie.moov, movie.tables, isLong);
 }
 
-/// Copies ranges of the source, one behind the other.
+/// Copies ranges of the source, one after the other.
 class RangeCopy {
  public:
   RangeCopy(FileHandle& source, FileHandle& target, const Media& media, const std::function<void(double)>& poll)
@@ -163,7 +163,7 @@ class RangeCopy {
   }
 
   [[noreturn]] static void throwCutOff(uint64_t at) {
-    throw MovieError(Case::cutOff, fmt::format("The source ends at {}, ahead of its samples", at));
+    throw MovieError(Case::cutOff, fmt::format("The source ends at {}, before its samples", at));
   }
 
   static constexpr uint64_t bufferSize = 1 << 20;

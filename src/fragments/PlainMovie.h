@@ -19,7 +19,7 @@ struct PlainMovie {
 /// Writes `ftyp`, `moov` and one `mdat` with a 64-bit header: the samples in the order in which they lie in `source`,
 /// neighbours as one range, each chunk whole. Samples that share bytes in the source share them in the result. `poll`
 /// hears the part that is done, from 0 to 1, at least every 10 MiB, and may throw. Throws MovieError if something does
-/// not fit its field or the source ends ahead of a sample, PosixError.
+/// not fit its field or the source ends before a sample, PosixError.
 void writePlainMovie(FileHandle& source, FileHandle& target, PlainMovie movie, const std::function<void(double)>& poll);
 
 }  // namespace tarn

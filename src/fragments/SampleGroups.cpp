@@ -16,10 +16,10 @@ using Case = MovieError::Case;
 /// Indexes above it count in the `sgpd` of the fragment (8.9.4).
 constexpr uint32_t lastTrackIndex = 0x10000;
 
-/// The 32-bit field at a place of a box. Throws MovieError: damaged if the box ends ahead of its end.
+/// The 32-bit field at a place of a box. Throws MovieError: damaged if the box ends before its end.
 uint32_t fieldAt(ByteView box, size_t at) {
   const auto value = readUInt32(box, at);
-  if (!value) throw MovieError::damaged("A box of sample groups ends ahead of its fields");
+  if (!value) throw MovieError::damaged("A box of sample groups ends before its fields");
   return *value;
 }
 
@@ -57,7 +57,7 @@ SampleGroups::Descriptions SampleGroups::readDescriptions(ByteView sgpd) {
       size = fieldAt(sgpd, at);
       at += sizeof size;
     }
-    if (size > sgpd.size() - at) throw MovieError::damaged("An sgpd ends ahead of its groups");
+    if (size > sgpd.size() - at) throw MovieError::damaged("An sgpd ends before its groups");
     const ByteView entry = sgpd.subspan(at, size);
     result.entries.emplace_back(entry.begin(), entry.end());
     result.indexes.emplace(result.entries.back(), i + 1);

@@ -38,11 +38,11 @@ class Table {
   /// The 32-bit value of this index; version and flags are 0.
   uint32_t word(uint64_t index) const {
     const auto value = readUInt32(contents_, index * sizeof(uint32_t));
-    if (!value) throw MovieError::damaged(fmt::format("The {} ends ahead of its fields", type_));
+    if (!value) throw MovieError::damaged(fmt::format("The {} ends before its fields", type_));
     return *value;
   }
 
-  /// Holds a count against the bytes behind so many words.
+  /// Holds a count against the bytes that follow so many words.
   void require(uint64_t entries, uint64_t bits, uint64_t words) const {
     const uint64_t fixed = words * sizeof(uint32_t);
     const uint64_t left = contents_.size() > fixed ? contents_.size() - fixed : 0;
@@ -51,7 +51,7 @@ class Table {
     }
   }
 
-  /// The number of entries of so many words behind a count.
+  /// The number of entries of so many words after a count.
   uint32_t entryCount(uint64_t wordsEach) const {
     require(word(1), wordsEach * 32, 2);
     return word(1);

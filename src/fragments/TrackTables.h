@@ -31,8 +31,8 @@ class TrackTables {
   /// No samples yet.
   TrackTables() = default;
 
-  /// Those of an `stbl`. Samples that no chunk holds are left out; samples behind the last entry of the `stts` last as
-  /// long as the one ahead of them, those behind the last entry of the `ctts` have no offset. Counts are held against
+  /// Those of an `stbl`. Samples that no chunk holds are left out; samples after the last entry of the `stts` last as
+  /// long as the one before them, those after the last entry of the `ctts` have no offset. Counts are held against
   /// the bytes that are there. Throws MovieError: damaged, for a missing table and for tables that contradict each
   /// other.
   static TrackTables read(const MovieBox& stbl);
@@ -51,11 +51,11 @@ class TrackTables {
   uint64_t sampleCount() const { return durations_.size(); }
   /// Sum of the durations, track timescale.
   uint64_t duration() const { return decodeTime(sampleCount()); }
-  /// The sum of the durations of the samples ahead of this one, track timescale.
+  /// The sum of the durations of the samples before this one, track timescale.
   uint64_t decodeTime(uint64_t sample) const;
   /// Of the last sample; 0 without one.
   uint32_t lastDuration() const { return durations_.isEmpty() ? 0 : durations_.last(); }
-  /// The number of samples that are decoded ahead of this time, track timescale.
+  /// The number of samples that are decoded before this time, track timescale.
   uint64_t samplesDecodedAhead(uint64_t time) const;
 
   /// What is composed when, track timescale.
@@ -71,7 +71,7 @@ class TrackTables {
   /// Which samples are sync samples.
   const Runs<bool>& syncs() const { return syncs_; }
 
-  /// The number of samples, counted from the first one, that lie whole ahead of `end` in the file.
+  /// The number of samples, counted from the first one, that lie whole before `end` in the file.
   uint64_t samplesAheadOf(uint64_t end) const;
   /// The end of the sample that reaches farthest in the file; 0 without samples.
   uint64_t farthestEnd() const;

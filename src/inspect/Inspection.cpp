@@ -33,8 +33,7 @@ void listFileProblems(Inspection& inspection) {
   };
   for (const TopLevelBox& box : inspection.boxes) {
     if (box.missingBytes == 0) continue;
-    add(fmt::format("the file ends {} bytes ahead of the end that its {} promises", box.missingBytes,
-                    boxWords(box.type)),
+    add(fmt::format("the file ends {} bytes before the end that its {} promises", box.missingBytes, boxWords(box.type)),
         box.type == "mdat" ? Problem::Of::samples : Problem::Of::file);
   }
   if (countBoxes(inspection, "moov") > 1) add("the file has several indexes (moov), of which players read the first");

@@ -20,7 +20,7 @@ struct TopLevelBox {
   std::string type;
   uint64_t offset = 0;
   uint64_t size = 0;          ///< bytes, as the box says
-  uint64_t missingBytes = 0;  ///< of it, behind the file's end
+  uint64_t missingBytes = 0;  ///< of it, past the file's end
 };
 
 struct TrackFacts {
@@ -60,7 +60,7 @@ struct SampleEntryFacts {
   std::vector<SampleRange> ranges;  ///< of the samples that use it
   std::optional<ConfigurationFacts> configuration;
   std::string firstStray;   ///< type of the child that overruns the entry; empty if none does
-  uint64_t strayBytes = 0;  ///< behind its last whole child
+  uint64_t strayBytes = 0;  ///< after its last whole child
 };
 
 /// What the bitstream itself holds.
@@ -79,7 +79,7 @@ struct BitstreamFacts {
 /// The first video track, on which the repair works.
 struct VideoFacts {
   std::vector<SampleEntryFacts> entries;
-  int64_t missingSamples = 0;               ///< that end behind the file
+  int64_t missingSamples = 0;               ///< that end past the end of the file
   std::optional<std::string> problem;       ///< why the samples of the entries cannot be told
   std::optional<BitstreamFacts> bitstream;  ///< of HEVC and AVC
 };
@@ -90,7 +90,7 @@ struct FragmentsForecast {
     nothing,
     joins,         ///< fragments become a plain movie
     keepsPart,     ///< the end is missing; what is there becomes a whole movie
-    correctsSize,  ///< of an `mdat` that ends behind the end of the file, with all samples there
+    correctsSize,  ///< of an `mdat` that ends past the end of the file, with all samples there
     leavesAlone,   ///< what it would mend
     refuses,
   };
@@ -108,7 +108,7 @@ struct RemuxForecast {
   Kind kind = Kind::skipped;
   std::string reason;
   bool changesFile = false;
-  std::vector<SampleEntryFacts> entries;  ///< behind the step
+  std::vector<SampleEntryFacts> entries;  ///< after the step
   std::vector<std::string> losses;
 };
 
@@ -156,7 +156,7 @@ struct Inspection {
   uint64_t size = 0;
   std::vector<TopLevelBox> boxes;
   std::optional<std::string> boxesProblem;  ///< how the row of boxes ends, where it does not end with the file
-  bool hasMovie = false;                    ///< there is a `moov`, listed among the boxes or behind them
+  bool hasMovie = false;                    ///< there is a `moov`, listed among the boxes or after them
   std::vector<TrackFacts> tracks;
   std::optional<VideoFacts> video;
   std::optional<OriginalSyncInfo> sync;

@@ -42,7 +42,7 @@ void writeBoxes(Writer& out, const Inspection& inspection) {
   if (inspection.boxes.empty()) out.line("none");
   for (const TopLevelBox& box : inspection.boxes) {
     const std::string note =
-        box.missingBytes == 0 ? "" : fmt::format(", {} bytes of it behind the end of the file", box.missingBytes);
+        box.missingBytes == 0 ? "" : fmt::format(", {} bytes of it past the end of the file", box.missingBytes);
     out.line("{:<4}  at {:>12}  {:>12} bytes{}", printable(box.type), box.offset, box.size, note);
   }
   if (inspection.boxesProblem) out.line("{}", *inspection.boxesProblem);

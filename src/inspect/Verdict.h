@@ -14,7 +14,7 @@ struct Problem {
   /// What of the file it is about, and so which step mends it; none mends the file as a whole.
   enum class Of {
     file,
-    samples,  ///< where the samples are: in fragments, or behind the end of the file
+    samples,  ///< where the samples are: in fragments, or past the end of the file
     video,
     sound,
     editLists,

@@ -29,8 +29,8 @@ struct Kind {
   };
 
   What what = What::unknown;
-  std::string words;   ///< what it is, to stand behind "NAME is ": `a web page ("Sign in")`
-  std::string advice;  ///< what to try, to stand behind a colon: "the address needs a login"; empty if there is none
+  std::string words;   ///< what it is, to follow "NAME is ": `a web page ("Sign in")`
+  std::string advice;  ///< what to try, to follow a colon: "the address needs a login"; empty if there is none
 
   /// The advice about what is not itself the video.
   static constexpr const char* adviseVideoItself = "give the address of the video itself";

@@ -111,7 +111,7 @@ class Rebuilding {
 
   RebuiltMovie write(FileHandle& target) {
     RebuiltMovie result{.pictures = found_.pictures.size(), .seconds = secondsOfPictures()};
-    if (found_.isBroken()) result.brokenOff = words("what lies behind is lost");
+    if (found_.isBroken()) result.brokenOff = words("all after it is lost");
     result.notes = notes();
     writePlainMovie(file_, target, rebuiltMovie(std::move(recorder_), found_),
                     [this](double part) { poll_(decoded + (1 - decoded) * part); });
@@ -126,7 +126,7 @@ class Rebuilding {
   double secondsOfPictures() const { return found_.secondsOfPictures(recorder_.pictures); }
 
   std::string words(std::string_view why) const {
-    return fmt::format("The chain of samples breaks at byte {} of {}, behind {} pictures ({:.1f} s): {}", found_.stop,
+    return fmt::format("The chain of samples breaks at byte {} of {}, after {} pictures ({:.1f} s): {}", found_.stop,
                        found_.end, found_.pictures.size(), secondsOfPictures(), why);
   }
   LostMoovError broken(std::string_view why) const {

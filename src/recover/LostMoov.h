@@ -29,7 +29,7 @@ struct RebuiltMovie {
 /// Pictures that do not all last equally long in the healthy movie do so in the result, and end with the sound.
 /// Pictures are the length-prefixed units whose slice headers parse under the parameter sets of the healthy movie, and
 /// are shown in the order of their counts; sound is what parses as packets of AAC, or has the block size of the PCM and
-/// is as long as the healthy movie's. The walk ends at the first byte that is neither, and what lies ahead of it is
+/// is as long as the healthy movie's. The walk ends at the first byte that is neither, and what lies before it is
 /// kept as far as a decoder takes it without a complaint. Writes a plain movie to `result`; `poll` hears the part that
 /// is done, from 0 to 1, and may throw. Throws LostMoovError if that cannot be done, with the place where the chain
 /// broke, MovieError, PosixError.

@@ -11,7 +11,7 @@
 namespace tarn {
 
 /// Serves plug-ins to other processes of the same user, on the socket of a home: the messages of a page, one JSON
-/// object a line, behind a first line that tells the protocol. docs/bridge.md has the rest. Runs on a thread of its
+/// object a line, after a first line that tells the protocol. docs/bridge.md has the rest. Runs on a thread of its
 /// own; commands run on another, one at a time.
 class ClientServer {
  public:

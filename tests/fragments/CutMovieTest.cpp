@@ -86,7 +86,7 @@ TEST_F(CutMovieTest, RefusesWhatHoldsNoPicture) {
   const Bytes whole = shortClip();
   BoxEditor editor(whole);
   const auto moov = editor.at("moov"), mdat = editor.at("mdat");
-  const std::string lost = "The file ends ahead of the first of its 75 pictures: download it again";
+  const std::string lost = "The file ends before the first of its 75 pictures: download it again";
   const std::string cutMoov =
       "The file ends within its moov, which says where its samples are: download it again, or rebuild it with `tarn "
       "repair --like`";

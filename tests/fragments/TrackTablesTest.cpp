@@ -264,7 +264,7 @@ TEST(TrackTables, LeaveNoWordsOfSamplesThatAreGone) {
 TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
   const std::pair<Bytes, std::string> cases[] = {
       {fullBox("stsz", {0, 5, 5, 6, 7, 8}), "The stsz promises 5 entries and holds 16 bytes"},
-      {fullBox("stsz", {0}), "The stsz ends ahead of its fields"},
+      {fullBox("stsz", {0}), "The stsz ends before its fields"},
       {box("stz2", {values({0, 8, 5, 1})}), "The stz2 promises 5 entries and holds 4 bytes"},
       {box("stz2", {values({0, 7, 5, 1})}), "The stz2 has sizes of 7 bits"},
       {fullBox("stco", {0xFFFFFFFF, 1}), "The stco promises 4294967295 entries and holds 4 bytes"},
@@ -276,7 +276,7 @@ TEST(TrackTables, RefuseTablesThatPromiseMoreThanTheyHold) {
       {fullBox("stsc", {2, 3, 1, 1, 1, 1, 1}),
        "stsc entries are out of order: entry 1 begins at chunk 3 and what follows it at chunk 1"},
       {box("sbgp", {values({0, 1, 2, 1, 1})}), "An sbgp of 28 bytes promises 2 entries"},
-      {box("sgpd", {values({0x01000000, 1, 4, 9})}), "An sgpd ends ahead of its groups"},
+      {box("sgpd", {values({0x01000000, 1, 4, 9})}), "An sgpd ends before its groups"},
   };
   for (const auto& [damaged, words] : cases) {
     EXPECT_EQ(failureOf([&, damaged = damaged] { TrackTables::read(handMade({damaged})); }), words);

@@ -175,7 +175,7 @@ TEST_F(InspectTest, TellsWhatTheFileIs) {
   editor.setField(moov.offset, static_cast<uint32_t>(moov.size + 7));
   const Inspection odd = inspectBytes(editor.bytes);
   ASSERT_EQ(odd.problems.size(), 2U) << inspectionText(odd);
-  EXPECT_EQ(odd.problems[0].words, "the file ends 7 bytes ahead of the end that its index (moov) promises");
+  EXPECT_EQ(odd.problems[0].words, "the file ends 7 bytes before the end that its index (moov) promises");
   EXPECT_EQ(odd.problems[1].words, "track 1 does not say how long it is");
   EXPECT_EQ(odd.verdict.text, "Left alone: " + odd.problems[0].words + "; and 1 more problem");
 }

@@ -26,7 +26,7 @@ void makeClip(const Path& clip) {
        clip.string()});
 }
 
-/// The packets from half a second ahead of the hole's second on are lost.
+/// The packets from half a second before the hole's second on are lost.
 void damageSound(const Path& clip, const Path& damaged) {
   const int first = static_cast<int>((clipHoleSecond - 0.5) / secondsPerPacket);
   runFFmpeg({"-i", clip.string(), "-c", "copy", "-tag:v", "avc3", "-bsf:a",

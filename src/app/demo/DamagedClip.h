@@ -4,7 +4,7 @@
 
 namespace tarn {
 
-/// Seconds of the clip, and of the flash behind its hole.
+/// Seconds of the clip, and of the flash after its hole.
 inline constexpr int clipSeconds = 20;
 inline constexpr int clipHoleSecond = 8;
 

@@ -30,7 +30,7 @@ constexpr const char* album = "Demo";
 constexpr const char* filename = "recording.mp4";
 constexpr const char* resultName = "tarn-demo.mp4";
 
-/// Ahead of the hole in the sound and behind it. The first second is the decoder's.
+/// Before the hole in the sound and after it. The first second is the decoder's.
 constexpr int shownSeconds[] = {2, clipSeconds - 2};
 
 /// The demo's own directory, which goes with it.

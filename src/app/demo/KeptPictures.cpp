@@ -8,7 +8,7 @@
 namespace tarn {
 namespace {
 
-/// The pictures of one movie, one behind the other.
+/// The pictures of one movie, one after the other.
 class CodedPictures {
  public:
   CodedPictures(FileManager& files, const Path& path)

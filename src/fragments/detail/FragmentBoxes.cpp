@@ -139,7 +139,7 @@ TrackRun::TrackRun(ByteView contents, const SampleDefaults& defaults) : defaults
   for (const uint32_t field : trun::entryFields) entrySize_ += has(field) ? sizeof(uint32_t) : 0;
   entries_ = contents.subspan(fields.position);
   if (entrySize_ > 0 && count_ > entries_.size() / entrySize_) {
-    throw MovieError::damaged(fmt::format("a trun promises {} samples and ends ahead of them", count_));
+    throw MovieError::damaged(fmt::format("a trun promises {} samples and ends before them", count_));
   }
 }
 
@@ -166,7 +166,7 @@ std::vector<TrackFragment> parseMovieFragment(ByteView moof, const DefaultsOfTra
   });
   return fragments;
 } catch (const ByteArrayError&) {
-  throw MovieError::damaged("a box of it ends ahead of its fields");
+  throw MovieError::damaged("a box of it ends before its fields");
 }
 
 std::optional<TrackExtends> parseTrackExtends(ByteView contents) try {

@@ -35,7 +35,7 @@ struct FragmentSample {
 /// A `trun` (8.8.8).
 class TrackRun {
  public:
-  /// `contents` are those of the box. Throws MovieError: damaged, if they end ahead of the samples.
+  /// `contents` are those of the box. Throws MovieError: damaged, if they end before the samples.
   TrackRun(ByteView contents, const SampleDefaults& defaults);
 
   uint32_t count() const { return count_; }

@@ -63,7 +63,7 @@ void FragmentEdits::add(const EditListEntry& entry) {
   }
   const bool isPlain = entry.mediaRate == layout::normalRate;
   const int64_t wanted = entry.mediaTime - start_;
-  // Media ahead of the first sample are not there: it is shown when it was, and nothing until then.
+  // Media before the first sample are not there: it is shown when it was, and nothing until then.
   const int64_t media = wanted >= 0 ? wanted : std::max<int64_t>(media_.start, 0);
   const int64_t end = std::max(media_.end, media);
   Piece piece{.begin = clock_ + Int128{media - wanted} * movieTimescale_,
@@ -81,7 +81,7 @@ void FragmentEdits::add(const EditListEntry& entry) {
   if (piece.end > piece.begin) pieces_.push_back(piece);
 }
 
-/// How long the first sample of a piece comes behind its begin, track timescale.
+/// How long the first sample of a piece comes after its begin, track timescale.
 int64_t FragmentEdits::latenessOf(const Piece& piece) const {
   return piece.rate == layout::normalRate ? std::max<int64_t>(media_.start - piece.media, 0) : 0;
 }

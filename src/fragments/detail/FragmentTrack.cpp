@@ -23,7 +23,7 @@ constexpr std::string_view knownGroups[] = {"roll", "prol", "rap ", "sync", "tel
 
 std::string_view groupingTypeOf(ByteView box) {
   const layout::Field& field = layout::groupingType;
-  if (box.size() < field.end()) throw MovieError::damaged("a box of sample groups ends ahead of its fields");
+  if (box.size() < field.end()) throw MovieError::damaged("a box of sample groups ends before its fields");
   return textOf(box.subspan(field.offset, field.width));
 }
 

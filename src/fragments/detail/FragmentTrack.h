@@ -25,9 +25,9 @@ class FragmentTrack {
   const Bytes& stsd() const { return stsd_; }
 
   SampleDefaults defaults;  ///< of its `trex`
-  uint64_t missing = 0;     ///< samples behind the last one that lie behind the end of the file
+  uint64_t missing = 0;     ///< samples after the last one that lie past the end of the file
 
-  /// The next sample is decoded at this time (ISO/IEC 14496-12 8.8.12). Stretches or shortens the sample ahead of it.
+  /// The next sample is decoded at this time (ISO/IEC 14496-12 8.8.12). Stretches or shortens the sample before it.
   /// A run that goes back and begins with a sync sample replaces what it comes to lie on. Throws FragmentsError where
   /// that cannot be.
   void continueAt(uint64_t time, bool isSync);

@@ -29,7 +29,7 @@ bool fitPadding(Bytes& contents, uint64_t samples) {
   return true;
 }
 
-/// Drops the entries behind the last sample. Returns false if none is left.
+/// Drops the entries after the last sample. Returns false if none is left.
 bool fitSubsamples(Bytes& contents, uint64_t samples) {
   constexpr layout::Field delta{0, 4}, subsamples{4, 2};
   if (contents.size() < countField.end()) return false;

@@ -70,7 +70,7 @@ class TrialRun {
   }
 
   /// Runs the fragments step on a trial of its own: what the others do is told by how they change its result. Returns
-  /// the record behind it.
+  /// the record after it.
   ProcessingState makePlain() {
     FragmentsForecast& forecast = inspection_.fragments;
     ProcessingRun run(files_, clock_, names_, listener_, makeFirstRecord(files_, clock_, 0, path_, {}),
@@ -156,7 +156,7 @@ class TrialRun {
                                                : Kind::changesTag;
   }
 
-  /// Bytes that the steps do not take over: of the entry that they copied, and behind the last box.
+  /// Bytes that the steps do not take over: of the entry that they copied, and after the last box.
   void listLosses(FileHandle& result, RemuxForecast& forecast) {
     const std::vector<SampleEntryFacts>& entries = inspection_.video->entries;
     if (entries.empty()) return;

@@ -100,7 +100,7 @@ void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFac
   }
 }
 
-/// Counts the samples that end behind the end of the file.
+/// Counts the samples that end past the end of the file.
 int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
   const auto samples = int64_t{table.sampleCount()};
   int64_t missing = 0;

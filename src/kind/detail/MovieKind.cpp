@@ -123,7 +123,7 @@ Kind kindOfMoov(FileHandle& file, const TopLevel& level, uint64_t fileSize) {
 std::optional<Kind> movieKind(FileHandle& file, ByteView head) {
   const uint64_t fileSize = file.seekToEnd();
   const TopLevel level = readTopLevel(file, fileSize);
-  if (level.moov) return kindOfMoov(file, level, fileSize);  // boxes of any type may stand ahead of it
+  if (level.moov) return kindOfMoov(file, level, fileSize);  // boxes of any type may stand before it
   if (!beginsWithBox(head, fileSize)) return std::nullopt;
   if (const char* words = pictureOfBrand(head)) {
     return Kind{What::picture, words, Kind::adviseVideoItself};

@@ -71,7 +71,7 @@ bool standsAt(ByteView head, size_t offset, std::string_view bytes) {
 }
 
 /// Five packets, each of which begins with the sync byte (ISO/IEC 13818-1 2.4.3.2). A packet of 192 bytes has a time
-/// ahead of it.
+/// before it.
 bool isTransportStream(ByteView head) {
   constexpr uint8_t syncByte = 0x47;
   constexpr size_t packets = 5;

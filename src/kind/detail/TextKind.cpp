@@ -21,7 +21,7 @@ void skipBlanks(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
 }
 
-/// Passes over what may stand ahead of the first element of a page or of XML: blanks, declarations, comments.
+/// Passes over what may stand before the first element of a page or of XML: blanks, declarations, comments.
 std::string_view behindProlog(std::string_view text) {
   for (;;) {
     skipBlanks(text);

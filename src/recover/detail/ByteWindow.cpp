@@ -39,7 +39,7 @@ bool ByteWindow::isFreeOfStartCodes(uint64_t begin, uint64_t end) {
   return !isHit_ || freeTo_ + startCodeSize > end;
 }
 
-/// Looks for start codes that begin ahead of `end`.
+/// Looks for start codes that begin before `end`.
 void ByteWindow::scanTo(uint64_t end) {
   while (!isHit_ && freeTo_ < end) {
     const ByteView bytes =

@@ -23,7 +23,7 @@ class ByteWindow {
   ByteView at(uint64_t offset, size_t count);
 
   /// False if a start code would begin in this range, 00 00 00 to 00 00 02, which no unit may hold (ITU-T H.264 and
-  /// H.265 7.4.1, 7.4.2.1). Ranges that are asked for one behind the other cost one read of each byte.
+  /// H.265 7.4.1, 7.4.2.1). Ranges that are asked for one after the other cost one read of each byte.
   bool isFreeOfStartCodes(uint64_t begin, uint64_t end);
 
  private:

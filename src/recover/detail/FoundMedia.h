@@ -34,7 +34,7 @@ struct FoundMedia {
   double secondsOfPictures(const RecordedPictures& recorded) const;
   double secondsOfSound(const RecordedSound& recorded) const;
 
-  /// Lets the chain break at this place: what begins there or behind it is dropped.
+  /// Lets the chain break at this place: what begins there or after it is dropped.
   void breakAt(uint64_t offset);
   /// Drops pictures from the end, in decode order, until none is missing between those that are shown. The step of the
   /// counts is learned from all. Does nothing if more would go than a decoder may hold back.

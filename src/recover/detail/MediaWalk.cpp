@@ -134,7 +134,7 @@ bool MediaWalk::takeSound() {
   return true;
 }
 
-/// A few bytes may pass for a packet: no recorder runs ahead of its pictures with any number of them.
+/// A few bytes may pass for a packet: no recorder gets ahead of its pictures by any number of them.
 bool MediaWalk::mayHoldMoreSound() const {
   const bool isOfTheRecorder = recorder_.longestPiece == 0;
   if (isOfTheRecorder || recorder_.sound->isPCM) return true;
@@ -143,7 +143,7 @@ bool MediaWalk::mayHoldMoreSound() const {
          slack * found_.secondsOfPictures(recorder_.pictures) + recorder_.longestPiece + seconds;
 }
 
-/// What belongs to neither is as long as such a piece of the healthy movie, with a picture, sound or the end behind it.
+/// What belongs to neither is as long as such a piece of the healthy movie, and a picture, sound or the end follows.
 bool MediaWalk::takeOther() {
   if (open_ && (open_->picture.slices == 0 || open_->units)) return false;
   const uint64_t begin = at_, rest = bytes_.end() - at_;
@@ -166,7 +166,7 @@ std::optional<uint32_t> MediaWalk::packetSize() {
   return isOne ? std::optional(static_cast<uint32_t>(block->size)) : std::nullopt;
 }
 
-/// A piece of PCM is as long as one of the healthy movie's, with a picture or the end behind it. At the end a recorder
+/// A piece of PCM is as long as one of the healthy movie's, and a picture or the end follows. At the end a recorder
 /// writes what it still holds.
 std::optional<uint32_t> MediaWalk::pieceSize() {
   const std::vector<uint64_t>& pieces = recorder_.sound->pieces;

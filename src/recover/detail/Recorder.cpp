@@ -287,7 +287,7 @@ class RecorderReader {
     learn(found);
   }
 
-  /// Throws LostMoovError if a sample ahead of the walk's end is not among those found, or is another.
+  /// Throws LostMoovError if a sample before the walk's end is not among those found, or is another.
   void requireFound(const FoundMedia& found) {
     const auto require = [](bool isSame, uint64_t offset) {
       if (!isSame) throw unfit(fmt::format("at byte {} its media are not what its tables say", offset));

@@ -62,7 +62,7 @@ struct Recorder {
   std::optional<RecordedSound> sound;
   std::vector<OtherTrack> others;     ///< that have samples
   std::vector<uint64_t> otherPieces;  ///< how long in bytes what they hold between the samples is, ascending
-  uint64_t firstSample = 0;           ///< how far behind the header of the `mdat` the first sample begins, bytes
+  uint64_t firstSample = 0;           ///< how far after the header of the `mdat` the first sample begins, bytes
   double longestPiece = 0;            ///< of one track between two of the other, seconds
 
   /// Reads the movie, walks its own media and holds what was found against its tables, so that a recorder whose media

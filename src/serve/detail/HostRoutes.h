@@ -17,7 +17,7 @@ struct HostCall {
   JSObject options = {};
 };
 
-/// What a page can ask and tell the host beside the bridge: each route with the method that stands behind it. Paths are
+/// What a page can ask and tell the host beside the bridge: each route with the method that answers it. Paths are
 /// as seen from the base.
 class HostRoutes {
  public:

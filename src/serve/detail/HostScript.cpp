@@ -33,7 +33,7 @@ bool isEqualIgnoringCase(char a, char b) {
   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
 }
 
-/// Where the content of the head begins: behind its tag, or at the start where it has none.
+/// Where the content of the head begins: after its tag, or at the start where it has none.
 size_t startOfHead(std::string_view html) {
   constexpr std::string_view tag = "<head";
   auto from = html.begin();

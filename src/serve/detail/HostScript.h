@@ -11,7 +11,7 @@ namespace tarn {
 /// What a page learns of the host beside the bridge.
 struct HostFacts {
   std::string name;                       ///< of the plug-in whose events tell of changes
-  std::vector<std::string> methods = {};  ///< that stand behind its routes
+  std::vector<std::string> methods = {};  ///< that answer its routes
   std::string log = {};                   ///< the path of the log
 };
 

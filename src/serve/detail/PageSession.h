@@ -17,7 +17,7 @@ namespace tarn {
 class PageConnection {
  public:
   virtual ~PageConnection() = default;
-  /// Sends a message behind those that still wait. A page that is too slow in reading is cut off.
+  /// Sends a message after those that still wait. A page that is too slow in reading is cut off.
   virtual void send(PageText text) = 0;
   /// Cuts the page off.
   virtual void close() = 0;

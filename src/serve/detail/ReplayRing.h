@@ -24,7 +24,7 @@ class ReplayRing {
 
   void add(PageText event);
 
-  /// The events behind number `seen`, oldest first; nothing when some of them are gone, or `seen` has not been given
+  /// The events after number `seen`, oldest first; nothing when some of them are gone, or `seen` has not been given
   /// out yet.
   std::optional<std::vector<PageText>> since(uint64_t seen) const;
 

@@ -18,7 +18,7 @@ bool isJSON(const RequestHead& head) {
 std::optional<Refusal> RequestBody::refuse(const RequestHead& head) const {
   if (head.method != "POST" && head.method != "PUT") {
     if (!isChunked && length.value_or(0) == 0 && arrived == 0) return std::nullopt;
-    return Refusal{413, "A request has no body here, and nothing behind it."};
+    return Refusal{413, "A request has no body here, and nothing may follow it."};
   }
   if (!length || isChunked) return Refusal{411, "The request must say how long its body is."};
   if (arrived > *length) return Refusal{413, "There is more than the request's body."};
