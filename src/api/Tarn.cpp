@@ -11,7 +11,7 @@ const char* version() noexcept {
 }
 
 void setLog(LogSink sink) {
-  dropLogByDefault();  // ahead of it, so that it cannot come between on another thread
+  dropLogByDefault();  // before it, so that it cannot come between on another thread
   setLogSink(sink ? std::move(sink) : [](std::string_view) {});
 }
 

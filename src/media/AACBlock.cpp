@@ -21,7 +21,7 @@ constexpr uint8_t escapeBook = 11;
 constexpr uint8_t reservedBook = 12;
 constexpr uint8_t noiseBook = 13;
 
-/// The bits of a packet. Behind the end there are zeros; who reads there learns it from `isPastEnd`.
+/// The bits of a packet. Past the end there are zeros; who reads there learns it from `isPastEnd`.
 class Bits {
  public:
   explicit Bits(ByteView bytes) : bytes_(bytes) {}

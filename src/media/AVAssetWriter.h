@@ -34,7 +34,7 @@ class AVAssetWriterInput {
   /// True while the encoders keep up; also true once the writer has failed, so that nobody waits for ever.
   bool isReadyForMoreMediaData() const;
 
-  /// Puts the buffer's frames behind those that came before, whatever its time says. False if the writer has failed
+  /// Puts the buffer's frames after those that came before, whatever its time says. False if the writer has failed
   /// or is not writing; it may be called while not ready, and then waits for room.
   bool appendSampleBuffer(const CMSampleBuffer& buffer);
 

@@ -40,7 +40,7 @@ struct EditRules {
   /// Bytes at the end of the file that are no box.
   enum class Tail {
     isMedia,    ///< copied, and chunk offsets move with them
-    isCopied,   ///< copied; chunk offsets move only if there is an `mdat` behind the `moov`
+    isCopied,   ///< copied; chunk offsets move only if there is an `mdat` after the `moov`
     isDropped,  ///< left out
   };
   /// An `mdat`, or a box of more than 10 MiB that is not taken for the tail, that the end of the file cuts off.

@@ -76,7 +76,7 @@ ChunkOffsetShift MediaLayout::shift(const BoxHeader& moov, int64_t growth, const
   const bool hasTail = end < fileSize && rules.tail == EditRules::Tail::isMedia;
   if (!hasMediaBehind(moov) && !hasTail) return {};
   const auto mdat = first("mdat");
-  // Where media lie on both sides of the `moov`, those ahead of it stay.
+  // Where media lie on both sides of the `moov`, those before it stay.
   return {.delta = growth, .movesFrom = mdat && mdat->offset > moov.offset ? 0 : moov.end()};
 }
 

@@ -13,7 +13,7 @@ class MovieError : public Error {
  public:
   enum class Case {
     unreadable,  ///< a read failed
-    cutOff,      ///< the file ends ahead of the end of a box that must be whole
+    cutOff,      ///< the file ends before the end of a box that must be whole
     longSize,    ///< a `moov` with a 64-bit size, where that cannot be edited
     damaged,     ///< boxes that cannot be edited and stay whole
     doesNotFit,  ///< a size or a place does not fit its field

@@ -85,7 +85,7 @@ class Rewrite {
     if (bytes.size() == size) return writer_.writeRead(box.offset, bytes);
     if (!bytes.empty()) throwCutOff(box);
     if (!listener_.becomesFree(box)) throw MovieError(Case::unreadable, "Failed to read chunk during copy", box);
-    // What stands behind it must not move: chunk offsets are corrected for the moov alone.
+    // What stands after it must not move: chunk offsets are corrected for the moov alone.
     writer_.write(freeBox(size));
   }
 

@@ -21,7 +21,7 @@ class MovieWriter {
   MovieWriter(FileHandle& source, FileHandle& target) : source_(source), target_(target) {}
 
   void write(ByteView bytes) { target_.write(bytes); }
-  /// Returns how many bytes were copied; fewer than asked if the source ends ahead of them.
+  /// Returns how many bytes were copied; fewer than asked if the source ends before them.
   uint64_t copy(uint64_t offset, uint64_t size);
   /// The same for bytes that the caller has read at `offset`.
   void writeRead(uint64_t offset, ByteView bytes);
@@ -54,9 +54,9 @@ class RewriteListener {
   virtual bool becomesFree(const BoxHeader& box);
 };
 
-/// Copies a file with `newMoov` in the place of the `moov`; every other box stays, in its order. The bytes behind the
+/// Copies a file with `newMoov` in the place of the `moov`; every other box stays, in its order. The bytes after the
 /// last box come along, or not, as `rules.tail` says, and media that the file cuts off as `rules.cutMedia` does.
-/// Returns what was copied. Throws MovieError: unreadable; cutOff for a source that ends ahead of a box that must be
+/// Returns what was copied. Throws MovieError: unreadable; cutOff for a source that ends before a box that must be
 /// whole; damaged if no box begins where the `moov` does. Failures of writing are PosixError.
 std::vector<CopiedRange> rewriteMovie(FileHandle& source, FileHandle& target, const MediaLayout& layout,
                                       const BoxHeader& moov, ByteView newMoov, const EditRules& rules,

@@ -17,7 +17,7 @@ namespace tarn {
 
 /// A box of a `moov` in memory, to be edited. On the way to the sample tables and edit lists (moov, trak, edts, mdia,
 /// minf, stbl) it is taken apart into its children (ISO/IEC 14496-12 4.2); every other box is kept as its bytes.
-/// Written again, nothing is lost: boxes keep their order, the width of their size field, and what lies behind the last
+/// Written again, nothing is lost: boxes keep their order, the width of their size field, and what lies after the last
 /// child.
 ///
 /// It is a tree, and not a buffer that edits are spliced into: parents get their sizes by themselves, an edit makes no
@@ -26,7 +26,7 @@ struct MovieBox {
   std::string type;  ///< four bytes as they are in the file
   Bytes head;        ///< the header; its size field is made anew when the box is written, unless it is 0
   std::vector<MovieBox> children = {};
-  Bytes contents = {};   ///< all of it; where there are children, what lies behind the last one
+  Bytes contents = {};   ///< all of it; where there are children, what lies after the last one
   uint64_t offset = 0;   ///< where it began in the bytes that were parsed
   uint64_t oldSize = 0;  ///< how long it was there, header included
   /// It reaches over the end of its parent: `contents` end there, and the size field stays as it is.
@@ -45,10 +45,10 @@ struct MovieBox {
   const MovieBox* find(std::initializer_list<std::string_view> path) const;
   MovieBox* find(std::initializer_list<std::string_view> path);
 
-  /// Puts a child in the place of the first one of its type, or behind the last child.
+  /// Puts a child in the place of the first one of its type, or after the last child.
   void put(MovieBox child);
   void removeAll(std::string_view childType);
-  /// Puts a child, if there is one, in the place of the first one that `isOld` names, or behind the last child; the
+  /// Puts a child, if there is one, in the place of the first one that `isOld` names, or after the last child; the
   /// other old ones go.
   template <typename IsOld>
   void replaceAll(IsOld isOld, std::optional<MovieBox> child) {

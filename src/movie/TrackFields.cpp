@@ -13,7 +13,7 @@ bool isChunkTable(const MovieBox& box) {
   return box.type == "stco" || box.type == "co64";
 }
 
-/// Where a field lies in the contents; nothing if the box ends ahead of it.
+/// Where a field lies in the contents; nothing if the box ends before it.
 std::optional<layout::Field> inContents(const MovieBox* box, layout::Field field) {
   field.offset -= layout::boxHeaderSize;
   return box && field.end() <= box->contents.size() ? std::optional(field) : std::nullopt;

@@ -14,7 +14,7 @@
 namespace tarn {
 
 /// The one of two fields that the version of a full box (ISO/IEC 14496-12 4.2) says is there. A field that its box ends
-/// ahead of is not there.
+/// before is not there.
 struct VersionedField {
   layout::Field version0;
   layout::Field otherVersions;

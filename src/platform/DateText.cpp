@@ -14,7 +14,8 @@ Date dateOfText(const std::string& text) {
   std::tm parts{};
   const char* const end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (end != text.c_str() + text.size()) return {};
-  return std::chrono::system_clock::from_time_t(::timegm(&parts));
+  const Date date = std::chrono::system_clock::from_time_t(::timegm(&parts));
+  return dateText(date) == text ? date : Date{};  // timegm() takes February 31
 }
 
 }  // namespace tarn

@@ -52,7 +52,7 @@ sock_filter statement(unsigned code, uint32_t value) {
   return {static_cast<uint16_t>(code), 0, 0, value};
 }
 
-/// Goes on behind so many statements if the value is this one, else with the next.
+/// Goes on after so many statements if the value is this one, else with the next.
 sock_filter jumpIfEqual(uint32_t value, uint8_t ifEqual, uint8_t ifNot) {
   return {BPF_JMP | BPF_JEQ | BPF_K, ifEqual, ifNot, value};
 }

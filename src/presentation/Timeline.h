@@ -10,7 +10,7 @@ namespace tarn {
 
 /// How the sound of a timeline is looked at.
 enum class SoundHoles {
-  shown,   ///< where a packet lasts much longer than most of its track there is no sound behind it
+  shown,   ///< where a packet lasts much longer than most of its track there is no sound after it
   filled,  ///< as it is when the holes are filled with silence
 };
 

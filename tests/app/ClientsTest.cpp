@@ -214,23 +214,24 @@ TEST_F(ClientsTest, TheSocketOutlivesWhateverIsSentAndIsForItsUserAlone) {
 TEST_F(ClientsTest, ACommandTellsWhomItFinds) {
   const Path path = home_ / ".socket";
   const HomeLock lock(home_);
-  const auto expectRefusal = [&](local::acceptor& listener, const std::string& greeting, const char* refusal) {
+  const auto expectRefusal = [&](local::acceptor& listener, const std::string& greeting, const char* refusal,
+                                 int code) {
     const Child client = start({"resume"});
     local::socket socket = listener.accept();
     boost::system::error_code isGone;  // a client that trusts nobody here has left by now
     asio::write(socket, asio::buffer(greeting + "\n"), isGone);
-    EXPECT_EQ(client->wait(), 1);
+    EXPECT_EQ(client->wait(), code);
     EXPECT_THAT(client->errors(), HasSubstr(refusal));
   };
   asio::io_context context;
   local::acceptor listener(context, path.string());
-  expectRefusal(listener, R"({"protocol":99})", "Another version of tarn works in");
+  expectRefusal(listener, R"({"protocol":99})", "Another version of tarn works in", 75);
   {
     const AnotherUser user;
     if (!user.isOne()) return;
     ::listen(listener.native_handle(), 1);
   }
-  expectRefusal(listener, "", "Another user listens at");
+  expectRefusal(listener, "", "Another user listens at", 1);
 }
 
 TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {

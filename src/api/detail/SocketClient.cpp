@@ -44,8 +44,8 @@ bool SocketClient::isLetIn(milliseconds patience) {
   } catch (const EngineLost&) {
     return false;
   }
-  throw Error("Engine", -1,
-              "Another version of tarn works in " + home_.string() + ": wait for it, or use its commands");
+  throw EngineRefused("Another version of tarn works in " + home_.string(),
+                      "Wait until it has ended, or use its commands.");
 }
 
 EngineClient::Answer SocketClient::call(const std::string& plugin, const std::string& method, JSObject options) {

@@ -16,8 +16,8 @@ class SocketClient : public EngineClient {
   /// Returns nothing when nobody listens. Throws Error when another user does.
   static std::unique_ptr<SocketClient> connect(const Path& home);
 
-  /// Waits for the engine's first line, ahead of all else; false when it does not come within `patience`, or after an
-  /// interrupt. Throws Error when the engine is another version's.
+  /// Waits for the engine's first line, before all else; false when it does not come within `patience`, or after an
+  /// interrupt. Throws EngineRefused if the engine is another version's.
   bool isLetIn(std::chrono::milliseconds patience);
 
   Answer call(const std::string& plugin, const std::string& method, JSObject options) override;

@@ -201,7 +201,7 @@ void PhotoChange::makeEntries() {
   }
 }
 
-/// Puts an entry that is in its album behind the others there. Its file stays, unless the asset has another name now.
+/// Puts an entry that is in its album after the others there. Its file stays, unless the asset has another name now.
 void PhotoChange::addAgain(const std::string& wanted, const EntryRecord& entry) {
   const EntryRecord last{.album = entry.album, .asset = entry.asset, .name = entry.name};
   if (!keepsItsName(entry, wanted)) {
