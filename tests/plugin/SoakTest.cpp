@@ -64,8 +64,11 @@ class EngineDay : private EngineModel {
     clock_.advance(24h + 1s);
     startProcess();
     letAllEnd();
-    const std::string listed = call("getActiveDownloads").json();
-    require(listed == "{}", "nothing is listed a day later: " + listed);
+    // A failure that a kill kept from the page stays, until the page has dismissed it.
+    const JSObject listed = call("getActiveDownloads");
+    for (const auto& [id, download] : listed.members()) {
+      require(download.get<JSObject>()->json().find("STATUS_FAILED") != std::string::npos, "listed a day later: " + id);
+    }
     require(pending().empty() && transfers_.storedTaskDescriptions().empty(), "nothing is stored a day later");
     require(disk_.contentsOfDirectory(disk_.documentsDirectory(true)).empty(), "no file is left a day later");
     forget(0);
@@ -140,7 +143,7 @@ TEST(EngineSoakTest, ADayOfDownloadsKillsAndFaultsLosesNothingAndLeavesNothing) 
   EXPECT_LE(memoryAtLast, memory + memory / 10 + 4096) << "KiB, at the end and at a quarter of the day";
 #endif
   std::cout << fmt::format(
-      "{:.1f} hours of the engine and a day after, seed {}: {} downloads ({} saved, each once; {} failed as drawn, {} "
+      "{:.1f} hours of the engine, seed {}: {} downloads ({} saved, each once; {} failed as drawn, {} "
       "cancelled, {} lost with a store that failed or left alone for a day), {} kills; {} threads; {} KiB at a "
       "quarter, "
       "{} at the end\n",
