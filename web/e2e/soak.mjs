@@ -11,6 +11,7 @@ import { appendFileSync, copyFileSync, existsSync, mkdirSync, readFileSync, read
 import { rmSync, truncateSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:http';
 import { join } from 'node:path';
+import { fileURLToPath } from 'node:url';
 
 import { Tarn, binary, call, keepEvents, launchBrowser, makeClip, makeClipWithHole } from './support.mjs';
 import { pause, temporaryFolder, until } from './support.mjs';
@@ -43,7 +44,10 @@ async function run(args, killAfter) {
   child.stdout.on('data', (text) => (output += text));
   child.stderr.on('data', (text) => (errors += text));
   const timer = killAfter === undefined ? undefined : setTimeout(() => child.kill('SIGKILL'), killAfter);
-  const [code, signal] = await new Promise((ended) => child.once('close', (...how) => ended(how)));
+  const [code, signal] = await new Promise((ended, failed) => {
+    child.once('close', (...how) => ended(how));
+    child.once('error', failed);
+  });
   clearTimeout(timer);
   return { code, isKilled: signal === 'SIGKILL', output, errors: errors.trim().slice(-300) };
 }
@@ -336,24 +340,8 @@ class Watch {
   }
 }
 
-async function main() {
-  const place = new URL('../../build/soak/', import.meta.url).pathname;
-  mkdirSync(place, { recursive: true });
-  const soak = new Soak();
-  await soak.server.start();
-  for (const tarn of Object.values(soak.homes)) await tarn.start();
-  const browser = await launchBrowser();
-  const pages = {};
-  for (const [where, tarn] of Object.entries(soak.homes)) {
-    pages[where] = await (await browser.newContext()).newPage();
-    await pages[where].goto(tarn.entry);
-    await pages[where].waitForSelector('html[data-tarn-connection=live]');
-  }
-  await keepEvents(pages.steady);
-  const atRest = look(soak.homes.steady.process.pid);
-  const watch = new Watch(soak.homes.steady.process.pid, join(place, 'serve.csv'));
-  console.log(`${minutes} minutes, seed ${seed}; the samples are in build/soak/serve.csv`);
-
+/** All at the same time until it is over, and what is left then. */
+async function work(soak, pages, watch) {
   await Promise.all([
     soak.saveByCommands('steady'),
     soak.saveByCommands('killed'),
@@ -366,8 +354,9 @@ async function main() {
   for (const where of Object.keys(soak.homes)) await soak.lookAtTheEnd(where);
   await pages.killed.waitForSelector('html[data-tarn-connection=live]').catch(() => fault('the page does not come back'));
   await pause(15_000); // what was kept open for a while is closed
-  const after = look(soak.homes.steady.process.pid);
+}
 
+function judge(watch, atRest, after) {
   for (const what of Object.keys(figures).sort()) console.log(`  ${what}: ${figures[what]}`);
   watch.judge('memory', 'KiB', (before) => Math.round(before / 10) + 8192);
   watch.judge('descriptors', '', () => 8);
@@ -378,11 +367,35 @@ async function main() {
   for (const what of ['the page', 'commands, steady home', 'commands, killed home']) {
     if (!figures[`videos saved by ${what}`]) fault(`no video was saved by ${what}`);
   }
+}
 
-  await browser.close();
-  for (const tarn of Object.values(soak.homes)) await tarn.stop();
-  soak.server.stop();
-  rmSync(soak.folder, { recursive: true });
+async function main() {
+  const place = fileURLToPath(new URL('../../build/soak/', import.meta.url));
+  mkdirSync(place, { recursive: true });
+  const soak = new Soak();
+  await soak.server.start();
+  const browser = await launchBrowser();
+  try {
+    const pages = {};
+    for (const [where, tarn] of Object.entries(soak.homes)) {
+      await tarn.start();
+      pages[where] = await (await browser.newContext()).newPage();
+      await pages[where].goto(tarn.entry);
+      await pages[where].waitForSelector('html[data-tarn-connection=live]');
+    }
+    await keepEvents(pages.steady);
+    const server = soak.homes.steady.process.pid;
+    const atRest = look(server);
+    const watch = new Watch(server, join(place, 'serve.csv'));
+    console.log(`${minutes} minutes, seed ${seed}; the samples are in build/soak/serve.csv`);
+    await work(soak, pages, watch);
+    judge(watch, atRest, look(server));
+  } finally {
+    await browser.close();
+    for (const tarn of Object.values(soak.homes)) await tarn.stop();
+    soak.server.stop();
+    rmSync(soak.folder, { recursive: true });
+  }
   console.log(faults.length ? `${faults.length} faults` : 'no fault');
   process.exit(faults.length ? 1 : 0);
 }
