@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Times a whole `tarn repair` side by side with a plain copy to a new name and with ffmpeg's own remux.
 
-  repair_against_copy.py TARN DIRECTORY [ROUNDS [SOURCE]]
+  repair_against_copy.py TARN DIRECTORY [ROUNDS [SOURCE]] [--at-most RATIO] [--written-at-most RATIO]
 
 TARN is the command; DIRECTORY lies on a real disk with 4 GiB free. SOURCE is "pictures", 1 GiB of "hev1" whose
 parameter sets stand in the bitstream, or "sound", 90 seconds and 500 MB with holes in the sound, all of which is encoded
 anew. Prints medians in seconds, all with a flush of the result, and of tarn the bytes written (as /proc/PID/io counts
-them) and the most that it took on the disk, both against the source's size.
+them) and the most that it took on the disk, both against the source's size. With a bound it fails when tarn takes longer
+than so many times cp, or writes or holds more than so many times the source.
 """
+import argparse
 import os
 import pathlib
 import statistics
@@ -107,11 +109,18 @@ def repair(tarn, source, result, watches):
 
 
 def main():
-    tarn, directory = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2])
-    rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("tarn", type=os.path.abspath)
+    parser.add_argument("directory", type=pathlib.Path)
+    parser.add_argument("rounds", type=int, nargs="?", default=5)
+    parser.add_argument("sources", nargs="*", default=list(MAKERS))
+    parser.add_argument("--at-most", type=float, default=float("inf"))
+    parser.add_argument("--written-at-most", type=float, default=float("inf"))
+    options = parser.parse_args()
+    tarn, directory, rounds, is_beyond = options.tarn, options.directory, options.rounds, False
     output = directory / "output"
     output.mkdir(parents=True, exist_ok=True)
-    for name in sys.argv[4:] or MAKERS:
+    for name in options.sources:
         source, result, copy = directory / f"{name}.mp4", output / "result.mp4", directory / "copy.mp4"
         if not source.exists():
             MAKERS[name](directory, source)
@@ -138,6 +147,9 @@ def main():
             median = statistics.median(values)
             print(f"  {what:26} {median:6.2f} s  (tarn {ours / median:.2f} x; {min(values):.2f} to {max(values):.2f})")
         print(f"  bytes written {written / size:.3f} x, peak on the disk {peak / size:.3f} x the source")
+        copying = statistics.median(times["cp --reflink=never"])
+        is_beyond |= ours > options.at_most * copying or max(written, peak) > options.written_at_most * size
+    return is_beyond
 
 
-main()
+sys.exit(main())

@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """Times a whole `tarn repair` that encodes the sound anew side by side with ffmpeg doing that to the same recording.
 
-  repair_against_ffmpeg.py TARN DIRECTORY [ROUNDS [MINUTES]]
+  repair_against_ffmpeg.py TARN DIRECTORY [ROUNDS [MINUTES]] [--at-most RATIO] [--memory-at-most MIB]
 
 TARN is the command; DIRECTORY lies on a real disk with 2 GiB free. The recording has video of 2 Mbit/s and 48 kHz
 stereo sound, tones in pink noise, with a second of it missing in each minute. Prints the times of each round in
-seconds, both with a flush of the result, and tarn's peak of memory.
+seconds, both with a flush of the result, and tarn's peak of memory. With a bound it fails when the median ratio or the
+memory is above it.
 """
+import argparse
 import os
 import pathlib
 import statistics
@@ -58,9 +60,15 @@ def repair(tarn, source, result):
 
 
 def main():
-    tarn, directory = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2])
-    rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 3
-    minutes = int(sys.argv[4]) if len(sys.argv) > 4 else 30
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("tarn", type=os.path.abspath)
+    parser.add_argument("directory", type=pathlib.Path)
+    parser.add_argument("rounds", type=int, nargs="?", default=3)
+    parser.add_argument("minutes", type=int, nargs="?", default=30)
+    parser.add_argument("--at-most", type=float, default=float("inf"))
+    parser.add_argument("--memory-at-most", type=float, default=float("inf"))
+    options = parser.parse_args()
+    tarn, directory, rounds, minutes = options.tarn, options.directory, options.rounds, options.minutes
     directory.mkdir(parents=True, exist_ok=True)
     source = make_source(directory, minutes)
     result = directory / "result.mp4"
@@ -76,7 +84,9 @@ def main():
         peak = max(peak, memory)
         ratios.append(ours / theirs)
         print(f"  ffmpeg {theirs:6.2f} s   tarn {ours:6.2f} s   {ours / theirs:.2f} x")
-    print(f"  median {statistics.median(ratios):.2f} x ffmpeg, peak memory {peak:.1f} MiB")
+    median = statistics.median(ratios)
+    print(f"  median {median:.2f} x ffmpeg, peak memory {peak:.1f} MiB")
+    return median > options.at_most or peak > options.memory_at_most
 
 
-main()
+sys.exit(main())

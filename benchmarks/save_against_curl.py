@@ -2,10 +2,11 @@
 """Saves a large file without sound from a loopback server, side by side with `curl -o` and `sync` of the file.
 
     benchmarks/save_against_curl.py [--tarn build/release/tarn] [--mib 1024] [--runs 5] [--directory DIR] [--repaired]
+                                    [--at-most RATIO] [--memory-at-most MIB]
 
 The file is "avc1" and needs nothing, or, with --repaired, "avc3" whose parameter sets stand in the bitstream alone.
 Works in DIR, which should lie on a real disk, and prints each pair's wall times, the medians, their ratio, and the
-largest memory that a save took.
+largest memory that a save took. With a bound it fails when the median ratio or the memory is above it.
 """
 
 import argparse
@@ -15,6 +16,7 @@ import os
 import shutil
 import statistics
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -68,6 +70,8 @@ def main():
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--directory", default=".")
     parser.add_argument("--repaired", action="store_true")
+    parser.add_argument("--at-most", type=float, default=float("inf"))
+    parser.add_argument("--memory-at-most", type=float, default=float("inf"))
     options = parser.parse_args()
     place = tempfile.mkdtemp(prefix="tarn-benchmark-", dir=options.directory)
     try:
@@ -93,9 +97,10 @@ def main():
         curl, save = statistics.median(curls), statistics.median(saves)
         print(f"{size:.0f} MiB: curl and sync {curl:.2f} s, tarn save {save:.2f} s, ratio {save / curl:.2f}; "
               f"peak memory {memory:.0f} MiB")
+        return save / curl > options.at_most or memory > options.memory_at_most
     finally:
         shutil.rmtree(place)
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

@@ -309,7 +309,7 @@ void EngineDriver::hear(const std::string& name, const JSObject& data) {
 }
 
 /// All that can come comes: the page is there, the network works, and nothing is drawn any more.
-void EngineDriver::comeToAnEnd() {
+void EngineDriver::letAllEnd() {
   storeFiles_.disarm();
   runFails_ = false;
   call("setDownloadLimit", {{"limit", 10}});
@@ -325,6 +325,10 @@ void EngineDriver::comeToAnEnd() {
   letTimePass();
   application_->enterForeground();
   letTimePass();
+}
+
+void EngineDriver::comeToAnEnd() {
+  letAllEnd();
   lookAtRest();
 }
 

@@ -135,6 +135,8 @@ class EngineDriver : protected DownloadListener {
   void note(uint64_t number, const std::function<void(Download&)>& change);
   void giveUp(bool mayBeLost);
 
+  void letAllEnd();
+  /// Lets all end, holds every promise against what has come, and begins ten downloads more.
   void comeToAnEnd();
   void require(bool holds, const std::string& promise, int64_t id = 0);
   size_t saved(uint64_t number);

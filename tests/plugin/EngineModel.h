@@ -11,7 +11,7 @@
 namespace tarn::test {
 
 /// Does the steps one by one, some of them in the middle of a run, and looks after each whether the promises hold.
-class EngineModel : private EngineDriver {
+class EngineModel : protected EngineDriver {
  public:
   /// Does all the steps, and then lets everything come to its end. The first promise that was broken; nothing when all
   /// were kept.
@@ -19,7 +19,7 @@ class EngineModel : private EngineDriver {
 
   ~EngineModel() override;
 
- private:
+ protected:
   explicit EngineModel(const std::vector<ModelStep>& steps);
 
   void startProcess() override;
@@ -41,8 +41,10 @@ class EngineModel : private EngineDriver {
 
   const std::vector<ModelStep>& steps_;
   size_t next_ = 0;
+  std::set<int64_t> begun_;  ///< downloads of which the listener has not heard the end
+
+ private:
   std::map<int64_t, RunOutcome> outcomes_;  ///< that this process has told, the last of each download
-  std::set<int64_t> begun_;                 ///< downloads of which the listener has not heard the end
 };
 
 }  // namespace tarn::test

@@ -12,7 +12,7 @@ import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
 const root = fileURLToPath(new URL('../../', import.meta.url));
-const binary = process.env.TARN_BINARY ?? join(root, 'build/release/tarn');
+export const binary = process.env.TARN_BINARY ?? join(root, 'build/release/tarn');
 
 export { pause };
 
