@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -96,48 +97,6 @@ TEST_F(SaveTest, AResumeThatFailsNamesTheVideoAndSaysWhatToDo) {
   const std::string start = "tarn: clip.mp4 from " + server_.url("/clip.mp4") + " was not saved: ";
   EXPECT_NE(result.errors.find(start), std::string::npos) << result.errors;
   EXPECT_NE(result.errors.find("Check the address"), std::string::npos) << result.errors;
-}
-
-TEST_F(SaveTest, AnInterruptKeepsTheTransferAndLeavesWith130) {
-  for (int number : {SIGTERM, SIGINT}) {
-    auto tarn = startHeldSave();
-    tarn->signal(number);
-    EXPECT_EQ(tarn->wait(), 130) << tarn->errors();
-    EXPECT_EQ(runTarn(home_, {"resume"}).exitCode, 0);
-    expectSavedOnce();
-    EXPECT_EQ(contentOf(saved_), repaired());
-  }
-}
-
-TEST_F(SaveTest, ASaveEndsInItsAlbumOrSaysWhyNot) {
-  const std::string clip = "/%F0%9F%8E%AC%20day%0A1";
-  server_.serve(clip, ServedFile::of(recording()));
-  struct Row {
-    std::string path, album;
-    std::vector<std::string> more;
-    std::string saved;
-    std::string words = {};  ///< of a failure
-  };
-  const Row rows[] = {
-      {clip, "Trips", {}, "Trips/🎬 day_1.mp4"},
-      {clip, "🎄", {"--filename", "clip.mp4"}, "🎄/clip.mp4"},
-      {clip, "a/../../b", {"--filename", "clip.mp4"}, "a_.._.._b/clip.mp4"},
-      {"/missing.mp4", "Trips", {}, "", "HTTP status 404"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.saved + row.words);
-    std::filesystem::remove_all(home_);
-    std::vector<std::string> arguments{"save", server_.url(row.path), "--album", row.album};
-    arguments.insert(arguments.end(), row.more.begin(), row.more.end());
-    auto result = runTarn(home_, arguments);
-    EXPECT_EQ(result.exitCode, row.saved.empty() ? 1 : 0);
-    EXPECT_NE(result.errors.find(row.words), std::string::npos) << result.errors;
-    const auto saved = savedFiles(home_);
-    EXPECT_EQ(saved.empty() ? "" : saved[0], row.saved);
-    const std::string listed = runTarn(home_, {"library", "--json"}).output;
-    EXPECT_EQ(listed.find("\"album\":\"" + row.album + '"') == std::string::npos, saved.empty()) << listed;
-    EXPECT_EQ(leftIn(home_), "");
-  }
 }
 
 TEST_F(SaveTest, TasksThatNothingStandsBehindAreNotWaitedFor) {
@@ -311,6 +270,11 @@ TEST_P(KillSweep, NothingIsLostWhereverTheProcessDies) {
   server_.serve("/clip.mp4", ServedFile::of(GetParam().recording()));
   ASSERT_EQ(save().exitCode, 0);
   std::filesystem::copy_file(saved_, undisturbed_);
+  // 67 ms are a light gap in seven minutes, for which packets alone suffice; three silent ones come nearest.
+  for (const Beat& beat : GetParam().name == std::string_view("FastPath") ? beats(saved_) : std::vector<Beat>()) {
+    const double moved = beat.flash < 210.5 ? 0 : 3 * 1024 / 48000.0;
+    EXPECT_TRUE(beat.flash < 1 || std::abs(beat.beepAfter - moved) < 0.002) << beat.flash << " " << beat.beepAfter;
+  }
   const size_t stride = strideOf(GetParam());
   const size_t changes = sweep("change", stride);
   const size_t recipes = sweep("recipe", 1);

@@ -192,17 +192,6 @@ std::string described(BoxTree& trak) {
   return words;
 }
 
-TEST_F(CutMovieTest, TakesNoFileThatCannotBeReadForAHealthyOne) {
-  write(firstBytes(shortClip(), 0.6));
-  FaultyFileManager faulty(files_);
-  const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-    SCOPED_TRACE(call);
-    const std::string failure = failureOf([&] { EXPECT_TRUE(isCutOff(faulty, file_)); });
-    EXPECT_NE(failure.empty(), faulty.fired()) << failure;
-  });
-  EXPECT_GT(reads, 3U);
-}
-
 /// A run that is killed behind the step, or amid it, finds a file of which nothing is missing.
 TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
   const Bytes cut = firstBytes(shortClip(), 0.6);

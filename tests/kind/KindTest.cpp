@@ -1,7 +1,6 @@
 #include "kind/Kind.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "support/BoxBuilder.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 
@@ -205,25 +204,6 @@ TEST_F(KindTest, SentencesForPeople) {
     writeFileAtomically(files_, file_, bytesOf(content));
     EXPECT_EQ(whyNoPlayerShows(files_, file_, "clip.mp4").value_or("it is media"), sentence);
   }
-}
-
-// A disk that fails is not taken for damage of the file, which nobody would then try to save again.
-TEST_F(KindTest, FailingReads) {
-  FaultyFileManager faulty(files_);
-  const Path clip = write(movie());
-  int failures = 0;
-  bool fired = true;
-  for (uint64_t call = 1; fired; ++call) {
-    faulty.arm({.call = call, .among = {FileOperation::open, FileOperation::read}});
-    try {
-      EXPECT_EQ(kindOf(faulty, clip).what, What::plainMovie) << call;
-    } catch (const PosixError& error) {
-      EXPECT_EQ(error.code(), EIO);
-      ++failures;
-    }
-    fired = faulty.fired();
-  }
-  EXPECT_GT(failures, 5);
 }
 
 // What only looks like media at first sight is none.

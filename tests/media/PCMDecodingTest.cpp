@@ -214,18 +214,6 @@ TEST(PCMDecoding, APacketThatDoesNotDecodeLeavesItsLengthAsSilence) {
   }
 }
 
-TEST(PCMDecoding, BreaksOffWhereTheFileDoes) {
-  for (const char* encoding : {"-c:a aac", "-c:a aac -ar 44100"}) {
-    Clip whole(madeByFFmpeg(words(noise + "stereo " + encoding + " -movflags +faststart")));
-    Bytes half = whole.bytes();
-    half.resize(half.size() / 2);
-    const Decoded ours = decode(Clip(half));
-    EXPECT_NE(ours.failure, "");
-    EXPECT_NEAR(static_cast<double>(ours.frames()), 192000 / 2, 192000 / 6);
-    EXPECT_GE(firstDifference(ours.samples, decode(whole).samples), ours.samples.size() - 64);
-  }
-}
-
 TEST(PCMDecoding, AGapOfAnHourTakesNoMemory) {
   const Path plain = madeByFFmpeg(words(noise + "stereo -c:a aac"));
   const Clip clip(

@@ -7,7 +7,6 @@
 #include "presentation/RepairHarms.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/SyntheticMovie.h"
@@ -282,15 +281,6 @@ TEST_F(PresentationChangeTest, ADamagedSourceHasNothingToCompareButAnUnreadableO
   writeFileAtomically(files_, damaged, box("mdat"));
   EXPECT_THAT(harmsOfRepair(files_, damaged, files_, movie, false), IsEmpty());
   EXPECT_THROW(harmsOfRepair(files_, "/there is no such file", files_, movie, false), PosixError);
-  FaultyFileManager faulty(files_);
-  const auto read = [&] { return Presentation::readIfPossible(faulty, movie, "").has_value(); };
-  const auto look = [&] { return !isFragmented(faulty, movie); };
-  for (const auto& work : std::vector<std::function<bool()>>{read, look}) {
-    faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-      const bool isDone = failureOf([&] { EXPECT_TRUE(work()); }).empty();
-      EXPECT_EQ(isDone, !faulty.fired()) << "call " << call;
-    });
-  }
 }
 
 TEST_F(PresentationChangeTest, ARealClipKeepsItsPresentationThroughAnotherMuxer) {
