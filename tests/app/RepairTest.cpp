@@ -1,29 +1,20 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <tarn/repair.h>
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 
+#include "app/CommandTest.h"
 #include "engine/PlacingStep.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
 #include "support/FlashBeep.h"
-#include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-class RepairTest : public testing::Test {
+class RepairTest : public CommandTest {
  protected:
   RepairTest() { fs::create_directory(out_.parent_path()); }
 
@@ -35,7 +26,7 @@ class RepairTest : public testing::Test {
   TarnResult repair(const Path& in, const Path& out, const std::vector<std::string>& more = {}) {
     std::vector<std::string> arguments{"repair", in.string(), "-o", out.string()};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    return runTarn(place_ / "home", arguments);
+    return run(arguments);
   }
 
   /// No file but these stands where the result goes, hidden ones counted.
@@ -43,7 +34,6 @@ class RepairTest : public testing::Test {
     return static_cast<size_t>(std::distance(fs::directory_iterator(out_.parent_path()), fs::directory_iterator()));
   }
 
-  TempDirectory place_;
   PosixFileManager files_{place_.path()};
   const Path in_ = place_ / "clip.mp4";
   const Path out_ = place_ / "out" / "fixed.mp4";

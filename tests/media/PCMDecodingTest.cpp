@@ -11,10 +11,23 @@
 #include "support/Clip.h"
 #include "support/FailureOf.h"
 #include "support/PCM.h"
-#include "support/ScriptedSource.h"
 
 namespace tarn::test {
 namespace {
+
+/// Compressed samples as a test has them.
+class ScriptedSource : public CompressedSampleSource {
+ public:
+  ScriptedSource(std::function<std::optional<CMSampleBuffer>()> next, std::function<Bytes(int64_t)> data)
+      : next_(std::move(next)), data_(std::move(data)) {}
+
+  std::optional<CMSampleBuffer> next() override { return next_(); }
+  Bytes data(int64_t sampleIndex) override { return data_(sampleIndex); }
+
+ private:
+  std::function<std::optional<CMSampleBuffer>()> next_;
+  std::function<Bytes(int64_t)> data_;
+};
 
 /// All that a source gave out.
 struct Decoded {
