@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <tarn/engine.h>
 #include <tarn/inspect.h>
 #include <tarn/repair.h>

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,16 +8,10 @@
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/write.hpp>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <memory>
 
+#include "app/CommandTest.h"
 #include "engine/Home.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
-#include "support/FaultServer.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
+#include "support/AnotherUser.h"
 
 // Several commands in one home: the process that owns it is the engine of all.
 
@@ -29,34 +21,18 @@ namespace {
 namespace asio = boost::asio;
 using local = asio::local::stream_protocol;
 using boost::system::error_code;
-using testing::HasSubstr;
-using testing::Not;
 using testing::UnorderedElementsAreArray;
 
-const Bytes& recording() {
-  return damagedMovie("avc3 with avcC");
-}
-
-class ClientsTest : public testing::Test {
+class ClientsTest : public CommandTest {
  protected:
-  using Child = std::unique_ptr<ChildProgram>;
-
   static std::vector<std::string> save(const FaultServer& server, const std::string& path) {
     return {"save", server.url(path), "--album", "Trips"};
   }
 
   std::vector<std::string> serve() const {
-    std::filesystem::create_directories(place_ / "web");
-    std::ofstream(place_ / "web/index.html") << "<!doctype html>";
+    put(place_ / "web/index.html", "<!doctype html>");
     return {"serve", "--web", place_ / "web"};
   }
-
-  Child start(const std::vector<std::string>& arguments) {
-    return std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
-  }
-
-  TempDirectory place_;
-  Path home_ = place_ / "home";
 };
 
 TEST_F(ClientsTest, SavesAtOnceEndAsOneAfterTheOther) {
@@ -84,7 +60,7 @@ TEST_F(ClientsTest, SavesAtOnceEndAsOneAfterTheOther) {
     EXPECT_THAT(saved, UnorderedElementsAreArray(expected));
     EXPECT_EQ(savedFiles(home_).size(), count);
     EXPECT_EQ(leftIn(home_), "");
-    EXPECT_FALSE(std::filesystem::exists(home_ / ".socket"));
+    EXPECT_FALSE(fs::exists(home_ / ".socket"));
   }
 }
 
@@ -114,7 +90,7 @@ TEST_F(ClientsTest, WhateverBecomesOfTheEngineItsClientsGoOn) {
       return std::ranges::count(server.requests(), path, &ReceivedRequest::target);
     };
     const Child engine = start(row.isServe ? serve() : save(server, "/a.mp4"));
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(home_ / ".socket"); })) << engine->errors();
+    ASSERT_TRUE(eventually([&] { return fs::exists(home_ / ".socket"); })) << engine->errors();
     const Child clients[] = {start(save(server, "/b.mp4")), start(save(server, "/c.mp4"))};
     // An engine that has asked for a video, and is killed before it has stored that, is asked for it again.
     ASSERT_TRUE(eventually([&] {
@@ -167,25 +143,11 @@ class RawClient {
   std::string received_;
 };
 
-/// Acts as another user for a while, if this one may.
-class AnotherUser {
- public:
-  AnotherUser() : isOne_(::geteuid() == 0 && ::seteuid(65534) == 0) {}
-  ~AnotherUser() { EXPECT_TRUE(!isOne_ || ::seteuid(0) == 0); }
-  AnotherUser(const AnotherUser&) = delete;
-  AnotherUser& operator=(const AnotherUser&) = delete;
-
-  bool isOne() const { return isOne_; }
-
- private:
-  const bool isOne_;
-};
-
 TEST_F(ClientsTest, TheSocketOutlivesWhateverIsSentAndIsForItsUserAlone) {
   const Child engine = start(serve());
   ASSERT_TRUE(eventually([&] { return !engine->output().empty(); })) << engine->errors();
   const Path path = home_ / ".socket";
-  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
   RawClient client(home_);
   EXPECT_EQ(client.next(), R"({"protocol":1})");
   EXPECT_THAT(client.next(), HasSubstr("hello"));
@@ -205,7 +167,7 @@ TEST_F(ClientsTest, TheSocketOutlivesWhateverIsSentAndIsForItsUserAlone) {
   EXPECT_EQ(client.next(), "") << "a line without end";
 
   for (const auto& [place, mode] : {std::pair(place_.path(), 0755), {home_, 0755}, {path, 0666}}) {
-    std::filesystem::permissions(place, std::filesystem::perms(mode));
+    fs::permissions(place, fs::perms(mode));
   }
   const AnotherUser user;
   EXPECT_EQ(RawClient(home_).next() == "", user.isOne());
@@ -235,7 +197,7 @@ TEST_F(ClientsTest, ACommandTellsWhomItFinds) {
 }
 
 TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
-  std::filesystem::create_directory(home_);
+  fs::create_directory(home_);
   const HomeLock lock(home_);
   asio::io_context context;
   local::acceptor listener(context, (home_ / ".socket").string());
@@ -258,7 +220,7 @@ TEST_F(ClientsTest, AnInterruptEndsACommandThatHasLostItsEngine) {
 }
 
 TEST_F(ClientsTest, AnInterruptEndsACommandThatOnlyReads) {
-  std::filesystem::create_directory(home_);
+  fs::create_directory(home_);
   const HomeLock lock(home_);
   asio::io_context context;
   local::acceptor listener(context, (home_ / ".socket").string());
@@ -282,7 +244,7 @@ TEST_F(ClientsTest, AnInterruptEndsACommandThatOnlyReads) {
 TEST_F(ClientsTest, WhatStandsInTheSocketsPlaceStays) {
   FaultServer server;
   server.serve("/clip.mp4", ServedFile::of(recording()));
-  std::filesystem::create_directory(home_);
+  fs::create_directory(home_);
   std::ofstream(home_ / ".socket") << "mine";
   const auto alone = runTarn(home_, save(server, "/clip.mp4"));
   EXPECT_EQ(alone.exitCode, 0);

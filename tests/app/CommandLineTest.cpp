@@ -1,28 +1,13 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-
+#include "app/CommandTest.h"
 #include "app/Terminal.h"
 #include "platform/JSObject.h"
-#include "support/MediaMaker.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
-class CommandLineTest : public testing::Test {
- protected:
-  TarnResult run(const std::vector<std::string>& arguments) { return runTarn(place_ / "home", arguments); }
-
-  TempDirectory place_;
-};
+class CommandLineTest : public CommandTest {};
 
 TEST_F(CommandLineTest, AMistypedWordIsAnsweredWithTheNearestOne) {
   const std::pair<const char*, const char*> rows[] = {
@@ -71,8 +56,7 @@ TEST_F(CommandLineTest, NamesFromOutsideCannotSteerATerminal) {
   const std::string name =
       "a\x1b]0;x\x07\xC2\x9B 1m\xE2\x80\xAE"
       "4pm.mp4\nb";
-  const Path file = place_ / name;
-  std::ofstream(file) << "no video";
+  const Path file = put(place_ / name, "no video");
   for (const std::vector<std::string>& command : {std::vector<std::string>{"inspect", file},
                                                   {"repair", file, "-o", place_ / "out.mp4"},
                                                   {"save", name, "--album", "a"},

@@ -1,22 +1,11 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
-#include "support/Eventually.h"
-#include "support/MediaMaker.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
+#include "app/CommandTest.h"
 
 namespace tarn::test {
 namespace {
-
-namespace fs = std::filesystem;
-using testing::HasSubstr;
 
 TEST(DemoTest, SaysInAFewLinesWhatWasRepairedProvesItAndLeavesTheResultAlone) {
   const TempDirectory place;

@@ -1,40 +1,21 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 
+#include "app/CommandTest.h"
 #include "app/FailureReport.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
-#include "support/FaultServer.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 // What the history of a home tells, and what can be done from it.
 
 namespace tarn::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
-const Bytes& recording() {
-  return damagedMovie("avc3 with avcC");
-}
-
-class DownloadsTest : public testing::Test {
+class DownloadsTest : public CommandTest {
  protected:
   std::vector<std::string> save(const std::string& query = "") const {
     return {"save", server_.url("/clip.mp4" + query), "--album", "Trips"};
   }
-  std::unique_ptr<ChildProgram> start(const std::vector<std::string>& arguments) {
-    return std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
-  }
   /// A save whose transfer is held in its middle.
-  std::unique_ptr<ChildProgram> startHeldSave() {
+  Child startHeldSave() {
     server_.serve("/clip.mp4", ServedFile::of(recording()), {{.stallAfter = 1000}});
     const size_t before = server_.requests().size();
     auto tarn = start(save());
@@ -55,15 +36,11 @@ class DownloadsTest : public testing::Test {
     const size_t start = text.find("\"id\":") + 5;
     return text.substr(start, text.find(',', start) - start);
   }
-
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
-  FaultServer server_;
 };
 
 TEST_F(DownloadsTest, AFailedSaveIsRetriedFromTheHistoryUntilItSucceeds) {
   EXPECT_EQ(runTarn(home_, {"downloads"}).exitCode, 0) << "there need not be a home";
-  EXPECT_FALSE(std::filesystem::exists(home_));
+  EXPECT_FALSE(fs::exists(home_));
   auto asked = save("?part=private&token=letmein");
   asked.insert(asked.end(), {"--header", "X-Key: hush"});
   EXPECT_NE(runTarn(home_, asked).exitCode, 0);
@@ -127,12 +104,12 @@ TEST_F(DownloadsTest, WhatAKilledEngineHasLostHasFailedOnceTheStoresAreRead) {
     tarn->wait();
   }
   const Path records = home_ / "Defaults/com.sorrel.capacitor.downloader.processingStates";
-  std::filesystem::remove_all(home_ / "Transfers");
-  std::filesystem::remove_all(home_ / "Defaults");
-  std::filesystem::create_directories(records);  // no file
+  fs::remove_all(home_ / "Transfers");
+  fs::remove_all(home_ / "Defaults");
+  fs::create_directories(records);  // no file
   runTarn(home_, {"resume"});
   EXPECT_THAT(row(), HasSubstr("\"state\":\"pending\"")) << "nobody can tell";
-  std::filesystem::remove_all(home_ / "Defaults");
+  fs::remove_all(home_ / "Defaults");
   runTarn(home_, {"resume"});
   EXPECT_THAT(row(), HasSubstr("the engine ended before the download did"));
   EXPECT_EQ(runTarn(home_, {"retry", id()}).exitCode, 0);
@@ -173,7 +150,7 @@ TEST_F(DownloadsTest, ARefusalStaysOneWhenTheEngineThatRefusedIsGone) {
 
 TEST_F(DownloadsTest, ADamagedHistoryStopsNoCommandAndIsTold) {
   server_.serve("/clip.mp4", ServedFile::of(recording()));
-  std::filesystem::create_directory(home_);
+  fs::create_directory(home_);
   std::ofstream(home_ / "history.sqlite") << std::string(5000, 'x');
   const auto unread = runTarn(home_, {"downloads"});
   EXPECT_EQ(unread.exitCode, 1);

@@ -1,14 +1,5 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-
+#include "app/CommandTest.h"
 #include "app/Commands.h"
-#include "support/DamagedMovies.h"
-#include "support/FaultServer.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 // Commands on a disk that has no room left. It is a small file system in memory, in a name space of its own, so that
 // it goes with the last process there.
@@ -16,21 +7,14 @@
 namespace tarn::test {
 namespace {
 
-using testing::HasSubstr;
-
-class FullDiskTest : public testing::Test {
+class FullDiskTest : public CommandTest {
  protected:
   void SetUp() override {
-    std::filesystem::create_directory(disk_);
-    write(file_, damagedMovie("avc3 with avcC"));
+    fs::create_directory(disk_);
+    put(file_, damagedMovie("avc3 with avcC"));
     server_.serve("/clip.mp4", ServedFile::of(damagedMovie("avc3 with avcC")));
     const TarnResult probe = onDisk(64, "true");
     if (probe.exitCode != 0) GTEST_SKIP() << "this machine forbids a file system of one's own: " << probe.errors;
-  }
-
-  static void write(const Path& path, const Bytes& bytes) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   }
 
   /// Runs lines of a shell script where $disk is a file system of so many KiB, $file a recording that can be repaired,
@@ -43,15 +27,11 @@ class FullDiskTest : public testing::Test {
                           << "tarn() { '" << tarnCommand(place_.path(), {}).front() << "' \"$@\"; }\n"
                           << "mount -t tmpfs -o size=" << kib << "k tarn-test \"$disk\" || exit 99\n"
                           << lines << "\n";
-    ChildProgram shell({"/bin/sh", "-c", "exec unshare -Urm /bin/sh \"$1\"", "sh", script}, place_.path());
-    const int code = shell.wait();
-    return {code, shell.output(), shell.errors()};
+    return ended(startOther({"/bin/sh", "-c", "exec unshare -Urm /bin/sh \"$1\"", "sh", script}));
   }
 
-  TempDirectory place_;
   const Path disk_ = place_ / "disk";
   const Path file_ = place_ / "clip.mp4";
-  FaultServer server_;
 };
 
 TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLater) {

@@ -1,14 +1,7 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fstream>
 #include <sstream>
 
+#include "app/CommandTest.h"
 #include "platform/JSObject.h"
-#include "support/DamagedMovies.h"
-#include "support/FaultServer.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
@@ -27,12 +20,12 @@ for line in open(sys.argv[2]):
         print(line.strip()[:400], "\n   ", "; ".join(parts)[:600])
 )";
 
-class JSONTest : public testing::Test {
+class JSONTest : public CommandTest {
  protected:
   /// Runs a command with --json and keeps its lines. The result that each tells, in order.
   std::string run(std::vector<std::string> arguments, int exitCode = 0) {
     arguments.emplace_back("--json");
-    const TarnResult ended = runTarn(home_, arguments);
+    const TarnResult ended = CommandTest::run(arguments);
     EXPECT_EQ(ended.exitCode, exitCode) << arguments.front() << ": " << ended.output << ended.errors;
     lines_ += ended.output;
     std::istringstream lines(ended.output);
@@ -49,12 +42,7 @@ class JSONTest : public testing::Test {
     return results;
   }
 
-  std::string put(const std::string& name, const Bytes& bytes) {
-    const Path file = place_ / name;
-    std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return file;
-  }
+  std::string put(const std::string& name, const Bytes& bytes) { return CommandTest::put(place_ / name, bytes); }
 
   /// What of all the lines the schema does not permit.
   std::string violations() const {
@@ -62,18 +50,13 @@ class JSONTest : public testing::Test {
     std::ofstream(script) << validator;
     std::ofstream(all) << lines_;
     // The machine's own Python has the package; one that comes first in PATH may not.
-    ChildProgram program(
-        {"/bin/sh", "-c",
-         "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"", "sh",
-         script, JSON_SCHEMA, all},
-        place_.path());
-    const int code = program.wait();
-    return code == 0 ? program.output() : program.output() + program.errors();
+    const TarnResult told = ended(
+        startOther({"/bin/sh", "-c",
+                    "python3 -c 'import jsonschema' 2>/dev/null && exec python3 \"$@\"; exec /usr/bin/python3 \"$@\"",
+                    "sh", script, JSON_SCHEMA, all}));
+    return told.exitCode == 0 ? told.output : told.output + told.errors;
   }
 
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
-  FaultServer server_;
   std::string lines_;
 };
 

@@ -1,22 +1,13 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <tarn/engine.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <map>
 
+#include "app/CommandTest.h"
 #include "platform/JSObject.h"
 #include "platform/host/PosixFileManager.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
-#include "support/FaultServer.h"
-#include "support/MediaMaker.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 // The commands of the library, over a real home.
 
@@ -30,10 +21,7 @@ constexpr bool mustHavePosters = false;
 constexpr bool mustHavePosters = true;
 #endif
 
-namespace fs = std::filesystem;
-using testing::HasSubstr;
-
-class LibraryTest : public testing::Test {
+class LibraryTest : public CommandTest {
  protected:
   /// Puts a video into an album, as an earlier save did; returns its identifier.
   std::string keep(const std::string& album, const std::string& filename, const std::string& content) {
@@ -55,7 +43,7 @@ class LibraryTest : public testing::Test {
 
   TarnResult library(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "library");
-    return runTarn(home_, arguments);
+    return run(arguments);
   }
 
   void expectDone(const std::vector<std::string>& arguments, const std::vector<std::string>& files) {
@@ -64,8 +52,6 @@ class LibraryTest : public testing::Test {
     EXPECT_EQ(savedFiles(home_), files);
   }
 
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
   std::map<std::string, std::string> albums_;  ///< titles and identifiers
 };
 
@@ -164,8 +150,7 @@ TEST_F(LibraryTest, OpenShowsThePathOnTheDesktopOrPrintsIt) {
 // The engine of the home makes the change, whichever process that is.
 TEST_F(LibraryTest, ChangesGoThroughTheEngineOfAnotherProcess) {
   keep("Trips", "clip.mp4", contentOf(encodedVideo({})));
-  fs::create_directories(place_ / "web");
-  std::ofstream(place_ / "web/index.html") << "<!doctype html>";
+  put(place_ / "web/index.html", "<!doctype html>");
   ChildProgram server(tarnCommand(home_, {"serve", "--web", place_ / "web"}), place_.path());
   ASSERT_TRUE(eventually([&] { return server.output().find("token") != std::string::npos; })) << server.errors();
   expectDone({"rename", "clip.mp4", "sea.mp4"}, {"Trips/sea.mp4"});
@@ -215,11 +200,10 @@ class AlbumsLinkTest : public LibraryTest {
     std::vector<std::string> command{
         "/usr/bin/env", "-i", "HOME=" + user_.string(), tarn, "save", server_.url("/clip.mp4"), "--album", "Trips"};
     command.insert(command.end(), more.begin(), more.end());
-    ChildProgram child(command, place_.path());
-    EXPECT_EQ(child.wait(), 0) << child.errors();
+    const auto saved = ended(startOther(command));
+    EXPECT_EQ(saved.exitCode, 0) << saved.errors;
   }
 
-  FaultServer server_;
   const Path user_ = place_ / "user";
   const Path link_ = user_ / "My Videos/Tarn";
 };

@@ -1,21 +1,14 @@
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include "app/CommandTest.h"
 #include "platform/JSObject.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 // Several machines that repair into one folder. Each is a name space with a boot id of its own, and no lock shows one
 // of them what the other does.
@@ -23,12 +16,10 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
-class ManyMachinesTest : public testing::Test {
+class ManyMachinesTest : public CommandTest {
  protected:
   ManyMachinesTest() {
     fs::create_directories(in_ / "below");
@@ -59,7 +50,7 @@ class ManyMachinesTest : public testing::Test {
   }
 
   /// Runs the command on the machine of that number.
-  std::unique_ptr<ChildProgram> startOn(int machine, const std::vector<std::string>& words) const {
+  Child startOn(int machine, const std::vector<std::string>& words) const {
     const Path bootId = place_ / fmt::format("boot-{}", machine);
     std::ofstream(bootId) << fmt::format("0b5ae5d1-5f9e-4c3b-8f0e-{:012x}\n", machine);
     std::vector<std::string> command{"/usr/bin/unshare", "--mount", "--uts"};
@@ -68,7 +59,7 @@ class ManyMachinesTest : public testing::Test {
         "hostname \"$0\" && mount --bind \"$1\" /proc/sys/kernel/random/boot_id && shift && exec \"$@\"";
     command.insert(command.end(), {"/bin/sh", "-c", script, fmt::format("machine-{}", machine), bootId.string()});
     command.insert(command.end(), words.begin(), words.end());
-    return std::make_unique<ChildProgram>(command, place_.path());
+    return startOther(command);
   }
 
   /// Why there can be no machines here; empty if there can be.
@@ -77,7 +68,7 @@ class ManyMachinesTest : public testing::Test {
     return trial->wait() == 0 ? "" : "name spaces are forbidden here: " + trial->errors();
   }
 
-  std::unique_ptr<ChildProgram> start(int machine, bool isHeld = false) const {
+  Child start(int machine, bool isHeld = false) const {
     if (isHeld) std::ofstream(gate_) << "closed";
     return startOn(machine, repairCommand(place_ / fmt::format("home-{}", machine), isHeld));
   }
@@ -143,7 +134,6 @@ class ManyMachinesTest : public testing::Test {
     }
   }
 
-  const TempDirectory place_;
   const Path in_ = place_ / "in";
   const Path out_ = place_ / "out";
   const Path report_ = place_ / "report.jsonl";

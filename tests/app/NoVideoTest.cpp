@@ -1,22 +1,11 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 #include <regex>
 
-#include "support/DamagedMovies.h"
-#include "support/FaultServer.h"
-#include "support/MediaMaker.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
+#include "app/CommandTest.h"
 
 // What is no video is never called saved, by the real commands.
 
 namespace tarn::test {
 namespace {
-
-using testing::HasSubstr;
 
 const std::string pictures = "-f lavfi -i testsrc=size=64x48:rate=25:duration=1 ";
 
@@ -34,17 +23,13 @@ std::string outputOf(const std::string& command) {
   return contentOf(out);
 }
 
-class NoVideoTest : public testing::Test {
+class NoVideoTest : public CommandTest {
  protected:
   TarnResult save(const std::string& content, const std::string& name = "c.mp4", const Reply& reply = {}) {
     server_.serve("/" + name, ServedFile::of(Bytes(content.begin(), content.end())), {}, reply);
-    return runTarn(home_, {"save", server_.url("/" + name), "--album", "Trips"});
+    return run({"save", server_.url("/" + name), "--album", "Trips"});
   }
-  std::string library() { return runTarn(home_, {"library", "--json"}).output; }
-
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
-  FaultServer server_;
+  std::string library() { return run({"library", "--json"}).output; }
 };
 
 TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
@@ -89,7 +74,7 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
     const TarnResult repaired = runTarn(home_, {"repair", file, "-o", out});
     EXPECT_EQ(repaired.exitCode, 4) << words;
     EXPECT_THAT(repaired.errors, HasSubstr("it is " + local));
-    EXPECT_FALSE(std::filesystem::exists(out));
+    EXPECT_FALSE(fs::exists(out));
     const TarnResult inspected = runTarn(home_, {"inspect", file});
     EXPECT_THAT(inspected.output, testing::StartsWith("Broken: it is " + local + "\n"));
   }

@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -10,37 +8,26 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <thread>
 
+#include "app/CommandTest.h"
 #include "app/Commands.h"
 #include "app/RepairBatch.h"
 #include "app/RepairPlan.h"
 #include "engine/PrivateHome.h"
 #include "platform/JSObject.h"
 #include "platform/host/Descriptor.h"
-#include "support/DamagedMovies.h"
 #include "support/FailureOf.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 // The repair of many files, and of files in place.
 
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::HasSubstr;
-
-void write(const Path& path, std::string_view content) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << content;
-}
 
 std::string_view broken() {
   return textOf(damagedMovie("avc3 with avcC"));
@@ -67,14 +54,13 @@ std::set<std::string> namesBelow(const Path& directory) {
   return names;
 }
 
-class RepairBatchTest : public testing::Test {
+class RepairBatchTest : public CommandTest {
  protected:
   TarnResult repair(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "repair");
-    return runTarn(place_ / "home", arguments);
+    return run(arguments);
   }
 
-  TempDirectory place_;
   const Path in_ = place_ / "in";
   const Path out_ = place_ / "out";
 };
@@ -82,7 +68,7 @@ class RepairBatchTest : public testing::Test {
 TEST_F(RepairBatchTest, PlansWhichInputsBecomeWhichOutputs) {
   for (const char* name : {"a.mp4", "sub/a.MOV", "sub/b.m4a", "sub/notes.txt", "sub/b.m4a.orig", ".hidden.mp4",
                            ".trash/c.mp4", "done/old.mp4", "other/a.mp4"}) {
-    write(in_ / name, "x");
+    put(in_ / name, "x");
   }
   fs::create_symlink(in_ / "a.mp4", in_ / "link.mp4");
   fs::create_directory_symlink(in_ / "other", in_ / "sub" / "linked");
@@ -165,7 +151,7 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
     files[name] = i % 10 == 9  ? std::string_view("<html><title>Sign in</title></html>")
                   : i % 2 == 0 ? broken()
                                : healthy();
-    write(in_ / name, files[name]);
+    put(in_ / name, files[name]);
     ::chmod((in_ / name).c_str(), i % 2 == 0 ? 0640 : 0604);
     const timespec times[]{{1'000'000 + i, 5}, {1'000'000 + i, 123'456'789}};
     ASSERT_EQ(::utimensat(AT_FDCWD, (in_ / name).c_str(), times, 0), 0);
@@ -216,9 +202,9 @@ TEST_F(RepairBatchTest, ABatchThatIsKilledTwiceIsFinished) {
 
 TEST_F(RepairBatchTest, TheReportSaysOnceThatTheResultOfAFailedFileIsThere) {
   const Path input = in_ / "a.mp4", report = place_ / "report.jsonl";
-  write(input, healthy());
-  write(out_ / "a.mp4", healthy());
-  write(report, fmt::format("{{\"result\":\"failed\",\"input\":\"{}\"}}\n", input.string()));
+  put(input, healthy());
+  put(out_ / "a.mp4", healthy());
+  put(report, fmt::format("{{\"result\":\"failed\",\"input\":\"{}\"}}\n", input.string()));
   for (int run = 0; run < 2; ++run) {
     const auto result =
         repair({input.string(), "--output-dir", out_.string(), "--skip-done", "--report", report.string()});
@@ -231,8 +217,8 @@ TEST_F(RepairBatchTest, TheReportSaysOnceThatTheResultOfAFailedFileIsThere) {
 
 TEST_F(RepairBatchTest, AResultIsDoneOnAFileSystemOfCoarserTimesToo) {
   const Path input = in_ / "a.mp4", output = out_ / "a.mp4";
-  write(input, "x");
-  write(output, "y");
+  put(input, "x");
+  put(output, "y");
   const auto isDoneAt = [&](timespec read, timespec written) {
     for (const auto& [path, time] : {std::pair(input, read), std::pair(output, written)}) {
       const std::array<timespec, 2> times{time, time};
@@ -272,8 +258,8 @@ TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
 
 TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   const Path file = in_ / "a.mp4", original = in_ / "a.mp4.orig", good = in_ / "b.mp4";
-  write(file, broken());
-  write(good, healthy());
+  put(file, broken());
+  put(good, healthy());
   ::chmod(file.c_str(), 0751);
   const bool hasAttributes = ::setxattr(file.c_str(), "user.place", "here", 4, 0) == 0;
   const bool isRoot = ::geteuid() == 0 && ::chown(file.c_str(), 1234, 5678) == 0;
@@ -303,7 +289,7 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   EXPECT_EQ(repair({"--in-place", file.string()}).exitCode, 0);
   EXPECT_EQ(contentOf(file), mended);
   fs::remove(file);
-  write(file, broken());
+  put(file, broken());
   const TarnResult refused = repair({"--in-place", file.string()});
   EXPECT_EQ(refused.exitCode, 4);
   EXPECT_THAT(refused.errors, HasSubstr("a.mp4.orig is there already"));
@@ -311,8 +297,8 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   EXPECT_EQ(repair({"--in-place", "--no-backup", file.string()}).exitCode, 0);
   EXPECT_EQ(contentOf(file), mended);
   const Path sound = in_ / "c.mp4";
-  write(sound, textOf(damagedMovie("a gap in the sound")));
-  write(in_ / "c.mp4.orig", "another file");
+  put(sound, textOf(damagedMovie("a gap in the sound")));
+  put(in_ / "c.mp4.orig", "another file");
   const TarnResult early = repair({"--verbose", "--in-place", sound.string()});
   EXPECT_EQ(early.exitCode, 4);
   EXPECT_THAT(early.errors, HasSubstr("c.mp4.orig is there already"));
@@ -323,7 +309,7 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
   // A kill between the link and the new file.
   fs::remove(original);
   fs::remove(file);
-  write(file, broken());
+  put(file, broken());
   fs::create_hard_link(file, original);
   EXPECT_EQ(repair({"--in-place", "--skip-done", file.string()}).exitCode, 0);
   EXPECT_EQ(contentOf(file), mended);
@@ -332,7 +318,7 @@ TEST_F(RepairBatchTest, InPlaceTheOldFileIsKeptAndAHealthyOneIsNotTouched) {
 
 TEST_F(RepairBatchTest, InPlaceLinksAreRefused) {
   const Path file = in_ / "a.mp4", soft = in_ / "soft.mp4", hard = in_ / "hard.mp4";
-  write(file, broken());
+  put(file, broken());
   fs::create_symlink(file, soft);
   EXPECT_EQ(repair({"--in-place", soft.string()}).exitCode, 4);
   fs::create_hard_link(file, hard);
@@ -344,8 +330,8 @@ TEST_F(RepairBatchTest, InPlaceLinksAreRefused) {
 
 TEST_F(RepairBatchTest, NothingIsPutBehindAVideoThatIsNamedAsTheReport) {
   const Path file = in_ / "a.mp4", forgotten = in_ / "b.mp4";
-  write(file, broken());
-  write(forgotten, healthy());
+  put(file, broken());
+  put(forgotten, healthy());
   EXPECT_EQ(repair({"--in-place", "--report", forgotten.string(), file.string()}).exitCode, 2);
   EXPECT_EQ(contentOf(forgotten), healthy());
   EXPECT_EQ(contentOf(file), broken());
@@ -353,15 +339,11 @@ TEST_F(RepairBatchTest, NothingIsPutBehindAVideoThatIsNamedAsTheReport) {
 
 TEST_F(RepairBatchTest, StandardInputAndOutput) {
   const Path file = in_ / "a.mp4", result = place_ / "result.mp4", scratch = place_ / "scratch";
-  write(file, textOf(damagedMovie("AC-3 sound")));
+  put(file, textOf(damagedMovie("AC-3 sound")));
   fs::create_directory(scratch);
   ASSERT_EQ(repair({file.string(), "-o", result.string()}).exitCode, 0);
   const auto sh = [&](const std::string& script) {
-    ChildProgram shell(
-        {"/bin/sh", "-c", script, tarnCommand(place_.path(), {}).front(), file.string(), scratch.string()},
-        place_.path());
-    const int code = shell.wait();
-    return TarnResult{code, shell.output(), shell.errors()};
+    return ended(startOther({"/bin/sh", "-c", script, tarnCommand(home_, {}).front(), file, scratch}));
   };
   const TarnResult piped = sh("cat \"$1\" | \"$0\" repair - --scratch \"$2\" -o - | cat");
   EXPECT_TRUE(piped.output == contentOf(result)) << piped.errors;

@@ -1,30 +1,20 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <tarn/repair.h>
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
+#include "app/CommandTest.h"
 #include "engine/PlacingStep.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
 #include "support/FlashBeep.h"
-#include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-class RepairTest : public testing::Test {
+class RepairTest : public CommandTest {
  protected:
   RepairTest() { fs::create_directory(out_.parent_path()); }
 
@@ -36,7 +26,7 @@ class RepairTest : public testing::Test {
   TarnResult repair(const Path& in, const Path& out, const std::vector<std::string>& more = {}) {
     std::vector<std::string> arguments{"repair", in.string(), "-o", out.string()};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    return runTarn(place_ / "home", arguments);
+    return run(arguments);
   }
 
   /// No file but these stands where the result goes, hidden ones counted.
@@ -44,36 +34,11 @@ class RepairTest : public testing::Test {
     return static_cast<size_t>(std::distance(fs::directory_iterator(out_.parent_path()), fs::directory_iterator()));
   }
 
-  /// A repair of a file so big that it can be disturbed, once its work has begun.
-  std::unique_ptr<ChildProgram> startLongRepair(uint64_t size = 0x6000000) {
-    write(damagedMovie("hev1 with an empty hvcC"));
-    std::ofstream(in_, std::ios::app) << std::string("\6\0\0\0free", 8);
-    fs::resize_file(in_, source_.size() + size);
-    const auto command = tarnCommand(place_ / "home", {"repair", in_.string(), "-o", out_.string()});
-    auto tarn = std::make_unique<ChildProgram>(command, place_.path());
-    eventually([&] { return filesBesideOut() > 0; });
-    return tarn;
-  }
-
-  TempDirectory place_;
   PosixFileManager files_{place_.path()};
   const Path in_ = place_ / "clip.mp4";
   const Path out_ = place_ / "out" / "fixed.mp4";
   std::string source_;
 };
-
-TEST_F(RepairTest, SaysWhatItLeavesAsItIs) {
-  for (const auto& [name, words] :
-       {std::pair("no sets anywhere", "neither the file's header nor its pictures"), std::pair("encv", "encrypted")}) {
-    write(damagedMovie(name));
-    std::ofstream(out_) << "old";
-    auto left = repair(in_, out_);
-    EXPECT_EQ(left.exitCode, 0) << left.errors;
-    EXPECT_EQ(contentOf(out_), source_);
-    EXPECT_NE(left.output.find(words), std::string::npos) << left.output;
-    EXPECT_EQ(left.lastLine(), out_.string());
-  }
-}
 
 TEST_F(RepairTest, AMovieWhoseMoovIsLostIsRebuiltLikeAHealthyOne) {
   const Path whole = damagedFlashBeepClip(6, 2, {}), healthy = damagedFlashBeepClip(4, 2, {});
@@ -175,26 +140,16 @@ TEST_F(RepairTest, RefusesEndsThatAreNotSafe) {
   EXPECT_EQ(probeVideo(out_, "codec_tag_string"), "avc1");
 }
 
-TEST_F(RepairTest, AKillLeavesTheResultWholeOrNotAtAll) {
-  for (int delay : {0, 60, 300}) {
-    fs::remove(out_);
-    auto tarn = startLongRepair();
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-    tarn->signal(SIGKILL);
-    tarn->wait();
-    EXPECT_EQ(fs::file_size(in_), source_.size() + 0x6000000);
-    EXPECT_TRUE(!fs::exists(out_) || probeVideo(out_, "codec_tag_string") == "hvc1");
-    write(damagedMovie("hev1 with an empty hvcC"));
-    EXPECT_EQ(repair(in_, out_).exitCode, 0);
-    EXPECT_EQ(filesBesideOut(), 1u) << "what the killed process has left";
-  }
-}
-
 TEST_F(RepairTest, AnInterruptLeavesNothing) {
+  // A file so big that its repair can be disturbed once its work has begun.
+  write(damagedMovie("hev1 with an empty hvcC"));
+  std::ofstream(in_, std::ios::app) << std::string("\x40\0\0\0free", 8);
+  fs::resize_file(in_, source_.size() + 0x40000000);
   for (int number : {SIGINT, SIGTERM}) {
-    auto tarn = startLongRepair(0x40000000);
-    tarn->signal(number);
-    EXPECT_EQ(tarn->wait(), 130) << tarn->errors();
+    ChildProgram tarn(tarnCommand(place_ / "home", {"repair", in_.string(), "-o", out_.string()}), place_.path());
+    EXPECT_TRUE(eventually([&] { return filesBesideOut() > 0; }));
+    tarn.signal(number);
+    EXPECT_EQ(tarn.wait(), 130) << tarn.errors();
     EXPECT_FALSE(fs::exists(out_));
     // A SIGTERM leaves it a second for that; then the next start does it.
     if (number == SIGTERM) repair(place_ / "missing.mp4", out_);

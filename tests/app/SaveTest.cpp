@@ -1,27 +1,15 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 
+#include "app/CommandTest.h"
 #include "platform/host/PosixFileManager.h"
-#include "support/DamagedMovies.h"
-#include "support/Eventually.h"
-#include "support/FaultServer.h"
 #include "support/FlashBeep.h"
-#include "support/MediaMaker.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
-
-const Bytes& recording() {
-  return damagedMovie("avc3 with avcC");
-}
 
 /// The recording as it must come out.
 std::string repaired() {
@@ -30,7 +18,7 @@ std::string repaired() {
   return text;
 }
 
-class SaveTest : public testing::Test {
+class SaveTest : public CommandTest {
  protected:
   TarnResult save() { return runTarn(home_, saveArguments_); }
 
@@ -43,26 +31,23 @@ class SaveTest : public testing::Test {
   uint64_t partialBytes() {
     uint64_t size = 0;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(home_ / "Transfers", ignored)) {
+    for (const auto& entry : fs::directory_iterator(home_ / "Transfers", ignored)) {
       if (entry.path().extension() == ".part") size += entry.file_size(ignored);
     }
     return size;
   }
 
   /// A save whose transfer is held in its middle.
-  std::unique_ptr<ChildProgram> startHeldSave(const Reply& afterwards = {}) {
-    std::filesystem::remove_all(home_);
+  Child startHeldSave(const Reply& afterwards = {}) {
+    fs::remove_all(home_);
     const uint64_t held = recording().size() / 4;
     server_.serve("/clip.mp4", ServedFile::of(recording()), {{.stallAfter = held}}, afterwards);
-    auto tarn = std::make_unique<ChildProgram>(tarnCommand(home_, saveArguments_), place_.path());
+    auto tarn = start(saveArguments_);
     EXPECT_TRUE(eventually([&] { return partialBytes() == held; }));
     return tarn;
   }
 
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
   const Path saved_ = home_ / "Photos/Trips/clip.mp4";
-  FaultServer server_;
   const std::vector<std::string> saveArguments_{"save", server_.url("/clip.mp4"), "--album", "Trips"};
 };
 
@@ -98,50 +83,8 @@ TEST_F(SaveTest, AResumeThatFailsNamesTheVideoAndSaysWhatToDo) {
   EXPECT_NE(result.errors.find("Check the address"), std::string::npos) << result.errors;
 }
 
-TEST_F(SaveTest, AnInterruptKeepsTheTransferAndLeavesWith130) {
-  for (int number : {SIGTERM, SIGINT}) {
-    auto tarn = startHeldSave();
-    tarn->signal(number);
-    EXPECT_EQ(tarn->wait(), 130) << tarn->errors();
-    EXPECT_EQ(runTarn(home_, {"resume"}).exitCode, 0);
-    expectSavedOnce();
-    EXPECT_EQ(contentOf(saved_), repaired());
-  }
-}
-
-TEST_F(SaveTest, ASaveEndsInItsAlbumOrSaysWhyNot) {
-  const std::string clip = "/%F0%9F%8E%AC%20day%0A1";
-  server_.serve(clip, ServedFile::of(recording()));
-  struct Row {
-    std::string path, album;
-    std::vector<std::string> more;
-    std::string saved;
-    std::string words = {};  ///< of a failure
-  };
-  const Row rows[] = {
-      {clip, "Trips", {}, "Trips/🎬 day_1.mp4"},
-      {clip, "🎄", {"--filename", "clip.mp4"}, "🎄/clip.mp4"},
-      {clip, "a/../../b", {"--filename", "clip.mp4"}, "a_.._.._b/clip.mp4"},
-      {"/missing.mp4", "Trips", {}, "", "HTTP status 404"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.saved + row.words);
-    std::filesystem::remove_all(home_);
-    std::vector<std::string> arguments{"save", server_.url(row.path), "--album", row.album};
-    arguments.insert(arguments.end(), row.more.begin(), row.more.end());
-    auto result = runTarn(home_, arguments);
-    EXPECT_EQ(result.exitCode, row.saved.empty() ? 1 : 0);
-    EXPECT_NE(result.errors.find(row.words), std::string::npos) << result.errors;
-    const auto saved = savedFiles(home_);
-    EXPECT_EQ(saved.empty() ? "" : saved[0], row.saved);
-    const std::string listed = runTarn(home_, {"library", "--json"}).output;
-    EXPECT_EQ(listed.find("\"album\":\"" + row.album + '"') == std::string::npos, saved.empty()) << listed;
-    EXPECT_EQ(leftIn(home_), "");
-  }
-}
-
 TEST_F(SaveTest, TasksThatNothingStandsBehindAreNotWaitedFor) {
-  std::filesystem::create_directories(home_ / "Defaults");
+  fs::create_directories(home_ / "Defaults");
   std::ofstream(home_ / "Defaults/ActiveDownloads")
       << R"([{"id":1,"url":"u","status":"downloading"},{"id":2,"url":"u","status":"processing"},)"
       << R"({"id":3,"url":"u","status":"stopped"}])";
@@ -151,13 +94,13 @@ TEST_F(SaveTest, TasksThatNothingStandsBehindAreNotWaitedFor) {
 }
 
 TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
-  std::filesystem::create_directories(home_ / "Documents");
+  fs::create_directories(home_ / "Documents");
   const std::string video(textOf(recording()));
   std::ofstream(home_ / "Documents/clip.mp4") << video;
   const Path records = home_ / "Defaults/com.sorrel.capacitor.downloader.processingStates";
-  std::filesystem::create_directories(records);  // no file
+  fs::create_directories(records);  // no file
   const auto unread = runTarn(home_, {"resume"});
-  std::filesystem::remove(records);
+  fs::remove(records);
   std::ofstream(records) << R"([1,{"fileURL":"file://)" << home_.string() << R"(/Documents/clip.mp4"}])";
   const auto damaged = runTarn(home_, {"resume"});
   EXPECT_EQ(unread.exitCode, 1);
@@ -171,14 +114,14 @@ TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
 }
 
 TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
-  using std::filesystem::perms;
+  using fs::perms;
   server_.serve("/clip.mp4?token=letmein", ServedFile::of(recording()));
   std::string url = server_.url("/clip.mp4?token=letmein");
   url.insert(url.find("127"), "user:secret@");
-  const auto mode = [](const Path& path) { return std::filesystem::status(path).permissions(); };
+  const auto mode = [](const Path& path) { return fs::status(path).permissions(); };
   const Path open = place_ / "open";
-  std::filesystem::create_directory(open);
-  std::filesystem::permissions(open, perms(0755));
+  fs::create_directory(open);
+  fs::permissions(open, perms(0755));
   for (const Path& home : {home_, open}) {
     const auto good = runTarn(home, {"save", url, "--album", "Trips"});
     EXPECT_EQ(good.exitCode, 0) << good.errors;
@@ -232,7 +175,7 @@ TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {
 }
 
 Bytes contentsOf(const Path& file) {
-  PosixFileManager files{std::filesystem::temp_directory_path()};
+  PosixFileManager files{fs::temp_directory_path()};
   return readFile(files, file);
 }
 
@@ -276,7 +219,7 @@ class KillSweep : public SaveTest, public testing::WithParamInterface<Road> {
     size_t kills = 0;
     for (size_t number = 1; !HasFailure(); number += stride, ++kills) {
       SCOPED_TRACE(std::string("killed at ") + what + " " + std::to_string(number));
-      std::filesystem::remove_all(home_);
+      fs::remove_all(home_);
       ChildProgram child({KILLED_SAVE_BINARY, home_.string(), server_.url("/clip.mp4"), what, std::to_string(number)},
                          place_.path());
       const int code = child.wait();
@@ -310,7 +253,12 @@ class KillSweep : public SaveTest, public testing::WithParamInterface<Road> {
 TEST_P(KillSweep, NothingIsLostWhereverTheProcessDies) {
   server_.serve("/clip.mp4", ServedFile::of(GetParam().recording()));
   ASSERT_EQ(save().exitCode, 0);
-  std::filesystem::copy_file(saved_, undisturbed_);
+  fs::copy_file(saved_, undisturbed_);
+  // 67 ms are a light gap in seven minutes, for which packets alone suffice; three silent ones come nearest.
+  for (const Beat& beat : GetParam().name == std::string_view("FastPath") ? beats(saved_) : std::vector<Beat>()) {
+    const double moved = beat.flash < 210.5 ? 0 : 3 * 1024 / 48000.0;
+    EXPECT_TRUE(beat.flash < 1 || std::abs(beat.beepAfter - moved) < 0.002) << beat.flash << " " << beat.beepAfter;
+  }
   const size_t stride = strideOf(GetParam());
   const size_t changes = sweep("change", stride);
   const size_t recipes = sweep("recipe", 1);

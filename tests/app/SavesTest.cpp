@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -8,35 +6,23 @@
 
 #include <array>
 #include <cstdlib>
-#include <fstream>
 
+#include "app/CommandTest.h"
 #include "app/Commands.h"
 #include "app/SaveList.h"
 #include "app/Terminal.h"
 #include "app/TransferArguments.h"
 #include "platform/JSObject.h"
 #include "platform/host/Descriptor.h"
-#include "support/DamagedMovies.h"
-#include "support/FaultServer.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-using testing::HasSubstr;
-
-class SavesTest : public testing::Test {
+class SavesTest : public CommandTest {
  protected:
-  TarnResult run(const std::vector<std::string>& arguments) { return runTarn(home_, arguments); }
-
   void serve(const std::string& path, const Reply& reply = {}) {
     server_.serve(path, ServedFile::of(damagedMovie("avc1")), {}, reply);
   }
-
-  TempDirectory place_;
-  const Path home_ = place_ / "home";
-  FaultServer server_;
 };
 
 TEST_F(SavesTest, AFailureSaysWhatToDoByItsKind) {

@@ -12,8 +12,6 @@
 #include "mp4/DataExtensions.h"
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
-#include "support/FailureOf.h"
-#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 #include "support/SyntheticMovie.h"
 
@@ -330,16 +328,6 @@ TEST_F(AudioAnalysis, TellsTimesAsPlayersShowThem) {
   const std::pair<double, std::string> cases[] = {
       {-1, "0:00"}, {61.9, "1:01"}, {3599.9, "59:59"}, {3600, "1:00:00"}, {3723, "1:02:03"}};
   for (const auto& [seconds, text] : cases) EXPECT_EQ(clockText(seconds), text);
-}
-
-TEST_F(AudioAnalysis, IsNotMadeOfWhatCannotBeRead) {
-  clip_.write(syntheticMovie({pictures(), sound({{9, packet}, {1, 9 * packet}, {9, packet}}, {{100, 1024}})}));
-  FaultyFileManager faulty(clip_.files);
-  const uint64_t faults = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-    const bool isDecided = failureOf([&] { decideAudioRepair(faulty, clip_.asset.url()); }).empty();
-    EXPECT_NE(isDecided, faulty.fired()) << "call " << call;
-  });
-  EXPECT_GT(faults, 100u);
 }
 
 }  // namespace

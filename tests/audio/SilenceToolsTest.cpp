@@ -5,7 +5,6 @@
 #include <set>
 
 #include "audio/CMSampleBufferHelpers.h"
-#include "audio/transcode/AudioFades.h"
 #include "audio/transcode/NoiseTable.h"
 #include "audio/transcode/PCMBufferPool.h"
 #include "support/LogCapture.h"
@@ -49,33 +48,6 @@ TEST(ShapedSilence, LeadsFromOneNeighbourThroughNoiseToTheOther) {
     if (frames < 5000) continue;
     EXPECT_GE(noise.size(), std::min(2U * static_cast<unsigned>(loudest), 1000U));
     EXPECT_GE(*noise.rbegin(), 1.8 * loudest - 1) << "the table fills the range";
-  }
-}
-
-TEST(AudioFades, RiseFromSilenceAndFallToIt) {
-  for (int frames : {1, 2, 3, 1439, 1440, 1441, 8192}) {
-    SCOPED_TRACE(frames);
-    Samples source;
-    for (int i = 0; i < frames; ++i) source.insert(source.end(), {20000, -32768});
-    auto in = pcmBuffer(source, 2), out = in;
-    applyFadeIn(in, 1440);
-    applyFadeOut(out, 1440);
-    const Samples rising = samplesOf(in), falling = samplesOf(out);
-    const auto last = static_cast<size_t>(std::min(1440, frames) - 1) * 2;
-    EXPECT_TRUE(std::equal(rising.begin() + static_cast<ptrdiff_t>(last), rising.end(), source.begin()));
-    if (frames == 1) continue;
-    EXPECT_EQ(rising.front(), 0);
-    EXPECT_LE(largestStep(rising, 2), 2 * 32768 * 1.6 / static_cast<double>(last) + 2);
-    for (size_t i = 0; i < rising.size(); ++i) ASSERT_EQ(falling[i], rising[(rising.size() - i - 1) ^ 1]) << i;
-  }
-}
-
-TEST(PCMBuffers, LoseFramesAtTheHead) {
-  const std::pair<int64_t, Samples> rows[] = {{-1, {1, 2, 3, 4}}, {0, {1, 2, 3, 4}}, {1, {3, 4}}, {2, {}}, {3, {}}};
-  for (const auto& [frames, left] : rows) {
-    auto buffer = pcmBuffer(Samples{1, 2, 3, 4}, 2);
-    dropFramesFromHead(buffer, frames);
-    EXPECT_EQ(samplesOf(buffer), left) << frames;
   }
 }
 

@@ -66,6 +66,7 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
       {"a gap without a length", {.gaps = {AudioGap{}}}, 1, {8192}, {0, 0, 1}},
       {"an overlap", {.overlaps = {overlap(8192, 1000)}}, 2, {8192, 7192}, {0, 1000, 0, 1}},
       {"an overlap of a whole buffer", {.overlaps = {overlap(8192, 9000)}}, 3, {8192, 8192}, {0, 8192, 0, 1}},
+      {"an overlap that leaves a frame", {.overlaps = {overlap(8192, 8191)}}, 2, {8192, 1}, {0, 8191, 0, 1}},
       {"of two overlaps the first", {.overlaps = {overlap(9, 10), overlap(10, 500)}}, 1, {8182}, {0, 10, 0, 2}},
       {"both", {.gaps = {gap(99, 0.1)}, .overlaps = {overlap(99, 50)}}, 2, {4800, 8192, 8192}, {4800, 0, 1, 0}},
       {"a cap inside a buffer", {.cap = 0.25, .expectedSamples = 12000}, 9, {8192, 3808}},

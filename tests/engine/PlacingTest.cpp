@@ -9,32 +9,18 @@
 #include "engine/KeptAttributes.h"
 #include "engine/PrivateHome.h"
 #include "platform/Error.h"
+#include "support/AnotherUser.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-/// Takes root its rights over files for a while: it then works as an ordinary user does.
-class OrdinaryUser {
- public:
-  static constexpr uid_t nobody = 65534;
-  OrdinaryUser() : isChanged_(::geteuid() == 0 && ::seteuid(nobody) == 0) {}
-  ~OrdinaryUser() {
-    if (isChanged_ && ::seteuid(0) != 0) ADD_FAILURE() << "root is lost";
-  }
-  OrdinaryUser(const OrdinaryUser&) = delete;
-  OrdinaryUser& operator=(const OrdinaryUser&) = delete;
-
- private:
-  const bool isChanged_;
-};
-
 TEST(PlacingTest, AFileThatItsOwnerMayOnlyReadKeepsItsAttributesToo) {
   const TempDirectory place;
   if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(place.path().c_str(), OrdinaryUser::nobody, static_cast<gid_t>(-1)), 0);
+    ASSERT_EQ(::chown(place.path().c_str(), AnotherUser::nobody, static_cast<gid_t>(-1)), 0);
   }
-  const OrdinaryUser user;
+  const AnotherUser user;
   const Path source = place / "source", target = place / "target";
   std::ofstream(source) << "x";
   std::ofstream(target) << "y";

@@ -1,26 +1,34 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <map>
 #include <random>
 
+#include "audio/AudioRepairDecision.h"
 #include "engine/Repair.h"
+#include "fragments/CutMovie.h"
 #include "fragments/FragmentsStep.h"
 #include "inspect/InspectionJSON.h"
 #include "inspect/InspectionPlot.h"
 #include "inspect/InspectionText.h"
+#include "kind/Kind.h"
+#include "media/AVAsset.h"
 #include "platform/Capacitor.h"
+#include "presentation/Presentation.h"
 #include "remux/RemuxStep.h"
+#include "remux/VideoPlan.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
+#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/RunRecorder.h"
+#include "support/SyntheticMovie.h"
 #include "support/TarnProcess.h"
+#include "sync/MP4AVSyncFixer.h"
 
 namespace tarn::test {
 namespace {
@@ -291,6 +299,37 @@ TEST_F(InspectTest, AnswersForAnyDamage) {
       EXPECT_EQ(refusal, promise.remux.kind == Remux::refuses ? promise.remux.reason : "");
       EXPECT_EQ(written() != ahead, promise.remux.changesFile);
     }
+  }
+}
+
+/// Whoever looks at a movie fails when it cannot be read: no box counts as missing then, and no file as healthy.
+TEST_F(InspectTest, NobodyTakesWhatCannotBeReadForWhatIsNotThere) {
+  const Bytes plain = damagedMovie("B-frames and sound");
+  const SyntheticTrack sound{.stts = {{9, 1024}, {1, 9216}, {9, 1024}}, .edits = {{100, 1024}}, .samples = 19};
+  const Bytes few = syntheticMovie({{.handler = "vide", .stts = {{9, 3600}}, .samples = 9}, sound});
+  const auto track = AVAsset(files_, write(few)).tracks(AVMediaType::audio).at(0);
+  using Look = std::function<bool(FileManager&)>;
+  const std::tuple<const char*, Bytes, Look> rows[] = {
+      {"kind", plain, [&](auto& files) { return kindOf(files, file_).what == Kind::What::plainMovie; }},
+      {"its end", damagedMovie("cut off"), [&](auto& files) { return isCutOff(files, file_); }},
+      {"fragments", plain, [&](auto& files) { return !isFragmented(files, file_); }},
+      {"presentation", plain, [&](auto& files) { return Presentation::readIfPossible(files, file_, "").has_value(); }},
+      {"video", damagedMovie("avc1"), [&](auto& files) { return planVideo(files, file_).has_value(); }},
+      {"videos", damagedMovie("HEVC of two sizes"), [&](auto& files) { return planVideo(files, file_).has_value(); }},
+      {"lists", plain, [&](auto& files) { return MP4AVSyncFixer::readOriginalSyncInfo(files, file_), true; }},
+      {"sound", few, [&](auto& files) { return decideAudioRepair(files, file_), true; }},
+      {"tracks", few, [&](auto& files) { return !AVAsset(files, file_).tracks(AVMediaType::audio).empty(); }},
+      {"samples", few, [&](auto& files) { return AVAsset(files, file_).compressedSamples(track) != nullptr; }},
+  };
+  FaultyFileManager faulty(files_);
+  for (const auto& [name, movie, look] : rows) {
+    write(movie);
+    const uint64_t reads = faulty.sweep({.among = {FileOperation::read}}, [&, name = name, look = look](uint64_t call) {
+      bool isDone = false;
+      failureOf([&] { isDone = look(faulty); });
+      EXPECT_NE(isDone, faulty.fired()) << name << " at call " << call;
+    });
+    EXPECT_GT(reads, 3U) << name;
   }
 }
 

@@ -1,7 +1,6 @@
 #include "kind/Kind.h"
 #include "platform/memory/InMemoryFileManager.h"
 #include "support/BoxBuilder.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 
@@ -172,8 +171,6 @@ TEST_F(KindTest, SentencesForPeople) {
   };
   const std::string page = "<!DOCTYPE html>\n<html><head><title>";
   const Case cases[] = {
-      {"", "clip.mp4 is empty: download it again"},
-      {page + "Sign in</title>", "clip.mp4 is a web page (\"Sign in\"): the address needs a login"},
       {page + "Cats &amp; &#x64;ogs</title>",
        "clip.mp4 is a web page (\"Cats & dogs\"): give the address of the video itself"},
       {"<html><body><form><input type=\"password\"></form>", "clip.mp4 is a web page: the address needs a login"},
@@ -184,46 +181,18 @@ TEST_F(KindTest, SentencesForPeople) {
        "clip.mp4 is a web page (\"a [31m bc\"): give the address of the video itself"},
       {page + std::string(58, 'x') + "\xC3\xA4\xC3\xA4</title>",
        "clip.mp4 is a web page (\"" + std::string(58, 'x') + "\xC3\xA4...\"): give the address of the video itself"},
-      {"#EXTM3U\n#EXT-X-VERSION:3\n", "clip.mp4 is a playlist: give the address of the video itself"},
-      {"<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\"/>",
-       "clip.mp4 is a playlist (of a stream): give the address of the video itself"},
       {"<?xml version=\"1.0\"?><Error><Code>AccessDenied</Code></Error>",
        "clip.mp4 is an XML document: give the address of the video itself"},
-      {"{\"error\": 1}", "clip.mp4 is JSON text: give the address of the video itself"},
-      {"\x1F\x8B\x08\0\0\0\0\0"s, "clip.mp4 is compressed with gzip: unpack it first"},
       {"PK\x03\x04\x14\0"s, "clip.mp4 is a zip archive: unpack it first"},
       {std::string(2000, '\0'), "clip.mp4 is nothing but zeros where it begins: download it again"},
       {"Not found, sorry.",
        "clip.mp4 is no video (ASCII text, with no line terminators): "
        "give the address of the video itself"},
-      {"\0\0\0\x14"
-       "ftypisom\0\0\2\0isom\0\0\0\x08mdat"s,
-       "clip.mp4 is a movie whose moov, the index of its media, is missing: download it again, or rebuild it with "
-       "`tarn repair --like` and a healthy recording"},
   };
   for (const auto& [content, sentence] : cases) {
     writeFileAtomically(files_, file_, bytesOf(content));
     EXPECT_EQ(whyNoPlayerShows(files_, file_, "clip.mp4").value_or("it is media"), sentence);
   }
-}
-
-// A disk that fails is not taken for damage of the file, which nobody would then try to save again.
-TEST_F(KindTest, FailingReads) {
-  FaultyFileManager faulty(files_);
-  const Path clip = write(movie());
-  int failures = 0;
-  bool fired = true;
-  for (uint64_t call = 1; fired; ++call) {
-    faulty.arm({.call = call, .among = {FileOperation::open, FileOperation::read}});
-    try {
-      EXPECT_EQ(kindOf(faulty, clip).what, What::plainMovie) << call;
-    } catch (const PosixError& error) {
-      EXPECT_EQ(error.code(), EIO);
-      ++failures;
-    }
-    fired = faulty.fired();
-  }
-  EXPECT_GT(failures, 5);
 }
 
 // What only looks like media at first sight is none.

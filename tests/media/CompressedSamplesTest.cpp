@@ -4,7 +4,6 @@
 #include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/FailureOf.h"
-#include "support/FaultyFileManager.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
@@ -137,26 +136,6 @@ TEST(CompressedSamples, EditsThatRepeatWithoutEndAreRefused) {
   EXPECT_EQ(walk(Clip(syntheticMovie({sound}))).failure, "elst shows the media too often");
   sound.edits.resize(3);
   EXPECT_EQ(walk(Clip(syntheticMovie({sound}))).count, 300'000u);
-}
-
-// An edit list that cannot be read is not one that is missing: all times would be others.
-TEST(CompressedSamples, AreNotMadeOfTablesThatCannotBeRead) {
-  const SyntheticTrack sound{
-      .sampleEntry = aacSampleEntry(48000, 2, {0x11, 0x90}), .stts = {{9, 1024}}, .edits = {{100, 1024}}, .samples = 9};
-  Clip clip(syntheticMovie({sound}));
-  const AVAssetTrack track = clip.track();
-  FaultyFileManager faulty(clip.files);
-  const AVAsset asset(faulty, clip.asset.url());
-  const Fault fault{.among = {FileOperation::read}};
-  const uint64_t faults = faulty.sweep(fault, [&](uint64_t call) {
-    const bool areThere = failureOf([&] { asset.compressedSamples(track); }).empty();
-    EXPECT_NE(areThere, faulty.fired()) << "call " << call;
-  });
-  EXPECT_GT(faults, 10u);
-  faulty.sweep(fault, [&](uint64_t call) {
-    const bool areThere = !asset.tracks(AVMediaType::audio).empty();
-    EXPECT_NE(areThere, faulty.fired()) << "call " << call;
-  });
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/Error.h"
 #include "platform/UserDefaults.h"

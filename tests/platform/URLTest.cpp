@@ -3,6 +3,7 @@
 #include <sstream>
 #include <utility>
 
+#include "platform/DateText.h"
 #include "platform/URL.h"
 
 namespace tarn {
@@ -53,6 +54,16 @@ TEST(URL, losesItsSecretsInTextsAndNothingElse) {
       {"", ""},
   };
   for (const auto& [text, safe] : rows) EXPECT_EQ(withoutSecrets(text), safe);
+}
+
+TEST(DateText, isReadAsItWasWrittenAndNothingElseIs) {
+  const Date date{std::chrono::seconds(1'714'566'600)};
+  EXPECT_EQ(dateText(date + std::chrono::milliseconds(999)), "2024-05-01T12:30:00Z");
+  EXPECT_EQ(dateOfText("2024-05-01T12:30:00Z"), date);
+  for (const char* text :
+       {"", "yesterday", "2024-05-01", "2024-05-01T12:30:00", "2024-05-01T12:30:00Z+02:00", "2023-02-31T12:30:00Z"}) {
+    EXPECT_EQ(dateOfText(text), Date{}) << text;
+  }
 }
 
 }  // namespace

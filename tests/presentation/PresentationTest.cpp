@@ -200,22 +200,5 @@ TEST_F(PresentationTest, ManySamplesAndManyEditsTakeNoMoreThanTheirTables) {
   EXPECT_EQ(shown.locations.sizeOf(399999), 1U);
 }
 
-TEST_F(PresentationTest, ReadsWhatARealMuxerWrites) {
-  Path file =
-      encodedVideo({.parameters = "bframes=2:b-adapt=0",
-                    .more = words("-f lavfi -i sine=r=48000:d=2 -map 0:v -map 1:a -c:a aac -metadata title=T")});
-  Presentation presentation = Presentation::read(files_, file);
-  const TrackPresentation* video = presentation.first("vide");
-  const TrackPresentation* audio = presentation.first("soun");
-  ASSERT_TRUE(video && audio);
-  EXPECT_EQ(video->samplesShown, 50U);
-  EXPECT_GT(video->firstCompositionTime, 0);
-  EXPECT_EQ(video->shownFrom, 0s);
-  EXPECT_EQ(video->shownTo, 2s);
-  EXPECT_EQ(audio->samplesHidden, 1U) << "the packet of priming";
-  EXPECT_EQ(audio->matrix.size(), 36U);
-  EXPECT_THAT(presentation.metadata(), testing::Contains("moov/udta/meta/ilst/©nam"));
-}
-
 }  // namespace
 }  // namespace tarn::test

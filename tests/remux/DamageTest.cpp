@@ -2,7 +2,6 @@
 
 #include "mp4/DataExtensions.h"
 #include "remux/RemuxFixture.h"
-#include "support/FaultyFileManager.h"
 
 namespace tarn {
 namespace {
@@ -81,18 +80,6 @@ TEST_F(Damage, InSizesCountsAndTablesIsRefusedOrCostsNoSample) {
     }
     EXPECT_GT(repaired, 10);
     EXPECT_GT(refused, 100);
-  }
-}
-
-TEST_F(Damage, APlanIsNotMadeOfWhatCannotBeRead) {
-  FaultyFileManager faulty(files_);
-  for (bool isChanging : {false, true}) {
-    write(movie(true, isChanging));
-    const uint64_t faults = faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-      const bool isPlanned = failureOf([&] { planVideo(faulty, file_); }).empty();
-      EXPECT_NE(isPlanned, faulty.fired()) << "call " << call;
-    });
-    EXPECT_GT(faults, 20u);
   }
 }
 

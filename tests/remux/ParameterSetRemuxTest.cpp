@@ -1,6 +1,3 @@
-#include <algorithm>
-
-#include "mp4/DataExtensions.h"
 #include "platform/ForwardingFileManager.h"
 #include "remux/RemuxFixture.h"
 #include "support/FaultyFileManager.h"
@@ -9,33 +6,6 @@ namespace tarn {
 namespace {
 
 using namespace test;
-
-TEST_F(RemuxTest, RepairsRealStreams) {
-  const std::string inBand = "repeat-headers=1";
-  const auto twoSounds = words("-f lavfi -i sine=r=48000 -map 1 -map 0 -map 1 -c:a aac -b:a 64k");
-  const VideoRecipe recipes[] = {
-      {"libx264", inBand + ":keyint=20"},
-      {"libx264", inBand + ":keyint=20:open-gop=1:slices=4"},
-      {"libx264", inBand, "yuv422p10le", "190x142"},
-      {"libx264", inBand + ":interlaced=1"},
-      {"libx264", inBand, "yuv420p", "192x144", 2, twoSounds},
-      {"libx265", inBand + ":keyint=20"},
-      {"libx265", inBand + ":keyint=20:open-gop=1:bframes=3:slices=2"},
-      {"libx265", inBand, "yuv422p10le", "190x142"},
-      {"libx265", inBand + ":interlace=1"},
-      {"libx265", inBand + ":temporal-layers=1:bframes=3:b-adapt=0"},
-      {"libx265", inBand, "yuv420p", "192x144", 2, twoSounds},
-  };
-  for (const VideoRecipe& recipe : recipes) {
-    SCOPED_TRACE(recipe.codec + recipe.parameters + " " + recipe.pixelFormat);
-    const bool isHEVC = recipe.codec == "libx265";
-    const Path original = encodedVideo(recipe);
-    const Bytes movie = MovieLayout(readFile(files_, original)).moovAhead();
-    expectRepaired(isHEVC, withoutParameterSets(movie, isHEVC), sampleHashes(original));
-    EXPECT_EQ(frameHashes(file_), frameHashes(original));
-    EXPECT_GE(std::ranges::count(frameHashes(file_), '\n'), 49);
-  }
-}
 
 TEST_F(RemuxTest, RefusesAndLeavesTheFileAlone) {
   EXPECT_EQ(failureOf([&] { repair(true); }), "File not found");

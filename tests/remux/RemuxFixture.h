@@ -10,7 +10,6 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/DamagedMovies.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 
@@ -51,22 +50,6 @@ class RemuxTest : public FileTest {
     }
   }
   void repair(bool isHEVC) { repair(isHEVC, files_); }
-
-  /// Repairs a file. It then has these samples and plays, and a second repair changes nothing.
-  void expectRepaired(bool isHEVC, const Bytes& damaged, const std::string& samples) {
-    write(damaged);
-    repair(isHEVC);
-    const Bytes repaired = written();
-    EXPECT_EQ(sampleHashes(file_), samples);
-    EXPECT_EQ(decoderComplaints(file_), "");
-    EXPECT_EQ(probeVideo(file_, "codec_tag_string"), isHEVC ? "hvc1" : "avc1");
-    FaultyFileManager counting(files_);
-    counting.arm({.call = UINT64_MAX, .among = {FileOperation::write, FileOperation::replace}});
-    repair(isHEVC, counting);
-    EXPECT_EQ(counting.calls(), 0u) << "a second repair writes";
-    EXPECT_EQ(written(), repaired);
-    expectNothingLeftBehind();
-  }
 
   /// No file but the one under repair, and nothing in the temporary directory.
   void expectNothingLeftBehind() {

@@ -90,15 +90,6 @@ TEST_F(SyncFixer, WritesTimesOf64Bits) {
   EXPECT_NEAR(seconds(mvhd.offset + 32), 3.3, 0.03) << "the sound ends last";
 }
 
-TEST_F(SyncFixer, DoesNotTakeAnUnreadableBoxForAMissingOne) {
-  write(readFile(files_, flashBeepClip(0.3)));
-  FaultyFileManager faulty(files_);
-  faulty.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
-    const bool isRead = failureOf([&] { MP4AVSyncFixer::readOriginalSyncInfo(faulty, file_); }).empty();
-    EXPECT_NE(isRead, faulty.fired()) << "call " << call;
-  });
-}
-
 TEST_F(SyncFixer, CapturesOddTracks) {
   WorkedCase movie;
   movie.video.edits = {{500, -1}, {9500, 3000}};
@@ -182,27 +173,6 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       EXPECT_EQ(written(), moov);
     }
   }
-}
-
-// A box of size 0 at the end of the movie, and bytes behind it that are no box.
-TEST_F(SyncFixer, StepsOverWhatIsOdd) {
-  const Bytes plain = MovieLayout(readFile(files_, flashBeepClip(0.3))).moovAhead();
-  const auto fixedMedia = [&](const Bytes& movie) {
-    write(movie);
-    EXPECT_TRUE(fix({}, true));
-    return mediaHashes(file_);
-  };
-  const std::string hashes = fixedMedia(plain);
-  for (const Bytes& junk :
-       {Bytes(7, 'x'), Bytes(12, 0), values({1, 0x66726565, 7}), values({5, 0x66726565, 7, 7, 7})}) {
-    EXPECT_EQ(fixedMedia(joined({plain, junk})), hashes);
-    EXPECT_TRUE(std::ranges::equal(ByteView(written()).last(junk.size()), junk));
-  }
-  MovieLayout layout(plain);
-  BoxEditor open(layout.moov);
-  open.setField(open.all("moov/udta").empty() ? open.all("moov/trak").back().offset : open.at("moov/udta").offset, 0);
-  layout.moov = open.bytes;
-  EXPECT_EQ(fixedMedia(layout.moovAhead()), hashes);
 }
 
 TEST_F(SyncFixer, ShowsItsResultToTheCheckAndTakesItsWord) {

@@ -5,6 +5,8 @@
 namespace tarn::test {
 namespace {
 
+using Tracks = std::vector<SyntheticTrack>;
+
 /// Ten seconds.
 SyntheticTrack pictures(int32_t firstOffset, decltype(SyntheticTrack::edits) edits = {}) {
   return {.handler = "vide",
@@ -49,7 +51,7 @@ TEST_F(SyncFixOrders, SayExactlyWhatTheMovieShowsWithoutTheDamagedList) {
   const std::vector<std::pair<uint64_t, int64_t>> behind = {{1000, 900'000'000}}, healthy = {{300, -1}, {10000, 0}};
   struct {
     const char* what;
-    std::vector<SyntheticTrack> tracks;
+    Tracks tracks;
     uint32_t movieTimescale;
     std::string order;
   } cases[] = {
@@ -57,9 +59,7 @@ TEST_F(SyncFixOrders, SayExactlyWhatTheMovieShowsWithoutTheDamagedList) {
       {"a late first picture", {pictures(7200), sound()}, 1000, "80@-1 10000@7200 (10080) of 10080"},
       {"rounded to the nearest tick", {pictures(7100), sound()}, 1000, "79@-1 10000@7100 (10079) of 10079"},
       {"the end is reached", {pictures(7200), sound()}, 600, "48@-1 6000@7200 (6048) of 6048"},
-      {"the movie lasts as long as its longest track",
-       {pictures(7200), sound(healthy)},
-       1000,
+      {"the movie lasts as long as its longest track", Tracks{pictures(7200), sound(healthy)}, 1000,
        "80@-1 10000@7200 (10080) of 10300"},
       {"and its text", {pictures(7200), sound(), text()}, 1000, "80@-1 10000@7200 (10080) of 30000"},
       {"less than a tick", {pictures(40), sound()}, 1000, ""},
@@ -69,15 +69,11 @@ TEST_F(SyncFixOrders, SayExactlyWhatTheMovieShowsWithoutTheDamagedList) {
       {"first at -1", {pictures(-1), sound()}, 1000, ""},
       {"negative and damaged", {pictures(-1, behind), sound()}, 1000, "(10000) of 10027"},
       {"too coarse and damaged", {pictures(7200, behind), sound()}, 30, "(303) of 303"},
-      {"sound and text are damaged",
-       {pictures(0, {{5000, 0}}), sound(behind), text(behind)},
-       1000,
+      {"sound and text are damaged", Tracks{pictures(0, {{5000, 0}}), sound(behind), text(behind)}, 1000,
        "10027@0 (10027) 30000@0 (30000) of 30000"},
       {"a second look without a list", {pictures(0, healthy), pictures(7200), sound()}, 1000, ""},
       {"no samples", {pictures(0), sound(behind, 0)}, 1000, ""},
-      {"times of 64 bits",
-       {pictures(7200), sound()},
-       4'000'000'000,
+      {"times of 64 bits", Tracks{pictures(7200), sound()}, 4'000'000'000,
        "320000000@-1 40000000000@7200 (40320000000) of 40320000000"},
   };
   for (const auto& c : cases) EXPECT_EQ(ordered(c.tracks, c.movieTimescale), c.order) << c.what;

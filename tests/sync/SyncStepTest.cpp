@@ -1,6 +1,4 @@
-#include "platform/memory/InMemoryFileManager.h"
 #include "support/BoxEditor.h"
-#include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/FlashBeep.h"
 #include "support/MediaMaker.h"
@@ -173,38 +171,6 @@ TEST_F(SyncSteps, PutWhatIsDamagedInPlaceAndKeepTheOtherLists) {
     EXPECT_EQ(fixed(result.bytes), result.bytes) << "a second fix";
     EXPECT_TRUE(log_.contains("A/V sync already correct, no fix needed"));
     log_.clear();
-  }
-}
-
-TEST_F(SyncSteps, EndAsIfNothingHadHappenedWhenKilledAtEachChange) {
-  const Bytes none, below = editBox({3000, 0xFFFFFFFE, normal});
-  for (const Lists& lists : {Lists{none, none}, Lists{below, std::nullopt}}) {
-    const Bytes source = withLists(clip(), lists), whole = fixed(source);
-    ASSERT_NE(whole, source);
-    for (PowerCut cut : {PowerCut::losesNames, PowerCut::keepsNames}) {
-      uint64_t untouched = 0, done = 0;
-      for (uint64_t call = 1, isOver = 0; isOver == 0; ++call) {
-        InMemoryFileManager disk;
-        FaultyFileManager dying(disk);
-        disk.createDirectory("/home");
-        writeFileAtomically(disk, "/home/clip.mp4", source);
-        dying.arm({.call = call, .lasting = true, .strike = [&disk, cut, isOut = false]() mutable {
-                     if (!isOut) disk.losePower(cut);
-                     isOut = true;
-                   }});
-        ProcessingRun first = recorder_.runOn(dying, "/home/clip.mp4");
-        SyncStep().run(first);
-        isOver = dying.fired() ? 0 : 1;
-        const Bytes left = readFile(disk, "/home/clip.mp4");
-        EXPECT_TRUE(left == source || left == whole) << "call " << call;
-        ++(left == whole ? done : untouched);
-        ProcessingRun second = recorder_.runOn(disk, "/home/clip.mp4");
-        SyncStep().run(second);
-        EXPECT_EQ(readFile(disk, "/home/clip.mp4"), whole) << "call " << call;
-      }
-      EXPECT_GT(untouched, 10u);
-      EXPECT_GT(done, 0u);
-    }
   }
 }
 

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <functional>
@@ -93,16 +92,6 @@ TEST_F(LayeredFilesTest, AStopWhileTheFileIsMadeKeepsTheRecipe) {
   EXPECT_EQ(begin(), TakenUp::recipe);
   finish();
   EXPECT_EQ(readFile(disk_, work), prepended("head"));
-}
-
-TEST_F(LayeredFilesTest, AFewBytesOfALayeredFileAreKeptWhenTheyAreFlushed) {
-  prepend("head");
-  const auto tag = layers_->open(work, OpenMode::updating);
-  tag->write(bytesOf("HEAD"));
-  tag->synchronize();
-  disk_.losePower();
-  EXPECT_EQ(begin(), TakenUp::recipe);
-  EXPECT_EQ(readFile(*layers_, work), prepended("HEAD"));
 }
 
 TEST_F(LayeredFilesTest, ARecipeThatDoesNotFitIsDropped) {
