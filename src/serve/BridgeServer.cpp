@@ -66,6 +66,9 @@ class PageSocket : public QueuedConnection {
     websocket::stream_base::timeout times{
         .handshake_timeout = headTime, .idle_timeout = idleTime, .keep_alive_pings = true};
     stream_.set_option(times);
+    stream_.set_option(websocket::stream_base::decorator([](websocket::response_type& answer) {
+      for (const auto& [name, value] : commonFields()) answer.set(name, value);
+    }));
     stream_.read_message_max(largestFrame);
   }
 
@@ -182,10 +185,20 @@ class BridgeServer::Core {
       if (failure) {  // no descriptor is free
         pause.expires_after(acceptPause);
         co_await pause.async_wait(quietly);
-      } else if (live_.size() < mostConnections) {
+      } else if (makeRoom()) {
         asio::co_spawn(context_, converse(std::move(socket)), logFailure);
       }
     }
+  }
+
+  /// When all connections are in use, the oldest of those that have not shown that they may ask gives way: who only
+  /// holds connections open keeps no page out. False if there is none.
+  bool makeRoom() {
+    if (live_.size() < mostConnections) return true;
+    const auto oldest = std::ranges::find_if(strangers_, [](const auto& close) { return close != nullptr; });
+    if (oldest == strangers_.end()) return false;
+    std::exchange(*oldest, nullptr)();
+    return true;
   }
 
   /// One request and its answer, or one page's whole life.
@@ -193,6 +206,7 @@ class BridgeServer::Core {
     if (isStopping_) co_return;
     beast::tcp_stream stream(std::move(socket));
     Live live(live_, [&stream] { stream.close(); });
+    std::optional<Live> stranger(std::in_place, strangers_, [&stream] { stream.close(); });
     beast::flat_buffer buffer(largestHead);
     http::request_parser<http::empty_body> parser;
     parser.header_limit(largestHead);
@@ -214,6 +228,7 @@ class BridgeServer::Core {
                            .arrived = static_cast<size_t>(buffer.size()),
                            .largest = inside ? HostRoutes::largestBody(inside->path) : 0};
     if (!refusal) refusal = refuseBody(head, body, inside);
+    if (!refusal) stranger.reset();
     if (refusal) {
       if (head.method == "HEAD") refusal->text.clear();
       co_await send(stream, *refusal);
@@ -412,6 +427,7 @@ class BridgeServer::Core {
       updateLife();
     }
     hub_.disconnect(greeting.page, page, steady_clock::now());
+    page.close();  // a message that waits for a reader would keep it
     updateLife();
   }
 
@@ -446,6 +462,7 @@ class BridgeServer::Core {
   HostDesk desk_;
   LocalDrop drop_;
   LiveConnections live_;
+  LiveConnections strangers_;  ///< of these, those that have not shown yet that they may ask; the oldest first
   bool isActive_ = true;
   bool isStopping_ = false;
 

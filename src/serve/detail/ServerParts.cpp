@@ -11,6 +11,7 @@ namespace asio = boost::asio;
 namespace {
 
 constexpr size_t largestQueue = 1024;  // messages that wait for one page; more than a replay has
+constexpr size_t largestQueueBytes = 16 << 20;
 
 static_assert(largestQueue > PageHub::ringCapacity);
 
@@ -21,7 +22,9 @@ void logFailure(const std::exception_ptr& failure) {
 }
 
 void QueuedConnection::send(PageText text) {
-  if (queue_.size() == largestQueue) return close();
+  const bool isTooMuch = !queue_.empty() && queuedBytes_ + text->size() > largestQueueBytes;
+  if (isTooMuch || queue_.size() == largestQueue) return close();
+  queuedBytes_ += text->size();
   queue_.push_back(std::move(text));
   if (std::exchange(isWriting_, true)) return;
   asio::co_spawn(executor(), writeAll(shared_from_this()), logFailure);
@@ -29,6 +32,7 @@ void QueuedConnection::send(PageText text) {
 
 void QueuedConnection::close() {
   queue_.clear();
+  queuedBytes_ = 0;
   closeSocket();
 }
 
@@ -36,6 +40,7 @@ asio::awaitable<void> QueuedConnection::writeAll(std::shared_ptr<QueuedConnectio
   while (!self->queue_.empty()) {
     const PageText text = std::move(self->queue_.front());
     self->queue_.pop_front();
+    self->queuedBytes_ -= text->size();
     auto writing = self->write(text);
     const bool isWritten = co_await std::move(writing);
     if (!isWritten) self->close();

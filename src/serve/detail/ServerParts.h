@@ -91,6 +91,7 @@ class QueuedConnection : public PageConnection, public std::enable_shared_from_t
   static boost::asio::awaitable<void> writeAll(std::shared_ptr<QueuedConnection> self);
 
   std::deque<PageText> queue_;
+  size_t queuedBytes_ = 0;
   bool isWriting_ = false;
 };
 
