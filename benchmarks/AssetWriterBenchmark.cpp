@@ -21,7 +21,8 @@ CMSampleBuffer music() {
   std::normal_distribution<double> noise(0, 400);
   std::vector<int16_t> samples(frames * 2);
   for (size_t i = 0; i < samples.size(); ++i) {
-    const double time = static_cast<double>(i / 2) / 48000;
+    const size_t frame = i / 2;
+    const double time = static_cast<double>(frame) / 48000;
     const double tones = std::sin(time * 1382) + std::sin(time * 2073) + std::sin(time * 8287);
     samples[i] = static_cast<int16_t>(4000 * tones * std::sin(time) + noise(random));
   }
@@ -37,7 +38,7 @@ void write(benchmark::State& state) {
   const Path path = std::filesystem::current_path() / "tarn-asset-writer-benchmark.m4a";
   PosixFileManager files{path.parent_path()};
   const CMSampleBuffer buffer = music();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     removeIfExists(files, path);
     AVAssetWriter writer(files, path, AVFileType::appleM4A, static_cast<unsigned>(state.range(1)));
     auto input = std::make_shared<AVAssetWriterInput>(AACOutputSettings());

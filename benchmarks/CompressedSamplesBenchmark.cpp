@@ -35,7 +35,7 @@ void walkBothTracks(benchmark::State& state) {
   Path path = std::filesystem::current_path() / (makeUUID() + ".mp4");
   writeFileAtomically(files, path, longMovie());
   AVAsset asset(files, path);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     int64_t walked = 0;
     for (AVMediaType type : {AVMediaType::video, AVMediaType::audio}) {
       auto source = asset.compressedSamples(asset.tracks(type).at(0));

@@ -41,7 +41,7 @@ void parseAndListAll(benchmark::State& state) {
   Bytes stbl = sampleTable(static_cast<uint32_t>(state.range(0)));
   writeFileAtomically(files, path, stbl);
   auto file = files.open(path, OpenMode::reading);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     MP4SampleTableParser table;
     table.parseSampleTable(*file, {.size = stbl.size(), .type = "stbl"});
     auto samples = table.allSamples();

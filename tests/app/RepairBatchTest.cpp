@@ -240,9 +240,9 @@ TEST_F(RepairBatchTest, AResultIsDoneOnAFileSystemOfCoarserTimesToo) {
 TEST_F(RepairBatchTest, HomesThatAreMadeAtOnceAreNotTakenForAbandoned) {
   std::atomic<int> gone = 0;
   {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&] {
+    std::array<std::jthread, 4> threads;
+    for (std::jthread& thread : threads) {
+      thread = std::jthread([&] {
         for (int made = 0; made < 500; ++made) {
           PrivateHome home(place_.path());
           home.make();

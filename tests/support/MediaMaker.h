@@ -23,7 +23,7 @@ Path madeByFFmpeg(const std::vector<std::string>& arguments, const std::string& 
 /// ("keyint=25:repeat-headers=1"), `more` is what else ffmpeg shall do.
 struct VideoRecipe {
   std::string codec = "libx264";
-  std::string parameters = "";
+  std::string parameters = {};
   std::string pixelFormat = "yuv420p";
   std::string size = "192x144";
   int seconds = 2;  ///< of 25 frames
