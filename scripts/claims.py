@@ -31,8 +31,8 @@ def holds(command, log):
     """Whether the command ends well, and how long it took."""
     begin = time.monotonic()
     with log.open("w") as output:
-        code = subprocess.run(["bash", "-c", command], cwd=ROOT, stdin=subprocess.DEVNULL, stdout=output,
-                              stderr=subprocess.STDOUT, check=False).returncode
+        code = subprocess.run(["bash", "-c", command], cwd=ROOT, env={**os.environ, "T": "build/release/tests"},
+                              stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, check=False).returncode
     return code == 0 and not RUNS_NO_TEST.search(log.read_text(errors="replace")), time.monotonic() - begin
 
 

@@ -52,11 +52,6 @@ class MeantimeTest : public EngineTest {
         {meantime_, meantimeDefaults_, clock_, dispatch_, application_, photos_, transfers_}, steps);
   }
 
-  size_t countLines(std::string_view start) {
-    return static_cast<size_t>(
-        std::ranges::count_if(lines_.lines(), [&](const std::string& line) { return line.starts_with(start); }));
-  }
-
   MeantimeFiles meantime_{files_};
   UserDefaults meantimeDefaults_{meantime_, home_ / "Defaults"};
 };
@@ -103,31 +98,6 @@ TEST_F(MeantimeTest, ADownloadThatBeginsWhileAllAreCancelledKeepsNoSlot) {
   dispatch_.advance(std::chrono::milliseconds(500));
   EXPECT_EQ(save("b.mp4")->status(), DownloadStatus::downloading);
   engine_.reset();
-}
-
-TEST_F(MeantimeTest, BackgroundTimeIsHeldForNoRunThatHasEnded) {
-  for (const bool isAtTheEnd : {true, false}) {
-    startOver({.last = &last_});
-    application_.enterForeground();
-    save("clip.mp4");
-    const auto background = [&] {
-      application_.enterBackground();
-      engine_->handleAppDidEnterBackground();
-    };
-    if (isAtTheEnd) meantime_.beforeChangeOf("clip.mp4", background);  // it is deleted once it was saved
-    finish("clip.mp4");
-    if (!isAtTheEnd) {
-      // The request for background time is still on its way when the run is over.
-      application_.enterBackground();
-      dispatch_.hold(dispatch_.mainQueue());
-      save("clip.mp4");
-      finish("clip.mp4");
-      dispatch_.release(dispatch_.mainQueue());
-      settle();
-    }
-    EXPECT_EQ(countLines("Started background task"), countLines("Ending background task"));
-    EXPECT_FALSE(lines_.contains("Started background task 1 for download 0"));
-  }
 }
 
 TEST_F(MeantimeTest, TheSweepLeavesAFileThatIsBeingHandedOver) {

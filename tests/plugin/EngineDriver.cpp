@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <random>
 
 #include "download/DocumentsSweep.h"
@@ -69,6 +70,11 @@ bool keepsTheLimit(std::string_view line) {
 }
 
 }  // namespace
+
+uint32_t numberFrom(const char* name, uint32_t usual) {
+  const char* const given = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return given ? static_cast<uint32_t>(std::stoul(given)) : usual;
+}
 
 std::string text(const std::vector<ModelStep>& steps) {
   std::string words;

@@ -53,6 +53,8 @@ struct ModelStep {
 
 std::string text(const std::vector<ModelStep>& steps);
 std::vector<ModelStep> drawSteps(uint32_t seed, size_t count);
+/// The environment may ask for another number.
+uint32_t numberFrom(const char* name, uint32_t usual);
 
 /// Counts the background time that was given out and not given back.
 class CountedApplication : public HostApplication {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "plugin/EngineModel.h"
 #include "plugin/EngineThreads.h"
 
@@ -18,12 +16,6 @@ constexpr uint32_t usualSeeds = 2000;
 constexpr uint32_t usualSeedsOnThreads = 100;
 constexpr uint32_t shares = 4;
 constexpr size_t stepsOfASeed = 200;
-
-/// The environment may ask for other seeds.
-uint32_t numberFrom(const char* name, uint32_t usual) {
-  const char* const given = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  return given ? static_cast<uint32_t>(std::stoul(given)) : usual;
-}
 
 /// The fewest of the steps that still break a promise.
 std::vector<ModelStep> shortest(std::vector<ModelStep> steps) {
