@@ -118,13 +118,6 @@ TEST(TransferSuspendTest, ASuspensionAtAnyMomentSplitsNoFile) {
   }
 }
 
-TEST_F(TransferRestartTest, AnotherVersionIsNeverSplicedToTheOld) {
-  fetchHalfAndDie();
-  server_->serve("/file", ServedFile::of(video(2)).withETag("\"v2\""), {{.ignoresIfRange = true}});
-  harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(identifier_).file, video(2));
-}
-
 TEST_F(TransferRestartTest, WhatNobodyCanUseIsSwept) {
   fetchHalfAndDie();
   for (const char* name : {"97.json", "97.part", "98.json", "99.part", "99.delivery", ".1.json.tmp"}) {

@@ -167,6 +167,14 @@ int TransferAttempt::status() const {
   return static_cast<int>(status);
 }
 
+/// True for a body that has neither a length nor an end of its own (RFC 9112 6.3).
+bool TransferAttempt::endsWithConnection() const {
+  long version = 0;
+  curl_easy_getinfo(request_.easy(), CURLINFO_HTTP_VERSION, &version);
+  const bool hasFrames = version != CURL_HTTP_VERSION_1_0 && version != CURL_HTTP_VERSION_1_1;
+  return !hasFrames && request_.header("Content-Length").empty() && request_.header("Transfer-Encoding").empty();
+}
+
 ResponseHead TransferAttempt::responseHead() const {
   curl_off_t length = -1;
   curl_easy_getinfo(request_.easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
@@ -208,6 +216,7 @@ void TransferAttempt::decide() {
     proof_ = part_->read(position_ - asked_.offset);
   }
   if (takesBody) requireSense(head);
+  if (endsWithConnection()) closure_ = closureOf(request_.easy());
   const auto name = takesBody ? filenameOfDisposition(request_.header("Content-Disposition")) : std::nullopt;
   if (name) record_.suggestedFilename = *name;
   if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded_;
@@ -307,6 +316,9 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
                                                    coding))};
   }
   if (code != CURLE_OK) return curlFailure(code);
+  if (closure_ && !*closure_) {
+    return transient(URLError(CURLE_PARTIAL_FILE, "the connection ended, and the server did not end it"));
+  }
   if (!proof_.empty() || (record_.expectedSize && position_ < *record_.expectedSize)) {
     const auto text = fmt::format("the server sent {} of {} bytes", position_, record_.expectedSize.value_or(0));
     return transient(URLError(CURLE_PARTIAL_FILE, text));

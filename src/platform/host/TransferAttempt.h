@@ -11,6 +11,7 @@
 #include "platform/Bytes.h"
 #include "platform/Error.h"
 #include "platform/host/RangeRules.h"
+#include "platform/host/TLSClosure.h"
 #include "platform/host/TransferRequest.h"
 #include "platform/host/TransferStore.h"
 
@@ -72,6 +73,7 @@ class TransferAttempt {
   void openPart();
   void prepare();
   int status() const;
+  bool endsWithConnection() const;
   ResponseHead responseHead() const;
   void decide();
   void emptyPart();
@@ -104,6 +106,7 @@ class TransferAttempt {
   std::optional<BodyUse> use_;  ///< once the final response's head is there
   Bytes proof_;                 ///< bytes of the part that the body must begin with, and has not yet
   bool isCoded_ = false;        ///< the body comes in a coding
+  TLSClosure closure_;          ///< that must have come at the end of the body; nothing if its end is known otherwise
   bool isBomb_ = false;
   bool isOverlong_ = false;
   bool isHeadWhole_ = false;

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "platform/TransferRules.h"
+#include "platform/host/TLSClosure.h"
 
 namespace tarn {
 namespace {
@@ -69,6 +70,7 @@ TransferRequest::TransferRequest(const TransferRecord& record, const std::string
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
   setAuthorities(easy);
+  watchClosures(easy);
   setBuffer();
 }
 
