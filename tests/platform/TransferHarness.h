@@ -79,7 +79,7 @@ class Listener : public NSURLSessionDownloadDelegate {
   Heard waitFor(int64_t taskIdentifier, const std::function<bool(const Heard&)>& isEnough) {
     std::unique_lock lock(mutex_);
     Heard& heard = heard_[taskIdentifier];
-    const bool came = changed_.wait_for(lock, std::chrono::seconds(20), [&] { return isEnough(heard); });
+    const bool came = changed_.wait_for(lock, std::chrono::seconds(60), [&] { return isEnough(heard); });
     if (!came) throw std::runtime_error("waited too long for a transfer's event");
     return heard;
   }

@@ -41,10 +41,10 @@ class TransferRestartTest : public testing::Test {
 
 TEST_F(TransferRestartTest, ATransferGoesOnFromWhateverLiesOnTheDisk) {
   // How much of the file lies there: it may be gone, whole without anybody having noted it, or longer than can be.
-  const std::pair<std::optional<size_t>, const char*> rows[] = {{half, "bytes=150000-"},
-                                                                {1000, "bytes=1000-"},
+  const std::pair<std::optional<size_t>, const char*> rows[] = {{half, "bytes=149488-"},
+                                                                {1000, "bytes=488-"},
                                                                 {std::nullopt, ""},
-                                                                {videoSize, "bytes=300000-"},
+                                                                {videoSize, "bytes=299488-"},
                                                                 {videoSize + 1, ""}};
   for (const auto& [left, range] : rows) {
     SCOPED_TRACE(left.value_or(0));
@@ -94,7 +94,7 @@ TEST_F(TransferRestartTest, ASuspendedTransferKeepsItsBytesAndWaitsOverARestart)
   task->resume();
   const Heard heard = harness_.listener->waitForEnd(id);
   EXPECT_EQ(heard.file, video(1));
-  EXPECT_EQ(server_->requests()[1].header("range"), "bytes=150000-");
+  EXPECT_EQ(server_->requests()[1].header("range"), "bytes=149488-");
   task->suspend();
   EXPECT_EQ(task->state(), State::completed);
 }
@@ -116,13 +116,6 @@ TEST(TransferSuspendTest, ASuspensionAtAnyMomentSplitsNoFile) {
     EXPECT_TRUE(heard.isInOrder()) << heard.events;
     EXPECT_EQ(harness.filesLeft(), 0U);
   }
-}
-
-TEST_F(TransferRestartTest, AnotherVersionIsNeverSplicedToTheOld) {
-  fetchHalfAndDie();
-  server_->serve("/file", ServedFile::of(video(2)).withETag("\"v2\""), {{.ignoresIfRange = true}});
-  harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(identifier_).file, video(2));
 }
 
 TEST_F(TransferRestartTest, WhatNobodyCanUseIsSwept) {

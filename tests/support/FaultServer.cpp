@@ -10,6 +10,8 @@
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -36,10 +38,44 @@ tcp::endpoint loopback(uint16_t port) {
   return {asio::ip::address_v4::loopback(), port};
 }
 
-bool send(tcp::socket& socket, const auto& bytes) {
+struct Connection {
+  tcp::socket socket;
+  std::optional<asio::ssl::stream<tcp::socket&>> tls = {};
+  std::thread thread = {};
+
+  /// Does something with the stream that both ends talk over.
+  auto over(const auto& work) { return tls ? work(*tls) : work(socket); }
+};
+
+bool send(Connection& connection, const auto& bytes) {
   error_code failure;
-  asio::write(socket, asio::buffer(bytes), failure);
+  connection.over([&](auto& stream) { asio::write(stream, asio::buffer(bytes), failure); });
   return !failure;
+}
+
+/// Reads the client's preface and its frames up to the first that holds a request (RFC 9113 3.4, 4.1).
+bool receiveOverHTTP2(Connection& connection) {
+  std::string preface(24, '\0');
+  std::array<uint8_t, 9> frame{};
+  error_code failure;
+  const auto read = [&](auto& bytes) {
+    connection.over([&](auto& stream) { asio::read(stream, asio::buffer(bytes), failure); });
+    return !failure;
+  };
+  constexpr uint8_t headers = 1;
+  if (!read(preface)) return false;
+  while (read(frame)) {
+    std::string payload(static_cast<size_t>(frame[0] << 16 | frame[1] << 8 | frame[2]), '\0');
+    if (!read(payload)) return false;
+    if (frame[3] == headers) return true;
+  }
+  return false;
+}
+
+int chooseHTTP2(SSL*, const unsigned char** chosen, unsigned char* length, const unsigned char*, unsigned, void*) {
+  *chosen = reinterpret_cast<const unsigned char*>("h2");
+  *length = 2;
+  return SSL_TLSEXT_ERR_OK;
 }
 
 ReceivedRequest received(const http::request<http::empty_body>& message) {
@@ -93,7 +129,7 @@ std::string headOf(const ServedFile& file, const Selection& selection, const Rep
   for (const auto& [name, value] : fields) {
     if (!value.empty()) head += fmt::format("{}: {}\r\n", name, value);
   }
-  return head + "\r\n";
+  return head + reply.fields + "\r\n";
 }
 
 }  // namespace
@@ -120,24 +156,30 @@ struct FaultServer::Core {
     Reply afterwards;
     size_t count = 0;  ///< requests so far
   };
-  struct Connection {
-    tcp::socket socket;
-    std::thread thread = {};
-  };
-
   asio::io_context context;
+  std::optional<asio::ssl::context> tls;
+  const bool speaksHTTP2;
   tcp::acceptor acceptor;
   const uint16_t port;
   std::atomic<bool> isStopped = false;
   std::atomic<bool> isReleased = false;
   std::list<Connection> connections;  ///< of the thread, as long as it runs
-  std::mutex mutex;                   ///< for the two below
+  std::atomic<size_t> connectionCount = 0;
+  std::mutex mutex;  ///< for the two below
   std::map<std::string, Served> paths;
   std::vector<ReceivedRequest> requests;
   std::thread thread;
 
-  Core(uint16_t wanted, const std::map<std::string, ServedFile>& files)
-      : acceptor(context, loopback(wanted)), port(acceptor.local_endpoint().port()) {
+  Core(uint16_t wanted, const std::map<std::string, ServedFile>& files, const std::optional<ServerTLS>& secured)
+      : speaksHTTP2(secured && secured->speaksHTTP2),
+        acceptor(context, loopback(wanted)),
+        port(acceptor.local_endpoint().port()) {
+    if (secured) {
+      tls.emplace(asio::ssl::context::tls_server);
+      tls->use_certificate_file(secured->certificate, asio::ssl::context::pem);
+      tls->use_private_key_file(secured->key, asio::ssl::context::pem);
+      if (speaksHTTP2) SSL_CTX_set_alpn_select_cb(tls->native_handle(), &chooseHTTP2, nullptr);
+    }
     for (const auto& [path, file] : files) paths[path] = {file, {}, {}};
     ::setenv("no_proxy", "127.0.0.1", 1);
     thread = std::thread([this] { accept(); });
@@ -156,38 +198,62 @@ struct FaultServer::Core {
       error_code failure;
       tcp::socket socket = acceptor.accept(failure);
       if (failure) continue;
+      ++connectionCount;
       auto& connection = connections.emplace_back(Connection{std::move(socket)});
-      connection.thread = std::thread([this, &connection] { converse(connection.socket); });
+      connection.thread = std::thread([this, &connection] { converse(connection); });
     }
   }
 
-  void converse(tcp::socket& socket) {
+  void converse(Connection& connection) {
     boost::beast::flat_buffer buffer;
     error_code ended;
-    for (bool goesOn = true; goesOn && !isStopped;) {
-      http::request<http::empty_body> message;
-      http::read(socket, buffer, message, ended);
-      goesOn = !ended && answer(socket, received(message));
+    if (tls) connection.tls.emplace(connection.socket, *tls).handshake(asio::ssl::stream_base::server, ended);
+    if (speaksHTTP2) {
+      if (!ended && receiveOverHTTP2(connection)) answer(connection, {"/file", {}});
+      connection.socket.shutdown(tcp::socket::shutdown_send, ended);
+      std::array<char, 1024> ignored{};
+      while (!ended) connection.socket.read_some(asio::buffer(ignored), ended);  // else it could not write either
+    } else {
+      for (bool goesOn = !ended; goesOn && !isStopped;) {
+        http::request<http::empty_body> message;
+        connection.over([&](auto& stream) { http::read(stream, buffer, message, ended); });
+        goesOn = !ended && answer(connection, received(message));
+      }
     }
-    socket.shutdown(tcp::socket::shutdown_both, ended);
+    connection.socket.shutdown(tcp::socket::shutdown_both, ended);
   }
 
   /// False when the connection is to be closed.
-  bool answer(tcp::socket& socket, const ReceivedRequest& request) {
+  bool answer(Connection& connection, const ReceivedRequest& request) {
     const auto [file, reply] = next(request);
+    if (!reply.raw.empty()) return sendRaw(connection, reply);
     if (!file || reply.status) {
       const int status = reply.status.value_or(404);
       const std::string page = fmt::format("<html><body>{}</body></html>", status);
       const std::string location = reply.location.empty() ? "" : fmt::format("Location: {}\r\n", reply.location);
-      return send(socket,
-                  fmt::format("HTTP/1.1 {} -\r\nContent-Length: {}\r\n{}\r\n{}", status, page.size(), location, page));
+      return send(connection, fmt::format("HTTP/1.1 {} -\r\nContent-Length: {}\r\n{}{}\r\n{}", status, page.size(),
+                                          location, reply.fields, page));
     }
     const Selection selection = select(request, *file, reply);
-    return send(socket, headOf(*file, selection, reply)) && sendBody(socket, *file, selection, reply) &&
-           !reply.omitsLength && !reply.statedLength;
+    const bool goesOn = send(connection, headOf(*file, selection, reply)) &&
+                        sendBody(connection, *file, selection, reply) && !reply.omitsLength && !reply.statedLength;
+    error_code ended;
+    if (!goesOn && connection.tls && !reply.closeAfter) connection.tls->shutdown(ended);
+    return goesOn;
   }
 
-  bool sendBody(tcp::socket& socket, const ServedFile& file, const Selection& selection, const Reply& reply) {
+  bool sendRaw(Connection& connection, const Reply& reply) {
+    std::string block = reply.endless;
+    while (!block.empty() && reply.pause.count() == 0 && block.size() < 32 * 1024) block += block;
+    bool goesOn = send(connection, reply.raw);
+    while (goesOn && !block.empty() && !isStopped) {
+      goesOn = send(connection, block);
+      std::this_thread::sleep_for(reply.pause);
+    }
+    return false;
+  }
+
+  bool sendBody(Connection& connection, const ServedFile& file, const Selection& selection, const Reply& reply) {
     constexpr uint64_t largestPiece = 256UL * 1024;
     constexpr uint64_t piecesPerSecond = 20;
     const uint64_t pace = reply.bytesPerSecond / piecesPerSecond;
@@ -195,16 +261,16 @@ struct FaultServer::Core {
     const uint64_t stall = std::min(end, reply.stallAfter.value_or(UINT64_MAX));
     ByteView piece;
     for (uint64_t sent = 0; !isStopped; sent += piece.size()) {
-      if (sent == stall && reply.stallAfter && !waitForRelease(socket)) return false;
+      if (sent == stall && reply.stallAfter && !waitForRelease(connection.socket)) return false;
       if (sent == end) break;
       const uint64_t left = (sent < stall ? stall : end) - sent;
       piece = ByteView(*file.bytes).subspan(selection.offset + sent, std::min(left, pace ? pace : largestPiece));
-      if (reply.chunked && !send(socket, fmt::format("{:x}\r\n", piece.size()))) return false;
-      if (!send(socket, piece) || (reply.chunked && !send(socket, std::string("\r\n")))) return false;
+      if (reply.chunked && !send(connection, fmt::format("{:x}\r\n", piece.size()))) return false;
+      if (!send(connection, piece) || (reply.chunked && !send(connection, std::string("\r\n")))) return false;
       if (pace) std::this_thread::sleep_for(std::chrono::milliseconds(1000 / piecesPerSecond));
     }
     if (isStopped || reply.closeAfter) return false;
-    return !reply.chunked || send(socket, std::string("0\r\n\r\n"));
+    return !reply.chunked || send(connection, std::string("0\r\n\r\n"));
   }
 
   /// False when the client leaves first.
@@ -225,13 +291,14 @@ struct FaultServer::Core {
   }
 };
 
-FaultServer::FaultServer(uint16_t port, const std::map<std::string, ServedFile>& files)
-    : core_(std::make_unique<Core>(port, files)) {}
+FaultServer::FaultServer(uint16_t port, const std::map<std::string, ServedFile>& files,
+                         const std::optional<ServerTLS>& tls)
+    : core_(std::make_unique<Core>(port, files, tls)) {}
 
 FaultServer::~FaultServer() = default;
 
 std::string FaultServer::url(const std::string& path) const {
-  return fmt::format("http://127.0.0.1:{}{}", core_->port, path);
+  return fmt::format("{}://127.0.0.1:{}{}", core_->tls ? "https" : "http", core_->port, path);
 }
 
 void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Reply> replies, Reply afterwards) {
@@ -241,6 +308,10 @@ void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Re
 
 void FaultServer::release() {
   core_->isReleased = true;
+}
+
+size_t FaultServer::connections() const {
+  return core_->connectionCount;
 }
 
 std::vector<ReceivedRequest> FaultServer::requests() const {

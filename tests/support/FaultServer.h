@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,11 +36,22 @@ struct Reply {
   bool chunked = false;                          ///< chunked coding
   std::string contentType = "video/mp4";         ///< Content-Type field
   std::string disposition = {};                  ///< Content-Disposition field
+  std::string fields = {};                       ///< further lines of the head, each with its line end
   std::string contentEncoding = {};              ///< Content-Encoding field; the file is taken to be in that coding
   std::optional<uint64_t> closeAfter = {};       ///< closes the connection after that many bytes of the body
   std::optional<uint64_t> stallAfter = {};       ///< falls silent after that many bytes of the body, until the client
                                                  ///< leaves, or until release()
   uint64_t bytesPerSecond = 0;                   ///< 0: as fast as it goes
+  std::string raw = {};                          ///< just these bytes in place of head and body, and then the end
+  std::string endless = {};                      ///< behind `raw`, again and again until the client leaves
+  std::chrono::milliseconds pause{0};            ///< between two of these
+};
+
+/// A certificate and its key, in PEM files.
+struct ServerTLS {
+  std::string certificate;
+  std::string key;
+  bool speaksHTTP2 = false;  ///< nothing else: each connection is taken for a GET of "/file" and answered with `raw`
 };
 
 struct ReceivedRequest {
@@ -50,13 +62,15 @@ struct ReceivedRequest {
   std::string header(const std::string& name) const;
 };
 
-/// An HTTP/1.1 server on 127.0.0.1 with faults at will: GET, Range and If-Range (RFC 9110 13 and 14), persistent
-/// connections. Runs from construction to destruction, each connection on a thread. A path that is not
-/// served is answered with 404. Thread-safe. Takes the loopback out of any proxy that the environment names.
+/// An HTTP/1.1 server on 127.0.0.1, over TLS if it has a certificate, with faults at will: GET, Range and If-Range (RFC
+/// 9110 13 and 14), persistent connections. Runs from construction to destruction, each connection on a thread. A path
+/// that is not served is answered with 404. Thread-safe. Takes the loopback out of any proxy that the environment
+/// names.
 class FaultServer {
  public:
   /// Listens on `port`, or on a free port for 0. The files are served from the first connection on.
-  explicit FaultServer(uint16_t port = 0, const std::map<std::string, ServedFile>& files = {});
+  explicit FaultServer(uint16_t port = 0, const std::map<std::string, ServedFile>& files = {},
+                       const std::optional<ServerTLS>& tls = {});
   ~FaultServer();
   FaultServer(const FaultServer&) = delete;
   FaultServer& operator=(const FaultServer&) = delete;
@@ -69,6 +83,9 @@ class FaultServer {
 
   /// Replies that have fallen silent go on to their end, and those that would fall silent do not.
   void release();
+
+  /// Connections so far.
+  size_t connections() const;
 
   /// What has been asked so far, in order.
   std::vector<ReceivedRequest> requests() const;

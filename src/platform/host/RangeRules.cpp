@@ -26,7 +26,8 @@ std::optional<ContentRange::Span> parseSpan(std::string_view text) {
 }
 
 bool isPlainText(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+  constexpr size_t longest = 1024;
+  return text.size() <= longest && std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 bool isEntityTag(std::string_view validator) {
@@ -43,16 +44,8 @@ bool continues(const ResponseHead& head, const ResumePoint& asked) {
   const auto& range = head.contentRange;
   if (!range || !range->span || !range->total || range->span->first != asked.offset) return false;
   if (asked.expectedSize && *asked.expectedSize != *range->total) return false;
+  if (head.contentLength && *head.contentLength != range->span->last - range->span->first + 1) return false;
   return asked.offset == 0 || namesVersion(head, asked.validator);
-}
-
-/// A refused range shows that If-Range was fulfilled, so a missing entity tag is no doubt here; another one is.
-bool isWhole(const ResponseHead& head, const ResumePoint& asked) {
-  const auto& range = head.contentRange;
-  if (!range || range->total != asked.offset) return false;
-  if (asked.expectedSize && *asked.expectedSize != asked.offset) return false;
-  const std::string& told = isEntityTag(asked.validator) ? head.etag : head.lastModified;
-  return told.empty() || told == asked.validator;
 }
 
 }  // namespace
@@ -81,11 +74,12 @@ std::string ResponseHead::validator() const {
 
 BodyUse bodyUse(const ResponseHead& head, const ResumePoint& asked) {
   if (head.status == 206) return continues(head, asked) ? BodyUse::append : BodyUse::startOver;
+  if (head.status == 204 || head.status == 205) return BodyUse::refuse;  // no content (RFC 9110 15.3.5, 15.3.6)
   if (head.status >= 200 && head.status < 300) {
     const bool isPageInstead = asked.offset > 0 && head.isPage && !asked.isPage;
     return isPageInstead ? BodyUse::pageInstead : BodyUse::replace;
   }
-  if (head.status == 416 && asked.offset > 0) return isWhole(head, asked) ? BodyUse::alreadyWhole : BodyUse::startOver;
+  if (head.status == 416 && asked.offset > 0) return BodyUse::startOver;  // of a version without it
   if (head.status == 408 || head.status == 429 || head.status >= 500) return BodyUse::retry;
   return BodyUse::refuse;
 }

@@ -32,29 +32,29 @@ struct ResponseHead {
 
   /// What tells this version of the file from any other, fit for If-Range (RFC 9110 13.1.5): a strong entity tag, else
   /// a modification date at least a second before the response, else empty.
+  /// Not one that no server would take as part of a request.
   std::string validator() const;
 };
 
 /// What was asked for: the bytes from `offset` on, if the file is still of the version that `validator` names.
 struct ResumePoint {
-  uint64_t offset = 0;                   ///< bytes already there; 0 asks for the whole file
+  uint64_t offset = 0;                   ///< at most as many bytes are there already; 0 asks for the whole file
   std::string validator;                 ///< as ResponseHead::validator; never empty if `offset` is not 0
   std::optional<uint64_t> expectedSize;  ///< size of the whole file as told before
   bool isPage = false;                   ///< the bytes already there came as a web page
 };
 
 enum class BodyUse {
-  append,        ///< the body goes after the bytes that are there
-  replace,       ///< the body is the whole file; bytes already there belong to nothing
-  alreadyWhole,  ///< no body; the bytes already there are the whole file
-  startOver,     ///< the bytes already there cannot be continued safely: ask again, for the whole file
-  pageInstead,   ///< a web page where another file is to be continued: its bytes stay, and the server may relent
-  retry,         ///< the server is in trouble for the time being
-  refuse,        ///< there is no file to be had
+  append,       ///< the body goes to the offset that was asked for
+  replace,      ///< the body is the whole file; bytes already there belong to nothing
+  startOver,    ///< the bytes already there cannot be continued safely: ask again, for the whole file
+  pageInstead,  ///< a web page where another file is to be continued: its bytes stay, and the server may relent
+  retry,        ///< the server is in trouble for the time being
+  refuse,       ///< there is no file to be had
 };
 
 /// Decides over a response to that request. Never answers `append` unless the response proves that its first byte is
-/// the one after the bytes that are there, of the same version and the same total size.
+/// the one at the offset, of the same version and the same total size.
 BodyUse bodyUse(const ResponseHead& head, const ResumePoint& asked);
 
 }  // namespace tarn

@@ -15,6 +15,10 @@ namespace {
 
 constexpr size_t longestCoding = 40;              // in a message
 constexpr size_t largestRedirectBody = 64 << 10;  // beyond that a new connection costs less
+constexpr size_t largestHead = 256 << 10;
+constexpr uint64_t proofSize = 512;
+constexpr uint64_t mostExpansion = 200;  // of a body in a coding; a video hardly expands at all
+constexpr uint64_t freeExpansion = 16 << 20;
 
 /// Whether a body is in a coding (RFC 9110 8.4.1). Some servers put other words there and send the file as it is.
 bool isEncoded(std::string_view contentEncoding) {
@@ -26,6 +30,10 @@ bool isEncoded(std::string_view contentEncoding) {
 URLError statusError(int status) {
   const int code = status >= 400 ? status : static_cast<int>(CURLE_WEIRD_SERVER_REPLY);
   return {code, fmt::format("the server answered with HTTP status {}", status)};
+}
+
+URLError headError() {
+  return {CURLE_WEIRD_SERVER_REPLY, "the head of the server's answer is too long"};
 }
 
 }  // namespace
@@ -47,7 +55,8 @@ void TransferAttempt::openPart() {
   const bool isTooLong = record_.expectedSize && position_ > *record_.expectedSize;
   if (position_ > 0 && (record_.validator.empty() || isTooLong)) emptyPart();
   base_ = position_;
-  asked_ = {position_, record_.validator, record_.expectedSize, record_.isPage};
+  const uint64_t known = position_ - std::min(position_, proofSize);
+  asked_ = {known, record_.validator, record_.expectedSize, record_.isPage};
 }
 
 void TransferAttempt::prepare() {
@@ -61,9 +70,29 @@ void TransferAttempt::prepare() {
   request_.ask(asked_);
 }
 
-size_t TransferAttempt::onHeader(char*, size_t one, size_t count, void* attempt) {
-  static_cast<TransferAttempt*>(attempt)->lastHeard_ = Clock::now();
-  return one * count;
+size_t TransferAttempt::onHeader(char* bytes, size_t one, size_t count, void* attempt) {
+  auto* const self = static_cast<TransferAttempt*>(attempt);
+  return self->takeHead({bytes, one * count}) ? one * count : 0;
+}
+
+/// A line of a head or of a trailer. False ends the exchange.
+bool TransferAttempt::takeHead(std::string_view line) {
+  hear(line.size());
+  headSize_ += line.size();
+  if (line.starts_with("HTTP/")) isHeadWhole_ = false;
+  if (line == "\r\n" || line == "\n") {
+    isHeadWhole_ = true;
+    if (status() >= 200) lastHeard_ = Clock::now();
+  }
+  return headSize_ <= largestHead;
+}
+
+/// A server that sends drops would hold a transfer for ever.
+void TransferAttempt::hear(size_t count) {
+  unheard_ += count;
+  if (unheard_ < leastPiece) return;
+  unheard_ = 0;
+  lastHeard_ = Clock::now();
 }
 
 size_t TransferAttempt::onBody(char* bytes, size_t one, size_t count, void* attempt) {
@@ -93,11 +122,14 @@ int TransferAttempt::goOn() {
 
 /// False ends the exchange.
 bool TransferAttempt::take(ByteView piece) {
-  lastHeard_ = Clock::now();
+  hear(piece.size());
   try {
     if (!use_ && request_.redirection()) return (passedOver_ += piece.size()) <= largestRedirectBody;
     if (!use_) decide();
     if (use_ != BodyUse::append && use_ != BodyUse::replace) return false;
+    if (!isProven(piece)) return false;
+    isBomb_ = isBomb(piece);
+    if (isBomb_) return false;
     isOverlong_ = record_.expectedSize && piece.size() > *record_.expectedSize - position_;
     if (isOverlong_) return false;
     part_->write(piece);
@@ -110,21 +142,51 @@ bool TransferAttempt::take(ByteView piece) {
   return true;
 }
 
-ResponseHead TransferAttempt::responseHead() const {
-  CURL* easy = request_.easy();
+/// Takes what is there already from the piece. Another version is thrown away.
+bool TransferAttempt::isProven(ByteView& piece) {
+  const size_t count = std::min(piece.size(), proof_.size());
+  if (!std::ranges::equal(piece.first(count), ByteView(proof_).first(count))) {
+    use_ = BodyUse::startOver;
+    emptyPart();
+    return false;
+  }
+  proof_.erase(proof_.begin(), proof_.begin() + static_cast<std::ptrdiff_t>(count));
+  piece = piece.subspan(count);
+  return true;
+}
+
+bool TransferAttempt::isBomb(ByteView piece) const {
+  curl_off_t came = 0;
+  curl_easy_getinfo(request_.easy(), CURLINFO_SIZE_DOWNLOAD_T, &came);
+  return isCoded_ && position_ + piece.size() > freeExpansion + static_cast<uint64_t>(came) * mostExpansion;
+}
+
+int TransferAttempt::status() const {
   long status = 0;
+  curl_easy_getinfo(request_.easy(), CURLINFO_RESPONSE_CODE, &status);
+  return static_cast<int>(status);
+}
+
+/// True for a body that has neither a length nor an end of its own (RFC 9112 6.3).
+bool TransferAttempt::endsWithConnection() const {
+  long version = 0;
+  curl_easy_getinfo(request_.easy(), CURLINFO_HTTP_VERSION, &version);
+  const bool hasFrames = version != CURL_HTTP_VERSION_1_0 && version != CURL_HTTP_VERSION_1_1;
+  return !hasFrames && request_.header("Content-Length").empty() && request_.header("Transfer-Encoding").empty();
+}
+
+ResponseHead TransferAttempt::responseHead() const {
   curl_off_t length = -1;
-  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  curl_easy_getinfo(request_.easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
 
   ResponseHead head;
-  head.status = static_cast<int>(status);
+  head.status = status();
   const std::string type = lowered(request_.header("Content-Type"));
   head.isPage = type.starts_with("text/html") || type.starts_with("application/xhtml");
   // Size, range and version are those of the coded bytes, of which the part has none: it cannot be continued.
   if (isEncoded(request_.header("Content-Encoding"))) return head;
   if (length >= 0) head.contentLength = static_cast<uint64_t>(length);
-  head.contentRange = ContentRange::parse(request_.header("Content-Range"));
+  if (!type.starts_with("multipart/")) head.contentRange = ContentRange::parse(request_.header("Content-Range"));
   head.etag = request_.header("ETag");
   head.lastModified = request_.header("Last-Modified");
   head.date = request_.header("Date");
@@ -136,11 +198,11 @@ ResponseHead TransferAttempt::responseHead() const {
 void TransferAttempt::decide() {
   const ResponseHead head = responseHead();
   const std::string codings = request_.header("Content-Encoding");
-  const bool isCoded = isEncoded(codings);
+  isCoded_ = isEncoded(codings);
   use_ = bodyUse(head, asked_);
   const bool takesBody = use_ == BodyUse::append || use_ == BodyUse::replace;
   // Bytes that are taken as they are would stay in their coding: ask again, to have them decoded.
-  if (takesBody && record_.isTakenAsItIs && isCoded) use_ = BodyUse::startOver;
+  if (takesBody && record_.isTakenAsItIs && isCoded_) use_ = BodyUse::startOver;
   if (use_ == BodyUse::startOver || use_ == BodyUse::replace) emptyPart();
 
   if (use_ == BodyUse::replace) {
@@ -150,11 +212,29 @@ void TransferAttempt::decide() {
   } else if (use_ == BodyUse::append) {
     if (asked_.offset == 0) record_.validator = head.validator();
     record_.expectedSize = head.contentRange->total;
+    part_->seek(asked_.offset);
+    proof_ = part_->read(position_ - asked_.offset);
   }
+  if (takesBody) requireSense(head);
+  if (endsWithConnection()) closure_ = closureOf(request_.easy());
   const auto name = takesBody ? filenameOfDisposition(request_.header("Content-Disposition")) : std::nullopt;
   if (name) record_.suggestedFilename = *name;
-  if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded;
+  if (takesBody || use_ == BodyUse::startOver) record_.isTakenAsItIs = !codings.empty() && !isCoded_;
   if (store_.record(record_.taskIdentifier) != record_) store_.save(record_);
+}
+
+/// Throws if the server says what cannot be held against the body, or what the disk cannot take.
+void TransferAttempt::requireSense(const ResponseHead& head) const {
+  const bool isChunked = !request_.header("Transfer-Encoding").empty();
+  const bool isNone = !head.contentLength && !isCoded_ && !isChunked && !request_.header("Content-Length").empty();
+  if (isNone || request_.contradicts("Content-Length")) {
+    throw URLError(CURLE_WEIRD_SERVER_REPLY, "the server told a length that is none, or two lengths");
+  }
+  const auto space = files_.freeSpace(store_.partFile(record_.taskIdentifier).parent_path());
+  const uint64_t missing = record_.expectedSize.value_or(0) - std::min(position_, record_.expectedSize.value_or(0));
+  if (space && missing > *space) {
+    throw PosixError(ENOSPC, fmt::format("{} bytes are to come and {} are free on the disk", missing, *space));
+  }
 }
 
 /// Flushed, so that after a power cut the old bytes never stand beside the new version's record.
@@ -168,6 +248,9 @@ void TransferAttempt::emptyPart() {
 }
 
 TransferAttempt::Outcome TransferAttempt::finish(int code) {
+  // libcurl has no memory, as it says, for a line that it finds too long.
+  if (headSize_ > largestHead || code == CURLE_OUT_OF_MEMORY) return {End::final, headError()};
+  if (code == CURLE_OK && !isHeadWhole_) return curlFailure(CURLE_GOT_NOTHING);
   if (!use_ && (code == CURLE_OK || code == CURLE_WRITE_ERROR)) {
     if (const auto url = request_.redirection()) return follow(*url);
   }
@@ -184,16 +267,13 @@ TransferAttempt::Outcome TransferAttempt::follow(const std::string& url) {
   if (!request_.follow(url)) {
     return {End::final, URLError(CURLE_TOO_MANY_REDIRECTS, "the server sent the transfer from place to place")};
   }
-  passedOver_ = 0;
+  passedOver_ = headSize_ = 0;
   lastHeard_ = Clock::now();
   return {End::redirected};
 }
 
 TransferAttempt::Outcome TransferAttempt::judge(int code) const {
-  const int status = responseHead().status;
   switch (*use_) {
-    case BodyUse::alreadyWhole:
-      return {End::whole};
     case BodyUse::startOver:
       return transient(URLError(CURLE_RANGE_ERROR, "the server sent another range than was asked for"));
     case BodyUse::pageInstead:
@@ -201,14 +281,20 @@ TransferAttempt::Outcome TransferAttempt::judge(int code) const {
                                 "the server answered with a web page in place of the rest of the file; the address may "
                                 "need a new login"));
     case BodyUse::retry:
-      return {End::transient, statusError(status), fmt::format("the server answered {}", status)};
+      return {End::transient, statusError(status()), fmt::format("the server answered {}", status())};
     case BodyUse::refuse:
-      return {End::final, statusError(status)};
+      return {End::final, refusal()};
     case BodyUse::append:
     case BodyUse::replace:
       break;
   }
   return judgeBody(code);
+}
+
+URLError TransferAttempt::refusal() const {
+  const bool isRedirect = status() < 400 && !request_.header("Location").empty();
+  if (!isRedirect) return statusError(status());
+  return {CURLE_UNSUPPORTED_PROTOCOL, "the server sent the transfer to an address that is none of http or https"};
 }
 
 TransferAttempt::Outcome TransferAttempt::transient(URLError error) {
@@ -217,6 +303,10 @@ TransferAttempt::Outcome TransferAttempt::transient(URLError error) {
 }
 
 TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
+  if (isBomb_) {
+    const auto text = fmt::format("what the server sent unpacks to more than {} times its size", mostExpansion);
+    return {End::final, URLError(CURLE_WEIRD_SERVER_REPLY, text)};
+  }
   if (isOverlong_) return transient(URLError(CURLE_RANGE_ERROR, "the server sent more bytes than it announced"));
   if (code == CURLE_BAD_CONTENT_ENCODING) {
     if (record_.isTakenAsItIs) return transient(URLError(code, "the server sent an unknown coding"));
@@ -226,8 +316,11 @@ TransferAttempt::Outcome TransferAttempt::judgeBody(int code) const {
                                                    coding))};
   }
   if (code != CURLE_OK) return curlFailure(code);
-  if (record_.expectedSize && position_ < *record_.expectedSize) {
-    const auto text = fmt::format("the server sent {} of {} bytes", position_, *record_.expectedSize);
+  if (closure_ && !*closure_) {
+    return transient(URLError(CURLE_PARTIAL_FILE, "the connection ended, and the server did not end it"));
+  }
+  if (!proof_.empty() || (record_.expectedSize && position_ < *record_.expectedSize)) {
+    const auto text = fmt::format("the server sent {} of {} bytes", position_, record_.expectedSize.value_or(0));
     return transient(URLError(CURLE_PARTIAL_FILE, text));
   }
   return {End::whole};

@@ -6,16 +6,20 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include "platform/Bytes.h"
 #include "platform/Error.h"
 #include "platform/host/RangeRules.h"
+#include "platform/host/TLSClosure.h"
 #include "platform/host/TransferRequest.h"
 #include "platform/host/TransferStore.h"
 
 namespace tarn {
 
 /// One HTTP exchange for a transfer: asks for what its partial file lacks, holds the answer against what was asked, and
-/// writes the body straight to the part. Belongs to one thread.
+/// writes the body straight to the part. The last bytes that are there are asked for once more and must come as they
+/// are, since some servers give two versions of a file one tag. Belongs to one thread.
 class TransferAttempt {
  public:
   using Clock = std::chrono::steady_clock;
@@ -58,21 +62,31 @@ class TransferAttempt {
 
   /// Bytes were thrown away, because they could not be continued.
   bool hasStartedOver() const { return hasStartedOver_; }
-  /// The part has grown.
-  bool hasProgressed() const { return position_ > base_; }
-  /// When the server was heard last, or the request begun.
+  /// The part has grown, by more than drops.
+  bool hasProgressed() const { return position_ >= base_ + leastPiece; }
+  /// When the server had sent some bytes more, not just drops, or the request began.
   Clock::time_point lastHeard() const { return lastHeard_; }
 
  private:
+  static constexpr uint64_t leastPiece = 512;
+
   void openPart();
   void prepare();
+  int status() const;
+  bool endsWithConnection() const;
   ResponseHead responseHead() const;
   void decide();
   void emptyPart();
   bool holdBack();
+  bool takeHead(std::string_view line);
   bool take(ByteView piece);
+  bool isProven(ByteView& piece);
+  bool isBomb(ByteView piece) const;
+  void requireSense(const ResponseHead& head) const;
+  void hear(size_t count);
   Outcome follow(const std::string& url);
   Outcome judge(int code) const;
+  URLError refusal() const;
   Outcome judgeBody(int code) const;
   Outcome curlFailure(int code) const;
   static Outcome transient(URLError error);
@@ -90,7 +104,14 @@ class TransferAttempt {
   bool hasStartedOver_ = false;
   ResumePoint asked_;
   std::optional<BodyUse> use_;  ///< once the final response's head is there
+  Bytes proof_;                 ///< bytes of the part that the body must begin with, and has not yet
+  bool isCoded_ = false;        ///< the body comes in a coding
+  TLSClosure closure_;          ///< that must have come at the end of the body; nothing if its end is known otherwise
+  bool isBomb_ = false;
   bool isOverlong_ = false;
+  bool isHeadWhole_ = false;
+  size_t headSize_ = 0;   ///< bytes of all heads, redirects' left out
+  uint64_t unheard_ = 0;  ///< bytes since lastHeard_
   std::optional<Error> fileFailure_;
   Clock::time_point lastHeard_ = Clock::now();
   std::array<char, 256> curlText_{};  ///< libcurl's words on a failure

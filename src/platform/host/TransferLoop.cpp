@@ -183,6 +183,8 @@ void TransferLoop::startAttempt(Job& job) {
       report(job, received, expected);
     };
     job.attempt = std::make_unique<TransferAttempt>(files_, *store_, job.record, options_.userAgent, progress);
+    // The connection of a try that has failed may be dead; over HTTP/2 it would be used again.
+    if (job.tries > 0) curl_easy_setopt(job.attempt->easy(), CURLOPT_FRESH_CONNECT, 1L);
     job.transfer->setNextTry(std::nullopt);
     curl_multi_add_handle(multi_.get(), job.attempt->easy());
   } catch (const Error& failure) {
@@ -275,7 +277,7 @@ void TransferLoop::finish(Job& job) {
 
 void TransferLoop::report(Job& job, uint64_t received, std::optional<uint64_t> expected) {
   job.transfer->setProgress(received, expected);
-  const auto now = job.attempt->lastHeard();
+  const auto now = Clock::now();
   if (now - job.lastReport < options_.reportInterval || !job.transfer->wantsReport()) return;
   job.lastReport = now;
   delegateQueue_->post([transfer = job.transfer](NSURLSessionDownloadDelegate& delegate) {

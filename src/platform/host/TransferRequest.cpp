@@ -9,6 +9,7 @@
 #include <new>
 
 #include "platform/TransferRules.h"
+#include "platform/host/TLSClosure.h"
 
 namespace tarn {
 namespace {
@@ -40,6 +41,14 @@ void setAuthorities(CURL* easy) {
   set(CURLOPT_CAPATH, {"SSL_CERT_DIR"});
 }
 
+/// A field of the last response, of those of its name.
+std::optional<std::string> headerAt(CURL* easy, const char* name, size_t index) {
+  curl_header* header = nullptr;
+  constexpr int lastRequest = -1;
+  const CURLHcode found = curl_easy_header(easy, name, index, CURLH_HEADER, lastRequest, &header);
+  return found == CURLHE_OK ? std::optional<std::string>(header->value) : std::nullopt;
+}
+
 }  // namespace
 
 void TransferRequest::EasyDeleter::operator()(void* easy) const {
@@ -61,6 +70,7 @@ TransferRequest::TransferRequest(const TransferRecord& record, const std::string
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // ending must not wait for a name server
   setAuthorities(easy);
+  watchClosures(easy);
   setBuffer();
 }
 
@@ -124,10 +134,16 @@ void TransferRequest::setCookies(bool isAtHome) {
 }
 
 std::string TransferRequest::header(const char* name) const {
-  curl_header* header = nullptr;
-  constexpr int lastRequest = -1;
-  const CURLHcode found = curl_easy_header(easy_.get(), name, 0, CURLH_HEADER, lastRequest, &header);
-  return found == CURLHE_OK ? header->value : std::string();
+  return headerAt(easy_.get(), name, 0).value_or(std::string());
+}
+
+bool TransferRequest::contradicts(const char* name) const {
+  const std::string first = header(name);
+  for (size_t index = 1;; ++index) {
+    const auto other = headerAt(easy_.get(), name, index);
+    if (!other) return false;
+    if (*other != first) return true;
+  }
 }
 
 std::optional<std::string> TransferRequest::redirection() const {

@@ -27,6 +27,9 @@ class TransferRequest {
   /// A field of the last response; empty if it was not sent.
   std::string header(const char* name) const;
 
+  /// The field of the last response was sent twice, and not the same.
+  bool contradicts(const char* name) const;
+
   /// Where the last response sends the request.
   std::optional<std::string> redirection() const;
 
