@@ -2,16 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
-#include "platform/Error.h"
 #include "serve/HomeToken.h"
 #include "serve/detail/ByteRange.h"
 #include "serve/detail/HostScript.h"
 #include "serve/detail/PageHub.h"
 #include "serve/detail/PagePresence.h"
 #include "serve/detail/ServedFolder.h"
-#include "support/MediaMaker.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -20,56 +17,12 @@ namespace {
 using testing::_;
 using testing::ElementsAre;
 
-TEST(ServeRulesTest, RangesAsRFC9110) {
-  using Kind = ByteRange::Kind;
-  constexpr uint64_t size = 5 << 20;
-  constexpr uint64_t most = ByteRange::largestPart;
-  const ByteRange whole{Kind::whole, 0, size};
-  const ByteRange never{Kind::unsatisfiable, 0, 0};
-  const std::pair<const char*, ByteRange> rows[] = {
-      {"bytes=0-", {Kind::part, 0, most}},
-      {"bytes=0-0", {Kind::part, 0, 1}},
-      {"bytes=100-199", {Kind::part, 100, 100}},
-      {"bytes=5242879-99999999999999999999999", {Kind::part, size - 1, 1}},
-      {"bytes=-100", {Kind::part, size - 100, 100}},
-      {"bytes=-99999999", {Kind::part, 0, most}},
-      {"bytes=5242880-", never},
-      {"bytes=99999999999999999999999-", never},
-      {"bytes=-0", never},
-      {"bytes=2-1", whole},
-      {"bytes=0-1,3-4", whole},
-      {"bytes= 0-1", whole},
-      {"bytes=+0-1", whole},
-      {"bytes=0x0-1", whole},
-      {"items=0-1", whole},
-  };
-  for (const auto& [field, expected] : rows) EXPECT_EQ(ByteRange::of(field, size), expected) << field;
-  EXPECT_EQ(ByteRange::of(std::nullopt, size), whole);
-  EXPECT_EQ(ByteRange::of("bytes=0-", 0), never);
-  EXPECT_EQ(ByteRange::of("bytes=-5", 0), never);
+TEST(ServeRulesTest, AnEmptyFileHasNoRange) {
+  const ByteRange never{ByteRange::Kind::unsatisfiable, 0, 0};
+  for (const char* field : {"bytes=0-", "bytes=-5"}) EXPECT_EQ(ByteRange::of(field, 0), never) << field;
 }
 
-TEST(ServeRulesTest, OnlyTheFoldersOwnFilesAreFound) {
-  TempDirectory place;
-  EXPECT_THROW(ServedFolder(place / "web"), Error);
-  std::filesystem::create_directories(place / "web/assets/deep");
-  std::ofstream(place / "web/assets/a b.js") << "x";
-  for (const std::string& name : words("web/index.html web/assets/deep/x.css web/.hidden secret")) {
-    std::ofstream(place / name) << name;
-  }
-  std::filesystem::create_symlink(place / "secret", place / "web/link.js");
-  std::filesystem::create_directory_symlink(place.path(), place / "web/up");
-  std::filesystem::create_symlink("deep/x.css", place / "web/assets/inside.css");
-  const ServedFolder folder(place / "web");
-  for (const std::string& path : words("/index.html /assets/a%20b.js /assets/deep/x.css /assets/inside.css")) {
-    EXPECT_TRUE(folder.find(path)) << path;
-  }
-  const std::string bad =
-      "/../secret /%2e%2e/secret /%2E%2E%2Fsecret /assets/../../secret /assets/..%2f..%2fsecret /..\\secret /.hidden "
-      "/link.js /up/secret //etc/passwd /%2fetc/passwd /assets / /index.html%00.js /index.html/ /./index.html "
-      "/%zz index.html";
-  for (const std::string& path : words(bad)) EXPECT_FALSE(folder.find(path)) << path;
-  EXPECT_FALSE(folder.find(""));
+TEST(ServeRulesTest, TypesAreThoseOfThePlaceThatServesThem) {
   EXPECT_EQ(contentType("/x/APP.JS"), "text/javascript; charset=utf-8");
   EXPECT_EQ(videoContentType("clip.html"), "video/mp4") << "a saved file is never run";
 }
@@ -98,30 +51,6 @@ TEST(ServeRulesTest, TheHostsScriptComesFirst) {
   EXPECT_EQ(withHostScript("<html><header></header><HEAD\nlang=x><script>"),
             "<html><header></header><HEAD\nlang=x>" + script + "<script>");
   EXPECT_EQ(withHostScript("<p>no head"), script + "<p>no head");
-}
-
-TEST(ServeRulesTest, WhateverAPageSendsIsUnderstoodOrRefused) {
-  const std::pair<std::string, const char*> rows[] = {
-      {"", "not a JSON object"},
-      {"[1]", "not a JSON object"},
-      {"{\"id\":\"\xff\"}", "not a JSON object"},
-      {R"({"id":"1","plugin":"P","method":"m","options":)" + std::string(5000, '['), "not a JSON object"},
-      {R"({"id":"1"})" + std::string(largestPageMessage, ' '), "too large"},
-      {R"({"id":7,"plugin":"P","method":"m"})", "\"id\""},
-      {R"({"id":"","plugin":"P","method":"m"})", "\"id\""},
-      {R"({"id":")" + std::string(129, 'i') + R"(","plugin":"P","method":"m"})", "\"id\""},
-      {R"({"id":"1","plugin":"P","method":5})", "\"plugin\" and \"method\""},
-      {R"({"id":"1","plugin":"P","method":"m","options":null})", "\"options\""},
-      {R"({"visible":1})", "\"visible\""},
-  };
-  for (const auto& [text, words] : rows) {
-    const auto message = parsePageMessage(text);
-    const auto* bad = std::get_if<BadMessage>(&message);
-    ASSERT_TRUE(bad) << text.substr(0, 100);
-    EXPECT_NE(bad->words.find(words), std::string::npos) << bad->words;
-    EXPECT_TRUE(JSObject::parse(refusalText(*bad)));
-  }
-  EXPECT_TRUE(std::get<PageVisibility>(parsePageMessage(R"({"visible":true})")).isVisible);
 }
 
 TEST(ServeRulesTest, TheAppIsInTheForegroundWhileAnyPageIsVisible) {

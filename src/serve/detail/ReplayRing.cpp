@@ -6,8 +6,12 @@ namespace tarn {
 
 void ReplayRing::add(PageText event) {
   ++last_;
+  bytes_ += event->size();
   events_.push_back(std::move(event));
-  if (events_.size() > capacity_) events_.pop_front();
+  while (events_.size() > capacity_ || bytes_ > mostBytes) {
+    bytes_ -= events_.front()->size();
+    events_.pop_front();
+  }
 }
 
 std::optional<std::vector<PageText>> ReplayRing::since(uint64_t seen) const {

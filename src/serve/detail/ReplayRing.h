@@ -15,6 +15,9 @@ using PageText = std::shared_ptr<const std::string>;
 /// The last events, for a page that comes back. Events are numbered from 1 without a gap.
 class ReplayRing {
  public:
+  static constexpr size_t mostBytes = 4 << 20;
+
+  /// Keeps that many events, and no more than mostBytes.
   explicit ReplayRing(size_t capacity) : capacity_(capacity) {}
 
   /// The number that the next event will have.
@@ -32,6 +35,7 @@ class ReplayRing {
   const size_t capacity_;
   uint64_t last_ = 0;
   std::deque<PageText> events_;
+  size_t bytes_ = 0;
 };
 
 }  // namespace tarn

@@ -11,9 +11,9 @@ namespace asio = boost::asio;
 namespace {
 
 constexpr size_t largestQueue = 1024;  // messages that wait for one page; more than a replay has
-constexpr size_t largestQueueBytes = 16 << 20;
+constexpr size_t largestQueueBytes = 8 << 20;
 
-static_assert(largestQueue > PageHub::ringCapacity);
+static_assert(largestQueue > PageHub::ringCapacity && largestQueueBytes > ReplayRing::mostBytes);
 
 }  // namespace
 
@@ -72,6 +72,7 @@ void CommandWorker::run(const std::string& page, PageCommand command) {
   auto call = std::make_shared<CAPPluginCall>(std::move(command.method), std::move(command.options), std::move(answer));
   if (plugin == plugins_.end()) return call->reject("not implemented");
   callOn(pool_, **plugin, call);
+  asio::post(pool_, [mailbox = mailbox_] { mailbox->flush(); });  // answers do not pile up
 }
 
 }  // namespace tarn

@@ -10,6 +10,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <deque>
 #include <functional>
+#include <future>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -44,6 +45,14 @@ class Mailbox {
   void post(Work work) {
     std::lock_guard guard(mutex_);
     if (context_) boost::asio::post(*context_, std::move(work));
+  }
+
+  /// Waits until the server's thread has done all that was posted. For other threads.
+  void flush() {
+    std::promise<void> done;
+    const auto isDone = done.get_future();
+    post([done = std::move(done)]() mutable { done.set_value(); });
+    isDone.wait();
   }
 
   void close() {
