@@ -367,6 +367,12 @@ TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnowAndEndsWhereItIsCancelled) {
   ProcessingRun cancelled = recorder.runOn(files_, file_);
   EXPECT_THROW(RemuxStep().run(cancelled), CancellationError);
   EXPECT_EQ(recorder.stages, "");
+  recorder.token = std::make_shared<CancellationToken>();
+  recorder.onSave = [&](const ProcessingState&) { recorder.token->cancel(); };
+  write(readFile(files_, encodedVideo({})));
+  ProcessingRun healthy = recorder.runOn(files_, file_);
+  EXPECT_THROW(RemuxStep().run(healthy), CancellationError);
+  EXPECT_EQ(recorder.stages, "remuxing ") << "nor is what needs no repair called done";
 }
 
 /// A file system on which each `moov` that is written loses the duration of its first samples.
