@@ -10,6 +10,7 @@ found: the next call tries `count` of those that are not judged yet, and `run` g
 import argparse
 import hashlib
 import json
+import re
 import sys
 from collections import Counter
 from pathlib import Path
@@ -77,21 +78,24 @@ def name_of(mutant):
 
 
 def planted(path):
-    """Changes that somebody chose: a file, what stands there once, and what is to stand there ("nothing": dropped)."""
+    """Changes that somebody chose: a file, what stands there once ("2. x": the second x of several), and what is to
+    stand there ("nothing": dropped)."""
     found = {}
     lines = [line for line in Path(path).read_text().splitlines() if line.strip() and not line.startswith("#")]
     if len(lines) % 3 != 0:
         sys.exit(f"{path}: three lines for each change")
     for file, before, after in zip(lines[::3], lines[1::3], lines[2::3]):
-        before, after = before.strip(), after.strip()
+        number, before = re.fullmatch(r"(?:(\d)\. )?(.*)", before.strip()).groups()
+        after = after.strip()
         text = (ROOT / file).read_text()
-        if text.count(before) != 1:
-            sys.exit(f"{file} holds {text.count(before)} times: {before}")
-        at = text.index(before)
+        places = [found.start() for found in re.finditer(re.escape(before), text)]
+        if len(places) != 1 and not number or len(places) < int(number or 1):
+            sys.exit(f"{file} holds {len(places)} times: {before}")
+        at = places[int(number or 1) - 1]
         line = text.count("\n", 0, at)
         drops = after == "nothing"
         mutant = Mutant(file, line + 1, text.split("\n")[line].strip(), plain(before), after, "planted")
-        mutant.key = hashlib.sha1(f"planted|{file}|{before}|{after}".encode()).hexdigest()[:16]
+        mutant.key = hashlib.sha1(f"planted|{file}|{number or ''}{before}|{after}".encode()).hexdigest()[:16]
         start = len(text[:at].encode())
         site = Site(start, start + len(before.encode()), drops, [(mutant, "(void)0" if drops else after)])
         found.setdefault(str(ROOT / file), []).append(site)

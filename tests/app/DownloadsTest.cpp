@@ -97,6 +97,15 @@ TEST_F(DownloadsTest, AKillForgetsNothing) {
   EXPECT_THAT(row(), HasSubstr("\"state\":\"saved\""));
 }
 
+TEST_F(DownloadsTest, AResumeThatFailsNamesTheVideoAndSaysWhatToDo) {
+  startHeldSave()->signal(SIGKILL);
+  server_.serve("/clip.mp4", ServedFile::of(recording()), {}, {.status = 410});
+  const auto result = run({"resume"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("tarn: clip.mp4 from " + server_.url("/clip.mp4") + " was not saved: "));
+  EXPECT_THAT(result.errors, HasSubstr("Check the address"));
+}
+
 TEST_F(DownloadsTest, WhatAKilledEngineHasLostHasFailedOnceTheStoresAreRead) {
   {
     auto tarn = startHeldSave();

@@ -1,11 +1,4 @@
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdlib>
+#include <fmt/format.h>
 
 #include "app/CommandTest.h"
 #include "app/Commands.h"
@@ -13,7 +6,6 @@
 #include "app/Terminal.h"
 #include "app/TransferArguments.h"
 #include "platform/JSObject.h"
-#include "platform/host/Descriptor.h"
 
 namespace tarn::test {
 namespace {
@@ -108,44 +100,16 @@ TEST_F(SavesTest, AListIsWorkedToItsEndAndEachVideoIsToldOf) {
   EXPECT_EQ(run({"save", server_.url("/one.mp4"), server_.url("/two.mp4"), "--quiet"}).errors, "");
 }
 
-/// What a program writes to a terminal of so many columns.
-std::string outputOnTerminal(const std::vector<std::string>& command, unsigned short columns) {
-  const Descriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-  if (::grantpt(*terminal) != 0 || ::unlockpt(*terminal) != 0) return "no terminal";
-  const winsize size{.ws_row = 24, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
-  ::ioctl(*terminal, TIOCSWINSZ, &size);
-  const std::string name = ::ptsname(*terminal);
-  std::vector<char*> argv;
-  for (const std::string& argument : command) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
-    posix_spawn_file_actions_addopen(&actions, stream, name.c_str(), O_RDWR | O_NOCTTY, 0);
-  }
-  pid_t pid = 0;
-  const int failure = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failure != 0) return "not started";
-  std::string output;
-  std::array<char, 4096> piece{};
-  // Reading fails when the program has closed the other end.
-  for (ssize_t got = 1; got > 0;) {
-    got = ::read(*terminal, piece.data(), piece.size());
-    if (got > 0) output.append(piece.data(), static_cast<size_t>(got));
-  }
-  ::waitpid(pid, nullptr, 0);
-  return output;
-}
-
 TEST_F(SavesTest, ATerminalHearsOfRetriesWithinItsWidth) {
   const auto file = ServedFile::of(damagedMovie("avc1"));
   const std::string path = "/%E6%97%A5%E6%9C%AC%E8%AA%9E.mp4";
   server_.serve(path, file, {Reply{.status = 503}, Reply{.status = 503}, Reply{.status = 503}});
   serve("/two.mp4");
-  constexpr unsigned short columns = 50;
-  const auto command = tarnCommand(home_, {"save", server_.url(path), server_.url("/two.mp4")});
-  std::string output = outputOnTerminal(command, columns);
+  constexpr size_t columns = 50;
+  const std::string command =
+      fmt::format("stty cols {}; exec {} --home {} save {} {}", columns, tarnCommand(home_, {})[0], home_.string(),
+                  server_.url(path), server_.url("/two.mp4"));
+  std::string output = ended(startOther({"/usr/bin/script", "-qec", command, "/dev/null"})).output;
   EXPECT_THAT(output, HasSubstr("日本語.mp4 retrying in "));
   EXPECT_THAT(output, HasSubstr((home_ / "Photos/Tarn/two.mp4").string()));
   const std::string redrawn = "\r\x1b[K";

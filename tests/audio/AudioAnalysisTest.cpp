@@ -154,6 +154,9 @@ TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
   }
   EXPECT_EQ(AudioTranscoder::analyzeAudioConfig(clip_.files, "/none.mp4").reason, "No audio track found");
   EXPECT_EQ(AudioTranscoder::analyzeAudioForProcessing(clip_.files, "/none.mp4").frameDurationMs, 21.33);
+  EXPECT_EQ(AudioTranscoder::getSourceChannelCount(clip_.files, "/none.mp4"), 2);
+  clip_.write(syntheticMovie({coded(48000, audioSampleEntry("none", 48000, 0))}));
+  EXPECT_EQ(AudioTranscoder::getSourceChannelCount(clip_.files, clip_.asset.url()), 2) << "what is not told";
 
   clip_.write(syntheticMovie({holed(65)}));
   EXPECT_EQ(decideAudioRepair(clip_.files, clip_.asset.url()).obstacle, alone + "there are no pictures beside it");

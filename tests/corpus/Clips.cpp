@@ -10,14 +10,10 @@
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/MediaMaker.h"
+#include "support/ProbedMovie.h"
 
 namespace tarn::test {
 namespace {
-
-Bytes contentsOf(const Path& file) {
-  PosixFileManager files(file.parent_path());
-  return readFile(files, file);
-}
 
 Path textFile(const std::string& name, const std::string& text) {
   const Path file = mediaCache() / name;

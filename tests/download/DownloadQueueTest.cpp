@@ -15,6 +15,15 @@ TEST_F(EngineTest, ARaisedLimitStartsWhatWaitsAndALoweredOneStopsNothing) {
   }
 }
 
+TEST_F(EngineTest, AStoppedLineStartsNoneWhateverTheLimit) {
+  engine_->setMaxConcurrentDownloads(1);
+  save("a.mp4");
+  const auto waiting = save("b.mp4");
+  engine_->stopStarting();
+  engine_->setMaxConcurrentDownloads(2);
+  EXPECT_EQ(waiting->status(), DownloadStatus::queued);
+}
+
 TEST_F(EngineTest, CancelAllBlocksForHalfASecondAndClearAllLiftsThat) {
   save("a.mp4");
   engine_->cancelAll();

@@ -63,6 +63,8 @@ TEST_F(ConfigurationBoxes, StateChromaAndDepthsForFourProfiles) {
     const Bytes sps = BitBuilder().bits(0x67, 8).bits(profile, 8).bits(40, 16).ue(0).ue(2).ue(1).ue(3).bytes();
     EXPECT_EQ(avcRecord(sps), bytesFrom(fmt::format("01 {:02x}0028 ff e1 00026701 01 0003680203 {}", profile, last)));
   }
+  const Bytes beyond = BitBuilder().bits(0x67640028, 32).ue(0).ue(4).bits(0, 1).ue(7).ue(9).bytes();
+  EXPECT_EQ(avcRecord(beyond), bytesFrom("01 640028 ff e1 00026701 01 0003680203 ff fe fe 00"));
 }
 
 TEST_F(ConfigurationBoxes, RefuseWhatDoesNotFit) {

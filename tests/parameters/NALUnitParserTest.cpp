@@ -49,11 +49,17 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
   auto hevc = NALUnitParser::detectNALLengthSize;
   auto avc = NALUnitParser::detectAVCNALLengthSize;
   const std::tuple<decltype(hevc), std::vector<Bytes>, int> cases[] = {
-      {hevc, {four}, 4},      {hevc, {two, four, two}, 2},
-      {hevc, {two, four}, 4}, {hevc, {sampleOf({slice}), {0, 0, 9}}, 4},
-      {hevc, {}, 4},          {avc, {avcFour}, 4},
-      {avc, {avcTwo}, 2},     {avc, {sampleOf({{9, 0xF0}, avcSPS, avcPPS, avcSlice}, 2)}, 2},
+      {hevc, {four}, 4},
+      {hevc, {two, four, two}, 2},
+      {hevc, {two, four}, 4},
+      {hevc, {sampleOf({slice}), {0, 0, 9}}, 4},
+      {hevc, {}, 4},
+      {avc, {avcFour}, 4},
+      {avc, {avcTwo}, 2},
+      {avc, {sampleOf({{9, 0xF0}, avcSPS, avcPPS, avcSlice}, 2)}, 2},
       {avc, {prefixNAL}, 4},
+      {avc, {sampleOf({{0x0D, 1, 2}, avcSlice}, 2)}, 4},
+      {avc, {sampleOf({{0x0C, 1, 2}, avcSlice}, 2)}, 2},
   };
   for (const auto& [detect, samples, size] : cases) {
     auto& file = lay(samples);

@@ -204,6 +204,13 @@ TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
     damaged.ppsArray = {Bytes{0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}};
     EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, damaged); }), "A sequence parameter set cannot be read");
   }
+  ParameterSets cropped, cut;  // to less than nothing, and behind the bit depths
+  cut.spsArray = {HEVCSPS{}.bytes()};
+  cut.ppsArray = {hevcPPS(0, 0x80)};
+  EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::hevc, cut); }), "");
+  cropped.spsArray = {AVCSPS{.widthInMbs = 1, .cropRight = 100}.bytes()};
+  cropped.ppsArray = {avcPPS()};
+  EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::avc, cropped); }), "");
 }
 
 }  // namespace

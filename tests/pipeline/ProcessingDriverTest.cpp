@@ -384,6 +384,9 @@ TEST_F(ProcessingDriverTest, TheGateLetsNoneThroughOnceItIsClosed) {
   const auto record = [](int64_t id) { return ProcessingState{.downloadId = id, .fileURL = "/clip.mp4"}; };
   const auto first = admit(record(1));
   EXPECT_EQ(admit(record(2)).position, 1U);
+  store_.removeState(1);
+  EXPECT_EQ(gate_.expire()->downloadId, 1);
+  EXPECT_TRUE(store_.loadState(1) && first.token->isCancelled()) << "what ends with the background time is stored";
   store_.saveState(record(3));
   gate_.close();
   EXPECT_FALSE(gate_.endRun(first.token, {}, [](int64_t) { return true; }).start) << "the line waits";

@@ -64,6 +64,14 @@ Edit userData(std::initializer_list<Bytes> boxes) {
   };
 }
 
+/// A still from the media time on, behind all pictures.
+Edit still(uint64_t length, int64_t from) {
+  return [=](Movie& m) {
+    m.video.edits = {{400, 80}, {length, from}};
+    m.edit = [](BoxEditor& editor) { editor.setField(editor.at("moov/trak/edts/elst").offset + 36, 0); };
+  };
+}
+
 struct HarmCase {
   const char* name;
   Edit before;
@@ -126,6 +134,9 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
        Words{"parts of the sound move by up to 18 ms against each other"}},
       {"a damaged list counts as none", audioList({{400, -2}}), audioList({}), {}},
       {"a list that becomes damaged", audioList({}), audioList({{400, -2}}), {"the edit list of the sound is damaged"}},
+      {"a still lasts half as long", still(100, 80), still(50, 80), {"50 ms of the video is hidden"}},
+      {"a still of another moment", still(100, 80), still(100, 160),
+       Words{"100 ms of the video is hidden", "100 ms of the video is played that was not"}},
       {"packets are lost", nothing, [](Movie& m) { m.audio.samples = 19; },
        Words{"1 packet of the sound is lost", "20 ms of the sound is hidden"}},
       {"a second sound is lost", [](Movie& m) { m.more = {m.audio}, m.more[0].trackID = 3; }, nothing,

@@ -110,6 +110,14 @@ TEST_F(PresentationTest, AnEditHoldsOrRunsAtItsOwnRate) {
     EXPECT_EQ(shown.samplesShown, c.shown);
     EXPECT_EQ(shown.shownTo, c.to);
   }
+  // A still of a moment ahead of the first picture shows none, nor does one behind the last.
+  for (const auto& [from, to] : {std::pair(79, 400ms), {80, 500ms}, {479, 500ms}, {480, 400ms}}) {
+    SyntheticTrack track = pictures();
+    track.edits = {{400, 80}, {100, from}};
+    BoxEditor editor(syntheticMovie({track}));
+    editor.setField(editor.at("moov/trak/edts/elst").offset + 36, 0);
+    EXPECT_EQ(read(editor.bytes).tracks().at(0).shownTo, to) << from;
+  }
 }
 
 TEST_F(PresentationTest, TimesAreExactInCoarseAndFineTimescales) {

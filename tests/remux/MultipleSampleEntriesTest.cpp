@@ -53,9 +53,20 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
     Bytes video =
         trackBox("vide", {sampleDescriptionBox({other, inUse, other}), box("stsz", {values({0, 0, count}), sizes}),
                           fullBox("stsc", {1, 1, count, 2}), fullBox("stco", {1, 8})});
-    write(joined({box("mdat", {media}), box("moov", {box("trak", {mediaBox("soun")}), video})}));
+    const Bytes moov = box("moov", {box("trak", {mediaBox("soun")}), video}),
+                movie = joined({box("mdat", {media}), moov});
+    write(movie);
     repair(true);
     EXPECT_EQ(describe(written()), result);
+    if (result.starts_with("hvc1 0x0")) continue;  // one entry
+    // Segments that nobody has found yet.
+    auto file = open(movie);
+    const MP4BoxInfo place = *MP4BoxUtils::findTopLevelBox(*file, "moov");
+    MP4Remuxer::remuxWithMultipleSampleEntries(files_, file_, place, moov, 2, *file, timings_);
+    EXPECT_EQ(describe(written()), result);
+    file = open(movie);
+    MP4Remuxer::writeAtomicMP4(files_, file_, place, BoxEditor(written()).get("moov"), *file, timings_);
+    EXPECT_EQ(written(), movie) << "the moov as it was";
   }
   EXPECT_TRUE(log_.contains("Using sample description index 2 (entry 1) as template"));
   auto record = readHvcC(ByteView(BoxEditor(written()).get(sampleTable + "/stsd/hvc1/hvcC")).subspan(8));

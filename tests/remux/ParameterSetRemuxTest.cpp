@@ -52,6 +52,22 @@ TEST_F(RemuxTest, IsCancelledAheadOfEachLongStep) {
   }
 }
 
+TEST_F(RemuxTest, SaysWhatIsGoneWhereTheFileShrinksMeanwhile) {
+  const Bytes source = MovieLayout(readFile(files_, encodedVideo(inBand(true)))).moovAhead();
+  const Bytes movie = joined({withoutParameterSets(source, true), box("free", {Bytes(40)}), Bytes(5, 7)});
+  FaultyFileManager files(files_);
+  for (const auto& [missing, words] : {std::pair(3u, "Write error: Failed to copy the end of the file"),
+                                       {20u, "Write error: Failed to stream free box"},
+                                       {100u, "Write error: Failed to copy mdat"}}) {
+    write(movie);
+    const auto shrink = [&, size = movie.size() - missing] { std::filesystem::resize_file(file_, size); };
+    files.arm({.call = 3, .errnum = 0, .among = {FileOperation::open}, .strike = shrink});  // that of the new file
+    EXPECT_EQ(failureOf([&] { repair(true, files); }), words);
+    EXPECT_EQ(written(), Bytes(movie.begin(), movie.end() - missing));
+    expectNothingLeftBehind();
+  }
+}
+
 /// A file system with so many bytes free.
 struct TightFileManager : ForwardingFileManager {
   using ForwardingFileManager::ForwardingFileManager;

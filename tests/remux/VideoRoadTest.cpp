@@ -160,6 +160,9 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"both under hev1", {hev1(hvcC(h))}, {full, full}, tag, "111 "},
       {"one kind that hvcC has", {hvc1(hvcC(h))}, {of({h.pps, slice}), none}, same},
       {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, one, "112 "},
+      {"the last identifier", {hev1(hvcC(h))}, {of({hevcPPS(63, 0x80), slice}), none}, one, "112 "},
+      {"an identifier behind the last", {hev1(hvcC(h))}, {of({hevcPPS(64, 0x80), slice}), none}, tag, "111 "},
+      {"of an SPS behind the last", {hev1(hvcC(h))}, {of({hevcPPS(5, 9), slice}), none}, tag, "111 "},
       {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
       {"nothing anywhere", Units{hev1({})}, Units{none, none}, same, "",
        lacks + " what a decoder needs (no VPS, no SPS, no PPS)"},
@@ -367,6 +370,12 @@ TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnowAndEndsWhereItIsCancelled) {
   ProcessingRun cancelled = recorder.runOn(files_, file_);
   EXPECT_THROW(RemuxStep().run(cancelled), CancellationError);
   EXPECT_EQ(recorder.stages, "");
+  recorder.token = std::make_shared<CancellationToken>();
+  recorder.onSave = [&](const ProcessingState&) { recorder.token->cancel(); };
+  write(readFile(files_, encodedVideo({})));
+  ProcessingRun healthy = recorder.runOn(files_, file_);
+  EXPECT_THROW(RemuxStep().run(healthy), CancellationError);
+  EXPECT_EQ(recorder.stages, "remuxing ") << "nor is what needs no repair called done";
 }
 
 /// A file system on which each `moov` that is written loses the duration of its first samples.

@@ -186,9 +186,18 @@ TEST_F(SyncFixer, ShowsItsResultToTheCheckAndTakesItsWord) {
     result = readFile(files_, path);
     throw RefusedResult("it would do harm");
   };
+  FaultyFileManager files(files_);
   const auto fixAsOrdered = [&](const RewriteCheck& check) {
-    return MP4AVSyncFixer::fix(files_, file_, nullptr, nullptr, std::nullopt, false, nullptr, &order, check);
+    return MP4AVSyncFixer::fix(files, file_, nullptr, nullptr, std::nullopt, false, nullptr, &order, check);
   };
+  const uint64_t reads = files.sweep({.among = {FileOperation::read}}, [&](uint64_t call) {
+    const std::string failure = failureOf([&] { fixAsOrdered({}); });
+    EXPECT_NE(failure.empty(), files.fired()) << call;
+    EXPECT_FALSE(failure.starts_with("Fix error")) << "a disk that fails is no fault of the file";
+    write(source);
+  });
+  EXPECT_GT(reads, 3u);
+  files.disarm();
   EXPECT_THROW(fixAsOrdered(refuse), RefusedResult);
   EXPECT_EQ(written(), source);
   EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), 1u) << "the temp file is gone";
