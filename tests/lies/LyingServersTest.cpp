@@ -228,11 +228,7 @@ std::vector<Lie> liesOfRange() {
       {"416 unasked", {}, {.status = 416}, "HTTP status 416", 1},
       {"416 without reason", {cutShort, {.status = 416}}, {}, one, 3},
       {"416 that calls a half the whole", {cutShort, noMore}, {}, one, 3},
-      {"416 that calls chunks whole",
-       {{.chunked = true, .closeAfter = cut}, {.status = 416, .fields = "Content-Range: bytes */100000\r\n"}},
-       {},
-       one,
-       3},
+      {"416 that calls chunks whole", {{.chunked = true, .closeAfter = cut}, noMore}, {}, one, 3},
   };
 }
 
@@ -288,11 +284,6 @@ class LyingServers : public testing::Test {
   }
   void TearDown() override { ::setrlimit(RLIMIT_FSIZE, &before_); }
 
-  static bool isSlow(const Lie& lie) {
-    return lie.afterwards.stallAfter || lie.afterwards.pause.count() > 0 ||
-           (!lie.replies.empty() && lie.replies[0].stallAfter);
-  }
-
   /// Lets a transfer hear the lie.
   void hear(const Lie& lie, const std::string& host = "127.0.0.1") {
     SCOPED_TRACE(lie.name);
@@ -301,10 +292,10 @@ class LyingServers : public testing::Test {
     std::string url = server.url("/file");
     url.replace(url.find("127.0.0.1"), 9, host);
     Harness harness;
-    if (isSlow(lie)) {
-      harness.options.stallTime = 250ms;
-      harness.options.maximumTries = 2;
-    }
+    const bool isSlowOnce = !lie.replies.empty() && lie.replies[0].stallAfter;
+    const bool isSlow = lie.afterwards.stallAfter || lie.afterwards.pause > 0ms;
+    if (isSlow || isSlowOnce) harness.options.stallTime = isSlow ? 250ms : 1000ms;
+    if (isSlow) harness.options.maximumTries = 2;
     harness.start();
     std::ofstream("/proc/self/clear_refs") << "5";
     const uint64_t memory = peakMemory();
@@ -461,16 +452,8 @@ std::vector<Lie> liesOfHTTP2() {
       {"a reset in the body", {says(some + frame(reset, 0, number))}, whole, one, 2},
       {"gone away in the body", {says(some + frame(away, 0, number + number, 0))}, whole, one, 2},
       {"a body that ends early", {says(head + frame(data, ends, "abc"))}, whole, one, 2},
-      {"a body beyond its length",
-       {},
-       says(most + frame(data, ends, std::string(10'001, 'x'))),
-       "remaining to read",
-       6},
-      {"a head without end",
-       {},
-       says(ready + frame(headers, 0, status), frame(more, 0, field("x", "y"))),
-       "CONTINUATION",
-       5},
+      {"a body beyond its length", {}, says(most + frame(data, ends, std::string(10'001, 'x'))), "remaining", 6},
+      {"a head without end", {}, says(ready + frame(headers, 0, status), frame(more, 0, "")), "CONTINUATION", 5},
       {"a reference to no field", {}, says(ready + frame(headers, headIsWhole, "\xfe")), nothing, 5},
       {"no status", {}, says(ready + frame(headers, headIsWhole, field("x", "y"))), nothing, 5},
       {"a frame of 16 MiB", {}, says(ready + "\xff\xff\xff\0\0\0\0\0\1"s, "x"), nothing, 5},
