@@ -14,7 +14,9 @@ Date dateOfText(const std::string& text) {
   std::tm parts{};
   const char* const end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (end != text.c_str() + text.size()) return {};
-  return std::chrono::system_clock::from_time_t(::timegm(&parts));
+  const std::time_t seconds = ::timegm(&parts);
+  constexpr auto latest = std::chrono::floor<std::chrono::seconds>(Date::max().time_since_epoch()).count();
+  return seconds >= -latest && seconds <= latest ? std::chrono::system_clock::from_time_t(seconds) : Date{};
 }
 
 }  // namespace tarn
