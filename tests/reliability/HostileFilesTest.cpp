@@ -51,13 +51,6 @@ Edit set(const Place& place, size_t offset, const Bytes& fields) {
 Edit size(const Place& place, uint32_t size) {
   return set(place, 0, values({size}));
 }
-Edit longSize(const Place& place, uint64_t size) {
-  return [=](BoxEditor& movie) {
-    const size_t at = place.in(movie).offset;
-    writeUInt32(movie.bytes, 1, at);
-    writeUInt64(movie.bytes, size, at + 8);
-  };
-}
 Edit put(const Place& place, const Bytes& box) {
   return [=](BoxEditor& movie) { movie.replace(place.in(movie), box); };
 }
@@ -78,6 +71,10 @@ Edit all(const std::vector<Edit>& edits) {
 }
 Edit rename(const Place& place, std::string_view type) {
   return set(place, 4, Bytes(type.begin(), type.end()));
+}
+Edit longSize(const Place& place, uint64_t length) {
+  return all(
+      {size(place, 1), set(place, 8, values({static_cast<uint32_t>(length >> 32), static_cast<uint32_t>(length)}))});
 }
 
 // --- Bombs ---
@@ -269,6 +266,9 @@ TEST_F(HostileFiles, BombsInTheTables) {
         {"SgpdOf4Gi", into(sampleTable, box("sgpd", {bytesFrom("01000000 'roll' 00000000 FFFFFFFF")}))},
         {"SaizOf4Gi", all({into(sampleTable, box("saiz", {bytesFrom("00000000 01 FFFFFFFF")})),
                            into(sampleTable, fullBox("saio", {most, 1}))})}});
+  take("cut off", {"more samples than the file has bytes"},
+       {{"SharedBytes", all({put(stsz, fullBox("stsz", {1, 2'000'000})), put(stsc, fullBox("stsc", {1, 1, 20'000, 1})),
+                             put(stco, table("stco", 100, values({48})))})}});
   take(plain, {"stts names no sample"}, {{"SttsRowsOfNothing", put(stts, table("stts", 500'000, values({0, 1})))}});
   take(plain, {"is beyond repair"},
        {{"SoundWithAGapOfADay", put(ofSound(stts), fullBox("stts", {3, 40, 1024, 1, most, 55, 1024}))},
