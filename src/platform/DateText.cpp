@@ -14,7 +14,10 @@ Date dateOfText(const std::string& text) {
   std::tm parts{};
   const char* const end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (end != text.c_str() + text.size()) return {};
-  const Date date = std::chrono::system_clock::from_time_t(::timegm(&parts));
+  const std::time_t seconds = ::timegm(&parts);
+  constexpr auto latest = std::chrono::floor<std::chrono::seconds>(Date::max().time_since_epoch()).count();
+  if (seconds < -latest || seconds > latest) return {};
+  const Date date = std::chrono::system_clock::from_time_t(seconds);
   return dateText(date) == text ? date : Date{};  // timegm() takes February 31
 }
 

@@ -4,10 +4,20 @@
 
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
+#include "presentation/TrackWords.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
 namespace {
+
+/// Of samples that the tables place behind the end of the file.
+void warnOfMissing(ProcessingRun& run, const Presentation& movie) {
+  for (const TrackPresentation& track : movie.tracks()) {
+    if (track.locations.countInFile() == track.locations.count()) continue;
+    run.warn(fmt::format("A part of the {} is not in the file, and no repair brings it back",
+                         trackWords(movie, track.handler, track.trackID)));
+  }
+}
 
 /// Writes the edit lists that are wrong anew; false if there are none.
 bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
@@ -15,6 +25,7 @@ bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
   const auto presentation = Presentation::read(run.files, run.fileURL);
   const SyncFixOrder order = orderSyncFix(presentation);
   timings.analyzeSync = timer.stop();
+  warnOfMissing(run, presentation);
   if (!order.isNeeded()) return false;
   for (const auto& track : order.tracks)
     log("Track {} needs another edit list, since {}", track.trackID, track.list.reason);

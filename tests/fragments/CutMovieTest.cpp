@@ -225,23 +225,6 @@ TEST_F(CutMovieTest, TellsWhatIsLostHoweverOftenItIsKilled) {
   }
 }
 
-/// Chunks that share bytes let a few bytes promise any number of samples.
-TEST_F(CutMovieTest, LeavesTablesThatPromiseMoreThanTheFileHolds) {
-  constexpr uint32_t chunks = 200, farAway = 100000;
-  BoxEditor editor(syntheticMovie({tenths("soun", 120)}, 10));
-  Bytes places = values({0, chunks});
-  for (uint32_t i = 1; i < chunks; ++i) ByteWriter(places).uint32(8);
-  ByteWriter(places).uint32(farAway);
-  for (const Bytes& table :
-       {fullBox("stsz", {1, 100 * chunks}), fullBox("stsc", {1, 1, 100, 1}), box("stco", {places})}) {
-    editor.replace(editor.at(sampleTable + "/" + std::string(textOf(ByteView(table).subspan(4, 4)))), table);
-  }
-  const Bytes file = joined({editor.bytes, boxClaiming(farAway, "mdat", {Bytes(9)})});
-  EXPECT_EQ(runStep(file), "");
-  EXPECT_EQ(written(), file);
-  EXPECT_FALSE(isCutOff(files_, file_));
-}
-
 TEST_F(CutMovieTest, LetsTimesFollowTheSamples) {
   const auto with = [](SyntheticTrack track, std::vector<std::pair<uint64_t, int64_t>> edits) {
     track.edits = std::move(edits);

@@ -4,12 +4,10 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <random>
 
 #include "audio/AudioRepairDecision.h"
 #include "engine/Repair.h"
 #include "fragments/CutMovie.h"
-#include "fragments/FragmentsStep.h"
 #include "inspect/InspectionJSON.h"
 #include "inspect/InspectionPlot.h"
 #include "inspect/InspectionText.h"
@@ -17,7 +15,6 @@
 #include "media/AVAsset.h"
 #include "platform/Capacitor.h"
 #include "presentation/Presentation.h"
-#include "remux/RemuxStep.h"
 #include "remux/VideoPlan.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
@@ -25,7 +22,6 @@
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
-#include "support/RunRecorder.h"
 #include "support/SyntheticMovie.h"
 #include "support/TarnProcess.h"
 #include "sync/MP4AVSyncFixer.h"
@@ -260,46 +256,6 @@ TEST_F(InspectTest, TellsHowTheSoundLiesToThePictureWhereTheFileTellsIt) {
   const auto told = testing::HasSubstr("the sound starts level with the picture and ends 0.040 s ahead of the picture");
   EXPECT_THAT(inspectionText(inspection), told);
   EXPECT_THAT(inspectionPlot(inspection), told);
-}
-
-/// Whatever bytes of the tables are wrong: there is an answer, the source stays, the step does as was said, and names a
-/// problem for each change.
-TEST_F(InspectTest, AnswersForAnyDamage) {
-  std::mt19937 random(11);
-  for (const bool isHEVC : {true, false}) {
-    const Bytes& whole = damagedMovie(isHEVC ? "hev1 with late sound" : "AVC of two sizes");
-    const auto moov = BoxEditor(whole).at("moov");
-    for (int round = 0; round < 150; ++round) {
-      SCOPED_TRACE((isHEVC ? "HEVC " : "AVC ") + std::to_string(round));
-      Bytes bytes = whole;
-      for (int i = 0; i < 1 + round % 4; ++i) {
-        const uint8_t value[] = {0, 1, 0x7F, 0xFF, static_cast<uint8_t>(random())};
-        bytes[moov.offset + random() % moov.size] = value[random() % 5];
-      }
-      if (round % 10 == 0) bytes.resize(random() % bytes.size());
-      const Inspection promise = inspectBytes(bytes);
-      SCOPED_TRACE(inspectionText(promise));
-      EXPECT_TRUE(JSObject::parse(inspectionJSON(promise)));
-      EXPECT_EQ(promise.problems.empty(), promise.verdict.kind == Verdict::Kind::nothingToRepair);
-      EXPECT_EQ(promise.changesFile, std::ranges::any_of(promise.problems, [&](const Problem& problem) {
-                  return isMended(problem, promise);
-                }));
-      ASSERT_EQ(written(), bytes);
-      if (promise.remux.kind == Remux::skipped) continue;
-      RunRecorder recorder;
-      ProcessingRun run = recorder.runOn(files_, file_);
-      // What the step before it says stands in its forecast.
-      const std::string refusalAhead = failureOf([&] { FragmentsStep().run(run); });
-      using Fragments = FragmentsForecast::Kind;
-      EXPECT_EQ(refusalAhead, promise.fragments.kind == Fragments::refuses ? promise.fragments.reason : "");
-      if (!refusalAhead.empty()) continue;
-      const Bytes ahead = written();
-      EXPECT_EQ(ahead != bytes, promise.fragments.changesFile());
-      const std::string refusal = failureOf([&] { RemuxStep().run(run); });
-      EXPECT_EQ(refusal, promise.remux.kind == Remux::refuses ? promise.remux.reason : "");
-      EXPECT_EQ(written() != ahead, promise.remux.changesFile);
-    }
-  }
 }
 
 /// Whoever looks at a movie fails when it cannot be read: no box counts as missing then, and no file as healthy.

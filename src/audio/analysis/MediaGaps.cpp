@@ -13,6 +13,8 @@ namespace tarn {
 namespace {
 
 constexpr double longestFirstPacket = 0.25;  // seconds that it may last longer than it holds
+constexpr double longestPacket = 1;          // seconds; what lasts longer is no sound
+constexpr double mostOverlong = 60;          // seconds of that in all; more of it is drift
 constexpr size_t mostEdits = 1000;           // that are looked through for each gap
 constexpr double harmlessRounding = 0.001;   // of the time that passes
 
@@ -33,6 +35,16 @@ class ShownMedia {
     return std::nullopt;
   }
 
+  /// Seconds for which a stretch of media is shown.
+  double lengthOf(int64_t start, int64_t end) const {
+    double ticks = 0;
+    for (const MediaEdit& edit : edits_) {
+      ticks +=
+          static_cast<double>(std::max<int64_t>(std::min(end, edit.mediaEnd) - std::max(start, edit.mediaStart), 0));
+    }
+    return ticks / timescale_;
+  }
+
  private:
   std::vector<MediaEdit> edits_;
   int32_t timescale_;
@@ -51,6 +63,9 @@ class GapFinder {
     total_ += count.samples;
     passed_ += count.seconds();
     expectedEnd_ = start + buffer.duration;
+    if (buffer.duration.seconds() > longestPacket) {
+      overlong_ += std::max(shown_.lengthOf(ticks(start), ticks(expectedEnd_)) - longestPacket, 0.0);
+    }
   }
 
   InternalGapResult finish() {
@@ -59,6 +74,7 @@ class GapFinder {
     const double tick = 1.0 / timescale_;
     const bool isRounding = largestJump_ < tick && std::abs(drift_) < passed_ * harmlessRounding;
     result_.sampleBasedDriftMs = isRounding ? 0 : std::abs(drift_) * 1000;
+    if (overlong_ > mostOverlong) result_.sampleBasedDriftMs += overlong_ * 1000;
     return std::move(result_);
   }
 
@@ -97,6 +113,7 @@ class GapFinder {
   double passed_ = 0;  // seconds, as are these
   double drift_ = 0;
   double largestJump_ = 0;
+  double overlong_ = 0;  // of packets whose codec does not tell their length
 };
 
 }  // namespace
