@@ -7,8 +7,8 @@ TARN is the command; needs ffmpeg, espeak-ng and numpy. Three recordings, of spe
 of their sound near the beginning and overlap a little later, so that `tarn repair` encodes all of it. From 5 s on both
 results are compared with what the recording's own sound decodes to: segmental SNR (of packets of 1024 frames, each cut
 to -10..60 dB) and log-spectral distance (0 to 16 kHz, above -60 dB of the loudest bin). Tarn encodes in segments of
-2100 packets; a seam is two packets on each side of a border. Exits with 1 if the seams' SNR is more than 3 dB below the
-median packet's, or below what the one run makes of the same packets.
+2100 packets; a seam is the four packets that a new encoder begins with. Exits with 1 if the
+seams' median SNR is more than 3 dB below the median packet's, or below what the one run makes of the same packets.
 """
 import pathlib
 import subprocess
@@ -145,7 +145,7 @@ def compare(tarn, directory, name, samples):
     source = decoded(plain)
     ours, our_distance, first, shift = measured(source, repaired)
     theirs, their_distance, their_first, their_shift = measured(source, encoded)
-    seams = [n + k - first for n in range(SEGMENT, first + len(ours), SEGMENT) for k in (-2, -1, 0, 1)]
+    seams = [n + k - first for n in range(SEGMENT, first + len(ours), SEGMENT) for k in range(4)]
     seams = [n for n in seams if 0 <= n < len(ours) and not numpy.isnan(ours[n])]
     # The one run's packets that hold the same sound; their borders lie elsewhere.
     beside = [round(n + first - their_first + (shift - their_shift) / PACKET) for n in seams]
