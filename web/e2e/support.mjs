@@ -171,10 +171,10 @@ export class Tarn {
   }
 }
 
-export function launchBrowser() {
+export function launchBrowser(args = []) {
   return chromium.launch({
     executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
-    args: process.getuid() === 0 ? ['--no-sandbox'] : [],
+    args: process.getuid() === 0 ? ['--no-sandbox', ...args] : args,
   });
 }
 

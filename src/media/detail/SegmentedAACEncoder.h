@@ -18,13 +18,15 @@
 namespace tarn {
 
 /// Encodes a stream of PCM on several threads: in segments of about 45 s, each by an encoder of its own that has heard
-/// the 64 packets before it and some after it. The packets are those of the stream without priming: packet n holds
+/// the packets before it and some after it. The packets are those of the stream without priming: packet n holds
 /// the frames from n * 1024 on. They do not depend on the number of workers. Calls come from one thread; `failure`,
 /// `hasRoom` and `cancel` from any.
 class SegmentedAACEncoder {
  public:
   static constexpr size_t packetsPerSegment = 2100;
-  static constexpr size_t warmUpPackets = 64;
+  /// So many packets its rate control may need to come to rest: with fewer, a segment of steady tones begins 14 dB worse
+  /// than the one before it ends.
+  static constexpr size_t warmUpPackets = 256;
   /// The encoder looks ahead: a packet comes out when this many more have gone in.
   static constexpr size_t lookAheadPackets = 4;
   static constexpr size_t mostWaitingSegments = 1;
