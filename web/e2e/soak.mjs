@@ -358,7 +358,7 @@ async function work(soak, pages, watch) {
 
 function judge(watch, atRest, after) {
   for (const what of Object.keys(figures).sort()) console.log(`  ${what}: ${figures[what]}`);
-  watch.judge('memory', 'KiB', (before) => Math.round(before / 10) + 8192);
+  watch.judge('memory', 'KiB', (before) => Math.round(before / 20) + 4096);
   watch.judge('descriptors', '', () => 8);
   watch.judge('threads', '', () => 4);
   console.log(`  at rest, before and after: ${JSON.stringify(atRest)}, ${JSON.stringify(after)}`);
