@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <functional>
-
 #include "fragments/FragmentsTest.h"
 #include "mp4/EditList.h"
 #include "mp4/MP4SampleTableParser.h"
@@ -44,17 +42,22 @@ Bytes numbered(uint32_t size) {
   return bytes;
 }
 
-/// A `moof` and its media. `make` is given the place of the first media byte, counted from the `moof`.
-Bytes fragment(const std::function<Bytes(uint32_t media)>& make, uint32_t mediaSize = 60) {
-  const auto size = static_cast<uint32_t>(box("moof", {make(0)}).size());
-  return joined({box("moof", {make(size + 8)}), box("mdat", {numbered(mediaSize)})});
+/// Stands in a `moof` for the place of its first media byte, counted from the `moof`.
+constexpr uint32_t media = 0x5EED0000;
+
+/// A `moof` and its media.
+Bytes fragment(const Bytes& trafs, uint32_t mediaSize = 60) {
+  BoxEditor moof(box("moof", {trafs}));
+  const auto size = static_cast<uint32_t>(moof.bytes.size());
+  for (size_t at = 0; at + 4 <= size; ++at) {
+    if (moof.field(at) >> 16 == media >> 16) moof.setField(at, moof.field(at) - media + size + 8);
+  }
+  return joined({moof.bytes, box("mdat", {numbered(mediaSize)})});
 }
 
 /// The same of one `traf` of track 1 with samples of 10 ticks and 2 bytes, from `time` on.
 Bytes simpleFragment(uint32_t time, uint32_t count, uint32_t firstFlags = 0) {
-  return fragment([=](uint32_t media) {
-    return traf({tfhd(0x20038, {1, 10, 2, nonSync}), tfdt(time), trun(0x5, {count, media, firstFlags})});
-  });
+  return fragment(traf({tfhd(0x20038, {1, 10, 2, nonSync}), tfdt(time), trun(0x5, {count, media, firstFlags})}));
 }
 
 constexpr uint32_t videoScale = 1000, soundScale = 500, movieScale = 1000;
@@ -81,10 +84,6 @@ Bytes beginning(const Beginning& with = {}) {
   const auto moov = editor.at("moov");
   editor.insert("moov", moov.end(), box("mvex", {fullBox("trex", {1, 1, 10, 2, 0}), fullBox("trex", {2, 1, 5, 3, 0})}));
   return editor.bytes;
-}
-
-Bytes movieOf(const Bytes& start, const Bytes& fragments) {
-  return joined({start, fragments});
 }
 
 /// Each sample of a track: decoding time and composition offset, size, first byte, K for a sync sample, description and
@@ -129,53 +128,38 @@ TEST_F(FragmentsTest, DefaultsAndPlacesFollowTheStandard) {
     std::string pictures;
     std::string sound = " | 0";
   } rows[] = {
-      {"defaults of the trex", fragment([](uint32_t media) {
-         return traf({tfhd(0x20000, {1}), trun(0x1, {2, media})});
-       }),
-       "0+0 2:0K, 10+0 2:2K | 20"},
-      {"tfhd over trex, first_sample_flags for the first alone", fragment([](uint32_t media) {
-         return traf(
-             {tfhd(0x2003A, {1, 2, 7, 4, nonSync | dependsOnOthers}), trun(0x5, {3, media, 2 * dependsOnOthers})});
-       }),
+      {"defaults of the trex", fragment(traf({tfhd(0x20000, {1}), trun(0x1, {2, media})})), "0+0 2:0K, 10+0 2:2K | 20"},
+      {"tfhd over trex, first_sample_flags for the first alone",
+       fragment(
+           traf({tfhd(0x2003A, {1, 2, 7, 4, nonSync | dependsOnOthers}), trun(0x5, {3, media, 2 * dependsOnOthers})})),
        "0+0 4:0K entry 2 depends 0x20, 7+0 4:4 entry 2 depends 0x10, 14+0 4:8 entry 2 depends 0x10 | 21"},
-      {"trun over tfhd", fragment([](uint32_t media) {
-         return traf({tfhd(0x20038, {1, 7, 4, nonSync}),
-                      trun(0xF01, {2, media, 3, 1, 0, 5, 4, 6, nonSync, static_cast<uint32_t>(-2)})});
-       }),
+      {"trun over tfhd",
+       fragment(traf({tfhd(0x20038, {1, 7, 4, nonSync}),
+                      trun(0xF01, {2, media, 3, 1, 0, 5, 4, 6, nonSync, static_cast<uint32_t>(-2)})})),
        "0+5 1:0K, 3-2 6:1 | 7"},
-      {"signed offsets", fragment([](uint32_t media) {
-         return traf({tfhd(0x20000, {1}), trun(0x1000801, {2, media, static_cast<uint32_t>(-4), 8})});
-       }),
+      {"signed offsets",
+       fragment(traf({tfhd(0x20000, {1}), trun(0x1000801, {2, media, static_cast<uint32_t>(-4), 8})})),
        "0-4 2:0K, 10+8 2:2K | 20"},
-      {"a second run behind the first, and one at a place of its own", fragment([](uint32_t media) {
-         return traf({tfhd(0x20000, {1}), trun(0x1, {2, media}), trun(0, {1}), trun(0x1, {1, media + 20})});
-       }),
+      {"a second run behind the first, and one at a place of its own",
+       fragment(traf({tfhd(0x20000, {1}), trun(0x1, {2, media}), trun(0, {1}), trun(0x1, {1, media + 20})})),
        "0+0 2:0K, 10+0 2:2K, 20+0 2:4K, 30+0 2:20K | 40"},
-      {"a base in the file", fragment([&](uint32_t media) {
-         return traf({tfhd(0x1, {1, 0, start + media + 9}), trun(0x1, {1, 3})});
-       }),
+      {"a base in the file", fragment(traf({tfhd(0x1, {1, 0, start + media + 9}), trun(0x1, {1, 3})})),
        "0+0 2:12K | 10"},
-      {"a negative offset", fragment([&](uint32_t media) {
-         return traf({tfhd(0x1, {1, 0, start + media + 9}), trun(0x1, {1, static_cast<uint32_t>(-4)})});
-       }),
+      {"a negative offset",
+       fragment(traf({tfhd(0x1, {1, 0, start + media + 9}), trun(0x1, {1, static_cast<uint32_t>(-4)})})),
        "0+0 2:5K | 10"},
-      {"a later traf counts from the end of the data of the one ahead of it", fragment([](uint32_t media) {
-         return joined({traf({tfhd(0, {1}), trun(0x1, {2, media + 1})}), traf({tfhd(0, {2}), trun(0x1, {2, 3})})});
-       }),
+      {"a later traf counts from the end of the data of the one ahead of it",
+       fragment(joined({traf({tfhd(0, {1}), trun(0x1, {2, media + 1})}), traf({tfhd(0, {2}), trun(0x1, {2, 3})})})),
        "0+0 2:1K, 10+0 2:3K | 20", "0+0 3:8K, 5+0 3:11K | 10"},
-      {"or from the moof", fragment([](uint32_t media) {
-         return joined({traf({tfhd(0x20000, {1}), trun(0x1, {2, media})}),
-                        traf({tfhd(0x20000, {2}), trun(0x1, {2, media + 30})})});
-       }),
+      {"or from the moof",
+       fragment(joined({traf({tfhd(0x20000, {1}), trun(0x1, {2, media})}),
+                        traf({tfhd(0x20000, {2}), trun(0x1, {2, media + 30})})})),
        "0+0 2:0K, 10+0 2:2K | 20", "0+0 3:30K, 5+0 3:33K | 10"},
-      {"an empty traf", fragment([](uint32_t media) {
-         return joined({traf({tfhd(0x30000, {2}), tfdt(77)}), traf({tfhd(0x20000, {1}), trun(0x1, {1, media})})});
-       }),
+      {"an empty traf",
+       fragment(joined({traf({tfhd(0x30000, {2}), tfdt(77)}), traf({tfhd(0x20000, {1}), trun(0x1, {1, media})})})),
        "0+0 2:0K | 10"},
       {"samples of several fragments that share bytes",
-       joined({simpleFragment(0, 2), fragment([&](uint32_t) {
-                 return traf({tfhd(0x1, {1, 0, start}), trun(0x1, {1, 0}), trun(0x1, {1, 0})});
-               })}),
+       joined({simpleFragment(0, 2), fragment(traf({tfhd(0x1, {1, 0, start}), trun(0x1, {1, 0}), trun(0x1, {1, 0})}))}),
        "0+0 2:0K, 10+0 2:2, 20+0 2:0K, 30+0 2:0K | 40"},
   };
   for (const auto& row : rows) {
@@ -213,14 +197,12 @@ TEST_F(FragmentsTest, TheTimesOfFragmentsHold) {
       {"back, and a gap then", joined({simpleFragment(0, 9), simpleFragment(0, 2), simpleFragment(90, 9)}),
        "refused: The time of track 1 goes back by 0.070 s, to samples that do not go on as long", ""},
       {"a gap beyond 32 bits",
-       joined(
-           {simpleFragment(0, 3), simpleFragment(UINT32_MAX, 1), fragment([](uint32_t media) {
-              return traf({tfhd(0x20038, {1, 10, 2, nonSync}), full("tfdt", 1U << 24, {3, 0}), trun(0x1, {1, media})});
-            })}),
+       joined({simpleFragment(0, 3), simpleFragment(UINT32_MAX, 1),
+               fragment(
+                   traf({tfhd(0x20038, {1, 10, 2, nonSync}), full("tfdt", 1U << 24, {3, 0}), trun(0x1, {1, media})}))}),
        "refused: Track 1 has a gap of 8589935 s, which no sample table can say", ""},
-      {"an impossible time", fragment([](uint32_t media) {
-         return traf({tfhd(0x20000, {1}), full("tfdt", 1U << 24, {1U << 31, 0}), trun(0x1, {1, media})});
-       }),
+      {"an impossible time",
+       fragment(traf({tfhd(0x20000, {1}), full("tfdt", 1U << 24, {1U << 31, 0}), trun(0x1, {1, media})})),
        "refused: Track 1 begins at an impossible time", ""},
   };
   for (const auto& row : rows) {
@@ -245,15 +227,13 @@ std::string editsOf(FileManager& files, const Path& path, MP4TrackType type) {
 /// Ten pictures of 10 ticks from `videoTime` on, composed 20 ticks later, and ten packets of 5 ticks (10 ms) from
 /// `soundTime` on, composed so much later.
 Bytes both(uint32_t videoTime, uint32_t soundTime, int32_t soundOffset = 0) {
-  const auto run = [](uint32_t media, int32_t offset) {
+  const auto run = [](uint32_t place, int32_t offset) {
     Bytes entries;
     for (int i = 0; i < 10; ++i) ByteWriter(entries).uint32(static_cast<uint32_t>(offset));
-    return box("trun", {values({0x1000801, 10, media}), entries});
+    return box("trun", {values({0x1000801, 10, place}), entries});
   };
-  return fragment([=](uint32_t media) {
-    return joined({traf({tfhd(0x20000, {1}), tfdt(videoTime), run(media, 20)}),
-                   traf({tfhd(0x20000, {2}), tfdt(soundTime), run(media + 30, soundOffset)})});
-  });
+  return fragment(joined({traf({tfhd(0x20000, {1}), tfdt(videoTime), run(media, 20)}),
+                          traf({tfhd(0x20000, {2}), tfdt(soundTime), run(media + 30, soundOffset)})}));
 }
 
 TEST_F(FragmentsTest, EditsShowTheSameAtTheSameTime) {
@@ -301,12 +281,12 @@ TEST_F(FragmentsTest, EditsShowTheSameAtTheSameTime) {
 
 TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
   const auto withBox = [](const Bytes& extra) {
-    return fragment([=](uint32_t media) { return traf({tfhd(0x20000, {1}), trun(0x1, {1, media}), extra}); });
+    return fragment(traf({tfhd(0x20000, {1}), trun(0x1, {1, media}), extra}));
   };
-  const auto ofRun = [](const Bytes& run) {
-    return fragment([=](uint32_t) { return traf({tfhd(0x20000, {1}), run}); });
-  };
+  const auto ofRun = [](const Bytes& run) { return fragment(traf({tfhd(0x20000, {1}), run})); };
   const Bytes good = simpleFragment(0, 2);
+  Bytes again = tfhd(0x20010, {1, 1});
+  for (int i = 0; i < 60; ++i) again = joined({again, trun(0x1, {60, media})});
   const Bytes piff = bytesFrom("A2394F52 5A9B4F14 A2446C42 7C648DF4");
   BoxEditor otherScale(beginning());
   otherScale.setField(otherScale.at("moov/trak/mdia/mdhd").offset + 20, 999);
@@ -321,41 +301,32 @@ TEST_F(FragmentsTest, WhatCannotBecomePlainStaysAsItIs) {
     Bytes movie;
     std::string words;
   } rows[] = {
-      {"senc", movieOf(beginning(), joined({good, withBox(fullBox("senc", {0}))})), encrypted + " (its fragments"},
-      {"saiz", movieOf(beginning(), withBox(fullBox("saiz", {0}))), encrypted},
-      {"saio", movieOf(beginning(), withBox(fullBox("saio", {0}))), encrypted},
-      {"the older senc", movieOf(beginning(), withBox(box("uuid", {piff}))), encrypted},
-      {"seig", movieOf(beginning(), withBox(box("sbgp", {values({0}), bytesFrom("'seig'"), values({1, 1, 1})}))),
+      {"senc", joined({beginning(), joined({good, withBox(fullBox("senc", {0}))})}), encrypted + " (its fragments"},
+      {"saiz", joined({beginning(), withBox(fullBox("saiz", {0}))}), encrypted},
+      {"saio", joined({beginning(), withBox(fullBox("saio", {0}))}), encrypted},
+      {"the older senc", joined({beginning(), withBox(box("uuid", {piff}))}), encrypted},
+      {"seig", joined({beginning(), withBox(box("sbgp", {values({0}), bytesFrom("'seig'"), values({1, 1, 1})}))}),
        encrypted + " (its samples are in groups"},
-      {"encv", movieOf(beginning({.entry = "encv"}), good), encrypted + " (encv)"},
-      {"a second moov with other entries", movieOf(beginning(), joined({good, beginning({.entry = "hvc1"}), good})),
+      {"encv", joined({beginning({.entry = "encv"}), good}), encrypted + " (encv)"},
+      {"a second moov with other entries", joined({beginning(), joined({good, beginning({.entry = "hvc1"}), good})}),
        "refused: A second movie"},
-      {"a second moov with another timescale", movieOf(beginning(), joined({good, otherScale.bytes, good})),
+      {"a second moov with another timescale", joined({beginning(), joined({good, otherScale.bytes, good})}),
        "refused: A second movie"},
-      {"an entry that is not there", movieOf(beginning(), fragment([](uint32_t media) {
-                                               return traf({tfhd(0x20002, {1, 3}), trun(0x1, {1, media})});
-                                             })),
+      {"an entry that is not there",
+       joined({beginning(), fragment(traf({tfhd(0x20002, {1, 3}), trun(0x1, {1, media})}))}),
        "refused: A sample of track 1 needs sample entry 3 of 2"},
       {"no sample", beginning(), "refused: No sample"},
-      {"a trun that ends before its samples", movieOf(beginning(), ofRun(trun(0x200, {1000, 1, 2, 3}))),
+      {"a trun that ends before its samples", joined({beginning(), ofRun(trun(0x200, {1000, 1, 2, 3}))}),
        stays + "829: a trun promises 1000 samples and ends before them"},
-      {"a tfhd without its fields", movieOf(beginning(), fragment([](uint32_t) { return traf({box("tfhd")}); })),
-       stays},
-      {"no tfhd", movieOf(beginning(), fragment([](uint32_t) { return traf({trun(0, {1})}); })), stays},
-      {"a box that overruns", movieOf(beginning(), withBox(boxClaiming(99, "abcd"))), stays},
-      {"the same bytes again and again", movieOf(beginning(), fragment([](uint32_t media) {
-                                                   Bytes boxes = tfhd(0x20010, {1, 1});
-                                                   for (int i = 0; i < 60; ++i) {
-                                                     boxes = joined({boxes, trun(0x1, {60, media})});
-                                                   }
-                                                   return traf({boxes});
-                                                 })),
-       stays},
-      {"the same in the moov", movieOf(shared.bytes, simpleFragment(100000, 2)),
+      {"a tfhd without its fields", joined({beginning(), fragment(traf({box("tfhd")}))}), stays},
+      {"no tfhd", joined({beginning(), fragment(traf({trun(0, {1})}))}), stays},
+      {"a box that overruns", joined({beginning(), withBox(boxClaiming(99, "abcd"))}), stays},
+      {"the same bytes again and again", joined({beginning(), fragment(traf({again}))}), stays},
+      {"the same in the moov", joined({shared.bytes, simpleFragment(100000, 2)}),
        "The movie stays in fragments: more samples are promised than the file can hold"},
       {"a huge ftyp", joined({box("ftyp", {Bytes(17 << 20)}), beginning(), good}),
        "The movie stays in fragments: the ftyp at 0 has 17825800 bytes"},
-      {"behind the file, with more behind", movieOf(beginning(), joined({ofRun(trun(0x1, {1, 9999})), good})), stays},
+      {"behind the file, with more behind", joined({beginning(), joined({ofRun(trun(0x1, {1, 9999})), good})}), stays},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -374,12 +345,10 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
     return box("sbgp", {values({0}), Bytes(type.begin(), type.end()), values({1, 1, index})});
   };
   const Bytes local = box("sgpd", {values({1U << 24}), bytesFrom("'roll'"), values({2, 1}), bytesFrom("FFFF")});
-  const Bytes grouped = fragment([&](uint32_t media) {
-    const Bytes subs = fullBox("subs", {0});
-    const Bytes live = box("uuid", {bytesFrom("6D1D9B05 42D544E6 80E2141D AFF757B2"), numbered(20)});
-    return traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001), group("what", 1), subs, live,
-                 unknown, box("free")});
-  });
+  const Bytes subs = fullBox("subs", {0});
+  const Bytes live = box("uuid", {bytesFrom("6D1D9B05 42D544E6 80E2141D AFF757B2"), numbered(20)});
+  const Bytes grouped = fragment(traf({tfhd(0x20000, {2}), trun(0x1, {2, media}), local, group("roll", 0x10001),
+                                       group("what", 1), subs, live, unknown, box("free")}));
   const Bytes movie = joined({start.bytes, box("styp"), box("sidx"), uuid, box("prft"), box("emsg"),
                               simpleFragment(0, 2), box("emsg"), grouped, grouped, box("mfra"), Bytes(50)});
   EXPECT_EQ(join(movie),
@@ -401,16 +370,16 @@ TEST_F(FragmentsTest, WhatIsNotAboutFragmentsSurvives) {
 
 TEST_F(FragmentsTest, WhatIsTooLargeToKeepIsToldOnce) {
   const Bytes large = box("abcd", {Bytes(16 << 20)});
-  const Bytes movie = movieOf(beginning(), joined({simpleFragment(0, 2), large, large, large}));
+  const Bytes movie = joined({beginning(), joined({simpleFragment(0, 2), large, large, large})});
   const std::string first = fmt::format("The abcd at {} (16777224 bytes)", movie.size() - 3 * large.size());
   EXPECT_EQ(join(movie), first + " and 2 more boxes are left out");
-  EXPECT_EQ(join(movieOf(beginning(), joined({simpleFragment(0, 2), large}))), first + " is left out");
+  EXPECT_EQ(join(joined({beginning(), joined({simpleFragment(0, 2), large})})), first + " is left out");
 }
 
 TEST_F(FragmentsTest, SyncSamplesOfTheMoovMayStandInAnyOrder) {
   BoxEditor start(beginning({.samples = 3}));
   start.insert(sampleTable, start.at(sampleTable + "/stts").offset, fullBox("stss", {2, 3, 1}));
-  EXPECT_EQ(join(movieOf(start.bytes, simpleFragment(30, 2))), "");
+  EXPECT_EQ(join(joined({start.bytes, simpleFragment(30, 2)})), "");
   EXPECT_EQ(BoxEditor(written()).get(sampleTable + "/stss"), fullBox("stss", {3, 1, 3, 4}));
 }
 
@@ -440,9 +409,7 @@ TEST_F(FragmentsTest, AReadThatFailsEndsTheRunAndCostsNoSample) {
 TEST_F(FragmentsTest, LongDurationsAreTold) {
   Bytes fragments;
   for (uint32_t i = 0; i < 3; ++i) {
-    fragments = joined({fragments, fragment([](uint32_t media) {
-                          return traf({tfhd(0x20008, {1, 0xF0000000}), trun(0x1, {1, media})});
-                        })});
+    fragments = joined({fragments, fragment(traf({tfhd(0x20008, {1, 0xF0000000}), trun(0x1, {1, media})}))});
   }
   EXPECT_EQ(join(joined({beginning(), fragments})), "");
   const auto presentation = Presentation::read(files_, file_);

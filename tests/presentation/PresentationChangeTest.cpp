@@ -176,6 +176,12 @@ TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
              "20 ms of the sound is played that was not"}},
       {"the pause is lost", audioList({{200, 1000}, {100, -1}, {180, 11000}}), remade(whole),
        Words{"parts of the sound move by up to 100 ms against each other"}},
+      {"a still is lost",
+       [](Movie& m) {
+         m.audio.edits = {{280, 1000}, {100, 1000}};
+         m.edit = [](BoxEditor& editor) { editor.setField(editor.all("moov/trak/edts/elst").at(1).offset + 36, 0); };
+       },
+       remade({{280, 882}}), Words{"100 ms of the sound is hidden"}},
       {"a trim is lost", audioList({{200, 1000}}), remade(whole), {"177 ms of the sound is played that was not"}},
       {"the end is lost", nothing, remade(whole, 14), {"73 ms of the sound is hidden"}},
   };
