@@ -12,8 +12,8 @@ namespace tarn {
 namespace {
 
 /// Where the encoder's rate control begins to look for the quality that fits the bit rate. Its own default is so high
-/// that it needs some 300 packets to come down, which cost twice the time and sound 1 to 2 dB worse. From 30 on it needs
-/// 450 packets where one channel is nearly the other, from 20 on 256.
+/// that it needs some 300 packets to come down, which cost twice the time and sound 1 to 2 dB worse. From 30 on it
+/// needs 450 packets where one channel is nearly the other, from 20 on 256.
 constexpr int firstQuality = 20;
 
 Error encoderError(const char* what, int status) {
