@@ -24,8 +24,8 @@ namespace tarn {
 class SegmentedAACEncoder {
  public:
   static constexpr size_t packetsPerSegment = 2100;
-  /// So many packets its rate control may need to come to rest: with fewer, a segment of steady tones begins 14 dB worse
-  /// than the one before it ends.
+  /// So many packets its rate control may need to come to rest: with fewer, a segment of steady tones begins 14 dB
+  /// worse than the one before it ends.
   static constexpr size_t warmUpPackets = 256;
   /// The encoder looks ahead: a packet comes out when this many more have gone in.
   static constexpr size_t lookAheadPackets = 4;
