@@ -170,7 +170,7 @@ TEST_F(ClientsTest, TheSocketOutlivesWhateverIsSentAndIsForItsUserAlone) {
     fs::permissions(place, fs::perms(mode));
   }
   const AnotherUser user;
-  EXPECT_EQ(RawClient(home_).next() == "", user.isOne());
+  EXPECT_EQ(RawClient(home_).next().empty(), user.isOne());
 }
 
 TEST_F(ClientsTest, ACommandTellsWhomItFinds) {

@@ -139,6 +139,21 @@ TEST_F(EngineTest, RecordsOfLongAgoAreAllResumed) {
   EXPECT_EQ(contents_.size(), 5U);
 }
 
+// A kill between the two would let a transfer go on that belongs to no download.
+TEST_F(EngineTest, NoTransferRunsBeforeTheListOfDownloadsKnowsIt) {
+  int looks = 0;
+  setLogSink([&](std::string_view) {
+    for (const auto& transfer : transfers_.tasks()) {
+      if (transfer->state() != NSURLSessionTaskState::running) continue;
+      ++looks;
+      EXPECT_THAT(stored("ActiveDownloads"), testing::HasSubstr(transfer->originalRequestURL()));
+    }
+  });
+  save("clip.mp4");
+  setLogSink({});
+  EXPECT_GT(looks, 0);
+}
+
 TEST_F(EngineTest, ATransferThatNothingKnowsChangesNothing) {
   save("clip.mp4");
   defaults_.removeObject("ActiveDownloads");

@@ -360,7 +360,7 @@ TEST_F(HostileFiles, Fragments) {
        {{"RunOf2GiOfOneByte", atEnd(fragment(fullBox("trun", {0x7FFFFFFF}), values({0x020018, 1, 0, 1})))}});
   take(pieces, {"1 picture lost", 3, 5},
        {{"BaseOf2To63", atEnd(fragment(fullBox("trun", {1}), values({1, 1, 0x7FFFFFFF, most})))}});
-  take(pieces, {"samples lie ahead of the file"},
+  take(pieces, {"samples lie before the file's first byte"},
        {{"RunFarAhead", atEnd(fragment(box("trun", {values({1, 1, 0x80000000})})))}});
   take(pieces, {"Track 1 begins at an impossible time", 4, 4},
        {{"TimeOf2To63",

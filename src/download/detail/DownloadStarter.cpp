@@ -137,7 +137,6 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   engine_.registry.insert(task);
   storeAhead(task);
   startOrQueue({.task = task, .delegate = delegate});
-  engine_.taskStore.persist();
   return task;
 }
 
@@ -157,10 +156,12 @@ void DownloadStarter::startOrQueue(const PendingDownload& download) {
   const auto& counts = admission.counts;
   if (!admission.hasSlot) {
     log("Download queued: {} (queue size: {}, running: {}/{})", id, counts.queued, counts.running, counts.limit);
+    engine_.taskStore.persist();
   } else if (startTransfer(download)) {
     log("Download started immediately: {} (running: {}/{})", id, counts.running, counts.limit);
   } else {
     startNext();
+    engine_.taskStore.persist();
   }
 }
 
@@ -205,6 +206,7 @@ bool DownloadStarter::startTransfer(const PendingDownload& download) {
       current.downloadTask = transfer;
       current.status = DownloadStatus::downloading;
     });
+    engine_.taskStore.persist();  // first: a kill must leave no running transfer that belongs to nothing
     letGoOn(*task, *transfer);
     const bool isEnded = task->isEnded();
     if (!isEnded && !task->isPaused()) return true;
@@ -236,7 +238,6 @@ void DownloadStarter::startTaken(const DownloadQueue::Started& started) {
   }
   if (!startTransfer(started.download)) return;
   log("Started queued download: {} (running: {}/{})", task->id, started.counts.running, started.counts.limit);
-  engine_.taskStore.persist();
 }
 
 void DownloadStarter::releaseSlot(int64_t id) {

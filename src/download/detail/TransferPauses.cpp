@@ -76,7 +76,6 @@ bool TransferPauses::resume(int64_t id) {
   });
   log("Download {} goes on", id);
   starter_.startOrQueue({.task = task, .delegate = engine_.registry.delegate(id)});
-  engine_.taskStore.persist();
   return true;
 }
 

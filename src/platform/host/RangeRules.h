@@ -32,7 +32,7 @@ struct ResponseHead {
 
   /// What tells this version of the file from any other, fit for If-Range (RFC 9110 13.1.5): a strong entity tag, else
   /// a modification date at least a second before the response, else empty.
-  /// Not one that no server would take as part of a request.
+  /// Empty too if it is so long that a server may refuse a request with it.
   std::string validator() const;
 };
 
