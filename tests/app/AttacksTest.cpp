@@ -145,8 +145,17 @@ class AttacksTest : public RunningServer {
   void expectService(int attacks = 1) {
     attacks_ += attacks;
     EXPECT_EQ(statusOf(get("bridge/alive")), 204) << "the server goes on";
+    std::string answer = limit();
+    if (answer.empty() && hearsMuch_) {
+      page_ = connect("rightful " + std::to_string(attacks_));
+      answer = limit();
+    }
+    EXPECT_THAT(answer, HasSubstr("\"limit\":"));
+  }
+
+  std::string limit() {
     page_->command("getDownloadLimit");
-    EXPECT_THAT(page_->next("\"queued\":"), HasSubstr("\"limit\":"));
+    return page_->next("\"queued\":");
   }
 
   std::string attack(const std::string& row) { return attack(std::stoi(row), request(row)); }
@@ -177,6 +186,7 @@ class AttacksTest : public RunningServer {
   }
 
   std::unique_ptr<PageClient> page_ = connect("rightful");
+  bool hearsMuch_ = false;  ///< more than a slow machine may read in time: it is cut off then, and comes back
   const int64_t memory_ = std::stoll(fact("VmRSS"));
   size_t descriptors_ = descriptors();
   int attacks_ = 0;
@@ -490,6 +500,7 @@ TEST_F(AttacksTest, WhoHoldsConnectionsKeepsNobodyOut) {
   for (int i = 0; i < 20; ++i) {
     page_->command("saveVideo", {{"url", source.url("/held")}, {"album", "A"}, {"filename", name}});
   }
+  hearsMuch_ = true;
   ASSERT_TRUE(eventually([&] { return source.requests().size() >= 10; }));
   for (int i = 0; i < 2; ++i) page_->next("bytesDownloaded");
   descriptors_ = descriptors();
@@ -511,12 +522,14 @@ TEST_F(AttacksTest, WhoHoldsConnectionsKeepsNobodyOut) {
     asking.send(text(fmt::format(R"({{"id":"{}","plugin":"TarnBridge","method":"getActiveDownloads"}})", i)));
   }
   for (int i = 0; talking.send(text("{")); ++i) {
-    if (i % 5'000 == 0) expectService(0);  // which reads the events
+    if (i % 500 == 0) expectService(0);  // which reads the events
   }
   EXPECT_TRUE(eventually(areCutOff));
   for (const Wire& wire : slow) EXPECT_EQ(wire.read(), "");
   expectService(7);
   page_->command("cancelAllDownloads");
+  expectService(0);
+  hearsMuch_ = false;
 
   rlimit most{};
   ::getrlimit(RLIMIT_NOFILE, &most);
