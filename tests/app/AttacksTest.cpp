@@ -147,7 +147,7 @@ class AttacksTest : public RunningServer {
     EXPECT_EQ(statusOf(get("bridge/alive")), 204) << "the server goes on";
     std::string answer = limit();
     if (answer.empty() && hearsMuch_) {
-      page_ = connect("rightful " + std::to_string(attacks_));
+      page_ = connect("rightful-" + std::to_string(attacks_));
       answer = limit();
     }
     EXPECT_THAT(answer, HasSubstr("\"limit\":"));
@@ -496,7 +496,7 @@ TEST_F(AttacksTest, WhoHoldsConnectionsKeepsNobodyOut) {
   FaultServer source;
   source.serve("/held", ServedFile::of(Bytes(3'000'000)), {}, {.stallAfter = 1000});
   page_->command("setDownloadLimit", {{"limit", 10}});
-  const std::string name(200'000, 'f');
+  const std::string name(40'000, 'f');
   for (int i = 0; i < 20; ++i) {
     page_->command("saveVideo", {{"url", source.url("/held")}, {"album", "A"}, {"filename", name}});
   }
@@ -505,7 +505,7 @@ TEST_F(AttacksTest, WhoHoldsConnectionsKeepsNobodyOut) {
   for (int i = 0; i < 2; ++i) page_->next("bytesDownloaded");
   descriptors_ = descriptors();
 
-  // Who does not end a request; and pages that do not read what they ask for, nor events of 2 MB a second.
+  // Who does not end a request; and pages that do not read what they ask for, nor events of megabytes.
   std::vector<Wire> slow;
   const std::string body = expanded("{post}Content-Length: 15||{\"clear");
   for (const std::string& begun : {std::string(), std::string("G"), body.substr(0, 100), body}) {
