@@ -6,7 +6,7 @@ import { basename, join } from 'node:path';
 import { test } from 'node:test';
 
 import { act, changeBrowser, inPhase, open, row, save, setStage, stage } from './stage.mjs';
-import { makeClipWithHole, until } from './support.mjs';
+import { makeClipWithHole, pause, until } from './support.mjs';
 
 const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
 
@@ -25,6 +25,19 @@ async function looksRight(page) {
       assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `fits into ${width}`);
     }
   }
+}
+
+/** Brings the next answer from `address` two seconds late, so that later ones overtake it. @returns waits for it */
+async function holdBack(page, address) {
+  let arrive;
+  const arrival = new Promise((resolve) => (arrive = resolve));
+  const answerLate = async (route) => {
+    const answer = await route.fetch();
+    await pause(2000);
+    await route.fulfill({ response: answer }).then(arrive);
+  };
+  await page.route(address, answerLate, { times: 1 });
+  return () => arrival;
 }
 
 const video = (page, filename) => page.locator('.video', { hasText: filename });
@@ -70,7 +83,10 @@ test('a failed download is tried again after a restart, from a browser that did 
   await stage.tarn.restart();
   await changeBrowser();
   const page = await open();
+  const late = await holdBack(page, /history\?/);
   await act(page, 'clip.mp4', 'again');
+  await inPhase(page, 'clip.mp4', 'saved');
+  await late();
   await inPhase(page, 'clip.mp4', 'saved');
   assert.equal(await page.locator('.download').count(), 1);
   await act(page, 'clip.mp4', 'dismiss');

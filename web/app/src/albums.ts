@@ -2,6 +2,7 @@ import { byId, find, fromTemplate, keepFocus, putAt, removeItem, setText } from 
 import { VideoCard } from './video-card.js';
 import type { Asset, VideoAction } from './video-card.js';
 import { countText } from './text.js';
+import { inTurn } from './turns.js';
 
 interface Album {
   title: string;
@@ -23,14 +24,14 @@ export class Albums {
   }
 
   /** Without a host that lists albums, the part of the page that shows them stays hidden. */
-  async refresh(): Promise<void> {
+  readonly refresh = inTurn(async () => {
     const answer = await fetch('albums', { cache: 'no-store' }).catch(() => null);
     if (!answer?.ok) return;
     this.albums = ((await answer.json()) as { albums: Album[] }).albums;
     for (const album of this.albums) album.assets.sort((a, b) => b.created - a.created);
     this.show();
     this.onChange(this.albums.map(({ title }) => title));
-  }
+  });
 
   /** The newest video of this name since then, in the album of this title if that is known. */
   find(filename: string | undefined, since: number, title: string | undefined): Asset | undefined {

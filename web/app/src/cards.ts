@@ -35,8 +35,9 @@ export function cardsOf(downloads: Download[], history: HistoryEntry[], transfer
 function cardOf(download?: Download, entry?: HistoryEntry, transfer?: Transfer): Card | undefined {
   const id = (download ?? entry)!.id;
   const told = download?.phase;
-  // The bridge knows best what is under way; how something ended, the host knows better.
-  const phase = download && isActive(download) ? told : ((entry && phases[entry.state]) ?? told);
+  // The bridge knows best what is under way; how something ended, the host knows better, once it knows that it has.
+  const isBehind = entry?.state === 'pending' && told !== 'vanished';
+  const phase = download && (isActive(download) || isBehind) ? told : ((entry && phases[entry.state]) ?? told);
   if (phase === undefined) return undefined;
   return {
     id,

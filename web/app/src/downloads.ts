@@ -12,6 +12,7 @@ import type {
 import { isLive } from './connection.js';
 import { offers, saveOnHost } from './host.js';
 import { recall, remember } from './memory.js';
+import { inTurn } from './turns.js';
 
 /** `vanished`: the engine has forgotten it, and the page did not hear how it ended. */
 export type Phase = 'waiting' | 'loading' | 'processing' | 'saved' | 'failed' | 'vanished';
@@ -64,7 +65,6 @@ export class Downloads {
   private readonly known = new Map<number, Download>();
   private readonly forgotten = new Set<number>(); // an event or answer that tells of one of these comes too late
   private held = new Set<number>(); // what the engine had when it was last asked
-  private isAsking = false;
   private readyForNew: Promise<void> = Promise.resolve();
 
   constructor(
@@ -136,23 +136,17 @@ export class Downloads {
   }
 
   /** Asks the engine what it has: after a time without connection, and while an active download stays silent. */
-  async refresh(): Promise<void> {
-    if (this.isAsking) return;
-    this.isAsking = true;
-    try {
-      const before = this.all().filter(isActive);
-      const answer = Object.values(await TarnBridge.getActiveDownloads());
-      const entries = answer.filter(({ id }) => !this.forgotten.has(id));
-      this.held = new Set(entries.map(({ id }) => id));
-      for (const entry of entries) this.take(entry);
-      for (const download of before) {
-        if (!this.held.has(download.id)) this.moveTo(download, 'vanished');
-      }
-      this.onChange();
-    } finally {
-      this.isAsking = false;
+  readonly refresh = inTurn(async () => {
+    const before = this.all().filter(isActive);
+    const answer = Object.values(await TarnBridge.getActiveDownloads());
+    const entries = answer.filter(({ id }) => !this.forgotten.has(id));
+    this.held = new Set(entries.map(({ id }) => id));
+    for (const entry of entries) this.take(entry);
+    for (const download of before) {
+      if (!this.held.has(download.id)) this.moveTo(download, 'vanished');
     }
-  }
+    this.onChange();
+  });
 
   /** The video of an ended download has been found in its album. */
   foundSaved(download: Download, assetId: string): void {

@@ -1,5 +1,6 @@
 import { clearHistory, offers, readHistory } from './host.js';
 import type { HistoryEntry } from './host.js';
+import { inTurn } from './turns.js';
 
 /** So many are shown at first, so that the albums stay near, and so many more at each wish. */
 const first = 10;
@@ -26,13 +27,13 @@ export class History {
   }
 
   /** What was known stays when the host cannot be asked: the connection's own notice tells of that. */
-  async refresh(): Promise<void> {
+  readonly refresh = inTurn(async () => {
     if (!this.isKept) return;
     const entries = await readHistory(this.limit).catch(() => undefined);
     if (!entries) return;
     this.entries = new Map(entries.map((entry) => [entry.id, entry]));
     this.onChange();
-  }
+  });
 
   /** Whether the host may remember more than what is known here. */
   mayHaveMore(): boolean {

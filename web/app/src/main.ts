@@ -13,6 +13,7 @@ import type { DownloadAction, Transfer } from './host.js';
 import { Limit } from './limit.js';
 import { Rows } from './rows.js';
 import { countText, messageOf } from './text.js';
+import { inTurn } from './turns.js';
 import { VideoChanges } from './video-changes.js';
 
 const problem = byId('problem', HTMLElement);
@@ -163,10 +164,10 @@ function refreshAll(): void {
   void albums.refresh().then(show);
 }
 
-async function refreshTransfers(): Promise<void> {
+const refreshTransfers = inTurn(async () => {
   transfers = await readTransfers().catch(() => new Map<number, Transfer>());
   show();
-}
+});
 
 void downloads.listen();
 new Drop(
