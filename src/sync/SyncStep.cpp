@@ -1,6 +1,6 @@
 #include "sync/SyncStep.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "platform/Log.h"
 #include "presentation/PresentationChange.h"
@@ -12,11 +12,14 @@ namespace {
 
 /// Of samples that the tables place behind the end of the file.
 void warnOfMissing(ProcessingRun& run, const Presentation& movie) {
+  std::vector<std::string> tracks;
   for (const TrackPresentation& track : movie.tracks()) {
     if (track.locations.countInFile() == track.locations.count()) continue;
-    run.warn(fmt::format("A part of the {} is not in the file, and no repair brings it back",
-                         trackWords(movie, track.handler, track.trackID)));
+    tracks.push_back(trackWords(movie, track.handler, track.trackID));
   }
+  if (tracks.empty()) return;
+  run.lack(fmt::format("A part of the {} is not in the file, and no repair brings it back",
+                       fmt::join(tracks, " and of the ")));
 }
 
 /// Writes the edit lists that are wrong anew; false if there are none.

@@ -72,6 +72,22 @@ TEST_F(RepairTest, AMovieWhoseMoovIsLostIsRebuiltLikeAHealthyOne) {
   EXPECT_EQ(decoderComplaints(out_), "");
 }
 
+// No repair brings such samples back, so whoever counts on exit codes must not take the result for a whole video.
+TEST_F(RepairTest, SamplesOutsideTheFileMakeTheResultPartOfAVideo) {
+  for (const char* list : {"a gap in the sound", "B-frames and sound"}) {
+    BoxEditor editor(damagedMovie(list));
+    const auto chunks = editor.at("moov/trak/mdia/minf/stbl/stco");
+    editor.setField(chunks.offset + chunks.size - 4, 0x7fffffff);
+    write(editor.bytes);
+    const auto judged = run({"inspect", in_.string()});
+    EXPECT_EQ(judged.exitCode, 4) << judged.output;
+    const auto repaired = repair(in_, out_, {"--json"});
+    EXPECT_EQ(repaired.exitCode, 5) << repaired.errors;
+    EXPECT_NE(repaired.output.find("\"partly\""), std::string::npos) << repaired.output;
+    EXPECT_NE(repaired.output.find("A part of the video is not in the file"), std::string::npos) << repaired.output;
+  }
+}
+
 /// The whole of a repair is compared with its source, whatever each step has proved.
 TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
   write(damagedMovie("B-frames and sound"));
