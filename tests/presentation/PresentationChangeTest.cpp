@@ -159,6 +159,13 @@ TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
       m.audio.edits = edits;
     };
   };
+  /// The second edit of the sound holds.
+  const auto withStill = [](const Edit& movie) -> Edit {
+    return [=](Movie& m) {
+      movie(m);
+      m.edit = [](BoxEditor& editor) { editor.setField(editor.all("moov/trak/edts/elst").at(1).offset + 36, 0); };
+    };
+  };
   const List whole = {{380, 882}};
   const HarmCase cases[] = {
       {"encoded", nothing, remade(whole), {}},
@@ -177,12 +184,10 @@ TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
        remade({{200, 883}, {100, -1}, {180, 9703}}), Words{}},
       {"the pause is lost", audioList({{200, 1000}, {100, -1}, {180, 11000}}), remade(whole),
        Words{"parts of the sound move by up to 100 ms against each other"}},
-      {"a still is lost",
-       [](Movie& m) {
-         m.audio.edits = {{280, 1000}, {100, 1000}};
-         m.edit = [](BoxEditor& editor) { editor.setField(editor.all("moov/trak/edts/elst").at(1).offset + 36, 0); };
-       },
-       remade({{280, 882}}), Words{"100 ms of the sound is hidden"}},
+      {"a still is lost", withStill(audioList({{280, 1000}, {100, 1000}})), remade({{280, 882}}),
+       Words{"100 ms of the sound is hidden"}},
+      {"a still is shorter", withStill(audioList({{280, 1000}, {100, 1000}})),
+       withStill(remade({{280, 882}, {60, 882}})), Words{"40 ms of the sound is hidden"}},
       {"a trim is lost", audioList({{200, 1000}}), remade(whole), {"177 ms of the sound is played that was not"}},
       {"the end is lost", nothing, remade(whole, 14), {"73 ms of the sound is hidden"}},
   };
