@@ -56,6 +56,20 @@ TEST_F(RepairTest, AMovieWhoseMoovIsLostIsRebuiltLikeAHealthyOne) {
   EXPECT_EQ(decoderComplaints(out_), "");
 }
 
+// No repair brings such samples back, so whoever counts on exit codes must not take the result for a whole video.
+TEST_F(RepairTest, SamplesOutsideTheFileMakeTheResultPartOfAVideo) {
+  for (const bool canReadSound : {true, false}) {
+    BoxEditor editor(damagedMovie("a gap in the sound"));
+    const auto chunks = editor.all("moov/trak/mdia/minf/stbl/stco");
+    editor.setField(chunks[0].end() - 4, 0x7fffffff);
+    if (!canReadSound) editor.setField(chunks[1].offset + 12, 0x7fffffff);
+    write(editor.bytes);
+    expect(4, {"inspect", in_});
+    EXPECT_THAT(expect(5, {"repair", in_, "-o", out_, "--json"}, "\"partly\"").output,
+                HasSubstr("A part of the video is not in the file"));
+  }
+}
+
 /// The whole of a repair is compared with its source, whatever each step has proved.
 TEST_F(RepairTest, AResultThatWouldDoHarmIsNotTaken) {
   write(damagedMovie("B-frames and sound"));

@@ -100,6 +100,11 @@ the sound is AC-3, which many players do not take
 done: converted the sound to AAC
 warning: of the sound's 6 channels two remain)"))
       << told();
+  Bytes cut = readFile(files_, madeByFFmpeg(words(inputs + "-c:a ac3")));
+  cut.resize(cut.size() - 14);
+  write(cut);
+  EXPECT_TRUE(told().ends_with("the end of the file's index (moov) is missing, so no track can be put into it"))
+      << told();
 }
 
 using Where = RunOutcome::Where;
