@@ -9,6 +9,7 @@
 
 #include "app/CommandTest.h"
 #include "support/FlashBeep.h"
+#include "support/NumberFrom.h"
 #include "support/ProbedMovie.h"
 
 namespace tarn::test {
@@ -111,10 +112,9 @@ const Road roads[] = {
      }},
 };
 
-/// The environment may ask for another stride; 1 means a kill at every change.
+/// 1 means a kill at every change.
 size_t strideOf(const Road& road) {
-  const char* const asked = std::getenv("TARN_KILL_STRIDE");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  return asked ? std::max(1UL, std::stoul(asked)) : road.stride;
+  return std::max(1U, numberFrom("TARN_KILL_STRIDE", static_cast<uint32_t>(road.stride)));
 }
 
 /// A kill just before each change of the file system, or every few of them, and just after each store of a recipe; then

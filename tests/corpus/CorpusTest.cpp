@@ -1,25 +1,20 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "corpus/Judge.h"
 #include "corpus/Kinds.h"
+#include "support/NumberFrom.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
 
-/// The environment may ask for every n-th kind alone.
-size_t stride() {
-  const char* const asked = std::getenv("TARN_CORPUS_STRIDE");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  return asked ? std::max(1UL, std::stoul(asked)) : 1;
-}
-
 class Corpus : public testing::TestWithParam<KindGroup> {};
 
 TEST_P(Corpus, LosesItsDamageAndNothingElse) {
-  for (size_t i = 0; i < GetParam().kinds.size(); i += stride()) {
+  const uint32_t stride = std::max(1U, numberFrom("TARN_CORPUS_STRIDE", 1));
+  for (size_t i = 0; i < GetParam().kinds.size(); i += stride) {
     const Kind& kind = GetParam().kinds[i];
     const TempDirectory place;
     const Path file = kind.make(place.path()), reference = kind.reference ? kind.reference(place.path()) : file;

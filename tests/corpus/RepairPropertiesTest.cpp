@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <set>
 
 #include "corpus/Judge.h"
@@ -10,7 +9,7 @@
 #include "inspect/InspectionText.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/LogCapture.h"
-#include "support/MediaMaker.h"
+#include "support/NumberFrom.h"
 #include "support/ProbedMovie.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
@@ -129,16 +128,10 @@ class RepairProperties : public testing::Test {
   const Path out_ = place_ / "out.mp4";
 };
 
-uint64_t numberFromEnvironment(const char* name, uint64_t fallback) {
-  const char* text = std::getenv(name);
-  return text ? std::strtoull(text, nullptr, 10) : fallback;
-}
-
 TEST_F(RepairProperties, HoldForRandomMoviesAndForWhatIsLeftOfThem) {
-  const uint64_t seed = numberFromEnvironment("TARN_PROPERTY_SEED", 1);
-  const uint64_t count = numberFromEnvironment("TARN_PROPERTY_COUNT", 24);
-  uint64_t parts = 0;
-  for (uint64_t i = 0; i < count; ++i) {
+  const uint32_t seed = numberFrom("TARN_PROPERTY_SEED", 1), count = numberFrom("TARN_PROPERTY_COUNT", 24);
+  size_t parts = 0;
+  for (uint32_t i = 0; i < count; ++i) {
     const RandomMovie movie = RandomMovieDrawing(seed + i).movie(place_.path());
     SCOPED_TRACE(fmt::format("TARN_PROPERTY_SEED={}: {}", seed + i, movie.story));
     try {

@@ -2,12 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <iostream>
 #include <utility>
 
 #include "fragments/FragmentsTest.h"
 #include "support/MediaMaker.h"
+#include "support/NumberFrom.h"
 #include "support/ProbedMovie.h"
 
 namespace tarn::test {
@@ -114,12 +114,6 @@ Path recording(const Recorder& recorder) {
                                      recorder.flags)});
 }
 
-/// The environment may ask for another one; 1 means a cut at every 1,009th byte.
-size_t cutStride() {
-  const char* const asked = std::getenv("TARN_CUT_STRIDE");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  return asked ? std::max(1UL, std::stoul(asked)) : 50;
-}
-
 class CutSweep : public FragmentsTest, public testing::WithParamInterface<Recorder> {
  protected:
   /// The same but for the time at which the file begins.
@@ -138,7 +132,7 @@ TEST_P(CutSweep, KeepsExactlyTheWholeSamplesToACommonEnd) {
   const Path whole = recording(GetParam());
   const Bytes bytes = contentsOf(whole);
   const Recording truth(whole, GetParam());
-  const size_t stride = 1009 * cutStride();
+  const size_t stride = size_t{1009} * std::max(1U, numberFrom("TARN_CUT_STRIDE", 50));
   size_t cuts = 0, refusals = 0;
   for (size_t end = stride; end < bytes.size() && !HasFailure(); end += stride, ++cuts) {
     SCOPED_TRACE(end);

@@ -29,6 +29,7 @@
 #include "plugin/TarnBridgePlugin.h"
 #include "support/FaultyFileManager.h"
 #include "support/ManualClock.h"
+#include "support/NumberFrom.h"
 
 namespace tarn::test {
 
@@ -37,12 +38,6 @@ struct ModelStep {
   std::string_view kind;
   uint32_t argument;
 };
-
-/// The environment may ask for another number.
-inline uint32_t numberFrom(const char* name, uint32_t usual) {
-  const char* const given = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  return given ? static_cast<uint32_t>(std::stoul(given)) : usual;
-}
 
 inline std::string text(const std::vector<ModelStep>& steps) {
   std::string words;

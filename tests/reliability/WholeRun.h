@@ -158,11 +158,6 @@ class WholeRun {
     return isTaken;
   }
 
-  bool hasRunningTransfer() const {
-    return std::ranges::any_of(transfers_.tasks(),
-                               [](const auto& task) { return task->state() == NSURLSessionTaskState::running; });
-  }
-
   void deliver() {
     const auto size = static_cast<int64_t>(recording_.size());
     const std::function<void()> events[] = {
@@ -171,7 +166,8 @@ class WholeRun {
         [&] { calls.nextFails() ? transfers_.finishWithoutFile(url) : transfers_.finish(url, recording_); },
         [&] { transfers_.complete(url); },
     };
-    while (hasRunningTransfer()) {
+    const auto isRunning = [](const auto& task) { return task->state() == NSURLSessionTaskState::running; };
+    while (std::ranges::any_of(transfers_.tasks(), isRunning)) {
       for (const auto& event : events) {
         if (calls.nextFails()) {
           transfers_.complete(url, URLError(56, "The connection was reset"));

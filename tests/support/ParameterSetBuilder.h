@@ -35,8 +35,7 @@ struct HEVCSPS {
   bool separatePlanes = false;
   uint32_t width = 1920;  ///< or `noNumber`
   uint32_t height = 1088;
-  bool conformanceWindow =
-      false;  ///< which leaves out 1 unit on the left, 3 on the right, 2 at the top and 2 at the bottom
+  bool conformanceWindow = false;  ///< without 1 unit on the left, 3 on the right, 2 at the top and at the bottom
   uint32_t lumaDepthMinus8 = 0;
   uint32_t chromaDepthMinus8 = 0;
 

@@ -53,7 +53,4 @@ BoxTree moovOf(ByteView file) {
   return type == "moov" ? BoxTree(box) : moovOf(file.subspan(box.size()));
 }
 
-ProbedMovie::ProbedMovie(const Path& movie)
-    : bytes(contentsOf(movie)), moov(moovOf(bytes)), shown(packetsOf(movie, true)) {}
-
 }  // namespace tarn::test

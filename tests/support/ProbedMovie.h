@@ -42,7 +42,8 @@ BoxTree moovOf(ByteView file);
 
 /// A movie as ffprobe and a walk of its own read it, without the engine.
 struct ProbedMovie {
-  explicit ProbedMovie(const Path& movie);
+  explicit ProbedMovie(const Path& movie)
+      : bytes(contentsOf(movie)), moov(moovOf(bytes)), shown(packetsOf(movie, true)) {}
 
   uint32_t movieTimescale() { return readUInt32(moov.at("mvhd").fields, 12).value(); }
 
