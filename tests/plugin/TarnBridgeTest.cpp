@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <optional>
+#include <thread>
 
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
@@ -191,6 +193,29 @@ TEST_F(TarnBridgeTest, OneLoopAloneSendsSamplesHoweverOftenAllIsCancelledAndBegu
   events_.clear();
   dispatch_.advance(3500ms);
   EXPECT_EQ(events_.size(), 3U);
+}
+
+TEST_F(TarnBridgeTest, TellsThePresentListenerAlone) {
+  const auto send = [this] { plugin_->processingProgressUpdated(7, 0.5, "Transcoding"); };
+  // A listener may go while another thread sends: once it has gone, it is not called any more.
+  for (int round = 0; round < 50; ++round) {
+    auto alive = std::make_unique<std::atomic<int>>(0);
+    plugin_->setEventListener([&](const std::string&, const JSObject&) { ++*alive; });
+    std::thread sender([&] {
+      for (int i = 0; i < 200; ++i) send();
+    });
+    plugin_->setEventListener({});
+    alive.reset();
+    sender.join();
+  }
+  int calls = 0;
+  plugin_->setEventListener([&](const std::string&, const JSObject&) {
+    ++calls;
+    plugin_->setEventListener({});  // from within: must not wait for itself
+  });
+  send();
+  send();
+  EXPECT_EQ(calls, 1);
 }
 
 TEST(ProgressWatcherTest, MissesNoDownloadThatBeginsDuringItsLastLook) {
