@@ -11,7 +11,7 @@ option(TARN_STATIC_LIBRARY "Make libtarn.a beside libtarn.so" ON)
 
 get_property(rooms GLOBAL PROPERTY TARN_ROOMS)
 list(REMOVE_ITEM rooms tarn_app)
-# What the rooms are linked with, without what is headers alone. tarnConfig.cmake and tarn.pc know the same.
+# What the rooms are linked with, without what is headers alone. tarnConfig.cmake knows the same.
 get_property(libraries GLOBAL PROPERTY TARN_LIBRARIES)
 list(REMOVE_DUPLICATES libraries)
 list(REMOVE_ITEM libraries Boost::headers nlohmann_json::nlohmann_json CLI11::CLI11)
@@ -62,6 +62,21 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake C
 install(FILES ${PROJECT_BINARY_DIR}/tarnConfig.cmake ${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake
   DESTINATION ${package} COMPONENT development)
 
+# The same, as a linker is told.
+set(flags_CURL::libcurl -lcurl)
+set(flags_OpenSSL::Crypto -lcrypto)
+set(flags_OpenSSL::SSL -lssl)
+set(flags_PkgConfig::libav -lavcodec -lswresample -lavutil)
+set(flags_PkgConfig::libmagic -lmagic)
+set(flags_SQLite::SQLite3 -lsqlite3)
+set(private_libraries)
+foreach(library IN LISTS libraries)
+  if(NOT DEFINED flags_${library})
+    message(FATAL_ERROR "tarn.pc does not know how a linker is told of ${library}: add it here")
+  endif()
+  list(APPEND private_libraries ${flags_${library}})
+endforeach()
+list(JOIN private_libraries " " private_libraries)
 file(RELATIVE_PATH prefix_from_pc
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tarn.pc.in ${PROJECT_BINARY_DIR}/tarn.pc @ONLY)

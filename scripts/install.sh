@@ -52,9 +52,10 @@ done
 # shellcheck disable=SC2046
 g++ -std=c++20 -Wall -Wextra -Werror examples/repair.cpp -o "$place/by-pkg-config" $(pkg-config --cflags --libs tarn) \
   -Wl,-rpath,"$lib"
+# All of the library, so that none of what it needs is left out.
 # shellcheck disable=SC2046
 g++ -std=c++20 -Wall -Wextra -Werror examples/repair.cpp -o "$place/by-pkg-config-static" $(pkg-config --cflags tarn) \
-  $(pkg-config --static --libs tarn | sed 's/-ltarn/-l:libtarn.a/')
+  $(pkg-config --static --libs tarn | sed 's/-ltarn/-Wl,--whole-archive -l:libtarn.a -Wl,--no-whole-archive/')
 ! ldd "$place/by-pkg-config-static" "$place/ON/repair" | grep -q libtarn || fail "the static example needs libtarn.so"
 
 ffmpeg -v error -f lavfi -i testsrc2=size=320x180:rate=25:duration=2 -f lavfi -i sine=duration=2 -c:v libx264 \

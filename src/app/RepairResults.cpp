@@ -50,7 +50,7 @@ RepairEnd endOf(const RepairedFile& result) {
     case Kind::repaired:
       return result.report.isPartly ? RepairEnd::partly : RepairEnd::repaired;
     case Kind::unchanged:
-      return RepairEnd::unchanged;
+      return result.report.isPartly ? RepairEnd::partly : RepairEnd::unchanged;
     case Kind::refused:
       return RepairEnd::refused;
     case Kind::failed:

@@ -28,7 +28,7 @@ void PlacingStep::run(ProcessingRun& run) {
 /// The run's file, or the source if that file would do harm.
 Path PlacingStep::chosen(ProcessingRun& run) const {
   // Of a video that broke off the step that cut it has proved what it keeps.
-  if (run.outcome.isPartly) return run.fileURL;
+  if (run.state.lostEnd) return run.fileURL;
   const auto harms = harmsOfRepair(run.files, source_.path, run.files, run.fileURL, run.audioWasTranscoded);
   if (harms.empty()) return run.fileURL;
   run.warn(fmt::format("The file was left as it is, since its repair would do harm: {}", fmt::join(harms, "; ")));

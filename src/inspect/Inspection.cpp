@@ -40,11 +40,8 @@ void listFileProblems(Inspection& inspection) {
   for (const TrackFacts& track : inspection.tracks) {
     if (track.lacksDuration) add(fmt::format("track {} does not say how long it is", track.id));
   }
-  if (!inspection.video) return;
-  if (const int64_t missing = inspection.video->missingSamples; missing > 0) {
-    add(fmt::format("{} picture{} not in the file", missing, missing == 1 ? " is" : "s are"), Problem::Of::samples);
-  }
-  if (inspection.video->problem) add("the list of the video's pictures cannot be read: " + *inspection.video->problem);
+  if (inspection.video && inspection.video->problem)
+    add("the list of the video's pictures cannot be read: " + *inspection.video->problem);
 }
 
 /// What the tables and edit lists tell of damage.
@@ -53,13 +50,11 @@ void listPresentationProblems(const Presentation& presentation, Inspection& insp
     if (track.damage == EditListDamage::none) continue;
     inspection.problems.push_back({Problem::Of::editLists, editListWords(presentation, track)});
   }
-  const TrackPresentation* sound = presentation.first("soun");
-  if (!sound) return;
-  inspection.missingPackets = sound->locations.count() - sound->locations.countInFile();
-  if (inspection.missingPackets == 0) return;
-  inspection.problems.push_back(
-      {Problem::Of::samples, fmt::format("{} of the {} packets of the sound are not in the file",
-                                         inspection.missingPackets, sound->locations.count())});
+}
+
+void listMissing(std::vector<IncompleteTrack> incomplete, Inspection& inspection) {
+  for (const auto& track : incomplete) inspection.problems.push_back({Problem::Of::samples, track.words()});
+  inspection.incomplete = std::move(incomplete);
 }
 
 void readPresentation(FileManager& files, Inspection& inspection) {
@@ -70,10 +65,12 @@ void readPresentation(FileManager& files, Inspection& inspection) {
   }
   try {
     const auto presentation = Presentation::read(files, inspection.file);
+    listMissing(incompleteTracks(presentation), inspection);
     listPresentationProblems(presentation, inspection);
     inspection.summary.before = inspection.summary.after = timelineOf(presentation);
     inspection.isComparable = true;
   } catch (const Error& failure) {
+    listMissing(incompleteTracks(files, inspection.file), inspection);
     inspection.problems.push_back({Problem::Of::file, "its index cannot be read: " + failure.description()});
   }
 }

@@ -12,6 +12,7 @@
 #include "parameters/PictureSize.h"
 #include "pipeline/OriginalSyncInfo.h"
 #include "platform/FileManager.h"
+#include "presentation/MissingSamples.h"
 #include "sync/SyncFixOrder.h"
 
 namespace tarn {
@@ -79,7 +80,6 @@ struct BitstreamFacts {
 /// The first video track, on which the repair works.
 struct VideoFacts {
   std::vector<SampleEntryFacts> entries;
-  int64_t missingSamples = 0;               ///< that end past the end of the file
   std::optional<std::string> problem;       ///< why the samples of the entries cannot be told
   std::optional<BitstreamFacts> bitstream;  ///< of HEVC and AVC
 };
@@ -160,10 +160,10 @@ struct Inspection {
   std::vector<TrackFacts> tracks;
   std::optional<VideoFacts> video;
   std::optional<OriginalSyncInfo> sync;
-  std::optional<std::string> syncProblem;  ///< why there are no sync facts
-  std::vector<Problem> problems;           ///< what is wrong with the file
-  uint32_t missingPackets = 0;             ///< of the sound, from the first one on that does not lie in the file
-  std::optional<std::string> refusal;      ///< why no player shows the file, and so none is made of it
+  std::optional<std::string> syncProblem;   ///< why there are no sync facts
+  std::vector<Problem> problems;            ///< what is wrong with the file
+  std::vector<IncompleteTrack> incomplete;  ///< tracks that list samples which the file does not hold
+  std::optional<std::string> refusal;       ///< why no player shows the file, and so none is made of it
   FragmentsForecast fragments;
   RemuxForecast remux;
   AudioForecast audio;

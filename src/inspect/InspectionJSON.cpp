@@ -1,5 +1,6 @@
 #include "inspect/InspectionJSON.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "inspect/SummaryJSON.h"
@@ -90,9 +91,10 @@ JSObject bitstreamJSON(const BitstreamFacts& facts) {
           {"problem", orNull(facts.problem)}};
 }
 
-JSObject videoJSON(const VideoFacts& video) {
+JSObject videoJSON(const VideoFacts& video, const std::vector<IncompleteTrack>& incomplete) {
+  const auto lacking = std::ranges::find(incomplete, "vide", &IncompleteTrack::handler);
   JSObject object{{"entries", arrayOf(video.entries, entryJSON)},
-                  {"missingSamples", video.missingSamples},
+                  {"missingSamples", int64_t{lacking == incomplete.end() ? 0 : lacking->missing}},
                   {"problem", orNull(video.problem)}};
   if (video.bitstream) object.set("bitstream", bitstreamJSON(*video.bitstream));
   return object;
@@ -259,7 +261,7 @@ std::string inspectionJSON(const Inspection& inspection) {
                   {"boxes", arrayOf(inspection.boxes, boxJSON)},
                   {"boxesProblem", orNull(inspection.boxesProblem)},
                   {"tracks", arrayOf(inspection.tracks, trackJSON)}};
-  if (inspection.video) object.set("video", videoJSON(*inspection.video));
+  if (inspection.video) object.set("video", videoJSON(*inspection.video, inspection.incomplete));
   if (inspection.sync) object.set("sync", syncJSON(*inspection.sync));
   if (inspection.syncProblem) object.set("syncProblem", *inspection.syncProblem);
   object.set("problems", arrayOf(inspection.problems, [&](const Problem& problem) {

@@ -20,19 +20,6 @@ std::string summary(const std::vector<std::string>& problems) {
   return fmt::format("{}; and {} more problem{}", problems.front(), more, more == 1 ? "" : "s");
 }
 
-std::optional<std::string> whatIsMissing(const Inspection& inspection) {
-  if (inspection.video && inspection.video->missingSamples > 0) {
-    const int64_t count = inspection.video->missingSamples;
-    return fmt::format("{} picture{} not in the file", count, count == 1 ? " is" : "s are");
-  }
-  if (inspection.missingPackets > 0) {
-    const uint32_t count = inspection.missingPackets;
-    return fmt::format("{} packet{} of the sound {} not in the file", count, count == 1 ? "" : "s",
-                       count == 1 ? "is" : "are");
-  }
-  return std::nullopt;
-}
-
 std::vector<std::string> wordsOf(const Inspection& inspection, bool areMended) {
   std::vector<std::string> words;
   for (const Problem& problem : inspection.problems) {
@@ -69,8 +56,8 @@ Verdict verdictOn(const Inspection& inspection) {
   if (fragments.kind == FragmentsForecast::Kind::refuses) {
     return {Kind::broken, fmt::format("Broken: {}", fragments.reason)};
   }
-  if (const auto missing = whatIsMissing(inspection)) {
-    return {Kind::broken, fmt::format("Broken: {}; download it again", *missing)};
+  if (!inspection.incomplete.empty()) {
+    return {Kind::broken, fmt::format("Broken: {}; download it again", inspection.incomplete.front().words())};
   }
   if (inspection.remux.kind == RemuxForecast::Kind::refuses) {
     return {Kind::broken, fmt::format("Broken: {}", inspection.remux.reason)};

@@ -54,6 +54,21 @@ uint32_t SampleLocations::findCountInFile() const {
   return sample;
 }
 
+uint32_t SampleLocations::countMissing() const {
+  if (countInFile_ == count()) return 0;
+  uint32_t missing = count() - countInChunks();
+  uint32_t sample = 0;
+  for (Cursor cursor(*this); cursor.leftInChunk() > 0;) {
+    const uint64_t room = fileSize_ - std::min(cursor.offset(), fileSize_);
+    const uint32_t samples = haveOneSize() ? cursor.leftInChunk() : 1;
+    const uint32_t size = sizeOf(sample);
+    missing += samples - static_cast<uint32_t>(size == 0 ? samples : std::min<uint64_t>(samples, room / size));
+    cursor.advance(samples);
+    sample += samples;
+  }
+  return missing;
+}
+
 SampleLocation SampleLocations::locate(uint32_t sample) {
   if (sample >= count()) throw sampleTableError("Sample index out of range");
   auto behind = std::ranges::upper_bound(runs_, int64_t{sample}, {}, &ChunkRun::firstSample);

@@ -35,6 +35,8 @@ class SampleLocations {
 
   /// How many samples, from the first on, have a chunk and are whole in the file.
   uint32_t countInFile() const { return countInFile_; }
+  /// How many samples have no chunk, or are not whole in the file. Quick if none is.
+  uint32_t countMissing() const;
 
   /// The place of a sample, 0-based; quick for one at or after the last one asked for. Throws sampleTableError for a
   /// sample that does not exist, has no chunk, or is not whole in the file.

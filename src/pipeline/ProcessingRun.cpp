@@ -25,9 +25,11 @@ ProcessingRun::ProcessingRun(FileManager& fileManager, const Clock& clock, Names
       outcome{.id = state.downloadId},
       clock_(clock),
       listener_(listener) {
-  if (!state.lostEnd) return;
-  outcome.isPartly = true;
-  outcome.leftAlone.push_back(*state.lostEnd);
+  for (const auto& words : {state.lostEnd, state.missing}) {
+    if (!words) continue;
+    outcome.isPartly = true;
+    outcome.leftAlone.push_back(*words);
+  }
 }
 
 void ProcessingRun::updateProcessingStage(ProcessingStage stage) {
@@ -61,10 +63,17 @@ void ProcessingRun::keepPart(const std::string& whatIsMissing) {
   state.lostEnd = whatIsMissing;
 }
 
+void ProcessingRun::lack(const std::string& whatIsMissing) {
+  if (state.missing != whatIsMissing) warn(whatIsMissing);
+  outcome.isPartly = true;
+  state.missing = whatIsMissing;
+}
+
 void ProcessingRun::startOver() {
   state.wrong.clear();
   state.done.clear();
   state.lostEnd.reset();
+  state.missing.reset();
   state.restoreAskedFlags();
   outcome.isPartly = false;
   outcome.leftAlone.clear();

@@ -49,8 +49,11 @@ class ProcessingRun {
   /// Something is wrong with the file and stays so; warns of it.
   void leave(const std::string& words);
 
-  /// The run keeps a part of the video; warns of what is missing.
+  /// The run cuts the movie to the part of it that is there; warns of what is missing.
   void keepPart(const std::string& whatIsMissing);
+
+  /// The movie lists samples that the file does not hold, and nothing brings them back; warns of them.
+  void lack(const std::string& whatIsMissing);
 
   /// The run mends something: what was wrong, and what is done about it. Sentences for people, without a stop; either
   /// may be empty. The record keeps them from its next checkpoint on, so a pass that repeats one that was cut off may

@@ -54,6 +54,7 @@ Json encode(const ProcessingState& state) {
   setIfPresent(object, "askedFlags", state.askedFlags);
   setIfPresent(object, "videoFirstPTS", state.videoFirstPTS);
   setIfPresent(object, "lostEnd", state.lostEnd);
+  setIfPresent(object, "missing", state.missing);
   if (!state.wrong.empty()) object["wrong"] = state.wrong;
   if (!state.done.empty()) object["done"] = state.done;
   return object;
@@ -92,6 +93,7 @@ ProcessingState decode(const Json& object) {
   state.askedFlags = optionalValue<std::array<bool, 3>>(object, "askedFlags");
   state.videoFirstPTS = optionalValue<double>(object, "videoFirstPTS");
   state.lostEnd = optionalValue<std::string>(object, "lostEnd");
+  state.missing = optionalValue<std::string>(object, "missing");
   state.wrong = optionalValue<std::vector<std::string>>(object, "wrong").value_or(std::vector<std::string>());
   state.done = optionalValue<std::vector<std::string>>(object, "done").value_or(std::vector<std::string>());
   return state;

@@ -31,7 +31,8 @@ struct ProcessingState {
   /// The three as the request has them, if a step has made the file that they were told from.
   std::optional<std::array<bool, 3>> askedFlags = {};
   std::optional<double> videoFirstPTS = {};  ///< seconds
-  std::optional<std::string> lostEnd = {};   ///< which part of the video is missing, for people, if a part of it is
+  std::optional<std::string> lostEnd = {};   ///< which part of the video was cut away, for people, if one was
+  std::optional<std::string> missing = {};   ///< what the movie lists and the file does not hold, for people
   std::vector<std::string> wrong = {};       ///< what the steps found wrong, for people: one sentence for each fault
   std::vector<std::string> done = {};        ///< what they did about it, likewise
 

@@ -6,12 +6,15 @@
 
 namespace tarn {
 
+std::string handlerWords(std::string_view handler) {
+  if (handler == "vide") return "video";
+  if (handler == "soun") return "sound";
+  if (handler == "text" || handler == "sbtl" || handler == "subt") return "text";
+  return fmt::format("\"{}\" track", handler);
+}
+
 std::string trackWords(const Presentation& movie, std::string_view handler, uint32_t trackID) {
-  std::string words = handler == "vide"   ? "video"
-                      : handler == "soun" ? "sound"
-                      : handler == "text" || handler == "sbtl" || handler == "subt"
-                          ? "text"
-                          : fmt::format("\"{}\" track", handler);
+  std::string words = handlerWords(handler);
   const auto alike = std::ranges::count(movie.tracks(), handler, &TrackPresentation::handler);
   if (alike > 1) words += fmt::format(" (track {})", trackID);
   return words;

@@ -8,6 +8,9 @@
 
 namespace tarn {
 
+/// What people call the tracks of a handler, to come after "the": "video", "sound", "text", "\"tmcd\" track".
+std::string handlerWords(std::string_view handler);
+
 /// What people call a track, to come after "the": "video", "sound", "text", "\"tmcd\" track"; with its number if the
 /// movie has several tracks of its handler.
 std::string trackWords(const Presentation& movie, std::string_view handler, uint32_t trackID);

@@ -1,31 +1,45 @@
 #include "sync/SyncStep.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
 
 #include "platform/Log.h"
+#include "presentation/MissingSamples.h"
 #include "presentation/PresentationChange.h"
-#include "presentation/TrackWords.h"
 #include "sync/MP4AVSyncFixer.h"
 
 namespace tarn {
 namespace {
 
 /// Of samples that the tables place behind the end of the file.
-void warnOfMissing(ProcessingRun& run, const Presentation& movie) {
-  for (const TrackPresentation& track : movie.tracks()) {
-    if (track.locations.countInFile() == track.locations.count()) continue;
-    run.warn(fmt::format("A part of the {} is not in the file, and no repair brings it back",
-                         trackWords(movie, track.handler, track.trackID)));
+void warnOfMissing(ProcessingRun& run, const std::vector<IncompleteTrack>& incomplete) {
+  std::vector<std::string> tracks;
+  for (const IncompleteTrack& track : incomplete) {
+    if (std::ranges::count(tracks, track.name) == 0) tracks.push_back(track.name);
+  }
+  if (tracks.empty()) return;
+  run.lack(fmt::format("A part of the {} is not in the file, and no repair brings it back",
+                       fmt::join(tracks, " and of the ")));
+}
+
+/// Throws if the tables of a track cannot be read; what can be read of the others is told.
+Presentation readPresentation(ProcessingRun& run) {
+  try {
+    return Presentation::read(run.files, run.fileURL);
+  } catch (const Error&) {
+    warnOfMissing(run, incompleteTracks(run.files, run.fileURL));
+    throw;
   }
 }
 
 /// Writes the edit lists that are wrong anew; false if there are none.
 bool fixEditLists(ProcessingRun& run, AVSyncTimings& timings) {
   TimingHelper timer;
-  const auto presentation = Presentation::read(run.files, run.fileURL);
+  const Presentation presentation = readPresentation(run);
   const SyncFixOrder order = orderSyncFix(presentation);
   timings.analyzeSync = timer.stop();
-  warnOfMissing(run, presentation);
+  warnOfMissing(run, incompleteTracks(presentation));
   if (!order.isNeeded()) return false;
   for (const auto& track : order.tracks)
     log("Track {} needs another edit list, since {}", track.trackID, track.list.reason);

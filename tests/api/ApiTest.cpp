@@ -20,7 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using Kind = RepairReport::Kind;
 
@@ -46,7 +45,6 @@ TEST(ApiTest, AnInspectionIsAValue) {
   EXPECT_EQ(before.tracks[1].handler, "soun");
   EXPECT_TRUE(std::ranges::all_of(before.problems, &FileInspection::Problem::isMended));
   EXPECT_THAT(before.text, testing::StartsWith(before.verdictText));
-  EXPECT_THAT(before.json, HasSubstr("avc3"));
   EXPECT_THROW(inspectFile("/nowhere"), Error);
 }
 
@@ -80,44 +78,83 @@ TEST(ApiTest, ARepairThatIsCancelledOrCannotBeginWritesNothing) {
   const auto stop = [&](std::string_view, double) { cancel.request_stop(); };
   EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, stop, cancel.get_token()).kind, Kind::cancelled);
   EXPECT_EQ(repairFile(recording(), place / "out.mp4", {}, {}, cancel.get_token()).kind, Kind::cancelled);
-  EXPECT_THROW(repairFile("/nowhere", place / "out.mp4"), Error);
-  EXPECT_THROW(repairFile("", place / "out.mp4"), Error);
-  EXPECT_THROW(repairFile(recording(), ""), Error);
+  const std::pair<fs::path, fs::path> rows[] = {{"/nowhere", place / "out.mp4"},
+                                                {"", place / "out.mp4"},
+                                                {recording(), ""},
+                                                {recording(), place / "no folder/out.mp4"},
+                                                {recording(), place.path()}};
+  for (const auto& [in, out] : rows) EXPECT_THROW(repairFile(in, out), Error) << in << out;
   EXPECT_THROW(repairFile(recording(), place / "out.mp4", {.like = ""}), Error);
-  EXPECT_THROW(repairFile(recording(), place / "no folder/out.mp4"), Error);
-  EXPECT_THROW(repairFile(recording(), place.path()), Error);
   EXPECT_EQ(entriesOf(place.path()), 0U);
 }
 
-TEST(ApiTest, TheLogIsDroppedUntilSomebodyAsksForIt) {
+/// That of an engine comes before where else the log goes, however they are made.
+TEST(ApiTest, TheLogIsDroppedUntilSomebodyAsksForItAndAnEngineKeepsItInItsHome) {
   EXPECT_STREQ(version(), TARN_VERSION_STRING);
   const TempDirectory place;
-  std::vector<std::string> lines;
+  size_t lines = 0;
+  const auto inHome = [&](const char* home) { return contentOf(place / home / "log/tarn.log").size(); };
+  const auto work = [&] { repairFile(recording(), place / "out.mp4"); };
+  const auto opened = [&](const char* home) {
+    auto engine = std::make_unique<Engine>(EngineOptions{.home = place / home});
+    engine->open();
+    return engine;
+  };
   testing::internal::CaptureStdout();
-  repairFile(recording(), place / "out.mp4");
-  setLog([&](std::string_view line) { lines.emplace_back(line); });
-  repairFile(recording(), place / "out.mp4");
+  work();
+  auto first = opened("first"), second = opened("second");
+  setLog([&](std::string_view) { ++lines; });
+  const size_t before = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), before);
+  first.reset();
+  const size_t ofFirst = inHome("first"), ofSecond = inHome("second");
+  work();
+  EXPECT_GT(inHome("second"), ofSecond);
+  EXPECT_EQ(lines, 0U);
+  second.reset();
+  work();
+  EXPECT_GT(lines, 0U);
+  EXPECT_EQ(inHome("first"), ofFirst);
   setLog({});
-  const size_t count = lines.size();
-  repairFile(recording(), place / "out.mp4");
+  const size_t all = lines;
+  work();
+  EXPECT_EQ(lines, all);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_GT(count, 0U);
-  EXPECT_EQ(lines.size(), count);
 }
 
-TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
+TEST(ApiTest, AnEngineSavesAVideoThatAsksForHeadersAndWasPausedOverARestart) {
   const TempDirectory place;
   FaultServer server;
-  const std::string bytes = contentOf(recording());
-  server.serve("/clip.mp4", ServedFile::of(Bytes(bytes.begin(), bytes.end())));
-  std::vector<std::string> lines;
+  const std::string recorded = contentOf(recording());
+  server.serve("/my%20clip", ServedFile::of({recorded.begin(), recorded.end()}), {{.stallAfter = 1000}},
+               {.disposition = "attachment; filename*=UTF-8''M%C3%A4rz.mov"});
+  int64_t id = 0;
+  {
+    Engine engine({.home = place / "home"});
+    engine.open();
+    SaveRequest request{.url = server.url("/my clip"), .album = "Trips"};
+    EXPECT_THROW(engine.save({.url = "ftp://127.0.0.1/x", .album = "Trips"}), EngineRefused);
+    request.transfer.headers = {"X-Key: a\r\nX-Other: b"};
+    EXPECT_THROW(engine.save(request), EngineRefused);
+    request.transfer.headers = {"X-Key: seCret"};
+    request.transfer.cookies = "127.0.0.1\tFALSE\t/\tFALSE\t0\tsid\tseCret2\nh.org\tFALSE\t/\tFALSE\t0\tsid\tother";
+    id = engine.save(request);
+    while (engine.transfers()[id].received < 1000) engine.nextEvent(std::chrono::milliseconds(5));
+    EXPECT_EQ(engine.transfers()[id].expected, recorded.size());
+    engine.pause(id);
+    EXPECT_THROW(engine.pause(id + 1), EngineRefused);
+    EXPECT_FALSE(engine.storedWork().hasTransfers) << "nothing goes on by itself";
+  }
   std::vector<std::string> warnings;
-  setLog([&](std::string_view line) { lines.emplace_back(line); });
   {
     Engine engine({.home = place / "home", .warn = [&](const std::string& words) { warnings.push_back(words); }});
     engine.open();
-    EXPECT_THROW(engine.save({.url = "ftp://127.0.0.1/x", .album = "Trips"}), EngineRefused);
-    const int64_t id = engine.save({.url = server.url("/clip.mp4"), .album = "Trips"});
+    EXPECT_TRUE(engine.transfers()[id].isPaused);
+    EXPECT_EQ(engine.transfers()[id].received, 1000U);
+    EXPECT_EQ(engine.downloads().at(0).status, "STATUS_RUNNING");
+    engine.resume(id);
+    EXPECT_THROW(engine.resume(id), EngineRefused);
     while (const auto event = engine.nextEvent()) {
       if (event->name == "downloadComplete") break;
     }
@@ -125,8 +162,9 @@ TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
     EXPECT_THAT(engine.downloads(), IsEmpty());
     const auto outcome = engine.outcome(id);
     ASSERT_TRUE(outcome.assetId) << outcome.failure.value_or("");
-    EXPECT_EQ(engine.assetPath(*outcome.assetId, "Trips"), place / "home/Photos/Trips/clip.mp4");
-    EXPECT_EQ(inspectFile(place / "home/Photos/Trips/clip.mp4").verdict, FileInspection::Verdict::nothingToRepair);
+    const fs::path saved = place / "home/Photos/Trips/M\xC3\xA4rz.mov";
+    EXPECT_EQ(engine.assetPath(*outcome.assetId, "Trips"), saved);
+    EXPECT_EQ(inspectFile(saved).verdict, FileInspection::Verdict::nothingToRepair);
     EXPECT_FALSE(engine.call("getActiveDownloads", "no JSON").isResolved);
     EXPECT_TRUE(engine.call("getActiveDownloads").isResolved);
 
@@ -135,82 +173,13 @@ TEST(ApiTest, AnEngineSavesAVideoAndKeepsItsLogInItsHome) {
     other.join();
     EXPECT_TRUE(engine.isInterrupted());
   }
-  EXPECT_THAT(lines, IsEmpty());
-  EXPECT_THAT(contentOf(place / "home/log/tarn.log"), HasSubstr("clip.mp4"));
-  repairFile(recording(), place / "out.mp4");
-  EXPECT_GT(lines.size(), 0U) << "the log comes back when the engine is gone";
-  EXPECT_THAT(warnings, IsEmpty());
-  EXPECT_EQ(leftIn(place / "home"), "");
-}
-
-TEST(ApiTest, AVideoIsAskedForWithHeadersPausedOverARestartAndSavedUnderItsServersName) {
-  const TempDirectory place;
-  FaultServer server;
-  const std::string bytes = contentOf(recording());
-  server.serve("/my%20clip", ServedFile::of(Bytes(bytes.begin(), bytes.end())), {{.stallAfter = 1000}},
-               {.disposition = "attachment; filename*=UTF-8''M%C3%A4rz.mov"});
-  int64_t id = 0;
-  {
-    Engine engine({.home = place / "home"});
-    engine.open();
-    SaveRequest request{.url = server.url("/my clip"), .album = "Trips"};
-    request.transfer.headers = {"X-Key: a\r\nX-Other: b"};
-    EXPECT_THROW(engine.save(request), EngineRefused);
-    request.transfer.headers = {"X-Key: seCret"};
-    request.transfer.cookies = "127.0.0.1\tFALSE\t/\tFALSE\t0\tsid\tseCret2\nh.org\tFALSE\t/\tFALSE\t0\tsid\tother";
-    id = engine.save(request);
-    while (engine.transfers()[id].received < 1000) engine.nextEvent(std::chrono::milliseconds(5));
-    EXPECT_EQ(engine.transfers()[id].expected, bytes.size());
-    engine.pause(id);
-    EXPECT_THROW(engine.pause(id + 1), EngineRefused);
-    EXPECT_FALSE(engine.storedWork().hasTransfers) << "nothing goes on by itself";
-  }
-  Engine engine({.home = place / "home"});
-  engine.open();
-  EXPECT_TRUE(engine.transfers()[id].isPaused);
-  EXPECT_EQ(engine.transfers()[id].received, 1000U);
-  EXPECT_EQ(engine.downloads().at(0).status, "STATUS_RUNNING");
-  engine.resume(id);
-  EXPECT_THROW(engine.resume(id), EngineRefused);
-  while (const auto event = engine.nextEvent()) {
-    if (event->name != "downloadComplete") continue;
-    EXPECT_THAT(event->data, HasSubstr("M\xC3\xA4rz.mov"));
-    break;
-  }
-  const auto outcome = engine.outcome(id);
-  ASSERT_TRUE(outcome.assetId) << outcome.failure.value_or("");
-  EXPECT_EQ(engine.assetPath(*outcome.assetId, "Trips"), place / "home/Photos/Trips/M\xC3\xA4rz.mov");
   ASSERT_EQ(server.requests().size(), 2U);
   EXPECT_EQ(server.requests()[1].header("range"), "bytes=488-");
   EXPECT_EQ(server.requests()[1].header("x-key"), "seCret");
   EXPECT_EQ(server.requests()[1].header("cookie"), "sid=seCret2");
   EXPECT_EQ(contentOf(place / "home/log/tarn.log").find("seCret"), std::string::npos);
-}
-
-TEST(ApiTest, TheLogOfAnEngineComesAheadOfWhereElseItGoesHoweverTheyAreMade) {
-  const TempDirectory place;
-  std::vector<std::string> lines;
-  const auto inHome = [&](const char* home) { return contentOf(place / home / "log/tarn.log").size(); };
-  const auto work = [&] { repairFile(recording(), place / "out.mp4"); };
-  const auto opened = [&](const char* home) {
-    auto engine = std::make_unique<Engine>(EngineOptions{.home = place / home});
-    engine->open();
-    return engine;
-  };
-  auto first = opened("first"), second = opened("second");
-  setLog([&](std::string_view line) { lines.emplace_back(line); });
-  const size_t before = inHome("second");
-  work();
-  EXPECT_GT(inHome("second"), before);
-  EXPECT_THAT(lines, IsEmpty());
-  first.reset();
-  const size_t ofFirst = inHome("first"), ofSecond = inHome("second");
-  work();
-  EXPECT_GT(inHome("second"), ofSecond);
-  second.reset();
-  work();
-  EXPECT_GT(lines.size(), 0U);
-  EXPECT_EQ(inHome("first"), ofFirst);
+  EXPECT_THAT(warnings, IsEmpty());
+  EXPECT_EQ(leftIn(place / "home"), "");
 }
 
 TEST(ApiTest, AHomeThatCannotBeMadeIsToldAsAnError) {

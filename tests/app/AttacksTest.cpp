@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,13 +7,9 @@
 
 #include "RunningServer.h"
 #include "platform/host/Descriptor.h"
-#include "support/FaultServer.h"
-#include "support/MediaMaker.h"
 
 namespace tarn::test {
 namespace {
-
-using testing::HasSubstr;
 
 #ifdef TARN_SANITIZED
 constexpr int64_t mostGrowth = 1024 << 10;  // what is freed is kept for a while
@@ -105,18 +100,18 @@ class AttacksTest : public RunningServer {
   }
 
   size_t descriptors() const {
-    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
+    const fs::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
   }
 
   /// Puts in the fields that each row needs; "|" ends a line.
   std::string expanded(std::string row) const {
-    const std::string upgrade = "Connection: Upgrade|Upgrade: websocket|Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==|";
+    const std::string upgrade =
+        "Connection: Upgrade|Upgrade: websocket|Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==|Sec-WebSocket-Version: 13|";
     const std::pair<const char*, std::string> names[] = {
         {"{post}", "POST {base}history HTTP/1.1|{own}{origin}{json}"},
         {"{socket}", "{base}bridge/socket?page=p&epoch=&seq=0"},
-        {"{upgrade}", upgrade + "Sec-WebSocket-Version: 13|"},
-        {"{upgrade8}", upgrade + "Sec-WebSocket-Version: 8|"},
+        {"{upgrade}", upgrade},
         {"{json}", "Content-Type: application/json|"},
         {"{click}", "Sec-Fetch-Site: cross-site|Sec-Fetch-Mode: navigate|Sec-Fetch-Dest: "},
         {"{own}", "Host: {host}|Cookie: {cookie}|"},
@@ -133,7 +128,7 @@ class AttacksTest : public RunningServer {
     return row;
   }
 
-  /// What "status target|fields" asks for; the method is GET if none stands ahead of the target.
+  /// What "status target|fields" asks for; the method is GET if none stands before the target.
   std::string request(const std::string& row) const {
     const size_t end = row.find('|');
     const std::string method = row.substr(4, end - 4).find(' ') == std::string::npos ? "GET " : "";
@@ -165,14 +160,14 @@ class AttacksTest : public RunningServer {
     const Wire wire(port_);
     wire.send(sent);
     std::string answer = wire.read();
-    const std::string told = sent.substr(0, 300) + "\n" + answer.substr(0, 2000);
-    EXPECT_EQ(statusOf(answer), status) << told;
+    SCOPED_TRACE(sent.substr(0, 300) + "\n" + answer.substr(0, 2000));
+    EXPECT_EQ(statusOf(answer), status);
     for (const char* words : {"Access-Control", "unsafe", "nobody's", stillOpen}) {
-      EXPECT_EQ(answer.find(words), std::string::npos) << told;
+      EXPECT_EQ(answer.find(words), std::string::npos) << words;
     }
     for (const char* words : {"Content-Security-Policy: default-src 'none'; script-src 'self';",
                               "X-Content-Type-Options: nosniff", "Cache-Control: no-store"}) {
-      EXPECT_NE(answer.find(words), std::string::npos) << told;
+      EXPECT_NE(answer.find(words), std::string::npos) << words;
     }
     expectService();
     return answer;
@@ -198,121 +193,95 @@ TEST_F(AttacksTest, WhoMayNotAskIsRefused) {
       "204 {base}bridge/alive|{own}{origin}Sec-Fetch-Site: same-origin|",
       "204 {base}bridge/alive|Host: {host}|Cookie: a=b; {cookie}|", "204 {base}favicon.ico|{own}",
       "403 {base}albums|{own}{origin}{origin}", "403 {base}albums|{own}Sec-Fetch-Site: cross-site|",
-      "403 {base}albums|{own}Sec-Fetch-Site: same-site|", "403 {base}albums|{own}Origin:|",
-      "421 {base}albums|Host: {host}|{own}", "421 {base}albums|Cookie: {cookie}|",
-      "421 {base}albums|{own}Host: evil.example|", "421 {base}albums|Host: {host}| evil.example|Cookie: {cookie}|",
-      "308 {base}albums|Host: localhost:{port}|", "308 {base}albums|Host: [::1]:{port}|",
+      "403 {base}albums|{own}Origin:|", "421 {base}albums|Host: {host}|{own}", "421 {base}albums|Cookie: {cookie}|",
+      "421 {base}albums|Host: {host}| evil.example|Cookie: {cookie}|", "308 {base}albums|Host: localhost:{port}|",
+      "308 {base}albums|Host: [::1]:{port}|",
       // The cookie and nothing else, in its place.
       "403 {base}albums|Host: {host}|", "403 {base}albums|Host: {host}|Authorization: Bearer {token}|",
       "403 {base}albums?token={token}|Host: {host}|", "403 {base}albums?{cookie}|Host: {host}|",
       "403 {base}albums|Host: {host}|Cookie: tarn-{port}={token}|", "403 {base}albums|Host: {host}|Cookie: {cookie}0|",
-      "403 {base}albums|Host: {host}|Cookie: tarn-{port}=|", "403 {base}albums|Host: {host}|Cookie: tarn-{port}|",
+      "403 {base}albums|Host: {host}|Cookie: tarn-{port}=|",
       "403 {base}albums|Host: {host}|Cookie: tarn-1={secret}; x{cookie}; tarn-{port} ={secret}|",
-      "403 /?token=0{token}|Host: {host}|", "403 /?token={token}{token}|Host: {host}|",
-      "403 /?token={token}&token=|Host: {host}|", "403 /?token=|Host: {host}|",
+      "403 /?token=0{token}|Host: {host}|", "403 /?token=|Host: {host}|",
       // Nothing is served elsewhere, whoever asks.
-      "403 /albums|{own}", "403 /|{own}", "403 /00000000000000000000000000000000/albums|{own}",
-      "403 /{base}albums|{own}", "403 /.{base}albums|{own}",
+      "403 /albums|{own}", "403 /00000000000000000000000000000000/albums|{own}",
       // A page is sent by a click on the printed link, and by no other.
       "200 /?token={token}|Host: {host}|{click}document|", "403 /?token={token}|Host: {host}|{click}iframe|",
       "403 {base}|{own}{click}document|",
       // What changes something comes from a page of this origin, by the method that is meant for it.
       "403 POST {base}history|{own}{json}Content-Length: 2||{}",
       "403 POST {base}history|Host: {host}|{origin}{json}Content-Length: 2||{}",
-      "403 POST {base}history|{own}Origin: null|{json}Content-Length: 2||{}",
       "403 PUT {base}local|{own}Content-Length: 2||{}", "405 PUT {base}history|{own}{origin}Content-Length: 2||{}",
-      "405 DELETE {base}history|{own}{origin}", "405 TRACE {base}albums|{own}{origin}",
-      "405 OPTIONS {base}albums|{own}{origin}Access-Control-Request-Method: PUT|", "405 get {base}albums|{own}{origin}",
-      "405 HEAD {base}albums|{own}", "405 POST {base}bridge/saveVideo|{own}{origin}",
-      "405 POST {socket}|{own}{origin}{upgrade}", "405 {base}local|{own}",
+      "405 get {base}albums|{own}{origin}", "405 HEAD {base}albums|{own}",
+      "405 OPTIONS {base}albums|{own}{origin}Access-Control-Request-Method: PUT|",
+      "405 POST {base}bridge/saveVideo|{own}{origin}", "405 POST {socket}|{own}{origin}{upgrade}",
+      "405 {base}local|{own}",
       // So does a WebSocket.
       "403 {socket}|{own}{upgrade}", "403 {socket}|{own}Origin: http://evil.example|{upgrade}",
       "403 {socket}|Host: {host}|{origin}{upgrade}", "426 {socket}|{own}{origin}",
-      "426 {socket}|{own}{origin}{upgrade8}",
       "400 {socket}|{own}{origin}Upgrade: websocket|",
       "400 {base}bridge/socket?page=../p&epoch=&seq=0|{own}{origin}{upgrade}",
-      "400 {base}bridge/socket?page=&epoch=&seq=0|{own}{origin}{upgrade}",
-      "400 {base}bridge/socket?page=p&epoch=&seq=-1|{own}{origin}{upgrade}",
       "400 {base}bridge/socket?page=p&epoch=&seq=99999999999999999999|{own}{origin}{upgrade}",
-      "413 {socket}|{own}{origin}{upgrade}|frames ahead of the answer",
+      "413 {socket}|{own}{origin}{upgrade}|frames before the answer",
       // A page that rejoins proves that this home has served it.
       "200 /rejoin|Host: {host}|{origin}", "403 /rejoin|Host: {host}|Origin: http://evil.example|",
-      "403 /rejoin|Host: {host}|Sec-Fetch-Site: same-site|", "403 /rejoin?proof={secret}|Host: {host}|{origin}",
-      "403 /rejoin?proof=|Host: {host}|{origin}"};
+      "403 /rejoin?proof={secret}|Host: {host}|{origin}", "403 /rejoin?proof=|Host: {host}|{origin}"};
   // clang-format on
   for (const char* row : rows) attack(row);
   // Names that are pointed here, other ways to write an address, and origins that are nearly this one.
-  for (const std::string& name :
-       words("evil.example:{port} 127.0.0.1.:{port} 127.0.0.1 127.0.0.1: 127.0.0.1:0{port} 127.1:{port} 0.0.0.0:{port} "
-             "2130706433:{port} 0x7f.1:{port} [::ffff:127.0.0.1]:{port} [::]:{port} ::1:{port} localhost "
-             "localhost:{next} LOCALHOST:{port} localhost.:{port} 127.0.0.1:{next} {host}.evil.example "
-             "{host}@evil.example evil.example@{host} {host},evil.example http://{host}")) {
+  for (const std::string& name : words("evil.example 127.0.0.1 127.0.0.1.:{port} 127.1:{port} 2130706433:{port} "
+                                       "localhost:{next} LOCALHOST:{port} {host}.evil.example {host}@evil.example")) {
     attack("421 {base}albums|Host: " + name + "|Cookie: {cookie}|");
   }
   for (const std::string& from :
-       words("null http://evil.example http://127.0.0.1 http://127.0.0.1:{next} http://localhost:{port} file:// {host} "
-             "http://[::1]:{port} https://{host} ws://{host} HTTP://{host} http://{host}/ http://{host}.evil.example "
-             "http://evil.{host} http://{host},null")) {
+       words("null http://evil.example http://127.0.0.1:{next} http://localhost:{port} {host} "
+             "https://{host} http://{host}/ http://{host}.evil.example http://evil.{host}")) {
     attack("403 {base}albums|{own}Origin: " + from + "|");
   }
-  EXPECT_THROW(PageClient(port_, base_, "tarn=x", "p"), boost::system::system_error);
 }
 
 TEST_F(AttacksTest, WhatIsNoRequestIsRefused) {
   // clang-format off
   const char* rows[] = {
-      // A body has one length, and what is behind it is no second request.
-      "400 {post}Content-Length: 1|Content-Length: 2||{}", "400 {post}Content-Length: 2, 2||{}",
-      "400 {post}Content-Length: -2||{}", "400 {post}Content-Length: +2||{}", "400 {post}Content-Length: 0x2||{}",
+      // A body has one length, and what comes after it is no second request.
+      "400 {post}Content-Length: 1|Content-Length: 2||{}", "400 {post}Content-Length: -2||{}",
       "400 {post}Content-Length: 18446744073709551618||{}",
       "400 {post}Content-Length: 2|Transfer-Encoding: chunked||0||", "411 {post}Transfer-Encoding: chunked||0||",
-      "400 {post}Transfer-Encoding: chunked|Content-Length: 2||0||", "411 {post}Transfer-Encoding: identity||{}",
       "411 {post}Transfer-Encoding: chunked, gzip||{}", "411 {post}|", "413 {post}Content-Length: 1||{}",
       "411 PUT {base}local HTTP/1.1|{own}{origin}|",
       "413 GET {base}albums HTTP/1.1|{own}Transfer-Encoding: chunked||1|b|0||",
-      "413 GET {base}albums HTTP/1.1|{own}Content-Length: 5||hello",
       "413 GET {base}albums HTTP/1.1|{own}|GET /albums HTTP/1.1|{own}|",
       // Lines and fields.
       "400 GET {base}albums HTTP/1.1|{own}X : y||", "403 GET {base}albums HTTP/1.1|{own} goes on with the cookie||",
-      "400 GET {base}albums HTTP/1.1|{own}X||", "400 GET {base}albums HTTP/1.1|{own}: y||",
-      "400 GET {base}albums HTTP/1.1|{own}X: a\rb||", "400 GET {base}albums HTTP/1.1|{own}X: a\x01||",
-      "400 GET {base}albums HTTP/1.1\n{own}|", "400 GET {base}albums HTTP/1.1|Host: {host}\nCookie: {cookie}||",
-      "400 GET  {base} HTTP/1.1|{own}|", "400 GET {base}|{own}|", "400 GET {base} HTTP/2.0|{own}|",
-      "400 GET {base} HTTP/1.1 x|{own}|", "400 PRI * HTTP/2.0||SM||", "400 \x16\x03\x01\x02\x01\x01 a TLS hello||",
+      "400 GET {base}albums HTTP/1.1|{own}X: a\rb||", "400 \x16\x03\x01\x02\x01\x01 a TLS hello||",
       "400 GET http://{host}{base}albums HTTP/1.1|{own}|", "400 GET * HTTP/1.1|{own}|",
-      "400 GET albums HTTP/1.1|{own}|", "400 GET {base}albums?a=%zz HTTP/1.1|{own}|",
-      "400 GET {base}\x01 HTTP/1.1|{own}|",
+      "400 GET {base}albums?a=%zz HTTP/1.1|{own}|", "400 GET {base}\x01 HTTP/1.1|{own}|",
       // Bodies of other kinds.
       "415 POST {base}history HTTP/1.1|{own}{origin}Content-Type: text/plain|Content-Length: 2||{}",
-      "415 POST {base}history HTTP/1.1|{own}{origin}Content-Type: application/jsonx|Content-Length: 2||{}",
       "415 POST {base}history HTTP/1.1|{own}{origin}Content-Type: a/b; application/json|Content-Length: 2||{}",
-      "415 POST {base}history HTTP/1.1|{own}{origin}Content-Length: 2||{}", "400 {post}Content-Length: 0||",
-      "400 {post}Content-Length: 13||{\"clear\":\"\xff\"}"};
+      "400 {post}Content-Length: 0||", "400 {post}Content-Length: 13||{\"clear\":\"\xff\"}"};
   // clang-format on
   for (const char* row : rows) attack(std::stoi(row), expanded(row + 4));
   const std::string get = expanded("GET {base}albums HTTP/1.1|{own}"), far = expanded("GET {base}");
   const std::string version = expanded(" HTTP/1.1|{own}|"), post = expanded("{post}Content-Length: ");
+  const std::string save = expanded("POST {base}downloads HTTP/1.1|{own}{origin}{json}Content-Length: ");
   const std::pair<int, std::string> tooMuch[] = {
-      {431, get + "X: " + std::string(20'000, 'x') + "\r\n\r\n"},
       {431, get + std::string(20'000, 'X') + ": y\r\n\r\n"},
       {431, get + times(4'000, "X: y\r\n") + "\r\n"},
       {431, far + std::string(20'000, 'x') + version},
-      {404, far + std::string(7'000, 'x') + version},
       {404, far + times(2'000, "../") + "secret" + version},
       {431, std::string(1'000'000, 'G')},
-      {400, std::string(1'000, '\0') + "\r\n\r\n"},
       {400, get + std::string("X: a\0b\r\n\r\n", 10)},
       {413, post + "4097\r\n\r\n" + std::string(4'097, ' ')},
       {413, post + "2000000\r\n\r\n" + std::string(2'000'000, ' ')},
-      {413,
-       expanded("POST {base}downloads HTTP/1.1|{own}{origin}{json}Content-Length: 65537||") + std::string(65'537, ' ')},
+      {413, save + "65537\r\n\r\n" + std::string(65'537, ' ')},
+      {409, save + "60010\r\n\r\n" + R"({"url":")" + std::string(60'000, 'u') + "\"}"},  // addresses can be long
       {400, post + "4096\r\n\r\n" + std::string(4'096, '[')},
-      {400, post + "4095\r\n\r\n" + times(819, "{\"a\":")},
   };
   for (const auto& [status, sent] : tooMuch) attack(status, sent);
   // Identifiers of what is not there, with parts of a path and of other languages.
   for (const std::string& id :
-       words("''%20OR%20%271%27='1 .. %2e%2e%2ftoken ..%2f..%2ftoken %2Fetc%2Fpasswd %00 * %ff 99999999999999999999")) {
+       words("''%20OR%20%271%27='1 .. %2e%2e%2ftoken %2Fetc%2Fpasswd %00 %ff 99999999999999999999")) {
     for (const char* place : {"videos/", "posters/"}) attack("404 {base}" + (place + id) + "|{own}");
     attack("404 POST {base}downloads/" + id + R"(|{own}{origin}{json}Content-Length: 19||{"action":"cancel"})");
     attack("409 POST {base}library/" + id + R"(|{own}{origin}{json}Content-Length: 19||{"action":"remove"})");
@@ -320,163 +289,129 @@ TEST_F(AttacksTest, WhatIsNoRequestIsRefused) {
 }
 
 TEST_F(AttacksTest, OnlyThePagesOwnFilesAreFound) {
-  std::filesystem::create_directories(place_ / "web/assets/deep");
-  for (const char* name : {"web/assets/a b.js", "web/assets/deep/x.css"}) std::ofstream(place_ / name) << "x";
-  for (const std::string& name : words("web/.hidden secret")) std::ofstream(place_ / name) << "nobody's";
-  std::filesystem::create_symlink(place_ / "secret", place_ / "web/link.js");
-  std::filesystem::create_symlink("loop", place_ / "web/loop");
-  std::filesystem::create_directory_symlink(place_.path(), place_ / "web/up");
-  std::filesystem::create_symlink("deep/x.css", place_ / "web/assets/inside.css");
+  for (const char* name : {"web/assets/a b.js", "web/assets/deep/x.css"}) put(place_ / name, "x");
+  for (const char* name : {"web/.hidden", "secret"}) put(place_ / name, "nobody's");
+  fs::create_symlink(place_ / "secret", place_ / "web/link.js");
+  fs::create_symlink("loop", place_ / "web/loop");
+  fs::create_directory_symlink(place_.path(), place_ / "web/up");
+  fs::create_symlink("deep/x.css", place_ / "web/assets/inside.css");
   ASSERT_EQ(::mkfifo((place_ / "web/pipe").c_str(), 0600), 0);
   for (const std::string& path : words("index.html assets/a%20b.js assets/deep/x.css assets/inside.css")) {
     attack("200 {base}" + path + "|{own}");
   }
   for (const std::string& path : words(
-           "../secret %2e%2e/secret %2E%2E%2Fsecret .%2e/secret assets/../../secret assets/..%2f..%2fsecret ..\\secret "
-           "..%5csecret .hidden %2ehidden link.js loop up/secret pipe /etc/passwd /%2fetc/passwd %2fetc/passwd assets "
-           "assets/ index.html%00.js index.html/ ./index.html %zz %c0%ae%c0%ae/secret ..%252fsecret ....//secret "
-           "../home/token bridge/../../home/token file:///etc/passwd bridge/saveVideo " +
-           (place_ / "secret").string())) {
+           "../secret %2e%2e/secret assets/../../secret assets/..%2f..%2fsecret ..%5csecret .hidden %2ehidden link.js "
+           "loop up/secret pipe /etc/passwd %2fetc/passwd assets assets/ index.html%00.js index.html/ ./index.html %zz "
+           "%c0%ae%c0%ae/secret ..%252fsecret ../home/token bridge/../../home/token bridge/saveVideo")) {
     attack("404 {base}" + path + "|{own}");
   }
 }
 
 TEST_F(AttacksTest, AFileComesInWholeAndIsServedInParts) {
   const std::string content = std::string("OggS\0", 5) + std::string(2'999'995, 'v');  // taken as it comes
-  const auto isEmpty = [this] { return std::filesystem::is_empty(home_ / "Local"); };
-  const auto put = [&](const std::string& query, const std::string& length, const std::string& body) {
+  const auto isEmpty = [this] { return fs::is_empty(home_ / "Local"); };
+  const auto handIn = [&](const std::string& query, const std::string& length, const std::string& body) {
     return request("PUT PUT {base}local?" + query + "|{own}{origin}Content-Length: " + length + "|") + body;
   };
   const std::pair<int, std::string> refused[] = {
-      {400, put("filename=a.ogg&album=", "9", "")},
-      {400, put("filename=a.ogg", "9", "")},
-      {507, put("filename=a.ogg&album=A", "9000000000000000000", "")},
-      {507, put("filename=a.ogg&album=A", "18446744073709551615", "")},
-      {413, put("filename=a.ogg&album=A", "1", "22")},
-      {409, put("filename=a.ogg&album=A", "0", "")},
-      {409, put("filename=a.mp4&album=A", "15", "<!doctype html>")},
+      {400, handIn("filename=a.ogg&album=", "9", "")},
+      {507, handIn("filename=a.ogg&album=A", "18446744073709551615", "")},
+      {413, handIn("filename=a.ogg&album=A", "1", "22")},
+      {409, handIn("filename=a.ogg&album=A", "0", "")},
+      {409, handIn("filename=a.mp4&album=A", "15", "<!doctype html>")},
   };
   for (const auto& [status, sent] : refused) attack(status, sent);
   for (const bool isReset : {false, true}) {
     ASSERT_TRUE(isEmpty());
     Wire cut(port_);
-    cut.send(put("filename=a.ogg&album=A", "3000000", content.substr(0, 100'000)));
+    cut.send(handIn("filename=a.ogg&album=A", "3000000", content.substr(0, 100'000)));
     ASSERT_TRUE(eventually([&] { return !isEmpty(); }));
-    attack(409, put("filename=b.ogg&album=A", "4", "OggS"));  // one at a time
+    attack(409, handIn("filename=b.ogg&album=A", "4", "OggS"));  // one at a time
     isReset ? cut.reset() : cut.endSending();
     ASSERT_TRUE(eventually(isEmpty));
   }
-  const char* names[] = {"a%20b.ogg&album=Sea", "../../../../evil.ogg&album=../../up",
+  const char* names[] = {"a%20b.html&album=Sea", "../../../../evil.ogg&album=../../up",
                          "%2Fetc%2Fevil%00.ogg&album=%2e%2e", ".&album=.hidden%0A"};
   for (size_t i = 0; i < std::size(names); ++i) {
-    attack(200, put(std::string("filename=") + names[i], "3000000", content));
+    attack(200, handIn(std::string("filename=") + names[i], "3000000", content));
     ASSERT_TRUE(eventually([&] { return savedFiles(home_).size() == i + 1; })) << names[i];
   }
   EXPECT_THAT(savedFiles(home_),
-              testing::ElementsAre("Sea/a b.ogg", "_./_etc_evil_.ogg", "_._.._up/_._.._.._.._evil.ogg", "_hidden_/_"));
+              testing::ElementsAre("Sea/a b.html", "_./_etc_evil_.ogg", "_._.._up/_._.._.._.._evil.ogg", "_hidden_/_"));
   EXPECT_TRUE(isEmpty());
 
   const std::string id = between(bodyOf(get("albums")), "\"id\":\"", "\"");
-  struct Row {
-    int status;
-    std::string range;
-    size_t from = 0, to = 2'999'999;
-  };
-  std::vector<Row> rows = {{206, "bytes=0-", 0, (2 << 20) - 1},
-                           {206, "bytes=-99999999", 0, (2 << 20) - 1},
-                           {206, "bytes=2097152-", 2 << 20},
-                           {206, "bytes=100-199", 100, 199},
-                           {206, "bytes=2999999-99999999999999999999999", 2'999'999},
-                           {206, "bytes=-100", 2'999'900},
-                           {200, "bytes=" + times(2'000, "0-,") + "0-"},
-                           {200, "bytes= 0-1"},
-                           {200, "bytes=0-1|If-Range: \"v1\""}};
-  for (const std::string& range : words("bytes=3000000- bytes=99999999999999999999999- bytes=-0 "
-                                        "bytes=18446744073709551615-18446744073709551615")) {
-    rows.push_back({416, range});
-  }
-  for (const std::string& range : words("bytes=2-1 bytes=0-1,3-4 bytes=0-10,5-15,0-10 bytes=--1 bytes=- bytes=+0-1 "
-                                        "bytes=0x0-1 items=0-1 bytes bytes=0--1 bytes=1-x")) {
-    rows.push_back({200, range});
-  }
-  for (const auto& [status, range, from, to] : rows) {
+  const auto ask = [&](int status, const std::string& range, size_t from = 0, size_t to = 2'999'999) {
     const std::string answer = attack(fmt::format("{} {{base}}videos/{}|{{own}}Range: {}|", status, id, range));
     const std::string part = status == 206 ? fmt::format("bytes {}-{}", from, to) : status == 416 ? "bytes *" : "";
     EXPECT_EQ(between(answer, "Content-Range: ", "/3000000\r\n"), part) << range;
-    EXPECT_TRUE(status == 416 || bodyOf(answer) == content.substr(from, to + 1 - from)) << range;
+    if (status == 416) return;
+    EXPECT_EQ(between(answer, "Content-Type: ", "\r\n"), "video/mp4") << "it is never run";
+    EXPECT_TRUE(bodyOf(answer) == content.substr(from, to + 1 - from)) << range;
+  };
+  ask(206, "bytes=0-", 0, (2 << 20) - 1);
+  ask(206, "bytes=-99999999", 0, (2 << 20) - 1);
+  ask(206, "bytes=100-199", 100, 199);
+  ask(206, "bytes=2999999-99999999999999999999999", 2'999'999);
+  ask(206, "bytes=-100", 2'999'900);
+  for (const char* range : {"bytes=3000000-", "bytes=99999999999999999999999-", "bytes=-0"}) ask(416, range);
+  for (const char* range : {"bytes= 0-1", "bytes=0-1|If-Range: \"v1\"", "bytes=2-1", "bytes=0-1,3-4", "bytes=--1",
+                            "bytes=-", "bytes=+0-1", "items=0-1", "bytes=1-x"}) {
+    ask(200, range);
   }
 
   // What a killed server was taking in goes at the next start.
   const Wire last(port_);
-  last.send(put("filename=a.ogg&album=A", "3000000", content.substr(0, 100'000)));
+  last.send(handIn("filename=a.ogg&album=A", "3000000", content.substr(0, 100'000)));
   ASSERT_TRUE(eventually([&] { return !isEmpty(); }));
-  server_->signal(SIGKILL);
-  server_->wait();
+  tarn_->signal(SIGKILL);
+  tarn_->wait();
   start();
-  EXPECT_FALSE(std::filesystem::exists(home_ / "Local"));
+  EXPECT_FALSE(fs::exists(home_ / "Local"));
 }
 
 TEST_F(AttacksTest, WhateverAPageSendsIsAnsweredOrEndsItsConnection) {
   const std::string command = R"({"id":"1","plugin":"TarnBridge","method":"getDownloadLimit","options":)";
   const std::string piece(64 << 10, 'x');
-  struct Row {
-    int end;            ///< the code of the server's close; 1000 echoes that of the client
-    const char* words;  ///< of the answer ahead of it
-    std::string frames;
-  };
-  std::vector<Row> rows = {
+  // The code of the server's close (1000 echoes that of the client), the words of the answer before it, what is sent.
+  std::vector<std::tuple<int, const char*, std::string>> rows = {
       {1000, "not a JSON object", frame(whole | 2, "{\"id\":\"\xff\"}")},
       {1000, "not a JSON object", text(command + std::string(5'000, '['))},
-      {1000, "not a JSON object", text(command + times(40'000, "{\"a\":"))},
       {1000, "not a JSON object", text(command + times(33, "{\"a\":") + "1" + std::string(34, '}'))},
       {1000, "not a JSON object", frame(1, "") + times(10'000, frame(0, "")) + frame(whole, "")},
       {1000, "The message is too large", text(R"({"id":"1"})" + std::string(256 << 10, ' '))},
       {1000, "\\\"id\\\" must", text(R"({"id":")" + std::string(129, 'i') + R"(","plugin":"P","method":"m"})")},
       {1000, "\"limit\"", text(command + R"({"a":[)" + times(100'000, "0,") + "0]}}")},
       {1000, "", times(20'000, frame(whole | 9, ""))},
-      {1000, "", times(20'000, frame(whole | 10, "unasked"))},
-      {1009, "", text(std::string(2 << 20, 'x'))},
       {1009, "", frame(whole | 1, command + std::string(4 << 20, ' '), 100 << 20)},
-      {1009, "", frame(whole | 1, "", uint64_t{1} << 62)},
       {1009, "", frame(whole | 1, "", uint64_t{1} << 63)},
       {1009, "", frame(1, piece) + times(31, frame(0, piece))},
+      {1000, "not a JSON object", text("")},
+      {1000, "\\\"id\\\" must", text(R"({"id":7,"plugin":"P","method":"m"})")},
+      {1000, "\\\"method\\\" must", text(R"({"id":"1","plugin":"P","method":5})")},
+      {1000, "\\\"options\\\" must", text(R"({"id":"1","plugin":"P","method":"m","options":null})")},
+      {1000, "\\\"visible\\\" must", text(R"({"visible":1})")},
+      {1000, "not implemented", text(R"({"id":"1","plugin":"TarnHost","method":"getLibrary"})")},
   };
-  const std::pair<const char*, const char*> messages[] = {
-      {"not a JSON object", ""},
-      {"not a JSON object", "[1]"},
-      {"\\\"id\\\" must", R"({"id":7,"plugin":"P","method":"m"})"},
-      {"\\\"id\\\" must", R"({"id":"","plugin":"P","method":"m"})"},
-      {"\\\"method\\\" must", R"({"id":"1","plugin":"P","method":5})"},
-      {"\\\"options\\\" must", R"({"id":"1","plugin":"P","method":"m","options":null})"},
-      {"\\\"visible\\\" must", R"({"visible":1})"},
-      {"not implemented", R"({"id":"1","plugin":"TarnHost","method":"getLibrary"})"},
-      {"not implemented", R"({"id":"1","plugin":"TarnBridge","method":"load"})"},
-      {"\"limit\":10", R"({"id":"1","plugin":"TarnBridge","method":"setDownloadLimit","options":{"limit":50}})"},
-  };
-  for (const auto& [words, message] : messages) rows.push_back({1000, words, text(message)});
   // Against the rules of WebSockets (RFC 6455 5, 7.4, 8.1).
   for (const std::string& bad :
-       {frame(whole | 1, "{}", 0, 0), frame(9, "ping"), frame(whole | 9, std::string(126, 'p')),
-        frame(whole | 8, std::string(126, 'c')), frame(whole | 8, "c"), frame(whole | 8, "\x03\xe7"),
-        frame(whole | 8, "\x03\xed"), frame(whole | 8, "\x03\xe8\xff"), frame(whole | 0x41, "{}"),
-        frame(whole | 0x21, "{}"), frame(whole | 0x11, "{}"), frame(whole | 3, "{}"), frame(whole | 11, "{}"),
-        frame(whole, "{}"), frame(1, "{}") + text("{}"), "\x81\xfe" + std::string("\0\2\0\0\0\0{}", 8)}) {
+       {frame(whole | 1, "{}", 0, 0), frame(9, "ping"), frame(whole | 9, std::string(126, 'p')), frame(whole | 8, "c"),
+        frame(whole | 8, "\x03\xe7"), frame(whole | 0x41, "{}"), frame(whole | 3, "{}"), frame(whole, "{}"),
+        frame(1, "{}") + text("{}")}) {
     rows.push_back({1002, "", bad});
   }
-  for (const std::string& bad : {text("{\"id\":\"\xff\"}"), text("{\"id\":\"\xc3"), text("\xed\xa0\x80"),
-                                 frame(1, "\xc3") + frame(whole, "(")}) {
+  for (const std::string& bad : {text("{\"id\":\"\xff\"}"), frame(1, "\xc3") + frame(whole, "(")}) {
     rows.push_back({1007, "", bad});
   }
   for (const auto& [end, words, frames] : rows) {
     const Wire wire = pageWire(std::to_string(attacks_));
     wire.send(frames);
-    std::string said = *words == '\0' ? "" : wire.read(words);
-    EXPECT_THAT(said, HasSubstr(words));
+    EXPECT_THAT(*words == '\0' ? "" : wire.read(words), HasSubstr(words));
     wire.send(frame(whole | 8, "\x03\xe8"));
-    said = wire.read();
+    const std::string said = wire.read();
     EXPECT_THAT(said, HasSubstr(std::string("\x88\x02") + static_cast<char>(end >> 8) + static_cast<char>(end)))
         << fmt::format("{:.60}", frames);
-    EXPECT_EQ(said.find(stillOpen), std::string::npos);
+    EXPECT_THAT(said, Not(HasSubstr(stillOpen)));
     expectService();
   }
 
@@ -493,15 +428,14 @@ TEST_F(AttacksTest, WhateverAPageSendsIsAnsweredOrEndsItsConnection) {
 }
 
 TEST_F(AttacksTest, WhoHoldsConnectionsKeepsNobodyOut) {
-  FaultServer source;
-  source.serve("/held", ServedFile::of(Bytes(3'000'000)), {}, {.stallAfter = 1000});
+  server_.serve("/held", ServedFile::of(Bytes(3'000'000)), {}, {.stallAfter = 1000});
   page_->command("setDownloadLimit", {{"limit", 10}});
   const std::string name(40'000, 'f');
   for (int i = 0; i < 20; ++i) {
-    page_->command("saveVideo", {{"url", source.url("/held")}, {"album", "A"}, {"filename", name}});
+    page_->command("saveVideo", {{"url", server_.url("/held")}, {"album", "A"}, {"filename", name}});
   }
   hearsMuch_ = true;
-  ASSERT_TRUE(eventually([&] { return source.requests().size() >= 10; }));
+  ASSERT_TRUE(eventually([&] { return server_.requests().size() >= 10; }));
   for (int i = 0; i < 2; ++i) page_->next("bytesDownloaded");
   descriptors_ = descriptors();
 

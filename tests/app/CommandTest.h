@@ -33,6 +33,14 @@ class CommandTest : public testing::Test {
   using Child = std::unique_ptr<ChildProgram>;
 
   TarnResult run(const std::vector<std::string>& arguments) const { return runTarn(home_, arguments); }
+  /// Runs a command that must leave with this code and say these words.
+  TarnResult expect(int code, const std::vector<std::string>& arguments, const std::string& words = "") const {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    TarnResult result = run(arguments);
+    EXPECT_EQ(result.exitCode, code) << result.errors;
+    EXPECT_THAT(result.output + result.errors, HasSubstr(words));
+    return result;
+  }
   Child start(const std::vector<std::string>& arguments) const { return startOther(tarnCommand(home_, arguments)); }
   Child startOther(const std::vector<std::string>& command) const {
     return std::make_unique<ChildProgram>(command, place_.path());

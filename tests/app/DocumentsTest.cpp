@@ -9,13 +9,12 @@
 #include "app/CommandLine.h"
 #include "app/Manual.h"
 #include "support/MediaMaker.h"
+#include "support/RawHTTP.h"
 #include "support/TarnProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {
-
-using testing::ElementsAreArray;
 
 std::set<std::string> found(const std::string& text, const char* pattern) {
   const std::regex expression(pattern, std::regex::ECMAScript | std::regex::multiline);
@@ -24,34 +23,24 @@ std::set<std::string> found(const std::string& text, const char* pattern) {
   return all;
 }
 
-/// Names of commands, and the long options of each but --help, without dashes; `tarn` itself is "".
+/// The names of all commands, and the long options of each but --help, as the help says; `tarn` itself is "".
 using Commands = std::map<std::string, std::set<std::string>>;
 
-/// What the help of a command and of those below it says.
 void readHelp(const Path& home, const std::string& name, Commands& commands) {
-  auto arguments = words(name);
-  arguments.emplace_back("--help");
-  const std::string help = runTarn(home, arguments).output;
+  const std::string help = runTarn(home, words(name + " --help")).output;
   commands[name] = found(help, R"(^ +(?:-\w,)?--([\w-]+))");
   EXPECT_EQ(commands[name].erase("help"), 1U) << name;
-  const size_t list = help.find("\nSubcommands:\n");
-  if (list == std::string::npos) return;
-  for (const std::string& below : found(help.substr(list, help.find("\n\n", list) - list), R"(^  (\w+) )")) {
+  if (help.find("\nSubcommands:\n") == std::string::npos) return;
+  for (const std::string& below : found(between(help, "\nSubcommands:\n", "\n\n"), R"(^  (\w+) )")) {
     readHelp(home, name + (name.empty() ? "" : " ") + below, commands);
   }
 }
 
-std::string manualPage() {
-  std::ifstream frame(MANUAL_FRAME);
-  return manual(factsOf(CommandLine().app()), std::string(std::istreambuf_iterator<char>(frame), {}));
-}
-
 class DocumentsTest : public testing::Test {
  protected:
-  void SetUp() override { readHelp(place_ / "home", "", help_); }
-
-  /// What bash offers for the last of the words; how it goes on by itself stands in angle brackets.
-  std::vector<std::string> complete(const std::vector<std::string>& line) {
+  /// What bash offers for the last of the words; a blank at the end begins one more. How bash goes on by itself stands
+  /// in angle brackets.
+  std::vector<std::string> complete(const std::string& line) {
     if (!std::filesystem::exists(place_ / "script")) {
       std::ofstream(place_ / "script") << runTarn(place_ / "home", {"completion", "bash"}).output;
     }
@@ -61,7 +50,8 @@ class DocumentsTest : public testing::Test {
 compopt() { printf '<%s>\n' "${@: -1}"; }
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _tarn; printf '%s\n' "${COMPREPLY[@]}")";
     std::vector<std::string> command = {"/bin/bash", "--norc", "-c", call, "bash", place_ / "script"};
-    command.insert(command.end(), line.begin(), line.end());
+    for (const std::string& word : words(line)) command.push_back(word);
+    if (line.ends_with(' ')) command.emplace_back();
     ChildProgram bash(command, place_.path());
     EXPECT_EQ(bash.wait(), 0) << bash.errors();
     EXPECT_EQ(bash.errors(), "");
@@ -69,72 +59,58 @@ COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _tarn; printf '%s\n' "${COMPREPLY[@]}"
   }
 
   TempDirectory place_;
-  Commands help_;
 };
 
-TEST_F(DocumentsTest, TheManualAndTheHelpNameTheSameCommandsOptionsAndExitCodes) {
-  ASSERT_GE(help_.size(), 19U);
-  ASSERT_TRUE(help_["library remove"].contains("now"));
-  const std::string page = manualPage();
-  Commands told;
-  size_t at = page.find("\n# OPTIONS\n");
-  const size_t end = page.find("\n# EXIT STATUS\n");
-  ASSERT_LT(at, end);
-  for (std::string name; at < end;) {
-    const size_t next = std::min(page.find("\n## ", at + 1), end);
-    told[name] = found(page.substr(at, next - at), R"(^(?:\*[^*]+\*, )?\*\\-\\?-([^*]+)\*)");
-    name = page.substr(next + 4, page.find('\n', next + 1) - next - 4);
-    at = next;
-  }
-  EXPECT_EQ(told[""].erase("help"), 1U);
-  EXPECT_EQ(told, help_);
-  const std::string help = runTarn(place_ / "home", {"--help"}).output;
-  const auto codes = found(help.substr(help.find("Exit codes:")), R"(^ +(\d+)  )");
-  EXPECT_EQ(codes.size(), 8U);
-  EXPECT_EQ(found(page.substr(end), R"(^\*(\d+)\*$)"), codes);
-  EXPECT_THROW(manual({}, "tarn(1)\n\n@OPTIONS@\n\n@COMMANDS@\n"), std::runtime_error);
-}
-
-TEST_F(DocumentsTest, BashCompletesEveryOptionOfEveryCommand) {
-  for (const auto& [name, options] : help_) {
-    std::vector<std::string> line = words("tarn " + name);
-    line.emplace_back("--");
-    std::set<std::string> expected = {"--help"};
-    for (const auto& names : {options, help_[""]}) {
-      for (const std::string& option : names) expected.insert("--" + option);
+TEST_F(DocumentsTest, TheManualAndTheCompletionNameWhatTheHelpNames) {
+  Commands help;
+  readHelp(place_ / "home", "", help);
+  ASSERT_GE(help.size(), 19U);
+  ASSERT_TRUE(help["library remove"].contains("now"));
+  std::ifstream frame(MANUAL_FRAME);
+  const std::string page = manual(factsOf(CommandLine().app()), std::string(std::istreambuf_iterator<char>(frame), {}));
+  for (const auto& [name, options] : help) {
+    SCOPED_TRACE(name);
+    const std::string section = between(page, name.empty() ? "\n# OPTIONS\n" : "\n## " + name + "\n", "\n#");
+    auto told = found(section, R"(^(?:\*[^*]+\*, )?\*\\-\\?-([^*]+)\*)");
+    told.erase("help");
+    EXPECT_EQ(told, options);
+    std::set<std::string> offered = {"--help"};
+    for (const auto& names : {options, help[""]}) {
+      for (const std::string& option : names) offered.insert("--" + option);
     }
-    EXPECT_THAT(complete(line), testing::UnorderedElementsAreArray(expected)) << name;
+    EXPECT_THAT(complete("tarn " + name + " --"), testing::UnorderedElementsAreArray(offered));
   }
+  const std::string usage = runTarn(place_ / "home", {"--help"}).output;
+  const auto codes = found(usage.substr(usage.find("Exit codes:")), R"(^ +(\d+)  )");
+  EXPECT_EQ(codes.size(), 8U);
+  EXPECT_EQ(found(page.substr(page.find("\n# EXIT STATUS\n")), R"(^\*(\d+)\*$)"), codes);
 }
 
 TEST_F(DocumentsTest, BashCompletesWhatThePlaceAsksFor) {
-  const std::vector<std::string> files = {"<default>"};
-  const std::vector<std::string> directories = {"<dirnames>"};
-  const std::pair<std::vector<std::string>, std::vector<std::string>> rows[] = {
-      {{"tarn", "re"}, {"resume", "repair", "retry"}},
-      {{"tarn", "--quiet", "ins"}, {"inspect"}},
-      {{"tarn", "--home", "save", "ins"}, {"inspect"}},
-      {{"tarn", "--home", "="}, directories},
-      {{"tarn", "--home", "=", "x"}, directories},
-      {{"tarn", "--home", "=", "x", "lib"}, {"library"}},
-      {{"tarn", "library", "re"}, {"remove", "restore", "rename"}},
-      {{"tarn", "library", "re", "--quiet", ""}, {"list", "remove", "restore", "rename", "move", "export", "open"}},
-      {{"tarn", "library", "export", ""}, directories},
-      {{"tarn", "library", "export", "place", ""}, {}},
-      {{"tarn", "repair", ""}, files},
-      {{"tarn", "repair", "a.mp4", "b"}, files},
-      {{"tarn", "repair", "-o", ""}, files},
-      {{"tarn", "repair", "--", "--out"}, files},
-      {{"tarn", "repair", "--output-dir", ""}, directories},
-      {{"tarn", "repair", "--jobs", ""}, {}},
-      {{"tarn", "repair", "--jobs", "2", "--rec"}, {"--recursive"}},
-      {{"tarn", "save", "-i", ""}, files},
-      {{"tarn", "save", ""}, {}},
-      {{"tarn", "completion", ""}, {"bash", "zsh", "fish"}},
-      {{"tarn", "completion", "z"}, {"zsh"}},
+  const std::pair<const char*, const char*> rows[] = {
+      {"re", "resume repair retry"},
+      {"--quiet ins", "inspect"},
+      {"--home save ins", "inspect"},
+      {"--home =", "<dirnames>"},
+      {"--home = x", "<dirnames>"},
+      {"--home = x lib", "library"},
+      {"library re", "remove restore rename"},
+      {"library re --quiet ", "list remove restore rename move export open"},
+      {"library export ", "<dirnames>"},
+      {"library export place ", ""},
+      {"repair ", "<default>"},
+      {"repair a.mp4 b", "<default>"},
+      {"repair -o ", "<default>"},
+      {"repair -- --out", "<default>"},
+      {"repair --output-dir ", "<dirnames>"},
+      {"repair --jobs ", ""},
+      {"repair --jobs 2 --rec", "--recursive"},
+      {"save -i ", "<default>"},
+      {"save ", ""},
+      {"completion z", "zsh"},
   };
-  for (const auto& [line, expected] : rows) {
-    EXPECT_THAT(complete(line), ElementsAreArray(expected)) << testing::PrintToString(line);
+  for (const auto& [line, offered] : rows) {
+    EXPECT_THAT(complete(std::string("tarn ") + line), testing::ElementsAreArray(words(offered))) << line;
   }
 }
 

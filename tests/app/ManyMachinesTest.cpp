@@ -22,16 +22,14 @@ using testing::SizeIs;
 class ManyMachinesTest : public CommandTest {
  protected:
   ManyMachinesTest() {
-    fs::create_directories(in_ / "below");
     fs::create_directory(out_);
     for (int i = 0; i < 12; ++i) {
       const std::string name = fmt::format("{}clip{}.mp4", i % 2 == 0 ? "" : "below/", i);
-      files_[name] = textOf(damagedMovie(i % 3 == 0 ? "avc1" : "avc3 with avcC"));
-      std::ofstream(in_ / name, std::ios::binary) << files_[name];
+      files_[name] = textOf(i % 3 == 0 ? damagedMovie("avc1") : recording());
+      put(in_ / name, files_[name]);
     }
     const Path alone = place_ / "alone.mp4";
-    EXPECT_EQ(runTarn(place_ / "home", {"repair", (in_ / "below/clip1.mp4").string(), "-o", alone.string()}).exitCode,
-              0);
+    EXPECT_EQ(CommandTest::run({"repair", in_ / "below/clip1.mp4", "-o", alone}).exitCode, 0);
     for (auto& [name, content] : files_) {
       if (content != textOf(damagedMovie("avc1"))) content = contentOf(alone);
     }
@@ -166,8 +164,7 @@ TEST_F(ManyMachinesTest, NoneTakesTheWorkOfAnotherForAbandoned) {
     EXPECT_EQ(slow->wait(), 0) << slow->errors();
     expectResults();
     expectReport();
-    for (const auto& entry : fs::directory_iterator(out_))
-      EXPECT_FALSE(entry.path().filename().native().starts_with('.'));
+    EXPECT_THAT(homes(), IsEmpty());
   }
   const auto leaveHome = [&](int machine) {
     forget();
@@ -208,16 +205,16 @@ TEST_F(ManyMachinesTest, InPlaceTheOriginalIsKeptWhoeverIsFirst) {
 // A flush can take long, on a network folder that does not answer even for ever.
 TEST_F(ManyMachinesTest, SIGTERMWaitsForNoFlush) {
   std::ofstream(gate_) << "closed";
-  ChildProgram tarn(repairCommand(place_ / "home", true), place_.path());
-  ASSERT_TRUE(waitUntilHeld()) << tarn.errors();
-  tarn.signal(SIGTERM);
-  EXPECT_EQ(tarn.wait(), 130) << tarn.errors();
-  EXPECT_THAT(tarn.errors(), testing::HasSubstr("Interrupted"));
+  const auto tarn = startOther(repairCommand(home_, true));
+  ASSERT_TRUE(waitUntilHeld()) << tarn->errors();
+  tarn->signal(SIGTERM);
+  EXPECT_EQ(tarn->wait(), 130) << tarn->errors();
+  EXPECT_THAT(tarn->errors(), HasSubstr("Interrupted"));
   for (const auto& [name, content] : files_) EXPECT_FALSE(fs::exists(out_ / name)) << name;
   EXPECT_THAT(homes(), Not(IsEmpty()));
   letGo();
-  ChildProgram again(repairCommand(place_ / "home", false), place_.path());
-  EXPECT_EQ(again.wait(), 0) << again.errors();
+  const auto again = ended(startOther(repairCommand(home_, false)));
+  EXPECT_EQ(again.exitCode, 0) << again.errors;
   EXPECT_THAT(homes(), IsEmpty());
   expectResults();
 }

@@ -1,21 +1,15 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 #include <csignal>
-#include <fstream>
-#include <memory>
 
+#include "app/CommandTest.h"
 #include "platform/Capacitor.h"
-#include "support/Eventually.h"
 #include "support/RawHTTP.h"
-#include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 
@@ -36,16 +30,11 @@ class PageClient {
     stream_.handshake(host, base + "bridge/socket?epoch=&seq=0&page=" + page);
   }
 
-  /// False when the connection is gone.
-  bool send(const std::string& message) {
-    boost::system::error_code gone;
-    stream_.write(asio::buffer(message), gone);
-    return !gone;
-  }
-
   void command(const std::string& method, const JSObject& options = {}) {
-    const std::string id = std::to_string(++commands_);
-    send(JSObject{{"id", id}, {"plugin", "TarnBridge"}, {"method", method}, {"options", options}}.json());
+    const JSObject call{
+        {"id", std::to_string(++commands_)}, {"plugin", "TarnBridge"}, {"method", method}, {"options", options}};
+    boost::system::error_code gone;
+    stream_.write(asio::buffer(call.json()), gone);
   }
 
   /// The next message that holds these words, those before it dropped; empty when the connection is gone.
@@ -67,31 +56,29 @@ class PageClient {
 };
 
 /// A real `tarn serve` with a home and a built page of its own.
-class RunningServer : public testing::Test {
+class RunningServer : public CommandTest {
  protected:
   RunningServer() {
-    std::filesystem::create_directories(place_ / "web/bridge");
-    std::ofstream(place_ / "web/index.html") << "<!doctype html><head><title>Page</title></head>";
-    std::ofstream(place_ / "web/bridge/native.js") << "notTheHosts();";
+    put(place_ / "web/index.html", "<!doctype html><head><title>Page</title></head>");
+    put(place_ / "web/bridge/native.js", "notTheHosts();");
     start();
   }
 
   /// Whatever a test has left open, the server leaves in order, and within a minute.
   void TearDown() override {
-    server_->signal(SIGTERM);
+    tarn_->signal(SIGTERM);
     const bool isEnded = eventually([this] { return fact("State").starts_with("Z"); });
-    EXPECT_TRUE(isEnded) << server_->errors();
-    if (!isEnded) server_->signal(SIGKILL);
-    EXPECT_EQ(server_->wait(), 130) << server_->errors();
+    EXPECT_TRUE(isEnded) << tarn_->errors();
+    if (!isEnded) tarn_->signal(SIGKILL);
+    EXPECT_EQ(tarn_->wait(), 130) << tarn_->errors();
   }
 
   /// Starts the server, at the same port as before.
   void start() {
-    const std::vector<std::string> arguments{"serve", "--web", place_ / "web", "--port", std::to_string(port_)};
-    server_ = std::make_unique<ChildProgram>(tarnCommand(home_, arguments), place_.path());
-    eventually([this] { return server_->output().ends_with('\n'); });
-    const std::string address = server_->output();
-    ASSERT_TRUE(address.starts_with("http://127.0.0.1:") && address.ends_with('\n')) << address << server_->errors();
+    tarn_ = CommandTest::start({"serve", "--web", place_ / "web", "--port", std::to_string(port_)});
+    eventually([this] { return tarn_->output().ends_with('\n'); });
+    const std::string address = tarn_->output();
+    ASSERT_TRUE(address.starts_with("http://127.0.0.1:") && address.ends_with('\n')) << address << tarn_->errors();
     port_ = static_cast<uint16_t>(std::stoi(between(address, "127.0.0.1:", "/")));
     token_ = between(address, "token=", "\n");
     host_ = "127.0.0.1:" + std::to_string(port_);
@@ -104,7 +91,7 @@ class RunningServer : public testing::Test {
     pid_ = peer.pid;
   }
 
-  /// What a browser keeps of an answer: the cookie, and the path that it belongs to.
+  /// What a browser keeps of an answer: the cookie, and its path.
   void takeCookie(const std::string& answer) {
     cookie_ = between(answer, "Set-Cookie: ", ";");
     base_ = between(answer, "; Path=", "\r\n");
@@ -129,8 +116,7 @@ class RunningServer : public testing::Test {
     return between(contentOf("/proc/" + std::to_string(pid_) + "/status"), name + ":\t", "\n");
   }
 
-  TempDirectory place_;
-  Path home_ = place_.path() / "home";
+  Child tarn_;
   asio::io_context context_;
   pid_t pid_ = 0;
   uint16_t port_ = 0;
@@ -138,7 +124,6 @@ class RunningServer : public testing::Test {
   std::string host_;
   std::string base_;  // all is served below it
   std::string cookie_;
-  std::unique_ptr<ChildProgram> server_;
 };
 
 }  // namespace tarn::test

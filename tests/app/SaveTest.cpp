@@ -1,8 +1,11 @@
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <regex>
 
 #include "app/CommandTest.h"
 #include "support/FlashBeep.h"
@@ -25,33 +28,24 @@ class SaveTest : public CommandTest {
   const std::vector<std::string> saveArguments_{"save", server_.url("/clip.mp4"), "--album", "Trips"};
 };
 
-TEST_F(SaveTest, TasksThatNothingStandsBehindAreNotWaitedFor) {
-  fs::create_directories(home_ / "Defaults");
-  std::ofstream(home_ / "Defaults/ActiveDownloads")
-      << R"([{"id":1,"url":"u","status":"downloading"},{"id":2,"url":"u","status":"processing"},)"
-      << R"({"id":3,"url":"u","status":"stopped"}])";
-  auto result = runTarn(home_, {"resume"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.errors.find("Download 1 was not saved: its transfer is gone"), std::string::npos) << result.errors;
+TEST_F(SaveTest, TasksWithoutATransferAreNotWaitedFor) {
+  put(home_ / "Defaults/ActiveDownloads",
+      R"([{"id":1,"url":"u","status":"downloading"},{"id":2,"url":"u","status":"processing"},)"
+      R"({"id":3,"url":"u","status":"stopped"}])");
+  expect(1, {"resume"}, "Download 1 was not saved: its transfer is gone");
 }
 
 TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
-  fs::create_directories(home_ / "Documents");
-  const std::string video(textOf(recording()));
-  std::ofstream(home_ / "Documents/clip.mp4") << video;
+  put(home_ / "Documents/clip.mp4", recording());
   const Path records = home_ / "Defaults/com.sorrel.capacitor.downloader.processingStates";
   fs::create_directories(records);  // no file
-  const auto unread = runTarn(home_, {"resume"});
+  expect(1, {"resume"}, "The stored downloads cannot be read");
   fs::remove(records);
-  std::ofstream(records) << R"([1,{"fileURL":"file://)" << home_.string() << R"(/Documents/clip.mp4"}])";
-  const auto damaged = runTarn(home_, {"resume"});
-  EXPECT_EQ(unread.exitCode, 1);
-  EXPECT_NE(unread.errors.find("The stored downloads cannot be read"), std::string::npos) << unread.errors;
-  EXPECT_EQ(damaged.exitCode, 1);
-  EXPECT_NE(damaged.errors.find("1 of the stored downloads cannot be understood"), std::string::npos) << damaged.errors;
+  put(records, R"([1,{"fileURL":"file://)" + home_.string() + R"(/Documents/clip.mp4"}])");
+  expect(1, {"resume"}, "1 of the stored downloads cannot be understood");
   server_.serve("/clip.mp4", ServedFile::of(recording()));
   EXPECT_EQ(save().exitCode, 0);
-  EXPECT_EQ(contentOf(home_ / "Documents/clip.mp4"), video);
+  EXPECT_EQ(contentOf(home_ / "Documents/clip.mp4"), textOf(recording()));
   EXPECT_TRUE(fs::exists(saved_));
 }
 
@@ -64,14 +58,13 @@ TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
   const Path open = place_ / "open";
   fs::create_directory(open);
   fs::permissions(open, perms(0755));
-  for (const Path& home : {home_, open}) {
-    const auto good = runTarn(home, {"save", url, "--album", "Trips"});
-    EXPECT_EQ(good.exitCode, 0) << good.errors;
-    const auto bad = runTarn(home, {"save", url + "&x=none", "--album", "Trips", "--verbose"});
-    EXPECT_EQ(bad.exitCode, 1);
+  for (const Path& home : {open, place_ / "home"}) {
+    home_ = home;
+    const auto good = expect(0, {"save", url, "--album", "Trips"});
+    const auto bad = expect(1, {"save", url + "&x=none", "--album", "Trips", "--verbose"});
     const std::string told = contentOf(home / "log/tarn.log") + good.errors + bad.errors;
-    EXPECT_NE(told.find("//***@127"), std::string::npos) << told;
-    for (const char* secret : {"user:", "secret", "letmein"}) EXPECT_EQ(told.find(secret), std::string::npos) << told;
+    EXPECT_THAT(told, HasSubstr("//***@127"));
+    for (const char* secret : {"user:", "secret", "letmein"}) EXPECT_THAT(told, Not(HasSubstr(secret)));
     EXPECT_EQ(mode(home / "log/tarn.log"), perms(0600));
   }
   EXPECT_EQ(mode(home_), perms(0700));
@@ -80,40 +73,21 @@ TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
 }
 
 TEST_F(SaveTest, TheLogOfTheUsualHomeIsAmongTheStateOfPrograms) {
-  const std::string place = place_.path().string();
   std::ofstream(place_ / "file") << "no directory";
-  using Words = std::vector<std::string>;
-  const std::tuple<const char*, Words, Words, std::string> rows[] = {
-      {"by the XDG places", {"XDG_DATA_HOME=" + place + "/a", "XDG_STATE_HOME=" + place + "/b"}, {}, "b/tarn/tarn.log"},
-      {"else in the user's directory", {"HOME=" + place + "/c"}, {}, "c/.local/state/tarn/tarn.log"},
-      {"also if it is named",
-       {"HOME=" + place + "/d"},
-       {"--home", place + "/d/.local/share/tarn/"},
-       "d/.local/state/tarn/tarn.log"},
-      {"a home of one's own has its own", {"HOME=" + place + "/e"}, {"--home", place + "/own"}, "own/log/tarn.log"},
-      {"where state cannot be kept",
-       {"XDG_DATA_HOME=" + place + "/f", "XDG_STATE_HOME=" + place + "/file"},
-       {},
-       "f/tarn/log/tarn.log"},
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"XDG_DATA_HOME=@/a XDG_STATE_HOME=@/b", "", "b/tarn/tarn.log"},
+      {"HOME=@/c", "", "c/.local/state/tarn/tarn.log"},
+      {"HOME=@/d", "--home @/d/.local/share/tarn/", "d/.local/state/tarn/tarn.log"},
+      {"HOME=@/e", "--home @/own", "own/log/tarn.log"},
+      {"XDG_DATA_HOME=@/f XDG_STATE_HOME=@/file", "", "f/tarn/log/tarn.log"},  // where no state can be kept
   };
-  for (const auto& [name, settings, home, log] : rows) {
-    Words command{"/usr/bin/env", "-i"};
-    for (const Words& more : {settings, {tarnCommand(home_, {}).front()}, home, {"resume"}}) {
-      command.insert(command.end(), more.begin(), more.end());
-    }
-    ChildProgram tarn(command, place_.path());
-    EXPECT_EQ(tarn.wait(), 0) << name << tarn.errors();
-    EXPECT_GT(contentOf(place_ / log).size(), 0U) << name;
+  for (const auto& [settings, home, log] : rows) {
+    const std::string line = fmt::format("/usr/bin/env -i {} {} {} resume", settings, tarnCommand(home_, {})[0], home);
+    const auto ended =
+        CommandTest::ended(startOther(words(std::regex_replace(line, std::regex("@"), place_.path().string()))));
+    EXPECT_EQ(ended.exitCode, 0) << settings << ended.errors;
+    EXPECT_GT(contentOf(place_ / log).size(), 0U) << settings;
   }
-}
-
-TEST_F(SaveTest, ExitCodesTellUsageFromFailure) {
-  const std::pair<const char*, int> rows[] = {{"serve --json", 2},
-                                              {"demo --json", 2},
-                                              {"library --background-seconds 9223372036854775807", 2},
-                                              {"library --album none", 1},
-                                              {"library", 0}};
-  for (const auto& [line, code] : rows) EXPECT_EQ(runTarn(home_, words(line)).exitCode, code) << line;
 }
 
 /// One way through the pipeline, and how far apart the kills on it are.
@@ -122,10 +96,6 @@ struct Road {
   size_t stride;
   Bytes (*recording)();
 };
-
-void PrintTo(const Road& road, std::ostream* out) {
-  *out << road.name;
-}
 
 const Road roads[] = {
     {"Tag", 1, [] { return recording(); }},
@@ -147,8 +117,8 @@ size_t strideOf(const Road& road) {
   return asked ? std::max(1UL, std::stoul(asked)) : road.stride;
 }
 
-/// A kill just before each change of the file system, or every few of them, and behind each store of a recipe; then a
-/// resume, and if the kill came before the transfer was stored, a second save.
+/// A kill just before each change of the file system, or every few of them, and just after each store of a recipe; then
+/// a resume, and if the kill came before the transfer was stored, a second save.
 class KillSweep : public SaveTest, public testing::WithParamInterface<Road> {
  protected:
   /// Kills at the first change or recipe and at every `stride`th from there; returns how often.
@@ -181,7 +151,7 @@ class KillSweep : public SaveTest, public testing::WithParamInterface<Road> {
     }
     expectSavedOnce();
     if (contentOf(saved_) == contentOf(undisturbed_)) return;
-    // Behind a swap of the sound the edit lists may differ, and no sample does.
+    // After a swap of the sound the edit lists may differ, and no sample does.
     EXPECT_EQ(mediaHashes(saved_), mediaHashes(undisturbed_));
     ++differences_;
   }

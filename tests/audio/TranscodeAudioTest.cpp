@@ -1,11 +1,8 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "audio/AudioTranscoder.h"
-#include "audio/transcode/NoiseTable.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
@@ -16,20 +13,6 @@
 #include "support/LogCapture.h"
 #include "support/PCM.h"
 #include "support/TempDirectory.h"
-
-struct AVCodecContext;
-struct AVPacket;
-
-/// The packet at whose coming the encoder runs out of memory, counted from here; none at 0 and below.
-static std::atomic<int> failingPacket = 0;
-
-/// Stands between the code and the encoder.
-extern "C" int avcodec_receive_packet(AVCodecContext* context, AVPacket* packet) {
-  static const auto encoder =
-      reinterpret_cast<decltype(&avcodec_receive_packet)>(dlsym(RTLD_NEXT, "avcodec_receive_packet"));
-  const int status = encoder(context, packet);
-  return status == 0 && failingPacket-- == 1 ? -ENOMEM : status;
-}
 
 namespace tarn::test {
 namespace {
@@ -89,25 +72,21 @@ TEST_F(TranscodeAudio, PutsBeepsWhereTheRulesSay) {
     double seconds;
   } cases[] = {
       {"whole", {clean}, {1, 2, 3, 4, 5}, pictures},
-      {"six channels", {damagedFlashBeepClip(6, 1, words("-c:a aac -ac 6"))}, {1, 2, 3, 4, 5}, pictures},
       {"a hole", {damagedFlashBeepClip(6, 2, {"-bsf:a", "noise=drop='between(n,120,160)'"})}, {1, 2, 4, 5}, pictures},
       {"a corrupt beep", {damaged(corrupt)}, {1, 2, 4, 5}, pictures},
       {"a late start", {late}, {1.3, 2.3, 3.3, 4.3, 5.3}, pictures},
       // Its priming is not hidden by an edit.
       {"kept by the edit list", {late, 0.3, {}, 0.3}, {1.021, 2.021, 3.021, 4.021, 5.021}, pictures - 0.3},
-      {"more than the edit list shows", {clean, 0, 3.25}, {1, 2, 3}, 3.25},
       {"a gap", {moved("+48000")}, {1, 2, 4, 5, 6}, 7},
       // The pad makes up for what is cut.
       {"an overlap", {moved("-480")}, {1, 2, 2.99, 3.99, 4.99}, 6},
       // The media with its priming, whatever the edit list and the pictures say.
       {"all media of a late start", {late, 0.3, 5.7, 0.3, 9}, {1.021, 2.021, 3.021, 4.021, 5.021}, 6.021},
       {"as much as is shown", {late, 0.3, 3.3, 0.3, 3.3}, {1.021, 2.021, 3.021}, 3.33},
-      {"silence behind the last packet",
+      {"silence after the last packet",
        {moved("", "-t 3.01 -bsf:a setts=duration='if(gt(N,139),48000,1024)'"), 0, {}, 0, 9},
        {1.021, 2.021, 3.021},
        4},
-      // At this rate the sample is in the buffer that begins at 3.07 s.
-      {"a gap at 44100 Hz", {moved("+44100", "-c:a aac -ar 44100")}, {1, 2, 3, 5, 6}, 7},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -191,32 +170,6 @@ TEST_F(TranscodeAudio, FailuresAreToldAndLeaveNoFile) {
   const LogCapture log;
   EXPECT_EQ(failure(quarterOfAnHour), "Asset write failed");
   EXPECT_TRUE(std::ranges::none_of(log.lines(), [](auto& line) { return line.starts_with("  Source samples read"); }));
-}
-
-TEST_F(TranscodeAudio, AnEncoderThatFailsAtAnyPacketIsToldOfAndLeavesNoFile) {
-  const Path clip = damagedFlashBeepClip(1, 2, {});
-  int number = 0;
-  do {
-    failingPacket = ++number;
-    const std::string why = failure(clip);
-    EXPECT_EQ(why, failingPacket > 0 ? "" : "Asset write failed") << number;
-  } while (failingPacket <= 0);
-  failingPacket = 0;
-  EXPECT_GT(number, 45) << "a second has some 47 packets";
-}
-
-TEST_F(TranscodeAudio, ReplacesTheOutputWithTheSameBytesForTheSameNoise) {
-  const Path clip = damagedFlashBeepClip(6, 2, {}, 0.3);
-  Bytes outputs[2];
-  std::vector<std::pair<double, std::string>> reports;
-  for (Bytes& output : outputs) {
-    NoiseTable::shared() = NoiseTable(1);
-    transcode({clip}, nullptr, [&](double done, const std::string& stage) { reports.emplace_back(done, stage); });
-    output = readFile(files_, output_);
-  }
-  EXPECT_EQ(outputs[0], outputs[1]);
-  EXPECT_EQ(reports.front(), std::pair(0.0, std::string("Transcoding")));
-  EXPECT_EQ(reports.back(), std::pair(1.0, std::string("Transcoding complete")));
 }
 
 }  // namespace

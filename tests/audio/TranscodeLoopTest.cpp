@@ -26,10 +26,10 @@ struct Recorder : PCMSink {
   }
 };
 
-/// So many mono buffers of one value go through the loop, at these times of the source, or else one behind the other.
-std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers, TranscodeConfig config = {},
+/// So many mono buffers of one value go through the loop, at these times of the source, or else one after the other.
+std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers,
                                                 const std::vector<CMTime>& times = {}) {
-  config.channels = 1;
+  const TranscodeConfig config{.channels = 1};
   const AudioNormalizer normalizer({.channels = 1});
   CMSampleBuffer buffer = sampleBuffer(Samples(bufferFrames, loud), 1);
   Recorder recorder;
@@ -58,25 +58,17 @@ TEST(TranscodeLoop, LaysTheBuffersOutAsThePlanSays) {
   } const cases[] = {
       {"no audio", {}, 0, {}},
       {"a late start", {.gaps = {gap(0, 0.3)}}, 2, {14400, 8192, 8192}, {14400, 0, 1}},
-      {"a gap at a buffer's end is the next one's", {.gaps = {gap(8192, 0.1)}}, 2, {8192, 4800, 8192}, {4800, 0, 1}},
-      {"a gap inside goes ahead of its buffer", {.gaps = {gap(8191, 0.1)}}, 2, {4800, 8192, 8192}, {4800, 0, 1}},
-      {"gaps of one buffer", {.gaps = {gap(9000, 0.1), gap(9999, 0.2)}}, 2, {8192, 14400, 8192}, {14400, 0, 2}},
+      {"a gap inside goes before its buffer", {.gaps = {gap(8191, 0.1)}}, 2, {4800, 8192, 8192}, {4800, 0, 1}},
       {"a long gap", {.gaps = {gap(8192, 2.5)}}, 2, {8192, 48000, 48000, 24000, 8192}, {120000, 0, 1}},
-      {"a gap behind the source", {.gaps = {gap(16384, 1)}}, 2, {8192, 8192}},
-      {"a gap without a length", {.gaps = {AudioGap{}}}, 1, {8192}, {0, 0, 1}},
       {"an overlap", {.overlaps = {overlap(8192, 1000)}}, 2, {8192, 7192}, {0, 1000, 0, 1}},
-      {"an overlap of a whole buffer", {.overlaps = {overlap(8192, 9000)}}, 3, {8192, 8192}, {0, 8192, 0, 1}},
-      {"an overlap that leaves a frame", {.overlaps = {overlap(8192, 8191)}}, 2, {8192, 1}, {0, 8191, 0, 1}},
-      {"of two overlaps the first", {.overlaps = {overlap(9, 10), overlap(10, 500)}}, 1, {8182}, {0, 10, 0, 2}},
       {"both", {.gaps = {gap(99, 0.1)}, .overlaps = {overlap(99, 50)}}, 2, {4800, 8192, 8192}, {4800, 0, 1, 0}},
       {"a cap inside a buffer", {.cap = 0.25, .expectedSamples = 12000}, 9, {8192, 3808}},
       {"a cap at a buffer's end", {.cap = 8192 / 48000.0, .expectedSamples = 8192}, 9, {8192}},
-      {"a cap less than a frame behind it", {.cap = 8192.5 / 48000, .expectedSamples = 8192}, 9, {8192}},
+      {"a cap less than a frame after it", {.cap = 8192.5 / 48000, .expectedSamples = 8192}, 9, {8192}},
       {"a cap that binary fractions miss",
        {.cap = 24736 / 48000.0, .expectedSamples = 24736},
        9,
        {8192, 8192, 8192, 160}},
-      {"a cap of nothing", {.gaps = {gap(0, 1)}, .cap = 0.0}, 9, {}, {0, 0, 1}},
       {"a cap in silence", {.gaps = {gap(8192, 1)}, .cap = 0.5}, 9, {8192, 15808}, {15808, 0, 1}},
       {"a cap in the last buffer", {.cap = 0.3, .expectedSamples = 14400}, 2, {8192, 6208}},
       {"a pad", {.expectedSamples = 8192 + 4096}, 1, {8192, 4096}, {4096}},
@@ -109,20 +101,12 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
   EXPECT_NEAR(faded[silenceEnd - 1], loud, 12) << "the silence rises to the audio as it was decoded";
 
   EXPECT_EQ(play({.cap = 24736 / 48000.0}, 10).first.samples.back(), 0) << "what is cut short fades too";
-
-  // Without fades the ramps of the silence lead from and to its neighbours.
-  const Samples plain =
-      play({.gaps = {gap(8192, 2.5)}}, 2, {.enableFadeSmoothing = false, .useComfortNoise = false}).first.samples;
-  EXPECT_LT(largestStep(plain, 1), 12);
-  EXPECT_EQ(plain[8192], loud);
-  EXPECT_EQ(plain[8192 + 1440], 0);
-  EXPECT_EQ(plain[8192 + 120000 - 1441], 0);
 }
 
 TEST(TranscodeLoop, RunsOnWithoutABreakWhateverTimesTheSourceTells) {
   const TranscodePlan plan{.gaps = {{{}, {}, 7, 32768}}, .firstPTS = CMTime::make(1, 1)};
   const std::vector<CMTime> times = {CMTime::make(1, 1), CMTime::make(3, 2), {}, CMTime::make(5, 4)};
-  EXPECT_EQ(play(plan, 4, {}, times).first.samples.size(), 32768u);
+  EXPECT_EQ(play(plan, 4, times).first.samples.size(), 32768u);
 }
 
 }  // namespace

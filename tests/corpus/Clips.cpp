@@ -45,19 +45,12 @@ bool holds(const std::vector<int>& types, int type) {
   return std::ranges::find(types, type) != types.end();
 }
 
-/// The records of ISO/IEC 14496-15, 5.3.3.1 and 8.3.3.1, with the arrays of these types alone.
+/// The records of ISO/IEC 14496-15, 5.3.3.1 (with the SPS or without a set) and 8.3.3.1 (with the arrays of these
+/// types).
 Bytes filteredAVC(const Bytes& record, const std::vector<int>& types) {
-  const size_t counts[2] = {record.at(5) & 31u, record.at(endOfUnits(record, 6, record.at(5) & 31u))};
-  const size_t ends[2] = {endOfUnits(record, 6, counts[0]), 0};
-  const Bytes sps(record.begin() + 6, record.begin() + ptrdiff_t(ends[0]));
-  const size_t end = endOfUnits(record, ends[0] + 1, counts[1]);
-  const Bytes pps(record.begin() + ptrdiff_t(ends[0]) + 1, record.begin() + ptrdiff_t(end));
-  const bool keepsSPS = holds(types, 7), keepsPPS = holds(types, 8);
-  return joined({Bytes(record.begin(), record.begin() + 5),
-                 {uint8_t(0xE0 | (keepsSPS ? counts[0] : 0))},
-                 keepsSPS ? sps : Bytes(),
-                 {uint8_t(keepsPPS ? counts[1] : 0)},
-                 keepsPPS ? pps : Bytes()});
+  const auto begin = record.begin();
+  const Bytes sps = holds(types, 7) ? Bytes(begin + 6, begin + ptrdiff_t(endOfUnits(record, 6, 1))) : Bytes();
+  return joined({Bytes(begin, begin + 5), {uint8_t(sps.empty() ? 0xE0 : 0xE1)}, sps, {0}});
 }
 
 Bytes filteredHEVC(const Bytes& record, const std::vector<int>& types) {
@@ -99,12 +92,9 @@ Path muxed(const std::string& arguments, const std::vector<Path>& clips, const s
 }
 
 Path joinedClips(const ClipRecipe& first, const ClipRecipe& second, const std::string& audio, const std::string& tag) {
-  const Path parts[] = {clip(first), clip(second)};
-  const Path list = textFile(parts[0].stem().string() + parts[1].stem().string() + ".txt",
-                             fmt::format("file '{}'\nfile '{}'\n", parts[0].string(), parts[1].string()));
-  const Path video = madeByFFmpeg(words("-f concat -safe 0 -i " + list.string() + " -c copy -tag:v " + tag));
   const Path audioClip = clip({.video = "", .audio = audio, .seconds = first.seconds + second.seconds});
-  return muxed("-i {0} -i {1} -map 0:v -map 1:a -c copy -tag:v " + tag, {video, audioClip});
+  return muxed("-i {0} -i {1} -map 0:v -map 1:a -c copy -tag:v " + tag,
+               {concatenated({clip(first), clip(second)}, tag), audioClip});
 }
 
 Maker made(const ClipRecipe& recipe) {
@@ -126,8 +116,7 @@ Path edited(const Path& file, const std::vector<Edit>& edits, const Path& direct
   layout.moov = moov.bytes();
   const Path result = directory / (makeUUID() + file.extension().string());
   PosixFileManager files(directory);
-  using Kind = MovieLayout::Piece::Kind;
-  writeFileAtomically(files, result, layout.build({{Kind::raw, layout.ftyp}, {Kind::mdat}, {Kind::moov}}));
+  writeFileAtomically(files, result, layout.build("ftyp mdat moov"));
   return result;
 }
 
@@ -137,8 +126,7 @@ Maker edited(const Maker& base, const std::vector<Edit>& edits) {
 
 Path withFarMoov(const Path& file, const Path& directory) {
   const MovieLayout layout(contentsOf(file));
-  using Kind = MovieLayout::Piece::Kind;
-  const Bytes near = layout.build({{Kind::raw, layout.ftyp}, {Kind::mdat}, {Kind::moov}});
+  const Bytes near = layout.build("ftyp mdat moov");
   const auto split = static_cast<ptrdiff_t>(near.size() - layout.moov.size());
   const Path result = directory / (makeUUID() + ".mp4");
   constexpr uint32_t room = 101 << 20;

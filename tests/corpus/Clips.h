@@ -65,7 +65,8 @@ Path chapters();
 Edit list(const std::string& handler, const std::vector<std::pair<int32_t, int32_t>>& entries);
 Edit withoutList(const std::string& handler);
 
-/// Of the first video track: the sample entry's tag; its configuration box with these kinds of NAL units only, or none.
+/// Of the first video track: the sample entry's tag; its configuration box with these kinds of NAL units only (of AVC,
+/// the SPS or none), or none.
 Edit tagged(const std::string& tag);
 Edit keepingSets(const std::vector<int>& nalTypes);
 Edit withoutConfiguration();

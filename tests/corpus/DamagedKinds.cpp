@@ -3,6 +3,9 @@
 #include <algorithm>
 
 #include "corpus/Kinds.h"
+#include "platform/host/PosixFileManager.h"
+#include "support/DamagedMovies.h"
+#include "support/ProbedMovie.h"
 
 namespace tarn::test {
 namespace {
@@ -32,10 +35,6 @@ const std::vector<Setting>& settings() {
   return all;
 }
 
-const Setting& setting(const std::string& name) {
-  return *std::ranges::find(settings(), name, &Setting::name);
-}
-
 /// The setting's file, with this muxer's damage and these edits.
 Maker damaged(const Setting& where, const ClipRecipe& recipe, const std::string& options,
               const std::vector<Edit>& edits) {
@@ -46,59 +45,58 @@ Maker damaged(const Setting& where, const ClipRecipe& recipe, const std::string&
   };
 }
 
+/// One kind in each of these settings.
+std::vector<Kind> across(const std::vector<std::string>& where, const std::string& name,
+                         const std::function<Kind(const Setting&)>& kindIn) {
+  std::vector<Kind> kinds;
+  for (const std::string& each : where) {
+    kinds.push_back(kindIn(*std::ranges::find(settings(), each, &Setting::name)));
+    kinds.back().name = name + ", " + each;
+    kinds.back().outcome = Outcome::changed;
+  }
+  return kinds;
+}
+
 /// Parameter sets that are missing in the sample entry.
 std::vector<Kind> sets(const std::string& name, const std::string& video, const std::string& tag, const Edit& edit,
                        const std::vector<std::string>& where, bool isReadable = true) {
-  std::vector<Kind> kinds;
-  for (const std::string& each : where) {
-    ClipRecipe recipe = setting(each).recipe;
+  return across(where, name, [=](const Setting& setting) {
+    ClipRecipe recipe = setting.recipe;
     recipe.video = video;
-    const Maker whole = damaged(setting(each), recipe, "-tag:v " + tag, {});
-    kinds.push_back({name + ", " + each,
-                     damaged(setting(each), recipe, "-tag:v " + tag, {tagged(tag), edit}),
-                     Kind::Result::changed,
-                     {.entries = 1},
-                     isReadable ? Maker() : whole});
-  }
-  return kinds;
+    const Maker whole = damaged(setting, recipe, "-tag:v " + tag, {});
+    return Kind{.make = damaged(setting, recipe, "-tag:v " + tag, {tagged(tag), edit}),
+                .allowed = {.entries = 1},
+                .reference = isReadable ? Maker() : whole};
+  });
 }
 
 /// A second configuration in mid-stream.
 std::vector<Kind> changes(const std::string& name, const std::string& video, const std::string& otherVideo,
                           const std::string& otherSize, const std::string& tag, const Edit& edit,
                           const std::vector<std::string>& where) {
-  std::vector<Kind> kinds;
-  for (const std::string& each : where) {
-    const Setting& s = setting(each);
-    kinds.push_back({name + ", " + each,
-                     [=](const Path& directory) {
-                       const ClipRecipe one{.video = video, .audio = "", .seconds = 2};
-                       const ClipRecipe other{.video = otherVideo, .audio = "", .seconds = 2, .size = otherSize};
-                       const Path whole = joinedClips(one, other, s.recipe.audio, tag);
-                       Path file = muxed(s.source + " -c:v copy -c:a copy -tag:v " + tag, {whole, clip({.video = ""})});
-                       file = edited(file, {tagged(tag), edit}, directory);
-                       return s.isFar ? withFarMoov(file, directory) : file;
-                     },
-                     Kind::Result::changed,
-                     {.entries = 2}});
-  }
-  return kinds;
+  return across(where, name, [=](const Setting& s) {
+    const Maker make = [=](const Path& directory) {
+      const ClipRecipe one{.video = video, .audio = "", .seconds = 2};
+      const ClipRecipe other{.video = otherVideo, .audio = "", .seconds = 2, .size = otherSize};
+      const Path whole = joinedClips(one, other, s.recipe.audio, tag);
+      const Path file = edited(muxed(s.source + " -c:v copy -c:a copy -tag:v " + tag, {whole, clip({.video = ""})}),
+                               {tagged(tag), edit}, directory);
+      return s.isFar ? withFarMoov(file, directory) : file;
+    };
+    return Kind{.make = make, .allowed = {.entries = 2}};
+  });
 }
 
-/// Audio whose packets are lost or stamped otherwise; in the expression {0} is the rate.
+/// Audio whose packets are lost or stamped otherwise.
 std::vector<Kind> audioDamage(const std::string& name, const std::string& filter, const std::vector<std::string>& where,
                               int seconds = 4) {
-  std::vector<Kind> kinds;
-  for (const std::string& each : where) {
-    ClipRecipe recipe = setting(each).recipe;
+  return across(where, name, [=](const Setting& setting) {
+    ClipRecipe recipe = setting.recipe;
     recipe.seconds = seconds;
     if (seconds > 10) recipe.rate = std::string("5");
-    kinds.push_back({name + ", " + each,
-                     damaged(setting(each), recipe, "-bsf:a:0 " + filter, {}),
-                     Kind::Result::changed,
-                     {.audio = true, .audioStays = false}});
-  }
-  return kinds;
+    return Kind{.make = damaged(setting, recipe, "-bsf:a:0 " + filter, {}),
+                .allowed = {.audio = true, .audioStays = false}};
+  });
 }
 
 /// `noise` that drops the packets between two moments.
@@ -106,22 +104,47 @@ std::string lost(double begin, double end, int rate = 48000) {
   return fmt::format("noise=drop='between(n,{},{})'", int(begin * rate / 1024), int(end * rate / 1024));
 }
 
-std::vector<Kind> badList(const std::string& name, const std::vector<std::string>& handlers,
+std::vector<Kind> badList(const std::string& name, const std::string& handler,
                           const std::vector<std::pair<int32_t, int32_t>>& entries,
                           const std::vector<std::string>& where) {
-  std::vector<Kind> kinds;
-  std::vector<Edit> damage, without;
-  for (const std::string& handler : handlers) {
-    damage.push_back(list(handler, entries));
-    without.push_back(withoutList(handler));
+  return across(where, name, [=](const Setting& setting) {
+    return Kind{.make = damaged(setting, setting.recipe, "", {list(handler, entries)}),
+                .reference = damaged(setting, setting.recipe, "", {withoutList(handler)})};
+  });
+}
+
+/// Unknown boxes in the containers, some of an odd type or size.
+Bytes withOddBoxes(const Bytes& moov) {
+  BoxEditor editor(moov);
+  for (const std::string& parent : {sampleTable, std::string("moov/trak"), std::string("moov")}) {
+    editor.insert(parent, editor.at(parent).offset + 8, box("wxyz", {Bytes(8)}));
+    editor.insert(parent, editor.at(parent).end(), box("uuid", {Bytes(24, 9)}));
+    editor.insert(parent, editor.at(parent).end(), box("\xFF\xFE\xFD\xFC"));
   }
-  for (const std::string& each : where) {
-    const Setting& s = setting(each);
-    kinds.push_back({name + ", " + each,
-                     damaged(s, s.recipe, "", damage),
-                     Kind::Result::changed,
-                     {},
-                     damaged(s, s.recipe, "", without)});
+  return editor.bytes;
+}
+
+/// A movie with much to mend, in each layout that a file may have.
+std::vector<Kind> layouts() {
+  std::vector<Kind> kinds;
+  for (const char* parts :
+       {"ftyp moov free mdat", "ftyp free mdat moov", "ftyp uuid moov uuid mdat free", "ftyp moov longMdat free",
+        "ftyp moov openMdat", "ftyp mdat uuid openMoov", "ftyp first moov free second", "first moov longSecond",
+        "ftyp moov second first", "ftyp moov large mdat", "moov mdat openFtyp", "ftyp moov mdat tail"}) {
+    const bool isOdd = kinds.size() % 2 == 1;
+    const Maker make = [=](const Path& directory) {
+      const ClipRecipe one{.video = hev1InBand, .audio = "", .seconds = 2};
+      const ClipRecipe other{.video = hev1InBand, .audio = "", .seconds = 2, .size = "320x240"};
+      const Path whole = joinedClips(one, other, stereo, "hev1");
+      MovieLayout movie(contentsOf(muxed("-i {0} -c copy -tag:v hev1 -bsf:a:0 " + lost(2.5, 2.9), {whole})));
+      if (isOdd) movie.moov = withOddBoxes(movie.moov);
+      if (isOdd) movie.useLongOffsets();
+      PosixFileManager files(directory);
+      writeFileAtomically(files, directory / "clip.mp4", movie.build(parts));
+      return directory / "clip.mp4";
+    };
+    const Allowed allowed{.audio = true, .audioStays = false, .entries = 2};
+    kinds.push_back({std::string(parts) + (isOdd ? ", odd" : ""), make, Outcome::changed, allowed});
   }
   return kinds;
 }
@@ -170,12 +193,12 @@ std::vector<KindGroup> damagedKinds() {
                    audioDamage("+0.5 %", "setts=ts='round(TS*1.005)'", {"cut"}, 40),
                    audioDamage("-0.5 %", "setts=ts='round(TS*0.995)'", {"late"}, 40)});
   const auto lists = joinedKinds(
-      {badList("behind the media", {"soun"}, {{4000, 9999999}}, {"plain", "mono", "cut", "two tracks"}),
-       badList("behind the media", {"vide"}, {{4000, 9999999}}, {"plain", "no B-frames", "late"}),
-       badList("-2", {"soun"}, {{4000, -2}}, {"plain", "early"}), badList("-1024", {"vide"}, {{4000, -1024}}, {"mono"}),
-       badList("nothing but empty", {"soun"}, {{300, -1}}, {"plain"})});
+      {badList("behind the media", "soun", {{4000, 9999999}}, {"plain", "mono", "cut", "two tracks"}),
+       badList("behind the media", "vide", {{4000, 9999999}}, {"plain", "no B-frames", "late"}),
+       badList("-2", "soun", {{4000, -2}}, {"plain", "early"}), badList("-1024", "vide", {{4000, -1024}}, {"mono"}),
+       badList("nothing but empty", "soun", {{300, -1}}, {"plain"})});
   return {{"AVCSets", avcSets}, {"HEVCSets", hevcSets}, {"MidStream", midStream}, {"Gaps", gaps},
-          {"Stamps", stamps},   {"Drift", drift},       {"Lists", lists}};
+          {"Stamps", stamps},   {"Drift", drift},       {"Lists", lists},         {"Layouts", layouts()}};
 }
 
 }  // namespace tarn::test

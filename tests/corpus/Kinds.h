@@ -11,10 +11,9 @@ namespace tarn::test {
 
 /// A kind of file, and what a repair must make of it.
 struct Kind {
-  std::string name;
+  std::string name = {};
   Maker make;
-  /// Byte for byte as it came, the same with a problem that is named and stays, or changed for a problem that is named.
-  enum class Result { same, noted, changed } result = Result::same;
+  Outcome outcome = Outcome::same;
   Allowed allowed = {};
   Maker reference = {};  ///< what the result must show, if that is not what the file shows
 };

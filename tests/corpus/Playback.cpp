@@ -9,10 +9,9 @@
 #include <ranges>
 #include <sstream>
 
-#include "platform/host/PosixFileManager.h"
-#include "support/BoxEditor.h"
 #include "support/MediaMaker.h"
 #include "support/PCM.h"
+#include "support/ProbedMovie.h"
 #include "support/TempDirectory.h"
 
 namespace tarn::test {
@@ -100,8 +99,7 @@ Heard heard(const Audio& audio, const Placing& place) {
 }  // namespace
 
 std::vector<ShownRange> shownRangesOf(const Path& file) {
-  PosixFileManager files(file.parent_path());
-  BoxTree moov(BoxEditor(readFile(files, file)).get("moov"));
+  BoxTree moov = moovOf(contentsOf(file));
   BoxTree& track = *moov.track("soun");
   const double movieScale = readUInt32(moov.at("mvhd").fields, 12).value();
   const double scale = readUInt32(track.at("mdia/mdhd").fields, 12).value();
@@ -110,7 +108,8 @@ std::vector<ShownRange> shownRangesOf(const Path& file) {
   std::vector<ShownRange> ranges;
   double start = 0;
   for (size_t at = 8; at < fields.size(); at += 12) {
-    const double length = readUInt32(fields, at).value() / movieScale;
+    const uint32_t ticks = readUInt32(fields, at).value();
+    const double length = ticks > 0 ? ticks / movieScale : endless;
     const auto media = static_cast<int32_t>(readUInt32(fields, at + 4).value());
     if (media != -1) ranges.push_back({start, length, media / scale});
     start += length;
@@ -135,8 +134,7 @@ Audio decodedAudio(const Path& file, bool takesEditLists) {
     audio.frames.push_back({std::stod(wordBehind(line, " pts_time:")), first, count});
     first += count;
   }
-  PosixFileManager files(directory.path());
-  const Bytes bytes = files.fileExists(pcm) ? readFile(files, pcm) : Bytes();
+  const Bytes bytes = std::filesystem::exists(pcm) ? contentsOf(pcm) : Bytes();
   audio.samples = samplesIn(bytes.data(), bytes.size());
   if (audio.samples.size() != first) throw std::runtime_error("frames and samples differ: " + log.output);
   return audio;

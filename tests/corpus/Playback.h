@@ -45,6 +45,7 @@ struct ShownPacket {
 struct ShownRange {
   double start, length, media;
 };
+constexpr double endless = 1e9;  ///< the length of a range that goes on to the end of the media, as its list says
 
 struct Playback {
   std::vector<Picture> pictures;

@@ -90,7 +90,7 @@ TEST_F(HistoryTest, ARequestIsKeptForARetryAndNoLonger) {
   EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0600));
 }
 
-TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesBehindIt) {
+TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesAfterIt) {
   const RunOutcome saved{.id = 1, .kind = Kind::saved, .assetId = "A", .size = 5, .filename = "by the server.mp4"};
   const RunOutcome cancelled{.id = 1, .kind = Kind::cancelled};
   const RunOutcome failed = failure(1);
@@ -99,8 +99,8 @@ TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesBehindIt) {
       {"the transfer that a cancel ended", {cancelled, failed}, State::cancelled},
       {"a clean-up", {failed, cancelled}, State::failed},
       {"a clean-up of a saved one", {saved, cancelled}, State::saved},
-      {"a second save behind a kill", {saved, failed}, State::saved},
-      {"a second try behind a kill", {failed, saved}, State::saved},
+      {"a second save after a kill", {saved, failed}, State::saved},
+      {"a second try after a kill", {failed, saved}, State::saved},
   };
   for (const auto& [name, outcomes, state] : rows) {
     SCOPED_TRACE(name);
@@ -115,61 +115,49 @@ TEST_F(HistoryTest, AnEndIsTheTruthWhateverComesBehindIt) {
   }
 }
 
-TEST_F(HistoryTest, BehindAStartWhatTheEngineDoesNotKnowHasFailed) {
+TEST_F(HistoryTest, AfterAStartWhatTheEngineDoesNotKnowHasFailed) {
   History history = open();
   for (const int64_t id : {1, 2, 3, 4, 5}) history.began(id, request("a.mp4"));
   history.ended({.id = 4, .kind = Kind::cancelled});
   history.ended({.id = 5, .kind = Kind::cancelled});
   history.settle({.underWay = {{1, request("a.mp4")}, {4, request("a.mp4")}, {9, request("old.mp4")}}, .saved = {2}});
-  const auto stateOf = [&](int64_t id) { return history.entry(id)->state; };
-  EXPECT_EQ(stateOf(1), State::pending);
-  EXPECT_EQ(stateOf(2), State::saved);
-  EXPECT_EQ(stateOf(3), State::failed);
+  // A kill undid the cancelling of the fourth.
+  const std::pair<int64_t, State> rows[] = {
+      {1, State::pending}, {2, State::saved}, {3, State::failed}, {4, State::pending}, {5, State::cancelled}};
+  for (const auto& [id, state] : rows) EXPECT_EQ(history.entry(id)->state, state) << id;
   EXPECT_NE(history.entry(3)->reason.find("the engine ended before"), std::string::npos);
   EXPECT_TRUE(history.entry(3)->mayTryAgain);
-  EXPECT_EQ(stateOf(4), State::pending) << "a kill undid its cancelling";
-  EXPECT_EQ(stateOf(5), State::cancelled);
   EXPECT_EQ(history.request(9), request("old.mp4")) << "of an older version, which kept no history";
 }
 
 TEST_F(HistoryTest, WhatAnOlderVersionNotedIsReadAndTakenOver) {
   {
-    SQLiteDatabase old(file_, SQLiteDatabase::Mode::writing);
-    old.execute(
-        "CREATE TABLE downloads (number INTEGER PRIMARY KEY AUTOINCREMENT, id INTEGER NOT NULL UNIQUE, "
-        "state TEXT NOT NULL, filename TEXT NOT NULL, album TEXT NOT NULL, url TEXT NOT NULL, "
-        "started INTEGER NOT NULL, ended INTEGER NOT NULL DEFAULT 0, reason TEXT NOT NULL DEFAULT '', "
-        "advice TEXT NOT NULL DEFAULT '', may_try_again INTEGER NOT NULL DEFAULT 0, "
-        "may_save_as_it_came INTEGER NOT NULL DEFAULT 0, is_partly INTEGER NOT NULL DEFAULT 0, "
-        "summary TEXT NOT NULL DEFAULT '', size INTEGER NOT NULL DEFAULT -1, asset_id TEXT NOT NULL DEFAULT '', "
-        "request TEXT NOT NULL)");
-    old.execute(
-        "INSERT INTO downloads (id, state, filename, album, url, started, ended, reason, request) "
-        "VALUES (1, 'failed', 'a.mp4', 'Trips', 'http://host/a.mp4', 5000000000, 6000000000, 'gone', '')");
-    old.execute("PRAGMA user_version = 1");
+    auto table = HistoryTable::openOrMake(file_);
+    table.add({.id = 1, .filename = "a.mp4", .album = "Trips", .url = "http://host/a.mp4", .started = clock_.now()},
+              "");
+    table.end({.id = 1, .state = State::failed, .ended = clock_.now(), .reason = "gone"});
+    table.database().execute("ALTER TABLE downloads DROP COLUMN is_refused");
+    table.database().execute("PRAGMA user_version = 1");
   }
-  const auto check = [](const std::vector<HistoryEntry>& entries) {
+  const auto check = [](const std::vector<HistoryEntry>& entries, const std::string& reason, bool isRefused) {
     ASSERT_EQ(entries.size(), 1U);
-    EXPECT_EQ(jsonOf(entries[0]).json(),
-              R"({"id":1,"state":"failed","filename":"a.mp4","album":"Trips","url":"http://host/a.mp4",)"
-              R"("started":"1970-01-01T00:00:05Z","ended":"1970-01-01T00:00:06Z","reason":"gone","refused":false,)"
-              R"("mayTryAgain":false,"maySaveAsItCame":false,"partly":false})");
+    EXPECT_EQ(entries[0].filename, "a.mp4");
+    EXPECT_EQ(entries[0].reason, reason);
+    EXPECT_EQ(entries[0].isRefused, isRefused);
     EXPECT_EQ(jsonOf(historyEntryOf(jsonOf(entries[0]))).json(), jsonOf(entries[0]).json());
   };
   const std::string before = contentOf(file_);
-  check(History::read(place_.path()));
+  check(History::read(place_.path()), "gone", false);
   EXPECT_EQ(contentOf(file_), before) << "who only reads changes nothing";
   History history = open();
   EXPECT_EQ(history.problem(), std::nullopt);
-  check(history.entries());
+  check(history.entries(), "gone", false);
   history.began(1, request("a.mp4"));
   RunOutcome refused = failure(1);
   refused.isRefused = true;
   history.ended(refused);
-  for (const HistoryEntry& entry : {*open().entry(1), History::read(place_.path()).front()}) {
-    EXPECT_TRUE(entry.isRefused);
-    EXPECT_TRUE(historyEntryOf(jsonOf(entry)).isRefused);
-  }
+  check(open().entries(), "it is gone", true);
+  check(History::read(place_.path()), "it is gone", true);
 }
 
 TEST_F(HistoryTest, ADamagedFileIsPutAsideAndToldAndStopsNothing) {

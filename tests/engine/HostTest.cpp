@@ -43,7 +43,6 @@ TEST(HostTest, DefaultNamesComeFromTheURL) {
   for (int i = 0; i < 150; ++i) encoded += "%C3%A4";
   const std::pair<std::string, std::string> rows[] = {{"/a/clip.MOV?x=1#y", "clip.MOV"},
                                                       {"/", "video.mp4"},
-                                                      {"", "video.mp4"},
                                                       {"/%2e%2e", "video.mp4"},
                                                       {"/a%2Fb", "a_b.mp4"},
                                                       {"/.mp4", "mp4.mp4"},

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,6 +39,13 @@ class PosterTest : public testing::Test {
   Path put(const std::string& name, std::string_view content) {
     std::ofstream(place_ / name, std::ios::binary) << content;
     return place_ / name;
+  }
+
+  /// A program in the place of that for posters.
+  Path putProgram(const std::string& script) {
+    const Path program = put("program", "#!/bin/sh\n" + script + "\n");
+    fs::permissions(program, fs::perms::owner_all);
+    return program;
   }
 
   /// A picture as ffmpeg shows it, upright, in this size: a byte a pixel.
@@ -95,21 +101,11 @@ TEST_F(PosterTest, IsTheFirstPictureAsPlayersShowIt) {
 
 TEST_F(PosterTest, OfWhatHoldsNoPictureThereIsNone) {
   const std::string movie = contentOf(encodedVideo({.size = "640x360"}));
-  std::string noise(200'000, 0);
+  const size_t media = movie.find("mdat") + 4;
+  std::string noise = movie;
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>(i * 2654435761U >> 13);
-  std::string deaf = movie;  // a movie whose media are noise
-  const size_t media = deaf.find("mdat") + 4;
-  deaf.replace(media, noise.size(), noise, 0, std::min(noise.size(), deaf.size() - media));
-  const std::pair<const char*, std::string> rows[] = {
-      {"empty", ""},
-      {"noise", noise},
-      {"cut", movie.substr(0, 300)},
-      {"no media", deaf.substr(0, media)},
-      {"noise for media", deaf},
-  };
-  for (const auto& [name, content] : rows) {
-    const auto jpeg = poster(put("clip.mp4", content));
-    EXPECT_TRUE(!jpeg || std::string_view(name) == "noise for media") << name;
+  for (const std::string& content : {std::string(), noise, movie.substr(0, 300), movie.substr(0, media)}) {
+    EXPECT_FALSE(poster(put("clip.mp4", content))) << content.size();
   }
   EXPECT_FALSE(poster(madeByFFmpeg(words("-f lavfi -i sine=duration=1 -c:a aac"))));
 }
@@ -118,9 +114,7 @@ TEST_F(PosterTest, OfWhatHoldsNoPictureThereIsNone) {
 TEST_F(PosterTest, AProgramThatHangsOrTalksTooMuchIsEnded) {
   const Path video = put("clip.mp4", "x");
   const auto run = [&](const std::string& script) {
-    const Path program = put("program", "#!/bin/sh\n" + script + "\n");
-    fs::permissions(program, fs::perms::owner_all);
-    return runPosterProgram(program, video, std::chrono::milliseconds(500), promptly);
+    return runPosterProgram(putProgram(script), video, std::chrono::milliseconds(500), promptly);
   };
   EXPECT_FALSE(run("sleep 1000"));
   EXPECT_FALSE(run("yes"));
@@ -133,10 +127,8 @@ TEST_F(PosterTest, AProgramThatHangsOrTalksTooMuchIsEnded) {
   ::setenv("SECRET", "x", 1);
   run("(env; ls /proc/self/fd; pwd) > " + (place_ / "seen").string());
   const std::string seen = contentOf(place_ / "seen");
-  EXPECT_EQ(seen.find("SECRET"), std::string::npos);
-  EXPECT_EQ(seen.find("HOME"), std::string::npos);
+  for (const char* name : {"SECRET", "HOME", "0\n1\n2\n3\n4\n"}) EXPECT_EQ(seen.find(name), std::string::npos) << seen;
   EXPECT_NE(seen.find("0\n1\n2\n3\n"), std::string::npos) << "the fourth is the folder that is listed: " << seen;
-  EXPECT_EQ(seen.find("0\n1\n2\n3\n4\n"), std::string::npos) << seen;
 }
 
 // What a video could do with a decoder that it has taken over.
@@ -159,24 +151,21 @@ TEST_F(PosterTest, AConfinedProcessReadsWhatIsOpenAndNothingElse) {
             ::mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))),
         ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) != MAP_FAILED,
     };
-    int code = 100;
-    for (int i = 0; i < static_cast<int>(std::size(results)); ++i) {
-      if (!results[i]) code = i;
-    }
-    ::_exit(code);
+    int refused = 0;
+    while (refused < static_cast<int>(std::size(results)) && results[refused]) ++refused;
+    ::_exit(refused);
   }
   int status = 0;
   ::waitpid(child, &status, 0);
   ::close(file);
   ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 100) << "the number of the last one that was otherwise";
+  EXPECT_EQ(WEXITSTATUS(status), 8) << "the number of the first that is otherwise";
 }
 
 TEST_F(PosterTest, PostersAreKeptForTheOwnerUntilTheirAssetsGo) {
   PosixFileManager files(place_.path());
-  const Path program = put("program", "#!/bin/sh\necho >> " + (place_ / "runs").string() +
-                                          "\nif read line; then printf '\\377\\330 whole \\377\\331'; fi\n");
-  fs::permissions(program, fs::perms::owner_all);
+  const Path program = putProgram("echo >> " + (place_ / "runs").string() +
+                                  "\nif read line; then printf '\\377\\330 whole \\377\\331'; fi");
   const auto tell = [](PosterMaker& maker, const std::string& id, const Path& video) {
     std::promise<std::optional<Path>> answer;
     maker.tell(id, video, [&answer](const std::optional<Path>& poster) { answer.set_value(poster); });
@@ -196,9 +185,7 @@ TEST_F(PosterTest, PostersAreKeptForTheOwnerUntilTheirAssetsGo) {
   EXPECT_FALSE(first.get_future().get());
   EXPECT_FALSE(second.get_future().get());
   EXPECT_EQ(contentOf(place_ / "runs"), "\n\n\n") << "once each";
-  struct stat facts {};
-  ASSERT_EQ(::stat((place_ / "Posters/A.jpg").c_str(), &facts), 0);
-  EXPECT_EQ(facts.st_mode & 0777, 0600U);
+  EXPECT_EQ(fs::status(place_ / "Posters/A.jpg").permissions(), fs::perms(0600));
   maker.keepOnly({"A"});
   EXPECT_TRUE(fs::exists(place_ / "Posters/A.jpg"));
   maker.keepOnly({"B"});

@@ -5,12 +5,24 @@
 
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "fragments/FragmentsStep.h"
+#include "support/BoxEditor.h"
 #include "support/FileTest.h"
 #include "support/RunRecorder.h"
 
 namespace tarn::test {
+
+/// The edit list of a `trak` in words: "20 from -1, 50 from 10".
+inline std::string editsOf(BoxTree& trak) {
+  if (trak.child("edts") == trak.children.end()) return "";
+  const Bytes& list = trak.at("edts/elst").fields;
+  const auto number = [&](size_t at) { return static_cast<int32_t>(readUInt32(list, at).value()); };
+  std::vector<std::string> rows;
+  for (size_t at = 8; at < list.size(); at += 12) rows.push_back(fmt::format("{} from {}", number(at), number(at + 4)));
+  return fmt::format("{}", fmt::join(rows, ", "));
+}
 
 /// Runs the step on files and tells what became of them.
 class FragmentsTest : public FileTest {

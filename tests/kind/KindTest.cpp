@@ -11,19 +11,9 @@ using namespace std::string_literals;
 
 namespace {
 
-/// A second of pictures, of sound, or of both, as this ending has it.
-struct Recipe {
-  std::string options;
-  std::string ending;
-  What what;
-};
-
+// A second of each.
 constexpr const char* pictures = "-f lavfi -i testsrc=size=64x48:rate=25:duration=1 ";
 constexpr const char* sound = "-f lavfi -i sine=duration=1 ";
-
-Path made(const std::string& options, const std::string& ending) {
-  return madeByFFmpeg(words(options), ending);
-}
 
 class KindTest : public FileTest {
  protected:
@@ -33,10 +23,6 @@ class KindTest : public FileTest {
     return kindOf(files, "/clip.mp4");
   }
   Kind kindOfText(const std::string& content) { return kindOfBytes(bytesOf(content)); }
-  Bytes movie(const std::string& movflags = "") {
-    const std::string flags = movflags.empty() ? "" : " -movflags " + movflags;
-    return readFile(files_, made(pictures + "-c:v libx264"s + flags, ".mp4"));
-  }
 };
 
 /// A `moov` of one track of this handler with so many samples.
@@ -46,7 +32,7 @@ Bytes moovOf(const std::string& handler, uint32_t samples, const Bytes& more = {
 
 // What ffmpeg writes is known for what it is; nothing that plays is refused.
 TEST_F(KindTest, MediaOfFFmpeg) {
-  const Recipe recipes[] = {
+  const std::tuple<std::string, std::string, What> recipes[] = {
       {pictures + "-c:v libx264"s, ".mp4", What::plainMovie},
       {pictures + "-c:v libx264"s, ".mov", What::plainMovie},
       {pictures + "-c:v libx264 -movflags frag_keyframe"s, ".mp4", What::fragmentedMovie},
@@ -61,11 +47,8 @@ TEST_F(KindTest, MediaOfFFmpeg) {
       {pictures + "-c:v mpeg2video"s, ".mpg", What::otherContainer},
       {pictures + "-c:v flv1"s, ".flv", What::otherContainer},
       {pictures + "-c:v wmv2"s, ".wmv", What::otherContainer},
-      {pictures + "-c:v wmv2"s, ".wtv", What::otherContainer},
       {pictures + "-c:v dvvideo -s 720x576 -pix_fmt yuv420p"s, ".dv", What::otherContainer},
       {pictures + "-c:v dvvideo -s 720x480 -r 30000/1001 -pix_fmt yuv411p"s, ".dv", What::otherContainer},
-      {pictures + "-c:v libx264"s, ".nut", What::otherContainer},
-      {pictures + "-c:v libvpx"s, ".ivf", What::otherContainer},
       {pictures + "-c:v libx264"s, ".h264", What::otherContainer},
       {pictures + "-c:v libx264 -x264-params aud=1"s, ".h264", What::otherContainer},
       {pictures + "-c:v libx265"s, ".hevc", What::otherContainer},
@@ -83,8 +66,6 @@ TEST_F(KindTest, MediaOfFFmpeg) {
       {sound + "-c:a ac3"s, ".ac3", What::audio},
       {sound + "-c:a ac3 -ar 44100"s, ".ac3", What::audio},
       {sound + "-c:a eac3"s, ".eac3", What::audio},
-      {sound, ".au", What::audio},
-      {sound, ".w64", What::audio},
       {pictures + "-frames:v 1"s, ".jpg", What::picture},
       {pictures + "-frames:v 1"s, ".png", What::picture},
       {pictures + "-frames:v 1"s, ".webp", What::picture},
@@ -93,7 +74,7 @@ TEST_F(KindTest, MediaOfFFmpeg) {
       {pictures + "-frames:v 2"s, ".gif", What::picture},
   };
   for (const auto& [options, ending, what] : recipes) {
-    const Path file = made(options, ending);
+    const Path file = madeByFFmpeg(words(options), ending);
     const Kind kind = kindOf(files_, file);
     EXPECT_EQ(kind.what, what) << ending << ": " << kind.words;
     EXPECT_EQ(whyNoPlayerShows(files_, file, "a").has_value(), what == What::picture) << ending;
@@ -105,20 +86,14 @@ TEST_F(KindTest, Movies) {
   const Bytes media = box("mdat", {Bytes(100)});
   const Bytes type = box("ftyp", {bytesFrom("'isom' 00000200")});
   const Bytes heic = box("ftyp", {bytesFrom("'heic' 00000000")});
-  Bytes cutMedia = boxClaiming(5000, "mdat", {Bytes(100)});
-  Bytes wholeTrack = moovOf("vide", 3);
+  const Bytes cutMedia = boxClaiming(5000, "mdat", {Bytes(100)});
+  const Bytes wholeTrack = moovOf("vide", 3), cutInTrack(wholeTrack.begin(), wholeTrack.end() - 4);
   Bytes cutBehindTrack = wholeTrack;
   cutBehindTrack[3] = static_cast<uint8_t>(cutBehindTrack[3] + 40);
-  Bytes cutInTrack(wholeTrack.begin(), wholeTrack.end() - 4);
-  struct Case {
-    const char* name;
-    Bytes content;
-    What what;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, Bytes, What> cases[] = {
       {"QuickTime, no ftyp", joined({box("wide"), media, moovOf("vide", 3)}), What::plainMovie},
-      {"odd boxes ahead", joined({box("oddx", {Bytes(9)}), type, media, moovOf("vide", 3)}), What::plainMovie},
-      {"moov ahead, mdat cut", joined({type, moovOf("vide", 3), cutMedia}), What::plainMovie},
+      {"odd boxes first", joined({box("oddx", {Bytes(9)}), type, media, moovOf("vide", 3)}), What::plainMovie},
+      {"moov first, mdat cut", joined({type, moovOf("vide", 3), cutMedia}), What::plainMovie},
       {"moov cut behind a track", joined({type, media, cutBehindTrack}), What::plainMovie},
       {"moov cut in its track", joined({type, media, cutInTrack}), What::lacksMoov},
       {"no moov", joined({type, media}), What::lacksMoov},
@@ -149,8 +124,8 @@ TEST_F(KindTest, Movies) {
 
 // Every start of a movie has a kind, and is media only from where its whole `moov` is there.
 TEST_F(KindTest, CutMovies) {
-  for (const char* flags : {"", "faststart"}) {
-    const Bytes whole = movie(flags);
+  for (const char* flags : {"", " -movflags faststart"}) {
+    const Bytes whole = readFile(files_, madeByFFmpeg(words(pictures + "-c:v libx264"s + flags)));
     const size_t moov = textOf(whole).find("moov") - 4;
     const size_t moovSize = size_t{whole[moov + 2]} << 8 | whole[moov + 3];
     for (size_t size = 0; size < whole.size(); size += 7) {
@@ -165,40 +140,37 @@ TEST_F(KindTest, CutMovies) {
 }
 
 TEST_F(KindTest, SentencesForPeople) {
-  struct Case {
-    std::string content;
-    std::string sentence;
-  };
-  const std::string page = "<!DOCTYPE html>\n<html><head><title>";
-  const Case cases[] = {
-      {page + "Cats &amp; &#x64;ogs</title>",
-       "clip.mp4 is a web page (\"Cats & dogs\"): give the address of the video itself"},
-      {"<html><body><form><input type=\"password\"></form>", "clip.mp4 is a web page: the address needs a login"},
-      {"\xEF\xBB\xBF<!-- c --> <HTML><BODY>", "clip.mp4 is a web page: give the address of the video itself"},
+  const std::string page = "<!DOCTYPE html>\n<html><head><title>", theVideo = ": give the address of the video itself";
+  const std::pair<std::string, std::string> cases[] = {
+      {page + "Cats &amp; &#x64;ogs</title>", "a web page (\"Cats & dogs\")" + theVideo},
+      {"<html><body><form><input type=\"password\"></form>", "a web page: the address needs a login"},
+      {"\xEF\xBB\xBF<!-- c --> <HTML><BODY>", "a web page" + theVideo},
       {page + "a\n\x1B[31m \xE2\x80\xAE"
               "b&#8238;\xFF\xC2\x9B"
               "c</title>",
-       "clip.mp4 is a web page (\"a [31m bc\"): give the address of the video itself"},
+       "a web page (\"a [31m bc\")" + theVideo},
       {page + std::string(58, 'x') + "\xC3\xA4\xC3\xA4</title>",
-       "clip.mp4 is a web page (\"" + std::string(58, 'x') + "\xC3\xA4...\"): give the address of the video itself"},
-      {"<?xml version=\"1.0\"?><Error><Code>AccessDenied</Code></Error>",
-       "clip.mp4 is an XML document: give the address of the video itself"},
-      {"PK\x03\x04\x14\0"s, "clip.mp4 is a zip archive: unpack it first"},
-      {std::string(2000, '\0'), "clip.mp4 is nothing but zeros where it begins: download it again"},
-      {"Not found, sorry.",
-       "clip.mp4 is no video (ASCII text, with no line terminators): "
-       "give the address of the video itself"},
+       "a web page (\"" + std::string(58, 'x') + "\xC3\xA4...\")" + theVideo},
+      {"<?xml version=\"1.0\"?><Error><Code>AccessDenied</Code></Error>", "an XML document" + theVideo},
+      {"#EXTM3U\n#EXTINF:6,\n0.ts\n", "a playlist" + theVideo},
+      {"<?xml version=\"1.0\"?>\n<MPD><Period/></MPD>", "a playlist (of a stream)" + theVideo},
+      {"{\"error\": \"no such clip\"}", "JSON text" + theVideo},
+      {"%PDF-1.4\n1 0 obj", "a PDF document" + theVideo},
+      {"PK\x03\x04\x14\0"s, "a zip archive: unpack it first"},
+      {"\x1F\x8B\x08\0"s, "compressed with gzip: unpack it first"},
+      {std::string(257, 'a') + "ustar", "a tar archive: unpack it first"},
+      {std::string(2000, '\0'), "nothing but zeros where it begins: download it again"},
+      {"Not found, sorry.", "no video (ASCII text, with no line terminators)" + theVideo},
   };
   for (const auto& [content, sentence] : cases) {
     writeFileAtomically(files_, file_, bytesOf(content));
-    EXPECT_EQ(whyNoPlayerShows(files_, file_, "clip.mp4").value_or("it is media"), sentence);
+    EXPECT_EQ(whyNoPlayerShows(files_, file_, "clip.mp4").value_or("it is media"), "clip.mp4 is " + sentence);
   }
 }
 
 // What only looks like media at first sight is none.
 TEST_F(KindTest, LookAlikes) {
-  const Bytes grains = bytesFrom("47 47 47 47 47 47 47 47");
-  EXPECT_FALSE(kindOfBytes(grains).isMedia());
+  EXPECT_FALSE(kindOfText("GGGGGGGG").isMedia());
   std::string fourPackets(5 * 188, 'x');
   for (size_t i = 0; i < 4; ++i) fourPackets[i * 188] = 'G';
   EXPECT_FALSE(kindOfText(fourPackets).isMedia());

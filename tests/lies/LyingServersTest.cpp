@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <variant>
 
 #include "inspect/FailureAdvice.h"
 #include "platform/TransferHarness.h"
@@ -31,21 +32,13 @@ constexpr uint64_t mostMemory = 512 << 20;  // what is freed is kept for a while
 constexpr uint64_t mostMemory = 64 << 20;
 #endif
 
-/// How a transfer must end: with exactly these bytes, or with these words.
-struct Ending {
-  Ending(Bytes bytes) : file(std::move(bytes)) {}  // NOLINT(google-explicit-constructor): for the tables
-  Ending(const char* text) : words(text) {}        // NOLINT(google-explicit-constructor)
-  std::optional<Bytes> file = {};
-  std::string words = {};
-};
-
 struct Lie {
   const char* name;
   std::vector<Reply> replies;  ///< to the first requests
   Reply afterwards;
-  Ending ending;
-  size_t requests = 0;    ///< 0: any number
-  std::string last = {};  ///< Range and If-Range of the last request
+  std::variant<Bytes, const char*> ending;  ///< exactly these bytes, or a failure in these words
+  size_t requests = 0;                      ///< 0: any number
+  std::string last = {};                    ///< Range and If-Range of the last request
 };
 
 Bytes bytes(const std::string& text) {
@@ -68,13 +61,8 @@ Reply to(const char* place) {
   return {.status = 302, .location = place};
 }
 
-Reply states(const std::string& name, const std::string& value) {
-  return {.omitsLength = name == "Content-Length", .fields = name + ": " + value + "\r\n"};
-}
-
-/// An answer with 200 whose body is in chunks.
-Reply chunks(const std::string& body, const std::string& endless = {}, std::chrono::milliseconds pause = 0ms) {
-  return says("HTTP/1.1 200 -\r\nTransfer-Encoding: chunked\r\n\r\n" + body, endless, pause);
+Reply states(const std::string& length) {
+  return {.omitsLength = true, .fields = "Content-Length: " + length + "\r\n"};
 }
 
 const Bytes one = video(1), another = video(2);
@@ -93,21 +81,13 @@ std::vector<Lie> liesOfStatus() {
       {"not found", {}, {.status = 404}, "HTTP status 404", 1},
       {"no content", {}, {.raw = "HTTP/1.1 204 -\r\n\r\n"}, "HTTP status 204", 1},
       {"no content for the rest", {cutShort}, {.status = 204}, "HTTP status 204", 2, range + tag},
-      {"reset content", {}, {.status = 205}, "HTTP status 205", 1},
       {"not modified, unasked", {}, {.status = 304}, "HTTP status 304", 1},
-      {"another protocol, unasked", {}, {.raw = "HTTP/1.1 101 -\r\n\r\n"}, "Empty reply", 5},
       {"trouble, then a file", {{.status = 500}, {.status = 408}, {.status = 429}, {.status = 503}}, {}, one, 5},
-      {"trouble without end", {}, {.status = 500}, "HTTP status 500", 5},
       {"again in 31 years", {}, {.status = 429, .fields = "Retry-After: 999999999\r\n"}, "HTTP status 429", 5},
       {"again before now", {{.status = 503, .fields = "Retry-After: -1\r\n"}}, {}, one, 2},
       {"an HTML page with 200", {}, {.status = 200}, page, 1},
       {"a redirect to a file", {}, to("file:///etc/passwd"), "http or https", 1},
-      {"a redirect to FTP", {}, to("ftp://127.0.0.1/file"), "http or https", 1},
-      {"a redirect to gopher", {}, to("gopher://127.0.0.1:25/_HELO"), "http or https", 1},
-      {"a redirect to a script", {}, to("javascript:alert(1)"), "http or https", 1},
-      {"a redirect to data", {}, to("data:video/mp4;base64,AAAA"), "http or https", 1},
       {"a redirect to nowhere", {}, {.status = 302}, "HTTP status 302", 1},
-      {"a redirect to another port of none", {}, to("http://127.0.0.1:99999/"), "http or https", 1},
       {"a redirect loop", {}, moved, "from place to place", 21},
       {"redirects", {moved, cutShort, moved}, {}, one, 4, range + tag},
       {"a redirect with an endless body", {says("HTTP/1.1 302 -\r\nLocation: /file\r\n\r\n", "x")}, {}, one, 2},
@@ -119,17 +99,10 @@ std::vector<Lie> liesOfHeads() {
   return {
       {"a head alone", {}, {.closeAfter = 0}, "remaining to read", 5},
       {"HTTP/0.9", {}, says("<html>"), "HTTP/0.9", 1},
-      {"no HTTP", {}, says(std::string("\0\1\2\r\n\r\n", 7)), "HTTP/0.9", 1},
-      {"a version that is none", {}, says("HTTP/7.5 200 OK\r\n\r\n"), "HTTP", 1},
-      {"a status that is none", {}, says("HTTP/1.1 2000 OK\r\n\r\n"), "HTTP", 1},
-      {"RTSP", {}, says("RTSP/1.0 200 OK\r\n\r\n"), "Received HTTP/0.9 when not allowed", 1},
       {"a head that breaks off", {says("HTTP/1.1 200 OK\r\nContent-Le")}, {}, one, 2},
       {"a head without end", {}, says(start, "X-Y: z\r\n"), tooLong, 1},
-      {"a field without end", {}, says(start + "X: ", "x"), tooLong, 1},
-      {"a field of 1 MiB", {}, states("X", std::string(1 << 20, 'x')), tooLong, 1},
       {"a tag of 60 kB", {{.file = longTag, .closeAfter = cut}}, {}, one, 2, range + date},
       {"status 100 without end", {}, says("HTTP/1.1 100 -\r\n\r\n", "HTTP/1.1 100 -\r\n\r\n"), tooLong, 1},
-      {"early hints without end", {}, says("HTTP/1.1 103 -\r\n", "X:\r\n\r\nHTTP/1.1 103 -\r\n"), tooLong, 1},
       {"a head a byte at a time", {}, says(start, "X:\r\n", 20ms), "Timeout", 2},
   };
 }
@@ -138,32 +111,21 @@ std::vector<Lie> liesOfLength() {
   const Bytes first200k(one.begin(), one.begin() + 200'000);
   const Reply larger{.statedLength = 200'000, .fields = "Content-Length: 300000\r\n"};
   const Reply over{.statedLength = videoSize + 1};
+  const std::string chunked = start + "Transfer-Encoding: chunked\r\n\r\n";
   return {
       {"no length", {}, {.omitsLength = true}, one, 1},
       {"length too large, always", {}, over, "another range", 10, "bytes=299488-" + tag},
       {"length too large, once", {over}, {}, one, 3},
       {"length too small", {}, {.statedLength = 200'000}, first200k, 1},
       {"the length twice", {}, {.fields = "Content-Length: 300000\r\n"}, one, 1},
-      {"two lengths, the smaller last", {}, {.fields = "Content-Length: 200000\r\n"}, "two lengths", 1},
       {"two lengths, the larger last", {}, larger, "two lengths", 1},
-      {"a length below zero", {}, states("Content-Length", "-1"), "Invalid Content-Length", 1},
-      {"a length in words", {}, states("Content-Length", "many"), "Invalid Content-Length", 1},
-      {"a length of 8 EiB", {}, states("Content-Length", "9223372036854775807"), "disk", 1},
-      {"a length beyond counting", {}, states("Content-Length", "99999999999999999999"), "a length that is none", 1},
+      {"a length of 8 EiB", {}, states("9223372036854775807"), "disk", 1},
+      {"a length beyond counting", {}, states("99999999999999999999"), "a length that is none", 1},
       {"chunked", {}, {.chunked = true}, one, 1},
-      {"chunked, and a length", {}, {.chunked = true, .fields = "Content-Length: 5\r\n"}, one, 1},
       {"chunked, cut short", {{.chunked = true, .closeAfter = cut}}, {}, one, 2, range + tag},
-      {"a chunk size that is none", {}, chunks("zz\r\nabc\r\n0\r\n\r\n"), "Illegal or missing hexadecimal", 5},
-      {"a chunk size below zero", {}, chunks("-5\r\nabcde\r\n0\r\n\r\n"), "Illegal or missing hexadecimal", 5},
-      {"a chunk size beyond counting", {}, chunks("fffffffffffffffff\r\nabc"), "Too long hexadecimal", 5},
-      {"a chunk longer than it says", {}, chunks("2\r\nabcde\r\n0\r\n\r\n"), "Malformed encoding", 5},
-      {"a chunk size without end", {}, chunks("1", "1"), "Too long hexadecimal", 5},
-      {"a chunk extension without end", {}, chunks("1;", "x", 1ms), "Timeout", 2},
-      {"a trailer without end", {}, chunks("1\r\na\r\n0\r\n", "X-Y: z\r\n"), tooLong, 1},
-      {"a trailer field without end", {}, chunks("1\r\na\r\n0\r\nX: ", "z"), "Out of memory in chunked-encoding", 5},
+      {"a chunk beyond counting", {}, says(chunked + "fffffffffffffffff\r\nabc"), "Too long hexadecimal", 5},
       {"an endless body", {}, says(start + "\r\n", "x"), "File too large", 1},
-      {"endless chunks", {}, chunks("", "1000\r\n" + std::string(4096, 'x') + "\r\n"), "File too large", 1},
-      {"endless behind its length", {}, says(start + "Content-Length: 9\r\n\r\n", "x"), bytes("xxxxxxxxx"), 1},
+      {"endless after its length", {}, says(start + "Content-Length: 9\r\n\r\n", "x"), bytes("xxxxxxxxx"), 1},
       {"a stall", {{.stallAfter = cut}}, {}, one, 2, range + tag},
       {"stalls without end", {}, {.stallAfter = 0}, "Timeout", 2},
       {"a byte now and then", {}, says(start + "\r\n", "x", 20ms), "Timeout", 2},
@@ -204,25 +166,14 @@ std::vector<Lie> liesOfVersion() {
 
 std::vector<Lie> liesOfRange() {
   const Reply elsewhere{.rangeShift = 10, .closeAfter = cut};
-  const auto spans = [](const char* text) { return Reply{.contentRange = text}; };
   const Reply noMore{.status = 416, .fields = "Content-Range: bytes */100000\r\n"};
   const Reply shifted{.rangeShift = 10, .contentRange = "bytes 99488-299999/300000"};
   const Reply parts{.contentType = "multipart/byteranges; boundary=b"};
-  return {
+  std::vector<Lie> lies = {
       {"206 from before", {cutShort, {.rangeShift = -10}}, {}, one, 3},
-      {"206 from behind", {cutShort, {.rangeShift = 10}}, {}, one, 3},
+      {"206 from after", {cutShort, {.rangeShift = 10}}, {}, one, 3},
       {"206 from elsewhere, always", {}, elsewhere, "another range", 10, range + tag},
       {"206 that lies about its start", {cutShort, shifted}, {}, one, 3},
-      {"206 with another end", {cutShort, spans("bytes 99488-199999/300000")}, {}, one, 3},
-      {"206 with an end beyond the file", {cutShort, spans("bytes 99488-300000/300000")}, {}, one, 3},
-      {"206 that ends before it begins", {cutShort, spans("bytes 99488-99487/300000")}, {}, one, 3},
-      {"206 with another total", {cutShort, spans("bytes 99488-299999/300001")}, {}, one, 3},
-      {"206 with no total", {cutShort, spans("bytes 99488-299999/*")}, {}, one, 3},
-      {"206 with a total beyond counting", {cutShort, spans("bytes 99488-299999/9223372036854775808")}, {}, one, 3},
-      {"206 of another unit", {cutShort, spans("pages 99488-299999/300000")}, {}, one, 3},
-      {"206 below zero", {cutShort, spans("bytes -99488-299999/300000")}, {}, one, 3},
-      {"206 of two ranges", {cutShort, spans("bytes 99488-199999/300000, 200000-299999/300000")}, {}, one, 3},
-      {"206 with no range", {cutShort, spans("")}, {}, one, 3},
       {"206 in many parts", {cutShort, parts}, {}, one, 3},
       {"206 unasked", {}, {.status = 206}, "another range", 5},
       {"416 unasked", {}, {.status = 416}, "HTTP status 416", 1},
@@ -230,6 +181,14 @@ std::vector<Lie> liesOfRange() {
       {"416 that calls a half the whole", {cutShort, noMore}, {}, one, 3},
       {"416 that calls chunks whole", {{.chunked = true, .closeAfter = cut}, noMore}, {}, one, 3},
   };
+  // Another end, one beyond the file, one before the start, other totals, another unit, two ranges, and none.
+  for (const char* spans : {"bytes 99488-199999/300000", "bytes 99488-300000/300000", "bytes 99488-99487/300000",
+                            "bytes 99488-299999/300001", "bytes 99488-299999/*",
+                            "bytes 99488-299999/9223372036854775808", "pages 99488-299999/300000",
+                            "bytes -99488-299999/300000", "bytes 99488-199999/300000, 200000-299999/300000", ""}) {
+    lies.push_back({spans, {cutShort, {.contentRange = spans}}, {}, one, 3});
+  }
+  return lies;
 }
 
 std::vector<Lie> liesOfCoding() {
@@ -253,9 +212,6 @@ std::vector<Lie> liesOfCoding() {
       {"gzip unasked, cut short", {inGzipCut}, inGzip, one, 2},
       {"gzip unasked, where the file was begun", {cutShort, inGzip}, {}, one, 3},
       {"gzip that is none", {}, {.contentEncoding = "gzip"}, undone, 1},
-      {"brotli that is none", {}, {.contentEncoding = "br"}, undone, 1},
-      {"zstd that is none", {}, {.contentEncoding = "zstd"}, undone, 1},
-      {"gzip twice that is once", {}, {.file = packed, .contentEncoding = "gzip, gzip"}, undone, 1},
       {"six codings", {}, {.file = packed, .contentEncoding = "gzip,gzip,gzip,gzip,gzip,gzip"}, undone, 1},
       {"a bomb in gzip", {}, bomb, "unpacks to more than", 1},
       {"a coding that is none", {}, noneOf, one, 2},
@@ -303,9 +259,10 @@ class LyingServers : public testing::Test {
     EXPECT_LT(peakMemory(), memory + mostMemory);
     EXPECT_TRUE(heard.isInOrder()) << heard.events;
     EXPECT_EQ(harness.filesLeft(), 0U);
-    EXPECT_TRUE(heard.file == lie.ending.file) << (heard.file ? heard.file->size() : 0);
+    const auto* const whole = std::get_if<Bytes>(&lie.ending);
+    EXPECT_TRUE(whole ? heard.file == *whole : !heard.file) << (heard.file ? heard.file->size() : 0);
     EXPECT_TRUE(!heard.file || heard.total == static_cast<int64_t>(heard.file->size())) << heard.total;
-    EXPECT_THAT(wordsOf(heard), HasSubstr(lie.ending.words));
+    EXPECT_THAT(wordsOf(heard), HasSubstr(whole ? "" : std::get<const char*>(lie.ending)));
     EXPECT_EQ(server.requests().size(), lie.requests);
     for (const ReceivedRequest& request : server.requests()) {
       if (request.headers.empty()) continue;  // HTTP/2
@@ -375,7 +332,6 @@ class LyingSecuredServers : public LyingServers {
 
 TEST_F(LyingSecuredServers, OverTLS) {
   hear({"a faultless answer", {}, {}, one, 1});
-  hear({"no length", {}, {.omitsLength = true}, one, 1});
   hear({"no length, torn off", {{.omitsLength = true, .closeAfter = cut}}, {}, one, 2, range + tag});
   hear({"no length, always torn off",
         {},
@@ -390,38 +346,10 @@ TEST_F(LyingSecuredServers, OverTLS) {
   hear({"nobody's certificate", {}, {}, "nobody whom this machine trusts has signed the server's certificate", 0});
 }
 
-TEST_F(LyingSecuredServers, NothingSecretFollowsARedirectionToPlainHTTP) {
-  FaultServer plain, secured(0, {}, tls_);
-  plain.serve("/file", ServedFile::of(one));
-  secured.serve("/file", {}, {}, {.status = 302, .location = plain.url("/file")});
-  Harness harness;
-  harness.start();
-  const TransferOptions options{.headers = {"Authorization: Bearer secret", "X-Own: secret"},
-                                .cookies = "127.0.0.1\tFALSE\t/\tFALSE\t0\tsid\tsecret\n",
-                                .referer = "https://127.0.0.1/secret"};
-  const auto task = harness.session->downloadTask(secured.url("/file"), "", options);
-  task->resume();
-  EXPECT_EQ(harness.listener->waitForEnd(task->taskIdentifier()).file, one);
-  const auto secretsOf = [](const FaultServer& server) {
-    const auto headers = server.requests().at(0).headers;
-    return std::ranges::count_if(headers,
-                                 [](const auto& header) { return header.second.find("secret") != std::string::npos; });
-  };
-  EXPECT_EQ(secretsOf(secured), 4);
-  EXPECT_EQ(secretsOf(plain), 0);
-}
-
 /// A frame of HTTP/2 (RFC 9113 4.1).
 std::string frame(uint8_t type, uint8_t flags, const std::string& payload, uint8_t stream = 1) {
-  const Bytes head{uint8_t(payload.size() >> 16),
-                   uint8_t(payload.size() >> 8),
-                   uint8_t(payload.size()),
-                   type,
-                   flags,
-                   0,
-                   0,
-                   0,
-                   stream};
+  const size_t size = payload.size();
+  const Bytes head{uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size), type, flags, 0, 0, 0, stream};
   return std::string(head.begin(), head.end()) + payload;
 }
 
@@ -431,7 +359,7 @@ std::string field(const std::string& name, const std::string& value) {
 }
 
 std::vector<Lie> liesOfHTTP2() {
-  constexpr uint8_t data = 0, headers = 1, reset = 3, settings = 4, push = 5, ping = 6, away = 7, window = 8, more = 9;
+  constexpr uint8_t data = 0, headers = 1, reset = 3, settings = 4, ping = 6, away = 7, more = 9;
   constexpr uint8_t ends = 1, headIsWhole = 4;
   const std::string ready = frame(settings, 0, "", 0), number(4, '\0'), status = "\x88" + field("etag", tag);
   const std::string unending = ready + frame(headers, headIsWhole, status);
@@ -443,30 +371,16 @@ std::vector<Lie> liesOfHTTP2() {
   const std::string some = head + body.substr(0, 10'009 * 9), most = head + body.substr(0, 10'009 * 29);
   const char* const nothing = "Empty reply";
   const Reply whole{.raw = head + body};
-  const auto goesOn = [&](const std::string& text) { return says(ready, text, 1ms); };
   return {
       {"a faultless answer", {}, whole, one, 1},
       {"cut within a frame", {says(some + body.substr(0, 1000))}, whole, one, 2},
       {"a reset in place of a head", {}, says(ready + frame(reset, 0, number)), nothing, 5},
-      {"a reset behind a head", {says(head + frame(reset, 0, "\0\0\0\2"s))}, whole, one, 2},
       {"a reset in the body", {says(some + frame(reset, 0, number))}, whole, one, 2},
       {"gone away in the body", {says(some + frame(away, 0, number + number, 0))}, whole, one, 2},
-      {"a body that ends early", {says(head + frame(data, ends, "abc"))}, whole, one, 2},
       {"a body beyond its length", {}, says(most + frame(data, ends, std::string(10'001, 'x'))), "remaining", 6},
       {"a head without end", {}, says(ready + frame(headers, 0, status), frame(more, 0, "")), "CONTINUATION", 5},
-      {"a reference to no field", {}, says(ready + frame(headers, headIsWhole, "\xfe")), nothing, 5},
-      {"no status", {}, says(ready + frame(headers, headIsWhole, field("x", "y"))), nothing, 5},
-      {"a frame of 16 MiB", {}, says(ready + "\xff\xff\xff\0\0\0\0\0\1"s, "x"), nothing, 5},
-      {"a body of no stream", {}, says(ready + frame(data, 0, "abc", 0)), nothing, 5},
-      {"a body without a head", {}, says(ready + frame(data, ends, "abc")), nothing, 5},
-      {"a push, unasked", {}, says(ready + frame(push, headIsWhole, "\0\0\0\2\x82"s)), "not closed cleanly", 5},
-      {"a window beyond counting", {}, says(ready + frame(window, 0, "\x7f\xff\xff\xff")), nothing, 5},
-      {"pings without end", {}, goesOn(frame(ping, 0, "12345678", 0)), "Timeout", 2},
-      {"settings without end", {}, goesOn(ready), "Timeout", 2},
-      {"unknown frames without end", {}, goesOn(frame(0xFA, 0, "x", 0)), "Timeout", 2},
-      {"empty pieces without end", {}, says(head, frame(data, 0, ""), 1ms), "Timeout", 2},
+      {"pings without end", {}, says(ready, frame(ping, 0, "12345678", 0), 1ms), "Timeout", 2},
       {"an endless body", {}, says(unending, frame(data, 0, std::string(1000, 'x'))), "File too large", 1},
-      {"HTTP/1.1", {}, says("HTTP/1.1 200 OK\r\n\r\n"), nothing, 5},
   };
 }
 
@@ -475,37 +389,25 @@ TEST_F(LyingSecuredServers, OverHTTP2) {
   hear(liesOfHTTP2());
 }
 
-/// The same by the command: how it ends, in which words, and what is then in the library.
 TEST_F(LyingServers, ToTheCommand) {
   const Bytes& movie = damagedMovie("avc1");
   const ServedFile clip = ServedFile::of(movie);
   const auto named = [](const std::string& name) { return Reply{.disposition = "attachment; filename=" + name}; };
-  const auto typed = [](const std::string& text) { return Reply{.file = ServedFile::of(bytes(text))}; };
-  struct Row {
-    const char* name;
-    Reply reply;
-    int code;
-    std::string words;  ///< of the failure, or the name in the album
-  };
-  const Row rows[] = {
+  const Reply page{.file = ServedFile::of(bytes("<!DOCTYPE html><title>Sign in</title>"))};
+  // How it ends, and the words of the failure or the name in the album.
+  const std::tuple<const char*, Reply, int, std::string> rows[] = {
       {"a name above", named("\"../../../../tmp/x.mp4\""), 0, "x.mp4"},
-      {"a name with backslashes", named("\"..\\\\..\\\\x.mp4\""), 0, "x.mp4"},
-      {"a name in code", named("x; filename*=UTF-8''%2Fetc%2Fx.mp4"), 0, "x.mp4"},
-      {"a name that is hidden", named("\".x.mp4\""), 0, "x.mp4"},
-      {"a name that is a folder", named("\"..\""), 0, "clip.mp4"},
       {"a name that steers a terminal", named("\"\x1b[31mx.mp4\""), 0, "[31mx.mp4"},
       {"a name that reads backwards", named("x; filename*=UTF-8''x%E2%80%AE4pm.exe"), 0, "x4pm.exe.mp4"},
       {"a name of 10,000 letters", named(std::string(10'000, 'x') + ".mp4"), 0, std::string(196, 'x') + ".mp4"},
-      {"gzip unasked", {.file = ServedFile::of(gzipped(movie)), .contentEncoding = "gzip"}, 0, "clip.mp4"},
-      {"a web page as a video", typed("<!DOCTYPE html>"), 4, "is a web page"},
-      {"nothing", typed(""), 4, "is empty"},
-      {"no content", {.status = 204}, 1, "HTTP status 204"},
+      {"a page to log in as a video", page, 4, "the address needs a login"},
+      {"forbidden", {.status = 403}, 1, "`--cookie-file`"},
+      {"gone", {.status = 410}, 1, "Check the address"},
+      {"trouble", {.status = 500}, 75, "try again later"},
+      {"a redirect in a circle", to("/clip.mp4"), 1, "leads in a circle"},
       {"a redirect to a file", to("file:///etc/passwd"), 1, "http or https"},
       {"a redirect with secrets", to("//me:seCret@127.0.0.1:1/?k=seCret"), 75, "nothing answers"},
-      {"again in 31 years", {.status = 429, .fields = "Retry-After: 999999999\r\n"}, 75, "try again later"},
-      {"a length of 8 EiB", states("Content-Length", "9223372036854775807"), 75, "The disk is full"},
-      {"an endless body", says(start + "\r\n", "x"), 1, "takes no file of this size"},
-      {"a head without end", says(start, "X: y\r\n"), 1, "too long"},
+      {"a length of 8 EiB", states("9223372036854775807"), 75, "The disk is full"},
   };
   for (const auto& [name, reply, code, words] : rows) {
     SCOPED_TRACE(name);
@@ -515,9 +417,9 @@ TEST_F(LyingServers, ToTheCommand) {
     server.serve("/clip.mp4", clip, {}, reply);
     const TarnResult result = runTarn(home, {"save", server.url("/clip.mp4"), "--album", "Trips", "--retries", "0"});
     EXPECT_EQ(result.exitCode, code) << result.errors;
-    using Files = std::vector<std::string>;
-    EXPECT_EQ(savedFiles(home), code == 0 ? Files{"Trips/" + words} : Files{});
+    EXPECT_EQ(savedFiles(home), std::vector<std::string>(code == 0 ? 1 : 0, "Trips/" + words));
     EXPECT_THAT(result.errors, HasSubstr(code == 0 ? "" : words));
+    EXPECT_EQ(result.output.empty(), code != 0);
     EXPECT_EQ(result.errors.find("seCret"), std::string::npos) << result.errors;
     EXPECT_EQ(contentOf(home / "log/tarn.log").find("seCret"), std::string::npos);
     EXPECT_EQ(leftIn(home), "");

@@ -3,10 +3,8 @@
 
 #include <cmath>
 #include <future>
-#include <thread>
 
 #include "media/AVAssetWriter.h"
-#include "media/AudioConverter.h"
 #include "media/detail/SegmentedAACEncoder.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/FaultyFileManager.h"
@@ -33,33 +31,23 @@ Samples sound(size_t frames, size_t channels) {
 class AssetWriter : public testing::Test {
  protected:
   /// Why it failed; nothing when the file is complete.
-  static std::optional<Error> finish(AVAssetWriter& writer) {
-    std::promise<void> done;
-    writer.finishWritingWithCompletionHandler([&] { done.set_value(); });
-    done.get_future().wait();
-    EXPECT_EQ(writer.status(), writer.error() ? AVAssetWriterStatus::failed : AVAssetWriterStatus::completed);
-    return writer.error();
-  }
-
-  static std::shared_ptr<AVAssetWriterInput> startedInput(AVAssetWriter& writer, int channels) {
-    auto input = std::make_shared<AVAssetWriterInput>(AACOutputSettings{.channels = channels});
-    EXPECT_TRUE(writer.canAddInput(*input));
-    writer.addInput(input);
-    EXPECT_TRUE(writer.startWriting());
-    writer.startSessionAtSourceTime(CMTime::zero());
-    return input;
-  }
-
   std::optional<Error> write(FileManager& files, std::span<const int16_t> samples, uint32_t channels,
                              unsigned workers = 0) {
     AVAssetWriter writer(files, path_, AVFileType::appleM4A, workers);
-    const auto input = startedInput(writer, static_cast<int>(channels));
+    const auto input = std::make_shared<AVAssetWriterInput>(AACOutputSettings{.channels = static_cast<int>(channels)});
+    writer.addInput(input);
+    EXPECT_TRUE(writer.startWriting());
+    writer.startSessionAtSourceTime(CMTime::zero());
     for (; !samples.empty(); samples = samples.subspan(std::min(samples.size(), size_t{8192} * channels))) {
       input->appendSampleBuffer(
           sampleBuffer(samples.first(std::min(samples.size(), size_t{8192} * channels)), channels));
     }
     input->markAsFinished();
-    return finish(writer);
+    std::promise<void> done;
+    writer.finishWritingWithCompletionHandler([&] { done.set_value(); });
+    done.get_future().wait();
+    EXPECT_EQ(writer.status(), writer.error() ? AVAssetWriterStatus::failed : AVAssetWriterStatus::completed);
+    return writer.error();
   }
 
   TempDirectory directory_;
@@ -138,64 +126,6 @@ TEST_F(AssetWriter, LeavesNoFileBehindWhateverFails) {
     EXPECT_FALSE(files_.fileExists(path_)) << "call " << call;
   }
   EXPECT_GT(call, 6u);
-  files_.removeItem(path_);  // of the run without a failure
-
-  AVAssetWriter mistaken(files_, path_, AVFileType::appleM4A);
-  for (const AACOutputSettings& odd :
-       {AACOutputSettings{.sampleRate = 47999}, {.sampleRate = 32000}, {.channels = 3}}) {
-    EXPECT_FALSE(mistaken.canAddInput(AVAssetWriterInput(odd)));
-  }
-  const auto mono = startedInput(mistaken, 1);
-  EXPECT_FALSE(mono->appendSampleBuffer(sampleBuffer(sent, 2)));
-  EXPECT_TRUE(mono->isReadyForMoreMediaData());
-  EXPECT_TRUE(finish(mistaken));
-}
-
-TEST_F(AssetWriter, TellsOfAFailureWhileItWrites) {
-  const CMSampleBuffer sent = sampleBuffer(sound(46 * 48000, 1), 1);
-  FaultyFileManager faulty(files_);
-  faulty.arm({.call = 3, .errnum = ENOSPC, .among = {FileOperation::write}});
-  AVAssetWriter writer(faulty, path_, AVFileType::appleM4A, 2);
-  const auto input = startedInput(writer, 1);
-  int appended = 0;
-  while (input->appendSampleBuffer(sent)) ++appended;
-  EXPECT_LE(appended, 6) << "the second segment was not written, and few were on their way";
-  EXPECT_TRUE(input->isReadyForMoreMediaData());
-  EXPECT_EQ(writer.status(), AVAssetWriterStatus::failed);
-  EXPECT_EQ(writer.error().value().code(), ENOSPC);
-  EXPECT_EQ(finish(writer).value().code(), ENOSPC);
-  writer.cancelWriting();
-  EXPECT_EQ(writer.status(), AVAssetWriterStatus::failed);
-  EXPECT_FALSE(files_.fileExists(path_));
-}
-
-TEST_F(AssetWriter, IsCancelledWhileItsLastBytesAreOnTheirWayToTheDisk) {
-  const Samples sent = sound(5000, 1);
-  std::promise<void> isFlushing, mayGoOn;
-  const auto wait = [&] {
-    isFlushing.set_value();
-    mayGoOn.get_future().wait();
-  };
-  FaultyFileManager disk(files_);
-  disk.arm({.errnum = 0, .among = {FileOperation::flush}, .strike = wait});
-  AVAssetWriter finishing(disk, path_, AVFileType::appleM4A);
-  EXPECT_TRUE(startedInput(finishing, 1)->appendSampleBuffer(sampleBuffer(sent, 1)));
-  finishing.finishWritingWithCompletionHandler([] {});
-  isFlushing.get_future().wait();
-  std::thread canceller([&] { finishing.cancelWriting(); });
-  while (finishing.status() != AVAssetWriterStatus::cancelled) std::this_thread::yield();
-  mayGoOn.set_value();
-  canceller.join();
-  EXPECT_EQ(finishing.status(), AVAssetWriterStatus::cancelled);
-  EXPECT_FALSE(files_.fileExists(path_));
-}
-
-TEST_F(AssetWriter, AConverterRefusesRatesThatItsFormatHasNot) {
-  for (const double rate : {47999.0, -1e300}) {
-    const AudioStreamBasicDescription aac{
-        .mSampleRate = rate, .mFormatID = kAudioFormatMPEG4AAC, .mFramesPerPacket = 1024, .mChannelsPerFrame = 2};
-    EXPECT_NE(AudioConverter::create(interleavedPCM16(rate, 2), aac).status, noErr);
-  }
 }
 
 }  // namespace

@@ -5,9 +5,6 @@
 #include <set>
 
 #include "media/PCMDecoding.h"
-#include "platform/Error.h"
-#include "support/BoxBuilder.h"
-#include "support/BoxEditor.h"
 #include "support/Clip.h"
 #include "support/FailureOf.h"
 #include "support/PCM.h"
@@ -142,38 +139,6 @@ TEST(PCMDecoding, DriftAndJitterAreFollowedWithoutAStep) {
   }
 }
 
-TEST(PCMDecoding, EditsAreExact) {
-  Clip clip;
-  for (bool hasSBR : {false, true}) {
-    SCOPED_TRACE(hasSBR);
-    Path source =
-        madeByFFmpeg(words(noise + "stereo -c:a aac -aac_pns 0 -use_editlist 0" + (hasSBR ? " -ar 24000" : "")));
-    if (hasSBR) source = announcingSBR(source);
-    const Bytes plain = Clip(source).bytes();
-    const Samples whole = decode(Clip(plain)).samples;
-    const auto edit = [&](const std::vector<std::pair<uint32_t, uint32_t>>& edits) {
-      BoxEditor editor(plain);
-      Bytes list = values({0, static_cast<uint32_t>(edits.size())});
-      for (auto [milliseconds, start] : edits) {
-        list = joined({list, values({milliseconds, start == UINT32_MAX || !hasSBR ? start : start / 2, 0x10000})});
-      }
-      editor.insert("moov/trak", editor.at("moov/trak").end(), box("edts", {box("elst", {list})}));
-      clip.write(editor.bytes);
-    };
-    // One that begins and ends within packets; behind an empty one, two that jump ahead and back.
-    edit({{1300, 24100}});
-    EXPECT_EQ(decode(clip).samples, part(whole, 24100, 24100 + 62400));
-    edit({{250, UINT32_MAX}, {1000, 100002}, {500, 20480}});
-    Samples expected = part(whole, 100002, 148002);
-    expected.insert(expected.end(), whole.begin() + 2 * 20480, whole.begin() + 2 * 44480);
-    for (bool keepsTimeline : {true, false}) {
-      const Decoded ours = decode(clip, {.keepsTimeline = keepsTimeline});
-      EXPECT_EQ(ours.buffers.front().first, 12000);
-      EXPECT_EQ(ours.samples, expected);
-    }
-  }
-}
-
 TEST(PCMDecoding, FollowsAFormatThatChanges) {
   const Clip mono(madeByFFmpeg(words(noise + "mono -c:a aac -ar 44100")));
   const Clip stereo(madeByFFmpeg(words(noise + "stereo -c:a flac -strict -2")));
@@ -241,20 +206,6 @@ TEST(PCMDecoding, AGapOfAnHourTakesNoMemory) {
   }
   EXPECT_EQ(frames, 4 * 48000 + 172800000);
   EXPECT_LT(blocks.size(), 80u) << "pieces of silence share their memory";
-}
-
-TEST(PCMDecoding, TakesOnlyWhatItCanDecode) {
-  const auto stereo = interleavedPCM16(48000, 2);
-  AVAssetTrack track;
-  const auto makes = [&](std::optional<CMFormatDescription> format, const PCMOutputSettings& settings = {}) {
-    track.formatDescriptions.clear();
-    if (format) track.formatDescriptions = {std::make_shared<CMFormatDescription>(*format)};
-    return failureOf([&] { makePCMSource(nullptr, track, settings); }).empty();
-  };
-  const CMFormatDescription video{"mp4a", stereo, {0x11, 0x90}, 0x20}, aac{"mp4a", stereo, {}, 0x40};
-  EXPECT_FALSE(makes({}) || makes(video) || makes({{"drmI", stereo, {}}}) || makes({{"alac", stereo, {0}}}));
-  EXPECT_TRUE(makes(aac));
-  EXPECT_FALSE(makes(aac, {.sampleRate = 0}) || makes(aac, {.channels = 0}) || makes(aac, {.channels = 3}));
 }
 
 }  // namespace

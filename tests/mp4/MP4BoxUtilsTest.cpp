@@ -10,15 +10,6 @@ using namespace test;
 
 class BoxSearch : public FileTest {};
 
-TEST_F(BoxSearch, SearchLimitBoundsWhereABoxMayBegin) {
-  auto file = open(joined({box("free", {Bytes(92)}), box("free", {Bytes(92)}), box("moov")}));
-  for (auto [start, limit, isFound] :
-       {std::tuple(100, uint64_t{100}, false), {100, 101, true}, {200, UINT64_MAX, true}}) {
-    file->seek(static_cast<uint64_t>(start));
-    EXPECT_EQ(MP4BoxUtils::findBox(*file, "moov", limit).has_value(), isFound);
-  }
-}
-
 TEST_F(BoxSearch, ReadsOnlyTheHeadersOfAWholeFile) {
   // Half a terabyte of media, which take no room on the disk.
   const uint64_t far = uint64_t{1} << 39;
@@ -48,19 +39,6 @@ TEST_F(BoxSearch, PassesOverTracksWithoutAHandler) {
   file->seek(3);
   EXPECT_EQ(MP4BoxUtils::getHandlerType(*file, video), "vide");
   EXPECT_EQ(file->offset(), 3u);
-}
-
-TEST(TrakInBuffer, MatchesTheHandlerOfTheNextMedia) {
-  Bytes sound = trackBox("soun", {}), video = trackBox("vide", {});
-  Bytes moov = box("moov", {box("mvhd", {Bytes(20)}), box("trak", {box("tkhd")}), sound, video});
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(moov, MP4TrackType::audio), 8u + 28 + 16);
-  EXPECT_EQ(MP4BoxUtils::findTrakOffset(moov, MP4TrackType::video), 8u + 28 + 16 + sound.size());
-  // No video, a handler cut in its type, a handler type that is no text, a header that is too long.
-  for (const Bytes& without : {Bytes(moov.begin(), moov.end() - static_cast<ptrdiff_t>(video.size())),
-                               box("moov", {box("trak", {box("mdia", {boxClaiming(33, "hdlr", {Bytes(11)})})})}),
-                               box("moov", {trackBox("\xFFide", {})}), longBox("moov", {video})}) {
-    EXPECT_EQ(MP4BoxUtils::findTrakOffset(without, MP4TrackType::video), std::nullopt);
-  }
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "parameters/NALUnitParser.h"
 #include "parameters/ParameterScan.h"
 #include "parameters/detail/ParameterSetWalk.h"
-#include "support/BoxBuilder.h"
 #include "support/FaultyFileManager.h"
 #include "support/FileTest.h"
 #include "support/ParameterSetBuilder.h"
@@ -72,31 +71,7 @@ TEST_F(NALUnits, VoteOnTheLengthSize) {
   EXPECT_EQ(ParameterScan(VideoCodec::hevc, ParameterScan::Purpose::plan, samples_).detectNALLengthSize(file), 2);
 }
 
-TEST_F(NALUnits, HEVCSetsAreCollectedOnceAndReusedIdentifiersNoticed) {
-  const Bytes sameID = HEVCSPS{.marker = 7}.bytes();
-  const Bytes smaller = HEVCSPS{.id = 1, .width = 1280, .height = 720}.bytes();
-  const Bytes broken = HEVCSPS{.id = 2, .width = 0}.bytes();
-  // The units of a second sync sample, behind one of VPS, SPS and PPS; then how many sets and sizes there are.
-  const std::pair<std::vector<Bytes>, const char*> cases[] = {
-      {{vps, sps, pps, slice}, "1 1 1 sizes 1"},          {{sameID, sps, slice}, "1 2 1 sizes 2 reused"},
-      {{smaller, slice}, "1 2 1 sizes 2 resized"},        {{broken, slice}, "1 2 1 sizes 1"},
-      {{hevcVPS(0, 2)}, "2 1 1 sizes 1 reused"},          {{hevcPPS(0, 2)}, "1 1 2 sizes 1 reused"},
-      {{hevcVPS(1, 2), hevcPPS(70, 2)}, "2 1 2 sizes 1"}, {{sei, hevcPPS(1, 1)}, "1 1 2 sizes 1"},
-      {{slice, hevcPPS(1, 1)}, "1 1 1 sizes 1"},
-  };
-  for (const auto& [units, expected] : cases) {
-    for (int lengthSize : {1, 2, 4}) {
-      auto sets = scan({sampleOf({vps, sps, pps, sei, slice}, lengthSize), sampleOf(units, lengthSize)}, lengthSize);
-      EXPECT_EQ(fmt::format("{} {} {} sizes {}{}{}", sets.vpsArray.size(), sets.spsArray.size(), sets.ppsArray.size(),
-                            sets.spsResolutions.size(), sets.requiresMultipleSampleEntries ? " reused" : "",
-                            sets.hasResolutionChanges ? " resized" : ""),
-                expected);
-      EXPECT_EQ(sets.spsRbspArray.size(), sets.spsArray.size());
-    }
-  }
-}
-
-TEST_F(NALUnits, AVCSetsAreFoundBehindSlicesAsFarAsTheSearchGoes) {
+TEST_F(NALUnits, AVCSetsAreFoundAfterSlicesAsFarAsTheSearchGoes) {
   const Bytes otherSPS = AVCSPS{.cropBottom = 4}.bytes();
   Bytes bigSlice(ParameterSetWalk::searchLimit - 4 - 4, 0x65);
   Bytes edgePPS = {0x68, 1};
@@ -138,37 +113,6 @@ TEST_F(NALUnits, DamageEndsASampleAndNothingElse) {
   addSample(UINT64_MAX - 1, 100);
   EXPECT_EQ(NALUnitParser::scanSamplesForParameterSets(file, samples_, 4).ppsArray, std::vector<Bytes>{longest});
   EXPECT_EQ(scan({good}, 3).ppsArray.size(), 0u);
-}
-
-TEST_F(NALUnits, OneScanTellsOnWhichSideOfTheFirstSliceASetStands) {
-  using Side = ParameterScan::Side;
-  const Bytes otherPPS = {0x68, 0xCF}, first = sampleOf({avcSPS, avcPPS, avcSlice, otherPPS});
-  auto& file = lay({first, sampleOf({avcSlice, otherPPS}), first});
-  const ParameterSets none;
-  const auto describe = [&](const ParameterScan& scan, Side side) {
-    std::string text;
-    for (size_t sample : {0u, 1u}) {
-      const ParameterSets sets = scan.carriedBy(sample, side);
-      text += fmt::format("{}/{} ", sets.spsArray.size(), sets.ppsArray.size());
-    }
-    for (const auto& segment :
-         scan.segments(3, side, [&](const SampleInfo&) -> const ParameterSets& { return none; })) {
-      text += fmt::format("{}-{}:{} ", segment.startSampleIndex, segment.endSampleIndex, segment.sets.ppsArray.size());
-    }
-    return text;
-  };
-  ParameterScan all(VideoCodec::avc, ParameterScan::Purpose::extraction, samples_);
-  all.read(file, 4);
-  EXPECT_EQ(all.sets().ppsArray, (std::vector<Bytes>{avcPPS, otherPPS}));
-  EXPECT_EQ(describe(all, Side::aheadOfSlices), "1/1 0/0 0-2:1 ");
-  EXPECT_EQ(describe(all, Side::both), "1/2 0/1 0-2:2 ");
-  EXPECT_TRUE(all.carryTheSame(0, 2) && !all.carryTheSame(0, 1));
-
-  ParameterScan plan(VideoCodec::avc, ParameterScan::Purpose::plan, samples_);
-  plan.read(file, 4);
-  EXPECT_EQ(describe(plan, Side::both), "1/1 0/0 0-2:1 ");
-  plan.readBehindSlices(file);
-  EXPECT_EQ(describe(plan, Side::both), "1/2 0/1 0-2:2 ");
 }
 
 TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {

@@ -124,9 +124,10 @@ TEST_F(PictureReaderTest, BytesThatAreNoUnitAreNotTakenForOne) {
 
 /// An AVC PPS, and the front of a slice under it and AVCSPS: of an IDR picture, or of a reference that P slices make
 /// up.
-Bytes avcPPS(uint32_t sliceGroupsMinus1 = 0) {
+Bytes avcPPS(uint32_t sliceGroupsMinus1 = 0, uint32_t references = 1, bool weighsP = false) {
   BitBuilder pps;
-  pps.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(sliceGroupsMinus1).ue(0).ue(0).bits(0, 3).se(0).se(0).se(0);
+  pps.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(sliceGroupsMinus1).ue(references - 1).ue(0);
+  pps.bits(weighsP, 1).bits(0, 2).se(0).se(0).se(0);
   return pps.bits(0b100, 3).bits(1, 1).bytes();  // the deblocking is told
 }
 
@@ -134,6 +135,7 @@ struct AVCSlice {
   bool isIDR = false;
   uint32_t lsb = 0;
   uint32_t reorderings = 0, reordering = 0;
+  int weights = 0;  ///< none of which is told
   std::vector<uint32_t> markings = {};
   int32_t quantizer = 0;
   uint32_t deblocking = 0;
@@ -148,6 +150,7 @@ struct AVCSlice {
     if (!isIDR) slice.bits(0, 1).bits(reorderings > 0, 1);
     for (uint32_t i = 0; i < reorderings; ++i) slice.ue(reordering).ue(0);
     if (reorderings > 0 && listsEnd) slice.ue(3);
+    if (weights > 0) slice.ue(0).ue(0).bits(0, 2 * weights);
     isIDR ? slice.bits(0, 2) : slice.bits(!markings.empty(), 1);
     for (const uint32_t marking : markings) marking == 5 ? slice.ue(5) : slice.ue(marking).ue(0);
     if (!markings.empty() && listsEnd) slice.ue(0);
@@ -174,7 +177,7 @@ TEST_F(PictureReaderTest, ASliceIsOneWhereItsHeaderSaysWhatTheStandardAllows) {
       {{.quantizer = 88}, false},
       {{.reorderings = 64}, true},
       {{.reorderings = 65, .listsEnd = false}, false},
-      {{.reorderings = 1, .reordering = 4}, false},
+      {{.reorderings = 1, .reordering = 4, .markings = {0}, .listsEnd = false}, false},
       {{.markings = std::vector<uint32_t>(64, 1)}, true},
       {{.markings = std::vector<uint32_t>(65, 1), .listsEnd = false}, false},
       {{.markings = {7}}, false},
@@ -191,9 +194,35 @@ TEST_F(PictureReaderTest, ASliceIsOneWhereItsHeaderSaysWhatTheStandardAllows) {
   EXPECT_EQ(orderOf({.lsb = 40, .markings = {5}}), (PictureOrder{2, 0}));
   EXPECT_EQ(orderOf({.lsb = 4}), (PictureOrder{2, 4}));
 
+  sets.ppsArray = {avcPPS(0, 2, true)};
+  EXPECT_TRUE(PictureReader::make(VideoCodec::avc, sets)->read(AVCSlice{.weights = 2}.bytes()));
   sets.ppsArray = {avcPPS(1)};
   EXPECT_EQ(failureOf([&] { PictureReader::make(VideoCodec::avc, sets); }),
             "The pictures are divided into slice groups, which are not read");
+}
+
+TEST_F(PictureReaderTest, HEVCSetsAreReadUpToTheLargestThatTheStandardAllows) {
+  ParameterSets sets;
+  sets.ppsArray = {BitBuilder().bits(0x4401, 16).ue(0).ue(0).bits(0, 5).bits(1, 1).bits(0x55, 8).bytes()};
+  const auto readerOf = [&](uint32_t width, uint32_t height, uint32_t orderBits, uint32_t log2OfBlock) {
+    BitBuilder sps;
+    sps.bits(0x4201, 16).bits(1, 8).bits(0, 64).bits(0, 32).ue(0).ue(1).ue(width).ue(height).bits(0, 1).ue(0).ue(0);
+    sps.ue(orderBits - 4).bits(1, 1).ue(0).ue(0).ue(0).ue(0).ue(log2OfBlock - 3).bits(0x55, 8);
+    sets.spsArray = {sps.bytes()};
+    return PictureReader::make(VideoCodec::hevc, sets);
+  };
+  const struct {
+    uint32_t width, height, orderBits, log2OfBlock;
+    bool isRead;
+  } cases[] = {{16384, 16384, 4, 6, true}, {16385, 64, 4, 6, false}, {64, 16385, 4, 6, false}, {0, 64, 4, 6, false},
+               {64, 0, 4, 6, false},       {64, 64, 16, 3, true},    {64, 64, 17, 3, false},   {64, 64, 4, 7, false}};
+  for (const auto& c : cases) {
+    const std::string failure = failureOf([&] { readerOf(c.width, c.height, c.orderBits, c.log2OfBlock); });
+    EXPECT_EQ(failure, c.isRead ? "" : "A sequence parameter set cannot be read") << "case " << &c - cases;
+  }
+  // The PPS announces no further bits of a slice; the flag behind their number does not count.
+  const Bytes slice = BitBuilder().bits(0x0201, 16).bits(1, 1).ue(0).ue(2).bits(5, 4).bits(1, 1).bits(0x55, 8).bytes();
+  EXPECT_EQ(readerOf(64, 64, 4, 6)->read(slice).value().orderLSB, 5u);
 }
 
 TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {

@@ -42,7 +42,7 @@ const std::string document =
     R"([1800000000,{"downloadId":1800000000,"filename":"clip.mp4","album":"Trips",)"
     R"("fileURL":"file:///home/a%20b/%C3%A9.mp4","stage":"syncFixing","tempFiles":["file:///tmp/x.m4a"],)"
     R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false,"askedFlags":[true,true,false],)"
-    R"("videoFirstPTS":0.5,"lostEnd":"2 s","wrong":["a gap","a tag"],"done":["filled it"]}])";
+    R"("videoFirstPTS":0.5,"lostEnd":"2 s","missing":"1 s","wrong":["a gap","a tag"],"done":["filled it"]}])";
 
 TEST_F(ProcessingStateTest, WhatWasReadIsStoredAsItWas) {
   defaults_.setData(key, bytesOf(document));

@@ -1,11 +1,9 @@
 #include <gmock/gmock.h>
 
-#include "mp4/DataExtensions.h"
 #include "presentation/Presentation.h"
 #include "support/BoxBuilder.h"
 #include "support/BoxEditor.h"
 #include "support/FileTest.h"
-#include "support/MediaMaker.h"
 #include "support/SyntheticMovie.h"
 
 namespace tarn::test {
@@ -59,21 +57,21 @@ TEST_F(PresentationTest, ShowsWhatTheEditListShows) {
   const ListCase cases[] = {
       {"no list: media time is movie time", pictures(), {}, 10, 0, 80ms, 480ms},
       {"from the first picture on", pictures(), {{400, 80}}, 10, 0, 0ms, 400ms},
-      {"the last picture is cut off, and half of the one ahead", pictures(), {{340, 80}}, 9, 1, 0ms, 340ms},
+      {"the last picture is cut off, and half of the one before", pictures(), {{340, 80}}, 9, 1, 0ms, 340ms},
       {"the first two are hidden, the list begins inside one", pictures(), {{300, 180}}, 8, 1, 0ms, 300ms},
       {"a tick of a picture is not seen", pictures(), {{361, 80}}, 9, 0, 0ms, 360ms},
       {"late", pictures(), {{300, -1}, {400, 80}}, 10, 0, 300ms, 700ms},
       {"a pause, then once more from the start", pictures(), {{80, 80}, {500, -1}, {400, 80}}, 10, 0, 0ms, 980ms},
       {"no duration: to the end of the media", pictures(), {{300, -1}, {0, 160}}, 8, 0, 300ms, 620ms},
-      {"composed ahead of 0 without a list", early, {}, 10, 0, -40ms, 360ms},
-      {"composed ahead of 0, the list begins at 0", early, {{400, 0}}, 9, 0, 0ms, 360ms},
+      {"composed before 0 without a list", early, {}, 10, 0, -40ms, 360ms},
+      {"composed before 0, the list begins at 0", early, {{400, 0}}, 9, 0, 0ms, 360ms},
       {"of two pictures of one time the last counts", doubled, {}, 9, 0, 80ms, 480ms},
       {"sound: each part of a packet is heard", packets(), {{61, 500}}, 4, 2, 0ms, 61ms},
       {"sound: a gap lasts, a packet of no length is not heard", gap, {{1000, 3000}}, 6, 0, 0ms, 320ms},
       {"nothing but emptiness", packets(), {{500, -1}}, 10, 0, 0ms, 200ms, EditListDamage::showsNothing},
       {"a last edit that lasts no time", packets(), {{0, 10000}}, 10, 0, 0ms, 200ms, EditListDamage::liesBehindMedia},
-      {"behind the media", pictures(), {{40, 480}, {400, 520}}, 10, 0, 80ms, 480ms, EditListDamage::liesBehindMedia},
-      {"one entry behind the media", pictures(), {{400, 80}, {400, INT64_MAX}}, 10, 0, 0ms, 400ms},
+      {"after the media", pictures(), {{40, 480}, {400, 520}}, 10, 0, 80ms, 480ms, EditListDamage::liesBehindMedia},
+      {"one entry after the media", pictures(), {{400, 80}, {400, INT64_MAX}}, 10, 0, 0ms, 400ms},
       {"-2", packets(), {{500, -2}}, 10, 0, 0ms, 200ms, EditListDamage::mediaTimeBelowMinusOne},
   };
   for (const ListCase& c : cases) {
@@ -110,7 +108,7 @@ TEST_F(PresentationTest, AnEditHoldsOrRunsAtItsOwnRate) {
     EXPECT_EQ(shown.samplesShown, c.shown);
     EXPECT_EQ(shown.shownTo, c.to);
   }
-  // A still of a moment ahead of the first picture shows none, nor does one behind the last.
+  // A still of a moment before the first picture shows none, nor does one after the last.
   for (const auto& [from, to] : {std::pair(79, 400ms), {80, 500ms}, {479, 500ms}, {480, 400ms}}) {
     SyntheticTrack track = pictures();
     track.edits = {{400, 80}, {100, from}};

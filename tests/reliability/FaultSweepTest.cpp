@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <utility>
 
+#include "mp4/DataExtensions.h"
 #include "reliability/WholeRun.h"
+#include "support/Clip.h"
+#include "support/DamagedMovies.h"
 #include "support/LogCapture.h"
 #include "support/MediaMaker.h"
 #include "support/ProbedMovie.h"
@@ -21,8 +23,8 @@ enum class Result {
 struct Recording {
   const char* name;
   const char* arguments;
-  const char* hiddenBox = nullptr;  ///< its type is made "free" in the recording
-  uint64_t readStride = 1;          ///< between the readings that fail: 1 if a run takes next to no time
+  bool lacksSets = false;
+  uint64_t readStride = 1;  ///< between the readings that fail: 1 if a run takes next to no time
 };
 
 void PrintTo(const Recording& recording, std::ostream* out) {
@@ -34,19 +36,22 @@ constexpr const char* options = " -pix_fmt yuv420p -preset ultrafast";
 
 const Recording recordings[] = {
     {"Tag", "-c:v libx264 -tag:v avc3"},
-    {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1", "hvcC"},
-    {"Transcode", "-f lavfi -i sine=duration=0.1:sample_rate=48000 -c:v libx264 -c:a ac3", nullptr, 4},
+    {"Remux", "-c:v libx265 -x265-params repeat-headers=1:log-level=none -tag:v hev1", true},
+    {"Transcode", "-f lavfi -i sine=duration=0.1:sample_rate=48000 -c:v libx264 -c:a ac3", false, 4},
 };
 
 Bytes made(const Recording& recording) {
-  Bytes bytes = contentsOf(madeByFFmpeg(words(std::string(input) + recording.arguments + options)));
-  if (recording.hiddenBox) {
-    const ByteView hidden = bytesOf(recording.hiddenBox);
-    const auto type = std::search(bytes.begin(), bytes.end(), hidden.begin(), hidden.end());
-    EXPECT_NE(type, bytes.end());
-    if (type != bytes.end()) std::ranges::copy(bytesOf("free"), type);
-  }
-  return bytes;
+  const Bytes bytes = contentsOf(madeByFFmpeg(words(std::string(input) + recording.arguments + options)));
+  return recording.lacksSets ? withoutParameterSets(bytes, true) : bytes;
+}
+
+/// The bytes of all samples of a movie's first video track, in order.
+Bytes videoSamples(const Bytes& movie) {
+  const Clip clip(movie);
+  const auto source = clip.samples(AVMediaType::video);
+  Bytes samples;
+  while (const auto sample = source->next()) ByteWriter(samples).bytes(source->data(sample->sampleIndex));
+  return samples;
 }
 
 class FaultSweep : public testing::TestWithParam<Recording> {

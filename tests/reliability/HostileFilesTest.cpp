@@ -150,39 +150,35 @@ class HostileFiles : public FileTest {
     const auto inspection = start({"inspect", file_}, place.path());
     const auto repair = start({"repair", file_, "-o", out}, place.path());
     const int inspected = inspection->wait(), repaired = repair->wait();
-    const std::string words = inspection->output() + inspection->errors() + repair->output() + repair->errors();
-    EXPECT_THAT(words, testing::HasSubstr(said.words));
+    const std::string told = inspection->output() + inspection->errors() + repair->output() + repair->errors();
+    EXPECT_THAT(told, testing::HasSubstr(said.words));
     EXPECT_EQ(inspected, said.inspected);
     EXPECT_EQ(repaired, said.repaired);
 
     EXPECT_EQ(files_.attributes(file_), facts);
     const bool isKept = repaired == 0 || repaired == 5;
     EXPECT_EQ(files_.contentsOfDirectory(directory_.path()).size(), isKept ? 2U : 1U) << "and nothing beside them";
-    if (isKept && runProcess({"cmp", "-s", file_, out}).exitCode != 0) {
-      EXPECT_EQ(inspected, 3);
-      EXPECT_THAT(packets(out), testing::HasSubstr(",50\n")) << "as many pictures as each of the movies has";
-    } else {
-      EXPECT_NE(inspected, 3);
+    const bool isChanged = isKept && runProcess({"cmp", "-s", file_, out}).exitCode != 0;
+    EXPECT_EQ(inspected == 3, isChanged);
+    if (isChanged) {
+      EXPECT_THAT(runProcess({"timeout", "60", "ffprobe", "-v", "quiet", "-count_packets", "-show_entries",
+                              "stream=codec_name,nb_read_packets", "-of", "csv=p=0", out})
+                      .output,
+                  testing::HasSubstr(",50\n"))
+          << "as many pictures as each of the movies has";
     }
     std::filesystem::remove(out);
   }
 
   /// `tarn` with as much memory as the file's size explains. It is killed if it takes a minute.
   std::unique_ptr<ChildProgram> start(const std::vector<std::string>& arguments, const Path& place) {
-    std::vector<std::string> command = tarnCommand(directory_ / "home", arguments);
+    std::vector<std::string> command{"/usr/bin/timeout", "-s", "KILL", "60"};
 #ifndef TARN_SANITIZED
-    const std::string limit = fmt::format("--data={}", (128 << 20) + files_.attributes(file_)->size * 5 / 2);
-    command.insert(command.begin(), {"/usr/bin/prlimit", limit});
+    const auto memory = (128 << 20) + files_.attributes(file_)->size * 5 / 2;
+    command.insert(command.end(), {"/usr/bin/prlimit", fmt::format("--data={}", memory)});
 #endif
-    command.insert(command.begin(), {"/usr/bin/timeout", "-s", "KILL", "60"});
+    for (const std::string& word : tarnCommand(directory_ / "home", arguments)) command.push_back(word);
     return std::make_unique<ChildProgram>(command, place);
-  }
-
-  /// Codec and number of packets of each stream, as ffprobe counts them.
-  static std::string packets(const Path& movie) {
-    return runProcess({"timeout", "60", "ffprobe", "-v", "quiet", "-count_packets", "-show_entries",
-                       "stream=codec_name,nb_read_packets", "-of", "csv=p=0", movie})
-        .output;
   }
 };
 
@@ -200,7 +196,7 @@ TEST_F(HostileFiles, SizesThatLie) {
        {{"MdatOf0InTheMiddle", size("mdat", 0)},
         {"MoovThatWraps", longSize("moov", UINT64_MAX - 3)},
         {"MoovSmallerThanItsHeader", longSize("moov", 9)}});
-  take(plain, noEnd, {{"MdatBeyondTheFile", longSize("mdat", uint64_t{1} << 62)}, {"MdatOf8", longSize("mdat", 8)}});
+  take(plain, noEnd, {{"MdatBeyondTheFile", longSize("mdat", uint64_t{1} << 62)}});
   take(plain, healthy,
        {{"MoovOf0InTheMiddle", all({size("moov", 0), atEnd(box("free", {Bytes(90)}))})},
         {"StblOverItsParents", size(sampleTable, 0x7FFFFFFF)}});
@@ -209,7 +205,6 @@ TEST_F(HostileFiles, SizesThatLie) {
   take(plain, onlyStart, {{"FtypOf64MiB", size("ftyp", 1 << 26), 1 << 26}});
   take(plain, {"that its index (moov) promises"},
        {{"MoovOf4GiB", size("moov", most)}, {"MoovOf64MiB", size("moov", (1 << 26) + 1), 1 << 26}});
-  take(plain, {"that its \"udta\" box promises"}, {{"UdtaOf64MiB", atEnd(boxClaiming(1 << 26, "udta")), 1 << 26}});
 }
 
 TEST_F(HostileFiles, NestingAndSelfReference) {
@@ -219,11 +214,10 @@ TEST_F(HostileFiles, NestingAndSelfReference) {
        {{"TraksInTraks", into("moov", nested("trak", 100'000))}, {"Traks", into("moov", times(70'000, box("trak")))}});
   take(plain, healthy,
        {{"MetaInMeta", told(nested("meta", 100'000, Bytes(4)))},
-        {"IlstInIlst", told(box("meta", {Bytes(4), nested("ilst", 100'000)}))},
         {"MoovInMoov", into("moov", moov)},
         {"ManyTracks", into("moov", times(500, video))},
         {"AllSamplesAtOnePlace", put(stco, table("stco", 50, values({48})))}});
-  take(plain, noSample, {{"MoovsInMoovs", ahead(nested("moov", 100'000))}, {"EmptyMoovAhead", ahead(box("moov"))}});
+  take(plain, noSample, {{"MoovsInMoovs", ahead(nested("moov", 100'000))}});
   take(pieces, joins, {{"MoofsInMoofs", atEnd(nested("moof", 100'000))}});
   take(plain, noSets, {{"EntriesInEntries", put(stsd, sampleDescriptionBox({nested("avc1", 20'000, Bytes(78))}))}});
   take(plain, {"the file has several indexes (moov)"}, {{"TwoMoovs", atEnd(moov)}});
@@ -233,7 +227,6 @@ TEST_F(HostileFiles, NestingAndSelfReference) {
         {"ChunksBehindTheFile", put(stco, table("co64", 50, values({0x7FFFFFFF, most})))}});
   take(plain, {"more bytes than the file holds"},
        {{"OverlappingSamples", put(stsz, fullBox("stsz", {4000, 50}))},
-        {"SamplesOfOneByte", put(stsz, fullBox("stsz", {1, most}))},
         {"SamplesOf4GiB", put(stsz, fullBox("stsz", {most, most}))}});
 }
 
@@ -250,17 +243,13 @@ TEST_F(HostileFiles, BombsInTheTables) {
        {{"SamplesOfNoBytes", put(stsz, fullBox("stsz", {0, 0}))},
         {"AMillionOfThem", all({put(stsz, box("stsz", {values({0, 0, 1'000'000}), Bytes(4'000'000)})),
                                 put(stsc, fullBox("stsc", {1, 1, 1'000'000, 1}))})},
-        {"SttsOf4GiSamples", put(stts, fullBox("stts", {1, most, most}))},
         {"SttsOfYears", put(stts, fullBox("stts", {1, 50, most}))},
         {"SttsOfNoTime", put(stts, fullBox("stts", {1, 50, 0}))},
         {"CttsOfExtremes", put(ctts, table("ctts", 25, values({1, 0x80000000})))},
         {"CttsRowsOfNothing", put(ctts, table("ctts", 500'000, values({0, 1})))},
         {"StscOf4Gi", put(stsc, fullBox("stsc", {1, 1, most, 1}))},
-        {"StscOfNothing", put(stsc, fullBox("stsc", {1, 1, 0, 1}))},
         {"AMillionSyncSamples", put(stss, table("stss", 1'000'000, values({1})))},
         {"EditsThatShowAll", put(elst, shown(50'000, 2000))},
-        {"EditsOfAllTheSound", put(ofSound(elst), shown(50'000, 2000))},
-        {"SbgpOf4Gi", into(sampleTable, box("sbgp", {bytesFrom("00000000 'roll' 00000001 FFFFFFFF 00000001")}))},
         {"SbgpRowsOfNothing",
          into(sampleTable, box("sbgp", {bytesFrom("00000000 'roll' 0007A120"), times(500'000, values({0, 1}))}))},
         {"SgpdOf4Gi", into(sampleTable, box("sgpd", {bytesFrom("01000000 'roll' 00000000 FFFFFFFF")}))},
@@ -281,7 +270,6 @@ TEST_F(HostileFiles, BombsInTheTables) {
   take(plain, {"stss names sample 0"}, {{"StssOutOfOrder", put(stss, fullBox("stss", {5, 40, 1, 0, most, 40}))}});
   take(plain, showsNothing,
        {{"ManyEdits", put(elst, shown(250'000, 1))},
-        {"EditsThatHold", put(elst, shown(50'000, most, 0))},
         {"EditsBackwards", put(elst, shown(100, 2000, 0x80000000))},
         {"TicksOf4Gi", set("moov/mvhd", 20, values({most, most}))}});
   take(plain, {"the edit list of the video begins at an impossible time", 3},
@@ -300,7 +288,6 @@ TEST_F(HostileFiles, SoundThatIsConverted) {
         {"Edits", put(ofSound(elst), shown(50'000, 2000))},
         {"ALateStart", put(ofSound(elst), table("elst", 2, values({0x7FFFFFFF, most, 0x10000, 2000, 0, 0x10000})))},
         {"NoRateAndManyChannels", set(stsd + "/ac-3", 24, values({most, 0, 0}))},
-        {"OverlappingSamples", put(ofSound(stsz), fullBox("stsz", {3000, 60}))},
         {"AsPCM", rename(stsd + "/ac-3", "sowt")}});
   take(foreign, {"its codec \"alac\" cannot be decoded"}, {{"AsALAC", rename(stsd + "/ac-3", "alac")}});
 }
@@ -329,9 +316,7 @@ TEST_F(HostileFiles, ConfigurationsAndBitstreams) {
         {"AvcCOfEmptySets", put(avcC, box("avcC", {bytesFrom("01 64000A FF FF"), Bytes(62), {255}, Bytes(510)}))},
         {"PictureOf4Gi", put(avcC, box("avcC", {bytesFrom("01 64000A FF E1"), huge, bytesFrom("01 0004 68CE3C80")}))}});
   take(hevc, setsInside,
-       {{"HvcCOfLies", put(stsd + "/hev1/free", box("hvcC", {Bytes(22, 1), bytesFrom("FF A0 FFFF FFFF")}))},
-        {"HvcCOfEmptyUnits",
-         put(stsd + "/hev1/free", box("hvcC", {Bytes(22, 1), bytesFrom("01 A0 FFFF"), Bytes(131'070)}))}});
+       {{"HvcCOfLies", put(stsd + "/hev1/free", box("hvcC", {Bytes(22, 1), bytesFrom("FF A0 FFFF FFFF")}))}});
   take(plain, healthy,
        {{"PictureOf65535", set(stsd + "/avc1", 32, values({most}))},
         {"EsdsOfLies", set(esds, 12, bytesFrom("03 FFFFFF7F 0000 00 04 FFFFFF7F"))},
@@ -349,12 +334,10 @@ TEST_F(HostileFiles, Fragments) {
          atEnd(box("sidx", {values({0, 1, 1000, 0, 0, 65'535}), times(65'535, values({0x80000000, 0, 0}))}))},
         {"MfraOfItself", atEnd(box("mfra", {fullBox("tfra", {1, 0, most, 0, 0}), fullBox("mfro", {0})}))},
         {"NoSamples", atEnd(times(100'000, fragment({})))},
-        {"NoTracks", atEnd(times(100'000, box("moof", {fullBox("mfhd", {1})})))},
         {"EmptyRuns", atEnd(fragment(times(200'000, fullBox("trun", {0}))))},
         {"Tracks", atEnd(box("moof", {times(100'000, box("traf", {box("tfhd", {values({0x020000, 1})})}))}))}});
   take(pieces, tooMany,
        {{"RunOf4Gi", atEnd(fragment(fullBox("trun", {most})))},
-        {"RunOf4GiOfNoBytes", atEnd(fragment(fullBox("trun", {most}), values({0x020010, 1, 0})))},
         {"Runs", atEnd(fragment(times(10'000, fullBox("trun", {1'000'000})), values({0x020010, 1, 0})))}});
   take(pieces, {"2147483647 pictures lost", 3, 5},
        {{"RunOf2GiOfOneByte", atEnd(fragment(fullBox("trun", {0x7FFFFFFF}), values({0x020018, 1, 0, 1})))}});

@@ -42,14 +42,9 @@ class RemuxTest : public FileTest {
     return withoutParameterSets(readFile(files_, encodedVideo(inBand(isHEVC))), isHEVC);
   }
 
-  void repair(bool isHEVC, FileManager& files, const CancellationToken* token = nullptr) {
-    if (isHEVC) {
-      MP4Remuxer::remuxHEVCWithParameterExtraction(files, file_, token, timings_);
-    } else {
-      MP4Remuxer::remuxAVCWithParameterExtraction(files, file_, "avc3", token, timings_);
-    }
-  }
-  void repair(bool isHEVC) { repair(isHEVC, files_); }
+  /// Of HEVC, without a plan.
+  void repair(FileManager& files) { MP4Remuxer::remuxHEVCWithParameterExtraction(files, file_, nullptr, timings_); }
+  void repair() { repair(files_); }
 
   /// No file but the one under repair, and nothing in the temporary directory.
   void expectNothingLeftBehind() {

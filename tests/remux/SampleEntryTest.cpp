@@ -39,80 +39,44 @@ Bytes hvc1(Children children) {
   return visualSampleEntry("hvc1", children);
 }
 
-class SampleEntry : public FileTest {
- protected:
-  bool repairTag() { return MP4Remuxer::remuxAVCTag(files_, file_, "avc3"); }
-};
+class SampleEntry : public FileTest {};
 
 TEST_F(SampleEntry, TagIsRepairedWhereThereIsARecord) {
-  auto avc3 = [](Children children) { return movieWith(visualSampleEntry("avc3", children)); };
-  auto record = [](size_t size) { return box("avcC", {Bytes(size - 8)}); };
   const Bytes whole = AVCConfigurationBox({AVCSPS{}.bytes()}, {{0x68, 0xCE, 0x3D}}, {}, 4).buildAvcCBox();
-  const std::string size = std::to_string(whole.size());
-  const Bytes overrun = boxClaiming(500, "pasp", {Bytes(8)}), noSize = boxClaiming(0, "pasp");
-  struct {
-    Bytes moov;
-    std::optional<std::string> tag;
-    std::string outcome;  ///< how the repair fails, or the end of its log line
-  } cases[] = {
-      {movieWith(visualSampleEntry("avc1", {whole})), "avc1",
-       "avc1 with valid avcC (" + size + " bytes), no remuxing needed"},
-      {avc3({record(8), whole}), "avc3", "avcC box present (" + size + " bytes), video is now iOS-compatible"},
-      {avc3({record(39)}), "avc3", "WARNING - Found avcC box without parameter sets (39 bytes)"},
-      {avc3({record(14)}), "avc3", "WARNING - Found avcC box but size too small (14 bytes)"},
-      {avc3({pasp}), "avc3", "No valid avcC box found, Phase 2 required"},
-      {avc3({overrun, whole}), "avc3", "Child box 'pasp' extends beyond sample entry boundary, stopping"},
-      {avc3({noSize, whole}), "avc3", "Reached end of child boxes (boxSize=0)"},
-      {avc3({box("a   "), whole}), "avc3", "Invalid child box type 'a   ', stopping scan"},
-      {movieWith(hvc1({})), "hvc1", "Found HEVC codec, not AVC"},
-      {{}, {}, corrupted + "moov box not found"},
-      {box("mdat"), {}, corrupted + "moov box not found"},
-      {box("moov", {trackBox("soun", {})}), {}, corrupted + "Video trak box not found"},
-      {box("moov", {box("trak", {mediaBox("vide")})}), {}, corrupted + "minf box not found"},
-      {box("moov", {trackBox("vide", {})}), {}, corrupted + "stsd box not found"},
-      {movieWithTable(box("stsd", {Bytes(16)})), {}, corrupted + "No sample entries in stsd"},
-      {movieWith(boxClaiming(UINT32_MAX, "avc3", {Bytes(10)})), "avc3", corrupted + "Sample entry too small"},
-      {movieWith(box("avc3", {Bytes(77)})), "avc3", corrupted + "Sample entry too small"},
-      {movieWith(visualSampleEntry("vp09")), "vp09", unsupported + "Expected avc1 or avc3, found vp09"},
+  const auto avc3 = [](Children children) { return movieWith(visualSampleEntry("avc3", children)); };
+  const std::pair<Bytes, std::string> cases[] = {
+      {movieWith(visualSampleEntry("avc1", {whole})), "done"},
+      {avc3({box("avcC"), whole}), "done"},
+      {avc3({box("avcC", {Bytes(31)})}), ""},
+      {avc3({boxClaiming(500, "pasp", {Bytes(8)}), whole}), ""},
+      {movieWith(hvc1({})), ""},
+      {movieWith(boxClaiming(UINT32_MAX, "avc3", {Bytes(10)})), corrupted + "Sample entry too small"},
+      {movieWith(visualSampleEntry("vp09")), unsupported + "Expected avc1 or avc3, found vp09"},
+      {movieWithTable(box("stsd", {values({0, 1})})), ends},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(MP4Remuxer::detectHEVCTag(files_, write(c.moov)), c.tag) << c.outcome;
-    log_.clear();
+  for (const auto& [movie, outcome] : cases) {
+    write(movie);
     bool isDone = false;
-    std::string failure = failureOf([&] { isDone = repairTag(); });
-    if (failure.empty()) {
-      EXPECT_THAT(log_.lines(), testing::Contains(testing::EndsWith(c.outcome)));
-      EXPECT_EQ(isDone, &c - cases < 2) << c.outcome;
-    } else {
-      EXPECT_EQ(failure, c.outcome);
-    }
-    EXPECT_TRUE(isDone || written() == c.moov) << c.outcome;
-  }
-  for (const auto& work : {std::function([&] { repairTag(); }), {[&] { MP4Remuxer::detectHEVCTag(files_, file_); }}}) {
-    write(movieWithTable(box("stsd", {values({0, 1})})));
-    EXPECT_EQ(failureOf(work), ends);
-    files_.removeItem(file_);
-    EXPECT_EQ(failureOf(work), "File not found");
+    const std::string failure = failureOf([&] { isDone = MP4Remuxer::remuxAVCTag(files_, file_, "avc3"); });
+    EXPECT_EQ(isDone ? "done" : failure, outcome);
+    EXPECT_TRUE(isDone || written() == movie) << outcome;
   }
 }
 
 TEST_F(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
-  const Bytes second = hvc1({box("hvcC")}), free8 = box("free"), old = box("hvcC", {Bytes(30, 9)});
+  const Bytes second = hvc1({box("hvcC")}), free8 = box("free");
   const Bytes overrun = boxClaiming(99, "colr", {Bytes(20)}), noSize = boxClaiming(0, "pasp");
   const Bytes noName = box("\xA9xyz"), hevC = box("hevC", {Bytes(99)});
   // Into the first entry of a movie the box goes ahead of the others, into a copy behind them.
   struct {
     Bytes entry, injected, cloned;
   } cases[] = {
-      {hev1({}), hvc1({hvcC}), hvc1({hvcC})},
       {hev1({pasp, box("hvcC"), colr}), hvc1({hvcC, pasp, colr}), hvc1({pasp, colr, hvcC})},
-      {hvc1({old, pasp}), hvc1({hvcC, pasp}), hvc1({pasp, hvcC})},
       {hvc1({hevC, avcC}), hvc1({hvcC, avcC}), hvc1({hevC, avcC, hvcC})},
       {visualSampleEntry("encv", {protection("hev1"), box("hvcC"), pasp}),
        visualSampleEntry("encv", {hvcC, protection("hvc1"), pasp}),
        visualSampleEntry("encv", {protection("hvc1"), pasp, hvcC})},
       {hev1({protection("hev1")}), hvc1({hvcC, protection("hev1")}), hvc1({protection("hev1"), hvcC})},
-      {hev1({clap, pasp}), hvc1({hvcC, clap, pasp}), hvc1({clap, pasp, hvcC})},
       {hev1({pasp, overrun}), hvc1({hvcC, pasp}), hvc1({pasp, hvcC})},
       {hev1({noSize, colr}), hvc1({hvcC}), hvc1({hvcC})},
       {hev1({pasp, noName, colr}), hvc1({hvcC, pasp}), hvc1({pasp, noName, colr, hvcC})},
@@ -134,7 +98,6 @@ TEST_F(SampleEntry, GetsTheNewBoxAndKeepsTheRest) {
     size_t kept = size == 0x6400000 ? 0 : size + colr.size();
     EXPECT_EQ(Builder::cloneEntryWithNewHvcC(entry, hvcC, "hvc1", {}).size(), 86 + pasp.size() + kept + hvcC.size());
   }
-  EXPECT_TRUE(log_.contains("AVC: Changed codec tag: avc3 → avc1"));
 }
 
 TEST_F(SampleEntry, EachCopyStatesItsOwnPictureSize) {
@@ -151,34 +114,24 @@ TEST_F(SampleEntry, EachCopyStatesItsOwnPictureSize) {
 TEST_F(SampleEntry, IsRefusedWhereItCannotBeEdited) {
   const std::string notHEVC = "', not 'hev1', 'hvc1', or 'encv'. Cannot inject hvcC into this track.";
   const Bytes first = hev1({}), second = hvc1({pasp}), stsd = sampleDescriptionBox({first, second});
-  const Bytes encrypted = visualSampleEntry("encv"), endless = boxClaiming(UINT32_MAX, "hev1", {Bytes(78)});
+  const Bytes endless = boxClaiming(UINT32_MAX, "hev1", {Bytes(78)});
   auto inject = [](Bytes moov) { return [moov] { return MP4Remuxer::injectHvcCBoxIntoMoov(moov, hvcC); }; };
   auto extract = [](Bytes table, int64_t index) {
     return [table, index] { return Builder::extractSampleEntry(table, index); };
   };
   const std::pair<std::function<Bytes()>, std::string> cases[] = {
       {inject(box("moov", {box("mvhd")})), corrupted + "No trak boxes found in moov"},
-      {inject(box("moov", {trackBox("soun", {})})), unsupported + "No video track found in moov (checked 1 tracks)"},
-      {inject(box("moov", {box("trak", {mediaBox("vide")})})), corrupted + "minf not found in mdia"},
-      {inject(box("moov", {trackBox("vide", {})})), corrupted + "stsd not found in stbl"},
-      {inject(movieWithTable(box("stsd", {Bytes(24)}))), corrupted + "No sample entries in stsd"},
       {inject(movieWith(visualSampleEntry("avc1"))), unsupported + "Video track has codec 'avc1" + notHEVC},
       {inject(movieWith(box("hev1", {Bytes(77)}), Bytes(99))), corrupted + "Sample entry too small"},
       {inject(movieWith(endless)),
        corrupted + "Sample entry at 220 of the moov extends beyond stsd: its 4294967295 bytes end behind 306"},
       {inject(Bytes(7)), ByteArrayError::invalidOffset().description()},
-      {[&] { return MP4Remuxer::injectAvcCBoxIntoMoov(movieWith(encrypted), avcC); },
-       unsupported + "Video track has codec 'encv', not 'avc1' or 'avc3'. Cannot inject avcC."},
-      {extract(Bytes(15), 0), "stsd data too small"},
       {extract(stsd, 2), "Entry index 2 out of range (count: 2)"},
-      {extract(stsd, -1), "Entry index -1 out of range (count: 2)"},
       {extract(sampleDescriptionBox({boxClaiming(0, "hev1"), first}), 1), "Entry 0 has a size of 0 bytes"},
-      {extract(sampleDescriptionBox({boxClaiming(1'000'000, "hev1"), first}), 1), ends},
       {extract(sampleDescriptionBox({first, boxClaiming(500, "hev1")}), 1), ends},
       {[] { return Builder::cloneEntryWithNewHvcC(Bytes(85), hvcC, "hvc1", {}); }, "Sample entry too small: 85 bytes"},
   };
   for (const auto& [work, words] : cases) EXPECT_EQ(failureOf(work), words);
-  EXPECT_EQ(Builder::extractSampleEntry(stsd, 0), first);
   EXPECT_EQ(Builder::extractSampleEntry(stsd, 1), second);
   // A protection box that does not name the codec stays as it is.
   for (const Bytes& odd : {Bytes(7), Bytes(8), box("sinf", {box("frma")}), box("sinf", {box("frma", {Bytes(3)})}),

@@ -8,6 +8,7 @@
 #include "platform/memory/InMemoryFileManager.h"
 #include "remux/RemuxFixture.h"
 #include "remux/RemuxStep.h"
+#include "support/FaultyFileManager.h"
 #include "support/ParameterSetBuilder.h"
 #include "support/ProbedMovie.h"
 #include "support/RunRecorder.h"
@@ -30,14 +31,14 @@ std::string warningsOf(const ProcessingRun& run) {
 class VideoRoad : public RemuxTest {
  protected:
   /// Runs the step on a file. Returns what it warns of.
-  std::string follow(const Bytes& movie) {
+  std::string follow(const Bytes& movie, FileManager& files) {
     write(movie);
-    RunRecorder recorder;
-    ProcessingRun run = recorder.runOn(files_, file_);
+    ProcessingRun run = recorder_.runOn(files, file_);
     RemuxStep().run(run);
     expectNothingLeftBehind();
     return warningsOf(run);
   }
+  std::string follow(const Bytes& movie) { return follow(movie, files_); }
 
   std::string followWritten() { return follow(written()); }
 
@@ -46,6 +47,8 @@ class VideoRoad : public RemuxTest {
     Bytes box = BoxEditor(readFile(files_, movie)).get(sampleTable + (isHEVC ? "/stsd/hev1/hvcC" : "/stsd/avc1/avcC"));
     return {box.begin() + 8, box.end()};
   }
+
+  RunRecorder recorder_;
 };
 
 /// The parameter sets of one real stream.
@@ -125,7 +128,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const Sets shown = avc("192x144", ":colorprim=bt709:transfer=bt709:colormatrix=bt709");
   const Bytes slice{0x26, 1, 0xAA, 0xBB}, avcSlice{0x65, 0x88, 0x84}, prefix{0x6E, 1, 2, 3};
   const Bytes coded = HEVCSPS{}.bytes(), shown1080 = HEVCSPS{.id = 1, .conformanceWindow = true}.bytes();
-  const Bytes pps0 = hevcPPS(0, 0x80), pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88), avcPPS0{0x68, 0xCE, 0x3D};
+  const Bytes pps0 = hevcPPS(0, 0x80), pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88);
   ASSERT_NE(shown.sps, a.sps);
   Bytes tooLong = pps1;
   tooLong.resize(65'536, 0x55);
@@ -141,12 +144,11 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const auto avc1 = [](const Bytes& record) { return visualSampleEntry("avc1", {record}); };
   const auto avc3 = [](const Bytes& record) { return visualSampleEntry("avc3", {record}); };
   const Bytes none = of({slice}), noneAVC = of({avcSlice}), full = of(h.with(slice)), other = of(large.with(slice));
-  const Bytes fullAVC = of(a.with(avcSlice)), otherAVC = of(largeAVC.with(avcSlice));
+  const Bytes fullAVC = of(a.with(avcSlice));
   const std::string same = "same", tag = "tag", lacks = "neither the file's header nor its pictures hold";
   const std::string one = "hvc1 0x0 1/1/1 2/1/1 ", oneAVC = "avc1 0x0 1/1/1 2/1/1 ";
   const std::string sizes = "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 ";
   const std::string twoAlike = "hvc1 192x144 hvc1 192x144 1/1/1 2/1/2 ";
-  const std::string twoAlikeAVC = "avc1 192x144 avc1 192x144 1/1/1 2/1/2 ";
   const struct {
     std::string name;
     Units entries, samples;
@@ -157,19 +159,17 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"hvcC alone", {hvc1(hvcC(h))}, {none, none}, same},
       {"hvcC alone under hev1", {hev1(hvcC(h))}, {none, none}, tag, "111 "},
       {"both, alike", {hvc1(hvcC(h))}, {full, none, full}, same},
-      {"both under hev1", {hev1(hvcC(h))}, {full, full}, tag, "111 "},
       {"one kind that hvcC has", {hvc1(hvcC(h))}, {of({h.pps, slice}), none}, same},
       {"one kind with another identifier", {hev1(hvcC(h))}, {of({pps1, slice}), none}, one, "112 "},
       {"the last identifier", {hev1(hvcC(h))}, {of({hevcPPS(63, 0x80), slice}), none}, one, "112 "},
-      {"an identifier behind the last", {hev1(hvcC(h))}, {of({hevcPPS(64, 0x80), slice}), none}, tag, "111 "},
-      {"of an SPS behind the last", {hev1(hvcC(h))}, {of({hevcPPS(5, 9), slice}), none}, tag, "111 "},
+      {"an identifier beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(64, 0x80), slice}), none}, tag, "111 "},
+      {"of an SPS beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(5, 9), slice}), none}, tag, "111 "},
       {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
       {"nothing anywhere", Units{hev1({})}, Units{none, none}, same, "",
        lacks + " what a decoder needs (no VPS, no SPS, no PPS)"},
       {"no samples", {hev1({})}, {}, same, "", lacks + " what a decoder needs (no samples)"},
-      {"no samples under a whole entry", {hvc1(hvcC(h))}, {}, same},
       {"no VPS", {hvc1(hvcC({}, {h.sps}, {h.pps}))}, {of({h.sps, h.pps, slice})}, same, "", "(no VPS)"},
-      {"a change behind hvcC", {hvc1(hvcC(h))}, {none, other, none}, sizes, "111 111 "},
+      {"a change after hvcC", {hvc1(hvcC(h))}, {none, other, none}, sizes, "111 111 "},
       {"a change and back", Units{hvc1(hvcC(h))}, Units{none, other, none, full},
        "hvc1 192x144 hvc1 256x160 1/1/1 2/1/2 4/1/1 ", "111 111 "},
       {"another window on as large a picture", Units{hev1({})},
@@ -203,25 +203,21 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"avcC without PPS", {avc3(avcC({a.sps}, {}))}, {fullAVC, noneAVC}, oneAVC, "11 "},
       {"avcC with SPS that cannot be read", Units{avc1(avcC({{0x67, 100, 0}}, {a.pps}))}, Units{fullAVC},
        "avc1 0x0 1/1/1 ", "11 "},
-      {"avcC without sets", {avc3(avcC({}, {}))}, {noneAVC, noneAVC}, same, "", lacks},
-      {"AVC sets behind a slice", {avc3({})}, {of({avcSlice, a.sps, a.pps, avcSlice})}, "avc1 0x0 1/1/1 ", "11 "},
-      {"AVC of two sizes", Units{avc1(avcC({a.sps}, {a.pps}))}, Units{fullAVC, noneAVC, otherAVC, noneAVC},
-       "avc1 192x144 avc1 256x160 1/1/1 3/1/2 ", "11 11 "},
-      {"an AVC identifier again", Units{avc1(avcC({a.sps}, {a.pps}))},
-       Units{fullAVC, of({a.sps, avcPPS0, avcSlice}), noneAVC}, twoAlikeAVC, "11 11 "},
+      {"AVC sets after a slice", {avc3({})}, {of({avcSlice, a.sps, a.pps, avcSlice})}, "avc1 0x0 1/1/1 ", "11 "},
       {"avcC states another colour", {avc1(avcC({shown.sps}, {shown.pps}))}, {fullAVC, noneAVC, fullAVC}, same},
       {"lengths of two bytes", Units{avc1(avcC({a.sps}, {a.pps}, 2))},
        Units{sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)}, same},
+      {"lengths of one byte", Units{avc1(avcC({a.sps}, {a.pps}, 1))},
+       Units{sampleOf(a.with(avcSlice), 1), sampleOf(largeAVC.with(avcSlice), 1)},
+       "avc1 192x144 avc1 256x160 1/1/1 2/1/2 ", "11:1 11:1 "},
       {"lengths of two bytes that nothing states", Units{avc3({})},
        Units{sampleOf(a.with(avcSlice), 2), sampleOf({avcSlice}, 2)}, oneAVC, "11:2 "},
       {"HEVC lengths of two bytes", {hev1({})}, {sampleOf(h.with(slice), 2)}, "hvc1 0x0 1/1/1 ", "111:2 "},
       {"a change under lengths of two bytes", Units{avc1(avcC({a.sps}, {a.pps}, 2))},
        Units{sampleOf(a.with(avcSlice), 2), sampleOf(largeAVC.with(avcSlice), 2)},
        "avc1 192x144 avc1 256x160 1/1/1 2/1/2 ", "11:2 11:2 "},
-      {"one colour after the other", Units{avc1(avcC({shown.sps}, {shown.pps}))},
-       Units{fullAVC, of(shown.with(avcSlice))}, twoAlikeAVC, "11 11 "},
-      {"a zero behind a set", {avc1(avcC({a.sps}, {a.pps}))}, {of({a.sps, joined({a.pps, Bytes(2)}), avcSlice})}, same},
-      {"a prefix ahead", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
+      {"a zero after a set", {avc1(avcC({a.sps}, {a.pps}))}, {of({a.sps, joined({a.pps, Bytes(2)}), avcSlice})}, same},
+      {"a prefix before", {avc1(avcC({a.sps}, {a.pps}))}, {of({prefix, a.sps, a.pps, avcSlice})}, same},
       {"start codes in place of lengths", Units{avc1({})},
        Units{joined({bytesFrom("00000001"), a.sps, bytesFrom("00000001"), a.pps, bytesFrom("00000001"), avcSlice})},
        same, "", lacks},
@@ -358,24 +354,65 @@ TEST_F(VideoRoad, MendsRealStreamsThatChange) {
   }
 }
 
-TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnowAndEndsWhereItIsCancelled) {
+TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnow) {
   const auto movieWith = [](const Bytes& stsd) { return box("moov", {trackBox("vide", {stsd})}); };
   for (const Bytes& movie :
        {Bytes(), movieWith(box("stsd")), movieWith(sampleDescriptionBox({visualSampleEntry("vp09")}))}) {
     EXPECT_EQ(follow(movie), "");
     EXPECT_EQ(written(), movie);
   }
-  RunRecorder recorder;
-  recorder.token->cancel();
-  ProcessingRun cancelled = recorder.runOn(files_, file_);
-  EXPECT_THROW(RemuxStep().run(cancelled), CancellationError);
-  EXPECT_EQ(recorder.stages, "");
-  recorder.token = std::make_shared<CancellationToken>();
-  recorder.onSave = [&](const ProcessingState&) { recorder.token->cancel(); };
-  write(readFile(files_, encodedVideo({})));
-  ProcessingRun healthy = recorder.runOn(files_, file_);
-  EXPECT_THROW(RemuxStep().run(healthy), CancellationError);
-  EXPECT_EQ(recorder.stages, "remuxing ") << "nor is what needs no repair called done";
+}
+
+TEST_F(VideoRoad, CancelledAtAnyMomentLeavesTheFileAsItWasOrWhole) {
+  recorder_.onSave = [&](const ProcessingState&) { recorder_.token->cancel(); };
+  EXPECT_THROW(follow(readFile(files_, encodedVideo({}))), CancellationError);
+  EXPECT_EQ(recorder_.stages, "remuxing ") << "nor is what needs no repair called done";
+  recorder_.onSave = {};
+  const Bytes damaged = damagedVideo(true);
+  EXPECT_THROW(follow(damaged), CancellationError);
+  EXPECT_EQ(recorder_.stages, "");
+
+  recorder_.token = std::make_shared<CancellationToken>();
+  follow(damaged);
+  const Bytes whole = written();
+  FaultyFileManager files(files_);
+  bool isTooLate = false;
+  const auto cancel = [&] {
+    recorder_.token->cancel();
+    isTooLate =
+        std::ranges::any_of(log_.lines(), [](auto& line) { return line.starts_with("Writing temporary file"); });
+  };
+  const uint64_t openings =
+      files.sweep({.errnum = 0, .among = {FileOperation::open}, .strike = cancel}, [&](uint64_t opening) {
+        log_.clear();
+        isTooLate = true;
+        recorder_.token = std::make_shared<CancellationToken>();
+        const std::string failure = failureOf([&] { follow(damaged, files); });
+        EXPECT_EQ(failure, files.fired() ? "Operation was cancelled" : "");
+        EXPECT_EQ(written(), isTooLate ? whole : damaged) << opening;
+        expectNothingLeftBehind();
+      });
+  EXPECT_GT(openings, 3u);
+}
+
+/// A file system with so many bytes free.
+struct TightFiles : ForwardingFileManager {
+  using ForwardingFileManager::ForwardingFileManager;
+  std::optional<uint64_t> freeSpace(const Path&) override { return free; }
+  uint64_t free = 0;
+};
+
+TEST_F(VideoRoad, AsksForMoreThanTwiceTheFilesSize) {
+  const std::string refusal = "Write error: Insufficient disk space: need 0MB, have 0MB available.";
+  for (const bool isHEVC : {true, false}) {
+    const Bytes damaged = damagedVideo(isHEVC);
+    for (const bool isEnough : {false, true}) {
+      TightFiles tight(files_);
+      tight.free = 2 * damaged.size() + (isEnough ? 1 : 0);
+      EXPECT_EQ(failureOf([&] { follow(damaged, tight); }).substr(0, refusal.size()), isEnough ? "" : refusal);
+      EXPECT_EQ(written() != damaged, isEnough);
+    }
+  }
 }
 
 /// A file system on which each `moov` that is written loses the duration of its first samples.
@@ -402,15 +439,11 @@ TEST_F(VideoRoad, ProvesItsResult) {
   for (bool isChanging : {false, true}) {
     const Path clip = isChanging ? joinedVideo({inBand(true), inBand(true, "256x160")}) : encodedVideo(inBand(true));
     const Bytes movie = withoutParameterSets(readFile(files_, clip), true);
-    write(movie);
-    RunRecorder recorder;
-    ProcessingRun run = recorder.runOn(meddling, file_);
-    RemuxStep().run(run);
-    EXPECT_THAT(warningsOf(run), testing::StartsWith("the video is left as it is: "));
-    EXPECT_THAT(warningsOf(run), testing::HasSubstr("pictures"));
+    const std::string warning = follow(movie, meddling);
+    EXPECT_THAT(warning, testing::StartsWith("the video is left as it is: "));
+    EXPECT_THAT(warning, testing::HasSubstr("pictures"));
     EXPECT_EQ(written(), movie);
-    EXPECT_EQ(recorder.stages, "remuxing remuxed ");
-    expectNothingLeftBehind();
+    EXPECT_THAT(recorder_.stages, testing::EndsWith("remuxing remuxed "));
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -180,6 +181,32 @@ void MovieLayout::useLongOffsets() {
     editor.replace(stco, box("co64", {rows}));
   }
   moov = editor.bytes;
+}
+
+Bytes MovieLayout::build(const std::string& parts) const {
+  const auto starts = chunks();
+  const uint64_t half = starts.empty() ? 0 : starts[starts.size() / 2];
+  const std::map<std::string, Piece> known = {
+      {"ftyp", {Kind::raw, ftyp}},
+      {"moov", {Kind::moov}},
+      {"openMoov", {Kind::openMoov}},
+      {"mdat", {Kind::mdat}},
+      {"longMdat", {Kind::longMdat}},
+      {"openMdat", {Kind::openMdat}},
+      {"first", {Kind::mdat, {}, 0, half}},
+      {"second", {Kind::mdat, {}, half}},
+      {"longSecond", {Kind::longMdat, {}, half}},
+      {"openSecond", {Kind::openMdat, {}, half}},
+      {"free", {Kind::raw, box("free", {Bytes(50)})}},
+      {"uuid", {Kind::raw, box("uuid", {Bytes(40, 3)})}},
+      {"openFtyp", {Kind::raw, boxClaiming(0, "ftyp", {values({0x69736F6D, 0})})}},
+      {"tail", {Kind::raw, values({3, 3, 3})}},
+  };
+  static const Piece large{Kind::raw, box("uuid", {Bytes(11'000'000, 5)})};
+  std::vector<Piece> pieces;
+  std::istringstream words(parts);
+  for (std::string part; words >> part;) pieces.push_back(part == "large" ? large : known.at(part));
+  return build(pieces);
 }
 
 Bytes MovieLayout::build(const std::vector<Piece>& pieces) const {

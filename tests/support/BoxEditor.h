@@ -93,8 +93,10 @@ class MovieLayout {
   };
   Bytes build(const std::vector<Piece>& pieces) const;
 
-  /// The file with its `moov` ahead of its media.
-  Bytes moovAhead() const { return build({{Piece::Kind::raw, ftyp}, {Piece::Kind::moov}, {Piece::Kind::mdat}}); }
+  /// The same of pieces that these words name: "ftyp free mdat moov". "first" and "second" are halves of the media; an
+  /// "open" box has no size; a "tail" is no box.
+  Bytes build(const std::string& parts) const;
+  Bytes moovAhead() const { return build("ftyp moov mdat"); }
 
  private:
   uint64_t mediaOffset_ = 0;

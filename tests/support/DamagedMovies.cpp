@@ -13,8 +13,7 @@ namespace {
 const std::string stsd = sampleTable + "/stsd/";
 
 VideoRecipe withLateSound(VideoRecipe recipe) {
-  recipe.more = {"-itsoffset", "0.3",  "-f",  "lavfi", "-i", "sine=r=48000:d=2", "-map", "0", "-map",
-                 "1",          "-c:a", "aac", "-ac",   "2"};
+  recipe.more = words("-itsoffset 0.3 -f lavfi -i sine=r=48000:d=2 -map 0 -map 1 -c:a aac -ac 2");
   return recipe;
 }
 

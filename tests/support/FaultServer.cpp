@@ -164,8 +164,7 @@ struct FaultServer::Core {
   std::atomic<bool> isStopped = false;
   std::atomic<bool> isReleased = false;
   std::list<Connection> connections;  ///< of the thread, as long as it runs
-  std::atomic<size_t> connectionCount = 0;
-  std::mutex mutex;  ///< for the two below
+  std::mutex mutex;                   ///< for the two below
   std::map<std::string, Served> paths;
   std::vector<ReceivedRequest> requests;
   std::thread thread;
@@ -198,7 +197,6 @@ struct FaultServer::Core {
       error_code failure;
       tcp::socket socket = acceptor.accept(failure);
       if (failure) continue;
-      ++connectionCount;
       auto& connection = connections.emplace_back(Connection{std::move(socket)});
       connection.thread = std::thread([this, &connection] { converse(connection); });
     }
@@ -308,10 +306,6 @@ void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Re
 
 void FaultServer::release() {
   core_->isReleased = true;
-}
-
-size_t FaultServer::connections() const {
-  return core_->connectionCount;
 }
 
 std::vector<ReceivedRequest> FaultServer::requests() const {

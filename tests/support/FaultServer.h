@@ -84,9 +84,6 @@ class FaultServer {
   /// Replies that have fallen silent go on to their end, and those that would fall silent do not.
   void release();
 
-  /// Connections so far.
-  size_t connections() const;
-
   /// What has been asked so far, in order.
   std::vector<ReceivedRequest> requests() const;
 

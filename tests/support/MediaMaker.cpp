@@ -50,13 +50,6 @@ std::string hashes(const Path& file, const std::string& options, int firstColumn
   return hashLines(runProcess(command).output, firstColumn);
 }
 
-/// Lines of ffprobe on the first video stream.
-std::istringstream probe(const Path& file, const std::string& entries) {
-  return std::istringstream(
-      runProcess({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", entries, "-of", "csv=p=0", file})
-          .output);
-}
-
 }  // namespace
 
 std::vector<std::string> words(const std::string& text) {
@@ -109,20 +102,25 @@ Path encodedVideo(const VideoRecipe& recipe) {
   return madeByFFmpeg(arguments);
 }
 
-Path joinedVideo(const std::vector<VideoRecipe>& parts) {
+Path concatenated(const std::vector<Path>& parts, const std::string& tag) {
   std::string list;
-  for (const VideoRecipe& part : parts) list += "file '" + encodedVideo(part).string() + "'\n";
-  Path listFile = mediaCache() / (std::to_string(std::hash<std::string>{}(list)) + ".txt");
+  for (const Path& part : parts) list += "file '" + part.string() + "'\n";
+  const Path listFile = mediaCache() / (std::to_string(std::hash<std::string>{}(list)) + ".txt");
   std::ofstream(listFile) << list;
-  std::string tag = parts.front().codec == "libx264" ? "avc1" : "hev1";
   return madeByFFmpeg({"-f", "concat", "-safe", "0", "-i", listFile, "-c", "copy", "-tag:v", tag});
 }
 
+Path joinedVideo(const std::vector<VideoRecipe>& parts) {
+  std::vector<Path> files;
+  for (const VideoRecipe& part : parts) files.push_back(encodedVideo(part));
+  return concatenated(files, parts.front().codec == "libx264" ? "avc1" : "hev1");
+}
+
 std::string probeVideo(const Path& file, const std::string& entry) {
-  std::string line;
-  auto lines = probe(file, "stream=" + entry);
-  std::getline(lines, line);
-  return line;
+  const std::string said = runProcess({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                       "stream=" + entry, "-of", "csv=p=0", file})
+                               .output;
+  return said.substr(0, said.find('\n'));
 }
 
 std::string decoderComplaints(const Path& file) {

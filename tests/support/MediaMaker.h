@@ -32,6 +32,7 @@ struct VideoRecipe {
 Path encodedVideo(const VideoRecipe& recipe);
 
 /// These videos one behind the other in one file, not encoded anew; parameter sets stay in the samples.
+Path concatenated(const std::vector<Path>& parts, const std::string& tag);
 Path joinedVideo(const std::vector<VideoRecipe>& parts);
 
 /// What the child process says on its standard output and its standard error, and how it left.

@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "media/AVAudioPCMBuffer.h"
 #include "media/CMSampleBuffer.h"
 #include "support/MediaMaker.h"
 
@@ -28,19 +27,6 @@ inline Samples samplesIn(const void* bytes, size_t size) {
 
 inline Samples samplesOf(const CMSampleBuffer& buffer) {
   return samplesIn(buffer.dataBuffer->bytes().data(), buffer.dataBuffer->bytes().size());
-}
-
-inline Samples samplesOf(const AVAudioPCMBuffer& buffer) {
-  const size_t frameBytes = buffer.format().channelCount * sizeof(int16_t);
-  return samplesIn(buffer.int16ChannelData(), buffer.frameLength() * frameBytes);
-}
-
-/// At 48 kHz.
-inline AVAudioPCMBuffer pcmBuffer(std::span<const int16_t> samples, uint32_t channels) {
-  AVAudioPCMBuffer buffer({48000, channels}, static_cast<uint32_t>(samples.size() / channels));
-  buffer.setFrameLength(buffer.frameCapacity());
-  std::ranges::copy(samples, buffer.int16ChannelData());
-  return buffer;
 }
 
 /// At 48 kHz, without a time.

@@ -8,14 +8,6 @@
 #include "support/MediaMaker.h"
 
 namespace tarn::test {
-namespace {
-
-ByteView moovOf(ByteView file) {
-  const auto boxes = topLevel(file);
-  return std::ranges::find(boxes, "moov", &std::pair<std::string, ByteView>::first)->second;
-}
-
-}  // namespace
 
 Packets packetsOf(const Path& file, bool takesEditLists) {
   std::string text = runProcess({"ffprobe", "-v", "error", "-ignore_editlist", takesEditLists ? "0" : "1",
@@ -39,37 +31,29 @@ Bytes contentsOf(const Path& file) {
   return readFile(files, file);
 }
 
-std::vector<std::pair<std::string, ByteView>> topLevel(ByteView file) {
-  std::vector<std::pair<std::string, ByteView>> boxes;
-  for (uint64_t size = 0; !file.empty(); file = file.subspan(size)) {
-    size = readUInt32(file, 0).value();
-    if (size == 1) size = readUInt64(file, 8).value();
-    if (size == 0) size = file.size();
-    boxes.emplace_back(textOf(file.subspan(4, 4)), file.first(size));
-  }
+namespace {
+
+NamedBox firstBox(ByteView file) {
+  uint64_t size = readUInt32(file, 0).value();
+  if (size == 1) size = readUInt64(file, 8).value();
+  if (size == 0) size = file.size();
+  return {std::string(textOf(file.subspan(4, 4))), file.first(size)};
+}
+
+}  // namespace
+
+std::vector<NamedBox> topLevel(ByteView file) {
+  std::vector<NamedBox> boxes;
+  for (; !file.empty(); file = file.subspan(boxes.back().second.size())) boxes.push_back(firstBox(file));
   return boxes;
 }
 
-ProbedMovie::ProbedMovie(const Path& movie, const Path& readable)
-    : file(movie),
-      bytes(contentsOf(movie)),
-      moov(moovOf(bytes)),
-      media(packetsOf(readable, false)),
-      shown(packetsOf(readable, true)) {}
-
-Bytes ProbedMovie::edts(const std::string& handler) {
-  BoxTree& track = *moov.track(handler);
-  const auto list = track.child("edts");
-  return list == track.children.end() ? Bytes() : list->bytes();
+BoxTree moovOf(ByteView file) {
+  const auto [type, box] = firstBox(file);
+  return type == "moov" ? BoxTree(box) : moovOf(file.subspan(box.size()));
 }
 
-std::vector<std::pair<uint32_t, uint32_t>> ProbedMovie::rows(const std::string& handler) {
-  std::vector<std::pair<uint32_t, uint32_t>> rows;
-  const Bytes list = edts(handler);
-  for (size_t at = 24; at < list.size(); at += 12) {
-    rows.emplace_back(readUInt32(list, at).value(), readUInt32(list, at + 4).value());
-  }
-  return rows;
-}
+ProbedMovie::ProbedMovie(const Path& movie)
+    : bytes(contentsOf(movie)), moov(moovOf(bytes)), shown(packetsOf(movie, true)) {}
 
 }  // namespace tarn::test

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,30 +35,20 @@ Packets packetsOf(const Path& file, bool takesEditLists);
 /// The bytes of a file, wherever it lies.
 Bytes contentsOf(const Path& file);
 
-/// The boxes of a file, one behind the other: types and bytes.
-std::vector<std::pair<std::string, ByteView>> topLevel(ByteView file);
+/// The boxes of a file, one behind the other: types and bytes; and its `moov`, whatever is behind that.
+using NamedBox = std::pair<std::string, ByteView>;
+std::vector<NamedBox> topLevel(ByteView file);
+BoxTree moovOf(ByteView file);
 
 /// A movie as ffprobe and a walk of its own read it, without the engine.
 struct ProbedMovie {
-  explicit ProbedMovie(const Path& movie) : ProbedMovie(movie, movie) {}
-  /// The packets come from another file: the same but for parameter sets without which ffprobe reads nothing.
-  ProbedMovie(const Path& movie, const Path& readable);
-
-  /// A track's edit list with its box, empty without one, and its rows (ISO/IEC 14496-12 8.6.6): duration and media
-  /// time.
-  Bytes edts(const std::string& handler);
-  std::vector<std::pair<uint32_t, uint32_t>> rows(const std::string& handler);
+  explicit ProbedMovie(const Path& movie);
 
   uint32_t movieTimescale() { return readUInt32(moov.at("mvhd").fields, 12).value(); }
-  uint32_t timescale(const std::string& handler) {
-    return readUInt32(moov.track(handler)->at("mdia/mdhd").fields, 12).value();
-  }
 
-  Path file;
   Bytes bytes;
   BoxTree moov;
-  Packets media;  ///< without the edit lists
-  Packets shown;
+  Packets shown;  ///< with the edit lists
 };
 
 }  // namespace tarn::test

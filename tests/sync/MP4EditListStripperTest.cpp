@@ -55,16 +55,12 @@ TEST_F(Stripper, SaysWhatItCannotDoAndLeavesNothing) {
   const std::pair<Bytes, const char*> rows[] = {
       {joined({moov, box("mdat"), box("moof")}), "fragmentedMP4NotSupported"},
       {box("mdat"), "corruptedMP4: moov box not found"},
-      {joined({boxClaiming(7, "free"), moov}), "corruptedMP4: moov box not found"},
       {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "corruptedMP4: moov box has a 64-bit size field"},
-      {joined({moov, boxClaiming(100, "mdat", {Bytes(20)})}), "ioError: Read failed"},
-      {boxClaiming(5000, "moov", {Bytes(20)}), "ioError: Cannot read moov"}};
+      {joined({moov, boxClaiming(100, "mdat", {Bytes(20)})}), "ioError: Read failed"}};
   for (const auto& [file, failure] : rows) {
     EXPECT_EQ(failureOf([&, file = file] { strip(write(file)); }), failure);
     EXPECT_FALSE(files_.fileExists(output_));
   }
-  EXPECT_EQ(failureOf([&] { strip(directory_ / "none"); }), "fileNotFound");
-  EXPECT_EQ(failureOf([&] { strip(directory_.path()); }), "cannotOpenFile");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "support/BoxEditor.h"
 #include "support/FileTest.h"
 #include "support/FlashBeep.h"
-#include "support/MediaMaker.h"
 #include "support/ProbedMovie.h"
 #include "support/RunRecorder.h"
 #include "sync/SyncStep.h"
@@ -104,13 +103,11 @@ TEST_F(SyncSteps, LeaveAFileAloneWhoseListsSayTheTruth) {
   for (uint32_t i = 0; i < 20; ++i) entries = joined({entries, values({100, 1024 + i * 1280, normal})});
   const std::pair<const char*, Bytes> movies[] = {
       {"negative offsets", clip({"-movflags", "negative_cts_offsets"}, both, -0.3)},
-      {"no lists, negative offsets", noLists},
       {"no lists, first picture at -1", withFirstPictureAtMinusOne(noLists)},
       {"20 entries", withLists(plain, {box("edts", {box("elst", {entries})})})},
       {"half speed, a still", withLists(plain, {editBox({2000, 1024, 0x8000, 500, 1024, 0}), Bytes()})},
       {"to the end", withLists(plain, {editBox({0, 1024, normal}), editBox({300, emptyTime, normal, 0, 0, normal})})},
-      {"an entry behind the media", withLists(plain, {editBox({3000, 1024, normal, 500, 0x7FFFFFF0, normal})})},
-      {"pictures alone, no list", clip({"-use_editlist", "0"}, "-map 0:v")},
+      {"an entry after the media", withLists(plain, {editBox({3000, 1024, normal, 500, 0x7FFFFFF0, normal})})},
       {"sound alone, damaged", withLists(clip({}, "-map 1:a"), {editBox({500, emptyTime, normal})})},
   };
   for (const auto& [kind, movie] : movies) {

@@ -5,13 +5,24 @@
 #include <algorithm>
 
 #include "media/PCMDecoding.h"
+#include "mp4/MP4BoxUtils.h"
 #include "platform/Error.h"
 
 namespace tarn {
+namespace {
+
+bool isIndexCut(const AVAsset& asset) {
+  const auto file = asset.files().open(asset.url(), OpenMode::reading);
+  const auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov");
+  return moov && moov->end() > file->seekToEnd();
+}
+
+}  // namespace
 
 SoundOutlook outlookOnSoundRepair(const AVAsset& asset, const AVAssetTrack& audioTrack) {
   if (asset.tracks(AVMediaType::video).empty()) return {"there are no pictures beside it"};
   try {
+    if (isIndexCut(asset)) return {"the end of the file's index (moov) is missing, so no track can be put into it"};
     const AVAssetTrack whole = asset.withoutEditList(audioTrack);
     const int64_t outside = asset.samplesOutsideFile(whole);
     if (outside > 0) return {fmt::format("{} of its packets do not lie in the file", outside)};

@@ -128,7 +128,7 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
   if (!URL::parse(request.url)) return nullptr;
   log("starting download {}", request.url);
   const int64_t id = makeId(wantedId);
-  const auto task = std::make_shared<DownloadTask>(engine_.platform.files, id, request);
+  auto task = std::make_shared<DownloadTask>(engine_.platform.files, id, request);
   // The task waits until it has a slot and a transfer: the list may be stored at any moment, and a task that is stored
   // as waiting is started again.
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::queued; });
@@ -142,7 +142,7 @@ DownloadTaskPointer DownloadStarter::start(const DownloadRequest& request, const
 
 DownloadTaskPointer DownloadStarter::takeWithoutTransfer(const DownloadRequest& request,
                                                          const DelegatePointer& delegate) {
-  const auto task = std::make_shared<DownloadTask>(engine_.platform.files, makeId(std::nullopt), request);
+  auto task = std::make_shared<DownloadTask>(engine_.platform.files, makeId(std::nullopt), request);
   task->update([](DownloadTask::Snapshot& fields) { fields.status = DownloadStatus::processing; });
   engine_.news.began(*task);
   engine_.registry.insert(task);

@@ -100,23 +100,6 @@ void assignSamples(const MP4SampleTableParser& table, std::vector<SampleEntryFac
   }
 }
 
-/// Counts the samples that end past the end of the file.
-int64_t countMissing(const MP4SampleTableParser& table, uint64_t fileSize) {
-  const auto samples = int64_t{table.sampleCount()};
-  int64_t missing = 0;
-  for (size_t chunk = 0; chunk < table.chunkStartSampleIndex().size(); ++chunk) {
-    const int64_t first = table.chunkStartSampleIndex()[chunk];
-    const int64_t count = std::min(table.samplesInChunk()[chunk], samples - first);
-    if (count < 1) continue;
-    const uint64_t bytesThere = fileSize - std::min(fileSize, table.chunkOffsets()[chunk]);
-    const uint64_t ahead = table.sizeOfFirst(static_cast<size_t>(first));
-    for (int64_t end = first + count; end > first; --end, ++missing) {
-      if (table.sizeOfFirst(static_cast<size_t>(end)) - ahead <= bytesThere) break;
-    }
-  }
-  return missing;
-}
-
 std::vector<size_t> sizesOf(const std::vector<Bytes>& units) {
   std::vector<size_t> sizes;
   sizes.reserve(units.size());
@@ -173,7 +156,6 @@ std::optional<VideoFacts> readVideo(FileHandle& file, bool withBitstream) {
     return video;
   }
   assignSamples(table, video.entries);
-  video.missingSamples = countMissing(table, file.seekToEnd());
   if (!withBitstream) return video;
   const VideoCodec* codec = video.entries.empty() ? nullptr : codecOfTag(video.entries.front().tag);
   if (codec != nullptr) video.bitstream = readBitstream(file, std::move(table), *codec);

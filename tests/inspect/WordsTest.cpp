@@ -1,13 +1,21 @@
 #include <fmt/ranges.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <sqlite3.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
+#include <tuple>
 
+#include "audio/AudioTranscoderError.h"
 #include "audio/SilentAACSampleCache.h"
 #include "audio/SoundWords.h"
+#include "inspect/FailureAdvice.h"
 #include "inspect/SoundText.h"
 #include "inspect/detail/SoundForecast.h"
+#include "mp4/MP4RemuxError.h"
+#include "platform/PhotoAuthorization.h"
+#include "platform/host/SQLite.h"
 #include "support/FileTest.h"
 #include "support/MediaMaker.h"
 #include "support/SyntheticMovie.h"
@@ -18,7 +26,7 @@ namespace {
 constexpr uint32_t packet = 1024;
 constexpr uint32_t tenSeconds = 470;  // packets
 
-/// Sound at 48 kHz with gaps of so many milliseconds, each behind another hundred packets.
+/// Sound at 48 kHz with gaps of so many milliseconds, each after another hundred packets.
 SyntheticTrack sound(uint32_t packets, const std::vector<uint32_t>& gaps = {}) {
   SyntheticTrack track{.samples = packets, .mediaDuration = uint64_t{packets} * packet};
   track.sample = SilentAACSampleCache::shared().getSilentFrame(48000);
@@ -92,6 +100,40 @@ the sound is AC-3, which many players do not take
 done: converted the sound to AAC
 warning: of the sound's 6 channels two remain)"))
       << told();
+  Bytes cut = readFile(files_, madeByFFmpeg(words(inputs + "-c:a ac3")));
+  cut.resize(cut.size() - 14);
+  write(cut);
+  EXPECT_TRUE(told().ends_with("the end of the file's index (moov) is missing, so no track can be put into it"))
+      << told();
+}
+
+using Where = RunOutcome::Where;
+
+TEST(FailureAdvice, IsThatOfTheKindOnWhicheverWayTheFailureCame) {
+  const std::string full = "again The disk is full: make room, then try again.";
+  const auto of = [](const auto& failure) { return std::make_exception_ptr(failure); };
+  const std::tuple<Where, std::exception_ptr, std::string> rows[] = {
+      {Where::transfer, of(PosixError(ENOSPC, "write")), full},
+      {Where::transfer, of(Error(PosixError(EDQUOT, "write"))), full},  // its type is lost, as in a transfer
+      {Where::saving, of(SQLiteError(SQLITE_FULL, "insert")), full},
+      {Where::repair, of(MP4RemuxError::writeError("no room", ENOSPC)), full},
+      {Where::saving, of(PHPhotosError(PHPhotosError::invalidResource, "a page: log in")), ""},
+      {Where::repair, of(AudioTranscoderError::assetReadFailed("no packet")), "as it came .*--skip-audio-fix.*"},
+      {Where::repair, of(MP4RemuxError::writeError("copy")), "as it came .*--skip-video-fix.*"},
+      {Where::repair, of(PosixError(EFBIG, "write")), "as it came .*"},
+      {Where::transfer, of(PosixError(EFBIG, "write")), "The file system .*"},
+      {Where::transfer, of(std::runtime_error("?")), ""},
+      {Where::start, of(Error("Home", EWOULDBLOCK, "in use")), "again .*"},
+  };
+  for (const auto& [where, failure, expected] : rows) {
+    const FailureAdvice advice = adviceFor(RunOutcome::failed(1, where, failure));
+    EXPECT_THAT(
+        (advice.mayTryAgain ? "again " : "") + std::string(advice.maySaveAsItCame ? "as it came " : "") + advice.words,
+        testing::MatchesRegex(expected));
+  }
+  auto noticed = RunOutcome::failed(1, Where::repair, of(MP4RemuxError::writeError("copy")));
+  noticed.isDiskFull = true;
+  EXPECT_TRUE(adviceFor(noticed).mayTryAgain);
 }
 
 }  // namespace
