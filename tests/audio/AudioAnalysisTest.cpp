@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <ctime>
 
@@ -61,6 +62,10 @@ class AudioAnalysis : public testing::Test {
     return track;
   }
   static uint32_t ticks(double milliseconds) { return static_cast<uint32_t>(std::lround(milliseconds * 48)); }
+
+  static TimelineGap gapAt(double start, double length = 1) {
+    return {CMTime::makeWithSeconds(start), CMTime::makeWithSeconds(start + length), CMTime::makeWithSeconds(length)};
+  }
 
   AudioFindings decide(const SyntheticTrack& audio, Edits pictureEdits = {}) {
     clip_.write(syntheticMovie({pictures(std::move(pictureEdits)), audio}));
@@ -196,6 +201,66 @@ TEST_F(AudioAnalysis, DecidesByConfigurationAsToldWhereThatIsAsked) {
     EXPECT_EQ(found.internalGapCount, 1) << rate;
     EXPECT_NEAR(found.maxInternalGapMs, 1000, 0.1) << rate;
   }
+}
+
+TEST_F(AudioAnalysis, MatchesGapsAndInsertsSilenceForALateStartThatNoEditListGivesBack) {
+  using Gaps = std::vector<TimelineGap>;
+  const struct {
+    double audioStart, syncOffset;
+    Gaps video, audio;
+    std::array<size_t, 3> counts;  // gaps that match, of the video alone, of the audio alone
+    bool addsSilence = false;
+  } rows[] = {
+      {0.3, 0, {}, {gapAt(5)}, {0, 0, 1}, true},
+      {0.3, 0.3, {}, {}, {}},
+      {0.1, 0, {}, {}, {}},
+      {0.3, 0.01, {}, {}, {}},
+      {-0.3, 0, {}, {}, {}},
+      {0, 0, {gapAt(10)}, {gapAt(9.8)}, {1, 0, 0}},
+      {0, 0, {gapAt(10)}, {gapAt(9.5)}, {0, 1, 1}},
+      {0, 0.3, {gapAt(10)}, {gapAt(9.5)}, {1, 0, 0}},
+      {0, 0, {gapAt(3), gapAt(10), gapAt(15, 0.05)}, {gapAt(3)}, {1, 2, 0}},
+      {0, 0, {gapAt(10)}, {gapAt(2), gapAt(10), gapAt(20)}, {1, 0, 2}},
+      // One that starts at the video's end stays, one after it does not.
+      {0, 0, {}, {gapAt(20), gapAt(20.1)}, {0, 0, 1}},
+  };
+  for (const auto& row : rows) {
+    log_.clear();
+    const VideoTimeline video{.duration = CMTime::make(20, 1), .gaps = row.video, .rebaseOffset = CMTime::make(1, 1)};
+    const AudioCoverage audio{.gaps = row.audio, .originalFirstPTS = CMTime::makeWithSeconds(1 + row.audioStart)};
+    const auto actions = AudioTranscoder::convertToAudioActions(
+        AudioTranscoder::detectSilenceActions(video, audio, 48000, row.syncOffset, 0.5), 48000, packet);
+    const auto stats =
+        fmt::format("AudioTranscoder: Matched video gaps={}, Unmatched video gaps={}, Unmatched audio gaps={}",
+                    row.counts[0], row.counts[1], row.counts[2]);
+    EXPECT_TRUE(log_.contains(stats)) << stats;
+    std::vector<AudioAction> expected;
+    if (row.addsSilence) expected = {{AudioAction::Kind::insertSilence, 0, ticks(300), "audioStartsLate"}};
+    EXPECT_EQ(actions, expected) << row.audioStart << " " << row.syncOffset;
+  }
+}
+
+TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) {
+  // Half a second is no gap, a tick more is one.
+  for (uint32_t more : {0, 1}) {
+    clip_.write(syntheticMovie({pictures({{9000, -1}, {90000, 0}, {45000 + more, -1}, {180000, 90000}})}, 90000));
+    const auto timeline = AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5);
+    EXPECT_EQ(timeline.gaps.size(), more);
+    EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
+    EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + more / 90000.0);
+  }
+  SyntheticTrack overlapping = whole();
+  overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
+  clip_.write(syntheticMovie({overlapping}));
+  const auto inside = AudioTranscoder::detectInternalGaps(clip_.asset, clip_.track(), AACType::aacLC, 64);
+  EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
+  EXPECT_EQ(inside.maxOverlapMs, 100);
+
+  clip_.write(syntheticMovie({pictures({{100, -1}}), whole({{100, -1}})}));
+  EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),
+               AudioTranscoderError);
+  EXPECT_THROW(AudioTranscoder::buildAudioCoverage(clip_.asset, clip_.track(), CMTime::zero(), 48000, 0.5),
+               AudioTranscoderError);
 }
 
 TEST_F(AudioAnalysis, TakesNoLongerForEachGapWhereThereAreMany) {

@@ -78,19 +78,20 @@ class RandomMovieDrawing {
     ClipRecipe second = recipe;
     oneIn(2) ? second.size = "256x160" : second.video += isHEVC_ ? ":ctu=16" : ":cabac=0";
     story_ += ", then " + second.video + " of " + second.size;
+    changesInMidStream_ = true;
     return joinedClips(recipe, second, mono, isHEVC_ ? "hev1" : "avc1");
   }
 
-  /// Packets of sound that are lost or stamped otherwise.
+  /// Packets of sound that are lost or stamped otherwise, from 1.5 or 2.5 s on: far from a beep.
   std::string soundDamage(uint32_t rate) {
-    const uint32_t at = 20 + below(4 * rate / 1024 - 40), ticks = pick({50u, 70u, 200u, 700u}) * rate / 1000;
+    const uint32_t at = pick({3u, 5u}) * rate / 2048 + 1, ticks = pick({50u, 70u, 200u, 600u}) * rate / 1000;
     hasDamagedSound_ = oneIn(2);
     if (!hasDamagedSound_) return "";
     const std::string ways[] = {
         fmt::format("noise=drop='between(n,{},{})'", at, at + std::max(1u, ticks / 1024)),
         fmt::format("setts=ts='if(gt(N,{}),TS+{},TS)'", at, ticks),
-        fmt::format("setts=ts='if(gt(N,{}),TS-{},TS)'", at, ticks),
-        fmt::format("setts=ts='if(between(N,{},{}),TS+{},TS)'", at, at + 12, ticks),
+        fmt::format("setts=ts='if(gt(N,{}),TS-{},TS)'", at, ticks / 3),
+        fmt::format("setts=ts='if(between(N,{},{}),TS+{},TS)'", at, at + 12, ticks / 3),
         fmt::format("setts=ts='round(TS*1.0{})'", pick({1, 2})),
     };
     return " -bsf:a " + ways[below(std::size(ways))];
@@ -111,7 +112,9 @@ class RandomMovieDrawing {
     arguments += " -c copy -tag:v " + (isHEVC_ ? pick<std::string>({"hev1", "hvc1"}) : "avc1");
     arguments += pick<std::string>({"", " -movie_timescale 600", " -movie_timescale 90000", " -movie_timescale 44100"});
     arguments += pick<std::string>({"", " -video_track_timescale 30000"});
-    arguments += pick<std::string>({"", "", "", " -movflags negative_cts_offsets", " -use_editlist 0"});
+    const auto flags = pick<std::string>({"", "", "", " -movflags negative_cts_offsets", " -use_editlist 0"});
+    arguments += flags;
+    if (flags == " -use_editlist 0") hasDamagedSound_ = true;  // the first packet lasts until late sound goes on
     story_ += fmt::format(", {} at {} Hz, {}", sound.audio, sound.audioRate, arguments);
     return muxed(arguments, {video, clip(sound)});
   }
@@ -120,6 +123,7 @@ class RandomMovieDrawing {
   void drawList(const std::string& handler) {
     BoxTree* track = moov_.track(handler);
     if (!track || track->child("edts") == track->children.end() || oneIn(2)) return;
+    if (changesInMidStream_ && handler == "vide") return;  // after a pause ffmpeg takes the wrong sample entry
     const Bytes &old = track->at("edts/elst").fields, &deltas = track->at("mdia/minf/stbl/stts").fields;
     const auto number = [](const Bytes& fields, size_t at) {
       return static_cast<int32_t>(readUInt32(fields, at).value());
@@ -170,7 +174,8 @@ class RandomMovieDrawing {
 
   std::mt19937_64 random_;
   std::string story_;
-  bool isHEVC_ = false, hasInBandSets_ = false, hasDamagedSound_ = false, hasLongOffsets_ = false;
+  bool isHEVC_ = false, hasInBandSets_ = false, changesInMidStream_ = false;
+  bool hasDamagedSound_ = false, hasLongOffsets_ = false;
   std::optional<MovieLayout> layout_;
   BoxTree moov_{box("moov")};
   std::string parts_;

@@ -1,79 +1,13 @@
 // What happens while the engine is in the middle of something else.
 
-#include <atomic>
 #include <functional>
-#include <thread>
 
 #include "download/EngineTest.h"
-#include "platform/ForwardingFileManager.h"
+#include "support/FaultyFileManager.h"
 #include "support/FaultyServices.h"
 
 namespace tarn::test {
 namespace {
-
-/// Lets a test do something in the middle of an operation of the engine: once, just before the first change of a file
-/// of this name, or the first flush of such a directory, on the thread that makes it.
-class MeantimeFiles : public ForwardingFileManager {
- public:
-  using ForwardingFileManager::ForwardingFileManager;
-
-  void beforeChangeOf(std::string name, std::function<void()> work) {
-    name_ = std::move(name);
-    work_ = std::move(work);
-  }
-
-  void removeItem(const Path& path) override {
-    happen(path);
-    base().removeItem(path);
-  }
-  void synchronizeDirectory(const Path& path) override {
-    happen(path);
-    base().synchronizeDirectory(path);
-  }
-  void replaceItem(const Path& target, const Path& source) override {
-    happen(target);
-    base().replaceItem(target, source);
-  }
-
- private:
-  void happen(const Path& path) {
-    if (path.filename() == name_) std::exchange(work_, [] {})();
-  }
-
-  std::string name_;
-  std::function<void()> work_ = [] {};
-};
-
-class MeantimeTest : public EngineTest {
- protected:
-  /// The engine over files in whose changes a test may step.
-  void startOver(const ProcessingSteps& steps) {
-    engine_ = DownloadManager::create(
-        {meantime_, meantimeDefaults_, clock_, dispatch_, application_, photos_, transfers_}, steps);
-  }
-
-  MeantimeFiles meantime_{files_};
-  UserDefaults meantimeDefaults_{meantime_, home_ / "Defaults"};
-};
-
-TEST_F(MeantimeTest, AFileRunsOnceHoweverOftenTheForegroundComes) {
-  std::atomic<bool> isOver = false;
-  std::thread foreground([&] {
-    while (!isOver) engine_->checkAndResumePendingProcessing();
-  });
-  for (int i = 0; i < 40; ++i) {
-    const std::string name = "clip" + std::to_string(i) + ".mp4";
-    save(name);
-    finish(name);
-    transfers_.complete(url(name));
-    clock_.advance(std::chrono::seconds(1));
-  }
-  isOver = true;
-  foreground.join();
-  settle();
-  EXPECT_EQ(contents_.size(), 40U);
-  EXPECT_EQ(storedStates(), "[]");
-}
 
 /// Lets a test do something in the middle of the start of a download: when its transfer is made.
 class MeantimeTransfers : public ForwardingURLSessionService {
@@ -87,24 +21,65 @@ class MeantimeTransfers : public ForwardingURLSessionService {
   }
 };
 
+/// The engine over files and transfers in whose changes a test may step.
+class MeantimeTest : public EngineTest {
+ protected:
+  MeantimeTest() { startOver({.last = &last_}); }
+  ~MeantimeTest() override { engine_.reset(); }
+
+  void startOver(const ProcessingSteps& steps) {
+    engine_ = DownloadManager::create(
+        {meantime_, meantimeDefaults_, clock_, dispatch_, application_, photos_, meantimeTransfers_}, steps);
+  }
+
+  /// Lets the work happen when the file has just come to its place: no record names it, and no run is admitted.
+  void onceInPlace(const std::string& name, const std::function<void()>& work) {
+    meantime_.arm({.errnum = 0, .among = {FileOperation::flush}, .strike = [=, this] {
+                     EXPECT_TRUE(files_.fileExists(home_ / "Documents" / name));
+                     work();
+                   }});
+  }
+
+  FaultyFileManager meantime_{files_};
+  UserDefaults meantimeDefaults_{meantime_, home_ / "Defaults"};
+  MeantimeTransfers meantimeTransfers_{transfers_};
+};
+
 TEST_F(MeantimeTest, ADownloadThatBeginsWhileAllAreCancelledKeepsNoSlot) {
-  MeantimeTransfers transfers(transfers_);
-  engine_ = DownloadManager::create({files_, defaults_, clock_, dispatch_, application_, photos_, transfers},
-                                    {.last = &last_});
   engine_->setMaxConcurrentDownloads(1);
-  transfers.atTheNextStart = [this] { engine_->cancelAll(); };
+  meantimeTransfers_.atTheNextStart = [this] { engine_->cancelAll(); };
   save("a.mp4");
   settle();
   dispatch_.advance(std::chrono::milliseconds(500));
   EXPECT_EQ(save("b.mp4")->status(), DownloadStatus::downloading);
-  engine_.reset();
+}
+
+TEST_F(MeantimeTest, ADownloadThatIsPausedWhileItBeginsKeepsNoSlot) {
+  engine_->setMaxConcurrentDownloads(1);
+  meantimeTransfers_.atTheNextStart = [this] { EXPECT_TRUE(engine_->pauseDownloadFileBy(firstId)); };
+  save("a.mp4");
+  EXPECT_EQ(transfers_.task(url("a.mp4"))->state(), NSURLSessionTaskState::suspended);
+  EXPECT_EQ(save("b.mp4")->status(), DownloadStatus::downloading);
+}
+
+TEST_F(MeantimeTest, ADownloadThatCannotBeginLeavesItsSlotToOneThatCameMeanwhile) {
+  engine_->setMaxConcurrentDownloads(1);
+  DownloadTaskPointer other;
+  // Its transfer is made as soon as it is known, and when that has failed, once more in its slot.
+  meantimeTransfers_.atTheNextStart = [&] {
+    meantimeTransfers_.atTheNextStart = [&] {
+      other = save("b.mp4");
+      throw PosixError(EIO, "at the start");
+    };
+    throw PosixError(EIO, "before the start");
+  };
+  EXPECT_EQ(save("a.mp4")->status(), DownloadStatus::failed);
+  EXPECT_EQ(other->status(), DownloadStatus::downloading);
 }
 
 TEST_F(MeantimeTest, TheSweepLeavesAFileThatIsBeingHandedOver) {
-  startOver({.last = &last_});
   save("clip.mp4");
-  // The file has just come to its place, and no record names it yet.
-  meantime_.beforeChangeOf("Documents", [&] { cleanUp(); });
+  onceInPlace("clip.mp4", [&] { cleanUp(); });
   finish("clip.mp4");
   EXPECT_EQ(contents(), "content of clip.mp4");
 }
@@ -136,8 +111,7 @@ TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
       if (where == Where::waiting) save("first.MP4"), finish("first.MP4");
       contents_.clear();
       id = save("clip.MP4")->id;
-      // The file has just come to its place, and its run is not admitted yet.
-      if (where == Where::handedOver) meantime_.beforeChangeOf("Documents", takeAway);
+      if (where == Where::handedOver) onceInPlace("clip.MP4", takeAway);
       finish("clip.MP4");
       if (where != Where::handedOver) put(std::to_string(id) + ".recipe", "of an earlier process");
       if (where == Where::waiting || where == Where::aboutToRun) takeAway();

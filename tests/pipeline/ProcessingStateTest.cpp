@@ -44,24 +44,14 @@ const std::string document =
     R"("lastUpdated":1.5,"needsRemuxing":true,"needsAudioTranscode":false,"skipAVSync":false,"askedFlags":[true,true,false],)"
     R"("videoFirstPTS":0.5,"lostEnd":"2 s","missing":"1 s","wrong":["a gap","a tag"],"done":["filled it"]}])";
 
-TEST_F(ProcessingStateTest, StoredDocumentIsAFlatArrayOfIdsAndRecords) {
-  store_.saveState({.downloadId = 1800000000,
-                    .filename = "clip.mp4",
-                    .album = "Trips",
-                    .fileURL = "/home/a b/\xC3\xA9.mp4",
-                    .stage = syncFixing,
-                    .tempFiles = {"/tmp/x.m4a"},
-                    .lastUpdated = Date(std::chrono::seconds(978307200) + std::chrono::milliseconds(1500)),
-                    .needsRemuxing = true,
-                    .askedFlags = {{true, true, false}},
-                    .videoFirstPTS = 0.5,
-                    .lostEnd = "2 s",
-                    .missing = "1 s",
-                    .wrong = {"a gap", "a tag"},
-                    .done = {"filled it"}});
+TEST_F(ProcessingStateTest, WhatWasReadIsStoredAsItWas) {
+  defaults_.setData(key, bytesOf(document));
+  const ProcessingState record = store_.loadState(1800000000).value();
+  EXPECT_EQ(record.fileURL, "/home/a b/\xC3\xA9.mp4");
+  EXPECT_EQ(record.lastUpdated, Date(std::chrono::seconds(978307200) + std::chrono::milliseconds(1500)));
+  EXPECT_TRUE(record.needsRemuxing && !record.needsAudioTranscode && !record.skipAVSync);
+  store_.saveState(record);
   EXPECT_EQ(stored(key), document);
-  store_.saveState(store_.loadState(1800000000).value());
-  EXPECT_EQ(stored(key), document) << "what was read is what was stored";
 }
 
 TEST_F(ProcessingStateTest, WhatDoesNotDecodeIsSetAsideOnceAndTheNextSaveDropsIt) {
@@ -144,12 +134,9 @@ TEST_F(ProcessingStateTest, CleanupTakesOldRecordsAndThoseWithoutTheirVideo) {
   store_.saveState(young);
   files_.removeItem(store(3, remuxed).fileURL);
 
-  LogCapture lines;
   const auto documents = [this] { return files_.contentsOfDirectory(home_ / "Documents"); };
   store_.cleanupStaleStates(day);
-  EXPECT_TRUE(lines.contains("Removed stale processing state for download 1 (age: 25h)"));
   store_.validateStates();
-  EXPECT_TRUE(lines.contains("Removed 1 processing state(s) with missing files"));
   EXPECT_THAT(store_.allStates(), ElementsAre(isRecord(2)));
   EXPECT_THAT(store_.loadState(2)->tempFiles, ElementsAre(young.tempFiles[0]));
   EXPECT_THAT(documents(), UnorderedElementsAre("clip1.mp4", "clip2.mp4", "clip2.m4a")) << "videos are the sweep's";

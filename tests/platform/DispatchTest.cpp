@@ -4,10 +4,13 @@
 #include <atomic>
 #include <chrono>
 #include <latch>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/host/AsioDispatch.h"
+#include "platform/host/HostApplication.h"
+#include "platform/memory/ManualDispatch.h"
 
 namespace tarn {
 namespace {
@@ -84,6 +87,37 @@ TEST(AsioDispatch, DestructionWaitsForRunningWorkAndDropsTheRest) {
     late->sync([&] { ++dropped; });
   }
   EXPECT_EQ(dropped, 0);
+}
+
+TEST(HostApplication, BackgroundTasksExpireWhenTheLimitHasPassed) {
+  ManualDispatch dispatch;
+  HostApplication application(dispatch, {.backgroundLimit = 30s});
+  std::string expired;
+  const auto begin = [&](const char* name) {
+    return application.beginBackgroundTask(name, [&expired, name] { expired += name; });
+  };
+
+  application.enterBackground();
+  begin("left before the limit");
+  dispatch.advance(29s);
+  application.enterForeground();
+  dispatch.advance(5s);
+  EXPECT_EQ(expired, "") << "the limit of an earlier stay has no say";
+
+  application.enterBackground();
+  const auto ended = begin(", ended");
+  begin(", running");
+  application.endBackgroundTask(ended);
+  dispatch.advance(30s);
+  const auto endedInTime = begin(", too late, but ended");
+  begin(", too late");
+  application.endBackgroundTask(endedInTime);
+  EXPECT_EQ(expired, "left before the limit, running") << "handlers come on the main queue";
+  dispatch.runUntilIdle();
+
+  application.expireBackgroundTime();
+  dispatch.runUntilIdle();
+  EXPECT_EQ(expired, "left before the limit, running, too late") << "each handler runs once";
 }
 
 }  // namespace

@@ -88,4 +88,13 @@ inline bool join(PHPhotoLibrary& library, const std::string& album, const std::v
   return joined;
 }
 
+/// All that a save does to the library: asset, album, entry, each a change of its own.
+inline std::string save(PHPhotoLibrary& library, const Path& source, const std::string& title = "Trips",
+                        const std::optional<std::string>& filename = {}) {
+  std::string asset = makeAsset(library, source, filename);
+  const auto albums = library.fetchAssetCollections(title);
+  join(library, albums.empty() ? makeAlbum(library, title) : albums.front().localIdentifier, {{asset}});
+  return asset;
+}
+
 }  // namespace tarn::test

@@ -12,11 +12,13 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/Error.h"
 #include "platform/host/AsioDispatch.h"
 #include "platform/host/CurlURLSession.h"
 #include "platform/host/PosixFileManager.h"
+#include "support/FaultServer.h"
 #include "support/FaultyFileManager.h"
 #include "support/TempDirectory.h"
 
@@ -140,17 +142,36 @@ struct Harness {
     listener.reset();
   }
 
-  std::shared_ptr<NSURLSessionDownloadTask> download(const std::string& url) {
-    auto task = session->downloadTask(url, "description of " + url);
+  std::shared_ptr<NSURLSessionDownloadTask> download(const std::string& url, const TransferOptions& wishes = {}) {
+    auto task = session->downloadTask(url, "description of " + url, wishes);
     task->resume();
     return task;
   }
-
+  /// Downloads, and waits for the first report of what was written.
+  std::shared_ptr<NSURLSessionDownloadTask> fetchSome(const std::string& url, const TransferOptions& wishes = {}) {
+    auto task = download(url, wishes);
+    listener->waitFor(task->taskIdentifier(), [](const Heard& heard) { return heard.reports() > 0; });
+    return task;
+  }
   /// Downloads, and waits for the end.
-  Heard fetch(const std::string& url) { return listener->waitForEnd(download(url)->taskIdentifier()); }
+  Heard fetch(const std::string& url, const TransferOptions& wishes = {}) {
+    return listener->waitForEnd(download(url, wishes)->taskIdentifier());
+  }
 
   /// Names in the transfers' directory.
   size_t filesLeft() { return disk.contentsOfDirectory(directory()).size(); }
+};
+
+/// The same beside a server that has one video.
+struct ServedHarness : Harness {
+  using Replies = std::vector<Reply>;
+  explicit ServedHarness(Replies replies = {}, Reply afterwards = {}) {
+    server.serve("/file", ServedFile::of(video(1)), std::move(replies), std::move(afterwards));
+  }
+  ~ServedHarness() { stop(); }
+
+  FaultServer server;
+  const std::string url = server.url("/file");
 };
 
 }  // namespace tarn::test

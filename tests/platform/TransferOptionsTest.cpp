@@ -4,7 +4,6 @@
 #include <chrono>
 
 #include "TransferHarness.h"
-#include "support/Eventually.h"
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"
 #include "support/TarnProcess.h"
@@ -36,15 +35,6 @@ constexpr const char* none = "||||";
 
 class TransferOptionsTest : public testing::Test {
  protected:
-  std::shared_ptr<NSURLSessionDownloadTask> download(const std::string& url, const TransferOptions& options) {
-    auto task = harness_.session->downloadTask(url, "", options);
-    task->resume();
-    return task;
-  }
-  Heard fetch(const std::string& url, const TransferOptions& options) {
-    return harness_.listener->waitForEnd(download(url, options)->taskIdentifier());
-  }
-
   const ServedFile file_ = ServedFile::of(video(1));
   FaultServer home_, other_;
   Harness harness_;
@@ -60,7 +50,7 @@ TEST_F(TransferOptionsTest, SecretsGoToTheFirstOriginAlone) {
   other_.serve("/back", file_, {}, {.status = 301, .location = home_.url("/file")});
   harness_.start();
   for (const char* path : {"/file", "/inside", "/out", "/round"}) {
-    EXPECT_EQ(fetch(home_.url(path), secretOptions()).file, video(1)) << path;
+    EXPECT_EQ(harness_.fetch(home_.url(path), secretOptions()).file, video(1)) << path;
   }
   EXPECT_EQ(home_.requests().size(), 7U);
   for (const ReceivedRequest& request : home_.requests()) {
@@ -76,18 +66,18 @@ TEST_F(TransferOptionsTest, SecretsGoToTheFirstOriginAlone) {
   EXPECT_EQ(other_.requests()[1].header("range"), "bytes=149488-") << "what is no secret goes on";
 
   const std::string url = home_.url("/out"), named = "http://me:pass@" + url.substr(7);
-  EXPECT_EQ(fetch(named, {}).file, video(1));
+  EXPECT_EQ(harness_.fetch(named, {}).file, video(1));
   EXPECT_EQ(home_.requests().back().header("authorization"), "Basic bWU6cGFzcw==");
   EXPECT_EQ(secretsOf(other_.requests().back()), none);
 }
 
-TEST_F(TransferOptionsTest, TheyOutliveTheProcessAndAreTheOwnersAndNobodyElses) {
+TEST_F(TransferOptionsTest, TheyAndTheServersNameOutliveTheProcessAndAreTheOwnersAlone) {
   const mode_t before = ::umask(0022);
   LogCapture lines;
-  home_.serve("/file", file_, {{.stallAfter = half}, {.status = 503}, {.closeAfter = 10}});
+  const Reply named{.disposition = "attachment; filename=\"../a b.mp4\"", .stallAfter = half};
+  home_.serve("/file", file_, {named, {.status = 503}, {.closeAfter = 10}});
   harness_.start();
-  const int64_t id = download(home_.url("/file"), secretOptions())->taskIdentifier();
-  ASSERT_TRUE(eventually([&] { return harness_.listener->heard(id).reports() > 0; }));
+  const int64_t id = harness_.fetchSome(home_.url("/file"), secretOptions())->taskIdentifier();
   const Path record = harness_.directory() / (std::to_string(id) + ".json");
   struct stat facts {};
   ASSERT_EQ(::stat(record.c_str(), &facts), 0);
@@ -95,7 +85,9 @@ TEST_F(TransferOptionsTest, TheyOutliveTheProcessAndAreTheOwnersAndNobodyElses) 
   EXPECT_NE(contentOf(record).find("seCret1"), std::string::npos);
   harness_.stop();
   harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(id).file, video(1));
+  const Heard heard = harness_.listener->waitForEnd(id);
+  EXPECT_EQ(heard.file, video(1));
+  EXPECT_EQ(heard.task->suggestedFilename(), "a b.mp4") << "by the server, before the restart";
   EXPECT_EQ(secretsOf(home_.requests().back()), all);
   EXPECT_EQ(harness_.filesLeft(), 0U);
   harness_.stop();
@@ -106,8 +98,7 @@ TEST_F(TransferOptionsTest, TheyOutliveTheProcessAndAreTheOwnersAndNobodyElses) 
 TEST_F(TransferOptionsTest, OldSecretsAreForgotten) {
   home_.serve("/file", file_, {{.stallAfter = half}});
   harness_.start();
-  const int64_t id = download(home_.url("/file"), secretOptions())->taskIdentifier();
-  ASSERT_TRUE(eventually([&] { return harness_.listener->heard(id).reports() > 0; }));
+  const int64_t id = harness_.fetchSome(home_.url("/file"), secretOptions())->taskIdentifier();
   harness_.stop();
   harness_.options.keepsOptions = std::chrono::seconds(0);
   harness_.start();
@@ -120,11 +111,11 @@ TEST_F(TransferOptionsTest, TheRateIsTheUsers) {
   home_.serve("/file", file_);
   harness_.start();
   const auto began = std::chrono::steady_clock::now();
-  EXPECT_EQ(fetch(home_.url("/file"), {.bytesPerSecond = 300'000}).file, video(1));
+  EXPECT_EQ(harness_.fetch(home_.url("/file"), {.bytesPerSecond = 300'000}).file, video(1));
   EXPECT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(700));
 }
 
-// The server says nothing behind the piece that waits for its time.
+// The server says nothing after the piece that waits for its time.
 TEST_F(TransferOptionsTest, APieceThatHadToWaitAndCannotBeWrittenEndsTheTransfer) {
   home_.serve("/file", file_, {}, {.stallAfter = 1200});
   harness_.start();
@@ -137,21 +128,11 @@ TEST_F(TransferOptionsTest, APieceThatHadToWaitAndCannotBeWrittenEndsTheTransfer
 TEST_F(TransferOptionsTest, RetriesAreTheUsers) {
   home_.serve("/busy", file_, {}, {.status = 503});
   harness_.start();
-  EXPECT_EQ(fetch(home_.url("/busy"), {.retries = 0}).code(), 503);
+  EXPECT_EQ(harness_.fetch(home_.url("/busy"), {.retries = 0}).code(), 503);
   EXPECT_EQ(home_.requests().size(), 1U);
-  EXPECT_EQ(fetch(home_.url("/busy"), {.retries = 7}).code(), 503);
+  EXPECT_EQ(harness_.fetch(home_.url("/busy"), {.retries = 7}).code(), 503);
   EXPECT_EQ(home_.requests().size(), 9U);
   EXPECT_THROW(harness_.session->downloadTask(home_.url("/file"), "", {.headers = {"Range: bytes=0-"}}), URLError);
-}
-
-TEST_F(TransferOptionsTest, TheNameThatTheServerGivesIsKeptOverARestart) {
-  home_.serve("/file", file_, {{.disposition = "attachment; filename=\"../a b.mp4\"", .stallAfter = half}});
-  harness_.start();
-  const auto task = download(home_.url("/file"), {});
-  ASSERT_TRUE(eventually([&] { return harness_.listener->heard(task->taskIdentifier()).reports() > 0; }));
-  harness_.stop();
-  harness_.start();
-  EXPECT_EQ(harness_.listener->waitForEnd(task->taskIdentifier()).task->suggestedFilename(), "a b.mp4");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "plugin/EngineModel.h"
-#include "plugin/EngineThreads.h"
 
 namespace tarn::test {
 namespace {
@@ -13,9 +12,7 @@ constexpr uint32_t usualSeeds = 100;
 #else
 constexpr uint32_t usualSeeds = 2000;
 #endif
-constexpr uint32_t usualSeedsOnThreads = 100;
 constexpr uint32_t shares = 4;
-constexpr size_t stepsOfASeed = 200;
 
 /// The fewest of the steps that still break a promise.
 std::vector<ModelStep> shortest(std::vector<ModelStep> steps) {
@@ -43,18 +40,10 @@ class EngineModelTest : public testing::TestWithParam<uint32_t> {};
 TEST_P(EngineModelTest, KeepsItsPromisesUnderEveryOrderOfEvents) {
   const uint32_t first = numberFrom("TARN_MODEL_FIRST", 0), seeds = numberFrom("TARN_MODEL_SEEDS", usualSeeds);
   for (uint32_t seed = first + GetParam(); seed < first + seeds; seed += shares) {
-    const std::vector<ModelStep> steps = drawSteps(seed, stepsOfASeed);
+    const std::vector<ModelStep> steps = EngineDriver::drawSteps(seed, 200);
     if (!EngineModel::brokenBy(steps)) continue;
     const std::vector<ModelStep> fewest = shortest(steps);
     FAIL() << "seed " << seed << ": " << *EngineModel::brokenBy(fewest) << "\n" << text(fewest);
-  }
-}
-
-TEST(EngineThreadsTest, KeepsItsPromisesOnRealThreads) {
-  const uint32_t first = numberFrom("TARN_MODEL_FIRST", 0), seeds = numberFrom("TARN_MODEL_SEEDS", usualSeedsOnThreads);
-  for (uint32_t seed = first; seed < first + seeds; ++seed) {
-    const std::vector<ModelStep> steps = drawSteps(seed, stepsOfASeed);
-    if (const auto broken = EngineThreads::brokenBy(steps)) FAIL() << "seed " << seed << ": " << *broken;
   }
 }
 

@@ -12,7 +12,6 @@
 namespace tarn::test {
 namespace {
 
-using Kind = ModelStep::Kind;
 using namespace std::chrono_literals;
 
 constexpr int hoursOfTheDay = 24;
@@ -70,22 +69,21 @@ class EngineDay : private EngineModel {
 
   size_t begun = 0, savedOnce = 0, cancelled = 0, failed = 0, excused = 0, kills = 0;
   std::optional<std::string> broken() const { return broken_; }
-  double hours() const { return std::chrono::duration<double, std::ratio<3600>>(clock_.now() - dawn_).count(); }
 
  private:
   void draw() {
     steps_ = drawSteps(seed_++, 200);
     next_ = 0;
     for (auto& [kind, argument] : steps_) {
-      const bool isForAll = kind == Kind::cancelAll || kind == Kind::clearAll;  // few are left to be saved
-      const bool isExcuse = kind == Kind::failStore || kind == Kind::jump;      // for every download before it
-      if ((isForAll && argument >= 200) || (isExcuse && argument >= 5)) kind = Kind::second;
+      const bool isForAll = kind == "cancelAll" || kind == "clearAll";  // few are left to be saved
+      const bool isExcuse = kind == "failStore" || kind == "jump";      // for every download before it
+      if ((isForAll && argument >= 200) || (isExcuse && argument >= 5)) kind = "second";
     }
   }
 
   void perform(const ModelStep& step) override {
-    if (step.kind == Kind::restart && !isInRun_) ++kills;
-    if (step.kind != Kind::second) return EngineModel::perform(step);
+    if (step.kind == "restart" && !isInRun_) ++kills;
+    if (step.kind != "second") return EngineModel::perform(step);
     for (uint32_t second = 0; second <= step.argument % 56; ++second) letTimePass();
   }
 
@@ -111,7 +109,6 @@ class EngineDay : private EngineModel {
 
   std::vector<ModelStep>& steps_;
   uint32_t seed_;
-  const Date dawn_ = clock_.now();
 };
 
 TEST(EngineSoakTest, ADayOfDownloadsKillsAndFaultsLosesNothingAndLeavesNothing) {
@@ -127,7 +124,6 @@ TEST(EngineSoakTest, ADayOfDownloadsKillsAndFaultsLosesNothingAndLeavesNothing) 
     if (hour == hoursOfTheDay / 4) memory = countedByTheKernel("VmRSS:");
   }
   const size_t memoryAtLast = countedByTheKernel("VmRSS:");
-  EXPECT_GE(day.hours(), hoursOfTheDay);
   day.passTheDayAfter();
   ASSERT_EQ(day.broken().value_or(""), "") << "the day after, seed " << seed;
   EXPECT_GE(day.begun, downloads);
@@ -137,11 +133,9 @@ TEST(EngineSoakTest, ADayOfDownloadsKillsAndFaultsLosesNothingAndLeavesNothing) 
   EXPECT_LE(memoryAtLast, memory + memory / 10 + 1024) << "KiB, at the end and at a quarter of the day";
 #endif
   std::cout << fmt::format(
-      "{:.1f} hours, seed {}: {} downloads ({} saved, {} failed, {} cancelled, {} lost with a store or left alone for "
-      "a "
-      "day), {} kills; {} threads; {} KiB at a quarter, {} at the end\n",
-      day.hours(), seed, day.begun, day.savedOnce, day.failed, day.cancelled, day.excused, day.kills, threads, memory,
-      memoryAtLast);
+      "seed {}, {} kills, {} downloads ({} saved, {} failed, {} cancelled, {} lost with a store or left for a day); "
+      "{} KiB at a quarter, {} at the end\n",
+      seed, day.kills, day.begun, day.savedOnce, day.failed, day.cancelled, day.excused, memory, memoryAtLast);
 }
 
 }  // namespace

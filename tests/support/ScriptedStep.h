@@ -23,7 +23,6 @@ class ScriptedStep : public ProcessingStep {
   ProcessingStage gateStage() const override { return stages_.front(); }
 
   void run(ProcessingRun& run) override {
-    run.token->throwIfCancelled();
     for (ProcessingStage stage : stages_) {
       run.updateProcessingStage(stage);
       notes_.emplace_back(rawValue(stage));

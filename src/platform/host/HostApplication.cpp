@@ -20,7 +20,6 @@ class HostApplication::Life : public std::enable_shared_from_this<Life> {
 
   UIBackgroundTaskIdentifier begin(std::function<void()> expiration) {
     std::lock_guard guard(mutex_);
-    if (refuse_) return UIBackgroundTaskInvalid;
     const UIBackgroundTaskIdentifier identifier = ++lastTask_;
     handlers_.emplace(identifier, std::move(expiration));
     if (state_ == UIApplicationState::background && timeIsUp_) postExpiration({identifier});
@@ -67,11 +66,6 @@ class HostApplication::Life : public std::enable_shared_from_this<Life> {
     main_.async([weak = weak_from_this()] {
       if (const auto life = weak.lock()) life->expireAll();
     });
-  }
-
-  void refuse(bool refuse) {
-    std::lock_guard guard(mutex_);
-    refuse_ = refuse;
   }
 
  private:
@@ -137,7 +131,6 @@ class HostApplication::Life : public std::enable_shared_from_this<Life> {
 
   std::mutex mutex_;  // guards all below; never held while a handler or an observer runs
   UIApplicationState state_ = UIApplicationState::active;
-  bool refuse_ = false;
   bool timeIsUp_ = false;
   uint64_t stay_ = 0;  // counts changes of the state, so that an old limit finds out that it is one
   UIBackgroundTaskIdentifier lastTask_ = UIBackgroundTaskInvalid;
@@ -187,10 +180,6 @@ void HostApplication::terminate() {
 
 void HostApplication::expireBackgroundTime() {
   life_->expire();
-}
-
-void HostApplication::refuseBackgroundTasks(bool refuse) {
-  life_->refuse(refuse);
 }
 
 }  // namespace tarn

@@ -46,9 +46,6 @@ class HostApplication : public UIApplication {
   /// handlers called there. Until the next return to the foreground, tasks begun in the background expire at once.
   void expireBackgroundTime();
 
-  /// While set, no background time is granted.
-  void refuseBackgroundTasks(bool refuse);
-
  private:
   class Life;
 

@@ -5,12 +5,10 @@
 #include <numeric>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "platform/Error.h"
 #include "platform/layers/LayeredFiles.h"
 #include "platform/memory/InMemoryFileManager.h"
-#include "support/FaultyFileManager.h"
 #include "support/LogCapture.h"
 
 namespace tarn::test {
@@ -42,7 +40,7 @@ class LayeredFilesTest : public testing::Test {
     return layers_->keepRecipe(work, recipe);
   }
 
-  /// The work file with `text` ahead of it.
+  /// The work file with `text` before it.
   void prepend(std::string_view text) {
     const auto old = layers_->open(work, OpenMode::reading);
     const auto made = layers_->open(piece, OpenMode::exclusive);
@@ -161,53 +159,6 @@ TEST_F(LayeredFilesTest, ChangesNothingOfTheBaseButTheSideFile) {
   EXPECT_EQ(readFile(disk_, work), pattern(100));
   EXPECT_THAT(disk_.contentsOfDirectory("/home"), UnorderedElementsAre("Documents"));
   EXPECT_THAT(disk_.contentsOfDirectory(documents), UnorderedElementsAre("video.mp4", "7.side"));
-}
-
-// Every failing operation on the way to the finished file leaves the old one or the new one, and the recipe of one.
-TEST_F(LayeredFilesTest, AnyOperationMayFail) {
-  FaultyFileManager files(disk_);
-  const auto points = files.sweep({.errnum = ENOSPC}, [&](uint64_t call) {
-    SCOPED_TRACE("call " + std::to_string(call));
-    files.disarm();
-    writeFileAtomically(disk_, work, pattern(100));
-    layers_.emplace(files, side);
-    files.arm({.call = call, .errnum = ENOSPC});
-    bool isDone = false;
-    try {
-      layers_->keepRecipe(work, recipe);
-      prepend("head");
-      finish();
-      isDone = true;
-    } catch (const PosixError&) {
-    }
-    const Bytes found = readFile(disk_, work);
-    EXPECT_TRUE(found == prepended("head") || (!isDone && found == pattern(100)));
-    layers_.emplace(disk_, side);
-    EXPECT_NE(layers_->keepRecipe(work, recipe), TakenUp::damaged);
-    const Bytes next = readFile(*layers_, work);
-    EXPECT_TRUE(next == prepended("head") || next == pattern(100));
-    layers_->discard();
-  });
-  EXPECT_GT(points, 10U);
-}
-
-TEST_F(LayeredFilesTest, TwoThreadsMayWorkAtOnce) {
-  const auto encode = [&] {
-    const auto file = layers_->open(piece, OpenMode::exclusive);
-    for (int i = 0; i < 1000; ++i) file->write(pattern(50));
-  };
-  std::thread encoder(encode);
-  const auto source = layers_->open(work, OpenMode::reading);
-  const auto other = layers_->open(documents / "other", OpenMode::exclusive);
-  for (int i = 0; i < 1000; ++i) {
-    source->seek(i % 100);
-    EXPECT_EQ(source->read(1), Bytes{static_cast<uint8_t>(i % 100 + 1)});
-    other->write(pattern(20));
-  }
-  encoder.join();
-  const Bytes made = readFile(*layers_, piece);
-  ASSERT_EQ(made.size(), 50'000U);
-  for (size_t i = 0; i < made.size(); i += 50) EXPECT_EQ(made[i], 1);
 }
 
 }  // namespace

@@ -8,7 +8,7 @@ namespace {
 using enum DownloadStatus;
 using State = NSURLSessionTaskState;
 
-class PauseTest : public EngineTest {
+class SlotsTest : public EngineTest {
  protected:
   DownloadTaskPointer task(int64_t id) {
     const auto tasks = engine_->getDownloads();
@@ -18,7 +18,45 @@ class PauseTest : public EngineTest {
   bool isPaused(int64_t id) { return engine_->getTransferStates().at(id).isPaused; }
 };
 
-TEST_F(PauseTest, APausedDownloadLeavesItsSlotAndWaitsForOneWhenItGoesOn) {
+TEST_F(SlotsTest, ARaisedLimitStartsWhatWaitsAndALoweredOneStopsNothing) {
+  std::vector<DownloadTaskPointer> tasks;
+  for (int i = 0; i < 5; ++i) tasks.push_back(save("clip" + std::to_string(i) + ".mp4"));
+  EXPECT_EQ(tasks[2]->status(), downloading);
+  EXPECT_EQ(tasks[3]->status(), queued);
+  for (const int limit : {5, 1}) {
+    engine_->setMaxConcurrentDownloads(limit);
+    for (const auto& started : tasks) EXPECT_EQ(started->status(), downloading);
+  }
+}
+
+TEST_F(SlotsTest, AStoppedLineStartsNoneWhateverTheLimit) {
+  engine_->setMaxConcurrentDownloads(1);
+  save("a.mp4");
+  const auto waiting = save("b.mp4");
+  engine_->stopStarting();
+  engine_->setMaxConcurrentDownloads(2);
+  EXPECT_EQ(waiting->status(), queued);
+}
+
+TEST_F(SlotsTest, CancelAllBlocksForHalfASecondAndClearAllLiftsThat) {
+  save("a.mp4");
+  engine_->cancelAll();
+  EXPECT_FALSE(save("b.mp4"));
+  settle();
+  EXPECT_EQ(stored("ActiveDownloads"), "none");
+  dispatch_.advance(std::chrono::milliseconds(499));
+  EXPECT_FALSE(save("b.mp4"));
+  dispatch_.advance(std::chrono::milliseconds(1));
+  EXPECT_TRUE(save("b.mp4"));
+
+  engine_->cancelAll();
+  engine_->clearAllStates();
+  EXPECT_TRUE(save("c.mp4"));
+  settle();
+  EXPECT_EQ(engine_->getDownloads().size(), 1U) << "the wipe is posted, and must not take what was started since";
+}
+
+TEST_F(SlotsTest, APausedDownloadLeavesItsSlotAndWaitsForOneWhenItGoesOn) {
   engine_->setMaxConcurrentDownloads(1);
   const int64_t a = save("a.mp4")->id, b = save("b.mp4")->id, c = save("c.mp4")->id;
   transfers_.writeData(url("a.mp4"), 10, 100);
@@ -49,7 +87,7 @@ TEST_F(PauseTest, APausedDownloadLeavesItsSlotAndWaitsForOneWhenItGoesOn) {
                                       testing::HasSubstr("finished " + std::to_string(c))));
 }
 
-TEST_F(PauseTest, APauseAndItsEndOutliveTheProcess) {
+TEST_F(SlotsTest, APauseAndItsEndOutliveTheProcess) {
   engine_->setMaxConcurrentDownloads(1);
   const int64_t running = save("a.mp4")->id, waiting = save("b.mp4", true)->id;
   engine_->pauseDownloadFileBy(waiting);
@@ -72,7 +110,7 @@ TEST_F(PauseTest, APauseAndItsEndOutliveTheProcess) {
   EXPECT_TRUE(task(waiting)->request.skipVideoFix);
 }
 
-TEST_F(PauseTest, OnlyATransferThatIsNotOverCanBePaused) {
+TEST_F(SlotsTest, OnlyATransferThatIsNotOverCanBePaused) {
   const int64_t id = save("a.mp4")->id;
   EXPECT_FALSE(engine_->pauseDownloadFileBy(id + 1));
   EXPECT_FALSE(engine_->resumeDownloadFileBy(id));
