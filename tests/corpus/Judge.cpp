@@ -7,12 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <ranges>
 
+#include "corpus/Playback.h"
 #include "platform/host/PosixFileManager.h"
-#include "support/BoxEditor.h"
-#include "support/MediaMaker.h"
-#include "support/ProbedMovie.h"
 #include "support/TarnProcess.h"
-#include "support/TempDirectory.h"
 
 namespace tarn::test {
 namespace {

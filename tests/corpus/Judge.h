@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "corpus/Playback.h"
+#include "platform/FileManager.h"
 
 namespace tarn::test {
 

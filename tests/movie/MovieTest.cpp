@@ -191,6 +191,8 @@ TEST_F(MovieTest, WhatIsAfterTheMoovStaysGoesOrIsRefused) {
             }),
             (Answers{"0 9", "0 9", "16 0", "0 9"}))
       << "the moov that counts, and whether the media move with it";
+  const MediaLayout around = scan(joined({box("mdat"), box("moov"), box("mdat")}), edit::syncing);
+  EXPECT_EQ(around.shift(*around.first("moov"), 9, edit::syncing).movesFrom, 16u) << "media before the moov stay";
 }
 
 }  // namespace

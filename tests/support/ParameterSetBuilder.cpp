@@ -31,7 +31,7 @@ Bytes BitBuilder::bytes() const {
 Bytes HEVCSPS::bytes() const {
   BitBuilder sps;
   sps.bits(0x4201, 16).bits(0, 4).bits(maxSubLayersMinus1, 3).bits(1, 1);
-  sps.bits(profileSpace, 2).bits(0, 1).bits(profile, 5).bits(compatibility, 32).bits(constraints, 48).bits(level, 8);
+  sps.bits(0, 3).bits(profile, 5).bits(compatibility, 32).bits(0x900000000000, 48).bits(level, 8);
   for (int i = 0; i < maxSubLayersMinus1; ++i) sps.bits(subLayerProfiles ? 3 : 0, 2);
   if (maxSubLayersMinus1 > 0) sps.bits(0, 2 * (8 - maxSubLayersMinus1));
   for (int i = 0; subLayerProfiles && i < maxSubLayersMinus1; ++i) sps.bits(~0ULL, 64).bits(~0ULL, 32);
@@ -39,7 +39,7 @@ Bytes HEVCSPS::bytes() const {
   if (chromaFormat == 3) sps.bits(separatePlanes, 1);
   sps.number(width).ue(height).bits(conformanceWindow, 1);
   if (conformanceWindow) sps.ue(1).ue(3).ue(2).ue(2);
-  return sps.ue(lumaDepthMinus8).ue(chromaDepthMinus8).bits(marker, 8).bits(1, 1).bytes();
+  return sps.ue(lumaDepthMinus8).ue(chromaDepthMinus8).bits(1, 9).bytes();
 }
 
 Bytes hevcVPS(uint8_t id, uint8_t content) {

@@ -27,10 +27,8 @@ class BitBuilder {
 struct HEVCSPS {
   uint8_t maxSubLayersMinus1 = 0;
   bool subLayerProfiles = false;  ///< each sub-layer states profile and level
-  uint8_t profileSpace = 0;
   uint8_t profile = 1;
   uint32_t compatibility = 0x60000000;
-  uint64_t constraints = 0x900000000000;
   uint8_t level = 93;
   uint32_t id = 0;  ///< or `noNumber`
   uint32_t chromaFormat = 1;
@@ -41,7 +39,6 @@ struct HEVCSPS {
       false;  ///< which leaves out 1 unit on the left, 3 on the right, 2 at the top and 2 at the bottom
   uint32_t lumaDepthMinus8 = 0;
   uint32_t chromaDepthMinus8 = 0;
-  uint8_t marker = 0;  ///< a byte behind all that is read
 
   Bytes bytes() const;
 };
