@@ -45,7 +45,6 @@ TEST_F(FullDiskTest, EachCommandSaysSoWithTheCodeForLaterAndLeavesNothingHalf) {
       "fill; tarn $json inspect $file --plot $disk/plot.svg",
       "save $file.home$json; fill; tarn $json --home $file.home$json library export $disk",
       "save $disk/home; fill; tarn $json --home $disk/home library rename clip.mp4 other.mp4",
-      "save $disk/home; fill; tarn $json --home $disk/home library move clip.mp4 --to Other",
       "save $disk/home; fill; tarn $json --home $disk/home downloads --clear",
   };
   const std::string list =

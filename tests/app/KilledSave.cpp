@@ -1,5 +1,5 @@
 // A save that is killed at a chosen moment: `killed_save HOME URL change N` does what `tarn save` does and sends itself
-// SIGKILL just before its Nth change of the file system, `killed_save HOME URL recipe N` just behind its Nth store of a
+// SIGKILL just before its Nth change of the file system, `killed_save HOME URL recipe N` just after its Nth store of a
 // recipe. Exits 0 when the save was over before that.
 
 #include <csignal>
@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Kills the process behind a store of a recipe: what follows from that store is not done.
+/// Kills the process after a store of a recipe: what follows from that store is not done.
 class DeadlyRecipes : public tarn::ForwardingFileManager {
  public:
   DeadlyRecipes(tarn::FileManager& base, unsigned long deadly) : ForwardingFileManager(base), left_(deadly) {}

@@ -51,14 +51,13 @@ TEST_F(SaveTest, StoredWorkThatCannotBeReadIsKeptAndSaidSo) {
 }
 
 TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
-  using fs::perms;
   server_.serve("/clip.mp4?token=letmein", ServedFile::of(recording()));
   std::string url = server_.url("/clip.mp4?token=letmein");
   url.insert(url.find("127"), "user:secret@");
-  const auto mode = [](const Path& path) { return fs::status(path).permissions(); };
+  const auto mode = [](const Path& path) { return static_cast<int>(fs::status(path).permissions()); };
   const Path open = place_ / "open";
   fs::create_directory(open);
-  fs::permissions(open, perms(0755));
+  fs::permissions(open, fs::perms(0755));
   for (const Path& home : {open, place_ / "home"}) {
     home_ = home;
     const auto good = expect(0, {"save", url, "--album", "Trips"});
@@ -66,11 +65,11 @@ TEST_F(SaveTest, SecretsStayBetweenTheUserAndTheServer) {
     const std::string told = contentOf(home / "log/tarn.log") + good.errors + bad.errors;
     EXPECT_THAT(told, HasSubstr("//***@127"));
     for (const char* secret : {"user:", "secret", "letmein"}) EXPECT_THAT(told, Not(HasSubstr(secret)));
-    EXPECT_EQ(mode(home / "log/tarn.log"), perms(0600));
+    EXPECT_EQ(mode(home / "log/tarn.log"), 0600);
   }
-  EXPECT_EQ(mode(home_), perms(0700));
-  EXPECT_EQ(mode(saved_), perms(0600));
-  EXPECT_EQ(mode(open), perms(0755));
+  EXPECT_EQ(mode(home_), 0700);
+  EXPECT_EQ(mode(saved_), 0600);
+  EXPECT_EQ(mode(open), 0755);
 }
 
 TEST_F(SaveTest, TheLogOfTheUsualHomeIsAmongTheStateOfPrograms) {

@@ -132,8 +132,7 @@ TEST_F(NoVideoTest, IsRefusedInOneSentenceAndTheLibraryStaysAsItIs) {
 }
 
 TEST_F(NoVideoTest, OtherContainersAreTakenAsTheyCome) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"-c:v libvpx", ".webm"}, {"-c:v libx264", ".mkv"}, {"-c:v mpeg4", ".avi"}, {"-c:v libx264", ".ts"}};
+  const std::pair<std::string, std::string> rows[] = {{"-c:v libvpx", ".webm"}, {"-c:v libx264", ".ts"}};
   for (const auto& [options, ending] : rows) {
     const std::string content = made(options, ending);
     EXPECT_EQ(contentOf(save(0, content, "clip" + ending).lastLine()), content) << ending;

@@ -333,11 +333,8 @@ class LyingSecuredServers : public LyingServers {
 TEST_F(LyingSecuredServers, OverTLS) {
   hear({"a faultless answer", {}, {}, one, 1});
   hear({"no length, torn off", {{.omitsLength = true, .closeAfter = cut}}, {}, one, 2, range + tag});
-  hear({"no length, always torn off",
-        {},
-        {.omitsValidators = true, .omitsLength = true, .closeAfter = cut},
-        "did not end it",
-        6});
+  const Reply tornOff{.omitsValidators = true, .omitsLength = true, .closeAfter = cut};
+  hear({"no length, always torn off", {}, tornOff, "did not end it", 6});
   hear({"no head", {}, {.raw = "HTTP/1.1 200 OK\r\n"}, "Server returned nothing", 5});
   const char* const unproven = "the server's certificate is for another name";
   hear({"another name", {}, {}, unproven, 0}, "localhost");

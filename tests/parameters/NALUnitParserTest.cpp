@@ -135,6 +135,19 @@ TEST_F(NALUnits, MemoryIsBoundedWhereSamplesOverlap) {
   samples_.clear();
   for (uint64_t i = 0; i < 60; ++i) addSample(8 * i, ParameterSetWalk::searchLimit);
   EXPECT_THROW(NALUnitParser::scanSamplesForParameterSets(small, samples_, 4), NALUnitParserError);
+
+  // Two samples in turn, each with other contents of the same large PPS: every change has a copy of the sets.
+  Bytes one = hevcPPS(0, 0x80), other = hevcPPS(0, 0x88);
+  for (Bytes* unit : {&one, &other}) unit->resize(65'535, 0x55);
+  auto& turns = lay({sampleOf({sps, one}), sampleOf({sps, other})});
+  for (size_t i = 2; i < 400; ++i) samples_.push_back(samples_[i % 2]);
+  for (size_t i = 0; i < 400; ++i) samples_[i].index = static_cast<int64_t>(i);
+  ParameterScan plan(VideoCodec::hevc, ParameterScan::Purpose::plan, samples_);
+  plan.read(turns, 4);
+  const ParameterSets none;
+  const auto ofEntry = [&](const SampleInfo&) -> const ParameterSets& { return none; };
+  EXPECT_EQ(failureOf([&] { plan.segments(400, ParameterScan::Side::both, ofEntry); }),
+            "Too many configuration segments");
 }
 
 TEST_F(NALUnits, OfTenThousandSamplesOnlyTheBeginningsAreRead) {

@@ -58,45 +58,5 @@ TEST(CAPPluginCall, isAnsweredOnce) {
   EXPECT_EQ(answers, 1);
 }
 
-/// A plug-in whose events are the test's.
-class TalkingPlugin : public CAPPlugin {
- public:
-  using CAPPlugin::notifyListeners;
-  const std::string& identifier() const override { return name_; }
-  const std::string& jsName() const override { return name_; }
-  const std::vector<CAPPluginMethod>& pluginMethods() const override { return methods_; }
-
- protected:
-  Handler handler(const std::string&) override { return {}; }
-
- private:
-  const std::string name_ = "Talking";
-  const std::vector<CAPPluginMethod> methods_ = {};
-};
-
-TEST(CAPPlugin, deliversEventsToThePresentListenerOnly) {
-  TalkingPlugin plugin;
-  plugin.notifyListeners("lost", {});
-  // A listener may go while another thread sends: once it has gone, it is not called any more.
-  for (int round = 0; round < 50; ++round) {
-    auto alive = std::make_unique<std::atomic<int>>(0);
-    plugin.setEventListener([&](const std::string&, const JSObject&) { ++*alive; });
-    std::thread sender([&] {
-      for (int i = 0; i < 200; ++i) plugin.notifyListeners("event", {});
-    });
-    plugin.setEventListener({});
-    alive.reset();
-    sender.join();
-  }
-  int calls = 0;
-  plugin.setEventListener([&](const std::string&, const JSObject&) {
-    ++calls;
-    plugin.setEventListener({});  // from within: must not wait for itself
-  });
-  plugin.notifyListeners("event", {});
-  plugin.notifyListeners("event", {});
-  EXPECT_EQ(calls, 1);
-}
-
 }  // namespace
 }  // namespace tarn

@@ -18,37 +18,28 @@
 namespace tarn::test {
 namespace {
 
-/// While one exists, each call is interrupted before it works, and a transfer of bytes stops after a few of them.
-struct RudeKernel {
-  RudeKernel() { current = this; }
-  ~RudeKernel() { current = nullptr; }
-  RudeKernel(const RudeKernel&) = delete;
-  RudeKernel& operator=(const RudeKernel&) = delete;
-
-  static inline RudeKernel* current = nullptr;
-  std::map<std::string, int> interrupted;  ///< how often, by call
-  bool workIsNext = false;
-};
+bool isRude = false;  ///< each call is interrupted before it works, and a transfer of bytes stops after a few of them
+bool workIsNext = false;
+std::map<std::string, int> interrupted;  ///< how often, by call
 
 /// Every other call, beginning with the first.
 bool interrupts(const char* call) {
-  RudeKernel* const kernel = RudeKernel::current;
-  if (!kernel) return false;
-  kernel->workIsNext = !kernel->workIsNext;
-  if (!kernel->workIsNext) return false;
-  ++kernel->interrupted[call];
+  if (!isRude) return false;
+  workIsNext = !workIsNext;
+  if (!workIsNext) return false;
+  ++interrupted[call];
   errno = EINTR;
   return true;
 }
 
 size_t part(size_t count) {
-  return RudeKernel::current ? std::min<size_t>(count, 1000) : count;
+  return isRude ? std::min<size_t>(count, 1000) : count;
 }
 
 }  // namespace
 }  // namespace tarn::test
 
-using tarn::test::interrupts, tarn::test::part;
+using tarn::test::interrupts, tarn::test::part, tarn::test::isRude, tarn::test::interrupted;
 
 extern "C" {
 
@@ -77,8 +68,8 @@ int ftruncate(int file, off_t size) noexcept {
 /// As Linux does it: interrupted or not, the descriptor is gone.
 int close(int file) {
   const auto result = syscall(SYS_close, file);
-  if (!tarn::test::RudeKernel::current || result != 0) return static_cast<int>(result);
-  ++tarn::test::RudeKernel::current->interrupted["close"];
+  if (!isRude || result != 0) return static_cast<int>(result);
+  ++interrupted["close"];
   errno = EINTR;
   return -1;
 }
@@ -95,22 +86,20 @@ TEST(PosixFileManager, goesOnAfterInterruptionsAndPartsOfATransfer) {
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
   const TempDirectory home;
   PosixFileManager files(home.path());
-  {
-    RudeKernel kernel;
-    writeFileAtomically(files, home / "a", bytes);
-    files.copyItem(home / "a", home / "b");
-    const auto target = files.open(home / "b", OpenMode::updating);
-    target->truncate(0);
-    EXPECT_EQ(files.open(home / "a", OpenMode::reading)->copyRange(*target, bytes.size() + 1), bytes.size());
-    target->synchronize();
-    target->close();
-    files.replaceItem(home / "a", home / "b");
-    EXPECT_EQ(readFile(files, home / "a"), bytes);
-    EXPECT_THAT(kernel.interrupted,
-                UnorderedElementsAre(Key("open"), Key("pread"), Key("pwrite"), Key("copy_file_range"), Key("fsync"),
-                                     Key("ftruncate"), Key("close")));
-    EXPECT_GE(kernel.interrupted["pwrite"], 10);
-  }
+  isRude = true;
+  writeFileAtomically(files, home / "a", bytes);
+  files.copyItem(home / "a", home / "b");
+  const auto target = files.open(home / "b", OpenMode::updating);
+  target->truncate(0);
+  EXPECT_EQ(files.open(home / "a", OpenMode::reading)->copyRange(*target, bytes.size() + 1), bytes.size());
+  target->synchronize();
+  target->close();
+  files.replaceItem(home / "a", home / "b");
+  EXPECT_EQ(readFile(files, home / "a"), bytes);
+  isRude = false;
+  EXPECT_THAT(interrupted, UnorderedElementsAre(Key("open"), Key("pread"), Key("pwrite"), Key("copy_file_range"),
+                                                Key("fsync"), Key("ftruncate"), Key("close")));
+  EXPECT_GE(interrupted["pwrite"], 10);
   EXPECT_EQ(readFile(files, home / "a"), bytes);
   EXPECT_THAT(files.contentsOfDirectory(home.path()), UnorderedElementsAre("a"));
 }

@@ -389,55 +389,51 @@ class EngineDriver : protected DownloadListener {
 inline const EngineDriver::Row EngineDriver::rows[20] = {
     {"turn", 60, threads, [](EngineDriver&, uint32_t) {}},
     {"settle", 8, threads, [](EngineDriver&, uint32_t) {}},
-    {"second", 6, application, [](EngineDriver& driver, uint32_t) { driver.clock_.advance(std::chrono::seconds(1)); }},
-    {"start", 24, threads, [](EngineDriver& driver, uint32_t argument) { driver.start(argument); }},
-    {"cancel", 8, secondPage, [](EngineDriver& driver, uint32_t argument) { driver.cancelOne(argument); }},
-    {"cancelAll", 2, secondPage, [](EngineDriver& driver, uint32_t) { driver.cancelEverything("cancelAllDownloads"); }},
-    {"clearAll", 2, secondPage, [](EngineDriver& driver, uint32_t) { driver.cancelEverything("clearAllStates"); }},
-    {"hide", 8, application, [](EngineDriver& driver, uint32_t) { driver.application_->enterBackground(); }},
-    {"show", 10, application, [](EngineDriver& driver, uint32_t) { driver.application_->enterForeground(); }},
+    {"second", 6, application, [](EngineDriver& it, uint32_t) { it.clock_.advance(std::chrono::seconds(1)); }},
+    {"start", 24, threads, [](EngineDriver& it, uint32_t n) { it.start(n); }},
+    {"cancel", 8, secondPage, [](EngineDriver& it, uint32_t n) { it.cancelOne(n); }},
+    {"cancelAll", 2, secondPage, [](EngineDriver& it, uint32_t) { it.cancelEverything("cancelAllDownloads"); }},
+    {"clearAll", 2, secondPage, [](EngineDriver& it, uint32_t) { it.cancelEverything("clearAllStates"); }},
+    {"hide", 8, application, [](EngineDriver& it, uint32_t) { it.application_->enterBackground(); }},
+    {"show", 10, application, [](EngineDriver& it, uint32_t) { it.application_->enterForeground(); }},
     {"expire", 5, application,
-     [](EngineDriver& driver, uint32_t) {
-       driver.hasIdleRuns_ = true;
-       driver.application_->expireBackgroundTime();
+     [](EngineDriver& it, uint32_t) {
+       it.hasIdleRuns_ = true;
+       it.application_->expireBackgroundTime();
      }},
     {"limit", 4, firstPage,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.call("setDownloadLimit", {{"limit", static_cast<int64_t>(argument % 12)}});
+     [](EngineDriver& it, uint32_t n) {
+       it.call("setDownloadLimit", {{"limit", static_cast<int64_t>(n % 12)}});
      }},
     {"progress", 4, transfers,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.withTransfer(argument, false, [&](auto& url) { driver.transfers_.writeData(url, argument, -1); });
+     [](EngineDriver& it, uint32_t n) {
+       it.withTransfer(n, false, [&](auto& url) { it.transfers_.writeData(url, n, -1); });
      }},
     {"finish", 24, transfers,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.withTransfer(argument, false, [&](auto& url) { driver.deliver(url); });
-     }},
+     [](EngineDriver& it, uint32_t n) { it.withTransfer(n, false, [&](auto& url) { it.deliver(url); }); }},
     {"complete", 18, transfers,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.withTransfer(argument, true, [&](auto& url) { driver.transfers_.complete(url); });
-     }},
+     [](EngineDriver& it, uint32_t n) { it.withTransfer(n, true, [&](auto& url) { it.transfers_.complete(url); }); }},
     {"failTransfer", 4, transfers,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.withTransfer(argument, false, [&](auto& url) {
-         driver.note(numberOf(url), [](Download& download) { download.mayFail = true; });
-         driver.transfers_.complete(url, URLError(56, "The connection was reset"));
+     [](EngineDriver& it, uint32_t n) {
+       it.withTransfer(n, false, [&](auto& url) {
+         it.note(numberOf(url), [](Download& download) { download.mayFail = true; });
+         it.transfers_.complete(url, URLError(56, "The connection was reset"));
        });
      }},
-    {"cancellations", 5, transfers, [](EngineDriver& driver, uint32_t) { driver.transfers_.deliverCancellations(); }},
-    {"failRun", 3, transfers, [](EngineDriver& driver, uint32_t) { driver.runFails_ = true; }},
+    {"cancellations", 5, transfers, [](EngineDriver& it, uint32_t) { it.transfers_.deliverCancellations(); }},
+    {"failRun", 3, transfers, [](EngineDriver& it, uint32_t) { it.runFails_ = true; }},
     {"failStore", 2, firstPage,
-     [](EngineDriver& driver, uint32_t argument) {
-       driver.hasStoreFailed_ = true;
-       driver.giveUp(true);
-       driver.storeFiles_.arm({.call = 1 + argument % 5, .among = {FileOperation::open, FileOperation::replace}});
+     [](EngineDriver& it, uint32_t n) {
+       it.hasStoreFailed_ = true;
+       it.giveUp(true);
+       it.storeFiles_.arm({.call = 1 + n % 5, .among = {FileOperation::open, FileOperation::replace}});
      }},
     {"jump", 2, firstPage,
-     [](EngineDriver& driver, uint32_t) {
+     [](EngineDriver& it, uint32_t) {
        // What was interrupted and lies idle for a day is given up; what ended a day after it began may leave the list
        // before the page looks.
-       driver.giveUp(driver.hasIdleRuns_);
-       driver.clock_.advance(std::chrono::seconds(86401));
+       it.giveUp(it.hasIdleRuns_);
+       it.clock_.advance(std::chrono::seconds(86401));
      }},
     {"restart", 4, threads, [](EngineDriver&, uint32_t) {}},
 };

@@ -3,15 +3,20 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <optional>
+#include <thread>
 
 #include "platform/host/HostApplication.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
 #include "platform/memory/ManualDispatch.h"
 #include "platform/memory/ScriptedURLSession.h"
 #include "plugin/SavingStep.h"
+#include "plugin/SimpleMediaSaver.h"
 #include "plugin/TarnBridgePlugin.h"
+#include "support/FailureOf.h"
+#include "support/FaultyServices.h"
 #include "support/ManualClock.h"
 #include "support/TestHome.h"
 
@@ -53,6 +58,10 @@ class TarnBridgeTest : public testing::Test, protected TestHome {
   }
   std::string save(const std::string& from = url) {
     return call("saveVideo", {{"url", from}, {"album", "Trips"}, {"filename", "clip.mp4"}, {"skipVideoFix", true}});
+  }
+
+  std::string saveTo(PHPhotoLibrary& library, const Path& source) {
+    return SimpleMediaSaver::saveVideo(library, clock_, source, "first.mp4", "Trips");
   }
 
   std::vector<std::string> completions() const {
@@ -191,6 +200,68 @@ TEST_F(TarnBridgeTest, OneLoopAloneSendsSamplesHoweverOftenAllIsCancelledAndBegu
   events_.clear();
   dispatch_.advance(3500ms);
   EXPECT_EQ(events_.size(), 3U);
+}
+
+TEST_F(TarnBridgeTest, TellsThePresentListenerAlone) {
+  const auto send = [this] { plugin_->processingProgressUpdated(7, 0.5, "Transcoding"); };
+  // A listener may go while another thread sends: once it has gone, it is not called any more.
+  for (int round = 0; round < 50; ++round) {
+    auto alive = std::make_unique<std::atomic<int>>(0);
+    plugin_->setEventListener([&](const std::string&, const JSObject&) { ++*alive; });
+    std::thread sender([&] {
+      for (int i = 0; i < 200; ++i) send();
+    });
+    plugin_->setEventListener({});
+    alive.reset();
+    sender.join();
+  }
+  int calls = 0;
+  plugin_->setEventListener([&](const std::string&, const JSObject&) {
+    ++calls;
+    plugin_->setEventListener({});  // from within: must not wait for itself
+  });
+  send();
+  send();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(TarnBridgeTest, SavesIntoOneAlbumWithTheNameAndThePresentDate) {
+  const Path source = put("a clip.mp4", "video");
+  const auto first = saveTo(photos_, source);
+  EXPECT_EQ(saveTo(photos_, source), first) << "a retry";
+  saveTo(photos_, put("other.mp4", "another video"));
+  const auto albums = photos_.fetchAssetCollections(std::nullopt);
+  ASSERT_EQ(albums.size(), 1u);
+  const auto assets = photos_.fetchAssets(albums[0], std::nullopt);
+  ASSERT_EQ(assets.size(), 2u);
+  EXPECT_EQ(assets[0].filename, "first.mp4");
+  EXPECT_EQ(assets[0].creationDate, clock_.now());
+  EXPECT_TRUE(SimpleMediaSaver::checkIfFileExistsInAlbum(photos_, first, "Trips"));
+  EXPECT_FALSE(SimpleMediaSaver::checkIfFileExistsInAlbum(photos_, first, "New"));
+}
+
+TEST_F(TarnBridgeTest, AFailureOfTheLibrarySaysWhatIsMissing) {
+  const Path source = put("a clip.mp4", "video");
+  const std::string fault = PosixError(EIO, "fault of a test").description();
+  const std::string noAsset =
+      "No placeholder for asset creation request, or no asset request (check if video exists at ";
+  // Which call of the library fails, and in which words the save then does.
+  const std::pair<uint64_t, std::string> rows[] = {{1, fault},
+                                                   {2, noAsset + fileURLText(source) + ")"},
+                                                   {3, noAsset + fileURLText(source) + ")"},
+                                                   {7, "Failed to create album: Failed to create album"},
+                                                   {8, "Failed to create album: " + fault},
+                                                   {10, "Failed to create album: No created asset"},
+                                                   {11, fault},
+                                                   {12, ""}};
+  for (const auto& [call, words] : rows) {
+    SCOPED_TRACE(call);
+    InMemoryPhotoLibrary library(files_, dispatch_);
+    FaultyCalls calls;
+    FaultyPhotoLibrary faulty(library, calls);
+    calls.arm(call, false);
+    EXPECT_EQ(failureOf([&] { saveTo(faulty, source); }), words);
+  }
 }
 
 TEST(ProgressWatcherTest, MissesNoDownloadThatBeginsDuringItsLastLook) {

@@ -72,8 +72,6 @@ TEST(ServeRulesTest, EachRouteCallsItsMethodWithWhatItMayTake) {
       {"GET", "/downloads", "", "getTransfers {}"},
       {"POST", "/library/A%2FB", R"({"action":"rename","filename":"b.mp4","path":"/etc/passwd"})",
        R"(changeAsset {"assetId":"A/B","action":"rename","filename":"b.mp4"})"},
-      {"POST", "/library/A", R"({"action":"move","album":"Sea"})",
-       R"(changeAsset {"assetId":"A","action":"move","album":"Sea"})"},
       {"POST", "/library/A", R"({"action":"open","path":"/etc"})", R"(showAsset {"assetId":"A","action":"open"})"},
       {"POST", "/downloads", R"({"url":"http://a/b","takesServersName":true,"id":7,"transfer":{"headers":["A: b"]}})",
        R"(saveVideo {"url":"http://a/b","takesServersName":true})"},
@@ -170,19 +168,20 @@ TEST_F(PageHubTest, WhatIsKeptForPagesIsBounded) {
   for (const std::string& id : std::vector(calls_)) {
     hub_.answer("p", id, {.resolved = true, .data = {{"text", std::string(10'000, 'x')}}, .message = {}});
   }
-  page = connect("p", "E", 0);
-  sendCommand(page, calls_.back());
-  sendCommand(page, calls_.front());
-  EXPECT_EQ(calls_.size(), PageSession::mostRunning + 1) << "an answer of long ago is forgotten";
-
+  const auto callsAgain = [&](const std::string& id) {
+    const size_t before = calls_.size();
+    page = connect("p", "E", 0);
+    sendCommand(page, id);
+    return calls_.size() > before;
+  };
+  EXPECT_FALSE(callsAgain(calls_.back()));
+  EXPECT_TRUE(callsAgain(calls_.front())) << "an answer of long ago is forgotten";
   hub_.disconnect("p", *page, start_);
   for (size_t i = 0; i < PageHub::mostPages; ++i) {
     const std::string name = "other" + std::to_string(i);
     hub_.disconnect(name, *connect(name, "", 0), start_);
   }
-  page = connect("p", "E", 0);
-  sendCommand(page, calls_[PageSession::mostRunning - 1]);
-  EXPECT_EQ(calls_.size(), PageSession::mostRunning + 2) << "so is the page that was away longest";
+  EXPECT_TRUE(callsAgain(calls_[PageSession::mostRunning - 1])) << "so is the page that was away longest";
 }
 
 }  // namespace
