@@ -17,14 +17,9 @@
 namespace tarn::test {
 namespace {
 
-/// What a repair changes in the boxes beside edit lists, durations, sample entries and chunk offsets.
-struct Changes {
-  bool splitsEntries = false;  ///< which makes the tables of chunks anew
-  bool replacesSound = false;  ///< which has another clock and other tables then, and media of its own
-};
-
-/// Everything else is the same, in the same order.
-void expectBoxesKept(BoxTree source, BoxTree result, const Changes& changes) {
+/// All boxes are the same, in the same order, but for edit lists, durations, sample entries and chunk offsets. A repair
+/// that splits entries makes the tables of chunks anew; new sound has another clock and other tables.
+void expectBoxesKept(BoxTree source, BoxTree result, bool splitsEntries, bool replacesSound) {
   SCOPED_TRACE(source.type);
   if (source.type == "stsd") {
     const auto unknown = [](const BoxTree& entry) {
@@ -40,12 +35,11 @@ void expectBoxesKept(BoxTree source, BoxTree result, const Changes& changes) {
     std::erase_if(tree->children, [](const BoxTree& child) { return child.type == "edts"; });
     if (tree->type == "tkhd") writeUInt32(tree->fields, 0, 20);  // durations
     if (tree->type == "mvhd") writeUInt32(tree->fields, 0, 16);
-    if (tree->type == "mdia" && changes.replacesSound &&
-        textOf(ByteView(tree->at("hdlr").fields).subspan(8, 4)) == "soun") {
+    if (tree->type == "mdia" && replacesSound && textOf(ByteView(tree->at("hdlr").fields).subspan(8, 4)) == "soun") {
       std::erase_if(tree->children, [](const BoxTree& child) { return child.type == "minf" || child.type == "mdhd"; });
     }
-    if (tree->type == "co64" && changes.splitsEntries) tree->type = "stco";
-    if (tree->type == "stco" || tree->type == "co64" || (tree->type == "stsc" && changes.splitsEntries)) {
+    if (tree->type == "co64" && splitsEntries) tree->type = "stco";
+    if (tree->type == "stco" || tree->type == "co64" || (tree->type == "stsc" && splitsEntries)) {
       tree->fields.clear();
     }
   }
@@ -53,7 +47,7 @@ void expectBoxesKept(BoxTree source, BoxTree result, const Changes& changes) {
   EXPECT_EQ(source.fields, result.fields);
   ASSERT_EQ(source.children.size(), result.children.size());
   for (size_t i = 0; i < source.children.size(); ++i) {
-    expectBoxesKept(source.children[i], result.children[i], changes);
+    expectBoxesKept(source.children[i], result.children[i], splitsEntries, replacesSound);
   }
 }
 
@@ -89,7 +83,7 @@ class RepairProperties : public testing::Test {
     const Allowed allowed{.audio = isNew, .audioStays = !isNew, .entries = promise.remux.entries.size()};
     EXPECT_THAT(wrongsOfRepair(movie.file, out_, std::nullopt, movie.truth, allowed), testing::IsEmpty());
     const Bytes source = contentsOf(movie.file), result = contentsOf(out_);
-    expectBoxesKept(moovOf(source), moovOf(result), {splits, isNew});
+    expectBoxesKept(moovOf(source), moovOf(result), splits, isNew);
     expectTopLevelKept(source, result, isNew);
   }
 

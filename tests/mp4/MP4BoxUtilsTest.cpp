@@ -27,19 +27,5 @@ TEST_F(BoxSearch, ReadsOnlyTheHeadersOfAWholeFile) {
   }
 }
 
-TEST_F(BoxSearch, PassesOverTracksWithoutAHandler) {
-  const Bytes cut = box("hdlr", {Bytes(11)});
-  auto file = open(longBox("moov", {box("trak"), box("trak", {box("mdia")}), box("trak", {box("mdia", {cut})}),
-                                    box("trak", {mediaBox("soun")}), longBox("trak", {mediaBox("vide")})}));
-  const auto moov = MP4BoxUtils::findTopLevelBox(*file, "moov").value();
-  EXPECT_EQ(MP4BoxUtils::findTrack(*file, moov, MP4TrackType::audio).value().offset, 75u);
-  const auto video = MP4BoxUtils::findTrack(*file, moov, MP4TrackType::video).value();
-  EXPECT_EQ(video.offset, 124u);
-  EXPECT_EQ(video.size, 57u);
-  file->seek(3);
-  EXPECT_EQ(MP4BoxUtils::getHandlerType(*file, video), "vide");
-  EXPECT_EQ(file->offset(), 3u);
-}
-
 }  // namespace
 }  // namespace tarn
