@@ -30,7 +30,7 @@ struct ClipRecipe {
   int audioRate = 48000;
   std::string rate = "25";
   std::string size = "160x120";
-  std::string muxer = "";
+  std::string muxer = {};
   std::string ending = ".mp4";
 };
 Path clip(const ClipRecipe& recipe);

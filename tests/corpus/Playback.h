@@ -91,11 +91,11 @@ inline std::vector<std::string> columns(const std::string& line) {
 
 /// Tracks, packets and metadata.
 inline void probe(const Path& file, Playback& playback) {
-  const auto probed =
-      runProcess({"ffprobe", "-v", "error", "-show_data_hash", "md5", "-show_chapters", "-show_entries",
-                  "packet=stream_index,pts_time,size,pos,flags,data_hash:stream=codec_type:stream_tags=language,title:"
-                  "format_tags=title,location:chapter=start_time,end_time:chapter_tags=title",
-                  "-of", "csv", file});
+  const char* const entries =
+      "packet=stream_index,pts_time,size,pos,flags,data_hash:stream=codec_type:stream_tags=language,title:"
+      "format_tags=title,location:chapter=start_time,end_time:chapter_tags=title";
+  const auto probed = runProcess({"ffprobe", "-v", "error", "-show_data_hash", "md5", "-show_chapters", "-show_entries",
+                                  entries, "-of", "csv", file});
   std::istringstream lines(probed.output);
   for (std::string line; std::getline(lines, line);) {
     const auto column = columns(line);

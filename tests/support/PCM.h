@@ -67,7 +67,8 @@ inline std::vector<double> onsets(std::span<const int16_t> samples, size_t chann
   double lastLoud = from - quiet;
   for (size_t i = 0; i < samples.size(); i += channels) {
     if (std::abs(samples[i]) < loudness) continue;
-    const double time = static_cast<double>(i / channels) / 48000;
+    const size_t frame = i / channels;
+    const double time = static_cast<double>(frame) / 48000;
     if (time > lastLoud + quiet) times.push_back(time);
     lastLoud = std::max(lastLoud, time);
   }

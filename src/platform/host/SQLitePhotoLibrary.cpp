@@ -14,6 +14,7 @@ constexpr std::chrono::hours keptWhenDeleted{24};
 
 std::vector<PHAssetCollection> collectionsOf(const std::vector<AlbumRecord>& albums) {
   std::vector<PHAssetCollection> collections;
+  collections.reserve(albums.size());
   for (const AlbumRecord& album : albums) collections.push_back({album.identifier, album.title});
   return collections;
 }

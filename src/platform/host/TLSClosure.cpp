@@ -9,7 +9,7 @@ namespace {
 using Flag = std::shared_ptr<std::atomic<bool>>;
 
 void freeFlag(void*, void* flag, CRYPTO_EX_DATA*, int, long, void*) {
-  delete static_cast<Flag*>(flag);
+  const std::unique_ptr<Flag> released(static_cast<Flag*>(flag));
 }
 
 /// Where a context keeps its flag. libcurl makes a context for each connection.
