@@ -32,8 +32,8 @@ std::vector<LibraryAsset> assetsOf(const std::vector<PHAsset>& assets) {
 
 std::vector<LibraryAlbum> Library::albums(const std::optional<std::string>& title) {
   std::vector<LibraryAlbum> albums;
-  for (const PHAssetCollection& collection : photos_.fetchAssetCollections(title)) {
-    auto assets = assetsOf(photos_.fetchAssets(collection, std::nullopt));
+  for (const auto& [collection, held] : photos_.fetchContents(title)) {
+    auto assets = assetsOf(held);
     if (assets.empty()) continue;
     const auto same = std::ranges::find(albums, collection.title, &LibraryAlbum::title);
     if (same == albums.end()) {

@@ -94,6 +94,10 @@ class PHPhotoLibrary {
   /// Albums with exactly this title, oldest first; with no title, all albums.
   virtual std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) = 0;
   virtual std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) = 0;
+  /// The same albums, each with its assets in the order in which they joined it, as the library is at one moment: an
+  /// asset that is moved meanwhile is in one of them.
+  virtual std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> fetchContents(
+      const std::optional<std::string>& title) = 0;
   /// The albums that hold an asset, in the order in which it joined them.
   virtual std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) = 0;
 

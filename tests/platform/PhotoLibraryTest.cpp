@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "PhotoChanges.h"
 #include "platform/host/SQLitePhotoLibrary.h"
 #include "platform/memory/InMemoryPhotoLibrary.h"
@@ -232,6 +235,29 @@ TEST_F(PhotoDirectoryTest, AReaderSeesWhatIsCommittedAndWritesNothing) {
   EXPECT_EQ(reader->fetchAllAssets().at(0).path, root_ / ".assets" / asset);
   EXPECT_THROW(makeAsset(*reader, put("other.mp4", "video")), PHPhotosError);
   EXPECT_TRUE(files_.fileExists(root_ / ".assets/stray"));
+}
+
+TEST_F(PhotoDirectoryTest, AnAssetThatIsMovedIsInOneAlbumAtEachMoment) {
+  const auto writer = open();
+  const auto asset = save(*writer, put("clip.mp4", "video"), "0", "clip.mp4");
+  const auto reader = open(Access::readOnly);
+  std::atomic<bool> isDone = false;
+  std::thread moving([&] {
+    for (int i = 1; i <= 200; ++i) {
+      const auto from = writer->fetchAssetCollectionsContaining(asset).at(0).localIdentifier;
+      writer->performChangesAndWait([&](PHChangeBlock& block) {
+        block.addAssets(block.creationRequestForAssetCollection(std::to_string(i))->localIdentifier, {{asset}});
+        block.removeAssets(from, {{asset}});
+      });
+    }
+    isDone = true;
+  });
+  while (!isDone) {
+    size_t places = 0;
+    for (const auto& [album, assets] : reader->fetchContents(std::nullopt)) places += assets.size();
+    EXPECT_EQ(places, 1U);
+  }
+  moving.join();
 }
 
 TEST_F(PhotoDirectoryTest, NamesInTheAlbumsFollowAndFilesOfTheUserStay) {

@@ -85,6 +85,10 @@ class FaultyPhotoLibrary : public PHPhotoLibrary {
     return base_.fetchAssetCollectionsContaining(asset);
   }
   std::vector<PHAsset> fetchDeletedAssets() override { return base_.fetchDeletedAssets(); }
+  std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> fetchContents(
+      const std::optional<std::string>& title) override {
+    return base_.fetchContents(title);
+  }
 
  private:
   /// A request that makes no asset.

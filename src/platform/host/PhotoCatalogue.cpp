@@ -226,6 +226,17 @@ std::vector<PlacedAsset> PhotoCatalogue::assetsInAlbum(const std::string& album,
   return placedAssets(rows);
 }
 
+std::vector<std::pair<AlbumRecord, std::vector<PlacedAsset>>> PhotoCatalogue::contents(
+    const std::optional<std::string>& title) {
+  const SQLiteTransaction transaction(database_, SQLiteTransaction::Kind::reads);
+  std::vector<std::pair<AlbumRecord, std::vector<PlacedAsset>>> contents;
+  for (AlbumRecord& album : albums(title)) {
+    auto assets = assetsInAlbum(album.identifier, std::nullopt);
+    contents.emplace_back(std::move(album), std::move(assets));
+  }
+  return contents;
+}
+
 std::vector<PlacedAsset> PhotoCatalogue::allAssets(const std::optional<std::string>& identifier) {
   SQLiteStatement rows(database_, fmt::format("SELECT {}, albums.folder, entries.name FROM assets "
                                               "LEFT JOIN entries ON entries.position = "

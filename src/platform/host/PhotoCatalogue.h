@@ -96,6 +96,8 @@ class PhotoCatalogue {
   std::set<std::string> entryNames(const std::string& album);
 
   std::vector<PlacedAsset> assetsInAlbum(const std::string& album, const std::optional<std::string>& asset);
+  /// Albums as albums() gives them, each with its assets: all of one moment, whatever others commit meanwhile.
+  std::vector<std::pair<AlbumRecord, std::vector<PlacedAsset>>> contents(const std::optional<std::string>& title);
   /// The assets that are not deleted, oldest first; with an identifier that one alone.
   std::vector<PlacedAsset> allAssets(const std::optional<std::string>& identifier = std::nullopt);
   /// The deleted assets, the one deleted last first.

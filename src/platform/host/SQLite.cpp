@@ -78,8 +78,8 @@ void SQLiteStatement::check(int code) const {
   if (code != SQLITE_OK) fail(database_, "catalogue");
 }
 
-SQLiteTransaction::SQLiteTransaction(SQLiteDatabase& database) : database_(database) {
-  database_.execute("BEGIN IMMEDIATE");
+SQLiteTransaction::SQLiteTransaction(SQLiteDatabase& database, Kind kind) : database_(database) {
+  database_.execute(kind == Kind::writes ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 SQLiteTransaction::~SQLiteTransaction() {

@@ -68,10 +68,11 @@ class SQLiteStatement {
   int bound_ = 0;
 };
 
-/// A transaction that writes; rolled back at the end of the scope unless committed.
+/// A transaction; rolled back at the end of the scope unless committed.
 class SQLiteTransaction {
  public:
-  explicit SQLiteTransaction(SQLiteDatabase& database);
+  enum class Kind { writes, reads };
+  explicit SQLiteTransaction(SQLiteDatabase& database, Kind kind = Kind::writes);
   ~SQLiteTransaction();
   SQLiteTransaction(const SQLiteTransaction&) = delete;
   SQLiteTransaction& operator=(const SQLiteTransaction&) = delete;

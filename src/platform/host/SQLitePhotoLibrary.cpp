@@ -86,6 +86,17 @@ std::vector<PHAssetCollection> SQLitePhotoLibrary::fetchAssetCollections(const s
   return collectionsOf(catalogue_->albums(title));
 }
 
+std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> SQLitePhotoLibrary::fetchContents(
+    const std::optional<std::string>& title) {
+  std::lock_guard guard(mutex_);
+  std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> contents;
+  if (!catalogue_) return contents;
+  for (const auto& [album, placed] : catalogue_->contents(title)) {
+    contents.emplace_back(PHAssetCollection{album.identifier, album.title}, assetsOf(placed, *files_));
+  }
+  return contents;
+}
+
 std::optional<PHAssetCollection> SQLitePhotoLibrary::fetchAssetCollection(const std::string& localIdentifier) {
   std::lock_guard guard(mutex_);
   const auto album = catalogue_ ? catalogue_->album(localIdentifier) : std::nullopt;

@@ -51,6 +51,8 @@ class SQLitePhotoLibrary : public PHPhotoLibrary {
   void performChangesAndWait(const std::function<void(PHChangeBlock&)>& block) override;
   std::vector<PHAssetCollection> fetchAssetCollections(const std::optional<std::string>& title) override;
   std::optional<PHAssetCollection> fetchAssetCollection(const std::string& localIdentifier) override;
+  std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> fetchContents(
+      const std::optional<std::string>& title) override;
   std::vector<PHAssetCollection> fetchAssetCollectionsContaining(const std::string& assetIdentifier) override;
   std::vector<PHAsset> fetchAssets(const PHAssetCollection& collection,
                                    const std::optional<std::string>& localIdentifier) override;

@@ -170,18 +170,34 @@ std::optional<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollection(cons
 std::vector<PHAsset> InMemoryPhotoLibrary::fetchAssets(const PHAssetCollection& collection,
                                                        const std::optional<std::string>& localIdentifier) {
   std::lock_guard guard(mutex_);
-  std::vector<PHAsset> assets;
   const auto* album = find(content_.albums, [&](const Album& candidate) {
     return candidate.collection.localIdentifier == collection.localIdentifier;
   });
-  if (!album) return assets;
-  for (const std::string& identifier : album->assets) {
+  return album ? assetsUnlocked(*album, localIdentifier) : std::vector<PHAsset>();
+}
+
+std::vector<PHAsset> InMemoryPhotoLibrary::assetsUnlocked(const Album& album,
+                                                          const std::optional<std::string>& localIdentifier) const {
+  std::vector<PHAsset> assets;
+  for (const std::string& identifier : album.assets) {
     if (localIdentifier && identifier != *localIdentifier) continue;
     const auto* asset =
         find(content_.assets, [&](const Asset& each) { return each.asset.localIdentifier == identifier; });
-    if (!asset->isDeleted) assets.push_back(placed(*asset, album));
+    if (!asset->isDeleted) assets.push_back(placed(*asset, &album));
   }
   return assets;
+}
+
+std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> InMemoryPhotoLibrary::fetchContents(
+    const std::optional<std::string>& title) {
+  std::lock_guard guard(mutex_);
+  std::vector<std::pair<PHAssetCollection, std::vector<PHAsset>>> contents;
+  for (const Album& album : content_.albums) {
+    if (!title || album.collection.title == *title) {
+      contents.emplace_back(album.collection, assetsUnlocked(album, std::nullopt));
+    }
+  }
+  return contents;
 }
 
 std::vector<PHAssetCollection> InMemoryPhotoLibrary::fetchAssetCollectionsContaining(

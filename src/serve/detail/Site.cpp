@@ -104,9 +104,9 @@ SiteAnswer Site::script() const {
 
 SiteAnswer Site::albums() const {
   JSValue::Array albums;
-  for (const PHAssetCollection& album : photos_.fetchAssetCollections(std::nullopt)) {
+  for (const auto& [album, held] : photos_.fetchContents(std::nullopt)) {
     JSValue::Array assets;
-    for (const PHAsset& asset : photos_.fetchAssets(album, std::nullopt)) assets.emplace_back(assetEntry(asset));
+    for (const PHAsset& asset : held) assets.emplace_back(assetEntry(asset));
     albums.emplace_back(JSObject{{"title", album.title}, {"assets", std::move(assets)}});
   }
   return SiteAnswer::json({{"albums", std::move(albums)}});

@@ -82,6 +82,7 @@ export class VideoChanges {
       this.showError(messageOf(error));
     }
     await this.onChange();
+    if (!this.dialog.open) this.goTo(asset.id);
   }
 
   private showError(words: string): void {
