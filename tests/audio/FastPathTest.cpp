@@ -81,11 +81,10 @@ TEST_F(FastPath, KeepsPicturesAndPacketsAndJoinsSilenceWithoutAClick) {
     repair(files_, rate, {silence(20, 10)});
     EXPECT_EQ(decoderComplaints(file_), "");
     const auto before = decoded(source), after = decoded(file_);
-    const auto at = [&](std::ptrdiff_t packets) { return after.begin() + packets * 2048; };
-    ASSERT_EQ(after.size(), before.size() + size_t{10} * 2048);
+    ASSERT_EQ(after.size(), before.size() + 10 * 2048);
     // A packet overlaps the next by half, so the first silent one carries the end of the tone.
-    EXPECT_EQ(Samples(at(21), at(30)), Samples(size_t{9} * 2048));
-    EXPECT_TRUE(std::equal(after.begin(), at(20), before.begin()));
+    EXPECT_EQ(Samples(after.begin() + 21 * 2048, after.begin() + 30 * 2048), Samples(9 * 2048));
+    EXPECT_TRUE(std::equal(after.begin(), after.begin() + 20 * 2048, before.begin()));
     EXPECT_LE(largestStep(after, 2), largestStep(before, 2) * 5 / 4);
     EXPECT_EQ(SilentAACSampleCache::shared().getSilentFrame(rate).size(), 6u);
   }

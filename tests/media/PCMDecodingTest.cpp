@@ -183,8 +183,8 @@ TEST(PCMDecoding, APacketThatDoesNotDecodeLeavesItsLengthAsSilence) {
     const int64_t from = (c.first - 1) * 1024, to = std::min(c.last * 1024, whole.frames());
     EXPECT_EQ(part(ours.samples, from, to), Samples(static_cast<size_t>(to - from) * 2));
     // A fade begins so gently that its first frames may keep their values.
-    EXPECT_NEAR(static_cast<double>(firstDifference(ours.samples, whole.samples) / 2),
-                static_cast<double>(std::max<int64_t>(from - 240, 0)), 8);
+    const size_t frame = firstDifference(ours.samples, whole.samples) / 2;
+    EXPECT_NEAR(static_cast<double>(frame), static_cast<double>(std::max<int64_t>(from - 240, 0)), 8);
     // The packet behind the hole overlaps with what is not there.
     const int64_t good = std::min(to + 1024, whole.frames());
     EXPECT_EQ(part(ours.samples, good, whole.frames()), part(whole.samples, good, whole.frames()));

@@ -153,7 +153,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
     std::string name;
     Units entries, samples;
     std::string result;  ///< or what becomes of the file: "same", "tag"; then what is warned of
-    std::string sets = "", warning = "";
+    std::string sets = {}, warning = {};
     At descriptions = {1, 1, 1, 1, 1, 1, 1, 1};
   } cases[] = {
       {"hvcC alone", {hvc1(hvcC(h))}, {none, none}, same},
