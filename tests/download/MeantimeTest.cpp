@@ -23,9 +23,11 @@ class MeantimeTransfers : public ForwardingURLSessionService {
 
 /// The engine over files and transfers in whose changes a test may step.
 class MeantimeTest : public EngineTest {
+ public:
+  ~MeantimeTest() override { engine_.reset(); }
+
  protected:
   MeantimeTest() { startOver({.last = &last_}); }
-  ~MeantimeTest() override { engine_.reset(); }
 
   void startOver(const ProcessingSteps& steps) {
     engine_ = DownloadManager::create(

@@ -111,7 +111,7 @@ TEST_F(MovieTest, HeadersOnTheWayToTheTablesArePlainOrShortOrAny) {
   const std::string behind = "The trak box at 108 ", over = "extends beyond its parent: it ends at ";
   const struct {
     Bytes moov;
-    std::string remux, sync, replace = "";
+    std::string remux, sync, replace = {};
   } rows[] = {
       {box("moov", {oddBox, longBox("udta"), track, boxClaiming(900, "free")}), "", ""},
       {box("moov", {longBox("trak", {Bytes(8)})}), plain, behind + "has a 64-bit size"},

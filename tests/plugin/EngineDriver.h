@@ -78,6 +78,7 @@ class EngineDriver : protected DownloadListener {
  public:
   EngineDriver(const EngineDriver&) = delete;
   EngineDriver& operator=(const EngineDriver&) = delete;
+  ~EngineDriver() override { setLogSink({}); }
 
   static std::vector<ModelStep> drawSteps(uint32_t seed, size_t count) {
     std::mt19937 random(seed);
@@ -128,7 +129,6 @@ class EngineDriver : protected DownloadListener {
     });
     disk_.documentsDirectory(true);
   }
-  ~EngineDriver() override { setLogSink({}); }
 
   static const Row& rowOf(const ModelStep& step) { return *std::ranges::find(rows, step.kind, &Row::kind); }
 
