@@ -37,7 +37,7 @@ ProcessingGate::Admission ProcessingGate::admit(const ProcessingState& state, co
 std::optional<ProcessingGate::Start> ProcessingGate::resume(
     int64_t id, const std::function<bool(const ProcessingState&)>& isWanted) {
   std::lock_guard guard(processingLock_);
-  if (isProcessing_ || isClosed_ || isHeld(id)) return std::nullopt;
+  if (isProcessing_ || isClosed_ || heldIds().contains(id)) return std::nullopt;
   auto state = store_.loadState(id);
   if (!state || isFinal(state->stage) || !isWanted(*state)) return std::nullopt;
   Token token = begin(*state);
@@ -98,7 +98,7 @@ ProcessingGate::TakenAway ProcessingGate::cancel(int64_t id) {
   taken.waiting = std::erase_if(pendingProcessingQueue_, isId);
   const auto record = store_.loadState(id);
   store_.removeState(id);
-  if (record && taken.files.empty() && !isHeld(id)) taken.files.push_back(*record);
+  if (record && taken.files.empty() && !heldIds().contains(id)) taken.files.push_back(*record);
   return taken;
 }
 
@@ -106,8 +106,9 @@ ProcessingGate::TakenAway ProcessingGate::takeAllAway() {
   TakenAway taken{.activeRun = stopActiveRun(), .waiting = pendingProcessingQueue_.size()};
   std::ranges::move(pendingProcessingQueue_, std::back_inserter(taken.files));
   pendingProcessingQueue_.clear();
+  const auto held = heldIds();
   for (ProcessingState& record : store_.takeAllStates()) {
-    if (!isHeld(record.downloadId)) taken.files.push_back(std::move(record));
+    if (!held.contains(record.downloadId)) taken.files.push_back(std::move(record));
   }
   return taken;
 }
@@ -133,21 +134,32 @@ std::optional<ProcessingState> ProcessingGate::expire() {
   return currentProcessingState_;
 }
 
+std::vector<int64_t> ProcessingGate::cleanupStaleStates(std::chrono::seconds maxAge) {
+  std::lock_guard guard(processingLock_);
+  return store_.cleanupStaleStates(maxAge, heldIds());
+}
+
+std::vector<int64_t> ProcessingGate::validateStates() {
+  std::lock_guard guard(processingLock_);
+  return store_.validateStates(heldIds());
+}
+
 std::optional<int64_t> ProcessingGate::activeRun() const {
   std::lock_guard guard(processingLock_);
   if (!isProcessing_) return std::nullopt;
   return runsInFlight_.at(currentCancellationToken_.get()).id;
 }
 
-bool ProcessingGate::isHeld(int64_t id) const {
-  const auto goesOn = [id](const auto& entry) { return entry.second.id == id; };
-  return beingHandedOver_.contains(id) || std::ranges::any_of(runsInFlight_, goesOn) ||
-         std::ranges::find(pendingProcessingQueue_, id, &ProcessingState::downloadId) != pendingProcessingQueue_.end();
+std::set<int64_t> ProcessingGate::heldIds() const {
+  std::set<int64_t> ids(beingHandedOver_.begin(), beingHandedOver_.end());
+  for (const auto& [token, run] : runsInFlight_) ids.insert(run.id);
+  for (const ProcessingState& state : pendingProcessingQueue_) ids.insert(state.downloadId);
+  return ids;
 }
 
 bool ProcessingGate::holds(int64_t id) const {
   std::lock_guard guard(processingLock_);
-  return isHeld(id);
+  return heldIds().contains(id);
 }
 
 std::vector<ProcessingState> ProcessingGate::runsInHand() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -98,6 +99,11 @@ class ProcessingGate {
   /// The id of the active run; nothing if no run is active.
   std::optional<int64_t> activeRun() const;
 
+  /// Do what the store's functions of these names do, in one step with the gate: the record of a run that is being
+  /// handed over, waits or goes on stays, since that run will end by itself, and no run begins with a record that goes.
+  std::vector<int64_t> cleanupStaleStates(std::chrono::seconds maxAge);
+  std::vector<int64_t> validateStates();
+
   /// True while a run of this id is being handed over, waits, or goes on.
   bool holds(int64_t id) const;
 
@@ -116,7 +122,8 @@ class ProcessingGate {
   // The callers of these hold the lock.
   Token begin(const ProcessingState& state);
   bool isCurrent(const CancellationToken& token) const { return currentCancellationToken_.get() == &token; }
-  bool isHeld(int64_t id) const;
+  /// The ids of all runs that are being handed over, wait, or go on.
+  std::set<int64_t> heldIds() const;
   /// Asks the active run to stop and takes its record back. Returns false if no run is active.
   bool stopActiveRun();
   TakenAway takeAllAway();

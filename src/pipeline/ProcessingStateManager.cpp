@@ -159,6 +159,7 @@ std::vector<int64_t> ProcessingStateManager::cleanupStaleStates(std::chrono::sec
     if (age <= maxAge) return false;
     cleanupTempFilesUnsafe(state);
     if (!isFinal(state.stage)) pending.push_back(state.downloadId);
+    unstored_.insert_or_assign(state.downloadId, std::nullopt);
     log("Removed stale processing state for download {} (age: {}h)", state.downloadId,
         std::chrono::duration_cast<std::chrono::hours>(age).count());
     return true;
@@ -169,17 +170,18 @@ std::vector<int64_t> ProcessingStateManager::cleanupStaleStates(std::chrono::sec
   return pending;
 }
 
-std::vector<int64_t> ProcessingStateManager::validateStates() {
+std::vector<int64_t> ProcessingStateManager::validateStates(const std::set<int64_t>& inHand) {
   std::lock_guard guard(lock_);
   auto states = loadAllStatesUnsafe();
   if (!states) return {};
   std::vector<int64_t> pending;
   size_t count = std::erase_if(*states, [&](const auto& entry) {
     const auto& [id, state] = entry;
-    if (files_.fileExists(state.fileURL)) return false;
+    if (inHand.contains(id) || files_.fileExists(state.fileURL)) return false;
     log("Processing state {} references missing file: {} - removing state", id, state.fileURL.string());
     cleanupTempFilesUnsafe(state);
     if (!isFinal(state.stage)) pending.push_back(id);
+    unstored_.insert_or_assign(id, std::nullopt);
     return true;
   });
   if (count == 0) return {};

@@ -56,11 +56,12 @@ class ProcessingStateManager {
 
   /// Removes records, of whatever stage, that were last changed longer than `maxAge` ago, with their temp files. Their
   /// videos stay. A pending record's age counts from the start of this process at the earliest, since nobody could take
-  /// it up before; the ids of `inHand` do not age. Returns the ids of the pending ones.
+  /// it up before; those of `inHand` stay. Returns the ids of the pending ones.
   std::vector<int64_t> cleanupStaleStates(std::chrono::seconds maxAge, const std::set<int64_t>& inHand = {});
 
-  /// Removes records whose video is gone, with their temp files. Returns the ids of the pending ones.
-  std::vector<int64_t> validateStates();
+  /// Removes records whose video is gone, with their temp files; those of `inHand` stay. Returns the ids of the pending
+  /// ones.
+  std::vector<int64_t> validateStates(const std::set<int64_t>& inHand = {});
 
  private:
   // The callers of these hold the lock.

@@ -86,6 +86,50 @@ TEST_F(MeantimeTest, TheSweepLeavesAFileThatIsBeingHandedOver) {
   EXPECT_EQ(contents(), "content of clip.mp4");
 }
 
+/// A run that is asked to stop before it has begun keeps its slot until it is taken up again, or given up.
+TEST_F(MeantimeTest, ARunWhoseRecordTheCleanUpMeetsGoesOnOrIsTold) {
+  engine_->setMaxConcurrentDownloads(1);
+  const auto stopTheRun = [this] {
+    application_.enterBackground();
+    engine_->handleAppDidEnterBackground();
+    application_.expireBackgroundTime();
+    settle();
+  };
+  const auto cleanUpBeforeTheRunEnds = [&](const std::function<void()>& atTheSweep) {
+    meantime_.arm({.errnum = 0, .among = {FileOperation::list}, .strike = atTheSweep});
+    cleanUp();
+    dispatch_.release(worker());
+    settle();
+    application_.enterForeground();
+    engine_->checkAndResumePendingProcessing();
+    settle();
+  };
+
+  dispatch_.hold(worker());
+  const auto old = save("old.mp4");
+  finish("old.mp4");
+  stopTheRun();
+  dispatch_.release(worker());
+  settle();
+  dispatch_.hold(worker());
+  clock_.advance(std::chrono::hours(48));
+  cleanUpBeforeTheRunEnds([&] {
+    engine_->checkAndResumePendingProcessing();
+    stopTheRun();
+  });
+  EXPECT_EQ(old->status(), DownloadStatus::completed);
+
+  dispatch_.hold(worker());
+  const auto gone = save("gone.mp4");
+  finish("gone.mp4");
+  files_.removeItem(home_ / "Documents/gone.mp4");
+  stopTheRun();
+  cleanUpBeforeTheRunEnds({});
+  EXPECT_EQ(gone->status(), DownloadStatus::failed);
+
+  EXPECT_EQ(save("next.mp4")->status(), DownloadStatus::downloading) << "both have given their slot back";
+}
+
 TEST_F(MeantimeTest, WhoeverTakesARunAwayHasItsFilesGo) {
   enum class How { cancel, cancelAll, clearAll };
   enum class Where { handedOver, waiting, aboutToRun, running };

@@ -1,7 +1,6 @@
 #include "download/detail/DownloadRemoval.h"
 
 #include <chrono>
-#include <set>
 
 #include "platform/Log.h"
 
@@ -122,8 +121,6 @@ void DownloadRemoval::cleanUp() {
 
 void DownloadRemoval::cleanUpNow() {
   const int64_t cutOff = secondsSince1970(engine_.platform.clock.now() - maxAge);
-  std::set<int64_t> inHand;
-  for (const ProcessingState& state : engine_.gate.runsInHand()) inHand.insert(state.downloadId);
   for (const auto& task : engine_.registry.all()) {
     if (task->status() != DownloadStatus::completed || task->id >= cutOff) continue;
     task->cleanup();
@@ -132,15 +129,15 @@ void DownloadRemoval::cleanUpNow() {
   }
   engine_.taskStore.persist();
   engine_.sweep.cleanupOrphanedFiles();
-  giveUp(engine_.store.cleanupStaleStates(maxAge, inHand), "It was interrupted, and not taken up for a day");
-  giveUp(engine_.store.validateStates(), "Its file is gone");
+  giveUp(engine_.gate.cleanupStaleStates(maxAge), "It was interrupted, and not taken up for a day");
+  giveUp(engine_.gate.validateStates(), "Its file is gone");
 }
 
 /// Ends downloads whose records were removed while nobody worked on them.
 void DownloadRemoval::giveUp(const std::vector<int64_t>& ids, const std::string& words) {
   for (const int64_t id : ids) {
     const auto task = engine_.registry.find(id);
-    if (!task || engine_.gate.holds(id)) continue;
+    if (!task) continue;
     log("Processing failed for download {}: {}", id, words);
     engine_.news.fail(task, RunOutcome::Where::repair, std::make_exception_ptr(Error("TarnFetch", -1, words)));
     engine_.taskStore.persist();
