@@ -132,11 +132,11 @@ class EngineDriver : protected DownloadListener {
 
   static const Row& rowOf(const ModelStep& step) { return *std::ranges::find(rows, step.kind, &Row::kind); }
 
-  void openProcess(Dispatch& dispatch) {
+  void openProcess(Dispatch& dispatch, FileManager& files) {
     application_ = std::make_unique<CountedApplication>(dispatch);
     ProcessingStateManager store(defaults_, disk_, clock_);
     removeLeftovers(disk_, store);
-    plugin_ = TarnBridge::create({disk_, defaults_, clock_, dispatch, *application_, photos_, transfers_},
+    plugin_ = TarnBridge::create({files, defaults_, clock_, dispatch, *application_, photos_, transfers_},
                                  {.last = &step_}, this);
     plugin_->setEventListener([this](const std::string& name, const JSObject& data) { hear(name, data); });
     plugin_->load();

@@ -40,7 +40,7 @@ class EngineModel : protected EngineDriver {
 
   void startProcess() override {
     outcomes_.clear();
-    openProcess(dispatch_);
+    openProcess(dispatch_, disk_);
     if (!transfers_.storedTaskDescriptions().empty()) plugin_->downloadManager().handleEventsForBackgroundURLSession();
   }
   void endProcess() override {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <random>
 #include <thread>
 
 #include "platform/host/AsioDispatch.h"
@@ -15,6 +16,13 @@ namespace tarn::test {
 namespace {
 
 using namespace std::chrono_literals;
+
+/// Lets other threads go first, now and then, as a busy machine does.
+void hesitate() {
+  static std::atomic<uint32_t> threads = 0;
+  thread_local std::minstd_rand random(++threads);
+  if (random() % 32 == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+}
 
 /// Real queues on real threads that tell when they have nothing left to do. Delays pass a thousand times as fast.
 class CountedDispatch : public Dispatch {
@@ -47,6 +55,7 @@ class CountedDispatch : public Dispatch {
     void async(Work work) override {
       ++*pieces_;
       base_.async([pieces = pieces_, work = std::move(work)] {
+        hesitate();
         work();
         --*pieces;
       });
@@ -106,11 +115,14 @@ class EngineThreads : private EngineDriver {
     EngineThreads& engine;
   };
 
-  EngineThreads() { EngineThreads::startProcess(); }
+  EngineThreads() {
+    slowDisk_.arm({.errnum = 0, .lasting = true, .strike = hesitate});
+    EngineThreads::startProcess();
+  }
 
   void startProcess() override {
     queues_ = std::make_unique<CountedDispatch>();
-    openProcess(*queues_);
+    openProcess(*queues_, slowDisk_);
     // Transfers whose end the last process did not hear go with the making of the session: not while one is driven.
     plugin_->downloadManager().handleEventsForBackgroundURLSession();
   }
@@ -203,6 +215,7 @@ class EngineThreads : private EngineDriver {
   std::condition_variable turned_;
   size_t stepsDone_ = 0;  ///< of this phase
 
+  FaultyFileManager slowDisk_{disk_};
   std::optional<Disturbance> storeFault_;  ///< of the first page's thread
   std::unique_ptr<CountedDispatch> queues_;
   std::chrono::steady_clock::time_point deadline_;
