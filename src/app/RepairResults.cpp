@@ -154,11 +154,7 @@ void RepairReportFile::append(const JSObject& file) {
 
 /// In one call, so that a kill leaves no half of a line.
 void RepairReportFile::write(const std::string& text) {
-  for (size_t at = 0; at < text.size();) {
-    const ssize_t written = repeatInterrupted([&] { return ::write(*file_, text.data() + at, text.size() - at); });
-    if (written < 0) throw PosixError(errno, "write the report " + path_.string());
-    at += static_cast<size_t>(written);
-  }
+  if (!writeAll(*file_, text)) throw PosixError(errno, "write the report " + path_.string());
 }
 
 void RepairTotals::add(const RepairedFile& result) {

@@ -50,12 +50,7 @@ Path RepairStreams::output() {
 void RepairStreams::writeOutput() {
   PosixFileHandle file(home_.path() / "standard output", OpenMode::reading);
   for (Bytes piece = file.read(pieceSize); !piece.empty(); piece = file.read(pieceSize)) {
-    for (size_t at = 0; at < piece.size();) {
-      const ssize_t count =
-          repeatInterrupted([&] { return ::write(STDOUT_FILENO, piece.data() + at, piece.size() - at); });
-      if (count < 0) throw PosixError(errno, "write to standard output");
-      at += static_cast<size_t>(count);
-    }
+    if (!writeAll(STDOUT_FILENO, textOf(piece))) throw PosixError(errno, "write to standard output");
   }
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -73,22 +74,28 @@ bool isStillNamed(const Descriptor& directory, const Path& path) {
   return ::stat(path.c_str(), &named) == 0 && ::fstat(*directory, &opened) == 0 && named.st_ino == opened.st_ino;
 }
 
-std::chrono::seconds changeOf(const Path& path) {
+/// Nothing for what is not there.
+std::optional<std::chrono::seconds> changeOf(const Path& path) {
   struct stat facts {};
-  return std::chrono::seconds(::lstat(path.c_str(), &facts) == 0 ? facts.st_mtim.tv_sec : 0);
+  if (::lstat(path.c_str(), &facts) != 0) return std::nullopt;
+  return std::chrono::seconds(facts.st_mtim.tv_sec);
 }
 
 /// Nothing in the home has changed for long. The time is that of whoever keeps the files, by whose clock they change;
-/// if he does not tell it, the home counts as new.
+/// if he does not tell it, the home counts as new. Where something goes away meanwhile, somebody is at work.
 bool isSilent(const Path& home) {
   const Path all = home.parent_path();
   ::utimensat(AT_FDCWD, all.c_str(), nullptr, 0);
-  const auto oldest = changeOf(all) - longestSilence;
-  if (changeOf(home) >= oldest) return false;
+  const auto now = changeOf(all);
+  const auto isOld = [&](const Path& path) {
+    const auto change = changeOf(path);
+    return now && change && *change < *now - longestSilence;
+  };
+  if (!isOld(home)) return false;
   std::error_code failure;
   for (fs::recursive_directory_iterator entry(home, failure); !failure && entry != fs::recursive_directory_iterator();
        entry.increment(failure)) {
-    if (changeOf(entry->path()) >= oldest) return false;
+    if (!isOld(entry->path())) return false;
   }
   return !failure;
 }

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "mp4/BoxWalker.h"
 #include "mp4/MP4BoxUtils.h"
 #include "mp4/TableBox.h"

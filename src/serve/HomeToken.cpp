@@ -13,6 +13,7 @@
 #include "platform/Error.h"
 #include "platform/SHA256.h"
 #include "platform/host/Descriptor.h"
+#include "platform/host/PosixCalls.h"
 
 namespace tarn {
 namespace {
@@ -55,8 +56,7 @@ void storeSecret(const Path& path, const std::string& secret) {
   const Path fresh = hiddenSibling(path);
   const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!file.isOpen()) throw PosixError(errno, fresh.string());
-  if (::write(*file, secret.data(), secret.size()) != static_cast<ssize_t>(secret.size()) || ::fsync(*file) != 0 ||
-      ::rename(fresh.c_str(), path.c_str()) != 0) {
+  if (!writeAll(*file, secret) || ::fsync(*file) != 0 || ::rename(fresh.c_str(), path.c_str()) != 0) {
     const int failure = errno;
     ::unlink(fresh.c_str());
     throw PosixError(failure, path.string());

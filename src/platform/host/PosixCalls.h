@@ -1,6 +1,9 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <string_view>
 
 #include "platform/Error.h"
 #include "platform/FileManager.h"
@@ -13,6 +16,16 @@ auto repeatInterrupted(Call call) {
   auto result = call();
   while (result < 0 && errno == EINTR) result = call();
   return result;
+}
+
+/// Writes all of it, where one call may write less. False where that fails; errno tells the failure.
+inline bool writeAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = repeatInterrupted([&] { return ::write(descriptor, text.data(), text.size()); });
+    if (written < 0) return false;
+    text.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
 }
 
 /// The path as system calls take it. One that holds a NUL would silently name another file: EINVAL.
