@@ -133,13 +133,17 @@ std::optional<ProcessingState> TransferEvents::takeFile(const DownloadTaskPointe
 /// pending, the new file gets its download's id in its name.
 NamesInTheMaking::Hold TransferEvents::holdDestination(int64_t id, const DownloadRequest& request) {
   const Path destination = engine_.platform.files.documentsDirectory(true) / checkedFilename(request);
-  const auto anothers = engine_.store.filesInUse(id);
-  // A run whose record could not be stored counts too.
-  const auto isAnothersRun = [&](const ProcessingState& run) {
-    return run.downloadId != id && run.fileURL == destination;
-  };
-  if (anothers && !anothers->contains(destination) && std::ranges::none_of(engine_.gate.runsInHand(), isAnothersRun)) {
-    if (auto hold = engine_.names.tryHold(destination)) return std::move(*hold);
+  // Held first: while it is, no other hand-over can make a pending file of it.
+  if (auto hold = engine_.names.tryHold(destination)) {
+    const auto anothers = engine_.store.filesInUse(id);
+    // A run whose record could not be stored counts too.
+    const auto isAnothersRun = [&](const ProcessingState& run) {
+      return run.downloadId != id && run.fileURL == destination;
+    };
+    if (anothers && !anothers->contains(destination) &&
+        std::ranges::none_of(engine_.gate.runsInHand(), isAnothersRun)) {
+      return std::move(*hold);
+    }
   }
   return engine_.names.hold(withId(destination, id));
 }
