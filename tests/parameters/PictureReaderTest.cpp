@@ -233,13 +233,18 @@ TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
     damaged.ppsArray = {Bytes{0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}};
     EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, damaged); }), "A sequence parameter set cannot be read");
   }
-  ParameterSets cropped, cut;  // to less than nothing, and behind the bit depths
+  ParameterSets cropped, cut, cycling;  // to less than nothing, behind the bit depths, in 255 steps at most
   cut.spsArray = {HEVCSPS{}.bytes()};
   cut.ppsArray = {hevcPPS(0, 0x80)};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::hevc, cut); }), "");
   cropped.spsArray = {AVCSPS{.widthInMbs = 1, .cropRight = 100}.bytes()};
   cropped.ppsArray = {avcPPS()};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::avc, cropped); }), "");
+  for (const uint32_t cycle : {255U, 256U}) {
+    cycling.spsArray = {AVCSPS{.pictureOrderCountType = 1, .orderCycle = cycle}.bytes()};
+    const std::string failure = failureOf([&] { PictureReader::make(VideoCodec::avc, cycling); });
+    EXPECT_EQ(failure == "A sequence parameter set cannot be read", cycle > 255) << failure;
+  }
 }
 
 }  // namespace
