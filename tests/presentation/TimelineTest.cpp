@@ -74,6 +74,10 @@ TEST_F(TimelineTest, TellsTheLargestHolesOfMany) {
     const auto* next = &span + 1;
     return next != timeline->audio.data() + timeline->audio.size() && next->start - span.end > 1.7;
   }));
+  // Behind the millionth, all counts as sound.
+  SyntheticTrack more = sound({{1'200'000, 1000}, {1'100'000, 5000}});
+  more.samplesPerChunk = more.samples;
+  EXPECT_EQ(told(pictures(), more), "0.00-10.00 | 0.00-134000.00 | 0.00 133990.00");
   EXPECT_FALSE(readTimeline(files_, write(Bytes(100))));
 }
 
