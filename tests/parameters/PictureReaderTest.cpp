@@ -222,7 +222,10 @@ TEST_F(PictureReaderTest, HEVCSetsAreReadUpToTheLargestThatTheStandardAllows) {
   }
   // The PPS announces no further bits of a slice; the flag behind their number does not count.
   const Bytes slice = BitBuilder().bits(0x0201, 16).bits(1, 1).ue(0).ue(2).bits(5, 4).bits(1, 1).bits(0x55, 8).bytes();
-  EXPECT_EQ(readerOf(64, 64, 4, 6)->read(slice).value().orderLSB, 5u);
+  const auto reader = readerOf(64, 64, 4, 6);
+  EXPECT_EQ(reader->read(slice).value().orderLSB, 5u);
+  // Units of the types from 48 on may stand there, those of the types before are nobody's yet.
+  EXPECT_TRUE(reader->read(Bytes{48 << 1, 1, 0xFF}) && !reader->read(Bytes{47 << 1, 1, 0xFF}));
 }
 
 TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
