@@ -16,6 +16,8 @@ TEST_F(EngineTest, NamesThatLeaveDocumentsFailLikeAFailedMove) {
     transfers_.complete(url("clip.mp4"));
     settle();
     EXPECT_EQ(task->status(), DownloadStatus::failed);
+    const std::string failure = describe(task->snapshot().reason.failure);
+    EXPECT_NE(failure.starts_with("Not a file name"), name.size() == 300) << failure << ": nothing is touched";
     EXPECT_TRUE(heard().starts_with("failed " + std::to_string(task->id)));
     EXPECT_TRUE(documents().empty());
     engine_->removeDownload(task->id);
