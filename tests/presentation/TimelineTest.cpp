@@ -61,6 +61,7 @@ TEST_F(TimelineTest, TellsWhereThereArePicturesAndSound) {
   SyntheticTrack none = sound({{1, 1000}});
   none.handler = "text";
   EXPECT_EQ(told(pictures(), none), "0.00-10.00 | | ");
+  EXPECT_EQ(told(none, sound({{100, 1000}})), "| 0.00-2.00 | ");
 }
 
 /// A file may hold a million gaps; a summary is small.
