@@ -248,6 +248,11 @@ TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) 
     EXPECT_EQ(timeline.gaps.size(), more);
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
     EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + more / 90000.0);
+    // Nor are 2 ms of sound without pictures.
+    SyntheticTrack late = whole();
+    late.ctts = {{200, 0}, {packets - 200, static_cast<int32_t>(ticks(2) + more)}};
+    clip_.write(syntheticMovie({late}));
+    EXPECT_EQ(AudioTranscoder::detectAudioGaps(clip_.asset, clip_.track(), 48000, 2).gaps.size(), more);
   }
   SyntheticTrack overlapping = whole();
   overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
