@@ -266,6 +266,10 @@ TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) 
   EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
   EXPECT_EQ(inside.maxOverlapMs, 100);
 
+  const auto merged = AudioTranscoder::mergeOverlappingGaps({gapAt(4.04), gapAt(3)}, 0.05);
+  ASSERT_EQ(merged.size(), 1U) << "gaps that all but touch are one";
+  EXPECT_NEAR(merged[0].duration.seconds(), 2.04, 1e-6);
+
   clip_.write(syntheticMovie({pictures({{100, -1}}), whole({{100, -1}})}));
   EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),
                AudioTranscoderError);
