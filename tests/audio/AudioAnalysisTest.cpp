@@ -82,6 +82,11 @@ TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
   const auto slow = [](uint32_t delta) { return sound({{packets, delta}}); };
   SyntheticTrack rounded = sound({{packets * 30, 1115}});  // 1114.56 ticks
   rounded.sampleEntry = aacSampleEntry(44100, 2, {0x12, 0x10});
+  const auto held = [](double seconds) {  // by a packet whose codec does not tell how long it is
+    SyntheticTrack track = sound({{100, packet}, {1, ticks(seconds * 1000)}, {100, packet}});
+    track.sampleEntry = audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {}));
+    return track;
+  };
   SyntheticTrack hidden = holed(500);
   hidden.edits = {{1000, 0}, {500, 240000}};
   SyntheticTrack garbage = holed(65);
@@ -115,6 +120,7 @@ TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
        "internalGaps 1 1 251 251 0: Complex repair (1 actions, 0.26s silence)"},
       {sound({{packets, packet}, {1, packet + ticks(500)}}), "clean 0 0 0 0 0: skip"},
       {rounded, "clean 0 0 0 0 0: skip"},
+      {held(61.1), "timelineDrift 0 0 0 60100 0: " + alone + "its packets cannot be decoded"},
       // What the edit list says: a pause, a cut, a late start; it hides a hole; it is damaged.
       {whole({{2000, 0}, {2000, -1}, {3000, 96000}}), "clean 0 0 0 0 0: skip"},
       {whole({{1000, 0}, {1000, 96000}, {1000, 24000}, {1000, 9600}, {1000, 4800}}), "clean 0 0 0 0 0: skip"},
@@ -131,8 +137,7 @@ TEST_F(AudioAnalysis, TellsDamageFromWhatTheSourceSaysAndChoosesTheRoad) {
       {aac(44100, {0x12, 0x10}), "clean 0 0 0 0 0: skip"},
       {aac(48000, {0x11, 0x88}), "clean 0 0 0 0 0: skip"},
       {aac(32000, {0x12, 0x90}), "clean 0 0 0 0 0: skip"},
-      {coded(48000, audioSampleEntry("mp4a", 48000, 2, esdsBox(0x6B, {}))),
-       "clean 0 0 0 0 0: " + alone + "its packets cannot be decoded"},
+      {held(61), "clean 0 0 0 0 0: " + alone + "its packets cannot be decoded"},
       {coded(48000, audioSampleEntry("none", 48000, 2)),
        "clean 0 0 0 0 0: " + alone + "its codec \"none\" cannot be decoded"},
   };
@@ -248,6 +253,11 @@ TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) 
     EXPECT_EQ(timeline.gaps.size(), more);
     EXPECT_DOUBLE_EQ(timeline.rebaseOffset.seconds(), 0.1);
     EXPECT_DOUBLE_EQ(timeline.endPTS.seconds(), 3.5 + more / 90000.0);
+    // Nor are 2 ms of sound without pictures.
+    SyntheticTrack late = whole();
+    late.ctts = {{200, 0}, {packets - 200, static_cast<int32_t>(ticks(2) + more)}};
+    clip_.write(syntheticMovie({late}));
+    EXPECT_EQ(AudioTranscoder::detectAudioGaps(clip_.asset, clip_.track(), 48000, 2).gaps.size(), more);
   }
   SyntheticTrack overlapping = whole();
   overlapping.ctts = {{200, 0}, {packets - 200, -4800}};
@@ -255,6 +265,10 @@ TEST_F(AudioAnalysis, FindsVideoGapsAndOverlapsAndAcceptsTracksThatShowNothing) 
   const auto inside = AudioTranscoder::detectInternalGaps(clip_.asset, clip_.track(), AACType::aacLC, 64);
   EXPECT_EQ(inside.overlaps.at(0).framesToDrop, 4800);
   EXPECT_EQ(inside.maxOverlapMs, 100);
+
+  const auto merged = AudioTranscoder::mergeOverlappingGaps({gapAt(4.04), gapAt(3)}, 0.05);
+  ASSERT_EQ(merged.size(), 1U) << "gaps that all but touch are one";
+  EXPECT_NEAR(merged[0].duration.seconds(), 2.04, 1e-6);
 
   clip_.write(syntheticMovie({pictures({{100, -1}}), whole({{100, -1}})}));
   EXPECT_THROW(AudioTranscoder::buildVideoTimeline(clip_.asset, clip_.track(AVMediaType::video), 0.5),

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "audio/AudioTranscoder.h"
+#include "audio/transcode/TranscodeOutput.h"
 #include "platform/Log.h"
 #include "platform/host/PosixFileManager.h"
 #include "support/BoxEditor.h"
@@ -146,6 +147,11 @@ TEST_F(TranscodeAudio, WaitingForTheWriterItReportsAndEndsWhenCancelled) {
     if (files_.fired()) token.cancel();
   };
   EXPECT_EQ(failure(clip, &token, cancel), "Operation was cancelled");
+}
+
+TEST(TranscodePulse, TellsThatNothingIsDoneOfNothing) {
+  const TranscodeProgress told = [](double progress, const std::string&) { EXPECT_EQ(progress, 0); };
+  TranscodePulse(nullptr, told, 0).beat();
 }
 
 TEST_F(TranscodeAudio, FailuresAreToldAndLeaveNoFile) {

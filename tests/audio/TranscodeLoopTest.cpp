@@ -28,8 +28,8 @@ struct Recorder : PCMSink {
 
 /// So many mono buffers of one value go through the loop, at these times of the source, or else one after the other.
 std::pair<Recorder, AudioTranscodingState> play(const TranscodePlan& plan, size_t buffers,
-                                                const std::vector<CMTime>& times = {}) {
-  const TranscodeConfig config{.channels = 1};
+                                                const std::vector<CMTime>& times = {}, bool fades = true) {
+  const TranscodeConfig config{.channels = 1, .enableFadeSmoothing = fades};
   const AudioNormalizer normalizer({.channels = 1});
   CMSampleBuffer buffer = sampleBuffer(Samples(bufferFrames, loud), 1);
   Recorder recorder;
@@ -95,10 +95,12 @@ TEST(TranscodeLoop, FadesAroundSilenceAndCuts) {
   EXPECT_LT(largestStep(all.first(silenceEnd), 1), 70);
   EXPECT_LT(largestStep(all.subspan(silenceEnd), 1), 12);
   EXPECT_EQ(faded.front(), loud);
+  EXPECT_EQ(std::ranges::count(all.subspan(2 * 8192 - 777, 1440), 0), 1440) << "behind a fade the noise waits";
   for (size_t silent : std::initializer_list<size_t>{8191, 8192, 2 * 8192 - 777 - 1, silenceEnd, faded.size() - 1}) {
     EXPECT_EQ(faded[silent], 0) << silent;
   }
   EXPECT_NEAR(faded[silenceEnd - 1], loud, 12) << "the silence rises to the audio as it was decoded";
+  EXPECT_LT(largestStep(play({.gaps = {gap(8192, 2.5)}}, 2, {}, false).first.samples, 1), 70) << "and falls from it";
 
   EXPECT_EQ(play({.cap = 24736 / 48000.0}, 10).first.samples.back(), 0) << "what is cut short fades too";
 }

@@ -29,21 +29,28 @@ TEST_F(SlotsTest, ARaisedLimitStartsWhatWaitsAndALoweredOneStopsNothing) {
   }
 }
 
-TEST_F(SlotsTest, AStoppedLineStartsNoneWhateverTheLimit) {
+TEST_F(SlotsTest, AStoppedLineStartsNoneWhateverTheLimitBeforeTheNextProcess) {
   engine_->setMaxConcurrentDownloads(1);
-  save("a.mp4");
+  const int64_t running = save("a.mp4")->id;
   const auto waiting = save("b.mp4");
   engine_->stopStarting();
   engine_->setMaxConcurrentDownloads(2);
+  engine_->cancelDownloadFileBy(running);
+  settle();
   EXPECT_EQ(waiting->status(), queued);
+  restart();
+  EXPECT_EQ(task(waiting->id)->status(), downloading);
 }
 
 TEST_F(SlotsTest, CancelAllBlocksForHalfASecondAndClearAllLiftsThat) {
   save("a.mp4");
+  settle();
+  put("nobodys.mp4", "video");
   engine_->cancelAll();
   EXPECT_FALSE(save("b.mp4"));
   settle();
   EXPECT_EQ(stored("ActiveDownloads"), "none");
+  EXPECT_TRUE(documents().empty());
   dispatch_.advance(std::chrono::milliseconds(499));
   EXPECT_FALSE(save("b.mp4"));
   dispatch_.advance(std::chrono::milliseconds(1));
@@ -108,6 +115,11 @@ TEST_F(SlotsTest, APauseAndItsEndOutliveTheProcess) {
   finish("a.mp4");
   EXPECT_EQ(contents(), "content of b.mp4 content of a.mp4");
   EXPECT_TRUE(task(waiting)->request.skipVideoFix);
+
+  for (const char* name : {"c.mp4", "d.mp4"}) save(name);
+  engine_->pauseDownloadFileBy(save("e.mp4")->id);
+  restart();
+  EXPECT_EQ(engine_->getQueuedDownloadCount(), 0U) << "a paused one does not wait for a slot";
 }
 
 TEST_F(SlotsTest, OnlyATransferThatIsNotOverCanBePaused) {

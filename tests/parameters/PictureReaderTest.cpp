@@ -222,7 +222,10 @@ TEST_F(PictureReaderTest, HEVCSetsAreReadUpToTheLargestThatTheStandardAllows) {
   }
   // The PPS announces no further bits of a slice; the flag behind their number does not count.
   const Bytes slice = BitBuilder().bits(0x0201, 16).bits(1, 1).ue(0).ue(2).bits(5, 4).bits(1, 1).bits(0x55, 8).bytes();
-  EXPECT_EQ(readerOf(64, 64, 4, 6)->read(slice).value().orderLSB, 5u);
+  const auto reader = readerOf(64, 64, 4, 6);
+  EXPECT_EQ(reader->read(slice).value().orderLSB, 5u);
+  // Units of the types from 48 on may stand there, those of the types before are nobody's yet.
+  EXPECT_TRUE(reader->read(Bytes{48 << 1, 1, 0xFF}) && !reader->read(Bytes{47 << 1, 1, 0xFF}));
 }
 
 TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
@@ -233,13 +236,18 @@ TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
     damaged.ppsArray = {Bytes{0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}};
     EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, damaged); }), "A sequence parameter set cannot be read");
   }
-  ParameterSets cropped, cut;  // to less than nothing, and behind the bit depths
+  ParameterSets cropped, cut, cycling;  // to less than nothing, behind the bit depths, in 255 steps at most
   cut.spsArray = {HEVCSPS{}.bytes()};
   cut.ppsArray = {hevcPPS(0, 0x80)};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::hevc, cut); }), "");
   cropped.spsArray = {AVCSPS{.widthInMbs = 1, .cropRight = 100}.bytes()};
   cropped.ppsArray = {avcPPS()};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::avc, cropped); }), "");
+  for (const uint32_t cycle : {255U, 256U}) {
+    cycling.spsArray = {AVCSPS{.pictureOrderCountType = 1, .orderCycle = cycle}.bytes()};
+    const std::string failure = failureOf([&] { PictureReader::make(VideoCodec::avc, cycling); });
+    EXPECT_EQ(failure == "A sequence parameter set cannot be read", cycle > 255) << failure;
+  }
 }
 
 }  // namespace

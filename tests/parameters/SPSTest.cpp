@@ -105,11 +105,14 @@ TEST(AVCSPSResolution, ReadsTheCroppedSize) {
   // A cycle of 2^31 entries in a set that holds none of them ends with the set.
   Bytes endless = BitBuilder().bits(77, 8).bits(0, 16).ue(0).ue(0).ue(1).bits(0, 1).ue(0).ue(0).ue(0x7FFFFFFF).bytes();
   EXPECT_TRUE(AVCConfigurationBox::parseSPSResolution(endless));
+  const Bytes cut(1);
+  BitReader bits(cut);
+  EXPECT_EQ(readUE(bits), 255U) << "the missing suffix counts as 0";
 }
 
 TEST(EmulationPrevention, DropsOnlyTheBytesThatPreventEmulation) {
   const std::pair<Bytes, Bytes> cases[] = {
-      {{0x42, 0, 0, 3, 1}, {0x42, 0, 0, 1}}, {{0, 0, 3}, {0, 0, 3}},
+      {{0x42, 0, 0, 3, 1}, {0x42, 0, 0, 1}}, {{9, 8, 3, 0, 0, 3}, {9, 8, 3, 0, 0, 3}},
       {{0, 0, 3, 4}, {0, 0, 3, 4}},          {{0, 0, 3, 0, 0, 3, 3}, {0, 0, 0, 0, 3}},
       {{0, 0, 3, 0, 3, 1}, {0, 0, 0, 3, 1}}, {{0, 0, 0, 3, 1}, {0, 0, 0, 1}},
   };

@@ -286,7 +286,10 @@ TEST_F(ProcessingDriverTest, AnInterruptedRunGoesOnFromItsRecipeAndWithoutOneFro
     EXPECT_EQ(state_.stage, transcodingPass2);
     if (!damaged.empty()) files_.open(damaged, OpenMode::updating)->truncate(1);
     disturb_ = {};
+    clock_.advance(std::chrono::seconds(1));
+    first_ = [this](ProcessingRun&) { EXPECT_EQ(store_.loadState(7)->lastUpdated, clock_.now()); };
     EXPECT_EQ(run(), (damaged.empty() ? "" : remuxStages) + fromAudio + savedEnding);
+    first_ = {};
     EXPECT_EQ(result_, damaged.empty() ? "repaired" : "video");
     using Sentences = std::vector<std::string>;
     const RepairSummary& summary = outcome_.summary;

@@ -108,6 +108,10 @@ TEST_F(ProcessingStateTest, AChangeThatCannotBeStoredHoldsUntilTheNextOneIs) {
     EXPECT_EQ(stored(key).find("clip1"), std::string::npos);
     EXPECT_NE(stored(key).find("\"failed\""), std::string::npos);
   }
+  faulty_.arm({.lasting = true, .among = {FileOperation::write}});
+  store_.clearAllStates();
+  faulty_.disarm();
+  EXPECT_TRUE(store_.allStates().empty());
 }
 
 TEST_F(ProcessingStateTest, PendingRecordsComeOldestFirstAndFinalOnesNot) {

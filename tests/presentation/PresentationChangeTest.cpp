@@ -190,6 +190,7 @@ TEST_F(PresentationChangeTest, OfANewTrackOnlyTheTimesCount) {
        withStill(remade({{280, 882}, {60, 882}})), Words{"40 ms of the sound is hidden"}},
       {"a trim is lost", audioList({{200, 1000}}), remade(whole), {"177 ms of the sound is played that was not"}},
       {"the end is lost", nothing, remade(whole, 14), {"73 ms of the sound is hidden"}},
+      {"more than there was", nothing, remade({{480, 882}}, 22), {"100 ms of the sound is played that was not"}},
   };
   expectHarms(cases, {.remadeTrack = 2});
 }

@@ -61,7 +61,7 @@ TEST_F(PresentationTest, ShowsWhatTheEditListShows) {
       {"the first two are hidden, the list begins inside one", pictures(), {{300, 180}}, 8, 1, 0ms, 300ms},
       {"a tick of a picture is not seen", pictures(), {{361, 80}}, 9, 0, 0ms, 360ms},
       {"late", pictures(), {{300, -1}, {400, 80}}, 10, 0, 300ms, 700ms},
-      {"a pause, then once more from the start", pictures(), {{80, 80}, {500, -1}, {400, 80}}, 10, 0, 0ms, 980ms},
+      {"a pause, then once more from the third on", pictures(), {{160, 80}, {500, -1}, {320, 160}}, 10, 0, 0ms, 980ms},
       {"no duration: to the end of the media", pictures(), {{300, -1}, {0, 160}}, 8, 0, 300ms, 620ms},
       {"composed before 0 without a list", early, {}, 10, 0, -40ms, 360ms},
       {"composed before 0, the list begins at 0", early, {{400, 0}}, 9, 0, 0ms, 360ms},

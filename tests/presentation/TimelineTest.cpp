@@ -61,6 +61,7 @@ TEST_F(TimelineTest, TellsWhereThereArePicturesAndSound) {
   SyntheticTrack none = sound({{1, 1000}});
   none.handler = "text";
   EXPECT_EQ(told(pictures(), none), "0.00-10.00 | | ");
+  EXPECT_EQ(told(none, sound({{100, 1000}})), "| 0.00-2.00 | ");
 }
 
 /// A file may hold a million gaps; a summary is small.
@@ -74,6 +75,10 @@ TEST_F(TimelineTest, TellsTheLargestHolesOfMany) {
     const auto* next = &span + 1;
     return next != timeline->audio.data() + timeline->audio.size() && next->start - span.end > 1.7;
   }));
+  // Behind the millionth, all counts as sound.
+  SyntheticTrack more = sound({{1'200'000, 1000}, {1'100'000, 5000}});
+  more.samplesPerChunk = more.samples;
+  EXPECT_EQ(told(pictures(), more), "0.00-10.00 | 0.00-134000.00 | 0.00 133990.00");
   EXPECT_FALSE(readTimeline(files_, write(Bytes(100))));
 }
 

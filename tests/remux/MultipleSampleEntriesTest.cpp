@@ -34,6 +34,8 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   write(movie);
   repair();
   EXPECT_EQ(describe(written()), result);
+  const Bytes hvcC = BoxEditor(written()).get(sampleTable + "/stsd/encv/hvcC");
+  EXPECT_EQ(hvcC.at(8 + 21) & 3, 1) << "lengths of two bytes";
   // Segments that nobody has found yet.
   auto file = open(movie);
   const MP4BoxInfo place = *MP4BoxUtils::findTopLevelBox(*file, "moov");

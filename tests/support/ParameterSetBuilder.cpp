@@ -69,7 +69,8 @@ Bytes AVCSPS::bytes() const {
   }
   sps.ue(0).ue(pictureOrderCountType);
   if (pictureOrderCountType == 0) sps.ue(2);
-  if (pictureOrderCountType == 1) sps.bits(0, 1).se(-3).se(5).ue(2).se(7).se(-7);
+  if (pictureOrderCountType == 1) sps.bits(0, 1).se(-3).se(5).ue(orderCycle);
+  for (uint32_t i = 0; pictureOrderCountType == 1 && i < orderCycle; ++i) sps.se(i % 2 == 0 ? 7 : -7);
   sps.ue(3).bits(0, 1).ue(widthInMbs - 1).ue(heightInMapUnits - 1).bits(framesOnly, 1);
   if (!framesOnly) sps.bits(0, 1);
   bool cropped = cropLeft + cropRight + cropTop + cropBottom != 0;

@@ -53,6 +53,7 @@ struct AVCSPS {
   uint32_t chromaFormat = 1;
   bool scalingLists = false;
   uint32_t pictureOrderCountType = 0;
+  uint32_t orderCycle = 2;  ///< offsets that a type of 1 has
   uint32_t widthInMbs = 120;
   uint32_t heightInMapUnits = 68;
   bool framesOnly = true;
