@@ -1,12 +1,13 @@
 // What the page shows and does beside the bridge, in a real browser over the real `tarn serve`.
 
 import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
 import { existsSync, readFileSync, writeFileSync } from 'node:fs';
 import { basename, join } from 'node:path';
 import { test } from 'node:test';
 
 import { act, changeBrowser, inPhase, open, row, save, setStage, stage } from './stage.mjs';
-import { makeClipWithHole, pause, until } from './support.mjs';
+import { binary, call, makeClipWithHole, pause, until } from './support.mjs';
 
 const axe = readFileSync(new URL('../node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
 
@@ -268,4 +269,33 @@ test('a file of this machine is dragged in, repaired and kept; what is no video 
   await page.waitForSelector('.album:has-text("Mine") .video:has-text("mine.mp4")');
   await until('its report', async () => /Repaired and saved/.test(await row(page, 'mine.mp4').textContent()));
   assert.match(await text(page, '#drop-words'), /notes\.mp4: .*(not|no) /, 'the refusal, still to be read');
+});
+
+test('a page that stays open stays small, however much comes and goes', async () => {
+  const page = await open();
+  const session = await stage.context.newCDPSession(page);
+  const countNodes = async () => {
+    await session.send('HeapProfiler.collectGarbage');
+    return (await session.send('Memory.getDOMCounters')).nodes;
+  };
+  await call(page, 'setDownloadLimit', { limit: 10 });
+  const comeAndGo = async (round) => {
+    const starts = Array.from({ length: 60 }, (_, number) => {
+      const url = stage.media.address(number % 10 === 0 ? 'clip.mp4' : 'login'); // which fails at once
+      return call(page, 'saveVideo', { url, album: 'Trips', filename: `${round}-${number}.mp4` });
+    });
+    for (const { id } of await Promise.all(starts)) assert.ok(id > 0);
+    await until('the videos', async () => (await page.locator('.video').count()) === 6, 60);
+    await until('all ends', async () => (await page.locator('.download progress:visible').count()) === 0, 60);
+    const names = stage.tarn.savedFiles().map((path) => `Trips/${basename(path)}`);
+    for (const name of names) execFileSync(binary, ['--home', stage.tarn.home, 'library', 'remove', '--now', name]);
+    await page.evaluate(() => document.dispatchEvent(new Event('visibilitychange'))); // it looks when it is looked at
+    await until('no video', async () => (await page.locator('.video').count()) === 0);
+  };
+  await comeAndGo('first');
+  const before = await countNodes();
+  await comeAndGo('second');
+  const after = await countNodes();
+  assert.ok(after < before + 60, `${before} nodes have become ${after}`);
+  await page.waitForSelector('.download:has-text("second-59.mp4")');
 });

@@ -15,6 +15,7 @@ export class Albums {
   private readonly title = byId('albums-title', HTMLElement);
   private readonly cards = new Map<string, VideoCard>(); // kept over refreshes, so that a playing video goes on
   private albums: Album[] = [];
+  private readonly titles = new Map<string, string>(); // by the ids of their videos
 
   constructor(
     private readonly onChange: (titles: string[]) => void,
@@ -28,8 +29,15 @@ export class Albums {
     const answer = await fetch('albums', { cache: 'no-store' }).catch(() => null);
     if (!answer?.ok) return;
     this.albums = ((await answer.json()) as { albums: Album[] }).albums;
-    for (const album of this.albums) album.assets.sort((a, b) => b.created - a.created);
+    this.titles.clear();
+    for (const { title, assets } of this.albums) {
+      assets.sort((a, b) => b.created - a.created);
+      for (const { id } of assets) this.titles.set(id, title);
+    }
     this.show();
+    for (const id of this.cards.keys()) {
+      if (!this.titles.has(id)) this.cards.delete(id);
+    }
     this.onChange(this.albums.map(({ title }) => title));
   });
 
@@ -43,7 +51,7 @@ export class Albums {
 
   /** The title of the album that holds it. */
   albumOf(assetId: string): string | undefined {
-    return this.albums.find(({ assets }) => assets.some(({ id }) => id === assetId))?.title;
+    return this.titles.get(assetId);
   }
 
   /** Goes to a video, if it is there. */

@@ -50,6 +50,8 @@ const phases: Record<DownloadStatus, Phase> = {
 
 /** The engine refuses new downloads for half a second after all have been cancelled. */
 const coolDown = 600;
+/** So many of those that have ended stay; a host's history has the others. */
+const mostEnded = 50;
 /** Events come once a second; a download that none told of for so long is asked for. */
 const silence = 2500;
 
@@ -214,7 +216,10 @@ export class Downloads {
   private moveTo(download: Download, phase: Phase): void {
     if (!isActive(download) || download.phase === phase) return;
     download.phase = phase;
-    if (!isActive(download)) this.onEnd(download);
+    if (isActive(download)) return;
+    this.onEnd(download);
+    const ended = this.all().filter((other) => !isActive(other));
+    if (ended.length > mostEnded) this.forget(ended.slice(mostEnded).map(({ id }) => id));
   }
 
   private forget(ids: number[]): void {
