@@ -43,6 +43,21 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   EXPECT_EQ(describe(written()), result);
 }
 
+TEST_F(SeveralEntries, AreNotMadeForAnotherCodec) {
+  for (bool isHEVC : {true, false}) {
+    BoxEditor movie(readFile(files_, joinedVideo({inBand(isHEVC), inBand(isHEVC, "256x160")})));
+    movie.rename(sampleTable + (isHEVC ? "/stsd/hev1" : "/stsd/avc1"), isHEVC ? "avc1" : "hvc1");
+    write(movie.bytes);
+    const auto remux = [&] {
+      isHEVC ? repair() : MP4Remuxer::remuxAVCWithParameterExtraction(files_, file_, "", nullptr, timings_);
+    };
+    EXPECT_THAT(failureOf(remux),
+                testing::HasSubstr(isHEVC ? "has codec 'avc1', not 'hev1'" : "has codec 'hvc1', not"));
+    EXPECT_EQ(written(), movie.bytes);
+    expectNothingLeftBehind();
+  }
+}
+
 /// A file system that copies of a whole piece of megabytes the beginning alone, so that a test can afford gigabytes.
 /// What a clip holds is shorter than such a piece and stands at its beginning or behind all of them.
 struct SparseFiles : ForwardingFileManager {

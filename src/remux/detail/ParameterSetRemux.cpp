@@ -143,6 +143,13 @@ bool repairTag(const Work& work) {
   return isDone;
 }
 
+/// Another codec is refused. (Where there is one entry, whoever edits it refuses it.)
+void requireOwnCodec(const Work& work) {
+  const std::string tag = detectHEVCTag(work.files, work.fileURL).value_or("");
+  const VideoCodec* codec = codecOfTag(tag);
+  if (codec != nullptr && codec != &work.codec) throw work.words.wrongTag(tag);
+}
+
 /// The plan for a stream that carries more than its sample entries say, whole as they are; nothing for any other, and
 /// where that cannot be told.
 std::optional<VideoPlan> planOfChanges(const Work& work) {
@@ -181,6 +188,7 @@ void remux(Work work) {
   const Moov moov = readMoov(*file, words);
   work.timings.readMoov = timer.stop();
   if (contents.areSeveral) {
+    requireOwnCodec(work);
     logLine(words.severalEntriesText);
     work.timings.isMultipleSampleEntries = true;
     remuxWithSeveralEntries(work.files, work.fileURL, moov.box, moov.bytes, contents.extracted.nalLengthSize, *file,
