@@ -266,6 +266,16 @@ TEST(TransferConnectionTest, WhyATransferWaitsForAnotherTryIsTold) {
   }
 }
 
+TEST(TransferConnectionTest, OneThatNothingUsesIsClosedSoon) {
+  ServedHarness harness;
+  harness.options.idleTime = std::chrono::milliseconds(20);
+  harness.start();
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(harness.fetch(harness.url).file, video(1));
+    EXPECT_TRUE(eventually([&] { return harness.server.openConnections() == 0; }));
+  }
+}
+
 TEST(TransferConnectionTest, ATransferReportsInModeration) {
   ServedHarness harness({}, {.bytesPerSecond = videoSize / 60});
   harness.start();

@@ -164,7 +164,8 @@ struct FaultServer::Core {
   std::atomic<bool> isStopped = false;
   std::atomic<bool> isReleased = false;
   std::list<Connection> connections;  ///< of the thread, as long as it runs
-  std::mutex mutex;                   ///< for the two below
+  std::atomic<size_t> openConnections = 0;
+  std::mutex mutex;  ///< for the two below
   std::map<std::string, Served> paths;
   std::vector<ReceivedRequest> requests;
   std::thread thread;
@@ -203,6 +204,7 @@ struct FaultServer::Core {
   }
 
   void converse(Connection& connection) {
+    ++openConnections;
     boost::beast::flat_buffer buffer;
     error_code ended;
     if (tls) connection.tls.emplace(connection.socket, *tls).handshake(asio::ssl::stream_base::server, ended);
@@ -219,6 +221,7 @@ struct FaultServer::Core {
       }
     }
     connection.socket.shutdown(tcp::socket::shutdown_both, ended);
+    --openConnections;
   }
 
   /// False when the connection is to be closed.
@@ -306,6 +309,10 @@ void FaultServer::serve(const std::string& path, ServedFile file, std::vector<Re
 
 void FaultServer::release() {
   core_->isReleased = true;
+}
+
+size_t FaultServer::openConnections() const {
+  return core_->openConnections;
 }
 
 std::vector<ReceivedRequest> FaultServer::requests() const {

@@ -87,6 +87,9 @@ class FaultServer {
   /// What has been asked so far, in order.
   std::vector<ReceivedRequest> requests() const;
 
+  /// Connections that neither side has ended.
+  size_t openConnections() const;
+
   /// A port on which nobody listens.
   static uint16_t closedPort();
 

@@ -20,6 +20,7 @@ struct CurlURLSessionOptions {
   std::chrono::milliseconds maximumPause{30'000};  ///< the longest pause
   int maximumTries = 6;                            ///< tries in a row without progress; also times of starting over
   std::chrono::milliseconds stallTime{30'000};     ///< silence of a server, connecting included, that ends a try
+  std::chrono::milliseconds idleTime{10'000};      ///< of no transfer at all, after which kept connections are closed
   std::chrono::milliseconds reportInterval{100};   ///< between two didWriteData of one task
   std::string userAgent;                           ///< empty: "tarn/<version>"
   std::chrono::seconds keepsOptions = std::chrono::days(30);  ///< headers and cookies of a stored transfer

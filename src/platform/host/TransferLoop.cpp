@@ -76,10 +76,8 @@ void TransferLoop::cancel(std::shared_ptr<Transfer> transfer) {
 }
 
 void TransferLoop::post(Command command) {
-  {
-    std::lock_guard guard(mutex_);
-    commands_.push_back(std::move(command));
-  }
+  std::lock_guard guard(mutex_);
+  commands_.push_back(std::move(command));
   curl_multi_wakeup(multi_.get());
 }
 
@@ -92,6 +90,7 @@ void TransferLoop::run() {
     curl_multi_perform(multi_.get(), &running);
     endFinishedAttempts();
     endStalledAttempts();
+    closeIdleConnections();
     curl_multi_poll(multi_.get(), nullptr, 0, millisecondsToNextDeadline(), nullptr);
   }
   for (auto& [identifier, job] : jobs_) detach(job);
@@ -193,7 +192,9 @@ void TransferLoop::startAttempt(Job& job) {
 }
 
 void TransferLoop::detach(Job& job) {
-  if (job.attempt) curl_multi_remove_handle(multi_.get(), job.attempt->easy());
+  if (!job.attempt) return;
+  curl_multi_remove_handle(multi_.get(), job.attempt->easy());
+  idleConnectionsEnd_ = Clock::now() + options_.idleTime;
 }
 
 void TransferLoop::endFinishedAttempts() {
@@ -285,14 +286,28 @@ void TransferLoop::report(Job& job, uint64_t received, std::optional<uint64_t> e
   });
 }
 
+/// libcurl keeps connections for the next transfer, and does not notice that a server closes them meanwhile.
+void TransferLoop::closeIdleConnections() {
+  if (!jobs_.empty() || !idleConnectionsEnd_ || *idleConnectionsEnd_ > Clock::now()) return;
+  std::unique_ptr<void, MultiDeleter> fresh(makeMulti());
+  std::lock_guard guard(mutex_);
+  if (!commands_.empty()) return;  // whose wake-up the old one has
+  if (fresh) multi_.swap(fresh);
+  idleConnectionsEnd_.reset();
+}
+
 int TransferLoop::millisecondsToNextDeadline() const {
   using std::chrono::milliseconds;
   milliseconds wait(std::numeric_limits<int>::max());
   const auto now = Clock::now();
+  const auto sleepUntil = [&](Clock::time_point deadline) {
+    wait = std::clamp(std::chrono::ceil<milliseconds>(deadline - now), milliseconds(0), wait);
+  };
+  if (jobs_.empty() && idleConnectionsEnd_) sleepUntil(*idleConnectionsEnd_);
   for (const auto& [identifier, job] : jobs_) {
     auto deadline = job.attempt ? job.attempt->lastHeard() + options_.stallTime : job.nextTry;
     if (const auto until = job.attempt ? job.attempt->heldUntil() : std::nullopt) deadline = std::min(deadline, *until);
-    wait = std::clamp(std::chrono::ceil<milliseconds>(deadline - now), milliseconds(0), wait);
+    sleepUntil(deadline);
   }
   return static_cast<int>(wait.count());
 }

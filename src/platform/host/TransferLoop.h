@@ -75,6 +75,7 @@ class TransferLoop : public TransferOwner {
   void fail(Job& job, const Error& error);
   void finish(Job& job);
   void report(Job& job, uint64_t received, std::optional<uint64_t> expected);
+  void closeIdleConnections();
   int millisecondsToNextDeadline() const;
 
   FileManager& files_;
@@ -84,9 +85,11 @@ class TransferLoop : public TransferOwner {
 
   std::mutex mutex_;
   std::vector<Command> commands_;
+  std::unique_ptr<void, MultiDeleter> multi_;  ///< CURLM*; the thread alone changes it, and uses it without the mutex
 
-  std::unique_ptr<void, MultiDeleter> multi_;  ///< CURLM*
-  std::map<int64_t, Job> jobs_;                ///< by task identifier; of the thread alone
+  // Of the thread alone.
+  std::map<int64_t, Job> jobs_;  ///< by task identifier
+  std::optional<Clock::time_point> idleConnectionsEnd_;
   std::thread thread_;
 };
 
