@@ -85,28 +85,42 @@ const std::vector<CAPPluginMethod>& HostPlugin::pluginMethods() const {
 }
 
 CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
-  using Member = void (HostPlugin::*)(const CAPPluginCallPointer&);
-  static constexpr std::array<std::pair<std::string_view, Member>, 15> handlers{{
-      {"saveVideo", &HostPlugin::saveVideo},
+  struct Row {
+    std::string_view method;
+    void (HostPlugin::*member)(const CAPPluginCallPointer&);
+    std::string_view changes = {};
+  };
+  static constexpr std::array<Row, 15> rows{{
+      {"saveVideo", &HostPlugin::saveVideo, "downloads"},
       {"getOutcome", &HostPlugin::getOutcome},
       {"getAsset", &HostPlugin::getAsset},
       {"getStoredWork", &HostPlugin::getStoredWork},
       {"getTransfers", &HostPlugin::getTransfers},
-      {"changeDownload", &HostPlugin::changeDownload},
-      {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
+      {"changeDownload", &HostPlugin::changeDownload, "downloads"},
+      {"takeUpStoredRun", &HostPlugin::takeUpStoredRun, "downloads"},
       {"getHistory", &HostPlugin::getHistory},
-      {"clearHistory", &HostPlugin::clearHistory},
-      {"importLocal", &HostPlugin::importLocal},
+      {"clearHistory", &HostPlugin::clearHistory, "history"},
+      {"importLocal", &HostPlugin::importLocal, "downloads"},
       {"getLibrary", &HostPlugin::getLibrary},
-      {"changeAsset", &HostPlugin::changeAsset},
+      {"changeAsset", &HostPlugin::changeAsset, "library"},
       {"showAsset", &HostPlugin::showAsset},
       {"getPage", &HostPlugin::getPage},
       {"getPoster", &HostPlugin::getPoster},
   }};
-  for (const auto& [name, member] : handlers) {
-    if (name == method) return [this, member = member](const CAPPluginCallPointer& call) { (this->*member)(call); };
-  }
-  return nullptr;
+  const auto row = std::ranges::find(rows, method, &Row::method);
+  if (row == rows.end()) return nullptr;
+  return [this, row](const CAPPluginCallPointer& call) {
+    (this->*row->member)(row->changes.empty() ? call : tellingOf(row->changes, call));
+  };
+}
+
+CAPPluginCallPointer HostPlugin::tellingOf(std::string_view what, const CAPPluginCallPointer& call) {
+  return std::make_shared<CAPPluginCall>(call->method(), call->options(),
+                                         [this, what, call](const CAPPluginCall::Answer& answer) {
+                                           if (!answer.resolved) return call->reject(answer.message, answer.data);
+                                           call->resolve(answer.data);
+                                           notifyListeners("changed", {{"what", std::string(what)}});
+                                         });
 }
 
 void HostPlugin::saveVideo(const CAPPluginCallPointer& call) {

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/HistoryActions.h"
@@ -46,6 +47,8 @@ class Host;
 /// - showAsset {assetId}: opens the folder of an asset on this machine's desktop. Without one the words name the path.
 /// - getPage {}: the `address` of the page that this process serves, which lets a browser in; absent if it serves none.
 /// - getPoster {assetId}: the `path` of a JPEG of it, absent if none can be made. It may take some seconds.
+///
+/// The event `changed` {what} follows each change that was asked for here: "downloads", "history" or "library".
 class HostPlugin : public CAPPlugin {
  public:
   /// The host must outlive the plug-in.
@@ -85,6 +88,9 @@ class HostPlugin : public CAPPlugin {
   void cancel(int64_t id, const CAPPluginCallPointer& call);
   void retry(int64_t id, const CAPPluginCallPointer& call);
   void retryAsItCame(int64_t id, const CAPPluginCallPointer& call);
+
+  /// The same call; if it is resolved, listeners hear what has changed.
+  CAPPluginCallPointer tellingOf(std::string_view what, const CAPPluginCallPointer& call);
 
   /// The asset of the call's `assetId`.
   std::optional<PHAsset> assetNamed(const CAPPluginCall& call);

@@ -35,6 +35,10 @@ const std::string& CAPPluginCall::method() const {
   return state_->method;
 }
 
+const JSObject& CAPPluginCall::options() const {
+  return state_->options;
+}
+
 std::optional<std::string> CAPPluginCall::getString(std::string_view key) const {
   const JSValue* const value = state_->options.find(key);
   const auto* const text = value ? value->get<std::string>() : nullptr;

@@ -29,6 +29,7 @@ class CAPPluginCall {
   CAPPluginCall& operator=(const CAPPluginCall&) = delete;
 
   const std::string& method() const;
+  const JSObject& options() const;
 
   /// The option of this key; nothing if it is absent or of another type. getInt takes whole numbers only.
   std::optional<std::string> getString(std::string_view key) const;

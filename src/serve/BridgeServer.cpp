@@ -136,7 +136,7 @@ class BridgeServer::Core {
   Core(FileManager& files, PHPhotoLibrary& photos, CAPPlugin& plugin, CAPPlugin& host, const Settings& settings,
        LifeHandler onLife)
       : onLife_(std::move(onLife)),
-        hostName_(host.jsName()),
+        host_(host),
         site_(files, photos, settings.webFolder,
               hostScript(plugin, pageKey(settings.token), factsOf(host, settings.logFile))),
         port_(context_, settings.port),
@@ -153,9 +153,13 @@ class BridgeServer::Core {
     for (tcp::acceptor* acceptor : port_.acceptors()) asio::co_spawn(context_, listen(*acceptor), logFailure);
     asio::post(context_, [this] { updateLife(); });
     thread_ = std::thread([this] { context_.run(); });
+    host_.setEventListener([this](const std::string& event, const JSObject& data) {
+      mailbox_->post([this, event, data] { hub_.sendEventOf(host_.jsName(), event, data); });
+    });
   }
 
   ~Core() {
+    host_.setEventListener({});
     mailbox_->close();
     asio::post(context_, [this] { stop(); });
     thread_.join();
@@ -291,7 +295,7 @@ class BridgeServer::Core {
     return refusal ? std::optional(answerOf(*refusal)) : std::nullopt;
   }
 
-  /// Does what a page asks the host to do, and tells all pages.
+  /// Does what a page asks the host to do.
   asio::awaitable<std::optional<SiteAnswer>> change(beast::tcp_stream& stream, beast::flat_buffer& buffer,
                                                     RequestTarget target, size_t size) {
     std::string body = beast::buffers_to_string(buffer.cdata());
@@ -304,15 +308,10 @@ class BridgeServer::Core {
     stream.expires_never();
     auto call = HostRoutes::callFor("POST", target, body);
     if (const auto* refusal = std::get_if<Refusal>(&call)) co_return answerOf(*refusal);
-    auto& hostCall = std::get<HostCall>(call);
-    const std::string what(HostRoutes::changedBy(hostCall.method));
-    auto answering = desk_.answer(std::move(hostCall));
+    auto answering = desk_.answer(std::get<HostCall>(std::move(call)));
     SiteAnswer answer = co_await std::move(answering);
-    if (answer.status == 200 && !what.empty()) tellChange(what);
     co_return answer;
   }
-
-  void tellChange(const std::string& what) { hub_.sendEventOf(hostName_, "changed", {{"what", what}}); }
 
   /// Takes a file of the browser's machine in and gives it to the host.
   asio::awaitable<std::optional<SiteAnswer>> takeIn(beast::tcp_stream& stream, beast::flat_buffer& buffer,
@@ -332,11 +331,7 @@ class BridgeServer::Core {
                                                {"filename", target.parameter("filename")},
                                                {"album", target.parameter("album")}}});
     SiteAnswer answer = co_await std::move(answering);
-    if (answer.status == 200) {
-      tellChange("downloads");
-    } else {
-      drop_.discard(*file);
-    }
+    if (answer.status != 200) drop_.discard(*file);
     co_return answer;
   }
 
@@ -447,7 +442,7 @@ class BridgeServer::Core {
   }
 
   const LifeHandler onLife_;
-  const std::string hostName_;
+  CAPPlugin& host_;
   const Site site_;
   asio::thread_pool libraryPool_{1};
 

@@ -289,7 +289,6 @@ test('a page that stays open stays small, however much comes and goes', async ()
     await until('all ends', async () => (await page.locator('.download progress:visible').count()) === 0, 60);
     const names = stage.tarn.savedFiles().map((path) => `Trips/${basename(path)}`);
     for (const name of names) execFileSync(binary, ['--home', stage.tarn.home, 'library', 'remove', '--now', name]);
-    await page.evaluate(() => document.dispatchEvent(new Event('visibilitychange'))); // it looks when it is looked at
     await until('no video', async () => (await page.locator('.video').count()) === 0);
   };
   await comeAndGo('first');

@@ -27,7 +27,6 @@ struct Route {
   Names texts = {};                 ///< what else it may hold
   Names flags = {};
   bool needsClear = false;  ///< it must hold `clear`
-  std::string_view changed = {};
   size_t largestBody = 4 << 10;
 };
 
@@ -48,8 +47,7 @@ constexpr std::array<Route, 8> routes{{
      .id = Id::text,
      .idKey = "assetId",
      .actions = assetActions,
-     .texts = assetTexts,
-     .changed = "library"},
+     .texts = assetTexts},
     {.httpMethod = "POST",
      .path = "/library/",
      .method = "showAsset",
@@ -61,16 +59,14 @@ constexpr std::array<Route, 8> routes{{
      .method = "saveVideo",
      .texts = saveTexts,
      .flags = saveFlags,
-     .changed = "downloads",
      .largestBody = 64 << 10},  // addresses can be long
     {.httpMethod = "POST",
      .path = "/downloads/",
      .method = "changeDownload",
      .id = Id::number,
      .idKey = "id",
-     .actions = downloadActions,
-     .changed = "downloads"},
-    {.httpMethod = "POST", .path = "/history", .method = "clearHistory", .needsClear = true, .changed = "history"},
+     .actions = downloadActions},
+    {.httpMethod = "POST", .path = "/history", .method = "clearHistory", .needsClear = true},
 }};
 
 bool isAt(const Route& route, std::string_view path) {
@@ -176,11 +172,6 @@ std::variant<HostCall, Refusal> HostRoutes::callFor(std::string_view httpMethod,
   }
   if (auto refusal = takeBody(*route, *given, call.options)) return *refusal;
   return call;
-}
-
-std::string_view HostRoutes::changedBy(std::string_view method) {
-  const auto route = std::ranges::find(routes, method, &Route::method);
-  return route == routes.end() ? std::string_view() : route->changed;
 }
 
 }  // namespace tarn

@@ -40,9 +40,6 @@ class HostRoutes {
   /// an action that nobody has; what else is given is dropped.
   static std::variant<HostCall, Refusal> callFor(std::string_view httpMethod, const RequestTarget& target,
                                                  std::string_view body);
-
-  /// What a call of this method has changed: "library", "downloads" or "history"; nothing for a question.
-  static std::string_view changedBy(std::string_view method);
 };
 
 }  // namespace tarn
