@@ -18,6 +18,9 @@ namespace {
 
 using Kind = RepairReport::Kind;
 
+/// Of a report. No line of ours comes near.
+constexpr size_t longestLine = 16 << 20;
+
 JSValue::Array arrayOf(const std::vector<std::string>& words) {
   return {words.begin(), words.end()};
 }
@@ -127,10 +130,12 @@ bool RepairReportFile::readOn() {
     if (count < 0) throw PosixError(errno, "read the report " + path_.string());
     if (count == 0) return text.empty();
     // The name may be that of a video by mistake, to whose bytes nothing must be appended.
-    if (place == 0 && piece.front() != '{') {
+    if ((place == 0 && piece.front() != '{') || text.size() > longestLine) {
       throw UsageError(fmt::format("{} is no report of a repair; name another file for --report.", path_.string()));
     }
-    text.append(piece.data(), static_cast<size_t>(count));
+    const std::string_view fresh(piece.data(), static_cast<size_t>(count));
+    text += fresh;
+    if (fresh.find('\n') == std::string_view::npos) continue;
     const size_t end = text.rfind('\n') + 1;
     std::string_view lines = std::string_view(text).substr(0, end);
     while (!lines.empty()) {

@@ -303,13 +303,15 @@ TEST_F(RepairBatchTest, InPlaceLinksAreRefused) {
   EXPECT_EQ(namesBelow(in_), (std::set<std::string>{"a.mp4", "hard.mp4", "soft.mp4"}));
 }
 
-TEST_F(RepairBatchTest, NoReportIsAppendedToAVideo) {
-  const Path file = in_ / "a.mp4", forgotten = in_ / "b.mp4";
+TEST_F(RepairBatchTest, NoReportIsAppendedToWhatIsNone) {
+  const Path file = in_ / "a.mp4", forgotten = in_ / "b";
   put(file, broken());
-  put(forgotten, healthy());
-  repair(2, {"--in-place", "--report", forgotten, file});
-  EXPECT_EQ(contentOf(forgotten), healthy());
-  EXPECT_EQ(contentOf(file), broken());
+  for (const std::string& content : {std::string(healthy()), "{" + std::string(17'000'000, ' ')}) {
+    put(forgotten, content);
+    repair(2, {"--in-place", "--report", forgotten, file}, "is no report of a repair");
+    EXPECT_TRUE(contentOf(forgotten) == content);
+    EXPECT_EQ(contentOf(file), broken());
+  }
 }
 
 TEST_F(RepairBatchTest, StandardInputAndOutput) {
