@@ -97,7 +97,7 @@ CAPPlugin::Handler HostPlugin::handler(const std::string& method) {
       {"getStoredWork", &HostPlugin::getStoredWork},
       {"getTransfers", &HostPlugin::getTransfers},
       {"changeDownload", &HostPlugin::changeDownload, "downloads"},
-      {"takeUpStoredRun", &HostPlugin::takeUpStoredRun, "downloads"},
+      {"takeUpStoredRun", &HostPlugin::takeUpStoredRun},
       {"getHistory", &HostPlugin::getHistory},
       {"clearHistory", &HostPlugin::clearHistory, "history"},
       {"importLocal", &HostPlugin::importLocal, "downloads"},
