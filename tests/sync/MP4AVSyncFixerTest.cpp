@@ -85,6 +85,13 @@ TEST_F(SyncFixer, FollowsTheRulesWhereNothingIsOrdered) {
 TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
   auto original = capture(WorkedCase().moov());
   EXPECT_EQ(original.syncOffsetMovieTime, -20);
+  BoxEditor longer(WorkedCase().moov());
+  for (const std::string path : {"moov/trak/mdia/mdhd", "moov/trak/edts/elst", "moov/mvhd"}) {
+    const Bytes old = longer.get(path);
+    longer.replace(longer.at(path), longBox(path.substr(path.size() - 4), {Bytes(old.begin() + 8, old.end())}));
+  }
+  EXPECT_EQ(capture(longer.bytes).text(), original.text()) << "boxes with 64-bit sizes say the same";
+  write(WorkedCase().moov());
   ASSERT_TRUE(fix(original));
   EXPECT_EQ(rows(), "video 9967@3000 audio 10000@1024 ");
   BoxEditor fixed(written());
