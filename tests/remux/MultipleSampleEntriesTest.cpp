@@ -41,6 +41,12 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   const MP4BoxInfo place = *MP4BoxUtils::findTopLevelBox(*file, "moov");
   MP4Remuxer::remuxWithMultipleSampleEntries(files_, file_, place, moov, 2, *file, timings_);
   EXPECT_EQ(describe(written()), result);
+
+  const BoxEditor avc(readFile(files_, joinedVideo({inBand(false), inBand(false, "256x160")})));
+  file = open(avc.bytes);
+  MP4Remuxer::remuxAVCWithMultipleSampleEntries(files_, file_, *MP4BoxUtils::findTopLevelBox(*file, "moov"),
+                                                avc.get("moov"), 4, *file, timings_);
+  EXPECT_THAT(describe(written()), testing::StartsWith("avc1 192x144 avc1 256x160 1/1/1 51/1/2 "));
 }
 
 TEST_F(SeveralEntries, AreNotMadeForAnotherCodec) {
