@@ -149,6 +149,8 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
     editor.rename(path, "skip");
     return editor.bytes;
   };
+  WorkedCase clockless;
+  clockless.video.timescale = 0;
   BoxEditor holdsMedia(moov);
   const auto mediaPlace = std::to_string(moov.size());
   holdsMedia.insert("moov", moov.size(), box("mdat"));
@@ -157,6 +159,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       {without("moov/trak"), "Corrupted MP4: Video trak not found"},
       {without("moov/trak/mdia/minf/stbl"), "Corrupted MP4: stbl box not found"},
       {WorkedCase{.timescale = 0}.moov(), "Analysis error: Invalid movie timescale"},
+      {clockless.moov(), "Analysis error: Invalid track timescale"},
       {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: The moov box at 0 has a 64-bit size"},
       {holdsMedia.bytes, "Fix error: The moov box holds media, at " + mediaPlace},
   };
