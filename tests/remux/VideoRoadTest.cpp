@@ -248,6 +248,9 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
     EXPECT_EQ(followWritten(), "");
     EXPECT_EQ(written(), result) << "a second repair changes it";
   }
+  write(movieOf({hev1({})}, {of({h.vps, coded, shown1080, pps0, pps1, slice})}, {1}));
+  EXPECT_THAT(planVideo(files_, file_)->reason, testing::HasSubstr("only in the bitstream"))
+      << "sets of two sizes in one sample are no change of the size";
 }
 
 /// Up to one SPS and one PPS of two each with the same identifiers, by a number below 9; in HEVC a VPS beside an SPS.
@@ -367,6 +370,8 @@ TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnow) {
     EXPECT_EQ(follow(movie), "");
     EXPECT_EQ(written(), movie);
   }
+  write(box("moov", {trackBox("vide", {})}));
+  EXPECT_EQ(failureOf([&] { planVideo(files_, file_); }), "Corrupted MP4 file: Video track stsd not found");
 }
 
 TEST_F(VideoRoad, CancelledAtAnyMomentLeavesTheFileAsItWasOrWhole) {
