@@ -166,6 +166,7 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"an identifier beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(64, 0x80), slice}), none}, tag, "111 "},
       {"of an SPS beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(5, 9), slice}), none}, tag, "111 "},
       {"of another layer", {hev1(hvcC(h))}, {of({ofOtherLayer, slice}), none}, tag, "111 "},
+      {"an SPS that cannot be read", {hev1(hvcC(h))}, {of({HEVCSPS{.id = 1, .width = 0}.bytes(), slice})}, tag, "111 "},
       {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
       {"nothing anywhere", Units{hev1({})}, Units{none, none}, same, "",
        lacks + " what a decoder needs (no VPS, no SPS, no PPS)"},

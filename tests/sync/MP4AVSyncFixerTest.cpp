@@ -68,6 +68,7 @@ TEST_F(SyncFixer, FollowsTheRulesWhereNothingIsOrdered) {
       {30, 0, captured(1.0 / 30, 0), "video audio 300@0 "},
       {30, 0, captured(2.0 / 30, 0), "video audio 2@-1 300@0 "},
       {1000, 0, captured(0.02, 0, 20), "video audio 20@-1 10000@0 "},
+      {1000, 0, {}, "video audio 10000@0 ", true},  // for the encoder's delay
       {1000, 3000, captured(-0.02, 1024), "video 9967@3000 audio 10000@0 ", true},
       {1000, 3000, captured(0.3, 0, 300), "video 9967@3000 audio 300@-1 10000@0 ", true},
   };
