@@ -202,9 +202,12 @@ TEST_F(AudioAnalysis, DecidesByConfigurationAsToldWhereThatIsAsked) {
   for (const auto& [rate, configuration] : rates) {
     SyntheticTrack damaged = aac(rate, configuration);
     damaged.stts = {{200, packet}, {1, packet + rate}, {packets - 201, packet}};
+    damaged.ctts = {{300, 0}, {packets - 300, -static_cast<int32_t>(rate) / 5}};
     const auto found = decide(damaged).analysis;
     EXPECT_EQ(found.internalGapCount, 1) << rate;
     EXPECT_NEAR(found.maxInternalGapMs, 1000, 0.1) << rate;
+    const bool isSBR = configuration[0] >> 3 == 5;
+    EXPECT_EQ(found.internalOverlaps.at(0).framesToDrop, rate / 5 * (isSBR ? 2 : 1)) << rate;
   }
 }
 

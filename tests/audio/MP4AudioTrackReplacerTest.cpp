@@ -171,6 +171,7 @@ TEST_F(TrackReplacer, TurnsStcoIntoCo64WhereTheMediaPass4GiB) {
   writeFileAtomically(files_, source_, source);
   replace(files_);
   const BoxEditor output(readFile(files_, output_));
+  EXPECT_EQ(output.field(output.all("moov/trak/tkhd").at(1).offset + 20), 2u) << "the new track has its own number";
   const auto growth = static_cast<uint32_t>(output.bytes.size() - source.size());
   EXPECT_EQ(output.get("moov/trak/mdia/minf/stbl/co64"), fullBox("co64", {2, 0, 4000 + growth, 1, growth - 1}));
 }

@@ -149,9 +149,15 @@ TEST_F(TranscodeAudio, WaitingForTheWriterItReportsAndEndsWhenCancelled) {
   EXPECT_EQ(failure(clip, &token, cancel), "Operation was cancelled");
 }
 
-TEST(TranscodePulse, TellsThatNothingIsDoneOfNothing) {
-  const TranscodeProgress told = [](double progress, const std::string&) { EXPECT_EQ(progress, 0); };
-  TranscodePulse(nullptr, told, 0).beat();
+TEST(TranscodePulse, TellsNothingOfNothingAndNeverMoreThanAll) {
+  for (const auto& [expected, progress] : {std::pair{0, 0.0}, {1000, 1.0}}) {
+    double told = -1;
+    const TranscodeProgress tell = [&](double done, const std::string&) { told = done; };
+    TranscodePulse pulse(nullptr, tell, expected);
+    pulse.addWrittenSamples(1024);
+    pulse.beat();
+    EXPECT_EQ(told, progress);
+  }
 }
 
 TEST_F(TranscodeAudio, FailuresAreToldAndLeaveNoFile) {

@@ -149,6 +149,13 @@ TEST_F(EngineTest, ATransferOfAnEarlierProcessFindsItsTaskWithItsFlags) {
   auto tasks = engine_->getDownloads();
   EXPECT_TRUE(tasks[0]->id == id && tasks[0]->request.skipVideoFix);
   EXPECT_TRUE(tasks[1]->id == twin && !tasks[1]->request.skipVideoFix);
+
+  const auto removed = save("b.mp4")->id;
+  restart();
+  transfers_.writeData(url("b.mp4"), 10, 100);
+  engine_->removeDownload(removed);
+  settle();
+  EXPECT_NE(transfers_.task(url("b.mp4"))->state(), NSURLSessionTaskState::running) << "nobody waits for it";
 }
 
 TEST_F(EngineTest, WhatTheVersionBeforeHasStoredIsUnderstood) {

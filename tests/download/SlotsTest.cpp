@@ -110,6 +110,7 @@ TEST_F(SlotsTest, APauseAndItsEndOutliveTheProcess) {
   engine_->resumeDownloadFileBy(running);  // into the line
   restart();
   EXPECT_FALSE(isPaused(running) || isPaused(waiting));
+  EXPECT_EQ(transfers_.tasks().size(), 2U) << "each goes on with the transfer that it had";
   EXPECT_EQ(stateOf("b.mp4"), State::running);
   finish("b.mp4");
   finish("a.mp4");
@@ -128,6 +129,7 @@ TEST_F(SlotsTest, OnlyATransferThatIsNotOverCanBePaused) {
   EXPECT_FALSE(engine_->resumeDownloadFileBy(id));
   engine_->pauseDownloadFileBy(id);
   engine_->cancelDownloadFileBy(id);
+  EXPECT_FALSE(engine_->resumeDownloadFileBy(id));
   settle();
   transfers_.deliverCancellations();
   EXPECT_TRUE(transfers_.tasks().empty()) << "a paused one can be cancelled";

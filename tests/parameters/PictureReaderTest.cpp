@@ -155,7 +155,7 @@ struct AVCSlice {
     for (const uint32_t marking : markings) marking == 5 ? slice.ue(5) : slice.ue(marking).ue(0);
     if (!markings.empty() && listsEnd) slice.ue(0);
     slice.se(quantizer).ue(deblocking);
-    if (deblocking != 1) slice.se(offset).se(-offset);
+    if (deblocking != 1) slice.se(offset).se(offset);
     return slice.bits(1, 1).bits(0x55, 8).bytes();
   }
 };
@@ -185,6 +185,8 @@ TEST_F(PictureReaderTest, ASliceIsOneWhereItsHeaderSaysWhatTheStandardAllows) {
   for (const auto& c : cases) {
     EXPECT_EQ(reader->read(c.first.bytes()).has_value(), c.second) << "case " << &c - cases;
   }
+  // The ends of a sequence and of a stream have no contents.
+  for (const uint8_t type : Bytes{10, 11}) EXPECT_TRUE(reader->read(Bytes{type}).value().role == Role::behind);
   // The count begins anew with an IDR picture, and behind one that says so itself.
   const auto orderOf = [&](const AVCSlice& slice) {
     return reader->order(reader->read(slice.bytes()).value()).value();
@@ -224,6 +226,12 @@ TEST_F(PictureReaderTest, HEVCSetsAreReadUpToTheLargestThatTheStandardAllows) {
   const Bytes slice = BitBuilder().bits(0x0201, 16).bits(1, 1).ue(0).ue(2).bits(5, 4).bits(1, 1).bits(0x55, 8).bytes();
   const auto reader = readerOf(64, 64, 4, 6);
   EXPECT_EQ(reader->read(slice).value().orderLSB, 5u);
+  for (const uint8_t type : Bytes{36, 37}) {  // the ends of a sequence and of a stream have no contents
+    EXPECT_TRUE(reader->read(Bytes{static_cast<uint8_t>(type << 1), 1}).value().role == Role::behind);
+  }
+  Bytes ofAnotherLayer = slice;
+  ofAnotherLayer[1] |= 1 << 3;
+  EXPECT_FALSE(reader->read(ofAnotherLayer));
   // Units of the types from 48 on may stand there, those of the types before are nobody's yet.
   EXPECT_TRUE(reader->read(Bytes{48 << 1, 1, 0xFF}) && !reader->read(Bytes{47 << 1, 1, 0xFF}));
 }
@@ -236,17 +244,22 @@ TEST_F(PictureReaderTest, SetsThatCannotBeReadAreRefused) {
     damaged.ppsArray = {Bytes{0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}};
     EXPECT_EQ(failureOf([&] { PictureReader::make(*codec, damaged); }), "A sequence parameter set cannot be read");
   }
-  ParameterSets cropped, cut, cycling;  // to less than nothing, behind the bit depths, in 255 steps at most
+  ParameterSets cropped, cut;  // to less than nothing, behind the bit depths
   cut.spsArray = {HEVCSPS{}.bytes()};
   cut.ppsArray = {hevcPPS(0, 0x80)};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::hevc, cut); }), "");
   cropped.spsArray = {AVCSPS{.widthInMbs = 1, .cropRight = 100}.bytes()};
   cropped.ppsArray = {avcPPS()};
   EXPECT_NE(failureOf([&] { PictureReader::make(VideoCodec::avc, cropped); }), "");
-  for (const uint32_t cycle : {255U, 256U}) {
-    cycling.spsArray = {AVCSPS{.pictureOrderCountType = 1, .orderCycle = cycle}.bytes()};
-    const std::string failure = failureOf([&] { PictureReader::make(VideoCodec::avc, cycling); });
-    EXPECT_EQ(failure == "A sequence parameter set cannot be read", cycle > 255) << failure;
+  const std::pair<AVCSPS, bool> limits[] = {{{.pictureOrderCountType = 1, .orderCycle = 255}, true},
+                                            {{.pictureOrderCountType = 1, .orderCycle = 256}, false},
+                                            {{.widthInMbs = 1024}, true},
+                                            {{.widthInMbs = 1025}, false}};
+  for (const auto& [sps, isRead] : limits) {
+    ParameterSets sets;
+    sets.spsArray = {sps.bytes()};
+    const std::string failure = failureOf([&] { PictureReader::make(VideoCodec::avc, sets); });
+    EXPECT_EQ(failure != "A sequence parameter set cannot be read", isRead) << failure;
   }
 }
 

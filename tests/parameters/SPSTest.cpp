@@ -75,6 +75,10 @@ TEST(HEVCSPSParser, RefusesSetsThatAreCutOff) {
   EXPECT_EQ(hevc_parse_sps(nullptr, sps.size(), &info), -1);
   EXPECT_EQ(hevc_parse_sps(sps.data(), sps.size(), nullptr), -1);
   for (size_t size = 0; size < 19; ++size) EXPECT_EQ(hevc_parse_sps(sps.data(), size, &info), -1) << size;
+  // Behind the size, bits that are missing count as 0; the first 22 bytes end within the last number.
+  const Bytes deep = HEVCSPS{.lumaDepthMinus8 = 1, .chromaDepthMinus8 = 8}.bytes();
+  EXPECT_EQ(hevc_parse_sps(deep.data(), 22, &info), 0);
+  EXPECT_EQ(info.bitDepthChroma, 15);
 }
 
 TEST(AVCSPSResolution, ReadsTheCroppedSize) {

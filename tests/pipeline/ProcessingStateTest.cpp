@@ -58,14 +58,9 @@ TEST_F(ProcessingStateTest, WhatDoesNotDecodeIsSetAsideOnceAndTheNextSaveDropsIt
   store(8, remuxed);
   const std::string good = stored(key);
   const std::pair<std::string, std::string> damages[] = {
-      {document.substr(40), ""},
-      {"syncFixing", "stopped"},
-      {"\"filename\":\"clip.mp4\",", ""},
-      {"[1800000000,", "["},
-      {"file:///home", "http:///home"},
-      {":1.5", ":1e300"},
-      {"[\"file:///tmp/x.m4a\"]", "7"},
-      {document, "{}"},
+      {document.substr(40), ""}, {"syncFixing", "stopped"},        {"\"filename\":\"clip.mp4\",", ""},
+      {"[1800000000,", "["},     {"file:///home", "http:///home"}, {":1.5", ":1e300"},
+      {":1.5", ":-1e300"},       {"[\"file:///tmp/x.m4a\"]", "7"}, {document, "{}"},
       {document, "\xFF\xFE"},
   };
   for (const auto& [from, to] : damages) {

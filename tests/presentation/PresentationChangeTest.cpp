@@ -121,6 +121,8 @@ TEST_F(PresentationChangeTest, TellsWhatWouldHarm) {
        Words{"parts of the sound move by up to 100 ms against each other"}},
       {"a track plays once that played twice", audioList({{380, 1000}, {380, 1000}}), nothing,
        Words{"380 ms of the sound is hidden"}},
+      {"a track plays twice that played once", nothing, videoList({{400, 80}, {400, 80}}),
+       Words{"400 ms of the video is played that was not"}},
       {"pictures change places", nothing,
        [](Movie& m) {
          m.video.ctts[0].second = 120, m.video.ctts[2] = {1, 0}, m.video.ctts.insert(m.video.ctts.begin() + 3, {1, 40});

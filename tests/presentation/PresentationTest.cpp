@@ -179,17 +179,18 @@ TEST_F(PresentationTest, RefusesWhatItCannotKnow) {
 }
 
 TEST_F(PresentationTest, ManySamplesAndManyEditsTakeNoMoreThanTheirTables) {
-  // Sizes of 4 bits; and a list that shows the whole track a hundred thousand times.
-  SyntheticTrack track{.timescale = 1000, .stts = {{400000, 1}}, .samples = 10};
-  track.edits.assign(100000, {400000, 0});
+  // More than there may be pictures, with sizes of 4 bits; and a list that shows all of them a hundred thousand times.
+  constexpr uint32_t samples = 9'000'000;
+  SyntheticTrack track{.timescale = 1000, .stts = {{samples, 1}}, .samples = 10};
+  track.edits.assign(100000, {samples, 0});
   BoxEditor editor(syntheticMovie({track}));
   editor.replace(editor.at(std::string(sampleTable) + "/stsz"),
-                 box("stz2", {values({0, 4, 400000}), Bytes(200000, 0x11)}));
-  editor.replace(editor.at(std::string(sampleTable) + "/stsc"), fullBox("stsc", {1, 1, 400000, 1}));
+                 box("stz2", {values({0, 4, samples}), Bytes(samples / 2, 0x11)}));
+  editor.replace(editor.at(std::string(sampleTable) + "/stsc"), fullBox("stsc", {1, 1, samples, 1}));
   TrackPresentation shown = read(editor.bytes).tracks().at(0);
-  EXPECT_EQ(shown.samplesShown, 400000U);
-  EXPECT_EQ(shown.shownTo, 100000 * 400s);
-  EXPECT_EQ(shown.locations.sizeOf(399999), 1U);
+  EXPECT_EQ(shown.samplesShown, samples);
+  EXPECT_EQ(shown.shownTo, 100000 * 9000s);
+  EXPECT_EQ(shown.locations.sizeOf(samples - 1), 1U);
 }
 
 }  // namespace

@@ -130,6 +130,23 @@ TEST_F(LostMoovTest, ARecordingIsWhatItWas) {
   }
 }
 
+TEST_F(LostMoovTest, TheEndOfASequenceIsNotThatOfTheRecording) {
+  const std::string encoding = "-c:v libx264 -bf 0 -g 25 -an";
+  const Bytes whole = contentsOf(recording(4, 30, encoding, "s=192x144:r=25", ".h264"));
+  std::string stream(textOf(whole));
+  const std::string set("\0\0\0\1\x67", 5), end("\0\0\0\1\x0A", 5);
+  size_t ends = 0;
+  for (size_t at = 0; (at = stream.find(set, at + 1)) != std::string::npos; at += end.size(), ++ends) {
+    stream.insert(at, end);
+  }
+  ASSERT_EQ(ends, 3u);
+  writeFileAtomically(files_, directory_ / "ends.h264", bytesOf(stream));
+  const Path file = directory_ / "ends.mp4";
+  runProcess({"ffmpeg", "-v", "error", "-r", "25", "-i", directory_ / "ends.h264", "-c", "copy", file});
+  EXPECT_EQ(rebuild(withoutMoov(file), healthy(encoding)).brokenOff.value_or(""), "");
+  expectSamePackets(file, false);
+}
+
 /// The packets of the result are the first ones of the recording. One in which the damage begins may be among them, if
 /// no decoder complains.
 TEST_F(LostMoovTest, WhatLiesBeforeDamageOrACutIsKept) {

@@ -41,6 +41,19 @@ TEST_F(SeveralEntries, AreMadeFromTheEntryInUse) {
   const MP4BoxInfo place = *MP4BoxUtils::findTopLevelBox(*file, "moov");
   MP4Remuxer::remuxWithMultipleSampleEntries(files_, file_, place, moov, 2, *file, timings_);
   EXPECT_EQ(describe(written()), result);
+
+  const BoxEditor avc(readFile(files_, joinedVideo({inBand(false), inBand(false, "256x160")})));
+  const auto remuxed = [&](const std::vector<ConfigurationSegment>& segments) {
+    file = open(avc.bytes);
+    MP4Remuxer::remuxAVCWithMultipleSampleEntries(files_, file_, *MP4BoxUtils::findTopLevelBox(*file, "moov"),
+                                                  avc.get("moov"), 4, *file, timings_, segments);
+    return describe(written());
+  };
+  EXPECT_THAT(remuxed({}), testing::StartsWith("avc1 192x144 avc1 256x160 1/1/1 51/1/2 "));
+  ConfigurationSegment cropped{.endSampleIndex = 99};
+  cropped.sets.spsArray = {AVCSPS{.widthInMbs = 1, .cropRight = 8}.bytes()};
+  cropped.sets.spsRbspArray = {Bytes(cropped.sets.spsArray[0].begin() + 1, cropped.sets.spsArray[0].end())};
+  EXPECT_THAT(remuxed({cropped}), testing::StartsWith("avc1 192x144 1/1/1 ")) << "no entry states a width of 0";
 }
 
 TEST_F(SeveralEntries, AreNotMadeForAnotherCodec) {

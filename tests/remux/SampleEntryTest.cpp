@@ -120,7 +120,7 @@ TEST_F(SampleEntry, IsRefusedWhereItCannotBeEdited) {
     return [table, index] { return Builder::extractSampleEntry(table, index); };
   };
   const std::pair<std::function<Bytes()>, std::string> cases[] = {
-      {inject(box("moov", {box("mvhd")})), corrupted + "No trak boxes found in moov"},
+      {inject(box("moov")), corrupted + "No trak boxes found in moov"},
       {inject(movieWith(visualSampleEntry("avc1"))), unsupported + "Video track has codec 'avc1" + notHEVC},
       {inject(movieWith(box("hev1", {Bytes(77)}), Bytes(99))), corrupted + "Sample entry too small"},
       {inject(movieWith(endless)),

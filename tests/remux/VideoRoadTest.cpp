@@ -130,8 +130,9 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
   const Bytes coded = HEVCSPS{}.bytes(), shown1080 = HEVCSPS{.id = 1, .conformanceWindow = true}.bytes();
   const Bytes pps0 = hevcPPS(0, 0x80), pps1 = hevcPPS(1, 0x80), otherPPS = hevcPPS(0, 0x88);
   ASSERT_NE(shown.sps, a.sps);
-  Bytes tooLong = pps1;
+  Bytes tooLong = pps1, ofOtherLayer = pps1;
   tooLong.resize(65'536, 0x55);
+  ofOtherLayer[1] |= 1 << 3;
   Bytes withSEI = hvcC({h.vps}, {h.sps}, {});
   withSEI[8 + 22] = 3;  // its last array, empty until now
   withSEI[withSEI.size() - 3] = 39;
@@ -164,6 +165,8 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
       {"the last identifier", {hev1(hvcC(h))}, {of({hevcPPS(63, 0x80), slice}), none}, one, "112 "},
       {"an identifier beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(64, 0x80), slice}), none}, tag, "111 "},
       {"of an SPS beyond the last", {hev1(hvcC(h))}, {of({hevcPPS(5, 9), slice}), none}, tag, "111 "},
+      {"of another layer", {hev1(hvcC(h))}, {of({ofOtherLayer, slice}), none}, tag, "111 "},
+      {"an SPS that cannot be read", {hev1(hvcC(h))}, {of({HEVCSPS{.id = 1, .width = 0}.bytes(), slice})}, tag, "111 "},
       {"hvcC lacks what the samples have", {hev1(hvcC({h.vps}, {h.sps}, {}))}, {of({h.pps, slice}), none}, one, "111 "},
       {"nothing anywhere", Units{hev1({})}, Units{none, none}, same, "",
        lacks + " what a decoder needs (no VPS, no SPS, no PPS)"},
@@ -246,6 +249,9 @@ TEST_F(VideoRoad, TakesEachSetFromWhereItIs) {
     EXPECT_EQ(followWritten(), "");
     EXPECT_EQ(written(), result) << "a second repair changes it";
   }
+  write(movieOf({hev1({})}, {of({h.vps, coded, shown1080, pps0, pps1, slice})}, {1}));
+  EXPECT_THAT(planVideo(files_, file_)->reason, testing::HasSubstr("only in the bitstream"))
+      << "sets of two sizes in one sample are no change of the size";
 }
 
 /// Up to one SPS and one PPS of two each with the same identifiers, by a number below 9; in HEVC a VPS beside an SPS.
@@ -365,6 +371,8 @@ TEST_F(VideoRoad, LeavesAloneWhatItDoesNotKnow) {
     EXPECT_EQ(follow(movie), "");
     EXPECT_EQ(written(), movie);
   }
+  write(box("moov", {trackBox("vide", {})}));
+  EXPECT_EQ(failureOf([&] { planVideo(files_, file_); }), "Corrupted MP4 file: Video track stsd not found");
 }
 
 TEST_F(VideoRoad, CancelledAtAnyMomentLeavesTheFileAsItWasOrWhole) {
@@ -417,6 +425,37 @@ TEST_F(VideoRoad, AsksForMoreThanTwiceTheFilesSize) {
       EXPECT_EQ(written() != damaged, isEnough);
     }
   }
+}
+
+/// A file system that cannot read one place of its files, the first time.
+struct BadSector : ForwardingFileManager {
+  BadSector(FileManager& files, uint64_t bad) : ForwardingFileManager(files), place(bad) {}
+  std::unique_ptr<FileHandle> open(const Path& path, OpenMode mode) override {
+    return std::make_unique<Handle>(ForwardingFileManager::open(path, mode), place);
+  }
+  std::optional<uint64_t> place;
+
+  struct Handle : ForwardingFileHandle {
+    Handle(std::unique_ptr<FileHandle> base, std::optional<uint64_t>& bad)
+        : ForwardingFileHandle(std::move(base)), place(bad) {}
+    Bytes read(size_t count) override {
+      if (!place || offset() > *place || offset() + count <= *place) return ForwardingFileHandle::read(count);
+      place.reset();
+      throw PosixError(EIO, "read");
+    }
+    std::optional<uint64_t>& place;
+  };
+};
+
+TEST_F(VideoRoad, ABoxThatCannotBeReadCostsItsContentsAlone) {
+  const Bytes damaged = damagedVideo(true);
+  BadSector bad(files_, damaged.size() + 20);
+  EXPECT_EQ(follow(joined({damaged, box("skip", {Bytes(40, 'x')})}), bad), "");
+  EXPECT_FALSE(bad.place);
+  const Bytes repaired = written();
+  EXPECT_EQ(Bytes(repaired.end() - 48, repaired.end()), box("free", {Bytes(40)}));
+  follow(damaged);
+  EXPECT_EQ(Bytes(repaired.begin(), repaired.end() - 48), written());
 }
 
 /// A file system on which each `moov` that is written loses the duration of its first samples.

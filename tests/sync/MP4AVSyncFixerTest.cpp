@@ -68,6 +68,7 @@ TEST_F(SyncFixer, FollowsTheRulesWhereNothingIsOrdered) {
       {30, 0, captured(1.0 / 30, 0), "video audio 300@0 "},
       {30, 0, captured(2.0 / 30, 0), "video audio 2@-1 300@0 "},
       {1000, 0, captured(0.02, 0, 20), "video audio 20@-1 10000@0 "},
+      {1000, 0, {}, "video audio 10000@0 ", true},  // for the encoder's delay
       {1000, 3000, captured(-0.02, 1024), "video 9967@3000 audio 10000@0 ", true},
       {1000, 3000, captured(0.3, 0, 300), "video 9967@3000 audio 300@-1 10000@0 ", true},
   };
@@ -85,6 +86,13 @@ TEST_F(SyncFixer, FollowsTheRulesWhereNothingIsOrdered) {
 TEST_F(SyncFixer, CapturesAndFixesTheWorkedCase) {
   auto original = capture(WorkedCase().moov());
   EXPECT_EQ(original.syncOffsetMovieTime, -20);
+  BoxEditor longer(WorkedCase().moov());
+  for (const std::string path : {"moov/trak/mdia/mdhd", "moov/trak/edts/elst", "moov/mvhd"}) {
+    const Bytes old = longer.get(path);
+    longer.replace(longer.at(path), longBox(path.substr(path.size() - 4), {Bytes(old.begin() + 8, old.end())}));
+  }
+  EXPECT_EQ(capture(longer.bytes).text(), original.text()) << "boxes with 64-bit sizes say the same";
+  write(WorkedCase().moov());
   ASSERT_TRUE(fix(original));
   EXPECT_EQ(rows(), "video 9967@3000 audio 10000@1024 ");
   BoxEditor fixed(written());
@@ -142,6 +150,8 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
     editor.rename(path, "skip");
     return editor.bytes;
   };
+  WorkedCase clockless;
+  clockless.video.timescale = 0;
   BoxEditor holdsMedia(moov);
   const auto mediaPlace = std::to_string(moov.size());
   holdsMedia.insert("moov", moov.size(), box("mdat"));
@@ -150,6 +160,7 @@ TEST_F(SyncFixer, SaysWhatIsMissingAndChangesNothing) {
       {without("moov/trak"), "Corrupted MP4: Video trak not found"},
       {without("moov/trak/mdia/minf/stbl"), "Corrupted MP4: stbl box not found"},
       {WorkedCase{.timescale = 0}.moov(), "Analysis error: Invalid movie timescale"},
+      {clockless.moov(), "Analysis error: Invalid track timescale"},
       {longBox("moov", {Bytes(moov.begin() + 8, moov.end())}), "Fix error: The moov box at 0 has a 64-bit size"},
       {holdsMedia.bytes, "Fix error: The moov box holds media, at " + mediaPlace},
   };

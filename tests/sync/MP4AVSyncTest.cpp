@@ -93,6 +93,7 @@ TEST(AVSyncBuild, MakesEditLists) {
   };
   EXPECT_EQ(trackList(0, 2112, 4), "9956@2112 ");
   EXPECT_EQ(trackList(300, -4800, 4), "400@-1 10000@0 ");
+  EXPECT_EQ(trackList(0, -1, 4), "10000@-1 ") << "only below -1 is it a length";
   EXPECT_EQ(trackList(0, 480000, 4) + trackList(0, 0, 1), "");
 
   const AVSyncGap gaps[] = {{48000, 24000, 0, 0}, {96000, 48000, 0, 0}};
@@ -115,6 +116,7 @@ TEST(AVSyncElst, ComesBackAsWrittenInTheSmallestVersion) {
     auto count = static_cast<int32_t>(entries.size());
     int32_t size = avsync_elst_box_size(entries.data(), count);
     ASSERT_EQ(size, 16 + count * (version == 1 ? 20 : 12));
+    EXPECT_EQ(avsync_elst_box_size(entries.data(), 0), 0);
     Bytes edts(static_cast<size_t>(size) + 8);
     EXPECT_EQ(avsync_write_edts_box(entries.data(), count, edts.data(), size + 7), -1);
     EXPECT_EQ(avsync_write_elst_box(entries.data(), count, edts.data(), size - 1), -1);
@@ -154,9 +156,10 @@ TEST(AVSyncTables, ReadsTimescalesAndOffsets) {
 
   const Bytes short32 = fullBox("mdhd", {0, 0, 90000, 5});
   const Bytes long64 = box("mvhd", {values({version1, 0, 0, 0, 0, 600, 0, 5})});
-  EXPECT_EQ(of(short32, avsync_parse_mdhd_timescale), 90000u);
-  EXPECT_EQ(of(long64, avsync_parse_mvhd_timescale), 600u);
-  EXPECT_EQ(avsync_parse_mvhd_timescale(long64.data(), 31), 0u) << "the field ends at 32";
+  EXPECT_EQ(avsync_parse_mdhd_timescale(short32.data(), 24), 90000u);
+  EXPECT_EQ(avsync_parse_mdhd_timescale(short32.data(), 23), 0u);
+  EXPECT_EQ(avsync_parse_mvhd_timescale(long64.data(), 32), 600u);
+  EXPECT_EQ(avsync_parse_mvhd_timescale(long64.data(), 31), 0u);
 }
 
 TEST(AVSyncTables, KnowsPriming) {

@@ -67,9 +67,10 @@ bool TransferPauses::resume(int64_t id) {
   std::lock_guard guard(mutex_);
   const auto task = engine_.registry.find(id);
   auto noted = transferOf(id);
-  if (!task || !noted || !task->isPaused()) return false;
+  if (!task || !noted || !task->isPaused() || !isUnderWay(task->snapshot())) return false;
   notePause(*noted, false);
   task->update([&](DownloadTask::Snapshot& fields) {
+    if (fields.isEnded()) return;  // just now
     fields.isPaused = false;
     fields.status = DownloadStatus::queued;
     fields.downloadTask = noted->transfer;

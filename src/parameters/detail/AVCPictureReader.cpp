@@ -8,7 +8,15 @@
 namespace tarn {
 namespace {
 
-enum NALType : uint8_t { slice = 1, idr = 5, sei = 6, delimiter = 9, filler = 12 };
+enum NALType : uint8_t {
+  slice = 1,
+  idr = 5,
+  sei = 6,
+  delimiter = 9,
+  endOfSequence = 10,
+  endOfStream = 11,
+  filler = 12,
+};
 enum SliceType : uint32_t { P = 0, B = 1, I = 2, SP = 3, SI = 4 };
 
 constexpr uint32_t mostReferences = 32;
@@ -194,8 +202,10 @@ AVCPictureReader::AVCPictureReader(const ParameterSets& sets) {
 }
 
 std::optional<StreamUnit> AVCPictureReader::read(ByteView front) const {
-  if (front.size() < 2 || (front[0] & 0x80) != 0) return std::nullopt;
+  if (front.empty() || (front[0] & 0x80) != 0) return std::nullopt;
   const uint8_t type = front[0] & 0x1F;
+  const bool isEnd = type == endOfSequence || type == endOfStream;
+  if (front.size() == 1 && !isEnd) return std::nullopt;
   const uint8_t idc = front[0] >> 5 & 3;
   using Role = StreamUnit::Role;
   switch (type) {
@@ -214,8 +224,7 @@ std::optional<StreamUnit> AVCPictureReader::read(ByteView front) const {
     case avcNALType::pps:
       return idc != 0 ? std::optional(StreamUnit{.role = Role::ahead}) : std::nullopt;
     default:
-      return type > delimiter && type <= filler && idc == 0 ? std::optional(StreamUnit{.role = Role::behind})
-                                                            : std::nullopt;
+      return (isEnd || type == filler) && idc == 0 ? std::optional(StreamUnit{.role = Role::behind}) : std::nullopt;
   }
 }
 

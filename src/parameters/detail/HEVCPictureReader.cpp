@@ -19,6 +19,7 @@ enum NALType : uint8_t {
   cra = 21,
   delimiter = 35,
   endOfSequence = 36,
+  endOfBitstream = 37,
   filler = 38,
   firstUnspecified = 48,
   firstUnspecifiedBehind = 56,
@@ -107,8 +108,10 @@ HEVCPictureReader::HEVCPictureReader(const ParameterSets& sets) {
 }
 
 std::optional<StreamUnit> HEVCPictureReader::read(ByteView front) const {
-  if (front.size() <= headerSize) return std::nullopt;
+  if (front.size() < headerSize) return std::nullopt;
   const uint8_t type = hevcNALCodec.type(front[0]);
+  const bool isEnd = type == endOfSequence || type == endOfBitstream;
+  if (front.size() == headerSize && !isEnd) return std::nullopt;
   const unsigned layer = (front[0] & 1U) << 5 | front[1] >> 3;
   const unsigned temporalID = (front[1] & 7U) - 1;
   if ((front[0] & 0x80) != 0 || layer != 0 || temporalID > 6) return std::nullopt;

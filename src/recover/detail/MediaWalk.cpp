@@ -67,7 +67,7 @@ std::optional<MediaWalk::Unit> MediaWalk::readUnit(uint64_t offset) {
   if (front.size() <= prefix) return std::nullopt;
   uint64_t length = 0;
   for (size_t i = 0; i < prefix; ++i) length = length << 8 | front[i];
-  if (length < 2 || length > bytes_.end() - offset - prefix) return std::nullopt;
+  if (length < 1 || length > bytes_.end() - offset - prefix) return std::nullopt;
   const size_t there = static_cast<size_t>(std::min<uint64_t>(length, front.size() - prefix));
   const auto unit = reader_->read(front.subspan(prefix, there));
   if (!unit) return std::nullopt;
